@@ -47,12 +47,12 @@ enum { DATASTORE_NODE_NAMED = 1, DATASTORE_NODE_WILDCARD = 2 };
 
 /// A node of the item tree, which is kept as an array.
 struct datastore_item_node {
-    const char* name;       ///< null for a wildcard, which matches any one component
-    uint32_t type;          ///< DATASTORE_NODE_
-    int32_t first_child;    ///< index, -1 for a leaf
-    int32_t next_sibling;   ///< index, -1 for the last
-    int32_t handler;        ///< index of its handler entry, -1 for an inner node
-    uint32_t inner;         ///< 1 when the node has children
+    const char* name;      ///< null for a wildcard, which matches any one component
+    uint32_t type;         ///< DATASTORE_NODE_
+    int32_t first_child;   ///< index, -1 for a leaf
+    int32_t next_sibling;  ///< index, -1 for the last
+    int32_t handler;       ///< index of its handler entry, -1 for an inner node
+    uint32_t inner;        ///< 1 when the node has children
 };
 
 /// What an item's value looks like and who handles it. A missing verifier or applier makes the dispatch of the item

@@ -12,7 +12,7 @@ extern "C" {
 #endif
 
 enum {
-    DEBUG_FLAG_TYPE = 7,   ///< a flag that is on or off
+    DEBUG_FLAG_TYPE = 7,  ///< a flag that is on or off
     DEBUG_FLAG_LEVEL = 5,
     DEBUG_ACTION_ON = 1,
     DEBUG_ACTION_OFF = 2

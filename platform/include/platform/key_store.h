@@ -15,8 +15,8 @@ extern "C" {
 enum { KEY_STORE_USER_PUBLIC_KEY = 17, KEY_STORE_DER_MAX = 1024 };
 
 struct key_store_key {
-    uint32_t present;            ///< 1 when the user has a key
-    uint32_t added_by_exec_mode; ///< 1 when it was not added by configuration
+    uint32_t present;             ///< 1 when the user has a key
+    uint32_t added_by_exec_mode;  ///< 1 when it was not added by configuration
     uint32_t bits;
 };
 

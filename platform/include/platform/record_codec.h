@@ -22,8 +22,8 @@ extern "C" {
 #endif
 
 struct record_descriptor {
-    const char* name;            ///< record type
-    const char* library;         ///< descriptor set
+    const char* name;     ///< record type
+    const char* library;  ///< descriptor set
     const char* full_schema;
     const char* compact_schema;
 };

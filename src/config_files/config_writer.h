@@ -1,0 +1,32 @@
+/// Writers: a keyword's line in the default server file, in every VRF's file, and in the client's file.
+#ifndef CONFIG_FILES_CONFIG_WRITER_H
+#define CONFIG_FILES_CONFIG_WRITER_H
+
+#include <cstddef>
+#include <cstdint>
+
+/// Event of a write that sets a value; an event with bit 4 removes the keyword's line.
+inline constexpr uint32_t event_set_value = 3;
+inline constexpr uint32_t event_delete_value = 4;
+
+/// Writes the keyword into the default file and, with `allvrf`, into every VRF's file, whose servers are then restarted.
+/// `value` may be null when deleting. Returns 0, or -1 with errno.
+int update_config_files_restart(uint32_t event, const char* keyword, const char* value, uint32_t allvrf);
+
+/// The same for a keyword with one line for each value of a comma-separated list ("HostKey ").
+int update_config_files_multiple_restart(uint32_t event, const char* keyword, const char* value, uint32_t allvrf);
+
+/// Writes the keyword into the client's file, which is made when it is missing. Failures are only reported.
+void update_client_config_file(uint32_t event, const char* keyword, const char* value);
+
+/// Changes one line of one VRF's file; `new_line` as for update_string_in_file. Returns 0, or -1 with errno.
+int update_vrf_config_file(uint32_t event, const char* vrf_name, const char* keyword, const char* value,
+                           uint32_t* change);
+
+/// Removes a VRF's file; a failure is only traced.
+void delete_vrf_config_file(const char* vrf_name);
+
+/// The path of a VRF's file.
+void vrf_config_file_path(const char* vrf_name, char* path, size_t size);
+
+#endif

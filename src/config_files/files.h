@@ -1,0 +1,15 @@
+/// Small operations on whole files.
+#ifndef CONFIG_FILES_FILES_H
+#define CONFIG_FILES_FILES_H
+
+/// 1 when the file can be opened for reading, 0 when not, -1 for an absent path.
+int file_exists(const char* path);
+
+/// Makes the directory (mode 0755, an existing one is fine) and the file in it, which is emptied. `file` is a whole path.
+/// Returns 0, or -1 with errno.
+int create_file_in_dir(const char* directory, const char* file);
+
+/// Copies through the shell. Returns 0 or -1.
+int copy_file(const char* source, const char* destination);
+
+#endif

@@ -1,0 +1,36 @@
+/// A VRF in which an SSH or NETCONF server is configured.
+#ifndef CONFIG_FILES_VRF_NODE_H
+#define CONFIG_FILES_VRF_NODE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "config_files/line_entry.h"
+
+struct acl_handle;
+
+inline constexpr size_t vrf_name_size = 33;  ///< at most 32 characters and NUL
+inline constexpr size_t acl_name_size = 65;  ///< at most 64 characters and NUL
+
+/// Lines that stand in this VRF's file alone.
+enum vrf_line : size_t { VRF_START_MARKER, VRF_NETCONF_SUBSYSTEM, VRF_END_MARKER, vrf_line_count };
+
+struct vrf_node {
+    char name[vrf_name_size];  ///< without the "vrf-" prefix; "default" for the default VRF
+    int32_t reference_count;   ///< configuration items that want a server in this VRF
+    line_entry lines[vrf_line_count];
+    uint32_t nft_initialised;        ///< 1 once the packet filter's state exists for this VRF
+    char ssh_v4_acl[acl_name_size];  ///< empty when none, as the three below
+    char ssh_v6_acl[acl_name_size];
+    char netconf_v4_acl[acl_name_size];
+    char netconf_v6_acl[acl_name_size];
+    acl_handle* v4_aclhead;  ///< subscriptions; owned by acl/
+    acl_handle* v6_aclhead;
+    uint32_t server_started;  ///< 1 after a configuration or namespace event (re)started the unit
+    vrf_node* next;
+};
+
+/// The node of a VRF (name without prefix), or null.
+vrf_node* find_vrf_node(const char* vrf_name);
+
+#endif

@@ -1,0 +1,37 @@
+/// Every absolute path that the agent uses, in one place.
+#ifndef CORE_PATHS_H
+#define CORE_PATHS_H
+
+namespace paths {
+
+// The node.
+inline constexpr char device[] = "/dev/ssh_cfg_agent";
+inline constexpr char datastore_library[] = "/pkg/lib/libssh_cfg_platform.so";
+inline constexpr char empty_directory[] = "/var/empty";
+inline constexpr char namespace_prefix[] = "/var/run/netns/vrf-";
+
+// Configuration files.
+inline constexpr char configuration_directory[] = "/var/opt/norvo/norvossh/";
+inline constexpr char server_file[] = "/var/opt/norvo/norvossh/sshd_config";
+inline constexpr char vrf_server_file_prefix[] = "/var/opt/norvo/norvossh/sshd_config_";
+inline constexpr char client_file[] = "/var/opt/norvo/norvossh/ssh_config";
+inline constexpr char temporary_file[] = "/var/opt/norvo/norvossh/temp_sshd_config";
+
+// Units of the VRFs' servers.
+inline constexpr char service_unit_prefix[] = "/etc/systemd/system/sshd_service_";
+inline constexpr char environment_file_prefix[] = "/etc/systemd/system/sshd_conf_";
+inline constexpr char service_probe_file[] = "/tmp/norvo_ssh_service.txt";
+
+// Datastore trees.
+inline constexpr char server_tree[] = "/cfg/gl/crypto/ssh/server/";
+inline constexpr char client_tree[] = "/cfg/gl/crypto/ssh/client/";
+inline constexpr char backup_tree[] = "/cfg/gl/crypto/ssh/sshd_backup/";
+inline constexpr char banner_tree[] = "/cfg/gl/banner/";
+inline constexpr char aaa_banner_tree[] = "/cfg/gl/aaa/banner/";
+
+// Platform services.
+inline constexpr char debug_path[] = "/debug/ssh/";
+
+}  // namespace paths
+
+#endif

@@ -1,0 +1,16 @@
+/// Bounded text: what is too long is cut at the buffer's end, never written past it.
+#ifndef CORE_TEXT_H
+#define CORE_TEXT_H
+
+#include <cstddef>
+
+/// Formats into `buffer` (`size` bytes, at least 1), always NUL-terminated. Returns the length stored. Leaves errno alone.
+size_t format_text(char* buffer, size_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+/// Copies `text` (null counts as empty) into `buffer`, cut to `size` - 1 characters. Returns the length stored.
+size_t copy_text(char* buffer, size_t size, const char* text);
+
+/// Whether `text` begins with `prefix`.
+bool begins_with(const char* text, const char* prefix);
+
+#endif

@@ -1,0 +1,34 @@
+/// Calls from a lower room of the agent into a higher one.
+///
+/// A room includes only rooms below it, so what it needs from above it calls through this row of functions, which
+/// start-up fills before the first event. A missing function means that this agent has no such facility.
+#ifndef CORE_UPCALLS_H
+#define CORE_UPCALLS_H
+
+#include <cstdint>
+
+struct vrf_node;
+
+struct upcalls {
+    // vrf/, for the writers in config_files/
+    int (*ssh_process_restart)(uint32_t start, const char* vrf_name);  ///< 1 restarts, 0 stops; 0 or -1
+    void (*delete_vrf_node)(vrf_node* node);
+
+    // acl/, for the VRF and namespace handlers. `kind`: 0 SSH IPv4, 1 NETCONF IPv4, 2 SSH IPv6, 3 NETCONF IPv6.
+    int (*create_nft_table)(const char* vrf_name);                    ///< 0 or -1
+    int (*ssh_flush_nft_table)(const char* vrf_name, uint32_t kind);  ///< 0 or -1
+    int (*ssh_configure_v4acl)(vrf_node* node, uint32_t kind);        ///< 0 or -1
+    int (*ssh_configure_v6acl)(vrf_node* node, uint32_t kind);        ///< 0 or -1
+    void (*ssh_remove_v4acl_config)(vrf_node* node, uint32_t kind);
+    void (*ssh_remove_v6acl_config)(vrf_node* node, uint32_t kind);
+
+    // oper/
+    void (*ocssh_telemetry_publish)();
+};
+
+extern upcalls upcall;
+
+/// Publishes the server's telemetry state, when this agent has telemetry.
+void publish_telemetry();
+
+#endif
