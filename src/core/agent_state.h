@@ -12,7 +12,7 @@ struct agent_state {
     struct event_manager* event_manager;
     uint32_t process_role;   ///< PROCESS_ROLE_PRIMARY need not wait to become primary
     uint32_t respawn_count;  ///< 0 and 1: fresh start; 2 and above: restart after a failure
-    int pam_inotify;         ///< inotify instance that watches the PAM directory; -1 before it exists
+    int pam_inotify = -1;    ///< inotify instance that watches the PAM directory; -1 before it exists
     struct datastore_binding* server_binding;
     struct datastore_binding* client_binding;
     struct datastore_binding* backup_binding;
