@@ -1,0 +1,201 @@
+#include "control_protocol/json_text.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+#include <vector>
+
+namespace {
+
+/// The name that two members of an object have; null when all differ.
+const std::string* duplicate_member(const control_json& object) {
+    std::vector<const std::string*> names;
+    names.reserve(object.size());
+    for (const auto& member : object.get_ref<const control_json::object_t&>()) {
+        names.push_back(&member.first);
+    }
+    const auto less = [](const std::string* left, const std::string* right) { return *left < *right; };
+    const auto equal = [](const std::string* left, const std::string* right) { return *left == *right; };
+    std::sort(names.begin(), names.end(), less);
+    const auto found = std::adjacent_find(names.begin(), names.end(), equal);
+    return found == names.end() ? nullptr : *found;
+}
+
+/// Builds the document from the parser's events and stops at the first thing that is not wanted.
+class document_builder {
+  public:
+    using number_integer_t = control_json::number_integer_t;
+    using number_unsigned_t = control_json::number_unsigned_t;
+    using number_float_t = control_json::number_float_t;
+    using string_t = control_json::string_t;
+    using binary_t = control_json::binary_t;
+
+    explicit document_builder(std::string& reason) : error(reason) {}
+
+    control_json document;
+
+    bool null() { return add(nullptr); }
+    bool boolean(bool value) { return add(value); }
+    bool number_integer(number_integer_t value) { return add(value); }
+    bool number_unsigned(number_unsigned_t value) { return add(value); }
+    bool number_float(number_float_t value, const string_t& /*text*/) { return add(value); }
+    bool string(string_t& value) { return add(std::move(value)); }
+    bool binary(binary_t& /*value*/) { return false; }
+
+    bool start_object(size_t /*size*/) { return open(control_json::value_t::object); }
+    bool start_array(size_t /*size*/) { return open(control_json::value_t::array); }
+    bool end_array() {
+        open_containers.pop_back();
+        return true;
+    }
+
+    // The member goes straight into the object's storage: looking for an earlier one of that name each time would take
+    // the square of the members. end_object looks once.
+    bool key(string_t& name) {
+        auto& members = open_containers.back()->get_ref<control_json::object_t&>();
+        members.emplace_back(std::move(name), nullptr);
+        member_value = &members.back().second;
+        return true;
+    }
+
+    bool end_object() {
+        const std::string* twice = duplicate_member(*open_containers.back());
+        open_containers.pop_back();
+        if (twice != nullptr) {
+            return refuse("the name \"" + control_printable(*twice, 200) + "\" stands twice in one object");
+        }
+        return true;
+    }
+
+    template <class parse_exception>
+    bool parse_error(size_t /*position*/, const std::string& /*last_token*/, const parse_exception& exception) {
+        std::string_view text = exception.what();
+        // The library puts its own name and an error number before the text.
+        if (const size_t end = text.find("] "); text.starts_with('[') && end != std::string_view::npos) {
+            text.remove_prefix(end + 2);
+        }
+        return refuse("not JSON: " + control_printable(text, 300));
+    }
+
+  private:
+    std::string& error;
+    std::vector<control_json*> open_containers;
+    control_json* member_value = nullptr;
+    size_t values = 0;
+
+    bool refuse(std::string reason) {
+        error = std::move(reason);
+        return false;
+    }
+
+    control_json* place() {
+        if (open_containers.empty()) {
+            return &document;
+        }
+        control_json* container = open_containers.back();
+        if (container->is_array()) {
+            container->get_ref<control_json::array_t&>().emplace_back();
+            return &container->get_ref<control_json::array_t&>().back();
+        }
+        return member_value;
+    }
+
+    template <class value_type>
+    bool add(value_type&& value) {
+        if (++values > CONTROL_JSON_VALUES_MAX) {
+            return refuse("more than " + std::to_string(CONTROL_JSON_VALUES_MAX) + " values in one document");
+        }
+        *place() = control_json(std::forward<value_type>(value));
+        return true;
+    }
+
+    bool open(control_json::value_t type) {
+        if (open_containers.size() == CONTROL_JSON_DEPTH_MAX) {
+            return refuse("arrays and objects are nested deeper than " + std::to_string(CONTROL_JSON_DEPTH_MAX));
+        }
+        if (++values > CONTROL_JSON_VALUES_MAX) {
+            return refuse("more than " + std::to_string(CONTROL_JSON_VALUES_MAX) + " values in one document");
+        }
+        control_json* container = place();
+        *container = control_json(type);
+        open_containers.push_back(container);
+        return true;
+    }
+};
+
+/// Length of the well-formed UTF-8 character that the text begins with; 0 when it begins with none.
+size_t utf8_character(std::string_view text) {
+    const auto byte = [text](size_t index) -> uint32_t { return static_cast<unsigned char>(text[index]); };
+    const uint32_t first = byte(0);
+    const size_t length = first < 0x80   ? 1
+                          : first < 0xc2 ? 0
+                          : first < 0xe0 ? 2
+                          : first < 0xf0 ? 3
+                          : first < 0xf5 ? 4
+                                         : 0;
+    if (length < 2) {
+        return length;
+    }
+    if (text.size() < length) {
+        return 0;
+    }
+    uint32_t code = first & (0xffU >> (length + 1));
+    for (size_t index = 1; index < length; index++) {
+        if ((byte(index) & 0xc0) != 0x80) {
+            return 0;
+        }
+        code = code << 6 | (byte(index) & 0x3f);
+    }
+    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
+    const bool surrogate = code >= 0xd800 && code < 0xe000;
+    return overlong || surrogate || code > 0x10ffff ? 0 : length;
+}
+
+/// C0, DEL and C1, which a terminal or a log might obey.
+bool is_control(std::string_view character) {
+    const auto first = static_cast<unsigned char>(character[0]);
+    const bool c1 = character.size() == 2 && first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
+    return first < 0x20 || first == 0x7f || c1;
+}
+
+}  // namespace
+
+std::string control_printable(std::string_view text, size_t length_max) {
+    std::string printable;
+    while (!text.empty()) {
+        const size_t length = utf8_character(text);
+        const std::string_view character = text.substr(0, std::max<size_t>(length, 1));
+        if (printable.size() + character.size() > length_max) {
+            return printable + "...";
+        }
+        if (length > 0 && !is_control(character)) {
+            printable.append(character);
+        } else {
+            for (const char byte : character) {
+                char escaped[8];
+                snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(byte));
+                printable.append(escaped);
+            }
+        }
+        text.remove_prefix(character.size());
+    }
+    return printable;
+}
+
+std::optional<control_json> control_json_parse(std::string_view text, std::string& error) {
+    // The parser takes a NUL for the end of the document and would leave unread what stands behind it.
+    if (text.find('\0') != std::string_view::npos) {
+        error = "not JSON: a NUL byte stands in it";
+        return std::nullopt;
+    }
+    document_builder builder(error);
+    if (!control_json::sax_parse(text.begin(), text.end(), &builder)) {
+        return std::nullopt;
+    }
+    return std::move(builder.document);
+}
+
+std::string control_json_text(const control_json& value) {
+    return value.dump(-1, ' ', false, control_json::error_handler_t::replace);
+}

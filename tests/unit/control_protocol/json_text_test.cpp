@@ -1,0 +1,126 @@
+#include "control_protocol/json_text.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+namespace {
+
+using testing::Test;
+
+std::string refusal(std::string_view text) {
+    std::string error;
+    EXPECT_FALSE(control_json_parse(text, error).has_value()) << text.substr(0, 80);
+    EXPECT_FALSE(error.empty());
+    return error;
+}
+
+std::string read_and_written(std::string_view text) {
+    std::string error;
+    const auto document = control_json_parse(text, error);
+    EXPECT_TRUE(document.has_value()) << error;
+    return document.has_value() ? control_json_text(*document) : error;
+}
+
+std::string nested(size_t depth, const char* open, const char* close) {
+    std::string text;
+    for (size_t level = 0; level < depth; level++) {
+        text += open;
+    }
+    for (size_t level = 0; level < depth; level++) {
+        text += close;
+    }
+    return text;
+}
+
+TEST(control_json, reads_every_kind_of_value_and_keeps_the_order) {
+    const char text[] = R"({"z":1,"a":-2,"m":[null,true,false,1.5,"ü",{}],"b":18446744073709551615,"c":{"x":[]}})";
+    EXPECT_EQ(read_and_written(text), text);
+    EXPECT_EQ(read_and_written(" \n 7 "), "7");
+}
+
+TEST(control_json, names_a_member_that_stands_twice) {
+    EXPECT_EQ(refusal(R"({"a":1,"b":2,"a":3})"), "the name \"a\" stands twice in one object");
+    EXPECT_EQ(refusal(R"([{"x":{"k\n":1,"k\n":1}}])"), "the name \"k\\x0a\" stands twice in one object");
+    EXPECT_EQ(refusal(R"({"a":1,"\u0061":2})"), "the name \"a\" stands twice in one object");
+    EXPECT_EQ(read_and_written(R"([{"a":1},{"a":2}])"), R"([{"a":1},{"a":2}])");
+}
+
+TEST(control_json, depth_is_bounded) {
+    EXPECT_EQ(read_and_written(nested(16, "[", "]")), nested(16, "[", "]"));
+    EXPECT_EQ(refusal(nested(17, "[", "]")), "arrays and objects are nested deeper than 16");
+    EXPECT_EQ(refusal(nested(17, "{\"a\":", "}")), "arrays and objects are nested deeper than 16");
+    // A million brackets must neither take the stack nor the day.
+    EXPECT_EQ(refusal(std::string(1'000'000, '[')), "arrays and objects are nested deeper than 16");
+}
+
+TEST(control_json, number_of_values_is_bounded) {
+    std::string text = "[0";
+    for (size_t count = 1; count < CONTROL_JSON_VALUES_MAX; count++) {
+        text += ",0";
+    }
+    EXPECT_EQ(refusal(text + "]"), "more than 500000 values in one document");
+    EXPECT_EQ(read_and_written(text.substr(0, text.size() - 2) + "]").size(), text.size() - 1);
+}
+
+TEST(control_json, a_large_object_takes_no_square_of_time) {
+    std::string text = "{\"p\":0";
+    for (int member = 0; member < 100'000; member++) {
+        text += ",\"/cfg/gl/a/long/common/beginning/" + std::to_string(member) + "\":1";
+    }
+    const auto start = std::chrono::steady_clock::now();
+    read_and_written(text + "}");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST(control_json, what_is_not_utf_8_is_refused) {
+    EXPECT_NE(refusal("\"\xff\"").find("not JSON: "), std::string::npos);
+    EXPECT_NE(refusal("\"\xc0\x80\"").find("UTF-8"), std::string::npos);          // overlong
+    EXPECT_NE(refusal("\"\xed\xa0\x80\"").find("UTF-8"), std::string::npos);      // surrogate
+    EXPECT_NE(refusal("\"\xf4\x90\x80\x80\"").find("UTF-8"), std::string::npos);  // beyond the last character
+    EXPECT_NE(refusal("\"\xe2\x82").find("UTF-8"), std::string::npos);            // cut off
+    refusal("\xff\xfe");
+}
+
+TEST(control_json, a_nul_byte_does_not_hide_what_follows) {
+    using namespace std::string_literals;
+    EXPECT_EQ(refusal("{}\0{}"s), "not JSON: a NUL byte stands in it");
+    EXPECT_EQ(refusal("\"a\0b\""s), "not JSON: a NUL byte stands in it");
+    EXPECT_EQ(read_and_written(R"("a\u0000b")"), R"("a\u0000b")");
+}
+
+TEST(control_json, what_is_no_document_is_refused) {
+    for (const char* text :
+         {"",    " ",   "{",   "}",       "[1,]", "{\"a\"}",  "{a:1}",   "01",     "1 2",   "{} x",
+          "nul", "'a'", "\"a", "// c\n1", "NaN",  "Infinity", "\"\\x\"", "\"\n\"", "1e999", "\"\\ud800\""}) {
+        EXPECT_TRUE(refusal(text).starts_with("not JSON: ")) << text;
+    }
+}
+
+TEST(control_json, errors_say_where_and_fit_one_line) {
+    EXPECT_NE(refusal("{\n  \"a\": 1\n  \"b\": 2\n}").find("line 3, column 5"), std::string::npos);
+    const std::string error = refusal("\"" + std::string(100'000, 'x') + "\n");
+    EXPECT_LT(error.size(), 400U);
+    EXPECT_EQ(error.find('\n'), std::string::npos);
+}
+
+TEST(control_json, text_never_fails_on_bytes_that_are_not_utf_8) {
+    EXPECT_EQ(control_json_text(control_json("a\xff")), "\"a\xef\xbf\xbd\"");
+}
+
+TEST(control_printable, escapes_what_a_terminal_or_log_would_obey) {
+    EXPECT_EQ(control_printable("plain ü €", 100), "plain ü €");
+    EXPECT_EQ(control_printable("a\nb\x1b[2J\x7f", 100), "a\\x0ab\\x1b[2J\\x7f");
+    EXPECT_EQ(control_printable("\xc2\x9b|\xff|\xc2", 100), "\\xc2\\x9b|\\xff|\\xc2");
+    EXPECT_EQ(control_printable("\xe0\x80\x80 \xed\xa0\x80 \xf0\x80\x80\x80 \xf4\x90\x80\x80", 200).find('\xe0'),
+              std::string::npos);
+}
+
+TEST(control_printable, cuts_at_a_character) {
+    EXPECT_EQ(control_printable("abcdef", 6), "abcdef");
+    EXPECT_EQ(control_printable("abcdefg", 6), "abcdef...");
+    EXPECT_EQ(control_printable("aü", 2), "a...");
+}
+
+}  // namespace
