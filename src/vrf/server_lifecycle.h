@@ -2,10 +2,14 @@
 #ifndef VRF_SERVER_LIFECYCLE_H
 #define VRF_SERVER_LIFECYCLE_H
 
+#include <cstddef>
 #include <cstdint>
 
+/// What a VRF's name has before it in the name of its network namespace.
+inline constexpr char vrf_namespace_prefix[] = "vrf-";
+
 /// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, with the VRF blocked in management-plane protection
-/// while it restarts. Returns 0 or -1.
+/// while it restarts. Returns 0 or -1; a VRF whose server could not be started stays blocked.
 int ssh_process_restart(uint32_t start, const char* vrf_name);
 
 /// Makes sure that the VRF's file exists and is not a stale one (asked only for a new node), and adds the line of
@@ -15,5 +19,8 @@ int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, co
 
 /// Whether the VRF's network namespace exists.
 bool vrf_namespace_exists(const char* vrf_name);
+
+/// The name of the VRF's network namespace: "vrf-" and its own.
+void vrf_namespace_name(const char* vrf_name, char* name, size_t size);
 
 #endif

@@ -1,0 +1,204 @@
+#include "vrf/server_lifecycle.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config_files/config_writer.h"
+#include "config_files/files.h"
+#include "config_files/line_editor.h"
+#include "config_files/vrf_node.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/text.h"
+#include "vrf/protection.h"
+#include "vrf/service_unit.h"
+#include "vrf/shell_command.h"
+#include "vrf/trace_points.h"
+
+namespace {
+
+constexpr size_t line_size = 4096;
+constexpr size_t command_size = 256;
+
+/// There is no unit: 0 when the VRF's server has not been started yet, -1 when it should have had one.
+int report_missing_unit(const char* vrf_name) {
+    debug_print("%s, Service file doesn't exist for vrf:=%s", "ssh_process_restart", vrf_name);
+    const vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr && node->server_started != 0) {
+        log_error("Service file doesn't exist");
+        return -1;
+    }
+    trace_error(vrf_trace_unit_missing, {vrf_name});
+    return 0;
+}
+
+int start_server(const char* vrf_name) {
+    debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
+    vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr && node->nft_initialised == 0) {
+        initialise_vrf_filter(vrf_name);
+        node->nft_initialised = 1;
+    }
+    block_vrf(vrf_name);
+    char command[command_size];
+    format_text(command, sizeof command, "systemctl restart sshd_service_%s", vrf_name);
+    if (shell_command_failed(command)) {
+        const int error = errno;
+        debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to start the server", vrf_name, platform_status_text(error),
+                    error);
+        trace_error(vrf_trace_start, {vrf_name, error});
+        // Without a server the VRF has nothing to let connections in for: it stays blocked until a start succeeds.
+        return -1;
+    }
+    unblock_vrf(vrf_name);
+    trace_event(vrf_trace_restarted, {vrf_name});
+    return 0;
+}
+
+int stop_server(const char* vrf_name) {
+    char command[command_size];
+    format_text(command, sizeof command, "systemctl stop sshd_service_%s", vrf_name);
+    if (shell_command_failed(command)) {
+        const int error = errno;
+        debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to kill the server", vrf_name, platform_status_text(error),
+                    error);
+        trace_error(vrf_trace_stop, {vrf_name, error});
+        errno = error;
+        return -1;
+    }
+    unblock_vrf(vrf_name);
+    trace_event(vrf_trace_stopped, {vrf_name});
+    return 0;
+}
+
+/// Reads the probe file's first line, without its newline. 0, or -1 when it is reported.
+int read_probe_line(const char* vrf_name, char* line, int size) {
+    FILE* probe = std::fopen(paths::service_probe_file, "r");
+    if (probe == nullptr) {
+        const int error = errno;
+        debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to open service file", platform_status_text(error), error,
+                    vrf_name);
+        log_status(ERR_ERRNO, error, "Failed to open service file");
+        trace_error(vrf_trace_probe, {vrf_name, error});
+        return -1;
+    }
+    const bool read = std::fgets(line, size, probe) != nullptr;
+    const int error = errno;
+    std::fclose(probe);
+    if (!read) {
+        debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to read service file", platform_status_text(error), error,
+                    vrf_name);
+        log_status(ERR_ERRNO, error, "Failed to read service file");
+        trace_error(vrf_trace_probe, {vrf_name, error});
+        return -1;
+    }
+    line[std::strcspn(line, "\n")] = '\0';
+    return 0;
+}
+
+/// Asks systemd whether the VRF's server runs. Returns 0 and the answer, or -1 when it cannot be told.
+int probe_server(const char* vrf_name, bool* active) {
+    char command[command_size];
+    format_text(command, sizeof command, paths::service_probe_command, vrf_name);
+    if (std::system(command) == -1) {
+        const int error = errno;
+        debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to check process running status",
+                    platform_status_text(error), error, vrf_name);
+        log_status(ERR_ERRNO, error, "Failed to check process running status");
+        trace_error(vrf_trace_probe, {vrf_name, error});
+        return -1;
+    }
+    char line[line_size];
+    if (read_probe_line(vrf_name, line, sizeof line) != 0) {
+        return -1;
+    }
+    debug_print("vrf-name:=%s, content %s", vrf_name, line);
+    *active = begins_with(line, "active");
+    return 0;
+}
+
+int copy_default_file(const char* vrf_name, const char* path, uint32_t* change) {
+    if (copy_file(paths::server_file, path) != 0) {
+        const int error = errno;
+        debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to copy config file", platform_status_text(error), error,
+                    vrf_name);
+        log_status(ERR_ERRNO, error, "Failed to copy config file");
+        trace_error(vrf_trace_copy, {vrf_name, error});
+        return -1;
+    }
+    *change = 1;
+    return 0;
+}
+
+/// A running server keeps the file it was started with; a file left behind by a stopped one may be stale and is made
+/// anew.
+int renew_stale_file(const char* vrf_name, const char* path, uint32_t* change) {
+    bool active = false;
+    if (probe_server(vrf_name, &active) != 0) {
+        return -1;
+    }
+    if (active) {
+        return 0;
+    }
+    if (std::remove(path) != 0) {
+        trace_error(vrf_trace_copy, {vrf_name, errno});
+    }
+    return copy_default_file(vrf_name, path, change);
+}
+
+}  // namespace
+
+void vrf_namespace_name(const char* vrf_name, char* name, size_t size) {
+    format_text(name, size, "%s%s", vrf_namespace_prefix, vrf_name);
+}
+
+bool vrf_namespace_exists(const char* vrf_name) {
+    char path[PATH_MAX];
+    format_text(path, sizeof path, "%s%s", paths::namespace_prefix, vrf_name);
+    struct stat status;
+    return stat(path, &status) == 0;
+}
+
+int ssh_process_restart(uint32_t start, const char* vrf_name) {
+    if (vrf_name == nullptr) {
+        debug_print("Vrf-name:=NULL, Restart of process failed");
+        trace_error(vrf_trace_restart_name_missing);
+        return -1;
+    }
+    char unit[PATH_MAX];
+    service_unit_path(vrf_name, unit, sizeof unit);
+    if (file_exists(unit) != 1) {
+        return report_missing_unit(vrf_name);
+    }
+    return start != 0 ? start_server(vrf_name) : stop_server(vrf_name);
+}
+
+int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, const char* value, uint32_t* change,
+                     int new_node) {
+    char path[PATH_MAX];
+    vrf_config_file_path(vrf_name, path, sizeof path);
+    if (file_exists(path) == 1) {
+        debug_print("file exists");
+        if (new_node == 1 && renew_stale_file(vrf_name, path, change) != 0) {
+            return -1;
+        }
+    } else {
+        debug_print("vrf config does not exist, creating");
+        if (copy_default_file(vrf_name, path, change) != 0) {
+            return -1;
+        }
+    }
+    if (add_line == 1) {
+        char line[line_size];
+        format_text(line, sizeof line, "%s %s", keyword, value);
+        // The editor reports its own failure; the server is better started without this line than not at all.
+        update_string_in_file(path, keyword, 1, line, change);
+    }
+    return 0;
+}

@@ -1,0 +1,210 @@
+#include "vrf/service_unit.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include "core/debug.h"
+#include "core/paths.h"
+#include "core/text.h"
+#include "platform/vrf_table.h"
+#include "vrf/server_lifecycle.h"
+#include "vrf/shell_command.h"
+#include "vrf/trace_points.h"
+
+namespace {
+
+constexpr size_t file_text_size = 4096;
+constexpr mode_t file_mode = 0644;
+constexpr char file_mode_text[] = "0644";
+
+// The comment and the burst disagree; the installed routers have both this way.
+constexpr char unit_text[] =
+    "[Unit]\n"
+    "Description=NorvoSSH sshd service\n"
+    "#Restricting respawn count to 5 with a time interval of 20 seconds\n"
+    "StartLimitIntervalSec=20\n"
+    "StartLimitBurst=20\n"
+    "\n"
+    "[Service]\n"
+    "Type=simple\n"
+    "SELinuxContext=system_u:system_r:initrc_t:s0\n"
+    "EnvironmentFile=%s\n"
+    "ExecStart=/sbin/ip $ARG1 $ARG2 $ARG3 $ARG4 $ARG5 $ARG6 $ARG7 $ARG8\n"
+    "ExecStop=/bin/kill -s TERM $MAINPID\n"
+    "ExecReload=/bin/kill -s HUP $MAINPID\n"
+    "KillMode=process\n"
+    "Restart=on-failure\n"
+    "RestartSec=2\n"
+    "\n"
+    "[Install]\n"
+    "WantedBy=multi-user.target\n";
+
+constexpr char environment_text[] =
+    "ARG1=netns\n"
+    "ARG2=exec\n"
+    "ARG3=vrf-%s\n"
+    "ARG4=/pkg/bin/sshd\n"
+    "ARG5=-f\n"
+    "ARG6=%s%s\n"
+    "ARG7=-v\n"
+    "ARG8=%" PRIu32
+    "\n"
+    "PATH=/pkg/sbin:/pkg/bin:/usr/local/sbin:/usr/sbin:/sbin:/usr/local/bin:/usr/bin:/bin\n"
+    "LD_LIBRARY_PATH=/pkg/lib/override:/pkg/lib:/pkg/lib/cerrno:/pkg/lib/mib:/pkg/lib/spp_plugins:"
+    "/pkg/thirdparty_lib/lib64:/pkg/thirdparty_lib/lib:/pkg/thirdparty_lib/usr/lib64:/pkg/thirdparty_lib:/usr/lib\n";
+
+/// One of the two files: its reports, and the mode that its write failure is traced with.
+struct file_reports {
+    const char* open_failed;
+    const char* write_failed;
+    const char* traced_mode;
+    vrf_trace_point open_point;
+    vrf_trace_point write_point;
+};
+
+constexpr file_reports unit_reports = {
+    "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Service File open failed",
+    "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Service File write failed",
+    "0644",
+    vrf_trace_unit_open,
+    vrf_trace_unit_write,
+};
+
+// The traced mode is not the one that the file gets; whoever evaluates traces knows this failure by it.
+constexpr file_reports environment_reports = {
+    "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Conf File open failed",
+    "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Config File write failed",
+    "0664",
+    vrf_trace_environment_open,
+    vrf_trace_environment_write,
+};
+
+/// The part of a prefixed name after "vrf-"; null, reported under `routine`, when there is none.
+const char* name_without_prefix(const char* routine, const char* prefixed_name) {
+    if (prefixed_name == nullptr) {
+        debug_print("%s - Vrf-name is NULL", routine);
+        trace_error(vrf_trace_unit_name_missing);
+        return nullptr;
+    }
+    if (!begins_with(prefixed_name, vrf_namespace_prefix)) {
+        debug_print("%s - Vrf name not starting with vrf-", routine);
+        trace_error(vrf_trace_unit_name_unprefixed, {prefixed_name});
+        return nullptr;
+    }
+    return prefixed_name + std::strlen(vrf_namespace_prefix);
+}
+
+/// 0, or -1 with errno.
+int write_whole(int fd, const char* text, size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(fd, text, length);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written < 0) {
+            return -1;
+        }
+        text += written;
+        length -= static_cast<size_t>(written);
+    }
+    return 0;
+}
+
+/// Writes the text over the file's beginning. A longer file keeps its tail: it is not truncated.
+int overwrite_file(const char* routine, const char* path, const char* text, size_t length,
+                   const file_reports& reports) {
+    const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, file_mode);
+    if (fd < 0) {
+        const int error = errno;
+        debug_print(reports.open_failed, routine, path, file_mode_text, platform_status_text(error), error);
+        trace_error(reports.open_point, {path, file_mode_text, error});
+        return -1;
+    }
+    if (write_whole(fd, text, length) != 0) {
+        const int error = errno;
+        debug_print(reports.write_failed, routine, path, file_mode_text, platform_status_text(error), error);
+        trace_error(reports.write_point, {path, reports.traced_mode, error});
+        close(fd);
+        return -1;
+    }
+    close(fd);
+    return 0;
+}
+
+int write_unit(const char* routine, const char* vrf_name) {
+    char environment_path[PATH_MAX];
+    environment_file_path(vrf_name, environment_path, sizeof environment_path);
+    char path[PATH_MAX];
+    service_unit_path(vrf_name, path, sizeof path);
+    char text[file_text_size];
+    const size_t length = format_text(text, sizeof text, unit_text, environment_path);
+    return overwrite_file(routine, path, text, length, unit_reports);
+}
+
+int write_environment(const char* routine, const char* vrf_name, uint32_t vrf_id) {
+    char path[PATH_MAX];
+    environment_file_path(vrf_name, path, sizeof path);
+    char text[file_text_size];
+    const size_t length =
+        format_text(text, sizeof text, environment_text, vrf_name, paths::vrf_server_file_prefix, vrf_name, vrf_id);
+    return overwrite_file(routine, path, text, length, environment_reports);
+}
+
+void remove_file(const char* path) {
+    if (std::remove(path) != 0) {
+        trace_error(vrf_trace_unit_remove, {path, errno});
+    }
+}
+
+}  // namespace
+
+void service_unit_path(const char* vrf_name, char* path, size_t size) {
+    format_text(path, size, "%s%s.service", paths::service_unit_prefix, vrf_name);
+}
+
+void environment_file_path(const char* vrf_name, char* path, size_t size) {
+    format_text(path, size, "%s%s.conf", paths::environment_file_prefix, vrf_name);
+}
+
+int create_sshd_service_config_file(const char* prefixed_name) {
+    const char* vrf_name = name_without_prefix(__func__, prefixed_name);
+    if (vrf_name == nullptr) {
+        return -1;
+    }
+    uint32_t vrf_id = 0;
+    const platform_status status = vrf_table_lookup(vrf_name, &vrf_id);
+    if (status != PLATFORM_OK) {
+        debug_print("Vrf-name:=%s, Failed to get the vrf id, Error:= %s", vrf_name, platform_status_text(status));
+        trace_error(vrf_trace_vrf_id, {vrf_name, status});
+        return -1;
+    }
+    debug_print("%s - vrf-name:=%s, vrfid = %u", __func__, vrf_name, vrf_id);
+    if (write_unit(__func__, vrf_name) != 0 || write_environment(__func__, vrf_name, vrf_id) != 0) {
+        return -1;
+    }
+    if (shell_command_failed("systemctl daemon-reload")) {
+        const int error = errno;
+        debug_print("Error:=%s(0x%x), Failed to reload systemctl ", platform_status_text(error), error);
+        trace_error(vrf_trace_daemon_reload, {vrf_name, error});
+        return -1;
+    }
+    return 0;
+}
+
+void remove_sshd_service_config_file(const char* prefixed_name) {
+    const char* vrf_name = name_without_prefix(__func__, prefixed_name);
+    if (vrf_name == nullptr) {
+        return;
+    }
+    char path[PATH_MAX];
+    service_unit_path(vrf_name, path, sizeof path);
+    remove_file(path);
+    environment_file_path(vrf_name, path, sizeof path);
+    remove_file(path);
+}

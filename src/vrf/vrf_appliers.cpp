@@ -1,0 +1,421 @@
+#include "vrf/vrf_appliers.h"
+
+#include <cstring>
+
+#include "config_files/config_writer.h"
+#include "config_files/parameter_table.h"
+#include "core/agent_state.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/text.h"
+#include "core/upcalls.h"
+#include "platform/mpp.h"
+#include "platform/value_tuple.h"
+#include "vrf/access_lists.h"
+#include "vrf/node_registry.h"
+#include "vrf/protection.h"
+#include "vrf/server_lifecycle.h"
+#include "vrf/service_unit.h"
+#include "vrf/trace_points.h"
+
+uint32_t default_vrf_configured = 0;
+
+namespace {
+
+constexpr char default_vrf[] = "default";
+constexpr uint32_t vrf_name_component = 2;
+constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
+constexpr size_t namespace_name_size = sizeof "vrf-" + vrf_name_size;
+
+/// What a VRF item asks for.
+struct vrf_request {
+    const char* vrf_name;
+    const char* v4_acl;  ///< null when none is given, as the next
+    const char* v6_acl;
+};
+
+/// A service that a VRF's server can offer, and how its VRF items differ from the other service's.
+struct server_kind {
+    const char* routine;
+    const char* event_text;
+    void (*describe)(const vrf_node* node, const vrf_request& request);
+    uint32_t service;                ///< towards management-plane protection
+    size_t port;                     ///< entry of the server parameter table
+    bool port_yields_to_setting;     ///< a configured port replaces the VRF's own port line
+    const char* subsystem;           ///< program behind the service's subsystem; null when it has none
+    bool follows_default_vrf;        ///< the VRF "default" is shared with the protocol item
+    bool restarts_remaining_server;  ///< when another item still holds the server, whether the file changed or not
+    acl_slot v4;
+    acl_slot v6;
+};
+
+void describe_ssh(const vrf_node* node, const vrf_request& request) {
+    debug_print("vrfnode->vrf_name: %s, name:%s", node != nullptr ? node->name : "", request.vrf_name);
+}
+
+void describe_netconf(const vrf_node*, const vrf_request& request) {
+    debug_print("Netconf v4 acl name = %s, Netconf v6 acl name = %s", request.v4_acl != nullptr ? request.v4_acl : "",
+                request.v6_acl != nullptr ? request.v6_acl : "");
+}
+
+constexpr server_kind ssh_server = {
+    .routine = "sshd_apply_vrf_func",
+    .event_text = "Event:=%d, Config:=ssh server vrf",
+    .describe = describe_ssh,
+    .service = MPP_SERVICE_SSH,
+    .port = SERVER_PORT,
+    .port_yields_to_setting = false,
+    .subsystem = nullptr,
+    .follows_default_vrf = true,
+    .restarts_remaining_server = false,
+    .v4 = {&vrf_node::ssh_v4_acl, ACL_SSH_V4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
+           "Failed to configure v4 acl = %s", "Failed to configure v4 acl", "for vrf: "},
+    .v6 = {&vrf_node::ssh_v6_acl, ACL_SSH_V6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
+           "Failed to configure v6 acl = %s", "Failed to configure v6 acl", "for vrf: "},
+};
+
+constexpr server_kind netconf_server = {
+    .routine = "sshd_apply_conf_netconf_vrf",
+    .event_text = "Event:=%d, Config:=ssh server netconf vrf",
+    .describe = describe_netconf,
+    .service = MPP_SERVICE_NETCONF,
+    .port = SERVER_NETCONF_PORT,
+    .port_yields_to_setting = true,
+    .subsystem = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1",
+    .follows_default_vrf = false,
+    .restarts_remaining_server = true,
+    .v4 = {&vrf_node::netconf_v4_acl, ACL_NETCONF_V4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
+           "Failed to configure netconf v4 acl = %s", "Failed to configure netconf v4 acl", "for vrf: "},
+    .v6 = {&vrf_node::netconf_v6_acl, ACL_NETCONF_V6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
+           "Failed to configure netconf v6 acl = %s", "Failed to configure netconf v6 acl", "for vrf: "},
+};
+
+bool is_default_vrf(const char* vrf_name) {
+    return std::strncmp(vrf_name, default_vrf, vrf_name_size - 1) == 0;
+}
+
+const char* given_name(const char* text) {
+    return text != nullptr && text[0] != '\0' ? text : nullptr;
+}
+
+/// Unpacks the item's value; a removal has none. Returns 0, or -1 when it is reported.
+int read_request(const datastore_change& change, const char* vrf_name, vrf_request* request) {
+    *request = {vrf_name, nullptr, nullptr};
+    if ((change.event & create_or_set) == 0) {
+        return 0;
+    }
+    tuple_field fields[3] = {};
+    uint32_t mask = 0;
+    const platform_status status = change.value == nullptr
+                                       ? platform_status{TUPLE_MALFORMED}
+                                       : tuple_decode_mask(change.value, change.value_size, "%d%S%S", fields, 3, &mask);
+    if (status != PLATFORM_OK) {
+        log_location(ERR_DATASTORE_UNPACK, status, vrf_name);
+        trace_error(vrf_trace_item_unpack, {vrf_name, status});
+        return -1;
+    }
+    request->v4_acl = given_name(fields[1].text);
+    request->v6_acl = given_name(fields[2].text);
+    return 0;
+}
+
+/// Takes one reference for an item on the VRF's node, which is made when there is none. During the initial scan every
+/// item counts; later on only one that is new. Null when out of memory.
+vrf_node* hold_vrf_node(const char* vrf_name, uint32_t event, bool* created) {
+    vrf_node* node = find_vrf_node(vrf_name);
+    *created = node == nullptr;
+    if (node == nullptr) {
+        debug_print("vrf:=%s, ssh server will be started", vrf_name);
+        return create_vrf_node(vrf_name);
+    }
+    debug_print("vrf:=%s, refCnt:=%d, ssh server already running", vrf_name, node->reference_count);
+    if ((event & DATASTORE_EVENT_CREATE) != 0 || agent.initial_scan_complete == 0) {
+        ++node->reference_count;
+    }
+    return node;
+}
+
+void release_reference(vrf_node* node) {
+    --node->reference_count;
+    debug_print("vrf:=%s, refCnt:=%d, ssh server will be stopped if refcnt is 0", node->name, node->reference_count);
+}
+
+int add_port_line(const char* vrf_name, size_t port, uint32_t* file_changed) {
+    const line_entry& entry = server.parameters[port];
+    return update_vrf_config_file(event_set_value, vrf_name, entry.keyword, entry.default_text, file_changed);
+}
+
+int remove_port_line(const char* vrf_name, size_t port, uint32_t* file_changed) {
+    const line_entry& entry = server.parameters[port];
+    return update_vrf_config_file(event_delete_value, vrf_name, entry.keyword, entry.default_text, file_changed);
+}
+
+bool has_own_port_line(const server_kind& kind) {
+    return !kind.port_yields_to_setting || server.parameters[kind.port].current == nullptr;
+}
+
+/// Attaches the lists that the request names. Returns 0, or -1 at the first failure.
+int attach_given_lists(const server_kind& kind, const vrf_request& request, vrf_node* node) {
+    if (request.v4_acl != nullptr && attach_acl(node, kind.v4) != 0) {
+        return -1;
+    }
+    return request.v6_acl != nullptr ? attach_acl(node, kind.v6) : 0;
+}
+
+void store_list_name(vrf_node* node, const acl_slot& slot, const char* acl_name) {
+    if (acl_name != nullptr) {
+        copy_text(node->*slot.name, acl_name_size, acl_name);
+    }
+}
+
+/// Another access list for a server that runs already. Each list is attached before the next name is taken over.
+void exchange_lists(const server_kind& kind, const vrf_request& request) {
+    vrf_node* node = find_vrf_node(request.vrf_name);
+    if (node == nullptr) {
+        return;
+    }
+    if (node->name[0] != '\0' &&
+        (make_nft_table(kind.routine, node->name) != 0 || flush_acl_rules(kind.routine, node->name, kind.v4) != 0 ||
+         flush_acl_rules(kind.routine, node->name, kind.v6) != 0)) {
+        return;
+    }
+    store_list_name(node, kind.v4, request.v4_acl);
+    if (request.v4_acl != nullptr && attach_acl(node, kind.v4) != 0) {
+        return;
+    }
+    store_list_name(node, kind.v6, request.v6_acl);
+    if (request.v6_acl != nullptr) {
+        attach_acl(node, kind.v6);
+    }
+}
+
+/// The lines that the service has in the VRF's file.
+int write_service_lines(const server_kind& kind, vrf_node* node, bool new_node, uint32_t* file_changed) {
+    line_entry& subsystem = node->lines[VRF_NETCONF_SUBSYSTEM];
+    if (kind.subsystem != nullptr) {
+        subsystem.current = kind.subsystem;
+    }
+    if (prepare_vrf_file(node->name, kind.subsystem != nullptr ? 1 : 0, subsystem.keyword, kind.subsystem, file_changed,
+                         new_node ? 1 : 0) != 0) {
+        return -1;
+    }
+    return has_own_port_line(kind) ? add_port_line(node->name, kind.port, file_changed) : 0;
+}
+
+/// Makes and starts the server's unit in a namespace that exists. Returns 0 and the restart's result, or -1 when it did
+/// not come that far.
+int start_unit(const server_kind& kind, vrf_node* node, int* result) {
+    char namespace_name[namespace_name_size];
+    vrf_namespace_name(node->name, namespace_name, sizeof namespace_name);
+    if (!announce_namespace(namespace_name)) {
+        return -1;
+    }
+    if (create_sshd_service_config_file(namespace_name) != 0) {
+        debug_print("Failed to create systemd service and config file for vrf:=%s", node->name);
+        trace_error(vrf_trace_unit_create, {node->name});
+        return -1;
+    }
+    mark_vrf(kind.service, node->name);
+    *result = ssh_process_restart(1, node->name);
+    node->server_started = 1;
+    return 0;
+}
+
+/// Carries a new item's wishes out on its node. Failures are reported, and end it.
+void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
+    if (agent.respawn_count >= respawn_after_failure) {
+        debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent.respawn_count));
+        mark_vrf(kind.service, node->name);
+    }
+    uint32_t file_changed = 0;
+    if (write_service_lines(kind, node, new_node, &file_changed) != 0) {
+        return;
+    }
+    store_list_name(node, kind.v4, request.v4_acl);
+    store_list_name(node, kind.v6, request.v6_acl);
+    int result = 0;
+    if (file_changed != 0 && vrf_namespace_exists(node->name) && start_unit(kind, node, &result) != 0) {
+        return;
+    }
+    if (result == 0 && vrf_namespace_exists(node->name)) {
+        if (node->name[0] != '\0' && make_nft_table(kind.routine, node->name) != 0) {
+            return;
+        }
+        if (attach_given_lists(kind, request, node) != 0) {
+            return;
+        }
+    }
+    if (kind.follows_default_vrf && is_default_vrf(node->name)) {
+        publish_telemetry();
+    }
+}
+
+platform_status create_item(const server_kind& kind, uint32_t event, const vrf_request& request) {
+    bool new_node = false;
+    vrf_node* node = hold_vrf_node(request.vrf_name, event, &new_node);
+    if (node == nullptr) {
+        return 1;
+    }
+    if (kind.follows_default_vrf && is_default_vrf(request.vrf_name)) {
+        default_vrf_configured = 1;
+    }
+    start_service(kind, request, node, new_node);
+    return 0;
+}
+
+/// Removes the service's lines from the VRF's file. As long as the protocol item exists, the default VRF's port is
+/// that item's. Returns 0 or -1.
+int remove_service_lines(const server_kind& kind, vrf_node* node, uint32_t* file_changed) {
+    if (kind.subsystem != nullptr) {
+        line_entry& subsystem = node->lines[VRF_NETCONF_SUBSYSTEM];
+        update_vrf_config_file(event_delete_value, node->name, subsystem.keyword, nullptr, file_changed);
+        subsystem.current = nullptr;
+    }
+    const bool port_is_shared =
+        kind.follows_default_vrf && server.parameters[SERVER_PROTOCOL].current != nullptr && is_default_vrf(node->name);
+    if (port_is_shared || !has_own_port_line(kind)) {
+        return 0;
+    }
+    return remove_port_line(node->name, kind.port, file_changed);
+}
+
+/// Ends the service in a VRF. Returns 0, or -1 when the VRF's file could not be changed and everything stays as it is.
+int stop_service(const server_kind& kind, vrf_node* node) {
+    uint32_t file_changed = 0;
+    if (remove_service_lines(kind, node, &file_changed) != 0) {
+        return -1;
+    }
+    release_reference(node);
+    detach_acl(node, kind.v4);
+    detach_acl(node, kind.v6);
+    char vrf_name[vrf_name_size];
+    copy_text(vrf_name, sizeof vrf_name, node->name);
+    if (node->reference_count <= 0) {
+        delete_vrf_config_file(vrf_name);
+        ssh_process_restart(0, vrf_name);
+        delete_vrf_node(node);
+        unmark_vrf(kind.service, vrf_name);
+    } else if (kind.restarts_remaining_server) {
+        ssh_process_restart(1, vrf_name);
+        node->server_started = 1;
+        unmark_vrf(kind.service, vrf_name);
+    } else if (node->reference_count == 1 && file_changed != 0) {
+        ssh_process_restart(1, vrf_name);
+        unmark_vrf(kind.service, vrf_name);
+    }
+    return 0;
+}
+
+void delete_item(const server_kind& kind, const char* vrf_name) {
+    vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr && stop_service(kind, node) != 0) {
+        return;
+    }
+    if (kind.follows_default_vrf && is_default_vrf(vrf_name)) {
+        default_vrf_configured = 0;
+        publish_telemetry();
+    }
+}
+
+/// A VRF item of either service.
+platform_status apply_vrf_item(const server_kind& kind, const datastore_change& change,
+                               const datastore_path_components* components) {
+    debug_print(kind.event_text, static_cast<int>(change.event));
+    const char* vrf_name = components != nullptr && components->count > vrf_name_component
+                               ? components->component[vrf_name_component]
+                               : nullptr;
+    if (vrf_name == nullptr) {
+        debug_print("vrf name should not be NULL");
+        trace_error(vrf_trace_item_name_missing, {change.event});
+        return 1;
+    }
+    vrf_request request;
+    if (read_request(change, vrf_name, &request) != 0) {
+        return 0;
+    }
+    kind.describe(find_vrf_node(vrf_name), request);
+    trace_event(vrf_trace_item_applied, {vrf_name, kind.service, change.event});
+    if ((change.event & create_or_set) != 0) {
+        if (change.previous == nullptr) {
+            return create_item(kind, change.event, request);
+        }
+        exchange_lists(kind, request);
+    } else if ((change.event & DATASTORE_EVENT_DELETE) != 0) {
+        delete_item(kind, vrf_name);
+    }
+    return 0;
+}
+
+/// The protocol item came or changed: a server in the default VRF. Returns 0, -1 when a reported failure ends it, 1 when
+/// out of memory.
+int start_default_server(uint32_t event) {
+    server.parameters[SERVER_PROTOCOL].current = "2";
+    bool new_node = false;
+    vrf_node* node = hold_vrf_node(default_vrf, event, &new_node);
+    if (node == nullptr) {
+        return 1;
+    }
+    if (!new_node) {
+        publish_telemetry();
+    }
+    if (make_nft_table("sshd_apply_ver_func", default_vrf) != 0) {
+        return -1;
+    }
+    mark_vrf(MPP_SERVICE_SSH, default_vrf);
+    uint32_t file_changed = 0;
+    if (prepare_vrf_file(default_vrf, 0, nullptr, nullptr, &file_changed, new_node ? 1 : 0) != 0 ||
+        add_port_line(default_vrf, SERVER_PORT, &file_changed) != 0) {
+        return -1;
+    }
+    publish_telemetry();
+    return 0;
+}
+
+/// The protocol item has gone. The port stays while the VRF item "default" wants it. Returns 0 or -1. A node without
+/// references is removed by the walk over the VRFs' files that follows.
+int stop_default_server() {
+    server.parameters[SERVER_PROTOCOL].current = nullptr;
+    vrf_node* node = find_vrf_node(default_vrf);
+    if (node != nullptr && default_vrf_configured != 0) {
+        --node->reference_count;
+    } else if (node != nullptr) {
+        uint32_t file_changed = 0;
+        if (remove_port_line(default_vrf, SERVER_PORT, &file_changed) != 0) {
+            return -1;
+        }
+        --node->reference_count;
+        if (node->reference_count < 2 && file_changed != 0) {
+            unmark_vrf(MPP_SERVICE_SSH, default_vrf);
+        }
+    }
+    publish_telemetry();
+    return 0;
+}
+
+}  // namespace
+
+platform_status sshd_apply_vrf_func(const datastore_change* change, const datastore_path_components* components) {
+    return apply_vrf_item(ssh_server, *change, components);
+}
+
+platform_status sshd_apply_conf_netconf_vrf(const datastore_change* change,
+                                            const datastore_path_components* components) {
+    return apply_vrf_item(netconf_server, *change, components);
+}
+
+platform_status sshd_apply_ver_func(const datastore_change* change, const datastore_path_components*) {
+    debug_print("Event:=%d, Config:=ssh server v2", static_cast<int>(change->event));
+    trace_event(vrf_trace_item_applied, {default_vrf, MPP_SERVICE_SSH, change->event});
+    int result = 0;
+    if ((change->event & create_or_set) != 0) {
+        result = start_default_server(change->event);
+    } else if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
+        result = stop_default_server();
+    }
+    if (result != 0) {
+        return result > 0 ? 1 : 0;
+    }
+    const line_entry& protocol = server.parameters[SERVER_PROTOCOL];
+    update_config_files_restart(change->event, protocol.keyword, protocol.current, protocol.allvrf);
+    return 0;
+}
