@@ -21,6 +21,7 @@ inline constexpr char temporary_file[] = "/var/opt/norvo/norvossh/temp_sshd_conf
 inline constexpr char service_unit_prefix[] = "/etc/systemd/system/sshd_service_";
 inline constexpr char environment_file_prefix[] = "/etc/systemd/system/sshd_conf_";
 inline constexpr char service_probe_file[] = "/tmp/norvo_ssh_service.txt";
+inline constexpr char service_probe_command[] = "systemctl is-active sshd_service_%s > /tmp/norvo_ssh_service.txt";
 
 // Datastore trees.
 inline constexpr char server_tree[] = "/cfg/gl/crypto/ssh/server/";
