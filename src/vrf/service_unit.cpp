@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -53,8 +52,7 @@ constexpr char environment_text[] =
     "ARG5=-f\n"
     "ARG6=%s%s\n"
     "ARG7=-v\n"
-    "ARG8=%" PRIu32
-    "\n"
+    "ARG8=%u\n"
     "PATH=/pkg/sbin:/pkg/bin:/usr/local/sbin:/usr/sbin:/sbin:/usr/local/bin:/usr/bin:/bin\n"
     "LD_LIBRARY_PATH=/pkg/lib/override:/pkg/lib:/pkg/lib/cerrno:/pkg/lib/mib:/pkg/lib/spp_plugins:"
     "/pkg/thirdparty_lib/lib64:/pkg/thirdparty_lib/lib:/pkg/thirdparty_lib/usr/lib64:/pkg/thirdparty_lib:/usr/lib\n";
