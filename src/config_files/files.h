@@ -9,7 +9,8 @@ int file_exists(const char* path);
 /// Returns 0, or -1 with errno.
 int create_file_in_dir(const char* directory, const char* file);
 
-/// Copies through the shell. Returns 0 or -1.
+/// Copies through the shell, so both paths must be free of characters that mean something to it. Returns 0 or -1; errno
+/// then tells nothing, because the shell has had the failure.
 int copy_file(const char* source, const char* destination);
 
 #endif

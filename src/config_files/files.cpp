@@ -1,0 +1,61 @@
+#include "config_files/files.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+
+#include "config_files/trace_points.h"
+#include "core/debug.h"
+#include "core/text.h"
+#include "platform/status.h"
+
+namespace {
+
+constexpr mode_t directory_mode = 0755;
+constexpr size_t command_size = 2 * PATH_MAX;
+
+}  // namespace
+
+int file_exists(const char* path) {
+    if (path == nullptr) {
+        return -1;
+    }
+    FILE* file = std::fopen(path, "re");
+    if (file == nullptr) {
+        return 0;
+    }
+    std::fclose(file);
+    return 1;
+}
+
+int create_file_in_dir(const char* directory, const char* file) {
+    if (mkdir(directory, directory_mode) != 0 && errno != EEXIST) {
+        trace_error(config_files_trace_create, {directory, errno});
+        return -1;
+    }
+    FILE* created = std::fopen(file, "we");
+    if (created == nullptr) {
+        trace_error(config_files_trace_create, {file, errno});
+        return -1;
+    }
+    return std::fclose(created) == 0 ? 0 : -1;
+}
+
+int copy_file(const char* source, const char* destination) {
+    debug_print("%s, srcfile:=%s, dstfile:=%s", __func__, source, destination);
+    char command[command_size];
+    format_text(command, sizeof command, "cp %s %s", source, destination);
+    debug_print("%s", command);
+    if (std::system(command) != 0) {
+        const int error = errno;
+        trace_error(config_files_trace_copy, {source, destination, error});
+        debug_print("Src-file:=%s, Dst-file:=%s, Error:=%s(0x%x) copy of file failed", source, destination,
+                    platform_status_text(error), error);
+        errno = error;
+        return -1;
+    }
+    return 0;
+}
