@@ -101,8 +101,8 @@ platform_status schema_store(const schema_row& row, std::string_view path, const
 /// form; `value` is then untouched. The range is not looked at: what an earlier version took stays readable.
 platform_status schema_load(const schema_row& row, const datastore_stored& stored, datastore_value& value);
 
-/// A value in a form fit for a message: in one line, control characters and bytes that are not UTF-8 escaped, cut after
-/// 80 characters.
+/// A value in a form fit for a message: in one line, control characters and bytes that are not UTF-8 escaped, long texts
+/// and long arrays cut after some 80 characters.
 std::string schema_display(const datastore_value& value);
 
 #endif
