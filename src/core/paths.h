@@ -23,12 +23,21 @@ inline constexpr char environment_file_prefix[] = "/etc/systemd/system/sshd_conf
 inline constexpr char service_probe_file[] = "/tmp/norvo_ssh_service.txt";
 inline constexpr char service_probe_command[] = "systemctl is-active sshd_service_%s > /tmp/norvo_ssh_service.txt";
 
+// Rule files of access lists.
+inline constexpr char nft_directory_0[] = "/tmp";
+inline constexpr char nft_directory_1[] = "/tmp/norvo-ssh";
+inline constexpr char nft_directory_2[] = "/tmp/norvo-ssh/access-list";
+inline constexpr char nft_file_format[] = "/tmp/norvo-ssh/access-list/%s%s_%s.nft";
+
 // Datastore trees.
 inline constexpr char server_tree[] = "/cfg/gl/crypto/ssh/server/";
 inline constexpr char client_tree[] = "/cfg/gl/crypto/ssh/client/";
 inline constexpr char backup_tree[] = "/cfg/gl/crypto/ssh/sshd_backup/";
 inline constexpr char banner_tree[] = "/cfg/gl/banner/";
 inline constexpr char aaa_banner_tree[] = "/cfg/gl/aaa/banner/";
+
+inline constexpr char ipv4_acl_tree[] = "/oper/ipv4-acl/gl/show/";
+inline constexpr char ipv6_acl_tree[] = "/oper/ipv6-acl/gl/daemon/list/";
 
 // Platform services.
 inline constexpr char debug_path[] = "/debug/ssh/";

@@ -1,7 +1,8 @@
 /// Record codec: turns native structures into the bytes that the datastore carries, and back, by a schema text.
 ///
 /// Schema notation. "$N=" opens the definition of type N and ';' closes it; the first definition is the record's own.
-/// "{Name}" names the field that follows. Fields: D unsigned 32-bit; I unsigned 16-bit; C unsigned 8-bit; s owned
+/// "{Name}" names the field that follows. Fields: D unsigned 32-bit; I unsigned 16-bit; C unsigned 8-bit; A IPv4
+/// address of 4 bytes in network byte order; "WxC" W bytes; s owned
 /// NUL-terminated text pointer, null when absent; "[name]e" signed 32-bit value of that enumeration; b boolean of 4 bytes
 /// (0 or 1); "Wx%S" text of W bytes inside the structure; a($N) counted array (uint32_t count, then pointer); p($N)
 /// pointer to one structure, null when absent; p(b), p(e) (4 bytes) and p(I) (2 bytes) optional values given by pointer;

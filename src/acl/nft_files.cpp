@@ -1,0 +1,228 @@
+#include "acl/nft_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "acl/acl_types.h"
+#include "acl/trace_points.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/text.h"
+
+namespace {
+
+/// The words in which an address family is written.
+struct nft_family {
+    const char* flush_format;
+    const char* table_format;
+    const char* drop_format;
+};
+
+constexpr nft_family ipv4_family = {
+    "flush table ip %s\n\n",
+    "table ip %s {\n",
+    "        ip saddr & 0.0.0.0 == 0.0.0.0 ip daddr & 0.0.0.0 == 0.0.0.0  tcp dport %d drop\n",
+};
+constexpr nft_family ipv6_family = {
+    "flush table ip6 %s\n\n",
+    "table ip6 %s {\n",
+    "        ip6 saddr & :: == :: ip6 daddr & :: == :: tcp dport %d drop\n",
+};
+
+struct nft_table {
+    const char* name;
+    const nft_family* family;  ///< null for the row that stands for all
+    uint32_t port;
+};
+
+constexpr nft_table tables[acl_type_count] = {
+    {"norvossh_v4acl", &ipv4_family, ssh_port}, {"netconf_v4acl", &ipv4_family, netconf_port},
+    {"norvossh_v6acl", &ipv6_family, ssh_port}, {"netconf_v6acl", &ipv6_family, netconf_port},
+    {"norvossh_acl_all", nullptr, 0},
+};
+
+/// The order in which all tables are declared and flushed.
+constexpr acl_type all_tables[] = {acl_ssh_v4, acl_ssh_v6, acl_netconf_v4, acl_netconf_v6};
+
+constexpr size_t file_name_size = 100;
+constexpr size_t namespace_name_size = 50;
+constexpr size_t command_size = 200;
+constexpr mode_t directory_mode = 0755;
+constexpr mode_t file_mode = 0744;
+constexpr size_t stream_buffer_size = 64 * 1024;
+
+struct nft_directory {
+    const char* path;
+    const char* failure;
+};
+
+constexpr nft_directory directories[] = {
+    {paths::nft_directory_0, "Failed to create NORVOSSH_NFT_DIR_0"},
+    {paths::nft_directory_1, "Failed to create NORVOSSH_NFT_DIR_1"},
+    {paths::nft_directory_2, "Failed to create NORVOSSH_NFT_DIR_2"},
+};
+
+void report_invalid_type(const char* routine) {
+    debug_print("%s: Invalid ACL type", routine);
+}
+
+bool make_directories() {
+    for (const nft_directory& directory : directories) {
+        if (mkdir(directory.path, directory_mode) != 0 && errno != EEXIST) {
+            log_errno(directory.failure);
+            trace_error(acl_trace_directory, {directory.path, errno});
+            return false;
+        }
+    }
+    return true;
+}
+
+int stream_failure(int descriptor, const char* debug_format, const char* routine, const char* text) {
+    debug_print(debug_format, routine, strerror(errno), static_cast<unsigned>(errno));
+    log_errno(text);
+    trace_error(acl_trace_file, {text, errno});
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+    return -1;
+}
+
+void write_flush(FILE* stream, const nft_table& table) {
+    fprintf(stream, table.family->flush_format, table.name);
+}
+
+}  // namespace
+
+const char* get_nft_file_name(const char* vrf_name, uint32_t type) {
+    debug_print("Entered %s", __func__);
+    static char name[file_name_size];
+    if (type >= acl_type_count) {
+        report_invalid_type(__func__);
+        return nullptr;
+    }
+    format_text(name, sizeof(name), paths::nft_file_format, "vrf-", vrf_name, tables[type].name);
+    return name;
+}
+
+int create_nft_file(const char* vrf_name, FILE** stream, uint32_t type) {
+    debug_print("Entered %s", __func__);
+    if (!make_directories()) {
+        return -1;
+    }
+    const char* name = get_nft_file_name(vrf_name, type);
+    if (name == nullptr) {
+        return -1;
+    }
+    // Making the folders has left "already exists" in errno, /tmp being always there; creat() leaves it alone when it
+    // succeeds. Anything else there means that something went wrong on the way.
+    const int descriptor = creat(name, file_mode);
+    if (descriptor < 0 || errno != EEXIST) {
+        return stream_failure(descriptor, "%s - Failed to create NORVOSSH_NFT file, Error:=%s(0x%x)", __func__,
+                              "Failed to create NORVOSSH_NFT file");
+    }
+    FILE* opened = fdopen(descriptor, "w");
+    if (opened == nullptr) {
+        return stream_failure(descriptor, "%s - Failed to open NORVOSSH_NFT file, Error:=%s(0x%x)", __func__,
+                              "Failed to open NORVOSSH_NFT file");
+    }
+    setvbuf(opened, nullptr, _IOFBF, stream_buffer_size);
+    *stream = opened;
+    return 0;
+}
+
+int norvossh_acl_init_table(const char* vrf_name, FILE** stream, uint32_t type) {
+    debug_print("Entered %s", __func__);
+    if (create_nft_file(vrf_name, stream, type) != 0) {
+        return -1;
+    }
+    if (type >= acl_all) {
+        report_invalid_type(__func__);
+        return -1;
+    }
+    const nft_table& table = tables[type];
+    write_flush(*stream, table);
+    fprintf(*stream, table.family->table_format, table.name);
+    fputs("        chain input {\n", *stream);
+    fputs("                type filter hook input priority 0; policy accept;\n", *stream);
+    fputs("               ct state established accept\n", *stream);
+    return 0;
+}
+
+void ssh_nft_fp_close(uint32_t type, FILE* stream) {
+    debug_print("Entered %s", __func__);
+    if (type < acl_all) {
+        fprintf(stream, tables[type].family->drop_format, tables[type].port);
+    }
+    fputs("        }\n", stream);
+    fputs("}\n", stream);
+    fflush(stream);
+}
+
+int ssh_apply_acl(const char* vrf_name, uint32_t type) {
+    debug_print("Entered %s", __func__);
+    const char* name = get_nft_file_name(vrf_name, type);
+    if (name == nullptr) {
+        return -1;
+    }
+    char namespace_name[namespace_name_size];
+    format_text(namespace_name, sizeof(namespace_name), "vrf-%s", vrf_name);
+    char command[command_size];
+    format_text(command, sizeof(command), "/sbin/ip netns exec %s /usr/sbin/nft -f %s", namespace_name, name);
+    if (system(command) == 0 || errno == 0) {
+        return 0;
+    }
+    debug_print("Failed to apply nft rules = (%d)%s", errno, strerror(errno));
+    log_errno("Failed to apply nft rules");
+    trace_error(acl_trace_load, {vrf_name, type, errno});
+    return -1;
+}
+
+int create_nft_table(const char* vrf_name) {
+    debug_print("Entered %s", __func__);
+    if (vrf_name == nullptr) {
+        debug_print("%s: vrf name is NULL", __func__);
+        return -1;
+    }
+    FILE* stream = nullptr;
+    if (create_nft_file(vrf_name, &stream, acl_all) != 0) {
+        return -1;
+    }
+    fprintf(stream, "table ip %s {\n}\ntable ip6 %s {\n}\ntable ip %s {\n}\ntable ip6 %s {\n}\n",
+            tables[acl_ssh_v4].name, tables[acl_ssh_v6].name, tables[acl_netconf_v4].name, tables[acl_netconf_v6].name);
+    fflush(stream);
+    const int result = ssh_apply_acl(vrf_name, acl_all);
+    fclose(stream);
+    return result;
+}
+
+int ssh_flush_nft_table(const char* vrf_name, uint32_t type) {
+    debug_print("Entered %s", __func__);
+    if (type >= acl_type_count) {
+        report_invalid_type(__func__);
+        return -1;
+    }
+    FILE* stream = nullptr;
+    if (create_nft_file(vrf_name, &stream, type) != 0) {
+        debug_print("%s: Failed to create NFT file", __func__);
+        return -1;
+    }
+    if (type == acl_all) {
+        for (const acl_type each : all_tables) {
+            write_flush(stream, tables[each]);
+        }
+    } else {
+        write_flush(stream, tables[type]);
+    }
+    fclose(stream);
+    if (ssh_apply_acl(vrf_name, type) != 0) {
+        debug_print("%s: Failed to apply nft rules", __func__);
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,34 @@
+/// nftables rule files: one per VRF and kind of access list, written whole and loaded inside the VRF's namespace.
+///
+/// Every loaded table accepts established connections, applies the list's rules in their order and drops every other
+/// new connection to the service's port; all else passes by the chain's policy.
+#ifndef ACL_NFT_FILES_H
+#define ACL_NFT_FILES_H
+
+#include <cstdint>
+#include <cstdio>
+
+/// The rule file of a VRF and an acl_type. Null for a type of 5 or more. The name stands in one static buffer of 100
+/// bytes that the next call overwrites; a longer name is cut.
+const char* get_nft_file_name(const char* vrf_name, uint32_t type);
+
+/// Makes the folders and the file, empty, and opens it. Returns 0 and stores the stream, which the caller closes, or -1.
+int create_nft_file(const char* vrf_name, FILE** stream, uint32_t type);
+
+/// Makes the file of one table (types 0 to 3) and writes its header. Returns 0 or -1. For any other type the file is
+/// made and stays open in `*stream` while -1 is returned.
+int norvossh_acl_init_table(const char* vrf_name, FILE** stream, uint32_t type);
+
+/// Writes the closing drop rule of the table's port (types 0 to 3) and the braces, and flushes; does not close.
+void ssh_nft_fp_close(uint32_t type, FILE* stream);
+
+/// Loads the file of a type in the VRF's namespace. Returns 0 or -1. A load that fails while errno is 0 counts as done.
+int ssh_apply_acl(const char* vrf_name, uint32_t type);
+
+/// Declares the VRF's four tables, so that later files may begin by flushing one. Returns 0 or -1.
+int create_nft_table(const char* vrf_name);
+
+/// Removes the rules of one table (types 0 to 3) or of all (4); the tables stay. Returns 0 or -1.
+int ssh_flush_nft_table(const char* vrf_name, uint32_t type);
+
+#endif

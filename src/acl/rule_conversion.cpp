@@ -1,0 +1,301 @@
+#include "acl/rule_conversion.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <iterator>
+
+#include "acl/acl_types.h"
+#include "acl/rule_matches.h"
+#include "acl/rule_text.h"
+#include "core/debug.h"
+#include "platform/acl_service.h"
+
+namespace {
+
+constexpr size_t action_name_compared = 10;
+
+/// What both families' entries say alike, under one set of names.
+struct entry_conditions {
+    int32_t grant;
+    uint32_t protocol_operator;
+    uint32_t protocol;
+    int32_t source_operator;
+    uint32_t source_port1;
+    uint32_t source_port2;
+    int32_t destination_operator;
+    uint32_t destination_port1;
+    uint32_t destination_port2;
+    int32_t log_option;
+    const char* counter_name;
+    int32_t tcp_flags_operator;
+    uint32_t tcp_flags;
+    uint32_t tcp_flags_mask;
+    uint32_t dscp_present;
+    uint32_t dscp_operator;
+    uint32_t dscp1;
+    uint32_t dscp2;
+    int32_t length_operator;
+    uint32_t length1;
+    uint32_t length2;
+    int32_t ttl_operator;
+    uint32_t ttl1;
+    uint32_t ttl2;
+    int32_t fragment_operator;  ///< always none in IPv6
+    uint32_t fragment1;
+    uint32_t fragment2;
+};
+
+struct family_rules {
+    uint32_t any_protocol;
+    acl_type netconf_type;
+    bool is_ipv6;
+};
+
+constexpr family_rules ipv4_rules = {ACL_PROTOCOL_ANY_IPV4, acl_netconf_v4, false};
+constexpr family_rules ipv6_rules = {ACL_PROTOCOL_ANY_IPV6, acl_netconf_v6, true};
+
+bool concerns_tcp(const family_rules& family, uint32_t operation, uint32_t protocol) {
+    return protocol == ACL_PROTOCOL_TCP || (operation != ACL_PROTOCOL_EQUAL && protocol == family.any_protocol);
+}
+
+void append_verdict(rule_text& rule, int32_t grant) {
+    const char* name = acl_service_action_name(static_cast<uint32_t>(grant));
+    if (strncmp(name, "permit", action_name_compared) == 0) {
+        append_piece(rule, "accept ");
+    } else if (strncmp(name, "deny", action_name_compared) == 0) {
+        append_piece(rule, "drop ");
+    }
+}
+
+/// The end of every rule: log, counter, service port, verdict; then the line goes to the file.
+void finish_rule(rule_text& rule, const entry_conditions& entry, bool excluded, bool negated, uint32_t service_port,
+                 FILE* rule_file) {
+    if (entry.log_option == ACL_LOG) {
+        append_piece(rule, "log ");
+    }
+    if (entry.counter_name != nullptr && entry.counter_name[0] != '\0') {
+        append_piece(rule, "counter ");
+    }
+    if (excluded && !negated) {
+        return;
+    }
+    if (!excluded) {
+        append_piece(rule, "tcp dport %d ", {service_port});
+    }
+    append_verdict(rule, entry.grant);
+    debug_print("NFT rule  = %s", rule.buffer);
+    fwrite(rule.buffer, 1, std::min(rule.length, rule_text_size - 1), rule_file);
+    fputc('\n', rule_file);
+}
+
+/// The conditions behind the addresses, in the order in which they are written.
+void append_conditions(rule_text& rule, const entry_conditions& entry, bool is_ipv6) {
+    append_tcp_flags_match(rule, static_cast<uint32_t>(entry.tcp_flags_operator), entry.tcp_flags,
+                           entry.tcp_flags_mask);
+    if (entry.dscp_present != 0) {
+        set_dscp_value(rule, entry.dscp_operator, entry.dscp1, entry.dscp2, is_ipv6);
+    }
+    append_length_match(rule, static_cast<uint32_t>(entry.length_operator), entry.length1, entry.length2, is_ipv6);
+    append_ttl_match(rule, static_cast<uint32_t>(entry.ttl_operator), entry.ttl1, entry.ttl2, is_ipv6);
+    append_fragment_match(rule, static_cast<uint32_t>(entry.fragment_operator), entry.fragment1, entry.fragment2);
+}
+
+/// Makes one rule. The two functions append the source and the destination address; either may refuse the entry.
+template <typename append_source, typename append_destination>
+void convert_entry(const entry_conditions& entry, const family_rules& family, uint32_t type, FILE* rule_file,
+                   append_source source, append_destination destination) {
+    if (!concerns_tcp(family, entry.protocol_operator, entry.protocol)) {
+        return;
+    }
+    rule_text rule;
+    if (!source(rule)) {
+        return;
+    }
+    append_sport_match(rule, static_cast<uint32_t>(entry.source_operator), entry.source_port1, entry.source_port2);
+    if (!destination(rule)) {
+        return;
+    }
+    bool excluded = false;
+    bool negated = false;
+    check_dport_match(rule, static_cast<uint32_t>(entry.destination_operator), entry.destination_port1,
+                      entry.destination_port2, excluded, negated, type);
+    append_conditions(rule, entry, family.is_ipv6);
+    finish_rule(rule, entry, excluded, negated, type == family.netconf_type ? netconf_port : ssh_port, rule_file);
+}
+
+/// Dotted-decimal text of an IPv4 address in network byte order.
+struct ipv4_text {
+    char text[INET_ADDRSTRLEN];
+
+    explicit ipv4_text(uint32_t address) {
+        const auto* octets = reinterpret_cast<const uint8_t*>(&address);
+        char* end = text;
+        for (size_t i = 0; i < sizeof(address); ++i) {
+            end = std::to_chars(end, std::end(text), static_cast<unsigned>(octets[i])).ptr;
+            *end++ = '.';
+        }
+        end[-1] = '\0';
+    }
+};
+
+/// How an IPv4 address condition is written: a host, any, a prefix.
+struct ipv4_address_texts {
+    const char* host;
+    const char* any;
+    const char* prefix;
+};
+
+constexpr ipv4_address_texts ipv4_source = {"                ip saddr %s ", "                ip saddr 0.0.0.0/0 ",
+                                            "                ip saddr %s/%u "};
+constexpr ipv4_address_texts ipv4_destination = {"ip daddr %s ", "ip daddr 0.0.0.0/0 ", "ip daddr %s/%u "};
+
+/// Appends the condition. Returns false for a wildcard that nftables cannot express.
+bool append_ipv4_address(rule_text& rule, const ipv4_address_texts& texts, uint32_t address, uint32_t wildcard) {
+    if (wildcard == 0) {
+        append_piece(rule, texts.host, {ipv4_text(address).text});
+        return true;
+    }
+    if (wildcard == UINT32_MAX) {
+        append_piece(rule, texts.any);
+        return true;
+    }
+    const uint32_t length = mask_prefix_length(~wildcard);
+    if (length == 0) {
+        return false;
+    }
+    append_piece(rule, texts.prefix, {ipv4_text(address).text, length});
+    return true;
+}
+
+/// How an IPv6 address condition is written: a host, any, and the beginning of all else.
+struct ipv6_address_texts {
+    const char* host;
+    const char* any;
+    const char* other;
+};
+
+// The third form has one blank less in front and none behind: the prefix length or the mask follows at once.
+constexpr ipv6_address_texts ipv6_source = {"                ip6 saddr %s ", "                ip6 saddr ::/0 ",
+                                            "               ip6 saddr %s"};
+constexpr ipv6_address_texts ipv6_destination = {"ip6 daddr %s ", "ip6 daddr ::/0 ", "ip6 daddr %s"};
+
+bool is_zero(const uint8_t address[16]) {
+    return std::all_of(address, address + 16, [](uint8_t octet) { return octet == 0; });
+}
+
+void append_ipv6_address(rule_text& rule, const ipv6_address_texts& texts, const uint8_t address[16],
+                         const uint8_t mask[16], uint32_t stored_length) {
+    uint32_t length = 0;
+    const bool contiguous = acl_service_ipv6_prefix_length(mask, &length) != 0;
+    char text[INET6_ADDRSTRLEN];
+    if (contiguous && length == 0 && is_zero(address)) {
+        append_piece(rule, texts.any);
+        return;
+    }
+    if (contiguous && length == 128) {
+        append_piece(rule, texts.host, {ipv6_address_text(address, text)});
+        return;
+    }
+    append_piece(rule, texts.other, {ipv6_address_text(address, text)});
+    if (contiguous && length == stored_length) {
+        append_piece(rule, "/%d ", {length});
+    } else {
+        append_piece(rule, " %s ", {ipv6_address_text(mask, text)});
+    }
+}
+
+entry_conditions conditions_of(const acl_ipv4_entry& entry) {
+    return {.grant = entry.Grant,
+            .protocol_operator = entry.ProtocolOperator,
+            .protocol = entry.Protocol,
+            .source_operator = entry.SourceOperator,
+            .source_port1 = entry.SourcePort1,
+            .source_port2 = entry.SourcePort2,
+            .destination_operator = entry.DestinationOperator,
+            .destination_port1 = entry.DestinationPort1,
+            .destination_port2 = entry.DestinationPort2,
+            .log_option = entry.LogOption,
+            .counter_name = entry.CounterName,
+            .tcp_flags_operator = entry.TCPFlagsOperator,
+            .tcp_flags = entry.TCPFlags,
+            .tcp_flags_mask = entry.TCPFlagsMask,
+            .dscp_present = entry.DSCPPresent,
+            .dscp_operator = entry.DSCPOperator,
+            .dscp1 = entry.DSCP,
+            .dscp2 = entry.DSCP2,
+            .length_operator = entry.PacketLengthOperator,
+            .length1 = entry.PacketLength1,
+            .length2 = entry.PacketLength2,
+            .ttl_operator = entry.TTLOperator,
+            .ttl1 = entry.TTL1,
+            .ttl2 = entry.TTL2,
+            .fragment_operator = entry.FragmentOffsetOperator,
+            .fragment1 = entry.FragmentOffset1,
+            .fragment2 = entry.FragmentOffset2};
+}
+
+entry_conditions conditions_of(const acl_ipv6_entry& entry) {
+    return {.grant = entry.IsPacketAllowOrDeny,
+            .protocol_operator = entry.IsProtocolOperator,
+            .protocol = entry.IsIPV6ProtocolType,
+            .source_operator = entry.IsSourceOperator,
+            .source_port1 = entry.IsSourcePort1,
+            .source_port2 = entry.IsSourcePort2,
+            .destination_operator = entry.IsDestinationOperator,
+            .destination_port1 = entry.IsDestinationPort1,
+            .destination_port2 = entry.IsDestinationPort2,
+            .log_option = entry.IsLogOption,
+            .counter_name = entry.CounterName,
+            .tcp_flags_operator = entry.IsTCPBitsOperator,
+            .tcp_flags = entry.IsTCPBits,
+            .tcp_flags_mask = entry.IsTCPBitsMask,
+            .dscp_present = entry.IsDSCPPresent,
+            .dscp_operator = entry.DSCPOperator,
+            .dscp1 = entry.IsDSCPValu,
+            .dscp2 = entry.IsDSCPValu2,
+            .length_operator = entry.IsPacketLengthOperator,
+            .length1 = entry.IsPacketLengthStart,
+            .length2 = entry.IsPacketLengthEnd,
+            .ttl_operator = entry.IsTimeToLiveOperator,
+            .ttl1 = entry.IsTimeToLiveStart,
+            .ttl2 = entry.IsTimeToLiveEnd,
+            .fragment_operator = 0,
+            .fragment1 = 0,
+            .fragment2 = 0};
+}
+
+}  // namespace
+
+void ssh_convert_ipv4_acl_rule(const acl_ipv4_entry& entry, FILE* rule_file, uint32_t type) {
+    const char* routine = __func__;
+    convert_entry(
+        conditions_of(entry), ipv4_rules, type, rule_file,
+        [&](rule_text& rule) {
+            if (append_ipv4_address(rule, ipv4_source, entry.SourceAddress, entry.SourceAddressMask)) {
+                return true;
+            }
+            debug_print("%s: NFtables doesn't support wildcard bits", routine);
+            return false;
+        },
+        [&](rule_text& rule) {
+            return append_ipv4_address(rule, ipv4_destination, entry.DestinationAddress, entry.DestinationAddressMask);
+        });
+}
+
+void ssh_convert_ipv6_acl_rule(const acl_ipv6_entry& entry, FILE* rule_file, uint32_t type) {
+    convert_entry(
+        conditions_of(entry), ipv6_rules, type, rule_file,
+        [&](rule_text& rule) {
+            append_ipv6_address(rule, ipv6_source, entry.IsSourceAddressInNumbers, entry.SourceMask,
+                                entry.IsSourceAddressPrefixLength);
+            return true;
+        },
+        [&](rule_text& rule) {
+            append_ipv6_address(rule, ipv6_destination, entry.IsDestinationAddressInNumbers, entry.DestinationMask,
+                                entry.IsDestinationAddressPrefixLength);
+            return true;
+        });
+}

@@ -1,0 +1,371 @@
+#include "acl/subscription.h"
+
+#include <cstring>
+
+#include "acl/acl_family.h"
+#include "acl/nft_files.h"
+#include "acl/trace_points.h"
+#include "config_files/parameter_table.h"
+#include "core/agent_state.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/text.h"
+
+namespace {
+
+constexpr int acl_service_attempts = 5;
+constexpr size_t list_path_size = 100;
+constexpr size_t compared_vrf_name = 32;
+
+/// Entries of one list as read from the datastore, given back at the end of its scope.
+struct acl_reading {
+    datastore_binding* binding = nullptr;
+    datastore_list* list = nullptr;
+    uint32_t count = 0;
+
+    acl_reading() = default;
+    acl_reading(const acl_reading&) = delete;
+    acl_reading& operator=(const acl_reading&) = delete;
+    ~acl_reading() {
+        datastore_list_free(list);
+        datastore_unbind(binding);
+    }
+};
+
+/// An open rule file, closed at the end of its scope.
+struct rule_file {
+    FILE* stream = nullptr;
+
+    rule_file() = default;
+    rule_file(const rule_file&) = delete;
+    rule_file& operator=(const rule_file&) = delete;
+    ~rule_file() {
+        if (stream != nullptr) {
+            fclose(stream);
+        }
+    }
+};
+
+bool list_does_not_exist(uint32_t result) {
+    return result == DATASTORE_NO_SUCH_LIST || result == DATASTORE_NO_SUCH_TREE;
+}
+
+uint32_t read_entries(const acl_family& family, const char* acl_name, datastore_list** list, uint32_t* count,
+                      datastore_binding** binding) {
+    char tree[list_path_size];
+    format_text(tree, sizeof(tree), family.bind_format, family.tree);
+    const platform_status bound = bind_datastore(tree, binding);
+    if (bound != PLATFORM_OK) {
+        log_bind_failure(bound, tree);
+        trace_error(acl_trace_bind, {tree, bound});
+        return acl_bind_failed;
+    }
+    char name[acl_name_size];
+    copy_text(name, sizeof(name), acl_name);
+    *strchrnul(name, '/') = '\0';
+    char path[list_path_size];
+    format_text(path, sizeof(path), "%s/%s", name, "sequencetable/");
+    const platform_status listed = datastore_list_get(*binding, path, -1, list, count);
+    if (listed != PLATFORM_OK && !list_does_not_exist(listed)) {
+        log_location(ERR_DATASTORE_DATALIST, listed, path);
+        trace_error(acl_trace_list, {path, listed});
+    }
+    return listed;
+}
+
+uint32_t read_entries(const acl_family& family, const char* acl_name, acl_reading& reading) {
+    return read_entries(family, acl_name, &reading.list, &reading.count, &reading.binding);
+}
+
+/// Converts one entry. Returns 0, or -1 after the failure was logged. `*fetched` receives the fetch's own result.
+int write_entry(const acl_family& family, const acl_reading& reading, uint32_t index, uint32_t type, FILE* stream,
+                platform_status* fetched) {
+    const void* record = nullptr;
+    size_t size = 0;
+    *fetched = datastore_list_fetch(reading.list, index, &record, &size);
+    const platform_status converted =
+        record != nullptr ? family.convert(record, size, stream, type) : static_cast<platform_status>(RECORD_MALFORMED);
+    if (converted == PLATFORM_OK) {
+        return 0;
+    }
+    if (*fetched == PLATFORM_OK) {
+        log_location(ERR_BAG_DECODE, converted, "IPV4 ACL CFG");
+    }
+    return -1;
+}
+
+/// Opens the file of a type and writes its header. A failure is reported.
+int open_rule_file(const vrf_node& node, uint32_t type, rule_file& file) {
+    if (norvossh_acl_init_table(node.name, &file.stream, type) == 0) {
+        return 0;
+    }
+    debug_print("Failed to create NFT file");
+    log_errno("Failed to create NFT file");
+    return -1;
+}
+
+/// Ends the file and loads it.
+int finish_rule_file(const vrf_node& node, uint32_t type, const rule_file& file) {
+    ssh_nft_fp_close(type, file.stream);
+    return ssh_apply_acl(node.name, type);
+}
+
+bool same_text(const char* one, const char* other, size_t size) {
+    return strncmp(one, other, size) == 0;
+}
+
+/// Whether `other` makes use of the list that `node` names for a type.
+bool uses_same_list(const acl_family& family, const vrf_node& node, const vrf_node& other, const char* acl_name) {
+    if (!same_text(node.name, other.name, compared_vrf_name)) {
+        return same_text(acl_name, other.*family.ssh_name, acl_name_size) ||
+               same_text(acl_name, other.*family.netconf_name, acl_name_size);
+    }
+    debug_print("vrfnode->refCount = %d", node.reference_count);
+    return node.reference_count != 0 && same_text(node.*family.ssh_name, node.*family.netconf_name, acl_name_size);
+}
+
+int in_use_elsewhere(const acl_family& family, const vrf_node* node, uint32_t type) {
+    const char* acl_name = acl_name_of(family, *node, type);
+    for (const vrf_node* other = server.nodes; other != nullptr; other = other->next) {
+        debug_print("vrfnode->vrf_name = %s, curr_vrfnode->vrf_name = %s", node->name, other->name);
+        if (acl_name != nullptr && uses_same_list(family, *node, *other, acl_name)) {
+            return 0;
+        }
+    }
+    return 1;
+}
+
+/// Asks the ACL service up to five times, without a pause. Returns the last result.
+template <typename operation>
+platform_status attempt(const char* routine, const char* what, operation ask) {
+    platform_status status = PLATFORM_OK;
+    for (int attempts = 0; attempts < acl_service_attempts; ++attempts) {
+        status = ask();
+        if (status == PLATFORM_OK) {
+            break;
+        }
+        debug_print("%s: %s, Error:=%s(0x%x), Retrying...", routine, what, platform_status_text(status), status);
+    }
+    return status;
+}
+
+int register_callback(const acl_family& family, const char* routine, acl_handle** head, vrf_node* node, uint32_t type,
+                      event_manager* manager) {
+    if (in_use_elsewhere(family, node, type) == 0) {
+        debug_print("%s: Aleady registered for ACL callback", routine);
+        return 0;
+    }
+    char name[acl_name_size];
+    copy_text(name, sizeof(name), acl_name_of(family, *node, type));
+    acl_handle* handle = nullptr;
+    platform_status status = attempt(routine, family.get_list_failed,
+                                     [&] { return acl_service_get_list(family.code, name, manager, &handle); });
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, family.get_list_failed);
+        trace_error(acl_trace_get_list, {node->name, name, status});
+        return -1;
+    }
+    status = attempt(routine, family.registration_failed,
+                     [&] { return acl_service_register_callback(handle, family.changed); });
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, family.registration_failed);
+        trace_error(acl_trace_register, {node->name, name, status});
+        acl_service_release(handle);
+        return -1;
+    }
+    *head = handle;
+    debug_print("%s: Registered for ACL callback, ACL name: %s", routine, name);
+    trace_event(acl_trace_attached, {node->name, name, type});
+    return 0;
+}
+
+/// Reads, converts and loads the list on attaching. Returns 0, also when the list does not exist yet.
+int load_on_attach(const acl_family& family, const vrf_node& node, uint32_t type, rule_file& file) {
+    acl_reading reading;
+    const uint32_t result = read_entries(family, acl_name_of(family, node, type), reading);
+    if (list_does_not_exist(result)) {
+        return 0;
+    }
+    if (result != PLATFORM_OK) {
+        debug_print("ACL entries of %s cannot be read, Error:=%s(0x%x)", acl_name_of(family, node, type),
+                    result == acl_bind_failed ? "bind failed" : platform_status_text(result), result);
+        return -1;
+    }
+    for (uint32_t index = 0; index < reading.count; ++index) {
+        platform_status fetched = PLATFORM_OK;
+        if (write_entry(family, reading, index, type, file.stream, &fetched) != 0) {
+            if (fetched != PLATFORM_OK) {
+                log_location(ERR_DATASTORE_GET, fetched, "IPV4 ACL CFG");
+            }
+            return -1;
+        }
+    }
+    return finish_rule_file(node, type, file);
+}
+
+int configure(const acl_family& family, const char* routine, event_manager* manager, vrf_node* node, uint32_t type) {
+    debug_print("Entered %s", routine);
+    rule_file file;
+    if (open_rule_file(*node, type, file) != 0) {
+        return -1;
+    }
+    if (acl_name_of(family, *node, type) == nullptr) {
+        debug_print("Invalid ACL type");
+        return -1;
+    }
+    if (load_on_attach(family, *node, type, file) != 0) {
+        return -1;
+    }
+    if (register_callback(family, routine, &(node->*family.head), node, type, manager) != 0) {
+        debug_print("%s: Failed to register for ACL callback", routine);
+        return -1;
+    }
+    return 0;
+}
+
+/// Writes the entries of a changed list. `examine_fetch` is set for the SSH service only: there a failed fetch ends the
+/// pass, for NETCONF only the decoding counts. Returns 0 or 1.
+int write_changed_entries(const acl_family& family, const acl_reading& reading, uint32_t type, FILE* stream,
+                          bool examine_fetch) {
+    for (uint32_t index = 0; index < reading.count; ++index) {
+        platform_status fetched = PLATFORM_OK;
+        const int written = write_entry(family, reading, index, type, stream, &fetched);
+        if (examine_fetch && fetched != PLATFORM_OK) {
+            debug_print("ACL entry %u cannot be fetched, Error:=%s(0x%x)", index, platform_status_text(fetched),
+                        fetched);
+            return 1;
+        }
+        if (written != 0) {
+            if (fetched != PLATFORM_OK) {
+                log_location(ERR_BAG_DECODE, RECORD_MALFORMED, "IPV4 ACL CFG");
+            }
+            return 1;
+        }
+    }
+    return 0;
+}
+
+/// Rebuilds one VRF's file after a change. A list that cannot be read leaves only the closing drop rule: the port is
+/// then shut to every new connection. Returns 0 or 1.
+int rebuild(const acl_family& family, const vrf_node& node, uint32_t type, bool examine_fetch) {
+    rule_file file;
+    if (open_rule_file(node, type, file) != 0) {
+        return 1;
+    }
+    acl_reading reading;
+    if (read_entries(family, acl_name_of(family, node, type), reading) == PLATFORM_OK &&
+        write_changed_entries(family, reading, type, file.stream, examine_fetch) != 0) {
+        return 1;
+    }
+    return finish_rule_file(node, type, file) == 0 ? 0 : 1;
+}
+
+int flush_after_removal(const vrf_node& node, uint32_t type) {
+    if (ssh_flush_nft_table(node.name, type) == 0) {
+        return 0;
+    }
+    log_errno("Failed to flush nftable");
+    return 1;
+}
+
+/// One pass over all VRFs, for one service.
+int follow_change(const acl_family& family, uint32_t type, const acl_change_notice& notice, bool examine_fetch) {
+    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+        if (!same_text(acl_name_of(family, *node, type), notice.acl_name, acl_name_size)) {
+            continue;
+        }
+        const int result =
+            notice.present != 0 ? rebuild(family, *node, type, examine_fetch) : flush_after_removal(*node, type);
+        if (result != 0) {
+            return result;
+        }
+    }
+    return 0;
+}
+
+int list_changed(const acl_family& family, const acl_change_notice* notice) {
+    if (notice == nullptr) {
+        log_error("ACL head is null");
+        trace_error(acl_trace_notice);
+        return 1;
+    }
+    trace_event(acl_trace_changed, {notice->acl_name, notice->present});
+    if (follow_change(family, family.ssh_type, *notice, true) != 0) {
+        return 1;
+    }
+    return follow_change(family, family.netconf_type, *notice, false);
+}
+
+void remove_config(const acl_family& family, const char* routine, vrf_node* node, uint32_t type) {
+    debug_print("%s: VRF name = %s", routine, node->name);
+    if (ssh_flush_nft_table(node->name, type) != 0) {
+        debug_print("Failed to flush nftable");
+        return;
+    }
+    if (in_use_elsewhere(family, node, type) == 0) {
+        debug_print("%s: Aleady registered for ACL callback", routine);
+        return;
+    }
+    acl_handle*& head = node->*family.head;
+    if (head == nullptr) {
+        debug_print(family.without_head, routine);
+        return;
+    }
+    acl_service_unregister_callback(head, family.changed);
+    acl_service_release(head);
+    head = nullptr;
+    debug_print(" %s: Successfully unregistered ACL callback", routine);
+    trace_event(acl_trace_detached, {node->name, type});
+}
+
+}  // namespace
+
+uint32_t connect_to_ipv4_datastore_acl(const char* acl_name, datastore_list** list, uint32_t* count,
+                                       datastore_binding** binding) {
+    return read_entries(ipv4_acl_family, acl_name, list, count, binding);
+}
+
+uint32_t connect_to_ipv6_datastore_acl(const char* acl_name, datastore_list** list, uint32_t* count,
+                                       datastore_binding** binding) {
+    return read_entries(ipv6_acl_family, acl_name, list, count, binding);
+}
+
+int ssh_ipv4_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, event_manager* manager) {
+    return register_callback(ipv4_acl_family, __func__, head, node, type, manager);
+}
+
+int ssh_ipv6_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, event_manager* manager) {
+    return register_callback(ipv6_acl_family, __func__, head, node, type, manager);
+}
+
+int ssh_ipv4_acl_reg_upd(const acl_change_notice* notice) {
+    return list_changed(ipv4_acl_family, notice);
+}
+
+int ssh_ipv6_acl_reg_upd(const acl_change_notice* notice) {
+    return list_changed(ipv6_acl_family, notice);
+}
+
+int ssh_configure_v4acl(event_manager* manager, vrf_node* node, uint32_t type) {
+    return configure(ipv4_acl_family, __func__, manager, node, type);
+}
+
+int ssh_configure_v6acl(event_manager* manager, vrf_node* node, uint32_t type) {
+    return configure(ipv6_acl_family, __func__, manager, node, type);
+}
+
+void ssh_remove_v4acl_config(vrf_node* node, uint32_t type) {
+    remove_config(ipv4_acl_family, __func__, node, type);
+}
+
+void ssh_remove_v6acl_config(vrf_node* node, uint32_t type) {
+    remove_config(ipv6_acl_family, __func__, node, type);
+}
+
+int acl_in_use_elsewhere(const vrf_node* node, uint32_t type) {
+    return in_use_elsewhere(ipv4_acl_family, node, type);
+}
+
+int acl6_in_use_elsewhere(const vrf_node* node, uint32_t type) {
+    return in_use_elsewhere(ipv6_acl_family, node, type);
+}
