@@ -10,10 +10,11 @@
 #include "platform/acl_service.h"
 
 struct acl_family {
-    uint32_t code;               ///< ACL_FAMILY_
-    uint32_t ssh_type;           ///< acl_type of the SSH service
-    uint32_t netconf_type;       ///< acl_type of the NETCONF service
-    const char* datastore_path;  ///< where the lists are
+    uint32_t code;            ///< ACL_FAMILY_
+    uint32_t ssh_type;        ///< acl_type of the SSH service
+    uint32_t netconf_type;    ///< acl_type of the NETCONF service
+    const char* tree;         ///< operational tree of the family
+    const char* bind_format;  ///< makes the path to bind to from the tree
     char (vrf_node::*ssh_name)[acl_name_size];
     char (vrf_node::*netconf_name)[acl_name_size];
     acl_handle* vrf_node::*head;  ///< the subscription
