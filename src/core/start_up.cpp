@@ -1,0 +1,332 @@
+#include "core/start_up.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <iterator>
+
+#include "config_files/default_contents.h"
+#include "config_files/parameter_table.h"
+#include "core/agent_state.h"
+#include "core/debug.h"
+#include "core/debug_level.h"
+#include "core/event_loop.h"
+#include "core/item_table.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/trace_points.h"
+#include "core/upcalls.h"
+#include "platform/mpp.h"
+#include "platform/namespace_message.h"
+#include "platform/process_manager.h"
+#include "vrf/namespace_handler.h"
+#include "vrf/node_registry.h"
+#include "vrf/server_lifecycle.h"
+#include "vrf/service_unit.h"
+
+namespace {
+
+constexpr mode_t empty_directory_mode = 0755;
+constexpr uint32_t every_event = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
+constexpr uint32_t scan_cookie = 0xFEDCBA98;
+constexpr char whole_subtree[] = "";
+
+// --- Datastore bindings and registrations ---------------------------------------------------------------------------
+
+/// The bindings, as bits of a set.
+enum binding : uint32_t {
+    binding_server = 1,
+    binding_client = 2,
+    binding_backup = 4,
+    binding_banner = 8,
+    binding_aaa_banner = 16,
+};
+
+datastore_binding** handle_of(uint32_t bit) {
+    switch (bit) {
+        case binding_server:
+            return &agent.server_binding;
+        case binding_client:
+            return &agent.client_binding;
+        case binding_backup:
+            return &agent.backup_binding;
+        case binding_banner:
+            return &agent.banner_binding;
+        default:
+            return &agent.aaa_banner_binding;
+    }
+}
+
+struct datastore_step;
+
+/// What a step does with its binding, and how its failure is logged.
+struct datastore_operation {
+    platform_status (*run)(const datastore_step& step);
+    void (*report)(platform_status status, const char* text);
+};
+
+struct datastore_step {
+    const datastore_operation& operation;
+    binding target;
+    const char* path;  ///< to bind to, or the pattern of items to register for
+    const char* text;  ///< location or message of the failure
+    uint32_t unbind;   ///< bindings given back after a failure
+    start_up_status failure;
+};
+
+platform_status bind_tree(const datastore_step& step) {
+    return bind_datastore(step.path, handle_of(step.target));
+}
+
+platform_status register_verification(const datastore_step& step) {
+    return datastore_register_verification(*handle_of(step.target), step.path, every_event, verify_configuration,
+                                           apply_configuration, agent.event_manager, nullptr);
+}
+
+void log_failure(platform_status status, const char* text) {
+    log_status(ERR_ERRNO, status, text);
+}
+
+constexpr datastore_operation bind_to{bind_tree, log_bind_failure};
+constexpr datastore_operation verify{register_verification, log_failure};
+
+/// In their order. What is not given back after a failure ends with the process.
+constexpr datastore_step datastore_steps[] = {
+    {bind_to, binding_server, paths::server_tree, "SSH CFG BASE SERVER", 0, START_UP_SERVER_BINDING},
+    {bind_to, binding_client, paths::client_tree, "SSH CFG BASE CLIENT", binding_server, START_UP_CLIENT_BINDING},
+    {bind_to, binding_backup, paths::backup_tree, "SSH CFG BASE BACKUP SERVER", binding_server | binding_client,
+     START_UP_BACKUP_BINDING},
+    {verify, binding_server, whole_subtree, "Failed to register for server config verification",
+     binding_server | binding_client, START_UP_SERVER_VERIFICATION},
+    {verify, binding_client, whole_subtree, "Failed to register for client config verification",
+     binding_server | binding_client, START_UP_CLIENT_VERIFICATION},
+    {verify, binding_backup, whole_subtree, "Failed to register for backup config verification",
+     binding_server | binding_client | binding_backup, START_UP_BACKUP_VERIFICATION},
+};
+
+void unbind(uint32_t bindings) {
+    for (uint32_t bit = binding_server; bit <= binding_aaa_banner; bit <<= 1) {
+        if ((bindings & bit) != 0) {
+            datastore_unbind(*handle_of(bit));
+            *handle_of(bit) = nullptr;
+        }
+    }
+}
+
+// --- Management-plane protection ------------------------------------------------------------------------------------
+
+struct protected_service {
+    uint32_t code;
+    const char* failure_text;
+};
+
+constexpr protected_service protected_services[] = {
+    {MPP_SERVICE_SSH, "MPP init for SSH failed"},
+    {MPP_SERVICE_NETCONF, "MPP init for Netconf failed"},
+};
+
+/// Closes the first `count` services.
+void close_protection(size_t count) {
+    for (size_t i = 0; i < count; i++) {
+        mpp_close(protected_services[i].code);
+    }
+}
+
+// --- Steps ----------------------------------------------------------------------------------------------------------
+
+start_up_status create_traces() {
+    trace_initialise();
+    return START_UP_DONE;
+}
+
+start_up_status create_event_manager() {
+    if (event_manager_create(paths::device, &agent.event_manager) != 0) {
+        log_errno("Failed to create event manager");
+        return START_UP_EVENT_MANAGER;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status read_role() {
+    agent.process_role = process_manager_role();
+    return START_UP_DONE;
+}
+
+start_up_status wait_for_primary() {
+    if (agent.process_role == PROCESS_ROLE_PRIMARY) {
+        return START_UP_DONE;
+    }
+    process_manager_ready();
+    return process_manager_wait_primary() == 0 ? START_UP_DONE : START_UP_NOT_PRIMARY;
+}
+
+start_up_status register_debug_flags() {
+    const platform_status status = debug_initialise(agent.event_manager, debug_level_handler);
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, "Failed to initiate debug event");
+        return START_UP_DEBUG;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status announce_start() {
+    agent.respawn_count = process_manager_respawn_count();
+    debug_print("ssh_cfg_agent starts, role:=%u, respawn count:=%u", agent.process_role, agent.respawn_count);
+    trace_event(core_trace_started, {agent.process_role, agent.respawn_count});
+    return START_UP_DONE;
+}
+
+start_up_status fill_tables() {
+    fill_parameter_tables();
+    return START_UP_DONE;
+}
+
+start_up_status make_empty_directory() {
+    if (mkdir(paths::empty_directory, empty_directory_mode) != 0 && errno != EEXIST) {
+        log_errno("Failed to create /var/empty");
+        return START_UP_FILES;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status prepare_files() {
+    if (prepare_default_files() != 0) {
+        log_errno("Failed to create a default configuration file");
+        return START_UP_FILES;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status set_up_datastore() {
+    for (const datastore_step& step : datastore_steps) {
+        const platform_status status = step.operation.run(step);
+        if (status != PLATFORM_OK) {
+            step.operation.report(status, step.text);
+            unbind(step.unbind);
+            return step.failure;
+        }
+    }
+    return START_UP_DONE;
+}
+
+start_up_status report_ready() {
+    process_manager_ready();
+    trace_event(core_trace_ready);
+    return START_UP_DONE;
+}
+
+start_up_status write_lines() {
+    write_initial_lines();
+    return START_UP_DONE;
+}
+
+/// Without the messages the servers of VRFs whose namespaces exist still run, so a failure is not fatal.
+start_up_status attach_namespace_messages() {
+    const platform_status status =
+        event_manager_attach_message(agent.event_manager, NAMESPACE_MESSAGE, ssh_proxy_nns_handler, nullptr);
+    if (status != PLATFORM_OK) {
+        log_details("Event message attach failed ", platform_status_text(status), "");
+        trace_error(core_trace_namespace_attach, {status});
+    }
+    return START_UP_DONE;
+}
+
+start_up_status open_protection() {
+    for (size_t i = 0; i < std::size(protected_services); i++) {
+        const platform_status status = mpp_init(protected_services[i].code);
+        if (status != PLATFORM_OK) {
+            close_protection(i + 1);
+            log_status(ERR_ERRNO, status, protected_services[i].failure_text);
+            return START_UP_PROTECTION;
+        }
+    }
+    return START_UP_DONE;
+}
+
+start_up_status create_default_unit() {
+    if (create_sshd_service_config_file("vrf-default") != 0) {
+        debug_print("Failed to create SSHD systemd service and config file for vrf:=default");
+        return START_UP_DEFAULT_UNIT;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status scan(datastore_binding* binding, const char* failure_text) {
+    const platform_status status =
+        datastore_backend_scan(binding, &item_table, whole_subtree, scan_cookie, agent.event_manager);
+    if (status != PLATFORM_OK) {
+        close_protection(std::size(protected_services));
+        log_status(ERR_ERRNO, status, failure_text);
+        return START_UP_SCAN;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status scan_server() {
+    return scan(agent.server_binding, "Backend scan failed for server config");
+}
+
+start_up_status scan_client() {
+    return scan(agent.client_binding, "Backend scan failed for client config");
+}
+
+start_up_status mark_scanned() {
+    agent.initial_scan_complete = 1;
+    return START_UP_DONE;
+}
+
+struct start_up_step {
+    const char* name;
+    start_up_status (*run)();
+};
+
+/// The order is part of the contract with the platform and with what follows: nothing is registered before this node is
+/// primary, readiness is reported before the files are written, and the stored configuration comes last.
+constexpr start_up_step steps[] = {
+    {"trace buffers", create_traces},
+    {"event manager", create_event_manager},
+    {"process role", read_role},
+    {"primary", wait_for_primary},
+    {"debug flags", register_debug_flags},
+    {"start", announce_start},
+    {"parameter tables", fill_tables},
+    {"empty directory", make_empty_directory},
+    {"default files", prepare_files},
+    {"datastore", set_up_datastore},
+    {"ready", report_ready},
+    {"initial lines", write_lines},
+    {"namespace messages", attach_namespace_messages},
+    {"protection", open_protection},
+    {"default unit", create_default_unit},
+    {"server scan", scan_server},
+    {"client scan", scan_client},
+    {"scan complete", mark_scanned},
+};
+
+/// Gives the lower rooms the functions of the higher ones.
+void fill_upcalls() {
+    upcall.ssh_process_restart = ssh_process_restart;
+    upcall.delete_vrf_node = delete_vrf_node;
+}
+
+}  // namespace
+
+start_up_status start_up() {
+    fill_upcalls();
+    for (const start_up_step& step : steps) {
+        const start_up_status status = step.run();
+        if (status != START_UP_DONE) {
+            trace_error(core_trace_start_up_failed, {step.name, status});
+            return status;
+        }
+    }
+    return START_UP_DONE;
+}
+
+int run_agent() {
+    const start_up_status status = start_up();
+    if (status != START_UP_DONE) {
+        return status;
+    }
+    run_event_loop(agent.event_manager);
+}

@@ -1,0 +1,5 @@
+#include "core/start_up.h"
+
+int main() {
+    return run_agent();
+}
