@@ -1,0 +1,46 @@
+#include "linux/control_calls.h"
+
+#include "linux/control_calls_internal.h"
+
+namespace {
+
+struct call_row {
+    const char* name;
+    control_json (*answer)(const control_json& request, const control_peer& peer);
+};
+
+constexpr call_row calls[] = {
+    {"set", control_call_set},     {"delete", control_call_delete},     {"load", control_call_load},
+    {"get", control_call_get},     {"list", control_call_list},         {"dump", control_call_dump},
+    {"show", control_call_show},   {"vrf_list", control_call_vrf_list}, {"status", control_call_status},
+    {"debug", control_call_debug}, {"trace", control_call_trace},
+};
+
+}  // namespace
+
+const std::string* control_text_member(const control_json& request, const char* name) {
+    const auto member = request.find(name);
+    return member != request.end() && member->is_string() ? member->get_ptr<const std::string*>() : nullptr;
+}
+
+control_json control_wrong_member(const char* name, const char* wanted) {
+    return control_answer(control_result::usage,
+                          std::string("the request's member \"") + name + "\" must be " + wanted);
+}
+
+control_json control_data_answer(control_json data) {
+    control_json answer = control_answer(control_result::done);
+    answer["data"] = std::move(data);
+    return answer;
+}
+
+control_json control_call(const control_json& request, const control_peer& peer) {
+    const std::string* name = control_text_member(request, "call");
+    for (const call_row& row : calls) {
+        if (name != nullptr && *name == row.name) {
+            return row.answer(request, peer);
+        }
+    }
+    return control_answer(control_result::usage,
+                          "this agent knows no call \"" + control_printable(name == nullptr ? "" : *name, 40) + '"');
+}

@@ -1,0 +1,306 @@
+#include "linux/control_connection.h"
+
+#include <malloc.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "control_protocol/answer.h"
+#include "linux/log_message_internal.h"
+
+namespace {
+
+constexpr uint64_t second = 1'000'000;
+/// What is read or written in one go before others get their turn.
+constexpr size_t turn_size = 1024UL * 1024;
+/// Frames and answers above this size are worth giving their memory back to the system at once.
+constexpr size_t worth_trimming = 256UL * 1024;
+
+// One buffer for all connections: it is only used between a read and the copy into the frame.
+std::array<char, 64UL * 1024> read_buffer;
+
+void set_deadline(control_connection& connection, uint64_t duration) {
+    connection.deadline = control_now() + duration;
+    sd_event_source_set_time(connection.limit, connection.deadline);
+    sd_event_source_set_enabled(connection.limit, SD_EVENT_ONESHOT);
+}
+
+void enter_phase(control_connection& connection, control_phase phase, uint64_t duration) {
+    connection.phase = phase;
+    connection.since = control_now();
+    set_deadline(connection, duration);
+    sd_event_source_set_io_events(connection.io, phase == control_phase::answering ? EPOLLOUT : EPOLLIN);
+}
+
+void forget_frame(control_connection& connection) {
+    connection.server->large_frames -= std::exchange(connection.promised, 0);
+    connection.frame = {};
+}
+
+void forget_answer(control_connection& connection) {
+    connection.server->answers -= connection.answer.size();
+    const bool large = connection.answer.size() > worth_trimming;
+    std::string().swap(connection.answer);
+    connection.sent = 0;
+    if (large) {
+        malloc_trim(0);
+    }
+}
+
+control_json busy_answer() {
+    control_json answer = control_answer(control_result::failed, "the agent is busy with other large requests");
+    answer["retry"] = true;
+    return answer;
+}
+
+/// The answer goes out when the loop is reached again: what the call has asked of the loop, the opening of a VRF's ports
+/// above all, has happened by then.
+void send_answer(control_connection& connection, const control_json& answer, bool last) {
+    std::string text = control_json_text(answer);
+    if (text.size() > CONTROL_FRAME_MAX) {
+        text = control_json_text(
+            control_answer(control_result::failed, "the answer is larger than a frame may be; ask for less at a time"));
+    } else if (connection.server->answers + text.size() > connection.server->limits.answers) {
+        text = control_json_text(busy_answer());
+        last = true;
+    }
+    const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
+    text.insert(text.begin(), header.begin(), header.end());
+    forget_frame(connection);
+    connection.answer = std::move(text);
+    connection.sent = 0;
+    connection.server->answers += connection.answer.size();
+    connection.last_answer = last;
+    enter_phase(connection, control_phase::answering, connection.server->limits.answer_time);
+}
+
+void send_last_answer(control_connection& connection, control_result result, const std::string& message) {
+    send_answer(connection, control_answer(result, message), true);
+}
+
+void handle_request(control_connection& connection) {
+    const size_t size = connection.frame.document.size();
+    std::string error;
+    std::optional<control_json> request = control_json_parse(connection.frame.document, error);
+    std::string().swap(connection.frame.document);
+    if (!request.has_value()) {
+        send_last_answer(connection, control_result::refused, "the request is refused: " + error);
+    } else if (!request->is_object() || !request->contains("call") || !(*request)["call"].is_string()) {
+        send_answer(connection, control_answer(control_result::usage, "a request is an object with a text \"call\""),
+                    false);
+    } else {
+        send_answer(connection, connection.server->call(*request, connection.peer), false);
+    }
+    request.reset();
+    if (size > worth_trimming) {
+        malloc_trim(0);
+    }
+}
+
+/// A large frame needs a place of its size among the large ones, so that they cannot take all memory together.
+bool promise_memory(control_connection& connection) {
+    control_server& server = *connection.server;
+    const size_t length = control_frame_length(connection.frame);
+    if (length <= server.limits.small_frame || connection.promised > 0) {
+        return true;
+    }
+    if (server.large_frames + length > server.limits.large_frames) {
+        return false;
+    }
+    server.large_frames += length;
+    connection.promised = length;
+    return true;
+}
+
+void take_bytes(control_connection& connection, std::string_view bytes) {
+    if (connection.phase == control_phase::idle) {
+        enter_phase(connection, control_phase::receiving, connection.server->limits.frame_time);
+    }
+    control_frame_take(connection.frame, bytes);
+    switch (control_frame_progress(connection.frame)) {
+        case control_frame_state::too_large:
+            send_last_answer(connection, control_result::refused,
+                             "the request is refused: a frame of " +
+                                 std::to_string(control_frame_length(connection.frame)) + " bytes; at most " +
+                                 std::to_string(CONTROL_FRAME_MAX) + " are taken");
+            break;
+        case control_frame_state::complete:
+            handle_request(connection);
+            break;
+        case control_frame_state::incomplete:
+            if (!promise_memory(connection)) {
+                send_answer(connection, busy_answer(), true);
+            }
+            break;
+    }
+}
+
+void handle_end_of_input(control_connection& connection) {
+    if (connection.phase == control_phase::idle) {
+        control_connection_drop(&connection);
+        return;
+    }
+    send_last_answer(connection, control_result::refused, "the request is refused: it ended in the middle of a frame");
+}
+
+/// Whether a failed read or write only has to be repeated later.
+bool try_again_later(int error) {
+    return error == EAGAIN || error == EINTR;
+}
+
+void read_frame(control_connection& connection) {
+    for (size_t total = 0; total < turn_size && connection.phase != control_phase::answering;) {
+        const size_t wanted = std::min(control_frame_missing(connection.frame), read_buffer.size());
+        const ssize_t count = recv(connection.fd, read_buffer.data(), wanted, MSG_DONTWAIT);
+        if (count < 0 && try_again_later(errno)) {
+            return;
+        }
+        if (count < 0) {
+            control_connection_drop(&connection);
+            return;
+        }
+        if (count == 0) {
+            handle_end_of_input(connection);
+            return;
+        }
+        take_bytes(connection, std::string_view(read_buffer.data(), static_cast<size_t>(count)));
+        total += static_cast<size_t>(count);
+    }
+}
+
+void write_answer(control_connection& connection) {
+    const size_t size = std::min(connection.answer.size() - connection.sent, turn_size);
+    const ssize_t count =
+        send(connection.fd, connection.answer.data() + connection.sent, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0 && try_again_later(errno)) {
+        return;
+    }
+    if (count < 0) {
+        control_connection_drop(&connection);
+        return;
+    }
+    connection.sent += static_cast<size_t>(count);
+    if (connection.sent < connection.answer.size()) {
+        set_deadline(connection, connection.server->limits.answer_time);
+        return;
+    }
+    if (connection.last_answer) {
+        control_connection_drop(&connection);
+        return;
+    }
+    forget_answer(connection);
+    enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
+}
+
+/// No exception may cross the loop, which is C: what one connection asks for must never end the agent.
+template <class action>
+void guarded(control_connection* connection, action act) {
+    try {
+        act();
+    } catch (const std::exception& exception) {
+        platform_log(LOG_ERR, "A control connection of process %d is dropped: %s", connection->peer.pid,
+                     exception.what());
+        control_connection_drop(connection);
+    }
+}
+
+int io_is_ready(sd_event_source* /*source*/, int /*fd*/, uint32_t /*events*/, void* userdata) {
+    auto* connection = static_cast<control_connection*>(userdata);
+    guarded(connection, [connection] {
+        if (connection->phase == control_phase::answering) {
+            write_answer(*connection);
+        } else {
+            read_frame(*connection);
+        }
+    });
+    return 0;
+}
+
+void time_is_up(control_connection& connection) {
+    // A handler has held up the loop, which is not the peer's doing: it gets its time again.
+    if (control_now() > connection.deadline + second) {
+        const control_limits& limits = connection.server->limits;
+        set_deadline(connection, connection.phase == control_phase::idle        ? limits.idle_time
+                                 : connection.phase == control_phase::receiving ? limits.frame_time
+                                                                                : limits.answer_time);
+        return;
+    }
+    if (connection.phase == control_phase::receiving) {
+        send_last_answer(connection, control_result::refused,
+                         "the request is refused: its frame was not finished within " +
+                             std::to_string(connection.server->limits.frame_time / second) + " seconds");
+        return;
+    }
+    control_connection_drop(&connection);
+}
+
+int limit_is_reached(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
+    auto* connection = static_cast<control_connection*>(userdata);
+    guarded(connection, [connection] { time_is_up(*connection); });
+    return 0;
+}
+
+int attach(control_connection& connection) {
+    sd_event* loop = connection.server->loop;
+    int result = sd_event_add_io(loop, &connection.io, connection.fd, EPOLLIN, io_is_ready, &connection);
+    if (result >= 0) {
+        result = sd_event_source_set_priority(connection.io, CONTROL_PRIORITY_CONNECTION);
+    }
+    if (result >= 0) {
+        result = sd_event_add_time(loop, &connection.limit, CLOCK_MONOTONIC, UINT64_MAX, second / 10, limit_is_reached,
+                                   &connection);
+    }
+    if (result >= 0) {
+        result = sd_event_source_set_priority(connection.limit, CONTROL_PRIORITY_LIMIT);
+    }
+    return result;
+}
+
+}  // namespace
+
+uint64_t control_now() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+platform_status control_connection_add(control_server* server, int fd, const control_peer& peer) {
+    std::unique_ptr<control_connection> owned;
+    try {
+        owned = std::make_unique<control_connection>();
+        server->connections.emplace_back();
+    } catch (const std::bad_alloc&) {
+        close(fd);
+        throw;
+    }
+    control_connection& connection = *owned;
+    server->connections.back() = std::move(owned);
+    connection.server = server;
+    connection.fd = fd;
+    connection.peer = peer;
+    const int result = attach(connection);
+    if (result < 0) {
+        control_connection_drop(&connection);
+        return static_cast<platform_status>(-result);
+    }
+    enter_phase(connection, control_phase::idle, server->limits.idle_time);
+    return PLATFORM_OK;
+}
+
+void control_connection_drop(control_connection* connection) {
+    forget_frame(*connection);
+    forget_answer(*connection);
+    sd_event_source_disable_unref(connection->io);
+    sd_event_source_disable_unref(connection->limit);
+    close(connection->fd);
+    connection->server->connections.remove_if(
+        [connection](const std::unique_ptr<control_connection>& entry) { return entry.get() == connection; });
+}
