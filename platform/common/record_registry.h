@@ -1,0 +1,11 @@
+/// The registered record descriptors with their parsed schemas.
+#ifndef PLATFORM_COMMON_RECORD_REGISTRY_H
+#define PLATFORM_COMMON_RECORD_REGISTRY_H
+
+#include "common/record_schema.h"
+#include "platform/record_codec.h"
+
+/// The schema of a registered descriptor, or null. Valid as long as the process lives.
+const record_schema* find_record_schema(const record_descriptor* descriptor);
+
+#endif
