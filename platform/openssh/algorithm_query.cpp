@@ -1,0 +1,112 @@
+#include "openssh/algorithm_query.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "openssh/run_programs.h"
+#include "openssh/state_files.h"
+#include "openssh/text.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr std::chrono::seconds query_limit{10};
+constexpr std::string_view cache_title = "ssh algorithms 1";
+constexpr std::string_view cache_end = "end";
+
+/// The words of `ssh -Q`, in the order of the kinds.
+constexpr const char* query_words[algorithm_kind_count] = {"cipher", "mac", "kex", "HostKeyAlgorithms"};
+
+/// A package upgrade that keeps the size and the time of modification still changes the inode or the time of its change.
+std::string identity_of(const std::string& ssh, std::string& identity) {
+    struct stat status;
+    if (stat(ssh.c_str(), &status) != 0) {
+        const int error = errno;
+        return format_text("cannot look at %s: %s", ssh.c_str(), std::strerror(error));
+    }
+    identity = format_text("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(ssh).c_str(),
+                           static_cast<long long>(status.st_size), static_cast<unsigned long long>(status.st_ino),
+                           static_cast<long long>(status.st_mtim.tv_sec), status.st_mtim.tv_nsec,
+                           static_cast<long long>(status.st_ctim.tv_sec), status.st_ctim.tv_nsec);
+    return {};
+}
+
+std::string ask_ssh(const std::string& ssh, known_algorithms& known) {
+    std::vector<std::vector<std::string>> programs;
+    for (const char* word : query_words) {
+        programs.push_back({ssh, "-Q", word});
+    }
+    const std::vector<program_result> results = run_programs(programs, query_limit);
+    known_algorithms answer;
+    for (size_t kind = 0; kind < algorithm_kind_count; ++kind) {
+        const program_result& result = results[kind];
+        for (const std::string_view name : split(result.output, " \t\r\n")) {
+            answer.names[kind].emplace_back(name);
+        }
+        if (result.status != 0 || answer.names[kind].empty()) {
+            const std::string failure =
+                result.failure.empty() ? format_text("exit status %d", result.status) : result.failure;
+            return format_text("%s -Q %s tells no algorithms: %s %s", ssh.c_str(), query_words[kind], failure.c_str(),
+                               shown(trimmed(result.errors)).c_str());
+        }
+    }
+    known = std::move(answer);
+    return {};
+}
+
+}  // namespace
+
+std::string format_algorithm_cache(std::string_view identity, const known_algorithms& known) {
+    std::string text(cache_title);
+    text.append("\n").append(identity).append("\n");
+    for (size_t kind = 0; kind < algorithm_kind_count; ++kind) {
+        text.append(query_words[kind]);
+        for (const std::string& name : known.names[kind]) {
+            text.append(" ").append(name);
+        }
+        text.append("\n");
+    }
+    return text.append(cache_end).append("\n");
+}
+
+bool parse_algorithm_cache(std::string_view text, std::string_view identity, known_algorithms& known) {
+    const auto lines = split(text, "\n");
+    constexpr size_t lines_before_names = 2;
+    if (lines.size() != lines_before_names + algorithm_kind_count + 1 || lines[0] != cache_title ||
+        lines[1] != identity || lines.back() != cache_end) {
+        return false;
+    }
+    known_algorithms answer;
+    for (size_t kind = 0; kind < algorithm_kind_count; ++kind) {
+        const auto words = split(lines[lines_before_names + kind], " ");
+        if (words.size() < 2 || words[0] != query_words[kind]) {
+            return false;
+        }
+        answer.names[kind].assign(words.begin() + 1, words.end());
+    }
+    known = std::move(answer);
+    return true;
+}
+
+std::string query_algorithms(const std::string& ssh, const std::string& cache_file, known_algorithms& known) {
+    std::string identity;
+    std::string error = identity_of(ssh, identity);
+    if (!error.empty()) {
+        return error;
+    }
+    std::string text;
+    if (read_file(cache_file, text).empty() && parse_algorithm_cache(text, identity, known)) {
+        return {};
+    }
+    error = ask_ssh(ssh, known);
+    if (error.empty()) {
+        replace_file(cache_file, format_algorithm_cache(identity, known));
+    }
+    return error;
+}
+
+}  // namespace openssh

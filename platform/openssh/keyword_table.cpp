@@ -1,0 +1,178 @@
+#include "openssh/keyword_table.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "openssh/text.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr keyword_row pass(std::string_view keyword, value_form form, repetition repeats = repetition::once,
+                           std::string_view otherwise = {}) {
+    return {.keyword = keyword, .how = treatment::pass, .form = form, .repeats = repeats, .otherwise = otherwise};
+}
+
+constexpr keyword_row list(std::string_view keyword, algorithm_kind kind, std::string_view written_as = {}) {
+    return {.keyword = keyword, .how = treatment::list, .written_as = written_as, .kind = kind};
+}
+
+constexpr keyword_row leave_out(std::string_view keyword, const char* reason) {
+    return {.keyword = keyword, .how = treatment::leave_out, .reason = reason};
+}
+
+/// A setting of sshd's that the agent never writes, for files that an operator has edited; sshd itself judges it.
+constexpr keyword_row stock(std::string_view keyword) {
+    return pass(keyword, is_any_text);
+}
+
+constexpr keyword_row stock_repeated(std::string_view keyword) {
+    return pass(keyword, is_any_text, repetition::by_value);
+}
+
+constexpr const char* no_certificates = "stock sshd has no x509v3 certificates";
+
+constexpr keyword_row rows[] = {
+    // What the agent writes.
+    pass("UsePAM", is_yes_or_no, repetition::once, "yes"),
+    pass("Port", is_port, repetition::by_value),
+    pass("MaxAuthTries", is_count),
+    pass("RekeyLimit", is_rekey_limit),
+    pass("MaxSessions", is_count),
+    pass("IPQoS", is_ip_qos),
+    pass("PermitRootLogin", is_root_login),
+    pass("LogLevel", is_log_level),
+    pass("Subsystem", is_subsystem, repetition::by_first_word),
+    pass("Banner", is_path_or_none),
+    pass("LoginGraceTime", is_time),
+    pass("ClientAliveInterval", is_time),
+    pass("AllowTcpForwarding", is_forwarding, repetition::once, "no"),
+    list("Ciphers", algorithm_kind::cipher),
+    list("MACs", algorithm_kind::mac),
+    list("KexAlgorithms", algorithm_kind::kex),
+    list("HostKeyAlgorithms", algorithm_kind::key),
+    {.keyword = "AcceptedAlgorithms",
+     .how = treatment::additional_keys,
+     .written_as = "PubkeyAcceptedAlgorithms",
+     .kind = algorithm_kind::key},
+    {.keyword = "HostKey", .how = treatment::host_keys, .form = is_key_path, .repeats = repetition::by_value},
+    {.keyword = "NorvoSSHFipsMode", .how = treatment::fips_mode},
+    leave_out("Protocol", "stock sshd speaks version 2 alone"),
+    leave_out("WindowScaleQd", "stock sshd leaves the TCP window to the kernel"),
+    leave_out("RateLimitQd", "stock sshd does not limit connections per minute"),
+    leave_out("SessionLimitQd", "stock sshd limits unauthenticated connections alone, not sessions"),
+    leave_out("HostTrustpointQd", no_certificates),
+    leave_out("UserTrustpointQd", no_certificates),
+    leave_out("UserTrustpointCntQd", no_certificates),
+    leave_out("CertUsernameQd", no_certificates),
+
+    // What would take the file out of the launcher's hands. The agent appends its lines at the end of a file, where a
+    // Match block would swallow them; and a line of a block must not become a setting for everybody.
+    {.keyword = "Match",
+     .how = treatment::end_of_settings,
+     .reason = "conditional blocks are not carried out, nor is anything behind their first line"},
+    leave_out("Include", "other files are not read"),
+    leave_out("PidFile", "the service manager keeps track of the server"),
+
+    // Algorithm lists that the agent never writes but that FIPS mode has to hold.
+    list("PubkeyAcceptedAlgorithms", algorithm_kind::key),
+    list("PubkeyAcceptedKeyTypes", algorithm_kind::key, "PubkeyAcceptedAlgorithms"),
+    list("HostbasedAcceptedAlgorithms", algorithm_kind::key),
+    list("HostbasedAcceptedKeyTypes", algorithm_kind::key, "HostbasedAcceptedAlgorithms"),
+    list("CASignatureAlgorithms", algorithm_kind::key),
+
+    stock_repeated("AcceptEnv"),
+    stock("AddressFamily"),
+    stock("AllowAgentForwarding"),
+    stock_repeated("AllowGroups"),
+    stock("AllowStreamLocalForwarding"),
+    stock_repeated("AllowUsers"),
+    stock("AuthenticationMethods"),
+    stock("AuthorizedKeysCommand"),
+    stock("AuthorizedKeysCommandUser"),
+    stock("AuthorizedKeysFile"),
+    stock("AuthorizedPrincipalsCommand"),
+    stock("AuthorizedPrincipalsCommandUser"),
+    stock("AuthorizedPrincipalsFile"),
+    stock("ChallengeResponseAuthentication"),
+    stock("ChannelTimeout"),
+    stock("ChrootDirectory"),
+    stock("ClientAliveCountMax"),
+    stock("Compression"),
+    stock("DebianBanner"),
+    stock_repeated("DenyGroups"),
+    stock_repeated("DenyUsers"),
+    stock("DisableForwarding"),
+    stock("ExposeAuthInfo"),
+    stock("FingerprintHash"),
+    stock("ForceCommand"),
+    stock("GatewayPorts"),
+    stock("GSSAPIAuthentication"),
+    stock("GSSAPICleanupCredentials"),
+    stock("GSSAPIKeyExchange"),
+    stock("GSSAPIKexAlgorithms"),
+    stock("GSSAPIStoreCredentialsOnRekey"),
+    stock("GSSAPIStrictAcceptorCheck"),
+    stock("HostbasedAuthentication"),
+    stock("HostbasedUsesNameFromPacketOnly"),
+    stock_repeated("HostCertificate"),
+    stock("HostKeyAgent"),
+    stock("IgnoreRhosts"),
+    stock("IgnoreUserKnownHosts"),
+    stock("KbdInteractiveAuthentication"),
+    stock("KerberosAuthentication"),
+    stock("KerberosGetAFSToken"),
+    stock("KerberosOrLocalPasswd"),
+    stock("KerberosTicketCleanup"),
+    stock_repeated("ListenAddress"),
+    stock("LogVerbose"),
+    stock("MaxStartups"),
+    stock("ModuliFile"),
+    stock("PasswordAuthentication"),
+    stock("PermitEmptyPasswords"),
+    stock("PermitListen"),
+    stock("PermitOpen"),
+    stock("PermitTTY"),
+    stock("PermitTunnel"),
+    stock("PermitUserEnvironment"),
+    stock("PermitUserRC"),
+    stock("PerSourceMaxStartups"),
+    stock("PerSourceNetBlockSize"),
+    stock("PrintLastLog"),
+    stock("PrintMotd"),
+    stock("PubkeyAuthentication"),
+    stock("PubkeyAuthOptions"),
+    stock("RequiredRSASize"),
+    stock("RevokedKeys"),
+    stock("SecurityKeyProvider"),
+    stock("SetEnv"),
+    stock("StreamLocalBindMask"),
+    stock("StreamLocalBindUnlink"),
+    stock("StrictModes"),
+    stock("SyslogFacility"),
+    stock("TCPKeepAlive"),
+    stock("TrustedUserCAKeys"),
+    stock("UnusedConnectionTimeout"),
+    stock("UseDNS"),
+    stock("VersionAddendum"),
+    stock("X11DisplayOffset"),
+    stock("X11Forwarding"),
+    stock("X11UseLocalhost"),
+    stock("XAuthLocation"),
+};
+
+}  // namespace
+
+keyword_rows all_keyword_rows() {
+    return {std::begin(rows), std::end(rows)};
+}
+
+const keyword_row* find_keyword_row(std::string_view keyword) {
+    const keyword_row* row = std::find_if(std::begin(rows), std::end(rows), [&](const keyword_row& candidate) {
+        return equal_ignoring_case(candidate.keyword, keyword);
+    });
+    return row == std::end(rows) ? nullptr : row;
+}
+
+}  // namespace openssh

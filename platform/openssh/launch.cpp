@@ -1,0 +1,167 @@
+#include "openssh/launch.h"
+
+#include <unistd.h>
+
+#include <chrono>
+
+#include "openssh/algorithm_query.h"
+#include "openssh/run_programs.h"
+#include "openssh/state_files.h"
+#include "openssh/text.h"
+#include "openssh/translate.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr std::chrono::seconds test_limit{20};
+
+std::string ensure_directories(const launcher_paths& paths) {
+    std::string error = ensure_directory(paths.state_directory, 0700);
+    if (error.empty()) {
+        error = ensure_directory(paths.privilege_separation_directory, 0755);
+    }
+    return error;
+}
+
+/// Asks ssh, translates, and reports the remarks.
+std::string translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
+                                 translation& result) {
+    known_algorithms known;
+    std::string error = query_algorithms(paths.ssh, paths.state_directory + "/~algorithms", known);
+    if (!error.empty()) {
+        return error;
+    }
+    const bool has_keys_program = access(paths.user_keys_program.c_str(), X_OK) == 0;
+    result = translate({.text = text,
+                        .source_name = to.server_file,
+                        .known = &known,
+                        .key_is_usable = is_readable_file,
+                        .user_keys_program = has_keys_program ? paths.user_keys_program : std::string_view()});
+    for (const remark& one : result.remarks) {
+        report(to, one.level, one.text);
+    }
+    return result.refused ? "the file cannot be used" : "";
+}
+
+/// Lets sshd itself judge a file. What it says is reported, also when it takes the file.
+std::string test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to) {
+    const program_result result = run_programs({{paths.sshd, "-t", "-f", file}}, test_limit).front();
+    const bool taken = result.status == 0;
+    report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
+    if (!result.failure.empty()) {
+        return format_text("the test with %s -t %s", paths.sshd.c_str(), result.failure.c_str());
+    }
+    return taken ? std::string() : format_text("sshd does not take the file (exit status %d)", result.status);
+}
+
+/// Tests a translation and makes it the current one; keeps what sshd does not take aside.
+std::string adopt(const launcher_paths& paths, const translation_files& files, const std::string& text,
+                  const reporter& to) {
+    std::string error = write_new_file(files.candidate, text);
+    if (!error.empty()) {
+        return error;
+    }
+    error = test_with_sshd(paths, files.candidate, to);
+    if (error.empty()) {
+        return move_file(files.candidate, files.current);
+    }
+    if (move_file(files.candidate, files.refused).empty()) {
+        error += format_text("; what it was given is kept as %s", files.refused.c_str());
+    }
+    return error;
+}
+
+/// The last good file must still be good: its host keys may be gone, and outside FIPS mode it may have been made with
+/// algorithms that are now forbidden.
+launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode,
+                        const reporter& to) {
+    std::string text;
+    std::string error = read_file(files.current, text);
+    if (!error.empty()) {
+        report(to, severity::error, "there is no last good file, the server is not started: " + error);
+        return launch_no_good_file;
+    }
+    if (fips_mode && !was_made_in_fips_mode(text)) {
+        report(to, severity::error, "the last good file was made outside FIPS mode, the server is not started");
+        return launch_no_good_file;
+    }
+    error = test_with_sshd(paths, files.current, to);
+    if (!error.empty()) {
+        report(to, severity::error, "the last good file is no longer good, the server is not started: " + error);
+        return launch_no_good_file;
+    }
+    report(to, severity::error, "THE SERVER RUNS WITH THE LAST GOOD FILE, not with its present settings");
+    return launch_ready;
+}
+
+/// The steps without which nothing can be done, not even falling back.
+launch_status read_server_file(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                               std::string& text) {
+    std::string error = read_file(options.file, text);
+    if (!error.empty()) {
+        report(to, severity::error, "the server file cannot be used: " + error);
+        return launch_file_unreadable;
+    }
+    error = ensure_directories(paths);
+    if (!error.empty()) {
+        report(to, severity::error, "the server cannot be started: " + error);
+        return launch_no_state;
+    }
+    return launch_ready;
+}
+
+}  // namespace
+
+launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                             std::string& config) {
+    std::string text;
+    const launch_status status = read_server_file(paths, options, to, text);
+    if (status != launch_ready) {
+        return status;
+    }
+    const translation_files files = translation_files_of(paths.state_directory, paths.agent_directory, options.file);
+    translation result;
+    std::string error = translate_and_report(paths, text, to, result);
+    if (error.empty()) {
+        error = adopt(paths, files, result.text, to);
+    }
+    config = files.current;
+    if (error.empty()) {
+        return launch_ready;
+    }
+    report(to, severity::error, error);
+    return fall_back(paths, files, asks_for_fips_mode(text), to);
+}
+
+launch_status try_translation(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                              std::string& translated) {
+    std::string text;
+    const launch_status status = read_server_file(paths, options, to, text);
+    if (status != launch_ready) {
+        return status;
+    }
+    translation result;
+    std::string error = translate_and_report(paths, text, to, result);
+    translated = result.text;
+    const std::string candidate =
+        translation_files_of(paths.state_directory, paths.agent_directory, options.file).candidate;
+    if (error.empty()) {
+        error = write_new_file(candidate, translated);
+    }
+    if (error.empty()) {
+        error = test_with_sshd(paths, candidate, to);
+        unlink(candidate.c_str());
+    }
+    if (error.empty()) {
+        return launch_ready;
+    }
+    report(to, severity::error, error);
+    return launch_no_good_file;
+}
+
+std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config) {
+    return {paths.sshd, "-D", "-f", config};
+}
+
+}  // namespace openssh

@@ -1,0 +1,40 @@
+/// What happens between the start of the launcher and its becoming sshd.
+#ifndef OPENSSH_LAUNCH_H
+#define OPENSSH_LAUNCH_H
+
+#include <string>
+#include <vector>
+
+#include "openssh/options.h"
+#include "openssh/paths.h"
+#include "openssh/report.h"
+
+namespace openssh {
+
+/// Exit statuses of the launcher.
+enum launch_status {
+    launch_ready = 0,
+    launch_usage = 2,
+    launch_file_unreadable = 3,  ///< the agent's file cannot be read
+    launch_no_good_file = 4,     ///< the file cannot be used and there is no last good one
+    launch_no_state = 5,         ///< a directory that is needed cannot be made
+    launch_exec_failed = 6,      ///< sshd could not be executed
+};
+
+/// Translates and tests the file and keeps the result, or falls back on the last good one. Everything that the operator should
+/// know has been reported. With `launch_ready`, `config` is the path of the file to run sshd with.
+launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                             std::string& config);
+
+/// Gives the translation as text, for printing, and reports what sshd says of it; nothing is kept. `translated` is also set
+/// when sshd does not take it.
+launch_status try_translation(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                              std::string& translated);
+
+/// The command that the launcher becomes. sshd stays in the foreground, so that the service manager's main process is the
+/// server, and logs to syslog, where the journal finds it with the unit and other readers of the log with its facility.
+std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config);
+
+}  // namespace openssh
+
+#endif

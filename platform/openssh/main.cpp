@@ -1,0 +1,58 @@
+/// Stands in the place of the SSH server: makes a file that stock sshd takes out of the agent's, and becomes sshd.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "openssh/launch.h"
+#include "openssh/text.h"
+
+namespace {
+
+[[noreturn]] void become(const std::vector<std::string>& command, const openssh::reporter& to) {
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execv(arguments[0], arguments.data());
+    const int error = errno;
+    openssh::report(to, openssh::severity::error,
+                    openssh::format_text("cannot execute %s: %s", arguments[0], std::strerror(error)));
+    std::exit(openssh::launch_exec_failed);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    openssh::reporter to{.to_journal = openssh::is_journal_stream(STDERR_FILENO, std::getenv("JOURNAL_STREAM"))};
+    openssh::launch_options options;
+    const std::string error = openssh::parse_options(count, arguments, options);
+    to.server_file = options.file.empty() ? "-" : options.file;
+    if (!error.empty()) {
+        openssh::report(to, openssh::severity::error, error);
+        std::fputs(openssh::usage_text, stderr);
+        return openssh::launch_usage;
+    }
+
+    const openssh::launcher_paths paths;
+    if (options.print_only) {
+        std::string translated;
+        const openssh::launch_status status = openssh::try_translation(paths, options, to, translated);
+        std::fputs(translated.c_str(), stdout);
+        return status;
+    }
+    std::string config;
+    const openssh::launch_status status = openssh::prepare_launch(paths, options, to, config);
+    if (status != openssh::launch_ready) {
+        return status;
+    }
+    openssh::report(to, openssh::severity::notice,
+                    openssh::format_text("the server of VRF %u starts with %s", options.vrf_id, config.c_str()));
+    become(openssh::server_command(paths, config), to);
+}

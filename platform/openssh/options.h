@@ -1,0 +1,30 @@
+/// The launcher's command line.
+#ifndef OPENSSH_OPTIONS_H
+#define OPENSSH_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+
+namespace openssh {
+
+struct launch_options {
+    std::string file;         ///< the agent's server file, an absolute path
+    uint32_t vrf_id = 0;      ///< the VRF's number in the VRF table
+    bool print_only = false;  ///< print the translation and start nothing
+};
+
+constexpr const char* usage_text =
+    "usage: sshd -f FILE -v ID\n"
+    "       sshd -t -f FILE\n"
+    "Starts the SSH server of one VRF with the settings of the agent's server file.\n"
+    "  -f FILE  the server file, an absolute path\n"
+    "  -v ID    the VRF's identifier, a number\n"
+    "  -t       test: print what the server would be started with, and start nothing\n";
+
+/// Reads the arguments (the program's name being the first). Returns an empty text, or what is wrong, `options` then being
+/// undefined.
+std::string parse_options(int count, char* const* arguments, launch_options& options);
+
+}  // namespace openssh
+
+#endif

@@ -1,0 +1,27 @@
+/// Every absolute path that the launcher of the SSH server uses.
+#ifndef OPENSSH_PATHS_H
+#define OPENSSH_PATHS_H
+
+#include <string>
+
+namespace openssh {
+
+/// The defaults are those of the installed system; tests point them elsewhere.
+struct launcher_paths {
+    /// Holds the translated files and the cache of algorithm names. Root's alone, made when missing.
+    std::string state_directory = "/run/ssh_cfg_agent/openssh";
+    /// sshd refuses to start without it.
+    std::string privilege_separation_directory = "/run/sshd";
+    /// Where the agent keeps its server files; their translations are named after the file alone.
+    std::string agent_directory = "/var/opt/norvo/norvossh/";
+    std::string ssh = "/usr/bin/ssh";
+    /// A link to the stock server. sshd uses the last part of the name it is run by as its PAM service name, and needs an
+    /// absolute one to execute itself for each connection.
+    std::string sshd = "/pkg/libexec/norvosshd";
+    /// Prints the key that the key store holds for the user named by its argument; sshd is told of it where it is installed.
+    std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
+};
+
+}  // namespace openssh
+
+#endif

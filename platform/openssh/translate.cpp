@@ -1,0 +1,361 @@
+#include "openssh/translate.h"
+
+#include <algorithm>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "openssh/keyword_table.h"
+#include "openssh/text.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr std::string_view fips_mode_line = "# FIPS mode: on\n";
+constexpr std::string_view no_fips_mode_line = "# FIPS mode: off\n";
+constexpr std::string_view blanks = " \t";
+
+struct setting {
+    size_t line;
+    std::string_view keyword;
+    std::string_view value;
+};
+
+struct translator {
+    const translation_input& input;
+    translation result = {};
+    size_t remarks_not_kept = 0;
+    bool ended = false;
+    bool has_host_key = false;
+    /// What has been written: the lower-case keyword, with the value where several lines of it may stand.
+    std::unordered_set<std::string> written = {};
+    /// List keywords of which a line came down to nothing, with the number of that line.
+    std::unordered_map<std::string, size_t> emptied = {};
+};
+
+void add_remark(translator& state, severity level, std::string text) {
+    // An error is what the operator needs most, and there are few of them.
+    if (state.result.remarks.size() < most_remarks - 1 || level == severity::error) {
+        state.result.remarks.push_back({level, std::move(text)});
+    } else {
+        ++state.remarks_not_kept;
+    }
+}
+
+/// Divides a line as sshd does: keyword, blanks or one "=", value up to a comment. The keyword is empty for a blank line or a
+/// comment.
+setting parse_line(size_t number, std::string_view line) {
+    line = trimmed(line);
+    if (line.empty() || line[0] == '#') {
+        return {number, {}, {}};
+    }
+    const size_t keyword_end = std::min(line.find_first_of(" \t="), line.size());
+    std::string_view value = trimmed(line.substr(keyword_end));
+    if (value.starts_with('=')) {
+        value = trimmed(value.substr(1));
+    }
+    if (value.find_first_of("\"'") == std::string_view::npos) {
+        for (size_t i = 0; i < value.size(); ++i) {
+            if (value[i] == '#' && (i == 0 || blanks.find(value[i - 1]) != std::string_view::npos)) {
+                value = trimmed(value.substr(0, i));
+            }
+        }
+    }
+    return {number, line.substr(0, keyword_end), value};
+}
+
+bool has_control_character(std::string_view line) {
+    return std::any_of(line.begin(), line.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return (byte < 0x20 && c != '\t') || byte == 0x7f;
+    });
+}
+
+/// Calls `visit(number, line)` for each line, with or without a line feed at the end of the last one.
+template <typename Visit>
+void for_each_line(std::string_view text, Visit visit) {
+    size_t number = 0;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        visit(++number, text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
+std::string repetition_key(const keyword_row& row, std::string_view value) {
+    std::string key = lower_case(row.output_keyword());
+    if (row.repeats == repetition::by_value) {
+        key.append(" ").append(value);
+    } else if (row.repeats == repetition::by_first_word) {
+        key.append(" ").append(split(value, blanks).front());
+    }
+    return key;
+}
+
+/// Appends a line unless sshd has one already that it would take in its place, or fail at.
+bool write_line(translator& state, const keyword_row& row, std::string_view value, size_t line) {
+    if (!state.written.insert(repetition_key(row, value)).second) {
+        add_remark(state, severity::notice,
+                   format_text("line %zu: %s %s left out: an earlier line of the same setting stands", line,
+                               shown(row.keyword).c_str(), shown(value).c_str()));
+        return false;
+    }
+    state.result.text.append(row.output_keyword()).append(" ").append(value).append("\n");
+    return true;
+}
+
+void pass_setting(translator& state, const keyword_row& row, const setting& found) {
+    if (row.form(found.value)) {
+        write_line(state, row, found.value, found.line);
+        return;
+    }
+    add_remark(state, severity::warning,
+               format_text("line %zu: %s left out: sshd does not take the value \"%s\"", found.line,
+                           shown(row.keyword).c_str(), shown(found.value).c_str()));
+}
+
+void remark_names(translator& state, const setting& found, const std::vector<std::string_view>& names,
+                  const char* format) __attribute__((format(printf, 4, 0)));
+
+/// Names what a list lost. The format takes the line, the keyword and the names.
+void remark_names(translator& state, const setting& found, const std::vector<std::string_view>& names,
+                  const char* format) {
+    constexpr size_t most_names = 64;
+    if (names.empty()) {
+        return;
+    }
+    std::string text;
+    for (size_t i = 0; i < std::min(names.size(), most_names); ++i) {
+        text.append(i == 0 ? "" : ",").append(shown(names[i]));
+    }
+    if (names.size() > most_names) {
+        text += format_text(" and %zu more", names.size() - most_names);
+    }
+    const std::string keyword = shown(found.keyword);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    add_remark(state, severity::notice, format_text(format, found.line, keyword.c_str(), text.c_str()));
+#pragma GCC diagnostic pop
+}
+
+list_cut cut_and_remark(translator& state, const keyword_row& row, const setting& found) {
+    list_cut cut = cut_list(found.value, row.kind, *state.input.known, state.result.fips_mode);
+    remark_names(state, found, cut.unknown, "line %zu: %s: left out, not known to this OpenSSH: %s");
+    remark_names(state, found, cut.not_approved, "line %zu: %s: left out, not approved in FIPS mode: %s");
+    remark_names(state, found, cut.repeated, "line %zu: %s: left out, named before: %s");
+    return cut;
+}
+
+void translate_list(translator& state, const keyword_row& row, const setting& found) {
+    if (!is_algorithm_list(found.value)) {
+        add_remark(state, severity::warning,
+                   format_text("line %zu: %s left out: \"%s\" is not a list of names", found.line,
+                               shown(row.keyword).c_str(), shown(found.value).c_str()));
+        state.emptied.emplace(lower_case(row.output_keyword()), found.line);
+        return;
+    }
+    const list_cut cut = cut_and_remark(state, row, found);
+    if (cut.kept.empty()) {
+        state.emptied.emplace(lower_case(row.output_keyword()), found.line);
+        return;
+    }
+    write_line(state, row, joined(cut.kept), found.line);
+}
+
+void translate_additional_keys(translator& state, const keyword_row& row, const setting& found) {
+    const list_cut cut = cut_and_remark(state, row, found);
+    // In FIPS mode there is nothing to add to: the approved list is written whole at the end.
+    if (!state.result.fips_mode && !cut.kept.empty()) {
+        write_line(state, row, "+" + joined(cut.kept), found.line);
+    }
+}
+
+void translate_host_keys(translator& state, const keyword_row& row, const setting& found) {
+    if (found.value.empty()) {
+        add_remark(state, severity::warning, format_text("line %zu: HostKey left out: it names no file", found.line));
+    }
+    for (const std::string_view piece : split(found.value, ",")) {
+        const std::string_view file = trimmed(piece);
+        if (!row.form(file)) {
+            add_remark(state, severity::warning,
+                       format_text("line %zu: HostKey left out: \"%s\" is not an absolute path", found.line,
+                                   shown(file).c_str()));
+        } else if (!state.input.key_is_usable(std::string(file))) {
+            add_remark(state, severity::notice,
+                       format_text("line %zu: HostKey %s left out: there is no such key file that can be read",
+                                   found.line, shown(file).c_str()));
+        } else {
+            state.has_host_key = write_line(state, row, file, found.line) || state.has_host_key;
+        }
+    }
+}
+
+void leave_out(translator& state, const keyword_row& row, const setting& found) {
+    add_remark(state, severity::notice,
+               format_text("line %zu: %s left out: %s", found.line, shown(row.keyword).c_str(), row.reason));
+}
+
+void end_settings(translator& state, const keyword_row& row, const setting& found) {
+    add_remark(state, severity::warning,
+               format_text("line %zu: %s left out: %s", found.line, shown(row.keyword).c_str(), row.reason));
+    state.ended = true;
+}
+
+void remark_fips_mode(translator& state, const keyword_row& row, const setting& found) {
+    add_remark(state, severity::notice,
+               format_text("line %zu: %s is carried out by cutting the algorithm lists to the approved names",
+                           found.line, shown(row.keyword).c_str()));
+}
+
+using line_handler = void (*)(translator& state, const keyword_row& row, const setting& found);
+
+line_handler handler_of(treatment how) {
+    struct handler_row {
+        treatment how;
+        line_handler handler;
+    };
+    constexpr handler_row handlers[] = {
+        {treatment::pass, pass_setting},
+        {treatment::list, translate_list},
+        {treatment::additional_keys, translate_additional_keys},
+        {treatment::host_keys, translate_host_keys},
+        {treatment::fips_mode, remark_fips_mode},
+        {treatment::leave_out, leave_out},
+        {treatment::end_of_settings, end_settings},
+    };
+    return std::find_if(std::begin(handlers), std::end(handlers),
+                        [&](const handler_row& row) { return row.how == how; })
+        ->handler;
+}
+
+void translate_line(translator& state, size_t number, std::string_view line) {
+    if (state.ended) {
+        return;
+    }
+    const setting found = parse_line(number, line);
+    if (found.keyword.empty()) {
+        return;
+    }
+    if (line.size() > longest_line) {
+        add_remark(state, severity::warning,
+                   format_text("line %zu: %s left out: the line is longer than %zu bytes", number,
+                               shown(found.keyword).c_str(), longest_line));
+    } else if (has_control_character(trimmed(line))) {
+        add_remark(state, severity::warning,
+                   format_text("line %zu: %s left out: the line holds a control character", number,
+                               shown(found.keyword).c_str()));
+    } else if (const keyword_row* row = find_keyword_row(found.keyword)) {
+        handler_of(row->how)(state, *row, found);
+    } else {
+        add_remark(
+            state, severity::warning,
+            format_text("line %zu: %s left out: the keyword is not known", number, shown(found.keyword).c_str()));
+    }
+}
+
+void refuse(translator& state, std::string reason) {
+    state.result.refused = true;
+    add_remark(state, severity::error, std::move(reason));
+}
+
+/// What an absent or emptied list means: sshd's own default, or in FIPS mode, where that would let forbidden algorithms in,
+/// the approved list for an absent one and refusal for an emptied one.
+void settle_list(translator& state, const keyword_row& row) {
+    const std::string key = lower_case(row.output_keyword());
+    if (state.written.count(key) != 0) {
+        return;
+    }
+    const auto emptied = state.emptied.find(key);
+    if (emptied == state.emptied.end()) {
+        if (state.result.fips_mode) {
+            const auto approved = fips_default_list(*state.input.known, row.kind);
+            if (approved.empty()) {
+                refuse(state, format_text("%s: this OpenSSH knows no algorithm that is approved in FIPS mode",
+                                          shown(row.output_keyword()).c_str()));
+            } else {
+                write_line(state, row, joined(approved), 0);
+            }
+        }
+        return;
+    }
+    if (state.result.fips_mode) {
+        refuse(state, format_text("line %zu: %s: nothing remains of the list in FIPS mode, the file is not used",
+                                  emptied->second, shown(row.output_keyword()).c_str()));
+    } else {
+        add_remark(state, severity::error,
+                   format_text("line %zu: %s: nothing remains of the list, sshd's own default is in force",
+                               emptied->second, shown(row.output_keyword()).c_str()));
+    }
+    state.emptied.erase(emptied);
+}
+
+/// sshd's own default would open what a router keeps shut, or pass by the accounts' PAM service.
+void settle_setting(translator& state, const keyword_row& row) {
+    if (!row.otherwise.empty() && state.written.count(repetition_key(row, row.otherwise)) == 0) {
+        add_remark(state, severity::notice,
+                   format_text("no usable %s line: \"%s\" is in force", shown(row.keyword).c_str(),
+                               shown(row.otherwise).c_str()));
+        write_line(state, row, row.otherwise, 0);
+    }
+}
+
+/// Users' keys come from the key store, unless the file names another source.
+void add_user_keys_program(translator& state) {
+    const keyword_row& command = *find_keyword_row("AuthorizedKeysCommand");
+    const keyword_row& user = *find_keyword_row("AuthorizedKeysCommandUser");
+    const bool named =
+        state.written.count(repetition_key(command, {})) + state.written.count(repetition_key(user, {})) != 0;
+    if (!named && !state.input.user_keys_program.empty()) {
+        write_line(state, command, std::string(state.input.user_keys_program) + " %u", 0);
+        write_line(state, user, "root", 0);
+    }
+}
+
+void settle(translator& state) {
+    for (const keyword_row& row : all_keyword_rows()) {
+        if (row.how == treatment::list) {
+            settle_list(state, row);
+        } else if (row.how == treatment::pass) {
+            settle_setting(state, row);
+        }
+    }
+    add_user_keys_program(state);
+    if (!state.has_host_key) {
+        refuse(state, "no host key is left, the file is not used");
+    }
+    if (state.remarks_not_kept != 0) {
+        state.result.remarks.push_back(
+            {severity::warning, format_text("%zu more remarks of this kind are not shown", state.remarks_not_kept)});
+    }
+}
+
+}  // namespace
+
+bool asks_for_fips_mode(std::string_view text) {
+    bool on = false;
+    for_each_line(text, [&](size_t number, std::string_view line) {
+        const setting found = parse_line(number, line);
+        const keyword_row* row = found.keyword.empty() ? nullptr : find_keyword_row(found.keyword);
+        on = on || (row != nullptr && row->how == treatment::fips_mode && !equal_ignoring_case(found.value, "no"));
+    });
+    return on;
+}
+
+translation translate(const translation_input& input) {
+    translator state{.input = input};
+    state.result.fips_mode = asks_for_fips_mode(input.text);
+    state.result.text = format_text("# Made at each start of the server from %s, where changes belong.\n",
+                                    shown(input.source_name).c_str());
+    state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
+    state.result.text.append("PidFile none\n");
+    for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });
+    settle(state);
+    return std::move(state.result);
+}
+
+bool was_made_in_fips_mode(std::string_view translated_text) {
+    const size_t first_line_end = std::min(translated_text.find('\n'), translated_text.size() - 1);
+    return !translated_text.empty() && translated_text.substr(first_line_end + 1).starts_with(fips_mode_line);
+}
+
+}  // namespace openssh

@@ -1,0 +1,60 @@
+/// Turns a server file of the agent into one that stock sshd takes. No process is run and no file is touched.
+#ifndef OPENSSH_TRANSLATE_H
+#define OPENSSH_TRANSLATE_H
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "openssh/algorithms.h"
+
+namespace openssh {
+
+/// The numbers are those of syslog.
+enum class severity { error = 3, warning = 4, notice = 5 };
+
+/// One thing that an operator should know, in one line of printable text without a line feed.
+struct remark {
+    severity level;
+    std::string text;
+};
+
+struct translation_input {
+    /// The whole file; any bytes.
+    std::string_view text;
+    /// Named in the first line of the result.
+    std::string_view source_name;
+    const known_algorithms* known;
+    /// Whether a host-key file can be used; asked with an absolute path.
+    std::function<bool(const std::string&)> key_is_usable;
+    /// A program that prints the keys of the user named by its argument; empty when there is none.
+    std::string_view user_keys_program = {};
+};
+
+struct translation {
+    /// The file must not be used: it has no host key, or a list of which FIPS mode leaves nothing. The remarks tell why.
+    bool refused = false;
+    bool fips_mode = false;
+    std::string text;
+    /// Warnings and notices past `most_remarks` are counted in a last remark instead of kept; errors are few and all kept.
+    std::vector<remark> remarks;
+};
+
+constexpr size_t most_remarks = 200;
+
+/// A line that is longer is left out; the agent writes none of more than 4096 bytes.
+constexpr size_t longest_line = 8192;
+
+translation translate(const translation_input& input);
+
+/// Whether a server file asks for FIPS mode. It holds for the whole file wherever its line stands, and anything but a clear
+/// "no" means that it is on: a misread line must not open the server to algorithms that the operator has forbidden.
+bool asks_for_fips_mode(std::string_view text);
+
+/// Whether a text that `translate` made was made in FIPS mode.
+bool was_made_in_fips_mode(std::string_view translated_text);
+
+}  // namespace openssh
+
+#endif

@@ -1,0 +1,196 @@
+#include "openssh/launch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "openssh/text.h"
+#include "scratch.h"
+
+using namespace openssh;
+using openssh_test::exists;
+using openssh_test::scratch_directory;
+using openssh_test::text_of;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+/// A launcher with every path in a scratch directory, the installed ssh and the installed sshd.
+class launcher_launch : public testing::Test {
+  protected:
+    void SetUp() override {
+        openssh_test::ensure_sshd_directory();
+        key_ = scratch_.make_host_key();
+        paths_.state_directory = scratch_.file("state");
+        paths_.privilege_separation_directory = scratch_.file("privsep");
+        paths_.agent_directory = scratch_.path() + "/";
+        paths_.sshd = "/usr/sbin/sshd";
+        paths_.user_keys_program = scratch_.file("authorized_keys");
+        options_.file = scratch_.file("sshd_config_red");
+        write_settings("Port 22\n");
+    }
+
+    void write_settings(const std::string& settings) {
+        scratch_.write("sshd_config_red", "HostKey  " + key_ + "\nUsePAM yes\nAllowTcpForwarding no\n" + settings);
+    }
+
+    launch_status prepare() {
+        const std::string said_file = scratch_.write("said", "");
+        FILE* said = fopen(said_file.c_str(), "w");
+        const reporter to{.server_file = options_.file, .fd = fileno(said)};
+        const launch_status status = prepare_launch(paths_, options_, to, config_);
+        fclose(said);
+        said_ = text_of(said_file);
+        return status;
+    }
+
+    std::string current() const { return scratch_.file("state/sshd_config_red"); }
+
+    scratch_directory scratch_;
+    launcher_paths paths_;
+    launch_options options_;
+    std::string key_;
+    std::string config_;
+    std::string said_;
+};
+
+}  // namespace
+
+TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
+    EXPECT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_EQ(config_, current());
+    EXPECT_THAT(text_of(current()), HasSubstr("\nHostKey " + key_ + "\n"));
+    EXPECT_EQ(said_, "");
+    EXPECT_TRUE(exists(paths_.privilege_separation_directory));
+    struct stat status;
+    ASSERT_EQ(stat(paths_.state_directory.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    ASSERT_EQ(stat(current().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(launcher_launch, leaves_nothing_but_the_file_and_the_cache) {
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 2);
+}
+
+TEST_F(launcher_launch, reports_each_thing_left_out_with_the_name_of_the_file) {
+    write_settings("RateLimitQd 60\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(said_, "sshd: " + options_.file +
+                         ": line 4: RateLimitQd left out: stock sshd does not limit connections per minute\n");
+}
+
+TEST_F(launcher_launch, runs_with_the_last_good_file_when_sshd_refuses_the_new_one) {
+    ASSERT_EQ(prepare(), launch_ready);
+    const std::string good = text_of(current());
+    write_settings("Port 22\nMaxStartups nonsense\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(text_of(current()), good);
+    EXPECT_THAT(said_, HasSubstr("sshd says: "));
+    EXPECT_THAT(said_, HasSubstr("Invalid MaxStartups spec."));
+    EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST GOOD FILE"));
+    EXPECT_THAT(text_of(current() + "~refused"), HasSubstr("MaxStartups nonsense"));
+}
+
+TEST_F(launcher_launch, recovers_once_the_settings_are_good_again) {
+    ASSERT_EQ(prepare(), launch_ready);
+    write_settings("MaxStartups nonsense\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    write_settings("Port 2222\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(said_, "");
+    EXPECT_THAT(text_of(current()), HasSubstr("\nPort 2222\n"));
+}
+
+TEST_F(launcher_launch, does_not_start_without_a_last_good_file) {
+    write_settings("MaxStartups nonsense\n");
+    EXPECT_EQ(prepare(), launch_no_good_file);
+    EXPECT_THAT(said_, HasSubstr("there is no last good file, the server is not started"));
+    EXPECT_FALSE(exists(current()));
+}
+
+TEST_F(launcher_launch, does_not_start_with_a_last_good_file_that_is_no_longer_good) {
+    ASSERT_EQ(prepare(), launch_ready);
+    ASSERT_EQ(unlink(key_.c_str()), 0);
+    EXPECT_EQ(prepare(), launch_no_good_file);
+    EXPECT_THAT(said_, HasSubstr("no host key is left, the file is not used"));
+    EXPECT_THAT(said_, HasSubstr("the last good file is no longer good"));
+}
+
+TEST_F(launcher_launch, a_refused_fips_file_never_runs_with_what_was_good_outside_fips_mode) {
+    ASSERT_EQ(prepare(), launch_ready);
+    write_settings("NorvoSSHFipsMode yes\nCiphers chacha20-poly1305@openssh.com,\n");
+    EXPECT_EQ(prepare(), launch_no_good_file);
+    EXPECT_THAT(said_, HasSubstr("the last good file was made outside FIPS mode"));
+
+    write_settings("NorvoSSHFipsMode yes\nCiphers aes256-ctr,\n");
+    ASSERT_EQ(prepare(), launch_ready) << said_;
+    write_settings("NorvoSSHFipsMode yes\nCiphers chacha20-poly1305@openssh.com,\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(text_of(current()), HasSubstr("\nCiphers aes256-ctr\n"));
+}
+
+TEST_F(launcher_launch, says_when_the_server_file_cannot_be_read) {
+    options_.file = scratch_.file("none");
+    EXPECT_EQ(prepare(), launch_file_unreadable);
+    EXPECT_THAT(said_, HasSubstr("the server file cannot be used: cannot open"));
+}
+
+TEST_F(launcher_launch, says_when_its_directory_cannot_be_made) {
+    scratch_.write("state", "");
+    EXPECT_EQ(prepare(), launch_no_state);
+    EXPECT_THAT(said_, HasSubstr("the server cannot be started: "));
+}
+
+TEST_F(launcher_launch, a_failing_ssh_costs_the_new_settings_not_the_server) {
+    ASSERT_EQ(prepare(), launch_ready);
+    paths_.ssh = scratch_.write_program("ssh", "exit 1\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(said_, HasSubstr("tells no algorithms"));
+    EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST GOOD FILE"));
+}
+
+TEST_F(launcher_launch, what_sshd_says_of_a_good_file_is_reported_too) {
+    paths_.sshd = scratch_.write_program("sshd", "echo 'key is short' >&2\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(said_, "sshd: " + options_.file + ": sshd says: key is short\n");
+}
+
+TEST_F(launcher_launch, says_when_sshd_is_missing) {
+    paths_.sshd = scratch_.file("none");
+    EXPECT_EQ(prepare(), launch_no_good_file);
+    EXPECT_THAT(said_, HasSubstr("cannot be started: No such file or directory"));
+}
+
+TEST_F(launcher_launch, tells_sshd_of_the_users_keys_where_there_is_a_program_for_them) {
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(text_of(current()), Not(HasSubstr("AuthorizedKeysCommand")));
+    scratch_.write_program("authorized_keys", "exit 0\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(text_of(current()), HasSubstr("\nAuthorizedKeysCommand " + paths_.user_keys_program + " %u\n"));
+}
+
+TEST_F(launcher_launch, a_trial_keeps_nothing) {
+    std::string translated;
+    const reporter to{.server_file = options_.file};
+    EXPECT_EQ(try_translation(paths_, options_, to, translated), launch_ready);
+    EXPECT_THAT(translated, HasSubstr("\nPort 22\n"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 1);
+
+    write_settings("MaxStartups nonsense\n");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(try_translation(paths_, options_, to, translated), launch_no_good_file);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Invalid MaxStartups spec."));
+    EXPECT_THAT(translated, HasSubstr("\nMaxStartups nonsense\n"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 1);
+}
+
+// sshd takes its PAM service name from the last part, and executes itself by the whole.
+TEST(launcher_server_command, runs_sshd_by_its_absolute_name_in_the_foreground) {
+    EXPECT_THAT(server_command(launcher_paths{}, "/run/x"),
+                ElementsAre("/pkg/libexec/norvosshd", "-D", "-f", "/run/x"));
+}

@@ -1,0 +1,59 @@
+#include "openssh/options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+using namespace openssh;
+
+namespace {
+
+std::string parse(std::vector<std::string> words, launch_options& options) {
+    words.insert(words.begin(), "sshd");
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    return parse_options(static_cast<int>(words.size()), arguments.data(), options);
+}
+
+std::string complaint(std::vector<std::string> words) {
+    launch_options options;
+    return parse(std::move(words), options);
+}
+
+}  // namespace
+
+TEST(launcher_options, takes_the_file_and_the_identifier) {
+    launch_options options;
+    EXPECT_EQ(parse({"-f", "/a/sshd_config_red", "-v", "4294967295"}, options), "");
+    EXPECT_EQ(options.file, "/a/sshd_config_red");
+    EXPECT_EQ(options.vrf_id, 4294967295U);
+    EXPECT_FALSE(options.print_only);
+}
+
+TEST(launcher_options, takes_a_test_without_an_identifier) {
+    launch_options options;
+    EXPECT_EQ(parse({"-t", "-f", "/a"}, options), "");
+    EXPECT_TRUE(options.print_only);
+}
+
+TEST(launcher_options, says_what_is_missing) {
+    EXPECT_EQ(complaint({}), "option -f with the server file is missing");
+    EXPECT_EQ(complaint({"-v", "1"}), "option -f with the server file is missing");
+    EXPECT_EQ(complaint({"-f", "/a"}), "option -v with the VRF's identifier is missing");
+    EXPECT_EQ(complaint({"-f"}), "option -f needs a value");
+    EXPECT_EQ(complaint({"-f", "", "-v", "1"}), "option -f with the server file is missing");
+}
+
+TEST(launcher_options, says_what_is_wrong) {
+    EXPECT_EQ(complaint({"-f", "a", "-v", "1"}), "the server file \"a\" is not an absolute path");
+    for (const char* id : {"x", "1x", "-1", "", " 1", "4294967296", "0x1"}) {
+        EXPECT_EQ(complaint({"-f", "/a", "-v", id}),
+                  std::string("the VRF's identifier \"") + id + "\" is not a number from 0 to 4294967295");
+    }
+    EXPECT_EQ(complaint({"-D", "-f", "/a"}), "option -D is not known");
+    EXPECT_EQ(complaint({"-f", "/a", "-v", "1", "more"}), "the argument \"more\" is one too many");
+}

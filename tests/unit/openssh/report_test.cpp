@@ -1,0 +1,59 @@
+#include "openssh/report.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "openssh/text.h"
+
+using namespace openssh;
+
+namespace {
+
+std::string read_everything(int fd) {
+    char buffer[4096];
+    const ssize_t length = read(fd, buffer, sizeof buffer);
+    return {buffer, length > 0 ? static_cast<size_t>(length) : 0};
+}
+
+}  // namespace
+
+TEST(launcher_report, names_the_server_file_in_every_line) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const reporter to{.server_file = "/a/sshd_config_red", .fd = ends[1]};
+    report_words(to, severity::error, "sshd says: ", "one\r\n\ntwo\x1b\n");
+    EXPECT_EQ(read_everything(ends[0]),
+              "sshd: /a/sshd_config_red: sshd says: one\nsshd: /a/sshd_config_red: sshd says: two\\x1b\n");
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(launcher_report, marks_the_severity_for_the_journal) {
+    const reporter to{.server_file = "/a", .to_journal = true};
+    EXPECT_EQ(format_report(to, severity::error, "x"), "<3>/a: x\n");
+    EXPECT_EQ(format_report(to, severity::warning, "x"), "<4>/a: x\n");
+    EXPECT_EQ(format_report(to, severity::notice, "x"), "<5>/a: x\n");
+}
+
+TEST(launcher_report, a_file_name_cannot_forge_a_line) {
+    EXPECT_EQ(format_report({.server_file = "/a\n<0>x", .to_journal = true}, severity::notice, "t"),
+              "<5>/a\\x0a<0>x: t\n");
+}
+
+TEST(launcher_report, recognises_the_journals_stream) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    struct stat status;
+    ASSERT_EQ(fstat(ends[1], &status), 0);
+    const std::string stream = format_text("%llu:%llu", static_cast<unsigned long long>(status.st_dev),
+                                           static_cast<unsigned long long>(status.st_ino));
+    EXPECT_TRUE(is_journal_stream(ends[1], stream.c_str()));
+    EXPECT_FALSE(is_journal_stream(ends[1], (stream + "1").c_str()));
+    EXPECT_FALSE(is_journal_stream(ends[1], (stream + "x").c_str()));
+    EXPECT_FALSE(is_journal_stream(ends[1], nullptr));
+    EXPECT_FALSE(is_journal_stream(ends[1], "8"));
+    EXPECT_FALSE(is_journal_stream(-1, stream.c_str()));
+    close(ends[0]);
+    close(ends[1]);
+}

@@ -1,0 +1,100 @@
+/// What the launcher's tests share: a scratch directory, files in it, and the names that this machine's OpenSSH knows.
+#ifndef TESTS_UNIT_OPENSSH_SCRATCH_H
+#define TESTS_UNIT_OPENSSH_SCRATCH_H
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+#include "openssh/algorithm_query.h"
+#include "openssh/run_programs.h"
+#include "openssh/state_files.h"
+
+namespace openssh_test {
+
+/// A directory of its own, gone when the object is.
+class scratch_directory {
+  public:
+    scratch_directory() {
+        std::string name = testing::TempDir() + "/launcher.XXXXXX";
+        path_ = mkdtemp(name.data());
+    }
+    ~scratch_directory() { std::filesystem::remove_all(path_); }
+    scratch_directory(const scratch_directory&) = delete;
+    scratch_directory& operator=(const scratch_directory&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+    std::string write(const std::string& name, const std::string& text, mode_t mode = 0600) const {
+        std::ofstream(file(name), std::ios::binary) << text;
+        chmod(file(name).c_str(), mode);
+        return file(name);
+    }
+
+    /// A shell script in place of a program.
+    std::string write_program(const std::string& name, const std::string& body) const {
+        return write(name, "#!/bin/sh\n" + body, 0755);
+    }
+
+    /// A real host key.
+    std::string make_host_key(const std::string& name = "ed25519") const {
+        const auto result = openssh::run_programs(
+            {{"/usr/bin/ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", file(name)}}, std::chrono::seconds(20));
+        EXPECT_EQ(result[0].status, 0) << result[0].errors;
+        return file(name);
+    }
+
+  private:
+    std::string path_;
+};
+
+inline std::string text_of(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline bool exists(const std::string& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
+/// The names that this machine's ssh gives.
+inline openssh::known_algorithms installed_algorithms() {
+    const scratch_directory scratch;
+    openssh::known_algorithms known;
+    EXPECT_EQ(openssh::query_algorithms("/usr/bin/ssh", scratch.file("cache"), known), "");
+    return known;
+}
+
+/// Names that do not change with the machine.
+inline openssh::known_algorithms fixed_algorithms() {
+    openssh::known_algorithms known;
+    known.names = {{{"3des-cbc", "aes128-cbc", "aes192-cbc", "aes256-cbc", "aes128-ctr", "aes192-ctr", "aes256-ctr",
+                     "aes128-gcm@openssh.com", "aes256-gcm@openssh.com", "chacha20-poly1305@openssh.com"},
+                    {"hmac-sha1", "hmac-sha2-256", "hmac-sha2-512", "hmac-md5", "umac-64@openssh.com"},
+                    {"diffie-hellman-group1-sha1", "diffie-hellman-group14-sha1", "diffie-hellman-group14-sha256",
+                     "diffie-hellman-group16-sha512", "ecdh-sha2-nistp256", "ecdh-sha2-nistp384", "ecdh-sha2-nistp521",
+                     "curve25519-sha256", "curve25519-sha256@libssh.org"},
+                    {"ssh-ed25519", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521", "ssh-dss",
+                     "ssh-rsa", "rsa-sha2-256", "rsa-sha2-512"}}};
+    return known;
+}
+
+/// Runs the installed sshd on a file ("-t" tests it, "-T" prints what it makes of it).
+inline openssh::program_result run_sshd(const char* option, const std::string& file) {
+    return openssh::run_programs({{"/usr/sbin/sshd", option, "-f", file}}, std::chrono::seconds(60))[0];
+}
+
+/// sshd wants its directory even for a test of a file.
+inline void ensure_sshd_directory() {
+    ASSERT_EQ(openssh::ensure_directory("/run/sshd", 0755), "");
+}
+
+}  // namespace openssh_test
+
+#endif

@@ -1,0 +1,311 @@
+#include "openssh/translate.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+#include "openssh/text.h"
+#include "scratch.h"
+
+using namespace openssh;
+using openssh_test::fixed_algorithms;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+bool is_made_key(const std::string& file) {
+    return file.starts_with("/pkg/") && file != "/pkg/dsa";
+}
+
+translation translate_text(std::string_view text) {
+    static const known_algorithms known = fixed_algorithms();
+    return translate(
+        {.text = text, .source_name = "/files/sshd_config_red", .known = &known, .key_is_usable = is_made_key});
+}
+
+/// The settings alone, without the head that every translation has and the two defaults that a test leaves unsaid.
+std::string settings_of(const translation& result) {
+    std::string settings;
+    for (const std::string_view line : split(result.text, "\n")) {
+        if (line[0] != '#' && line != "PidFile none" && line != "UsePAM yes" && line != "AllowTcpForwarding no") {
+            settings.append(line).append("\n");
+        }
+    }
+    return settings;
+}
+
+constexpr const char* quiet_lines = "UsePAM yes\nAllowTcpForwarding no\n";
+
+std::vector<std::string> remarks_of(const translation& result) {
+    std::vector<std::string> texts;
+    for (const remark& one : result.remarks) {
+        texts.push_back(format_text("<%d> %s", static_cast<int>(one.level), one.text.c_str()));
+    }
+    return texts;
+}
+
+std::vector<std::string> remarks_of(const std::string& text) {
+    return remarks_of(translate_text(quiet_lines + text));
+}
+
+std::string whole_of(const translation& result) {
+    std::string text = result.refused ? "refused\n" : "";
+    for (const std::string& one : remarks_of(result)) {
+        text += one + "\n";
+    }
+    return text + "----\n" + result.text;
+}
+
+class launcher_golden : public testing::TestWithParam<const char*> {};
+
+}  // namespace
+
+// RENEW_GOLDEN=1 in the environment writes the files anew instead.
+TEST_P(launcher_golden, matches_its_file) {
+    const std::string stem = std::string(TEST_SOURCE_DIR) + "/openssh/golden/" + GetParam();
+    const std::string input = openssh_test::text_of(stem + ".in");
+    ASSERT_NE(input, "");
+    const std::string whole = whole_of(translate_text(input));
+    if (std::getenv("RENEW_GOLDEN") != nullptr) {
+        std::ofstream(stem + ".ok", std::ios::binary) << whole;
+    }
+    EXPECT_EQ(whole, openssh_test::text_of(stem + ".ok"));
+}
+
+INSTANTIATE_TEST_SUITE_P(files, launcher_golden,
+                         testing::Values("fresh", "recreated", "fips", "fips_partly_written", "fips_refused",
+                                         "no_host_key", "every_setting", "edited_by_hand"),
+                         [](const auto& info) { return std::string(info.param); });
+
+TEST(launcher_translate, takes_one_host_key_a_line_or_a_list) {
+    EXPECT_EQ(settings_of(translate_text("HostKey  /pkg/a\nHostKey /pkg/b\n")), "HostKey /pkg/a\nHostKey /pkg/b\n");
+    EXPECT_EQ(settings_of(translate_text("HostKey  /pkg/a,/pkg/b,,/pkg/a,\n")), "HostKey /pkg/a\nHostKey /pkg/b\n");
+}
+
+TEST(launcher_translate, leaves_out_host_keys_that_are_missing_or_repeated_or_no_paths) {
+    EXPECT_THAT(remarks_of("HostKey /pkg/rsa,/pkg/dsa,/pkg/rsa,rsa,/pkg/a b\nHostKey\n"),
+                ElementsAre("<5> line 3: HostKey /pkg/dsa left out: there is no such key file that can be read",
+                            "<5> line 3: HostKey /pkg/rsa left out: an earlier line of the same setting stands",
+                            "<4> line 3: HostKey left out: \"rsa\" is not an absolute path",
+                            "<4> line 3: HostKey left out: \"/pkg/a b\" is not an absolute path",
+                            "<4> line 4: HostKey left out: it names no file"));
+}
+
+// Without a HostKey line sshd would take keys from a place of its own.
+TEST(launcher_translate, refuses_a_file_without_a_host_key) {
+    for (const char* text : {"", "HostKey /pkg/dsa\n", "Port 22\n"}) {
+        const translation result = translate_text(text);
+        EXPECT_TRUE(result.refused) << text;
+        EXPECT_EQ(remarks_of(result).back(), "<3> no host key is left, the file is not used");
+    }
+}
+
+TEST(launcher_translate, an_emptied_list_is_left_out_loudly) {
+    const translation result = translate_text("HostKey /pkg/rsa\nCiphers rot13,\n");
+    EXPECT_FALSE(result.refused);
+    EXPECT_THAT(result.text, Not(HasSubstr("Ciphers")));
+    EXPECT_EQ(remarks_of(result).back(),
+              "<3> line 2: Ciphers: nothing remains of the list, sshd's own default is in force");
+}
+
+TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
+    for (const char* line :
+         {"Ciphers chacha20-poly1305@openssh.com,", "KexAlgorithms curve25519-sha256", "MACs hmac-md5",
+          "HostKeyAlgorithms ssh-ed25519,ssh-rsa,", "Ciphers", "Ciphers +aes128-ctr", "Ciphers ,"}) {
+        const std::string text = format_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n%s\n", line);
+        EXPECT_TRUE(translate_text(text).refused) << line;
+        EXPECT_THAT(remarks_of(text).back(), HasSubstr("nothing remains of the list in FIPS mode")) << line;
+    }
+}
+
+TEST(launcher_translate, in_fips_mode_an_absent_list_is_the_approved_one) {
+    const translation result = translate_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n");
+    EXPECT_FALSE(result.refused);
+    EXPECT_THAT(result.text, HasSubstr("\nCiphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,"
+                                       "aes256-gcm@openssh.com\n"));
+    EXPECT_THAT(result.text, HasSubstr("\nPubkeyAcceptedAlgorithms ecdsa-sha2-nistp521,"));
+    EXPECT_THAT(result.text, Not(HasSubstr("25519")));
+}
+
+TEST(launcher_translate, a_second_list_stands_in_for_an_emptied_first_one) {
+    const translation result =
+        translate_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\nMACs hmac-md5\nMACs hmac-sha1\n");
+    EXPECT_FALSE(result.refused);
+    EXPECT_THAT(result.text, HasSubstr("\nMACs hmac-sha1\n"));
+}
+
+TEST(launcher_translate, fips_mode_holds_wherever_its_line_stands) {
+    EXPECT_TRUE(asks_for_fips_mode("Match User x\n\tnorvosshfipsmode=yes"));
+    EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode"));
+    EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode no\nNorvoSSHFipsMode Yes\n"));
+    EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode maybe\n"));
+    EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode yes" + std::string(1 << 20, ' ')));
+    EXPECT_FALSE(asks_for_fips_mode("NorvoSSHFipsMode no\n"));
+    EXPECT_FALSE(asks_for_fips_mode("# NorvoSSHFipsMode yes\nBanner NorvoSSHFipsMode yes\n"));
+    EXPECT_FALSE(asks_for_fips_mode(""));
+}
+
+TEST(launcher_translate, tells_whether_a_translation_was_made_in_fips_mode) {
+    EXPECT_TRUE(was_made_in_fips_mode(translate_text("NorvoSSHFipsMode yes\n").text));
+    EXPECT_FALSE(was_made_in_fips_mode(translate_text("").text));
+    EXPECT_FALSE(was_made_in_fips_mode(""));
+    EXPECT_FALSE(was_made_in_fips_mode("# FIPS mode: on"));
+    EXPECT_FALSE(was_made_in_fips_mode("\n\n# FIPS mode: on\n"));
+}
+
+TEST(launcher_translate, additional_key_algorithms_add_to_sshds_own) {
+    EXPECT_EQ(settings_of(translate_text("AcceptedAlgorithms x509v3-ssh-rsa,ssh-rsa\n")),
+              "PubkeyAcceptedAlgorithms +ssh-rsa\n");
+    EXPECT_EQ(settings_of(translate_text("AcceptedAlgorithms x509v3-ssh-rsa\n")), "");
+    EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nAcceptedAlgorithms x509v3-ssh-rsa\n"),
+                ElementsAre("<5> line 4: AcceptedAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa"));
+}
+
+TEST(launcher_translate, in_fips_mode_sha1_keys_are_not_added) {
+    const translation result =
+        translate_text("HostKey /pkg/rsa\nAcceptedAlgorithms ssh-rsa,rsa-sha2-256\nNorvoSSHFipsMode yes\n");
+    EXPECT_THAT(result.text, HasSubstr("\nPubkeyAcceptedAlgorithms ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,"
+                                       "ecdsa-sha2-nistp256,rsa-sha2-512,rsa-sha2-256\n"));
+    EXPECT_THAT(result.text, Not(HasSubstr("ssh-rsa")));
+}
+
+TEST(launcher_translate, the_first_of_several_lines_stands) {
+    EXPECT_EQ(settings_of(translate_text("maxauthtries 3\nMaxAuthTries 4\nMaxAuthTries bad\n")), "MaxAuthTries 3\n");
+    EXPECT_EQ(settings_of(translate_text("MaxAuthTries bad\nMaxAuthTries 4\n")), "MaxAuthTries 4\n");
+    EXPECT_EQ(settings_of(translate_text("Port 22\nPort 830\nPort 22\n")), "Port 22\nPort 830\n");
+    EXPECT_EQ(settings_of(translate_text("Subsystem a /b\nSubsystem a /c\nSubsystem d /b\n")),
+              "Subsystem a /b\nSubsystem d /b\n");
+}
+
+TEST(launcher_translate, a_default_that_would_open_the_router_is_not_left_to_sshd) {
+    const translation result = translate_text("HostKey /pkg/rsa\nAllowTcpForwarding 2\nUsePAM perhaps\n");
+    EXPECT_THAT(result.text, HasSubstr("\nAllowTcpForwarding no\n"));
+    EXPECT_THAT(result.text, HasSubstr("\nUsePAM yes\n"));
+    EXPECT_THAT(remarks_of(result),
+                ElementsAre("<4> line 2: AllowTcpForwarding left out: sshd does not take the value \"2\"",
+                            "<4> line 3: UsePAM left out: sshd does not take the value \"perhaps\"",
+                            "<5> no usable UsePAM line: \"yes\" is in force",
+                            "<5> no usable AllowTcpForwarding line: \"no\" is in force"));
+}
+
+TEST(launcher_translate, names_the_program_that_knows_the_users_keys) {
+    const known_algorithms known = fixed_algorithms();
+    translation_input input{.text = "",
+                            .source_name = "/f",
+                            .known = &known,
+                            .key_is_usable = is_made_key,
+                            .user_keys_program = "/usr/libexec/keys"};
+    EXPECT_THAT(translate(input).text,
+                HasSubstr("\nAuthorizedKeysCommand /usr/libexec/keys %u\nAuthorizedKeysCommandUser root\n"));
+    input.text = "AuthorizedKeysCommand /other\nAuthorizedKeysCommandUser nobody\n";
+    EXPECT_THAT(translate(input).text, Not(HasSubstr("/usr/libexec/keys")));
+}
+
+// A line of a block must not become a setting for everybody.
+TEST(launcher_translate, leaves_out_a_conditional_block_and_what_is_behind_it) {
+    const translation result = translate_text("Port 22\nMatch User x\n  PermitEmptyPasswords yes\nBanner /b\n");
+    EXPECT_EQ(settings_of(result), "Port 22\n");
+    EXPECT_THAT(remarks_of(result)[0], HasSubstr("line 2: Match left out"));
+}
+
+TEST(launcher_translate, reads_lines_as_sshd_does) {
+    EXPECT_EQ(settings_of(translate_text("  Port\t=\t22  # ssh\r\n\n#Port 23\nBanner /a#b\nPort 830")),
+              "Port 22\nBanner /a#b\nPort 830\n");
+    EXPECT_EQ(settings_of(translate_text("VersionAddendum \"a # b\"\n")), "VersionAddendum \"a # b\"\n");
+}
+
+TEST(launcher_translate, leaves_out_lines_with_control_characters) {
+    using std::string_literals::operator""s;
+    EXPECT_EQ(settings_of(translate_text("Banner /a\0b\nBanner /a\x1b[2J\nBanner\r/x\nP\0rt 22\n"s)), "");
+    EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nBanner /a\0b\n"s),
+                ElementsAre("<4> line 4: Banner left out: the line holds a control character"));
+}
+
+TEST(launcher_translate, leaves_out_lines_that_are_too_long) {
+    const std::string giant = "Banner /" + std::string(1 << 20, 'x');
+    EXPECT_EQ(settings_of(translate_text(giant + "\nPort 22")), "Port 22\n");
+    EXPECT_THAT(remarks_of("HostKey /pkg/rsa\n" + giant),
+                ElementsAre("<4> line 4: Banner left out: the line is longer than 8192 bytes"));
+    const translation word = translate_text(std::string(1 << 20, 'k'));
+    EXPECT_LT(remarks_of(word)[0].size(), 400U);
+}
+
+TEST(launcher_translate, bounds_its_remarks) {
+    std::string text = quiet_lines;
+    for (int i = 0; i < 100000; ++i) {
+        text += "x\n";
+    }
+    const auto remarks = remarks_of(translate_text(text));
+    ASSERT_EQ(remarks.size(), most_remarks + 1);
+    EXPECT_EQ(remarks[most_remarks - 1], "<3> no host key is left, the file is not used");
+    EXPECT_EQ(remarks.back(), "<4> 99801 more remarks of this kind are not shown");
+    std::string names;
+    for (int i = 0; i < 1000; ++i) {
+        names += ",x";
+    }
+    EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nMACs hmac-sha1" + names)[0], HasSubstr("x and 936 more"));
+}
+
+namespace {
+
+std::string random_text(std::mt19937& random) {
+    static const std::vector<std::string> pieces = {"HostKey ",
+                                                    "/pkg/rsa",
+                                                    "\n",
+                                                    " ",
+                                                    ",",
+                                                    "=",
+                                                    std::string(1, '\0'),
+                                                    "\r",
+                                                    "Ciphers ",
+                                                    "Port ",
+                                                    "22",
+                                                    "\xff",
+                                                    "\"",
+                                                    "#",
+                                                    "+",
+                                                    "'",
+                                                    "\t",
+                                                    "MACs ",
+                                                    "yes",
+                                                    "Match ",
+                                                    "UsePAM",
+                                                    "\\",
+                                                    "\n",
+                                                    "-",
+                                                    "830",
+                                                    "Qd",
+                                                    "^",
+                                                    "\n",
+                                                    "NorvoSSHFipsMode ",
+                                                    "no",
+                                                    "aes128-ctr"};
+    std::string text;
+    for (unsigned i = random() % 40; i > 0; --i) {
+        text += random() % 4 != 0 ? pieces[random() % pieces.size()] : std::string(1, static_cast<char>(random()));
+    }
+    return text;
+}
+
+bool is_printable(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
+}  // namespace
+
+// Any bytes give a text of whole lines without control characters, and remarks that a terminal can show.
+TEST(launcher_translate, copes_with_any_bytes) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 5000; ++round) {
+        const std::string text = random_text(random);
+        const translation result = translate_text(text);
+        const auto remarks = remarks_of(result);
+        EXPECT_TRUE(std::all_of(remarks.begin(), remarks.end(), is_printable)) << shown(text);
+        EXPECT_EQ(result.text.find_first_of(std::string_view("\0\r\x1b\x7f", 4)), std::string::npos) << shown(text);
+        EXPECT_TRUE(result.text.ends_with('\n')) << shown(text);
+    }
+}
