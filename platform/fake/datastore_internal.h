@@ -1,0 +1,69 @@
+/// The fake datastore's state, which its files share.
+#ifndef FAKE_DATASTORE_INTERNAL_H
+#define FAKE_DATASTORE_INTERNAL_H
+
+#include <map>
+#include <memory>
+
+#include "fake_internal.h"
+
+struct datastore_binding {
+    std::string path;
+};
+
+struct datastore_list {
+    std::vector<std::pair<std::string, std::string>> entries;
+    bool encoded;  ///< whether the entries have records
+};
+
+struct datastore_provider {
+    std::string path;
+    datastore_provider_callback callback;
+    void* context;
+};
+
+struct datastore_read_request {
+    fake_platform::answer answer;
+};
+
+namespace fake_platform::internal {
+
+struct verification {
+    datastore_binding* binding;
+    std::string pattern;
+    uint32_t event_mask;
+    datastore_verify_callback verify;
+    datastore_apply_callback apply;
+    void* context;
+};
+
+struct notification {
+    datastore_binding* binding;
+    std::string item;
+    uint32_t event_mask;
+    datastore_notification_callback callback;
+    void* context;
+};
+
+struct datastore_state {
+    std::map<std::string, value, std::less<>> items;  ///< in byte order of the paths
+    std::map<std::string, std::vector<std::pair<std::string, std::string>>, std::less<>> lists;
+    std::vector<std::unique_ptr<datastore_binding>> bindings;
+    std::vector<verification> verifications;
+    std::vector<notification> notifications;
+    std::vector<std::unique_ptr<datastore_provider>> providers;
+    std::vector<std::unique_ptr<datastore_list>> open_lists;
+};
+
+extern datastore_state datastore;
+
+/// Whether the item (relative to a binding) is meant by a pattern: all by the empty one, what is below by one that ends
+/// in '/', any one component by "*".
+bool item_matches(std::string_view pattern, std::string_view item);
+
+/// The item's path below the binding; nothing when it does not stand there.
+std::optional<std::string> item_below(const datastore_binding& binding, std::string_view path);
+
+}  // namespace fake_platform::internal
+
+#endif

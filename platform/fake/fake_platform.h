@@ -1,0 +1,324 @@
+/// The platform in memory, for tests, fuzzing and benchmarks: what its operations were asked is recorded, what they
+/// answer is scripted, and what the platform would announce is announced by the test.
+///
+/// One thread. Everything is forgotten by reset().
+#ifndef FAKE_FAKE_PLATFORM_H
+#define FAKE_FAKE_PLATFORM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/acl_service.h"
+#include "platform/banner_service.h"
+#include "platform/datastore.h"
+#include "platform/event_manager.h"
+#include "platform/key_store.h"
+#include "platform/log_message.h"
+#include "platform/process_manager.h"
+#include "platform/status.h"
+#include "platform/value_tuple.h"
+
+namespace fake_platform {
+
+inline constexpr uint32_t always = UINT32_MAX;
+
+/// As on a node that has just booted: nothing stored, nothing registered, nothing recorded, nothing failing. Handles
+/// given out before are no longer valid.
+void reset();
+
+// --- Failures -------------------------------------------------------------------------------------------------------
+
+/// Lets an operation fail with `status` from its `from_call`th matching call on, `times` times. `operation` is the
+/// operation's name ("datastore_bind"), or a whole call as it is recorded ("datastore_bind(/cfg/gl/banner/)").
+/// Operations that report with errno or a null pointer set errno to `status`. A failed call does nothing else.
+void fail(std::string_view operation, platform_status status, uint32_t times = always, uint32_t from_call = 1);
+
+/// Nothing fails any more.
+void clear_failures();
+
+// --- Calls ----------------------------------------------------------------------------------------------------------
+
+/// Every call in order, as "mpp_vrf_set(1, default)": texts as they are, an absent one as NULL, numbers in decimal,
+/// message codes and cookies in hexadecimal, paths whole, handles and callbacks left out. Log messages, debug lines, trace entries
+/// and questions for a debug flag are not among them.
+const std::vector<std::string>& calls();
+
+/// The calls whose text begins with `prefix` ("mpp_").
+std::vector<std::string> calls_of(std::string_view prefix);
+
+/// How often the operation (or the whole call) was called.
+size_t count_calls(std::string_view operation);
+
+/// Adds a line to the record, so that what happens elsewhere (a shell command) stands in its place among the calls.
+void record_call(std::string call);
+
+void clear_calls();
+
+/// Switches the records of calls and reports off, for long runs, and on again. Failures are still counted.
+void set_recording(bool on);
+
+// --- Datastore ------------------------------------------------------------------------------------------------------
+
+/// A value as the datastore keeps it: `bytes` is the number's four bytes, the text with its NUL, or the packed tuple.
+struct value {
+    uint32_t kind = DATASTORE_VALUE_NUMBER;
+    std::string bytes;
+    bool operator==(const value&) const = default;
+};
+
+/// A tuple's field: a number, a text, or absent.
+struct field {
+    bool present = false;
+    int32_t number = 0;
+    std::optional<std::string> text;
+    field() = default;
+    field(std::nullopt_t) {}
+    field(int value) : present(true), number(value) {}
+    field(const char* value) : present(true), text(value) {}
+    field(std::string value) : present(true), text(std::move(value)) {}
+};
+
+value number_value(uint32_t number);
+value text_value(std::string_view text);
+
+/// Packs a tuple; throws std::invalid_argument when a field does not fit `format`.
+value tuple_value(const char* format, const std::vector<field>& fields);
+
+/// A tuple's bytes as they are, malformed ones too.
+value raw_tuple_value(std::string bytes);
+
+/// One wished change: a new value, or removal.
+struct change {
+    std::string path;
+    std::optional<fake_platform::value> new_value;
+};
+
+change set_number(std::string path, uint32_t number);
+change set_text(std::string path, std::string_view text);
+change set_tuple(std::string path, const char* format, const std::vector<field>& fields);
+change remove(std::string path);
+
+struct failed_item {
+    std::string path;
+    platform_status status;
+};
+
+struct commit_result {
+    platform_status status = PLATFORM_OK;  ///< of the refusal; the verifier's, or DATASTORE_NO_HANDLER
+    std::string refused_path;              ///< empty when the commit was carried out
+    std::string error_text;                ///< the verifier's
+    std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change stands nevertheless
+};
+
+/// One commit: every verification in byte order of the paths, then the store, then every applier, then the notices. A
+/// value that is stored already is no change. An absent item is removed without a word. A path of no registration is
+/// stored without being verified.
+commit_result commit(const std::vector<change>& changes);
+commit_result commit(const change& change);
+
+/// Stores an item without telling anybody, as configuration that was there before; the second takes it away.
+void store(const change& change);
+
+/// The stored value of an item.
+std::optional<value> stored(std::string_view path);
+
+/// Delivers one change to the notifications of its path alone, whatever is stored.
+void notify(std::string_view path, uint32_t event, const std::optional<value>& value);
+
+/// Makes the list at `path` (ending in '/') consist of these names and encoded records.
+void set_list(std::string path, std::vector<std::pair<std::string, std::string>> entries);
+void remove_list(std::string_view path);
+
+struct encoded_record {
+    const record_descriptor* descriptor;
+    std::string bytes;
+};
+
+struct answer {
+    platform_status status = PLATFORM_OK;  ///< the provider's; DATASTORE_NO_SUCH_TREE when no provider serves the path
+    bool is_list = false;
+    std::vector<encoded_record> records;
+};
+
+/// An operational read, answered by the provider that serves `path`.
+answer read(std::string_view path);
+
+/// What `fill` answers when it is asked for `item`, without a registration.
+answer ask(datastore_provider_callback fill, const char* item, void* context = nullptr);
+
+/// How many bindings (of the path), verifications, notifications and providers there are.
+size_t bindings();
+size_t bindings(std::string_view path);
+size_t verifications();
+size_t notifications();
+size_t providers();
+
+// --- Event manager --------------------------------------------------------------------------------------------------
+
+/// Exit status of a process whose loop has nothing left to do.
+inline constexpr int loop_end_status = 99;
+
+/// Thrown out of the loop by the hook that throw_at_loop_end() sets.
+struct loop_ended : std::runtime_error {
+    loop_ended() : std::runtime_error("the event loop has nothing left to do") {}
+};
+
+/// What the loop does next, in order. When nothing is left, event_manager_block runs the hook.
+void queue_event(std::function<void()> handler);
+void queue_message(uint32_t code, std::string body);
+void queue_fd(int fd, uint32_t conditions = EVENT_MANAGER_READ);
+void queue_block_failure(int error);
+
+/// Called by event_manager_block when nothing is left; it does not come back (or queues more first). Without a hook the
+/// process ends with loop_end_status.
+void set_loop_end(std::function<void()> hook);
+void throw_at_loop_end();
+
+/// The loop's work until nothing is queued, without the agent's loop. Returns how many events there were.
+size_t dispatch_queued();
+
+struct message_reply {
+    bool handled = false;  ///< whether a handler is attached
+    uint32_t replies = 0;  ///< one is right
+    std::string bytes;     ///< of the last reply
+};
+
+/// Delivers a message at once.
+message_reply send_message(uint32_t code, std::string_view body);
+message_reply send_namespace_message(uint32_t code, std::string_view namespace_name);
+
+/// What the last queued or sent message was answered with.
+const message_reply& last_reply();
+
+/// Calls the handlers of a descriptor at once.
+void signal_fd(int fd, uint32_t conditions = EVENT_MANAGER_READ);
+
+/// Calls the handlers of the attached descriptors that are really ready. Returns how many there were.
+size_t dispatch_ready_fds();
+
+/// Lets time pass for the managed timers; the leaves that are due expire in order.
+void advance_time(uint32_t seconds);
+
+/// How many leaves are running.
+size_t running_timers();
+
+// --- Reports --------------------------------------------------------------------------------------------------------
+
+struct log_line {
+    std::string name;  ///< of the catalogue entry
+    std::string text;
+    uint32_t severity;
+    uint32_t number;
+};
+
+const std::vector<log_line>& log_lines();
+
+/// Every message as "NAME: text".
+std::vector<std::string> log_texts();
+bool logged(std::string_view name, std::string_view text);
+
+/// Debug lines, as "text"; with the flag they were written for.
+struct debug_line {
+    uint32_t flag;
+    std::string text;
+};
+const std::vector<debug_line>& debug_lines();
+std::vector<std::string> debug_texts();
+bool debugged(std::string_view text);
+
+struct debug_flag {
+    std::string path;
+    uint32_t id;
+    std::string name;
+    uint32_t type;
+    uint32_t level;
+};
+const std::vector<debug_flag>& debug_flags();
+
+/// Switches a flag and tells the handlers.
+void set_debug_flag(uint32_t id, bool on);
+
+/// Switches a flag without telling anybody.
+void preset_debug_flag(uint32_t id, bool on);
+
+struct trace_line {
+    std::string buffer;
+    uint32_t point;
+    std::vector<std::string> arguments;
+};
+const std::vector<trace_line>& trace_lines();
+std::vector<trace_line> trace_lines_of(std::string_view buffer);
+
+void clear_reports();
+
+// --- Process manager, node, VRF table, MPP --------------------------------------------------------------------------
+
+void set_role(uint32_t role);                        ///< at first PROCESS_ROLE_PRIMARY
+void set_respawn_count(uint32_t count);              ///< at first 1
+void set_node(uint32_t id, std::string name);        ///< at first 1, "node0"
+void set_vrf_id(std::string vrf_name, uint32_t id);  ///< VRFs without one get the next number at their first look-up
+void set_file_systems(std::vector<std::string> names);
+
+/// State that the agent has asked MPP for.
+bool mpp_open(uint32_t service);
+bool vrf_set(uint32_t service, std::string_view vrf_name);
+bool vrf_initialised(std::string_view vrf_name);
+bool vrf_blocked(std::string_view vrf_name);
+bool namespace_announced(std::string_view namespace_name);
+
+// --- Shelf manager --------------------------------------------------------------------------------------------------
+
+void shelf_connected();
+void shelf_disconnected();
+void shelf_reload();
+
+// --- ACL service, key store, banners, telemetry ---------------------------------------------------------------------
+
+/// Tells the subscribers of a list that it has changed. Returns what they returned, in order.
+std::vector<int> change_acl(uint32_t family, std::string_view acl_name, bool present);
+
+/// Gives the notice to every subscriber as it is, null included.
+std::vector<int> send_acl_notice(const acl_change_notice* notice);
+
+size_t acl_handles();
+size_t acl_subscriptions(std::string_view acl_name);
+
+/// The name of an action; at first 0 "deny" and 1 "permit".
+void set_acl_action(uint32_t grant, std::string name);
+
+struct stored_key {
+    std::string label;
+    uint32_t type;
+    time_t time;
+    uint32_t bits;
+    std::string der;
+    bool added_by_exec_mode = false;
+};
+
+void set_key(stored_key key);
+const std::vector<stored_key>& keys();
+
+/// What key_store_pubkey_to_der makes of a text; any other text gives EINVAL.
+void set_der(std::string text, std::string der, uint32_t bits);
+
+void set_configured_banner(uint32_t kind, std::optional<std::string> text);
+void set_platform_banner(uint32_t kind, std::optional<std::string> text);
+void set_aaa_banner(std::optional<std::string> text);
+
+struct published_event {
+    std::string path;
+    fake_platform::answer answer;
+};
+const std::vector<published_event>& published();
+
+}  // namespace fake_platform
+
+#endif

@@ -1,0 +1,41 @@
+/// Entry of the test programs: each runs its tests in a scratch root of its own.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "scratch_root.h"
+#ifdef TEST_WITH_FAKE_PLATFORM
+#include "agent_harness.h"
+#endif
+
+namespace {
+
+bool renewing_golden_files() {
+    const char* value = getenv("UPDATE_GOLDEN");
+    return value != nullptr && *value != '\0' && *value != '0';
+}
+
+void enter_scratch_root() {
+    scratch_root::settings settings;
+    if (renewing_golden_files()) {
+        settings.writable = {PROJECT_SOURCE_DIR, PROJECT_BINARY_DIR};
+    } else {
+        settings.readable = {PROJECT_SOURCE_DIR};
+        settings.writable = {PROJECT_BINARY_DIR};
+    }
+    scratch_root::enter(settings);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    testing::InitGoogleMock(&argc, argv);
+    if (!testing::GTEST_FLAG(list_tests)) {
+        enter_scratch_root();
+#ifdef TEST_WITH_FAKE_PLATFORM
+        agent_harness::set_up();
+#endif
+    }
+    return RUN_ALL_TESTS();
+}

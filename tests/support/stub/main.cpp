@@ -1,0 +1,134 @@
+/// A stand-in for systemctl, ip, nft and others: writes its command line to the log and does as the rules say.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "rules.h"
+
+using stub_commands::rule;
+using stub_commands::rule_table;
+
+namespace {
+
+constexpr size_t line_size = 8192;
+
+void append(char* line, size_t& length, const char* text) {
+    for (; *text != '\0' && length < line_size - 2; text++) {
+        line[length++] = *text == '\n' ? ' ' : *text;
+    }
+}
+
+const char* base_name(const char* path) {
+    const char* slash = strrchr(path, '/');
+    return slash != nullptr ? slash + 1 : path;
+}
+
+/// One line, written at once, so that commands that run at the same time do not mix.
+void write_log(char* line, size_t length) {
+    const int fd = open(stub_commands::log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+    line[length] = '\n';
+    if (fd < 0 || write(fd, line, length + 1) != static_cast<ssize_t>(length + 1)) {
+        static constexpr char message[] = "stub command: cannot write its log\n";
+        _exit(write(STDERR_FILENO, message, sizeof message - 1) < 0 ? 126 : 127);
+    }
+    close(fd);
+    line[length] = '\0';
+}
+
+rule_table* map_rules() {
+    const int fd = open(stub_commands::rules_file, O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        return nullptr;
+    }
+    void* memory = mmap(nullptr, sizeof(rule_table), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    close(fd);
+    return memory != MAP_FAILED ? static_cast<rule_table*>(memory) : nullptr;
+}
+
+bool take_one(std::atomic<uint32_t>& left) {
+    uint32_t now = left.load();
+    while (now != 0 && now != stub_commands::endless && !left.compare_exchange_weak(now, now - 1)) {
+    }
+    return now != 0;
+}
+
+bool names(const rule& candidate, const char* line) {
+    const size_t length = strlen(candidate.command);
+    return strncmp(candidate.command, line, length) == 0 && (line[length] == '\0' || line[length] == ' ');
+}
+
+bool holds(rule& candidate, const char* line) {
+    return names(candidate, line) && !take_one(candidate.skip) && take_one(candidate.times);
+}
+
+void copy_to_output(const char* file) {
+    const int fd = open(file, O_RDONLY | O_CLOEXEC);
+    char buffer[4096];
+    for (ssize_t size; fd >= 0 && (size = read(fd, buffer, sizeof buffer)) > 0;) {
+        if (write(STDOUT_FILENO, buffer, static_cast<size_t>(size)) != size) {
+            break;
+        }
+    }
+}
+
+void wait_for(uint32_t milliseconds) {
+    struct timespec time = {static_cast<time_t>(milliseconds / 1000),
+                            static_cast<long>(milliseconds % 1000) * 1000000L};
+    nanosleep(&time, nullptr);
+}
+
+/// What the rules that hold make together: a later one wins over an earlier one, part by part.
+int obey(rule_table& table, const char* line) {
+    int status = 0;
+    const char* output = nullptr;
+    const char* hook = nullptr;
+    uint32_t delay = 0;
+    const uint32_t count = table.count.load();
+    for (uint32_t i = 0; i < count; i++) {
+        rule& candidate = table.rules[i];
+        if (!holds(candidate, line)) {
+            continue;
+        }
+        status = candidate.has_status != 0 ? candidate.status : status;
+        output = candidate.output[0] != '\0' ? candidate.output : output;
+        hook = candidate.hook[0] != '\0' ? candidate.hook : hook;
+        delay = candidate.delay_ms != 0 ? candidate.delay_ms : delay;
+    }
+    if (delay != 0) {
+        wait_for(delay);
+    }
+    if (hook != nullptr) {
+        setenv("STUB_COMMAND_LINE", line, 1);
+        if (system(hook) != 0 && status == 0) {
+            status = 1;
+        }
+    }
+    if (output != nullptr) {
+        copy_to_output(output);
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    static char line[line_size];
+    size_t length = 0;
+    for (int i = 0; i < argc; i++) {
+        append(line, length, i == 0 ? base_name(argv[0]) : " ");
+        append(line, length, i == 0 ? "" : argv[i]);
+    }
+    write_log(line, length);
+    rule_table* table = map_rules();
+    const int status = table != nullptr ? obey(*table, line) : 0;
+    if (status < 0) {
+        signal(-status, SIG_DFL);
+        raise(-status);
+    }
+    return status;
+}

@@ -1,0 +1,206 @@
+#include "syscall_faults.h"
+
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace syscall_faults {
+namespace {
+
+struct file_call {
+    long number;
+    const char* name;
+    bool transfers;  ///< its third argument is a number of bytes
+};
+
+constexpr file_call file_calls[] = {
+    {SYS_open, "open", false},
+    {SYS_openat, "openat", false},
+    {SYS_creat, "creat", false},
+    {SYS_read, "read", true},
+    {SYS_write, "write", true},
+    {SYS_pread64, "pread64", true},
+    {SYS_pwrite64, "pwrite64", true},
+    {SYS_writev, "writev", false},
+    {SYS_lseek, "lseek", false},
+    {SYS_stat, "stat", false},
+    {SYS_fstat, "fstat", false},
+    {SYS_lstat, "lstat", false},
+    {SYS_newfstatat, "newfstatat", false},
+    {SYS_statx, "statx", false},
+    {SYS_chmod, "chmod", false},
+    {SYS_fchmod, "fchmod", false},
+    {SYS_fchmodat, "fchmodat", false},
+    {SYS_ftruncate, "ftruncate", false},
+    {SYS_fsync, "fsync", false},
+    {SYS_fdatasync, "fdatasync", false},
+    {SYS_rename, "rename", false},
+    {SYS_renameat, "renameat", false},
+    {SYS_renameat2, "renameat2", false},
+    {SYS_unlink, "unlink", false},
+    {SYS_unlinkat, "unlinkat", false},
+    {SYS_mkdir, "mkdir", false},
+    {SYS_mkdirat, "mkdirat", false},
+    {SYS_close, "close", false},
+    {SYS_access, "access", false},
+    {SYS_fcntl, "fcntl", false},
+};
+
+[[noreturn]] void give_up(const char* what) {
+    fprintf(stderr, "system-call faults: %s: %s\n", what, strerrordesc_np(errno));
+    abort();
+}
+
+const file_call* find_call(long number) {
+    for (const file_call& call : file_calls) {
+        if (call.number == number) {
+            return &call;
+        }
+    }
+    return nullptr;
+}
+
+/// A traced child that stands at the entry of a system call.
+class tracer {
+  public:
+    tracer(const plan& plan, pid_t child) : plan_(plan), child_(child) {}
+
+    outcome run() {
+        wait_for_stop();
+        if (ptrace(PTRACE_SETOPTIONS, child_, 0, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) != 0) {
+            give_up("cannot trace");
+        }
+        while (next_stop()) {
+            at_entry();
+            if (!alive_) {
+                break;
+            }
+        }
+        return outcome_;
+    }
+
+  private:
+    void wait_for_stop() {
+        int status = 0;
+        if (waitpid(child_, &status, 0) != child_ || !WIFSTOPPED(status)) {
+            give_up("the child did not stop");
+        }
+    }
+
+    /// Lets the child run to its next stop at a system call. False when it has ended.
+    bool next_stop() {
+        int signal = 0;
+        for (;;) {
+            ptrace(PTRACE_SYSCALL, child_, 0, signal);
+            int status = 0;
+            if (waitpid(child_, &status, 0) != child_) {
+                give_up("cannot wait");
+            }
+            if (!WIFSTOPPED(status)) {
+                ended(status);
+                return false;
+            }
+            if (WSTOPSIG(status) == (SIGTRAP | 0x80)) {
+                return true;
+            }
+            signal = WSTOPSIG(status);
+        }
+    }
+
+    void ended(int status) {
+        alive_ = false;
+        if (WIFEXITED(status)) {
+            outcome_.status = WEXITSTATUS(status);
+        } else if (!outcome_.killed) {
+            fprintf(stderr, "system-call faults: the child died of signal %d\n", WTERMSIG(status));
+            outcome_.status = 255;
+        }
+    }
+
+    bool is_hit() const {
+        return plan_.kind != fault::none &&
+               (outcome_.calls == plan_.call || (plan_.for_ever && outcome_.calls > plan_.call));
+    }
+
+    void at_entry() {
+        user_regs_struct registers = {};
+        ptrace(PTRACE_GETREGS, child_, 0, &registers);
+        const file_call* call = find_call(static_cast<long>(registers.orig_rax));
+        bool fails = false;
+        if (call != nullptr) {
+            outcome_.calls++;
+            if (is_hit()) {
+                fails = hit(*call, registers);
+            }
+        }
+        if (alive_ && next_stop() && fails) {
+            ptrace(PTRACE_GETREGS, child_, 0, &registers);
+            registers.rax = static_cast<unsigned long long>(-static_cast<long long>(plan_.error));
+            ptrace(PTRACE_SETREGS, child_, 0, &registers);
+        }
+    }
+
+    /// Returns whether the call's result has to be replaced when it ends.
+    bool hit(const file_call& call, user_regs_struct& registers) {
+        if (!outcome_.hit) {
+            outcome_.hit = true;
+            outcome_.name = call.name;
+        }
+        if (plan_.kind == fault::kill) {
+            kill_child();
+            return false;
+        }
+        if (plan_.kind == fault::short_write) {
+            if (call.transfers && registers.rdx > 1) {
+                registers.rdx /= 2;
+                ptrace(PTRACE_SETREGS, child_, 0, &registers);
+            }
+            return false;
+        }
+        registers.orig_rax = static_cast<unsigned long long>(-1);
+        ptrace(PTRACE_SETREGS, child_, 0, &registers);
+        return true;
+    }
+
+    void kill_child() {
+        outcome_.killed = true;
+        kill(child_, SIGKILL);
+        int status = 0;
+        while (waitpid(child_, &status, 0) == child_ && WIFSTOPPED(status)) {
+        }
+        alive_ = false;
+    }
+
+    const plan& plan_;
+    pid_t child_;
+    bool alive_ = true;
+    outcome outcome_;
+};
+
+}  // namespace
+
+outcome run(const plan& plan, const std::function<int()>& body) {
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child < 0) {
+        give_up("cannot fork");
+    }
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, 0, 0) != 0) {
+            give_up("cannot be traced");
+        }
+        raise(SIGSTOP);
+        _exit(body());
+    }
+    return tracer(plan, child).run();
+}
+
+}  // namespace syscall_faults
