@@ -19,4 +19,11 @@ struct process_status {
 
 process_status process_manager_status();
 
+/// Counts this start, once a process: the number kept in the runtime directory goes up by one. The service's unit removes
+/// it after a clean stop.
+void process_manager_count_start();
+
+/// Forgets the count and gives the lock back, as the end of the process does.
+void process_manager_reset();
+
 #endif

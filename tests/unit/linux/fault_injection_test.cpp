@@ -1,0 +1,15 @@
+#include "platform/fault_injection.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace {
+
+TEST(fault_injection_test, there_is_no_such_service) {
+    fault_point point = {"Enable something", 0};
+    EXPECT_EQ(static_cast<platform_status>(ENOTSUP), fault_injection_register("ssh", &point, 1));
+    EXPECT_EQ(0u, point.enabled);
+}
+
+}  // namespace
