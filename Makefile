@@ -1,0 +1,84 @@
+# The top-level commands. Every one of them works in a fresh clone; `make help` lists them.
+
+BUILD ?= build
+BUILD_SANITIZE ?= build-asan
+JOBS ?= $(shell nproc)
+TEST_REPORTS ?= $(BUILD)/reports
+
+.DEFAULT_GOAL := help
+.PHONY: help dependencies build build-sanitize run test bench lint tidy install clean
+
+help:
+	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
+	@echo 'make test     build, run every test: unit, sanitizers, fuzz corpus, node, system'
+	@echo 'make bench    figures beside the floor of the same run'
+	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
+	@echo 'make build    build into $(BUILD)/'
+	@echo 'make install  install the built system into /, or below DESTDIR'
+	@echo 'make clean    remove the build folders'
+	@echo
+	@echo 'BUILD, BUILD_SANITIZE: the build folders; JOBS: processes at once. Missing Debian packages are installed first.'
+
+dependencies:
+	@packaging/install_dependencies
+
+# Two calls may share a folder (several nodes started at once), so one waits for the other.
+define build_folder
+	@mkdir -p $(1)
+	@flock $(1) sh -ec '[ -e $(1)/build.ninja ] || cmake -S . -B $(1) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(2); \
+		cmake --build $(1) --parallel $(JOBS) $(3)'
+endef
+
+build: dependencies
+	$(call build_folder,$(BUILD),)
+
+build-sanitize: dependencies
+	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON)
+
+run: build
+	@examples/walk --build $(BUILD)
+
+test: build build-sanitize
+	@tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
+
+bench: build
+	@bench/run --build $(BUILD)
+
+install: build
+	cmake --install $(BUILD)
+
+clean:
+	rm -rf $(BUILD) $(BUILD_SANITIZE)
+
+# What is looked over is what git knows or would take.
+sources = $(sort $(shell git ls-files -co --exclude-standard -- $(1)))
+compiled = $(call sources,'src/*.cpp' 'platform/*.cpp' 'tools/*.cpp')
+headers = $(call sources,'src/*.h' 'platform/*.h' 'tools/*.h')
+formatted = $(call sources,'*.cpp' '*.h')
+scripts = $(shell git ls-files -co --exclude-standard -z | xargs -0 grep -lsE -m1 '^\#!(/usr)?/bin/(env )?(ba)?sh|shellcheck shell=' | sort)
+
+# The compile commands name generated files of no target, so the build comes first.
+lint: build
+	@echo 'clang-format: $(words $(formatted)) files'
+	@clang-format --dry-run -Werror $(formatted)
+	@echo 'shellcheck: $(words $(scripts)) scripts'
+	@shellcheck $(scripts)
+	@echo 'include direction'
+	@tools/check_includes
+	@echo 'cppcheck'
+	@cppcheck --quiet --std=c++20 --language=c++ --error-exitcode=1 --inline-suppr -j $(JOBS) \
+		--enable=warning,performance,portability --suppress=internalAstError --suppress=normalCheckLevelMaxBranches \
+		--cppcheck-build-dir=$(BUILD)/cppcheck -I src -I platform -I platform/include -I tools/ssh_cfg_ctl $(compiled)
+	@echo 'clang-tidy: $(words $(compiled)) files'
+	@$(MAKE) --no-print-directory -k -j $(JOBS) tidy
+	@echo 'lint: clean'
+
+# A file that was clean is looked at again when it, a header or the checks have changed.
+tidied = $(compiled:%=$(BUILD)/tidy/%.clean)
+
+tidy: $(tidied)
+
+$(BUILD)/tidy/%.clean: % $(headers) .clang-tidy
+	@mkdir -p $(@D)
+	@clang-tidy --quiet -p $(BUILD) $< 2>$@.log || { cat $@.log; false; }
+	@touch $@
