@@ -161,6 +161,17 @@ bool is_control(std::string_view character) {
 
 }  // namespace
 
+bool control_is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const size_t length = utf8_character(text);
+        if (length == 0) {
+            return false;
+        }
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 std::string control_printable(std::string_view text, size_t length_max) {
     std::string printable;
     while (!text.empty()) {

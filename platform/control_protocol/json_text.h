@@ -27,6 +27,9 @@ std::optional<control_json> control_json_parse(std::string_view text, std::strin
 /// A value as compact JSON text; bytes that are not UTF-8 are replaced.
 std::string control_json_text(const control_json& value);
 
+/// Whether a text is well-formed UTF-8.
+bool control_is_utf8(std::string_view text);
+
 /// A text fit for a message: one line, control characters and bytes that are not UTF-8 escaped as \xNN, cut after
 /// `length_max` bytes with "..." behind it.
 std::string control_printable(std::string_view text, size_t length_max);

@@ -93,6 +93,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
     const control_result outcome = result_of(result.refused_by);
     control_json answer = control_answer(outcome, result.message);
     if (outcome == control_result::done) {
+        answer["check"] = call.check_only;
         answer["items"] = items_of(result);
     } else if (!result.path.empty()) {
         answer["path"] = result.path;

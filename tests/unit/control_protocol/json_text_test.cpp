@@ -109,6 +109,14 @@ TEST(control_json, text_never_fails_on_bytes_that_are_not_utf_8) {
     EXPECT_EQ(control_json_text(control_json("a\xff")), "\"a\xef\xbf\xbd\"");
 }
 
+TEST(control_utf8, knows_well_formed_text) {
+    EXPECT_TRUE(control_is_utf8(""));
+    EXPECT_TRUE(control_is_utf8("a\x01ü€\xf0\x9f\x98\x80"));
+    for (const char* text : {"\xff", "\xc0\x80", "a\xc3", "\xed\xa0\x80", "\xe0\x80\x80", "\xf5\x80\x80\x80", "\x80"}) {
+        EXPECT_FALSE(control_is_utf8(text));
+    }
+}
+
 TEST(control_printable, escapes_what_a_terminal_or_log_would_obey) {
     EXPECT_EQ(control_printable("plain ü €", 100), "plain ü €");
     EXPECT_EQ(control_printable("a\nb\x1b[2J\x7f", 100), "a\\x0ab\\x1b[2J\\x7f");

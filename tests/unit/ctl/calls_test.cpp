@@ -1,0 +1,132 @@
+#include "ssh_cfg_ctl/calls.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+namespace {
+
+using testing::HasSubstr;
+
+ctl_request made(const char* call, const std::vector<std::string>& arguments) {
+    const ctl_call_row* row = ctl_find_call(call);
+    EXPECT_NE(row, nullptr) << call;
+    return ctl_make_request(*row, arguments);
+}
+
+std::string request(const char* call, const std::vector<std::string>& arguments) {
+    const ctl_request made_request = made(call, arguments);
+    EXPECT_TRUE(made_request.problem.is_null()) << made_request.problem;
+    return control_json_text(made_request.document);
+}
+
+std::string text(const char* call, const char* answer) {
+    std::string error;
+    return ctl_find_call(call)->text(control_json_parse(answer, error).value());
+}
+
+TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
+    EXPECT_EQ(request("set", {"/a", "[null,1]"}), R"({"call":"set","path":"/a","word":"[null,1]"})");
+    EXPECT_EQ(request("delete", {"/a"}), R"({"call":"delete","path":"/a"})");
+    EXPECT_EQ(request("get", {"/a"}), R"({"call":"get","path":"/a"})");
+    EXPECT_EQ(request("list", {"/"}), R"({"call":"list","path":"/"})");
+    EXPECT_EQ(request("show", {"/oper"}), R"({"call":"show","path":"/oper"})");
+    EXPECT_EQ(request("dump", {}), R"({"call":"dump"})");
+    EXPECT_EQ(request("status", {}), R"({"call":"status"})");
+    EXPECT_EQ(request("vrf", {"list"}), R"({"call":"vrf_list"})");
+    EXPECT_EQ(request("debug", {}), R"({"call":"debug"})");
+    EXPECT_EQ(request("debug", {"cfg-agent", "on"}), R"({"call":"debug","flag":"cfg-agent","on":true})");
+    EXPECT_EQ(request("debug", {"cfg-agent", "off"}), R"({"call":"debug","flag":"cfg-agent","on":false})");
+    EXPECT_EQ(request("trace", {"error"}), R"({"call":"trace","buffer":"error"})");
+}
+
+TEST(ctl_calls, load_takes_its_option_before_or_behind_the_file) {
+    const std::string file = testing::TempDir() + "ctl_calls_test.json";
+    std::ofstream(file) << R"({"/a": null})";
+    EXPECT_EQ(request("load", {file}), R"({"call":"load","check":false,"items":{"/a":null}})");
+    EXPECT_EQ(request("load", {"--check", file}), R"({"call":"load","check":true,"items":{"/a":null}})");
+    EXPECT_EQ(request("load", {file, "--check"}), R"({"call":"load","check":true,"items":{"/a":null}})");
+    std::ofstream(file, std::ios::trunc) << "[1]";
+    EXPECT_THAT(made("load", {file}).problem["message"].get<std::string>(), HasSubstr("must hold one JSON object"));
+    EXPECT_EQ(made("load", {file}).problem["result"], "refused");
+}
+
+TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
+    const std::pair<const char*, std::vector<std::string>> rows[] = {
+        {"set", {"/a"}},
+        {"set", {"/a", "1", "2"}},
+        {"delete", {}},
+        {"get", {}},
+        {"get", {"/a", "/b"}},
+        {"list", {}},
+        {"dump", {"x"}},
+        {"status", {"x"}},
+        {"vrf", {}},
+        {"vrf", {"all"}},
+        {"vrf", {"list", "x"}},
+        {"debug", {"cfg-agent"}},
+        {"debug", {"x", "yes"}},
+        {"trace", {}},
+        {"trace", {"nonsense"}},
+        {"load", {}},
+        {"load", {"a", "b"}},
+        {"load", {"--chek", "a"}},
+        {"show", {}},
+    };
+    for (const auto& [call, arguments] : rows) {
+        const ctl_request wrong = made(call, arguments);
+        EXPECT_EQ(wrong.problem["result"], "usage") << call;
+        EXPECT_FALSE(wrong.problem.contains("message")) << call;
+    }
+}
+
+TEST(ctl_calls, bytes_that_are_no_text_are_refused_before_json_alters_them) {
+    const ctl_request refused = made("set", {"/a", "b\xff"});
+    EXPECT_EQ(refused.problem["result"], "refused");
+    EXPECT_EQ(refused.problem["message"], "\"b\\xff\" is not UTF-8 text");
+}
+
+TEST(ctl_calls, an_unknown_call_has_no_row) {
+    EXPECT_EQ(ctl_find_call("sett"), nullptr);
+    EXPECT_EQ(ctl_find_call(""), nullptr);
+}
+
+TEST(ctl_texts, values_are_shown_in_the_notation_they_are_given_in) {
+    EXPECT_EQ(text("get", R"({"data":30})"), "30\n");
+    EXPECT_EQ(text("get", R"({"data":"corp-ca"})"), "\"corp-ca\"\n");
+    EXPECT_EQ(text("get", R"({"data":[null,"a",true]})"), "[null,\"a\",true]\n");
+}
+
+TEST(ctl_texts, names_stand_one_a_line) {
+    EXPECT_EQ(text("list", R"({"data":["a","b"]})"), "a\nb\n");
+}
+
+TEST(ctl_texts, a_change_is_silent_and_a_load_counts) {
+    EXPECT_EQ(text("set", R"({"items":[{"path":"/a","outcome":"created"}]})"), "");
+    EXPECT_EQ(
+        text("load", R"({"check":false,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"},
+                               {"path":"/c","outcome":"created"}]})"),
+        "2 created, 1 unchanged\n");
+    EXPECT_EQ(text("load", R"({"items":[]})"), "nothing to change\n");
+}
+
+TEST(ctl_texts, a_check_tells_each_change) {
+    EXPECT_EQ(text("load",
+                   R"({"check":true,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"}]})"),
+              "created  /a\n1 created, 1 unchanged (checked only, nothing is stored)\n");
+}
+
+TEST(ctl_texts, traces_are_lines) {
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":18,"arguments":[-1,"a\nb"]}]})"),
+              "T  0x00000012  -1  a\\x0ab\n");
+    EXPECT_EQ(text("trace", R"({"data":[]})"), "no entries\n");
+}
+
+TEST(ctl_texts, the_status_has_its_vrfs_as_a_table) {
+    EXPECT_EQ(text("status", R"({"data":{"pid":5,"vrfs":[{"name":"default","blocked":false}]}})"),
+              "pid: 5\n\nname     blocked\ndefault  no\n");
+}
+
+}  // namespace

@@ -1,0 +1,49 @@
+#include "ssh_cfg_ctl/command_line.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+TEST(ctl_command_line, splits_options_and_call) {
+    const ctl_command_line line = ctl_parse_command_line({"--json", "--timeout", "7", "--socket=/s", "get", "/a"});
+    EXPECT_EQ(line.action, ctl_action::call);
+    EXPECT_TRUE(line.json);
+    EXPECT_EQ(line.timeout, 7U);
+    EXPECT_EQ(line.socket_path, "/s");
+    EXPECT_THAT(line.call, ElementsAre("get", "/a"));
+}
+
+TEST(ctl_command_line, defaults) {
+    const ctl_command_line line = ctl_parse_command_line({"status"});
+    EXPECT_FALSE(line.json);
+    EXPECT_EQ(line.timeout, 600U);
+    EXPECT_EQ(line.socket_path, "/run/ssh_cfg_agent/control.sock");
+}
+
+TEST(ctl_command_line, what_follows_the_call_is_the_calls_own) {
+    EXPECT_THAT(ctl_parse_command_line({"set", "/a", "-5"}).call, ElementsAre("set", "/a", "-5"));
+    EXPECT_THAT(ctl_parse_command_line({"load", "--check", "-"}).call, ElementsAre("load", "--check", "-"));
+    EXPECT_THAT(ctl_parse_command_line({"--", "--json"}).call, ElementsAre("--json"));
+}
+
+TEST(ctl_command_line, help_and_version) {
+    EXPECT_EQ(ctl_parse_command_line({"--help"}).action, ctl_action::help);
+    EXPECT_EQ(ctl_parse_command_line({"-h"}).action, ctl_action::help);
+    EXPECT_EQ(ctl_parse_command_line({"--version"}).action, ctl_action::version);
+}
+
+TEST(ctl_command_line, says_what_is_wrong) {
+    EXPECT_THAT(ctl_parse_command_line({"--jsn", "status"}).error, HasSubstr("no option '--jsn'"));
+    EXPECT_THAT(ctl_parse_command_line({"--socket"}).error, HasSubstr("needs a value"));
+    EXPECT_FALSE(ctl_parse_command_line({}).error.empty());
+    EXPECT_FALSE(ctl_parse_command_line({"--json"}).error.empty());
+    for (const char* seconds : {"0", "86401", "x", "", "1x", "-1", "99999999999999999999"}) {
+        EXPECT_THAT(ctl_parse_command_line({"--timeout", seconds, "status"}).error, HasSubstr("from 1 to 86400"));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,69 @@
+#include "ssh_cfg_ctl/file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+namespace {
+
+using testing::HasSubstr;
+
+struct scratch_file {
+    std::string name;
+    explicit scratch_file(const std::string& text) {
+        char pattern[] = "/tmp/ctl_file_test_XXXXXX";
+        close(mkstemp(pattern));
+        name = pattern;
+        std::ofstream(name) << text;
+    }
+    ~scratch_file() { unlink(name.c_str()); }
+};
+
+TEST(ctl_read_file, gives_the_whole_file) {
+    const std::string text = std::string(200'000, 'x') + '\0' + "end";
+    const scratch_file file(text);
+    control_json problem;
+    EXPECT_EQ(ctl_read_file(file.name, problem), text);
+    EXPECT_TRUE(problem.is_null());
+}
+
+TEST(ctl_read_file, says_which_file_cannot_be_read) {
+    control_json problem;
+    EXPECT_FALSE(ctl_read_file("/nowhere/at/all", problem).has_value());
+    EXPECT_EQ(problem["result"], "failed");
+    EXPECT_EQ(problem["message"], "/nowhere/at/all: No such file or directory");
+    EXPECT_FALSE(ctl_read_file("/tmp", problem).has_value());
+    EXPECT_EQ(problem["message"], "/tmp: Is a directory");
+}
+
+TEST(ctl_read_file, an_endless_file_is_refused) {
+    control_json problem;
+    EXPECT_FALSE(ctl_read_file("/dev/zero", problem).has_value());
+    EXPECT_EQ(problem["result"], "refused");
+    EXPECT_THAT(problem["message"].get<std::string>(), HasSubstr("/dev/zero: larger than 16 MiB"));
+}
+
+TEST(ctl_read_json_file, reads_a_document) {
+    const scratch_file file("{\"/a\": 1}\n");
+    control_json problem;
+    const auto document = ctl_read_json_file(file.name, problem);
+    ASSERT_TRUE(document.has_value());
+    EXPECT_EQ(control_json_text(*document), "{\"/a\":1}");
+}
+
+TEST(ctl_read_json_file, says_where_the_mistake_is) {
+    const scratch_file broken("{\n\"/a\": 1,\n}\n");
+    const scratch_file doubled("{\"/a\": 1, \"/a\": 2}");
+    control_json problem;
+    EXPECT_FALSE(ctl_read_json_file(broken.name, problem).has_value());
+    EXPECT_EQ(problem["result"], "refused");
+    EXPECT_THAT(problem["message"].get<std::string>(), HasSubstr(broken.name + ": not JSON: parse error at line 3"));
+    EXPECT_FALSE(ctl_read_json_file(doubled.name, problem).has_value());
+    EXPECT_EQ(problem["message"], doubled.name + ": the name \"/a\" stands twice in one object");
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+#include "ssh_cfg_ctl/calls.h"
+
+#include <cstdio>
+
+#include "ssh_cfg_ctl/file.h"
+#include "ssh_cfg_ctl/print.h"
+
+namespace {
+
+using argument_list = std::vector<std::string>;
+
+ctl_request fail(control_result result, const std::string& message) {
+    return {{}, control_answer(result, message)};
+}
+
+ctl_request wrong_arguments() {
+    return fail(control_result::usage, {});
+}
+
+ctl_request ask(control_json document) {
+    return {std::move(document), {}};
+}
+
+// JSON carries text only: bytes that are none would reach the agent as something else.
+ctl_request not_text(const std::string& argument) {
+    return fail(control_result::refused, "\"" + control_printable(argument, 80) + "\" is not UTF-8 text");
+}
+
+const std::string* find_no_text(const argument_list& arguments) {
+    for (const std::string& argument : arguments) {
+        if (!control_is_utf8(argument)) {
+            return &argument;
+        }
+    }
+    return nullptr;
+}
+
+ctl_request set_request(const argument_list& arguments) {
+    if (arguments.size() != 2) {
+        return wrong_arguments();
+    }
+    return ask({{"call", "set"}, {"path", arguments[0]}, {"word", arguments[1]}});
+}
+
+template <const char* call_name>
+ctl_request path_request(const argument_list& arguments) {
+    if (arguments.size() != 1) {
+        return wrong_arguments();
+    }
+    return ask({{"call", call_name}, {"path", arguments[0]}});
+}
+
+template <const char* call_name>
+ctl_request bare_request(const argument_list& arguments) {
+    return arguments.empty() ? ask({{"call", call_name}}) : wrong_arguments();
+}
+
+constexpr char delete_name[] = "delete";
+constexpr char get_name[] = "get";
+constexpr char list_name[] = "list";
+constexpr char show_name[] = "show";
+constexpr char dump_name[] = "dump";
+constexpr char status_name[] = "status";
+
+ctl_request load_request(const argument_list& arguments) {
+    const std::string* file = nullptr;
+    bool check = false;
+    for (const std::string& argument : arguments) {
+        if (argument == "--check") {
+            check = true;
+        } else if (file == nullptr && (argument == "-" || !argument.starts_with("--"))) {
+            file = &argument;
+        } else {
+            return wrong_arguments();
+        }
+    }
+    if (file == nullptr) {
+        return wrong_arguments();
+    }
+    control_json problem;
+    std::optional<control_json> items = ctl_read_json_file(*file, problem);
+    if (!items.has_value()) {
+        return {{}, problem};
+    }
+    if (!items->is_object()) {
+        return fail(
+            control_result::refused,
+            *file +
+                ": the file must hold one JSON object, each name a path and each value the item's (null to delete it)");
+    }
+    control_json request = {{"call", "load"}, {"check", check}};
+    request["items"] = std::move(*items);
+    return ask(std::move(request));
+}
+
+ctl_request vrf_request(const argument_list& arguments) {
+    return arguments.size() == 1 && arguments[0] == "list" ? ask({{"call", "vrf_list"}}) : wrong_arguments();
+}
+
+ctl_request debug_request(const argument_list& arguments) {
+    if (arguments.empty()) {
+        return ask({{"call", "debug"}});
+    }
+    if (arguments.size() != 2 || (arguments[1] != "on" && arguments[1] != "off")) {
+        return wrong_arguments();
+    }
+    return ask({{"call", "debug"}, {"flag", arguments[0]}, {"on", arguments[1] == "on"}});
+}
+
+ctl_request trace_request(const argument_list& arguments) {
+    if (arguments.size() != 1 || (arguments[0] != "error" && arguments[0] != "event")) {
+        return wrong_arguments();
+    }
+    return ask({{"call", "trace"}, {"buffer", arguments[0]}});
+}
+
+const control_json& data_of(const control_json& answer) {
+    static const control_json none;
+    const auto data = answer.find("data");
+    return data == answer.end() ? none : *data;
+}
+
+std::string no_text(const control_json& /*answer*/) {
+    return {};
+}
+
+std::string value_text(const control_json& answer) {
+    return control_json_text(data_of(answer)) + '\n';
+}
+
+std::string names_text(const control_json& answer) {
+    std::string text;
+    for (const control_json& name : data_of(answer)) {
+        text += (name.is_string() ? name.get_ref<const std::string&>() : control_json_text(name)) + '\n';
+    }
+    return text;
+}
+
+std::string dump_text(const control_json& answer) {
+    return ctl_configuration_text(data_of(answer));
+}
+
+std::string show_text(const control_json& answer) {
+    return ctl_data_text(data_of(answer));
+}
+
+std::string counts_text(const control_json& items) {
+    std::string text;
+    for (const char* outcome : {"created", "changed", "deleted", "unchanged"}) {
+        size_t count = 0;
+        for (const control_json& item : items) {
+            count += item.value("outcome", "") == outcome ? 1 : 0;
+        }
+        if (count > 0) {
+            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + outcome;
+        }
+    }
+    return text.empty() ? "nothing to change" : text;
+}
+
+std::string load_text(const control_json& answer) {
+    const control_json items = answer.value("items", control_json::array());
+    const bool check = answer.value("check", false);
+    std::string text;
+    for (const control_json& item : items) {
+        const std::string outcome = item.value("outcome", "");
+        if (check && outcome != "unchanged") {
+            text += outcome + std::string(outcome.size() < 9 ? 9 - outcome.size() : 1, ' ') +
+                    control_printable(item.value("path", ""), 1024) + '\n';
+        }
+    }
+    text += counts_text(items);
+    return text + (check ? " (checked only, nothing is stored)\n" : "\n");
+}
+
+std::string trace_text(const control_json& answer) {
+    std::string text;
+    for (const control_json& entry : data_of(answer)) {
+        char point[16];
+        snprintf(point, sizeof point, "0x%08x", entry.value("point", 0U));
+        text += entry.value("time", "") + "  " + point;
+        for (const control_json& argument : entry.value("arguments", control_json::array())) {
+            text += "  " + control_printable(argument.is_string() ? argument.get_ref<const std::string&>()
+                                                                  : control_json_text(argument),
+                                             1024);
+        }
+        text += '\n';
+    }
+    return text.empty() ? "no entries\n" : text;
+}
+
+std::string status_text(const control_json& answer) {
+    control_json record = data_of(answer);
+    const control_json vrfs = record.value("vrfs", control_json::array());
+    record.erase("vrfs");
+    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs));
+}
+
+constexpr ctl_call_row calls[] = {
+    {"set", "PATH VALUE", "store one item; VALUE is JSON, or a bare word where text is wanted", set_request, no_text},
+    {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, no_text},
+    {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
+     load_request, load_text},
+    {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
+    {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
+    {"dump", "", "print the stored configuration, fit to be loaded again", bare_request<dump_name>, dump_text},
+    {"show", "PATH", "print operational data", path_request<show_name>, show_text},
+    {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, show_text},
+    {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, show_text},
+    {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
+    {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
+};
+
+}  // namespace
+
+std::span<const ctl_call_row> ctl_calls() {
+    return calls;
+}
+
+const ctl_call_row* ctl_find_call(std::string_view name) {
+    for (const ctl_call_row& row : calls) {
+        if (name == row.name) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+ctl_request ctl_make_request(const ctl_call_row& row, const std::vector<std::string>& arguments) {
+    const std::string* no_text = find_no_text(arguments);
+    return no_text == nullptr ? row.request(arguments) : not_text(*no_text);
+}

@@ -1,0 +1,178 @@
+#include "ssh_cfg_ctl/client.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+#include "control_protocol/frame.h"
+
+namespace {
+
+using steady = std::chrono::steady_clock;
+
+/// How long a request is repeated that the agent had no place for.
+constexpr std::chrono::seconds retry_time(10);
+constexpr std::chrono::milliseconds retry_pause(100);
+/// After this time people want to know what is going on.
+constexpr std::chrono::seconds patience(5);
+
+/// A connected socket, closed at the end of its scope.
+class connection {
+  public:
+    connection() : descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    ~connection() {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
+    }
+    connection(const connection&) = delete;
+    connection& operator=(const connection&) = delete;
+
+    int fd() const { return descriptor; }
+
+  private:
+    int descriptor;
+};
+
+control_json unreachable(const std::string& message) {
+    return control_answer(control_result::unreachable, message);
+}
+
+std::string why_not_connected(int error) {
+    switch (error) {
+        case ENOENT:
+        case ECONNREFUSED:
+            return "it is not running (systemctl status ssh_cfg_agent)";
+        case EACCES:
+        case EPERM:
+            return "permission denied; be root or a member of the group sshcfg";
+        case EAGAIN:
+            return "it does not take connections";
+        default:
+            return strerror(error);
+    }
+}
+
+int connect_to(const connection& connection, const ctl_connection_settings& settings) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (settings.socket_path.size() >= sizeof address.sun_path) {
+        return ENAMETOOLONG;
+    }
+    memcpy(address.sun_path, settings.socket_path.data(), settings.socket_path.size());
+    // Connecting waits while the agent's queue is full; the timeout bounds that too.
+    const timeval timeout = {static_cast<time_t>(settings.timeout), 0};
+    setsockopt(connection.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    while (connect(connection.fd(), generic, sizeof address) != 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+/// Sends all of the text. A failure is not told: the agent may have answered before it closed, and its answer says more.
+void send_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno != EINTR) {
+            return;
+        }
+        text.remove_prefix(count < 0 ? 0 : static_cast<size_t>(count));
+    }
+}
+
+enum class wait_end : uint8_t { readable, timeout };
+
+wait_end wait_readable(int fd, const ctl_connection_settings& settings) {
+    const auto start = steady::now();
+    const auto end = start + std::chrono::seconds(settings.timeout);
+    bool told = !settings.tell_waiting;
+    for (auto now = start; now < end; now = steady::now()) {
+        if (!told && now >= start + patience) {
+            fputs("ssh_cfg_ctl: waiting for the agent ...\n", stderr);
+            told = true;
+        }
+        const auto until = told ? end : std::min(end, start + patience);
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now).count() + 1;
+        pollfd poll_entry = {fd, POLLIN, 0};
+        if (poll(&poll_entry, 1, static_cast<int>(left)) > 0) {
+            return wait_end::readable;
+        }
+    }
+    return wait_end::timeout;
+}
+
+control_json parse_answer(const std::string& document) {
+    std::string error;
+    const std::optional<control_json> answer = control_json_parse(document, error);
+    if (!answer.has_value() || !answer->is_object()) {
+        return control_answer(control_result::failed, "the agent's answer cannot be read: " + error);
+    }
+    return *answer;
+}
+
+control_json receive_answer(int fd, const ctl_connection_settings& settings) {
+    static char buffer[65536];
+    control_frame_reader frame;
+    while (control_frame_progress(frame) == control_frame_state::incomplete) {
+        if (wait_readable(fd, settings) == wait_end::timeout) {
+            return unreachable("the agent has not answered within " + std::to_string(settings.timeout) +
+                               " seconds; a change may still be carried out");
+        }
+        const ssize_t count = recv(fd, buffer, std::min(control_frame_missing(frame), sizeof buffer), 0);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return unreachable("the agent went away before it answered; a change may or may not be stored");
+        }
+        control_frame_take(frame, std::string_view(buffer, static_cast<size_t>(count)));
+    }
+    if (control_frame_progress(frame) == control_frame_state::too_large) {
+        return control_answer(control_result::failed, "the agent's answer is larger than a frame may be");
+    }
+    return parse_answer(frame.document);
+}
+
+control_json ask_once(const ctl_connection_settings& settings, const std::string& frame) {
+    const connection connection;
+    const int error = connection.fd() < 0 ? errno : connect_to(connection, settings);
+    if (error != 0) {
+        return unreachable("the agent cannot be reached at " + settings.socket_path + ": " + why_not_connected(error));
+    }
+    send_all(connection.fd(), frame);
+    return receive_answer(connection.fd(), settings);
+}
+
+bool wants_retry(const control_json& answer) {
+    const auto retry = answer.find("retry");
+    return retry != answer.end() && retry->is_boolean() && retry->get<bool>();
+}
+
+}  // namespace
+
+control_json ctl_ask(const ctl_connection_settings& settings, const control_json& request) {
+    const std::string document = control_json_text(request);
+    if (document.size() > CONTROL_FRAME_MAX) {
+        return control_answer(control_result::refused, "the request is larger than 16 MiB; give less at a time");
+    }
+    const auto header = control_frame_header(static_cast<uint32_t>(document.size()));
+    const std::string frame = std::string(header.begin(), header.end()) + document;
+    const auto start = steady::now();
+    control_json answer = ask_once(settings, frame);
+    while (wants_retry(answer) && steady::now() - start < retry_time) {
+        std::this_thread::sleep_for(retry_pause);
+        answer = ask_once(settings, frame);
+    }
+    return answer;
+}

@@ -1,0 +1,106 @@
+#include "ssh_cfg_ctl/command_line.h"
+
+#include <charconv>
+#include <optional>
+#include <string_view>
+
+namespace {
+
+constexpr unsigned timeout_max = 86400;
+
+void refuse(ctl_command_line& line, const std::string& error) {
+    line.action = ctl_action::wrong;
+    line.error = error;
+}
+
+void set_timeout(ctl_command_line& line, const std::string& text) {
+    unsigned seconds = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+    if (error != std::errc() || end != text.data() + text.size() || seconds < 1 || seconds > timeout_max) {
+        refuse(line, "the timeout is a number of seconds from 1 to 86400, not '" + text + "'");
+        return;
+    }
+    line.timeout = seconds;
+}
+
+struct flag_row {
+    const char* name;
+    void (*set)(ctl_command_line& line);
+};
+
+constexpr flag_row flags[] = {
+    {"--json", [](ctl_command_line& line) { line.json = true; }},
+    {"--help", [](ctl_command_line& line) { line.action = ctl_action::help; }},
+    {"-h", [](ctl_command_line& line) { line.action = ctl_action::help; }},
+    {"--version", [](ctl_command_line& line) { line.action = ctl_action::version; }},
+};
+
+struct value_row {
+    const char* name;
+    void (*set)(ctl_command_line& line, const std::string& value);
+};
+
+constexpr value_row values[] = {
+    {"--socket", [](ctl_command_line& line, const std::string& value) { line.socket_path = value; }},
+    {"--timeout", set_timeout},
+};
+
+bool take_flag(ctl_command_line& line, const std::string& argument) {
+    for (const flag_row& row : flags) {
+        if (argument == row.name) {
+            row.set(line);
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Takes an option with its value, "--name value" or "--name=value"; says how many arguments that were, 0 for none.
+size_t take_value(ctl_command_line& line, const std::string& argument, const std::string* next) {
+    for (const value_row& row : values) {
+        const std::string_view name = row.name;
+        if (argument.starts_with(name) && argument.size() > name.size() && argument[name.size()] == '=') {
+            row.set(line, argument.substr(name.size() + 1));
+            return 1;
+        }
+        if (argument == name && next != nullptr) {
+            row.set(line, *next);
+            return 2;
+        }
+        if (argument == name) {
+            refuse(line, "'" + argument + "' needs a value");
+            return 1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments) {
+    ctl_command_line line;
+    size_t index = 0;
+    while (index < arguments.size() && arguments[index].starts_with('-') && line.action != ctl_action::wrong) {
+        const std::string& argument = arguments[index];
+        if (argument == "--") {
+            index++;
+            break;
+        }
+        if (take_flag(line, argument)) {
+            index++;
+            continue;
+        }
+        const std::string* next = index + 1 < arguments.size() ? &arguments[index + 1] : nullptr;
+        const size_t taken = take_value(line, argument, next);
+        if (taken == 0) {
+            refuse(line, "there is no option '" + argument + "'");
+        }
+        index += taken;
+    }
+    if (line.action == ctl_action::call && index >= arguments.size()) {
+        refuse(line, "what is to be done?");
+        return line;
+    }
+    line.call.assign(arguments.begin() + static_cast<ptrdiff_t>(std::min(index, arguments.size())), arguments.end());
+    return line;
+}

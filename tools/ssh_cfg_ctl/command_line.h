@@ -1,0 +1,24 @@
+/// What stands on the command line.
+#ifndef SSH_CFG_CTL_COMMAND_LINE_H
+#define SSH_CFG_CTL_COMMAND_LINE_H
+
+#include <string>
+#include <vector>
+
+#include "control_protocol/frame.h"
+
+enum class ctl_action : uint8_t { call, help, version, wrong };
+
+struct ctl_command_line {
+    ctl_action action = ctl_action::call;
+    std::string error;  ///< of ctl_action::wrong
+    bool json = false;
+    std::string socket_path = control_socket_path;
+    unsigned timeout = 600;         ///< seconds without a sign of life from the agent
+    std::vector<std::string> call;  ///< the call's name and its arguments
+};
+
+/// Options stand before the call; what follows is the call's own, so that a value may begin with '-'.
+ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments);
+
+#endif

@@ -1,0 +1,149 @@
+#include "ssh_cfg_ctl/ctl.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+#include "control_protocol/answer.h"
+#include "ssh_cfg_ctl/calls.h"
+#include "ssh_cfg_ctl/client.h"
+#include "ssh_cfg_ctl/command_line.h"
+#include "ssh_cfg_ctl/nearest.h"
+
+namespace {
+
+constexpr char program[] = "ssh_cfg_ctl";
+
+/// Prints to standard output; what could not be printed is a failure, so that nobody takes half a dump for a whole one.
+int print(const std::string& text, control_result result) {
+    const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    if (!written) {
+        fprintf(stderr, "%s: standard output: %s\n", program, strerror(errno));
+        return static_cast<int>(control_result::failed);
+    }
+    return static_cast<int>(result);
+}
+
+/// Each line of a message to standard error, with the program's name before it.
+void complain(std::string_view message) {
+    while (!message.empty()) {
+        const std::string_view line = message.substr(0, message.find('\n'));
+        fprintf(stderr, "%s: %s\n", program, control_printable(line, 4096).c_str());
+        message.remove_prefix(std::min(message.size(), line.size() + 1));
+    }
+}
+
+std::string usage_line(const ctl_call_row& row) {
+    return std::string(program) + " [OPTION...] " + row.name + (*row.arguments == '\0' ? "" : " ") + row.arguments;
+}
+
+std::string help_text() {
+    std::string text =
+        "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nWorks with the SSH configuration agent.\n\n";
+    for (const ctl_call_row& row : ctl_calls()) {
+        std::string call = std::string(row.name) + ' ' + row.arguments;
+        call.resize(std::max<size_t>(call.size(), 22), ' ');
+        text += "  " + call + ' ' + row.purpose + '\n';
+    }
+    return text +
+           "\nOptions, before the call:\n"
+           "  --json                 every answer as JSON on standard output\n"
+           "  --timeout SECONDS      how long to wait for the agent (600)\n"
+           "  --socket PATH          the agent's control socket (/run/ssh_cfg_agent/control.sock)\n"
+           "  -h, --help             this text\n"
+           "  --version              the version\n"
+           "\nFILE may be '-' for standard input.\n"
+           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (why is on standard error).\n";
+}
+
+/// Ends with an answer that says anything but "done".
+int report_problem(const ctl_command_line& line, const control_json& answer) {
+    const control_result result = control_result_of_name(answer.value("result", ""));
+    complain(answer.value("message", "the agent gives no reason"));
+    return line.json ? print(control_json_text(answer) + '\n', result) : static_cast<int>(result);
+}
+
+int report_usage(const ctl_command_line& line, const std::string& message) {
+    const int status = report_problem(line, control_answer(control_result::usage, message));
+    fprintf(stderr, "Try '%s --help'.\n", program);
+    return status;
+}
+
+int report_unknown_call(const ctl_command_line& line) {
+    std::vector<std::string_view> names;
+    for (const ctl_call_row& row : ctl_calls()) {
+        names.emplace_back(row.name);
+    }
+    const std::string_view nearest = ctl_nearest(line.call[0], names);
+    const std::string message = "there is no call '" + control_printable(line.call[0], 40) + "'";
+    return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
+}
+
+/// The changes are stored, but the agent could not carry all of them out: that is no success.
+int report_warnings(const ctl_command_line& line, const control_json& answer) {
+    for (const control_json& warning : answer["warnings"]) {
+        complain("stored, but not carried out: " + warning.value("path", "") + ": " + warning.value("message", ""));
+    }
+    return line.json ? print(control_json_text(answer) + '\n', control_result::failed)
+                     : static_cast<int>(control_result::failed);
+}
+
+int report(const ctl_command_line& line, const ctl_call_row& row, const control_json& answer) {
+    const control_result result = control_result_of_name(answer.value("result", ""));
+    if (result != control_result::done) {
+        return report_problem(line, answer);
+    }
+    if (answer.contains("warnings")) {
+        return report_warnings(line, answer);
+    }
+    if (line.json) {
+        return print(control_json_text(answer.contains("data") ? answer["data"] : answer) + '\n', result);
+    }
+    return print(row.text(answer), result);
+}
+
+int run_call(const ctl_command_line& line) {
+    const ctl_call_row* row = ctl_find_call(line.call[0]);
+    if (row == nullptr) {
+        return report_unknown_call(line);
+    }
+    const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
+    if (request.problem.is_null()) {
+        const bool tell_waiting = isatty(STDERR_FILENO) == 1;
+        return report(line, *row, ctl_ask({line.socket_path, line.timeout, tell_waiting}, request.document));
+    }
+    if (request.problem.contains("message")) {
+        return report_problem(line, request.problem);
+    }
+    return report_usage(line, "usage: " + usage_line(*row));
+}
+
+int run(const std::vector<std::string>& arguments) {
+    const ctl_command_line line = ctl_parse_command_line(arguments);
+    switch (line.action) {
+        case ctl_action::help:
+            return print(help_text(), control_result::done);
+        case ctl_action::version:
+            return print(std::string(program) + ' ' + control_version() + '\n', control_result::done);
+        case ctl_action::wrong:
+            return report_usage(line, line.error);
+        case ctl_action::call:
+            break;
+    }
+    return run_call(line);
+}
+
+}  // namespace
+
+int ctl_run(const std::vector<std::string>& arguments) {
+    try {
+        return run(arguments);
+    } catch (const std::exception& exception) {
+        complain(exception.what());
+        return static_cast<int>(control_result::failed);
+    }
+}

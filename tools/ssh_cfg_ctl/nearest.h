@@ -1,0 +1,12 @@
+/// The word that somebody may have meant.
+#ifndef SSH_CFG_CTL_NEAREST_H
+#define SSH_CFG_CTL_NEAREST_H
+
+#include <string_view>
+#include <vector>
+
+/// The candidate that takes the fewest insertions, deletions, replacements and swaps of neighbours to become `word`; empty
+/// when none is near.
+std::string_view ctl_nearest(std::string_view word, const std::vector<std::string_view>& candidates);
+
+#endif
