@@ -36,7 +36,7 @@ build-sanitize: dependencies
 	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON)
 
 run: build
-	@examples/walk --build $(BUILD)
+	@node/node --build $(BUILD) run -- examples/run
 
 test: build build-sanitize
 	@tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
@@ -55,7 +55,7 @@ sources = $(sort $(shell git ls-files -co --exclude-standard -- $(1)))
 compiled = $(call sources,'src/*.cpp' 'platform/*.cpp' 'tools/*.cpp')
 headers = $(call sources,'src/*.h' 'platform/*.h' 'tools/*.h')
 formatted = $(call sources,'*.cpp' '*.h')
-scripts = $(shell git ls-files -co --exclude-standard -z | xargs -0 grep -lsE -m1 '^\#!(/usr)?/bin/(env )?(ba)?sh|shellcheck shell=' | sort)
+scripts = $(shell git ls-files -co --exclude-standard | xargs awk 'FNR == 1 { if (/^.!.*\/(env )?(ba)?sh( |$$)/) print FILENAME; nextfile }') node/shell_rc
 
 # The compile commands name generated files of no target, so the build comes first.
 lint: build

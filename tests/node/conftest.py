@@ -1,61 +1,9 @@
-"""What the tests of the throw-away node share. They run outside of any node, as root."""
+"""Fixtures of the tests of the throw-away node. They run outside of any node, as root."""
 
-import contextlib
-import os
-import pathlib
 import subprocess
-import time
 
 import pytest
-
-NODE = pathlib.Path(__file__).resolve().parents[2] / "node" / "node"
-
-
-def wait_until(condition, seconds=20.0):
-    """Returns the first true value of condition(), or its last one after the time limit."""
-    end = time.monotonic() + seconds
-    while not (value := condition()) and time.monotonic() < end:
-        time.sleep(0.02)
-    return value
-
-
-# Other nodes may run on the machine meanwhile; the tests' own are known by this host name.
-MARK = f"node-test-{os.getpid()}"
-
-
-def orphaned_control_groups():
-    """Control groups of nodes whose keeper is gone, seen through a mount that nobody else sees."""
-    script = "mount -t tmpfs t /mnt && mkdir /mnt/c && mount -t cgroup2 c /mnt/c && ls /mnt/c"
-    command = ["unshare", "--mount", "--propagation", "private", "sh", "-c", script]
-    listing = subprocess.run(command, capture_output=True, text=True, check=True).stdout.split()
-    groups = [name for name in listing if name.startswith("ssh_cfg_node.")]
-    return [name for name in groups if not os.path.exists("/proc/" + name.partition(".")[2])]
-
-
-def node_processes():
-    """Command lines of the processes that are part of a node of these tests or hold one."""
-    found = []
-    for directory in pathlib.Path("/proc").glob("[0-9]*"):
-        with contextlib.suppress(OSError):
-            keeps = f"NODE_HOSTNAME={MARK}".encode() in (directory / "environ").read_bytes()
-            hostname = directory / "root/etc/hostname"
-            if keeps or (hostname.exists() and hostname.read_text(encoding="utf-8").strip() == MARK):
-                found.append((directory / "cmdline").read_bytes())
-    return found
-
-
-def machine_state():
-    """Everything of this machine that a node could leave a trace in."""
-    mounts = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8").splitlines()
-    return {
-        "mounts": [line for line in mounts if "ssh_cfg_node" in line or "/run/root" in line],
-        "interfaces": sorted(os.listdir("/sys/class/net")),
-        "groups": orphaned_control_groups(),
-        "processes": node_processes(),
-        "hostname": os.uname().nodename,
-        "users": pathlib.Path("/etc/passwd").read_text(encoding="utf-8"),
-        "units": sorted(os.listdir("/etc/systemd/system")),
-    }
+from node_runs import NODE_COMMAND, machine_state, wait_until
 
 
 @pytest.fixture
@@ -65,10 +13,6 @@ def untouched_machine():
     yield
     wait_until(lambda: machine_state() == before, 10)
     assert machine_state() == before
-
-
-# How every node of the tests is started; options may follow.
-NODE_COMMAND = [str(NODE), "--no-agent", "--hostname", MARK]
 
 
 @pytest.fixture

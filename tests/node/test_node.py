@@ -7,7 +7,7 @@ import signal
 import subprocess
 
 import pytest
-from conftest import MARK, NODE, NODE_COMMAND, node_processes, wait_until
+from node_runs import MARK, NODE, NODE_COMMAND, node_processes, wait_until
 
 pytestmark = pytest.mark.usefixtures("untouched_machine")
 
