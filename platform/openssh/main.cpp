@@ -1,4 +1,5 @@
 /// Stands in the place of the SSH server: makes a file that stock sshd takes out of the agent's, and becomes sshd.
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,7 +31,11 @@ namespace {
 }  // namespace
 
 int main(int count, char** arguments) {
-    openssh::reporter to{.to_journal = openssh::is_journal_stream(STDERR_FILENO, std::getenv("JOURNAL_STREAM"))};
+    const openssh::launcher_paths paths;
+    openlog(paths.log_name, LOG_PID, LOG_AUTH);
+    openssh::reporter to;
+    to.way =
+        openssh::choose_report_way(STDERR_FILENO, std::getenv("JOURNAL_STREAM"), access(paths.system_log, W_OK) == 0);
     openssh::launch_options options;
     const std::string error = openssh::parse_options(count, arguments, options);
     to.server_file = options.file.empty() ? "-" : options.file;
@@ -40,7 +45,6 @@ int main(int count, char** arguments) {
         return openssh::launch_usage;
     }
 
-    const openssh::launcher_paths paths;
     if (options.print_only) {
         std::string translated;
         const openssh::launch_status status = openssh::try_translation(paths, options, to, translated);

@@ -20,6 +20,9 @@ struct launcher_paths {
     std::string sshd = "/pkg/libexec/norvosshd";
     /// Prints the key that the key store holds for the user named by its argument; sshd is told of it where it is installed.
     std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
+    const char* system_log = "/dev/log";
+    /// The name in the log: the server's own, as its program's name gives it.
+    const char* log_name = "norvosshd";
 };
 
 }  // namespace openssh

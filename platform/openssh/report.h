@@ -1,4 +1,4 @@
-/// What the launcher tells the operator, on standard error or, for a service, in the journal.
+/// What the launcher tells the operator: on standard error, or for a service in the journal.
 #ifndef OPENSSH_REPORT_H
 #define OPENSSH_REPORT_H
 
@@ -9,17 +9,23 @@
 
 namespace openssh {
 
-struct reporter {
-    std::string server_file = {};  ///< named in every line
-    bool to_journal = false;       ///< lines begin with their severity as "<N>", which the journal takes off
-    int fd = 2;
+enum class report_way {
+    text,         ///< lines on standard error
+    marked_text,  ///< the same with the severity as "<N>" in front, which the journal takes off
+    system_log,   ///< syslog, where the lines stand beside the server's own, under the same name and process number
 };
 
-/// Whether the descriptor is the journal's stream, by what the service manager says of it in `journal_stream`
-/// ("device:inode", the value of JOURNAL_STREAM, or null).
-bool is_journal_stream(int fd, const char* journal_stream);
+struct reporter {
+    std::string server_file = {};  ///< named in every line
+    report_way way = report_way::text;
+    int fd = 2;  ///< standard error
+};
 
-/// The line that `report` writes, with its line feed.
+/// The way for a process whose standard error is `fd`. `journal_stream` is what the service manager says of the journal's
+/// stream ("device:inode", the value of JOURNAL_STREAM) or null; a process that writes there is a service.
+report_way choose_report_way(int fd, const char* journal_stream, bool has_system_log);
+
+/// A line that `report` writes to standard error, with its line feed.
 std::string format_report(const reporter& to, severity level, std::string_view text);
 
 void report(const reporter& to, severity level, std::string_view text);

@@ -30,30 +30,32 @@ TEST(launcher_report, names_the_server_file_in_every_line) {
 }
 
 TEST(launcher_report, marks_the_severity_for_the_journal) {
-    const reporter to{.server_file = "/a", .to_journal = true};
+    const reporter to{.server_file = "/a", .way = report_way::marked_text};
     EXPECT_EQ(format_report(to, severity::error, "x"), "<3>/a: x\n");
     EXPECT_EQ(format_report(to, severity::warning, "x"), "<4>/a: x\n");
     EXPECT_EQ(format_report(to, severity::notice, "x"), "<5>/a: x\n");
 }
 
 TEST(launcher_report, a_file_name_cannot_forge_a_line) {
-    EXPECT_EQ(format_report({.server_file = "/a\n<0>x", .to_journal = true}, severity::notice, "t"),
+    EXPECT_EQ(format_report({.server_file = "/a\n<0>x", .way = report_way::marked_text}, severity::notice, "t"),
               "<5>/a\\x0a<0>x: t\n");
 }
 
-TEST(launcher_report, recognises_the_journals_stream) {
+TEST(launcher_report, a_service_reports_to_the_journal) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     struct stat status;
     ASSERT_EQ(fstat(ends[1], &status), 0);
     const std::string stream = format_text("%llu:%llu", static_cast<unsigned long long>(status.st_dev),
                                            static_cast<unsigned long long>(status.st_ino));
-    EXPECT_TRUE(is_journal_stream(ends[1], stream.c_str()));
-    EXPECT_FALSE(is_journal_stream(ends[1], (stream + "1").c_str()));
-    EXPECT_FALSE(is_journal_stream(ends[1], (stream + "x").c_str()));
-    EXPECT_FALSE(is_journal_stream(ends[1], nullptr));
-    EXPECT_FALSE(is_journal_stream(ends[1], "8"));
-    EXPECT_FALSE(is_journal_stream(-1, stream.c_str()));
+    EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), true), report_way::system_log);
+    EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), false), report_way::marked_text);
     close(ends[0]);
+    // A service whose standard error was redirected, or a child of one that has another, is not in the journal.
+    for (const std::string& other : {stream + "1", stream + "x", std::string("8"), std::string()}) {
+        EXPECT_EQ(choose_report_way(ends[1], other.c_str(), true), report_way::text) << other;
+    }
+    EXPECT_EQ(choose_report_way(ends[1], nullptr, true), report_way::text);
     close(ends[1]);
+    EXPECT_EQ(choose_report_way(-1, stream.c_str(), true), report_way::text);
 }

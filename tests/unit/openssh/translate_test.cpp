@@ -64,13 +64,13 @@ class launcher_golden : public testing::TestWithParam<const char*> {};
 
 }  // namespace
 
-// RENEW_GOLDEN=1 in the environment writes the files anew instead.
+// UPDATE_GOLDEN=1 in the environment writes the files anew.
 TEST_P(launcher_golden, matches_its_file) {
     const std::string stem = std::string(TEST_SOURCE_DIR) + "/openssh/golden/" + GetParam();
     const std::string input = openssh_test::text_of(stem + ".in");
     ASSERT_NE(input, "");
     const std::string whole = whole_of(translate_text(input));
-    if (std::getenv("RENEW_GOLDEN") != nullptr) {
+    if (std::getenv("UPDATE_GOLDEN") != nullptr) {
         std::ofstream(stem + ".ok", std::ios::binary) << whole;
     }
     EXPECT_EQ(whole, openssh_test::text_of(stem + ".ok"));
