@@ -29,6 +29,19 @@ inline constexpr char nft_directory_1[] = "/tmp/norvo-ssh";
 inline constexpr char nft_directory_2[] = "/tmp/norvo-ssh/access-list";
 inline constexpr char nft_file_format[] = "/tmp/norvo-ssh/access-list/%s%s_%s.nft";
 
+// Sessions.
+inline constexpr char session_socket_prefix[] = "/run/norvossh_oper";
+inline constexpr char ssh_client_program[] = "/pkg/bin/ssh_csm";
+inline constexpr char server_session_pid_file[] = "/tmp/norvo_ssh_oper_pid.txt";
+inline constexpr char client_session_pid_file[] = "/tmp/norvossh_client_oper_pid.txt";
+inline constexpr char session_record_tree[] = "/oper/crypto-ssh/gl/session_xml/";
+inline constexpr char server_session_tree[] = "/oper/crypto-ssh/gl/sshddata/";
+inline constexpr char client_session_tree[] = "/oper/crypto-ssh/client/";
+inline constexpr char server_parameters_tree[] = "/oper/crypto-ssh/gl/server-params";
+inline constexpr char telemetry_tree[] = "/oper/overlays/gl/crypto_ssh/openconfig-system/";
+inline constexpr char telemetry_event[] =
+    "/oper/overlays/gl/crypto_ssh/openconfig-system/system__bag_overlay_crypto_ssh_system";
+
 // Datastore trees.
 inline constexpr char server_tree[] = "/cfg/gl/crypto/ssh/server/";
 inline constexpr char client_tree[] = "/cfg/gl/crypto/ssh/client/";
