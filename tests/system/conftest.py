@@ -1,0 +1,61 @@
+"""Fixtures of the system tests, which run inside a throw-away node and have its router for themselves."""
+
+import pathlib
+
+import pytest
+import router
+
+
+def pytest_sessionstart(session):
+    environment = pathlib.Path("/proc/1/environ").read_bytes().split(b"\0")
+    if b"container=ssh_cfg_node" not in environment:
+        pytest.exit("these tests change the machine: node/node run -- /usr/bin/python3 -m pytest tests/system", 2)
+
+
+@pytest.fixture(autouse=True)
+def clean_router():
+    """Every test ends with a running agent, no configuration and the namespaces that were there before it."""
+    before = router.namespaces()
+    yield
+    if not router.is_active(router.AGENT):
+        router.run("systemctl", "restart", router.AGENT, timeout=120)
+    router.wait_for_agent()
+    items = router.configuration()
+    if items:
+        router.load({path: None for path in items})
+    for namespace in router.namespaces():
+        if namespace not in before:
+            router.run("ip", "netns", "del", namespace)
+            unit = router.UNITS / router.server_unit(namespace.removeprefix("vrf-"))
+            router.wait_until(lambda unit=unit: not unit.exists(), what=f"{unit} goes with its namespace")
+
+
+@pytest.fixture
+def journal():
+    """The journal of this test."""
+    return router.Journal()
+
+
+@pytest.fixture
+def vrf():
+    """Gives a VRF a namespace: vrf("red"). It is gone after the test."""
+
+    def make(name):
+        router.add_namespace(name)
+        return name
+
+    return make
+
+
+@pytest.fixture
+def server(vrf):
+    """Gives a VRF a namespace and a running server: server("red"), server("red", "vrf-netconf", 830)."""
+
+    def make(name, item="vrf", port=22):
+        if f"vrf-{name}" not in router.namespaces():
+            vrf(name)
+        router.set_item(f"sshd/{item}/{name}", router.OPEN)
+        router.wait_for_server(name, port)
+        return name
+
+    return make

@@ -1,0 +1,92 @@
+"""Real logins to real servers inside their VRFs."""
+
+import os
+import signal
+import subprocess
+
+import pytest
+import router
+from router import OPEN, ssh
+
+
+@pytest.mark.parametrize("key", ["id_rsa", "id_ed25519"])
+def test_login_inside_the_vrf(server, key):
+    server("red")
+    options = ["IdentitiesOnly=yes", f"IdentityFile=/root/.ssh/{key}"]
+    inside = ssh("red", "readlink", "/proc/self/ns/net", options=options).stdout
+    assert inside == router.in_vrf("red", "readlink", "/proc/self/ns/net").stdout
+
+
+def test_default_vrf_is_the_machines_own_network():
+    router.set_item("sshd/v2", True)
+    router.wait_for_server("default")
+    assert ssh("default", "readlink", "/proc/self/ns/net").stdout.strip() == os.readlink("/proc/1/ns/net")
+
+
+def test_a_server_is_reached_in_its_own_vrf_only(server, vrf):
+    server("red")
+    vrf("blue")
+    assert not router.port_answers("blue")
+    assert not router.port_answers("default")
+
+
+def test_ssh_and_netconf_share_one_server(server):
+    server("both")
+    server("both", "vrf-netconf", 830)
+    assert ssh("both", "echo", "in", port=830).stdout == "in\n"
+    router.delete_item("sshd/vrf/both")
+    router.wait_until(lambda: not router.port_answers("both", 22), what="port 22 is closed")
+    router.wait_for_server("both", 830)
+
+
+def test_item_first_and_namespace_later(vrf):
+    router.set_item("sshd/vrf/later", OPEN)
+    assert not router.is_active(router.server_unit("later"))
+    vrf("later")
+    router.wait_for_server("later", seconds=30)
+    assert ssh("later", "whoami").stdout == "operator\n"
+
+
+def test_server_goes_and_comes_with_its_namespace(server):
+    server("red")
+    router.delete_namespace("red")
+    router.wait_until(lambda: not router.is_active(router.server_unit("red")), what="the server is stopped")
+    router.wait_until(lambda: not (router.UNITS / router.server_unit("red")).exists(), what="the unit is gone")
+    router.add_namespace("red")
+    router.wait_for_server("red", seconds=30)
+
+
+def test_servers_and_sessions_live_on_when_the_agent_is_killed(server):
+    server("red")
+    before = router.main_pid(router.server_unit("red"))
+    router.kill_agent(signal.SIGKILL)
+    assert router.main_pid(router.server_unit("red")) == before
+    assert ssh("red", "whoami").stdout == "operator\n"
+
+
+def test_configuration_is_there_after_a_restart(server):
+    server("red")
+    router.set_item("cmn/timeout", 77)
+    router.restart_agent()
+    router.wait_for_server("red")
+    assert "LoginGraceTime 77" in router.server_lines("red")
+
+
+def test_session_survives_the_restart_of_its_server(server):
+    server("red")
+    # The change is made from within the session, which then still has something to say.
+    script = "read -r _; echo still here"
+    session = subprocess.Popen(
+        ["ip", "netns", "exec", "vrf-red", "ssh", "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",
+         "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR", "operator@127.0.0.1", "echo in; " + script],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+    )
+    assert session.stdout.readline() == "in\n"
+    before = router.main_pid(router.server_unit("red"))
+    router.set_item("cmn/timeout", 66)
+    assert router.main_pid(router.server_unit("red")) != before
+    assert session.communicate("go\n", timeout=20)[0] == "still here\n"
+
+
+def test_walk_through_of_the_examples():
+    router.run(os.path.join(os.path.dirname(__file__), "../../examples/run"), timeout=120, stdin=subprocess.DEVNULL)

@@ -1,0 +1,159 @@
+"""The installed system: units, set-up, generator, the agent's /tmp, what survives which end of the agent."""
+
+import os
+import pathlib
+import stat
+import subprocess
+
+import pytest
+import router
+from router import AGENT, AGENT_TMP, RUNTIME, run
+
+SETUP = "/usr/libexec/ssh_cfg_agent/platform_setup"
+GENERATOR = "/usr/lib/systemd/system-generators/ssh_cfg_agent_generator"
+KEYS = ["ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521", "ed25519", "rsa"]
+
+
+def mode(path):
+    return stat.S_IMODE(os.lstat(path).st_mode)
+
+
+@pytest.mark.parametrize("unit", [AGENT, "ssh_cfg_platform.service"])
+def test_units_are_valid(unit):
+    result = run("systemd-analyze", "verify", "--man=no", unit)
+    assert (result.stdout + result.stderr).strip() == ""
+
+
+@pytest.mark.parametrize("key", KEYS)
+def test_host_keys_are_roots_alone(key):
+    assert mode(f"/pkg/{key}") == 0o600
+    run("ssh-keygen", "-y", "-P", "", "-f", f"/pkg/{key}")
+    assert not pathlib.Path("/pkg/dsa").exists()
+
+
+def test_set_up_again_changes_nothing():
+    def state():
+        keys = {key: pathlib.Path("/pkg", key).read_bytes() for key in KEYS}
+        mounts = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8")
+        return keys, mounts, run("getent", "group", "sshcfg").stdout
+
+    before = state()
+    run(SETUP)
+    assert state() == before
+
+
+def test_set_up_replaces_a_key_file_without_content_and_a_name_without_a_namespace():
+    keys = pathlib.Path("/pkg/ed25519"), pathlib.Path("/pkg/ed25519.pub")
+    before = [key.read_bytes() for key in keys]
+    try:
+        keys[0].write_bytes(b"")
+        run("umount", "/run/netns/vrf-default")
+        run(SETUP)
+        assert keys[0].stat().st_size > 0 and mode(keys[0]) == 0o600
+        assert os.stat("/run/netns/vrf-default").st_ino == os.stat("/proc/1/ns/net").st_ino
+    finally:
+        for key, content in zip(keys, before):
+            key.write_bytes(content)
+
+
+def test_default_namespace_is_the_machines_own():
+    assert os.stat("/run/netns/vrf-default").st_ino == os.stat("/proc/1/ns/net").st_ino
+
+
+def test_shared_memory_folder_is_a_tmpfs():
+    assert run("stat", "-f", "-c", "%T", "/dev/shmem").stdout.strip() == "tmpfs"
+
+
+def test_control_socket_is_open_to_its_group_only():
+    socket = RUNTIME / "control.sock"
+    assert mode(socket) == 0o660
+    assert os.stat(socket).st_gid == int(run("getent", "group", "sshcfg").stdout.split(":")[2])
+
+
+def test_member_of_the_group_may_use_the_tool_and_others_may_not():
+    as_operator = ["runuser", "-u", "operator", "--", "ssh_cfg_ctl", "status"]
+    assert run(*as_operator, check=False).returncode == 3
+    run("usermod", "--append", "--groups", "sshcfg", "operator")
+    try:
+        run(*as_operator)
+    finally:
+        run("gpasswd", "--delete", "operator", "sshcfg")
+
+
+def test_agents_tmp_is_out_of_everybodys_reach():
+    assert mode(AGENT_TMP) == 0o700 and os.stat(AGENT_TMP).st_uid == 0
+    (AGENT_TMP / "seen").touch()
+    try:
+        names = run("nsenter", "--target", router.main_pid(AGENT), "--mount", "ls", "/tmp").stdout.split()
+        assert "seen" in names
+        assert not pathlib.Path("/tmp/seen").exists()
+    finally:
+        (AGENT_TMP / "seen").unlink()
+
+
+def test_namespaces_attached_later_reach_the_agent(vrf):
+    vrf("late")
+    agent = ["nsenter", "--target", router.main_pid(AGENT), "--mount"]
+    assert run(*agent, "stat", "-f", "-c", "%T", "/run/netns/vrf-late").stdout.strip() == "nsfs"
+    router.delete_namespace("late")
+    assert run(*agent, "ls", "/run/netns").stdout.split() == ["vrf-default"]
+
+
+def test_respawn_count_grows_with_failures_and_starts_again_at_a_clean_stop():
+    router.restart_agent()
+    assert router.respawn_count() == 1
+    router.kill_agent()
+    assert router.respawn_count() == 2
+    router.kill_agent()
+    assert router.respawn_count() == 3
+    router.restart_agent()
+    assert router.respawn_count() == 1
+
+
+def test_agent_is_started_again_however_often_it_fails():
+    for _ in range(7):
+        router.kill_agent()
+    router.restart_agent()
+
+
+def test_generator_lifts_the_start_limit_of_the_servers_only(tmp_path):
+    names = ["sshd_service_red.service", "sshd_service_a.b-c_d.service", "sshd_conf_red.conf", "other.service"]
+    created = [router.UNITS / name for name in names if not (router.UNITS / name).exists()]
+    for path in created:
+        path.touch()
+    try:
+        run(GENERATOR, tmp_path, tmp_path, tmp_path)
+        drop_ins = {path.parent.name: path.read_text(encoding="utf-8") for path in tmp_path.glob("*/*")}
+        expected = {f"{name}.d" for name in names[:2]} | {f"{router.server_unit('default')}.d"}
+        assert set(drop_ins) == expected
+        assert set(drop_ins.values()) == {"[Unit]\nStartLimitIntervalSec=0\n"}
+    finally:
+        for path in created:
+            path.unlink()
+
+
+def test_generator_without_a_place_to_write_to_does_not_fail_the_reload():
+    assert subprocess.run([GENERATOR, "/nonexistent"], check=False, capture_output=True).returncode == 0
+
+
+@pytest.mark.parametrize("page", ["man1/ssh_cfg_ctl.1", "man8/ssh_cfg_agent.8"])
+def test_manual_pages_are_well_formed(page):
+    result = run("groff", "-man", "-Tutf8", "-ww", "-z", f"/usr/share/man/{page}")
+    assert result.stderr == ""
+
+
+def test_manual_page_names_every_call_and_option_of_the_tool():
+    summary = run("ssh_cfg_ctl", "--help").stdout
+    page = pathlib.Path("/usr/share/man/man1/ssh_cfg_ctl.1").read_text(encoding="utf-8").replace("\\-", "-")
+    words = [line.split()[0] for line in summary.splitlines() if line.startswith("  ")]
+    assert {"set", "dump", "--json"} <= set(words)
+    assert [word.strip(",") for word in words if word.strip(",") not in page] == []
+
+
+def test_many_changes_in_a_row_leave_the_server_up(server):
+    server("busy")
+    for seconds in range(30, 70):
+        router.set_item("cmn/timeout", seconds)
+    assert router.is_active(router.server_unit("busy"))
+    assert "LoginGraceTime 69" in router.server_lines("busy")
+    router.wait_for_server("busy")
