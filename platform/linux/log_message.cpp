@@ -38,7 +38,7 @@ bool send_to_journal(int priority, const char* text, std::initializer_list<journ
 
 void send_to_syslog(int priority, const char* text) {
     static const bool opened = [] {
-        openlog(log_identifier, LOG_PID, LOG_DAEMON);
+        openlog(log_identifier, LOG_PID | LOG_NDELAY, LOG_DAEMON);
         return true;
     }();
     static_cast<void>(opened);

@@ -152,6 +152,8 @@ void process_manager_count_start() {
         platform_log(LOG_WARNING, "%s cannot be written, a restart will not be told from a first start: %s",
                      runtime_respawn_file, strerror(error));
     }
+    // Said also because it opens the way to the journal, which can no longer be opened when descriptors have run out.
+    platform_log(LOG_INFO, "The agent starts, start %u since the last clean stop", state.respawn_count);
 }
 
 uint32_t process_manager_respawn_count(void) {

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -338,14 +337,11 @@ TEST_F(namespace_watch_test, there_is_one_watch) {
 }
 
 TEST_F(namespace_watch_test, a_watch_that_cannot_be_made_fails_the_attachment) {
-    rlimit before = {};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    const int next_fd = dup(0);
-    close(next_fd);
-    const rlimit none_left = {static_cast<rlim_t>(next_fd), before.rlim_max};
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
-    const platform_status status = event_manager_attach_message(manager, NAMESPACE_MESSAGE, note_message, this);
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+    platform_status status = PLATFORM_OK;
+    {
+        const platform_test::no_descriptors_left none;
+        status = event_manager_attach_message(manager, NAMESPACE_MESSAGE, note_message, this);
+    }
     EXPECT_EQ(static_cast<platform_status>(EMFILE), status);
     start();
     add("vrf-red");

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -19,6 +21,7 @@
 #include <string>
 
 #include "linux/event_manager_internal.h"
+#include "linux/log_message_internal.h"
 #include "linux/mpp_internal.h"
 #include "linux/namespace_internal.h"
 #include "linux/process_internal.h"
@@ -46,6 +49,24 @@ inline std::string output_of(const std::string& command) {
     run(command + " > " + file + " 2>&1");
     return read_file(file);
 }
+
+/// While it lives, the process can open no further descriptor.
+class no_descriptors_left {
+  public:
+    no_descriptors_left() {
+        EXPECT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+        const int next_fd = dup(0);
+        close(next_fd);
+        const rlimit none_left = {static_cast<rlim_t>(next_fd), before.rlim_max};
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &none_left));
+    }
+    ~no_descriptors_left() { setrlimit(RLIMIT_NOFILE, &before); }
+    no_descriptors_left(const no_descriptors_left&) = delete;
+    no_descriptors_left& operator=(const no_descriptors_left&) = delete;
+
+  private:
+    rlimit before = {};
+};
 
 /// Takes the place of a system service that is spoken to by datagrams.
 class datagram_listener {
@@ -84,7 +105,11 @@ class datagram_listener {
 
 class journal_listener : public datagram_listener {
   public:
-    journal_listener() : datagram_listener("/run/systemd/journal/socket") {}
+    /// A first line opens the way to the journal, so that tests may take the descriptors away.
+    journal_listener() : datagram_listener("/run/systemd/journal/socket") {
+        platform_log(LOG_DEBUG, "The way to the journal is open");
+        EXPECT_NE("", receive());
+    }
 
     /// The fields of the next entry whose values are of one line.
     std::map<std::string, std::string> receive_entry(int milliseconds = 200) {
