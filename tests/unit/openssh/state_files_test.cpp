@@ -59,9 +59,11 @@ TEST(launcher_state_files, makes_directories_for_root_alone_and_their_parents_fo
 TEST(launcher_state_files, trusts_no_directory_that_others_can_write_to) {
     const scratch_directory scratch;
     ASSERT_EQ(mkdir(scratch.file("open").c_str(), 0700), 0);
-    ASSERT_EQ(chmod(scratch.file("open").c_str(), 0777), 0);
-    EXPECT_EQ(ensure_directory(scratch.file("open"), 0700),
-              scratch.file("open") + " belongs to somebody else or can be written by others");
+    for (const mode_t mode : {0777, 0720, 0702}) {
+        ASSERT_EQ(chmod(scratch.file("open").c_str(), mode), 0);
+        EXPECT_EQ(ensure_directory(scratch.file("open"), 0700),
+                  scratch.file("open") + " belongs to somebody else or can be written by others");
+    }
     ASSERT_EQ(symlink("/tmp", scratch.file("link").c_str()), 0);
     EXPECT_EQ(ensure_directory(scratch.file("link"), 0700), scratch.file("link") + " is not a directory");
     scratch.write("file", "");
