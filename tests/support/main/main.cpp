@@ -1,20 +1,15 @@
-/// Entry of the test programs: each runs its tests in a scratch root of its own.
+/// Entry of the test programs: each test runs in a process and a scratch root of its own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
+#include "golden.h"
+#include "run_separately.h"
 #include "scratch_root.h"
 #ifdef TEST_WITH_FAKE_PLATFORM
 #include "agent_harness.h"
 #endif
 
 namespace {
-
-bool renewing_golden_files() {
-    const char* value = getenv("UPDATE_GOLDEN");
-    return value != nullptr && *value != '\0' && *value != '0';
-}
 
 void enter_scratch_root() {
     scratch_root::settings settings;
@@ -31,11 +26,15 @@ void enter_scratch_root() {
 
 int main(int argc, char** argv) {
     testing::InitGoogleMock(&argc, argv);
-    if (!testing::GTEST_FLAG(list_tests)) {
-        enter_scratch_root();
-#ifdef TEST_WITH_FAKE_PLATFORM
-        agent_harness::set_up();
-#endif
+    if (testing::GTEST_FLAG(list_tests)) {
+        return RUN_ALL_TESTS();
     }
+    if (const std::optional<int> status = run_separately(argv)) {
+        return *status;
+    }
+    enter_scratch_root();
+#ifdef TEST_WITH_FAKE_PLATFORM
+    agent_harness::set_up();
+#endif
     return RUN_ALL_TESTS();
 }
