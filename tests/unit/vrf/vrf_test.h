@@ -1,0 +1,146 @@
+/// A node for tests of VRFs: a default server file, no VRF yet, the initial scan done, access lists and telemetry that
+/// record how they are called.
+#ifndef UNIT_VRF_TEST_H
+#define UNIT_VRF_TEST_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "../agent_test.h"
+#include "command_trail.h"
+#include "config_files/vrf_node.h"
+#include "core/debug.h"
+#include "core/trace.h"
+#include "scratch_root.h"
+#include "vrf/node_registry.h"
+#include "vrf/server_lifecycle.h"
+#include "vrf/service_unit.h"
+#include "vrf/vrf_appliers.h"
+
+class vrf_test : public agent_test {
+  protected:
+    static constexpr char default_file[] = "UsePAM yes\n";
+
+    vrf_test() {
+        clean_node();
+        write_file(paths::server_file, default_file);
+        agent.respawn_count = 1;
+        agent.initial_scan_complete = 1;
+        default_vrf_configured = 0;
+        failing.clear();
+        fill_upcalls();
+        datastore_bind(paths::server_tree, &agent.server_binding);
+        fake_platform::preset_debug_flag(debug_cfg_agent, true);
+        trace_initialise();
+        forget();
+        command_trail::begin();
+    }
+
+    ~vrf_test() override {
+        command_trail::end();
+        while (server.nodes != nullptr) {
+            delete_vrf_node(server.nodes);
+        }
+        clean_node();
+        upcall = upcalls{};
+    }
+
+    /// Nothing that has happened so far counts.
+    static void forget() {
+        fake_platform::clear_calls();
+        fake_platform::clear_reports();
+        stub_commands::clear_log();
+    }
+
+    /// What was called since, in order: the platform's operations, shell commands ("$ ..."), access lists, telemetry.
+    static std::vector<std::string> trail() { return fake_platform::calls(); }
+
+    static std::string unit_file(const std::string& vrf) {
+        return "/etc/systemd/system/sshd_service_" + vrf + ".service";
+    }
+    static std::string environment_file(const std::string& vrf) {
+        return "/etc/systemd/system/sshd_conf_" + vrf + ".conf";
+    }
+    static std::string server_file(const std::string& vrf) { return "/var/opt/norvo/norvossh/sshd_config_" + vrf; }
+
+    /// A VRF with its namespace, whether or not a server is configured there.
+    static void add_namespace(const std::string& vrf) { scratch_root::add_namespace_file("vrf-" + vrf); }
+    static void remove_namespace(const std::string& vrf) { scratch_root::remove_namespace_file("vrf-" + vrf); }
+
+    /// A call of the access lists' functions ("ssh_configure_v4acl(red, 0)") fails from now on.
+    static void fail_call(const std::string& call) { failing.insert(call); }
+
+    static std::string log_of_details(const std::string& text) { return "ERR_DETAILS: " + text; }
+
+    /// Compares with golden/NAME; UPDATE_GOLDEN=1 in the environment renews it.
+    static void expect_golden(const std::string& name, const std::string& content) {
+        const std::string path = std::string(TEST_SOURCE_DIR) + "/vrf/golden/" + name;
+        if (const char* renew = getenv("UPDATE_GOLDEN"); renew != nullptr && *renew == '1') {
+            write_file(path, content);
+        }
+        EXPECT_EQ(content, read_file(path)) << name;
+    }
+
+    /// Whether the trace of failures has an entry with these arguments.
+    static bool traced(const std::vector<std::string>& arguments) {
+        for (const fake_platform::trace_line& line : fake_platform::trace_lines()) {
+            if (line.arguments == arguments) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+  private:
+    static inline std::set<std::string> failing;
+
+    static int record(const std::string& call) {
+        fake_platform::record_call(call);
+        return failing.count(call) != 0 ? -1 : 0;
+    }
+
+    static std::string with_kind(const char* function, const char* vrf_name, uint32_t kind) {
+        return std::string(function) + "(" + vrf_name + ", " + std::to_string(kind) + ")";
+    }
+
+    static void fill_upcalls() {
+        upcall.ssh_process_restart = ssh_process_restart;
+        upcall.delete_vrf_node = delete_vrf_node;
+        upcall.create_nft_table = [](const char* vrf_name) {
+            return record(std::string("create_nft_table(") + vrf_name + ")");
+        };
+        upcall.ssh_flush_nft_table = [](const char* vrf_name, uint32_t kind) {
+            return record(with_kind("ssh_flush_nft_table", vrf_name, kind));
+        };
+        upcall.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
+            return record(with_kind("ssh_configure_v4acl", node->name, kind));
+        };
+        upcall.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
+            return record(with_kind("ssh_configure_v6acl", node->name, kind));
+        };
+        upcall.ssh_remove_v4acl_config = [](vrf_node* node, uint32_t kind) {
+            record(with_kind("ssh_remove_v4acl_config", node->name, kind));
+        };
+        upcall.ssh_remove_v6acl_config = [](vrf_node* node, uint32_t kind) {
+            record(with_kind("ssh_remove_v6acl_config", node->name, kind));
+        };
+        upcall.ocssh_telemetry_publish = [] { record("telemetry"); };
+    }
+
+    static void clean_node() {
+        for (const char* directory : {"/etc/systemd/system", "/run/netns"}) {
+            std::filesystem::create_directories(directory);
+            for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+                std::filesystem::remove_all(entry.path());
+            }
+        }
+        std::filesystem::remove(paths::service_probe_file);
+    }
+};
+
+#endif
