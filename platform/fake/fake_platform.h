@@ -20,6 +20,7 @@
 #include "platform/banner_service.h"
 #include "platform/datastore.h"
 #include "platform/event_manager.h"
+#include "platform/fault_injection.h"
 #include "platform/key_store.h"
 #include "platform/log_message.h"
 #include "platform/process_manager.h"
@@ -257,6 +258,10 @@ struct trace_line {
 const std::vector<trace_line>& trace_lines();
 std::vector<trace_line> trace_lines_of(std::string_view buffer);
 
+/// The fault points that were registered.
+const std::vector<fault_point>& fault_points();
+
+/// Forgets log messages, debug lines and trace entries.
 void clear_reports();
 
 // --- Process manager, node, VRF table, MPP --------------------------------------------------------------------------

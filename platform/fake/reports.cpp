@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <set>
 
 #include "fake_internal.h"
 #include "platform/debug.h"
@@ -30,6 +29,7 @@ struct report_state {
     std::vector<debug_flag> flags;
     std::vector<debug_listener> listeners;
     std::vector<std::unique_ptr<trace_buffer>> buffers;
+    std::vector<fault_point> fault_points;
 };
 
 report_state reports;
@@ -116,6 +116,10 @@ std::vector<trace_line> trace_lines_of(std::string_view buffer) {
     return found;
 }
 
+const std::vector<fault_point>& fault_points() {
+    return reports.fault_points;
+}
+
 void clear_reports() {
     reports.log.clear();
     reports.debug.clear();
@@ -194,7 +198,10 @@ void trace_write(trace_buffer* buffer, uint32_t trace_point, const trace_argumen
     reports.trace.push_back(std::move(line));
 }
 
-platform_status fault_injection_register(const char* component, fault_point*, uint32_t count) {
+platform_status fault_injection_register(const char* component, fault_point* points, uint32_t count) {
     const platform_status status = enter("fault_injection_register", {component, count});
-    return status != PLATFORM_OK ? status : static_cast<platform_status>(ENOTSUP);
+    if (status == PLATFORM_OK) {
+        reports.fault_points.insert(reports.fault_points.end(), points, points + count);
+    }
+    return status;
 }

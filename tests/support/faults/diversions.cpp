@@ -1,0 +1,379 @@
+/// The calls that the linker diverts (--wrap): each asks what is to become of it and then does it.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio_ext.h>
+#include <sys/inotify.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "diversion.h"
+
+using call_faults::action;
+using call_faults::after;
+using call_faults::announce;
+using call_faults::before;
+using call_faults::file_of;
+using call_faults::verdict;
+
+namespace {
+
+std::string nothing() {
+    return "";
+}
+
+std::string text_of(const char* text) {
+    return text != nullptr ? text : "NULL";
+}
+
+bool own_stream(FILE* file) {
+    return file == stdout || file == stderr || file == stdin;
+}
+
+/// A stream on which a call has failed: its error is remembered, and what was not written yet is lost.
+void spoil(FILE* file) {
+    __fpurge(file);
+    file->_flags |= _IO_ERR_SEEN;
+}
+
+}  // namespace
+
+// One diverted call: what it returns, its name, its parameters, its arguments, its object, its answer when it fails.
+#define DIVERT(type, name, parameters, arguments, object, failed)                             \
+    extern "C" type __real_##name parameters;                                                 \
+    extern "C" type __wrap_##name parameters {                                                \
+        const verdict decided = before(call_faults::diverted_##name, [&] { return object; }); \
+        if (decided.action == action::fail) {                                                 \
+            errno = decided.error;                                                            \
+            return failed;                                                                    \
+        }                                                                                     \
+        type result = __real_##name arguments;                                                \
+        after(call_faults::diverted_##name);                                                  \
+        return result;                                                                        \
+    }
+
+// The same for a call that also may be cut to a number of bytes, which is its parameter `size`.
+#define DIVERT_SIZED(type, name, parameters, arguments, object)                               \
+    extern "C" type __real_##name parameters;                                                 \
+    extern "C" type __wrap_##name parameters {                                                \
+        const verdict decided = before(call_faults::diverted_##name, [&] { return object; }); \
+        if (decided.action == action::fail) {                                                 \
+            errno = decided.error;                                                            \
+            return -1;                                                                        \
+        }                                                                                     \
+        if (decided.action == action::cut) {                                                  \
+            size = std::min(size, decided.bytes);                                             \
+        }                                                                                     \
+        type result = __real_##name arguments;                                                \
+        after(call_faults::diverted_##name);                                                  \
+        return result;                                                                        \
+    }
+
+DIVERT(int, creat, (const char* path, mode_t mode), (path, mode), text_of(path), -1)
+DIVERT(int, fsync, (int fd), (fd), file_of(fd), -1)
+DIVERT(int, fdatasync, (int fd), (fd), file_of(fd), -1)
+DIVERT(int, ftruncate, (int fd, off_t size), (fd, size), file_of(fd), -1)
+DIVERT(int, rename, (const char* source, const char* target), (source, target), text_of(target), -1)
+DIVERT(int, unlink, (const char* path), (path), text_of(path), -1)
+DIVERT(int, remove, (const char* path), (path), text_of(path), -1)
+DIVERT(int, mkdir, (const char* path, mode_t mode), (path, mode), text_of(path), -1)
+DIVERT(int, chmod, (const char* path, mode_t mode), (path, mode), text_of(path), -1)
+DIVERT(int, fchmod, (int fd, mode_t mode), (fd, mode), file_of(fd), -1)
+DIVERT(int, stat, (const char* path, struct stat* found), (path, found), text_of(path), -1)
+DIVERT(int, lstat, (const char* path, struct stat* found), (path, found), text_of(path), -1)
+DIVERT(int, fstat, (int fd, struct stat* found), (fd, found), file_of(fd), -1)
+DIVERT(int, access, (const char* path, int mode), (path, mode), text_of(path), -1)
+DIVERT(DIR*, opendir, (const char* path), (path), text_of(path), nullptr)
+DIVERT(FILE*, fopen, (const char* path, const char* mode), (path, mode), text_of(path), nullptr)
+DIVERT(FILE*, fdopen, (int fd, const char* mode), (fd, mode), file_of(fd), nullptr)
+DIVERT(int, kill, (pid_t pid, int signal_number), (pid, signal_number), std::to_string(pid), -1)
+DIVERT(int, inotify_init, (), (), nothing(), -1)
+DIVERT(int, inotify_init1, (int flags), (flags), nothing(), -1)
+DIVERT(int, inotify_add_watch, (int fd, const char* path, uint32_t mask), (fd, path, mask), text_of(path), -1)
+DIVERT(int, socket, (int domain, int type, int protocol), (domain, type, protocol), nothing(), -1)
+DIVERT(int, bind, (int fd, const struct sockaddr* address, socklen_t size), (fd, address, size), file_of(fd), -1)
+DIVERT(int, connect, (int fd, const struct sockaddr* address, socklen_t size), (fd, address, size), file_of(fd), -1)
+DIVERT(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t size),
+       (fd, level, option, value, size), file_of(fd), -1)
+DIVERT(int, shm_open, (const char* name, int flags, mode_t mode), (name, flags, mode), text_of(name), -1)
+DIVERT(void*, mmap, (void* address, size_t size, int protection, int flags, int fd, off_t offset),
+       (address, size, protection, flags, fd, offset), file_of(fd), MAP_FAILED)
+DIVERT(void*, malloc, (size_t size), (size), nothing(), nullptr)
+DIVERT(void*, calloc, (size_t count, size_t size), (count, size), nothing(), nullptr)
+DIVERT(void*, realloc, (void* memory, size_t size), (memory, size), nothing(), nullptr)
+DIVERT(char*, strdup, (const char* text), (text), nothing(), nullptr)
+DIVERT(void*, _ZnwmRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
+DIVERT(void*, _ZnamRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
+
+DIVERT_SIZED(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), file_of(fd))
+DIVERT_SIZED(ssize_t, write, (int fd, const void* buffer, size_t size), (fd, buffer, size), file_of(fd))
+DIVERT_SIZED(ssize_t, send, (int fd, const void* buffer, size_t size, int flags), (fd, buffer, size, flags),
+             file_of(fd))
+DIVERT_SIZED(ssize_t, recv, (int fd, void* buffer, size_t size, int flags), (fd, buffer, size, flags), file_of(fd))
+
+extern "C" int __real_open(const char* path, int flags, ...);
+extern "C" int __wrap_open(const char* path, int flags, mode_t mode) {
+    const verdict decided = before(call_faults::diverted_open, [&] { return text_of(path); });
+    if (decided.action == action::fail) {
+        errno = decided.error;
+        return -1;
+    }
+    const int fd = __real_open(path, flags, mode);
+    after(call_faults::diverted_open);
+    return fd;
+}
+
+extern "C" int __real_openat(int directory, const char* path, int flags, ...);
+extern "C" int __wrap_openat(int directory, const char* path, int flags, mode_t mode) {
+    const verdict decided = before(call_faults::diverted_openat, [&] { return text_of(path); });
+    if (decided.action == action::fail) {
+        errno = decided.error;
+        return -1;
+    }
+    const int fd = __real_openat(directory, path, flags, mode);
+    after(call_faults::diverted_openat);
+    return fd;
+}
+
+// A closing call that fails has closed nevertheless, as it has in the kernel.
+extern "C" int __real_close(int fd);
+extern "C" int __wrap_close(int fd) {
+    const verdict decided = before(call_faults::diverted_close, [&] { return file_of(fd); });
+    const int result = __real_close(fd);
+    if (decided.action == action::fail) {
+        errno = decided.error;
+        return -1;
+    }
+    return result;
+}
+
+extern "C" int __real_fclose(FILE* file);
+extern "C" int __wrap_fclose(FILE* file) {
+    const verdict decided = before(call_faults::diverted_fclose, [&] { return file_of(file); });
+    if (decided.action == action::fail) {
+        __fpurge(file);
+        __real_fclose(file);
+        errno = decided.error;
+        return EOF;
+    }
+    const int result = __real_fclose(file);
+    after(call_faults::diverted_fclose);
+    return result;
+}
+
+extern "C" int __real_pclose(FILE* file);
+extern "C" int __wrap_pclose(FILE* file) {
+    const verdict decided = before(call_faults::diverted_pclose, nothing);
+    const int result = __real_pclose(file);
+    if (decided.action == action::fail) {
+        errno = decided.error;
+        return -1;
+    }
+    return result;
+}
+
+extern "C" int __real_fflush(FILE* file);
+extern "C" int __wrap_fflush(FILE* file) {
+    if (file == nullptr || own_stream(file)) {
+        return __real_fflush(file);
+    }
+    const verdict decided = before(call_faults::diverted_fflush, [&] { return file_of(file); });
+    if (decided.action == action::fail) {
+        spoil(file);
+        errno = decided.error;
+        return EOF;
+    }
+    const int result = __real_fflush(file);
+    after(call_faults::diverted_fflush);
+    return result;
+}
+
+namespace {
+
+/// Decides on a call that reads from a stream. Returns false, with errno set, when it is to fail.
+bool may_read(call_faults::diverted_call call, FILE* file) {
+    if (own_stream(file)) {
+        return true;
+    }
+    const verdict decided = before(call, [&] { return file_of(file); });
+    if (decided.action != action::fail) {
+        return true;
+    }
+    file->_flags |= _IO_ERR_SEEN;
+    errno = decided.error;
+    return false;
+}
+
+/// Decides on a call that writes `size` bytes to a stream. Returns false, with errno set, when it is to fail; what of it
+/// is to arrive nevertheless has then been written.
+bool may_write(call_faults::diverted_call call, FILE* file, const char* bytes, size_t size);
+
+}  // namespace
+
+extern "C" char* __real_fgets(char* line, int size, FILE* file);
+extern "C" char* __wrap_fgets(char* line, int size, FILE* file) {
+    return may_read(call_faults::diverted_fgets, file) ? __real_fgets(line, size, file) : nullptr;
+}
+
+extern "C" ssize_t __real_getline(char** line, size_t* size, FILE* file);
+extern "C" ssize_t __wrap_getline(char** line, size_t* size, FILE* file) {
+    return may_read(call_faults::diverted_getline, file) ? __real_getline(line, size, file) : -1;
+}
+
+extern "C" size_t __real_fread(void* buffer, size_t size, size_t count, FILE* file);
+extern "C" size_t __wrap_fread(void* buffer, size_t size, size_t count, FILE* file) {
+    return may_read(call_faults::diverted_fread, file) ? __real_fread(buffer, size, count, file) : 0;
+}
+
+extern "C" int __real_fgetc(FILE* file);
+extern "C" int __wrap_fgetc(FILE* file) {
+    return may_read(call_faults::diverted_fgetc, file) ? __real_fgetc(file) : EOF;
+}
+
+extern "C" size_t __real_fwrite(const void* buffer, size_t size, size_t count, FILE* file);
+
+namespace {
+
+bool may_write(call_faults::diverted_call call, FILE* file, const char* bytes, size_t size) {
+    if (own_stream(file)) {
+        return true;
+    }
+    const verdict decided = before(call, [&] { return file_of(file); });
+    if (decided.action == action::go_on) {
+        return true;
+    }
+    if (decided.action == action::cut) {
+        __real_fwrite(bytes, 1, std::min(size, decided.bytes), file);
+        file->_flags |= _IO_ERR_SEEN;
+    } else {
+        spoil(file);
+    }
+    errno = decided.error;
+    return false;
+}
+
+}  // namespace
+
+extern "C" size_t __wrap_fwrite(const void* buffer, size_t size, size_t count, FILE* file) {
+    if (!may_write(call_faults::diverted_fwrite, file, static_cast<const char*>(buffer), size * count)) {
+        return 0;
+    }
+    const size_t written = __real_fwrite(buffer, size, count, file);
+    after(call_faults::diverted_fwrite);
+    return written;
+}
+
+extern "C" int __real_fputs(const char* text, FILE* file);
+extern "C" int __wrap_fputs(const char* text, FILE* file) {
+    if (!may_write(call_faults::diverted_fputs, file, text, strlen(text))) {
+        return EOF;
+    }
+    const int result = __real_fputs(text, file);
+    after(call_faults::diverted_fputs);
+    return result;
+}
+
+extern "C" int __real_fputc(int character, FILE* file);
+extern "C" int __wrap_fputc(int character, FILE* file) {
+    const char byte = static_cast<char>(character);
+    if (!may_write(call_faults::diverted_fputc, file, &byte, 1)) {
+        return EOF;
+    }
+    const int result = __real_fputc(character, file);
+    after(call_faults::diverted_fputc);
+    return result;
+}
+
+extern "C" int __real_vfprintf(FILE* file, const char* format, va_list arguments);
+
+namespace {
+
+int divert_printing(call_faults::diverted_call call, FILE* file, const char* format, va_list arguments) {
+    char* text = nullptr;
+    va_list copy;
+    va_copy(copy, arguments);
+    const int size = vasprintf(&text, format, copy);
+    va_end(copy);
+    const bool allowed = size < 0 || may_write(call, file, text, static_cast<size_t>(size));
+    const int kept_errno = errno;
+    free(text);
+    errno = kept_errno;
+    if (!allowed) {
+        return -1;
+    }
+    const int result = __real_vfprintf(file, format, arguments);
+    after(call);
+    return result;
+}
+
+}  // namespace
+
+extern "C" int __wrap_vfprintf(FILE* file, const char* format, va_list arguments) {
+    return divert_printing(call_faults::diverted_vfprintf, file, format, arguments);
+}
+
+extern "C" int __real_fprintf(FILE* file, const char* format, ...);
+extern "C" int __wrap_fprintf(FILE* file, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const int result = divert_printing(call_faults::diverted_fprintf, file, format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+extern "C" int __real_system(const char* command);
+extern "C" int __wrap_system(const char* command) {
+    announce("system", command);
+    const verdict decided = before(call_faults::diverted_system, [&] { return text_of(command); });
+    if (decided.action == action::fail || decided.action == action::answer) {
+        errno = decided.error;
+        return decided.action == action::fail ? -1 : decided.result;
+    }
+    const int result = __real_system(command);
+    after(call_faults::diverted_system);
+    return result;
+}
+
+extern "C" FILE* __real_popen(const char* command, const char* mode);
+extern "C" FILE* __wrap_popen(const char* command, const char* mode) {
+    announce("popen", command);
+    const verdict decided = before(call_faults::diverted_popen, [&] { return text_of(command); });
+    if (decided.action == action::fail) {
+        errno = decided.error;
+        return nullptr;
+    }
+    FILE* file = __real_popen(command, mode);
+    after(call_faults::diverted_popen);
+    return file;
+}
+
+extern "C" unsigned int __real_sleep(unsigned int seconds);
+extern "C" unsigned int __wrap_sleep(unsigned int seconds) {
+    before(call_faults::diverted_sleep, [&] { return std::to_string(seconds); });
+    return call_faults::sleep_skipped(uint64_t{seconds} * 1000) ? 0 : __real_sleep(seconds);
+}
+
+extern "C" int __real_usleep(useconds_t microseconds);
+extern "C" int __wrap_usleep(useconds_t microseconds) {
+    before(call_faults::diverted_usleep, [&] { return std::to_string(microseconds); });
+    return call_faults::sleep_skipped(microseconds / 1000) ? 0 : __real_usleep(microseconds);
+}
+
+extern "C" int __real_nanosleep(const struct timespec* wanted, struct timespec* left);
+extern "C" int __wrap_nanosleep(const struct timespec* wanted, struct timespec* left) {
+    before(call_faults::diverted_nanosleep, nothing);
+    const uint64_t milliseconds =
+        static_cast<uint64_t>(wanted->tv_sec) * 1000 + static_cast<uint64_t>(wanted->tv_nsec) / 1000000;
+    return call_faults::sleep_skipped(milliseconds) ? 0 : __real_nanosleep(wanted, left);
+}
