@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-sanitize run test bench lint tidy install clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench lint tidy install clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
@@ -26,22 +26,33 @@ dependencies:
 define build_folder
 	@mkdir -p $(1)
 	@flock $(1) sh -ec '[ -e $(1)/build.ninja ] || cmake -S . -B $(1) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo $(2); \
-		cmake --build $(1) --parallel $(JOBS) $(3)'
+		$(if $(3),cmake --build $(1) --parallel $(JOBS) --target $(3))'
 endef
 
+# What is installed; the tests and all else come with `make test`.
+product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher
+
 build: dependencies
-	$(call build_folder,$(BUILD),)
+	$(call build_folder,$(BUILD),,$(product))
+
+build-all: dependencies
+	$(call build_folder,$(BUILD),,all)
 
 build-sanitize: dependencies
-	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON)
+	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON,all)
+
+# Sources come and go; a configuration made earlier does not know the new ones.
+compile-commands: dependencies
+	$(call build_folder,$(BUILD))
+	@cmake -S . -B $(BUILD) >/dev/null
 
 run: build
 	@node/node --build $(BUILD) run -- examples/run
 
-test: build build-sanitize
+test: build-all build-sanitize
 	@tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
 
-bench: build
+bench: build-all
 	@bench/run --build $(BUILD)
 
 install: build
@@ -57,8 +68,7 @@ headers = $(call sources,'src/*.h' 'platform/*.h' 'tools/*.h')
 formatted = $(call sources,'*.cpp' '*.h')
 scripts = $(shell git ls-files -co --exclude-standard | xargs awk 'FNR == 1 { if (/^.!.*\/(env )?(ba)?sh( |$$)/) print FILENAME; nextfile }') node/shell_rc
 
-# The compile commands name generated files of no target, so the build comes first.
-lint: build
+lint: compile-commands
 	@echo 'clang-format: $(words $(formatted)) files'
 	@clang-format --dry-run -Werror $(formatted)
 	@echo 'shellcheck: $(words $(scripts)) scripts'
