@@ -77,7 +77,7 @@ lint: compile-commands
 	@tools/check_includes
 	@echo 'cppcheck'
 	@cppcheck --quiet --std=c++20 --language=c++ --error-exitcode=1 --inline-suppr -j $(JOBS) \
-		--enable=warning,performance,portability --suppress=internalAstError --suppress=normalCheckLevelMaxBranches \
+		--enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
 		--cppcheck-build-dir=$(BUILD)/cppcheck -I src -I platform -I platform/include -I tools/ssh_cfg_ctl $(compiled)
 	@echo 'clang-tidy: $(words $(compiled)) files'
 	@$(MAKE) --no-print-directory -k -j $(JOBS) tidy
