@@ -55,7 +55,11 @@ class scratch_folder {
         char name[] = "/tmp/datastore_test.XXXXXX";
         path_ = mkdtemp(name);
     }
-    ~scratch_folder() { std::filesystem::remove_all(path_); }
+    ~scratch_folder() {
+        // What a test has mounted there stays until the scratch root goes.
+        std::error_code error;
+        std::filesystem::remove_all(path_, error);
+    }
     scratch_folder(const scratch_folder&) = delete;
     scratch_folder& operator=(const scratch_folder&) = delete;
 
@@ -67,7 +71,7 @@ class scratch_folder {
 };
 
 /// A database in a scratch folder, closed and without bindings when the test ends.
-class datastore_test : public testing::Test {
+class database_test : public testing::Test {
   protected:
     void SetUp() override { open(); }
     void TearDown() override {
@@ -164,10 +168,10 @@ class recorder {
 };
 
 /// A database with the server's subtree served by a recorder.
-class served_datastore_test : public datastore_test {
+class served_datastore_test : public database_test {
   protected:
     void SetUp() override {
-        datastore_test::SetUp();
+        database_test::SetUp();
         server = bind(server_path);
         ASSERT_EQ(
             datastore_register_verification(server, "", 7, recorder::on_verify, recorder::on_apply, nullptr, &told),

@@ -36,15 +36,15 @@ platform_status provide(datastore_read_request* request, const char* item, void*
     return name == "nothing" ? DATASTORE_NO_DATA : PLATFORM_OK;
 }
 
-class datastore_provider_test : public datastore_test {
+class datastore_provider_test : public database_test {
   protected:
     void SetUp() override {
-        datastore_test::SetUp();
+        database_test::SetUp();
         ASSERT_EQ(datastore_provider_register("/oper/ssh/data/", provide, nullptr, &asked, &provider), PLATFORM_OK);
     }
     void TearDown() override {
         EXPECT_EQ(datastore_provider_unregister(provider), PLATFORM_OK);
-        datastore_test::TearDown();
+        database_test::TearDown();
     }
 
     std::vector<std::string> asked;

@@ -37,7 +37,7 @@ TEST(datastore_pattern, means_a_tree_with_a_slash_at_its_end) {
     EXPECT_FALSE(datastore_pattern_matches("vrf/", "vrf2/blue"));
 }
 
-class datastore_registration_test : public datastore_test {
+class datastore_registration_test : public database_test {
   protected:
     recorder told;
     recorder also_told;
