@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <random>
 
+#include "golden.h"
 #include "openssh/text.h"
 #include "scratch.h"
 
@@ -64,16 +65,11 @@ class launcher_golden : public testing::TestWithParam<const char*> {};
 
 }  // namespace
 
-// UPDATE_GOLDEN=1 in the environment writes the files anew.
 TEST_P(launcher_golden, matches_its_file) {
-    const std::string stem = std::string(TEST_SOURCE_DIR) + "/openssh/golden/" + GetParam();
-    const std::string input = openssh_test::text_of(stem + ".in");
+    const std::string stem = std::string("openssh/golden/") + GetParam();
+    const std::string input = openssh_test::text_of(std::string(TEST_SOURCE_DIR) + "/" + stem + ".in");
     ASSERT_NE(input, "");
-    const std::string whole = whole_of(translate_text(input));
-    if (std::getenv("UPDATE_GOLDEN") != nullptr) {
-        std::ofstream(stem + ".ok", std::ios::binary) << whole;
-    }
-    EXPECT_EQ(whole, openssh_test::text_of(stem + ".ok"));
+    expect_golden(stem + ".ok", whole_of(translate_text(input)));
 }
 
 INSTANTIATE_TEST_SUITE_P(files, launcher_golden,
