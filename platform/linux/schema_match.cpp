@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <numeric>
 
@@ -8,7 +9,7 @@
 namespace {
 
 constexpr size_t path_limit = 1024;       ///< bytes of a path
-constexpr size_t comparison_limit = 256;  ///< bytes of a path that are looked at to find the nearest item
+constexpr size_t comparison_limit = 128;  ///< bytes of a path that are looked at to find the nearest item
 constexpr size_t shown_path = 200;        ///< characters of a path in a message
 constexpr size_t shown_name = 80;
 
@@ -64,17 +65,26 @@ std::string filled_pattern(const schema_row& row, std::string_view path) {
     return filled;
 }
 
-/// How many letters have to be added, taken away or replaced to come from one text to the other.
-size_t edit_distance(std::string_view from, std::string_view to) {
-    std::vector<size_t> distances(to.size() + 1);
-    std::iota(distances.begin(), distances.end(), 0);
+/// How many letters have to be added, taken away or replaced to come from one text to the other, or at least `limit` when
+/// it is not less than that.
+size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
+    while (!from.empty() && !to.empty() && from.front() == to.front()) {
+        from.remove_prefix(1);
+        to.remove_prefix(1);
+    }
+    const size_t difference = std::max(from.size(), to.size()) - std::min(from.size(), to.size());
+    if (difference >= limit) {
+        return limit;
+    }
+    std::array<uint16_t, comparison_limit + 1> distances;
+    std::iota(distances.begin(), distances.end(), uint16_t{0});
     for (size_t i = 0; i < from.size(); i++) {
-        size_t diagonal = distances[0];
-        distances[0] = i + 1;
+        uint16_t diagonal = distances[0];
+        distances[0] = static_cast<uint16_t>(i + 1);
         for (size_t j = 0; j < to.size(); j++) {
-            const size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            const int replaced = diagonal + (from[i] == to[j] ? 0 : 1);
             diagonal = distances[j + 1];
-            distances[j + 1] = std::min({replaced, distances[j] + 1, distances[j + 1] + 1});
+            distances[j + 1] = static_cast<uint16_t>(std::min({replaced, distances[j] + 1, distances[j + 1] + 1}));
         }
     }
     return distances[to.size()];
@@ -82,11 +92,17 @@ size_t edit_distance(std::string_view from, std::string_view to) {
 
 const schema_row& nearest_row(std::string_view path) {
     const std::string_view compared = path.substr(0, comparison_limit);
-    const std::span<const schema_row> rows = schema_rows();
-    return *std::min_element(rows.begin(), rows.end(), [&](const schema_row& a, const schema_row& b) {
-        return edit_distance(compared, filled_pattern(a, compared)) <
-               edit_distance(compared, filled_pattern(b, compared));
-    });
+    const schema_row* nearest = &schema_rows().front();
+    size_t nearest_distance = SIZE_MAX;
+    for (const schema_row& row : schema_rows()) {
+        const std::string filled = filled_pattern(row, compared).substr(0, comparison_limit);
+        const size_t distance = edit_distance(compared, filled, nearest_distance);
+        if (distance < nearest_distance) {
+            nearest = &row;
+            nearest_distance = distance;
+        }
+    }
+    return *nearest;
 }
 
 std::string unknown_path(std::string_view path) {
