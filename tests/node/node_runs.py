@@ -22,10 +22,10 @@ MARK = f"node-test-{os.getpid()}"
 
 
 def orphaned_control_groups():
-    """Control groups of nodes whose keeper is gone, seen through a mount that nobody else sees."""
-    script = "mount -t tmpfs t /mnt && mkdir /mnt/c && mount -t cgroup2 c /mnt/c && ls /mnt/c"
-    command = ["unshare", "--mount", "--propagation", "private", "sh", "-c", script]
-    listing = subprocess.run(command, capture_output=True, text=True, check=True).stdout.split()
+    """Control groups of nodes whose keeper is gone."""
+    find = ["findmnt", "--noheadings", "--first-only", "--types", "cgroup2", "--output", "TARGET"]
+    hierarchy = subprocess.run(find, capture_output=True, text=True, check=False).stdout.strip()
+    listing = os.listdir(hierarchy) if hierarchy else []
     groups = [name for name in listing if name.startswith("ssh_cfg_node.")]
     return [name for name in groups if not os.path.exists("/proc/" + name.partition(".")[2])]
 

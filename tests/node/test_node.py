@@ -49,6 +49,32 @@ def test_working_directory_and_the_machines_files_are_there(node, tmp_path):
     assert result.stdout.decode() == f"{tmp_path}\nof the machine"
 
 
+def test_other_file_systems_of_the_machine_are_there_too(tmp_path):
+    # The machine that has them is one with mounts of its own; a comma and a colon are part of a name like any other.
+    names = ["disk", "with, comma", "a:colon", "file"]
+    mounts = "".join(f"mkdir '{tmp_path}/{name}'; mount -t tmpfs t '{tmp_path}/{name}'; echo {index} > '{tmp_path}/{name}/x';"
+                     for index, name in enumerate(names[:3]))
+    mounts += f"echo bound > '{tmp_path}/source'; touch '{tmp_path}/file'; mount --bind '{tmp_path}/source' '{tmp_path}/file';"
+    look = f"cd {tmp_path}; cat disk/x 'with, comma/x' a:colon/x file; echo changed | tee disk/x a:colon/x file >/dev/null"
+    script = f"{mounts} {' '.join(NODE_COMMAND)} run -- sh -c \"{look}\"; cat {tmp_path}/*/x {tmp_path}/file"
+    result = subprocess.run(
+        ["unshare", "--mount", "sh", "-c", script], capture_output=True, timeout=60, text=True, check=False
+    )
+    assert result.stderr == ""
+    assert result.stdout.split() == ["0", "1", "2", "bound", "2", "0", "1", "bound"]
+
+
+def test_command_without_an_input_has_an_empty_one(node):
+    script = f"exec 0<&-; {' '.join(NODE_COMMAND)} run -- wc -c"
+    assert subprocess.run(["sh", "-c", script], capture_output=True, timeout=60, check=False).stdout == b"0\n"
+
+
+def test_callers_umask_does_not_matter():
+    script = f"umask 077; {' '.join(NODE_COMMAND)} run -- sh -c 'umask; stat -c %a / /root/.ssh /dev/null /run'"
+    result = subprocess.run(["sh", "-c", script], capture_output=True, timeout=60, text=True, check=False)
+    assert result.stdout.split() == ["0022", "755", "700", "666", "755"]
+
+
 def test_writes_stay_inside(node, tmp_path):
     script = f"echo changed > {tmp_path}/file; touch /etc/from_node /usr/from_node /tmp/from_node; hostname changed"
     (tmp_path / "file").write_text("of the machine", encoding="utf-8")
@@ -112,7 +138,7 @@ SSHD = "mkdir -p /run/sshd && ssh-keygen -q -A && /usr/sbin/sshd -t && /usr/sbin
 
 @pytest.mark.parametrize("key", ["id_rsa", "id_ed25519"])
 def test_operator_logs_in_with_each_key(node, key):
-    script = SSHD + f"ssh -o IdentitiesOnly=yes -i /root/.ssh/{key} operator@127.0.0.1 whoami"
+    script = SSHD + f"ssh -o ConnectionAttempts=20 -o IdentitiesOnly=yes -i /root/.ssh/{key} operator@127.0.0.1 whoami"
     result = node("run", "--", "sh", "-c", script)
     assert (result.returncode, result.stdout) == (0, b"operator\n"), result.stderr
 
@@ -123,7 +149,7 @@ def test_operators_password_is_the_given_one(node):
         SSHD
         + "printf '#!/bin/sh\\necho \"$ANSWER\"\\n' > /ask && chmod +x /ask && export SSH_ASKPASS=/ask SSH_ASKPASS_REQUIRE=force;"
         "for ANSWER in wrong 'pass phrase'; do export ANSWER;"
-        "ssh -o PubkeyAuthentication=no -o NumberOfPasswordPrompts=1 operator@127.0.0.1 whoami; done"
+        "ssh -o ConnectionAttempts=20 -o PubkeyAuthentication=no -o NumberOfPasswordPrompts=1 operator@127.0.0.1 whoami; done"
     )
     result = node("--password", "pass phrase", "run", "--", "sh", "-c", script)
     assert result.stdout == b"operator\n", result.stderr
