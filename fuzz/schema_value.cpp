@@ -1,0 +1,141 @@
+/// The schema: whatever it takes can be read back and is taken again to the same bytes, holds no control character and
+/// nothing that is not UTF-8; whatever it refuses gets a text in one line; and no stored bytes, however wrong, do harm.
+///
+/// Input: a path up to the first newline, then one byte that tells what the rest is: 'b' stored bytes (the next byte is
+/// their kind), '[' an array of values, else a value. A value: 'i' and eight bytes, 'd' and eight bytes, 't' or 'f', 'n'
+/// for an absent field, or 's', two bytes of length and a text.
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "linux/schema.h"
+#include "linux/schema_text.h"
+#include "platform/datastore_backend.h"
+
+namespace {
+
+/// Ends the program, which is how a fuzz target fails.
+void require(bool holds) {
+    if (!holds) {
+        abort();
+    }
+}
+
+struct input {
+    const uint8_t* next;
+    size_t left;
+
+    uint8_t byte() {
+        if (left == 0) {
+            return 0;
+        }
+        left--;
+        return *next++;
+    }
+    std::string bytes(size_t size) {
+        size = std::min(size, left);
+        std::string taken(reinterpret_cast<const char*>(next), size);
+        next += size;
+        left -= size;
+        return taken;
+    }
+    template <typename T>
+    T number() {
+        T value = {};
+        const std::string taken = bytes(sizeof value);
+        memcpy(&value, taken.data(), taken.size());
+        return value;
+    }
+};
+
+std::optional<datastore_scalar> take_scalar(input& in) {
+    switch (in.byte()) {
+        case 'i':
+            return in.number<int64_t>();
+        case 'd':
+            return in.number<double>();
+        case 't':
+            return true;
+        case 'f':
+            return false;
+        case 's':
+            return in.bytes(in.number<uint16_t>());
+        default:
+            return std::nullopt;
+    }
+}
+
+datastore_value take_value(input& in) {
+    if (in.left > 0 && *in.next == '[') {
+        in.byte();
+        datastore_fields fields;
+        while (in.left > 0) {
+            fields.push_back(take_scalar(in));
+        }
+        return fields;
+    }
+    const std::optional<datastore_scalar> scalar = take_scalar(in);
+    if (!scalar) {
+        return false;
+    }
+    return std::visit([](const auto& plain) { return datastore_value(plain); }, *scalar);
+}
+
+void require_one_clean_line(const std::string& text) {
+    require(!text.empty() && text_has_charset(text, schema_charset::printable));
+}
+
+void check_taken(const schema_row& row, const std::string& path, const datastore_stored& stored) {
+    datastore_value loaded;
+    datastore_stored again;
+    std::string refusal;
+    require(schema_load(row, stored, loaded) == PLATFORM_OK);
+    require(schema_store(row, path, loaded, again, refusal) == PLATFORM_OK);
+    require(again == stored);
+    if (const std::string* text = std::get_if<std::string>(&loaded)) {
+        require(text_has_charset(*text, schema_charset::printable));
+    }
+    require_one_clean_line(schema_display(loaded));
+}
+
+void check_value(const schema_row& row, const std::string& path, input& in) {
+    datastore_stored stored;
+    std::string refusal;
+    const datastore_value value = take_value(in);
+    if (schema_store(row, path, value, stored, refusal) == PLATFORM_OK) {
+        check_taken(row, path, stored);
+    } else {
+        require_one_clean_line(refusal);
+    }
+}
+
+void check_stored(const schema_row& row, input& in) {
+    datastore_value loaded;
+    const uint32_t kind = in.byte();
+    if (schema_load(row, {kind, in.bytes(in.left)}, loaded) == PLATFORM_OK) {
+        require_one_clean_line(schema_display(loaded));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const uint8_t* newline = std::find(data, data + size, '\n');
+    const std::string path(data, newline);
+    std::string refusal;
+    const schema_row* row = schema_find(path, &refusal);
+    if (row == nullptr) {
+        require_one_clean_line(refusal);
+        return 0;
+    }
+    input in = {newline, static_cast<size_t>(data + size - newline)};
+    in.byte();
+    if (in.left > 0 && *in.next == 'b') {
+        in.byte();
+        check_stored(*row, in);
+    } else {
+        check_value(*row, path, in);
+    }
+    return 0;
+}
