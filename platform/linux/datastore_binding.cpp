@@ -4,15 +4,12 @@
 #include <new>
 
 #include "linux/datastore_commit.h"
+#include "linux/datastore_lists.h"
 #include "linux/datastore_state.h"
 
 /// What stands directly below a path, read when the list was asked for.
 struct datastore_list {
-    struct entry {
-        std::string name;
-        std::string record;  ///< empty when the name is only a step on the way to other items
-    };
-    std::vector<entry> entries;
+    std::vector<datastore_list_entry> entries;
 };
 
 namespace {
@@ -31,6 +28,23 @@ bool tree_has_items(const std::string& path) {
     std::string found;
     datastore_stored value;
     return datastore_stored_next(path, {}, found, value) == PLATFORM_OK;
+}
+
+/// Lists items of the configuration.
+platform_status list_stored(const datastore_binding& binding, const char* path,
+                            std::vector<datastore_list_entry>& entries) {
+    std::map<std::string, std::string> children;
+    const platform_status status = datastore_stored_children(binding.path + path, children);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    if (children.empty()) {
+        return tree_has_items(binding.path) ? DATASTORE_NO_SUCH_LIST : DATASTORE_NO_SUCH_TREE;
+    }
+    for (auto& [name, record] : children) {
+        entries.push_back({name, std::move(record)});
+    }
+    return PLATFORM_OK;
 }
 
 }  // namespace
@@ -110,20 +124,16 @@ platform_status datastore_list_get(datastore_binding* binding, const char* path,
     if (binding == nullptr || !is_list_path(path) || count < -1) {
         return EINVAL;
     }
-    std::map<std::string, std::string> children;
-    if (const platform_status status = datastore_stored_children(binding->path + path, children);
-        status != PLATFORM_OK) {
+    auto made = std::make_unique<datastore_list>();
+    platform_status status = PLATFORM_OK;
+    if (!datastore_served_list(binding->path + path, made->entries, status)) {
+        status = list_stored(*binding, path, made->entries);
+    }
+    if (status != PLATFORM_OK) {
         return status;
     }
-    if (children.empty()) {
-        return tree_has_items(binding->path) ? DATASTORE_NO_SUCH_LIST : DATASTORE_NO_SUCH_TREE;
-    }
-    auto made = std::make_unique<datastore_list>();
-    for (auto& [name, record] : children) {
-        if (count >= 0 && made->entries.size() == static_cast<size_t>(count)) {
-            break;
-        }
-        made->entries.push_back({name, std::move(record)});
+    if (count >= 0 && made->entries.size() > static_cast<size_t>(count)) {
+        made->entries.resize(static_cast<size_t>(count));
     }
     *found = static_cast<uint32_t>(made->entries.size());
     *list = made.release();

@@ -13,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "linux/acl_service_internal.h"
 #include "linux/control.h"
 #include "linux/event_manager_internal.h"
 #include "linux/log_message_internal.h"
@@ -91,8 +92,8 @@ int create_manager(const char* device_path, struct event_manager** manager) {
     if (result < 0) {
         return -result;
     }
-    current_manager = created.get();
     *manager = created.release();
+    current_manager = *manager;
     return 0;
 }
 
@@ -169,6 +170,7 @@ int event_manager_create(const char* device_path, struct event_manager** manager
     process_manager_count_start();
     // A failure has been logged; the agent works without its control socket.
     control_open(nullptr);
+    acl_service_start();
     return 0;
 }
 

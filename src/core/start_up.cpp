@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <iterator>
 
+#include "acl/nft_files.h"
+#include "acl/subscription.h"
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"
 #include "core/agent_state.h"
@@ -307,6 +309,16 @@ constexpr start_up_step steps[] = {
 void fill_upcalls() {
     upcall.ssh_process_restart = ssh_process_restart;
     upcall.delete_vrf_node = delete_vrf_node;
+    upcall.create_nft_table = create_nft_table;
+    upcall.ssh_flush_nft_table = ssh_flush_nft_table;
+    upcall.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
+        return ssh_configure_v4acl(agent.event_manager, node, kind);
+    };
+    upcall.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
+        return ssh_configure_v6acl(agent.event_manager, node, kind);
+    };
+    upcall.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
+    upcall.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
 }
 
 }  // namespace

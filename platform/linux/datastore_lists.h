@@ -1,0 +1,27 @@
+/// Lists in operational trees whose entries are a platform service's records and no items of the configuration.
+#ifndef LINUX_DATASTORE_LISTS_H
+#define LINUX_DATASTORE_LISTS_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/status.h"
+
+/// One entry of a list, read when the list was asked for.
+struct datastore_list_entry {
+    std::string name;
+    std::string record;  ///< encoded; empty when the name is only a step on the way to other items
+};
+
+/// Stores the entries of the list at `path` (below the tree, ending in '/') in their order. DATASTORE_NO_SUCH_LIST when
+/// there is none. May throw std::bad_alloc.
+using datastore_list_source = platform_status (*)(std::string_view path, std::vector<datastore_list_entry>& entries);
+
+/// Lets `source` answer for all lists below `tree` (a literal that ends in '/'). A second registration replaces the first.
+void datastore_serve_lists(std::string_view tree, datastore_list_source source);
+
+/// Asks the source that serves `path`. False when none does.
+bool datastore_served_list(std::string_view path, std::vector<datastore_list_entry>& entries, platform_status& status);
+
+#endif
