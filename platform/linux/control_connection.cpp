@@ -143,12 +143,20 @@ void take_bytes(control_connection& connection, std::string_view bytes) {
     }
 }
 
-void handle_end_of_input(control_connection& connection) {
+/// What serving a connection has left of it.
+enum class served : uint8_t { kept, dropped };
+
+served drop(control_connection& connection) {
+    control_connection_drop(&connection);
+    return served::dropped;
+}
+
+served handle_end_of_input(control_connection& connection) {
     if (connection.phase == control_phase::idle) {
-        control_connection_drop(&connection);
-        return;
+        return drop(connection);
     }
     send_last_answer(connection, control_result::refused, "the request is refused: it ended in the middle of a frame");
+    return served::kept;
 }
 
 /// Whether a failed read or write only has to be repeated later.
@@ -156,48 +164,44 @@ bool try_again_later(int error) {
     return error == EAGAIN || error == EINTR;
 }
 
-void read_frame(control_connection& connection) {
+served read_frame(control_connection& connection) {
     for (size_t total = 0; total < turn_size && connection.phase != control_phase::answering;) {
         const size_t wanted = std::min(control_frame_missing(connection.frame), read_buffer.size());
         const ssize_t count = recv(connection.fd, read_buffer.data(), wanted, MSG_DONTWAIT);
-        if (count < 0 && try_again_later(errno)) {
-            return;
-        }
         if (count < 0) {
-            control_connection_drop(&connection);
-            return;
+            return try_again_later(errno) ? served::kept : drop(connection);
         }
         if (count == 0) {
-            handle_end_of_input(connection);
-            return;
+            return handle_end_of_input(connection);
         }
         take_bytes(connection, std::string_view(read_buffer.data(), static_cast<size_t>(count)));
         total += static_cast<size_t>(count);
     }
+    return served::kept;
 }
 
-void write_answer(control_connection& connection) {
+served write_answer(control_connection& connection) {
     const size_t size = std::min(connection.answer.size() - connection.sent, turn_size);
     const ssize_t count =
         send(connection.fd, connection.answer.data() + connection.sent, size, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (count < 0 && try_again_later(errno)) {
-        return;
-    }
     if (count < 0) {
-        control_connection_drop(&connection);
-        return;
+        return try_again_later(errno) ? served::kept : drop(connection);
     }
     connection.sent += static_cast<size_t>(count);
     if (connection.sent < connection.answer.size()) {
         set_deadline(connection, connection.server->limits.answer_time);
-        return;
+        return served::kept;
     }
     if (connection.last_answer) {
-        control_connection_drop(&connection);
-        return;
+        return drop(connection);
     }
     forget_answer(connection);
     enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
+    return served::kept;
+}
+
+served serve(control_connection& connection) {
+    return connection.phase == control_phase::answering ? write_answer(connection) : read_frame(connection);
 }
 
 /// No exception may cross the loop, which is C: what one connection asks for must never end the agent.
@@ -214,23 +218,32 @@ void guarded(control_connection* connection, action act) {
 
 int io_is_ready(sd_event_source* /*source*/, int /*fd*/, uint32_t /*events*/, void* userdata) {
     auto* connection = static_cast<control_connection*>(userdata);
-    guarded(connection, [connection] {
-        if (connection->phase == control_phase::answering) {
-            write_answer(*connection);
-        } else {
-            read_frame(*connection);
-        }
-    });
+    guarded(connection, [connection] { serve(*connection); });
     return 0;
+}
+
+uint64_t time_for(const control_connection& connection) {
+    const control_limits& limits = connection.server->limits;
+    switch (connection.phase) {
+        case control_phase::idle:
+            return limits.idle_time;
+        case control_phase::receiving:
+            return limits.frame_time;
+        case control_phase::answering:
+            break;
+    }
+    return limits.answer_time;
 }
 
 void time_is_up(control_connection& connection) {
     // A handler has held up the loop, which is not the peer's doing: it gets its time again.
     if (control_now() > connection.deadline + second) {
-        const control_limits& limits = connection.server->limits;
-        set_deadline(connection, connection.phase == control_phase::idle        ? limits.idle_time
-                                 : connection.phase == control_phase::receiving ? limits.frame_time
-                                                                                : limits.answer_time);
+        set_deadline(connection, time_for(connection));
+        return;
+    }
+    // Others may have been served while what was missing lay in the socket already.
+    const uint64_t deadline = connection.deadline;
+    if (serve(connection) == served::dropped || connection.deadline != deadline) {
         return;
     }
     if (connection.phase == control_phase::receiving) {

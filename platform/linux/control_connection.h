@@ -16,9 +16,9 @@
 
 struct control_connection;
 
-/// Whatever is pending of a control connection is served after the platform's own events, a new connection after those
-/// that exist, and a time limit after the bytes that meet it.
-enum control_priority { CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11, CONTROL_PRIORITY_LIMIT = 12 };
+/// Whatever is pending of a control connection is served after the platform's own events, and a new connection after
+/// those that exist. Time limits come first, or a busy loop would never reach them.
+enum control_priority { CONTROL_PRIORITY_LIMIT = 9, CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11 };
 
 struct control_server {
     int listener;
