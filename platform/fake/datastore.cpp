@@ -68,6 +68,10 @@ value tuple_value(const char* format, const std::vector<field>& fields) {
     std::vector<tuple_field> packed_fields;
     uint32_t mask = 0;
     for (const field& entry : fields) {
+        const size_t conversion = 2 * packed_fields.size() + 1;
+        if (entry.text && conversion < strlen(format) && format[conversion] == 'd') {
+            throw std::invalid_argument("a text where the tuple has a number");
+        }
         mask |= entry.present ? 1U << packed_fields.size() : 0;
         packed_fields.push_back({entry.number, entry.text ? entry.text->c_str() : nullptr});
     }
