@@ -1,0 +1,36 @@
+/// A test of the agent's rooms: begins on a node on which the agent has never run.
+#ifndef UNIT_AGENT_TEST_H
+#define UNIT_AGENT_TEST_H
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+
+#include "config_files/parameter_table.h"
+#include "core/agent_state.h"
+#include "core/paths.h"
+#include "core/trace.h"
+#include "core/upcalls.h"
+#include "fake/fake_platform.h"
+#include "files.h"
+#include "golden.h"
+#include "stub_commands.h"
+
+class agent_test : public testing::Test {
+  protected:
+    agent_test() {
+        std::filesystem::create_directories("/var/opt/norvo");
+        trace_initialise();
+        fake_platform::clear_calls();
+        fill_parameter_tables();
+    }
+
+    static mode_t mode_of(const std::string& path) {
+        struct stat status = {};
+        return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+    }
+};
+
+#endif
