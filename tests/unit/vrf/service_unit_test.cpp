@@ -16,8 +16,8 @@ TEST_F(service_unit_test, writes_the_unit_and_its_environment) {
     fake_platform::set_vrf_id("red", 1610612738);
     errno = 0;
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), 0);
-    expect_golden("sshd_service_red.service", read_file(unit_file("red")));
-    expect_golden("sshd_conf_red.conf", read_file(environment_file("red")));
+    expect_golden("vrf/golden/sshd_service_red.service", read_file(unit_file("red")));
+    expect_golden("vrf/golden/sshd_conf_red.conf", read_file(environment_file("red")));
     EXPECT_EQ(mode_of(unit_file("red")), 0644u);
     EXPECT_EQ(mode_of(environment_file("red")), 0644u);
     EXPECT_THAT(trail(), ElementsAre("vrf_table_lookup(red)", "$ systemctl daemon-reload"));
@@ -65,7 +65,7 @@ TEST_F(service_unit_test, a_name_without_prefix_is_refused) {
                 ElementsAre("create_sshd_service_config_file - Vrf name not starting with vrf-"));
     EXPECT_TRUE(traced({"red"}));
     EXPECT_THAT(trail(), ElementsAre());
-    EXPECT_FALSE(exists(unit_file("red")));
+    EXPECT_FALSE(path_exists(unit_file("red")));
 }
 
 TEST_F(service_unit_test, a_vrf_without_number_has_no_unit) {
@@ -74,7 +74,7 @@ TEST_F(service_unit_test, a_vrf_without_number_has_no_unit) {
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("Vrf-name:=red, Failed to get the vrf id, Error:= No such file or directory"));
     EXPECT_TRUE(traced({"red", "2"}));
-    EXPECT_FALSE(exists(unit_file("red")));
+    EXPECT_FALSE(path_exists(unit_file("red")));
     EXPECT_THAT(trail(), ElementsAre("vrf_table_lookup(red)"));
 }
 
@@ -85,7 +85,7 @@ TEST_F(service_unit_test, a_unit_that_cannot_be_opened_is_reported) {
                 Contains("create_sshd_service_config_file, File-name:=" + unit_file("red") +
                          ", File-mode:=0644, Error:=Is a directory(0x15), Service File open failed"));
     EXPECT_TRUE(traced({unit_file("red"), "0644", "21"}));
-    EXPECT_FALSE(exists(environment_file("red")));
+    EXPECT_FALSE(path_exists(environment_file("red")));
     EXPECT_THAT(stub_commands::log(), ElementsAre());
 }
 
@@ -96,7 +96,7 @@ TEST_F(service_unit_test, an_environment_that_cannot_be_opened_is_reported) {
                 Contains("create_sshd_service_config_file, File-name:=" + environment_file("red") +
                          ", File-mode:=0644, Error:=Is a directory(0x15), Conf File open failed"));
     EXPECT_TRUE(traced({environment_file("red"), "0644", "21"}));
-    EXPECT_TRUE(exists(unit_file("red")));
+    EXPECT_TRUE(path_exists(unit_file("red")));
     EXPECT_THAT(stub_commands::log(), ElementsAre());
 }
 
@@ -136,8 +136,8 @@ TEST_F(service_unit_test, a_daemon_reload_fails_with_the_errno_that_is_there) {
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Error:=Resource temporarily unavailable(0xb), Failed to reload systemctl "));
     EXPECT_TRUE(traced({"red", "11"}));
-    EXPECT_TRUE(exists(unit_file("red")));
-    EXPECT_TRUE(exists(environment_file("red")));
+    EXPECT_TRUE(path_exists(unit_file("red")));
+    EXPECT_TRUE(path_exists(environment_file("red")));
 }
 
 TEST_F(service_unit_test, a_daemon_reload_without_a_shell_has_failed) {
@@ -152,8 +152,8 @@ TEST_F(service_unit_test, removes_both_files_and_lets_systemd_be) {
     ASSERT_EQ(create_sshd_service_config_file("vrf-red"), 0);
     forget();
     remove_sshd_service_config_file("vrf-red");
-    EXPECT_FALSE(exists(unit_file("red")));
-    EXPECT_FALSE(exists(environment_file("red")));
+    EXPECT_FALSE(path_exists(unit_file("red")));
+    EXPECT_FALSE(path_exists(environment_file("red")));
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre());
 }
@@ -177,7 +177,7 @@ TEST_F(service_unit_test, removing_checks_the_name_likewise) {
 TEST_F(service_unit_test, the_longest_name_has_whole_paths) {
     const std::string name(32, 'x');
     ASSERT_EQ(create_sshd_service_config_file(("vrf-" + name).c_str()), 0);
-    EXPECT_TRUE(exists(unit_file(name)));
+    EXPECT_TRUE(path_exists(unit_file(name)));
     EXPECT_THAT(read_file(environment_file(name)), testing::HasSubstr("ARG3=vrf-" + name + "\n"));
     EXPECT_THAT(read_file(environment_file(name)), testing::HasSubstr("ARG6=" + server_file(name) + "\n"));
 }

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,7 +14,6 @@
 #include "command_trail.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
-#include "core/trace.h"
 #include "scratch_root.h"
 #include "vrf/node_registry.h"
 #include "vrf/server_lifecycle.h"
@@ -27,16 +25,13 @@ class vrf_test : public agent_test {
     static constexpr char default_file[] = "UsePAM yes\n";
 
     vrf_test() {
-        clean_node();
         write_file(paths::server_file, default_file);
+        std::filesystem::create_directories("/etc/systemd/system");
         agent.respawn_count = 1;
         agent.initial_scan_complete = 1;
-        default_vrf_configured = 0;
-        failing.clear();
         fill_upcalls();
         datastore_bind(paths::server_tree, &agent.server_binding);
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
-        trace_initialise();
         forget();
         command_trail::begin();
     }
@@ -46,8 +41,6 @@ class vrf_test : public agent_test {
         while (server.nodes != nullptr) {
             delete_vrf_node(server.nodes);
         }
-        clean_node();
-        upcall = upcalls{};
     }
 
     /// Nothing that has happened so far counts.
@@ -76,15 +69,6 @@ class vrf_test : public agent_test {
     static void fail_call(const std::string& call) { failing.insert(call); }
 
     static std::string log_of_details(const std::string& text) { return "ERR_DETAILS: " + text; }
-
-    /// Compares with golden/NAME; UPDATE_GOLDEN=1 in the environment renews it.
-    static void expect_golden(const std::string& name, const std::string& content) {
-        const std::string path = std::string(TEST_SOURCE_DIR) + "/vrf/golden/" + name;
-        if (const char* renew = getenv("UPDATE_GOLDEN"); renew != nullptr && *renew == '1') {
-            write_file(path, content);
-        }
-        EXPECT_EQ(content, read_file(path)) << name;
-    }
 
     /// Whether the trace of failures has an entry with these arguments.
     static bool traced(const std::vector<std::string>& arguments) {
@@ -130,16 +114,6 @@ class vrf_test : public agent_test {
             record(with_kind("ssh_remove_v6acl_config", node->name, kind));
         };
         upcall.ocssh_telemetry_publish = [] { record("telemetry"); };
-    }
-
-    static void clean_node() {
-        for (const char* directory : {"/etc/systemd/system", "/run/netns"}) {
-            std::filesystem::create_directories(directory);
-            for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-                std::filesystem::remove_all(entry.path());
-            }
-        }
-        std::filesystem::remove(paths::service_probe_file);
     }
 };
 

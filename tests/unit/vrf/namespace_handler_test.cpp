@@ -1,0 +1,374 @@
+#include "vrf/namespace_handler.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/namespace_message.h"
+#include "vrf_test.h"
+
+namespace {
+
+using testing::Contains;
+using testing::Each;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::Not;
+
+class namespace_handler_test : public vrf_test {
+  protected:
+    static constexpr char look[] = "$ ip netns list | grep vrf-red";
+    static constexpr char nap[] = "sleep(2)";
+
+    namespace_handler_test() {
+        event_manager* manager = nullptr;
+        event_manager_create(paths::device, &manager);
+        event_manager_attach_message(manager, NAMESPACE_MESSAGE, ssh_proxy_nns_handler, nullptr);
+        list_namespace("vrf-red (id: 1)\n");
+        forget();
+    }
+
+    /// What `ip netns list` prints, from its `from_call`th call on.
+    static void list_namespace(const char* output, uint32_t from_call = 1) {
+        stub_commands::set_output("ip netns list", output, stub_commands::always, from_call);
+    }
+
+    /// Delivers a message and holds the handler to its one answer.
+    static void tell(uint32_t code, const std::string& name) {
+        expect_answer(fake_platform::send_namespace_message(code, name));
+    }
+
+    static void expect_answer(const fake_platform::message_reply& reply) {
+        EXPECT_TRUE(reply.handled);
+        EXPECT_EQ(reply.replies, 1u);
+        EXPECT_EQ(reply.bytes, std::string(24, '\0'));
+    }
+
+    /// The calls on the agent's behalf alone, without the fake's own replies.
+    static std::vector<std::string> trail() {
+        std::vector<std::string> calls;
+        for (const std::string& call : vrf_test::trail()) {
+            if (call.rfind("event_", 0) != 0) {
+                calls.push_back(call);
+            }
+        }
+        return calls;
+    }
+
+    static std::vector<std::string> start_of_red() {
+        return {"vrf_table_lookup(red)",
+                "$ systemctl daemon-reload",
+                "mpp_vrf_nft_init(red)",
+                "mpp_vrf_block(red)",
+                "$ systemctl restart sshd_service_red",
+                "mpp_vrf_unblock(red)"};
+    }
+
+    static std::vector<std::string> joined(std::initializer_list<std::vector<std::string>> parts) {
+        std::vector<std::string> whole;
+        for (const auto& part : parts) {
+            whole.insert(whole.end(), part.begin(), part.end());
+        }
+        return whole;
+    }
+};
+
+// --- A namespace appears --------------------------------------------------------------------------------------------
+
+TEST_F(namespace_handler_test, a_vrfs_server_starts_when_its_namespace_appears) {
+    vrf_node* node = create_vrf_node("red");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAreArray(joined({{look, "mpp_namespace_created(vrf-red)"},
+                                                  start_of_red(),
+                                                  {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
+    EXPECT_EQ(node->server_started, 1u);
+    EXPECT_TRUE(path_exists(unit_file("red")));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_proxy_nns_handler, Entered"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Message:=2, Name:=vrf-red, event received"));
+}
+
+// The NETCONF IPv6 list goes to the IPv4 routine.
+TEST_F(namespace_handler_test, all_lists_are_attached_in_their_order) {
+    vrf_node* node = create_vrf_node("red");
+    strcpy(node->ssh_v4_acl, "a");
+    strcpy(node->ssh_v6_acl, "b");
+    strcpy(node->netconf_v4_acl, "c");
+    strcpy(node->netconf_v6_acl, "d");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAreArray(joined(
+                             {{look, "mpp_namespace_created(vrf-red)"},
+                              start_of_red(),
+                              {"create_nft_table(red)", "ssh_configure_v4acl(red, 0)", "ssh_configure_v4acl(red, 1)",
+                               "ssh_configure_v6acl(red, 2)", "ssh_configure_v4acl(red, 3)", "mpp_vrf_set(1, red)"}})));
+}
+
+TEST_F(namespace_handler_test, a_netconf_server_is_marked_for_both_services) {
+    vrf_node* node = create_vrf_node("red");
+    node->lines[VRF_NETCONF_SUBSYSTEM].current = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
+    tell(NAMESPACE_CREATED, "vrf-red");
+    const std::vector<std::string> calls = trail();
+    ASSERT_GE(calls.size(), 2u);
+    EXPECT_EQ(calls[calls.size() - 2], "mpp_vrf_set(1, red)");
+    EXPECT_EQ(calls[calls.size() - 1], "mpp_vrf_set(64, red)");
+}
+
+TEST_F(namespace_handler_test, a_started_server_is_left_alone) {
+    create_vrf_node("red")->server_started = 1;
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_THAT(fake_platform::debug_texts(), Contains(" vrf creation already informed"));
+}
+
+TEST_F(namespace_handler_test, a_namespace_of_no_vrf_is_of_no_interest) {
+    tell(NAMESPACE_CREATED, "vrf-red");
+    create_vrf_node("green");
+    for (const char* name : {"vrf-red", "vrf-gree", "vrf-greens", "green", "", "vrf-", "vrf-;reboot"}) {
+        tell(NAMESPACE_CREATED, name);
+    }
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_THAT(stub_commands::log(), ElementsAre());
+}
+
+// --- The wait -------------------------------------------------------------------------------------------------------
+
+TEST_F(namespace_handler_test, waits_until_the_namespace_is_listed) {
+    create_vrf_node("red");
+    stub_commands::clear_rules();
+    list_namespace("vrf-red\n", 3);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAreArray(joined({{look, nap, look, nap, look, "mpp_namespace_created(vrf-red)"},
+                                                  start_of_red(),
+                                                  {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("nns not created for vrf:=red, sleep for 2 seconds and recheck. Attempt:=1"));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("nns not created for vrf:=red, sleep for 2 seconds and recheck. Attempt:=2"));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+}
+
+// After ten attempts the unit is started anyway.
+TEST_F(namespace_handler_test, a_namespace_that_never_appears_costs_ten_attempts) {
+    vrf_node* node = create_vrf_node("red");
+    stub_commands::clear_rules();
+    tell(NAMESPACE_CREATED, "vrf-red");
+    std::vector<std::string> attempts;
+    for (int i = 0; i < 10; i++) {
+        attempts.emplace_back(look);
+        attempts.emplace_back(nap);
+    }
+    EXPECT_THAT(trail(),
+                ElementsAreArray(joined({attempts, start_of_red(), {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
+    EXPECT_EQ(node->server_started, 1u);
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("nns not created for vrf:=red, sleep for 2 seconds and recheck. Attempt:=10"));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("nns not created for vrf: red ,even after 10 retries with sleep interval of 2 seconds"));
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("ERR_DETAILS: nns not created for vrf: red even after multiple retries"));
+    EXPECT_TRUE(traced({"vrf-red", "10"}));
+}
+
+TEST_F(namespace_handler_test, a_namespace_that_is_not_accepted_is_a_failed_attempt) {
+    create_vrf_node("red");
+    fake_platform::fail("mpp_namespace_created", EIO, 2);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    const std::string announce = "mpp_namespace_created(vrf-red)";
+    EXPECT_THAT(trail(), ElementsAreArray(joined({{look, announce, nap, look, announce, nap, look, announce},
+                                                  start_of_red(),
+                                                  {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns create API failed, Input/output error"));
+    EXPECT_TRUE(traced({"vrf-red", "5"}));
+}
+
+TEST_F(namespace_handler_test, a_listing_that_cannot_be_had_is_a_failed_attempt) {
+    create_vrf_node("red");
+    command_trail::fail_shell("ip netns list", EMFILE);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    const auto calls = trail();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 10);
+    EXPECT_THAT(calls, Contains("$ systemctl restart sshd_service_red"));
+}
+
+// A line has to begin with the name; a longer name on it does.
+TEST_F(namespace_handler_test, only_a_lines_beginning_is_the_name) {
+    create_vrf_node("red");
+    stub_commands::clear_rules();
+    list_namespace("old-vrf-red\nvrf-green\n");
+    list_namespace("vrf-green\nold-vrf-red\nvrf-red2 (id: 7)\n", 2);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    const auto calls = trail();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 1);
+}
+
+// --- Failures on the way --------------------------------------------------------------------------------------------
+
+TEST_F(namespace_handler_test, a_unit_that_cannot_be_made_ends_it) {
+    vrf_node* node = create_vrf_node("red");
+    fake_platform::fail("vrf_table_lookup", ENOENT);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)"));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("Failed to create systemd service and config file for vrf:=red"));
+    EXPECT_EQ(node->server_started, 0u);
+}
+
+TEST_F(namespace_handler_test, a_server_that_does_not_start_counts_as_started) {
+    vrf_node* node = create_vrf_node("red");
+    command_trail::fail_shell("systemctl restart", ENOMEM);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_EQ(node->server_started, 1u);
+    EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
+}
+
+TEST_F(namespace_handler_test, a_table_that_cannot_be_made_ends_it) {
+    create_vrf_node("red");
+    fail_call("create_nft_table(red)");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_EQ(trail().back(), "create_nft_table(red)");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_proxy_nns_handler: Failed to create nft table"));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  red")));
+}
+
+TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_ends_it) {
+    const std::vector<std::vector<std::string>> failures = {
+        {"ssh_configure_v4acl(red, 3)", "Failed to configure netconf v6 acl vrf:  red"},
+        {"ssh_configure_v6acl(red, 2)", "Failed to configure ssh v6 acl vrf:  red"},
+        {"ssh_configure_v4acl(red, 1)", "Failed to configure netconf v4 acl vrf:  red"},
+        {"ssh_configure_v4acl(red, 0)", "Failed to configure ssh v4 acl vrf:  red"},
+    };
+    vrf_node* node = create_vrf_node("red");
+    for (char* name : {node->ssh_v4_acl, node->ssh_v6_acl, node->netconf_v4_acl, node->netconf_v6_acl}) {
+        strcpy(name, "list");
+    }
+    for (const auto& failure : failures) {
+        node->server_started = 0;
+        forget();
+        fail_call(failure[0]);
+        tell(NAMESPACE_CREATED, "vrf-red");
+        EXPECT_EQ(trail().back(), failure[0]);
+        EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(failure[1])));
+    }
+}
+
+TEST_F(namespace_handler_test, without_access_lists_the_flow_goes_on) {
+    upcall.create_nft_table = nullptr;
+    upcall.ssh_configure_v4acl = nullptr;
+    upcall.ssh_configure_v6acl = nullptr;
+    strcpy(create_vrf_node("red")->ssh_v4_acl, "a");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+}
+
+// --- A namespace goes -----------------------------------------------------------------------------------------------
+
+TEST_F(namespace_handler_test, a_server_goes_with_its_namespace_and_its_node_stays) {
+    vrf_node* node = create_vrf_node("red");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    forget();
+    tell(NAMESPACE_DELETED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAre("mpp_namespace_deleted(vrf-red)", "$ systemctl stop sshd_service_red",
+                                     "mpp_vrf_unblock(red)"));
+    EXPECT_EQ(find_vrf_node("red"), node);
+    EXPECT_EQ(node->server_started, 0u);
+    EXPECT_EQ(node->reference_count, 1);
+    EXPECT_FALSE(path_exists(unit_file("red")));
+    EXPECT_FALSE(path_exists(environment_file("red")));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Message:=3, Name:=vrf-red, event received"));
+}
+
+TEST_F(namespace_handler_test, the_units_of_a_namespace_without_node_are_removed) {
+    create_sshd_service_config_file("vrf-red");
+    forget();
+    tell(NAMESPACE_DELETED, "vrf-red");
+    EXPECT_THAT(trail(), ElementsAre("mpp_namespace_deleted(vrf-red)"));
+    EXPECT_FALSE(path_exists(unit_file("red")));
+    EXPECT_FALSE(path_exists(environment_file("red")));
+}
+
+TEST_F(namespace_handler_test, a_withdrawal_that_is_not_accepted_does_not_keep_the_server) {
+    vrf_node* node = create_vrf_node("red");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    forget();
+    fake_platform::fail("mpp_namespace_deleted", EIO);
+    tell(NAMESPACE_DELETED, "vrf-red");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns delete API failed, Input/output error"));
+    EXPECT_TRUE(traced({"vrf-red", "5"}));
+    EXPECT_THAT(trail(), Contains("$ systemctl stop sshd_service_red"));
+    EXPECT_EQ(node->server_started, 0u);
+    EXPECT_FALSE(path_exists(unit_file("red")));
+}
+
+TEST_F(namespace_handler_test, a_namespace_that_returns_gets_a_new_unit_and_server) {
+    vrf_node* node = create_vrf_node("red");
+    strcpy(node->ssh_v4_acl, "a");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    tell(NAMESPACE_DELETED, "vrf-red");
+    forget();
+    tell(NAMESPACE_CREATED, "vrf-red");
+    // The packet filter's state is made once for a VRF, not once for a namespace.
+    EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)",
+                                     "$ systemctl daemon-reload", "mpp_vrf_block(red)",
+                                     "$ systemctl restart sshd_service_red", "mpp_vrf_unblock(red)",
+                                     "create_nft_table(red)", "ssh_configure_v4acl(red, 0)", "mpp_vrf_set(1, red)"));
+    EXPECT_EQ(node->server_started, 1u);
+    EXPECT_TRUE(path_exists(unit_file("red")));
+}
+
+TEST_F(namespace_handler_test, a_configured_vrf_starts_once_when_its_namespace_appears_later) {
+    const fake_platform::value value = fake_platform::tuple_value("%d%S%S", {{}, "four", {}});
+    const char* const path[] = {"sshd", "vrf", "red"};
+    const datastore_path_components components = {path, 3};
+    const datastore_change change = {3, nullptr, value.bytes.data(), 0, value.bytes.size()};
+    EXPECT_EQ(sshd_apply_vrf_func(&change, &components), 0u);
+    EXPECT_THAT(stub_commands::log(), ElementsAre());
+    tell(NAMESPACE_CREATED, "vrf-red");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(stub_commands::log_of("systemctl restart"), ElementsAre("systemctl restart sshd_service_red"));
+    EXPECT_THAT(trail(), Contains("ssh_configure_v4acl(red, 0)"));
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+}
+
+// --- Messages of other forms ----------------------------------------------------------------------------------------
+
+TEST_F(namespace_handler_test, other_codes_are_answered_and_ignored) {
+    create_vrf_node("red");
+    for (const uint32_t code : {0u, 1u, 4u, 0xffffffffu}) {
+        tell(code, "vrf-red");
+    }
+    EXPECT_THAT(trail(), ElementsAre());
+}
+
+TEST_F(namespace_handler_test, malformed_messages_are_answered_and_ignored) {
+    create_vrf_node("red");
+    for (const std::string& body : {std::string(), std::string("\2"), std::string("\2\0\0\0", 4)}) {
+        expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, body));
+    }
+    EXPECT_THAT(trail(), ElementsAre());
+}
+
+TEST_F(namespace_handler_test, a_name_without_end_is_ended) {
+    create_vrf_node("red");
+    expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(256, 'v')));
+    expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(999, 'v')));
+    EXPECT_THAT(trail(), ElementsAre());
+    // One that is as long as its text, without the rest of the array, is understood.
+    expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0vrf-red", 11)));
+    EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
+}
+
+// A name that a shell would understand belongs to no VRF, so it never gets near one.
+TEST_F(namespace_handler_test, a_hostile_name_reaches_no_command) {
+    create_vrf_node("red");
+    for (const char* name : {"vrf-red;touch /tmp/owned", "vrf-$(touch /tmp/owned)", "vrf-`touch /tmp/owned`",
+                             "vrf-red\ntouch /tmp/owned", "vrf-../../../tmp/owned"}) {
+        tell(NAMESPACE_CREATED, name);
+        tell(NAMESPACE_DELETED, name);
+    }
+    EXPECT_THAT(stub_commands::log(), ElementsAre());
+    EXPECT_THAT(trail(), Each(Not(HasSubstr("$ "))));
+    EXPECT_FALSE(path_exists("/tmp/owned"));
+}
+
+}  // namespace

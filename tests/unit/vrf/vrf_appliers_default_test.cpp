@@ -1,0 +1,221 @@
+#include "vrf_appliers_test.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+class default_vrf_test : public vrf_appliers_test {
+  protected:
+    static constexpr char unit[] = "$ systemctl restart sshd_service_default";
+
+    default_vrf_test() {
+        add_namespace("default");
+        create_sshd_service_config_file("vrf-default");
+        forget();
+    }
+};
+
+TEST_F(default_vrf_test, its_item_is_remembered_and_published) {
+    EXPECT_EQ(ssh("default", created), 0);
+    EXPECT_EQ(default_vrf_configured, 1u);
+    EXPECT_EQ(trail().back(), "telemetry");
+    forget();
+    EXPECT_EQ(ssh("default", deleted), 0);
+    EXPECT_EQ(default_vrf_configured, 0u);
+    EXPECT_EQ(trail().back(), "telemetry");
+}
+
+TEST_F(default_vrf_test, other_vrfs_are_not_published) {
+    ssh("red", created);
+    ssh("red", deleted);
+    ssh("defaults", created);
+    EXPECT_THAT(trail(), Not(Contains("telemetry")));
+    EXPECT_EQ(default_vrf_configured, 0u);
+}
+
+TEST_F(default_vrf_test, a_failure_keeps_it_unpublished) {
+    fake_platform::fail("mpp_namespace_created", EIO);
+    ssh("default", created);
+    EXPECT_THAT(trail(), Not(Contains("telemetry")));
+    EXPECT_EQ(default_vrf_configured, 1u);
+}
+
+TEST_F(default_vrf_test, the_protocol_item_starts_its_server_through_the_protocol_line) {
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("create_nft_table(default)", "mpp_vrf_set(1, default)", copy_for("default"), "telemetry",
+                            "mpp_vrf_nft_init(default)", "mpp_vrf_block(default)", unit, "mpp_vrf_unblock(default)"));
+    EXPECT_EQ(read_file(paths::server_file), std::string(default_file) + "Protocol 2\n");
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
+    EXPECT_EQ(count_of("default"), 1);
+    EXPECT_STREQ(server.parameters[SERVER_PROTOCOL].current, "2");
+    EXPECT_EQ(default_vrf_configured, 0u);
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server v2"));
+}
+
+// The server's start is the walk's; only VRF items and namespaces set the flag.
+TEST_F(default_vrf_test, the_protocol_item_leaves_the_started_flag) {
+    protocol(created);
+    EXPECT_EQ(find_vrf_node("default")->server_started, 0u);
+}
+
+TEST_F(default_vrf_test, the_protocol_item_publishes_a_known_vrf_at_once_and_again) {
+    ssh("default", created);
+    forget();
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(), ElementsAre("telemetry", "create_nft_table(default)", "mpp_vrf_set(1, default)", "telemetry",
+                                     "mpp_vrf_block(default)", unit, "mpp_vrf_unblock(default)"));
+    EXPECT_EQ(count_of("default"), 2);
+}
+
+TEST_F(default_vrf_test, the_protocol_line_goes_into_every_vrfs_file) {
+    ssh("red", created);
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\nProtocol 2\n");
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+TEST_F(default_vrf_test, without_other_users_the_server_goes_with_the_protocol_item) {
+    protocol(created);
+    forget();
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_unset(1, default)", "telemetry", "$ systemctl stop sshd_service_default",
+                                     "mpp_vrf_unblock(default)"));
+    EXPECT_EQ(find_vrf_node("default"), nullptr);
+    EXPECT_FALSE(path_exists(server_file("default")));
+    EXPECT_EQ(server.parameters[SERVER_PROTOCOL].current, nullptr);
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+TEST_F(default_vrf_test, while_the_vrf_item_exists_only_the_count_falls) {
+    ssh("default", created);
+    protocol(created);
+    forget();
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_EQ(count_of("default"), 1);
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\n");
+    EXPECT_THAT(trail(), ElementsAre("telemetry", "mpp_vrf_block(default)", unit, "mpp_vrf_unblock(default)"));
+}
+
+TEST_F(default_vrf_test, while_the_protocol_item_exists_the_port_line_stays) {
+    ssh("default", created);
+    protocol(created);
+    forget();
+    EXPECT_EQ(ssh("default", deleted), 0);
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
+    EXPECT_EQ(count_of("default"), 1);
+    EXPECT_EQ(default_vrf_configured, 0u);
+    // Nothing changed in the file, so the server keeps running as it is.
+    EXPECT_THAT(trail(), ElementsAre("telemetry"));
+}
+
+TEST_F(default_vrf_test, after_both_have_gone_the_port_line_and_the_server_are_gone) {
+    ssh("default", created);
+    protocol(created);
+    ssh("default", deleted);
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_EQ(find_vrf_node("default"), nullptr);
+    EXPECT_FALSE(path_exists(server_file("default")));
+}
+
+TEST_F(default_vrf_test, netconf_keeps_the_server_without_the_ssh_port) {
+    netconf("default", created);
+    protocol(created);
+    forget();
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_EQ(count_of("default"), 1);
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + netconf_line + "Port 830\n");
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_unset(1, default)", "telemetry", "mpp_vrf_block(default)", unit,
+                                     "mpp_vrf_unblock(default)"));
+}
+
+// With two users left the service stays marked.
+TEST_F(default_vrf_test, with_two_users_left_the_service_stays_marked) {
+    netconf("default", created);
+    netconf("default", created);
+    protocol(created);
+    forget();
+    protocol(deleted);
+    EXPECT_EQ(count_of("default"), 2);
+    EXPECT_THAT(trail(), Not(Contains("mpp_vrf_unset(1, default)")));
+}
+
+TEST_F(default_vrf_test, an_unchanged_file_keeps_the_service_marked) {
+    protocol(created);
+    write_file(server_file("default"), std::string(default_file) + "Protocol 2\n");
+    forget();
+    protocol(deleted);
+    EXPECT_THAT(trail(), Not(Contains("mpp_vrf_unset(1, default)")));
+}
+
+TEST_F(default_vrf_test, deleting_the_protocol_of_no_vrf_is_published_and_written) {
+    write_file(paths::server_file, std::string(default_file) + "Protocol 2\n");
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre("telemetry"));
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+TEST_F(default_vrf_test, a_failing_step_of_the_protocol_item_leaves_the_line_unwritten) {
+    fail_call("create_nft_table(default)");
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_ver_func: Failed to create nft table"));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  default")));
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+    EXPECT_STREQ(server.parameters[SERVER_PROTOCOL].current, "2");
+}
+
+TEST_F(default_vrf_test, a_file_that_cannot_be_prepared_leaves_the_protocol_line_unwritten) {
+    command_trail::fail_shell("cp ", ENOMEM);
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)", "mpp_vrf_set(1, default)", copy_for("default")));
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+TEST_F(default_vrf_test, a_port_line_that_cannot_be_removed_ends_the_removal) {
+    protocol(created);
+    std::filesystem::create_directory(paths::temporary_file);
+    forget();
+    EXPECT_EQ(protocol(deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(count_of("default"), 1);
+    EXPECT_EQ(server.parameters[SERVER_PROTOCOL].current, nullptr);
+}
+
+TEST_F(default_vrf_test, being_out_of_memory_ends_the_protocol_item) {
+    allocation_failure::fail_next();
+    EXPECT_EQ(protocol(created), 1u);
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+TEST_F(default_vrf_test, the_protocol_item_counts_once_in_the_scan) {
+    agent.initial_scan_complete = 0;
+    protocol(created);
+    ssh("default", created);
+    netconf("default", created);
+    EXPECT_EQ(count_of("default"), 3);
+}
+
+TEST_F(default_vrf_test, setting_the_protocol_again_does_not_count) {
+    protocol(created);
+    protocol(changed);
+    EXPECT_EQ(count_of("default"), 1);
+}
+
+TEST_F(default_vrf_test, a_node_without_users_whose_line_was_gone_is_taken_up_again) {
+    protocol(created);
+    // The default file has lost its line, so the walk that would remove the node does not happen.
+    write_file(paths::server_file, default_file);
+    protocol(deleted);
+    EXPECT_EQ(count_of("default"), 0);
+    ASSERT_NE(find_vrf_node("default"), nullptr);
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_EQ(count_of("default"), 1);
+}
+
+}  // namespace

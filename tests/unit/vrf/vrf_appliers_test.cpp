@@ -1,0 +1,463 @@
+#include "vrf_appliers_test.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::Not;
+
+using ssh_vrf_test = vrf_appliers_test;
+
+TEST_F(ssh_vrf_test, a_first_item_with_its_namespace_starts_a_server) {
+    add_namespace("red");
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)",
+                                     "$ systemctl daemon-reload", "mpp_vrf_set(1, red)", "mpp_vrf_nft_init(red)",
+                                     "mpp_vrf_block(red)", "$ systemctl restart sshd_service_red",
+                                     "mpp_vrf_unblock(red)", "create_nft_table(red)"));
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+    EXPECT_TRUE(path_exists(unit_file("red")));
+    EXPECT_TRUE(path_exists(environment_file("red")));
+    ASSERT_NE(find_vrf_node("red"), nullptr);
+    EXPECT_EQ(count_of("red"), 1);
+    EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
+}
+
+TEST_F(ssh_vrf_test, the_file_and_the_unit_are_whole_when_the_server_starts) {
+    add_namespace("red");
+    stub_commands::set_hook("systemctl restart sshd_service_red",
+                            "cat /var/opt/norvo/norvossh/sshd_config_red > /tmp/seen_by_server; "
+                            "cat /etc/systemd/system/sshd_service_red.service > /tmp/unit_seen");
+    ssh("red", created);
+    EXPECT_EQ(read_file("/tmp/seen_by_server"), std::string(default_file) + "Port 22\n");
+    EXPECT_EQ(read_file("/tmp/unit_seen"), read_file(unit_file("red")));
+}
+
+TEST_F(ssh_vrf_test, a_first_item_without_namespace_only_prepares_the_file) {
+    EXPECT_EQ(ssh("red", created, {"four", "six"}), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red")));
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+    EXPECT_FALSE(path_exists(unit_file("red")));
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "six");
+}
+
+TEST_F(ssh_vrf_test, the_first_items_lists_are_attached_when_the_server_runs) {
+    add_namespace("red");
+    EXPECT_EQ(ssh("red", created, {"four", "six"}), 0);
+    const std::vector<std::string> calls = trail();
+    ASSERT_GE(calls.size(), 3u);
+    EXPECT_THAT(std::vector<std::string>(calls.end() - 3, calls.end()),
+                ElementsAre("create_nft_table(red)", "ssh_configure_v4acl(red, 0)", "ssh_configure_v6acl(red, 2)"));
+}
+
+TEST_F(ssh_vrf_test, says_what_it_was_asked) {
+    ssh("red", created);
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server vrf"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("vrfnode->vrf_name: , name:red"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf:=red, ssh server will be started"));
+    fake_platform::clear_reports();
+    ssh("red", created);
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("vrfnode->vrf_name: red, name:red"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf:=red, refCnt:=1, ssh server already running"));
+}
+
+TEST_F(ssh_vrf_test, a_missing_name_is_the_datastores_business) {
+    const datastore_change change = {created, nullptr, nullptr, 0, 0};
+    const datastore_path_components short_path = {nullptr, 0};
+    for (const applier handler : {sshd_apply_vrf_func, sshd_apply_conf_netconf_vrf}) {
+        fake_platform::clear_reports();
+        EXPECT_EQ(apply(handler, "vrf", nullptr, change), 1u);
+        EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf name should not be NULL"));
+        EXPECT_EQ(handler(&change, &short_path), 1u);
+        EXPECT_EQ(handler(&change, nullptr), 1u);
+    }
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(server.nodes, nullptr);
+}
+
+TEST_F(ssh_vrf_test, being_out_of_memory_is_the_datastores_business) {
+    allocation_failure::fail_next();
+    EXPECT_EQ(ssh("red", created), 1u);
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("Error:=Cannot allocate memory(0xc), vrfname:=red, memory allocation failed"));
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(server.nodes, nullptr);
+}
+
+TEST_F(ssh_vrf_test, a_value_that_cannot_be_unpacked_is_logged_and_accepted) {
+    const datastore_change garbled = {created, nullptr, "\x07", 0, 1};
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", garbled), 0u);
+    const datastore_change missing = {created, nullptr, nullptr, 0, 0};
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", missing), 0u);
+    EXPECT_EQ(fake_platform::log_lines().size(), 2u);
+    EXPECT_EQ(fake_platform::log_lines().front().name, "ERR_DATASTORE_UNPACK");
+    EXPECT_THAT(fake_platform::log_lines().front().text, HasSubstr("Path:=red, Failed to unpack datastore item"));
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(server.nodes, nullptr);
+}
+
+TEST_F(ssh_vrf_test, an_event_that_neither_sets_nor_deletes_does_nothing) {
+    EXPECT_EQ(ssh("red", 0), 0);
+    EXPECT_EQ(netconf("red", 8), 0);
+    EXPECT_EQ(protocol(0), 0);
+    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(read_file(paths::server_file), default_file);
+}
+
+// References: a new item counts; a replayed one counts as long as the stored configuration is being read.
+
+TEST_F(ssh_vrf_test, only_a_new_item_counts_after_the_scan) {
+    ssh("red", created);
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", changed, {}, false), 0);
+    EXPECT_EQ(count_of("red"), 1);
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_EQ(count_of("red"), 2);
+}
+
+TEST_F(ssh_vrf_test, every_item_counts_once_during_the_scan) {
+    agent.initial_scan_complete = 0;
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", changed, {}, false), 0);
+    EXPECT_EQ(count_of("red"), 1);
+    EXPECT_EQ(apply(sshd_apply_conf_netconf_vrf, "vrf-netconf", "red", changed, {}, false), 0);
+    EXPECT_EQ(count_of("red"), 2);
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "green", created, {}, false), 0);
+    EXPECT_EQ(count_of("green"), 1);
+}
+
+TEST_F(ssh_vrf_test, a_modification_never_counts) {
+    agent.initial_scan_complete = 0;
+    ssh("red", created);
+    ssh("red", changed);
+    EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", created, {}, true), 0);
+    EXPECT_EQ(count_of("red"), 1);
+}
+
+// After a failure of the agent the server may still run with this very file: it is announced again, not restarted.
+
+TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_marked_again_and_left_alone) {
+    agent.respawn_count = 2;
+    agent.initial_scan_complete = 0;
+    add_namespace("red");
+    write_file(server_file("red"), std::string(default_file) + "Port 22\n");
+    stub_commands::set_output("systemctl is-active sshd_service_red", "active\n");
+    EXPECT_EQ(ssh("red", created, {"four"}), 0);
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_set(1, red)",
+                                     "$ systemctl is-active sshd_service_red > /tmp/norvo_ssh_service.txt",
+                                     "create_nft_table(red)", "ssh_configure_v4acl(red, 0)"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_cfg_agent respawn count: 2"));
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+}
+
+TEST_F(ssh_vrf_test, a_fresh_start_does_not_mark_before_the_server_starts) {
+    agent.respawn_count = 1;
+    ssh("red", created);
+    EXPECT_THAT(trail(), Not(Contains("mpp_vrf_set(1, red)")));
+    EXPECT_THAT(fake_platform::debug_texts(), Not(Contains(HasSubstr("respawn count"))));
+}
+
+TEST_F(ssh_vrf_test, a_running_server_with_a_new_port_line_is_restarted) {
+    add_namespace("red");
+    write_file(server_file("red"), default_file);
+    stub_commands::set_output("systemctl is-active sshd_service_red", "active\n");
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+    EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
+    EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
+}
+
+// Each step's failure ends the item there; the configuration is accepted all the same.
+
+TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_ends_it) {
+    add_namespace("red");
+    command_trail::fail_shell("cp ", ENOMEM);
+    EXPECT_EQ(ssh("red", created, {"four"}), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red")));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+    EXPECT_EQ(count_of("red"), 1);
+}
+
+TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_ends_it) {
+    add_namespace("red");
+    std::filesystem::create_directory(paths::temporary_file);
+    EXPECT_EQ(ssh("red", created, {"four"}), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red")));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+}
+
+TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_ends_it) {
+    add_namespace("red");
+    fake_platform::fail("mpp_namespace_created", EIO);
+    EXPECT_EQ(ssh("red", created, {"four"}), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns create API failed, Input/output error"));
+    EXPECT_TRUE(traced({"vrf-red", "5"}));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+}
+
+TEST_F(ssh_vrf_test, a_unit_that_cannot_be_made_ends_it) {
+    add_namespace("red");
+    fake_platform::fail("vrf_table_lookup", ENOENT);
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)"));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("Failed to create systemd service and config file for vrf:=red"));
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+}
+
+TEST_F(ssh_vrf_test, a_server_that_does_not_start_gets_no_lists_but_counts_as_started) {
+    add_namespace("red");
+    command_trail::fail_shell("systemctl restart", ENOMEM);
+    EXPECT_EQ(ssh("red", created, {"four"}), 0);
+    EXPECT_EQ(trail().back(), "$ systemctl restart sshd_service_red");
+    EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
+}
+
+TEST_F(ssh_vrf_test, a_table_that_cannot_be_made_ends_it) {
+    add_namespace("default");
+    fail_call("create_nft_table(default)");
+    EXPECT_EQ(ssh("default", created, {"four"}), 0);
+    EXPECT_EQ(trail().back(), "create_nft_table(default)");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_vrf_func: Failed to create nft table"));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  default")));
+    EXPECT_TRUE(traced({"default"}));
+}
+
+TEST_F(ssh_vrf_test, a_list_that_cannot_be_attached_ends_it) {
+    add_namespace("default");
+    fail_call("ssh_configure_v4acl(default, 0)");
+    EXPECT_EQ(ssh("default", created, {"four", "six"}), 0);
+    EXPECT_EQ(trail().back(), "ssh_configure_v4acl(default, 0)");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Failed to configure v4 acl = four"));
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre(log_of_details("Failed to configure v4 acl for vrf:  default")));
+}
+
+TEST_F(ssh_vrf_test, an_ipv6_list_that_cannot_be_attached_ends_it) {
+    add_namespace("default");
+    fail_call("ssh_configure_v6acl(default, 2)");
+    EXPECT_EQ(ssh("default", created, {nullptr, "six"}), 0);
+    EXPECT_EQ(trail().back(), "ssh_configure_v6acl(default, 2)");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Failed to configure v6 acl = six"));
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre(log_of_details("Failed to configure v6 acl for vrf:  default")));
+}
+
+TEST_F(ssh_vrf_test, without_access_lists_the_flow_goes_on) {
+    upcall.create_nft_table = nullptr;
+    upcall.ssh_flush_nft_table = nullptr;
+    upcall.ssh_configure_v4acl = nullptr;
+    upcall.ssh_configure_v6acl = nullptr;
+    upcall.ssh_remove_v4acl_config = nullptr;
+    upcall.ssh_remove_v6acl_config = nullptr;
+    add_namespace("default");
+    EXPECT_EQ(ssh("default", created, {"four", "six"}), 0);
+    EXPECT_EQ(trail().back(), "telemetry");
+    EXPECT_EQ(ssh("default", changed, {"other", nullptr}), 0);
+    EXPECT_STREQ(find_vrf_node("default")->ssh_v4_acl, "other");
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_EQ(ssh("default", deleted), 0);
+    EXPECT_STREQ(find_vrf_node("default")->ssh_v4_acl, "");
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, an_access_lists_name_is_kept_up_to_64_characters) {
+    const std::string longer(70, 'n');
+    ssh("red", created, {longer.c_str(), longer.c_str()});
+    EXPECT_EQ(find_vrf_node("red")->ssh_v4_acl, std::string(64, 'n'));
+    EXPECT_EQ(find_vrf_node("red")->ssh_v6_acl, std::string(64, 'n'));
+}
+
+// Modification: tables, then both flushes, then each list.
+
+TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists) {
+    ssh("red", created, {"old4", "old6"});
+    forget();
+    EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("create_nft_table(red)", "ssh_flush_nft_table(red, 0)", "ssh_flush_nft_table(red, 2)",
+                            "ssh_configure_v4acl(red, 0)", "ssh_configure_v6acl(red, 2)"));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
+}
+
+// A list that is no longer given is flushed, but its name stays with the VRF.
+TEST_F(ssh_vrf_test, a_modification_without_lists_flushes_and_keeps_the_names) {
+    ssh("red", created, {"old4", "old6"});
+    forget();
+    EXPECT_EQ(ssh("red", changed), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("create_nft_table(red)", "ssh_flush_nft_table(red, 0)", "ssh_flush_nft_table(red, 2)"));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "old4");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "old6");
+}
+
+TEST_F(ssh_vrf_test, a_modification_stops_at_the_first_failure) {
+    ssh("red", created, {"old4", "old6"});
+    const std::vector<std::string> steps = {"create_nft_table(red)", "ssh_flush_nft_table(red, 0)",
+                                            "ssh_flush_nft_table(red, 2)", "ssh_configure_v4acl(red, 0)",
+                                            "ssh_configure_v6acl(red, 2)"};
+    const std::vector<std::vector<std::string>> reports = {
+        {"sshd_apply_vrf_func: Failed to create nft table", "Failed to create nft table vrf:  red"},
+        {"sshd_apply_vrf_func: Failed to flush nft table", "Failed to flush nft table vrf:  red"},
+        {"sshd_apply_vrf_func: Failed to flush nft table", "Failed to flush nft table vrf:  red"},
+        {"Failed to configure v4 acl = new4", "Failed to configure v4 acl for vrf:  red"},
+        {"Failed to configure v6 acl = new6", "Failed to configure v6 acl for vrf:  red"},
+    };
+    for (size_t i = steps.size(); i-- > 0;) {
+        forget();
+        fail_call(steps[i]);
+        EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
+        EXPECT_THAT(trail(), ElementsAreArray(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(i) + 1));
+        EXPECT_THAT(fake_platform::debug_texts(), Contains(reports[i][0]));
+        EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(reports[i][1])));
+    }
+}
+
+TEST_F(ssh_vrf_test, a_list_whose_turn_does_not_come_keeps_its_old_name) {
+    ssh("red", created, {"old4", "old6"});
+    fail_call("ssh_configure_v4acl(red, 0)");
+    ssh("red", changed, {"new4", "new6"});
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "old6");
+}
+
+TEST_F(ssh_vrf_test, a_modification_of_a_vrf_without_node_does_nothing) {
+    EXPECT_EQ(ssh("red", changed, {"new4"}), 0);
+    EXPECT_THAT(trail(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, a_modification_touches_neither_file_nor_server) {
+    add_namespace("red");
+    ssh("red", created);
+    const std::string file = read_file(server_file("red"));
+    forget();
+    ssh("red", changed, {"new4"});
+    EXPECT_EQ(read_file(server_file("red")), file);
+    EXPECT_THAT(stub_commands::log(), ElementsAre());
+}
+
+// Removal.
+
+TEST_F(ssh_vrf_test, the_last_item_takes_the_server_with_it) {
+    add_namespace("red");
+    ssh("red", created, {"four", "six"});
+    forget();
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("ssh_remove_v4acl_config(red, 0)", "ssh_remove_v6acl_config(red, 2)",
+                            "$ systemctl stop sshd_service_red", "mpp_vrf_unblock(red)", "mpp_vrf_unset(1, red)"));
+    EXPECT_EQ(find_vrf_node("red"), nullptr);
+    EXPECT_FALSE(path_exists(server_file("red")));
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("vrf:=red, refCnt:=0, ssh server will be stopped if refcnt is 0"));
+}
+
+// The unit is a file of its own: it goes with the namespace.
+TEST_F(ssh_vrf_test, the_unit_stays_when_the_server_goes) {
+    add_namespace("red");
+    ssh("red", created);
+    ssh("red", deleted);
+    EXPECT_TRUE(path_exists(unit_file("red")));
+}
+
+TEST_F(ssh_vrf_test, lists_that_were_not_given_are_not_taken_back) {
+    ssh("red", created, {nullptr, "six"});
+    forget();
+    ssh("red", deleted);
+    EXPECT_THAT(trail(), ElementsAre("ssh_remove_v6acl_config(red, 2)", "mpp_vrf_unset(1, red)"));
+}
+
+TEST_F(ssh_vrf_test, a_server_that_somebody_else_needs_is_restarted_without_the_port) {
+    add_namespace("red");
+    netconf("red", created);
+    ssh("red", created, {"four"});
+    forget();
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("ssh_remove_v4acl_config(red, 0)", "mpp_vrf_block(red)",
+                            "$ systemctl restart sshd_service_red", "mpp_vrf_unblock(red)", "mpp_vrf_unset(1, red)"));
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + netconf_line + "Port 830\n");
+    EXPECT_EQ(count_of("red"), 1);
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("vrf:=red, refCnt:=1, ssh server will be stopped if refcnt is 0"));
+}
+
+TEST_F(ssh_vrf_test, a_server_whose_file_stays_as_it_is_is_not_restarted) {
+    add_namespace("red");
+    netconf("red", created);
+    ssh("red", created);
+    write_file(server_file("red"), default_file);
+    forget();
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(count_of("red"), 1);
+}
+
+TEST_F(ssh_vrf_test, a_server_with_two_other_users_is_not_restarted) {
+    add_namespace("default");
+    netconf("default", created);
+    ssh("default", created);
+    ssh("default", created);
+    forget();
+    EXPECT_EQ(ssh("default", deleted), 0);
+    EXPECT_EQ(count_of("default"), 2);
+    EXPECT_THAT(trail(), ElementsAre("telemetry"));
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + netconf_line + "Port 830\n");
+}
+
+TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_removed_leaves_everything) {
+    add_namespace("red");
+    ssh("red", created, {"four"});
+    std::filesystem::create_directory(paths::temporary_file);
+    forget();
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_EQ(count_of("red"), 1);
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
+    EXPECT_TRUE(path_exists(server_file("red")));
+}
+
+TEST_F(ssh_vrf_test, removing_what_is_not_there_does_nothing) {
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, a_failing_protection_service_is_only_traced) {
+    add_namespace("red");
+    fake_platform::fail("mpp_vrf_set", EIO);
+    fake_platform::fail("mpp_vrf_unset", EIO);
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
+    EXPECT_EQ(ssh("red", deleted), 0);
+    EXPECT_EQ(find_vrf_node("red"), nullptr);
+    EXPECT_TRUE(traced({"red", "5"}));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, vrfs_do_not_meet) {
+    add_namespace("red");
+    ssh("red", created);
+    ssh("green", created);
+    forget();
+    ssh("green", deleted);
+    EXPECT_NE(find_vrf_node("red"), nullptr);
+    EXPECT_TRUE(path_exists(server_file("red")));
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_unset(1, green)"));
+}
+
+// The SSH port's line is written whatever the table says.
+TEST_F(ssh_vrf_test, a_configured_port_does_not_replace_the_ports_line) {
+    server.parameters[SERVER_PORT].current = "2222";
+    EXPECT_EQ(ssh("red", created), 0);
+    EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+}
+
+}  // namespace
