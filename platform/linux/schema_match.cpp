@@ -22,7 +22,7 @@ std::string_view take_component(std::string_view& path) {
 }
 
 struct match {
-    bool matches;
+    bool matches = false;
     std::string_view wrong_name;  ///< a component that stands for "*" and has not its form; null data when all have
 };
 
@@ -33,7 +33,7 @@ bool name_fits(std::string_view name, const schema_form& form) {
 
 match match_path(const schema_row& row, std::string_view path) {
     std::string_view pattern = row.pattern;
-    match result = {false, {}};
+    match result;
     while (!pattern.empty()) {
         if (path.empty()) {
             return result;
@@ -50,6 +50,15 @@ match match_path(const schema_row& row, std::string_view path) {
     }
     result.matches = path.empty();
     return result;
+}
+
+/// The row whose pattern is the path itself.
+const schema_row* find_literally(std::string_view path) {
+    const std::span<const schema_row> rows = schema_rows();
+    const auto found = std::lower_bound(
+        rows.begin(), rows.end(), path,
+        [](const schema_row& row, std::string_view wanted) { return std::string_view(row.pattern) < wanted; });
+    return found != rows.end() && found->wildcard.help == nullptr && path == found->pattern ? &*found : nullptr;
 }
 
 /// The pattern with the path's own names in the places of "*", so that only what is wrong counts as a difference.
@@ -127,11 +136,14 @@ std::string wrong_name(std::string_view path, std::string_view name, const schem
 }  // namespace
 
 const schema_row* schema_find(std::string_view path, std::string* refusal) {
+    if (const schema_row* row = find_literally(path)) {
+        return row;
+    }
     const schema_row* row_of_wrong_name = nullptr;
     std::string_view name;
     if (!path.empty() && path[0] == '/' && path.size() <= path_limit) {
         for (const schema_row& row : schema_rows()) {
-            const match result = match_path(row, path);
+            const match result = row.wildcard.help == nullptr ? match() : match_path(row, path);
             if (result.matches && result.wrong_name.data() == nullptr) {
                 return &row;
             }

@@ -191,7 +191,7 @@ std::string display_scalar(const datastore_scalar& value) {
 }
 
 /// Brings an array into its packed form. A complaint about one of its fields has its text in `refusal` already.
-complaint take_tuple(const schema_row& row, const std::string& place, const datastore_value& value, std::string& packed,
+complaint take_tuple(const schema_row& row, std::string_view path, const datastore_value& value, std::string& packed,
                      std::string& refusal) {
     const datastore_fields* fields = std::get_if<datastore_fields>(&value);
     if (fields == nullptr) {
@@ -208,8 +208,9 @@ complaint take_tuple(const schema_row& row, const std::string& place, const data
         const schema_field& field = row.fields[i];
         const complaint what = take_scalar(field.form, *(*fields)[i], taken[i]);
         if (what != complaint::none) {
-            refusal = complain(what, text_format("%s: field %zu (%s)", place.c_str(), i + 1, field.name),
-                               display_scalar(*(*fields)[i]), text_of_form(field.form));
+            refusal = complain(
+                what, text_format("%s: field %zu (%s)", text_escape(path, shown_path).c_str(), i + 1, field.name),
+                display_scalar(*(*fields)[i]), text_of_form(field.form));
             return what;
         }
     }
@@ -342,15 +343,15 @@ std::string schema_expected(const schema_row& row) {
 
 platform_status schema_store(const schema_row& row, std::string_view path, const datastore_value& value,
                              datastore_stored& stored, std::string& refusal) {
-    const std::string place = text_escape(path, shown_path);
     std::string field_refusal;
     std::string packed;
     const bool is_tuple = row.form.kind == schema_kind::tuple;
     const complaint what =
-        is_tuple ? take_tuple(row, place, value, packed, field_refusal) : take_plain(row, value, stored);
+        is_tuple ? take_tuple(row, path, value, packed, field_refusal) : take_plain(row, value, stored);
     if (what != complaint::none) {
-        refusal =
-            !field_refusal.empty() ? field_refusal : complain(what, place, schema_display(value), schema_expected(row));
+        refusal = !field_refusal.empty()
+                      ? field_refusal
+                      : complain(what, text_escape(path, shown_path), schema_display(value), schema_expected(row));
         return EINVAL;
     }
     if (is_tuple) {
