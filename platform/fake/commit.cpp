@@ -170,7 +170,8 @@ platform_status datastore_backend_scan(datastore_binding* binding, const datasto
     for (const auto& [path, stored_value] : items) {
         const std::optional<std::string> below = item_below(*binding, path);
         if (below && item_matches(pattern, *below)) {
-            const datastore_change record = change_of({path, std::nullopt, stored_value});
+            const item_change item = {path, std::nullopt, stored_value};
+            const datastore_change record = change_of(item);
             const datastore_backend_call call = {below->c_str(), &record, nullptr, nullptr};
             datastore_backend_apply(&call, table);
         }

@@ -97,12 +97,12 @@ bool unshare_namespaces() {
 /// Makes a directory, and those above it, when it is missing.
 void make_directory(const std::string& path, mode_t mode = 0755) {
     std::error_code error;
-    fs::create_directories(path, error);
-    if (!fs::is_directory(path, error)) {
-        errno = ENOTDIR;
+    if (fs::create_directories(path, error)) {
+        chmod(path.c_str(), mode);
+    } else if (error || !fs::is_directory(path)) {
+        errno = error.value();
         give_up("cannot make directory", path);
     }
-    chmod(path.c_str(), mode);
 }
 
 void mount_temporary(const std::string& path, const char* options) {
@@ -146,7 +146,16 @@ void put_back(const held_directory& held) {
     close(held.tree);
 }
 
-void mount_overlay(bool user_namespace) {
+/// The parts that an overlay at `path` (in the new root; empty for the root itself) is made of.
+std::string overlay_options(const std::string& path, const char* further) {
+    const std::string upper = std::string(workshop) + "/upper" + path;
+    const std::string work = std::string(workshop) + "/work" + path;
+    make_directory(upper);
+    make_directory(work);
+    return "lowerdir=" + path + "/,upperdir=" + upper + ",workdir=" + work + further;
+}
+
+void prepare_workshop() {
     mount_temporary(workshop, "mode=0755");
     for (const char* directory : owned_directories) {
         make_directory(std::string(workshop) + "/upper" + directory);
@@ -154,11 +163,60 @@ void mount_overlay(bool user_namespace) {
     for (const char* directory : fresh_directories) {
         make_directory(std::string(workshop) + "/upper" + directory);
     }
-    make_directory(std::string(workshop) + "/work");
     make_directory(new_root);
-    const char* options = user_namespace ? "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work,userxattr"
-                                         : "lowerdir=/,upperdir=/tmp/upper,workdir=/tmp/work";
-    require(mount("scratch", new_root, "overlay", 0, options), "cannot mount overlay on", new_root);
+}
+
+void copy_entry(const fs::path& source, const fs::path& target) {
+    std::error_code error;
+    fs::copy(source, target, fs::copy_options::copy_symlinks, error);  // What may not be read is left out.
+}
+
+/// Shows a directory of the machine in a new root that is no overlay itself: as an overlay of its own or, where the
+/// kernel refuses that because something else is mounted within, entry by entry.
+void show_directory(const std::string& path) {
+    const std::string target = new_root + path;
+    make_directory(target);
+    const std::string options = overlay_options(path, ",userxattr");
+    if (mount("scratch", target.c_str(), "overlay", 0, options.c_str()) == 0) {
+        return;
+    }
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator(path, error)) {
+        if (entry.is_directory(error) && !entry.is_symlink(error)) {
+            show_directory(entry.path());
+        } else if (entry.is_regular_file(error) || entry.is_symlink(error)) {
+            copy_entry(entry.path(), new_root + entry.path().string());
+        }
+    }
+    for (const char* directory : fresh_directories) {
+        if (fs::path(directory).parent_path() == path) {
+            make_directory(new_root + std::string(directory));
+        }
+    }
+}
+
+/// Within a user namespace the kernel refuses an overlay of the whole root, because other file systems are mounted in
+/// it, so the new root is put together from the root's directories.
+void assemble_root() {
+    mount_temporary(new_root, "mode=0755");
+    std::error_code error;
+    for (const fs::directory_entry& entry : fs::directory_iterator("/", error)) {
+        const std::string path = entry.path();
+        const bool replaced = path == "/proc" || path == "/sys" || path == "/dev" || path == "/run" || path == "/tmp";
+        if (entry.is_symlink(error)) {
+            copy_entry(entry.path(), new_root + path);
+        } else if (replaced) {
+            make_directory(new_root + path);
+        } else if (entry.is_directory(error)) {
+            show_directory(path);
+        }
+    }
+    make_directory(std::string(new_root) + "/pkg");
+}
+
+void overlay_root() {
+    const std::string options = overlay_options("", "");
+    require(mount("scratch", new_root, "overlay", 0, options.c_str()), "cannot mount overlay on", new_root);
 }
 
 void mount_devices() {
@@ -239,7 +297,8 @@ void build_root(const settings& settings, bool user_namespace) {
     for (const std::string& path : settings.writable) {
         held.push_back(hold(path, false));
     }
-    mount_overlay(user_namespace);
+    prepare_workshop();
+    user_namespace ? assemble_root() : overlay_root();
     mount_system_views();
     mount_devices();
     mount_fresh_directories();
