@@ -107,12 +107,20 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
     return answer;
 }
 
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += text.empty() ? line : '\n' + line;
+    }
+    return text;
+}
+
 /// The answer to a change that did not come as far as the datastore.
-control_json refuse(const change_call& call, const std::string& path, const std::string& message) {
-    control_json answer = control_answer(control_result::refused, message);
+control_json refuse(const change_call& call, const std::string& path, const std::vector<std::string>& refusals) {
+    control_json answer = control_answer(control_result::refused, joined(refusals));
     answer["path"] = path;
     if (!call.check_only) {
-        control_audit(call.peer, call.name, control_result::refused, {message});
+        control_audit(call.peer, call.name, control_result::refused, refusals);
     }
     return answer;
 }
@@ -142,9 +150,26 @@ std::optional<datastore_change_request> change_of(const wished_item& wish, std::
     return datastore_change_request{wish.path, std::move(value)};
 }
 
+/// What is wrong with the items of a load.
+struct load_refusals {
+    std::string path;  ///< the first refused one
+    std::vector<std::string> texts;
+    size_t untold = 0;
+};
+
+void add_refusal(load_refusals& refusals, const std::string& path, std::string text) {
+    if (refusals.texts.empty()) {
+        refusals.path = path;
+    }
+    if (refusals.texts.size() < refusals_max) {
+        refusals.texts.push_back(std::move(text));
+    } else {
+        refusals.untold++;
+    }
+}
+
 /// Measures all items, so that whoever wrote a file hears of all its mistakes and not of one at a time.
-std::vector<datastore_change_request> changes_of(const control_json& items, std::vector<std::string>& refusals,
-                                                 std::string& refused_path) {
+std::vector<datastore_change_request> changes_of(const control_json& items, load_refusals& refusals) {
     std::vector<datastore_change_request> changes;
     changes.reserve(items.size());
     for (const auto& [path, value] : items.get_ref<const control_json::object_t&>()) {
@@ -152,23 +177,14 @@ std::vector<datastore_change_request> changes_of(const control_json& items, std:
         std::optional<datastore_change_request> change = change_of({path, &value, nullptr}, refusal);
         if (change.has_value()) {
             changes.push_back(std::move(*change));
-            continue;
+        } else {
+            add_refusal(refusals, path, std::move(refusal));
         }
-        refused_path = refusals.empty() ? path : refused_path;
-        refusals.push_back(std::move(refusal));
+    }
+    if (refusals.untold > 0) {
+        refusals.texts.push_back(text_format("%zu more items are refused", refusals.untold));
     }
     return changes;
-}
-
-std::string joined(const std::vector<std::string>& refusals) {
-    std::string message;
-    for (size_t index = 0; index < refusals.size() && index < refusals_max; index++) {
-        message += message.empty() ? refusals[index] : '\n' + refusals[index];
-    }
-    if (refusals.size() > refusals_max) {
-        message += text_format("\n%zu more items are refused", refusals.size() - refusals_max);
-    }
-    return message;
 }
 
 }  // namespace
@@ -185,14 +201,14 @@ control_json control_call_set(const control_json& request, const control_peer& p
     }
     const change_call call = {"set", peer, false};
     if (word == nullptr && value->is_null()) {
-        return refuse(
-            call, *path,
-            text_format("%s: null is no value; use delete to remove an item", text_escape(*path, shown_path).c_str()));
+        return refuse(call, *path,
+                      {text_format("%s: null is no value; use delete to remove an item",
+                                   text_escape(*path, shown_path).c_str())});
     }
     std::string refusal;
     const std::optional<datastore_change_request> change =
         change_of({*path, word == nullptr ? &*value : nullptr, word}, refusal);
-    return change.has_value() ? commit(call, {*change}) : refuse(call, *path, refusal);
+    return change.has_value() ? commit(call, {*change}) : refuse(call, *path, {refusal});
 }
 
 control_json control_call_delete(const control_json& request, const control_peer& peer) {
@@ -213,8 +229,7 @@ control_json control_call_load(const control_json& request, const control_peer& 
         return control_wrong_member("check", "true or false");
     }
     const change_call call = {"load", peer, check != request.end() && check->get<bool>()};
-    std::vector<std::string> refusals;
-    std::string refused_path;
-    const std::vector<datastore_change_request> changes = changes_of(*items, refusals, refused_path);
-    return refusals.empty() ? commit(call, changes) : refuse(call, refused_path, joined(refusals));
+    load_refusals refusals;
+    const std::vector<datastore_change_request> changes = changes_of(*items, refusals);
+    return refusals.texts.empty() ? commit(call, changes) : refuse(call, refusals.path, refusals.texts);
 }

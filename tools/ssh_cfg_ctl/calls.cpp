@@ -141,7 +141,7 @@ std::string dump_text(const control_json& answer) {
 }
 
 std::string show_text(const control_json& answer) {
-    return ctl_data_text(data_of(answer));
+    return answer.contains("data") ? ctl_data_text(data_of(answer)) : std::string();
 }
 
 std::string counts_text(const control_json& items) {
