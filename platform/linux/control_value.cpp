@@ -1,5 +1,7 @@
 #include "linux/control_value.h"
 
+#include <cmath>
+
 #include "linux/schema_text.h"
 
 namespace {
@@ -25,9 +27,20 @@ std::string shown(const control_json& value) {
     return control_printable(control_json_text(value), shown_value);
 }
 
+/// Beyond this a double does not tell whole numbers apart.
+constexpr double exact_number_max = 9007199254740992.0;
+
+/// A number that no item's range can hold.
+bool is_beyond_range(const control_json& json) {
+    if (json.is_number_float()) {
+        return std::fabs(json.get<double>()) > exact_number_max;
+    }
+    return json.is_number_unsigned() && json.get<uint64_t>() > INT64_MAX;
+}
+
+/// A whole number stays one in whatever notation: 45, 45.0 and 4.5e1 are the same number in JSON.
 datastore_scalar number_of(const control_json& json) {
-    const bool too_large = json.is_number_unsigned() && json.get<uint64_t>() > INT64_MAX;
-    if (json.is_number_float() || too_large) {
+    if (json.is_number_float() && std::trunc(json.get<double>()) != json.get<double>()) {
         return json.get<double>();
     }
     return json.get<int64_t>();
@@ -48,12 +61,20 @@ bool is_scalar(const control_json& json) {
     return json.is_boolean() || json.is_number() || json.is_string();
 }
 
+/// Why a value cannot be a field; null when it can.
+const char* wrong_field_format(const control_json& field) {
+    if (!field.is_null() && !is_scalar(field)) {
+        return "%s: %s stands where a field of a value is wanted; expected %s";
+    }
+    return is_beyond_range(field) ? "%s: %s is out of range; expected %s" : nullptr;
+}
+
 std::optional<datastore_value> fields_of_array(const value_place& place, const control_json& array) {
     datastore_fields fields;
     fields.reserve(array.size());
     for (const control_json& field : array) {
-        if (!field.is_null() && !is_scalar(field)) {
-            return refuse(place, "%s: %s stands where a field of a value is wanted; expected %s", shown(field));
+        if (const char* format = wrong_field_format(field); format != nullptr) {
+            return refuse(place, format, shown(field));
         }
         fields.push_back(field.is_null() ? std::nullopt : std::optional(scalar_of(field)));
     }
@@ -67,8 +88,8 @@ std::optional<datastore_value> fields_of_object(const value_place& place, const 
         if (index < 0) {
             return refuse(place, "%s: there is no field \"%s\"; expected %s", text_escape(name, shown_value));
         }
-        if (!field.is_null() && !is_scalar(field)) {
-            return refuse(place, "%s: %s stands where a field of a value is wanted; expected %s", shown(field));
+        if (const char* format = wrong_field_format(field); format != nullptr) {
+            return refuse(place, format, shown(field));
         }
         fields[static_cast<size_t>(index)] = field.is_null() ? std::nullopt : std::optional(scalar_of(field));
     }
@@ -99,21 +120,29 @@ struct to_json {
     }
 };
 
+/// `notation` is how the value was written.
+std::optional<datastore_value> value_of(const value_place& place, const control_json& json,
+                                        const std::string& notation) {
+    if (json.is_array()) {
+        return fields_of_array(place, json);
+    }
+    if (json.is_object() && place.row.form.kind == schema_kind::tuple) {
+        return fields_of_object(place, json);
+    }
+    if (!is_scalar(json)) {
+        return refuse(place, "%s: %s is no value that can be stored; expected %s", notation);
+    }
+    if (is_beyond_range(json)) {
+        return refuse(place, "%s: %s is out of range; expected %s", notation);
+    }
+    return std::visit([](const auto& value) { return datastore_value(value); }, scalar_of(json));
+}
+
 }  // namespace
 
 std::optional<datastore_value> control_value_from_json(const schema_row& row, std::string_view path,
                                                        const control_json& json, std::string& refusal) {
-    const value_place place = {row, path, refusal};
-    if (json.is_array()) {
-        return fields_of_array(place, json);
-    }
-    if (json.is_object() && row.form.kind == schema_kind::tuple) {
-        return fields_of_object(place, json);
-    }
-    if (!is_scalar(json)) {
-        return refuse(place, "%s: %s is no value that can be stored; expected %s", shown(json));
-    }
-    return std::visit([](const auto& value) { return datastore_value(value); }, scalar_of(json));
+    return value_of({row, path, refusal}, json, shown(json));
 }
 
 std::optional<datastore_value> control_value_from_word(const schema_row& row, std::string_view path,
@@ -125,7 +154,7 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
         return std::string(word);
     }
     if (json.has_value()) {
-        return control_value_from_json(row, path, *json, refusal);
+        return value_of({row, path, refusal}, *json, control_printable(word, shown_value));
     }
     if (looks_like_json(word)) {
         refusal = text_format("%s: %s is refused: %s; expected %s", text_escape(path, shown_path).c_str(),
