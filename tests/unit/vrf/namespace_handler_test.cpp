@@ -353,6 +353,8 @@ TEST_F(namespace_handler_test, a_name_without_end_is_ended) {
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(256, 'v')));
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(999, 'v')));
     EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("Message:=2, Name:=" + std::string(255, 'v') + ", event received").Times(2));
     // One that is as long as its text, without the rest of the array, is understood.
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0vrf-red", 11)));
     EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));

@@ -14,6 +14,7 @@ using testing::ElementsAre;
 
 TEST_F(service_unit_test, writes_the_unit_and_its_environment) {
     fake_platform::set_vrf_id("red", 1610612738);
+    umask(0);
     errno = 0;
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), 0);
     expect_golden("vrf/golden/sshd_service_red.service", read_file(unit_file("red")));
