@@ -11,6 +11,10 @@
 ///   show    path
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
+///   acl_set     family, name, and lines (texts) or entries (objects)
+///   acl_delete  family, name
+///   acl_list    nothing
+///   acl_show    family, name; answers with "lines" beside "data"
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, vrf_list, debug and trace arrays of objects, status an object. Commits answer with "items" (path and outcome)
 /// and, when an applier failed, "warnings" (path and message).

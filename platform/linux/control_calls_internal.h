@@ -28,6 +28,12 @@ control_json control_call_list(const control_json& request, const control_peer& 
 control_json control_call_dump(const control_json& request, const control_peer& peer);
 control_json control_call_show(const control_json& request, const control_peer& peer);
 
+// Access lists (control_acl_calls.cpp).
+control_json control_call_acl_set(const control_json& request, const control_peer& peer);
+control_json control_call_acl_delete(const control_json& request, const control_peer& peer);
+control_json control_call_acl_list(const control_json& request, const control_peer& peer);
+control_json control_call_acl_show(const control_json& request, const control_peer& peer);
+
 // The platform's state (control_state_calls.cpp).
 control_json control_call_vrf_list(const control_json& request, const control_peer& peer);
 control_json control_call_status(const control_json& request, const control_peer& peer);

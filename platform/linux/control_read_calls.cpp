@@ -3,6 +3,7 @@
 #include "linux/control_calls_internal.h"
 #include "linux/control_value.h"
 #include "linux/datastore_commit.h"
+#include "linux/record_json.h"
 #include "linux/schema_text.h"
 
 namespace {
@@ -82,5 +83,14 @@ control_json control_call_show(const control_json& request, const control_peer& 
     if (answer.records.empty()) {
         return no_data("%s: no data", *path);
     }
-    return failure(*path, ENOTSUP);
+    control_json records = control_json::array();
+    for (const datastore_record& record : answer.records) {
+        control_json json;
+        const platform_status status = record_to_json(record, json);
+        if (status != PLATFORM_OK) {
+            return failure(*path, status);
+        }
+        records.push_back(std::move(json));
+    }
+    return control_data_answer(answer.is_list ? std::move(records) : std::move(records[0]));
 }

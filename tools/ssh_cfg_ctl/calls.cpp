@@ -114,6 +114,57 @@ ctl_request trace_request(const argument_list& arguments) {
     return ask({{"call", "trace"}, {"buffer", arguments[0]}});
 }
 
+/// The texts of a file's lines.
+control_json lines_of(std::string_view text) {
+    control_json lines = control_json::array();
+    while (!text.empty()) {
+        const size_t end = text.find('\n');
+        lines.push_back(std::string(text.substr(0, end)));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return lines;
+}
+
+ctl_request acl_set_request(const argument_list& arguments) {
+    control_json problem;
+    const std::optional<std::string> text = ctl_read_file(arguments[3], problem);
+    if (!text.has_value()) {
+        return {{}, problem};
+    }
+    control_json request = {{"call", "acl_set"}, {"family", arguments[1]}, {"name", arguments[2]}};
+    const size_t start = text->find_first_not_of(" \t\r\n");
+    if (start != std::string::npos && (*text)[start] == '[') {
+        std::string error;
+        std::optional<control_json> entries = control_json_parse(*text, error);
+        if (!entries.has_value()) {
+            return fail(control_result::refused, arguments[3] + ": " + error);
+        }
+        request["entries"] = std::move(*entries);
+    } else if (!control_is_utf8(*text)) {
+        return fail(control_result::refused, arguments[3] + ": the file is not UTF-8 text");
+    } else {
+        request["lines"] = lines_of(*text);
+    }
+    return ask(std::move(request));
+}
+
+ctl_request acl_request(const argument_list& arguments) {
+    const std::string verb = arguments.empty() ? "" : arguments[0];
+    if (verb == "list" && arguments.size() == 1) {
+        return ask({{"call", "acl_list"}});
+    }
+    if (arguments.size() < 3 || (arguments[1] != "ipv4" && arguments[1] != "ipv6")) {
+        return wrong_arguments();
+    }
+    if (verb == "set" && arguments.size() == 4) {
+        return acl_set_request(arguments);
+    }
+    if ((verb == "show" || verb == "delete") && arguments.size() == 3) {
+        return ask({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}});
+    }
+    return wrong_arguments();
+}
+
 const control_json& data_of(const control_json& answer) {
     static const control_json none;
     const auto data = answer.find("data");
@@ -189,6 +240,22 @@ std::string trace_text(const control_json& answer) {
     return text.empty() ? "no entries\n" : text;
 }
 
+/// Of a list its lines, of all lists a table, of a change how many entries it has stored.
+std::string acl_text(const control_json& answer) {
+    if (const auto lines = answer.find("lines"); lines != answer.end()) {
+        std::string text;
+        for (const control_json& line : *lines) {
+            text += line.get<std::string>() + '\n';
+        }
+        return text.empty() ? "no entries\n" : text;
+    }
+    if (const auto entries = answer.find("entries"); entries != answer.end()) {
+        return control_json_text(*entries) + " entries stored\n";
+    }
+    const control_json& lists = data_of(answer);
+    return lists.is_array() && lists.empty() ? "no access lists\n" : lists.is_array() ? ctl_data_text(lists) : "";
+}
+
 std::string status_text(const control_json& answer) {
     control_json record = data_of(answer);
     const control_json vrfs = record.value("vrfs", control_json::array());
@@ -205,6 +272,10 @@ constexpr ctl_call_row calls[] = {
     {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
     {"dump", "", "print the stored configuration, fit to be loaded again", bare_request<dump_name>, dump_text},
     {"show", "PATH", "print operational data", path_request<show_name>, show_text},
+    {"acl", "set ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
+     "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
+     "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
+     acl_request, acl_text},
     {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, show_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, show_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
