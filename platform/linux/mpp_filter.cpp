@@ -9,6 +9,7 @@
 #include <libnftnl/rule.h>
 #include <libnftnl/set.h>
 #include <libnftnl/table.h>
+#include <libnftnl/udata.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -31,6 +32,8 @@ namespace {
 constexpr char table_name[] = "norvo_mpp";
 constexpr char set_name[] = "service_ports";
 constexpr char chain_name[] = "input";
+/// Kept with the table, where nft shows it: a table that says so was made as it is made here. To be changed with it.
+constexpr char table_comment[] = "management-plane protection, 1";
 constexpr uint32_t set_id = 1;
 constexpr uint32_t port_datatype = 13;   ///< nft's number of the type inet_service, by which nft shows the set
 constexpr int32_t chain_priority = -10;  ///< before the access lists
@@ -59,12 +62,30 @@ Pointer required(Pointer object) {
     return object;
 }
 
-void add_table(filter_batch& batch, uint16_t type, uint32_t table_flags, uint16_t message_flags = 0) {
+/// What a table carries for its user, here the comment, in the form in which nft keeps it.
+class table_userdata {
+  public:
+    table_userdata() : buffer(required(nftnl_udata_buf_alloc(sizeof table_comment + 16))) {
+        nftnl_udata_put_strz(buffer, NFTNL_UDATA_TABLE_COMMENT, table_comment);
+    }
+    ~table_userdata() { nftnl_udata_buf_free(buffer); }
+    table_userdata(const table_userdata&) = delete;
+    table_userdata& operator=(const table_userdata&) = delete;
+    const void* data() const { return nftnl_udata_buf_data(buffer); }
+    uint32_t size() const { return nftnl_udata_buf_len(buffer); }
+
+  private:
+    nftnl_udata_buf* buffer;
+};
+
+void add_table(filter_batch& batch, uint16_t type, uint32_t table_flags) {
     const table_pointer table = required(table_pointer(nftnl_table_alloc()));
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_name);
     nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, table_flags);
-    nftnl_table_nlmsg_build_payload(batch.begin_message(type, message_flags), table.get());
+    const table_userdata userdata;
+    nftnl_table_set_data(table.get(), NFTNL_TABLE_USERDATA, userdata.data(), userdata.size());
+    nftnl_table_nlmsg_build_payload(batch.begin_message(type), table.get());
     batch.end_message();
 }
 
@@ -191,7 +212,7 @@ void add_contents(filter_batch& batch) {
 
 int make_new_table(const filter_connection& connection, bool blocked) {
     filter_batch batch;
-    add_table(batch, NFT_MSG_NEWTABLE, flags_for(blocked), NLM_F_EXCL);
+    add_table(batch, NFT_MSG_NEWTABLE, flags_for(blocked));
     add_contents(batch);
     return connection.transact(batch);
 }
@@ -204,18 +225,24 @@ int replace_table(const filter_connection& connection, bool blocked) {
     return connection.transact(batch);
 }
 
-int make_table(const filter_connection& connection, bool blocked) {
-    const int error = make_new_table(connection, blocked);
-    return error == EEXIST ? replace_table(connection, blocked) : error;
-}
-
 int change_table(const filter_connection& connection, bool blocked) {
     filter_batch batch;
     add_table(batch, NFT_MSG_NEWTABLE, flags_for(blocked));
     return connection.transact(batch);
 }
 
-enum class filter_state : uint8_t { absent, open, blocked };
+struct filter_state {
+    bool exists;
+    bool blocked;
+    bool up_to_date;  ///< made as it is made here
+};
+
+bool has_comment(const nftnl_table* table) {
+    uint32_t size = 0;
+    const void* data = nftnl_table_get_data(table, NFTNL_TABLE_USERDATA, &size);
+    const table_userdata expected;
+    return data != nullptr && size == expected.size() && memcmp(data, expected.data(), size) == 0;
+}
 
 /// Called with the kernel's description of the table.
 int note_state(const nlmsghdr* header, void* data) {
@@ -224,7 +251,7 @@ int note_state(const nlmsghdr* header, void* data) {
         return MNL_CB_ERROR;
     }
     const bool dormant = (nftnl_table_get_u32(table.get(), NFTNL_TABLE_FLAGS) & NFT_TABLE_F_DORMANT) != 0;
-    *static_cast<filter_state*>(data) = dormant ? filter_state::open : filter_state::blocked;
+    *static_cast<filter_state*>(data) = {true, !dormant, has_comment(table.get())};
     return MNL_CB_OK;
 }
 
@@ -234,24 +261,34 @@ int read_state(const filter_connection& connection, filter_state& state) {
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_name);
     nlmsghdr* header = nftnl_nlmsg_build_hdr(request, NFT_MSG_GETTABLE, NFPROTO_INET, NLM_F_ACK, 0);
     nftnl_table_nlmsg_build_payload(header, table.get());
-    state = filter_state::absent;
+    state = {};
     const int error = connection.ask(header, note_state, &state);
     return error == ENOENT ? 0 : error;
 }
 
-int block(const filter_connection& connection) {
-    filter_state state = filter_state::absent;
+int make_table(const filter_connection& connection, bool blocked) {
+    filter_state state = {};
     const int error = read_state(connection, state);
-    if (error != 0 || state == filter_state::blocked) {
+    if (error != 0) {
         return error;
     }
-    return state == filter_state::absent ? make_table(connection, true) : change_table(connection, true);
+    if (!state.exists) {
+        return make_new_table(connection, blocked);
+    }
+    if (!state.up_to_date) {
+        return replace_table(connection, blocked);
+    }
+    return state.blocked == blocked ? 0 : change_table(connection, blocked);
+}
+
+int block(const filter_connection& connection) {
+    return make_table(connection, true);
 }
 
 int open_ports(const filter_connection& connection) {
-    filter_state state = filter_state::absent;
+    filter_state state = {};
     const int error = read_state(connection, state);
-    return error != 0 || state != filter_state::blocked ? error : change_table(connection, false);
+    return error != 0 || !state.blocked ? error : change_table(connection, false);
 }
 
 /// Runs an operation in a VRF's namespace and says what went wrong.
@@ -285,10 +322,10 @@ platform_status mpp_filter_open(const std::string& vrf_name, std::string& failur
 
 platform_status mpp_filter_is_blocked(const std::string& vrf_name, bool& blocked, std::string& failure) {
     return in_vrf(vrf_name, "The packet filter cannot be read", failure, [&](const filter_connection& connection) {
-        filter_state state = filter_state::absent;
+        filter_state state = {};
         const int error = read_state(connection, state);
         if (error == 0) {
-            blocked = state == filter_state::blocked;
+            blocked = state.blocked;
         }
         return error;
     });

@@ -1,6 +1,7 @@
 /// The packet filter behind the management-plane protection: one nftables table in each VRF's network namespace.
 ///
 ///     table inet norvo_mpp {
+///         comment "management-plane protection, 1"
 ///         flags dormant
 ///         set service_ports { type inet_service; flags constant; elements = { 22, 830 } }
 ///         chain input {
@@ -27,10 +28,10 @@
 
 #include "platform/status.h"
 
-/// Makes the table, blocked or open. Whatever has stood under its name is replaced in the same step.
+/// Makes the table, blocked or open. What another version has left under its name is replaced in the same step.
 platform_status mpp_filter_make(const std::string& vrf_name, bool blocked, std::string& failure);
 
-/// Blocks the services' ports; makes the table when the namespace has none.
+/// Blocks the services' ports; makes the table when the namespace has none, or another version's.
 platform_status mpp_filter_block(const std::string& vrf_name, std::string& failure);
 
 /// Opens the services' ports; a namespace without the table is open.

@@ -207,25 +207,31 @@ void directory_is_gone(namespace_watch& watch) {
     watch_directory_again(watch);
 }
 
+void handle_entry_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
+    if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        namespace_is_gone(watch, name);
+    } else {
+        look_at(watch, name);
+    }
+}
+
+void handle_directory_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
+    if ((mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+        directory_is_gone(watch);
+    } else if (is_vrf_namespace_name(name)) {
+        handle_entry_change(watch, mask, name);
+    }
+}
+
 void handle_change(namespace_watch& watch, const inotify_event& event) {
     const std::string name = event.len > 0 ? event.name : "";
     if ((event.mask & IN_Q_OVERFLOW) != 0) {
         platform_log(LOG_WARNING, "The watch of %s has overflowed, it is read anew", namespace_directory);
         rescan(watch);
-    } else if (event.wd == watch.parent_watch) {
-        if (name == directory_name) {
-            watch_directory_again(watch);
-        }
-    } else if (event.wd != watch.directory_watch) {
-        return;
-    } else if ((event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-        directory_is_gone(watch);
-    } else if (!is_vrf_namespace_name(name)) {
-        return;
-    } else if ((event.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
-        namespace_is_gone(watch, name);
-    } else {
-        look_at(watch, name);
+    } else if (event.wd == watch.directory_watch) {
+        handle_directory_change(watch, event.mask, name);
+    } else if (event.wd == watch.parent_watch && name == directory_name) {
+        watch_directory_again(watch);
     }
 }
 

@@ -55,11 +55,10 @@ class mpp_filter_test : public testing::Test {
     ino_t own = 0;
 };
 
-constexpr char dormant_line[] = "\tflags dormant\n\n";
-constexpr char open_table[] =
-    "table inet norvo_mpp {\n"
-    "\tflags dormant\n"
-    "\n"
+/// nft sets the flags off by a blank line.
+const std::string first_line = "table inet norvo_mpp {\n";
+const std::string comment = "\tcomment \"management-plane protection, 1\"\n";
+const std::string contents =
     "\tset service_ports {\n"
     "\t\ttype inet_service\n"
     "\t\tflags constant\n"
@@ -71,17 +70,14 @@ constexpr char open_table[] =
     "\t\ttcp flags syn / fin,syn,rst,ack tcp dport @service_ports drop\n"
     "\t}\n"
     "}\n";
-
-std::string without_line(std::string text, const std::string& line) {
-    const size_t position = text.find(line);
-    return position == std::string::npos ? text : text.erase(position, line.size());
-}
+const std::string open_table = first_line + "\tflags dormant\n" + comment + "\n" + contents;
+const std::string blocked_table = first_line + comment + contents;
 
 TEST_F(mpp_filter_test, the_table_reads_as_an_operator_would_write_it) {
     ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
     EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
     ASSERT_EQ(0u, mpp_filter_block(red, failure)) << failure;
-    EXPECT_EQ(without_line(open_table, dormant_line), nft_in(red, "list ruleset"));
+    EXPECT_EQ(blocked_table, nft_in(red, "list ruleset"));
     ASSERT_EQ(0u, mpp_filter_open(red, failure)) << failure;
     EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
 }
@@ -188,6 +184,33 @@ TEST_F(mpp_filter_test, what_stands_under_the_tables_name_is_replaced) {
     bool blocked = false;
     EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
     EXPECT_TRUE(blocked);
+}
+
+/// The kernel gives each table that is made a new number; nft shows it behind the table's first line.
+std::string table_handle() {
+    const std::string listing = nft_in(red, "-a list ruleset");
+    return listing.substr(0, listing.find('\n'));
+}
+
+TEST_F(mpp_filter_test, a_table_of_this_version_is_kept) {
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    const std::string before = table_handle();
+    EXPECT_NE(std::string::npos, before.find("# handle")) << before;
+    ASSERT_EQ(0u, mpp_filter_make(red, true, failure)) << failure;
+    EXPECT_EQ(before, table_handle());
+    bool blocked = false;
+    EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+    EXPECT_TRUE(blocked);
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    EXPECT_EQ(before, table_handle());
+}
+
+TEST_F(mpp_filter_test, a_block_does_not_rely_on_another_versions_table) {
+    listen_on(22);
+    listen_on(830);
+    EXPECT_EQ("", nft_in(red, "'add table inet norvo_mpp'"));
+    ASSERT_EQ(0u, mpp_filter_block(red, failure)) << failure;
+    expect_reachable(false);
 }
 
 TEST_F(mpp_filter_test, other_tables_and_namespaces_are_left_alone) {
