@@ -99,6 +99,11 @@ constexpr schema_form backup_place = tuple("port and VRF of the backup server, n
 
 // In byte order of the patterns.
 constexpr schema_row rows[] = {
+    {"/cfg/gl/crypto/fipsmode/value",
+     flag("FIPS mode is on while this item exists, whatever its value"),
+     no_wildcard,
+     {},
+     {}},
     {CLIENT "algorithms/cipher", cipher_list, no_wildcard, ciphers, schema_tuple_rule::list},
     {CLIENT "algorithms/key-exchange", key_exchange_list, no_wildcard, key_exchanges, schema_tuple_rule::list},
     {CLIENT "disable/hmac/hmac_sha1", mac_disabled, no_wildcard, {}, {}},

@@ -8,9 +8,11 @@
 server_configuration server;
 client_configuration client;
 
+char server_cipher_base[algorithm_list_size];
 char server_cipher_list[algorithm_list_size];
 char server_mac_list[algorithm_list_size];
 char server_dscp[setting_text_size];
+char client_cipher_base[algorithm_list_size];
 char client_cipher_list[algorithm_list_size];
 char client_mac_list[algorithm_list_size];
 char client_dscp[setting_text_size];
@@ -110,9 +112,11 @@ void fill_parameter_tables() {
     server = server_defaults;
     server.nodes = nodes;
     client = client_defaults;
+    copy_text(server_cipher_base, sizeof server_cipher_base, default_cipher_list);
     copy_text(server_cipher_list, sizeof server_cipher_list, default_cipher_list);
     copy_text(server_mac_list, sizeof server_mac_list, default_mac_list);
     copy_text(server_dscp, sizeof server_dscp, default_dscp);
+    copy_text(client_cipher_base, sizeof client_cipher_base, default_cipher_list);
     copy_text(client_cipher_list, sizeof client_cipher_list, default_cipher_list);
     copy_text(client_mac_list, sizeof client_mac_list, default_mac_list);
     copy_text(client_dscp, sizeof client_dscp, default_dscp);

@@ -88,10 +88,12 @@ struct client_configuration {
 extern server_configuration server;
 extern client_configuration client;
 
-// Texts that the appliers edit; filled together with the tables.
+// Texts that the appliers edit; filled together with the tables. A base is a list without the legacy ciphers.
+extern char server_cipher_base[algorithm_list_size];
 extern char server_cipher_list[algorithm_list_size];
 extern char server_mac_list[algorithm_list_size];
 extern char server_dscp[setting_text_size];
+extern char client_cipher_base[algorithm_list_size];
 extern char client_cipher_list[algorithm_list_size];
 extern char client_mac_list[algorithm_list_size];
 extern char client_dscp[setting_text_size];

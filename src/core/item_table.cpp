@@ -3,6 +3,11 @@
 #include <array>
 #include <iterator>
 
+#include "appliers/algorithm_lists.h"
+#include "appliers/algorithm_verifiers.h"
+#include "appliers/client_settings.h"
+#include "appliers/host_key_algorithms.h"
+#include "appliers/mac_disabling.h"
 #include "appliers/server_settings.h"
 #include "appliers/vrf_name_verifier.h"
 #include "core/default_handlers.h"
@@ -26,19 +31,19 @@ constexpr datastore_item_handler handlers[] = {
     /* 5  portnvrf                       */ {tuple, default_verifier, unsupported_item_applier},
     /* 6  cmn/timeout                    */ {number, default_verifier, sshd_apply_timeout},
     /* 7  cmn/rate_limit                 */ {number, default_verifier, sshd_apply_rate_limit},
-    /* 8  cmn/disable/hmac/hmac_sha512   */ {number, nullptr, nullptr},
-    /* 9  cmn/disable/hmac/hmac_sha1     */ {number, nullptr, nullptr},
-    /* 10 cmn/disable/hmac/hmac_sha256   */ {number, nullptr, nullptr},
-    /* 11 cmn/enable/cipher              */ {tuple, nullptr, nullptr},
+    /* 8  cmn/disable/hmac/hmac_sha512   */ {number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha512},
+    /* 9  cmn/disable/hmac/hmac_sha1     */ {number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha1},
+    /* 10 cmn/disable/hmac/hmac_sha256   */ {number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha256},
+    /* 11 cmn/enable/cipher              */ {tuple, default_verifier, sshd_apply_cipher},
     /* 12 cmn/session_limit              */ {number, default_verifier, sshd_apply_session_limit},
     /* 13 cmn/logging                    */ {number, default_verifier, sshd_apply_logging},
     /* 14 cmn/dscp                       */ {number, default_verifier, sshd_apply_dscp},
     /* 15 cmn/capability/netconf-xml     */ {number, default_verifier, default_applier},
     /* 16 cmn/rekey_time                 */ {number, default_verifier, sshd_apply_rekey_time},
     /* 17 cmn/rekey_volume               */ {number, default_verifier, sshd_apply_rekey_volume},
-    /* 18 cmn/algorithms/key-exchange    */ {tuple, nullptr, nullptr},
-    /* 19 cmn/algorithms/cipher          */ {tuple, nullptr, nullptr},
-    /* 20 cmn/algorithms/host-key        */ {tuple, nullptr, nullptr},
+    /* 18 cmn/algorithms/key-exchange    */ {tuple, kex_verifier, sshd_apply_kexalgo},
+    /* 19 cmn/algorithms/cipher          */ {tuple, cipher_verifier, sshd_apply_cipheralgo},
+    /* 20 cmn/algorithms/host-key        */ {tuple, host_key_verifier, sshd_apply_hostkeyalgo},
     /* 21 cmn/tcp_window_scale           */ {number, default_verifier, sshd_apply_tcp_window_scale},
     /* 22 cmn/username/NAME              */ {number, default_verifier, default_applier},
     /* 23 cmn/username/NAME/keystr       */ {text, nullptr, nullptr},
@@ -47,21 +52,21 @@ constexpr datastore_item_handler handlers[] = {
     /* 26 cmn/certificate/username       */ {tuple, nullptr, nullptr},
     /* 27 cmn/max_auth_limit             */ {number, default_verifier, sshd_apply_max_auth_limit},
     /* 28 cmn/port_forwarding            */ {number, default_verifier, sshd_apply_port_forwarding},
-    /* 29 dscp                           */ {number, nullptr, nullptr},
-    /* 30 rekey_time                     */ {number, nullptr, nullptr},
-    /* 31 rekey_volume                   */ {number, nullptr, nullptr},
-    /* 32 algorithms/key-exchange        */ {tuple, nullptr, nullptr},
-    /* 33 algorithms/cipher              */ {tuple, nullptr, nullptr},
-    /* 34 disable/hmac/hmac_sha1         */ {number, nullptr, nullptr},
-    /* 35 disable/hmac/hmac_sha512       */ {number, nullptr, nullptr},
-    /* 36 disable/hmac/hmac_sha256       */ {number, nullptr, nullptr},
-    /* 37 enable/cipher                  */ {tuple, nullptr, nullptr},
-    /* 38 host_pubkey                    */ {text, nullptr, nullptr},
+    /* 29 dscp                           */ {number, default_verifier, ssh_client_apply_dscp},
+    /* 30 rekey_time                     */ {number, default_verifier, ssh_client_apply_rekey_time},
+    /* 31 rekey_volume                   */ {number, default_verifier, ssh_client_apply_rekey_volume},
+    /* 32 algorithms/key-exchange        */ {tuple, kex_verifier, ssh_client_apply_kexalgo},
+    /* 33 algorithms/cipher              */ {tuple, cipher_verifier, ssh_client_apply_cipheralgo},
+    /* 34 disable/hmac/hmac_sha1         */ {number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha1},
+    /* 35 disable/hmac/hmac_sha512       */ {number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha512},
+    /* 36 disable/hmac/hmac_sha256       */ {number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha256},
+    /* 37 enable/cipher                  */ {tuple, default_verifier, ssh_client_apply_cipher},
+    /* 38 host_pubkey                    */ {text, default_verifier, ssh_client_apply_known_hosts},
     /* 39 vrf                            */ {text, default_verifier, default_applier},
-    /* 40 v2                             */ {number, nullptr, nullptr},
+    /* 40 v2                             */ {number, default_verifier, ssh_client_apply_v2},
     /* 41 v1                             */ {number, default_verifier, unsupported_item_applier},
     /* 42 source                         */ {text, default_verifier, default_applier},
-    /* 43 tcp_window_scale               */ {number, nullptr, nullptr},
+    /* 43 tcp_window_scale               */ {number, default_verifier, ssh_client_apply_tcp_window_scale},
 };
 
 /// A node of the tree below, in the order in which a walk meets it: what has a greater depth than its predecessor is

@@ -46,6 +46,7 @@ inline constexpr char telemetry_event[] =
 inline constexpr char server_tree[] = "/cfg/gl/crypto/ssh/server/";
 inline constexpr char client_tree[] = "/cfg/gl/crypto/ssh/client/";
 inline constexpr char backup_tree[] = "/cfg/gl/crypto/ssh/sshd_backup/";
+inline constexpr char crypto_tree[] = "/cfg/gl/crypto/";
 inline constexpr char banner_tree[] = "/cfg/gl/banner/";
 inline constexpr char aaa_banner_tree[] = "/cfg/gl/aaa/banner/";
 

@@ -18,6 +18,7 @@
 #include "core/paths.h"
 #include "core/trace_points.h"
 #include "core/upcalls.h"
+#include "fips/fips_switch.h"
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
 #include "platform/process_manager.h"
@@ -222,6 +223,16 @@ start_up_status write_lines() {
     return START_UP_DONE;
 }
 
+start_up_status register_fips() {
+    debug_print("Registering for FIPS mode notification");
+    const platform_status status = norvossh_fips_register();
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, "Failed to register for fips notification");
+        return START_UP_FIPS;
+    }
+    return START_UP_DONE;
+}
+
 /// Without the messages the servers of VRFs whose namespaces exist still run, so a failure is not fatal.
 start_up_status attach_namespace_messages() {
     const platform_status status =
@@ -297,6 +308,7 @@ constexpr start_up_step steps[] = {
     {"datastore", set_up_datastore},
     {"ready", report_ready},
     {"initial lines", write_lines},
+    {"FIPS mode", register_fips},
     {"namespace messages", attach_namespace_messages},
     {"protection", open_protection},
     {"default unit", create_default_unit},

@@ -10,6 +10,11 @@
 #include <vector>
 
 #include "../agent_test.h"
+#include "appliers/algorithm_lists.h"
+#include "appliers/algorithm_verifiers.h"
+#include "appliers/client_settings.h"
+#include "appliers/host_key_algorithms.h"
+#include "appliers/mac_disabling.h"
 #include "appliers/server_settings.h"
 #include "appliers/vrf_name_verifier.h"
 #include "core/debug.h"
@@ -42,19 +47,19 @@ const expected_item items[] = {
     {"portnvrf", tuple, default_verifier, unsupported_item_applier},
     {"cmn/timeout", number, default_verifier, sshd_apply_timeout},
     {"cmn/rate_limit", number, default_verifier, sshd_apply_rate_limit},
-    {"cmn/disable/hmac/hmac_sha512", number, nullptr, nullptr},
-    {"cmn/disable/hmac/hmac_sha1", number, nullptr, nullptr},
-    {"cmn/disable/hmac/hmac_sha256", number, nullptr, nullptr},
-    {"cmn/enable/cipher", tuple, nullptr, nullptr},
+    {"cmn/disable/hmac/hmac_sha512", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha512},
+    {"cmn/disable/hmac/hmac_sha1", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha1},
+    {"cmn/disable/hmac/hmac_sha256", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha256},
+    {"cmn/enable/cipher", tuple, default_verifier, sshd_apply_cipher},
     {"cmn/session_limit", number, default_verifier, sshd_apply_session_limit},
     {"cmn/logging", number, default_verifier, sshd_apply_logging},
     {"cmn/dscp", number, default_verifier, sshd_apply_dscp},
     {"cmn/capability/netconf-xml", number, default_verifier, default_applier},
     {"cmn/rekey_time", number, default_verifier, sshd_apply_rekey_time},
     {"cmn/rekey_volume", number, default_verifier, sshd_apply_rekey_volume},
-    {"cmn/algorithms/key-exchange", tuple, nullptr, nullptr},
-    {"cmn/algorithms/cipher", tuple, nullptr, nullptr},
-    {"cmn/algorithms/host-key", tuple, nullptr, nullptr},
+    {"cmn/algorithms/key-exchange", tuple, kex_verifier, sshd_apply_kexalgo},
+    {"cmn/algorithms/cipher", tuple, cipher_verifier, sshd_apply_cipheralgo},
+    {"cmn/algorithms/host-key", tuple, host_key_verifier, sshd_apply_hostkeyalgo},
     {"cmn/tcp_window_scale", number, default_verifier, sshd_apply_tcp_window_scale},
     {"cmn/username/NAME", number, default_verifier, default_applier},
     {"cmn/username/NAME/keystr", text, nullptr, nullptr},
@@ -63,21 +68,21 @@ const expected_item items[] = {
     {"cmn/certificate/username", tuple, nullptr, nullptr},
     {"cmn/max_auth_limit", number, default_verifier, sshd_apply_max_auth_limit},
     {"cmn/port_forwarding", number, default_verifier, sshd_apply_port_forwarding},
-    {"dscp", number, nullptr, nullptr},
-    {"rekey_time", number, nullptr, nullptr},
-    {"rekey_volume", number, nullptr, nullptr},
-    {"algorithms/key-exchange", tuple, nullptr, nullptr},
-    {"algorithms/cipher", tuple, nullptr, nullptr},
-    {"disable/hmac/hmac_sha1", number, nullptr, nullptr},
-    {"disable/hmac/hmac_sha512", number, nullptr, nullptr},
-    {"disable/hmac/hmac_sha256", number, nullptr, nullptr},
-    {"enable/cipher", tuple, nullptr, nullptr},
-    {"host_pubkey", text, nullptr, nullptr},
+    {"dscp", number, default_verifier, ssh_client_apply_dscp},
+    {"rekey_time", number, default_verifier, ssh_client_apply_rekey_time},
+    {"rekey_volume", number, default_verifier, ssh_client_apply_rekey_volume},
+    {"algorithms/key-exchange", tuple, kex_verifier, ssh_client_apply_kexalgo},
+    {"algorithms/cipher", tuple, cipher_verifier, ssh_client_apply_cipheralgo},
+    {"disable/hmac/hmac_sha1", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha1},
+    {"disable/hmac/hmac_sha512", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha512},
+    {"disable/hmac/hmac_sha256", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha256},
+    {"enable/cipher", tuple, default_verifier, ssh_client_apply_cipher},
+    {"host_pubkey", text, default_verifier, ssh_client_apply_known_hosts},
     {"vrf", text, default_verifier, default_applier},
-    {"v2", number, nullptr, nullptr},
+    {"v2", number, default_verifier, ssh_client_apply_v2},
     {"v1", number, default_verifier, unsupported_item_applier},
     {"source", text, default_verifier, default_applier},
-    {"tcp_window_scale", number, nullptr, nullptr},
+    {"tcp_window_scale", number, default_verifier, ssh_client_apply_tcp_window_scale},
 };
 
 const datastore_item_node& node_at(int32_t index) {

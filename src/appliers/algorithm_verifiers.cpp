@@ -1,0 +1,257 @@
+#include "appliers/algorithm_verifiers.h"
+
+#include <cerrno>
+#include <cstring>
+#include <span>
+
+#include "appliers/host_key_algorithms.h"
+#include "appliers/name_tuple.h"
+#include "appliers/trace_points.h"
+#include "config_files/algorithm_names.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/refusal.h"
+#include "fips/fips_mode.h"
+
+namespace {
+
+constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
+
+// A name's place is its bit in the set of the names that were seen.
+constexpr const char* kex_names[] = {
+    "ecdh-sha2-nistp521",
+    "ecdh-sha2-nistp384",
+    "ecdh-sha2-nistp256",
+    "diffie-hellman-group14-sha1",
+    "diffie-hellman-group1-sha1",
+    ALGORITHM_CURVE25519_SHA256,
+    "diffie-hellman-group14-sha256",
+    "diffie-hellman-group16-sha512",
+    ALGORITHM_CURVE25519_SHA256_LIBSSH,
+};
+
+constexpr const char* cipher_names[] = {
+    "aes128-ctr", "aes192-ctr", "aes256-ctr", ALGORITHM_AES128_GCM, ALGORITHM_AES256_GCM,
+    "aes128-cbc", "aes192-cbc", "aes256-cbc", "3des-cbc",           ALGORITHM_CHACHA20_POLY1305,
+};
+
+constexpr const char* kex_outside_fips[] = {ALGORITHM_CURVE25519_SHA256, ALGORITHM_CURVE25519_SHA256_LIBSSH};
+constexpr const char* ciphers_outside_fips[] = {ALGORITHM_CHACHA20_POLY1305};
+
+/// A kind of list and what is said of it.
+struct list_rules {
+    std::span<const char* const> names;         ///< all there are; as many fit a list
+    std::span<const char* const> outside_fips;  ///< refused in FIPS mode
+    const char* dropped_name;                   ///< its applier drops it, so it must not be alone
+    uint32_t trace_point;
+    const char* unpack_tag;
+    const char* unpack_text;
+    const char* question_text;
+    const char* outside_fips_debug;
+    const char* outside_fips_text;
+    const char* unknown_text;
+    const char* repeated_text;
+    const char* alone_text;
+    const char* second_question_message;  ///< null: the dropped name may be named in FIPS mode, and nobody asks
+    const char* dropped_in_fips_text;
+};
+
+constexpr list_rules kex_rules = {
+    .names = kex_names,
+    .outside_fips = kex_outside_fips,
+    .dropped_name = "diffie-hellman-group1-sha1",
+    .trace_point = appliers_trace_kex_refused,
+    .unpack_tag = "KEX-ALGO-VERIFY",
+    .unpack_text = "tuple unpack failed for ssh kexalgorithms",
+    .question_text = "Failed to check fips mode in kex verifier",
+    .outside_fips_debug = "Kex Algo = %s not allowed in FIPS mode",
+    .outside_fips_text =
+        ALGORITHM_CURVE25519_SHA256 "," ALGORITHM_CURVE25519_SHA256_LIBSSH
+                                    "  not allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode.",
+    .unknown_text = "unknown ssh kexalgorithms %s",
+    .repeated_text = "Kex-algorithms:=%s, selected multiple times",
+    .alone_text = "diffie-hellman-group1-sha1 is not supported, SSH will not work with only this config",
+    .second_question_message = "Failed to check fips mode in  Kexalgo Verifier",
+    .dropped_in_fips_text = "key exchange                               algorithms %s not supported in fips mode",
+};
+
+constexpr list_rules cipher_rules = {
+    .names = cipher_names,
+    .outside_fips = ciphers_outside_fips,
+    .dropped_name = "3des-cbc",
+    .trace_point = appliers_trace_cipher_refused,
+    .unpack_tag = "CIPHER-ALGO-VERIFY",
+    .unpack_text = "tuple unpack failed for ssh cipher algorithms",
+    .question_text = "Failed to check fips mode in cipher verifier",
+    .outside_fips_debug = "Cipher = %s not allowed in FIPS mode",
+    .outside_fips_text =
+        "chacha20-poly1305 not allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode.",
+    .unknown_text = "unknown ssh cipher algorithms %s",
+    .repeated_text = "Cipher-algorithms:=%s, selected multiple times",
+    .alone_text = "3des-cbc is not supported in norvossh, SSH cannot work with this option only",
+    .second_question_message = nullptr,
+    .dropped_in_fips_text = nullptr,
+};
+
+static_assert(kex_rules.names.size() == kex_name_count && cipher_rules.names.size() == cipher_name_count);
+
+/// Where a refusal goes.
+struct refusal_target {
+    char** error_text;
+    uint32_t* accepted;
+};
+
+bool is_name(const char* name, const char* wanted) {
+    return std::strncmp(name, wanted, TUPLE_NAME_MAX) == 0;
+}
+
+/// The name's place among `names`, -1 when it has none.
+int index_of(std::span<const char* const> names, const char* name) {
+    for (size_t i = 0; i < names.size(); i++) {
+        if (is_name(name, names[i])) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+platform_status refuse(const list_rules& rules, const refusal_target& to, const char* format, const char* name) {
+    return refuse_change(to.error_text, to.accepted, EINVAL, rules.trace_point, format, name);
+}
+
+/// Asks for FIPS mode when a name needs it.
+platform_status verify_in_fips_mode(const list_rules& rules, const refusal_target& to, const char* name) {
+    if (index_of(rules.outside_fips, name) < 0) {
+        return PLATFORM_OK;
+    }
+    const int32_t fips_mode = fips_mode_get();
+    if (fips_mode < 0) {
+        return refuse(rules, to, "%s", rules.question_text);
+    }
+    if (fips_mode == 0) {
+        return PLATFORM_OK;
+    }
+    debug_print(rules.outside_fips_debug, name);
+    return refuse(rules, to, "%s", rules.outside_fips_text);
+}
+
+platform_status verify_name(const list_rules& rules, const refusal_target& to, const char* name, uint32_t* seen) {
+    const platform_status status = verify_in_fips_mode(rules, to, name);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    const int index = index_of(rules.names, name);
+    if (index < 0) {
+        return refuse(rules, to, rules.unknown_text, name);
+    }
+    const uint32_t bit = 1U << index;
+    if ((*seen & bit) != 0) {
+        return refuse(rules, to, rules.repeated_text, name);
+    }
+    *seen |= bit;
+    return PLATFORM_OK;
+}
+
+/// What is asked of the name that is going to be dropped.
+platform_status verify_dropped_name(const list_rules& rules, const refusal_target& to, const name_tuple& list) {
+    int32_t fips_mode = 0;
+    if (rules.second_question_message != nullptr) {
+        fips_mode = fips_mode_get();
+        if (fips_mode < 0) {
+            log_error(rules.second_question_message);
+            trace_error(rules.trace_point, {rules.second_question_message});
+            *to.accepted = 0;
+            return 1;
+        }
+    }
+    const bool present = index_of({list.names, list.count}, rules.dropped_name) >= 0;
+    if (present && list.count == 1) {
+        return refuse(rules, to, "%s", rules.alone_text);
+    }
+    return present && fips_mode == 1 ? refuse(rules, to, rules.dropped_in_fips_text, rules.dropped_name) : PLATFORM_OK;
+}
+
+platform_status verify_list(const list_rules& rules, const datastore_change& change, const refusal_target& to) {
+    name_tuple list = {};
+    platform_status status = unpack_names(change, static_cast<uint32_t>(rules.names.size()), rules.unpack_tag, &list);
+    if (status != PLATFORM_OK) {
+        return refuse_change(to.error_text, to.accepted, status, rules.trace_point, "%s", rules.unpack_text);
+    }
+    uint32_t seen = 0;
+    for (uint32_t i = 0; i < list.count; i++) {
+        status = verify_name(rules, to, list.names[i], &seen);
+        if (status != PLATFORM_OK) {
+            return status;
+        }
+    }
+    return verify_dropped_name(rules, to, list);
+}
+
+platform_status accept_when_ok(platform_status status, uint32_t* accepted) {
+    if (status == PLATFORM_OK) {
+        *accepted = 1;
+    }
+    return status;
+}
+
+bool needs_checking(const datastore_change& change) {
+    return (change.event & create_or_set) != 0;
+}
+
+bool names_key_outside_fips(const int32_t* flags) {
+    for (const host_key_flag flag :
+         {HOST_KEY_ALL_RSA, HOST_KEY_DSS, HOST_KEY_X509V3_RSA, HOST_KEY_ED25519, HOST_KEY_SSH_RSA}) {
+        if (flags[flag] != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+platform_status refuse_host_key(const refusal_target& to, platform_status status, const char* text) {
+    return refuse_change(to.error_text, to.accepted, status, appliers_trace_host_key_refused, "%s", text);
+}
+
+platform_status verify_host_keys(const datastore_change& change, const refusal_target& to) {
+    int32_t flags[host_key_flag_count] = {};
+    const platform_status status = unpack_flags(change, host_key_flag_count, "HOSTKEY-ALGO-VERIFY", flags);
+    if (status != PLATFORM_OK) {
+        return refuse_host_key(to, status, "tuple unpack failed for ssh hostkey algorithms");
+    }
+    if (!names_key_outside_fips(flags)) {
+        return PLATFORM_OK;
+    }
+    const int32_t fips_mode = fips_mode_get();
+    if (fips_mode < 0) {
+        return refuse_host_key(to, EINVAL, "Failed to check fips mode in Hostkey verifier");
+    }
+    if (fips_mode == 0) {
+        return PLATFORM_OK;
+    }
+    return refuse_host_key(
+        to, EINVAL,
+        "DSA, RSA(ssh-rsa), X509 and ED25519 are not supported in FIPS mode for NorvoSSH. Please configure allowed hostkey algorithms in FIPS mode");
+}
+
+}  // namespace
+
+platform_status kex_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
+                             const datastore_path_components*) {
+    debug_print("%s, Entered", __func__);
+    return accept_when_ok(
+        needs_checking(*change) ? verify_list(kex_rules, *change, {error_text, accepted}) : PLATFORM_OK, accepted);
+}
+
+platform_status cipher_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
+                                const datastore_path_components*) {
+    debug_print("%s, Entered", __func__);
+    return accept_when_ok(
+        needs_checking(*change) ? verify_list(cipher_rules, *change, {error_text, accepted}) : PLATFORM_OK, accepted);
+}
+
+platform_status host_key_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
+                                  const datastore_path_components*) {
+    debug_print("%s, Entered", __func__);
+    return accept_when_ok(needs_checking(*change) ? verify_host_keys(*change, {error_text, accepted}) : PLATFORM_OK,
+                          accepted);
+}

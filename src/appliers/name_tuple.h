@@ -1,0 +1,27 @@
+/// Values that are a list of names, and values that are a row of flags.
+#ifndef APPLIERS_NAME_TUPLE_H
+#define APPLIERS_NAME_TUPLE_H
+
+#include <cstdint>
+
+#include "platform/datastore_backend.h"
+#include "platform/value_tuple.h"
+
+inline constexpr uint32_t kex_name_count = 9;
+inline constexpr uint32_t cipher_name_count = 10;
+inline constexpr uint32_t host_key_flag_count = 10;
+
+/// The names of a list in their order. They point into the packed value; a missing one before the last is empty.
+struct name_tuple {
+    const char* names[cipher_name_count];
+    uint32_t count;
+};
+
+/// Unpacks the value of a list of at most `most` names (kex_name_count or cipher_name_count). A failure has been logged
+/// with `tag`.
+platform_status unpack_names(const datastore_change& change, uint32_t most, const char* tag, name_tuple* names);
+
+/// Unpacks `count` flags; an absent one is 0. A failure has been logged with `tag`.
+platform_status unpack_flags(const datastore_change& change, uint32_t count, const char* tag, int32_t* flags);
+
+#endif

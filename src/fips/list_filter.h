@@ -1,0 +1,35 @@
+/// What FIPS mode leaves of a list of algorithms, and the key files that belong to a list of host-key algorithms.
+#ifndef FIPS_LIST_FILTER_H
+#define FIPS_LIST_FILTER_H
+
+#include <cstddef>
+
+#include "config_files/parameter_table.h"
+
+inline constexpr size_t modified_list_size = 255;  ///< 254 characters and NUL
+
+/// A filtered list. Every name in it is followed by a comma, the last one too; a list of which nothing is left is empty.
+struct modified_list {
+    char text[modified_list_size];
+};
+
+/// Filter a comma-separated list into `out` (modified_list_size bytes, may be the list itself). Each return 0, also when
+/// nothing is left, or -1 for a list that is null or empty; `out` is then untouched.
+int get_modified_kex_list(const char* list, char* out);
+int get_modified_cipher_list(const char* list, char* out);
+int get_modified_hostkey_list(const char* list, char* out);
+
+using list_filter_function = int (*)(const char* list, char* out);
+
+/// What FIPS mode leaves of the ciphers in force; the second texts of the tables' entries point here.
+extern char server_fips_cipher_list[modified_list_size];
+extern char client_fips_cipher_list[modified_list_size];
+
+/// The key files of the last list that was looked at; what the server's host-key lines hold in FIPS mode.
+extern char fips_hostkey_files[algorithm_list_size];
+
+/// Fills fips_hostkey_files with the files of a list's algorithms, in its order, a file as often as it is asked for; null
+/// empties it. Returns 0, or -1 when the list has no file or memory is exhausted.
+int fips_hostkey_files_from_list(const char* list);
+
+#endif
