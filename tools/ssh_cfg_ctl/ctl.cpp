@@ -17,6 +17,7 @@
 namespace {
 
 constexpr char program[] = "ssh_cfg_ctl";
+constexpr size_t purpose_column = 24;  ///< of the help
 
 /// Prints to standard output; what could not be printed is a failure, so that nobody takes half a dump for a whole one.
 int print(const std::string& text, control_result result) {
@@ -45,9 +46,11 @@ std::string help_text() {
     std::string text =
         "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nWorks with the SSH configuration agent.\n\n";
     for (const ctl_call_row& row : ctl_calls()) {
-        std::string call = std::string(row.name) + ' ' + row.arguments;
-        call.resize(std::max<size_t>(call.size(), 22), ' ');
-        text += "  " + call + ' ' + row.purpose + '\n';
+        std::string call = std::string("  ") + row.name + ' ' + row.arguments;
+        // A long call has its purpose on a line of its own.
+        call += call.size() > purpose_column ? '\n' + std::string(purpose_column, ' ')
+                                             : std::string(purpose_column - call.size(), ' ');
+        text += call + ' ' + row.purpose + '\n';
     }
     return text +
            "\nOptions, before the call:\n"

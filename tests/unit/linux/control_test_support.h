@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -35,6 +36,23 @@ inline std::string header_announcing(uint32_t length) {
 
 inline std::string frame_of(const std::string& document) {
     return header_announcing(static_cast<uint32_t>(document.size())) + document;
+}
+
+inline constexpr uid_t somebody = 12345;  ///< an ordinary user
+inline constexpr gid_t operators = 23456;
+
+/// Whether a test can become another user: not in a user namespace that an ordinary user has made, which has one only.
+inline bool other_users_exist() {
+    std::ifstream map("/proc/self/uid_map");
+    uint64_t first = 0;
+    uint64_t outside = 0;
+    uint64_t count = 0;
+    while (map >> first >> outside >> count) {
+        if (first <= somebody && first + count > operators) {
+            return true;
+        }
+    }
+    return false;
 }
 
 inline size_t open_descriptors() {
