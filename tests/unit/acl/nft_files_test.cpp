@@ -1,0 +1,140 @@
+#include "acl/nft_files.h"
+
+#include <cerrno>
+
+#include "acl/acl_types.h"
+#include "acl_test.h"
+#include "call_faults.h"
+
+namespace {
+
+class nft_files_test : public acl_test {
+  protected:
+    FILE* stream = nullptr;
+
+    ~nft_files_test() override {
+        if (stream != nullptr) {
+            fclose(stream);
+        }
+    }
+};
+
+}  // namespace
+
+TEST_F(nft_files_test, names_a_file_by_vrf_and_table) {
+    EXPECT_STREQ(get_nft_file_name("mgmt", 3), "/tmp/norvo-ssh/access-list/vrf-mgmt_netconf_v6acl.nft");
+    EXPECT_STREQ(get_nft_file_name("default", 0), "/tmp/norvo-ssh/access-list/vrf-default_norvossh_v4acl.nft");
+    EXPECT_STREQ(get_nft_file_name("default", 4), "/tmp/norvo-ssh/access-list/vrf-default_norvossh_acl_all.nft");
+    EXPECT_EQ(get_nft_file_name("default", 5), nullptr);
+    EXPECT_TRUE(fake_platform::debugged("get_nft_file_name: Invalid ACL type"));
+}
+
+TEST_F(nft_files_test, cuts_a_name_at_a_hundred_characters) {
+    EXPECT_EQ(std::string(get_nft_file_name(std::string(90, 'v').c_str(), 0)).size(), 99U);
+}
+
+TEST_F(nft_files_test, writes_the_header_and_the_end_of_each_table) {
+    for (const uint32_t type : {acl_ssh_v4, acl_netconf_v4, acl_ssh_v6, acl_netconf_v6}) {
+        ASSERT_EQ(norvossh_acl_init_table("red", &stream, type), 0);
+        ssh_nft_fp_close(type, stream);
+        fclose(stream);
+        stream = nullptr;
+        expect_golden("acl/golden/empty_" + std::to_string(type) + ".nft", read_file(get_nft_file_name("red", type)));
+    }
+}
+
+TEST_F(nft_files_test, a_header_for_all_tables_is_refused_but_makes_the_file) {
+    EXPECT_EQ(norvossh_acl_init_table("red", &stream, acl_all), -1);
+    EXPECT_NE(stream, nullptr);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")), "");
+    EXPECT_TRUE(fake_platform::debugged("norvossh_acl_init_table: Invalid ACL type"));
+}
+
+TEST_F(nft_files_test, the_end_for_all_tables_is_only_braces) {
+    ASSERT_EQ(create_nft_file("red", &stream, acl_all), 0);
+    ssh_nft_fp_close(acl_all, stream);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")), "        }\n}\n");
+}
+
+TEST_F(nft_files_test, makes_folders_and_file_with_their_modes) {
+    const mode_t before = umask(0);
+    ASSERT_EQ(create_nft_file("red", &stream, 0), 0);
+    umask(before);
+    EXPECT_EQ(mode_of("/tmp/norvo-ssh"), 0755U);
+    EXPECT_EQ(mode_of("/tmp/norvo-ssh/access-list"), 0755U);
+    EXPECT_EQ(mode_of(rule_file("red", "norvossh_v4acl")), 0744U);
+}
+
+TEST_F(nft_files_test, each_folder_that_cannot_be_made_has_its_own_message) {
+    const char* texts[] = {"Failed to create NORVOSSH_NFT_DIR_0", "Failed to create NORVOSSH_NFT_DIR_1",
+                           "Failed to create NORVOSSH_NFT_DIR_2"};
+    for (uint32_t i = 0; i < 3; i++) {
+        call_faults::clear();
+        call_faults::fail_call("mkdir", EROFS, call_faults::once, i + 1);
+        EXPECT_EQ(create_nft_file("red", &stream, 0), -1);
+        EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", std::string("Error:=Read-only file system(0x1e), ") + texts[i]));
+    }
+}
+
+TEST_F(nft_files_test, a_file_that_cannot_be_made_is_reported) {
+    call_faults::fail_call("creat", ENOSPC);
+    EXPECT_EQ(create_nft_file("red", &stream, 0), -1);
+    EXPECT_TRUE(
+        fake_platform::logged("ERR_ERRNO", "Error:=No space left on device(0x1c), Failed to create NORVOSSH_NFT file"));
+    EXPECT_TRUE(fake_platform::debugged(
+        "create_nft_file - Failed to create NORVOSSH_NFT file, Error:=No space left on device(0x1c)"));
+}
+
+TEST_F(nft_files_test, a_stream_that_cannot_be_opened_is_reported) {
+    call_faults::fail_call("fdopen", ENOMEM);
+    EXPECT_EQ(create_nft_file("red", &stream, 0), -1);
+    EXPECT_TRUE(
+        fake_platform::logged("ERR_ERRNO", "Error:=Cannot allocate memory(0xc), Failed to open NORVOSSH_NFT file"));
+}
+
+TEST_F(nft_files_test, loads_a_file_inside_the_namespace) {
+    EXPECT_EQ(ssh_apply_acl("red", 0), 0);
+    EXPECT_EQ(loads(),
+              std::vector<std::string>{"ip netns exec vrf-red /usr/sbin/nft -f " + rule_file("red", "norvossh_v4acl")});
+}
+
+TEST_F(nft_files_test, a_failed_load_counts_only_while_errno_is_set) {
+    stub_commands::fail("ip netns exec", 1);
+    errno = 0;
+    EXPECT_EQ(ssh_apply_acl("red", 0), 0);
+    EXPECT_TRUE(fake_platform::log_texts().empty());
+    errno = EEXIST;
+    EXPECT_EQ(ssh_apply_acl("red", 0), -1);
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=File exists(0x11), Failed to apply nft rules"));
+    EXPECT_TRUE(fake_platform::debugged("Failed to apply nft rules = (17)File exists"));
+}
+
+TEST_F(nft_files_test, declares_the_four_tables) {
+    EXPECT_EQ(create_nft_table("red"), 0);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")),
+              "table ip norvossh_v4acl {\n}\ntable ip6 norvossh_v6acl {\n}\ntable ip netconf_v4acl {\n}\n"
+              "table ip6 netconf_v6acl {\n}\n");
+    EXPECT_EQ(loads().size(), 1U);
+    EXPECT_EQ(create_nft_table(nullptr), -1);
+    EXPECT_TRUE(fake_platform::debugged("create_nft_table: vrf name is NULL"));
+}
+
+TEST_F(nft_files_test, flushes_one_table_or_all) {
+    EXPECT_EQ(ssh_flush_nft_table("red", acl_netconf_v6), 0);
+    EXPECT_EQ(read_file(rule_file("red", "netconf_v6acl")), "flush table ip6 netconf_v6acl\n\n");
+    EXPECT_EQ(ssh_flush_nft_table("red", acl_all), 0);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")),
+              "flush table ip norvossh_v4acl\n\nflush table ip6 norvossh_v6acl\n\nflush table ip netconf_v4acl\n\n"
+              "flush table ip6 netconf_v6acl\n\n");
+    EXPECT_EQ(ssh_flush_nft_table("red", 5), -1);
+    EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Invalid ACL type"));
+}
+
+TEST_F(nft_files_test, a_flush_that_fails_is_reported) {
+    stub_commands::fail("ip netns exec", 1);
+    EXPECT_EQ(ssh_flush_nft_table("red", 0), -1);
+    EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to apply nft rules"));
+    call_faults::fail_call("creat", EIO);
+    EXPECT_EQ(ssh_flush_nft_table("red", 0), -1);
+    EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to create NFT file"));
+}

@@ -1,0 +1,273 @@
+#include "acl/subscription.h"
+
+#include <cerrno>
+
+#include "acl/acl_types.h"
+#include "acl_test.h"
+#include "call_faults.h"
+
+namespace {
+
+class subscription_test : public acl_test {
+  protected:
+    static acl_change_notice notice(const char* list, bool present) {
+        acl_change_notice made = {};
+        copy_text(made.acl_name, sizeof made.acl_name, list);
+        made.present = present ? 1 : 0;
+        return made;
+    }
+
+    static bool loaded(const std::string& vrf, const std::string& table) {
+        for (const std::string& load : loads()) {
+            if (load.ends_with(rule_file(vrf, table))) {
+                return true;
+            }
+        }
+        return false;
+    }
+};
+
+constexpr char ssh_drop[] = "        ip saddr & 0.0.0.0 == 0.0.0.0 ip daddr & 0.0.0.0 == 0.0.0.0  tcp dport 22 drop\n";
+
+}  // namespace
+
+TEST_F(subscription_test, attaching_reads_converts_loads_and_subscribes) {
+    acl_ipv4_entry ten = ipv4_entry();
+    ten.SourceAddress = ipv4("10.0.0.0");
+    ten.SourceAddressMask = ipv4("0.255.255.255");
+    acl_ipv4_entry host = ipv4_entry(deny);
+    host.ProtocolOperator = 0;
+    host.Protocol = ACL_PROTOCOL_ANY_IPV4;
+    host.SourceAddress = ipv4("192.0.2.7");
+    host.SourceAddressMask = 0;
+    set_list("ops", {ten, host});
+    name(red->ssh_v4_acl, "ops");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    expect_golden("acl/golden/two_entries.nft", read_file(rule_file("red", "norvossh_v4acl")));
+    EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+    EXPECT_NE(red->v4_aclhead, nullptr);
+    EXPECT_EQ(fake_platform::bindings(), 0U);
+    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Registered for ACL callback, ACL name: ops"));
+}
+
+TEST_F(subscription_test, a_list_that_does_not_exist_is_subscribed_to_and_not_loaded) {
+    name(red->ssh_v4_acl, "later");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    EXPECT_TRUE(loads().empty());
+    EXPECT_EQ(fake_platform::acl_subscriptions("later"), 1U);
+    set_list("later", {ipv4_entry()});
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "later", true), std::vector<int>{0});
+    EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
+}
+
+TEST_F(subscription_test, the_families_take_only_their_own_types) {
+    name(red->netconf_v6_acl, "six");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, acl_netconf_v6), -1);
+    EXPECT_TRUE(fake_platform::debugged("Invalid ACL type"));
+    EXPECT_EQ(ssh_configure_v6acl(nullptr, red, acl_ssh_v4), -1);
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+}
+
+TEST_F(subscription_test, two_vrfs_share_one_subscription) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    name(blue->ssh_v4_acl, "ops");
+    // The node that comes first holds the subscription of a list that nobody uses yet.
+    name(blue->ssh_v4_acl, "");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    name(blue->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
+    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Aleady registered for ACL callback"));
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    stub_commands::clear_log();
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    // The newest VRF is first in the list.
+    ASSERT_EQ(loads().size(), 2U);
+    EXPECT_TRUE(loads()[0].ends_with(rule_file("blue", "norvossh_v4acl")));
+    EXPECT_TRUE(loads()[1].ends_with(rule_file("red", "norvossh_v4acl")));
+    stub_commands::clear_log();
+    ssh_remove_v4acl_config(red, 0);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_v4acl")), "flush table ip norvossh_v4acl\n\n");
+    EXPECT_EQ(loads().size(), 1U);
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+}
+
+TEST_F(subscription_test, both_services_of_a_vrf_share_one_subscription) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    name(red->netconf_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 1), 0);
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    stub_commands::clear_log();
+    const acl_change_notice change = notice("ops", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
+    ASSERT_EQ(loads().size(), 2U);
+    EXPECT_TRUE(loads()[0].ends_with("norvossh_v4acl.nft"));
+    EXPECT_TRUE(loads()[1].ends_with("netconf_v4acl.nft"));
+}
+
+TEST_F(subscription_test, equal_names_of_one_vrf_do_not_count_without_references) {
+    name(red->ssh_v4_acl, "ops");
+    name(red->netconf_v4_acl, "ops");
+    EXPECT_EQ(acl_in_use_elsewhere(red, 0), 0);
+    red->reference_count = 0;
+    EXPECT_EQ(acl_in_use_elsewhere(red, 0), 1);
+    EXPECT_EQ(acl_in_use_elsewhere(red, 2), 1);
+    name(blue->netconf_v4_acl, "ops");
+    EXPECT_EQ(acl_in_use_elsewhere(red, 0), 0);
+    EXPECT_EQ(acl6_in_use_elsewhere(red, 0), 1);
+}
+
+TEST_F(subscription_test, the_service_is_asked_five_times) {
+    name(red->ssh_v4_acl, "ops");
+    fake_platform::fail("acl_service_get_list", EAGAIN, 4);
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    EXPECT_EQ(fake_platform::count_calls("acl_service_get_list"), 5U);
+}
+
+TEST_F(subscription_test, after_five_failures_attaching_fails) {
+    name(red->ssh_v4_acl, "ops");
+    fake_platform::fail("acl_service_get_list", EAGAIN);
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_EQ(fake_platform::count_calls("acl_service_get_list"), 5U);
+    EXPECT_TRUE(
+        fake_platform::logged("ERR_ERRNO", "Error:=Resource temporarily unavailable(0xb), IPv4 acl get list failed"));
+    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Failed to register for ACL callback"));
+    fake_platform::clear_failures();
+    fake_platform::fail("acl_service_register_callback", EAGAIN);
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_TRUE(fake_platform::logged(
+        "ERR_ERRNO", "Error:=Resource temporarily unavailable(0xb), IPv4 acl callback registration failed"));
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+    name(red->ssh_v6_acl, "six");
+    EXPECT_EQ(ssh_configure_v6acl(nullptr, red, 2), -1);
+    EXPECT_TRUE(fake_platform::logged(
+        "ERR_ERRNO", "Error:=Resource temporarily unavailable(0xb), IPv6 acl callback registration failed"));
+}
+
+TEST_F(subscription_test, reading_that_fails_ends_attaching) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    for (const char* operation : {"datastore_bind", "datastore_list_get", "datastore_list_fetch"}) {
+        fake_platform::clear_failures();
+        fake_platform::fail(operation, EIO);
+        EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1) << operation;
+        EXPECT_EQ(fake_platform::acl_handles(), 0U);
+        EXPECT_TRUE(loads().empty());
+        EXPECT_EQ(fake_platform::bindings(), 0U);
+    }
+    EXPECT_TRUE(fake_platform::logged(
+        "ERR_DATASTORE_GET",
+        "Error:=Input/output error(0x5), Location:=IPV4 ACL CFG, Failed to get an item from datastore"));
+}
+
+TEST_F(subscription_test, a_missing_library_is_a_failed_binding) {
+    remove_path(paths::datastore_library);
+    name(red->ssh_v4_acl, "ops");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_FALSE(fake_platform::log_texts().empty());
+    EXPECT_NE(fake_platform::log_texts()[0].find("0x8081c200"), std::string::npos);
+}
+
+TEST_F(subscription_test, an_entry_that_cannot_be_decoded_ends_attaching) {
+    fake_platform::set_list(list_path("ops"), {{"10", "no record"}});
+    name(red->ssh_v4_acl, "ops");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_NE(fake_platform::log_texts()[0].find("IPV4 ACL CFG"), std::string::npos);
+}
+
+TEST_F(subscription_test, a_removed_list_flushes_every_table_that_uses_it) {
+    name(red->ssh_v4_acl, "ops");
+    name(blue->netconf_v4_acl, "ops");
+    const acl_change_notice change = notice("ops", false);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_v4acl")), "flush table ip norvossh_v4acl\n\n");
+    EXPECT_EQ(read_file(rule_file("blue", "netconf_v4acl")), "flush table ip netconf_v4acl\n\n");
+    stub_commands::fail("ip netns exec", 1);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
+    EXPECT_NE(fake_platform::log_texts().back().find("Failed to flush nftable"), std::string::npos);
+}
+
+TEST_F(subscription_test, a_changed_list_that_cannot_be_read_shuts_the_port) {
+    name(red->ssh_v4_acl, "gone");
+    const acl_change_notice change = notice("gone", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
+    EXPECT_NE(read_file(rule_file("red", "norvossh_v4acl")).find(ssh_drop), std::string::npos);
+    EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
+}
+
+TEST_F(subscription_test, a_failed_fetch_counts_for_ssh_and_only_its_decoding_for_netconf) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    const acl_change_notice change = notice("ops", true);
+    fake_platform::fail("datastore_list_fetch", EIO);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
+    EXPECT_TRUE(fake_platform::log_texts().empty());
+    name(red->ssh_v4_acl, "");
+    name(red->netconf_v4_acl, "ops");
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
+    EXPECT_NE(fake_platform::log_texts()[0].find("IPV4 ACL CFG"), std::string::npos);
+}
+
+TEST_F(subscription_test, a_notice_for_a_list_that_nobody_uses_does_nothing) {
+    name(red->ssh_v4_acl, "ops");
+    const acl_change_notice change = notice("other", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
+    EXPECT_TRUE(loads().empty());
+}
+
+TEST_F(subscription_test, a_missing_notice_is_reported) {
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(nullptr), 1);
+    EXPECT_TRUE(fake_platform::logged("ERR_GENERAL", "ACL head is null"));
+    EXPECT_EQ(ssh_ipv6_acl_reg_upd(nullptr), 1);
+}
+
+TEST_F(subscription_test, detaching_without_a_subscription_says_so) {
+    name(red->ssh_v4_acl, "ops");
+    ssh_remove_v4acl_config(red, 0);
+    EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v4acl_config: VRF node v4_aclhead is NULL"));
+    name(red->ssh_v6_acl, "six");
+    ssh_remove_v6acl_config(red, 2);
+    EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v6acl_config: VRF node v6_aclhead is NULL"));
+}
+
+TEST_F(subscription_test, detaching_the_last_user_ends_the_subscription) {
+    name(red->ssh_v6_acl, "six");
+    ASSERT_EQ(ssh_configure_v6acl(nullptr, red, 2), 0);
+    ssh_remove_v6acl_config(red, 2);
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+    EXPECT_EQ(red->v6_aclhead, nullptr);
+    EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v6acl_config: Successfully unregistered ACL callback"));
+}
+
+TEST_F(subscription_test, a_flush_that_fails_ends_detaching) {
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    stub_commands::fail("ip netns exec", 1);
+    ssh_remove_v4acl_config(red, 0);
+    EXPECT_TRUE(fake_platform::debugged("Failed to flush nftable"));
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+}
+
+TEST_F(subscription_test, a_name_is_cut_at_its_first_slash) {
+    name(red->ssh_v4_acl, "ops/other");
+    datastore_list* list = nullptr;
+    uint32_t count = 0;
+    datastore_binding* binding = nullptr;
+    set_list("ops", {ipv4_entry(), ipv4_entry()});
+    EXPECT_EQ(connect_to_ipv4_datastore_acl("ops/other", &list, &count, &binding), 0U);
+    EXPECT_EQ(count, 2U);
+    datastore_list_free(list);
+    datastore_unbind(binding);
+}
+
+TEST_F(subscription_test, ipv6_lists_have_their_own_tree_and_tables) {
+    set_ipv6_list("six", {ipv6_entry()});
+    name(red->ssh_v6_acl, "six");
+    ASSERT_EQ(ssh_configure_v6acl(nullptr, red, 2), 0);
+    EXPECT_NE(read_file(rule_file("red", "norvossh_v6acl"))
+                  .find("                ip6 saddr ::/0 ip6 daddr ::/0 tcp dport 22 accept \n"),
+              std::string::npos);
+}
