@@ -41,14 +41,20 @@ struct edit_request {
 struct edit_pass {
     file_handle source;
     file_handle output;
-    char* line = nullptr;   ///< the line in hand, as read
-    size_t line_size = 0;   ///< its length with its newline, if it has one
-    size_t text_size = 0;   ///< its length without
-    size_t capacity = 0;    ///< of the buffer that holds it
+    char* content = nullptr;  ///< the whole edited file and a byte to spare
+    char* kept = nullptr;     ///< from here on nothing is written yet
+    char* end = nullptr;
     bool open_end = false;  ///< the last line written has no newline
     bool changed = false;
 
-    ~edit_pass() { std::free(line); }
+    ~edit_pass() { std::free(content); }
+};
+
+/// A line of the content in hand.
+struct text_line {
+    char* start;
+    char* text_end;  ///< where its newline is, if it has one
+    char* end;       ///< where the next line starts
 };
 
 /// -1 with errno EINVAL, after the caller has said what is wrong.
@@ -85,6 +91,10 @@ int check_request(const edit_request& request) {
     return 0;
 }
 
+// A change of one setting goes through the file of every VRF, and the C library would ask the kernel about each file only
+// to choose a buffer. Edits never overlap, so this one serves them all.
+char output_buffer[16384];
+
 /// Opens both files. Returns 0, or -1 with errno.
 int open_files(const edit_request& request, edit_pass& pass) {
     pass.source.reset(std::fopen(request.file, "re"));
@@ -105,36 +115,66 @@ int open_files(const edit_request& request, edit_pass& pass) {
         errno = error;
         return -1;
     }
+    std::setvbuf(pass.source.get(), nullptr, _IONBF, 0);
+    std::setvbuf(pass.output.get(), output_buffer, _IOFBF, sizeof output_buffer);
     return 0;
 }
 
-/// Reads the next line, of any length. False at the end of the file and when reading fails, which source_failed tells.
-bool next_line(edit_pass& pass) {
-    const ssize_t length = getline(&pass.line, &pass.capacity, pass.source.get());
-    if (length <= 0) {
+/// Reads the whole edited file. Returns 0, or -1 with errno.
+int read_source(edit_pass& pass) {
+    size_t capacity = sizeof output_buffer;
+    size_t size = 0;
+    for (;;) {
+        char* larger = static_cast<char*>(std::realloc(pass.content, capacity));
+        if (larger == nullptr) {
+            return -1;
+        }
+        pass.content = larger;
+        size += std::fread(pass.content + size, 1, capacity - size - 1, pass.source.get());
+        if (std::ferror(pass.source.get()) != 0) {
+            return -1;
+        }
+        if (size < capacity - 1) {
+            break;
+        }
+        capacity *= 2;
+    }
+    pass.kept = pass.content;
+    pass.end = pass.content + size;
+    return 0;
+}
+
+/// The line that starts at `start`; false at the end of the content.
+bool line_at(const edit_pass& pass, char* start, text_line* line) {
+    if (start == pass.end) {
         return false;
     }
-    pass.line_size = static_cast<size_t>(length);
-    pass.text_size = pass.line[pass.line_size - 1] == '\n' ? pass.line_size - 1 : pass.line_size;
+    auto* newline = static_cast<char*>(std::memchr(start, '\n', static_cast<size_t>(pass.end - start)));
+    *line = newline != nullptr ? text_line{start, newline, newline + 1} : text_line{start, pass.end, pass.end};
     return true;
 }
 
-bool source_failed(const edit_pass& pass) {
-    return std::ferror(pass.source.get()) != 0 || std::feof(pass.source.get()) == 0;
-}
-
-bool line_begins_with(const edit_pass& pass, const char* prefix) {
+bool line_begins_with(const text_line& line, const char* prefix) {
     const size_t length = std::strlen(prefix);
-    return pass.text_size >= length && std::memcmp(pass.line, prefix, length) == 0;
+    return static_cast<size_t>(line.text_end - line.start) >= length && std::memcmp(line.start, prefix, length) == 0;
 }
 
-bool line_equals(const edit_pass& pass, const char* text) {
-    return std::strlen(text) == pass.text_size && line_begins_with(pass, text);
+bool line_equals(const text_line& line, const char* text) {
+    return static_cast<size_t>(line.text_end - line.start) == std::strlen(text) && line_begins_with(line, text);
 }
 
-void copy_line(edit_pass& pass) {
-    std::fwrite(pass.line, 1, pass.line_size, pass.output.get());
-    pass.open_end = pass.text_size == pass.line_size;
+/// Writes what is kept up to `end` as it was read.
+void copy_until(edit_pass& pass, const char* end) {
+    if (end != pass.kept) {
+        std::fwrite(pass.kept, 1, static_cast<size_t>(end - pass.kept), pass.output.get());
+        pass.open_end = end[-1] != '\n';
+    }
+}
+
+/// Writes what stands before the line and leaves the line itself out.
+void drop_line(edit_pass& pass, const text_line& line) {
+    copy_until(pass, line.start);
+    pass.kept = line.end;
 }
 
 /// Writes "first second" and a newline; `second` may be null. A last line without a newline is ended before.
@@ -154,11 +194,14 @@ void write_line(edit_pass& pass, const char* first, const char* second) {
 
 /// Whoever could read the edited file can read the new one, and nobody but the owner writes it.
 int take_over_mode(const edit_pass& pass) {
-    struct stat status;
-    if (fstat(fileno(pass.source.get()), &status) != 0) {
+    const int output = fileno(pass.output.get());
+    struct stat old_file;
+    struct stat new_file;
+    if (fstat(fileno(pass.source.get()), &old_file) != 0 || fstat(output, &new_file) != 0) {
         return -1;
     }
-    return fchmod(fileno(pass.output.get()), (status.st_mode & 0755) | 0600);
+    const mode_t mode = (old_file.st_mode & 0755) | 0600;
+    return (new_file.st_mode & 07777) == mode ? 0 : fchmod(output, mode);
 }
 
 /// Everything that was written has reached the file. A full disk shows here at the latest.
@@ -210,52 +253,47 @@ int finish(const edit_request& request, edit_pass& pass, uint32_t* change) {
 }
 
 /// Deals with a line of the keyword in add mode. True when the search is over.
-bool add_at_line(const edit_request& request, edit_pass& pass) {
-    if (line_equals(pass, request.new_line)) {
-        copy_line(pass);
+bool add_at_line(const edit_request& request, edit_pass& pass, const text_line& line) {
+    if (line_equals(line, request.new_line)) {
         return true;
     }
     if (std::strcmp(request.keyword, port_keyword) == 0) {
         // A server listens on several ports, one line for each.
-        copy_line(pass);
         return false;
     }
-    pass.line[pass.text_size] = '\0';
-    debug_print("%s, Old-val:=%s, New-val=%s,Config value has changed", request.tag, pass.line, request.new_line);
+    drop_line(pass, line);
+    *line.text_end = '\0';
+    debug_print("%s, Old-val:=%s, New-val=%s,Config value has changed", request.tag, line.start, request.new_line);
     write_line(pass, request.new_line, nullptr);
     pass.changed = true;
     return true;
 }
 
 /// Deals with a line of the keyword in delete mode. True when the search is over.
-bool delete_line(const edit_request& request, edit_pass& pass) {
+bool delete_line(const edit_request& request, edit_pass& pass, const text_line& line) {
     const bool one_port = std::strcmp(request.keyword, port_keyword) == 0;
-    if (one_port && (request.new_line == nullptr || !line_begins_with(pass, request.new_line))) {
-        copy_line(pass);
+    if (one_port && (request.new_line == nullptr || !line_begins_with(line, request.new_line))) {
         return false;
     }
+    drop_line(pass, line);
     pass.changed = true;
     return true;
 }
 
-/// Copies the file and changes the keyword's first line on the way. Returns 0, or -1 with errno when reading failed.
-int edit_first_line(const edit_request& request, edit_pass& pass) {
+/// Copies the file and changes the keyword's first line on the way.
+void edit_first_line(const edit_request& request, edit_pass& pass) {
     bool matched = false;
-    while (next_line(pass)) {
-        if (matched || !line_begins_with(pass, request.keyword)) {
-            copy_line(pass);
-        } else {
-            matched = request.add != 0 ? add_at_line(request, pass) : delete_line(request, pass);
+    text_line line;
+    for (char* start = pass.content; !matched && line_at(pass, start, &line); start = line.end) {
+        if (line_begins_with(line, request.keyword)) {
+            matched = request.add != 0 ? add_at_line(request, pass, line) : delete_line(request, pass, line);
         }
     }
-    if (source_failed(pass)) {
-        return -1;
-    }
+    copy_until(pass, pass.end);
     if (request.add != 0 && !matched) {
         write_line(pass, request.new_line, nullptr);
         pass.changed = true;
     }
-    return 0;
 }
 
 /// Compares the values of a keyword's lines with a wanted list, piece by piece as they are read.
@@ -270,11 +308,11 @@ struct list_comparison {
     bool equal() const { return rest != nullptr && *rest == '\0'; }
 };
 
-/// The second of the blank-separated words of the line in hand; empty when it has none.
-const char* second_word(edit_pass& pass, size_t* length) {
+/// The second of the blank-separated words of a line; empty when it has none.
+const char* second_word(const text_line& line, size_t* length) {
     constexpr char blanks[] = " \t\r\v\f";
-    pass.line[pass.text_size] = '\0';
-    const char* word = pass.line + std::strspn(pass.line, blanks);
+    *line.text_end = '\0';
+    const char* word = line.start + std::strspn(line.start, blanks);
     word += std::strcspn(word, blanks);
     word += std::strspn(word, blanks);
     *length = std::strcspn(word, blanks);
@@ -284,17 +322,19 @@ const char* second_word(edit_pass& pass, size_t* length) {
 /// Copies the file without the keyword's lines. Returns how many there were; their values have gone to the comparison.
 size_t drop_lines(const edit_request& request, edit_pass& pass, list_comparison& comparison) {
     size_t dropped = 0;
-    while (next_line(pass)) {
-        if (!line_begins_with(pass, request.keyword)) {
-            copy_line(pass);
+    text_line line;
+    for (char* start = pass.content; line_at(pass, start, &line); start = line.end) {
+        if (!line_begins_with(line, request.keyword)) {
             continue;
         }
+        drop_line(pass, line);
         size_t length = 0;
-        const char* value = second_word(pass, &length);
+        const char* value = second_word(line, &length);
         comparison.take(dropped == 0 ? " " : ",", 1);
         comparison.take(value, length);
         dropped++;
     }
+    copy_until(pass, pass.end);
     return dropped;
 }
 
@@ -320,9 +360,10 @@ int update_string_in_file(const char* file, const char* keyword, int add, const 
     if (check_request(request) != 0 || open_files(request, pass) != 0) {
         return -1;
     }
-    if (edit_first_line(request, pass) != 0) {
+    if (read_source(pass) != 0) {
         return give_up(request);
     }
+    edit_first_line(request, pass);
     return finish(request, pass, change);
 }
 
@@ -332,12 +373,12 @@ int update_multiple_strings_in_file(const char* file, const char* keyword, int a
     if (check_request(request) != 0 || open_files(request, pass) != 0) {
         return -1;
     }
+    if (read_source(pass) != 0) {
+        return give_up(request);
+    }
     list_comparison comparison{add != 0 ? new_line : nullptr};
     comparison.take(keyword, std::strlen(keyword));
     const size_t dropped = drop_lines(request, pass, comparison);
-    if (source_failed(pass)) {
-        return give_up(request);
-    }
     pass.changed = add != 0 ? !comparison.equal() : dropped > 0;
     if (add != 0) {
         write_values(request, pass, new_line);

@@ -152,6 +152,18 @@ TEST_F(line_editor_test, a_line_longer_than_any_buffer_is_copied_whole) {
     }
 }
 
+TEST_F(line_editor_test, a_file_of_any_size_is_read_whole) {
+    for (size_t size = 16380; size <= 16390; size++) {
+        for (const size_t factor : {1, 2, 4}) {
+            const std::string old = std::string(size * factor - 8, '#') + "\nUsePAM ";
+            write_file(edited_file, old);
+            uint32_t change = 0;
+            EXPECT_EQ(edit("MaxSessions", 1, "MaxSessions 1", &change), 0);
+            EXPECT_EQ(read_file(edited_file), old + "\nMaxSessions 1\n") << size * factor;
+        }
+    }
+}
+
 TEST_F(line_editor_test, a_longer_line_of_the_keyword_is_replaced_whole) {
     write_file(edited_file, "Ciphers " + std::string(9000, 'c') + "\nUsePAM no\n");
     uint32_t change = 0;
