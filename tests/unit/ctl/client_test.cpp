@@ -1,0 +1,83 @@
+#include "ssh_cfg_ctl/client.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "fake_agent.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+const ctl_connection_settings settings = {fake_agent::path(), 5, false};
+const control_json request = {{"call", "status"}};
+
+TEST(ctl_ask, sends_the_request_and_gives_the_answer) {
+    fake_agent agent({R"({"result":"done","data":7})"});
+    EXPECT_EQ(control_json_text(ctl_ask(settings, request)), R"({"result":"done","data":7})");
+    EXPECT_THAT(agent.requests, ElementsAre(R"({"call":"status"})"));
+}
+
+TEST(ctl_ask, takes_large_answers) {
+    const std::string data(10'000'000, 'x');
+    fake_agent agent({R"({"result":"done","data":")" + data + "\"}"});
+    EXPECT_EQ(ctl_ask(settings, request)["data"], data);
+}
+
+TEST(ctl_ask, says_why_it_cannot_connect) {
+    const control_json absent = ctl_ask({"/nowhere/control.sock", 5, false}, request);
+    EXPECT_EQ(absent["result"], "unreachable");
+    EXPECT_THAT(absent.value("message", ""), HasSubstr("/nowhere/control.sock: it is not running"));
+    const control_json too_long = ctl_ask({std::string(200, 'x'), 5, false}, request);
+    EXPECT_EQ(too_long["result"], "unreachable");
+    EXPECT_THAT(too_long.value("message", ""), HasSubstr("File name too long"));
+}
+
+TEST(ctl_ask, an_agent_that_dies_in_the_middle_is_unreachable) {
+    fake_agent agent({""});
+    const control_json answer = ctl_ask(settings, request);
+    EXPECT_EQ(answer["result"], "unreachable");
+    EXPECT_THAT(answer.value("message", ""),
+                HasSubstr("went away before it answered; a change may or may not be stored"));
+}
+
+TEST(ctl_ask, an_agent_that_is_silent_is_unreachable_after_the_timeout) {
+    // It listens, and takes no connection as long as the first one lasts.
+    fake_agent agent({});
+    const auto start = std::chrono::steady_clock::now();
+    const control_json answer = ctl_ask({fake_agent::path(), 1, false}, request);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ(answer["result"], "unreachable");
+    EXPECT_THAT(answer.value("message", ""), HasSubstr("not answered within 1 seconds"));
+}
+
+TEST(ctl_ask, tries_again_when_there_was_no_place) {
+    const std::string busy = R"({"result":"failed","retry":true})";
+    fake_agent agent({busy, busy, R"({"result":"done"})"});
+    EXPECT_EQ(ctl_ask(settings, request)["result"], "done");
+    EXPECT_EQ(agent.requests.size(), 3U);
+}
+
+TEST(ctl_ask, hears_an_answer_that_came_before_its_request_was_out) {
+    fake_agent agent({R"({"result":"refused","message":"too large"})"}, 1000);
+    control_json large = request;
+    large["pad"] = std::string(8'000'000, 'x');
+    EXPECT_EQ(ctl_ask(settings, large)["message"], "too large");
+}
+
+TEST(ctl_ask, does_not_send_what_no_frame_can_hold) {
+    control_json large = request;
+    large["pad"] = std::string(CONTROL_FRAME_MAX, 'x');
+    EXPECT_EQ(ctl_ask(settings, large)["result"], "refused");
+}
+
+TEST(ctl_ask, an_answer_that_is_none_is_a_failure) {
+    fake_agent agent({"not json", "[]"});
+    EXPECT_EQ(ctl_ask(settings, request)["result"], "failed");
+    EXPECT_EQ(ctl_ask(settings, request)["result"], "failed");
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+#include "ssh_cfg_ctl/ctl.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fake_agent.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct outcome {
+    int status;
+    std::string output;
+    std::string errors;
+};
+
+/// Runs the tool against an agent that gives this answer.
+outcome run(const std::vector<std::string>& arguments, const std::string& answer = {}) {
+    std::vector<std::string> all = {"--timeout", "5", "--socket", fake_agent::path()};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    fake_agent agent(answer.empty() ? std::vector<std::string>() : std::vector<std::string>{answer});
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = ctl_run(all);
+    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+}
+
+TEST(ctl_run, every_result_has_its_exit_status_and_its_text_on_standard_error) {
+    const std::pair<const char*, int> rows[] = {{"failed", 1},  {"usage", 2},   {"unreachable", 3},
+                                                {"no_data", 4}, {"refused", 5}, {"never heard of", 1}};
+    for (const auto& [result, status] : rows) {
+        const std::string answer = R"({"result":")" + std::string(result) + R"(","message":"so it is"})";
+        const outcome plain = run({"get", "/a"}, answer);
+        EXPECT_EQ(plain.status, status);
+        EXPECT_EQ(plain.output, "");
+        EXPECT_EQ(plain.errors, "ssh_cfg_ctl: so it is\n");
+        const outcome json = run({"--json", "get", "/a"}, answer);
+        EXPECT_EQ(json.status, status);
+        EXPECT_EQ(json.output, answer + "\n");
+        EXPECT_EQ(json.errors, "ssh_cfg_ctl: so it is\n");
+    }
+}
+
+TEST(ctl_run, data_is_printed_in_either_form) {
+    const std::string answer = R"({"result":"done","data":[{"name":"default","blocked":true}]})";
+    const outcome plain = run({"vrf", "list"}, answer);
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.output, "name     blocked\ndefault  yes\n");
+    const outcome json = run({"--json", "vrf", "list"}, answer);
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(json.output, "[{\"name\":\"default\",\"blocked\":true}]\n");
+}
+
+TEST(ctl_run, a_change_is_silent_unless_json_is_wanted) {
+    const std::string answer = R"({"result":"done","items":[{"path":"/a","outcome":"created"}]})";
+    EXPECT_EQ(run({"set", "/a", "1"}, answer).output, "");
+    EXPECT_EQ(run({"--json", "set", "/a", "1"}, answer).output, answer + "\n");
+    EXPECT_EQ(run({"debug", "cfg-agent", "on"}, R"({"result":"done"})").output, "");
+}
+
+TEST(ctl_run, what_is_stored_but_not_carried_out_is_no_success) {
+    const std::string answer = R"({"result":"done","items":[],"warnings":[{"path":"/a","message":"no memory"}]})";
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"set", "/a", "1"}, std::vector<std::string>{"--json", "set", "/a", "1"}}) {
+        const outcome result = run(arguments, answer);
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.errors, "ssh_cfg_ctl: stored, but not carried out: /a: no memory\n");
+    }
+}
+
+TEST(ctl_run, each_line_of_a_refusal_is_a_line_and_harmless_for_a_terminal) {
+    EXPECT_EQ(run({"get", "/a"}, R"({"result":"refused","message":"one\ntwo\u001b[2J"})").errors,
+              "ssh_cfg_ctl: one\nssh_cfg_ctl: two\\x1b[2J\n");
+}
+
+TEST(ctl_run, an_answer_with_members_of_the_wrong_type_is_a_failure) {
+    EXPECT_EQ(run({"get", "/a"}, R"({"result":5})").status, 1);
+    EXPECT_EQ(run({"load", "/dev/null"}, R"({"result":"done","items":7})").status, 5) << "an empty file is no JSON";
+    EXPECT_EQ(run({"trace", "error"}, R"({"result":"done","data":[{"point":"x"}]})").status, 1);
+}
+
+TEST(ctl_run, usage_errors_say_how_it_is_done) {
+    const outcome unknown = run({"stauts"});
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_THAT(unknown.errors, HasSubstr("there is no call 'stauts'; did you mean 'status'?"));
+    EXPECT_THAT(unknown.errors, HasSubstr("Try 'ssh_cfg_ctl --help'."));
+    const outcome missing = run({"set", "/a"});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_THAT(missing.errors, HasSubstr("usage: ssh_cfg_ctl [OPTION...] set PATH VALUE"));
+    const outcome json = run({"--json", "set", "/a"});
+    EXPECT_EQ(json.status, 2);
+    EXPECT_THAT(json.output, StartsWith(R"({"result":"usage","message":"usage: )"));
+    EXPECT_EQ(run({}).status, 2);
+    EXPECT_EQ(run({"--nonsense"}).status, 2);
+}
+
+TEST(ctl_run, help_names_every_call) {
+    const outcome help = run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char* call :
+         {"set", "delete", "load", "get", "list", "dump", "show", "vrf", "debug", "trace", "status"}) {
+        EXPECT_THAT(help.output, HasSubstr("\n  " + std::string(call) + " ")) << call;
+    }
+    EXPECT_THAT(run({"--version"}).output, testing::MatchesRegex("ssh_cfg_ctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST(ctl_run, output_that_cannot_be_written_is_a_failure) {
+    fake_agent agent({R"({"result":"done","data":{"/a":1}})"});
+    fflush(stdout);
+    const int kept = dup(STDOUT_FILENO);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    dup2(full, STDOUT_FILENO);
+    const int status = ctl_run({"--socket", fake_agent::path(), "dump"});
+    dup2(kept, STDOUT_FILENO);
+    close(full);
+    close(kept);
+    clearerr(stdout);
+    EXPECT_EQ(status, 1);
+}
+
+}  // namespace
