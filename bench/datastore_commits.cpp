@@ -43,10 +43,7 @@ class bare_sqlite {
             "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;",
             nullptr, nullptr, nullptr);
         require(result == SQLITE_OK, "bare SQLite cannot be set up");
-        sqlite3_prepare_v2(database_,
-                           "INSERT INTO item (path, kind, value) VALUES (?1, ?2, ?3) "
-                           "ON CONFLICT (path) DO UPDATE SET kind = excluded.kind, value = excluded.value",
-                           -1, &put_, nullptr);
+        sqlite3_prepare_v2(database_, "REPLACE INTO item (path, kind, value) VALUES (?1, ?2, ?3)", -1, &put_, nullptr);
     }
     ~bare_sqlite() {
         sqlite3_finalize(put_);

@@ -28,8 +28,8 @@ bool format_is_valid(const char* format, uint32_t count) {
     if (format == nullptr || count > TUPLE_FIELDS_MAX || strlen(format) != size_t{2} * count) {
         return false;
     }
-    for (uint32_t i = 0; i < count; i++) {
-        if (format[2 * i] != '%' || format[2 * i + 1] == '\0' || strchr("dsS", format[2 * i + 1]) == nullptr) {
+    for (size_t i = 0; i < size_t{2} * count; i += 2) {
+        if (format[i] != '%' || format[i + 1] == '\0' || strchr("dsS", format[i + 1]) == nullptr) {
             return false;
         }
     }

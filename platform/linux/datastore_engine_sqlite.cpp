@@ -37,8 +37,7 @@ constexpr const char* statement_texts[statement_count] = {
     "SELECT kind, value FROM item WHERE path = ?1",
     "SELECT kind, value, path FROM item WHERE path > ?1 ORDER BY path LIMIT 1",
     "SELECT kind, value, path FROM item WHERE path >= ?1 ORDER BY path LIMIT 1",
-    "INSERT INTO item (path, kind, value) VALUES (?1, ?2, ?3) "
-    "ON CONFLICT (path) DO UPDATE SET kind = excluded.kind, value = excluded.value",
+    "REPLACE INTO item (path, kind, value) VALUES (?1, ?2, ?3)",
     "DELETE FROM item WHERE path = ?1",
 };
 

@@ -55,17 +55,17 @@ const charset_row& row_of(schema_charset charset) {
 }
 
 struct utf8_form {
+    uint32_t smallest;   ///< a smaller character has a shorter form, which it must take
     unsigned char mask;  ///< bits of the first byte that tell the form
     unsigned char lead;  ///< what they are
-    size_t length;       ///< bytes
-    uint32_t smallest;   ///< a smaller character has a shorter form, which it must take
+    uint8_t length;      ///< bytes
 };
 
 constexpr utf8_form utf8_forms[] = {
-    {0x80, 0x00, 1, 0},
-    {0xe0, 0xc0, 2, 0x80},
-    {0xf0, 0xe0, 3, 0x800},
-    {0xf8, 0xf0, 4, 0x10000},
+    {0, 0x80, 0x00, 1},
+    {0x80, 0xe0, 0xc0, 2},
+    {0x800, 0xf0, 0xe0, 3},
+    {0x10000, 0xf8, 0xf0, 4},
 };
 
 bool is_scalar_value(uint32_t character) {

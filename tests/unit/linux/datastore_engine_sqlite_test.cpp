@@ -299,10 +299,10 @@ TEST_F(datastore_engine_sqlite_test, gets_over_a_first_start_that_was_interrupte
 
 TEST_F(datastore_engine_sqlite_test, tells_a_full_disk_and_goes_on_when_there_is_room_again) {
     make_database();
-    scratch_root::limit_space(folder / "data", 512 * 1024);
+    scratch_root::limit_space(folder / "data", 512U * 1024);
     ASSERT_EQ(open(), PLATFORM_OK) << reason;
     const std::string filler = folder / "data/filler";
-    std::ofstream(filler) << std::string(2 * 1024 * 1024, 'x');
+    std::ofstream(filler) << std::string(2U * 1024 * 1024, 'x');
     EXPECT_EQ(engine.put(store, "/big", {3, std::string(20000, 'b')}), platform_status{ENOSPC});
     EXPECT_THAT(engine.reason(store), HasSubstr("full"));
     EXPECT_NE(value_of(store, "/a"), "No such item");

@@ -9,31 +9,48 @@ namespace {
 
 constexpr record_descriptor brief = {"brief", "test", "", ""};
 
-/// Answers "one" with a record, "list" with a list, and the rest with what its name says.
+platform_status one_record(datastore_read_request* request) {
+    EXPECT_EQ(datastore_request_set_record(request, &brief, "old", 3), PLATFORM_OK);
+    return datastore_request_set_record(request, &brief, "new", 3);
+}
+
+platform_status empty_list(datastore_read_request* request) {
+    EXPECT_EQ(datastore_request_create_list(request), PLATFORM_OK);
+    EXPECT_EQ(datastore_request_set_record(request, &brief, "x", 1), platform_status{EINVAL});
+    return PLATFORM_OK;
+}
+
+platform_status two_records(datastore_read_request* request) {
+    empty_list(request);
+    EXPECT_EQ(datastore_request_add_record(request, &brief, "a", 1), PLATFORM_OK);
+    return datastore_request_add_record(request, &brief, "b\0c", 3);
+}
+
+platform_status no_list(datastore_read_request* request) {
+    EXPECT_EQ(datastore_request_add_record(request, &brief, "a", 1), platform_status{EINVAL});
+    EXPECT_EQ(datastore_request_set_record(request, nullptr, "a", 1), platform_status{EINVAL});
+    return PLATFORM_OK;
+}
+
+platform_status failing(datastore_read_request* request) {
+    datastore_request_set_record(request, &brief, "half", 4);
+    return EIO;
+}
+
+platform_status nothing(datastore_read_request*) {
+    return DATASTORE_NO_DATA;
+}
+
+const std::map<std::string, platform_status (*)(datastore_read_request*)> answers = {
+    {"one", one_record},  {"empty", empty_list}, {"list", two_records},
+    {"no_list", no_list}, {"failing", failing},  {"nothing", nothing},
+};
+
+/// Notes the item, and answers it as its name says.
 platform_status provide(datastore_read_request* request, const char* item, void* context) {
-    const std::string name = item;
-    static_cast<std::vector<std::string>*>(context)->push_back(name);
-    if (name == "one") {
-        EXPECT_EQ(datastore_request_set_record(request, &brief, "old", 3), PLATFORM_OK);
-        return datastore_request_set_record(request, &brief, "new", 3);
-    }
-    if (name == "list" || name == "empty") {
-        EXPECT_EQ(datastore_request_create_list(request), PLATFORM_OK);
-        EXPECT_EQ(datastore_request_set_record(request, &brief, "x", 1), platform_status{EINVAL});
-    }
-    if (name == "list") {
-        EXPECT_EQ(datastore_request_add_record(request, &brief, "a", 1), PLATFORM_OK);
-        EXPECT_EQ(datastore_request_add_record(request, &brief, "b\0c", 3), PLATFORM_OK);
-    }
-    if (name == "no_list") {
-        EXPECT_EQ(datastore_request_add_record(request, &brief, "a", 1), platform_status{EINVAL});
-        EXPECT_EQ(datastore_request_set_record(request, nullptr, "a", 1), platform_status{EINVAL});
-    }
-    if (name == "failing") {
-        datastore_request_set_record(request, &brief, "half", 4);
-        return EIO;
-    }
-    return name == "nothing" ? DATASTORE_NO_DATA : PLATFORM_OK;
+    static_cast<std::vector<std::string>*>(context)->emplace_back(item);
+    const auto answer = answers.find(item);
+    return answer == answers.end() ? PLATFORM_OK : answer->second(request);
 }
 
 class datastore_provider_test : public database_test {

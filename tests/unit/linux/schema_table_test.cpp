@@ -17,29 +17,36 @@ TEST(schema_table, stands_in_byte_order_without_a_pattern_twice) {
     }
 }
 
+void expect_meaning(const schema_row& row) {
+    EXPECT_NE(row.form.help, nullptr) << row.pattern;
+    EXPECT_EQ(strchr(row.pattern, '*') != nullptr, row.wildcard.help != nullptr) << row.pattern;
+    EXPECT_EQ(row.form.kind == schema_kind::tuple, !row.fields.empty()) << row.pattern;
+    for (const schema_field& field : row.fields) {
+        EXPECT_TRUE(field.name != nullptr && field.form.help != nullptr) << row.pattern;
+    }
+}
+
 TEST(schema_table, has_a_meaning_for_every_item_and_field) {
     for (const schema_row& row : schema_rows()) {
-        EXPECT_NE(row.form.help, nullptr) << row.pattern;
-        EXPECT_EQ(strchr(row.pattern, '*') != nullptr, row.wildcard.help != nullptr) << row.pattern;
-        EXPECT_EQ(row.form.kind == schema_kind::tuple, !row.fields.empty()) << row.pattern;
-        for (const schema_field& field : row.fields) {
-            EXPECT_NE(field.name, nullptr) << row.pattern;
-            EXPECT_NE(field.form.help, nullptr) << row.pattern;
-        }
+        expect_meaning(row);
+    }
+}
+
+void expect_storable(const schema_row& row) {
+    EXPECT_LE(row.fields.size(), size_t{TUPLE_FIELDS_MAX}) << row.pattern;
+    EXPECT_GE(row.form.lowest, 0) << row.pattern;
+    EXPECT_LE(row.form.highest, INT64_C(0xffffffff)) << row.pattern;
+    for (const schema_field& field : row.fields) {
+        const bool is_name = field.form.charset == schema_charset::algorithm_name;
+        const int64_t longest = is_name ? TUPLE_NAME_MAX : TUPLE_TEXT_MAX;
+        EXPECT_LE(field.form.highest, field.form.kind == schema_kind::text ? longest : INT_MAX) << row.pattern;
     }
 }
 
 // What the forms allow has to fit the packed forms it is stored in.
 TEST(schema_table, asks_for_nothing_that_cannot_be_stored) {
     for (const schema_row& row : schema_rows()) {
-        EXPECT_LE(row.fields.size(), size_t{TUPLE_FIELDS_MAX}) << row.pattern;
-        EXPECT_GE(row.form.lowest, 0) << row.pattern;
-        EXPECT_LE(row.form.highest, INT64_C(0xffffffff)) << row.pattern;
-        for (const schema_field& field : row.fields) {
-            const bool is_name = field.form.charset == schema_charset::algorithm_name;
-            const int64_t longest = is_name ? TUPLE_NAME_MAX : TUPLE_TEXT_MAX;
-            EXPECT_LE(field.form.highest, field.form.kind == schema_kind::text ? longest : INT_MAX) << row.pattern;
-        }
+        expect_storable(row);
     }
 }
 
@@ -91,7 +98,6 @@ TEST(schema_table, knows_the_items_of_server_client_and_backup_server) {
                              "/cfg/gl/crypto/ssh/sshd_backup/portnvrf"}) {
         EXPECT_NE(schema_find(path, nullptr), nullptr) << path;
     }
-    EXPECT_EQ(schema_rows().size(), 45u);
 }
 
 }  // namespace
