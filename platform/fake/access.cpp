@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <errno.h>
 
 #include <algorithm>
@@ -76,10 +75,6 @@ stored_key* find_key(const char* label, uint32_t type) {
     });
     return key != holdings.keys.end() ? &*key : nullptr;
 }
-
-// The lists' own schemas are only needed by readers of real lists, which the fake does not encode.
-constexpr record_descriptor ipv4_entry = {"fake_ipv4_entry", "fake_acl", "$1={Sequence}D;", "$1=D;"};
-constexpr record_descriptor ipv6_entry = {"fake_ipv6_entry", "fake_acl", "$1={Sequence}D;", "$1=D;"};
 
 }  // namespace
 
@@ -181,32 +176,6 @@ void acl_service_release(acl_handle* handle) {
 const char* acl_service_action_name(uint32_t grant) {
     const auto action = holdings.actions.find(grant);
     return action != holdings.actions.end() ? action->second.c_str() : "unknown";
-}
-
-int acl_service_ipv6_prefix_length(const uint8_t mask[16], uint32_t* length) {
-    uint32_t ones = 0;
-    while (ones < 128 && (mask[ones / 8] & (0x80U >> ones % 8)) != 0) {
-        ones++;
-    }
-    for (uint32_t bit = ones; bit < 128; bit++) {
-        if ((mask[bit / 8] & (0x80U >> bit % 8)) != 0) {
-            return 0;
-        }
-    }
-    *length = ones;
-    return 1;
-}
-
-const char* ipv6_address_text(const uint8_t address[16], char* buffer) {
-    return inet_ntop(AF_INET6, address, buffer, INET6_ADDRSTRLEN);
-}
-
-const record_descriptor* acl_service_ipv4_entry_descriptor(void) {
-    return &ipv4_entry;
-}
-
-const record_descriptor* acl_service_ipv6_entry_descriptor(void) {
-    return &ipv6_entry;
 }
 
 platform_status key_store_get_user_key(const char* label, uint32_t type, key_store_key* key) {

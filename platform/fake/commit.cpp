@@ -1,5 +1,6 @@
 #include <errno.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 
@@ -38,11 +39,30 @@ datastore_change change_of(const item_change& item) {
     return {event_of(item), bytes_of(item.previous), bytes_of(item.now), size_of(item.previous), size_of(item.now)};
 }
 
+using wished_values = std::map<std::string, std::optional<value>>;
+
+/// Removes everything below a path, except what the commit names itself.
+void wish_tree_away(const std::string& tree, wished_values& wished) {
+    for (auto item = datastore.items.lower_bound(tree); item != datastore.items.end(); ++item) {
+        if (item->first.compare(0, tree.size(), tree) != 0) {
+            break;
+        }
+        wished.emplace(item->first, std::nullopt);
+    }
+}
+
 /// What the wished changes come to, in byte order of the paths; a later wish for the same path counts.
 std::vector<item_change> effective_changes(const std::vector<change>& changes) {
-    std::map<std::string, std::optional<value>> wished;
+    wished_values wished;
     for (const change& change : changes) {
-        wished[change.path] = change.new_value;
+        if (change.path.empty() || change.path.back() != '/') {
+            wished[change.path] = change.new_value;
+        }
+    }
+    for (const change& change : changes) {
+        if (!change.path.empty() && change.path.back() == '/') {
+            wish_tree_away(change.path, wished);
+        }
     }
     std::vector<item_change> effective;
     for (auto& [path, now] : wished) {
@@ -59,7 +79,7 @@ template <typename visitor>
 void for_each_verification(const item_change& item, visitor visit) {
     const std::vector<internal::verification> registrations = datastore.verifications;
     for (const internal::verification& registration : registrations) {
-        const std::optional<std::string> below = item_below(*registration.binding, item.path);
+        const std::optional<std::string> below = item_below(registration.binding, item.path);
         if (below && item_matches(registration.pattern, *below) && (registration.event_mask & event_of(item)) != 0) {
             visit(registration, below->c_str());
         }
@@ -83,17 +103,50 @@ bool accepts(const internal::verification& registration, const char* item, const
     return result.status == PLATFORM_OK;
 }
 
+/// Whether anybody is notified of the change.
+bool is_noticed(const item_change& change) {
+    return std::any_of(datastore.notifications.begin(), datastore.notifications.end(),
+                       [&change](const internal::notification& registration) {
+                           const std::optional<std::string> below = item_below(registration.binding, change.path);
+                           return below && item_matches(registration.item, *below) &&
+                                  (registration.event_mask & event_of(change)) != 0;
+                       });
+}
+
+/// Asks every verifier that is concerned. An item that nobody at all would hear of is refused.
 bool verify(const item_change& change, commit_result& result) {
     bool accepted = true;
+    bool served = is_noticed(change);
     for_each_verification(change, [&](const internal::verification& registration, const char* item) {
-        accepted = accepted && accepts(registration, item, change, result);
+        served = true;
+        accepted = accepted && (registration.verify == nullptr || accepts(registration, item, change, result));
     });
+    if (!served) {
+        result.status = DATASTORE_NO_HANDLER;
+        result.refused_path = change.path;
+    }
+    return accepted && served;
+}
+
+/// Meanwhile the datastore reads as the commit would have it.
+bool verify_all(const std::vector<item_change>& effective, commit_result& result) {
+    wished_values proposed;
+    for (const item_change& item : effective) {
+        proposed[item.path] = item.now;
+    }
+    datastore.proposed = &proposed;
+    const bool accepted =
+        std::all_of(effective.begin(), effective.end(), [&](const item_change& item) { return verify(item, result); });
+    datastore.proposed = nullptr;
     return accepted;
 }
 
 void apply(const item_change& change, commit_result& result) {
     const datastore_change record = change_of(change);
     for_each_verification(change, [&](const internal::verification& registration, const char* item) {
+        if (registration.apply == nullptr) {
+            return;
+        }
         const datastore_backend_call call = {item, &record, nullptr, nullptr};
         const platform_status status = registration.apply(&call, registration.context);
         if (status != PLATFORM_OK) {
@@ -125,12 +178,15 @@ commit_result commit(const change& change) {
 }
 
 commit_result commit(const std::vector<change>& changes) {
-    const std::vector<item_change> effective = effective_changes(changes);
     commit_result result;
-    for (const item_change& item : effective) {
-        if (!verify(item, result)) {
-            return result;
-        }
+    if (datastore.handlers_running != 0) {
+        result.status = EBUSY;
+        return result;
+    }
+    const internal::handler_scope scope;
+    const std::vector<item_change> effective = effective_changes(changes);
+    if (!verify_all(effective, result)) {
+        return result;
     }
     for (const item_change& item : effective) {
         store({item.path, item.now});
@@ -147,7 +203,7 @@ commit_result commit(const std::vector<change>& changes) {
 void notify(std::string_view path, uint32_t event, const std::optional<value>& value) {
     const std::vector<internal::notification> registrations = datastore.notifications;
     for (const internal::notification& registration : registrations) {
-        const std::optional<std::string> below = item_below(*registration.binding, path);
+        const std::optional<std::string> below = item_below(registration.binding, path);
         if (below && item_matches(registration.item, *below) && (registration.event_mask & event) != 0) {
             const datastore_notification notice = {below->c_str(), event, bytes_of(value), size_of(value)};
             registration.callback(&notice, registration.context);
@@ -166,9 +222,10 @@ platform_status datastore_backend_scan(datastore_binding* binding, const datasto
     if (status != PLATFORM_OK) {
         return status;
     }
+    const internal::handler_scope scope;
     const auto items = datastore.items;
     for (const auto& [path, stored_value] : items) {
-        const std::optional<std::string> below = item_below(*binding, path);
+        const std::optional<std::string> below = item_below(binding, path);
         if (below && item_matches(pattern, *below)) {
             const item_change item = {path, std::nullopt, stored_value};
             const datastore_change record = change_of(item);

@@ -41,11 +41,16 @@ bool item_matches(std::string_view pattern, std::string_view item) {
     return true;
 }
 
-std::optional<std::string> item_below(const datastore_binding& binding, std::string_view path) {
-    if (path.size() <= binding.path.size() || path.compare(0, binding.path.size(), binding.path) != 0) {
+std::optional<std::string> item_below(const datastore_binding* binding, std::string_view path) {
+    const auto is_it = [binding](const auto& owned) { return owned.get() == binding; };
+    if (std::none_of(datastore.bindings.begin(), datastore.bindings.end(), is_it)) {
         return std::nullopt;
     }
-    return std::string(path.substr(binding.path.size()));
+    const std::string& tree = binding->path;
+    if (path.size() <= tree.size() || path.compare(0, tree.size(), tree) != 0) {
+        return std::nullopt;
+    }
+    return std::string(path.substr(tree.size()));
 }
 
 void reset_datastore() {
@@ -75,10 +80,11 @@ value tuple_value(const char* format, const std::vector<field>& fields) {
         mask |= entry.present ? 1U << packed_fields.size() : 0;
         packed_fields.push_back({entry.number, entry.text ? entry.text->c_str() : nullptr});
     }
-    std::string packed(size_t{4} + fields.size() * (TUPLE_TEXT_MAX + 4), '\0');
+    packed_fields.resize(std::max(packed_fields.size(), strlen(format) / 2));
+    std::string packed(size_t{4} + packed_fields.size() * (TUPLE_TEXT_MAX + 4), '\0');
     size_t size = 0;
     const platform_status status = tuple_encode(packed.data(), packed.size(), format, packed_fields.data(),
-                                                static_cast<uint32_t>(fields.size()), mask, &size);
+                                                static_cast<uint32_t>(packed_fields.size()), mask, &size);
     if (status != PLATFORM_OK) {
         throw std::invalid_argument(platform_status_text(status));
     }
@@ -142,36 +148,65 @@ std::string path_of(const datastore_binding* binding, const char* item) {
     return binding->path + item;
 }
 
-/// The names directly below `path`, each once, in byte order.
+/// An item as the commit whose verifiers are asked would have it.
+std::optional<fake_platform::value> proposed_or_stored(const std::string& path) {
+    if (datastore.proposed != nullptr) {
+        if (const auto wished = datastore.proposed->find(path); wished != datastore.proposed->end()) {
+            return wished->second;
+        }
+    }
+    return stored(path);
+}
+
+/// The names directly below `path`, each once, in byte order. An item's record is its value.
 datastore_list children(const std::string& path) {
-    datastore_list list = {{}, false};
+    std::map<std::string, std::string> names;
     for (auto item = datastore.items.upper_bound(path); item != datastore.items.end(); ++item) {
         if (item->first.compare(0, path.size(), path) != 0) {
             break;
         }
-        const std::string name = item->first.substr(path.size(), item->first.find('/', path.size()) - path.size());
-        const auto same = [&name](const auto& entry) { return entry.first == name; };
-        if (std::none_of(list.entries.begin(), list.entries.end(), same)) {
-            list.entries.emplace_back(name, "");
+        const size_t end = item->first.find('/', path.size());
+        std::string& record = names[item->first.substr(path.size(), end - path.size())];
+        if (end == std::string::npos) {
+            record = item->second.bytes;
         }
     }
-    return list;
+    return {{names.begin(), names.end()}};
 }
 
 datastore_list entries_at(const std::string& path) {
     const auto scripted = datastore.lists.find(path);
-    return scripted != datastore.lists.end() ? datastore_list{scripted->second, true} : children(path);
+    return scripted != datastore.lists.end() ? datastore_list{scripted->second} : children(path);
+}
+
+template <typename row>
+bool has_below(const std::map<std::string, row, std::less<>>& rows, const std::string& tree) {
+    const auto first = rows.lower_bound(tree);
+    return first != rows.end() && first->first.compare(0, tree.size(), tree) == 0;
+}
+
+bool is_event_mask(uint32_t mask) {
+    constexpr uint32_t all = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
+    return mask != 0 && (mask & ~all) == 0;
+}
+
+bool ends_in_slash(const char* path) {
+    const size_t length = path != nullptr ? strlen(path) : 0;
+    return length > 0 && path[length - 1] == '/';
 }
 
 }  // namespace
 
 platform_status datastore_bind(const char* path, datastore_binding** binding) {
-    const platform_status status = enter("datastore_bind", {path});
-    if (status == PLATFORM_OK) {
-        datastore.bindings.push_back(std::make_unique<datastore_binding>(datastore_binding{path}));
-        *binding = datastore.bindings.back().get();
+    if (const platform_status status = enter("datastore_bind", {path}); status != PLATFORM_OK) {
+        return status;
     }
-    return status;
+    if (!ends_in_slash(path) || path[0] != '/') {
+        return EINVAL;
+    }
+    datastore.bindings.push_back(std::make_unique<datastore_binding>(datastore_binding{path}));
+    *binding = datastore.bindings.back().get();
+    return PLATFORM_OK;
 }
 
 platform_status datastore_unbind(datastore_binding* binding) {
@@ -192,11 +227,11 @@ platform_status datastore_item_get(datastore_binding* binding, const char* item,
     if (const platform_status status = enter("datastore_item_get", {path}); status != PLATFORM_OK) {
         return status;
     }
-    const auto found = datastore.items.find(path);
-    if (found == datastore.items.end()) {
+    const std::optional<fake_platform::value> found = proposed_or_stored(path);
+    if (!found) {
         return DATASTORE_NO_SUCH_ITEM;
     }
-    const std::string& bytes = found->second.bytes;
+    const std::string& bytes = found->bytes;
     if (size != nullptr) {
         *size = bytes.size();
     }
@@ -216,9 +251,13 @@ platform_status datastore_list_get(datastore_binding* binding, const char* path,
     if (const platform_status status = enter("datastore_list_get", {whole_path, count}); status != PLATFORM_OK) {
         return status;
     }
+    if (!ends_in_slash(whole_path.c_str()) || count < -1) {
+        return EINVAL;
+    }
     datastore_list entries = entries_at(whole_path);
     if (entries.entries.empty()) {
-        return DATASTORE_NO_SUCH_LIST;
+        const bool tree = has_below(datastore.items, binding->path) || has_below(datastore.lists, binding->path);
+        return tree ? DATASTORE_NO_SUCH_LIST : DATASTORE_NO_SUCH_TREE;
     }
     if (count >= 0 && entries.entries.size() > static_cast<size_t>(count)) {
         entries.entries.resize(static_cast<size_t>(count));
@@ -237,8 +276,8 @@ platform_status datastore_list_fetch(const datastore_list* list, uint32_t index,
     if (const platform_status status = enter("datastore_list_fetch", {index}); status != PLATFORM_OK) {
         return status;
     }
-    if (index >= list->entries.size() || !list->encoded) {
-        return DATASTORE_NO_DATA;
+    if (index >= list->entries.size() || list->entries[index].second.empty()) {
+        return DATASTORE_NO_SUCH_ITEM;
     }
     *record = list->entries[index].second.data();
     *size = list->entries[index].second.size();
@@ -254,18 +293,26 @@ platform_status datastore_register_verification(datastore_binding* binding, cons
                                                 datastore_verify_callback verify, datastore_apply_callback apply,
                                                 event_manager*, void* context) {
     const platform_status status = enter("datastore_register_verification", {path_of(binding, pattern), event_mask});
-    if (status == PLATFORM_OK) {
-        datastore.verifications.push_back({binding, pattern, event_mask, verify, apply, context});
+    if (status != PLATFORM_OK) {
+        return status;
     }
-    return status;
+    if (!is_event_mask(event_mask) || (verify == nullptr && apply == nullptr)) {
+        return EINVAL;
+    }
+    datastore.verifications.push_back({binding, pattern, event_mask, verify, apply, context});
+    return PLATFORM_OK;
 }
 
 platform_status datastore_register_notification(datastore_binding* binding, const char* item, uint32_t event_mask,
                                                 datastore_notification_callback callback, event_manager*,
                                                 void* context) {
     const platform_status status = enter("datastore_register_notification", {path_of(binding, item), event_mask});
-    if (status == PLATFORM_OK) {
-        datastore.notifications.push_back({binding, item, event_mask, callback, context});
+    if (status != PLATFORM_OK) {
+        return status;
     }
-    return status;
+    if (!is_event_mask(event_mask) || callback == nullptr) {
+        return EINVAL;
+    }
+    datastore.notifications.push_back({binding, item, event_mask, callback, context});
+    return PLATFORM_OK;
 }

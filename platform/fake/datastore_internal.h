@@ -12,8 +12,7 @@ struct datastore_binding {
 };
 
 struct datastore_list {
-    std::vector<std::pair<std::string, std::string>> entries;
-    bool encoded;  ///< whether the entries have records
+    std::vector<std::pair<std::string, std::string>> entries;  ///< names and records; empty for a name without one
 };
 
 struct datastore_provider {
@@ -53,6 +52,8 @@ struct datastore_state {
     std::vector<notification> notifications;
     std::vector<std::unique_ptr<datastore_provider>> providers;
     std::vector<std::unique_ptr<datastore_list>> open_lists;
+    const std::map<std::string, std::optional<value>>* proposed = nullptr;  ///< of the commit whose verifiers are asked
+    uint32_t handlers_running = 0;  ///< verifiers and appliers that have not returned
 };
 
 extern datastore_state datastore;
@@ -61,8 +62,17 @@ extern datastore_state datastore;
 /// in '/', any one component by "*".
 bool item_matches(std::string_view pattern, std::string_view item);
 
-/// The item's path below the binding; nothing when it does not stand there.
-std::optional<std::string> item_below(const datastore_binding& binding, std::string_view path);
+/// The item's path below the binding; nothing when it does not stand there, or the binding was given back.
+std::optional<std::string> item_below(const datastore_binding* binding, std::string_view path);
+
+/// Counts a handler as running while it lives.
+class handler_scope {
+  public:
+    handler_scope() { datastore.handlers_running++; }
+    ~handler_scope() { datastore.handlers_running--; }
+    handler_scope(const handler_scope&) = delete;
+    handler_scope& operator=(const handler_scope&) = delete;
+};
 
 }  // namespace fake_platform::internal
 

@@ -90,13 +90,14 @@ struct field {
 value number_value(uint32_t number);
 value text_value(std::string_view text);
 
-/// Packs a tuple; throws std::invalid_argument when a field does not fit `format`.
+/// Packs a tuple, whose last fields may be left out when they are absent; throws std::invalid_argument when a field does
+/// not fit `format`.
 value tuple_value(const char* format, const std::vector<field>& fields);
 
 /// A tuple's bytes as they are, malformed ones too.
 value raw_tuple_value(std::string bytes);
 
-/// One wished change: a new value, or removal.
+/// One wished change: a new value, or removal; of everything below a path that ends in '/'.
 struct change {
     std::string path;
     std::optional<fake_platform::value> new_value;
@@ -113,15 +114,15 @@ struct failed_item {
 };
 
 struct commit_result {
-    platform_status status = PLATFORM_OK;  ///< of the refusal; the verifier's, or DATASTORE_NO_HANDLER
+    platform_status status = PLATFORM_OK;  ///< of the refusal: the verifier's, or one of those below
     std::string refused_path;              ///< empty when the commit was carried out
     std::string error_text;                ///< the verifier's
     std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change stands nevertheless
 };
 
 /// One commit: every verification in byte order of the paths, then the store, then every applier, then the notices. A
-/// value that is stored already is no change. An absent item is removed without a word. A path of no registration is
-/// stored without being verified.
+/// value that is stored already is no change, nor is the removal of what is not there. Refused with DATASTORE_NO_HANDLER
+/// for an item that nobody has registered for, with EBUSY from within a handler.
 commit_result commit(const std::vector<change>& changes);
 commit_result commit(const change& change);
 

@@ -28,8 +28,15 @@ std::optional<std::string> item_of(const datastore_provider& provider, std::stri
 }  // namespace
 
 answer ask(datastore_provider_callback fill, const char* item, void* context) {
+    const internal::handler_scope scope;
     datastore_read_request request;
-    const platform_status status = fill(&request, item, context);
+    platform_status status = fill(&request, item, context);
+    if (status == PLATFORM_OK && !request.answer.is_list && request.answer.records.empty()) {
+        status = DATASTORE_NOTHING_TO_ENCODE;
+    }
+    if (status != PLATFORM_OK) {
+        request.answer.records.clear();
+    }
     request.answer.status = status;
     return request.answer;
 }
@@ -69,13 +76,19 @@ using internal::enter;
 
 platform_status datastore_provider_register(const char* path, datastore_provider_callback callback, event_manager*,
                                             void* context, datastore_provider** provider) {
-    const platform_status status = enter("datastore_provider_register", {path});
-    if (status == PLATFORM_OK) {
-        datastore.providers.push_back(
-            std::make_unique<datastore_provider>(datastore_provider{path, callback, context}));
-        *provider = datastore.providers.back().get();
+    if (const platform_status status = enter("datastore_provider_register", {path}); status != PLATFORM_OK) {
+        return status;
     }
-    return status;
+    if (path[0] != '/' || callback == nullptr) {
+        return EINVAL;
+    }
+    const auto same_tree = [path](const auto& other) { return without_slash(other->path) == without_slash(path); };
+    if (std::any_of(datastore.providers.begin(), datastore.providers.end(), same_tree)) {
+        return EEXIST;
+    }
+    datastore.providers.push_back(std::make_unique<datastore_provider>(datastore_provider{path, callback, context}));
+    *provider = datastore.providers.back().get();
+    return PLATFORM_OK;
 }
 
 platform_status datastore_provider_unregister(datastore_provider* provider) {
@@ -92,10 +105,10 @@ platform_status datastore_request_set_record(datastore_read_request* request, co
     if (const platform_status status = enter("datastore_request_set_record", {}); status != PLATFORM_OK) {
         return status;
     }
-    if (request->answer.is_list || !request->answer.records.empty()) {
-        return EEXIST;
+    if (request->answer.is_list || descriptor == nullptr) {
+        return EINVAL;
     }
-    request->answer.records.push_back({descriptor, std::string(static_cast<const char*>(record), size)});
+    request->answer.records = {{descriptor, std::string(static_cast<const char*>(record), size)}};
     return PLATFORM_OK;
 }
 
@@ -103,10 +116,8 @@ platform_status datastore_request_create_list(datastore_read_request* request) {
     if (const platform_status status = enter("datastore_request_create_list", {}); status != PLATFORM_OK) {
         return status;
     }
-    if (request->answer.is_list || !request->answer.records.empty()) {
-        return EEXIST;
-    }
     request->answer.is_list = true;
+    request->answer.records.clear();
     return PLATFORM_OK;
 }
 
@@ -115,7 +126,7 @@ platform_status datastore_request_add_record(datastore_read_request* request, co
     if (const platform_status status = enter("datastore_request_add_record", {}); status != PLATFORM_OK) {
         return status;
     }
-    if (!request->answer.is_list) {
+    if (!request->answer.is_list || descriptor == nullptr) {
         return EINVAL;
     }
     request->answer.records.push_back({descriptor, std::string(static_cast<const char*>(record), size)});

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,30 +48,6 @@ TEST(fake_acl_service, names_actions) {
     fake_platform::set_acl_action(7, "encrypt");
     EXPECT_STREQ(acl_service_action_name(7), "encrypt");
     EXPECT_NE(acl_service_action_name(99), nullptr);
-}
-
-TEST(fake_acl_service, measures_masks) {
-    uint8_t mask[16] = {};
-    uint32_t length = 99;
-    EXPECT_NE(acl_service_ipv6_prefix_length(mask, &length), 0);
-    EXPECT_EQ(length, 0u);
-    memset(mask, 0xff, 16);
-    EXPECT_NE(acl_service_ipv6_prefix_length(mask, &length), 0);
-    EXPECT_EQ(length, 128u);
-    mask[8] = 0x80;
-    memset(mask + 9, 0, 7);
-    EXPECT_NE(acl_service_ipv6_prefix_length(mask, &length), 0);
-    EXPECT_EQ(length, 65u);
-    mask[15] = 1;
-    EXPECT_EQ(acl_service_ipv6_prefix_length(mask, &length), 0);
-    EXPECT_EQ(length, 65u);
-}
-
-TEST(fake_acl_service, writes_addresses) {
-    uint8_t address[16] = {};
-    char text[INET6_ADDRSTRLEN];
-    ASSERT_EQ(inet_pton(AF_INET6, "2001:db8::1", address), 1);
-    EXPECT_STREQ(ipv6_address_text(address, text), "2001:db8::1");
 }
 
 TEST(fake_key_store, keeps_keys) {

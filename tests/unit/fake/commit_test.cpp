@@ -89,8 +89,51 @@ TEST_F(fake_commit_test, events_tell_creation_change_and_removal_apart) {
 TEST_F(fake_commit_test, what_is_no_change_is_not_told) {
     commit(set_number("/cfg/a", 1));
     seen.clear();
-    EXPECT_EQ(commit({set_number("/cfg/a", 1), remove("/cfg/none")}).status, PLATFORM_OK);
+    EXPECT_EQ(commit({set_number("/cfg/a", 1), remove("/cfg/none"), remove("/cfg/none/")}).status, PLATFORM_OK);
     EXPECT_THAT(seen, IsEmpty());
+}
+
+TEST_F(fake_commit_test, an_item_that_nobody_serves_is_refused) {
+    const auto result = commit(set_number("/other/a", 1));
+    EXPECT_EQ(result.status, platform_status{DATASTORE_NO_HANDLER});
+    EXPECT_EQ(result.refused_path, "/other/a");
+    EXPECT_EQ(fake_platform::stored("/other/a"), std::nullopt);
+}
+
+TEST_F(fake_commit_test, a_tree_is_removed_but_for_what_the_commit_names) {
+    for (const char* path : {"/cfg/t/a", "/cfg/t/b", "/cfg/t/c/d", "/cfg/u"}) {
+        fake_platform::store(set_number(path, 1));
+    }
+    EXPECT_EQ(commit({remove("/cfg/t/"), set_number("/cfg/t/b", 2)}).status, PLATFORM_OK);
+    EXPECT_THAT(seen, ElementsAre("verify t/a 4 1>-", "verify t/b 2 1>2", "verify t/c/d 4 1>-", "apply t/a 4 1>-",
+                                  "apply t/b 2 1>2", "apply t/c/d 4 1>-"));
+    EXPECT_NE(fake_platform::stored("/cfg/u"), std::nullopt);
+}
+
+TEST_F(fake_commit_test, a_handler_cannot_commit) {
+    static platform_status inner;
+    datastore_binding* other = nullptr;
+    datastore_bind("/other/", &other);
+    datastore_register_verification(
+        other, "", 7, nullptr,
+        [](const datastore_backend_call*, void*) -> platform_status {
+            inner = commit(set_number("/cfg/a", 1)).status;
+            return PLATFORM_OK;
+        },
+        nullptr, nullptr);
+    EXPECT_EQ(commit(set_number("/other/a", 1)).status, PLATFORM_OK);
+    EXPECT_EQ(inner, platform_status{EBUSY});
+}
+
+TEST_F(fake_commit_test, a_binding_given_back_within_a_commit_is_called_no_more) {
+    static datastore_binding* other = nullptr;
+    datastore_bind("/cfg/a/", &other);
+    datastore_register_verification(
+        binding, "", 7, nullptr, [](const datastore_backend_call*, void*) { return datastore_unbind(other); }, nullptr,
+        nullptr);
+    datastore_register_verification(other, "", 7, nullptr, apply, nullptr, nullptr);
+    EXPECT_EQ(commit(set_number("/cfg/a/b", 1)).status, PLATFORM_OK);
+    EXPECT_THAT(seen, ElementsAre("verify a/b 3 ->1", "apply a/b 3 ->1"));
 }
 
 TEST_F(fake_commit_test, a_refusal_stores_nothing_and_applies_nothing) {
@@ -125,7 +168,9 @@ TEST_F(fake_commit_test, a_failed_applier_is_reported_and_the_change_stands) {
 
 TEST_F(fake_commit_test, event_masks_and_other_trees_are_heeded) {
     datastore_register_notification(binding, "a", DATASTORE_EVENT_DELETE, notice, nullptr, nullptr);
-    commit({set_number("/cfg/a", 1), set_number("/cfgx/a", 1)});
+    EXPECT_EQ(commit({set_number("/cfg/a", 1), set_number("/cfgx/a", 1)}).refused_path, "/cfgx/a");
+    seen.clear();
+    commit(set_number("/cfg/a", 1));
     EXPECT_EQ(seen.size(), 2u);
     commit(remove("/cfg/a"));
     EXPECT_EQ(seen.back(), "notice a 4 -");
@@ -142,7 +187,8 @@ TEST_F(fake_commit_test, patterns_choose_items) {
     EXPECT_THAT(notices, ElementsAre("notice below/x/y 3 4", "notice users/a/level 3 1"));
 }
 
-TEST_F(fake_commit_test, handlers_see_the_store_as_it_is_by_then) {
+// A verifier judges the commit as a whole, so what it reads is what the commit would leave behind.
+TEST_F(fake_commit_test, verifiers_read_what_the_commit_would_store) {
     static std::vector<bool> present;
     present.clear();
     datastore_binding* other = nullptr;
@@ -156,8 +202,15 @@ TEST_F(fake_commit_test, handlers_see_the_store_as_it_is_by_then) {
         return PLATFORM_OK;
     };
     datastore_register_verification(other, "", 7, look, look, nullptr, other);
-    commit(set_number("/other/a", 1));
-    EXPECT_THAT(present, ElementsAre(false, true));
+    commit({set_number("/other/a", 1), set_number("/other/0", 1)});
+    EXPECT_THAT(present, ElementsAre(true, true, true, true));
+    present.clear();
+    commit({remove("/other/a"), set_number("/other/0", 2)});
+    EXPECT_THAT(present, ElementsAre(false, false, false, false));
+    present.clear();
+    refused = "b";
+    EXPECT_EQ(commit({set_number("/cfg/b", 1), set_number("/other/a", 1)}).refused_path, "/cfg/b");
+    EXPECT_EQ(datastore_item_get(other, "a", nullptr, 0, nullptr), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
 std::vector<std::string> applied;

@@ -64,14 +64,16 @@ TEST_F(fake_datastore_test, a_missing_item_and_a_small_buffer_are_told) {
 
 TEST_F(fake_datastore_test, a_tuple_that_does_not_fit_is_refused_at_once) {
     EXPECT_THROW(set_tuple("/a", "%d", {std::string("text")}), std::invalid_argument);
-    EXPECT_THROW(set_tuple("/a", "%d%d", {1}), std::invalid_argument);
+    EXPECT_THROW(set_tuple("/a", "%d", {1, 2}), std::invalid_argument);
+    EXPECT_EQ(set_tuple("/a", "%d%s%d", {1}).new_value, set_tuple("/a", "%d%s%d", {1, {}, {}}).new_value);
 }
 
 TEST_F(fake_datastore_test, bindings_are_counted) {
     datastore_binding* first = bind("/cfg/a/");
     datastore_binding* second = bind("/cfg/b/");
     EXPECT_EQ(fake_platform::bindings(), 2u);
-    EXPECT_EQ(datastore_register_verification(first, "", 7, nullptr, nullptr, nullptr, nullptr), PLATFORM_OK);
+    const auto apply = [](const datastore_backend_call*, void*) -> platform_status { return PLATFORM_OK; };
+    EXPECT_EQ(datastore_register_verification(first, "", 7, nullptr, apply, nullptr, nullptr), PLATFORM_OK);
     EXPECT_EQ(datastore_unbind(first), PLATFORM_OK);
     EXPECT_EQ(fake_platform::bindings("/cfg/a/"), 0u);
     EXPECT_EQ(fake_platform::bindings("/cfg/b/"), 1u);
@@ -101,6 +103,35 @@ TEST_F(fake_datastore_test, a_list_has_the_names_directly_below) {
     datastore_list_free(list);
     datastore_list_free(nullptr);
     EXPECT_EQ(datastore_list_get(binding, "none/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_LIST});
+    EXPECT_EQ(datastore_list_get(bind("/empty/"), "none/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_TREE});
+    EXPECT_EQ(datastore_list_get(binding, "users", -1, &list, &found), platform_status{EINVAL});
+}
+
+TEST_F(fake_datastore_test, a_listed_item_has_its_value_for_a_record) {
+    store(set_text("/cfg/names/a", "one"));
+    store(set_text("/cfg/names/b/c", "two"));
+    datastore_list* list = nullptr;
+    uint32_t found = 0;
+    ASSERT_EQ(datastore_list_get(bind("/cfg/"), "names/", -1, &list, &found), PLATFORM_OK);
+    const void* record = nullptr;
+    size_t size = 0;
+    EXPECT_EQ(datastore_list_fetch(list, 0, &record, &size), PLATFORM_OK);
+    EXPECT_STREQ(static_cast<const char*>(record), "one");
+    EXPECT_EQ(datastore_list_fetch(list, 1, &record, &size), platform_status{DATASTORE_NO_SUCH_ITEM});
+    datastore_list_free(list);
+}
+
+TEST_F(fake_datastore_test, wrong_registrations_are_refused) {
+    datastore_binding* binding = bind("/cfg/");
+    datastore_binding* none = nullptr;
+    EXPECT_EQ(datastore_bind("/cfg", &none), platform_status{EINVAL});
+    EXPECT_EQ(datastore_bind("cfg/", &none), platform_status{EINVAL});
+    EXPECT_EQ(datastore_register_verification(binding, "", 7, nullptr, nullptr, nullptr, nullptr),
+              platform_status{EINVAL});
+    const auto notice = [](const datastore_notification*, void*) {};
+    EXPECT_EQ(datastore_register_notification(binding, "a", 8, notice, nullptr, nullptr), platform_status{EINVAL});
+    EXPECT_EQ(datastore_register_notification(binding, "a", 0, notice, nullptr, nullptr), platform_status{EINVAL});
+    EXPECT_EQ(datastore_register_notification(binding, "a", 7, nullptr, nullptr, nullptr), platform_status{EINVAL});
 }
 
 TEST_F(fake_datastore_test, a_scripted_list_has_records) {
@@ -114,12 +145,12 @@ TEST_F(fake_datastore_test, a_scripted_list_has_records) {
     size_t size = 0;
     EXPECT_EQ(datastore_list_fetch(list, 1, &record, &size), PLATFORM_OK);
     EXPECT_EQ(std::string(static_cast<const char*>(record), size), "second");
-    EXPECT_EQ(datastore_list_fetch(list, 2, &record, &size), platform_status{DATASTORE_NO_DATA});
+    EXPECT_EQ(datastore_list_fetch(list, 2, &record, &size), platform_status{DATASTORE_NO_SUCH_ITEM});
     datastore_list_free(list);
     fake_platform::fail("datastore_list_get", DATASTORE_NO_SUCH_TREE, 1);
     EXPECT_EQ(datastore_list_get(binding, "one/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_TREE});
     fake_platform::remove_list("/oper/acl/list/one/");
-    EXPECT_EQ(datastore_list_get(binding, "one/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_LIST});
+    EXPECT_EQ(datastore_list_get(binding, "one/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_TREE});
 }
 
 }  // namespace

@@ -3,23 +3,28 @@
 #include <gtest/gtest.h>
 
 #include "fake/fake_platform.h"
+#include "platform/record_codec.h"
 #include "platform/telemetry_producer.h"
 
 namespace {
 
 std::string asked_item;
 
-platform_status one_record(datastore_read_request* request, const char* item, void* context) {
+constexpr record_descriptor number_record = {"number", "test", "$1={Number}D;", "$1=D;"};
+
+platform_status one_record(datastore_read_request* request, const char* item, void*) {
     asked_item = item;
-    return datastore_request_set_record(request, static_cast<const record_descriptor*>(context), "bytes", 5);
+    EXPECT_EQ(datastore_request_set_record(request, nullptr, "x", 1), platform_status{EINVAL});
+    EXPECT_EQ(datastore_request_set_record(request, &number_record, "first", 5), PLATFORM_OK);
+    return datastore_request_set_record(request, &number_record, "bytes", 5);
 }
 
 platform_status two_records(datastore_read_request* request, const char*, void*) {
-    EXPECT_EQ(datastore_request_add_record(request, nullptr, "x", 1), platform_status{EINVAL});
+    EXPECT_EQ(datastore_request_add_record(request, &number_record, "x", 1), platform_status{EINVAL});
     EXPECT_EQ(datastore_request_create_list(request), PLATFORM_OK);
-    EXPECT_EQ(datastore_request_add_record(request, nullptr, "one", 3), PLATFORM_OK);
-    EXPECT_EQ(datastore_request_set_record(request, nullptr, "x", 1), platform_status{EEXIST});
-    return datastore_request_add_record(request, nullptr, "two", 3);
+    EXPECT_EQ(datastore_request_add_record(request, &number_record, "one", 3), PLATFORM_OK);
+    EXPECT_EQ(datastore_request_set_record(request, &number_record, "x", 1), platform_status{EINVAL});
+    return datastore_request_add_record(request, &number_record, "two", 3);
 }
 
 platform_status no_data(datastore_read_request*, const char*, void*) {
@@ -33,14 +38,13 @@ datastore_provider* provide(const char* path, datastore_provider_callback callba
 }
 
 TEST(fake_providers, answer_reads_below_their_path) {
-    int descriptor = 0;
-    provide("/oper/a/", one_record, &descriptor);
+    provide("/oper/a/", one_record);
     const fake_platform::answer answer = fake_platform::read("/oper/a/detail/7");
     EXPECT_EQ(answer.status, PLATFORM_OK);
     EXPECT_EQ(asked_item, "detail/7");
     ASSERT_EQ(answer.records.size(), 1u);
     EXPECT_EQ(answer.records[0].bytes, "bytes");
-    EXPECT_EQ(answer.records[0].descriptor, reinterpret_cast<const record_descriptor*>(&descriptor));
+    EXPECT_EQ(answer.records[0].descriptor, &number_record);
     EXPECT_FALSE(answer.is_list);
 }
 
@@ -60,6 +64,24 @@ TEST(fake_providers, answer_lists) {
     EXPECT_TRUE(answer.is_list);
     ASSERT_EQ(answer.records.size(), 2u);
     EXPECT_EQ(answer.records[1].bytes, "two");
+}
+
+TEST(fake_providers, an_answer_without_a_record_is_told) {
+    provide("/oper/a/", [](datastore_read_request*, const char*, void*) -> platform_status { return PLATFORM_OK; });
+    EXPECT_EQ(fake_platform::read("/oper/a/").status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
+    provide("/oper/b/", [](datastore_read_request* request, const char*, void*) -> platform_status {
+        datastore_request_set_record(request, &number_record, "x", 1);
+        return EIO;
+    });
+    EXPECT_EQ(fake_platform::read("/oper/b/").status, platform_status{EIO});
+    EXPECT_EQ(fake_platform::read("/oper/b/").records.size(), 0u);
+}
+
+TEST(fake_providers, one_tree_has_one) {
+    datastore_provider* second = nullptr;
+    provide("/oper/a/", no_data);
+    EXPECT_EQ(datastore_provider_register("/oper/a", no_data, nullptr, nullptr, &second), platform_status{EEXIST});
+    EXPECT_EQ(datastore_provider_register("/oper/b", nullptr, nullptr, nullptr, &second), platform_status{EINVAL});
 }
 
 TEST(fake_providers, can_be_taken_back) {
