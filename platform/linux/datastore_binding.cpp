@@ -101,7 +101,7 @@ platform_status datastore_item_get(datastore_binding* binding, const char* item,
         return EINVAL;
     }
     datastore_stored stored;
-    if (const platform_status status = datastore_stored_get(binding->path + item, stored); status != PLATFORM_OK) {
+    if (const platform_status status = datastore_proposed_get(binding->path + item, stored); status != PLATFORM_OK) {
         return status;
     }
     if (size != nullptr) {

@@ -39,6 +39,16 @@ struct outcome_row {
     uint32_t event;
 };
 
+/// The plan whose verifiers are being asked; null outside.
+const commit_plan* plan_under_verification = nullptr;
+
+struct verification_scope {
+    explicit verification_scope(const commit_plan& plan) { plan_under_verification = &plan; }
+    ~verification_scope() { plan_under_verification = nullptr; }
+    verification_scope(const verification_scope&) = delete;
+    verification_scope& operator=(const verification_scope&) = delete;
+};
+
 uint32_t event_of(datastore_outcome outcome) {
     constexpr outcome_row rows[] = {
         {datastore_outcome::unchanged, 0},
@@ -221,6 +231,7 @@ bool verify_item(const std::string& path, const planned_change& planned, datasto
 }
 
 bool verify_all(const commit_plan& plan, datastore_commit_result& result) {
+    const verification_scope scope(plan);
     for (const auto& [path, planned] : plan) {
         if (planned.known && planned.changes() && !verify_item(path, planned, result)) {
             return false;
@@ -341,6 +352,20 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
 }
 
 }  // namespace
+
+platform_status datastore_proposed_get(std::string_view path, datastore_stored& value) {
+    if (plan_under_verification != nullptr) {
+        const auto planned = plan_under_verification->find(std::string(path));
+        if (planned != plan_under_verification->end()) {
+            if (!planned->second.value) {
+                return DATASTORE_NO_SUCH_ITEM;
+            }
+            value = *planned->second.value;
+            return PLATFORM_OK;
+        }
+    }
+    return datastore_stored_get(path, value);
+}
 
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only) {
     datastore_commit_result result;

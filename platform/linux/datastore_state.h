@@ -58,6 +58,10 @@ class datastore_handler_scope {
 /// A stored item of the configuration; DATASTORE_UNAVAILABLE while the database is closed.
 platform_status datastore_stored_get(std::string_view path, datastore_stored& value);
 
+/// The same, but while the verifiers of a commit are asked an item that it would change comes out as the commit would have
+/// it.
+platform_status datastore_proposed_get(std::string_view path, datastore_stored& value);
+
 /// The first stored item whose path begins with `prefix` and stands behind `after` (at the prefix's start when `after` is
 /// empty). DATASTORE_NO_SUCH_ITEM at the end.
 platform_status datastore_stored_next(std::string_view prefix, std::string_view after, std::string& path,

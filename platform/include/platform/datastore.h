@@ -30,7 +30,9 @@ platform_status datastore_unbind(struct datastore_binding* binding);
 
 /// Reads the item at `item` below the binding into `value` (`capacity` bytes): a uint32_t, a text with its NUL, or a
 /// packed tuple. `*size` (which may be null) receives the value's size. With a null `value` only the item's existence
-/// is asked. Returns DATASTORE_NO_SUCH_ITEM when there is none, ENOSPC when it does not fit.
+/// is asked. While the verifiers of a commit are asked, an item that the commit would change reads as the commit would
+/// have it, so that a verifier can judge the commit as a whole. Returns DATASTORE_NO_SUCH_ITEM when there is none, ENOSPC
+/// when it does not fit.
 platform_status datastore_item_get(struct datastore_binding* binding, const char* item, void* value, size_t capacity,
                                    size_t* size);
 

@@ -111,6 +111,7 @@ class recorder {
     std::map<std::string, platform_status> verify_results;  ///< by item
     std::map<std::string, platform_status> apply_results;
     std::string refusal = "the verifier says no";
+    std::function<void()> in_verify;
     std::function<void()> in_apply;
 
     static platform_status on_verify(const datastore_backend_call* call, void* context) {
@@ -148,6 +149,9 @@ class recorder {
 
     platform_status verify(const datastore_backend_call& call) {
         note("verify", call);
+        if (in_verify) {
+            in_verify();
+        }
         const auto result = verify_results.find(call.item);
         if (result == verify_results.end()) {
             *call.accepted = 1;
