@@ -128,6 +128,22 @@ TEST_P(algorithm_verifiers_test, curve25519_is_refused_in_fips_mode) {
     commit_ok(kex({"ecdh-sha2-nistp256"}));
 }
 
+TEST_P(algorithm_verifiers_test, a_commit_that_switches_fips_mode_is_judged_by_what_it_asks_for) {
+    const auto on = fake_platform::set_number(fips_item, 1);
+    const std::string before = both_files();
+    for (const auto& change : {kex({"ecdh-sha2-nistp256", curve25519}), cipher({"aes128-ctr", chacha20})}) {
+        const commit_result result = fake_platform::commit({on, change});
+        EXPECT_EQ(result.refused_path, change.path);
+        EXPECT_FALSE(fake_platform::stored(fips_item).has_value());
+        EXPECT_EQ(both_files(), before);
+    }
+    turn_fips(true);
+    const auto off = fake_platform::remove(fips_item);
+    EXPECT_EQ(fake_platform::commit({off, kex({curve25519}), cipher({chacha20})}).status, PLATFORM_OK);
+    EXPECT_EQ(line("KexAlgorithms"), curve25519);
+    EXPECT_EQ(line("Ciphers"), chacha20);
+}
+
 TEST_P(algorithm_verifiers_test, the_first_fault_of_a_list_is_the_one_that_is_told) {
     turn_fips(true);
     expect_refused(kex({"rot13", curve25519}), "unknown ssh kexalgorithms rot13");
