@@ -3,33 +3,12 @@
 #include <algorithm>
 #include <iterator>
 
+#include "openssh/keyword_row_makers.h"
 #include "openssh/text.h"
 
 namespace openssh {
 
 namespace {
-
-constexpr keyword_row pass(std::string_view keyword, value_form form, repetition repeats = repetition::once,
-                           std::string_view otherwise = {}) {
-    return {.keyword = keyword, .how = treatment::pass, .form = form, .repeats = repeats, .otherwise = otherwise};
-}
-
-constexpr keyword_row list(std::string_view keyword, algorithm_kind kind, std::string_view written_as = {}) {
-    return {.keyword = keyword, .how = treatment::list, .written_as = written_as, .kind = kind};
-}
-
-constexpr keyword_row leave_out(std::string_view keyword, const char* reason) {
-    return {.keyword = keyword, .how = treatment::leave_out, .reason = reason};
-}
-
-/// A setting of sshd's that the agent never writes, for files that an operator has edited; sshd itself judges it.
-constexpr keyword_row stock(std::string_view keyword) {
-    return pass(keyword, is_any_text);
-}
-
-constexpr keyword_row stock_repeated(std::string_view keyword) {
-    return pass(keyword, is_any_text, repetition::by_value);
-}
 
 constexpr const char* no_certificates = "stock sshd has no x509v3 certificates";
 
@@ -164,15 +143,15 @@ constexpr keyword_row rows[] = {
 
 }  // namespace
 
-keyword_rows all_keyword_rows() {
+keyword_rows server_keyword_rows() {
     return {std::begin(rows), std::end(rows)};
 }
 
-const keyword_row* find_keyword_row(std::string_view keyword) {
-    const keyword_row* row = std::find_if(std::begin(rows), std::end(rows), [&](const keyword_row& candidate) {
+const keyword_row* find_keyword_row(const keyword_rows& rows, std::string_view keyword) {
+    const keyword_row* row = std::find_if(rows.begin(), rows.end(), [&](const keyword_row& candidate) {
         return equal_ignoring_case(candidate.keyword, keyword);
     });
-    return row == std::end(rows) ? nullptr : row;
+    return row == rows.end() ? nullptr : row;
 }
 
 }  // namespace openssh

@@ -1,4 +1,4 @@
-/// What becomes of each keyword of a server file.
+/// What becomes of each keyword of a server file, and of each of the client's file.
 #ifndef OPENSSH_KEYWORD_TABLE_H
 #define OPENSSH_KEYWORD_TABLE_H
 
@@ -44,10 +44,11 @@ struct keyword_rows {
     const keyword_row* end() const { return last; }
 };
 
-keyword_rows all_keyword_rows();
+keyword_rows server_keyword_rows();
+keyword_rows client_keyword_rows();
 
 /// The row of a keyword, or null.
-const keyword_row* find_keyword_row(std::string_view keyword);
+const keyword_row* find_keyword_row(const keyword_rows& rows, std::string_view keyword);
 
 }  // namespace openssh
 

@@ -1,4 +1,4 @@
-/// Every absolute path that the launcher of the SSH server uses.
+/// Every absolute path that the launchers of the SSH server and the client use.
 #ifndef OPENSSH_PATHS_H
 #define OPENSSH_PATHS_H
 
@@ -20,6 +20,11 @@ struct launcher_paths {
     std::string sshd = "/pkg/libexec/norvosshd";
     /// Prints the key that the key store holds for the user named by its argument; sshd is told of it where it is installed.
     std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
+    /// The agent's files for the client and for the default server; the latter tells whether FIPS mode is on.
+    std::string client_file = "/var/opt/norvo/norvossh/ssh_config";
+    std::string default_server_file = "/var/opt/norvo/norvossh/sshd_config";
+    /// The name that the client's process goes by.
+    std::string client_name = "/pkg/bin/ssh_csm";
     const char* system_log = "/dev/log";
     /// The name in the log: the server's own, as its program's name gives it.
     const char* log_name = "norvosshd";

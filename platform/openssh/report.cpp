@@ -32,7 +32,7 @@ report_way choose_report_way(int fd, const char* journal_stream, bool has_system
 
 std::string format_report(const reporter& to, severity level, std::string_view text) {
     const std::string prefix =
-        to.way == report_way::text ? std::string("sshd: ") : format_text("<%d>", static_cast<int>(level));
+        to.way == report_way::text ? std::string(to.program) + ": " : format_text("<%d>", static_cast<int>(level));
     return prefix + shown(to.server_file) + ": " + std::string(text) + "\n";
 }
 

@@ -19,6 +19,7 @@ struct reporter {
     std::string server_file = {};  ///< named in every line
     report_way way = report_way::text;
     int fd = 2;  ///< standard error
+    const char* program = "sshd";
 };
 
 /// The way for a process whose standard error is `fd`. `journal_stream` is what the service manager says of the journal's

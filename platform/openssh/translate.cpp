@@ -9,6 +9,22 @@
 
 namespace openssh {
 
+const file_kind server_file_kind = {
+    .rows = server_keyword_rows(),
+    .program = "sshd",
+    .made_for = "the server",
+    .first_lines = "PidFile none\n",
+    .is_server = true,
+};
+
+const file_kind client_file_kind = {
+    .rows = client_keyword_rows(),
+    .program = "ssh",
+    .made_for = "a client",
+    .first_lines = "",
+    .is_server = false,
+};
+
 namespace {
 
 constexpr std::string_view fips_mode_line = "# FIPS mode: on\n";
@@ -110,8 +126,8 @@ void pass_setting(translator& state, const keyword_row& row, const setting& foun
         return;
     }
     add_remark(state, severity::warning,
-               format_text("line %zu: %s left out: sshd does not take the value \"%s\"", found.line,
-                           shown(row.keyword).c_str(), shown(found.value).c_str()));
+               format_text("line %zu: %s left out: %s does not take the value \"%s\"", found.line,
+                           shown(row.keyword).c_str(), state.input.kind->program, shown(found.value).c_str()));
 }
 
 void remark_names(translator& state, const setting& found, const std::vector<std::string_view>& names,
@@ -244,7 +260,7 @@ void translate_line(translator& state, size_t number, std::string_view line) {
         add_remark(state, severity::warning,
                    format_text("line %zu: %s left out: the line holds a control character", number,
                                shown(found.keyword).c_str()));
-    } else if (const keyword_row* row = find_keyword_row(found.keyword)) {
+    } else if (const keyword_row* row = find_keyword_row(state.input.kind->rows, found.keyword)) {
         handler_of(row->how)(state, *row, found);
     } else {
         add_remark(
@@ -283,8 +299,8 @@ void settle_list(translator& state, const keyword_row& row) {
                                   emptied->second, shown(row.output_keyword()).c_str()));
     } else {
         add_remark(state, severity::error,
-                   format_text("line %zu: %s: nothing remains of the list, sshd's own default is in force",
-                               emptied->second, shown(row.output_keyword()).c_str()));
+                   format_text("line %zu: %s: nothing remains of the list, %s's own default is in force",
+                               emptied->second, shown(row.output_keyword()).c_str(), state.input.kind->program));
     }
     state.emptied.erase(emptied);
 }
@@ -301,8 +317,8 @@ void settle_setting(translator& state, const keyword_row& row) {
 
 /// Users' keys come from the key store, unless the file names another source.
 void add_user_keys_program(translator& state) {
-    const keyword_row& command = *find_keyword_row("AuthorizedKeysCommand");
-    const keyword_row& user = *find_keyword_row("AuthorizedKeysCommandUser");
+    const keyword_row& command = *find_keyword_row(state.input.kind->rows, "AuthorizedKeysCommand");
+    const keyword_row& user = *find_keyword_row(state.input.kind->rows, "AuthorizedKeysCommandUser");
     const bool named =
         state.written.count(repetition_key(command, {})) + state.written.count(repetition_key(user, {})) != 0;
     if (!named && !state.input.user_keys_program.empty()) {
@@ -312,15 +328,17 @@ void add_user_keys_program(translator& state) {
 }
 
 void settle(translator& state) {
-    for (const keyword_row& row : all_keyword_rows()) {
+    for (const keyword_row& row : state.input.kind->rows) {
         if (row.how == treatment::list) {
             settle_list(state, row);
         } else if (row.how == treatment::pass) {
             settle_setting(state, row);
         }
     }
-    add_user_keys_program(state);
-    if (!state.has_host_key) {
+    if (state.input.kind->is_server) {
+        add_user_keys_program(state);
+    }
+    if (state.input.kind->is_server && !state.has_host_key) {
         refuse(state, "no host key is left, the file is not used");
     }
     if (state.remarks_not_kept != 0) {
@@ -335,7 +353,8 @@ bool asks_for_fips_mode(std::string_view text) {
     bool on = false;
     for_each_line(text, [&](size_t number, std::string_view line) {
         const setting found = parse_line(number, line);
-        const keyword_row* row = found.keyword.empty() ? nullptr : find_keyword_row(found.keyword);
+        const keyword_row* row =
+            found.keyword.empty() ? nullptr : find_keyword_row(server_keyword_rows(), found.keyword);
         on = on || (row != nullptr && row->how == treatment::fips_mode && !equal_ignoring_case(found.value, "no"));
     });
     return on;
@@ -343,11 +362,11 @@ bool asks_for_fips_mode(std::string_view text) {
 
 translation translate(const translation_input& input) {
     translator state{.input = input};
-    state.result.fips_mode = asks_for_fips_mode(input.text);
-    state.result.text = format_text("# Made at each start of the server from %s, where changes belong.\n",
+    state.result.fips_mode = input.fips_mode || asks_for_fips_mode(input.text);
+    state.result.text = format_text("# Made at each start of %s from %s, where changes belong.\n", input.kind->made_for,
                                     shown(input.source_name).c_str());
     state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
-    state.result.text.append("PidFile none\n");
+    state.result.text.append(input.kind->first_lines);
     for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });
     settle(state);
     return std::move(state.result);

@@ -1,4 +1,4 @@
-/// Turns a server file of the agent into one that stock sshd takes. No process is run and no file is touched.
+/// Turns a file of the agent's into one that stock sshd, or stock ssh, takes. No process is run and no file is touched.
 #ifndef OPENSSH_TRANSLATE_H
 #define OPENSSH_TRANSLATE_H
 
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "openssh/algorithms.h"
+#include "openssh/keyword_table.h"
 
 namespace openssh {
 
@@ -20,16 +21,31 @@ struct remark {
     std::string text;
 };
 
+/// What differs between server files and the client's.
+struct file_kind {
+    keyword_rows rows;
+    const char* program;      ///< that takes the translation
+    const char* made_for;     ///< in the first line: at each start of what the translation is made
+    const char* first_lines;  ///< settings that every translation has, with their line feeds
+    bool is_server;           ///< host keys are needed, and users' keys may come from a program
+};
+
+extern const file_kind server_file_kind;
+extern const file_kind client_file_kind;
+
 struct translation_input {
     /// The whole file; any bytes.
     std::string_view text;
     /// Named in the first line of the result.
     std::string_view source_name;
     const known_algorithms* known;
-    /// Whether a host-key file can be used; asked with an absolute path.
-    std::function<bool(const std::string&)> key_is_usable;
+    /// Whether a host-key file can be used; asked with an absolute path. Servers only.
+    std::function<bool(const std::string&)> key_is_usable = {};
     /// A program that prints the keys of the user named by its argument; empty when there is none.
     std::string_view user_keys_program = {};
+    const file_kind* kind = &server_file_kind;
+    /// FIPS mode is on whatever the file says, as the client's says nothing of it.
+    bool fips_mode = false;
 };
 
 struct translation {

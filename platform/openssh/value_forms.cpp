@@ -170,6 +170,14 @@ bool is_root_login(std::string_view value) {
     return is_one_of(value, {"yes", "no", "without-password", "prohibit-password", "forced-commands-only"});
 }
 
+bool is_host_key_checking(std::string_view value) {
+    return is_one_of(value, {"yes", "no", "ask", "off", "accept-new"});
+}
+
+bool is_public_key_authentication(std::string_view value) {
+    return is_one_of(value, {"yes", "no", "unbound", "host-bound"});
+}
+
 bool is_path_or_none(std::string_view value) {
     return value == "none" || is_absolute_path(value);
 }

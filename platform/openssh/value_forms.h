@@ -20,8 +20,10 @@ bool is_ip_qos(std::string_view value);  ///< one or two type-of-service bytes, 
 bool is_log_level(std::string_view value);
 bool is_forwarding(std::string_view value);  ///< no, yes, local, remote, all
 bool is_root_login(std::string_view value);
-bool is_path_or_none(std::string_view value);  ///< an absolute path without blanks, or "none"
-bool is_key_path(std::string_view value);      ///< an absolute path without blanks
+bool is_host_key_checking(std::string_view value);          ///< yes, no, ask, off, accept-new
+bool is_public_key_authentication(std::string_view value);  ///< yes, no, unbound, host-bound
+bool is_path_or_none(std::string_view value);               ///< an absolute path without blanks, or "none"
+bool is_key_path(std::string_view value);                   ///< an absolute path without blanks
 bool is_subsystem(std::string_view value);  ///< a name and an absolute command with its arguments, or "internal-sftp"
 bool is_algorithm_list(std::string_view value);  ///< names, not a change to sshd's own list ("+", "-", "^")
 bool is_any_text(std::string_view value);        ///< anything but nothing; quotes must be closed

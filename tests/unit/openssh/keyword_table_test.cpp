@@ -11,21 +11,21 @@ using namespace openssh;
 using openssh_test::scratch_directory;
 
 TEST(launcher_keyword_table, finds_a_keyword_without_regard_to_case) {
-    ASSERT_NE(find_keyword_row("ratelimitqd"), nullptr);
-    EXPECT_EQ(find_keyword_row("RATELIMITQD")->keyword, "RateLimitQd");
-    EXPECT_EQ(find_keyword_row("RateLimit"), nullptr);
-    EXPECT_EQ(find_keyword_row(""), nullptr);
+    ASSERT_NE(find_keyword_row(server_keyword_rows(), "ratelimitqd"), nullptr);
+    EXPECT_EQ(find_keyword_row(server_keyword_rows(), "RATELIMITQD")->keyword, "RateLimitQd");
+    EXPECT_EQ(find_keyword_row(server_keyword_rows(), "RateLimit"), nullptr);
+    EXPECT_EQ(find_keyword_row(server_keyword_rows(), ""), nullptr);
 }
 
 TEST(launcher_keyword_table, holds_every_keyword_once) {
     std::set<std::string> seen;
-    for (const keyword_row& row : all_keyword_rows()) {
+    for (const keyword_row& row : server_keyword_rows()) {
         EXPECT_TRUE(seen.insert(lower_case(row.keyword)).second) << row.keyword;
     }
 }
 
 TEST(launcher_keyword_table, gives_every_row_what_its_treatment_needs) {
-    for (const keyword_row& row : all_keyword_rows()) {
+    for (const keyword_row& row : server_keyword_rows()) {
         const bool has_value = row.how == treatment::pass || row.how == treatment::host_keys;
         const bool is_left_out = row.how == treatment::leave_out || row.how == treatment::end_of_settings;
         EXPECT_EQ(row.form != nullptr, has_value) << row.keyword;
@@ -63,7 +63,7 @@ TEST(launcher_keyword_table, knows_every_keyword_that_the_agent_writes) {
                                 "HostKey",
                                 "Ciphers",
                                 "KexAlgorithms"}) {
-        EXPECT_NE(find_keyword_row(keyword), nullptr) << keyword;
+        EXPECT_NE(find_keyword_row(server_keyword_rows(), keyword), nullptr) << keyword;
     }
 }
 
@@ -76,7 +76,7 @@ TEST(launcher_keyword_table, knows_every_keyword_that_the_installed_sshd_prints)
     ASSERT_EQ(printed.status, 0) << printed.errors;
     for (const std::string_view line : split(printed.output, "\n")) {
         const std::string_view keyword = split(line, " ").front();
-        EXPECT_NE(find_keyword_row(keyword), nullptr) << keyword;
+        EXPECT_NE(find_keyword_row(server_keyword_rows(), keyword), nullptr) << keyword;
     }
 }
 
@@ -85,7 +85,7 @@ TEST(launcher_keyword_table, writes_no_keyword_that_the_installed_sshd_does_not_
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;
     const std::string key_line = "HostKey " + scratch.make_host_key() + "\n";
-    for (const keyword_row& row : all_keyword_rows()) {
+    for (const keyword_row& row : server_keyword_rows()) {
         if (row.how == treatment::pass || row.how == treatment::list) {
             const std::string line = format_text("%s no\n", std::string(row.output_keyword()).c_str());
             const auto result = openssh_test::run_sshd("-t", scratch.write("f", key_line + line));

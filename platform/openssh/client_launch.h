@@ -1,0 +1,37 @@
+/// What happens between the start of the client's launcher and its becoming ssh.
+#ifndef OPENSSH_CLIENT_LAUNCH_H
+#define OPENSSH_CLIENT_LAUNCH_H
+
+#include <string>
+#include <vector>
+
+#include "openssh/paths.h"
+#include "openssh/report.h"
+
+namespace openssh {
+
+/// Exit status of a client that does not become ssh, and of ssh itself for its own errors.
+constexpr int client_failed = 255;
+
+/// Who is told: errors at the user's terminal, everything in the system log.
+struct client_reporters {
+    reporter terminal;
+    reporter log;
+};
+
+/// The directory of a user's translation: root's is the launchers' own; others have one of theirs in `runtime_directory`
+/// (the value of XDG_RUNTIME_DIR, null or empty when unset) or in /tmp.
+std::string client_state_directory(const launcher_paths& paths, unsigned user, const char* runtime_directory);
+
+/// Translates the client's file and keeps the result in `state_directory`; `config` is its path. The file stays for jump
+/// hosts, whose clients read it again. Returns an empty text, or what is wrong, which is for the user.
+std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,
+                           std::string& config);
+
+/// The arguments with which ssh is executed, its name being that of the client's launcher: sessions are found by it.
+std::vector<std::string> client_command(const launcher_paths& paths, const std::string& config, int count,
+                                        char* const* arguments);
+
+}  // namespace openssh
+
+#endif

@@ -1,0 +1,50 @@
+/// The router's SSH client: makes a file that stock ssh takes out of the agent's, and becomes ssh under its own name.
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "openssh/client_launch.h"
+#include "openssh/text.h"
+
+namespace {
+
+[[noreturn]] void become(const std::string& program, const std::vector<std::string>& command,
+                         const openssh::reporter& to) {
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    execv(program.c_str(), arguments.data());
+    const int error = errno;
+    openssh::report(to, openssh::severity::error,
+                    openssh::format_text("cannot execute %s: %s", program.c_str(), std::strerror(error)));
+    std::exit(openssh::client_failed);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    const openssh::launcher_paths paths;
+    openlog("ssh_csm", LOG_PID, LOG_AUTH);
+    openssh::client_reporters to;
+    to.terminal.server_file = to.log.server_file = paths.client_file;
+    to.terminal.program = to.log.program = "ssh_csm";
+    to.log.way = openssh::report_way::system_log;
+    const std::string state_directory =
+        openssh::client_state_directory(paths, geteuid(), std::getenv("XDG_RUNTIME_DIR"));
+    std::string config;
+    const std::string error = openssh::prepare_client(paths, state_directory, to, config);
+    if (!error.empty()) {
+        openssh::report(to.log, openssh::severity::error, error);
+        openssh::report(to.terminal, openssh::severity::error, error);
+        return openssh::client_failed;
+    }
+    become(paths.ssh, openssh::client_command(paths, config, count, arguments), to.terminal);
+}

@@ -1,0 +1,191 @@
+#include "openssh/client_launch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "openssh/keyword_table.h"
+#include "openssh/text.h"
+#include "openssh/translate.h"
+#include "scratch.h"
+
+using namespace openssh;
+using openssh_test::scratch_directory;
+using openssh_test::text_of;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+/// The agent's file of a fresh start, with the lists that an operator has configured.
+constexpr const char* agent_file =
+    "RekeyLimit 1024M 60m\n"
+    "UserKnownHostsFile /dev/null\n"
+    "StrictHostKeyChecking no\n"
+    "HostKeyAlgorithms ssh-ed25519,x509v3-ssh-rsa,rsa-sha2-512\n"
+    "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1\n"
+    "ServerAliveInterval 60\n"
+    "PubkeyAuthentication no\n"
+    "IPQoS 0x40\n"
+    "Protocol 2\n"
+    "WindowScaleQd 7\n"
+    "Ciphers chacha20-poly1305@openssh.com,aes256-ctr,\n"
+    "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256,\n";
+
+/// A launcher with every path in a scratch directory and the installed ssh.
+class launcher_client : public testing::Test {
+  protected:
+    void SetUp() override {
+        paths_.state_directory = scratch_.file("state");
+        paths_.client_file = scratch_.write("ssh_config", agent_file);
+        paths_.default_server_file = scratch_.file("sshd_config");
+    }
+
+    /// Returns what is wrong; `settings_` is then the translation without its two first lines.
+    std::string prepare() {
+        FILE* terminal = fopen(scratch_.write("terminal", "").c_str(), "w");
+        FILE* log = fopen(scratch_.write("log", "").c_str(), "w");
+        const client_reporters to = {
+            .terminal = {.server_file = paths_.client_file, .fd = fileno(terminal), .program = "ssh_csm"},
+            .log = {.server_file = paths_.client_file, .fd = fileno(log), .program = "ssh_csm"}};
+        std::string config;
+        const std::string error = prepare_client(paths_, scratch_.file("state"), to, config);
+        fclose(terminal);
+        fclose(log);
+        terminal_ = text_of(scratch_.file("terminal"));
+        log_ = text_of(scratch_.file("log"));
+        settings_ = error.empty() ? text_of(config) : "";
+        for (int line = 0; line < 2 && !settings_.empty(); line++) {
+            settings_.erase(0, settings_.find('\n') + 1);
+        }
+        return error;
+    }
+
+    /// What stock ssh makes of the translation.
+    std::string effective() const {
+        const auto result = run_programs({{"/usr/bin/ssh", "-F", scratch_.file("state/ssh_config"), "-G", "router"}},
+                                         std::chrono::seconds(20));
+        EXPECT_EQ(result[0].status, 0) << result[0].errors;
+        return result[0].output;
+    }
+
+    scratch_directory scratch_;
+    launcher_paths paths_;
+    std::string settings_;
+    std::string terminal_;
+    std::string log_;
+};
+
+TEST_F(launcher_client, leaves_out_what_stock_ssh_has_not) {
+    EXPECT_EQ(prepare(), "");
+    EXPECT_EQ(settings_,
+              "RekeyLimit 1024M 60m\n"
+              "UserKnownHostsFile /dev/null\n"
+              "StrictHostKeyChecking no\n"
+              "HostKeyAlgorithms ssh-ed25519,rsa-sha2-512\n"
+              "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1\n"
+              "ServerAliveInterval 60\n"
+              "PubkeyAuthentication no\n"
+              "IPQoS 0x40\n"
+              "Ciphers chacha20-poly1305@openssh.com,aes256-ctr\n"
+              "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256\n");
+    for (const char* text : {"line 4: HostKeyAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa",
+                             "line 9: Protocol left out", "line 10: WindowScaleQd left out"}) {
+        EXPECT_THAT(log_, HasSubstr("ssh_csm: " + paths_.client_file + ": " + text));
+    }
+    EXPECT_EQ(terminal_, "");
+    EXPECT_THAT(effective(), HasSubstr("ciphers chacha20-poly1305@openssh.com,aes256-ctr\n"));
+    EXPECT_THAT(effective(), HasSubstr("kexalgorithms curve25519-sha256,ecdh-sha2-nistp256\n"));
+}
+
+TEST_F(launcher_client, in_fips_mode_offers_approved_algorithms_alone) {
+    scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
+    EXPECT_EQ(prepare(), "");
+    EXPECT_THAT(settings_, HasSubstr("Ciphers aes256-ctr\n"));
+    EXPECT_THAT(settings_, HasSubstr("KexAlgorithms ecdh-sha2-nistp256\n"));
+    EXPECT_THAT(settings_, HasSubstr("HostKeyAlgorithms rsa-sha2-512\n"));
+    EXPECT_THAT(log_, HasSubstr("Ciphers: left out, not approved in FIPS mode: chacha20-poly1305@openssh.com"));
+    // A plain start leaves no such lines: ssh's own defaults would not do.
+    scratch_.write("ssh_config", "IPQoS 0x40\n");
+    EXPECT_EQ(prepare(), "");
+    EXPECT_THAT(settings_, HasSubstr("\nCiphers aes"));
+    EXPECT_THAT(effective(), Not(HasSubstr("chacha20")));
+    EXPECT_THAT(effective(), HasSubstr("\nkexalgorithms ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,"
+                                       "diffie-hellman-group14-sha1,diffie-hellman-group14-sha256,"
+                                       "diffie-hellman-group16-sha512\n"));
+}
+
+TEST_F(launcher_client, in_fips_mode_a_list_of_which_nothing_is_left_is_not_used) {
+    scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
+    scratch_.write("ssh_config", "Ciphers chacha20-poly1305@openssh.com\n");
+    EXPECT_EQ(prepare(), "the client's file cannot be used");
+    EXPECT_THAT(terminal_, HasSubstr("nothing remains of the list in FIPS mode"));
+}
+
+TEST_F(launcher_client, an_emptied_list_is_told_at_the_terminal) {
+    scratch_.write("ssh_config", "Ciphers rot13\nStrictHostKeyChecking perhaps\n");
+    EXPECT_EQ(prepare(), "");
+    EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: nothing remains of the list, ssh's own default is in force"));
+    EXPECT_THAT(log_, HasSubstr("ssh does not take the value \"perhaps\""));
+    EXPECT_EQ(settings_, "");
+}
+
+TEST_F(launcher_client, a_missing_file_is_told) {
+    remove(paths_.client_file.c_str());
+    EXPECT_THAT(prepare(), HasSubstr(paths_.client_file));
+}
+
+TEST_F(launcher_client, a_directory_that_others_can_write_to_is_not_used) {
+    mkdir(scratch_.file("state").c_str(), 0700);
+    chmod(scratch_.file("state").c_str(), 0777);
+    EXPECT_THAT(prepare(), HasSubstr(scratch_.file("state")));
+}
+
+TEST_F(launcher_client, an_ssh_that_cannot_be_asked_is_told) {
+    paths_.ssh = scratch_.file("no_ssh");
+    EXPECT_THAT(prepare(), HasSubstr("no_ssh"));
+}
+
+TEST_F(launcher_client, users_keep_their_translations_apart) {
+    const launcher_paths paths;
+    EXPECT_EQ(client_state_directory(paths, 0, "/run/user/0"), "/run/ssh_cfg_agent/openssh");
+    EXPECT_EQ(client_state_directory(paths, 1000, "/run/user/1000"), "/run/user/1000/ssh_csm");
+    EXPECT_EQ(client_state_directory(paths, 1000, nullptr), "/tmp/ssh_csm-1000");
+    EXPECT_EQ(client_state_directory(paths, 1000, ""), "/tmp/ssh_csm-1000");
+    EXPECT_EQ(client_state_directory(paths, 1000, "relative"), "/tmp/ssh_csm-1000");
+}
+
+TEST_F(launcher_client, keeps_its_name_and_passes_every_argument_on) {
+    std::string words[] = {"ssh_csm", "-p", "830", "operator@router", "", "echo a b"};
+    char* arguments[std::size(words)];
+    std::transform(std::begin(words), std::end(words), arguments, [](std::string& word) { return word.data(); });
+    EXPECT_THAT(client_command(launcher_paths(), "/x/ssh_config", std::size(words), arguments),
+                ElementsAre("/pkg/bin/ssh_csm", "-F", "/x/ssh_config", "-p", "830", "operator@router", "", "echo a b"));
+    EXPECT_THAT(client_command(launcher_paths(), "/x/ssh_config", 1, arguments),
+                ElementsAre("/pkg/bin/ssh_csm", "-F", "/x/ssh_config"));
+}
+
+// A keyword that ssh does not know costs the client its whole file.
+TEST_F(launcher_client, stock_ssh_knows_every_keyword_that_is_passed_on) {
+    for (const keyword_row& row : client_keyword_rows()) {
+        if (row.how != treatment::pass && row.how != treatment::list) {
+            continue;
+        }
+        const std::string file =
+            scratch_.write("one_keyword", std::string(row.output_keyword()) + " no-such-value-at-all\n");
+        const auto result =
+            run_programs({{"/usr/bin/ssh", "-F", file, "-G", "router"}}, std::chrono::seconds(20)).front();
+        EXPECT_THAT(result.errors, Not(HasSubstr("Bad configuration option"))) << row.keyword;
+    }
+}
+
+TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
+    scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
+    EXPECT_EQ(prepare(), "");
+    EXPECT_EQ(settings_, "IPQoS 0x40\n");
+    EXPECT_THAT(log_, HasSubstr("line 2: Host left out"));
+}
+
+}  // namespace
