@@ -51,11 +51,11 @@ const record_schema* find_record_schema(const record_descriptor* descriptor) {
 }
 
 platform_status record_registration_begin(record_transaction** transaction) {
-    auto* opened = new (std::nothrow) record_transaction;
-    if (opened == nullptr) {
+    try {
+        *transaction = new record_transaction;
+    } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    *transaction = opened;
     return PLATFORM_OK;
 }
 

@@ -61,6 +61,14 @@ void reset_datastore() {
 
 using internal::datastore;
 
+void end_process() {
+    internal::datastore.verifications.clear();
+    internal::datastore.notifications.clear();
+    internal::datastore.providers.clear();
+    internal::datastore.open_lists.clear();
+    internal::datastore.bindings.clear();
+}
+
 value number_value(uint32_t number) {
     return {DATASTORE_VALUE_NUMBER, std::string(reinterpret_cast<const char*>(&number), sizeof number)};
 }

@@ -35,6 +35,9 @@ inline constexpr uint32_t always = UINT32_MAX;
 /// given out before are no longer valid.
 void reset();
 
+/// As if the process had ended: what it has bound and registered in the datastore is gone, what is stored stays.
+void end_process();
+
 // --- Failures -------------------------------------------------------------------------------------------------------
 
 /// Lets an operation fail with `status` from its `from_call`th matching call on, `times` times. `operation` is the

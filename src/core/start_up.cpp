@@ -19,6 +19,8 @@
 #include "core/trace_points.h"
 #include "core/upcalls.h"
 #include "fips/fips_switch.h"
+#include "oper/providers.h"
+#include "oper/telemetry.h"
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
 #include "platform/process_manager.h"
@@ -218,6 +220,38 @@ start_up_status report_ready() {
     return START_UP_DONE;
 }
 
+struct provider_step {
+    platform_status (*run)();
+    const char* text;  ///< logged after a failure; null when the provider has said enough
+    start_up_status failure;
+};
+
+constexpr provider_step providers[] = {
+    {register_session_record_provider, nullptr, START_UP_SESSION_XML_PROVIDER},
+    {register_server_session_provider, nullptr, START_UP_SERVER_SESSION_PROVIDER},
+    {register_client_session_provider, nullptr, START_UP_CLIENT_SESSION_PROVIDER},
+    {sshd_params_edm_init, nullptr, START_UP_PARAMETERS_PROVIDER},
+    {ocssh_edm_init, "OC SSH Telemetry EDM init failed, error", START_UP_TELEMETRY_PROVIDER},
+};
+
+start_up_status register_providers() {
+    for (const provider_step& provider : providers) {
+        const platform_status status = provider.run();
+        if (status != PLATFORM_OK) {
+            if (provider.text != nullptr) {
+                log_status(ERR_ERRNO, status, provider.text);
+            }
+            return provider.failure;
+        }
+    }
+    return START_UP_DONE;
+}
+
+start_up_status open_telemetry() {
+    ocssh_telemetry_init();
+    return START_UP_DONE;
+}
+
 start_up_status write_lines() {
     write_initial_lines();
     return START_UP_DONE;
@@ -307,6 +341,8 @@ constexpr start_up_step steps[] = {
     {"default files", prepare_files},
     {"datastore", set_up_datastore},
     {"ready", report_ready},
+    {"data providers", register_providers},
+    {"telemetry producer", open_telemetry},
     {"initial lines", write_lines},
     {"FIPS mode", register_fips},
     {"namespace messages", attach_namespace_messages},
@@ -331,6 +367,7 @@ void fill_upcalls() {
     };
     upcall.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
     upcall.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
+    upcall.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 
 }  // namespace

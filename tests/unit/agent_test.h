@@ -11,6 +11,7 @@
 #include "config_files/parameter_table.h"
 #include "core/agent_state.h"
 #include "core/paths.h"
+#include "core/start_up.h"
 #include "core/trace.h"
 #include "core/upcalls.h"
 #include "fake/fake_platform.h"
@@ -25,6 +26,12 @@ class agent_test : public testing::Test {
         trace_initialise();
         fake_platform::clear_calls();
         fill_parameter_tables();
+    }
+
+    /// Starts the agent in a process that has registered nothing yet, as each of its processes does.
+    static start_up_status start_agent() {
+        fake_platform::end_process();
+        return start_up();
     }
 
     static mode_t mode_of(const std::string& path) {

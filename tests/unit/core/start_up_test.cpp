@@ -37,7 +37,7 @@ std::string failure_text(const char* error, const char* message) {
 
 TEST_F(start_up_test, takes_its_steps_in_their_order) {
     command_trail::begin();
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     command_trail::end();
     EXPECT_THAT(
         fake_platform::calls(),
@@ -57,6 +57,13 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
                     "datastore_register_verification(/cfg/gl/crypto/ssh/server/, 7)",
                     "datastore_register_verification(/cfg/gl/crypto/ssh/client/, 7)",
                     "datastore_register_verification(/cfg/gl/crypto/ssh/sshd_backup/, 7)", "process_manager_ready()",
+                    "datastore_provider_register(/oper/crypto-ssh/gl/session_xml/)",
+                    "datastore_provider_register(/oper/crypto-ssh/gl/sshddata/)",
+                    "datastore_provider_register(/oper/crypto-ssh/client/)",
+                    "datastore_provider_register(/oper/crypto-ssh/gl/server-params)",
+                    "datastore_provider_register(/oper/overlays/gl/crypto_ssh/openconfig-system/)",
+                    "telemetry_producer_init(OCSSH, /oper/overlays/gl/crypto_ssh/openconfig-system/"
+                    "system__bag_overlay_crypto_ssh_system)",
                     "datastore_bind(/cfg/gl/crypto/)", "datastore_item_get(/cfg/gl/crypto/fipsmode/value)",
                     "datastore_register_verification(/cfg/gl/crypto/fipsmode/value, 7)",
                     "datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)",
@@ -69,7 +76,7 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
 }
 
 TEST_F(start_up_test, leaves_complete_default_files) {
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
     expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
     EXPECT_TRUE(std::filesystem::is_directory("/var/empty"));
@@ -80,7 +87,7 @@ TEST_F(start_up_test, leaves_complete_default_files) {
 
 TEST_F(start_up_test, an_existing_empty_directory_is_accepted) {
     std::filesystem::create_directories("/var/empty");
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
 }
 
 TEST_F(start_up_test, a_fresh_start_empties_the_default_files) {
@@ -88,7 +95,7 @@ TEST_F(start_up_test, a_fresh_start_empties_the_default_files) {
         fake_platform::set_respawn_count(count);
         write_file(paths::server_file, "Banner /old\n");
         write_file(paths::client_file, "Banner /old\n");
-        EXPECT_EQ(start_up(), START_UP_DONE);
+        EXPECT_EQ(start_agent(), START_UP_DONE);
         expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
         expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
         EXPECT_EQ(agent.respawn_count, count);
@@ -108,7 +115,7 @@ TEST_F(start_up_test, a_restart_after_a_failure_keeps_the_default_files) {
     write_file(paths::server_file, "Banner /x\n" + read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/sshd_config"));
     write_file(paths::client_file, client_lines);
     const auto server_lines = sorted_lines(paths::server_file);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
     EXPECT_EQ(file_lines(paths::server_file).front(), "Banner /x");
     EXPECT_EQ(file_lines(paths::server_file).back(), "HostKey  /pkg/dsa");
@@ -122,7 +129,7 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     store(set_number("/cfg/gl/crypto/ssh/server/cmn/max_auth_limit", 4));
     flag_during_scan = 99;
     upcall.ocssh_telemetry_publish = [] { flag_during_scan = agent.initial_scan_complete; };
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(file_lines(paths::server_file), AllOf(Contains("LoginGraceTime 45"), Contains("MaxAuthTries 4")));
     EXPECT_EQ(flag_during_scan, 0u);
     EXPECT_EQ(agent.initial_scan_complete, 1u);
@@ -130,12 +137,12 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
 
 TEST_F(start_up_test, the_stored_backup_server_is_not_scanned) {
     store(set_number("/cfg/gl/crypto/ssh/sshd_backup/cmn/timeout", 45));
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(file_lines(paths::server_file), Contains("LoginGraceTime 30"));
 }
 
 TEST_F(start_up_test, changes_reach_their_appliers_from_every_binding) {
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(fake_platform::commit(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 50)).status, PLATFORM_OK);
     EXPECT_THAT(file_lines(paths::server_file), Contains("LoginGraceTime 50"));
     // The table does not tell the bindings apart.
@@ -148,7 +155,7 @@ TEST_F(start_up_test, changes_reach_their_appliers_from_every_binding) {
 }
 
 TEST_F(start_up_test, debug_flags_reach_their_handler) {
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     fake_platform::set_debug_flag(debug_server_l2, true);
     EXPECT_THAT(file_lines(paths::server_file), Contains("LogLevel DEBUG2"));
     fake_platform::set_debug_flag(debug_server_l2, false);
@@ -156,7 +163,7 @@ TEST_F(start_up_test, debug_flags_reach_their_handler) {
 }
 
 TEST_F(start_up_test, namespace_messages_are_answered) {
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     const auto reply = fake_platform::send_namespace_message(NAMESPACE_DELETED, "vrf-red");
     EXPECT_TRUE(reply.handled);
     EXPECT_EQ(reply.replies, 1u);
@@ -166,7 +173,7 @@ TEST_F(start_up_test, namespace_messages_are_answered) {
 TEST_F(start_up_test, announces_itself) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::set_respawn_count(3);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_TRUE(fake_platform::debugged("ssh_cfg_agent starts, role:=1, respawn count:=3"));
     EXPECT_FALSE(fake_platform::trace_lines_of("ssh/cfg-agent/event").empty());
 }
@@ -175,7 +182,7 @@ TEST_F(start_up_test, announces_itself) {
 
 TEST_F(start_up_test, a_node_that_is_not_primary_reports_ready_and_waits) {
     fake_platform::set_role(2);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     const auto calls = fake_platform::calls_of("process_manager_");
     EXPECT_THAT(calls,
                 ElementsAre("process_manager_role()", "process_manager_ready()", "process_manager_wait_primary()",
@@ -185,7 +192,7 @@ TEST_F(start_up_test, a_node_that_is_not_primary_reports_ready_and_waits) {
 TEST_F(start_up_test, a_wait_that_fails_ends_with_status_1_and_no_word) {
     fake_platform::set_role(0);
     fake_platform::fail("process_manager_wait_primary", EIO);
-    EXPECT_EQ(start_up(), START_UP_NOT_PRIMARY);
+    EXPECT_EQ(start_agent(), START_UP_NOT_PRIMARY);
     EXPECT_EQ(run_agent(), 1);
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
     EXPECT_EQ(fake_platform::count_calls("debug_flag_register"), 0u);
@@ -243,6 +250,22 @@ const fatal_case fatal_cases[] = {
      START_UP_BACKUP_VERIFICATION,
      "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for backup config verification",
      {unbind_server, unbind_client, unbind_backup}},
+    {"datastore_provider_register(/oper/crypto-ssh/gl/session_xml/)",
+     START_UP_SESSION_XML_PROVIDER,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register ssh edm for xml",
+     {}},
+    {"datastore_provider_register(/oper/crypto-ssh/gl/sshddata/)",
+     START_UP_SERVER_SESSION_PROVIDER,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register ssh edm",
+     {}},
+    {"datastore_provider_register(/oper/crypto-ssh/client/)",
+     START_UP_CLIENT_SESSION_PROVIDER,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register ssh edm",
+     {}},
+    {"datastore_provider_register(/oper/crypto-ssh/gl/server-params)",
+     START_UP_PARAMETERS_PROVIDER,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register ssh param edm",
+     {}},
     {"mpp_init(1)",
      START_UP_PROTECTION,
      "ERR_ERRNO: Error:=Input/output error(0x5), MPP init for SSH failed",
@@ -267,7 +290,7 @@ class start_up_fatal_test : public agent_test, public testing::WithParamInterfac
 TEST_P(start_up_fatal_test, ends_with_its_own_status) {
     const fatal_case& fatal = GetParam();
     fake_platform::fail(fatal.operation, EIO);
-    EXPECT_EQ(start_up(), fatal.status);
+    EXPECT_EQ(start_agent(), fatal.status);
     std::vector<std::string> expected_log;
     if (fatal.log_line != nullptr) {
         expected_log.emplace_back(fatal.log_line);
@@ -337,13 +360,21 @@ TEST_F(start_up_test, the_exit_statuses_are_these) {
 TEST_F(start_up_test, a_default_unit_that_cannot_be_made_is_told_by_a_debug_line) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::fail("vrf_table_lookup", EIO);
-    EXPECT_EQ(start_up(), START_UP_DEFAULT_UNIT);
+    EXPECT_EQ(start_agent(), START_UP_DEFAULT_UNIT);
     EXPECT_TRUE(fake_platform::debugged("Failed to create SSHD systemd service and config file for vrf:=default"));
+}
+
+TEST_F(start_up_test, a_telemetry_provider_that_is_refused_is_fatal) {
+    fake_platform::fail("datastore_provider_register(/oper/overlays/gl/crypto_ssh/openconfig-system/)", EIO);
+    EXPECT_EQ(start_agent(), START_UP_TELEMETRY_PROVIDER);
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), Failed to register oc ssh telemetry edm",
+                            "ERR_ERRNO: Error:=Input/output error(0x5), OC SSH Telemetry EDM init failed, error"));
 }
 
 TEST_F(start_up_test, a_missing_datastore_library_fails_the_first_binding) {
     remove_path(paths::datastore_library);
-    EXPECT_EQ(start_up(), START_UP_SERVER_BINDING);
+    EXPECT_EQ(start_agent(), START_UP_SERVER_BINDING);
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre(std::string("ERR_DATASTORE_BIND: Error:=") + platform_status_text(DATASTORE_UNAVAILABLE) +
@@ -353,7 +384,7 @@ TEST_F(start_up_test, a_missing_datastore_library_fails_the_first_binding) {
 TEST_F(start_up_test, an_empty_directory_that_cannot_be_made_is_fatal) {
     remove_path("/var/empty");
     scratch_root::set_read_only("/var", true);
-    EXPECT_EQ(start_up(), START_UP_FILES);
+    EXPECT_EQ(start_agent(), START_UP_FILES);
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre(failure_text("Read-only file system(0x1e)", "Failed to create /var/empty")));
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
@@ -361,7 +392,7 @@ TEST_F(start_up_test, an_empty_directory_that_cannot_be_made_is_fatal) {
 
 TEST_F(start_up_test, a_default_server_file_that_cannot_be_made_is_fatal) {
     remove_path("/var/opt/norvo");
-    EXPECT_EQ(start_up(), START_UP_FILES);
+    EXPECT_EQ(start_agent(), START_UP_FILES);
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(failure_text("No such file or directory(0x2)",
                                                                      "Failed to create a default configuration file")));
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
@@ -369,7 +400,7 @@ TEST_F(start_up_test, a_default_server_file_that_cannot_be_made_is_fatal) {
 
 TEST_F(start_up_test, a_default_client_file_that_cannot_be_made_is_fatal) {
     std::filesystem::create_directories(std::string(paths::client_file) + "/in_the_way");
-    EXPECT_EQ(start_up(), START_UP_FILES);
+    EXPECT_EQ(start_agent(), START_UP_FILES);
     EXPECT_TRUE(path_exists(paths::server_file));
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
 }
@@ -378,13 +409,13 @@ TEST_F(start_up_test, a_default_client_file_that_cannot_be_made_is_fatal) {
 
 TEST_F(start_up_test, trace_buffers_are_not_needed) {
     fake_platform::fail("trace_buffer_create", ENOMEM);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(fake_platform::log_texts().size(), 2u);
 }
 
 TEST_F(start_up_test, namespace_messages_are_not_needed) {
     fake_platform::fail("event_manager_attach_message", EIO);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre("ERR_DETAILS: Event message attach failed  Input/output error "));
 }

@@ -38,7 +38,7 @@ class fips_switch_test : public algorithm_test {
 // --- Files ----------------------------------------------------------------------------------------------------------
 
 TEST_F(fips_switch_test, a_plain_start_leaves_no_cipher_and_key_exchange_lines) {
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
     expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
     EXPECT_TRUE(fake_platform::debugged("Registering for FIPS mode notification"));
@@ -51,7 +51,7 @@ TEST_F(fips_switch_test, a_plain_start_leaves_no_cipher_and_key_exchange_lines) 
 
 TEST_F(fips_switch_test, a_start_in_fips_mode_narrows_every_list) {
     store(set_number(fips_item, 1));
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     expect_golden_files("start_in_fips_mode");
     EXPECT_TRUE(fake_platform::debugged("norvossh_fips_register, FIPS mode is set"));
 }
@@ -134,7 +134,7 @@ TEST_F(fips_switch_test, a_restart_after_a_failure_keeps_fips_mode) {
     const std::string before = both_files();
     fake_platform::set_respawn_count(2);
     fill_parameter_tables();
-    ASSERT_EQ(start_up(), START_UP_DONE);
+    ASSERT_EQ(start_agent(), START_UP_DONE);
     for (const char* keyword : {"Ciphers", "KexAlgorithms", "HostKeyAlgorithms", "NorvoSSHFipsMode"}) {
         EXPECT_THAT(before, testing::HasSubstr(std::string(keyword) + " " + server_line(keyword) + "\n"));
     }
@@ -162,7 +162,7 @@ TEST_F(fips_switch_test, a_failed_registration_is_fatal) {
     for (const registration_failure& failure : registration_failures) {
         forget();
         fake_platform::fail(failure.operation, EIO);
-        EXPECT_EQ(start_up(), START_UP_FIPS);
+        EXPECT_EQ(start_agent(), START_UP_FIPS);
         EXPECT_THAT(fake_platform::log_texts(),
                     ElementsAre(failure.log_line,
                                 "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for fips notification"));
@@ -181,7 +181,7 @@ TEST_F(fips_switch_test, exhausted_memory_at_start_is_fatal) {
         forget();
         call_faults::clear();
         call_faults::fail_call(no_memory_call, ENOMEM, call_faults::once, allocation);
-        EXPECT_EQ(start_up(), START_UP_FIPS) << allocation;
+        EXPECT_EQ(start_agent(), START_UP_FIPS) << allocation;
         EXPECT_TRUE(fake_platform::debugged(texts[allocation - 1]));
     }
 }
@@ -254,14 +254,14 @@ TEST_F(fips_switch_test, failed_writes_when_switching_off_are_only_reported) {
 TEST_F(fips_switch_test, failed_writes_at_start_are_only_reported) {
     // The files are prepared, and then no edit of theirs succeeds.
     call_faults::fail_call("rename", EROFS);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Read-only file system(0x1e), Failed to unset FIPS mode"));
 }
 
 TEST_F(fips_switch_test, failed_writes_of_a_start_in_fips_mode_are_only_reported) {
     store(set_number(fips_item, 1));
     call_faults::fail_call("rename", EROFS);
-    EXPECT_EQ(start_up(), START_UP_DONE);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Read-only file system(0x1e), Failed to set FIPS mode"));
 }
 

@@ -1,0 +1,24 @@
+/// Telemetry events on their way from the producer to whoever listens.
+#ifndef LINUX_TELEMETRY_INTERNAL_H
+#define LINUX_TELEMETRY_INTERNAL_H
+
+#include <cstdint>
+
+#include "control_protocol/json_text.h"
+#include "platform/telemetry_producer.h"
+
+/// Receives every event as a gNMI-style notification: "timestamp" (nanoseconds since the epoch), "prefix" (the path of
+/// the model, RFC 7951 names) and "update", an array of objects with "path" and "val". Called on the loop; must not wait.
+using telemetry_listener = void (*)(const control_json& notification, void* context);
+
+/// Adds and removes a listener. A listener is its function and its context.
+void telemetry_listen(telemetry_listener listener, void* context);
+void telemetry_unlisten(telemetry_listener listener, void* context);
+
+/// How many events have been published since the start.
+uint64_t telemetry_events();
+
+/// The notification of a record of the SSH server's state as it stands in the schema's names, at a time.
+control_json telemetry_notification(const control_json& record, uint64_t nanoseconds);
+
+#endif
