@@ -8,8 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "acl/acl_family.h"
 #include "acl/acl_types.h"
+#include "acl/command_words.h"
 #include "acl/trace_points.h"
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/paths.h"
@@ -53,6 +56,7 @@ constexpr acl_type all_tables[] = {acl_ssh_v4, acl_ssh_v6, acl_netconf_v4, acl_n
 constexpr size_t file_name_size = 100;
 constexpr size_t namespace_name_size = 50;
 constexpr size_t command_size = 200;
+constexpr size_t command_words_size = 1024;
 constexpr mode_t directory_mode = 0755;
 constexpr mode_t file_mode = 0744;
 constexpr size_t stream_buffer_size = 64 * 1024;
@@ -91,6 +95,24 @@ int stream_failure(int descriptor, const char* debug_format, const char* routine
         close(descriptor);
     }
     return -1;
+}
+
+/// The list that a VRF names for a type; empty when there is none.
+const char* acl_name_of(const char* vrf_name, uint32_t type) {
+    const vrf_node* node = type < acl_all ? find_vrf_node(vrf_name) : nullptr;
+    return node != nullptr ? acl_name_of(type >= acl_ssh_v6 ? ipv6_acl_family : ipv4_acl_family, *node, type) : "";
+}
+
+/// Which list was not loaded where, and why.
+void report_failed_load(const char* vrf_name, uint32_t type, char* words) {
+    const char* acl_name = acl_name_of(vrf_name, type);
+    char list[acl_name_size + 32];
+    format_text(list, sizeof(list), acl_name[0] != '\0' ? "access list %s" : "table %s",
+                acl_name[0] != '\0' ? acl_name : tables[type].name);
+    char vrf[namespace_name_size + 32];
+    format_text(vrf, sizeof(vrf), "was not loaded in VRF %s:", vrf_name);
+    shorten_complaint(words);
+    log_details(list, vrf, words[0] != '\0' ? words : "the command gave no reason");
 }
 
 void write_flush(FILE* stream, const nft_table& table) {
@@ -174,11 +196,13 @@ int ssh_apply_acl(const char* vrf_name, uint32_t type) {
     format_text(namespace_name, sizeof(namespace_name), "vrf-%s", vrf_name);
     char command[command_size];
     format_text(command, sizeof(command), "/sbin/ip netns exec %s /usr/sbin/nft -f %s", namespace_name, name);
-    if (system(command) == 0 || errno == 0) {
+    char words[command_words_size];
+    if (run_command(command, words, sizeof(words)) == 0 || errno == 0) {
         return 0;
     }
     debug_print("Failed to apply nft rules = (%d)%s", errno, strerror(errno));
     log_errno("Failed to apply nft rules");
+    report_failed_load(vrf_name, type, words);
     trace_error(acl_trace_load, {vrf_name, type, errno});
     return -1;
 }

@@ -1,6 +1,8 @@
 #include "acl/subscription.h"
 
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "acl/acl_family.h"
 #include "acl/nft_files.h"
@@ -16,6 +18,17 @@ namespace {
 constexpr int acl_service_attempts = 5;
 constexpr size_t list_path_size = 100;
 constexpr size_t compared_vrf_name = 32;
+
+/// A list of whose changes the ACL service tells us. There is one for each list, whoever attached it first: that VRF's
+/// head may since have been taken by another list, or the VRF may be gone while others still use the list.
+struct subscription {
+    const acl_family* family;
+    char acl_name[acl_name_size];
+    acl_handle* handle;
+    subscription* next;
+};
+
+subscription* subscriptions = nullptr;
 
 /// Entries of one list as read from the datastore, given back at the end of its scope.
 struct acl_reading {
@@ -135,6 +148,71 @@ int in_use_elsewhere(const acl_family& family, const vrf_node* node, uint32_t ty
     return 1;
 }
 
+/// The place where a list's subscription hangs, or the end of the chain.
+subscription** find_subscription(const acl_family& family, const char* acl_name) {
+    subscription** place = &subscriptions;
+    while (*place != nullptr &&
+           ((*place)->family != &family || !same_text((*place)->acl_name, acl_name, acl_name_size))) {
+        place = &(*place)->next;
+    }
+    return place;
+}
+
+bool is_subscribed(const acl_family& family, const char* acl_name) {
+    return *find_subscription(family, acl_name) != nullptr;
+}
+
+void end_subscription(subscription** place) {
+    subscription* ended = *place;
+    const acl_family& family = *ended->family;
+    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+        if (node->*family.head == ended->handle) {
+            node->*family.head = nullptr;
+        }
+    }
+    acl_service_unregister_callback(ended->handle, family.changed);
+    acl_service_release(ended->handle);
+    *place = ended->next;
+    delete ended;
+}
+
+bool used_by_any(const acl_family& family, const char* acl_name) {
+    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+        if (same_text(acl_name, node->*family.ssh_name, acl_name_size) ||
+            same_text(acl_name, node->*family.netconf_name, acl_name_size)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Ends the subscriptions of lists whose names have been overwritten by others.
+void end_unused_subscriptions(const acl_family& family) {
+    for (subscription** place = &subscriptions; *place != nullptr;) {
+        if ((*place)->family == &family && !used_by_any(family, (*place)->acl_name)) {
+            end_subscription(place);
+        } else {
+            place = &(*place)->next;
+        }
+    }
+}
+
+/// Keeps the new subscription of a list and ends its former one. Returns false when there is no memory.
+bool keep_subscription(const acl_family& family, const char* acl_name, acl_handle* handle) {
+    auto* added = new (std::nothrow) subscription{&family, {}, handle, nullptr};
+    if (added == nullptr) {
+        return false;
+    }
+    copy_text(added->acl_name, sizeof(added->acl_name), acl_name);
+    subscription** former = find_subscription(family, acl_name);
+    if (*former != nullptr) {
+        end_subscription(former);
+    }
+    added->next = subscriptions;
+    subscriptions = added;
+    return true;
+}
+
 /// Asks the ACL service up to five times, without a pause. Returns the last result.
 template <typename operation>
 platform_status attempt(const char* routine, const char* what, operation ask) {
@@ -151,8 +229,11 @@ platform_status attempt(const char* routine, const char* what, operation ask) {
 
 int register_callback(const acl_family& family, const char* routine, acl_handle** head, vrf_node* node, uint32_t type,
                       event_manager* manager) {
-    if (in_use_elsewhere(family, node, type) == 0) {
+    // Names are stored when items are set, lists attached when namespaces come: that others name the list does not mean
+    // yet that anybody has subscribed to it.
+    if (in_use_elsewhere(family, node, type) == 0 && is_subscribed(family, acl_name_of(family, *node, type))) {
         debug_print("%s: Aleady registered for ACL callback", routine);
+        end_unused_subscriptions(family);
         return 0;
     }
     char name[acl_name_size];
@@ -173,7 +254,14 @@ int register_callback(const acl_family& family, const char* routine, acl_handle*
         acl_service_release(handle);
         return -1;
     }
+    if (!keep_subscription(family, name, handle)) {
+        log_location(ERR_MALLOC, ENOMEM, family.registration_failed);
+        acl_service_unregister_callback(handle, family.changed);
+        acl_service_release(handle);
+        return -1;
+    }
     *head = handle;
+    end_unused_subscriptions(family);
     debug_print("%s: Registered for ACL callback, ACL name: %s", routine, name);
     trace_event(acl_trace_attached, {node->name, name, type});
     return 0;
@@ -306,14 +394,14 @@ void remove_config(const acl_family& family, const char* routine, vrf_node* node
         debug_print("%s: Aleady registered for ACL callback", routine);
         return;
     }
-    acl_handle*& head = node->*family.head;
-    if (head == nullptr) {
+    const char* acl_name = acl_name_of(family, *node, type);
+    if (node->*family.head == nullptr) {
         debug_print(family.without_head, routine);
+    }
+    if (acl_name == nullptr || !is_subscribed(family, acl_name)) {
         return;
     }
-    acl_service_unregister_callback(head, family.changed);
-    acl_service_release(head);
-    head = nullptr;
+    end_subscription(find_subscription(family, acl_name));
     debug_print(" %s: Successfully unregistered ACL callback", routine);
     trace_event(acl_trace_detached, {node->name, type});
 }

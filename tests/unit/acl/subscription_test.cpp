@@ -1,6 +1,7 @@
 #include "acl/subscription.h"
 
 #include <cerrno>
+#include <set>
 
 #include "acl/acl_types.h"
 #include "acl_test.h"
@@ -72,9 +73,6 @@ TEST_F(subscription_test, the_families_take_only_their_own_types) {
 TEST_F(subscription_test, two_vrfs_share_one_subscription) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
-    name(blue->ssh_v4_acl, "ops");
-    // The node that comes first holds the subscription of a list that nobody uses yet.
-    name(blue->ssh_v4_acl, "");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
     name(blue->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
@@ -106,6 +104,91 @@ TEST_F(subscription_test, both_services_of_a_vrf_share_one_subscription) {
     ASSERT_EQ(loads().size(), 2U);
     EXPECT_TRUE(loads()[0].ends_with("norvossh_v4acl.nft"));
     EXPECT_TRUE(loads()[1].ends_with("netconf_v4acl.nft"));
+}
+
+TEST_F(subscription_test, names_alone_are_no_subscription) {
+    set_list("ops", {ipv4_entry()});
+    // As on a node whose items are stored before its namespaces come: all name the list, nobody has attached it.
+    for (vrf_node* node : {red, blue}) {
+        node->reference_count = 2;
+        name(node->ssh_v4_acl, "ops");
+        name(node->netconf_v4_acl, "ops");
+    }
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    EXPECT_FALSE(fake_platform::debugged("Aleady registered for ACL callback"));
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 1), 0);
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
+    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Aleady registered for ACL callback"));
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    stub_commands::clear_log();
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    EXPECT_EQ(loads().size(), 4U);
+}
+
+TEST_F(subscription_test, two_lists_of_one_family_are_followed_each) {
+    name(red->ssh_v4_acl, "ops");
+    name(red->netconf_v4_acl, "net");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 1), 0);
+    EXPECT_EQ(fake_platform::acl_handles(), 2U);
+    // The VRF's one head is the later list's; taking the earlier away leaves it alone.
+    ssh_remove_v4acl_config(red, 0);
+    name(red->ssh_v4_acl, "");
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 0U);
+    EXPECT_EQ(fake_platform::acl_subscriptions("net"), 1U);
+    ssh_remove_v4acl_config(red, 1);
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+    EXPECT_EQ(red->v4_aclhead, nullptr);
+}
+
+TEST_F(subscription_test, a_list_in_anothers_place_ends_its_subscription) {
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    name(red->ssh_v4_acl, "new");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 0U);
+    EXPECT_EQ(fake_platform::acl_subscriptions("new"), 1U);
+    name(blue->ssh_v4_acl, "old");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
+    name(blue->ssh_v4_acl, "new");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    EXPECT_EQ(blue->v4_aclhead, nullptr);
+}
+
+TEST_F(subscription_test, a_subscription_outlives_the_vrf_that_made_it) {
+    name(red->ssh_v4_acl, "ops");
+    name(blue->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
+    ssh_remove_v4acl_config(red, 0);
+    delete_vrf_node(red);
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    ssh_remove_v4acl_config(blue, 0);
+    EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v4acl_config: VRF node v4_aclhead is NULL"));
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+}
+
+TEST_F(subscription_test, one_list_in_64_vrfs_has_one_subscription_and_each_file_is_rebuilt_once) {
+    set_list("ops", {ipv4_entry()});
+    for (int i = 0; i < 64; ++i) {
+        vrf_node* node = create_vrf_node(("vrf" + std::to_string(i)).c_str());
+        name(node->ssh_v4_acl, "ops");
+    }
+    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+        if (node->ssh_v4_acl[0] != '\0') {
+            ASSERT_EQ(ssh_configure_v4acl(nullptr, node, 0), 0);
+        }
+    }
+    EXPECT_EQ(fake_platform::acl_handles(), 1U);
+    stub_commands::clear_log();
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    const std::vector<std::string> commands = loads();
+    EXPECT_EQ(commands.size(), 64U);
+    EXPECT_EQ(std::set<std::string>(commands.begin(), commands.end()).size(), 64U);
 }
 
 TEST_F(subscription_test, equal_names_of_one_vrf_do_not_count_without_references) {
@@ -240,6 +323,20 @@ TEST_F(subscription_test, detaching_the_last_user_ends_the_subscription) {
     EXPECT_EQ(fake_platform::acl_handles(), 0U);
     EXPECT_EQ(red->v6_aclhead, nullptr);
     EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v6acl_config: Successfully unregistered ACL callback"));
+}
+
+TEST_F(subscription_test, a_failed_load_is_told_with_list_vrf_and_reason) {
+    set_ipv6_list("six", {ipv6_entry()});
+    name(red->ssh_v6_acl, "six");
+    stub_commands::set_hook(
+        "ip netns exec",
+        "printf '/tmp/f.nft:6:54-57: Error: syntax error\\n   ip6 saddr :: ffff:0:ffff::\\n   ^^^\\n' >&2");
+    stub_commands::fail("ip netns exec", 1);
+    EXPECT_EQ(ssh_configure_v6acl(nullptr, red, 2), -1);
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=File exists(0x11), Failed to apply nft rules"));
+    EXPECT_TRUE(fake_platform::logged("ERR_DETAILS",
+                                      "access list six was not loaded in VRF red: /tmp/f.nft:6:54-57: Error: syntax "
+                                      "error ip6 saddr :: ffff:0:ffff::"));
 }
 
 TEST_F(subscription_test, a_flush_that_fails_ends_detaching) {

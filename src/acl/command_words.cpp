@@ -1,0 +1,81 @@
+#include "acl/command_words.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr int first_free_descriptor = 3;
+
+/// Standard error led into memory. Where that cannot be done it stays as it is.
+class led_standard_error {
+  public:
+    led_standard_error() : memory_(memfd_create("command words", MFD_CLOEXEC)) {
+        if (memory_ >= 0) {
+            saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, first_free_descriptor);
+        }
+        if (saved_ >= 0) {
+            dup2(memory_, STDERR_FILENO);
+        }
+    }
+    led_standard_error(const led_standard_error&) = delete;
+    led_standard_error& operator=(const led_standard_error&) = delete;
+    ~led_standard_error() {
+        if (memory_ >= 0) {
+            close(memory_);
+        }
+    }
+
+    /// Puts standard error back and passes on what was written.
+    void end(char* words, size_t size) {
+        words[0] = '\0';
+        if (saved_ < 0) {
+            return;
+        }
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+        const ssize_t count = pread(memory_, words, size - 1, 0);
+        if (count > 0) {
+            words[count] = '\0';
+            [[maybe_unused]] const ssize_t passed_on = write(STDERR_FILENO, words, static_cast<size_t>(count));
+        }
+    }
+
+  private:
+    int memory_;
+    int saved_ = -1;
+};
+
+}  // namespace
+
+int run_command(const char* command, char* words, size_t size) {
+    const int before = errno;
+    led_standard_error standard_error;
+    errno = before;
+    const int result = system(command);
+    const int after = errno;
+    standard_error.end(words, size);
+    errno = after;
+    return result;
+}
+
+void shorten_complaint(char* words) {
+    // The second line is the rule, the third points into it.
+    char* rule = strchr(words, '\n');
+    if (rule == nullptr) {
+        return;
+    }
+    char* text = rule + 1 + strspn(rule + 1, " \t");
+    *strchrnul(text, '\n') = '\0';
+    if (*text == '\0') {
+        *rule = '\0';
+        return;
+    }
+    *rule = ' ';
+    memmove(rule + 1, text, strlen(text) + 1);
+}
