@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "command_trail.h"
 #include "core/debug.h"
 #include "platform/namespace_message.h"
@@ -20,6 +21,7 @@
 namespace {
 
 using fake_platform::set_number;
+using fake_platform::set_tuple;
 using fake_platform::store;
 using testing::AllOf;
 using testing::Contains;
@@ -128,7 +130,12 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     store(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 45));
     store(set_number("/cfg/gl/crypto/ssh/server/cmn/max_auth_limit", 4));
     flag_during_scan = 99;
-    upcall.ocssh_telemetry_publish = [] { flag_during_scan = agent.initial_scan_complete; };
+    store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, std::nullopt, std::nullopt}));
+    call_faults::observe_commands([](const std::string& command) {
+        if (command.ends_with("sshd_config_red)")) {
+            flag_during_scan = agent.initial_scan_complete;
+        }
+    });
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(file_lines(paths::server_file), AllOf(Contains("LoginGraceTime 45"), Contains("MaxAuthTries 4")));
     EXPECT_EQ(flag_during_scan, 0u);
