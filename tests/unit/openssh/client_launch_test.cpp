@@ -181,6 +181,37 @@ TEST_F(launcher_client, stock_ssh_knows_every_keyword_that_is_passed_on) {
     }
 }
 
+TEST_F(launcher_client, stock_ssh_takes_every_value_that_a_form_takes) {
+    const struct {
+        const char* keyword;
+        value_form form;
+        std::vector<std::string> good;
+        std::vector<std::string> bad;
+    } rows[] = {
+        {"StrictHostKeyChecking",
+         is_host_key_checking,
+         {"yes", "no", "ask", "off", "accept-new", "ASK"},
+         {"", "perhaps", "yes no", "accept new"}},
+        {"PubkeyAuthentication",
+         is_public_key_authentication,
+         {"yes", "no", "unbound", "host-bound"},
+         {"", "ask", "yes no"}},
+        {"ServerAliveInterval", is_time, {"60", "0", "1m"}, {"", "-1", "x"}},
+    };
+    for (const auto& row : rows) {
+        for (const std::string& value : row.good) {
+            EXPECT_TRUE(row.form(value)) << row.keyword << " " << value;
+            const std::string file = scratch_.write("one_keyword", std::string(row.keyword) + " " + value + "\n");
+            const auto result =
+                run_programs({{"/usr/bin/ssh", "-F", file, "-G", "router"}}, std::chrono::seconds(20)).front();
+            EXPECT_EQ(result.status, 0) << result.errors;
+        }
+        for (const std::string& value : row.bad) {
+            EXPECT_FALSE(row.form(value)) << row.keyword << " " << value;
+        }
+    }
+}
+
 TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
     scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
     EXPECT_EQ(prepare(), "");
