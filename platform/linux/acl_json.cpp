@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -37,6 +38,23 @@ const enumeration_row* find_enumeration(const std::string& name) {
         }
     }
     return nullptr;
+}
+
+/// Fields that are wider than what the packet has room for; nftables would refuse the whole list for one such number.
+struct narrow_field {
+    const char* name;
+    uint64_t highest;
+};
+
+constexpr narrow_field narrow_fields[] = {
+    {"DSCP", 63},  {"DSCP2", 63}, {"IsDSCPValu", 63},         {"IsDSCPValu2", 63},
+    {"TTL1", 255}, {"TTL2", 255}, {"IsTimeToLiveStart", 255}, {"IsTimeToLiveEnd", 255},
+};
+
+uint64_t highest_number(const record_field& field, uint64_t width) {
+    const auto* row = std::find_if(std::begin(narrow_fields), std::end(narrow_fields),
+                                   [&field](const narrow_field& narrow) { return field.name == narrow.name; });
+    return row != std::end(narrow_fields) ? row->highest : width;
 }
 
 std::string shown(const control_json& value) {
@@ -83,7 +101,7 @@ class entry_writer {
 
     template <typename number_type>
     bool write_number(const record_field& field, const control_json& value, unsigned char* at) {
-        constexpr uint64_t highest = std::numeric_limits<number_type>::max();
+        const uint64_t highest = highest_number(field, std::numeric_limits<number_type>::max());
         if (!value.is_number_unsigned() || value.get<uint64_t>() > highest) {
             return fail(field, value, "a number from 0 to " + std::to_string(highest));
         }
