@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr uint32_t conversion_size = 2;
+constexpr size_t conversion_size = 2;
 
 // A format for fewer fields is the end of the one for the most.
 constexpr char name_format[] = "%s%s%s%s%s%s%s%s%s%s";
