@@ -39,7 +39,7 @@ build-all: dependencies
 	$(call build_folder,$(BUILD),,all)
 
 build-sanitize: dependencies
-	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON,all)
+	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON,sanitized)
 
 # Sources come and go; a configuration made earlier does not know the new ones.
 compile-commands: dependencies
