@@ -59,7 +59,7 @@ constexpr size_t command_size = 200;
 constexpr size_t command_words_size = 1024;
 constexpr mode_t directory_mode = 0755;
 constexpr mode_t file_mode = 0744;
-constexpr size_t stream_buffer_size = 64 * 1024;
+constexpr size_t stream_buffer_size = 65536;
 
 struct nft_directory {
     const char* path;

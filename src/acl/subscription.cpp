@@ -164,6 +164,9 @@ bool is_subscribed(const acl_family& family, const char* acl_name) {
 
 void end_subscription(subscription** place) {
     subscription* ended = *place;
+    if (ended == nullptr) {
+        return;
+    }
     const acl_family& family = *ended->family;
     for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
         if (node->*family.head == ended->handle) {
