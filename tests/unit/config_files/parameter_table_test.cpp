@@ -133,12 +133,15 @@ TEST_F(parameter_table_test, the_clients_settings_and_lists) {
 }
 
 TEST_F(parameter_table_test, the_texts_that_appliers_edit) {
+    EXPECT_STREQ(server_cipher_base, cipher_list);
     EXPECT_STREQ(server_cipher_list, cipher_list);
     EXPECT_STREQ(server_mac_list, mac_list);
     EXPECT_STREQ(server_dscp, "0x10");
+    EXPECT_STREQ(client_cipher_base, cipher_list);
     EXPECT_STREQ(client_cipher_list, cipher_list);
     EXPECT_STREQ(client_mac_list, mac_list);
     EXPECT_STREQ(client_dscp, "0x10");
+    EXPECT_EQ(sizeof server_cipher_base, 201u);
     EXPECT_EQ(sizeof server_cipher_list, 201u);
     EXPECT_EQ(sizeof server_mac_list, 201u);
     EXPECT_EQ(sizeof server_dscp, 51u);
