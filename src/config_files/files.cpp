@@ -15,7 +15,7 @@
 namespace {
 
 constexpr mode_t directory_mode = 0755;
-constexpr size_t command_size = 2 * PATH_MAX;
+constexpr size_t command_size = 2UL * PATH_MAX;
 
 }  // namespace
 

@@ -15,7 +15,7 @@ enum : uint32_t { severity_error = 3, severity_warning = 4, severity_information
 
 /// A row takes its number from its place, which the enum of log_entry fixes.
 #define CATALOGUE_ENTRY(name, severity, format) \
-    { format, "SSHD_CFG_AGT", "SECURITY", #name, severity, first_message_number + name }
+    { format, "SSHD_CFG_AGT", "SECURITY", #name, severity, first_message_number + (name) }
 
 constexpr log_message_entry catalogue[] = {
     CATALOGUE_ENTRY(ERR_BAG_DECODE, severity_error, "Error:=%s(0x%x), Location:=%s, bag decode failed"),
