@@ -100,6 +100,7 @@ TEST(command_words_test, runs_the_command_also_when_no_descriptor_is_left) {
     errno = EEXIST;
     const int result = run_command("exit 0", words, sizeof words);
     const int after = errno;
+    setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(after, EEXIST);
     EXPECT_STREQ(words, "");
