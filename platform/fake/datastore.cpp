@@ -179,7 +179,9 @@ datastore_list children(const std::string& path) {
             record = item->second.bytes;
         }
     }
-    return {{names.begin(), names.end()}};
+    datastore_list list;
+    list.entries.assign(names.begin(), names.end());
+    return list;
 }
 
 datastore_list entries_at(const std::string& path) {
