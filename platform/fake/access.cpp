@@ -47,6 +47,7 @@ std::vector<acl_change_callback> callbacks_where(condition wanted) {
 
 std::vector<int> call_all(const std::vector<acl_change_callback>& callbacks, const acl_change_notice* notice) {
     std::vector<int> results;
+    results.reserve(callbacks.size());
     for (const acl_change_callback callback : callbacks) {
         results.push_back(callback(notice));
     }
@@ -201,7 +202,7 @@ platform_status key_store_pubkey_to_der(const char* text, uint8_t* der, size_t c
     if (form->second.der.size() > capacity) {
         return ENOSPC;
     }
-    memcpy(der, form->second.der.data(), form->second.der.size());
+    std::copy(form->second.der.begin(), form->second.der.end(), der);
     *size = form->second.der.size();
     *bits = form->second.bits;
     return PLATFORM_OK;

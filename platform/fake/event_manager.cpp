@@ -144,7 +144,7 @@ void queue_event(std::function<void()> handler) {
 }
 
 void queue_message(uint32_t code, std::string body) {
-    queue_event([code, body] { send_message(code, body); });
+    queue_event([code, body = std::move(body)] { send_message(code, body); });
 }
 
 void queue_fd(int fd, uint32_t conditions) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -21,7 +22,7 @@ namespace {
 
 /// What the platform's services say of one VRF.
 struct vrf_state {
-    control_json id;  ///< null when the VRF has no number yet
+    std::optional<uint32_t> id;  ///< nothing when the VRF has no number yet
     bool has_namespace = false;
     mpp_vrf_status protection = {};
 };
@@ -48,7 +49,7 @@ control_json vrfs_json(const std::map<std::string, vrf_state>& vrfs) {
     control_json list = control_json::array();
     for (const auto& [name, vrf] : vrfs) {
         list.push_back({{"name", name},
-                        {"id", vrf.id},
+                        {"id", vrf.id ? control_json(*vrf.id) : control_json()},
                         {"namespace", vrf.has_namespace},
                         {"ssh", vrf.protection.ssh},
                         {"netconf", vrf.protection.netconf},
