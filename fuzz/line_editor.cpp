@@ -39,7 +39,7 @@ bool enter_scratch_folder() {
 
 std::string take_text(std::string& input) {
     const size_t end = input.find('\0');
-    const std::string text = input.substr(0, end);
+    std::string text = input.substr(0, end);
     input.erase(0, end == std::string::npos ? end : end + 1);
     return text;
 }
