@@ -121,6 +121,12 @@ void write_flush(FILE* stream, const nft_table& table) {
 
 }  // namespace
 
+int report_unwritten_file() {
+    log_errno("Failed to apply nft rules");
+    trace_error(acl_trace_file, {"Failed to apply nft rules", errno});
+    return -1;
+}
+
 const char* get_nft_file_name(const char* vrf_name, uint32_t type) {
     debug_print("Entered %s", __func__);
     static char name[file_name_size];
@@ -219,8 +225,8 @@ int create_nft_table(const char* vrf_name) {
     }
     fprintf(stream, "table ip %s {\n}\ntable ip6 %s {\n}\ntable ip %s {\n}\ntable ip6 %s {\n}\n",
             tables[acl_ssh_v4].name, tables[acl_ssh_v6].name, tables[acl_netconf_v4].name, tables[acl_netconf_v6].name);
-    fflush(stream);
-    const int result = ssh_apply_acl(vrf_name, acl_all);
+    const bool written = fflush(stream) == 0;
+    const int result = written ? ssh_apply_acl(vrf_name, acl_all) : report_unwritten_file();
     fclose(stream);
     return result;
 }
@@ -243,8 +249,8 @@ int ssh_flush_nft_table(const char* vrf_name, uint32_t type) {
     } else {
         write_flush(stream, tables[type]);
     }
-    fclose(stream);
-    if (ssh_apply_acl(vrf_name, type) != 0) {
+    const bool written = fclose(stream) == 0;
+    if ((written ? ssh_apply_acl(vrf_name, type) : report_unwritten_file()) != 0) {
         debug_print("%s: Failed to apply nft rules", __func__);
         return -1;
     }

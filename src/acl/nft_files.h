@@ -22,6 +22,10 @@ int norvossh_acl_init_table(const char* vrf_name, FILE** stream, uint32_t type);
 /// Writes the closing drop rule of the table's port (types 0 to 3) and the braces, and flushes; does not close.
 void ssh_nft_fp_close(uint32_t type, FILE* stream);
 
+/// Reports a file that could not be written whole, with errno; it must not be loaded: nft takes an empty file of flushes
+/// without a complaint, and rules that a passing write error has swallowed would be missing among the others. Returns -1.
+int report_unwritten_file();
+
 /// Loads the file of a type in the VRF's namespace. Returns 0 or -1. A load that fails while errno is 0 counts as done.
 int ssh_apply_acl(const char* vrf_name, uint32_t type);
 

@@ -120,6 +120,9 @@ int open_rule_file(const vrf_node& node, uint32_t type, rule_file& file) {
 /// Ends the file and loads it.
 int finish_rule_file(const vrf_node& node, uint32_t type, const rule_file& file) {
     ssh_nft_fp_close(type, file.stream);
+    if (ferror(file.stream) != 0) {
+        return report_unwritten_file();
+    }
     return ssh_apply_acl(node.name, type);
 }
 

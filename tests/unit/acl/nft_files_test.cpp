@@ -138,3 +138,18 @@ TEST_F(nft_files_test, a_flush_that_fails_is_reported) {
     EXPECT_EQ(ssh_flush_nft_table("red", 0), -1);
     EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to create NFT file"));
 }
+
+TEST_F(nft_files_test, a_flush_that_a_full_disk_swallows_is_a_failure_and_loads_nothing) {
+    call_faults::fail_call("fclose", ENOSPC, call_faults::once, 1, rule_file("red", "norvossh_v4acl"));
+    EXPECT_EQ(ssh_flush_nft_table("red", acl_ssh_v4), -1);
+    EXPECT_TRUE(loads().empty());
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=No space left on device(0x1c), Failed to apply nft rules"));
+    EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to apply nft rules"));
+}
+
+TEST_F(nft_files_test, tables_that_a_full_disk_swallows_are_not_declared) {
+    call_faults::fail_call("fflush", ENOSPC, call_faults::once, 1, rule_file("red", "norvossh_acl_all"));
+    EXPECT_EQ(create_nft_table("red"), -1);
+    EXPECT_TRUE(loads().empty());
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=No space left on device(0x1c), Failed to apply nft rules"));
+}

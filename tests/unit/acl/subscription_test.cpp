@@ -6,6 +6,7 @@
 #include "acl/acl_types.h"
 #include "acl_test.h"
 #include "call_faults.h"
+#include "scratch_root.h"
 
 namespace {
 
@@ -367,4 +368,16 @@ TEST_F(subscription_test, ipv6_lists_have_their_own_tree_and_tables) {
     EXPECT_NE(read_file(rule_file("red", "norvossh_v6acl"))
                   .find("                ip6 saddr ::/0 ip6 daddr ::/0 tcp dport 22 accept \n"),
               std::string::npos);
+}
+
+TEST_F(subscription_test, a_list_that_a_full_disk_has_cut_off_is_not_loaded) {
+    std::filesystem::create_directories("/tmp/norvo-ssh/access-list");
+    scratch_root::limit_space("/tmp/norvo-ssh/access-list", 64 * 1024);
+    set_list("ops", std::vector<acl_ipv4_entry>(3000, ipv4_entry(deny)));
+    name(red->ssh_v4_acl, "ops");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    const acl_change_notice change = notice("ops", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
+    EXPECT_TRUE(loads().empty());
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=No space left on device(0x1c), Failed to apply nft rules"));
 }
