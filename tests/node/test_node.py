@@ -296,8 +296,9 @@ def test_command_that_ignores_the_signal_goes_with_the_node():
 
 
 def test_command_handles_the_interrupt_itself():
+    # Not bash, which can lose an interrupt at the very moment it begins to wait for a program.
     script = "trap 'echo handled; exit 9' INT; echo up; while :; do sleep 0.1; done"
-    process = subprocess.Popen([*NODE_COMMAND, "run", "--", "bash", "-c", script], stdout=subprocess.PIPE)
+    process = subprocess.Popen([*NODE_COMMAND, "run", "--", "sh", "-c", script], stdout=subprocess.PIPE)
     assert process.stdout.readline() == b"up\n"
     process.send_signal(signal.SIGINT)
     assert process.stdout.readline() == b"handled\n"
