@@ -1,11 +1,15 @@
 #include "agent_harness.h"
 
+#include <filesystem>
+
 #include "fake/fake_platform.h"
 #include "stub_commands.h"
 
 namespace agent_harness {
 
 void set_up() {
+    // Where the service manager starts it.
+    std::filesystem::current_path("/");
     stub_commands::install();
     fake_platform::reset();
 }

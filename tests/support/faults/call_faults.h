@@ -5,6 +5,9 @@
 /// test that means any of them says "stdio_write"; likewise "stdio_read", "command" (system and popen), "sleeping" and
 /// "allocation". What is written to standard output and standard error is left alone.
 ///
+/// The record codec, which is the real one on every platform, can be let fail, too: its error is the status returned, its
+/// object the record's name.
+///
 /// A true ENOSPC is had with scratch_root::limit_space, a true EROFS with scratch_root::set_read_only.
 #ifndef SUPPORT_CALL_FAULTS_H
 #define SUPPORT_CALL_FAULTS_H

@@ -19,6 +19,7 @@
 #include <new>
 
 #include "diversion.h"
+#include "platform/record_codec.h"
 
 using call_faults::action;
 using call_faults::after;
@@ -115,6 +116,17 @@ DIVERT(void*, realloc, (void* memory, size_t size), (memory, size), nothing(), n
 DIVERT(char*, strdup, (const char* text), (text), nothing(), nullptr)
 DIVERT(void*, _ZnwmRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
 DIVERT(void*, _ZnamRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
+
+// The codec reports by status.
+DIVERT(platform_status, record_registration_begin, (record_transaction * *transaction), (transaction), nothing(),
+       static_cast<platform_status>(decided.error))
+DIVERT(platform_status, record_register, (record_transaction * transaction, const record_descriptor* descriptor),
+       (transaction, descriptor), text_of(descriptor->name), static_cast<platform_status>(decided.error))
+DIVERT(platform_status, record_registration_end, (record_transaction * transaction), (transaction), nothing(),
+       static_cast<platform_status>(decided.error))
+DIVERT(platform_status, record_encode,
+       (const record_descriptor* descriptor, const void* record, void** encoded, size_t* size),
+       (descriptor, record, encoded, size), text_of(descriptor->name), static_cast<platform_status>(decided.error))
 
 DIVERT_SIZED(ssize_t, read, (int fd, void* buffer, size_t size), (fd, buffer, size), file_of(fd))
 DIVERT_SIZED(ssize_t, write, (int fd, const void* buffer, size_t size), (fd, buffer, size), file_of(fd))
