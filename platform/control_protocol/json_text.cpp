@@ -152,11 +152,36 @@ size_t utf8_character(std::string_view text) {
     return overlong || surrogate || code > 0x10ffff ? 0 : length;
 }
 
-/// C0, DEL and C1, which a terminal or a log might obey.
-bool is_control(std::string_view character) {
+/// The number of a well-formed UTF-8 character.
+uint32_t character_code(std::string_view character) {
     const auto first = static_cast<unsigned char>(character[0]);
-    const bool c1 = character.size() == 2 && first == 0xc2 && static_cast<unsigned char>(character[1]) < 0xa0;
-    return first < 0x20 || first == 0x7f || c1;
+    uint32_t code = character.size() == 1 ? first : first & (0xffU >> (character.size() + 1));
+    for (const char byte : character.substr(1)) {
+        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3fU);
+    }
+    return code;
+}
+
+struct character_range {
+    uint32_t first;
+    uint32_t last;
+};
+
+/// What a terminal or a log might obey, and what makes a text look like another.
+constexpr character_range controls[] = {
+    {0x00, 0x1f},      // C0
+    {0x7f, 0x9f},      // DEL and C1
+    {0x61c, 0x61c},    // Arabic letter mark
+    {0x200b, 0x200f},  // without width, direction marks
+    {0x2028, 0x202e},  // line and paragraph separators, direction embeddings
+    {0x2060, 0x206f},  // without width, direction isolates
+    {0xfeff, 0xfeff},  // byte order mark
+};
+
+bool is_control(std::string_view character) {
+    const uint32_t code = character_code(character);
+    return std::any_of(std::begin(controls), std::end(controls),
+                       [code](const character_range& range) { return range.first <= code && code <= range.last; });
 }
 
 }  // namespace

@@ -30,8 +30,8 @@ std::string control_json_text(const control_json& value);
 /// Whether a text is well-formed UTF-8.
 bool control_is_utf8(std::string_view text);
 
-/// A text fit for a message: one line, control characters and bytes that are not UTF-8 escaped as \xNN, cut after
-/// `length_max` bytes with "..." behind it.
+/// A text fit for a message: one line, bytes that are not UTF-8, control characters and characters that change the
+/// direction of others or take no width escaped as \xNN, cut after `length_max` bytes with "..." behind it.
 std::string control_printable(std::string_view text, size_t length_max);
 
 #endif

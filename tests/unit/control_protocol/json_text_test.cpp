@@ -125,6 +125,14 @@ TEST(control_printable, escapes_what_a_terminal_or_log_would_obey) {
               std::string::npos);
 }
 
+TEST(control_printable, escapes_what_makes_a_text_look_like_another) {
+    EXPECT_EQ(control_printable("a\u202eb\u200bc\u2066d\u061ce\ufefff", 100),
+              "a\\xe2\\x80\\xaeb\\xe2\\x80\\x8bc\\xe2\\x81\\xa6d\\xd8\\x9ce\\xef\\xbb\\xbff");
+    EXPECT_EQ(control_printable(std::string_view("a\0b", 3), 100), "a\\x00b");
+    EXPECT_EQ(control_printable("\u00a0|\u061b|\u2010|\u2027|\u2030|\u2070|\ufefe", 100),
+              "\u00a0|\u061b|\u2010|\u2027|\u2030|\u2070|\ufefe");
+}
+
 TEST(control_printable, cuts_at_a_character) {
     EXPECT_EQ(control_printable("abcdef", 6), "abcdef");
     EXPECT_EQ(control_printable("abcdefg", 6), "abcdef...");
