@@ -256,7 +256,7 @@ int note_state(const nlmsghdr* header, void* data) {
 }
 
 int read_state(const filter_connection& connection, filter_state& state) {
-    char request[256];
+    char request[256] = {};  // The attributes' padding goes to the kernel, too.
     const table_pointer table = required(table_pointer(nftnl_table_alloc()));
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_name);
     nlmsghdr* header = nftnl_nlmsg_build_hdr(request, NFT_MSG_GETTABLE, NFPROTO_INET, NLM_F_ACK, 0);
@@ -335,7 +335,7 @@ platform_status mpp_filter_available(std::string& failure) {
     filter_connection connection;
     int error = connection.open_here();
     if (error == 0) {
-        char request[64];
+        char request[64] = {};
         const nlmsghdr* header = nftnl_nlmsg_build_hdr(request, NFT_MSG_GETGEN, NFPROTO_UNSPEC, NLM_F_ACK, 0);
         error = connection.ask(header, nullptr, nullptr);
     }
