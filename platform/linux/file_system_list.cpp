@@ -74,13 +74,15 @@ bool is_persistent(const mount_entry& entry, const std::set<std::string>& block_
     return entry.mount_point == "/" || contains(persistent_types, entry.type) || block_types.count(entry.type) == 1;
 }
 
-/// Each file system once, where it was mounted first as a whole.
-std::vector<std::string> read_names() {
+/// Each file system once, where it was mounted first as a whole. False when the mounts cannot be read.
+bool read_names(std::vector<std::string>& names) {
     const std::set<std::string> block_types = block_device_types();
-    std::vector<std::string> names;
     std::set<std::string> devices;
     size_t size = 0;
     std::ifstream file("/proc/self/mountinfo");
+    if (!file.is_open()) {
+        return false;
+    }
     std::string line;
     while (std::getline(file, line)) {
         mount_entry entry;
@@ -95,7 +97,7 @@ std::vector<std::string> read_names() {
         size += entry.mount_point.size() + 1;
         names.push_back(entry.mount_point);
     }
-    return names;
+    return !file.bad();
 }
 
 std::vector<std::string> names;
@@ -108,13 +110,16 @@ std::vector<const char*> pointers;
 /// because readers take a blank for the end of the name.
 const char* const* file_system_list_get(void) {
     try {
-        names = read_names();
+        names.clear();
         pointers.clear();
+        if (!read_names(names)) {
+            return nullptr;
+        }
         std::transform(names.begin(), names.end(), std::back_inserter(pointers),
                        [](const std::string& name) { return name.c_str(); });
         pointers.push_back(nullptr);
     } catch (const std::exception&) {
         return nullptr;
     }
-    return names.empty() ? nullptr : pointers.data();
+    return pointers.data();
 }

@@ -30,6 +30,9 @@ class file_system_list_test : public testing::Test {
     /// Covers /proc/self/mountinfo by a text of the test's own. The link /proc/self leads to this process.
     void show_mounts(const std::string& text) {
         platform_test::write_file("/tmp/mountinfo", text);
+        cover_mounts();
+    }
+    void cover_mounts() {
         const std::string target = "/proc/" + std::to_string(getpid()) + "/mountinfo";
         ASSERT_EQ(0, mount("/tmp/mountinfo", target.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
         covered = target;
@@ -81,8 +84,15 @@ TEST_F(file_system_list_test, is_cut_when_its_text_is_full_so_that_it_can_be_pub
     EXPECT_NE(std::string::npos, journal.messages().find("The file-system list is cut at /mnt/"));
 }
 
-TEST_F(file_system_list_test, cannot_be_had_when_nothing_persistent_is_mounted) {
+TEST_F(file_system_list_test, is_empty_when_nothing_persistent_is_mounted) {
     show_mounts("26 22 0:31 / /tmp rw - tmpfs tmpfs rw\n");
+    EXPECT_TRUE(names().empty());
+}
+
+TEST_F(file_system_list_test, cannot_be_had_when_the_mounts_cannot_be_read) {
+    // A socket cannot be opened.
+    ASSERT_EQ(0, mknod("/tmp/mountinfo", S_IFSOCK | 0600, 0)) << strerror(errno);
+    cover_mounts();
     EXPECT_EQ(nullptr, file_system_list_get());
 }
 
