@@ -129,6 +129,92 @@ class random_record {
     std::mt19937 random_;
 };
 
+/// A native structure in words, by its schema: what of it is a value is in the words, what is an address is not.
+class record_words {
+  public:
+    static std::string of(const record_schema& schema, const unsigned char* base) {
+        record_words words(schema);
+        words.add_record(schema.record(), base);
+        return words.words_;
+    }
+
+  private:
+    explicit record_words(const record_schema& schema) : schema_(schema) {}
+
+    template <typename value_type>
+    static value_type load(const unsigned char* at) {
+        value_type value;
+        memcpy(&value, at, sizeof value);
+        return value;
+    }
+
+    void add_bytes(const unsigned char* at, size_t size) {
+        for (size_t i = 0; i < size; i++) {
+            words_ += std::to_string(at[i]) + ' ';
+        }
+    }
+
+    void add_record(const record_definition& definition, const unsigned char* base) {
+        words_ += "{ ";
+        for (const record_field& field : definition.fields) {
+            words_ += field.name + ' ';
+            add_field(field, base + field.offset);
+        }
+        words_ += "} ";
+    }
+
+    void add_target(const record_field& field, const unsigned char* target) {
+        if (target == nullptr) {
+            words_ += "null ";
+        } else {
+            add_record(schema_.type_of(field), target);
+        }
+    }
+
+    void add_field(const record_field& field, const unsigned char* at) {
+        switch (field.kind) {
+            case record_field_kind::text: {
+                const auto* text = load<const char*>(at);
+                words_ += text != nullptr ? '"' + std::string(text) + "\" " : "null ";
+                return;
+            }
+            case record_field_kind::fixed_text:
+                words_ += '"' + std::string(reinterpret_cast<const char*>(at)) + "\" ";
+                return;
+            case record_field_kind::array: {
+                const auto count = load<uint32_t>(at);
+                words_ += std::to_string(count) + ' ';
+                for (uint32_t i = 0; i < count; i++) {
+                    const record_definition& type = schema_.type_of(field);
+                    add_record(type, load<const unsigned char*>(at + sizeof(void*)) + i * type.size);
+                }
+                return;
+            }
+            case record_field_kind::pointer:
+            case record_field_kind::link:
+                return add_target(field, load<const unsigned char*>(at));
+            case record_field_kind::embedded:
+                return add_record(schema_.type_of(field), at);
+            case record_field_kind::optional_value: {
+                const auto* value = load<const unsigned char*>(at);
+                value != nullptr ? add_bytes(value, field.optional_letter == 'I' ? 2 : 4) : void(words_ += "null ");
+                return;
+            }
+            case record_field_kind::number16:
+                return add_bytes(at, 2);
+            case record_field_kind::number8:
+                return add_bytes(at, 1);
+            case record_field_kind::bytes:
+                return add_bytes(at, field.width);
+            default:
+                return add_bytes(at, 4);
+        }
+    }
+
+    const record_schema& schema_;
+    std::string words_;
+};
+
 struct sample_record {
     record_descriptor descriptor;
     record_schema schema;
@@ -160,6 +246,7 @@ TEST(record_codec, gives_random_records_back_as_they_were) {
             ASSERT_EQ(first.status, PLATFORM_OK) << sample.descriptor.full_schema;
             ASSERT_EQ(record_decode(&sample.descriptor, first.bytes, first.size, decoded.data(), decoded.size()),
                       PLATFORM_OK);
+            EXPECT_EQ(record_words::of(sample.schema, decoded.data()), record_words::of(sample.schema, record.data()));
             const encoded_record second(sample.descriptor, decoded.data());
             EXPECT_EQ(first.text(), second.text());
             record_release(&sample.descriptor, record.data());
@@ -232,6 +319,149 @@ TEST(record_codec, refuses_a_boolean_that_is_none) {
     register_record(descriptor);
     const uint32_t two = 2;
     EXPECT_EQ(encoded_record(descriptor, &two).status, platform_status{RECORD_MALFORMED});
+}
+
+namespace {
+
+struct two_numbers {
+    uint32_t first;
+    uint32_t second;
+};
+
+struct counted_numbers {
+    uint32_t count;
+    two_numbers* elements;
+};
+
+struct linked_number {
+    uint32_t number;
+    linked_number* next;
+};
+
+struct counted_links {
+    uint32_t count;
+    linked_number* elements;
+};
+
+constexpr record_descriptor numbers_record = {"numbers", "sample.dll", "$1={Numbers}a($2);$2={A}D{B}D;",
+                                              "$1=a($2);$2=DD;"};
+constexpr record_descriptor links_record = {"links", "sample.dll", "$1={Links}a($2);$2=L{A}D{Next}Pp($2);",
+                                            "$1=a($2);$2=LDPp($2);"};
+constexpr record_descriptor text_record = {"text", "sample.dll", "$1={Text}s;", "$1=s;"};
+constexpr record_descriptor line_record = {"line", "sample.dll", "$1={Line}8x%S;", "$1=8x%S;"};
+constexpr record_descriptor flag_record = {"flag", "sample.dll", "$1={Flag}p(b);", "$1=p(b);"};
+constexpr record_descriptor pair_record = {"pair", "sample.dll", "$1={Pair}p($2);$2={A}D{B}D;", "$1=p($2);$2=DD;"};
+constexpr record_descriptor list_record = {"list", "sample.dll", "$1=L{A}D{Next}Pp($1);", "$1=LDPp($1);"};
+constexpr record_descriptor tree_record = {"tree", "sample.dll", "$1={A}D{Child}p($1);", "$1=Dp($1);"};
+
+/// What a decoder makes of the record's hash, as the encoder writes it, and `rest`.
+platform_status decode_rest(const record_descriptor& descriptor, const std::string& rest) {
+    register_record(descriptor);
+    const unsigned char nothing[64] = {};
+    const encoded_record empty(descriptor, nothing);
+    EXPECT_EQ(empty.status, PLATFORM_OK);
+    const std::string bytes = empty.text().substr(0, 4) + rest;
+    unsigned char decoded[64] = {};
+    const platform_status status = record_decode(&descriptor, bytes.data(), bytes.size(), decoded, sizeof decoded);
+    if (status == PLATFORM_OK) {
+        record_release(&descriptor, decoded);
+    } else {
+        EXPECT_EQ(std::string(decoded, decoded + sizeof decoded), std::string(sizeof decoded, '\0'));
+    }
+    return status;
+}
+
+std::string bytes_of(std::initializer_list<uint32_t> numbers) {
+    std::string bytes;
+    for (const uint32_t number : numbers) {
+        bytes.append(reinterpret_cast<const char*>(&number), sizeof number);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST(record_codec, refuses_an_array_without_its_elements) {
+    register_record(numbers_record);
+    counted_numbers record = {1, nullptr};
+    EXPECT_EQ(encoded_record(numbers_record, &record).status, platform_status{RECORD_MALFORMED});
+    record.count = 0;
+    EXPECT_EQ(encoded_record(numbers_record, &record).status, PLATFORM_OK);
+}
+
+TEST(record_codec, refuses_an_array_of_millions) {
+    register_record(numbers_record);
+    two_numbers element = {};
+    const counted_numbers record = {UINT32_MAX, &element};
+    EXPECT_EQ(encoded_record(numbers_record, &record).status, platform_status{RECORD_MALFORMED});
+}
+
+TEST(record_codec, refuses_an_arrays_element_that_has_a_successor) {
+    register_record(links_record);
+    linked_number successor = {2, nullptr};
+    linked_number element = {1, &successor};
+    const counted_links record = {1, &element};
+    EXPECT_EQ(encoded_record(links_record, &record).status, platform_status{RECORD_MALFORMED});
+    element.next = nullptr;
+    EXPECT_EQ(encoded_record(links_record, &record).status, PLATFORM_OK);
+}
+
+TEST(record_codec, refuses_an_optional_boolean_that_is_none) {
+    register_record(flag_record);
+    uint32_t value = 2;
+    const uint32_t* record = &value;
+    EXPECT_EQ(encoded_record(flag_record, &record).status, platform_status{RECORD_MALFORMED});
+    value = 1;
+    EXPECT_EQ(encoded_record(flag_record, &record).status, PLATFORM_OK);
+}
+
+TEST(record_codec, refuses_structures_that_hang_too_deep) {
+    register_record(tree_record);
+    struct tree {
+        uint32_t number;
+        tree* child;
+    } nodes[20] = {};
+    for (size_t i = 0; i + 1 < std::size(nodes); i++) {
+        nodes[i].child = &nodes[i + 1];
+    }
+    EXPECT_EQ(encoded_record(tree_record, nodes).status, platform_status{RECORD_MALFORMED});
+    EXPECT_EQ(encoded_record(tree_record, nodes + 10).status, PLATFORM_OK);
+}
+
+TEST(record_codec, takes_the_bytes_that_fit_and_no_others) {
+    const struct {
+        const record_descriptor& descriptor;
+        std::string rest;
+        platform_status status;
+    } cases[] = {
+        {numbers_record, bytes_of({1, 7, 8}), PLATFORM_OK},
+        {numbers_record, bytes_of({1, 7, 8}) + "x", RECORD_MALFORMED},
+        {numbers_record, bytes_of({2, 7, 8}), RECORD_MALFORMED},
+        {numbers_record, bytes_of({UINT32_MAX, 7, 8}), RECORD_MALFORMED},
+        {text_record, bytes_of({0}), PLATFORM_OK},
+        {text_record, bytes_of({1}), PLATFORM_OK},
+        {text_record, bytes_of({4}) + "abc", PLATFORM_OK},
+        {text_record, bytes_of({4}) + "ab", RECORD_MALFORMED},
+        {text_record, bytes_of({4}) + std::string("a\0c", 3), RECORD_MALFORMED},
+        {text_record, bytes_of({UINT32_MAX}) + "abc", RECORD_MALFORMED},
+        {line_record, bytes_of({7}) + "1234567", PLATFORM_OK},
+        {line_record, bytes_of({8}) + "12345678", RECORD_MALFORMED},
+        {line_record, bytes_of({3}) + std::string("a\0c", 3), RECORD_MALFORMED},
+        {flag_record, std::string(1, '\0'), PLATFORM_OK},
+        {flag_record, '\1' + bytes_of({1}), PLATFORM_OK},
+        {flag_record, '\1' + bytes_of({2}), RECORD_MALFORMED},
+        {flag_record, '\2' + bytes_of({1}), RECORD_MALFORMED},
+        {pair_record, '\1' + bytes_of({1, 2}), PLATFORM_OK},
+        {pair_record, '\1' + bytes_of({1}), RECORD_MALFORMED},
+        {pair_record, '\2' + bytes_of({1, 2}), RECORD_MALFORMED},
+        {list_record, bytes_of({2, 7, 8}), PLATFORM_OK},
+        {list_record, bytes_of({0}), RECORD_MALFORMED},
+        {list_record, bytes_of({3, 7, 8}), RECORD_MALFORMED},
+    };
+    for (const auto& row : cases) {
+        EXPECT_EQ(decode_rest(row.descriptor, row.rest), row.status)
+            << row.descriptor.name << ' ' << testing::PrintToString(row.rest);
+    }
 }
 
 TEST(record_codec, knows_only_registered_descriptors) {

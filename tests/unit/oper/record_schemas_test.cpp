@@ -1,8 +1,11 @@
 #include "oper/record_schemas.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+
+#include <cerrno>
 
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "common/record_registry.h"
 #include "common/record_schema.h"
 #include "ocsystem_ssh_telemetry_edm.h"
@@ -18,6 +21,101 @@ TEST(record_schemas_test, every_compact_schema_follows_from_the_full_one) {
         const auto schema = parse_record_schema(descriptors[i].full_schema);
         ASSERT_TRUE(schema.has_value()) << descriptors[i].name;
         EXPECT_EQ(compact_record_schema(*schema), descriptors[i].compact_schema) << descriptors[i].name;
+    }
+}
+
+TEST(record_schemas_test, every_schema_is_as_its_readers_know_it) {
+    uint32_t count = 0;
+    const record_descriptor* descriptors = record_descriptors(&count);
+    std::string text;
+    for (uint32_t i = 0; i < count; i++) {
+        const record_descriptor& record = descriptors[i];
+        text += std::string(record.library) + ' ' + record.name + '\n' + record.full_schema + '\n' +
+                record.compact_schema + "\n\n";
+    }
+    expect_golden("oper/golden/record_schemas", text);
+}
+
+TEST(record_schemas_test, a_descriptor_has_its_accessor) {
+    const record_descriptor* accessed[] = {
+        ssh_mcinfo_descriptor(),           session_brief_info_descriptor(),  ssh_session_brief_descriptor(),
+        session_history_info_descriptor(), ssh_session_history_descriptor(), session_detail_info_descriptor(),
+        ssh_session_detail_descriptor(),   session_rekey_info_descriptor(),  ssh_session_rekey_descriptor(),
+        sshd_mcinfo_descriptor(),          sshd_sessioninfo_descriptor(),    sshd_kexinfo_descriptor(),
+        sshd_rekey_descriptor(),           ssh_server_params_descriptor(),   overlay_crypto_ssh_system_descriptor(),
+    };
+    uint32_t count = 0;
+    const record_descriptor* descriptors = record_descriptors(&count);
+    ASSERT_EQ(count, std::size(accessed));
+    for (uint32_t i = 0; i < count; i++) {
+        EXPECT_EQ(accessed[i], &descriptors[i]) << descriptors[i].name;
+    }
+}
+
+namespace {
+
+/// A set, its first and last record, and how many there are.
+struct record_set {
+    const char* library;
+    platform_status (*start)();
+    const record_descriptor* (*first)();
+    const record_descriptor* (*last)();
+    uint32_t count;
+};
+
+const record_set sets[] = {
+    {"libssh_xml_bag_desc.dll", register_session_records, ssh_mcinfo_descriptor, ssh_session_rekey_descriptor, 9},
+    {"show_ssh_bag_desc.dll", register_command_line_records, sshd_mcinfo_descriptor, sshd_rekey_descriptor, 4},
+    {"libssh_server_params_bag_desc.dll", register_server_parameter_records, ssh_server_params_descriptor,
+     ssh_server_params_descriptor, 1},
+    {"liboverlay_crypto_ssh_oper_bag_descr.dll", register_telemetry_records, overlay_crypto_ssh_system_descriptor,
+     overlay_crypto_ssh_system_descriptor, 1},
+};
+
+class record_set_test : public testing::TestWithParam<record_set> {
+  protected:
+    record_set_test() { call_faults::clear(); }
+
+    static bool is_registered(const record_descriptor* descriptor) { return find_record_schema(descriptor) != nullptr; }
+};
+
+INSTANTIATE_TEST_SUITE_P(sets, record_set_test, testing::ValuesIn(sets));
+
+}  // namespace
+
+TEST_P(record_set_test, is_registered_whole_and_in_order) {
+    call_faults::start_recording();
+    EXPECT_EQ(GetParam().start(), PLATFORM_OK);
+    std::vector<std::string> expected = {"record_registration_begin()"};
+    uint32_t all = 0;
+    const record_descriptor* descriptors = record_descriptors(&all);
+    for (uint32_t i = 0; i < all; i++) {
+        const bool own = descriptors[i].library == std::string(GetParam().library);
+        EXPECT_EQ(is_registered(&descriptors[i]), own);
+        if (own) {
+            expected.push_back(std::string("record_register(") + descriptors[i].name + ")");
+        }
+    }
+    expected.emplace_back("record_registration_end()");
+    EXPECT_EQ(expected.size(), GetParam().count + 2);
+    EXPECT_EQ(call_faults::recorded_calls(), expected);
+}
+
+TEST_P(record_set_test, a_transaction_that_cannot_be_begun_is_returned_at_once) {
+    call_faults::fail_call("record_registration_begin", EAGAIN);
+    EXPECT_EQ(GetParam().start(), platform_status{EAGAIN});
+    EXPECT_EQ(call_faults::count_calls("record_register"), 0U);
+}
+
+TEST_P(record_set_test, the_first_record_that_is_refused_takes_the_set_back) {
+    for (uint32_t call = 1; call <= GetParam().count; call++) {
+        call_faults::clear();
+        call_faults::fail_call("record_register", EIO, call_faults::once, call);
+        EXPECT_EQ(GetParam().start(), platform_status{EIO}) << call;
+        EXPECT_EQ(call_faults::count_calls("record_register"), call);
+        EXPECT_EQ(call_faults::count_calls("record_registration_end"), 0U);
+        EXPECT_FALSE(is_registered(GetParam().first()));
+        EXPECT_FALSE(is_registered(GetParam().last()));
     }
 }
 
