@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "config_files/parameter_table.h"
+#include "config_files/trustpoints.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/log.h"
@@ -138,7 +139,8 @@ void fill_server_params(ssh_server_params* params) {
     fill_numbers(params);
     fill_vrfs(server.nodes, params);
     put(params->Trustpointhost, setting(SERVER_HOST_TRUSTPOINT));
-    put(params->Trustpointuser, setting(SERVER_USER_TRUSTPOINT));
+    // From the names themselves: the line in the server's file has less room.
+    join_user_trustpoints(params->Trustpointuser, sizeof(params->Trustpointuser));
     params->Passwordauthen = params->Keyboardinteractiveauthen = params->Pubkeyauthen = params->Certificateauthen = 1;
     put(params->Portforwarding, port_forwarding_text());
     put(params->CertificateUsername, certificate_username_text(atoi(setting(SERVER_CERTIFICATE_USERNAME))));

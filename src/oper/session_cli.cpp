@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "core/debug.h"
 #include "core/log.h"
@@ -33,6 +32,11 @@ struct command_line_report {
     const char* encode_failed;
 };
 
+/// A text for the engineer: an absent one is empty.
+const char* shown(const char* text) {
+    return text != nullptr ? text : "";
+}
+
 bool fill_channels(const session_snapshot& snapshot, sshd_mcinfo_array* channels) {
     channels->elements = static_cast<sshd_mcinfo*>(calloc(channel_slots - 1, sizeof(sshd_mcinfo)));
     if (channels->elements == nullptr) {
@@ -45,29 +49,34 @@ bool fill_channels(const session_snapshot& snapshot, sshd_mcinfo_array* channels
         sshd_mcinfo& channel = channels->elements[channels->count++];
         channel.ChannelID = snapshot.channel_id[slot];
         channel.ConnectionType = snapshot.connection_type[slot];
-        copy_text(channel.Line, sizeof(channel.Line), std::string(field_text(snapshot.line[slot])).c_str());
+        copy_text(channel.Line, sizeof(channel.Line), snapshot.line[slot]);
     }
     return true;
 }
 
-bool fill_session(const char* routine, const session_snapshot& snapshot, session_record* record) {
+bool fill_session(const char* /*routine*/, const session_snapshot& snapshot, session_record* record) {
     sshd_sessioninfo& session = record->session;
     bool failed = false;
     session.SessionID = snapshot.session_id;
     session.SessionPID = snapshot.session_pid;
     session.State = snapshot.session_state;
-    session.AuthenMethod = owned_text(field_text(snapshot.authentication_method), &failed);
+    session.AuthenMethod = owned_text(snapshot.authentication_method, &failed);
     session.Cipher = snapshot.protocol_version;
-    session.UserID = owned_text(field_text(snapshot.user_id), &failed);
-    session.Host = owned_text(field_text(snapshot.remote_host), &failed);
+    session.UserID = owned_text(snapshot.user_id, &failed);
+    session.Host = owned_text(snapshot.remote_host, &failed);
     session.Nid = snapshot.node_id;
-    if (failed || !fill_channels(snapshot, &session.McInfo)) {
+    return !failed && fill_channels(snapshot, &session.McInfo);
+}
+
+/// A server's session is also told to the engineer.
+bool fill_server_session(const char* routine, const session_snapshot& snapshot, session_record* record) {
+    const sshd_sessioninfo& session = record->session;
+    if (!fill_session(routine, snapshot, record)) {
         return false;
     }
     debug_print("%s:%d Line: %s Userid:%s Host:%s Authen Method:%s Open Channels:%d Active Channels:%d", routine,
-                __LINE__, session.McInfo.count != 0 ? session.McInfo.elements[0].Line : "",
-                session.UserID != nullptr ? session.UserID : "", session.Host != nullptr ? session.Host : "",
-                session.AuthenMethod != nullptr ? session.AuthenMethod : "", static_cast<int>(snapshot.open_channels),
+                __LINE__, session.McInfo.count != 0 ? session.McInfo.elements[0].Line : "", shown(session.UserID),
+                shown(session.Host), shown(session.AuthenMethod), static_cast<int>(snapshot.open_channels),
                 static_cast<int>(session.McInfo.count));
     return true;
 }
@@ -76,16 +85,15 @@ bool fill_kex(const char* routine, const session_snapshot& snapshot, session_rec
     sshd_kexinfo& kex = record->kex;
     bool failed = false;
     kex.SessionID = snapshot.session_id;
-    kex.KexName = owned_text(field_text(snapshot.kex_algorithm), &failed);
-    kex.HostKeyAlg = owned_text(field_text(snapshot.host_key_algorithm), &failed);
-    kex.InCipher = owned_text(field_text(snapshot.in_cipher), &failed);
-    kex.OutCipher = owned_text(field_text(snapshot.out_cipher), &failed);
-    kex.InMac = owned_text(field_text(snapshot.in_mac), &failed);
-    kex.OutMac = owned_text(field_text(snapshot.out_mac), &failed);
+    kex.KexName = owned_text(snapshot.kex_algorithm, &failed);
+    kex.HostKeyAlg = owned_text(snapshot.host_key_algorithm, &failed);
+    kex.InCipher = owned_text(snapshot.in_cipher, &failed);
+    kex.OutCipher = owned_text(snapshot.out_cipher, &failed);
+    kex.InMac = owned_text(snapshot.in_mac, &failed);
+    kex.OutMac = owned_text(snapshot.out_mac, &failed);
     if (failed) {
         return false;
     }
-    const auto shown = [](const char* text) { return text != nullptr ? text : ""; };
     debug_print("%s:%d session_id:%d kexname: %s hostkeyalg:%s incipher:%s outcipher:%s inmac:%s outmac:%s", routine,
                 __LINE__, static_cast<int>(kex.SessionID), shown(kex.KexName), shown(kex.HostKeyAlg),
                 shown(kex.InCipher), shown(kex.OutCipher), shown(kex.InMac), shown(kex.OutMac));
@@ -100,16 +108,16 @@ bool fill_rekey(const char* routine, const session_snapshot& snapshot, session_r
     rekey.ChannelID = snapshot.channel_id[1];
     rekey.State = snapshot.session_state;
     rekey.SessionRekeyCount = snapshot.rekey_count;
-    rekey.NextRekeyTimeStr = owned_text(field_text(snapshot.time_to_rekey), &failed);
+    rekey.NextRekeyTimeStr = owned_text(snapshot.time_to_rekey, &failed);
     rekey.DataToRekey = snapshot.data_to_rekey;
     debug_print("%s:%d session_id:%d session_rekey_count:%d next_rekey_time_str:%s data_to_rekey:%d", routine, __LINE__,
                 static_cast<int>(rekey.SessionID), static_cast<int>(rekey.SessionRekeyCount),
-                rekey.NextRekeyTimeStr != nullptr ? rekey.NextRekeyTimeStr : "", static_cast<int>(rekey.DataToRekey));
+                shown(rekey.NextRekeyTimeStr), static_cast<int>(rekey.DataToRekey));
     return !failed;
 }
 
 constexpr command_line_report server_brief = {"show_ssh_cli", ssh_oper_collect_server_sessions,
-                                              sshd_sessioninfo_descriptor, fill_session,
+                                              sshd_sessioninfo_descriptor, fill_server_session,
                                               "%s:%d Failed to encode data into sshd_sessioninfo bag: %s"};
 constexpr command_line_report server_detail = {"show_ssh_session_cli", ssh_oper_collect_server_sessions,
                                                sshd_kexinfo_descriptor, fill_kex,

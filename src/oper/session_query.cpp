@@ -22,23 +22,16 @@ constexpr timeval peer_timeout = {.tv_sec = 0, .tv_usec = 100000};
 constexpr size_t line_size = 4096;
 constexpr size_t command_size = 300;
 
-/// The whole of a request: the peer ignores the third word.
-struct session_request {
-    uint32_t zero = 0;
-    uint32_t one = 1;
-    uint32_t ignored = 0;
-};
-static_assert(sizeof(session_request) == 12);
-
 /// What differs between the servers' and the clients' processes.
 struct session_peers {
     const char* routine;
+    const char* collector;
     int (*query)(session_snapshot* snapshot, int pid);
     const char* command_format;  ///< finds the processes; one "%s" at most
     const char* program;         ///< fills it
     const char* pid_file;
     bool accepts_short_answer;
-    bool logs_receive_failure;
+    bool logs_receive_failure;  ///< else it is printed
     const char* connected;
     const char* send_failed;
     const char* timed_out;
@@ -47,6 +40,7 @@ struct session_peers {
 
 constexpr session_peers server_peers = {
     .routine = "connectToSSHDaemon",
+    .collector = "ssh_oper_collect_server_sessions",
     .query = connectToSSHDaemon,
     .command_format =
         "ps -ef | grep 'sshd:' | grep 'priv' | grep -v 'grep' | awk '{print $2}' > /tmp/norvo_ssh_oper_pid.txt",
@@ -62,6 +56,7 @@ constexpr session_peers server_peers = {
 
 constexpr session_peers client_peers = {
     .routine = "connectToSSHClient",
+    .collector = "ssh_oper_collect_client_sessions",
     .query = connectToSSHClient,
     .command_format = "ps -ef | grep '%s ' | grep -v 'grep' |awk '{print $2}' > /tmp/norvossh_client_oper_pid.txt",
     .program = paths::ssh_client_program,
@@ -127,7 +122,7 @@ int judge_answer(const session_peers& peers, session_snapshot* snapshot, ssize_t
 }
 
 int exchange(const session_peers& peers, int descriptor, session_snapshot* snapshot, int pid) {
-    const session_request request;
+    const session_request request = {0, 1, 0};
     if (send(descriptor, &request, sizeof(request), 0) < 0) {
         debug_print(peers.send_failed, strerror(errno), error_number(), pid);
         close(descriptor);
@@ -170,7 +165,7 @@ uint32_t query_all(const session_peers& peers, FILE* pid_file, session_snapshot*
     while (filled < room && fgets(line, sizeof(line), pid_file) != nullptr) {
         int pid = 0;
         if (sscanf(line, "%d\n", &pid) == 1 && pid > 0 && peers.query(&snapshots[filled], pid) == 0) {
-            ++filled;
+            end_texts(&snapshots[filled++]);
         }
     }
     return filled;
@@ -196,6 +191,9 @@ int collect_sessions(const session_peers& peers, uint32_t* count, session_snapsh
         *count = query_all(peers, pid_file, found, lines);
         qsort(found, *count, sizeof(*found), ssh_oper_session_cmp);
         *snapshots = found;
+    } else {
+        log_location(ERR_MALLOC, ENOMEM, peers.collector);
+        trace_error(oper_trace_allocation, {peers.collector, ENOMEM});
     }
     fclose(pid_file);
     if (remove(peers.pid_file) != 0) {

@@ -13,8 +13,9 @@
 int connectToSSHDaemon(session_snapshot* snapshot, int pid);
 int connectToSSHClient(session_snapshot* snapshot, int pid);
 
-/// Asks all server (client) processes. Stores the snapshots, sorted by session id, in an array that the caller frees with
-/// free(), and their number. Returns 0, or the errno value with which finding the processes failed: no snapshots then.
+/// Asks all server (client) processes. Stores the snapshots, sorted by session id and every text of them ended, in an
+/// array that the caller frees with free(), and their number. Returns 0, or the errno value with which finding the
+/// processes failed: no snapshots then.
 int ssh_oper_collect_server_sessions(uint32_t* count, session_snapshot** snapshots);
 int ssh_oper_collect_client_sessions(uint32_t* count, session_snapshot** snapshots);
 

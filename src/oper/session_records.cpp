@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "core/debug.h"
 #include "core/log.h"
@@ -41,14 +40,18 @@ struct session_report {
     const char* encode_failed;
 };
 
-/// Both lists of a record, which is laid out the same for every kind.
-struct two_sided_record {
+/// A record of any kind: each is two lists.
+union two_sided_record {
     void* first[direction_count] = {};
+    ssh_session_brief brief;
+    ssh_session_detail detail;
+    ssh_session_rekey rekey;
 };
+static_assert(sizeof(two_sided_record) == direction_count * sizeof(void*));
 
 void report_out_of_memory(const char* location) {
-    log_location(ERR_MALLOC, static_cast<platform_status>(errno), location);
-    trace_error(oper_trace_allocation, {location, errno});
+    log_location(ERR_MALLOC, ENOMEM, location);
+    trace_error(oper_trace_allocation, {location, ENOMEM});
 }
 
 /// Ends the filling of an entry, whose texts may not all have found memory.
@@ -60,47 +63,45 @@ filled finished(const session_report& report, direction side, bool failed) {
     return filled::out_of_memory;
 }
 
-/// The line's number in "vty N"; 0 for a channel without a line.
-uint32_t line_number(std::string_view line) {
-    constexpr std::string_view vty = "vty ";
-    return line.starts_with(vty)
-               ? static_cast<uint32_t>(strtoul(std::string(line.substr(vty.size())).c_str(), nullptr, 10))
-               : 0;
+/// The line's number; 0 for a channel without a line.
+uint32_t line_number(const char* line) {
+    int number = 0;
+    return sscanf(line, "vty %d", &number) == 1 ? static_cast<uint32_t>(number) : 0;
 }
 
-void fill_channel(const session_snapshot& snapshot, size_t slot, ssh_mcinfo* channel) {
-    const std::string_view line = field_text(snapshot.line[slot]);
+void fill_channel(const session_report& report, const session_snapshot& snapshot, size_t slot, ssh_mcinfo* channel) {
+    const char* line = snapshot.line[slot];
     channel->ChannelID = snapshot.channel_id[slot];
     channel->ConnectionType = static_cast<int32_t>(snapshot.connection_type[slot]);
     channel->VTYLineNumber = line_number(line);
-    channel->VTYAssigned = line.starts_with(no_line) ? 0 : 1;
+    channel->VTYAssigned = begins_with(line, no_line) ? 0 : 1;
+    debug_print("%s, Line:=%s,Userid:=%s,Host:=%s,Authen Method:=%s", report.routine, line, snapshot.user_id,
+                snapshot.remote_host, snapshot.authentication_method);
 }
 
 /// Fills the taken channels, at most as many as the session says are open and as there is room for.
-void fill_channels(const session_snapshot& snapshot, session_brief_info* entry, uint32_t room) {
+void fill_channels(const session_report& report, const session_snapshot& snapshot, session_brief_info* entry,
+                   uint32_t room) {
     const uint32_t most = std::min(snapshot.open_channels, room);
     for (size_t slot = 1; slot < channel_slots && entry->McInfo.count < most; ++slot) {
-        if (!channel_in_use(snapshot, slot)) {
-            continue;
+        if (channel_in_use(snapshot, slot)) {
+            fill_channel(report, snapshot, slot, &entry->McInfo.elements[entry->McInfo.count++]);
         }
-        fill_channel(snapshot, slot, &entry->McInfo.elements[entry->McInfo.count++]);
-        debug_print("%s, Line:=%.64s,Userid:=%.64s,Host:=%.256s,Authen Method:=%.32s", "get_ssh_session_brief",
-                    snapshot.line[slot], snapshot.user_id, snapshot.remote_host, snapshot.authentication_method);
     }
 }
 
 filled fill_brief(const session_report& report, const session_snapshot& snapshot, direction side, void* place) {
     auto* entry = static_cast<session_brief_info*>(place);
-    if (snapshot.session_id == no_session) {
-        entry->SessionID = entry->NodeName = UINT32_MAX;
-        entry->SessionState = entry->Version = entry->AuthenticationType = -1;
-        return filled::entry;
-    }
     uint32_t node_id = 0;
     char node_name[NODE_NAME_SIZE];
     if (own_node_id(&node_id) != PLATFORM_OK ||
         node_identity_name(node_id, node_name, sizeof(node_name)) != PLATFORM_OK) {
         return filled::nothing;
+    }
+    if (snapshot.session_id == no_session) {
+        entry->SessionID = entry->NodeName = UINT32_MAX;
+        entry->SessionState = entry->Version = entry->AuthenticationType = -1;
+        return filled::entry;
     }
     // A session has at most as many channels as there are slots, whatever it claims; of an outgoing one a single channel
     // is shown.
@@ -115,12 +116,12 @@ filled fill_brief(const session_report& report, const session_snapshot& snapshot
     entry->SessionID = snapshot.session_id;
     entry->NodeName = node_id;
     entry->SessionState = static_cast<int32_t>(snapshot.session_state);
-    entry->UserID = owned_text(field_text(snapshot.user_id), &failed);
-    entry->HostAddress = owned_text(field_text(snapshot.remote_host), &failed);
+    entry->UserID = owned_text(snapshot.user_id, &failed);
+    entry->HostAddress = owned_text(snapshot.remote_host, &failed);
     entry->Version = snapshot.protocol_version != 0 ? 1 : 0;
-    entry->AuthenticationType = authen_type_of(field_text(snapshot.authentication_method));
+    entry->AuthenticationType = authen_type_of(snapshot.authentication_method);
     debug_print("incoming authen method = %d", entry->AuthenticationType);
-    fill_channels(snapshot, entry, room);
+    fill_channels(report, snapshot, entry, room);
     return finished(report, side, failed);
 }
 
@@ -131,18 +132,16 @@ filled fill_detail(const session_report& report, const session_snapshot& snapsho
         entry->KeyExchange = entry->PublicKey = entry->InCipher = entry->OutCipher = entry->InMAC = entry->OutMAC = -1;
         return filled::entry;
     }
-    debug_print(
-        "%s:%d session_id:%d kexname: %s hostkeyalg:%s incipher:%s outcipher:%s inmac:%s outmac:%s", report.routine,
-        __LINE__, static_cast<int>(snapshot.session_id), std::string(field_text(snapshot.kex_algorithm)).c_str(),
-        std::string(field_text(snapshot.host_key_algorithm)).c_str(),
-        std::string(field_text(snapshot.in_cipher)).c_str(), std::string(field_text(snapshot.out_cipher)).c_str(),
-        std::string(field_text(snapshot.in_mac)).c_str(), std::string(field_text(snapshot.out_mac)).c_str());
-    entry->KeyExchange = kex_name_of(field_text(snapshot.kex_algorithm));
-    entry->PublicKey = hostkey_type_of(field_text(snapshot.host_key_algorithm));
-    entry->InCipher = cipher_type_of(field_text(snapshot.in_cipher));
-    entry->OutCipher = cipher_type_of(field_text(snapshot.out_cipher));
-    entry->InMAC = mac_type_of(field_text(snapshot.in_mac));
-    entry->OutMAC = mac_type_of(field_text(snapshot.out_mac));
+    debug_print("%s:%d session_id:%d kexname: %s hostkeyalg:%s incipher:%s outcipher:%s inmac:%s outmac:%s",
+                report.routine, __LINE__, static_cast<int>(snapshot.session_id), snapshot.kex_algorithm,
+                snapshot.host_key_algorithm, snapshot.in_cipher, snapshot.out_cipher, snapshot.in_mac,
+                snapshot.out_mac);
+    entry->KeyExchange = kex_name_of(snapshot.kex_algorithm);
+    entry->PublicKey = hostkey_type_of(snapshot.host_key_algorithm);
+    entry->InCipher = cipher_type_of(snapshot.in_cipher);
+    entry->OutCipher = cipher_type_of(snapshot.out_cipher);
+    entry->InMAC = mac_type_of(snapshot.in_mac);
+    entry->OutMAC = mac_type_of(snapshot.out_mac);
     return filled::entry;
 }
 
@@ -160,12 +159,11 @@ filled fill_rekey(const session_report& report, const session_snapshot& snapshot
         entry->SessionRekeyCount = UINT32_MAX;
         return filled::entry;
     }
-    const std::string time_to_rekey(field_text(snapshot.time_to_rekey));
     debug_print("%s:%d session_id:=%d session_rekey_count:=%d, next_rekey_time_str:=%s data_to_rekey:%d",
                 report.routine, __LINE__, static_cast<int>(snapshot.session_id), static_cast<int>(snapshot.rekey_count),
-                time_to_rekey.c_str(), static_cast<int>(snapshot.data_to_rekey));
+                snapshot.time_to_rekey, static_cast<int>(snapshot.data_to_rekey));
     entry->SessionRekeyCount = snapshot.rekey_count;
-    const unsigned long seconds = time_to_rekey.starts_with('-') ? 0 : strtoul(time_to_rekey.c_str(), nullptr, 10);
+    const long long seconds = strtoll(snapshot.time_to_rekey, nullptr, 10);
     bool failed = false;
     if (seconds > 0) {
         entry->TimeToRekey = quantity_text(static_cast<double>(seconds) / seconds_per_minute, &failed);
@@ -291,11 +289,11 @@ platform_status own_node_id(uint32_t* node_id) {
     return PLATFORM_OK;
 }
 
-char* owned_text(std::string_view text, bool* failed) {
-    if (text.empty()) {
+char* owned_text(const char* text, bool* failed) {
+    if (text[0] == '\0') {
         return nullptr;
     }
-    char* copy = strndup(text.data(), text.size());
+    char* copy = strdup(text);
     *failed = *failed || copy == nullptr;
     return copy;
 }

@@ -3,7 +3,6 @@
 #define OPER_SESSION_RECORDS_H
 
 #include <cstdint>
-#include <string_view>
 
 #include "oper/session_snapshot.h"
 #include "platform/datastore.h"
@@ -58,11 +57,26 @@ struct session_rekey_info {
 };
 static_assert(sizeof(session_rekey_info) == 32);
 
+struct ssh_session_brief {
+    session_brief_info* IncomingSessions;
+    session_brief_info* OutgoingSessions;
+};
+
+struct ssh_session_detail {
+    session_detail_info* IncomingSessions;
+    session_detail_info* OutgoingConnections;
+};
+
+struct ssh_session_rekey {
+    session_rekey_info* IncomingSessions;
+    session_rekey_info* OutgoingConnections;
+};
+
 /// The agent's own node id, asked of the platform once. Returns 0, or the platform's error after it was logged.
 platform_status own_node_id(uint32_t* node_id);
 
 /// A copy of a text, allocated with malloc; null for an empty one. Sets `*failed` when memory is out.
-char* owned_text(std::string_view text, bool* failed);
+char* owned_text(const char* text, bool* failed);
 
 /// Handlers of the items brief, detail and rekey. Return 0, or the status with which the read ends.
 platform_status get_ssh_session_brief(datastore_read_request* request);
