@@ -8,7 +8,7 @@
 ///   get     path
 ///   list    path
 ///   dump, vrf_list, status
-///   show    path
+///   show    path; answers with "record", the records' name, beside "data"
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)

@@ -5,6 +5,7 @@
 #include "linux/datastore_commit.h"
 #include "linux/record_json.h"
 #include "linux/schema_text.h"
+#include "platform/record_codec.h"
 
 namespace {
 
@@ -92,5 +93,7 @@ control_json control_call_show(const control_json& request, const control_peer& 
         }
         records.push_back(std::move(json));
     }
-    return control_data_answer(answer.is_list ? std::move(records) : std::move(records[0]));
+    control_json shown = control_data_answer(answer.is_list ? std::move(records) : std::move(records[0]));
+    shown["record"] = answer.records[0].descriptor->name;
+    return shown;
 }

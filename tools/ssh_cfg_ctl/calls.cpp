@@ -4,6 +4,8 @@
 
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/print.h"
+#include "ssh_cfg_ctl/show.h"
+#include "ssh_cfg_ctl/terminal.h"
 
 namespace {
 
@@ -191,8 +193,9 @@ std::string dump_text(const control_json& answer) {
     return ctl_configuration_text(data_of(answer));
 }
 
-std::string show_text(const control_json& answer) {
-    return answer.contains("data") ? ctl_data_text(data_of(answer)) : std::string();
+/// Of a read its data, of a change nothing.
+std::string data_text(const control_json& answer) {
+    return answer.contains("data") ? ctl_show_text(answer, ctl_output_width()) : std::string();
 }
 
 std::string counts_text(const control_json& items) {
@@ -253,14 +256,16 @@ std::string acl_text(const control_json& answer) {
         return control_json_text(*entries) + " entries stored\n";
     }
     const control_json& lists = data_of(answer);
-    return lists.is_array() && lists.empty() ? "no access lists\n" : lists.is_array() ? ctl_data_text(lists) : "";
+    return lists.is_array() && lists.empty() ? "no access lists\n"
+           : lists.is_array()                ? ctl_data_text(lists, ctl_output_width())
+                                             : "";
 }
 
 std::string status_text(const control_json& answer) {
     control_json record = data_of(answer);
     const control_json vrfs = record.value("vrfs", control_json::array());
     record.erase("vrfs");
-    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs));
+    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs, ctl_output_width()));
 }
 
 constexpr ctl_call_row calls[] = {
@@ -271,13 +276,13 @@ constexpr ctl_call_row calls[] = {
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
     {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
     {"dump", "", "print the stored configuration, fit to be loaded again", bare_request<dump_name>, dump_text},
-    {"show", "PATH", "print operational data", path_request<show_name>, show_text},
+    {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"acl", "set ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
-    {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, show_text},
-    {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, show_text},
+    {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, data_text},
+    {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
 };

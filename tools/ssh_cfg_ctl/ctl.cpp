@@ -13,6 +13,7 @@
 #include "ssh_cfg_ctl/client.h"
 #include "ssh_cfg_ctl/command_line.h"
 #include "ssh_cfg_ctl/nearest.h"
+#include "ssh_cfg_ctl/show.h"
 
 namespace {
 
@@ -117,7 +118,9 @@ int run_call(const ctl_command_line& line) {
     const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
     if (request.problem.is_null()) {
         const bool tell_waiting = isatty(STDERR_FILENO) == 1;
-        return report(line, *row, ctl_ask({line.socket_path, line.timeout, tell_waiting}, request.document));
+        control_json answer = ctl_ask({line.socket_path, line.timeout, tell_waiting}, request.document);
+        ctl_explain_no_data(request.document, answer);
+        return report(line, *row, answer);
     }
     if (request.problem.contains("message")) {
         return report_problem(line, request.problem);

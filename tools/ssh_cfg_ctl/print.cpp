@@ -3,15 +3,11 @@
 #include <algorithm>
 #include <vector>
 
+#include "ssh_cfg_ctl/table.h"
+
 namespace {
 
 constexpr size_t shown_max = 4096;
-
-/// Columns that a text takes: its characters, as each byte but the first of one continues it.
-size_t width_of(const std::string& text) {
-    return static_cast<size_t>(std::count_if(
-        text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xc0) != 0x80; }));
-}
 
 std::string plain(const control_json& value) {
     if (value.is_null()) {
@@ -28,11 +24,6 @@ std::string heading(const std::string& name) {
     std::string words = control_printable(name, shown_max);
     std::replace(words.begin(), words.end(), '_', ' ');
     return words;
-}
-
-std::string padded(const std::string& text, size_t width) {
-    const size_t own = width_of(text);
-    return own < width ? text + std::string(width - own, ' ') : text;
 }
 
 using table_cells = std::vector<std::vector<std::string>>;
@@ -68,7 +59,7 @@ std::vector<size_t> widths_of(const table_cells& cells) {
     std::vector<size_t> widths(cells[0].size());
     for (const std::vector<std::string>& line : cells) {
         for (size_t column = 0; column < line.size(); column++) {
-            widths[column] = std::max(widths[column], width_of(line[column]));
+            widths[column] = std::max(widths[column], ctl_text_width(line[column]));
         }
     }
     return widths;
@@ -78,7 +69,7 @@ std::string line_text(const std::vector<std::string>& line, const std::vector<si
     std::string text;
     for (size_t column = 0; column < line.size(); column++) {
         text += column == 0 ? "" : "  ";
-        text += column + 1 == line.size() ? line[column] : padded(line[column], widths[column]);
+        text += column + 1 == line.size() ? line[column] : ctl_padded(line[column], widths[column]);
     }
     return text + '\n';
 }
@@ -95,7 +86,7 @@ std::string blocks_text(const control_json& records, size_t indent);
 std::string block_text(const control_json& record, size_t indent) {
     size_t width = 0;
     for (const auto& [name, value] : record.items()) {
-        width = std::max(width, value.is_structured() ? 0 : width_of(heading(name)));
+        width = std::max(width, value.is_structured() ? 0 : ctl_text_width(heading(name)));
     }
     std::string text;
     for (const auto& [name, value] : record.items()) {
@@ -103,7 +94,7 @@ std::string block_text(const control_json& record, size_t indent) {
         if (value.is_structured()) {
             text += heading(name) + (value.empty() ? ": none\n" : ":\n" + blocks_text(value, indent + 2));
         } else {
-            text += padded(heading(name) + ":", width + 1) + ' ' + plain(value) + '\n';
+            text += ctl_padded(heading(name) + ":", width + 1) + ' ' + plain(value) + '\n';
         }
     }
     return text;
@@ -124,7 +115,7 @@ std::string blocks_text(const control_json& records, size_t indent) {
 
 }  // namespace
 
-std::string ctl_records_text(const control_json& records) {
+std::string ctl_records_text(const control_json& records, size_t width) {
     if (records.empty()) {
         return {};
     }
@@ -134,10 +125,10 @@ std::string ctl_records_text(const control_json& records) {
     const table_cells cells = cells_of(records, names_of(records));
     const std::vector<size_t> widths = widths_of(cells);
     size_t line_width = 0;
-    for (const size_t width : widths) {
-        line_width += width + 2;
+    for (const size_t column : widths) {
+        line_width += column + 2;
     }
-    if (line_width > ctl_line_width) {
+    if (width > 0 && line_width > width + 2) {
         return blocks_text(records, 0);
     }
     std::string text;
@@ -151,9 +142,9 @@ std::string ctl_record_text(const control_json& record) {
     return block_text(record, 0);
 }
 
-std::string ctl_data_text(const control_json& data) {
+std::string ctl_data_text(const control_json& data, size_t width) {
     if (data.is_array()) {
-        return ctl_records_text(data);
+        return ctl_records_text(data, width);
     }
     return data.is_object() ? ctl_record_text(data) : plain(data) + '\n';
 }

@@ -13,40 +13,41 @@ control_json json(const char* text) {
 }
 
 TEST(ctl_records_text, plain_records_are_a_table) {
-    EXPECT_EQ(ctl_records_text(json(R"([{"name":"default","id":7,"in_use":true},{"name":"red","in_use":false}])")),
+    EXPECT_EQ(ctl_records_text(json(R"([{"name":"default","id":7,"in_use":true},{"name":"red","in_use":false}])"), 0),
               "name     id  in use\n"
               "default  7   yes\n"
               "red      -   no\n");
 }
 
 TEST(ctl_records_text, columns_count_characters_not_bytes) {
-    EXPECT_EQ(ctl_records_text(json(R"([{"a":"üü","b":1},{"a":"x","b":2}])")), "a   b\nüü  1\nx   2\n");
+    EXPECT_EQ(ctl_records_text(json(R"([{"a":"üü","b":1},{"a":"x","b":2}])"), 0), "a   b\nüü  1\nx   2\n");
 }
 
 TEST(ctl_records_text, nothing_is_nothing) {
-    EXPECT_EQ(ctl_records_text(json("[]")), "");
+    EXPECT_EQ(ctl_records_text(json("[]"), 0), "");
 }
 
 TEST(ctl_records_text, records_that_hold_records_are_blocks) {
-    EXPECT_EQ(ctl_records_text(json(R"([{"id":1,"channels":[{"type":"shell"},{"type":"exec"}],"keys":[]},{"id":2}])")),
-              "id: 1\n"
-              "channels:\n"
-              "  type: shell\n"
-              "\n"
-              "  type: exec\n"
-              "keys: none\n"
-              "\n"
-              "id: 2\n");
+    EXPECT_EQ(
+        ctl_records_text(json(R"([{"id":1,"channels":[{"type":"shell"},{"type":"exec"}],"keys":[]},{"id":2}])"), 0),
+        "id: 1\n"
+        "channels:\n"
+        "  type: shell\n"
+        "\n"
+        "  type: exec\n"
+        "keys: none\n"
+        "\n"
+        "id: 2\n");
 }
 
 TEST(ctl_records_text, too_wide_a_table_becomes_blocks) {
     const std::string long_text(200, 'x');
-    EXPECT_EQ(ctl_records_text(json((R"([{"a":")" + long_text + R"(","bb":null}])").c_str())),
+    EXPECT_EQ(ctl_records_text(json((R"([{"a":")" + long_text + R"(","bb":null}])").c_str()), 160),
               "a:  " + long_text + "\nbb: -\n");
 }
 
 TEST(ctl_records_text, a_terminal_gets_nothing_to_obey) {
-    EXPECT_EQ(ctl_records_text(json(R"([{"\u001b[1m":"\u0007\u009b"}])")), "\\x1b[1m\n\\x07\\xc2\\x9b\n");
+    EXPECT_EQ(ctl_records_text(json(R"([{"\u001b[1m":"\u0007\u009b"}])"), 0), "\\x1b[1m\n\\x07\\xc2\\x9b\n");
 }
 
 TEST(ctl_record_text, values_stand_below_each_other) {
@@ -54,10 +55,10 @@ TEST(ctl_record_text, values_stand_below_each_other) {
 }
 
 TEST(ctl_data_text, takes_whatever_comes) {
-    EXPECT_EQ(ctl_data_text(json("3")), "3\n");
-    EXPECT_EQ(ctl_data_text(json(R"({"a":1})")), "a: 1\n");
-    EXPECT_EQ(ctl_data_text(json(R"([{"a":1}])")), "a\n1\n");
-    EXPECT_EQ(ctl_data_text(json(R"([1,[2]])")), "1\n\n2\n");
+    EXPECT_EQ(ctl_data_text(json("3"), 0), "3\n");
+    EXPECT_EQ(ctl_data_text(json(R"({"a":1})"), 0), "a: 1\n");
+    EXPECT_EQ(ctl_data_text(json(R"([{"a":1}])"), 0), "a\n1\n");
+    EXPECT_EQ(ctl_data_text(json(R"([1,[2]])"), 0), "1\n\n2\n");
 }
 
 TEST(ctl_configuration_text, is_json_with_one_item_a_line) {

@@ -124,6 +124,12 @@ TEST_F(control_show_test, gives_a_list_as_an_array) {
               R"([{"SessionID":1,"UserID":"a"},{"SessionID":2,"UserID":"b"}])");
 }
 
+TEST_F(control_show_test, names_the_record_so_that_it_can_be_laid_out) {
+    register_session();
+    EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/one"})").value("record", ""), "session");
+    EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/list"})").value("record", ""), "session");
+}
+
 TEST_F(control_show_test, tells_bytes_that_are_no_record) {
     register_session();
     EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/garbage"})"), "failed");
