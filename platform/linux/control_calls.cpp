@@ -10,21 +10,29 @@ struct call_row {
 };
 
 constexpr call_row calls[] = {
+    // Changes.
     {"set", control_call_set},
     {"delete", control_call_delete},
     {"load", control_call_load},
+    // Reads.
     {"get", control_call_get},
     {"list", control_call_list},
     {"dump", control_call_dump},
     {"show", control_call_show},
+    // The platform's state.
     {"vrf_list", control_call_vrf_list},
     {"status", control_call_status},
     {"debug", control_call_debug},
     {"trace", control_call_trace},
+    // Access lists.
     {"acl_set", control_call_acl_set},
     {"acl_delete", control_call_acl_delete},
     {"acl_list", control_call_acl_list},
     {"acl_show", control_call_acl_show},
+    // Users' public keys.
+    {"key_list", control_call_key_list},
+    {"key_import", control_call_key_import},
+    {"key_delete", control_call_key_delete},
 };
 
 }  // namespace

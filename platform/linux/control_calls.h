@@ -15,6 +15,9 @@
 ///   acl_delete  family, name
 ///   acl_list    nothing
 ///   acl_show    family, name; answers with "lines" beside "data"
+///   key_list    nothing
+///   key_import  user, text (a key as OpenSSH writes it)
+///   key_delete  user
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, vrf_list, debug and trace arrays of objects, status an object. Commits answer with "items" (path and outcome)
 /// and, when an applier failed, "warnings" (path and message).

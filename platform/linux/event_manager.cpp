@@ -16,6 +16,7 @@
 #include "linux/acl_service_internal.h"
 #include "linux/control.h"
 #include "linux/event_manager_internal.h"
+#include "linux/key_store_internal.h"
 #include "linux/log_message_internal.h"
 #include "linux/namespace_internal.h"
 #include "linux/process_internal.h"
@@ -287,6 +288,7 @@ int event_manager_block(struct event_manager* manager, struct event_manager_even
         return -1;
     }
     if (manager->blocked == 0) {
+        key_store_start();
         control_start(manager->loop);
     }
     const int result = wait_for_event(manager->loop);

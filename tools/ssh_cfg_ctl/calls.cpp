@@ -167,6 +167,32 @@ ctl_request acl_request(const argument_list& arguments) {
     return wrong_arguments();
 }
 
+ctl_request key_import_request(const argument_list& arguments) {
+    control_json problem;
+    std::optional<std::string> text = ctl_read_file(arguments[2], problem);
+    if (!text.has_value()) {
+        return {{}, problem};
+    }
+    if (!control_is_utf8(*text)) {
+        return fail(control_result::refused, arguments[2] + ": the file is not UTF-8 text");
+    }
+    return ask({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
+}
+
+ctl_request key_request(const argument_list& arguments) {
+    const std::string verb = arguments.empty() ? "" : arguments[0];
+    if (verb == "list" && arguments.size() == 1) {
+        return ask({{"call", "key_list"}});
+    }
+    if (verb == "import" && arguments.size() == 3) {
+        return key_import_request(arguments);
+    }
+    if (verb == "delete" && arguments.size() == 2) {
+        return ask({{"call", "key_delete"}, {"user", arguments[1]}});
+    }
+    return wrong_arguments();
+}
+
 const control_json& data_of(const control_json& answer) {
     static const control_json none;
     const auto data = answer.find("data");
@@ -261,6 +287,11 @@ std::string acl_text(const control_json& answer) {
                                              : "";
 }
 
+std::string keys_text(const control_json& answer) {
+    const control_json& keys = data_of(answer);
+    return keys.is_array() && keys.empty() ? "no keys\n" : data_text(answer);
+}
+
 std::string status_text(const control_json& answer) {
     control_json record = data_of(answer);
     const control_json vrfs = record.value("vrfs", control_json::array());
@@ -281,6 +312,10 @@ constexpr ctl_call_row calls[] = {
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
+    {"key", "list, import USER FILE, or delete USER",
+     "list users' public keys, or add or delete one beside the configuration; FILE holds a line such as "
+     "\"ssh-rsa AAAA... comment\"",
+     key_request, keys_text},
     {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, data_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},

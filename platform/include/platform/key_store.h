@@ -14,6 +14,20 @@ extern "C" {
 
 enum { KEY_STORE_USER_PUBLIC_KEY = 17, KEY_STORE_DER_MAX = 1024 };
 
+/// Why a key's text is not taken, or a key not changed.
+enum {
+    KEY_NOT_BASE64 = 0x40858200,
+    KEY_CUT_OFF = 0x40858400,         ///< the text, or what it stands for, ends in the middle
+    KEY_TRAILING_BYTES = 0x40858600,  ///< something follows behind the key's last field
+    KEY_OTHER_TYPE = 0x40858800,      ///< the text does not begin with the word "ssh-rsa"
+    KEY_TYPES_DIFFER = 0x40858a00,    ///< it does, but the key within is of another type
+    KEY_WRONG_EXPONENT = 0x40858c00,  ///< not an odd number from 3 on, or of more than 64 bits
+    KEY_WRONG_MODULUS = 0x40858e00,   ///< not an odd positive number
+    KEY_TOO_SMALL = 0x40859200,       ///< below 1024 bits, which no server accepts
+    KEY_TOO_LARGE = 0x40859400,       ///< its DER form takes more than KEY_STORE_DER_MAX bytes
+    KEY_OTHER_ORIGIN = 0x40859600     ///< the user has a key that came another way, which the change is not meant for
+};
+
 struct key_store_key {
     uint32_t present;             ///< 1 when the user has a key
     uint32_t added_by_exec_mode;  ///< 1 when it was not added by configuration
@@ -24,7 +38,8 @@ struct key_store_key {
 platform_status key_store_get_user_key(const char* label, uint32_t type, struct key_store_key* key);
 
 /// Turns an OpenSSH public key text ("ssh-rsa AAAA... comment", RFC 4253) into DER SubjectPublicKeyInfo (RFC 5280) of at
-/// most KEY_STORE_DER_MAX bytes, and stores the key's size in bits.
+/// most KEY_STORE_DER_MAX bytes, and stores the key's size in bits. Returns one of the statuses above for what is no such
+/// key, ENOSPC when `capacity` is too small; the outputs are then untouched. A comment behind the key is passed over.
 platform_status key_store_pubkey_to_der(const char* text, uint8_t* der, size_t capacity, size_t* size, uint32_t* bits);
 
 struct key_store_set_request {
@@ -37,6 +52,8 @@ struct key_store_set_request {
     size_t size;
 };
 
+/// Stores a key of the configuration in place of the user's former one, or removes it; durable when it returns. A user
+/// without a key to remove is no error. KEY_OTHER_ORIGIN when the user's key was added from the exec mode.
 platform_status key_store_set_key(const struct key_store_set_request* request);
 
 #ifdef __cplusplus

@@ -7,6 +7,8 @@
 #include <set>
 #include <string>
 
+#include "platform/key_store.h"
+
 namespace {
 
 TEST(platform_status_text, names_every_code_of_its_own_differently) {
@@ -20,7 +22,17 @@ TEST(platform_status_text, names_every_code_of_its_own_differently) {
                                      DATASTORE_UNAVAILABLE,
                                      TUPLE_MALFORMED,
                                      RECORD_MALFORMED,
-                                     RECORD_UNKNOWN};
+                                     RECORD_UNKNOWN,
+                                     KEY_NOT_BASE64,
+                                     KEY_CUT_OFF,
+                                     KEY_TRAILING_BYTES,
+                                     KEY_OTHER_TYPE,
+                                     KEY_TYPES_DIFFER,
+                                     KEY_WRONG_EXPONENT,
+                                     KEY_WRONG_MODULUS,
+                                     KEY_TOO_SMALL,
+                                     KEY_TOO_LARGE,
+                                     KEY_OTHER_ORIGIN};
     std::set<std::string> texts;
     for (const platform_status code : codes) {
         const std::string text = platform_status_text(code);

@@ -40,6 +40,26 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("debug", {"cfg-agent", "on"}), R"({"call":"debug","flag":"cfg-agent","on":true})");
     EXPECT_EQ(request("debug", {"cfg-agent", "off"}), R"({"call":"debug","flag":"cfg-agent","on":false})");
     EXPECT_EQ(request("trace", {"error"}), R"({"call":"trace","buffer":"error"})");
+    EXPECT_EQ(request("key", {"list"}), R"({"call":"key_list"})");
+    EXPECT_EQ(request("key", {"delete", "alice"}), R"({"call":"key_delete","user":"alice"})");
+}
+
+TEST(ctl_calls, key_import_sends_what_the_file_holds) {
+    const std::string file = testing::TempDir() + "ctl_calls_test.pub";
+    std::ofstream(file) << "# mine\nssh-rsa AAAA me\n";
+    EXPECT_EQ(request("key", {"import", "alice", file}),
+              R"({"call":"key_import","user":"alice","text":"# mine\nssh-rsa AAAA me\n"})");
+    std::ofstream(file, std::ios::trunc) << "ssh-rsa \xff";
+    EXPECT_THAT(made("key", {"import", "alice", file}).problem["message"].get<std::string>(),
+                HasSubstr("the file is not UTF-8 text"));
+    EXPECT_THAT(made("key", {"import", "alice", "/nowhere"}).problem["message"].get<std::string>(),
+                HasSubstr("/nowhere"));
+}
+
+TEST(ctl_calls, keys_are_a_table) {
+    EXPECT_EQ(text("key", R"({"result":"done","data":[]})"), "no keys\n");
+    EXPECT_THAT(text("key", R"({"result":"done","data":[{"user":"alice","bits":2048}]})"), HasSubstr("alice"));
+    EXPECT_EQ(text("key", R"({"result":"done"})"), "");
 }
 
 TEST(ctl_calls, load_takes_its_option_before_or_behind_the_file) {
@@ -74,6 +94,11 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
         {"load", {"a", "b"}},
         {"load", {"--chek", "a"}},
         {"show", {}},
+        {"key", {}},
+        {"key", {"list", "x"}},
+        {"key", {"import", "alice"}},
+        {"key", {"delete"}},
+        {"key", {"remove", "alice"}},
     };
     for (const auto& [call, arguments] : rows) {
         const ctl_request wrong = made(call, arguments);

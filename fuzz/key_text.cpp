@@ -1,0 +1,87 @@
+/// Users' public keys: whatever text is taken is written and read again as the same key, in DER form too; whatever is not,
+/// leaves the output alone and has a reason; and no stored bytes, however wrong, do harm.
+///
+/// Input: one byte that tells what the rest is: 'r' a stored record, 'd' a DER form, 'b' what the base64 text of a key
+/// stands for, else a key's text.
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "platform/key_store.h"
+#include "user_keys/base64.h"
+#include "user_keys/key_der.h"
+#include "user_keys/key_record.h"
+
+namespace {
+
+/// Ends the program, which is how a fuzz target fails.
+void require(bool holds) {
+    if (!holds) {
+        abort();
+    }
+}
+
+const rsa_public_key untouched = {"before", "too"};
+
+void check_der(const rsa_public_key& key) {
+    std::string der;
+    rsa_public_key again;
+    const platform_status status = key_der_make(key, der);
+    require(status == PLATFORM_OK || status == KEY_TOO_LARGE);
+    if (status == PLATFORM_OK) {
+        require(der.size() <= KEY_STORE_DER_MAX);
+        require(key_der_read(der, again) == PLATFORM_OK && again == key);
+    }
+}
+
+void check_text(const std::string& text) {
+    rsa_public_key key = untouched;
+    const platform_status status = key_text_read(text, key);
+    if (status != PLATFORM_OK) {
+        require(key == untouched && status >= KEY_NOT_BASE64 && status <= KEY_TOO_LARGE);
+        return;
+    }
+    rsa_public_key again;
+    require(key_bits(key) >= 1024);
+    require(key_text_read(key_text_write(key), again) == PLATFORM_OK && again == key);
+    check_der(key);
+}
+
+void check_stored_der(const std::string& der) {
+    rsa_public_key key = untouched;
+    if (key_der_read(der, key) != PLATFORM_OK) {
+        require(key == untouched);
+        return;
+    }
+    key_fingerprint(key);
+    key_text_write(key);
+}
+
+void check_record(const std::string& bytes) {
+    key_record record;
+    if (key_record_decode(bytes, record) == PLATFORM_OK) {
+        require(key_record_encode(record).size() == bytes.size());
+        check_stored_der(record.der);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    const std::string rest = input.substr(size == 0 ? 0 : 1);
+    switch (size == 0 ? '\0' : input.front()) {
+        case 'r':
+            check_record(rest);
+            break;
+        case 'd':
+            check_stored_der(rest);
+            break;
+        case 'b':
+            check_text("ssh-rsa " + base64_encode(rest));
+            break;
+        default:
+            check_text(input);
+    }
+    return 0;
+}

@@ -1,0 +1,47 @@
+/// authorized_keys USER: prints the key that the key store holds for a user as a line of authorized keys, for sshd's
+/// AuthorizedKeysCommand. A user without a key gets none, which is no failure.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "user_keys/key_file.h"
+#include "user_keys/key_record.h"
+
+namespace {
+
+int complain(const char* what, const char* why) {
+    fprintf(stderr, "authorized_keys: %s: %s\n", what, why);
+    return 1;
+}
+
+int print_key(const char* user) {
+    std::string line;
+    if (const platform_status status = key_file_read(user, line); status != PLATFORM_OK) {
+        return complain((std::string(key_file_directory) + '/' + user).c_str(), platform_status_text(status));
+    }
+    if (fwrite(line.data(), 1, line.size(), stdout) != line.size() || fflush(stdout) != 0) {
+        return complain("standard output", strerror(errno));
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) {
+        fputs("usage: authorized_keys USER\n", stderr);
+        return 1;
+    }
+    // Such a user cannot have a key, and the name is not fit for a message either.
+    if (!key_user_is_valid(argv[1])) {
+        return complain("user name refused",
+                        "expected 1 to 64 letters, digits, '_', '-' or '.', the first neither '-' nor '.'");
+    }
+    try {
+        return print_key(argv[1]);
+    } catch (const std::exception& exception) {
+        return complain("failed", exception.what());
+    }
+}
