@@ -61,7 +61,8 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM when there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);
 
-/// The names directly below `path` (which may end in '/'), in byte order, each once; empty when there are none.
+/// The names directly below `path` (which may end in '/'), in byte order, each once; empty when there are none. A list that
+/// a service of the platform serves comes in the service's order.
 platform_status datastore_list_children(std::string_view path, std::vector<std::string>& names);
 
 /// Calls `visit` for every stored item whose path begins with `prefix`, in byte order, until it returns false. Items that

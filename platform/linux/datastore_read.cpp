@@ -3,6 +3,7 @@
 #include <new>
 
 #include "linux/datastore_commit.h"
+#include "linux/datastore_lists.h"
 #include "linux/datastore_state.h"
 
 platform_status datastore_get_value(std::string_view path, datastore_value& value) try {
@@ -22,8 +23,18 @@ platform_status datastore_list_children(std::string_view path, std::vector<std::
     if (prefix.empty() || prefix.back() != '/') {
         prefix += '/';
     }
+    std::vector<datastore_list_entry> served;
+    platform_status status = PLATFORM_OK;
+    if (datastore_served_list(prefix, served, status)) {
+        names.clear();
+        for (datastore_list_entry& entry : served) {
+            names.push_back(std::move(entry.name));
+        }
+        return status == DATASTORE_NO_SUCH_LIST ? platform_status{PLATFORM_OK} : status;
+    }
     std::map<std::string, std::string> children;
-    if (const platform_status status = datastore_stored_children(prefix, children); status != PLATFORM_OK) {
+    status = datastore_stored_children(prefix, children);
+    if (status != PLATFORM_OK) {
         return status;
     }
     names.clear();

@@ -13,6 +13,7 @@
 #include <new>
 #include <string>
 
+#include "linux/aaa_users.h"
 #include "linux/acl_service_internal.h"
 #include "linux/control.h"
 #include "linux/event_manager_internal.h"
@@ -172,6 +173,7 @@ int event_manager_create(const char* device_path, struct event_manager** manager
     // A failure has been logged; the agent works without its control socket.
     control_open(nullptr);
     acl_service_start();
+    aaa_users_start();
     return 0;
 }
 
