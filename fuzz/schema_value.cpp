@@ -1,5 +1,6 @@
-/// The schema: whatever it takes can be read back and is taken again to the same bytes, holds no control character and
-/// nothing that is not UTF-8; whatever it refuses gets a text in one line; and no stored bytes, however wrong, do harm.
+/// The schema: whatever it takes can be read back and is taken again to the same bytes, holds nothing that is not UTF-8
+/// and no control character, but for a banner's newlines and tabs; whatever it refuses gets a text in one line; and no
+/// stored bytes, however wrong, do harm.
 ///
 /// Input: a path up to the first newline, then one byte that tells what the rest is: 'b' stored bytes (the next byte is
 /// their kind), '[' an array of values, else a value. A value: 'i' and eight bytes, 'd' and eight bytes, 't' or 'f', 'n'
@@ -94,7 +95,9 @@ void check_taken(const schema_row& row, const std::string& path, const datastore
     require(schema_store(row, path, loaded, again, refusal) == PLATFORM_OK);
     require(again == stored);
     if (const std::string* text = std::get_if<std::string>(&loaded)) {
-        require(text_has_charset(*text, schema_charset::printable));
+        const bool has_lines = row.form.charset == schema_charset::delimited;
+        require(text_has_charset(*text, has_lines ? row.form.charset : schema_charset::printable));
+        require(!has_lines || text_is_delimited(*text));
     }
     require_one_clean_line(schema_display(loaded));
 }

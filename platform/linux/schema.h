@@ -33,12 +33,14 @@ enum class schema_kind : uint8_t {
     tuple      ///< several fields, stored packed (platform/value_tuple.h)
 };
 
-/// Which characters a text or a name in a path may have. No set includes control characters.
+/// Which characters a text or a name in a path may have. Only `delimited` includes control characters, and of them
+/// newline and tab alone.
 enum class schema_charset : uint8_t {
     printable,       ///< any UTF-8 without control characters
     word,            ///< printable ASCII without blanks, quotes, commas and backslashes
     algorithm_name,  ///< letters, digits and "-_.@+"
     name,            ///< letters, digits and "_-.", not beginning with '-' or '.'
+    delimited        ///< lines of UTF-8 between two equal delimiters; of an item, never of a field
 };
 
 /// What one value, field or name looks like.

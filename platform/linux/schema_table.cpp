@@ -97,8 +97,18 @@ constexpr schema_form key_exchange_list = tuple("key-exchange algorithms in the 
 constexpr schema_form cipher_list = tuple("ciphers in the order of preference");
 constexpr schema_form backup_place = tuple("port and VRF of the backup server, not supported");
 
+/// Bytes of a banner with its delimiters: more than any screen shows, and little for every login to carry.
+constexpr int64_t banner_size_max = 8192;
+
+constexpr schema_form banner(const char* help) {
+    return text(schema_charset::delimited, 2, banner_size_max, help);
+}
+
 // In byte order of the patterns.
 constexpr schema_row rows[] = {
+    {"/cfg/gl/aaa/banner/0x0", banner("AAA banner, the message of the day after a login"), no_wildcard, {}, {}},
+    {"/cfg/gl/banner/0x2", banner("message of the day, shown with the login banner"), no_wildcard, {}, {}},
+    {"/cfg/gl/banner/0x3", banner("login banner, shown before a login"), no_wildcard, {}, {}},
     {"/cfg/gl/crypto/fipsmode/value",
      flag("FIPS mode is on while this item exists, whatever its value"),
      no_wildcard,

@@ -1,5 +1,6 @@
 #include "linux/schema_text.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -32,6 +33,10 @@ bool is_algorithm_name(uint32_t character) {
     return is_name(character) || character == '@' || character == '+';
 }
 
+bool is_of_lines(uint32_t character) {
+    return !is_control(character) || character == '\n' || character == '\t';
+}
+
 struct charset_row {
     schema_charset charset;
     bool (*has)(uint32_t character);
@@ -48,6 +53,9 @@ constexpr charset_row charsets[] = {
      "%lld to %lld letters, digits, '_', '-', '.', '@' or '+', the first neither '-' nor '.' (%s)"},
     {schema_charset::name, is_name, "-.",
      "%lld to %lld letters, digits, '_', '-' or '.', the first neither '-' nor '.' (%s)"},
+    {schema_charset::delimited, is_of_lines, "",
+     "a text of %lld to %lld bytes in UTF-8 that begins and ends with the same delimiter, such as #text#: a punctuation "
+     "character; between them no control characters but newline and tab (%s)"},
 };
 
 const charset_row& row_of(schema_charset charset) {
@@ -162,6 +170,12 @@ bool text_has_charset(std::string_view text, schema_charset charset) {
         text.remove_prefix(length);
     }
     return true;
+}
+
+bool text_is_delimited(std::string_view text) {
+    const unsigned char delimiter = text.empty() ? 0 : static_cast<unsigned char>(text.front());
+    // A letter would turn a text that lost its delimiters, or never had any, into another one.
+    return text.size() >= 2 && text.back() == text.front() && delimiter < delete_character && ispunct(delimiter) != 0;
 }
 
 std::string text_of_form(const schema_form& form) {

@@ -22,6 +22,9 @@ std::string text_escape(std::string_view text, size_t limit);
 /// Whether every character of the text is of the set. Text that is not UTF-8 has no set.
 bool text_has_charset(std::string_view text, schema_charset charset);
 
+/// Whether a text begins and ends with the same delimiter, a punctuation character of ASCII.
+bool text_is_delimited(std::string_view text);
+
 /// The form in words: "a number from 5 to 120 (seconds, login grace time)".
 std::string text_of_form(const schema_form& form);
 

@@ -24,6 +24,7 @@ enum class complaint : uint8_t {
     too_short,
     too_long,
     wrong_characters,
+    not_delimited,
     not_an_array,
     too_many_fields,
     empty_list,
@@ -42,6 +43,7 @@ constexpr const char* complaint_formats[] = {
     "%s: %s is too short; expected %s",
     "%s: %s is too long; expected %s",
     "%s: %s has a character that is not allowed; expected %s",
+    "%s: %s is not between two equal delimiters; expected %s",
     "%s: %s is not an array; expected %s",
     "%s: %s has too many fields; expected %s",
     "%s: %s is an empty list; expected %s",
@@ -97,6 +99,9 @@ complaint take_text(const schema_form& form, const datastore_scalar& value, std:
     }
     if (!text_has_charset(*given, form.charset)) {
         return complaint::wrong_characters;
+    }
+    if (form.charset == schema_charset::delimited && !text_is_delimited(*given)) {
+        return complaint::not_delimited;
     }
     text = *given;
     return complaint::none;

@@ -85,6 +85,24 @@ TEST(text_charset, of_printable_text_has_every_character_but_control_characters)
     }
 }
 
+TEST(text_charset, of_delimited_text_has_newlines_and_tabs_too) {
+    EXPECT_TRUE(text_has_charset("#one\n\ttwo\n#", schema_charset::delimited));
+    for (const char* text : {"#a\rb#", "#\x1b[m#", "#\x7f#", "#\xc2\x85#", "#\xff#", "#\v#"}) {
+        EXPECT_FALSE(text_has_charset(text, schema_charset::delimited)) << text;
+    }
+}
+
+TEST(text_is_delimited, wants_the_same_punctuation_character_at_both_ends) {
+    for (const char* text : {"##", "#a#", "%a#b%", "\"quoted\"", "~\n~"}) {
+        EXPECT_TRUE(text_is_delimited(text)) << text;
+    }
+    for (const char* text : {"", "#", "#a", "a#", "#a%", "noon", "0x0", " a ", "\na\n",
+                             "\xc2\xa7"
+                             "a\xc2\xa7"}) {
+        EXPECT_FALSE(text_is_delimited(text)) << text;
+    }
+}
+
 TEST(text_of_form, says_what_is_allowed) {
     EXPECT_EQ(text_of_form({schema_kind::number, 5, 120, {}, "seconds"}), "a number from 5 to 120 (seconds)");
     EXPECT_EQ(text_of_form({schema_kind::flag, 0, 1, {}, "on"}), "true or false (on)");
