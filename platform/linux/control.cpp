@@ -20,6 +20,7 @@
 #include "linux/control_calls.h"
 #include "linux/control_server.h"
 #include "linux/log_message_internal.h"
+#include "linux/shelf_manager_internal.h"
 
 namespace {
 
@@ -143,14 +144,18 @@ platform_status control_start(sd_event* loop) {
     if (status != PLATFORM_OK) {
         platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to start the control socket", platform_status_text(status),
                      status);
+        return status;
     }
-    return status;
+    // Reloads are announced through the socket, so the shelf manager is there with it.
+    shelf_manager_link(true);
+    return PLATFORM_OK;
 }
 
 void control_close() {
     if (control.server == nullptr) {
         return;
     }
+    shelf_manager_link(false);
     unlink(control.path.c_str());
     control_server_free(control.server);
     control = {};

@@ -33,6 +33,9 @@ constexpr call_row calls[] = {
     {"key_list", control_call_key_list},
     {"key_import", control_call_key_import},
     {"key_delete", control_call_key_delete},
+    // Reloads of the router.
+    {"reload", control_call_reload},
+    {"reload_state", control_call_reload_state},
 };
 
 }  // namespace

@@ -18,6 +18,9 @@
 ///   key_list    nothing
 ///   key_import  user, text (a key as OpenSSH writes it)
 ///   key_delete  user
+///   reload        timeout (seconds, optional)
+///   reload_state  number
+/// An answer with "next" is not the last one: the request in it is to be made after a short while.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, vrf_list, debug and trace arrays of objects, status an object. Commits answer with "items" (path and outcome)
 /// and, when an applier failed, "warnings" (path and message).

@@ -39,6 +39,10 @@ control_json control_call_key_list(const control_json& request, const control_pe
 control_json control_call_key_import(const control_json& request, const control_peer& peer);
 control_json control_call_key_delete(const control_json& request, const control_peer& peer);
 
+// Reloads of the router (control_reload_calls.cpp).
+control_json control_call_reload(const control_json& request, const control_peer& peer);
+control_json control_call_reload_state(const control_json& request, const control_peer& peer);
+
 // The platform's state (control_state_calls.cpp).
 control_json control_call_vrf_list(const control_json& request, const control_peer& peer);
 control_json control_call_status(const control_json& request, const control_peer& peer);

@@ -1,5 +1,6 @@
 #include "ssh_cfg_ctl/calls.h"
 
+#include <charconv>
 #include <cstdio>
 
 #include "ssh_cfg_ctl/file.h"
@@ -193,6 +194,25 @@ ctl_request key_request(const argument_list& arguments) {
     return wrong_arguments();
 }
 
+constexpr unsigned reload_timeout_max = 3600;
+
+ctl_request reload_request(const argument_list& arguments) {
+    if (arguments.empty()) {
+        return ask({{"call", "reload"}});
+    }
+    if (arguments.size() != 2 || arguments[0] != "--timeout") {
+        return wrong_arguments();
+    }
+    unsigned seconds = 0;
+    const char* end = arguments[1].data() + arguments[1].size();
+    const auto [read, error] = std::from_chars(arguments[1].data(), end, seconds);
+    if (error != std::errc() || read != end || seconds < 1 || seconds > reload_timeout_max) {
+        return fail(control_result::usage, "the timeout of a reload is a number of seconds from 1 to 3600, not '" +
+                                               control_printable(arguments[1], 40) + "'");
+    }
+    return ask({{"call", "reload"}, {"timeout", seconds}});
+}
+
 const control_json& data_of(const control_json& answer) {
     static const control_json none;
     const auto data = answer.find("data");
@@ -320,6 +340,8 @@ constexpr ctl_call_row calls[] = {
     {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
+    {"reload", "[--timeout SECONDS]", "stop servers and sessions before a reload of the router; ends when that is done",
+     reload_request, no_text},
 };
 
 }  // namespace

@@ -21,26 +21,10 @@ using steady = std::chrono::steady_clock;
 /// How long a request is repeated that the agent had no place for.
 constexpr std::chrono::seconds retry_time(10);
 constexpr std::chrono::milliseconds retry_pause(100);
+/// Between two questions whether something is done that takes seconds.
+constexpr std::chrono::milliseconds next_pause(200);
 /// After this time people want to know what is going on.
 constexpr std::chrono::seconds patience(5);
-
-/// A connected socket, closed at the end of its scope.
-class connection {
-  public:
-    connection() : descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-    ~connection() {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-    }
-    connection(const connection&) = delete;
-    connection& operator=(const connection&) = delete;
-
-    int fd() const { return descriptor; }
-
-  private:
-    int descriptor;
-};
 
 control_json unreachable(const std::string& message) {
     return control_answer(control_result::unreachable, message);
@@ -61,7 +45,7 @@ std::string why_not_connected(int error) {
     }
 }
 
-int connect_to(const connection& connection, const ctl_connection_settings& settings) {
+int connect_to(int fd, const ctl_connection_settings& settings) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (settings.socket_path.size() >= sizeof address.sun_path) {
@@ -70,9 +54,9 @@ int connect_to(const connection& connection, const ctl_connection_settings& sett
     memcpy(address.sun_path, settings.socket_path.data(), settings.socket_path.size());
     // Connecting waits while the agent's queue is full; the timeout bounds that too.
     const timeval timeout = {static_cast<time_t>(settings.timeout), 0};
-    setsockopt(connection.fd(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
-    while (connect(connection.fd(), generic, sizeof address) != 0) {
+    while (connect(fd, generic, sizeof address) != 0) {
         if (errno != EINTR) {
             return errno;
         }
@@ -112,15 +96,6 @@ wait_end wait_readable(int fd, const ctl_connection_settings& settings) {
     return wait_end::timeout;
 }
 
-control_json parse_answer(const std::string& document) {
-    std::string error;
-    const std::optional<control_json> answer = control_json_parse(document, error);
-    if (!answer.has_value() || !answer->is_object()) {
-        return control_answer(control_result::failed, "the agent's answer cannot be read: " + error);
-    }
-    return *answer;
-}
-
 control_json receive_answer(int fd, const ctl_connection_settings& settings) {
     static char buffer[65536];
     control_frame_reader frame;
@@ -141,17 +116,19 @@ control_json receive_answer(int fd, const ctl_connection_settings& settings) {
     if (control_frame_progress(frame) == control_frame_state::too_large) {
         return control_answer(control_result::failed, "the agent's answer is larger than a frame may be");
     }
-    return parse_answer(frame.document);
+    return ctl_parse_answer(frame.document);
 }
 
-control_json ask_once(const ctl_connection_settings& settings, const std::string& frame) {
-    const connection connection;
-    const int error = connection.fd() < 0 ? errno : connect_to(connection, settings);
+control_json ask_once(ctl_socket& socket, const ctl_connection_settings& settings, const std::string& frame) {
+    int error = socket.reopen();
+    if (error == 0) {
+        error = connect_to(socket.fd(), settings);
+    }
     if (error != 0) {
         return unreachable("the agent cannot be reached at " + settings.socket_path + ": " + why_not_connected(error));
     }
-    send_all(connection.fd(), frame);
-    return receive_answer(connection.fd(), settings);
+    send_all(socket.fd(), frame);
+    return receive_answer(socket.fd(), settings);
 }
 
 bool wants_retry(const control_json& answer) {
@@ -161,7 +138,45 @@ bool wants_retry(const control_json& answer) {
 
 }  // namespace
 
+ctl_socket::~ctl_socket() {
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+}
+
+int ctl_socket::reopen() {
+    if (descriptor >= 0) {
+        close(descriptor);
+    }
+    descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    return descriptor < 0 ? errno : 0;
+}
+
+control_json ctl_parse_answer(const std::string& document) {
+    std::string error;
+    const std::optional<control_json> answer = control_json_parse(document, error);
+    if (!answer.has_value() || !answer->is_object()) {
+        return control_answer(control_result::failed, "the agent's answer cannot be read: " + error);
+    }
+    return *answer;
+}
+
 control_json ctl_ask(const ctl_connection_settings& settings, const control_json& request) {
+    ctl_socket socket;
+    return ctl_ask_on(socket, settings, request);
+}
+
+control_json ctl_ask_to_the_end(const ctl_connection_settings& settings, const control_json& request) {
+    control_json answer = ctl_ask(settings, request);
+    while (answer.contains("next") && answer["next"].is_object()) {
+        std::this_thread::sleep_for(next_pause);
+        const control_json next = answer["next"];
+        answer = ctl_ask(settings, next);
+    }
+    return answer;
+}
+
+control_json ctl_ask_on(ctl_socket& socket, const ctl_connection_settings& settings, const control_json& request) {
     const std::string document = control_json_text(request);
     if (document.size() > CONTROL_FRAME_MAX) {
         return control_answer(control_result::refused, "the request is larger than 16 MiB; give less at a time");
@@ -169,10 +184,10 @@ control_json ctl_ask(const ctl_connection_settings& settings, const control_json
     const auto header = control_frame_header(static_cast<uint32_t>(document.size()));
     const std::string frame = std::string(header.begin(), header.end()) + document;
     const auto start = steady::now();
-    control_json answer = ask_once(settings, frame);
+    control_json answer = ask_once(socket, settings, frame);
     while (wants_retry(answer) && steady::now() - start < retry_time) {
         std::this_thread::sleep_for(retry_pause);
-        answer = ask_once(settings, frame);
+        answer = ask_once(socket, settings, frame);
     }
     return answer;
 }

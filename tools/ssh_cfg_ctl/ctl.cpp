@@ -117,8 +117,8 @@ int run_call(const ctl_command_line& line) {
     }
     const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
     if (request.problem.is_null()) {
-        const bool tell_waiting = isatty(STDERR_FILENO) == 1;
-        control_json answer = ctl_ask({line.socket_path, line.timeout, tell_waiting}, request.document);
+        const ctl_connection_settings settings = {line.socket_path, line.timeout, isatty(STDERR_FILENO) == 1};
+        control_json answer = ctl_ask_to_the_end(settings, request.document);
         ctl_explain_no_data(request.document, answer);
         return report(line, *row, answer);
     }

@@ -42,6 +42,8 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("trace", {"error"}), R"({"call":"trace","buffer":"error"})");
     EXPECT_EQ(request("key", {"list"}), R"({"call":"key_list"})");
     EXPECT_EQ(request("key", {"delete", "alice"}), R"({"call":"key_delete","user":"alice"})");
+    EXPECT_EQ(request("reload", {}), R"({"call":"reload"})");
+    EXPECT_EQ(request("reload", {"--timeout", "3600"}), R"({"call":"reload","timeout":3600})");
 }
 
 TEST(ctl_calls, key_import_sends_what_the_file_holds) {
@@ -54,6 +56,14 @@ TEST(ctl_calls, key_import_sends_what_the_file_holds) {
                 HasSubstr("the file is not UTF-8 text"));
     EXPECT_THAT(made("key", {"import", "alice", "/nowhere"}).problem["message"].get<std::string>(),
                 HasSubstr("/nowhere"));
+}
+
+TEST(ctl_calls, reload_takes_a_timeout_that_makes_sense) {
+    for (const char* timeout : {"0", "3601", "-1", "x", "1s", "", "99999999999"}) {
+        const ctl_request wrong = made("reload", {"--timeout", timeout});
+        EXPECT_EQ(wrong.problem["result"], "usage") << timeout;
+        EXPECT_THAT(wrong.problem["message"].get<std::string>(), HasSubstr("from 1 to 3600, not '")) << timeout;
+    }
 }
 
 TEST(ctl_calls, keys_are_a_table) {
@@ -99,6 +109,9 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
         {"key", {"import", "alice"}},
         {"key", {"delete"}},
         {"key", {"remove", "alice"}},
+        {"reload", {"--timeout"}},
+        {"reload", {"now"}},
+        {"reload", {"--timeout", "3", "x"}},
     };
     for (const auto& [call, arguments] : rows) {
         const ctl_request wrong = made(call, arguments);

@@ -83,6 +83,28 @@ TEST(ctl_run, an_answer_with_members_of_the_wrong_type_is_a_failure) {
     EXPECT_EQ(run({"trace", "error"}, R"({"result":"done","data":[{"point":"x"}]})").status, 1);
 }
 
+/// Runs the tool against an agent that gives these answers one after the other; what it asked is left in `requests`.
+outcome run_on(const std::vector<std::string>& answers, std::vector<std::string>& requests) {
+    fake_agent agent(answers);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = ctl_run({"--timeout", "5", "--socket", fake_agent::path(), "reload", "--timeout", "2"});
+    requests = agent.requests;
+    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+}
+
+TEST(ctl_run, goes_on_asking_until_an_answer_is_the_last) {
+    const std::string waiting = R"({"result":"done","next":{"call":"reload_state","number":7}})";
+    std::vector<std::string> requests;
+    EXPECT_EQ(run_on({waiting, waiting, R"({"result":"done"})"}, requests).status, 0);
+    EXPECT_THAT(requests, ElementsAre(R"({"call":"reload","timeout":2})", R"({"call":"reload_state","number":7})",
+                                      R"({"call":"reload_state","number":7})"));
+    const outcome failed = run_on({waiting, R"({"result":"failed","message":"not acknowledged"})"}, requests);
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_EQ(failed.errors, "ssh_cfg_ctl: not acknowledged\n");
+    EXPECT_EQ(run_on({waiting, ""}, requests).status, 3);
+}
+
 TEST(ctl_run, usage_errors_say_how_it_is_done) {
     const outcome unknown = run({"stauts"});
     EXPECT_EQ(unknown.status, 2);

@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +20,8 @@
 
 class fake_agent {
   public:
-    /// Each connection gets the next of the answers: a JSON document, framed here; "" hangs up without one.
+    /// Each connection gets the next of the answers: JSON documents, one a line, framed here; "" hangs up without one, a
+    /// last line "..." waits until the peer hangs up.
     explicit fake_agent(std::vector<std::string> given, size_t read_limit = SIZE_MAX)
         : answers(std::move(given)), request_limit(read_limit) {
         listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -52,13 +55,25 @@ class fake_agent {
                 return;
             }
             read_request(fd);
-            if (!answer.empty()) {
-                const auto header = control_frame_header(static_cast<uint32_t>(answer.size()));
-                const std::string frame = std::string(header.begin(), header.end()) + answer;
-                EXPECT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+            std::istringstream documents(answer);
+            for (std::string document; std::getline(documents, document);) {
+                send_document(fd, document);
             }
             close(fd);
         }
+    }
+
+    static void send_document(int fd, const std::string& document) {
+        char byte = 0;
+        if (document == "...") {
+            EXPECT_LE(recv(fd, &byte, 1, 0), 0);
+            return;
+        }
+        const auto header = control_frame_header(static_cast<uint32_t>(document.size()));
+        const std::string frame = std::string(header.begin(), header.end()) + document;
+        const ssize_t sent = send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+        // A tool that was interrupted has hung up.
+        EXPECT_TRUE(sent == static_cast<ssize_t>(frame.size()) || errno == EPIPE || errno == ECONNRESET);
     }
 
     void read_request(int fd) {
