@@ -44,6 +44,16 @@ enum appliers_trace_point : uint32_t {
     appliers_trace_client_window_scale,
     appliers_trace_client_rekey_time,
     appliers_trace_client_rekey_volume,
+    appliers_trace_trustpoint_host,
+    appliers_trace_trustpoint_user,
+    appliers_trace_trustpoint_event,
+    appliers_trace_trustpoint_refused,
+    appliers_trace_trustpoint_cut,
+    appliers_trace_certificate_username,
+    appliers_trace_item_name,
+    appliers_trace_user_key,
+    appliers_trace_user_key_refused,
+    appliers_trace_user_list,
     // Codes are kept for good: append.
 };
 

@@ -9,6 +9,8 @@
 #include "appliers/host_key_algorithms.h"
 #include "appliers/mac_disabling.h"
 #include "appliers/server_settings.h"
+#include "appliers/trustpoints.h"
+#include "appliers/user_keys.h"
 #include "appliers/vrf_name_verifier.h"
 #include "core/default_handlers.h"
 #include "core/log.h"
@@ -21,7 +23,6 @@ constexpr uint32_t number = DATASTORE_VALUE_NUMBER;
 constexpr uint32_t text = DATASTORE_VALUE_TEXT;
 constexpr uint32_t tuple = DATASTORE_VALUE_TUPLE;
 
-/// An item without handlers is refused by the dispatcher: this agent does not carry it out yet.
 constexpr datastore_item_handler handlers[] = {
     /* 0  sshd/vrf/NAME                  */ {tuple, vrf_name_verifier, sshd_apply_vrf_func},
     /* 1  sshd/v2                        */ {number, default_verifier, sshd_apply_ver_func},
@@ -46,10 +47,10 @@ constexpr datastore_item_handler handlers[] = {
     /* 20 cmn/algorithms/host-key        */ {tuple, host_key_verifier, sshd_apply_hostkeyalgo},
     /* 21 cmn/tcp_window_scale           */ {number, default_verifier, sshd_apply_tcp_window_scale},
     /* 22 cmn/username/NAME              */ {number, default_verifier, default_applier},
-    /* 23 cmn/username/NAME/keystr       */ {text, nullptr, nullptr},
-    /* 24 cmn/trustpoint/host            */ {text, nullptr, nullptr},
-    /* 25 cmn/trustpoint/user/NAME       */ {number, nullptr, nullptr},
-    /* 26 cmn/certificate/username       */ {tuple, nullptr, nullptr},
+    /* 23 cmn/username/NAME/keystr       */ {text, user_key_verifier, sshd_apply_user_keystr},
+    /* 24 cmn/trustpoint/host            */ {text, default_verifier, sshd_apply_trustpoint_host},
+    /* 25 cmn/trustpoint/user/NAME       */ {number, user_trustpoint_verifier, sshd_apply_trustpoint_user},
+    /* 26 cmn/certificate/username       */ {tuple, default_verifier, ssh_apply_certificate_username},
     /* 27 cmn/max_auth_limit             */ {number, default_verifier, sshd_apply_max_auth_limit},
     /* 28 cmn/port_forwarding            */ {number, default_verifier, sshd_apply_port_forwarding},
     /* 29 dscp                           */ {number, default_verifier, ssh_client_apply_dscp},

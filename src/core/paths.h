@@ -49,6 +49,7 @@ inline constexpr char backup_tree[] = "/cfg/gl/crypto/ssh/sshd_backup/";
 inline constexpr char crypto_tree[] = "/cfg/gl/crypto/";
 inline constexpr char banner_tree[] = "/cfg/gl/banner/";
 inline constexpr char aaa_banner_tree[] = "/cfg/gl/aaa/banner/";
+inline constexpr char aaa_tree[] = "/cfg/gl/aaa/";
 
 inline constexpr char ipv4_acl_tree[] = "/oper/ipv4-acl/gl/show/";
 inline constexpr char ipv6_acl_tree[] = "/oper/ipv6-acl/gl/daemon/list/";

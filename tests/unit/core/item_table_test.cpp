@@ -16,6 +16,8 @@
 #include "appliers/host_key_algorithms.h"
 #include "appliers/mac_disabling.h"
 #include "appliers/server_settings.h"
+#include "appliers/trustpoints.h"
+#include "appliers/user_keys.h"
 #include "appliers/vrf_name_verifier.h"
 #include "core/debug.h"
 #include "core/default_handlers.h"
@@ -62,10 +64,10 @@ const expected_item items[] = {
     {"cmn/algorithms/host-key", tuple, host_key_verifier, sshd_apply_hostkeyalgo},
     {"cmn/tcp_window_scale", number, default_verifier, sshd_apply_tcp_window_scale},
     {"cmn/username/NAME", number, default_verifier, default_applier},
-    {"cmn/username/NAME/keystr", text, nullptr, nullptr},
-    {"cmn/trustpoint/host", text, nullptr, nullptr},
-    {"cmn/trustpoint/user/NAME", number, nullptr, nullptr},
-    {"cmn/certificate/username", tuple, nullptr, nullptr},
+    {"cmn/username/NAME/keystr", text, user_key_verifier, sshd_apply_user_keystr},
+    {"cmn/trustpoint/host", text, default_verifier, sshd_apply_trustpoint_host},
+    {"cmn/trustpoint/user/NAME", number, user_trustpoint_verifier, sshd_apply_trustpoint_user},
+    {"cmn/certificate/username", tuple, default_verifier, ssh_apply_certificate_username},
     {"cmn/max_auth_limit", number, default_verifier, sshd_apply_max_auth_limit},
     {"cmn/port_forwarding", number, default_verifier, sshd_apply_port_forwarding},
     {"dscp", number, default_verifier, ssh_client_apply_dscp},

@@ -1,0 +1,185 @@
+#include "appliers/trustpoints.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "appliers/name_tuple.h"
+#include "appliers/trace_points.h"
+#include "config_files/config_writer.h"
+#include "config_files/parameter_table.h"
+#include "config_files/trustpoints.h"
+#include "core/debug.h"
+#include "core/log.h"
+#include "core/refusal.h"
+#include "core/text.h"
+#include "core/trace.h"
+
+namespace {
+
+constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
+constexpr size_t warning_size = 64;
+
+enum : size_t { FLAG_COMMON_NAME, FLAG_USER_PRINCIPAL_NAME, username_flag_count };
+
+enum : uint32_t { USERNAME_FROM_COMMON_NAME = 1, USERNAME_FROM_USER_PRINCIPAL_NAME = 2 };
+
+// The parameter table points at these.
+char user_trustpoint_list[trustpoint_size];
+char user_trustpoint_count_text[setting_text_size];
+char certificate_username_text[setting_text_size];
+
+int32_t username_flags[username_flag_count] = {1, 0};
+
+platform_status warn(const char* format, uint32_t event) {
+    char text[warning_size];
+    format_text(text, sizeof text, format, static_cast<int>(event));
+    debug_print("%s", text);
+    log_text(WARNING_GENERAL, text);
+    trace_error(appliers_trace_trustpoint_event, {text});
+    return 1;
+}
+
+/// Writes what the entry holds. A removal takes the line away only when nothing is left to stand in it.
+void write_entry(const line_entry& entry, uint32_t event) {
+    const bool still_set = (event & DATASTORE_EVENT_DELETE) != 0 && entry.current != nullptr;
+    update_config_files_restart(still_set ? event_set_value : event, entry.keyword, entry.current, entry.allvrf);
+}
+
+/// The slot that holds the name, or user_trustpoint_count.
+uint32_t slot_of(const char* name) {
+    uint32_t slot = 0;
+    while (slot < user_trustpoint_count && std::strcmp(user_trustpoints[slot], name) != 0) {
+        slot++;
+    }
+    return slot;
+}
+
+/// The item's name as the slots hold it, cut at their end. False when there is none.
+bool read_name(const datastore_path_components* components, char (&name)[trustpoint_size]) {
+    const char* last = components->count > 0 ? components->component[components->count - 1] : nullptr;
+    copy_text(name, sizeof name, last);
+    return name[0] != '\0';
+}
+
+/// The last name takes the place of the removed one, so the others keep theirs.
+void remove_name(const char* name) {
+    debug_print("user tp in apply delete %s", name);
+    const uint32_t slot = slot_of(name);
+    if (slot == user_trustpoint_count) {
+        return;
+    }
+    debug_print("delete match pos %d", static_cast<int>(slot));
+    const uint32_t last = user_trustpoint_count - 1;
+    if (slot != last) {
+        std::memcpy(user_trustpoints[slot], user_trustpoints[last], trustpoint_size);
+    }
+    user_trustpoints[last][0] = '\0';
+    user_trustpoint_count = last;
+}
+
+void add_name(const char* name) {
+    debug_print("user tp in apply set %s", name);
+    const uint32_t slot = slot_of(name);
+    if (slot < user_trustpoint_count) {
+        return;
+    }
+    if (slot == user_trustpoint_max) {
+        // One commit can bring more names than the verifier saw room for.
+        trace_error(appliers_trace_trustpoint_refused, {name});
+        return;
+    }
+    debug_print("set match pos %d", static_cast<int>(slot));
+    copy_text(user_trustpoints[slot], trustpoint_size, name);
+    user_trustpoint_count++;
+}
+
+/// Writes the lines as they are after the change; they go with the last name.
+void write_user_trustpoints(const char* function, uint32_t event) {
+    if (!join_user_trustpoints(user_trustpoint_list, sizeof user_trustpoint_list)) {
+        trace_error(appliers_trace_trustpoint_cut, {user_trustpoint_list});
+    }
+    format_text(user_trustpoint_count_text, sizeof user_trustpoint_count_text, "%d",
+                static_cast<int>(user_trustpoint_count));
+    debug_print("(%s), User trustpoint:=%s,User trustpoint count:=%s", function, user_trustpoint_list,
+                user_trustpoint_count_text);
+    trace_event(appliers_trace_trustpoint_user, {event, user_trustpoint_count_text, user_trustpoint_list});
+    line_entry& count = server.parameters[SERVER_USER_TRUSTPOINT_COUNT];
+    line_entry& list = server.parameters[SERVER_USER_TRUSTPOINT];
+    count.current = user_trustpoint_count > 0 ? user_trustpoint_count_text : nullptr;
+    list.current = user_trustpoint_count > 0 ? user_trustpoint_list : nullptr;
+    write_entry(count, event);
+    write_entry(list, event);
+}
+
+}  // namespace
+
+platform_status sshd_apply_trustpoint_host(const datastore_change* change, const datastore_path_components*) {
+    debug_print("Event:=%d, Config:=ssh server trustpoint host", static_cast<int>(change->event));
+    line_entry& entry = server.parameters[SERVER_HOST_TRUSTPOINT];
+    if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
+        host_trustpoint[0] = '\0';
+        entry.current = nullptr;
+    } else if ((change->event & DATASTORE_EVENT_SET) != 0) {
+        if (change->value == nullptr) {
+            return warn("The event (%d) did not set a value", change->event);
+        }
+        copy_text(host_trustpoint, sizeof host_trustpoint, static_cast<const char*>(change->value));
+        entry.current = host_trustpoint;
+    } else {
+        return warn("Unsupported Event Type (%d)", change->event);
+    }
+    trace_event(appliers_trace_trustpoint_host, {change->event, host_trustpoint});
+    write_entry(entry, change->event);
+    return PLATFORM_OK;
+}
+
+platform_status user_trustpoint_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
+                                         const datastore_path_components* components) {
+    char name[trustpoint_size];
+    if ((change->event & create_or_set) != 0 && read_name(components, name) && slot_of(name) == user_trustpoint_max) {
+        return refuse_change(error_text, accepted, EINVAL, appliers_trace_trustpoint_refused,
+                             "More than 10 trustpoints cannot be configured");
+    }
+    *accepted = 1;
+    return PLATFORM_OK;
+}
+
+platform_status sshd_apply_trustpoint_user(const datastore_change* change,
+                                           const datastore_path_components* components) {
+    debug_print("Event:=%d, Config:=ssh server trustpoint user", static_cast<int>(change->event));
+    char name[trustpoint_size];
+    if (!read_name(components, name)) {
+        trace_error(appliers_trace_item_name);
+        return 1;
+    }
+    if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
+        remove_name(name);
+    } else if ((change->event & DATASTORE_EVENT_SET) != 0) {
+        add_name(name);
+    } else {
+        return warn("Unsupported Event Type (%d)", change->event);
+    }
+    write_user_trustpoints(__func__, change->event);
+    return PLATFORM_OK;
+}
+
+platform_status ssh_apply_certificate_username(const datastore_change* change, const datastore_path_components*) {
+    debug_print("Event:=%d, Config:=ssh certificate username", static_cast<int>(change->event));
+    if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
+        debug_print("(%s) config removed", __func__);
+        username_flags[FLAG_COMMON_NAME] = 1;
+        username_flags[FLAG_USER_PRINCIPAL_NAME] = 0;
+    } else if ((change->event & create_or_set) == 0 || change->value == nullptr ||
+               unpack_flags(*change, username_flag_count, "CERT-USERNAME-APPLY", username_flags) != PLATFORM_OK) {
+        return PLATFORM_OK;
+    }
+    const uint32_t mask = (username_flags[FLAG_COMMON_NAME] != 0 ? USERNAME_FROM_COMMON_NAME : 0U) |
+                          (username_flags[FLAG_USER_PRINCIPAL_NAME] != 0 ? USERNAME_FROM_USER_PRINCIPAL_NAME : 0U);
+    format_text(certificate_username_text, sizeof certificate_username_text, "%d", static_cast<int>(mask));
+    debug_print("(%s), Username Field = %s", __func__, certificate_username_text);
+    line_entry& entry = server.parameters[SERVER_CERTIFICATE_USERNAME];
+    entry.current = certificate_username_text;
+    trace_event(appliers_trace_certificate_username, {change->event, certificate_username_text});
+    write_entry(entry, change->event);
+    return PLATFORM_OK;
+}

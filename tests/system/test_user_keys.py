@@ -1,0 +1,196 @@
+"""Users' public keys of the configuration: who gets in with them, from when and until when."""
+
+import base64
+import pathlib
+import struct
+
+import pytest
+import router
+from router import ssh
+
+KEYS = pathlib.Path("/root/.ssh")
+ONLY_RSA = ["IdentitiesOnly=yes", f"IdentityFile={KEYS}/id_rsa"]
+
+
+@pytest.fixture
+def user():
+    """An account without a key or a password: user("alice")."""
+    made = []
+
+    def make(name, shell="/bin/bash"):
+        router.run("useradd", "--create-home", "--shell", shell, name)
+        made.append(name)
+        return name
+
+    yield make
+    for name in made:
+        router.ctl("delete", key_path(name), check=False)
+        router.wait_until(
+            lambda name=name: router.run("userdel", "--remove", "--force", name, check=False).returncode in (0, 12)
+        )
+
+
+def key_path(name):
+    return f"{router.SERVER}cmn/username/{name}/keystr"
+
+
+def public_key(name="id_rsa"):
+    return (KEYS / f"{name}.pub").read_text(encoding="utf-8").strip()
+
+
+def field(data):
+    return struct.pack(">I", len(data)) + data
+
+
+def number(value):
+    return field(value.to_bytes(value.bit_length() // 8 + 1, "big"))
+
+
+def rsa_key(exponent=65537, modulus=(1 << 2048) - 1, kind=b"ssh-rsa", more=b""):
+    return "ssh-rsa " + base64.b64encode(field(kind) + number(exponent) + number(modulus) + more).decode()
+
+
+def logs_in(vrf, name, options=ONLY_RSA):
+    result = ssh(vrf, "whoami", user=name, options=options, check=False)
+    assert (result.returncode, result.stdout) in [(0, f"{name}\n"), (255, "")], result
+    return result.returncode == 0
+
+
+def test_a_configured_key_lets_in_until_it_is_deleted(server, user):
+    server("red")
+    user("alice")
+    user("bob")
+    assert not logs_in("red", "alice")
+    router.set_item(key_path("alice"), public_key())
+    assert logs_in("red", "alice")
+    assert not logs_in("red", "bob")
+    router.delete_item(key_path("alice"))
+    assert not logs_in("red", "alice")
+
+
+def test_a_key_lets_in_on_every_vrf_and_on_the_netconf_port(server, user):
+    server("red")
+    server("blue", "vrf-netconf", 830)
+    user("alice")
+    router.set_item(key_path("alice"), public_key())
+    assert logs_in("red", "alice")
+    assert ssh("blue", "whoami", user="alice", port=830, options=ONLY_RSA).stdout == "alice\n"
+
+
+def test_a_new_key_takes_the_place_of_the_old_one(server, user, tmp_path):
+    server("red")
+    user("alice")
+    router.run("ssh-keygen", "-q", "-t", "rsa", "-b", "2048", "-N", "", "-f", tmp_path / "other")
+    other = ["IdentitiesOnly=yes", f"IdentityFile={tmp_path}/other"]
+    router.set_item(key_path("alice"), public_key())
+    router.set_item(key_path("alice"), (tmp_path / "other.pub").read_text(encoding="utf-8").strip())
+    assert logs_in("red", "alice", other)
+    assert not logs_in("red", "alice")
+
+
+def test_a_key_lets_in_while_the_agent_is_down_and_after_its_restart(server, user):
+    server("red")
+    user("alice")
+    router.set_item(key_path("alice"), public_key())
+    router.run("systemctl", "stop", router.AGENT)
+    assert logs_in("red", "alice")
+    router.restart_agent()
+    router.wait_for_server("red")
+    assert logs_in("red", "alice")
+    router.delete_item(key_path("alice"))
+    assert not logs_in("red", "alice")
+
+
+def test_keys_in_the_users_own_file_still_let_in(server):
+    server("red")
+    router.set_item(key_path("operator"), public_key())
+    router.delete_item(key_path("operator"))
+    assert ssh("red", "whoami").stdout == "operator\n"
+
+
+REFUSED_KEYS = {
+    "no base64": "ssh-rsa AAAA!!!!",
+    "ends in the middle": public_key()[: len(public_key()) // 2] if (KEYS / "id_rsa.pub").exists() else "",
+    "exponent 1": rsa_key(exponent=1),
+    "even exponent": rsa_key(exponent=65536),
+    "8,192 bits": rsa_key(modulus=(1 << 8192) - 1),
+    "trailing bytes": rsa_key(more=b"x"),
+    "another type within": rsa_key(kind=b"ssh-dss"),
+    "nothing": "ssh-rsa",
+}
+
+
+@pytest.mark.parametrize("key", REFUSED_KEYS.values(), ids=REFUSED_KEYS.keys())
+def test_a_text_that_is_no_usable_key_is_refused(user, key):
+    user("alice")
+    refused = router.set_item(key_path("alice"), key, check=False)
+    assert refused.returncode == 5, refused
+    assert "SSH pubkey conversion to DER failed:" in refused.stderr
+    assert key_path("alice") not in router.configuration()
+
+
+def test_a_text_that_is_longer_than_any_key_is_refused(user):
+    user("alice")
+    refused = router.set_item(key_path("alice"), rsa_key(modulus=(1 << 16384) - 1), check=False)
+    assert refused.returncode == 5
+    assert "1 to 2048" in refused.stderr
+
+
+@pytest.mark.parametrize("key", ["ssh-dss AAAAB3NzaC1kc3MAAACBAP", "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5", "rsa"])
+def test_a_key_of_another_type_is_refused(user, key):
+    user("alice")
+    refused = router.set_item(key_path("alice"), key, check=False)
+    assert refused.returncode == 5
+    assert "Key is not in ssh public key format. Key should begin with ssh-rsa" in refused.stderr
+
+
+@pytest.mark.parametrize("name", ["nobody-of-that-name", "daemon"])
+def test_a_user_who_cannot_log_in_is_refused(name):
+    refused = router.set_item(key_path(name), public_key(), check=False)
+    assert refused.returncode == 5
+    assert "Username not present in database" in refused.stderr
+
+
+def test_a_key_from_the_exec_mode_is_not_for_the_configuration_to_change(server, user, tmp_path):
+    server("red")
+    user("alice")
+    router.run("ssh_cfg_ctl", "key", "import", "alice", KEYS / "id_rsa.pub")
+    try:
+        assert logs_in("red", "alice")
+        refused = router.set_item(key_path("alice"), public_key(), check=False)
+        assert refused.returncode == 5
+        assert "Key is added as part of exec mode, Public key insertion is not allowed" in refused.stderr
+        assert logs_in("red", "alice")
+    finally:
+        router.run("ssh_cfg_ctl", "key", "delete", "alice")
+    assert not logs_in("red", "alice")
+
+
+def test_a_refused_key_leaves_the_former_one_in_force(server, user):
+    server("red")
+    user("alice")
+    router.set_item(key_path("alice"), public_key())
+    assert router.set_item(key_path("alice"), rsa_key(exponent=1), check=False).returncode == 5
+    assert logs_in("red", "alice")
+
+
+def test_an_eleventh_user_trustpoint_is_refused():
+    names = [f"ca{i}" for i in range(10)]
+    for name in names:
+        router.set_item(f"cmn/trustpoint/user/{name}", True)
+    refused = router.set_item("cmn/trustpoint/user/ca10", True, check=False)
+    assert refused.returncode == 5
+    assert "More than 10 trustpoints cannot be configured" in refused.stderr
+    assert "UserTrustpointCntQd 10" in router.server_lines()
+    assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
+    # One of the ten again changes nothing.
+    router.set_item("cmn/trustpoint/user/ca3", True)
+    assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
+
+
+def test_a_removed_trustpoint_leaves_its_place_to_the_last_one():
+    for name in "ABC":
+        router.set_item(f"cmn/trustpoint/user/{name}", True)
+    router.delete_item("cmn/trustpoint/user/A")
+    assert "UserTrustpointQd C,B" in router.server_lines()
+    assert "UserTrustpointCntQd 2" in router.server_lines()

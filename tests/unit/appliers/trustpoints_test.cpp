@@ -1,0 +1,316 @@
+#include "appliers/trustpoints.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "../algorithm_test.h"
+#include "config_files/trustpoints.h"
+#include "oper/server_params.h"
+#include "scratch_root.h"
+#include "vrf/node_registry.h"
+
+namespace {
+
+using fake_platform::remove;
+using fake_platform::set_number;
+using fake_platform::set_text;
+using fake_platform::set_tuple;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+class trustpoints_test : public algorithm_test {
+  protected:
+    trustpoints_test() { start(); }
+
+    static std::string path(const std::string& item) { return server_case.tree + item; }
+    static std::string user(const std::string& name) { return path("trustpoint/user/" + name); }
+    static std::string line(const std::string& keyword) { return value(paths::server_file, keyword); }
+    static void add(const std::string& name) { commit_ok(set_number(user(name), 1)); }
+    static void take(const std::string& name) { commit_ok(remove(user(name))); }
+
+    static std::vector<std::string> held() { return {user_trustpoints, user_trustpoints + user_trustpoint_count}; }
+
+    static void set_username(const std::vector<fake_platform::field>& flags) {
+        commit_ok(set_tuple(path("certificate/username"), "%d%d", flags));
+    }
+
+    /// Calls an applier with an event as no datastore would send it.
+    static platform_status apply(datastore_item_applier applier, uint32_t event, const void* value = nullptr,
+                                 size_t size = 0) {
+        const char* const components[] = {"cmn", "trustpoint", "user", "A"};
+        const datastore_path_components split = {components, 4};
+        const datastore_change change = {event, nullptr, value, 0, size};
+        return applier(&change, &split);
+    }
+
+    static bool warned(const std::string& text) { return fake_platform::logged("WARNING_GENERAL", text); }
+};
+
+// --- The host's -----------------------------------------------------------------------------------------------------
+
+TEST_F(trustpoints_test, the_hosts_trustpoint_stands_in_the_file_as_long_as_its_item) {
+    EXPECT_EQ(line("HostTrustpointQd"), "no line");
+    commit_ok(set_text(path("trustpoint/host"), "router-ca"));
+    EXPECT_EQ(line("HostTrustpointQd"), "router-ca");
+    EXPECT_STREQ(host_trustpoint, "router-ca");
+    commit_ok(set_text(path("trustpoint/host"), "other"));
+    EXPECT_EQ(line("HostTrustpointQd"), "other");
+    commit_ok(remove(path("trustpoint/host")));
+    EXPECT_EQ(line("HostTrustpointQd"), "no line");
+    EXPECT_STREQ(host_trustpoint, "");
+    EXPECT_EQ(server.parameters[SERVER_HOST_TRUSTPOINT].current, nullptr);
+}
+
+TEST_F(trustpoints_test, the_hosts_trustpoint_is_cut_at_127_characters) {
+    const std::string longest(127, 'h');
+    commit_ok(set_text(path("trustpoint/host"), longest + "X"));
+    EXPECT_EQ(line("HostTrustpointQd"), longest);
+    commit_ok(set_text(path("trustpoint/host"), longest));
+    EXPECT_EQ(line("HostTrustpointQd"), longest);
+}
+
+TEST_F(trustpoints_test, a_set_without_a_text_is_an_error) {
+    const std::string before = both_files();
+    EXPECT_EQ(apply(sshd_apply_trustpoint_host, 3), 1u);
+    EXPECT_TRUE(warned("The event (3) did not set a value"));
+    EXPECT_EQ(apply(sshd_apply_trustpoint_host, 2), 1u);
+    EXPECT_TRUE(warned("The event (2) did not set a value"));
+    EXPECT_EQ(both_files(), before);
+}
+
+// A creation is delivered together with its set; alone it brings no value.
+TEST_F(trustpoints_test, a_creation_alone_is_not_supported_for_the_host) {
+    const std::string before = both_files();
+    EXPECT_EQ(apply(sshd_apply_trustpoint_host, 1, "name", 5), 1u);
+    EXPECT_TRUE(warned("Unsupported Event Type (1)"));
+    EXPECT_EQ(apply(sshd_apply_trustpoint_host, 8, "name", 5), 1u);
+    EXPECT_TRUE(warned("Unsupported Event Type (8)"));
+    EXPECT_EQ(both_files(), before);
+    EXPECT_STREQ(host_trustpoint, "");
+}
+
+TEST_F(trustpoints_test, the_table_gives_the_trustpoints_to_a_file_made_anew) {
+    commit_ok(set_text(path("trustpoint/host"), "router-ca"));
+    add("A");
+    add("B");
+    remove_path(paths::server_file);
+    commit_ok(set_number(path("timeout"), 45));
+    EXPECT_EQ(line("HostTrustpointQd"), "router-ca");
+    EXPECT_EQ(line("UserTrustpointQd"), "A,B");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "2");
+}
+
+// --- The users' -----------------------------------------------------------------------------------------------------
+
+TEST_F(trustpoints_test, user_trustpoints_are_a_counted_list_in_the_order_of_their_coming) {
+    add("zeta");
+    EXPECT_EQ(line("UserTrustpointQd"), "zeta");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "1");
+    add("alpha");
+    EXPECT_EQ(line("UserTrustpointQd"), "zeta,alpha");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "2");
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("(sshd_apply_trustpoint_user), User trustpoint:=zeta,alpha,User trustpoint count:=2"));
+    EXPECT_TRUE(fake_platform::debugged("user tp in apply set alpha"));
+    EXPECT_TRUE(fake_platform::debugged("set match pos 1"));
+}
+
+// The count comes first: it is what the server reads the list by.
+TEST_F(trustpoints_test, the_count_is_written_before_the_list) {
+    add("A");
+    const auto lines = file_lines(paths::server_file);
+    const auto count = std::ranges::find(lines, "UserTrustpointCntQd 1");
+    const auto list = std::ranges::find(lines, "UserTrustpointQd A");
+    ASSERT_NE(list, lines.end());
+    EXPECT_LT(count, list);
+}
+
+TEST_F(trustpoints_test, the_last_one_takes_the_place_of_a_removed_one) {
+    for (const char* name : {"A", "B", "C"}) {
+        add(name);
+    }
+    take("A");
+    EXPECT_THAT(held(), ElementsAre("C", "B"));
+    EXPECT_EQ(line("UserTrustpointQd"), "C,B");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "2");
+    EXPECT_STREQ(user_trustpoints[2], "");
+    EXPECT_TRUE(fake_platform::debugged("user tp in apply delete A"));
+    EXPECT_TRUE(fake_platform::debugged("delete match pos 0"));
+    take("B");
+    EXPECT_EQ(line("UserTrustpointQd"), "C");
+}
+
+TEST_F(trustpoints_test, both_lines_go_with_the_last_name) {
+    add("A");
+    take("A");
+    EXPECT_EQ(line("UserTrustpointQd"), "no line");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "no line");
+    EXPECT_EQ(user_trustpoint_count, 0u);
+    add("B");
+    EXPECT_EQ(line("UserTrustpointQd"), "B");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "1");
+}
+
+TEST_F(trustpoints_test, removing_an_unknown_name_leaves_the_list) {
+    add("A");
+    const uint32_t one = 1;
+    const char* const components[] = {"cmn", "trustpoint", "user", "nobody"};
+    const datastore_path_components split = {components, 4};
+    const datastore_change change = {4, &one, nullptr, sizeof one, 0};
+    EXPECT_EQ(sshd_apply_trustpoint_user(&change, &split), PLATFORM_OK);
+    EXPECT_EQ(line("UserTrustpointQd"), "A");
+    EXPECT_FALSE(fake_platform::debugged("delete match pos 0"));
+}
+
+TEST_F(trustpoints_test, an_eleventh_trustpoint_is_refused) {
+    for (int i = 0; i < 10; i++) {
+        add("T" + std::to_string(i));
+    }
+    const std::string full = "T0,T1,T2,T3,T4,T5,T6,T7,T8,T9";
+    EXPECT_EQ(line("UserTrustpointQd"), full);
+    const auto result = fake_platform::commit(set_number(user("T10"), 1));
+    EXPECT_EQ(result.status, uint32_t{EINVAL});
+    EXPECT_EQ(result.error_text, "More than 10 trustpoints cannot be configured");
+    EXPECT_EQ(fake_platform::stored(user("T10")), std::nullopt);
+    EXPECT_EQ(line("UserTrustpointQd"), full);
+
+    // One of the ten again: accepted, without effect.
+    const std::string before = both_files();
+    commit_ok(set_number(user("T3"), 2));
+    EXPECT_EQ(both_files(), before);
+
+    take("T3");
+    EXPECT_EQ(line("UserTrustpointQd"), "T0,T1,T2,T9,T4,T5,T6,T7,T8");
+    add("T10");
+    EXPECT_EQ(line("UserTrustpointQd"), "T0,T1,T2,T9,T4,T5,T6,T7,T8,T10");
+}
+
+// The verifier knows the list in force: in one commit all eleven find it empty. The eleventh has no slot.
+TEST_F(trustpoints_test, eleven_of_one_commit_leave_ten) {
+    std::vector<fake_platform::change> changes;
+    for (int i = 10; i < 21; i++) {
+        changes.push_back(set_number(user("T" + std::to_string(i)), 1));
+    }
+    EXPECT_EQ(fake_platform::commit(changes).status, PLATFORM_OK);
+    EXPECT_EQ(user_trustpoint_count, 10u);
+    EXPECT_EQ(line("UserTrustpointQd"), "T10,T11,T12,T13,T14,T15,T16,T17,T18,T19");
+    EXPECT_EQ(line("UserTrustpointCntQd"), "10");
+}
+
+TEST_F(trustpoints_test, the_line_is_cut_at_127_characters_and_the_record_is_not) {
+    const std::string first(100, 'a');
+    const std::string second(100, 'b');
+    add(first);
+    add(second);
+    EXPECT_EQ(line("UserTrustpointQd"), first + "," + second.substr(0, 26));
+    EXPECT_EQ(line("UserTrustpointCntQd"), "2");
+    ssh_server_params params;
+    fill_server_params(&params);
+    EXPECT_EQ(std::string(params.Trustpointuser), first + "," + second);
+}
+
+TEST_F(trustpoints_test, a_name_that_is_too_long_is_one_name_however_often_it_comes) {
+    const std::string longest(127, 'n');
+    add(longest + "XYZ");
+    add(longest + "XYZ2");
+    EXPECT_THAT(held(), ElementsAre(longest));
+    take(longest + "XYZ");
+    EXPECT_EQ(user_trustpoint_count, 0u);
+}
+
+TEST_F(trustpoints_test, other_events_are_not_supported_for_users) {
+    const std::string before = both_files();
+    EXPECT_EQ(apply(sshd_apply_trustpoint_user, 1), 1u);
+    EXPECT_TRUE(warned("Unsupported Event Type (1)"));
+    EXPECT_EQ(apply(sshd_apply_trustpoint_user, 8), 1u);
+    EXPECT_TRUE(warned("Unsupported Event Type (8)"));
+    EXPECT_EQ(both_files(), before);
+}
+
+TEST_F(trustpoints_test, a_path_without_a_name_is_an_error) {
+    const datastore_path_components split = {nullptr, 0};
+    const uint32_t one = 1;
+    const datastore_change change = {3, nullptr, &one, 0, sizeof one};
+    EXPECT_EQ(sshd_apply_trustpoint_user(&change, &split), 1u);
+    EXPECT_EQ(user_trustpoint_count, 0u);
+}
+
+TEST_F(trustpoints_test, a_removal_is_always_accepted) {
+    for (int i = 0; i < 10; i++) {
+        add("T" + std::to_string(i));
+    }
+    const char* const components[] = {"cmn", "trustpoint", "user", "other"};
+    const datastore_path_components split = {components, 4};
+    const datastore_change change = {4, nullptr, nullptr, 0, 0};
+    char* text = nullptr;
+    uint32_t accepted = 0;
+    EXPECT_EQ(user_trustpoint_verifier(&change, &text, &accepted, &split), PLATFORM_OK);
+    EXPECT_EQ(accepted, 1u);
+    EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(trustpoints_test, every_change_reaches_the_vrfs_servers) {
+    scratch_root::add_namespace_file("vrf-red");
+    commit_ok(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {{}, {}, {}}));
+    const char* vrf_file = "/var/opt/norvo/norvossh/sshd_config_red";
+    add("A");
+    EXPECT_EQ(value(vrf_file, "UserTrustpointQd"), "A");
+    EXPECT_EQ(value(vrf_file, "UserTrustpointCntQd"), "1");
+    commit_ok(set_text(path("trustpoint/host"), "h"));
+    EXPECT_EQ(value(vrf_file, "HostTrustpointQd"), "h");
+    set_username({0, 1});
+    EXPECT_EQ(value(vrf_file, "CertUsernameQd"), "2");
+    take("A");
+    EXPECT_EQ(value(vrf_file, "UserTrustpointQd"), "no line");
+}
+
+// --- The user's name in a certificate -------------------------------------------------------------------------------
+
+TEST_F(trustpoints_test, the_flags_make_a_mask) {
+    const std::pair<std::vector<fake_platform::field>, const char*> masks[] = {
+        {{1, 0}, "1"}, {{0, 1}, "2"}, {{1, 1}, "3"}, {{0, 0}, "0"}, {{7, std::nullopt}, "1"}, {{std::nullopt, -1}, "2"},
+    };
+    for (const auto& [flags, mask] : masks) {
+        fake_platform::clear_reports();
+        set_username(flags);
+        EXPECT_EQ(line("CertUsernameQd"), mask);
+        EXPECT_TRUE(fake_platform::debugged(std::string("(ssh_apply_certificate_username), Username Field = ") + mask));
+    }
+}
+
+TEST_F(trustpoints_test, without_the_item_the_common_name_counts) {
+    set_username({1, 1});
+    EXPECT_EQ(line("CertUsernameQd"), "3");
+    commit_ok(remove(path("certificate/username")));
+    EXPECT_EQ(line("CertUsernameQd"), "1");
+    EXPECT_TRUE(fake_platform::debugged("(ssh_apply_certificate_username) config removed"));
+    EXPECT_STREQ(server.parameters[SERVER_CERTIFICATE_USERNAME].current, "1");
+}
+
+TEST_F(trustpoints_test, a_malformed_value_is_logged_and_changes_nothing) {
+    set_username({1, 1});
+    commit_ok({path("certificate/username"), fake_platform::raw_tuple_value("xy")});
+    EXPECT_EQ(line("CertUsernameQd"), "3");
+    EXPECT_TRUE(fake_platform::logged("ERR_DATASTORE_UNPACK",
+                                      std::string("Error:=") + platform_status_text(TUPLE_MALFORMED) +
+                                          "(0x40838200), Path:=CERT-USERNAME-APPLY, Failed to unpack datastore item"));
+}
+
+TEST_F(trustpoints_test, an_event_without_a_value_changes_nothing_in_the_names_mask) {
+    const std::string before = both_files();
+    EXPECT_EQ(apply(ssh_apply_certificate_username, 3), PLATFORM_OK);
+    EXPECT_EQ(apply(ssh_apply_certificate_username, 8, "x", 1), PLATFORM_OK);
+    EXPECT_EQ(both_files(), before);
+}
+
+// What was stored is back after a restart, in byte order of the names.
+TEST_F(trustpoints_test, stored_trustpoints_are_applied_at_the_start) {
+    for (const char* name : {"b", "c", "a"}) {
+        fake_platform::store(set_number(user(name), 1));
+    }
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_EQ(line("UserTrustpointQd"), "a,b,c");
+}
+
+}  // namespace
