@@ -17,6 +17,27 @@ inline constexpr char vrf_server_file_prefix[] = "/var/opt/norvo/norvossh/sshd_c
 inline constexpr char client_file[] = "/var/opt/norvo/norvossh/ssh_config";
 inline constexpr char temporary_file[] = "/var/opt/norvo/norvossh/temp_sshd_config";
 
+// Banners.
+inline constexpr char banner_file[] = "/var/opt/norvo/norvossh/banner";
+inline constexpr char aaa_banner_file[] = "/etc/motd";
+
+// Authentication.
+inline constexpr char pam_directory[] = "/etc/pam.d/";
+inline constexpr char pam_parent_directory[] = "/etc/";
+inline constexpr char pam_file[] = "/etc/pam.d/norvosshd";
+inline constexpr char pam_temporary_file[] = "/etc/pam.d/.norvosshd.new";
+
+// Shared memory.
+inline constexpr char file_system_list[] = "/dev/shmem/shm_filesystem_list";
+
+// The wrappers that sessions run in.
+inline constexpr char exec_session_file[] = "/tmp/norvo_ssh_pid.txt";
+inline constexpr char exec_session_command[] =
+    "ps -ef | grep '/pkg/bin/ssh_exec.sh' | grep -v 'grep' | awk '{print $2}' > /tmp/norvo_ssh_pid.txt";
+inline constexpr char exec_session_check_file[] = "/tmp/norvo_ssh_pid_check.txt";
+inline constexpr char exec_session_check_command[] =
+    "ps -ef | grep '/pkg/bin/ssh_exec.sh' | grep -v 'grep' | awk '{print $2}' > /tmp/norvo_ssh_pid_check.txt";
+
 // Units of the VRFs' servers.
 inline constexpr char service_unit_prefix[] = "/etc/systemd/system/sshd_service_";
 inline constexpr char environment_file_prefix[] = "/etc/systemd/system/sshd_conf_";

@@ -19,6 +19,10 @@
 #include "core/trace_points.h"
 #include "core/upcalls.h"
 #include "fips/fips_switch.h"
+#include "host/banners.h"
+#include "host/file_system_list.h"
+#include "host/pam_file.h"
+#include "host/shelf_link.h"
 #include "oper/providers.h"
 #include "oper/telemetry.h"
 #include "platform/mpp.h"
@@ -88,12 +92,24 @@ platform_status register_verification(const datastore_step& step) {
                                            apply_configuration, agent.event_manager, nullptr);
 }
 
+platform_status register_banner_notification(const datastore_step& step) {
+    return datastore_register_notification(*handle_of(step.target), step.path, every_event, banner_config_handler,
+                                           agent.event_manager, nullptr);
+}
+
+platform_status register_aaa_banner_notification(const datastore_step& step) {
+    return datastore_register_notification(*handle_of(step.target), step.path, every_event, aaa_banner_config_handler,
+                                           agent.event_manager, nullptr);
+}
+
 void log_failure(platform_status status, const char* text) {
     log_status(ERR_ERRNO, status, text);
 }
 
 constexpr datastore_operation bind_to{bind_tree, log_bind_failure};
 constexpr datastore_operation verify{register_verification, log_failure};
+constexpr datastore_operation notify_banner{register_banner_notification, log_failure};
+constexpr datastore_operation notify_aaa_banner{register_aaa_banner_notification, log_failure};
 
 /// In their order. What is not given back after a failure ends with the process.
 constexpr datastore_step datastore_steps[] = {
@@ -107,6 +123,16 @@ constexpr datastore_step datastore_steps[] = {
      binding_server | binding_client, START_UP_CLIENT_VERIFICATION},
     {verify, binding_backup, whole_subtree, "Failed to register for backup config verification",
      binding_server | binding_client | binding_backup, START_UP_BACKUP_VERIFICATION},
+    {bind_to, binding_banner, paths::banner_tree, "SSH BANNER", binding_server | binding_client,
+     START_UP_BANNER_BINDING},
+    {notify_banner, binding_banner, "0x2", "Failed to register for banner config notification",
+     binding_server | binding_client | binding_banner, START_UP_BANNER_NOTIFICATION},
+    {notify_banner, binding_banner, "0x3", "Failed to register for login banner config notification",
+     binding_server | binding_client | binding_banner, START_UP_LOGIN_BANNER_NOTIFICATION},
+    {bind_to, binding_aaa_banner, paths::aaa_banner_tree, "SSH BANNER AAA",
+     binding_server | binding_client | binding_banner, START_UP_AAA_BANNER_BINDING},
+    {notify_aaa_banner, binding_aaa_banner, "0x0", "Failed to register for banner config notification",
+     binding_server | binding_client | binding_banner | binding_aaa_banner, START_UP_AAA_BANNER_NOTIFICATION},
 };
 
 void unbind(uint32_t bindings) {
@@ -154,6 +180,37 @@ start_up_status create_event_manager() {
 
 start_up_status read_role() {
     agent.process_role = process_manager_role();
+    return START_UP_DONE;
+}
+
+start_up_status write_pam() {
+    write_pam_file();
+    return START_UP_DONE;
+}
+
+start_up_status create_pam_watcher() {
+    if (create_pam_inotify() != 0) {
+        log_errno("Failed to initialize inotify for Norvossh PAM Config file");
+        return START_UP_INOTIFY;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status watch_pam() {
+    if (watch_pam_directory() != 0) {
+        log_errno("Failed to adda watch for Norvossh PAM Config file");
+        return START_UP_INOTIFY_WATCH;
+    }
+    return START_UP_DONE;
+}
+
+start_up_status attach_pam_watcher() {
+    const platform_status status = event_manager_attach_fd(agent.event_manager, agent.pam_inotify, EVENT_MANAGER_READ,
+                                                           pam_config_file_handler, nullptr);
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, "Failed to attach event handler for norvossh PAM Config file");
+        return START_UP_INOTIFY_ATTACH;
+    }
     return START_UP_DONE;
 }
 
@@ -220,6 +277,11 @@ start_up_status report_ready() {
     return START_UP_DONE;
 }
 
+start_up_status connect_shelf() {
+    connect_shelf_manager();
+    return START_UP_DONE;
+}
+
 struct provider_step {
     platform_status (*run)();
     const char* text;  ///< logged after a failure; null when the provider has said enough
@@ -267,6 +329,14 @@ start_up_status register_fips() {
     return START_UP_DONE;
 }
 
+start_up_status publish_file_systems() {
+    if (publish_filesystem_list() != 0) {
+        log_error("Failed to store filesystemlist in shared memory");
+        return START_UP_FILE_SYSTEM_LIST;
+    }
+    return START_UP_DONE;
+}
+
 /// Without the messages the servers of VRFs whose namespaces exist still run, so a failure is not fatal.
 start_up_status attach_namespace_messages() {
     const platform_status status =
@@ -295,6 +365,12 @@ start_up_status create_default_unit() {
         debug_print("Failed to create SSHD systemd service and config file for vrf:=default");
         return START_UP_DEFAULT_UNIT;
     }
+    return START_UP_DONE;
+}
+
+/// Before the servers' files are made from the default one, which names the banner file.
+start_up_status build_banners() {
+    apply_present_banners();
     return START_UP_DONE;
 }
 
@@ -327,12 +403,16 @@ struct start_up_step {
     start_up_status (*run)();
 };
 
-/// The order is part of the contract with the platform and with what follows: nothing is registered before this node is
-/// primary, readiness is reported before the files are written, and the stored configuration comes last.
+/// The order is part of the contract with the platform and with what follows: nothing but the PAM watch is registered before
+/// this node is primary, readiness is reported before the files are written, and the stored configuration comes last.
 constexpr start_up_step steps[] = {
     {"trace buffers", create_traces},
     {"event manager", create_event_manager},
     {"process role", read_role},
+    {"PAM file", write_pam},
+    {"PAM inotify", create_pam_watcher},
+    {"PAM watch", watch_pam},
+    {"PAM handler", attach_pam_watcher},
     {"primary", wait_for_primary},
     {"debug flags", register_debug_flags},
     {"start", announce_start},
@@ -341,13 +421,16 @@ constexpr start_up_step steps[] = {
     {"default files", prepare_files},
     {"datastore", set_up_datastore},
     {"ready", report_ready},
+    {"shelf manager", connect_shelf},
     {"data providers", register_providers},
     {"telemetry producer", open_telemetry},
     {"initial lines", write_lines},
     {"FIPS mode", register_fips},
+    {"file-system list", publish_file_systems},
     {"namespace messages", attach_namespace_messages},
     {"protection", open_protection},
     {"default unit", create_default_unit},
+    {"banners", build_banners},
     {"server scan", scan_server},
     {"client scan", scan_client},
     {"scan complete", mark_scanned},

@@ -45,7 +45,8 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
         fake_platform::calls(),
         ElementsAre("trace_buffer_create(ssh/cfg-agent/error, 200, 12400)",
                     "trace_buffer_create(ssh/cfg-agent/event, 200, 12400)", "event_manager_create(/dev/ssh_cfg_agent)",
-                    "process_manager_role()", "debug_flag_register(/debug/ssh/, 1, server-l1, 7, 5)",
+                    "process_manager_role()", "event_manager_attach_fd(1)",
+                    "debug_flag_register(/debug/ssh/, 1, server-l1, 7, 5)",
                     "debug_flag_register(/debug/ssh/, 2, server-l2, 7, 5)",
                     "debug_flag_register(/debug/ssh/, 3, server-l3, 7, 5)",
                     "debug_flag_register(/debug/ssh/, 4, client-l1, 7, 5)",
@@ -58,8 +59,13 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
                     "datastore_bind(/cfg/gl/crypto/ssh/client/)", "datastore_bind(/cfg/gl/crypto/ssh/sshd_backup/)",
                     "datastore_register_verification(/cfg/gl/crypto/ssh/server/, 7)",
                     "datastore_register_verification(/cfg/gl/crypto/ssh/client/, 7)",
-                    "datastore_register_verification(/cfg/gl/crypto/ssh/sshd_backup/, 7)", "process_manager_ready()",
-                    "datastore_provider_register(/oper/crypto-ssh/gl/session_xml/)",
+                    "datastore_register_verification(/cfg/gl/crypto/ssh/sshd_backup/, 7)",
+                    "datastore_bind(/cfg/gl/banner/)", "datastore_register_notification(/cfg/gl/banner/0x2, 7)",
+                    "datastore_register_notification(/cfg/gl/banner/0x3, 7)", "datastore_bind(/cfg/gl/aaa/banner/)",
+                    "datastore_register_notification(/cfg/gl/aaa/banner/0x0, 7)", "process_manager_ready()",
+                    "event_manager_loop_handle()", "shelf_manager_create(loop)", "shelf_manager_set_reload_callback()",
+                    "shelf_manager_set_connect_callback()", "shelf_manager_set_disconnect_callback()",
+                    "shelf_manager_connect()", "datastore_provider_register(/oper/crypto-ssh/gl/session_xml/)",
                     "datastore_provider_register(/oper/crypto-ssh/gl/sshddata/)",
                     "datastore_provider_register(/oper/crypto-ssh/client/)",
                     "datastore_provider_register(/oper/crypto-ssh/gl/server-params)",
@@ -68,10 +74,11 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
                     "system__bag_overlay_crypto_ssh_system)",
                     "datastore_bind(/cfg/gl/crypto/)", "datastore_item_get(/cfg/gl/crypto/fipsmode/value)",
                     "datastore_register_verification(/cfg/gl/crypto/fipsmode/value, 7)",
-                    "datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)",
+                    "datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)", "file_system_list_get()",
                     "event_manager_attach_message(0x50d8085)", "mpp_init(1)", "mpp_init(64)",
-                    "vrf_table_lookup(default)", "$ systemctl daemon-reload",
-                    "datastore_backend_scan(/cfg/gl/crypto/ssh/server/, 0xfedcba98)",
+                    "vrf_table_lookup(default)", "$ systemctl daemon-reload", "banner_service_platform(3)",
+                    "banner_service_configured(3)", "banner_service_platform(2)", "banner_service_configured(2)",
+                    "banner_service_aaa()", "datastore_backend_scan(/cfg/gl/crypto/ssh/server/, 0xfedcba98)",
                     "datastore_backend_scan(/cfg/gl/crypto/ssh/client/, 0xfedcba98)"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
     EXPECT_EQ(agent.initial_scan_complete, 1u);
@@ -177,6 +184,79 @@ TEST_F(start_up_test, namespace_messages_are_answered) {
     EXPECT_EQ(reply.bytes, std::string(24, '\0'));
 }
 
+TEST_F(start_up_test, the_pam_file_is_written_and_watched) {
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    expect_golden("host/golden/norvosshd", read_file("/etc/pam.d/norvosshd"));
+    remove_path("/etc/pam.d/norvosshd");
+    EXPECT_EQ(fake_platform::dispatch_ready_fds(), 1u);
+    expect_golden("host/golden/norvosshd", read_file("/etc/pam.d/norvosshd"));
+}
+
+TEST_F(start_up_test, the_file_system_list_is_published) {
+    fake_platform::set_file_systems({"disk0:", "harddisk:"});
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_STREQ(read_file("/dev/shmem/shm_filesystem_list").c_str(), "disk0: harddisk: ");
+}
+
+TEST_F(start_up_test, banners_reach_their_handlers) {
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    for (const auto& [kind, item] : {std::pair(2u, "0x2"), std::pair(3u, "0x3")}) {
+        fake_platform::set_configured_banner(kind, "#Hello#");
+        fake_platform::notify(std::string("/cfg/gl/banner/") + item, 3, fake_platform::text_value("#Hello#"));
+        EXPECT_EQ(read_file(paths::banner_file), "Hello\n") << item;
+        fake_platform::set_configured_banner(kind, std::nullopt);
+    }
+    fake_platform::set_aaa_banner("#Welcome#");
+    fake_platform::notify("/cfg/gl/aaa/banner/0x0", 3, fake_platform::text_value("#Welcome#"));
+    EXPECT_EQ(read_file("/etc/motd"), "Welcome\n");
+}
+
+// A notice tells of a change; what was there before the start would have none.
+TEST_F(start_up_test, banners_are_there_before_the_servers) {
+    store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, std::nullopt, std::nullopt}));
+    fake_platform::set_configured_banner(3, "#Hello#");
+    fake_platform::set_aaa_banner("#Welcome#");
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_EQ(read_file(paths::banner_file), "Hello\n");
+    EXPECT_EQ(read_file("/etc/motd"), "Welcome\n");
+    EXPECT_THAT(file_lines("/var/opt/norvo/norvossh/sshd_config_red"),
+                Contains("Banner /var/opt/norvo/norvossh/banner"));
+}
+
+// The platform may have banners of its own where nothing is configured.
+TEST_F(start_up_test, each_banner_alone_is_reason_enough) {
+    for (const uint32_t kind : {2u, 3u}) {
+        fake_platform::set_platform_banner(kind, "Stop");
+        EXPECT_EQ(start_agent(), START_UP_DONE);
+        EXPECT_THAT(file_lines(paths::server_file), Contains("Banner /var/opt/norvo/norvossh/banner")) << kind;
+        fake_platform::set_platform_banner(kind, std::nullopt);
+        fake_platform::set_configured_banner(kind, "#Hello#");
+        EXPECT_EQ(start_agent(), START_UP_DONE);
+        EXPECT_EQ(read_file(paths::banner_file), "Hello\n") << kind;
+        fake_platform::set_configured_banner(kind, std::nullopt);
+    }
+}
+
+TEST_F(start_up_test, without_banners_nothing_is_touched) {
+    write_file("/etc/motd", "the machine's own\n");
+    write_file(paths::banner_file, "old\n");
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_EQ(read_file("/etc/motd"), "the machine's own\n");
+    EXPECT_EQ(read_file(paths::banner_file), "old\n");
+}
+
+// They have a status of their own, so that the process manager's records tell them from start-up.
+TEST_F(start_up_test, banner_files_that_cannot_be_made_end_the_process) {
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    std::filesystem::create_directories(std::string(paths::banner_file) + "/in_the_way");
+    EXPECT_EXIT(fake_platform::notify("/cfg/gl/banner/0x3", 3, fake_platform::text_value("#a#")),
+                testing::ExitedWithCode(256 - 25), "");
+    std::filesystem::create_directories(std::string(paths::aaa_banner_file) + "/in_the_way");
+    fake_platform::set_aaa_banner("#a#");
+    EXPECT_EXIT(fake_platform::notify("/cfg/gl/aaa/banner/0x0", 3, fake_platform::text_value("#a#")),
+                testing::ExitedWithCode(256 - 30), "");
+}
+
 TEST_F(start_up_test, announces_itself) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::set_respawn_count(3);
@@ -204,6 +284,9 @@ TEST_F(start_up_test, a_wait_that_fails_ends_with_status_1_and_no_word) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
     EXPECT_EQ(fake_platform::count_calls("debug_flag_register"), 0u);
     EXPECT_FALSE(path_exists("/var/empty"));
+    // Its PAM file is kept all the same.
+    EXPECT_TRUE(path_exists("/etc/pam.d/norvosshd"));
+    EXPECT_EQ(fake_platform::count_calls("event_manager_attach_fd"), 2u);
 }
 
 // --- Fatal failures -------------------------------------------------------------------------------------------------
@@ -217,6 +300,8 @@ struct fatal_case {
 
 constexpr char unbind_server[] = "datastore_unbind(/cfg/gl/crypto/ssh/server/)";
 constexpr char unbind_client[] = "datastore_unbind(/cfg/gl/crypto/ssh/client/)";
+constexpr char unbind_banner[] = "datastore_unbind(/cfg/gl/banner/)";
+constexpr char unbind_aaa_banner[] = "datastore_unbind(/cfg/gl/aaa/banner/)";
 constexpr char unbind_backup[] = "datastore_unbind(/cfg/gl/crypto/ssh/sshd_backup/)";
 
 const fatal_case fatal_cases[] = {
@@ -257,6 +342,30 @@ const fatal_case fatal_cases[] = {
      START_UP_BACKUP_VERIFICATION,
      "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for backup config verification",
      {unbind_server, unbind_client, unbind_backup}},
+    {"event_manager_attach_fd",
+     START_UP_INOTIFY_ATTACH,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to attach event handler for norvossh PAM Config file",
+     {}},
+    {"datastore_bind(/cfg/gl/banner/)",
+     START_UP_BANNER_BINDING,
+     "ERR_DATASTORE_BIND: Error:=Input/output error(0x5), Location:=SSH BANNER, Failed to bind to datastore",
+     {unbind_server, unbind_client}},
+    {"datastore_register_notification(/cfg/gl/banner/0x2, 7)",
+     START_UP_BANNER_NOTIFICATION,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for banner config notification",
+     {unbind_server, unbind_client, unbind_banner}},
+    {"datastore_register_notification(/cfg/gl/banner/0x3, 7)",
+     START_UP_LOGIN_BANNER_NOTIFICATION,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for login banner config notification",
+     {unbind_server, unbind_client, unbind_banner}},
+    {"datastore_bind(/cfg/gl/aaa/banner/)",
+     START_UP_AAA_BANNER_BINDING,
+     "ERR_DATASTORE_BIND: Error:=Input/output error(0x5), Location:=SSH BANNER AAA, Failed to bind to datastore",
+     {unbind_server, unbind_client, unbind_banner}},
+    {"datastore_register_notification(/cfg/gl/aaa/banner/0x0, 7)",
+     START_UP_AAA_BANNER_NOTIFICATION,
+     "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register for banner config notification",
+     {unbind_server, unbind_client, unbind_banner, unbind_aaa_banner}},
     {"datastore_provider_register(/oper/crypto-ssh/gl/session_xml/)",
      START_UP_SESSION_XML_PROVIDER,
      "ERR_ERRNO: Error:=Input/output error(0x5), Failed to register ssh edm for xml",
@@ -315,6 +424,8 @@ TEST_P(start_up_fatal_test, ends_with_its_own_status) {
     EXPECT_TRUE(!unbound(unbind_server) || agent.server_binding == nullptr);
     EXPECT_TRUE(!unbound(unbind_client) || agent.client_binding == nullptr);
     EXPECT_TRUE(!unbound(unbind_backup) || agent.backup_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_banner) || agent.banner_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_aaa_banner) || agent.aaa_banner_binding == nullptr);
 
     // Nothing runs after the failed step, and the failure is traced.
     EXPECT_EQ(agent.initial_scan_complete, 0u);
@@ -388,6 +499,50 @@ TEST_F(start_up_test, a_missing_datastore_library_fails_the_first_binding) {
                             "(0x8081c200), Location:=SSH CFG BASE SERVER, Failed to bind to datastore"));
 }
 
+TEST_F(start_up_test, an_inotify_instance_that_cannot_be_made_is_fatal) {
+    call_faults::fail_call("inotify_init1", EMFILE);
+    EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 10), "");
+    EXPECT_EQ(start_agent(), START_UP_INOTIFY);
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(failure_text("Too many open files(0x18)",
+                                                                     "Failed to initialize inotify for Norvossh PAM "
+                                                                     "Config file")));
+    EXPECT_FALSE(fake_platform::trace_lines_of("ssh/cfg-agent/error").empty());
+    EXPECT_EQ(fake_platform::count_calls("event_manager_attach_fd"), 0u);
+}
+
+TEST_F(start_up_test, a_pam_directory_that_cannot_be_watched_is_fatal) {
+    call_faults::fail_call("inotify_add_watch", ENOENT);
+    EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 11), "");
+    EXPECT_EQ(start_agent(), START_UP_INOTIFY_WATCH);
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre(failure_text("No such file or directory(0x2)",
+                                         "Failed to adda watch for Norvossh PAM Config file")));
+    EXPECT_FALSE(fake_platform::trace_lines_of("ssh/cfg-agent/error").empty());
+    EXPECT_EQ(fake_platform::count_calls("event_manager_attach_fd"), 0u);
+}
+
+TEST_F(start_up_test, a_file_system_list_that_cannot_be_had_is_fatal) {
+    fake_platform::fail("file_system_list_get", EIO);
+    EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 34), "");
+    EXPECT_EQ(start_agent(), START_UP_FILE_SYSTEM_LIST);
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("ERR_GENERAL: Failed to get fslist",
+                            "ERR_GENERAL: Failed to store filesystemlist in shared memory"));
+    EXPECT_EQ(fake_platform::count_calls("mpp_init"), 0u);
+}
+
+TEST_F(start_up_test, a_file_system_list_that_cannot_be_stored_is_fatal) {
+    remove_path("/dev/shmem");
+    EXPECT_EQ(start_agent(), START_UP_FILE_SYSTEM_LIST);
+    EXPECT_TRUE(fake_platform::logged("ERR_GENERAL", "Failed to store filesystemlist in shared memory"));
+}
+
+TEST_F(start_up_test, a_fips_registration_that_fails_is_fatal) {
+    fake_platform::fail("datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)", EIO);
+    EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 6), "");
+    EXPECT_EQ(start_agent(), START_UP_FIPS);
+}
+
 TEST_F(start_up_test, an_empty_directory_that_cannot_be_made_is_fatal) {
     remove_path("/var/empty");
     scratch_root::set_read_only("/var", true);
@@ -420,6 +575,29 @@ TEST_F(start_up_test, trace_buffers_are_not_needed) {
     EXPECT_EQ(fake_platform::log_texts().size(), 2u);
 }
 
+TEST_F(start_up_test, a_shelf_manager_is_not_needed) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    fake_platform::fail("shelf_manager_create", EIO);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("WARN_ERRNO: Error:=Input/output error(0x5), SM handle create failed"));
+    EXPECT_TRUE(fake_platform::debugged("Error:=Input/output error(0x5), SM handle create failed"));
+    EXPECT_EQ(fake_platform::count_calls("shelf_manager_connect"), 0u);
+}
+
+TEST_F(start_up_test, a_shelf_manager_that_is_not_there_is_not_needed) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    fake_platform::fail("shelf_manager_connect", ECONNREFUSED);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    // The two texts differ by a blank.
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("WARN_ERRNO: Error:=Connection refused(0x6f), Failed to register for upgrade "
+                            "notification/Sessions might not shutdown gracefully during system upgrades"));
+    EXPECT_TRUE(
+        fake_platform::debugged("Error:=Connection refused(0x6f), Failed to register for upgrade "
+                                "notification/Sessions might not shutdowngracefully during system upgrades"));
+}
+
 TEST_F(start_up_test, namespace_messages_are_not_needed) {
     fake_platform::fail("event_manager_attach_message", EIO);
     EXPECT_EQ(start_agent(), START_UP_DONE);
@@ -445,6 +623,7 @@ TEST_F(start_up_test, killed_anywhere_the_next_start_completes_the_files) {
     ASSERT_GT(undisturbed.calls, 100u);
     for (uint32_t call = 1; call <= undisturbed.calls; call += 3) {
         remove_path(paths::configuration_directory);
+        remove_path(paths::pam_file);
         const auto killed = syscall_faults::run({syscall_faults::fault::kill, call},
                                                 [] { return start_up() == START_UP_DONE ? 0 : 1; });
         SCOPED_TRACE("killed before call " + std::to_string(call) + ", " + killed.name);
@@ -455,6 +634,7 @@ TEST_F(start_up_test, killed_anywhere_the_next_start_completes_the_files) {
         ASSERT_EQ(next.status, 0);
         EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
         EXPECT_EQ(sorted_lines(paths::client_file), client_lines);
+        expect_golden("host/golden/norvosshd", read_file(paths::pam_file));
     }
 }
 

@@ -1,0 +1,426 @@
+#include "host/pam_file.h"
+
+#include <gmock/gmock.h>
+#include <sys/inotify.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "../agent_test.h"
+#include "call_faults.h"
+#include "core/debug.h"
+#include "scratch_root.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr char directory[] = "/etc/pam.d";
+constexpr char file[] = "/etc/pam.d/norvosshd";
+
+/// The content is in the golden file; a test that changes the file says so by its own text.
+constexpr char other_content[] = "auth required pam_deny.so\n";
+
+class pam_file_test : public agent_test {
+  protected:
+    pam_file_test() { fake_platform::preset_debug_flag(debug_cfg_agent, true); }
+
+    static void expect_whole_file() { expect_golden("host/golden/norvosshd", read_file(file)); }
+};
+
+// --- The file -------------------------------------------------------------------------------------------------------
+
+TEST_F(pam_file_test, a_missing_file_is_written) {
+    write_pam_file();
+    expect_whole_file();
+    EXPECT_THAT(directory_names(directory), ElementsAre("norvosshd"));
+    EXPECT_THAT(fake_platform::debug_texts(), IsEmpty());
+}
+
+TEST_F(pam_file_test, an_existing_file_is_left_alone_whatever_it_holds) {
+    for (const char* content : {other_content, "", "\n"}) {
+        write_file(file, content);
+        write_pam_file();
+        EXPECT_EQ(read_file(file), content);
+    }
+}
+
+TEST_F(pam_file_test, a_file_that_cannot_be_opened_is_reported) {
+    scratch_root::set_read_only(directory, true);
+    write_pam_file();
+    EXPECT_THAT(fake_platform::debug_texts(),
+                ElementsAre("Failed to open file:=/etc/pam.d/norvosshd,error:=Read-only file system(0x1e)"));
+    const auto trace = fake_platform::trace_lines_of("ssh/cfg-agent/error");
+    ASSERT_EQ(trace.size(), 1u);
+    EXPECT_THAT(trace.front().arguments, ElementsAre(file, "w", "30"));
+}
+
+TEST_F(pam_file_test, a_full_disk_leaves_no_half_file) {
+    for (const char* call : {"stdio_write", "fclose", "rename"}) {
+        SCOPED_TRACE(call);
+        call_faults::fail_call(call, ENOSPC, call_faults::always, 1,
+                               call == std::string("rename") ? "" : paths::pam_temporary_file);
+        write_pam_file();
+        call_faults::clear();
+        EXPECT_THAT(directory_names(directory), IsEmpty());
+        EXPECT_TRUE(
+            fake_platform::debugged("Failed to open file:=/etc/pam.d/norvosshd,error:=No space left on device(0x1c)"));
+        fake_platform::clear_reports();
+    }
+    write_pam_file();
+    expect_whole_file();
+}
+
+TEST_F(pam_file_test, killed_anywhere_it_leaves_no_file_or_the_whole_one) {
+    const uint32_t kill_points = call_faults::for_each_kill_point(
+        [] {
+            remove_path(file);
+            remove_path(paths::pam_temporary_file);
+        },
+        [] { write_pam_file(); },
+        [] {
+            if (path_exists(file)) {
+                expect_whole_file();
+            }
+            write_pam_file();
+            expect_whole_file();
+            EXPECT_THAT(directory_names(directory), ElementsAre("norvosshd"));
+        });
+    EXPECT_GT(kill_points, 2u);
+}
+
+// --- The watch ------------------------------------------------------------------------------------------------------
+
+class pam_watch_test : public pam_file_test {
+  protected:
+    pam_watch_test() {
+        write_pam_file();
+        EXPECT_EQ(create_pam_inotify(), 0);
+        EXPECT_EQ(watch_pam_directory(), 0);
+        event_manager_create(paths::device, &agent.event_manager);
+        event_manager_attach_fd(agent.event_manager, agent.pam_inotify, EVENT_MANAGER_READ, pam_config_file_handler,
+                                nullptr);
+        fake_platform::clear_reports();
+    }
+
+    /// The loop's work until nothing is left to read. Returns how often the handler ran.
+    static size_t run_loop() {
+        size_t count = 0;
+        while (count < 1000 && fake_platform::dispatch_ready_fds() != 0) {
+            count++;
+        }
+        return count;
+    }
+
+    static bool restored() { return fake_platform::debugged("Found Entry:=norvosshd"); }
+
+    /// A directory that can be taken away: the test's own is mounted.
+    static void use_plain_directory() {
+        ASSERT_EQ(umount2(directory, MNT_DETACH), 0);
+        std::filesystem::remove_all(directory);
+        std::filesystem::create_directory(directory);
+        run_loop();
+        fake_platform::clear_reports();
+        write_pam_file();
+        ASSERT_EQ(watch_pam_directory(), 0);
+    }
+};
+
+TEST_F(pam_watch_test, asks_for_deletions_in_the_directory) {
+    EXPECT_EQ(IN_DELETE, 0x200);
+    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent.pam_inotify));
+    EXPECT_NE(info.find(" mask:200 "), std::string::npos) << info;
+    EXPECT_EQ(info.find("inotify wd:2"), std::string::npos) << info;
+}
+
+TEST_F(pam_watch_test, a_deleted_file_is_back_as_it_was) {
+    remove_path(file);
+    EXPECT_EQ(run_loop(), 1u);
+    expect_whole_file();
+    EXPECT_THAT(fake_platform::debug_texts(),
+                ElementsAre("Entered PAM Config File handler", "Mask:=0x200, Name:=norvosshd, event received",
+                            "Found Entry:=norvosshd"));
+    EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
+}
+
+TEST_F(pam_watch_test, it_comes_back_as_often_as_it_is_deleted) {
+    for (int i = 0; i < 50; i++) {
+        remove_path(file);
+        run_loop();
+        ASSERT_TRUE(path_exists(file)) << i;
+    }
+}
+
+TEST_F(pam_watch_test, other_files_are_none_of_its_business) {
+    write_file(file, other_content);
+    for (const char* name : {"norvosshd.bak", "norvossh", "norvosshd2", "Norvosshd", "sshd", "n",
+                             "a_name_that_is_longer_than_the_one_in_question_and_ends_like_it_norvosshd"}) {
+        const std::string path = std::string(directory) + "/" + name;
+        write_file(path, "");
+        remove_path(path);
+    }
+    EXPECT_GE(run_loop(), 1u);
+    EXPECT_FALSE(restored());
+    EXPECT_EQ(read_file(file), other_content);
+    EXPECT_TRUE(fake_platform::debugged("Mask:=0x200, Name:=norvosshd.bak, event received"));
+}
+
+// While the file is away for another reason, a deletion beside it does not bring it back.
+TEST_F(pam_watch_test, a_prefix_of_the_name_does_not_match) {
+    write_file(std::string(file) + ".bak", "");
+    std::filesystem::rename(file, std::string(file) + ".moved");
+    remove_path(std::string(file) + ".bak");
+    run_loop();
+    EXPECT_FALSE(path_exists(file));
+}
+
+TEST_F(pam_watch_test, a_change_or_a_rename_is_not_noticed) {
+    write_file(file, other_content);
+    write_file(file, "");
+    std::filesystem::rename(file, std::string(directory) + "/renamed");
+    EXPECT_EQ(run_loop(), 0u);
+    EXPECT_FALSE(path_exists(file));
+}
+
+TEST_F(pam_watch_test, the_deletion_is_found_among_many_events) {
+    for (int i = 0; i < 100; i++) {
+        const std::string path = std::string(directory) + "/other" + std::to_string(i);
+        write_file(path, "");
+        remove_path(path);
+        if (i == 60) {
+            remove_path(file);
+        }
+    }
+    // 32 bytes an event, 1024 a read.
+    EXPECT_GE(run_loop(), 4u);
+    EXPECT_TRUE(restored());
+    expect_whole_file();
+}
+
+TEST_F(pam_watch_test, names_of_the_greatest_length_fit_the_buffer) {
+    const std::string path = std::string(directory) + "/" + std::string(255, 'x');
+    for (int i = 0; i < 10; i++) {
+        write_file(path, "");
+        remove_path(path);
+    }
+    remove_path(file);
+    run_loop();
+    EXPECT_TRUE(restored());
+    expect_whole_file();
+}
+
+// One found is enough: the rest of the buffer is not walked.
+TEST_F(pam_watch_test, stops_walking_at_its_own_file) {
+    remove_path(file);
+    write_file(std::string(directory) + "/later", "");
+    remove_path(std::string(directory) + "/later");
+    EXPECT_EQ(run_loop(), 1u);
+    EXPECT_TRUE(restored());
+    EXPECT_FALSE(fake_platform::debugged("Mask:=0x200, Name:=later, event received"));
+}
+
+TEST_F(pam_watch_test, a_failed_read_is_logged) {
+    remove_path(file);
+    call_faults::fail_call("read", EIO, call_faults::once);
+    EXPECT_EQ(fake_platform::dispatch_ready_fds(), 1u);
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), Read failed in inotifyevent notification for "
+                            "norvossh_pam_config_fd"));
+    EXPECT_TRUE(
+        fake_platform::debugged("Read failed in inotify event notification fornorvossh_pam_config_fd "
+                                "error:=Input/output error(0x5)"));
+    EXPECT_FALSE(path_exists(file));
+    // The event is still there.
+    run_loop();
+    expect_whole_file();
+}
+
+// A wake-up without an event must not hold the loop up.
+TEST_F(pam_watch_test, nothing_to_read_does_not_block) {
+    pam_config_file_handler(agent.pam_inotify, EVENT_MANAGER_READ, nullptr);
+    EXPECT_THAT(fake_platform::log_texts(), Contains("ERR_ERRNO: Error:=Resource temporarily unavailable(0xb), Read "
+                                                     "failed in inotifyevent notification for norvossh_pam_config_fd"));
+}
+
+/// Lets the handler read bytes of one's own.
+void read_bytes(const std::string& bytes) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(ends[1]);
+    pam_config_file_handler(ends[0], EVENT_MANAGER_READ, nullptr);
+    close(ends[0]);
+}
+
+std::string event_bytes(uint32_t mask, std::string name, size_t name_size, int watch = 1) {
+    inotify_event header = {};
+    header.wd = watch;
+    header.mask = mask;
+    header.len = static_cast<uint32_t>(name_size);
+    std::string bytes(sizeof header, '\0');
+    std::memcpy(bytes.data(), &header, sizeof header);
+    name.resize(name_size);
+    return bytes + name;
+}
+
+TEST_F(pam_watch_test, truncated_events_are_not_read_past_their_end) {
+    std::filesystem::rename(file, std::string(file) + ".moved");
+    const std::string whole = event_bytes(IN_DELETE, "norvosshd", 16);
+    for (size_t size = 0; size < whole.size(); size++) {
+        read_bytes(whole.substr(0, size));
+        EXPECT_FALSE(path_exists(file)) << size;
+    }
+    // A length that reaches beyond what was read, up to the greatest there is.
+    for (const uint32_t length : {17u, 1024u, 0x7fffffffu, 0xffffffffu}) {
+        std::string bytes = whole;
+        std::memcpy(bytes.data() + offsetof(inotify_event, len), &length, sizeof length);
+        read_bytes(bytes);
+        EXPECT_FALSE(path_exists(file)) << length;
+    }
+    read_bytes(event_bytes(IN_DELETE, "", 0) + event_bytes(IN_CREATE, "norvosshd", 16) + whole);
+    EXPECT_TRUE(path_exists(file));
+}
+
+TEST_F(pam_watch_test, a_deletion_behind_a_truncated_event_comes_with_the_next_read) {
+    std::filesystem::rename(file, std::string(file) + ".moved");
+    read_bytes(event_bytes(IN_DELETE, "other", 16) + event_bytes(IN_DELETE, "norvosshd", 16).substr(0, 20));
+    EXPECT_FALSE(path_exists(file));
+    EXPECT_TRUE(fake_platform::debugged("Mask:=0x200, Name:=other, event received"));
+}
+
+// --- Events that are not delivered ----------------------------------------------------------------------------------
+
+TEST_F(pam_watch_test, an_overflow_has_the_file_looked_for) {
+    std::filesystem::rename(file, std::string(file) + ".moved");
+    read_bytes(event_bytes(IN_Q_OVERFLOW, "", 0, -1));
+    expect_whole_file();
+}
+
+// The real thing: more deletions than the kernel keeps, with the file's own lost behind them.
+TEST_F(pam_watch_test, a_deletion_that_the_queue_has_lost_is_made_good) {
+    const uint32_t kept = static_cast<uint32_t>(std::stoul(read_file("/proc/sys/fs/inotify/max_queued_events")));
+    // Two names in turn: the kernel joins events that are equal.
+    const std::string names[] = {std::string(directory) + "/a", std::string(directory) + "/b"};
+    for (uint32_t i = 0; i <= kept; i++) {
+        close(open(names[i % 2].c_str(), O_WRONLY | O_CREAT, 0600));
+        unlink(names[i % 2].c_str());
+    }
+    fake_platform::preset_debug_flag(debug_cfg_agent, false);
+    remove_path(file);
+    EXPECT_GT(run_loop(), 100u);
+    while (run_loop() != 0) {
+    }
+    expect_whole_file();
+    remove_path(file);
+    run_loop();
+    expect_whole_file();
+}
+
+TEST_F(pam_watch_test, a_directory_made_again_has_its_file_and_its_watch_again) {
+    use_plain_directory();
+    for (int i = 0; i < 3; i++) {
+        std::filesystem::remove_all(directory);
+        run_loop();
+        EXPECT_FALSE(path_exists(directory)) << "the directory is somebody else's to make";
+        std::filesystem::create_directory(directory);
+        run_loop();
+        expect_whole_file();
+        remove_path(file);
+        run_loop();
+        expect_whole_file();
+    }
+    // Nothing is left of the watch from above.
+    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent.pam_inotify));
+    EXPECT_EQ(info.find("inotify wd:"), info.rfind("inotify wd:")) << info;
+}
+
+TEST_F(pam_watch_test, a_directory_moved_into_its_place_counts_too) {
+    use_plain_directory();
+    std::filesystem::create_directory("/etc/pam.new");
+    std::filesystem::remove_all(directory);
+    run_loop();
+    std::filesystem::rename("/etc/pam.new", directory);
+    run_loop();
+    expect_whole_file();
+    remove_path(file);
+    run_loop();
+    expect_whole_file();
+}
+
+// Both within one turn of the loop: the deletion of the file is the first event, the loss of the watch the last.
+TEST_F(pam_watch_test, a_directory_that_is_gone_only_for_a_moment_is_watched_again) {
+    use_plain_directory();
+    std::filesystem::remove_all(directory);
+    std::filesystem::create_directory(directory);
+    run_loop();
+    expect_whole_file();
+    remove_path(file);
+    run_loop();
+    expect_whole_file();
+}
+
+TEST_F(pam_watch_test, a_directory_that_comes_with_a_file_keeps_it) {
+    use_plain_directory();
+    std::filesystem::create_directory("/etc/pam.new");
+    write_file("/etc/pam.new/norvosshd", other_content);
+    std::filesystem::remove_all(directory);
+    run_loop();
+    std::filesystem::rename("/etc/pam.new", directory);
+    run_loop();
+    EXPECT_EQ(read_file(file), other_content);
+}
+
+// Without a watch the next deletion stays unseen; the operator is told, and this one is made good.
+TEST_F(pam_watch_test, a_watch_that_cannot_be_had_again_is_logged) {
+    use_plain_directory();
+    std::filesystem::remove_all(directory);
+    std::filesystem::create_directory(directory);
+    call_faults::fail_call("inotify_add_watch", ENOSPC);
+    run_loop();
+    expect_whole_file();
+    EXPECT_THAT(fake_platform::log_texts(),
+                ElementsAre("ERR_ERRNO: Error:=No space left on device(0x1c), Failed to adda "
+                            "watch for Norvossh PAM Config file"));
+}
+
+// The watch from above is there, so the directory's is tried again with whatever comes by it.
+TEST_F(pam_watch_test, a_watch_that_is_refused_for_a_while_is_had_later) {
+    use_plain_directory();
+    std::filesystem::remove_all(directory);
+    run_loop();
+    call_faults::fail_call("inotify_add_watch", ENOSPC);
+    std::filesystem::create_directory(directory);
+    run_loop();
+    call_faults::clear();
+    write_file("/etc/anything", "");
+    run_loop();
+    remove_path(file);
+    run_loop();
+    expect_whole_file();
+}
+
+// --- Set-up ---------------------------------------------------------------------------------------------------------
+
+TEST_F(pam_file_test, an_instance_or_a_watch_that_is_refused_is_traced) {
+    call_faults::fail_call("inotify_init1", EMFILE);
+    EXPECT_EQ(create_pam_inotify(), -1);
+    EXPECT_EQ(errno, EMFILE);
+    call_faults::clear();
+    EXPECT_EQ(create_pam_inotify(), 0);
+    call_faults::fail_call("inotify_add_watch", ENOSPC);
+    EXPECT_EQ(watch_pam_directory(), -1);
+    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").size(), 2u);
+}
+
+// The agent's shell commands must not inherit it.
+TEST_F(pam_file_test, the_instance_is_closed_in_other_programs) {
+    ASSERT_EQ(create_pam_inotify(), 0);
+    EXPECT_EQ(fcntl(agent.pam_inotify, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+}  // namespace
