@@ -1,0 +1,146 @@
+/// The PAM module that the servers' PAM service names: hands every stage to a service of the machine's own, so that who may
+/// log in, and how, is decided where the administrator has decided it for everything else.
+#include <security/pam_appl.h>
+#include <security/pam_ext.h>
+#include <security/pam_modules.h>
+#include <syslog.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+/// Installed as /etc/pam.d/ssh_cfg_aaa; the administrator's to change.
+constexpr const char* machine_service = "ssh_cfg_aaa";
+constexpr const char* data_name = "ssh_cfg_aaa";
+
+using stage = int (*)(pam_handle_t* machine, int flags);
+
+void end_machine_service(pam_handle_t*, void* machine, int status) {
+    pam_end(static_cast<pam_handle_t*>(machine), status);
+}
+
+/// The server sets these anew between the stages: the conversation is another one for the session than for the password,
+/// and the terminal is not known before.
+int hand_items_on(pam_handle_t* server, pam_handle_t* machine) {
+    constexpr int items[] = {PAM_CONV, PAM_TTY, PAM_RHOST, PAM_RUSER};
+    for (const int item : items) {
+        const void* value = nullptr;
+        int status = pam_get_item(server, item, &value);
+        if (status == PAM_SUCCESS && value != nullptr) {
+            status = pam_set_item(machine, item, value);
+        }
+        if (status != PAM_SUCCESS) {
+            return status;
+        }
+    }
+    return PAM_SUCCESS;
+}
+
+int start_machine_service(pam_handle_t* server, pam_handle_t** machine) {
+    const char* user = nullptr;
+    int status = pam_get_user(server, &user, nullptr);
+    if (status != PAM_SUCCESS) {
+        return status;
+    }
+    const void* conversation = nullptr;
+    status = pam_get_item(server, PAM_CONV, &conversation);
+    if (status != PAM_SUCCESS) {
+        return status;
+    }
+    status = pam_start(machine_service, user, static_cast<const pam_conv*>(conversation), machine);
+    if (status != PAM_SUCCESS) {
+        return status;
+    }
+    status = pam_set_data(server, data_name, *machine, end_machine_service);
+    if (status != PAM_SUCCESS) {
+        pam_end(*machine, status);
+    }
+    return status;
+}
+
+/// One and the same for all stages of a login, because a session has to be closed where it was opened.
+int machine_service_of(pam_handle_t* server, pam_handle_t** machine) {
+    const void* data = nullptr;
+    if (pam_get_data(server, data_name, &data) == PAM_SUCCESS && data != nullptr) {
+        *machine = static_cast<pam_handle_t*>(const_cast<void*>(data));
+        return PAM_SUCCESS;
+    }
+    return start_machine_service(server, machine);
+}
+
+/// What the machine's modules have for the session's environment.
+int take_environment_over(pam_handle_t* server, pam_handle_t* machine) {
+    char** environment = pam_getenvlist(machine);
+    if (environment == nullptr) {
+        return PAM_BUF_ERR;
+    }
+    int status = PAM_SUCCESS;
+    for (char** variable = environment; *variable != nullptr; ++variable) {
+        if (status == PAM_SUCCESS) {
+            status = pam_putenv(server, *variable);
+        }
+        free(*variable);
+    }
+    free(environment);
+    return status;
+}
+
+/// A module of the machine's may know the user by another name.
+int take_user_over(pam_handle_t* server, pam_handle_t* machine) {
+    const void* before = nullptr;
+    const void* now = nullptr;
+    int status = pam_get_item(server, PAM_USER, &before);
+    if (status == PAM_SUCCESS) {
+        status = pam_get_item(machine, PAM_USER, &now);
+    }
+    const auto* old_name = static_cast<const char*>(before);
+    const auto* new_name = static_cast<const char*>(now);
+    if (status != PAM_SUCCESS || new_name == nullptr || (old_name != nullptr && strcmp(old_name, new_name) == 0)) {
+        return status;
+    }
+    return pam_set_item(server, PAM_USER, new_name);
+}
+
+int run_stage(pam_handle_t* server, int flags, stage run) {
+    pam_handle_t* machine = nullptr;
+    int status = machine_service_of(server, &machine);
+    if (status == PAM_SUCCESS) {
+        status = hand_items_on(server, machine);
+    }
+    if (status != PAM_SUCCESS) {
+        pam_syslog(server, LOG_ERR, "cannot use the service %s: %s", machine_service, pam_strerror(server, status));
+        return status;
+    }
+    status = run(machine, flags);
+    int taken = take_user_over(server, machine);
+    if (taken == PAM_SUCCESS) {
+        taken = take_environment_over(server, machine);
+    }
+    return status == PAM_SUCCESS ? taken : status;
+}
+
+}  // namespace
+
+extern "C" {
+
+__attribute__((visibility("default"))) int pam_sm_authenticate(pam_handle_t* server, int flags, int, const char**) {
+    return run_stage(server, flags, pam_authenticate);
+}
+
+__attribute__((visibility("default"))) int pam_sm_setcred(pam_handle_t* server, int flags, int, const char**) {
+    return run_stage(server, flags, pam_setcred);
+}
+
+__attribute__((visibility("default"))) int pam_sm_acct_mgmt(pam_handle_t* server, int flags, int, const char**) {
+    return run_stage(server, flags, pam_acct_mgmt);
+}
+
+__attribute__((visibility("default"))) int pam_sm_open_session(pam_handle_t* server, int flags, int, const char**) {
+    return run_stage(server, flags, pam_open_session);
+}
+
+__attribute__((visibility("default"))) int pam_sm_close_session(pam_handle_t* server, int flags, int, const char**) {
+    return run_stage(server, flags, pam_close_session);
+}
+}
