@@ -1,0 +1,142 @@
+#include "openssh/wrapper/session_command.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+using namespace openssh;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+/// Strings as an execution takes them.
+class string_array {
+  public:
+    string_array(std::initializer_list<std::string> strings) : strings_(strings) {
+        for (std::string& string : strings_) {
+            pointers_.push_back(string.data());
+        }
+        pointers_.push_back(nullptr);
+    }
+    operator char* const*() const { return pointers_.data(); }
+
+  private:
+    std::vector<std::string> strings_;
+    std::vector<char*> pointers_;
+};
+
+const string_array session_environment = {"HOME=/home/a", "SSH_CLIENT=192.0.2.1 40000 22"};
+
+bool is_session(const char* path, const string_array& arguments) {
+    return is_session_command(path, arguments, session_environment);
+}
+
+std::vector<std::string> words_of(char** strings) {
+    std::vector<std::string> words;
+    for (; *strings != nullptr; ++strings) {
+        words.emplace_back(*strings);
+    }
+    return words;
+}
+
+/// A file in memory with these bytes.
+int file_of(const std::string& bytes) {
+    const int fd = memfd_create("test", 0);
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    return fd;
+}
+
+std::string count(char value) {
+    return {value, '\0', '\0', '\0'};
+}
+
+/// What is read belongs to the process, as it does in the program.
+session_command command;
+
+bool is_refused(const std::string& bytes) {
+    errno = 0;
+    const int fd = file_of(bytes);
+    const bool read = read_session_command(fd, command);
+    const int error = errno;
+    close(fd);
+    return !read && error == EBADMSG;
+}
+
+}  // namespace
+
+TEST(session_command, a_login_shell_and_a_command_are_sessions) {
+    EXPECT_TRUE(is_session("/bin/bash", {"-bash"}));
+    EXPECT_TRUE(is_session("/bin/bash", {"bash", "-c", "ls -l"}));
+    EXPECT_TRUE(is_session("/usr/sbin/nologin", {"nologin", "-c", ""}));
+}
+
+TEST(session_command, what_sshd_runs_besides_is_no_session) {
+    EXPECT_FALSE(
+        is_session("/usr/libexec/ssh_cfg_agent/authorized_keys", {"/usr/libexec/ssh_cfg_agent/authorized_keys", "a"}));
+    EXPECT_FALSE(is_session("/sbin/unix_chkpwd", {"/sbin/unix_chkpwd", "a", "nullok"}));
+    EXPECT_FALSE(is_session("/bin/bash", {"bash"}));
+    EXPECT_FALSE(is_session("/bin/bash", {"-dash"}));
+    EXPECT_FALSE(is_session("/bin/bash", {"-bash", "-c"}));
+    EXPECT_FALSE(is_session("/bin/sh", {"sh", "-c"}));
+    EXPECT_FALSE(is_session("/bin/sh", {"sh", "-c", "a", "b"}));
+    EXPECT_FALSE(is_session("/bin/sh", {"/bin/sh", "-c", "a"}));
+    EXPECT_FALSE(is_session("/bin/sh", {"sh", "-e", "a"}));
+    EXPECT_FALSE(is_session("/bin/sh", {}));
+}
+
+TEST(session_command, without_a_client_there_is_no_session) {
+    const string_array others = {"PATH=/bin", "SSH_CLIENTS=1", "XSSH_CLIENT=1"};
+    EXPECT_FALSE(is_session_command("/bin/bash", string_array{"-bash"}, others));
+    EXPECT_FALSE(is_session_command("/bin/bash", string_array{"-bash"}, nullptr));
+    EXPECT_FALSE(is_session_command("/bin/bash", nullptr, session_environment));
+    EXPECT_FALSE(is_session_command(nullptr, string_array{"-bash"}, session_environment));
+}
+
+TEST(session_command, arrives_as_it_was_written) {
+    const string_array arguments = {"bash", "-c", "printf '%s\n' \"a  b\" \xff\x01 $HOME; exit 3"};
+    const string_array environment = {"SSH_CLIENT=1", "ODD.NAME=x", "EMPTY=", "no value", ""};
+    const int fd = write_session_command("/bin/bash", arguments, environment);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(read_session_command(fd, command));
+    EXPECT_STREQ(command.path, "/bin/bash");
+    EXPECT_THAT(words_of(command.arguments),
+                ElementsAre("bash", "-c", "printf '%s\n' \"a  b\" \xff\x01 $HOME; exit 3"));
+    EXPECT_THAT(words_of(command.environment), ElementsAre("SSH_CLIENT=1", "ODD.NAME=x", "EMPTY=", "no value", ""));
+    close(fd);
+}
+
+TEST(session_command, a_command_as_long_as_the_kernel_takes_arrives) {
+    const std::string longest(128 * 1024 - 1, 'x');
+    const int fd = write_session_command("/bin/bash", string_array{"bash", "-c", longest}, string_array{});
+    ASSERT_TRUE(read_session_command(fd, command));
+    EXPECT_EQ(command.arguments[2], longest);
+    EXPECT_THAT(words_of(command.environment), IsEmpty());
+    close(fd);
+}
+
+TEST(session_command, a_file_that_is_not_whole_is_refused) {
+    const std::string text("/bin/sh\0sh\0A=1\0", 15);
+    EXPECT_FALSE(is_refused(count(1) + count(1) + text)) << "the bytes that the others are made of are right";
+    const char* const path = command.path;
+    EXPECT_TRUE(is_refused(""));
+    EXPECT_TRUE(is_refused(count(1)));
+    EXPECT_TRUE(is_refused(count(0) + count(0)));
+    EXPECT_TRUE(is_refused(count(0) + count(2) + text)) << "a program without a name";
+    EXPECT_TRUE(is_refused(count(2) + count(1) + text)) << "a string is missing";
+    EXPECT_TRUE(is_refused(count(1) + count(0) + text)) << "a string is left";
+    EXPECT_TRUE(is_refused(count(1) + count(1) + text.substr(0, 14))) << "the last zero byte is missing";
+    EXPECT_TRUE(is_refused("\xff\xff\xff\xff\xff\xff\xff\xff" + text)) << "more strings than bytes";
+    EXPECT_TRUE(is_refused(std::string(9 * 1024 * 1024, '\0'))) << "longer than an execution";
+    EXPECT_EQ(command.path, path) << "a refusal leaves the outputs alone";
+}
+
+TEST(session_command, no_file_is_told_from_a_bad_one) {
+    EXPECT_FALSE(read_session_command(-1, command));
+    EXPECT_EQ(errno, EBADF);
+}
