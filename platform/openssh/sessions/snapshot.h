@@ -1,0 +1,16 @@
+/// The answer to a session query.
+#ifndef OPENSSH_SESSIONS_SNAPSHOT_H
+#define OPENSSH_SESSIONS_SNAPSHOT_H
+
+#include "openssh/sessions/session_facts.h"
+#include "platform/session_query.h"
+
+namespace openssh {
+
+/// The answer from what is known; what is not known stays empty. `now` is in seconds since boot, `bytes` what the connection
+/// carried up to now.
+session_snapshot make_snapshot(const session_facts& facts, uint64_t now, const byte_counters& bytes);
+
+}  // namespace openssh
+
+#endif

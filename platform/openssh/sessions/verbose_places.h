@@ -1,0 +1,26 @@
+/// The places in sshd and ssh whose lines tell what is to be known of a session.
+#ifndef OPENSSH_SESSIONS_VERBOSE_PLACES_H
+#define OPENSSH_SESSIONS_VERBOSE_PLACES_H
+
+namespace openssh {
+
+/// Values of the LogVerbose setting. Functions that also write lines of the level "verbose" are not named: such a line does
+/// not show whether it was forced out.
+constexpr const char* server_verbose_places =
+    "kex.c:choose_kex():*,kex.c:choose_hostkeyalg():*,kex.c:kex_choose_conf():*,"
+    "packet.c:ssh_set_newkeys():*,packet.c:ssh_packet_set_rekey_limits():*,"
+    "auth-pam.c:sshpam_init():*,monitor.c:mm_answer_authpassword():*,monitor.c:mm_answer_keyverify():*,"
+    "monitor.c:mm_answer_pam_respond():*,monitor.c:mm_answer_gss_userok():*,monitor.c:monitor_child_preauth():*,"
+    "session.c:session_open():*,session.c:session_pty_req():*,"
+    "channels.c:channel_new():*,channels.c:channel_free():*,channels.c:channel_set_xtype():*";
+
+constexpr const char* client_verbose_places =
+    "kex.c:choose_kex():*,kex.c:choose_hostkeyalg():*,kex.c:kex_choose_conf():*,"
+    "packet.c:ssh_set_newkeys():*,packet.c:ssh_packet_set_rekey_limits():*,"
+    "sshconnect.c:ssh_connect_direct():*,sshconnect.c:ssh_login():*,"
+    "sshconnect2.c:authmethod_get():*,sshconnect2.c:sign_and_send_pubkey():*,clientloop.c:client_repledge():*,"
+    "channels.c:channel_new():*,channels.c:channel_free():*,channels.c:channel_request_start():*";
+
+}  // namespace openssh
+
+#endif
