@@ -31,7 +31,7 @@ endef
 
 # What is installed; the tests and all else come with `make test`.
 product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_start \
-	qd_aaa_pam session_responder
+	qd_aaa_pam session_responder ssh_session_reporter
 
 build: dependencies
 	$(call build_folder,$(BUILD),,$(product))

@@ -1,6 +1,8 @@
 #include "openssh/client_launch.h"
 
 #include "openssh/algorithm_query.h"
+#include "openssh/session_reports.h"
+#include "openssh/sessions/verbose_places.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
@@ -50,11 +52,13 @@ std::string prepare_client(const launcher_paths& paths, const std::string& state
     if (!error.empty()) {
         return error;
     }
-    const translation result = translate({.text = text,
-                                          .source_name = paths.client_file,
-                                          .known = &known,
-                                          .kind = &client_file_kind,
-                                          .fips_mode = router_is_in_fips_mode(paths)});
+    const translation result =
+        translate({.text = text,
+                   .source_name = paths.client_file,
+                   .known = &known,
+                   .verbose_places = session_reporter_of(paths).empty() ? "" : client_verbose_places,
+                   .kind = &client_file_kind,
+                   .fips_mode = router_is_in_fips_mode(paths)});
     report_remarks(result, to);
     if (result.refused) {
         return "the client's file cannot be used";

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "openssh/client_launch.h"
+#include "openssh/session_reports.h"
 #include "openssh/text.h"
 
 namespace {
@@ -46,5 +47,6 @@ int main(int count, char** arguments) {
         openssh::report(to.terminal, openssh::severity::error, error);
         return openssh::client_failed;
     }
+    openssh::load_into_ssh(openssh::session_reporter_of(paths), openssh::log_file_of(count, arguments));
     become(paths.ssh, openssh::client_command(paths, config, count, arguments), to.terminal);
 }

@@ -6,6 +6,8 @@
 
 #include "openssh/algorithm_query.h"
 #include "openssh/run_programs.h"
+#include "openssh/session_reports.h"
+#include "openssh/sessions/verbose_places.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
@@ -37,7 +39,8 @@ std::string translate_and_report(const launcher_paths& paths, const std::string&
                         .source_name = to.server_file,
                         .known = &known,
                         .key_is_usable = is_readable_file,
-                        .user_keys_program = has_keys_program ? paths.user_keys_program : std::string_view()});
+                        .user_keys_program = has_keys_program ? paths.user_keys_program : std::string_view(),
+                        .verbose_places = session_reporter_of(paths).empty() ? "" : server_verbose_places});
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
@@ -162,6 +165,21 @@ launch_status try_translation(const launcher_paths& paths, const launch_options&
 
 std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config) {
     return {paths.sshd, "-D", "-f", config};
+}
+
+std::string session_hook_of(const launcher_paths& paths, const reporter& to) {
+    for (const std::string* path : {&paths.session_hook, &paths.session_wrapper, &paths.session_starter}) {
+        const bool can_be_run = path == &paths.session_hook || access(path->c_str(), X_OK) == 0;
+        if (!can_be_run || !is_trusted_file(*path)) {
+            report(
+                to, severity::warning,
+                format_text("sessions run without their wrapper, a reload will not end them: %s is not there, or not "
+                            "this user's alone",
+                            path->c_str()));
+            return {};
+        }
+    }
+    return paths.session_hook;
 }
 
 }  // namespace openssh

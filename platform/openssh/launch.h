@@ -35,6 +35,10 @@ launch_status try_translation(const launcher_paths& paths, const launch_options&
 /// server, and logs to syslog, where the journal finds it with the unit and other readers of the log with its facility.
 std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config);
 
+/// The library to run sshd with, so that sessions run under the wrapper; empty, and reported, when something of it is not
+/// installed.
+std::string session_hook_of(const launcher_paths& paths, const reporter& to);
+
 }  // namespace openssh
 
 #endif

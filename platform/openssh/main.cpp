@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "openssh/launch.h"
+#include "openssh/session_reports.h"
 #include "openssh/text.h"
 
 namespace {
@@ -58,5 +59,7 @@ int main(int count, char** arguments) {
     }
     openssh::report(to, openssh::severity::notice,
                     openssh::format_text("the server of VRF %u starts with %s", options.vrf_id, config.c_str()));
+    openssh::load_into_sshd(openssh::session_hook_of(paths, to));
+    openssh::load_into_sshd(openssh::session_reporter_of(paths));
     become(openssh::server_command(paths, config), to);
 }

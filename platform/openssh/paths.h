@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "openssh/wrapper/session_command.h"
+
 namespace openssh {
 
 /// The defaults are those of the installed system; tests point them elsewhere.
@@ -20,6 +22,12 @@ struct launcher_paths {
     std::string sshd = "/pkg/libexec/norvosshd";
     /// Prints the key that the key store holds for the user named by its argument; sshd is told of it where it is installed.
     std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
+    /// What a session of a server runs under: loaded into sshd, executed for each session, started by it.
+    std::string session_hook = openssh::session_hook;
+    std::string session_wrapper = openssh::session_wrapper;
+    std::string session_starter = openssh::session_starter;
+    /// Loaded into sshd and ssh, so that they tell of their sessions.
+    std::string session_reporter = "/pkg/lib/libssh_session_reporter.so";
     /// The agent's files for the client and for the default server; the latter tells whether FIPS mode is on.
     std::string client_file = "/var/opt/norvo/norvossh/ssh_config";
     std::string default_server_file = "/var/opt/norvo/norvossh/sshd_config";

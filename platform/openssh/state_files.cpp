@@ -157,6 +157,12 @@ bool is_readable_file(const std::string& path) {
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && access(path.c_str(), R_OK) == 0;
 }
 
+bool is_trusted_file(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 translation_files translation_files_of(const std::string& state_directory, const std::string& agent_directory,
                                        const std::string& server_file) {
     std::string_view named_after = server_file;

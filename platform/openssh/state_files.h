@@ -31,6 +31,10 @@ std::string move_file(const std::string& from, const std::string& to);
 
 bool is_readable_file(const std::string& path);
 
+/// Whether a regular file belongs to this user and can be written by nobody else, so that it may be run, or loaded, on
+/// behalf of everybody.
+bool is_trusted_file(const std::string& path);
+
 /// The names of one server's translations. A new text is first a candidate and takes the name of the current one only when
 /// sshd has taken it; so the current one is the last good one.
 struct translation_files {

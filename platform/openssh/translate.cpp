@@ -367,6 +367,10 @@ translation translate(const translation_input& input) {
                                     shown(input.source_name).c_str());
     state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
     state.result.text.append(input.kind->first_lines);
+    if (!input.verbose_places.empty()) {
+        // Of several lines the first counts.
+        write_line(state, *find_keyword_row(input.kind->rows, "LogVerbose"), input.verbose_places, 0);
+    }
     for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });
     settle(state);
     return std::move(state.result);

@@ -43,6 +43,8 @@ struct translation_input {
     std::function<bool(const std::string&)> key_is_usable = {};
     /// A program that prints the keys of the user named by its argument; empty when there is none.
     std::string_view user_keys_program = {};
+    /// The places whose log lines tell what a session is like, as a value of LogVerbose; empty when nobody listens.
+    std::string_view verbose_places = {};
     const file_kind* kind = &server_file_kind;
     /// FIPS mode is on whatever the file says, as the client's says nothing of it.
     bool fips_mode = false;

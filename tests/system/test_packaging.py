@@ -18,7 +18,8 @@ def mode(path):
     return stat.S_IMODE(os.lstat(path).st_mode)
 
 
-@pytest.mark.parametrize("unit", [AGENT, "ssh_cfg_platform.service"])
+@pytest.mark.parametrize("unit", [AGENT, "ssh_cfg_platform.service", "ssh_session_responder.service",
+                                  "ssh_session_responder.socket"])
 def test_units_are_valid(unit):
     result = run("systemd-analyze", "verify", "--man=no", unit)
     assert (result.stdout + result.stderr).strip() == ""

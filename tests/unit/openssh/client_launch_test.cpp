@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "openssh/keyword_table.h"
+#include "openssh/sessions/verbose_places.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
 #include "scratch.h"
@@ -41,6 +42,7 @@ class launcher_client : public testing::Test {
         paths_.state_directory = scratch_.file("state");
         paths_.client_file = scratch_.write("ssh_config", agent_file);
         paths_.default_server_file = scratch_.file("sshd_config");
+        paths_.session_reporter = scratch_.file("reporter.so");
     }
 
     /// Returns what is wrong; `settings_` is then the translation without its two first lines.
@@ -220,3 +222,11 @@ TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
 }
 
 }  // namespace
+
+TEST_F(launcher_client, names_the_places_that_tell_of_sessions_only_where_somebody_listens) {
+    ASSERT_EQ(prepare(), "");
+    EXPECT_THAT(settings_, Not(HasSubstr("LogVerbose")));
+    scratch_.write("reporter.so", "", 0644);
+    ASSERT_EQ(prepare(), "");
+    EXPECT_THAT(settings_, HasSubstr(std::string("LogVerbose ") + client_verbose_places + "\n"));
+}

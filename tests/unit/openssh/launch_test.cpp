@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "openssh/sessions/verbose_places.h"
 #include "openssh/text.h"
 #include "scratch.h"
 
@@ -29,6 +30,7 @@ class launcher_launch : public testing::Test {
         paths_.agent_directory = scratch_.path() + "/";
         paths_.sshd = "/usr/sbin/sshd";
         paths_.user_keys_program = scratch_.file("authorized_keys");
+        paths_.session_reporter = scratch_.file("reporter.so");
         options_.file = scratch_.file("sshd_config_red");
         write_settings("Port 22\n");
     }
@@ -193,4 +195,75 @@ TEST_F(launcher_launch, a_trial_keeps_nothing) {
 TEST(launcher_server_command, runs_sshd_by_its_absolute_name_in_the_foreground) {
     EXPECT_THAT(server_command(launcher_paths{}, "/run/x"),
                 ElementsAre("/pkg/libexec/norvosshd", "-D", "-f", "/run/x"));
+}
+
+namespace {
+
+/// A wrapper as it is installed, and what the launcher says of it.
+class launcher_session_hook : public testing::Test {
+  protected:
+    void SetUp() override {
+        paths_.session_hook = scratch_.write("libssh_session.so", "", 0644);
+        paths_.session_wrapper = scratch_.write("ssh_exec.sh", "", 0755);
+        paths_.session_starter = scratch_.write("session_start", "", 0755);
+    }
+
+    std::string hook() {
+        const std::string said_file = scratch_.write("said", "");
+        FILE* said = fopen(said_file.c_str(), "w");
+        std::string found = session_hook_of(paths_, {.server_file = "file", .fd = fileno(said)});
+        fclose(said);
+        said_ = text_of(said_file);
+        return found;
+    }
+
+    scratch_directory scratch_;
+    launcher_paths paths_;
+    std::string said_;
+};
+
+}  // namespace
+
+TEST_F(launcher_session_hook, is_used_where_it_is_installed) {
+    EXPECT_EQ(hook(), paths_.session_hook);
+    EXPECT_EQ(said_, "");
+}
+
+TEST_F(launcher_session_hook, is_not_used_when_a_part_is_missing_and_the_operator_is_told) {
+    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
+        SetUp();
+        unlink(part->c_str());
+        EXPECT_EQ(hook(), "");
+        EXPECT_THAT(said_, HasSubstr("sessions run without their wrapper, a reload will not end them: " + *part));
+    }
+}
+
+TEST_F(launcher_session_hook, is_not_used_when_others_can_write_a_part) {
+    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
+        SetUp();
+        chmod(part->c_str(), 0775);
+        EXPECT_EQ(hook(), "") << *part;
+        chmod(part->c_str(), 0757);
+        EXPECT_EQ(hook(), "") << *part;
+    }
+}
+
+TEST_F(launcher_session_hook, is_not_used_when_a_part_belongs_to_somebody_else) {
+    if (chown(paths_.session_starter.c_str(), 1234, 0) != 0) {
+        GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+    }
+    EXPECT_EQ(hook(), "");
+}
+
+TEST_F(launcher_session_hook, needs_programs_that_can_be_executed) {
+    chmod(paths_.session_wrapper.c_str(), 0644);
+    EXPECT_EQ(hook(), "");
+}
+
+TEST_F(launcher_launch, names_the_places_that_tell_of_sessions_only_where_somebody_listens) {
+    ASSERT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_THAT(text_of(current()), Not(HasSubstr("LogVerbose")));
+    scratch_.write("reporter.so", "", 0644);
+    ASSERT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_THAT(text_of(current()), HasSubstr(std::string("\nLogVerbose ") + server_verbose_places + "\n"));
 }

@@ -246,6 +246,19 @@ TEST(launcher_translate, bounds_its_remarks) {
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nMACs hmac-sha1" + names)[0], HasSubstr("x and 936 more"));
 }
 
+// sshd takes the first of several lines, and the reporter inside it knows its own places only.
+TEST(launcher_translate, puts_the_places_that_tell_of_sessions_before_others) {
+    const known_algorithms known = fixed_algorithms();
+    const translation result = translate({.text = "LogVerbose kex.c:*\nPort 22\n",
+                                          .source_name = "x",
+                                          .known = &known,
+                                          .key_is_usable = is_made_key,
+                                          .verbose_places = "auth.c:*"});
+    EXPECT_THAT(result.text, HasSubstr("\nLogVerbose auth.c:*\n"));
+    EXPECT_THAT(result.text, Not(HasSubstr("kex.c")));
+    EXPECT_THAT(remarks_of(result), testing::Contains(HasSubstr("LogVerbose kex.c:* left out")));
+}
+
 namespace {
 
 std::string random_text(std::mt19937& random) {

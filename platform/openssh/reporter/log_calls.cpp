@@ -1,0 +1,154 @@
+/// Stands before the C library's calls with which sshd and ssh write their logs. Lines that were forced out for the
+/// responder's sake go to it and no further; all others take their way.
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "openssh/reporter/sender.h"
+#include "openssh/reporter/title.h"
+#include "openssh/sessions/log_filter.h"
+
+namespace {
+
+constexpr size_t longest_line = 2048;
+
+openssh::log_filter filter;
+/// In ssh, whose log is what it writes to standard error.
+bool filters_writes = false;
+/// Where ssh's log is a file. Its identity is looked at, because its descriptor is not known.
+const char* log_file = nullptr;
+
+/// What becomes of a line. What the log shows of a forced one is written to `bare`.
+openssh::line_fate take_line(std::string_view written, char* bare, size_t bare_size, size_t& bare_length) {
+    openssh::log_line line;
+    const openssh::line_fate fate = openssh::judge_line(filter, written, line);
+    if (fate == openssh::line_fate::pass) {
+        return fate;
+    }
+    openssh::send_report(written);
+    if (filters_writes) {
+        openssh::keep_client_name();
+    } else {
+        openssh::follow_login(line);
+    }
+    bare_length = openssh::write_bare_line(line, bare, bare_size);
+    return fate;
+}
+
+void pass_on(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// Through the C library's other entry to the system log, before which nothing stands.
+void pass_on(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
+void log_line_of(int priority, const char* format, va_list arguments) {
+    char line[longest_line];
+    char bare[longest_line];
+    va_list same_arguments;
+    va_copy(same_arguments, arguments);
+    const int length = vsnprintf(line, sizeof(line), format, same_arguments);
+    va_end(same_arguments);
+    const bool is_whole = length >= 0 && static_cast<size_t>(length) < sizeof(line);
+    size_t bare_length = 0;
+    const openssh::line_fate fate =
+        is_whole ? take_line({line, static_cast<size_t>(length)}, bare, sizeof(bare), bare_length)
+                 : openssh::line_fate::pass;
+    if (fate == openssh::line_fate::pass) {
+        vsyslog(priority, format, arguments);
+    } else if (fate == openssh::line_fate::pass_bare) {
+        pass_on(priority, "%.*s", static_cast<int>(bare_length), bare);
+    }
+}
+
+/// ssh's log lines come whole, each in one call, with a carriage return and a line feed at the end.
+bool is_log_line(const char* text, size_t length) {
+    return length > 2 && length < longest_line && text[length - 2] == '\r' && text[length - 1] == '\n';
+}
+
+/// Standard error carries nothing but ssh's own words: what the far side writes there goes through copies of the
+/// descriptor.
+bool is_log(int descriptor) {
+    struct stat named = {};
+    struct stat open_one = {};
+    return log_file == nullptr
+               ? descriptor == STDERR_FILENO
+               : descriptor > STDERR_FILENO && stat(log_file, &named) == 0 && fstat(descriptor, &open_one) == 0 &&
+                     named.st_dev == open_one.st_dev && named.st_ino == open_one.st_ino;
+}
+
+ssize_t write_plain(int descriptor, const void* bytes, size_t count) {
+    return syscall(SYS_write, descriptor, bytes, count);
+}
+
+/// What ssh starts for its user must not be changed, so the library takes itself out of the environment.
+__attribute__((constructor)) void begin() {
+    filters_writes = getenv("SSH_CSM_REPORTS") != nullptr;
+    if (filters_writes) {
+        unsetenv("SSH_CSM_REPORTS");
+        if (const char* path = getenv("SSH_CSM_LOG_FILE")) {
+            log_file = strdup(path);
+            unsetenv("SSH_CSM_LOG_FILE");
+        }
+        const char* before = getenv("SSH_CSM_LD_PRELOAD");
+        if (before != nullptr) {
+            setenv("LD_PRELOAD", before, 1);
+            unsetenv("SSH_CSM_LD_PRELOAD");
+        } else {
+            unsetenv("LD_PRELOAD");
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+#pragma GCC visibility push(default)
+
+void syslog(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    log_line_of(priority, format, arguments);
+    va_end(arguments);
+}
+
+// What sources built with fortified library calls use in its place.
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    log_line_of(priority, format, arguments);
+    va_end(arguments);
+}
+
+ssize_t write(int descriptor, const void* bytes, size_t count) {
+    const char* text = static_cast<const char*>(bytes);
+    if (!filters_writes || !is_log_line(text, count) || !is_log(descriptor)) {
+        return write_plain(descriptor, bytes, count);
+    }
+    constexpr size_t line_end = 2;
+    char bare[longest_line];
+    size_t length = 0;
+    const openssh::line_fate fate = take_line({text, count}, bare, sizeof(bare) - line_end, length);
+    if (fate == openssh::line_fate::pass) {
+        return write_plain(descriptor, bytes, count);
+    }
+    if (fate == openssh::line_fate::pass_bare) {
+        bare[length++] = '\r';
+        bare[length++] = '\n';
+        write_plain(descriptor, bare, length);
+    }
+    return static_cast<ssize_t>(count);
+}
+
+#pragma GCC visibility pop
+}

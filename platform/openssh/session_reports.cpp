@@ -1,0 +1,72 @@
+#include "openssh/session_reports.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string_view>
+
+namespace openssh {
+
+namespace {
+
+constexpr const char* libraries_variable = "LD_PRELOAD";
+
+}  // namespace
+
+std::string session_reporter_of(const launcher_paths& paths) {
+    struct stat status;
+    const bool is_trusted = stat(paths.session_reporter.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+                            (status.st_uid == 0 || status.st_uid == geteuid()) &&
+                            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
+                            access(paths.session_reporter.c_str(), R_OK) == 0;
+    return is_trusted ? paths.session_reporter : std::string();
+}
+
+void load_into_sshd(const std::string& library) {
+    if (library.empty()) {
+        return;
+    }
+    const char* others = std::getenv(libraries_variable);
+    const bool has_others = others != nullptr && others[0] != '\0';
+    setenv(libraries_variable, (has_others ? std::string(others) + ":" + library : library).c_str(), 1);
+}
+
+void load_into_ssh(const std::string& library, const std::string& log_file) {
+    if (library.empty()) {
+        return;
+    }
+    // The names that the library looks for.
+    if (log_file.empty()) {
+        unsetenv("SSH_CSM_LOG_FILE");
+    } else {
+        setenv("SSH_CSM_LOG_FILE", log_file.c_str(), 1);
+    }
+    unsetenv("SSH_CSM_LD_PRELOAD");
+    if (const char* others = std::getenv(libraries_variable)) {
+        setenv("SSH_CSM_LD_PRELOAD", others, 1);
+    }
+    setenv("SSH_CSM_REPORTS", "1", 1);
+    load_into_sshd(library);
+}
+
+std::string log_file_of(int count, char* const* arguments) {
+    constexpr const char* ssh_options = "+:1246ab:c:e:fgi:kl:m:no:p:qstvxAB:CD:E:F:GI:J:KL:MNO:PQ:R:S:TVw:W:XYy";
+    std::string file;
+    bool has_host = false;
+    for (optind = 0;;) {
+        const int option = getopt(count, arguments, ssh_options);
+        if (option == 'E') {
+            file = optarg;
+        } else if (option == -1) {
+            // Options may stand behind the host, too; what comes then is the command.
+            if (has_host || optind >= count || std::string_view(arguments[optind - 1]) == "--") {
+                return file;
+            }
+            has_host = true;
+            ++optind;
+        }
+    }
+}
+
+}  // namespace openssh

@@ -1,0 +1,92 @@
+#include "openssh/session_reports.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "scratch.h"
+
+using namespace openssh;
+using openssh_test::scratch_directory;
+
+namespace {
+
+std::string log_file(std::vector<const char*> words) {
+    words.insert(words.begin(), "ssh_csm");
+    const auto count = static_cast<int>(words.size());
+    words.push_back(nullptr);
+    return log_file_of(count, const_cast<char* const*>(words.data()));
+}
+
+std::string value_of(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr ? value : "(unset)";
+}
+
+}  // namespace
+
+TEST(session_reports, come_from_a_library_that_nobody_else_can_write_to) {
+    const scratch_directory folder;
+    launcher_paths paths;
+    paths.session_reporter = folder.file("reporter.so");
+    EXPECT_EQ(session_reporter_of(paths), "") << "not installed";
+    folder.write("reporter.so", "", 0644);
+    EXPECT_EQ(session_reporter_of(paths), paths.session_reporter);
+    folder.write("reporter.so", "", 0664);
+    EXPECT_EQ(session_reporter_of(paths), "") << "the group could change it";
+    folder.write("reporter.so", "", 0646);
+    EXPECT_EQ(session_reporter_of(paths), "") << "everybody could change it";
+    std::filesystem::remove(paths.session_reporter);
+    std::filesystem::create_directory(paths.session_reporter);
+    EXPECT_EQ(session_reporter_of(paths), "") << "a folder";
+}
+
+TEST(session_reports, are_loaded_behind_what_is_loaded_already) {
+    unsetenv("LD_PRELOAD");
+    load_into_sshd("");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "(unset)");
+    load_into_sshd("/one.so");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "/one.so");
+    load_into_sshd("/two.so");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "/one.so:/two.so");
+}
+
+TEST(session_reports, of_a_client_leave_word_of_what_was_there_before) {
+    unsetenv("LD_PRELOAD");
+    setenv("SSH_CSM_LD_PRELOAD", "left over", 1);
+    setenv("SSH_CSM_LOG_FILE", "left over", 1);
+    load_into_ssh("/one.so", "");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "/one.so");
+    EXPECT_EQ(value_of("SSH_CSM_LD_PRELOAD"), "(unset)");
+    EXPECT_EQ(value_of("SSH_CSM_LOG_FILE"), "(unset)");
+    EXPECT_EQ(value_of("SSH_CSM_REPORTS"), "1");
+
+    setenv("LD_PRELOAD", "/users.so", 1);
+    load_into_ssh("/one.so", "/tmp/log");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "/users.so:/one.so");
+    EXPECT_EQ(value_of("SSH_CSM_LD_PRELOAD"), "/users.so");
+    EXPECT_EQ(value_of("SSH_CSM_LOG_FILE"), "/tmp/log");
+}
+
+TEST(session_reports, of_a_client_without_the_library_change_nothing) {
+    unsetenv("SSH_CSM_REPORTS");
+    setenv("LD_PRELOAD", "/users.so", 1);
+    load_into_ssh("", "/tmp/log");
+    EXPECT_EQ(value_of("LD_PRELOAD"), "/users.so");
+    EXPECT_EQ(value_of("SSH_CSM_REPORTS"), "(unset)");
+}
+
+TEST(session_reports, find_the_log_file_among_sshs_arguments) {
+    EXPECT_EQ(log_file({"host"}), "");
+    EXPECT_EQ(log_file({"-E", "/log", "host"}), "/log");
+    EXPECT_EQ(log_file({"-vE/log", "host"}), "/log");
+    EXPECT_EQ(log_file({"-p", "22", "host", "-E", "/log", "command"}), "/log");
+    EXPECT_EQ(log_file({"host", "command", "-E", "/log"}), "") << "the command's own";
+    EXPECT_EQ(log_file({"-o", "-E", "host", "x"}), "") << "a value";
+    EXPECT_EQ(log_file({"--", "host", "-E", "/log"}), "");
+    EXPECT_EQ(log_file({}), "");
+    EXPECT_EQ(log_file({"-E"}), "");
+    EXPECT_EQ(log_file({"-?", "-E", "/log", "host"}), "/log");
+}
