@@ -18,6 +18,7 @@
 
 #include "control_protocol/frame.h"
 #include "linux/control_calls.h"
+#include "linux/control_events.h"
 #include "linux/control_server.h"
 #include "linux/log_message_internal.h"
 #include "linux/shelf_manager_internal.h"
@@ -149,6 +150,14 @@ platform_status control_start(sd_event* loop) {
     // Reloads are announced through the socket, so the shelf manager is there with it.
     shelf_manager_link(true);
     return PLATFORM_OK;
+}
+
+size_t control_publish(std::string_view subject, std::string_view document) {
+    if (control.server == nullptr) {
+        return 0;
+    }
+    control_server_publish(control.server, subject, document);
+    return control_server_watchers(control.server);
 }
 
 void control_close() {

@@ -19,6 +19,7 @@ constexpr call_row calls[] = {
     {"list", control_call_list},
     {"dump", control_call_dump},
     {"show", control_call_show},
+    {"watch", control_call_watch},
     // The platform's state.
     {"vrf_list", control_call_vrf_list},
     {"status", control_call_status},

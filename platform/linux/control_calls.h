@@ -9,6 +9,7 @@
 ///   list    path
 ///   dump, vrf_list, status
 ///   show    path; answers with "record", the records' name, beside "data"
+///   watch   nothing: after the answer, frames with telemetry follow until one of both hangs up (control_event_queue.h)
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)
@@ -22,8 +23,9 @@
 ///   reload_state  number
 /// An answer with "next" is not the last one: the request in it is to be made after a short while.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
-/// records, vrf_list, debug and trace arrays of objects, status an object. Commits answer with "items" (path and outcome)
-/// and, when an applier failed, "warnings" (path and message).
+/// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
+/// status an object. Commits answer with "items" (path and outcome) and, when an applier failed, "warnings" (path and
+/// message).
 #ifndef LINUX_CONTROL_CALLS_H
 #define LINUX_CONTROL_CALLS_H
 

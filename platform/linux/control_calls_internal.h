@@ -34,6 +34,9 @@ control_json control_call_acl_delete(const control_json& request, const control_
 control_json control_call_acl_list(const control_json& request, const control_peer& peer);
 control_json control_call_acl_show(const control_json& request, const control_peer& peer);
 
+// Telemetry (control_watch_call.cpp).
+control_json control_call_watch(const control_json& request, const control_peer& peer);
+
 // Users' public keys (control_key_calls.cpp).
 control_json control_call_key_list(const control_json& request, const control_peer& peer);
 control_json control_call_key_import(const control_json& request, const control_peer& peer);

@@ -40,6 +40,12 @@ void enter_phase(control_connection& connection, control_phase phase, uint64_t d
     sd_event_source_set_io_events(connection.io, phase == control_phase::answering ? EPOLLOUT : EPOLLIN);
 }
 
+/// Until the next event, however long that takes.
+void wait_for_event(control_connection& connection) {
+    enter_phase(connection, control_phase::waiting, 0);
+    sd_event_source_set_enabled(connection.limit, SD_EVENT_OFF);
+}
+
 void forget_frame(control_connection& connection) {
     connection.server->large_frames -= std::exchange(connection.promised, 0);
     connection.frame = {};
@@ -61,6 +67,22 @@ control_json busy_answer() {
     return answer;
 }
 
+/// Without a byte taken.
+uint64_t time_to_take(const control_connection& connection) {
+    const control_limits& limits = connection.server->limits;
+    return connection.watching ? limits.watch_time : limits.answer_time;
+}
+
+/// Puts a document on its way.
+void send_document(control_connection& connection, std::string text) {
+    const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
+    text.insert(text.begin(), header.begin(), header.end());
+    connection.answer = std::move(text);
+    connection.sent = 0;
+    connection.server->answers += connection.answer.size();
+    enter_phase(connection, control_phase::answering, time_to_take(connection));
+}
+
 /// The answer goes out when the loop is reached again: what the call has asked of the loop, the opening of a VRF's ports
 /// above all, has happened by then.
 void send_answer(control_connection& connection, const control_json& answer, bool last) {
@@ -72,18 +94,36 @@ void send_answer(control_connection& connection, const control_json& answer, boo
         text = control_json_text(busy_answer());
         last = true;
     }
-    const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
-    text.insert(text.begin(), header.begin(), header.end());
     forget_frame(connection);
-    connection.answer = std::move(text);
-    connection.sent = 0;
-    connection.server->answers += connection.answer.size();
     connection.last_answer = last;
-    enter_phase(connection, control_phase::answering, connection.server->limits.answer_time);
+    send_document(connection, std::move(text));
+}
+
+void send_events(control_connection& connection) {
+    send_document(connection, control_event_take(connection.events, connection.server->limits.watch_frame));
 }
 
 void send_last_answer(control_connection& connection, control_result result, const std::string& message) {
     send_answer(connection, control_answer(result, message), true);
+}
+
+/// Makes the peer a watcher, as its answer says, if there is a place.
+void admit_watcher(control_connection& connection, control_json& answer) {
+    const control_server& server = *connection.server;
+    if (control_server_watchers(&server) >= server.limits.watchers) {
+        answer = control_answer(control_result::failed, "there are " + std::to_string(server.limits.watchers) +
+                                                            " watchers already; more are not served");
+        return;
+    }
+    connection.watching = true;
+}
+
+void answer_call(control_connection& connection, const control_json& request) {
+    control_json answer = connection.server->call(request, connection.peer);
+    if (answer.contains("watching")) {
+        admit_watcher(connection, answer);
+    }
+    send_answer(connection, answer, false);
 }
 
 void handle_request(control_connection& connection) {
@@ -97,7 +137,7 @@ void handle_request(control_connection& connection) {
         send_answer(connection, control_answer(control_result::usage, "a request is an object with a text \"call\""),
                     false);
     } else {
-        send_answer(connection, connection.server->call(*request, connection.peer), false);
+        answer_call(connection, *request);
     }
     request.reset();
     if (size > worth_trimming) {
@@ -189,19 +229,41 @@ served write_answer(control_connection& connection) {
     }
     connection.sent += static_cast<size_t>(count);
     if (connection.sent < connection.answer.size()) {
-        set_deadline(connection, connection.server->limits.answer_time);
+        set_deadline(connection, time_to_take(connection));
         return served::kept;
     }
     if (connection.last_answer) {
         return drop(connection);
     }
     forget_answer(connection);
-    enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
+    if (!connection.watching) {
+        enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
+    } else if (connection.events.events.empty()) {
+        wait_for_event(connection);
+    } else {
+        send_events(connection);
+    }
     return served::kept;
 }
 
+/// A watcher has nothing more to say: it hangs up.
+served read_end(control_connection& connection) {
+    char byte = 0;
+    const ssize_t count = recv(connection.fd, &byte, 1, MSG_DONTWAIT);
+    return count < 0 && try_again_later(errno) ? served::kept : drop(connection);
+}
+
 served serve(control_connection& connection) {
-    return connection.phase == control_phase::answering ? write_answer(connection) : read_frame(connection);
+    switch (connection.phase) {
+        case control_phase::answering:
+            return write_answer(connection);
+        case control_phase::waiting:
+            return read_end(connection);
+        case control_phase::idle:
+        case control_phase::receiving:
+            break;
+    }
+    return read_frame(connection);
 }
 
 /// No exception may cross the loop, which is C: what one connection asks for must never end the agent.
@@ -230,9 +292,10 @@ uint64_t time_for(const control_connection& connection) {
         case control_phase::receiving:
             return limits.frame_time;
         case control_phase::answering:
+        case control_phase::waiting:
             break;
     }
-    return limits.answer_time;
+    return time_to_take(connection);
 }
 
 void time_is_up(control_connection& connection) {
@@ -251,6 +314,10 @@ void time_is_up(control_connection& connection) {
                          "the request is refused: its frame was not finished within " +
                              std::to_string(connection.server->limits.frame_time / second) + " seconds");
         return;
+    }
+    if (connection.watching) {
+        platform_log(LOG_NOTICE, "A watcher is dropped: process %d has not taken its events for %d seconds",
+                     connection.peer.pid, static_cast<int>(connection.server->limits.watch_time / second));
     }
     control_connection_drop(&connection);
 }
@@ -306,6 +373,16 @@ platform_status control_connection_add(control_server* server, int fd, const con
     }
     enter_phase(connection, control_phase::idle, server->limits.idle_time);
     return PLATFORM_OK;
+}
+
+void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event) {
+    if (!control_event_add(connection.events, event, connection.server->limits.watch_queue)) {
+        platform_log(LOG_NOTICE, "A watcher is dropped: more events wait for process %d than are kept",
+                     connection.peer.pid);
+        control_connection_drop(&connection);
+    } else if (connection.phase == control_phase::waiting) {
+        send_events(connection);
+    }
 }
 
 void control_connection_drop(control_connection* connection) {

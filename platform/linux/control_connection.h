@@ -11,6 +11,7 @@
 #include <string>
 
 #include "control_protocol/frame.h"
+#include "linux/control_event_queue.h"
 #include "linux/control_peer.h"
 #include "linux/control_server.h"
 
@@ -34,7 +35,8 @@ struct control_server {
     uint64_t refusal_logged;  ///< when a refused peer was last logged
 };
 
-enum class control_phase : uint8_t { idle, receiving, answering };
+/// A watcher is answering while events are on their way to it, and waiting in between.
+enum class control_phase : uint8_t { idle, receiving, answering, waiting };
 
 struct control_connection {
     control_server* server;
@@ -42,6 +44,7 @@ struct control_connection {
     control_peer peer;
     control_phase phase;
     bool last_answer;   ///< the connection ends when its answer is out
+    bool watching;      ///< takes events from now on
     uint64_t since;     ///< when the connection was made, or began its present frame or answer
     uint64_t deadline;  ///< when the present phase has taken too long
     sd_event_source* io;
@@ -50,6 +53,7 @@ struct control_connection {
     size_t promised;  ///< what of server->large_frames is this frame's
     std::string answer;
     size_t sent;
+    control_event_queue events;
 };
 
 /// Microseconds of the monotonic clock, read now: the loop's own time is that of its last wake-up.
@@ -57,6 +61,9 @@ uint64_t control_now();
 
 /// Adds a connection for `fd`, which is taken over in every case. Throws std::bad_alloc.
 platform_status control_connection_add(control_server* server, int fd, const control_peer& peer);
+
+/// Passes an event to a watcher, which is dropped when it has too many. Throws std::bad_alloc.
+void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event);
 
 /// Ends the connection and frees it.
 void control_connection_drop(control_connection* connection);

@@ -11,6 +11,7 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <tuple>
 
 #include "control_protocol/answer.h"
 #include "linux/control_connection.h"
@@ -32,11 +33,13 @@ void send_parting_answer(int fd, const control_json& answer) {
     static_cast<void>(send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
-/// Of two connections the one that is dropped first to make room: one whose answer is on its way comes last.
+/// Of two connections the one that is dropped first to make room: watchers come last, and before them those whose answer
+/// is on its way.
 bool dropped_before(const std::unique_ptr<control_connection>& left, const std::unique_ptr<control_connection>& right) {
-    const bool left_answering = left->phase == control_phase::answering;
-    const bool right_answering = right->phase == control_phase::answering;
-    return left_answering != right_answering ? right_answering : left->since < right->since;
+    const auto rank = [](const control_connection& connection) {
+        return std::tuple(connection.watching, connection.phase == control_phase::answering, connection.since);
+    };
+    return rank(*left) < rank(*right);
 }
 
 void make_room(control_server& server) {
@@ -45,7 +48,7 @@ void make_room(control_server& server) {
     }
     control_connection* victim =
         std::min_element(server.connections.begin(), server.connections.end(), dropped_before)->get();
-    if (victim->phase != control_phase::answering) {
+    if (victim->phase != control_phase::answering && !victim->watching) {
         control_json answer =
             control_answer(control_result::failed, "too many connections; this one has waited longest and is dropped");
         answer["retry"] = true;
@@ -176,6 +179,23 @@ platform_status control_server_start(control_server* server, sd_event* loop) {
 
 size_t control_server_connections(const control_server* server) {
     return server->connections.size();
+}
+
+size_t control_server_watchers(const control_server* server) {
+    return static_cast<size_t>(std::count_if(server->connections.begin(), server->connections.end(),
+                                             [](const auto& connection) { return connection->watching; }));
+}
+
+void control_server_publish(control_server* server, std::string_view subject, std::string_view document) {
+    const auto event =
+        std::make_shared<const control_event>(control_event{std::string(subject), std::string(document)});
+    for (auto next = server->connections.begin(); next != server->connections.end();) {
+        // The connection may be dropped.
+        control_connection& connection = **next++;
+        if (connection.watching) {
+            control_connection_notify(connection, event);
+        }
+    }
 }
 
 void control_server_free(control_server* server) {

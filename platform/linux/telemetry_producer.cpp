@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <exception>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "linux/datastore_commit.h"
@@ -21,7 +23,6 @@ struct leaf_row {
     const char* leaf;
 };
 
-// openconfig-system, revision 2019-03-15, grouping system-ssh-server-config.
 constexpr leaf_row leaves[] = {
     {"Enable", "enable"},        {"ProtocolVersion", "protocol-version"}, {"Timeout", "timeout"},
     {"RateLimit", "rate-limit"}, {"SessionLimit", "session-limit"},
@@ -47,12 +48,15 @@ producer_state& producer() {
     return state;
 }
 
-control_json leaf_value(const leaf_row& row, const control_json& value) {
-    if (std::string_view(row.field) == "ProtocolVersion" && value.is_number_integer() && value >= 0 &&
-        value < std::size(protocol_versions)) {
-        return protocol_versions[value.get<size_t>()];
+/// A leaf's value as RFC 7951 has it: an enumeration by name. Null when the record has none.
+control_json leaf_value(const leaf_row& row, const control_json& state) {
+    const auto value = state.find(row.field);
+    if (value == state.end() || std::string_view(row.field) != "ProtocolVersion" || !value->is_number_integer()) {
+        return value == state.end() ? control_json() : *value;
     }
-    return value;
+    const auto number = value->get<int64_t>();
+    const bool named = number >= 0 && number < static_cast<int64_t>(std::size(protocol_versions));
+    return named ? control_json(protocol_versions[number]) : control_json();
 }
 
 uint64_t now() {
@@ -61,18 +65,28 @@ uint64_t now() {
     return static_cast<uint64_t>(time.tv_sec) * nanoseconds_per_second + static_cast<uint64_t>(time.tv_nsec);
 }
 
-/// Makes the event's record and tells everybody. Nobody listening costs nothing.
-platform_status tell_listeners(datastore_provider_callback fill, void* context) {
-    const datastore_answer answer = datastore_fill(fill, "", context);
+platform_status notification_of(const datastore_answer& answer, control_json& notification) {
     if (answer.status != PLATFORM_OK) {
         return answer.status;
     }
+    if (answer.records.empty()) {
+        return DATASTORE_NO_DATA;
+    }
     control_json record;
     const platform_status status = record_to_json(answer.records[0], record);
+    if (status == PLATFORM_OK) {
+        notification = telemetry_notification(record, now());
+    }
+    return status;
+}
+
+/// Makes the event's record and tells everybody. Nobody listening costs nothing.
+platform_status tell_listeners(datastore_provider_callback fill, void* context) {
+    control_json notification;
+    const platform_status status = notification_of(datastore_fill(fill, "", context), notification);
     if (status != PLATFORM_OK) {
         return status;
     }
-    const control_json notification = telemetry_notification(record, now());
     const std::vector<listener_row> listeners = producer().listeners;
     for (const listener_row& row : listeners) {
         row.listener(notification, row.context);
@@ -86,9 +100,9 @@ control_json telemetry_notification(const control_json& record, uint64_t nanosec
     const control_json& state = record.at("SshServer").at("State");
     control_json updates = control_json::array();
     for (const leaf_row& row : leaves) {
-        const auto value = state.find(row.field);
-        if (value != state.end() && !value->is_null()) {
-            updates.push_back({{"path", row.leaf}, {"val", leaf_value(row, *value)}});
+        control_json value = leaf_value(row, state);
+        if (!value.is_null()) {
+            updates.push_back({{"path", row.leaf}, {"val", std::move(value)}});
         }
     }
     return {{"timestamp", nanoseconds}, {"prefix", state_path}, {"update", std::move(updates)}};
@@ -101,6 +115,17 @@ void telemetry_listen(telemetry_listener listener, void* context) {
 
 void telemetry_unlisten(telemetry_listener listener, void* context) {
     std::erase(producer().listeners, listener_row{listener, context});
+}
+
+std::vector<control_json> telemetry_snapshot() {
+    std::vector<control_json> notifications;
+    for (const std::string& path : producer().paths) {
+        control_json notification;
+        if (notification_of(datastore_read(path), notification) == PLATFORM_OK) {
+            notifications.push_back(std::move(notification));
+        }
+    }
+    return notifications;
 }
 
 uint64_t telemetry_events() {

@@ -64,6 +64,7 @@ constexpr char list_name[] = "list";
 constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
 constexpr char status_name[] = "status";
+constexpr char watch_name[] = "watch";
 
 ctl_request load_request(const argument_list& arguments) {
     const std::string* file = nullptr;
@@ -328,6 +329,8 @@ constexpr ctl_call_row calls[] = {
     {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
     {"dump", "", "print the stored configuration, fit to be loaded again", bare_request<dump_name>, dump_text},
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
+    {"watch", "", "print telemetry as it happens, one JSON document a line, until interrupted",
+     bare_request<watch_name>, no_text, true},
     {"acl", "set ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",

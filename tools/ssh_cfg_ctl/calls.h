@@ -21,6 +21,7 @@ struct ctl_call_row {
     const char* purpose;
     ctl_request (*request)(const std::vector<std::string>& arguments);
     std::string (*text)(const control_json& answer);  ///< of an answer that says "done"
+    bool goes_on = false;                             ///< events follow the answer
 };
 
 std::span<const ctl_call_row> ctl_calls();

@@ -14,6 +14,7 @@
 #include "ssh_cfg_ctl/command_line.h"
 #include "ssh_cfg_ctl/nearest.h"
 #include "ssh_cfg_ctl/show.h"
+#include "ssh_cfg_ctl/watch.h"
 
 namespace {
 
@@ -110,6 +111,13 @@ int report(const ctl_command_line& line, const ctl_call_row& row, const control_
     return print(row.text(answer), result);
 }
 
+/// Prints events until one of both sides has enough of it.
+int run_watch(const ctl_command_line& line, const ctl_connection_settings& settings, const control_json& request) {
+    const control_json end = ctl_watch(settings, request, STDOUT_FILENO);
+    const bool wanted = control_result_of_name(end.value("result", "")) == control_result::done;
+    return wanted ? static_cast<int>(control_result::done) : report_problem(line, end);
+}
+
 int run_call(const ctl_command_line& line) {
     const ctl_call_row* row = ctl_find_call(line.call[0]);
     if (row == nullptr) {
@@ -118,6 +126,9 @@ int run_call(const ctl_command_line& line) {
     const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
     if (request.problem.is_null()) {
         const ctl_connection_settings settings = {line.socket_path, line.timeout, isatty(STDERR_FILENO) == 1};
+        if (row->goes_on) {
+            return run_watch(line, settings, request.document);
+        }
         control_json answer = ctl_ask_to_the_end(settings, request.document);
         ctl_explain_no_data(request.document, answer);
         return report(line, *row, answer);

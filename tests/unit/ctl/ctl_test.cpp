@@ -124,7 +124,7 @@ TEST(ctl_run, help_names_every_call) {
     const outcome help = run({"--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* call :
-         {"set", "delete", "load", "get", "list", "dump", "show", "vrf", "debug", "trace", "status"}) {
+         {"set", "delete", "load", "get", "list", "dump", "show", "vrf", "debug", "trace", "watch", "status"}) {
         EXPECT_THAT(help.output, HasSubstr("\n  " + std::string(call) + " ")) << call;
     }
     EXPECT_THAT(run({"--version"}).output, testing::MatchesRegex("ssh_cfg_ctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));

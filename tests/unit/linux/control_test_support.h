@@ -79,6 +79,12 @@ inline control_json answer_test_call(const control_json& request, const control_
     if (call == "sleep") {
         std::this_thread::sleep_for(std::chrono::milliseconds(request["milliseconds"].get<int>()));
     }
+    if (call == "watch") {
+        control_json answer = control_answer(control_result::done);
+        answer["data"] = {"snapshot"};
+        answer["watching"] = true;
+        return answer;
+    }
     if (call == "throw") {
         throw std::bad_alloc();
     }
