@@ -273,7 +273,8 @@ def test_a_thousand_connections():
     assert resident_kilobytes(agent) < before[1] + 8000
     for peer in peers:
         peer.close()
-    router.wait_until(lambda: descriptors(agent) == before[0], what="the agent closes what its peers have closed")
+    # The tool's own connection may have been counted before: it is closed a moment after the tool has ended.
+    router.wait_until(lambda: descriptors(agent) <= before[0], what="the agent closes what its peers have closed")
     assert router.main_pid(router.AGENT) == agent
 
 
