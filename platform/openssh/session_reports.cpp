@@ -1,10 +1,11 @@
 #include "openssh/session_reports.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string_view>
+
+#include "openssh/state_files.h"
 
 namespace openssh {
 
@@ -15,12 +16,9 @@ constexpr const char* libraries_variable = "LD_PRELOAD";
 }  // namespace
 
 std::string session_reporter_of(const launcher_paths& paths) {
-    struct stat status;
-    const bool is_trusted = stat(paths.session_reporter.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
-                            (status.st_uid == 0 || status.st_uid == geteuid()) &&
-                            (status.st_mode & (S_IWGRP | S_IWOTH)) == 0 &&
-                            access(paths.session_reporter.c_str(), R_OK) == 0;
-    return is_trusted ? paths.session_reporter : std::string();
+    const bool can_be_loaded =
+        is_trusted_file(paths.session_reporter) && access(paths.session_reporter.c_str(), R_OK) == 0;
+    return can_be_loaded ? paths.session_reporter : std::string();
 }
 
 void load_into_sshd(const std::string& library) {

@@ -159,8 +159,8 @@ bool is_readable_file(const std::string& path) {
 
 bool is_trusted_file(const std::string& path) {
     struct stat status;
-    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 translation_files translation_files_of(const std::string& state_directory, const std::string& agent_directory,

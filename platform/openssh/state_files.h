@@ -31,8 +31,8 @@ std::string move_file(const std::string& from, const std::string& to);
 
 bool is_readable_file(const std::string& path);
 
-/// Whether a regular file belongs to this user and can be written by nobody else, so that it may be run, or loaded, on
-/// behalf of everybody.
+/// Whether a regular file belongs to root or to this user and can be written by nobody else, so that it may be run, or
+/// loaded, on behalf of everybody.
 bool is_trusted_file(const std::string& path);
 
 /// The names of one server's translations. A new text is first a candidate and takes the name of the current one only when
