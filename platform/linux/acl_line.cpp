@@ -190,14 +190,23 @@ class line_parser {
             return fail(quoted(text) + ": a host has no length");
         }
         if (slash != std::string_view::npos) {
-            return parse_length(text, slash, address);
-        }
-        if (!host && !ipv6_ && read_address(word(), address.mask)) {
+            if (!parse_length(text, slash, address)) {
+                return false;
+            }
+        } else if (!host && !ipv6_ && read_address(word(), address.mask)) {
             next_++;
-            return true;
+        } else {
+            set_length(address, ipv6_ ? 128 : 32);
         }
-        set_length(address, ipv6_ ? 128 : 32);
+        clear_what_does_not_count(address);
         return true;
+    }
+
+    /// So that a list shows what it compares, and one meaning has one form.
+    void clear_what_does_not_count(acl_address& address) const {
+        for (size_t i = 0; i < address.address.size(); i++) {
+            address.address[i] &= ipv6_ ? address.mask[i] : static_cast<uint8_t>(~address.mask[i]);
+        }
     }
 
     bool read_address(std::string_view text, std::array<uint8_t, 16>& address) const {
@@ -258,7 +267,20 @@ class line_parser {
         return true;
     }
 
+    /// Of an option that stands twice one would not count, without a word.
+    bool is_new_option() {
+        const std::string_view name = next_is("established") ? "tcp-flags" : word();
+        if (std::find(seen_options_.begin(), seen_options_.end(), name) != seen_options_.end()) {
+            return false;
+        }
+        seen_options_.push_back(name);
+        return true;
+    }
+
     bool parse_option() {
+        if (!is_new_option()) {
+            return fail(quoted(word()) + ": stands twice; expected each option once");
+        }
         if (take("log")) {
             rule_.log = true;
             return true;
@@ -304,6 +326,9 @@ class line_parser {
             if (flag == nullptr) {
                 return fail(quoted(word()) + ": expected + or - and fin, syn, rst, psh, ack or urg");
             }
+            if ((rule_.tcp_flags_mask & flag->number) != 0) {
+                return fail(quoted(word()) + ": stands twice; expected each flag once");
+            }
             rule_.tcp_flags_mask |= static_cast<uint8_t>(flag->number);
             rule_.tcp_flags |= static_cast<uint8_t>(word()[0] == '+' ? flag->number : 0);
             next_++;
@@ -316,6 +341,7 @@ class line_parser {
     acl_rule& rule_;
     std::string& error_;
     std::vector<std::string_view> words_;
+    std::vector<std::string_view> seen_options_;
     size_t next_ = 0;
 };
 

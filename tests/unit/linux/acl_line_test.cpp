@@ -79,11 +79,19 @@ TEST(acl_line_test, writes_what_it_reads) {
 }
 
 TEST(acl_line_test, takes_short_forms) {
-    EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.1.1 0.0.0.255 any"), "0 permit ipv4 10.1.1.1/24 any");
+    EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.1.0 0.0.0.255 any"), "0 permit ipv4 10.1.1.0/24 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit 6 10.1.1.1 0.0.0.0/0"), "0 permit tcp host 10.1.1.1 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "\t1\tpermit  tcp any any dscp 46\r"), "1 permit tcp any any dscp eq 46");
     EXPECT_EQ(again(ACL_FAMILY_IPV6, "permit tcp 2001:db8::1 ::/0"), "0 permit tcp host 2001:db8::1 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV6, "permit tcp any any established"), "0 permit tcp any any tcp-flags +ack");
+}
+
+TEST(acl_line_test, clears_the_bits_of_an_address_that_do_not_count) {
+    EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.1.1/24 10.1.1.255/23"), "0 permit ipv4 10.1.1.0/24 10.1.0.0/23");
+    EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.2.3 0.255.0.255 any"), "0 permit ipv4 10.0.2.0 0.255.0.255 any");
+    EXPECT_EQ(again(ACL_FAMILY_IPV6, "permit tcp 2001:db8::7/33 any"), "0 permit tcp 2001:db8::/33 any");
+    EXPECT_EQ(parsed(ACL_FAMILY_IPV6, "permit tcp 2::12/0 any").source.address, acl_address().address);
+    EXPECT_EQ(parsed(ACL_FAMILY_IPV4, "permit tcp 1.2.3.4/0 any").source.address, acl_address().address);
 }
 
 TEST(acl_line_test, passes_over_remarks_and_comments) {
@@ -128,6 +136,11 @@ TEST(acl_line_test, names_the_wrong_word_and_what_would_be_right) {
         {ACL_FAMILY_IPV4, "permit tcp any any fragment-offset 8192", "from 0 to 8191"},
         {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags", "tcp-flags: expected at least one"},
         {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +sin", "\"+sin\": expected + or -"},
+        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn -syn", "\"-syn\": stands twice; expected each flag once"},
+        {ACL_FAMILY_IPV4, "permit tcp any any log ttl 5 log", "\"log\": stands twice; expected each option once"},
+        {ACL_FAMILY_IPV4, "permit tcp any any ttl range 5 64 ttl 7", "\"ttl\": stands twice"},
+        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn established", "\"established\": stands twice"},
+        {ACL_FAMILY_IPV6, "permit tcp any any counter a counter b", "\"counter\": stands twice"},
         {ACL_FAMILY_IPV4, "permit tcp any any counter a/b", "counter \"a/b\": expected a name"},
         {ACL_FAMILY_IPV4, "permit tcp any any counter", "counter \"\": expected a name"},
     };
