@@ -32,6 +32,8 @@ void add(registered_record record) {
     });
     if (known == records.end()) {
         records.push_back(std::move(record));
+    } else {
+        *known = std::move(record);
     }
 }
 

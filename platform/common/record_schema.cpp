@@ -6,6 +6,7 @@
 namespace {
 
 constexpr uint32_t width_max = 65535;
+constexpr size_t structure_max = 1U << 20;  // bytes; structures that embed others grow fast
 
 /// Where a kind of field stands in memory.
 struct field_shape {
@@ -76,7 +77,7 @@ class schema_parser {
         return has_good_links(definition);
     }
 
-    /// A linked definition ends in its link, and no other has one.
+    /// A linked definition ends in its link, which is not all that it has; no other definition has a link.
     static bool has_good_links(const record_definition& definition) {
         const auto links =
             std::count_if(definition.fields.begin(), definition.fields.end(),
@@ -85,7 +86,8 @@ class schema_parser {
             return false;
         }
         const record_field& last = definition.fields.back();
-        return !definition.linked || (last.kind == record_field_kind::link && last.type_number == definition.number);
+        return !definition.linked || (definition.fields.size() > 1 && last.kind == record_field_kind::link &&
+                                      last.type_number == definition.number);
     }
 
     bool parse_type(record_field& field) {
@@ -236,6 +238,9 @@ bool lay_out(record_schema& schema, size_t index, size_t depth) {
         const field_shape shape = shape_of(schema, field);
         field.offset = rounded_up(end, shape.alignment);
         end = field.offset + shape.size;
+        if (end > structure_max) {
+            return false;
+        }
         definition.alignment = std::max(definition.alignment, shape.alignment);
     }
     definition.size = rounded_up(end, definition.alignment);

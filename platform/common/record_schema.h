@@ -59,7 +59,8 @@ struct record_schema {
 };
 
 /// Parses a full schema and lays its structures out. Nothing for a text that is not one: unknown letters, types that are
-/// not defined or defined twice, a structure that embeds itself, an empty structure, a link without its L.
+/// not defined or defined twice, a structure that embeds itself, an empty structure, one of more than a mebibyte, a link
+/// without its L.
 std::optional<record_schema> parse_record_schema(std::string_view full_schema);
 
 /// The compact form of a schema: names and enumeration names dropped, a '.' behind embedded structures.

@@ -473,6 +473,16 @@ TEST(record_codec, knows_only_registered_descriptors) {
               platform_status{RECORD_UNKNOWN});
 }
 
+TEST(record_codec, a_descriptor_that_is_registered_again_has_its_new_schema) {
+    static record_descriptor descriptor = {"changing", "sample.dll", "$1={A}D;", "$1=D;"};
+    register_record(descriptor);
+    descriptor.full_schema = "$1={A}I;";
+    descriptor.compact_schema = "$1=I;";
+    register_record(descriptor);
+    const uint32_t record = 1;
+    EXPECT_EQ(encoded_record(descriptor, &record).size, sizeof(uint32_t) + sizeof(uint16_t));
+}
+
 TEST(record_codec, refuses_a_compact_schema_of_another_record) {
     static const record_descriptor descriptor = {"wrong", "sample.dll", "$1={A}D;", "$1=I;"};
     record_transaction* transaction = nullptr;

@@ -78,6 +78,7 @@ TEST(record_schema, refuses_what_is_no_schema) {
         "$1={A}$1;",
         "$1={A}$2;$2={B}$1;",
         "$1=L{A}D;",
+        "$1=L{Next}Pp($1);",
         "$1={A}D{Next}Pp($1);",
         "$1=L{Next}Pp($1){A}D;",
         "$1=L{A}D{Next}Pp($2);$2={B}D;",
@@ -87,4 +88,18 @@ TEST(record_schema, refuses_what_is_no_schema) {
     for (const char* text : refused) {
         EXPECT_FALSE(parse_record_schema(text).has_value()) << text;
     }
+}
+
+TEST(record_schema, bounds_structures_that_embed_each_other) {
+    // Each is twice as large as the next: from the first of 64 on, sizes would no longer fit a number.
+    std::string text;
+    for (int number = 1; number <= 64; ++number) {
+        const std::string next = "$" + std::to_string(number + 1);
+        text += "$" + std::to_string(number) + "={A}" + next + "{B}" + next + ";";
+    }
+    EXPECT_FALSE(parse_record_schema(text + "$65={A}D;").has_value());
+    EXPECT_FALSE(
+        parse_record_schema("$1={A}$2{B}$2;$2={A}65535x%S{B}$3{C}$3{D}$3{E}$3{F}$3{G}$3{H}$3{I}$3;$3={A}65535x%S;")
+            .has_value());
+    EXPECT_TRUE(parse_record_schema("$1={A}$2{B}$2;$2={A}65535x%S{B}65535x%S;").has_value());
 }
