@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/file_descriptor.h"
 #include "linux/log_message_internal.h"
 #include "linux/namespace_internal.h"
 #include "linux/vrf_internal.h"
@@ -22,22 +23,6 @@ namespace {
 
 constexpr size_t batch_size_max = 8192;
 constexpr size_t answer_size = 8192;
-
-class file_descriptor {
-  public:
-    explicit file_descriptor(int fd) : fd(fd) {}
-    ~file_descriptor() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    file_descriptor(const file_descriptor&) = delete;
-    file_descriptor& operator=(const file_descriptor&) = delete;
-    int get() const { return fd; }
-
-  private:
-    int fd;
-};
 
 int open_socket() {
     const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER);

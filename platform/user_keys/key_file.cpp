@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <memory>
 
+#include "common/file_descriptor.h"
 #include "user_keys/key_record.h"
 
 namespace {
@@ -18,24 +19,6 @@ constexpr size_t file_size_max = 4096;  ///< a key of the largest size takes som
 
 /// No user's: names do not begin with '.'.
 constexpr char temporary_name[] = ".new";
-
-/// A descriptor, closed at the end of its scope.
-class descriptor {
-  public:
-    explicit descriptor(int given) : number(given) {}
-    ~descriptor() {
-        if (number >= 0) {
-            close(number);
-        }
-    }
-    descriptor(const descriptor&) = delete;
-    descriptor& operator=(const descriptor&) = delete;
-
-    int fd() const { return number; }
-
-  private:
-    int number;
-};
 
 int open_directory() {
     return open(key_file_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -57,9 +40,9 @@ platform_status write_all(int fd, std::string_view bytes) {
 }
 
 platform_status write_new(int directory, std::string_view line) {
-    const descriptor file(
+    const file_descriptor file(
         openat(directory, temporary_name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, file_mode));
-    return file.fd() < 0 ? last_error() : write_all(file.fd(), line);
+    return file.get() < 0 ? last_error() : write_all(file.get(), line);
 }
 
 platform_status read_all(int fd, std::string& bytes) {
@@ -87,38 +70,38 @@ platform_status key_file_write(std::string_view user, std::string_view line) {
     if (mkdir(key_file_directory, directory_mode) != 0 && errno != EEXIST) {
         return last_error();
     }
-    const descriptor directory(open_directory());
-    if (directory.fd() < 0) {
+    const file_descriptor directory(open_directory());
+    if (directory.get() < 0) {
         return last_error();
     }
-    platform_status status = write_new(directory.fd(), line);
+    platform_status status = write_new(directory.get(), line);
     if (status == PLATFORM_OK &&
-        renameat(directory.fd(), temporary_name, directory.fd(), std::string(user).c_str()) != 0) {
+        renameat(directory.get(), temporary_name, directory.get(), std::string(user).c_str()) != 0) {
         status = last_error();
     }
     if (status != PLATFORM_OK) {
-        unlinkat(directory.fd(), temporary_name, 0);
+        unlinkat(directory.get(), temporary_name, 0);
         return status;
     }
-    return fsync(directory.fd()) == 0 ? PLATFORM_OK : last_error();
+    return fsync(directory.get()) == 0 ? PLATFORM_OK : last_error();
 }
 
 platform_status key_file_remove(std::string_view user) {
-    const descriptor directory(open_directory());
-    if (directory.fd() < 0) {
+    const file_descriptor directory(open_directory());
+    if (directory.get() < 0) {
         return errno == ENOENT ? platform_status{PLATFORM_OK} : last_error();
     }
-    if (unlinkat(directory.fd(), std::string(user).c_str(), 0) != 0) {
+    if (unlinkat(directory.get(), std::string(user).c_str(), 0) != 0) {
         return errno == ENOENT ? platform_status{PLATFORM_OK} : last_error();
     }
-    return fsync(directory.fd()) == 0 ? PLATFORM_OK : last_error();
+    return fsync(directory.get()) == 0 ? PLATFORM_OK : last_error();
 }
 
 platform_status key_file_read(std::string_view user, std::string& line) {
     const std::string path = std::string(key_file_directory) + '/' + std::string(user);
-    const descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.fd() >= 0) {
-        return read_all(file.fd(), line);
+    const file_descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.get() >= 0) {
+        return read_all(file.get(), line);
     }
     if (errno != ENOENT) {
         return last_error();
