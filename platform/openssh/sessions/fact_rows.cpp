@@ -225,24 +225,14 @@ const type_row* type_of(const type_row (&rows)[count], std::string_view text) {
     return row == std::end(rows) ? nullptr : row;
 }
 
-channel_facts* find_channel(session_facts& facts, std::string_view number) {
-    unsigned long long id = 0;
-    if (!number_of(number, id)) {
+/// The channel in use that has this number as its `id` or its `login`; null when there is none.
+channel_facts* find_channel(session_facts& facts, std::string_view text, uint32_t channel_facts::*number) {
+    unsigned long long wanted = 0;
+    if (!number_of(text, wanted)) {
         return nullptr;
     }
     auto* found = std::find_if(std::begin(facts.channels), std::end(facts.channels), [&](const channel_facts& channel) {
-        return channel.state != channel_unused && channel.id == id;
-    });
-    return found == std::end(facts.channels) ? nullptr : found;
-}
-
-channel_facts* find_login(session_facts& facts, std::string_view number) {
-    unsigned long long login = 0;
-    if (!number_of(number, login)) {
-        return nullptr;
-    }
-    auto* found = std::find_if(std::begin(facts.channels), std::end(facts.channels), [&](const channel_facts& channel) {
-        return channel.state != channel_unused && channel.login == login;
+        return channel.state != channel_unused && channel.*number == wanted;
     });
     return found == std::end(facts.channels) ? nullptr : found;
 }
@@ -254,7 +244,7 @@ void open_channel(learning& with) {
     if (row == nullptr || with.piece(1).ends_with(listener_end) || !number_of(with.piece(0), id) || id > INT32_MAX) {
         return;
     }
-    channel_facts* place = find_channel(with.facts, with.piece(0));
+    channel_facts* place = find_channel(with.facts, with.piece(0), &channel_facts::id);
     for (channel_facts& channel : with.facts.channels) {
         if (place == nullptr && channel.state == channel_unused) {
             place = &channel;
@@ -268,14 +258,14 @@ void open_channel(learning& with) {
 }
 
 void close_channel(learning& with) {
-    if (channel_facts* channel = find_channel(with.facts, with.piece(0))) {
+    if (channel_facts* channel = find_channel(with.facts, with.piece(0), &channel_facts::id)) {
         *channel = {};
     }
 }
 
 template <size_t count>
 void use_channel(learning& with, const type_row (&rows)[count]) {
-    channel_facts* channel = find_channel(with.facts, with.piece(0));
+    channel_facts* channel = find_channel(with.facts, with.piece(0), &channel_facts::id);
     const type_row* row = type_of(rows, with.piece(1));
     if (channel != nullptr && row != nullptr) {
         channel->state = channel_running;
@@ -288,7 +278,7 @@ void label_channel(learning& with) {
 }
 
 void request_of_channel(learning& with) {
-    channel_facts* channel = find_channel(with.facts, with.piece(0));
+    channel_facts* channel = find_channel(with.facts, with.piece(0), &channel_facts::id);
     if (channel != nullptr && with.piece(1) == "pty-req") {
         channel->terminal = with.context.own_terminal;
     }
@@ -296,13 +286,13 @@ void request_of_channel(learning& with) {
 }
 
 void link_login(learning& with) {
-    if (channel_facts* channel = find_channel(with.facts, with.piece(1))) {
+    if (channel_facts* channel = find_channel(with.facts, with.piece(1), &channel_facts::id)) {
         channel->login = static_cast<uint32_t>(number_in(with.piece(0)));
     }
 }
 
 void give_terminal(learning& with) {
-    channel_facts* channel = find_login(with.facts, with.piece(0));
+    channel_facts* channel = find_channel(with.facts, with.piece(0), &channel_facts::login);
     unsigned long long number = 0;
     if (channel != nullptr && number_of(with.piece(1), number) && number < no_terminal) {
         channel->terminal = static_cast<uint32_t>(number);
