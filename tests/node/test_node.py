@@ -337,20 +337,27 @@ def test_node_that_is_switched_off_from_inside_ends():
     assert result.returncode == 128 + signal.SIGKILL
 
 
+# An ordinary user cannot reach every clone: root's home is closed to others.
+REACHABLE_NODE = "/stub/node/node"
+MAKE_REACHABLE = f"mkdir /stub && cp -r {NODE.parent} /stub/node"
+
+
 def test_ordinary_user_is_told_and_goes_on_with_sudo(node):
     # The sudo of this test only says how it was called.
     script = f"""
-mkdir /stub; printf '#!/bin/sh\\nprintf "<%%s>" "$@"\\n' > /stub/sudo; chmod +x /stub/sudo
-runuser -u operator -- env PATH=/stub:/usr/bin {NODE} --no-agent --password 'a b' run -- echo 'x y'"""
+{MAKE_REACHABLE}; printf '#!/bin/sh\\nprintf "<%%s>" "$@"\\n' > /stub/sudo; chmod +x /stub/sudo
+runuser -u operator -- env PATH=/stub:/usr/bin {REACHABLE_NODE} --no-agent --password 'a b' run -- echo 'x y'"""
     result = node("run", "--", "sh", "-c", script)
     assert b"node: namespaces and mounts need root: going on with sudo\n" in result.stderr
     assert b"<NODE_PASSWORD=a b>" in result.stdout
-    assert result.stdout.endswith(f"<{NODE}><--no-agent><--password><a b><run><--><echo><x y>".encode())
+    assert result.stdout.endswith(
+        f"<{REACHABLE_NODE}><--no-agent><--password><a b><run><--><echo><x y>".encode()
+    )
 
 
 def test_ordinary_user_without_sudo_is_told(node):
-    script = f"runuser -u operator -- env PATH=/usr/bin {NODE} --no-agent run -- true"
-    script = f"rm -f /usr/bin/sudo; {script}"
+    script = f"runuser -u operator -- env PATH=/usr/bin {REACHABLE_NODE} --no-agent run -- true"
+    script = f"rm -f /usr/bin/sudo; {MAKE_REACHABLE}; {script}"
     result = node("run", "--", "sh", "-c", script)
     assert result.returncode == 125
     assert b"there is no sudo here" in result.stderr
