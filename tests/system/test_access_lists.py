@@ -203,6 +203,8 @@ def test_each_service_follows_its_own_list(mgmt):
     router.delete_item(ITEMS[22])
     set_list("ipv4", "net", f"permit tcp host {DENIED} any")
     wait_for_rules(mgmt, "netconf_v4acl", text=DENIED)
+    # The other item took the server down with it for a moment.
+    router.wait_until(lambda: who_gets_in(830), what="the server answers again")
     assert who_gets_in(830) == {DENIED, ALLOWED6, DENIED6}
 
 
