@@ -16,7 +16,7 @@
 #include <string>
 
 #include "figures.h"
-#include "linux/datastore_commit.h"
+#include "linux/datastore/datastore_internal.h"
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "acl/rule_conversion.h"
-#include "linux/acl_json.h"
-#include "linux/acl_line.h"
-#include "linux/acl_rule.h"
+#include "linux/access_lists/acl_json.h"
+#include "linux/access_lists/acl_line.h"
+#include "linux/access_lists/acl_rule.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 
 #include "control_protocol/frame.h"
 #include "control_protocol/json_text.h"
-#include "linux/control_value.h"
-#include "linux/schema_text.h"
+#include "linux/control/value.h"
+#include "linux/datastore/schema_text.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "common/record_schema.h"
-#include "linux/record_json.h"
+#include "linux/datastore/record_json.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "linux/schema.h"
-#include "linux/schema_text.h"
+#include "linux/datastore/schema.h"
+#include "linux/datastore/schema_text.h"
 #include "platform/datastore_backend.h"
 
 namespace {

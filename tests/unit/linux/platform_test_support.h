@@ -20,11 +20,11 @@
 #include <sstream>
 #include <string>
 
-#include "linux/event_manager_internal.h"
-#include "linux/log_message_internal.h"
-#include "linux/mpp_internal.h"
-#include "linux/namespace_internal.h"
-#include "linux/process_internal.h"
+#include "linux/process/event_manager_internal.h"
+#include "linux/process/process_internal.h"
+#include "linux/reporting/log_message_internal.h"
+#include "linux/vrf/mpp_internal.h"
+#include "linux/vrf/namespace_internal.h"
 
 namespace platform_test {
 

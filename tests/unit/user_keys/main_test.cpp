@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "../linux/datastore_fixture.h"
-#include "../linux/platform_test_support.h"
 #include "key_samples.h"
-#include "linux/key_store_internal.h"
+#include "linux/host/key_store_internal.h"
+#include "unit/linux/datastore/datastore_fixture.h"
+#include "unit/linux/platform_test_support.h"
 #include "user_keys/key_file.h"
 
 namespace {

@@ -1,0 +1,280 @@
+#include "linux/access_lists/acl_json.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "common/record_registry.h"
+#include "linux/datastore/record_json.h"
+
+namespace {
+
+constexpr size_t shown_value = 60;
+
+/// The values of an enumeration, by their numbers.
+struct enumeration_row {
+    const char* name;
+    std::vector<const char*> values;
+};
+
+const std::vector<enumeration_row>& enumerations() {
+    static const std::vector<enumeration_row> rows = {
+        {"acl_action_", {acl_action_names, acl_action_names + std::size(acl_action_names)}},
+        {"acl_port_operator_", {"none", "eq", "gt", "lt", "ne", "range"}},
+        {"acl_log_type_", {"none", "log"}},
+        {"acl_tcpflags_operator_", {"none", "match_all", "match_any"}},
+    };
+    return rows;
+}
+
+const enumeration_row* find_enumeration(const std::string& name) {
+    for (const enumeration_row& row : enumerations()) {
+        if (row.name == name) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
+/// Fields that are wider than what the packet has room for; nftables would refuse the whole list for one such number.
+struct narrow_field {
+    const char* name;
+    uint64_t highest;
+};
+
+constexpr narrow_field narrow_fields[] = {
+    {"DSCP", 63},  {"DSCP2", 63}, {"IsDSCPValu", 63},         {"IsDSCPValu2", 63},
+    {"TTL1", 255}, {"TTL2", 255}, {"IsTimeToLiveStart", 255}, {"IsTimeToLiveEnd", 255},
+};
+
+uint64_t highest_number(const record_field& field, uint64_t width) {
+    const auto* row = std::find_if(std::begin(narrow_fields), std::end(narrow_fields),
+                                   [&field](const narrow_field& narrow) { return field.name == narrow.name; });
+    return row != std::end(narrow_fields) ? row->highest : width;
+}
+
+std::string shown(const control_json& value) {
+    return control_printable(control_json_text(value), shown_value);
+}
+
+/// Fills one native entry from a JSON object.
+class entry_writer {
+  public:
+    entry_writer(const record_schema& schema, unsigned char* base, std::string& error)
+        : schema_(schema), base_(base), error_(error) {}
+
+    bool write(const control_json& object) {
+        for (const auto& [name, value] : object.items()) {
+            const record_field* field = find(name);
+            if (field == nullptr) {
+                error_ = '"' + control_printable(name, shown_value) + "\": an entry has no such field";
+                return false;
+            }
+            if (!write_field(*field, value, base_ + field->offset)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// Texts that the entry points to.
+    std::vector<std::string> texts;
+
+  private:
+    const record_field* find(const std::string& name) const {
+        for (const record_field& field : schema_.record().fields) {
+            if (field.name == name) {
+                return &field;
+            }
+        }
+        return nullptr;
+    }
+
+    bool fail(const record_field& field, const control_json& value, const std::string& expected) {
+        error_ = field.name + ": " + shown(value) + "; expected " + expected;
+        return false;
+    }
+
+    template <typename number_type>
+    bool write_number(const record_field& field, const control_json& value, unsigned char* at) {
+        const uint64_t highest = highest_number(field, std::numeric_limits<number_type>::max());
+        if (!value.is_number_unsigned() || value.get<uint64_t>() > highest) {
+            return fail(field, value, "a number from 0 to " + std::to_string(highest));
+        }
+        const auto number = static_cast<number_type>(value.get<uint64_t>());
+        memcpy(at, &number, sizeof number);
+        return true;
+    }
+
+    bool write_enumeration(const record_field& field, const control_json& value, unsigned char* at) {
+        const enumeration_row* row = find_enumeration(field.enumeration);
+        std::string allowed;
+        for (size_t i = 0; row != nullptr && i < row->values.size(); i++) {
+            const auto number = static_cast<int32_t>(i);
+            if (value == row->values[i] || (value.is_number_unsigned() && value.get<uint64_t>() == i)) {
+                memcpy(at, &number, sizeof number);
+                return true;
+            }
+            allowed += (i == 0 ? "" : ", ") + std::string(row->values[i]);
+        }
+        return fail(field, value, "one of " + allowed + ", or its number");
+    }
+
+    bool write_flag(const record_field& field, const control_json& value, unsigned char* at) {
+        const bool numeric = value.is_number_unsigned() && value.get<uint64_t>() <= 1;
+        if (!value.is_boolean() && !numeric) {
+            return fail(field, value, "true or false");
+        }
+        const uint32_t flag = value.is_boolean() ? (value.get<bool>() ? 1 : 0) : value.get<uint32_t>();
+        memcpy(at, &flag, sizeof flag);
+        return true;
+    }
+
+    bool write_text(const record_field& field, const control_json& value, unsigned char* at) {
+        const auto* text = value.get_ptr<const std::string*>();
+        if (text == nullptr || (!text->empty() && !acl_name_is_valid(*text))) {
+            return fail(field, value, "a name of at most 64 letters, digits, '_', '-' and '.', or an empty text");
+        }
+        if (!text->empty()) {
+            texts.reserve(8);
+            texts.push_back(*text);
+            const char* pointer = texts.back().c_str();
+            memcpy(at, &pointer, sizeof pointer);
+        }
+        return true;
+    }
+
+    bool write_address(const record_field& field, const control_json& value, int family, unsigned char* at) {
+        const auto* text = value.get_ptr<const std::string*>();
+        if (text == nullptr || inet_pton(family, text->c_str(), at) != 1) {
+            return fail(field, value, family == AF_INET ? "an IPv4 address" : "an IPv6 address");
+        }
+        return true;
+    }
+
+    bool write_field(const record_field& field, const control_json& value, unsigned char* at) {
+        switch (field.kind) {
+            case record_field_kind::number32:
+                return write_number<uint32_t>(field, value, at);
+            case record_field_kind::number16:
+                return write_number<uint16_t>(field, value, at);
+            case record_field_kind::number8:
+                return write_number<uint8_t>(field, value, at);
+            case record_field_kind::ipv4_address:
+                return write_address(field, value, AF_INET, at);
+            case record_field_kind::bytes:
+                return write_address(field, value, AF_INET6, at);
+            case record_field_kind::enumeration:
+                return write_enumeration(field, value, at);
+            case record_field_kind::boolean:
+                return write_flag(field, value, at);
+            case record_field_kind::text:
+                return write_text(field, value, at);
+            default:
+                return fail(field, value, "nothing: the field cannot be set");
+        }
+    }
+
+    const record_schema& schema_;
+    unsigned char* base_;
+    std::string& error_;
+};
+
+/// What a condition's field is called in each family, for complaints about a range that is turned round.
+struct range_row {
+    const char* operation;
+    const char* first;
+    const char* second;
+};
+
+constexpr range_row ranges[] = {
+    {"SourceOperator", "SourcePort1", "SourcePort2"},
+    {"DestinationOperator", "DestinationPort1", "DestinationPort2"},
+    {"PacketLengthOperator", "PacketLength1", "PacketLength2"},
+    {"TTLOperator", "TTL1", "TTL2"},
+    {"FragmentOffsetOperator", "FragmentOffset1", "FragmentOffset2"},
+    {"DSCPOperator", "DSCP", "DSCP2"},
+    {"IsSourceOperator", "IsSourcePort1", "IsSourcePort2"},
+    {"IsDestinationOperator", "IsDestinationPort1", "IsDestinationPort2"},
+    {"IsPacketLengthOperator", "IsPacketLengthStart", "IsPacketLengthEnd"},
+    {"IsTimeToLiveOperator", "IsTimeToLiveStart", "IsTimeToLiveEnd"},
+    {"DSCPOperator", "IsDSCPValu", "IsDSCPValu2"},
+};
+
+bool is_range(const control_json& operation) {
+    return operation == "range" || operation == static_cast<int>(ACL_RANGE);
+}
+
+bool check_ranges(const control_json& object, std::string& error) {
+    for (const range_row& row : ranges) {
+        const auto operation = object.find(row.operation);
+        const auto first = object.find(row.first);
+        const auto second = object.find(row.second);
+        if (operation == object.end() || !is_range(*operation) || first == object.end()) {
+            continue;
+        }
+        if (second == object.end() || first->get<uint32_t>() > second->get<uint32_t>()) {
+            error = std::string(row.first) + ", " + row.second +
+                    ": the range is turned round; expected the lower number first";
+            return false;
+        }
+    }
+    return true;
+}
+
+constexpr const char* action_fields[] = {"Grant", "IsPacketAllowOrDeny"};
+
+}  // namespace
+
+bool acl_entry_from_json(uint32_t family, const control_json& json, acl_stored_entry& entry, std::string& error) {
+    const char* action = action_fields[family == ACL_FAMILY_IPV6 ? 1 : 0];
+    if (!json.is_object() || !json.contains(action)) {
+        error = std::string("expected an object with at least the field ") + action;
+        return false;
+    }
+    const record_descriptor* descriptor = acl_entry_descriptor(family);
+    const record_schema* schema = find_record_schema(descriptor);
+    if (schema == nullptr) {
+        error = "the ACL service is not ready";
+        return false;
+    }
+    std::vector<unsigned char> native(schema->record().size);
+    entry_writer writer(*schema, native.data(), error);
+    if (!writer.write(json) || !check_ranges(json, error)) {
+        return false;
+    }
+    void* encoded = nullptr;
+    size_t size = 0;
+    const platform_status status = record_encode(descriptor, native.data(), &encoded, &size);
+    if (status != PLATFORM_OK) {
+        error = platform_status_text(status);
+        return false;
+    }
+    const std::unique_ptr<void, decltype(&free)> owned(encoded, free);
+    entry = {json.value("SequenceNumber", 0U), std::string(static_cast<const char*>(encoded), size)};
+    return true;
+}
+
+platform_status acl_entry_to_json(uint32_t family, const acl_stored_entry& entry, control_json& json) {
+    const record_descriptor* descriptor = acl_entry_descriptor(family);
+    const platform_status status = record_to_json({descriptor, entry.record}, json);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    for (const record_field& field : find_record_schema(descriptor)->record().fields) {
+        control_json& value = json[field.name];
+        const enumeration_row* row = find_enumeration(field.enumeration);
+        if (field.kind == record_field_kind::bytes) {
+            char text[INET6_ADDRSTRLEN] = "";
+            inet_ntop(AF_INET6, value.get<std::vector<uint8_t>>().data(), text, sizeof text);
+            value = text;
+        } else if (row != nullptr && value >= 0 && value < row->values.size()) {
+            value = row->values[value.get<size_t>()];
+        }
+    }
+    return PLATFORM_OK;
+}

@@ -1,0 +1,59 @@
+/// An access-list entry apart from its address family, and its way into and out of the family's record.
+#ifndef LINUX_ACCESS_LISTS_ACL_RULE_H
+#define LINUX_ACCESS_LISTS_ACL_RULE_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "linux/access_lists/acl_service_internal.h"
+#include "platform/acl_entry.h"
+
+/// Operators of conditions, as entries carry them.
+enum acl_operation : int32_t { ACL_NONE, ACL_EQ, ACL_GT, ACL_LT, ACL_NE, ACL_RANGE };
+
+/// A condition on a number; `second` is the upper end of a range.
+struct acl_condition {
+    int32_t operation = ACL_NONE;
+    uint32_t first = 0;
+    uint32_t second = 0;
+};
+
+/// A condition on an address. IPv4 uses the first four bytes and a wildcard mask (ones do not count), IPv6 all sixteen
+/// and a network mask (ones count) with its length.
+struct acl_address {
+    std::array<uint8_t, 16> address = {};
+    std::array<uint8_t, 16> mask = {};
+    uint32_t prefix_length = 0;
+};
+
+struct acl_rule {
+    uint32_t sequence = 0;
+    int32_t action = 0;  ///< place in acl_action_names
+    bool any_protocol = false;
+    uint32_t protocol = 0;
+    acl_address source;
+    acl_address destination;
+    acl_condition source_port;
+    acl_condition destination_port;
+    bool log = false;
+    std::string counter;
+    acl_condition dscp;
+    int32_t tcp_flags_operation = 0;
+    uint8_t tcp_flags = 0;
+    uint8_t tcp_flags_mask = 0;
+    acl_condition packet_length;
+    acl_condition ttl;
+    acl_condition fragment_offset;  ///< IPv4 only
+};
+
+/// The descriptor of a family's entries.
+const record_descriptor* acl_entry_descriptor(uint32_t family);
+
+/// Encodes a rule as an entry of the family. Returns 0 or the codec's error. May throw std::bad_alloc.
+platform_status acl_encode_rule(uint32_t family, const acl_rule& rule, acl_stored_entry& entry);
+
+/// Reads an entry of the family. Returns 0 or the codec's error. May throw std::bad_alloc.
+platform_status acl_decode_rule(uint32_t family, const acl_stored_entry& entry, acl_rule& rule);
+
+#endif

@@ -1,0 +1,44 @@
+/// Access lists as the rest of the Linux platform makes and reads them.
+///
+/// A list is kept whole under one key of the datastore's private part, so that it is replaced in one durable step.
+#ifndef LINUX_ACCESS_LISTS_ACL_SERVICE_INTERNAL_H
+#define LINUX_ACCESS_LISTS_ACL_SERVICE_INTERNAL_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/acl_service.h"
+#include "platform/event_manager.h"
+
+inline constexpr size_t ACL_NAME_MAX = ACL_NAME_SIZE - 1;  ///< characters of a list's name
+
+struct acl_stored_entry {
+    uint32_t sequence;
+    std::string record;  ///< encoded by the family's descriptor
+};
+
+/// Names of actions, by their number in an entry.
+inline constexpr const char* acl_action_names[] = {"deny", "permit"};
+
+/// Lets the ACL service answer: registers its record types and serves its lists through the datastore. Called once.
+platform_status acl_service_start();
+
+/// Stores a list in place of its former self; the subscribers are told when the loop is reached again. The entries are in
+/// ascending order of their sequence numbers. Returns when the list is on stable storage.
+platform_status acl_list_replace(uint32_t family, std::string_view name, const std::vector<acl_stored_entry>& entries);
+
+/// Removes a list. DATASTORE_NO_SUCH_LIST when there is none.
+platform_status acl_list_delete(uint32_t family, std::string_view name);
+
+/// The names of all lists of a family, in byte order.
+platform_status acl_list_names(uint32_t family, std::vector<std::string>& names);
+
+/// The entries of a list. DATASTORE_NO_SUCH_LIST when there is none.
+platform_status acl_list_entries(uint32_t family, std::string_view name, std::vector<acl_stored_entry>& entries);
+
+/// Whether a list may have this name: 1 to 64 letters, digits, '_', '-' and '.', the first of them no '-' and no '.'.
+bool acl_name_is_valid(std::string_view name);
+
+#endif

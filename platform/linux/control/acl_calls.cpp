@@ -1,0 +1,216 @@
+/// Calls on access lists. Request members: family ("ipv4" or "ipv6"), name, and for acl_set either `lines` (an array of
+/// texts) or `entries` (an array of objects).
+#include <vector>
+
+#include "linux/access_lists/acl_json.h"
+#include "linux/access_lists/acl_line.h"
+#include "linux/control/audit.h"
+#include "linux/control/calls_internal.h"
+#include "linux/datastore/schema_text.h"
+
+namespace {
+
+constexpr size_t shown_name = 80;
+
+struct family_row {
+    const char* name;
+    uint32_t code;
+};
+
+constexpr family_row families[] = {{"ipv4", ACL_FAMILY_IPV4}, {"ipv6", ACL_FAMILY_IPV6}};
+
+/// The list that a request names.
+struct wished_list {
+    const family_row* family = nullptr;
+    std::string name;
+};
+
+/// Reads family and name. Returns null, or the answer that says what is wrong.
+control_json read_wish(const control_json& request, wished_list& wish) {
+    const std::string* family = control_text_member(request, "family");
+    const std::string* name = control_text_member(request, "name");
+    for (const family_row& row : families) {
+        wish.family = family != nullptr && *family == row.name ? &row : wish.family;
+    }
+    if (wish.family == nullptr) {
+        return control_wrong_member("family", "ipv4 or ipv6");
+    }
+    if (name == nullptr) {
+        return control_wrong_member("name", "a text");
+    }
+    if (!acl_name_is_valid(*name)) {
+        return control_answer(control_result::refused,
+                              "access list \"" + text_escape(*name, shown_name) +
+                                  "\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', "
+                                  "not beginning with '-' or '.'");
+    }
+    wish.name = *name;
+    return {};
+}
+
+control_json refuse(const char* what, size_t number, const std::string& error) {
+    return control_answer(control_result::refused, std::string(what) + ' ' + std::to_string(number) + ": " + error);
+}
+
+control_json failure(const wished_list& wish, platform_status status) {
+    if (status == DATASTORE_NO_SUCH_LIST) {
+        return control_answer(control_result::no_data,
+                              std::string("there is no ") + wish.family->name + " access list " + wish.name);
+    }
+    return control_answer(control_result::failed, text_format("access list %s: %s (0x%x)", wish.name.c_str(),
+                                                              platform_status_text(status), status));
+}
+
+/// Numbers the rules and encodes them. Returns null or a refusal.
+control_json encode_rules(uint32_t family, std::vector<acl_rule>& rules, std::vector<acl_stored_entry>& entries) {
+    std::string error;
+    if (!acl_number_rules(rules, error)) {
+        return control_answer(control_result::refused, error);
+    }
+    for (const acl_rule& rule : rules) {
+        acl_stored_entry entry = {};
+        const platform_status status = acl_encode_rule(family, rule, entry);
+        if (status != PLATFORM_OK) {
+            return refuse("entry", rule.sequence, platform_status_text(status));
+        }
+        entries.push_back(std::move(entry));
+    }
+    return {};
+}
+
+control_json read_lines(uint32_t family, const control_json& lines, std::vector<acl_stored_entry>& entries) {
+    std::vector<acl_rule> rules;
+    for (size_t i = 0; i < lines.size(); i++) {
+        const auto* line = lines[i].get_ptr<const std::string*>();
+        if (line == nullptr) {
+            return control_wrong_member("lines", "an array of texts");
+        }
+        acl_rule rule;
+        std::string error;
+        if (acl_parse_line(family, *line, rule, error)) {
+            rules.push_back(std::move(rule));
+        } else if (!error.empty()) {
+            return refuse("line", i + 1, error);
+        }
+    }
+    return encode_rules(family, rules, entries);
+}
+
+/// Puts entries in order; those without a sequence number get the next ten, in their record, too.
+control_json read_objects(uint32_t family, const control_json& objects, std::vector<acl_stored_entry>& entries) {
+    uint32_t last = 0;
+    for (size_t i = 0; i < objects.size(); i++) {
+        control_json object = objects[i];
+        if (object.is_object() && !object.contains("SequenceNumber")) {
+            object["SequenceNumber"] = last + 10;
+        }
+        acl_stored_entry entry = {};
+        std::string error;
+        if (!acl_entry_from_json(family, object, entry, error)) {
+            return refuse("entry", i + 1, error);
+        }
+        if (entry.sequence <= last) {
+            return refuse("entry", i + 1,
+                          "SequenceNumber: " + std::to_string(entry.sequence) +
+                              "; expected a number above the entry's before it, " + std::to_string(last));
+        }
+        last = entry.sequence;
+        entries.push_back(std::move(entry));
+    }
+    return {};
+}
+
+control_json read_list(uint32_t family, const control_json& request, std::vector<acl_stored_entry>& entries) {
+    const auto lines = request.find("lines");
+    const auto objects = request.find("entries");
+    if (lines != request.end() && lines->is_array()) {
+        return read_lines(family, *lines, entries);
+    }
+    if (objects != request.end() && objects->is_array()) {
+        return read_objects(family, *objects, entries);
+    }
+    return control_wrong_member("entries", "an array of entries");
+}
+
+std::string audited(const wished_list& wish) {
+    return std::string(wish.family->name) + ' ' + wish.name;
+}
+
+}  // namespace
+
+control_json control_call_acl_set(const control_json& request, const control_peer& peer) {
+    wished_list wish;
+    control_json problem = read_wish(request, wish);
+    std::vector<acl_stored_entry> entries;
+    if (problem.is_null()) {
+        problem = read_list(wish.family->code, request, entries);
+    }
+    if (!problem.is_null()) {
+        return problem;
+    }
+    const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
+    control_json answer = status == PLATFORM_OK ? control_answer(control_result::done) : failure(wish, status);
+    answer["entries"] = entries.size();
+    control_audit(peer, "acl set", status == PLATFORM_OK ? control_result::done : control_result::failed,
+                  {audited(wish)});
+    return answer;
+}
+
+control_json control_call_acl_delete(const control_json& request, const control_peer& peer) {
+    wished_list wish;
+    control_json problem = read_wish(request, wish);
+    if (!problem.is_null()) {
+        return problem;
+    }
+    const platform_status status = acl_list_delete(wish.family->code, wish.name);
+    if (status != PLATFORM_OK) {
+        return failure(wish, status);
+    }
+    control_audit(peer, "acl delete", control_result::done, {audited(wish)});
+    return control_answer(control_result::done);
+}
+
+control_json control_call_acl_list(const control_json& /*request*/, const control_peer& /*peer*/) {
+    control_json lists = control_json::array();
+    for (const family_row& row : families) {
+        std::vector<std::string> names;
+        const platform_status status = acl_list_names(row.code, names);
+        if (status != PLATFORM_OK) {
+            return failure({&row, {}}, status);
+        }
+        for (const std::string& name : names) {
+            std::vector<acl_stored_entry> entries;
+            acl_list_entries(row.code, name, entries);
+            lists.push_back({{"family", row.name}, {"name", name}, {"entries", entries.size()}});
+        }
+    }
+    return control_data_answer(std::move(lists));
+}
+
+control_json control_call_acl_show(const control_json& request, const control_peer& /*peer*/) {
+    wished_list wish;
+    control_json problem = read_wish(request, wish);
+    if (!problem.is_null()) {
+        return problem;
+    }
+    std::vector<acl_stored_entry> entries;
+    platform_status status = acl_list_entries(wish.family->code, wish.name, entries);
+    control_json objects = control_json::array();
+    control_json lines = control_json::array();
+    for (size_t i = 0; i < entries.size() && status == PLATFORM_OK; i++) {
+        acl_rule rule;
+        control_json object;
+        status = acl_entry_to_json(wish.family->code, entries[i], object);
+        if (status == PLATFORM_OK) {
+            status = acl_decode_rule(wish.family->code, entries[i], rule);
+        }
+        objects.push_back(std::move(object));
+        lines.push_back(acl_format_line(wish.family->code, rule));
+    }
+    if (status != PLATFORM_OK) {
+        return failure(wish, status);
+    }
+    control_json answer = control_data_answer(std::move(objects));
+    answer["lines"] = std::move(lines);
+    return answer;
+}

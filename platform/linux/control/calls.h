@@ -1,0 +1,38 @@
+/// The calls of the control socket, as ssh_cfg_ctl makes them.
+///
+/// Request members beside "call":
+///   set     path, value (any JSON value) or word (the value as it was typed: JSON, or bare text where the schema wants
+///           text)
+///   delete  path
+///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
+///   get     path
+///   list    path
+///   dump, vrf_list, status
+///   show    path; answers with "record", the records' name, beside "data"
+///   watch   nothing: after the answer, frames with telemetry follow until one of both hangs up (control_event_queue.h)
+///   debug   nothing: lists the flags; or flag and on
+///   trace   buffer
+///   acl_set     family, name, and lines (texts) or entries (objects)
+///   acl_delete  family, name
+///   acl_list    nothing
+///   acl_show    family, name; answers with "lines" beside "data"
+///   key_list    nothing
+///   key_import  user, text (a key as OpenSSH writes it)
+///   key_delete  user
+///   reload        timeout (seconds, optional)
+///   reload_state  number
+/// An answer with "next" is not the last one: the request in it is to be made after a short while.
+/// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
+/// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
+/// status an object. Commits answer with "items" (path and outcome) and, when an applier failed, "warnings" (path and
+/// message).
+#ifndef LINUX_CONTROL_CALLS_H
+#define LINUX_CONTROL_CALLS_H
+
+#include "control_protocol/json_text.h"
+#include "linux/control/peer.h"
+
+/// Answers a request, which is an object with a text "call". May throw std::bad_alloc.
+control_json control_call(const control_json& request, const control_peer& peer);
+
+#endif

@@ -1,0 +1,235 @@
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "linux/control/audit.h"
+#include "linux/control/calls_internal.h"
+#include "linux/control/value.h"
+#include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/schema_text.h"
+
+namespace {
+
+/// How many refusals of one load are told at once.
+constexpr size_t refusals_max = 20;
+constexpr size_t shown_path = 200;
+
+const char* outcome_name(datastore_outcome outcome) {
+    switch (outcome) {
+        case datastore_outcome::created:
+            return "created";
+        case datastore_outcome::changed:
+            return "changed";
+        case datastore_outcome::deleted:
+            return "deleted";
+        case datastore_outcome::unchanged:
+            break;
+    }
+    return "unchanged";
+}
+
+control_result result_of(datastore_refused_by refused_by) {
+    switch (refused_by) {
+        case datastore_refused_by::none:
+            return control_result::done;
+        case datastore_refused_by::schema:
+        case datastore_refused_by::verifier:
+            return control_result::refused;
+        case datastore_refused_by::absent:
+            return control_result::no_data;
+        case datastore_refused_by::store:
+        case datastore_refused_by::busy:
+            break;
+    }
+    return control_result::failed;
+}
+
+control_json items_of(const datastore_commit_result& result) {
+    control_json items = control_json::array();
+    for (const datastore_item_outcome& item : result.items) {
+        items.push_back({{"path", item.path}, {"outcome", outcome_name(item.outcome)}});
+    }
+    return items;
+}
+
+control_json warnings_of(const datastore_commit_result& result) {
+    control_json warnings = control_json::array();
+    for (const datastore_warning& warning : result.warnings) {
+        warnings.push_back({{"path", warning.path}, {"message", warning.message}});
+    }
+    return warnings;
+}
+
+/// What the audit says of a commit: each change that was made, each warning; of a refused one what was asked and why not.
+std::vector<std::string> audit_entries(const std::vector<datastore_change_request>& changes,
+                                       const datastore_commit_result& result) {
+    std::vector<std::string> entries;
+    if (result.refused_by != datastore_refused_by::none) {
+        entries.push_back(result.message);
+        for (const datastore_change_request& change : changes) {
+            entries.push_back(change.path);
+        }
+        return entries;
+    }
+    for (const datastore_item_outcome& item : result.items) {
+        if (item.outcome != datastore_outcome::unchanged) {
+            entries.push_back(std::string(outcome_name(item.outcome)) + ' ' + item.path);
+        }
+    }
+    for (const datastore_warning& warning : result.warnings) {
+        entries.push_back("not carried out: " + warning.path + ": " + warning.message);
+    }
+    return entries;
+}
+
+struct change_call {
+    const char* name;
+    const control_peer& peer;
+    bool check_only;
+};
+
+control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
+    const datastore_commit_result result = datastore_commit(changes, call.check_only);
+    const control_result outcome = result_of(result.refused_by);
+    control_json answer = control_answer(outcome, result.message);
+    if (outcome == control_result::done) {
+        answer["check"] = call.check_only;
+        answer["items"] = items_of(result);
+    } else if (!result.path.empty()) {
+        answer["path"] = result.path;
+    }
+    if (!result.warnings.empty()) {
+        answer["warnings"] = warnings_of(result);
+    }
+    if (!call.check_only) {
+        control_audit(call.peer, call.name, outcome, audit_entries(changes, result));
+    }
+    return answer;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += text.empty() ? line : '\n' + line;
+    }
+    return text;
+}
+
+/// The answer to a change that did not come as far as the datastore.
+control_json refuse(const change_call& call, const std::string& path, const std::vector<std::string>& refusals) {
+    control_json answer = control_answer(control_result::refused, joined(refusals));
+    answer["path"] = path;
+    if (!call.check_only) {
+        control_audit(call.peer, call.name, control_result::refused, refusals);
+    }
+    return answer;
+}
+
+/// One wished item: a value in JSON, null to delete it, or a word as it was typed.
+struct wished_item {
+    const std::string& path;
+    const control_json* value;
+    const std::string* word;
+};
+
+std::optional<datastore_change_request> change_of(const wished_item& wish, std::string& refusal) {
+    if (wish.value != nullptr && wish.value->is_null()) {
+        return datastore_change_request{wish.path, std::nullopt};
+    }
+    const schema_row* row = schema_find(wish.path, &refusal);
+    if (row == nullptr) {
+        return std::nullopt;
+    }
+    std::optional<datastore_value> value = wish.word != nullptr
+                                               ? control_value_from_word(*row, wish.path, *wish.word, refusal)
+                                               : control_value_from_json(*row, wish.path, *wish.value, refusal);
+    datastore_stored stored;
+    if (!value.has_value() || schema_store(*row, wish.path, *value, stored, refusal) != PLATFORM_OK) {
+        return std::nullopt;
+    }
+    return datastore_change_request{wish.path, std::move(value)};
+}
+
+/// What is wrong with the items of a load.
+struct load_refusals {
+    std::string path;  ///< the first refused one
+    std::vector<std::string> texts;
+    size_t untold = 0;
+};
+
+void add_refusal(load_refusals& refusals, const std::string& path, std::string text) {
+    if (refusals.texts.empty()) {
+        refusals.path = path;
+    }
+    if (refusals.texts.size() < refusals_max) {
+        refusals.texts.push_back(std::move(text));
+    } else {
+        refusals.untold++;
+    }
+}
+
+/// Measures all items, so that whoever wrote a file hears of all its mistakes and not of one at a time.
+std::vector<datastore_change_request> changes_of(const control_json& items, load_refusals& refusals) {
+    std::vector<datastore_change_request> changes;
+    changes.reserve(items.size());
+    for (const auto& [path, value] : items.get_ref<const control_json::object_t&>()) {
+        std::string refusal;
+        std::optional<datastore_change_request> change = change_of({path, &value, nullptr}, refusal);
+        if (change.has_value()) {
+            changes.push_back(std::move(*change));
+        } else {
+            add_refusal(refusals, path, std::move(refusal));
+        }
+    }
+    if (refusals.untold > 0) {
+        refusals.texts.push_back(text_format("%zu more items are refused", refusals.untold));
+    }
+    return changes;
+}
+
+}  // namespace
+
+control_json control_call_set(const control_json& request, const control_peer& peer) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a text");
+    }
+    const std::string* word = control_text_member(request, "word");
+    const auto value = request.find("value");
+    if (word == nullptr && value == request.end()) {
+        return control_wrong_member("value", "there");
+    }
+    const change_call call = {"set", peer, false};
+    if (word == nullptr && value->is_null()) {
+        return refuse(call, *path,
+                      {text_format("%s: null is no value; use delete to remove an item",
+                                   text_escape(*path, shown_path).c_str())});
+    }
+    std::string refusal;
+    const std::optional<datastore_change_request> change =
+        change_of({*path, word == nullptr ? &*value : nullptr, word}, refusal);
+    return change.has_value() ? commit(call, {*change}) : refuse(call, *path, {refusal});
+}
+
+control_json control_call_delete(const control_json& request, const control_peer& peer) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a text");
+    }
+    return commit({"delete", peer, false}, {{*path, std::nullopt}});
+}
+
+control_json control_call_load(const control_json& request, const control_peer& peer) {
+    const auto items = request.find("items");
+    if (items == request.end() || !items->is_object()) {
+        return control_wrong_member("items", "an object of paths and values");
+    }
+    const auto check = request.find("check");
+    if (check != request.end() && !check->is_boolean()) {
+        return control_wrong_member("check", "true or false");
+    }
+    const change_call call = {"load", peer, check != request.end() && check->get<bool>()};
+    load_refusals refusals;
+    const std::vector<datastore_change_request> changes = changes_of(*items, refusals);
+    return refusals.texts.empty() ? commit(call, changes) : refuse(call, refusals.path, refusals.texts);
+}

@@ -1,0 +1,396 @@
+#include "linux/control/connection.h"
+
+#include <malloc.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "control_protocol/answer.h"
+#include "linux/reporting/log_message_internal.h"
+
+namespace {
+
+constexpr uint64_t second = 1'000'000;
+/// What is read or written in one go before others get their turn.
+constexpr size_t turn_size = 1024UL * 1024;
+/// Frames and answers above this size are worth giving their memory back to the system at once.
+constexpr size_t worth_trimming = 256UL * 1024;
+
+// One buffer for all connections: it is only used between a read and the copy into the frame.
+std::array<char, 64UL * 1024> read_buffer;
+
+void set_deadline(control_connection& connection, uint64_t duration) {
+    connection.deadline = control_now() + duration;
+    sd_event_source_set_time(connection.limit, connection.deadline);
+    sd_event_source_set_enabled(connection.limit, SD_EVENT_ONESHOT);
+}
+
+void enter_phase(control_connection& connection, control_phase phase, uint64_t duration) {
+    connection.phase = phase;
+    connection.since = control_now();
+    set_deadline(connection, duration);
+    sd_event_source_set_io_events(connection.io, phase == control_phase::answering ? EPOLLOUT : EPOLLIN);
+}
+
+/// Until the next event, however long that takes.
+void wait_for_event(control_connection& connection) {
+    enter_phase(connection, control_phase::waiting, 0);
+    sd_event_source_set_enabled(connection.limit, SD_EVENT_OFF);
+}
+
+void forget_frame(control_connection& connection) {
+    connection.server->large_frames -= std::exchange(connection.promised, 0);
+    connection.frame = {};
+}
+
+void forget_answer(control_connection& connection) {
+    connection.server->answers -= connection.answer.size();
+    const bool large = connection.answer.size() > worth_trimming;
+    std::string().swap(connection.answer);
+    connection.sent = 0;
+    if (large) {
+        malloc_trim(0);
+    }
+}
+
+control_json busy_answer() {
+    control_json answer = control_answer(control_result::failed, "the agent is busy with other large requests");
+    answer["retry"] = true;
+    return answer;
+}
+
+/// Without a byte taken.
+uint64_t time_to_take(const control_connection& connection) {
+    const control_limits& limits = connection.server->limits;
+    return connection.watching ? limits.watch_time : limits.answer_time;
+}
+
+/// Puts a document on its way.
+void send_document(control_connection& connection, std::string text) {
+    const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
+    text.insert(text.begin(), header.begin(), header.end());
+    connection.answer = std::move(text);
+    connection.sent = 0;
+    connection.server->answers += connection.answer.size();
+    enter_phase(connection, control_phase::answering, time_to_take(connection));
+}
+
+/// The answer goes out when the loop is reached again: what the call has asked of the loop, the opening of a VRF's ports
+/// above all, has happened by then.
+void send_answer(control_connection& connection, const control_json& answer, bool last) {
+    std::string text = control_json_text(answer);
+    if (text.size() > CONTROL_FRAME_MAX) {
+        text = control_json_text(
+            control_answer(control_result::failed, "the answer is larger than a frame may be; ask for less at a time"));
+    } else if (connection.server->answers + text.size() > connection.server->limits.answers) {
+        text = control_json_text(busy_answer());
+        last = true;
+    }
+    forget_frame(connection);
+    connection.last_answer = last;
+    send_document(connection, std::move(text));
+}
+
+void send_events(control_connection& connection) {
+    send_document(connection, control_event_take(connection.events, connection.server->limits.watch_frame));
+}
+
+void send_last_answer(control_connection& connection, control_result result, const std::string& message) {
+    send_answer(connection, control_answer(result, message), true);
+}
+
+/// Makes the peer a watcher, as its answer says, if there is a place.
+void admit_watcher(control_connection& connection, control_json& answer) {
+    const control_server& server = *connection.server;
+    if (control_server_watchers(&server) >= server.limits.watchers) {
+        answer = control_answer(control_result::failed, "there are " + std::to_string(server.limits.watchers) +
+                                                            " watchers already; more are not served");
+        return;
+    }
+    connection.watching = true;
+}
+
+void answer_call(control_connection& connection, const control_json& request) {
+    control_json answer = connection.server->call(request, connection.peer);
+    if (answer.contains("watching")) {
+        admit_watcher(connection, answer);
+    }
+    send_answer(connection, answer, false);
+}
+
+void handle_request(control_connection& connection) {
+    const size_t size = connection.frame.document.size();
+    std::string error;
+    std::optional<control_json> request = control_json_parse(connection.frame.document, error);
+    std::string().swap(connection.frame.document);
+    if (!request.has_value()) {
+        send_last_answer(connection, control_result::refused, "the request is refused: " + error);
+    } else if (!request->is_object() || !request->contains("call") || !(*request)["call"].is_string()) {
+        send_answer(connection, control_answer(control_result::usage, "a request is an object with a text \"call\""),
+                    false);
+    } else {
+        answer_call(connection, *request);
+    }
+    request.reset();
+    if (size > worth_trimming) {
+        malloc_trim(0);
+    }
+}
+
+/// A large frame needs a place of its size among the large ones, so that they cannot take all memory together.
+bool promise_memory(control_connection& connection) {
+    control_server& server = *connection.server;
+    const size_t length = control_frame_length(connection.frame);
+    if (length <= server.limits.small_frame || connection.promised > 0) {
+        return true;
+    }
+    if (server.large_frames + length > server.limits.large_frames) {
+        return false;
+    }
+    server.large_frames += length;
+    connection.promised = length;
+    return true;
+}
+
+void take_bytes(control_connection& connection, std::string_view bytes) {
+    if (connection.phase == control_phase::idle) {
+        enter_phase(connection, control_phase::receiving, connection.server->limits.frame_time);
+    }
+    control_frame_take(connection.frame, bytes);
+    switch (control_frame_progress(connection.frame)) {
+        case control_frame_state::too_large:
+            send_last_answer(connection, control_result::refused,
+                             "the request is refused: a frame of " +
+                                 std::to_string(control_frame_length(connection.frame)) + " bytes; at most " +
+                                 std::to_string(CONTROL_FRAME_MAX) + " are taken");
+            break;
+        case control_frame_state::complete:
+            handle_request(connection);
+            break;
+        case control_frame_state::incomplete:
+            if (!promise_memory(connection)) {
+                send_answer(connection, busy_answer(), true);
+            }
+            break;
+    }
+}
+
+/// What serving a connection has left of it.
+enum class served : uint8_t { kept, dropped };
+
+served drop(control_connection& connection) {
+    control_connection_drop(&connection);
+    return served::dropped;
+}
+
+served handle_end_of_input(control_connection& connection) {
+    if (connection.phase == control_phase::idle) {
+        return drop(connection);
+    }
+    send_last_answer(connection, control_result::refused, "the request is refused: it ended in the middle of a frame");
+    return served::kept;
+}
+
+/// Whether a failed read or write only has to be repeated later.
+bool try_again_later(int error) {
+    return error == EAGAIN || error == EINTR;
+}
+
+served read_frame(control_connection& connection) {
+    for (size_t total = 0; total < turn_size && connection.phase != control_phase::answering;) {
+        const size_t wanted = std::min(control_frame_missing(connection.frame), read_buffer.size());
+        const ssize_t count = recv(connection.fd, read_buffer.data(), wanted, MSG_DONTWAIT);
+        if (count < 0) {
+            return try_again_later(errno) ? served::kept : drop(connection);
+        }
+        if (count == 0) {
+            return handle_end_of_input(connection);
+        }
+        take_bytes(connection, std::string_view(read_buffer.data(), static_cast<size_t>(count)));
+        total += static_cast<size_t>(count);
+    }
+    return served::kept;
+}
+
+served write_answer(control_connection& connection) {
+    const size_t size = std::min(connection.answer.size() - connection.sent, turn_size);
+    const ssize_t count =
+        send(connection.fd, connection.answer.data() + connection.sent, size, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0) {
+        return try_again_later(errno) ? served::kept : drop(connection);
+    }
+    connection.sent += static_cast<size_t>(count);
+    if (connection.sent < connection.answer.size()) {
+        set_deadline(connection, time_to_take(connection));
+        return served::kept;
+    }
+    if (connection.last_answer) {
+        return drop(connection);
+    }
+    forget_answer(connection);
+    if (!connection.watching) {
+        enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
+    } else if (connection.events.events.empty()) {
+        wait_for_event(connection);
+    } else {
+        send_events(connection);
+    }
+    return served::kept;
+}
+
+/// A watcher has nothing more to say: it hangs up.
+served read_end(control_connection& connection) {
+    char byte = 0;
+    const ssize_t count = recv(connection.fd, &byte, 1, MSG_DONTWAIT);
+    return count < 0 && try_again_later(errno) ? served::kept : drop(connection);
+}
+
+served serve(control_connection& connection) {
+    switch (connection.phase) {
+        case control_phase::answering:
+            return write_answer(connection);
+        case control_phase::waiting:
+            return read_end(connection);
+        case control_phase::idle:
+        case control_phase::receiving:
+            break;
+    }
+    return read_frame(connection);
+}
+
+/// No exception may cross the loop, which is C: what one connection asks for must never end the agent.
+template <class action>
+void guarded(control_connection* connection, action act) {
+    try {
+        act();
+    } catch (const std::exception& exception) {
+        platform_log(LOG_ERR, "A control connection of process %d is dropped: %s", connection->peer.pid,
+                     exception.what());
+        control_connection_drop(connection);
+    }
+}
+
+int io_is_ready(sd_event_source* /*source*/, int /*fd*/, uint32_t /*events*/, void* userdata) {
+    auto* connection = static_cast<control_connection*>(userdata);
+    guarded(connection, [connection] { serve(*connection); });
+    return 0;
+}
+
+uint64_t time_for(const control_connection& connection) {
+    const control_limits& limits = connection.server->limits;
+    switch (connection.phase) {
+        case control_phase::idle:
+            return limits.idle_time;
+        case control_phase::receiving:
+            return limits.frame_time;
+        case control_phase::answering:
+        case control_phase::waiting:
+            break;
+    }
+    return time_to_take(connection);
+}
+
+void time_is_up(control_connection& connection) {
+    // A handler has held up the loop, which is not the peer's doing: it gets its time again.
+    if (control_now() > connection.deadline + second) {
+        set_deadline(connection, time_for(connection));
+        return;
+    }
+    // Others may have been served while what was missing lay in the socket already.
+    const uint64_t deadline = connection.deadline;
+    if (serve(connection) == served::dropped || connection.deadline != deadline) {
+        return;
+    }
+    if (connection.phase == control_phase::receiving) {
+        send_last_answer(connection, control_result::refused,
+                         "the request is refused: its frame was not finished within " +
+                             std::to_string(connection.server->limits.frame_time / second) + " seconds");
+        return;
+    }
+    if (connection.watching) {
+        platform_log(LOG_NOTICE, "A watcher is dropped: process %d has not taken its events for %d seconds",
+                     connection.peer.pid, static_cast<int>(connection.server->limits.watch_time / second));
+    }
+    control_connection_drop(&connection);
+}
+
+int limit_is_reached(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
+    auto* connection = static_cast<control_connection*>(userdata);
+    guarded(connection, [connection] { time_is_up(*connection); });
+    return 0;
+}
+
+int attach(control_connection& connection) {
+    sd_event* loop = connection.server->loop;
+    int result = sd_event_add_io(loop, &connection.io, connection.fd, EPOLLIN, io_is_ready, &connection);
+    if (result >= 0) {
+        result = sd_event_source_set_priority(connection.io, CONTROL_PRIORITY_CONNECTION);
+    }
+    if (result >= 0) {
+        result = sd_event_add_time(loop, &connection.limit, CLOCK_MONOTONIC, UINT64_MAX, second / 10, limit_is_reached,
+                                   &connection);
+    }
+    if (result >= 0) {
+        result = sd_event_source_set_priority(connection.limit, CONTROL_PRIORITY_LIMIT);
+    }
+    return result;
+}
+
+}  // namespace
+
+uint64_t control_now() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+platform_status control_connection_add(control_server* server, int fd, const control_peer& peer) {
+    std::unique_ptr<control_connection> owned;
+    try {
+        owned = std::make_unique<control_connection>();
+        server->connections.emplace_back();
+    } catch (const std::bad_alloc&) {
+        close(fd);
+        throw;
+    }
+    control_connection& connection = *owned;
+    server->connections.back() = std::move(owned);
+    connection.server = server;
+    connection.fd = fd;
+    connection.peer = peer;
+    const int result = attach(connection);
+    if (result < 0) {
+        control_connection_drop(&connection);
+        return static_cast<platform_status>(-result);
+    }
+    enter_phase(connection, control_phase::idle, server->limits.idle_time);
+    return PLATFORM_OK;
+}
+
+void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event) {
+    if (!control_event_add(connection.events, event, connection.server->limits.watch_queue)) {
+        platform_log(LOG_NOTICE, "A watcher is dropped: more events wait for process %d than are kept",
+                     connection.peer.pid);
+        control_connection_drop(&connection);
+    } else if (connection.phase == control_phase::waiting) {
+        send_events(connection);
+    }
+}
+
+void control_connection_drop(control_connection* connection) {
+    forget_frame(*connection);
+    forget_answer(*connection);
+    sd_event_source_disable_unref(connection->io);
+    sd_event_source_disable_unref(connection->limit);
+    close(connection->fd);
+    connection->server->connections.remove_if(
+        [connection](const std::unique_ptr<control_connection>& entry) { return entry.get() == connection; });
+}

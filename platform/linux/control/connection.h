@@ -1,0 +1,71 @@
+/// One connection of the control socket, inside of control_server.
+#ifndef LINUX_CONTROL_CONNECTION_H
+#define LINUX_CONTROL_CONNECTION_H
+
+#include <systemd/sd-event.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "control_protocol/frame.h"
+#include "linux/control/event_queue.h"
+#include "linux/control/peer.h"
+#include "linux/control/server.h"
+
+struct control_connection;
+
+/// Whatever is pending of a control connection is served after the platform's own events, and a new connection after
+/// those that exist. Time limits come first, or a busy loop would never reach them.
+enum control_priority { CONTROL_PRIORITY_LIMIT = 9, CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11 };
+
+struct control_server {
+    int listener;
+    std::optional<gid_t> group;
+    control_limits limits;
+    control_call_function call;
+    sd_event* loop;
+    sd_event_source* listener_source;
+    sd_event_source* resume_source;  ///< accepts again after the process ran out of descriptors
+    std::list<std::unique_ptr<control_connection>> connections;
+    size_t large_frames;      ///< bytes that have been promised to large frames
+    size_t answers;           ///< bytes of answers in memory
+    uint64_t refusal_logged;  ///< when a refused peer was last logged
+};
+
+/// A watcher is answering while events are on their way to it, and waiting in between.
+enum class control_phase : uint8_t { idle, receiving, answering, waiting };
+
+struct control_connection {
+    control_server* server;
+    int fd;
+    control_peer peer;
+    control_phase phase;
+    bool last_answer;   ///< the connection ends when its answer is out
+    bool watching;      ///< takes events from now on
+    uint64_t since;     ///< when the connection was made, or began its present frame or answer
+    uint64_t deadline;  ///< when the present phase has taken too long
+    sd_event_source* io;
+    sd_event_source* limit;
+    control_frame_reader frame;
+    size_t promised;  ///< what of server->large_frames is this frame's
+    std::string answer;
+    size_t sent;
+    control_event_queue events;
+};
+
+/// Microseconds of the monotonic clock, read now: the loop's own time is that of its last wake-up.
+uint64_t control_now();
+
+/// Adds a connection for `fd`, which is taken over in every case. Throws std::bad_alloc.
+platform_status control_connection_add(control_server* server, int fd, const control_peer& peer);
+
+/// Passes an event to a watcher, which is dropped when it has too many. Throws std::bad_alloc.
+void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event);
+
+/// Ends the connection and frees it.
+void control_connection_drop(control_connection* connection);
+
+#endif

@@ -1,0 +1,145 @@
+/// Calls on users' public keys. Request members: user, and for key_import the key's text as `text`.
+#include <ctime>
+#include <vector>
+
+#include "linux/control/audit.h"
+#include "linux/control/calls_internal.h"
+#include "linux/datastore/schema_text.h"
+#include "linux/host/key_store_internal.h"
+#include "user_keys/key_der.h"
+
+namespace {
+
+constexpr size_t shown_name = 80;
+
+/// Reads the member `user`. Returns null, or the answer that says what is wrong.
+control_json read_user(const control_json& request, std::string& user) {
+    const std::string* name = control_text_member(request, "user");
+    if (name == nullptr) {
+        return control_wrong_member("user", "a text");
+    }
+    if (!key_user_is_valid(*name)) {
+        return control_answer(
+            control_result::refused,
+            text_format("user \"%s\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', the first neither "
+                        "'-' nor '.'",
+                        text_escape(*name, shown_name).c_str()));
+    }
+    user = *name;
+    return {};
+}
+
+/// Takes blank lines and those that begin with '#' away, as a file of keys may have them; what is left must be one line.
+bool only_line(std::string_view text, std::string_view& line) {
+    size_t lines = 0;
+    while (!text.empty()) {
+        const size_t end = text.find('\n');
+        const std::string_view next = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        if (next.find_first_not_of(" \t\r") != std::string_view::npos && next.front() != '#') {
+            line = next;
+            lines++;
+        }
+    }
+    return lines == 1;
+}
+
+control_json answer_of(const std::string& user, platform_status status) {
+    const char* name = user.c_str();
+    switch (status) {
+        case PLATFORM_OK:
+            return control_answer(control_result::done);
+        case DATASTORE_NO_SUCH_ITEM:
+            return control_answer(control_result::no_data, text_format("user %s has no key", name));
+        case KEY_OTHER_ORIGIN:
+            return control_answer(control_result::refused,
+                                  text_format("user %s has a key by configuration; delete %s to be rid of it", name,
+                                              key_record_item(user).c_str()));
+        case KEY_NOT_BASE64:
+        case KEY_CUT_OFF:
+        case KEY_TRAILING_BYTES:
+        case KEY_OTHER_TYPE:
+        case KEY_TYPES_DIFFER:
+        case KEY_WRONG_EXPONENT:
+        case KEY_WRONG_MODULUS:
+        case KEY_TOO_SMALL:
+        case KEY_TOO_LARGE:
+            return control_answer(
+                control_result::refused,
+                text_format(
+                    "user %s: %s; expected a line such as \"ssh-rsa AAAA... comment\" with an RSA key from 1024 "
+                    "bits on, as ssh-keygen writes it",
+                    name, platform_status_text(status)));
+        default:
+            return control_answer(control_result::failed,
+                                  text_format("user %s: %s (0x%x)", name, platform_status_text(status), status));
+    }
+}
+
+control_json audited_answer(const control_peer& peer, const char* call, const std::string& user,
+                            platform_status status) {
+    control_json answer = answer_of(user, status);
+    control_audit(peer, call, control_result_of_name(answer.value("result", "")), {user});
+    return answer;
+}
+
+std::string time_text(int64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts = {};
+    char text[32] = "";
+    if (gmtime_r(&time, &parts) != nullptr) {
+        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    }
+    return text;
+}
+
+control_json entry_json(const key_store_entry& entry) {
+    rsa_public_key key;
+    const bool readable = key_der_read(entry.record.der, key) == PLATFORM_OK;
+    return {{"user", entry.user},
+            {"type", "ssh-rsa"},
+            {"bits", entry.record.bits},
+            {"origin", entry.record.origin == key_origin::exec_mode ? "exec" : "configuration"},
+            {"since", time_text(entry.record.time)},
+            {"fingerprint", readable ? key_fingerprint(key) : std::string()}};
+}
+
+}  // namespace
+
+control_json control_call_key_list(const control_json& /*request*/, const control_peer& /*peer*/) {
+    std::vector<key_store_entry> entries;
+    const platform_status status = key_store_list(entries);
+    if (status != PLATFORM_OK) {
+        return control_answer(control_result::failed,
+                              text_format("the keys cannot be read: %s (0x%x)", platform_status_text(status), status));
+    }
+    control_json list = control_json::array();
+    for (const key_store_entry& entry : entries) {
+        list.push_back(entry_json(entry));
+    }
+    return control_data_answer(std::move(list));
+}
+
+control_json control_call_key_import(const control_json& request, const control_peer& peer) {
+    std::string user;
+    control_json problem = read_user(request, user);
+    const std::string* text = control_text_member(request, "text");
+    if (problem.is_null() && text == nullptr) {
+        problem = control_wrong_member("text", "a text");
+    }
+    if (!problem.is_null()) {
+        return problem;
+    }
+    std::string_view line;
+    if (!only_line(*text, line)) {
+        return control_answer(control_result::refused,
+                              text_format("user %s: expected one key, in one line", user.c_str()));
+    }
+    return audited_answer(peer, "key import", user, key_store_import(user, line));
+}
+
+control_json control_call_key_delete(const control_json& request, const control_peer& peer) {
+    std::string user;
+    const control_json problem = read_user(request, user);
+    return problem.is_null() ? audited_answer(peer, "key delete", user, key_store_delete(user)) : problem;
+}

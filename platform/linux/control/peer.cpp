@@ -1,0 +1,51 @@
+#include "linux/control/peer.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+platform_status control_peer_read(int fd, control_peer& peer) {
+    ucred credentials = {};
+    socklen_t size = sizeof credentials;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+        return static_cast<platform_status>(errno);
+    }
+    peer = {credentials.pid, credentials.uid, credentials.gid};
+    return PLATFORM_OK;
+}
+
+namespace {
+
+/// The peer's supplementary groups; empty when the kernel does not tell.
+std::vector<gid_t> supplementary_groups(int fd) {
+    std::vector<gid_t> groups(64);
+    for (;;) {
+        auto size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        const bool told = getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0;
+        if (!told && errno != ERANGE) {
+            return {};
+        }
+        groups.resize(size / sizeof(gid_t));
+        if (told) {
+            return groups;
+        }
+    }
+}
+
+}  // namespace
+
+bool control_peer_allowed(int fd, const control_peer& peer, std::optional<gid_t> group) {
+    if (peer.uid == 0) {
+        return true;
+    }
+    if (!group.has_value()) {
+        return false;
+    }
+    if (peer.gid == *group) {
+        return true;
+    }
+    const std::vector<gid_t> groups = supplementary_groups(fd);
+    return std::find(groups.begin(), groups.end(), *group) != groups.end();
+}

@@ -1,0 +1,99 @@
+#include <vector>
+
+#include "linux/control/calls_internal.h"
+#include "linux/control/value.h"
+#include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/record_json.h"
+#include "linux/datastore/schema_text.h"
+#include "platform/record_codec.h"
+
+namespace {
+
+constexpr size_t shown_path = 200;
+
+/// A format takes the path.
+control_json no_data(const char* format, const std::string& path) {
+    return control_answer(control_result::no_data, text_format(format, text_escape(path, shown_path).c_str()));
+}
+
+control_json failure(const std::string& path, platform_status status) {
+    return control_answer(control_result::failed, text_format("%s: %s (0x%x)", text_escape(path, shown_path).c_str(),
+                                                              platform_status_text(status), status));
+}
+
+}  // namespace
+
+control_json control_call_get(const control_json& request, const control_peer& /*peer*/) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a text");
+    }
+    std::string refusal;
+    if (schema_find(*path, &refusal) == nullptr) {
+        return control_answer(control_result::refused, refusal);
+    }
+    datastore_value value;
+    const platform_status status = datastore_get_value(*path, value);
+    if (status == DATASTORE_NO_SUCH_ITEM) {
+        return no_data("%s: not configured", *path);
+    }
+    return status == PLATFORM_OK ? control_data_answer(control_value_to_json(value)) : failure(*path, status);
+}
+
+control_json control_call_list(const control_json& request, const control_peer& /*peer*/) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a text");
+    }
+    std::vector<std::string> names;
+    const platform_status status = datastore_list_children(*path, names);
+    if (status != PLATFORM_OK) {
+        return failure(*path, status);
+    }
+    return names.empty() ? no_data("%s: nothing is configured below it", *path) : control_data_answer(names);
+}
+
+control_json control_call_dump(const control_json& /*request*/, const control_peer& /*peer*/) {
+    control_json::object_t items;
+    // The paths come in order and once each, so they need no look-up.
+    const platform_status status =
+        datastore_visit("/", [&items](const std::string& path, const datastore_value& value) {
+            items.emplace_back(path, control_value_to_json(value));
+            return true;
+        });
+    return status == PLATFORM_OK ? control_data_answer(std::move(items)) : failure("/", status);
+}
+
+control_json control_call_show(const control_json& request, const control_peer& /*peer*/) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a text");
+    }
+    const datastore_answer answer = datastore_read(*path);
+    switch (answer.status) {
+        case DATASTORE_NO_SUCH_TREE:
+            return no_data("%s: nothing answers operational reads there", *path);
+        case DATASTORE_NO_DATA:
+        case DATASTORE_NOTHING_TO_ENCODE:
+            return no_data("%s: no data", *path);
+        case PLATFORM_OK:
+            break;
+        default:
+            return failure(*path, answer.status);
+    }
+    if (answer.records.empty()) {
+        return no_data("%s: no data", *path);
+    }
+    control_json records = control_json::array();
+    for (const datastore_record& record : answer.records) {
+        control_json json;
+        const platform_status status = record_to_json(record, json);
+        if (status != PLATFORM_OK) {
+            return failure(*path, status);
+        }
+        records.push_back(std::move(json));
+    }
+    control_json shown = control_data_answer(answer.is_list ? std::move(records) : std::move(records[0]));
+    shown["record"] = answer.records[0].descriptor->name;
+    return shown;
+}

@@ -1,0 +1,211 @@
+#include "linux/control/server.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <string>
+#include <tuple>
+
+#include "control_protocol/answer.h"
+#include "linux/control/connection.h"
+#include "linux/reporting/log_message_internal.h"
+
+namespace {
+
+constexpr uint64_t second = 1'000'000;
+/// How many connections are accepted before those that exist get their turn.
+constexpr int accepted_at_once = 16;
+/// How long accepting pauses when the process has run out of descriptors or memory.
+constexpr uint64_t pause_without_descriptors = second / 5;
+
+/// Says why a connection is about to be closed, if the peer's buffer takes it at once.
+void send_parting_answer(int fd, const control_json& answer) {
+    const std::string text = control_json_text(answer);
+    const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
+    const std::string frame = std::string(header.begin(), header.end()) + text;
+    static_cast<void>(send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
+}
+
+/// Of two connections the one that is dropped first to make room: watchers come last, and before them those whose answer
+/// is on its way.
+bool dropped_before(const std::unique_ptr<control_connection>& left, const std::unique_ptr<control_connection>& right) {
+    const auto rank = [](const control_connection& connection) {
+        return std::tuple(connection.watching, connection.phase == control_phase::answering, connection.since);
+    };
+    return rank(*left) < rank(*right);
+}
+
+void make_room(control_server& server) {
+    if (server.connections.size() < server.limits.connections) {
+        return;
+    }
+    control_connection* victim =
+        std::min_element(server.connections.begin(), server.connections.end(), dropped_before)->get();
+    if (victim->phase != control_phase::answering && !victim->watching) {
+        control_json answer =
+            control_answer(control_result::failed, "too many connections; this one has waited longest and is dropped");
+        answer["retry"] = true;
+        send_parting_answer(victim->fd, answer);
+    }
+    control_connection_drop(victim);
+}
+
+void refuse(control_server& server, int fd, const control_peer& peer) {
+    send_parting_answer(fd, control_answer(control_result::failed,
+                                           "only root and members of the group sshcfg may use the control socket"));
+    close(fd);
+    // One line in ten seconds: who is refused must not be able to fill the log.
+    if (server.refusal_logged == 0 || control_now() - server.refusal_logged > 10 * second) {
+        server.refusal_logged = control_now();
+        platform_log(LOG_WARNING,
+                     "Control connection refused: uid:=%u, pid:=%d is neither root nor in the group sshcfg", peer.uid,
+                     peer.pid);
+    }
+}
+
+void admit(control_server& server, int fd) {
+    control_peer peer = {};
+    if (control_peer_read(fd, peer) != PLATFORM_OK) {
+        close(fd);
+        return;
+    }
+    if (!control_peer_allowed(fd, peer, server.group)) {
+        refuse(server, fd, peer);
+        return;
+    }
+    make_room(server);
+    const platform_status status = control_connection_add(&server, fd, peer);
+    if (status != PLATFORM_OK) {
+        platform_log(LOG_ERR, "Error:=%s(0x%x), a control connection cannot be served", platform_status_text(status),
+                     status);
+    }
+}
+
+bool is_shortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+/// The listener stays readable while nobody can be accepted, and would keep the loop spinning.
+void pause_accepting(control_server& server, int error) {
+    platform_log(LOG_ERR, "Error:=%s(0x%x), control connections wait", platform_status_text(error), error);
+    sd_event_source_set_enabled(server.listener_source, SD_EVENT_OFF);
+    sd_event_source_set_time(server.resume_source, control_now() + pause_without_descriptors);
+    sd_event_source_set_enabled(server.resume_source, SD_EVENT_ONESHOT);
+}
+
+void accept_some(control_server& server) {
+    for (int count = 0; count < accepted_at_once; count++) {
+        const int fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (fd >= 0) {
+            admit(server, fd);
+            continue;
+        }
+        if (is_shortage(errno)) {
+            pause_accepting(server, errno);
+        }
+        return;
+    }
+}
+
+int listener_is_ready(sd_event_source* /*source*/, int /*fd*/, uint32_t /*events*/, void* userdata) {
+    auto* server = static_cast<control_server*>(userdata);
+    try {
+        accept_some(*server);
+    } catch (const std::exception& exception) {
+        platform_log(LOG_ERR, "A control connection could not be accepted: %s", exception.what());
+    }
+    return 0;
+}
+
+int accepting_resumes(sd_event_source* /*source*/, uint64_t /*usec*/, void* userdata) {
+    const auto* server = static_cast<control_server*>(userdata);
+    sd_event_source_set_enabled(server->listener_source, SD_EVENT_ON);
+    return 0;
+}
+
+int attach(control_server& server, sd_event* loop) {
+    int result = sd_event_add_io(loop, &server.listener_source, server.listener, EPOLLIN, listener_is_ready, &server);
+    if (result >= 0) {
+        result = sd_event_source_set_priority(server.listener_source, CONTROL_PRIORITY_LISTENER);
+    }
+    if (result >= 0) {
+        result =
+            sd_event_add_time(loop, &server.resume_source, CLOCK_MONOTONIC, UINT64_MAX, 0, accepting_resumes, &server);
+    }
+    return result >= 0 ? sd_event_source_set_enabled(server.resume_source, SD_EVENT_OFF) : result;
+}
+
+void detach(control_server& server) {
+    server.listener_source = sd_event_source_disable_unref(server.listener_source);
+    server.resume_source = sd_event_source_disable_unref(server.resume_source);
+    server.loop = sd_event_unref(server.loop);
+}
+
+}  // namespace
+
+control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
+                                      control_call_function call) {
+    auto* server = new (std::nothrow) control_server();
+    if (server == nullptr) {
+        close(listener);
+        throw std::bad_alloc();
+    }
+    server->listener = listener;
+    server->group = group;
+    server->limits = limits;
+    server->call = call;
+    return server;
+}
+
+platform_status control_server_start(control_server* server, sd_event* loop) {
+    if (server->loop != nullptr) {
+        return EALREADY;
+    }
+    server->loop = sd_event_ref(loop);
+    const int result = attach(*server, loop);
+    if (result < 0) {
+        detach(*server);
+        return static_cast<platform_status>(-result);
+    }
+    return PLATFORM_OK;
+}
+
+size_t control_server_connections(const control_server* server) {
+    return server->connections.size();
+}
+
+size_t control_server_watchers(const control_server* server) {
+    return static_cast<size_t>(std::count_if(server->connections.begin(), server->connections.end(),
+                                             [](const auto& connection) { return connection->watching; }));
+}
+
+void control_server_publish(control_server* server, std::string_view subject, std::string_view document) {
+    const auto event =
+        std::make_shared<const control_event>(control_event{std::string(subject), std::string(document)});
+    for (auto next = server->connections.begin(); next != server->connections.end();) {
+        // The connection may be dropped.
+        control_connection& connection = **next++;
+        if (connection.watching) {
+            control_connection_notify(connection, event);
+        }
+    }
+}
+
+void control_server_free(control_server* server) {
+    if (server == nullptr) {
+        return;
+    }
+    while (!server->connections.empty()) {
+        control_connection_drop(server->connections.back().get());
+    }
+    detach(*server);
+    close(server->listener);
+    delete server;
+}

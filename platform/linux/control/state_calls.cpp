@@ -1,0 +1,178 @@
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <map>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "linux/control/audit.h"
+#include "linux/control/calls_internal.h"
+#include "linux/datastore/schema_text.h"
+#include "linux/process/process_internal.h"
+#include "linux/reporting/debug_internal.h"
+#include "linux/reporting/trace_internal.h"
+#include "linux/vrf/mpp_internal.h"
+#include "linux/vrf/namespace_internal.h"
+#include "linux/vrf/vrf_internal.h"
+
+namespace {
+
+/// What the platform's services say of one VRF.
+struct vrf_state {
+    std::optional<uint32_t> id;  ///< nothing when the VRF has no number yet
+    bool has_namespace = false;
+    mpp_vrf_status protection = {};
+};
+
+platform_status collect_vrfs(std::map<std::string, vrf_state>& vrfs) {
+    std::vector<vrf_table_entry> entries;
+    const platform_status status = vrf_table_list(entries);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    for (const vrf_table_entry& entry : entries) {
+        vrfs[entry.name].id = entry.id;
+    }
+    for (const std::string& name : namespace_list()) {
+        vrfs[name.substr(std::string_view(vrf_namespace_prefix).size())].has_namespace = true;
+    }
+    for (const mpp_vrf_status& protection : mpp_status()) {
+        vrfs[protection.vrf_name].protection = protection;
+    }
+    return PLATFORM_OK;
+}
+
+control_json vrfs_json(const std::map<std::string, vrf_state>& vrfs) {
+    control_json list = control_json::array();
+    for (const auto& [name, vrf] : vrfs) {
+        list.push_back({{"name", name},
+                        {"id", vrf.id ? control_json(*vrf.id) : control_json()},
+                        {"namespace", vrf.has_namespace},
+                        {"ssh", vrf.protection.ssh},
+                        {"netconf", vrf.protection.netconf},
+                        {"blocked", vrf.protection.blocked}});
+    }
+    return list;
+}
+
+std::string utc_time(uint64_t seconds, const char* format) {
+    const auto moment = static_cast<time_t>(seconds);
+    tm parts = {};
+    gmtime_r(&moment, &parts);
+    char text[64];
+    return {text, strftime(text, sizeof text, format, &parts)};
+}
+
+const char* role_name(uint32_t role) {
+    return role == PROCESS_ROLE_PRIMARY ? "primary" : "standby";
+}
+
+control_json flags_json() {
+    control_json list = control_json::array();
+    for (const debug_flag_state& flag : debug_flag_list()) {
+        list.push_back({{"name", flag.name}, {"on", flag.on}, {"path", flag.path}});
+    }
+    return list;
+}
+
+std::string known_flags() {
+    std::string names;
+    for (const debug_flag_state& flag : debug_flag_list()) {
+        names += (names.empty() ? "" : ", ") + flag.name;
+    }
+    return names;
+}
+
+control_json switch_flag(const std::string& flag, bool on, const control_peer& peer) {
+    const platform_status status = debug_flag_set(flag, on);
+    const std::string shown = text_escape(flag, 80);
+    control_json answer = control_answer(control_result::done);
+    if (status == ENOENT) {
+        answer = control_answer(control_result::refused, text_format("there is no debug flag \"%s\"; there are %s",
+                                                                     shown.c_str(), known_flags().c_str()));
+    } else if (status != PLATFORM_OK) {
+        answer = control_answer(control_result::failed, text_format("debug flag \"%s\": %s (0x%x)", shown.c_str(),
+                                                                    platform_status_text(status), status));
+    }
+    control_audit(peer, "debug", control_result_of_name(answer["result"].get_ref<const std::string&>()),
+                  {flag + (on ? " on" : " off")});
+    return answer;
+}
+
+control_json trace_entry_json(const trace_record& record) {
+    constexpr uint64_t second = 1'000'000;
+    control_json arguments = control_json::array();
+    for (const trace_value& argument : record.arguments) {
+        arguments.push_back(argument.is_text ? control_json(argument.text) : control_json(argument.number));
+    }
+    return {{"time", utc_time(record.microseconds / second, "%Y-%m-%dT%H:%M:%S") +
+                         text_format(".%06uZ", static_cast<unsigned>(record.microseconds % second))},
+            {"point", record.trace_point},
+            {"arguments", std::move(arguments)}};
+}
+
+}  // namespace
+
+control_json control_call_vrf_list(const control_json& /*request*/, const control_peer& /*peer*/) {
+    std::map<std::string, vrf_state> vrfs;
+    const platform_status status = collect_vrfs(vrfs);
+    if (status != PLATFORM_OK) {
+        return control_answer(control_result::failed, text_format("the VRF table cannot be read: %s (0x%x)",
+                                                                  platform_status_text(status), status));
+    }
+    return control_data_answer(vrfs_json(vrfs));
+}
+
+control_json control_call_status(const control_json& request, const control_peer& peer) {
+    const process_status process = process_manager_status();
+    const auto now = static_cast<uint64_t>(time(nullptr));
+    control_json vrfs = control_call_vrf_list(request, peer);
+    if (!vrfs.contains("data")) {
+        return vrfs;
+    }
+    return control_data_answer({{"version", control_version()},
+                                {"pid", getpid()},
+                                {"role", role_name(process.role)},
+                                {"ready", process.ready},
+                                {"started", utc_time(process.started, "%Y-%m-%dT%H:%M:%SZ")},
+                                {"uptime_seconds", now > process.started ? now - process.started : 0},
+                                {"respawn_count", process.respawn_count},
+                                {"vrfs", std::move(vrfs["data"])}});
+}
+
+control_json control_call_debug(const control_json& request, const control_peer& peer) {
+    const auto flag = request.find("flag");
+    if (flag == request.end()) {
+        return control_data_answer(flags_json());
+    }
+    if (!flag->is_string()) {
+        return control_wrong_member("flag", "a text");
+    }
+    const auto on = request.find("on");
+    if (on == request.end() || !on->is_boolean()) {
+        return control_wrong_member("on", "true or false");
+    }
+    return switch_flag(flag->get_ref<const std::string&>(), on->get<bool>(), peer);
+}
+
+control_json control_call_trace(const control_json& request, const control_peer& /*peer*/) {
+    const std::string* name = control_text_member(request, "buffer");
+    if (name == nullptr) {
+        return control_wrong_member("buffer", "a text");
+    }
+    trace_buffer_contents contents;
+    if (trace_buffer_read(*name, contents) != PLATFORM_OK) {
+        return control_answer(control_result::refused,
+                              text_format("there is no trace buffer \"%s\"", text_escape(*name, 80).c_str()));
+    }
+    control_json list = control_json::array();
+    for (const trace_record& record : contents.records) {
+        list.push_back(trace_entry_json(record));
+    }
+    control_json answer = control_data_answer(std::move(list));
+    answer["written"] = contents.written;
+    return answer;
+}

@@ -1,0 +1,170 @@
+#include "linux/control/value.h"
+
+#include <cmath>
+
+#include "linux/datastore/schema_text.h"
+
+namespace {
+
+constexpr size_t shown_path = 200;   ///< characters of a path in a message
+constexpr size_t shown_value = 80;   ///< of a value
+constexpr size_t shown_error = 300;  ///< of a parser's complaint
+
+struct value_place {
+    const schema_row& row;
+    std::string_view path;
+    std::string& refusal;
+};
+
+/// A format takes path, value and the expected form.
+std::nullopt_t refuse(const value_place& place, const char* format, const std::string& value) {
+    place.refusal = text_format(format, text_escape(place.path, shown_path).c_str(), value.c_str(),
+                                schema_expected(place.row).c_str());
+    return std::nullopt;
+}
+
+std::string shown(const control_json& value) {
+    return control_printable(control_json_text(value), shown_value);
+}
+
+/// Beyond this a double does not tell whole numbers apart.
+constexpr double exact_number_max = 9007199254740992.0;
+
+/// A number that no item's range can hold.
+bool is_beyond_range(const control_json& json) {
+    if (json.is_number_float()) {
+        return std::fabs(json.get<double>()) > exact_number_max;
+    }
+    return json.is_number_unsigned() && json.get<uint64_t>() > INT64_MAX;
+}
+
+/// A whole number stays one in whatever notation: 45, 45.0 and 4.5e1 are the same number in JSON.
+datastore_scalar number_of(const control_json& json) {
+    if (json.is_number_float() && std::trunc(json.get<double>()) != json.get<double>()) {
+        return json.get<double>();
+    }
+    return json.get<int64_t>();
+}
+
+/// Only for numbers, booleans and texts.
+datastore_scalar scalar_of(const control_json& json) {
+    if (json.is_boolean()) {
+        return json.get<bool>();
+    }
+    if (json.is_number()) {
+        return number_of(json);
+    }
+    return json.get_ref<const std::string&>();
+}
+
+bool is_scalar(const control_json& json) {
+    return json.is_boolean() || json.is_number() || json.is_string();
+}
+
+/// Why a value cannot be a field; null when it can.
+const char* wrong_field_format(const control_json& field) {
+    if (!field.is_null() && !is_scalar(field)) {
+        return "%s: %s stands where a field of a value is wanted; expected %s";
+    }
+    return is_beyond_range(field) ? "%s: %s is out of range; expected %s" : nullptr;
+}
+
+std::optional<datastore_value> fields_of_array(const value_place& place, const control_json& array) {
+    datastore_fields fields;
+    fields.reserve(array.size());
+    for (const control_json& field : array) {
+        if (const char* format = wrong_field_format(field); format != nullptr) {
+            return refuse(place, format, shown(field));
+        }
+        fields.push_back(field.is_null() ? std::nullopt : std::optional(scalar_of(field)));
+    }
+    return fields;
+}
+
+std::optional<datastore_value> fields_of_object(const value_place& place, const control_json& object) {
+    datastore_fields fields(place.row.fields.size());
+    for (const auto& [name, field] : object.items()) {
+        const int index = schema_field_index(place.row, name);
+        if (index < 0) {
+            return refuse(place, "%s: there is no field \"%s\"; expected %s", text_escape(name, shown_value));
+        }
+        if (const char* format = wrong_field_format(field); format != nullptr) {
+            return refuse(place, format, shown(field));
+        }
+        fields[static_cast<size_t>(index)] = field.is_null() ? std::nullopt : std::optional(scalar_of(field));
+    }
+    // A list given by name ends with its last field, as it does when given as an array.
+    while (place.row.rule == schema_tuple_rule::list && !fields.empty() && !fields.back()) {
+        fields.pop_back();
+    }
+    return fields;
+}
+
+/// Whether the word can only be meant as JSON, so that a mistake in it is one.
+bool looks_like_json(std::string_view word) {
+    return word.starts_with('{') || word.starts_with('[') || word.starts_with('"');
+}
+
+struct to_json {
+    control_json operator()(const datastore_fields& fields) const {
+        control_json array = control_json::array();
+        for (const std::optional<datastore_scalar>& field : fields) {
+            array.push_back(field ? std::visit([](const auto& value) { return control_json(value); }, *field)
+                                  : control_json());
+        }
+        return array;
+    }
+    template <class scalar>
+    control_json operator()(const scalar& value) const {
+        return value;
+    }
+};
+
+/// `notation` is how the value was written.
+std::optional<datastore_value> value_of(const value_place& place, const control_json& json,
+                                        const std::string& notation) {
+    if (json.is_array()) {
+        return fields_of_array(place, json);
+    }
+    if (json.is_object() && place.row.form.kind == schema_kind::tuple) {
+        return fields_of_object(place, json);
+    }
+    if (!is_scalar(json)) {
+        return refuse(place, "%s: %s is no value that can be stored; expected %s", notation);
+    }
+    if (is_beyond_range(json)) {
+        return refuse(place, "%s: %s is out of range; expected %s", notation);
+    }
+    return std::visit([](const auto& value) { return datastore_value(value); }, scalar_of(json));
+}
+
+}  // namespace
+
+std::optional<datastore_value> control_value_from_json(const schema_row& row, std::string_view path,
+                                                       const control_json& json, std::string& refusal) {
+    return value_of({row, path, refusal}, json, shown(json));
+}
+
+std::optional<datastore_value> control_value_from_word(const schema_row& row, std::string_view path,
+                                                       std::string_view word, std::string& refusal) {
+    std::string error;
+    const std::optional<control_json> json = control_json_parse(word, error);
+    const bool structured = json.has_value() && (json->is_string() || json->is_structured());
+    if (row.form.kind == schema_kind::text && !structured && !looks_like_json(word)) {
+        return std::string(word);
+    }
+    if (json.has_value()) {
+        return value_of({row, path, refusal}, *json, control_printable(word, shown_value));
+    }
+    if (looks_like_json(word)) {
+        refusal = text_format("%s: %s is refused: %s; expected %s", text_escape(path, shown_path).c_str(),
+                              control_printable(word, shown_value).c_str(),
+                              control_printable(error, shown_error).c_str(), schema_expected(row).c_str());
+        return std::nullopt;
+    }
+    return std::string(word);
+}
+
+control_json control_value_to_json(const datastore_value& value) {
+    return std::visit(to_json(), value);
+}

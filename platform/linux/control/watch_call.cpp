@@ -1,0 +1,24 @@
+#include "linux/control/calls_internal.h"
+#include "linux/control/events.h"
+#include "linux/datastore/telemetry_internal.h"
+
+namespace {
+
+/// Every event has the whole state of its path, which is what it is about.
+void pass_on(const control_json& notification, void* /*context*/) {
+    const auto& path = notification["prefix"].get_ref<const std::string&>();
+    if (control_publish(path, control_json_text(notification)) == 0) {
+        telemetry_unlisten(pass_on, nullptr);
+    }
+}
+
+}  // namespace
+
+control_json control_call_watch(const control_json& /*request*/, const control_peer& /*peer*/) {
+    // Listening twice is listening once, and ends with the first event after the last watcher has gone.
+    telemetry_listen(pass_on, nullptr);
+    control_json answer = control_data_answer(telemetry_snapshot());
+    answer["watching"] = true;
+    answer["model"] = {{"name", telemetry_model}, {"revision", telemetry_model_revision}};
+    return answer;
+}

@@ -1,0 +1,389 @@
+#include <errno.h>
+#include <stdlib.h>
+
+#include <map>
+#include <new>
+
+#include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/schema_text.h"
+#include "linux/datastore/state.h"
+
+namespace {
+
+constexpr size_t shown_path = 200;  ///< characters of a path in a message
+
+/// What a commit is to do with one item.
+struct planned_change {
+    std::optional<datastore_stored> previous;
+    std::optional<datastore_stored> value;
+    bool known = true;  ///< false for a stored item that this version's schema does not have, which can only be deleted
+
+    datastore_outcome outcome() const {
+        if (!value) {
+            return datastore_outcome::deleted;
+        }
+        if (!previous) {
+            return datastore_outcome::created;
+        }
+        return *previous == *value ? datastore_outcome::unchanged : datastore_outcome::changed;
+    }
+    bool changes() const { return outcome() != datastore_outcome::unchanged; }
+};
+
+/// All changes of a commit. The map's order is that of the paths' bytes, in which appliers run.
+using commit_plan = std::map<std::string, planned_change>;
+
+struct outcome_row {
+    datastore_outcome outcome;
+    uint32_t event;
+};
+
+/// The plan whose verifiers are being asked; null outside.
+const commit_plan* plan_under_verification = nullptr;
+
+struct verification_scope {
+    explicit verification_scope(const commit_plan& plan) { plan_under_verification = &plan; }
+    ~verification_scope() { plan_under_verification = nullptr; }
+    verification_scope(const verification_scope&) = delete;
+    verification_scope& operator=(const verification_scope&) = delete;
+};
+
+uint32_t event_of(datastore_outcome outcome) {
+    constexpr outcome_row rows[] = {
+        {datastore_outcome::unchanged, 0},
+        {datastore_outcome::created, DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET},
+        {datastore_outcome::changed, DATASTORE_EVENT_SET},
+        {datastore_outcome::deleted, DATASTORE_EVENT_DELETE},
+    };
+    return rows[static_cast<size_t>(outcome)].event;
+}
+
+datastore_change change_of(const planned_change& planned) {
+    datastore_change change = {};
+    change.event = event_of(planned.outcome());
+    if (planned.previous) {
+        change.previous = planned.previous->bytes.data();
+        change.previous_size = planned.previous->bytes.size();
+    }
+    if (planned.value) {
+        change.value = planned.value->bytes.data();
+        change.value_size = planned.value->bytes.size();
+    }
+    return change;
+}
+
+bool refuse(datastore_commit_result& result, platform_status status, datastore_refused_by by, const std::string& path,
+            std::string message) {
+    result.status = status;
+    result.refused_by = by;
+    result.path = path;
+    result.message = std::move(message);
+    return false;
+}
+
+bool refuse_store(datastore_commit_result& result, platform_status status) {
+    const datastore_state& state = the_datastore();
+    const std::string reason =
+        state.store == nullptr ? platform_status_text(status) : state.engine->reason(state.store);
+    return refuse(result, status, datastore_refused_by::store, {},
+                  text_format("the configuration could not be stored in %s: %s; nothing has been changed",
+                              state.database_path.c_str(), reason.c_str()));
+}
+
+// The functions below fill or carry out a plan; they return false when they have refused the commit.
+
+/// Reads what is stored now; no item is no failure.
+bool read_previous(const std::string& path, planned_change& planned, datastore_commit_result& result) {
+    datastore_stored stored;
+    const platform_status status = datastore_stored_get(path, stored);
+    if (status == PLATFORM_OK) {
+        planned.previous = std::move(stored);
+    }
+    return status == PLATFORM_OK || status == DATASTORE_NO_SUCH_ITEM || refuse_store(result, status);
+}
+
+bool plan_deletion(const std::string& path, planned_change& planned, datastore_commit_result& result) {
+    std::string refusal;
+    planned.known = schema_find(path, &refusal) != nullptr;
+    if (!read_previous(path, planned, result)) {
+        return false;
+    }
+    if (planned.previous) {
+        return true;
+    }
+    if (!planned.known) {
+        return refuse(result, EINVAL, datastore_refused_by::schema, path, std::move(refusal));
+    }
+    return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, path,
+                  text_format("%s: there is no such item to delete", path.c_str()));
+}
+
+bool plan_value(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
+    std::string refusal;
+    datastore_stored stored;
+    const schema_row* row = schema_find(request.path, &refusal);
+    if (row == nullptr || schema_store(*row, request.path, *request.value, stored, refusal) != PLATFORM_OK) {
+        return refuse(result, EINVAL, datastore_refused_by::schema, request.path, std::move(refusal));
+    }
+    planned.value = std::move(stored);
+    return read_previous(request.path, planned, result);
+}
+
+bool is_tree_deletion(const datastore_change_request& request) {
+    return !request.value && !request.path.empty() && request.path.front() == '/' && request.path.back() == '/';
+}
+
+bool plan_item(const datastore_change_request& request, commit_plan& plan, datastore_commit_result& result) {
+    const auto [place, is_new] = plan.try_emplace(request.path);
+    if (!is_new) {
+        return refuse(result, EINVAL, datastore_refused_by::schema, request.path,
+                      text_format("%s: named twice in one commit; expected one change of an item",
+                                  text_escape(request.path, shown_path).c_str()));
+    }
+    return request.value ? plan_value(request, place->second, result)
+                         : plan_deletion(request.path, place->second, result);
+}
+
+/// Plans the deletion of everything below a path, except what the commit names itself.
+bool plan_tree_deletion(const std::string& tree, commit_plan& plan, datastore_commit_result& result) {
+    std::string path;
+    datastore_stored stored;
+    platform_status status = PLATFORM_OK;
+    bool any = false;
+    while ((status = datastore_stored_next(tree, path, path, stored)) == PLATFORM_OK) {
+        any = true;
+        const auto [place, is_new] = plan.try_emplace(path);
+        if (is_new) {
+            place->second.known = schema_find(path, nullptr) != nullptr;
+            place->second.previous = std::move(stored);
+        }
+    }
+    if (status != DATASTORE_NO_SUCH_ITEM) {
+        return refuse_store(result, status);
+    }
+    if (!any) {
+        return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
+                      text_format("%s: there is nothing below it to delete", text_escape(tree, shown_path).c_str()));
+    }
+    return true;
+}
+
+bool make_plan(const std::vector<datastore_change_request>& requests, commit_plan& plan,
+               datastore_commit_result& result) {
+    for (const datastore_change_request& request : requests) {
+        if (!is_tree_deletion(request) && !plan_item(request, plan, result)) {
+            return false;
+        }
+    }
+    for (const datastore_change_request& request : requests) {
+        if (is_tree_deletion(request) && !plan_tree_deletion(request.path, plan, result)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string refusal_text(const std::string& path, platform_status status, char* error_text) {
+    if (status == DATASTORE_NO_HANDLER) {
+        return text_format("%s: this item is not served by this version", path.c_str());
+    }
+    if (error_text != nullptr && *error_text != '\0') {
+        return text_format("%s: %s", path.c_str(), error_text);
+    }
+    return text_format("%s: refused by the agent: %s", path.c_str(), platform_status_text(status));
+}
+
+/// Asks one verifier.
+bool verify(const datastore_registration& registration, const std::string& path, std::string_view item,
+            const datastore_change& change, datastore_commit_result& result) {
+    char* error_text = nullptr;
+    uint32_t accepted = 0;
+    const datastore_backend_call call = {item.data(), &change, &error_text, &accepted};
+    platform_status status = registration.verify(&call, registration.context);
+    if (status == PLATFORM_OK && accepted == 0) {
+        status = EINVAL;
+    }
+    const bool refused = status != PLATFORM_OK && !refuse(result, status, datastore_refused_by::verifier, path,
+                                                          refusal_text(path, status, error_text));
+    free(error_text);
+    return !refused;
+}
+
+/// Asks every verifier that is concerned. An item that nobody at all would hear of is not served.
+bool verify_item(const std::string& path, const planned_change& planned, datastore_commit_result& result) {
+    const datastore_change change = change_of(planned);
+    bool served = false;
+    const auto& registrations = the_datastore().registrations;
+    for (size_t i = 0; i < registrations.size(); i++) {
+        const datastore_registration& registration = *registrations[i];
+        const std::string_view item = datastore_concerned_item(registration, path, change.event);
+        if (item.data() == nullptr) {
+            continue;
+        }
+        served = true;
+        if (registration.verify != nullptr && !verify(registration, path, item, change, result)) {
+            return false;
+        }
+    }
+    return served || refuse(result, DATASTORE_NO_HANDLER, datastore_refused_by::verifier, path,
+                            refusal_text(path, DATASTORE_NO_HANDLER, nullptr));
+}
+
+bool verify_all(const commit_plan& plan, datastore_commit_result& result) {
+    const verification_scope scope(plan);
+    for (const auto& [path, planned] : plan) {
+        if (planned.known && planned.changes() && !verify_item(path, planned, result)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+platform_status store_item(const datastore_state& state, const std::string& path, const planned_change& planned) {
+    return planned.value ? state.engine->put(state.store, path, *planned.value)
+                         : state.engine->erase(state.store, path);
+}
+
+platform_status store_items(const datastore_state& state, const commit_plan& plan) {
+    for (const auto& [path, planned] : plan) {
+        if (!planned.changes()) {
+            continue;
+        }
+        if (const platform_status status = store_item(state, path, planned); status != PLATFORM_OK) {
+            return status;
+        }
+    }
+    return PLATFORM_OK;
+}
+
+platform_status store_transaction(const datastore_state& state, const commit_plan& plan) {
+    platform_status status = state.engine->begin(state.store);
+    if (status == PLATFORM_OK) {
+        status = store_items(state, plan);
+    }
+    return status == PLATFORM_OK ? state.engine->commit(state.store) : status;
+}
+
+bool store_all(const commit_plan& plan, datastore_commit_result& result) {
+    const datastore_state& state = the_datastore();
+    size_t changes = 0;
+    for (const auto& [path, planned] : plan) {
+        changes += planned.changes() ? 1 : 0;
+    }
+    // One change is a transaction by itself, which saves the statements around it.
+    const platform_status status = changes > 1 ? store_transaction(state, plan) : store_items(state, plan);
+    if (status == PLATFORM_OK) {
+        return true;
+    }
+    refuse_store(result, status);
+    state.engine->rollback(state.store);
+    return false;
+}
+
+void apply_item(const std::string& path, const planned_change& planned, datastore_commit_result& result) {
+    const datastore_change change = change_of(planned);
+    const auto& registrations = the_datastore().registrations;
+    for (size_t i = 0; i < registrations.size(); i++) {
+        const datastore_registration& registration = *registrations[i];
+        const std::string_view item = datastore_concerned_item(registration, path, change.event);
+        if (item.data() == nullptr || registration.apply == nullptr) {
+            continue;
+        }
+        const datastore_backend_call call = {item.data(), &change, nullptr, nullptr};
+        const platform_status status = registration.apply(&call, registration.context);
+        if (status == DATASTORE_NO_HANDLER) {
+            result.warnings.push_back(
+                {path, text_format("%s: stored, but this item is not served by this version", path.c_str())});
+        } else if (status != PLATFORM_OK) {
+            result.warnings.push_back(
+                {path, text_format("%s: stored, but the agent could not carry it out (0x%x); its log says why",
+                                   path.c_str(), status)});
+        }
+    }
+}
+
+void notify_item(const std::string& path, const planned_change& planned) {
+    const datastore_change change = change_of(planned);
+    const auto& registrations = the_datastore().registrations;
+    for (size_t i = 0; i < registrations.size(); i++) {
+        const datastore_registration& registration = *registrations[i];
+        const std::string_view item = datastore_concerned_item(registration, path, change.event);
+        if (item.data() != nullptr && registration.notify != nullptr) {
+            const datastore_notification notification = {item.data(), change.event, change.value, change.value_size};
+            registration.notify(&notification, registration.context);
+        }
+    }
+}
+
+void carry_out(const commit_plan& plan, datastore_commit_result& result) {
+    for (const auto& [path, planned] : plan) {
+        if (planned.known && planned.changes()) {
+            apply_item(path, planned, result);
+        }
+    }
+    for (const auto& [path, planned] : plan) {
+        if (planned.known && planned.changes()) {
+            notify_item(path, planned);
+        }
+    }
+}
+
+/// `stored` tells, also after an exception, whether the changes are in the database.
+void commit(const std::vector<datastore_change_request>& requests, bool check_only, datastore_commit_result& result,
+            bool& stored) {
+    commit_plan plan;
+    const datastore_handler_scope scope;
+    if (!make_plan(requests, plan, result) || !verify_all(plan, result)) {
+        return;
+    }
+    std::vector<datastore_item_outcome> items;
+    for (const auto& [path, planned] : plan) {
+        items.push_back({path, planned.outcome()});
+    }
+    if (!check_only) {
+        stored = store_all(plan, result);
+        if (!stored) {
+            return;
+        }
+        carry_out(plan, result);
+    }
+    result.items = std::move(items);
+}
+
+}  // namespace
+
+platform_status datastore_proposed_get(std::string_view path, datastore_stored& value) {
+    if (plan_under_verification != nullptr) {
+        const auto planned = plan_under_verification->find(std::string(path));
+        if (planned != plan_under_verification->end()) {
+            if (!planned->second.value) {
+                return DATASTORE_NO_SUCH_ITEM;
+            }
+            value = *planned->second.value;
+            return PLATFORM_OK;
+        }
+    }
+    return datastore_stored_get(path, value);
+}
+
+datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only) {
+    datastore_commit_result result;
+    if (the_datastore().handlers_running != 0) {
+        refuse(result, EBUSY, datastore_refused_by::busy, {},
+               "a commit is under way; the configuration cannot be changed from within it");
+        return result;
+    }
+    if (the_datastore().store == nullptr) {
+        refuse_store(result, DATASTORE_UNAVAILABLE);
+        return result;
+    }
+    bool stored = false;
+    try {
+        commit(requests, check_only, result, stored);
+    } catch (const std::bad_alloc&) {
+        if (!stored) {
+            refuse(result, ENOMEM, datastore_refused_by::store, {}, "out of memory");
+        }
+    }
+    return result;
+}

@@ -1,0 +1,388 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "linux/datastore/engine.h"
+#include "linux/datastore/schema_text.h"
+
+namespace {
+
+constexpr int application_id = 0x53434644;  ///< "SCFD", tells this system's databases from others
+constexpr int schema_version = 1;
+constexpr mode_t folder_mode = 0700;
+constexpr mode_t file_mode = 0600;
+
+enum statement_index {
+    statement_begin,
+    statement_commit,
+    statement_rollback,
+    statement_get,
+    statement_next,
+    statement_next_inclusive,
+    statement_put,
+    statement_erase,
+    statement_count
+};
+
+constexpr const char* statement_texts[statement_count] = {
+    "BEGIN IMMEDIATE",
+    "COMMIT",
+    "ROLLBACK",
+    "SELECT kind, value FROM item WHERE path = ?1",
+    "SELECT kind, value, path FROM item WHERE path > ?1 ORDER BY path LIMIT 1",
+    "SELECT kind, value, path FROM item WHERE path >= ?1 ORDER BY path LIMIT 1",
+    "REPLACE INTO item (path, kind, value) VALUES (?1, ?2, ?3)",
+    "DELETE FROM item WHERE path = ?1",
+};
+
+struct sqlite_store {
+    sqlite3* database = nullptr;
+    sqlite3_stmt* statements[statement_count] = {};
+
+    sqlite_store() = default;
+    sqlite_store(const sqlite_store&) = delete;
+    sqlite_store& operator=(const sqlite_store&) = delete;
+    ~sqlite_store() {
+        for (sqlite3_stmt* statement : statements) {
+            sqlite3_finalize(statement);
+        }
+        sqlite3_close(database);
+    }
+};
+
+sqlite_store& store_of(void* store) {
+    return *static_cast<sqlite_store*>(store);
+}
+
+struct result_row {
+    int result;
+    platform_status status;
+};
+
+constexpr result_row results[] = {
+    {SQLITE_OK, PLATFORM_OK},  {SQLITE_ROW, PLATFORM_OK}, {SQLITE_DONE, PLATFORM_OK}, {SQLITE_BUSY, EBUSY},
+    {SQLITE_LOCKED, EBUSY},    {SQLITE_FULL, ENOSPC},     {SQLITE_NOMEM, ENOMEM},     {SQLITE_READONLY, EROFS},
+    {SQLITE_CORRUPT, EUCLEAN}, {SQLITE_NOTADB, EUCLEAN},  {SQLITE_PERM, EACCES},      {SQLITE_TOOBIG, E2BIG},
+};
+
+platform_status status_of(sqlite3* database, int result) {
+    for (const result_row& row : results) {
+        if (row.result == (result & 0xff)) {
+            return row.status;
+        }
+    }
+    const int system_error = database != nullptr ? sqlite3_system_errno(database) : 0;
+    return static_cast<platform_status>(system_error != 0 ? system_error : EIO);
+}
+
+std::string reason_of(sqlite3* database) {
+    const int system_error = sqlite3_system_errno(database);
+    const int result = sqlite3_errcode(database) & 0xff;
+    if (system_error != 0 && (result == SQLITE_IOERR || result == SQLITE_CANTOPEN)) {
+        return text_format("%s (%s)", sqlite3_errmsg(database), strerror(system_error));
+    }
+    return sqlite3_errmsg(database);
+}
+
+platform_status execute(sqlite3* database, const char* statements, std::string& reason) {
+    const int result = sqlite3_exec(database, statements, nullptr, nullptr, nullptr);
+    if (result != SQLITE_OK) {
+        reason = reason_of(database);
+    }
+    return status_of(database, result);
+}
+
+/// Runs a statement that answers with one value.
+platform_status query(sqlite3* database, const char* statement, std::string& answer, std::string& reason) {
+    sqlite3_stmt* prepared = nullptr;
+    int result = sqlite3_prepare_v2(database, statement, -1, &prepared, nullptr);
+    if (result == SQLITE_OK) {
+        result = sqlite3_step(prepared);
+    }
+    if (result == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(prepared, 0);
+        answer = text == nullptr ? "" : reinterpret_cast<const char*>(text);
+    } else if (result != SQLITE_DONE) {
+        reason = reason_of(database);
+    }
+    const platform_status status = status_of(database, result);
+    sqlite3_finalize(prepared);
+    return status;
+}
+
+/// Asks for one value and refuses any other answer than the expected one.
+platform_status require(sqlite3* database, const char* statement, const std::string& expected, const char* complaint,
+                        std::string& reason) {
+    std::string answer;
+    if (const platform_status status = query(database, statement, answer, reason); status != PLATFORM_OK) {
+        return status;
+    }
+    if (answer != expected) {
+        reason = text_format("%s (found \"%s\", expected \"%s\")", complaint, text_escape(answer, 80).c_str(),
+                             expected.c_str());
+        return EUCLEAN;
+    }
+    return PLATFORM_OK;
+}
+
+std::string folder_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+platform_status system_failure(const char* format, const std::string& path, std::string& reason) {
+    const int error = errno;
+    reason = text_format(format, path.c_str(), strerror(error));
+    return static_cast<platform_status>(error);
+}
+
+platform_status sync_folder(const std::string& folder, std::string& reason) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0 || fsync(fd) != 0) {
+        const platform_status status = system_failure("the folder %s cannot be written: %s", folder, reason);
+        if (fd >= 0) {
+            close(fd);
+        }
+        return status;
+    }
+    close(fd);
+    return PLATFORM_OK;
+}
+
+platform_status open_database(const std::string& path, std::unique_ptr<sqlite_store>& store, std::string& reason) {
+    store = std::make_unique<sqlite_store>();
+    // Without the means to create: an existing file is the only thing that is ever opened.
+    const int result =
+        sqlite3_open_v2(path.c_str(), &store->database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (result != SQLITE_OK) {
+        reason = store->database != nullptr ? reason_of(store->database) : "out of memory";
+        return status_of(store->database, result);
+    }
+    sqlite3_extended_result_codes(store->database, 1);
+    return PLATFORM_OK;
+}
+
+/// Fills a new database under a name of its own.
+platform_status fill_new(const std::string& path, std::string& reason) {
+    std::unique_ptr<sqlite_store> store;
+    if (const platform_status status = open_database(path, store, reason); status != PLATFORM_OK) {
+        return status;
+    }
+    const std::string statements = text_format(
+        "PRAGMA application_id = %d; PRAGMA user_version = %d;"
+        "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;",
+        application_id, schema_version);
+    return execute(store->database, statements.c_str(), reason);
+}
+
+/// Makes an empty database. It gets its name only when it is whole, so that a file of that name which is not a whole
+/// database is always damage and never the trace of an interrupted first start.
+platform_status create_database(const std::string& path, std::string& reason) {
+    const std::string new_path = path + ".new";
+    unlink(new_path.c_str());
+    unlink((new_path + "-journal").c_str());
+    const int fd = open(new_path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, file_mode);
+    if (fd < 0) {
+        return system_failure("%s cannot be created: %s", new_path, reason);
+    }
+    close(fd);
+    platform_status status = fill_new(new_path, reason);
+    if (status == PLATFORM_OK && rename(new_path.c_str(), path.c_str()) != 0) {
+        status = system_failure("%s cannot be renamed: %s", new_path, reason);
+    }
+    if (status != PLATFORM_OK) {
+        unlink(new_path.c_str());
+        return status;
+    }
+    return sync_folder(folder_of(path), reason);
+}
+
+/// Makes sure that there is a file, and that it is not one that SQLite would silently take for a new database.
+platform_status prepare_file(const std::string& path, std::string& reason) {
+    if (mkdir(folder_of(path).c_str(), folder_mode) != 0 && errno != EEXIST) {
+        return system_failure("the folder %s cannot be created: %s", folder_of(path), reason);
+    }
+    struct stat file;
+    if (stat(path.c_str(), &file) == 0) {
+        if (!S_ISREG(file.st_mode) || file.st_size == 0) {
+            reason = S_ISREG(file.st_mode) ? "the file is empty" : "it is not a regular file";
+            return EUCLEAN;
+        }
+        return PLATFORM_OK;
+    }
+    if (errno != ENOENT) {
+        return system_failure("%s cannot be examined: %s", path, reason);
+    }
+    if (stat((path + "-wal").c_str(), &file) == 0 && file.st_size > 0) {
+        reason = "the file is missing, but its log, the file of the same name with -wal behind it, is not";
+        return EUCLEAN;
+    }
+    return create_database(path, reason);
+}
+
+/// Sets the connection up and convinces itself that the database is whole and this version's.
+platform_status set_up(sqlite3* database, std::string& reason) {
+    if (sqlite3_db_readonly(database, "main") != 0) {
+        reason = "the file is not writable";
+        return EACCES;
+    }
+    // One process alone uses the database, so that the log's index can stay in memory and no lock is taken again.
+    platform_status status = execute(database,
+                                     "PRAGMA locking_mode = EXCLUSIVE;"
+                                     "PRAGMA cache_size = -256;"
+                                     "PRAGMA mmap_size = 0;"
+                                     "PRAGMA temp_store = MEMORY;"
+                                     "PRAGMA trusted_schema = OFF;",
+                                     reason);
+    const std::string id = std::to_string(application_id);
+    const std::string version = std::to_string(schema_version);
+    struct {
+        const char* statement;
+        const std::string& expected;
+        const char* complaint;
+    } const demands[] = {
+        {"PRAGMA application_id", id, "the database is another program's"},
+        {"PRAGMA user_version", version, "the database is of another version of this program"},
+        {"PRAGMA journal_mode = WAL", "wal", "the database cannot be set to write-ahead logging"},
+        {"PRAGMA quick_check(1)", "ok", "the database is damaged"},
+    };
+    for (const auto& demand : demands) {
+        if (status == PLATFORM_OK) {
+            status = require(database, demand.statement, demand.expected, demand.complaint, reason);
+        }
+    }
+    return status == PLATFORM_OK ? execute(database, "PRAGMA synchronous = FULL", reason) : status;
+}
+
+platform_status prepare_statements(sqlite_store& store, std::string& reason) {
+    for (int i = 0; i < statement_count; i++) {
+        const int result = sqlite3_prepare_v3(store.database, statement_texts[i], -1, SQLITE_PREPARE_PERSISTENT,
+                                              &store.statements[i], nullptr);
+        if (result != SQLITE_OK) {
+            reason = reason_of(store.database);
+            return status_of(store.database, result);
+        }
+    }
+    return PLATFORM_OK;
+}
+
+platform_status sqlite_open(const char* path, void** store, std::string& reason) {
+    std::unique_ptr<sqlite_store> opened;
+    platform_status status = prepare_file(path, reason);
+    if (status == PLATFORM_OK) {
+        status = open_database(path, opened, reason);
+    }
+    if (status == PLATFORM_OK) {
+        status = set_up(opened->database, reason);
+    }
+    if (status == PLATFORM_OK) {
+        status = prepare_statements(*opened, reason);
+    }
+    if (status == EBUSY) {
+        reason = "another process is using the database; is a second agent running?";
+    }
+    if (status == PLATFORM_OK) {
+        *store = opened.release();
+    }
+    return status;
+}
+
+void sqlite_close(void* store) {
+    delete static_cast<sqlite_store*>(store);
+}
+
+/// Runs a statement that answers nothing.
+platform_status run(void* store, statement_index index) {
+    sqlite3_stmt* statement = store_of(store).statements[index];
+    const int result = sqlite3_step(statement);
+    const platform_status status = status_of(store_of(store).database, result);
+    sqlite3_reset(statement);
+    return status;
+}
+
+platform_status sqlite_begin(void* store) {
+    return run(store, statement_begin);
+}
+
+platform_status sqlite_commit(void* store) {
+    return run(store, statement_commit);
+}
+
+void sqlite_rollback(void* store) {
+    // After some failures SQLite has rolled the transaction back by itself.
+    if (sqlite3_get_autocommit(store_of(store).database) == 0) {
+        run(store, statement_rollback);
+    }
+}
+
+int bind_key(sqlite3_stmt* statement, std::string_view key) {
+    return sqlite3_bind_text(statement, 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+}
+
+std::string column_bytes(sqlite3_stmt* statement, int column) {
+    const void* bytes = sqlite3_column_blob(statement, column);
+    const int size = sqlite3_column_bytes(statement, column);
+    return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), static_cast<size_t>(size));
+}
+
+/// Runs a statement that answers with at most one row: kind, value and, when `key` is wanted, path.
+platform_status fetch(void* store, statement_index index, std::string_view bound, std::string* key,
+                      datastore_stored& value) {
+    sqlite3_stmt* statement = store_of(store).statements[index];
+    int result = bind_key(statement, bound);
+    if (result == SQLITE_OK) {
+        result = sqlite3_step(statement);
+    }
+    platform_status status = status_of(store_of(store).database, result);
+    if (result == SQLITE_DONE) {
+        status = DATASTORE_NO_SUCH_ITEM;
+    }
+    if (result == SQLITE_ROW) {
+        datastore_stored found = {static_cast<uint32_t>(sqlite3_column_int(statement, 0)), column_bytes(statement, 1)};
+        if (key != nullptr) {
+            *key = column_bytes(statement, 2);
+        }
+        value = std::move(found);
+    }
+    sqlite3_reset(statement);
+    return status;
+}
+
+platform_status sqlite_get(void* store, std::string_view key, datastore_stored& value) {
+    return fetch(store, statement_get, key, nullptr, value);
+}
+
+platform_status sqlite_next(void* store, std::string_view from, bool inclusive, std::string& key,
+                            datastore_stored& value) {
+    return fetch(store, inclusive ? statement_next_inclusive : statement_next, from, &key, value);
+}
+
+platform_status sqlite_put(void* store, std::string_view key, const datastore_stored& value) {
+    sqlite3_stmt* statement = store_of(store).statements[statement_put];
+    bind_key(statement, key);
+    sqlite3_bind_int(statement, 2, static_cast<int>(value.kind));
+    sqlite3_bind_blob(statement, 3, value.bytes.data(), static_cast<int>(value.bytes.size()), SQLITE_STATIC);
+    return run(store, statement_put);
+}
+
+platform_status sqlite_erase(void* store, std::string_view key) {
+    bind_key(store_of(store).statements[statement_erase], key);
+    return run(store, statement_erase);
+}
+
+std::string sqlite_reason(void* store) {
+    return reason_of(store_of(store).database);
+}
+
+}  // namespace
+
+const datastore_engine datastore_engine_sqlite = {
+    sqlite_open, sqlite_close, sqlite_begin, sqlite_commit, sqlite_rollback,
+    sqlite_get,  sqlite_next,  sqlite_put,   sqlite_erase,  sqlite_reason,
+};

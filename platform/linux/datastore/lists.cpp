@@ -1,0 +1,32 @@
+#include "linux/datastore/lists.h"
+
+#include <algorithm>
+
+namespace {
+
+struct served_tree {
+    std::string_view tree;
+    datastore_list_source source;
+};
+
+std::vector<served_tree>& trees() {
+    static std::vector<served_tree> served;
+    return served;
+}
+
+}  // namespace
+
+void datastore_serve_lists(std::string_view tree, datastore_list_source source) {
+    std::erase_if(trees(), [tree](const served_tree& row) { return row.tree == tree; });
+    trees().push_back({tree, source});
+}
+
+bool datastore_served_list(std::string_view path, std::vector<datastore_list_entry>& entries, platform_status& status) {
+    for (const served_tree& row : trees()) {
+        if (path.starts_with(row.tree)) {
+            status = row.source(path.substr(row.tree.size()), entries);
+            return true;
+        }
+    }
+    return false;
+}

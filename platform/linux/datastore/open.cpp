@@ -1,0 +1,182 @@
+#include <errno.h>
+#include <syslog.h>
+
+#include <cstdio>
+#include <new>
+
+#include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/schema_text.h"
+#include "linux/datastore/state.h"
+#include "linux/reporting/log_message_internal.h"
+
+namespace {
+
+constexpr char default_path[] = "/var/lib/ssh_cfg_agent/datastore.db";
+
+/// Begins the configuration's paths; the platform's own keys begin otherwise.
+constexpr char configuration_prefix[] = "/";
+
+void report_failure(const std::string& path, const std::string& reason) {
+    // What cannot be read is left alone: an empty configuration in its place would take the router's servers down.
+    const std::string text = text_format(
+        "The configuration database %s cannot be used: %s. Nothing has been changed; repair it, or restore it from a backup",
+        path.c_str(), reason.c_str());
+    platform_log(LOG_CRIT, "%s", text.c_str());
+    fprintf(stderr, "ssh_cfg_agent: %s\n", text.c_str());
+}
+
+/// Whether every stored value has the form that the schema gives it.
+platform_status check_items(std::string& reason) {
+    std::string path;
+    datastore_stored stored;
+    datastore_value value;
+    platform_status status = PLATFORM_OK;
+    while ((status = datastore_stored_next(configuration_prefix, path, path, stored)) == PLATFORM_OK) {
+        const schema_row* row = schema_find(path, nullptr);
+        if (row == nullptr) {
+            platform_log(LOG_WARNING, "The stored item %s is unknown to this version; it is kept and has no effect",
+                         text_escape(path, 200).c_str());
+        } else if (schema_load(*row, stored, value) != PLATFORM_OK) {
+            reason = text_format("the value of %s is damaged", path.c_str());
+            return EUCLEAN;
+        }
+    }
+    if (status != DATASTORE_NO_SUCH_ITEM) {
+        reason = the_datastore().engine->reason(the_datastore().store);
+        return status;
+    }
+    return PLATFORM_OK;
+}
+
+platform_status try_open(datastore_state& state, std::string& reason) {
+    platform_status status = state.engine->open(state.database_path.c_str(), &state.store, reason);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    status = check_items(reason);
+    if (status != PLATFORM_OK) {
+        state.engine->close(state.store);
+        state.store = nullptr;
+    }
+    return status;
+}
+
+bool is_private(std::string_view key) {
+    return !key.empty() && key[0] != '/';
+}
+
+}  // namespace
+
+datastore_state& the_datastore() {
+    static datastore_state state = {&datastore_engine_sqlite, default_path, nullptr, {}, {}, 0};
+    return state;
+}
+
+void datastore_configure(const datastore_engine* engine, const char* database_path) {
+    the_datastore().engine = engine != nullptr ? engine : &datastore_engine_sqlite;
+    the_datastore().database_path = database_path != nullptr ? database_path : default_path;
+}
+
+platform_status datastore_open() {
+    datastore_state& state = the_datastore();
+    if (state.store != nullptr) {
+        return PLATFORM_OK;
+    }
+    std::string reason;
+    platform_status status = ENOMEM;
+    try {
+        status = try_open(state, reason);
+    } catch (const std::bad_alloc&) {
+        reason = "out of memory";
+    }
+    if (status != PLATFORM_OK) {
+        report_failure(state.database_path, reason);
+    }
+    return status;
+}
+
+void datastore_close() {
+    datastore_state& state = the_datastore();
+    if (state.store != nullptr) {
+        state.engine->close(state.store);
+        state.store = nullptr;
+    }
+    datastore_configure(nullptr, nullptr);
+}
+
+platform_status datastore_stored_get(std::string_view path, datastore_stored& value) {
+    const datastore_state& state = the_datastore();
+    return state.store == nullptr ? DATASTORE_UNAVAILABLE : state.engine->get(state.store, path, value);
+}
+
+platform_status datastore_stored_next(std::string_view prefix, std::string_view after, std::string& path,
+                                      datastore_stored& value) {
+    const datastore_state& state = the_datastore();
+    if (state.store == nullptr) {
+        return DATASTORE_UNAVAILABLE;
+    }
+    const bool from_start = after < prefix;
+    std::string found;
+    datastore_stored found_value;
+    const platform_status status =
+        state.engine->next(state.store, from_start ? prefix : after, from_start, found, found_value);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    if (found.compare(0, prefix.size(), prefix) != 0) {
+        return DATASTORE_NO_SUCH_ITEM;
+    }
+    path = std::move(found);
+    value = std::move(found_value);
+    return PLATFORM_OK;
+}
+
+platform_status datastore_private_get(std::string_view key, std::string& bytes) try {
+    datastore_stored stored;
+    if (!is_private(key)) {
+        return EINVAL;
+    }
+    const platform_status status = datastore_stored_get(key, stored);
+    if (status == PLATFORM_OK) {
+        bytes = std::move(stored.bytes);
+    }
+    return status;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}
+
+platform_status datastore_private_put(std::string_view key, std::string_view bytes) try {
+    const datastore_state& state = the_datastore();
+    if (!is_private(key)) {
+        return EINVAL;
+    }
+    if (state.store == nullptr) {
+        return DATASTORE_UNAVAILABLE;
+    }
+    return state.engine->put(state.store, key, {0, std::string(bytes)});
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}
+
+platform_status datastore_private_delete(std::string_view key) {
+    const datastore_state& state = the_datastore();
+    if (!is_private(key)) {
+        return EINVAL;
+    }
+    return state.store == nullptr ? DATASTORE_UNAVAILABLE : state.engine->erase(state.store, key);
+}
+
+platform_status datastore_private_next(std::string_view prefix, std::string_view after, std::string& key,
+                                       std::string& bytes) try {
+    datastore_stored stored;
+    if (!is_private(prefix)) {
+        return EINVAL;
+    }
+    const platform_status status = datastore_stored_next(prefix, after, key, stored);
+    if (status == PLATFORM_OK) {
+        bytes = std::move(stored.bytes);
+    }
+    return status;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}

@@ -1,0 +1,110 @@
+/// The schema of the router's configuration: one row per item, which says what its path and its value look like.
+///
+/// Whatever a person or a script wants to store is measured against these rows before any of the agent's verifiers sees
+/// it, so that handlers may rely on the form, the range and the harmlessness of every value and of every name in a path.
+#ifndef LINUX_DATASTORE_SCHEMA_H
+#define LINUX_DATASTORE_SCHEMA_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/status.h"
+
+/// One plain value. A number that is no whole number, or does not fit, arrives as a double and is refused with a text.
+using datastore_scalar = std::variant<int64_t, double, bool, std::string>;
+
+/// The fields of a tuple in their order; an absent field has no value. Fields left out at the end are absent too.
+using datastore_fields = std::vector<std::optional<datastore_scalar>>;
+
+/// The value of an item, free of any notation: what was typed in, or what is stored.
+using datastore_value = std::variant<int64_t, double, bool, std::string, datastore_fields>;
+
+enum class schema_kind : uint8_t {
+    number,    ///< whole number, stored as a uint32_t
+    flag,      ///< true or false (1 and 0 are taken too), stored as a uint32_t
+    presence,  ///< true (or 1): the item's existence says everything; stored as a uint32_t
+    text,      ///< UTF-8 text, stored with its NUL
+    tuple      ///< several fields, stored packed (platform/value_tuple.h)
+};
+
+/// Which characters a text or a name in a path may have. Only `delimited` includes control characters, and of them
+/// newline and tab alone.
+enum class schema_charset : uint8_t {
+    printable,       ///< any UTF-8 without control characters
+    word,            ///< printable ASCII without blanks, quotes, commas and backslashes
+    algorithm_name,  ///< letters, digits and "-_.@+"
+    name,            ///< letters, digits and "_-.", not beginning with '-' or '.'
+    delimited        ///< lines of UTF-8 between two equal delimiters; of an item, never of a field
+};
+
+/// What one value, field or name looks like.
+struct schema_form {
+    schema_kind kind;
+    int64_t lowest;   ///< smallest number; for a text its shortest length in bytes
+    int64_t highest;  ///< largest number; for a text its greatest length in bytes
+    schema_charset charset;
+    const char* help;  ///< meaning and unit, in a few words
+};
+
+struct schema_field {
+    const char* name;
+    schema_form form;
+};
+
+/// What is asked of a tuple as a whole.
+enum class schema_tuple_rule : uint8_t {
+    none,
+    list,         ///< a list: at least one field, without gaps
+    one_selected  ///< flags, of which at least one is set
+};
+
+struct schema_row {
+    const char* pattern;  ///< absolute path; a component "*" stands for any name of the form `wildcard`
+    schema_form form;
+    schema_form wildcard;  ///< form of the names that stand for "*"; its help is null when there is none
+    std::span<const schema_field> fields;  ///< of a tuple
+    schema_tuple_rule rule;
+};
+
+/// All rows, in byte order of their patterns.
+std::span<const schema_row> schema_rows();
+
+/// The row of an item's path; null when the path is no item's, or when a name in it does not have the form that the
+/// pattern asks for. `*refusal` (which may be null) then receives a text that names the path and what is allowed.
+const schema_row* schema_find(std::string_view path, std::string* refusal);
+
+/// Position of a tuple's field by its name, -1 when there is none.
+int schema_field_index(const schema_row& row, std::string_view name);
+
+/// The form that a value of this row must have, in words, as it stands in refusals: "a number from 5 to 120 (seconds,
+/// login grace time)".
+std::string schema_expected(const schema_row& row);
+
+/// A value as it is stored and as handlers get it.
+struct datastore_stored {
+    uint32_t kind = 0;  ///< DATASTORE_VALUE_
+    std::string bytes;  ///< a uint32_t, the text with its NUL, or the packed tuple
+
+    bool operator==(const datastore_stored&) const = default;
+};
+
+/// Measures a value against a row and brings it into its stored form. Returns 0, or EINVAL with a text in `refusal` that
+/// names path, value and what is expected; `stored` is then untouched.
+platform_status schema_store(const schema_row& row, std::string_view path, const datastore_value& value,
+                             datastore_stored& stored, std::string& refusal);
+
+/// Turns a stored value back into what schema_store takes. Returns 0, or EINVAL when the bytes do not have the row's
+/// form; `value` is then untouched. The range is not looked at: what an earlier version took stays readable.
+platform_status schema_load(const schema_row& row, const datastore_stored& stored, datastore_value& value);
+
+/// A value in a form fit for a message: in one line, control characters and bytes that are not UTF-8 escaped, long texts
+/// and long arrays cut after some 80 characters.
+std::string schema_display(const datastore_value& value);
+
+#endif

@@ -1,0 +1,169 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <numeric>
+
+#include "linux/datastore/schema.h"
+#include "linux/datastore/schema_text.h"
+
+namespace {
+
+constexpr size_t path_limit = 1024;       ///< bytes of a path
+constexpr size_t comparison_limit = 128;  ///< bytes of a path that are looked at to find the nearest item
+constexpr size_t shown_path = 200;        ///< characters of a path in a message
+constexpr size_t shown_name = 80;
+
+/// Takes the first component off `path`, which begins with '/'.
+std::string_view take_component(std::string_view& path) {
+    path.remove_prefix(1);
+    const std::string_view component = path.substr(0, path.find('/'));
+    path.remove_prefix(component.size());
+    return component;
+}
+
+struct match {
+    bool matches = false;
+    std::string_view wrong_name;  ///< a component that stands for "*" and has not its form; null data when all have
+};
+
+bool name_fits(std::string_view name, const schema_form& form) {
+    return static_cast<int64_t>(name.size()) >= form.lowest && static_cast<int64_t>(name.size()) <= form.highest &&
+           text_has_charset(name, form.charset);
+}
+
+match match_path(const schema_row& row, std::string_view path) {
+    std::string_view pattern = row.pattern;
+    match result;
+    while (!pattern.empty()) {
+        if (path.empty()) {
+            return result;
+        }
+        const std::string_view expected = take_component(pattern);
+        const std::string_view found = take_component(path);
+        if (expected == "*") {
+            if (!name_fits(found, row.wildcard)) {
+                result.wrong_name = found;
+            }
+        } else if (expected != found) {
+            return result;
+        }
+    }
+    result.matches = path.empty();
+    return result;
+}
+
+/// The row whose pattern is the path itself.
+const schema_row* find_literally(std::string_view path) {
+    const std::span<const schema_row> rows = schema_rows();
+    const auto found = std::lower_bound(
+        rows.begin(), rows.end(), path,
+        [](const schema_row& row, std::string_view wanted) { return std::string_view(row.pattern) < wanted; });
+    return found != rows.end() && found->wildcard.help == nullptr && path == found->pattern ? &*found : nullptr;
+}
+
+/// The pattern with the path's own names in the places of "*", so that only what is wrong counts as a difference.
+std::string filled_pattern(const schema_row& row, std::string_view path) {
+    std::string filled;
+    std::string_view pattern = row.pattern;
+    while (!pattern.empty()) {
+        const std::string_view expected = take_component(pattern);
+        const std::string_view found = path.empty() ? std::string_view() : take_component(path);
+        filled += '/';
+        filled += expected == "*" && !found.empty() ? found : expected;
+    }
+    return filled;
+}
+
+/// How many letters have to be added, taken away or replaced to come from one text to the other, or at least `limit` when
+/// it is not less than that.
+size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
+    while (!from.empty() && !to.empty() && from.front() == to.front()) {
+        from.remove_prefix(1);
+        to.remove_prefix(1);
+    }
+    const size_t difference = std::max(from.size(), to.size()) - std::min(from.size(), to.size());
+    if (difference >= limit) {
+        return limit;
+    }
+    std::array<uint16_t, comparison_limit + 1> distances;
+    std::iota(distances.begin(), distances.end(), uint16_t{0});
+    for (size_t i = 0; i < from.size(); i++) {
+        uint16_t diagonal = distances[0];
+        distances[0] = static_cast<uint16_t>(i + 1);
+        for (size_t j = 0; j < to.size(); j++) {
+            const int replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+            diagonal = distances[j + 1];
+            distances[j + 1] = static_cast<uint16_t>(std::min({replaced, distances[j] + 1, distances[j + 1] + 1}));
+        }
+    }
+    return distances[to.size()];
+}
+
+const schema_row& nearest_row(std::string_view path) {
+    const std::string_view compared = path.substr(0, comparison_limit);
+    const schema_row* nearest = &schema_rows().front();
+    size_t nearest_distance = SIZE_MAX;
+    for (const schema_row& row : schema_rows()) {
+        const std::string filled = filled_pattern(row, compared).substr(0, comparison_limit);
+        const size_t distance = edit_distance(compared, filled, nearest_distance);
+        if (distance < nearest_distance) {
+            nearest = &row;
+            nearest_distance = distance;
+        }
+    }
+    return *nearest;
+}
+
+std::string unknown_path(std::string_view path) {
+    if (path.empty() || path[0] != '/') {
+        return text_format("%s: not an absolute path; expected an item such as %s",
+                           text_escape(path, shown_path).c_str(), schema_rows().front().pattern);
+    }
+    const schema_row& row = nearest_row(path);
+    if (row.wildcard.help == nullptr) {
+        return text_format("%s: no such item; the nearest one is %s", text_escape(path, shown_path).c_str(),
+                           row.pattern);
+    }
+    return text_format("%s: no such item; the nearest one is %s, where * is %s", text_escape(path, shown_path).c_str(),
+                       row.pattern, text_of_form(row.wildcard).c_str());
+}
+
+std::string wrong_name(std::string_view path, std::string_view name, const schema_row& row) {
+    return text_format("%s: \"%s\" is not allowed in this path; expected %s", text_escape(path, shown_path).c_str(),
+                       text_escape(name, shown_name).c_str(), text_of_form(row.wildcard).c_str());
+}
+
+}  // namespace
+
+const schema_row* schema_find(std::string_view path, std::string* refusal) {
+    if (const schema_row* row = find_literally(path)) {
+        return row;
+    }
+    const schema_row* row_of_wrong_name = nullptr;
+    std::string_view name;
+    if (!path.empty() && path[0] == '/' && path.size() <= path_limit) {
+        for (const schema_row& row : schema_rows()) {
+            const match result = row.wildcard.help == nullptr ? match() : match_path(row, path);
+            if (result.matches && result.wrong_name.data() == nullptr) {
+                return &row;
+            }
+            if (result.matches) {
+                row_of_wrong_name = &row;
+                name = result.wrong_name;
+            }
+        }
+    }
+    if (refusal != nullptr) {
+        *refusal = row_of_wrong_name != nullptr ? wrong_name(path, name, *row_of_wrong_name) : unknown_path(path);
+    }
+    return nullptr;
+}
+
+int schema_field_index(const schema_row& row, std::string_view name) {
+    for (size_t i = 0; i < row.fields.size(); i++) {
+        if (row.fields[i].name == name) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
+}

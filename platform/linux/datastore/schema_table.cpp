@@ -1,0 +1,185 @@
+#include <climits>
+#include <iterator>
+
+#include "linux/datastore/schema.h"
+#include "platform/value_tuple.h"
+
+namespace {
+
+constexpr schema_form number(int64_t lowest, int64_t highest, const char* help) {
+    return {schema_kind::number, lowest, highest, schema_charset::printable, help};
+}
+
+constexpr schema_form flag(const char* help) {
+    return {schema_kind::flag, 0, 1, schema_charset::printable, help};
+}
+
+constexpr schema_form presence(const char* help) {
+    return {schema_kind::presence, 1, 1, schema_charset::printable, help};
+}
+
+constexpr schema_form text(schema_charset charset, int64_t lowest, int64_t highest, const char* help) {
+    return {schema_kind::text, lowest, highest, charset, help};
+}
+
+constexpr schema_form tuple(const char* help) {
+    return {schema_kind::tuple, 0, 0, schema_charset::printable, help};
+}
+
+constexpr schema_form no_wildcard = {};
+
+// Names in paths and values. A VRF's name goes into shell commands, file names and unit names; a trustpoint's into a
+// buffer of 128 bytes and, with others, into a comma-separated line.
+constexpr schema_form vrf_name = text(schema_charset::name, 1, 32, "VRF name");
+constexpr schema_form user_name = text(schema_charset::name, 1, 64, "user name");
+constexpr schema_form trustpoint_name = text(schema_charset::name, 1, 127, "trustpoint name");
+constexpr schema_form ipv4_list_name = text(schema_charset::name, 1, 64, "name of an IPv4 access list");
+constexpr schema_form ipv6_list_name = text(schema_charset::name, 1, 64, "name of an IPv6 access list");
+constexpr schema_form algorithm = text(schema_charset::algorithm_name, 1, TUPLE_NAME_MAX, "algorithm name");
+
+// Settings that server and client share.
+constexpr schema_form dscp = number(0, 63, "DSCP code point");
+constexpr schema_form rekey_time = number(1, 1440, "minutes until new session keys");
+constexpr schema_form rekey_volume = number(1, 4096, "megabytes until new session keys");
+constexpr schema_form window_scale = number(1, 14, "TCP window scale factor");
+constexpr schema_form mac_disabled = flag("this MAC is not offered");
+constexpr schema_form version_1 = presence("SSH protocol version 1, not supported");
+constexpr schema_form version_2 = presence("SSH protocol version 2");
+
+constexpr schema_field vrf_access[] = {
+    {"index", number(0, INT32_MAX, "not used")},
+    {"ipv4_acl", ipv4_list_name},
+    {"ipv6_acl", ipv6_list_name},
+};
+
+constexpr schema_field backup_server[] = {
+    {"port", number(1, 65535, "TCP port")},
+    {"vrf", vrf_name},
+};
+
+constexpr schema_field algorithms[] = {
+    {"algorithm_1", algorithm}, {"algorithm_2", algorithm},  {"algorithm_3", algorithm}, {"algorithm_4", algorithm},
+    {"algorithm_5", algorithm}, {"algorithm_6", algorithm},  {"algorithm_7", algorithm}, {"algorithm_8", algorithm},
+    {"algorithm_9", algorithm}, {"algorithm_10", algorithm},
+};
+constexpr std::span<const schema_field> key_exchanges(algorithms, 9);
+constexpr std::span<const schema_field> ciphers(algorithms, 10);
+
+constexpr schema_form offered = flag("this host-key algorithm is offered");
+constexpr schema_field host_keys[] = {
+    {"ecdsa-sha2-nistp256", offered},
+    {"ecdsa-sha2-nistp384", offered},
+    {"ecdsa-sha2-nistp521", offered},
+    {"rsa", flag("all RSA algorithms are offered")},
+    {"ssh-dss", offered},
+    {"x509v3-ssh-rsa", offered},
+    {"ssh-ed25519", offered},
+    {"rsa-sha2-512", offered},
+    {"rsa-sha2-256", offered},
+    {"ssh-rsa", offered},
+};
+
+constexpr schema_field legacy_ciphers[] = {
+    {"aes-cbc", flag("the AES ciphers in CBC mode are offered too")},
+    {"3des-cbc", flag("not supported")},
+};
+
+constexpr schema_field certificate_user[] = {
+    {"common-name", flag("the certificate's common name is the user's name")},
+    {"user-principal-name", flag("the certificate's user principal name is the user's name")},
+};
+
+#define SERVER "/cfg/gl/crypto/ssh/server/"
+#define CLIENT "/cfg/gl/crypto/ssh/client/"
+#define BACKUP "/cfg/gl/crypto/ssh/sshd_backup/"
+
+constexpr schema_form key_exchange_list = tuple("key-exchange algorithms in the order of preference");
+constexpr schema_form cipher_list = tuple("ciphers in the order of preference");
+constexpr schema_form backup_place = tuple("port and VRF of the backup server, not supported");
+
+/// Bytes of a banner with its delimiters: more than any screen shows, and little for every login to carry.
+constexpr int64_t banner_size_max = 8192;
+
+constexpr schema_form banner(const char* help) {
+    return text(schema_charset::delimited, 2, banner_size_max, help);
+}
+
+// In byte order of the patterns.
+constexpr schema_row rows[] = {
+    {"/cfg/gl/aaa/banner/0x0", banner("AAA banner, the message of the day after a login"), no_wildcard, {}, {}},
+    {"/cfg/gl/banner/0x2", banner("message of the day, shown with the login banner"), no_wildcard, {}, {}},
+    {"/cfg/gl/banner/0x3", banner("login banner, shown before a login"), no_wildcard, {}, {}},
+    {"/cfg/gl/crypto/fipsmode/value",
+     flag("FIPS mode is on while this item exists, whatever its value"),
+     no_wildcard,
+     {},
+     {}},
+    {CLIENT "algorithms/cipher", cipher_list, no_wildcard, ciphers, schema_tuple_rule::list},
+    {CLIENT "algorithms/key-exchange", key_exchange_list, no_wildcard, key_exchanges, schema_tuple_rule::list},
+    {CLIENT "disable/hmac/hmac_sha1", mac_disabled, no_wildcard, {}, {}},
+    {CLIENT "disable/hmac/hmac_sha256", mac_disabled, no_wildcard, {}, {}},
+    {CLIENT "disable/hmac/hmac_sha512", mac_disabled, no_wildcard, {}, {}},
+    {CLIENT "dscp", dscp, no_wildcard, {}, {}},
+    {CLIENT "enable/cipher", tuple("legacy ciphers"), no_wildcard, legacy_ciphers, {}},
+    {CLIENT "host_pubkey",
+     text(schema_charset::printable, 1, 200, "file of the known hosts' public keys"),
+     no_wildcard,
+     {},
+     {}},
+    {CLIENT "portnvrf", backup_place, no_wildcard, backup_server, {}},
+    {CLIENT "rekey_time", rekey_time, no_wildcard, {}, {}},
+    {CLIENT "rekey_volume", rekey_volume, no_wildcard, {}, {}},
+    {CLIENT "source", text(schema_charset::word, 1, 64, "interface that connections come from"), no_wildcard, {}, {}},
+    {CLIENT "tcp_window_scale", window_scale, no_wildcard, {}, {}},
+    {CLIENT "v1", version_1, no_wildcard, {}, {}},
+    {CLIENT "v2", version_2, no_wildcard, {}, {}},
+    {CLIENT "vrf", vrf_name, no_wildcard, {}, {}},
+    {SERVER "cmn/algorithms/cipher", cipher_list, no_wildcard, ciphers, schema_tuple_rule::list},
+    {SERVER "cmn/algorithms/host-key", tuple("host-key algorithms"), no_wildcard, host_keys,
+     schema_tuple_rule::one_selected},
+    {SERVER "cmn/algorithms/key-exchange", key_exchange_list, no_wildcard, key_exchanges, schema_tuple_rule::list},
+    {SERVER "cmn/capability/netconf-xml", presence("NETCONF over SSH"), no_wildcard, {}, {}},
+    {SERVER "cmn/certificate/username",
+     tuple("certificate fields that name the user"),
+     no_wildcard,
+     certificate_user,
+     {}},
+    {SERVER "cmn/disable/hmac/hmac_sha1", mac_disabled, no_wildcard, {}, {}},
+    {SERVER "cmn/disable/hmac/hmac_sha256", mac_disabled, no_wildcard, {}, {}},
+    {SERVER "cmn/disable/hmac/hmac_sha512", mac_disabled, no_wildcard, {}, {}},
+    {SERVER "cmn/dscp", dscp, no_wildcard, {}, {}},
+    {SERVER "cmn/enable/cipher", tuple("legacy ciphers"), no_wildcard, legacy_ciphers, {}},
+    {SERVER "cmn/logging", presence("logins and logouts are logged in detail"), no_wildcard, {}, {}},
+    {SERVER "cmn/max_auth_limit", number(3, 20, "login attempts per connection"), no_wildcard, {}, {}},
+    {SERVER "cmn/port_forwarding", number(0, 1, "0 none, 1 local"), no_wildcard, {}, {}},
+    {SERVER "cmn/rate_limit", number(1, 600, "new sessions per minute"), no_wildcard, {}, {}},
+    {SERVER "cmn/rekey_time", rekey_time, no_wildcard, {}, {}},
+    {SERVER "cmn/rekey_volume", rekey_volume, no_wildcard, {}, {}},
+    {SERVER "cmn/session_limit", number(1, 100, "sessions at a time"), no_wildcard, {}, {}},
+    {SERVER "cmn/tcp_window_scale", window_scale, no_wildcard, {}, {}},
+    {SERVER "cmn/timeout", number(5, 120, "seconds, login grace time"), no_wildcard, {}, {}},
+    {SERVER "cmn/trustpoint/host", trustpoint_name, no_wildcard, {}, {}},
+    {SERVER "cmn/trustpoint/user/*", presence("certificate authority for users"), trustpoint_name, {}, {}},
+    {SERVER "cmn/username/*", presence("user with a public key"), user_name, {}, {}},
+    {SERVER "cmn/username/*/keystr",
+     text(schema_charset::printable, 1, 2048, "public key, \"ssh-rsa AAAA... comment\""),
+     user_name,
+     {},
+     {}},
+    {SERVER "cmn/v1", version_1, no_wildcard, {}, {}},
+    {SERVER "sshd/netconf", number(1, 65535, "NETCONF port, not supported"), no_wildcard, {}, {}},
+    {SERVER "sshd/v2", version_2, no_wildcard, {}, {}},
+    {SERVER "sshd/vrf-netconf/*", tuple("NETCONF server of a VRF"), vrf_name, vrf_access, {}},
+    {SERVER "sshd/vrf/*", tuple("SSH server of a VRF"), vrf_name, vrf_access, {}},
+    {BACKUP "portnvrf", backup_place, no_wildcard, backup_server, {}},
+};
+
+#undef SERVER
+#undef CLIENT
+#undef BACKUP
+
+}  // namespace
+
+std::span<const schema_row> schema_rows() {
+    return rows;
+}

@@ -1,0 +1,85 @@
+/// What the files of the Linux datastore share. Nobody else includes this.
+#ifndef LINUX_DATASTORE_STATE_H
+#define LINUX_DATASTORE_STATE_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/datastore/engine.h"
+#include "linux/datastore/schema.h"
+#include "platform/datastore.h"
+
+struct datastore_binding {
+    std::string path;  ///< ends in '/'
+};
+
+/// A callback for changes below a path: a verification when `verify` or `apply` is set, else a notification.
+struct datastore_registration {
+    const datastore_binding* owner;  ///< null once the owner has been unbound
+    std::string path;                ///< the binding's
+    std::string pattern;
+    uint32_t event_mask;
+    datastore_verify_callback verify;
+    datastore_apply_callback apply;
+    datastore_notification_callback notify;
+    void* context;
+};
+
+struct datastore_provider {
+    std::string path;  ///< without a '/' at its end
+    datastore_provider_callback callback;
+    void* context;
+};
+
+struct datastore_state {
+    const datastore_engine* engine;
+    std::string database_path;
+    void* store;  ///< null while the database is closed
+    std::vector<std::unique_ptr<datastore_registration>> registrations;
+    std::vector<std::unique_ptr<datastore_provider>> providers;
+    uint32_t handlers_running;  ///< how deep in calls of the agent's handlers we are
+};
+
+datastore_state& the_datastore();
+
+/// Stands around every call of the agent's handlers: a commit from within is refused, and registrations that are given
+/// back there disappear only afterwards.
+class datastore_handler_scope {
+  public:
+    datastore_handler_scope();
+    ~datastore_handler_scope();
+    datastore_handler_scope(const datastore_handler_scope&) = delete;
+    datastore_handler_scope& operator=(const datastore_handler_scope&) = delete;
+};
+
+/// A stored item of the configuration; DATASTORE_UNAVAILABLE while the database is closed.
+platform_status datastore_stored_get(std::string_view path, datastore_stored& value);
+
+/// The same, but while the verifiers of a commit are asked an item that it would change comes out as the commit would have
+/// it.
+platform_status datastore_proposed_get(std::string_view path, datastore_stored& value);
+
+/// The first stored item whose path begins with `prefix` and stands behind `after` (at the prefix's start when `after` is
+/// empty). DATASTORE_NO_SUCH_ITEM at the end.
+platform_status datastore_stored_next(std::string_view prefix, std::string_view after, std::string& path,
+                                      datastore_stored& value);
+
+/// The names directly below `prefix` (which ends in '/'), each with its stored bytes, which are empty when the name is
+/// only a step on the way to other items.
+platform_status datastore_stored_children(const std::string& prefix, std::map<std::string, std::string>& children);
+
+/// Whether an item's path, relative to a binding, is meant by a registration's pattern: "" means all, a pattern that ends
+/// in '/' what is below it, and a component "*" any one component.
+bool datastore_pattern_matches(std::string_view pattern, std::string_view item);
+
+/// The item's path relative to the registration when that is concerned by one of `events`; else null data.
+std::string_view datastore_concerned_item(const datastore_registration& registration, std::string_view path,
+                                          uint32_t events);
+
+/// Drops the registrations of bindings that are no more. For datastore_handler_scope and datastore_unbind.
+void datastore_drop_orphans();
+
+#endif

@@ -1,0 +1,18 @@
+/// Tokens of banners: "$(name)" in a text stands for something that the text's author leaves to the router.
+#ifndef LINUX_HOST_BANNER_TOKENS_H
+#define LINUX_HOST_BANNER_TOKENS_H
+
+#include <string>
+#include <string_view>
+
+/// The text with every known token replaced by what it stands for now; one that is not known stays as it stands. What is
+/// put in is not looked at again.
+///
+///     $(hostname)  the router's name, up to its first dot
+///     $(domain)    the domain: what follows that dot, or else the first one of /etc/resolv.conf; empty when there is none
+///     $(date)      the date, as 2026-11-21
+///     $(time)      the time of day with its zone, as 13:05:00 UTC
+///     $(line)      the kind of line, always ssh
+std::string banner_expand_tokens(std::string_view text);
+
+#endif

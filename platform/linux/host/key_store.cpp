@@ -1,0 +1,252 @@
+#include "platform/key_store.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/state.h"
+#include "linux/host/key_store_internal.h"
+#include "linux/reporting/log_message_internal.h"
+#include "user_keys/key_der.h"
+#include "user_keys/key_file.h"
+#include "user_keys/key_text.h"
+
+namespace {
+
+/// Whether a key counts: one of the configuration does as long as its item is there. A record that a crash has left
+/// behind its item is nobody's key any more.
+bool counts(std::string_view user, const key_record& record) {
+    datastore_stored item;
+    return record.origin == key_origin::exec_mode || datastore_stored_get(key_record_item(user), item) == PLATFORM_OK;
+}
+
+bool is_users_key(const char* label, uint32_t type) {
+    return label != nullptr && type == KEY_STORE_USER_PUBLIC_KEY && key_user_is_valid(label);
+}
+
+/// Whether a change that comes one way may be made to what the user has now, which is stored in `present` if there is any.
+platform_status check_origin(std::string_view user, key_origin origin, key_record& present) {
+    const platform_status status = key_store_find(user, present);
+    if (status == PLATFORM_OK && present.origin != origin) {
+        return KEY_OTHER_ORIGIN;
+    }
+    // A damaged record is no reason to keep it.
+    return status == EBADMSG || status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
+}
+
+platform_status read_text(std::string_view text, std::string& der, uint32_t& bits) {
+    rsa_public_key key;
+    platform_status status = key_text_read(text, key);
+    if (status == PLATFORM_OK) {
+        status = key_der_make(key, der);
+    }
+    if (status == PLATFORM_OK) {
+        bits = key_bits(key);
+    }
+    return status;
+}
+
+/// The line that sshd is given for a record. EBADMSG when that holds no key.
+platform_status line_of(const key_record& record, std::string& line) {
+    rsa_public_key key;
+    const platform_status status = key_der_read(record.der, key);
+    if (status == PLATFORM_OK) {
+        line = key_text_write(key) + '\n';
+    }
+    return status;
+}
+
+/// Writes the user's file when it is not already as it must be.
+platform_status publish(std::string_view user, const key_record& record) {
+    std::string line;
+    std::string present;
+    const platform_status status = line_of(record, line);
+    if (status != PLATFORM_OK || (key_file_read(user, present) == PLATFORM_OK && present == line)) {
+        return status;
+    }
+    return key_file_write(user, line);
+}
+
+/// Stores a record and its file, both or none.
+platform_status store_both(std::string_view user, const key_record& record) {
+    const std::string place = key_record_place(user);
+    std::string former;
+    const bool had_former = datastore_private_get(place, former) == PLATFORM_OK;
+    platform_status status = datastore_private_put(place, key_record_encode(record));
+    if (status == PLATFORM_OK) {
+        status = publish(user, record);
+        if (status != PLATFORM_OK) {
+            had_former ? datastore_private_put(place, former) : datastore_private_delete(place);
+        }
+    }
+    return status;
+}
+
+/// The file goes first: whatever fails then, nobody gets in with the key any more.
+platform_status remove_both(std::string_view user) {
+    const platform_status status = key_file_remove(user);
+    return status == PLATFORM_OK ? datastore_private_delete(key_record_place(user)) : status;
+}
+
+platform_status store(std::string_view user, const key_record& record) {
+    key_record present;
+    const platform_status status = check_origin(user, record.origin, present);
+    // Every start of the agent brings the configured keys again; they stay as old as they are.
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    return present.der == record.der ? publish(user, present) : store_both(user, record);
+}
+
+platform_status set_key(const key_store_set_request& request) {
+    rsa_public_key key;
+    const std::string der(reinterpret_cast<const char*>(request.der), request.size);
+    const platform_status status = key_der_read(der, key);
+    return status == PLATFORM_OK ? store(request.label, {key_origin::configuration, request.bits, request.time, der})
+                                 : status;
+}
+
+platform_status remove_key(std::string_view user) {
+    key_record present;
+    const platform_status status = check_origin(user, key_origin::configuration, present);
+    return status == PLATFORM_OK ? remove_both(user) : status;
+}
+
+/// Takes the files of users away who have no key that counts.
+void remove_others(const std::vector<key_store_entry>& entries) {
+    std::vector<std::string> users;
+    platform_status status = key_file_list(users);
+    for (const std::string& user : users) {
+        const bool has_key = std::any_of(entries.begin(), entries.end(),
+                                         [&user](const key_store_entry& entry) { return entry.user == user; });
+        if (status == PLATFORM_OK && !has_key) {
+            status = key_file_remove(user);
+        }
+    }
+    if (status != PLATFORM_OK) {
+        platform_log(LOG_ERR, "Error:=%s(0x%x), users' former keys could not all be withdrawn",
+                     platform_status_text(status), status);
+    }
+}
+
+}  // namespace
+
+void key_store_start() try {
+    std::vector<key_store_entry> entries;
+    if (key_store_list(entries) != PLATFORM_OK) {
+        return;
+    }
+    remove_others(entries);
+    for (const key_store_entry& entry : entries) {
+        if (const platform_status status = publish(entry.user, entry.record); status != PLATFORM_OK) {
+            platform_log(LOG_ERR, "Error:=%s(0x%x), User:=%s, the key is not in force", platform_status_text(status),
+                         status, entry.user.c_str());
+        }
+    }
+} catch (const std::bad_alloc&) {
+    platform_log(LOG_ERR, "Users' keys could not be looked over: out of memory");
+}
+
+platform_status key_store_find(std::string_view user, key_record& record) {
+    std::string bytes;
+    key_record found;
+    platform_status status = datastore_private_get(key_record_place(user), bytes);
+    if (status == PLATFORM_OK) {
+        status = key_record_decode(bytes, found);
+    }
+    if (status == PLATFORM_OK && !counts(user, found)) {
+        status = DATASTORE_NO_SUCH_ITEM;
+    }
+    if (status == PLATFORM_OK) {
+        record = std::move(found);
+    }
+    return status;
+}
+
+platform_status key_store_list(std::vector<key_store_entry>& entries) {
+    std::string place;
+    std::string bytes;
+    platform_status status = PLATFORM_OK;
+    while ((status = datastore_private_next(key_record_prefix, std::string(place), place, bytes)) == PLATFORM_OK) {
+        key_store_entry entry = {place.substr(strlen(key_record_prefix)), {}};
+        if (key_record_decode(bytes, entry.record) != PLATFORM_OK) {
+            platform_log(LOG_ERR, "The stored key of user %s is damaged", entry.user.c_str());
+        } else if (counts(entry.user, entry.record)) {
+            entries.push_back(std::move(entry));
+        }
+    }
+    return status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
+}
+
+platform_status key_store_import(std::string_view user, std::string_view text) {
+    key_record record = {key_origin::exec_mode, 0, time(nullptr), {}};
+    const platform_status status =
+        key_user_is_valid(user) ? read_text(text, record.der, record.bits) : platform_status{EINVAL};
+    return status == PLATFORM_OK ? store(user, record) : status;
+}
+
+platform_status key_store_delete(std::string_view user) {
+    key_record present;
+    platform_status status = key_store_find(user, present);
+    if (status == PLATFORM_OK && present.origin != key_origin::exec_mode) {
+        status = KEY_OTHER_ORIGIN;
+    }
+    return status == PLATFORM_OK || status == EBADMSG ? remove_both(user) : status;
+}
+
+platform_status key_store_get_user_key(const char* label, uint32_t type, struct key_store_key* key) try {
+    if (key == nullptr || !is_users_key(label, type)) {
+        return EINVAL;
+    }
+    key_record record;
+    const platform_status status = key_store_find(label, record);
+    if (status == DATASTORE_NO_SUCH_ITEM) {
+        *key = {0, 0, 0};
+        return PLATFORM_OK;
+    }
+    if (status == PLATFORM_OK) {
+        *key = {1, record.origin == key_origin::exec_mode ? 1U : 0U, record.bits};
+    }
+    return status;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}
+
+platform_status key_store_pubkey_to_der(const char* text, uint8_t* der, size_t capacity, size_t* size,
+                                        uint32_t* bits) try {
+    if (text == nullptr || der == nullptr || size == nullptr || bits == nullptr) {
+        return EINVAL;
+    }
+    std::string made;
+    uint32_t made_bits = 0;
+    const platform_status status = read_text(text, made, made_bits);
+    if (status != PLATFORM_OK || made.size() > capacity) {
+        return status != PLATFORM_OK ? status : platform_status{ENOSPC};
+    }
+    made.copy(reinterpret_cast<char*>(der), made.size());
+    *size = made.size();
+    *bits = made_bits;
+    return PLATFORM_OK;
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}
+
+platform_status key_store_set_key(const struct key_store_set_request* request) try {
+    if (request == nullptr || !is_users_key(request->label, request->type)) {
+        return EINVAL;
+    }
+    if (request->remove != 0) {
+        return remove_key(request->label);
+    }
+    if (request->der == nullptr || request->size > KEY_STORE_DER_MAX) {
+        return EINVAL;
+    }
+    return set_key(*request);
+} catch (const std::bad_alloc&) {
+    return ENOMEM;
+}

@@ -1,0 +1,38 @@
+/// Users' public keys as the rest of the Linux platform lists and changes them.
+///
+/// They are kept in the private part of the datastore, one record a user, with a copy in a file for sshd. A key comes either from the configuration or,
+/// through the operator's tool, from the exec mode; neither way touches what came the other way.
+#ifndef LINUX_HOST_KEY_STORE_INTERNAL_H
+#define LINUX_HOST_KEY_STORE_INTERNAL_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/key_store.h"
+#include "user_keys/key_record.h"
+
+struct key_store_entry {
+    std::string user;
+    key_record record;
+};
+
+/// Makes the files for sshd what the records say, where a crash has come between the two. To be called when the loop is
+/// reached, with the stored configuration applied. A failure is logged.
+void key_store_start();
+
+/// The key of a user that counts. DATASTORE_NO_SUCH_ITEM when there is none, EBADMSG when the record is damaged.
+platform_status key_store_find(std::string_view user, key_record& record);
+
+/// All keys that count, in byte order of the users. Damaged ones are logged and left out.
+platform_status key_store_list(std::vector<key_store_entry>& entries);
+
+/// Stores the key in `text` for a user, as added from the exec mode, in place of one that was added so before.
+/// KEY_OTHER_ORIGIN when the user's key is the configuration's.
+platform_status key_store_import(std::string_view user, std::string_view text);
+
+/// Removes a user's key that was added from the exec mode. DATASTORE_NO_SUCH_ITEM when the user has no key,
+/// KEY_OTHER_ORIGIN when it is the configuration's.
+platform_status key_store_delete(std::string_view user);
+
+#endif

@@ -1,0 +1,29 @@
+/// What the process manager knows, for the operator.
+#ifndef LINUX_PROCESS_PROCESS_INTERNAL_H
+#define LINUX_PROCESS_PROCESS_INTERNAL_H
+
+#include <cstdint>
+
+#include "platform/process_manager.h"
+#include "platform/status.h"
+
+/// A role that waits until it becomes primary.
+enum { PROCESS_ROLE_STANDBY = 2 };
+
+struct process_status {
+    uint32_t role;           ///< PROCESS_ROLE_
+    uint32_t respawn_count;  ///< as process_manager_respawn_count
+    bool ready;              ///< readiness has been reported
+    uint64_t started;        ///< seconds since the epoch
+};
+
+process_status process_manager_status();
+
+/// Counts this start, once a process: the number kept in the runtime directory goes up by one. The service's unit removes
+/// it after a clean stop.
+void process_manager_count_start();
+
+/// Forgets the count and gives the lock back, as the end of the process does.
+void process_manager_reset();
+
+#endif

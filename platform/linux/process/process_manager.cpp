@@ -1,0 +1,213 @@
+#include "platform/process_manager.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <syslog.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "linux/process/platform_config.h"
+#include "linux/process/process_internal.h"
+#include "linux/process/process_manager_lock.h"
+#include "linux/process/process_manager_paths.h"
+#include "linux/reporting/log_message_internal.h"
+
+namespace {
+
+struct {
+    bool counted;
+    bool ready;
+    uint32_t respawn_count;
+    uint32_t role;
+    time_t started;
+} state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
+
+/// An editor may take the file away for a moment while it writes the new one, so a change is looked at once it is over.
+constexpr int settle_milliseconds = 200;
+
+void log_problems(const std::vector<std::string>& problems) {
+    for (const std::string& problem : problems) {
+        platform_log(LOG_ERR, "%s", problem.c_str());
+    }
+}
+
+/// The number in the file: 0 when there is none, which is the first start. A file with something else in it counts as
+/// none, because the configuration files are then written anew, which is always right.
+uint32_t read_count() {
+    const int fd = open(runtime_respawn_file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+        if (errno != ENOENT) {
+            platform_log(LOG_WARNING, "%s cannot be read: %s", runtime_respawn_file, strerror(errno));
+        }
+        return 0;
+    }
+    char text[16] = {};
+    const ssize_t length = read(fd, text, sizeof text - 1);
+    close(fd);
+    char* end = text;
+    const unsigned long long number = length > 0 ? strtoull(text, &end, 10) : 0;
+    if (end == text || strcmp(end, "\n") != 0 || number > UINT32_MAX || text[0] == '-') {
+        platform_log(LOG_WARNING, "%s does not hold a number", runtime_respawn_file);
+        return 0;
+    }
+    return static_cast<uint32_t>(number);
+}
+
+/// Through a second file, so that a kill at any moment leaves the old number or the new one. Returns 0 or an errno value.
+int write_count(uint32_t count) {
+    const int fd = open(runtime_respawn_temporary_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) {
+        return errno;
+    }
+    char text[16];
+    const int length = snprintf(text, sizeof text, "%u\n", count);
+    const ssize_t written = write(fd, text, static_cast<size_t>(length));
+    int error = written < 0 ? errno : 0;
+    if (written >= 0 && written != length) {
+        error = ENOSPC;
+    }
+    close(fd);
+    if (error == 0 && rename(runtime_respawn_temporary_file, runtime_respawn_file) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        unlink(runtime_respawn_temporary_file);
+    }
+    return error;
+}
+
+/// Takes the events that have come off the queue; what they say is not needed.
+void discard_events(int fd) {
+    char buffer[4096];
+    while (read(fd, buffer, sizeof buffer) > 0) {
+    }
+}
+
+/// Blocks until a file of the directory has changed and then stayed as it is for a moment. Returns 0 or -1.
+int wait_for_change(int fd) {
+    pollfd waiting = {fd, POLLIN, 0};
+    int timeout = -1;
+    for (;;) {
+        const int result = poll(&waiting, 1, timeout);
+        if (result < 0 && errno != EINTR) {
+            return -1;
+        }
+        if (result == 0) {
+            return 0;
+        }
+        if (result > 0) {
+            discard_events(fd);
+            timeout = settle_milliseconds;
+        }
+    }
+}
+
+/// Only a usable line or the missing file ends the wait: a mistake in the file must not make a second primary.
+bool is_primary() {
+    platform_config config = {};
+    std::vector<std::string> problems;
+    const platform_status status = platform_config_read(config, problems);
+    log_problems(problems);
+    if (status == ENOENT) {
+        return true;
+    }
+    return config.role_is_stated && config.role == PROCESS_ROLE_PRIMARY;
+}
+
+/// The watch is set before the file is read, so no change is missed. Returns 0 or -1.
+int wait_until_primary(int fd) {
+    if (inotify_add_watch(fd, platform_config_directory, IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_ONLYDIR) < 0) {
+        return errno == ENOENT ? 0 : -1;
+    }
+    while (!is_primary()) {
+        if (wait_for_change(fd) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+void process_manager_count_start() {
+    if (state.counted) {
+        return;
+    }
+    state.counted = true;
+    state.started = time(nullptr);
+    const uint32_t before = read_count();
+    state.respawn_count = before == UINT32_MAX ? before : before + 1;
+    const int error = write_count(state.respawn_count);
+    if (error != 0) {
+        platform_log(LOG_WARNING, "%s cannot be written, a restart will not be told from a first start: %s",
+                     runtime_respawn_file, strerror(error));
+    }
+    // Said also because it opens the way to the journal, which can no longer be opened when descriptors have run out.
+    platform_log(LOG_INFO, "The agent starts, start %u since the last clean stop", state.respawn_count);
+}
+
+uint32_t process_manager_respawn_count(void) {
+    return state.respawn_count;
+}
+
+uint32_t process_manager_role(void) {
+    try {
+        platform_config config = {};
+        std::vector<std::string> problems;
+        platform_config_read(config, problems);
+        log_problems(problems);
+        state.role = config.role;
+    } catch (const std::exception&) {
+        platform_log(LOG_ERR, "%s cannot be read: out of memory", platform_config_file);
+    }
+    return state.role;
+}
+
+void process_manager_ready(void) {
+    const errno_keeper keeper;
+    state.ready = true;
+    const int result = sd_notify(0, "READY=1");
+    if (result < 0) {
+        platform_log(LOG_WARNING, "Readiness cannot be reported to the service manager: %s", strerror(-result));
+    }
+}
+
+int process_manager_wait_primary(void) {
+    const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (fd < 0) {
+        platform_log(LOG_ERR, "The role cannot be waited for: %s", strerror(errno));
+        return -1;
+    }
+    int result = -1;
+    try {
+        result = wait_until_primary(fd);
+    } catch (const std::exception&) {
+        errno = ENOMEM;
+    }
+    if (result != 0) {
+        platform_log(LOG_ERR, "The role cannot be waited for: %s", strerror(errno));
+    } else {
+        state.role = PROCESS_ROLE_PRIMARY;
+    }
+    close(fd);
+    return result;
+}
+
+process_status process_manager_status() {
+    return {state.role, state.respawn_count, state.ready, static_cast<uint64_t>(state.started)};
+}
+
+void process_manager_reset() {
+    state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
+    node_lock_release();
+}

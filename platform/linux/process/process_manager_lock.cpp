@@ -1,0 +1,83 @@
+#include "linux/process/process_manager_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "linux/process/process_manager_paths.h"
+#include "linux/reporting/log_message_internal.h"
+
+namespace {
+
+/// Open, and thereby locked, for the life of the process.
+int lock_fd = -1;
+
+/// The number that the lock's holder has written, 0 when it has not come to that yet.
+long holder_of(int fd) {
+    char text[16] = {};
+    const ssize_t length = pread(fd, text, sizeof text - 1, 0);
+    return length > 0 ? strtol(text, nullptr, 10) : 0;
+}
+
+void report_holder(long holder) {
+    if (holder > 0) {
+        fprintf(stderr, "%s: Another agent runs on this node already: process %ld\n", log_identifier, holder);
+    } else {
+        fprintf(stderr, "%s: Another agent is being started on this node\n", log_identifier);
+    }
+}
+
+int report_failure(int error, const char* operation) {
+    fprintf(stderr, "%s: Cannot %s %s: %s\n", log_identifier, operation, runtime_lock_file, strerror(error));
+    return error;
+}
+
+/// What stands in the file is only for people, so a failure to write it does not matter.
+void write_holder(int fd) {
+    char text[16];
+    const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, text, static_cast<size_t>(length), 0) != length) {
+        fprintf(stderr, "%s: Cannot write %s\n", log_identifier, runtime_lock_file);
+    }
+}
+
+}  // namespace
+
+int node_lock_take() {
+    if (lock_fd >= 0) {
+        return 0;
+    }
+    if (mkdir(runtime_directory, 0755) != 0 && errno != EEXIST) {
+        return report_failure(errno, "make the directory of");
+    }
+    const int fd = open(runtime_lock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) {
+        return report_failure(errno, "open");
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        if (error == EWOULDBLOCK) {
+            report_holder(holder_of(fd));
+        } else {
+            report_failure(error, "lock");
+        }
+        close(fd);
+        return error == EWOULDBLOCK ? EBUSY : error;
+    }
+    write_holder(fd);
+    lock_fd = fd;
+    return 0;
+}
+
+void node_lock_release() {
+    if (lock_fd >= 0) {
+        close(lock_fd);
+        lock_fd = -1;
+    }
+}

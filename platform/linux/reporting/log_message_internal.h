@@ -1,0 +1,40 @@
+/// Messages of the Linux platform itself.
+#ifndef LINUX_REPORTING_LOG_MESSAGE_INTERNAL_H
+#define LINUX_REPORTING_LOG_MESSAGE_INTERNAL_H
+
+#include <cerrno>
+#include <initializer_list>
+#include <string>
+
+#include "platform/log_message.h"
+
+/// The name under which everything is logged.
+inline constexpr char log_identifier[] = "ssh_cfg_agent";
+
+/// Gives errno back as it was, whatever the scope has called.
+class errno_keeper {
+  public:
+    errno_keeper() : saved(errno) {}
+    ~errno_keeper() { errno = saved; }
+    errno_keeper(const errno_keeper&) = delete;
+    errno_keeper& operator=(const errno_keeper&) = delete;
+
+  private:
+    int saved;
+};
+
+/// Logs one line, made as by printf and cut at 1023 characters, at a priority of syslog(3). Leaves errno alone.
+void platform_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// A field of a journal entry: "NAME=" and its value.
+struct journal_field {
+    const char* assignment;
+    std::string value;
+};
+
+/// Sends one entry: `text` and `priority` with the further fields to the journal; `plain_text` to the system's log when
+/// there is no journal. Leaves errno alone.
+void journal_send(int priority, const char* text, std::initializer_list<journal_field> fields,
+                  const char* plain_text) noexcept;
+
+#endif

@@ -1,0 +1,35 @@
+/// Reading the trace buffers.
+#ifndef LINUX_REPORTING_TRACE_INTERNAL_H
+#define LINUX_REPORTING_TRACE_INTERNAL_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/trace.h"
+
+/// An argument as it was traced: text when `is_text`, else the number.
+struct trace_value {
+    bool is_text;
+    int64_t number;
+    std::string text;
+};
+
+struct trace_record {
+    uint64_t microseconds;  ///< since the epoch
+    uint32_t trace_point;
+    std::vector<trace_value> arguments;
+};
+
+struct trace_buffer_contents {
+    uint64_t written;  ///< entries written since the buffer was made, those included that have made room
+    std::vector<trace_record> records;  ///< what is still there, the oldest first
+};
+
+/// The names of all trace buffers, in the order of their creation.
+std::vector<std::string> trace_buffer_names();
+
+/// Reads a buffer by its whole name or by the part after its last '/' ("error"). ENOENT when there is none.
+platform_status trace_buffer_read(const std::string& name, trace_buffer_contents& contents);
+
+#endif

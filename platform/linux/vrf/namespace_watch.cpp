@@ -1,0 +1,400 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <linux/nsfs.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <exception>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "linux/process/event_manager_internal.h"
+#include "linux/reporting/log_message_internal.h"
+#include "linux/vrf/namespace_internal.h"
+#include "linux/vrf/vrf_internal.h"
+#include "platform/namespace_message.h"
+
+namespace {
+
+constexpr char parent_directory[] = "/run";
+constexpr char directory_name[] = "netns";
+constexpr uint64_t first_retry = 20000;  ///< microseconds
+constexpr uint64_t longest_retry = 2000000;
+constexpr uint64_t retry_accuracy = 1000;
+
+/// What tells a namespace from another one that later has the same name.
+struct namespace_identity {
+    dev_t device;
+    ino_t inode;
+    bool operator==(const namespace_identity& other) const = default;
+};
+
+struct announcement {
+    uint32_t code;
+    std::string name;
+};
+
+struct namespace_watch {
+    struct event_manager* manager = nullptr;
+    int fd = -1;
+    int parent_watch = -1;
+    int directory_watch = -1;  ///< -1 while there is no such directory
+    sd_event_source* changes = nullptr;
+    sd_event_source* retry = nullptr;
+    sd_event_source* delivery = nullptr;
+    uint64_t retry_delay = first_retry;
+    std::map<std::string, namespace_identity> known;
+    std::set<std::string> pending;  ///< files to which no namespace is attached yet
+    std::deque<announcement> queue;
+
+    namespace_watch() = default;
+    namespace_watch(const namespace_watch&) = delete;
+    namespace_watch& operator=(const namespace_watch&) = delete;
+    ~namespace_watch() {
+        sd_event_source_disable_unref(changes);
+        sd_event_source_disable_unref(retry);
+        sd_event_source_disable_unref(delivery);
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+};
+
+std::unique_ptr<namespace_watch> active;
+
+bool is_vrf_namespace_name(std::string_view name) {
+    constexpr std::string_view prefix = vrf_namespace_prefix;
+    return name.substr(0, prefix.size()) == prefix && vrf_name_is_valid(name.substr(prefix.size()));
+}
+
+/// Looks at the file system first: opening whatever else may stand under the name could block.
+bool identify(const std::string& name, namespace_identity& identity) {
+    const std::string path = std::string(namespace_directory) + "/" + name;
+    struct statfs file_system = {};
+    if (statfs(path.c_str(), &file_system) != 0 || file_system.f_type != NSFS_MAGIC) {
+        return false;
+    }
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat status = {};
+    const bool is_network = ioctl(fd, NS_GET_NSTYPE) == CLONE_NEWNET && fstat(fd, &status) == 0;
+    close(fd);
+    identity = {status.st_dev, status.st_ino};
+    return is_network;
+}
+
+/// The VRF namespaces' files. A missing directory has none.
+std::set<std::string> read_directory() {
+    std::set<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(namespace_directory), closedir);
+    if (directory == nullptr) {
+        if (errno != ENOENT) {
+            platform_log(LOG_ERR, "%s cannot be read: %s", namespace_directory, strerror(errno));
+        }
+        return names;
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        if (is_vrf_namespace_name(entry->d_name)) {
+            names.insert(entry->d_name);
+        }
+    }
+    return names;
+}
+
+/// A namespace that has come and gone before anybody was told is not told of at all: the handler of its coming would wait
+/// for it in vain.
+void announce(namespace_watch& watch, uint32_t code, const std::string& name) {
+    const auto undelivered = std::find_if(watch.queue.rbegin(), watch.queue.rend(),
+                                          [&](const announcement& queued) { return queued.name == name; });
+    if (code == NAMESPACE_DELETED && undelivered != watch.queue.rend() && undelivered->code == NAMESPACE_CREATED) {
+        watch.queue.erase(std::next(undelivered).base());
+        return;
+    }
+    watch.queue.push_back({code, name});
+    sd_event_source_set_enabled(watch.delivery, SD_EVENT_ONESHOT);
+}
+
+void arm_retry(namespace_watch& watch) {
+    sd_event_source_set_time_relative(watch.retry, watch.retry_delay);
+    sd_event_source_set_enabled(watch.retry, SD_EVENT_ONESHOT);
+}
+
+void retry_soon(namespace_watch& watch) {
+    watch.retry_delay = first_retry;
+    arm_retry(watch);
+}
+
+void namespace_is_gone(namespace_watch& watch, const std::string& name) {
+    watch.pending.erase(name);
+    if (watch.known.erase(name) == 1) {
+        announce(watch, NAMESPACE_DELETED, name);
+    }
+}
+
+void namespace_has_appeared(namespace_watch& watch, const std::string& name, const namespace_identity& identity) {
+    watch.pending.erase(name);
+    watch.known.emplace(name, identity);
+    announce(watch, NAMESPACE_CREATED, name);
+}
+
+/// Takes note of what stands under the name now.
+void look_at(namespace_watch& watch, const std::string& name) {
+    namespace_identity identity = {};
+    const bool attached = identify(name, identity);
+    const auto known = watch.known.find(name);
+    if (known != watch.known.end() && attached && known->second == identity) {
+        return;
+    }
+    namespace_is_gone(watch, name);
+    if (attached) {
+        namespace_has_appeared(watch, name, identity);
+    } else {
+        watch.pending.insert(name);
+        retry_soon(watch);
+    }
+}
+
+/// Brings what is known in line with the directory, whatever has been missed.
+void rescan(namespace_watch& watch) {
+    const std::set<std::string> present = read_directory();
+    std::set<std::string> absent = watch.pending;
+    for (const auto& [name, identity] : watch.known) {
+        absent.insert(name);
+    }
+    for (const std::string& name : present) {
+        absent.erase(name);
+        look_at(watch, name);
+    }
+    for (const std::string& name : absent) {
+        namespace_is_gone(watch, name);
+    }
+}
+
+/// Returns 0 or an errno value; the missing directory is no failure, its parent's watch tells when it is made.
+int watch_directory(namespace_watch& watch) {
+    constexpr uint32_t events =
+        IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    watch.directory_watch = inotify_add_watch(watch.fd, namespace_directory, events);
+    return watch.directory_watch >= 0 || errno == ENOENT ? 0 : errno;
+}
+
+void watch_directory_again(namespace_watch& watch) {
+    const int error = watch_directory(watch);
+    if (error != 0) {
+        platform_log(LOG_ERR, "%s cannot be watched: %s", namespace_directory, strerror(error));
+        arm_retry(watch);
+    }
+    rescan(watch);
+}
+
+void directory_is_gone(namespace_watch& watch) {
+    inotify_rm_watch(watch.fd, watch.directory_watch);
+    watch_directory_again(watch);
+}
+
+void handle_entry_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
+    if ((mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
+        namespace_is_gone(watch, name);
+    } else {
+        look_at(watch, name);
+    }
+}
+
+void handle_directory_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
+    if ((mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+        directory_is_gone(watch);
+    } else if (is_vrf_namespace_name(name)) {
+        handle_entry_change(watch, mask, name);
+    }
+}
+
+void handle_change(namespace_watch& watch, const inotify_event& event) {
+    const std::string name = event.len > 0 ? event.name : "";
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        platform_log(LOG_WARNING, "The watch of %s has overflowed, it is read anew", namespace_directory);
+        rescan(watch);
+    } else if (event.wd == watch.directory_watch) {
+        handle_directory_change(watch, event.mask, name);
+    } else if (event.wd == watch.parent_watch && name == directory_name) {
+        watch_directory_again(watch);
+    }
+}
+
+void read_changes(namespace_watch& watch) {
+    alignas(inotify_event) char buffer[16384];
+    ssize_t length = 0;
+    while ((length = read(watch.fd, buffer, sizeof buffer)) > 0) {
+        for (ssize_t position = 0; position < length;) {
+            const auto* event = reinterpret_cast<const inotify_event*>(buffer + position);
+            position += static_cast<ssize_t>(sizeof *event + event->len);
+            handle_change(watch, *event);
+        }
+    }
+}
+
+int changes_are_readable(sd_event_source*, int, uint32_t, void* userdata) {
+    try {
+        read_changes(*static_cast<namespace_watch*>(userdata));
+    } catch (const std::exception& failure) {
+        platform_log(LOG_ERR, "Changes of %s were not followed: %s", namespace_directory, failure.what());
+    }
+    return 0;
+}
+
+/// A file that is no namespace yet is looked at again, ever less often, for as long as it stands there.
+void look_at_pending(namespace_watch& watch) {
+    if (watch.directory_watch < 0) {
+        watch_directory_again(watch);
+    }
+    const std::set<std::string> waiting = watch.pending;
+    for (const std::string& name : waiting) {
+        namespace_identity identity = {};
+        if (identify(name, identity)) {
+            namespace_has_appeared(watch, name, identity);
+        }
+    }
+    if (!watch.pending.empty()) {
+        watch.retry_delay = std::min(watch.retry_delay * 2, longest_retry);
+        arm_retry(watch);
+    }
+}
+
+int retry_is_due(sd_event_source*, uint64_t, void* userdata) {
+    try {
+        look_at_pending(*static_cast<namespace_watch*>(userdata));
+    } catch (const std::exception& failure) {
+        platform_log(LOG_ERR, "Namespaces were not looked at again: %s", failure.what());
+    }
+    return 0;
+}
+
+void check_reply(const announcement& told, platform_status status, const char* reply, size_t size) {
+    const bool handled = std::all_of(reply, reply + NAMESPACE_REPLY_SIZE, [](char byte) { return byte == 0; });
+    if (status != PLATFORM_OK || size != NAMESPACE_REPLY_SIZE || !handled) {
+        platform_log(LOG_ERR, "The %s of namespace %s was not handled",
+                     told.code == NAMESPACE_CREATED ? "creation" : "deletion", told.name.c_str());
+    }
+}
+
+/// Tells of one namespace; the next one has to wait for the loop.
+int deliver(sd_event_source*, void* userdata) {
+    auto& watch = *static_cast<namespace_watch*>(userdata);
+    if (watch.queue.empty()) {
+        return 0;
+    }
+    const announcement next = std::move(watch.queue.front());
+    watch.queue.pop_front();
+    if (!watch.queue.empty()) {
+        sd_event_source_set_enabled(watch.delivery, SD_EVENT_ONESHOT);
+    }
+    namespace_message message = {};
+    message.code = next.code;
+    next.name.copy(message.name, sizeof message.name - 1);
+    char reply[NAMESPACE_REPLY_SIZE] = {};
+    size_t size = 0;
+    const platform_status status = event_manager_send_message(watch.manager, NAMESPACE_MESSAGE, &message,
+                                                              sizeof message, reply, sizeof reply, &size);
+    check_reply(next, status, reply, size);
+    return 0;
+}
+
+/// Returns 0 or a negative errno value.
+int add_sources(namespace_watch& watch) {
+    sd_event* loop = event_manager_sd_event(watch.manager);
+    int result = sd_event_add_io(loop, &watch.changes, watch.fd, EPOLLIN, changes_are_readable, &watch);
+    if (result >= 0) {
+        result = sd_event_source_set_priority(watch.changes, EVENT_PRIORITY_WATCH);
+    }
+    if (result >= 0) {
+        result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, retry_accuracy,
+                                            retry_is_due, &watch);
+    }
+    if (result >= 0) {
+        result = sd_event_source_set_enabled(watch.retry, SD_EVENT_OFF);
+    }
+    if (result >= 0) {
+        result = sd_event_add_defer(loop, &watch.delivery, deliver, &watch);
+    }
+    return result < 0 ? result : sd_event_source_set_enabled(watch.delivery, SD_EVENT_OFF);
+}
+
+/// The directory's watch is set before the directory is read, so nothing falls between the two.
+int begin(namespace_watch& watch) {
+    watch.fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (watch.fd < 0) {
+        return -errno;
+    }
+    watch.parent_watch = inotify_add_watch(watch.fd, parent_directory, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
+    if (watch.parent_watch < 0) {
+        return -errno;
+    }
+    const int error = watch_directory(watch);
+    if (error != 0) {
+        return -error;
+    }
+    const int result = add_sources(watch);
+    if (result < 0) {
+        return result;
+    }
+    rescan(watch);
+    // The agent finds those that exist by itself.
+    watch.queue.clear();
+    return 0;
+}
+
+}  // namespace
+
+bool namespace_is_attached(const std::string& name) {
+    namespace_identity identity = {};
+    return identify(name, identity);
+}
+
+std::vector<std::string> namespace_list() {
+    std::vector<std::string> attached;
+    for (const std::string& name : read_directory()) {
+        if (namespace_is_attached(name)) {
+            attached.push_back(name);
+        }
+    }
+    return attached;
+}
+
+platform_status namespace_watch_start(struct event_manager* manager) {
+    if (manager == nullptr) {
+        return EINVAL;
+    }
+    if (active != nullptr) {
+        return EALREADY;
+    }
+    try {
+        auto watch = std::make_unique<namespace_watch>();
+        watch->manager = manager;
+        const int result = begin(*watch);
+        if (result < 0) {
+            return static_cast<platform_status>(-result);
+        }
+        active = std::move(watch);
+        return PLATFORM_OK;
+    } catch (const std::exception&) {
+        return ENOMEM;
+    }
+}
+
+void namespace_watch_stop() {
+    active.reset();
+}

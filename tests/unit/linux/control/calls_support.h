@@ -1,0 +1,49 @@
+/// What the tests of the control socket's calls share: a served datastore, requests as JSON text, the audit's lines.
+#ifndef UNIT_LINUX_CONTROL_CALLS_SUPPORT_H
+#define UNIT_LINUX_CONTROL_CALLS_SUPPORT_H
+
+#include <string>
+#include <vector>
+
+#include "control_protocol/answer.h"
+#include "linux/control/audit.h"
+#include "linux/control/calls.h"
+#include "unit/linux/datastore/datastore_fixture.h"
+
+namespace control_test {
+
+// The name datastore_test alone is the fixture within its own descendants.
+using ::datastore_test::server_path;
+
+class calls_test : public datastore_test::served_datastore_test {
+  protected:
+    void SetUp() override {
+        served_datastore_test::SetUp();
+        control_audit_divert([this](const std::string& line) { audit.push_back(line); });
+    }
+    void TearDown() override {
+        control_audit_divert({});
+        served_datastore_test::TearDown();
+    }
+
+    /// The answer to a request; '@' in it stands for the server's settings.
+    control_json ask(std::string request) {
+        for (size_t at = request.find('@'); at != std::string::npos; at = request.find('@')) {
+            request.replace(at, 1, server_path);
+        }
+        std::string error;
+        const auto document = control_json_parse(request, error);
+        EXPECT_TRUE(document.has_value()) << error;
+        return control_call(document.value_or(control_json()), {42, 1000, 1001});
+    }
+
+    std::string result(const std::string& request) { return ask(request).value("result", ""); }
+    std::string message(const std::string& request) { return ask(request).value("message", ""); }
+    std::string data(const std::string& request) { return control_json_text(ask(request)["data"]); }
+
+    std::vector<std::string> audit;
+};
+
+}  // namespace control_test
+
+#endif

@@ -1,0 +1,191 @@
+#include <errno.h>
+
+#include "unit/linux/control/calls_support.h"
+
+namespace {
+
+using datastore_test::engine_in_memory;
+using datastore_test::memory;
+using datastore_test::rate_path;
+using datastore_test::stored;
+using datastore_test::timeout_path;
+using datastore_test::vrf_path;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class control_change_calls_test : public control_test::calls_test {
+  protected:
+    /// Refused with a text that names what it should; nothing is stored, no handler called, and the audit knows of it.
+    void expect_refused(const std::string& request, const std::vector<std::string>& named) {
+        audit.clear();
+        const control_json answer = ask(request);
+        EXPECT_EQ(answer.value("result", ""), "refused") << request;
+        for (const std::string& text : named) {
+            EXPECT_THAT(answer.value("message", ""), HasSubstr(text)) << request;
+        }
+        EXPECT_EQ(data(R"({"call":"dump"})"), "{}");
+        EXPECT_THAT(take_calls(), IsEmpty());
+        ASSERT_EQ(audit.size(), 1U) << request;
+        EXPECT_THAT(audit[0], HasSubstr("result:=refused"));
+    }
+};
+
+TEST_F(control_change_calls_test, set_stores_applies_and_is_audited) {
+    const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    EXPECT_EQ(
+        control_json_text(answer),
+        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}]})");
+    EXPECT_EQ(stored(timeout_path), "45");
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 45", "apply 3 cmn/timeout - -> 45"));
+    EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=set, result:=done, created "
+                                   "/cfg/gl/crypto/ssh/server/cmn/timeout"));
+}
+
+TEST_F(control_change_calls_test, set_takes_words) {
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","word":"45"})"), "done");
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/trustpoint/host","word":"corp-ca"})"), "done");
+    EXPECT_EQ(result(R"({"call":"set","path":"@sshd/vrf/blue","word":"[null,\"v4\"]"})"), "done");
+    EXPECT_EQ(
+        data(R"({"call":"dump"})"),
+        R"({"/cfg/gl/crypto/ssh/server/cmn/timeout":45,"/cfg/gl/crypto/ssh/server/cmn/trustpoint/host":"corp-ca",)"
+        R"("/cfg/gl/crypto/ssh/server/sshd/vrf/blue":[null,"v4",null]})");
+}
+
+TEST_F(control_change_calls_test, an_equal_value_changes_nothing) {
+    ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    take_calls();
+    const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    EXPECT_EQ(answer["items"][0]["outcome"], "unchanged");
+    EXPECT_THAT(take_calls(), IsEmpty());
+    EXPECT_THAT(audit.back(), HasSubstr("nothing to change"));
+}
+
+TEST_F(control_change_calls_test, bad_values_are_refused_by_name) {
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","value":500})",
+                   {"/cfg/gl/crypto/ssh/server/cmn/timeout", "500", "5 to 120"});
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","word":"soon"})", {"cmn/timeout", "\"soon\"", "a number"});
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","word":"99999999999999999999"})",
+                   {"99999999999999999999 is out of range", "5 to 120"});
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","value":30.5})", {"30.5", "whole number"});
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","value":[30]})", {"[30]", "a number"});
+    expect_refused(R"({"call":"set","path":"@cmn/timeout","value":null})", {"cmn/timeout", "use delete"});
+    expect_refused(R"({"call":"set","path":"@cmn/trustpoint/host","word":"a\nb"})", {"\"a\\x0ab\"", "character"});
+    expect_refused(R"({"call":"set","path":"@cmn/trustpoint/host","word":")" + std::string(500, 'x') + "\"}",
+                   {"too long", "1 to 127"});
+    expect_refused(R"({"call":"set","path":"@cmn/trustpoint/host","value":"a\u0000b"})", {"a\\x00b"});
+    expect_refused(R"({"call":"set","path":"@sshd/vrf/blue","word":"[null,\"a;b\"]"})", {"field 2 (ipv4_acl)", "a;b"});
+}
+
+TEST_F(control_change_calls_test, bad_paths_are_refused_by_name) {
+    expect_refused(R"({"call":"set","path":"@cmn/timeot","value":30})", {"cmn/timeot"});
+    expect_refused(R"({"call":"set","path":"","value":30})", {});
+    expect_refused(R"({"call":"set","path":"cmn/timeout","value":30})", {"cmn/timeout"});
+    expect_refused(R"({"call":"set","path":"/cfg/../etc/passwd","value":30})", {"/cfg/../etc/passwd"});
+    for (const char* name : {"a b", "a/b", "a'b", "a\\\"b", "a;b", "$(touch /tmp/x)", "`x`", "-a", ".a", "..", "ü",
+                             "a\\nb", "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"}) {
+        expect_refused(R"({"call":"set","path":"@sshd/vrf/)" + std::string(name) + R"(","value":[]})", {"sshd/vrf"});
+    }
+}
+
+TEST_F(control_change_calls_test, a_verifier_refuses_in_its_own_words) {
+    told.verify_results["cmn/timeout"] = EINVAL;
+    const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    EXPECT_EQ(answer["result"], "refused");
+    EXPECT_EQ(answer["path"], timeout_path);
+    EXPECT_THAT(answer.value("message", ""), HasSubstr("the verifier says no"));
+    EXPECT_EQ(stored(timeout_path), "none");
+    EXPECT_THAT(audit.back(), AllOf(HasSubstr("result:=refused"), HasSubstr("the verifier says no")));
+}
+
+TEST_F(control_change_calls_test, what_an_applier_could_not_do_is_a_warning) {
+    told.apply_results["cmn/timeout"] = ENOSPC;
+    const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    EXPECT_EQ(answer["result"], "done");
+    ASSERT_EQ(answer["warnings"].size(), 1U);
+    EXPECT_EQ(answer["warnings"][0]["path"], timeout_path);
+    EXPECT_EQ(stored(timeout_path), "45");
+    EXPECT_THAT(audit.back(), HasSubstr("not carried out: /cfg/gl/crypto/ssh/server/cmn/timeout"));
+}
+
+TEST_F(control_change_calls_test, delete_removes_an_item_or_a_subtree) {
+    ask(R"({"call":"load","items":{"@cmn/timeout":45,"@cmn/rate_limit":5,"@sshd/vrf/blue":[]}})");
+    EXPECT_EQ(result(R"({"call":"delete","path":"@cmn/timeout"})"), "done");
+    EXPECT_EQ(stored(timeout_path), "none");
+    EXPECT_EQ(ask(R"({"call":"delete","path":"@cmn/timeout"})")["result"], "no_data");
+    EXPECT_EQ(result(R"({"call":"delete","path":"@"})"), "done");
+    EXPECT_EQ(data(R"({"call":"dump"})"), "{}");
+}
+
+TEST_F(control_change_calls_test, load_is_all_or_nothing) {
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":45,"@cmn/rate_limit":5}})"), "done");
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":null,"@cmn/rate_limit":6,"@sshd/vrf/blue":[]}})"),
+              "done");
+    EXPECT_EQ(
+        data(R"({"call":"dump"})"),
+        R"({"/cfg/gl/crypto/ssh/server/cmn/rate_limit":6,"/cfg/gl/crypto/ssh/server/sshd/vrf/blue":[null,null,null]})");
+    take_calls();
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/rate_limit":7,"@cmn/timeout":500}})"), "refused");
+    EXPECT_THAT(take_calls(), IsEmpty());
+    EXPECT_EQ(stored(rate_path), "6");
+    EXPECT_EQ(result(R"({"call":"load","items":{}})"), "done");
+}
+
+TEST_F(control_change_calls_test, load_tells_all_mistakes_at_once) {
+    EXPECT_THAT(
+        message(R"({"call":"load","items":{"@cmn/timeout":500,"@cmn/rate_limit":5,"/nonsense":1,"@cmn/dscp":"x"}})"),
+        AllOf(HasSubstr("500 is out of range"), HasSubstr("/nonsense"), HasSubstr("\"x\" is not a number")));
+    std::string items;
+    for (int number = 0; number < 100; number++) {
+        items += (number == 0 ? "\"/nonsense" : ",\"/nonsense") + std::to_string(number) + "\":1";
+    }
+    const std::string many = message(R"({"call":"load","items":{)" + items + "}}");
+    EXPECT_EQ(std::count(many.begin(), many.end(), '\n'), 20);
+    EXPECT_THAT(many, HasSubstr("\n80 more items are refused"));
+}
+
+TEST_F(control_change_calls_test, a_check_verifies_and_changes_nothing) {
+    const control_json answer = ask(R"({"call":"load","check":true,"items":{"@cmn/timeout":45}})");
+    EXPECT_EQ(answer["result"], "done");
+    EXPECT_EQ(answer["check"], true);
+    EXPECT_EQ(answer["items"][0]["outcome"], "created");
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 45"));
+    EXPECT_EQ(stored(timeout_path), "none");
+    EXPECT_EQ(result(R"({"call":"load","check":true,"items":{"@cmn/timeout":500}})"), "refused");
+    EXPECT_THAT(audit, IsEmpty()) << "a check is no change";
+}
+
+TEST_F(control_change_calls_test, ten_thousand_items_load_in_one_commit) {
+    std::string items;
+    for (int number = 0; number < 10'000; number++) {
+        items += (number == 0 ? "\"@sshd/vrf/v" : ",\"@sshd/vrf/v") + std::to_string(number) + "\":[]";
+    }
+    EXPECT_EQ(ask(R"({"call":"load","items":{)" + items + "}}")["items"].size(), 10'000U);
+    EXPECT_EQ(ask(R"({"call":"dump"})")["data"].size(), 10'000U);
+    EXPECT_EQ(result(R"({"call":"delete","path":"@sshd/vrf/"})"), "done");
+}
+
+class control_store_failure_test : public control_change_calls_test {
+  protected:
+    void SetUp() override {
+        memory = {};
+        control_change_calls_test::SetUp();
+        datastore_close();
+        datastore_configure(&engine_in_memory, "memory");
+        ASSERT_EQ(datastore_open(), PLATFORM_OK);
+    }
+};
+
+TEST_F(control_store_failure_test, a_full_disk_is_a_failure_with_its_reason) {
+    memory.operations = 0;
+    memory.fail_at = 1;
+    const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    EXPECT_EQ(answer["result"], "failed");
+    EXPECT_THAT(answer.value("message", ""), HasSubstr("could not be stored"));
+    EXPECT_THAT(audit.back(), HasSubstr("result:=failed"));
+    memory.fail_at = 0;
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","value":45})"), "done");
+}
+
+}  // namespace

@@ -1,0 +1,147 @@
+#include <errno.h>
+
+#include <cstdlib>
+
+#include "platform/record_codec.h"
+#include "unit/linux/control/calls_support.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+struct session_record {
+    uint32_t id;
+    const char* user;
+};
+
+constexpr record_descriptor session = {"session", "control_test", "$1={SessionID}D{UserID}s;", "$1=Ds;"};
+
+void register_session() {
+    record_transaction* transaction = nullptr;
+    ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);
+    ASSERT_EQ(record_register(transaction, &session), PLATFORM_OK);
+    ASSERT_EQ(record_registration_end(transaction), PLATFORM_OK);
+}
+
+template <class answer_call>
+platform_status answer_session(datastore_read_request* request, const session_record& record, answer_call answer) {
+    void* encoded = nullptr;
+    size_t size = 0;
+    platform_status status = record_encode(&session, &record, &encoded, &size);
+    if (status == PLATFORM_OK) {
+        status = answer(request, &session, encoded, size);
+    }
+    free(encoded);
+    return status;
+}
+
+/// Answers with what the item's name says.
+platform_status provide(datastore_read_request* request, const char* item, void*) {
+    const std::string name = item;
+    if (name == "one") {
+        return answer_session(request, {7, "operator"}, datastore_request_set_record);
+    }
+    if (name == "list" || name == "empty") {
+        datastore_request_create_list(request);
+    }
+    if (name == "list") {
+        answer_session(request, {1, "a"}, datastore_request_add_record);
+        return answer_session(request, {2, "b"}, datastore_request_add_record);
+    }
+    if (name == "garbage") {
+        return datastore_request_set_record(request, &session, "x", 1);
+    }
+    if (name == "empty") {
+        return PLATFORM_OK;
+    }
+    if (name == "broken") {
+        return EIO;
+    }
+    return name == "nothing" ? DATASTORE_NOTHING_TO_ENCODE : DATASTORE_NO_DATA;
+}
+
+class control_read_calls_test : public control_test::calls_test {
+  protected:
+    void SetUp() override {
+        calls_test::SetUp();
+        ASSERT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":45,"@cmn/logging":true,"@sshd/vrf/blue":[null,"v4"],
+                             "@cmn/trustpoint/host":"corp-ca"}})"),
+                  "done");
+    }
+};
+
+TEST_F(control_read_calls_test, get_gives_the_value_as_it_is_set) {
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/logging"})"), "true");
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/trustpoint/host"})"), "\"corp-ca\"");
+    EXPECT_EQ(data(R"({"call":"get","path":"@sshd/vrf/blue"})"), R"([null,"v4",null])");
+}
+
+TEST_F(control_read_calls_test, get_tells_what_is_not_there_from_what_cannot_be) {
+    EXPECT_EQ(result(R"({"call":"get","path":"@cmn/dscp"})"), "no_data");
+    EXPECT_THAT(message(R"({"call":"get","path":"@cmn/dscp"})"), HasSubstr("cmn/dscp: not configured"));
+    EXPECT_EQ(result(R"({"call":"get","path":"@cmn/dscpp"})"), "refused");
+    EXPECT_THAT(message(R"({"call":"get","path":"@cmn/dscpp"})"), HasSubstr("cmn/dscpp"));
+}
+
+TEST_F(control_read_calls_test, list_gives_names) {
+    EXPECT_EQ(data(R"({"call":"list","path":"@cmn"})"), R"(["logging","timeout","trustpoint"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf/"})"), R"(["blue"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/"})"), R"(["cfg"])");
+    EXPECT_EQ(result(R"({"call":"list","path":"/nowhere"})"), "no_data");
+}
+
+TEST_F(control_read_calls_test, a_dump_can_be_loaded_again) {
+    const std::string dumped = data(R"({"call":"dump"})");
+    EXPECT_EQ(result(R"({"call":"delete","path":"/"})"), "done");
+    EXPECT_EQ(data(R"({"call":"dump"})"), "{}");
+    EXPECT_EQ(result(R"({"call":"load","items":)" + dumped + "}"), "done");
+    EXPECT_EQ(data(R"({"call":"dump"})"), dumped);
+}
+
+class control_show_test : public control_test::calls_test {
+  protected:
+    void SetUp() override {
+        calls_test::SetUp();
+        ASSERT_EQ(datastore_provider_register("/oper/test/", provide, nullptr, nullptr, &provider), PLATFORM_OK);
+    }
+    void TearDown() override {
+        EXPECT_EQ(datastore_provider_unregister(provider), PLATFORM_OK);
+        calls_test::TearDown();
+    }
+
+    datastore_provider* provider = nullptr;
+};
+
+TEST_F(control_show_test, gives_a_record_by_its_schemas_field_names) {
+    register_session();
+    EXPECT_EQ(data(R"({"call":"show","path":"/oper/test/one"})"), R"({"SessionID":7,"UserID":"operator"})");
+}
+
+TEST_F(control_show_test, gives_a_list_as_an_array) {
+    register_session();
+    EXPECT_EQ(data(R"({"call":"show","path":"/oper/test/list"})"),
+              R"([{"SessionID":1,"UserID":"a"},{"SessionID":2,"UserID":"b"}])");
+}
+
+TEST_F(control_show_test, names_the_record_so_that_it_can_be_laid_out) {
+    register_session();
+    EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/one"})").value("record", ""), "session");
+    EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/list"})").value("record", ""), "session");
+}
+
+TEST_F(control_show_test, tells_bytes_that_are_no_record) {
+    register_session();
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/garbage"})"), "failed");
+}
+
+TEST_F(control_show_test, without_data_says_so) {
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/empty"})"), "no_data");
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/nowhere/x"})"), "no_data");
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/x"})"), "no_data");
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/nothing"})"), "no_data");
+    EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/broken"})"), "failed");
+    EXPECT_THAT(message(R"({"call":"show","path":"/oper/test/broken"})"), HasSubstr("Input/output error"));
+}
+
+}  // namespace

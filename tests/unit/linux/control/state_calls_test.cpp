@@ -1,0 +1,81 @@
+#include <filesystem>
+
+#include "linux/process/process_internal.h"
+#include "linux/vrf/mpp_internal.h"
+#include "linux/vrf/vrf_internal.h"
+#include "platform/debug.h"
+#include "platform/trace.h"
+#include "unit/linux/control/calls_support.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class control_state_calls_test : public control_test::calls_test {};
+
+TEST_F(control_state_calls_test, vrfs_come_with_what_every_service_knows_of_them) {
+    uint32_t id = 0;
+    ASSERT_EQ(vrf_table_lookup("green", &id), PLATFORM_OK);
+    const control_json vrfs = ask(R"({"call":"vrf_list"})")["data"];
+    bool found = false;
+    for (const control_json& vrf : vrfs) {
+        EXPECT_THAT(control_json_text(vrf), HasSubstr("\"namespace\":"));
+        if (vrf["name"] == "green") {
+            found = true;
+            EXPECT_EQ(control_json_text(vrf), R"({"name":"green","id":)" + std::to_string(id) +
+                                                  R"(,"namespace":false,"ssh":false,"netconf":false,"blocked":false})");
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(control_state_calls_test, status_tells_of_the_process) {
+    const control_json status = ask(R"({"call":"status"})")["data"];
+    EXPECT_EQ(status["version"], control_version());
+    EXPECT_EQ(status["pid"], getpid());
+    EXPECT_EQ(status["role"], "primary");
+    EXPECT_TRUE(status["ready"].is_boolean());
+    EXPECT_TRUE(status["respawn_count"].is_number());
+    EXPECT_TRUE(status["uptime_seconds"].is_number());
+    EXPECT_TRUE(status["vrfs"].is_array());
+}
+
+TEST_F(control_state_calls_test, debug_flags_are_listed_and_switched) {
+    debug_flag_register("/debug/control_test/", 27, "control-flag", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL);
+    EXPECT_THAT(data(R"({"call":"debug"})"),
+                HasSubstr(R"({"name":"control-flag","on":false,"path":"/debug/control_test/)"));
+    EXPECT_EQ(result(R"({"call":"debug","flag":"control-flag","on":true})"), "done");
+    EXPECT_EQ(debug_flag_is_on(27), 1);
+    EXPECT_EQ(result(R"({"call":"debug","flag":"control-flag","on":false})"), "done");
+    EXPECT_EQ(debug_flag_is_on(27), 0);
+    EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=debug, result:=done, control-flag on",
+                                   "Control: uid:=1000, pid:=42, call:=debug, result:=done, control-flag off"));
+}
+
+TEST_F(control_state_calls_test, an_unknown_debug_flag_is_refused_with_those_there_are) {
+    debug_flag_register("/debug/control_test/", 27, "control-flag", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL);
+    EXPECT_EQ(result(R"({"call":"debug","flag":"x;y","on":true})"), "refused");
+    EXPECT_THAT(message(R"({"call":"debug","flag":"x;y","on":true})"),
+                AllOf(HasSubstr("no debug flag \"x;y\""), HasSubstr("control-flag")));
+    EXPECT_THAT(audit.back(), HasSubstr("result:=refused, x;y on"));
+}
+
+TEST_F(control_state_calls_test, traces_give_their_entries_in_order) {
+    trace_buffer* buffer = nullptr;
+    ASSERT_EQ(trace_buffer_create("test/control/calls", 10, 1000, &buffer), PLATFORM_OK);
+    const trace_argument arguments[] = {{"red", 0}, {nullptr, -7}};
+    trace_write(buffer, 18, arguments, 2);
+    trace_write(buffer, 19, nullptr, 0);
+    const control_json answer = ask(R"({"call":"trace","buffer":"calls"})");
+    ASSERT_EQ(answer["data"].size(), 2U);
+    EXPECT_EQ(answer["written"], 2);
+    EXPECT_EQ(answer["data"][0]["point"], 18);
+    EXPECT_EQ(control_json_text(answer["data"][0]["arguments"]), R"(["red",-7])");
+    EXPECT_THAT(answer["data"][0]["time"].get<std::string>(),
+                testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z"));
+    EXPECT_EQ(control_json_text(answer["data"][1]["arguments"]), "[]");
+    EXPECT_EQ(result(R"({"call":"trace","buffer":"nonsense"})"), "refused");
+}
+
+}  // namespace

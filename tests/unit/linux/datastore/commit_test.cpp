@@ -1,0 +1,310 @@
+#include <errno.h>
+
+#include "linux/datastore/datastore_internal.h"
+#include "unit/linux/datastore/datastore_fixture.h"
+
+namespace datastore_test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class datastore_commit_test : public served_datastore_test {};
+
+std::vector<std::string> outcomes(const datastore_commit_result& result) {
+    constexpr const char* names[] = {"unchanged", "created", "changed", "deleted"};
+    std::vector<std::string> lines;
+    for (const datastore_item_outcome& item : result.items) {
+        lines.push_back(std::string(names[static_cast<size_t>(item.outcome)]) + " " +
+                        item.path.substr(strlen(server_path)));
+    }
+    return lines;
+}
+
+TEST_F(datastore_commit_test, delivers_creation_change_and_removal) {
+    EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 30", "apply 3 cmn/timeout - -> 30"));
+    EXPECT_EQ(set(timeout_path, number(45)).status, PLATFORM_OK);
+    EXPECT_THAT(take_calls(), ElementsAre("verify 2 cmn/timeout 30 -> 45", "apply 2 cmn/timeout 30 -> 45"));
+    EXPECT_EQ(erase(timeout_path).status, PLATFORM_OK);
+    EXPECT_THAT(take_calls(), ElementsAre("verify 4 cmn/timeout 45 -> -", "apply 4 cmn/timeout 45 -> -"));
+    EXPECT_EQ(stored(timeout_path), "none");
+}
+
+TEST_F(datastore_commit_test, asks_all_verifiers_then_runs_all_appliers_in_byte_order) {
+    const datastore_commit_result result =
+        datastore_commit({{vrf_path, datastore_fields()}, {timeout_path, number(30)}, {rate_path, number(10)}}, false);
+    EXPECT_EQ(result.status, PLATFORM_OK);
+    EXPECT_THAT(outcomes(result),
+                ElementsAre("created cmn/rate_limit", "created cmn/timeout", "created sshd/vrf/blue"));
+    std::vector<std::string> order;
+    for (const std::string& call : take_calls()) {
+        order.push_back(call.substr(0, call.find(' ', call.find('/'))));
+    }
+    EXPECT_THAT(order, ElementsAre("verify 3 cmn/rate_limit", "verify 3 cmn/timeout", "verify 3 sshd/vrf/blue",
+                                   "apply 3 cmn/rate_limit", "apply 3 cmn/timeout", "apply 3 sshd/vrf/blue"));
+}
+
+TEST_F(datastore_commit_test, an_item_reads_as_the_commit_would_have_it_while_verifiers_are_asked) {
+    set(timeout_path, number(30));
+    set(rate_path, number(10));
+    const auto read = [this](const char* item) -> std::string {
+        uint32_t value = 0;
+        const platform_status status = datastore_item_get(server, item, &value, sizeof value, nullptr);
+        return status == PLATFORM_OK ? std::to_string(value) : status == DATASTORE_NO_SUCH_ITEM ? "none" : "failure";
+    };
+    std::vector<std::string> seen;
+    told.in_verify = [&] { seen.push_back(read("cmn/timeout") + " " + read("cmn/rate_limit")); };
+    EXPECT_EQ(datastore_commit({{timeout_path, number(45)}, {rate_path, std::nullopt}}, true).status, PLATFORM_OK);
+    EXPECT_THAT(seen, ElementsAre("45 none", "45 none"));
+    // Checking has changed nothing, and neither does a refusal.
+    EXPECT_EQ(read("cmn/timeout") + " " + read("cmn/rate_limit"), "30 10");
+    told.verify_results["cmn/timeout"] = EINVAL;
+    EXPECT_EQ(set(timeout_path, number(60)).status, platform_status{EINVAL});
+    EXPECT_EQ(seen.back(), "60 10");
+    EXPECT_EQ(read("cmn/timeout"), "30");
+}
+
+TEST_F(datastore_commit_test, stores_before_it_applies) {
+    std::string seen;
+    told.in_apply = [&] { seen = stored(timeout_path); };
+    set(timeout_path, number(30));
+    EXPECT_EQ(seen, "30");
+}
+
+TEST_F(datastore_commit_test, calls_nothing_for_an_equal_value) {
+    set(timeout_path, number(30));
+    take_calls();
+    const datastore_commit_result result =
+        datastore_commit({{timeout_path, number(30)}, {rate_path, number(5)}}, false);
+    EXPECT_THAT(outcomes(result), ElementsAre("created cmn/rate_limit", "unchanged cmn/timeout"));
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/rate_limit - -> 5", "apply 3 cmn/rate_limit - -> 5"));
+    EXPECT_THAT(outcomes(set(timeout_path, number(30))), ElementsAre("unchanged cmn/timeout"));
+    EXPECT_THAT(take_calls(), IsEmpty());
+}
+
+TEST_F(datastore_commit_test, refuses_by_the_schema_before_any_verifier_runs) {
+    const datastore_commit_result result =
+        datastore_commit({{rate_path, number(10)}, {timeout_path, number(500)}}, false);
+    EXPECT_EQ(result.status, platform_status{EINVAL});
+    EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
+    EXPECT_EQ(result.path, timeout_path);
+    EXPECT_EQ(result.message,
+              "/cfg/gl/crypto/ssh/server/cmn/timeout: 500 is out of range; expected a number from 5 to 120 (seconds, "
+              "login grace time)");
+    EXPECT_THAT(result.items, IsEmpty());
+    EXPECT_THAT(take_calls(), IsEmpty());
+    EXPECT_EQ(stored(rate_path), "none");
+}
+
+TEST_F(datastore_commit_test, refuses_an_unknown_path) {
+    const datastore_commit_result result = set("/cfg/gl/crypto/ssh/server/cmn/timeouts", number(30));
+    EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
+    EXPECT_THAT(result.message, HasSubstr("the nearest one is /cfg/gl/crypto/ssh/server/cmn/timeout"));
+    EXPECT_EQ(erase("/cfg/nothing").refused_by, datastore_refused_by::schema);
+    EXPECT_EQ(erase("").refused_by, datastore_refused_by::schema);
+    EXPECT_EQ(set("/cfg/gl/crypto/ssh/server/cmn/", number(1)).refused_by, datastore_refused_by::schema);
+}
+
+TEST_F(datastore_commit_test, refuses_by_a_verifier_and_stores_nothing) {
+    told.verify_results["cmn/timeout"] = EPERM;
+    const datastore_commit_result result =
+        datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
+    EXPECT_EQ(result.status, platform_status{EPERM});
+    EXPECT_EQ(result.refused_by, datastore_refused_by::verifier);
+    EXPECT_EQ(result.path, timeout_path);
+    EXPECT_EQ(result.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: the verifier says no");
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/rate_limit - -> 10", "verify 3 cmn/timeout - -> 30"));
+    EXPECT_EQ(stored(rate_path), "none");
+    EXPECT_EQ(stored(timeout_path), "none");
+}
+
+TEST_F(datastore_commit_test, tells_a_refusal_without_a_text_by_its_status) {
+    told.verify_results["cmn/timeout"] = EPERM;
+    told.refusal.clear();
+    EXPECT_EQ(set(timeout_path, number(30)).message,
+              "/cfg/gl/crypto/ssh/server/cmn/timeout: refused by the agent: Operation not permitted");
+}
+
+TEST_F(datastore_commit_test, takes_a_verifier_that_accepts_nothing_for_a_refusal) {
+    told.verify_results["cmn/timeout"] = PLATFORM_OK;
+    EXPECT_EQ(set(timeout_path, number(30)).status, platform_status{EINVAL});
+    EXPECT_EQ(stored(timeout_path), "none");
+}
+
+TEST_F(datastore_commit_test, says_which_items_are_not_served) {
+    told.verify_results["cmn/timeout"] = DATASTORE_NO_HANDLER;
+    const datastore_commit_result dispatched = set(timeout_path, number(30));
+    EXPECT_EQ(dispatched.status, platform_status{DATASTORE_NO_HANDLER});
+    EXPECT_EQ(dispatched.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: this item is not served by this version");
+    const datastore_commit_result unbound = set("/cfg/gl/crypto/ssh/client/dscp", number(3));
+    EXPECT_EQ(unbound.refused_by, datastore_refused_by::verifier);
+    EXPECT_EQ(unbound.message, "/cfg/gl/crypto/ssh/client/dscp: this item is not served by this version");
+    EXPECT_EQ(stored("/cfg/gl/crypto/ssh/client/dscp"), "none");
+}
+
+TEST_F(datastore_commit_test, keeps_what_an_applier_could_not_carry_out_and_warns) {
+    told.apply_results["cmn/rate_limit"] = 1;
+    const datastore_commit_result result =
+        datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
+    EXPECT_EQ(result.status, PLATFORM_OK);
+    ASSERT_EQ(result.warnings.size(), 1u);
+    EXPECT_EQ(result.warnings[0].path, rate_path);
+    EXPECT_EQ(result.warnings[0].message,
+              "/cfg/gl/crypto/ssh/server/cmn/rate_limit: stored, but the agent could not carry it out (0x1); its log "
+              "says why");
+    EXPECT_EQ(stored(rate_path), "10");
+    EXPECT_EQ(stored(timeout_path), "30");
+    EXPECT_EQ(take_calls().back(), "apply 3 cmn/timeout - -> 30");
+}
+
+TEST_F(datastore_commit_test, checks_without_changing_anything) {
+    set(timeout_path, number(30));
+    take_calls();
+    const datastore_commit_result result =
+        datastore_commit({{timeout_path, number(31)}, {rate_path, number(10)}}, true);
+    EXPECT_EQ(result.status, PLATFORM_OK);
+    EXPECT_THAT(outcomes(result), ElementsAre("created cmn/rate_limit", "changed cmn/timeout"));
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/rate_limit - -> 10", "verify 2 cmn/timeout 30 -> 31"));
+    EXPECT_EQ(stored(timeout_path), "30");
+    EXPECT_EQ(stored(rate_path), "none");
+    told.verify_results["cmn/timeout"] = EINVAL;
+    EXPECT_EQ(datastore_commit({{timeout_path, number(31)}}, true).refused_by, datastore_refused_by::verifier);
+}
+
+TEST_F(datastore_commit_test, refuses_to_delete_what_is_not_there) {
+    const datastore_commit_result result = erase(timeout_path);
+    EXPECT_EQ(result.status, platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(result.refused_by, datastore_refused_by::absent);
+    EXPECT_EQ(result.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: there is no such item to delete");
+}
+
+TEST_F(datastore_commit_test, refuses_an_item_that_is_named_twice) {
+    const datastore_commit_result result =
+        datastore_commit({{timeout_path, number(30)}, {timeout_path, std::nullopt}}, false);
+    EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
+    EXPECT_THAT(result.message, HasSubstr("named twice in one commit"));
+    EXPECT_EQ(stored(timeout_path), "none");
+}
+
+TEST_F(datastore_commit_test, deletes_everything_below_a_path) {
+    datastore_commit({{timeout_path, number(30)}, {rate_path, number(10)}, {vrf_path, datastore_fields()}}, false);
+    take_calls();
+    EXPECT_THAT(outcomes(erase("/cfg/gl/crypto/ssh/server/cmn/")),
+                ElementsAre("deleted cmn/rate_limit", "deleted cmn/timeout"));
+    EXPECT_THAT(take_calls(), ElementsAre("verify 4 cmn/rate_limit 10 -> -", "verify 4 cmn/timeout 30 -> -",
+                                          "apply 4 cmn/rate_limit 10 -> -", "apply 4 cmn/timeout 30 -> -"));
+    EXPECT_EQ(stored(vrf_path), "[null, null, null]");
+    const datastore_commit_result again = erase("/cfg/gl/crypto/ssh/server/cmn/");
+    EXPECT_EQ(again.status, platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_THAT(again.message, HasSubstr("there is nothing below it to delete"));
+}
+
+TEST_F(datastore_commit_test, replaces_a_subtree_by_what_the_commit_names) {
+    datastore_commit({{timeout_path, number(30)}, {rate_path, number(10)}, {limit_path, number(5)}}, false);
+    take_calls();
+    const datastore_commit_result result =
+        datastore_commit({{server_path, std::nullopt}, {timeout_path, number(31)}, {rate_path, number(10)}}, false);
+    EXPECT_THAT(outcomes(result),
+                ElementsAre("unchanged cmn/rate_limit", "deleted cmn/session_limit", "changed cmn/timeout"));
+}
+
+TEST_F(datastore_commit_test, is_refused_from_within_a_handler) {
+    datastore_commit_result inner;
+    told.in_apply = [&] { inner = set(rate_path, number(10)); };
+    EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
+    EXPECT_EQ(inner.status, platform_status{EBUSY});
+    EXPECT_EQ(inner.refused_by, datastore_refused_by::busy);
+    EXPECT_EQ(stored(rate_path), "none");
+    told.in_apply = nullptr;
+    EXPECT_EQ(set(rate_path, number(10)).status, PLATFORM_OK);
+}
+
+TEST_F(datastore_commit_test, notifies_after_the_appliers) {
+    ASSERT_EQ(datastore_register_notification(server, "cmn/timeout", 7, recorder::on_notification, nullptr, &told),
+              PLATFORM_OK);
+    datastore_commit({{timeout_path, number(30)}, {vrf_path, datastore_fields()}}, false);
+    EXPECT_EQ(take_calls().back(), "notify 3 cmn/timeout 30");
+    erase(timeout_path);
+    EXPECT_EQ(take_calls().back(), "notify 4 cmn/timeout -");
+    datastore_commit({{timeout_path, number(30)}}, true);
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 30"));
+}
+
+TEST_F(datastore_commit_test, survives_a_reopening) {
+    datastore_commit({{timeout_path, number(30)}, {vrf_path, datastore_fields{std::nullopt, std::string("v4")}}},
+                     false);
+    reopen();
+    EXPECT_EQ(stored(timeout_path), "30");
+    EXPECT_EQ(stored(vrf_path), "[null, \"v4\", null]");
+}
+
+TEST_F(datastore_commit_test, is_refused_without_a_database) {
+    datastore_close();
+    const datastore_commit_result result = set(timeout_path, number(30));
+    EXPECT_EQ(result.status, platform_status{DATASTORE_UNAVAILABLE});
+    EXPECT_EQ(result.refused_by, datastore_refused_by::store);
+    EXPECT_EQ(stored(timeout_path), "unreadable");
+}
+
+/// On an engine that can be told to fail.
+class datastore_commit_failure_test : public served_datastore_test {
+  protected:
+    void SetUp() override {
+        memory = {};
+        served_datastore_test::SetUp();
+        datastore_close();
+        datastore_configure(&engine_in_memory, "memory");
+        ASSERT_EQ(datastore_open(), PLATFORM_OK);
+    }
+    void fail_at(uint32_t operation) {
+        memory.operations = 0;
+        memory.fail_at = operation;
+    }
+};
+
+void expect_refused_by_the_store(const datastore_commit_result& result, uint32_t operation) {
+    EXPECT_NE(result.status, PLATFORM_OK) << operation;
+    EXPECT_EQ(result.refused_by, datastore_refused_by::store) << operation;
+    EXPECT_EQ(result.message,
+              "the configuration could not be stored in memory: told to fail; nothing has been changed");
+    EXPECT_THAT(result.items, IsEmpty()) << operation;
+}
+
+TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_store_fails) {
+    set(timeout_path, number(30));
+    take_calls();
+    const auto before = memory.items;
+    // Begin, two puts, one erase, commit.
+    for (uint32_t operation = 1; operation <= 5; operation++) {
+        fail_at(operation);
+        expect_refused_by_the_store(
+            datastore_commit({{rate_path, number(10)}, {limit_path, number(5)}, {timeout_path, std::nullopt}}, false),
+            operation);
+        EXPECT_EQ(memory.items, before) << operation;
+        EXPECT_THAT(take_calls(), testing::Each(testing::StartsWith("verify"))) << operation;
+    }
+    fail_at(0);
+    EXPECT_EQ(datastore_commit({{rate_path, number(10)}, {timeout_path, std::nullopt}}, false).status, PLATFORM_OK);
+}
+
+TEST_F(datastore_commit_failure_test, reports_the_failure_of_a_single_change) {
+    fail_at(1);
+    EXPECT_EQ(set(timeout_path, number(30)).refused_by, datastore_refused_by::store);
+    EXPECT_EQ(stored(timeout_path), "none");
+    EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
+}
+
+TEST_F(datastore_commit_failure_test, deletes_an_item_that_the_schema_does_not_know_without_asking_anybody) {
+    memory.items["/cfg/gl/crypto/ssh/server/old"] = {DATASTORE_VALUE_NUMBER, "1234"};
+    EXPECT_EQ(erase("/cfg/gl/crypto/ssh/server/old").status, PLATFORM_OK);
+    EXPECT_THAT(take_calls(), IsEmpty());
+    EXPECT_TRUE(memory.items.empty());
+    memory.items["/cfg/gl/crypto/ssh/server/old"] = {DATASTORE_VALUE_NUMBER, "1234"};
+    EXPECT_EQ(erase(server_path).status, PLATFORM_OK);
+    EXPECT_TRUE(memory.items.empty());
+}
+
+}  // namespace
+}  // namespace datastore_test

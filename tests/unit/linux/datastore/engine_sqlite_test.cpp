@@ -1,0 +1,324 @@
+#include <errno.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "linux/datastore/state.h"
+#include "scratch_root.h"
+#include "unit/linux/datastore/datastore_fixture.h"
+
+namespace datastore_test {
+namespace {
+
+using testing::HasSubstr;
+
+const datastore_engine& engine = datastore_engine_sqlite;
+
+class datastore_engine_sqlite_test : public testing::Test {
+  protected:
+    void TearDown() override { close(); }
+
+    platform_status open() { return engine.open(path.c_str(), &store, reason); }
+    void close() {
+        if (store != nullptr) {
+            engine.close(std::exchange(store, nullptr));
+        }
+    }
+
+    /// A database with a few items in it, closed.
+    void make_database() {
+        ASSERT_EQ(open(), PLATFORM_OK) << reason;
+        for (const char* key : {"/a", "/b", "/c"}) {
+            ASSERT_EQ(engine.put(store, key, {DATASTORE_VALUE_TEXT, std::string(400, 'v') + '\0'}), PLATFORM_OK);
+        }
+        close();
+    }
+
+    /// Lets SQLite's own tool do something with the closed database.
+    void with_sqlite(const char* statements) {
+        sqlite3* database = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database, statements, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(database);
+        sqlite3_close(database);
+    }
+
+    std::string contents() const {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    }
+    void overwrite(const std::string& bytes) const { std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes; }
+
+    /// Opening fails, says why and leaves the file as it is.
+    void expect_refused(platform_status status, const char* words) {
+        const std::string before = contents();
+        EXPECT_EQ(open(), status);
+        EXPECT_EQ(store, nullptr);
+        EXPECT_THAT(reason, HasSubstr(words));
+        EXPECT_EQ(contents(), before);
+    }
+
+    scratch_folder folder;
+    std::string path = folder / "data/datastore.db";
+    void* store = nullptr;
+    std::string reason;
+};
+
+std::string value_of(void* store, const char* key) {
+    datastore_stored value;
+    const platform_status status = engine.get(store, key, value);
+    return status == PLATFORM_OK ? value.bytes : platform_status_text(status);
+}
+
+TEST_F(datastore_engine_sqlite_test, makes_a_database_that_only_its_owner_can_read) {
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    struct stat info;
+    ASSERT_EQ(stat((folder / "data").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0700u);
+    ASSERT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    engine.put(store, "/a", {1, "x"});
+    ASSERT_EQ(stat((path + "-wal").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600u);
+    EXPECT_NE(stat((path + ".new").c_str(), &info), 0);
+}
+
+TEST_F(datastore_engine_sqlite_test, keeps_the_pragmas_that_durability_rests_on) {
+    ASSERT_EQ(open(), PLATFORM_OK);
+    // The connection is the store's first member.
+    auto* database = *static_cast<sqlite3**>(store);
+    const auto ask = [&](const char* statement) {
+        std::string answer;
+        sqlite3_exec(
+            database, statement,
+            [](void* out, int, char** columns, char**) {
+                *static_cast<std::string*>(out) = columns[0];
+                return 0;
+            },
+            &answer, nullptr);
+        return answer;
+    };
+    EXPECT_EQ(ask("PRAGMA journal_mode"), "wal");
+    EXPECT_EQ(ask("PRAGMA synchronous"), "2");
+    EXPECT_EQ(ask("PRAGMA locking_mode"), "exclusive");
+}
+
+TEST_F(datastore_engine_sqlite_test, keeps_items_with_their_kinds_and_bytes) {
+    ASSERT_EQ(open(), PLATFORM_OK);
+    const datastore_stored given = {DATASTORE_VALUE_TUPLE, std::string("\0\1\xff", 3)};
+    EXPECT_EQ(engine.put(store, "/a", given), PLATFORM_OK);
+    close();
+    ASSERT_EQ(open(), PLATFORM_OK);
+    datastore_stored found;
+    EXPECT_EQ(engine.get(store, "/a", found), PLATFORM_OK);
+    EXPECT_EQ(found, given);
+    EXPECT_EQ(engine.put(store, "/a", {DATASTORE_VALUE_NUMBER, "1234"}), PLATFORM_OK);
+    EXPECT_EQ(value_of(store, "/a"), "1234");
+    EXPECT_EQ(engine.erase(store, "/a"), PLATFORM_OK);
+    EXPECT_EQ(engine.erase(store, "/a"), PLATFORM_OK);
+    EXPECT_EQ(engine.get(store, "/a", found), platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(found, given);
+}
+
+TEST_F(datastore_engine_sqlite_test, goes_through_the_items_in_byte_order) {
+    ASSERT_EQ(open(), PLATFORM_OK);
+    for (const char* key : {"/b", "/a/b", "/a-b", "/B", "/a", "/\xff"}) {
+        engine.put(store, key, {1, "x"});
+    }
+    std::vector<std::string> keys;
+    std::string key;
+    datastore_stored value;
+    while (engine.next(store, key, false, key, value) == PLATFORM_OK) {
+        keys.push_back(key);
+    }
+    EXPECT_THAT(keys, testing::ElementsAre("/B", "/a", "/a-b", "/a/b", "/b", "/\xff"));
+    EXPECT_EQ(engine.next(store, "/a", true, key, value), PLATFORM_OK);
+    EXPECT_EQ(key, "/a");
+    EXPECT_EQ(engine.next(store, "/a0", true, key, value), PLATFORM_OK);
+    EXPECT_EQ(key, "/b");
+}
+
+TEST_F(datastore_engine_sqlite_test, takes_a_transaction_back) {
+    make_database();
+    ASSERT_EQ(open(), PLATFORM_OK);
+    EXPECT_EQ(engine.begin(store), PLATFORM_OK);
+    engine.put(store, "/d", {1, "x"});
+    engine.erase(store, "/a");
+    engine.rollback(store);
+    engine.rollback(store);
+    EXPECT_EQ(value_of(store, "/d"), "No such item");
+    EXPECT_NE(value_of(store, "/a"), "No such item");
+    EXPECT_EQ(engine.begin(store), PLATFORM_OK);
+    engine.put(store, "/d", {1, "x"});
+    EXPECT_EQ(engine.commit(store), PLATFORM_OK);
+    engine.rollback(store);
+    EXPECT_EQ(value_of(store, "/d"), "x");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_an_empty_file) {
+    make_database();
+    overwrite("");
+    expect_refused(EUCLEAN, "the file is empty");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_file_that_is_no_database) {
+    make_database();
+    overwrite(std::string(20000, 'x'));
+    expect_refused(EUCLEAN, "not a database");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_another_programs_database) {
+    std::filesystem::create_directory(folder / "data");
+    with_sqlite("CREATE TABLE theirs (x)");
+    expect_refused(EUCLEAN, "another program's");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_newer_versions_database) {
+    make_database();
+    with_sqlite("PRAGMA user_version = 2");
+    expect_refused(EUCLEAN, "of another version of this program (found \"2\", expected \"1\")");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_its_table) {
+    make_database();
+    with_sqlite("DROP TABLE item");
+    EXPECT_NE(open(), PLATFORM_OK);
+    EXPECT_THAT(reason, HasSubstr("no such table"));
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_damaged_page) {
+    make_database();
+    std::string bytes = contents();
+    ASSERT_GE(bytes.size(), 8192u);
+    for (size_t i = 4096; i < 4096 + 200; i++) {
+        bytes[i] = 'x';
+    }
+    overwrite(bytes);
+    expect_refused(EUCLEAN, "");
+    EXPECT_NE(reason, "");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_database_that_has_been_cut_off) {
+    make_database();
+    overwrite(contents().substr(0, 4096));
+    expect_refused(EUCLEAN, "");
+    EXPECT_NE(reason, "");
+    overwrite(contents().substr(0, 50));
+    expect_refused(EUCLEAN, "");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_log_without_its_database) {
+    ASSERT_EQ(open(), PLATFORM_OK);
+    engine.put(store, "/a", {1, "x"});
+    std::filesystem::copy_file(path + "-wal", folder / "wal");
+    close();
+    std::filesystem::remove(path);
+    std::filesystem::rename(folder / "wal", path + "-wal");
+    EXPECT_EQ(open(), platform_status{EUCLEAN});
+    EXPECT_THAT(reason, HasSubstr("the file is missing, but its log"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_what_is_no_file) {
+    std::filesystem::create_directories(path);
+    EXPECT_EQ(open(), platform_status{EUCLEAN});
+    EXPECT_EQ(reason, "it is not a regular file");
+}
+
+TEST_F(datastore_engine_sqlite_test, tells_why_the_folder_cannot_be_made) {
+    path = folder / "file/datastore.db";
+    std::ofstream(folder / "file") << "x";
+    EXPECT_EQ(open(), platform_status{ENOTDIR});
+    EXPECT_THAT(reason, HasSubstr("Not a directory"));
+    path = "/nowhere/at/all/datastore.db";
+    EXPECT_EQ(open(), platform_status{ENOENT});
+    EXPECT_THAT(reason, HasSubstr("the folder /nowhere/at/all cannot be created"));
+}
+
+/// Opens in a child process, there as the user nobody if wanted, and returns status and reason.
+std::string open_elsewhere(const std::string& path, bool as_nobody) {
+    int answer[2];
+    EXPECT_EQ(pipe(answer), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (as_nobody && setuid(65534) != 0) {
+            _exit(1);
+        }
+        void* store = nullptr;
+        std::string reason;
+        const platform_status status = engine.open(path.c_str(), &store, reason);
+        const std::string text = text_format("%u %s", status, reason.c_str());
+        _exit(write(answer[1], text.data(), text.size()) < 0 ? 1 : 0);
+    }
+    close(answer[1]);
+    char text[512] = "";
+    const ssize_t size = read(answer[0], text, sizeof text - 1);
+    close(answer[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_second_process) {
+    ASSERT_EQ(open(), PLATFORM_OK);
+    EXPECT_EQ(open_elsewhere(path, false),
+              text_format("%d another process is using the database; is a second agent running?", EBUSY));
+    close();
+    EXPECT_EQ(open_elsewhere(path, false), "0 ");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_what_it_may_not_read_or_write) {
+    make_database();
+    std::filesystem::permissions(folder.path(), std::filesystem::perms(0755));
+    EXPECT_THAT(open_elsewhere(path, true), HasSubstr("Permission denied"));
+    std::filesystem::permissions(folder / "data", std::filesystem::perms(0755));
+    EXPECT_THAT(open_elsewhere(path, true), HasSubstr("Permission denied"));
+    std::filesystem::permissions(path, std::filesystem::perms(0644));
+    EXPECT_EQ(open_elsewhere(path, true), text_format("%d the file is not writable", EACCES));
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_read_only_file_system) {
+    make_database();
+    scratch_root::set_read_only(folder / "data", true);
+    EXPECT_NE(open(), PLATFORM_OK);
+    EXPECT_NE(reason, "");
+    EXPECT_EQ(store, nullptr);
+    scratch_root::set_read_only(folder / "data", false);
+    EXPECT_EQ(open(), PLATFORM_OK) << reason;
+}
+
+TEST_F(datastore_engine_sqlite_test, gets_over_a_first_start_that_was_interrupted) {
+    std::filesystem::create_directory(folder / "data");
+    std::ofstream(path + ".new") << "half a database";
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+TEST_F(datastore_engine_sqlite_test, tells_a_full_disk_and_goes_on_when_there_is_room_again) {
+    make_database();
+    scratch_root::limit_space(folder / "data", 512U * 1024);
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    const std::string filler = folder / "data/filler";
+    std::ofstream(filler) << std::string(2U * 1024 * 1024, 'x');
+    EXPECT_EQ(engine.put(store, "/big", {3, std::string(20000, 'b')}), platform_status{ENOSPC});
+    EXPECT_THAT(engine.reason(store), HasSubstr("full"));
+    EXPECT_NE(value_of(store, "/a"), "No such item");
+    EXPECT_EQ(engine.begin(store), PLATFORM_OK);
+    engine.put(store, "/c", {3, "changed"});
+    EXPECT_EQ(engine.put(store, "/big", {3, std::string(2000, 'b')}), PLATFORM_OK);
+    EXPECT_EQ(engine.commit(store), platform_status{ENOSPC});
+    engine.rollback(store);
+    EXPECT_NE(value_of(store, "/c"), "changed");
+    std::filesystem::remove(filler);
+    EXPECT_EQ(engine.put(store, "/big", {3, std::string(20000, 'b')}), PLATFORM_OK);
+    close();
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    EXPECT_EQ(value_of(store, "/big").size(), 20000u);
+    EXPECT_EQ(value_of(store, "/c").size(), 401u);
+}
+
+}  // namespace
+}  // namespace datastore_test

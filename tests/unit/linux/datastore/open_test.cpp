@@ -1,0 +1,109 @@
+#include <errno.h>
+#include <sys/stat.h>
+
+#include "unit/linux/datastore/datastore_fixture.h"
+
+namespace datastore_test {
+namespace {
+
+using testing::HasSubstr;
+
+class datastore_open_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        memory = {};
+        datastore_configure(&engine_in_memory, "/somewhere/datastore.db");
+    }
+    void TearDown() override { datastore_close(); }
+
+    static platform_status open(std::string& message) {
+        testing::internal::CaptureStderr();
+        const platform_status status = datastore_open();
+        message = testing::internal::GetCapturedStderr();
+        return status;
+    }
+};
+
+TEST_F(datastore_open_test, opens_once) {
+    std::string message;
+    EXPECT_EQ(open(message), PLATFORM_OK);
+    EXPECT_EQ(message, "");
+    memory.open_result = EIO;
+    EXPECT_EQ(open(message), PLATFORM_OK);
+}
+
+TEST_F(datastore_open_test, says_what_is_wrong_and_fails) {
+    std::string message;
+    memory.open_result = EIO;
+    EXPECT_EQ(open(message), platform_status{EIO});
+    EXPECT_THAT(message,
+                HasSubstr("ssh_cfg_agent: The configuration database /somewhere/datastore.db cannot be used: told so. "
+                          "Nothing has been changed; repair it, or restore it from a backup"));
+}
+
+TEST_F(datastore_open_test, lets_a_binding_fail_without_a_database) {
+    memory.open_result = EACCES;
+    testing::internal::CaptureStderr();
+    datastore_binding* binding = nullptr;
+    EXPECT_EQ(datastore_bind(server_path, &binding), platform_status{EACCES});
+    EXPECT_EQ(binding, nullptr);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(datastore_open_test, refuses_a_value_that_does_not_have_its_form) {
+    memory.items[timeout_path] = {DATASTORE_VALUE_NUMBER, "short"};
+    std::string message;
+    EXPECT_EQ(open(message), platform_status{EUCLEAN});
+    EXPECT_THAT(message, HasSubstr("the value of /cfg/gl/crypto/ssh/server/cmn/timeout is damaged"));
+    EXPECT_EQ(set(timeout_path, number(30)).status, platform_status{DATASTORE_UNAVAILABLE});
+    memory.items[timeout_path] = {DATASTORE_VALUE_TEXT, std::string("30\0", 3)};
+    EXPECT_EQ(open(message), platform_status{EUCLEAN});
+}
+
+TEST_F(datastore_open_test, keeps_an_item_that_a_newer_version_has_left) {
+    memory.items["/cfg/gl/crypto/ssh/server/cmn/future"] = {DATASTORE_VALUE_NUMBER, "1234"};
+    std::string message;
+    EXPECT_EQ(open(message), PLATFORM_OK);
+    EXPECT_EQ(memory.items.size(), 1u);
+}
+
+TEST_F(datastore_open_test, keeps_what_services_give_it) {
+    ASSERT_EQ(datastore_open(), PLATFORM_OK);
+    std::string bytes;
+    std::string key;
+    EXPECT_EQ(datastore_private_get("vrf/blue", bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(datastore_private_put("vrf/red", std::string_view("\0\1", 2)), PLATFORM_OK);
+    EXPECT_EQ(datastore_private_put("vrf/blue", "2"), PLATFORM_OK);
+    EXPECT_EQ(datastore_private_put("vrg", "3"), PLATFORM_OK);
+    EXPECT_EQ(datastore_private_get("vrf/red", bytes), PLATFORM_OK);
+    EXPECT_EQ(bytes, std::string("\0\1", 2));
+    EXPECT_EQ(datastore_private_next("vrf/", "", key, bytes), PLATFORM_OK);
+    EXPECT_EQ(key, "vrf/blue");
+    EXPECT_EQ(datastore_private_next("vrf/", key, key, bytes), PLATFORM_OK);
+    EXPECT_EQ(key, "vrf/red");
+    EXPECT_EQ(datastore_private_next("vrf/", key, key, bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(datastore_private_delete("vrf/red"), PLATFORM_OK);
+    EXPECT_EQ(datastore_private_get("vrf/red", bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
+}
+
+TEST_F(datastore_open_test, keeps_services_out_of_the_configuration) {
+    ASSERT_EQ(datastore_open(), PLATFORM_OK);
+    std::string bytes;
+    std::string key;
+    EXPECT_EQ(datastore_private_put("/cfg/x", "1"), platform_status{EINVAL});
+    EXPECT_EQ(datastore_private_put("", "1"), platform_status{EINVAL});
+    EXPECT_EQ(datastore_private_get("/cfg/x", bytes), platform_status{EINVAL});
+    EXPECT_EQ(datastore_private_delete("/cfg/x"), platform_status{EINVAL});
+    EXPECT_EQ(datastore_private_next("", "", key, bytes), platform_status{EINVAL});
+    EXPECT_TRUE(memory.items.empty());
+}
+
+TEST_F(datastore_open_test, has_nothing_for_services_without_a_database) {
+    std::string bytes;
+    EXPECT_EQ(datastore_private_put("vrf/blue", "1"), platform_status{DATASTORE_UNAVAILABLE});
+    EXPECT_EQ(datastore_private_get("vrf/blue", bytes), platform_status{DATASTORE_UNAVAILABLE});
+    EXPECT_EQ(datastore_private_delete("vrf/blue"), platform_status{DATASTORE_UNAVAILABLE});
+}
+
+}  // namespace
+}  // namespace datastore_test

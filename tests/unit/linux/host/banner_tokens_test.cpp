@@ -1,0 +1,52 @@
+#include "linux/host/banner_tokens.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "unit/linux/platform_test_support.h"
+
+namespace {
+
+void name_host(const std::string& name) {
+    ASSERT_EQ(0, sethostname(name.data(), name.size()));
+}
+
+TEST(banner_tokens, stand_for_the_routers_names) {
+    name_host("edge1.example.net");
+    EXPECT_EQ(banner_expand_tokens("Welcome to $(hostname) in $(domain)."), "Welcome to edge1 in example.net.");
+    platform_test::write_file("/etc/resolv.conf", "nameserver 192.0.2.1\nsearch lab.example other.example\n");
+    name_host("edge2");
+    EXPECT_EQ(banner_expand_tokens("$(hostname)$(domain)$(hostname)"), "edge2lab.exampleedge2");
+    platform_test::write_file("/etc/resolv.conf", "");
+    EXPECT_EQ(banner_expand_tokens("<$(domain)>"), "<>");
+}
+
+TEST(banner_tokens, stand_for_date_time_and_line) {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    EXPECT_THAT(banner_expand_tokens("$(date)"), testing::MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9]"));
+    EXPECT_THAT(banner_expand_tokens("$(time)"), testing::MatchesRegex("[0-2][0-9]:[0-5][0-9]:[0-6][0-9] UTC"));
+    EXPECT_EQ(banner_expand_tokens("$(line)"), "ssh");
+}
+
+TEST(banner_tokens, that_are_not_known_stay_as_they_stand) {
+    name_host("edge1");
+    for (const char* text : {"", "plain", "$", "$(", "$()", "$(host", "$(nonsense)", "$(HOSTNAME)", "$( hostname )",
+                             "$hostname", "$$", "100$", "$(user) $(x"}) {
+        EXPECT_EQ(banner_expand_tokens(text), text);
+    }
+    EXPECT_EQ(banner_expand_tokens("$($(hostname))"), "$(edge1)");
+    EXPECT_EQ(banner_expand_tokens("$(nonsense $(hostname)"), "$(nonsense edge1");
+}
+
+TEST(banner_tokens, are_not_looked_for_in_what_was_put_in) {
+    platform_test::write_file("/etc/resolv.conf", "domain $(hostname)\n");
+    name_host("edge1");
+    EXPECT_EQ(banner_expand_tokens("$(domain)"), "$(hostname)");
+}
+
+}  // namespace

@@ -1,0 +1,262 @@
+#include "platform/process_manager.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <thread>
+
+#include "linux/process/process_manager_paths.h"
+#include "unit/linux/platform_test_support.h"
+
+using platform_test::datagram_listener;
+using platform_test::journal_listener;
+using platform_test::read_file;
+using platform_test::write_file;
+
+namespace {
+
+class respawn_count_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        process_manager_reset();
+        std::filesystem::create_directories(runtime_directory);
+        std::filesystem::remove_all(runtime_respawn_file);
+    }
+    void TearDown() override { SetUp(); }
+
+    /// Starts anew, as after the end of the process.
+    uint32_t start() {
+        process_manager_reset();
+        process_manager_count_start();
+        return process_manager_respawn_count();
+    }
+};
+
+TEST_F(respawn_count_test, grows_with_each_start_until_a_clean_stop) {
+    EXPECT_EQ(1u, start());
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file));
+    EXPECT_EQ(2u, start());
+    EXPECT_EQ(3u, start());
+    std::filesystem::remove(runtime_respawn_file);
+    EXPECT_EQ(1u, start());
+    EXPECT_FALSE(std::filesystem::exists(runtime_respawn_temporary_file));
+}
+
+TEST_F(respawn_count_test, is_counted_once_a_process) {
+    EXPECT_EQ(0u, process_manager_respawn_count()) << "before the start is counted";
+    EXPECT_EQ(1u, start());
+    process_manager_count_start();
+    EXPECT_EQ(1u, process_manager_respawn_count());
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file));
+}
+
+TEST_F(respawn_count_test, is_counted_when_the_event_manager_is_created) {
+    write_file(runtime_respawn_file, "4\n");
+    struct event_manager* manager = nullptr;
+    ASSERT_EQ(0, event_manager_create("/dev/ssh_cfg_agent", &manager));
+    EXPECT_EQ(5u, process_manager_respawn_count());
+    event_manager_free(manager);
+}
+
+TEST_F(respawn_count_test, something_else_in_the_file_is_a_first_start) {
+    for (const char* text : {"", "x\n", "3", "3x\n", "-3\n", "99999999999\n", "\n"}) {
+        journal_listener journal;
+        write_file(runtime_respawn_file, text);
+        EXPECT_EQ(1u, start()) << text;
+        EXPECT_EQ(
+            "/run/ssh_cfg_agent/respawn_count does not hold a number\n"
+            "The agent starts, start 1 since the last clean stop\n",
+            journal.messages())
+            << text;
+    }
+}
+
+TEST_F(respawn_count_test, does_not_grow_past_its_largest_number) {
+    write_file(runtime_respawn_file, "4294967294\n");
+    EXPECT_EQ(UINT32_MAX, start());
+    EXPECT_EQ(UINT32_MAX, start());
+}
+
+TEST_F(respawn_count_test, a_link_in_its_place_is_not_followed) {
+    write_file("/tmp/elsewhere", "7\n");
+    ASSERT_EQ(0, symlink("/tmp/elsewhere", runtime_respawn_file));
+    EXPECT_EQ(1u, start());
+    EXPECT_EQ("7\n", read_file("/tmp/elsewhere"));
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file));
+}
+
+TEST_F(respawn_count_test, a_number_that_cannot_be_kept_is_reported_and_still_counts) {
+    write_file(runtime_respawn_file, "1\n");
+    ASSERT_EQ(0, mount(runtime_directory, runtime_directory, nullptr, MS_BIND, nullptr));
+    ASSERT_EQ(0, mount(nullptr, runtime_directory, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+    journal_listener journal;
+    EXPECT_EQ(2u, start());
+    EXPECT_EQ(
+        "/run/ssh_cfg_agent/respawn_count cannot be written, a restart will not be told from a first start: Read-only "
+        "file system\nThe agent starts, start 2 since the last clean stop\n",
+        journal.messages());
+    umount2(runtime_directory, MNT_DETACH);
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file)) << "the old number stays whole";
+}
+
+TEST_F(respawn_count_test, a_full_file_system_leaves_the_old_number_whole) {
+    ASSERT_EQ(0, mount("small", runtime_directory, "tmpfs", 0, "size=8192"));
+    write_file(runtime_respawn_file, "1\n");
+    write_file(std::string(runtime_directory) + "/filler", std::string(4096, 'x'));
+    journal_listener journal;
+    EXPECT_EQ(2u, start());
+    EXPECT_NE(std::string::npos, journal.messages().find("No space left on device"));
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file));
+    EXPECT_FALSE(std::filesystem::exists(runtime_respawn_temporary_file));
+    process_manager_reset();
+    umount2(runtime_directory, MNT_DETACH);
+}
+
+class process_manager_test : public testing::Test {
+  protected:
+    void TearDown() override {
+        unsetenv("NOTIFY_SOCKET");
+        std::filesystem::remove(platform_config_file);
+        process_manager_reset();
+    }
+};
+
+TEST_F(process_manager_test, readiness_is_notified_to_the_service_manager) {
+    datagram_listener notify("/run/notify");
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
+    EXPECT_FALSE(process_manager_status().ready);
+    errno = ENOSPC;
+    process_manager_ready();
+    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_EQ("READY=1", notify.receive());
+    EXPECT_TRUE(process_manager_status().ready);
+    process_manager_ready();
+    EXPECT_EQ("READY=1", notify.receive());
+}
+
+TEST_F(process_manager_test, readiness_that_cannot_be_notified_is_reported) {
+    journal_listener journal;
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/nobody", 1));
+    process_manager_ready();
+    EXPECT_EQ("Readiness cannot be reported to the service manager: No such file or directory\n", journal.messages());
+    unsetenv("NOTIFY_SOCKET");
+    process_manager_ready();
+    EXPECT_EQ("", journal.messages()) << "without a service manager there is nothing to report";
+}
+
+TEST_F(process_manager_test, the_role_comes_from_the_platforms_file) {
+    EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), process_manager_role());
+    write_file(platform_config_file, "role = standby\n");
+    EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_STANDBY), process_manager_role());
+    EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_STANDBY), process_manager_status().role);
+}
+
+TEST_F(process_manager_test, a_mistake_in_the_file_is_reported_and_the_node_is_primary) {
+    journal_listener journal;
+    write_file(platform_config_file, "role = backup\n");
+    EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), process_manager_role());
+    EXPECT_EQ("/etc/ssh_cfg_agent/platform.conf, line 1: role is \"backup\", allowed is primary or standby\n",
+              journal.messages());
+}
+
+/// Waits for the role in another process, because the wait blocks.
+class waiting_process {
+  public:
+    waiting_process() {
+        pid = fork();
+        if (pid == 0) {
+            signal(SIGALRM, [](int) {});
+            _exit(process_manager_wait_primary() == 0 ? 0 : 1);
+        }
+        // Long enough for the wait to begin; a change before that is found all the same.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ~waiting_process() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+    }
+    /// The exit status, or -1 when the wait is still on after `milliseconds`.
+    int result(int milliseconds) {
+        for (int waited = 0; waited <= milliseconds; waited += 10) {
+            int status = 0;
+            if (waitpid(pid, &status, WNOHANG) == pid) {
+                pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 99;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return -1;
+    }
+    pid_t pid;
+};
+
+TEST_F(process_manager_test, the_wait_ends_when_the_file_says_primary) {
+    write_file(platform_config_file, "role = standby\n");
+    waiting_process waiting;
+    EXPECT_EQ(-1, waiting.result(100));
+    write_file(platform_config_file, "role = primary\n");
+    EXPECT_EQ(0, waiting.result(3000));
+}
+
+TEST_F(process_manager_test, the_wait_ends_when_the_file_is_replaced_or_removed) {
+    for (const bool replaced : {true, false}) {
+        write_file(platform_config_file, "role = standby\n");
+        waiting_process waiting;
+        if (replaced) {
+            write_file("/etc/ssh_cfg_agent/new", "role = primary\n");
+            std::filesystem::rename("/etc/ssh_cfg_agent/new", platform_config_file);
+        } else {
+            std::filesystem::remove(platform_config_file);
+        }
+        EXPECT_EQ(0, waiting.result(3000));
+    }
+}
+
+TEST_F(process_manager_test, the_wait_goes_on_after_mistakes_other_files_and_signals) {
+    write_file(platform_config_file, "role = standby\n");
+    waiting_process waiting;
+    write_file(platform_config_file, "role = primery\n");
+    write_file("/etc/ssh_cfg_agent/other", "role = primary\n");
+    kill(waiting.pid, SIGALRM);
+    EXPECT_EQ(-1, waiting.result(500));
+    write_file(platform_config_file, "node_number = 3\n");
+    EXPECT_EQ(-1, waiting.result(500)) << "only a line that says so makes a standby primary";
+    write_file(platform_config_file, "role = primary\n");
+    EXPECT_EQ(0, waiting.result(3000));
+}
+
+TEST_F(process_manager_test, an_editor_that_takes_the_file_away_for_a_moment_does_not_make_a_primary) {
+    write_file(platform_config_file, "role = standby\n");
+    waiting_process waiting;
+    std::filesystem::rename(platform_config_file, "/etc/ssh_cfg_agent/platform.conf~");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    write_file(platform_config_file, "role = standby\n");
+    EXPECT_EQ(-1, waiting.result(600));
+    std::filesystem::remove("/etc/ssh_cfg_agent/platform.conf~");
+}
+
+TEST_F(process_manager_test, there_is_nothing_to_wait_for_without_a_file) {
+    umount2(platform_config_directory, MNT_DETACH);
+    std::filesystem::remove_all(platform_config_directory);
+    EXPECT_EQ(0, process_manager_wait_primary());
+    std::filesystem::create_directories(platform_config_directory);
+}
+
+TEST_F(process_manager_test, a_wait_that_cannot_be_made_fails) {
+    write_file(platform_config_file, "role = standby\n");
+    journal_listener journal;
+    int result = 0;
+    {
+        const platform_test::no_descriptors_left none;
+        result = process_manager_wait_primary();
+    }
+    EXPECT_EQ(-1, result);
+    EXPECT_NE(std::string::npos, journal.messages().find("The role cannot be waited for: "));
+}
+
+}  // namespace

@@ -1,0 +1,96 @@
+#include "platform/log_message.h"
+
+#include <syslog.h>
+
+#include "linux/reporting/log_message_internal.h"
+#include "unit/linux/platform_test_support.h"
+
+using platform_test::datagram_listener;
+using platform_test::journal_listener;
+
+namespace {
+
+constexpr log_message_entry entry = {"Error:=%s(0x%x), %s", "SSHD_CFG_AGT", "SECURITY", "ERR_ERRNO", 3, 0x1E000020};
+constexpr char text[] = "Error:=No space left on device(0x1c), Failed";
+
+TEST(log_message_test, goes_to_the_journal_with_the_entrys_fields) {
+    journal_listener journal;
+    log_message_send(&entry, text);
+    auto fields = journal.receive_entry();
+    EXPECT_EQ(text, fields["MESSAGE"]);
+    EXPECT_EQ("3", fields["PRIORITY"]);
+    EXPECT_EQ("ssh_cfg_agent", fields["SYSLOG_IDENTIFIER"]);
+    EXPECT_EQ("ERR_ERRNO", fields["SSH_CFG_NAME"]);
+    EXPECT_EQ("0x1E000020", fields["SSH_CFG_NUMBER"]);
+    EXPECT_EQ("3", fields["SSH_CFG_SEVERITY"]);
+    EXPECT_EQ("SSHD_CFG_AGT", fields["SSH_CFG_FACILITY"]);
+    EXPECT_EQ("SECURITY", fields["SSH_CFG_CATEGORY"]);
+    EXPECT_EQ(0u, fields.count("CODE_FILE")) << "the platform's own source line says nothing about the message";
+}
+
+TEST(log_message_test, a_line_break_cannot_forge_a_field) {
+    journal_listener journal;
+    log_message_send(&entry, "first\nPRIORITY=0\nsecond");
+    const std::string datagram = journal.receive();
+    // The journal's protocol announces such a value by its length, without an equals sign.
+    EXPECT_NE(std::string::npos, datagram.find(std::string("MESSAGE\n\x17\0\0\0\0\0\0\0first\nPRIORITY=0", 32)));
+}
+
+TEST(log_message_test, goes_to_the_systems_log_where_there_is_no_journal) {
+    std::filesystem::remove("/run/systemd/journal/socket");
+    datagram_listener log("/dev/log");
+    log_message_send(&entry, text);
+    const std::string line = log.receive();
+    EXPECT_EQ("<27>", line.substr(0, 4)) << "daemon facility, error";
+    EXPECT_NE(std::string::npos, line.find(std::string("]: %SECURITY-SSHD_CFG_AGT-3-ERR_ERRNO : ") + text)) << line;
+    EXPECT_NE(std::string::npos, line.find("ssh_cfg_agent[")) << line;
+}
+
+TEST(log_message_test, goes_to_the_systems_log_when_the_journal_is_down) {
+    // A socket without anybody behind it, as between a journal's end and its restart.
+    std::filesystem::create_directories("/run/systemd/journal");
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    ASSERT_EQ(0, bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    close(fd);
+    datagram_listener log("/dev/log");
+    log_message_send(&entry, text);
+    EXPECT_NE(std::string::npos, log.receive().find(text));
+    std::filesystem::remove("/run/systemd/journal/socket");
+}
+
+TEST(log_message_test, leaves_errno_alone) {
+    std::filesystem::remove("/run/systemd/journal/socket");
+    std::filesystem::remove("/dev/log");
+    errno = ENOSPC;
+    log_message_send(&entry, text);
+    EXPECT_EQ(ENOSPC, errno);
+    platform_log(LOG_ERR, "%s", text);
+    EXPECT_EQ(ENOSPC, errno);
+    journal_listener journal;
+    errno = ENOSPC;
+    log_message_send(&entry, text);
+    EXPECT_EQ(ENOSPC, errno);
+}
+
+TEST(log_message_test, takes_an_incomplete_entry) {
+    journal_listener journal;
+    const log_message_entry empty = {nullptr, nullptr, nullptr, nullptr, 99, 0};
+    log_message_send(nullptr, text);
+    log_message_send(&empty, nullptr);
+    log_message_send(&empty, text);
+    auto fields = journal.receive_entry();
+    EXPECT_EQ(text, fields["MESSAGE"]);
+    EXPECT_EQ("7", fields["PRIORITY"]) << "a severity that does not exist is the lowest one";
+    EXPECT_EQ("", fields["SSH_CFG_NAME"]);
+}
+
+TEST(log_message_test, the_platforms_own_lines_are_cut_not_overflowed) {
+    journal_listener journal;
+    platform_log(LOG_WARNING, "%s", std::string(5000, 'x').c_str());
+    auto fields = journal.receive_entry();
+    EXPECT_EQ(std::string(1023, 'x'), fields["MESSAGE"]);
+    EXPECT_EQ("4", fields["PRIORITY"]);
+}
+
+}  // namespace

@@ -1,0 +1,279 @@
+#include "linux/vrf/mpp_filter.h"
+
+#include <sys/mount.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "unit/linux/vrf/vrf_namespace_support.h"
+
+using platform_test::add_vrf;
+using platform_test::connect_to_vrf;
+using platform_test::nft_in;
+using platform_test::no_descriptors_left;
+using platform_test::own_network_namespace;
+using platform_test::reachable;
+using platform_test::remove_vrf;
+using platform_test::run;
+using platform_test::vrf_listener;
+
+namespace {
+
+constexpr char red[] = "red";
+const platform_status absent = ENOENT;
+
+class mpp_filter_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        add_vrf(red);
+        own = own_network_namespace();
+    }
+    void TearDown() override {
+        listeners.clear();
+        remove_vrf(red);
+        EXPECT_EQ(own, own_network_namespace());
+    }
+    void listen_on(uint16_t port) {
+        for (const int family : {AF_INET, AF_INET6}) {
+            listeners.push_back(std::make_unique<vrf_listener>(red, family, port));
+        }
+    }
+    void expect_reachable(bool expected) {
+        for (const uint16_t port : {22, 830}) {
+            EXPECT_EQ(expected, reachable(red, port, AF_INET)) << port;
+            EXPECT_EQ(expected, reachable(red, port, AF_INET6)) << port;
+        }
+        bool blocked = expected;
+        EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+        EXPECT_EQ(!expected, blocked);
+    }
+
+    std::vector<std::unique_ptr<vrf_listener>> listeners;
+    std::string failure;
+    ino_t own = 0;
+};
+
+/// nft sets the flags off by a blank line.
+const std::string first_line = "table inet norvo_mpp {\n";
+const std::string comment = "\tcomment \"management-plane protection, 1\"\n";
+const std::string contents =
+    "\tset service_ports {\n"
+    "\t\ttype inet_service\n"
+    "\t\tflags constant\n"
+    "\t\telements = { 22, 830 }\n"
+    "\t}\n"
+    "\n"
+    "\tchain input {\n"
+    "\t\ttype filter hook input priority filter - 10; policy accept;\n"
+    "\t\ttcp flags syn / fin,syn,rst,ack tcp dport @service_ports drop\n"
+    "\t}\n"
+    "}\n";
+const std::string open_table = first_line + "\tflags dormant\n" + comment + "\n" + contents;
+const std::string blocked_table = first_line + comment + contents;
+
+TEST_F(mpp_filter_test, the_table_reads_as_an_operator_would_write_it) {
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
+    ASSERT_EQ(0u, mpp_filter_block(red, failure)) << failure;
+    EXPECT_EQ(blocked_table, nft_in(red, "list ruleset"));
+    ASSERT_EQ(0u, mpp_filter_open(red, failure)) << failure;
+    EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
+}
+
+TEST_F(mpp_filter_test, a_blocked_vrf_lets_no_new_connection_in) {
+    listen_on(22);
+    listen_on(830);
+    expect_reachable(true);
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure));
+    expect_reachable(true);
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    expect_reachable(false);
+    ASSERT_EQ(0u, mpp_filter_open(red, failure));
+    expect_reachable(true);
+}
+
+TEST_F(mpp_filter_test, other_ports_stay_reachable) {
+    listen_on(2222);
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    EXPECT_TRUE(reachable(red, 2222, AF_INET));
+    EXPECT_TRUE(reachable(red, 2222, AF_INET6));
+}
+
+/// The connection is older than everything that the packet filter has in its namespace.
+TEST_F(mpp_filter_test, an_established_connection_lives_on) {
+    const vrf_listener listener(red, AF_INET, 22);
+    const int client = connect_to_vrf(red, AF_INET, 22);
+    ASSERT_LE(0, client);
+    const int server = listener.accept_one();
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    char byte = 0;
+    for (const auto& [from, to] : {std::pair(client, server), std::pair(server, client)}) {
+        EXPECT_EQ(1, write(from, "x", 1));
+        pollfd waiting = {to, POLLIN, 0};
+        EXPECT_EQ(1, poll(&waiting, 1, 500));
+        EXPECT_EQ(1, read(to, &byte, 1));
+    }
+    close(client);
+    close(server);
+}
+
+/// The client's second attempt, a second after the first one, is let in.
+TEST_F(mpp_filter_test, a_client_that_waits_gets_in_after_the_block) {
+    listen_on(22);
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    const int fd = platform_test::socket_in_vrf(red, AF_INET);
+    ASSERT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
+    const platform_test::loopback_address address(AF_INET, 22);
+    EXPECT_EQ(-1, connect(fd, address.get(), address.size));
+    pollfd waiting = {fd, POLLOUT, 0};
+    EXPECT_EQ(0, poll(&waiting, 1, 100)) << "neither let in nor refused";
+    ASSERT_EQ(0u, mpp_filter_open(red, failure));
+    EXPECT_EQ(1, poll(&waiting, 1, 3000));
+    int error = -1;
+    socklen_t size = sizeof error;
+    getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size);
+    EXPECT_EQ(0, error);
+    close(fd);
+}
+
+TEST_F(mpp_filter_test, connections_are_not_tracked_for_it) {
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    EXPECT_EQ(std::string::npos, nft_in(red, "list ruleset").find("ct state"));
+}
+
+TEST_F(mpp_filter_test, a_namespace_without_the_table_is_open_and_can_be_blocked) {
+    listen_on(22);
+    listen_on(830);
+    bool blocked = true;
+    EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+    EXPECT_FALSE(blocked);
+    EXPECT_EQ(0u, mpp_filter_open(red, failure));
+    EXPECT_EQ("", nft_in(red, "list ruleset"));
+    EXPECT_EQ(0u, mpp_filter_block(red, failure));
+    expect_reachable(false);
+}
+
+TEST_F(mpp_filter_test, an_operators_flush_is_no_obstacle) {
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    EXPECT_EQ("", nft_in(red, "flush ruleset"));
+    EXPECT_EQ(0u, mpp_filter_open(red, failure));
+    EXPECT_EQ(0u, mpp_filter_block(red, failure));
+    bool blocked = false;
+    EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+    EXPECT_TRUE(blocked);
+}
+
+TEST_F(mpp_filter_test, blocking_and_opening_twice_is_no_failure) {
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(0u, mpp_filter_block(red, failure)) << failure;
+    }
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(0u, mpp_filter_open(red, failure)) << failure;
+    }
+}
+
+TEST_F(mpp_filter_test, what_stands_under_the_tables_name_is_replaced) {
+    EXPECT_EQ("", nft_in(red,
+                         "'add table inet norvo_mpp; add chain inet norvo_mpp old; add set inet norvo_mpp "
+                         "service_ports { type ipv4_addr; }'"));
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
+    ASSERT_EQ(0u, mpp_filter_make(red, true, failure)) << failure;
+    bool blocked = false;
+    EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+    EXPECT_TRUE(blocked);
+}
+
+/// The kernel gives each table that is made a new number; nft shows it behind the table's first line.
+std::string table_handle() {
+    const std::string listing = nft_in(red, "-a list ruleset");
+    return listing.substr(0, listing.find('\n'));
+}
+
+TEST_F(mpp_filter_test, a_table_of_this_version_is_kept) {
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    const std::string before = table_handle();
+    EXPECT_NE(std::string::npos, before.find("# handle")) << before;
+    ASSERT_EQ(0u, mpp_filter_make(red, true, failure)) << failure;
+    EXPECT_EQ(before, table_handle());
+    bool blocked = false;
+    EXPECT_EQ(0u, mpp_filter_is_blocked(red, blocked, failure));
+    EXPECT_TRUE(blocked);
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure)) << failure;
+    EXPECT_EQ(before, table_handle());
+}
+
+TEST_F(mpp_filter_test, a_block_does_not_rely_on_another_versions_table) {
+    listen_on(22);
+    listen_on(830);
+    EXPECT_EQ("", nft_in(red, "'add table inet norvo_mpp'"));
+    ASSERT_EQ(0u, mpp_filter_block(red, failure)) << failure;
+    expect_reachable(false);
+}
+
+TEST_F(mpp_filter_test, other_tables_and_namespaces_are_left_alone) {
+    add_vrf("blue");
+    EXPECT_EQ("", nft_in(red, "add table inet access_lists"));
+    ASSERT_EQ(0u, mpp_filter_block(red, failure));
+    EXPECT_EQ("table inet access_lists\ntable inet norvo_mpp\n", nft_in(red, "list tables"));
+    EXPECT_EQ("", nft_in("blue", "list tables"));
+    EXPECT_EQ("", platform_test::output_of("nft list tables"));
+    remove_vrf("blue");
+}
+
+TEST_F(mpp_filter_test, a_vrf_without_a_namespace_is_told_apart) {
+    bool blocked = true;
+    EXPECT_EQ(absent, mpp_filter_make("none", false, failure));
+    EXPECT_EQ("The packet filter cannot be made in namespace vrf-none: No such file or directory", failure);
+    EXPECT_EQ(absent, mpp_filter_block("none", failure));
+    EXPECT_EQ(absent, mpp_filter_open("none", failure));
+    EXPECT_EQ("Ports cannot be opened in namespace vrf-none: No such file or directory", failure);
+    EXPECT_EQ(absent, mpp_filter_is_blocked("none", blocked, failure));
+    EXPECT_TRUE(blocked) << "the output stays untouched";
+    platform_test::write_file("/run/netns/vrf-none", "");
+    EXPECT_EQ(absent, mpp_filter_block("none", failure)) << "a file is no namespace yet";
+    unlink("/run/netns/vrf-none");
+}
+
+TEST_F(mpp_filter_test, a_want_of_descriptors_is_reported_and_leaves_the_process_where_it_was) {
+    const no_descriptors_left none;
+    EXPECT_EQ(static_cast<platform_status>(EMFILE), mpp_filter_block(red, failure));
+    EXPECT_EQ("Ports cannot be blocked in namespace vrf-red: Too many open files", failure);
+    EXPECT_NE(0u, mpp_filter_available(failure));
+    EXPECT_EQ("The kernel's packet filter cannot be reached: Too many open files", failure);
+}
+
+TEST_F(mpp_filter_test, a_process_without_the_right_is_told_so) {
+    EXPECT_EQ(0u, mpp_filter_available(failure)) << failure;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        std::string reason;
+        const bool dropped = setgid(1000) == 0 && setuid(1000) == 0;
+        const platform_status status = mpp_filter_available(reason);
+        const bool as_expected = status == EPERM &&
+                                 reason == "The kernel's packet filter cannot be reached: Operation not permitted" &&
+                                 mpp_filter_block(red, reason) == EPERM;
+        _exit(!dropped ? 2 : as_expected ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
+TEST_F(mpp_filter_test, is_quick_enough_for_a_commit_of_many_settings) {
+    ASSERT_EQ(0u, mpp_filter_make(red, false, failure));
+    constexpr int pairs = 200;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < pairs; ++i) {
+        ASSERT_EQ(0u, mpp_filter_block(red, failure));
+        ASSERT_EQ(0u, mpp_filter_open(red, failure));
+    }
+    const auto took = std::chrono::steady_clock::now() - begin;
+    const auto each = std::chrono::duration_cast<std::chrono::microseconds>(took).count() / pairs;
+    RecordProperty("microseconds_for_block_and_open", static_cast<int>(each));
+    EXPECT_LT(each, 3000);
+}
+
+}  // namespace
