@@ -1,6 +1,6 @@
 #include <iterator>
 
-#include "openssh/keyword_row_makers.h"
+#include "openssh/keyword_row.h"
 #include "openssh/keyword_table.h"
 
 namespace openssh {

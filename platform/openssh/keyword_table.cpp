@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "openssh/keyword_row_makers.h"
+#include "openssh/keyword_row.h"
 #include "openssh/text.h"
 
 namespace openssh {

@@ -2,7 +2,6 @@
 
 #include "acl/acl_types.h"
 #include "acl/rule_conversion.h"
-#include "acl/subscription.h"
 #include "core/paths.h"
 #include "platform/acl_entry.h"
 #include "platform/record_codec.h"
@@ -40,7 +39,6 @@ const acl_family ipv4_acl_family = {
     .ssh_name = &vrf_node::ssh_v4_acl,
     .netconf_name = &vrf_node::netconf_v4_acl,
     .head = &vrf_node::v4_aclhead,
-    .changed = ssh_ipv4_acl_reg_upd,
     .convert = convert_record<acl_ipv4_entry, acl_service_ipv4_entry_descriptor, ssh_convert_ipv4_acl_rule>,
     .get_list_failed = "IPv4 acl get list failed",
     .registration_failed = "IPv4 acl callback registration failed",
@@ -56,7 +54,6 @@ const acl_family ipv6_acl_family = {
     .ssh_name = &vrf_node::ssh_v6_acl,
     .netconf_name = &vrf_node::netconf_v6_acl,
     .head = &vrf_node::v6_aclhead,
-    .changed = ssh_ipv6_acl_reg_upd,
     .convert = convert_record<acl_ipv6_entry, acl_service_ipv6_entry_descriptor, ssh_convert_ipv6_acl_rule>,
     .get_list_failed = "IPv6 acl get list failed",
     .registration_failed = "IPv6 acl callback registration failed",

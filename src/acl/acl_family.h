@@ -18,7 +18,6 @@ struct acl_family {
     char (vrf_node::*ssh_name)[acl_name_size];
     char (vrf_node::*netconf_name)[acl_name_size];
     acl_handle* vrf_node::*head;  ///< the subscription
-    acl_change_callback changed;
 
     /// Converts one encoded entry into the rule file. Returns 0 or the codec's error.
     platform_status (*convert)(const void* record, size_t size, FILE* rule_file, uint32_t type);

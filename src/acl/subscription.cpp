@@ -8,6 +8,7 @@
 #include "acl/nft_files.h"
 #include "acl/trace_points.h"
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/log.h"
@@ -58,6 +59,11 @@ struct rule_file {
         }
     }
 };
+
+/// What the ACL service calls when a list of the family has changed.
+acl_change_callback change_callback(const acl_family& family) {
+    return &family == &ipv4_acl_family ? ssh_ipv4_acl_reg_upd : ssh_ipv6_acl_reg_upd;
+}
 
 bool list_does_not_exist(uint32_t result) {
     return result == DATASTORE_NO_SUCH_LIST || result == DATASTORE_NO_SUCH_TREE;
@@ -176,7 +182,7 @@ void end_subscription(subscription** place) {
             node->*family.head = nullptr;
         }
     }
-    acl_service_unregister_callback(ended->handle, family.changed);
+    acl_service_unregister_callback(ended->handle, change_callback(family));
     acl_service_release(ended->handle);
     *place = ended->next;
     delete ended;
@@ -253,7 +259,7 @@ int register_callback(const acl_family& family, const char* routine, acl_handle*
         return -1;
     }
     status = attempt(routine, family.registration_failed,
-                     [&] { return acl_service_register_callback(handle, family.changed); });
+                     [&] { return acl_service_register_callback(handle, change_callback(family)); });
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, family.registration_failed);
         trace_error(acl_trace_register, {node->name, name, status});
@@ -262,7 +268,7 @@ int register_callback(const acl_family& family, const char* routine, acl_handle*
     }
     if (!keep_subscription(family, name, handle)) {
         log_location(ERR_MALLOC, ENOMEM, family.registration_failed);
-        acl_service_unregister_callback(handle, family.changed);
+        acl_service_unregister_callback(handle, change_callback(family));
         acl_service_release(handle);
         return -1;
     }

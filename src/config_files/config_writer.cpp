@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "config_files/default_contents.h"
+#include "config_files/file_recreation.h"
 #include "config_files/files.h"
 #include "config_files/line_editor.h"
 #include "config_files/parameter_table.h"
@@ -180,8 +180,4 @@ void delete_vrf_config_file(const char* vrf_name) {
     if (std::remove(path) != 0) {
         trace_error(config_files_trace_remove, {path, errno});
     }
-}
-
-void vrf_config_file_path(const char* vrf_name, char* path, size_t size) {
-    format_text(path, size, "%s%s", paths::vrf_server_file_prefix, vrf_name);
 }

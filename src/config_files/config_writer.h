@@ -2,7 +2,6 @@
 #ifndef CONFIG_FILES_CONFIG_WRITER_H
 #define CONFIG_FILES_CONFIG_WRITER_H
 
-#include <cstddef>
 #include <cstdint>
 
 /// Event of a write that sets a value; an event with bit 4 removes the keyword's line.
@@ -25,8 +24,5 @@ int update_vrf_config_file(uint32_t event, const char* vrf_name, const char* key
 
 /// Removes a VRF's file; a failure is only traced.
 void delete_vrf_config_file(const char* vrf_name);
-
-/// The path of a VRF's file.
-void vrf_config_file_path(const char* vrf_name, char* path, size_t size);
 
 #endif

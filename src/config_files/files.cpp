@@ -9,6 +9,7 @@
 
 #include "config_files/trace_points.h"
 #include "core/debug.h"
+#include "core/paths.h"
 #include "core/text.h"
 #include "platform/status.h"
 
@@ -58,4 +59,8 @@ int copy_file(const char* source, const char* destination) {
         return -1;
     }
     return 0;
+}
+
+void vrf_config_file_path(const char* vrf_name, char* path, size_t size) {
+    format_text(path, size, "%s%s", paths::vrf_server_file_prefix, vrf_name);
 }

@@ -6,7 +6,8 @@
 #include <cstdint>
 
 #include "config_files/line_entry.h"
-#include "config_files/vrf_node.h"
+
+struct vrf_node;
 
 enum server_parameter : size_t {
     SERVER_START_MARKER,

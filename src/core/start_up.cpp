@@ -9,6 +9,7 @@
 #include "acl/subscription.h"
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/debug_level.h"

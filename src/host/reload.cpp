@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/log.h"

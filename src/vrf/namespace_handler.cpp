@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
@@ -18,6 +19,7 @@
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
 #include "vrf/trace_points.h"
+#include "vrf/vrf_namespace.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/text.h"
 #include "vrf/trace_points.h"

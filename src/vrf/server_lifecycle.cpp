@@ -1,7 +1,5 @@
 #include "vrf/server_lifecycle.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -153,17 +151,6 @@ int renew_stale_file(const char* vrf_name, const char* path, uint32_t* change) {
 }
 
 }  // namespace
-
-void vrf_namespace_name(const char* vrf_name, char* name, size_t size) {
-    format_text(name, size, "%s%s", vrf_namespace_prefix, vrf_name);
-}
-
-bool vrf_namespace_exists(const char* vrf_name) {
-    char path[PATH_MAX];
-    format_text(path, sizeof path, "%s%s", paths::namespace_prefix, vrf_name);
-    struct stat status;
-    return stat(path, &status) == 0;
-}
 
 int ssh_process_restart(uint32_t start, const char* vrf_name) {
     if (vrf_name == nullptr) {

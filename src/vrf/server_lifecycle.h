@@ -2,11 +2,7 @@
 #ifndef VRF_SERVER_LIFECYCLE_H
 #define VRF_SERVER_LIFECYCLE_H
 
-#include <cstddef>
 #include <cstdint>
-
-/// What a VRF's name has before it in the name of its network namespace.
-inline constexpr char vrf_namespace_prefix[] = "vrf-";
 
 /// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, with the VRF blocked in management-plane protection
 /// while it restarts. Returns 0 or -1; a VRF whose server could not be started stays blocked.
@@ -16,11 +12,5 @@ int ssh_process_restart(uint32_t start, const char* vrf_name);
 /// `keyword` and `value` when `add_line` is 1. Sets `*change` when the file changed. Returns 0 or -1.
 int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, const char* value, uint32_t* change,
                      int new_node);
-
-/// Whether the VRF's network namespace exists.
-bool vrf_namespace_exists(const char* vrf_name);
-
-/// The name of the VRF's network namespace: "vrf-" and its own.
-void vrf_namespace_name(const char* vrf_name, char* name, size_t size);
 
 #endif

@@ -12,9 +12,9 @@
 #include "core/paths.h"
 #include "core/text.h"
 #include "platform/vrf_table.h"
-#include "vrf/server_lifecycle.h"
 #include "vrf/shell_command.h"
 #include "vrf/trace_points.h"
+#include "vrf/vrf_namespace.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include "config_files/config_writer.h"
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/log.h"
@@ -17,6 +18,7 @@
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
 #include "vrf/trace_points.h"
+#include "vrf/vrf_namespace.h"
 
 uint32_t default_vrf_configured = 0;
 

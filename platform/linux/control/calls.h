@@ -9,7 +9,7 @@
 ///   list    path
 ///   dump, vrf_list, status
 ///   show    path; answers with "record", the records' name, beside "data"
-///   watch   nothing: after the answer, frames with telemetry follow until one of both hangs up (control_event_queue.h)
+///   watch   nothing: after the answer, frames with telemetry follow until one of both hangs up (event_queue.h)
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)

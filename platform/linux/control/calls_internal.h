@@ -5,7 +5,7 @@
 #include <string>
 
 #include "control_protocol/answer.h"
-#include "linux/control/calls.h"
+#include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
 
 /// The member `name` of a request when it is a text, else null.
@@ -17,36 +17,36 @@ control_json control_wrong_member(const char* name, const char* wanted);
 /// The answer of a call that has read something.
 control_json control_data_answer(control_json data);
 
-// Changes (control_change_calls.cpp).
+// Changes (change_calls.cpp).
 control_json control_call_set(const control_json& request, const control_peer& peer);
 control_json control_call_delete(const control_json& request, const control_peer& peer);
 control_json control_call_load(const control_json& request, const control_peer& peer);
 
-// Reads (control_read_calls.cpp).
+// Reads (read_calls.cpp).
 control_json control_call_get(const control_json& request, const control_peer& peer);
 control_json control_call_list(const control_json& request, const control_peer& peer);
 control_json control_call_dump(const control_json& request, const control_peer& peer);
 control_json control_call_show(const control_json& request, const control_peer& peer);
 
-// Access lists (control_acl_calls.cpp).
+// Access lists (acl_calls.cpp).
 control_json control_call_acl_set(const control_json& request, const control_peer& peer);
 control_json control_call_acl_delete(const control_json& request, const control_peer& peer);
 control_json control_call_acl_list(const control_json& request, const control_peer& peer);
 control_json control_call_acl_show(const control_json& request, const control_peer& peer);
 
-// Telemetry (control_watch_call.cpp).
+// Telemetry (watch_call.cpp).
 control_json control_call_watch(const control_json& request, const control_peer& peer);
 
-// Users' public keys (control_key_calls.cpp).
+// Users' public keys (key_calls.cpp).
 control_json control_call_key_list(const control_json& request, const control_peer& peer);
 control_json control_call_key_import(const control_json& request, const control_peer& peer);
 control_json control_call_key_delete(const control_json& request, const control_peer& peer);
 
-// Reloads of the router (control_reload_calls.cpp).
+// Reloads of the router (reload_calls.cpp).
 control_json control_call_reload(const control_json& request, const control_peer& peer);
 control_json control_call_reload_state(const control_json& request, const control_peer& peer);
 
-// The platform's state (control_state_calls.cpp).
+// The platform's state (state_calls.cpp).
 control_json control_call_vrf_list(const control_json& request, const control_peer& peer);
 control_json control_call_status(const control_json& request, const control_peer& peer);
 control_json control_call_debug(const control_json& request, const control_peer& peer);

@@ -110,7 +110,7 @@ void send_last_answer(control_connection& connection, control_result result, con
 /// Makes the peer a watcher, as its answer says, if there is a place.
 void admit_watcher(control_connection& connection, control_json& answer) {
     const control_server& server = *connection.server;
-    if (control_server_watchers(&server) >= server.limits.watchers) {
+    if (control_connection_watchers(server) >= server.limits.watchers) {
         answer = control_answer(control_result::failed, "there are " + std::to_string(server.limits.watchers) +
                                                             " watchers already; more are not served");
         return;
@@ -350,6 +350,11 @@ uint64_t control_now() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+size_t control_connection_watchers(const control_server& server) {
+    return static_cast<size_t>(std::count_if(server.connections.begin(), server.connections.end(),
+                                             [](const auto& connection) { return connection->watching; }));
 }
 
 platform_status control_connection_add(control_server* server, int fd, const control_peer& peer) {

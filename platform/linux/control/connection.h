@@ -6,34 +6,17 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <string>
 
 #include "control_protocol/frame.h"
 #include "linux/control/event_queue.h"
 #include "linux/control/peer.h"
-#include "linux/control/server.h"
-
-struct control_connection;
+#include "linux/control/server_state.h"
 
 /// Whatever is pending of a control connection is served after the platform's own events, and a new connection after
 /// those that exist. Time limits come first, or a busy loop would never reach them.
 enum control_priority { CONTROL_PRIORITY_LIMIT = 9, CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11 };
-
-struct control_server {
-    int listener;
-    std::optional<gid_t> group;
-    control_limits limits;
-    control_call_function call;
-    sd_event* loop;
-    sd_event_source* listener_source;
-    sd_event_source* resume_source;  ///< accepts again after the process ran out of descriptors
-    std::list<std::unique_ptr<control_connection>> connections;
-    size_t large_frames;      ///< bytes that have been promised to large frames
-    size_t answers;           ///< bytes of answers in memory
-    uint64_t refusal_logged;  ///< when a refused peer was last logged
-};
 
 /// A watcher is answering while events are on their way to it, and waiting in between.
 enum class control_phase : uint8_t { idle, receiving, answering, waiting };
@@ -58,6 +41,9 @@ struct control_connection {
 
 /// Microseconds of the monotonic clock, read now: the loop's own time is that of its last wake-up.
 uint64_t control_now();
+
+/// How many of the server's connections watch.
+size_t control_connection_watchers(const control_server& server);
 
 /// Adds a connection for `fd`, which is taken over in every case. Throws std::bad_alloc.
 platform_status control_connection_add(control_server* server, int fd, const control_peer& peer);

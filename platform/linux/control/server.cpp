@@ -182,8 +182,7 @@ size_t control_server_connections(const control_server* server) {
 }
 
 size_t control_server_watchers(const control_server* server) {
-    return static_cast<size_t>(std::count_if(server->connections.begin(), server->connections.end(),
-                                             [](const auto& connection) { return connection->watching; }));
+    return control_connection_watchers(*server);
 }
 
 void control_server_publish(control_server* server, std::string_view subject, std::string_view document) {

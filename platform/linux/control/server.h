@@ -14,33 +14,11 @@
 #include <systemd/sd-event.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string_view>
 
-#include "control_protocol/json_text.h"
-#include "linux/control/peer.h"
+#include "linux/control/server_state.h"
 #include "platform/status.h"
-
-/// Times are in microseconds, sizes in bytes.
-struct control_limits {
-    uint64_t idle_time = 60'000'000;   ///< from the connection, or from the last answer, to the next frame's first byte
-    uint64_t frame_time = 5'000'000;   ///< from a frame's first byte to its last
-    uint64_t answer_time = 5'000'000;  ///< without a byte of the answer taken
-    uint64_t watch_time = 60'000'000;  ///< without a byte of an event taken
-    size_t connections = 64;
-    size_t watchers = 16;                      ///< of the connections
-    size_t small_frame = 64UL * 1024;          ///< frames up to this size need no place among the large ones
-    size_t large_frames = 32UL * 1024 * 1024;  ///< all larger frames together that are on their way in
-    size_t answers = 32UL * 1024 * 1024;       ///< all answers together that are on their way out
-    size_t watch_queue = 256UL * 1024;         ///< events that wait for one watcher; what is more is coalesced
-    size_t watch_frame = 64UL * 1024;          ///< events that go out together
-};
-
-/// Answers one request, which is an object with a text "call". Called on the loop, one at a time.
-using control_call_function = control_json (*)(const control_json& request, const control_peer& peer);
-
-struct control_server;
 
 /// Takes over `listener`, a listening non-blocking socket, in every case. The server is the caller's, who frees it.
 /// Nothing is accepted yet. Throws std::bad_alloc.

@@ -16,6 +16,7 @@
 #include "acl/rule_conversion.h"
 #include "acl/subscription.h"
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/text.h"
 #include "platform/acl_entry.h"

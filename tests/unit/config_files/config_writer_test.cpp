@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "../agent_test.h"
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/text.h"
 #include "core/trace.h"
@@ -334,12 +335,6 @@ TEST_F(config_writer_test, a_vrfs_file_is_deleted) {
     delete_vrf_config_file("red");
     EXPECT_THAT(fake_platform::trace_lines_of("ssh/cfg-agent/error"), testing::SizeIs(1));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
-}
-
-TEST_F(config_writer_test, the_path_of_a_vrfs_file) {
-    char path[100];
-    vrf_config_file_path("red", path, sizeof path);
-    EXPECT_STREQ(path, "/var/opt/norvo/norvossh/sshd_config_red");
 }
 
 // --- The client's file ----------------------------------------------------------------------------------------------

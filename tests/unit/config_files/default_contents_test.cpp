@@ -1,50 +1,18 @@
 #include "config_files/default_contents.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <string>
 
 #include "../agent_test.h"
-#include "core/debug.h"
-#include "core/text.h"
+#include "config_files/parameter_table.h"
 #include "scratch_root.h"
 #include "syscall_faults.h"
 
 namespace {
 
-using fake_platform::set_number;
-using fake_platform::set_tuple;
-using fake_platform::store;
-using testing::Contains;
-using testing::ElementsAre;
-
-constexpr char vrf_file[] = "/var/opt/norvo/norvossh/sshd_config_red";
-constexpr char default_vrf_file[] = "/var/opt/norvo/norvossh/sshd_config_default";
-
-class default_contents_test : public agent_test {
-  protected:
-    default_contents_test() { EXPECT_EQ(datastore_bind(paths::server_tree, &agent.server_binding), PLATFORM_OK); }
-
-    void add_node(const char* name, const char* netconf_subsystem) {
-        copy_text(node_.name, sizeof node_.name, name);
-        node_.reference_count = 1;
-        node_.lines[VRF_START_MARKER] = {nullptr, nullptr, "startconfig", 0};
-        node_.lines[VRF_NETCONF_SUBSYSTEM] = {"", netconf_subsystem, "Subsystem netconf", 0};
-        node_.lines[VRF_END_MARKER] = {nullptr, nullptr, "endconfig", 0};
-        server.nodes = &node_;
-    }
-
-    static void store_ssh_vrf(const std::string& name) {
-        store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/" + name, "%d%S%S", {1, std::nullopt, std::nullopt}));
-    }
-
-  private:
-    vrf_node node_ = {};
-};
-
-constexpr char netconf_proxy[] = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
+using default_contents_test = agent_test;
 
 // --- Both default files at start ------------------------------------------------------------------------------------
 
@@ -139,202 +107,6 @@ TEST_F(default_contents_test, the_clients_rekey_limit_is_taken_from_the_server) 
     client.parameters[CLIENT_REKEY_LIMIT].current = "8M 8m";
     write_initial_lines();
     EXPECT_TRUE(read_file(paths::client_file).starts_with("RekeyLimit 7M 7m\n"));
-}
-
-// --- The default file made anew -------------------------------------------------------------------------------------
-
-TEST_F(default_contents_test, the_default_file_is_made_from_the_table) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    EXPECT_EQ(default_config_file_recreate(), 0);
-    expect_golden("config_files/golden/recreated_sshd_config", read_file(paths::server_file));
-    EXPECT_EQ(fake_platform::debug_texts().at(0), "default_config_file_recreate");
-    EXPECT_FALSE(path_exists(paths::temporary_file));
-    EXPECT_EQ(mode_of(paths::server_file), mode_t{0644});
-}
-
-TEST_F(default_contents_test, what_is_set_meanwhile_is_in_the_recreated_file) {
-    server.parameters[SERVER_PROTOCOL].current = "2";
-    server.parameters[SERVER_LOG_LEVEL].current = "";
-    server.parameters[SERVER_WINDOW_SCALE].current = "3";
-    server.parameters[SERVER_PORT].current = "22";
-    server.parameters[SERVER_MACS].current = nullptr;
-    server.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr";
-    EXPECT_EQ(default_config_file_recreate(), 0);
-    expect_golden("config_files/golden/recreated_sshd_config_settings", read_file(paths::server_file));
-}
-
-TEST_F(default_contents_test, a_default_file_that_cannot_be_created) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    remove_path("/var/opt/norvo");
-    EXPECT_EQ(default_config_file_recreate(), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_THAT(fake_platform::debug_texts(),
-                Contains("default_config_file_recreate, Error:=No such file or directory(0x2), file create failed"));
-}
-
-/// Runs `recreate` with each of its file operations failed: afterwards the file is missing or whole.
-template <typename Recreate>
-void expect_whole_or_missing(const char* path, const std::string& whole, Recreate recreate) {
-    const auto undisturbed = syscall_faults::run({}, recreate);
-    ASSERT_EQ(undisturbed.status, 0);
-    for (const auto kind : {syscall_faults::fault::error, syscall_faults::fault::kill}) {
-        for (const bool for_ever : {false, true}) {
-            for (uint32_t call = 1; call <= undisturbed.calls; call++) {
-                remove_path(path);
-                const auto outcome = syscall_faults::run({kind, call, for_ever, ENOSPC}, recreate);
-                SCOPED_TRACE(outcome.name + ", call " + std::to_string(call));
-                const auto content = file_content(path);
-                if (outcome.status == 0) {
-                    EXPECT_EQ(content, whole);
-                } else if (outcome.killed) {
-                    EXPECT_TRUE(!content || content == whole);
-                } else {
-                    EXPECT_EQ(content, std::nullopt);
-                }
-            }
-        }
-    }
-}
-
-TEST_F(default_contents_test, a_recreated_default_file_is_whole_or_missing) {
-    EXPECT_EQ(default_config_file_recreate(), 0);
-    const std::string whole = read_file(paths::server_file);
-    expect_whole_or_missing(paths::server_file, whole, [] { return default_config_file_recreate() == 0 ? 0 : 1; });
-}
-
-TEST_F(default_contents_test, a_default_file_that_can_be_created_but_not_opened) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    const auto undisturbed = syscall_faults::run({}, [] { return default_config_file_recreate(); });
-    uint32_t opens = 0;
-    for (uint32_t call = 1; call <= undisturbed.calls; call++) {
-        const auto outcome = syscall_faults::run({syscall_faults::fault::error, call, false, EMFILE}, [] {
-            const int result = default_config_file_recreate();
-            return result == -1 && fake_platform::debugged(
-                                       "default_config_file_recreate, Error:=Too many open files(0x18), file open "
-                                       "failed")
-                       ? 7
-                       : 0;
-        });
-        opens += outcome.name.starts_with("open") ? 1 : 0;
-        EXPECT_EQ(outcome.status == 7, outcome.name.starts_with("open") && opens == 2) << outcome.name;
-    }
-    EXPECT_EQ(opens, 2u);
-}
-
-// --- A VRF's file made anew -----------------------------------------------------------------------------------------
-
-TEST_F(default_contents_test, a_vrfs_file_needs_a_name) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    EXPECT_EQ(vrf_config_file_recreate(nullptr), -1);
-    EXPECT_THAT(fake_platform::debug_texts(),
-                ElementsAre("vrf_config_file_recreate, Vrf-name:=NULL, Vrf config file recreate failed"));
-}
-
-TEST_F(default_contents_test, a_vrfs_file_with_an_ssh_server) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", nullptr);
-    store_ssh_vrf("red");
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file), "UsePAM yes\nPort 22\n");
-    EXPECT_EQ(fake_platform::debug_texts().at(0), "vrf_config_file_recreate, vrfname:=red");
-    EXPECT_FALSE(path_exists(paths::temporary_file));
-}
-
-TEST_F(default_contents_test, a_vrfs_file_with_a_netconf_server_alone_has_no_ssh_port) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", netconf_proxy);
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file), "UsePAM yes\nSubsystem netconf /pkg/bin/netconf_sshd_proxy -i 0 -o 1\nPort 830\n");
-}
-
-TEST_F(default_contents_test, a_vrfs_file_with_both_servers) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", netconf_proxy);
-    store_ssh_vrf("red");
-    server.parameters[SERVER_PORT].current = "2222";
-    server.parameters[SERVER_NETCONF_PORT].current = "8830";
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file),
-              "UsePAM yes\nSubsystem netconf /pkg/bin/netconf_sshd_proxy -i 0 -o 1\nPort 8830\nPort 2222\n");
-}
-
-TEST_F(default_contents_test, without_any_ssh_port_no_line_is_written) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", nullptr);
-    store_ssh_vrf("red");
-    server.parameters[SERVER_PORT] = {nullptr, nullptr, "Port", 1};
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
-}
-
-TEST_F(default_contents_test, a_vrf_without_a_node_gets_the_default_file) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    store_ssh_vrf("red");
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
-    EXPECT_EQ(fake_platform::count_calls("datastore_item_get"), 0u);
-}
-
-TEST_F(default_contents_test, the_default_vrf_also_has_a_server_by_the_protocol_item) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("default", nullptr);
-    store(set_number("/cfg/gl/crypto/ssh/server/sshd/v2", 1));
-    EXPECT_EQ(vrf_config_file_recreate("default"), 0);
-    EXPECT_EQ(read_file(default_vrf_file), "UsePAM yes\nPort 22\n");
-}
-
-TEST_F(default_contents_test, the_default_vrfs_own_item_suffices) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("default", nullptr);
-    store_ssh_vrf("default");
-    EXPECT_EQ(vrf_config_file_recreate("default"), 0);
-    EXPECT_EQ(read_file(default_vrf_file), "UsePAM yes\nPort 22\n");
-}
-
-TEST_F(default_contents_test, another_vrf_has_no_server_by_the_protocol_item) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", nullptr);
-    store(set_number("/cfg/gl/crypto/ssh/server/sshd/v2", 1));
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
-}
-
-TEST_F(default_contents_test, a_vrfs_file_cannot_be_made_without_the_default_file) {
-    EXPECT_EQ(vrf_config_file_recreate("red"), -1);
-    EXPECT_FALSE(path_exists(vrf_file));
-}
-
-TEST_F(default_contents_test, a_recreated_vrf_file_is_whole_or_missing) {
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", netconf_proxy);
-    store_ssh_vrf("red");
-    EXPECT_EQ(vrf_config_file_recreate("red"), 0);
-    const std::string whole = read_file(vrf_file);
-    expect_whole_or_missing(vrf_file, whole, [] { return vrf_config_file_recreate("red") == 0 ? 0 : 1; });
-}
-
-TEST_F(default_contents_test, a_vrf_file_that_cannot_be_opened_for_its_own_lines) {
-    fake_platform::preset_debug_flag(debug_cfg_agent, true);
-    write_file(paths::server_file, "UsePAM yes\n");
-    const auto outcome = syscall_faults::run({syscall_faults::fault::error, 1, false, EMFILE}, [] {
-        const int result = vrf_config_file_recreate("red");
-        return result == -1 && fake_platform::debugged(
-                                   "vrf_config_file_recreate, File:=/var/opt/norvo/norvossh/temp_sshd_config, "
-                                   "Error:=Too many open files(0x18), file open failed")
-                   ? 7
-                   : 0;
-    });
-    EXPECT_EQ(outcome.status, 7) << outcome.name;
-}
-
-TEST_F(default_contents_test, a_full_disk_leaves_a_lost_file_missing) {
-    scratch_root::limit_space(paths::configuration_directory, 4096);
-    write_file(paths::server_file, "UsePAM yes\n");
-    add_node("red", netconf_proxy);
-    EXPECT_EQ(vrf_config_file_recreate("red"), -1);
-    EXPECT_FALSE(path_exists(vrf_file));
-    EXPECT_FALSE(path_exists(paths::temporary_file));
 }
 
 }  // namespace

@@ -75,4 +75,10 @@ TEST_F(files_test, a_failed_copy_is_reported) {
     EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").size(), 1u);
 }
 
+TEST_F(files_test, the_path_of_a_vrfs_file) {
+    char path[100];
+    vrf_config_file_path("red", path, sizeof path);
+    EXPECT_STREQ(path, "/var/opt/norvo/norvossh/sshd_config_red");
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "../agent_test.h"
+#include "config_files/vrf_node.h"
 
 namespace {
 

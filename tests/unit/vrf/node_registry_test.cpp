@@ -2,6 +2,7 @@
 
 #include "allocation_failure.h"
 #include "config_files/parameter_table.h"
+#include "config_files/vrf_node.h"
 #include "vrf_test.h"
 
 namespace {

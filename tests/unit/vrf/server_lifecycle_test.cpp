@@ -308,21 +308,4 @@ TEST_F(prepare_vrf_file_test, a_set_change_flag_stays_set) {
     EXPECT_EQ(change, 1u);
 }
 
-// --- Namespaces -----------------------------------------------------------------------------------------------------
-
-using namespace_test = vrf_test;
-
-TEST_F(namespace_test, exists_when_its_file_does) {
-    EXPECT_FALSE(vrf_namespace_exists("red"));
-    add_namespace("red");
-    EXPECT_TRUE(vrf_namespace_exists("red"));
-    EXPECT_FALSE(vrf_namespace_exists("re"));
-}
-
-TEST_F(namespace_test, is_named_after_its_vrf) {
-    char name[64];
-    vrf_namespace_name("red", name, sizeof name);
-    EXPECT_STREQ(name, "vrf-red");
-}
-
 }  // namespace

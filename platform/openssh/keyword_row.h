@@ -1,0 +1,64 @@
+/// A row of a keyword table: what becomes of one keyword; and short ways to write such rows.
+#ifndef OPENSSH_KEYWORD_ROW_H
+#define OPENSSH_KEYWORD_ROW_H
+
+#include <string_view>
+
+#include "openssh/algorithms.h"
+#include "openssh/value_forms.h"
+
+namespace openssh {
+
+enum class treatment {
+    pass,             ///< written as it stands when its form is right
+    list,             ///< an algorithm list, cut to what is known and permitted
+    additional_keys,  ///< key algorithms that are accepted besides sshd's own
+    host_keys,        ///< one file or a comma-separated list of them
+    fips_mode,        ///< not written: it decides how the lists are cut
+    leave_out,        ///< stock sshd has no means, or the launcher decides
+    end_of_settings,  ///< leaves out the line and everything behind it
+};
+
+/// Which later lines of the same keyword are left out, as sshd takes the first or fails at a second one.
+enum class repetition { once, by_first_word, by_value };
+
+struct keyword_row {
+    std::string_view keyword;  ///< in the file; compared without regard to case
+    treatment how;
+    /// The keyword that is written, where it differs. Empty: the same.
+    std::string_view written_as = {};
+    value_form form = nullptr;  ///< for `pass`
+    repetition repeats = repetition::once;
+    algorithm_kind kind = algorithm_kind::cipher;  ///< for `list` and `additional_keys`
+    /// For `pass`: the value that is written when the file has no good one. Empty: none is written.
+    std::string_view otherwise = {};
+    const char* reason = "";  ///< for `leave_out` and `end_of_settings`: told to the operator
+
+    std::string_view output_keyword() const { return written_as.empty() ? keyword : written_as; }
+};
+
+constexpr keyword_row pass(std::string_view keyword, value_form form, repetition repeats = repetition::once,
+                           std::string_view otherwise = {}) {
+    return {.keyword = keyword, .how = treatment::pass, .form = form, .repeats = repeats, .otherwise = otherwise};
+}
+
+constexpr keyword_row list(std::string_view keyword, algorithm_kind kind, std::string_view written_as = {}) {
+    return {.keyword = keyword, .how = treatment::list, .written_as = written_as, .kind = kind};
+}
+
+constexpr keyword_row leave_out(std::string_view keyword, const char* reason) {
+    return {.keyword = keyword, .how = treatment::leave_out, .reason = reason};
+}
+
+/// A setting of OpenSSH's that the agent never writes, for files that an operator has edited; the program itself judges it.
+constexpr keyword_row stock(std::string_view keyword) {
+    return pass(keyword, is_any_text);
+}
+
+constexpr keyword_row stock_repeated(std::string_view keyword) {
+    return pass(keyword, is_any_text, repetition::by_value);
+}
+
+}  // namespace openssh
+
+#endif
