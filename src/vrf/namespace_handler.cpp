@@ -14,7 +14,7 @@
 #include "core/text.h"
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
-#include "vrf/access_lists.h"
+#include "vrf/acl_attachment.h"
 #include "vrf/protection.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"

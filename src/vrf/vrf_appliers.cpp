@@ -12,7 +12,7 @@
 #include "core/upcalls.h"
 #include "platform/mpp.h"
 #include "platform/value_tuple.h"
-#include "vrf/access_lists.h"
+#include "vrf/acl_attachment.h"
 #include "vrf/node_registry.h"
 #include "vrf/protection.h"
 #include "vrf/server_lifecycle.h"

@@ -1,4 +1,4 @@
-#include "vrf/access_lists.h"
+#include "vrf/acl_attachment.h"
 
 #include "core/debug.h"
 #include "core/log.h"

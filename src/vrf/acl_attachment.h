@@ -1,8 +1,8 @@
 /// Access lists of a VRF's servers, as far as the VRF and namespace handlers deal with them.
 ///
 /// An agent without access lists has nothing to do here: every function then succeeds.
-#ifndef VRF_ACCESS_LISTS_H
-#define VRF_ACCESS_LISTS_H
+#ifndef VRF_ACL_ATTACHMENT_H
+#define VRF_ACL_ATTACHMENT_H
 
 #include <cstdint>
 
