@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "acl/acl_types.h"
 #include "acl/nft_files.h"
 #include "acl/rule_conversion.h"
 #include "acl/subscription.h"
@@ -26,6 +25,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "platform/event_manager.h"
 #include "scratch_root.h"
+#include "vrf/acl_types.h"
 #include "vrf/node_registry.h"
 
 namespace {

@@ -1,10 +1,10 @@
 #include "acl/acl_family.h"
 
-#include "acl/acl_types.h"
 #include "acl/rule_conversion.h"
 #include "core/paths.h"
 #include "platform/acl_entry.h"
 #include "platform/record_codec.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

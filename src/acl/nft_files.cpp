@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "acl/acl_family.h"
-#include "acl/acl_types.h"
 #include "acl/command_words.h"
 #include "acl/trace_points.h"
 #include "config_files/vrf_node.h"
@@ -17,6 +17,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/text.h"
+#include "vrf/acl_types.h"
 
 namespace {
 
@@ -39,16 +40,30 @@ constexpr nft_family ipv6_family = {
 };
 
 struct nft_table {
+    acl_type type;  ///< the row's position
     const char* name;
     const nft_family* family;  ///< null for the row that stands for all
     uint32_t port;
 };
 
-constexpr nft_table tables[acl_type_count] = {
-    {"norvossh_v4acl", &ipv4_family, ssh_port}, {"netconf_v4acl", &ipv4_family, netconf_port},
-    {"norvossh_v6acl", &ipv6_family, ssh_port}, {"netconf_v6acl", &ipv6_family, netconf_port},
-    {"norvossh_acl_all", nullptr, 0},
+constexpr nft_table tables[] = {
+    {acl_ssh_v4, "norvossh_v4acl", &ipv4_family, ssh_port},
+    {acl_netconf_v4, "netconf_v4acl", &ipv4_family, netconf_port},
+    {acl_ssh_v6, "norvossh_v6acl", &ipv6_family, ssh_port},
+    {acl_netconf_v6, "netconf_v6acl", &ipv6_family, netconf_port},
+    {acl_all, "norvossh_acl_all", nullptr, 0},
 };
+
+constexpr bool tables_stand_at_their_types() {
+    for (uint32_t type = 0; type < acl_type_count; ++type) {
+        if (tables[type].type != type) {
+            return false;
+        }
+    }
+    return true;
+}
+
+static_assert(std::size(tables) == acl_type_count && tables_stand_at_their_types());
 
 /// The order in which all tables are declared and flushed.
 constexpr acl_type all_tables[] = {acl_ssh_v4, acl_ssh_v6, acl_netconf_v4, acl_netconf_v6};

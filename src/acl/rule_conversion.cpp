@@ -7,11 +7,11 @@
 #include <cstring>
 #include <iterator>
 
-#include "acl/acl_types.h"
 #include "acl/rule_matches.h"
 #include "acl/rule_text.h"
 #include "core/debug.h"
 #include "platform/acl_service.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <bit>
 
-#include "acl/acl_types.h"
 #include "core/debug.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

@@ -14,13 +14,13 @@ struct upcalls {
     int (*ssh_process_restart)(uint32_t start, const char* vrf_name);  ///< 1 restarts, 0 stops; 0 or -1
     void (*delete_vrf_node)(vrf_node* node);
 
-    // acl/, for the VRF and namespace handlers. `kind`: 0 SSH IPv4, 1 NETCONF IPv4, 2 SSH IPv6, 3 NETCONF IPv6.
+    // acl/, for the VRF and namespace handlers. `type` is an acl_type: 0 SSH IPv4, 1 NETCONF IPv4, 2 SSH IPv6, 3 NETCONF IPv6.
     int (*create_nft_table)(const char* vrf_name);                    ///< 0 or -1
-    int (*ssh_flush_nft_table)(const char* vrf_name, uint32_t kind);  ///< 0 or -1
-    int (*ssh_configure_v4acl)(vrf_node* node, uint32_t kind);        ///< 0 or -1
-    int (*ssh_configure_v6acl)(vrf_node* node, uint32_t kind);        ///< 0 or -1
-    void (*ssh_remove_v4acl_config)(vrf_node* node, uint32_t kind);
-    void (*ssh_remove_v6acl_config)(vrf_node* node, uint32_t kind);
+    int (*ssh_flush_nft_table)(const char* vrf_name, uint32_t type);  ///< 0 or -1
+    int (*ssh_configure_v4acl)(vrf_node* node, uint32_t type);        ///< 0 or -1
+    int (*ssh_configure_v6acl)(vrf_node* node, uint32_t type);        ///< 0 or -1
+    void (*ssh_remove_v4acl_config)(vrf_node* node, uint32_t type);
+    void (*ssh_remove_v6acl_config)(vrf_node* node, uint32_t type);
 
     // oper/
     void (*ocssh_telemetry_publish)();

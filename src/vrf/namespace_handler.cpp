@@ -31,13 +31,13 @@ constexpr size_t command_size = 512;
 // The NETCONF IPv6 list goes to the IPv4 routine here, unlike when its item is applied: that is how a namespace's
 // return has always been handled, and what the tables of a returned VRF hold depends on it.
 constexpr acl_slot lists_in_order[] = {
-    {&vrf_node::ssh_v4_acl, ACL_SSH_V4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
+    {&vrf_node::ssh_v4_acl, acl_ssh_v4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
      "Failed to configure ssh v4 acl", "vrf: "},
-    {&vrf_node::netconf_v4_acl, ACL_NETCONF_V4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
+    {&vrf_node::netconf_v4_acl, acl_netconf_v4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
      "Failed to configure netconf v4 acl", "vrf: "},
-    {&vrf_node::ssh_v6_acl, ACL_SSH_V6, &upcalls::ssh_configure_v6acl, nullptr, nullptr,
+    {&vrf_node::ssh_v6_acl, acl_ssh_v6, &upcalls::ssh_configure_v6acl, nullptr, nullptr,
      "Failed to configure ssh v6 acl", "vrf: "},
-    {&vrf_node::netconf_v6_acl, ACL_NETCONF_V6, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
+    {&vrf_node::netconf_v6_acl, acl_netconf_v6, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
      "Failed to configure netconf v6 acl", "vrf: "},
 };
 

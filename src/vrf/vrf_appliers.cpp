@@ -70,9 +70,9 @@ constexpr server_kind ssh_server = {
     .subsystem = nullptr,
     .follows_default_vrf = true,
     .restarts_remaining_server = false,
-    .v4 = {&vrf_node::ssh_v4_acl, ACL_SSH_V4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
+    .v4 = {&vrf_node::ssh_v4_acl, acl_ssh_v4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
            "Failed to configure v4 acl = %s", "Failed to configure v4 acl", "for vrf: "},
-    .v6 = {&vrf_node::ssh_v6_acl, ACL_SSH_V6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
+    .v6 = {&vrf_node::ssh_v6_acl, acl_ssh_v6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
            "Failed to configure v6 acl = %s", "Failed to configure v6 acl", "for vrf: "},
 };
 
@@ -86,9 +86,9 @@ constexpr server_kind netconf_server = {
     .subsystem = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1",
     .follows_default_vrf = false,
     .restarts_remaining_server = true,
-    .v4 = {&vrf_node::netconf_v4_acl, ACL_NETCONF_V4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
+    .v4 = {&vrf_node::netconf_v4_acl, acl_netconf_v4, &upcalls::ssh_configure_v4acl, &upcalls::ssh_remove_v4acl_config,
            "Failed to configure netconf v4 acl = %s", "Failed to configure netconf v4 acl", "for vrf: "},
-    .v6 = {&vrf_node::netconf_v6_acl, ACL_NETCONF_V6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
+    .v6 = {&vrf_node::netconf_v6_acl, acl_netconf_v6, &upcalls::ssh_configure_v6acl, &upcalls::ssh_remove_v6acl_config,
            "Failed to configure netconf v6 acl = %s", "Failed to configure netconf v6 acl", "for vrf: "},
 };
 

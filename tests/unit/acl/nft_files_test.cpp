@@ -2,9 +2,9 @@
 
 #include <cerrno>
 
-#include "acl/acl_types.h"
 #include "acl_test.h"
 #include "call_faults.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 
 #include <random>
 
-#include "acl/acl_types.h"
 #include "acl_test.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

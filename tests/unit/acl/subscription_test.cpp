@@ -3,10 +3,10 @@
 #include <cerrno>
 #include <set>
 
-#include "acl/acl_types.h"
 #include "acl_test.h"
 #include "call_faults.h"
 #include "scratch_root.h"
+#include "vrf/acl_types.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 /// Kinds of access lists: which service they protect, in which address family.
-#ifndef ACL_ACL_TYPES_H
-#define ACL_ACL_TYPES_H
+#ifndef VRF_ACL_TYPES_H
+#define VRF_ACL_TYPES_H
 
 #include <cstdint>
 
