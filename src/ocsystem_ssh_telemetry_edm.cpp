@@ -68,7 +68,7 @@ platform_status ssh_telemetry_fill_bag(datastore_read_request* request, const ch
         debug_print_for(debug_telemetry, "Failed to encode oc ssh telemetry bag, error %s.",
                         platform_status_text(status));
         log_status(ERR_ERRNO, status, "Failed to encode oc ssh telemetry bag");
-        trace_error(oper_trace_telemetry, {status});
+        trace_error(oper_trace_telemetry, {"encode", status});
         return status;
     }
     status = datastore_request_set_record(request, descriptor, encoded, size);

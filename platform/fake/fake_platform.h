@@ -25,6 +25,7 @@
 #include "platform/log_message.h"
 #include "platform/process_manager.h"
 #include "platform/status.h"
+#include "platform/trace.h"
 #include "platform/value_tuple.h"
 
 namespace fake_platform {
@@ -256,7 +257,8 @@ void preset_debug_flag(uint32_t id, bool on);
 
 struct trace_line {
     std::string buffer;
-    uint32_t point;
+    uint32_t code;
+    const trace_point* point;  ///< null: the code has no description
     std::vector<std::string> arguments;
 };
 const std::vector<trace_line>& trace_lines();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <span>
 
 #include "fake_internal.h"
 #include "platform/debug.h"
@@ -11,6 +12,7 @@
 
 struct trace_buffer {
     std::string name;
+    std::span<const trace_point> points;
 };
 
 namespace fake_platform {
@@ -48,6 +50,12 @@ class errno_keeper {
   private:
     int kept_;
 };
+
+const trace_point* point_of(const trace_buffer& buffer, uint32_t code) {
+    const auto found =
+        std::find_if(buffer.points.begin(), buffer.points.end(), [=](const trace_point& p) { return p.code == code; });
+    return found != buffer.points.end() ? &*found : nullptr;
+}
 
 std::string argument_text(const trace_argument& argument) {
     return argument.text != nullptr ? argument.text : std::to_string(argument.number);
@@ -180,18 +188,24 @@ void debug_write(uint32_t id, const char* line) {
 platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t bytes, trace_buffer** buffer) {
     const platform_status status = enter("trace_buffer_create", {name, entries, bytes});
     if (status == PLATFORM_OK) {
-        reports.buffers.push_back(std::make_unique<trace_buffer>(trace_buffer{name}));
+        reports.buffers.push_back(std::make_unique<trace_buffer>(trace_buffer{name, {}}));
         *buffer = reports.buffers.back().get();
     }
     return status;
 }
 
-void trace_write(trace_buffer* buffer, uint32_t trace_point, const trace_argument* arguments, uint32_t count) {
+void trace_buffer_describe(trace_buffer* buffer, const trace_point* points, uint32_t count) {
+    if (buffer != nullptr) {
+        buffer->points = {points, count};
+    }
+}
+
+void trace_write(trace_buffer* buffer, uint32_t code, const trace_argument* arguments, uint32_t count) {
     const errno_keeper keeper;
     if (buffer == nullptr || !internal::recording()) {
         return;
     }
-    trace_line line = {buffer->name, trace_point, {}};
+    trace_line line = {buffer->name, code, point_of(*buffer, code), {}};
     for (uint32_t i = 0; i < count && i < TRACE_ARGUMENTS_MAX; i++) {
         line.arguments.push_back(argument_text(arguments[i]));
     }

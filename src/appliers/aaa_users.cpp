@@ -27,7 +27,7 @@ platform_status compare_user(datastore_binding* binding, const char* index, cons
     }
     if (count > 1) {
         log_error("Something wrong in datastore. More than one user under single index value ");
-        trace_error(appliers_trace_user_list, {path, count});
+        trace_error(appliers_trace_user_duplicate, {path, count});
         datastore_list_free(users);
         return 1;
     }
@@ -43,7 +43,7 @@ platform_status search_indexes(datastore_binding* binding, const char* user_name
     platform_status status = datastore_list_get(binding, "", -1, &indexes, &count);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, " No OrderingIndex in List ");
-        trace_error(appliers_trace_user_list, {status});
+        trace_error(appliers_trace_user_list, {"username/", status});
         const bool nobody = status == DATASTORE_NO_SUCH_LIST || status == DATASTORE_NO_SUCH_TREE;
         return nobody ? platform_status{PLATFORM_OK} : status;
     }

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "config_files/parameter_table.h"
+#include "core/trace.h"
 #include "fips/list_filter.h"
 
 inline constexpr size_t kex_list_size = 230;  ///< 229 characters and NUL
@@ -35,10 +36,10 @@ struct algorithm_texts {
 };
 
 struct algorithm_trace_points {
-    uint32_t kex;
-    uint32_t cipher;
-    uint32_t legacy_cipher;
-    uint32_t mac;
+    trace_event_point kex;
+    trace_event_point cipher;
+    trace_event_point legacy_cipher;
+    trace_event_point mac;
 };
 
 struct algorithm_side {

@@ -43,7 +43,7 @@ struct list_rules {
     std::span<const char* const> names;         ///< all there are; as many fit a list
     std::span<const char* const> outside_fips;  ///< refused in FIPS mode
     const char* dropped_name;                   ///< its applier drops it, so it must not be alone
-    uint32_t trace_point;
+    trace_error_point trace_point;
     const char* unpack_tag;
     const char* unpack_text;
     const char* question_text;

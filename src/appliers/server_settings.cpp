@@ -177,7 +177,7 @@ bool server_debug_level_is_on() {
 }
 
 /// Tells the operator why the item is refused.
-platform_status refuse_port_forwarding(const char* text, appliers_trace_point point, uint32_t number) {
+platform_status refuse_port_forwarding(const char* text, trace_error_point point, uint32_t number) {
     log_error(text);
     trace_error(point, {number});
     return 1;

@@ -5,7 +5,6 @@
 #include "config_files/config_writer.h"
 #include "core/debug.h"
 #include "core/text.h"
-#include "core/trace.h"
 #include "core/upcalls.h"
 
 namespace {

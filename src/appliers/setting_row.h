@@ -6,6 +6,7 @@
 
 #include "config_files/line_entry.h"
 #include "config_files/parameter_table.h"
+#include "core/trace.h"
 #include "platform/datastore_backend.h"
 
 struct setting_row;
@@ -27,7 +28,7 @@ using setting_text_maker = const char* (*)(const setting_row& row, const uint32_
 struct setting_row {
     line_entry* entry;
     const char* event_text;  ///< debug format with the event
-    uint32_t trace_point;
+    trace_event_point trace_point;
     char* buffer;  ///< setting_text_size bytes that the current text may stand in
     setting_text_maker make_text;
     void (*announce)(const char* text);  ///< debug print of the new current text; null: none

@@ -1,60 +1,63 @@
-/// Trace points of appliers/.
+/// Trace points: settings, algorithms, trustpoints and keys.
 #ifndef APPLIERS_TRACE_POINTS_H
 #define APPLIERS_TRACE_POINTS_H
 
-#include <cstdint>
-
 #include "core/trace.h"
 
-enum appliers_trace_point : uint32_t {
-    appliers_trace_logging = trace_room_appliers,
-    appliers_trace_server_dscp,
-    appliers_trace_timeout,
-    appliers_trace_max_auth_limit,
-    appliers_trace_rate_limit,
-    appliers_trace_session_limit,
-    appliers_trace_port_forwarding,
-    appliers_trace_server_window_scale,
-    appliers_trace_server_rekey_time,
-    appliers_trace_server_rekey_volume,
-    appliers_trace_port_forwarding_value,
-    appliers_trace_port_forwarding_event,
-    appliers_trace_vrf_name,
-    appliers_trace_kex_refused,
-    appliers_trace_cipher_refused,
-    appliers_trace_host_key_refused,
-    appliers_trace_mac_refused,
-    appliers_trace_unpack,
-    appliers_trace_fips_question,
-    appliers_trace_server_kex,
-    appliers_trace_server_cipher,
-    appliers_trace_server_legacy_cipher,
-    appliers_trace_server_mac,
-    appliers_trace_host_key,
-    appliers_trace_client_kex,
-    appliers_trace_client_cipher,
-    appliers_trace_client_legacy_cipher,
-    appliers_trace_client_mac,
-    appliers_trace_cipher_write,
-    appliers_trace_memory,
-    appliers_trace_client_version,
-    appliers_trace_client_dscp,
-    appliers_trace_client_known_hosts,
-    appliers_trace_client_host_key_checking,
-    appliers_trace_client_window_scale,
-    appliers_trace_client_rekey_time,
-    appliers_trace_client_rekey_volume,
-    appliers_trace_trustpoint_host,
-    appliers_trace_trustpoint_user,
-    appliers_trace_trustpoint_event,
-    appliers_trace_trustpoint_refused,
-    appliers_trace_trustpoint_cut,
-    appliers_trace_certificate_username,
-    appliers_trace_item_name,
-    appliers_trace_user_key,
-    appliers_trace_user_key_refused,
-    appliers_trace_user_list,
-    // Codes are kept for good: append.
-};
+// clang-format off
+#define APPLIERS_TRACE_POINTS(ERROR, EVENT)                                                                        \
+    EVENT(0x400, appliers, logging, "server setting logging applied", "event", "value")                            \
+    EVENT(0x401, appliers, server_dscp, "server setting dscp applied", "event", "value")                           \
+    EVENT(0x402, appliers, timeout, "server setting timeout applied", "event", "value")                            \
+    EVENT(0x403, appliers, max_auth_limit, "server setting max-auth-limit applied", "event", "value")              \
+    EVENT(0x404, appliers, rate_limit, "server setting rate-limit applied", "event", "value")                      \
+    EVENT(0x405, appliers, session_limit, "server setting session-limit applied", "event", "value")                \
+    EVENT(0x406, appliers, port_forwarding, "server setting port forwarding applied", "event", "value")            \
+    EVENT(0x407, appliers, server_window_scale, "server setting window scale applied", "event", "value")           \
+    EVENT(0x408, appliers, server_rekey_time, "server setting rekey-time applied", "event", "value")               \
+    EVENT(0x409, appliers, server_rekey_volume, "server setting rekey-volume applied", "event", "value")           \
+    ERROR(0x40a, appliers, port_forwarding_value, "value of port forwarding out of range", "value")                \
+    ERROR(0x40b, appliers, port_forwarding_event, "event of port forwarding unknown", "event")                     \
+    ERROR(0x40c, appliers, vrf_name, "VRF name refused", "reason")                                                 \
+    ERROR(0x40d, appliers, kex_refused, "key exchanges refused", "reason", "status")                               \
+    ERROR(0x40e, appliers, cipher_refused, "ciphers refused", "reason", "status")                                  \
+    ERROR(0x40f, appliers, host_key_refused, "host-key algorithms refused", "reason", "status")                    \
+    ERROR(0x410, appliers, mac_refused, "disabling of a MAC refused", "reason", "status")                          \
+    ERROR(0x411, appliers, unpack, "list of algorithms malformed", "tag", "status")                                \
+    ERROR(0x412, appliers, fips_question, "FIPS mode unknown", "function")                                         \
+    EVENT(0x413, appliers, server_kex, "server key exchanges applied", "event", "list")                            \
+    EVENT(0x414, appliers, server_cipher, "server ciphers applied", "event", "list")                               \
+    EVENT(0x415, appliers, server_legacy_cipher, "server legacy ciphers applied", "event", "mask", "list")         \
+    EVENT(0x416, appliers, server_mac, "server MACs applied", "event", "list")                                     \
+    EVENT(0x417, appliers, host_key, "host-key algorithms applied", "event", "list", "files")                      \
+    EVENT(0x418, appliers, client_kex, "client key exchanges applied", "event", "list")                            \
+    EVENT(0x419, appliers, client_cipher, "client ciphers applied", "event", "list")                               \
+    EVENT(0x41a, appliers, client_legacy_cipher, "client legacy ciphers applied", "event", "mask", "list")         \
+    EVENT(0x41b, appliers, client_mac, "client MACs applied", "event", "list")                                     \
+    ERROR(0x41c, appliers, cipher_write, "ciphers not written", "function", "status")                              \
+    ERROR(0x41d, appliers, memory, "out of memory", "function")                                                    \
+    EVENT(0x41e, appliers, client_version, "client setting version applied", "event", "value")                     \
+    EVENT(0x41f, appliers, client_dscp, "client setting dscp applied", "event", "value")                           \
+    EVENT(0x420, appliers, client_known_hosts, "client setting known-hosts file applied", "event", "value")        \
+    EVENT(0x421, appliers, client_host_key_checking, "client setting host-key checking applied", "event", "value") \
+    EVENT(0x422, appliers, client_window_scale, "client setting window scale applied", "event", "value")           \
+    EVENT(0x423, appliers, client_rekey_time, "client setting rekey-time applied", "event", "value")               \
+    EVENT(0x424, appliers, client_rekey_volume, "client setting rekey-volume applied", "event", "value")           \
+    EVENT(0x425, appliers, trustpoint_host, "host trustpoint applied", "event", "name")                            \
+    EVENT(0x426, appliers, trustpoint_user, "user trustpoints applied", "event", "count", "list")                  \
+    ERROR(0x427, appliers, trustpoint_event, "trustpoint change not understood", "reason")                         \
+    ERROR(0x428, appliers, trustpoint_refused, "trustpoint refused", "reason", "status")                           \
+    ERROR(0x429, appliers, trustpoint_cut, "list of user trustpoints too long and cut", "list")                    \
+    EVENT(0x42a, appliers, certificate_username, "source of certificate user names applied", "event", "value")     \
+    ERROR(0x42b, appliers, item_name, "item without a name or value", "user")                                      \
+    EVENT(0x42c, appliers, user_key, "public key of a user stored, or removed (0 bits)", "user", "bits")           \
+    ERROR(0x42d, appliers, user_key_refused, "public key of a user refused", "reason", "status")                   \
+    ERROR(0x42e, appliers, user_list, "users of the AAA service not read", "path", "status")                       \
+    ERROR(0x42f, appliers, user_key_failed, "public key of a user neither stored nor removed", "user", "status")   \
+    ERROR(0x430, appliers, user_duplicate, "more than one user below one index", "path", "count")                  \
+    ERROR(0x431, appliers, trustpoint_dropped, "user trustpoint beyond the tenth dropped", "name")
+// clang-format on
+
+APPLIERS_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)
 
 #endif

@@ -85,7 +85,7 @@ void add_name(const char* name) {
     }
     if (slot == user_trustpoint_max) {
         // One commit can bring more names than the verifier saw room for.
-        trace_error(appliers_trace_trustpoint_refused, {name});
+        trace_error(appliers_trace_trustpoint_dropped, {name});
         return;
     }
     debug_print("set match pos %d", static_cast<int>(slot));

@@ -103,7 +103,7 @@ platform_status remove_key(const char* user_name) {
     const platform_status status = key_store_set_key(&request);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, "Failed to remove the key");
-        trace_error(appliers_trace_user_key, {user_name, status});
+        trace_error(appliers_trace_user_key_failed, {user_name, status});
         return 1;
     }
     trace_event(appliers_trace_user_key, {user_name, 0});
@@ -114,7 +114,7 @@ platform_status store_key(const char* function, const char* user_name, const cha
     const work_buffer der = allocate_work_buffer();
     if (der == nullptr) {
         log_error("Failed to allocate memory for pubkey");
-        trace_error(appliers_trace_user_key, {user_name, ENOMEM});
+        trace_error(appliers_trace_user_key_failed, {user_name, ENOMEM});
         return 1;
     }
     debug_print("Key string = %s", text);
@@ -124,7 +124,7 @@ platform_status store_key(const char* function, const char* user_name, const cha
     if (status != PLATFORM_OK) {
         debug_print("%s: Failed to convert to DER format rc = (0x%x) : %s ", function, status,
                     platform_status_text(status));
-        trace_error(appliers_trace_user_key, {user_name, status});
+        trace_error(appliers_trace_user_key_failed, {user_name, status});
         return 1;
     }
     debug_print("%s: key_store_set_key, label:=%s, key-type:=%d", function, user_name, KEY_STORE_USER_PUBLIC_KEY);
@@ -133,7 +133,7 @@ platform_status store_key(const char* function, const char* user_name, const cha
     status = key_store_set_key(&request);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, "Failed to add the key");
-        trace_error(appliers_trace_user_key, {user_name, status});
+        trace_error(appliers_trace_user_key_failed, {user_name, status});
         return 1;
     }
     trace_event(appliers_trace_user_key, {user_name, bits});

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "core/debug.h"
-#include "core/trace.h"
 
 namespace {
 
@@ -13,8 +12,8 @@ constexpr size_t refusal_size = 512;
 
 }  // namespace
 
-platform_status refuse_change(char** error_text, uint32_t* accepted, platform_status status, uint32_t trace_point,
-                              const char* format, ...) {
+platform_status refuse_change(char** error_text, uint32_t* accepted, platform_status status,
+                              trace_error_point trace_point, const char* format, ...) {
     char text[refusal_size];
     va_list arguments;
     va_start(arguments, format);

@@ -4,11 +4,13 @@
 
 #include <cstdint>
 
+#include "core/trace.h"
 #include "platform/status.h"
 
 /// Tells the datastore that a change is not accepted: `*accepted` = 0 and the text for the operator, cut to 511
 /// characters, newly allocated in `*error_text`. Also prints and traces the text. Returns `status`.
-platform_status refuse_change(char** error_text, uint32_t* accepted, platform_status status, uint32_t trace_point,
-                              const char* format, ...) __attribute__((format(printf, 5, 6)));
+platform_status refuse_change(char** error_text, uint32_t* accepted, platform_status status,
+                              trace_error_point trace_point, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
 
 #endif

@@ -18,6 +18,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/trace_points.h"
+#include "core/trace_table.h"
 #include "core/upcalls.h"
 #include "fips/fips_switch.h"
 #include "host/banners.h"
@@ -167,7 +168,7 @@ void close_protection(size_t count) {
 // --- Steps ----------------------------------------------------------------------------------------------------------
 
 start_up_status create_traces() {
-    trace_initialise();
+    trace_initialise(agent_trace_table);
     return START_UP_DONE;
 }
 

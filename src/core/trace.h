@@ -4,8 +4,24 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 
 #include "platform/trace.h"
+
+/// The code of a trace point. Failures and events have types of their own, so that neither gets into the other's buffer.
+enum class trace_error_point : uint32_t {};
+enum class trace_event_point : uint32_t {};
+
+// Each module lists its trace points in its trace_points.h, one row each:
+//
+//     ERROR(0x302, vrf, vrf_id, "number of the VRF not found", "vrf", "status")
+//
+// is the failure vrf_trace_vrf_id, which the operator sees as "vrf.vrf_id", with its meaning and the labels of its
+// arguments. Codes are never given to another point: scripts select entries by them. The label "status" marks a
+// platform_status or an errno value. A list is expanded with these two into the constants for the call sites, and into
+// the rows of core/trace_table.cpp.
+#define DEFINE_TRACE_ERROR(code, module, name, ...) inline constexpr trace_error_point module##_trace_##name{code};
+#define DEFINE_TRACE_EVENT(code, module, name, ...) inline constexpr trace_event_point module##_trace_##name{code};
 
 /// An argument of a trace entry: a text or a number.
 struct trace_value : trace_argument {
@@ -15,23 +31,18 @@ struct trace_value : trace_argument {
     trace_value(uint32_t value) : trace_argument{nullptr, value} {}
 };
 
-/// First trace-point code of each room; a room numbers its call sites from here in an enum of its own.
-enum trace_room : uint32_t {
-    trace_room_core = 0x100,
-    trace_room_config_files = 0x200,
-    trace_room_vrf = 0x300,
-    trace_room_appliers = 0x400,
-    trace_room_fips = 0x500,
-    trace_room_acl = 0x600,
-    trace_room_host = 0x700,
-    trace_room_oper = 0x800,
+/// The descriptions of all trace points, in static storage.
+struct trace_table {
+    std::span<const trace_point> errors;
+    std::span<const trace_point> events;
 };
 
-/// Creates both buffers. A failure is logged and not fatal: that buffer then stays silent.
-void trace_initialise();
+/// Creates both buffers and describes their trace points. A failure is logged and not fatal: that buffer then stays
+/// silent.
+void trace_initialise(const trace_table& table = {});
 
 /// Adds an entry with at most three arguments. Both leave errno alone.
-void trace_error(uint32_t trace_point, std::initializer_list<trace_value> arguments = {});
-void trace_event(uint32_t trace_point, std::initializer_list<trace_value> arguments = {});
+void trace_error(trace_error_point point, std::initializer_list<trace_value> arguments = {});
+void trace_event(trace_event_point point, std::initializer_list<trace_value> arguments = {});
 
 #endif

@@ -1,39 +1,39 @@
-/// Trace points of host/.
+/// Trace points: banners, PAM file, reload and file systems.
 #ifndef HOST_TRACE_POINTS_H
 #define HOST_TRACE_POINTS_H
 
-#include <cstdint>
-
 #include "core/trace.h"
 
-enum host_trace_point : uint32_t {
-    host_trace_banner_notified = trace_room_host,
-    host_trace_banner_remove,
-    host_trace_banner_create,
-    host_trace_banner_write,
-    host_trace_aaa_banner_notified,
-    host_trace_pam_file,
-    host_trace_pam_inotify,
-    host_trace_pam_watch,
-    host_trace_pam_watch_lost,
-    host_trace_pam_read,
-    host_trace_shelf_create,
-    host_trace_shelf_connect,
-    host_trace_shelf_connected,
-    host_trace_shelf_register,
-    host_trace_shelf_disconnected,
-    host_trace_reload,
-    host_trace_reload_timer,
-    host_trace_session_list,
-    host_trace_sessions_found,
-    host_trace_session_signal,
-    host_trace_sessions_signalled,
-    host_trace_sessions_remain,
-    host_trace_sessions_gone,
-    host_trace_reload_acknowledge,
-    host_trace_reload_abandoned,
-    host_trace_file_system_list,
-    // Codes are kept for good: append.
-};
+// clang-format off
+#define HOST_TRACE_POINTS(ERROR, EVENT)                                                                             \
+    EVENT(0x700, host, banner_notified, "banner changed", "item", "event")                                          \
+    ERROR(0x701, host, banner_remove, "banner file not removed", "file", "status")                                  \
+    ERROR(0x702, host, banner_create, "banner file not created", "file", "status")                                  \
+    ERROR(0x703, host, banner_write, "banner file not written", "file", "mode", "status")                           \
+    EVENT(0x704, host, aaa_banner_notified, "banner of the AAA service changed", "item", "event")                   \
+    ERROR(0x705, host, pam_file, "PAM file not opened", "file", "mode", "status")                                   \
+    ERROR(0x706, host, pam_inotify, "no inotify instance for the PAM file", "status")                               \
+    ERROR(0x707, host, pam_watch, "PAM folder not watched", "folder", "status")                                     \
+    ERROR(0x708, host, pam_watch_lost, "watch on the PAM folder lost", "folder")                                    \
+    ERROR(0x709, host, pam_read, "events of the PAM folder not read", "status")                                     \
+    ERROR(0x70a, host, shelf_create, "handle of the shelf manager not created", "status")                           \
+    ERROR(0x70b, host, shelf_connect, "shelf manager not reached", "status")                                        \
+    EVENT(0x70c, host, shelf_connected, "shelf manager connected")                                                  \
+    ERROR(0x70d, host, shelf_register, "reload notices not registered for", "status")                               \
+    EVENT(0x70e, host, shelf_disconnected, "shelf manager disconnected")                                            \
+    EVENT(0x70f, host, reload, "router is about to be reloaded")                                                    \
+    ERROR(0x710, host, reload_timer, "timer of the reload failed", "problem", "status")                             \
+    ERROR(0x711, host, session_list, "sessions not listed", "file", "status")                                       \
+    EVENT(0x712, host, sessions_found, "sessions to end before the reload", "active")                               \
+    ERROR(0x713, host, session_signal, "session not signalled", "pid", "status")                                    \
+    EVENT(0x714, host, sessions_signalled, "sessions signalled", "active", "signals")                               \
+    ERROR(0x715, host, sessions_remain, "sessions still running", "active", "terminated")                           \
+    EVENT(0x716, host, sessions_gone, "all sessions ended", "active", "signals", "terminated")                      \
+    ERROR(0x717, host, reload_acknowledge, "reload not acknowledged", "status")                                     \
+    ERROR(0x718, host, reload_abandoned, "reload given up, servers start again", "active", "terminated", "signals") \
+    ERROR(0x719, host, file_system_list, "list of file systems not published", "problem", "status")
+// clang-format on
+
+HOST_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)
 
 #endif

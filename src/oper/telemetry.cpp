@@ -35,7 +35,7 @@ void ocssh_telemetry_init() {
     const platform_status status = telemetry_producer_init(producer_name, paths::telemetry_event, agent.event_manager);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, producer_name);
-        trace_error(oper_trace_telemetry, {producer_name, status});
+        trace_error(oper_trace_telemetry, {"create", status});
     }
 }
 
@@ -44,6 +44,6 @@ void ocssh_telemetry_publish() {
     if (status != PLATFORM_OK) {
         debug_print_for(debug_telemetry, "%s:%d Failed to publish, error: %s", __func__, __LINE__,
                         platform_status_text(status));
-        trace_error(oper_trace_telemetry, {status});
+        trace_error(oper_trace_telemetry, {"publish", status});
     }
 }

@@ -6,7 +6,7 @@
 
 namespace {
 
-void trace_failure(platform_status status, vrf_trace_point point, const char* vrf_name) {
+void trace_failure(platform_status status, trace_error_point point, const char* vrf_name) {
     if (status != PLATFORM_OK) {
         trace_error(point, {vrf_name, status});
     }

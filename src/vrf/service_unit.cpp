@@ -62,8 +62,8 @@ struct file_reports {
     const char* open_failed;
     const char* write_failed;
     const char* traced_mode;
-    vrf_trace_point open_point;
-    vrf_trace_point write_point;
+    trace_error_point open_point;
+    trace_error_point write_point;
 };
 
 constexpr file_reports unit_reports = {

@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import signal
 import subprocess
 
@@ -179,6 +180,13 @@ def test_traces_grow_with_events():
     assert after != before and after[-1]["time"] >= after[0]["time"]
     assert tool("trace", "event").stdout.count("\n") == len(router.ctl("trace", "event"))
     assert tool("trace", "errors").returncode == 2
+
+
+def test_traces_have_names_and_labels():
+    router.set_item("cmn/timeout", 46)
+    entry = next(e for e in reversed(router.ctl("trace", "event")) if e["name"] == "appliers.timeout")
+    assert (entry["point"], entry["arguments"]["value"]) == (0x402, "46")
+    assert re.search(r'Z  appliers\.timeout  event \d, value "46"\n', tool("trace", "event").stdout)
 
 
 def test_the_audit_names_user_process_call_and_result(journal):

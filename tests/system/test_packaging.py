@@ -139,7 +139,7 @@ def test_generator_without_a_place_to_write_to_does_not_fail_the_reload():
     assert subprocess.run([GENERATOR, "/nonexistent"], check=False, capture_output=True).returncode == 0
 
 
-@pytest.mark.parametrize("page", ["man1/ssh_cfg_ctl.1", "man8/ssh_cfg_agent.8"])
+@pytest.mark.parametrize("page", ["man1/ssh_cfg_ctl.1", "man7/ssh_cfg_trace.7", "man8/ssh_cfg_agent.8"])
 def test_manual_pages_are_well_formed(page):
     result = run("groff", "-man", "-Tutf8", "-ww", "-z", f"/usr/share/man/{page}")
     assert result.stderr == ""

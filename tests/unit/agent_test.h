@@ -1,4 +1,4 @@
-/// A test of the agent's rooms: begins on a node on which the agent has never run.
+/// A test of the agent's modules: starts on a node on which the agent has never run.
 #ifndef UNIT_AGENT_TEST_H
 #define UNIT_AGENT_TEST_H
 
@@ -12,7 +12,7 @@
 #include "core/agent_state.h"
 #include "core/paths.h"
 #include "core/start_up.h"
-#include "core/trace.h"
+#include "core/trace_table.h"
 #include "core/upcalls.h"
 #include "fake/fake_platform.h"
 #include "files.h"
@@ -23,9 +23,18 @@ class agent_test : public testing::Test {
   protected:
     agent_test() {
         std::filesystem::create_directories("/var/opt/norvo");
-        trace_initialise();
+        trace_initialise(agent_trace_table);
         fake_platform::clear_calls();
         fill_parameter_tables();
+    }
+
+    /// Nothing is traced with more arguments than its trace point has labels for.
+    ~agent_test() override {
+        for (const fake_platform::trace_line& line : fake_platform::trace_lines()) {
+            if (line.point != nullptr && !line.arguments.empty()) {
+                EXPECT_NE(line.point->labels[line.arguments.size() - 1], nullptr) << line.point->name;
+            }
+        }
     }
 
     /// Starts the agent in a process that has registered nothing yet, as each of its processes does.

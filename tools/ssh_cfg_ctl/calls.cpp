@@ -274,18 +274,44 @@ std::string load_text(const control_json& answer) {
     return text + (check ? " (checked only, nothing is stored)\n" : "\n");
 }
 
+std::string hexadecimal(uint32_t number) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%x", number);
+    return text;
+}
+
+std::string trace_name(const control_json& entry) {
+    const auto name = entry.find("name");
+    const bool is_named = name != entry.end() && name->is_string();
+    return is_named ? name->get<std::string>() : hexadecimal(entry.value("point", 0U));
+}
+
+/// A status beyond the errno values is one of the platform's codes, which are known by their hexadecimal form.
+std::string trace_argument_text(const std::string& label, const control_json& value) {
+    constexpr int64_t errno_max = 4095;
+    if (value.is_string()) {
+        return label + " \"" + control_printable(value.get_ref<const std::string&>(), 1024) + '"';
+    }
+    const bool is_code = label == "status" && value.is_number_integer() && value.get<int64_t>() > errno_max;
+    return label + ' ' + (is_code ? hexadecimal(value.get<uint32_t>()) : control_json_text(value));
+}
+
+std::string trace_arguments_text(const control_json& entry) {
+    std::string text;
+    const control_json arguments = entry.value("arguments", control_json::object());
+    for (const auto& [label, value] : arguments.items()) {
+        text += (text.empty() ? "  " : ", ") + trace_argument_text(label, value);
+        if (label == "status" && entry.contains("error")) {
+            text += " (" + control_printable(entry.value("error", ""), 1024) + ')';
+        }
+    }
+    return text;
+}
+
 std::string trace_text(const control_json& answer) {
     std::string text;
     for (const control_json& entry : data_of(answer)) {
-        char point[16];
-        snprintf(point, sizeof point, "0x%08x", entry.value("point", 0U));
-        text += entry.value("time", "") + "  " + point;
-        for (const control_json& argument : entry.value("arguments", control_json::array())) {
-            text += "  " + control_printable(argument.is_string() ? argument.get_ref<const std::string&>()
-                                                                  : control_json_text(argument),
-                                             1024);
-        }
-        text += '\n';
+        text += entry.value("time", "") + "  " + trace_name(entry) + trace_arguments_text(entry) + '\n';
     }
     return text.empty() ? "no entries\n" : text;
 }

@@ -23,10 +23,24 @@ struct trace_argument {
 /// Creates a ring of `entries` entries of at most `bytes` bytes in all, under a name by which people find it.
 platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t bytes, struct trace_buffer** buffer);
 
+/// What people see of a trace point. All texts are UTF-8 without control characters.
+struct trace_point {
+    uint32_t code;                            ///< the number that entries carry
+    const char* name;                         ///< such as "vrf.restarted": letters, digits, '_' and '.'
+    const char* meaning;                      ///< what happened, in a few words
+    const char* labels[TRACE_ARGUMENTS_MAX];  ///< of the arguments in their order; null behind the last one
+};
+
+/// Describes the trace points of a buffer, so that whoever reads its entries gives the name for the code and the labels
+/// for the arguments. "status" is the label of a platform_status or errno value. The array stays the caller's and must
+/// live as long as the process; a second call replaces the first. Entries of points without a description are accepted
+/// and shown by their code. A null buffer is accepted and nothing happens. A platform whose reader has no use for names
+/// leaves this empty.
+void trace_buffer_describe(struct trace_buffer* buffer, const struct trace_point* points, uint32_t count);
+
 /// Adds an entry with up to TRACE_ARGUMENTS_MAX arguments; the oldest one makes room. A null buffer is accepted and
 /// nothing happens. Leaves errno alone.
-void trace_write(struct trace_buffer* buffer, uint32_t trace_point, const struct trace_argument* arguments,
-                 uint32_t count);
+void trace_write(struct trace_buffer* buffer, uint32_t code, const struct trace_argument* arguments, uint32_t count);
 
 #ifdef __cplusplus
 }

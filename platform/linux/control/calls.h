@@ -24,7 +24,8 @@
 /// An answer with "next" is not the last one: the request in it is to be made after a short while.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
-/// status an object. Commits answer with "items" (path and outcome) and, when an applier failed, "warnings" (path and
+/// status an object. An entry of a trace has time, point (the number), name (null for a point without a description),
+/// arguments (an object by label) and, when the argument "status" tells of a failure, error (its text). Commits answer with "items" (path and outcome) and, when an applier failed, "warnings" (path and
 /// message).
 #ifndef LINUX_CONTROL_CALLS_H
 #define LINUX_CONTROL_CALLS_H

@@ -102,16 +102,35 @@ control_json switch_flag(const std::string& flag, bool on, const control_peer& p
     return answer;
 }
 
+/// The label of an argument, or its place from 1 on when there is none.
+std::string trace_label(const trace_record& record, size_t place) {
+    const char* label = record.point != nullptr ? record.point->labels[place] : nullptr;
+    return label != nullptr ? label : std::to_string(place + 1);
+}
+
+control_json trace_arguments_json(const trace_record& record) {
+    control_json arguments = control_json::object();
+    for (size_t i = 0; i < record.arguments.size(); ++i) {
+        const trace_value& argument = record.arguments[i];
+        arguments[trace_label(record, i)] =
+            argument.is_text ? control_json(argument.text) : control_json(argument.number);
+    }
+    return arguments;
+}
+
 control_json trace_entry_json(const trace_record& record) {
     constexpr uint64_t second = 1'000'000;
-    control_json arguments = control_json::array();
-    for (const trace_value& argument : record.arguments) {
-        arguments.push_back(argument.is_text ? control_json(argument.text) : control_json(argument.number));
+    const control_json arguments = trace_arguments_json(record);
+    control_json entry = {{"time", utc_time(record.microseconds / second, "%Y-%m-%dT%H:%M:%S") +
+                                       text_format(".%06uZ", static_cast<unsigned>(record.microseconds % second))},
+                          {"point", record.code},
+                          {"name", record.point != nullptr ? control_json(record.point->name) : control_json()},
+                          {"arguments", arguments}};
+    const auto status = arguments.find("status");
+    if (status != arguments.end() && status->is_number() && *status != PLATFORM_OK) {
+        entry["error"] = platform_status_text(status->get<platform_status>());
     }
-    return {{"time", utc_time(record.microseconds / second, "%Y-%m-%dT%H:%M:%S") +
-                         text_format(".%06uZ", static_cast<unsigned>(record.microseconds % second))},
-            {"point", record.trace_point},
-            {"arguments", std::move(arguments)}};
+    return entry;
 }
 
 }  // namespace

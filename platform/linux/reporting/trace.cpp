@@ -6,16 +6,18 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "linux/reporting/log_message_internal.h"
 #include "linux/reporting/trace_internal.h"
 
-/// Packed records one behind the other in a ring of bytes: length (2 bytes), time (8), trace point (4), number of
+/// Packed records one behind the other in a ring of bytes: length (2 bytes), time (8), code of the trace point (4), number of
 /// arguments (1), then each argument as its kind (1) and either the number (8) or length (1) and text.
 struct trace_buffer {
     std::string name;
+    std::span<const trace_point> points;
     uint32_t entries_max;
     std::vector<uint8_t> ring;
     size_t head;  ///< where the oldest record begins
@@ -87,14 +89,14 @@ void put_number(record_writer& record, int64_t number) {
     record.put(&number, sizeof number);
 }
 
-void make_record(record_writer& record, const trace_buffer& buffer, uint32_t trace_point,
-                 const trace_argument* arguments, uint32_t count) {
+void make_record(record_writer& record, const trace_buffer& buffer, uint32_t code, const trace_argument* arguments,
+                 uint32_t count) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const auto microseconds = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
     const auto argument_count = static_cast<uint8_t>(count);
     record.size = sizeof(uint16_t);
     record.put(&microseconds, sizeof microseconds);
-    record.put(&trace_point, sizeof trace_point);
+    record.put(&code, sizeof code);
     record.put(&argument_count, sizeof argument_count);
     size_t room = room_for_texts(buffer, arguments, count);
     for (uint32_t i = 0; i < count; ++i) {
@@ -145,14 +147,21 @@ trace_value read_argument(record_reader& reader) {
     return value;
 }
 
+const trace_point* find_point(const trace_buffer& buffer, uint32_t code) {
+    const auto found =
+        std::find_if(buffer.points.begin(), buffer.points.end(), [=](const trace_point& p) { return p.code == code; });
+    return found != buffer.points.end() ? &*found : nullptr;
+}
+
 trace_record read_record(record_reader& reader) {
     trace_record record = {};
     uint16_t size = 0;
     uint8_t count = 0;
     reader.get(&size, sizeof size);
     reader.get(&record.microseconds, sizeof record.microseconds);
-    reader.get(&record.trace_point, sizeof record.trace_point);
+    reader.get(&record.code, sizeof record.code);
     reader.get(&count, sizeof count);
+    record.point = find_point(reader.buffer, record.code);
     for (uint8_t i = 0; i < count; ++i) {
         record.arguments.push_back(read_argument(reader));
     }
@@ -187,8 +196,8 @@ platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t
         if (find_buffer(name) != nullptr) {
             return EEXIST;
         }
-        buffers().push_back(
-            std::unique_ptr<trace_buffer>(new trace_buffer{name, entries, std::vector<uint8_t>(bytes), 0, 0, 0, 0}));
+        buffers().push_back(std::unique_ptr<trace_buffer>(
+            new trace_buffer{name, {}, entries, std::vector<uint8_t>(bytes), 0, 0, 0, 0}));
         *buffer = buffers().back().get();
         return PLATFORM_OK;
     } catch (const std::bad_alloc&) {
@@ -196,15 +205,20 @@ platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t
     }
 }
 
-void trace_write(struct trace_buffer* buffer, uint32_t trace_point, const struct trace_argument* arguments,
-                 uint32_t count) {
+void trace_buffer_describe(struct trace_buffer* buffer, const struct trace_point* points, uint32_t count) {
+    if (buffer != nullptr) {
+        buffer->points = {points, count};
+    }
+}
+
+void trace_write(struct trace_buffer* buffer, uint32_t code, const struct trace_argument* arguments, uint32_t count) {
     const errno_keeper keeper;
     if (buffer == nullptr) {
         return;
     }
     count = arguments == nullptr ? 0 : std::min<uint32_t>(count, TRACE_ARGUMENTS_MAX);
     record_writer record;
-    make_record(record, *buffer, trace_point, arguments, count);
+    make_record(record, *buffer, code, arguments, count);
     append(*buffer, record);
 }
 

@@ -17,7 +17,8 @@ struct trace_value {
 
 struct trace_record {
     uint64_t microseconds;  ///< since the epoch
-    uint32_t trace_point;
+    uint32_t code;
+    const trace_point* point;  ///< null: the code has no description
     std::vector<trace_value> arguments;
 };
 

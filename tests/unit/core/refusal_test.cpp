@@ -15,11 +15,12 @@ TEST_F(refusal_test, carries_its_text_and_status) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     char* text = nullptr;
     uint32_t accepted = 1;
-    EXPECT_EQ(refuse_change(&text, &accepted, EINVAL, 0x4ff, "unknown name %s", "x"), uint32_t{EINVAL});
+    EXPECT_EQ(refuse_change(&text, &accepted, EINVAL, trace_error_point{0x4ff}, "unknown name %s", "x"),
+              uint32_t{EINVAL});
     EXPECT_EQ(accepted, 0u);
     EXPECT_STREQ(text, "unknown name x");
     EXPECT_TRUE(fake_platform::debugged("unknown name x"));
-    EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").back().point, 0x4ffu);
+    EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").back().code, 0x4ffu);
     free(text);
 }
 
@@ -27,7 +28,7 @@ TEST_F(refusal_test, a_text_ends_after_511_characters) {
     for (const size_t length : {511u, 512u}) {
         char* text = nullptr;
         uint32_t accepted = 1;
-        refuse_change(&text, &accepted, EINVAL, 0x4ff, "%s", std::string(length, 't').c_str());
+        refuse_change(&text, &accepted, EINVAL, trace_error_point{0x4ff}, "%s", std::string(length, 't').c_str());
         EXPECT_EQ(std::string(text), std::string(511, 't'));
         free(text);
     }
@@ -37,7 +38,7 @@ TEST_F(refusal_test, without_memory_it_is_a_refusal_without_a_text) {
     call_faults::fail_call("strdup", ENOMEM, call_faults::once);
     char* text = nullptr;
     uint32_t accepted = 1;
-    EXPECT_EQ(refuse_change(&text, &accepted, EINVAL, 0x4ff, "text"), uint32_t{EINVAL});
+    EXPECT_EQ(refuse_change(&text, &accepted, EINVAL, trace_error_point{0x4ff}, "text"), uint32_t{EINVAL});
     EXPECT_EQ(accepted, 0u);
     EXPECT_EQ(text, nullptr);
 }

@@ -156,9 +156,23 @@ TEST(ctl_texts, a_check_tells_each_change) {
               "created  /a\n1 created, 1 unchanged (checked only, nothing is stored)\n");
 }
 
+TEST(ctl_texts, a_traced_status_has_its_text) {
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":1,"name":"vrf.start","error":"No such file",)"
+                            R"("arguments":{"vrf":"red","status":2}}]})"),
+              "T  vrf.start  vrf \"red\", status 2 (No such file)\n");
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":1,"name":"acl.bind","error":"absent",)"
+                            R"("arguments":{"status":1082229248}}]})"),
+              "T  acl.bind  status 0x40818200 (absent)\n");
+}
+
 TEST(ctl_texts, traces_are_lines) {
-    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":18,"arguments":[-1,"a\nb"]}]})"),
-              "T  0x00000012  -1  a\\x0ab\n");
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":1026,"name":"appliers.timeout",)"
+                            R"("arguments":{"event":3,"value":"a\nb"}}]})"),
+              "T  appliers.timeout  event 3, value \"a\\x0ab\"\n");
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":18,"name":null,"arguments":{"1":-1}}]})"),
+              "T  0x12  1 -1\n");
+    EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":258,"name":"core.ready","arguments":{}}]})"),
+              "T  core.ready\n");
     EXPECT_EQ(text("trace", R"({"data":[]})"), "no entries\n");
 }
 

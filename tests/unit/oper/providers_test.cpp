@@ -113,7 +113,7 @@ TEST_P(providers_test, tells_that_it_is_refused) {
     }
     const auto traced = fake_platform::trace_lines_of("ssh/cfg-agent/error");
     ASSERT_EQ(traced.size(), 1U);
-    EXPECT_EQ(traced[0].point, oper_trace_provider);
+    EXPECT_EQ(traced[0].code, static_cast<uint32_t>(oper_trace_provider));
     EXPECT_THAT(traced[0].arguments, ElementsAre(GetParam().tree, "5"));
 }
 

@@ -149,7 +149,7 @@ TEST_P(session_query_both_test, the_receive_time_out_is_set_first_and_its_failur
     EXPECT_TRUE(fake_platform::debugged("Error:=Cannot allocate memory(0xc), Option:=20, socket option set failed"));
     const auto traced = fake_platform::trace_lines_of("ssh/cfg-agent/error");
     ASSERT_EQ(traced.size(), 1U);
-    EXPECT_EQ(traced[0].point, oper_trace_socket_option);
+    EXPECT_EQ(traced[0].code, static_cast<uint32_t>(oper_trace_socket_option));
     EXPECT_THAT(traced[0].arguments, ElementsAre("12", "20"));
 }
 
@@ -354,7 +354,7 @@ TEST_P(session_query_both_test, a_listing_that_cannot_be_removed_is_traced_and_n
     EXPECT_THAT(found.ids(), ElementsAre(1U));
     const auto traced = fake_platform::trace_lines_of("ssh/cfg-agent/error");
     ASSERT_EQ(traced.size(), 1U);
-    EXPECT_EQ(traced[0].point, oper_trace_pid_file);
+    EXPECT_EQ(traced[0].code, static_cast<uint32_t>(oper_trace_pid_file));
     EXPECT_THAT(traced[0].arguments, ElementsAre(GetParam().pid_file, "16"));
 }
 

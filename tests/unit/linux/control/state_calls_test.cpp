@@ -71,11 +71,29 @@ TEST_F(control_state_calls_test, traces_give_their_entries_in_order) {
     ASSERT_EQ(answer["data"].size(), 2U);
     EXPECT_EQ(answer["written"], 2);
     EXPECT_EQ(answer["data"][0]["point"], 18);
-    EXPECT_EQ(control_json_text(answer["data"][0]["arguments"]), R"(["red",-7])");
+    EXPECT_TRUE(answer["data"][0]["name"].is_null());
+    EXPECT_EQ(control_json_text(answer["data"][0]["arguments"]), R"({"1":"red","2":-7})");
     EXPECT_THAT(answer["data"][0]["time"].get<std::string>(),
                 testing::MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z"));
-    EXPECT_EQ(control_json_text(answer["data"][1]["arguments"]), "[]");
+    EXPECT_EQ(control_json_text(answer["data"][1]["arguments"]), "{}");
     EXPECT_EQ(result(R"({"call":"trace","buffer":"nonsense"})"), "refused");
+}
+
+TEST_F(control_state_calls_test, traces_have_names_labels_and_the_text_of_a_failure) {
+    static const trace_point points[] = {{18, "vrf.start", "server not started", {"vrf", "status"}}};
+    trace_buffer* buffer = nullptr;
+    ASSERT_EQ(trace_buffer_create("test/control/described", 10, 1000, &buffer), PLATFORM_OK);
+    trace_buffer_describe(buffer, points, 1);
+    const trace_argument failure[] = {{"red", 0}, {nullptr, ENOENT}, {nullptr, 3}};
+    const trace_argument success[] = {{"red", 0}, {nullptr, 0}};
+    trace_write(buffer, 18, failure, 3);
+    trace_write(buffer, 18, success, 2);
+    control_json data = ask(R"({"call":"trace","buffer":"described"})")["data"];
+    data[0].erase("time");
+    EXPECT_EQ(control_json_text(data[0]), R"({"point":18,"name":"vrf.start",)"
+                                          R"("arguments":{"vrf":"red","status":2,"3":3},)"
+                                          R"("error":"No such file or directory"})");
+    EXPECT_FALSE(data[1].contains("error"));
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ TEST_F(trace_test, keeps_time_code_and_arguments) {
     const trace_buffer_contents read = contents();
     ASSERT_EQ(1u, read.records.size());
     const trace_record& record = read.records[0];
-    EXPECT_EQ(0x1234u, record.trace_point);
+    EXPECT_EQ(0x1234u, record.code);
     EXPECT_LE(before, record.microseconds / 1000000);
     EXPECT_GE(before + 2, record.microseconds / 1000000);
     ASSERT_EQ(3u, record.arguments.size());
@@ -52,8 +52,8 @@ TEST_F(trace_test, the_oldest_entry_makes_room_for_the_one_past_the_number) {
     }
     const trace_buffer_contents read = contents();
     ASSERT_EQ(3u, read.records.size());
-    EXPECT_EQ(3u, read.records.front().trace_point);
-    EXPECT_EQ(5u, read.records.back().trace_point);
+    EXPECT_EQ(3u, read.records.front().code);
+    EXPECT_EQ(5u, read.records.back().code);
     EXPECT_EQ(5u, read.written);
 }
 
@@ -70,7 +70,7 @@ TEST_F(trace_test, the_oldest_entries_make_room_when_the_bytes_are_used_up) {
         ASSERT_EQ(i, read.records.back().arguments[1].number);
         ASSERT_EQ(static_cast<uint64_t>(i + 1), read.written);
         for (size_t older = 0; older < read.records.size(); ++older) {
-            ASSERT_EQ(static_cast<uint32_t>(i) - (read.records.size() - 1 - older), read.records[older].trace_point);
+            ASSERT_EQ(static_cast<uint32_t>(i) - (read.records.size() - 1 - older), read.records[older].code);
         }
     }
 }
@@ -83,7 +83,7 @@ TEST_F(trace_test, texts_are_cut_so_that_every_entry_fits) {
     trace_write(buffer, 2, arguments, 3);
     const trace_buffer_contents read = contents();
     ASSERT_EQ(1u, read.records.size());
-    EXPECT_EQ(2u, read.records[0].trace_point);
+    EXPECT_EQ(2u, read.records[0].code);
     EXPECT_EQ(9, read.records[0].arguments[2].number);
     EXPECT_LT(read.records[0].arguments[0].text.size(), 100u);
 }
@@ -123,6 +123,18 @@ TEST_F(trace_test, a_buffer_is_found_by_its_last_component_too) {
     EXPECT_EQ(0u, trace_buffer_read(testing::UnitTest::GetInstance()->current_test_info()->name(), read));
     EXPECT_EQ(static_cast<platform_status>(ENOENT), trace_buffer_read("test/", read));
     EXPECT_EQ(name(), trace_buffer_names().back());
+}
+
+TEST_F(trace_test, entries_carry_the_description_of_their_point) {
+    static const trace_point points[] = {{7, "vrf.restarted", "server restarted", {"vrf"}}};
+    trace_buffer* buffer = create(10, 1000);
+    trace_write(buffer, 7, nullptr, 0);
+    EXPECT_EQ(nullptr, contents().records.at(0).point);
+    trace_buffer_describe(buffer, points, 1);
+    trace_write(buffer, 8, nullptr, 0);
+    EXPECT_EQ(&points[0], contents().records.at(0).point);
+    EXPECT_EQ(nullptr, contents().records.at(1).point);
+    trace_buffer_describe(nullptr, points, 1);
 }
 
 TEST_F(trace_test, refuses_what_cannot_be_a_buffer) {
