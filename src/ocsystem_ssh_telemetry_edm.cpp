@@ -14,7 +14,7 @@ namespace {
 
 constexpr char source_name[] = "src/ocsystem_ssh_telemetry_edm";
 
-/// Allocates one optional value. Without memory for a few bytes there is no going on.
+/// Allocates an optional value. Running out of memory for a few bytes is fatal.
 template <typename value_type>
 value_type* optional_value(const char* condition) {
     auto* value = static_cast<value_type*>(malloc(sizeof(value_type)));
@@ -25,7 +25,7 @@ value_type* optional_value(const char* condition) {
     return value;
 }
 
-/// A setting's number, cut to 16 bits without a look at its range.
+/// The number of a setting, truncated to 16 bits without a range check.
 uint16_t limit(server_parameter parameter) {
     const char* text = effective_text(server.parameters[parameter]);
     return static_cast<uint16_t>(text != nullptr ? atoi(text) : 0);

@@ -29,13 +29,13 @@ bool is_text(const char* text) {
     return text != nullptr && text[0] != '\0';
 }
 
-/// An empty text counts as absent.
+/// An empty text counts as missing.
 banner_text present(char* text) {
     banner_text owned(text);
     return is_text(text) ? std::move(owned) : nullptr;
 }
 
-/// Takes the delimiters off, in place. Nothing when there is nothing between them.
+/// Strips the delimiters in place. Returns null if nothing is left.
 banner_text without_delimiters(banner_text text) {
     if (!text) {
         return nullptr;
@@ -67,7 +67,7 @@ constexpr banner_target login_target = {
     .exit_status = EXIT_BANNER_FILE,
 };
 
-// The directory is relative on purpose: seen from the root, where the process works, it is there already.
+// The directory is relative on purpose: the process runs in the root directory, where it already exists.
 constexpr banner_target aaa_target = {
     .path = paths::aaa_banner_file,
     .directory = "etc",
@@ -130,14 +130,14 @@ banners fetch_banners() {
 }
 
 struct banner_line {
-    banner_text banners::*present;  ///< decides, and is counted
+    banner_text banners::*present;  ///< selects the row; its length is counted
     banner_text banners::*written;
     const char* present_text;
     const char* failure_text;
 };
 
-// In the order of the file. Where the platform has a message of the day, its login banner is what is shown: that one was
-// written for people who have not logged in yet.
+// In the order of the file. If the platform has a message of the day, its login banner is shown: it was written for
+// people who have not logged in yet.
 constexpr banner_line lines[] = {
     {&banners::platform_motd, &banners::platform_login, "platform banner present", "platform motd banner write failed"},
     {&banners::motd, &banners::motd, "motd banner present", "motd banner write failed"},
@@ -146,7 +146,7 @@ constexpr banner_line lines[] = {
     {&banners::login, &banners::login, "login banner present", "login banner write failed"},
 };
 
-/// Returns the length of what was there to write, line feeds included.
+/// Returns the length of the text to be written, line feeds included.
 size_t write_banners(const banners& texts) {
     size_t total = 0;
     for (const banner_line& line : lines) {

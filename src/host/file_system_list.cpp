@@ -17,10 +17,10 @@
 
 namespace {
 
-constexpr size_t list_size = 1024;  ///< 1023 characters and NUL
+constexpr size_t list_size = 1024;  ///< 1023 characters and a NUL
 constexpr mode_t list_mode = 0666;
 
-/// Appends in the bounds of the buffer. Returns the length that the text would have had without them.
+/// Appends within the bounds of the buffer. Returns the length that the text would have without them.
 size_t append(char* list, size_t length, const char* text) {
     if (length < list_size) {
         format_text(list + length, list_size - length, "%s", text);
@@ -28,7 +28,7 @@ size_t append(char* list, size_t length, const char* text) {
     return length + std::strlen(text);
 }
 
-/// Makes the list's text. False when it does not fit.
+/// Builds the list's text. Returns false if it does not fit.
 bool join_names(const char* const* names, char* list) {
     size_t length = 0;
     for (; *names != nullptr; names++) {
@@ -41,8 +41,8 @@ bool join_names(const char* const* names, char* list) {
     return true;
 }
 
-/// Maps the object's bytes, which are given room first: a full file system would otherwise be met only when the text is
-/// written, as a signal. Null with errno.
+/// Maps the object after allocating its blocks: otherwise a full file system would raise SIGBUS when the text is
+/// written. Returns null with errno set on failure.
 char* map_list(int fd) {
     if (ftruncate(fd, list_size) != 0) {
         return nullptr;
@@ -80,7 +80,7 @@ int write_filesystem_list(const char* text) {
         close(fd);
         return result;
     }
-    // Stays mapped: the object is the process's for as long as it lives.
+    // The mapping is kept for the lifetime of the process.
     copy_text(list, list_size, text);
     close(fd);
     return 0;

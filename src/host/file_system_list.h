@@ -2,12 +2,12 @@
 #ifndef HOST_FILE_SYSTEM_LIST_H
 #define HOST_FILE_SYSTEM_LIST_H
 
-/// Publishes the platform's list: each name followed by one blank. 0, or -1 when the list cannot be had, exceeds the
-/// object, or could not be written; reported.
+/// Publishes the platform's list: each name followed by one space. Returns 0, or -1 if the list cannot be read, does
+/// not fit the object or cannot be written; failures are logged.
 int publish_filesystem_list();
 
-/// Writes a text, cut to 1023 characters, into the object, which is made when it is missing and has 1024 bytes. What
-/// stood there behind the new text's NUL stays. 0 or -1, reported.
+/// Writes a text, cut to 1023 characters, into the 1024-byte object, creating it if necessary. Bytes after the new
+/// text's NUL are left as they are. Returns 0 or -1; failures are logged.
 int write_filesystem_list(const char* text);
 
 #endif

@@ -32,7 +32,7 @@ constexpr const char* pieces[] = {
     "\n",
 };
 
-/// The watches, by their descriptors: on the directory, and on the one above it while the directory is not there.
+/// Watch descriptors: of the directory, and of its parent while the directory does not exist.
 int directory_watch = no_watch;
 int parent_watch = no_watch;
 
@@ -42,7 +42,7 @@ void report_unwritten(int error) {
     trace_error(host_trace_pam_file, {paths::pam_file, "w", error});
 }
 
-/// 0, or -1 with errno.
+/// Returns 0, or -1 with errno set.
 int write_pieces(FILE* file) {
     int result = 0;
     for (const char* piece : pieces) {
@@ -51,14 +51,14 @@ int write_pieces(FILE* file) {
     return std::fclose(file) == 0 ? result : -1;
 }
 
-/// One event of a buffer. `name` is empty when the event has none.
+/// An event in the buffer. `name` is empty if the event has none.
 struct watch_event {
     int watch;
     uint32_t mask;
     const char* name;
 };
 
-/// Takes the event at `*offset`, which moves behind it. False at the end, and for one that the buffer cuts off.
+/// Reads the event at `*offset` and advances it. Returns false at the end and for a truncated event.
 bool next_event(const char* buffer, size_t length, size_t* offset, watch_event* event) {
     inotify_event header;
     if (length - *offset < sizeof header) {
@@ -69,13 +69,13 @@ bool next_event(const char* buffer, size_t length, size_t* offset, watch_event* 
     if (length - name_offset < header.len) {
         return false;
     }
-    // The kernel pads a name with NULs, one at least.
+    // The kernel pads a name with at least one NUL.
     *event = {header.wd, header.mask, header.len > 0 ? buffer + name_offset : ""};
     *offset = name_offset + header.len;
     return true;
 }
 
-/// Puts the file back at the first event that tells of its deletion; there is no need to look at more.
+/// Restores the file at the first event that reports its deletion; later events need not be looked at.
 void restore_deleted_file(const char* buffer, size_t length) {
     watch_event event;
     for (size_t offset = 0; next_event(buffer, length, &offset, &event);) {
@@ -88,7 +88,7 @@ void restore_deleted_file(const char* buffer, size_t length) {
     }
 }
 
-/// Whether the events may have left something out: the queue overflowed, or the directory went with its watch.
+/// Whether events may have been lost: the queue overflowed, or the directory was removed along with its watch.
 bool deletions_may_be_missed(const char* buffer, size_t length) {
     watch_event event;
     bool missed = parent_watch != no_watch;
@@ -102,7 +102,7 @@ bool deletions_may_be_missed(const char* buffer, size_t length) {
     return missed || directory_watch == no_watch;
 }
 
-/// There is no directory to watch: watches for its coming, from above.
+/// The directory does not exist: watches its parent for its creation.
 void await_directory() {
     if (parent_watch == no_watch) {
         parent_watch = inotify_add_watch(agent.pam_inotify, paths::pam_parent_directory, parent_events);
@@ -116,8 +116,8 @@ void stop_awaiting_directory() {
     }
 }
 
-/// Watches the directory again and looks after the file in it. A directory that comes back while this is being done is
-/// not missed: it is looked for once more after the watch above it stands.
+/// Watches the directory again and checks the file in it. Looking once more after the parent is watched catches a
+/// directory that is recreated meanwhile.
 void restore_watch() {
     if (watch_pam_directory() != 0) {
         await_directory();
@@ -125,7 +125,7 @@ void restore_watch() {
             if (errno == ENOENT && parent_watch != no_watch) {
                 return;
             }
-            // Nothing will tell of the next deletion, but this one can be made good.
+            // The next deletion will go unnoticed, but this one can be repaired.
             log_errno("Failed to adda watch for Norvossh PAM Config file");
         }
     }
@@ -137,7 +137,7 @@ void restore_watch() {
 
 }  // namespace
 
-// Renamed into place, so that no start and no login ever meets half a file.
+// Renamed into place, so that neither a login nor a restarted agent ever reads a partial file.
 void write_pam_file() {
     if (file_exists(paths::pam_file) == 1) {
         return;

@@ -1,19 +1,19 @@
-/// The PAM file of the SSH servers' service, and the watch that puts it back.
+/// The PAM file of the SSH servers' service, and the watch that restores it.
 #ifndef HOST_PAM_FILE_H
 #define HOST_PAM_FILE_H
 
 #include <cstdint>
 
-/// Writes the file when there is none. One that exists is left alone, whatever it holds. Failures are reported.
+/// Writes the file if it does not exist. An existing file is left alone, whatever its content. Failures are logged.
 void write_pam_file();
 
-/// Makes the inotify instance in agent.pam_inotify. 0, or -1 with errno.
+/// Creates the inotify instance in agent.pam_inotify. Returns 0, or -1 with errno set.
 int create_pam_inotify();
 
-/// Watches the file's directory for deletions. 0, or -1 with errno.
+/// Watches the file's directory for deletions. Returns 0, or -1 with errno set.
 int watch_pam_directory();
 
-/// The instance has something to read: puts a deleted file back, and the watch when it was lost with its directory.
+/// Reads the inotify events: restores a deleted file, and the watch if it was lost with its directory.
 void pam_config_file_handler(int fd, uint32_t conditions, void* context);
 
 #endif

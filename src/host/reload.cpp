@@ -39,7 +39,7 @@ struct session_counters {
 
 session_counters counters;
 
-/// Starts the servers again when the reload does not come.
+/// Restarts the servers if the reload does not follow.
 struct failure_timer {
     int32_t handle = detached;
     managed_timer_leaf* leaf = nullptr;
@@ -49,7 +49,7 @@ failure_timer timer;
 
 // --- The list of sessions -------------------------------------------------------------------------------------------
 
-/// A shell command and the file that it leaves.
+/// A shell command and the file it writes.
 struct session_listing {
     const char* command;
     const char* file;
@@ -58,16 +58,15 @@ struct session_listing {
 constexpr session_listing sessions = {paths::exec_session_command, paths::exec_session_file};
 constexpr session_listing sessions_left = {paths::exec_session_check_command, paths::exec_session_check_file};
 
-/// A link that somebody planted under the file's name would have the shell write where it points. Leaves errno alone: it
-/// is what a failure of the command is told by.
+/// Removes a symbolic link planted under the file's name, which the shell would otherwise follow. Leaves errno alone:
+/// it tells whether the command failed.
 void clear_way(const char* file) {
     const int saved_errno = errno;
     unlink(file);
     errno = saved_errno;
 }
 
-/// Makes the list and opens it. Null with the error, which may be 0 when the command failed for no reason of the
-/// system's.
+/// Creates the list and opens it. Returns null with the error, which is 0 if the command failed without setting errno.
 FILE* open_listing(const session_listing& listing, int* error) {
     clear_way(listing.file);
     if (std::system(listing.command) != 0) {
@@ -98,8 +97,8 @@ uint32_t count_lines(FILE* file) {
     return lines;
 }
 
-/// The process id in a line; 0 when there is none that may be signalled. Signals go to process groups, so 0 and 1 would
-/// be this process's own group and every process there is.
+/// The process id on a line; 0 if there is none that may be signalled. Signals go to process groups, so 0 and 1 would
+/// mean this process's own group and every process on the machine.
 int32_t session_id(const char* line) {
     char* end = nullptr;
     const int saved_errno = errno;
@@ -126,7 +125,7 @@ uint32_t read_ids(FILE* file, int32_t* ids, uint32_t room) {
 
 // --- Ending the sessions --------------------------------------------------------------------------------------------
 
-/// An informational message that is also a debug line.
+/// Logs an informational message that is also a debug line.
 void announce(const char* text) {
     log_text(INFO_GENERAL, text);
     debug_print("%s", text);
@@ -139,7 +138,7 @@ void signal_session(int32_t id) {
     }
     const int error = errno;
     if (error == ESRCH) {
-        return;  // It has ended by itself since it was listed.
+        return;  // It has ended since it was listed.
     }
     char text[text_size];
     format_text(text, sizeof text, "Pid:=%d, Error:=%s(0x%x),Failed to send SIGTERM", id, platform_status_text(error),
@@ -170,7 +169,7 @@ void close_sessions() {
     std::free(ids);
 }
 
-/// Asks once how many wrappers are left. False when some are, or when it cannot be told.
+/// Checks once how many wrappers are left. Returns false if there are any, or if that cannot be determined.
 bool sessions_have_ended() {
     int error = 0;
     FILE* file = open_listing(sessions_left, &error);
@@ -232,7 +231,7 @@ platform_status report_timer(platform_status status, const char* text) {
     return status;
 }
 
-/// Without the timer nobody would start the servers again. A notice that comes while it runs starts it anew.
+/// Without the timer nothing would start the servers again. A second notice restarts a running timer.
 bool arm_failure_timer() {
     disarm_failure_timer();
     const bool armed =

@@ -2,8 +2,8 @@
 #ifndef HOST_SHELF_LINK_H
 #define HOST_SHELF_LINK_H
 
-/// Creates the client in agent.shelf_manager, gives it its callbacks and lets it connect. Failures are logged: without it
-/// the agent works, but sessions are not ended gracefully.
+/// Creates the client in agent.shelf_manager, registers its callbacks and starts connecting. Failures are logged: the
+/// agent works without the shelf manager, but sessions are then not ended gracefully on a reload.
 void connect_shelf_manager();
 
 #endif

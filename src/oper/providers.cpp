@@ -25,7 +25,7 @@ struct provider_items {
     size_t count;
 };
 
-/// The item exists, but is not served.
+/// The item exists but is not served.
 platform_status no_history(datastore_read_request* /*request*/) {
     return DATASTORE_NO_DATA;
 }
@@ -39,7 +39,7 @@ constexpr provider_item server_session_items[] = {
 constexpr provider_item client_session_items[] = {
     {"brief", show_ssh_client_cli}, {"detail", show_ssh_client_session_cli}, {"rekey", show_ssh_client_rekey_cli}};
 
-/// Every failure but "no data" reaches the reader as "nothing to encode".
+/// Readers see every failure except "no data" as "nothing to encode".
 platform_status reported(platform_status status) {
     return status == PLATFORM_OK || status == DATASTORE_NO_DATA ? status : platform_status{DATASTORE_NOTHING_TO_ENCODE};
 }

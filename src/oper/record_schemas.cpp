@@ -9,7 +9,7 @@ constexpr char command_line_set[] = "show_ssh_bag_desc.dll";
 constexpr char server_parameter_set[] = "libssh_server_params_bag_desc.dll";
 constexpr char telemetry_set[] = "liboverlay_crypto_ssh_oper_bag_descr.dll";
 
-/// Rows of `descriptors`, a set's rows together and in its order of registration.
+/// Rows of `descriptors`; the rows of a set are adjacent, in the order of registration.
 enum record_row {
     SSH_MCINFO,
     SESSION_BRIEF_INFO,
@@ -29,7 +29,7 @@ enum record_row {
     record_row_count
 };
 
-// A schema stands whole, so that it is found by searching for it; its lines are as long as that takes.
+// Schemas are not split, so that they can be searched for; hence the long lines.
 // clang-format off
 constexpr record_descriptor descriptors[record_row_count] = {
     {"ssh_mcinfo", session_set,
@@ -80,7 +80,7 @@ constexpr record_descriptor descriptors[record_row_count] = {
 };
 // clang-format on
 
-/// Registers the rows from `first` to `last`.
+/// Registers the rows from `first` through `last`.
 platform_status register_set(record_row first, record_row last) {
     record_transaction* transaction = nullptr;
     const platform_status begun = record_registration_begin(&transaction);

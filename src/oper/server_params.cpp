@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t vrf_slot_size = 200;
 
-/// A setting's text in force; never null.
+/// The text of a setting in force; never null.
 const char* setting(server_parameter parameter) {
     const char* text = effective_text(server.parameters[parameter]);
     return text != nullptr ? text : "";
@@ -39,7 +39,7 @@ uint32_t number_of(server_parameter parameter) {
     return static_cast<uint32_t>(atoi(setting(parameter)));
 }
 
-/// Appends to a joined text, which is cut at its bound.
+/// Appends to a joined text, truncating it to its buffer.
 template <size_t size>
 void append(char (&field)[size], const char* text) {
     const size_t length = strnlen(field, size);
@@ -55,7 +55,7 @@ bool has_netconf(const vrf_node& node) {
     return subsystem != nullptr && subsystem[0] != '\0';
 }
 
-/// The VRFs come last node first: what stands behind a node is written before it.
+/// Lists the VRFs from the last node to the first.
 void fill_vrfs(const vrf_node* node, ssh_server_params* params) {
     if (node == nullptr) {
         return;
@@ -139,7 +139,7 @@ void fill_server_params(ssh_server_params* params) {
     fill_numbers(params);
     fill_vrfs(server.nodes, params);
     put(params->Trustpointhost, setting(SERVER_HOST_TRUSTPOINT));
-    // From the names themselves: the line in the server's file has less room.
+    // Joined from the names themselves: the line in the server's file is shorter.
     join_user_trustpoints(params->Trustpointuser, sizeof(params->Trustpointuser));
     params->Passwordauthen = params->Keyboardinteractiveauthen = params->Pubkeyauthen = params->Certificateauthen = 1;
     put(params->Portforwarding, port_forwarding_text());

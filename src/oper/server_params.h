@@ -1,4 +1,4 @@
-/// The server's parameters in force, as one record.
+/// The server's parameters in force as one record.
 #ifndef OPER_SERVER_PARAMS_H
 #define OPER_SERVER_PARAMS_H
 
@@ -38,7 +38,7 @@ struct ssh_server_params {
 /// Fills the record from the settings in force.
 void fill_server_params(ssh_server_params* params);
 
-/// Answers a read. Returns 0, or the codec's error after it was logged.
+/// Answers a read. Returns 0, or the codec's error after logging it.
 platform_status get_ssh_server_params(datastore_read_request* request);
 
 #endif

@@ -16,14 +16,14 @@
 
 namespace {
 
-/// Any of the records; zeroed before it is filled.
+/// Any of the records; zeroed before it is filled in.
 union session_record {
     sshd_sessioninfo session;
     sshd_kexinfo kex;
     sshd_rekey rekey;
 };
 
-/// One handler: whose sessions, which record.
+/// A handler: which sessions it reports in which record.
 struct command_line_report {
     const char* routine;
     int (*collect)(uint32_t* count, session_snapshot** snapshots);
@@ -32,7 +32,7 @@ struct command_line_report {
     const char* encode_failed;
 };
 
-/// A text for the engineer: an absent one is empty.
+/// Text for a debug line: empty if missing.
 const char* shown(const char* text) {
     return text != nullptr ? text : "";
 }
@@ -68,7 +68,7 @@ bool fill_session(const char* /*routine*/, const session_snapshot& snapshot, ses
     return !failed && fill_channels(snapshot, &session.McInfo);
 }
 
-/// A server's session is also told to the engineer.
+/// Server sessions are also printed as debug lines.
 bool fill_server_session(const char* routine, const session_snapshot& snapshot, session_record* record) {
     const sshd_sessioninfo& session = record->session;
     if (!fill_session(routine, snapshot, record)) {
@@ -135,7 +135,7 @@ constexpr command_line_report client_rekey = {"show_ssh_client_rekey_cli", ssh_o
                                               sshd_rekey_descriptor, fill_rekey,
                                               "%s:%d Failed to encode data into ssh_client_rekey bag: %s"};
 
-/// Adds one session's record to the read's list.
+/// Adds a session's record to the list of the read.
 platform_status add_session(const command_line_report& report, const session_snapshot& snapshot, uint32_t index,
                             datastore_read_request* request) {
     session_record record;
@@ -170,7 +170,7 @@ platform_status add_session(const command_line_report& report, const session_sna
     return PLATFORM_OK;
 }
 
-/// Adds all sessions; those that kept silent are left out.
+/// Adds all sessions, skipping those whose process did not answer.
 platform_status add_sessions(const command_line_report& report, uint32_t node_id, session_snapshot* snapshots,
                              uint32_t count, datastore_read_request* request) {
     platform_status status = DATASTORE_NO_DATA;

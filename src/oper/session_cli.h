@@ -1,4 +1,5 @@
-/// Records of SSH sessions for the command line: one direction, one record a session, texts as the processes give them.
+/// Records of SSH sessions for the command line: one direction, one record per session, texts as the processes report
+/// them.
 #ifndef OPER_SESSION_CLI_H
 #define OPER_SESSION_CLI_H
 
@@ -51,7 +52,8 @@ struct sshd_rekey {
     uint32_t DataToRekey;
 };
 
-// Handlers of the items brief, detail and rekey of server and client sessions. DATASTORE_NO_DATA without a session.
+// Handlers of the items brief, detail and rekey of server and client sessions. DATASTORE_NO_DATA if there is no
+// session.
 platform_status show_ssh_cli(datastore_read_request* request);
 platform_status show_ssh_session_cli(datastore_read_request* request);
 platform_status show_ssh_rekey_cli(datastore_read_request* request);

@@ -4,7 +4,7 @@
 
 namespace {
 
-// A name's number is its place in the table.
+// The index of a name is its enumeration value.
 
 constexpr std::string_view authen_types[] = {
     "password",

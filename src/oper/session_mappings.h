@@ -1,4 +1,4 @@
-/// Numbers of the names that SSH processes report. A name that is not known is -1.
+/// Enumeration values for the names that SSH processes report; -1 for an unknown name.
 #ifndef OPER_SESSION_MAPPINGS_H
 #define OPER_SESSION_MAPPINGS_H
 

@@ -22,16 +22,16 @@ constexpr timeval peer_timeout = {.tv_sec = 0, .tv_usec = 100000};
 constexpr size_t line_size = 4096;
 constexpr size_t command_size = 300;
 
-/// What differs between the servers' and the clients' processes.
+/// Differences between server and client processes.
 struct session_peers {
     const char* routine;
     const char* collector;
     int (*query)(session_snapshot* snapshot, int pid);
-    const char* command_format;  ///< finds the processes; one "%s" at most
-    const char* program;         ///< fills it
+    const char* command_format;  ///< lists the processes; at most one "%s"
+    const char* program;         ///< replaces the "%s"
     const char* pid_file;
     bool accepts_short_answer;
-    bool logs_receive_failure;  ///< else it is printed
+    bool logs_receive_failure;  ///< otherwise a debug line
     const char* connected;
     const char* send_failed;
     const char* timed_out;
@@ -90,7 +90,7 @@ bool connect_to(int descriptor, int pid) {
     if (!set_timeout(descriptor, SO_RCVTIMEO) || !set_timeout(descriptor, SO_SNDTIMEO)) {
         return false;
     }
-    // The family and the path count, not the NUL behind it.
+    // The family and the path count, without the terminating NUL.
     const auto length = static_cast<socklen_t>(strlen(address.sun_path) + sizeof(address.sun_family));
     if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         debug_print("Error:=%s(0x%x), client socket connection failed", strerror(errno), error_number());
@@ -99,7 +99,7 @@ bool connect_to(int descriptor, int pid) {
     return true;
 }
 
-/// Judges an answer by its length. `error` is the errno that came with it.
+/// Checks the length of an answer. `error` is the errno value of the receive call.
 int judge_answer(const session_peers& peers, session_snapshot* snapshot, ssize_t length, int error) {
     const auto whole = static_cast<ssize_t>(sizeof(*snapshot));
     if (length == whole || (peers.accepts_short_answer && length > 0)) {
@@ -158,7 +158,7 @@ size_t count_lines(FILE* file) {
     return lines;
 }
 
-/// Queries the process of every line. Returns the number of snapshots that were filled.
+/// Queries the process on each line. Returns the number of snapshots that were filled in.
 uint32_t query_all(const session_peers& peers, FILE* pid_file, session_snapshot* snapshots, size_t room) {
     char line[line_size];
     uint32_t filled = 0;

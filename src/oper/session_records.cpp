@@ -25,10 +25,10 @@ constexpr double mebibytes_per_byte = 1.0 / 1048576;
 
 enum direction : size_t { incoming, outgoing, direction_count };
 
-/// What became of a snapshot.
+/// Outcome for one snapshot.
 enum class filled { entry, nothing, out_of_memory };
 
-/// One kind of record: how an entry is made of a snapshot, and the words about it.
+/// A kind of record: how an entry is built from a snapshot, and its log texts.
 struct session_report {
     const char* routine;
     size_t entry_size;
@@ -40,7 +40,7 @@ struct session_report {
     const char* encode_failed;
 };
 
-/// A record of any kind: each is two lists.
+/// A record of any kind: all of them consist of two lists.
 union two_sided_record {
     void* first[direction_count] = {};
     ssh_session_brief brief;
@@ -54,7 +54,7 @@ void report_out_of_memory(const char* location) {
     trace_error(oper_trace_allocation, {location, ENOMEM});
 }
 
-/// Ends the filling of an entry, whose texts may not all have found memory.
+/// Finishes an entry; some of its texts may have run out of memory.
 filled finished(const session_report& report, direction side, bool failed) {
     if (!failed) {
         return filled::entry;
@@ -63,7 +63,7 @@ filled finished(const session_report& report, direction side, bool failed) {
     return filled::out_of_memory;
 }
 
-/// The line's number; 0 for a channel without a line.
+/// The number of the terminal line; 0 for a channel without one.
 uint32_t line_number(const char* line) {
     int number = 0;
     return sscanf(line, "vty %d", &number) == 1 ? static_cast<uint32_t>(number) : 0;
@@ -79,7 +79,7 @@ void fill_channel(const session_report& report, const session_snapshot& snapshot
                 snapshot.remote_host, snapshot.authentication_method);
 }
 
-/// Fills the taken channels, at most as many as the session says are open and as there is room for.
+/// Fills in the channels in use: at most as many as the session reports open and as fit.
 void fill_channels(const session_report& report, const session_snapshot& snapshot, session_brief_info* entry,
                    uint32_t room) {
     const uint32_t most = std::min(snapshot.open_channels, room);
@@ -103,7 +103,7 @@ filled fill_brief(const session_report& report, const session_snapshot& snapshot
         entry->SessionState = entry->Version = entry->AuthenticationType = -1;
         return filled::entry;
     }
-    // A session has at most as many channels as there are slots, whatever it claims; of an outgoing one a single channel
+    // A session has no more channels than there are slots, whatever it claims. Only one channel of an outgoing session
     // is shown.
     const uint32_t room =
         side == outgoing ? 1 : std::clamp(snapshot.open_channels, 1U, static_cast<uint32_t>(channel_slots - 1));
@@ -145,7 +145,7 @@ filled fill_detail(const session_report& report, const session_snapshot& snapsho
     return filled::entry;
 }
 
-/// A quantity with one decimal, cut to 10 characters.
+/// A quantity with one decimal, truncated to 10 characters.
 char* quantity_text(double quantity, bool* failed) {
     char text[quantity_size];
     format_text(text, sizeof(text), "%.1f", quantity);
@@ -194,7 +194,7 @@ constexpr session_report detail_report = {
     .encode_failed = "Failed to encode ssh_session_detail_bag",
 };
 
-// A failed encoding of rekey data is reported in the detail's words.
+// An encoding failure of rekey data is logged with the text for details.
 constexpr session_report rekey_report = {
     .routine = "get_ssh_session_rekey",
     .entry_size = sizeof(session_rekey_info),
@@ -206,7 +206,7 @@ constexpr session_report rekey_report = {
     .encode_failed = "Failed to encode ssh_session_detail_bag",
 };
 
-/// Adds an entry for a snapshot behind `*tail`, which moves on to the entry's link. Returns 0 or ENOMEM.
+/// Appends an entry for a snapshot at `*tail`, which is advanced to the entry's link. Returns 0 or ENOMEM.
 platform_status add_entry(const session_report& report, const session_snapshot& snapshot, direction side,
                           void*** tail) {
     auto* entry = static_cast<unsigned char*>(calloc(1, report.entry_size));
@@ -219,13 +219,13 @@ platform_status add_entry(const session_report& report, const session_snapshot& 
         free(entry);
         return PLATFORM_OK;
     }
-    // A half-filled entry goes into the list, too: it is released with the record.
+    // An incomplete entry is appended too, so that it is released with the record.
     **tail = entry;
     *tail = reinterpret_cast<void**>(entry + report.link_offset);
     return result == filled::entry ? platform_status{PLATFORM_OK} : platform_status{ENOMEM};
 }
 
-/// Builds one direction's list. A direction whose processes cannot be found has no sessions.
+/// Builds the list of one direction. If its processes cannot be listed, it is empty.
 platform_status build_side(const session_report& report, direction side, void** first) {
     uint32_t count = 0;
     session_snapshot* snapshots = nullptr;

@@ -1,4 +1,4 @@
-/// Records of SSH sessions for the readers of structured data: both directions in one record.
+/// Records of SSH sessions for structured data: both directions in one record.
 #ifndef OPER_SESSION_RECORDS_H
 #define OPER_SESSION_RECORDS_H
 
@@ -7,7 +7,7 @@
 #include "oper/session_snapshot.h"
 #include "platform/datastore.h"
 
-// Native structures of the records, in the layout of their schemas. Texts and elements are owned.
+// Native structures of the records, laid out as in their schemas. They own their texts and elements.
 
 struct ssh_mcinfo {
     uint32_t ChannelID;
@@ -72,13 +72,13 @@ struct ssh_session_rekey {
     session_rekey_info* OutgoingConnections;
 };
 
-/// The agent's own node id, asked of the platform once. Returns 0, or the platform's error after it was logged.
+/// The agent's own node id, which the platform is asked for once. Returns 0, or the platform's error after logging it.
 platform_status own_node_id(uint32_t* node_id);
 
-/// A copy of a text, allocated with malloc; null for an empty one. Sets `*failed` when memory is out.
+/// A copy of a text, allocated with malloc; null for an empty one. Sets `*failed` when out of memory.
 char* owned_text(const char* text, bool* failed);
 
-/// Handlers of the items brief, detail and rekey. Return 0, or the status with which the read ends.
+/// Handlers of the items brief, detail and rekey. Return 0, or the status of the read.
 platform_status get_ssh_session_brief(datastore_read_request* request);
 platform_status get_ssh_session_detail(datastore_read_request* request);
 platform_status get_ssh_session_rekey(datastore_read_request* request);

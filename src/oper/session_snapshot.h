@@ -1,4 +1,4 @@
-/// Reading the answer of one SSH process to a session query.
+/// Parsing an SSH process's answer to a session query.
 #ifndef OPER_SESSION_SNAPSHOT_H
 #define OPER_SESSION_SNAPSHOT_H
 
@@ -7,7 +7,7 @@
 
 #include "platform/session_query.h"
 
-/// A session id that means that the snapshot holds no session.
+/// Session id of an empty snapshot.
 inline constexpr uint32_t no_session = UINT32_MAX;
 
 inline constexpr size_t channel_slots = SESSION_CHANNEL_SLOTS;
@@ -17,7 +17,7 @@ void end_text(char (&text)[size]) {
     text[size - 1] = '\0';
 }
 
-/// Ends every text within its field, also where the peer forgot to.
+/// Terminates every text within its field, in case the peer did not.
 inline void end_texts(session_snapshot* snapshot) {
     for (auto& line : snapshot->line) {
         end_text(line);

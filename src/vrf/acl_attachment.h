@@ -16,21 +16,21 @@ struct acl_slot {
     acl_type type;
     int (*upcalls::*attach)(vrf_node* node, uint32_t type);
     void (*upcalls::*detach)(vrf_node* node, uint32_t type);
-    const char* attach_failed_debug;  ///< format with the list's name; null prints nothing
+    const char* attach_failed_debug;  ///< format with the list's name; null: not printed
     const char* attach_failed_log;
     const char* log_prefix;  ///< precedes the VRF's name in the log message
 };
 
-/// Makes the VRF's packet-filter tables. A failure is reported under the tag. Returns 0 or -1.
+/// Creates the VRF's nftables tables. A failure is logged under the tag. Returns 0 or -1.
 int make_nft_table(const char* tag, const char* vrf_name);
 
-/// Empties the table of the slot's type. A failure is reported under the tag. Returns 0 or -1.
+/// Flushes the table of the slot's type. A failure is logged under the tag. Returns 0 or -1.
 int flush_acl_rules(const char* tag, const char* vrf_name, const acl_slot& slot);
 
-/// Attaches the list whose name the node holds in the slot. A failure is reported. Returns 0 or -1.
+/// Attaches the list named in the node's slot. A failure is logged. Returns 0 or -1.
 int attach_acl(vrf_node* node, const acl_slot& slot);
 
-/// Detaches the list whose name the node holds in the slot, if it holds one, and forgets the name.
+/// Detaches the list named in the node's slot, if any, and clears the name.
 void detach_acl(vrf_node* node, const acl_slot& slot);
 
 #endif

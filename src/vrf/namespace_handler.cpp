@@ -28,8 +28,8 @@ constexpr int wait_seconds = 2;
 constexpr size_t listing_line_size = 512;
 constexpr size_t command_size = 512;
 
-// The NETCONF IPv6 list goes to the IPv4 routine here, unlike when its item is applied: that is how a namespace's
-// return has always been handled, and what the tables of a returned VRF hold depends on it.
+// The NETCONF IPv6 list is attached by the IPv4 routine here, unlike when its item is applied: the handling of a
+// returning namespace has always been so, and determines the rules in its tables.
 constexpr acl_slot lists_in_order[] = {
     {&vrf_node::ssh_v4_acl, acl_ssh_v4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
      "Failed to configure ssh v4 acl", "vrf: "},
@@ -71,8 +71,8 @@ bool namespace_is_listed(const char* namespace_name) {
     return found;
 }
 
-/// Waits until the namespace is there and announced, but not for ever: the server is started in any case, and systemd
-/// then tells what is amiss.
+/// Waits until the namespace exists and is announced, up to the last attempt: the server is started in any case, and
+/// systemd then reports what is wrong.
 void wait_for_namespace(const vrf_node* node, const char* namespace_name) {
     for (int attempt = 1; attempt <= wait_attempts; ++attempt) {
         if (namespace_is_listed(namespace_name) && announce_namespace(namespace_name)) {
@@ -88,7 +88,7 @@ void wait_for_namespace(const vrf_node* node, const char* namespace_name) {
     log_details("nns not created for vrf:", node->name, "even after multiple retries");
 }
 
-/// Attaches every list that the node names. Returns 0, or -1 at the first failure.
+/// Attaches every list named in the node. Returns 0, or -1 at the first failure.
 int attach_all_lists(vrf_node* node) {
     for (const acl_slot& slot : lists_in_order) {
         if ((node->*slot.name)[0] != '\0' && attach_acl(node, slot) != 0) {
@@ -142,7 +142,7 @@ void namespace_deleted(const char* namespace_name) {
     remove_sshd_service_config_file(namespace_name);
 }
 
-/// The message's body with its name ended for sure, or false when it is none.
+/// Copies the message's body and terminates its name. Returns false if the body is malformed.
 bool read_message(const event_message* message, namespace_message* body) {
     size_t size = 0;
     const void* bytes = event_message_body(message, &size);
@@ -175,7 +175,7 @@ void ssh_proxy_nns_handler(event_message* message, void*) {
     } else {
         trace_error(vrf_trace_namespace_malformed);
     }
-    // The platform waits for an answer whatever became of the namespace.
+    // The platform waits for a reply, whatever happened to the namespace.
     const unsigned char reply[NAMESPACE_REPLY_SIZE] = {};
     event_message_reply(message, reply, sizeof reply);
 }

@@ -24,7 +24,7 @@ namespace {
 constexpr size_t line_size = 4096;
 constexpr size_t command_size = 256;
 
-/// There is no unit: 0 when the VRF's server has not been started yet, -1 when it should have had one.
+/// The unit file is missing: returns 0 if the VRF's server has not been started yet, -1 if it has.
 int report_missing_unit(const char* vrf_name) {
     debug_print("%s, Service file doesn't exist for vrf:=%s", "ssh_process_restart", vrf_name);
     const vrf_node* node = find_vrf_node(vrf_name);
@@ -51,7 +51,7 @@ int start_server(const char* vrf_name) {
         debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to start the server", vrf_name, platform_status_text(error),
                     error);
         trace_error(vrf_trace_start, {vrf_name, error});
-        // Without a server the VRF has nothing to let connections in for: it stays blocked until a start succeeds.
+        // Without a server there is nothing to let connections in for: the VRF stays blocked until a start succeeds.
         return -1;
     }
     unblock_vrf(vrf_name);
@@ -75,7 +75,7 @@ int stop_server(const char* vrf_name) {
     return 0;
 }
 
-/// Reads the probe file's first line, without its newline. 0, or -1 when it is reported.
+/// Reads the first line of the probe file, without its newline. Returns 0, or -1 after logging the failure.
 int read_probe_line(const char* vrf_name, char* line, int size) {
     FILE* probe = std::fopen(paths::service_probe_file, "r");
     if (probe == nullptr) {
@@ -100,7 +100,7 @@ int read_probe_line(const char* vrf_name, char* line, int size) {
     return 0;
 }
 
-/// Asks systemd whether the VRF's server runs. Returns 0 and the answer, or -1 when it cannot be told.
+/// Asks systemd whether the VRF's server is running. Returns 0 and the answer, or -1 if that cannot be determined.
 int probe_server(const char* vrf_name, bool* active) {
     char command[command_size];
     format_text(command, sizeof command, paths::service_probe_command, vrf_name);
@@ -134,8 +134,7 @@ int copy_default_file(const char* vrf_name, const char* path, uint32_t* change) 
     return 0;
 }
 
-/// A running server keeps the file it was started with; a file left behind by a stopped one may be stale and is made
-/// anew.
+/// A running server keeps the file it was started with. The file of a stopped server may be stale and is recreated.
 int renew_stale_file(const char* vrf_name, const char* path, uint32_t* change) {
     bool active = false;
     if (probe_server(vrf_name, &active) != 0) {
@@ -184,7 +183,7 @@ int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, co
     if (add_line == 1) {
         char line[line_size];
         format_text(line, sizeof line, "%s %s", keyword, value);
-        // The editor reports its own failure; the server is better started without this line than not at all.
+        // The editor has logged the failure. It is better to start the server without this line than not at all.
         update_string_in_file(path, keyword, 1, line, change);
     }
     return 0;

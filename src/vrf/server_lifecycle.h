@@ -4,12 +4,12 @@
 
 #include <cstdint>
 
-/// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, with the VRF blocked in management-plane protection
-/// while it restarts. Returns 0 or -1; a VRF whose server could not be started stays blocked.
+/// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, blocking the VRF in management-plane protection
+/// during a restart. Returns 0 or -1; a VRF whose server could not be started stays blocked.
 int ssh_process_restart(uint32_t start, const char* vrf_name);
 
-/// Makes sure that the VRF's file exists and is not a stale one (asked only for a new node), and adds the line of
-/// `keyword` and `value` when `add_line` is 1. Sets `*change` when the file changed. Returns 0 or -1.
+/// Makes sure that the VRF's file exists and is not stale (checked only for a new node), and adds the line of `keyword`
+/// and `value` if `add_line` is 1. Sets `*change` if the file changed. Returns 0 or -1.
 int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, const char* value, uint32_t* change,
                      int new_node);
 

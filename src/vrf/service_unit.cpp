@@ -22,7 +22,7 @@ constexpr size_t file_text_size = 4096;
 constexpr mode_t file_mode = 0644;
 constexpr char file_mode_text[] = "0644";
 
-// The comment and the burst disagree; the installed routers have both this way.
+// The comment and the burst disagree, as on the installed routers.
 constexpr char unit_text[] =
     "[Unit]\n"
     "Description=NorvoSSH sshd service\n"
@@ -57,7 +57,7 @@ constexpr char environment_text[] =
     "LD_LIBRARY_PATH=/pkg/lib/override:/pkg/lib:/pkg/lib/cerrno:/pkg/lib/mib:/pkg/lib/spp_plugins:"
     "/pkg/thirdparty_lib/lib64:/pkg/thirdparty_lib/lib:/pkg/thirdparty_lib/usr/lib64:/pkg/thirdparty_lib:/usr/lib\n";
 
-/// One of the two files: its reports, and the mode that its write failure is traced with.
+/// One of the two files: its debug formats, and the mode traced when writing it fails.
 struct file_reports {
     const char* open_failed;
     const char* write_failed;
@@ -74,7 +74,7 @@ constexpr file_reports unit_reports = {
     vrf_trace_unit_write,
 };
 
-// The traced mode is not the one that the file gets; whoever evaluates traces knows this failure by it.
+// The traced mode differs from the file's actual one; trace evaluations identify this failure by it.
 constexpr file_reports environment_reports = {
     "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Conf File open failed",
     "%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), Config File write failed",
@@ -83,7 +83,7 @@ constexpr file_reports environment_reports = {
     vrf_trace_environment_write,
 };
 
-/// The part of a prefixed name after "vrf-"; null, reported under `routine`, when there is none.
+/// The part of a prefixed name after "vrf-". Returns null, logged under `routine`, if the prefix is missing.
 const char* name_without_prefix(const char* routine, const char* prefixed_name) {
     if (prefixed_name == nullptr) {
         debug_print("%s - Vrf-name is NULL", routine);
@@ -98,7 +98,7 @@ const char* name_without_prefix(const char* routine, const char* prefixed_name) 
     return prefixed_name + std::strlen(vrf_namespace_prefix);
 }
 
-/// 0, or -1 with errno.
+/// Returns 0, or -1 with errno set.
 int write_whole(int fd, const char* text, size_t length) {
     while (length > 0) {
         const ssize_t written = write(fd, text, length);
@@ -114,7 +114,7 @@ int write_whole(int fd, const char* text, size_t length) {
     return 0;
 }
 
-/// Writes the text over the file's beginning. A longer file keeps its tail: it is not truncated.
+/// Overwrites the beginning of the file. A longer file keeps its tail because it is not truncated.
 int overwrite_file(const char* routine, const char* path, const char* text, size_t length,
                    const file_reports& reports) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, file_mode);

@@ -4,8 +4,8 @@
 
 #include <cstddef>
 
-/// Writes the unit and its environment file for the VRF whose prefixed name ("vrf-" + NAME) is given, and lets systemd
-/// read them. Returns 0 or -1.
+/// Writes the unit and its environment file for the given prefixed VRF name ("vrf-" + NAME) and reloads systemd.
+/// Returns 0 or -1.
 int create_sshd_service_config_file(const char* prefixed_name);
 
 /// Removes both files; a failure is only traced.

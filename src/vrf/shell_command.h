@@ -1,9 +1,9 @@
-/// Shell commands whose failure is judged by errno.
+/// Shell commands whose failure is determined by errno.
 #ifndef VRF_SHELL_COMMAND_H
 #define VRF_SHELL_COMMAND_H
 
-/// Runs a command through the shell and waits for it. It has failed when its status is not zero and errno is set, which
-/// is deliberately not cleared before: systemctl also ends with a status of its own when it has done what was asked.
+/// Runs a command through the shell and waits for it. It has failed if its status is non-zero and errno is set. errno
+/// is deliberately not cleared before: systemctl may end with a non-zero status although it has done what was asked.
 bool shell_command_failed(const char* command);
 
 #endif

@@ -29,24 +29,24 @@ constexpr uint32_t vrf_name_component = 2;
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr size_t namespace_name_size = sizeof "vrf-" + vrf_name_size;
 
-/// What a VRF item asks for.
+/// The settings requested by a VRF item.
 struct vrf_request {
     const char* vrf_name;
-    const char* v4_acl;  ///< null when none is given, as the next
+    const char* v4_acl;  ///< null if the item names none; so is the next
     const char* v6_acl;
 };
 
-/// A service that a VRF's server can offer, and how its VRF items differ from the other service's.
+/// A service that a VRF's server can provide, and how its VRF items differ from those of the other service.
 struct server_kind {
     const char* routine;
     const char* event_text;
     void (*describe)(const vrf_node* node, const vrf_request& request);
-    uint32_t service;                ///< towards management-plane protection
-    size_t port;                     ///< entry of the server parameter table
-    bool port_yields_to_setting;     ///< a configured port replaces the VRF's own port line
-    const char* subsystem;           ///< program behind the service's subsystem; null when it has none
-    bool follows_default_vrf;        ///< the VRF "default" is shared with the protocol item
-    bool restarts_remaining_server;  ///< when another item still holds the server, whether the file changed or not
+    uint32_t service;                ///< for management-plane protection
+    size_t port;                     ///< index in the server parameter table
+    bool port_yields_to_setting;     ///< a configured port overrides the VRF's own port line
+    const char* subsystem;           ///< program of the service's subsystem; null if it has none
+    bool follows_default_vrf;        ///< shares the VRF "default" with the protocol item
+    bool restarts_remaining_server;  ///< restarts even an unchanged server that another item still uses
     acl_slot v4;
     acl_slot v6;
 };
@@ -100,7 +100,7 @@ const char* given_name(const char* text) {
     return text != nullptr && text[0] != '\0' ? text : nullptr;
 }
 
-/// Unpacks the item's value; a removal has none. Returns 0, or -1 when it is reported.
+/// Unpacks the item's value; a deleted item has none. Returns 0, or -1 after logging the failure.
 int read_request(const datastore_change& change, const char* vrf_name, vrf_request* request) {
     *request = {vrf_name, nullptr, nullptr};
     if ((change.event & create_or_set) == 0) {
@@ -121,8 +121,8 @@ int read_request(const datastore_change& change, const char* vrf_name, vrf_reque
     return 0;
 }
 
-/// Takes one reference for an item on the VRF's node, which is made when there is none. During the initial scan every
-/// item counts; later on only one that is new. Null when out of memory.
+/// Takes a reference to the VRF's node for an item, creating the node if necessary. During the initial scan every item
+/// counts; afterwards only a new one does. Returns null when out of memory.
 vrf_node* hold_vrf_node(const char* vrf_name, uint32_t event, bool* created) {
     vrf_node* node = find_vrf_node(vrf_name);
     *created = node == nullptr;
@@ -156,7 +156,7 @@ bool has_own_port_line(const server_kind& kind) {
     return !kind.port_yields_to_setting || server.parameters[kind.port].current == nullptr;
 }
 
-/// Attaches the lists that the request names. Returns 0, or -1 at the first failure.
+/// Attaches the lists named in the request. Returns 0, or -1 at the first failure.
 int attach_given_lists(const server_kind& kind, const vrf_request& request, vrf_node* node) {
     if (request.v4_acl != nullptr && attach_acl(node, kind.v4) != 0) {
         return -1;
@@ -170,7 +170,7 @@ void store_list_name(vrf_node* node, const acl_slot& slot, const char* acl_name)
     }
 }
 
-/// Another access list for a server that runs already. Each list is attached before the next name is taken over.
+/// Replaces the access lists of a running server. Each list is attached before the next name is stored.
 void exchange_lists(const server_kind& kind, const vrf_request& request) {
     vrf_node* node = find_vrf_node(request.vrf_name);
     if (node == nullptr) {
@@ -191,7 +191,7 @@ void exchange_lists(const server_kind& kind, const vrf_request& request) {
     }
 }
 
-/// The lines that the service has in the VRF's file.
+/// The service's lines in the VRF's file.
 int write_service_lines(const server_kind& kind, vrf_node* node, bool new_node, uint32_t* file_changed) {
     line_entry& subsystem = node->lines[VRF_NETCONF_SUBSYSTEM];
     if (kind.subsystem != nullptr) {
@@ -204,8 +204,8 @@ int write_service_lines(const server_kind& kind, vrf_node* node, bool new_node, 
     return has_own_port_line(kind) ? add_port_line(node->name, kind.port, file_changed) : 0;
 }
 
-/// Makes and starts the server's unit in a namespace that exists. Returns 0 and the restart's result, or -1 when it did
-/// not come that far.
+/// Creates the server's unit and starts it in an existing namespace. Returns 0 and the result of the restart, or -1 if
+/// the restart was not attempted.
 int start_unit(const server_kind& kind, vrf_node* node, int* result) {
     char namespace_name[namespace_name_size];
     vrf_namespace_name(node->name, namespace_name, sizeof namespace_name);
@@ -223,7 +223,7 @@ int start_unit(const server_kind& kind, vrf_node* node, int* result) {
     return 0;
 }
 
-/// Carries a new item's wishes out on its node. Failures are reported, and end it.
+/// Applies a new item to its node. The first failure is logged and ends it.
 void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
     if (agent.respawn_count >= respawn_after_failure) {
         debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent.respawn_count));
@@ -265,8 +265,8 @@ platform_status create_item(const server_kind& kind, uint32_t event, const vrf_r
     return 0;
 }
 
-/// Removes the service's lines from the VRF's file. As long as the protocol item exists, the default VRF's port is
-/// that item's. Returns 0 or -1.
+/// Removes the service's lines from the VRF's file. While the protocol item exists, the default VRF's port belongs to
+/// that item. Returns 0 or -1.
 int remove_service_lines(const server_kind& kind, vrf_node* node, uint32_t* file_changed) {
     if (kind.subsystem != nullptr) {
         line_entry& subsystem = node->lines[VRF_NETCONF_SUBSYSTEM];
@@ -281,7 +281,7 @@ int remove_service_lines(const server_kind& kind, vrf_node* node, uint32_t* file
     return remove_port_line(node->name, kind.port, file_changed);
 }
 
-/// Ends the service in a VRF. Returns 0, or -1 when the VRF's file could not be changed and everything stays as it is.
+/// Stops the service in a VRF. Returns 0, or -1 with nothing changed if the VRF's file could not be edited.
 int stop_service(const server_kind& kind, vrf_node* node) {
     uint32_t file_changed = 0;
     if (remove_service_lines(kind, node, &file_changed) != 0) {
@@ -319,7 +319,7 @@ void delete_item(const server_kind& kind, const char* vrf_name) {
     }
 }
 
-/// A VRF item of either service.
+/// Applies a VRF item of either service.
 platform_status apply_vrf_item(const server_kind& kind, const datastore_change& change,
                                const datastore_path_components* components) {
     debug_print(kind.event_text, static_cast<int>(change.event));
@@ -348,8 +348,8 @@ platform_status apply_vrf_item(const server_kind& kind, const datastore_change& 
     return 0;
 }
 
-/// The protocol item came or changed: a server in the default VRF. Returns 0, -1 when a reported failure ends it, 1 when
-/// out of memory.
+/// The protocol item was created or changed: runs a server in the default VRF. Returns 0, -1 after a logged failure, or
+/// 1 when out of memory.
 int start_default_server(uint32_t event) {
     server.parameters[SERVER_PROTOCOL].current = "2";
     bool new_node = false;
@@ -373,8 +373,8 @@ int start_default_server(uint32_t event) {
     return 0;
 }
 
-/// The protocol item has gone. The port stays while the VRF item "default" wants it. Returns 0 or -1. A node without
-/// references is removed by the walk over the VRFs' files that follows.
+/// The protocol item was deleted. The port line stays while the VRF item "default" needs it. Returns 0 or -1. Walking
+/// the VRFs' files afterwards removes a node without references.
 int stop_default_server() {
     server.parameters[SERVER_PROTOCOL].current = nullptr;
     vrf_node* node = find_vrf_node(default_vrf);

@@ -1,4 +1,4 @@
-/// Appliers of the items that decide in which VRFs a server runs.
+/// Appliers of the items that determine in which VRFs a server runs.
 #ifndef VRF_VRF_APPLIERS_H
 #define VRF_VRF_APPLIERS_H
 
@@ -7,13 +7,13 @@
 /// 1 while the item of the VRF "default" exists.
 extern uint32_t default_vrf_configured;
 
-/// sshd/vrf/NAME: an SSH server in a VRF. Returns 0; 1 for an absent name or when out of memory.
+/// sshd/vrf/NAME: an SSH server in a VRF. Returns 0, or 1 for a missing name or when out of memory.
 platform_status sshd_apply_vrf_func(const datastore_change* change, const datastore_path_components* components);
 
-/// sshd/v2: the protocol version, and a server in the default VRF. Returns 0; 1 when out of memory.
+/// sshd/v2: the protocol version, and a server in the default VRF. Returns 0, or 1 when out of memory.
 platform_status sshd_apply_ver_func(const datastore_change* change, const datastore_path_components* components);
 
-/// sshd/vrf-netconf/NAME: a NETCONF server in a VRF. Returns 0; 1 for an absent name or when out of memory.
+/// sshd/vrf-netconf/NAME: a NETCONF server in a VRF. Returns 0, or 1 for a missing name or when out of memory.
 platform_status sshd_apply_conf_netconf_vrf(const datastore_change* change,
                                             const datastore_path_components* components);
 

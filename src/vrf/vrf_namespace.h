@@ -4,13 +4,13 @@
 
 #include <cstddef>
 
-/// What a VRF's name has before it in the name of its network namespace.
+/// Prefix of the VRF's name in the name of its network namespace.
 inline constexpr char vrf_namespace_prefix[] = "vrf-";
 
 /// Whether the VRF's network namespace exists.
 bool vrf_namespace_exists(const char* vrf_name);
 
-/// The name of the VRF's network namespace: "vrf-" and its own. A name that does not fit `size` bytes is cut.
+/// The name of the VRF's network namespace: "vrf-" and the VRF's name, cut to `size` bytes.
 void vrf_namespace_name(const char* vrf_name, char* name, size_t size);
 
 #endif
