@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "openssh/sessions/fact_rows.h"
-#include "openssh/sessions/log_filter.h"
+#include "openssh/reporter/log_filter.h"
 #include "openssh/sessions/snapshot.h"
 
 namespace {

@@ -1,11 +1,11 @@
 #include "openssh/client_launch.h"
 
 #include "openssh/algorithm_query.h"
-#include "openssh/session_reports.h"
-#include "openssh/sessions/verbose_places.h"
+#include "openssh/preload.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
+#include "openssh/verbose_places.h"
 
 namespace openssh {
 

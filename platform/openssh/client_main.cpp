@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "openssh/client_launch.h"
-#include "openssh/session_reports.h"
+#include "openssh/preload.h"
 #include "openssh/text.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/lists.h"
+#include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
 #include "linux/process/event_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"

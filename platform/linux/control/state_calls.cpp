@@ -11,12 +11,12 @@
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 #include "linux/datastore/schema_text.h"
-#include "linux/process/process_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/debug_internal.h"
 #include "linux/reporting/trace_internal.h"
 #include "linux/vrf/mpp_internal.h"
-#include "linux/vrf/namespace_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ platform_status collect_vrfs(std::map<std::string, vrf_state>& vrfs) {
         vrfs[entry.name].id = entry.id;
     }
     for (const std::string& name : namespace_list()) {
-        vrfs[name.substr(std::string_view(vrf_namespace_prefix).size())].has_namespace = true;
+        vrfs[name.substr(std::string_view(namespace_name_prefix).size())].has_namespace = true;
     }
     for (const mpp_vrf_status& protection : mpp_status()) {
         vrfs[protection.vrf_name].protection = protection;
@@ -111,7 +111,7 @@ std::string trace_label(const trace_record& record, size_t place) {
 control_json trace_arguments_json(const trace_record& record) {
     control_json arguments = control_json::object();
     for (size_t i = 0; i < record.arguments.size(); ++i) {
-        const trace_value& argument = record.arguments[i];
+        const traced_argument& argument = record.arguments[i];
         arguments[trace_label(record, i)] =
             argument.is_text ? control_json(argument.text) : control_json(argument.number);
     }

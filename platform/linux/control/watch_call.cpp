@@ -1,6 +1,6 @@
 #include "linux/control/calls_internal.h"
 #include "linux/control/events.h"
-#include "linux/datastore/telemetry_internal.h"
+#include "linux/datastore/telemetry_producer_internal.h"
 
 namespace {
 

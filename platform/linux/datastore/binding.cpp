@@ -4,7 +4,7 @@
 #include <new>
 
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/lists.h"
+#include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
 
 /// What stands directly below a path, read when the list was asked for.

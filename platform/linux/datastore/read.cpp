@@ -3,7 +3,7 @@
 #include <new>
 
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/lists.h"
+#include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
 
 platform_status datastore_get_value(std::string_view path, datastore_value& value) try {

@@ -10,7 +10,7 @@
 
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
-#include "linux/datastore/telemetry_internal.h"
+#include "linux/datastore/telemetry_producer_internal.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "linux/datastore/lists.h"
+#include "linux/datastore/served_lists.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "linux/datastore/datastore_internal.h"
-#include "linux/host/banner_internal.h"
+#include "linux/host/banner_service_internal.h"
 #include "linux/host/banner_tokens.h"
 #include "linux/reporting/log_message_internal.h"
 

@@ -18,10 +18,10 @@
 #include "linux/host/aaa_users.h"
 #include "linux/host/key_store_internal.h"
 #include "linux/process/event_manager_internal.h"
-#include "linux/process/process_internal.h"
-#include "linux/process/process_manager_lock.h"
+#include "linux/process/process_manager_internal.h"
+#include "linux/process/node_lock.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/namespace_internal.h"
+#include "linux/vrf/namespace_watch.h"
 #include "platform/namespace_message.h"
 
 struct event_message {

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "linux/process/process_internal.h"
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/paths.h"
+#include "platform/process_manager.h"
 
 namespace {
 

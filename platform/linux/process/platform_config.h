@@ -16,6 +16,9 @@
 
 #include "platform/status.h"
 
+/// A role that waits until it becomes primary.
+enum { PROCESS_ROLE_STANDBY = 2 };
+
 struct platform_config {
     uint32_t role;  ///< PROCESS_ROLE_
     uint32_t node_number;

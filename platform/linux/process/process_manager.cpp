@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
+#include "linux/process/node_lock.h"
+#include "linux/process/paths.h"
 #include "linux/process/platform_config.h"
-#include "linux/process/process_internal.h"
-#include "linux/process/process_manager_lock.h"
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {

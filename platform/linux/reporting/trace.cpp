@@ -131,8 +131,8 @@ void append(trace_buffer& buffer, const record_writer& record) {
     ++buffer.written;
 }
 
-trace_value read_argument(record_reader& reader) {
-    trace_value value = {};
+traced_argument read_argument(record_reader& reader) {
+    traced_argument value = {};
     argument_kind kind = argument_number;
     reader.get(&kind, sizeof kind);
     value.is_text = kind == argument_text;

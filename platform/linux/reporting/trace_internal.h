@@ -9,7 +9,7 @@
 #include "platform/trace.h"
 
 /// An argument as it was traced: text when `is_text`, else the number.
-struct trace_value {
+struct traced_argument {
     bool is_text;
     int64_t number;
     std::string text;
@@ -19,7 +19,7 @@ struct trace_record {
     uint64_t microseconds;  ///< since the epoch
     uint32_t code;
     const trace_point* point;  ///< null: the code has no description
-    std::vector<trace_value> arguments;
+    std::vector<traced_argument> arguments;
 };
 
 struct trace_buffer_contents {

@@ -14,8 +14,8 @@
 #include "linux/reporting/log_message_internal.h"
 #include "linux/vrf/mpp_filter.h"
 #include "linux/vrf/mpp_internal.h"
-#include "linux/vrf/namespace_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
 
 /// A block outlives the agent: a VRF whose access lists the agent had not loaded when it died stays shut until somebody
 /// has loaded them. The next agent takes such blocks over at mpp_init and opens those VRFs when it first reaches its
@@ -153,7 +153,7 @@ platform_status open_when_loop_is_reached() {
 
 platform_status take_over_leftovers() {
     for (const std::string& namespace_name : namespace_list()) {
-        const std::string name = namespace_name.substr(sizeof vrf_namespace_prefix - 1);
+        const std::string name = namespace_name.substr(sizeof namespace_name_prefix - 1);
         std::string failure;
         bool blocked = false;
         const platform_status status = mpp_filter_is_blocked(name, blocked, failure);
@@ -230,7 +230,7 @@ platform_status unblock(const std::string& name) {
 
 /// The VRF's name, empty when this is no VRF's namespace.
 std::string vrf_of(const char* namespace_name) {
-    constexpr std::string_view prefix = vrf_namespace_prefix;
+    constexpr std::string_view prefix = namespace_name_prefix;
     const std::string_view name = namespace_name == nullptr ? "" : namespace_name;
     if (name.substr(0, prefix.size()) != prefix || !vrf_name_is_valid(name.substr(prefix.size()))) {
         return {};

@@ -16,8 +16,8 @@
 
 #include "common/file_descriptor.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/namespace_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
 
 namespace {
 
@@ -127,7 +127,7 @@ filter_connection::~filter_connection() {
 }
 
 int filter_connection::open_in_vrf(const std::string& vrf_name) {
-    fd = open_socket_in(vrf_namespace_prefix + vrf_name);
+    fd = open_socket_in(namespace_name_prefix + vrf_name);
     return fd < 0 ? -fd : 0;
 }
 

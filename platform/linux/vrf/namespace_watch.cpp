@@ -23,8 +23,8 @@
 
 #include "linux/process/event_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/namespace_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
 #include "platform/namespace_message.h"
 
 namespace {
@@ -76,7 +76,7 @@ struct namespace_watch {
 std::unique_ptr<namespace_watch> active;
 
 bool is_vrf_namespace_name(std::string_view name) {
-    constexpr std::string_view prefix = vrf_namespace_prefix;
+    constexpr std::string_view prefix = namespace_name_prefix;
     return name.substr(0, prefix.size()) == prefix && vrf_name_is_valid(name.substr(prefix.size()));
 }
 

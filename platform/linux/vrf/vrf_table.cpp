@@ -10,7 +10,7 @@
 
 #include "linux/datastore/datastore_internal.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/vrf_table_internal.h"
 
 namespace {
 

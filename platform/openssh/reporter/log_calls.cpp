@@ -10,9 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "openssh/reporter/log_filter.h"
 #include "openssh/reporter/sender.h"
 #include "openssh/reporter/title.h"
-#include "openssh/sessions/log_filter.h"
 
 namespace {
 

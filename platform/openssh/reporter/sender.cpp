@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "openssh/sessions/report_format.h"
+#include "openssh/reporter/report_format.h"
 
 namespace openssh {
 

@@ -2,7 +2,7 @@
 #ifndef OPENSSH_REPORTER_TITLE_H
 #define OPENSSH_REPORTER_TITLE_H
 
-#include "openssh/sessions/log_line.h"
+#include "openssh/reporter/log_line.h"
 
 namespace openssh {
 

@@ -2,7 +2,7 @@
 #ifndef OPENSSH_SESSIONS_FACT_ROWS_H
 #define OPENSSH_SESSIONS_FACT_ROWS_H
 
-#include "openssh/sessions/log_line.h"
+#include "openssh/reporter/log_line.h"
 #include "openssh/sessions/session_facts.h"
 
 namespace openssh {

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "openssh/reporter/log_line.h"
 #include "openssh/sessions/fact_rows.h"
-#include "openssh/sessions/log_line.h"
 
 namespace openssh {
 

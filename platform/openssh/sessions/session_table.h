@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "openssh/reporter/report_format.h"
 #include "openssh/sessions/process_info.h"
-#include "openssh/sessions/report_format.h"
 #include "openssh/sessions/session_facts.h"
 
 namespace openssh {

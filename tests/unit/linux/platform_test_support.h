@@ -21,10 +21,10 @@
 #include <string>
 
 #include "linux/process/event_manager_internal.h"
-#include "linux/process/process_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 #include "linux/vrf/mpp_internal.h"
-#include "linux/vrf/namespace_internal.h"
+#include "linux/vrf/namespace_watch.h"
 
 namespace platform_test {
 

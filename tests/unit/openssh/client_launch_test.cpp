@@ -6,9 +6,9 @@
 #include <algorithm>
 
 #include "openssh/keyword_table.h"
-#include "openssh/sessions/verbose_places.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
+#include "openssh/verbose_places.h"
 #include "scratch.h"
 
 using namespace openssh;

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "openssh/sessions/verbose_places.h"
 #include "openssh/text.h"
+#include "openssh/verbose_places.h"
 #include "scratch.h"
 
 using namespace openssh;

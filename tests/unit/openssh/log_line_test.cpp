@@ -1,4 +1,4 @@
-#include "openssh/sessions/log_line.h"
+#include "openssh/reporter/log_line.h"
 
 #include <gtest/gtest.h>
 

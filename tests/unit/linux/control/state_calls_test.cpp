@@ -1,8 +1,8 @@
 #include <filesystem>
 
-#include "linux/process/process_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/vrf/mpp_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/vrf_table_internal.h"
 #include "platform/debug.h"
 #include "platform/trace.h"
 #include "unit/linux/control/calls_support.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "linux/control/control.h"
-#include "linux/datastore/telemetry_internal.h"
+#include "linux/datastore/telemetry_producer_internal.h"
 #include "platform/telemetry_producer.h"
 #include "unit/linux/control/calls_support.h"
 #include "unit/linux/control/control_test_support.h"

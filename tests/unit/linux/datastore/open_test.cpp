@@ -67,43 +67,5 @@ TEST_F(datastore_open_test, keeps_an_item_that_a_newer_version_has_left) {
     EXPECT_EQ(memory.items.size(), 1u);
 }
 
-TEST_F(datastore_open_test, keeps_what_services_give_it) {
-    ASSERT_EQ(datastore_open(), PLATFORM_OK);
-    std::string bytes;
-    std::string key;
-    EXPECT_EQ(datastore_private_get("vrf/blue", bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
-    EXPECT_EQ(datastore_private_put("vrf/red", std::string_view("\0\1", 2)), PLATFORM_OK);
-    EXPECT_EQ(datastore_private_put("vrf/blue", "2"), PLATFORM_OK);
-    EXPECT_EQ(datastore_private_put("vrg", "3"), PLATFORM_OK);
-    EXPECT_EQ(datastore_private_get("vrf/red", bytes), PLATFORM_OK);
-    EXPECT_EQ(bytes, std::string("\0\1", 2));
-    EXPECT_EQ(datastore_private_next("vrf/", "", key, bytes), PLATFORM_OK);
-    EXPECT_EQ(key, "vrf/blue");
-    EXPECT_EQ(datastore_private_next("vrf/", key, key, bytes), PLATFORM_OK);
-    EXPECT_EQ(key, "vrf/red");
-    EXPECT_EQ(datastore_private_next("vrf/", key, key, bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
-    EXPECT_EQ(datastore_private_delete("vrf/red"), PLATFORM_OK);
-    EXPECT_EQ(datastore_private_get("vrf/red", bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
-}
-
-TEST_F(datastore_open_test, keeps_services_out_of_the_configuration) {
-    ASSERT_EQ(datastore_open(), PLATFORM_OK);
-    std::string bytes;
-    std::string key;
-    EXPECT_EQ(datastore_private_put("/cfg/x", "1"), platform_status{EINVAL});
-    EXPECT_EQ(datastore_private_put("", "1"), platform_status{EINVAL});
-    EXPECT_EQ(datastore_private_get("/cfg/x", bytes), platform_status{EINVAL});
-    EXPECT_EQ(datastore_private_delete("/cfg/x"), platform_status{EINVAL});
-    EXPECT_EQ(datastore_private_next("", "", key, bytes), platform_status{EINVAL});
-    EXPECT_TRUE(memory.items.empty());
-}
-
-TEST_F(datastore_open_test, has_nothing_for_services_without_a_database) {
-    std::string bytes;
-    EXPECT_EQ(datastore_private_put("vrf/blue", "1"), platform_status{DATASTORE_UNAVAILABLE});
-    EXPECT_EQ(datastore_private_get("vrf/blue", bytes), platform_status{DATASTORE_UNAVAILABLE});
-    EXPECT_EQ(datastore_private_delete("vrf/blue"), platform_status{DATASTORE_UNAVAILABLE});
-}
-
 }  // namespace
 }  // namespace datastore_test

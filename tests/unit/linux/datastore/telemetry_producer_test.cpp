@@ -7,7 +7,7 @@
 #include <iterator>
 #include <string>
 
-#include "linux/datastore/telemetry_internal.h"
+#include "linux/datastore/telemetry_producer_internal.h"
 #include "unit/linux/datastore/datastore_fixture.h"
 #include "unit/linux/datastore/telemetry_test_support.h"
 

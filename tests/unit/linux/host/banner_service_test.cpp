@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "linux/host/banner_internal.h"
+#include "linux/host/banner_service_internal.h"
 #include "unit/linux/control/calls_support.h"
 #include "unit/linux/platform_test_support.h"
 

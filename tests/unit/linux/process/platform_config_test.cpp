@@ -2,7 +2,7 @@
 
 #include <sys/stat.h>
 
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/paths.h"
 #include "unit/linux/platform_test_support.h"
 
 using platform_test::write_file;

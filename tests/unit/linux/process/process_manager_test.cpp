@@ -8,7 +8,8 @@
 #include <chrono>
 #include <thread>
 
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/paths.h"
+#include "linux/process/platform_config.h"
 #include "unit/linux/platform_test_support.h"
 
 using platform_test::datagram_listener;

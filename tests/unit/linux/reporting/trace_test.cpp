@@ -95,7 +95,7 @@ TEST_F(trace_test, a_text_keeps_its_first_255_characters) {
     trace_write(buffer, 1, arguments, 3);
     const trace_buffer_contents read = contents();
     ASSERT_EQ(1u, read.records.size());
-    for (const trace_value& value : read.records[0].arguments) {
+    for (const traced_argument& value : read.records[0].arguments) {
         EXPECT_EQ(std::string(255, 'x'), value.text);
     }
 }

@@ -1,3 +1,5 @@
+#include "linux/vrf/namespace_watch.h"
+
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -7,7 +9,6 @@
 #include <chrono>
 #include <fstream>
 
-#include "linux/vrf/namespace_internal.h"
 #include "platform/namespace_message.h"
 #include "unit/linux/platform_test_support.h"
 

@@ -1,7 +1,7 @@
 #include "platform/vrf_table.h"
 
 #include "linux/datastore/datastore_internal.h"
-#include "linux/vrf/vrf_internal.h"
+#include "linux/vrf/vrf_table_internal.h"
 #include "unit/linux/platform_test_support.h"
 
 namespace {

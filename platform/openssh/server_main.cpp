@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "openssh/launch.h"
-#include "openssh/session_reports.h"
+#include "openssh/preload.h"
 #include "openssh/text.h"
 
 namespace {

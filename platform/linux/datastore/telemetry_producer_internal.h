@@ -1,6 +1,6 @@
 /// Telemetry events on their way from the producer to whoever listens.
-#ifndef LINUX_DATASTORE_TELEMETRY_INTERNAL_H
-#define LINUX_DATASTORE_TELEMETRY_INTERNAL_H
+#ifndef LINUX_DATASTORE_TELEMETRY_PRODUCER_INTERNAL_H
+#define LINUX_DATASTORE_TELEMETRY_PRODUCER_INTERNAL_H
 
 #include <cstdint>
 #include <vector>

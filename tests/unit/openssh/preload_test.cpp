@@ -1,4 +1,4 @@
-#include "openssh/session_reports.h"
+#include "openssh/preload.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -27,7 +27,7 @@ std::string value_of(const char* name) {
 
 }  // namespace
 
-TEST(session_reports, come_from_a_library_that_nobody_else_can_write_to) {
+TEST(preload, come_from_a_library_that_nobody_else_can_write_to) {
     const scratch_directory folder;
     launcher_paths paths;
     paths.session_reporter = folder.file("reporter.so");
@@ -43,7 +43,7 @@ TEST(session_reports, come_from_a_library_that_nobody_else_can_write_to) {
     EXPECT_EQ(session_reporter_of(paths), "") << "a folder";
 }
 
-TEST(session_reports, are_loaded_behind_what_is_loaded_already) {
+TEST(preload, are_loaded_behind_what_is_loaded_already) {
     unsetenv("LD_PRELOAD");
     load_into_sshd("");
     EXPECT_EQ(value_of("LD_PRELOAD"), "(unset)");
@@ -53,7 +53,7 @@ TEST(session_reports, are_loaded_behind_what_is_loaded_already) {
     EXPECT_EQ(value_of("LD_PRELOAD"), "/one.so:/two.so");
 }
 
-TEST(session_reports, of_a_client_leave_word_of_what_was_there_before) {
+TEST(preload, of_a_client_leave_word_of_what_was_there_before) {
     unsetenv("LD_PRELOAD");
     setenv("SSH_CSM_LD_PRELOAD", "left over", 1);
     setenv("SSH_CSM_LOG_FILE", "left over", 1);
@@ -70,7 +70,7 @@ TEST(session_reports, of_a_client_leave_word_of_what_was_there_before) {
     EXPECT_EQ(value_of("SSH_CSM_LOG_FILE"), "/tmp/log");
 }
 
-TEST(session_reports, of_a_client_without_the_library_change_nothing) {
+TEST(preload, of_a_client_without_the_library_change_nothing) {
     unsetenv("SSH_CSM_REPORTS");
     setenv("LD_PRELOAD", "/users.so", 1);
     load_into_ssh("", "/tmp/log");
@@ -78,7 +78,7 @@ TEST(session_reports, of_a_client_without_the_library_change_nothing) {
     EXPECT_EQ(value_of("SSH_CSM_REPORTS"), "(unset)");
 }
 
-TEST(session_reports, find_the_log_file_among_sshs_arguments) {
+TEST(preload, find_the_log_file_among_sshs_arguments) {
     EXPECT_EQ(log_file({"host"}), "");
     EXPECT_EQ(log_file({"-E", "/log", "host"}), "/log");
     EXPECT_EQ(log_file({"-vE/log", "host"}), "/log");

@@ -1,10 +1,10 @@
-#include "linux/process/process_manager_lock.h"
+#include "linux/process/node_lock.h"
 
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/paths.h"
 #include "unit/linux/platform_test_support.h"
 
 using platform_test::read_file;

@@ -1,6 +1,6 @@
 /// Lists in operational trees whose entries are a platform service's records and no items of the configuration.
-#ifndef LINUX_DATASTORE_LISTS_H
-#define LINUX_DATASTORE_LISTS_H
+#ifndef LINUX_DATASTORE_SERVED_LISTS_H
+#define LINUX_DATASTORE_SERVED_LISTS_H
 
 #include <string>
 #include <string_view>

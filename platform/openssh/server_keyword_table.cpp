@@ -1,9 +1,8 @@
-#include "openssh/keyword_table.h"
-
 #include <algorithm>
 #include <iterator>
 
 #include "openssh/keyword_row.h"
+#include "openssh/keyword_table.h"
 #include "openssh/text.h"
 
 namespace openssh {

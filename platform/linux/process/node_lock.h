@@ -1,6 +1,6 @@
 /// The lock that keeps a second agent off the node.
-#ifndef LINUX_PROCESS_PROCESS_MANAGER_LOCK_H
-#define LINUX_PROCESS_PROCESS_MANAGER_LOCK_H
+#ifndef LINUX_PROCESS_NODE_LOCK_H
+#define LINUX_PROCESS_NODE_LOCK_H
 
 /// Makes this process the node's only agent, until it ends. Returns 0, also when it is that already; EBUSY when another
 /// process is, which has been said on standard error with that process's number; or another errno value, reported there

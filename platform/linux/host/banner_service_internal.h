@@ -1,6 +1,6 @@
 /// Banners as the rest of the Linux platform knows them.
-#ifndef LINUX_HOST_BANNER_INTERNAL_H
-#define LINUX_HOST_BANNER_INTERNAL_H
+#ifndef LINUX_HOST_BANNER_SERVICE_INTERNAL_H
+#define LINUX_HOST_BANNER_SERVICE_INTERNAL_H
 
 /// The platform's own banners, plain texts. Most routers have none.
 inline constexpr char banner_platform_login_file[] = "/etc/ssh_cfg_agent/platform_banner.login";

@@ -2,8 +2,8 @@
 /// "debug1: kex.c:choose_kex():929 (pid=8811): kex: algorithm: ecdh-sha2-nistp256 [preauth]".
 ///
 /// Also part of the library that is loaded into sshd and ssh, so nothing here allocates or throws.
-#ifndef OPENSSH_SESSIONS_LOG_LINE_H
-#define OPENSSH_SESSIONS_LOG_LINE_H
+#ifndef OPENSSH_REPORTER_LOG_LINE_H
+#define OPENSSH_REPORTER_LOG_LINE_H
 
 #include <string_view>
 

@@ -1,9 +1,8 @@
-#include "openssh/keyword_table.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
 
+#include "openssh/keyword_table.h"
 #include "openssh/text.h"
 #include "scratch.h"
 

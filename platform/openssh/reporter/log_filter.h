@@ -2,13 +2,13 @@
 /// some out that were never asked for.
 ///
 /// Part of the library that is loaded into sshd and ssh, so nothing here allocates or throws.
-#ifndef OPENSSH_SESSIONS_LOG_FILTER_H
-#define OPENSSH_SESSIONS_LOG_FILTER_H
+#ifndef OPENSSH_REPORTER_LOG_FILTER_H
+#define OPENSSH_REPORTER_LOG_FILTER_H
 
 #include <cstddef>
 #include <string_view>
 
-#include "openssh/sessions/log_line.h"
+#include "openssh/reporter/log_line.h"
 
 namespace openssh {
 

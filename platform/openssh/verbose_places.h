@@ -1,6 +1,6 @@
 /// The places in sshd and ssh whose lines tell what is to be known of a session.
-#ifndef OPENSSH_SESSIONS_VERBOSE_PLACES_H
-#define OPENSSH_SESSIONS_VERBOSE_PLACES_H
+#ifndef OPENSSH_VERBOSE_PLACES_H
+#define OPENSSH_VERBOSE_PLACES_H
 
 namespace openssh {
 

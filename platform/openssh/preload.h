@@ -1,7 +1,7 @@
 /// How sshd and ssh are made to tell of their sessions: a library that is loaded into them, which passes the lines of a few
 /// places in their logs on to the responder.
-#ifndef OPENSSH_SESSION_REPORTS_H
-#define OPENSSH_SESSION_REPORTS_H
+#ifndef OPENSSH_PRELOAD_H
+#define OPENSSH_PRELOAD_H
 
 #include <string>
 

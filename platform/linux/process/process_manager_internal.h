@@ -1,14 +1,11 @@
 /// What the process manager knows, for the operator.
-#ifndef LINUX_PROCESS_PROCESS_INTERNAL_H
-#define LINUX_PROCESS_PROCESS_INTERNAL_H
+#ifndef LINUX_PROCESS_PROCESS_MANAGER_INTERNAL_H
+#define LINUX_PROCESS_PROCESS_MANAGER_INTERNAL_H
 
 #include <cstdint>
 
 #include "platform/process_manager.h"
 #include "platform/status.h"
-
-/// A role that waits until it becomes primary.
-enum { PROCESS_ROLE_STANDBY = 2 };
 
 struct process_status {
     uint32_t role;           ///< PROCESS_ROLE_

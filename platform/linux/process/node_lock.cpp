@@ -1,4 +1,4 @@
-#include "linux/process/process_manager_lock.h"
+#include "linux/process/node_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "linux/process/process_manager_paths.h"
+#include "linux/process/paths.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {

@@ -1,6 +1,6 @@
 /// What the library inside sshd and ssh sends to the responder: one datagram a line, this header and then the line.
-#ifndef OPENSSH_SESSIONS_REPORT_FORMAT_H
-#define OPENSSH_SESSIONS_REPORT_FORMAT_H
+#ifndef OPENSSH_REPORTER_REPORT_FORMAT_H
+#define OPENSSH_REPORTER_REPORT_FORMAT_H
 
 #include <cstddef>
 #include <cstdint>

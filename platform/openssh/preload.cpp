@@ -1,4 +1,4 @@
-#include "openssh/session_reports.h"
+#include "openssh/preload.h"
 
 #include <unistd.h>
 

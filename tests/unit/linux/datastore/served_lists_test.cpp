@@ -1,4 +1,4 @@
-#include "linux/datastore/lists.h"
+#include "linux/datastore/served_lists.h"
 
 #include <errno.h>
 

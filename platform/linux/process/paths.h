@@ -1,6 +1,6 @@
 /// The Linux platform's files that belong to the running agent, and its own configuration file.
-#ifndef LINUX_PROCESS_PROCESS_MANAGER_PATHS_H
-#define LINUX_PROCESS_PROCESS_MANAGER_PATHS_H
+#ifndef LINUX_PROCESS_PATHS_H
+#define LINUX_PROCESS_PATHS_H
 
 inline constexpr char runtime_directory[] = "/run/ssh_cfg_agent";
 inline constexpr char runtime_lock_file[] = "/run/ssh_cfg_agent/agent.lock";

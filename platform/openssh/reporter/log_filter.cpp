@@ -1,4 +1,4 @@
-#include "openssh/sessions/log_filter.h"
+#include "openssh/reporter/log_filter.h"
 
 #include <algorithm>
 #include <cstring>

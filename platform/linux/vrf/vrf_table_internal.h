@@ -1,6 +1,6 @@
 /// VRF names and the VRF table's contents.
-#ifndef LINUX_VRF_VRF_INTERNAL_H
-#define LINUX_VRF_VRF_INTERNAL_H
+#ifndef LINUX_VRF_VRF_TABLE_INTERNAL_H
+#define LINUX_VRF_VRF_TABLE_INTERNAL_H
 
 #include <cstdint>
 #include <string>
@@ -16,7 +16,7 @@ enum {
 };
 
 inline constexpr char vrf_default_name[] = "default";
-inline constexpr char vrf_namespace_prefix[] = "vrf-";
+inline constexpr char namespace_name_prefix[] = "vrf-";
 
 /// 1 to 32 letters, digits, '_', '-' and '.', the first one neither '-' nor '.'.
 bool vrf_name_is_valid(std::string_view name);

@@ -1,6 +1,6 @@
 /// The watch of the network namespaces.
-#ifndef LINUX_VRF_NAMESPACE_INTERNAL_H
-#define LINUX_VRF_NAMESPACE_INTERNAL_H
+#ifndef LINUX_VRF_NAMESPACE_WATCH_H
+#define LINUX_VRF_NAMESPACE_WATCH_H
 
 #include <string>
 #include <vector>
