@@ -1,9 +1,10 @@
+#include "linux/vrf/namespace_watch.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/nsfs.h>
 #include <sched.h>
-#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -23,7 +24,6 @@
 
 #include "linux/process/event_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 #include "platform/namespace_message.h"
 
@@ -49,10 +49,8 @@ struct announcement {
 
 struct namespace_watch {
     struct event_manager* manager = nullptr;
-    int fd = -1;
-    int parent_watch = -1;
-    int directory_watch = -1;  ///< -1 while there is no such directory
-    sd_event_source* changes = nullptr;
+    sd_event_source* parent = nullptr;     ///< changes of /run
+    sd_event_source* directory = nullptr;  ///< changes of /run/netns; null while there is no such directory
     sd_event_source* retry = nullptr;
     sd_event_source* delivery = nullptr;
     uint64_t retry_delay = first_retry;
@@ -64,12 +62,10 @@ struct namespace_watch {
     namespace_watch(const namespace_watch&) = delete;
     namespace_watch& operator=(const namespace_watch&) = delete;
     ~namespace_watch() {
-        sd_event_source_disable_unref(changes);
+        sd_event_source_disable_unref(parent);
+        sd_event_source_disable_unref(directory);
         sd_event_source_disable_unref(retry);
         sd_event_source_disable_unref(delivery);
-        if (fd >= 0) {
-            close(fd);
-        }
     }
 };
 
@@ -185,26 +181,40 @@ void rescan(namespace_watch& watch) {
     }
 }
 
-/// Returns 0 or an errno value; the missing directory is no failure, its parent's watch tells when it is made.
+int directory_has_changed(sd_event_source*, const inotify_event* event, void* userdata);
+
+/// Watches a directory. Returns 0 and stores the source, or a negative errno value.
+int add_watch(namespace_watch& watch, const char* path, uint32_t events, sd_event_inotify_handler_t handler,
+              sd_event_source** source) {
+    sd_event_source* added = nullptr;
+    int result =
+        sd_event_add_inotify(event_manager_sd_event(watch.manager), &added, path, events | IN_ONLYDIR, handler, &watch);
+    if (result >= 0) {
+        result = sd_event_source_set_priority(added, EVENT_PRIORITY_WATCH);
+    }
+    if (result < 0) {
+        sd_event_source_disable_unref(added);
+        return result;
+    }
+    *source = added;
+    return 0;
+}
+
+/// Returns 0 or a negative errno value; the missing directory is no failure, its parent's watch tells when it is made.
 int watch_directory(namespace_watch& watch) {
-    constexpr uint32_t events =
-        IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    watch.directory_watch = inotify_add_watch(watch.fd, namespace_directory, events);
-    return watch.directory_watch >= 0 || errno == ENOENT ? 0 : errno;
+    constexpr uint32_t events = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
+    watch.directory = sd_event_source_disable_unref(watch.directory);
+    const int result = add_watch(watch, namespace_directory, events, directory_has_changed, &watch.directory);
+    return result == -ENOENT ? 0 : result;
 }
 
 void watch_directory_again(namespace_watch& watch) {
-    const int error = watch_directory(watch);
-    if (error != 0) {
-        platform_log(LOG_ERR, "%s cannot be watched: %s", namespace_directory, strerror(error));
+    const int result = watch_directory(watch);
+    if (result < 0) {
+        platform_log(LOG_ERR, "%s cannot be watched: %s", namespace_directory, strerror(-result));
         arm_retry(watch);
     }
     rescan(watch);
-}
-
-void directory_is_gone(namespace_watch& watch) {
-    inotify_rm_watch(watch.fd, watch.directory_watch);
-    watch_directory_again(watch);
 }
 
 void handle_entry_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
@@ -216,49 +226,48 @@ void handle_entry_change(namespace_watch& watch, uint32_t mask, const std::strin
 }
 
 void handle_directory_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
-    if ((mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
-        directory_is_gone(watch);
+    // An overflow is told to both watches; the parent's reads the directory anew.
+    if ((mask & IN_Q_OVERFLOW) != 0) {
+        return;
+    }
+    if ((mask & (IN_IGNORED | IN_UNMOUNT | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+        watch_directory_again(watch);
     } else if (is_vrf_namespace_name(name)) {
         handle_entry_change(watch, mask, name);
     }
 }
 
-void handle_change(namespace_watch& watch, const inotify_event& event) {
-    const std::string name = event.len > 0 ? event.name : "";
-    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+void handle_parent_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
+    if ((mask & IN_Q_OVERFLOW) != 0) {
         platform_log(LOG_WARNING, "The watch of %s has overflowed, it is read anew", namespace_directory);
-        rescan(watch);
-    } else if (event.wd == watch.directory_watch) {
-        handle_directory_change(watch, event.mask, name);
-    } else if (event.wd == watch.parent_watch && name == directory_name) {
+        watch_directory_again(watch);
+    } else if (name == directory_name) {
         watch_directory_again(watch);
     }
 }
 
-void read_changes(namespace_watch& watch) {
-    alignas(inotify_event) char buffer[16384];
-    ssize_t length = 0;
-    while ((length = read(watch.fd, buffer, sizeof buffer)) > 0) {
-        for (ssize_t position = 0; position < length;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer + position);
-            position += static_cast<ssize_t>(sizeof *event + event->len);
-            handle_change(watch, *event);
-        }
-    }
-}
-
-int changes_are_readable(sd_event_source*, int, uint32_t, void* userdata) {
+/// No exception may cross the loop, which is C.
+template <void (*handle)(namespace_watch&, uint32_t, const std::string&)>
+int follow(const inotify_event& event, void* userdata) {
     try {
-        read_changes(*static_cast<namespace_watch*>(userdata));
+        handle(*static_cast<namespace_watch*>(userdata), event.mask, event.len > 0 ? event.name : "");
     } catch (const std::exception& failure) {
         platform_log(LOG_ERR, "Changes of %s were not followed: %s", namespace_directory, failure.what());
     }
     return 0;
 }
 
+int directory_has_changed(sd_event_source*, const inotify_event* event, void* userdata) {
+    return follow<handle_directory_change>(*event, userdata);
+}
+
+int parent_has_changed(sd_event_source*, const inotify_event* event, void* userdata) {
+    return follow<handle_parent_change>(*event, userdata);
+}
+
 /// A file that is no namespace yet is looked at again, ever less often, for as long as it stands there.
 void look_at_pending(namespace_watch& watch) {
-    if (watch.directory_watch < 0) {
+    if (watch.directory == nullptr) {
         watch_directory_again(watch);
     }
     const std::set<std::string> waiting = watch.pending;
@@ -313,17 +322,11 @@ int deliver(sd_event_source*, void* userdata) {
     return 0;
 }
 
-/// Returns 0 or a negative errno value.
+/// The sources beside the watches. Returns 0 or a negative errno value.
 int add_sources(namespace_watch& watch) {
     sd_event* loop = event_manager_sd_event(watch.manager);
-    int result = sd_event_add_io(loop, &watch.changes, watch.fd, EPOLLIN, changes_are_readable, &watch);
-    if (result >= 0) {
-        result = sd_event_source_set_priority(watch.changes, EVENT_PRIORITY_WATCH);
-    }
-    if (result >= 0) {
-        result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, retry_accuracy,
+    int result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, retry_accuracy,
                                             retry_is_due, &watch);
-    }
     if (result >= 0) {
         result = sd_event_source_set_enabled(watch.retry, SD_EVENT_OFF);
     }
@@ -335,19 +338,13 @@ int add_sources(namespace_watch& watch) {
 
 /// The directory's watch is set before the directory is read, so nothing falls between the two.
 int begin(namespace_watch& watch) {
-    watch.fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (watch.fd < 0) {
-        return -errno;
+    int result = add_sources(watch);
+    if (result >= 0) {
+        result = add_watch(watch, parent_directory, IN_CREATE | IN_MOVED_TO, parent_has_changed, &watch.parent);
     }
-    watch.parent_watch = inotify_add_watch(watch.fd, parent_directory, IN_CREATE | IN_MOVED_TO | IN_ONLYDIR);
-    if (watch.parent_watch < 0) {
-        return -errno;
+    if (result >= 0) {
+        result = watch_directory(watch);
     }
-    const int error = watch_directory(watch);
-    if (error != 0) {
-        return -error;
-    }
-    const int result = add_sources(watch);
     if (result < 0) {
         return result;
     }

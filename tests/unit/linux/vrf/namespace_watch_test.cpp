@@ -241,7 +241,8 @@ TEST_F(namespace_watch_test, messages_come_one_at_a_time_from_the_loop) {
     add("vrf-a");
     add("vrf-b");
     run_once();
-    EXPECT_EQ("", told) << "reading the watch tells nothing by itself";
+    run_once();
+    EXPECT_EQ("", told) << "following the two changes tells nothing by itself";
     run_once();
     EXPECT_EQ("+vrf-a ", told);
     run_once();
