@@ -190,6 +190,12 @@ platform_status acl_service_start() {
     return register_entry_records();
 }
 
+void acl_service_stop() {
+    for (const acl_family_row& row : families) {
+        datastore_withdraw_lists(row.tree);
+    }
+}
+
 platform_status acl_list_replace(uint32_t family, std::string_view name, const std::vector<acl_stored_entry>& entries) {
     std::string bytes;
     for (const acl_stored_entry& entry : entries) {

@@ -22,8 +22,11 @@ struct acl_stored_entry {
 /// Names of actions, by their number in an entry.
 inline constexpr const char* acl_action_names[] = {"deny", "permit"};
 
-/// Lets the ACL service answer: registers its record types and serves its lists through the datastore. Called once.
+/// Lets the ACL service answer: registers its record types and serves its lists through the datastore.
 platform_status acl_service_start();
+
+/// Withdraws the lists from the datastore. Their contents and their subscribers stay.
+void acl_service_stop();
 
 /// Stores a list in place of its former self; the subscribers are told when the loop is reached again. The entries are in
 /// ascending order of their sequence numbers. Returns when the list is on stable storage.

@@ -2,9 +2,9 @@
 ///
 /// The socket is bound and listens before the agent starts up, so that an operator who is early waits in the queue
 /// instead of being turned away; nobody is answered until the loop is reached for the first time, when every item of the
-/// stored configuration has been applied. Both steps are the event manager's: control_open when the manager is created
-/// (with the lock that keeps a second agent off held, because a socket that is found there is replaced), control_start at
-/// the first event_manager_block.
+/// stored configuration has been applied. Both steps are rows of the platform's start: control_open when the event manager is
+/// created (with the lock that keeps a second agent off held, because a socket that is found there is replaced),
+/// control_start at the first event_manager_block.
 #ifndef LINUX_CONTROL_CONTROL_H
 #define LINUX_CONTROL_CONTROL_H
 

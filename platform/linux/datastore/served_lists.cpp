@@ -17,8 +17,12 @@ std::vector<served_tree>& trees() {
 }  // namespace
 
 void datastore_serve_lists(std::string_view tree, datastore_list_source source) {
-    std::erase_if(trees(), [tree](const served_tree& row) { return row.tree == tree; });
+    datastore_withdraw_lists(tree);
     trees().push_back({tree, source});
+}
+
+void datastore_withdraw_lists(std::string_view tree) {
+    std::erase_if(trees(), [tree](const served_tree& row) { return row.tree == tree; });
 }
 
 bool datastore_served_list(std::string_view path, std::vector<datastore_list_entry>& entries, platform_status& status) {

@@ -21,6 +21,9 @@ using datastore_list_source = platform_status (*)(std::string_view path, std::ve
 /// Lets `source` answer for all lists below `tree` (a literal that ends in '/'). A second registration replaces the first.
 void datastore_serve_lists(std::string_view tree, datastore_list_source source);
 
+/// Ends that: the lists below `tree` are items of the datastore again. Harmless when nobody serves them.
+void datastore_withdraw_lists(std::string_view tree);
+
 /// Asks the source that serves `path`. False when none does.
 bool datastore_served_list(std::string_view path, std::vector<datastore_list_entry>& entries, platform_status& status);
 

@@ -104,3 +104,7 @@ platform_status list_accounts(std::string_view path, std::vector<datastore_list_
 void aaa_users_start() {
     datastore_serve_lists(tree, list_accounts);
 }
+
+void aaa_users_stop() {
+    datastore_withdraw_lists(tree);
+}

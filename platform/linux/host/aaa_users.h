@@ -5,7 +5,10 @@
 #ifndef LINUX_HOST_AAA_USERS_H
 #define LINUX_HOST_AAA_USERS_H
 
-/// Lets the datastore serve the list. Called once.
+/// Lets the datastore serve the list.
 void aaa_users_start();
+
+/// Withdraws the list.
+void aaa_users_stop();
 
 #endif

@@ -13,16 +13,9 @@
 #include <new>
 #include <string>
 
-#include "linux/access_lists/acl_service_internal.h"
-#include "linux/control/control.h"
-#include "linux/host/aaa_users.h"
-#include "linux/host/key_store_internal.h"
 #include "linux/process/event_manager_internal.h"
-#include "linux/process/process_manager_internal.h"
-#include "linux/process/node_lock.h"
+#include "linux/process/service_moment.h"
 #include "linux/reporting/log_message_internal.h"
-#include "linux/vrf/namespace_watch.h"
-#include "platform/namespace_message.h"
 
 struct event_message {
     const void* body;
@@ -45,16 +38,6 @@ struct fd_watch {
 struct message_registration {
     event_message_handler handler;
     void* context;
-};
-
-/// Services that have something to say only once somebody listens.
-struct message_source {
-    uint32_t code;
-    platform_status (*start)(struct event_manager* manager);
-};
-
-constexpr message_source message_sources[] = {
-    {NAMESPACE_MESSAGE, namespace_watch_start},
 };
 
 event_manager* current_manager;
@@ -128,15 +111,6 @@ uint32_t epoll_events_for(uint32_t conditions) {
            ((conditions & EVENT_MANAGER_WRITE) != 0 ? EPOLLOUT : 0U);
 }
 
-platform_status start_message_source(struct event_manager* manager, uint32_t code) {
-    for (const message_source& source : message_sources) {
-        if (source.code == code) {
-            return source.start(manager);
-        }
-    }
-    return PLATFORM_OK;
-}
-
 /// Runs the loop until something is to be dispatched. Returns 0, or a negative errno value.
 int wait_for_event(sd_event* loop) {
     while (sd_event_get_state(loop) != SD_EVENT_PENDING) {
@@ -158,22 +132,20 @@ int event_manager_create(const char* device_path, struct event_manager** manager
         errno = EINVAL;
         return -1;
     }
-    int result = node_lock_take();
+    struct event_manager* created = nullptr;
+    int result = survive_broken_pipes();
     if (result == 0) {
-        result = survive_broken_pipes();
+        result = create_manager(device_path, &created);
     }
     if (result == 0) {
-        result = create_manager(device_path, manager);
+        result = static_cast<int>(start_platform_services(created, service_moment::manager_created, 0));
     }
     if (result != 0) {
+        event_manager_free(created);
         errno = result;
         return -1;
     }
-    process_manager_count_start();
-    // A failure has been logged; the agent works without its control socket.
-    control_open(nullptr);
-    acl_service_start();
-    aaa_users_start();
+    *manager = created;
     return 0;
 }
 
@@ -182,8 +154,7 @@ void event_manager_free(struct event_manager* manager) {
         return;
     }
     if (current_manager == manager) {
-        control_close();
-        namespace_watch_stop();
+        stop_platform_services();
         current_manager = nullptr;
     }
     for (const fd_watch& watch : manager->watches) {
@@ -238,7 +209,7 @@ platform_status event_manager_attach_message(struct event_manager* manager, uint
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    const platform_status status = start_message_source(manager, code);
+    const platform_status status = start_platform_services(manager, service_moment::message_attached, code);
     if (status != PLATFORM_OK) {
         manager->messages.erase(code);
     }
@@ -290,8 +261,7 @@ int event_manager_block(struct event_manager* manager, struct event_manager_even
         return -1;
     }
     if (manager->blocked == 0) {
-        key_store_start();
-        control_start(manager->loop);
+        start_platform_services(manager, service_moment::first_wait, 0);
     }
     const int result = wait_for_event(manager->loop);
     if (result < 0) {
