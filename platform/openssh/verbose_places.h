@@ -1,11 +1,11 @@
-/// The places in sshd and ssh whose lines tell what is to be known of a session.
+/// The functions of sshd and ssh whose log lines contain facts about a session.
 #ifndef OPENSSH_VERBOSE_PLACES_H
 #define OPENSSH_VERBOSE_PLACES_H
 
 namespace openssh {
 
-/// Values of the LogVerbose setting. Functions that also write lines of the level "verbose" are not named: such a line does
-/// not show whether it was forced out.
+/// Values of the LogVerbose setting. Functions that also log at level "verbose" are omitted: those lines do not show
+/// whether they were forced out.
 constexpr const char* server_verbose_places =
     "kex.c:choose_kex():*,kex.c:choose_hostkeyalg():*,kex.c:kex_choose_conf():*,"
     "packet.c:ssh_set_newkeys():*,packet.c:ssh_packet_set_rekey_limits():*,"

@@ -1,5 +1,5 @@
-/// Stands before the C library's calls with which sshd and ssh write their logs. Lines that were forced out for the
-/// responder's sake go to it and no further; all others take their way.
+/// Interposes the C library functions that sshd and ssh log with. Lines forced out for the responder are sent to it and
+/// suppressed; all others are passed through.
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -19,12 +19,12 @@ namespace {
 constexpr size_t longest_line = 2048;
 
 openssh::log_filter filter;
-/// In ssh, whose log is what it writes to standard error.
+/// Set in ssh, which logs to standard error.
 bool filters_writes = false;
-/// Where ssh's log is a file. Its identity is looked at, because its descriptor is not known.
+/// Set if ssh logs to a file. The file is recognised by device and inode, because its descriptor is unknown.
 const char* log_file = nullptr;
 
-/// What becomes of a line. What the log shows of a forced one is written to `bare`.
+/// Decides what happens to a line. If a forced line is shown, its visible form is stored in `bare`.
 openssh::line_fate take_line(std::string_view written, char* bare, size_t bare_size, size_t& bare_length) {
     openssh::log_line line;
     const openssh::line_fate fate = openssh::judge_line(filter, written, line);
@@ -43,7 +43,7 @@ openssh::line_fate take_line(std::string_view written, char* bare, size_t bare_s
 
 void pass_on(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/// Through the C library's other entry to the system log, before which nothing stands.
+/// Uses vsyslog(), which is not interposed.
 void pass_on(int priority, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
@@ -70,13 +70,12 @@ void log_line_of(int priority, const char* format, va_list arguments) {
     }
 }
 
-/// ssh's log lines come whole, each in one call, with a carriage return and a line feed at the end.
+/// ssh writes a log line in a single call, ending with a carriage return and a line feed.
 bool is_log_line(const char* text, size_t length) {
     return length > 2 && length < longest_line && text[length - 2] == '\r' && text[length - 1] == '\n';
 }
 
-/// Standard error carries nothing but ssh's own words: what the far side writes there goes through copies of the
-/// descriptor.
+/// Only ssh itself writes to the standard error descriptor: the remote side's output goes through duplicates of it.
 bool is_log(int descriptor) {
     struct stat named = {};
     struct stat open_one = {};
@@ -90,7 +89,7 @@ ssize_t write_plain(int descriptor, const void* bytes, size_t count) {
     return syscall(SYS_write, descriptor, bytes, count);
 }
 
-/// What ssh starts for its user must not be changed, so the library takes itself out of the environment.
+/// Programs that ssh starts for its user must be unaffected, so the library removes itself from the environment.
 __attribute__((constructor)) void begin() {
     filters_writes = getenv("SSH_CSM_REPORTS") != nullptr;
     if (filters_writes) {
@@ -122,7 +121,7 @@ void syslog(int priority, const char* format, ...) {
     va_end(arguments);
 }
 
-// What sources built with fortified library calls use in its place.
+// Replacements used by programs built with _FORTIFY_SOURCE.
 void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);

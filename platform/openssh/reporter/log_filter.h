@@ -1,7 +1,7 @@
-/// Which of the lines that sshd or ssh writes reach the operator's log or the user's terminal, now that LogVerbose forces
-/// some out that were never asked for.
+/// Decides which lines of sshd or ssh reach the operator's log or the user's terminal, since LogVerbose forces out
+/// lines that nobody asked for.
 ///
-/// Part of the library that is loaded into sshd and ssh, so nothing here allocates or throws.
+/// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
 #ifndef OPENSSH_REPORTER_LOG_FILTER_H
 #define OPENSSH_REPORTER_LOG_FILTER_H
 
@@ -13,20 +13,20 @@
 namespace openssh {
 
 struct log_filter {
-    /// The highest debug level at which a line came without being forced: what the operator asked for.
+    /// The highest debug level of a line that was not forced out: the operator's setting.
     int shown_level = 0;
 };
 
 enum class line_fate {
-    pass,       ///< an ordinary line, written as it is
-    keep_back,  ///< forced out, not for the log
-    pass_bare,  ///< forced out, but of a severity that is shown: written without its tag
+    pass,       ///< an ordinary line, logged unchanged
+    keep_back,  ///< forced out and suppressed
+    pass_bare,  ///< forced out, but of a severity that is shown: logged without its tag
 };
 
-/// Judges a line. `line` is set unless it is an ordinary one.
+/// Judges a line. Sets `line` unless it is an ordinary one.
 line_fate judge_line(log_filter& filter, std::string_view written, log_line& line) noexcept;
 
-/// Writes a line as it would stand there if nothing had forced it out, cut to the buffer. Returns its length.
+/// Writes the line as it would be logged without LogVerbose, truncated to the buffer. Returns its length.
 size_t write_bare_line(const log_line& line, char* buffer, size_t size) noexcept;
 
 }  // namespace openssh

@@ -30,7 +30,7 @@ bool take(std::string_view& rest, std::string_view expected) {
     return true;
 }
 
-/// Takes the longest non-empty run of such characters.
+/// Consumes the longest non-empty run of such characters.
 bool take_run(std::string_view& rest, bool (*belongs)(char), std::string_view& run) {
     size_t length = 0;
     while (length < rest.size() && belongs(rest[length])) {

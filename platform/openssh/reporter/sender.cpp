@@ -18,12 +18,12 @@ namespace openssh {
 
 namespace {
 
-/// Above the numbers that sshd gives to descriptors itself.
+/// Higher than the descriptors that sshd assigns itself.
 constexpr int lowest_descriptor = 100;
-/// How long a line waits for a responder that is busy. One that has kept a line waiting is not waited for again.
+/// How long to wait if the responder is busy. After the first time-out the process never waits again.
 constexpr int patience_milliseconds = 20;
 
-/// Opened by sshd's monitor and handed down to its children, which may no longer see the socket's path.
+/// Opened by sshd's monitor and inherited by its children, which may be unable to reach the socket's path.
 int connection = -1;
 bool is_patient = true;
 pid_t first_process = 0;
@@ -50,7 +50,7 @@ bool connect_to_responder() {
     return connection >= 0 && connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
-/// The 22nd field of /proc/self/stat, behind the name in brackets.
+/// Field 22 of /proc/self/stat; the name in parentheses is field 2.
 uint64_t read_start_time() {
     constexpr int fields_between = 20;
     char text[512];
@@ -80,7 +80,7 @@ bool try_to_send(const msghdr& message) {
     return sendmsg(connection, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0;
 }
 
-/// A responder that has been set up anew has another socket under the same name.
+/// A restarted responder has a new socket under the same path.
 void send_message(const msghdr& message) {
     if ((connection < 0 && !connect_to_responder()) || try_to_send(message)) {
         return;

@@ -1,5 +1,5 @@
-/// Sends lines of sshd's or ssh's log to the responder. Never blocks for long, never fails loudly: a router's logins do not
-/// depend on it. Nothing here allocates, throws or needs the C++ library.
+/// Sends log lines of sshd or ssh to the responder. Logins do not depend on it: it never blocks for long, and failures
+/// are silent. Nothing here allocates, throws or needs the C++ library.
 #ifndef OPENSSH_REPORTER_SENDER_H
 #define OPENSSH_REPORTER_SENDER_H
 
@@ -7,7 +7,7 @@
 
 namespace openssh {
 
-/// Sends one line; errno is left as it was.
+/// Sends one line; preserves errno.
 void send_report(std::string_view written) noexcept;
 
 }  // namespace openssh

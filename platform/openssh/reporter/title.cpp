@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-// sshd's titles begin with it.
+// Prefix of sshd's process titles.
 extern "C" char* __progname;
 
 namespace openssh {
@@ -18,7 +18,7 @@ constexpr std::string_view before_user = "user ";
 constexpr std::string_view behind_user = " authenticated by privileged process";
 constexpr size_t longest_user = 64;
 
-/// Whether the name is one of user number 0; sshd asks the user's entry in the same way at this point.
+/// Whether the name is one of uid 0; sshd itself looks the user up in this way at this point.
 bool is_root(const char* user) {
     char buffer[4096];
     passwd entry = {};
@@ -52,7 +52,7 @@ void follow_login(const log_line& line) noexcept {
 }
 
 void keep_client_name() noexcept {
-    // Whoever looks for the client looks for its name and a blank.
+    // The client is searched for by its name and a space.
     static char name[] = "/pkg/bin/ssh_csm ";
     __progname = name;
 }

@@ -1,4 +1,4 @@
-/// The names under which sessions are found among the processes.
+/// The process titles by which sessions are found.
 #ifndef OPENSSH_REPORTER_TITLE_H
 #define OPENSSH_REPORTER_TITLE_H
 
@@ -6,12 +6,12 @@
 
 namespace openssh {
 
-/// An ordinary user's session has a monitor process, which sshd marks in its title with "[priv]". A session of root needs
-/// none: one process does all, and has the privileges. It gets the same mark when its user is let in.
+/// An ordinary user's session has a monitor process, which sshd marks with "[priv]" in its title. A session of root has
+/// a single, privileged process; it gets the same mark once the user is authenticated.
 void follow_login(const log_line& line) noexcept;
 
-/// ssh that goes on by itself for the sake of a shared connection gives itself a new title. With this it begins with the
-/// router's name for the client, as the command line did.
+/// ssh sets a new title when it stays in the background for a shared connection. This makes the title start with the
+/// router's name for the client, like the original command line.
 void keep_client_name() noexcept;
 
 }  // namespace openssh

@@ -9,8 +9,8 @@ namespace openssh {
 
 namespace {
 
-/// Whose word is taken for a fact. The process that speaks with a peer before he is known may have been taken over by him: he
-/// can lie about his own connection's algorithms, but not about who was let in.
+/// Which processes a fact is accepted from. The process that talks to an unauthenticated peer may be compromised: it
+/// can lie about the algorithms of its own connection, but not about who was let in.
 enum class believed { from_all, after_authentication, from_monitor };
 
 struct learning {
@@ -29,11 +29,11 @@ struct fact_row {
 };
 
 struct name_row {
-    std::string_view start;  ///< of what sshd or ssh says
+    std::string_view start;  ///< prefix of what sshd or ssh logs
     std::string_view name;
 };
 
-/// The name beside the first row that the text starts with; empty when there is none.
+/// The name of the first row whose `start` the text begins with; empty if there is none.
 template <size_t count>
 std::string_view name_of(const name_row (&rows)[count], std::string_view text) {
     for (const name_row& row : rows) {
@@ -51,7 +51,7 @@ uint64_t number_in(std::string_view piece) {
 
 // Algorithms
 
-/// Ciphers that authenticate by themselves have no MAC to name, save those for which routers have a word.
+/// Authenticated ciphers use no MAC; some have a name that routers show in its place.
 std::string_view mac_name(std::string_view cipher, std::string_view mac) {
     if (mac != "<implicit>") {
         return mac;
@@ -135,7 +135,7 @@ void learn_server_and_user(learning& with) {
 
 // How
 
-/// The names that reads know, and for the newer kinds of keys names made the same way.
+/// The names that readers know; newer key types are named in the same way.
 constexpr name_row key_methods[] = {
     {"RSA", "rsa-pubkey"},         {"rsa-sha2-", "rsa-pubkey"},       {"ssh-rsa", "rsa-pubkey"},
     {"ED25519", "ed25519-pubkey"}, {"ssh-ed25519", "ed25519-pubkey"}, {"sk-ssh-ed25519", "ed25519-pubkey"},
@@ -157,7 +157,7 @@ void try_other(learning& with) {
     set_field(with.facts.attempt, "");
 }
 
-/// "publickey RSA signature using rsa-sha2-512 verified". A key that vouches for the peer's machine has no name.
+/// "publickey RSA signature using rsa-sha2-512 verified". A host-based key has no name.
 void try_key(learning& with) {
     const bool is_users_own = with.piece(0) == "publickey";
     if (with.piece(2) == "verified" || with.piece(2).ends_with(" verified")) {
@@ -190,7 +190,7 @@ struct type_row {
     connection_type type;
 };
 
-/// What a new channel is. Others, such as listening sockets, are not channels to the peer.
+/// Types of new channels to the peer. Others, such as listening sockets, are ignored.
 constexpr type_row new_channels[] = {
     {"session", connection_none},
     {"direct-tcpip", connection_forwarding},
@@ -203,7 +203,7 @@ constexpr type_row new_channels[] = {
     {"stdio-forward", connection_forwarding},
 };
 
-/// Listeners' names begin as those of the channels that they open.
+/// Suffix of listeners, whose names otherwise begin like those of the channels they open.
 constexpr std::string_view listener_end = "-listener";
 
 constexpr type_row labels[] = {
@@ -225,7 +225,7 @@ const type_row* type_of(const type_row (&rows)[count], std::string_view text) {
     return row == std::end(rows) ? nullptr : row;
 }
 
-/// The channel in use that has this number as its `id` or its `login`; null when there is none.
+/// The channel in use whose `id` or `login` is this number; null if there is none.
 channel_facts* find_channel(session_facts& facts, std::string_view text, uint32_t channel_facts::*number) {
     unsigned long long wanted = 0;
     if (!number_of(text, wanted)) {
@@ -237,7 +237,7 @@ channel_facts* find_channel(session_facts& facts, std::string_view text, uint32_
     return found == std::end(facts.channels) ? nullptr : found;
 }
 
-/// A channel beyond the places that an answer has is not kept.
+/// Channels that exceed the slots of an answer are not recorded.
 void open_channel(learning& with) {
     const type_row* row = type_of(new_channels, with.piece(1));
     unsigned long long id = 0;

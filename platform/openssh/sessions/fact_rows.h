@@ -1,4 +1,4 @@
-/// What lines of sshd's and ssh's log tell of a session.
+/// Derives facts about a session from log lines of sshd and ssh.
 #ifndef OPENSSH_SESSIONS_FACT_ROWS_H
 #define OPENSSH_SESSIONS_FACT_ROWS_H
 
@@ -7,21 +7,21 @@
 
 namespace openssh {
 
-/// What stands around a line.
+/// The circumstances in which a line was logged.
 struct line_context {
-    /// The line came from the process that is asked for the session itself, not from the one that works for the user.
+    /// The line comes from the process that is queried for the session, not from the one that works for the user.
     bool from_monitor = true;
     /// Seconds since boot.
     uint64_t now = 0;
     byte_counters bytes = {};
-    /// The terminal at which the user of ssh sits.
+    /// The controlling terminal of ssh's user.
     uint32_t own_terminal = no_terminal;
 };
 
-/// Adds what the line tells. False when it tells nothing that is to be known, or nothing that may be believed from there.
+/// Adds the facts that the line contains. Returns false if it contains none, or none that is accepted from its sender.
 bool learn_from_line(session_facts& facts, const log_line& line, const line_context& context);
 
-/// Whether the line says that new keys are in use, so that the connection's bytes should be counted.
+/// Whether the line reports new keys, so that the byte counters should be read.
 bool counts_bytes(const log_line& line);
 
 }  // namespace openssh

@@ -1,4 +1,4 @@
-/// Patterns of log texts, with holes for what they tell.
+/// Patterns for log texts, with placeholders for the values.
 #ifndef OPENSSH_SESSIONS_LINE_PATTERN_H
 #define OPENSSH_SESSIONS_LINE_PATTERN_H
 
@@ -14,11 +14,11 @@ struct captures {
     size_t count = 0;
 };
 
-/// Whether the whole text fits the pattern: "%" is a hole for a non-empty piece up to the first place where what follows the
-/// hole in the pattern fits, "~" at the end stands for any rest. There are at most `captures::most` holes.
+/// Whether the whole text matches the pattern. "%" captures a non-empty text up to the first match of what follows it
+/// in the pattern; "~" at the end matches any rest. A pattern has at most `captures::most` captures.
 bool match_pattern(std::string_view pattern, std::string_view text, captures& found);
 
-/// A capture as a number; false when it is none of 64 bits.
+/// Converts a capture to a number; false if it is not a 64-bit number.
 bool number_of(std::string_view piece, unsigned long long& number);
 
 }  // namespace openssh

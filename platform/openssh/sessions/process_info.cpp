@@ -48,7 +48,7 @@ std::string read_link(const std::string& path) {
     return {buffer.data(), length > 0 ? static_cast<size_t>(length) : 0};
 }
 
-/// The kernel marks a program whose file has been replaced.
+/// The kernel appends " (deleted)" when the program's file has been replaced.
 std::string program_of(pid_t pid) {
     constexpr std::string_view replaced = " (deleted)";
     std::string program = read_link(proc_path(pid, "exe"));
@@ -67,7 +67,7 @@ uint32_t terminal_of(int device) {
     return (first - pts_major_first) * minors_of_a_major + minor(number);
 }
 
-/// The n-th word behind the process's name, counted as proc(5) does.
+/// The n-th field of /proc/PID/stat in the numbering of proc(5); `text` starts after the process name.
 template <typename number>
 bool take_field(std::string_view text, size_t wanted, number& value) {
     size_t field = 3;
@@ -94,7 +94,7 @@ std::string address_text(const sockaddr_storage& address) {
     return text.data();
 }
 
-/// False when the socket is no connected TCP one.
+/// Returns false unless the socket is a connected TCP socket.
 bool look_at_socket(int socket_descriptor, std::string* peer, byte_counters* bytes) {
     int protocol = 0;
     socklen_t size = sizeof(protocol);
@@ -122,7 +122,7 @@ bool parse_process_stat(std::string_view text, process_info& process) {
     constexpr size_t parent_field = 4;
     constexpr size_t terminal_field = 7;
     constexpr size_t start_time_field = 22;
-    // The name in brackets may hold anything, brackets and blanks too.
+    // The name in parentheses may contain anything, including parentheses and spaces.
     const size_t name_end = text.rfind(") ");
     if (name_end == std::string_view::npos) {
         return false;
@@ -165,8 +165,8 @@ void look_at_connection(int process_descriptor, pid_t pid, std::string* peer, by
             !read_link(folder + "/" + entry->d_name).starts_with("socket:")) {
             continue;
         }
-        // A copy of the descriptor, so the connection's network namespace does not matter. It is closed at once: a copy that
-        // is kept would keep the connection open when the process has closed it.
+        // Duplicating the descriptor works in any network namespace. It is closed at once: a duplicate would keep the
+        // connection open after the process has closed it.
         const int copy = static_cast<int>(syscall(SYS_pidfd_getfd, process_descriptor, number, 0));
         if (copy < 0) {
             continue;

@@ -1,4 +1,4 @@
-/// What the kernel knows of a process.
+/// What the kernel knows about a process.
 #ifndef OPENSSH_SESSIONS_PROCESS_INFO_H
 #define OPENSSH_SESSIONS_PROCESS_INFO_H
 
@@ -13,27 +13,27 @@
 namespace openssh {
 
 struct process_info {
-    uint64_t start_time = 0;  ///< in clock ticks since boot; with the number it names one process only
+    uint64_t start_time = 0;  ///< in clock ticks since boot; together with the pid it identifies a process
     pid_t parent = 0;
-    uint32_t terminal = no_terminal;  ///< N of /dev/pts/N when that is its controlling terminal
-    std::string program;              ///< the file that it runs; a program replaced since then keeps its name
+    uint32_t terminal = no_terminal;  ///< N of /dev/pts/N if that is its controlling terminal
+    std::string program;              ///< the executable; a replaced one keeps its path
     std::string name;                 ///< the first word of its command line
 };
 
-/// False when there is no such process, or a dead one.
+/// Returns false if there is no such process or it is dead.
 bool read_process(pid_t pid, process_info& process);
 
-/// The parts that stand in /proc/PID/stat; false when it is none.
+/// Parses the content of /proc/PID/stat; false if it is malformed.
 bool parse_process_stat(std::string_view text, process_info& process);
 
-/// Opens a descriptor that becomes readable when the process ends; -1 with errno on failure.
+/// Opens a descriptor that becomes readable when the process ends; -1 with errno set on failure.
 int open_process(pid_t pid);
 
-/// Looks at the TCP connection of a process that has one, without keeping it. What `peer` and `bytes` point to stays as it is
-/// when there is none or it cannot be seen; either may be null. `peer` is an address without a port.
+/// Inspects the TCP connection of a process, if it has one, without keeping a reference to it. `peer` (an address
+/// without a port) and `bytes` may be null, and are unchanged if there is no connection or it cannot be inspected.
 void look_at_connection(int process_descriptor, pid_t pid, std::string* peer, byte_counters* bytes);
 
-/// Seconds since boot, sleep included.
+/// Seconds since boot, including suspended time.
 uint64_t seconds_since_boot();
 
 }  // namespace openssh

@@ -34,7 +34,7 @@ enum class purpose { reports, stop, listen, process, asker };
 struct endpoint {
     purpose use = purpose::stop;
     pid_t pid = 0;       ///< of the session
-    uint64_t since = 0;  ///< when an asker came
+    uint64_t since = 0;  ///< when the client connected
 };
 
 struct responder {
@@ -73,7 +73,7 @@ std::string socket_path(const responder& self, pid_t pid) {
 
 // The sessions' sockets
 
-/// Only root may connect. -1 with errno on failure.
+/// Only root may connect. Returns -1 with errno set on failure.
 int open_listener(const std::string& path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -100,7 +100,7 @@ int open_listener(const std::string& path) {
 void begin_answering(responder& self, pid_t pid) {
     const int listener = open_listener(socket_path(self, pid));
     if (listener < 0 || !watch(self, listener, {.use = purpose::listen, .pid = pid})) {
-        complain("cannot answer on", socket_path(self, pid));
+        complain("cannot listen on", socket_path(self, pid));
         if (listener >= 0) {
             close(listener);
         }
@@ -133,7 +133,7 @@ void end_session(responder& self, pid_t pid) {
     remove_stored_session(pid, self.options.state_folder);
 }
 
-/// An event may have been meant for a descriptor that had the same number before.
+/// The event may have been meant for an earlier descriptor with the same number.
 void end_dead_session(responder& self, pid_t pid) {
     const auto session = self.table.sessions.find(pid);
     if (session != self.table.sessions.end() && !is_alive(session->second)) {
@@ -153,7 +153,7 @@ void end_moved_sessions(responder& self) {
     }
 }
 
-/// Sockets that nobody answers on are left by a responder that was killed.
+/// Removes the sockets that a killed responder has left behind.
 void remove_stale_sockets(const responder& self) {
     const size_t name_start = self.options.socket_prefix.rfind('/') + 1;
     const std::string folder = self.options.socket_prefix.substr(0, name_start);
@@ -171,7 +171,7 @@ void remove_stale_sockets(const responder& self) {
 
 // Reports
 
-/// Descriptors that somebody sends along find no room and are dropped by the kernel.
+/// File descriptors passed along do not fit and are discarded by the kernel.
 bool receive_report(int report_socket, report_sender& sender, std::string& report) {
     std::array<char, sizeof(report_header) + longest_reported_line> buffer;
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control = {};
@@ -209,7 +209,7 @@ void take_reports(responder& self) {
     std::string report;
     bool has_changes = false;
     for (size_t i = 0; i < most_reports_in_a_row && receive_report(self.options.report_socket, sender, report); ++i) {
-        // A number that has a new owner loses its old session, of which this must not keep the socket.
+        // If the pid was reused, the old session must not keep the socket.
         end_dead_session(self, sender.pid);
         const pid_t changed = take_report(self.table, sender, report);
         has_changes = has_changes || changed != 0;
@@ -309,11 +309,11 @@ bool begin(responder& self) {
     if (self.events < 0 || setsockopt(self.options.report_socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0 ||
         !watch(self, self.options.report_socket, {.use = purpose::reports}) ||
         !watch(self, self.options.stop, {.use = purpose::stop})) {
-        complain("cannot watch", "the socket for reports");
+        complain("cannot watch", "the report socket");
         return false;
     }
     if (mkdir(self.options.state_folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        complain("cannot make", self.options.state_folder);
+        complain("cannot create", self.options.state_folder);
         return false;
     }
     remove_stale_sockets(self);

@@ -1,4 +1,4 @@
-/// Takes reports of sshd and ssh in and answers session queries, one local socket for each session.
+/// Receives reports from sshd and ssh and answers session queries on one local socket per session.
 #ifndef OPENSSH_SESSIONS_RESPONDER_H
 #define OPENSSH_SESSIONS_RESPONDER_H
 
@@ -9,16 +9,17 @@
 namespace openssh {
 
 struct responder_options {
-    /// A datagram socket for reports, bound by the service manager; the responder does not close it.
+    /// Datagram socket for reports, bound by the service manager; the responder does not close it.
     int report_socket = -1;
-    /// Becomes readable when the responder should end.
+    /// Becomes readable when the responder is to end.
     int stop = -1;
-    std::string socket_prefix = "/run/norvossh_oper";  ///< followed by the number of the session's process
+    std::string socket_prefix = "/run/norvossh_oper";  ///< followed by the pid of the session's process
     std::string state_folder = "/run/ssh_cfg_agent/sessions";
 };
 
-/// Works until `stop` is readable. The table holds the programs and is otherwise empty. Sockets are gone at the end, the files of
-/// living sessions stay. False when it could not begin; the reason has been written to standard error.
+/// Runs until `stop` is readable. On entry the table contains the programs and no sessions. On return the sockets are
+/// removed, while the files of live sessions are kept. Returns false, after writing the reason to standard error, if it
+/// could not start.
 bool run_responder(const responder_options& options, session_table& table);
 
 }  // namespace openssh

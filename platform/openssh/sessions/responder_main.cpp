@@ -1,4 +1,4 @@
-/// The service that knows the sessions of the router's servers and clients and answers for them.
+/// The service that tracks the sessions of the router's servers and clients and answers queries about them.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -17,7 +17,7 @@ namespace {
 
 constexpr int first_passed_descriptor = 3;
 
-/// The socket that the service manager passed on; -1 when this is no service.
+/// The socket passed by the service manager; -1 if there is none.
 int passed_socket() {
     const char* pid = std::getenv("LISTEN_PID");
     const char* count = std::getenv("LISTEN_FDS");
@@ -25,7 +25,7 @@ int passed_socket() {
     return is_ours ? first_passed_descriptor : -1;
 }
 
-/// The file behind a path, as the kernel names a process's program.
+/// Resolves a path to the form in which the kernel reports a process's executable.
 std::string resolved(const std::string& path) {
     char* found = realpath(path.c_str(), nullptr);
     std::string result = found != nullptr ? found : path;
@@ -33,7 +33,7 @@ std::string resolved(const std::string& path) {
     return result;
 }
 
-/// Two descriptors a session, and those of who asks.
+/// Each session needs two descriptors, each connected client one.
 void allow_many_descriptors() {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -58,7 +58,7 @@ int main() {
     options.report_socket = passed_socket();
     options.stop = open_stop_signal();
     if (options.report_socket < 0 || options.stop < 0) {
-        std::fputs("session_responder: to be started by its socket unit\n", stderr);
+        std::fputs("session_responder: must be started by its socket unit\n", stderr);
         return EXIT_FAILURE;
     }
     allow_many_descriptors();

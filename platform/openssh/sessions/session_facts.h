@@ -1,4 +1,4 @@
-/// What is known of one session. Plain data: it is kept in a file as it lies in memory.
+/// Everything known about one session. Plain data: stored in a file exactly as in memory.
 #ifndef OPENSSH_SESSIONS_SESSION_FACTS_H
 #define OPENSSH_SESSIONS_SESSION_FACTS_H
 
@@ -13,23 +13,23 @@ namespace openssh {
 
 enum class session_kind : uint32_t { incoming, outgoing };
 
-/// The numbers that reads give for a session's state.
+/// A session's state, as numbered in the answers.
 enum session_state : uint32_t {
     session_negotiating = 0,     ///< keys are being exchanged
-    session_authenticating = 1,  ///< the peer is not known yet
+    session_authenticating = 1,  ///< the peer is not authenticated yet
     session_established = 2,
 };
 
 /// A channel's state; both count as open.
 enum channel_state : uint32_t {
     channel_unused = 0,
-    channel_opened = 1,   ///< nothing has been asked of it yet
+    channel_opened = 1,   ///< nothing requested yet
     channel_running = 2,  ///< a shell, a command, a subsystem or a forwarded connection
 };
 
-/// The numbers that reads give for what a channel is used for.
+/// What a channel is used for, as numbered in the answers.
 enum connection_type : uint32_t {
-    connection_none = 0,  ///< nothing has been asked of it yet
+    connection_none = 0,  ///< nothing requested yet
     connection_shell = 1,
     connection_command = 2,
     connection_subsystem = 3,
@@ -46,12 +46,12 @@ struct channel_facts {
     uint32_t state = channel_unused;
     uint32_t id = 0;
     uint32_t type = connection_none;
-    /// The server numbers its login sessions apart from their channels.
+    /// The server's own number of the login session, distinct from the channel's.
     uint32_t login = no_link;
     uint32_t terminal = no_terminal;  ///< N of /dev/pts/N
 };
 
-/// Bytes that went over the connection, as the kernel counts them.
+/// Bytes transferred over the connection, as counted by the kernel.
 struct byte_counters {
     uint64_t sent = 0;
     uint64_t received = 0;
@@ -59,17 +59,17 @@ struct byte_counters {
 };
 
 struct session_facts {
-    uint64_t start_time = 0;  ///< of the process below, in clock ticks since boot
-    int32_t pid = 0;          ///< the process that is asked for the session: sshd's monitor, or ssh
+    uint64_t start_time = 0;  ///< of process `pid`, in clock ticks since boot
+    int32_t pid = 0;          ///< the process that is queried for the session: sshd's monitor, or ssh
     session_kind kind = session_kind::incoming;
-    uint32_t user_number = 0;  ///< the user whose process that is
+    uint32_t user_number = 0;  ///< the user who owns that process
     uint32_t session_id = 0;
     uint32_t state = session_negotiating;
-    int32_t session_pid = 0;  ///< the process that carries the session; 0 before there is one
+    int32_t session_pid = 0;  ///< the process that runs the session; 0 while there is none
     char user[64] = {};
     char host[256] = {};
     char method[32] = {};
-    /// The method of the last attempt, which becomes the session's when the user is let in.
+    /// The method of the last attempt, which becomes the session's method when the user is authenticated.
     char attempt[32] = {};
     char kex[100] = {};
     char host_key[100] = {};
@@ -78,17 +78,17 @@ struct session_facts {
     char in_mac[100] = {};
     char out_mac[100] = {};
     uint32_t rekey_count = 0;
-    uint32_t rekey_seconds = 0;  ///< between two key exchanges; 0 when time does not limit them
-    uint64_t rekey_bytes = 0;    ///< in one direction; 0 when no volume was set
+    uint32_t rekey_seconds = 0;  ///< between two key exchanges; 0 if there is no time limit
+    uint64_t rekey_bytes = 0;    ///< in one direction; 0 if no volume is set
     uint64_t blocks_limit = 0;   ///< the cipher's own limit, in blocks
-    uint64_t keyed_at = 0;       ///< seconds since boot of the last key exchange
+    uint64_t keyed_at = 0;       ///< time of the last key exchange, in seconds since boot
     byte_counters at_keying;
     channel_facts channels[most_channels];
 };
 
 static_assert(std::is_trivially_copyable_v<session_facts>);
 
-/// Stores a text, cut to the field, always ended.
+/// Stores a text, truncated to the field and always terminated.
 template <size_t size>
 void set_field(char (&field)[size], std::string_view text) {
     const size_t length = text.size() < size ? text.size() : size - 1;

@@ -13,7 +13,7 @@ namespace openssh {
 
 namespace {
 
-/// A report as it came: who sent it and what it says.
+/// A parsed report and the process that sent it.
 struct known_report {
     const report_sender& sender;
     report_header header;
@@ -41,7 +41,7 @@ size_t sessions_of(const session_table& table, uid_t user) {
                                              [&](const auto& one) { return one.second.facts.user_number == user; }));
 }
 
-/// Which kind of session such a process has for its own.
+/// The kind of session that the reporting process has itself.
 bool kind_of(const session_table& table, const known_report& report, session_kind& kind) {
     if (report.process.program == table.server_program && is_root(report.sender)) {
         kind = session_kind::incoming;
@@ -58,7 +58,7 @@ session_entry* find_session(session_table& table, pid_t pid) {
     return found == table.sessions.end() ? nullptr : &found->second;
 }
 
-/// The descriptor is opened first and the process looked at again, so that both mean the same one.
+/// Reading the process again after opening the descriptor ensures that both refer to the same process.
 int open_same_process(const session_table& table, pid_t pid, uint64_t start_time) {
     const int descriptor = table.processes.open(pid);
     process_info process;
@@ -69,8 +69,8 @@ int open_same_process(const session_table& table, pid_t pid, uint64_t start_time
     return descriptor;
 }
 
-/// What was known of a session that goes on in another process of the same user. The process before may be there still; it
-/// serves as a window on the session then, and has none of its own.
+/// Takes over the facts of a session that continues in another process of the same user. The previous process may still
+/// exist; it then only displays the session and has none of its own.
 bool take_over(session_table& table, const known_report& report, session_facts& facts) {
     const auto before = static_cast<pid_t>(report.header.forked_from);
     if (before <= 0) {
@@ -131,7 +131,7 @@ session_entry* begin_session(session_table& table, const known_report& report, s
     return &table.sessions.insert_or_assign(report.sender.pid, entry).first->second;
 }
 
-/// The session of a process that works for one: sshd's own children carry the sessions of ordinary users.
+/// The session of a worker's parent: the sessions of ordinary users run in children of sshd.
 session_entry* session_of_parent(session_table& table, const known_report& report) {
     if (report.process.program != table.server_program) {
         return nullptr;
@@ -168,8 +168,8 @@ bool learn(session_table& table, session_entry& session, const known_report& rep
     if (!learn_from_line(session.facts, report.line, context)) {
         return false;
     }
-    // Once the user is in, what carries the session is the process that speaks of keys and channels: a child that has become
-    // the user, or for root sshd itself.
+    // After authentication the session runs in the process that logs about keys and channels: a child that has become
+    // the user or, for root, sshd itself.
     if (session.facts.state == session_established && report.line.function != "monitor_child_preauth") {
         session.facts.session_pid = report.sender.pid;
     }

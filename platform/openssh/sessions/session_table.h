@@ -1,4 +1,4 @@
-/// The sessions that are known, and what reports change of them.
+/// The known sessions, updated from reports.
 #ifndef OPENSSH_SESSIONS_SESSION_TABLE_H
 #define OPENSSH_SESSIONS_SESSION_TABLE_H
 
@@ -14,7 +14,7 @@
 
 namespace openssh {
 
-/// How the table looks at processes; tests put others in their place.
+/// Access to processes; tests substitute their own.
 struct process_source {
     bool (*read)(pid_t pid, process_info& process) = read_process;
     int (*open)(pid_t pid) = open_process;
@@ -25,28 +25,28 @@ struct process_source {
 
 struct session_entry {
     session_facts facts;
-    int process = -1;      ///< tells when the process has ended
+    int process = -1;      ///< descriptor that becomes readable when the process ends
     bool changed = false;  ///< since it was last stored
-    bool moved = false;    ///< goes on in another process and is to be forgotten here
+    bool moved = false;    ///< continues in another process and is to be removed here
 };
 
-/// An outgoing session whose process has ended and may be going on in another.
+/// An outgoing session whose process has ended, but which may continue in another.
 struct ended_session {
     session_facts facts;
     uint64_t at = 0;  ///< seconds since boot
 };
 
 struct session_table {
-    std::string server_program;  ///< the file that sshd runs from
+    std::string server_program;  ///< path of sshd's executable
     std::string client_program;
-    std::string client_name;  ///< the name that an outgoing session's process goes by
+    std::string client_name;  ///< process name of an outgoing session
     process_source processes = {};
     std::map<pid_t, session_entry> sessions = {};
     std::map<pid_t, ended_session> ended = {};
     uint32_t last_session_id = 0;
 };
 
-/// The most sessions at once, and the most outgoing ones of one user who is not root: reports of users cost memory.
+/// Limits on all sessions and on the outgoing sessions of one ordinary user, because users' reports consume memory.
 constexpr size_t most_sessions = 4096;
 constexpr size_t most_sessions_of_user = 64;
 
@@ -54,23 +54,23 @@ constexpr size_t most_sessions_of_user = 64;
 constexpr uint64_t seconds_to_go_on = 10;
 constexpr size_t most_ended_sessions = 64;
 
-/// The sender of a report, as the kernel tells it.
+/// The sender of a report, as reported by the kernel.
 struct report_sender {
     pid_t pid = 0;
     uid_t user = 0;
 };
 
-/// Takes one report in. Returns the number of the process whose session changed or came, 0 when none did: reports that are
-/// malformed, from a process that no session belongs to, or of no interest change nothing.
+/// Processes a report. Returns the pid of the session that was changed or added, or 0 if there is none: malformed
+/// reports, reports from processes without a session and irrelevant ones change nothing.
 pid_t take_report(session_table& table, const report_sender& sender, std::string_view report);
 
-/// Takes a session back that was known before. False when its process is gone; then nothing is kept.
+/// Restores a session that was known before. Returns false, restoring nothing, if its process is gone.
 bool restore_session(session_table& table, const session_facts& facts);
 
 /// Forgets a session and closes its descriptor.
 void forget_session(session_table& table, pid_t pid);
 
-/// Whether the session's process is still there. A number that has a new owner does not count.
+/// Whether the session's process still exists. Another process with the same pid does not count.
 bool is_alive(const session_entry& session);
 
 }  // namespace openssh

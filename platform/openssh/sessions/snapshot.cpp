@@ -15,7 +15,7 @@ void copy_field(char (&to)[size], const char (&from)[size]) {
     set_field(to, std::string_view(from, strnlen(from, size)));
 }
 
-/// Stock ssh counts the limit in the cipher's blocks when no volume is set.
+/// If no volume is set, stock ssh limits the number of cipher blocks.
 uint64_t volume_limit(const session_facts& facts) {
     constexpr uint64_t wide_block = 16;
     constexpr uint64_t narrow_block = 8;
@@ -42,7 +42,7 @@ uint32_t data_to_rekey(const session_facts& facts, const byte_counters& bytes) {
     return static_cast<uint32_t>(std::min<uint64_t>(left, UINT32_MAX));
 }
 
-/// New keys are exchanged with the first packet after the time is up, so a session at rest may be overdue.
+/// Rekeying happens with the first packet after the time has expired, so an idle session may be overdue.
 void set_time_to_rekey(session_snapshot& answer, const session_facts& facts, uint64_t now) {
     if (facts.rekey_seconds == 0 || facts.keyed_at == 0) {
         return;

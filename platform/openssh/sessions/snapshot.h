@@ -7,8 +7,8 @@
 
 namespace openssh {
 
-/// The answer from what is known; what is not known stays empty. `now` is in seconds since boot, `bytes` what the connection
-/// carried up to now.
+/// Builds the answer from the known facts; unknown fields stay empty. `now` is in seconds since boot, `bytes` the
+/// connection's current byte counters.
 session_snapshot make_snapshot(const session_facts& facts, uint64_t now, const byte_counters& bytes);
 
 }  // namespace openssh

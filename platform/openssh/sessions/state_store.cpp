@@ -12,7 +12,7 @@ namespace openssh {
 
 namespace {
 
-/// A file that a responder of another layout wrote is not read.
+/// Files of a responder with a different layout are ignored.
 struct stored_session {
     uint32_t magic = 0x31736573;  // "ses1"
     uint32_t size = sizeof(session_facts);
@@ -21,7 +21,7 @@ struct stored_session {
     session_facts facts;
 };
 
-/// Holds the last session id alone, when all sessions are gone.
+/// Holds only the last session id, for when there are no sessions.
 constexpr const char* counter_name = "last";
 
 bool write_whole(const std::string& path, const void* bytes, size_t size) {

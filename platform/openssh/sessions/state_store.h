@@ -1,4 +1,4 @@
-/// Keeps what is known of the sessions in files, so that a responder that is started again knows it still.
+/// Stores session facts in files, so that they survive a restart of the responder.
 #ifndef OPENSSH_SESSIONS_STATE_STORE_H
 #define OPENSSH_SESSIONS_STATE_STORE_H
 
@@ -8,11 +8,10 @@
 
 namespace openssh {
 
-/// Reads every session in `folder` that is still alive into the table and removes the files of the others, and whatever else
-/// is no session's file.
+/// Loads all live sessions in `folder` into the table and removes all other files.
 void load_sessions(session_table& table, const std::string& folder);
 
-/// Writes a session's file in one step. False with errno on failure; then the old file is still there.
+/// Replaces a session's file atomically. Returns false with errno set on failure; the old file is then unchanged.
 bool store_session(const session_table& table, const session_facts& facts, const std::string& folder);
 
 void remove_stored_session(pid_t pid, const std::string& folder);

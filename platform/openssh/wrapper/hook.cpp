@@ -1,8 +1,8 @@
-/// Runs within sshd: puts the wrapper in the place of what sshd executes for a session.
+/// Loaded into sshd: runs the wrapper instead of the program that sshd executes for a session.
 ///
-/// sshd's own means, ForceCommand, would overrule the commands that users' keys and certificates are restricted to, would
-/// have the wrapper started by the user's shell, which need not be one that can (restricted shells, shells for one purpose),
-/// and would take the message of the day and the last login from the user.
+/// sshd's own ForceCommand would override the command restrictions of users' keys and certificates, would start the
+/// wrapper through the user's shell, which may be a restricted one, and would suppress the message of the day and the
+/// last login.
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -17,14 +17,14 @@ int execute(const char* path, char* const* arguments, char* const* environment) 
     return static_cast<int>(syscall(SYS_execve, path, arguments, environment));
 }
 
-/// Returns only when the wrapper cannot be executed; everything is as before then. The wrapper gets an empty environment.
+/// Returns only if the wrapper cannot be executed, with everything unchanged. The wrapper gets an empty environment.
 void hand_over(const char* path, char* const* arguments, char* const* environment) {
     const int fd = openssh::write_session_command(path, arguments, environment);
     if (fd < 0) {
         return;
     }
     if (fd == openssh::session_descriptor || dup2(fd, openssh::session_descriptor) >= 0) {
-        // sshd has made a session, and with it a group, before; should it not, the group is made here.
+        // Normally sshd has already created a session and thus a process group; otherwise the group is created here.
         setpgid(0, 0);
         char* const wrapper_arguments[] = {const_cast<char*>(openssh::session_wrapper), nullptr};
         char* const wrapper_environment[] = {nullptr};
@@ -38,7 +38,7 @@ void hand_over(const char* path, char* const* arguments, char* const* environmen
 
 }  // namespace
 
-/// In the place of libc's. sshd calls it for a session and for the programs that find users' keys.
+/// Replaces libc's execve(). sshd calls it for sessions and for the commands that look up users' keys.
 extern "C" __attribute__((visibility("default"))) int execve(const char* path, char* const arguments[],
                                                              char* const environment[]) noexcept {
     if (openssh::is_session_command(path, arguments, environment)) {

@@ -13,13 +13,13 @@ namespace openssh {
 
 namespace {
 
-/// Stands at the file's start. Behind it, each with its zero byte: the path, the arguments, the environment.
+/// The start of the file. It is followed by the path, the arguments and the environment, each NUL-terminated.
 struct file_head {
     uint32_t argument_count;
     uint32_t environment_count;
 };
 
-/// More than the kernel lets an execution have.
+/// Larger than any argument list execve() accepts.
 constexpr size_t largest_command = size_t{8} * 1024 * 1024;
 
 bool has_variable(char* const* environment, const char* name) {
@@ -67,7 +67,7 @@ bool write_strings(int fd, char* const* strings) {
     return true;
 }
 
-/// Reads the whole file into a new block with a zero byte behind it; null with errno on failure.
+/// Reads the whole file into a new, NUL-terminated block; null with errno set on failure.
 char* read_file(int fd, size_t& length) {
     struct stat status;
     if (fstat(fd, &status) != 0) {
@@ -96,7 +96,7 @@ char* read_file(int fd, size_t& length) {
     return block;
 }
 
-/// Takes one string after the other out of a block that ends with a zero byte.
+/// Reads consecutive strings from a NUL-terminated block.
 struct string_reader {
     char* next;
     char* end;

@@ -1,4 +1,4 @@
-/// Becomes what sshd wanted to execute for a session, with the very arguments and environment.
+/// Executes what sshd wanted to run for a session, with unchanged arguments and environment.
 #include <unistd.h>
 
 #include <csignal>
@@ -10,15 +10,15 @@
 int main() {
     openssh::session_command command;
     if (!openssh::read_session_command(openssh::session_descriptor, command)) {
-        std::perror("the session's command cannot be read");
+        std::perror("cannot read the session's command");
         return 1;
     }
     close(openssh::session_descriptor);
-    // The wrapper's shell starts what it does not wait for at once with these ignored.
+    // The wrapper's shell ignores these signals in background commands.
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGQUIT, SIG_DFL);
     execve(command.path, command.arguments, command.environment);
-    // As sshd says it.
+    // Same wording as sshd.
     std::perror(command.path);
     return 1;
 }

@@ -287,5 +287,5 @@ TEST_F(session_responder, does_not_begin_without_a_place_for_its_files) {
     begin();
     responder_.join();
     EXPECT_FALSE(began_);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("cannot make"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("cannot create"), std::string::npos);
 }

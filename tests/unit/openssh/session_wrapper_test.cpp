@@ -104,5 +104,5 @@ TEST_F(session_wrapper_script, gives_way_when_it_is_not_there) {
 TEST_F(session_wrapper_script, says_so_when_the_starter_has_nothing_to_start) {
     const program_result result = run_programs({{session_starter}}, std::chrono::seconds(20))[0];
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.errors, "the session's command cannot be read: Bad file descriptor\n");
+    EXPECT_EQ(result.errors, "cannot read the session's command: Bad file descriptor\n");
 }
