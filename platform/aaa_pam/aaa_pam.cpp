@@ -1,5 +1,5 @@
-/// The PAM module that the servers' PAM service names: hands every stage to a service of the machine's own, so that who may
-/// log in, and how, is decided where the administrator has decided it for everything else.
+/// The module of the servers' PAM service: delegates every stage to a service of the machine, so that who may log in,
+/// and how, is decided where the administrator has configured it for everything else.
 #include <security/pam_appl.h>
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Installed as /etc/pam.d/ssh_cfg_aaa; the administrator's to change.
+/// Installed as /etc/pam.d/ssh_cfg_aaa; may be changed by the administrator.
 constexpr const char* machine_service = "ssh_cfg_aaa";
 constexpr const char* data_name = "ssh_cfg_aaa";
 
@@ -20,8 +20,8 @@ void end_machine_service(pam_handle_t*, void* machine, int status) {
     pam_end(static_cast<pam_handle_t*>(machine), status);
 }
 
-/// The server sets these anew between the stages: the conversation is another one for the session than for the password,
-/// and the terminal is not known before.
+/// The server sets these between the stages: the session uses a different conversation than the password, and the
+/// terminal becomes known only then.
 int hand_items_on(pam_handle_t* server, pam_handle_t* machine) {
     constexpr int items[] = {PAM_CONV, PAM_TTY, PAM_RHOST, PAM_RUSER};
     for (const int item : items) {
@@ -59,7 +59,7 @@ int start_machine_service(pam_handle_t* server, pam_handle_t** machine) {
     return status;
 }
 
-/// One and the same for all stages of a login, because a session has to be closed where it was opened.
+/// A single handle is used for all stages of a login, because a session must be closed by the modules that opened it.
 int machine_service_of(pam_handle_t* server, pam_handle_t** machine) {
     const void* data = nullptr;
     if (pam_get_data(server, data_name, &data) == PAM_SUCCESS && data != nullptr) {
@@ -69,7 +69,7 @@ int machine_service_of(pam_handle_t* server, pam_handle_t** machine) {
     return start_machine_service(server, machine);
 }
 
-/// What the machine's modules have for the session's environment.
+/// Copies the variables that the machine's modules have set for the session.
 int take_environment_over(pam_handle_t* server, pam_handle_t* machine) {
     char** environment = pam_getenvlist(machine);
     if (environment == nullptr) {
@@ -86,7 +86,7 @@ int take_environment_over(pam_handle_t* server, pam_handle_t* machine) {
     return status;
 }
 
-/// A module of the machine's may know the user by another name.
+/// A module of the machine may have mapped the user to another name.
 int take_user_over(pam_handle_t* server, pam_handle_t* machine) {
     const void* before = nullptr;
     const void* now = nullptr;

@@ -3,10 +3,10 @@
 namespace {
 
 constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-constexpr size_t group = 4;  ///< characters that stand for three bytes
+constexpr size_t group = 4;  ///< characters for three bytes
 constexpr char padding = '=';
 
-/// How many padding characters end the text: at most the two that can be needed.
+/// The number of padding characters at the end: at most the two that may be needed.
 size_t padding_of(std::string_view text) {
     size_t count = 0;
     while (count < 2 && count < text.size() && text[text.size() - 1 - count] == padding) {

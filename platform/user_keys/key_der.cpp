@@ -10,8 +10,8 @@
 #include <cerrno>
 #include <memory>
 
-// The forms are put together from OpenSSL's ASN.1 types. Its key objects would do the same, but load its providers for it:
-// close to a megabyte that the agent has no other use for.
+// The DER form is built from OpenSSL's ASN.1 types. Its key objects would do the same, but load its providers: almost a
+// megabyte that the agent has no other use for.
 
 namespace {
 
@@ -34,7 +34,7 @@ using asn1_fields = std::unique_ptr<ASN1_SEQUENCE_ANY, freed_by<free_fields>>;
 using algorithm = std::unique_ptr<X509_ALGOR, freed_by<X509_ALGOR_free>>;
 using public_key = std::unique_ptr<X509_PUBKEY, freed_by<X509_PUBKEY_free>>;
 
-/// What OpenSSL complains of belongs to one call and must not be found by the next.
+/// Clears OpenSSL's error queue, so that the next call does not find the errors of this one.
 struct error_scope {
     error_scope() = default;
     ~error_scope() { ERR_clear_error(); }
@@ -46,7 +46,7 @@ const unsigned char* start_of(std::string_view bytes) {
     return reinterpret_cast<const unsigned char*>(bytes.data());
 }
 
-/// The DER form of an object, by its i2d function. False when memory ends.
+/// The DER form of an object, made by its i2d function. Returns false when out of memory.
 template <typename T>
 bool write_object(const T* object, int (*write)(const T* object, unsigned char** place), std::string& der) {
     const int size = write(object, nullptr);
@@ -58,7 +58,7 @@ bool write_object(const T* object, int (*write)(const T* object, unsigned char**
     return write(object, &place) == size;
 }
 
-/// Adds a number of the key to a sequence.
+/// Appends a number of the key to a sequence.
 bool add_number(ASN1_SEQUENCE_ANY* fields, const std::string& bytes) {
     const big_number number(BN_bin2bn(start_of(bytes), static_cast<int>(bytes.size()), nullptr));
     asn1_number encoded(number == nullptr ? nullptr : BN_to_ASN1_INTEGER(number.get(), nullptr));
@@ -99,7 +99,7 @@ bool write_key(const rsa_public_key& key, std::string& der) {
     return write_object<X509_PUBKEY>(made.get(), i2d_X509_PUBKEY, der);
 }
 
-/// The fields of a sequence of two, of which nothing may be left over; null when it is none.
+/// The fields of a sequence that consists of exactly two; null if it does not.
 asn1_fields read_pair(std::string_view der) {
     const unsigned char* place = start_of(der);
     const unsigned char* const end = place + der.size();
@@ -110,7 +110,7 @@ asn1_fields read_pair(std::string_view der) {
     return fields;
 }
 
-/// The bytes of a field of this type; null data when it is of another.
+/// The bytes of a field of this type; null data if it has another type.
 std::string_view bytes_of(const asn1_fields& fields, int index, int type) {
     const ASN1_TYPE* field = sk_ASN1_TYPE_value(fields.get(), index);
     if (field->type != type) {
@@ -163,7 +163,7 @@ platform_status key_der_read(std::string_view der, rsa_public_key& key) {
     const error_scope scope;
     rsa_public_key found;
     std::string again;
-    // A key has one DER form: what does not come out as it went in was none.
+    // The DER form of a key is unique: input that is not reproduced exactly is invalid.
     if (!read_key(der, found) || !write_key(found, again) || again != der) {
         return EBADMSG;
     }

@@ -7,11 +7,11 @@
 
 #include "user_keys/key_text.h"
 
-/// Stores the key's DER form. KEY_TOO_LARGE above KEY_STORE_DER_MAX bytes, ENOMEM when it cannot be made; `der` is then
-/// untouched. May throw std::bad_alloc.
+/// Stores the key's DER form. KEY_TOO_LARGE above KEY_STORE_DER_MAX bytes, ENOMEM if it cannot be built; `der` is
+/// unchanged on failure. May throw std::bad_alloc.
 platform_status key_der_make(const rsa_public_key& key, std::string& der);
 
-/// Reads a key's DER form, of which nothing may be left over. EBADMSG when it is no RSA key's. May throw std::bad_alloc.
+/// Reads a key's DER form, without trailing bytes. EBADMSG if it is not an RSA key. May throw std::bad_alloc.
 platform_status key_der_read(std::string_view der, rsa_public_key& key);
 
 #endif

@@ -15,9 +15,9 @@ namespace {
 
 constexpr mode_t directory_mode = 0700;
 constexpr mode_t file_mode = 0600;
-constexpr size_t file_size_max = 4096;  ///< a key of the largest size takes some 1,400 bytes
+constexpr size_t file_size_max = 4096;  ///< the largest key takes about 1,400 bytes
 
-/// No user's: names do not begin with '.'.
+/// Never a user's file, because user names do not begin with '.'.
 constexpr char temporary_name[] = ".new";
 
 int open_directory() {

@@ -11,7 +11,7 @@ namespace {
 constexpr size_t user_name_max = 64;
 constexpr uint8_t format_version = 1;
 
-/// Stands before the DER form, in the byte order of the machine that alone reads it.
+/// Precedes the DER form, in native byte order: only this machine reads it.
 struct record_header {
     uint8_t version;
     uint8_t origin;

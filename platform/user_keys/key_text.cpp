@@ -13,12 +13,12 @@ namespace {
 constexpr std::string_view key_type = "ssh-rsa";
 constexpr std::string_view blanks = " \t\r\n";
 
-constexpr uint32_t bits_min = 1024;                   ///< sshd takes no smaller key
-constexpr uint32_t bits_max = KEY_STORE_DER_MAX * 8;  ///< more never fits; what does is seen when the DER form is made
-/// OpenSSL refuses to verify with a larger exponent.
+constexpr uint32_t bits_min = 1024;                   ///< sshd accepts no smaller key
+constexpr uint32_t bits_max = KEY_STORE_DER_MAX * 8;  ///< an upper bound; the DER form has the exact limit
+/// OpenSSL refuses to verify with a larger one.
 constexpr size_t exponent_size_max = sizeof(uint64_t);
 
-/// Takes a string (RFC 4251, section 5: four bytes of length, then the bytes) off the front.
+/// Consumes a string (RFC 4251, section 5: four bytes of length, then the bytes) at the front.
 bool take_string(std::string_view& blob, std::string_view& field) {
     if (blob.size() < sizeof(uint32_t)) {
         return false;
@@ -47,7 +47,7 @@ bool is_negative(std::string_view number) {
     return !number.empty() && (static_cast<unsigned char>(number.front()) & 0x80) != 0;
 }
 
-/// A positive number's form on the wire: a zero keeps it from looking negative.
+/// A positive number in its wire format: a leading zero byte keeps it from being read as negative.
 void append_number(std::string& blob, const std::string& number) {
     append_string(blob, is_negative(number) ? std::string(1, '\0') + number : number);
 }
@@ -91,7 +91,7 @@ platform_status check_modulus(std::string_view modulus) {
     return PLATFORM_OK;
 }
 
-/// Reads what the base64 text stands for: the type once more, exponent and modulus.
+/// Parses the decoded key: its type again, exponent and modulus.
 platform_status read_blob(std::string_view blob, rsa_public_key& key) {
     std::string_view type;
     if (!take_string(blob, type)) {

@@ -1,5 +1,5 @@
-/// authorized_keys USER: prints the key that the key store holds for a user as a line of authorized keys, for sshd's
-/// AuthorizedKeysCommand. A user without a key gets none, which is no failure.
+/// authorized_keys USER: prints a user's key from the key store as an authorized_keys line, for sshd's
+/// AuthorizedKeysCommand. Printing nothing for a user without a key is not a failure.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,9 +34,9 @@ int main(int argc, char** argv) {
         fputs("usage: authorized_keys USER\n", stderr);
         return 1;
     }
-    // Such a user cannot have a key, and the name is not fit for a message either.
+    // No key can exist for such a user, and the name is not safe to print in a message.
     if (!key_user_is_valid(argv[1])) {
-        return complain("user name refused",
+        return complain("invalid user name",
                         "expected 1 to 64 letters, digits, '_', '-' or '.', the first neither '-' nor '.'");
     }
     try {

@@ -66,7 +66,7 @@ TEST_F(authorized_keys_program, refuses_odd_names) {
         const outcome alone = run(name);
         EXPECT_EQ(alone.status, 1) << name;
         EXPECT_EQ(alone.output, "") << name;
-        EXPECT_THAT(alone.errors, testing::StartsWith("authorized_keys: user name refused: expected 1 to 64")) << name;
+        EXPECT_THAT(alone.errors, testing::StartsWith("authorized_keys: invalid user name: expected 1 to 64")) << name;
     }
     EXPECT_THAT(run("").errors, HasSubstr("usage: authorized_keys USER"));
     EXPECT_EQ(run("alice bob").status, 1);
