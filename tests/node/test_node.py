@@ -225,7 +225,7 @@ def test_node_that_hangs_is_ended_at_the_time_limit(tmp_path):
         [NODE, "--hostname", MARK, "--build", tmp_path, "--timeout", "3", "run", "--", "true"], capture_output=True, timeout=30, check=False
     )
     assert result.returncode == 125
-    assert b"did not come up" in result.stderr
+    assert b"did not boot" in result.stderr
 
 
 def test_installation_that_fails_is_an_error(tmp_path):
@@ -348,7 +348,7 @@ def test_ordinary_user_is_told_and_goes_on_with_sudo(node):
 {MAKE_REACHABLE}; printf '#!/bin/sh\\nprintf "<%%s>" "$@"\\n' > /stub/sudo; chmod +x /stub/sudo
 runuser -u operator -- env PATH=/stub:/usr/bin {REACHABLE_NODE} --no-agent --password 'a b' run -- echo 'x y'"""
     result = node("run", "--", "sh", "-c", script)
-    assert b"node: namespaces and mounts need root: going on with sudo\n" in result.stderr
+    assert b"node: namespaces and mounts need root: continuing with sudo\n" in result.stderr
     assert b"<NODE_PASSWORD=a b>" in result.stdout
     assert result.stdout.endswith(
         f"<{REACHABLE_NODE}><--no-agent><--password><a b><run><--><echo><x y>".encode()
