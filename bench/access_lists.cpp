@@ -1,5 +1,5 @@
 /// A list of 10,000 entries from the change notice to the loaded table, on the Linux platform and in a real network
-/// namespace, beside loading the finished file by the same command; and the conversion of entries alone.
+/// namespace, compared with loading the finished file by the same command; and the conversion of entries alone.
 #include <arpa/inet.h>
 
 #include <cerrno>
@@ -40,7 +40,7 @@ struct family_work {
     uint32_t code;
     uint32_t type;
     const char* name;
-    const char* line;  ///< an entry as an operator writes it, with a place for two parts of its address
+    const char* line;  ///< an entry as an operator writes it, with placeholders for two parts of its address
     int (*changed)(const acl_change_notice* notice);
 };
 
@@ -59,38 +59,38 @@ std::vector<acl_stored_entry> make_entries(const family_work& family) {
         std::string error;
         require(acl_parse_line(family.code, line, rule, error), error.c_str());
         rule.sequence = (i + 1) * 10;
-        require(acl_encode_rule(family.code, rule, entries.emplace_back()) == PLATFORM_OK, "an entry is not encoded");
+        require(acl_encode_rule(family.code, rule, entries.emplace_back()) == PLATFORM_OK, "cannot encode an entry");
     }
     return entries;
 }
 
 void measure_load(const family_work& family) {
     const std::vector<acl_stored_entry> entries = make_entries(family);
-    require(acl_list_replace(family.code, list_name, entries) == PLATFORM_OK, "the list cannot be stored");
+    require(acl_list_replace(family.code, list_name, entries) == PLATFORM_OK, "cannot store the list");
     acl_change_notice notice = {};
     copy_text(notice.acl_name, sizeof notice.acl_name, list_name);
     notice.present = 1;
-    require(family.changed(&notice) == 0, "the change is not carried out");
+    require(family.changed(&notice) == 0, "the change was not applied");
     const std::string file = get_nft_file_name(vrf, family.type);
-    require(file_lines(file).size() > entry_count, "the file is not complete");
+    require(file_lines(file).size() > entry_count, "the file is incomplete");
     const std::string command = std::string("/sbin/ip netns exec vrf-") + vrf + " /usr/sbin/nft -f " + file;
     std::vector<double> processor_times;
     const timed_pair times = measure_in_turns(
         load_rounds,
         [&](int) {
             const std::clock_t before = std::clock();
-            require(family.changed(&notice) == 0, "the change is not carried out");
+            require(family.changed(&notice) == 0, "the change was not applied");
             processor_times.push_back(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC);
         },
-        [&](int) { require(system(command.c_str()) == 0, "the file cannot be loaded"); });
+        [&](int) { require(system(command.c_str()) == 0, "cannot load the file"); });
     print_row(std::string("10,000-entry ") + family.name + " list: read, convert, write, load", times.own * 1000,
               times.floor * 1000, "ms", goal::at_most, 1.1);
-    // On a busy machine the row above says little; what the agent itself adds to the load is steady.
-    print_row("  the agent's own processor time of it, beside the load", best_of(processor_times) * 1000,
-              times.floor * 1000, "ms", goal::at_most, 0.1);
+    // The row above varies on a busy machine; the agent's own share is stable.
+    print_row("  processor time of the agent alone", best_of(processor_times) * 1000, times.floor * 1000, "ms",
+              goal::at_most, 0.1);
 }
 
-/// Converts decoded entries into a rule file.
+/// Converts decoded entries to a rule file.
 template <typename entry_type>
 void measure_conversion(const family_work& family, void (*convert)(const entry_type&, FILE*, uint32_t)) {
     std::vector<entry_type> entries(entry_count);
@@ -103,7 +103,7 @@ void measure_conversion(const family_work& family, void (*convert)(const entry_t
     std::vector<double> figures;
     for (int round = 0; round < conversion_rounds; round++) {
         FILE* stream = nullptr;
-        require(norvossh_acl_init_table(vrf, &stream, family.type) == 0, "the file cannot be made");
+        require(norvossh_acl_init_table(vrf, &stream, family.type) == 0, "cannot create the file");
         figures.push_back(seconds_of([&] {
             for (const entry_type& entry : entries) {
                 convert(entry, stream, family.type);
@@ -119,16 +119,16 @@ void prepare() {
     scratch_root::enter({.readable = {}, .writable = {PROJECT_BINARY_DIR}});
     write_file(paths::datastore_library, "");
     datastore_configure(nullptr, "/var/lib/bench/datastore.db");
-    require(datastore_open() == PLATFORM_OK, "the datastore cannot be opened");
+    require(datastore_open() == PLATFORM_OK, "cannot open the datastore");
     event_manager* manager = nullptr;
-    require(event_manager_create("bench", &manager) == 0, "there is no loop");
+    require(event_manager_create("bench", &manager) == 0, "cannot create the event loop");
     fill_parameter_tables();
     vrf_node* node = create_vrf_node(vrf);
-    require(node != nullptr, "there is no VRF");
+    require(node != nullptr, "cannot create the VRF");
     copy_text(node->ssh_v4_acl, sizeof node->ssh_v4_acl, list_name);
     copy_text(node->netconf_v6_acl, sizeof node->netconf_v6_acl, list_name);
-    require(system("/sbin/ip netns add vrf-bench") == 0, "the namespace cannot be made");
-    require(create_nft_table(vrf) == 0, "the tables cannot be made");
+    require(system("/sbin/ip netns add vrf-bench") == 0, "cannot create the namespace");
+    require(create_nft_table(vrf) == 0, "cannot create the tables");
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-/// What the agent does with files and commands for 256 VRFs, on the fake platform and with systemctl, ip and nft stubbed:
-/// one keyword through all files, beside copying and renaming them; start-up with all VRFs stored, beside the same file
-/// writes and shell commands alone.
+/// The agent's work on files and commands for 256 VRFs, on the fake platform with stubs for systemctl, ip and nft: one
+/// keyword in all files, compared with copying and renaming them; start-up with all VRFs stored, compared with the same
+/// file writes and shell commands alone.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -26,7 +26,7 @@
 
 namespace {
 
-/// What one start-up does: every shell command, and how many files it puts in another's place.
+/// The work of one start-up: its shell commands, and how many files it replaces.
 struct start_up_work {
     std::vector<std::string> commands;
     int replaced_files = 0;
@@ -37,7 +37,7 @@ start_up_work recorded;
 
 }  // namespace
 
-// The linker leads the agent's calls of these two here (--wrap).
+// The linker redirects the agent's calls of these two functions here (--wrap).
 extern "C" {
 int __real_system(const char* command);
 int __real_rename(const char* from, const char* to);
@@ -70,20 +70,20 @@ std::string vrf_file(int number) {
     return paths::vrf_server_file_prefix + vrf_name(number);
 }
 
-/// Copies a file and renames the copy over it, with as few calls as that takes.
+/// Copies a file and renames the copy over it with as few system calls as possible.
 void copy_and_rename(const std::string& file) {
     static const std::string copy = std::string(paths::configuration_directory) + "copy";
     static char content[65536];
     const int source = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     const int output = open(copy.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    require(source >= 0 && output >= 0, "a file cannot be opened");
+    require(source >= 0 && output >= 0, "cannot open a file");
     ssize_t count = 0;
     while ((count = read(source, content, sizeof content)) > 0) {
-        require(write(output, content, static_cast<size_t>(count)) == count, "copying fails");
+        require(write(output, content, static_cast<size_t>(count)) == count, "cannot copy a file");
     }
     close(source);
     close(output);
-    require(rename(copy.c_str(), file.c_str()) == 0, "renaming fails");
+    require(rename(copy.c_str(), file.c_str()) == 0, "cannot rename a file");
 }
 
 void copy_and_rename_all() {
@@ -95,7 +95,7 @@ void copy_and_rename_all() {
 
 void measure_keyword() {
     fill_parameter_tables();
-    require(prepare_default_files() == 0, "the default files cannot be made");
+    require(prepare_default_files() == 0, "cannot create the default files");
     write_initial_lines();
     const std::string content = read_file(paths::server_file);
     for (int i = 0; i < vrf_count; i++) {
@@ -110,23 +110,24 @@ void measure_keyword() {
                     "the keyword cannot be written");
         },
         [](int) { copy_and_rename_all(); });
-    require(read_file(vrf_file(0)).find("LoginGraceTime 124\n") != std::string::npos, "the keyword is not there");
+    require(read_file(vrf_file(0)).find("LoginGraceTime 124\n") != std::string::npos,
+            "the keyword is missing from the file");
     print_row("one keyword through 256 VRF files", times.own * 1000, times.floor * 1000, "ms", goal::at_most, 1.5);
 }
 
-/// Runs `work` in a process of its own, since start-up happens once in a process. Returns its seconds.
+/// Runs `work` in a child process, because start-up is possible only once per process. Returns its duration in seconds.
 double seconds_in_child(const std::function<double()>& work) {
     int ends[2];
-    require(pipe(ends) == 0, "no pipe");
+    require(pipe(ends) == 0, "cannot create a pipe");
     const pid_t child = fork();
     if (child == 0) {
         const double seconds = work();
-        require(write(ends[1], &seconds, sizeof seconds) == sizeof seconds, "no answer");
+        require(write(ends[1], &seconds, sizeof seconds) == sizeof seconds, "cannot send the result");
         _exit(0);
     }
     close(ends[1]);
     double seconds = 0;
-    require(read(ends[0], &seconds, sizeof seconds) == sizeof seconds, "the start-up did not end well");
+    require(read(ends[0], &seconds, sizeof seconds) == sizeof seconds, "the start-up failed");
     close(ends[0]);
     waitpid(child, nullptr, 0);
     return seconds;
@@ -135,7 +136,7 @@ double seconds_in_child(const std::function<double()>& work) {
 void start() {
     const start_up_status status = start_up();
     if (status != START_UP_DONE) {
-        fprintf(stderr, "benchmark: start-up ends with status %d\n", status);
+        fprintf(stderr, "benchmark: start-up failed with status %d\n", status);
         for (const fake_platform::log_line& line : fake_platform::log_lines()) {
             fprintf(stderr, "  %s\n", line.text.c_str());
         }
@@ -151,7 +152,7 @@ void store_vrfs() {
     }
 }
 
-/// As on a node that has just booted: no VRF has a file or a unit.
+/// As on a freshly booted node: no VRF has a file or a unit.
 void forget_vrfs() {
     for (int i = 0; i < vrf_count; i++) {
         remove_path(vrf_file(i));
@@ -166,7 +167,7 @@ double start_once() {
     return seconds_of([] { start(); });
 }
 
-/// Records a start-up in a child, whose record comes back in a file.
+/// Records a start-up in a child, which returns the record in a file.
 start_up_work record_start_up() {
     const pid_t child = fork();
     if (child == 0) {
@@ -187,11 +188,11 @@ start_up_work record_start_up() {
     return work;
 }
 
-/// The same commands and as many replaced files, and nothing else.
+/// Only the same commands and the same number of file replacements.
 double repeat(const start_up_work& work) {
     return seconds_of([&work] {
         for (const std::string& command : work.commands) {
-            require(system(command.c_str()) != -1, "a command cannot be run");
+            require(system(command.c_str()) != -1, "cannot run a command");
         }
         for (int i = 0; i < work.replaced_files; i++) {
             copy_and_rename(paths::server_file);
@@ -201,7 +202,7 @@ double repeat(const start_up_work& work) {
 
 void measure_start_up() {
     const start_up_work work = record_start_up();
-    require(work.commands.size() >= vrf_count && work.replaced_files >= vrf_count, "the record is too short");
+    require(work.commands.size() >= vrf_count && work.replaced_files >= vrf_count, "the record is incomplete");
     std::vector<double> own;
     std::vector<double> floor;
     for (int round = 0; round < start_rounds; round++) {

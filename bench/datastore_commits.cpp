@@ -1,10 +1,10 @@
-/// Durable commits a second, beside what bare SQLite does with the same pragmas in the same run, and the memory that
-/// 100,000 commits leave behind.
+/// Durable commits per second, compared with bare SQLite with the same pragmas in the same run, and the memory that
+/// 100,000 commits leave allocated.
 ///
 /// usage: bench_datastore_commits [FOLDER [COMMITS]]
 ///
-/// FOLDER (the current one by default) should lie on a disk, since the disk's own time belongs to both figures. The
-/// memory is measured on COMMITS (100,000 by default) further commits in /dev/shm, where they take seconds.
+/// FOLDER (default: the current one) should be on a disk, whose own latency is part of both figures. Memory is measured
+/// over COMMITS (default: 100,000) more commits in /dev/shm, which take only seconds.
 #include <malloc.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -31,18 +31,18 @@ platform_status accept(const datastore_backend_call* call, void*) {
     return PLATFORM_OK;
 }
 
-/// Bare SQLite: one prepared statement that stores an item, each a transaction.
+/// Bare SQLite: a prepared statement that stores an item, one per transaction.
 class bare_sqlite {
   public:
     explicit bare_sqlite(const std::string& path) {
-        require(sqlite3_open(path.c_str(), &database_) == SQLITE_OK, "bare SQLite cannot be opened");
+        require(sqlite3_open(path.c_str(), &database_) == SQLITE_OK, "cannot open bare SQLite");
         const int result = sqlite3_exec(
             database_,
             "PRAGMA locking_mode = EXCLUSIVE; PRAGMA cache_size = -256; PRAGMA journal_mode = WAL;"
             "PRAGMA synchronous = FULL;"
             "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;",
             nullptr, nullptr, nullptr);
-        require(result == SQLITE_OK, "bare SQLite cannot be set up");
+        require(result == SQLITE_OK, "cannot set up bare SQLite");
         sqlite3_prepare_v2(database_, "REPLACE INTO item (path, kind, value) VALUES (?1, ?2, ?3)", -1, &put_, nullptr);
     }
     ~bare_sqlite() {
@@ -57,7 +57,7 @@ class bare_sqlite {
         sqlite3_bind_text(put_, 1, item, -1, SQLITE_STATIC);
         sqlite3_bind_int(put_, 2, 1);
         sqlite3_bind_blob(put_, 3, &value, sizeof value, SQLITE_STATIC);
-        require(sqlite3_step(put_) == SQLITE_DONE, "bare SQLite cannot store");
+        require(sqlite3_step(put_) == SQLITE_DONE, "bare SQLite cannot store an item");
         sqlite3_reset(put_);
     }
 
@@ -75,7 +75,7 @@ void commit(int64_t n) {
 datastore_binding* open_datastore(const std::string& path) {
     datastore_binding* binding = nullptr;
     datastore_configure(nullptr, path.c_str());
-    require(datastore_bind("/cfg/gl/crypto/ssh/server/", &binding) == PLATFORM_OK, "the datastore cannot be opened");
+    require(datastore_bind("/cfg/gl/crypto/ssh/server/", &binding) == PLATFORM_OK, "cannot open the datastore");
     datastore_register_verification(binding, "", 7, accept, accept, nullptr, nullptr);
     return binding;
 }
@@ -125,14 +125,14 @@ void measure_growth(const std::string& folder, int64_t commits) {
     const auto resident_grown = static_cast<double>(resident_kilobytes() - resident);
     const std::string work = "growth over " + std::to_string(commits) + " commits";
     print_row(work + ", allocated", grown, 0, "B", goal::at_most, 0);
-    // A few pages come and go with the C library's own heap; a leak of one byte a commit would show as more.
+    // The C library's heap varies by a few pages; a leak of one byte per commit would exceed that.
     print_row(work + ", resident", resident_grown, 0, "kB", goal::at_most, 64);
     close_datastore(binding);
 }
 
 std::string make_folder(const std::string& parent) {
     std::string name = parent + "/bench_datastore.XXXXXX";
-    require(mkdtemp(name.data()) != nullptr, "the folder cannot be made");
+    require(mkdtemp(name.data()) != nullptr, "cannot create the folder");
     return name;
 }
 

@@ -1,4 +1,4 @@
-/// Figures of a benchmark and the table in which they are shown.
+/// Measurements of a benchmark and the table that shows them.
 #ifndef BENCH_FIGURES_H
 #define BENCH_FIGURES_H
 
@@ -9,23 +9,23 @@
 /// Seconds that `work` takes.
 double seconds_of(const std::function<void()>& work);
 
-/// The least of several measurements of the same: what else the machine does can only add to it.
+/// The minimum of several measurements of the same work: other load can only add to it.
 double best_of(const std::vector<double>& figures);
 
-/// The best of a work and of its floor, which were measured in turns so that a busy machine slows both.
+/// The best times of a work and of its floor, measured alternately so that a busy machine slows both.
 struct timed_pair {
     double own;    ///< seconds
     double floor;  ///< seconds
 };
 
-/// Runs both `rounds` times in turns. `round` counts from 0.
+/// Runs both alternately, `rounds` times each. `round` counts from 0.
 timed_pair measure_in_turns(int rounds, const std::function<void(int round)>& own,
                             const std::function<void(int round)>& floor);
 
 enum class goal { at_most, at_least };
 
-/// Prints one row: the figure, its floor, their ratio and what is to be reached. A floor of 0 has none: the figure itself
-/// is then held against the goal. A figure that misses its goal is marked.
+/// Prints one row: the figure, its floor, their ratio and the goal. If the floor is 0, there is none, and the figure
+/// itself is compared with the goal. A figure that misses its goal is marked.
 void print_row(const std::string& work, double figure, double floor, const char* unit, goal direction, double reach);
 
 /// Ends the program with a message unless `holds`.

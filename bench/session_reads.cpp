@@ -1,5 +1,5 @@
-/// A read of 500 sessions, each of a process of its own with its own socket, beside the same process listing and 500 bare
-/// exchanges of a request and a snapshot; and what memory such reads keep.
+/// A read of 500 sessions, each with its own process and socket, compared with the same process listing and 500 plain
+/// exchanges of a request and a snapshot; and the memory that such reads leave allocated.
 #include <malloc.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -35,7 +35,7 @@ constexpr char list_clients[] =
     "ps -ef | grep '/pkg/bin/ssh_csm ' | grep -v 'grep' |awk '{print $2}' > "
     "/tmp/bench_clients.txt";
 
-/// A read and its floor: which listings it needs.
+/// A read, and the process listings that its floor needs.
 struct read_work {
     const char* name;
     const char* path;
@@ -57,7 +57,7 @@ sockaddr_un address_of(pid_t pid, socklen_t* length) {
     return address;
 }
 
-/// A server's monitor: answers every query with a snapshot, until the benchmark ends.
+/// A server's monitor: answers each query with a snapshot until the benchmark ends.
 [[noreturn]] void serve(char* title, size_t title_room, uint32_t id) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     memset(title, 0, title_room);
@@ -83,7 +83,7 @@ std::vector<pid_t> start_peers(char* title) {
     std::vector<pid_t> peers;
     for (uint32_t id = 1; id <= session_count; id++) {
         const pid_t peer = fork();
-        require(peer >= 0, "a peer cannot be started");
+        require(peer >= 0, "cannot start a peer");
         if (peer == 0) {
             serve(title, title_room, id);
         }
@@ -97,7 +97,7 @@ std::vector<pid_t> start_peers(char* title) {
     return peers;
 }
 
-/// One request and its answer, no more.
+/// A plain request and its answer.
 void exchange(pid_t peer, session_snapshot* snapshot) {
     constexpr uint32_t request[3] = {0, 1, 0};
     socklen_t length = 0;
@@ -113,10 +113,10 @@ void exchange(pid_t peer, session_snapshot* snapshot) {
 void measure_read(const read_work& work, const std::vector<pid_t>& peers) {
     std::vector<session_snapshot> snapshots(peers.size());
     const timed_pair times = measure_in_turns(
-        read_rounds, [&](int) { require(fake_platform::read(work.path).status == PLATFORM_OK, "the read fails"); },
+        read_rounds, [&](int) { require(fake_platform::read(work.path).status == PLATFORM_OK, "the read failed"); },
         [&](int) {
             for (const char* listing : work.listings) {
-                require(system(listing) == 0, "the processes are not listed");
+                require(system(listing) == 0, "cannot list the processes");
             }
             for (size_t i = 0; i < peers.size(); i++) {
                 exchange(peers[i], &snapshots[i]);
@@ -125,7 +125,7 @@ void measure_read(const read_work& work, const std::vector<pid_t>& peers) {
     print_row(work.name, times.own * 1000, times.floor * 1000, "ms", goal::at_most, 1.2);
 }
 
-/// Kilobytes of memory that the process has in use.
+/// The resident memory of the process in kilobytes.
 double resident_memory() {
     std::ifstream file("/proc/self/statm");
     long pages = 0;
@@ -140,8 +140,8 @@ void measure_memory() {
         fake_platform::read(reads[static_cast<size_t>(round) % std::size(reads)].path);
     }
     const double kept = static_cast<double>(mallinfo2().uordblks) - static_cast<double>(allocated);
-    print_row("  memory kept allocated after 50 more such reads", kept, 0, "bytes", goal::at_most, 0);
-    print_row("  growth of the resident memory", resident_memory() - resident, 0, "kB", goal::at_most, 256);
+    print_row("  memory still allocated after 50 more reads", kept, 0, "bytes", goal::at_most, 0);
+    print_row("  growth of resident memory", resident_memory() - resident, 0, "kB", goal::at_most, 256);
 }
 
 }  // namespace
@@ -154,7 +154,7 @@ int main(int, char** arguments) {
             "the providers cannot be registered");
     const std::vector<pid_t> peers = start_peers(arguments[0]);
     const auto answered = fake_platform::read("/oper/crypto-ssh/gl/sshddata/brief").records.size();
-    require(answered == session_count, "not every session is read");
+    require(answered == session_count, "not all sessions were read");
     for (const read_work& work : reads) {
         measure_read(work, peers);
     }
