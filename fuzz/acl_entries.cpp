@@ -1,8 +1,9 @@
-/// Access-list entries: an entry of any bytes becomes one rule or none, whose text nothing but a rule can be; a line or a
-/// JSON object that is taken is shown as one that means the same entry; and no stored bytes, however wrong, do harm.
+/// Access-list entries. An entry of any bytes becomes one rule or none, and its text cannot be anything but a rule. An
+/// accepted line or JSON object is displayed in a form that means the same entry. Stored bytes do no harm, however
+/// malformed.
 ///
-/// Input: '4' or '6', the family; then one byte that tells what the rest is: 'n' the bytes of a native entry, 'l' a line,
-/// 'j' JSON, else a stored entry behind the mark of its type.
+/// Input: '4' or '6' for the family; then a byte for the form of the rest: 'n' the bytes of a native entry, 'l' a line,
+/// 'j' JSON, otherwise a stored entry after its type header.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -25,9 +26,9 @@ void require(bool holds) {
 }
 
 constexpr size_t mark_size = sizeof(uint32_t);
-constexpr uint32_t first_sequence = 10;  ///< of a line that names none
+constexpr uint32_t first_sequence = 10;  ///< of a line without a sequence number
 
-/// Nothing of a rule needs to be quoted, ends a statement or begins a block of its own: sets are within one match.
+/// No part of a rule needs quoting, ends a statement or opens a block; sets appear only inside a match.
 void require_one_rule(const std::string& rule) {
     constexpr const char* allowed = "abcdefghijklmnopqrstuvwxyz0123456789 \t.:/&|=!<>(){},-_";
     require(!rule.empty() && rule.back() == '\n');
@@ -79,7 +80,7 @@ void check_native(const family_row& row, const void* entry) {
 void check_native_bytes(const family_row& row, const std::string& bytes) {
     alignas(void*) unsigned char entry[ACL_ENTRY_AREA] = {};
     memcpy(entry, bytes.data(), std::min(bytes.size(), row.size));
-    // What the counter is called does not matter.
+    // The counter's name is irrelevant.
     char counter[] = "x; drop\n";
     char* name = entry[row.counter_at] % 2 == 0 ? nullptr : counter;
     memcpy(entry + row.counter_at, &name, sizeof name);
@@ -90,7 +91,7 @@ bool is_same(const acl_stored_entry& one, const acl_stored_entry& other) {
     return one.sequence == other.sequence && one.record == other.record;
 }
 
-/// The line of an entry that was taken means this entry.
+/// The displayed line of an accepted entry parses to the same entry.
 void check_line_of(const family_row& row, const acl_stored_entry& entry) {
     acl_rule rule;
     require(acl_decode_rule(row.family, entry, rule) == PLATFORM_OK);
@@ -160,7 +161,7 @@ void check_json(const family_row& row, const std::string& text) {
     check_stored(row, entry);
 }
 
-/// What every stored entry of the family begins with.
+/// The bytes that every stored entry of the family starts with.
 std::string mark_of(const family_row& row) {
     acl_stored_entry entry;
     require(acl_encode_rule(row.family, {}, entry) == PLATFORM_OK);

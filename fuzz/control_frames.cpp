@@ -1,8 +1,7 @@
-/// What arrives on the control socket: frames come out the same in whatever pieces they arrive, JSON that is taken can be
-/// written and read again, and a value that the schema takes comes back in the same notation; whatever is refused gets a
-/// text in one line.
+/// Data on the control socket. Frames are the same however the stream is split; accepted JSON can be written and read
+/// back; a value accepted by the schema is shown in the same notation. Every refusal has a one-line text.
 ///
-/// Input: one byte, the size of the pieces, then a stream of frames.
+/// Input: one byte for the size of the pieces, then a stream of frames.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -15,7 +14,7 @@
 
 namespace {
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();
@@ -26,7 +25,7 @@ void require_one_clean_line(const std::string& text) {
     require(!text.empty() && text_has_charset(text, schema_charset::printable));
 }
 
-/// All whole documents of a stream that arrives in pieces of this size, up to the first frame that is too large.
+/// All complete documents of a stream that arrives in pieces of this size, up to the first oversized frame.
 std::vector<std::string> documents_of(std::string_view stream, size_t piece) {
     std::vector<std::string> documents;
     control_frame_reader reader;
@@ -45,7 +44,7 @@ std::vector<std::string> documents_of(std::string_view stream, size_t piece) {
     return documents;
 }
 
-/// A value that is stored is shown in a notation that stores it again.
+/// A stored value is displayed in a notation that stores the same value.
 void check_value(const schema_row& row, const std::string& path, const std::optional<datastore_value>& value,
                  std::string refusal) {
     datastore_stored stored;

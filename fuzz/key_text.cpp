@@ -1,8 +1,8 @@
-/// Users' public keys: whatever text is taken is written and read again as the same key, in DER form too; whatever is not,
-/// leaves the output alone and has a reason; and no stored bytes, however wrong, do harm.
+/// Users' public keys. Any accepted text is written and read back as the same key, also in DER form. A refused text
+/// leaves the output unchanged and has a reason. Stored bytes do no harm, however malformed.
 ///
-/// Input: one byte that tells what the rest is: 'r' a stored record, 'd' a DER form, 'b' what the base64 text of a key
-/// stands for, else a key's text.
+/// Input: one byte for the form of the rest: 'r' a stored record, 'd' a DER form, 'b' a key's binary data before base64
+/// encoding, otherwise a key's text.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();

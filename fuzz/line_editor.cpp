@@ -1,5 +1,6 @@
-/// The line editors on any file, keyword and line. Input: a byte of options, the keyword and the value, each ended by a
-/// NUL, and the file's content.
+/// The line editors with any file, keyword and line.
+///
+/// Input: a byte of options, the NUL-terminated keyword and value, and the file's content.
 #include "config_files/line_editor.h"
 
 #include <sched.h>
@@ -27,7 +28,7 @@ void require(bool holds) {
     }
 }
 
-/// The agent's folder on a file system of its own, which is gone with the process.
+/// Mounts a private file system on the agent's folder, which disappears with the process.
 bool enter_scratch_folder() {
     require(unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0);
     require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
@@ -70,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::ofstream(edited_file, std::ios::binary) << rest;
     uint32_t change = 0;
     if (edit(multiple, add, keyword, line, &change) != 0) {
-        // Refused, a line break in the line for instance: the file is the old one.
+        // Refused, for instance because of a line break in the line: the file is unchanged.
         require(content() == rest && change == 0);
         return 0;
     }
@@ -78,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(change <= 1 && (change == 1 || multiple || edited == rest));
     if (add && !multiple) {
         require(('\n' + edited).find('\n' + line) != std::string::npos);
-        // What is there already is no change.
+        // An existing line is not a change.
         change = 0;
         require(edit(multiple, add, keyword, line, &change) == 0 && change == 0 && content() == edited);
     }

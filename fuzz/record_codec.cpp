@@ -1,7 +1,8 @@
-/// The record codec: a schema is taken or refused whatever stands in it; by one that is taken an empty record is encoded and
-/// decoded; other bytes are refused, or are a record that is encoded to these bytes again; and nothing else is touched.
+/// The record codec. A schema is accepted or refused, whatever it contains; with an accepted one an empty record is
+/// encoded and decoded; other bytes are refused or are a record that is encoded to the same bytes. No other memory is
+/// touched.
 ///
-/// Input: a full schema up to the first NUL, then the fields of a record as they are encoded.
+/// Input: a full schema up to the first NUL, then the encoded fields of a record.
 #include "platform/record_codec.h"
 
 #include <cstdint>
@@ -39,7 +40,7 @@ platform_status register_descriptor(const record_descriptor& descriptor) {
     return record_registration_end(transaction);
 }
 
-/// Empty when the record cannot be encoded.
+/// Returns an empty result if the record cannot be encoded.
 std::string encode(const record_descriptor& descriptor, const void* record) {
     void* bytes = nullptr;
     size_t size = 0;
@@ -49,7 +50,7 @@ std::string encode(const record_descriptor& descriptor, const void* record) {
     return {static_cast<const char*>(bytes), size};
 }
 
-/// Memory of exactly a record's size, so that a sanitizer sees whoever goes beyond it.
+/// Memory of exactly a record's size, so that a sanitizer detects any access beyond it.
 std::unique_ptr<void, release_memory> empty_record(size_t size) {
     std::unique_ptr<void, release_memory> record(calloc(1, size));
     require(record != nullptr);
@@ -62,7 +63,7 @@ void check_json(const record_descriptor& descriptor, const std::string& bytes, b
     require(json.is_null() != is_record);
 }
 
-/// Whether the bytes are a record.
+/// Whether the bytes decode to a record.
 bool check_bytes(const record_descriptor& descriptor, const record_schema& schema, const std::string& bytes) {
     const size_t size = schema.record().size;
     const auto record = empty_record(size);
@@ -92,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const platform_status status = register_descriptor(descriptor);
     require(status == (schema ? platform_status{PLATFORM_OK} : platform_status{RECORD_MALFORMED}));
     const std::string empty = schema ? encode(descriptor, empty_record(schema->record().size).get()) : "";
-    // Structures may be within each other too deeply.
+    // The nesting of structures may be too deep.
     if (!empty.empty()) {
         require(check_bytes(descriptor, *schema, empty));
         const std::string given = empty.substr(0, hash_size) + (end == std::string::npos ? "" : input.substr(end + 1));

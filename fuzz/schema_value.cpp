@@ -1,10 +1,10 @@
-/// The schema: whatever it takes can be read back and is taken again to the same bytes, holds nothing that is not UTF-8
-/// and no control character, but for a banner's newlines and tabs; whatever it refuses gets a text in one line; and no
-/// stored bytes, however wrong, do harm.
+/// The schema. Any accepted value can be read back and is stored as the same bytes again, is UTF-8 and contains no
+/// control characters except a banner's newlines and tabs. Every refusal has a one-line text. Stored bytes do no harm,
+/// however malformed.
 ///
-/// Input: a path up to the first newline, then one byte that tells what the rest is: 'b' stored bytes (the next byte is
-/// their kind), '[' an array of values, else a value. A value: 'i' and eight bytes, 'd' and eight bytes, 't' or 'f', 'n'
-/// for an absent field, or 's', two bytes of length and a text.
+/// Input: a path up to the first newline, then one byte for the form of the rest: 'b' stored bytes (the next byte is
+/// their kind), '[' an array of values, otherwise a value. A value is 'i' and eight bytes, 'd' and eight bytes, 't' or
+/// 'f', 'n' for an absent field, or 's', two bytes of length and a text.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -16,7 +16,7 @@
 
 namespace {
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();

@@ -1,7 +1,7 @@
-/// What arrives as a report about a session: whatever its lines say, what is learnt stays within its fields and gives an
-/// answer whose texts end; what the log shows of a line is a part of it.
+/// Reports about a session. Whatever the lines say, the facts stay within their fields and give an answer whose texts
+/// are terminated; what the log shows of a line is part of it.
 ///
-/// Input: one byte of switches, then lines; each is a report of the same session.
+/// Input: one byte of switches, then lines, each a report of the same session.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -17,7 +17,7 @@ namespace {
 
 using namespace openssh;
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();
@@ -69,7 +69,7 @@ void take_line(session_facts& facts, log_filter& filter, std::string_view writte
     const session_facts before = facts;
     const bool from_monitor = (switches & 2U) != 0;
     learn_from_line(facts, line, {.from_monitor = from_monitor, .now = now, .bytes = {}, .own_terminal = 3});
-    // Only the monitor lets somebody in, and never at a stranger's word.
+    // Only the monitor authenticates a user, and never in a line of the unprivileged process.
     require(facts.state == before.state || (from_monitor && !line.before_authentication));
     require(std::strcmp(facts.method, before.method) == 0 || (from_monitor && !line.before_authentication));
 }

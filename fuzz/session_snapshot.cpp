@@ -1,8 +1,10 @@
-/// Session reads, whatever the process listing holds and the processes answer: all nine handlers end with a status that a
-/// reader knows, their records decode, sessions are in order, texts end within their fields and no socket is left open.
+/// Session reads, whatever the process listing contains and the processes answer: all nine handlers return a status
+/// that readers know, their records decode, sessions are sorted, texts are terminated within their fields, and no
+/// socket stays open.
 ///
-/// Input: the listing of process ids, up to a NUL; then one answer for each query, two bytes of length and the bytes. A
-/// length of 65535 is a process that keeps silent, 65534 one that hangs up; behind the last answer everybody hangs up.
+/// Input: the listing of process ids, up to a NUL; then one answer per query: two bytes of length and the bytes. A
+/// length of 65535 is a process that does not answer, 65534 one that closes the connection; after the last answer every
+/// process closes it.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -31,7 +33,7 @@ struct peers {
     size_t next = 0;
 } peers;
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();
@@ -40,7 +42,8 @@ void require(bool holds) {
 
 }  // namespace
 
-// The linker leads the agent's calls here (--wrap): no process is listed, no file written and nobody connected to.
+// The linker redirects the agent's calls here (--wrap): no process is listed, no file is written and no connection is
+// made.
 extern "C" {
 int __wrap_system(const char*) {
     peers.next = 0;
@@ -169,7 +172,7 @@ platform_status run_handler(datastore_read_request* request, const char*, void* 
     return (*static_cast<const handler*>(context))(request);
 }
 
-/// The number that the next descriptor would have.
+/// The number that the next descriptor will have.
 int next_descriptor() {
     const int descriptor = dup(STDERR_FILENO);
     close(descriptor);

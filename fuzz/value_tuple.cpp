@@ -1,6 +1,6 @@
-/// Value tuples: whatever is accepted is packed again to the same bytes.
+/// Value tuples: any accepted value is packed to the same bytes again.
 ///
-/// Input: one byte that tells how many fields (modulo 33), for each field a byte that tells its form (modulo 3), and the
+/// Input: one byte for the number of fields (modulo 33), for each field a byte for its format (modulo 3), and the
 /// packed value.
 #include "platform/value_tuple.h"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-/// Ends the program, which is how a fuzz target fails.
+/// Ends the program, which is how a fuzz target reports a failure.
 void require(bool holds) {
     if (!holds) {
         abort();

@@ -1,5 +1,5 @@
-/// Replays the files of the folders given through a fuzz target. Ends with 1 when there was nothing to replay; a failure
-/// ends the program where it happens, with the file's name as the last line written.
+/// Replays the files in the given folders through a fuzz target. Exits with 1 if there are none; a failure ends the
+/// program at once, and the last line printed is the file's name.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
