@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include "openssh/sessions/fact_rows.h"
 #include "openssh/reporter/log_filter.h"
+#include "openssh/sessions/fact_rows.h"
 #include "openssh/sessions/snapshot.h"
 
 namespace {
