@@ -64,7 +64,7 @@ def test_a_list_lets_in_whom_it_permits_and_nobody_else(mgmt, port):
     set_list("ipv6", "ops6", f"deny ipv6 host {ALLOWED6} any", "permit tcp any any")
     for table, family in zip(TABLES[port], ("ip", "ip6")):
         wait_for_rules(mgmt, table, family, "accept")
-    router.wait_until(lambda: who_gets_in(port) == {DENIED, DENIED6}, what="the lists are turned round")
+    router.wait_until(lambda: who_gets_in(port) == {DENIED, DENIED6}, what="the swapped lists")
 
 
 def test_a_service_without_a_list_is_open(mgmt):
@@ -352,7 +352,7 @@ def test_a_load_that_fails_is_in_the_log_and_changes_nothing(mgmt, journal):
     [
         ("ipv4", ["permit tcp any any", "permit tcp any eq 99999 any"], ["line 2", '"99999"', "65535"]),
         ("ipv4", ["10 permit tcp 10.0.0.0/33 any"], ["line 1", '"10.0.0.0/33"', "32"]),
-        ("ipv4", ["10 permit tcp any any range 30 20"], ["line 1", "range 30 20", "turned round"]),
+        ("ipv4", ["10 permit tcp any any range 30 20"], ["line 1", "range 30 20", "range is reversed"]),
         ("ipv4", ["10 permit tcp any any equals 22"], ["line 1", '"equals"']),
         ("ipv4", ["10 allow tcp any any"], ["line 1", '"allow"', "permit or deny"]),
         ("ipv4", ["10 permit tcp 2001:db8::1 any"], ["line 1", '"2001:db8::1"', "source"]),

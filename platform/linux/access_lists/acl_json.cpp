@@ -71,7 +71,7 @@ class entry_writer {
         for (const auto& [name, value] : object.items()) {
             const record_field* field = find(name);
             if (field == nullptr) {
-                error_ = '"' + control_printable(name, shown_value) + "\": an entry has no such field";
+                error_ = '"' + control_printable(name, shown_value) + "\": unknown field";
                 return false;
             }
             if (!write_field(*field, value, base_ + field->offset)) {
@@ -137,7 +137,7 @@ class entry_writer {
     bool write_text(const record_field& field, const control_json& value, unsigned char* at) {
         const auto* text = value.get_ptr<const std::string*>();
         if (text == nullptr || (!text->empty() && !acl_name_is_valid(*text))) {
-            return fail(field, value, "a name of at most 64 letters, digits, '_', '-' and '.', or an empty text");
+            return fail(field, value, "a name of at most 64 letters, digits, '_', '-' and '.', or an empty string");
         }
         if (!text->empty()) {
             texts.reserve(8);
@@ -175,7 +175,7 @@ class entry_writer {
             case record_field_kind::text:
                 return write_text(field, value, at);
             default:
-                return fail(field, value, "nothing: the field cannot be set");
+                return fail(field, value, "no value: the field cannot be set");
         }
     }
 
@@ -184,7 +184,7 @@ class entry_writer {
     std::string& error_;
 };
 
-/// What a condition's field is called in each family, for complaints about a range that is turned round.
+/// What a condition's fields are called in each family, for messages about a reversed range.
 struct range_row {
     const char* operation;
     const char* first;
@@ -218,8 +218,7 @@ bool check_ranges(const control_json& object, std::string& error) {
             continue;
         }
         if (second == object.end() || first->get<uint32_t>() > second->get<uint32_t>()) {
-            error = std::string(row.first) + ", " + row.second +
-                    ": the range is turned round; expected the lower number first";
+            error = std::string(row.first) + ", " + row.second + ": range is reversed; expected the lower number first";
             return false;
         }
     }

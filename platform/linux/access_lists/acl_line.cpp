@@ -165,7 +165,7 @@ class line_parser {
             return true;
         }
         if (rule_.any_protocol || (rule_.protocol != 6 && rule_.protocol != 17)) {
-            return fail(quoted(word()) + ": a port goes with tcp or udp only");
+            return fail(quoted(word()) + ": a port requires protocol tcp or udp");
         }
         return parse_condition(ports, port_max, "port", port);
     }
@@ -187,7 +187,7 @@ class line_parser {
         }
         next_++;
         if (host && slash != std::string_view::npos) {
-            return fail(quoted(text) + ": a host has no length");
+            return fail(quoted(text) + ": a host address takes no prefix length");
         }
         if (slash != std::string_view::npos) {
             if (!parse_length(text, slash, address)) {
@@ -253,7 +253,7 @@ class line_parser {
         }
         if (condition.first > condition.second) {
             return fail("range " + std::to_string(condition.first) + ' ' + std::to_string(condition.second) +
-                        ": the range is turned round; expected the lower " + what + " first");
+                        ": range is reversed; expected the lower " + what + " first");
         }
         return true;
     }
@@ -267,7 +267,7 @@ class line_parser {
         return true;
     }
 
-    /// Of an option that stands twice one would not count, without a word.
+    /// With a duplicate option, one of the two would silently be ignored.
     bool is_new_option() {
         const std::string_view name = next_is("established") ? "tcp-flags" : word();
         if (std::find(seen_options_.begin(), seen_options_.end(), name) != seen_options_.end()) {
@@ -279,7 +279,7 @@ class line_parser {
 
     bool parse_option() {
         if (!is_new_option()) {
-            return fail(quoted(word()) + ": stands twice; expected each option once");
+            return fail(quoted(word()) + ": duplicate option; expected each option once");
         }
         if (take("log")) {
             rule_.log = true;
@@ -307,7 +307,8 @@ class line_parser {
     }
 
     bool check_tcp(const char* option) {
-        return !rule_.any_protocol && rule_.protocol == 6 ? true : fail(std::string(option) + ": goes with tcp only");
+        return !rule_.any_protocol && rule_.protocol == 6 ? true
+                                                          : fail(std::string(option) + ": requires protocol tcp");
     }
 
     bool parse_counter() {
@@ -327,7 +328,7 @@ class line_parser {
                 return fail(quoted(word()) + ": expected + or - and fin, syn, rst, psh, ack or urg");
             }
             if ((rule_.tcp_flags_mask & flag->number) != 0) {
-                return fail(quoted(word()) + ": stands twice; expected each flag once");
+                return fail(quoted(word()) + ": duplicate flag; expected each flag once");
             }
             rule_.tcp_flags_mask |= static_cast<uint8_t>(flag->number);
             rule_.tcp_flags |= static_cast<uint8_t>(word()[0] == '+' ? flag->number : 0);
@@ -444,7 +445,7 @@ bool acl_number_rules(std::vector<acl_rule>& rules, std::string& error) {
     const auto twice = std::adjacent_find(
         rules.begin(), rules.end(), [](const acl_rule& a, const acl_rule& b) { return a.sequence == b.sequence; });
     if (twice != rules.end()) {
-        error = "sequence " + std::to_string(twice->sequence) + " stands twice";
+        error = "duplicate sequence number " + std::to_string(twice->sequence);
         return false;
     }
     return true;

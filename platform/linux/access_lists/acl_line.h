@@ -24,7 +24,7 @@ bool acl_parse_line(uint32_t family, std::string_view line, acl_rule& rule, std:
 /// A rule as a line of this notation, without a newline.
 std::string acl_format_line(uint32_t family, const acl_rule& rule);
 
-/// Gives rules without a sequence the next ten and puts all in order. Says in `error` which number stands twice.
+/// Gives rules without a sequence the next ten and puts all in order. Names a duplicate number in `error`.
 bool acl_number_rules(std::vector<acl_rule>& rules, std::string& error);
 
 #endif

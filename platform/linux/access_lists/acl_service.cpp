@@ -96,8 +96,7 @@ void deliver(const pending_notice& pending) {
     for (const acl_change_callback callback : callbacks_of(pending)) {
         const datastore_handler_scope scope;
         if (callback(&notice) != 0) {
-            platform_log(LOG_ERR, "A change of the access list %s could not be carried out everywhere",
-                         notice.acl_name);
+            platform_log(LOG_ERR, "A change of access list %s was not applied everywhere", notice.acl_name);
         }
     }
 }
@@ -119,7 +118,7 @@ void wake_up() {
     }
     if (service().deferred == nullptr &&
         sd_event_add_defer(event_manager_sd_event(manager), &service().deferred, deliver_pending, nullptr) < 0) {
-        platform_log(LOG_ERR, "Changes of access lists cannot be told to their users");
+        platform_log(LOG_ERR, "Cannot report access-list changes to the services that use the lists");
         return;
     }
     sd_event_source_set_enabled(service().deferred, SD_EVENT_ONESHOT);

@@ -105,7 +105,7 @@ TEST_F(acl_json_test, names_the_wrong_field_and_what_would_be_right) {
         {ACL_FAMILY_IPV4, "[]", "expected an object with at least the field Grant"},
         {ACL_FAMILY_IPV4, R"({"Protocol":6})", "at least the field Grant"},
         {ACL_FAMILY_IPV6, R"({"Grant":"permit"})", "at least the field IsPacketAllowOrDeny"},
-        {ACL_FAMILY_IPV4, R"({"Grant":"permit","Colour":1})", "\"Colour\": an entry has no such field"},
+        {ACL_FAMILY_IPV4, R"({"Grant":"permit","Colour":1})", "\"Colour\": unknown field"},
         {ACL_FAMILY_IPV4, R"({"Grant":"allow"})", "Grant: \"allow\"; expected one of deny, permit, or its number"},
         {ACL_FAMILY_IPV4, R"({"Grant":2})", "Grant: 2; expected one of"},
         {ACL_FAMILY_IPV4, R"({"Grant":1,"SourceOperator":"about"})",
@@ -124,10 +124,10 @@ TEST_F(acl_json_test, names_the_wrong_field_and_what_would_be_right) {
         {ACL_FAMILY_IPV4, R"({"Grant":1,"DSCPPresent":2})", "DSCPPresent: 2; expected true or false"},
         {ACL_FAMILY_IPV4, R"({"Grant":1,"CounterName":"a b"})", "CounterName: \"a b\"; expected a name"},
         {ACL_FAMILY_IPV4, R"({"Grant":1,"SourceOperator":"range","SourcePort1":9,"SourcePort2":3})",
-         "SourcePort1, SourcePort2: the range is turned round"},
-        {ACL_FAMILY_IPV4, R"({"Grant":1,"TTLOperator":5,"TTL1":9})", "TTL1, TTL2: the range is turned round"},
+         "SourcePort1, SourcePort2: range is reversed"},
+        {ACL_FAMILY_IPV4, R"({"Grant":1,"TTLOperator":5,"TTL1":9})", "TTL1, TTL2: range is reversed"},
         {ACL_FAMILY_IPV6, R"({"IsPacketAllowOrDeny":1,"IsSourceOperator":5,"IsSourcePort1":2,"IsSourcePort2":1})",
-         "turned round"},
+         "range is reversed"},
     };
     for (const wrong_entry& row : entries) {
         EXPECT_THAT(refusal(row.family, row.text), HasSubstr(row.named)) << row.text;

@@ -122,13 +122,13 @@ TEST(acl_line_test, names_the_wrong_word_and_what_would_be_right) {
         {ACL_FAMILY_IPV4, "permit tcp 10.0.0.0/33 any", "\"10.0.0.0/33\": expected a prefix length from 0 to 32"},
         {ACL_FAMILY_IPV4, "permit tcp 10.0.0.0/ any", "\"10.0.0.0/\": expected a prefix length"},
         {ACL_FAMILY_IPV6, "permit tcp 2001:db8::/129 any", "from 0 to 128"},
-        {ACL_FAMILY_IPV4, "permit tcp host 10.0.0.0/8 any", "\"10.0.0.0/8\": a host has no length"},
+        {ACL_FAMILY_IPV4, "permit tcp host 10.0.0.0/8 any", "\"10.0.0.0/8\": a host address takes no prefix length"},
         {ACL_FAMILY_IPV4, "permit tcp any eq 65536 any", "\"65536\": expected a port, a number from 0 to 65535"},
         {ACL_FAMILY_IPV4, "permit tcp any eq -1 any", "\"-1\": expected a port"},
-        {ACL_FAMILY_IPV4, "permit tcp any range 30 20 any", "range 30 20: the range is turned round"},
+        {ACL_FAMILY_IPV4, "permit tcp any range 30 20 any", "range 30 20: range is reversed"},
         {ACL_FAMILY_IPV4, "permit tcp any range 30 any", "\"any\": expected a port"},
-        {ACL_FAMILY_IPV4, "permit icmp any any eq 22", "\"eq\": a port goes with tcp or udp only"},
-        {ACL_FAMILY_IPV4, "permit ip any any established", "established: goes with tcp only"},
+        {ACL_FAMILY_IPV4, "permit icmp any any eq 22", "\"eq\": a port requires protocol tcp or udp"},
+        {ACL_FAMILY_IPV4, "permit ip any any established", "established: requires protocol tcp"},
         {ACL_FAMILY_IPV4, "permit tcp any any equals 22", "\"equals\": expected log, counter"},
         {ACL_FAMILY_IPV6, "permit tcp any any fragment-offset 1", "\"fragment-offset\": expected log, counter"},
         {ACL_FAMILY_IPV4, "permit tcp any any dscp 64", "\"64\": expected a dscp, a number from 0 to 63"},
@@ -136,11 +136,12 @@ TEST(acl_line_test, names_the_wrong_word_and_what_would_be_right) {
         {ACL_FAMILY_IPV4, "permit tcp any any fragment-offset 8192", "from 0 to 8191"},
         {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags", "tcp-flags: expected at least one"},
         {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +sin", "\"+sin\": expected + or -"},
-        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn -syn", "\"-syn\": stands twice; expected each flag once"},
-        {ACL_FAMILY_IPV4, "permit tcp any any log ttl 5 log", "\"log\": stands twice; expected each option once"},
-        {ACL_FAMILY_IPV4, "permit tcp any any ttl range 5 64 ttl 7", "\"ttl\": stands twice"},
-        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn established", "\"established\": stands twice"},
-        {ACL_FAMILY_IPV6, "permit tcp any any counter a counter b", "\"counter\": stands twice"},
+        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn -syn",
+         "\"-syn\": duplicate flag; expected each flag once"},
+        {ACL_FAMILY_IPV4, "permit tcp any any log ttl 5 log", "\"log\": duplicate option; expected each option once"},
+        {ACL_FAMILY_IPV4, "permit tcp any any ttl range 5 64 ttl 7", "\"ttl\": duplicate option"},
+        {ACL_FAMILY_IPV4, "permit tcp any any tcp-flags +syn established", "\"established\": duplicate option"},
+        {ACL_FAMILY_IPV6, "permit tcp any any counter a counter b", "\"counter\": duplicate option"},
         {ACL_FAMILY_IPV4, "permit tcp any any counter a/b", "counter \"a/b\": expected a name"},
         {ACL_FAMILY_IPV4, "permit tcp any any counter", "counter \"\": expected a name"},
     };
@@ -178,7 +179,7 @@ TEST(acl_line_test, a_number_that_stands_twice_is_named) {
     std::vector<acl_rule> rules = numbered({10, 20, 10});
     std::string error;
     EXPECT_FALSE(acl_number_rules(rules, error));
-    EXPECT_EQ(error, "sequence 10 stands twice");
+    EXPECT_EQ(error, "duplicate sequence number 10");
 }
 
 }  // namespace
