@@ -24,16 +24,16 @@ constexpr status_text own_texts[] = {
     {TUPLE_MALFORMED, "Malformed value tuple"},
     {RECORD_MALFORMED, "Malformed record or schema"},
     {RECORD_UNKNOWN, "Record type is not registered"},
-    {KEY_NOT_BASE64, "The key is no base64 text"},
-    {KEY_CUT_OFF, "The key ends in the middle"},
-    {KEY_TRAILING_BYTES, "Something follows behind the key's end"},
-    {KEY_OTHER_TYPE, "The key is of another type than ssh-rsa"},
-    {KEY_TYPES_DIFFER, "The key's text begins with ssh-rsa, but the key within is of another type"},
+    {KEY_NOT_BASE64, "The key is not valid base64"},
+    {KEY_CUT_OFF, "The key is truncated"},
+    {KEY_TRAILING_BYTES, "Extra bytes follow the end of the key"},
+    {KEY_OTHER_TYPE, "The key type is not ssh-rsa"},
+    {KEY_TYPES_DIFFER, "The key is labelled ssh-rsa but contains a key of another type"},
     {KEY_WRONG_EXPONENT, "The key's exponent is not an odd number from 3 to 2^64 - 1"},
     {KEY_WRONG_MODULUS, "The key's modulus is not an odd positive number"},
     {KEY_TOO_SMALL, "The key has fewer than 1024 bits"},
     {KEY_TOO_LARGE, "The key takes more than 1024 bytes in DER form"},
-    {KEY_OTHER_ORIGIN, "The user has a key of another origin"},
+    {KEY_OTHER_ORIGIN, "The user already has a key from another source"},
 };
 
 constexpr platform_status errno_highest = 4095;

@@ -63,7 +63,7 @@ class document_builder {
         const std::string* twice = duplicate_member(*open_containers.back());
         open_containers.pop_back();
         if (twice != nullptr) {
-            return refuse("the name \"" + control_printable(*twice, 200) + "\" stands twice in one object");
+            return refuse("duplicate name \"" + control_printable(*twice, 200) + "\" in one object");
         }
         return true;
     }
@@ -112,7 +112,8 @@ class document_builder {
 
     bool open(control_json::value_t type) {
         if (open_containers.size() == CONTROL_JSON_DEPTH_MAX) {
-            return refuse("arrays and objects are nested deeper than " + std::to_string(CONTROL_JSON_DEPTH_MAX));
+            return refuse("arrays and objects nested more than " + std::to_string(CONTROL_JSON_DEPTH_MAX) +
+                          " levels deep");
         }
         if (++values > CONTROL_JSON_VALUES_MAX) {
             return refuse("more than " + std::to_string(CONTROL_JSON_VALUES_MAX) + " values in one document");
@@ -222,7 +223,7 @@ std::string control_printable(std::string_view text, size_t length_max) {
 std::optional<control_json> control_json_parse(std::string_view text, std::string& error) {
     // The parser takes a NUL for the end of the document and would leave unread what stands behind it.
     if (text.find('\0') != std::string_view::npos) {
-        error = "not JSON: a NUL byte stands in it";
+        error = "not JSON: contains a NUL byte";
         return std::nullopt;
     }
     document_builder builder(error);

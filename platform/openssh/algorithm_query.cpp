@@ -26,7 +26,7 @@ std::string identity_of(const std::string& ssh, std::string& identity) {
     struct stat status;
     if (stat(ssh.c_str(), &status) != 0) {
         const int error = errno;
-        return format_text("cannot look at %s: %s", ssh.c_str(), std::strerror(error));
+        return format_text("cannot examine %s: %s", ssh.c_str(), std::strerror(error));
     }
     identity = format_text("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(ssh).c_str(),
                            static_cast<long long>(status.st_size), static_cast<unsigned long long>(status.st_ino),
@@ -50,7 +50,7 @@ std::string ask_ssh(const std::string& ssh, known_algorithms& known) {
         if (result.status != 0 || answer.names[kind].empty()) {
             const std::string failure =
                 result.failure.empty() ? format_text("exit status %d", result.status) : result.failure;
-            return format_text("%s -Q %s tells no algorithms: %s %s", ssh.c_str(), query_words[kind], failure.c_str(),
+            return format_text("%s -Q %s lists no algorithms: %s %s", ssh.c_str(), query_words[kind], failure.c_str(),
                                shown(trimmed(result.errors)).c_str());
         }
     }

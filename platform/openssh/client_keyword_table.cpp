@@ -20,17 +20,17 @@ constexpr keyword_row rows[] = {
     list("MACs", algorithm_kind::mac),
     list("KexAlgorithms", algorithm_kind::kex),
     list("HostKeyAlgorithms", algorithm_kind::key),
-    leave_out("Protocol", "stock ssh speaks version 2 alone"),
+    leave_out("Protocol", "stock ssh supports protocol version 2 only"),
     leave_out("WindowScaleQd", "stock ssh leaves the TCP window to the kernel"),
 
     // The agent appends its lines at the end of a file, where a block would swallow them.
     {.keyword = "Host",
      .how = treatment::end_of_settings,
-     .reason = "conditional blocks are not carried out, nor is anything behind their first line"},
+     .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
     {.keyword = "Match",
      .how = treatment::end_of_settings,
-     .reason = "conditional blocks are not carried out, nor is anything behind their first line"},
-    leave_out("Include", "other files are not read"),
+     .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
+    leave_out("Include", "other files are never read"),
 
     // Algorithm lists that the agent never writes but that FIPS mode has to hold.
     list("PubkeyAcceptedAlgorithms", algorithm_kind::key),

@@ -61,7 +61,7 @@ std::string prepare_client(const launcher_paths& paths, const std::string& state
                    .fips_mode = router_is_in_fips_mode(paths)});
     report_remarks(result, to);
     if (result.refused) {
-        return "the client's file cannot be used";
+        return "the client's file is unusable";
     }
     config = state_directory + "/ssh_config";
     return replace_file(config, result.text);

@@ -44,7 +44,7 @@ std::string translate_and_report(const launcher_paths& paths, const std::string&
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
-    return result.refused ? "the file cannot be used" : "";
+    return result.refused ? "the file is unusable" : "";
 }
 
 /// Lets sshd itself judge a file. What it says is reported, also when it takes the file.
@@ -53,9 +53,9 @@ std::string test_with_sshd(const launcher_paths& paths, const std::string& file,
     const bool taken = result.status == 0;
     report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
     if (!result.failure.empty()) {
-        return format_text("the test with %s -t %s", paths.sshd.c_str(), result.failure.c_str());
+        return format_text("%s -t %s", paths.sshd.c_str(), result.failure.c_str());
     }
-    return taken ? std::string() : format_text("sshd does not take the file (exit status %d)", result.status);
+    return taken ? std::string() : format_text("sshd rejects the file (exit status %d)", result.status);
 }
 
 /// Tests a translation and makes it the current one; keeps what sshd does not take aside.
@@ -70,7 +70,7 @@ std::string adopt(const launcher_paths& paths, const translation_files& files, c
         return move_file(files.candidate, files.current);
     }
     if (move_file(files.candidate, files.refused).empty()) {
-        error += format_text("; what it was given is kept as %s", files.refused.c_str());
+        error += format_text("; the rejected file is kept as %s", files.refused.c_str());
     }
     return error;
 }
@@ -82,19 +82,19 @@ launch_status fall_back(const launcher_paths& paths, const translation_files& fi
     std::string text;
     std::string error = read_file(files.current, text);
     if (!error.empty()) {
-        report(to, severity::error, "there is no last good file, the server is not started: " + error);
+        report(to, severity::error, "no last good file exists; the server is not started: " + error);
         return launch_no_good_file;
     }
     if (fips_mode && !was_made_in_fips_mode(text)) {
-        report(to, severity::error, "the last good file was made outside FIPS mode, the server is not started");
+        report(to, severity::error, "the last good file was made outside FIPS mode; the server is not started");
         return launch_no_good_file;
     }
     error = test_with_sshd(paths, files.current, to);
     if (!error.empty()) {
-        report(to, severity::error, "the last good file is no longer good, the server is not started: " + error);
+        report(to, severity::error, "the last good file is no longer valid; the server is not started: " + error);
         return launch_no_good_file;
     }
-    report(to, severity::error, "THE SERVER RUNS WITH THE LAST GOOD FILE, not with its present settings");
+    report(to, severity::error, "THE SERVER RUNS WITH THE LAST GOOD FILE, not with its current settings");
     return launch_ready;
 }
 
@@ -171,11 +171,11 @@ std::string session_hook_of(const launcher_paths& paths, const reporter& to) {
     for (const std::string* path : {&paths.session_hook, &paths.session_wrapper, &paths.session_starter}) {
         const bool can_be_run = path == &paths.session_hook || access(path->c_str(), X_OK) == 0;
         if (!can_be_run || !is_trusted_file(*path)) {
-            report(
-                to, severity::warning,
-                format_text("sessions run without their wrapper, a reload will not end them: %s is not there, or not "
-                            "this user's alone",
-                            path->c_str()));
+            report(to, severity::warning,
+                   format_text(
+                       "sessions run without their wrapper, so a reload will not end them: %s is missing, cannot be "
+                       "executed, or is writable by others",
+                       path->c_str()));
             return {};
         }
     }

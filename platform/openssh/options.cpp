@@ -23,13 +23,13 @@ std::optional<uint32_t> parse_vrf_id(std::string_view text) {
 
 std::string check_complete(const launch_options& options, bool has_vrf_id) {
     if (options.file.empty()) {
-        return "option -f with the server file is missing";
+        return "missing option -f FILE";
     }
     if (options.file[0] != '/') {
         return format_text("the server file \"%s\" is not an absolute path", shown(options.file).c_str());
     }
     if (!has_vrf_id && !options.print_only) {
-        return "option -v with the VRF's identifier is missing";
+        return "missing option -v ID";
     }
     return {};
 }
@@ -47,20 +47,20 @@ std::string parse_options(int count, char* const* arguments, launch_options& opt
         } else if (option == 'v') {
             const std::optional<uint32_t> id = parse_vrf_id(optarg);
             if (!id) {
-                return format_text("the VRF's identifier \"%s\" is not a number from 0 to 4294967295",
+                return format_text("the VRF identifier \"%s\" is not a number from 0 to 4294967295",
                                    shown(optarg).c_str());
             }
             options.vrf_id = *id;
             has_vrf_id = true;
         } else if (option == ':') {
-            return format_text("option -%c needs a value", optopt);
+            return format_text("option -%c requires a value", optopt);
         } else {
             const char letter = static_cast<char>(optopt);
-            return format_text("option -%s is not known", shown({&letter, 1}).c_str());
+            return format_text("unknown option -%s", shown({&letter, 1}).c_str());
         }
     }
     if (optind < count) {
-        return format_text("the argument \"%s\" is one too many", shown(arguments[optind]).c_str());
+        return format_text("unexpected argument \"%s\"", shown(arguments[optind]).c_str());
     }
     return check_complete(options, has_vrf_id);
 }

@@ -18,8 +18,8 @@ constexpr const char* usage_text =
     "       sshd -t -f FILE\n"
     "Starts the SSH server of one VRF with the settings of the agent's server file.\n"
     "  -f FILE  the server file, an absolute path\n"
-    "  -v ID    the VRF's identifier, a number\n"
-    "  -t       test: print what the server would be started with, and start nothing\n";
+    "  -v ID    the VRF identifier, a number\n"
+    "  -t       print the file the server would be started with, and start nothing\n";
 
 /// Reads the arguments (the program's name being the first). Returns an empty text, or what is wrong, `options` then being
 /// undefined.

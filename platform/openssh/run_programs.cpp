@@ -140,11 +140,11 @@ void finish(running_program& program) {
         ended = waitpid(program.pid, &status, 0);
     } while (ended < 0 && errno == EINTR);
     if (overdue) {
-        program.result.failure = "did not end in time and was killed";
+        program.result.failure = "timed out and was killed";
     } else if (ended < 0) {
         program.result.failure = format_text("cannot be waited for: %s", std::strerror(errno));
     } else if (WIFSIGNALED(status)) {
-        program.result.failure = format_text("was ended by signal %d", WTERMSIG(status));
+        program.result.failure = format_text("was killed by signal %d", WTERMSIG(status));
     } else {
         program.result.status = WEXITSTATUS(status);
     }

@@ -9,7 +9,7 @@ namespace openssh {
 
 namespace {
 
-constexpr const char* no_certificates = "stock sshd has no x509v3 certificates";
+constexpr const char* no_certificates = "stock sshd does not support x509v3 certificates";
 
 constexpr keyword_row rows[] = {
     // What the agent writes.
@@ -36,10 +36,10 @@ constexpr keyword_row rows[] = {
      .kind = algorithm_kind::key},
     {.keyword = "HostKey", .how = treatment::host_keys, .form = is_key_path, .repeats = repetition::by_value},
     {.keyword = "NorvoSSHFipsMode", .how = treatment::fips_mode},
-    leave_out("Protocol", "stock sshd speaks version 2 alone"),
+    leave_out("Protocol", "stock sshd supports protocol version 2 only"),
     leave_out("WindowScaleQd", "stock sshd leaves the TCP window to the kernel"),
     leave_out("RateLimitQd", "stock sshd does not limit connections per minute"),
-    leave_out("SessionLimitQd", "stock sshd limits unauthenticated connections alone, not sessions"),
+    leave_out("SessionLimitQd", "stock sshd limits unauthenticated connections, not sessions"),
     leave_out("HostTrustpointQd", no_certificates),
     leave_out("UserTrustpointQd", no_certificates),
     leave_out("UserTrustpointCntQd", no_certificates),
@@ -49,8 +49,8 @@ constexpr keyword_row rows[] = {
     // Match block would swallow them; and a line of a block must not become a setting for everybody.
     {.keyword = "Match",
      .how = treatment::end_of_settings,
-     .reason = "conditional blocks are not carried out, nor is anything behind their first line"},
-    leave_out("Include", "other files are not read"),
+     .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
+    leave_out("Include", "other files are never read"),
     leave_out("PidFile", "the service manager keeps track of the server"),
 
     // Algorithm lists that the agent never writes but that FIPS mode has to hold.

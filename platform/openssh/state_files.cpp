@@ -103,17 +103,17 @@ std::string ensure_directory(const std::string& path, mode_t mode) {
         }
     }
     if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
-        return failure("make the directory", path);
+        return failure("create the directory", path);
     }
     struct stat status;
     if (lstat(path.c_str(), &status) != 0) {
-        return failure("look at the directory", path);
+        return failure("examine the directory", path);
     }
     if (!S_ISDIR(status.st_mode)) {
         return format_text("%s is not a directory", shown(path).c_str());
     }
     if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return format_text("%s belongs to somebody else or can be written by others", shown(path).c_str());
+        return format_text("%s is owned by another user or writable by others", shown(path).c_str());
     }
     return {};
 }
@@ -149,7 +149,7 @@ std::string replace_file(const std::string& path, std::string_view text) {
 }
 
 std::string move_file(const std::string& from, const std::string& to) {
-    return rename(from.c_str(), to.c_str()) == 0 ? std::string() : failure("move a file to", to);
+    return rename(from.c_str(), to.c_str()) == 0 ? std::string() : failure("rename a file to", to);
 }
 
 bool is_readable_file(const std::string& path) {

@@ -112,8 +112,8 @@ std::string repetition_key(const keyword_row& row, std::string_view value) {
 bool write_line(translator& state, const keyword_row& row, std::string_view value, size_t line) {
     if (!state.written.insert(repetition_key(row, value)).second) {
         add_remark(state, severity::notice,
-                   format_text("line %zu: %s %s left out: an earlier line of the same setting stands", line,
-                               shown(row.keyword).c_str(), shown(value).c_str()));
+                   format_text("line %zu: %s %s ignored: an earlier line has set it", line, shown(row.keyword).c_str(),
+                               shown(value).c_str()));
         return false;
     }
     state.result.text.append(row.output_keyword()).append(" ").append(value).append("\n");
@@ -126,7 +126,7 @@ void pass_setting(translator& state, const keyword_row& row, const setting& foun
         return;
     }
     add_remark(state, severity::warning,
-               format_text("line %zu: %s left out: %s does not take the value \"%s\"", found.line,
+               format_text("line %zu: %s ignored: %s does not accept the value \"%s\"", found.line,
                            shown(row.keyword).c_str(), state.input.kind->program, shown(found.value).c_str()));
 }
 
@@ -156,16 +156,16 @@ void remark_names(translator& state, const setting& found, const std::vector<std
 
 list_cut cut_and_remark(translator& state, const keyword_row& row, const setting& found) {
     list_cut cut = cut_list(found.value, row.kind, *state.input.known, state.result.fips_mode);
-    remark_names(state, found, cut.unknown, "line %zu: %s: left out, not known to this OpenSSH: %s");
-    remark_names(state, found, cut.not_approved, "line %zu: %s: left out, not approved in FIPS mode: %s");
-    remark_names(state, found, cut.repeated, "line %zu: %s: left out, named before: %s");
+    remark_names(state, found, cut.unknown, "line %zu: %s: ignored, not supported by this OpenSSH: %s");
+    remark_names(state, found, cut.not_approved, "line %zu: %s: ignored, not approved in FIPS mode: %s");
+    remark_names(state, found, cut.repeated, "line %zu: %s: ignored, duplicate: %s");
     return cut;
 }
 
 void translate_list(translator& state, const keyword_row& row, const setting& found) {
     if (!is_algorithm_list(found.value)) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s left out: \"%s\" is not a list of names", found.line,
+                   format_text("line %zu: %s ignored: \"%s\" is not a list of names", found.line,
                                shown(row.keyword).c_str(), shown(found.value).c_str()));
         state.emptied.emplace(lower_case(row.output_keyword()), found.line);
         return;
@@ -188,18 +188,18 @@ void translate_additional_keys(translator& state, const keyword_row& row, const 
 
 void translate_host_keys(translator& state, const keyword_row& row, const setting& found) {
     if (found.value.empty()) {
-        add_remark(state, severity::warning, format_text("line %zu: HostKey left out: it names no file", found.line));
+        add_remark(state, severity::warning, format_text("line %zu: HostKey ignored: it names no file", found.line));
     }
     for (const std::string_view piece : split(found.value, ",")) {
         const std::string_view file = trimmed(piece);
         if (!row.form(file)) {
             add_remark(state, severity::warning,
-                       format_text("line %zu: HostKey left out: \"%s\" is not an absolute path", found.line,
+                       format_text("line %zu: HostKey ignored: \"%s\" is not an absolute path", found.line,
                                    shown(file).c_str()));
         } else if (!state.input.key_is_usable(std::string(file))) {
             add_remark(state, severity::notice,
-                       format_text("line %zu: HostKey %s left out: there is no such key file that can be read",
-                                   found.line, shown(file).c_str()));
+                       format_text("line %zu: HostKey %s ignored: no readable key file of that name", found.line,
+                                   shown(file).c_str()));
         } else {
             state.has_host_key = write_line(state, row, file, found.line) || state.has_host_key;
         }
@@ -208,19 +208,19 @@ void translate_host_keys(translator& state, const keyword_row& row, const settin
 
 void leave_out(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::notice,
-               format_text("line %zu: %s left out: %s", found.line, shown(row.keyword).c_str(), row.reason));
+               format_text("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
 }
 
 void end_settings(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::warning,
-               format_text("line %zu: %s left out: %s", found.line, shown(row.keyword).c_str(), row.reason));
+               format_text("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
     state.ended = true;
 }
 
 void remark_fips_mode(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::notice,
-               format_text("line %zu: %s is carried out by cutting the algorithm lists to the approved names",
-                           found.line, shown(row.keyword).c_str()));
+               format_text("line %zu: %s restricts the algorithm lists to the approved names", found.line,
+                           shown(row.keyword).c_str()));
 }
 
 using line_handler = void (*)(translator& state, const keyword_row& row, const setting& found);
@@ -254,18 +254,17 @@ void translate_line(translator& state, size_t number, std::string_view line) {
     }
     if (line.size() > longest_line) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s left out: the line is longer than %zu bytes", number,
+                   format_text("line %zu: %s ignored: the line is longer than %zu bytes", number,
                                shown(found.keyword).c_str(), longest_line));
     } else if (has_control_character(trimmed(line))) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s left out: the line holds a control character", number,
+                   format_text("line %zu: %s ignored: the line contains a control character", number,
                                shown(found.keyword).c_str()));
     } else if (const keyword_row* row = find_keyword_row(state.input.kind->rows, found.keyword)) {
         handler_of(row->how)(state, *row, found);
     } else {
-        add_remark(
-            state, severity::warning,
-            format_text("line %zu: %s left out: the keyword is not known", number, shown(found.keyword).c_str()));
+        add_remark(state, severity::warning,
+                   format_text("line %zu: %s ignored: unknown keyword", number, shown(found.keyword).c_str()));
     }
 }
 
@@ -286,7 +285,7 @@ void settle_list(translator& state, const keyword_row& row) {
         if (state.result.fips_mode) {
             const auto approved = fips_default_list(*state.input.known, row.kind);
             if (approved.empty()) {
-                refuse(state, format_text("%s: this OpenSSH knows no algorithm that is approved in FIPS mode",
+                refuse(state, format_text("%s: this OpenSSH supports no algorithm that is approved in FIPS mode",
                                           shown(row.output_keyword()).c_str()));
             } else {
                 write_line(state, row, joined(approved), 0);
@@ -295,12 +294,12 @@ void settle_list(translator& state, const keyword_row& row) {
         return;
     }
     if (state.result.fips_mode) {
-        refuse(state, format_text("line %zu: %s: nothing remains of the list in FIPS mode, the file is not used",
-                                  emptied->second, shown(row.output_keyword()).c_str()));
+        refuse(state, format_text("line %zu: %s: the list is empty in FIPS mode; the file is not used", emptied->second,
+                                  shown(row.output_keyword()).c_str()));
     } else {
         add_remark(state, severity::error,
-                   format_text("line %zu: %s: nothing remains of the list, %s's own default is in force",
-                               emptied->second, shown(row.output_keyword()).c_str(), state.input.kind->program));
+                   format_text("line %zu: %s: the list is empty; %s's own default is in force", emptied->second,
+                               shown(row.output_keyword()).c_str(), state.input.kind->program));
     }
     state.emptied.erase(emptied);
 }
@@ -339,11 +338,11 @@ void settle(translator& state) {
         add_user_keys_program(state);
     }
     if (state.input.kind->is_server && !state.has_host_key) {
-        refuse(state, "no host key is left, the file is not used");
+        refuse(state, "no usable host key; the file is not used");
     }
     if (state.remarks_not_kept != 0) {
         state.result.remarks.push_back(
-            {severity::warning, format_text("%zu more remarks of this kind are not shown", state.remarks_not_kept)});
+            {severity::warning, format_text("%zu more remarks are not shown", state.remarks_not_kept)});
     }
 }
 
@@ -363,8 +362,8 @@ bool asks_for_fips_mode(std::string_view text) {
 translation translate(const translation_input& input) {
     translator state{.input = input};
     state.result.fips_mode = input.fips_mode || asks_for_fips_mode(input.text);
-    state.result.text = format_text("# Made at each start of %s from %s, where changes belong.\n", input.kind->made_for,
-                                    shown(input.source_name).c_str());
+    state.result.text = format_text("# Generated at each start of %s from %s; make changes there.\n",
+                                    input.kind->made_for, shown(input.source_name).c_str());
     state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
     state.result.text.append(input.kind->first_lines);
     if (!input.verbose_places.empty()) {

@@ -306,7 +306,7 @@ def test_a_changed_value_of_the_switch_changes_no_file():
 def test_the_launcher_names_what_stock_sshd_has_not(server, journal):
     vrf = server("red")
     router.set_item("cmn/algorithms/host-key", [1] * 10)
-    journal.wait_for("HostKeyAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa", router.server_unit(vrf))
+    journal.wait_for("HostKeyAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa", router.server_unit(vrf))
 
 
 # --- The client

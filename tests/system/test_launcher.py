@@ -152,15 +152,15 @@ def test_files_are_copied_by_the_subsystem(server, tmp_path):
 
 def test_what_is_left_out_is_in_the_units_journal_beside_sshds_own_lines(server):
     assert server.start(SETTINGS)
-    (entry,) = server.said("RateLimitQd left out")
+    (entry,) = server.said("RateLimitQd ignored")
     assert entry["MESSAGE"].startswith(f"{SERVER_FILE}: line 11: ")
     assert entry["PRIORITY"] == "5"
     (listening,) = server.said("Server listening on 0.0.0.0 port 830")
     for field in ("SYSLOG_IDENTIFIER", "SYSLOG_FACILITY", "SYSLOG_PID", "_PID"):
         assert entry[field] == listening[field]
     assert entry["SYSLOG_IDENTIFIER"] == "norvosshd"
-    assert server.said("HostKey /pkg/dsa left out")
-    assert server.said("HostKeyAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa")
+    assert server.said("HostKey /pkg/dsa ignored")
+    assert server.said("HostKeyAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa")
 
 
 def test_a_reload_keeps_the_process_and_the_sessions_settings(server):
@@ -188,7 +188,7 @@ def test_what_sshd_refuses_costs_the_new_settings_and_not_the_server(server):
 def test_without_a_good_file_the_server_does_not_start(server):
     assert not server.start(SETTINGS.replace("HostKey ", "HostKey /none"))
     assert unit_property("ExecMainStatus") == "4"
-    assert server.said("no host key is left")
+    assert server.said("no usable host key")
 
 
 def test_an_unreadable_file_has_a_status_of_its_own(server):
@@ -237,8 +237,8 @@ def test_an_emptied_list_in_fips_mode_never_opens_the_server_to_more(server):
 @pytest.mark.parametrize(
     ("arguments", "complaint"),
     [
-        ((), "option -f with the server file is missing"),
-        (("-f", "/x", "-v", "1x"), 'the VRF\'s identifier "1x" is not a number from 0 to 4294967295'),
+        ((), "missing option -f FILE"),
+        (("-f", "/x", "-v", "1x"), 'the VRF identifier "1x" is not a number from 0 to 4294967295'),
         (("-f", "x", "-v", "1"), 'the server file "x" is not an absolute path'),
     ],
 )
@@ -253,5 +253,5 @@ def test_a_trial_prints_the_servers_file_and_starts_nothing(server):
     SERVER_FILE.write_text(SETTINGS, encoding="utf-8")
     result = run("/pkg/bin/sshd", "-t", "-f", str(SERVER_FILE))
     assert f"\nCiphers {CIPHERS}\n" in result.stdout
-    assert f"sshd: {SERVER_FILE}: line 11: RateLimitQd left out" in result.stderr
+    assert f"sshd: {SERVER_FILE}: line 11: RateLimitQd ignored" in result.stderr
     assert not TRANSLATION.exists()

@@ -474,7 +474,7 @@ def test_a_session_runs_without_its_wrapper_rather_than_not_at_all(red, journal)
         assert ssh(red, "echo in; exit 4", check=False).returncode == 4
         router.run("systemctl", "restart", router.server_unit(red))
         router.wait_for_server(red)
-        journal.wait_for(f"sessions run without their wrapper, a reload will not end them: {wrapper}")
+        journal.wait_for(f"sessions run without their wrapper, so a reload will not end them: {wrapper}")
         assert ssh(red, "echo in").stdout == "in\n"
     finally:
         aside.rename(wrapper)

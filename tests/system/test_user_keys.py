@@ -109,8 +109,8 @@ def test_keys_in_the_users_own_file_still_let_in(server):
 
 
 REFUSED_KEYS = {
-    "no base64": "ssh-rsa AAAA!!!!",
-    "ends in the middle": public_key()[: len(public_key()) // 2] if (KEYS / "id_rsa.pub").exists() else "",
+    "not valid base64": "ssh-rsa AAAA!!!!",
+    "truncated": public_key()[: len(public_key()) // 2] if (KEYS / "id_rsa.pub").exists() else "",
     "exponent 1": rsa_key(exponent=1),
     "even exponent": rsa_key(exponent=65536),
     "8,192 bits": rsa_key(modulus=(1 << 8192) - 1),

@@ -164,8 +164,8 @@ def test_ends_with_the_agent(watch):
     as_json.state()
     router.restart_agent()
     assert watcher.line() is None
-    assert watcher.end() == (3, "ssh_cfg_ctl: the agent went away\n")
-    assert as_json.line() == {"result": "unreachable", "message": "the agent went away"}
+    assert watcher.end() == (3, "ssh_cfg_ctl: the agent closed the connection\n")
+    assert as_json.line() == {"result": "unreachable", "message": "the agent closed the connection"}
     assert as_json.end()[0] == 3
 
 
@@ -193,7 +193,7 @@ def test_only_so_many_may_watch(watch):
     one_more = watch()
     assert one_more.line() is None
     status, errors = one_more.end()
-    assert (status, errors) == (1, "ssh_cfg_ctl: there are 16 watchers already; more are not served\n")
+    assert (status, errors) == (1, "ssh_cfg_ctl: too many watchers: the limit is 16\n")
     assert watchers[0].end()[0] == 0
     router.wait_until(lambda: watch().line(seconds=2.0) is not None, what="a place is free")
 

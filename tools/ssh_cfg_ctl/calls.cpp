@@ -26,7 +26,7 @@ ctl_request ask(control_json document) {
 
 // JSON carries text only: bytes that are none would reach the agent as something else.
 ctl_request not_text(const std::string& argument) {
-    return fail(control_result::refused, "\"" + control_printable(argument, 80) + "\" is not UTF-8 text");
+    return fail(control_result::refused, "\"" + control_printable(argument, 80) + "\" is not valid UTF-8");
 }
 
 const std::string* find_no_text(const argument_list& arguments) {
@@ -87,10 +87,8 @@ ctl_request load_request(const argument_list& arguments) {
         return {{}, problem};
     }
     if (!items->is_object()) {
-        return fail(
-            control_result::refused,
-            *file +
-                ": the file must hold one JSON object, each name a path and each value the item's (null to delete it)");
+        return fail(control_result::refused,
+                    *file + ": expected one JSON object that maps paths to values (null deletes an item)");
     }
     control_json request = {{"call", "load"}, {"check", check}};
     request["items"] = std::move(*items);
@@ -145,7 +143,7 @@ ctl_request acl_set_request(const argument_list& arguments) {
         }
         request["entries"] = std::move(*entries);
     } else if (!control_is_utf8(*text)) {
-        return fail(control_result::refused, arguments[3] + ": the file is not UTF-8 text");
+        return fail(control_result::refused, arguments[3] + ": not valid UTF-8");
     } else {
         request["lines"] = lines_of(*text);
     }
@@ -176,7 +174,7 @@ ctl_request key_import_request(const argument_list& arguments) {
         return {{}, problem};
     }
     if (!control_is_utf8(*text)) {
-        return fail(control_result::refused, arguments[2] + ": the file is not UTF-8 text");
+        return fail(control_result::refused, arguments[2] + ": not valid UTF-8");
     }
     return ask({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
 }
@@ -208,8 +206,8 @@ ctl_request reload_request(const argument_list& arguments) {
     const char* end = arguments[1].data() + arguments[1].size();
     const auto [read, error] = std::from_chars(arguments[1].data(), end, seconds);
     if (error != std::errc() || read != end || seconds < 1 || seconds > reload_timeout_max) {
-        return fail(control_result::usage, "the timeout of a reload is a number of seconds from 1 to 3600, not '" +
-                                               control_printable(arguments[1], 40) + "'");
+        return fail(control_result::usage,
+                    "reload timeout: expected 1 to 3600 seconds, not '" + control_printable(arguments[1], 40) + "'");
     }
     return ask({{"call", "reload"}, {"timeout", seconds}});
 }
@@ -271,7 +269,7 @@ std::string load_text(const control_json& answer) {
         }
     }
     text += counts_text(items);
-    return text + (check ? " (checked only, nothing is stored)\n" : "\n");
+    return text + (check ? " (checked only, nothing stored)\n" : "\n");
 }
 
 std::string hexadecimal(uint32_t number) {
@@ -347,30 +345,30 @@ std::string status_text(const control_json& answer) {
 }
 
 constexpr ctl_call_row calls[] = {
-    {"set", "PATH VALUE", "store one item; VALUE is JSON, or a bare word where text is wanted", set_request, no_text},
+    {"set", "PATH VALUE", "store one item; VALUE is JSON, or a bare word for a string", set_request, no_text},
     {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, no_text},
     {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
      load_request, load_text},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
     {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
-    {"dump", "", "print the stored configuration, fit to be loaded again", bare_request<dump_name>, dump_text},
+    {"dump", "", "print the stored configuration in the format that load reads", bare_request<dump_name>, dump_text},
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
-    {"watch", "", "print telemetry as it happens, one JSON document a line, until interrupted",
+    {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
      bare_request<watch_name>, no_text, true},
     {"acl", "set ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
     {"key", "list, import USER FILE, or delete USER",
-     "list users' public keys, or add or delete one beside the configuration; FILE holds a line such as "
+     "list users' public keys, or add or delete one outside the configuration; FILE holds a line such as "
      "\"ssh-rsa AAAA... comment\"",
      key_request, keys_text},
     {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, data_text},
-    {"debug", "[FLAG on|off]", "print the debug flags, or switch one", debug_request, data_text},
+    {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
-    {"reload", "[--timeout SECONDS]", "stop servers and sessions before a reload of the router; ends when that is done",
-     reload_request, no_text},
+    {"reload", "[--timeout SECONDS]",
+     "stop servers and sessions before the router reloads, and wait until they have ended", reload_request, no_text},
 };
 
 }  // namespace

@@ -39,7 +39,7 @@ std::string why_not_connected(int error) {
         case EPERM:
             return "permission denied; be root or a member of the group sshcfg";
         case EAGAIN:
-            return "it does not take connections";
+            return "it is not accepting connections";
         default:
             return strerror(error);
     }
@@ -101,7 +101,7 @@ control_json receive_answer(int fd, const ctl_connection_settings& settings) {
     control_frame_reader frame;
     while (control_frame_progress(frame) == control_frame_state::incomplete) {
         if (wait_readable(fd, settings) == wait_end::timeout) {
-            return unreachable("the agent has not answered within " + std::to_string(settings.timeout) +
+            return unreachable("the agent did not answer within " + std::to_string(settings.timeout) +
                                " seconds; a change may still be carried out");
         }
         const ssize_t count = recv(fd, buffer, std::min(control_frame_missing(frame), sizeof buffer), 0);
@@ -109,12 +109,12 @@ control_json receive_answer(int fd, const ctl_connection_settings& settings) {
             continue;
         }
         if (count <= 0) {
-            return unreachable("the agent went away before it answered; a change may or may not be stored");
+            return unreachable("the agent closed the connection before answering; a change may or may not be stored");
         }
         control_frame_take(frame, std::string_view(buffer, static_cast<size_t>(count)));
     }
     if (control_frame_progress(frame) == control_frame_state::too_large) {
-        return control_answer(control_result::failed, "the agent's answer is larger than a frame may be");
+        return control_answer(control_result::failed, "the agent's answer exceeds the maximum frame size");
     }
     return ctl_parse_answer(frame.document);
 }
@@ -125,7 +125,7 @@ control_json ask_once(ctl_socket& socket, const ctl_connection_settings& setting
         error = connect_to(socket.fd(), settings);
     }
     if (error != 0) {
-        return unreachable("the agent cannot be reached at " + settings.socket_path + ": " + why_not_connected(error));
+        return unreachable("cannot reach the agent at " + settings.socket_path + ": " + why_not_connected(error));
     }
     send_all(socket.fd(), frame);
     return receive_answer(socket.fd(), settings);
@@ -156,7 +156,7 @@ control_json ctl_parse_answer(const std::string& document) {
     std::string error;
     const std::optional<control_json> answer = control_json_parse(document, error);
     if (!answer.has_value() || !answer->is_object()) {
-        return control_answer(control_result::failed, "the agent's answer cannot be read: " + error);
+        return control_answer(control_result::failed, "cannot parse the agent's answer: " + error);
     }
     return *answer;
 }
@@ -179,7 +179,7 @@ control_json ctl_ask_to_the_end(const ctl_connection_settings& settings, const c
 control_json ctl_ask_on(ctl_socket& socket, const ctl_connection_settings& settings, const control_json& request) {
     const std::string document = control_json_text(request);
     if (document.size() > CONTROL_FRAME_MAX) {
-        return control_answer(control_result::refused, "the request is larger than 16 MiB; give less at a time");
+        return control_answer(control_result::refused, "the request is larger than 16 MiB; split it");
     }
     const auto header = control_frame_header(static_cast<uint32_t>(document.size()));
     const std::string frame = std::string(header.begin(), header.end()) + document;

@@ -17,7 +17,7 @@ void set_timeout(ctl_command_line& line, const std::string& text) {
     unsigned seconds = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
     if (error != std::errc() || end != text.data() + text.size() || seconds < 1 || seconds > timeout_max) {
-        refuse(line, "the timeout is a number of seconds from 1 to 86400, not '" + text + "'");
+        refuse(line, "--timeout: expected 1 to 86400 seconds, not '" + text + "'");
         return;
     }
     line.timeout = seconds;
@@ -68,7 +68,7 @@ size_t take_value(ctl_command_line& line, const std::string& argument, const std
             return 2;
         }
         if (argument == name) {
-            refuse(line, "'" + argument + "' needs a value");
+            refuse(line, "'" + argument + "' requires a value");
             return 1;
         }
     }
@@ -93,12 +93,12 @@ ctl_command_line ctl_parse_command_line(const std::vector<std::string>& argument
         const std::string* next = index + 1 < arguments.size() ? &arguments[index + 1] : nullptr;
         const size_t taken = take_value(line, argument, next);
         if (taken == 0) {
-            refuse(line, "there is no option '" + argument + "'");
+            refuse(line, "unknown option '" + argument + "'");
         }
         index += taken;
     }
     if (line.action == ctl_action::call && index >= arguments.size()) {
-        refuse(line, "what is to be done?");
+        refuse(line, "no call given");
         return line;
     }
     line.call.assign(arguments.begin() + static_cast<ptrdiff_t>(std::min(index, arguments.size())), arguments.end());

@@ -46,7 +46,7 @@ std::string usage_line(const ctl_call_row& row) {
 
 std::string help_text() {
     std::string text =
-        "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nWorks with the SSH configuration agent.\n\n";
+        "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nConfigures and queries the SSH configuration agent.\n\n";
     for (const ctl_call_row& row : ctl_calls()) {
         std::string call = std::string("  ") + row.name + ' ' + row.arguments;
         // A long call has its purpose on a line of its own.
@@ -56,19 +56,19 @@ std::string help_text() {
     }
     return text +
            "\nOptions, before the call:\n"
-           "  --json                 every answer as JSON on standard output\n"
-           "  --timeout SECONDS      how long to wait for the agent (600)\n"
-           "  --socket PATH          the agent's control socket (/run/ssh_cfg_agent/control.sock)\n"
-           "  -h, --help             this text\n"
-           "  --version              the version\n"
+           "  --json                 print every answer as JSON on standard output\n"
+           "  --timeout SECONDS      time to wait for the agent (default 600)\n"
+           "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"
+           "  -h, --help             print this text\n"
+           "  --version              print the version\n"
            "\nFILE may be '-' for standard input.\n"
-           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (why is on standard error).\n";
+           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error).\n";
 }
 
 /// Ends with an answer that says anything but "done".
 int report_problem(const ctl_command_line& line, const control_json& answer) {
     const control_result result = control_result_of_name(answer.value("result", ""));
-    complain(answer.value("message", "the agent gives no reason"));
+    complain(answer.value("message", "the agent gave no reason"));
     return line.json ? print(control_json_text(answer) + '\n', result) : static_cast<int>(result);
 }
 
@@ -84,14 +84,14 @@ int report_unknown_call(const ctl_command_line& line) {
         names.emplace_back(row.name);
     }
     const std::string_view nearest = ctl_nearest(line.call[0], names);
-    const std::string message = "there is no call '" + control_printable(line.call[0], 40) + "'";
+    const std::string message = "unknown call '" + control_printable(line.call[0], 40) + "'";
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }
 
-/// The changes are stored, but the agent could not carry all of them out: that is no success.
+/// The changes are stored, but the agent could not apply all of them, which is a failure.
 int report_warnings(const ctl_command_line& line, const control_json& answer) {
     for (const control_json& warning : answer["warnings"]) {
-        complain("stored, but not carried out: " + warning.value("path", "") + ": " + warning.value("message", ""));
+        complain(warning.value("message", ""));
     }
     return line.json ? print(control_json_text(answer) + '\n', control_result::failed)
                      : static_cast<int>(control_result::failed);

@@ -39,7 +39,7 @@ std::optional<std::string> ctl_read_file(const std::string& name, control_json& 
         count = fread(buffer, 1, sizeof buffer, file.get());
         text.append(buffer, count);
         if (text.size() > CONTROL_FRAME_MAX) {
-            return fail(problem, name, control_result::refused, "larger than 16 MiB; give less at a time");
+            return fail(problem, name, control_result::refused, "larger than 16 MiB; split it");
         }
     }
     if (ferror(file.get()) != 0) {

@@ -104,14 +104,14 @@ using watch_step = std::optional<control_json>;
 watch_step agent_is_gone(const watch_state& state) {
     return control_answer(control_result::unreachable,
                           control_frame_begun(state.frame)
-                              ? "the agent went away in the middle of an event, or has ended the watch because its "
+                              ? "the agent closed the connection in the middle of an event: it ended, or its "
                                 "events were not read in time"
-                              : "the agent went away");
+                              : "the agent closed the connection");
 }
 
 watch_step take_frame(watch_state& state) {
     if (control_frame_progress(state.frame) == control_frame_state::too_large) {
-        return control_answer(control_result::failed, "the agent's event is larger than a frame may be");
+        return control_answer(control_result::failed, "the agent's event exceeds the maximum frame size");
     }
     if (control_frame_progress(state.frame) == control_frame_state::complete) {
         control_json document = ctl_parse_answer(state.frame.document);

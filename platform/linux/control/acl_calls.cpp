@@ -36,7 +36,7 @@ control_json read_wish(const control_json& request, wished_list& wish) {
         return control_wrong_member("family", "ipv4 or ipv6");
     }
     if (name == nullptr) {
-        return control_wrong_member("name", "a text");
+        return control_wrong_member("name", "a string");
     }
     if (!acl_name_is_valid(*name)) {
         return control_answer(control_result::refused,
@@ -55,7 +55,7 @@ control_json refuse(const char* what, size_t number, const std::string& error) {
 control_json failure(const wished_list& wish, platform_status status) {
     if (status == DATASTORE_NO_SUCH_LIST) {
         return control_answer(control_result::no_data,
-                              std::string("there is no ") + wish.family->name + " access list " + wish.name);
+                              std::string("no ") + wish.family->name + " access list named " + wish.name);
     }
     return control_answer(control_result::failed, text_format("access list %s: %s (0x%x)", wish.name.c_str(),
                                                               platform_status_text(status), status));
@@ -83,7 +83,7 @@ control_json read_lines(uint32_t family, const control_json& lines, std::vector<
     for (size_t i = 0; i < lines.size(); i++) {
         const auto* line = lines[i].get_ptr<const std::string*>();
         if (line == nullptr) {
-            return control_wrong_member("lines", "an array of texts");
+            return control_wrong_member("lines", "an array of strings");
         }
         acl_rule rule;
         std::string error;
@@ -112,7 +112,7 @@ control_json read_objects(uint32_t family, const control_json& objects, std::vec
         if (entry.sequence <= last) {
             return refuse("entry", i + 1,
                           "SequenceNumber: " + std::to_string(entry.sequence) +
-                              "; expected a number above the entry's before it, " + std::to_string(last));
+                              "; expected a number greater than the previous entry's, " + std::to_string(last));
         }
         last = entry.sequence;
         entries.push_back(std::move(entry));

@@ -48,7 +48,7 @@ const std::string* control_text_member(const control_json& request, const char* 
 
 control_json control_wrong_member(const char* name, const char* wanted) {
     return control_answer(control_result::usage,
-                          std::string("the request's member \"") + name + "\" must be " + wanted);
+                          std::string("member \"") + name + "\" of the request must be " + wanted);
 }
 
 control_json control_data_answer(control_json data) {
@@ -65,5 +65,5 @@ control_json control_call(const control_json& request, const control_peer& peer)
         }
     }
     return control_answer(control_result::usage,
-                          "this agent knows no call \"" + control_printable(name == nullptr ? "" : *name, 40) + '"');
+                          "unknown call \"" + control_printable(name == nullptr ? "" : *name, 40) + '"');
 }

@@ -77,7 +77,7 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
         }
     }
     for (const datastore_warning& warning : result.warnings) {
-        entries.push_back("not carried out: " + warning.path + ": " + warning.message);
+        entries.push_back(warning.message);
     }
     return entries;
 }
@@ -182,7 +182,7 @@ std::vector<datastore_change_request> changes_of(const control_json& items, load
         }
     }
     if (refusals.untold > 0) {
-        refusals.texts.push_back(text_format("%zu more items are refused", refusals.untold));
+        refusals.texts.push_back(text_format("%zu more items were refused", refusals.untold));
     }
     return changes;
 }
@@ -192,17 +192,17 @@ std::vector<datastore_change_request> changes_of(const control_json& items, load
 control_json control_call_set(const control_json& request, const control_peer& peer) {
     const std::string* path = control_text_member(request, "path");
     if (path == nullptr) {
-        return control_wrong_member("path", "a text");
+        return control_wrong_member("path", "a string");
     }
     const std::string* word = control_text_member(request, "word");
     const auto value = request.find("value");
     if (word == nullptr && value == request.end()) {
-        return control_wrong_member("value", "there");
+        return control_wrong_member("value", "present");
     }
     const change_call call = {"set", peer, false};
     if (word == nullptr && value->is_null()) {
         return refuse(call, *path,
-                      {text_format("%s: null is no value; use delete to remove an item",
+                      {text_format("%s: null is not a value; use delete to remove an item",
                                    text_escape(*path, shown_path).c_str())});
     }
     std::string refusal;
@@ -214,7 +214,7 @@ control_json control_call_set(const control_json& request, const control_peer& p
 control_json control_call_delete(const control_json& request, const control_peer& peer) {
     const std::string* path = control_text_member(request, "path");
     if (path == nullptr) {
-        return control_wrong_member("path", "a text");
+        return control_wrong_member("path", "a string");
     }
     return commit({"delete", peer, false}, {{*path, std::nullopt}});
 }

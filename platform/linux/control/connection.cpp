@@ -62,7 +62,8 @@ void forget_answer(control_connection& connection) {
 }
 
 control_json busy_answer() {
-    control_json answer = control_answer(control_result::failed, "the agent is busy with other large requests");
+    control_json answer =
+        control_answer(control_result::failed, "the agent is busy with other large requests; try again");
     answer["retry"] = true;
     return answer;
 }
@@ -88,8 +89,8 @@ void send_document(control_connection& connection, std::string text) {
 void send_answer(control_connection& connection, const control_json& answer, bool last) {
     std::string text = control_json_text(answer);
     if (text.size() > CONTROL_FRAME_MAX) {
-        text = control_json_text(
-            control_answer(control_result::failed, "the answer is larger than a frame may be; ask for less at a time"));
+        text = control_json_text(control_answer(control_result::failed,
+                                                "the answer exceeds the maximum frame size; request less at a time"));
     } else if (connection.server->answers + text.size() > connection.server->limits.answers) {
         text = control_json_text(busy_answer());
         last = true;
@@ -111,8 +112,8 @@ void send_last_answer(control_connection& connection, control_result result, con
 void admit_watcher(control_connection& connection, control_json& answer) {
     const control_server& server = *connection.server;
     if (control_connection_watchers(server) >= server.limits.watchers) {
-        answer = control_answer(control_result::failed, "there are " + std::to_string(server.limits.watchers) +
-                                                            " watchers already; more are not served");
+        answer = control_answer(control_result::failed,
+                                "too many watchers: the limit is " + std::to_string(server.limits.watchers));
         return;
     }
     connection.watching = true;
@@ -132,9 +133,10 @@ void handle_request(control_connection& connection) {
     std::optional<control_json> request = control_json_parse(connection.frame.document, error);
     std::string().swap(connection.frame.document);
     if (!request.has_value()) {
-        send_last_answer(connection, control_result::refused, "the request is refused: " + error);
+        send_last_answer(connection, control_result::refused, "request refused: " + error);
     } else if (!request->is_object() || !request->contains("call") || !(*request)["call"].is_string()) {
-        send_answer(connection, control_answer(control_result::usage, "a request is an object with a text \"call\""),
+        send_answer(connection,
+                    control_answer(control_result::usage, "expected a request: an object with a string \"call\""),
                     false);
     } else {
         answer_call(connection, *request);
@@ -168,9 +170,8 @@ void take_bytes(control_connection& connection, std::string_view bytes) {
     switch (control_frame_progress(connection.frame)) {
         case control_frame_state::too_large:
             send_last_answer(connection, control_result::refused,
-                             "the request is refused: a frame of " +
-                                 std::to_string(control_frame_length(connection.frame)) + " bytes; at most " +
-                                 std::to_string(CONTROL_FRAME_MAX) + " are taken");
+                             "request refused: a frame of " + std::to_string(control_frame_length(connection.frame)) +
+                                 " bytes exceeds the maximum of " + std::to_string(CONTROL_FRAME_MAX));
             break;
         case control_frame_state::complete:
             handle_request(connection);
@@ -195,7 +196,7 @@ served handle_end_of_input(control_connection& connection) {
     if (connection.phase == control_phase::idle) {
         return drop(connection);
     }
-    send_last_answer(connection, control_result::refused, "the request is refused: it ended in the middle of a frame");
+    send_last_answer(connection, control_result::refused, "request refused: it ends in the middle of a frame");
     return served::kept;
 }
 
@@ -272,7 +273,7 @@ void guarded(control_connection* connection, action act) {
     try {
         act();
     } catch (const std::exception& exception) {
-        platform_log(LOG_ERR, "A control connection of process %d is dropped: %s", connection->peer.pid,
+        platform_log(LOG_ERR, "Dropped a control connection from process %d: %s", connection->peer.pid,
                      exception.what());
         control_connection_drop(connection);
     }
@@ -311,12 +312,12 @@ void time_is_up(control_connection& connection) {
     }
     if (connection.phase == control_phase::receiving) {
         send_last_answer(connection, control_result::refused,
-                         "the request is refused: its frame was not finished within " +
+                         "request refused: the frame is still incomplete after " +
                              std::to_string(connection.server->limits.frame_time / second) + " seconds");
         return;
     }
     if (connection.watching) {
-        platform_log(LOG_NOTICE, "A watcher is dropped: process %d has not taken its events for %d seconds",
+        platform_log(LOG_NOTICE, "Dropped a watcher: process %d has not read its events for %d seconds",
                      connection.peer.pid, static_cast<int>(connection.server->limits.watch_time / second));
     }
     control_connection_drop(&connection);
@@ -382,8 +383,7 @@ platform_status control_connection_add(control_server* server, int fd, const con
 
 void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event) {
     if (!control_event_add(connection.events, event, connection.server->limits.watch_queue)) {
-        platform_log(LOG_NOTICE, "A watcher is dropped: more events wait for process %d than are kept",
-                     connection.peer.pid);
+        platform_log(LOG_NOTICE, "Dropped a watcher: too many events are queued for process %d", connection.peer.pid);
         control_connection_drop(&connection);
     } else if (connection.phase == control_phase::waiting) {
         send_events(connection);

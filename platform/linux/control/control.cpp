@@ -99,7 +99,7 @@ int put_in_place(int fd, const std::string& path, std::optional<gid_t> group_id)
 platform_status open_at(const std::string& path) {
     const std::optional<gid_t> group_id = find_group(control_group);
     if (!group_id.has_value()) {
-        platform_log(LOG_WARNING, "There is no group %s: only root may use the control socket", control_group);
+        platform_log(LOG_WARNING, "Group %s does not exist: only root may use the control socket", control_group);
     }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int result = fd < 0 ? errno : put_in_place(fd, path, group_id);

@@ -16,7 +16,7 @@ constexpr size_t shown_name = 80;
 control_json read_user(const control_json& request, std::string& user) {
     const std::string* name = control_text_member(request, "user");
     if (name == nullptr) {
-        return control_wrong_member("user", "a text");
+        return control_wrong_member("user", "a string");
     }
     if (!key_user_is_valid(*name)) {
         return control_answer(
@@ -53,7 +53,7 @@ control_json answer_of(const std::string& user, platform_status status) {
             return control_answer(control_result::no_data, text_format("user %s has no key", name));
         case KEY_OTHER_ORIGIN:
             return control_answer(control_result::refused,
-                                  text_format("user %s has a key by configuration; delete %s to be rid of it", name,
+                                  text_format("user %s has a configured key; delete %s to remove it", name,
                                               key_record_item(user).c_str()));
         case KEY_NOT_BASE64:
         case KEY_CUT_OFF:
@@ -66,10 +66,9 @@ control_json answer_of(const std::string& user, platform_status status) {
         case KEY_TOO_LARGE:
             return control_answer(
                 control_result::refused,
-                text_format(
-                    "user %s: %s; expected a line such as \"ssh-rsa AAAA... comment\" with an RSA key from 1024 "
-                    "bits on, as ssh-keygen writes it",
-                    name, platform_status_text(status)));
+                text_format("user %s: %s; expected a line such as \"ssh-rsa AAAA... comment\" with an RSA key of at "
+                            "least 1024 bits, as ssh-keygen writes it",
+                            name, platform_status_text(status)));
         default:
             return control_answer(control_result::failed,
                                   text_format("user %s: %s (0x%x)", name, platform_status_text(status), status));
@@ -111,7 +110,7 @@ control_json control_call_key_list(const control_json& /*request*/, const contro
     const platform_status status = key_store_list(entries);
     if (status != PLATFORM_OK) {
         return control_answer(control_result::failed,
-                              text_format("the keys cannot be read: %s (0x%x)", platform_status_text(status), status));
+                              text_format("cannot read the keys: %s (0x%x)", platform_status_text(status), status));
     }
     control_json list = control_json::array();
     for (const key_store_entry& entry : entries) {
@@ -125,7 +124,7 @@ control_json control_call_key_import(const control_json& request, const control_
     control_json problem = read_user(request, user);
     const std::string* text = control_text_member(request, "text");
     if (problem.is_null() && text == nullptr) {
-        problem = control_wrong_member("text", "a text");
+        problem = control_wrong_member("text", "a string");
     }
     if (!problem.is_null()) {
         return problem;
@@ -133,7 +132,7 @@ control_json control_call_key_import(const control_json& request, const control_
     std::string_view line;
     if (!only_line(*text, line)) {
         return control_answer(control_result::refused,
-                              text_format("user %s: expected one key, in one line", user.c_str()));
+                              text_format("user %s: expected exactly one key on one line", user.c_str()));
     }
     return audited_answer(peer, "key import", user, key_store_import(user, line));
 }

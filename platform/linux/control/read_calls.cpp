@@ -26,7 +26,7 @@ control_json failure(const std::string& path, platform_status status) {
 control_json control_call_get(const control_json& request, const control_peer& /*peer*/) {
     const std::string* path = control_text_member(request, "path");
     if (path == nullptr) {
-        return control_wrong_member("path", "a text");
+        return control_wrong_member("path", "a string");
     }
     std::string refusal;
     if (schema_find(*path, &refusal) == nullptr) {
@@ -43,14 +43,14 @@ control_json control_call_get(const control_json& request, const control_peer& /
 control_json control_call_list(const control_json& request, const control_peer& /*peer*/) {
     const std::string* path = control_text_member(request, "path");
     if (path == nullptr) {
-        return control_wrong_member("path", "a text");
+        return control_wrong_member("path", "a string");
     }
     std::vector<std::string> names;
     const platform_status status = datastore_list_children(*path, names);
     if (status != PLATFORM_OK) {
         return failure(*path, status);
     }
-    return names.empty() ? no_data("%s: nothing is configured below it", *path) : control_data_answer(names);
+    return names.empty() ? no_data("%s: nothing is configured below this path", *path) : control_data_answer(names);
 }
 
 control_json control_call_dump(const control_json& /*request*/, const control_peer& /*peer*/) {
@@ -67,12 +67,12 @@ control_json control_call_dump(const control_json& /*request*/, const control_pe
 control_json control_call_show(const control_json& request, const control_peer& /*peer*/) {
     const std::string* path = control_text_member(request, "path");
     if (path == nullptr) {
-        return control_wrong_member("path", "a text");
+        return control_wrong_member("path", "a string");
     }
     const datastore_answer answer = datastore_read(*path);
     switch (answer.status) {
         case DATASTORE_NO_SUCH_TREE:
-            return no_data("%s: nothing answers operational reads there", *path);
+            return no_data("%s: no operational data is available at this path", *path);
         case DATASTORE_NO_DATA:
         case DATASTORE_NOTHING_TO_ENCODE:
             return no_data("%s: no data", *path);

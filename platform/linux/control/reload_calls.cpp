@@ -41,7 +41,7 @@ control_json answer_of(const shelf_reload& reload) {
                 control_result::failed,
                 text_format(
                     "the reload was not acknowledged within %u seconds: sessions are still open, or the servers "
-                    "could not be stopped; the agent's log says which, and it starts the servers again by itself",
+                    "could not be stopped; the agent's log says which, and the agent restarts the servers itself",
                     reload.timeout));
         case shelf_reload_phase::none:
             break;
@@ -54,11 +54,12 @@ control_json refusal_of(platform_status status) {
         const shelf_reload reload = shelf_manager_reload_state();
         return control_answer(
             control_result::failed,
-            text_format("a reload is under way: its notice was sent %u seconds ago and may be acknowledged for %u more",
-                        reload.passed, reload.timeout - std::min(reload.passed, reload.timeout)));
+            text_format(
+                "a reload is in progress: its notice was sent %u seconds ago and can be acknowledged for another %u",
+                reload.passed, reload.timeout - std::min(reload.passed, reload.timeout)));
     }
     return control_answer(control_result::failed,
-                          "nobody has asked for reload notices: the agent has not registered with the shelf manager");
+                          "the agent has not registered for reload notices with the shelf manager");
 }
 
 const char* phase_in_words(shelf_reload_phase phase) {
@@ -93,7 +94,7 @@ control_json control_call_reload_state(const control_json& request, const contro
     const shelf_reload reload = shelf_manager_reload_state();
     if (number->get<uint64_t>() != reload.number) {
         return control_answer(control_result::failed,
-                              "the reload was not acknowledged; another one has been announced since");
+                              "the reload was not acknowledged; a newer one has been announced");
     }
     shelf_manager_follow_reload();
     return answer_of(reload);

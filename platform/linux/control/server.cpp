@@ -49,8 +49,8 @@ void make_room(control_server& server) {
     control_connection* victim =
         std::min_element(server.connections.begin(), server.connections.end(), dropped_before)->get();
     if (victim->phase != control_phase::answering && !victim->watching) {
-        control_json answer =
-            control_answer(control_result::failed, "too many connections; this one has waited longest and is dropped");
+        control_json answer = control_answer(control_result::failed,
+                                             "too many connections; dropped because this one has been idle longest");
         answer["retry"] = true;
         send_parting_answer(victim->fd, answer);
     }
@@ -83,7 +83,7 @@ void admit(control_server& server, int fd) {
     make_room(server);
     const platform_status status = control_connection_add(&server, fd, peer);
     if (status != PLATFORM_OK) {
-        platform_log(LOG_ERR, "Error:=%s(0x%x), a control connection cannot be served", platform_status_text(status),
+        platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to serve a control connection", platform_status_text(status),
                      status);
     }
 }
@@ -94,7 +94,8 @@ bool is_shortage(int error) {
 
 /// The listener stays readable while nobody can be accepted, and would keep the loop spinning.
 void pause_accepting(control_server& server, int error) {
-    platform_log(LOG_ERR, "Error:=%s(0x%x), control connections wait", platform_status_text(error), error);
+    platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to accept a control connection, waiting",
+                 platform_status_text(error), error);
     sd_event_source_set_enabled(server.listener_source, SD_EVENT_OFF);
     sd_event_source_set_time(server.resume_source, control_now() + pause_without_descriptors);
     sd_event_source_set_enabled(server.resume_source, SD_EVENT_ONESHOT);
@@ -119,7 +120,7 @@ int listener_is_ready(sd_event_source* /*source*/, int /*fd*/, uint32_t /*events
     try {
         accept_some(*server);
     } catch (const std::exception& exception) {
-        platform_log(LOG_ERR, "A control connection could not be accepted: %s", exception.what());
+        platform_log(LOG_ERR, "Failed to accept a control connection: %s", exception.what());
     }
     return 0;
 }

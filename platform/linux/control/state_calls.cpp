@@ -91,7 +91,7 @@ control_json switch_flag(const std::string& flag, bool on, const control_peer& p
     const std::string shown = text_escape(flag, 80);
     control_json answer = control_answer(control_result::done);
     if (status == ENOENT) {
-        answer = control_answer(control_result::refused, text_format("there is no debug flag \"%s\"; there are %s",
+        answer = control_answer(control_result::refused, text_format("unknown debug flag \"%s\"; the flags are %s",
                                                                      shown.c_str(), known_flags().c_str()));
     } else if (status != PLATFORM_OK) {
         answer = control_answer(control_result::failed, text_format("debug flag \"%s\": %s (0x%x)", shown.c_str(),
@@ -139,7 +139,7 @@ control_json control_call_vrf_list(const control_json& /*request*/, const contro
     std::map<std::string, vrf_state> vrfs;
     const platform_status status = collect_vrfs(vrfs);
     if (status != PLATFORM_OK) {
-        return control_answer(control_result::failed, text_format("the VRF table cannot be read: %s (0x%x)",
+        return control_answer(control_result::failed, text_format("cannot read the VRF table: %s (0x%x)",
                                                                   platform_status_text(status), status));
     }
     return control_data_answer(vrfs_json(vrfs));
@@ -168,7 +168,7 @@ control_json control_call_debug(const control_json& request, const control_peer&
         return control_data_answer(flags_json());
     }
     if (!flag->is_string()) {
-        return control_wrong_member("flag", "a text");
+        return control_wrong_member("flag", "a string");
     }
     const auto on = request.find("on");
     if (on == request.end() || !on->is_boolean()) {
@@ -180,12 +180,13 @@ control_json control_call_debug(const control_json& request, const control_peer&
 control_json control_call_trace(const control_json& request, const control_peer& /*peer*/) {
     const std::string* name = control_text_member(request, "buffer");
     if (name == nullptr) {
-        return control_wrong_member("buffer", "a text");
+        return control_wrong_member("buffer", "a string");
     }
     trace_buffer_contents contents;
     if (trace_buffer_read(*name, contents) != PLATFORM_OK) {
-        return control_answer(control_result::refused,
-                              text_format("there is no trace buffer \"%s\"", text_escape(*name, 80).c_str()));
+        return control_answer(
+            control_result::refused,
+            text_format("unknown trace buffer \"%s\"; expected error or event", text_escape(*name, 80).c_str()));
     }
     control_json list = control_json::array();
     for (const trace_record& record : contents.records) {

@@ -64,7 +64,7 @@ bool is_scalar(const control_json& json) {
 /// Why a value cannot be a field; null when it can.
 const char* wrong_field_format(const control_json& field) {
     if (!field.is_null() && !is_scalar(field)) {
-        return "%s: %s stands where a field of a value is wanted; expected %s";
+        return "%s: %s cannot be a field of a value; expected %s";
     }
     return is_beyond_range(field) ? "%s: %s is out of range; expected %s" : nullptr;
 }
@@ -86,7 +86,7 @@ std::optional<datastore_value> fields_of_object(const value_place& place, const 
     for (const auto& [name, field] : object.items()) {
         const int index = schema_field_index(place.row, name);
         if (index < 0) {
-            return refuse(place, "%s: there is no field \"%s\"; expected %s", text_escape(name, shown_value));
+            return refuse(place, "%s: unknown field \"%s\"; expected %s", text_escape(name, shown_value));
         }
         if (const char* format = wrong_field_format(field); format != nullptr) {
             return refuse(place, format, shown(field));
@@ -130,7 +130,7 @@ std::optional<datastore_value> value_of(const value_place& place, const control_
         return fields_of_object(place, json);
     }
     if (!is_scalar(json)) {
-        return refuse(place, "%s: %s is no value that can be stored; expected %s", notation);
+        return refuse(place, "%s: %s cannot be stored; expected %s", notation);
     }
     if (is_beyond_range(json)) {
         return refuse(place, "%s: %s is out of range; expected %s", notation);
@@ -157,7 +157,7 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
         return value_of({row, path, refusal}, *json, control_printable(word, shown_value));
     }
     if (looks_like_json(word)) {
-        refusal = text_format("%s: %s is refused: %s; expected %s", text_escape(path, shown_path).c_str(),
+        refusal = text_format("%s: %s is not valid: %s; expected %s", text_escape(path, shown_path).c_str(),
                               control_printable(word, shown_value).c_str(),
                               control_printable(error, shown_error).c_str(), schema_expected(row).c_str());
         return std::nullopt;

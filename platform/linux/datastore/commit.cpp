@@ -115,7 +115,7 @@ bool plan_deletion(const std::string& path, planned_change& planned, datastore_c
         return refuse(result, EINVAL, datastore_refused_by::schema, path, std::move(refusal));
     }
     return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, path,
-                  text_format("%s: there is no such item to delete", path.c_str()));
+                  text_format("%s: cannot delete, not configured", path.c_str()));
 }
 
 bool plan_value(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
@@ -137,7 +137,7 @@ bool plan_item(const datastore_change_request& request, commit_plan& plan, datas
     const auto [place, is_new] = plan.try_emplace(request.path);
     if (!is_new) {
         return refuse(result, EINVAL, datastore_refused_by::schema, request.path,
-                      text_format("%s: named twice in one commit; expected one change of an item",
+                      text_format("%s: changed twice in one commit; expected one change per item",
                                   text_escape(request.path, shown_path).c_str()));
     }
     return request.value ? plan_value(request, place->second, result)
@@ -163,7 +163,8 @@ bool plan_tree_deletion(const std::string& tree, commit_plan& plan, datastore_co
     }
     if (!any) {
         return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
-                      text_format("%s: there is nothing below it to delete", text_escape(tree, shown_path).c_str()));
+                      text_format("%s: cannot delete, nothing is configured below this path",
+                                  text_escape(tree, shown_path).c_str()));
     }
     return true;
 }
@@ -185,7 +186,7 @@ bool make_plan(const std::vector<datastore_change_request>& requests, commit_pla
 
 std::string refusal_text(const std::string& path, platform_status status, char* error_text) {
     if (status == DATASTORE_NO_HANDLER) {
-        return text_format("%s: this item is not served by this version", path.c_str());
+        return text_format("%s: not supported by this version", path.c_str());
     }
     if (error_text != nullptr && *error_text != '\0') {
         return text_format("%s: %s", path.c_str(), error_text);
@@ -293,11 +294,10 @@ void apply_item(const std::string& path, const planned_change& planned, datastor
         const platform_status status = registration.apply(&call, registration.context);
         if (status == DATASTORE_NO_HANDLER) {
             result.warnings.push_back(
-                {path, text_format("%s: stored, but this item is not served by this version", path.c_str())});
+                {path, text_format("%s: stored, not in force: not supported by this version", path.c_str())});
         } else if (status != PLATFORM_OK) {
             result.warnings.push_back(
-                {path, text_format("%s: stored, but the agent could not carry it out (0x%x); its log says why",
-                                   path.c_str(), status)});
+                {path, text_format("%s: stored, not in force (0x%x); the agent's log says why", path.c_str(), status)});
         }
     }
 }
@@ -370,7 +370,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
     datastore_commit_result result;
     if (the_datastore().handlers_running != 0) {
         refuse(result, EBUSY, datastore_refused_by::busy, {},
-               "a commit is under way; the configuration cannot be changed from within it");
+               "a commit is in progress; the configuration cannot be changed from within it");
         return result;
     }
     if (the_datastore().store == nullptr) {

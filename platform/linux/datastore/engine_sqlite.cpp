@@ -145,7 +145,7 @@ platform_status system_failure(const char* format, const std::string& path, std:
 platform_status sync_folder(const std::string& folder, std::string& reason) {
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0 || fsync(fd) != 0) {
-        const platform_status status = system_failure("the folder %s cannot be written: %s", folder, reason);
+        const platform_status status = system_failure("cannot write the directory %s: %s", folder, reason);
         if (fd >= 0) {
             close(fd);
         }
@@ -189,12 +189,12 @@ platform_status create_database(const std::string& path, std::string& reason) {
     unlink((new_path + "-journal").c_str());
     const int fd = open(new_path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, file_mode);
     if (fd < 0) {
-        return system_failure("%s cannot be created: %s", new_path, reason);
+        return system_failure("cannot create %s: %s", new_path, reason);
     }
     close(fd);
     platform_status status = fill_new(new_path, reason);
     if (status == PLATFORM_OK && rename(new_path.c_str(), path.c_str()) != 0) {
-        status = system_failure("%s cannot be renamed: %s", new_path, reason);
+        status = system_failure("cannot rename %s: %s", new_path, reason);
     }
     if (status != PLATFORM_OK) {
         unlink(new_path.c_str());
@@ -206,7 +206,7 @@ platform_status create_database(const std::string& path, std::string& reason) {
 /// Makes sure that there is a file, and that it is not one that SQLite would silently take for a new database.
 platform_status prepare_file(const std::string& path, std::string& reason) {
     if (mkdir(folder_of(path).c_str(), folder_mode) != 0 && errno != EEXIST) {
-        return system_failure("the folder %s cannot be created: %s", folder_of(path), reason);
+        return system_failure("cannot create the directory %s: %s", folder_of(path), reason);
     }
     struct stat file;
     if (stat(path.c_str(), &file) == 0) {
@@ -217,10 +217,10 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
         return PLATFORM_OK;
     }
     if (errno != ENOENT) {
-        return system_failure("%s cannot be examined: %s", path, reason);
+        return system_failure("cannot examine %s: %s", path, reason);
     }
     if (stat((path + "-wal").c_str(), &file) == 0 && file.st_size > 0) {
-        reason = "the file is missing, but its log, the file of the same name with -wal behind it, is not";
+        reason = "the file is missing, but its write-ahead log, of the same name with -wal appended, is not";
         return EUCLEAN;
     }
     return create_database(path, reason);
@@ -247,9 +247,9 @@ platform_status set_up(sqlite3* database, std::string& reason) {
         const std::string& expected;
         const char* complaint;
     } const demands[] = {
-        {"PRAGMA application_id", id, "the database is another program's"},
-        {"PRAGMA user_version", version, "the database is of another version of this program"},
-        {"PRAGMA journal_mode = WAL", "wal", "the database cannot be set to write-ahead logging"},
+        {"PRAGMA application_id", id, "the database belongs to another program"},
+        {"PRAGMA user_version", version, "the database was written by another version of this program"},
+        {"PRAGMA journal_mode = WAL", "wal", "the database cannot be switched to write-ahead logging"},
         {"PRAGMA quick_check(1)", "ok", "the database is damaged"},
     };
     for (const auto& demand : demands) {

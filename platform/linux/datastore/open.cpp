@@ -34,7 +34,7 @@ platform_status check_items(std::string& reason) {
     while ((status = datastore_stored_next(configuration_prefix, path, path, stored)) == PLATFORM_OK) {
         const schema_row* row = schema_find(path, nullptr);
         if (row == nullptr) {
-            platform_log(LOG_WARNING, "The stored item %s is unknown to this version; it is kept and has no effect",
+            platform_log(LOG_WARNING, "The stored item %s is unknown to this version; it is kept but has no effect",
                          text_escape(path, 200).c_str());
         } else if (schema_load(*row, stored, value) != PLATFORM_OK) {
             reason = text_format("the value of %s is damaged", path.c_str());

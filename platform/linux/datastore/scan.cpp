@@ -17,7 +17,7 @@ void apply_as_created(const datastore_item_table* table, const char* item, const
     const datastore_backend_call call = {item, &change, nullptr, nullptr};
     const platform_status status = datastore_backend_apply(&call, table);
     if (status != PLATFORM_OK) {
-        platform_log(LOG_WARNING, "The stored item %s could not be carried out at start-up: %s (0x%x), scan 0x%x", item,
+        platform_log(LOG_WARNING, "The stored item %s could not be applied at start-up: %s (0x%x), scan 0x%x", item,
                      platform_status_text(status), status, cookie);
     }
 }

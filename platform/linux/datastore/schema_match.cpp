@@ -121,11 +121,11 @@ std::string unknown_path(std::string_view path) {
     }
     const schema_row& row = nearest_row(path);
     if (row.wildcard.help == nullptr) {
-        return text_format("%s: no such item; the nearest one is %s", text_escape(path, shown_path).c_str(),
+        return text_format("%s: no such item; the closest match is %s", text_escape(path, shown_path).c_str(),
                            row.pattern);
     }
-    return text_format("%s: no such item; the nearest one is %s, where * is %s", text_escape(path, shown_path).c_str(),
-                       row.pattern, text_of_form(row.wildcard).c_str());
+    return text_format("%s: no such item; the closest match is %s, where * is %s",
+                       text_escape(path, shown_path).c_str(), row.pattern, text_of_form(row.wildcard).c_str());
 }
 
 std::string wrong_name(std::string_view path, std::string_view name, const schema_row& row) {

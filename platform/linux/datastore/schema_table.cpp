@@ -39,10 +39,10 @@ constexpr schema_form algorithm = text(schema_charset::algorithm_name, 1, TUPLE_
 
 // Settings that server and client share.
 constexpr schema_form dscp = number(0, 63, "DSCP code point");
-constexpr schema_form rekey_time = number(1, 1440, "minutes until new session keys");
-constexpr schema_form rekey_volume = number(1, 4096, "megabytes until new session keys");
+constexpr schema_form rekey_time = number(1, 1440, "minutes between rekeys");
+constexpr schema_form rekey_volume = number(1, 4096, "megabytes between rekeys");
 constexpr schema_form window_scale = number(1, 14, "TCP window scale factor");
-constexpr schema_form mac_disabled = flag("this MAC is not offered");
+constexpr schema_form mac_disabled = flag("whether this MAC is disabled");
 constexpr schema_form version_1 = presence("SSH protocol version 1, not supported");
 constexpr schema_form version_2 = presence("SSH protocol version 2");
 
@@ -65,12 +65,12 @@ constexpr schema_field algorithms[] = {
 constexpr std::span<const schema_field> key_exchanges(algorithms, 9);
 constexpr std::span<const schema_field> ciphers(algorithms, 10);
 
-constexpr schema_form offered = flag("this host-key algorithm is offered");
+constexpr schema_form offered = flag("whether this host-key algorithm is offered");
 constexpr schema_field host_keys[] = {
     {"ecdsa-sha2-nistp256", offered},
     {"ecdsa-sha2-nistp384", offered},
     {"ecdsa-sha2-nistp521", offered},
-    {"rsa", flag("all RSA algorithms are offered")},
+    {"rsa", flag("whether all RSA algorithms are offered")},
     {"ssh-dss", offered},
     {"x509v3-ssh-rsa", offered},
     {"ssh-ed25519", offered},
@@ -80,21 +80,21 @@ constexpr schema_field host_keys[] = {
 };
 
 constexpr schema_field legacy_ciphers[] = {
-    {"aes-cbc", flag("the AES ciphers in CBC mode are offered too")},
+    {"aes-cbc", flag("whether the AES ciphers in CBC mode are also offered")},
     {"3des-cbc", flag("not supported")},
 };
 
 constexpr schema_field certificate_user[] = {
-    {"common-name", flag("the certificate's common name is the user's name")},
-    {"user-principal-name", flag("the certificate's user principal name is the user's name")},
+    {"common-name", flag("whether the certificate's common name is the user name")},
+    {"user-principal-name", flag("whether the certificate's user principal name is the user name")},
 };
 
 #define SERVER "/cfg/gl/crypto/ssh/server/"
 #define CLIENT "/cfg/gl/crypto/ssh/client/"
 #define BACKUP "/cfg/gl/crypto/ssh/sshd_backup/"
 
-constexpr schema_form key_exchange_list = tuple("key-exchange algorithms in the order of preference");
-constexpr schema_form cipher_list = tuple("ciphers in the order of preference");
+constexpr schema_form key_exchange_list = tuple("key-exchange algorithms in order of preference");
+constexpr schema_form cipher_list = tuple("ciphers in order of preference");
 constexpr schema_form backup_place = tuple("port and VRF of the backup server, not supported");
 
 /// Bytes of a banner with its delimiters: more than any screen shows, and little for every login to carry.
@@ -106,9 +106,9 @@ constexpr schema_form banner(const char* help) {
 
 // In byte order of the patterns.
 constexpr schema_row rows[] = {
-    {"/cfg/gl/aaa/banner/0x0", banner("AAA banner, the message of the day after a login"), no_wildcard, {}, {}},
+    {"/cfg/gl/aaa/banner/0x0", banner("AAA banner, the message of the day after login"), no_wildcard, {}, {}},
     {"/cfg/gl/banner/0x2", banner("message of the day, shown with the login banner"), no_wildcard, {}, {}},
-    {"/cfg/gl/banner/0x3", banner("login banner, shown before a login"), no_wildcard, {}, {}},
+    {"/cfg/gl/banner/0x3", banner("login banner, shown before login"), no_wildcard, {}, {}},
     {"/cfg/gl/crypto/fipsmode/value",
      flag("FIPS mode is on while this item exists, whatever its value"),
      no_wildcard,
@@ -122,14 +122,14 @@ constexpr schema_row rows[] = {
     {CLIENT "dscp", dscp, no_wildcard, {}, {}},
     {CLIENT "enable/cipher", tuple("legacy ciphers"), no_wildcard, legacy_ciphers, {}},
     {CLIENT "host_pubkey",
-     text(schema_charset::printable, 1, 200, "file of the known hosts' public keys"),
+     text(schema_charset::printable, 1, 200, "file with the public keys of known hosts"),
      no_wildcard,
      {},
      {}},
     {CLIENT "portnvrf", backup_place, no_wildcard, backup_server, {}},
     {CLIENT "rekey_time", rekey_time, no_wildcard, {}, {}},
     {CLIENT "rekey_volume", rekey_volume, no_wildcard, {}, {}},
-    {CLIENT "source", text(schema_charset::word, 1, 64, "interface that connections come from"), no_wildcard, {}, {}},
+    {CLIENT "source", text(schema_charset::word, 1, 64, "source interface of connections"), no_wildcard, {}, {}},
     {CLIENT "tcp_window_scale", window_scale, no_wildcard, {}, {}},
     {CLIENT "v1", version_1, no_wildcard, {}, {}},
     {CLIENT "v2", version_2, no_wildcard, {}, {}},
@@ -140,7 +140,7 @@ constexpr schema_row rows[] = {
     {SERVER "cmn/algorithms/key-exchange", key_exchange_list, no_wildcard, key_exchanges, schema_tuple_rule::list},
     {SERVER "cmn/capability/netconf-xml", presence("NETCONF over SSH"), no_wildcard, {}, {}},
     {SERVER "cmn/certificate/username",
-     tuple("certificate fields that name the user"),
+     tuple("certificate fields that contain the user name"),
      no_wildcard,
      certificate_user,
      {}},
@@ -155,7 +155,7 @@ constexpr schema_row rows[] = {
     {SERVER "cmn/rate_limit", number(1, 600, "new sessions per minute"), no_wildcard, {}, {}},
     {SERVER "cmn/rekey_time", rekey_time, no_wildcard, {}, {}},
     {SERVER "cmn/rekey_volume", rekey_volume, no_wildcard, {}, {}},
-    {SERVER "cmn/session_limit", number(1, 100, "sessions at a time"), no_wildcard, {}, {}},
+    {SERVER "cmn/session_limit", number(1, 100, "concurrent sessions"), no_wildcard, {}, {}},
     {SERVER "cmn/tcp_window_scale", window_scale, no_wildcard, {}, {}},
     {SERVER "cmn/timeout", number(5, 120, "seconds, login grace time"), no_wildcard, {}, {}},
     {SERVER "cmn/trustpoint/host", trustpoint_name, no_wildcard, {}, {}},

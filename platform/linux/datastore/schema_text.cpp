@@ -46,16 +46,16 @@ struct charset_row {
 
 constexpr charset_row charsets[] = {
     {schema_charset::printable, is_printable, "",
-     "a text of %lld to %lld bytes in UTF-8 without control characters (%s)"},
+     "a UTF-8 string of %lld to %lld bytes without control characters (%s)"},
     {schema_charset::word, is_word, "",
-     "a text of %lld to %lld characters without blanks, quotes, commas and backslashes (%s)"},
+     "a string of %lld to %lld characters without blanks, quotes, commas or backslashes (%s)"},
     {schema_charset::algorithm_name, is_algorithm_name, "-.",
-     "%lld to %lld letters, digits, '_', '-', '.', '@' or '+', the first neither '-' nor '.' (%s)"},
+     "%lld to %lld letters, digits, '_', '-', '.', '@' or '+', not beginning with '-' or '.' (%s)"},
     {schema_charset::name, is_name, "-.",
-     "%lld to %lld letters, digits, '_', '-' or '.', the first neither '-' nor '.' (%s)"},
+     "%lld to %lld letters, digits, '_', '-' or '.', not beginning with '-' or '.' (%s)"},
     {schema_charset::delimited, is_of_lines, "",
-     "a text of %lld to %lld bytes in UTF-8 that begins and ends with the same delimiter, such as #text#: a punctuation "
-     "character; between them no control characters but newline and tab (%s)"},
+     "a UTF-8 string of %lld to %lld bytes enclosed in matching delimiters (any punctuation character), such as "
+     "#text#, without control characters other than newline and tab (%s)"},
 };
 
 const charset_row& row_of(schema_charset charset) {
@@ -185,7 +185,7 @@ std::string text_of_form(const schema_form& form) {
         case schema_kind::flag:
             return text_format("true or false (%s)", form.help);
         case schema_kind::presence:
-            return text_format("true (%s), or a deletion", form.help);
+            return text_format("true (%s), or deletion of the item", form.help);
         case schema_kind::text:
             return text_format(row_of(form.charset).words, static_cast<long long>(form.lowest),
                                static_cast<long long>(form.highest), form.help);

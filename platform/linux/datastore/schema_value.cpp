@@ -39,11 +39,11 @@ constexpr const char* complaint_formats[] = {
     "%s: %s is out of range; expected %s",
     "%s: %s is neither true nor false; expected %s",
     "%s: %s is not true; expected %s",
-    "%s: %s is not a text; expected %s",
+    "%s: %s is not a string; expected %s",
     "%s: %s is too short; expected %s",
     "%s: %s is too long; expected %s",
-    "%s: %s has a character that is not allowed; expected %s",
-    "%s: %s is not between two equal delimiters; expected %s",
+    "%s: %s contains a character that is not allowed; expected %s",
+    "%s: %s is not enclosed in matching delimiters; expected %s",
     "%s: %s is not an array; expected %s",
     "%s: %s has too many fields; expected %s",
     "%s: %s is an empty list; expected %s",
@@ -337,7 +337,7 @@ std::string schema_expected(const schema_row& row) {
         return text_of_form(row.form);
     }
     if (row.rule == schema_tuple_rule::list) {
-        return text_format("an array of 1 to %zu texts (%s), each %s", row.fields.size(), row.form.help,
+        return text_format("an array of 1 to %zu strings (%s), each %s", row.fields.size(), row.form.help,
                            text_of_form(row.fields[0].form).c_str());
     }
     const char* format = row.rule == schema_tuple_rule::one_selected

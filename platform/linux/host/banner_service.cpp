@@ -106,7 +106,7 @@ std::string platform_text(const kind_row& row) {
         return {};
     }
     if (error != 0) {
-        platform_log(LOG_ERR, "Error:=%s(0x%x), Path:=%s, the platform's banner is left out", strerror(error), error,
+        platform_log(LOG_ERR, "Error:=%s(0x%x), Path:=%s, Failed to read the platform's banner", strerror(error), error,
                      row.platform_file);
         return {};
     }

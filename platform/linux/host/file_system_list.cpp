@@ -91,7 +91,7 @@ bool read_names(std::vector<std::string>& names) {
             continue;
         }
         if (size + entry.mount_point.size() + 1 > text_size_max) {
-            platform_log(LOG_WARNING, "The file-system list is cut at %s, its text is full", entry.mount_point.c_str());
+            platform_log(LOG_WARNING, "The file-system list is full and ends before %s", entry.mount_point.c_str());
             break;
         }
         size += entry.mount_point.size() + 1;

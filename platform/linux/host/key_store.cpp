@@ -129,8 +129,8 @@ void remove_others(const std::vector<key_store_entry>& entries) {
         }
     }
     if (status != PLATFORM_OK) {
-        platform_log(LOG_ERR, "Error:=%s(0x%x), users' former keys could not all be withdrawn",
-                     platform_status_text(status), status);
+        platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to remove all former user keys", platform_status_text(status),
+                     status);
     }
 }
 
@@ -144,12 +144,12 @@ void key_store_start() try {
     remove_others(entries);
     for (const key_store_entry& entry : entries) {
         if (const platform_status status = publish(entry.user, entry.record); status != PLATFORM_OK) {
-            platform_log(LOG_ERR, "Error:=%s(0x%x), User:=%s, the key is not in force", platform_status_text(status),
-                         status, entry.user.c_str());
+            platform_log(LOG_ERR, "Error:=%s(0x%x), User:=%s, Failed to put the key in force",
+                         platform_status_text(status), status, entry.user.c_str());
         }
     }
 } catch (const std::bad_alloc&) {
-    platform_log(LOG_ERR, "Users' keys could not be looked over: out of memory");
+    platform_log(LOG_ERR, "Failed to check the user keys: out of memory");
 }
 
 platform_status key_store_find(std::string_view user, key_record& record) {

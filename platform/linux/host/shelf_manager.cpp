@@ -188,7 +188,7 @@ void shelf_manager_link(bool is_up) {
         if (!is_up) {
             lose_connection(client);
         } else if (client.wants_connection && begin_to_connect(client) != PLATFORM_OK) {
-            platform_log(LOG_ERR, "A client of the shelf manager could not be connected");
+            platform_log(LOG_ERR, "Failed to connect a client to the shelf manager");
         }
     }
 }

@@ -27,9 +27,9 @@ long holder_of(int fd) {
 
 void report_holder(long holder) {
     if (holder > 0) {
-        fprintf(stderr, "%s: Another agent runs on this node already: process %ld\n", log_identifier, holder);
+        fprintf(stderr, "%s: Another agent is already running on this node: process %ld\n", log_identifier, holder);
     } else {
-        fprintf(stderr, "%s: Another agent is being started on this node\n", log_identifier);
+        fprintf(stderr, "%s: Another agent is starting on this node\n", log_identifier);
     }
 }
 
@@ -54,7 +54,7 @@ int node_lock_take() {
         return 0;
     }
     if (mkdir(runtime_directory, 0755) != 0 && errno != EEXIST) {
-        return report_failure(errno, "make the directory of");
+        return report_failure(errno, "create the directory of");
     }
     const int fd = open(runtime_lock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) {

@@ -80,10 +80,10 @@ std::string read_line(std::string_view line, platform_config& config) {
         if (known.key == key) {
             return known.parse(value, config)
                        ? std::string()
-                       : std::string(key) + " is \"" + shown(value) + "\", allowed is " + known.allowed;
+                       : std::string(key) + " is \"" + shown(value) + "\"; expected " + known.allowed;
         }
     }
-    return "\"" + shown(key) + "\" is unknown";
+    return "\"" + shown(key) + "\" is not a known setting";
 }
 
 void read_lines(std::string_view text, platform_config& config, std::vector<std::string>& problems) {

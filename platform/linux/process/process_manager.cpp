@@ -47,7 +47,7 @@ uint32_t read_count() {
     const int fd = open(runtime_respawn_file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) {
         if (errno != ENOENT) {
-            platform_log(LOG_WARNING, "%s cannot be read: %s", runtime_respawn_file, strerror(errno));
+            platform_log(LOG_WARNING, "Cannot read %s: %s", runtime_respawn_file, strerror(errno));
         }
         return 0;
     }
@@ -57,7 +57,7 @@ uint32_t read_count() {
     char* end = text;
     const unsigned long long number = length > 0 ? strtoull(text, &end, 10) : 0;
     if (end == text || strcmp(end, "\n") != 0 || number > UINT32_MAX || text[0] == '-') {
-        platform_log(LOG_WARNING, "%s does not hold a number", runtime_respawn_file);
+        platform_log(LOG_WARNING, "%s does not contain a number", runtime_respawn_file);
         return 0;
     }
     return static_cast<uint32_t>(number);
@@ -149,11 +149,11 @@ void process_manager_count_start() {
     state.respawn_count = before == UINT32_MAX ? before : before + 1;
     const int error = write_count(state.respawn_count);
     if (error != 0) {
-        platform_log(LOG_WARNING, "%s cannot be written, a restart will not be told from a first start: %s",
+        platform_log(LOG_WARNING, "Cannot write %s, so a restart will look like a first start: %s",
                      runtime_respawn_file, strerror(error));
     }
     // Said also because it opens the way to the journal, which can no longer be opened when descriptors have run out.
-    platform_log(LOG_INFO, "The agent starts, start %u since the last clean stop", state.respawn_count);
+    platform_log(LOG_INFO, "Starting the agent, start %u since the last clean stop", state.respawn_count);
 }
 
 uint32_t process_manager_respawn_count(void) {
@@ -168,7 +168,7 @@ uint32_t process_manager_role(void) {
         log_problems(problems);
         state.role = config.role;
     } catch (const std::exception&) {
-        platform_log(LOG_ERR, "%s cannot be read: out of memory", platform_config_file);
+        platform_log(LOG_ERR, "Cannot read %s: out of memory", platform_config_file);
     }
     return state.role;
 }
@@ -178,14 +178,14 @@ void process_manager_ready(void) {
     state.ready = true;
     const int result = sd_notify(0, "READY=1");
     if (result < 0) {
-        platform_log(LOG_WARNING, "Readiness cannot be reported to the service manager: %s", strerror(-result));
+        platform_log(LOG_WARNING, "Cannot report readiness to the service manager: %s", strerror(-result));
     }
 }
 
 int process_manager_wait_primary(void) {
     const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (fd < 0) {
-        platform_log(LOG_ERR, "The role cannot be waited for: %s", strerror(errno));
+        platform_log(LOG_ERR, "Cannot wait for the primary role: %s", strerror(errno));
         return -1;
     }
     int result = -1;
@@ -195,7 +195,7 @@ int process_manager_wait_primary(void) {
         errno = ENOMEM;
     }
     if (result != 0) {
-        platform_log(LOG_ERR, "The role cannot be waited for: %s", strerror(errno));
+        platform_log(LOG_ERR, "Cannot wait for the primary role: %s", strerror(errno));
     } else {
         state.role = PROCESS_ROLE_PRIMARY;
     }

@@ -109,7 +109,7 @@ int loop_is_reached(sd_event_source*, void*) {
     try {
         open_requested();
     } catch (const std::exception& failure) {
-        platform_log(LOG_ERR, "VRFs were not opened: %s", failure.what());
+        platform_log(LOG_ERR, "Failed to open the ports of VRFs: %s", failure.what());
         sd_event_source_set_enabled(state.unblock, SD_EVENT_ONESHOT);
     }
     return 0;

@@ -308,20 +308,20 @@ platform_status in_vrf(const std::string& vrf_name, const char* complaint, std::
 }  // namespace
 
 platform_status mpp_filter_make(const std::string& vrf_name, bool blocked, std::string& failure) {
-    return in_vrf(vrf_name, "The packet filter cannot be made", failure,
+    return in_vrf(vrf_name, "Cannot create the packet filter", failure,
                   [&](const filter_connection& connection) { return make_table(connection, blocked); });
 }
 
 platform_status mpp_filter_block(const std::string& vrf_name, std::string& failure) {
-    return in_vrf(vrf_name, "Ports cannot be blocked", failure, block);
+    return in_vrf(vrf_name, "Cannot block the ports", failure, block);
 }
 
 platform_status mpp_filter_open(const std::string& vrf_name, std::string& failure) {
-    return in_vrf(vrf_name, "Ports cannot be opened", failure, open_ports);
+    return in_vrf(vrf_name, "Cannot open the ports", failure, open_ports);
 }
 
 platform_status mpp_filter_is_blocked(const std::string& vrf_name, bool& blocked, std::string& failure) {
-    return in_vrf(vrf_name, "The packet filter cannot be read", failure, [&](const filter_connection& connection) {
+    return in_vrf(vrf_name, "Cannot read the packet filter", failure, [&](const filter_connection& connection) {
         filter_state state = {};
         const int error = read_state(connection, state);
         if (error == 0) {
@@ -340,7 +340,7 @@ platform_status mpp_filter_available(std::string& failure) {
         error = connection.ask(header, nullptr, nullptr);
     }
     if (error != 0) {
-        failure = std::string("The kernel's packet filter cannot be reached: ") + strerror(error);
+        failure = std::string("Cannot reach the kernel's packet filter: ") + strerror(error);
     }
     return static_cast<platform_status>(error);
 }

@@ -32,7 +32,7 @@ int open_socket() {
 /// In the wrong namespace the agent would configure the wrong VRF, so there is no going on.
 void return_to(int own_namespace) {
     if (setns(own_namespace, CLONE_NEWNET) != 0) {
-        platform_log(LOG_CRIT, "The way back to the own network namespace is lost: %s", strerror(errno));
+        platform_log(LOG_CRIT, "Cannot return to the agent's own network namespace: %s", strerror(errno));
         abort();
     }
 }

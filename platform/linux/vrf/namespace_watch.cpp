@@ -100,7 +100,7 @@ std::set<std::string> read_directory() {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(namespace_directory), closedir);
     if (directory == nullptr) {
         if (errno != ENOENT) {
-            platform_log(LOG_ERR, "%s cannot be read: %s", namespace_directory, strerror(errno));
+            platform_log(LOG_ERR, "Cannot read %s: %s", namespace_directory, strerror(errno));
         }
         return names;
     }
@@ -211,7 +211,7 @@ int watch_directory(namespace_watch& watch) {
 void watch_directory_again(namespace_watch& watch) {
     const int result = watch_directory(watch);
     if (result < 0) {
-        platform_log(LOG_ERR, "%s cannot be watched: %s", namespace_directory, strerror(-result));
+        platform_log(LOG_ERR, "Cannot watch %s: %s", namespace_directory, strerror(-result));
         arm_retry(watch);
     }
     rescan(watch);
@@ -239,7 +239,7 @@ void handle_directory_change(namespace_watch& watch, uint32_t mask, const std::s
 
 void handle_parent_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
     if ((mask & IN_Q_OVERFLOW) != 0) {
-        platform_log(LOG_WARNING, "The watch of %s has overflowed, it is read anew", namespace_directory);
+        platform_log(LOG_WARNING, "The watch on %s overflowed; reading the directory again", namespace_directory);
         watch_directory_again(watch);
     } else if (name == directory_name) {
         watch_directory_again(watch);
@@ -252,7 +252,7 @@ int follow(const inotify_event& event, void* userdata) {
     try {
         handle(*static_cast<namespace_watch*>(userdata), event.mask, event.len > 0 ? event.name : "");
     } catch (const std::exception& failure) {
-        platform_log(LOG_ERR, "Changes of %s were not followed: %s", namespace_directory, failure.what());
+        platform_log(LOG_ERR, "Failed to handle changes in %s: %s", namespace_directory, failure.what());
     }
     return 0;
 }
@@ -287,7 +287,7 @@ int retry_is_due(sd_event_source*, uint64_t, void* userdata) {
     try {
         look_at_pending(*static_cast<namespace_watch*>(userdata));
     } catch (const std::exception& failure) {
-        platform_log(LOG_ERR, "Namespaces were not looked at again: %s", failure.what());
+        platform_log(LOG_ERR, "Failed to recheck the namespaces: %s", failure.what());
     }
     return 0;
 }

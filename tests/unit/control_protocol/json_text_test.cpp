@@ -41,18 +41,18 @@ TEST(control_json, reads_every_kind_of_value_and_keeps_the_order) {
 }
 
 TEST(control_json, names_a_member_that_stands_twice) {
-    EXPECT_EQ(refusal(R"({"a":1,"b":2,"a":3})"), "the name \"a\" stands twice in one object");
-    EXPECT_EQ(refusal(R"([{"x":{"k\n":1,"k\n":1}}])"), "the name \"k\\x0a\" stands twice in one object");
-    EXPECT_EQ(refusal(R"({"a":1,"\u0061":2})"), "the name \"a\" stands twice in one object");
+    EXPECT_EQ(refusal(R"({"a":1,"b":2,"a":3})"), "duplicate name \"a\" in one object");
+    EXPECT_EQ(refusal(R"([{"x":{"k\n":1,"k\n":1}}])"), "duplicate name \"k\\x0a\" in one object");
+    EXPECT_EQ(refusal(R"({"a":1,"\u0061":2})"), "duplicate name \"a\" in one object");
     EXPECT_EQ(read_and_written(R"([{"a":1},{"a":2}])"), R"([{"a":1},{"a":2}])");
 }
 
 TEST(control_json, depth_is_bounded) {
     EXPECT_EQ(read_and_written(nested(16, "[", "]")), nested(16, "[", "]"));
-    EXPECT_EQ(refusal(nested(17, "[", "]")), "arrays and objects are nested deeper than 16");
-    EXPECT_EQ(refusal(nested(17, "{\"a\":", "}")), "arrays and objects are nested deeper than 16");
+    EXPECT_EQ(refusal(nested(17, "[", "]")), "arrays and objects nested more than 16 levels deep");
+    EXPECT_EQ(refusal(nested(17, "{\"a\":", "}")), "arrays and objects nested more than 16 levels deep");
     // A million brackets must neither take the stack nor the day.
-    EXPECT_EQ(refusal(std::string(1'000'000, '[')), "arrays and objects are nested deeper than 16");
+    EXPECT_EQ(refusal(std::string(1'000'000, '[')), "arrays and objects nested more than 16 levels deep");
 }
 
 TEST(control_json, number_of_values_is_bounded) {
@@ -85,8 +85,8 @@ TEST(control_json, what_is_not_utf_8_is_refused) {
 
 TEST(control_json, a_nul_byte_does_not_hide_what_follows) {
     using namespace std::string_literals;
-    EXPECT_EQ(refusal("{}\0{}"s), "not JSON: a NUL byte stands in it");
-    EXPECT_EQ(refusal("\"a\0b\""s), "not JSON: a NUL byte stands in it");
+    EXPECT_EQ(refusal("{}\0{}"s), "not JSON: contains a NUL byte");
+    EXPECT_EQ(refusal("\"a\0b\""s), "not JSON: contains a NUL byte");
     EXPECT_EQ(read_and_written(R"("a\u0000b")"), R"("a\u0000b")");
 }
 

@@ -53,7 +53,7 @@ TEST(ctl_calls, key_import_sends_what_the_file_holds) {
               R"({"call":"key_import","user":"alice","text":"# mine\nssh-rsa AAAA me\n"})");
     std::ofstream(file, std::ios::trunc) << "ssh-rsa \xff";
     EXPECT_THAT(made("key", {"import", "alice", file}).problem["message"].get<std::string>(),
-                HasSubstr("the file is not UTF-8 text"));
+                HasSubstr("not valid UTF-8"));
     EXPECT_THAT(made("key", {"import", "alice", "/nowhere"}).problem["message"].get<std::string>(),
                 HasSubstr("/nowhere"));
 }
@@ -62,7 +62,8 @@ TEST(ctl_calls, reload_takes_a_timeout_that_makes_sense) {
     for (const char* timeout : {"0", "3601", "-1", "x", "1s", "", "99999999999"}) {
         const ctl_request wrong = made("reload", {"--timeout", timeout});
         EXPECT_EQ(wrong.problem["result"], "usage") << timeout;
-        EXPECT_THAT(wrong.problem["message"].get<std::string>(), HasSubstr("from 1 to 3600, not '")) << timeout;
+        EXPECT_THAT(wrong.problem["message"].get<std::string>(), HasSubstr("expected 1 to 3600 seconds, not '"))
+            << timeout;
     }
 }
 
@@ -79,7 +80,7 @@ TEST(ctl_calls, load_takes_its_option_before_or_behind_the_file) {
     EXPECT_EQ(request("load", {"--check", file}), R"({"call":"load","check":true,"items":{"/a":null}})");
     EXPECT_EQ(request("load", {file, "--check"}), R"({"call":"load","check":true,"items":{"/a":null}})");
     std::ofstream(file, std::ios::trunc) << "[1]";
-    EXPECT_THAT(made("load", {file}).problem["message"].get<std::string>(), HasSubstr("must hold one JSON object"));
+    EXPECT_THAT(made("load", {file}).problem["message"].get<std::string>(), HasSubstr("expected one JSON object"));
     EXPECT_EQ(made("load", {file}).problem["result"], "refused");
 }
 
@@ -123,7 +124,7 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
 TEST(ctl_calls, bytes_that_are_no_text_are_refused_before_json_alters_them) {
     const ctl_request refused = made("set", {"/a", "b\xff"});
     EXPECT_EQ(refused.problem["result"], "refused");
-    EXPECT_EQ(refused.problem["message"], "\"b\\xff\" is not UTF-8 text");
+    EXPECT_EQ(refused.problem["message"], "\"b\\xff\" is not valid UTF-8");
 }
 
 TEST(ctl_calls, an_unknown_call_has_no_row) {
@@ -153,7 +154,7 @@ TEST(ctl_texts, a_change_is_silent_and_a_load_counts) {
 TEST(ctl_texts, a_check_tells_each_change) {
     EXPECT_EQ(text("load",
                    R"({"check":true,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"}]})"),
-              "created  /a\n1 created, 1 unchanged (checked only, nothing is stored)\n");
+              "created  /a\n1 created, 1 unchanged (checked only, nothing stored)\n");
 }
 
 TEST(ctl_texts, a_traced_status_has_its_text) {

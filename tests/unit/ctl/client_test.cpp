@@ -41,7 +41,7 @@ TEST(ctl_ask, an_agent_that_dies_in_the_middle_is_unreachable) {
     const control_json answer = ctl_ask(settings, request);
     EXPECT_EQ(answer["result"], "unreachable");
     EXPECT_THAT(answer.value("message", ""),
-                HasSubstr("went away before it answered; a change may or may not be stored"));
+                HasSubstr("closed the connection before answering; a change may or may not be stored"));
 }
 
 TEST(ctl_ask, an_agent_that_is_silent_is_unreachable_after_the_timeout) {
@@ -51,7 +51,7 @@ TEST(ctl_ask, an_agent_that_is_silent_is_unreachable_after_the_timeout) {
     const control_json answer = ctl_ask({fake_agent::path(), 1, false}, request);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(answer["result"], "unreachable");
-    EXPECT_THAT(answer.value("message", ""), HasSubstr("not answered within 1 seconds"));
+    EXPECT_THAT(answer.value("message", ""), HasSubstr("did not answer within 1 seconds"));
 }
 
 TEST(ctl_ask, tries_again_when_there_was_no_place) {

@@ -62,13 +62,14 @@ TEST(ctl_run, a_change_is_silent_unless_json_is_wanted) {
     EXPECT_EQ(run({"debug", "cfg-agent", "on"}, R"({"result":"done"})").output, "");
 }
 
-TEST(ctl_run, what_is_stored_but_not_carried_out_is_no_success) {
-    const std::string answer = R"({"result":"done","items":[],"warnings":[{"path":"/a","message":"no memory"}]})";
+TEST(ctl_run, a_change_that_is_stored_but_not_in_force_is_a_failure) {
+    const std::string answer =
+        R"({"result":"done","items":[],"warnings":[{"path":"/a","message":"/a: stored, not in force (0xc); the agent's log says why"}]})";
     for (const std::vector<std::string>& arguments :
          {std::vector<std::string>{"set", "/a", "1"}, std::vector<std::string>{"--json", "set", "/a", "1"}}) {
         const outcome result = run(arguments, answer);
         EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.errors, "ssh_cfg_ctl: stored, but not carried out: /a: no memory\n");
+        EXPECT_EQ(result.errors, "ssh_cfg_ctl: /a: stored, not in force (0xc); the agent's log says why\n");
     }
 }
 
@@ -108,7 +109,7 @@ TEST(ctl_run, goes_on_asking_until_an_answer_is_the_last) {
 TEST(ctl_run, usage_errors_say_how_it_is_done) {
     const outcome unknown = run({"stauts"});
     EXPECT_EQ(unknown.status, 2);
-    EXPECT_THAT(unknown.errors, HasSubstr("there is no call 'stauts'; did you mean 'status'?"));
+    EXPECT_THAT(unknown.errors, HasSubstr("unknown call 'stauts'; did you mean 'status'?"));
     EXPECT_THAT(unknown.errors, HasSubstr("Try 'ssh_cfg_ctl --help'."));
     const outcome missing = run({"set", "/a"});
     EXPECT_EQ(missing.status, 2);

@@ -63,7 +63,7 @@ TEST(ctl_read_json_file, says_where_the_mistake_is) {
     EXPECT_EQ(problem["result"], "refused");
     EXPECT_THAT(problem["message"].get<std::string>(), HasSubstr(broken.name + ": not JSON: parse error at line 3"));
     EXPECT_FALSE(ctl_read_json_file(doubled.name, problem).has_value());
-    EXPECT_EQ(problem["message"], doubled.name + ": the name \"/a\" stands twice in one object");
+    EXPECT_EQ(problem["message"], doubled.name + ": duplicate name \"/a\" in one object");
 }
 
 }  // namespace

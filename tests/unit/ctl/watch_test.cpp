@@ -77,7 +77,7 @@ TEST(ctl_watch, writes_each_event_as_a_line_and_ends_with_the_agent) {
     const output_pipe output;
     const control_json end = ctl_watch(settings, request, output.writer());
     EXPECT_EQ(result_of(end), "unreachable");
-    EXPECT_EQ(end["message"], "the agent went away");
+    EXPECT_EQ(end["message"], "the agent closed the connection");
     EXPECT_EQ(output.read_all(), first_line + "{\"update\":[{\"val\":2}]}\n{\"update\":[]}\n");
     EXPECT_THAT(agent.requests, testing::ElementsAre(R"({"call":"watch"})"));
 }
@@ -96,11 +96,11 @@ TEST(ctl_watch, passes_over_what_it_does_not_know) {
 }
 
 TEST(ctl_watch, gives_the_agents_own_words_when_it_is_not_admitted) {
-    fake_agent agent({R"({"result":"failed","message":"there are 16 watchers already; more are not served"})"});
+    fake_agent agent({R"({"result":"failed","message":"too many watchers: the limit is 16"})"});
     const output_pipe output;
     const control_json end = ctl_watch(settings, request, output.writer());
     EXPECT_EQ(result_of(end), "failed");
-    EXPECT_THAT(end.value("message", ""), HasSubstr("16 watchers"));
+    EXPECT_THAT(end.value("message", ""), HasSubstr("the limit is 16"));
     EXPECT_EQ(output.read_all(), "");
 }
 
@@ -109,7 +109,7 @@ TEST(ctl_watch, an_event_that_cannot_be_read_ends_the_watch) {
     const output_pipe output;
     const control_json end = ctl_watch(settings, request, output.writer());
     EXPECT_EQ(result_of(end), "failed");
-    EXPECT_THAT(end.value("message", ""), HasSubstr("cannot be read"));
+    EXPECT_THAT(end.value("message", ""), HasSubstr("cannot parse"));
     EXPECT_EQ(output.read_all(), first_line);
 }
 
@@ -201,7 +201,7 @@ TEST(ctl_watch, is_a_call_of_the_tool) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(ctl_run({"--socket", fake_agent::path(), "watch"}), 3);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), first_line);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ssh_cfg_ctl: the agent went away\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ssh_cfg_ctl: the agent closed the connection\n");
     EXPECT_EQ(ctl_run({"--socket", fake_agent::path(), "watch", "it"}), 2);
 }
 

@@ -86,9 +86,9 @@ TEST(launcher_algorithm_query, tells_why_ssh_gave_no_answer) {
                 HasSubstr("No such file or directory"));
     const std::string broken = scratch.write_program("broken", "echo 'no library' >&2; exit 127\n");
     EXPECT_EQ(query_algorithms(broken, scratch.file("cache"), known),
-              broken + " -Q cipher tells no algorithms: exit status 127 no library");
+              broken + " -Q cipher lists no algorithms: exit status 127 no library");
     EXPECT_THAT(query_algorithms(scratch.write_program("silent", "exit 0\n"), scratch.file("cache"), known),
-                HasSubstr("-Q cipher tells no algorithms"));
+                HasSubstr("-Q cipher lists no algorithms"));
     EXPECT_EQ(known.names, fixed_algorithms().names);
     EXPECT_FALSE(openssh_test::exists(scratch.file("cache")));
 }

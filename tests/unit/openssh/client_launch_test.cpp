@@ -93,8 +93,8 @@ TEST_F(launcher_client, leaves_out_what_stock_ssh_has_not) {
               "IPQoS 0x40\n"
               "Ciphers chacha20-poly1305@openssh.com,aes256-ctr\n"
               "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256\n");
-    for (const char* text : {"line 4: HostKeyAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa",
-                             "line 9: Protocol left out", "line 10: WindowScaleQd left out"}) {
+    for (const char* text : {"line 4: HostKeyAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa",
+                             "line 9: Protocol ignored", "line 10: WindowScaleQd ignored"}) {
         EXPECT_THAT(log_, HasSubstr("ssh_csm: " + paths_.client_file + ": " + text));
     }
     EXPECT_EQ(terminal_, "");
@@ -108,7 +108,7 @@ TEST_F(launcher_client, in_fips_mode_offers_approved_algorithms_alone) {
     EXPECT_THAT(settings_, HasSubstr("Ciphers aes256-ctr\n"));
     EXPECT_THAT(settings_, HasSubstr("KexAlgorithms ecdh-sha2-nistp256\n"));
     EXPECT_THAT(settings_, HasSubstr("HostKeyAlgorithms rsa-sha2-512\n"));
-    EXPECT_THAT(log_, HasSubstr("Ciphers: left out, not approved in FIPS mode: chacha20-poly1305@openssh.com"));
+    EXPECT_THAT(log_, HasSubstr("Ciphers: ignored, not approved in FIPS mode: chacha20-poly1305@openssh.com"));
     // A plain start leaves no such lines: ssh's own defaults would not do.
     scratch_.write("ssh_config", "IPQoS 0x40\n");
     EXPECT_EQ(prepare(), "");
@@ -122,15 +122,15 @@ TEST_F(launcher_client, in_fips_mode_offers_approved_algorithms_alone) {
 TEST_F(launcher_client, in_fips_mode_a_list_of_which_nothing_is_left_is_not_used) {
     scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
     scratch_.write("ssh_config", "Ciphers chacha20-poly1305@openssh.com\n");
-    EXPECT_EQ(prepare(), "the client's file cannot be used");
-    EXPECT_THAT(terminal_, HasSubstr("nothing remains of the list in FIPS mode"));
+    EXPECT_EQ(prepare(), "the client's file is unusable");
+    EXPECT_THAT(terminal_, HasSubstr("the list is empty in FIPS mode"));
 }
 
 TEST_F(launcher_client, an_emptied_list_is_told_at_the_terminal) {
     scratch_.write("ssh_config", "Ciphers rot13\nStrictHostKeyChecking perhaps\n");
     EXPECT_EQ(prepare(), "");
-    EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: nothing remains of the list, ssh's own default is in force"));
-    EXPECT_THAT(log_, HasSubstr("ssh does not take the value \"perhaps\""));
+    EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: the list is empty; ssh's own default is in force"));
+    EXPECT_THAT(log_, HasSubstr("ssh does not accept the value \"perhaps\""));
     EXPECT_EQ(settings_, "");
 }
 
@@ -218,7 +218,7 @@ TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
     scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
     EXPECT_EQ(prepare(), "");
     EXPECT_EQ(settings_, "IPQoS 0x40\n");
-    EXPECT_THAT(log_, HasSubstr("line 2: Host left out"));
+    EXPECT_THAT(log_, HasSubstr("line 2: Host ignored"));
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ TEST_F(launcher_launch, reports_each_thing_left_out_with_the_name_of_the_file) {
     write_settings("RateLimitQd 60\n");
     EXPECT_EQ(prepare(), launch_ready);
     EXPECT_EQ(said_, "sshd: " + options_.file +
-                         ": line 4: RateLimitQd left out: stock sshd does not limit connections per minute\n");
+                         ": line 4: RateLimitQd ignored: stock sshd does not limit connections per minute\n");
 }
 
 TEST_F(launcher_launch, runs_with_the_last_good_file_when_sshd_refuses_the_new_one) {
@@ -111,7 +111,7 @@ TEST_F(launcher_launch, recovers_once_the_settings_are_good_again) {
 TEST_F(launcher_launch, does_not_start_without_a_last_good_file) {
     write_settings("MaxStartups nonsense\n");
     EXPECT_EQ(prepare(), launch_no_good_file);
-    EXPECT_THAT(said_, HasSubstr("there is no last good file, the server is not started"));
+    EXPECT_THAT(said_, HasSubstr("no last good file exists; the server is not started"));
     EXPECT_FALSE(exists(current()));
 }
 
@@ -119,8 +119,8 @@ TEST_F(launcher_launch, does_not_start_with_a_last_good_file_that_is_no_longer_g
     ASSERT_EQ(prepare(), launch_ready);
     ASSERT_EQ(unlink(key_.c_str()), 0);
     EXPECT_EQ(prepare(), launch_no_good_file);
-    EXPECT_THAT(said_, HasSubstr("no host key is left, the file is not used"));
-    EXPECT_THAT(said_, HasSubstr("the last good file is no longer good"));
+    EXPECT_THAT(said_, HasSubstr("no usable host key; the file is not used"));
+    EXPECT_THAT(said_, HasSubstr("the last good file is no longer valid"));
 }
 
 TEST_F(launcher_launch, a_refused_fips_file_never_runs_with_what_was_good_outside_fips_mode) {
@@ -152,7 +152,7 @@ TEST_F(launcher_launch, a_failing_ssh_costs_the_new_settings_not_the_server) {
     ASSERT_EQ(prepare(), launch_ready);
     paths_.ssh = scratch_.write_program("ssh", "exit 1\n");
     EXPECT_EQ(prepare(), launch_ready);
-    EXPECT_THAT(said_, HasSubstr("tells no algorithms"));
+    EXPECT_THAT(said_, HasSubstr("lists no algorithms"));
     EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST GOOD FILE"));
 }
 
@@ -234,7 +234,7 @@ TEST_F(launcher_session_hook, is_not_used_when_a_part_is_missing_and_the_operato
         SetUp();
         unlink(part->c_str());
         EXPECT_EQ(hook(), "");
-        EXPECT_THAT(said_, HasSubstr("sessions run without their wrapper, a reload will not end them: " + *part));
+        EXPECT_THAT(said_, HasSubstr("sessions run without their wrapper, so a reload will not end them: " + *part));
     }
 }
 

@@ -41,19 +41,19 @@ TEST(launcher_options, takes_a_test_without_an_identifier) {
 }
 
 TEST(launcher_options, says_what_is_missing) {
-    EXPECT_EQ(complaint({}), "option -f with the server file is missing");
-    EXPECT_EQ(complaint({"-v", "1"}), "option -f with the server file is missing");
-    EXPECT_EQ(complaint({"-f", "/a"}), "option -v with the VRF's identifier is missing");
-    EXPECT_EQ(complaint({"-f"}), "option -f needs a value");
-    EXPECT_EQ(complaint({"-f", "", "-v", "1"}), "option -f with the server file is missing");
+    EXPECT_EQ(complaint({}), "missing option -f FILE");
+    EXPECT_EQ(complaint({"-v", "1"}), "missing option -f FILE");
+    EXPECT_EQ(complaint({"-f", "/a"}), "missing option -v ID");
+    EXPECT_EQ(complaint({"-f"}), "option -f requires a value");
+    EXPECT_EQ(complaint({"-f", "", "-v", "1"}), "missing option -f FILE");
 }
 
 TEST(launcher_options, says_what_is_wrong) {
     EXPECT_EQ(complaint({"-f", "a", "-v", "1"}), "the server file \"a\" is not an absolute path");
     for (const char* id : {"x", "1x", "-1", "", " 1", "4294967296", "0x1"}) {
         EXPECT_EQ(complaint({"-f", "/a", "-v", id}),
-                  std::string("the VRF's identifier \"") + id + "\" is not a number from 0 to 4294967295");
+                  std::string("the VRF identifier \"") + id + "\" is not a number from 0 to 4294967295");
     }
-    EXPECT_EQ(complaint({"-D", "-f", "/a"}), "option -D is not known");
-    EXPECT_EQ(complaint({"-f", "/a", "-v", "1", "more"}), "the argument \"more\" is one too many");
+    EXPECT_EQ(complaint({"-D", "-f", "/a"}), "unknown option -D");
+    EXPECT_EQ(complaint({"-f", "/a", "-v", "1", "more"}), "unexpected argument \"more\"");
 }

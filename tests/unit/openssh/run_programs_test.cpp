@@ -36,7 +36,7 @@ TEST(launcher_run_programs, kills_what_does_not_end_in_time) {
     const auto results = run_programs({{sleeper}}, milliseconds(300));
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(20));
     EXPECT_EQ(results[0].status, -1);
-    EXPECT_EQ(results[0].failure, "did not end in time and was killed");
+    EXPECT_EQ(results[0].failure, "timed out and was killed");
     EXPECT_EQ(results[0].output, "early\n");
 }
 
@@ -44,7 +44,7 @@ TEST(launcher_run_programs, tells_of_a_signal) {
     const scratch_directory scratch;
     const auto results = run_programs({{scratch.write_program("killed", "kill -9 $$\n")}}, seconds(20));
     EXPECT_EQ(results[0].status, -1);
-    EXPECT_EQ(results[0].failure, "was ended by signal 9");
+    EXPECT_EQ(results[0].failure, "was killed by signal 9");
 }
 
 TEST(launcher_run_programs, keeps_a_bounded_part_of_a_flood) {

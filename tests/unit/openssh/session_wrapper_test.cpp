@@ -76,7 +76,7 @@ TEST_F(session_wrapper_script, passes_the_exit_status_on) {
 TEST_F(session_wrapper_script, ends_by_the_signal_that_ended_the_session) {
     for (const int number : {1, 2, 3, 6, 9, 10, 11, 13, 15}) {
         const program_result result = run("kill -" + std::to_string(number) + " $$; sleep 5");
-        EXPECT_EQ(result.failure, "was ended by signal " + std::to_string(number));
+        EXPECT_EQ(result.failure, "was killed by signal " + std::to_string(number));
     }
 }
 

@@ -62,7 +62,7 @@ TEST(launcher_state_files, trusts_no_directory_that_others_can_write_to) {
     for (const mode_t mode : {0777, 0720, 0702}) {
         ASSERT_EQ(chmod(scratch.file("open").c_str(), mode), 0);
         EXPECT_EQ(ensure_directory(scratch.file("open"), 0700),
-                  scratch.file("open") + " belongs to somebody else or can be written by others");
+                  scratch.file("open") + " is owned by another user or writable by others");
     }
     ASSERT_EQ(symlink("/tmp", scratch.file("link").c_str()), 0);
     EXPECT_EQ(ensure_directory(scratch.file("link"), 0700), scratch.file("link") + " is not a directory");

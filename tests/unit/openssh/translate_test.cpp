@@ -84,11 +84,11 @@ TEST(launcher_translate, takes_one_host_key_a_line_or_a_list) {
 
 TEST(launcher_translate, leaves_out_host_keys_that_are_missing_or_repeated_or_no_paths) {
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa,/pkg/dsa,/pkg/rsa,rsa,/pkg/a b\nHostKey\n"),
-                ElementsAre("<5> line 3: HostKey /pkg/dsa left out: there is no such key file that can be read",
-                            "<5> line 3: HostKey /pkg/rsa left out: an earlier line of the same setting stands",
-                            "<4> line 3: HostKey left out: \"rsa\" is not an absolute path",
-                            "<4> line 3: HostKey left out: \"/pkg/a b\" is not an absolute path",
-                            "<4> line 4: HostKey left out: it names no file"));
+                ElementsAre("<5> line 3: HostKey /pkg/dsa ignored: no readable key file of that name",
+                            "<5> line 3: HostKey /pkg/rsa ignored: an earlier line has set it",
+                            "<4> line 3: HostKey ignored: \"rsa\" is not an absolute path",
+                            "<4> line 3: HostKey ignored: \"/pkg/a b\" is not an absolute path",
+                            "<4> line 4: HostKey ignored: it names no file"));
 }
 
 // Without a HostKey line sshd would take keys from a place of its own.
@@ -96,7 +96,7 @@ TEST(launcher_translate, refuses_a_file_without_a_host_key) {
     for (const char* text : {"", "HostKey /pkg/dsa\n", "Port 22\n"}) {
         const translation result = translate_text(text);
         EXPECT_TRUE(result.refused) << text;
-        EXPECT_EQ(remarks_of(result).back(), "<3> no host key is left, the file is not used");
+        EXPECT_EQ(remarks_of(result).back(), "<3> no usable host key; the file is not used");
     }
 }
 
@@ -104,8 +104,7 @@ TEST(launcher_translate, an_emptied_list_is_left_out_loudly) {
     const translation result = translate_text("HostKey /pkg/rsa\nCiphers rot13,\n");
     EXPECT_FALSE(result.refused);
     EXPECT_THAT(result.text, Not(HasSubstr("Ciphers")));
-    EXPECT_EQ(remarks_of(result).back(),
-              "<3> line 2: Ciphers: nothing remains of the list, sshd's own default is in force");
+    EXPECT_EQ(remarks_of(result).back(), "<3> line 2: Ciphers: the list is empty; sshd's own default is in force");
 }
 
 TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
@@ -114,7 +113,7 @@ TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
           "HostKeyAlgorithms ssh-ed25519,ssh-rsa,", "Ciphers", "Ciphers +aes128-ctr", "Ciphers ,"}) {
         const std::string text = format_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n%s\n", line);
         EXPECT_TRUE(translate_text(text).refused) << line;
-        EXPECT_THAT(remarks_of(text).back(), HasSubstr("nothing remains of the list in FIPS mode")) << line;
+        EXPECT_THAT(remarks_of(text).back(), HasSubstr("the list is empty in FIPS mode")) << line;
     }
 }
 
@@ -158,7 +157,7 @@ TEST(launcher_translate, additional_key_algorithms_add_to_sshds_own) {
               "PubkeyAcceptedAlgorithms +ssh-rsa\n");
     EXPECT_EQ(settings_of(translate_text("AcceptedAlgorithms x509v3-ssh-rsa\n")), "");
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nAcceptedAlgorithms x509v3-ssh-rsa\n"),
-                ElementsAre("<5> line 4: AcceptedAlgorithms: left out, not known to this OpenSSH: x509v3-ssh-rsa"));
+                ElementsAre("<5> line 4: AcceptedAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa"));
 }
 
 TEST(launcher_translate, in_fips_mode_sha1_keys_are_not_added) {
@@ -182,8 +181,8 @@ TEST(launcher_translate, a_default_that_would_open_the_router_is_not_left_to_ssh
     EXPECT_THAT(result.text, HasSubstr("\nAllowTcpForwarding no\n"));
     EXPECT_THAT(result.text, HasSubstr("\nUsePAM yes\n"));
     EXPECT_THAT(remarks_of(result),
-                ElementsAre("<4> line 2: AllowTcpForwarding left out: sshd does not take the value \"2\"",
-                            "<4> line 3: UsePAM left out: sshd does not take the value \"perhaps\"",
+                ElementsAre("<4> line 2: AllowTcpForwarding ignored: sshd does not accept the value \"2\"",
+                            "<4> line 3: UsePAM ignored: sshd does not accept the value \"perhaps\"",
                             "<5> no usable UsePAM line: \"yes\" is in force",
                             "<5> no usable AllowTcpForwarding line: \"no\" is in force"));
 }
@@ -205,7 +204,7 @@ TEST(launcher_translate, names_the_program_that_knows_the_users_keys) {
 TEST(launcher_translate, leaves_out_a_conditional_block_and_what_is_behind_it) {
     const translation result = translate_text("Port 22\nMatch User x\n  PermitEmptyPasswords yes\nBanner /b\n");
     EXPECT_EQ(settings_of(result), "Port 22\n");
-    EXPECT_THAT(remarks_of(result)[0], HasSubstr("line 2: Match left out"));
+    EXPECT_THAT(remarks_of(result)[0], HasSubstr("line 2: Match ignored"));
 }
 
 TEST(launcher_translate, reads_lines_as_sshd_does) {
@@ -218,14 +217,14 @@ TEST(launcher_translate, leaves_out_lines_with_control_characters) {
     using std::string_literals::operator""s;
     EXPECT_EQ(settings_of(translate_text("Banner /a\0b\nBanner /a\x1b[2J\nBanner\r/x\nP\0rt 22\n"s)), "");
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nBanner /a\0b\n"s),
-                ElementsAre("<4> line 4: Banner left out: the line holds a control character"));
+                ElementsAre("<4> line 4: Banner ignored: the line contains a control character"));
 }
 
 TEST(launcher_translate, leaves_out_lines_that_are_too_long) {
     const std::string giant = "Banner /" + std::string(1 << 20, 'x');
     EXPECT_EQ(settings_of(translate_text(giant + "\nPort 22")), "Port 22\n");
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\n" + giant),
-                ElementsAre("<4> line 4: Banner left out: the line is longer than 8192 bytes"));
+                ElementsAre("<4> line 4: Banner ignored: the line is longer than 8192 bytes"));
     const translation word = translate_text(std::string(1 << 20, 'k'));
     EXPECT_LT(remarks_of(word)[0].size(), 400U);
 }
@@ -237,8 +236,8 @@ TEST(launcher_translate, bounds_its_remarks) {
     }
     const auto remarks = remarks_of(translate_text(text));
     ASSERT_EQ(remarks.size(), most_remarks + 1);
-    EXPECT_EQ(remarks[most_remarks - 1], "<3> no host key is left, the file is not used");
-    EXPECT_EQ(remarks.back(), "<4> 99801 more remarks of this kind are not shown");
+    EXPECT_EQ(remarks[most_remarks - 1], "<3> no usable host key; the file is not used");
+    EXPECT_EQ(remarks.back(), "<4> 99801 more remarks are not shown");
     std::string names;
     for (int i = 0; i < 1000; ++i) {
         names += ",x";
@@ -256,7 +255,7 @@ TEST(launcher_translate, puts_the_places_that_tell_of_sessions_before_others) {
                                           .verbose_places = "auth.c:*"});
     EXPECT_THAT(result.text, HasSubstr("\nLogVerbose auth.c:*\n"));
     EXPECT_THAT(result.text, Not(HasSubstr("kex.c")));
-    EXPECT_THAT(remarks_of(result), testing::Contains(HasSubstr("LogVerbose kex.c:* left out")));
+    EXPECT_THAT(remarks_of(result), testing::Contains(HasSubstr("LogVerbose kex.c:* ignored")));
 }
 
 namespace {

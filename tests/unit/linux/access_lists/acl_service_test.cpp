@@ -258,7 +258,7 @@ TEST_F(acl_service_test, a_refused_call_names_the_line_and_leaves_the_list) {
     const char* turned =
         R"({"call":"acl_set","family":"ipv4","name":"ops","entries":[{"Grant":"permit","SequenceNumber":20},)"
         R"({"Grant":"permit","SequenceNumber":10}]})";
-    EXPECT_THAT(message(turned), HasSubstr("entry 2: SequenceNumber: 10; expected a number above"));
+    EXPECT_THAT(message(turned), HasSubstr("entry 2: SequenceNumber: 10; expected a number greater than"));
     EXPECT_EQ(ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["lines"].size(), 1U);
 }
 

@@ -10,7 +10,7 @@ class control_calls_test : public control_test::calls_test {};
 
 TEST_F(control_calls_test, an_unknown_call_is_a_usage_error_that_names_it) {
     EXPECT_EQ(result(R"({"call":"format"})"), "usage");
-    EXPECT_EQ(message(R"({"call":"for\nmat"})"), "this agent knows no call \"for\\x0amat\"");
+    EXPECT_EQ(message(R"({"call":"for\nmat"})"), "unknown call \"for\\x0amat\"");
     EXPECT_LT(message(R"({"call":")" + std::string(5000, 'x') + "\"}").size(), 100U);
     EXPECT_EQ(result(R"({"call":""})"), "usage");
 }

@@ -106,7 +106,7 @@ TEST_F(control_change_calls_test, what_an_applier_could_not_do_is_a_warning) {
     ASSERT_EQ(answer["warnings"].size(), 1U);
     EXPECT_EQ(answer["warnings"][0]["path"], timeout_path);
     EXPECT_EQ(stored(timeout_path), "45");
-    EXPECT_THAT(audit.back(), HasSubstr("not carried out: /cfg/gl/crypto/ssh/server/cmn/timeout"));
+    EXPECT_THAT(audit.back(), HasSubstr("/cfg/gl/crypto/ssh/server/cmn/timeout: stored, not in force (0x"));
 }
 
 TEST_F(control_change_calls_test, delete_removes_an_item_or_a_subtree) {
@@ -142,7 +142,7 @@ TEST_F(control_change_calls_test, load_tells_all_mistakes_at_once) {
     }
     const std::string many = message(R"({"call":"load","items":{)" + items + "}}");
     EXPECT_EQ(std::count(many.begin(), many.end(), '\n'), 20);
-    EXPECT_THAT(many, HasSubstr("\n80 more items are refused"));
+    EXPECT_THAT(many, HasSubstr("\n80 more items were refused"));
 }
 
 TEST_F(control_change_calls_test, a_check_verifies_and_changes_nothing) {

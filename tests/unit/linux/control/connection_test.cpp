@@ -70,14 +70,15 @@ TEST_F(control_connection_test, takes_a_frame_of_the_greatest_size) {
     // The test's answer repeats the request, which makes it larger than a frame may be.
     const control_json answer = ask(peer, document);
     EXPECT_EQ(answer["result"], "failed");
-    EXPECT_THAT(answer.value("message", ""), HasSubstr("the answer is larger than a frame may be"));
+    EXPECT_THAT(answer.value("message", ""), HasSubstr("the answer exceeds the maximum frame size"));
     EXPECT_EQ(ask(peer, R"({"call":"echo"})")["result"], "done");
     EXPECT_EQ(server->large_frames, 0U);
 }
 
 TEST_F(control_connection_test, refuses_a_frame_that_is_too_large) {
     start();
-    expect_refused(header_announcing(CONTROL_FRAME_MAX + 1), "a frame of 16777217 bytes; at most 16777216 are taken");
+    expect_refused(header_announcing(CONTROL_FRAME_MAX + 1),
+                   "a frame of 16777217 bytes exceeds the maximum of 16777216");
     expect_refused(header_announcing(0xffffffff) + "xxxx", "a frame of 4294967295 bytes");
 }
 
@@ -95,8 +96,8 @@ TEST_F(control_connection_test, refuses_what_is_no_json) {
     expect_refused(frame_of("GET / HTTP/1.1\r\n"), "not JSON");
     expect_refused(frame_of("{\"call\":\"echo\xff\"}"), "UTF-8");
     expect_refused(frame_of(std::string("{}\0", 3)), "NUL");
-    expect_refused(frame_of(std::string(100'000, '[')), "nested deeper than 16");
-    expect_refused(frame_of(R"({"call":"echo","call":"throw"})"), "the name \"call\" stands twice");
+    expect_refused(frame_of(std::string(100'000, '[')), "nested more than 16 levels deep");
+    expect_refused(frame_of(R"({"call":"echo","call":"throw"})"), "duplicate name \"call\"");
 }
 
 TEST_F(control_connection_test, says_what_a_request_is) {
@@ -113,11 +114,11 @@ TEST_F(control_connection_test, answers_half_a_frame) {
     client peer;
     peer.put(frame_of(R"({"call":"echo"})").substr(0, 10));
     peer.end_output();
-    expect_refused_and_dropped(peer, "it ended in the middle of a frame");
+    expect_refused_and_dropped(peer, "it ends in the middle of a frame");
     client header_only;
     header_only.put("\x01");
     header_only.end_output();
-    expect_refused_and_dropped(header_only, "it ended in the middle of a frame");
+    expect_refused_and_dropped(header_only, "it ends in the middle of a frame");
 }
 
 TEST_F(control_connection_test, forgets_a_peer_that_goes_without_a_word) {
@@ -152,7 +153,7 @@ TEST_F(control_connection_test, drops_a_peer_that_never_finishes_its_frame) {
     }));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
     EXPECT_GT(sent, 4U);
-    EXPECT_THAT(slow.answer().value("message", ""), HasSubstr("its frame was not finished within"));
+    EXPECT_THAT(slow.answer().value("message", ""), HasSubstr("the frame is still incomplete after"));
     EXPECT_TRUE(is_dropped(slow));
 }
 

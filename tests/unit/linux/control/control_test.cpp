@@ -85,7 +85,7 @@ TEST_F(control_test_case, answers_once_started) {
     ASSERT_EQ(0U, control_start(loop));
     EXPECT_EQ(0U, control_start(loop));
     EXPECT_TRUE(run_until([&] { return early.has_answer(); }));
-    EXPECT_EQ(early.answer()["message"], "this agent knows no call \"no such call\"");
+    EXPECT_EQ(early.answer()["message"], "unknown call \"no such call\"");
 }
 
 TEST_F(control_test_case, replaces_the_socket_of_a_dead_agent) {

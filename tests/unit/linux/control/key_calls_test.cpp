@@ -57,16 +57,16 @@ TEST_F(control_key_calls_test, keys_are_listed_with_all_that_is_known_of_them) {
 TEST_F(control_key_calls_test, a_file_may_have_comments_but_only_one_key) {
     const std::string key = key_of(usual(), modulus(1024));
     EXPECT_EQ(imported("alice", "# my key\n\n  \t\r\n" + key + " me\r\n\n"), "done");
-    EXPECT_EQ(imported("alice", key + "\n" + key), "refuseduser alice: expected one key, in one line");
-    EXPECT_EQ(imported("alice", "# none\n"), "refuseduser alice: expected one key, in one line");
-    EXPECT_EQ(imported("alice", ""), "refuseduser alice: expected one key, in one line");
+    EXPECT_EQ(imported("alice", key + "\n" + key), "refuseduser alice: expected exactly one key on one line");
+    EXPECT_EQ(imported("alice", "# none\n"), "refuseduser alice: expected exactly one key on one line");
+    EXPECT_EQ(imported("alice", ""), "refuseduser alice: expected exactly one key on one line");
 }
 
 TEST_F(control_key_calls_test, what_is_no_key_is_refused_with_the_reason_and_what_is_wanted) {
     const std::pair<std::string, const char*> rows[] = {
-        {"ssh-ed25519 AAAA", "of another type than ssh-rsa"},
-        {"ssh-rsa ????", "no base64 text"},
-        {key_of(usual(), modulus(1024)).substr(0, 100), "ends in the middle"},
+        {"ssh-ed25519 AAAA", "type is not ssh-rsa"},
+        {"ssh-rsa ????", "not valid base64"},
+        {key_of(usual(), modulus(1024)).substr(0, 100), "truncated"},
         {key_of("\1", modulus(1024)), "exponent"},
         {key_of(usual(), modulus(512)), "fewer than 1024 bits"},
         {key_of(usual(), modulus(16384)), "more than 1024 bytes in DER form"},
@@ -82,8 +82,8 @@ TEST_F(control_key_calls_test, what_is_no_key_is_refused_with_the_reason_and_wha
 TEST_F(control_key_calls_test, keys_of_the_configuration_are_left_to_the_configuration) {
     configure("bob");
     EXPECT_EQ(imported("bob", key_of(usual(), modulus(2048))),
-              "refuseduser bob has a key by configuration; delete "
-              "/cfg/gl/crypto/ssh/server/cmn/username/bob/keystr to be rid of it");
+              "refuseduser bob has a configured key; delete "
+              "/cfg/gl/crypto/ssh/server/cmn/username/bob/keystr to remove it");
     EXPECT_EQ(result(R"({"call":"key_delete","user":"bob"})"), "refused");
     EXPECT_EQ(ask(R"({"call":"key_list"})")["data"].size(), 1u);
 }

@@ -75,8 +75,8 @@ TEST_F(control_reload_calls_test, a_second_reload_is_told_of_the_first) {
     const control_json answer = ask(R"({"call":"reload"})");
     EXPECT_EQ(answer["result"], "failed");
     EXPECT_THAT(answer["message"].get<std::string>(),
-                HasSubstr("a reload is under way: its notice was sent 0 seconds"));
-    EXPECT_THAT(audit.back(), HasSubstr("result:=failed, a reload is under way"));
+                HasSubstr("a reload is in progress: its notice was sent 0 seconds"));
+    EXPECT_THAT(audit.back(), HasSubstr("result:=failed, a reload is in progress"));
 }
 
 TEST_F(control_reload_calls_test, a_caller_of_an_older_reload_is_told_of_the_newer) {
@@ -85,13 +85,13 @@ TEST_F(control_reload_calls_test, a_caller_of_an_older_reload_is_told_of_the_new
     const std::string next = control_json_text(ask(R"({"call":"reload","timeout":1})")["next"]);
     usleep(2100000);
     ask(R"({"call":"reload","timeout":60})");
-    EXPECT_THAT(ask(next)["message"].get<std::string>(), HasSubstr("another one has been announced since"));
+    EXPECT_THAT(ask(next)["message"].get<std::string>(), HasSubstr("a newer one has been announced"));
 }
 
 TEST_F(control_reload_calls_test, nobody_is_there_to_acknowledge) {
     const control_json answer = ask(R"({"call":"reload"})");
     EXPECT_EQ(answer["result"], "failed");
-    EXPECT_THAT(answer["message"].get<std::string>(), HasSubstr("nobody has asked for reload notices"));
+    EXPECT_THAT(answer["message"].get<std::string>(), HasSubstr("the agent has not registered for reload notices"));
     EXPECT_EQ(result(R"({"call":"reload_state","number":0})"), "no_data");
 }
 

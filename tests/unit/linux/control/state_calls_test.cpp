@@ -57,7 +57,7 @@ TEST_F(control_state_calls_test, an_unknown_debug_flag_is_refused_with_those_the
     debug_flag_register("/debug/control_test/", 27, "control-flag", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL);
     EXPECT_EQ(result(R"({"call":"debug","flag":"x;y","on":true})"), "refused");
     EXPECT_THAT(message(R"({"call":"debug","flag":"x;y","on":true})"),
-                AllOf(HasSubstr("no debug flag \"x;y\""), HasSubstr("control-flag")));
+                AllOf(HasSubstr("unknown debug flag \"x;y\""), HasSubstr("control-flag")));
     EXPECT_THAT(audit.back(), HasSubstr("result:=refused, x;y on"));
 }
 

@@ -135,7 +135,7 @@ TEST_F(control_watchers_test, there_is_room_for_so_many_and_no_more) {
     client third;
     const control_json refused = ask(third, watch_call);
     EXPECT_EQ(refused["result"], "failed");
-    EXPECT_EQ(refused["message"], "there are 2 watchers already; more are not served");
+    EXPECT_EQ(refused["message"], "too many watchers: the limit is 2");
     // It is a connection like any other.
     EXPECT_EQ(ask(third, R"({"call":"echo"})")["result"], "done");
     first.hang_up();
@@ -251,7 +251,7 @@ TEST_F(control_watchers_test, who_never_reads_is_dropped_in_the_end_and_the_jour
         listen(reader, told);
         return told.numbers.size() == static_cast<size_t>(number);
     }));
-    EXPECT_NE(journal.messages().find("has not taken its events for"), std::string::npos);
+    EXPECT_NE(journal.messages().find("has not read its events for"), std::string::npos);
 }
 
 TEST_F(control_watchers_test, who_takes_a_byte_now_and_then_is_not_dropped) {

@@ -101,7 +101,7 @@ TEST_F(datastore_commit_test, refuses_by_the_schema_before_any_verifier_runs) {
 TEST_F(datastore_commit_test, refuses_an_unknown_path) {
     const datastore_commit_result result = set("/cfg/gl/crypto/ssh/server/cmn/timeouts", number(30));
     EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
-    EXPECT_THAT(result.message, HasSubstr("the nearest one is /cfg/gl/crypto/ssh/server/cmn/timeout"));
+    EXPECT_THAT(result.message, HasSubstr("the closest match is /cfg/gl/crypto/ssh/server/cmn/timeout"));
     EXPECT_EQ(erase("/cfg/nothing").refused_by, datastore_refused_by::schema);
     EXPECT_EQ(erase("").refused_by, datastore_refused_by::schema);
     EXPECT_EQ(set("/cfg/gl/crypto/ssh/server/cmn/", number(1)).refused_by, datastore_refused_by::schema);
@@ -137,10 +137,10 @@ TEST_F(datastore_commit_test, says_which_items_are_not_served) {
     told.verify_results["cmn/timeout"] = DATASTORE_NO_HANDLER;
     const datastore_commit_result dispatched = set(timeout_path, number(30));
     EXPECT_EQ(dispatched.status, platform_status{DATASTORE_NO_HANDLER});
-    EXPECT_EQ(dispatched.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: this item is not served by this version");
+    EXPECT_EQ(dispatched.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: not supported by this version");
     const datastore_commit_result unbound = set("/cfg/gl/crypto/ssh/client/dscp", number(3));
     EXPECT_EQ(unbound.refused_by, datastore_refused_by::verifier);
-    EXPECT_EQ(unbound.message, "/cfg/gl/crypto/ssh/client/dscp: this item is not served by this version");
+    EXPECT_EQ(unbound.message, "/cfg/gl/crypto/ssh/client/dscp: not supported by this version");
     EXPECT_EQ(stored("/cfg/gl/crypto/ssh/client/dscp"), "none");
 }
 
@@ -152,8 +152,7 @@ TEST_F(datastore_commit_test, keeps_what_an_applier_could_not_carry_out_and_warn
     ASSERT_EQ(result.warnings.size(), 1u);
     EXPECT_EQ(result.warnings[0].path, rate_path);
     EXPECT_EQ(result.warnings[0].message,
-              "/cfg/gl/crypto/ssh/server/cmn/rate_limit: stored, but the agent could not carry it out (0x1); its log "
-              "says why");
+              "/cfg/gl/crypto/ssh/server/cmn/rate_limit: stored, not in force (0x1); the agent's log says why");
     EXPECT_EQ(stored(rate_path), "10");
     EXPECT_EQ(stored(timeout_path), "30");
     EXPECT_EQ(take_calls().back(), "apply 3 cmn/timeout - -> 30");
@@ -177,14 +176,14 @@ TEST_F(datastore_commit_test, refuses_to_delete_what_is_not_there) {
     const datastore_commit_result result = erase(timeout_path);
     EXPECT_EQ(result.status, platform_status{DATASTORE_NO_SUCH_ITEM});
     EXPECT_EQ(result.refused_by, datastore_refused_by::absent);
-    EXPECT_EQ(result.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: there is no such item to delete");
+    EXPECT_EQ(result.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: cannot delete, not configured");
 }
 
 TEST_F(datastore_commit_test, refuses_an_item_that_is_named_twice) {
     const datastore_commit_result result =
         datastore_commit({{timeout_path, number(30)}, {timeout_path, std::nullopt}}, false);
     EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
-    EXPECT_THAT(result.message, HasSubstr("named twice in one commit"));
+    EXPECT_THAT(result.message, HasSubstr("changed twice in one commit"));
     EXPECT_EQ(stored(timeout_path), "none");
 }
 
@@ -198,7 +197,7 @@ TEST_F(datastore_commit_test, deletes_everything_below_a_path) {
     EXPECT_EQ(stored(vrf_path), "[null, null, null]");
     const datastore_commit_result again = erase("/cfg/gl/crypto/ssh/server/cmn/");
     EXPECT_EQ(again.status, platform_status{DATASTORE_NO_SUCH_ITEM});
-    EXPECT_THAT(again.message, HasSubstr("there is nothing below it to delete"));
+    EXPECT_THAT(again.message, HasSubstr("cannot delete, nothing is configured below this path"));
 }
 
 TEST_F(datastore_commit_test, replaces_a_subtree_by_what_the_commit_names) {

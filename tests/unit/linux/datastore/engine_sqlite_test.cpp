@@ -172,13 +172,13 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_file_that_is_no_database) {
 TEST_F(datastore_engine_sqlite_test, refuses_another_programs_database) {
     std::filesystem::create_directory(folder / "data");
     with_sqlite("CREATE TABLE theirs (x)");
-    expect_refused(EUCLEAN, "another program's");
+    expect_refused(EUCLEAN, "belongs to another program");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_newer_versions_database) {
     make_database();
     with_sqlite("PRAGMA user_version = 2");
-    expect_refused(EUCLEAN, "of another version of this program (found \"2\", expected \"1\")");
+    expect_refused(EUCLEAN, "was written by another version of this program (found \"2\", expected \"1\")");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_its_table) {
@@ -217,7 +217,7 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_log_without_its_database) {
     std::filesystem::remove(path);
     std::filesystem::rename(folder / "wal", path + "-wal");
     EXPECT_EQ(open(), platform_status{EUCLEAN});
-    EXPECT_THAT(reason, HasSubstr("the file is missing, but its log"));
+    EXPECT_THAT(reason, HasSubstr("the file is missing, but its write-ahead log"));
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
@@ -234,7 +234,7 @@ TEST_F(datastore_engine_sqlite_test, tells_why_the_folder_cannot_be_made) {
     EXPECT_THAT(reason, HasSubstr("Not a directory"));
     path = "/nowhere/at/all/datastore.db";
     EXPECT_EQ(open(), platform_status{ENOENT});
-    EXPECT_THAT(reason, HasSubstr("the folder /nowhere/at/all cannot be created"));
+    EXPECT_THAT(reason, HasSubstr("cannot create the directory /nowhere/at/all"));
 }
 
 /// Opens in a child process, there as the user nobody if wanted, and returns status and reason.

@@ -31,7 +31,7 @@ TEST(schema_find, lets_a_name_stand_for_the_wildcard) {
 TEST(schema_find, names_the_path_the_name_and_what_is_allowed) {
     EXPECT_EQ(refusal_of(vrf("a b")),
               "/cfg/gl/crypto/ssh/server/sshd/vrf/a b: \"a b\" is not allowed in this path; expected 1 to 32 letters, "
-              "digits, '_', '-' or '.', the first neither '-' nor '.' (VRF name)");
+              "digits, '_', '-' or '.', not beginning with '-' or '.' (VRF name)");
 }
 
 TEST(schema_find, refuses_every_vrf_name_that_could_mean_something_to_a_shell_or_a_file_system) {
@@ -45,15 +45,15 @@ TEST(schema_find, refuses_every_vrf_name_that_could_mean_something_to_a_shell_or
 
 TEST(schema_find, explains_a_name_with_a_slash_by_the_nearest_item) {
     EXPECT_EQ(refusal_of(vrf("a/b")),
-              "/cfg/gl/crypto/ssh/server/sshd/vrf/a/b: no such item; the nearest one is "
-              "/cfg/gl/crypto/ssh/server/sshd/vrf/*, where * is 1 to 32 letters, digits, '_', '-' or '.', the first "
-              "neither '-' nor '.' (VRF name)");
+              "/cfg/gl/crypto/ssh/server/sshd/vrf/a/b: no such item; the closest match is "
+              "/cfg/gl/crypto/ssh/server/sshd/vrf/*, where * is 1 to 32 letters, digits, '_', '-' or '.', not "
+              "beginning with '-' or '.' (VRF name)");
     EXPECT_NE(refusal_of(vrf("")).find("VRF name"), std::string::npos);
 }
 
 TEST(schema_find, names_the_nearest_item) {
     EXPECT_EQ(refusal_of("/cfg/gl/crypto/ssh/server/cmn/timeoutt"),
-              "/cfg/gl/crypto/ssh/server/cmn/timeoutt: no such item; the nearest one is "
+              "/cfg/gl/crypto/ssh/server/cmn/timeoutt: no such item; the closest match is "
               "/cfg/gl/crypto/ssh/server/cmn/timeout");
     EXPECT_NE(refusal_of("/cfg/gl/crypto/ssh/server/timeout").find("server/cmn/timeout"), std::string::npos);
     EXPECT_NE(refusal_of("/cfg/gl/crypto/ssh/client/dcsp").find("client/dscp"), std::string::npos);

@@ -106,9 +106,9 @@ TEST(text_is_delimited, wants_the_same_punctuation_character_at_both_ends) {
 TEST(text_of_form, says_what_is_allowed) {
     EXPECT_EQ(text_of_form({schema_kind::number, 5, 120, {}, "seconds"}), "a number from 5 to 120 (seconds)");
     EXPECT_EQ(text_of_form({schema_kind::flag, 0, 1, {}, "on"}), "true or false (on)");
-    EXPECT_EQ(text_of_form({schema_kind::presence, 1, 1, {}, "on"}), "true (on), or a deletion");
+    EXPECT_EQ(text_of_form({schema_kind::presence, 1, 1, {}, "on"}), "true (on), or deletion of the item");
     EXPECT_EQ(text_of_form({schema_kind::text, 1, 32, schema_charset::name, "VRF name"}),
-              "1 to 32 letters, digits, '_', '-' or '.', the first neither '-' nor '.' (VRF name)");
+              "1 to 32 letters, digits, '_', '-' or '.', not beginning with '-' or '.' (VRF name)");
 }
 
 }  // namespace

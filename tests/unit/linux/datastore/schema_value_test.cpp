@@ -111,9 +111,9 @@ TEST(schema_store, takes_flags_as_truth_or_as_one_and_zero) {
     EXPECT_EQ(round_trip("cmn/disable/hmac/hmac_sha1", int64_t{0}), datastore_value(false));
     EXPECT_EQ(stored_of("cmn/disable/hmac/hmac_sha1", int64_t{1}).bytes, std::string("\1\0\0\0", 4));
     EXPECT_EQ(refusal_of("cmn/disable/hmac/hmac_sha1", int64_t{2}),
-              "2 is neither true nor false; expected true or false (this MAC is not offered)");
+              "2 is neither true nor false; expected true or false (whether this MAC is disabled)");
     EXPECT_EQ(refusal_of("cmn/disable/hmac/hmac_sha1", text("yes")),
-              "\"yes\" is neither true nor false; expected true or false (this MAC is not offered)");
+              "\"yes\" is neither true nor false; expected true or false (whether this MAC is disabled)");
 }
 
 // The agent looks at the existence of such an item only, so that a stored false would switch it on.
@@ -121,7 +121,7 @@ TEST(schema_store, refuses_false_where_existence_says_everything) {
     EXPECT_EQ(round_trip("cmn/logging", true), datastore_value(true));
     EXPECT_EQ(round_trip("sshd/v2", int64_t{1}), datastore_value(true));
     EXPECT_EQ(refusal_of("cmn/logging", false),
-              "false is not true; expected true (logins and logouts are logged in detail), or a deletion");
+              "false is not true; expected true (logins and logouts are logged in detail), or deletion of the item");
 }
 
 TEST(schema_store, stores_texts_with_their_nul) {
@@ -134,15 +134,15 @@ TEST(schema_store, stores_texts_with_their_nul) {
 
 TEST(schema_store, refuses_texts_of_the_wrong_length_or_with_wrong_characters) {
     const std::string expected =
-        "expected 1 to 127 letters, digits, '_', '-' or '.', the first neither '-' nor '.' (trustpoint name)";
+        "expected 1 to 127 letters, digits, '_', '-' or '.', not beginning with '-' or '.' (trustpoint name)";
     EXPECT_EQ(refusal_of("cmn/trustpoint/host", text("")), "\"\" is too short; " + expected);
     EXPECT_EQ(refusal_of("cmn/trustpoint/host", std::string(128, 't')),
               "\"" + std::string(80, 't') + "...\" is too long; " + expected);
     EXPECT_EQ(stored_of("cmn/trustpoint/host", std::string(127, 't')).bytes.size(), 128u);
     EXPECT_EQ(refusal_of("cmn/trustpoint/host", text("a\nPermitRootLogin yes")),
-              "\"a\\x0aPermitRootLogin yes\" has a character that is not allowed; " + expected);
-    EXPECT_EQ(refusal_of("cmn/trustpoint/host", int64_t{5}), "5 is not a text; " + expected);
-    EXPECT_EQ(refusal_of("cmn/trustpoint/host", datastore_fields()), "[] is not a text; " + expected);
+              "\"a\\x0aPermitRootLogin yes\" contains a character that is not allowed; " + expected);
+    EXPECT_EQ(refusal_of("cmn/trustpoint/host", int64_t{5}), "5 is not a string; " + expected);
+    EXPECT_EQ(refusal_of("cmn/trustpoint/host", datastore_fields()), "[] is not a string; " + expected);
 }
 
 TEST(schema_store, refuses_control_characters_and_broken_utf8_in_every_text) {
@@ -171,8 +171,8 @@ TEST(schema_store, takes_a_short_array_as_one_with_absent_fields) {
 TEST(schema_store, names_the_field_that_does_not_fit) {
     EXPECT_EQ(
         refusal_of("sshd/vrf/blue", strings({nullptr, "v4 list"})),
-        "field 2 (ipv4_acl): \"v4 list\" has a character that is not allowed; expected 1 to 64 letters, digits, '_', "
-        "'-' or '.', the first neither '-' nor '.' (name of an IPv4 access list)");
+        "field 2 (ipv4_acl): \"v4 list\" contains a character that is not allowed; expected 1 to 64 letters, digits, '_', "
+        "'-' or '.', not beginning with '-' or '.' (name of an IPv4 access list)");
     EXPECT_EQ(refusal_of("sshd/vrf/blue", strings({"one"})),
               "field 1 (index): \"one\" is not a number; expected a number from 0 to 2147483647 (not used)");
     EXPECT_EQ(refusal_of("sshd/vrf/blue", datastore_fields{int64_t{1} << 31}),
@@ -194,11 +194,10 @@ TEST(schema_store, keeps_a_lists_order_and_refuses_gaps) {
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", datastore_fields()).find("[] is an empty list"), std::string::npos);
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", strings({nullptr, "aes128-ctr"})).find("has a gap"),
               std::string::npos);
-    EXPECT_EQ(
-        refusal_of("cmn/algorithms/key-exchange", strings({nullptr})),
-        "[null] has a gap in the list; expected an array of 1 to 9 texts (key-exchange algorithms in the order of "
-        "preference), each 1 to 40 letters, digits, '_', '-', '.', '@' or '+', the first neither '-' nor '.' "
-        "(algorithm name)");
+    EXPECT_EQ(refusal_of("cmn/algorithms/key-exchange", strings({nullptr})),
+              "[null] has a gap in the list; expected an array of 1 to 9 strings (key-exchange algorithms in order of "
+              "preference), each 1 to 40 letters, digits, '_', '-', '.', '@' or '+', not beginning with '-' or '.' "
+              "(algorithm name)");
 }
 
 TEST(schema_store, takes_nine_key_exchanges_and_ten_ciphers_of_forty_characters) {

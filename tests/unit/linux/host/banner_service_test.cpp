@@ -97,15 +97,16 @@ TEST_F(banner_service_test, tells_handlers_when_the_new_text_can_be_read) {
 TEST_F(banner_service_test, refuses_what_is_no_banner_and_says_what_one_is) {
     for (const char* text : {"Hello", "noon", "#Hello", "Hello#", "#Hello%", " Hello ", "ééé"}) {
         EXPECT_THAT(set(login_item, text),
-                    HasSubstr("is not between two equal delimiters; expected a text of 2 to 8192"))
+                    HasSubstr("is not enclosed in matching delimiters; expected a UTF-8 string of 2 to 8192"))
             << text;
     }
     for (const char* text : {"#a\rb#", "#a\x1b[2Jb#", "#a\x7f#", "#a\xc2\x85#", "#\xff#", "#a\x01#"}) {
-        EXPECT_THAT(set(login_item, text), HasSubstr("has a character that is not allowed")) << text;
-        EXPECT_THAT(set(login_item, text), HasSubstr("no control characters but newline and tab")) << text;
+        EXPECT_THAT(set(login_item, text), HasSubstr("contains a character that is not allowed")) << text;
+        EXPECT_THAT(set(login_item, text), HasSubstr("without control characters other than newline and tab")) << text;
     }
     EXPECT_THAT(set(login_item, "#"), HasSubstr("is too short"));
-    EXPECT_THAT(set(login_item, '#' + std::string(100000, 'x') + '#'), HasSubstr("is too long; expected a text of 2"));
+    EXPECT_THAT(set(login_item, '#' + std::string(100000, 'x') + '#'),
+                HasSubstr("is too long; expected a UTF-8 string of 2"));
     EXPECT_EQ(datastore_test::stored(login_item), "none");
     EXPECT_THAT(notices, IsEmpty());
 }
@@ -149,7 +150,7 @@ TEST_F(banner_service_test, leaves_a_platform_banner_out_that_cannot_be_one) {
     write_file(banner_platform_login_file, std::string(8193, 'x'));
     EXPECT_THAT(complaint(), HasSubstr("File too large"));
     write_file(banner_platform_login_file, std::string("a\0b", 3));
-    EXPECT_THAT(complaint(), HasSubstr("the platform's banner is left out"));
+    EXPECT_THAT(complaint(), HasSubstr("Failed to read the platform's banner"));
     std::filesystem::remove(banner_platform_login_file);
     EXPECT_EQ(complaint(), "");
     std::filesystem::create_directory(banner_platform_login_file);

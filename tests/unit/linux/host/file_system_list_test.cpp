@@ -81,7 +81,7 @@ TEST_F(file_system_list_test, is_cut_when_its_text_is_full_so_that_it_can_be_pub
     }
     EXPECT_LE(size, 1023u);
     EXPECT_GT(size, 980u);
-    EXPECT_NE(std::string::npos, journal.messages().find("The file-system list is cut at /mnt/"));
+    EXPECT_NE(std::string::npos, journal.messages().find("The file-system list is full and ends before /mnt/"));
 }
 
 TEST_F(file_system_list_test, is_empty_when_nothing_persistent_is_mounted) {

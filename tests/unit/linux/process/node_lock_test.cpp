@@ -51,8 +51,9 @@ TEST(second_agent_test, is_refused_with_the_number_of_the_first) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, event_manager_create("/dev/ssh_cfg_agent", &manager));
     const int error = errno;
-    EXPECT_EQ("ssh_cfg_agent: Another agent runs on this node already: process " + std::to_string(first.pid) + "\n",
-              testing::internal::GetCapturedStderr());
+    EXPECT_EQ(
+        "ssh_cfg_agent: Another agent is already running on this node: process " + std::to_string(first.pid) + "\n",
+        testing::internal::GetCapturedStderr());
     EXPECT_EQ(EBUSY, error);
     EXPECT_EQ(nullptr, manager);
     EXPECT_EQ(count, read_file(runtime_respawn_file)) << "a refused start is not counted";
@@ -76,7 +77,7 @@ TEST(second_agent_test, is_told_when_the_first_has_not_written_its_number_yet) {
     struct event_manager* manager = nullptr;
     testing::internal::CaptureStderr();
     EXPECT_EQ(-1, event_manager_create("/dev/ssh_cfg_agent", &manager));
-    EXPECT_EQ("ssh_cfg_agent: Another agent is being started on this node\n", testing::internal::GetCapturedStderr());
+    EXPECT_EQ("ssh_cfg_agent: Another agent is starting on this node\n", testing::internal::GetCapturedStderr());
 }
 
 TEST(agent_lock_test, failure_is_reported_with_its_reason) {

@@ -51,16 +51,16 @@ TEST_F(platform_config_test, bad_lines_are_reported_and_leave_the_default) {
     EXPECT_FALSE(config.role_is_stated);
     EXPECT_EQ(0u, config.node_number);
     const std::string file = "/etc/ssh_cfg_agent/platform.conf, line ";
-    const std::string number = "allowed is a number from 0 to 4294967294";
+    const std::string number = "expected a number from 0 to 4294967294";
     EXPECT_EQ((std::vector<std::string>{
-                  file + "1: role is \"Standby\", allowed is primary or standby",
-                  file + "2: node_number is \"4294967295\", " + number,
-                  file + "3: node_number is \"-1\", " + number,
-                  file + "4: node_number is \"1 2\", " + number,
-                  file + "5: node_number is \"\", " + number,
+                  file + "1: role is \"Standby\"; expected primary or standby",
+                  file + "2: node_number is \"4294967295\"; " + number,
+                  file + "3: node_number is \"-1\"; " + number,
+                  file + "4: node_number is \"1 2\"; " + number,
+                  file + "5: node_number is \"\"; " + number,
                   file + "6: \"router\" is not of the form \"key = value\"",
-                  file + "7: \"rol\" is unknown",
-                  file + "8: \"\" is unknown",
+                  file + "7: \"rol\" is not a known setting",
+                  file + "8: \"\" is not a known setting",
               }),
               problems);
 }

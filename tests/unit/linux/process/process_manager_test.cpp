@@ -68,8 +68,8 @@ TEST_F(respawn_count_test, something_else_in_the_file_is_a_first_start) {
         write_file(runtime_respawn_file, text);
         EXPECT_EQ(1u, start()) << text;
         EXPECT_EQ(
-            "/run/ssh_cfg_agent/respawn_count does not hold a number\n"
-            "The agent starts, start 1 since the last clean stop\n",
+            "/run/ssh_cfg_agent/respawn_count does not contain a number\n"
+            "Starting the agent, start 1 since the last clean stop\n",
             journal.messages())
             << text;
     }
@@ -96,8 +96,8 @@ TEST_F(respawn_count_test, a_number_that_cannot_be_kept_is_reported_and_still_co
     journal_listener journal;
     EXPECT_EQ(2u, start());
     EXPECT_EQ(
-        "/run/ssh_cfg_agent/respawn_count cannot be written, a restart will not be told from a first start: Read-only "
-        "file system\nThe agent starts, start 2 since the last clean stop\n",
+        "Cannot write /run/ssh_cfg_agent/respawn_count, so a restart will look like a first start: Read-only "
+        "file system\nStarting the agent, start 2 since the last clean stop\n",
         journal.messages());
     umount2(runtime_directory, MNT_DETACH);
     EXPECT_EQ("1\n", read_file(runtime_respawn_file)) << "the old number stays whole";
@@ -142,7 +142,7 @@ TEST_F(process_manager_test, readiness_that_cannot_be_notified_is_reported) {
     journal_listener journal;
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/nobody", 1));
     process_manager_ready();
-    EXPECT_EQ("Readiness cannot be reported to the service manager: No such file or directory\n", journal.messages());
+    EXPECT_EQ("Cannot report readiness to the service manager: No such file or directory\n", journal.messages());
     unsetenv("NOTIFY_SOCKET");
     process_manager_ready();
     EXPECT_EQ("", journal.messages()) << "without a service manager there is nothing to report";
@@ -159,7 +159,7 @@ TEST_F(process_manager_test, a_mistake_in_the_file_is_reported_and_the_node_is_p
     journal_listener journal;
     write_file(platform_config_file, "role = backup\n");
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), process_manager_role());
-    EXPECT_EQ("/etc/ssh_cfg_agent/platform.conf, line 1: role is \"backup\", allowed is primary or standby\n",
+    EXPECT_EQ("/etc/ssh_cfg_agent/platform.conf, line 1: role is \"backup\"; expected primary or standby\n",
               journal.messages());
 }
 
@@ -257,7 +257,7 @@ TEST_F(process_manager_test, a_wait_that_cannot_be_made_fails) {
         result = process_manager_wait_primary();
     }
     EXPECT_EQ(-1, result);
-    EXPECT_NE(std::string::npos, journal.messages().find("The role cannot be waited for: "));
+    EXPECT_NE(std::string::npos, journal.messages().find("Cannot wait for the primary role: "));
 }
 
 }  // namespace

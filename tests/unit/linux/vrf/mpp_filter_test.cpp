@@ -226,10 +226,10 @@ TEST_F(mpp_filter_test, other_tables_and_namespaces_are_left_alone) {
 TEST_F(mpp_filter_test, a_vrf_without_a_namespace_is_told_apart) {
     bool blocked = true;
     EXPECT_EQ(absent, mpp_filter_make("none", false, failure));
-    EXPECT_EQ("The packet filter cannot be made in namespace vrf-none: No such file or directory", failure);
+    EXPECT_EQ("Cannot create the packet filter in namespace vrf-none: No such file or directory", failure);
     EXPECT_EQ(absent, mpp_filter_block("none", failure));
     EXPECT_EQ(absent, mpp_filter_open("none", failure));
-    EXPECT_EQ("Ports cannot be opened in namespace vrf-none: No such file or directory", failure);
+    EXPECT_EQ("Cannot open the ports in namespace vrf-none: No such file or directory", failure);
     EXPECT_EQ(absent, mpp_filter_is_blocked("none", blocked, failure));
     EXPECT_TRUE(blocked) << "the output stays untouched";
     platform_test::write_file("/run/netns/vrf-none", "");
@@ -240,9 +240,9 @@ TEST_F(mpp_filter_test, a_vrf_without_a_namespace_is_told_apart) {
 TEST_F(mpp_filter_test, a_want_of_descriptors_is_reported_and_leaves_the_process_where_it_was) {
     const no_descriptors_left none;
     EXPECT_EQ(static_cast<platform_status>(EMFILE), mpp_filter_block(red, failure));
-    EXPECT_EQ("Ports cannot be blocked in namespace vrf-red: Too many open files", failure);
+    EXPECT_EQ("Cannot block the ports in namespace vrf-red: Too many open files", failure);
     EXPECT_NE(0u, mpp_filter_available(failure));
-    EXPECT_EQ("The kernel's packet filter cannot be reached: Too many open files", failure);
+    EXPECT_EQ("Cannot reach the kernel's packet filter: Too many open files", failure);
 }
 
 TEST_F(mpp_filter_test, a_process_without_the_right_is_told_so) {
@@ -253,7 +253,7 @@ TEST_F(mpp_filter_test, a_process_without_the_right_is_told_so) {
         const bool dropped = setgid(1000) == 0 && setuid(1000) == 0;
         const platform_status status = mpp_filter_available(reason);
         const bool as_expected = status == EPERM &&
-                                 reason == "The kernel's packet filter cannot be reached: Operation not permitted" &&
+                                 reason == "Cannot reach the kernel's packet filter: Operation not permitted" &&
                                  mpp_filter_block(red, reason) == EPERM;
         _exit(!dropped ? 2 : as_expected ? 0 : 1);
     }

@@ -195,10 +195,9 @@ TEST_F(mpp_test, a_failure_is_returned_each_time_and_logged_once) {
     journal_listener journal;
     EXPECT_EQ(static_cast<platform_status>(ENOENT), mpp_vrf_block("none"));
     EXPECT_EQ(static_cast<platform_status>(ENOENT), mpp_vrf_block("none"));
-    EXPECT_EQ("Ports cannot be blocked in namespace vrf-none: No such file or directory\n", journal.messages());
+    EXPECT_EQ("Cannot block the ports in namespace vrf-none: No such file or directory\n", journal.messages());
     EXPECT_EQ(static_cast<platform_status>(ENOENT), mpp_vrf_nft_init("none"));
-    EXPECT_EQ("The packet filter cannot be made in namespace vrf-none: No such file or directory\n",
-              journal.messages());
+    EXPECT_EQ("Cannot create the packet filter in namespace vrf-none: No such file or directory\n", journal.messages());
 }
 
 TEST_F(mpp_test, a_namespace_counts_as_created_when_it_is_one) {
@@ -249,7 +248,7 @@ TEST_F(mpp_test, a_vrf_that_cannot_be_opened_is_opened_later) {
         const no_descriptors_left none;
         reach_loop();
     }
-    EXPECT_EQ("Ports cannot be opened in namespace vrf-red: Too many open files\n", journal.messages());
+    EXPECT_EQ("Cannot open the ports in namespace vrf-red: Too many open files\n", journal.messages());
     EXPECT_TRUE(is_blocked());
     EXPECT_TRUE(status_of(red).unblock_requested);
     EXPECT_TRUE(run_until([&] { return !status_of(red).blocked; }));

@@ -305,7 +305,7 @@ TEST_F(namespace_watch_test, an_overflow_of_the_watch_loses_nothing) {
     EXPECT_NE(std::string::npos, told.find("-vrf-gone "));
     EXPECT_NE(std::string::npos, told.find("+vrf-late "));
     EXPECT_EQ(std::string("+vrf-early -vrf-gone +vrf-late ").size(), told.size()) << told;
-    EXPECT_EQ("The watch of /run/netns has overflowed, it is read anew\n", journal.messages());
+    EXPECT_EQ("The watch on /run/netns overflowed; reading the directory again\n", journal.messages());
 }
 
 TEST_F(namespace_watch_test, a_reply_of_another_size_or_with_a_status_is_logged) {
