@@ -1,7 +1,7 @@
 /// Entries of access lists as the ACL service delivers them, in the native layout of its record schemas.
 ///
 /// Port-like conditions carry an operator: 0 none, 1 equal, 2 greater, 3 less, 4 not equal, 5 range (first to second
-/// value). Only the DSCP condition counts otherwise, see the field.
+/// value). The DSCP operator has other values, see the field.
 #ifndef PLATFORM_ACL_ENTRY_H
 #define PLATFORM_ACL_ENTRY_H
 
@@ -14,7 +14,7 @@ extern "C" {
 #endif
 
 enum {
-    ACL_PROTOCOL_EQUAL = 1,  ///< protocol operator: the entry's protocol and no other
+    ACL_PROTOCOL_EQUAL = 1,  ///< protocol operator: only the entry's protocol matches
     ACL_PROTOCOL_TCP = 6,    ///< IANA protocol number
     ACL_PROTOCOL_ANY_IPV4 = 512,
     ACL_PROTOCOL_ANY_IPV6 = 513,
@@ -43,7 +43,7 @@ struct acl_ipv4_entry {
     uint32_t DSCPPresent;
     uint8_t DSCP;
     uint8_t DSCP2;
-    uint8_t DSCPOperator;      ///< 2 greater, 3 less, 4 not equal, 5 range, all others equal
+    uint8_t DSCPOperator;      ///< 2 greater, 3 less, 4 not equal, 5 range, anything else equal
     int32_t TCPFlagsOperator;  ///< acl_tcpflags_operator_; 1 and 2 match
     uint8_t TCPFlags;          ///< FIN 1, SYN 2, RST 4, PSH 8, ACK 16, URG 32
     uint8_t TCPFlagsMask;
@@ -93,7 +93,7 @@ struct acl_ipv6_entry {
     uint16_t IsTimeToLiveEnd;
 };
 
-/// Full schemas of the two (record_codec.h; A is an IPv4 address of 4 bytes in network byte order, "16xC" sixteen bytes).
+/// Full schemas of both records (record_codec.h; A is an IPv4 address of 4 bytes, "16xC" sixteen bytes).
 #define ACL_IPV4_ENTRY_SCHEMA                                                                                         \
     "$1={SequenceNumber}D{Grant}[acl_action_]e{ProtocolOperator}I{Protocol}I{SourceAddress}A{SourceAddressMask}A"     \
     "{DestinationAddress}A{DestinationAddressMask}A{SourceOperator}[acl_port_operator_]e{SourcePort1}I{SourcePort2}I" \

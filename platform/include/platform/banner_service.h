@@ -1,4 +1,4 @@
-/// Banner service: texts shown before and after login, their tokens expanded.
+/// Banner service: texts shown before and after login, with their tokens expanded.
 #ifndef PLATFORM_BANNER_SERVICE_H
 #define PLATFORM_BANNER_SERVICE_H
 

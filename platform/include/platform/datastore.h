@@ -1,7 +1,7 @@
 /// Datastore: the router's configuration and operational data.
 ///
-/// All callbacks run on the event loop's thread. Paths are absolute, their components separated by '/'; a path that one
-/// binds to ends in '/'.
+/// All callbacks run on the event loop's thread. Paths are absolute and their components are separated by '/'; a path to
+/// bind to ends in '/'.
 #ifndef PLATFORM_DATASTORE_H
 #define PLATFORM_DATASTORE_H
 
@@ -25,19 +25,19 @@ struct record_descriptor;
 /// Binds to the subtree at `path`. On success the caller owns `*binding` until datastore_unbind.
 platform_status datastore_bind(const char* path, struct datastore_binding** binding);
 
-/// Gives a binding back, with all that was registered on it. Null is accepted.
+/// Releases a binding and everything registered on it. Null is accepted.
 platform_status datastore_unbind(struct datastore_binding* binding);
 
 /// Reads the item at `item` below the binding into `value` (`capacity` bytes): a uint32_t, a text with its NUL, or a
-/// packed tuple. `*size` (which may be null) receives the value's size. With a null `value` only the item's existence
-/// is asked. While the verifiers of a commit are asked, an item that the commit would change reads as the commit would
-/// have it, so that a verifier can judge the commit as a whole. Returns DATASTORE_NO_SUCH_ITEM when there is none, ENOSPC
-/// when it does not fit.
+/// packed tuple. If `size` is not null, `*size` receives the value's size. A null `value` only asks whether the item
+/// exists. While the verifiers of a commit run, an item changed by the commit reads as its new value, so that a verifier
+/// can judge the commit as a whole. Returns DATASTORE_NO_SUCH_ITEM when there is no such item, ENOSPC when the value does
+/// not fit.
 platform_status datastore_item_get(struct datastore_binding* binding, const char* item, void* value, size_t capacity,
                                    size_t* size);
 
-/// Lists what stands directly below `path` (relative to the binding, ending in '/'): at most `count` entries, all with
-/// -1. The caller frees the list. DATASTORE_NO_SUCH_LIST or DATASTORE_NO_SUCH_TREE when there is nothing to list.
+/// Lists the entries directly below `path` (relative to the binding, ending in '/'): at most `count`, or all with -1.
+/// The caller frees the list. DATASTORE_NO_SUCH_LIST or DATASTORE_NO_SUCH_TREE when there is nothing to list.
 platform_status datastore_list_get(struct datastore_binding* binding, const char* path, int32_t count,
                                    struct datastore_list** list, uint32_t* found);
 
@@ -51,13 +51,13 @@ platform_status datastore_list_fetch(const struct datastore_list* list, uint32_t
 /// Frees a list. Null is accepted.
 void datastore_list_free(struct datastore_list* list);
 
-/// Asked before a commit. A non-zero result refuses the whole commit.
+/// Called before a commit is stored. A non-zero result refuses the whole commit.
 typedef platform_status (*datastore_verify_callback)(const struct datastore_backend_call* call, void* context);
 
-/// Told after the commit is stored, in byte order of the paths.
+/// Called after the commit is stored, in byte order of the paths.
 typedef platform_status (*datastore_apply_callback)(const struct datastore_backend_call* call, void* context);
 
-/// Registers for changes of the items that match `pattern` (empty: the whole bound subtree) with the events of
+/// Registers for changes of the items that match `pattern` (empty: the whole bound subtree) and the events in
 /// `event_mask`; delivered through `manager`.
 platform_status datastore_register_verification(struct datastore_binding* binding, const char* pattern,
                                                 uint32_t event_mask, datastore_verify_callback verify,
@@ -74,15 +74,15 @@ struct datastore_notification {
 
 typedef void (*datastore_notification_callback)(const struct datastore_notification* notification, void* context);
 
-/// Registers for a notice of each change of `item` with one of the events of `event_mask`; delivered through `manager`
-/// after the appliers of the commit.
+/// Registers for a notice of each change of `item` that has an event in `event_mask`; delivered through `manager` after
+/// the appliers of the commit.
 platform_status datastore_register_notification(struct datastore_binding* binding, const char* item,
                                                 uint32_t event_mask, datastore_notification_callback callback,
                                                 struct event_manager* manager, void* context);
 
 /// Runs every stored item below the binding that matches `pattern` through its applier, as a create-and-set, in byte
-/// order of the paths. `cookie` is given back in the platform's own traces. Returns the first failure of the datastore
-/// itself; an applier's failure does not end the scan.
+/// order of the paths. `cookie` appears in the platform's own traces. Returns the first failure of the datastore itself;
+/// an applier's failure does not end the scan.
 platform_status datastore_backend_scan(struct datastore_binding* binding, const struct datastore_item_table* table,
                                        const char* pattern, uint32_t cookie, struct event_manager* manager);
 
@@ -96,15 +96,15 @@ platform_status datastore_provider_register(const char* path, datastore_provider
                                             struct event_manager* manager, void* context,
                                             struct datastore_provider** provider);
 
-/// Takes a provider back. Null is accepted.
+/// Unregisters a provider and frees it. Null is accepted.
 platform_status datastore_provider_unregister(struct datastore_provider* provider);
 
-/// Answers the request with one encoded record of the described type; the bytes are copied.
+/// Answers the request with one encoded record of the given type; the bytes are copied.
 platform_status datastore_request_set_record(struct datastore_read_request* request,
                                              const struct record_descriptor* descriptor, const void* record,
                                              size_t size);
 
-/// Makes the request's answer a list, which is empty at first.
+/// Makes the request's answer a list, initially empty.
 platform_status datastore_request_create_list(struct datastore_read_request* request);
 
 /// Adds one encoded record to the request's list; the bytes are copied.
@@ -112,8 +112,8 @@ platform_status datastore_request_add_record(struct datastore_read_request* requ
                                              const struct record_descriptor* descriptor, const void* record,
                                              size_t size);
 
-/// Whether a character is kept from names because it means something to the datastore or to a shell: 1 for everything
-/// but letters, digits, '_', '-' and '.', else 0.
+/// Whether a character is not allowed in names because the datastore or a shell may interpret it: 0 for letters, digits,
+/// '_', '-' and '.', 1 for everything else.
 int datastore_reserved_character(int character);
 
 #ifdef __cplusplus

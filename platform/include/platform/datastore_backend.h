@@ -1,4 +1,4 @@
-/// Backend dispatch: one static item table decides which verifier and which applier a changed item has.
+/// Backend dispatch: one static item table determines the verifier and the applier of each item.
 #ifndef PLATFORM_DATASTORE_BACKEND_H
 #define PLATFORM_DATASTORE_BACKEND_H
 
@@ -18,10 +18,10 @@ enum { DATASTORE_EVENT_CREATE = 1, DATASTORE_EVENT_SET = 2, DATASTORE_EVENT_DELE
 /// Forms of a value: 1 points at a uint32_t, 3 at NUL-terminated text, 5 at a packed tuple (platform/value_tuple.h).
 enum { DATASTORE_VALUE_NUMBER = 1, DATASTORE_VALUE_TEXT = 3, DATASTORE_VALUE_TUPLE = 5 };
 
-/// One change of one item. The values live until the handler returns.
+/// One change of one item. The values are valid until the handler returns.
 struct datastore_change {
     uint32_t event;        ///< DATASTORE_EVENT_ bits
-    const void* previous;  ///< the value before; null when the item did not exist
+    const void* previous;  ///< the old value; null when the item did not exist
     const void* value;     ///< the new value; null on delete
     size_t previous_size;  ///< bytes at `previous`: 4, the text's length with its NUL, or the tuple's
     size_t value_size;     ///< bytes at `value`, likewise
@@ -39,13 +39,13 @@ typedef platform_status (*datastore_item_verifier)(const struct datastore_change
                                                    uint32_t* accepted,
                                                    const struct datastore_path_components* components);
 
-/// Carries a change out. Returns 0, or non-zero for a failure that the datastore must see.
+/// Applies a change. Returns 0, or non-zero for a failure that the datastore must see.
 typedef platform_status (*datastore_item_applier)(const struct datastore_change* change,
                                                   const struct datastore_path_components* components);
 
 enum { DATASTORE_NODE_NAMED = 1, DATASTORE_NODE_WILDCARD = 2 };
 
-/// A node of the item tree, which is kept as an array.
+/// A node of the item tree, which is stored as an array.
 struct datastore_item_node {
     const char* name;      ///< null for a wildcard, which matches any one component
     uint32_t type;         ///< DATASTORE_NODE_
@@ -55,8 +55,8 @@ struct datastore_item_node {
     uint32_t inner;        ///< 1 when the node has children
 };
 
-/// What an item's value looks like and who handles it. A missing verifier or applier makes the dispatch of the item
-/// fail with DATASTORE_NO_HANDLER.
+/// The form of an item's value and its handlers. Dispatching an item without the verifier or applier needed fails with
+/// DATASTORE_NO_HANDLER.
 struct datastore_item_handler {
     uint32_t value_kind;  ///< DATASTORE_VALUE_
     datastore_item_verifier verify;
@@ -70,7 +70,7 @@ struct datastore_item_table {
     uint32_t handler_count;
 };
 
-/// What a verify or apply callback of a binding receives; it is handed on to the dispatcher as it came.
+/// The argument of a binding's verify or apply callback, which passes it on to the dispatcher unchanged.
 struct datastore_backend_call {
     const char* item;  ///< path below the binding, without a leading '/'
     const struct datastore_change* change;

@@ -1,7 +1,7 @@
 /// Event manager: the process's one event loop, its descriptors, messages and timers.
 ///
-/// Everything registered here is called from event_manager_dispatch, on the thread that runs the loop, one handler at a
-/// time and to completion.
+/// All handlers registered here are called from event_manager_dispatch on the loop's thread, one at a time, and run to
+/// completion.
 #ifndef PLATFORM_EVENT_MANAGER_H
 #define PLATFORM_EVENT_MANAGER_H
 
@@ -24,8 +24,8 @@ struct event_manager_event {
 
 enum { EVENT_MANAGER_READ = 1, EVENT_MANAGER_WRITE = 2 };
 
-/// Creates the loop. `device_path` names the process towards the platform. The caller keeps the handle for the life of
-/// the process. Returns 0, or -1 with errno set and `*manager` untouched.
+/// Creates the loop. `device_path` identifies the process to the platform. The handle is valid for the life of the
+/// process. Returns 0, or -1 with errno set and `*manager` unchanged.
 int event_manager_create(const char* device_path, struct event_manager** manager);
 
 /// `fd` is readable (EVENT_MANAGER_READ) and/or writable (EVENT_MANAGER_WRITE) as `conditions` says.
@@ -35,26 +35,26 @@ typedef void (*event_fd_handler)(int fd, uint32_t conditions, void* context);
 platform_status event_manager_attach_fd(struct event_manager* manager, int fd, uint32_t conditions,
                                         event_fd_handler handler, void* context);
 
-/// A message of the platform to this process. The handler must reply exactly once before it returns.
+/// A message from the platform to this process. The handler must reply exactly once before it returns.
 typedef void (*event_message_handler)(struct event_message* message, void* context);
 
-/// Calls `handler` for every message with this code. One handler a code.
+/// Calls `handler` for every message with this code. Each code has at most one handler.
 platform_status event_manager_attach_message(struct event_manager* manager, uint32_t code,
                                              event_message_handler handler, void* context);
 
 /// The message's body; `*size` receives its length in bytes. Owned by the message.
 const void* event_message_body(const struct event_message* message, size_t* size);
 
-/// Answers the message with `size` bytes, which are copied.
+/// Replies to the message with `size` bytes, which are copied.
 platform_status event_message_reply(struct event_message* message, const void* reply, size_t size);
 
-/// Blocks until something has to be dispatched. Returns 0 and fills `event`, or -1 with errno set.
+/// Blocks until there is an event to dispatch. Returns 0 and fills `event`, or -1 with errno set.
 int event_manager_block(struct event_manager* manager, struct event_manager_event* event);
 
 /// Calls the handlers of `event`.
 void event_manager_dispatch(struct event_manager* manager, const struct event_manager_event* event);
 
-/// The loop underneath, for platform services that attach to it themselves (the shelf manager). Not owned.
+/// The underlying loop, for platform services that attach to it directly (the shelf manager). Not owned by the caller.
 void* event_manager_loop_handle(struct event_manager* manager);
 
 #ifdef __cplusplus

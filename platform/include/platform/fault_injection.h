@@ -15,7 +15,7 @@ struct fault_point {
     uint32_t enabled;  ///< written by the service
 };
 
-/// Registers the points of a component. ENOTSUP on a platform that has no such service.
+/// Registers the points of a component. ENOTSUP on a platform without this service.
 platform_status fault_injection_register(const char* component, struct fault_point* points, uint32_t count);
 
 #ifdef __cplusplus

@@ -6,7 +6,7 @@
 extern "C" {
 #endif
 
-/// A null-terminated array of names, owned by the platform and valid until the next call; null when it cannot be had.
+/// A null-terminated array of names, owned by the platform and valid until the next call; null on failure.
 const char* const* file_system_list_get(void);
 
 #ifdef __cplusplus

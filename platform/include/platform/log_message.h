@@ -18,7 +18,7 @@ struct log_message_entry {
     uint32_t number;
 };
 
-/// Sends one message, its text made from the entry's format. Leaves errno alone.
+/// Sends one message, formatted by the entry's format. Preserves errno.
 void log_message_send(const struct log_message_entry* entry, const char* text);
 
 #ifdef __cplusplus

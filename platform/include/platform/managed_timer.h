@@ -13,7 +13,7 @@ extern "C" {
 
 struct managed_timer_leaf;
 
-/// A leaf has expired. The leaf is stopped by then and may be started again or freed by the handler.
+/// A leaf has expired. It is already stopped, and the handler may restart or free it.
 typedef void (*managed_timer_handler)(struct managed_timer_leaf* leaf, void* context);
 
 /// Attaches a timer handler to the loop. On success `*handle` identifies it (0 or above).
@@ -26,10 +26,10 @@ platform_status managed_timer_detach(int32_t handle);
 /// Creates a stopped leaf under a timer handler. The caller frees it.
 platform_status managed_timer_leaf_create(int32_t handle, struct managed_timer_leaf** leaf);
 
-/// Lets the leaf expire once, `seconds` from now; a running leaf starts anew.
+/// Makes the leaf expire once, `seconds` from now; a running leaf is restarted.
 platform_status managed_timer_leaf_start(struct managed_timer_leaf* leaf, uint32_t seconds);
 
-/// Stops the leaf; a stopped one stays so.
+/// Stops the leaf; no effect on a stopped one.
 void managed_timer_leaf_stop(struct managed_timer_leaf* leaf);
 
 /// Stops and frees the leaf. Null is accepted.

@@ -8,7 +8,7 @@ enum {
     NAMESPACE_MESSAGE = 0x50D8085,  ///< message code
     NAMESPACE_CREATED = 2,
     NAMESPACE_DELETED = 3,
-    NAMESPACE_REPLY_SIZE = 24  ///< bytes of the reply; zeros mean that it was handled
+    NAMESPACE_REPLY_SIZE = 24  ///< bytes of the reply; all zero when the message was handled
 };
 
 /// Body of the message.

@@ -1,4 +1,4 @@
-/// Process manager: what the platform knows of this process.
+/// Process manager: what the platform knows about this process.
 #ifndef PLATFORM_PROCESS_MANAGER_H
 #define PLATFORM_PROCESS_MANAGER_H
 
@@ -10,20 +10,20 @@
 extern "C" {
 #endif
 
-/// A process with this role need not wait to become primary.
+/// A process with this role does not have to wait to become primary.
 enum { PROCESS_ROLE_PRIMARY = 1 };
 
 /// This instance's role.
 uint32_t process_manager_role(void);
 
-/// Tells the platform that start-up has reached the point where others may rely on this process. May be called again.
+/// Tells the platform that start-up is complete and others may rely on this process. May be called again.
 void process_manager_ready(void);
 
 /// Blocks until this node is the primary one. Returns 0, or -1 when the wait failed.
 int process_manager_wait_primary(void);
 
-/// How often this process has been started without a clean stop in between: 1 on the first start, 2 and above after
-/// failures; 0 when the platform does not count.
+/// Number of starts of this process since the last clean stop: 1 on the first start, 2 and above after failures; 0 when
+/// the platform does not count.
 uint32_t process_manager_respawn_count(void);
 
 #ifdef __cplusplus

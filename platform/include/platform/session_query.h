@@ -1,5 +1,5 @@
-/// What the agent and each SSH process say to each other on the socket that is named after the process: one request, one
-/// answer, a datagram each, in native layout (little-endian).
+/// The protocol between the agent and each SSH process on the socket named after the process: one request and one
+/// answer, one datagram each, in native layout (little-endian).
 #ifndef PLATFORM_SESSION_QUERY_H
 #define PLATFORM_SESSION_QUERY_H
 
@@ -15,14 +15,14 @@ enum {
     SESSION_CHANNEL_SLOTS = SESSION_CHANNELS + 1  ///< slot 0 is not used
 };
 
-/// The same for every query. The process answers with the whole snapshot and ignores the third word.
+/// Identical for every query. The process answers with the whole snapshot and ignores the third word.
 struct session_request {
     uint32_t zero;
     uint32_t one;
     uint32_t ignored;
 };
 
-/// One session. Texts end with a NUL within their field; what is not known is empty.
+/// One session. Texts are NUL-terminated within their field; unknown texts are empty.
 struct session_snapshot {
     uint32_t session_id;
     uint32_t session_state;

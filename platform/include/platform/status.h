@@ -15,13 +15,13 @@ typedef uint32_t platform_status;
 
 enum {
     PLATFORM_OK = 0,
-    /// The item that was asked for does not exist.
+    /// The requested item does not exist.
     DATASTORE_NO_SUCH_ITEM = 0x40818200,
     /// A provider has nothing to answer with; the read ends without a record.
     DATASTORE_NO_DATA = 0x40818400,
-    /// The list that was asked for does not exist (yet).
+    /// The requested list does not exist (yet).
     DATASTORE_NO_SUCH_LIST = 0x40818600,
-    /// The tree that holds the list does not exist (yet).
+    /// The tree that contains the list does not exist (yet).
     DATASTORE_NO_SUCH_TREE = 0x40828600,
     /// A read produced no record to encode.
     DATASTORE_NOTHING_TO_ENCODE = 0x40818800,
@@ -29,15 +29,15 @@ enum {
     DATASTORE_NO_HANDLER = 0x40818a00,
     /// The datastore's client library is not present on this node.
     DATASTORE_UNAVAILABLE = 0x8081c200,
-    /// A packed value does not have the form that its format asks for.
+    /// A packed value does not match its format.
     TUPLE_MALFORMED = 0x40838200,
-    /// A record, or its schema, does not have the form that its descriptor asks for.
+    /// A record does not match its descriptor, or the schema is invalid.
     RECORD_MALFORMED = 0x40848200,
     /// The record's descriptor is not registered.
     RECORD_UNKNOWN = 0x40848400
 };
 
-/// The text of a status, for people. Never null; static or thread-local storage that the next call may overwrite.
+/// The human-readable text of a status. Never null; in static or thread-local storage that the next call may overwrite.
 const char* platform_status_text(platform_status status);
 
 #ifdef __cplusplus

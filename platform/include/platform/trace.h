@@ -1,4 +1,4 @@
-/// Trace buffers: rings of the last entries, always on.
+/// Trace buffers: rings of the latest entries, always enabled.
 #ifndef PLATFORM_TRACE_H
 #define PLATFORM_TRACE_H
 
@@ -20,7 +20,7 @@ struct trace_argument {
     int64_t number;
 };
 
-/// Creates a ring of `entries` entries of at most `bytes` bytes in all, under a name by which people find it.
+/// Creates a ring of `entries` entries of at most `bytes` bytes in total, under a name shown to operators.
 platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t bytes, struct trace_buffer** buffer);
 
 /// What people see of a trace point. All texts are UTF-8 without control characters.
@@ -38,8 +38,8 @@ struct trace_point {
 /// leaves this empty.
 void trace_buffer_describe(struct trace_buffer* buffer, const struct trace_point* points, uint32_t count);
 
-/// Adds an entry with up to TRACE_ARGUMENTS_MAX arguments; the oldest one makes room. A null buffer is accepted and
-/// nothing happens. Leaves errno alone.
+/// Adds an entry with up to TRACE_ARGUMENTS_MAX arguments, replacing the oldest one in a full ring. Does nothing with a
+/// null buffer. Preserves errno.
 void trace_write(struct trace_buffer* buffer, uint32_t code, const struct trace_argument* arguments, uint32_t count);
 
 #ifdef __cplusplus

@@ -1,4 +1,4 @@
-/// Value tuples: several fields in one configuration value, each of which may be absent.
+/// Value tuples: several fields in one configuration value, any of which may be absent.
 ///
 /// Packed form, little-endian, no padding: a uint32_t presence mask (bit i set when field i is present), then every
 /// present field in order: 'd' as an int32_t, 's' and 'S' as a uint16_t length, that many bytes without a NUL among
@@ -29,8 +29,8 @@ struct tuple_field {
 };
 
 /// Unpacks a value. `format` has one "%d", "%s" (a name of at most TUPLE_NAME_MAX characters) or "%S" (a text) for each
-/// of the `count` fields. Absent fields come out as zero and null. Returns TUPLE_MALFORMED, with the fields untouched,
-/// when the value does not have that form, bytes left over included.
+/// of the `count` fields. Absent fields are set to zero and null. Returns TUPLE_MALFORMED, with the fields unchanged,
+/// when the value does not match the format or has trailing bytes.
 platform_status tuple_decode(const void* packed, size_t size, const char* format, struct tuple_field* fields,
                              uint32_t count);
 
@@ -39,7 +39,7 @@ platform_status tuple_decode_mask(const void* packed, size_t size, const char* f
                                   uint32_t count, uint32_t* mask);
 
 /// Packs the fields whose bits are set in `mask`. `*size` receives the packed size; ENOSPC when it exceeds `capacity`,
-/// TUPLE_MALFORMED when a field does not fit its form.
+/// TUPLE_MALFORMED when a field does not match its format.
 platform_status tuple_encode(void* packed, size_t capacity, const char* format, const struct tuple_field* fields,
                              uint32_t count, uint32_t mask, size_t* size);
 

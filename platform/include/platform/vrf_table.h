@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-/// Stores the number of the VRF (name without prefix). A number is given out once and stays the VRF's own.
+/// Stores the number of the VRF (name without prefix). A number is assigned once and never changes or is reused.
 platform_status vrf_table_lookup(const char* vrf_name, uint32_t* vrf_id);
 
 #ifdef __cplusplus

@@ -1,4 +1,4 @@
-/// The record of who changed what through the control socket.
+/// The audit log: who changed what through the control socket.
 #ifndef LINUX_CONTROL_AUDIT_H
 #define LINUX_CONTROL_AUDIT_H
 
@@ -10,12 +10,12 @@
 #include "control_protocol/answer.h"
 #include "linux/control/peer.h"
 
-/// Logs one change, done or refused: who asked, for what, with which result, and what it was about. Entries that do not
-/// fit one line go on in further lines, so that none is left out.
+/// Logs one change, successful or refused: the user, the call, the result and the items. Entries that do not fit on one
+/// line continue on further lines, so that none is omitted.
 void control_audit(const control_peer& peer, std::string_view call, control_result result,
                    const std::vector<std::string>& entries);
 
-/// For tests: where the lines go instead of the journal. Empty brings the journal back.
+/// For tests: redirects the lines away from the journal. An empty argument restores the journal.
 void control_audit_divert(std::function<void(const std::string& line)> sink);
 
 #endif

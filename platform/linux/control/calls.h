@@ -1,15 +1,15 @@
 /// The calls of the control socket, as ssh_cfg_ctl makes them.
 ///
 /// Request members beside "call":
-///   set     path, value (any JSON value) or word (the value as it was typed: JSON, or bare text where the schema wants
-///           text)
+///   set     path, value (any JSON value) or word (the value as typed: JSON, or a bare word where the schema expects a
+///           string)
 ///   delete  path
 ///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
 ///   get     path
 ///   list    path
 ///   dump, vrf_list, status
 ///   show    path; answers with "record", the records' name, beside "data"
-///   watch   nothing: after the answer, frames with telemetry follow until one of both hangs up (event_queue.h)
+///   watch   nothing: after the answer, frames with telemetry follow until either side hangs up (event_queue.h)
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)
@@ -21,7 +21,7 @@
 ///   key_delete  user
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
-/// An answer with "next" is not the last one: the request in it is to be made after a short while.
+/// An answer with "next" is not final: the client makes the request in it after a short pause.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object. An entry of a trace has time, point (the number), name (null for a point without a description),
@@ -33,7 +33,7 @@
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
 
-/// Answers a request, which is an object with a text "call". May throw std::bad_alloc.
+/// Answers a request, which is an object with a string "call". May throw std::bad_alloc.
 control_json control_call(const control_json& request, const control_peer& peer);
 
 #endif

@@ -1,4 +1,4 @@
-/// The calls of the control socket by subject, and what they share.
+/// The calls of the control socket by subject, and their common functions.
 #ifndef LINUX_CONTROL_CALLS_INTERNAL_H
 #define LINUX_CONTROL_CALLS_INTERNAL_H
 
@@ -8,13 +8,13 @@
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
 
-/// The member `name` of a request when it is a text, else null.
+/// The member `name` of a request if it is a string, else null.
 const std::string* control_text_member(const control_json& request, const char* name);
 
-/// The answer to a request that lacks a member or has one of the wrong type.
+/// The answer to a request with a missing member or a member of the wrong type.
 control_json control_wrong_member(const char* name, const char* wanted);
 
-/// The answer of a call that has read something.
+/// The answer of a call that reads data.
 control_json control_data_answer(control_json data);
 
 // Changes (change_calls.cpp).

@@ -1,4 +1,4 @@
-/// One connection of the control socket, inside of control_server.
+/// One connection of the control socket, internal to control_server.
 #ifndef LINUX_CONTROL_CONNECTION_H
 #define LINUX_CONTROL_CONNECTION_H
 
@@ -14,11 +14,11 @@
 #include "linux/control/peer.h"
 #include "linux/control/server_state.h"
 
-/// Whatever is pending of a control connection is served after the platform's own events, and a new connection after
-/// those that exist. Time limits come first, or a busy loop would never reach them.
+/// Control connections are served after the platform's own events, and new connections after existing ones. Time limits
+/// come first, because a busy loop would never reach them otherwise.
 enum control_priority { CONTROL_PRIORITY_LIMIT = 9, CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11 };
 
-/// A watcher is answering while events are on their way to it, and waiting in between.
+/// A watcher is in phase `answering` while events are being sent to it, and in phase `waiting` in between.
 enum class control_phase : uint8_t { idle, receiving, answering, waiting };
 
 struct control_connection {
@@ -26,29 +26,29 @@ struct control_connection {
     int fd;
     control_peer peer;
     control_phase phase;
-    bool last_answer;   ///< the connection ends when its answer is out
-    bool watching;      ///< takes events from now on
-    uint64_t since;     ///< when the connection was made, or began its present frame or answer
-    uint64_t deadline;  ///< when the present phase has taken too long
+    bool last_answer;   ///< the connection ends once its answer is sent
+    bool watching;      ///< receives events from now on
+    uint64_t since;     ///< when the connection was made, or its current frame or answer began
+    uint64_t deadline;  ///< when the current phase times out
     sd_event_source* io;
     sd_event_source* limit;
     control_frame_reader frame;
-    size_t promised;  ///< what of server->large_frames is this frame's
+    size_t promised;  ///< this frame's share of server->large_frames
     std::string answer;
     size_t sent;
     control_event_queue events;
 };
 
-/// Microseconds of the monotonic clock, read now: the loop's own time is that of its last wake-up.
+/// Microseconds of the monotonic clock, read now; the loop's own time is that of its last wake-up.
 uint64_t control_now();
 
-/// How many of the server's connections watch.
+/// The number of the server's connections that watch.
 size_t control_connection_watchers(const control_server& server);
 
-/// Adds a connection for `fd`, which is taken over in every case. Throws std::bad_alloc.
+/// Adds a connection for `fd`, of which it takes ownership even on failure. Throws std::bad_alloc.
 platform_status control_connection_add(control_server* server, int fd, const control_peer& peer);
 
-/// Passes an event to a watcher, which is dropped when it has too many. Throws std::bad_alloc.
+/// Passes an event to a watcher, which is dropped when too many events are queued for it. Throws std::bad_alloc.
 void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event);
 
 /// Ends the connection and frees it.

@@ -1,4 +1,4 @@
-/// Who is at the other end of a control connection.
+/// The peer of a control connection.
 #ifndef LINUX_CONTROL_PEER_H
 #define LINUX_CONTROL_PEER_H
 
@@ -14,11 +14,11 @@ struct control_peer {
     gid_t gid;
 };
 
-/// Asks the kernel who connected; the answer is of the moment of the connection.
+/// Asks the kernel who connected; the credentials are those at the time of the connection.
 platform_status control_peer_read(int fd, control_peer& peer);
 
-/// Whether the peer may use the socket: root, or a member of `group`, be it by its primary or a supplementary group.
-/// Without a group only root may.
+/// Whether the peer may use the socket: root, or a member of `group`, which may be its primary or a supplementary group.
+/// Without a group, only root may use it.
 bool control_peer_allowed(int fd, const control_peer& peer, std::optional<gid_t> group);
 
 #endif

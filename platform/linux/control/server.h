@@ -1,12 +1,11 @@
-/// Connections of the control socket: accepts them, reads their frames, has them answered, and bounds what they may cost
-/// in memory and time. Nothing here knows what a call does.
+/// Connections of the control socket: accepts them, reads their frames, has them answered, and limits their use of memory
+/// and time. This module does not know what a call does.
 ///
-/// Peers are served one call at a time. No peer, however slow, silent or numerous, keeps another from being answered:
-/// nothing blocks, every state has its time, and when all places are taken the one that has waited longest is dropped.
-///
-/// An answer with the member "watching": true makes its peer a watcher: it asks nothing more and is sent events until one
-/// of both hangs up. Watchers may be silent for ever and keep their places; in return they are few, and one that does not
-/// take its events gets the latest only and is dropped in the end.
+/// Peers are served one call at a time. No peer, however slow or silent, and no number of peers prevents others from being
+/// answered: nothing blocks, every phase has a time limit, and when all places are taken, the connection idle longest is
+/// dropped. An answer with the member "watching": true makes its peer a watcher: it makes no more requests and receives
+/// events until either side hangs up. Watchers may be silent indefinitely without losing their places. In return their
+/// number is small, and a watcher that does not read its events gets only the latest ones and is eventually dropped.
 #ifndef LINUX_CONTROL_SERVER_H
 #define LINUX_CONTROL_SERVER_H
 
@@ -20,21 +19,21 @@
 #include "linux/control/server_state.h"
 #include "platform/status.h"
 
-/// Takes over `listener`, a listening non-blocking socket, in every case. The server is the caller's, who frees it.
+/// Takes ownership of `listener`, a listening non-blocking socket, even on failure. The caller owns and frees the server.
 /// Nothing is accepted yet. Throws std::bad_alloc.
 control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
                                       control_call_function call);
 
-/// Begins to accept. EALREADY when it does.
+/// Starts accepting. EALREADY when it is already accepting.
 platform_status control_server_start(control_server* server, sd_event* loop);
 
-/// How many connections there are.
+/// The number of connections.
 size_t control_server_connections(const control_server* server);
 
-/// How many of them watch.
+/// The number of connections that watch.
 size_t control_server_watchers(const control_server* server);
 
-/// Passes an event, one JSON document that tells the whole state of its subject, to all watchers. Throws std::bad_alloc.
+/// Passes an event, one JSON document with the whole state of its subject, to all watchers. Throws std::bad_alloc.
 void control_server_publish(control_server* server, std::string_view subject, std::string_view document);
 
 /// Drops all connections and closes the listener. Null is accepted.

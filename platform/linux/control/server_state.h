@@ -1,4 +1,4 @@
-/// What the control socket's server and its connections share.
+/// State shared by the control socket's server and its connections.
 #ifndef LINUX_CONTROL_SERVER_STATE_H
 #define LINUX_CONTROL_SERVER_STATE_H
 
@@ -16,20 +16,20 @@
 
 /// Times are in microseconds, sizes in bytes.
 struct control_limits {
-    uint64_t idle_time = 60'000'000;   ///< from the connection, or from the last answer, to the next frame's first byte
-    uint64_t frame_time = 5'000'000;   ///< from a frame's first byte to its last
-    uint64_t answer_time = 5'000'000;  ///< without a byte of the answer taken
-    uint64_t watch_time = 60'000'000;  ///< without a byte of an event taken
+    uint64_t idle_time = 60'000'000;  ///< from connecting, or from the last answer, to the first byte of the next frame
+    uint64_t frame_time = 5'000'000;  ///< from a frame's first byte to its last
+    uint64_t answer_time = 5'000'000;  ///< without the peer reading a byte of the answer
+    uint64_t watch_time = 60'000'000;  ///< without the peer reading a byte of an event
     size_t connections = 64;
     size_t watchers = 16;                      ///< of the connections
-    size_t small_frame = 64UL * 1024;          ///< frames up to this size need no place among the large ones
-    size_t large_frames = 32UL * 1024 * 1024;  ///< all larger frames together that are on their way in
-    size_t answers = 32UL * 1024 * 1024;       ///< all answers together that are on their way out
-    size_t watch_queue = 256UL * 1024;         ///< events that wait for one watcher; what is more is coalesced
-    size_t watch_frame = 64UL * 1024;          ///< events that go out together
+    size_t small_frame = 64UL * 1024;          ///< frames up to this size do not count as large
+    size_t large_frames = 32UL * 1024 * 1024;  ///< total of all larger frames being received
+    size_t answers = 32UL * 1024 * 1024;       ///< total of all answers being sent
+    size_t watch_queue = 256UL * 1024;         ///< events queued for one watcher; beyond that they are coalesced
+    size_t watch_frame = 64UL * 1024;          ///< events sent together
 };
 
-/// Answers one request, which is an object with a text "call". Called on the loop, one at a time.
+/// Answers one request, which is an object with a string "call". Called on the loop, one at a time.
 using control_call_function = control_json (*)(const control_json& request, const control_peer& peer);
 
 struct control_connection;
@@ -41,9 +41,9 @@ struct control_server {
     control_call_function call;
     sd_event* loop;
     sd_event_source* listener_source;
-    sd_event_source* resume_source;  ///< accepts again after the process ran out of descriptors
+    sd_event_source* resume_source;  ///< resumes accepting after the process ran out of descriptors
     std::list<std::unique_ptr<control_connection>> connections;
-    size_t large_frames;      ///< bytes that have been promised to large frames
+    size_t large_frames;      ///< bytes reserved for large frames
     size_t answers;           ///< bytes of answers in memory
     uint64_t refusal_logged;  ///< when a refused peer was last logged
 };

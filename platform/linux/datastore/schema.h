@@ -1,7 +1,7 @@
-/// The schema of the router's configuration: one row per item, which says what its path and its value look like.
+/// The schema of the router's configuration: one row per item, which defines its path and the form of its value.
 ///
-/// Whatever a person or a script wants to store is measured against these rows before any of the agent's verifiers sees
-/// it, so that handlers may rely on the form, the range and the harmlessness of every value and of every name in a path.
+/// Every change is checked against these rows before any of the agent's verifiers sees it. Handlers can therefore rely on
+/// the form, the range and the harmlessness of every value and of every name in a path.
 #ifndef LINUX_DATASTORE_SCHEMA_H
 #define LINUX_DATASTORE_SCHEMA_H
 
@@ -16,38 +16,38 @@
 
 #include "platform/status.h"
 
-/// One plain value. A number that is no whole number, or does not fit, arrives as a double and is refused with a text.
+/// One plain value. A number that is not whole or does not fit arrives as a double and is refused with a message.
 using datastore_scalar = std::variant<int64_t, double, bool, std::string>;
 
-/// The fields of a tuple in their order; an absent field has no value. Fields left out at the end are absent too.
+/// The fields of a tuple in order; an absent field has no value. Trailing absent fields may be missing.
 using datastore_fields = std::vector<std::optional<datastore_scalar>>;
 
-/// The value of an item, free of any notation: what was typed in, or what is stored.
+/// The value of an item, independent of its notation: as entered, or as stored.
 using datastore_value = std::variant<int64_t, double, bool, std::string, datastore_fields>;
 
 enum class schema_kind : uint8_t {
     number,    ///< whole number, stored as a uint32_t
-    flag,      ///< true or false (1 and 0 are taken too), stored as a uint32_t
-    presence,  ///< true (or 1): the item's existence says everything; stored as a uint32_t
+    flag,      ///< true or false (1 and 0 are accepted too), stored as a uint32_t
+    presence,  ///< true (or 1): only the item's existence matters; stored as a uint32_t
     text,      ///< UTF-8 text, stored with its NUL
     tuple      ///< several fields, stored packed (platform/value_tuple.h)
 };
 
-/// Which characters a text or a name in a path may have. Only `delimited` includes control characters, and of them
-/// newline and tab alone.
+/// The characters allowed in a text or in a name in a path. Only `delimited` includes control characters, namely newline
+/// and tab.
 enum class schema_charset : uint8_t {
     printable,       ///< any UTF-8 without control characters
-    word,            ///< printable ASCII without blanks, quotes, commas and backslashes
+    word,            ///< printable ASCII without blanks, quotes, commas or backslashes
     algorithm_name,  ///< letters, digits and "-_.@+"
     name,            ///< letters, digits and "_-.", not beginning with '-' or '.'
-    delimited        ///< lines of UTF-8 between two equal delimiters; of an item, never of a field
+    delimited        ///< lines of UTF-8 in matching delimiters; for items, never for fields
 };
 
-/// What one value, field or name looks like.
+/// The form of one value, field or name.
 struct schema_form {
     schema_kind kind;
-    int64_t lowest;   ///< smallest number; for a text its shortest length in bytes
-    int64_t highest;  ///< largest number; for a text its greatest length in bytes
+    int64_t lowest;   ///< smallest number; for a text, its minimum length in bytes
+    int64_t highest;  ///< largest number; for a text, its maximum length in bytes
     schema_charset charset;
     const char* help;  ///< meaning and unit, in a few words
 };
@@ -57,7 +57,7 @@ struct schema_field {
     schema_form form;
 };
 
-/// What is asked of a tuple as a whole.
+/// The condition on a tuple as a whole.
 enum class schema_tuple_rule : uint8_t {
     none,
     list,         ///< a list: at least one field, without gaps

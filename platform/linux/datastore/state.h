@@ -1,4 +1,4 @@
-/// What the files of the Linux datastore share. Nobody else includes this.
+/// Internal state shared by the files of the Linux datastore, which alone include this.
 #ifndef LINUX_DATASTORE_STATE_H
 #define LINUX_DATASTORE_STATE_H
 

@@ -1,7 +1,7 @@
 /// The AAA user list, /cfg/gl/aaa/username/: the machine's accounts that can log in.
 ///
-/// An ordering index stands for each account (its number, with a suffix for a further name of the same account), and below
-/// it the one name. What the machine's name service enumerates is listed, read anew when the indexes are.
+/// Each account has an ordering index (its number, with a suffix for a further name of the same account), below which
+/// is its name. Lists what the machine's name service enumerates, rereading it whenever the indexes are read.
 #ifndef LINUX_HOST_AAA_USERS_H
 #define LINUX_HOST_AAA_USERS_H
 

@@ -1,4 +1,4 @@
-/// Tokens of banners: "$(name)" in a text stands for something that the text's author leaves to the router.
+/// Tokens of banners: "$(name)" in a text is replaced by a value of the router.
 #ifndef LINUX_HOST_BANNER_TOKENS_H
 #define LINUX_HOST_BANNER_TOKENS_H
 

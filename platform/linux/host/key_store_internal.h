@@ -1,7 +1,7 @@
-/// Users' public keys as the rest of the Linux platform lists and changes them.
+/// Users' public keys for the rest of the Linux platform, which lists and changes them.
 ///
-/// They are kept in the private part of the datastore, one record a user, with a copy in a file for sshd. A key comes either from the configuration or,
-/// through the operator's tool, from the exec mode; neither way touches what came the other way.
+/// Each user's key is one record in the private part of the datastore, with a copy in a file for sshd. A key comes from
+/// the configuration or, through the operator's tool, from the exec mode; neither may change a key of the other origin.
 #ifndef LINUX_HOST_KEY_STORE_INTERNAL_H
 #define LINUX_HOST_KEY_STORE_INTERNAL_H
 

@@ -1,6 +1,6 @@
-/// The chassis' side of the shelf manager: reloads that operators announce through the control socket.
+/// The chassis side of the shelf manager: reloads that operators announce through the control socket.
 ///
-/// Clients are connected as long as the control socket answers, since nobody can announce anything without it.
+/// Clients are connected while the control socket answers, since nothing can be announced without it.
 #ifndef LINUX_HOST_SHELF_MANAGER_INTERNAL_H
 #define LINUX_HOST_SHELF_MANAGER_INTERNAL_H
 

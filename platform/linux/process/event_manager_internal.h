@@ -1,4 +1,4 @@
-/// What the event manager gives to the other services of the Linux platform.
+/// The event manager's interface for the other services of the Linux platform.
 #ifndef LINUX_PROCESS_EVENT_MANAGER_INTERNAL_H
 #define LINUX_PROCESS_EVENT_MANAGER_INTERNAL_H
 

@@ -1,6 +1,6 @@
 /// The platform's configuration file, /etc/ssh_cfg_agent/platform.conf.
 ///
-/// Lines of the form "key = value"; blank lines and lines that begin with '#' mean nothing.
+/// Lines of the form "key = value"; blank lines and lines that begin with '#' are ignored.
 ///
 ///     role = primary | standby     a standby waits until the file says primary (default: primary)
 ///     node_number = 0 ... 4294967294      this node's number in operational records (default: 0)

@@ -1,4 +1,4 @@
-/// Listing and switching the debug flags.
+/// Lists the debug flags and turns them on and off.
 #ifndef LINUX_REPORTING_DEBUG_INTERNAL_H
 #define LINUX_REPORTING_DEBUG_INTERNAL_H
 

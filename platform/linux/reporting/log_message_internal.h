@@ -1,4 +1,4 @@
-/// Messages of the Linux platform itself.
+/// Log messages of the Linux platform itself.
 #ifndef LINUX_REPORTING_LOG_MESSAGE_INTERNAL_H
 #define LINUX_REPORTING_LOG_MESSAGE_INTERNAL_H
 

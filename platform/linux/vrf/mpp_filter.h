@@ -1,4 +1,4 @@
-/// The packet filter behind the management-plane protection: one nftables table in each VRF's network namespace.
+/// The packet filter of management-plane protection: one nftables table in each VRF's network namespace.
 ///
 ///     table inet norvo_mpp {
 ///         comment "management-plane protection, 1"

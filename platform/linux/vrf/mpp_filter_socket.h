@@ -1,4 +1,4 @@
-/// Talking to the kernel's packet filter in another network namespace.
+/// Connection to the kernel's packet filter in another network namespace.
 #ifndef LINUX_VRF_MPP_FILTER_SOCKET_H
 #define LINUX_VRF_MPP_FILTER_SOCKET_H
 

@@ -1,4 +1,4 @@
-/// State of the management-plane protection, for the operator.
+/// The state of management-plane protection, for the operator.
 #ifndef LINUX_VRF_MPP_INTERNAL_H
 #define LINUX_VRF_MPP_INTERNAL_H
 
