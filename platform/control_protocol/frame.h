@@ -23,7 +23,7 @@ std::array<char, CONTROL_FRAME_HEADER_SIZE> control_frame_header(uint32_t length
 
 enum class control_frame_state : uint8_t { incomplete, complete, too_large };
 
-/// A frame as it arrives, in pieces of any size.
+/// A frame that arrives in pieces of any size.
 struct control_frame_reader {
     std::array<char, CONTROL_FRAME_HEADER_SIZE> header{};
     size_t header_size = 0;
@@ -33,15 +33,15 @@ struct control_frame_reader {
 /// The length that the header announces; 0 until the header is complete.
 uint32_t control_frame_length(const control_frame_reader& reader);
 
-/// How many bytes of the frame are still missing: of the header until it is complete, then of the document.
+/// The number of bytes still missing: of the header until it is complete, then of the document.
 size_t control_frame_missing(const control_frame_reader& reader);
 
-/// Whether the first byte of a frame has come.
+/// Whether the first byte of a frame has arrived.
 bool control_frame_begun(const control_frame_reader& reader);
 
-/// Takes the bytes that belong to this frame, at most as many as are missing in all, and says how many that were. Memory
-/// grows with what has come, not with what was announced. A frame whose announced length exceeds CONTROL_FRAME_MAX takes
-/// its header and nothing more.
+/// Consumes the bytes that belong to this frame, at most as many as are still missing, and returns their number. Memory
+/// grows with the bytes received, not with the announced length. Of a frame that announces more than CONTROL_FRAME_MAX
+/// bytes, only the header is consumed.
 size_t control_frame_take(control_frame_reader& reader, std::string_view bytes);
 
 control_frame_state control_frame_progress(const control_frame_reader& reader);

@@ -1,4 +1,4 @@
-/// Asks the installed ssh which algorithms it knows, and remembers the answer while ssh stays the same.
+/// Asks the installed ssh which algorithms it supports, and caches the answer until ssh changes.
 #ifndef OPENSSH_ALGORITHM_QUERY_H
 #define OPENSSH_ALGORITHM_QUERY_H
 
@@ -14,10 +14,10 @@ namespace openssh {
 /// ssh cannot be asked, `known` then being untouched; empty on success.
 std::string query_algorithms(const std::string& ssh, const std::string& cache_file, known_algorithms& known);
 
-/// The cache file's text. `identity` is one line that is equal as long as ssh is.
+/// The cache file's text. `identity` is one line that stays the same until ssh changes.
 std::string format_algorithm_cache(std::string_view identity, const known_algorithms& known);
 
-/// Reads a cache file's text. Returns false, leaving `known` untouched, when it is damaged or of another identity.
+/// Parses a cache file's text. Returns false, leaving `known` unchanged, when it is damaged or of another identity.
 bool parse_algorithm_cache(std::string_view text, std::string_view identity, known_algorithms& known);
 
 }  // namespace openssh

@@ -1,4 +1,4 @@
-/// What happens between the start of the client's launcher and its becoming ssh.
+/// The client's launcher, from its start until it executes ssh.
 #ifndef OPENSSH_CLIENT_LAUNCH_H
 #define OPENSSH_CLIENT_LAUNCH_H
 
@@ -10,10 +10,10 @@
 
 namespace openssh {
 
-/// Exit status of a client that does not become ssh, and of ssh itself for its own errors.
+/// Exit status when the launcher cannot execute ssh; ssh itself uses it for its own errors.
 constexpr int client_failed = 255;
 
-/// Who is told: errors at the user's terminal, everything in the system log.
+/// Where reports go: errors to the user's terminal, everything to the system log.
 struct client_reporters {
     reporter terminal;
     reporter log;

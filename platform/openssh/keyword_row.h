@@ -10,13 +10,13 @@
 namespace openssh {
 
 enum class treatment {
-    pass,             ///< written as it stands when its form is right
-    list,             ///< an algorithm list, cut to what is known and permitted
-    additional_keys,  ///< key algorithms that are accepted besides sshd's own
+    pass,             ///< written unchanged if its form is valid
+    list,             ///< an algorithm list, filtered to known and permitted names
+    additional_keys,  ///< key algorithms accepted in addition to sshd's own
     host_keys,        ///< one file or a comma-separated list of them
-    fips_mode,        ///< not written: it decides how the lists are cut
-    leave_out,        ///< stock sshd has no means, or the launcher decides
-    end_of_settings,  ///< leaves out the line and everything behind it
+    fips_mode,        ///< not written: determines how the lists are filtered
+    leave_out,        ///< not supported by stock sshd, or decided by the launcher
+    end_of_settings,  ///< ignores the line and everything after it
 };
 
 /// Which later lines of the same keyword are left out, as sshd takes the first or fails at a second one.

@@ -1,4 +1,4 @@
-/// What becomes of each keyword of a server file, and of each of the client's file.
+/// The treatment of each keyword of a server file and of the client's file.
 #ifndef OPENSSH_KEYWORD_TABLE_H
 #define OPENSSH_KEYWORD_TABLE_H
 

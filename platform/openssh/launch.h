@@ -1,4 +1,4 @@
-/// What happens between the start of the launcher and its becoming sshd.
+/// The server's launcher, from its start until it executes sshd.
 #ifndef OPENSSH_LAUNCH_H
 #define OPENSSH_LAUNCH_H
 
@@ -16,8 +16,8 @@ enum launch_status {
     launch_ready = 0,
     launch_usage = 2,
     launch_file_unreadable = 3,  ///< the agent's file cannot be read
-    launch_no_good_file = 4,     ///< the file cannot be used and there is no last good one
-    launch_no_state = 5,         ///< a directory that is needed cannot be made
+    launch_no_good_file = 4,     ///< the file is unusable and there is no last good one
+    launch_no_state = 5,         ///< a required directory cannot be created
     launch_exec_failed = 6,      ///< sshd could not be executed
 };
 

@@ -1,4 +1,4 @@
-/// What the launcher tells the operator: on standard error, or for a service in the journal.
+/// The launcher's messages for the operator: on standard error, or for a service in the journal.
 #ifndef OPENSSH_REPORT_H
 #define OPENSSH_REPORT_H
 

@@ -1,4 +1,4 @@
-/// Runs other programs and collects what they say.
+/// Runs other programs and collects their output.
 #ifndef OPENSSH_RUN_PROGRAMS_H
 #define OPENSSH_RUN_PROGRAMS_H
 
@@ -9,7 +9,7 @@
 namespace openssh {
 
 struct program_result {
-    /// The exit status; -1 when the program was not started, ended by a signal or did not end in time.
+    /// The exit status; -1 when the program could not be started, was killed by a signal or timed out.
     int status = -1;
     /// Why the status is -1; empty otherwise.
     std::string failure;

@@ -1,4 +1,4 @@
-/// Turns a file of the agent's into one that stock sshd, or stock ssh, takes. No process is run and no file is touched.
+/// Translates a file of the agent into one that stock sshd or ssh accepts. Runs no process and touches no file.
 #ifndef OPENSSH_TRANSLATE_H
 #define OPENSSH_TRANSLATE_H
 
@@ -15,13 +15,13 @@ namespace openssh {
 /// The numbers are those of syslog.
 enum class severity { error = 3, warning = 4, notice = 5 };
 
-/// One thing that an operator should know, in one line of printable text without a line feed.
+/// One message for the operator: one line of printable text without a line feed.
 struct remark {
     severity level;
     std::string text;
 };
 
-/// What differs between server files and the client's.
+/// The differences between server files and the client's file.
 struct file_kind {
     keyword_rows rows;
     const char* program;      ///< that takes the translation
@@ -61,7 +61,7 @@ struct translation {
 
 constexpr size_t most_remarks = 200;
 
-/// A line that is longer is left out; the agent writes none of more than 4096 bytes.
+/// Longer lines are ignored; the agent never writes more than 4096 bytes.
 constexpr size_t longest_line = 8192;
 
 translation translate(const translation_input& input);

@@ -7,7 +7,7 @@
 
 namespace openssh {
 
-/// Says whether a value, without blanks at its ends and possibly empty, is one that sshd takes.
+/// Whether sshd accepts a value, which has no blanks at its ends and may be empty.
 using value_form = bool (*)(std::string_view value);
 
 bool is_yes_or_no(std::string_view value);

@@ -1,4 +1,4 @@
-/// The calls of the tool, one row each: what stands on the command line, what is asked, what people get to read.
+/// The calls of the tool, one row each: its command line, its request, and the text printed for its answer.
 #ifndef SSH_CFG_CTL_CALLS_H
 #define SSH_CFG_CTL_CALLS_H
 
@@ -9,7 +9,7 @@
 
 #include "control_protocol/answer.h"
 
-/// What comes of a call's arguments: a request, or a problem, which is an answer in its form.
+/// The result of parsing a call's arguments: a request, or a problem, which has the form of an answer.
 struct ctl_request {
     control_json document;
     control_json problem;  ///< null when there is none
@@ -26,10 +26,10 @@ struct ctl_call_row {
 
 std::span<const ctl_call_row> ctl_calls();
 
-/// The row of that name, or null.
+/// The row with that name, or null.
 const ctl_call_row* ctl_find_call(std::string_view name);
 
-/// The request that a call with these arguments makes, or what is wrong with them.
+/// The request for a call with these arguments, or the problem with them.
 ctl_request ctl_make_request(const ctl_call_row& row, const std::vector<std::string>& arguments);
 
 #endif

@@ -8,8 +8,8 @@
 
 struct ctl_connection_settings {
     std::string socket_path;
-    unsigned timeout;   ///< seconds without a sign of life
-    bool tell_waiting;  ///< says on standard error that the agent takes its time
+    unsigned timeout;   ///< seconds without any response
+    bool tell_waiting;  ///< prints on standard error that it is waiting for the agent
 };
 
 /// A socket, closed at the end of its scope.
@@ -22,24 +22,24 @@ class ctl_socket {
 
     int fd() const { return descriptor; }
 
-    /// Closes what was open and makes a new one, not connected; 0 or an errno value.
+    /// Closes an open socket and creates a new, unconnected one; 0 or an errno value.
     int reopen();
 
   private:
     int descriptor = -1;
 };
 
-/// Sends one request and returns the agent's answer. When none comes, the answer is made here: its result is unreachable
-/// (or failed, for a request that no frame can hold), its message says why.
+/// Sends one request and returns the agent's answer. If none arrives, the answer is created here: its result is
+/// unreachable (or failed, for a request that does not fit in a frame), and its message says why.
 control_json ctl_ask(const ctl_connection_settings& settings, const control_json& request);
 
-/// The same, and goes on asking as long as an answer names a next request; returns the last answer.
+/// The same, but continues as long as an answer names a next request; returns the last answer.
 control_json ctl_ask_to_the_end(const ctl_connection_settings& settings, const control_json& request);
 
-/// As ctl_ask, and leaves the connection that the answer came on in `socket`.
+/// Like ctl_ask, but keeps the connection of the answer open in `socket`.
 control_json ctl_ask_on(ctl_socket& socket, const ctl_connection_settings& settings, const control_json& request);
 
-/// The object that a document from the agent is; one with a result and a message when it cannot be read.
+/// Parses a document from the agent; returns an object with a result and a message if it is invalid.
 control_json ctl_parse_answer(const std::string& document);
 
 #endif

@@ -1,4 +1,4 @@
-/// What stands on the command line.
+/// The command line.
 #ifndef SSH_CFG_CTL_COMMAND_LINE_H
 #define SSH_CFG_CTL_COMMAND_LINE_H
 
@@ -14,11 +14,11 @@ struct ctl_command_line {
     std::string error;  ///< of ctl_action::wrong
     bool json = false;
     std::string socket_path = control_socket_path;
-    unsigned timeout = 600;         ///< seconds without a sign of life from the agent
+    unsigned timeout = 600;         ///< seconds without any response from the agent
     std::vector<std::string> call;  ///< the call's name and its arguments
 };
 
-/// Options stand before the call; what follows is the call's own, so that a value may begin with '-'.
+/// Options precede the call; everything after it belongs to the call, so that a value may begin with '-'.
 ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments);
 
 #endif

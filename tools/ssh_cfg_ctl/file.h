@@ -7,11 +7,11 @@
 
 #include "control_protocol/answer.h"
 
-/// Reads a file, or standard input when its name is "-", of at most CONTROL_FRAME_MAX bytes. Nothing, with a result and
-/// a message that names the file in `problem`, when that cannot be done.
+/// Reads a file of at most CONTROL_FRAME_MAX bytes, or standard input for the name "-". On failure returns nothing and
+/// stores a result and a message that names the file in `problem`.
 std::optional<std::string> ctl_read_file(const std::string& name, control_json& problem);
 
-/// Reads a file with one JSON document; what is no such document is refused, with line and column.
+/// Reads a file with one JSON document; invalid JSON is refused, with line and column.
 std::optional<control_json> ctl_read_json_file(const std::string& name, control_json& problem);
 
 #endif

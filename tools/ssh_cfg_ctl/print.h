@@ -1,4 +1,4 @@
-/// Answers as people read them. Whatever comes from outside is made harmless for a terminal.
+/// Human-readable answers. Text from outside is escaped so that it cannot control a terminal.
 #ifndef SSH_CFG_CTL_PRINT_H
 #define SSH_CFG_CTL_PRINT_H
 
@@ -7,17 +7,17 @@
 
 #include "control_protocol/json_text.h"
 
-/// Objects of plain values as a table: a heading from their names, a line for each; objects that hold other values, or
-/// too much for a line of `width` columns (0: any), as blocks.
+/// Objects of plain values as a table, with their names as headings and one line per object; objects with nested values,
+/// or too wide for a line of `width` columns (0: unlimited), as blocks.
 std::string ctl_records_text(const control_json& records, size_t width);
 
-/// One object as lines of name and value, what it holds itself indented below.
+/// One object as lines of name and value, with nested values indented below.
 std::string ctl_record_text(const control_json& record);
 
-/// Whatever an operational read has given: a record, or an array of them.
+/// The data of an operational read: a record, or an array of records.
 std::string ctl_data_text(const control_json& data, size_t width);
 
-/// A configuration with one item a line, which can be loaded again.
+/// A configuration with one item per line, in the format that load reads.
 std::string ctl_configuration_text(const control_json& items);
 
 #endif

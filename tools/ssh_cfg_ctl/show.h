@@ -1,4 +1,4 @@
-/// Operational records as people read them.
+/// Human-readable operational records.
 #ifndef SSH_CFG_CTL_SHOW_H
 #define SSH_CFG_CTL_SHOW_H
 
@@ -7,13 +7,13 @@
 
 #include "control_protocol/json_text.h"
 
-/// The answer of an operational read, in lines of at most `width` columns (0: any). Records that are known by their name
-/// ("record" of the answer) are laid out for what they say, with names for numbers; others go by their fields. What is
-/// not known is a hyphen, and nothing in it can command a terminal.
+/// The answer of an operational read, in lines of at most `width` columns (0: unlimited). Known records ("record" of the
+/// answer) have layouts of their own, with names instead of numbers; others are printed field by field. Unknown values
+/// are shown as a hyphen, and control characters are escaped.
 std::string ctl_show_text(const control_json& answer, size_t width);
 
-/// Says in the answer to a request that nothing is wrong when there is nothing to show, where that is what "no data"
-/// means.
+/// Replaces the message "no data" in the answer to a request for sessions, where it only means that there are no
+/// sessions.
 void ctl_explain_no_data(const control_json& request, control_json& answer);
 
 #endif

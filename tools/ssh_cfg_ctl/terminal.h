@@ -1,11 +1,11 @@
-/// Where the output goes.
+/// The output terminal.
 #ifndef SSH_CFG_CTL_TERMINAL_H
 #define SSH_CFG_CTL_TERMINAL_H
 
 #include <cstddef>
 
-/// Columns that a line of standard output has: what the environment's COLUMNS says, else the terminal's width; 0, which
-/// bounds nothing, for files and pipes.
+/// The line width of standard output: the environment variable COLUMNS, else the terminal's width; 0, which means
+/// unlimited, for files and pipes.
 size_t ctl_output_width();
 
 #endif

@@ -5,13 +5,13 @@
 #include "control_protocol/answer.h"
 #include "ssh_cfg_ctl/client.h"
 
-/// Sends a request that events follow, and writes them to `output`, each a line with one JSON document that is written in
-/// one go, as soon as it is there. Ends with an answer that says why:
-///   done         SIGINT or SIGTERM came, or nobody reads the output any more
-///   unreachable  the agent cannot be reached or went away
+/// Sends a request that is answered with events, and writes each event to `output` as soon as it arrives: one line with
+/// one JSON document in a single write. Returns an answer that says why it ended:
+///   done         on SIGINT or SIGTERM, or when nobody reads the output any more
+///   unreachable  the agent cannot be reached or closed the connection
 ///   another      the agent's own answer, or failed: the output cannot be written
-/// Events that the agent has left out because they were not read in time are in the member "duplicates" of the updates
-/// that came after them.
+/// The member "duplicates" of an update counts the earlier events that the agent dropped because they were not read in
+/// time.
 control_json ctl_watch(const ctl_connection_settings& settings, const control_json& request, int output);
 
 #endif
