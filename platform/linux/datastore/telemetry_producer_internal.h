@@ -1,4 +1,4 @@
-/// Telemetry events on their way from the producer to whoever listens.
+/// Telemetry events on their way from the producer to the listeners.
 #ifndef LINUX_DATASTORE_TELEMETRY_PRODUCER_INTERNAL_H
 #define LINUX_DATASTORE_TELEMETRY_PRODUCER_INTERNAL_H
 

@@ -1,4 +1,4 @@
-/// Banners as the rest of the Linux platform knows them.
+/// Banners for the rest of the Linux platform.
 #ifndef LINUX_HOST_BANNER_SERVICE_INTERNAL_H
 #define LINUX_HOST_BANNER_SERVICE_INTERNAL_H
 

@@ -1,4 +1,4 @@
-/// The lock that keeps a second agent off the node.
+/// The lock that prevents a second agent on the node.
 #ifndef LINUX_PROCESS_NODE_LOCK_H
 #define LINUX_PROCESS_NODE_LOCK_H
 

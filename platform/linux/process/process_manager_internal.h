@@ -1,4 +1,4 @@
-/// What the process manager knows, for the operator.
+/// The process manager's state, for the operator.
 #ifndef LINUX_PROCESS_PROCESS_MANAGER_INTERNAL_H
 #define LINUX_PROCESS_PROCESS_MANAGER_INTERNAL_H
 

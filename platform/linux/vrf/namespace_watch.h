@@ -1,4 +1,4 @@
-/// The watch of the network namespaces.
+/// The watch on the network namespaces.
 #ifndef LINUX_VRF_NAMESPACE_WATCH_H
 #define LINUX_VRF_NAMESPACE_WATCH_H
 
