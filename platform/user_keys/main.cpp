@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
     // No key can exist for such a user, and the name is not safe to print in a message.
     if (!key_user_is_valid(argv[1])) {
         return complain("invalid user name",
-                        "expected 1 to 64 letters, digits, '_', '-' or '.', the first neither '-' nor '.'");
+                        "expected 1 to 64 letters, digits, '_', '-' or '.', not beginning with '-' or '.'");
     }
     try {
         return print_key(argv[1]);
