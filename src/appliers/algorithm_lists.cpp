@@ -173,9 +173,10 @@ platform_status write_filtered_ciphers(const algorithm_side& side, uint32_t even
         debug_print("%s, Invalid cipher  list", side.text.legacy_function);
         return 1;
     }
-    copy_text(side.fips_cipher_list, modified_list_size, filtered->text);
-    side.ciphers->second_current = side.fips_cipher_list;
-    return side.write(event, side.ciphers->keyword, side.fips_cipher_list) == 0 ? PLATFORM_OK : fail_cipher_write(side);
+    algorithm_entry& ciphers = *side.ciphers;
+    copy_text(ciphers.fips_text, sizeof ciphers.fips_text, filtered->text);
+    ciphers.second_current = ciphers.fips_text;
+    return side.write(event, ciphers.keyword, ciphers.fips_text) == 0 ? PLATFORM_OK : fail_cipher_write(side);
 }
 
 /// Writes the list in force, narrowed in FIPS mode.

@@ -5,8 +5,16 @@
 
 namespace {
 
-char server_kex_list[kex_list_size];
-char client_kex_list[kex_list_size];
+// What the appliers edit stands in the entries themselves.
+constexpr auto& server_kex_list = server.algorithms[SERVER_KEX_ALGORITHMS].text;
+constexpr auto& client_kex_list = client.algorithms[CLIENT_KEX_ALGORITHMS].text;
+constexpr auto& server_cipher_list = server.algorithms[SERVER_CIPHERS].text;
+constexpr auto& client_cipher_list = client.algorithms[CLIENT_CIPHERS].text;
+constexpr auto& server_cipher_base = server.cipher_base;
+constexpr auto& client_cipher_base = client.cipher_base;
+constexpr auto& server_mac_list = server.parameters[SERVER_MACS].text;
+constexpr auto& client_mac_list = client.parameters[CLIENT_MACS].text;
+
 uint32_t legacy_cipher_mask;
 uint32_t client_legacy_cipher_mask;
 uint8_t hmac_disabled[mac_count];
@@ -31,7 +39,6 @@ const algorithm_side server_side = {
     .kex_list = server_kex_list,
     .cipher_base = server_cipher_base,
     .cipher_list = server_cipher_list,
-    .fips_cipher_list = server_fips_cipher_list,
     .mac_list = server_mac_list,
     .legacy_cipher_mask = &legacy_cipher_mask,
     .hmac_disabled = hmac_disabled,
@@ -70,7 +77,6 @@ const algorithm_side client_side = {
     .kex_list = client_kex_list,
     .cipher_base = client_cipher_base,
     .cipher_list = client_cipher_list,
-    .fips_cipher_list = client_fips_cipher_list,
     .mac_list = client_mac_list,
     .legacy_cipher_mask = &client_legacy_cipher_mask,
     .hmac_disabled = client_hmac_disabled,

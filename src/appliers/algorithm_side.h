@@ -9,7 +9,7 @@
 #include "core/trace.h"
 #include "fips/list_filter.h"
 
-inline constexpr size_t kex_list_size = 230;  ///< 229 characters and NUL
+inline constexpr size_t kex_list_size = algorithm_text_size;
 
 /// Bits of a legacy cipher mask. 3DES is refused, so that its bit is never set.
 enum legacy_cipher : uint32_t { LEGACY_AES_CBC = 1, LEGACY_3DES = 2 };
@@ -46,11 +46,10 @@ struct algorithm_side {
     algorithm_entry* kex;
     algorithm_entry* ciphers;
     line_entry* macs;
-    char* kex_list;          ///< kex_list_size bytes; the key exchanges of the item
-    char* cipher_base;       ///< algorithm_list_size bytes; the ciphers of the item, or its default
-    char* cipher_list;       ///< algorithm_list_size bytes; the base and the enabled legacy ciphers
-    char* fips_cipher_list;  ///< modified_list_size bytes
-    char* mac_list;          ///< algorithm_list_size bytes; the MACs that are not disabled
+    char* kex_list;     ///< kex_list_size bytes; the key exchanges of the item
+    char* cipher_base;  ///< algorithm_list_size bytes; the ciphers of the item, or its default
+    char* cipher_list;  ///< algorithm_list_size bytes; the base and the enabled legacy ciphers
+    char* mac_list;     ///< algorithm_list_size bytes; the MACs that are not disabled
     uint32_t* legacy_cipher_mask;
     uint8_t* hmac_disabled;  ///< a flag for each MAC
     side_writer write;

@@ -15,8 +15,9 @@ namespace {
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr char function[] = "sshd_apply_hostkeyalgo";
 
-char server_hostkey_list[algorithm_list_size];
-char server_hostkey_files[algorithm_list_size];
+// The lists stand in their entries.
+constexpr auto& server_hostkey_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS].text;
+constexpr auto& server_hostkey_files = server.algorithms[SERVER_HOST_KEY].text;
 
 struct host_key_row {
     host_key_flag flag;
@@ -42,9 +43,9 @@ constexpr host_key_row rsa_rows[] = {
 constexpr host_key_row dss_row = {HOST_KEY_DSS, "ssh-dss", "/pkg/dsa"};
 
 void append_algorithm(const host_key_row& row) {
-    append_name(server_hostkey_list, sizeof server_hostkey_list, row.algorithm);
+    append_name(server_hostkey_list, algorithm_list_size, row.algorithm);
     if (row.file != nullptr) {
-        append_name(server_hostkey_files, sizeof server_hostkey_files, row.file);
+        append_name(server_hostkey_files, algorithm_list_size, row.file);
     }
 }
 
@@ -57,7 +58,7 @@ void append_rsa(const int32_t* flags) {
         }
     }
     if (any) {
-        append_name(server_hostkey_files, sizeof server_hostkey_files, "/pkg/rsa");
+        append_name(server_hostkey_files, algorithm_list_size, "/pkg/rsa");
     }
 }
 

@@ -1,5 +1,4 @@
-/// Appliers of the server's single-valued settings: each turns its item's value into one keyword line of every VRF's
-/// server file.
+/// What the server's settings need besides their rows: the logging item, and the values of port forwarding.
 #ifndef APPLIERS_SERVER_SETTINGS_H
 #define APPLIERS_SERVER_SETTINGS_H
 
@@ -7,22 +6,18 @@
 
 #include "platform/datastore_backend.h"
 
+struct setting_row;
+
 /// 1 while the logging item exists; decides with the debug flags what LogLevel the servers have.
 extern uint32_t server_logging_configured;
 
-/// All take a number item's change and return 0, whatever became of the file; its edit reports failures itself.
+/// Writes LogLevel, whatever the item's number is, unless a debug level decides it. Returns 0.
 platform_status sshd_apply_logging(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_dscp(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_timeout(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_max_auth_limit(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_rate_limit(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_session_limit(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_tcp_window_scale(const datastore_change* change,
-                                            const datastore_path_components* components);
-platform_status sshd_apply_rekey_time(const datastore_change* change, const datastore_path_components* components);
-platform_status sshd_apply_rekey_volume(const datastore_change* change, const datastore_path_components* components);
 
-/// Also 1 for a value other than 0 and 1, and for an event that neither sets nor deletes; the file is then untouched.
-platform_status sshd_apply_port_forwarding(const datastore_change* change, const datastore_path_components* components);
+/// Returns 1 for a value other than 0 and 1 and for an event that neither sets nor deletes, else 0.
+platform_status check_port_forwarding(const datastore_change& change);
+
+/// "local" or "no"; the default when deleted.
+const char* forwarding_or_default(const setting_row& row, const uint32_t* value);
 
 #endif

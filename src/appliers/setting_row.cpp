@@ -36,6 +36,9 @@ uint32_t event_of(const setting_row& row, uint32_t item_event) {
 
 platform_status apply_setting(const setting_row& row, const datastore_change& change) {
     debug_print(row.event_text, static_cast<int>(change.event));
+    if (const platform_status status = row.check != nullptr ? row.check(change) : PLATFORM_OK; status != PLATFORM_OK) {
+        return status;
+    }
     if ((change.event & create_or_set) != 0 && change.value != nullptr) {
         put_setting(row, change.event, row.make_text(row, static_cast<const uint32_t*>(change.value)));
     } else if ((change.event & DATASTORE_EVENT_DELETE) != 0) {
@@ -57,12 +60,8 @@ void put_setting(const setting_row& row, uint32_t item_event, const char* text) 
     if (row.write == nullptr) {
         return;
     }
-    char written[setting_text_size];
-    if (row.written_text != nullptr) {
-        row.written_text(text, written, sizeof written);
-        text = written;
-    }
-    row.write(event, *row.entry, text);
+    char buffer[setting_text_size];
+    row.write(event, *row.entry, text_of_line(row.entry->line_text, text, buffer));
 }
 
 const char* number_or_default(const setting_row& row, const uint32_t* value) {
@@ -73,36 +72,36 @@ const char* number_or_nothing(const setting_row& row, const uint32_t* value) {
     if (value == nullptr) {
         return nullptr;
     }
-    format_text(row.buffer, setting_text_size, "%d", static_cast<int>(*value));
-    return row.buffer;
+    format_text(row.entry->text, setting_text_size, "%d", static_cast<int>(*value));
+    return row.entry->text;
 }
 
 const char* code_point_or_default(const setting_row& row, const uint32_t* value) {
     if (value == nullptr) {
         return row.entry->default_text;
     }
-    format_text(row.buffer, setting_text_size, "0x%x", *value);
-    return row.buffer;
+    format_text(row.entry->text, setting_text_size, "0x%x", *value);
+    return row.entry->text;
 }
 
 const char* rekey_with_time(const setting_row& row, const uint32_t* value) {
     const rekey_limit limit = current_rekey_limit(*row.entry);
     if (value != nullptr) {
-        format_text(row.buffer, setting_text_size, "%dM %dm", limit.megabytes, static_cast<int>(*value));
+        format_text(row.entry->text, setting_text_size, "%dM %dm", limit.megabytes, static_cast<int>(*value));
     } else {
-        format_text(row.buffer, setting_text_size, "%dM 60m", limit.megabytes);
+        format_text(row.entry->text, setting_text_size, "%dM 60m", limit.megabytes);
     }
-    return row.buffer;
+    return row.entry->text;
 }
 
 const char* rekey_with_volume(const setting_row& row, const uint32_t* value) {
     const rekey_limit limit = current_rekey_limit(*row.entry);
     if (value != nullptr) {
-        format_text(row.buffer, setting_text_size, "%dM %dm", static_cast<int>(*value), limit.minutes);
+        format_text(row.entry->text, setting_text_size, "%dM %dm", static_cast<int>(*value), limit.minutes);
     } else {
-        format_text(row.buffer, setting_text_size, "1024M %dm", limit.minutes);
+        format_text(row.entry->text, setting_text_size, "1024M %dm", limit.minutes);
     }
-    return row.buffer;
+    return row.entry->text;
 }
 
 void write_server_setting(uint32_t event, const line_entry& entry, const char* value) {

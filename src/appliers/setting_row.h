@@ -21,25 +21,25 @@ enum setting_event : uint32_t {
 /// Writes a setting's line. `value` may be null for an event with the delete bit.
 using setting_writer = void (*)(uint32_t event, const line_entry& entry, const char* value);
 
-/// Makes an entry's next current text of an item's value, null when the item is deleted. The text is kept in the row's
-/// buffer or is a static one; null leaves the entry without a value.
+/// Makes an entry's next current text of an item's value, null when the item is deleted. The text is kept in the entry or
+/// is a static one; null leaves the entry without a value.
 using setting_text_maker = const char* (*)(const setting_row& row, const uint32_t* value);
 
 struct setting_row {
-    line_entry* entry;
-    const char* event_text;  ///< debug format with the event
-    trace_event_point trace_point;
-    char* buffer;  ///< setting_text_size bytes that the current text may stand in
-    setting_text_maker make_text;
-    void (*announce)(const char* text);  ///< debug print of the new current text; null: none
-    setting_event event;
-    bool is_telemetry;                                                  ///< part of the published server state
-    void (*written_text)(const char* text, char* buffer, size_t size);  ///< form in the file; null: as it stands
-    setting_writer write;                                               ///< null: kept in memory only
+    trace_event_point trace_point{};
+    setting_entry* entry = nullptr;
+    const char* event_text = nullptr;  ///< debug format with the event
+    platform_status (*check)(const datastore_change& change) =
+        nullptr;  ///< what is not 0 is the applier's result, and the change is not applied; null: none
+    setting_text_maker make_text = nullptr;
+    void (*announce)(const char* text) = nullptr;  ///< debug print of the new current text; null: none
+    setting_event event = WRITE_AS_SET;
+    bool is_telemetry = false;       ///< part of the published server state
+    setting_writer write = nullptr;  ///< null: kept in memory only
 };
 
-/// Applies a change of the row's item. An event that neither sets nor deletes does nothing. Returns 0: what a file's edit
-/// met is reported there.
+/// Applies a change of the row's item. An event that neither sets nor deletes does nothing. Returns the check's result, or
+/// 0: what a file's edit met is reported there.
 platform_status apply_setting(const setting_row& row, const datastore_change& change);
 
 /// Gives an entry its next current text and writes it as the row says; the part of apply_setting after the value.
@@ -53,7 +53,7 @@ const char* number_or_default(const setting_row& row, const uint32_t* value);
 /// "%d" of the value; no value when deleted.
 const char* number_or_nothing(const setting_row& row, const uint32_t* value);
 
-/// "0x%x" of the code point; the default when deleted. Written through ip_qos_text.
+/// "0x%x" of the code point; the default when deleted.
 const char* code_point_or_default(const setting_row& row, const uint32_t* value);
 
 /// The two halves of "%dM %dm" (megabytes and minutes between rekeyings). Each replaces its own half of the entry's

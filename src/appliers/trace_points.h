@@ -7,15 +7,6 @@
 // clang-format off
 #define APPLIERS_TRACE_POINTS(ERROR, EVENT)                                                                        \
     EVENT(0x400, appliers, logging, "server setting logging applied", "event", "value")                            \
-    EVENT(0x401, appliers, server_dscp, "server setting dscp applied", "event", "value")                           \
-    EVENT(0x402, appliers, timeout, "server setting timeout applied", "event", "value")                            \
-    EVENT(0x403, appliers, max_auth_limit, "server setting max-auth-limit applied", "event", "value")              \
-    EVENT(0x404, appliers, rate_limit, "server setting rate-limit applied", "event", "value")                      \
-    EVENT(0x405, appliers, session_limit, "server setting session-limit applied", "event", "value")                \
-    EVENT(0x406, appliers, port_forwarding, "server setting port forwarding applied", "event", "value")            \
-    EVENT(0x407, appliers, server_window_scale, "server setting window scale applied", "event", "value")           \
-    EVENT(0x408, appliers, server_rekey_time, "server setting rekey-time applied", "event", "value")               \
-    EVENT(0x409, appliers, server_rekey_volume, "server setting rekey-volume applied", "event", "value")           \
     ERROR(0x40a, appliers, port_forwarding_value, "value of port forwarding out of range", "value")                \
     ERROR(0x40b, appliers, port_forwarding_event, "event of port forwarding unknown", "event")                     \
     ERROR(0x40c, appliers, vrf_name, "VRF name refused", "reason")                                                 \
@@ -36,13 +27,8 @@
     EVENT(0x41b, appliers, client_mac, "client MACs applied", "event", "list")                                     \
     ERROR(0x41c, appliers, cipher_write, "ciphers not written", "function", "status")                              \
     ERROR(0x41d, appliers, memory, "out of memory", "function")                                                    \
-    EVENT(0x41e, appliers, client_version, "client setting version applied", "event", "value")                     \
-    EVENT(0x41f, appliers, client_dscp, "client setting dscp applied", "event", "value")                           \
     EVENT(0x420, appliers, client_known_hosts, "client setting known-hosts file applied", "event", "value")        \
     EVENT(0x421, appliers, client_host_key_checking, "client setting host-key checking applied", "event", "value") \
-    EVENT(0x422, appliers, client_window_scale, "client setting window scale applied", "event", "value")           \
-    EVENT(0x423, appliers, client_rekey_time, "client setting rekey-time applied", "event", "value")               \
-    EVENT(0x424, appliers, client_rekey_volume, "client setting rekey-volume applied", "event", "value")           \
     EVENT(0x425, appliers, trustpoint_host, "host trustpoint applied", "event", "name")                            \
     EVENT(0x426, appliers, trustpoint_user, "user trustpoints applied", "event", "count", "list")                  \
     ERROR(0x427, appliers, trustpoint_event, "trustpoint change not understood", "reason")                         \
@@ -59,5 +45,9 @@
 // clang-format on
 
 APPLIERS_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)
+
+// The single-valued settings have theirs in their rows, with codes of the same range.
+#define SETTING(path, verifier, applier, code, name, ...) DEFINE_TRACE_EVENT(code, appliers, name)
+#include "appliers/items.def"
 
 #endif

@@ -23,11 +23,6 @@ enum : size_t { FLAG_COMMON_NAME, FLAG_USER_PRINCIPAL_NAME, username_flag_count 
 
 enum : uint32_t { USERNAME_FROM_COMMON_NAME = 1, USERNAME_FROM_USER_PRINCIPAL_NAME = 2 };
 
-// The parameter table points at these.
-char user_trustpoint_list[trustpoint_size];
-char user_trustpoint_count_text[setting_text_size];
-char certificate_username_text[setting_text_size];
-
 int32_t username_flags[username_flag_count] = {1, 0};
 
 platform_status warn(const char* format, uint32_t event) {
@@ -95,18 +90,16 @@ void add_name(const char* name) {
 
 /// Writes the lines as they are after the change; they go with the last name.
 void write_user_trustpoints(const char* function, uint32_t event) {
-    if (!join_user_trustpoints(user_trustpoint_list, sizeof user_trustpoint_list)) {
-        trace_error(appliers_trace_trustpoint_cut, {user_trustpoint_list});
+    setting_entry& count = server.parameters[SERVER_USER_TRUSTPOINT_COUNT];
+    setting_entry& list = server.parameters[SERVER_USER_TRUSTPOINT];
+    if (!join_user_trustpoints(list.text, trustpoint_size)) {
+        trace_error(appliers_trace_trustpoint_cut, {list.text});
     }
-    format_text(user_trustpoint_count_text, sizeof user_trustpoint_count_text, "%d",
-                static_cast<int>(user_trustpoint_count));
-    debug_print("(%s), User trustpoint:=%s,User trustpoint count:=%s", function, user_trustpoint_list,
-                user_trustpoint_count_text);
-    trace_event(appliers_trace_trustpoint_user, {event, user_trustpoint_count_text, user_trustpoint_list});
-    line_entry& count = server.parameters[SERVER_USER_TRUSTPOINT_COUNT];
-    line_entry& list = server.parameters[SERVER_USER_TRUSTPOINT];
-    count.current = user_trustpoint_count > 0 ? user_trustpoint_count_text : nullptr;
-    list.current = user_trustpoint_count > 0 ? user_trustpoint_list : nullptr;
+    format_text(count.text, sizeof count.text, "%d", static_cast<int>(user_trustpoint_count));
+    debug_print("(%s), User trustpoint:=%s,User trustpoint count:=%s", function, list.text, count.text);
+    trace_event(appliers_trace_trustpoint_user, {event, count.text, list.text});
+    count.current = user_trustpoint_count > 0 ? count.text : nullptr;
+    list.current = user_trustpoint_count > 0 ? list.text : nullptr;
     write_entry(count, event);
     write_entry(list, event);
 }
@@ -175,11 +168,11 @@ platform_status ssh_apply_certificate_username(const datastore_change* change, c
     }
     const uint32_t mask = (username_flags[FLAG_COMMON_NAME] != 0 ? USERNAME_FROM_COMMON_NAME : 0U) |
                           (username_flags[FLAG_USER_PRINCIPAL_NAME] != 0 ? USERNAME_FROM_USER_PRINCIPAL_NAME : 0U);
-    format_text(certificate_username_text, sizeof certificate_username_text, "%d", static_cast<int>(mask));
-    debug_print("(%s), Username Field = %s", __func__, certificate_username_text);
-    line_entry& entry = server.parameters[SERVER_CERTIFICATE_USERNAME];
-    entry.current = certificate_username_text;
-    trace_event(appliers_trace_certificate_username, {change->event, certificate_username_text});
+    setting_entry& entry = server.parameters[SERVER_CERTIFICATE_USERNAME];
+    format_text(entry.text, sizeof entry.text, "%d", static_cast<int>(mask));
+    debug_print("(%s), Username Field = %s", __func__, entry.text);
+    entry.current = entry.text;
+    trace_event(appliers_trace_certificate_username, {change->event, entry.text});
     write_entry(entry, change->event);
     return PLATFORM_OK;
 }

@@ -1,9 +1,10 @@
 #include "config_files/default_contents.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstring>
+#include <span>
 
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
@@ -29,69 +30,71 @@ int prepare_default_file(const char* path) {
     return create_file_in_dir(paths::configuration_directory, path);
 }
 
-/// A line that every start writes: a setting or a list.
+using line_writer = int (*)(uint32_t event, const char* keyword, const char* value, uint32_t allvrf);
+
+/// A line that every start writes.
 struct initial_line {
-    const line_entry* setting;
-    const algorithm_entry* list;
+    uint32_t rank;
+    const char* keyword;
+    const char* const* current;
+    line_text_maker line_text;
+    line_writer write;
 };
 
-constexpr initial_line line_of(server_parameter index) {
-    return {&server.parameters[index], nullptr};
-}
-constexpr initial_line line_of(server_algorithm index) {
-    return {nullptr, &server.algorithms[index]};
-}
-constexpr initial_line line_of(client_parameter index) {
-    return {&client.parameters[index], nullptr};
-}
-constexpr initial_line line_of(client_algorithm index) {
-    return {nullptr, &client.algorithms[index]};
+constexpr uint32_t NOT_AT_START = 0;
+
+int write_client_line(uint32_t event, const char* keyword, const char* value, uint32_t) {
+    update_client_config_file(event, keyword, value);
+    return 0;
 }
 
-constexpr initial_line server_lines[] = {
-    line_of(SERVER_USE_PAM),
-    line_of(SERVER_HOST_KEY_ALGORITHMS),
-    line_of(SERVER_PERMIT_ROOT_LOGIN),
-    line_of(SERVER_MAX_AUTH_TRIES),
-    line_of(SERVER_MAX_SESSIONS),
-    line_of(SERVER_REKEY_LIMIT),
-    line_of(SERVER_SUBSYSTEM),
-    line_of(SERVER_MACS),
-    line_of(SERVER_CIPHERS),
-    line_of(SERVER_KEX_ALGORITHMS),
-    line_of(SERVER_ACCEPTED_ALGORITHMS),
-    line_of(SERVER_LOGIN_GRACE_TIME),
-    line_of(SERVER_CLIENT_ALIVE_INTERVAL),
-    line_of(SERVER_ALLOW_TCP_FORWARDING),
+constexpr initial_line server_rows[] = {
+#define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
+    {first_line, keyword, &server.parameters[index].current, line_text, update_config_files_restart},
+#define SERVER_LIST(index, keyword, default_text, first_line, write) \
+    {first_line, keyword, &server.algorithms[index].current, AS_IT_STANDS, write},
+#include "config_files/keywords.def"
 };
 
-constexpr initial_line client_lines[] = {
-    // The client starts with the server's limit; its own entry counts from its first change on.
-    line_of(SERVER_REKEY_LIMIT),
-    line_of(CLIENT_USER_KNOWN_HOSTS_FILE),
-    line_of(CLIENT_STRICT_HOST_KEY_CHECKING),
-    line_of(CLIENT_HOST_KEY_ALGORITHMS),
-    line_of(CLIENT_MACS),
-    line_of(CLIENT_CIPHERS),
-    line_of(CLIENT_KEX_ALGORITHMS),
-    line_of(CLIENT_SERVER_ALIVE_INTERVAL),
-    line_of(CLIENT_PUBKEY_AUTHENTICATION),
+constexpr initial_line client_rows[] = {
+#define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
+    {first_line, keyword, &client.parameters[index].current, line_text, write_client_line},
+#define CLIENT_LIST(index, keyword, default_text, first_line) \
+    {first_line, keyword, &client.algorithms[index].current, AS_IT_STANDS, write_client_line},
+#include "config_files/keywords.def"
 };
 
-void write_server_line(const initial_line& line) {
-    if (line.list != nullptr) {
-        update_config_files_restart(event_set_value, line.list->keyword, line.list->current, line.list->allvrf);
-    } else {
-        update_config_files_restart(event_set_value, line.setting->keyword, line.setting->current,
-                                    line.setting->allvrf);
+template <size_t Size>
+constexpr size_t lines_at_start(const initial_line (&rows)[Size]) {
+    return std::ranges::count_if(rows, [](const initial_line& row) { return row.rank != NOT_AT_START; });
+}
+
+/// The lines of a start by their ranks. A rank beyond their number is an error of the compilation.
+template <size_t Count, size_t Size>
+constexpr std::array<initial_line, Count> by_rank(const initial_line (&rows)[Size]) {
+    std::array<initial_line, Count> lines{};
+    for (const initial_line& row : rows) {
+        if (row.rank != NOT_AT_START) {
+            lines[row.rank - 1] = row;
+        }
     }
+    return lines;
 }
 
-void write_client_line(const initial_line& line) {
-    if (line.list != nullptr) {
-        update_client_config_file(event_set_value, line.list->keyword, line.list->current);
-    } else {
-        update_client_config_file(event_set_value, line.setting->keyword, line.setting->current);
+constexpr bool has_every_rank(std::span<const initial_line> lines) {
+    return std::ranges::none_of(lines, [](const initial_line& line) { return line.rank == NOT_AT_START; });
+}
+
+constexpr auto server_lines = by_rank<lines_at_start(server_rows)>(server_rows);
+constexpr auto client_lines = by_rank<lines_at_start(client_rows)>(client_rows);
+static_assert(has_every_rank(server_lines), "two rows have the same place among the server's first lines");
+static_assert(has_every_rank(client_lines), "two rows have the same place among the client's first lines");
+
+void write_lines(std::span<const initial_line> lines) {
+    constexpr uint32_t every_vrf = 1;
+    for (const initial_line& line : lines) {
+        char buffer[setting_text_size];
+        line.write(event_set_value, line.keyword, text_of_line(line.line_text, *line.current, buffer), every_vrf);
     }
 }
 
@@ -102,20 +105,9 @@ int prepare_default_files() {
 }
 
 void write_initial_lines() {
-    for (const initial_line& line : server_lines) {
-        write_server_line(line);
-    }
-    const algorithm_entry& host_keys = server.algorithms[SERVER_HOST_KEY];
-    update_config_files_multiple_restart(event_set_value, host_keys.keyword, host_keys.current, host_keys.allvrf);
-    char ip_qos[setting_text_size];
-    const line_entry& server_qos = server.parameters[SERVER_IP_QOS];
-    ip_qos_text(server_qos.current, ip_qos, sizeof ip_qos);
-    update_config_files_restart(event_set_value, server_qos.keyword, ip_qos, server_qos.allvrf);
-
-    for (const initial_line& line : client_lines) {
-        write_client_line(line);
-    }
-    const line_entry& client_qos = client.parameters[CLIENT_IP_QOS];
-    ip_qos_text(client_qos.current, ip_qos, sizeof ip_qos);
-    update_client_config_file(event_set_value, client_qos.keyword, ip_qos);
+    write_lines(server_lines);
+    // The client starts with the server's limit; its own entry counts from its first change on.
+    const line_entry& rekey_limit = server.parameters[SERVER_REKEY_LIMIT];
+    update_client_config_file(event_set_value, rekey_limit.keyword, rekey_limit.current);
+    write_lines(client_lines);
 }

@@ -45,24 +45,13 @@ int put_in_place(FILE* file, const char* path) {
     return -1;
 }
 
-/// The DSCP never stands in a file as it is kept.
-void write_ip_qos(FILE* file, const line_entry& entry) {
-    if (is_set(entry.current)) {
-        char ip_qos[setting_text_size];
-        ip_qos_text(entry.current, ip_qos, sizeof ip_qos);
-        write_entry(file, entry.keyword, ip_qos);
-    }
-}
-
 void write_server_table(FILE* file) {
-    for (size_t i = SERVER_PROTOCOL; i < SERVER_END_MARKER; i++) {
-        if (i == SERVER_IP_QOS) {
-            write_ip_qos(file, server.parameters[i]);
-        } else {
-            write_entry(file, server.parameters[i].keyword, server.parameters[i].current);
-        }
+    for (size_t i = SERVER_START_MARKER + 1; i < SERVER_END_MARKER; i++) {
+        const setting_entry& entry = server.parameters[i];
+        char buffer[setting_text_size];
+        write_entry(file, entry.keyword, text_of_line(entry.line_text, entry.current, buffer));
     }
-    for (size_t i = SERVER_HOST_KEY_ALGORITHMS; i < SERVER_ALGORITHM_END_MARKER; i++) {
+    for (size_t i = SERVER_ALGORITHM_START_MARKER + 1; i < SERVER_ALGORITHM_END_MARKER; i++) {
         write_entry(file, server.algorithms[i].keyword, server.algorithms[i].current);
     }
 }

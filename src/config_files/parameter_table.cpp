@@ -1,6 +1,7 @@
 #include "config_files/parameter_table.h"
 
 #include <cstdlib>
+#include <string_view>
 
 #include "config_files/algorithm_names.h"
 #include "core/text.h"
@@ -8,102 +9,87 @@
 server_configuration server;
 client_configuration client;
 
-char server_cipher_base[algorithm_list_size];
-char server_cipher_list[algorithm_list_size];
-char server_mac_list[algorithm_list_size];
-char server_dscp[setting_text_size];
-char client_cipher_base[algorithm_list_size];
-char client_cipher_list[algorithm_list_size];
-char client_mac_list[algorithm_list_size];
-char client_dscp[setting_text_size];
-
 namespace {
 
-constexpr char default_dscp[] = "0x10";
+enum initial_state : bool { UNSET, IN_FORCE };
 
-/// Most settings start with their default in force.
-constexpr line_entry in_force(const char* keyword, const char* text) {
-    return {text, text, keyword, 1};
+/// A default that does not fit is an error of the compilation.
+template <size_t Size>
+constexpr void put_text(char (&buffer)[Size], std::string_view text) {
+    text.copy(buffer, text.size());
+    buffer[text.size()] = '\0';
 }
 
-/// These are not written before their items are configured.
-constexpr line_entry unset(const char* keyword, const char* text) {
-    return {text, nullptr, keyword, 1};
+constexpr setting_entry setting(const char* keyword, const char* default_text, initial_state state,
+                                line_text_maker line_text) {
+    setting_entry entry = {{default_text, state == IN_FORCE ? default_text : nullptr, keyword, 1}, line_text, {}};
+    put_text(entry.text, default_text != nullptr ? default_text : "");
+    return entry;
 }
 
-constexpr line_entry marker(const char* keyword) {
-    return {nullptr, nullptr, keyword, 0};
+constexpr algorithm_entry list(const char* keyword, const char* default_text) {
+    algorithm_entry entry = {default_text, default_text, default_text, keyword, 1, {}, {}};
+    put_text(entry.text, default_text);
+    return entry;
 }
 
-constexpr algorithm_entry list(const char* keyword, const char* text) {
-    return {text, text, text, keyword, 1};
+constexpr setting_entry marker(const char* keyword) {
+    return {{nullptr, nullptr, keyword, 0}, AS_IT_STANDS, {}};
 }
 
 constexpr algorithm_entry list_marker(const char* keyword) {
-    return {nullptr, nullptr, nullptr, keyword, 0};
+    return {nullptr, nullptr, nullptr, keyword, 0, {}, {}};
 }
 
-constexpr server_configuration server_defaults = {
-    {
-        marker("startconfig"),
-        unset("Protocol", "2,1"),
-        in_force("UsePAM", "yes"),
-        unset("Port", "22"),
-        in_force("MACs", default_mac_list),
-        in_force("MaxAuthTries", "20"),
-        in_force("RekeyLimit", "1024M 60m"),
-        in_force("MaxSessions", "16"),
-        in_force("IPQoS", default_dscp),
-        in_force("PermitRootLogin", "yes"),
-        unset("NorvoSSHFipsMode", ""),
-        unset("LogLevel", ""),
-        unset("Port", "830"),
-        unset("WindowScaleQd", "1"),
-        in_force("Subsystem", "sftp /pkg/bin/sftp-server"),
-        in_force("RateLimitQd", "60"),
-        in_force("SessionLimitQd", "64"),
-        unset("Banner", "/var/opt/norvo/norvossh/banner"),
-        in_force("AcceptedAlgorithms", default_accepted_algorithms),
-        in_force("LoginGraceTime", "30"),
-        in_force("ClientAliveInterval", "60"),
-        in_force("AllowTcpForwarding", "no"),
-        unset("HostTrustpointQd", ""),
-        unset("UserTrustpointQd", ""),
-        unset("UserTrustpointCntQd", "0"),
-        unset("CertUsernameQd", "1"),
-        marker("endconfig"),
-    },
-    {
-        list_marker("startalgoconfig"),
-        list("HostKeyAlgorithms", default_server_host_key_algorithms),
-        // The blank keeps the keyword from being found at the beginning of a "HostKeyAlgorithms" line.
-        list("HostKey ", default_host_keys),
-        list("Ciphers", default_cipher_list),
-        list("KexAlgorithms", default_kex_list),
-        list_marker("endalgoconfig"),
-    },
-    nullptr,
-};
+constexpr server_configuration make_server_defaults() {
+    server_configuration defaults = {
+        {
+            marker("startconfig"),
+#define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
+    setting(keyword, default_text, state, line_text),
+#include "config_files/keywords.def"
+            marker("endconfig"),
+        },
+        {
+            list_marker("startalgoconfig"),
+#define SERVER_LIST(index, keyword, default_text, ...) list(keyword, default_text),
+#include "config_files/keywords.def"
+            list_marker("endalgoconfig"),
+        },
+        {},
+        nullptr,
+    };
+    put_text(defaults.cipher_base, default_cipher_list);
+    return defaults;
+}
 
-constexpr client_configuration client_defaults = {
-    {
-        unset("Protocol", "2,1"),
-        in_force("MACs", default_mac_list),
-        in_force("RekeyLimit", "1024M 60m"),
-        in_force("IPQoS", default_dscp),
-        unset("WindowScaleQd", nullptr),
-        in_force("UserKnownHostsFile", "/dev/null"),
-        unset("LogLevel", ""),
-        in_force("StrictHostKeyChecking", "no"),
-        in_force("ServerAliveInterval", "60"),
-        in_force("PubkeyAuthentication", "no"),
-    },
-    {
-        list("Ciphers", default_cipher_list),
-        list("KexAlgorithms", default_kex_list),
-        list("HostKeyAlgorithms", default_client_host_key_algorithms),
-    },
-};
+constexpr client_configuration make_client_defaults() {
+    client_configuration defaults = {
+        {
+#define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
+    setting(keyword, default_text, state, line_text),
+#include "config_files/keywords.def"
+        },
+        {
+#define CLIENT_LIST(index, keyword, default_text, ...) list(keyword, default_text),
+#include "config_files/keywords.def"
+        },
+        {},
+    };
+    put_text(defaults.cipher_base, default_cipher_list);
+    return defaults;
+}
+
+constexpr server_configuration server_defaults = make_server_defaults();
+constexpr client_configuration client_defaults = make_client_defaults();
+
+// Every place of the tables is taken, and the markers enclose the server's rows.
+static_assert(server_defaults.parameters[SERVER_START_MARKER].keyword == std::string_view("startconfig"));
+static_assert(server_defaults.parameters[SERVER_END_MARKER].keyword == std::string_view("endconfig"));
+static_assert(server_defaults.algorithms[SERVER_ALGORITHM_START_MARKER].keyword == std::string_view("startalgoconfig"));
+static_assert(server_defaults.algorithms[SERVER_ALGORITHM_END_MARKER].keyword == std::string_view("endalgoconfig"));
+static_assert(client_defaults.parameters[client_parameter_count - 1].keyword != nullptr);
+static_assert(client_defaults.algorithms[client_algorithm_count - 1].keyword != nullptr);
 
 }  // namespace
 
@@ -112,17 +98,17 @@ void fill_parameter_tables() {
     server = server_defaults;
     server.nodes = nodes;
     client = client_defaults;
-    copy_text(server_cipher_base, sizeof server_cipher_base, default_cipher_list);
-    copy_text(server_cipher_list, sizeof server_cipher_list, default_cipher_list);
-    copy_text(server_mac_list, sizeof server_mac_list, default_mac_list);
-    copy_text(server_dscp, sizeof server_dscp, default_dscp);
-    copy_text(client_cipher_base, sizeof client_cipher_base, default_cipher_list);
-    copy_text(client_cipher_list, sizeof client_cipher_list, default_cipher_list);
-    copy_text(client_mac_list, sizeof client_mac_list, default_mac_list);
-    copy_text(client_dscp, sizeof client_dscp, default_dscp);
 }
 
 void ip_qos_text(const char* dscp, char* buffer, size_t size) {
     const unsigned long code_point = std::strtoul(dscp, nullptr, 16);
     format_text(buffer, size, "0x%x", static_cast<unsigned>(code_point) << 2);
+}
+
+const char* text_of_line(line_text_maker make, const char* value, char (&buffer)[setting_text_size]) {
+    if (make == AS_IT_STANDS || value == nullptr || value[0] == '\0') {
+        return value;
+    }
+    make(value, buffer, sizeof buffer);
+    return buffer;
 }

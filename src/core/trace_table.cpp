@@ -29,10 +29,26 @@ namespace {
 #define NOTHING(...)
 
 constexpr trace_point error_points[] = {ALL_TRACE_POINTS(TRACE_ROW, NOTHING)};
-constexpr trace_point event_points[] = {ALL_TRACE_POINTS(NOTHING, TRACE_ROW)};
+constexpr trace_point event_rows[] = {ALL_TRACE_POINTS(NOTHING, TRACE_ROW)
+#define SETTING(path, verifier, applier, code, name, meaning, ...) \
+    TRACE_ROW(code, appliers, name, meaning, "event", "value")
+#include "appliers/items.def"
+};
+
+template <size_t Size>
+constexpr std::array<trace_point, Size> by_code(const trace_point (&rows)[Size]) {
+    std::array<trace_point, Size> points = std::to_array(rows);
+    std::sort(points.begin(), points.end(), [](const auto& one, const auto& other) { return one.code < other.code; });
+    return points;
+}
+
+constexpr auto event_points = by_code(event_rows);
 
 constexpr bool codes_are_unique() {
-    std::array codes = {ALL_TRACE_POINTS(TRACE_CODE, TRACE_CODE)};
+    std::array codes = {ALL_TRACE_POINTS(TRACE_CODE, TRACE_CODE)
+#define SETTING(path, verifier, applier, code, ...) code,
+#include "appliers/items.def"
+    };
     std::sort(codes.begin(), codes.end());
     return std::adjacent_find(codes.begin(), codes.end()) == codes.end();
 }

@@ -20,10 +20,6 @@ namespace {
 
 constexpr uint32_t every_event = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
 
-char server_fips_kex_list[modified_list_size];
-char client_fips_kex_list[modified_list_size];
-char server_fips_host_key_list[modified_list_size];
-
 /// Stays bound for the registrations' sake.
 datastore_binding* crypto_binding;
 
@@ -88,8 +84,6 @@ int unmark_servers(const char* host_key_list) {
 struct list_pair {
     algorithm_entry* server_entry;
     algorithm_entry* client_entry;
-    char* server_text;  ///< modified_list_size bytes for the filtered list
-    char* client_text;
     list_filter_function filter;
     const char* no_memory_text;
     const char* no_list_text;
@@ -103,8 +97,6 @@ const list_pair list_pairs[] = {
     {
         .server_entry = &server.algorithms[SERVER_CIPHERS],
         .client_entry = &client.algorithms[CLIENT_CIPHERS],
-        .server_text = server_fips_cipher_list,
-        .client_text = client_fips_cipher_list,
         .filter = get_modified_cipher_list,
         .no_memory_text = "Error:=%s(0x%x)  memory allocation failed for cipher",
         .no_list_text = "%s, Invalid cipher  list",
@@ -116,8 +108,6 @@ const list_pair list_pairs[] = {
     {
         .server_entry = &server.algorithms[SERVER_KEX_ALGORITHMS],
         .client_entry = &client.algorithms[CLIENT_KEX_ALGORITHMS],
-        .server_text = server_fips_kex_list,
-        .client_text = client_fips_kex_list,
         .filter = get_modified_kex_list,
         .no_memory_text = "Error:=%s(0x%x)  memory allocation failed for kex",
         .no_list_text = "%s, Invalid kex  list",
@@ -161,16 +151,15 @@ int write_server_list(uint32_t event, const algorithm_entry& entry, const char* 
 }
 
 /// Filters the list in force into the entry's second text. Returns it, or null when there is no list.
-const char* narrow(const list_pair& pair, algorithm_entry& entry, char* text, modified_list& work,
-                   const occasion& when) {
+const char* narrow(const list_pair& pair, algorithm_entry& entry, modified_list& work, const occasion& when) {
     if (pair.filter(entry.current, work.text) != 0) {
         debug_print(pair.no_list_text, when.function);
         trace_error(fips_trace_list, {when.function, entry.keyword});
         return nullptr;
     }
-    copy_text(text, modified_list_size, work.text);
-    entry.second_current = text;
-    return text;
+    copy_text(entry.fips_text, sizeof entry.fips_text, work.text);
+    entry.second_current = entry.fips_text;
+    return entry.fips_text;
 }
 
 std::unique_ptr<modified_list> new_list(const char* no_memory_text) {
@@ -187,11 +176,11 @@ platform_status narrow_lists(const list_pair& pair, const occasion& when) {
     if (work == nullptr) {
         return 1;
     }
-    const char* list = narrow(pair, *pair.server_entry, pair.server_text, *work, when);
+    const char* list = narrow(pair, *pair.server_entry, *work, when);
     if (list != nullptr && write_server_list(event_set_value, *pair.server_entry, list) != 0) {
         report_failed_write(pair.failed_text, when.function, pair.failed_message);
     }
-    list = narrow(pair, *pair.client_entry, pair.client_text, *work, when);
+    list = narrow(pair, *pair.client_entry, *work, when);
     if (list != nullptr) {
         update_client_config_file(event_set_value, pair.client_entry->keyword, list);
     }
@@ -220,8 +209,8 @@ void mark_with_narrowed_host_keys(modified_list& work, const occasion& when) {
         debug_print("%s, failed to set hostkeyfile list", when.function);
         return;
     }
-    copy_text(server_fips_host_key_list, sizeof server_fips_host_key_list, work.text);
-    entry.second_current = server_fips_host_key_list;
+    copy_text(entry.fips_text, sizeof entry.fips_text, work.text);
+    entry.second_current = entry.fips_text;
     if (norvossh_set_fips_mode(1, work.text) != 0) {
         log_errno(when.on_failed_message);
         return;

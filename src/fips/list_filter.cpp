@@ -14,8 +14,6 @@
 #include "core/text.h"
 #include "fips/trace_points.h"
 
-char server_fips_cipher_list[modified_list_size];
-char client_fips_cipher_list[modified_list_size];
 char fips_hostkey_files[algorithm_list_size];
 
 namespace {

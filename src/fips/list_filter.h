@@ -6,7 +6,7 @@
 
 #include "config_files/parameter_table.h"
 
-inline constexpr size_t modified_list_size = 255;  ///< 254 characters and NUL
+inline constexpr size_t modified_list_size = fips_algorithm_text_size;
 
 /// A filtered list. Every name in it is followed by a comma, the last one too; a list of which nothing is left is empty.
 struct modified_list {
@@ -20,10 +20,6 @@ int get_modified_cipher_list(const char* list, char* out);
 int get_modified_hostkey_list(const char* list, char* out);
 
 using list_filter_function = int (*)(const char* list, char* out);
-
-/// What FIPS mode leaves of the ciphers in force; the second texts of the tables' entries point here.
-extern char server_fips_cipher_list[modified_list_size];
-extern char client_fips_cipher_list[modified_list_size];
 
 /// The key files of the last list that was looked at; what the server's host-key lines hold in FIPS mode.
 extern char fips_hostkey_files[algorithm_list_size];

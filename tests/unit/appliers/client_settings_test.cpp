@@ -1,6 +1,7 @@
 #include "appliers/client_settings.h"
 
 #include "../algorithm_test.h"
+#include "appliers/settings.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "../agent_test.h"
+#include "appliers/settings.h"
 #include "config_files/default_contents.h"
 #include "config_files/file_recreation.h"
 #include "config_files/vrf_node.h"

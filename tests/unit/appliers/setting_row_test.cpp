@@ -29,10 +29,8 @@ class setting_row_test : public agent_test {
         row.entry = &client.parameters[CLIENT_IP_QOS];
         row.event_text = "Event:=%d, Config:=ssh client dscp";
         row.trace_point = appliers_trace_server_dscp;
-        row.buffer = client_dscp;
         row.make_text = code_point_or_default;
         row.event = WRITE_AS_SET;
-        row.written_text = ip_qos_text;
         row.write = write_client_setting;
     }
 
@@ -58,10 +56,7 @@ TEST_F(setting_row_test, a_client_row_is_written_to_the_clients_file_alone) {
 }
 
 TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves_of_its_own) {
-    char text[setting_text_size];
     row.entry = &client.parameters[CLIENT_REKEY_LIMIT];
-    row.buffer = text;
-    row.written_text = nullptr;
     row.event = WRITE_AS_SET_ONCE_HELD;
     row.make_text = rekey_with_time;
     set(30);
@@ -73,10 +68,7 @@ TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves_of_its_own) {
 
 TEST_F(setting_row_test, a_row_without_writer_stays_in_memory) {
     const std::string before = client_file();
-    char text[setting_text_size];
     row.entry = &client.parameters[CLIENT_WINDOW_SCALE];
-    row.buffer = text;
-    row.written_text = nullptr;
     row.make_text = number_or_nothing;
     row.write = nullptr;
     set(7);
@@ -101,6 +93,18 @@ TEST_F(setting_row_test, announcement_and_telemetry_come_before_the_file) {
     };
     set(10);
     EXPECT_THAT(fake_platform::calls(), ElementsAre("announced 0xa", "telemetry", "write(3, IPQoS, 0x28)"));
+}
+
+TEST_F(setting_row_test, a_check_that_refuses_keeps_the_change_from_being_applied) {
+    row.check = [](const datastore_change& change) -> platform_status { return change.event; };
+    const std::string before = client_file();
+    EXPECT_EQ(set(10), created);
+    EXPECT_EQ(client_file(), before);
+    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0x10");
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh client dscp"));
+    row.check = [](const datastore_change&) -> platform_status { return PLATFORM_OK; };
+    EXPECT_EQ(set(10), 0u);
+    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0xa");
 }
 
 TEST_F(setting_row_test, a_set_without_a_value_does_nothing) {

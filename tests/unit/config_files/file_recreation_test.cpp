@@ -170,7 +170,7 @@ TEST_F(file_recreation_test, without_any_ssh_port_no_line_is_written) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", nullptr);
     store_ssh_vrf("red");
-    server.parameters[SERVER_PORT] = {nullptr, nullptr, "Port", 1};
+    server.parameters[SERVER_PORT].default_text = nullptr;
     EXPECT_EQ(vrf_config_file_recreate("red"), 0);
     EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
 }

@@ -134,18 +134,31 @@ TEST_F(parameter_table_test, the_clients_settings_and_lists) {
 }
 
 TEST_F(parameter_table_test, the_texts_that_appliers_edit) {
-    EXPECT_STREQ(server_cipher_base, cipher_list);
-    EXPECT_STREQ(server_cipher_list, cipher_list);
-    EXPECT_STREQ(server_mac_list, mac_list);
-    EXPECT_STREQ(server_dscp, "0x10");
-    EXPECT_STREQ(client_cipher_base, cipher_list);
-    EXPECT_STREQ(client_cipher_list, cipher_list);
-    EXPECT_STREQ(client_mac_list, mac_list);
-    EXPECT_STREQ(client_dscp, "0x10");
-    EXPECT_EQ(sizeof server_cipher_base, 201u);
-    EXPECT_EQ(sizeof server_cipher_list, 201u);
-    EXPECT_EQ(sizeof server_mac_list, 201u);
-    EXPECT_EQ(sizeof server_dscp, 51u);
+    EXPECT_STREQ(server.cipher_base, cipher_list);
+    EXPECT_STREQ(server.algorithms[SERVER_CIPHERS].text, cipher_list);
+    EXPECT_STREQ(server.parameters[SERVER_MACS].text, mac_list);
+    EXPECT_STREQ(server.parameters[SERVER_IP_QOS].text, "0x10");
+    EXPECT_STREQ(server.parameters[SERVER_HOST_TRUSTPOINT].text, "");
+    EXPECT_STREQ(client.cipher_base, cipher_list);
+    EXPECT_STREQ(client.algorithms[CLIENT_CIPHERS].text, cipher_list);
+    EXPECT_STREQ(client.parameters[CLIENT_MACS].text, mac_list);
+    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].text, "0x10");
+    EXPECT_STREQ(client.parameters[CLIENT_WINDOW_SCALE].text, "");
+    EXPECT_EQ(sizeof server.cipher_base, 201u);
+    EXPECT_EQ(sizeof server.parameters[SERVER_MACS].text, 201u);
+    EXPECT_EQ(sizeof server.algorithms[SERVER_KEX_ALGORITHMS].text, 230u);
+    EXPECT_EQ(sizeof server.algorithms[SERVER_KEX_ALGORITHMS].fips_text, 255u);
+}
+
+// Two entries of one keyword are told apart by their places only.
+TEST_F(parameter_table_test, an_index_leads_to_its_own_row) {
+    EXPECT_STREQ(server.parameters[SERVER_PORT].default_text, "22");
+    EXPECT_STREQ(server.parameters[SERVER_NETCONF_PORT].default_text, "830");
+    EXPECT_STREQ(server.parameters[SERVER_LOGIN_GRACE_TIME].keyword, "LoginGraceTime");
+    EXPECT_STREQ(server.parameters[SERVER_CERTIFICATE_USERNAME].keyword, "CertUsernameQd");
+    EXPECT_STREQ(server.algorithms[SERVER_KEX_ALGORITHMS].keyword, "KexAlgorithms");
+    EXPECT_STREQ(client.parameters[CLIENT_PUBKEY_AUTHENTICATION].keyword, "PubkeyAuthentication");
+    EXPECT_STREQ(client.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword, "HostKeyAlgorithms");
 }
 
 TEST_F(parameter_table_test, filling_restores_the_defaults_and_keeps_the_vrfs) {
@@ -153,12 +166,12 @@ TEST_F(parameter_table_test, filling_restores_the_defaults_and_keeps_the_vrfs) {
     server.nodes = &node;
     server.parameters[SERVER_MAX_AUTH_TRIES].current = "5";
     server.algorithms[SERVER_CIPHERS].current = nullptr;
-    server_dscp[0] = '\0';
+    server.parameters[SERVER_IP_QOS].text[0] = '\0';
     fill_parameter_tables();
     EXPECT_EQ(server.nodes, &node);
     EXPECT_STREQ(server.parameters[SERVER_MAX_AUTH_TRIES].current, "20");
     EXPECT_STREQ(server.algorithms[SERVER_CIPHERS].current, cipher_list);
-    EXPECT_STREQ(server_dscp, "0x10");
+    EXPECT_STREQ(server.parameters[SERVER_IP_QOS].text, "0x10");
 }
 
 // The server's files are searched for a keyword as the beginning of a line.

@@ -16,6 +16,7 @@
 #include "appliers/host_key_algorithms.h"
 #include "appliers/mac_disabling.h"
 #include "appliers/server_settings.h"
+#include "appliers/settings.h"
 #include "appliers/trustpoints.h"
 #include "appliers/user_keys.h"
 #include "appliers/vrf_name_verifier.h"
