@@ -1,4 +1,4 @@
-"""Fixtures of the tests of the throw-away node. They run outside of any node, as root."""
+"""Fixtures of the throw-away node's tests, which run as root, outside any node."""
 
 import signal
 import subprocess
@@ -6,8 +6,8 @@ import subprocess
 import pytest
 from node_runs import NODE_COMMAND, machine_state, wait_until
 
-# Whoever starts the tests in the background, or with nohup, has had these signals ignored, and a process cannot trap what
-# it was started to ignore: the nodes are to be interrupted as from a terminal.
+# In the background or under nohup these signals are ignored, and a shell cannot trap a signal that was ignored when it
+# started. The nodes must be interruptible as from a terminal.
 for ignored in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
     if signal.getsignal(ignored) == signal.SIG_IGN:
         signal.signal(ignored, signal.SIG_DFL)
@@ -15,7 +15,7 @@ for ignored in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP):
 
 @pytest.fixture
 def untouched_machine():
-    """Fails the test when it has left anything behind."""
+    """Fails the test if it left anything behind."""
     before = machine_state()
     yield
     wait_until(lambda: machine_state() == before, 10)

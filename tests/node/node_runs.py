@@ -1,4 +1,4 @@
-"""What the tests of the throw-away node share."""
+"""Helpers of the throw-away node's tests."""
 
 import contextlib
 import os
@@ -17,12 +17,12 @@ def wait_until(condition, seconds=20.0):
     return value
 
 
-# Other nodes may run on the machine meanwhile; the tests' own are known by this host name.
+# Other nodes may be running on the machine; this host name identifies those of the tests.
 MARK = f"node-test-{os.getpid()}"
 
 
 def orphaned_control_groups():
-    """Control groups of nodes whose keeper is gone."""
+    """Control groups of nodes whose keeper has exited."""
     find = ["findmnt", "--noheadings", "--first-only", "--types", "cgroup2", "--output", "TARGET"]
     hierarchy = subprocess.run(find, capture_output=True, text=True, check=False).stdout.strip()
     listing = os.listdir(hierarchy) if hierarchy else []
@@ -31,7 +31,7 @@ def orphaned_control_groups():
 
 
 def node_processes():
-    """Command lines of the processes that are part of a node of these tests or hold one."""
+    """Command lines of the processes that belong to a node of these tests or keep one alive."""
     found = []
     for directory in pathlib.Path("/proc").glob("[0-9]*"):
         with contextlib.suppress(OSError):
@@ -43,7 +43,7 @@ def node_processes():
 
 
 def machine_state():
-    """Everything of this machine that a node could leave a trace in."""
+    """Every place on this machine where a node could leave something behind."""
     mounts = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8").splitlines()
     return {
         "mounts": [line for line in mounts if "ssh_cfg_node" in line or "/run/root" in line],
@@ -56,5 +56,5 @@ def machine_state():
     }
 
 
-# How every node of the tests is started; options may follow.
+# The command that starts a node of the tests; options may follow.
 NODE_COMMAND = [str(NODE), "--no-agent", "--hostname", MARK]

@@ -50,7 +50,7 @@ def test_working_directory_and_the_machines_files_are_there(node, tmp_path):
 
 
 def test_other_file_systems_of_the_machine_are_there_too(tmp_path):
-    # The machine that has them is one with mounts of its own; a comma and a colon are part of a name like any other.
+    # The machine has its own mounts here; commas and colons are valid in their names.
     names = ["disk", "with, comma", "a:colon", "file"]
     mounts = "".join(f"mkdir '{tmp_path}/{name}'; mount -t tmpfs t '{tmp_path}/{name}'; echo {index} > '{tmp_path}/{name}/x';"
                      for index, name in enumerate(names[:3]))
@@ -144,7 +144,7 @@ def test_operator_logs_in_with_each_key(node, key):
 
 
 def test_operators_password_is_the_given_one(node):
-    # The client asks this program for the password, because it has no terminal.
+    # Without a terminal the client runs this program to get the password.
     script = (
         SSHD
         + "printf '#!/bin/sh\\necho \"$ANSWER\"\\n' > /ask && chmod +x /ask && export SSH_ASKPASS=/ask SSH_ASKPASS_REQUIRE=force;"
@@ -157,7 +157,7 @@ def test_operators_password_is_the_given_one(node):
 
 
 def test_agents_state_starts_empty_on_a_machine_that_has_some(node):
-    # The machine that has state is a node itself; that also shows that a node comes up under a running systemd.
+    # A node plays the machine that has state, which also shows that a node boots under a running systemd.
     script = f"""
 mkdir -p /var/lib/ssh_cfg_agent /var/opt/norvo/norvossh /pkg/bin /tmp/norvo-ssh /root/.ssh
 touch /etc/systemd/system/sshd_service_x.service /etc/systemd/system/sshd_conf_x.conf /etc/pam.d/norvosshd /tmp/norvo.txt
@@ -249,7 +249,7 @@ def test_several_nodes_at_once_do_not_see_each_other(node):
 
 
 def start_sleeper():
-    """A node whose command says that it runs and then sleeps; gives the process."""
+    """Starts a node whose command reports that it is running and then sleeps; returns the process."""
     process = subprocess.Popen(
         [*NODE_COMMAND, "run", "--", "sh", "-c", "echo up; exec sleep 1000"], stdout=subprocess.PIPE
     )
@@ -268,14 +268,14 @@ def test_killed_script_takes_its_node_along():
     process = start_sleeper()
     process.kill()
     process.wait(timeout=10)
-    # The fixture sees that everything goes.
+    # The fixture checks that nothing is left.
 
 
 def test_killed_keeper_takes_its_node_along(node):
     process = start_sleeper()
     subprocess.run(["pkill", "-KILL", "-P", str(process.pid), "-f", f"{NODE.parent}/keeper"], check=True)
     assert process.wait(timeout=10) == 128 + signal.SIGKILL
-    # What the keeper could not tidy up, the next node does.
+    # The next node removes what the keeper could not.
     assert node("run", "--", "true").returncode == 0
 
 
@@ -296,7 +296,7 @@ def test_command_that_ignores_the_signal_goes_with_the_node():
 
 
 def test_command_handles_the_interrupt_itself():
-    # Not bash, which can lose an interrupt at the very moment it begins to wait for a program.
+    # Not bash, which can lose an interrupt just as it starts to wait for a program.
     script = "trap 'echo handled; exit 9' INT; echo up; while :; do sleep 0.1; done"
     process = subprocess.Popen([*NODE_COMMAND, "run", "--", "sh", "-c", script], stdout=subprocess.PIPE)
     assert process.stdout.readline() == b"up\n"
@@ -337,13 +337,13 @@ def test_node_that_is_switched_off_from_inside_ends():
     assert result.returncode == 128 + signal.SIGKILL
 
 
-# An ordinary user cannot reach every clone: root's home is closed to others.
+# An ordinary user cannot read a clone in root's home directory.
 REACHABLE_NODE = "/stub/node/node"
 MAKE_REACHABLE = f"mkdir /stub && cp -r {NODE.parent} /stub/node"
 
 
 def test_ordinary_user_is_told_and_goes_on_with_sudo(node):
-    # The sudo of this test only says how it was called.
+    # This test's sudo only prints its arguments.
     script = f"""
 {MAKE_REACHABLE}; printf '#!/bin/sh\\nprintf "<%%s>" "$@"\\n' > /stub/sudo; chmod +x /stub/sudo
 runuser -u operator -- env PATH=/stub:/usr/bin {REACHABLE_NODE} --no-agent --password 'a b' run -- echo 'x y'"""

@@ -1,4 +1,4 @@
-"""Tests of packaging/install_dependencies with stand-ins for the package tools."""
+"""Tests of packaging/install_dependencies with stubs of the package tools."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import pytest
 PACKAGING = pathlib.Path(__file__).resolve().parents[2] / "packaging"
 
 TOOLS = {
-    # Knows "here" as installed and "removed" as a package whose configuration files have stayed.
+    # Reports "here" as installed and "removed" as removed with its configuration files left.
     "dpkg-query": 'for p in "$@"; do case $p in here) echo "installed here";; removed) echo "config-files removed";;'
     ' -*) ;; *) s=1;; esac; done; exit "${s:-0}"',
     "apt-get": 'echo "apt-get $*" >> "$CALLS"; [ "$1" != "$FAILS" ]',
@@ -21,7 +21,7 @@ TOOLS = {
 
 @pytest.fixture
 def install(tmp_path):
-    """Runs the script over a list of packages; gives its result and the calls of the package tools."""
+    """Runs the script on a list of packages; returns its result and the calls of the package tools."""
     shutil.copy(PACKAGING / "install_dependencies", tmp_path)
     tools = tmp_path / "tools"
     tools.mkdir()
@@ -34,7 +34,7 @@ def install(tmp_path):
         for name in without:
             (tools / name).unlink()
         calls = tmp_path / "calls"
-        # Nothing but the stand-ins and what the script itself is made of.
+        # Only the stubs and the programs that the script itself needs.
         for name in ("sh", "dirname", "sed", "grep", "env"):
             if not (tools / name).exists():
                 os.symlink(shutil.which(name), tools / name)

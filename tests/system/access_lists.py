@@ -1,4 +1,4 @@
-"""What the tests of access lists need besides a router: a neighbour on a wire of its own, and ways to knock at ports."""
+"""Helpers of the access-list tests: a neighbour on its own link to the router, and ways to probe ports."""
 
 import json
 import select
@@ -20,7 +20,7 @@ OTHER_PORT = 8080
 
 
 def set_list(family, name, *lines, **options):
-    """Puts the lines in place of the list of that name."""
+    """Replaces the list of that name with these lines."""
     return router.ctl("acl", "set", family, name, "-", input="".join(line + "\n" for line in lines), **options)
 
 
@@ -34,7 +34,7 @@ def delete_all_lists():
 
 
 def rules(vrf, table, family="ip"):
-    """The rules of a VRF's table as the kernel has them, without the table's and the chain's own lines; none when there
+    """The rules of a VRF's table as the kernel lists them, without the lines of the table and the chain. Empty when there
     is no table."""
     lines = router.in_vrf(vrf, "nft", "list", "table", family, table, check=False).stdout.splitlines()
     own = ("table ", "chain ", "type filter hook", "}")
@@ -42,7 +42,7 @@ def rules(vrf, table, family="ip"):
 
 
 def wait_for_rules(vrf, table, family="ip", text=None):
-    """Until a rule of the table contains the text; without a text until the table has no rules."""
+    """Waits until a rule of the table contains the text, or, without a text, until the table has no rules."""
 
     def there():
         return any(text in rule for rule in rules(vrf, table, family)) if text else not rules(vrf, table, family)
@@ -51,7 +51,7 @@ def wait_for_rules(vrf, table, family="ip", text=None):
 
 
 def connect_wires(vrf, number=9):
-    """Joins a VRF and the neighbour; gives the VRF's two addresses. The second octet tells several VRFs apart."""
+    """Connects a VRF to the neighbour and returns the VRF's two addresses. The second octet distinguishes the VRFs."""
     name = f"vrf-{vrf}"
     if PEER not in router.run("ip", "netns", "list").stdout.split():
         make_peer(number)
@@ -66,7 +66,7 @@ def nodad(address):
 
 
 def make_peer(*numbers):
-    """The neighbour with one wire for each number, whose other end has yet to be given to a VRF."""
+    """The neighbour with one link per number; the other ends are not yet in a VRF."""
     router.run("ip", "netns", "add", PEER)
     router.run("ip", "-n", PEER, "link", "set", "lo", "up")
     for number in numbers:
@@ -79,13 +79,13 @@ def make_peer(*numbers):
 
 
 def python_at_peer(*arguments):
-    """A Popen of this file, run by the neighbour."""
+    """Runs this file in the neighbour's namespace and returns the Popen object."""
     command = ["ip", "netns", "exec", PEER, sys.executable, "-B", __file__, *map(str, arguments)]
     return subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
 
 def reached(*knocks, seconds=1.0):
-    """Which of the knocks (source, destination, port) are answered by an open port, all tried at once."""
+    """Probes each (source, destination, port) at the same time and returns those that found an open port."""
     process = python_at_peer("knock", json.dumps(knocks), seconds)
     output, _ = process.communicate(timeout=60)
     assert process.returncode == 0
@@ -93,24 +93,24 @@ def reached(*knocks, seconds=1.0):
 
 
 class Intruder:
-    """Knocks without a pause from a source until told to stop, and counts how often it got in."""
+    """Probes continuously from one source until stopped, and counts the connections that succeeded."""
 
     def __init__(self, source, destination, port):
         self._process = python_at_peer("intrude", source, destination, port)
         assert self._process.stdout.readline() == "started\n"
 
     def stop(self):
-        """How many knocks there were and how many got in."""
+        """Returns the number of probes and of those that connected."""
         output, _ = self._process.communicate("\n", timeout=60)
         assert self._process.returncode == 0
         return tuple(json.loads(output))
 
 
-# The neighbour's side
+# What runs in the neighbour's namespace
 
 
 def start_connecting(source, destination, port):
-    """A socket on its way to the destination; None when there is no way there yet."""
+    """A socket that is connecting to the destination; None while there is no route."""
     attempt = socket.socket(socket.AF_INET6 if ":" in destination else socket.AF_INET, socket.SOCK_STREAM)
     attempt.setblocking(False)
     try:
@@ -141,7 +141,7 @@ def knock(knocks, seconds):
 
 
 def intrude(source, destination, port):
-    """One knock a millisecond or so. Each has half a second to be answered, in which no second packet is sent."""
+    """About one probe per millisecond. Each waits half a second for an answer and is not retransmitted in that time."""
     poll = select.epoll()
     waiting = {}
     knocks = entries = 0

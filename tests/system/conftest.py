@@ -1,4 +1,4 @@
-"""Fixtures of the system tests, which run inside a throw-away node and have its router for themselves."""
+"""Fixtures of the system tests, which run inside a throw-away node and have its router to themselves."""
 
 import pathlib
 
@@ -14,7 +14,7 @@ def pytest_sessionstart(session):
 
 @pytest.fixture(autouse=True)
 def clean_router():
-    """Every test ends with a running agent, no configuration and the namespaces that were there before it."""
+    """Leaves a running agent, no configuration and only the namespaces that existed before the test."""
     before = router.namespaces()
     yield
     if not router.is_active(router.AGENT):
@@ -38,7 +38,7 @@ def journal():
 
 @pytest.fixture
 def vrf():
-    """Gives a VRF a namespace: vrf("red"). It is gone after the test."""
+    """Creates a VRF's namespace: vrf("red"). It is removed after the test."""
 
     def make(name):
         router.add_namespace(name)
@@ -49,7 +49,7 @@ def vrf():
 
 @pytest.fixture
 def server(vrf):
-    """Gives a VRF a namespace and a running server: server("red"), server("red", "vrf-netconf", 830)."""
+    """Creates a VRF's namespace and starts a server in it: server("red"), server("red", "vrf-netconf", 830)."""
 
     def make(name, item="vrf", port=22):
         if f"vrf-{name}" not in router.namespaces():

@@ -15,16 +15,16 @@ CLIENT = "/cfg/gl/crypto/ssh/client/"
 FILES = pathlib.Path("/var/opt/norvo/norvossh")
 UNITS = pathlib.Path("/etc/systemd/system")
 RUNTIME = pathlib.Path("/run/ssh_cfg_agent")
-# What the agent knows as /tmp.
+# The directory that the agent sees as /tmp.
 AGENT_TMP = RUNTIME / "tmp"
 AGENT = "ssh_cfg_agent.service"
 
-# A tuple without an access list: a VRF's server that anybody may reach.
+# A tuple without access lists: anybody can reach the VRF's server.
 OPEN = [None, None, None]
 
 
 def run(*command, check=True, timeout=60, **options):
-    """Runs a command and gives its CompletedProcess with text output. With check, a failure shows what it wrote."""
+    """Runs a command and returns its CompletedProcess with text output. With check, a failure shows the output."""
     result = subprocess.run(
         [str(word) for word in command], capture_output=True, text=True, timeout=timeout, check=False, **options
     )
@@ -34,7 +34,7 @@ def run(*command, check=True, timeout=60, **options):
 
 
 def wait_until(condition, seconds=15.0, what=None):
-    """Waits for condition() to be true and gives its value; fails after the time limit."""
+    """Waits until condition() is true and returns its value; fails after the time limit."""
     end = time.monotonic() + seconds
     while not (value := condition()):
         assert time.monotonic() < end, f"after {seconds} seconds still not: {what or condition}"
@@ -46,13 +46,13 @@ def wait_until(condition, seconds=15.0, what=None):
 
 
 def ctl(*arguments, check=True, **options):
-    """Runs `ssh_cfg_ctl --json`; with check, gives what it answered, else the CompletedProcess."""
+    """Runs `ssh_cfg_ctl --json`. Returns the answer with check, otherwise the CompletedProcess."""
     result = run("ssh_cfg_ctl", "--json", *arguments, check=check, **options)
     return (json.loads(result.stdout) if result.stdout.strip() else None) if check else result
 
 
 def set_item(path, value, **options):
-    """Sets one item; a path that is not absolute is below the server's settings."""
+    """Sets one item. A relative path is below the server's settings."""
     return ctl("set", path if path.startswith("/") else SERVER + path, json.dumps(value), **options)
 
 
@@ -61,7 +61,7 @@ def delete_item(path, **options):
 
 
 def load(items, **options):
-    """Changes several items in one commit; None deletes one."""
+    """Changes several items in one commit; the value None deletes an item."""
     items = {path if path.startswith("/") else SERVER + path: value for path, value in items.items()}
     return ctl("load", "-", input=json.dumps(items), **options)
 
@@ -118,7 +118,7 @@ def main_pid(unit):
 
 
 def port_answers(vrf, port=22, address="127.0.0.1"):
-    """Whether an SSH server sends its greeting there. /dev/tcp/ is bash's own."""
+    """Whether an SSH server sends its version string there. /dev/tcp/ is a feature of bash."""
     script = f"read -r -t 2 line < /dev/tcp/{address}/{port} && [[ $line == SSH-2.0-* ]]"
     return in_vrf(vrf, "bash", "-c", script, check=False).returncode == 0
 
@@ -128,7 +128,7 @@ def wait_for_server(vrf, port=22, seconds=15.0):
 
 
 def ssh(vrf, *command, user="operator", host="127.0.0.1", port=22, options=(), **run_options):
-    """Logs in from inside the VRF's namespace and runs a command there; gives the CompletedProcess."""
+    """Logs in from inside the VRF's namespace, runs a command and returns the CompletedProcess."""
     words = ["ssh", "-p", port, "-o", "BatchMode=yes", "-o", "ConnectTimeout=10", "-o", "LogLevel=ERROR"]
     words += ["-o", "UserKnownHostsFile=/dev/null", "-o", "StrictHostKeyChecking=no"]
     for option in options:
@@ -144,12 +144,12 @@ def agent_answers():
 
 
 def wait_for_agent():
-    """Until the agent has applied the stored configuration and takes calls."""
+    """Waits until the agent has applied the stored configuration and answers calls."""
     wait_until(lambda: is_active(AGENT) and agent_answers(), 60, "the agent answers")
 
 
 def restart_agent():
-    """A clean stop and a start, as an administrator does it."""
+    """Stops the agent cleanly and starts it again, as an administrator would."""
     run("systemctl", "restart", AGENT, timeout=120)
     wait_for_agent()
 
@@ -167,7 +167,7 @@ def respawn_count():
 
 
 class Journal:
-    """The journal from the moment this was made."""
+    """The journal from the moment this object was created."""
 
     def __init__(self):
         entries = self._read("--lines=1")
@@ -180,7 +180,7 @@ class Journal:
         return [json.loads(line) for line in lines]
 
     def entries(self, unit=None):
-        """Entries as dictionaries of the journal's fields, those of one unit when it is named."""
+        """Entries as dictionaries of journal fields; only those of one unit when it is given."""
         arguments = [f"--unit={unit}"] if unit else []
         if self._cursor:
             arguments.append(f"--after-cursor={self._cursor}")

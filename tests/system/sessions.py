@@ -1,4 +1,4 @@
-"""Live SSH sessions for system tests: with a terminal, with pipes, and as the router sees them."""
+"""Live SSH sessions for the system tests, on a terminal or on pipes, and how the router sees them."""
 
 import contextlib
 import fcntl
@@ -20,22 +20,22 @@ UNKNOWN_HOST = ["UserKnownHostsFile=/dev/null", "StrictHostKeyChecking=no"]
 
 
 def ssh_words(vrf, *command, user="operator", port=22, options=()):
-    """The words that log in from inside the VRF's namespace."""
+    """The command line that logs in from inside the VRF's namespace."""
     words = ["ip", "netns", "exec", f"vrf-{vrf}", "ssh", "-p", str(port)]
-    # ssh takes the first of several.
+    # ssh uses the first value of an option that is given more than once.
     for option in [*options, "ConnectTimeout=10", "LogLevel=ERROR", *UNKNOWN_HOST]:
         words += ["-o", option]
     return [*words, f"{user}@127.0.0.1", *command]
 
 
 def start(vrf, *command, **options):
-    """A session with pipes, as a Popen object."""
+    """A session on pipes, as a Popen object."""
     words = ssh_words(vrf, *command, options=["BatchMode=yes", *options.pop("options", [])], **options)
     return subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
 def wrappers():
-    """The process ids by which the agent finds sessions."""
+    """The process ids from which the agent finds sessions."""
     listing = f"ps -ef | grep '{WRAPPER}' | grep -v 'grep' | awk '{{print $2}}'"
     return [int(line) for line in router.run("sh", "-c", listing).stdout.split()]
 
@@ -60,12 +60,12 @@ def children(pid):
 
 
 def end_by_group(pid, number=signal.SIGTERM):
-    """What a reload does to a session."""
+    """Signals a session the way a reload does."""
     os.kill(-pid, number)
 
 
 def end_all():
-    """Ends what a test has left, whatever it ignores."""
+    """Kills what a test has left running, whichever signals it ignores."""
     for pid in wrappers():
         with contextlib.suppress(ProcessLookupError):
             os.kill(-pid, signal.SIGKILL)
@@ -73,7 +73,7 @@ def end_all():
 
 
 class Terminal:
-    """A program on a pseudo-terminal of its own, and the person before it."""
+    """A program on its own pseudo-terminal, and the person who uses it."""
 
     def __init__(self, words, rows=24, columns=80, environment=None):
         self.master, slave = pty.openpty()
@@ -105,7 +105,7 @@ class Terminal:
         os.write(self.master, text.encode())
 
     def read_until(self, text, seconds=15.0):
-        """What was shown up to and with the text. What comes later stays for the next call."""
+        """Returns the output up to and including the text. Later output is kept for the next call."""
         end = time.monotonic() + seconds
         wanted = text.encode()
         while wanted not in self._said:
@@ -122,7 +122,7 @@ class Terminal:
         return (before + wanted).decode(errors="replace")
 
     def read_to_end(self, seconds=15.0):
-        """What is shown until the program has ended."""
+        """Returns the output until the program has ended."""
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             if not select.select([self.master], [], [], 0.2)[0]:
@@ -138,11 +138,11 @@ class Terminal:
         return text
 
     def status(self, seconds=15.0):
-        """The program's exit status, once it has ended."""
+        """Waits until the program has ended and returns its exit status."""
         self.read_to_end(seconds)
         return self.program.wait(timeout=seconds)
 
 
 def log_in(vrf, *command, options=(), user="operator", **terminal):
-    """An interactive session on a terminal, with the operator's key."""
+    """An interactive session on a terminal, authenticated with the operator's key."""
     return Terminal(["env", "TERM=xterm", *ssh_words(vrf, *command, user=user, options=options)], **terminal)

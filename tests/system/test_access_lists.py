@@ -1,4 +1,4 @@
-"""Access lists on real traffic: a neighbour on a wire of its own knocks at the ports of a VRF."""
+"""Access lists on real traffic: a neighbour on its own link probes the ports of a VRF."""
 
 import subprocess
 import sys
@@ -16,7 +16,7 @@ ITEMS = {22: "sshd/vrf/mgmt", 830: "sshd/vrf-netconf/mgmt"}
 
 @pytest.fixture(autouse=True)
 def lists_and_wires(clean_router):
-    """The neighbour and the lists go before the router is made clean, so that no wire is left."""
+    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
     yield
     router.run("ip", "netns", "del", PEER, check=False)
     access_lists.delete_all_lists()
@@ -24,7 +24,7 @@ def lists_and_wires(clean_router):
 
 @pytest.fixture
 def mgmt(vrf):
-    """The VRF mgmt with a wire to the neighbour and no server yet."""
+    """The VRF mgmt with a link to the neighbour, without a server."""
     vrf("mgmt")
     access_lists.connect_wires("mgmt")
     return "mgmt"
@@ -37,7 +37,7 @@ def bind(port=22, ipv4=None, ipv6=None):
 
 
 def wait_for_server(port=22):
-    """The server listens; whether anybody is let in is another matter."""
+    """Whether the server listens, no matter who can connect."""
     router.wait_until(lambda: f":{port} " in router.in_vrf("mgmt", "ss", "-Hltn").stdout, 20, f"a server on port {port}")
 
 
@@ -105,7 +105,7 @@ def test_the_other_service_is_untouched(mgmt):
 
 
 class Session:
-    """A login from the neighbour that answers each line with the same line."""
+    """A login from the neighbour that echoes each line."""
 
     def __init__(self, source=ALLOWED, host=ROUTER):
         options = ["BatchMode=yes", "StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "LogLevel=ERROR"]
@@ -189,7 +189,7 @@ def test_an_unbound_list_is_flushed_and_no_longer_followed(mgmt):
     wait_for_rules(mgmt, "norvossh_v6acl", "ip6")
     set_list("ipv4", "ops", "permit tcp host 192.0.2.99 any")
     set_list("ipv6", "ops6", "deny ipv6 any any")
-    # The other service goes on with its list.
+    # The other service keeps its list.
     wait_for_rules(mgmt, "netconf_v4acl", text="192.0.2.99")
     assert not access_lists.rules(mgmt, "norvossh_v4acl")
     assert not access_lists.rules(mgmt, "norvossh_v6acl", "ip6")
@@ -203,7 +203,7 @@ def test_each_service_follows_its_own_list(mgmt):
     router.delete_item(ITEMS[22])
     set_list("ipv4", "net", f"permit tcp host {DENIED} any")
     wait_for_rules(mgmt, "netconf_v4acl", text=DENIED)
-    # The other item took the server down with it for a moment.
+    # Removing the other item stopped this server for a moment.
     router.wait_until(lambda: who_gets_in(830), what="the server answers again")
     assert who_gets_in(830) == {DENIED, ALLOWED6, DENIED6}
 
@@ -248,12 +248,12 @@ def test_two_vrfs_and_both_services_on_one_list(mgmt, vrf):
 
 
 def marker(number):
-    """An address that only this number's list has."""
+    """An address that only the list with this number contains."""
     return f"198.51.100.{number + 1}"
 
 
 def thousand_lines(number):
-    """A list of 1,000 entries, another one for each number, that permits the one and not the other."""
+    """A list of 1,000 entries, different for each number, that permits the first address and denies the second."""
     lines = [f"{sequence} permit tcp host 192.0.{sequence // 250}.{(sequence + number) % 250 + 1} any"
              for sequence in range(1, 999)]
     return [*lines, f"999 permit tcp host {marker(number)} any", f"1000 permit tcp host {ALLOWED} any"]
@@ -298,7 +298,7 @@ def test_nobody_slips_in_while_a_vrf_comes_up(vrf, port, ipv6):
 
 
 def test_a_netconf_list_of_ipv6_is_not_attached_when_its_namespace_comes(vrf, journal):
-    # It is handed to the routine for IPv4, which refuses it; the log is what tells the operator.
+    # It is passed to the IPv4 routine, which refuses it; the operator learns of it from the log.
     set_list("ipv6", "ops6", f"permit tcp host {ALLOWED6} any")
     router.set_item(ITEMS[830], [None, None, "ops6"])
     vrf("mgmt")
@@ -306,7 +306,7 @@ def test_a_netconf_list_of_ipv6_is_not_attached_when_its_namespace_comes(vrf, jo
     journal.wait_for("Failed to configure netconf v6 acl", router.AGENT)
     wait_for_server(830)
     assert not access_lists.rules("mgmt", "netconf_v6acl", "ip6")
-    # With the namespace there before the item it is attached as it should be.
+    # When the namespace exists before the item is set, the list is attached correctly.
     router.delete_item(ITEMS[830])
     bind(830, None, "ops6")
     router.wait_until(lambda: who_gets_in(830) == {ALLOWED, DENIED, ALLOWED6}, what="the list holds")

@@ -1,4 +1,4 @@
-"""Algorithm lists, FIPS mode and the client on a running router, judged by what stock OpenSSH really offers."""
+"""Algorithm lists, FIPS mode and the client on a running router, checked against what stock OpenSSH offers."""
 
 import os
 import pathlib
@@ -38,7 +38,7 @@ CIPHERS = [
 ]
 DEFAULT_CIPHERS = [name for name in CIPHERS if "cbc" not in name]
 MACS = {"hmac_sha512": "hmac-sha2-512", "hmac_sha256": "hmac-sha2-256", "hmac_sha1": "hmac-sha1"}
-# In the order in which the agent writes them; the certificate and the DSA key are not stock sshd's.
+# In the order in which the agent writes them. Stock sshd supports neither the certificate nor the DSA key.
 HOST_KEYS = {
     "ecdsa-sha2-nistp521": [2],
     "ecdsa-sha2-nistp384": [1],
@@ -51,7 +51,7 @@ HOST_KEYS = {
 CONFIGURATIONS = int(os.environ.get("ALGORITHM_CONFIGURATIONS", "240"))
 TRANSLATIONS = pathlib.Path("/run/ssh_cfg_agent/openssh")
 
-# What stock ssh knows, by the word of `ssh -Q`.
+# What stock ssh supports, as `ssh -Q` lists it.
 known = {word: router.run("ssh", "-Q", word).stdout.split() for word in ("kex", "cipher", "mac", "HostKeyAlgorithms")}
 
 
@@ -60,11 +60,11 @@ def supported(names, word):
 
 
 def proposal(vrf):
-    """What the server offers, as a client sees it: the lines of the peer's proposal by their titles."""
+    """What the server offers, as a client sees it: the lines of the peer's proposal by title."""
     end = time.monotonic() + 20
     while True:
         words = ["ssh", "-vv", "-F", "none", "-o", "BatchMode=yes", "-o", "ConnectTimeout=5"]
-        # Everything that stock ssh knows, so that the talk does not end before the proposals.
+        # Offer everything that stock ssh supports, so that the negotiation does not fail before the proposals are shown.
         words += ["-o", f"Ciphers={','.join(known['cipher'])}", "-o", f"KexAlgorithms={','.join(known['kex'])}"]
         words += ["-o", f"MACs={','.join(known['mac'])}"]
         words += ["-o", "UserKnownHostsFile=/dev/null", "-o", "StrictHostKeyChecking=no"]
@@ -82,13 +82,13 @@ def offered(vrf):
     """Key exchanges, ciphers, MACs and host keys of the server's proposal."""
     lines = proposal(vrf)
     assert lines["ciphers ctos"] == lines["ciphers stoc"] and lines["MACs ctos"] == lines["MACs stoc"]
-    # Announcements of protocol extensions travel in the same list.
+    # The same list carries markers of protocol extensions.
     kex = [name for name in lines["KEX algorithms"] if not name.startswith(("kex-strict-", "ext-info-"))]
     return kex, lines["ciphers ctos"], lines["MACs ctos"], lines["host key algorithms"]
 
 
 def launched(vrf):
-    """The same of the file that the launched server was started with, as sshd itself prints it."""
+    """The same four lists from the file that the server was started with, as sshd prints it."""
     text = router.run("/pkg/libexec/norvosshd", "-T", "-f", TRANSLATIONS / f"sshd_config_{vrf}").stdout
     settings = dict(line.split(" ", 1) for line in text.splitlines() if " " in line)
     return [settings[word].split(",") for word in ("kexalgorithms", "ciphers", "macs", "hostkeyalgorithms")]
@@ -99,14 +99,14 @@ def without(names, *dropped):
 
 
 class Generated:
-    """One generated configuration: its items, and what a server is to offer with them."""
+    """One generated configuration: its items, and what the server must offer with them."""
 
     def __init__(self, source):
         self.kex = self._sample(source, KEX, GROUP1)
         self.cipher = self._sample(source, CIPHERS, "3des-cbc")
         self.legacy = source.random() < 0.3
         self.disabled = source.choice([None, None, *MACS])
-        # One key that stock sshd has must be left.
+        # At least one key type that stock sshd supports must remain.
         self.flags = [source.randrange(2) for _ in range(10)]
         self.flags[source.choice([0, 1, 2, 3, 6, 7, 8, 9])] = 1
 
@@ -152,7 +152,7 @@ def test_a_server_offers_what_is_configured_and_supported_in_its_order(server, p
         expected = generated.expected()
         kex, ciphers, macs, keys = offered(vrf)
         assert [kex, ciphers, macs] == expected[:3], f"configuration {number}: {items}"
-        # On the wire sshd orders its keys by their files.
+        # In its proposal sshd orders the keys by file.
         assert sorted(keys) == sorted(expected[3]), f"configuration {number}: {items}"
         settings = launched(vrf)
         assert settings[:3] == expected[:3]
@@ -161,7 +161,7 @@ def test_a_server_offers_what_is_configured_and_supported_in_its_order(server, p
 
 
 def test_without_a_list_stock_sshds_own_is_in_force(server):
-    # A start takes out the lines that other tests' removals have left.
+    # A start removes the lines that deletions in other tests have left.
     router.restart_agent()
     vrf = server("red")
     lines = "\n".join(router.server_lines(vrf))
@@ -177,7 +177,7 @@ def test_without_a_list_stock_sshds_own_is_in_force(server):
 
 
 def expect_refused(items, *texts):
-    """The whole commit is left out, and the verifier's own words are on standard error."""
+    """The whole commit is refused, with the verifier's message on standard error."""
     items = {"cmn/timeout": 77} | items
     before = router.configuration(), router.server_lines()
     result = router.load(items, check=False)
@@ -204,7 +204,7 @@ TREES = [router.SERVER + "cmn/", router.CLIENT]
         ("cipher", ["aes128-ctr"] * 2, "Cipher-algorithms:=aes128-ctr, selected multiple times"),
         ("cipher", ["none"], "unknown ssh cipher algorithms none"),
         ("cipher", ["3des-cbc"], "3des-cbc is not supported in norvossh, SSH cannot work with this option only"),
-        # What does not fit the schema is told by the schema.
+        # The schema reports what does not match it.
         ("key-exchange", KEX + ["aes128-ctr"], "key-exchange"),
         ("cipher", CIPHERS + ["none"], "cipher"),
         ("key-exchange", ["k" * 41], "key-exchange"),
@@ -245,7 +245,7 @@ def test_fips_mode_is_refused_when_nothing_would_be_left():
 
 
 def test_fips_mode_refuses_what_it_does_not_allow():
-    # In one commit with the switch, and after it.
+    # In the same commit as the switch to FIPS mode, and after it.
     for switch in ({FIPS: True}, {}):
         for tree in TREES:
             text = "allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode."
@@ -285,8 +285,8 @@ def test_fips_mode_holds_across_a_restart_whatever_was_configured_before(server,
     router.load({"cmn/algorithms/key-exchange": [*CURVES, "ecdh-sha2-nistp384"], "cmn/algorithms/cipher": CIPHERS})
     router.set_item(FIPS, True)
     router.restart_agent()
-    # A server that is made now has the lists as they are configured. The launcher holds FIPS mode and names what it
-    # costs.
+    # A server created now has the lists as configured. The launcher enforces FIPS mode and reports what it
+    # removes.
     for name in (vrf, server("blue")):
         expect_no_chacha20_and_no_curve25519(name)
         assert offered(name)[0] == ["ecdh-sha2-nistp384"]

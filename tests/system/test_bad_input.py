@@ -1,4 +1,4 @@
-"""What must not be stored, must not touch a file, must not run in a shell, and must not keep the agent from others."""
+"""Input that must not be stored, change a file, run in a shell or block the agent for others."""
 
 import json
 import os
@@ -18,13 +18,13 @@ TIMEOUT = router.SERVER + "cmn/timeout"
 
 
 def files_of_the_router():
-    """Every file that a change could touch, with the time of its last change."""
+    """Every file that a change could modify, with its modification time."""
     places = [router.FILES, router.UNITS, router.AGENT_TMP, pathlib.Path("/etc/pam.d")]
     return {path: path.lstat().st_mtime_ns for place in places for path in place.rglob("*")}
 
 
 def expect_refused(path, value, *named):
-    """The tool ends with 5, its text names path, value and what is allowed; nothing is stored, no file touched."""
+    """The tool exits with 5 and names path, value and what is allowed; nothing is stored and no file changed."""
     before = files_of_the_router()
     result = router.run("ssh_cfg_ctl", "set", path, value, check=False)
     assert result.returncode == 5, (path, value, result)
@@ -107,7 +107,7 @@ def test_a_name_of_32_characters_is_still_a_name():
 
 
 def test_a_namespace_with_a_hostile_name_is_nobodys_vrf(vrf):
-    # `ip netns` takes nearly anything for a name.
+    # `ip netns` accepts nearly any name.
     hostile = "vrf-a;touch canary"
     router.run("ip", "netns", "add", hostile)
     try:
@@ -152,7 +152,7 @@ def test_a_file_tells_all_its_mistakes(tmp_path):
     assert result.stderr.count("\n") == 3
 
 
-# Frames that no tool of ours would send
+# Frames that ssh_cfg_ctl would never send
 
 
 def connection():
@@ -218,7 +218,7 @@ def test_a_frame_that_is_never_finished():
         start = time.monotonic()
         peer.settimeout(0.2)
         answer = None
-        # A byte now and then gains nothing.
+        # Sending a byte from time to time does not extend the time limit.
         while answer is None and time.monotonic() - start < 15:
             try:
                 answer = answer_of(peer)
@@ -232,7 +232,7 @@ def test_a_frame_that_is_never_finished():
 def test_a_reader_that_does_not_read():
     router.load({f"cmn/{item}": 20 for item in ("timeout", "dscp", "rate_limit")})
     with connection() as peer:
-        # More answers than any buffer takes: the agent stops reading from this one and serves the others.
+        # More answers than any buffer holds: the agent stops reading from this connection and serves the others.
         peer.settimeout(1)
         with pytest.raises((TimeoutError, BrokenPipeError, ConnectionResetError)):
             while True:
@@ -273,7 +273,7 @@ def test_a_thousand_connections():
     assert resident_kilobytes(agent) < before[1] + 8000
     for peer in peers:
         peer.close()
-    # The tool's own connection may have been counted before: it is closed a moment after the tool has ended.
+    # The first count may include the tool's own connection, which is closed a moment after the tool has ended.
     router.wait_until(lambda: descriptors(agent) <= before[0], what="the agent closes what its peers have closed")
     assert router.main_pid(router.AGENT) == agent
 

@@ -1,4 +1,4 @@
-"""The operator's tool against a running agent: every call, every exit status, who may use it, the audit."""
+"""The operator's tool with a running agent: every call, every exit status, access control, the audit trail."""
 
 import json
 import os
@@ -14,13 +14,13 @@ SOCKET = router.RUNTIME / "control.sock"
 
 
 def tool(*arguments, **options):
-    """The tool as people call it, without --json."""
+    """Runs the tool without --json, as people do."""
     return router.run("ssh_cfg_ctl", *arguments, check=False, **options)
 
 
 @pytest.fixture
 def stopped_agent():
-    """The agent's process, held still during the test."""
+    """The agent's process, stopped during the test."""
     agent = router.main_pid(router.AGENT)
     os.kill(agent, signal.SIGSTOP)
     yield agent
@@ -96,7 +96,7 @@ def test_load_is_one_commit(tmp_path):
 def test_a_thousand_items_in_one_file():
     items = {f"{router.SERVER}cmn/trustpoint/user/user{number}": True for number in range(1000)}
     result = tool("load", "--check", "-", input=json.dumps(items))
-    # Whether this build serves the item or not: it comes back whole, and soon.
+    # Whether or not this build serves the item, the answer must be complete and prompt.
     assert result.returncode in (0, 5), result.stderr
     assert result.stdout.count("\n") == 1001 or "not supported" in result.stderr
 

@@ -1,4 +1,4 @@
-"""The machine around the servers: banners, the PAM service, the list of file systems, planted links, reloads."""
+"""The host around the servers: banners, the PAM service, the list of file systems, planted links, reloads."""
 
 import os
 import pathlib
@@ -35,7 +35,7 @@ def show(path):
 
 
 def banner_before_login(vrf):
-    """What the server says to somebody whom it does not know yet."""
+    """The banner that the server sends before authentication."""
     words = sessions.ssh_words(vrf, "true", user="nosuchuser", options=["BatchMode=yes", "LogLevel=INFO"])
     result = subprocess.run(words, capture_output=True, check=False, timeout=20, env=os.environ | {"LC_ALL": "C.UTF-8"})
     assert result.returncode == 255
@@ -135,7 +135,7 @@ def test_tokens_are_expanded():
 
 
 def log_in_with_password(vrf, tmp_path, password=PASSWORD, user="operator", method="password"):
-    """Gives whether the password let in."""
+    """Returns whether a login with the password succeeded."""
     answer = tmp_path / "askpass"
     answer.write_text('#!/bin/sh\nprintf "%s\\n" "$ANSWER"\n', encoding="utf-8")
     answer.chmod(0o700)
@@ -149,7 +149,7 @@ def log_in_with_password(vrf, tmp_path, password=PASSWORD, user="operator", meth
 
 @pytest.fixture
 def account():
-    """Makes an account with a password: account("alice", "secret"); None leaves it without one."""
+    """Creates an account with a password: account("alice", "secret"). None leaves it without a password."""
     made = []
 
     def make(name, password):
@@ -174,7 +174,7 @@ def test_a_password_lets_in_through_the_servers_own_service(server, tmp_path, jo
     assert show(PAM_FILE) == PAM_TEXT
     assert log_in_with_password("red", tmp_path, method=method)
     assert not log_in_with_password("red", tmp_path, "wrong", method=method)
-    # The server has come here by its own service: Debian's sshd has another.
+    # The server uses its own PAM service; Debian's sshd has a different one.
     journal.wait_for("pam_unix(ssh_cfg_aaa:auth): authentication failure", router.server_unit("red"))
 
 
@@ -257,7 +257,7 @@ def test_the_pam_file_survives_the_loss_of_its_directory(tmp_path):
     directory = PAM_FILE.parent
     shutil.copytree(directory, tmp_path / "saved", symlinks=True)
     agent = router.main_pid(router.AGENT)
-    # Else the agent puts the file back into the directory before that can be removed.
+    # Otherwise the agent restores the file before the directory can be removed.
     os.kill(agent, signal.SIGSTOP)
     try:
         shutil.rmtree(directory)
@@ -324,7 +324,7 @@ def test_planted_links_lead_nowhere(server):
     try:
         session = start("red", "cat")
         wait_for_wrappers(1)
-        # The agent writes and reads such a file in each of these, only elsewhere.
+        # The agent uses files of these names, but in its private /tmp.
         assert "operator" in router.run("ssh_cfg_ctl", "show", "/oper/crypto-ssh/gl/session_xml/brief").stdout
         assert router.ctl("show", "/oper/crypto-ssh/client/brief", check=False).returncode == 4
         assert reload()[0].returncode == 0
@@ -355,14 +355,14 @@ def test_the_agents_files_are_not_for_others_to_plant_or_read(user):
 
 @pytest.fixture
 def after_reload():
-    """The servers that a reload stopped run again when the test is over."""
+    """Starts the servers that a reload stopped again after the test."""
     yield
     sessions.end_all()
     router.restart_agent()
 
 
 def reload(*options):
-    """Gives the tool's result and how long it took."""
+    """Returns the tool's result and how long it took."""
     before = time.monotonic()
     result = router.run("ssh_cfg_ctl", "reload", *options, check=False, timeout=60)
     return result, time.monotonic() - before

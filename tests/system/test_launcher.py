@@ -1,4 +1,4 @@
-"""The launcher under systemd: the server that an agent's unit starts, with stock OpenSSH behind it. Runs inside a node."""
+"""The launcher under systemd: the server that a unit of the agent starts, on stock OpenSSH. Runs inside a node."""
 
 import json
 import pathlib
@@ -57,13 +57,13 @@ def server_is_ready():
 
 
 class Server:
-    """One server of the launcher's, in a namespace of its own."""
+    """A server started by the launcher in its own namespace."""
 
     def __init__(self):
         self.cursor = None
 
     def start(self, settings):
-        """Returns whether the server came up; `entries` then gives what this start logged."""
+        """Returns whether the server started; `entries` then returns what this start logged."""
         SERVER_FILE.write_text(settings, encoding="utf-8")
         self.cursor = run("journalctl", "-n0", "--show-cursor").stdout.rpartition("cursor: ")[2].strip()
         run("systemctl", "restart", UNIT)
@@ -102,7 +102,7 @@ def fixture_machine():
     for name, kind in ((KEY, "ed25519"), (pathlib.Path("/pkg/ecdsa-sha2-nistp256"), "ecdsa")):
         if not name.exists():
             run("ssh-keygen", "-q", "-t", kind, "-N", "", "-f", str(name))
-    # The machine's own authentication, so that what is seen here is the launcher's doing alone.
+    # The host's own authentication, so that the test covers the launcher alone.
     pam_text = PAM_FILE.read_text(encoding="utf-8") if PAM_FILE.exists() else None
     PAM_FILE.write_text(pathlib.Path("/etc/pam.d/sshd").read_text(encoding="utf-8"), encoding="utf-8")
     SERVER_FILE.parent.mkdir(parents=True, exist_ok=True)
@@ -210,7 +210,7 @@ def test_fips_mode_takes_no_forbidden_algorithm_from_a_client(server):
         "MACs=umac-64@openssh.com",
         "HostKeyAlgorithms=ssh-ed25519",
     ):
-        # An authenticated cipher would make the MAC moot.
+        # With an authenticated cipher no MAC would be negotiated.
         refused = server.ssh("-o", option, *(["-c", "aes256-ctr"] if "MACs" in option else []), "operator@127.0.0.1", "id")
         assert refused.returncode == 255, option
         assert "no matching" in refused.stderr, option

@@ -1,4 +1,4 @@
-"""Real logins to real servers inside their VRFs."""
+"""Logins to running servers inside their VRFs."""
 
 import os
 import signal
@@ -74,7 +74,7 @@ def test_configuration_is_there_after_a_restart(server):
 
 def test_session_survives_the_restart_of_its_server(server):
     server("red")
-    # The change is made from within the session, which then still has something to say.
+    # The change is made from within the session, which must still produce output afterwards.
     script = "read -r _; echo still here"
     session = subprocess.Popen(
         ["ip", "netns", "exec", "vrf-red", "ssh", "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",

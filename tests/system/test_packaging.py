@@ -1,4 +1,4 @@
-"""The installed system: units, set-up, generator, the agent's /tmp, what survives which end of the agent."""
+"""The installed system: units, set-up, generator, the agent's /tmp, and what survives the agent's various exits."""
 
 import os
 import pathlib

@@ -1,4 +1,4 @@
-"""What reads say of real sessions, beside what the other end of each said itself."""
+"""What operational reads report of live sessions, compared with what the other end of each reported."""
 
 import json
 import os
@@ -25,7 +25,7 @@ GCM = "aes256-gcm@openssh.com"
 
 
 def show(path):
-    """One operational read; nothing for a read that has no data."""
+    """One operational read; None when there is no data."""
     result = router.ctl("show", SHOW + path, check=False)
     assert result.returncode in (0, NO_DATA), result.stderr
     return json.loads(result.stdout) if result.returncode == 0 else []
@@ -36,7 +36,7 @@ def established(path="gl/sshddata/brief"):
 
 
 class Login:
-    """A session that stays until it is told to go. `said` is what ssh -v wrote."""
+    """A session that stays open until it is closed. `said` is the output of ssh -v."""
 
     def __init__(self, *words, vrf="red", user="operator", options=(), program="ssh", run_as=None, command=None,
                  environment=None, host="127.0.0.1"):
@@ -55,7 +55,7 @@ class Login:
             assert text, self.said
             self.output.append(text.strip())
         self.pid = self._ssh.pid
-        # What was reported before this line came is taken in by another process.
+        # Another process collects what was reported before this line.
         time.sleep(0.1)
 
     @property
@@ -64,7 +64,7 @@ class Login:
         return self._said.read()
 
     def heard(self, pattern):
-        """The groups of the last line of ssh's that fits."""
+        """The groups of the last line of ssh's output that matches."""
         found = re.findall(pattern, self.said)
         assert found, f"{pattern} in {self.said}"
         return found[-1]
@@ -96,7 +96,7 @@ def no_session_before_and_after():
 
 
 def negotiated(login):
-    """What ssh itself said of its connection, in the words of the read."""
+    """What ssh reported of its connection, under the names that the read uses."""
     up = login.heard(r"kex: client->server cipher: (\S+) MAC: (\S+)")
     down = login.heard(r"kex: server->client cipher: (\S+) MAC: (\S+)")
 
@@ -213,7 +213,7 @@ def test_rekeying_is_counted(server):
         def count():
             return len(re.findall(r"rekeying out", login.said))
 
-        # The last of the data may come after the word.
+        # The last data may arrive after the marker.
         router.wait_until(lambda: [session["SessionRekeyCount"] for session in show("gl/sshddata/rekey")] == [count()])
         assert count() > 1
         assert algorithms(show("gl/sshddata/detail")[0]) == negotiated(login)
@@ -422,12 +422,12 @@ def test_the_client_stays_what_ssh_is(server):
 
     result = client("operator@127.0.0.1", "cat; echo err >&2; exit 7", input=b"in\n")
     assert (result.stdout, result.stderr, result.returncode) == (b"in\n", b"err\n", 7)
-    # The far side's words are not the client's, whatever they look like.
+    # What the far side prints is not taken for the client's own report, whatever it looks like.
     line = "debug1: kex.c:choose_kex():1 (pid=1): kex: algorithm: x\r\n"
     result = client("operator@127.0.0.1", "cat; sleep 1; printf '%s' \"$0\" >&2".replace("$0", line),
                     input=line.encode())
     assert result.stdout == result.stderr == line.encode()
-    # What the client starts for its user does not see how it reports.
+    # Programs that the client starts for its user do not inherit its means of reporting.
     result = client("-o", "PermitLocalCommand=yes", "-o", "LocalCommand=env", "operator@127.0.0.1", "true")
     assert b"MINE=1" in result.stdout
     assert b"ssh_session_reporter" not in result.stdout
@@ -445,7 +445,7 @@ def test_the_clients_own_words_are_ssh_s(server):
     assert "debug1: Next authentication method: " in wordy.stderr
     assert "debug2:" not in wordy.stderr
     assert "(pid=" not in wordy.stderr
-    # A connection that cannot be made is told of as ssh tells it.
+    # A failed connection is reported in ssh's own words.
     failed = [subprocess.run(["ip", "netns", "exec", "vrf-red", program, "-T", "-p", "1", "operator@127.0.0.1"],
                              capture_output=True, check=False) for program in ("ssh", "/pkg/bin/ssh_csm")]
     assert failed[0].returncode == failed[1].returncode == 255
@@ -529,7 +529,7 @@ def test_a_window_on_a_shared_connection_is_no_session(server):
     os.kill(master, signal.SIGTERM)
 
 
-# Reports that are not to be believed
+# Forged reports
 
 FORGED = """
 import socket, struct, time

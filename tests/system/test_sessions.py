@@ -1,4 +1,4 @@
-"""Sessions under their wrapper: found by the agent, ended by a reload, and otherwise as if it were not there."""
+"""Sessions under the wrapper: found by the agent, ended by a reload, and otherwise unaffected by it."""
 
 import hashlib
 import json
@@ -30,7 +30,7 @@ def red(server):
 
 @pytest.fixture
 def user():
-    """Makes a user whom the node's keys let in: user("name", shell="/bin/sh", key_options='command="..." ')."""
+    """Creates a user who can log in with the node's keys: user("name", shell="/bin/sh", key_options='command="..." ')."""
     made = []
 
     def make(name, shell="/bin/bash", key_options=""):
@@ -185,7 +185,7 @@ def test_a_transfer_ends(red, transfer, tmp_path):
     with endless.open("wb") as file:
         file.truncate(2**40)
     batch.write_text(f"put {endless} there\n", encoding="utf-8")
-    # Slow, so that it is a few megabytes until the end.
+    # Slow, so that only a few megabytes are transferred before the session ends.
     words = [*transfer, "-l", "20000"]
     for option in ["BatchMode=yes", *sessions.UNKNOWN_HOST]:
         words += ["-o", option]
@@ -243,7 +243,7 @@ def test_a_lost_connection_ends_the_shell_and_what_runs_in_it(red):
     router.wait_until(lambda: router.run("pgrep", "-f", "sleep 4245", check=False).returncode == 1)
 
 
-# As if the wrapper were not there
+# Transparency of the wrapper
 
 
 def test_a_login_shell_is_one(red):
@@ -264,7 +264,7 @@ def test_keys_reach_the_foreground_job(red):
     with log_in(red) as terminal:
 
         def at_the_prompt(text):
-            # What is typed before the shell reads again is shown twice, by the terminal and by the shell.
+            # Input typed before the shell reads again is echoed twice, by the terminal and by the shell.
             terminal.read_until("$ ")
             terminal.type(text)
 
@@ -295,11 +295,11 @@ def test_keys_reach_the_foreground_job(red):
 
 
 def test_keys_reach_a_command_on_a_terminal(red):
-    # bash can lose an interrupt at the very moment it begins to wait for a program, so another shell runs the loop.
+    # bash can lose an interrupt just as it starts to wait for a program, so another shell runs the loop.
     script = "trap 'echo inter''rupted; exit 9' INT; echo rea''dy; while :; do sleep 0.1; done"
     with log_in(red, f'exec sh -c "{script}"', options=["RequestTTY=force"]) as terminal:
         terminal.read_until("ready")
-        # Nobody could continue what this stops, so the kernel stops nothing.
+        # Nobody could continue this process group, so the kernel does not stop it.
         terminal.type("\x1a")
         terminal.type("\x03")
         terminal.read_until("interrupted")

@@ -1,4 +1,4 @@
-"""Operational data as people and scripts read it."""
+"""Operational data as people and as scripts read it."""
 
 import fcntl
 import json
@@ -18,12 +18,12 @@ STATE = "/oper/overlays/gl/crypto_ssh/openconfig-system/"
 
 
 def tool(*arguments, **options):
-    """The tool as people call it, without --json."""
+    """Runs the tool without --json, as people do."""
     return router.run("ssh_cfg_ctl", *arguments, check=False, **options)
 
 
 def on_terminal(columns, *arguments):
-    """What the tool writes to a terminal of so many columns."""
+    """The tool's output on a terminal with this many columns."""
     master, terminal = pty.openpty()
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
     environment = {name: value for name, value in os.environ.items() if name != "COLUMNS"}
@@ -44,7 +44,7 @@ def on_terminal(columns, *arguments):
 
 
 def parameter_lines(**options):
-    """The server parameters by their labels."""
+    """The server parameters by label."""
     result = tool("show", PARAMETERS, **options)
     assert result.returncode == 0, result.stderr
     return dict(line.split(":", 1) for line in result.stdout.splitlines() if not line.startswith(" "))

@@ -1,4 +1,4 @@
-"""Users' public keys of the configuration: who gets in with them, from when and until when."""
+"""Configured public keys of users: who can log in with them, from when and until when."""
 
 import base64
 import pathlib
@@ -183,7 +183,7 @@ def test_an_eleventh_user_trustpoint_is_refused():
     assert "More than 10 trustpoints cannot be configured" in refused.stderr
     assert "UserTrustpointCntQd 10" in router.server_lines()
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
-    # One of the ten again changes nothing.
+    # Setting one of the ten again changes nothing.
     router.set_item("cmn/trustpoint/user/ca3", True)
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
 

@@ -1,4 +1,4 @@
-"""Telemetry as it happens: what a watcher is told, how the watch ends, and that nobody waits for a watcher."""
+"""Live telemetry: what a watcher receives, how a watch ends, and that a slow watcher delays nobody."""
 
 import json
 import os
@@ -28,7 +28,7 @@ class Watch:
         self._rest = b""
 
     def line(self, seconds=15.0):
-        """The next document; None when there is none in time or none any more."""
+        """The next document; None at the time limit or at the end of the output."""
         end = time.monotonic() + seconds
         while b"\n" not in self._rest:
             ready, _, _ = select.select([self.process.stdout], [], [], max(0.0, end - time.monotonic()))
@@ -40,14 +40,14 @@ class Watch:
         return json.loads(line)
 
     def state(self, **options):
-        """The next notification's values by their leaves."""
+        """The values of the next notification by leaf."""
         notification = self.line(**options)
         assert notification is not None, self.process.poll()
         assert notification["prefix"] == STATE
         return {update["path"]: update["val"] for update in notification["update"]}
 
     def state_until(self, **wanted):
-        """Takes notifications until one has these values."""
+        """Reads notifications until one has these values."""
         end = time.monotonic() + 20
         while time.monotonic() < end:
             state = self.state()
@@ -56,7 +56,7 @@ class Watch:
         raise AssertionError(f"never {wanted}")
 
     def end(self, number=signal.SIGINT):
-        """Interrupts it; gives its exit status and what it said on standard error."""
+        """Interrupts the watcher and returns its exit status and standard error."""
         if self.process.poll() is None:
             self.process.send_signal(number)
         errors = self.process.stderr.read().decode()
@@ -68,7 +68,7 @@ class Watch:
 
 @pytest.fixture
 def watch():
-    """Starts watchers, which are gone after the test: watch()."""
+    """Starts watchers, which end with the test: watch()."""
     started = []
 
     def start(*options):
@@ -178,7 +178,7 @@ def test_ends_with_an_agent_that_is_killed(watch):
 
 
 def test_outlives_the_time_in_which_others_have_to_speak(watch):
-    """An idle connection is dropped after a minute; a watcher is silent for longer."""
+    """An idle connection is dropped after a minute; a watcher may be silent for longer."""
     watcher = watch()
     watcher.state()
     time.sleep(63)
@@ -204,7 +204,7 @@ def resident_memory(pid):
 
 
 def deaf_watcher():
-    """A connection that asks to watch and never reads."""
+    """A connection that requests a watch and never reads."""
     connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
     connection.connect(str(SOCKET))
@@ -214,7 +214,7 @@ def deaf_watcher():
 
 
 def test_nobody_waits_for_who_does_not_read(watch):
-    """Some hundred events with a watcher that is stopped and one that never reads: the agent takes no longer."""
+    """Hundreds of events with a stopped watcher and one that never reads do not slow the agent down."""
     reader = watch()
     reader.state()
     stopped = watch()
