@@ -10,9 +10,9 @@
 namespace {
 
 constexpr record_descriptor ipv4_entry = {"ipv4_acl_edm_ace", "ipv4_acl_edm_bag_desc.dll", ACL_IPV4_ENTRY_SCHEMA,
-                                          "$1=DeIIAAAAeIIeIIesbCCCeCCeIIeIIeII;"};
+                                          ACL_IPV4_ENTRY_COMPACT_SCHEMA};
 constexpr record_descriptor ipv6_entry = {"ipv6_acl_edm_ace", "libipv6_acl_edm_bag_desc.dll", ACL_IPV6_ENTRY_SCHEMA,
-                                          "$1=DeID16xCD16xC16xCD16xCeIIeIIeseCCbCCCeIIeII;"};
+                                          ACL_IPV6_ENTRY_COMPACT_SCHEMA};
 
 }  // namespace
 

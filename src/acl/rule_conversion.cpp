@@ -17,35 +17,17 @@ namespace {
 
 constexpr size_t action_name_compared = 10;
 
-/// What both families' entries say alike, under one set of names.
-struct entry_conditions {
+/// What both families' entries have under names of their own, apart from the conditions on numbers.
+struct entry_parts {
+    const void* entry;  ///< for its conditions
     int32_t grant;
     uint32_t protocol_operator;
     uint32_t protocol;
-    int32_t source_operator;
-    uint32_t source_port1;
-    uint32_t source_port2;
-    int32_t destination_operator;
-    uint32_t destination_port1;
-    uint32_t destination_port2;
     int32_t log_option;
     const char* counter_name;
     int32_t tcp_flags_operator;
     uint32_t tcp_flags;
     uint32_t tcp_flags_mask;
-    uint32_t dscp_present;
-    uint32_t dscp_operator;
-    uint32_t dscp1;
-    uint32_t dscp2;
-    int32_t length_operator;
-    uint32_t length1;
-    uint32_t length2;
-    int32_t ttl_operator;
-    uint32_t ttl1;
-    uint32_t ttl2;
-    int32_t fragment_operator;  ///< always none in IPv6
-    uint32_t fragment1;
-    uint32_t fragment2;
 };
 
 struct family_rules {
@@ -71,7 +53,7 @@ void append_verdict(rule_text& rule, int32_t grant) {
 }
 
 /// The end of every rule: log, counter, service port, verdict; then the line goes to the file.
-void finish_rule(rule_text& rule, const entry_conditions& entry, bool excluded, bool negated, uint32_t service_port,
+void finish_rule(rule_text& rule, const entry_parts& entry, bool excluded, bool negated, uint32_t service_port,
                  FILE* rule_file) {
     if (entry.log_option == ACL_LOG) {
         append_piece(rule, "log ");
@@ -91,21 +73,13 @@ void finish_rule(rule_text& rule, const entry_conditions& entry, bool excluded, 
     fputc('\n', rule_file);
 }
 
-/// The conditions behind the addresses, in the order in which they are written.
-void append_conditions(rule_text& rule, const entry_conditions& entry, bool is_ipv6) {
-    append_tcp_flags_match(rule, static_cast<uint32_t>(entry.tcp_flags_operator), entry.tcp_flags,
-                           entry.tcp_flags_mask);
-    if (entry.dscp_present != 0) {
-        set_dscp_value(rule, entry.dscp_operator, entry.dscp1, entry.dscp2, is_ipv6);
-    }
-    append_length_match(rule, static_cast<uint32_t>(entry.length_operator), entry.length1, entry.length2, is_ipv6);
-    append_ttl_match(rule, static_cast<uint32_t>(entry.ttl_operator), entry.ttl1, entry.ttl2, is_ipv6);
-    append_fragment_match(rule, static_cast<uint32_t>(entry.fragment_operator), entry.fragment1, entry.fragment2);
+acl_condition condition_of(const entry_parts& entry, const family_rules& family, acl_condition_id condition) {
+    return acl_read_condition(entry.entry, acl_fields_of(acl_conditions[condition], family.is_ipv6));
 }
 
 /// Makes one rule. The two functions append the source and the destination address; either may refuse the entry.
 template <typename append_source, typename append_destination>
-void convert_entry(const entry_conditions& entry, const family_rules& family, uint32_t type, FILE* rule_file,
+void convert_entry(const entry_parts& entry, const family_rules& family, uint32_t type, FILE* rule_file,
                    append_source source, append_destination destination) {
     if (!concerns_tcp(family, entry.protocol_operator, entry.protocol)) {
         return;
@@ -114,15 +88,18 @@ void convert_entry(const entry_conditions& entry, const family_rules& family, ui
     if (!source(rule)) {
         return;
     }
-    append_sport_match(rule, static_cast<uint32_t>(entry.source_operator), entry.source_port1, entry.source_port2);
+    const acl_condition from = condition_of(entry, family, ACL_SOURCE_PORT);
+    append_sport_match(rule, static_cast<uint32_t>(from.operation), from.first, from.second);
     if (!destination(rule)) {
         return;
     }
     bool excluded = false;
     bool negated = false;
-    check_dport_match(rule, static_cast<uint32_t>(entry.destination_operator), entry.destination_port1,
-                      entry.destination_port2, excluded, negated, type);
-    append_conditions(rule, entry, family.is_ipv6);
+    const acl_condition to = condition_of(entry, family, ACL_DESTINATION_PORT);
+    check_dport_match(rule, static_cast<uint32_t>(to.operation), to.first, to.second, excluded, negated, type);
+    append_tcp_flags_match(rule, static_cast<uint32_t>(entry.tcp_flags_operator), entry.tcp_flags,
+                           entry.tcp_flags_mask);
+    append_conditions(rule, entry.entry, family.is_ipv6);
     finish_rule(rule, entry, excluded, negated, type == family.netconf_type ? netconf_port : ssh_port, rule_file);
 }
 
@@ -207,64 +184,28 @@ void append_ipv6_address(rule_text& rule, const ipv6_address_texts& texts, const
     }
 }
 
-entry_conditions conditions_of(const acl_ipv4_entry& entry) {
-    return {.grant = entry.Grant,
+entry_parts parts_of(const acl_ipv4_entry& entry) {
+    return {.entry = &entry,
+            .grant = entry.Grant,
             .protocol_operator = entry.ProtocolOperator,
             .protocol = entry.Protocol,
-            .source_operator = entry.SourceOperator,
-            .source_port1 = entry.SourcePort1,
-            .source_port2 = entry.SourcePort2,
-            .destination_operator = entry.DestinationOperator,
-            .destination_port1 = entry.DestinationPort1,
-            .destination_port2 = entry.DestinationPort2,
             .log_option = entry.LogOption,
             .counter_name = entry.CounterName,
             .tcp_flags_operator = entry.TCPFlagsOperator,
             .tcp_flags = entry.TCPFlags,
-            .tcp_flags_mask = entry.TCPFlagsMask,
-            .dscp_present = entry.DSCPPresent,
-            .dscp_operator = entry.DSCPOperator,
-            .dscp1 = entry.DSCP,
-            .dscp2 = entry.DSCP2,
-            .length_operator = entry.PacketLengthOperator,
-            .length1 = entry.PacketLength1,
-            .length2 = entry.PacketLength2,
-            .ttl_operator = entry.TTLOperator,
-            .ttl1 = entry.TTL1,
-            .ttl2 = entry.TTL2,
-            .fragment_operator = entry.FragmentOffsetOperator,
-            .fragment1 = entry.FragmentOffset1,
-            .fragment2 = entry.FragmentOffset2};
+            .tcp_flags_mask = entry.TCPFlagsMask};
 }
 
-entry_conditions conditions_of(const acl_ipv6_entry& entry) {
-    return {.grant = entry.IsPacketAllowOrDeny,
+entry_parts parts_of(const acl_ipv6_entry& entry) {
+    return {.entry = &entry,
+            .grant = entry.IsPacketAllowOrDeny,
             .protocol_operator = entry.IsProtocolOperator,
             .protocol = entry.IsIPV6ProtocolType,
-            .source_operator = entry.IsSourceOperator,
-            .source_port1 = entry.IsSourcePort1,
-            .source_port2 = entry.IsSourcePort2,
-            .destination_operator = entry.IsDestinationOperator,
-            .destination_port1 = entry.IsDestinationPort1,
-            .destination_port2 = entry.IsDestinationPort2,
             .log_option = entry.IsLogOption,
             .counter_name = entry.CounterName,
             .tcp_flags_operator = entry.IsTCPBitsOperator,
             .tcp_flags = entry.IsTCPBits,
-            .tcp_flags_mask = entry.IsTCPBitsMask,
-            .dscp_present = entry.IsDSCPPresent,
-            .dscp_operator = entry.DSCPOperator,
-            .dscp1 = entry.IsDSCPValu,
-            .dscp2 = entry.IsDSCPValu2,
-            .length_operator = entry.IsPacketLengthOperator,
-            .length1 = entry.IsPacketLengthStart,
-            .length2 = entry.IsPacketLengthEnd,
-            .ttl_operator = entry.IsTimeToLiveOperator,
-            .ttl1 = entry.IsTimeToLiveStart,
-            .ttl2 = entry.IsTimeToLiveEnd,
-            .fragment_operator = 0,
-            .fragment1 = 0,
-            .fragment2 = 0};
+            .tcp_flags_mask = entry.IsTCPBitsMask};
 }
 
 }  // namespace
@@ -272,7 +213,7 @@ entry_conditions conditions_of(const acl_ipv6_entry& entry) {
 void ssh_convert_ipv4_acl_rule(const acl_ipv4_entry& entry, FILE* rule_file, uint32_t type) {
     const char* routine = __func__;
     convert_entry(
-        conditions_of(entry), ipv4_rules, type, rule_file,
+        parts_of(entry), ipv4_rules, type, rule_file,
         [&](rule_text& rule) {
             if (append_ipv4_address(rule, ipv4_source, entry.SourceAddress, entry.SourceAddressMask)) {
                 return true;
@@ -287,7 +228,7 @@ void ssh_convert_ipv4_acl_rule(const acl_ipv4_entry& entry, FILE* rule_file, uin
 
 void ssh_convert_ipv6_acl_rule(const acl_ipv6_entry& entry, FILE* rule_file, uint32_t type) {
     convert_entry(
-        conditions_of(entry), ipv6_rules, type, rule_file,
+        parts_of(entry), ipv6_rules, type, rule_file,
         [&](rule_text& rule) {
             append_ipv6_address(rule, ipv6_source, entry.IsSourceAddressInNumbers, entry.SourceMask,
                                 entry.IsSourceAddressPrefixLength);

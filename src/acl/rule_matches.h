@@ -1,6 +1,6 @@
-/// Appenders: one condition of an access-list entry each, as nftables match text.
+/// Appenders, each of which writes one condition of an access-list entry as nftables match text.
 ///
-/// Operators are the ACL service's: 0 none, 1 eq, 2 gt, 3 lt, 4 ne, 5 range. Any other value appends nothing.
+/// Operators are the ACL service's (acl_operator). ACL_NONE and any other value append nothing.
 #ifndef ACL_RULE_MATCHES_H
 #define ACL_RULE_MATCHES_H
 
@@ -29,8 +29,8 @@ void append_length_match(rule_text& rule, uint32_t operation, uint32_t value1, u
 /// TTL, or hop limit in IPv6.
 void append_ttl_match(rule_text& rule, uint32_t operation, uint32_t value1, uint32_t value2, bool is_ipv6);
 
-/// Fragment offset; IPv4 only.
-void append_fragment_match(rule_text& rule, uint32_t operation, uint32_t value1, uint32_t value2);
+/// Appends the conditions of an acl_ipv4_entry or acl_ipv6_entry that follow the TCP flags, in their prescribed order.
+void append_conditions(rule_text& rule, const void* entry, bool is_ipv6);
 
 /// Leading one bits of a netmask in network byte order; what comes after the first zero bit is ignored.
 uint32_t mask_prefix_length(uint32_t netmask);

@@ -21,10 +21,18 @@ struct enumeration_row {
     std::vector<const char*> values;
 };
 
+std::vector<const char*> operator_names() {
+    std::vector<const char*> names;
+    for (const acl_operator_row& row : acl_operators) {
+        names.push_back(row.name);
+    }
+    return names;
+}
+
 const std::vector<enumeration_row>& enumerations() {
     static const std::vector<enumeration_row> rows = {
         {"acl_action_", {acl_action_names, acl_action_names + std::size(acl_action_names)}},
-        {"acl_port_operator_", {"none", "eq", "gt", "lt", "ne", "range"}},
+        {"acl_port_operator_", operator_names()},
         {"acl_log_type_", {"none", "log"}},
         {"acl_tcpflags_operator_", {"none", "match_all", "match_any"}},
     };
@@ -40,21 +48,15 @@ const enumeration_row* find_enumeration(const std::string& name) {
     return nullptr;
 }
 
-/// Fields that are wider than what the packet has room for; nftables would refuse the whole list for one such number.
-struct narrow_field {
-    const char* name;
-    uint64_t highest;
-};
-
-constexpr narrow_field narrow_fields[] = {
-    {"DSCP", 63},  {"DSCP2", 63}, {"IsDSCPValu", 63},         {"IsDSCPValu2", 63},
-    {"TTL1", 255}, {"TTL2", 255}, {"IsTimeToLiveStart", 255}, {"IsTimeToLiveEnd", 255},
-};
-
-uint64_t highest_number(const record_field& field, uint64_t width) {
-    const auto* row = std::find_if(std::begin(narrow_fields), std::end(narrow_fields),
-                                   [&field](const narrow_field& narrow) { return field.name == narrow.name; });
-    return row != std::end(narrow_fields) ? row->highest : width;
+/// The highest number that a field takes, when its width allows numbers up to `width_max`.
+uint64_t highest_number(const record_field& field, bool is_ipv6, uint64_t width_max) {
+    for (const acl_condition_row& row : acl_conditions) {
+        const acl_condition_fields& fields = acl_fields_of(row, is_ipv6);
+        if (acl_family_has(fields) && (field.name == fields.first.name || field.name == fields.second.name)) {
+            return row.record_max;
+        }
+    }
+    return width_max;
 }
 
 std::string shown(const control_json& value) {
@@ -64,8 +66,8 @@ std::string shown(const control_json& value) {
 /// Fills one native entry from a JSON object.
 class entry_writer {
   public:
-    entry_writer(const record_schema& schema, unsigned char* base, std::string& error)
-        : schema_(schema), base_(base), error_(error) {}
+    entry_writer(uint32_t family, const record_schema& schema, unsigned char* base, std::string& error)
+        : is_ipv6_(family == ACL_FAMILY_IPV6), schema_(schema), base_(base), error_(error) {}
 
     bool write(const control_json& object) {
         for (const auto& [name, value] : object.items()) {
@@ -101,7 +103,7 @@ class entry_writer {
 
     template <typename number_type>
     bool write_number(const record_field& field, const control_json& value, unsigned char* at) {
-        const uint64_t highest = highest_number(field, std::numeric_limits<number_type>::max());
+        const uint64_t highest = highest_number(field, is_ipv6_, std::numeric_limits<number_type>::max());
         if (!value.is_number_unsigned() || value.get<uint64_t>() > highest) {
             return fail(field, value, "a number from 0 to " + std::to_string(highest));
         }
@@ -179,50 +181,36 @@ class entry_writer {
         }
     }
 
+    bool is_ipv6_;
     const record_schema& schema_;
     unsigned char* base_;
     std::string& error_;
-};
-
-/// What a condition's fields are called in each family, for messages about a reversed range.
-struct range_row {
-    const char* operation;
-    const char* first;
-    const char* second;
-};
-
-constexpr range_row ranges[] = {
-    {"SourceOperator", "SourcePort1", "SourcePort2"},
-    {"DestinationOperator", "DestinationPort1", "DestinationPort2"},
-    {"PacketLengthOperator", "PacketLength1", "PacketLength2"},
-    {"TTLOperator", "TTL1", "TTL2"},
-    {"FragmentOffsetOperator", "FragmentOffset1", "FragmentOffset2"},
-    {"DSCPOperator", "DSCP", "DSCP2"},
-    {"IsSourceOperator", "IsSourcePort1", "IsSourcePort2"},
-    {"IsDestinationOperator", "IsDestinationPort1", "IsDestinationPort2"},
-    {"IsPacketLengthOperator", "IsPacketLengthStart", "IsPacketLengthEnd"},
-    {"IsTimeToLiveOperator", "IsTimeToLiveStart", "IsTimeToLiveEnd"},
-    {"DSCPOperator", "IsDSCPValu", "IsDSCPValu2"},
 };
 
 bool is_range(const control_json& operation) {
     return operation == "range" || operation == static_cast<int>(ACL_RANGE);
 }
 
-bool check_ranges(const control_json& object, std::string& error) {
-    for (const range_row& row : ranges) {
-        const auto operation = object.find(row.operation);
-        const auto first = object.find(row.first);
-        const auto second = object.find(row.second);
-        if (operation == object.end() || !is_range(*operation) || first == object.end()) {
-            continue;
-        }
-        if (second == object.end() || first->get<uint32_t>() > second->get<uint32_t>()) {
-            error = std::string(row.first) + ", " + row.second + ": range is reversed; expected the lower number first";
-            return false;
-        }
+bool check_range(const acl_condition_fields& fields, const control_json& object, std::string& error) {
+    const auto operation = object.find(fields.operation.name);
+    const auto first = object.find(fields.first.name);
+    const auto second = object.find(fields.second.name);
+    if (operation == object.end() || !is_range(*operation) || first == object.end()) {
+        return true;
+    }
+    if (second == object.end() || first->get<uint32_t>() > second->get<uint32_t>()) {
+        error = std::string(fields.first.name) + ", " + fields.second.name +
+                ": range is reversed; expected the lower number first";
+        return false;
     }
     return true;
+}
+
+bool check_ranges(uint32_t family, const control_json& object, std::string& error) {
+    return std::ranges::all_of(acl_conditions, [&](const acl_condition_row& row) {
+        const acl_condition_fields& fields = acl_fields_of(row, family == ACL_FAMILY_IPV6);
+        return !acl_family_has(fields) || check_range(fields, object, error);
+    });
 }
 
 constexpr const char* action_fields[] = {"Grant", "IsPacketAllowOrDeny"};
@@ -242,8 +230,8 @@ bool acl_entry_from_json(uint32_t family, const control_json& json, acl_stored_e
         return false;
     }
     std::vector<unsigned char> native(schema->record().size);
-    entry_writer writer(*schema, native.data(), error);
-    if (!writer.write(json) || !check_ranges(json, error)) {
+    entry_writer writer(family, *schema, native.data(), error);
+    if (!writer.write(json) || !check_ranges(family, json, error)) {
         return false;
     }
     void* encoded = nullptr;

@@ -22,8 +22,6 @@ struct named_number {
 constexpr named_number protocols[] = {{"tcp", 6}, {"udp", 17}, {"icmp", 1}, {"icmpv6", 58}, {"gre", 47}, {"esp", 50}};
 constexpr named_number ports[] = {{"ssh", 22}, {"telnet", 23}, {"domain", 53},
                                   {"www", 80}, {"https", 443}, {"netconf", 830}};
-constexpr named_number operations[] = {
-    {"eq", ACL_EQ}, {"gt", ACL_GT}, {"lt", ACL_LT}, {"neq", ACL_NE}, {"range", ACL_RANGE}};
 constexpr named_number flags[] = {{"fin", 1}, {"syn", 2}, {"rst", 4}, {"psh", 8}, {"ack", 16}, {"urg", 32}};
 constexpr named_number no_names[] = {{nullptr, 0}};
 
@@ -44,26 +42,22 @@ std::string name_of(const named_number (&names)[count], uint32_t number) {
     return std::to_string(number);
 }
 
+const acl_operator_row* find_operator(std::string_view word) {
+    const auto* found = std::ranges::find_if(
+        acl_operators, [word](const acl_operator_row& row) { return row.word != nullptr && word == row.word; });
+    return found != std::end(acl_operators) ? found : nullptr;
+}
+
+/// The operator's word, or its code when there is no such operator.
+std::string operator_word(uint32_t code) {
+    return code < ACL_OPERATOR_COUNT && acl_operators[code].word != nullptr ? acl_operators[code].word
+                                                                            : std::to_string(code);
+}
+
 std::string quoted(std::string_view word) {
     return '"' + control_printable(word, shown_word) + '"';
 }
 
-/// A condition of an option: what it is called, how large its number may be, where it goes.
-struct option_row {
-    const char* name;
-    uint32_t highest;
-    acl_condition acl_rule::*condition;
-    bool ipv4_only;
-};
-
-constexpr option_row options[] = {
-    {"dscp", 63, &acl_rule::dscp, false},
-    {"ttl", 255, &acl_rule::ttl, false},
-    {"packet-length", 65535, &acl_rule::packet_length, false},
-    {"fragment-offset", 8191, &acl_rule::fragment_offset, true},
-};
-
-constexpr uint32_t port_max = 65535;
 constexpr uint32_t protocol_max = 255;
 constexpr uint8_t ack_flag = 16;
 constexpr size_t counter_max = 64;
@@ -87,8 +81,8 @@ class line_parser {
         if (!parse_sequence() || next_is("remark")) {
             return false;
         }
-        return parse_action() && parse_protocol() && parse_end(rule_.source, rule_.source_port, "source") &&
-               parse_end(rule_.destination, rule_.destination_port, "destination") && parse_options();
+        return parse_action() && parse_protocol() && parse_end(rule_.source, ACL_SOURCE_PORT, "source") &&
+               parse_end(rule_.destination, ACL_DESTINATION_PORT, "destination") && parse_options();
     }
 
   private:
@@ -157,17 +151,17 @@ class line_parser {
         return parse_number(protocols, protocol_max, "protocol", rule_.protocol);
     }
 
-    bool parse_end(acl_address& address, acl_condition& port, const char* which) {
+    bool parse_end(acl_address& address, acl_condition_id port, const char* which) {
         if (!parse_address(address, which)) {
             return false;
         }
-        if (find_name(operations, word()) == nullptr) {
+        if (find_operator(word()) == nullptr) {
             return true;
         }
         if (rule_.any_protocol || (rule_.protocol != 6 && rule_.protocol != 17)) {
             return fail(quoted(word()) + ": a port requires protocol tcp or udp");
         }
-        return parse_condition(ports, port_max, "port", port);
+        return parse_condition(ports, acl_conditions[port], "port");
     }
 
     bool parse_address(acl_address& address, const char* which) {
@@ -237,18 +231,18 @@ class line_parser {
     }
 
     template <size_t count>
-    bool parse_condition(const named_number (&names)[count], uint32_t highest, const char* what,
-                         acl_condition& condition) {
-        const named_number* operation = find_name(operations, word());
-        condition.operation = operation != nullptr ? static_cast<int32_t>(operation->number) : ACL_EQ;
+    bool parse_condition(const named_number (&names)[count], const acl_condition_row& row, const char* what) {
+        acl_condition& condition = rule_.conditions[row.condition];
+        const acl_operator_row* operation = find_operator(word());
+        condition.operation = operation != nullptr ? static_cast<int32_t>(operation->code) : ACL_EQ;
         next_ += operation != nullptr ? 1 : 0;
-        if (!parse_number(names, highest, what, condition.first)) {
+        if (!parse_number(names, row.line_max, what, condition.first)) {
             return false;
         }
         if (condition.operation != ACL_RANGE) {
             return true;
         }
-        if (!parse_number(names, highest, what, condition.second)) {
+        if (!parse_number(names, row.line_max, what, condition.second)) {
             return false;
         }
         if (condition.first > condition.second) {
@@ -296,14 +290,18 @@ class line_parser {
         if (take("tcp-flags")) {
             return parse_flags();
         }
-        for (const option_row& row : options) {
-            if (next_is(row.name) && !(row.ipv4_only && ipv6_)) {
-                next_++;
-                return parse_condition(no_names, row.highest, row.name, rule_.*row.condition);
+        std::string keywords;
+        for (const acl_condition_row& row : acl_conditions) {
+            if (row.keyword == nullptr || !acl_family_has(acl_fields_of(row, ipv6_))) {
+                continue;
             }
+            if (take(row.keyword)) {
+                return parse_condition(no_names, row, row.keyword);
+            }
+            keywords += (acl_family_has(row.ipv6) ? ", " : " or ") + std::string(row.keyword);
         }
-        return fail(quoted(word()) + ": expected log, counter, established, tcp-flags, dscp, ttl, packet-length" +
-                    (ipv6_ ? "" : " or fragment-offset") + ", or the end of the entry");
+        return fail(quoted(word()) + ": expected log, counter, established, tcp-flags" + keywords +
+                    ", or the end of the entry");
     }
 
     bool check_tcp(const char* option) {
@@ -391,7 +389,7 @@ std::string condition_text(const named_number (&names)[count], const acl_conditi
         return {};
     }
     std::string text =
-        ' ' + name_of(operations, static_cast<uint32_t>(condition.operation)) + ' ' + name_of(names, condition.first);
+        ' ' + operator_word(static_cast<uint32_t>(condition.operation)) + ' ' + name_of(names, condition.first);
     return condition.operation == ACL_RANGE ? text + ' ' + name_of(names, condition.second) : text;
 }
 
@@ -422,11 +420,14 @@ std::string acl_format_line(uint32_t family, const acl_rule& rule) {
         std::to_string(rule.sequence) + ' ' +
         (action < std::size(acl_action_names) ? acl_action_names[action] : "unknown") + ' ' +
         (rule.any_protocol ? (family == ACL_FAMILY_IPV6 ? "ipv6" : "ipv4") : name_of(protocols, rule.protocol)) + ' ' +
-        address_text(family, rule.source) + condition_text(ports, rule.source_port) + ' ' +
-        address_text(family, rule.destination) + condition_text(ports, rule.destination_port) + flags_text(rule);
-    for (const option_row& row : options) {
-        const std::string condition = condition_text(no_names, rule.*row.condition);
-        text += condition.empty() ? "" : ' ' + std::string(row.name) + condition;
+        address_text(family, rule.source) + condition_text(ports, rule.conditions[ACL_SOURCE_PORT]) + ' ' +
+        address_text(family, rule.destination) + condition_text(ports, rule.conditions[ACL_DESTINATION_PORT]) +
+        flags_text(rule);
+    for (const acl_condition_row& row : acl_conditions) {
+        if (row.keyword != nullptr) {
+            const std::string condition = condition_text(no_names, rule.conditions[row.condition]);
+            text += condition.empty() ? "" : ' ' + std::string(row.keyword) + condition;
+        }
     }
     text += rule.counter.empty() ? "" : " counter " + rule.counter;
     return text + (rule.log ? " log" : "");

@@ -5,8 +5,8 @@
 /// PROTOCOL is tcp, udp, icmp, a number, or ip (also ipv4, ipv6) for any. SOURCE and DESTINATION are any, host ADDRESS,
 /// ADDRESS/LENGTH or, in IPv4, ADDRESS WILDCARD-MASK; bits that do not count are cleared. PORT is eq, gt, lt or neq with a
 /// port, or range with two; a port is a number or ssh, telnet, domain, www, https, netconf. An OPTION is log, counter NAME,
-/// established, tcp-flags with +FLAG and -FLAG words, or dscp, ttl, packet-length or fragment-offset (IPv4) with a number
-/// or a condition like a port's; each once. "remark" entries, empty lines and what follows '#' or '!' at the start of a
+/// established, tcp-flags with +FLAG and -FLAG words, or a condition's keyword in platform/acl_entry.h (dscp, ttl,
+/// packet-length, fragment-offset in IPv4) with a number or a condition like a port's; each once. "remark" entries, empty lines and what follows '#' or '!' at the start of a
 /// line are passed over.
 #ifndef LINUX_ACCESS_LISTS_ACL_LINE_H
 #define LINUX_ACCESS_LISTS_ACL_LINE_H

@@ -32,15 +32,31 @@ acl_address address_of(const uint8_t (&address)[16], const uint8_t (&mask)[16], 
     return to;
 }
 
-template <typename number_type>
-void put(int32_t& operation, number_type& first, number_type& second, const acl_condition& from) {
-    operation = from.operation;
-    first = static_cast<number_type>(from.first);
-    second = static_cast<number_type>(from.second);
+void put_condition(void* entry, const acl_condition_fields& fields, const acl_condition& from) {
+    acl_store_field(entry, fields.operation, static_cast<uint32_t>(from.operation));
+    acl_store_field(entry, fields.first, from.first);
+    acl_store_field(entry, fields.second, from.second);
+    if (fields.present.width != 0) {
+        acl_store_field(entry, fields.present, from.operation != ACL_NONE ? 1 : 0);
+    }
 }
 
-acl_condition condition_of(int32_t operation, uint32_t first, uint32_t second) {
-    return {operation, first, second};
+void put_conditions(void* entry, bool is_ipv6, const acl_rule& rule) {
+    for (const acl_condition_row& row : acl_conditions) {
+        const acl_condition_fields& fields = acl_fields_of(row, is_ipv6);
+        if (acl_family_has(fields)) {
+            put_condition(entry, fields, rule.conditions[row.condition]);
+        }
+    }
+}
+
+void read_conditions(const void* entry, bool is_ipv6, acl_rule& rule) {
+    for (const acl_condition_row& row : acl_conditions) {
+        const acl_condition_fields& fields = acl_fields_of(row, is_ipv6);
+        if (acl_has_condition(entry, fields)) {
+            rule.conditions[row.condition] = acl_read_condition(entry, fields);
+        }
+    }
 }
 
 void put(acl_ipv4_entry& entry, const acl_rule& rule) {
@@ -51,19 +67,11 @@ void put(acl_ipv4_entry& entry, const acl_rule& rule) {
         static_cast<uint16_t>(rule.any_protocol ? static_cast<uint32_t>(ACL_PROTOCOL_ANY_IPV4) : rule.protocol);
     put_address(entry.SourceAddress, entry.SourceAddressMask, rule.source);
     put_address(entry.DestinationAddress, entry.DestinationAddressMask, rule.destination);
-    put(entry.SourceOperator, entry.SourcePort1, entry.SourcePort2, rule.source_port);
-    put(entry.DestinationOperator, entry.DestinationPort1, entry.DestinationPort2, rule.destination_port);
     entry.LogOption = rule.log ? ACL_LOG : 0;
-    entry.DSCPPresent = rule.dscp.operation != ACL_NONE ? 1 : 0;
-    entry.DSCP = static_cast<uint8_t>(rule.dscp.first);
-    entry.DSCP2 = static_cast<uint8_t>(rule.dscp.second);
-    entry.DSCPOperator = static_cast<uint8_t>(rule.dscp.operation);
     entry.TCPFlagsOperator = rule.tcp_flags_operation;
     entry.TCPFlags = rule.tcp_flags;
     entry.TCPFlagsMask = rule.tcp_flags_mask;
-    put(entry.PacketLengthOperator, entry.PacketLength1, entry.PacketLength2, rule.packet_length);
-    put(entry.TTLOperator, entry.TTL1, entry.TTL2, rule.ttl);
-    put(entry.FragmentOffsetOperator, entry.FragmentOffset1, entry.FragmentOffset2, rule.fragment_offset);
+    put_conditions(&entry, false, rule);
 }
 
 void put(acl_ipv6_entry& entry, const acl_rule& rule) {
@@ -74,18 +82,11 @@ void put(acl_ipv6_entry& entry, const acl_rule& rule) {
     put_address(entry.IsSourceAddressInNumbers, entry.SourceMask, entry.IsSourceAddressPrefixLength, rule.source);
     put_address(entry.IsDestinationAddressInNumbers, entry.DestinationMask, entry.IsDestinationAddressPrefixLength,
                 rule.destination);
-    put(entry.IsSourceOperator, entry.IsSourcePort1, entry.IsSourcePort2, rule.source_port);
-    put(entry.IsDestinationOperator, entry.IsDestinationPort1, entry.IsDestinationPort2, rule.destination_port);
     entry.IsLogOption = rule.log ? ACL_LOG : 0;
     entry.IsTCPBitsOperator = rule.tcp_flags_operation;
     entry.IsTCPBits = rule.tcp_flags;
     entry.IsTCPBitsMask = rule.tcp_flags_mask;
-    entry.IsDSCPPresent = rule.dscp.operation != ACL_NONE ? 1 : 0;
-    entry.DSCPOperator = static_cast<uint8_t>(rule.dscp.operation);
-    entry.IsDSCPValu = static_cast<uint8_t>(rule.dscp.first);
-    entry.IsDSCPValu2 = static_cast<uint8_t>(rule.dscp.second);
-    put(entry.IsPacketLengthOperator, entry.IsPacketLengthStart, entry.IsPacketLengthEnd, rule.packet_length);
-    put(entry.IsTimeToLiveOperator, entry.IsTimeToLiveStart, entry.IsTimeToLiveEnd, rule.ttl);
+    put_conditions(&entry, true, rule);
 }
 
 acl_rule rule_of(const acl_ipv4_entry& entry) {
@@ -96,16 +97,11 @@ acl_rule rule_of(const acl_ipv4_entry& entry) {
     rule.protocol = entry.Protocol;
     rule.source = address_of(entry.SourceAddress, entry.SourceAddressMask);
     rule.destination = address_of(entry.DestinationAddress, entry.DestinationAddressMask);
-    rule.source_port = condition_of(entry.SourceOperator, entry.SourcePort1, entry.SourcePort2);
-    rule.destination_port = condition_of(entry.DestinationOperator, entry.DestinationPort1, entry.DestinationPort2);
     rule.log = entry.LogOption == ACL_LOG;
-    rule.dscp = entry.DSCPPresent != 0 ? condition_of(entry.DSCPOperator, entry.DSCP, entry.DSCP2) : acl_condition();
     rule.tcp_flags_operation = entry.TCPFlagsOperator;
     rule.tcp_flags = entry.TCPFlags;
     rule.tcp_flags_mask = entry.TCPFlagsMask;
-    rule.packet_length = condition_of(entry.PacketLengthOperator, entry.PacketLength1, entry.PacketLength2);
-    rule.ttl = condition_of(entry.TTLOperator, entry.TTL1, entry.TTL2);
-    rule.fragment_offset = condition_of(entry.FragmentOffsetOperator, entry.FragmentOffset1, entry.FragmentOffset2);
+    read_conditions(&entry, false, rule);
     return rule;
 }
 
@@ -118,17 +114,11 @@ acl_rule rule_of(const acl_ipv6_entry& entry) {
     rule.source = address_of(entry.IsSourceAddressInNumbers, entry.SourceMask, entry.IsSourceAddressPrefixLength);
     rule.destination =
         address_of(entry.IsDestinationAddressInNumbers, entry.DestinationMask, entry.IsDestinationAddressPrefixLength);
-    rule.source_port = condition_of(entry.IsSourceOperator, entry.IsSourcePort1, entry.IsSourcePort2);
-    rule.destination_port =
-        condition_of(entry.IsDestinationOperator, entry.IsDestinationPort1, entry.IsDestinationPort2);
     rule.log = entry.IsLogOption == ACL_LOG;
-    rule.dscp = entry.IsDSCPPresent != 0 ? condition_of(entry.DSCPOperator, entry.IsDSCPValu, entry.IsDSCPValu2)
-                                         : acl_condition();
     rule.tcp_flags_operation = entry.IsTCPBitsOperator;
     rule.tcp_flags = entry.IsTCPBits;
     rule.tcp_flags_mask = entry.IsTCPBitsMask;
-    rule.packet_length = condition_of(entry.IsPacketLengthOperator, entry.IsPacketLengthStart, entry.IsPacketLengthEnd);
-    rule.ttl = condition_of(entry.IsTimeToLiveOperator, entry.IsTimeToLiveStart, entry.IsTimeToLiveEnd);
+    read_conditions(&entry, true, rule);
     return rule;
 }
 

@@ -9,16 +9,6 @@
 #include "linux/access_lists/acl_service_internal.h"
 #include "platform/acl_entry.h"
 
-/// Operators of conditions, as entries carry them.
-enum acl_operation : int32_t { ACL_NONE, ACL_EQ, ACL_GT, ACL_LT, ACL_NE, ACL_RANGE };
-
-/// A condition on a number; `second` is the upper end of a range.
-struct acl_condition {
-    int32_t operation = ACL_NONE;
-    uint32_t first = 0;
-    uint32_t second = 0;
-};
-
 /// A condition on an address. IPv4 uses the first four bytes and a wildcard mask (ones do not count), IPv6 all sixteen
 /// and a network mask (ones count) with its length.
 struct acl_address {
@@ -34,17 +24,12 @@ struct acl_rule {
     uint32_t protocol = 0;
     acl_address source;
     acl_address destination;
-    acl_condition source_port;
-    acl_condition destination_port;
     bool log = false;
     std::string counter;
-    acl_condition dscp;
     int32_t tcp_flags_operation = 0;
     uint8_t tcp_flags = 0;
     uint8_t tcp_flags_mask = 0;
-    acl_condition packet_length;
-    acl_condition ttl;
-    acl_condition fragment_offset;  ///< IPv4 only
+    std::array<acl_condition, ACL_CONDITION_COUNT> conditions = {};  ///< by acl_condition_id
 };
 
 /// The descriptor of a family's entries.

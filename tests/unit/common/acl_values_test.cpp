@@ -40,6 +40,12 @@ TEST(acl_values, addresses_are_written_in_their_short_form) {
     EXPECT_STREQ(text, "2001:db8::1");
 }
 
+TEST(acl_values, the_compact_schemas_name_each_field_by_its_letter) {
+    EXPECT_STREQ(acl_service_ipv4_entry_descriptor()->compact_schema, "$1=DeIIAAAAeIIeIIesbCCCeCCeIIeIIeII;");
+    EXPECT_STREQ(acl_service_ipv6_entry_descriptor()->compact_schema,
+                 "$1=DeID16xCD16xC16xCD16xCeIIeIIeseCCbCCCeIIeII;");
+}
+
 TEST(acl_values, entries_have_records_of_their_own) {
     record_transaction* transaction = nullptr;
     ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);

@@ -52,16 +52,16 @@ TEST_F(acl_json_test, reads_every_field) {
     EXPECT_EQ(rule.action, 1);
     EXPECT_EQ(rule.source.address[0], 10);
     EXPECT_EQ(rule.source.mask[1], 255);
-    EXPECT_EQ(rule.source_port.operation, ACL_RANGE);
-    EXPECT_EQ(rule.source_port.second, 2U);
-    EXPECT_EQ(rule.destination_port.first, 22U);
+    EXPECT_EQ(rule.conditions[ACL_SOURCE_PORT].operation, ACL_RANGE);
+    EXPECT_EQ(rule.conditions[ACL_SOURCE_PORT].second, 2U);
+    EXPECT_EQ(rule.conditions[ACL_DESTINATION_PORT].first, 22U);
     EXPECT_TRUE(rule.log);
     EXPECT_EQ(rule.counter, "c1");
-    EXPECT_EQ(rule.dscp.first, 46U);
+    EXPECT_EQ(rule.conditions[ACL_DSCP].first, 46U);
     EXPECT_EQ(rule.tcp_flags_operation, 1);
-    EXPECT_EQ(rule.packet_length.operation, ACL_LT);
-    EXPECT_EQ(rule.ttl.operation, ACL_GT);
-    EXPECT_EQ(rule.fragment_offset.operation, ACL_NE);
+    EXPECT_EQ(rule.conditions[ACL_PACKET_LENGTH].operation, ACL_LT);
+    EXPECT_EQ(rule.conditions[ACL_TTL].operation, ACL_GT);
+    EXPECT_EQ(rule.conditions[ACL_FRAGMENT_OFFSET].operation, ACL_NE);
 }
 
 TEST_F(acl_json_test, writes_what_it_reads) {
@@ -89,9 +89,9 @@ TEST_F(acl_json_test, takes_enumerations_and_flags_by_number) {
         rule_of(ACL_FAMILY_IPV4, R"({"Grant":1,"DestinationOperator":5,"DestinationPort1":1,"DestinationPort2":9,)"
                                  R"("LogOption":1,"DSCPPresent":1,"DSCPOperator":2,"DSCP":7,"TCPFlagsOperator":2})");
     EXPECT_EQ(rule.action, 1);
-    EXPECT_EQ(rule.destination_port.operation, ACL_RANGE);
+    EXPECT_EQ(rule.conditions[ACL_DESTINATION_PORT].operation, ACL_RANGE);
     EXPECT_TRUE(rule.log);
-    EXPECT_EQ(rule.dscp.operation, ACL_GT);
+    EXPECT_EQ(rule.conditions[ACL_DSCP].operation, ACL_GT);
     EXPECT_EQ(rule.tcp_flags_operation, 2);
 }
 

@@ -41,18 +41,18 @@ TEST(acl_line_test, reads_every_part_of_an_entry) {
     EXPECT_EQ(rule.protocol, 6U);
     EXPECT_EQ(rule.source.mask[2], 1);
     EXPECT_EQ(rule.source.mask[3], 255);
-    EXPECT_EQ(rule.source_port.operation, ACL_GT);
-    EXPECT_EQ(rule.source_port.first, 1023U);
+    EXPECT_EQ(rule.conditions[ACL_SOURCE_PORT].operation, ACL_GT);
+    EXPECT_EQ(rule.conditions[ACL_SOURCE_PORT].first, 1023U);
     EXPECT_EQ(rule.destination.mask[3], 0);
-    EXPECT_EQ(rule.destination_port.operation, ACL_RANGE);
-    EXPECT_EQ(rule.destination_port.first, 22U);
-    EXPECT_EQ(rule.destination_port.second, 30U);
+    EXPECT_EQ(rule.conditions[ACL_DESTINATION_PORT].operation, ACL_RANGE);
+    EXPECT_EQ(rule.conditions[ACL_DESTINATION_PORT].first, 22U);
+    EXPECT_EQ(rule.conditions[ACL_DESTINATION_PORT].second, 30U);
     EXPECT_EQ(rule.tcp_flags_mask, 2 | 16);
     EXPECT_EQ(rule.tcp_flags, 2);
-    EXPECT_EQ(rule.dscp.operation, ACL_NE);
-    EXPECT_EQ(rule.ttl.operation, ACL_LT);
-    EXPECT_EQ(rule.packet_length.second, 1500U);
-    EXPECT_EQ(rule.fragment_offset.operation, ACL_EQ);
+    EXPECT_EQ(rule.conditions[ACL_DSCP].operation, ACL_NE);
+    EXPECT_EQ(rule.conditions[ACL_TTL].operation, ACL_LT);
+    EXPECT_EQ(rule.conditions[ACL_PACKET_LENGTH].second, 1500U);
+    EXPECT_EQ(rule.conditions[ACL_FRAGMENT_OFFSET].operation, ACL_EQ);
     EXPECT_EQ(rule.counter, "c1");
     EXPECT_TRUE(rule.log);
 }
