@@ -9,45 +9,9 @@ namespace openssh {
 
 namespace {
 
-struct approved_row {
-    std::string_view name;
-    algorithm_kind kind;
-    bool offered_by_default;
-};
-
-constexpr approved_row approved_rows[] = {
-    {"aes128-ctr", algorithm_kind::cipher, true},
-    {"aes192-ctr", algorithm_kind::cipher, true},
-    {"aes256-ctr", algorithm_kind::cipher, true},
-    {"aes128-gcm@openssh.com", algorithm_kind::cipher, true},
-    {"aes256-gcm@openssh.com", algorithm_kind::cipher, true},
-    {"aes128-cbc", algorithm_kind::cipher, false},
-    {"aes192-cbc", algorithm_kind::cipher, false},
-    {"aes256-cbc", algorithm_kind::cipher, false},
-    {"hmac-sha2-512", algorithm_kind::mac, true},
-    {"hmac-sha2-256", algorithm_kind::mac, true},
-    {"hmac-sha1", algorithm_kind::mac, true},
-    {"hmac-sha2-512-etm@openssh.com", algorithm_kind::mac, false},
-    {"hmac-sha2-256-etm@openssh.com", algorithm_kind::mac, false},
-    {"hmac-sha1-etm@openssh.com", algorithm_kind::mac, false},
-    {"ecdh-sha2-nistp521", algorithm_kind::kex, true},
-    {"ecdh-sha2-nistp384", algorithm_kind::kex, true},
-    {"ecdh-sha2-nistp256", algorithm_kind::kex, true},
-    {"diffie-hellman-group14-sha1", algorithm_kind::kex, true},
-    {"diffie-hellman-group14-sha256", algorithm_kind::kex, true},
-    {"diffie-hellman-group16-sha512", algorithm_kind::kex, true},
-    {"diffie-hellman-group18-sha512", algorithm_kind::kex, false},
-    {"ecdsa-sha2-nistp521", algorithm_kind::key, true},
-    {"ecdsa-sha2-nistp384", algorithm_kind::key, true},
-    {"ecdsa-sha2-nistp256", algorithm_kind::key, true},
-    {"rsa-sha2-512", algorithm_kind::key, true},
-    {"rsa-sha2-256", algorithm_kind::key, true},
-    {"ecdsa-sha2-nistp521-cert-v01@openssh.com", algorithm_kind::key, false},
-    {"ecdsa-sha2-nistp384-cert-v01@openssh.com", algorithm_kind::key, false},
-    {"ecdsa-sha2-nistp256-cert-v01@openssh.com", algorithm_kind::key, false},
-    {"rsa-sha2-512-cert-v01@openssh.com", algorithm_kind::key, false},
-    {"rsa-sha2-256-cert-v01@openssh.com", algorithm_kind::key, false},
-};
+bool is_approved(const algorithm_row& row) {
+    return row.fips == algorithm_fips::approved || row.fips == algorithm_fips::offered;
+}
 
 }  // namespace
 
@@ -57,14 +21,14 @@ bool is_known(const known_algorithms& known, algorithm_kind kind, std::string_vi
 }
 
 bool is_fips_approved(algorithm_kind kind, std::string_view name) {
-    return std::any_of(std::begin(approved_rows), std::end(approved_rows),
-                       [&](const approved_row& row) { return row.kind == kind && row.name == name; });
+    const algorithm_row* row = algorithm_named(kind, name);
+    return row != nullptr && is_approved(*row);
 }
 
 std::vector<std::string_view> fips_default_list(const known_algorithms& known, algorithm_kind kind) {
     std::vector<std::string_view> list;
-    for (const approved_row& row : approved_rows) {
-        if (row.kind == kind && row.offered_by_default && is_known(known, kind, row.name)) {
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == kind && row.fips == algorithm_fips::offered && is_known(known, kind, row.name)) {
             list.push_back(row.name);
         }
     }

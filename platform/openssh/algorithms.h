@@ -7,10 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/algorithms.h"
+
 namespace openssh {
 
-/// Public-key names (`key`) serve the server's host keys, the users' keys and certificate authorities alike.
-enum class algorithm_kind { cipher, mac, kex, key };
+using ::algorithm_kind;
 
 constexpr size_t algorithm_kind_count = 4;
 

@@ -2,9 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <span>
 
-#include "appliers/host_key_algorithms.h"
 #include "appliers/name_tuple.h"
 #include "appliers/trace_points.h"
 #include "config_files/algorithm_names.h"
@@ -17,32 +15,11 @@ namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
-// A name's place is its bit in the set of the names that were seen.
-constexpr const char* kex_names[] = {
-    "ecdh-sha2-nistp521",
-    "ecdh-sha2-nistp384",
-    "ecdh-sha2-nistp256",
-    "diffie-hellman-group14-sha1",
-    "diffie-hellman-group1-sha1",
-    ALGORITHM_CURVE25519_SHA256,
-    "diffie-hellman-group14-sha256",
-    "diffie-hellman-group16-sha512",
-    ALGORITHM_CURVE25519_SHA256_LIBSSH,
-};
-
-constexpr const char* cipher_names[] = {
-    "aes128-ctr", "aes192-ctr", "aes256-ctr", ALGORITHM_AES128_GCM, ALGORITHM_AES256_GCM,
-    "aes128-cbc", "aes192-cbc", "aes256-cbc", "3des-cbc",           ALGORITHM_CHACHA20_POLY1305,
-};
-
-constexpr const char* kex_outside_fips[] = {ALGORITHM_CURVE25519_SHA256, ALGORITHM_CURVE25519_SHA256_LIBSSH};
-constexpr const char* ciphers_outside_fips[] = {ALGORITHM_CHACHA20_POLY1305};
-
 /// A kind of list and what is said of it.
 struct list_rules {
-    std::span<const char* const> names;         ///< all there are; as many fit a list
-    std::span<const char* const> outside_fips;  ///< refused in FIPS mode
-    const char* dropped_name;                   ///< its applier drops it, so it must not be alone
+    algorithm_kind kind;
+    uint32_t name_count;       ///< names that can be configured; as many fit a list
+    const char* dropped_name;  ///< its applier drops it, so it must not be alone
     trace_error_point trace_point;
     const char* unpack_tag;
     const char* unpack_text;
@@ -56,18 +33,20 @@ struct list_rules {
     const char* dropped_in_fips_text;
 };
 
+constexpr composed_list kex_outside_fips_text =
+    compose::fips_names(algorithm_kind::kex, algorithm_fips::refused,
+                        "  not allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode.");
+
 constexpr list_rules kex_rules = {
-    .names = kex_names,
-    .outside_fips = kex_outside_fips,
+    .kind = algorithm_kind::kex,
+    .name_count = kex_name_count,
     .dropped_name = "diffie-hellman-group1-sha1",
     .trace_point = appliers_trace_kex_refused,
     .unpack_tag = "KEX-ALGO-VERIFY",
     .unpack_text = "tuple unpack failed for ssh kexalgorithms",
     .question_text = "Failed to check fips mode in kex verifier",
     .outside_fips_debug = "Kex Algo = %s not allowed in FIPS mode",
-    .outside_fips_text =
-        ALGORITHM_CURVE25519_SHA256 "," ALGORITHM_CURVE25519_SHA256_LIBSSH
-                                    "  not allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode.",
+    .outside_fips_text = kex_outside_fips_text.text,
     .unknown_text = "unknown ssh kexalgorithms %s",
     .repeated_text = "Kex-algorithms:=%s, selected multiple times",
     .alone_text = "diffie-hellman-group1-sha1 is not supported, SSH will not work with only this config",
@@ -76,8 +55,8 @@ constexpr list_rules kex_rules = {
 };
 
 constexpr list_rules cipher_rules = {
-    .names = cipher_names,
-    .outside_fips = ciphers_outside_fips,
+    .kind = algorithm_kind::cipher,
+    .name_count = cipher_name_count,
     .dropped_name = "3des-cbc",
     .trace_point = appliers_trace_cipher_refused,
     .unpack_tag = "CIPHER-ALGO-VERIFY",
@@ -93,7 +72,7 @@ constexpr list_rules cipher_rules = {
     .dropped_in_fips_text = nullptr,
 };
 
-static_assert(kex_rules.names.size() == kex_name_count && cipher_rules.names.size() == cipher_name_count);
+static_assert(count_algorithms(algorithm_kind::cipher, algorithm_fips::refused) == 1, "its refusal names it");
 
 /// Where a refusal goes.
 struct refusal_target {
@@ -101,18 +80,19 @@ struct refusal_target {
     uint32_t* accepted;
 };
 
-bool is_name(const char* name, const char* wanted) {
-    return std::strncmp(name, wanted, TUPLE_NAME_MAX) == 0;
+/// The row of a name that can be configured; null when it has none.
+const algorithm_row* find_configurable(const list_rules& rules, const char* name) {
+    const algorithm_row* row = algorithm_named(rules.kind, name);
+    return row != nullptr && row->setting >= 0 ? row : nullptr;
 }
 
-/// The name's place among `names`, -1 when it has none.
-int index_of(std::span<const char* const> names, const char* name) {
-    for (size_t i = 0; i < names.size(); i++) {
-        if (is_name(name, names[i])) {
-            return static_cast<int>(i);
+bool names_dropped_one(const list_rules& rules, const name_tuple& list) {
+    for (uint32_t i = 0; i < list.count; i++) {
+        if (std::strcmp(list.names[i], rules.dropped_name) == 0) {
+            return true;
         }
     }
-    return -1;
+    return false;
 }
 
 platform_status refuse(const list_rules& rules, const refusal_target& to, const char* format, const char* name) {
@@ -121,7 +101,8 @@ platform_status refuse(const list_rules& rules, const refusal_target& to, const 
 
 /// Asks for FIPS mode when a name needs it.
 platform_status verify_in_fips_mode(const list_rules& rules, const refusal_target& to, const char* name) {
-    if (index_of(rules.outside_fips, name) < 0) {
+    const algorithm_row* row = algorithm_named(rules.kind, name);
+    if (row == nullptr || row->fips != algorithm_fips::refused) {
         return PLATFORM_OK;
     }
     const int32_t fips_mode = fips_mode_get();
@@ -140,11 +121,11 @@ platform_status verify_name(const list_rules& rules, const refusal_target& to, c
     if (status != PLATFORM_OK) {
         return status;
     }
-    const int index = index_of(rules.names, name);
-    if (index < 0) {
+    const algorithm_row* row = find_configurable(rules, name);
+    if (row == nullptr) {
         return refuse(rules, to, rules.unknown_text, name);
     }
-    const uint32_t bit = 1U << index;
+    const uint32_t bit = 1U << row->setting;
     if ((*seen & bit) != 0) {
         return refuse(rules, to, rules.repeated_text, name);
     }
@@ -164,7 +145,7 @@ platform_status verify_dropped_name(const list_rules& rules, const refusal_targe
             return 1;
         }
     }
-    const bool present = index_of({list.names, list.count}, rules.dropped_name) >= 0;
+    const bool present = names_dropped_one(rules, list);
     if (present && list.count == 1) {
         return refuse(rules, to, "%s", rules.alone_text);
     }
@@ -173,7 +154,7 @@ platform_status verify_dropped_name(const list_rules& rules, const refusal_targe
 
 platform_status verify_list(const list_rules& rules, const datastore_change& change, const refusal_target& to) {
     name_tuple list = {};
-    platform_status status = unpack_names(change, static_cast<uint32_t>(rules.names.size()), rules.unpack_tag, &list);
+    platform_status status = unpack_names(change, rules.name_count, rules.unpack_tag, &list);
     if (status != PLATFORM_OK) {
         return refuse_change(to.error_text, to.accepted, status, rules.trace_point, "%s", rules.unpack_text);
     }
@@ -198,14 +179,16 @@ bool needs_checking(const datastore_change& change) {
     return (change.event & create_or_set) != 0;
 }
 
+static_assert(count_algorithms(algorithm_kind::key, algorithm_fips::refused) == 4, "their refusal names them");
+
 bool names_key_outside_fips(const int32_t* flags) {
-    for (const host_key_flag flag :
-         {HOST_KEY_ALL_RSA, HOST_KEY_DSS, HOST_KEY_X509V3_RSA, HOST_KEY_ED25519, HOST_KEY_SSH_RSA}) {
-        if (flags[flag] != 0) {
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == algorithm_kind::key && row.setting >= 0 && row.fips == algorithm_fips::refused &&
+            flags[row.setting] != 0) {
             return true;
         }
     }
-    return false;
+    return flags[all_rsa_setting] != 0;  // ssh-rsa is one of them
 }
 
 platform_status refuse_host_key(const refusal_target& to, platform_status status, const char* text) {

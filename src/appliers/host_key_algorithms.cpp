@@ -1,5 +1,7 @@
 #include "appliers/host_key_algorithms.h"
 
+#include <cstring>
+
 #include "appliers/name_tuple.h"
 #include "appliers/trace_points.h"
 #include "config_files/algorithm_names.h"
@@ -9,6 +11,7 @@
 #include "core/debug.h"
 #include "core/trace.h"
 #include "fips/fips_mode.h"
+#include "platform/algorithms.h"
 
 namespace {
 
@@ -19,60 +22,28 @@ constexpr char function[] = "sshd_apply_hostkeyalgo";
 constexpr auto& server_hostkey_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS].text;
 constexpr auto& server_hostkey_files = server.algorithms[SERVER_HOST_KEY].text;
 
-struct host_key_row {
-    host_key_flag flag;
-    const char* algorithm;
-    const char* file;  ///< null: a file of its own is not used
-};
-
-// In the order in which they are offered. The certificate's key comes from its trustpoint; the RSA rows share one file.
-constexpr host_key_row rows_before_rsa[] = {
-    {HOST_KEY_X509V3_RSA, "x509v3-ssh-rsa", nullptr},
-    {HOST_KEY_NISTP521, "ecdsa-sha2-nistp521", "/pkg/ecdsa-sha2-nistp521"},
-    {HOST_KEY_NISTP384, "ecdsa-sha2-nistp384", "/pkg/ecdsa-sha2-nistp384"},
-    {HOST_KEY_NISTP256, "ecdsa-sha2-nistp256", "/pkg/ecdsa-sha2-nistp256"},
-    {HOST_KEY_ED25519, "ssh-ed25519", "/pkg/ed25519"},
-};
-
-constexpr host_key_row rsa_rows[] = {
-    {HOST_KEY_RSA_SHA2_512, "rsa-sha2-512", nullptr},
-    {HOST_KEY_RSA_SHA2_256, "rsa-sha2-256", nullptr},
-    {HOST_KEY_SSH_RSA, "ssh-rsa", nullptr},
-};
-
-constexpr host_key_row dss_row = {HOST_KEY_DSS, "ssh-dss", "/pkg/dsa"};
-
-void append_algorithm(const host_key_row& row) {
-    append_name(server_hostkey_list, algorithm_list_size, row.algorithm);
-    if (row.file != nullptr) {
-        append_name(server_hostkey_files, algorithm_list_size, row.file);
-    }
+bool is_same_file(const char* file, const char* other) {
+    return file != nullptr && other != nullptr && std::strcmp(file, other) == 0;
 }
 
-void append_rsa(const int32_t* flags) {
-    bool any = false;
-    for (const host_key_row& row : rsa_rows) {
-        if (flags[HOST_KEY_ALL_RSA] != 0 || flags[row.flag] != 0) {
-            append_algorithm(row);
-            any = true;
-        }
-    }
-    if (any) {
-        append_name(server_hostkey_files, algorithm_list_size, "/pkg/rsa");
-    }
+bool is_selected(const int32_t* flags, const algorithm_row& row) {
+    const bool with_all_rsa = flags[all_rsa_setting] != 0 && is_same_file(row.key_file, rsa_key_file);
+    return row.setting >= 0 && (flags[row.setting] != 0 || with_all_rsa);
 }
 
 void compose_lists(const int32_t* flags) {
     server_hostkey_list[0] = '\0';
     server_hostkey_files[0] = '\0';
-    for (const host_key_row& row : rows_before_rsa) {
-        if (flags[row.flag] != 0) {
-            append_algorithm(row);
+    const char* last_file = nullptr;  // algorithms of one key follow each other
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind != algorithm_kind::key || !is_selected(flags, row)) {
+            continue;
         }
-    }
-    append_rsa(flags);
-    if (flags[dss_row.flag] != 0) {
-        append_algorithm(dss_row);
+        append_name(server_hostkey_list, algorithm_list_size, row.name);
+        if (row.key_file != nullptr && !is_same_file(row.key_file, last_file)) {
+            append_name(server_hostkey_files, algorithm_list_size, row.key_file);
+            last_file = row.key_file;
+        }
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 #include "appliers/algorithm_side.h"
 #include "appliers/trace_points.h"
@@ -11,24 +13,28 @@
 #include "core/debug.h"
 #include "core/refusal.h"
 #include "core/trace.h"
+#include "platform/algorithms.h"
 
 namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
 struct mac_row {
-    const char* name;
     const char* item;  ///< last component of its item's path
     const char* server_path;
     const char* client_path;
 };
 
-// In the order of their flags.
-constexpr mac_row macs[mac_count] = {
-    {"hmac-sha1", "hmac_sha1", "cmn/disable/hmac/hmac_sha1", "disable/hmac/hmac_sha1"},
-    {"hmac-sha2-256", "hmac_sha256", "cmn/disable/hmac/hmac_sha256", "disable/hmac/hmac_sha256"},
-    {"hmac-sha2-512", "hmac_sha512", "cmn/disable/hmac/hmac_sha512", "disable/hmac/hmac_sha512"},
+// In the order of the MACs' settings.
+constexpr mac_row macs[] = {
+    {"hmac_sha1", "cmn/disable/hmac/hmac_sha1", "disable/hmac/hmac_sha1"},
+    {"hmac_sha256", "cmn/disable/hmac/hmac_sha256", "disable/hmac/hmac_sha256"},
+    {"hmac_sha512", "cmn/disable/hmac/hmac_sha512", "disable/hmac/hmac_sha512"},
 };
+static_assert(std::size(macs) == mac_count && mac_count == algorithm_settings(algorithm_kind::mac));
+static_assert(configurable_algorithm(algorithm_kind::mac, MAC_SHA1)->name == std::string_view("hmac-sha1") &&
+              configurable_algorithm(algorithm_kind::mac, MAC_SHA256)->name == std::string_view("hmac-sha2-256") &&
+              configurable_algorithm(algorithm_kind::mac, MAC_SHA512)->name == std::string_view("hmac-sha2-512"));
 
 uint32_t number_of(const datastore_change& change) {
     return change.value != nullptr ? *static_cast<const uint32_t*>(change.value) : 0;
@@ -87,12 +93,8 @@ platform_status verify(const algorithm_side& side, const datastore_change& chang
 // --- Appliers -------------------------------------------------------------------------------------------------------
 
 bool is_disabled(const algorithm_side& side, const char* name) {
-    for (size_t i = 0; i < mac_count; i++) {
-        if (std::strcmp(macs[i].name, name) == 0) {
-            return side.hmac_disabled[i] != 0;
-        }
-    }
-    return false;
+    const algorithm_row* row = algorithm_named(algorithm_kind::mac, name);
+    return row != nullptr && row->setting >= 0 && side.hmac_disabled[row->setting] != 0;
 }
 
 void rebuild_list(const algorithm_side& side) {

@@ -8,10 +8,10 @@ namespace {
 constexpr size_t conversion_size = 2;
 
 // A format for fewer fields is the end of the one for the most.
-constexpr char name_format[] = "%s%s%s%s%s%s%s%s%s%s";
-constexpr char flag_format[] = "%d%d%d%d%d%d%d%d%d%d";
-constexpr uint32_t most_fields = (sizeof name_format - 1) / conversion_size;
-static_assert(most_fields == cipher_name_count && sizeof flag_format == sizeof name_format);
+constexpr char name_format[] = "%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s";
+constexpr char flag_format[] = "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d";
+constexpr uint32_t most_fields = TUPLE_FIELDS_MAX;
+static_assert(sizeof name_format == conversion_size * most_fields + 1 && sizeof flag_format == sizeof name_format);
 
 const char* format_of(const char* format, uint32_t count) {
     return format + conversion_size * (most_fields - count);

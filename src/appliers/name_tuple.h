@@ -4,16 +4,17 @@
 
 #include <cstdint>
 
+#include "platform/algorithms.h"
 #include "platform/datastore_backend.h"
 #include "platform/value_tuple.h"
 
-inline constexpr uint32_t kex_name_count = 9;
-inline constexpr uint32_t cipher_name_count = 10;
-inline constexpr uint32_t host_key_flag_count = 10;
+inline constexpr uint32_t kex_name_count = algorithm_settings(algorithm_kind::kex);
+inline constexpr uint32_t cipher_name_count = algorithm_settings(algorithm_kind::cipher);
+inline constexpr uint32_t host_key_flag_count = algorithm_settings(algorithm_kind::key);
 
 /// The names of a list in their order. They point into the packed value; a missing one before the last is empty.
 struct name_tuple {
-    const char* names[cipher_name_count];
+    const char* names[TUPLE_FIELDS_MAX];
     uint32_t count;
 };
 

@@ -1,48 +1,125 @@
-/// Names of algorithms and the lists that are in force by default, outside and in FIPS mode.
+/// Lists of algorithms that are in force by default, outside and in FIPS mode.
 ///
-/// The names with a domain are the identifiers that OpenSSH and libssh have registered (RFC 4251, section 6).
+/// The compiler composes them from the platform's list of algorithms; each stands whole in the program.
 #ifndef CONFIG_FILES_ALGORITHM_NAMES_H
 #define CONFIG_FILES_ALGORITHM_NAMES_H
 
-// Macros, so that lists of them are made by the compiler and stay texts of one piece.
-#define ALGORITHM_AES128_GCM "aes128-gcm@openssh.com"
-#define ALGORITHM_AES256_GCM "aes256-gcm@openssh.com"
-#define ALGORITHM_CHACHA20_POLY1305 "chacha20-poly1305@openssh.com"
-#define ALGORITHM_CURVE25519_SHA256 "curve25519-sha256"
-#define ALGORITHM_CURVE25519_SHA256_LIBSSH "curve25519-sha256@libssh.org"
+#include <cstddef>
+#include <string_view>
 
-inline constexpr char default_cipher_list[] =
-    "aes128-ctr,aes192-ctr,aes256-ctr," ALGORITHM_AES128_GCM "," ALGORITHM_AES256_GCM "," ALGORITHM_CHACHA20_POLY1305;
+#include "platform/algorithms.h"
 
-inline constexpr char fips_cipher_list[] =
-    "aes128-ctr,aes192-ctr,aes256-ctr," ALGORITHM_AES128_GCM "," ALGORITHM_AES256_GCM;
+/// A comma-separated list. One that does not fit does not compile.
+struct composed_list {
+    char text[256];
+    size_t length;
 
+    constexpr void append_text(std::string_view added) {
+        for (const char character : added) {
+            text[length++] = character;
+        }
+        text[length] = '\0';
+    }
+    constexpr void append(std::string_view name) {
+        append_text(length > 0 ? "," : "");
+        append_text(name);
+    }
+    /// Names a file once that consecutive algorithms share.
+    constexpr void append_key_file(const algorithm_row& row) {
+        if (row.key_file != nullptr && !std::string_view(text, length).ends_with(row.key_file)) {
+            append(row.key_file);
+        }
+    }
+};
+
+namespace compose {
+
+/// The names of a kind in the order of their ranks.
+consteval composed_list ranked_names(algorithm_kind kind, algorithm_column rank) {
+    composed_list list = {};
+    for (int8_t place = 1; place < algorithm_column_end(kind, rank); place++) {
+        list.append(algorithm_at(kind, rank, place)->name);
+    }
+    return list;
+}
+
+/// The host-key files in the order of their algorithms' ranks.
+consteval composed_list ranked_key_files(algorithm_column rank) {
+    composed_list list = {};
+    for (int8_t place = 1; place < algorithm_column_end(algorithm_kind::key, rank); place++) {
+        list.append_key_file(*algorithm_at(algorithm_kind::key, rank, place));
+    }
+    return list;
+}
+
+/// The names of a kind that FIPS mode treats in one way, in the order of the rows, and a text behind them.
+consteval composed_list fips_names(algorithm_kind kind, algorithm_fips fips, std::string_view ending) {
+    composed_list list = {};
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == kind && row.fips == fips) {
+            list.append(row.name);
+        }
+    }
+    list.append_text(ending);
+    return list;
+}
+
+consteval composed_list fips_key_files() {
+    composed_list list = {};
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == algorithm_kind::key && row.fips == algorithm_fips::offered) {
+            list.append_key_file(row);
+        }
+    }
+    return list;
+}
+
+template <algorithm_kind kind, algorithm_column rank>
+inline constexpr composed_list by_rank = ranked_names(kind, rank);
+
+template <algorithm_column rank>
+inline constexpr composed_list key_files_by_rank = ranked_key_files(rank);
+
+template <algorithm_kind kind>
+inline constexpr composed_list offered_in_fips = fips_names(kind, algorithm_fips::offered, "");
+
+inline constexpr composed_list key_files_in_fips = fips_key_files();
+
+constexpr bool server_and_client_agree(algorithm_kind kind) {
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == kind && row.server_rank != row.client_rank) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace compose
+
+inline constexpr const char* default_cipher_list =
+    compose::by_rank<algorithm_kind::cipher, &algorithm_row::server_rank>.text;
+inline constexpr const char* default_mac_list = compose::by_rank<algorithm_kind::mac, &algorithm_row::server_rank>.text;
+inline constexpr const char* default_kex_list = compose::by_rank<algorithm_kind::kex, &algorithm_row::server_rank>.text;
+static_assert(compose::server_and_client_agree(algorithm_kind::cipher) &&
+                  compose::server_and_client_agree(algorithm_kind::mac) &&
+                  compose::server_and_client_agree(algorithm_kind::kex),
+              "server and client share these lists");
+
+inline constexpr const char* default_server_host_key_algorithms =
+    compose::by_rank<algorithm_kind::key, &algorithm_row::server_rank>.text;
+inline constexpr const char* default_client_host_key_algorithms =
+    compose::by_rank<algorithm_kind::key, &algorithm_row::client_rank>.text;
+inline constexpr const char* default_host_keys = compose::key_files_by_rank<&algorithm_row::server_rank>.text;
+
+inline constexpr const char* fips_cipher_list = compose::offered_in_fips<algorithm_kind::cipher>.text;
+inline constexpr const char* fips_kex_list = compose::offered_in_fips<algorithm_kind::kex>.text;
+inline constexpr const char* fips_host_key_algorithms = compose::offered_in_fips<algorithm_kind::key>.text;
+inline constexpr const char* fips_host_keys = compose::key_files_in_fips.text;
+
+/// What the enabling of legacy AES ciphers appends; no new algorithm joins them.
 inline constexpr char legacy_aes_ciphers[] = "aes128-cbc,aes192-cbc,aes256-cbc";
 
-inline constexpr char default_mac_list[] = "hmac-sha2-512,hmac-sha2-256,hmac-sha1";
-
-inline constexpr char default_kex_list[] =
-    "ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1," ALGORITHM_CURVE25519_SHA256
-    ",diffie-hellman-group14-sha256,diffie-hellman-group16-sha512," ALGORITHM_CURVE25519_SHA256_LIBSSH;
-
-inline constexpr char fips_kex_list[] =
-    "ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,diffie-hellman-group14-sha256,diffie-hellman-group16-sha512";
-
-inline constexpr char default_server_host_key_algorithms[] =
-    "x509v3-ssh-rsa,ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,rsa-sha2-256,ssh-rsa,ssh-dss";
-
-inline constexpr char default_client_host_key_algorithms[] =
-    "ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,rsa-sha2-256,ssh-rsa,ssh-dss";
-
-inline constexpr char default_host_keys[] =
-    "/pkg/ecdsa-sha2-nistp256,/pkg/ecdsa-sha2-nistp384,/pkg/ecdsa-sha2-nistp521,/pkg/ed25519,/pkg/rsa,/pkg/dsa";
-
-inline constexpr char fips_host_key_algorithms[] =
-    "ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,ecdsa-sha2-nistp256,rsa-sha2-512,rsa-sha2-256";
-
-inline constexpr char fips_host_keys[] =
-    "/pkg/ecdsa-sha2-nistp521,/pkg/ecdsa-sha2-nistp384,/pkg/ecdsa-sha2-nistp256,/pkg/rsa";
-
+/// Signatures of users' keys and certificates, which sshd counts apart from host keys.
 inline constexpr char default_accepted_algorithms[] =
     "x509v3-ssh-rsa,x509v3-ecdsa-sha2-nistp256,x509v3-ecdsa-sha2-nistp384,x509v3-ecdsa-sha2-nistp521,x509v3-ssh-dss,ssh-rsa";
 

@@ -25,6 +25,11 @@ struct narrowed_list {
     const char* nothing_left_text;
 };
 
+constexpr composed_list no_kex_left_text =
+    compose::fips_names(algorithm_kind::kex, algorithm_fips::refused, " are not allowed in FIPS mode.");
+constexpr composed_list no_cipher_left_text =
+    compose::fips_names(algorithm_kind::cipher, algorithm_fips::refused, " is not allowed in FIPS mode.");
+
 const narrowed_list narrowed_lists[] = {
     {
         .entries = {&server.algorithms[SERVER_KEX_ALGORITHMS], &client.algorithms[CLIENT_KEX_ALGORITHMS]},
@@ -33,8 +38,7 @@ const narrowed_list narrowed_lists[] = {
         .failure_message = "Failed to get modified kex list in FIPS mode",
         .no_memory_text = "memory allocate failed to check kex algorithm in FIPS mode",
         .no_memory_message = "Failed to allocate memory to check kex algorithm in FIPS mode",
-        .nothing_left_text =
-            ALGORITHM_CURVE25519_SHA256 "," ALGORITHM_CURVE25519_SHA256_LIBSSH " are not allowed in FIPS mode.",
+        .nothing_left_text = no_kex_left_text.text,
     },
     {
         .entries = {&server.algorithms[SERVER_CIPHERS], &client.algorithms[CLIENT_CIPHERS]},
@@ -43,7 +47,7 @@ const narrowed_list narrowed_lists[] = {
         .failure_message = "Failed to get modified cipher list in FIPS mode",
         .no_memory_text = "memory allocate failed to check cipher in FIPS mode",
         .no_memory_message = "Failed to allocate memory to check cipher in FIPS mode",
-        .nothing_left_text = ALGORITHM_CHACHA20_POLY1305 " is not allowed in FIPS mode.",
+        .nothing_left_text = no_cipher_left_text.text,
     },
     {
         .entries = {&server.algorithms[SERVER_HOST_KEY_ALGORITHMS], &client.algorithms[CLIENT_HOST_KEY_ALGORITHMS]},

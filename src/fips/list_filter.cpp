@@ -3,16 +3,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <memory>
-#include <span>
+#include <string_view>
 
-#include "config_files/algorithm_names.h"
 #include "config_files/name_list.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
 #include "fips/trace_points.h"
+#include "platform/algorithms.h"
 
 char fips_hostkey_files[algorithm_list_size];
 
@@ -25,16 +24,10 @@ struct list_filter {
     const char* entered_text;
     const char* no_list_text;
     const char* result_text;
-    const char* nothing_left_text;            ///< null: said with result_text alone
-    size_t slot_size;                         ///< a name is looked at, and kept, up to this length, NUL included
-    size_t slot_count;                        ///< names behind these are dropped
-    std::span<const char* const> disallowed;  ///< beginnings of names
+    const char* nothing_left_text;  ///< null: said with result_text alone
+    size_t slot_size;               ///< a name is looked at, and kept, up to this length, NUL included
+    algorithm_kind kind;            ///< has as many slots as settings; names behind these are dropped
 };
-
-// The beginning of the one name is the whole of the other.
-constexpr const char* disallowed_kex[] = {ALGORITHM_CURVE25519_SHA256};
-constexpr const char* disallowed_ciphers[] = {ALGORITHM_CHACHA20_POLY1305};
-constexpr const char* disallowed_host_keys[] = {"ssh-dss", "ssh-ed25519", "ssh-rsa", "x509v3-ssh-rsa"};
 
 constexpr list_filter kex_filter = {
     .function = "get_modified_kex_list",
@@ -43,8 +36,7 @@ constexpr list_filter kex_filter = {
     .result_text = "%s: New kexalgo list is %s",
     .nothing_left_text = nullptr,
     .slot_size = longest_slot,
-    .slot_count = 9,
-    .disallowed = disallowed_kex,
+    .kind = algorithm_kind::kex,
 };
 
 constexpr list_filter cipher_filter = {
@@ -54,8 +46,7 @@ constexpr list_filter cipher_filter = {
     .result_text = "%s: New Cipher algo list is %s",
     .nothing_left_text = nullptr,
     .slot_size = longest_slot,
-    .slot_count = 10,
-    .disallowed = disallowed_ciphers,
+    .kind = algorithm_kind::cipher,
 };
 
 constexpr list_filter host_key_filter = {
@@ -65,13 +56,23 @@ constexpr list_filter host_key_filter = {
     .result_text = "%s, New Hostkey algo list is %s",
     .nothing_left_text = "HostKey algo list empty. ",
     .slot_size = 30,
-    .slot_count = 10,
-    .disallowed = disallowed_host_keys,
+    .kind = algorithm_kind::key,
 };
 
+constexpr bool slots_hold_names(const list_filter& filter) {
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == filter.kind && row.setting >= 0 && std::string_view(row.name).size() >= filter.slot_size) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(slots_hold_names(kex_filter) && slots_hold_names(cipher_filter) && slots_hold_names(host_key_filter));
+
+/// A refused algorithm takes every name with it that begins like its own.
 bool is_allowed(const list_filter& filter, const char* name) {
-    for (const char* beginning : filter.disallowed) {
-        if (begins_with(name, beginning)) {
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == filter.kind && row.fips == algorithm_fips::refused && begins_with(name, row.name)) {
             return false;
         }
     }
@@ -88,7 +89,8 @@ int filter_list(const list_filter& filter, const char* list, char* out) {
     modified_list result = {};
     char slot[longest_slot];
     size_t length = 0;
-    for (size_t i = 0; i < filter.slot_count && next_name(&list, ",", slot, filter.slot_size); i++) {
+    const size_t slot_count = algorithm_settings(filter.kind);
+    for (size_t i = 0; i < slot_count && next_name(&list, ",", slot, filter.slot_size); i++) {
         if (is_allowed(filter, slot)) {
             length += format_text(result.text + length, sizeof result.text - length, "%s,", slot);
         }
@@ -101,31 +103,16 @@ int filter_list(const list_filter& filter, const char* list, char* out) {
     return 0;
 }
 
-struct host_key_file_row {
-    const char* algorithm;
-    const char* file;
-};
-
-// The list's "ssh-dss" is no "ssh-dsa": a DSA key never finds its file here.
-constexpr host_key_file_row host_key_files[] = {
-    {"ssh-rsa", "/pkg/rsa"},
-    {"ssh-dsa", "/pkg/dsa"},
-    {"ecdsa-sha2-nistp256", "/pkg/ecdsa-sha2-nistp256"},
-    {"ecdsa-sha2-nistp384", "/pkg/ecdsa-sha2-nistp384"},
-    {"ecdsa-sha2-nistp521", "/pkg/ecdsa-sha2-nistp521"},
-    {"ssh-ed25519", "/pkg/ed25519"},
-};
-
-/// The algorithms of one key go by its own name.
-const char* key_name(const char* algorithm) {
-    const bool is_rsa = std::strcmp(algorithm, "rsa-sha2-512") == 0 || std::strcmp(algorithm, "rsa-sha2-256") == 0;
-    return is_rsa ? "ssh-rsa" : algorithm;
+/// The name by which a key's file is found. The DSA key goes by one that no list has, so that its file is never found.
+const char* file_name_of(const algorithm_row& row) {
+    return std::strcmp(row.name, "ssh-dss") == 0 ? "ssh-dsa" : row.name;
 }
 
 void append_host_key_file(const char* algorithm) {
-    for (const host_key_file_row& row : host_key_files) {
-        if (std::strcmp(row.algorithm, key_name(algorithm)) == 0) {
-            append_name(fips_hostkey_files, sizeof fips_hostkey_files, row.file);
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == algorithm_kind::key && row.key_file != nullptr &&
+            std::strcmp(file_name_of(row), algorithm) == 0) {
+            append_name(fips_hostkey_files, sizeof fips_hostkey_files, row.key_file);
             return;
         }
     }

@@ -1,6 +1,9 @@
 #include "oper/session_mappings.h"
 
-#include <cstddef>
+#include <algorithm>
+#include <iterator>
+
+#include "platform/algorithms.h"
 
 namespace {
 
@@ -17,66 +20,27 @@ constexpr std::string_view authen_types[] = {
     "x509-ecdsa256-pubkey",
 };
 
-constexpr std::string_view kex_names[] = {
-    "diffie-hellman-group1-sha1",
-    "diffie-hellman-group14-sha1",
-    "diffie-hellman-group15-sha1",
-    "diffie-hellman-group16-sha1",
-    "diffie-hellman-group17-sha1",
-    "diffie-hellman-group18-sha1",
-    "ecdh-sha2-nistp256",
-    "ecdh-sha2-nistp384",
-    "ecdh-sha2-nistp521",
-    "curve25519-sha256",
-    "diffie-hellman-group14-sha256",
-    "diffie-hellman-group16-sha512",
-    "curve25519-sha256@libssh.org",
-};
-
-constexpr std::string_view hostkey_types[] = {
-    "ssh-dss",     "ssh-rsa",        "ecdsa-sha2-nistp521", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp256",
-    "ssh-ed25519", "x509v3-ssh-rsa", "rsa-sha2-512",        "rsa-sha2-256",
-};
-
-constexpr std::string_view cipher_types[] = {
-    "aes128-cbc",
-    "aes192-cbc",
-    "aes256-cbc",
-    "3des-cbc",
-    "aes128-ctr",
-    "aes192-ctr",
-    "aes256-ctr",
-    "aes128-gcm@openssh.com",
-    "aes256-gcm@openssh.com",
-    "chacha20-poly1305@openssh.com",
-};
-
-constexpr std::string_view mac_types[] = {"hmac-md5", "hmac-sha1", "hmac-sha2-256", "hmac-sha2-512", "aes-gcm"};
-
-template <size_t count>
-int32_t number_of(const std::string_view (&names)[count], std::string_view name) {
-    for (size_t i = 0; i < count; ++i) {
-        if (names[i] == name) {
-            return static_cast<int32_t>(i);
-        }
-    }
-    return unknown_name;
+int32_t number_of(algorithm_kind kind, std::string_view name) {
+    const algorithm_row* row = algorithm_named(kind, name);
+    return row != nullptr ? row->number : unknown_name;
 }
+static_assert(unknown_name == -1, "the number of an algorithm that session records do not know");
 
 }  // namespace
 
 int32_t authen_type_of(std::string_view name) {
-    return number_of(authen_types, name);
+    const auto* place = std::find(std::begin(authen_types), std::end(authen_types), name);
+    return place != std::end(authen_types) ? static_cast<int32_t>(place - authen_types) : unknown_name;
 }
 int32_t kex_name_of(std::string_view name) {
-    return number_of(kex_names, name);
+    return number_of(algorithm_kind::kex, name);
 }
 int32_t hostkey_type_of(std::string_view name) {
-    return number_of(hostkey_types, name);
+    return number_of(algorithm_kind::key, name);
 }
 int32_t cipher_type_of(std::string_view name) {
-    return number_of(cipher_types, name);
+    return number_of(algorithm_kind::cipher, name);
 }
 int32_t mac_type_of(std::string_view name) {
-    return number_of(mac_types, name);
+    return number_of(algorithm_kind::mac, name);
 }

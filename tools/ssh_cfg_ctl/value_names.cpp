@@ -2,6 +2,8 @@
 
 #include <span>
 
+#include "platform/algorithms.h"
+
 namespace {
 
 // Position i names the value i.
@@ -25,42 +27,6 @@ constexpr const char* authentication_types[] = {
     "x509-ecdsa256-pubkey",
 };
 
-constexpr const char* key_exchanges[] = {
-    "diffie-hellman-group1-sha1",
-    "diffie-hellman-group14-sha1",
-    "diffie-hellman-group15-sha1",
-    "diffie-hellman-group16-sha1",
-    "diffie-hellman-group17-sha1",
-    "diffie-hellman-group18-sha1",
-    "ecdh-sha2-nistp256",
-    "ecdh-sha2-nistp384",
-    "ecdh-sha2-nistp521",
-    "curve25519-sha256",
-    "diffie-hellman-group14-sha256",
-    "diffie-hellman-group16-sha512",
-    "curve25519-sha256@libssh.org",
-};
-
-constexpr const char* host_keys[] = {
-    "ssh-dss",     "ssh-rsa",        "ecdsa-sha2-nistp521", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp256",
-    "ssh-ed25519", "x509v3-ssh-rsa", "rsa-sha2-512",        "rsa-sha2-256",
-};
-
-constexpr const char* ciphers[] = {
-    "aes128-cbc",
-    "aes192-cbc",
-    "aes256-cbc",
-    "3des-cbc",
-    "aes128-ctr",
-    "aes192-ctr",
-    "aes256-ctr",
-    "aes128-gcm@openssh.com",
-    "aes256-gcm@openssh.com",
-    "chacha20-poly1305@openssh.com",
-};
-
-constexpr const char* macs[] = {"hmac-md5", "hmac-sha1", "hmac-sha2-256", "hmac-sha2-512", "aes-gcm"};
-
 constexpr const char* telemetry_versions[] = {"v2", "v1", "v1 and v2"};
 
 struct enumeration_row {
@@ -73,12 +39,25 @@ constexpr enumeration_row enumerations[] = {
     {"version_en", versions},
     {"connection_type_en", connection_types},
     {"authen_type_en", authentication_types},
-    {"kex_name_en", key_exchanges},
-    {"hostkey_type_en", host_keys},
-    {"cipher_type_en", ciphers},
-    {"mac_type_en", macs},
     {"openconfig_system_terminal_protocol_version_", telemetry_versions},
 };
+
+struct algorithm_enumeration_row {
+    std::string_view enumeration;
+    algorithm_kind kind;
+};
+
+constexpr algorithm_enumeration_row algorithm_enumerations[] = {
+    {"kex_name_en", algorithm_kind::kex},
+    {"hostkey_type_en", algorithm_kind::key},
+    {"cipher_type_en", algorithm_kind::cipher},
+    {"mac_type_en", algorithm_kind::mac},
+};
+
+const char* algorithm_name(algorithm_kind kind, int64_t number) {
+    const algorithm_row* row = number >= 0 ? algorithm_at(kind, &algorithm_row::number, number) : nullptr;
+    return row != nullptr ? row->name : nullptr;
+}
 
 }  // namespace
 
@@ -86,6 +65,11 @@ const char* ctl_value_name(std::string_view enumeration, int64_t value) {
     for (const enumeration_row& row : enumerations) {
         if (row.enumeration == enumeration && value >= 0 && value < static_cast<int64_t>(row.names.size())) {
             return row.names[static_cast<size_t>(value)];
+        }
+    }
+    for (const algorithm_enumeration_row& row : algorithm_enumerations) {
+        if (row.enumeration == enumeration) {
+            return algorithm_name(row.kind, value);
         }
     }
     return nullptr;

@@ -1,7 +1,9 @@
+#include <array>
 #include <climits>
 #include <iterator>
 
 #include "linux/datastore/schema.h"
+#include "platform/algorithms.h"
 #include "platform/value_tuple.h"
 
 namespace {
@@ -57,27 +59,26 @@ constexpr schema_field backup_server[] = {
     {"vrf", vrf_name},
 };
 
+// A list of names takes as many fields as there are names.
 constexpr schema_field algorithms[] = {
-    {"algorithm_1", algorithm}, {"algorithm_2", algorithm},  {"algorithm_3", algorithm}, {"algorithm_4", algorithm},
-    {"algorithm_5", algorithm}, {"algorithm_6", algorithm},  {"algorithm_7", algorithm}, {"algorithm_8", algorithm},
-    {"algorithm_9", algorithm}, {"algorithm_10", algorithm},
+    {"algorithm_1", algorithm},  {"algorithm_2", algorithm},  {"algorithm_3", algorithm},  {"algorithm_4", algorithm},
+    {"algorithm_5", algorithm},  {"algorithm_6", algorithm},  {"algorithm_7", algorithm},  {"algorithm_8", algorithm},
+    {"algorithm_9", algorithm},  {"algorithm_10", algorithm}, {"algorithm_11", algorithm}, {"algorithm_12", algorithm},
+    {"algorithm_13", algorithm}, {"algorithm_14", algorithm}, {"algorithm_15", algorithm}, {"algorithm_16", algorithm},
 };
-constexpr std::span<const schema_field> key_exchanges(algorithms, 9);
-constexpr std::span<const schema_field> ciphers(algorithms, 10);
+constexpr std::span<const schema_field> key_exchanges(algorithms, algorithm_settings(algorithm_kind::kex));
+constexpr std::span<const schema_field> ciphers(algorithms, algorithm_settings(algorithm_kind::cipher));
+static_assert(key_exchanges.size() <= std::size(algorithms) && ciphers.size() <= std::size(algorithms));
 
-constexpr schema_form offered = flag("whether this host-key algorithm is offered");
-constexpr schema_field host_keys[] = {
-    {"ecdsa-sha2-nistp256", offered},
-    {"ecdsa-sha2-nistp384", offered},
-    {"ecdsa-sha2-nistp521", offered},
-    {"rsa", flag("whether all RSA algorithms are offered")},
-    {"ssh-dss", offered},
-    {"x509v3-ssh-rsa", offered},
-    {"ssh-ed25519", offered},
-    {"rsa-sha2-512", offered},
-    {"rsa-sha2-256", offered},
-    {"ssh-rsa", offered},
-};
+constexpr auto host_keys = [] {
+    std::array<schema_field, algorithm_settings(algorithm_kind::key)> fields = {};
+    for (size_t i = 0; i < fields.size(); i++) {
+        const algorithm_row* row = configurable_algorithm(algorithm_kind::key, i);
+        fields[i] = row != nullptr ? schema_field{row->name, flag("whether this host-key algorithm is offered")}
+                                   : schema_field{"rsa", flag("whether all RSA algorithms are offered")};
+    }
+    return fields;
+}();
 
 constexpr schema_field legacy_ciphers[] = {
     {"aes-cbc", flag("whether the AES ciphers in CBC mode are also offered")},

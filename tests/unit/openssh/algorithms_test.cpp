@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
+#include "golden.h"
+#include "platform/algorithms.h"
 #include "scratch.h"
 
 using namespace openssh;
@@ -71,4 +75,24 @@ TEST(launcher_algorithms, the_installed_ssh_knows_every_approved_default) {
     for (size_t kind = 0; kind < algorithm_kind_count; ++kind) {
         EXPECT_EQ(fips_default_list(installed, algorithm_kinds[kind]).size(), expected[kind]);
     }
+}
+
+TEST(launcher_algorithms, fips_mode_approves_and_offers_as_ever) {
+    known_algorithms all;
+    for (const algorithm_row& row : algorithm_rows) {
+        all.names[static_cast<size_t>(row.kind)].emplace_back(row.name);
+    }
+    std::ostringstream out;
+    const char* const titles[] = {"ciphers", "MACs", "key exchanges", "keys"};
+    for (const algorithm_kind kind : algorithm_kinds) {
+        out << titles[static_cast<size_t>(kind)] << " approved\n";
+        for (const std::string& name : all.names[static_cast<size_t>(kind)]) {
+            out << (is_fips_approved(kind, name) ? "    " + name + '\n' : "");
+        }
+        out << titles[static_cast<size_t>(kind)] << " offered by default\n";
+        for (const std::string_view name : fips_default_list(all, kind)) {
+            out << "    " << name << '\n';
+        }
+    }
+    expect_golden("openssh/golden/fips_algorithms", out.str());
 }

@@ -2,8 +2,10 @@
 
 #include <climits>
 #include <cstring>
+#include <sstream>
 #include <string>
 
+#include "golden.h"
 #include "linux/datastore/schema.h"
 #include "platform/value_tuple.h"
 
@@ -98,6 +100,21 @@ TEST(schema_table, knows_the_items_of_server_client_and_backup_server) {
                              "/cfg/gl/crypto/ssh/sshd_backup/portnvrf"}) {
         EXPECT_NE(schema_find(path, nullptr), nullptr) << path;
     }
+}
+
+// Stored tuples depend on the order of their fields.
+TEST(schema_table, tuples_of_algorithms_have_the_fields_as_ever) {
+    std::ostringstream out;
+    for (const schema_row& row : schema_rows()) {
+        if (strstr(row.pattern, "/algorithms/") == nullptr) {
+            continue;
+        }
+        out << row.pattern << '\n';
+        for (const schema_field& field : row.fields) {
+            out << "    " << field.name << ": " << field.form.help << '\n';
+        }
+    }
+    expect_golden("linux/datastore/golden/algorithm_fields", out.str());
 }
 
 }  // namespace
