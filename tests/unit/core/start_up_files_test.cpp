@@ -1,0 +1,74 @@
+#include <filesystem>
+
+#include "start_up_test.h"
+#include "syscall_faults.h"
+
+namespace {
+
+using start_up_files_test = agent_test;
+
+TEST_F(start_up_files_test, leaves_complete_default_files) {
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
+    expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
+    EXPECT_TRUE(std::filesystem::is_directory("/var/empty"));
+    EXPECT_EQ(mode_of("/var/empty"), mode_t{0755});
+    EXPECT_TRUE(path_exists("/etc/systemd/system/sshd_service_default.service"));
+    EXPECT_TRUE(path_exists("/etc/systemd/system/sshd_conf_default.conf"));
+}
+
+TEST_F(start_up_files_test, an_existing_empty_directory_is_accepted) {
+    std::filesystem::create_directories("/var/empty");
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+}
+
+TEST_F(start_up_files_test, a_fresh_start_empties_the_default_files) {
+    for (const uint32_t count : {0u, 1u}) {
+        fake_platform::set_respawn_count(count);
+        write_file(paths::server_file, "Banner /old\n");
+        write_file(paths::client_file, "Banner /old\n");
+        EXPECT_EQ(start_agent(), START_UP_DONE);
+        expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
+        expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
+        EXPECT_EQ(agent.respawn_count, count);
+    }
+}
+
+// Every line stays. The host keys' lines are written anew by every start and come to stand last.
+TEST_F(start_up_files_test, a_restart_after_a_failure_keeps_the_default_files) {
+    fake_platform::set_respawn_count(2);
+    const std::string client_lines = read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/ssh_config") + "Port 2222\n";
+    write_file(paths::server_file, "Banner /x\n" + read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/sshd_config"));
+    write_file(paths::client_file, client_lines);
+    const auto server_lines = sorted_lines(paths::server_file);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
+    EXPECT_EQ(file_lines(paths::server_file).front(), "Banner /x");
+    EXPECT_EQ(file_lines(paths::server_file).back(), "HostKey  /pkg/dsa");
+    EXPECT_EQ(read_file(paths::client_file), client_lines);
+}
+
+TEST_F(start_up_files_test, killed_anywhere_the_next_start_completes_the_files) {
+    const auto undisturbed = syscall_faults::run({}, [] { return start_up() == START_UP_DONE ? 0 : 1; });
+    ASSERT_EQ(undisturbed.status, 0);
+    const auto server_lines = sorted_lines(paths::server_file);
+    const auto client_lines = sorted_lines(paths::client_file);
+    ASSERT_GT(undisturbed.calls, 100u);
+    for (uint32_t call = 1; call <= undisturbed.calls; call += 3) {
+        remove_path(paths::configuration_directory);
+        remove_path(paths::pam_file);
+        const auto killed = syscall_faults::run({syscall_faults::fault::kill, call},
+                                                [] { return start_up() == START_UP_DONE ? 0 : 1; });
+        SCOPED_TRACE("killed before call " + std::to_string(call) + ", " + killed.name);
+        ASSERT_TRUE(killed.killed);
+        fake_platform::set_respawn_count(2);
+        const auto next = syscall_faults::run({}, [] { return start_up() == START_UP_DONE ? 0 : 1; });
+        fake_platform::set_respawn_count(1);
+        ASSERT_EQ(next.status, 0);
+        EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
+        EXPECT_EQ(sorted_lines(paths::client_file), client_lines);
+        expect_golden("host/golden/norvosshd", read_file(paths::pam_file));
+    }
+}
+
+}  // namespace
