@@ -223,6 +223,7 @@ struct log_line {
     std::string text;
     uint32_t severity;
     uint32_t number;
+    const log_message_entry* entry;
 };
 
 const std::vector<log_line>& log_lines();

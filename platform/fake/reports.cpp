@@ -150,7 +150,7 @@ using internal::enter;
 void log_message_send(const log_message_entry* entry, const char* text) {
     const errno_keeper keeper;
     if (internal::recording()) {
-        reports.log.push_back({entry->name, text, entry->severity, entry->number});
+        reports.log.push_back({entry->name, text, entry->severity, entry->number, entry});
     }
 }
 

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <iterator>
 #include <string>
 
 #include "../agent_test.h"
@@ -13,7 +15,6 @@ namespace {
 using log_test = agent_test;
 
 using fake_platform::log_line;
-using testing::ElementsAre;
 
 /// The message that `send` leaves behind.
 template <typename Send>
@@ -31,63 +32,45 @@ void expect_message(const log_line& line, const char* name, uint32_t severity, u
     EXPECT_EQ(line.text, text);
 }
 
-struct catalogue_case {
-    void (*send)();
-    const char* name;
-    uint32_t severity;
-    const char* text;
+/// One message of every entry, in the order of the catalogue.
+void (*const messages[])() = {
+    [] { log_location(ERR_BAG_DECODE, ENOENT, "here"); },
+    [] { log_location(ERR_BAG_ENCODE, ENOENT, "here"); },
+    [] { log_details("one", "two", "three"); },
+    [] { log_status(ERR_ERRNO, ENOENT, "it failed"); },
+    [] { log_text(ERR_GENERAL, "text"); },
+    [] { log_trace_failure("cfg-agent", "error-trace", 200, "ssh/cfg-agent/error", ENOENT); },
+    [] { log_location(ERR_MALLOC, ENOMEM, "here"); },
+    [] { log_shutdown(ERR_SHUTDOWN, 3, 2, 15, "text"); },
+    [] { log_location(ERR_DATASTORE_BIND, ENOENT, "here"); },
+    [] { log_location(ERR_DATASTORE_DATALIST, ENOENT, "here"); },
+    [] { log_location(ERR_DATASTORE_DELETE, ENOENT, "here"); },
+    [] { log_unknown_event("here", 0x10); },
+    [] { log_location(ERR_DATASTORE_GET, ENOENT, "here"); },
+    [] { log_location(ERR_DATASTORE_SET, ENOENT, "here"); },
+    [] { log_location(ERR_DATASTORE_UNPACK, ENOENT, "/path"); },
+    [] { log_text(INFO_GENERAL, "text"); },
+    [] { log_shutdown(INFO_SHUTDOWN, 3, 2, 15, "text"); },
+    [] { log_stale_session(9); },
+    [] { log_status(WARN_ERRNO, ENOENT, "it failed"); },
+    [] { log_fips_default(); },
+    [] { log_text(WARNING_GENERAL, "text"); },
 };
 
-// In the order of the catalogue, which numbers its entries from 0x1E00001D on.
-const catalogue_case catalogue_cases[] = {
-    {[] { log_location(ERR_BAG_DECODE, ENOENT, "here"); }, "ERR_BAG_DECODE", 3,
-     "Error:=No such file or directory(0x2), Location:=here, bag decode failed"},
-    {[] { log_location(ERR_BAG_ENCODE, ENOENT, "here"); }, "ERR_BAG_ENCODE", 3,
-     "Error:=No such file or directory(0x2), Location:=here, bag encode failed"},
-    {[] { log_details("one", "two", "three"); }, "ERR_DETAILS", 3, "one two three"},
-    {[] { log_status(ERR_ERRNO, ENOENT, "it failed"); }, "ERR_ERRNO", 3,
-     "Error:=No such file or directory(0x2), it failed"},
-    {[] { log_text(ERR_GENERAL, "text"); }, "ERR_GENERAL", 3, "text"},
-    {[] { log_trace_failure("cfg-agent", "error-trace", 200, "ssh/cfg-agent/error", ENOENT); }, "ERR_LTRACE_INIT", 3,
-     "process:=cfg-agent, trace-type:=error-trace, size:=200, name:=ssh/cfg-agent/error, "
-     "Error:=No such file or directory(0x2) init failed"},
-    {[] { log_location(ERR_MALLOC, ENOMEM, "here"); }, "ERR_MALLOC", 3,
-     "Error:=Cannot allocate memory(0xc), Location:=here, Failed to allocate memory"},
-    {[] { log_shutdown(ERR_SHUTDOWN, 3, 2, 15, "text"); }, "ERR_SHUTDOWN", 3,
-     "Active Sessions:=3, Sessions Terminated:=2, signal sent during shutdown:=15, text"},
-    {[] { log_location(ERR_DATASTORE_BIND, ENOENT, "here"); }, "ERR_DATASTORE_BIND", 3,
-     "Error:=No such file or directory(0x2), Location:=here, Failed to bind to datastore"},
-    {[] { log_location(ERR_DATASTORE_DATALIST, ENOENT, "here"); }, "ERR_DATASTORE_DATALIST", 3,
-     "Error:=No such file or directory(0x2), Location:=here, Failed to list data"},
-    {[] { log_location(ERR_DATASTORE_DELETE, ENOENT, "here"); }, "ERR_DATASTORE_DELETE", 3,
-     "Error:=No such file or directory(0x2), Location:=here, Failed to delete from datastore"},
-    {[] { log_unknown_event("here", 0x10); }, "ERR_DATASTORE_EVENT", 4,
-     "Location:=here, Event:=0x10, Received unknown event from  Datastore"},
-    {[] { log_location(ERR_DATASTORE_GET, ENOENT, "here"); }, "ERR_DATASTORE_GET", 3,
-     "Error:=No such file or directory(0x2), Location:=here, Failed to get an item from datastore"},
-    {[] { log_location(ERR_DATASTORE_SET, ENOENT, "here"); }, "ERR_DATASTORE_SET", 3,
-     "Error:=No such file or directory(0x2), Location:=here, Failed to set an item in datastore"},
-    {[] { log_location(ERR_DATASTORE_UNPACK, ENOENT, "/path"); }, "ERR_DATASTORE_UNPACK", 3,
-     "Error:=No such file or directory(0x2), Path:=/path, Failed to unpack datastore item"},
-    {[] { log_text(INFO_GENERAL, "text"); }, "INFO_GENERAL", 6, "text"},
-    {[] { log_shutdown(INFO_SHUTDOWN, 3, 2, 15, "text"); }, "INFO_SHUTDOWN", 6,
-     "Active Sessions:=3, Sessions Terminated:=2, signal sent during shutdown:=15, text"},
-    {[] { log_stale_session(9); }, "STALE_SESSION", 3, "Stale:=9, stale session"},
-    {[] { log_status(WARN_ERRNO, ENOENT, "it failed"); }, "WARN_ERRNO", 4,
-     "Error:=No such file or directory(0x2), it failed"},
-    {[] { log_fips_default(); }, "WARNING_FIPS", 4,
-     "No fips supported key-exchange algorithm configured, Using the default"},
-    {[] { log_text(WARNING_GENERAL, "text"); }, "WARNING_GENERAL", 4, "text"},
-};
+static_assert(std::size(messages) == log_entry_count);
 
 TEST_F(log_test, every_entry_has_its_name_severity_number_and_format) {
-    ASSERT_EQ(std::size(catalogue_cases), 21u);
-    ASSERT_EQ(size_t{log_entry_count}, 21u);
-    uint32_t number = 0x1E00001D;
-    for (const catalogue_case& row : catalogue_cases) {
-        expect_message(message_of(row.send), row.name, row.severity, number, row.text);
-        number++;
+    std::string text;
+    for (const auto send : messages) {
+        const log_line line = message_of(send);
+        ASSERT_NE(line.entry, nullptr);
+        char number[16];
+        snprintf(number, sizeof(number), "0x%08X", line.number);
+        text += std::string(number) + ' ' + line.name + ", severity " + std::to_string(line.severity) + ", " +
+                line.entry->category + ' ' + line.entry->facility + "\n    " + line.entry->format + "\n    " +
+                line.text + '\n';
     }
+    expect_golden("core/golden/message_catalogue", text);
 }
 
 TEST_F(log_test, the_usual_failures_have_wrappers) {
@@ -118,10 +101,11 @@ TEST_F(log_test, a_percent_sign_in_a_text_is_no_format) {
 }
 
 TEST_F(log_test, logging_leaves_errno_alone) {
-    for (const catalogue_case& row : catalogue_cases) {
+    for (const auto send : messages) {
+        const std::string name = message_of(send).name;
         errno = ELOOP;
-        row.send();
-        EXPECT_EQ(errno, ELOOP) << row.name;
+        send();
+        EXPECT_EQ(errno, ELOOP) << name;
     }
 }
 

@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <set>
+#include <utility>
 
+#include "golden.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
 #include "scratch.h"
@@ -33,37 +37,76 @@ TEST(launcher_keyword_table, gives_every_row_what_its_treatment_needs) {
     }
 }
 
-TEST(launcher_keyword_table, knows_every_keyword_that_the_agent_writes) {
-    for (const char* keyword : {"Protocol",
-                                "UsePAM",
-                                "Port",
-                                "MACs",
-                                "MaxAuthTries",
-                                "RekeyLimit",
-                                "MaxSessions",
-                                "IPQoS",
-                                "PermitRootLogin",
-                                "NorvoSSHFipsMode",
-                                "LogLevel",
-                                "WindowScaleQd",
-                                "Subsystem",
-                                "RateLimitQd",
-                                "SessionLimitQd",
-                                "Banner",
-                                "AcceptedAlgorithms",
-                                "LoginGraceTime",
-                                "ClientAliveInterval",
-                                "AllowTcpForwarding",
-                                "HostTrustpointQd",
-                                "UserTrustpointQd",
-                                "UserTrustpointCntQd",
-                                "CertUsernameQd",
-                                "HostKeyAlgorithms",
-                                "HostKey",
-                                "Ciphers",
-                                "KexAlgorithms"}) {
-        EXPECT_NE(find_keyword_row(server_keyword_rows(), keyword), nullptr) << keyword;
+namespace {
+
+constexpr const char* treatments[] = {"pass",      "list",      "additional_keys", "host_keys",
+                                      "fips_mode", "leave_out", "end_of_settings"};
+constexpr const char* repetitions[] = {"once", "by_first_word", "by_value"};
+constexpr const char* algorithm_kind_names[] = {"cipher", "mac", "kex", "key"};
+
+#define FORM(name) \
+    { name, #name }
+constexpr std::pair<value_form, const char*> forms[] = {
+    FORM(is_yes_or_no),
+    FORM(is_port),
+    FORM(is_count),
+    FORM(is_time),
+    FORM(is_rekey_limit),
+    FORM(is_ip_qos),
+    FORM(is_log_level),
+    FORM(is_forwarding),
+    FORM(is_root_login),
+    FORM(is_host_key_checking),
+    FORM(is_public_key_authentication),
+    FORM(is_path_or_none),
+    FORM(is_key_path),
+    FORM(is_subsystem),
+    FORM(is_algorithm_list),
+    FORM(is_any_text),
+};
+#undef FORM
+
+std::string form_name(value_form form) {
+    const auto* found = std::ranges::find(forms, form, [](const auto& named) { return named.first; });
+    EXPECT_NE(found, std::end(forms));
+    return found == std::end(forms) ? "" : found->second;
+}
+
+/// Every column of a row; those without a meaning for its treatment are left out as long as they are empty.
+std::string row_text(const keyword_row& row) {
+    std::string text = std::string(row.keyword) + ": " + treatments[static_cast<size_t>(row.how)];
+    if (row.how == treatment::list || row.how == treatment::additional_keys) {
+        text += std::string(" of ") + algorithm_kind_names[static_cast<size_t>(row.kind)];
     }
+    if (row.form != nullptr) {
+        text += ' ' + form_name(row.form);
+    }
+    text += std::string(", ") + repetitions[static_cast<size_t>(row.repeats)];
+    if (!row.written_as.empty()) {
+        text += ", written as " + std::string(row.written_as);
+    }
+    if (!row.otherwise.empty()) {
+        text += ", otherwise " + std::string(row.otherwise);
+    }
+    return text + (*row.reason != '\0' ? std::string(", because ") + row.reason : "") + '\n';
+}
+
+std::string table_text(const keyword_rows& rows) {
+    std::string text;
+    for (const keyword_row& row : rows) {
+        text += row_text(row);
+    }
+    return text;
+}
+
+}  // namespace
+
+TEST(launcher_keyword_table, treats_each_keyword_of_the_server_like_this) {
+    expect_golden("openssh/golden/server_keywords", table_text(server_keyword_rows()));
+}
+
+TEST(launcher_keyword_table, treats_each_keyword_of_the_client_like_this) {
+    expect_golden("openssh/golden/client_keywords", table_text(client_keyword_rows()));
 }
 
 // sshd prints its whole configuration with -T: whatever it knows, the table knows too, so that no setting of an edited file

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <fstream>
+#include <regex>
 
 #include "call_faults.h"
 #include "oper/server_params.h"
@@ -13,36 +14,20 @@
 
 namespace {
 
-using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 
-/// One provider and its words.
+/// A provider and the last of the records that it brings; null when it brings none.
 struct provider_case {
     const char* name;
     platform_status (*start)();
-    const char* tree;
-    const char* library_location;
-    const char* registration_failed;
-    const char* registration_debug;  ///< null prints nothing
-    const char* records_failed;      ///< null: it brings no records
     const record_descriptor* (*last_record)();
 };
 
 const provider_case cases[] = {
-    {"session_records", register_session_record_provider, "/oper/crypto-ssh/gl/session_xml/",
-     "EDM INIT SSH DATASTORE EDM XML", "Failed to register ssh edm for xml", nullptr, "Failed to register ssh xml bag",
-     ssh_session_rekey_descriptor},
-    {"server_sessions", register_server_session_provider, "/oper/crypto-ssh/gl/sshddata/", "EDM INIT SSHD DATASTORE",
-     "Failed to register ssh edm", nullptr, "Failed to register sshd cli bag", sshd_rekey_descriptor},
-    {"client_sessions", register_client_session_provider, "/oper/crypto-ssh/client/", "EDM INIT SSH CLIENT DATASTORE",
-     "Failed to register ssh edm", nullptr, nullptr, nullptr},
-    {"server_params", sshd_params_edm_init, "/oper/crypto-ssh/gl/server-params", "EDM INIT SSHD PARAMS",
-     "Failed to register ssh param edm",
-     "sshd_params_edm_init:[0-9]+ Error:Input/output error\\(0x5\\) Failed to register ssh edm for providing ssh "
-     "server parameters",
-     "Failed to register ssh server params bag", ssh_server_params_descriptor},
+    {"session_records", register_session_record_provider, ssh_session_rekey_descriptor},
+    {"server_sessions", register_server_session_provider, sshd_rekey_descriptor},
+    {"client_sessions", register_client_session_provider, nullptr},
+    {"server_params", sshd_params_edm_init, ssh_server_params_descriptor},
 };
 
 class providers_test : public agent_test, public testing::WithParamInterface<provider_case> {
@@ -52,8 +37,28 @@ class providers_test : public agent_test, public testing::WithParamInterface<pro
         fake_platform::clear_reports();
     }
 
-    static std::string io_error(const char* text) {
-        return std::string("ERR_ERRNO: Error:=Input/output error(0x5), ") + text;
+    /// Expects what an attempt to start the provider returns, calls, logs, prints and traces. Source lines are masked.
+    static void expect_reports(const std::string& failure) {
+        static const std::regex source_line(":[0-9]+ ");
+        fake_platform::clear_calls();
+        std::string text = platform_status_text(GetParam().start()) + std::string("\n");
+        for (const std::string& call : fake_platform::calls_of("datastore_provider")) {
+            text += "    " + call + '\n';
+        }
+        for (const std::string& line : fake_platform::log_texts()) {
+            text += "    " + line + '\n';
+        }
+        for (const std::string& line : fake_platform::debug_texts()) {
+            text += "    debug: " + std::regex_replace(line, source_line, ":LINE ") + '\n';
+        }
+        for (const auto& line : fake_platform::trace_lines_of("ssh/cfg-agent/error")) {
+            text += "    trace:";
+            for (const std::string& argument : line.arguments) {
+                text += ' ' + argument;
+            }
+            text += '\n';
+        }
+        expect_golden("oper/golden/provider_failures/" + failure + '/' + GetParam().name, text);
     }
 };
 
@@ -93,43 +98,22 @@ const char* const session_items[] = {
 
 TEST_P(providers_test, needs_the_datastores_library) {
     remove_path(paths::datastore_library);
-    EXPECT_EQ(GetParam().start(), platform_status{DATASTORE_UNAVAILABLE});
-    ASSERT_EQ(fake_platform::log_lines().size(), 1U);
-    EXPECT_EQ(fake_platform::log_lines()[0].name, "ERR_DATASTORE_BIND");
-    EXPECT_THAT(
-        fake_platform::log_texts()[0],
-        testing::EndsWith(std::string(", Location:=") + GetParam().library_location + ", Failed to bind to datastore"));
+    expect_reports("library_missing");
     EXPECT_EQ(fake_platform::providers(), 0U);
 }
 
 TEST_P(providers_test, tells_that_it_is_refused) {
     fake_platform::fail("datastore_provider_register", EIO);
-    EXPECT_EQ(GetParam().start(), platform_status{EIO});
-    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(io_error(GetParam().registration_failed)));
-    if (GetParam().registration_debug != nullptr) {
-        EXPECT_THAT(fake_platform::debug_texts(), ElementsAre(MatchesRegex(GetParam().registration_debug)));
-    } else {
-        EXPECT_THAT(fake_platform::debug_texts(), IsEmpty());
-    }
+    expect_reports("provider_refused");
     const auto traced = fake_platform::trace_lines_of("ssh/cfg-agent/error");
     ASSERT_EQ(traced.size(), 1U);
     EXPECT_EQ(traced[0].code, static_cast<uint32_t>(oper_trace_provider));
-    EXPECT_THAT(traced[0].arguments, ElementsAre(GetParam().tree, "5"));
 }
 
 TEST_P(providers_test, is_taken_back_when_its_records_are_refused) {
     call_faults::fail_call("record_registration_begin", EIO);
-    if (GetParam().records_failed == nullptr) {
-        EXPECT_EQ(GetParam().start(), PLATFORM_OK);
-        EXPECT_EQ(fake_platform::providers(), 1U);
-        return;
-    }
-    EXPECT_EQ(GetParam().start(), platform_status{EIO});
-    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(io_error(GetParam().records_failed)));
-    EXPECT_THAT(fake_platform::calls_of("datastore_provider"),
-                ElementsAre(std::string("datastore_provider_register(") + GetParam().tree + ")",
-                            std::string("datastore_provider_unregister(") + GetParam().tree + ")"));
-    EXPECT_EQ(fake_platform::providers(), 0U);
+    expect_reports("records_refused");
+    EXPECT_EQ(fake_platform::providers(), GetParam().last_record == nullptr ? 1U : 0U);
 }
 
 TEST_P(providers_test, has_registered_its_records_when_it_answers) {

@@ -36,6 +36,56 @@ TEST(record_schemas_test, every_schema_is_as_its_readers_know_it) {
     expect_golden("oper/golden/record_schemas", text);
 }
 
+namespace {
+
+std::string field_text(const record_schema& schema, const record_field& field) {
+    static constexpr const char* kinds[] = {"number32", "number16",    "number8",        "ipv4_address", "bytes",
+                                            "text",     "enumeration", "boolean",        "fixed_text",   "array",
+                                            "pointer",  "link",        "optional_value", "embedded"};
+    std::string text =
+        "    " + std::to_string(field.offset) + ' ' + field.name + ": " + kinds[static_cast<size_t>(field.kind)];
+    if (field.width != 0) {
+        text += ' ' + std::to_string(field.width) + " bytes";
+    }
+    if (field.optional_letter != 0) {
+        text += std::string(" of ") + field.optional_letter;
+    }
+    if (field.type_number != 0) {
+        text += " of $" + std::to_string(schema.type_of(field).number);
+    }
+    if (!field.enumeration.empty()) {
+        text += ' ' + field.enumeration;
+    }
+    return text + (field.node_id ? ", node id\n" : "\n");
+}
+
+/// A record's structures, each with the offset and type of every field.
+std::string layout_text(const record_schema& schema) {
+    std::string text;
+    for (const record_definition& definition : schema.definitions) {
+        text += "  $" + std::to_string(definition.number) + (definition.linked ? " linked, " : " ") +
+                std::to_string(definition.size) + " bytes, alignment " + std::to_string(definition.alignment) + '\n';
+        for (const record_field& field : definition.fields) {
+            text += field_text(schema, field);
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+TEST(record_schemas_test, every_field_has_its_type_and_place) {
+    uint32_t count = 0;
+    const record_descriptor* descriptors = record_descriptors(&count);
+    std::string text;
+    for (uint32_t i = 0; i < count; i++) {
+        const auto schema = parse_record_schema(descriptors[i].full_schema);
+        ASSERT_TRUE(schema.has_value()) << descriptors[i].name;
+        text += std::string(descriptors[i].name) + '\n' + layout_text(*schema);
+    }
+    expect_golden("oper/golden/record_layouts", text);
+}
+
 TEST(record_schemas_test, a_descriptor_has_its_accessor) {
     const record_descriptor* accessed[] = {
         ssh_mcinfo_descriptor(),           session_brief_info_descriptor(),  ssh_session_brief_descriptor(),

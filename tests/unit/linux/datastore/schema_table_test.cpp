@@ -52,54 +52,27 @@ TEST(schema_table, asks_for_nothing_that_cannot_be_stored) {
     }
 }
 
-TEST(schema_table, knows_the_items_of_server_client_and_backup_server) {
-    for (const char* path : {"/cfg/gl/crypto/ssh/server/sshd/vrf/blue",
-                             "/cfg/gl/crypto/ssh/server/sshd/v2",
-                             "/cfg/gl/crypto/ssh/server/cmn/v1",
-                             "/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/blue",
-                             "/cfg/gl/crypto/ssh/server/sshd/netconf",
-                             "/cfg/gl/crypto/ssh/server/cmn/timeout",
-                             "/cfg/gl/crypto/ssh/server/cmn/rate_limit",
-                             "/cfg/gl/crypto/ssh/server/cmn/disable/hmac/hmac_sha512",
-                             "/cfg/gl/crypto/ssh/server/cmn/disable/hmac/hmac_sha1",
-                             "/cfg/gl/crypto/ssh/server/cmn/disable/hmac/hmac_sha256",
-                             "/cfg/gl/crypto/ssh/server/cmn/enable/cipher",
-                             "/cfg/gl/crypto/ssh/server/cmn/session_limit",
-                             "/cfg/gl/crypto/ssh/server/cmn/logging",
-                             "/cfg/gl/crypto/ssh/server/cmn/dscp",
-                             "/cfg/gl/crypto/ssh/server/cmn/capability/netconf-xml",
-                             "/cfg/gl/crypto/ssh/server/cmn/rekey_time",
-                             "/cfg/gl/crypto/ssh/server/cmn/rekey_volume",
-                             "/cfg/gl/crypto/ssh/server/cmn/algorithms/key-exchange",
-                             "/cfg/gl/crypto/ssh/server/cmn/algorithms/cipher",
-                             "/cfg/gl/crypto/ssh/server/cmn/algorithms/host-key",
-                             "/cfg/gl/crypto/ssh/server/cmn/tcp_window_scale",
-                             "/cfg/gl/crypto/ssh/server/cmn/username/ann",
-                             "/cfg/gl/crypto/ssh/server/cmn/username/ann/keystr",
-                             "/cfg/gl/crypto/ssh/server/cmn/trustpoint/host",
-                             "/cfg/gl/crypto/ssh/server/cmn/trustpoint/user/root-ca",
-                             "/cfg/gl/crypto/ssh/server/cmn/certificate/username",
-                             "/cfg/gl/crypto/ssh/server/cmn/max_auth_limit",
-                             "/cfg/gl/crypto/ssh/server/cmn/port_forwarding",
-                             "/cfg/gl/crypto/ssh/client/dscp",
-                             "/cfg/gl/crypto/ssh/client/rekey_time",
-                             "/cfg/gl/crypto/ssh/client/rekey_volume",
-                             "/cfg/gl/crypto/ssh/client/algorithms/key-exchange",
-                             "/cfg/gl/crypto/ssh/client/algorithms/cipher",
-                             "/cfg/gl/crypto/ssh/client/disable/hmac/hmac_sha1",
-                             "/cfg/gl/crypto/ssh/client/disable/hmac/hmac_sha512",
-                             "/cfg/gl/crypto/ssh/client/disable/hmac/hmac_sha256",
-                             "/cfg/gl/crypto/ssh/client/enable/cipher",
-                             "/cfg/gl/crypto/ssh/client/host_pubkey",
-                             "/cfg/gl/crypto/ssh/client/portnvrf",
-                             "/cfg/gl/crypto/ssh/client/vrf",
-                             "/cfg/gl/crypto/ssh/client/v2",
-                             "/cfg/gl/crypto/ssh/client/v1",
-                             "/cfg/gl/crypto/ssh/client/source",
-                             "/cfg/gl/crypto/ssh/client/tcp_window_scale",
-                             "/cfg/gl/crypto/ssh/sshd_backup/portnvrf"}) {
-        EXPECT_NE(schema_find(path, nullptr), nullptr) << path;
+constexpr const char* kinds[] = {"number", "flag", "presence", "text", "tuple"};
+constexpr const char* charsets[] = {"printable", "word", "algorithm_name", "name", "delimited"};
+constexpr const char* rules[] = {"", ", list", ", one selected"};
+
+std::string form_text(const schema_form& form) {
+    return std::string(kinds[static_cast<size_t>(form.kind)]) + ' ' + std::to_string(form.lowest) + " to " +
+           std::to_string(form.highest) + ", " + charsets[static_cast<size_t>(form.charset)] + ": " + form.help + '\n';
+}
+
+TEST(schema_table, holds_these_items) {
+    std::string text;
+    for (const schema_row& row : schema_rows()) {
+        text += std::string(row.pattern) + rules[static_cast<size_t>(row.rule)] + "\n    " + form_text(row.form);
+        if (row.wildcard.help != nullptr) {
+            text += "    * " + form_text(row.wildcard);
+        }
+        for (const schema_field& field : row.fields) {
+            text += std::string("    [") + field.name + "] " + form_text(field.form);
+        }
     }
+    expect_golden("linux/datastore/golden/schema_table", text);
 }
 
 // Stored tuples depend on the order of their fields.
