@@ -18,8 +18,8 @@
 
 #include "fake/fake_platform.h"
 #include "oper/record_schemas.h"
-#include "oper/session_cli.h"
 #include "oper/session_records.h"
+#include "oper/show_sessions.h"
 #include "platform/record_codec.h"
 
 namespace {

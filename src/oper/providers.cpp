@@ -8,8 +8,8 @@
 #include "core/paths.h"
 #include "oper/record_schemas.h"
 #include "oper/server_params.h"
-#include "oper/session_cli.h"
 #include "oper/session_records.h"
+#include "oper/show_sessions.h"
 #include "oper/trace_points.h"
 
 namespace {

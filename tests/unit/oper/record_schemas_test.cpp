@@ -10,8 +10,8 @@
 #include "common/record_schema.h"
 #include "ocsystem_ssh_telemetry_edm.h"
 #include "oper/server_params.h"
-#include "oper/session_cli.h"
 #include "oper/session_records.h"
+#include "oper/show_sessions.h"
 
 TEST(record_schemas_test, every_compact_schema_follows_from_the_full_one) {
     uint32_t count = 0;

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "oper/session_cli.h"
 #include "oper/session_records.h"
+#include "oper/show_sessions.h"
 #include "session_test.h"
 
 namespace {

@@ -1,7 +1,7 @@
 /// Records of SSH sessions for the command line: one direction, one record per session, texts as the processes report
 /// them.
-#ifndef OPER_SESSION_CLI_H
-#define OPER_SESSION_CLI_H
+#ifndef OPER_SHOW_SESSIONS_H
+#define OPER_SHOW_SESSIONS_H
 
 #include <cstdint>
 

@@ -1,4 +1,4 @@
-#include "oper/session_cli.h"
+#include "oper/show_sessions.h"
 
 #include <cerrno>
 #include <cstdlib>

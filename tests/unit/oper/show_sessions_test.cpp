@@ -1,4 +1,4 @@
-#include "oper/session_cli.h"
+#include "oper/show_sessions.h"
 
 #include <cerrno>
 #include <cstring>
@@ -46,7 +46,7 @@ const command_line_item items[] = {
      "Failed to encode data into ssh_client_rekey bag: "},
 };
 
-class session_cli_test : public session_test, public testing::WithParamInterface<command_line_item> {
+class show_sessions_test : public session_test, public testing::WithParamInterface<command_line_item> {
   protected:
     static fake_platform::answer read() { return fake_platform::read(GetParam().path); }
 
@@ -62,7 +62,7 @@ class session_cli_test : public session_test, public testing::WithParamInterface
     static std::string debug_line(const std::string& text) { return std::string(GetParam().routine) + text; }
 };
 
-INSTANTIATE_TEST_SUITE_P(items, session_cli_test, testing::ValuesIn(items),
+INSTANTIATE_TEST_SUITE_P(items, show_sessions_test, testing::ValuesIn(items),
                          [](const auto& item) { return std::string(item.param.routine); });
 
 void expect_session(const std::string& bytes) {
@@ -109,7 +109,7 @@ void expect_rekey(const std::string& bytes) {
 
 }  // namespace
 
-TEST_P(session_cli_test, gives_one_record_for_each_session_in_the_order_of_their_ids) {
+TEST_P(show_sessions_test, gives_one_record_for_each_session_in_the_order_of_their_ids) {
     peers.answer(31, usual_snapshot(9));
     peers.answer(32, usual_snapshot(5));
     peers.start();
@@ -127,7 +127,7 @@ TEST_P(session_cli_test, gives_one_record_for_each_session_in_the_order_of_their
                                                              : expect_rekey(first);
 }
 
-TEST_P(session_cli_test, serves_one_direction_alone) {
+TEST_P(show_sessions_test, serves_one_direction_alone) {
     peers.answer(31, usual_snapshot(5));
     peers.start();
     list_processes(GetParam().client ? session_peers::listing_of_servers({31})
@@ -135,7 +135,7 @@ TEST_P(session_cli_test, serves_one_direction_alone) {
     EXPECT_EQ(read().status, platform_status{DATASTORE_NO_DATA});
 }
 
-TEST_P(session_cli_test, leaves_silent_processes_out) {
+TEST_P(show_sessions_test, leaves_silent_processes_out) {
     peers.keep_silent(31);
     peers.answer(32, usual_snapshot(5));
     peers.start();
@@ -143,7 +143,7 @@ TEST_P(session_cli_test, leaves_silent_processes_out) {
     EXPECT_EQ(read().records.size(), 1U);
 }
 
-TEST_P(session_cli_test, has_no_data_without_a_session) {
+TEST_P(show_sessions_test, has_no_data_without_a_session) {
     peers.keep_silent(31);
     list({31});
     const fake_platform::answer answer = read();
@@ -152,7 +152,7 @@ TEST_P(session_cli_test, has_no_data_without_a_session) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_P(session_cli_test, tells_the_engineer_each_session) {
+TEST_P(show_sessions_test, tells_the_engineer_each_session) {
     show_debug_lines();
     serve_one();
     read();
@@ -165,14 +165,14 @@ TEST_P(session_cli_test, tells_the_engineer_each_session) {
     }
 }
 
-TEST_P(session_cli_test, ends_where_the_own_node_is_not_known) {
+TEST_P(show_sessions_test, ends_where_the_own_node_is_not_known) {
     serve_one();
     fake_platform::fail("node_identity_id", EIO);
     EXPECT_EQ(read().status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Input/output error(0x5), Failed to get the Nodeid"));
 }
 
-TEST_P(session_cli_test, ends_without_a_list) {
+TEST_P(show_sessions_test, ends_without_a_list) {
     show_debug_lines();
     serve_one();
     fake_platform::fail("datastore_request_create_list", EIO);
@@ -181,7 +181,7 @@ TEST_P(session_cli_test, ends_without_a_list) {
                 ElementsAre(MatchesRegex(debug_line(":[0-9]+ Failed to create edm datalist: Input/output error"))));
 }
 
-TEST_P(session_cli_test, ends_where_a_record_is_not_added) {
+TEST_P(show_sessions_test, ends_where_a_record_is_not_added) {
     show_debug_lines();
     peers.answer(31, usual_snapshot(5));
     peers.answer(32, usual_snapshot(6));
@@ -193,7 +193,7 @@ TEST_P(session_cli_test, ends_where_a_record_is_not_added) {
                 Contains(MatchesRegex(debug_line(":[0-9]+ Failed to add bag into edm datalist: Input/output error"))));
 }
 
-TEST_P(session_cli_test, ends_where_a_record_is_not_encoded) {
+TEST_P(show_sessions_test, ends_where_a_record_is_not_encoded) {
     show_debug_lines();
     serve_one();
     call_faults::fail_call("record_encode", EIO);
@@ -206,7 +206,7 @@ TEST_P(session_cli_test, ends_where_a_record_is_not_encoded) {
                             GetParam().routine + ", bag encode failed"));
 }
 
-TEST_P(session_cli_test, every_allocation_may_fail_and_nothing_is_left_behind) {
+TEST_P(show_sessions_test, every_allocation_may_fail_and_nothing_is_left_behind) {
     serve_one();
     show_debug_lines();
     EXPECT_EQ(read().status, PLATFORM_OK);
