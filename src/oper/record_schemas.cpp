@@ -99,35 +99,14 @@ platform_status register_set(record_row first, record_row last) {
 
 }  // namespace
 
-const record_descriptor* ssh_mcinfo_descriptor() {
-    return &descriptors[SSH_MCINFO];
-}
-const record_descriptor* session_brief_info_descriptor() {
-    return &descriptors[SESSION_BRIEF_INFO];
-}
 const record_descriptor* ssh_session_brief_descriptor() {
     return &descriptors[SSH_SESSION_BRIEF];
-}
-const record_descriptor* session_history_info_descriptor() {
-    return &descriptors[SESSION_HISTORY_INFO];
-}
-const record_descriptor* ssh_session_history_descriptor() {
-    return &descriptors[SSH_SESSION_HISTORY];
-}
-const record_descriptor* session_detail_info_descriptor() {
-    return &descriptors[SESSION_DETAIL_INFO];
 }
 const record_descriptor* ssh_session_detail_descriptor() {
     return &descriptors[SSH_SESSION_DETAIL];
 }
-const record_descriptor* session_rekey_info_descriptor() {
-    return &descriptors[SESSION_REKEY_INFO];
-}
 const record_descriptor* ssh_session_rekey_descriptor() {
     return &descriptors[SSH_SESSION_REKEY];
-}
-const record_descriptor* sshd_mcinfo_descriptor() {
-    return &descriptors[SSHD_MCINFO];
 }
 const record_descriptor* sshd_sessioninfo_descriptor() {
     return &descriptors[SSHD_SESSIONINFO];

@@ -6,16 +6,9 @@
 
 #include "platform/record_codec.h"
 
-const record_descriptor* ssh_mcinfo_descriptor();
-const record_descriptor* session_brief_info_descriptor();
 const record_descriptor* ssh_session_brief_descriptor();
-const record_descriptor* session_history_info_descriptor();
-const record_descriptor* ssh_session_history_descriptor();
-const record_descriptor* session_detail_info_descriptor();
 const record_descriptor* ssh_session_detail_descriptor();
-const record_descriptor* session_rekey_info_descriptor();
 const record_descriptor* ssh_session_rekey_descriptor();
-const record_descriptor* sshd_mcinfo_descriptor();
 const record_descriptor* sshd_sessioninfo_descriptor();
 const record_descriptor* sshd_kexinfo_descriptor();
 const record_descriptor* sshd_rekey_descriptor();
@@ -28,7 +21,7 @@ platform_status register_command_line_records();      ///< "show_ssh_bag_desc.dl
 platform_status register_server_parameter_records();  ///< "libssh_server_params_bag_desc.dll"
 platform_status register_telemetry_records();         ///< "liboverlay_crypto_ssh_oper_bag_descr.dll"
 
-/// All descriptors, in the order of registration.
+/// All descriptors, in the order of registration, for tests.
 const record_descriptor* record_descriptors(uint32_t* count);
 
 #endif

@@ -40,7 +40,6 @@ struct listener_row {
 struct producer_state {
     std::vector<std::string> paths;
     std::vector<listener_row> listeners;
-    uint64_t events = 0;
 };
 
 producer_state& producer() {
@@ -128,10 +127,6 @@ std::vector<control_json> telemetry_snapshot() {
     return notifications;
 }
 
-uint64_t telemetry_events() {
-    return producer().events;
-}
-
 platform_status telemetry_producer_init(const char* name, const char* path, event_manager* /*manager*/) try {
     if (name == nullptr || path == nullptr) {
         return EINVAL;
@@ -148,7 +143,6 @@ platform_status telemetry_producer_publish(const char* path, datastore_provider_
     if (path == nullptr || fill == nullptr || std::find(paths.begin(), paths.end(), path) == paths.end()) {
         return EINVAL;
     }
-    producer().events++;
     return producer().listeners.empty() ? platform_status{PLATFORM_OK} : tell_listeners(fill, context);
 } catch (const std::exception&) {
     return ENOMEM;

@@ -25,9 +25,6 @@ void telemetry_unlisten(telemetry_listener listener, void* context);
 /// throw std::bad_alloc.
 std::vector<control_json> telemetry_snapshot();
 
-/// How many events have been published since the start.
-uint64_t telemetry_events();
-
 /// The notification of a record of the SSH server's state as it stands in the schema's names, at a time. Values that the
 /// record does not have, or for which the model has no name, are left out.
 control_json telemetry_notification(const control_json& record, uint64_t nanoseconds);

@@ -20,7 +20,7 @@ process_status process_manager_status();
 /// it after a clean stop.
 void process_manager_count_start();
 
-/// Forgets the count and gives the lock back, as the end of the process does.
+/// For tests: forgets the count and gives the lock back, as the end of the process does.
 void process_manager_reset();
 
 #endif

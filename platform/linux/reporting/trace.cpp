@@ -222,14 +222,6 @@ void trace_write(struct trace_buffer* buffer, uint32_t code, const struct trace_
     append(*buffer, record);
 }
 
-std::vector<std::string> trace_buffer_names() {
-    std::vector<std::string> names;
-    for (const auto& buffer : buffers()) {
-        names.push_back(buffer->name);
-    }
-    return names;
-}
-
 platform_status trace_buffer_read(const std::string& name, trace_buffer_contents& contents) {
     const trace_buffer* buffer = find_buffer(name);
     if (buffer == nullptr) {

@@ -27,9 +27,6 @@ struct trace_buffer_contents {
     std::vector<trace_record> records;  ///< what is still there, the oldest first
 };
 
-/// The names of all trace buffers, in the order of their creation.
-std::vector<std::string> trace_buffer_names();
-
 /// Reads a buffer by its whole name or by the part after its last '/' ("error"). ENOENT when there is none.
 platform_status trace_buffer_read(const std::string& name, trace_buffer_contents& contents);
 

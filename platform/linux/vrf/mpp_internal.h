@@ -19,7 +19,7 @@ struct mpp_vrf_status {
 /// Every VRF that the service knows, in byte order of the names.
 std::vector<mpp_vrf_status> mpp_status();
 
-/// Forgets everything, as a new process would. The packet filters stay as they are.
+/// For tests: forgets everything, as a new process would. The packet filters stay as they are.
 void mpp_reset();
 
 #endif

@@ -24,19 +24,19 @@ struct record_item {
     const char* outgoing_location;
     size_t entry_allocations;  ///< of one entry of the usual snapshot, itself included
     const char* encode_failed;
-    const record_descriptor* (*entry_descriptor)();
+    size_t entry_size;  ///< of an entry, with the link at its end
 };
 
 const record_item items[] = {
     {"brief", "get_ssh_session_brief:[0-9]+ Incoming tuple count: 1",
      "get_ssh_session_brief:[0-9]+ outgoing tuple count: 2", "SESN BRF (IN)", "SESN BRF (OUT)", 4,
-     "Failed to encode ssh_session_brief_bag", session_brief_info_descriptor},
+     "Failed to encode ssh_session_brief_bag", sizeof(session_brief_info)},
     {"detail", "get_ssh_session_detail:[0-9]+ Incoming sessions count: 1",
      "get_ssh_session_detail:[0-9]+ Outgoing sessions count: 2", "SESN DET (IN)", "SESN DET (OUT)", 1,
-     "Failed to encode ssh_session_detail_bag", session_detail_info_descriptor},
+     "Failed to encode ssh_session_detail_bag", sizeof(session_detail_info)},
     {"rekey", "get_ssh_session_rekey:[0-9]+ Incoming sessions count: 1",
      "get_ssh_session_rekey:[0-9]+ Outgoing sessions count: 2", "SESN REKEY (IN)", "SESN REKEY (OUT)", 3,
-     "Failed to encode ssh_session_detail_bag", session_rekey_info_descriptor},
+     "Failed to encode ssh_session_detail_bag", sizeof(session_rekey_info)},
 };
 
 class session_records_test : public session_test {
@@ -451,10 +451,7 @@ TEST_P(session_records_each_test, lists_sessions_in_the_order_of_their_ids) {
     ASSERT_EQ(answer.records.size(), 1U);
     // All entries begin with their id and end in their link.
     const decoded_record<ssh_session_brief> record(answer.records[0].descriptor, answer.records[0].bytes);
-    const size_t link = GetParam().entry_descriptor() == session_brief_info_descriptor() ? sizeof(session_brief_info)
-                        : GetParam().entry_descriptor() == session_detail_info_descriptor()
-                            ? sizeof(session_detail_info)
-                            : sizeof(session_rekey_info);
+    const size_t link = GetParam().entry_size;
     std::vector<uint32_t> ids;
     for (const auto* entry = reinterpret_cast<const char*>(record->IncomingSessions); entry != nullptr;) {
         uint32_t id = 0;

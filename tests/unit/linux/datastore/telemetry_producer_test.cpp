@@ -126,10 +126,8 @@ TEST_F(telemetry_producer_test, a_listener_may_leave_while_it_is_told) {
 }
 
 TEST_F(telemetry_producer_test, without_listeners_the_record_is_not_made) {
-    const uint64_t before = telemetry_events();
     EXPECT_EQ(publish(), PLATFORM_OK);
     EXPECT_EQ(state.filled, 0);
-    EXPECT_EQ(telemetry_events(), before + 1);
 }
 
 TEST_F(telemetry_producer_test, publishes_paths_that_it_was_opened_for) {
