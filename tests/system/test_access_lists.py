@@ -357,7 +357,7 @@ def test_a_load_that_fails_is_in_the_log_and_changes_nothing(mgmt, journal):
         ("ipv4", ["10 allow tcp any any"], ["line 1", '"allow"', "permit or deny"]),
         ("ipv4", ["10 permit tcp 2001:db8::1 any"], ["line 1", '"2001:db8::1"', "source"]),
         ("ipv6", ["10 permit tcp any 10.0.0.1"], ["line 1", '"10.0.0.1"', "destination"]),
-        ("ipv4", ["10 permit tcp any any", "10 deny tcp any any"], ["10", "twice"]),
+        ("ipv4", ["10 permit tcp any any", "10 deny tcp any any"], ["duplicate sequence number 10"]),
     ],
 )
 def test_a_wrong_line_is_named_and_the_list_stays(mgmt, family, lines, named):
