@@ -100,7 +100,7 @@ typedef uint8_t acl_ipv6_octets[16];
 #define ACL_FULL_LETTER_OF(type, enumeration, letter) enumeration letter
 #define ACL_LETTER_OF(type, enumeration, letter) letter
 
-#define ACL_MEMBER(kind, name) ACL_KIND_##kind(ACL_TYPE_OF) name;
+#define ACL_MEMBER(kind, name) ACL_KIND_##kind(ACL_TYPE_OF) name; // NOLINT(bugprone-macro-parentheses)
 #define ACL_FULL_SCHEMA(kind, name) "{" #name "}" ACL_KIND_##kind(ACL_FULL_LETTER_OF)
 #define ACL_COMPACT_SCHEMA(kind, name) ACL_KIND_##kind(ACL_LETTER_OF)
 
