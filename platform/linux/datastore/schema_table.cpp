@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <array>
 #include <climits>
 #include <iterator>
+#include <string_view>
 
 #include "linux/datastore/schema.h"
 #include "platform/algorithms.h"
@@ -174,6 +176,9 @@ constexpr schema_row rows[] = {
     {SERVER "sshd/vrf/*", tuple("SSH server of a VRF"), vrf_name, vrf_access, {}},
     {BACKUP "portnvrf", backup_place, no_wildcard, backup_server, {}},
 };
+
+static_assert(std::ranges::is_sorted(rows, {}, [](const schema_row& row) { return std::string_view(row.pattern); }),
+              "the rows do not stand in byte order of their patterns");
 
 #undef SERVER
 #undef CLIENT
