@@ -16,13 +16,14 @@ enum debug_flag : uint32_t {
     debug_telemetry = 10,
 };
 
-/// Prints one line while the "cfg-agent" flag is on. Leaves errno alone.
+/// Prints one line if the "cfg-agent" flag is on. Leaves errno unchanged.
 void debug_print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// Prints one line while the given flag is on. Leaves errno alone.
+/// Prints one line if the given flag is on. Leaves errno unchanged.
 void debug_print_for(debug_flag flag, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/// Registers every flag, in the order of their ids, then `handler` for their switching. Returns the first failure.
+/// Registers every flag in the order of the ids, then `handler`, which is called when one is switched. Returns the
+/// first failure.
 uint32_t debug_initialise(struct event_manager* manager, void (*handler)(uint32_t action, uint32_t id, void* context));
 
 #endif

@@ -22,7 +22,7 @@ struct level_side {
 level_side server_side{debug_server_l1, &server.parameters[SERVER_LOG_LEVEL], {}};
 level_side client_side{debug_client_l1, &client.parameters[CLIENT_LOG_LEVEL], {}};
 
-/// A level counts unless a higher one is on.
+/// A level takes effect unless a higher one is on.
 void level_on(level_side& side, uint32_t level) {
     for (uint32_t higher = level + 1; higher <= level_count; higher++) {
         if (side.on[higher]) {
@@ -32,9 +32,9 @@ void level_on(level_side& side, uint32_t level) {
     side.entry->current = level_texts[level];
 }
 
-// The three switch-off rules differ on purpose. Configured logging, which only servers have, comes back only when
-// level 1 goes, even under a higher level that is still on; it keeps level 2 from falling lower than level 1; level 3
-// does not look at it.
+// The three rules for switching a level off differ on purpose. Configured logging, which only servers have, is restored
+// only when level 1 is switched off, even if a higher level is still on. It keeps level 2 from falling below level 1,
+// and level 3 ignores it.
 
 void level_1_off(level_side& side, bool logging) {
     if (logging) {

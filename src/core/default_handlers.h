@@ -1,4 +1,4 @@
-/// Handlers of items that need none of their own.
+/// Handlers for items that need none of their own.
 #ifndef CORE_DEFAULT_HANDLERS_H
 #define CORE_DEFAULT_HANDLERS_H
 
@@ -11,7 +11,7 @@ platform_status default_verifier(const datastore_change* change, char** error_te
 /// Accepts the item, which has no effect.
 platform_status default_applier(const datastore_change* change, const datastore_path_components* components);
 
-/// Accepts the item with a warning: this platform does not carry it out.
+/// Accepts the item with a warning that this platform does not support it.
 platform_status unsupported_item_applier(const datastore_change* change, const datastore_path_components* components);
 
 #endif

@@ -1,4 +1,4 @@
-/// Fault points: places at which a tester can make this program fail.
+/// Fault points: places where a tester can make this program fail.
 #ifndef CORE_FAULT_POINTS_H
 #define CORE_FAULT_POINTS_H
 
@@ -6,10 +6,11 @@
 
 inline constexpr uint32_t fault_point_count = 29;
 
-/// In the order in which they are registered. None is enabled until the service says so.
+/// In the order of registration. None is enabled until the service enables it.
 extern fault_point fault_points[fault_point_count];
 
-/// Offers the points to the fault-injection service. Deliberately called by nobody: a router in the field has none.
+/// Registers the points with the fault-injection service. Deliberately never called: routers in the field have no such
+/// service.
 platform_status register_fault_points();
 
 #endif

@@ -32,7 +32,7 @@ constexpr datastore_item_handler handlers[] = {
 #include "appliers/items.def"
 };
 
-// By the number of the handler.
+// Indexed by the number of the handler.
 constexpr std::array<std::string_view, std::size(handlers)> paths = {
 #define ITEM(path, ...) path,
 #define SETTING(path, ...) path,

@@ -4,10 +4,11 @@
 
 #include "platform/datastore_backend.h"
 
-/// Serves the server's, the client's and the backup server's trees alike: an item is known by its path below its binding.
+/// Serves the trees of the server, the client and the backup server alike: an item is identified by its path below its
+/// binding.
 extern const datastore_item_table item_table;
 
-/// Callbacks of the three bindings: hand the call on to the dispatcher, log its failure and return its result.
+/// Callbacks of the three bindings: pass the call to the dispatcher, log its failure and return its result.
 platform_status verify_configuration(const datastore_backend_call* call, void* context);
 platform_status apply_configuration(const datastore_backend_call* call, void* context);
 

@@ -1,7 +1,7 @@
-/// Makes the tree of a datastore_item_table from the items' paths, when the agent is compiled.
+/// Builds the tree of a datastore_item_table from the items' paths at compile time.
 ///
-/// A node comes before its children, and they before its next sibling; siblings have the order in which the paths name
-/// them first. An item's handler has the number of its path.
+/// A node comes before its children, and they come before its next sibling; siblings are in the order in which the
+/// paths first name them. The number of an item's handler is the index of its path.
 #ifndef CORE_ITEM_TREE_H
 #define CORE_ITEM_TREE_H
 
@@ -11,13 +11,13 @@
 #include <span>
 #include <string_view>
 
-/// What stands in a path for any one name.
+/// The path component that stands for any name.
 inline constexpr std::string_view any_name = "*";
 
 inline constexpr int32_t no_node = -1;
 inline constexpr int32_t no_handler = -1;
 
-/// Room for the longest name and its NUL; a longer one is an error of the compilation.
+/// Holds the longest name and its NUL; a longer name does not compile.
 inline constexpr size_t item_name_size = 24;
 
 struct item_tree_node {
@@ -29,12 +29,12 @@ struct item_tree_node {
 
 using item_paths = std::span<const std::string_view>;
 
-/// Whether a path begins with the whole components of another one.
+/// Whether `path` is `top` or lies below it, comparing whole components.
 constexpr bool is_at_or_below(std::string_view path, std::string_view top) {
     return path.starts_with(top) && (top.empty() || path.size() == top.size() || path[top.size()] == '/');
 }
 
-/// The path of the node that leads from `top` to a path below it: one component more than `top`.
+/// The child of `top` on the way to `path`, which lies below it: `top` with one more component.
 constexpr std::string_view child_towards(std::string_view path, std::string_view top) {
     return path.substr(0, path.find('/', top.empty() ? 0 : top.size() + 1));
 }
@@ -50,7 +50,7 @@ constexpr bool paths_differ(item_paths paths) {
     return true;
 }
 
-/// Calls `visit` with the path of each child of `top`, in the order of the children.
+/// Calls `visit` with the path of each child of `top`, in order.
 template <typename Visit>
 constexpr void for_each_child(item_paths paths, std::string_view top, const Visit& visit) {
     for (size_t i = 0; i < paths.size(); i++) {
@@ -68,14 +68,14 @@ constexpr void for_each_child(item_paths paths, std::string_view top, const Visi
     }
 }
 
-/// How many nodes there are below `top`.
+/// The number of nodes below `top`.
 constexpr size_t tree_size(item_paths paths, std::string_view top = {}) {
     size_t count = 0;
     for_each_child(paths, top, [&](std::string_view child) { count += 1 + tree_size(paths, child); });
     return count;
 }
 
-/// The tree while it grows.
+/// The tree under construction.
 template <size_t Size>
 struct item_tree_builder {
     item_paths paths;

@@ -13,7 +13,7 @@ constexpr uint32_t first_message_number = 0x1E00001D;
 
 enum : uint32_t { severity_error = 3, severity_warning = 4, severity_information = 6 };
 
-/// A row takes its number from its place, which the enum of log_entry fixes.
+/// A row's number is its position, which enum log_entry fixes.
 #define CATALOGUE_ENTRY(name, severity, format) \
     { format, "SSHD_CFG_AGT", "SECURITY", #name, severity, first_message_number + (name) }
 
@@ -63,7 +63,7 @@ constexpr bool rows_stand_at_their_place() {
 }
 static_assert(rows_stand_at_their_place());
 
-/// Makes the message from the entry's format, which the caller's arguments fit, and sends it.
+/// Formats the message and sends it. The arguments must match the entry's format.
 template <typename... Arguments>
 void send(log_entry entry, Arguments... arguments) {
     const int saved_errno = errno;
@@ -77,7 +77,7 @@ const char* shown(const char* text) {
     return text != nullptr ? text : "NULL";
 }
 
-/// The text of a status; an errno left behind by looking it up is of no interest to anybody.
+/// The text of a status. The lookup may set errno, so errno is restored.
 const char* status_text(platform_status status) {
     const int saved_errno = errno;
     const char* text = platform_status_text(status);

@@ -1,4 +1,4 @@
-/// Log messages, through the message catalogue. Every function leaves errno alone.
+/// Log messages from the message catalogue. No function changes errno.
 #ifndef CORE_LOG_H
 #define CORE_LOG_H
 
@@ -35,10 +35,10 @@ enum log_entry : uint32_t {
 /// Entries whose format is one text: ERR_GENERAL, INFO_GENERAL, WARNING_GENERAL.
 void log_text(log_entry entry, const char* text);
 
-/// Entries of an error text, its number and a text: ERR_ERRNO, WARN_ERRNO. An errno value is a status, too.
+/// Entries of an error text, its number and a text: ERR_ERRNO, WARN_ERRNO. An errno value is also a status.
 void log_status(log_entry entry, platform_status status, const char* text);
 
-/// Entries of an error text, its number and a location or path: ERR_BAG_*, ERR_MALLOC, ERR_DATASTORE_* but for EVENT.
+/// Entries of an error text, its number and a location or path: ERR_BAG_*, ERR_MALLOC, ERR_DATASTORE_* except EVENT.
 void log_location(log_entry entry, platform_status status, const char* location);
 
 /// ERR_DETAILS: three texts.

@@ -80,8 +80,8 @@ struct datastore_step {
     const datastore_operation& operation;
     binding target;
     const char* path;  ///< to bind to, or the pattern of items to register for
-    const char* text;  ///< location or message of the failure
-    uint32_t unbind;   ///< bindings given back after a failure
+    const char* text;  ///< location or message to log on failure
+    uint32_t unbind;   ///< bindings released on failure
     start_up_status failure;
 };
 
@@ -113,7 +113,7 @@ constexpr datastore_operation verify{register_verification, log_failure};
 constexpr datastore_operation notify_banner{register_banner_notification, log_failure};
 constexpr datastore_operation notify_aaa_banner{register_aaa_banner_notification, log_failure};
 
-/// In their order. What is not given back after a failure ends with the process.
+/// In order of execution. Whatever a failed step does not release ends with the process.
 constexpr datastore_step datastore_steps[] = {
     {bind_to, binding_server, paths::server_tree, "SSH CFG BASE SERVER", 0, START_UP_SERVER_BINDING},
     {bind_to, binding_client, paths::client_tree, "SSH CFG BASE CLIENT", binding_server, START_UP_CLIENT_BINDING},
@@ -286,7 +286,7 @@ start_up_status connect_shelf() {
 
 struct provider_step {
     platform_status (*run)();
-    const char* text;  ///< logged after a failure; null when the provider has said enough
+    const char* text;  ///< logged on failure; null if the provider logs enough itself
     start_up_status failure;
 };
 
@@ -339,7 +339,7 @@ start_up_status publish_file_systems() {
     return START_UP_DONE;
 }
 
-/// Without the messages the servers of VRFs whose namespaces exist still run, so a failure is not fatal.
+/// Even without these messages the servers of existing namespaces run, so a failure is not fatal.
 start_up_status attach_namespace_messages() {
     const platform_status status =
         event_manager_attach_message(agent.event_manager, NAMESPACE_MESSAGE, ssh_proxy_nns_handler, nullptr);
@@ -370,7 +370,7 @@ start_up_status create_default_unit() {
     return START_UP_DONE;
 }
 
-/// Before the servers' files are made from the default one, which names the banner file.
+/// Runs before the servers' files are created from the default one, which names the banner file.
 start_up_status build_banners() {
     apply_present_banners();
     return START_UP_DONE;
@@ -405,8 +405,8 @@ struct start_up_step {
     start_up_status (*run)();
 };
 
-/// The order is part of the contract with the platform and with what follows: nothing but the PAM watch is registered before
-/// this node is primary, readiness is reported before the files are written, and the stored configuration comes last.
+/// The order is part of the contract with the platform: only the PAM watch is registered before this node is primary,
+/// readiness is reported before the files are written, and the stored configuration is applied last.
 constexpr start_up_step steps[] = {
     {"trace buffers", create_traces},
     {"event manager", create_event_manager},
@@ -438,7 +438,7 @@ constexpr start_up_step steps[] = {
     {"scan complete", mark_scanned},
 };
 
-/// Gives the lower rooms the functions of the higher ones.
+/// Gives the lower modules the functions they call in the higher ones.
 void fill_upcalls() {
     upcall.ssh_process_restart = ssh_process_restart;
     upcall.delete_vrf_node = delete_vrf_node;

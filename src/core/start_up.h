@@ -1,9 +1,9 @@
-/// Start-up: a fixed sequence of steps, each of which that fails fatally has an exit status of its own, so that the
-/// process manager's records tell which one it was.
+/// Start-up: a fixed sequence of steps. Each step that can fail fatally has its own exit status, so that the process
+/// manager's records show which one failed.
 #ifndef CORE_START_UP_H
 #define CORE_START_UP_H
 
-/// What the process ends with. A waiting parent sees the low eight bits: -3 is 253.
+/// The exit status of the process. A waiting parent sees the low eight bits: -3 is 253.
 enum start_up_status : int {
     START_UP_DONE = 0,
     START_UP_NOT_PRIMARY = 1,                  ///< waiting to become primary
@@ -36,10 +36,10 @@ enum start_up_status : int {
     START_UP_SCAN = -35,                       ///< a configuration scan
 };
 
-/// Runs the steps up to the event loop. Returns START_UP_DONE, or the status with which the process has to end.
+/// Runs the steps up to the event loop. Returns START_UP_DONE, or the status with which the process must exit.
 start_up_status start_up();
 
-/// The whole agent: start-up and the event loop. Returns the exit status of a failed start-up, else never.
+/// The whole agent: start-up and the event loop. Returns the exit status of a failed start-up; otherwise never returns.
 int run_agent();
 
 #endif

@@ -1,7 +1,7 @@
-/// Calls from a lower room of the agent into a higher one.
+/// Calls from a lower module of the agent into a higher one.
 ///
-/// A room includes only rooms below it, so what it needs from above it calls through this row of functions, which
-/// start-up fills before the first event. A missing function means that this agent has no such facility.
+/// A module includes only modules below it. What it needs from above it calls through this table of functions, which
+/// start-up fills before the first event. A null function means that this agent lacks the facility.
 #ifndef CORE_UPCALLS_H
 #define CORE_UPCALLS_H
 
@@ -28,7 +28,7 @@ struct upcalls {
 
 extern upcalls upcall;
 
-/// Publishes the server's telemetry state, when this agent has telemetry.
+/// Publishes the server's telemetry state, if this agent has telemetry.
 void publish_telemetry();
 
 #endif
