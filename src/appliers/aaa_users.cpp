@@ -12,7 +12,7 @@
 
 namespace {
 
-/// What stands below an index is the user's tree, so its first path element is the user's name.
+/// Below an index there is only the user's tree, so its first path element is the user's name.
 platform_status compare_user(datastore_binding* binding, const char* index, const char* user_name, bool* found) {
     char path[PATH_MAX];
     format_text(path, sizeof path, "%s/", index);
@@ -20,7 +20,7 @@ platform_status compare_user(datastore_binding* binding, const char* index, cons
     uint32_t count = 0;
     const platform_status status = datastore_list_get(binding, path, -1, &users, &count);
     if (status != PLATFORM_OK) {
-        // The other indexes may still hold the user.
+        // Another index may still hold the user.
         log_status(ERR_ERRNO, status, "datastore list failed");
         trace_error(appliers_trace_user_list, {path, status});
         return PLATFORM_OK;

@@ -28,14 +28,14 @@ bool deletes(const datastore_change& change) {
     return (change.event & DATASTORE_EVENT_DELETE) != 0;
 }
 
-/// Fails an applier that cannot tell whether FIPS mode is on; nothing may be taken for off.
+/// Fails an applier that cannot read the state of FIPS mode; an unknown state must not be taken for off.
 platform_status fail_question(const char* text, const char* function) {
     debug_print(text, function);
     trace_error(appliers_trace_fips_question, {function});
     return 1;
 }
 
-/// Composes a list of a tuple's names, without the one that is not carried out.
+/// Composes a list from a tuple's names, without the unsupported one.
 void compose_list(char* list, size_t size, const name_tuple& names, const char* dropped_name,
                   const char* dropped_message) {
     list[0] = '\0';
@@ -101,7 +101,7 @@ void append_missing_names(char* list, const char* names) {
     }
 }
 
-/// Makes the list in force of the base and the enabled legacy ciphers.
+/// Composes the list in force from the base and the enabled legacy ciphers.
 void compose_ciphers(const algorithm_side& side) {
     copy_text(side.cipher_list, algorithm_list_size, side.cipher_base);
     if ((*side.legacy_cipher_mask & LEGACY_AES_CBC) != 0) {
@@ -179,7 +179,7 @@ platform_status write_filtered_ciphers(const algorithm_side& side, uint32_t even
     return side.write(event, ciphers.keyword, ciphers.fips_text) == 0 ? PLATFORM_OK : fail_cipher_write(side);
 }
 
-/// Writes the list in force, narrowed in FIPS mode.
+/// Writes the list in force, filtered in FIPS mode.
 platform_status write_ciphers(const algorithm_side& side, uint32_t event) {
     trace_event(side.trace.legacy_cipher, {event, *side.legacy_cipher_mask, side.cipher_list});
     const int32_t fips_mode = fips_mode_get();
@@ -200,7 +200,7 @@ platform_status enable_legacy_ciphers(const algorithm_side& side, const datastor
         return PLATFORM_OK;
     }
     if (flags[0] != 0) {
-        // Only the item's removal takes the ciphers back.
+        // Only removing the item removes the ciphers.
         *side.legacy_cipher_mask |= LEGACY_AES_CBC;
     }
     if (flags[1] != 0) {

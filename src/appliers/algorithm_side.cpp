@@ -5,7 +5,7 @@
 
 namespace {
 
-// What the appliers edit stands in the entries themselves.
+// The entries themselves hold the buffers that the appliers edit.
 constexpr auto& server_kex_list = server.algorithms[SERVER_KEX_ALGORITHMS].text;
 constexpr auto& client_kex_list = client.algorithms[CLIENT_KEX_ALGORITHMS].text;
 constexpr auto& server_cipher_list = server.algorithms[SERVER_CIPHERS].text;
@@ -60,7 +60,7 @@ const algorithm_side server_side = {
             .legacy_event = "Event:=%d, Config:=ssh server enable cipher",
             .legacy_function = "sshd_apply_cipher",
             .legacy_question = "(%s) Failed to check fips mode  in sshd apply cipher",
-            // The second text is the third MAC's, as ever.
+            // The second text is that of the third MAC, as it has always been.
             .mac_events = {"Event:=%d, Config:=ssh server hmac hmac-sha1",
                            "Event:=%d, Config:=ssh server hmac hmac-512",
                            "Event:=%d, Config:=ssh server hmac hmac-512"},

@@ -1,4 +1,4 @@
-/// The server and the client as the algorithm appliers see them: state, texts and the file that is written.
+/// The server and the client as seen by the algorithm appliers: state, texts and the file to write.
 #ifndef APPLIERS_ALGORITHM_SIDE_H
 #define APPLIERS_ALGORITHM_SIDE_H
 
@@ -11,7 +11,7 @@
 
 inline constexpr size_t kex_list_size = algorithm_text_size;
 
-/// Bits of a legacy cipher mask. 3DES is refused, so that its bit is never set.
+/// Bits of a legacy cipher mask. 3DES is refused, so its bit is never set.
 enum legacy_cipher : uint32_t { LEGACY_AES_CBC = 1, LEGACY_3DES = 2 };
 
 enum mac : size_t { MAC_SHA1, MAC_SHA256, MAC_SHA512, mac_count };
@@ -19,7 +19,7 @@ enum mac : size_t { MAC_SHA1, MAC_SHA256, MAC_SHA512, mac_count };
 /// Writes a keyword's line into the side's files. `value` may be null with the delete bit. Returns 0 or -1.
 using side_writer = int (*)(uint32_t event, const char* keyword, const char* value);
 
-/// Formats of debug prints and names of functions in them.
+/// Formats of debug prints, and the function names in them.
 struct algorithm_texts {
     const char* kex_event;
     const char* kex_function;
@@ -46,8 +46,8 @@ struct algorithm_side {
     algorithm_entry* kex;
     algorithm_entry* ciphers;
     line_entry* macs;
-    char* kex_list;     ///< kex_list_size bytes; the key exchanges of the item
-    char* cipher_base;  ///< algorithm_list_size bytes; the ciphers of the item, or its default
+    char* kex_list;     ///< kex_list_size bytes; the configured key exchanges
+    char* cipher_base;  ///< algorithm_list_size bytes; the configured ciphers, or the default
     char* cipher_list;  ///< algorithm_list_size bytes; the base and the enabled legacy ciphers
     char* mac_list;     ///< algorithm_list_size bytes; the MACs that are not disabled
     uint32_t* legacy_cipher_mask;

@@ -15,11 +15,11 @@ namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
-/// A kind of list and what is said of it.
+/// A kind of list and the texts about it.
 struct list_rules {
     algorithm_kind kind;
-    uint32_t name_count;       ///< names that can be configured; as many fit a list
-    const char* dropped_name;  ///< its applier drops it, so it must not be alone
+    uint32_t name_count;       ///< number of configurable names, which is also the most that a list holds
+    const char* dropped_name;  ///< dropped by the applier, so it must not be the only name
     trace_error_point trace_point;
     const char* unpack_tag;
     const char* unpack_text;
@@ -29,7 +29,7 @@ struct list_rules {
     const char* unknown_text;
     const char* repeated_text;
     const char* alone_text;
-    const char* second_question_message;  ///< null: the dropped name may be named in FIPS mode, and nobody asks
+    const char* second_question_message;  ///< null: in FIPS mode the dropped name is not checked
     const char* dropped_in_fips_text;
 };
 
@@ -80,7 +80,7 @@ struct refusal_target {
     uint32_t* accepted;
 };
 
-/// The row of a name that can be configured; null when it has none.
+/// The row of a configurable name, or null.
 const algorithm_row* find_configurable(const list_rules& rules, const char* name) {
     const algorithm_row* row = algorithm_named(rules.kind, name);
     return row != nullptr && row->setting >= 0 ? row : nullptr;
@@ -99,7 +99,7 @@ platform_status refuse(const list_rules& rules, const refusal_target& to, const 
     return refuse_change(to.error_text, to.accepted, EINVAL, rules.trace_point, format, name);
 }
 
-/// Asks for FIPS mode when a name needs it.
+/// Checks FIPS mode if the name is one that it forbids.
 platform_status verify_in_fips_mode(const list_rules& rules, const refusal_target& to, const char* name) {
     const algorithm_row* row = algorithm_named(rules.kind, name);
     if (row == nullptr || row->fips != algorithm_fips::refused) {
@@ -133,7 +133,7 @@ platform_status verify_name(const list_rules& rules, const refusal_target& to, c
     return PLATFORM_OK;
 }
 
-/// What is asked of the name that is going to be dropped.
+/// Checks the name that the applier will drop.
 platform_status verify_dropped_name(const list_rules& rules, const refusal_target& to, const name_tuple& list) {
     int32_t fips_mode = 0;
     if (rules.second_question_message != nullptr) {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
-// A removal writes the defaults, too: without the line the client would record host keys in a file of each user.
+// A removal also writes the defaults: without the line the client would record host keys in a file for each user.
 constexpr setting_row known_hosts_row = {
     .trace_point = appliers_trace_client_known_hosts,
     .entry = &client.parameters[CLIENT_USER_KNOWN_HOSTS_FILE],

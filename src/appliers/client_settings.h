@@ -4,8 +4,8 @@
 
 #include "platform/datastore_backend.h"
 
-/// The file of the known hosts' keys, a text item. With one, unknown hosts are asked about; without one, the client neither
-/// records nor checks host keys. Returns 0, whatever became of the file; its edit reports failures itself.
+/// The file of known host keys, a text item. If it is set, the client asks about unknown hosts; if not, it neither
+/// records nor checks host keys. Returns 0; editing the file reports its own failures.
 platform_status ssh_client_apply_known_hosts(const datastore_change* change,
                                              const datastore_path_components* components);
 

@@ -18,7 +18,7 @@ namespace {
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr char function[] = "sshd_apply_hostkeyalgo";
 
-// The lists stand in their entries.
+// The entries hold the lists.
 constexpr auto& server_hostkey_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS].text;
 constexpr auto& server_hostkey_files = server.algorithms[SERVER_HOST_KEY].text;
 
@@ -34,7 +34,7 @@ bool is_selected(const int32_t* flags, const algorithm_row& row) {
 void compose_lists(const int32_t* flags) {
     server_hostkey_list[0] = '\0';
     server_hostkey_files[0] = '\0';
-    const char* last_file = nullptr;  // algorithms of one key follow each other
+    const char* last_file = nullptr;  // algorithms of one key are adjacent
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind != algorithm_kind::key || !is_selected(flags, row)) {
             continue;

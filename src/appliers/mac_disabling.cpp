@@ -20,12 +20,12 @@ namespace {
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
 struct mac_row {
-    const char* item;  ///< last component of its item's path
+    const char* item;  ///< last component of the item's path
     const char* server_path;
     const char* client_path;
 };
 
-// In the order of the MACs' settings.
+// In the order of the settings of the MACs.
 constexpr mac_row macs[] = {
     {"hmac_sha1", "cmn/disable/hmac/hmac_sha1", "disable/hmac/hmac_sha1"},
     {"hmac_sha256", "cmn/disable/hmac/hmac_sha256", "disable/hmac/hmac_sha256"},
@@ -42,7 +42,7 @@ uint32_t number_of(const datastore_change& change) {
 
 // --- Verifiers ------------------------------------------------------------------------------------------------------
 
-/// Which MAC an item is about; mac_count for a path of none.
+/// The MAC that an item is about; mac_count if the path names none.
 size_t mac_of(const datastore_path_components& components) {
     const char* item = components.count > 0 ? components.component[components.count - 1] : "";
     size_t index = 0;
@@ -52,8 +52,8 @@ size_t mac_of(const datastore_path_components& components) {
     return index;
 }
 
-/// Whether the commit that is being verified leaves the MAC disabled: while it is, the datastore reads as the commit would
-/// have it.
+/// Whether the commit under verification leaves the MAC disabled. During verification, reads from the datastore return
+/// what the commit would store.
 bool is_to_be_disabled(const algorithm_side& side, size_t mac) {
     const bool is_server = &side == &server_side;
     datastore_binding* binding = is_server ? agent.server_binding : agent.client_binding;
@@ -64,7 +64,7 @@ bool is_to_be_disabled(const algorithm_side& side, size_t mac) {
            size == sizeof value && value != 0;
 }
 
-/// Whether nothing would be left.
+/// Whether no MAC would be left.
 bool is_the_last(const algorithm_side& side, const datastore_change& change, size_t item) {
     uint32_t disabled = 0;
     uint32_t to_be_disabled = 0;

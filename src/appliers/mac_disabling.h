@@ -4,14 +4,14 @@
 
 #include "platform/datastore_backend.h"
 
-/// Refuse (EINVAL) to disable the last MAC: when the other two are disabled already, whatever the value, and when one
-/// commit asks for all three.
+/// Refuse (EINVAL) to disable the last MAC: if the other two are already disabled, whatever the value, and if one
+/// commit disables all three.
 platform_status server_mac_disable_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
                                             const datastore_path_components* components);
 platform_status client_mac_disable_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
                                             const datastore_path_components* components);
 
-/// Write the MACs that are left, in the default's order. Return 0.
+/// Write the remaining MACs in the order of the default. Return 0.
 platform_status sshd_apply_disable_hmac_sha1(const datastore_change* change,
                                              const datastore_path_components* components);
 platform_status sshd_apply_disable_hmac_sha256(const datastore_change* change,

@@ -7,7 +7,7 @@ namespace {
 
 constexpr size_t conversion_size = 2;
 
-// A format for fewer fields is the end of the one for the most.
+// The format for fewer fields is the tail of this one.
 constexpr char name_format[] = "%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s%s";
 constexpr char flag_format[] = "%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d";
 constexpr uint32_t most_fields = TUPLE_FIELDS_MAX;

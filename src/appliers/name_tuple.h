@@ -12,17 +12,16 @@ inline constexpr uint32_t kex_name_count = algorithm_settings(algorithm_kind::ke
 inline constexpr uint32_t cipher_name_count = algorithm_settings(algorithm_kind::cipher);
 inline constexpr uint32_t host_key_flag_count = algorithm_settings(algorithm_kind::key);
 
-/// The names of a list in their order. They point into the packed value; a missing one before the last is empty.
+/// The names of a list in order. They point into the packed value; a missing name before the last one is empty.
 struct name_tuple {
     const char* names[TUPLE_FIELDS_MAX];
     uint32_t count;
 };
 
-/// Unpacks the value of a list of at most `most` names (kex_name_count or cipher_name_count). A failure has been logged
-/// with `tag`.
+/// Unpacks a list of at most `most` names (kex_name_count or cipher_name_count). Failures are logged with `tag`.
 platform_status unpack_names(const datastore_change& change, uint32_t most, const char* tag, name_tuple* names);
 
-/// Unpacks `count` flags; an absent one is 0. A failure has been logged with `tag`.
+/// Unpacks `count` flags; an absent one is 0. Failures are logged with `tag`.
 platform_status unpack_flags(const datastore_change& change, uint32_t count, const char* tag, int32_t* flags);
 
 #endif

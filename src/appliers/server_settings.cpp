@@ -26,7 +26,7 @@ bool server_debug_level_is_on() {
            debug_flag_is_on(debug_server_l3) != 0;
 }
 
-/// Tells the operator why the item is refused.
+/// Reports to the operator why the item is refused.
 platform_status refuse_port_forwarding(const char* text, trace_error_point point, uint32_t number) {
     log_error(text);
     trace_error(point, {number});
@@ -43,7 +43,7 @@ platform_status sshd_apply_logging(const datastore_change* change, const datasto
     }
     server_logging_configured = configured ? 1 : 0;
     if (server_debug_level_is_on()) {
-        // LogLevel is the debug level's as long as it is on; switching it off looks at the flag above.
+        // While a debug level is on, it determines LogLevel; switching it off consults the flag above.
         trace_event(logging_row.trace_point, {change->event, logging_row.entry->current});
         return PLATFORM_OK;
     }

@@ -11,7 +11,7 @@ namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
-/// Time and volume after which a session's keys are made anew.
+/// Time and volume after which a session renews its keys.
 struct rekey_limit {
     int megabytes = 1024;
     int minutes = 60;

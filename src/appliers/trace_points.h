@@ -46,7 +46,7 @@
 
 APPLIERS_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)
 
-// The single-valued settings have theirs in their rows, with codes of the same range.
+// The trace points of the single-valued settings are in their rows, with codes of the same range.
 #define SETTING(path, verifier, applier, code, name, ...) DEFINE_TRACE_EVENT(code, appliers, name)
 #include "appliers/items.def"
 

@@ -34,13 +34,13 @@ platform_status warn(const char* format, uint32_t event) {
     return 1;
 }
 
-/// Writes what the entry holds. A removal takes the line away only when nothing is left to stand in it.
+/// Writes the entry's value. A removal deletes the line only if no value is left.
 void write_entry(const line_entry& entry, uint32_t event) {
     const bool still_set = (event & DATASTORE_EVENT_DELETE) != 0 && entry.current != nullptr;
     update_config_files_restart(still_set ? event_set_value : event, entry.keyword, entry.current, entry.allvrf);
 }
 
-/// The slot that holds the name, or user_trustpoint_count.
+/// The slot that holds the name, or user_trustpoint_count if there is none.
 uint32_t slot_of(const char* name) {
     uint32_t slot = 0;
     while (slot < user_trustpoint_count && std::strcmp(user_trustpoints[slot], name) != 0) {
@@ -49,14 +49,14 @@ uint32_t slot_of(const char* name) {
     return slot;
 }
 
-/// The item's name as the slots hold it, cut at their end. False when there is none.
+/// The item's name as the slots store it, cut to their size. Returns false if there is none.
 bool read_name(const datastore_path_components* components, char (&name)[trustpoint_size]) {
     const char* last = components->count > 0 ? components->component[components->count - 1] : nullptr;
     copy_text(name, sizeof name, last);
     return name[0] != '\0';
 }
 
-/// The last name takes the place of the removed one, so the others keep theirs.
+/// Moves the last name into the slot of the removed one, so that the others keep theirs.
 void remove_name(const char* name) {
     debug_print("user tp in apply delete %s", name);
     const uint32_t slot = slot_of(name);
@@ -79,7 +79,7 @@ void add_name(const char* name) {
         return;
     }
     if (slot == user_trustpoint_max) {
-        // One commit can bring more names than the verifier saw room for.
+        // One commit can add more names than the verifier, which sees each alone, allowed for.
         trace_error(appliers_trace_trustpoint_dropped, {name});
         return;
     }
@@ -88,7 +88,7 @@ void add_name(const char* name) {
     user_trustpoint_count++;
 }
 
-/// Writes the lines as they are after the change; they go with the last name.
+/// Writes the lines as they are after the change; removing the last name removes them.
 void write_user_trustpoints(const char* function, uint32_t event) {
     setting_entry& count = server.parameters[SERVER_USER_TRUSTPOINT_COUNT];
     setting_entry& list = server.parameters[SERVER_USER_TRUSTPOINT];

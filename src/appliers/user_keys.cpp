@@ -25,7 +25,7 @@ work_buffer allocate_work_buffer() {
     return work_buffer(new (std::nothrow) uint8_t[KEY_STORE_DER_MAX]);
 }
 
-/// The user of an item, null when the path has none.
+/// The user of an item; null if the path names none.
 const char* user_of(const datastore_path_components* components) {
     const char* name = components->count > user_name_component ? components->component[user_name_component] : nullptr;
     return name != nullptr && name[0] != '\0' ? name : nullptr;
@@ -152,7 +152,7 @@ platform_status user_key_verifier(const datastore_change* change, char** error_t
     key_store_key held = {};
     const platform_status status = key_store_get_user_key(user_name, KEY_STORE_USER_PUBLIC_KEY, &held);
     if (status != PLATFORM_OK) {
-        // Whose key it is cannot be told, and one from the exec mode must not be touched.
+        // Without the key's origin nothing may change: a key added from the exec mode must not be touched.
         return verdict.refuse(status, "The user's key cannot be looked up");
     }
     if ((change->event & DATASTORE_EVENT_DELETE) == 0) {

@@ -1,6 +1,6 @@
-/// Lists of algorithms that are in force by default, outside and in FIPS mode.
+/// Lists of algorithms that apply by default, outside and in FIPS mode.
 ///
-/// The compiler composes them from the platform's list of algorithms; each stands whole in the program.
+/// The compiler composes them from the platform's list of algorithms; each is one whole string in the program.
 #ifndef CONFIG_FILES_ALGORITHM_NAMES_H
 #define CONFIG_FILES_ALGORITHM_NAMES_H
 
@@ -9,7 +9,7 @@
 
 #include "platform/algorithms.h"
 
-/// A comma-separated list. One that does not fit does not compile.
+/// A comma-separated list. A list that is too long does not compile.
 struct composed_list {
     char text[256];
     size_t length;
@@ -24,7 +24,7 @@ struct composed_list {
         append_text(length > 0 ? "," : "");
         append_text(name);
     }
-    /// Names a file once that consecutive algorithms share.
+    /// Appends a file that consecutive algorithms share only once.
     constexpr void append_key_file(const algorithm_row& row) {
         if (row.key_file != nullptr && !std::string_view(text, length).ends_with(row.key_file)) {
             append(row.key_file);
@@ -52,7 +52,7 @@ consteval composed_list ranked_key_files(algorithm_column rank) {
     return list;
 }
 
-/// The names of a kind that FIPS mode treats in one way, in the order of the rows, and a text behind them.
+/// The names of a kind that FIPS mode treats alike, in the order of the rows, followed by a text.
 consteval composed_list fips_names(algorithm_kind kind, algorithm_fips fips, std::string_view ending) {
     composed_list list = {};
     for (const algorithm_row& row : algorithm_rows) {
@@ -116,10 +116,10 @@ inline constexpr const char* fips_kex_list = compose::offered_in_fips<algorithm_
 inline constexpr const char* fips_host_key_algorithms = compose::offered_in_fips<algorithm_kind::key>.text;
 inline constexpr const char* fips_host_keys = compose::key_files_in_fips.text;
 
-/// What the enabling of legacy AES ciphers appends; no new algorithm joins them.
+/// What enabling the legacy AES ciphers appends; no new algorithm is added here.
 inline constexpr char legacy_aes_ciphers[] = "aes128-cbc,aes192-cbc,aes256-cbc";
 
-/// Signatures of users' keys and certificates, which sshd counts apart from host keys.
+/// Signature algorithms of users' keys and certificates, which sshd lists separately from host keys.
 inline constexpr char default_accepted_algorithms[] =
     "x509v3-ssh-rsa,x509v3-ecdsa-sha2-nistp256,x509v3-ecdsa-sha2-nistp384,x509v3-ecdsa-sha2-nistp521,x509v3-ssh-dss,ssh-rsa";
 

@@ -28,7 +28,7 @@ int edit_one_line(const char* file, const char* keyword, int add, char* new_line
     return update_string_in_file(file, keyword, add, new_line, change);
 }
 
-/// One keyword that is written into one file after another.
+/// One keyword that is written into several files in turn.
 struct config_update {
     line_editor editor;
     uint32_t event;
@@ -45,8 +45,8 @@ const char* shown(const char* text) {
     return text != nullptr ? text : "NULL";
 }
 
-/// Makes "keyword value". The result is null when there is no value to write or none is needed: of the keywords that are
-/// deleted only a "Port" has to say which line is meant.
+/// Formats "keyword value". Returns null if there is no value to write or none is needed: of the keywords that are
+/// deleted, only "Port" has to say which line is meant.
 char* make_new_line(const config_update& update, char (&buffer)[new_line_size]) {
     if (update.value == nullptr || (deletes(update.event) && std::strcmp(update.keyword, "Port") != 0)) {
         return nullptr;
@@ -87,7 +87,7 @@ void restart_server(const char* vrf_name, uint32_t start) {
     }
 }
 
-/// Nobody wants a server in this VRF any more.
+/// No configuration item refers to this VRF any more.
 void remove_unreferenced_node(vrf_node* node) {
     delete_vrf_config_file(node->name);
     restart_server(node->name, 0);
@@ -103,7 +103,7 @@ bool namespace_exists(const char* vrf_name) {
     return stat(path, &status) == 0;
 }
 
-/// Walks the VRFs and restarts the servers whose files have changed.
+/// Edits the file of each VRF and restarts the servers whose files changed.
 int edit_vrf_files(const config_update& update) {
     uint32_t change = 0;
     vrf_node* next = nullptr;
@@ -117,7 +117,7 @@ int edit_vrf_files(const config_update& update) {
             return -1;
         }
         if (change == 0) {
-            // The files of all VRFs agree on the common keywords, so the first one tells for all.
+            // The files of all VRFs agree on the common keywords, so the first one speaks for all.
             return 0;
         }
         if (namespace_exists(node->name)) {
@@ -157,7 +157,7 @@ void update_client_config_file(uint32_t event, const char* keyword, const char* 
         create_file_in_dir(paths::configuration_directory, paths::client_file) != 0) {
         return;
     }
-    // No server is to be restarted: clients read the file when they start.
+    // No server needs a restart: clients read the file when they start.
     uint32_t change = 0;
     char buffer[new_line_size];
     char* new_line = nullptr;

@@ -1,4 +1,4 @@
-/// Writers: a keyword's line in the default server file, in every VRF's file, and in the client's file.
+/// Writers of a keyword's line in the default server file, in every VRF's file, and in the client's file.
 #ifndef CONFIG_FILES_CONFIG_WRITER_H
 #define CONFIG_FILES_CONFIG_WRITER_H
 
@@ -8,14 +8,14 @@
 inline constexpr uint32_t event_set_value = 3;
 inline constexpr uint32_t event_delete_value = 4;
 
-/// Writes the keyword into the default file and, with `allvrf`, into every VRF's file, whose servers are then restarted.
-/// `value` may be null when deleting. Returns 0, or -1 with errno.
+/// Writes the keyword into the default file and, with `allvrf`, into every VRF's file, and restarts the servers of
+/// those VRFs. `value` may be null when deleting. Returns 0, or -1 with errno.
 int update_config_files_restart(uint32_t event, const char* keyword, const char* value, uint32_t allvrf);
 
-/// The same for a keyword with one line for each value of a comma-separated list ("HostKey ").
+/// The same for a keyword that has one line per value of a comma-separated list ("HostKey ").
 int update_config_files_multiple_restart(uint32_t event, const char* keyword, const char* value, uint32_t allvrf);
 
-/// Writes the keyword into the client's file, which is made when it is missing. Failures are only reported.
+/// Writes the keyword into the client's file, which is created if it is missing. Failures are only reported.
 void update_client_config_file(uint32_t event, const char* keyword, const char* value);
 
 /// Changes one line of one VRF's file; `new_line` as for update_string_in_file. Returns 0, or -1 with errno.

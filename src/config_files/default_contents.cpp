@@ -17,7 +17,7 @@
 
 namespace {
 
-/// A missing file is made empty, and so is one of an earlier run; after a failure the servers keep theirs.
+/// Creates the file empty if it is missing or left from an earlier run; after a failure the servers keep theirs.
 int prepare_default_file(const char* path) {
     if (file_exists(path) == 1) {
         if (agent.respawn_count >= respawn_after_failure) {
@@ -69,7 +69,7 @@ constexpr size_t lines_at_start(const initial_line (&rows)[Size]) {
     return std::ranges::count_if(rows, [](const initial_line& row) { return row.rank != NOT_AT_START; });
 }
 
-/// The lines of a start by their ranks. A rank beyond their number is an error of the compilation.
+/// The initial lines in the order of their ranks. A rank greater than their number does not compile.
 template <size_t Count, size_t Size>
 constexpr std::array<initial_line, Count> by_rank(const initial_line (&rows)[Size]) {
     std::array<initial_line, Count> lines{};
@@ -106,7 +106,7 @@ int prepare_default_files() {
 
 void write_initial_lines() {
     write_lines(server_lines);
-    // The client starts with the server's limit; its own entry counts from its first change on.
+    // The client starts with the server's limit; its own entry takes effect from its first change.
     const line_entry& rekey_limit = server.parameters[SERVER_REKEY_LIMIT];
     update_client_config_file(event_set_value, rekey_limit.keyword, rekey_limit.current);
     write_lines(client_lines);

@@ -14,8 +14,8 @@
 #include "core/paths.h"
 #include "core/text.h"
 
-// A lost file is made again under the temporary name and renamed when it is whole, so that nobody ever reads half of it
-// and a failure leaves it missing, for the next edit to try again.
+// A lost file is recreated under the temporary name and renamed once it is complete. Nobody ever reads half a file, and
+// after a failure the file is still missing, so that the next edit tries again.
 
 namespace {
 
@@ -29,7 +29,7 @@ void write_entry(FILE* file, const char* keyword, const char* value) {
     }
 }
 
-/// Closes the temporary file and gives it its name. Returns 0, or -1 with errno and no file left behind.
+/// Closes the temporary file and renames it. Returns 0, or -1 with errno and the temporary file removed.
 int put_in_place(FILE* file, const char* path) {
     const bool written = std::ferror(file) == 0 && std::fflush(file) == 0;
     const int write_error = errno;
@@ -56,7 +56,7 @@ void write_server_table(FILE* file) {
     }
 }
 
-/// Whether the datastore holds an item that wants an SSH server in the VRF.
+/// Whether the datastore holds an item that requests an SSH server in the VRF.
 bool ssh_server_configured(const char* vrf_name) {
     char item[PATH_MAX];
     format_text(item, sizeof item, "sshd/vrf/%s", vrf_name);
@@ -67,7 +67,7 @@ bool ssh_server_configured(const char* vrf_name) {
            datastore_item_get(agent.server_binding, "sshd/v2", nullptr, 0, nullptr) == PLATFORM_OK;
 }
 
-/// Writes the lines that stand in this VRF's file alone.
+/// Writes the lines that only this VRF's file has.
 void write_vrf_lines(FILE* file, const char* vrf_name) {
     const vrf_node* node = find_vrf_node(vrf_name);
     if (node == nullptr) {

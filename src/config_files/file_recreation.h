@@ -1,11 +1,11 @@
-/// How a lost file is made again.
+/// How a lost file is recreated.
 #ifndef CONFIG_FILES_FILE_RECREATION_H
 #define CONFIG_FILES_FILE_RECREATION_H
 
-/// Builds the default server file anew from the parameter table. Returns 0 or -1.
+/// Rebuilds the default server file from the parameter table. Returns 0 or -1.
 int default_config_file_recreate();
 
-/// Builds a VRF's file anew from the default file, the VRF's own lines and its ports. Returns 0 or -1.
+/// Rebuilds a VRF's file from the default file, the VRF's own lines and its ports. Returns 0 or -1.
 int vrf_config_file_recreate(const char* vrf_name);
 
 #endif

@@ -4,18 +4,18 @@
 
 #include <cstddef>
 
-/// 1 when the file can be opened for reading, 0 when not, -1 for an absent path.
+/// Returns 1 if the file can be opened for reading, 0 if not, -1 if the path is null.
 int file_exists(const char* path);
 
-/// Makes the directory (mode 0755, an existing one is fine) and the file in it, which is emptied. `file` is a whole path.
-/// Returns 0, or -1 with errno.
+/// Creates the directory (mode 0755; it may exist already) and an empty file in it. `file` is the whole path. Returns
+/// 0, or -1 with errno.
 int create_file_in_dir(const char* directory, const char* file);
 
-/// Copies through the shell, so both paths must be free of characters that mean something to it. Returns 0 or -1; errno
-/// then tells nothing, because the shell has had the failure.
+/// Copies through the shell, so neither path may contain characters that are special to it. Returns 0 or -1; errno is
+/// then meaningless, because the failure happened in the shell.
 int copy_file(const char* source, const char* destination);
 
-/// The path of a VRF's server file. A path that does not fit `size` bytes is cut.
+/// The path of a VRF's server file, cut if it does not fit into `size` bytes.
 void vrf_config_file_path(const char* vrf_name, char* path, size_t size);
 
 #endif

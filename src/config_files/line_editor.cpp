@@ -13,10 +13,10 @@
 #include "core/paths.h"
 #include "platform/status.h"
 
-// The new content goes to the temporary file, which takes the edited file's place in one rename: whoever opens the file,
-// and whatever kills this process, finds the old content or the new. Nothing is synchronised to the disk on the way.
-// After a power cut no server runs, and every file is made again from the datastore, whose commits are durable, before
-// the first one starts; 256 waits for the disk would only hold up each change of a setting.
+// The new content goes to a temporary file, which replaces the edited file in one rename. Whoever opens the file, even
+// after this process was killed, finds the old content or the new. Nothing is synchronised to the disk: no server
+// survives a power cut, and before the first one starts again, every file is rebuilt from the datastore, whose commits
+// are durable. Waiting for the disk 256 times would only delay each change of a setting.
 
 namespace {
 
@@ -27,7 +27,7 @@ struct file_closer {
 };
 using file_handle = std::unique_ptr<FILE, file_closer>;
 
-/// What an editor was asked for, under the name that its debug lines carry.
+/// The arguments of an edit, and the name of the editor for its debug lines.
 struct edit_request {
     const char* tag;
     const char* file;
@@ -41,8 +41,8 @@ struct edit_request {
 struct edit_pass {
     file_handle source;
     file_handle output;
-    char* content = nullptr;  ///< the whole edited file and a byte to spare
-    char* kept = nullptr;     ///< from here on nothing is written yet
+    char* content = nullptr;  ///< the whole edited file and one spare byte
+    char* kept = nullptr;     ///< start of what is not written yet
     char* end = nullptr;
     bool open_end = false;  ///< the last line written has no newline
     bool changed = false;
@@ -50,14 +50,14 @@ struct edit_pass {
     ~edit_pass() { std::free(content); }
 };
 
-/// A line of the content in hand.
+/// A line of the content.
 struct text_line {
     char* start;
-    char* text_end;  ///< where its newline is, if it has one
-    char* end;       ///< where the next line starts
+    char* text_end;  ///< its newline, or the end of a line without one
+    char* end;       ///< start of the next line
 };
 
-/// -1 with errno EINVAL, after the caller has said what is wrong.
+/// Returns -1 with errno EINVAL. The caller has already reported the reason.
 int refuse(const edit_request& request) {
     trace_error(config_files_trace_argument, {request.tag, request.file, request.keyword});
     errno = EINVAL;
@@ -82,7 +82,7 @@ int check_request(const edit_request& request) {
                     request.keyword);
         return refuse(request);
     }
-    // A line break in a value would let it set keywords of its own.
+    // A line break in a value would let the value add keywords of its own.
     if (request.new_line != nullptr && std::strchr(request.new_line, '\n') != nullptr) {
         debug_print("%s, File:=%s, StrToFind:=%s, newStr must not contain a line break", request.tag, request.file,
                     request.keyword);
@@ -91,8 +91,8 @@ int check_request(const edit_request& request) {
     return 0;
 }
 
-// A change of one setting goes through the file of every VRF, and the C library would ask the kernel about each file only
-// to choose a buffer. Edits never overlap, so this one serves them all.
+// A change of one setting edits the file of every VRF, and the C library would query the kernel about each file just to
+// choose a buffer size. Edits never overlap, so they can share this buffer.
 char output_buffer[16384];
 
 /// Opens both files. Returns 0, or -1 with errno.
@@ -163,7 +163,7 @@ bool line_equals(const text_line& line, const char* text) {
     return static_cast<size_t>(line.text_end - line.start) == std::strlen(text) && line_begins_with(line, text);
 }
 
-/// Writes what is kept up to `end` as it was read.
+/// Copies what is not written yet, up to `end`, unchanged.
 void copy_until(edit_pass& pass, const char* end) {
     if (end != pass.kept) {
         std::fwrite(pass.kept, 1, static_cast<size_t>(end - pass.kept), pass.output.get());
@@ -171,13 +171,13 @@ void copy_until(edit_pass& pass, const char* end) {
     }
 }
 
-/// Writes what stands before the line and leaves the line itself out.
+/// Copies everything before the line and skips the line itself.
 void drop_line(edit_pass& pass, const text_line& line) {
     copy_until(pass, line.start);
     pass.kept = line.end;
 }
 
-/// Writes "first second" and a newline; `second` may be null. A last line without a newline is ended before.
+/// Writes "first second" and a newline; `second` may be null. First ends a previous line that lacks its newline.
 void write_line(edit_pass& pass, const char* first, const char* second) {
     FILE* output = pass.output.get();
     if (pass.open_end) {
@@ -192,7 +192,7 @@ void write_line(edit_pass& pass, const char* first, const char* second) {
     std::fputc('\n', output);
 }
 
-/// Whoever could read the edited file can read the new one, and nobody but the owner writes it.
+/// Whoever could read the edited file can read the new one; only the owner can write it.
 int take_over_mode(const edit_pass& pass) {
     const int output = fileno(pass.output.get());
     struct stat old_file;
@@ -204,7 +204,7 @@ int take_over_mode(const edit_pass& pass) {
     return (new_file.st_mode & 07777) == mode ? 0 : fchmod(output, mode);
 }
 
-/// Everything that was written has reached the file. A full disk shows here at the latest.
+/// Checks that everything written has reached the file. A full disk shows up here at the latest.
 int close_output(edit_pass& pass) {
     FILE* output = pass.output.get();
     if (std::ferror(output) != 0 || std::fflush(output) != 0 || take_over_mode(pass) != 0) {
@@ -213,7 +213,7 @@ int close_output(edit_pass& pass) {
     return std::fclose(pass.output.release()) == 0 ? 0 : -1;
 }
 
-/// The pass has failed before the rename: what it has written takes up no room on a disk that may be full.
+/// The pass failed before the rename: removes the temporary file, because the disk may be full.
 int give_up(const edit_request& request) {
     const int error = errno;
     debug_print("%s, File-name:=%s, File-mode:=%s, Error:=%s(0x%x), File write failed", request.tag,
@@ -224,7 +224,7 @@ int give_up(const edit_request& request) {
     return -1;
 }
 
-/// Puts the temporary file in the edited file's place.
+/// Renames the temporary file to the edited file.
 int replace_file(const edit_request& request) {
     if (std::rename(paths::temporary_file, request.file) != 0) {
         const int error = errno;
@@ -252,13 +252,13 @@ int finish(const edit_request& request, edit_pass& pass, uint32_t* change) {
     return 0;
 }
 
-/// Deals with a line of the keyword in add mode. True when the search is over.
+/// Handles a line of the keyword in add mode. Returns true if the search is over.
 bool add_at_line(const edit_request& request, edit_pass& pass, const text_line& line) {
     if (line_equals(line, request.new_line)) {
         return true;
     }
     if (std::strcmp(request.keyword, port_keyword) == 0) {
-        // A server listens on several ports, one line for each.
+        // A server may listen on several ports, one line each.
         return false;
     }
     drop_line(pass, line);
@@ -269,7 +269,7 @@ bool add_at_line(const edit_request& request, edit_pass& pass, const text_line& 
     return true;
 }
 
-/// Deals with a line of the keyword in delete mode. True when the search is over.
+/// Handles a line of the keyword in delete mode. Returns true if the search is over.
 bool delete_line(const edit_request& request, edit_pass& pass, const text_line& line) {
     const bool one_port = std::strcmp(request.keyword, port_keyword) == 0;
     if (one_port && (request.new_line == nullptr || !line_begins_with(line, request.new_line))) {
@@ -280,7 +280,7 @@ bool delete_line(const edit_request& request, edit_pass& pass, const text_line& 
     return true;
 }
 
-/// Copies the file and changes the keyword's first line on the way.
+/// Copies the file, changing the first line of the keyword.
 void edit_first_line(const edit_request& request, edit_pass& pass) {
     bool matched = false;
     text_line line;
@@ -296,9 +296,9 @@ void edit_first_line(const edit_request& request, edit_pass& pass) {
     }
 }
 
-/// Compares the values of a keyword's lines with a wanted list, piece by piece as they are read.
+/// Compares the values of a keyword's lines with the wanted list, one by one as they are read.
 struct list_comparison {
-    const char* rest;  ///< what is still to come; null after a difference
+    const char* rest;  ///< values not seen yet; null after a difference
 
     void take(const char* text, size_t length) {
         if (rest != nullptr) {
@@ -308,7 +308,7 @@ struct list_comparison {
     bool equal() const { return rest != nullptr && *rest == '\0'; }
 };
 
-/// The second of the blank-separated words of a line; empty when it has none.
+/// The second blank-separated word of a line; empty if there is none.
 const char* second_word(const text_line& line, size_t* length) {
     constexpr char blanks[] = " \t\r\v\f";
     *line.text_end = '\0';
@@ -319,7 +319,7 @@ const char* second_word(const text_line& line, size_t* length) {
     return word;
 }
 
-/// Copies the file without the keyword's lines. Returns how many there were; their values have gone to the comparison.
+/// Copies the file without the keyword's lines, comparing their values. Returns the number of lines dropped.
 size_t drop_lines(const edit_request& request, edit_pass& pass, list_comparison& comparison) {
     size_t dropped = 0;
     text_line line;
@@ -338,8 +338,8 @@ size_t drop_lines(const edit_request& request, edit_pass& pass, list_comparison&
     return dropped;
 }
 
-/// Writes one line for each value of "keyword value,value". The text is cut at its first blank, so a keyword that ends
-/// in one leaves the second blank to the first value.
+/// Writes one line per value of "keyword value,value". The text is split at its first blank, so if the keyword ends in
+/// a blank, the second blank goes to the first value.
 void write_values(const edit_request& request, edit_pass& pass, char* new_line) {
     char* values = std::strchr(new_line, ' ');
     if (values == nullptr) {

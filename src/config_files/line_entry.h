@@ -11,32 +11,32 @@ inline constexpr size_t fips_algorithm_text_size = 255;  ///< 254 characters and
 
 struct line_entry {
     const char* default_text;  ///< restored when the item is deleted
-    const char* current;       ///< in force; null or empty: the keyword is not written
+    const char* current;       ///< in force; if null or empty, the keyword is not written
     const char* keyword;
-    uint32_t allvrf;  ///< handed to update_config_files_restart; unused for the client
+    uint32_t allvrf;  ///< passed to update_config_files_restart; unused for the client
 };
 
-/// Makes the text of a file's line of the current text: writes it into `buffer` (`size` bytes), cut at its end.
+/// Formats the rest of a file's line from the current text into `buffer` (`size` bytes), cut at its end.
 using line_text_maker = void (*)(const char* text, char* buffer, size_t size);
 
-/// The line has the current text itself.
+/// The line holds the current text itself.
 inline constexpr line_text_maker AS_IT_STANDS = nullptr;
 
-/// An entry of a parameter table. A current text that is made at run time stands in the entry itself.
+/// An entry of a parameter table. A current text that is formatted at run time is kept in the entry itself.
 struct setting_entry : line_entry {
     line_text_maker line_text;
     char text[setting_text_size];  ///< the default until a value takes its place
 };
 
-/// A list of algorithms; the second text is the one narrowed in FIPS mode.
+/// A list of algorithms; the second text is the list as filtered in FIPS mode.
 struct algorithm_entry {
     const char* default_text;
     const char* current;
     const char* second_current;
     const char* keyword;
     uint32_t allvrf;
-    char text[algorithm_text_size];            ///< what `current` points at unless it is a static text
-    char fips_text[fips_algorithm_text_size];  ///< what `second_current` points at when a list was narrowed
+    char text[algorithm_text_size];            ///< what `current` points at unless that is a static text
+    char fips_text[fips_algorithm_text_size];  ///< what `second_current` points at if the list was filtered
 };
 
 #endif

@@ -13,7 +13,7 @@ namespace {
 
 enum initial_state : bool { UNSET, IN_FORCE };
 
-/// A default that does not fit is an error of the compilation.
+/// A default that is too long does not compile.
 template <size_t Size>
 constexpr void put_text(char (&buffer)[Size], std::string_view text) {
     text.copy(buffer, text.size());
@@ -83,7 +83,7 @@ constexpr client_configuration make_client_defaults() {
 constexpr server_configuration server_defaults = make_server_defaults();
 constexpr client_configuration client_defaults = make_client_defaults();
 
-// Every place of the tables is taken, and the markers enclose the server's rows.
+// Every index of the tables has a row, and the markers enclose the rows of the server.
 static_assert(server_defaults.parameters[SERVER_START_MARKER].keyword == std::string_view("startconfig"));
 static_assert(server_defaults.parameters[SERVER_END_MARKER].keyword == std::string_view("endconfig"));
 static_assert(server_defaults.algorithms[SERVER_ALGORITHM_START_MARKER].keyword == std::string_view("startalgoconfig"));

@@ -1,6 +1,6 @@
 /// The server and client parameter tables: every keyword that the agent writes, its default and its current value.
 ///
-/// Their rows are those of config_files/keywords.def.
+/// The rows come from config_files/keywords.def.
 #ifndef CONFIG_FILES_PARAMETER_TABLE_H
 #define CONFIG_FILES_PARAMETER_TABLE_H
 
@@ -47,7 +47,7 @@ struct server_configuration {
     setting_entry parameters[server_parameter_count];
     algorithm_entry algorithms[server_algorithm_count];
     char cipher_base[algorithm_list_size];  ///< the ciphers without the legacy ones
-    vrf_node* nodes;                        ///< head of the list of VRFs, the newest first
+    vrf_node* nodes;                        ///< head of the list of VRFs, newest first
 };
 
 struct client_configuration {
@@ -59,15 +59,14 @@ struct client_configuration {
 extern server_configuration server;
 extern client_configuration client;
 
-/// Fills both tables with their defaults, and every entry's own text and the ciphers' bases likewise. The list of VRFs is
-/// left alone.
+/// Fills both tables, each entry's own text and the cipher bases with the defaults. Leaves the list of VRFs unchanged.
 void fill_parameter_tables();
 
-/// Makes the IPQoS value of a DSCP text: the text is read as hexadecimal and moved into the upper six bits of the type of
-/// service (RFC 2474), "0x10" becomes "0x40".
+/// Converts a DSCP text into an IPQoS value: reads the text as hexadecimal and shifts it into the upper six bits of the
+/// type of service (RFC 2474). "0x10" becomes "0x40".
 void ip_qos_text(const char* dscp, char* buffer, size_t size);
 
-/// The text of a value's line: the value itself, which may be null, or what its maker puts into the buffer.
+/// The text of a value's line: the value itself, which may be null, or what `make` formats into the buffer.
 const char* text_of_line(line_text_maker make, const char* value, char (&buffer)[setting_text_size]);
 
 /// The setting in force: the current text, or the default.

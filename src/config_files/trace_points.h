@@ -1,4 +1,4 @@
-/// Trace points: the servers' and the client's files.
+/// Trace points: configuration files of servers and client.
 #ifndef CONFIG_FILES_TRACE_POINTS_H
 #define CONFIG_FILES_TRACE_POINTS_H
 

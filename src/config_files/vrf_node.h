@@ -12,15 +12,15 @@ struct acl_handle;
 inline constexpr size_t vrf_name_size = 33;  ///< at most 32 characters and NUL
 inline constexpr size_t acl_name_size = 65;  ///< at most 64 characters and NUL
 
-/// Lines that stand in this VRF's file alone.
+/// Lines that only this VRF's file has.
 enum vrf_line : size_t { VRF_START_MARKER, VRF_NETCONF_SUBSYSTEM, VRF_END_MARKER, vrf_line_count };
 
 struct vrf_node {
     char name[vrf_name_size];  ///< without the "vrf-" prefix; "default" for the default VRF
-    int32_t reference_count;   ///< configuration items that want a server in this VRF
+    int32_t reference_count;   ///< number of configuration items that request a server in this VRF
     line_entry lines[vrf_line_count];
     uint32_t nft_initialised;        ///< 1 once the packet filter's state exists for this VRF
-    char ssh_v4_acl[acl_name_size];  ///< empty when none, as the three below
+    char ssh_v4_acl[acl_name_size];  ///< empty if there is none, like the three below
     char ssh_v6_acl[acl_name_size];
     char netconf_v4_acl[acl_name_size];
     char netconf_v6_acl[acl_name_size];

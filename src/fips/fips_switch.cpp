@@ -20,12 +20,13 @@ namespace {
 
 constexpr uint32_t every_event = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
 
-/// Stays bound for the registrations' sake.
+/// Kept bound because the registrations need it.
 datastore_binding* crypto_binding;
 
 // --- Files ----------------------------------------------------------------------------------------------------------
 
-/// Reports a failed write: the debug format takes the error's text, its number and the function, the log message the error.
+/// Reports a failed write. The debug format takes the error's text, its number and the function; the log message has
+/// the error.
 int report_failed_write(const char* debug_format, const char* function, const char* log_message) {
     const int error = errno;
     debug_print(debug_format, platform_status_text(error), error, function);
@@ -80,16 +81,16 @@ int unmark_servers(const char* host_key_list) {
 
 // --- Lists of both sides --------------------------------------------------------------------------------------------
 
-/// One kind of list, of the server and of the client.
+/// One kind of list, for server and client.
 struct list_pair {
     algorithm_entry* server_entry;
     algorithm_entry* client_entry;
     list_filter_function filter;
     const char* no_memory_text;
     const char* no_list_text;
-    const char* failed_text;  ///< writing the filtered list
+    const char* failed_text;  ///< failure to write the filtered list
     const char* failed_message;
-    const char* restore_failed_text;  ///< writing the whole list
+    const char* restore_failed_text;  ///< failure to write the whole list
     const char* restore_failed_message;
 };
 
@@ -118,7 +119,7 @@ const list_pair list_pairs[] = {
     },
 };
 
-/// Start and run time differ in what they say, and in the event that writes the lists when FIPS mode is off.
+/// Start-up and run time differ in their texts, and in the event that writes the lists if FIPS mode is off.
 struct occasion {
     const char* function;
     const char* on_text;
@@ -150,7 +151,7 @@ int write_server_list(uint32_t event, const algorithm_entry& entry, const char* 
     return update_config_files_restart(event, entry.keyword, list, entry.allvrf);
 }
 
-/// Filters the list in force into the entry's second text. Returns it, or null when there is no list.
+/// Filters the list in force into the entry's second text. Returns it, or null if there is no list.
 const char* narrow(const list_pair& pair, algorithm_entry& entry, modified_list& work, const occasion& when) {
     if (pair.filter(entry.current, work.text) != 0) {
         debug_print(pair.no_list_text, when.function);
@@ -218,7 +219,7 @@ void mark_with_narrowed_host_keys(modified_list& work, const occasion& when) {
     debug_print(when.on_text, when.function);
 }
 
-/// A list that cannot be narrowed or written does not keep the others from being narrowed.
+/// Goes on with the other lists if one cannot be filtered or written.
 platform_status switch_on(const occasion& when) {
     const std::unique_ptr<modified_list> work = new_list("Error:=%s(0x%x)  memory allocation failed");
     if (work == nullptr) {

@@ -14,7 +14,7 @@
 
 namespace {
 
-/// A kind of list that FIPS mode narrows, the server's and the client's.
+/// A kind of list that FIPS mode filters, for server and client.
 struct narrowed_list {
     const algorithm_entry* entries[2];
     list_filter_function filter;

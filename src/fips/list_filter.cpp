@@ -24,9 +24,9 @@ struct list_filter {
     const char* entered_text;
     const char* no_list_text;
     const char* result_text;
-    const char* nothing_left_text;  ///< null: said with result_text alone
-    size_t slot_size;               ///< a name is looked at, and kept, up to this length, NUL included
-    algorithm_kind kind;            ///< has as many slots as settings; names behind these are dropped
+    const char* nothing_left_text;  ///< null: result_text alone is printed
+    size_t slot_size;               ///< names are compared and kept up to this length, including the NUL
+    algorithm_kind kind;            ///< has as many slots as settings; names beyond these are dropped
 };
 
 constexpr list_filter kex_filter = {
@@ -69,7 +69,7 @@ constexpr bool slots_hold_names(const list_filter& filter) {
 }
 static_assert(slots_hold_names(kex_filter) && slots_hold_names(cipher_filter) && slots_hold_names(host_key_filter));
 
-/// A refused algorithm takes every name with it that begins like its own.
+/// A refused algorithm also refuses every name that begins with its own.
 bool is_allowed(const list_filter& filter, const char* name) {
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == filter.kind && row.fips == algorithm_fips::refused && begins_with(name, row.name)) {
@@ -103,7 +103,7 @@ int filter_list(const list_filter& filter, const char* list, char* out) {
     return 0;
 }
 
-/// The name by which a key's file is found. The DSA key goes by one that no list has, so that its file is never found.
+/// The name that identifies a key's file. For the DSA key it is one that no list contains, so its file is never found.
 const char* file_name_of(const algorithm_row& row) {
     return std::strcmp(row.name, "ssh-dss") == 0 ? "ssh-dsa" : row.name;
 }
