@@ -64,6 +64,7 @@ void reset() {
     internal::reset_reports();
     internal::reset_services();
     internal::reset_shelf();
+    internal::reset_enforcement();
     internal::reset_access();
 }
 

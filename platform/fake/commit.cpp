@@ -184,6 +184,7 @@ commit_result commit(const std::vector<change>& changes) {
         return result;
     }
     const internal::handler_scope scope;
+    const size_t reports = internal::enforcement_reports();
     const std::vector<item_change> effective = effective_changes(changes);
     if (!verify_all(effective, result)) {
         return result;
@@ -197,6 +198,7 @@ commit_result commit(const std::vector<change>& changes) {
     for (const item_change& item : effective) {
         notify(item.path, event_of(item), item.now);
     }
+    result.not_in_force = internal::unenforced_since(reports);
     return result;
 }
 

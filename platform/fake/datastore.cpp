@@ -67,6 +67,7 @@ void end_process() {
     internal::datastore.providers.clear();
     internal::datastore.open_lists.clear();
     internal::datastore.bindings.clear();
+    internal::reset_enforcement();
 }
 
 value number_value(uint32_t number) {

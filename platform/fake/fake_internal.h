@@ -37,6 +37,11 @@ void reset_event_manager();
 void reset_reports();
 void reset_services();
 void reset_shelf();
+void reset_enforcement();
+
+/// How many failures of enforcement have been reported so far, and those after the first `count` that still stand.
+size_t enforcement_reports();
+std::vector<unenforced> unenforced_since(size_t count);
 void reset_access();
 
 }  // namespace fake_platform::internal

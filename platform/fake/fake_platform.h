@@ -19,6 +19,7 @@
 #include "platform/acl_service.h"
 #include "platform/banner_service.h"
 #include "platform/datastore.h"
+#include "platform/enforcement.h"
 #include "platform/event_manager.h"
 #include "platform/fault_injection.h"
 #include "platform/key_store.h"
@@ -36,7 +37,8 @@ inline constexpr uint32_t always = UINT32_MAX;
 /// given out before are no longer valid.
 void reset();
 
-/// As if the process had ended: what it has bound and registered in the datastore is gone, what is stored stays.
+/// As if the process had ended: what it has bound and registered in the datastore is gone, and so is what was reported as
+/// not in force; what is stored stays.
 void end_process();
 
 // --- Failures -------------------------------------------------------------------------------------------------------
@@ -53,7 +55,7 @@ void clear_failures();
 
 /// Every call in order, as "mpp_vrf_set(1, default)": texts as they are, an absent one as NULL, numbers in decimal,
 /// message codes and cookies in hexadecimal, paths whole, handles and callbacks left out. Log messages, debug lines, trace entries
-/// and questions for a debug flag are not among them.
+/// and questions for a debug flag are not among them, nor is the restoration of what was in force.
 const std::vector<std::string>& calls();
 
 /// The calls whose text begins with `prefix` ("mpp_").
@@ -117,11 +119,19 @@ struct failed_item {
     platform_status status;
 };
 
+/// What is not in force.
+struct unenforced {
+    std::string subject;
+    std::string reason;
+    bool operator==(const unenforced&) const = default;
+};
+
 struct commit_result {
     platform_status status = PLATFORM_OK;  ///< of the refusal: the verifier's, or one of those below
     std::string refused_path;              ///< empty when the commit was carried out
     std::string error_text;                ///< the verifier's
     std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change stands nevertheless
+    std::vector<unenforced> not_in_force;  ///< reported meanwhile and not restored since, in the order of the reports
 };
 
 /// One commit: every verification in byte order of the paths, then the store, then every applier, then the notices. A
@@ -285,6 +295,28 @@ bool vrf_set(uint32_t service, std::string_view vrf_name);
 bool vrf_initialised(std::string_view vrf_name);
 bool vrf_blocked(std::string_view vrf_name);
 bool namespace_announced(std::string_view namespace_name);
+
+// --- Enforcement ----------------------------------------------------------------------------------------------------
+
+/// What the agent has reported and not restored since, in the order of the reports.
+std::vector<unenforced> not_in_force();
+bool is_not_in_force(std::string_view subject);
+
+struct difference {
+    std::string subject;
+    std::string text;
+    bool operator==(const difference&) const = default;
+};
+
+struct comparison {
+    bool registered = false;  ///< whether the agent has registered its comparison; nothing else is told without it
+    int remaining = -1;
+    std::vector<difference> differences;
+};
+
+/// Has the agent compare, as an operator or the platform's timer does. A repair that leaves nothing clears what is not in
+/// force; one that leaves something clears what it has not named.
+comparison reconcile(bool repair);
 
 // --- Shelf manager --------------------------------------------------------------------------------------------------
 

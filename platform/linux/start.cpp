@@ -4,6 +4,7 @@
 
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/control/control.h"
+#include "linux/enforcement/retry.h"
 #include "linux/host/aaa_users.h"
 #include "linux/host/key_store_internal.h"
 #include "linux/process/event_manager_internal.h"
@@ -58,6 +59,7 @@ constexpr platform_service services[] = {
 
     // Operators are answered once the keys that they may ask for are those in force.
     {"key store", service_moment::first_wait, 0, false, start_key_store, nullptr},
+    {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},
 };
 

@@ -1,0 +1,69 @@
+/// What is not in force, for the platform's other services.
+///
+/// All calls belong on the event loop's thread.
+#ifndef LINUX_ENFORCEMENT_ENFORCEMENT_INTERNAL_H
+#define LINUX_ENFORCEMENT_ENFORCEMENT_INTERNAL_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "platform/enforcement.h"
+
+struct enforcement_entry {
+    std::string subject;
+    std::string reason;
+    time_t since = 0;  ///< when it was first reported
+    uint64_t run = 0;  ///< the comparison that reported it last; 0 for none
+};
+
+/// What is not in force, in byte order of the subjects. Throws std::bad_alloc.
+std::vector<enforcement_entry> enforcement_list();
+
+/// Whether anything is not in force.
+bool enforcement_any_failed();
+
+/// Collects what is reported while it lives, so that the answer to a change can tell it. Collectors may be nested.
+class enforcement_collector {
+  public:
+    enforcement_collector();
+    ~enforcement_collector();
+    enforcement_collector(const enforcement_collector&) = delete;
+    enforcement_collector& operator=(const enforcement_collector&) = delete;
+
+    /// What was reported and has not been restored since, in the order of the first reports. Throws std::bad_alloc.
+    std::vector<enforcement_entry> entries() const;
+
+  private:
+    friend struct enforcement_record;
+    enforcement_collector* outer;
+    std::vector<std::string> subjects;
+};
+
+/// A difference between the configuration and the machine.
+struct enforcement_difference {
+    std::string subject;
+    std::string text;
+};
+
+struct enforcement_comparison {
+    int remaining = -1;  ///< how many differences there still are; -1 when they could not be compared
+    std::vector<enforcement_difference> differences;  ///< all that were found, those that were removed too
+};
+
+/// Whether the agent has registered its comparison.
+bool enforcement_can_compare();
+
+/// Runs the agent's comparison, and brings the record of what is not in force up to date when it repairs. Nothing is
+/// compared without a registration, or from within a comparison. Throws std::bad_alloc.
+enforcement_comparison enforcement_reconcile(bool repair);
+
+/// Has `needed` called when something is not in force that the agent can repair. `is_first` says that all was in force
+/// before. Null ends that.
+void enforcement_on_failure(void (*needed)(bool is_first));
+
+/// Forgets everything, the registration too.
+void enforcement_reset();
+
+#endif

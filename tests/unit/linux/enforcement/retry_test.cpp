@@ -1,0 +1,114 @@
+#include "linux/enforcement/retry.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+
+#include "unit/linux/enforcement/enforcement_test_support.h"
+#include "unit/linux/platform_test_support.h"
+
+namespace {
+
+using testing::Each;
+
+using steady = std::chrono::steady_clock;
+
+TEST(enforcement_retry_delays, double_from_a_second_to_a_minute) {
+    const uint32_t expected[] = {1, 2, 4, 8, 16, 32, 60, 60};
+    for (uint32_t attempt = 0; attempt < std::size(expected); attempt++) {
+        EXPECT_EQ(enforcement_retry_delay(attempt), expected[attempt]) << attempt;
+    }
+    EXPECT_EQ(enforcement_retry_delay(UINT32_MAX), 60U);
+}
+
+class enforcement_retry_test : public platform_test::loop_test {
+  protected:
+    void SetUp() override {
+        loop_test::SetUp();
+        script.remaining = 1;
+        script.found = {{"server mgmt", "does not run"}};
+        script.meanwhile = [this] { times.push_back(steady::now()); };
+        ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
+    }
+    void TearDown() override {
+        enforcement_retry_stop();
+        enforcement_reset();
+        loop_test::TearDown();
+    }
+    bool repaired(size_t count, uint64_t milliseconds) {
+        return run_until([&] { return script.runs.size() >= count; }, milliseconds);
+    }
+    double seconds_after(steady::time_point start, size_t repair) const {
+        return std::chrono::duration<double>(times.at(repair) - start).count();
+    }
+
+    enforcement_test::comparison_script script;
+    std::vector<steady::time_point> times;
+};
+
+TEST_F(enforcement_retry_test, what_is_not_in_force_is_repaired_with_growing_pauses) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    const auto start = steady::now();
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(2, 4000));
+    EXPECT_NEAR(seconds_after(start, 0), 1.0, 0.5);
+    EXPECT_NEAR(seconds_after(times[0], 1), 2.0, 0.5);
+    EXPECT_THAT(script.runs, Each(1U));
+}
+
+TEST_F(enforcement_retry_test, repairs_end_when_all_is_in_force) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    script.remaining = 0;
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(1, 2000));
+    EXPECT_FALSE(enforcement_any_failed());
+    run_for(2500);
+    EXPECT_EQ(script.runs.size(), 1U);
+}
+
+TEST_F(enforcement_retry_test, a_failure_after_that_is_repaired_within_a_second_again) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(1, 2000));
+    enforcement_restored("server mgmt");
+    const auto start = steady::now();
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(2, 4000));
+    EXPECT_NEAR(seconds_after(start, 1), 1.0, 0.5);
+}
+
+TEST_F(enforcement_retry_test, what_breaks_again_within_its_repair_waits_longer) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    script.meanwhile = [this] {
+        times.push_back(steady::now());
+        enforcement_restored("server mgmt");
+        enforcement_failed("server mgmt", "exit status 1");
+    };
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(2, 4000));
+    EXPECT_NEAR(seconds_after(times[0], 1), 2.0, 0.5);
+}
+
+TEST_F(enforcement_retry_test, nothing_is_repaired_that_was_put_right_meanwhile) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    enforcement_failed("server mgmt", "exit status 1");
+    enforcement_restored("server mgmt");
+    run_for(1500);
+    EXPECT_TRUE(script.runs.empty());
+}
+
+TEST_F(enforcement_retry_test, what_fails_while_the_agent_starts_up_is_repaired_from_its_first_wait_on) {
+    enforcement_failed("server mgmt", "exit status 1");
+    EXPECT_TRUE(repaired(1, 2000));
+}
+
+TEST_F(enforcement_retry_test, what_failed_before_the_registration_is_repaired_after_it) {
+    enforcement_reset();
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    enforcement_failed("server mgmt", "exit status 1");
+    run_for(1200);
+    ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
+    EXPECT_TRUE(repaired(1, 2000));
+}
+
+}  // namespace
