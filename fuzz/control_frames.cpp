@@ -10,7 +10,7 @@
 #include "control_protocol/frame.h"
 #include "control_protocol/json_text.h"
 #include "linux/control/value.h"
-#include "linux/datastore/schema_text.h"
+#include "linux/datastore/schema_form.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ void require(bool holds) {
 }
 
 void require_one_clean_line(const std::string& text) {
-    require(!text.empty() && text_has_charset(text, schema_charset::printable));
+    require(!text.empty() && schema_has_charset(text, schema_charset::printable));
 }
 
 /// All complete documents of a stream that arrives in pieces of this size, up to the first oversized frame.

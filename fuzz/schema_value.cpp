@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "linux/datastore/schema.h"
-#include "linux/datastore/schema_text.h"
+#include "linux/datastore/schema_form.h"
 #include "platform/datastore_backend.h"
 
 namespace {
@@ -84,7 +84,7 @@ datastore_value take_value(input& in) {
 }
 
 void require_one_clean_line(const std::string& text) {
-    require(!text.empty() && text_has_charset(text, schema_charset::printable));
+    require(!text.empty() && schema_has_charset(text, schema_charset::printable));
 }
 
 void check_taken(const schema_row& row, const std::string& path, const datastore_stored& stored) {
@@ -96,8 +96,8 @@ void check_taken(const schema_row& row, const std::string& path, const datastore
     require(again == stored);
     if (const std::string* text = std::get_if<std::string>(&loaded)) {
         const bool has_lines = row.form.charset == schema_charset::delimited;
-        require(text_has_charset(*text, has_lines ? row.form.charset : schema_charset::printable));
-        require(!has_lines || text_is_delimited(*text));
+        require(schema_has_charset(*text, has_lines ? row.form.charset : schema_charset::printable));
+        require(!has_lines || schema_is_delimited(*text));
     }
     require_one_clean_line(schema_display(loaded));
 }

@@ -1,10 +1,10 @@
 #include "control_protocol/json_text.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
 #include <utility>
 #include <vector>
+
+#include "common/text.h"
 
 namespace {
 
@@ -63,7 +63,7 @@ class document_builder {
         const std::string* twice = duplicate_member(*open_containers.back());
         open_containers.pop_back();
         if (twice != nullptr) {
-            return refuse("duplicate name \"" + control_printable(*twice, 200) + "\" in one object");
+            return refuse("duplicate name \"" + text_escape(*twice, 200) + "\" in one object");
         }
         return true;
     }
@@ -75,7 +75,7 @@ class document_builder {
         if (const size_t end = text.find("] "); text.starts_with('[') && end != std::string_view::npos) {
             text.remove_prefix(end + 2);
         }
-        return refuse("not JSON: " + control_printable(text, 300));
+        return refuse("not JSON: " + text_escape(text, 300));
     }
 
   private:
@@ -125,100 +125,7 @@ class document_builder {
     }
 };
 
-/// Length of the well-formed UTF-8 character that the text begins with; 0 when it begins with none.
-size_t utf8_character(std::string_view text) {
-    const auto byte = [text](size_t index) -> uint32_t { return static_cast<unsigned char>(text[index]); };
-    const uint32_t first = byte(0);
-    const size_t length = first < 0x80   ? 1
-                          : first < 0xc2 ? 0
-                          : first < 0xe0 ? 2
-                          : first < 0xf0 ? 3
-                          : first < 0xf5 ? 4
-                                         : 0;
-    if (length < 2) {
-        return length;
-    }
-    if (text.size() < length) {
-        return 0;
-    }
-    uint32_t code = first & (0xffU >> (length + 1));
-    for (size_t index = 1; index < length; index++) {
-        if ((byte(index) & 0xc0) != 0x80) {
-            return 0;
-        }
-        code = code << 6 | (byte(index) & 0x3f);
-    }
-    const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
-    const bool surrogate = code >= 0xd800 && code < 0xe000;
-    return overlong || surrogate || code > 0x10ffff ? 0 : length;
-}
-
-/// The number of a well-formed UTF-8 character.
-uint32_t character_code(std::string_view character) {
-    const auto first = static_cast<unsigned char>(character[0]);
-    uint32_t code = character.size() == 1 ? first : first & (0xffU >> (character.size() + 1));
-    for (const char byte : character.substr(1)) {
-        code = code << 6 | (static_cast<unsigned char>(byte) & 0x3fU);
-    }
-    return code;
-}
-
-struct character_range {
-    uint32_t first;
-    uint32_t last;
-};
-
-/// What a terminal or a log might obey, and what makes a text look like another.
-constexpr character_range controls[] = {
-    {0x00, 0x1f},      // C0
-    {0x7f, 0x9f},      // DEL and C1
-    {0x61c, 0x61c},    // Arabic letter mark
-    {0x200b, 0x200f},  // without width, direction marks
-    {0x2028, 0x202e},  // line and paragraph separators, direction embeddings
-    {0x2060, 0x206f},  // without width, direction isolates
-    {0xfeff, 0xfeff},  // byte order mark
-};
-
-bool is_control(std::string_view character) {
-    const uint32_t code = character_code(character);
-    return std::any_of(std::begin(controls), std::end(controls),
-                       [code](const character_range& range) { return range.first <= code && code <= range.last; });
-}
-
 }  // namespace
-
-bool control_is_utf8(std::string_view text) {
-    while (!text.empty()) {
-        const size_t length = utf8_character(text);
-        if (length == 0) {
-            return false;
-        }
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-std::string control_printable(std::string_view text, size_t length_max) {
-    std::string printable;
-    while (!text.empty()) {
-        const size_t length = utf8_character(text);
-        const std::string_view character = text.substr(0, std::max<size_t>(length, 1));
-        if (printable.size() + character.size() > length_max) {
-            return printable + "...";
-        }
-        if (length > 0 && !is_control(character)) {
-            printable.append(character);
-        } else {
-            for (const char byte : character) {
-                char escaped[8];
-                snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(byte));
-                printable.append(escaped);
-            }
-        }
-        text.remove_prefix(character.size());
-    }
-    return printable;
-}
 
 std::optional<control_json> control_json_parse(std::string_view text, std::string& error) {
     // The parser takes a NUL for the end of the document and would leave unread what stands behind it.

@@ -27,11 +27,4 @@ std::optional<control_json> control_json_parse(std::string_view text, std::strin
 /// A value as compact JSON text; bytes that are not UTF-8 are replaced.
 std::string control_json_text(const control_json& value);
 
-/// Whether a text is well-formed UTF-8.
-bool control_is_utf8(std::string_view text);
-
-/// A text suitable for a message: one line, with invalid UTF-8, control characters, and characters that change the text
-/// direction or have no width escaped as \xNN, truncated after `length_max` bytes with "..." appended.
-std::string control_printable(std::string_view text, size_t length_max);
-
 #endif

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "common/text.h"
 #include "openssh/run_programs.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
@@ -26,9 +27,9 @@ std::string identity_of(const std::string& ssh, std::string& identity) {
     struct stat status;
     if (stat(ssh.c_str(), &status) != 0) {
         const int error = errno;
-        return format_text("cannot examine %s: %s", ssh.c_str(), std::strerror(error));
+        return text_format("cannot examine %s: %s", ssh.c_str(), std::strerror(error));
     }
-    identity = format_text("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(ssh).c_str(),
+    identity = text_format("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(ssh).c_str(),
                            static_cast<long long>(status.st_size), static_cast<unsigned long long>(status.st_ino),
                            static_cast<long long>(status.st_mtim.tv_sec), status.st_mtim.tv_nsec,
                            static_cast<long long>(status.st_ctim.tv_sec), status.st_ctim.tv_nsec);
@@ -49,8 +50,8 @@ std::string ask_ssh(const std::string& ssh, known_algorithms& known) {
         }
         if (result.status != 0 || answer.names[kind].empty()) {
             const std::string failure =
-                result.failure.empty() ? format_text("exit status %d", result.status) : result.failure;
-            return format_text("%s -Q %s lists no algorithms: %s %s", ssh.c_str(), query_words[kind], failure.c_str(),
+                result.failure.empty() ? text_format("exit status %d", result.status) : result.failure;
+            return text_format("%s -Q %s lists no algorithms: %s %s", ssh.c_str(), query_words[kind], failure.c_str(),
                                shown(trimmed(result.errors)).c_str());
         }
     }

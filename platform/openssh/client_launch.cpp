@@ -1,5 +1,6 @@
 #include "openssh/client_launch.h"
 
+#include "common/text.h"
 #include "openssh/algorithm_query.h"
 #include "openssh/preload.h"
 #include "openssh/state_files.h"
@@ -35,7 +36,7 @@ std::string client_state_directory(const launcher_paths& paths, unsigned user, c
     if (runtime_directory != nullptr && runtime_directory[0] == '/') {
         return std::string(runtime_directory) + "/ssh_csm";
     }
-    return format_text("/tmp/ssh_csm-%u", user);
+    return text_format("/tmp/ssh_csm-%u", user);
 }
 
 std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,

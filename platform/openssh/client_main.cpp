@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
 #include "openssh/client_launch.h"
 #include "openssh/preload.h"
 #include "openssh/text.h"
@@ -25,7 +26,7 @@ namespace {
     execv(program.c_str(), arguments.data());
     const int error = errno;
     openssh::report(to, openssh::severity::error,
-                    openssh::format_text("cannot execute %s: %s", program.c_str(), std::strerror(error)));
+                    openssh::text_format("cannot execute %s: %s", program.c_str(), std::strerror(error)));
     std::exit(openssh::client_failed);
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "common/text.h"
 #include "openssh/algorithm_query.h"
 #include "openssh/preload.h"
 #include "openssh/run_programs.h"
@@ -53,9 +54,9 @@ std::string test_with_sshd(const launcher_paths& paths, const std::string& file,
     const bool taken = result.status == 0;
     report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
     if (!result.failure.empty()) {
-        return format_text("%s -t %s", paths.sshd.c_str(), result.failure.c_str());
+        return text_format("%s -t %s", paths.sshd.c_str(), result.failure.c_str());
     }
-    return taken ? std::string() : format_text("sshd rejects the file (exit status %d)", result.status);
+    return taken ? std::string() : text_format("sshd rejects the file (exit status %d)", result.status);
 }
 
 /// Tests a translation and makes it the current one; keeps what sshd does not take aside.
@@ -70,7 +71,7 @@ std::string adopt(const launcher_paths& paths, const translation_files& files, c
         return move_file(files.candidate, files.current);
     }
     if (move_file(files.candidate, files.refused).empty()) {
-        error += format_text("; the rejected file is kept as %s", files.refused.c_str());
+        error += text_format("; the rejected file is kept as %s", files.refused.c_str());
     }
     return error;
 }
@@ -172,7 +173,7 @@ std::string session_hook_of(const launcher_paths& paths, const reporter& to) {
         const bool can_be_run = path == &paths.session_hook || access(path->c_str(), X_OK) == 0;
         if (!can_be_run || !is_trusted_file(*path)) {
             report(to, severity::warning,
-                   format_text(
+                   text_format(
                        "sessions run without their wrapper, so a reload will not end them: %s is missing, cannot be "
                        "executed, or is writable by others",
                        path->c_str()));

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 
+#include "common/text.h"
 #include "openssh/text.h"
 
 namespace openssh {
@@ -32,7 +33,7 @@ report_way choose_report_way(int fd, const char* journal_stream, bool has_system
 
 std::string format_report(const reporter& to, severity level, std::string_view text) {
     const std::string prefix =
-        to.way == report_way::text ? std::string(to.program) + ": " : format_text("<%d>", static_cast<int>(level));
+        to.way == report_way::text ? std::string(to.program) + ": " : text_format("<%d>", static_cast<int>(level));
     return prefix + shown(to.server_file) + ": " + std::string(text) + "\n";
 }
 

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "common/text.h"
 #include "openssh/text.h"
 
 namespace openssh {
@@ -79,7 +80,7 @@ running_program start(const std::vector<std::string>& words) {
         close_pipe(program.pipes[0]);
         close_pipe(program.pipes[1]);
         program.pid = -1;
-        program.result.failure = format_text("cannot be started: %s", std::strerror(error));
+        program.result.failure = text_format("cannot be started: %s", std::strerror(error));
     }
     return program;
 }
@@ -142,9 +143,9 @@ void finish(running_program& program) {
     if (overdue) {
         program.result.failure = "timed out and was killed";
     } else if (ended < 0) {
-        program.result.failure = format_text("cannot be waited for: %s", std::strerror(errno));
+        program.result.failure = text_format("cannot be waited for: %s", std::strerror(errno));
     } else if (WIFSIGNALED(status)) {
-        program.result.failure = format_text("was killed by signal %d", WTERMSIG(status));
+        program.result.failure = text_format("was killed by signal %d", WTERMSIG(status));
     } else {
         program.result.status = WEXITSTATUS(status);
     }

@@ -10,48 +10,26 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/file_descriptor.h"
+#include "common/files.h"
+#include "common/text.h"
 #include "openssh/text.h"
 
 namespace openssh {
 
 namespace {
 
+std::string failure(const char* what, const std::string& path, platform_status status) {
+    return text_format("cannot %s %s: %s", what, shown(path).c_str(), std::strerror(static_cast<int>(status)));
+}
+
+std::string result_of(const char* what, const std::string& path, platform_status status) {
+    return status == PLATFORM_OK ? std::string() : failure(what, path, status);
+}
+
 /// Tells of errno; to be called before anything can change it.
 std::string failure(const char* what, const std::string& path) {
-    const int error = errno;
-    return format_text("cannot %s %s: %s", what, shown(path).c_str(), std::strerror(error));
-}
-
-bool read_all(int fd, std::string& text) {
-    char buffer[16384];
-    for (;;) {
-        const ssize_t length = read(fd, buffer, sizeof buffer);
-        if (length == 0) {
-            return true;
-        }
-        if (length > 0) {
-            text.append(buffer, static_cast<size_t>(length));
-        }
-        if (text.size() > largest_file) {
-            errno = EFBIG;
-            return false;
-        }
-        if (length < 0 && errno != EINTR) {
-            return false;
-        }
-    }
-}
-
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t length = write(fd, text.data(), text.size());
-        if (length >= 0) {
-            text.remove_prefix(static_cast<size_t>(length));
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
+    return failure(what, path, static_cast<platform_status>(errno));
 }
 
 /// A file name's part that stands for a path: every path has its own, and none holds '~', which sets the suffixes off.
@@ -62,7 +40,7 @@ std::string escaped(std::string_view path) {
         if (std::isalnum(byte) != 0 || c == '_' || c == '-' || c == '.') {
             name += c;
         } else {
-            name += c == '/' ? std::string("+") : format_text("%%%02X", byte);
+            name += c == '/' ? std::string("+") : text_format("%%%02X", byte);
         }
     }
     return name;
@@ -71,24 +49,15 @@ std::string escaped(std::string_view path) {
 }  // namespace
 
 std::string read_file(const std::string& path, std::string& text) {
-    // Without O_NONBLOCK a pipe in the file's place would hold the server up for ever.
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
+    const file_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.get() < 0) {
         return failure("open", path);
     }
-    struct stat status;
-    std::string content;
-    std::string error;
-    if (fstat(fd, &status) == 0 && !S_ISREG(status.st_mode)) {
-        error = format_text("%s is not a regular file", shown(path).c_str());
-    } else if (!read_all(fd, content)) {
-        error = failure("read", path);
+    const platform_status status = file_read_regular(file.get(), largest_file, text);
+    if (status == EISDIR || status == EINVAL) {
+        return text_format("%s is not a regular file", shown(path).c_str());
     }
-    close(fd);
-    if (error.empty()) {
-        text = std::move(content);
-    }
-    return error;
+    return result_of("read", path, status);
 }
 
 std::string ensure_directory(const std::string& path, mode_t mode) {
@@ -110,42 +79,22 @@ std::string ensure_directory(const std::string& path, mode_t mode) {
         return failure("examine the directory", path);
     }
     if (!S_ISDIR(status.st_mode)) {
-        return format_text("%s is not a directory", shown(path).c_str());
+        return text_format("%s is not a directory", shown(path).c_str());
     }
     if (status.st_uid != geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        return format_text("%s is owned by another user or writable by others", shown(path).c_str());
+        return text_format("%s is owned by another user or writable by others", shown(path).c_str());
     }
     return {};
 }
 
 std::string write_new_file(const std::string& path, std::string_view text) {
-    if (unlink(path.c_str()) != 0 && errno != ENOENT) {
-        return failure("remove", path);
-    }
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return failure("create", path);
-    }
-    std::string error = write_all(fd, text) ? std::string() : failure("write", path);
-    if (close(fd) != 0 && error.empty()) {
-        error = failure("write", path);
-    }
-    if (!error.empty()) {
-        unlink(path.c_str());
-    }
-    return error;
+    return result_of("write", path, file_write_new(path, text, {}));
 }
 
 std::string replace_file(const std::string& path, std::string_view text) {
-    const std::string temporary = format_text("%s~new.%d", path.c_str(), static_cast<int>(getpid()));
-    std::string error = write_new_file(temporary, text);
-    if (error.empty()) {
-        error = move_file(temporary, path);
-        if (!error.empty()) {
-            unlink(temporary.c_str());
-        }
-    }
-    return error;
+    // Several launchers may replace one file at the same time.
+    const std::string temporary = text_format("%s~new.%d", path.c_str(), static_cast<int>(getpid()));
+    return result_of("write", path, file_replace(path, text, {}, temporary));
 }
 
 std::string move_file(const std::string& from, const std::string& to) {
@@ -171,7 +120,7 @@ translation_files translation_files_of(const std::string& state_directory, const
         named_after.remove_prefix(agent_directory.size());
     }
     const std::string current = state_directory + "/" + escaped(named_after);
-    return {current, format_text("%s~candidate.%d", current.c_str(), static_cast<int>(getpid())), current + "~refused"};
+    return {current, text_format("%s~candidate.%d", current.c_str(), static_cast<int>(getpid())), current + "~refused"};
 }
 
 }  // namespace openssh

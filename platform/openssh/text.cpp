@@ -1,8 +1,8 @@
 #include "openssh/text.h"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
+
+#include "common/text.h"
 
 namespace openssh {
 
@@ -14,36 +14,9 @@ char lower(char c) {
 
 }  // namespace
 
-std::string format_text(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    va_end(arguments);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (!text.empty()) {
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
-    }
-    va_end(again);
-    return text;
-}
-
 std::string shown(std::string_view text) {
     constexpr size_t longest = 200;
-    std::string result;
-    for (const char c : text) {
-        if (result.size() >= longest) {
-            return result + "...";
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte < 0x7f) {
-            result += c;
-        } else {
-            result += format_text("\\x%02x", byte);
-        }
-    }
-    return result;
+    return text_escape_to_ascii(text, longest);
 }
 
 std::string lower_case(std::string_view text) {

@@ -8,10 +8,7 @@
 
 namespace openssh {
 
-/// As printf, into a string of whatever length is needed.
-std::string format_text(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
-/// What may be shown of text from a file: bytes outside printable ASCII as \xNN, at most 200 characters and then "...".
+/// What a message shows of text from a file: escaped to ASCII, at most 200 bytes and then "...".
 std::string shown(std::string_view text);
 
 /// The text in lower case; only ASCII letters change.

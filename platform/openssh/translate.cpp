@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "common/text.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
 
@@ -112,7 +113,7 @@ std::string repetition_key(const keyword_row& row, std::string_view value) {
 bool write_line(translator& state, const keyword_row& row, std::string_view value, size_t line) {
     if (!state.written.insert(repetition_key(row, value)).second) {
         add_remark(state, severity::notice,
-                   format_text("line %zu: %s %s ignored: an earlier line has set it", line, shown(row.keyword).c_str(),
+                   text_format("line %zu: %s %s ignored: an earlier line has set it", line, shown(row.keyword).c_str(),
                                shown(value).c_str()));
         return false;
     }
@@ -126,7 +127,7 @@ void pass_setting(translator& state, const keyword_row& row, const setting& foun
         return;
     }
     add_remark(state, severity::warning,
-               format_text("line %zu: %s ignored: %s does not accept the value \"%s\"", found.line,
+               text_format("line %zu: %s ignored: %s does not accept the value \"%s\"", found.line,
                            shown(row.keyword).c_str(), state.input.kind->program, shown(found.value).c_str()));
 }
 
@@ -145,12 +146,12 @@ void remark_names(translator& state, const setting& found, const std::vector<std
         text.append(i == 0 ? "" : ",").append(shown(names[i]));
     }
     if (names.size() > most_names) {
-        text += format_text(" and %zu more", names.size() - most_names);
+        text += text_format(" and %zu more", names.size() - most_names);
     }
     const std::string keyword = shown(found.keyword);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    add_remark(state, severity::notice, format_text(format, found.line, keyword.c_str(), text.c_str()));
+    add_remark(state, severity::notice, text_format(format, found.line, keyword.c_str(), text.c_str()));
 #pragma GCC diagnostic pop
 }
 
@@ -165,7 +166,7 @@ list_cut cut_and_remark(translator& state, const keyword_row& row, const setting
 void translate_list(translator& state, const keyword_row& row, const setting& found) {
     if (!is_algorithm_list(found.value)) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s ignored: \"%s\" is not a list of names", found.line,
+                   text_format("line %zu: %s ignored: \"%s\" is not a list of names", found.line,
                                shown(row.keyword).c_str(), shown(found.value).c_str()));
         state.emptied.emplace(lower_case(row.output_keyword()), found.line);
         return;
@@ -188,17 +189,17 @@ void translate_additional_keys(translator& state, const keyword_row& row, const 
 
 void translate_host_keys(translator& state, const keyword_row& row, const setting& found) {
     if (found.value.empty()) {
-        add_remark(state, severity::warning, format_text("line %zu: HostKey ignored: it names no file", found.line));
+        add_remark(state, severity::warning, text_format("line %zu: HostKey ignored: it names no file", found.line));
     }
     for (const std::string_view piece : split(found.value, ",")) {
         const std::string_view file = trimmed(piece);
         if (!row.form(file)) {
             add_remark(state, severity::warning,
-                       format_text("line %zu: HostKey ignored: \"%s\" is not an absolute path", found.line,
+                       text_format("line %zu: HostKey ignored: \"%s\" is not an absolute path", found.line,
                                    shown(file).c_str()));
         } else if (!state.input.key_is_usable(std::string(file))) {
             add_remark(state, severity::notice,
-                       format_text("line %zu: HostKey %s ignored: no readable key file of that name", found.line,
+                       text_format("line %zu: HostKey %s ignored: no readable key file of that name", found.line,
                                    shown(file).c_str()));
         } else {
             state.has_host_key = write_line(state, row, file, found.line) || state.has_host_key;
@@ -208,18 +209,18 @@ void translate_host_keys(translator& state, const keyword_row& row, const settin
 
 void leave_out(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::notice,
-               format_text("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
+               text_format("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
 }
 
 void end_settings(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::warning,
-               format_text("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
+               text_format("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
     state.ended = true;
 }
 
 void remark_fips_mode(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::notice,
-               format_text("line %zu: %s restricts the algorithm lists to the approved names", found.line,
+               text_format("line %zu: %s restricts the algorithm lists to the approved names", found.line,
                            shown(row.keyword).c_str()));
 }
 
@@ -254,17 +255,17 @@ void translate_line(translator& state, size_t number, std::string_view line) {
     }
     if (line.size() > longest_line) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s ignored: the line is longer than %zu bytes", number,
+                   text_format("line %zu: %s ignored: the line is longer than %zu bytes", number,
                                shown(found.keyword).c_str(), longest_line));
     } else if (has_control_character(trimmed(line))) {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s ignored: the line contains a control character", number,
+                   text_format("line %zu: %s ignored: the line contains a control character", number,
                                shown(found.keyword).c_str()));
     } else if (const keyword_row* row = find_keyword_row(state.input.kind->rows, found.keyword)) {
         handler_of(row->how)(state, *row, found);
     } else {
         add_remark(state, severity::warning,
-                   format_text("line %zu: %s ignored: unknown keyword", number, shown(found.keyword).c_str()));
+                   text_format("line %zu: %s ignored: unknown keyword", number, shown(found.keyword).c_str()));
     }
 }
 
@@ -285,7 +286,7 @@ void settle_list(translator& state, const keyword_row& row) {
         if (state.result.fips_mode) {
             const auto approved = fips_default_list(*state.input.known, row.kind);
             if (approved.empty()) {
-                refuse(state, format_text("%s: this OpenSSH supports no algorithm that is approved in FIPS mode",
+                refuse(state, text_format("%s: this OpenSSH supports no algorithm that is approved in FIPS mode",
                                           shown(row.output_keyword()).c_str()));
             } else {
                 write_line(state, row, joined(approved), 0);
@@ -294,11 +295,11 @@ void settle_list(translator& state, const keyword_row& row) {
         return;
     }
     if (state.result.fips_mode) {
-        refuse(state, format_text("line %zu: %s: the list is empty in FIPS mode; the file is not used", emptied->second,
+        refuse(state, text_format("line %zu: %s: the list is empty in FIPS mode; the file is not used", emptied->second,
                                   shown(row.output_keyword()).c_str()));
     } else {
         add_remark(state, severity::error,
-                   format_text("line %zu: %s: the list is empty; %s's own default is in force", emptied->second,
+                   text_format("line %zu: %s: the list is empty; %s's own default is in force", emptied->second,
                                shown(row.output_keyword()).c_str(), state.input.kind->program));
     }
     state.emptied.erase(emptied);
@@ -308,7 +309,7 @@ void settle_list(translator& state, const keyword_row& row) {
 void settle_setting(translator& state, const keyword_row& row) {
     if (!row.otherwise.empty() && state.written.count(repetition_key(row, row.otherwise)) == 0) {
         add_remark(state, severity::notice,
-                   format_text("no usable %s line: \"%s\" is in force", shown(row.keyword).c_str(),
+                   text_format("no usable %s line: \"%s\" is in force", shown(row.keyword).c_str(),
                                shown(row.otherwise).c_str()));
         write_line(state, row, row.otherwise, 0);
     }
@@ -342,7 +343,7 @@ void settle(translator& state) {
     }
     if (state.remarks_not_kept != 0) {
         state.result.remarks.push_back(
-            {severity::warning, format_text("%zu more remarks are not shown", state.remarks_not_kept)});
+            {severity::warning, text_format("%zu more remarks are not shown", state.remarks_not_kept)});
     }
 }
 
@@ -362,7 +363,7 @@ bool asks_for_fips_mode(std::string_view text) {
 translation translate(const translation_input& input) {
     translator state{.input = input};
     state.result.fips_mode = input.fips_mode || asks_for_fips_mode(input.text);
-    state.result.text = format_text("# Generated at each start of %s from %s; make changes there.\n",
+    state.result.text = text_format("# Generated at each start of %s from %s; make changes there.\n",
                                     input.kind->made_for, shown(input.source_name).c_str());
     state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
     state.result.text.append(input.kind->first_lines);

@@ -1,14 +1,13 @@
 #include "user_keys/key_file.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 
-#include "common/file_descriptor.h"
+#include "common/files.h"
 #include "user_keys/key_record.h"
 
 namespace {
@@ -20,48 +19,12 @@ constexpr size_t file_size_max = 4096;  ///< the largest key takes about 1,400 b
 /// Never a user's file, because user names do not begin with '.'.
 constexpr char temporary_name[] = ".new";
 
-int open_directory() {
-    return open(key_file_directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+std::string path_of(std::string_view name) {
+    return std::string(key_file_directory).append("/").append(name);
 }
 
 platform_status last_error() {
     return static_cast<platform_status>(errno);
-}
-
-platform_status write_all(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t count = write(fd, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR) {
-            return last_error();
-        }
-        bytes.remove_prefix(count < 0 ? 0 : static_cast<size_t>(count));
-    }
-    return fsync(fd) == 0 ? PLATFORM_OK : last_error();
-}
-
-platform_status write_new(int directory, std::string_view line) {
-    const file_descriptor file(
-        openat(directory, temporary_name, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, file_mode));
-    return file.get() < 0 ? last_error() : write_all(file.get(), line);
-}
-
-platform_status read_all(int fd, std::string& bytes) {
-    std::string read_bytes(file_size_max + 1, '\0');
-    size_t size = 0;
-    ssize_t count = 1;
-    while (count != 0 && size < read_bytes.size()) {
-        count = read(fd, read_bytes.data() + size, read_bytes.size() - size);
-        if (count < 0 && errno != EINTR) {
-            return last_error();
-        }
-        size += count < 0 ? 0 : static_cast<size_t>(count);
-    }
-    if (size > file_size_max) {
-        return EFBIG;
-    }
-    read_bytes.resize(size);
-    bytes = std::move(read_bytes);
-    return PLATFORM_OK;
 }
 
 }  // namespace
@@ -70,41 +33,20 @@ platform_status key_file_write(std::string_view user, std::string_view line) {
     if (mkdir(key_file_directory, directory_mode) != 0 && errno != EEXIST) {
         return last_error();
     }
-    const file_descriptor directory(open_directory());
-    if (directory.get() < 0) {
-        return last_error();
-    }
-    platform_status status = write_new(directory.get(), line);
-    if (status == PLATFORM_OK &&
-        renameat(directory.get(), temporary_name, directory.get(), std::string(user).c_str()) != 0) {
-        status = last_error();
-    }
-    if (status != PLATFORM_OK) {
-        unlinkat(directory.get(), temporary_name, 0);
-        return status;
-    }
-    return fsync(directory.get()) == 0 ? PLATFORM_OK : last_error();
+    return file_replace(path_of(user), line, {.mode = file_mode, .durable = true}, path_of(temporary_name));
 }
 
 platform_status key_file_remove(std::string_view user) {
-    const file_descriptor directory(open_directory());
-    if (directory.get() < 0) {
+    if (unlink(path_of(user).c_str()) != 0) {
         return errno == ENOENT ? platform_status{PLATFORM_OK} : last_error();
     }
-    if (unlinkat(directory.get(), std::string(user).c_str(), 0) != 0) {
-        return errno == ENOENT ? platform_status{PLATFORM_OK} : last_error();
-    }
-    return fsync(directory.get()) == 0 ? PLATFORM_OK : last_error();
+    return file_sync_folder(key_file_directory);
 }
 
 platform_status key_file_read(std::string_view user, std::string& line) {
-    const std::string path = std::string(key_file_directory) + '/' + std::string(user);
-    const file_descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() >= 0) {
-        return read_all(file.get(), line);
-    }
-    if (errno != ENOENT) {
-        return last_error();
+    const platform_status status = file_read(path_of(user), file_size_max, line, file_links::refused);
+    if (status != ENOENT) {
+        return status;
     }
     line.clear();
     return PLATFORM_OK;

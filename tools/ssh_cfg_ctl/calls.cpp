@@ -1,8 +1,10 @@
 #include "ssh_cfg_ctl/calls.h"
 
-#include <charconv>
 #include <cstdio>
+#include <optional>
 
+#include "common/number.h"
+#include "common/text.h"
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/show.h"
@@ -26,12 +28,12 @@ ctl_request ask(control_json document) {
 
 // JSON carries text only: bytes that are none would reach the agent as something else.
 ctl_request not_text(const std::string& argument) {
-    return fail(control_result::refused, "\"" + control_printable(argument, 80) + "\" is not valid UTF-8");
+    return fail(control_result::refused, "\"" + text_escape(argument, 80) + "\" is not valid UTF-8");
 }
 
 const std::string* find_no_text(const argument_list& arguments) {
     for (const std::string& argument : arguments) {
-        if (!control_is_utf8(argument)) {
+        if (!text_is_utf8(argument)) {
             return &argument;
         }
     }
@@ -142,7 +144,7 @@ ctl_request acl_set_request(const argument_list& arguments) {
             return fail(control_result::refused, arguments[3] + ": " + error);
         }
         request["entries"] = std::move(*entries);
-    } else if (!control_is_utf8(*text)) {
+    } else if (!text_is_utf8(*text)) {
         return fail(control_result::refused, arguments[3] + ": not valid UTF-8");
     } else {
         request["lines"] = lines_of(*text);
@@ -173,7 +175,7 @@ ctl_request key_import_request(const argument_list& arguments) {
     if (!text.has_value()) {
         return {{}, problem};
     }
-    if (!control_is_utf8(*text)) {
+    if (!text_is_utf8(*text)) {
         return fail(control_result::refused, arguments[2] + ": not valid UTF-8");
     }
     return ask({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
@@ -202,14 +204,12 @@ ctl_request reload_request(const argument_list& arguments) {
     if (arguments.size() != 2 || arguments[0] != "--timeout") {
         return wrong_arguments();
     }
-    unsigned seconds = 0;
-    const char* end = arguments[1].data() + arguments[1].size();
-    const auto [read, error] = std::from_chars(arguments[1].data(), end, seconds);
-    if (error != std::errc() || read != end || seconds < 1 || seconds > reload_timeout_max) {
+    const std::optional<unsigned> seconds = number_parse<unsigned>(arguments[1], 1, reload_timeout_max);
+    if (!seconds) {
         return fail(control_result::usage,
-                    "reload timeout: expected 1 to 3600 seconds, not '" + control_printable(arguments[1], 40) + "'");
+                    "reload timeout: expected 1 to 3600 seconds, not '" + text_escape(arguments[1], 40) + "'");
     }
-    return ask({{"call", "reload"}, {"timeout", seconds}});
+    return ask({{"call", "reload"}, {"timeout", *seconds}});
 }
 
 const control_json& data_of(const control_json& answer) {
@@ -265,7 +265,7 @@ std::string load_text(const control_json& answer) {
         const std::string outcome = item.value("outcome", "");
         if (check && outcome != "unchanged") {
             text += outcome + std::string(outcome.size() < 9 ? 9 - outcome.size() : 1, ' ') +
-                    control_printable(item.value("path", ""), 1024) + '\n';
+                    text_escape(item.value("path", ""), 1024) + '\n';
         }
     }
     text += counts_text(items);
@@ -288,7 +288,7 @@ std::string trace_name(const control_json& entry) {
 std::string trace_argument_text(const std::string& label, const control_json& value) {
     constexpr int64_t errno_max = 4095;
     if (value.is_string()) {
-        return label + " \"" + control_printable(value.get_ref<const std::string&>(), 1024) + '"';
+        return label + " \"" + text_escape(value.get_ref<const std::string&>(), 1024) + '"';
     }
     const bool is_code = label == "status" && value.is_number_integer() && value.get<int64_t>() > errno_max;
     return label + ' ' + (is_code ? hexadecimal(value.get<uint32_t>()) : control_json_text(value));
@@ -300,7 +300,7 @@ std::string trace_arguments_text(const control_json& entry) {
     for (const auto& [label, value] : arguments.items()) {
         text += (text.empty() ? "  " : ", ") + trace_argument_text(label, value);
         if (label == "status" && entry.contains("error")) {
-            text += " (" + control_printable(entry.value("error", ""), 1024) + ')';
+            text += " (" + text_escape(entry.value("error", ""), 1024) + ')';
         }
     }
     return text;

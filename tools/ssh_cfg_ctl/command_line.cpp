@@ -1,8 +1,9 @@
 #include "ssh_cfg_ctl/command_line.h"
 
-#include <charconv>
 #include <optional>
 #include <string_view>
+
+#include "common/number.h"
 
 namespace {
 
@@ -14,13 +15,12 @@ void refuse(ctl_command_line& line, const std::string& error) {
 }
 
 void set_timeout(ctl_command_line& line, const std::string& text) {
-    unsigned seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size() || seconds < 1 || seconds > timeout_max) {
+    const std::optional<unsigned> seconds = number_parse<unsigned>(text, 1, timeout_max);
+    if (!seconds) {
         refuse(line, "--timeout: expected 1 to 86400 seconds, not '" + text + "'");
         return;
     }
-    line.timeout = seconds;
+    line.timeout = *seconds;
 }
 
 struct flag_row {

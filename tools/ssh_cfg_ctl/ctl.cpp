@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 
+#include "common/text.h"
 #include "control_protocol/answer.h"
 #include "ssh_cfg_ctl/calls.h"
 #include "ssh_cfg_ctl/client.h"
@@ -35,7 +36,7 @@ int print(const std::string& text, control_result result) {
 void complain(std::string_view message) {
     while (!message.empty()) {
         const std::string_view line = message.substr(0, message.find('\n'));
-        fprintf(stderr, "%s: %s\n", program, control_printable(line, 4096).c_str());
+        fprintf(stderr, "%s: %s\n", program, text_escape(line, 4096).c_str());
         message.remove_prefix(std::min(message.size(), line.size() + 1));
     }
 }
@@ -84,7 +85,7 @@ int report_unknown_call(const ctl_command_line& line) {
         names.emplace_back(row.name);
     }
     const std::string_view nearest = ctl_nearest(line.call[0], names);
-    const std::string message = "unknown call '" + control_printable(line.call[0], 40) + "'";
+    const std::string message = "unknown call '" + text_escape(line.call[0], 40) + "'";
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }
 

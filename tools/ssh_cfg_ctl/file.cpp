@@ -1,24 +1,20 @@
 #include "ssh_cfg_ctl/file.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
+#include "common/file_descriptor.h"
+#include "common/files.h"
+#include "common/text.h"
 #include "control_protocol/frame.h"
 
 namespace {
 
-struct file_closer {
-    void operator()(FILE* file) const {
-        if (file != stdin) {
-            fclose(file);
-        }
-    }
-};
-
 std::string shown_name(const std::string& name) {
-    return name == "-" ? "standard input" : control_printable(name, 300);
+    return name == "-" ? "standard input" : text_escape(name, 300);
 }
 
 std::nullopt_t fail(control_json& problem, const std::string& name, control_result result, const std::string& reason) {
@@ -29,21 +25,19 @@ std::nullopt_t fail(control_json& problem, const std::string& name, control_resu
 }  // namespace
 
 std::optional<std::string> ctl_read_file(const std::string& name, control_json& problem) {
-    const std::unique_ptr<FILE, file_closer> file(name == "-" ? stdin : fopen(name.c_str(), "re"));
-    if (file == nullptr) {
+    // Not only regular files: the shell gives pipes names, too. Standard input is duplicated, so that it stays open.
+    const file_descriptor file(name == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                                           : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) {
         return fail(problem, name, control_result::failed, strerror(errno));
     }
-    static char buffer[65536];
     std::string text;
-    for (size_t count = sizeof buffer; count > 0;) {
-        count = fread(buffer, 1, sizeof buffer, file.get());
-        text.append(buffer, count);
-        if (text.size() > CONTROL_FRAME_MAX) {
-            return fail(problem, name, control_result::refused, "larger than 16 MiB; split it");
-        }
+    const platform_status status = file_read_to_end(file.get(), CONTROL_FRAME_MAX, text);
+    if (status == EFBIG) {
+        return fail(problem, name, control_result::refused, "larger than 16 MiB; split it");
     }
-    if (ferror(file.get()) != 0) {
-        return fail(problem, name, control_result::failed, strerror(errno));
+    if (status != PLATFORM_OK) {
+        return fail(problem, name, control_result::failed, strerror(static_cast<int>(status)));
     }
     return text;
 }

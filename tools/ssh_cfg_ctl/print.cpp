@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "common/text.h"
 #include "ssh_cfg_ctl/table.h"
 
 namespace {
@@ -16,12 +17,11 @@ std::string plain(const control_json& value) {
     if (value.is_boolean()) {
         return value.get<bool>() ? "yes" : "no";
     }
-    return control_printable(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value),
-                             shown_max);
+    return text_escape(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value), shown_max);
 }
 
 std::string heading(const std::string& name) {
-    std::string words = control_printable(name, shown_max);
+    std::string words = text_escape(name, shown_max);
     std::replace(words.begin(), words.end(), '_', ' ');
     return words;
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <span>
 
+#include "common/text.h"
 #include "control_protocol/answer.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/table.h"
@@ -56,8 +57,8 @@ std::string value_text(const control_json& value, const value_form& form) {
     if (value.is_null()) {
         return nothing;
     }
-    const std::string text = control_printable(
-        value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value), shown_max);
+    const std::string text =
+        text_escape(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value), shown_max);
     return text.empty() ? nothing : text;
 }
 

@@ -3,9 +3,9 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdlib>
-#include <string_view>
+
+#include "common/number.h"
 
 namespace {
 
@@ -14,10 +14,7 @@ constexpr size_t usual_width = 80;
 
 size_t columns_of_environment() {
     const char* value = getenv("COLUMNS");
-    const std::string_view text = value == nullptr ? "" : value;
-    size_t columns = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), columns);
-    return error == std::errc() && end == text.data() + text.size() ? columns : 0;
+    return value == nullptr ? 0 : number_parse<size_t>(value).value_or(0);
 }
 
 }  // namespace

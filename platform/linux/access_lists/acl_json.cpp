@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/record_registry.h"
+#include "common/text.h"
 #include "linux/datastore/record_json.h"
 
 namespace {
@@ -60,7 +61,7 @@ uint64_t highest_number(const record_field& field, bool is_ipv6, uint64_t width_
 }
 
 std::string shown(const control_json& value) {
-    return control_printable(control_json_text(value), shown_value);
+    return text_escape(control_json_text(value), shown_value);
 }
 
 /// Fills one native entry from a JSON object.
@@ -73,7 +74,7 @@ class entry_writer {
         for (const auto& [name, value] : object.items()) {
             const record_field* field = find(name);
             if (field == nullptr) {
-                error_ = '"' + control_printable(name, shown_value) + "\": unknown field";
+                error_ = '"' + text_escape(name, shown_value) + "\": unknown field";
                 return false;
             }
             if (!write_field(*field, value, base_ + field->offset)) {

@@ -3,9 +3,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
+#include <optional>
 
+#include "common/number.h"
+#include "common/text.h"
 #include "control_protocol/json_text.h"
 
 namespace {
@@ -55,7 +57,7 @@ std::string operator_word(uint32_t code) {
 }
 
 std::string quoted(std::string_view word) {
-    return '"' + control_printable(word, shown_word) + '"';
+    return '"' + text_escape(word, shown_word) + '"';
 }
 
 constexpr uint32_t protocol_max = 255;
@@ -101,8 +103,9 @@ class line_parser {
     }
 
     static bool whole_number(std::string_view text, uint32_t& number) {
-        const auto [end, result] = std::from_chars(text.data(), text.data() + text.size(), number);
-        return result == std::errc() && end == text.data() + text.size();
+        const std::optional<uint32_t> parsed = number_parse<uint32_t>(text);
+        number = parsed.value_or(number);
+        return parsed.has_value();
     }
 
     template <size_t count>

@@ -2,11 +2,11 @@
 /// texts) or `entries` (an array of objects).
 #include <vector>
 
+#include "common/text.h"
 #include "linux/access_lists/acl_json.h"
 #include "linux/access_lists/acl_line.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/schema_text.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ control_json read_wish(const control_json& request, wished_list& wish) {
     }
     if (!acl_name_is_valid(*name)) {
         return control_answer(control_result::refused,
-                              "access list \"" + text_escape(*name, shown_name) +
+                              "access list \"" + text_escape_quoted(*name, shown_name) +
                                   "\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', "
                                   "not beginning with '-' or '.'");
     }

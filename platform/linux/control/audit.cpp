@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "linux/datastore/schema_text.h"
+#include "common/text.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -38,7 +38,7 @@ void control_audit(const control_peer& peer, std::string_view call, control_resu
     std::string line;
     for (const std::string& entry : entries) {
         // What a peer sent must not begin a line of its own.
-        const std::string shown = control_printable(entry, entry_length);
+        const std::string shown = text_escape(entry, entry_length);
         if (!line.empty() && line.size() + shown.size() > line_length) {
             send_line(peer, call_name.c_str(), result, std::exchange(line, {}));
         }

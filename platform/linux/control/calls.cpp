@@ -1,5 +1,6 @@
 #include "linux/control/calls.h"
 
+#include "common/text.h"
 #include "linux/control/calls_internal.h"
 
 namespace {
@@ -65,5 +66,5 @@ control_json control_call(const control_json& request, const control_peer& peer)
         }
     }
     return control_answer(control_result::usage,
-                          "unknown call \"" + control_printable(name == nullptr ? "" : *name, 40) + '"');
+                          "unknown call \"" + text_escape(name == nullptr ? "" : *name, 40) + '"');
 }

@@ -2,11 +2,11 @@
 #include <utility>
 #include <vector>
 
+#include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/schema_text.h"
 
 namespace {
 

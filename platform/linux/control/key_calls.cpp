@@ -2,9 +2,9 @@
 #include <ctime>
 #include <vector>
 
+#include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/schema_text.h"
 #include "linux/host/key_store_internal.h"
 #include "user_keys/key_der.h"
 
@@ -23,7 +23,7 @@ control_json read_user(const control_json& request, std::string& user) {
             control_result::refused,
             text_format("user \"%s\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', the first neither "
                         "'-' nor '.'",
-                        text_escape(*name, shown_name).c_str()));
+                        text_escape_quoted(*name, shown_name).c_str()));
     }
     user = *name;
     return {};

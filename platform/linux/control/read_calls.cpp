@@ -1,10 +1,10 @@
 #include <vector>
 
+#include "common/text.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
-#include "linux/datastore/schema_text.h"
 #include "platform/record_codec.h"
 
 namespace {

@@ -2,9 +2,9 @@
 /// then is asked for with `reload_state`, so that nothing has to be kept for a caller who may have gone away.
 #include <algorithm>
 
+#include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/schema_text.h"
 #include "linux/host/shelf_manager_internal.h"
 
 namespace {

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
+#include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/schema_text.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/reporting/debug_internal.h"
 #include "linux/reporting/trace_internal.h"
@@ -88,7 +88,7 @@ std::string known_flags() {
 
 control_json switch_flag(const std::string& flag, bool on, const control_peer& peer) {
     const platform_status status = debug_flag_set(flag, on);
-    const std::string shown = text_escape(flag, 80);
+    const std::string shown = text_escape_quoted(flag, 80);
     control_json answer = control_answer(control_result::done);
     if (status == ENOENT) {
         answer = control_answer(control_result::refused, text_format("unknown debug flag \"%s\"; the flags are %s",
@@ -186,7 +186,7 @@ control_json control_call_trace(const control_json& request, const control_peer&
     if (trace_buffer_read(*name, contents) != PLATFORM_OK) {
         return control_answer(
             control_result::refused,
-            text_format("unknown trace buffer \"%s\"; expected error or event", text_escape(*name, 80).c_str()));
+            text_format("unknown trace buffer \"%s\"; expected error or event", text_escape_quoted(*name, 80).c_str()));
     }
     control_json list = control_json::array();
     for (const trace_record& record : contents.records) {

@@ -2,11 +2,11 @@
 
 #include <cmath>
 
-#include "linux/datastore/schema_text.h"
+#include "common/text.h"
 
 namespace {
 
-constexpr size_t shown_path = 200;   ///< characters of a path in a message
+constexpr size_t shown_path = 200;   ///< bytes of a path in a message
 constexpr size_t shown_value = 80;   ///< of a value
 constexpr size_t shown_error = 300;  ///< of a parser's complaint
 
@@ -24,7 +24,7 @@ std::nullopt_t refuse(const value_place& place, const char* format, const std::s
 }
 
 std::string shown(const control_json& value) {
-    return control_printable(control_json_text(value), shown_value);
+    return text_escape(control_json_text(value), shown_value);
 }
 
 /// Beyond this a double does not tell whole numbers apart.
@@ -86,7 +86,7 @@ std::optional<datastore_value> fields_of_object(const value_place& place, const 
     for (const auto& [name, field] : object.items()) {
         const int index = schema_field_index(place.row, name);
         if (index < 0) {
-            return refuse(place, "%s: unknown field \"%s\"; expected %s", text_escape(name, shown_value));
+            return refuse(place, "%s: unknown field \"%s\"; expected %s", text_escape_quoted(name, shown_value));
         }
         if (const char* format = wrong_field_format(field); format != nullptr) {
             return refuse(place, format, shown(field));
@@ -154,12 +154,12 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
         return std::string(word);
     }
     if (json.has_value()) {
-        return value_of({row, path, refusal}, *json, control_printable(word, shown_value));
+        return value_of({row, path, refusal}, *json, text_escape(word, shown_value));
     }
     if (looks_like_json(word)) {
         refusal = text_format("%s: %s is not valid: %s; expected %s", text_escape(path, shown_path).c_str(),
-                              control_printable(word, shown_value).c_str(),
-                              control_printable(error, shown_error).c_str(), schema_expected(row).c_str());
+                              text_escape(word, shown_value).c_str(), text_escape(error, shown_error).c_str(),
+                              schema_expected(row).c_str());
         return std::nullopt;
     }
     return std::string(word);

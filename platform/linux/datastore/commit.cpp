@@ -4,13 +4,13 @@
 #include <map>
 #include <new>
 
+#include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/schema_text.h"
 #include "linux/datastore/state.h"
 
 namespace {
 
-constexpr size_t shown_path = 200;  ///< characters of a path in a message
+constexpr size_t shown_path = 200;  ///< bytes of a path in a message
 
 /// What a commit is to do with one item.
 struct planned_change {

@@ -8,8 +8,9 @@
 #include <cstring>
 #include <memory>
 
+#include "common/files.h"
+#include "common/text.h"
 #include "linux/datastore/engine.h"
-#include "linux/datastore/schema_text.h"
 
 namespace {
 
@@ -124,16 +125,11 @@ platform_status require(sqlite3* database, const char* statement, const std::str
         return status;
     }
     if (answer != expected) {
-        reason = text_format("%s (found \"%s\", expected \"%s\")", complaint, text_escape(answer, 80).c_str(),
+        reason = text_format("%s (found \"%s\", expected \"%s\")", complaint, text_escape_quoted(answer, 80).c_str(),
                              expected.c_str());
         return EUCLEAN;
     }
     return PLATFORM_OK;
-}
-
-std::string folder_of(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
 }
 
 platform_status system_failure(const char* format, const std::string& path, std::string& reason) {
@@ -143,16 +139,11 @@ platform_status system_failure(const char* format, const std::string& path, std:
 }
 
 platform_status sync_folder(const std::string& folder, std::string& reason) {
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0 || fsync(fd) != 0) {
-        const platform_status status = system_failure("cannot write the directory %s: %s", folder, reason);
-        if (fd >= 0) {
-            close(fd);
-        }
-        return status;
+    const platform_status status = file_sync_folder(folder);
+    if (status != PLATFORM_OK) {
+        reason = text_format("cannot write the directory %s: %s", folder.c_str(), platform_status_text(status));
     }
-    close(fd);
-    return PLATFORM_OK;
+    return status;
 }
 
 platform_status open_database(const std::string& path, std::unique_ptr<sqlite_store>& store, std::string& reason) {
@@ -200,13 +191,13 @@ platform_status create_database(const std::string& path, std::string& reason) {
         unlink(new_path.c_str());
         return status;
     }
-    return sync_folder(folder_of(path), reason);
+    return sync_folder(file_folder(path), reason);
 }
 
 /// Makes sure that there is a file, and that it is not one that SQLite would silently take for a new database.
 platform_status prepare_file(const std::string& path, std::string& reason) {
-    if (mkdir(folder_of(path).c_str(), folder_mode) != 0 && errno != EEXIST) {
-        return system_failure("cannot create the directory %s: %s", folder_of(path), reason);
+    if (mkdir(file_folder(path).c_str(), folder_mode) != 0 && errno != EEXIST) {
+        return system_failure("cannot create the directory %s: %s", file_folder(path), reason);
     }
     struct stat file;
     if (stat(path.c_str(), &file) == 0) {

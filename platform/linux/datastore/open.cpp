@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <new>
 
+#include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
-#include "linux/datastore/schema_text.h"
 #include "linux/datastore/state.h"
 #include "linux/reporting/log_message_internal.h"
 

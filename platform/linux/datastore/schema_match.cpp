@@ -3,14 +3,15 @@
 #include <cstring>
 #include <numeric>
 
+#include "common/text.h"
 #include "linux/datastore/schema.h"
-#include "linux/datastore/schema_text.h"
+#include "linux/datastore/schema_form.h"
 
 namespace {
 
 constexpr size_t path_limit = 1024;       ///< bytes of a path
 constexpr size_t comparison_limit = 128;  ///< bytes of a path that are looked at to find the nearest item
-constexpr size_t shown_path = 200;        ///< characters of a path in a message
+constexpr size_t shown_path = 200;        ///< bytes of a path in a message
 constexpr size_t shown_name = 80;
 
 /// Takes the first component off `path`, which begins with '/'.
@@ -28,7 +29,7 @@ struct match {
 
 bool name_fits(std::string_view name, const schema_form& form) {
     return static_cast<int64_t>(name.size()) >= form.lowest && static_cast<int64_t>(name.size()) <= form.highest &&
-           text_has_charset(name, form.charset);
+           schema_has_charset(name, form.charset);
 }
 
 match match_path(const schema_row& row, std::string_view path) {
@@ -125,12 +126,12 @@ std::string unknown_path(std::string_view path) {
                            row.pattern);
     }
     return text_format("%s: no such item; the closest match is %s, where * is %s",
-                       text_escape(path, shown_path).c_str(), row.pattern, text_of_form(row.wildcard).c_str());
+                       text_escape(path, shown_path).c_str(), row.pattern, schema_form_in_words(row.wildcard).c_str());
 }
 
 std::string wrong_name(std::string_view path, std::string_view name, const schema_row& row) {
     return text_format("%s: \"%s\" is not allowed in this path; expected %s", text_escape(path, shown_path).c_str(),
-                       text_escape(name, shown_name).c_str(), text_of_form(row.wildcard).c_str());
+                       text_escape_quoted(name, shown_name).c_str(), schema_form_in_words(row.wildcard).c_str());
 }
 
 }  // namespace

@@ -2,14 +2,15 @@
 
 #include <cstring>
 
+#include "common/text.h"
 #include "linux/datastore/schema.h"
-#include "linux/datastore/schema_text.h"
+#include "linux/datastore/schema_form.h"
 #include "platform/datastore_backend.h"
 #include "platform/value_tuple.h"
 
 namespace {
 
-constexpr size_t shown_path = 200;  ///< characters of a path in a message
+constexpr size_t shown_path = 200;  ///< bytes of a path in a message
 constexpr size_t shown_value = 80;
 
 /// What is wrong with a value; the whole sentence, with the path (and field), the value and the expected form to fill in.
@@ -97,10 +98,10 @@ complaint take_text(const schema_form& form, const datastore_scalar& value, std:
     if (static_cast<int64_t>(given->size()) > form.highest) {
         return complaint::too_long;
     }
-    if (!text_has_charset(*given, form.charset)) {
+    if (!schema_has_charset(*given, form.charset)) {
         return complaint::wrong_characters;
     }
-    if (form.charset == schema_charset::delimited && !text_is_delimited(*given)) {
+    if (form.charset == schema_charset::delimited && !schema_is_delimited(*given)) {
         return complaint::not_delimited;
     }
     text = *given;
@@ -192,7 +193,7 @@ std::string display_scalar(const datastore_scalar& value) {
     if (const bool* flag = std::get_if<bool>(&value)) {
         return *flag ? "true" : "false";
     }
-    return '"' + text_escape(std::get<std::string>(value), shown_value) + '"';
+    return '"' + text_escape_quoted(std::get<std::string>(value), shown_value) + '"';
 }
 
 /// Brings an array into its packed form. A complaint about one of its fields has its text in `refusal` already.
@@ -215,7 +216,7 @@ complaint take_tuple(const schema_row& row, std::string_view path, const datasto
         if (what != complaint::none) {
             refusal = complain(
                 what, text_format("%s: field %zu (%s)", text_escape(path, shown_path).c_str(), i + 1, field.name),
-                display_scalar(*(*fields)[i]), text_of_form(field.form));
+                display_scalar(*(*fields)[i]), schema_form_in_words(field.form));
             return what;
         }
     }
@@ -334,11 +335,11 @@ std::string list_of_fields(const schema_row& row) {
 
 std::string schema_expected(const schema_row& row) {
     if (row.form.kind != schema_kind::tuple) {
-        return text_of_form(row.form);
+        return schema_form_in_words(row.form);
     }
     if (row.rule == schema_tuple_rule::list) {
         return text_format("an array of 1 to %zu strings (%s), each %s", row.fields.size(), row.form.help,
-                           text_of_form(row.fields[0].form).c_str());
+                           schema_form_in_words(row.fields[0].form).c_str());
     }
     const char* format = row.rule == schema_tuple_rule::one_selected
                              ? "an array of at most %zu flags (%s), at least one of them true: %s"

@@ -1,15 +1,13 @@
 #include "platform/banner_service.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <string>
 
+#include "common/files.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/host/banner_service_internal.h"
 #include "linux/host/banner_tokens.h"
@@ -60,42 +58,9 @@ char* expanded_item(const char* item) {
     }
 }
 
-/// Reads a regular file, so that nothing can block here. Returns 0 or an errno value.
-int read_text(int fd, std::string& text) {
-    struct stat status = {};
-    if (fstat(fd, &status) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return EINVAL;
-    }
-    text.resize(platform_file_max + 1);
-    size_t size = 0;
-    while (size < text.size()) {
-        const ssize_t count = read(fd, text.data() + size, text.size() - size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return errno;
-        }
-        if (count == 0) {
-            break;
-        }
-        size += static_cast<size_t>(count);
-    }
-    text.resize(size);
-    return size > platform_file_max ? EFBIG : text.find('\0') != std::string::npos ? EILSEQ : 0;
-}
-
 int read_file(const char* path, std::string& text) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0) {
-        return errno;
-    }
-    const int result = read_text(fd, text);
-    close(fd);
-    return result;
+    const platform_status status = file_read(path, platform_file_max, text);
+    return status == PLATFORM_OK && text.find('\0') != std::string::npos ? EILSEQ : static_cast<int>(status);
 }
 
 /// The text of one of the platform's own banners without the newline at its end; empty when there is none.

@@ -7,9 +7,11 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <string_view>
 
+#include "common/number.h"
+#include "common/text.h"
 #include "linux/process/paths.h"
 #include "linux/reporting/log_message_internal.h"
 
@@ -22,7 +24,8 @@ int lock_fd = -1;
 long holder_of(int fd) {
     char text[16] = {};
     const ssize_t length = pread(fd, text, sizeof text - 1, 0);
-    return length > 0 ? strtol(text, nullptr, 10) : 0;
+    const std::string_view line(text, length > 0 ? static_cast<size_t>(length) : 0);
+    return number_parse<long>(line.substr(0, line.find('\n'))).value_or(0);
 }
 
 void report_holder(long holder) {
@@ -41,8 +44,8 @@ int report_failure(int error, const char* operation) {
 /// What stands in the file is only for people, so a failure to write it does not matter.
 void write_holder(int fd) {
     char text[16];
-    const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, text, static_cast<size_t>(length), 0) != length) {
+    const size_t length = text_format_into(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
+    if (ftruncate(fd, 0) != 0 || pwrite(fd, text, length, 0) != static_cast<ssize_t>(length)) {
         fprintf(stderr, "%s: Cannot write %s\n", log_identifier, runtime_lock_file);
     }
 }

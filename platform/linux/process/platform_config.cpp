@@ -1,14 +1,12 @@
 #include "linux/process/platform_config.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <charconv>
-#include <cstring>
+#include <optional>
 #include <string_view>
 
+#include "common/files.h"
+#include "common/number.h"
+#include "common/text.h"
 #include "linux/process/paths.h"
 #include "platform/process_manager.h"
 
@@ -35,14 +33,10 @@ bool parse_role(std::string_view value, platform_config& config) {
 }
 
 bool parse_node_number(std::string_view value, platform_config& config) {
-    uint32_t number = 0;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
     // All ones stand for "unknown" in records.
-    if (error != std::errc() || end != value.data() + value.size() || number == UINT32_MAX) {
-        return false;
-    }
-    config.node_number = number;
-    return true;
+    const std::optional<uint32_t> number = number_parse<uint32_t>(value, 0, UINT32_MAX - 1);
+    config.node_number = number.value_or(config.node_number);
+    return number.has_value();
 }
 
 constexpr setting settings[] = {
@@ -59,13 +53,9 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-/// The text may be a binary file's, so only what can be shown is.
+/// The text may be a binary file's.
 std::string shown(std::string_view text) {
-    std::string result;
-    for (const char c : text.substr(0, 64)) {
-        result += c >= ' ' && c <= '~' ? c : '?';
-    }
-    return result;
+    return text_escape(text, 64);
 }
 
 /// Empty when the line is in order, else what is wrong with it.
@@ -101,48 +91,18 @@ void read_lines(std::string_view text, platform_config& config, std::vector<std:
     }
 }
 
-/// Returns 0 or an errno value. Only a regular file is read, so that nothing can block here.
-int read_file(int fd, std::string& text) {
-    struct stat status = {};
-    if (fstat(fd, &status) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        return EINVAL;
-    }
-    char buffer[4096];
-    ssize_t length = 0;
-    while ((length = read(fd, buffer, sizeof buffer)) != 0) {
-        if (length < 0 && errno == EINTR) {
-            continue;
-        }
-        if (length < 0) {
-            return errno;
-        }
-        text.append(buffer, static_cast<size_t>(length));
-        if (text.size() > file_size_max) {
-            return EFBIG;
-        }
-    }
-    return 0;
-}
-
 }  // namespace
 
 platform_status platform_config_read(platform_config& config, std::vector<std::string>& problems) {
     config = {PROCESS_ROLE_PRIMARY, 0, false};
-    const int fd = open(platform_config_file, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     std::string text;
-    int error = fd < 0 ? errno : read_file(fd, text);
-    if (fd >= 0) {
-        close(fd);
-    }
-    if (error == ENOENT) {
+    const platform_status status = file_read(platform_config_file, file_size_max, text);
+    if (status == ENOENT) {
         return ENOENT;
     }
-    if (error != 0) {
-        problems.push_back(std::string(platform_config_file) + ": " + strerror(error));
-        return static_cast<platform_status>(error);
+    if (status != PLATFORM_OK) {
+        problems.push_back(std::string(platform_config_file) + ": " + platform_status_text(status));
+        return status;
     }
     read_lines(text, config, problems);
     return PLATFORM_OK;

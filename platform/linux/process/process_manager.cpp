@@ -1,6 +1,5 @@
 #include "platform/process_manager.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <syslog.h>
@@ -8,14 +7,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "common/files.h"
+#include "common/number.h"
 #include "linux/process/node_lock.h"
 #include "linux/process/paths.h"
 #include "linux/process/platform_config.h"
@@ -32,6 +33,8 @@ struct {
     time_t started;
 } state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
 
+constexpr size_t respawn_file_max = 64;
+
 /// An editor may take the file away for a moment while it writes the new one, so a change is looked at once it is over.
 constexpr int settle_milliseconds = 200;
 
@@ -44,46 +47,29 @@ void log_problems(const std::vector<std::string>& problems) {
 /// The number in the file: 0 when there is none, which is the first start. A file with something else in it counts as
 /// none, because the configuration files are then written anew, which is always right.
 uint32_t read_count() {
-    const int fd = open(runtime_respawn_file, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) {
-        if (errno != ENOENT) {
-            platform_log(LOG_WARNING, "Cannot read %s: %s", runtime_respawn_file, strerror(errno));
-        }
+    std::string text;
+    const platform_status status = file_read(runtime_respawn_file, respawn_file_max, text, file_links::refused);
+    if (status == ENOENT) {
         return 0;
     }
-    char text[16] = {};
-    const ssize_t length = read(fd, text, sizeof text - 1);
-    close(fd);
-    char* end = text;
-    const unsigned long long number = length > 0 ? strtoull(text, &end, 10) : 0;
-    if (end == text || strcmp(end, "\n") != 0 || number > UINT32_MAX || text[0] == '-') {
+    if (status != PLATFORM_OK) {
+        platform_log(LOG_WARNING, "Cannot read %s: %s", runtime_respawn_file, platform_status_text(status));
+        return 0;
+    }
+    const std::string_view line = text;
+    const std::optional<uint32_t> number =
+        line.ends_with('\n') ? number_parse<uint32_t>(line.substr(0, line.size() - 1)) : std::nullopt;
+    if (!number) {
         platform_log(LOG_WARNING, "%s does not contain a number", runtime_respawn_file);
-        return 0;
     }
-    return static_cast<uint32_t>(number);
+    return number.value_or(0);
 }
 
-/// Through a second file, so that a kill at any moment leaves the old number or the new one. Returns 0 or an errno value.
-int write_count(uint32_t count) {
-    const int fd = open(runtime_respawn_temporary_file, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) {
-        return errno;
-    }
-    char text[16];
-    const int length = snprintf(text, sizeof text, "%u\n", count);
-    const ssize_t written = write(fd, text, static_cast<size_t>(length));
-    int error = written < 0 ? errno : 0;
-    if (written >= 0 && written != length) {
-        error = ENOSPC;
-    }
-    close(fd);
-    if (error == 0 && rename(runtime_respawn_temporary_file, runtime_respawn_file) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        unlink(runtime_respawn_temporary_file);
-    }
-    return error;
+/// In one step, so that a kill at any moment leaves the old number or the new one.
+platform_status count_start() {
+    const uint32_t before = read_count();
+    state.respawn_count = before == UINT32_MAX ? before : before + 1;
+    return file_replace(runtime_respawn_file, std::to_string(state.respawn_count) + '\n', {.mode = 0644});
 }
 
 /// Takes the events that have come off the queue; what they say is not needed.
@@ -145,12 +131,15 @@ void process_manager_count_start() {
     }
     state.counted = true;
     state.started = time(nullptr);
-    const uint32_t before = read_count();
-    state.respawn_count = before == UINT32_MAX ? before : before + 1;
-    const int error = write_count(state.respawn_count);
-    if (error != 0) {
+    platform_status status = ENOMEM;
+    try {
+        status = count_start();
+    } catch (const std::exception&) {
+        status = ENOMEM;
+    }
+    if (status != PLATFORM_OK) {
         platform_log(LOG_WARNING, "Cannot write %s, so a restart will look like a first start: %s",
-                     runtime_respawn_file, strerror(error));
+                     runtime_respawn_file, platform_status_text(status));
     }
     // Said also because it opens the way to the journal, which can no longer be opened when descriptors have run out.
     platform_log(LOG_INFO, "Starting the agent, start %u since the last clean stop", state.respawn_count);

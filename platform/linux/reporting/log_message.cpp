@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <exception>
 #include <vector>
 
+#include "common/text.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -46,9 +46,7 @@ void send_to_syslog(int priority, const char* text) {
 }
 
 std::string hexadecimal(uint32_t number) {
-    char text[16];
-    snprintf(text, sizeof text, "0x%08X", number);
-    return text;
+    return text_format("0x%08X", number);
 }
 
 const char* or_empty(const char* text) {
@@ -76,7 +74,7 @@ void platform_log(int priority, const char* format, ...) {
     char text[1024];
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(text, sizeof text, format, arguments);
+    text_vformat_into(text, sizeof text, format, arguments);
     va_end(arguments);
     journal_send(priority, text, {}, text);
 }
@@ -92,7 +90,7 @@ void log_message_send(const struct log_message_entry* entry, const char* text) {
     const char* name = or_empty(entry->name);
     // The system's log has no fields, so the text begins with what they would say.
     char plain_text[2048];
-    snprintf(plain_text, sizeof plain_text, "%%%s-%s-%d-%s : %s", category, facility, priority, name, text);
+    text_format_into(plain_text, sizeof plain_text, "%%%s-%s-%d-%s : %s", category, facility, priority, name, text);
     try {
         journal_send(priority, text,
                      {{"SSH_CFG_NAME=", name},

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <exception>
+#include <optional>
 #include <string>
 
+#include "common/number.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/reporting/log_message_internal.h"
 #include "linux/vrf/vrf_table_internal.h"
@@ -22,12 +23,12 @@ bool is_name_character(char c) {
 }
 
 platform_status parse_number(const std::string& key, const std::string& bytes, uint32_t& number) {
-    const char* end = bytes.data() + bytes.size();
-    const auto result = std::from_chars(bytes.data(), end, number);
-    if (result.ec != std::errc() || result.ptr != end || number <= VRF_ID_DEFAULT || number > VRF_ID_MAX) {
+    const std::optional<uint32_t> parsed = number_parse<uint32_t>(bytes, VRF_ID_DEFAULT + 1, VRF_ID_MAX);
+    if (!parsed) {
         platform_log(LOG_ERR, "The number stored for %s is damaged", key.c_str());
         return EBADMSG;
     }
+    number = *parsed;
     return PLATFORM_OK;
 }
 

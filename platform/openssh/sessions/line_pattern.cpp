@@ -1,6 +1,6 @@
 #include "openssh/sessions/line_pattern.h"
 
-#include <charconv>
+#include "common/number.h"
 
 namespace openssh {
 
@@ -32,8 +32,9 @@ bool match_pattern(std::string_view pattern, std::string_view text, captures& fo
 }
 
 bool number_of(std::string_view piece, unsigned long long& number) {
-    const auto [end, error] = std::from_chars(piece.data(), piece.data() + piece.size(), number);
-    return error == std::errc() && end == piece.data() + piece.size();
+    const auto parsed = number_parse<unsigned long long>(piece);
+    number = parsed.value_or(number);
+    return parsed.has_value();
 }
 
 }  // namespace openssh

@@ -11,11 +11,13 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <optional>
+
+#include "common/number.h"
 
 namespace openssh {
 
@@ -74,8 +76,9 @@ bool take_field(std::string_view text, size_t wanted, number& value) {
     for (; field < wanted && !text.empty(); ++field) {
         text.remove_prefix(std::min(text.find(' '), text.size() - 1) + 1);
     }
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return field == wanted && error == std::errc();
+    const auto parsed = number_parse<number>(text.substr(0, text.find_first_of(" \n")));
+    value = parsed.value_or(value);
+    return field == wanted && parsed.has_value();
 }
 
 std::string address_text(const sockaddr_storage& address) {
@@ -159,15 +162,13 @@ void look_at_connection(int process_descriptor, pid_t pid, std::string* peer, by
     const std::string folder = proc_path(pid, "fd");
     const std::unique_ptr<DIR, int (*)(DIR*)> descriptors(opendir(folder.c_str()), closedir);
     while (const dirent* entry = descriptors != nullptr ? readdir(descriptors.get()) : nullptr) {
-        int number = 0;
-        const std::string_view name = entry->d_name;
-        if (std::from_chars(name.data(), name.data() + name.size(), number).ec != std::errc() ||
-            !read_link(folder + "/" + entry->d_name).starts_with("socket:")) {
+        const std::optional<int> number = number_parse<int>(entry->d_name);
+        if (!number || !read_link(folder + "/" + entry->d_name).starts_with("socket:")) {
             continue;
         }
         // Duplicating the descriptor works in any network namespace. It is closed at once: a duplicate would keep the
         // connection open after the process has closed it.
-        const int copy = static_cast<int>(syscall(SYS_pidfd_getfd, process_descriptor, number, 0));
+        const int copy = static_cast<int>(syscall(SYS_pidfd_getfd, process_descriptor, *number, 0));
         if (copy < 0) {
             continue;
         }

@@ -1,12 +1,15 @@
 #include "openssh/sessions/state_store.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <vector>
+
+#include "common/files.h"
 
 namespace openssh {
 
@@ -24,25 +27,19 @@ struct stored_session {
 /// Holds only the last session id, for when there are no sessions.
 constexpr const char* counter_name = "last";
 
-bool write_whole(const std::string& path, const void* bytes, size_t size) {
-    const std::string candidate = path + ".new";
-    const int file = open(candidate.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (file < 0) {
-        return false;
-    }
-    const bool written = write(file, bytes, size) == static_cast<ssize_t>(size);
-    return close(file) == 0 && written && rename(candidate.c_str(), path.c_str()) == 0;
+bool write_whole(const std::string& path, const stored_session& stored) {
+    const platform_status status = file_replace(path, {reinterpret_cast<const char*>(&stored), sizeof(stored)}, {});
+    errno = static_cast<int>(status);
+    return status == PLATFORM_OK;
 }
 
 bool read_stored(const std::string& path, stored_session& stored) {
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (file < 0) {
+    std::string bytes;
+    if (file_read(path, sizeof(stored), bytes, file_links::refused) != PLATFORM_OK || bytes.size() != sizeof(stored)) {
         return false;
     }
-    const ssize_t length = read(file, &stored, sizeof(stored));
-    close(file);
-    return length == static_cast<ssize_t>(sizeof(stored)) && stored.magic == stored_session().magic &&
-           stored.size == sizeof(session_facts);
+    std::memcpy(&stored, bytes.data(), sizeof(stored));
+    return stored.magic == stored_session().magic && stored.size == sizeof(session_facts);
 }
 
 std::vector<std::string> names_in(const std::string& folder) {
@@ -77,9 +74,8 @@ bool store_session(const session_table& table, const session_facts& facts, const
     stored_session stored;
     stored.last_session_id = table.last_session_id;
     stored.facts = facts;
-    return write_whole(folder + "/" + std::to_string(facts.pid), &stored, sizeof(stored)) &&
-           (facts.session_id != table.last_session_id ||
-            write_whole(folder + "/" + counter_name, &stored, sizeof(stored)));
+    return write_whole(folder + "/" + std::to_string(facts.pid), stored) &&
+           (facts.session_id != table.last_session_id || write_whole(folder + "/" + counter_name, stored));
 }
 
 void remove_stored_session(pid_t pid, const std::string& folder) {

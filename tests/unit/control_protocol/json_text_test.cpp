@@ -109,34 +109,4 @@ TEST(control_json, text_never_fails_on_bytes_that_are_not_utf_8) {
     EXPECT_EQ(control_json_text(control_json("a\xff")), "\"a\xef\xbf\xbd\"");
 }
 
-TEST(control_utf8, knows_well_formed_text) {
-    EXPECT_TRUE(control_is_utf8(""));
-    EXPECT_TRUE(control_is_utf8("a\x01ü€\xf0\x9f\x98\x80"));
-    for (const char* text : {"\xff", "\xc0\x80", "a\xc3", "\xed\xa0\x80", "\xe0\x80\x80", "\xf5\x80\x80\x80", "\x80"}) {
-        EXPECT_FALSE(control_is_utf8(text));
-    }
-}
-
-TEST(control_printable, escapes_what_a_terminal_or_log_would_obey) {
-    EXPECT_EQ(control_printable("plain ü €", 100), "plain ü €");
-    EXPECT_EQ(control_printable("a\nb\x1b[2J\x7f", 100), "a\\x0ab\\x1b[2J\\x7f");
-    EXPECT_EQ(control_printable("\xc2\x9b|\xff|\xc2", 100), "\\xc2\\x9b|\\xff|\\xc2");
-    EXPECT_EQ(control_printable("\xe0\x80\x80 \xed\xa0\x80 \xf0\x80\x80\x80 \xf4\x90\x80\x80", 200).find('\xe0'),
-              std::string::npos);
-}
-
-TEST(control_printable, escapes_what_makes_a_text_look_like_another) {
-    EXPECT_EQ(control_printable("a\u202eb\u200bc\u2066d\u061ce\ufefff", 100),
-              "a\\xe2\\x80\\xaeb\\xe2\\x80\\x8bc\\xe2\\x81\\xa6d\\xd8\\x9ce\\xef\\xbb\\xbff");
-    EXPECT_EQ(control_printable(std::string_view("a\0b", 3), 100), "a\\x00b");
-    EXPECT_EQ(control_printable("\u00a0|\u061b|\u2010|\u2027|\u2030|\u2070|\ufefe", 100),
-              "\u00a0|\u061b|\u2010|\u2027|\u2030|\u2070|\ufefe");
-}
-
-TEST(control_printable, cuts_at_a_character) {
-    EXPECT_EQ(control_printable("abcdef", 6), "abcdef");
-    EXPECT_EQ(control_printable("abcdefg", 6), "abcdef...");
-    EXPECT_EQ(control_printable("aü", 2), "a...");
-}
-
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/text.h"
 #include "openssh/text.h"
 
 using namespace openssh;
@@ -46,7 +47,7 @@ TEST(launcher_report, a_service_reports_to_the_journal) {
     ASSERT_EQ(pipe(ends), 0);
     struct stat status;
     ASSERT_EQ(fstat(ends[1], &status), 0);
-    const std::string stream = format_text("%llu:%llu", static_cast<unsigned long long>(status.st_dev),
+    const std::string stream = text_format("%llu:%llu", static_cast<unsigned long long>(status.st_dev),
                                            static_cast<unsigned long long>(status.st_ino));
     EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), true), report_way::system_log);
     EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), false), report_way::marked_text);

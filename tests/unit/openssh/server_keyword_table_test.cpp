@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "common/text.h"
 #include "golden.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
@@ -129,7 +130,7 @@ TEST(launcher_keyword_table, writes_no_keyword_that_the_installed_sshd_does_not_
     const std::string key_line = "HostKey " + scratch.make_host_key() + "\n";
     for (const keyword_row& row : server_keyword_rows()) {
         if (row.how == treatment::pass || row.how == treatment::list) {
-            const std::string line = format_text("%s no\n", std::string(row.output_keyword()).c_str());
+            const std::string line = text_format("%s no\n", std::string(row.output_keyword()).c_str());
             const auto result = openssh_test::run_sshd("-t", scratch.write("f", key_line + line));
             EXPECT_EQ(result.errors.find("Bad configuration option"), std::string::npos) << result.errors;
         }

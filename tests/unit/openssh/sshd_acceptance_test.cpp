@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 
+#include "common/text.h"
 #include "openssh/run_programs.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
@@ -40,7 +41,7 @@ struct generator {
         remainder.clear();
         for (const std::string& name : names) {
             if (below(4) == 0) {
-                list += format_text("x509v3-%s,", name.c_str());
+                list += text_format("x509v3-%s,", name.c_str());
             }
             if (below(8) == 0 && !remainder.empty()) {
                 list += remainder.substr(0, remainder.find(',')) + ",";
@@ -61,18 +62,18 @@ struct generator {
                                                                    {"HostKeyAlgorithms", algorithm_kind::key}};
         for (const auto& [keyword, kind] : keywords) {
             std::string remainder;
-            file.text += format_text("%s %s\n", keyword, make_list(kind, remainder).c_str());
+            file.text += text_format("%s %s\n", keyword, make_list(kind, remainder).c_str());
             file.expected[lower_case(keyword)] = remainder;
         }
     }
 
     void add_number(generated_file& file, const char* keyword, unsigned limit) {
         const std::string number = std::to_string(1 + below(limit));
-        file.text += format_text("%s %s\n", keyword, number.c_str());
+        file.text += text_format("%s %s\n", keyword, number.c_str());
         file.expected[lower_case(keyword)] = number;
         // A later line of the same keyword changes nothing.
         if (below(4) == 0) {
-            file.text += format_text("%s 7777\n", keyword);
+            file.text += text_format("%s 7777\n", keyword);
         }
     }
 
@@ -83,12 +84,12 @@ struct generator {
         add_number(file, "ClientAliveInterval", 1000);
         const unsigned volume = 1 + below(4096);
         const unsigned minutes = 1 + below(1440);
-        file.text += format_text("RekeyLimit %uM %um\n", volume, minutes);
-        file.expected["rekeylimit"] = format_text("%llu %u", volume * 1048576ULL, minutes * 60);
+        file.text += text_format("RekeyLimit %uM %um\n", volume, minutes);
+        file.expected["rekeylimit"] = text_format("%llu %u", volume * 1048576ULL, minutes * 60);
         const char* forwarding = below(2) == 0 ? "local" : "no";
-        file.text += format_text("AllowTcpForwarding %s\n", forwarding);
+        file.text += text_format("AllowTcpForwarding %s\n", forwarding);
         file.expected["allowtcpforwarding"] = forwarding;
-        file.text += format_text("IPQoS 0x%x\n", below(64) << 2);
+        file.text += text_format("IPQoS 0x%x\n", below(64) << 2);
         file.expected["usepam"] = "yes";
         file.expected["pidfile"] = "none";
         for (const char* own : {"RateLimitQd 60", "SessionLimitQd 64", "WindowScaleQd 3", "HostTrustpointQd a b",

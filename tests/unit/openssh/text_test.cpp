@@ -6,12 +6,6 @@
 using namespace openssh;
 using testing::ElementsAre;
 
-TEST(launcher_text, formats_text_of_any_length) {
-    const std::string text(100000, 'x');
-    EXPECT_EQ(format_text("%s-%d", text.c_str(), 7), text + "-7");
-    EXPECT_EQ(format_text("%s", ""), "");
-}
-
 TEST(launcher_text, shows_unprintable_bytes_as_numbers_and_cuts_long_text) {
     EXPECT_EQ(shown(std::string_view("a\0b\n\xff~", 6)), "a\\x00b\\x0a\\xff~");
     EXPECT_EQ(shown(std::string(201, 'x')), std::string(200, 'x') + "...");

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <random>
 
+#include "common/text.h"
 #include "golden.h"
 #include "openssh/text.h"
 #include "scratch.h"
@@ -44,7 +45,7 @@ constexpr const char* quiet_lines = "UsePAM yes\nAllowTcpForwarding no\n";
 std::vector<std::string> remarks_of(const translation& result) {
     std::vector<std::string> texts;
     for (const remark& one : result.remarks) {
-        texts.push_back(format_text("<%d> %s", static_cast<int>(one.level), one.text.c_str()));
+        texts.push_back(text_format("<%d> %s", static_cast<int>(one.level), one.text.c_str()));
     }
     return texts;
 }
@@ -111,7 +112,7 @@ TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
     for (const char* line :
          {"Ciphers chacha20-poly1305@openssh.com,", "KexAlgorithms curve25519-sha256", "MACs hmac-md5",
           "HostKeyAlgorithms ssh-ed25519,ssh-rsa,", "Ciphers", "Ciphers +aes128-ctr", "Ciphers ,"}) {
-        const std::string text = format_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n%s\n", line);
+        const std::string text = text_format("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n%s\n", line);
         EXPECT_TRUE(translate_text(text).refused) << line;
         EXPECT_THAT(remarks_of(text).back(), HasSubstr("the list is empty in FIPS mode")) << line;
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/text.h"
 #include "openssh/text.h"
 #include "scratch.h"
 
@@ -80,7 +81,7 @@ TEST(launcher_value_forms, sshd_takes_every_value_that_a_form_takes) {
     const std::string key = scratch.make_host_key();
     for (const form_case& one : form_cases()) {
         for (const std::string& value : one.good) {
-            const std::string text = format_text("HostKey %s\n%s %s\n", key.c_str(), one.keyword, value.c_str());
+            const std::string text = text_format("HostKey %s\n%s %s\n", key.c_str(), one.keyword, value.c_str());
             const auto result = openssh_test::run_sshd("-t", scratch.write("f", text));
             EXPECT_EQ(result.status, 0) << one.keyword << " " << value << ": " << result.errors;
         }

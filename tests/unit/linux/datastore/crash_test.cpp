@@ -8,6 +8,7 @@
 #include <fstream>
 #include <random>
 
+#include "common/text.h"
 #include "syscall_faults.h"
 #include "unit/linux/datastore/datastore_fixture.h"
 

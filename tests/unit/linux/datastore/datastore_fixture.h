@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/engine.h"
-#include "linux/datastore/schema_text.h"
 
 namespace datastore_test {
 

@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "common/text.h"
 #include "linux/datastore/state.h"
 #include "scratch_root.h"
 #include "unit/linux/datastore/datastore_fixture.h"

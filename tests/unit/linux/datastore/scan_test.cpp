@@ -1,5 +1,6 @@
 #include <errno.h>
 
+#include "common/text.h"
 #include "unit/linux/datastore/datastore_fixture.h"
 
 namespace datastore_test {

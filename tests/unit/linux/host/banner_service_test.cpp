@@ -154,7 +154,7 @@ TEST_F(banner_service_test, leaves_a_platform_banner_out_that_cannot_be_one) {
     std::filesystem::remove(banner_platform_login_file);
     EXPECT_EQ(complaint(), "");
     std::filesystem::create_directory(banner_platform_login_file);
-    EXPECT_THAT(complaint(), HasSubstr("Invalid argument"));
+    EXPECT_THAT(complaint(), HasSubstr("Is a directory"));
     std::filesystem::remove(banner_platform_login_file);
     EXPECT_EQ(0, mkfifo(banner_platform_login_file, 0600));
     EXPECT_THAT(complaint(), HasSubstr("Invalid argument"));

@@ -43,7 +43,7 @@ TEST_F(respawn_count_test, grows_with_each_start_until_a_clean_stop) {
     EXPECT_EQ(3u, start());
     std::filesystem::remove(runtime_respawn_file);
     EXPECT_EQ(1u, start());
-    EXPECT_FALSE(std::filesystem::exists(runtime_respawn_temporary_file));
+    EXPECT_FALSE(std::filesystem::exists(std::string(runtime_respawn_file) + ".new"));
 }
 
 TEST_F(respawn_count_test, is_counted_once_a_process) {
@@ -111,7 +111,7 @@ TEST_F(respawn_count_test, a_full_file_system_leaves_the_old_number_whole) {
     EXPECT_EQ(2u, start());
     EXPECT_NE(std::string::npos, journal.messages().find("No space left on device"));
     EXPECT_EQ("1\n", read_file(runtime_respawn_file));
-    EXPECT_FALSE(std::filesystem::exists(runtime_respawn_temporary_file));
+    EXPECT_FALSE(std::filesystem::exists(std::string(runtime_respawn_file) + ".new"));
     process_manager_reset();
     umount2(runtime_directory, MNT_DETACH);
 }

@@ -1,10 +1,9 @@
-#include "linux/datastore/schema_text.h"
+#include "linux/datastore/schema_form.h"
 
 #include <cctype>
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 
+#include "common/text.h"
 #include "platform/datastore.h"
 
 namespace {
@@ -62,44 +61,6 @@ const charset_row& row_of(schema_charset charset) {
     return charsets[static_cast<size_t>(charset)];
 }
 
-struct utf8_form {
-    uint32_t smallest;   ///< a smaller character has a shorter form, which it must take
-    unsigned char mask;  ///< bits of the first byte that tell the form
-    unsigned char lead;  ///< what they are
-    uint8_t length;      ///< bytes
-};
-
-constexpr utf8_form utf8_forms[] = {
-    {0, 0x80, 0x00, 1},
-    {0x80, 0xe0, 0xc0, 2},
-    {0x800, 0xf0, 0xe0, 3},
-    {0x10000, 0xf8, 0xf0, 4},
-};
-
-bool is_scalar_value(uint32_t character) {
-    return character <= 0x10ffff && (character < 0xd800 || character > 0xdfff);
-}
-
-/// Reads a character of a known form; 0 when it is cut off, overlong or none.
-size_t decode(std::string_view text, const utf8_form& form, uint32_t& character) {
-    if (text.size() < form.length) {
-        return 0;
-    }
-    uint32_t value = static_cast<unsigned char>(text[0]) & static_cast<unsigned char>(~form.mask);
-    for (size_t i = 1; i < form.length; i++) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte & 0xc0) != 0x80) {
-            return 0;
-        }
-        value = value << 6 | (byte & 0x3f);
-    }
-    if (value < form.smallest || !is_scalar_value(value)) {
-        return 0;
-    }
-    character = value;
-    return form.length;
-}
-
 std::string number_in_words(const schema_form& form) {
     return text_format("a number from %lld to %lld (%s)", static_cast<long long>(form.lowest),
                        static_cast<long long>(form.highest), form.help);
@@ -107,56 +68,7 @@ std::string number_in_words(const schema_form& form) {
 
 }  // namespace
 
-std::string text_format(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    va_list again;
-    va_copy(again, arguments);
-    const int length = vsnprintf(nullptr, 0, format, arguments);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
-    va_end(arguments);
-    return text;
-}
-
-size_t text_utf8_character(std::string_view text, uint32_t& character) {
-    if (text.empty()) {
-        return 0;
-    }
-    const auto first = static_cast<unsigned char>(text[0]);
-    for (const utf8_form& form : utf8_forms) {
-        if ((first & form.mask) == form.lead) {
-            return decode(text, form, character);
-        }
-    }
-    return 0;
-}
-
-std::string text_escape(std::string_view text, size_t limit) {
-    std::string shown;
-    for (size_t characters = 0; !text.empty(); characters++) {
-        if (characters == limit) {
-            return shown + "...";
-        }
-        uint32_t character = 0;
-        const size_t length = text_utf8_character(text, character);
-        if (length == 0 || is_control(character)) {
-            for (size_t i = 0; i < (length == 0 ? 1 : length); i++) {
-                shown += text_format("\\x%02x", static_cast<unsigned char>(text[i]));
-            }
-        } else if (character == '"' || character == '\\') {
-            shown += '\\';
-            shown += text[0];
-        } else {
-            shown += text.substr(0, length);
-        }
-        text.remove_prefix(length == 0 ? 1 : length);
-    }
-    return shown;
-}
-
-bool text_has_charset(std::string_view text, schema_charset charset) {
+bool schema_has_charset(std::string_view text, schema_charset charset) {
     const charset_row& row = row_of(charset);
     if (!text.empty() && text[0] != '\0' && strchr(row.kept_from_start, text[0]) != nullptr) {
         return false;
@@ -172,13 +84,13 @@ bool text_has_charset(std::string_view text, schema_charset charset) {
     return true;
 }
 
-bool text_is_delimited(std::string_view text) {
+bool schema_is_delimited(std::string_view text) {
     const unsigned char delimiter = text.empty() ? 0 : static_cast<unsigned char>(text.front());
     // A letter would turn a text that lost its delimiters, or never had any, into another one.
     return text.size() >= 2 && text.back() == text.front() && delimiter < delete_character && ispunct(delimiter) != 0;
 }
 
-std::string text_of_form(const schema_form& form) {
+std::string schema_form_in_words(const schema_form& form) {
     switch (form.kind) {
         case schema_kind::number:
             return number_in_words(form);
