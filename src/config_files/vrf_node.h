@@ -26,7 +26,7 @@ struct vrf_node {
     char netconf_v6_acl[acl_name_size];
     acl_handle* v4_aclhead;  ///< subscriptions; owned by acl/
     acl_handle* v6_aclhead;
-    uint32_t server_started;  ///< 1 after a configuration or namespace event (re)started the unit
+    uint32_t server_started;  ///< 1 after a configuration or namespace event has (re)started the unit
     vrf_node* next;
 };
 

@@ -104,8 +104,7 @@ void start_in_namespace(vrf_node* node, const char* namespace_name) {
         trace_error(vrf_trace_unit_create, {node->name});
         return;
     }
-    ssh_process_restart(1, node->name);
-    node->server_started = 1;
+    restart_server_of(node);
     if (make_nft_table("ssh_proxy_nns_handler", node->name) != 0 || attach_all_lists(node) != 0) {
         return;
     }

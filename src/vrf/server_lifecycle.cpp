@@ -165,6 +165,17 @@ int ssh_process_restart(uint32_t start, const char* vrf_name) {
     return start != 0 ? start_server(vrf_name) : stop_server(vrf_name);
 }
 
+int restart_server_of(vrf_node* node) {
+    const int result = ssh_process_restart(1, node->name);
+    char unit[PATH_MAX];
+    service_unit_path(node->name, unit, sizeof unit);
+    // Without a unit the restart has nothing to do yet, and nothing has been started.
+    if (result == 0 && file_exists(unit) == 1) {
+        node->server_started = 1;
+    }
+    return result;
+}
+
 int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, const char* value, uint32_t* change,
                      int new_node) {
     char path[PATH_MAX];

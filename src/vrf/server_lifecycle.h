@@ -4,9 +4,14 @@
 
 #include <cstdint>
 
+#include "config_files/vrf_node.h"
+
 /// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, blocking the VRF in management-plane protection
 /// during a restart. Returns 0 or -1; a VRF whose server could not be started stays blocked.
 int ssh_process_restart(uint32_t start, const char* vrf_name);
+
+/// Starts or restarts the server of a node, which counts as started only if a unit was started. Returns 0 or -1.
+int restart_server_of(vrf_node* node);
 
 /// Makes sure that the VRF's file exists and is not stale (checked only for a new node), and adds the line of `keyword`
 /// and `value` if `add_line` is 1. Sets `*change` if the file changed. Returns 0 or -1.

@@ -1,8 +1,10 @@
 #include "vrf/vrf_appliers.h"
 
+#include <climits>
 #include <cstring>
 
 #include "config_files/config_writer.h"
+#include "config_files/files.h"
 #include "config_files/parameter_table.h"
 #include "config_files/vrf_node.h"
 #include "core/agent_state.h"
@@ -218,8 +220,7 @@ int start_unit(const server_kind& kind, vrf_node* node, int* result) {
         return -1;
     }
     mark_vrf(kind.service, node->name);
-    *result = ssh_process_restart(1, node->name);
-    node->server_started = 1;
+    *result = restart_server_of(node);
     return 0;
 }
 
@@ -298,8 +299,7 @@ int stop_service(const server_kind& kind, vrf_node* node) {
         delete_vrf_node(node);
         unmark_vrf(kind.service, vrf_name);
     } else if (kind.restarts_remaining_server) {
-        ssh_process_restart(1, vrf_name);
-        node->server_started = 1;
+        restart_server_of(node);
         unmark_vrf(kind.service, vrf_name);
     } else if (node->reference_count == 1 && file_changed != 0) {
         ssh_process_restart(1, vrf_name);
@@ -348,6 +348,22 @@ platform_status apply_vrf_item(const server_kind& kind, const datastore_change& 
     return 0;
 }
 
+/// Makes the unit of the default VRF's server if it has gone with an earlier namespace. While no server was configured
+/// there, nobody made it again when the namespace returned.
+void restore_default_unit() {
+    char unit[PATH_MAX];
+    service_unit_path(default_vrf, unit, sizeof unit);
+    if (file_exists(unit) == 1 || !vrf_namespace_exists(default_vrf)) {
+        return;
+    }
+    char namespace_name[namespace_name_size];
+    vrf_namespace_name(default_vrf, namespace_name, sizeof namespace_name);
+    if (create_sshd_service_config_file(namespace_name) != 0) {
+        debug_print("Failed to create systemd service and config file for vrf:=%s", default_vrf);
+        trace_error(vrf_trace_unit_create, {default_vrf});
+    }
+}
+
 /// The protocol item was created or changed: runs a server in the default VRF. Returns 0, -1 after a logged failure, or
 /// 1 when out of memory.
 int start_default_server(uint32_t event) {
@@ -363,6 +379,7 @@ int start_default_server(uint32_t event) {
     if (make_nft_table("sshd_apply_ver_func", default_vrf) != 0) {
         return -1;
     }
+    restore_default_unit();
     mark_vrf(MPP_SERVICE_SSH, default_vrf);
     uint32_t file_changed = 0;
     if (prepare_vrf_file(default_vrf, 0, nullptr, nullptr, &file_changed, new_node ? 1 : 0) != 0 ||

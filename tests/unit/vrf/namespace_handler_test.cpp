@@ -213,12 +213,17 @@ TEST_F(namespace_handler_test, a_unit_that_cannot_be_made_ends_it) {
     EXPECT_EQ(node->server_started, 0u);
 }
 
-TEST_F(namespace_handler_test, a_server_that_does_not_start_counts_as_started) {
+TEST_F(namespace_handler_test, a_server_that_does_not_start_is_started_by_the_next_message) {
     vrf_node* node = create_vrf_node("red");
     command_trail::fail_shell("systemctl restart", ENOMEM);
     tell(NAMESPACE_CREATED, "vrf-red");
-    EXPECT_EQ(node->server_started, 1u);
+    EXPECT_EQ(node->server_started, 0u);
     EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
+    command_trail::begin();
+    forget();
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
+    EXPECT_EQ(node->server_started, 1u);
 }
 
 TEST_F(namespace_handler_test, a_table_that_cannot_be_made_ends_it) {

@@ -55,6 +55,34 @@ TEST_F(default_vrf_test, the_protocol_item_starts_its_server_through_the_protoco
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server v2"));
 }
 
+TEST_F(default_vrf_test, a_unit_that_has_gone_with_an_earlier_namespace_is_made_again) {
+    remove_sshd_service_config_file("vrf-default");
+    forget();
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(),
+                ElementsAre("create_nft_table(default)", "vrf_table_lookup(default)", "$ systemctl daemon-reload",
+                            "mpp_vrf_set(1, default)", copy_for("default"), "telemetry", "mpp_vrf_nft_init(default)",
+                            "mpp_vrf_block(default)", unit, "mpp_vrf_unblock(default)"));
+    EXPECT_TRUE(path_exists(unit_file("default")));
+    EXPECT_TRUE(path_exists(environment_file("default")));
+}
+
+TEST_F(default_vrf_test, without_its_namespace_the_unit_stays_away) {
+    remove_sshd_service_config_file("vrf-default");
+    remove_namespace("default");
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_FALSE(path_exists(unit_file("default")));
+}
+
+TEST_F(default_vrf_test, a_unit_that_cannot_be_made_again_is_reported) {
+    remove_sshd_service_config_file("vrf-default");
+    fake_platform::fail("vrf_table_lookup", ENOENT);
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(fake_platform::debug_texts(),
+                Contains("Failed to create systemd service and config file for vrf:=default"));
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
+}
+
 // The server's start is the walk's; only VRF items and namespaces set the flag.
 TEST_F(default_vrf_test, the_protocol_item_leaves_the_started_flag) {
     protocol(created);

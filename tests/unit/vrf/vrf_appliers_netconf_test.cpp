@@ -147,6 +147,13 @@ TEST_F(netconf_vrf_test, a_remaining_server_is_always_restarted) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
 }
 
+TEST_F(netconf_vrf_test, a_remaining_server_without_its_namespace_does_not_count_as_started) {
+    ssh("red", created);
+    netconf("red", created);
+    EXPECT_EQ(netconf("red", deleted), 0);
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+}
+
 TEST_F(netconf_vrf_test, one_unit_and_one_server_serve_both) {
     add_namespace("red");
     ssh("red", created);

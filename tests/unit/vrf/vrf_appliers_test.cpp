@@ -210,12 +210,12 @@ TEST_F(ssh_vrf_test, a_unit_that_cannot_be_made_ends_it) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-TEST_F(ssh_vrf_test, a_server_that_does_not_start_gets_no_lists_but_counts_as_started) {
+TEST_F(ssh_vrf_test, a_server_that_does_not_start_gets_no_lists_and_does_not_count_as_started) {
     add_namespace("red");
     command_trail::fail_shell("systemctl restart", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
     EXPECT_EQ(trail().back(), "$ systemctl restart sshd_service_red");
-    EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
+    EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
 TEST_F(ssh_vrf_test, a_table_that_cannot_be_made_ends_it) {

@@ -1,0 +1,29 @@
+"""Namespaces that come and go while items of their VRFs change."""
+
+import router
+
+DEFAULT = "sshd/v2"
+
+
+def go_away(vrf):
+    """Deletes the namespace and waits until the agent has followed."""
+    unit = router.UNITS / router.server_unit(vrf)
+    router.delete_namespace(vrf)
+    router.wait_until(lambda: not unit.exists(), what=f"{unit} goes with its namespace")
+
+
+def test_a_netconf_item_deleted_while_the_namespace_is_away_keeps_no_ssh_server_from_starting(server):
+    server("red")
+    server("red", "vrf-netconf", 830)
+    go_away("red")
+    router.delete_item("sshd/vrf-netconf/red")
+    router.add_namespace("red")
+    router.wait_for_server("red")
+    assert not router.port_answers("red", 830)
+
+
+def test_the_default_server_starts_although_its_namespace_was_detached_in_between():
+    go_away("default")
+    router.run("ip", "netns", "attach", "vrf-default", "1")
+    router.set_item(DEFAULT, True)
+    router.wait_for_server("default")
