@@ -1,4 +1,4 @@
-/// What every implementation of the ACL service has alike: its record types and its values in words.
+/// What all implementations of the ACL service share: its record types and the names of its values.
 #include <arpa/inet.h>
 
 #include <bit>

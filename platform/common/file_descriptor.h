@@ -1,4 +1,4 @@
-/// A file descriptor, closed at the end of its scope.
+/// A file descriptor that is closed at the end of its scope.
 #ifndef PLATFORM_COMMON_FILE_DESCRIPTOR_H
 #define PLATFORM_COMMON_FILE_DESCRIPTOR_H
 
@@ -6,7 +6,7 @@
 
 class file_descriptor {
   public:
-    /// Owns `fd` from now on; a negative one, as a failed call gives it, is nothing to close.
+    /// Takes ownership of `fd`. A negative one, as returned by a failed call, is never closed.
     explicit file_descriptor(int fd) : fd(fd) {}
     ~file_descriptor() {
         if (fd >= 0) {

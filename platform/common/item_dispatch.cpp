@@ -12,7 +12,7 @@ struct memory_release {
     void operator()(void* memory) const { free(memory); }
 };
 
-/// A path's components, in one allocation: the pointers first, then the text they point into.
+/// A path's components in one allocation: first the pointers, then the text they point into.
 struct split_path {
     std::unique_ptr<const char*[], memory_release> memory;
     datastore_path_components components = {nullptr, 0};
@@ -53,9 +53,9 @@ bool node_matches(const datastore_item_node& node, const char* component) {
     return node.name != nullptr && strcmp(node.name, component) == 0;
 }
 
-/// The first node of a sibling list that matches, -1 when none does.
+/// The first matching node of a sibling list; -1 if there is none.
 int32_t find_sibling(const datastore_item_table* table, int32_t index, const char* component) {
-    // A list that loops back into itself ends after as many steps as the table has nodes.
+    // The number of steps is limited to the number of nodes, in case a list loops back into itself.
     for (uint32_t steps = 0; steps < table->node_count; steps++) {
         if (index < 0 || static_cast<uint32_t>(index) >= table->node_count) {
             return -1;
@@ -68,7 +68,7 @@ int32_t find_sibling(const datastore_item_table* table, int32_t index, const cha
     return -1;
 }
 
-/// The handler of the node that the path leads to; null when it leads nowhere or to a node without one.
+/// The handler of the path's node; null if there is no such node or it has no handler.
 const datastore_item_handler* find_handler(const datastore_item_table* table, const datastore_path_components& path) {
     int32_t level = 0;
     int32_t node = -1;

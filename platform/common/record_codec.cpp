@@ -1,9 +1,10 @@
 /// Encoding of records.
 ///
-/// Encoded form, little-endian, no padding: a uint32_t that is the hash of the compact schema, so that one type's bytes
-/// are never taken for another's; then the fields in their order. Numbers as they are; fixed text and texts as a
-/// uint32_t length and the characters (a text's length counts one more, 0 is a null pointer); arrays and lists as a
-/// uint32_t count and their elements, without the links; pointers and optional values as a byte 0 or 1 and the value.
+/// Encoded form, little-endian, no padding. First a uint32_t, the hash of the compact schema, so that a record of one
+/// type is never decoded as another. Then the fields in order. Numbers are stored as they are; fixed text and text as a
+/// uint32_t length and the characters (the length of a text is one more, and 0 is a null pointer); arrays and lists as
+/// a uint32_t count and the elements without their links; pointers and optional values as a byte, 0 or 1, and the
+/// value.
 #include "platform/record_codec.h"
 
 #include <cerrno>
@@ -17,9 +18,9 @@
 namespace {
 
 constexpr size_t encoded_max = 64U << 20;      // bytes of one record
-constexpr size_t allocation_max = 256U << 20;  // bytes that decoding one record may take
-constexpr uint32_t elements_max = 1U << 20;    // of one list or array; a list that is longer runs in a circle
-constexpr int depth_max = 16;                  // structures within structures
+constexpr size_t allocation_max = 256U << 20;  // bytes that decoding one record may allocate
+constexpr uint32_t elements_max = 1U << 20;    // per list or array; a longer list is taken for a cycle
+constexpr int depth_max = 16;                  // nesting of structures
 
 /// FNV-1a, 32 bit.
 uint32_t hash_of(const char* text) {
@@ -42,7 +43,7 @@ void store(void* to, value_type value) {
     memcpy(to, &value, sizeof(value));
 }
 
-/// A counted array as it stands in a structure.
+/// A counted array as stored in a structure.
 struct native_array {
     uint32_t count;
     unsigned char* elements;
@@ -144,7 +145,7 @@ class encoder {
         put(array.count);
         for (uint32_t i = 0; i < array.count; ++i) {
             const unsigned char* element = array.elements + i * type.size;
-            // An element's place is given by the array, so it has no successor of its own.
+            // The elements of an array are consecutive, so none may have a link of its own.
             if (type.linked && load<const void*>(element + type.link_offset()) != nullptr) {
                 return false;
             }
@@ -194,7 +195,7 @@ class decoder {
     decoder(const record_schema& schema, const void* encoded, size_t size)
         : schema_(schema), at_(static_cast<const unsigned char*>(encoded)), end_(at_ + size) {}
 
-    /// On failure what was allocated hangs in the record, for record_release.
+    /// On failure, everything allocated so far belongs to the record, so that record_release frees it.
     platform_status decode(void* record, const char* compact_schema) {
         uint32_t hash = 0;
         auto* base = static_cast<unsigned char*>(record);
@@ -299,7 +300,7 @@ class decoder {
         return get_bytes(text, length - 1);
     }
 
-    /// Every element takes at least a byte, so a count beyond the bytes that are left is a lie.
+    /// Every element takes at least one byte, so a count greater than the number of remaining bytes is false.
     bool get_count(uint32_t& count) { return get(count) && count <= elements_max && count <= left(); }
 
     bool get_array(const record_definition& type, unsigned char* at, int depth) {
@@ -343,7 +344,7 @@ class decoder {
         return get_fields(type, target, depth + 1);
     }
 
-    /// Hangs `count` new elements behind the pointer at `place`.
+    /// Appends `count` new elements to the link at `place`.
     bool get_list(const record_definition& type, unsigned char* place, uint32_t count, int depth) {
         for (uint32_t i = 0; i < count; ++i) {
             unsigned char* element = allocate(1, type.size);
@@ -359,7 +360,7 @@ class decoder {
         return true;
     }
 
-    /// A record that is itself a list: the first element is the record, the others hang behind it.
+    /// A record that is itself a list: the record is the first element, and the others follow through its link.
     bool get_root_list(unsigned char* base) {
         const record_definition& type = schema_.record();
         uint32_t count = 0;
@@ -410,7 +411,7 @@ void release_array(const record_schema& schema, const record_definition& type, u
     store(at, native_array{});
 }
 
-/// Frees what a structure owns, but for what hangs behind its link.
+/// Frees what a structure owns, except the elements after its link.
 void release_fields(const record_schema& schema, const record_definition& definition, unsigned char* base) {
     for (const record_field& field : definition.fields) {
         unsigned char* at = base + field.offset;

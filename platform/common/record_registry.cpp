@@ -24,7 +24,7 @@ bool is_complete(const record_descriptor* descriptor) {
            descriptor->full_schema != nullptr && descriptor->compact_schema != nullptr;
 }
 
-/// A descriptor that is registered again replaces its earlier self.
+/// Registering a descriptor again replaces the earlier registration.
 void add(registered_record record) {
     auto& records = registry();
     const auto known = std::find_if(records.begin(), records.end(), [&record](const registered_record& other) {

@@ -5,7 +5,7 @@
 #include "common/record_schema.h"
 #include "platform/record_codec.h"
 
-/// The schema of a registered descriptor, or null. Valid as long as the process lives.
+/// The schema of a registered descriptor, or null. Valid for the life of the process.
 const record_schema* find_record_schema(const record_descriptor* descriptor);
 
 #endif

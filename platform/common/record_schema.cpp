@@ -6,9 +6,9 @@
 namespace {
 
 constexpr uint32_t width_max = 65535;
-constexpr size_t structure_max = 1U << 20;  // bytes; structures that embed others grow fast
+constexpr size_t structure_max = 1U << 20;  // bytes; nested structures can grow very fast
 
-/// Where a kind of field stands in memory.
+/// Size and alignment of a kind of field in memory.
 struct field_shape {
     size_t size;
     size_t alignment;
@@ -77,7 +77,7 @@ class schema_parser {
         return has_good_links(definition);
     }
 
-    /// A linked definition ends in its link, which is not all that it has; no other definition has a link.
+    /// A linked definition ends in its link and has other fields, too; any other definition has no link.
     static bool has_good_links(const record_definition& definition) {
         const auto links =
             std::count_if(definition.fields.begin(), definition.fields.end(),
@@ -168,7 +168,7 @@ class schema_parser {
     std::string_view rest_;
 };
 
-/// Finds each field's definition. Every number is defined once.
+/// Resolves each field's definition. No number may be defined twice.
 bool resolve_types(record_schema& schema) {
     const auto find = [&schema](uint32_t number) {
         return std::find_if(schema.definitions.begin(), schema.definitions.end(),
@@ -221,7 +221,7 @@ field_shape shape_of(const record_schema& schema, const record_field& field) {
     }
 }
 
-/// Lays one structure out, after those that it embeds. `depth` bounds a structure that would hold itself.
+/// Lays out one structure, after those that it embeds. `depth` stops a structure that embeds itself.
 bool lay_out(record_schema& schema, size_t index, size_t depth) {
     if (depth > schema.definitions.size()) {
         return false;

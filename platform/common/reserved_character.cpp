@@ -1,7 +1,7 @@
 #include "platform/datastore.h"
 
-// Names go into paths, file names and shell commands. The test is spelled out rather than left to isalnum, whose answer
-// depends on the locale and which is undefined for characters of a signed char below zero.
+// Names become part of paths, file names and shell commands. The test does not use isalnum, which depends on the locale
+// and is undefined for negative values of a signed char.
 int datastore_reserved_character(int character) {
     const bool letter = (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z');
     const bool digit = character >= '0' && character <= '9';

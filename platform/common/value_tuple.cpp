@@ -23,7 +23,7 @@ void store_little_endian(unsigned char* bytes, size_t size, uint32_t value) {
     }
 }
 
-/// Whether `format` is one known conversion for each of `count` fields.
+/// Whether `format` consists of one known conversion for each of `count` fields.
 bool format_is_valid(const char* format, uint32_t count) {
     if (format == nullptr || count > TUPLE_FIELDS_MAX || strlen(format) != size_t{2} * count) {
         return false;
@@ -52,7 +52,7 @@ bool present(uint32_t mask, uint32_t field) {
     return (mask >> field & 1) != 0;
 }
 
-/// What has not been read yet of a packed value.
+/// The unread rest of a packed value.
 struct packed_reader {
     const unsigned char* next;
     size_t left;
@@ -73,7 +73,7 @@ bool read_text(packed_reader& reader, size_t limit, const char*& text) {
     if (!read_little_endian(reader, length_size, length) || length > limit || reader.left < length + 1) {
         return false;
     }
-    // The first NUL has to be the one behind the text: no other may hide a part of it.
+    // The terminator must be the first NUL, because an embedded one would hide part of the text.
     if (memchr(reader.next, '\0', length + 1) != reader.next + length) {
         return false;
     }
@@ -95,7 +95,7 @@ bool read_field(packed_reader& reader, char conversion, tuple_field& field) {
     return true;
 }
 
-/// The packed size of a field; 0 when it does not fit its form.
+/// The packed size of a field; 0 if the field does not match its form.
 size_t packed_field_size(char conversion, const tuple_field& field) {
     if (conversion == 'd') {
         return number_size;

@@ -4,7 +4,7 @@
 
 namespace {
 
-// Position i names the result with the number i.
+// Indexed by result.
 constexpr std::array result_names = {"done", "failed", "usage", "unreachable", "no_data", "refused"};
 
 }  // namespace

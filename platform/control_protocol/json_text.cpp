@@ -8,7 +8,7 @@
 
 namespace {
 
-/// The name that two members of an object have; null when all differ.
+/// A name that two members of an object share; null if all names differ.
 const std::string* duplicate_member(const control_json& object) {
     std::vector<const std::string*> names;
     names.reserve(object.size());
@@ -22,7 +22,7 @@ const std::string* duplicate_member(const control_json& object) {
     return found == names.end() ? nullptr : *found;
 }
 
-/// Builds the document from the parser's events and stops at the first thing that is not wanted.
+/// Builds the document from the parser's events and stops at the first violation.
 class document_builder {
   public:
     using number_integer_t = control_json::number_integer_t;
@@ -50,8 +50,8 @@ class document_builder {
         return true;
     }
 
-    // The member goes straight into the object's storage: looking for an earlier one of that name each time would take
-    // the square of the members. end_object looks once.
+    // Members are appended to the object's storage directly: searching for a duplicate name each time would take
+    // quadratic time. end_object searches once.
     bool key(string_t& name) {
         auto& members = open_containers.back()->get_ref<control_json::object_t&>();
         members.emplace_back(std::move(name), nullptr);
@@ -71,7 +71,7 @@ class document_builder {
     template <class parse_exception>
     bool parse_error(size_t /*position*/, const std::string& /*last_token*/, const parse_exception& exception) {
         std::string_view text = exception.what();
-        // The library puts its own name and an error number before the text.
+        // The library prefixes the text with its own name and an error number.
         if (const size_t end = text.find("] "); text.starts_with('[') && end != std::string_view::npos) {
             text.remove_prefix(end + 2);
         }
@@ -128,7 +128,7 @@ class document_builder {
 }  // namespace
 
 std::optional<control_json> control_json_parse(std::string_view text, std::string& error) {
-    // The parser takes a NUL for the end of the document and would leave unread what stands behind it.
+    // The parser takes a NUL for the end of the document and would ignore anything after it.
     if (text.find('\0') != std::string_view::npos) {
         error = "not JSON: contains a NUL byte";
         return std::nullopt;

@@ -33,7 +33,7 @@ struct access_state {
 
 access_state holdings;
 
-/// The callbacks in the order of their registration, copied because they may unregister themselves.
+/// The callbacks in the order of registration, copied because they may unregister themselves.
 template <typename condition>
 std::vector<acl_change_callback> callbacks_where(condition wanted) {
     std::vector<acl_change_callback> found;

@@ -19,13 +19,13 @@ std::vector<failure> failures;
 std::vector<std::string> recorded;
 bool record_on = true;
 
-/// Whether `operation` names the call: by its name alone, or whole.
+/// Whether `operation` identifies the call, by its name alone or by its full text.
 bool names_call(std::string_view operation, std::string_view call) {
     return call == operation || (call.size() > operation.size() && call.substr(0, operation.size()) == operation &&
                                  call[operation.size()] == '(' && operation.find('(') == std::string_view::npos);
 }
 
-/// Every failure that names the call counts it; the first one that holds decides.
+/// Every failure that matches the call counts it; the first one that is due determines the result.
 platform_status scripted_failure(std::string_view call) {
     platform_status status = PLATFORM_OK;
     for (failure& candidate : failures) {

@@ -13,7 +13,7 @@ using internal::datastore;
 using internal::item_below;
 using internal::item_matches;
 
-/// A change of one item that really is one.
+/// A change of one item, different from what is stored.
 struct item_change {
     std::string path;
     std::optional<value> previous;
@@ -51,7 +51,7 @@ void wish_tree_away(const std::string& tree, wished_values& wished) {
     }
 }
 
-/// What the wished changes come to, in byte order of the paths; a later wish for the same path counts.
+/// The effective changes, in byte order of the paths. The last requested change of a path wins.
 std::vector<item_change> effective_changes(const std::vector<change>& changes) {
     wished_values wished;
     for (const change& change : changes) {
@@ -74,7 +74,7 @@ std::vector<item_change> effective_changes(const std::vector<change>& changes) {
     return effective;
 }
 
-/// Calls `visit` with every verification that the change concerns, and the item's path below its binding.
+/// Calls `visit` with every verification that concerns the change, and the item's path below its binding.
 template <typename visitor>
 void for_each_verification(const item_change& item, visitor visit) {
     const std::vector<internal::verification> registrations = datastore.verifications;
@@ -86,7 +86,7 @@ void for_each_verification(const item_change& item, visitor visit) {
     }
 }
 
-/// Asks one verifier. Returns whether it accepts.
+/// Calls one verifier. Returns whether it accepts.
 bool accepts(const internal::verification& registration, const char* item, const item_change& change,
              commit_result& result) {
     const datastore_change record = change_of(change);
@@ -103,7 +103,7 @@ bool accepts(const internal::verification& registration, const char* item, const
     return result.status == PLATFORM_OK;
 }
 
-/// Whether anybody is notified of the change.
+/// Whether any notification is registered for the change.
 bool is_noticed(const item_change& change) {
     return std::any_of(datastore.notifications.begin(), datastore.notifications.end(),
                        [&change](const internal::notification& registration) {
@@ -113,7 +113,7 @@ bool is_noticed(const item_change& change) {
                        });
 }
 
-/// Asks every verifier that is concerned. An item that nobody at all would hear of is refused.
+/// Calls every verifier concerned. Refuses items without a registered callback.
 bool verify(const item_change& change, commit_result& result) {
     bool accepted = true;
     bool served = is_noticed(change);
@@ -128,7 +128,7 @@ bool verify(const item_change& change, commit_result& result) {
     return accepted && served;
 }
 
-/// Meanwhile the datastore reads as the commit would have it.
+/// During verification, reads from the datastore return what the commit would store.
 bool verify_all(const std::vector<item_change>& effective, commit_result& result) {
     wished_values proposed;
     for (const item_change& item : effective) {

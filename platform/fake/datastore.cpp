@@ -14,7 +14,7 @@ datastore_state datastore;
 
 namespace {
 
-/// Cuts the first component off.
+/// Removes the first component.
 std::string_view take_component(std::string_view& path) {
     const size_t end = std::min(path.find('/'), path.size());
     const std::string_view component = path.substr(0, end);
@@ -157,7 +157,7 @@ std::string path_of(const datastore_binding* binding, const char* item) {
     return binding->path + item;
 }
 
-/// An item as the commit whose verifiers are asked would have it.
+/// An item as it would be after the commit that is being verified.
 std::optional<fake_platform::value> proposed_or_stored(const std::string& path) {
     if (datastore.proposed != nullptr) {
         if (const auto wished = datastore.proposed->find(path); wished != datastore.proposed->end()) {
@@ -167,7 +167,7 @@ std::optional<fake_platform::value> proposed_or_stored(const std::string& path) 
     return stored(path);
 }
 
-/// The names directly below `path`, each once, in byte order. An item's record is its value.
+/// The names directly below `path`, without duplicates, in byte order. An item's record is its value.
 datastore_list children(const std::string& path) {
     std::map<std::string, std::string> names;
     for (auto item = datastore.items.upper_bound(path); item != datastore.items.end(); ++item) {

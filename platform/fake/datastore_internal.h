@@ -1,4 +1,4 @@
-/// The fake datastore's state, which its files share.
+/// The state of the fake datastore, shared by its files.
 #ifndef FAKE_DATASTORE_INTERNAL_H
 #define FAKE_DATASTORE_INTERNAL_H
 
@@ -12,7 +12,7 @@ struct datastore_binding {
 };
 
 struct datastore_list {
-    std::vector<std::pair<std::string, std::string>> entries;  ///< names and records; empty for a name without one
+    std::vector<std::pair<std::string, std::string>> entries;  ///< names and records; the record may be empty
 };
 
 struct datastore_provider {
@@ -52,20 +52,20 @@ struct datastore_state {
     std::vector<notification> notifications;
     std::vector<std::unique_ptr<datastore_provider>> providers;
     std::vector<std::unique_ptr<datastore_list>> open_lists;
-    const std::map<std::string, std::optional<value>>* proposed = nullptr;  ///< of the commit whose verifiers are asked
-    uint32_t handlers_running = 0;  ///< verifiers and appliers that have not returned
+    const std::map<std::string, std::optional<value>>* proposed = nullptr;  ///< by the commit under verification
+    uint32_t handlers_running = 0;  ///< verifiers and appliers that have not returned yet
 };
 
 extern datastore_state datastore;
 
-/// Whether the item (relative to a binding) is meant by a pattern: all by the empty one, what is below by one that ends
-/// in '/', any one component by "*".
+/// Whether a pattern matches an item (relative to a binding): the empty pattern matches all items, one that ends in '/'
+/// all below it, and "*" any one component.
 bool item_matches(std::string_view pattern, std::string_view item);
 
-/// The item's path below the binding; nothing when it does not stand there, or the binding was given back.
+/// The item's path below the binding; nothing if it is not below the binding, or the binding was released.
 std::optional<std::string> item_below(const datastore_binding* binding, std::string_view path);
 
-/// Counts a handler as running while it lives.
+/// Counts a handler as running during its lifetime.
 class handler_scope {
   public:
     handler_scope() { datastore.handlers_running++; }

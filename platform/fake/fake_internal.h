@@ -1,4 +1,4 @@
-/// What the parts of the fake platform share.
+/// Declarations shared by the parts of the fake platform.
 #ifndef FAKE_FAKE_INTERNAL_H
 #define FAKE_FAKE_INTERNAL_H
 
@@ -9,7 +9,7 @@
 
 namespace fake_platform::internal {
 
-/// An argument of a call, as it is recorded.
+/// An argument of a recorded call.
 struct call_argument {
     std::string text;
     call_argument(const char* value) : text(value != nullptr ? value : "NULL") {}
@@ -20,13 +20,13 @@ struct call_argument {
 
 std::string hexadecimal(uint32_t value);
 
-/// Records a call and returns what it is to fail with, or PLATFORM_OK.
+/// Records a call and returns the status to fail with, or PLATFORM_OK.
 platform_status enter(const char* operation, std::initializer_list<call_argument> arguments);
 
-/// Whether reports are to be kept.
+/// Whether reports are recorded.
 bool recording();
 
-/// Text in memory of its own, for a caller that frees it. Not from malloc, so that tests that let the agent's malloc
+/// A copy of the text for a caller that frees it. It does not use malloc, so that tests that make the agent's malloc
 /// fail do not hit the platform.
 char* allocated_text(const std::string& text);
 

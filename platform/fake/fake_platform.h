@@ -1,7 +1,7 @@
-/// The platform in memory, for tests, fuzzing and benchmarks: what its operations were asked is recorded, what they
-/// answer is scripted, and what the platform would announce is announced by the test.
+/// The platform in memory, for tests, fuzzing and benchmarks. It records the calls it gets, tests script its answers,
+/// and tests trigger its notifications.
 ///
-/// One thread. Everything is forgotten by reset().
+/// Single-threaded. reset() clears all state.
 #ifndef FAKE_FAKE_PLATFORM_H
 #define FAKE_FAKE_PLATFORM_H
 
@@ -33,8 +33,8 @@ namespace fake_platform {
 
 inline constexpr uint32_t always = UINT32_MAX;
 
-/// As on a node that has just booted: nothing stored, nothing registered, nothing recorded, nothing failing. Handles
-/// given out before are no longer valid.
+/// Restores the state of a freshly booted node: nothing stored, registered or recorded, and no failures. Invalidates
+/// all handles.
 void reset();
 
 /// As if the process had ended: what it has bound and registered in the datastore is gone, and so is what was reported as
@@ -43,12 +43,12 @@ void end_process();
 
 // --- Failures -------------------------------------------------------------------------------------------------------
 
-/// Lets an operation fail with `status` from its `from_call`th matching call on, `times` times. `operation` is the
-/// operation's name ("datastore_bind"), or a whole call as it is recorded ("datastore_bind(/cfg/gl/banner/)").
-/// Operations that report with errno or a null pointer set errno to `status`. A failed call does nothing else.
+/// Makes an operation fail with `status` from its `from_call`th matching call on, `times` times. `operation` is the
+/// operation's name ("datastore_bind") or a whole call as recorded ("datastore_bind(/cfg/gl/banner/)"). Operations that
+/// report with errno or a null pointer set errno to `status`. A failed call does nothing else.
 void fail(std::string_view operation, platform_status status, uint32_t times = always, uint32_t from_call = 1);
 
-/// Nothing fails any more.
+/// Clears all failures.
 void clear_failures();
 
 // --- Calls ----------------------------------------------------------------------------------------------------------
@@ -61,27 +61,27 @@ const std::vector<std::string>& calls();
 /// The calls whose text begins with `prefix` ("mpp_").
 std::vector<std::string> calls_of(std::string_view prefix);
 
-/// How often the operation (or the whole call) was called.
+/// The number of calls of the operation (or of the whole call).
 size_t count_calls(std::string_view operation);
 
-/// Adds a line to the record, so that what happens elsewhere (a shell command) stands in its place among the calls.
+/// Adds a line to the record, so that an event elsewhere (a shell command) appears in sequence with the calls.
 void record_call(std::string call);
 
 void clear_calls();
 
-/// Switches the records of calls and reports off, for long runs, and on again. Failures are still counted.
+/// Turns the recording of calls and reports off, for long runs, and on again. Failures are still counted.
 void set_recording(bool on);
 
 // --- Datastore ------------------------------------------------------------------------------------------------------
 
-/// A value as the datastore keeps it: `bytes` is the number's four bytes, the text with its NUL, or the packed tuple.
+/// A value as stored by the datastore: `bytes` is the number's four bytes, the text with its NUL, or the packed tuple.
 struct value {
     uint32_t kind = DATASTORE_VALUE_NUMBER;
     std::string bytes;
     bool operator==(const value&) const = default;
 };
 
-/// A tuple's field: a number, a text, or absent.
+/// A field of a tuple: a number, a text, or absent.
 struct field {
     bool present = false;
     int32_t number = 0;
@@ -96,14 +96,14 @@ struct field {
 value number_value(uint32_t number);
 value text_value(std::string_view text);
 
-/// Packs a tuple, whose last fields may be left out when they are absent; throws std::invalid_argument when a field does
-/// not fit `format`.
+/// Packs a tuple; absent fields at the end may be omitted. Throws std::invalid_argument if a field does not match
+/// `format`.
 value tuple_value(const char* format, const std::vector<field>& fields);
 
-/// A tuple's bytes as they are, malformed ones too.
+/// The bytes of a tuple, unchecked, so that they may be malformed.
 value raw_tuple_value(std::string bytes);
 
-/// One wished change: a new value, or removal; of everything below a path that ends in '/'.
+/// One requested change: a new value or a removal; for a path that ends in '/', the removal of everything below it.
 struct change {
     std::string path;
     std::optional<fake_platform::value> new_value;
@@ -127,29 +127,29 @@ struct unenforced {
 };
 
 struct commit_result {
-    platform_status status = PLATFORM_OK;  ///< of the refusal: the verifier's, or one of those below
-    std::string refused_path;              ///< empty when the commit was carried out
+    platform_status status = PLATFORM_OK;  ///< if refused: the verifier's status, or one of those below
+    std::string refused_path;              ///< empty if the commit was carried out
     std::string error_text;                ///< the verifier's
     std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change stands nevertheless
     std::vector<unenforced> not_in_force;  ///< reported meanwhile and not restored since, in the order of the reports
 };
 
-/// One commit: every verification in byte order of the paths, then the store, then every applier, then the notices. A
-/// value that is stored already is no change, nor is the removal of what is not there. Refused with DATASTORE_NO_HANDLER
-/// for an item that nobody has registered for, with EBUSY from within a handler.
+/// One commit: every verifier in byte order of the paths, then the store, then every applier, then the notifications.
+/// Setting a value that is already stored is not a change, nor is removing an item that does not exist. Refused with
+/// DATASTORE_NO_HANDLER for an item without a registered callback, and with EBUSY from within a handler.
 commit_result commit(const std::vector<change>& changes);
 commit_result commit(const change& change);
 
-/// Stores an item without telling anybody, as configuration that was there before; the second takes it away.
+/// Stores an item without notifying anyone, like configuration that existed before; the second removes one.
 void store(const change& change);
 
 /// The stored value of an item.
 std::optional<value> stored(std::string_view path);
 
-/// Delivers one change to the notifications of its path alone, whatever is stored.
+/// Delivers one change only to the notifications of its path, whatever is stored.
 void notify(std::string_view path, uint32_t event, const std::optional<value>& value);
 
-/// Makes the list at `path` (ending in '/') consist of these names and encoded records.
+/// Replaces the list at `path` (ending in '/') with these names and encoded records.
 void set_list(std::string path, std::vector<std::pair<std::string, std::string>> entries);
 void remove_list(std::string_view path);
 
@@ -159,7 +159,7 @@ struct encoded_record {
 };
 
 struct answer {
-    platform_status status = PLATFORM_OK;  ///< the provider's; DATASTORE_NO_SUCH_TREE when no provider serves the path
+    platform_status status = PLATFORM_OK;  ///< the provider's; DATASTORE_NO_SUCH_TREE if no provider serves the path
     bool is_list = false;
     std::vector<encoded_record> records;
 };
@@ -167,10 +167,10 @@ struct answer {
 /// An operational read, answered by the provider that serves `path`.
 answer read(std::string_view path);
 
-/// What `fill` answers when it is asked for `item`, without a registration.
+/// What `fill` returns when called for `item`, without a registration.
 answer ask(datastore_provider_callback fill, const char* item, void* context = nullptr);
 
-/// How many bindings (of the path), verifications, notifications and providers there are.
+/// The number of bindings (of the path), verifications, notifications and providers.
 size_t bindings();
 size_t bindings(std::string_view path);
 size_t verifications();
@@ -179,7 +179,7 @@ size_t providers();
 
 // --- Event manager --------------------------------------------------------------------------------------------------
 
-/// Exit status of a process whose loop has nothing left to do.
+/// Exit status of the process when the loop has nothing left to do.
 inline constexpr int loop_end_status = 99;
 
 /// Thrown out of the loop by the hook that throw_at_loop_end() sets.
@@ -193,17 +193,17 @@ void queue_message(uint32_t code, std::string body);
 void queue_fd(int fd, uint32_t conditions = EVENT_MANAGER_READ);
 void queue_block_failure(int error);
 
-/// Called by event_manager_block when nothing is left; it does not come back (or queues more first). Without a hook the
-/// process ends with loop_end_status.
+/// Called by event_manager_block when nothing is left. It must not return, unless it queues more events first. Without
+/// a hook the process exits with loop_end_status.
 void set_loop_end(std::function<void()> hook);
 void throw_at_loop_end();
 
-/// The loop's work until nothing is queued, without the agent's loop. Returns how many events there were.
+/// Processes queued events without the agent's loop until none is left. Returns their number.
 size_t dispatch_queued();
 
 struct message_reply {
     bool handled = false;  ///< whether a handler is attached
-    uint32_t replies = 0;  ///< one is right
+    uint32_t replies = 0;  ///< exactly one is correct
     std::string bytes;     ///< of the last reply
 };
 
@@ -211,19 +211,19 @@ struct message_reply {
 message_reply send_message(uint32_t code, std::string_view body);
 message_reply send_namespace_message(uint32_t code, std::string_view namespace_name);
 
-/// What the last queued or sent message was answered with.
+/// The reply to the last queued or sent message.
 const message_reply& last_reply();
 
 /// Calls the handlers of a descriptor at once.
 void signal_fd(int fd, uint32_t conditions = EVENT_MANAGER_READ);
 
-/// Calls the handlers of the attached descriptors that are really ready. Returns how many there were.
+/// Calls the handlers of those attached descriptors that are actually ready. Returns their number.
 size_t dispatch_ready_fds();
 
-/// Lets time pass for the managed timers; the leaves that are due expire in order.
+/// Advances the clock of the managed timers; leaves that are due expire in order.
 void advance_time(uint32_t seconds);
 
-/// How many leaves are running.
+/// The number of running leaves.
 size_t running_timers();
 
 // --- Reports --------------------------------------------------------------------------------------------------------
@@ -242,7 +242,7 @@ const std::vector<log_line>& log_lines();
 std::vector<std::string> log_texts();
 bool logged(std::string_view name, std::string_view text);
 
-/// Debug lines, as "text"; with the flag they were written for.
+/// Debug lines, with the flag that each was written for.
 struct debug_line {
     uint32_t flag;
     std::string text;
@@ -260,10 +260,10 @@ struct debug_flag {
 };
 const std::vector<debug_flag>& debug_flags();
 
-/// Switches a flag and tells the handlers.
+/// Switches a flag and notifies the handlers.
 void set_debug_flag(uint32_t id, bool on);
 
-/// Switches a flag without telling anybody.
+/// Switches a flag without notifying anyone.
 void preset_debug_flag(uint32_t id, bool on);
 
 struct trace_line {
@@ -275,21 +275,21 @@ struct trace_line {
 const std::vector<trace_line>& trace_lines();
 std::vector<trace_line> trace_lines_of(std::string_view buffer);
 
-/// The fault points that were registered.
+/// The registered fault points.
 const std::vector<fault_point>& fault_points();
 
-/// Forgets log messages, debug lines and trace entries.
+/// Clears log messages, debug lines and trace entries.
 void clear_reports();
 
 // --- Process manager, node, VRF table, MPP --------------------------------------------------------------------------
 
-void set_role(uint32_t role);                        ///< at first PROCESS_ROLE_PRIMARY
-void set_respawn_count(uint32_t count);              ///< at first 1
-void set_node(uint32_t id, std::string name);        ///< at first 1, "node0"
-void set_vrf_id(std::string vrf_name, uint32_t id);  ///< VRFs without one get the next number at their first look-up
+void set_role(uint32_t role);                        ///< initially PROCESS_ROLE_PRIMARY
+void set_respawn_count(uint32_t count);              ///< initially 1
+void set_node(uint32_t id, std::string name);        ///< initially 1, "node0"
+void set_vrf_id(std::string vrf_name, uint32_t id);  ///< other VRFs get the next number at their first look-up
 void set_file_systems(std::vector<std::string> names);
 
-/// State that the agent has asked MPP for.
+/// State that the agent has requested from MPP.
 bool mpp_open(uint32_t service);
 bool vrf_set(uint32_t service, std::string_view vrf_name);
 bool vrf_initialised(std::string_view vrf_name);
@@ -326,16 +326,16 @@ void shelf_reload();
 
 // --- ACL service, key store, banners, telemetry ---------------------------------------------------------------------
 
-/// Tells the subscribers of a list that it has changed. Returns what they returned, in order.
+/// Notifies the subscribers of a list that it has changed. Returns their results in order.
 std::vector<int> change_acl(uint32_t family, std::string_view acl_name, bool present);
 
-/// Gives the notice to every subscriber as it is, null included.
+/// Passes the notification unchanged to every subscriber, even if it is null.
 std::vector<int> send_acl_notice(const acl_change_notice* notice);
 
 size_t acl_handles();
 size_t acl_subscriptions(std::string_view acl_name);
 
-/// The name of an action; at first 0 "deny" and 1 "permit".
+/// The name of an action; initially 0 is "deny" and 1 "permit".
 void set_acl_action(uint32_t grant, std::string name);
 
 struct stored_key {
@@ -350,7 +350,7 @@ struct stored_key {
 void set_key(stored_key key);
 const std::vector<stored_key>& keys();
 
-/// What key_store_pubkey_to_der makes of a text; any other text gives EINVAL.
+/// The result of key_store_pubkey_to_der for a text; any other text gives EINVAL.
 void set_der(std::string text, std::string der, uint32_t bits);
 
 void set_configured_banner(uint32_t kind, std::optional<std::string> text);

@@ -16,7 +16,7 @@ std::string_view without_slash(std::string_view path) {
     return !path.empty() && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
 }
 
-/// The item's path below the provider's; nothing when it does not serve it.
+/// The item's path below the provider's; nothing if the provider does not serve it.
 std::optional<std::string> item_of(const datastore_provider& provider, std::string_view path) {
     const std::string_view root = without_slash(provider.path);
     if (path.compare(0, root.size(), root) != 0 || (path.size() > root.size() && path[root.size()] != '/')) {

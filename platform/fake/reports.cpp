@@ -36,10 +36,10 @@ struct report_state {
 
 report_state reports;
 
-/// Beside the rest, because it is asked before every debug print.
+/// Separate from the other state, because it is read before every debug print.
 bool flag_on[32];
 
-/// Puts errno back, which no report may touch.
+/// Restores errno, which no report may change.
 class errno_keeper {
   public:
     errno_keeper() : kept_(errno) {}

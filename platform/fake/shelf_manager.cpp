@@ -18,7 +18,7 @@ namespace {
 
 std::vector<std::unique_ptr<shelf_manager>> clients;
 
-/// Calls one callback of every client that has it.
+/// Invokes one callback of every client that has it.
 void call_clients(shelf_manager_callback shelf_manager::*callback, void* shelf_manager::*context) {
     for (size_t i = 0; i < clients.size(); i++) {
         shelf_manager* client = clients[i].get();

@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t shown_value = 60;
 
-/// The values of an enumeration, by their numbers.
+/// The values of an enumeration by number.
 struct enumeration_row {
     const char* name;
     std::vector<const char*> values;
@@ -49,7 +49,7 @@ const enumeration_row* find_enumeration(const std::string& name) {
     return nullptr;
 }
 
-/// The highest number that a field takes, when its width allows numbers up to `width_max`.
+/// The highest number allowed in a field whose width allows numbers up to `width_max`.
 uint64_t highest_number(const record_field& field, bool is_ipv6, uint64_t width_max) {
     for (const acl_condition_row& row : acl_conditions) {
         const acl_condition_fields& fields = acl_fields_of(row, is_ipv6);

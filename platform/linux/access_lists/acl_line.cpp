@@ -50,7 +50,7 @@ const acl_operator_row* find_operator(std::string_view word) {
     return found != std::end(acl_operators) ? found : nullptr;
 }
 
-/// The operator's word, or its code when there is no such operator.
+/// The keyword of the operator; its code if there is no such operator.
 std::string operator_word(uint32_t code) {
     return code < ACL_OPERATOR_COUNT && acl_operators[code].word != nullptr ? acl_operators[code].word
                                                                             : std::to_string(code);
@@ -199,7 +199,7 @@ class line_parser {
         return true;
     }
 
-    /// So that a list shows what it compares, and one meaning has one form.
+    /// A list then shows what it compares, and equal conditions have the same form.
     void clear_what_does_not_count(acl_address& address) const {
         for (size_t i = 0; i < address.address.size(); i++) {
             address.address[i] &= ipv6_ ? address.mask[i] : static_cast<uint8_t>(~address.mask[i]);
@@ -221,7 +221,7 @@ class line_parser {
         return true;
     }
 
-    /// Makes the mask of a prefix: a network mask in IPv6, its complement in IPv4.
+    /// Builds the mask of a prefix: a network mask in IPv6, its complement in IPv4.
     void set_length(acl_address& address, uint32_t length) const {
         address.mask = {};
         for (uint32_t bit = 0; bit < length; bit++) {

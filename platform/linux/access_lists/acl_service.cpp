@@ -60,7 +60,7 @@ std::string key_of(uint32_t family, std::string_view name) {
     return std::string(families[family == ACL_FAMILY_IPV6 ? 1 : 0].key_prefix) + std::string(name);
 }
 
-/// A change that the subscribers have yet to be told.
+/// A change that subscribers have not been notified of yet.
 struct pending_notice {
     uint32_t family;
     std::string name;
@@ -78,7 +78,7 @@ acl_service_state& service() {
     return state;
 }
 
-/// Every subscriber's callback once, however many handles it has on the list.
+/// Calls each subscriber's callback once, however many handles it has on the list.
 std::set<acl_change_callback> callbacks_of(const pending_notice& pending) {
     std::set<acl_change_callback> callbacks;
     for (const auto& handle : service().handles) {
@@ -110,7 +110,7 @@ int deliver_pending(sd_event_source* /*source*/, void* /*userdata*/) {
     return 0;
 }
 
-/// Has the notices delivered when the loop is reached again.
+/// Schedules delivery of the notifications for when control returns to the loop.
 void wake_up() {
     event_manager* manager = event_manager_current();
     if (manager == nullptr) {
@@ -124,7 +124,8 @@ void wake_up() {
     sd_event_source_set_enabled(service().deferred, SD_EVENT_ONESHOT);
 }
 
-/// Several changes of a list before the loop is reached are one: its entries are read when the notice is delivered.
+/// Changes of a list are merged until control returns to the loop: its entries are read when the notification is
+/// delivered.
 void announce(uint32_t family, std::string_view name, bool present) {
     auto& pending = service().pending;
     std::erase_if(pending,
@@ -137,7 +138,7 @@ void append_number(std::string& bytes, uint32_t number) {
     bytes.append(reinterpret_cast<const char*>(&number), sizeof(number));
 }
 
-/// Takes a number off the front.
+/// Removes a number from the front.
 bool take_number(std::string_view& bytes, uint32_t& number) {
     if (bytes.size() < sizeof(number)) {
         return false;

@@ -1,6 +1,6 @@
-/// Access lists as the rest of the Linux platform makes and reads them.
+/// Access lists, as created and read by the rest of the Linux platform.
 ///
-/// A list is kept whole under one key of the datastore's private part, so that it is replaced in one durable step.
+/// The datastore's private part holds each list under one key, so that a list is replaced in one durable step.
 #ifndef LINUX_ACCESS_LISTS_ACL_SERVICE_INTERNAL_H
 #define LINUX_ACCESS_LISTS_ACL_SERVICE_INTERNAL_H
 
@@ -22,26 +22,26 @@ struct acl_stored_entry {
 /// Names of actions, by their number in an entry.
 inline constexpr const char* acl_action_names[] = {"deny", "permit"};
 
-/// Lets the ACL service answer: registers its record types and serves its lists through the datastore.
+/// Starts the ACL service: registers its record types and serves its lists through the datastore.
 platform_status acl_service_start();
 
-/// Withdraws the lists from the datastore. Their contents and their subscribers stay.
+/// Withdraws the lists from the datastore. Contents and subscribers are kept.
 void acl_service_stop();
 
-/// Stores a list in place of its former self; the subscribers are told when the loop is reached again. The entries are in
-/// ascending order of their sequence numbers. Returns when the list is on stable storage.
+/// Stores a list, replacing any previous one; subscribers are notified when control returns to the loop. The entries
+/// are in ascending order of their sequence numbers. Returns once the list is on stable storage.
 platform_status acl_list_replace(uint32_t family, std::string_view name, const std::vector<acl_stored_entry>& entries);
 
-/// Removes a list. DATASTORE_NO_SUCH_LIST when there is none.
+/// Removes a list. Returns DATASTORE_NO_SUCH_LIST if there is none.
 platform_status acl_list_delete(uint32_t family, std::string_view name);
 
 /// The names of all lists of a family, in byte order.
 platform_status acl_list_names(uint32_t family, std::vector<std::string>& names);
 
-/// The entries of a list. DATASTORE_NO_SUCH_LIST when there is none.
+/// The entries of a list. Returns DATASTORE_NO_SUCH_LIST if there is none.
 platform_status acl_list_entries(uint32_t family, std::string_view name, std::vector<acl_stored_entry>& entries);
 
-/// Whether a list may have this name: 1 to 64 letters, digits, '_', '-' and '.', the first of them no '-' and no '.'.
+/// Whether a list may have this name: 1 to 64 letters, digits, '_', '-' and '.', not beginning with '-' or '.'.
 bool acl_name_is_valid(std::string_view name);
 
 #endif
