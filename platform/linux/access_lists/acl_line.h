@@ -26,7 +26,6 @@ std::string acl_format_line(uint32_t family, const acl_rule& rule);
 
 /// Numbers each rule that has no sequence number ten higher than the rule before it, and sorts all. Reports a duplicate
 /// number in `error`.
-/// `error`.
 bool acl_number_rules(std::vector<acl_rule>& rules, std::string& error);
 
 #endif

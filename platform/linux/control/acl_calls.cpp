@@ -25,7 +25,7 @@ struct wished_list {
     std::string name;
 };
 
-/// Reads family and name. Returns null, or the answer that says what is wrong.
+/// Reads family and name. Returns null, or an answer that says what is wrong.
 control_json read_wish(const control_json& request, wished_list& wish) {
     const std::string* family = control_text_member(request, "family");
     const std::string* name = control_text_member(request, "name");
@@ -61,7 +61,7 @@ control_json failure(const wished_list& wish, platform_status status) {
                                                               platform_status_text(status), status));
 }
 
-/// Numbers the rules and encodes them. Returns null or a refusal.
+/// Numbers and encodes the rules. Returns null or a refusal.
 control_json encode_rules(uint32_t family, std::vector<acl_rule>& rules, std::vector<acl_stored_entry>& entries) {
     std::string error;
     if (!acl_number_rules(rules, error)) {
@@ -96,7 +96,7 @@ control_json read_lines(uint32_t family, const control_json& lines, std::vector<
     return encode_rules(family, rules, entries);
 }
 
-/// Puts entries in order; those without a sequence number get the next ten, in their record, too.
+/// Sorts the entries. Those without a sequence number get the previous one plus ten, in their record as well.
 control_json read_objects(uint32_t family, const control_json& objects, std::vector<acl_stored_entry>& entries) {
     uint32_t last = 0;
     for (size_t i = 0; i < objects.size(); i++) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Characters of the entries in one line of the journal.
+/// The most characters of the entries in one line of the journal.
 constexpr size_t line_length = 2000;
 constexpr size_t entry_length = 400;
 
@@ -37,7 +37,7 @@ void control_audit(const control_peer& peer, std::string_view call, control_resu
     const std::string call_name(call);
     std::string line;
     for (const std::string& entry : entries) {
-        // What a peer sent must not begin a line of its own.
+        // Text sent by a peer must not begin a line of its own.
         const std::string shown = text_escape(entry, entry_length);
         if (!line.empty() && line.size() + shown.size() > line_length) {
             send_line(peer, call_name.c_str(), result, std::exchange(line, {}));

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// How many refusals of one load are told at once.
+/// How many refusals of one load are reported at once.
 constexpr size_t refusals_max = 20;
 constexpr size_t shown_path = 200;
 
@@ -60,7 +60,8 @@ control_json warnings_of(const datastore_commit_result& result) {
     return warnings;
 }
 
-/// What the audit says of a commit: each change that was made, each warning; of a refused one what was asked and why not.
+/// What the audit log records about a commit: each change made and each warning; for a refused one, the request and the
+/// reason.
 std::vector<std::string> audit_entries(const std::vector<datastore_change_request>& changes,
                                        const datastore_commit_result& result) {
     std::vector<std::string> entries;
@@ -115,7 +116,7 @@ std::string joined(const std::vector<std::string>& lines) {
     return text;
 }
 
-/// The answer to a change that did not come as far as the datastore.
+/// The answer to a change that was refused before it reached the datastore.
 control_json refuse(const change_call& call, const std::string& path, const std::vector<std::string>& refusals) {
     control_json answer = control_answer(control_result::refused, joined(refusals));
     answer["path"] = path;
@@ -125,7 +126,7 @@ control_json refuse(const change_call& call, const std::string& path, const std:
     return answer;
 }
 
-/// One wished item: a value in JSON, null to delete it, or a word as it was typed.
+/// One requested item: a JSON value, null to delete it, or a word as typed.
 struct wished_item {
     const std::string& path;
     const control_json* value;
@@ -150,9 +151,9 @@ std::optional<datastore_change_request> change_of(const wished_item& wish, std::
     return datastore_change_request{wish.path, std::move(value)};
 }
 
-/// What is wrong with the items of a load.
+/// The errors in the items of a load.
 struct load_refusals {
-    std::string path;  ///< the first refused one
+    std::string path;  ///< the first refused path
     std::vector<std::string> texts;
     size_t untold = 0;
 };
@@ -168,7 +169,7 @@ void add_refusal(load_refusals& refusals, const std::string& path, std::string t
     }
 }
 
-/// Measures all items, so that whoever wrote a file hears of all its mistakes and not of one at a time.
+/// Checks all items, so that the author of a file learns of all its errors at once.
 std::vector<datastore_change_request> changes_of(const control_json& items, load_refusals& refusals) {
     std::vector<datastore_change_request> changes;
     changes.reserve(items.size());

@@ -19,12 +19,12 @@
 namespace {
 
 constexpr uint64_t second = 1'000'000;
-/// What is read or written in one go before others get their turn.
+/// The most to read or write before other connections get their turn.
 constexpr size_t turn_size = 1024UL * 1024;
-/// Frames and answers above this size are worth giving their memory back to the system at once.
+/// The memory of frames and answers larger than this is returned to the system at once.
 constexpr size_t worth_trimming = 256UL * 1024;
 
-// One buffer for all connections: it is only used between a read and the copy into the frame.
+// All connections share one buffer: it is only used between a read and the copy into the frame.
 std::array<char, 64UL * 1024> read_buffer;
 
 void set_deadline(control_connection& connection, uint64_t duration) {
@@ -40,7 +40,7 @@ void enter_phase(control_connection& connection, control_phase phase, uint64_t d
     sd_event_source_set_io_events(connection.io, phase == control_phase::answering ? EPOLLOUT : EPOLLIN);
 }
 
-/// Until the next event, however long that takes.
+/// Waits without a time limit.
 void wait_for_event(control_connection& connection) {
     enter_phase(connection, control_phase::waiting, 0);
     sd_event_source_set_enabled(connection.limit, SD_EVENT_OFF);
@@ -68,13 +68,13 @@ control_json busy_answer() {
     return answer;
 }
 
-/// Without a byte taken.
+/// The time allowed until the peer accepts at least one byte.
 uint64_t time_to_take(const control_connection& connection) {
     const control_limits& limits = connection.server->limits;
     return connection.watching ? limits.watch_time : limits.answer_time;
 }
 
-/// Puts a document on its way.
+/// Starts sending a document.
 void send_document(control_connection& connection, std::string text) {
     const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
     text.insert(text.begin(), header.begin(), header.end());
@@ -84,8 +84,8 @@ void send_document(control_connection& connection, std::string text) {
     enter_phase(connection, control_phase::answering, time_to_take(connection));
 }
 
-/// The answer goes out when the loop is reached again: what the call has asked of the loop, the opening of a VRF's ports
-/// above all, has happened by then.
+/// The answer is sent when control returns to the loop. By then everything that the call has scheduled there has
+/// happened, above all the opening of a VRF's ports.
 void send_answer(control_connection& connection, const control_json& answer, bool last) {
     std::string text = control_json_text(answer);
     if (text.size() > CONTROL_FRAME_MAX) {
@@ -108,7 +108,7 @@ void send_last_answer(control_connection& connection, control_result result, con
     send_answer(connection, control_answer(result, message), true);
 }
 
-/// Makes the peer a watcher, as its answer says, if there is a place.
+/// Makes the peer a watcher, as its answer says, if there is a free place.
 void admit_watcher(control_connection& connection, control_json& answer) {
     const control_server& server = *connection.server;
     if (control_connection_watchers(server) >= server.limits.watchers) {
@@ -147,7 +147,7 @@ void handle_request(control_connection& connection) {
     }
 }
 
-/// A large frame needs a place of its size among the large ones, so that they cannot take all memory together.
+/// A large frame needs one of the places for large frames, so that together they cannot take all memory.
 bool promise_memory(control_connection& connection) {
     control_server& server = *connection.server;
     const size_t length = control_frame_length(connection.frame);
@@ -184,7 +184,7 @@ void take_bytes(control_connection& connection, std::string_view bytes) {
     }
 }
 
-/// What serving a connection has left of it.
+/// Whether a connection still exists after being served.
 enum class served : uint8_t { kept, dropped };
 
 served drop(control_connection& connection) {
@@ -200,7 +200,7 @@ served handle_end_of_input(control_connection& connection) {
     return served::kept;
 }
 
-/// Whether a failed read or write only has to be repeated later.
+/// Whether a failed read or write just needs to be repeated later.
 bool try_again_later(int error) {
     return error == EAGAIN || error == EINTR;
 }
@@ -247,7 +247,7 @@ served write_answer(control_connection& connection) {
     return served::kept;
 }
 
-/// A watcher has nothing more to say: it hangs up.
+/// A watcher has nothing more to send, so readable means that it hangs up.
 served read_end(control_connection& connection) {
     char byte = 0;
     const ssize_t count = recv(connection.fd, &byte, 1, MSG_DONTWAIT);
@@ -267,7 +267,7 @@ served serve(control_connection& connection) {
     return read_frame(connection);
 }
 
-/// No exception may cross the loop, which is C: what one connection asks for must never end the agent.
+/// No exception may cross the loop, which is written in C: a request must never end the agent.
 template <class action>
 void guarded(control_connection* connection, action act) {
     try {
@@ -300,12 +300,12 @@ uint64_t time_for(const control_connection& connection) {
 }
 
 void time_is_up(control_connection& connection) {
-    // A handler has held up the loop, which is not the peer's doing: it gets its time again.
+    // A handler has delayed the loop, which is not the peer's fault: the time limit starts again.
     if (control_now() > connection.deadline + second) {
         set_deadline(connection, time_for(connection));
         return;
     }
-    // Others may have been served while what was missing lay in the socket already.
+    // The missing bytes may have arrived in the socket while other connections were served.
     const uint64_t deadline = connection.deadline;
     if (serve(connection) == served::dropped || connection.deadline != deadline) {
         return;

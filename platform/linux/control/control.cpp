@@ -42,7 +42,7 @@ std::optional<gid_t> find_group(const char* name) {
     return found == nullptr ? std::nullopt : std::optional<gid_t>(entry.gr_gid);
 }
 
-/// 0 when `path` is free or holds a socket, which may be replaced; else an errno value.
+/// Returns 0 if `path` is free or holds a socket, which may be replaced; otherwise an errno value.
 int check_place(const std::string& path) {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0) {
@@ -51,7 +51,7 @@ int check_place(const std::string& path) {
     return S_ISSOCK(status.st_mode) ? 0 : EEXIST;
 }
 
-/// Binds without ever letting anyone in who shall not: the mode is closed first and opened last.
+/// Binds so that unauthorised peers never get in: the mode forbids access first, and allows it last.
 int bind_closed(int fd, const std::string& path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -73,7 +73,7 @@ int open_for_group(const std::string& path, std::optional<gid_t> group_id) {
     return opened ? 0 : errno;
 }
 
-/// Puts the listening socket `fd` at `path` in one step, so that nobody finds a socket there that does not listen yet.
+/// Moves the listening socket `fd` to `path` in one step, so that nobody finds a socket there that does not listen yet.
 int put_in_place(int fd, const std::string& path, std::optional<gid_t> group_id) {
     const std::string temporary = path + ".new";
     int result = check_place(path);
@@ -147,7 +147,7 @@ platform_status control_start(sd_event* loop) {
                      status);
         return status;
     }
-    // Reloads are announced through the socket, so the shelf manager is there with it.
+    // Reloads are announced through the socket, so the shelf manager comes and goes with it.
     shelf_manager_link(true);
     return PLATFORM_OK;
 }

@@ -1,4 +1,4 @@
-/// Calls on users' public keys. Request members: user, and for key_import the key's text as `text`.
+/// Calls on users' public keys. Request members: user, and for key_import the text of the key as `text`.
 #include <ctime>
 #include <vector>
 
@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t shown_name = 80;
 
-/// Reads the member `user`. Returns null, or the answer that says what is wrong.
+/// Reads the member `user`. Returns null, or an answer that says what is wrong.
 control_json read_user(const control_json& request, std::string& user) {
     const std::string* name = control_text_member(request, "user");
     if (name == nullptr) {
@@ -29,7 +29,7 @@ control_json read_user(const control_json& request, std::string& user) {
     return {};
 }
 
-/// Takes blank lines and those that begin with '#' away, as a file of keys may have them; what is left must be one line.
+/// Removes blank lines and lines that begin with '#', which a key file may contain. Exactly one line must be left.
 bool only_line(std::string_view text, std::string_view& line) {
     size_t lines = 0;
     while (!text.empty()) {

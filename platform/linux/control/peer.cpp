@@ -18,7 +18,7 @@ platform_status control_peer_read(int fd, control_peer& peer) {
 
 namespace {
 
-/// The peer's supplementary groups; empty when the kernel does not tell.
+/// The peer's supplementary groups; empty if the kernel does not report them.
 std::vector<gid_t> supplementary_groups(int fd) {
     std::vector<gid_t> groups(64);
     for (;;) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr size_t shown_path = 200;
 
-/// A format takes the path.
+/// The format takes the path.
 control_json no_data(const char* format, const std::string& path) {
     return control_answer(control_result::no_data, text_format(format, text_escape(path, shown_path).c_str()));
 }
@@ -55,7 +55,7 @@ control_json control_call_list(const control_json& request, const control_peer& 
 
 control_json control_call_dump(const control_json& /*request*/, const control_peer& /*peer*/) {
     control_json::object_t items;
-    // The paths come in order and once each, so they need no look-up.
+    // The paths are sorted and unique, so no look-up is needed.
     const platform_status status =
         datastore_visit("/", [&items](const std::string& path, const datastore_value& value) {
             items.emplace_back(path, control_value_to_json(value));

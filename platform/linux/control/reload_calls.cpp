@@ -1,5 +1,6 @@
-/// Calls that announce a reload of the router. The notice is sent within `reload`; an acknowledgement that has not come by
-/// then is asked for with `reload_state`, so that nothing has to be kept for a caller who may have gone away.
+/// Calls that announce a reload of the router. `reload` sends the notification; if the acknowledgement has not arrived
+/// by the end of the call, the caller polls for it with `reload_state`. So nothing is kept for a caller who may have
+/// gone away.
 #include <algorithm>
 
 #include "common/text.h"
@@ -9,10 +10,10 @@
 
 namespace {
 
-constexpr uint32_t timeout_default = 15;  ///< seconds; handling the notice takes the agent some five of them
+constexpr uint32_t timeout_default = 15;  ///< seconds; the agent takes about five to handle the notification
 constexpr uint32_t timeout_max = 3600;
 
-/// Reads the member `timeout`; nothing when it is not in order.
+/// Reads the member `timeout`; nothing if it is invalid.
 std::optional<uint32_t> timeout_of(const control_json& request) {
     const auto member = request.find("timeout");
     if (member == request.end()) {
@@ -73,7 +74,7 @@ control_json control_call_reload(const control_json& request, const control_peer
     if (!timeout.has_value()) {
         return control_wrong_member("timeout", "a number of seconds from 1 to 3600");
     }
-    // Told before the sessions go, since the caller's own may be among them.
+    // Reported before the sessions end, since the caller's own may be among them.
     control_audit(peer, "reload", control_result::done, {"asked for"});
     const platform_status status = shelf_manager_announce_reload(*timeout);
     if (status != PLATFORM_OK) {

@@ -20,12 +20,12 @@
 namespace {
 
 constexpr uint64_t second = 1'000'000;
-/// How many connections are accepted before those that exist get their turn.
+/// How many connections are accepted before existing ones get their turn.
 constexpr int accepted_at_once = 16;
-/// How long accepting pauses when the process has run out of descriptors or memory.
+/// How long accepting pauses when the process is out of descriptors or memory.
 constexpr uint64_t pause_without_descriptors = second / 5;
 
-/// Says why a connection is about to be closed, if the peer's buffer takes it at once.
+/// Sends the reason why a connection is about to be closed, if the peer's buffer accepts it at once.
 void send_parting_answer(int fd, const control_json& answer) {
     const std::string text = control_json_text(answer);
     const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
@@ -33,8 +33,8 @@ void send_parting_answer(int fd, const control_json& answer) {
     static_cast<void>(send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
-/// Of two connections the one that is dropped first to make room: watchers come last, and before them those whose answer
-/// is on its way.
+/// The order in which connections are dropped to make room for new ones: watchers last, and before them those whose
+/// answer is being sent.
 bool dropped_before(const std::unique_ptr<control_connection>& left, const std::unique_ptr<control_connection>& right) {
     const auto rank = [](const control_connection& connection) {
         return std::tuple(connection.watching, connection.phase == control_phase::answering, connection.since);
@@ -61,7 +61,7 @@ void refuse(control_server& server, int fd, const control_peer& peer) {
     send_parting_answer(fd, control_answer(control_result::failed,
                                            "only root and members of the group sshcfg may use the control socket"));
     close(fd);
-    // One line in ten seconds: who is refused must not be able to fill the log.
+    // At most one line in ten seconds: refused peers must not be able to fill the log.
     if (server.refusal_logged == 0 || control_now() - server.refusal_logged > 10 * second) {
         server.refusal_logged = control_now();
         platform_log(LOG_WARNING,
@@ -92,7 +92,7 @@ bool is_shortage(int error) {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
-/// The listener stays readable while nobody can be accepted, and would keep the loop spinning.
+/// Disables the listener for a while: it stays readable while nothing can be accepted and would keep the loop spinning.
 void pause_accepting(control_server& server, int error) {
     platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to accept a control connection, waiting",
                  platform_status_text(error), error);
@@ -190,7 +190,7 @@ void control_server_publish(control_server* server, std::string_view subject, st
     const auto event =
         std::make_shared<const control_event>(control_event{std::string(subject), std::string(document)});
     for (auto next = server->connections.begin(); next != server->connections.end();) {
-        // The connection may be dropped.
+        // The connection may be dropped here.
         control_connection& connection = **next++;
         if (connection.watching) {
             control_connection_notify(connection, event);

@@ -20,9 +20,9 @@
 
 namespace {
 
-/// What the platform's services say of one VRF.
+/// What the platform's services report about one VRF.
 struct vrf_state {
-    std::optional<uint32_t> id;  ///< nothing when the VRF has no number yet
+    std::optional<uint32_t> id;  ///< nothing if the VRF has no number yet
     bool has_namespace = false;
     mpp_vrf_status protection = {};
 };
@@ -102,7 +102,7 @@ control_json switch_flag(const std::string& flag, bool on, const control_peer& p
     return answer;
 }
 
-/// The label of an argument, or its place from 1 on when there is none.
+/// The label of an argument, or its position, counted from 1, if it has none.
 std::string trace_label(const trace_record& record, size_t place) {
     const char* label = record.point != nullptr ? record.point->labels[place] : nullptr;
     return label != nullptr ? label : std::to_string(place + 1);

@@ -7,8 +7,8 @@
 namespace {
 
 constexpr size_t shown_path = 200;   ///< bytes of a path in a message
-constexpr size_t shown_value = 80;   ///< of a value
-constexpr size_t shown_error = 300;  ///< of a parser's complaint
+constexpr size_t shown_value = 80;   ///< characters of a value
+constexpr size_t shown_error = 300;  ///< characters of a parser's error
 
 struct value_place {
     const schema_row& row;
@@ -16,7 +16,7 @@ struct value_place {
     std::string& refusal;
 };
 
-/// A format takes path, value and the expected form.
+/// The format takes the path, the value and the expected form.
 std::nullopt_t refuse(const value_place& place, const char* format, const std::string& value) {
     place.refusal = text_format(format, text_escape(place.path, shown_path).c_str(), value.c_str(),
                                 schema_expected(place.row).c_str());
@@ -27,10 +27,10 @@ std::string shown(const control_json& value) {
     return text_escape(control_json_text(value), shown_value);
 }
 
-/// Beyond this a double does not tell whole numbers apart.
+/// Above this a double cannot represent every whole number.
 constexpr double exact_number_max = 9007199254740992.0;
 
-/// A number that no item's range can hold.
+/// A number outside the range of every item.
 bool is_beyond_range(const control_json& json) {
     if (json.is_number_float()) {
         return std::fabs(json.get<double>()) > exact_number_max;
@@ -38,7 +38,7 @@ bool is_beyond_range(const control_json& json) {
     return json.is_number_unsigned() && json.get<uint64_t>() > INT64_MAX;
 }
 
-/// A whole number stays one in whatever notation: 45, 45.0 and 4.5e1 are the same number in JSON.
+/// A whole number is accepted in any notation: 45, 45.0 and 4.5e1 are the same number in JSON.
 datastore_scalar number_of(const control_json& json) {
     if (json.is_number_float() && std::trunc(json.get<double>()) != json.get<double>()) {
         return json.get<double>();
@@ -61,7 +61,7 @@ bool is_scalar(const control_json& json) {
     return json.is_boolean() || json.is_number() || json.is_string();
 }
 
-/// Why a value cannot be a field; null when it can.
+/// Why a value cannot be a field; null if it can.
 const char* wrong_field_format(const control_json& field) {
     if (!field.is_null() && !is_scalar(field)) {
         return "%s: %s cannot be a field of a value; expected %s";
@@ -93,14 +93,14 @@ std::optional<datastore_value> fields_of_object(const value_place& place, const 
         }
         fields[static_cast<size_t>(index)] = field.is_null() ? std::nullopt : std::optional(scalar_of(field));
     }
-    // A list given by name ends with its last field, as it does when given as an array.
+    // A list given by field names ends with its last field, like one given as an array.
     while (place.row.rule == schema_tuple_rule::list && !fields.empty() && !fields.back()) {
         fields.pop_back();
     }
     return fields;
 }
 
-/// Whether the word can only be meant as JSON, so that a mistake in it is one.
+/// Whether the word can only be meant as JSON, so that a syntax error in it must be reported.
 bool looks_like_json(std::string_view word) {
     return word.starts_with('{') || word.starts_with('[') || word.starts_with('"');
 }

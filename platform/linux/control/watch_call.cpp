@@ -4,7 +4,7 @@
 
 namespace {
 
-/// Every event has the whole state of its path, which is what it is about.
+/// Every event carries the whole state of the path that it is about.
 void pass_on(const control_json& notification, void* /*context*/) {
     const auto& path = notification["prefix"].get_ref<const std::string&>();
     if (control_publish(path, control_json_text(notification)) == 0) {
@@ -15,7 +15,7 @@ void pass_on(const control_json& notification, void* /*context*/) {
 }  // namespace
 
 control_json control_call_watch(const control_json& /*request*/, const control_peer& /*peer*/) {
-    // Listening twice is listening once, and ends with the first event after the last watcher has gone.
+    // Registering twice has no effect. The registration ends with the first event after the last watcher has gone.
     telemetry_listen(pass_on, nullptr);
     control_json answer = control_data_answer(telemetry_snapshot());
     answer["watching"] = true;

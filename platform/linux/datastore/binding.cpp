@@ -7,7 +7,7 @@
 #include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
 
-/// What stands directly below a path, read when the list was asked for.
+/// The names directly below a path, read when the list was requested.
 struct datastore_list {
     std::vector<datastore_list_entry> entries;
 };
@@ -19,7 +19,7 @@ bool is_tree_path(const char* path) {
     return length > 0 && path[0] == '/' && path[length - 1] == '/';
 }
 
-/// Whether `path` may stand between a binding and the names of a list.
+/// Whether `path` may lie between a binding and the names of a list.
 bool is_list_path(const char* path) {
     return path != nullptr && (*path == '\0' || path[strlen(path) - 1] == '/');
 }

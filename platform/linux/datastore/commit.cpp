@@ -12,11 +12,11 @@ namespace {
 
 constexpr size_t shown_path = 200;  ///< bytes of a path in a message
 
-/// What a commit is to do with one item.
+/// What a commit does with one item.
 struct planned_change {
     std::optional<datastore_stored> previous;
     std::optional<datastore_stored> value;
-    bool known = true;  ///< false for a stored item that this version's schema does not have, which can only be deleted
+    bool known = true;  ///< false for a stored item missing from this version's schema; it can only be deleted
 
     datastore_outcome outcome() const {
         if (!value) {
@@ -30,7 +30,7 @@ struct planned_change {
     bool changes() const { return outcome() != datastore_outcome::unchanged; }
 };
 
-/// All changes of a commit. The map's order is that of the paths' bytes, in which appliers run.
+/// All changes of a commit. The map sorts paths bytewise, which is the order in which appliers run.
 using commit_plan = std::map<std::string, planned_change>;
 
 struct outcome_row {
@@ -38,7 +38,7 @@ struct outcome_row {
     uint32_t event;
 };
 
-/// The plan whose verifiers are being asked; null outside.
+/// The plan that is being verified; null otherwise.
 const commit_plan* plan_under_verification = nullptr;
 
 struct verification_scope {
@@ -90,9 +90,9 @@ bool refuse_store(datastore_commit_result& result, platform_status status) {
                               state.database_path.c_str(), reason.c_str()));
 }
 
-// The functions below fill or carry out a plan; they return false when they have refused the commit.
+// The functions below fill or carry out a plan; they return false if they have refused the commit.
 
-/// Reads what is stored now; no item is no failure.
+/// Reads what is stored now; a missing item is not a failure.
 bool read_previous(const std::string& path, planned_change& planned, datastore_commit_result& result) {
     datastore_stored stored;
     const platform_status status = datastore_stored_get(path, stored);
@@ -194,7 +194,7 @@ std::string refusal_text(const std::string& path, platform_status status, char* 
     return text_format("%s: refused by the agent: %s", path.c_str(), platform_status_text(status));
 }
 
-/// Asks one verifier.
+/// Calls one verifier.
 bool verify(const datastore_registration& registration, const std::string& path, std::string_view item,
             const datastore_change& change, datastore_commit_result& result) {
     char* error_text = nullptr;
@@ -210,7 +210,7 @@ bool verify(const datastore_registration& registration, const std::string& path,
     return !refused;
 }
 
-/// Asks every verifier that is concerned. An item that nobody at all would hear of is not served.
+/// Calls every verifier concerned. Items without a registered callback are refused.
 bool verify_item(const std::string& path, const planned_change& planned, datastore_commit_result& result) {
     const datastore_change change = change_of(planned);
     bool served = false;
@@ -271,7 +271,7 @@ bool store_all(const commit_plan& plan, datastore_commit_result& result) {
     for (const auto& [path, planned] : plan) {
         changes += planned.changes() ? 1 : 0;
     }
-    // One change is a transaction by itself, which saves the statements around it.
+    // A single change is a transaction by itself, which saves the statements around it.
     const platform_status status = changes > 1 ? store_transaction(state, plan) : store_items(state, plan);
     if (status == PLATFORM_OK) {
         return true;
@@ -328,7 +328,7 @@ void carry_out(const commit_plan& plan, datastore_commit_result& result) {
     }
 }
 
-/// `stored` tells, also after an exception, whether the changes are in the database.
+/// `stored` says, even after an exception, whether the changes are in the database.
 void commit(const std::vector<datastore_change_request>& requests, bool check_only, datastore_commit_result& result,
             bool& stored) {
     commit_plan plan;

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr int application_id = 0x53434644;  ///< "SCFD", tells this system's databases from others
+constexpr int application_id = 0x53434644;  ///< "SCFD", distinguishes this system's databases from others
 constexpr int schema_version = 1;
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t file_mode = 0600;
@@ -99,7 +99,7 @@ platform_status execute(sqlite3* database, const char* statements, std::string& 
     return status_of(database, result);
 }
 
-/// Runs a statement that answers with one value.
+/// Runs a statement that returns one value.
 platform_status query(sqlite3* database, const char* statement, std::string& answer, std::string& reason) {
     sqlite3_stmt* prepared = nullptr;
     int result = sqlite3_prepare_v2(database, statement, -1, &prepared, nullptr);
@@ -117,7 +117,7 @@ platform_status query(sqlite3* database, const char* statement, std::string& ans
     return status;
 }
 
-/// Asks for one value and refuses any other answer than the expected one.
+/// Queries one value and refuses any result but the expected one.
 platform_status require(sqlite3* database, const char* statement, const std::string& expected, const char* complaint,
                         std::string& reason) {
     std::string answer;
@@ -148,7 +148,7 @@ platform_status sync_folder(const std::string& folder, std::string& reason) {
 
 platform_status open_database(const std::string& path, std::unique_ptr<sqlite_store>& store, std::string& reason) {
     store = std::make_unique<sqlite_store>();
-    // Without the means to create: an existing file is the only thing that is ever opened.
+    // Without SQLITE_OPEN_CREATE: only an existing file is ever opened.
     const int result =
         sqlite3_open_v2(path.c_str(), &store->database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (result != SQLITE_OK) {
@@ -159,7 +159,7 @@ platform_status open_database(const std::string& path, std::unique_ptr<sqlite_st
     return PLATFORM_OK;
 }
 
-/// Fills a new database under a name of its own.
+/// Fills a new database under a temporary name.
 platform_status fill_new(const std::string& path, std::string& reason) {
     std::unique_ptr<sqlite_store> store;
     if (const platform_status status = open_database(path, store, reason); status != PLATFORM_OK) {
@@ -172,8 +172,8 @@ platform_status fill_new(const std::string& path, std::string& reason) {
     return execute(store->database, statements.c_str(), reason);
 }
 
-/// Makes an empty database. It gets its name only when it is whole, so that a file of that name which is not a whole
-/// database is always damage and never the trace of an interrupted first start.
+/// Creates an empty database. The database is renamed only when it is complete, so an incomplete file under its final
+/// name is always damaged and never left over from an interrupted first start.
 platform_status create_database(const std::string& path, std::string& reason) {
     const std::string new_path = path + ".new";
     unlink(new_path.c_str());
@@ -194,7 +194,7 @@ platform_status create_database(const std::string& path, std::string& reason) {
     return sync_folder(file_folder(path), reason);
 }
 
-/// Makes sure that there is a file, and that it is not one that SQLite would silently take for a new database.
+/// Ensures that the file exists and that SQLite would not silently take it for a new database.
 platform_status prepare_file(const std::string& path, std::string& reason) {
     if (mkdir(file_folder(path).c_str(), folder_mode) != 0 && errno != EEXIST) {
         return system_failure("cannot create the directory %s: %s", file_folder(path), reason);
@@ -217,13 +217,13 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
     return create_database(path, reason);
 }
 
-/// Sets the connection up and convinces itself that the database is whole and this version's.
+/// Configures the connection and checks that the database is intact and of this version.
 platform_status set_up(sqlite3* database, std::string& reason) {
     if (sqlite3_db_readonly(database, "main") != 0) {
         reason = "the file is not writable";
         return EACCES;
     }
-    // One process alone uses the database, so that the log's index can stay in memory and no lock is taken again.
+    // Only one process uses the database, so the index of the log can stay in memory and the lock is taken only once.
     platform_status status = execute(database,
                                      "PRAGMA locking_mode = EXCLUSIVE;"
                                      "PRAGMA cache_size = -256;"
@@ -288,7 +288,7 @@ void sqlite_close(void* store) {
     delete static_cast<sqlite_store*>(store);
 }
 
-/// Runs a statement that answers nothing.
+/// Runs a statement that returns nothing.
 platform_status run(void* store, statement_index index) {
     sqlite3_stmt* statement = store_of(store).statements[index];
     const int result = sqlite3_step(statement);
@@ -306,7 +306,7 @@ platform_status sqlite_commit(void* store) {
 }
 
 void sqlite_rollback(void* store) {
-    // After some failures SQLite has rolled the transaction back by itself.
+    // After some failures SQLite has already rolled the transaction back by itself.
     if (sqlite3_get_autocommit(store_of(store).database) == 0) {
         run(store, statement_rollback);
     }
@@ -322,7 +322,7 @@ std::string column_bytes(sqlite3_stmt* statement, int column) {
     return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), static_cast<size_t>(size));
 }
 
-/// Runs a statement that answers with at most one row: kind, value and, when `key` is wanted, path.
+/// Runs a statement that returns at most one row: kind, value and, if `key` is wanted, path.
 platform_status fetch(void* store, statement_index index, std::string_view bound, std::string* key,
                       datastore_stored& value) {
     sqlite3_stmt* statement = store_of(store).statements[index];

@@ -13,11 +13,11 @@ namespace {
 
 constexpr char default_path[] = "/var/lib/ssh_cfg_agent/datastore.db";
 
-/// Begins the configuration's paths; the platform's own keys begin otherwise (stored_values.cpp).
+/// Prefix of the configuration's paths; the platform's own keys have other prefixes (stored_values.cpp).
 constexpr char configuration_prefix[] = "/";
 
 void report_failure(const std::string& path, const std::string& reason) {
-    // What cannot be read is left alone: an empty configuration in its place would take the router's servers down.
+    // An unreadable database is left alone: replacing it with an empty configuration would stop the router's servers.
     const std::string text = text_format(
         "The configuration database %s cannot be used: %s. Nothing has been changed; repair it, or restore it from a backup",
         path.c_str(), reason.c_str());
@@ -25,7 +25,7 @@ void report_failure(const std::string& path, const std::string& reason) {
     fprintf(stderr, "ssh_cfg_agent: %s\n", text.c_str());
 }
 
-/// Whether every stored value has the form that the schema gives it.
+/// Checks that every stored value has the form that the schema prescribes.
 platform_status check_items(std::string& reason) {
     std::string path;
     datastore_stored stored;

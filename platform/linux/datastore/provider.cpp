@@ -7,7 +7,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/state.h"
 
-/// A read under way: the answer as far as the provider has made it.
+/// A read in progress: the answer built so far.
 struct datastore_read_request {
     datastore_answer answer;
 };
@@ -23,7 +23,7 @@ bool serves(const datastore_provider& provider, std::string_view path) {
            (path.size() == provider.path.size() || path[provider.path.size()] == '/');
 }
 
-/// The provider with the longest path that serves `path`, since one tree may stand within another.
+/// The provider with the longest path that serves `path`, since one tree may lie within another.
 const datastore_provider* find_provider(std::string_view path) {
     const datastore_provider* found = nullptr;
     for (const auto& provider : the_datastore().providers) {

@@ -30,7 +30,7 @@ class record_reader {
         return members;
     }
 
-    /// A list from its first element on, which may be null.
+    /// A list, given its first element, which may be null.
     control_json list(const record_definition& type, const unsigned char* element) const {
         control_json elements = control_json::array();
         for (; element != nullptr; element = load<const unsigned char*>(element + type.link_offset())) {

@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint32_t all_events = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
 
-/// Cuts the first component off a path.
+/// Removes the first component of a path.
 std::string_view cut_component(std::string_view& path) {
     const size_t end = path.find('/');
     const std::string_view component = path.substr(0, end);
@@ -30,8 +30,8 @@ bool is_valid(const datastore_binding* binding, const char* pattern, uint32_t ev
 
 }  // namespace
 
-// Commits come from the control socket, on the loop's thread already. The callbacks are therefore called directly, and
-// the event manager they were registered with is not needed.
+// Commits come from the control socket and thus already run on the loop's thread. The callbacks are therefore called
+// directly, without the event manager they were registered with.
 platform_status datastore_register_verification(datastore_binding* binding, const char* pattern, uint32_t event_mask,
                                                 datastore_verify_callback verify, datastore_apply_callback apply,
                                                 event_manager*, void* context) {

@@ -40,7 +40,7 @@ struct charset_row {
     schema_charset charset;
     bool (*has)(uint32_t character);
     const char* kept_from_start;  ///< characters that a text must not begin with
-    const char* words;            ///< format of the form in words: shortest, greatest length, help
+    const char* words;            ///< format of the description: shortest and greatest length, help
 };
 
 constexpr charset_row charsets[] = {
@@ -86,7 +86,7 @@ bool schema_has_charset(std::string_view text, schema_charset charset) {
 
 bool schema_is_delimited(std::string_view text) {
     const unsigned char delimiter = text.empty() ? 0 : static_cast<unsigned char>(text.front());
-    // A letter would turn a text that lost its delimiters, or never had any, into another one.
+    // A letter as delimiter would silently change a text whose delimiters are missing.
     return text.size() >= 2 && text.back() == text.front() && delimiter < delete_character && ispunct(delimiter) != 0;
 }
 

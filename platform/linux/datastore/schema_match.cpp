@@ -10,11 +10,11 @@
 namespace {
 
 constexpr size_t path_limit = 1024;       ///< bytes of a path
-constexpr size_t comparison_limit = 128;  ///< bytes of a path that are looked at to find the nearest item
+constexpr size_t comparison_limit = 128;  ///< bytes of a path that are compared to find the nearest item
 constexpr size_t shown_path = 200;        ///< bytes of a path in a message
 constexpr size_t shown_name = 80;
 
-/// Takes the first component off `path`, which begins with '/'.
+/// Removes the first component of `path`, which begins with '/'.
 std::string_view take_component(std::string_view& path) {
     path.remove_prefix(1);
     const std::string_view component = path.substr(0, path.find('/'));
@@ -24,7 +24,7 @@ std::string_view take_component(std::string_view& path) {
 
 struct match {
     bool matches = false;
-    std::string_view wrong_name;  ///< a component that stands for "*" and has not its form; null data when all have
+    std::string_view wrong_name;  ///< a component that matches "*" but has the wrong form; null data if there is none
 };
 
 bool name_fits(std::string_view name, const schema_form& form) {
@@ -53,7 +53,7 @@ match match_path(const schema_row& row, std::string_view path) {
     return result;
 }
 
-/// The row whose pattern is the path itself.
+/// The row whose pattern matches the path exactly.
 const schema_row* find_literally(std::string_view path) {
     const std::span<const schema_row> rows = schema_rows();
     const auto found = std::lower_bound(
@@ -62,7 +62,7 @@ const schema_row* find_literally(std::string_view path) {
     return found != rows.end() && found->wildcard.help == nullptr && path == found->pattern ? &*found : nullptr;
 }
 
-/// The pattern with the path's own names in the places of "*", so that only what is wrong counts as a difference.
+/// The pattern with each "*" replaced by the path's own name, so that only real differences count.
 std::string filled_pattern(const schema_row& row, std::string_view path) {
     std::string filled;
     std::string_view pattern = row.pattern;
@@ -75,8 +75,8 @@ std::string filled_pattern(const schema_row& row, std::string_view path) {
     return filled;
 }
 
-/// How many letters have to be added, taken away or replaced to come from one text to the other, or at least `limit` when
-/// it is not less than that.
+/// The number of letters to insert, delete or replace to turn one text into the other, or at least `limit` if it is not
+/// less than that.
 size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
     while (!from.empty() && !to.empty() && from.front() == to.front()) {
         from.remove_prefix(1);

@@ -13,7 +13,7 @@ namespace {
 constexpr size_t shown_path = 200;  ///< bytes of a path in a message
 constexpr size_t shown_value = 80;
 
-/// What is wrong with a value; the whole sentence, with the path (and field), the value and the expected form to fill in.
+/// What is wrong with a value; the whole sentence, a format for the path (and field), the value and the expected form.
 enum class complaint : uint8_t {
     none,
     not_a_number,
@@ -108,7 +108,7 @@ complaint take_text(const schema_form& form, const datastore_scalar& value, std:
     return complaint::none;
 }
 
-/// A plain value in its stored form: a number or a text.
+/// The stored form of a plain value: a number or a text.
 struct taken_scalar {
     uint32_t number = 0;
     std::string text;
@@ -132,7 +132,7 @@ char conversion_of(const schema_form& form) {
     return form.charset == schema_charset::algorithm_name ? 's' : 'S';
 }
 
-/// The packed form of a row's tuple, as in platform/value_tuple.h.
+/// The packed form of a row's tuple, see platform/value_tuple.h.
 std::string tuple_format(const schema_row& row) {
     std::string format;
     for (const schema_field& field : row.fields) {
@@ -196,7 +196,7 @@ std::string display_scalar(const datastore_scalar& value) {
     return '"' + text_escape_quoted(std::get<std::string>(value), shown_value) + '"';
 }
 
-/// Brings an array into its packed form. A complaint about one of its fields has its text in `refusal` already.
+/// Packs an array. If one of its fields is invalid, `refusal` already holds the text.
 complaint take_tuple(const schema_row& row, std::string_view path, const datastore_value& value, std::string& packed,
                      std::string& refusal) {
     const datastore_fields* fields = std::get_if<datastore_fields>(&value);
@@ -235,7 +235,7 @@ struct as_scalar {
     }
 };
 
-/// Takes the value of a row that is no tuple.
+/// Reads the value of a row that is not a tuple.
 complaint take_plain(const schema_row& row, const datastore_value& value, datastore_stored& stored) {
     const bool is_text = row.form.kind == schema_kind::text;
     if (std::holds_alternative<datastore_fields>(value)) {
@@ -272,7 +272,7 @@ platform_status load_number(const schema_row& row, const std::string& bytes, dat
 }
 
 platform_status load_text(const std::string& bytes, datastore_value& value) {
-    // The NUL at the end is the only one.
+    // The only NUL is the one at the end.
     if (bytes.empty() || bytes.find('\0') + 1 != bytes.size()) {
         return EINVAL;
     }

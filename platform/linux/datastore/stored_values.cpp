@@ -4,7 +4,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/state.h"
 
-// Stored values as the engine keeps them, under the configuration's paths and under the platform's own, private keys.
+// Values as stored by the engine: under the configuration's paths, and under the platform's own, private keys.
 
 namespace {
 

@@ -17,7 +17,7 @@ namespace {
 constexpr char state_path[] = "/openconfig-system:system/ssh-server/state";
 constexpr uint64_t nanoseconds_per_second = 1'000'000'000;
 
-/// A leaf of the model and the field of the record that it comes from.
+/// A leaf of the model and the field of the record that supplies it.
 struct leaf_row {
     const char* field;
     const char* leaf;
@@ -28,7 +28,7 @@ constexpr leaf_row leaves[] = {
     {"RateLimit", "rate-limit"}, {"SessionLimit", "session-limit"},
 };
 
-// Values of the leaf protocol-version, by their numbers.
+// Values of the leaf protocol-version, by number.
 constexpr const char* protocol_versions[] = {"V2", "V1", "V1_V2"};
 
 struct listener_row {
@@ -47,7 +47,7 @@ producer_state& producer() {
     return state;
 }
 
-/// A leaf's value as RFC 7951 has it: an enumeration by name. Null when the record has none.
+/// A leaf's value according to RFC 7951, with enumerations by name. Null if the record has none.
 control_json leaf_value(const leaf_row& row, const control_json& state) {
     const auto value = state.find(row.field);
     if (value == state.end() || std::string_view(row.field) != "ProtocolVersion" || !value->is_number_integer()) {
@@ -79,7 +79,7 @@ platform_status notification_of(const datastore_answer& answer, control_json& no
     return status;
 }
 
-/// Makes the event's record and tells everybody. Nobody listening costs nothing.
+/// Builds the event's record and sends it to all listeners. Does nothing if there are none.
 platform_status tell_listeners(datastore_provider_callback fill, void* context) {
     control_json notification;
     const platform_status status = notification_of(datastore_fill(fill, "", context), notification);

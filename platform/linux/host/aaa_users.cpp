@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::string_view tree = "/cfg/gl/aaa/username/";
 
-/// Shells of accounts that nobody logs in to, by the last part of their paths.
+/// Shells of accounts that nobody logs in to, by the last component of their paths.
 constexpr std::string_view closed_shells[] = {"nologin", "false"};
 
 struct account {
@@ -24,7 +24,7 @@ struct account {
     std::string name;
 };
 
-/// An empty field stands for the standard shell.
+/// An empty field means the standard shell.
 bool can_log_in(const passwd& entry) {
     const std::string_view shell = entry.pw_shell == nullptr ? "" : entry.pw_shell;
     const size_t slash = shell.rfind('/');
@@ -32,7 +32,7 @@ bool can_log_in(const passwd& entry) {
     return std::find(std::begin(closed_shells), std::end(closed_shells), program) == std::end(closed_shells);
 }
 
-/// The number of an account, and behind the first name of the same number a suffix.
+/// The number of an account; from the second name of a number on, followed by a suffix.
 std::string next_index(std::unordered_map<uid_t, int>& names_of, uid_t number) {
     const int names = ++names_of[number];
     return names == 1 ? std::to_string(number) : std::to_string(number) + '_' + std::to_string(names);
@@ -50,12 +50,12 @@ platform_status read_accounts(std::vector<account>& accounts) {
     }
     const int error = errno;
     endpwent();
-    // Name services say so when they have nothing to tell.
+    // Name services return ENOENT if they have no entries.
     return error == ENOENT || accounts.size() > 0 ? PLATFORM_OK : static_cast<platform_status>(error);
 }
 
-/// The names by their indexes, as they were when the indexes were last listed: whoever looks for a name goes from index to
-/// index, and a name service that is asked anew for each would hold the loop up.
+/// The names by index, as of the last listing of the indexes. A search for a name reads one index after the other, and
+/// querying the name service anew for each would block the loop.
 std::unordered_map<std::string, std::string>& listed_names() {
     static std::unordered_map<std::string, std::string> names;
     return names;
@@ -93,7 +93,7 @@ platform_status list_accounts(std::string_view path, std::vector<datastore_list_
     if (status == PLATFORM_OK) {
         return status;
     }
-    // An account may have come since.
+    // The account may have been added since.
     std::vector<datastore_list_entry> indexes;
     const platform_status listed = list_indexes(indexes);
     return listed == PLATFORM_OK ? list_name(index, entries) : listed;

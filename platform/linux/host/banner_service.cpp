@@ -38,13 +38,13 @@ const kind_row* row_of(uint32_t kind) {
     return nullptr;
 }
 
-/// Expands what stands between the delimiters, which themselves might be part of a token.
+/// Expands the text between the delimiters, which could themselves be part of a token.
 std::string expanded(const std::string& delimited) {
     const std::string inner = banner_expand_tokens(std::string_view(delimited).substr(1, delimited.size() - 2));
     return delimited.front() + inner + delimited.back();
 }
 
-/// The expanded text of an item for a caller who frees it; null when there is none.
+/// The expanded text of an item for a caller who frees it; null if there is none.
 char* expanded_item(const char* item) {
     try {
         datastore_value value;
@@ -63,7 +63,7 @@ int read_file(const char* path, std::string& text) {
     return status == PLATFORM_OK && text.find('\0') != std::string::npos ? EILSEQ : static_cast<int>(status);
 }
 
-/// The text of one of the platform's own banners without the newline at its end; empty when there is none.
+/// The text of one of the platform's own banners without its final newline; empty if there is none.
 std::string platform_text(const kind_row& row) {
     std::string text;
     const int error = read_file(row.platform_file, text);

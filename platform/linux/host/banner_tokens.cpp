@@ -14,7 +14,7 @@ struct token_row {
     std::string (*value)();
 };
 
-/// The router's name as it was given, with or without a domain.
+/// The router's name as given, with or without a domain.
 std::string full_name() {
     char name[HOST_NAME_MAX + 1] = "";
     gethostname(name, sizeof name - 1);
@@ -26,7 +26,7 @@ std::string host_name() {
     return name.substr(0, name.find('.'));
 }
 
-/// Format: resolv.conf(5). The last of the lines counts.
+/// Format: resolv.conf(5). The last of the lines applies.
 std::string resolver_domain() {
     std::ifstream file("/etc/resolv.conf");
     std::string domain;

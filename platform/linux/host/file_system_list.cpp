@@ -17,19 +17,19 @@
 
 namespace {
 
-/// Whoever publishes the list has 1023 characters for the names and a blank behind each.
+/// The publisher of the list has 1023 characters for the names, each followed by a blank.
 constexpr size_t text_size_max = 1023;
 
-/// Kept on stable storage although no block device stands behind them.
+/// Types that are kept on stable storage although they have no block device.
 constexpr std::array<std::string_view, 9> persistent_types = {"nfs", "nfs4",  "zfs",      "cifs",    "smb3",
                                                               "9p",  "ubifs", "virtiofs", "bcachefs"};
 
-/// Images of packages: on a block device, but nobody's place to keep anything.
+/// Package images: on a block device, but not meant for storing anything.
 constexpr std::array<std::string_view, 2> image_types = {"squashfs", "erofs"};
 
 struct mount_entry {
     std::string device;       ///< "major:minor"
-    std::string root;         ///< what of the file system is mounted, "/" for all of it
+    std::string root;         ///< the mounted part of the file system, "/" for all of it
     std::string mount_point;  ///< blanks and the like are written as \040
     std::string type;
 };
@@ -39,7 +39,7 @@ bool contains(const Container& container, std::string_view value) {
     return std::find(container.begin(), container.end(), value) != container.end();
 }
 
-/// The types of file system that want a block device. Format: proc(5), /proc/filesystems.
+/// The types of file system that need a block device. Format: proc(5), /proc/filesystems.
 std::set<std::string> block_device_types() {
     std::set<std::string> types = {"fuseblk"};
     std::ifstream file("/proc/filesystems");
@@ -52,7 +52,7 @@ std::set<std::string> block_device_types() {
     return types;
 }
 
-/// Format: proc(5), /proc/pid/mountinfo. False for a line that is not of that form.
+/// Format: proc(5), /proc/pid/mountinfo. Returns false for a malformed line.
 bool parse_mount(const std::string& line, mount_entry& entry) {
     std::istringstream words(line);
     std::string id;
@@ -66,7 +66,7 @@ bool parse_mount(const std::string& line, mount_entry& entry) {
     return static_cast<bool>(words >> entry.type);
 }
 
-/// The root counts whatever holds it, an overlay for instance.
+/// The root always counts, whatever holds it, for instance an overlay.
 bool is_persistent(const mount_entry& entry, const std::set<std::string>& block_types) {
     if (contains(image_types, entry.type)) {
         return false;
@@ -74,7 +74,7 @@ bool is_persistent(const mount_entry& entry, const std::set<std::string>& block_
     return entry.mount_point == "/" || contains(persistent_types, entry.type) || block_types.count(entry.type) == 1;
 }
 
-/// Each file system once, where it was mounted first as a whole. False when the mounts cannot be read.
+/// Each file system once, at its first whole mount. Returns false if the mounts cannot be read.
 bool read_names(std::vector<std::string>& names) {
     const std::set<std::string> block_types = block_device_types();
     std::set<std::string> devices;
@@ -105,9 +105,9 @@ std::vector<const char*> pointers;
 
 }  // namespace
 
-/// The mount points of the persistent file systems, in the order of their mounting. Temporary and kernel file systems,
-/// package images and second mounts of the same file system are left out. A blank in a mount point is written as \040,
-/// because readers take a blank for the end of the name.
+/// The mount points of the persistent file systems in mount order. Excludes temporary and kernel file systems, package
+/// images, and further mounts of the same file system. A blank in a mount point is written as \040, because readers
+/// take a blank for the end of the name.
 const char* const* file_system_list_get(void) {
     try {
         names.clear();

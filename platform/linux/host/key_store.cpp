@@ -18,8 +18,8 @@
 
 namespace {
 
-/// Whether a key counts: one of the configuration does as long as its item is there. A record that a crash has left
-/// behind its item is nobody's key any more.
+/// Whether a key is valid: a key of the configuration is valid as long as its item exists. If a crash leaves a record
+/// without its item, the key is no longer valid.
 bool counts(std::string_view user, const key_record& record) {
     datastore_stored item;
     return record.origin == key_origin::exec_mode || datastore_stored_get(key_record_item(user), item) == PLATFORM_OK;
@@ -29,13 +29,13 @@ bool is_users_key(const char* label, uint32_t type) {
     return label != nullptr && type == KEY_STORE_USER_PUBLIC_KEY && key_user_is_valid(label);
 }
 
-/// Whether a change that comes one way may be made to what the user has now, which is stored in `present` if there is any.
+/// Whether a change from this origin may replace the user's present key, which is stored in `present` if there is one.
 platform_status check_origin(std::string_view user, key_origin origin, key_record& present) {
     const platform_status status = key_store_find(user, present);
     if (status == PLATFORM_OK && present.origin != origin) {
         return KEY_OTHER_ORIGIN;
     }
-    // A damaged record is no reason to keep it.
+    // A damaged record may be replaced.
     return status == EBADMSG || status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
 }
 
@@ -51,7 +51,7 @@ platform_status read_text(std::string_view text, std::string& der, uint32_t& bit
     return status;
 }
 
-/// The line that sshd is given for a record. EBADMSG when that holds no key.
+/// The line for sshd from a record. EBADMSG if the record holds no key.
 platform_status line_of(const key_record& record, std::string& line) {
     rsa_public_key key;
     const platform_status status = key_der_read(record.der, key);
@@ -61,7 +61,7 @@ platform_status line_of(const key_record& record, std::string& line) {
     return status;
 }
 
-/// Writes the user's file when it is not already as it must be.
+/// Writes the user's file unless it is already as required.
 platform_status publish(std::string_view user, const key_record& record) {
     std::string line;
     std::string present;
@@ -72,7 +72,7 @@ platform_status publish(std::string_view user, const key_record& record) {
     return key_file_write(user, line);
 }
 
-/// Stores a record and its file, both or none.
+/// Stores a record and its file, both or neither.
 platform_status store_both(std::string_view user, const key_record& record) {
     const std::string place = key_record_place(user);
     std::string former;
@@ -87,7 +87,7 @@ platform_status store_both(std::string_view user, const key_record& record) {
     return status;
 }
 
-/// The file goes first: whatever fails then, nobody gets in with the key any more.
+/// Removes the file first: if a later step fails, the key still no longer admits anyone.
 platform_status remove_both(std::string_view user) {
     const platform_status status = key_file_remove(user);
     return status == PLATFORM_OK ? datastore_private_delete(key_record_place(user)) : status;
@@ -96,7 +96,7 @@ platform_status remove_both(std::string_view user) {
 platform_status store(std::string_view user, const key_record& record) {
     key_record present;
     const platform_status status = check_origin(user, record.origin, present);
-    // Every start of the agent brings the configured keys again; they stay as old as they are.
+    // The agent applies the configured keys again at every start; their age must not change.
     if (status != PLATFORM_OK) {
         return status;
     }
@@ -117,7 +117,7 @@ platform_status remove_key(std::string_view user) {
     return status == PLATFORM_OK ? remove_both(user) : status;
 }
 
-/// Takes the files of users away who have no key that counts.
+/// Removes the key files of users who have no valid key.
 void remove_others(const std::vector<key_store_entry>& entries) {
     std::vector<std::string> users;
     platform_status status = key_file_list(users);

@@ -26,14 +26,14 @@ struct callback_slot {
 
 struct shelf_manager {
     sd_event* loop = nullptr;
-    sd_event_source* connecting = nullptr;  ///< tells of the connection when the loop is reached
+    sd_event_source* connecting = nullptr;  ///< reports the connection when control returns to the loop
     callback_slot reload;
     callback_slot connect;
     callback_slot disconnect;
     bool wants_connection = false;
     bool is_connected = false;
-    bool wants_notices = false;  ///< kept over a lost connection
-    bool awaited = false;        ///< the acknowledgement of the last notice is still to come
+    bool wants_notices = false;  ///< kept while the connection is lost
+    bool awaited = false;        ///< the acknowledgement of the last notification is pending
 
     shelf_manager() = default;
     ~shelf_manager() {
@@ -51,10 +51,10 @@ struct shelf_state {
     bool link_is_up = false;
     shelf_reload last;
     time_t sent = 0;      ///< by the clock that also runs while the machine sleeps
-    time_t followed = 0;  ///< when somebody was last known to wait for the acknowledgement
+    time_t followed = 0;  ///< when a caller was last known to wait for the acknowledgement
 };
 
-/// Seconds after which a notice that nobody follows any more keeps no other from being sent.
+/// Seconds after which a notification that no caller waits for no longer blocks another.
 constexpr time_t abandoned_after = 3;
 
 shelf_state& shelf_of_process() {
@@ -68,7 +68,7 @@ time_t now() {
     return time.tv_sec;
 }
 
-/// The agent's handlers must not commit, and what they are told of must not go away under them.
+/// The agent's handlers must not commit, and clients must not be released while they run.
 void call(const callback_slot& slot, shelf_manager* client) {
     if (slot.callback != nullptr) {
         const datastore_handler_scope scope;
@@ -108,7 +108,7 @@ bool hears_notices(const std::unique_ptr<shelf_manager>& client) {
     return client->is_connected && client->wants_notices && client->reload.callback != nullptr;
 }
 
-/// Closes a notice whose time is over.
+/// Closes a notification whose time is up.
 void look_at_the_clock() {
     shelf_reload& last = shelf_of_process().last;
     last.passed = static_cast<uint32_t>(std::max<time_t>(now() - shelf_of_process().sent, 0));

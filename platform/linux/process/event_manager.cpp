@@ -47,15 +47,15 @@ event_manager* current_manager;
 struct event_manager {
     std::string device_path;
     sd_event* loop;
-    uint64_t blocked;  ///< how many events have been waited for, which tells the last one from an older one
+    uint64_t blocked;  ///< number of events waited for; distinguishes the last event from older ones
     std::list<fd_watch> watches;
     std::map<uint32_t, message_registration> messages;
 };
 
 namespace {
 
-/// A write to a closed pipe or socket must fail, not kill. A handler, unlike the ignored signal, is not inherited by the
-/// commands that the agent runs, whose pipelines rely on the signal.
+/// A write to a closed pipe or socket must fail, not kill the process. Unlike an ignored signal, a handler is not
+/// inherited by the commands that the agent runs, whose pipelines rely on the signal.
 int survive_broken_pipes() {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -90,7 +90,7 @@ uint32_t conditions_of(uint32_t epoll_events, uint32_t wanted) {
     if ((epoll_events & EPOLLOUT) != 0) {
         conditions |= EVENT_MANAGER_WRITE;
     }
-    // An error or a hang-up is found by the read or write that it makes fail.
+    // Errors and hang-ups are left to the read or write that they make fail.
     if ((epoll_events & (EPOLLERR | EPOLLHUP)) != 0) {
         conditions |= wanted;
     }
@@ -111,7 +111,7 @@ uint32_t epoll_events_for(uint32_t conditions) {
            ((conditions & EVENT_MANAGER_WRITE) != 0 ? EPOLLOUT : 0U);
 }
 
-/// Runs the loop until something is to be dispatched. Returns 0, or a negative errno value.
+/// Runs the loop until there is something to dispatch. Returns 0, or a negative errno value.
 int wait_for_event(sd_event* loop) {
     while (sd_event_get_state(loop) != SD_EVENT_PENDING) {
         int result = sd_event_get_state(loop) == SD_EVENT_ARMED ? 0 : sd_event_prepare(loop);

@@ -23,7 +23,7 @@ struct timer_registration {
     void* context;
 };
 
-/// Handles are not used again, so that a leaf of a detached handler never finds another one's.
+/// Handles are never reused, so a leaf of a detached handler never finds another handler.
 int32_t next_handle;
 
 std::map<int32_t, timer_registration>& registrations() {
@@ -32,20 +32,20 @@ std::map<int32_t, timer_registration>& registrations() {
 }
 
 constexpr uint64_t microseconds_per_second = 1000000;
-constexpr uint64_t accuracy = 10000;  ///< microseconds; without it sd-event takes a quarter of a second
+constexpr uint64_t accuracy = 10000;  ///< microseconds; the default of sd-event is a quarter of a second
 
 int leaf_has_expired(sd_event_source*, uint64_t, void* userdata) {
     auto* leaf = static_cast<managed_timer_leaf*>(userdata);
     const auto found = registrations().find(leaf->handle);
     if (found != registrations().end()) {
-        // Copied, because the handler may detach itself; the leaf is not touched any more, because it may be freed.
+        // Copied, because the handler may detach itself and free the leaf, which is not accessed afterwards.
         const timer_registration registration = found->second;
         registration.handler(leaf, registration.context);
     }
     return 0;
 }
 
-/// The first start makes the leaf's source, the later ones only move it.
+/// The first start creates the leaf's source; later ones only move its time.
 int start_source(managed_timer_leaf* leaf, sd_event* loop, uint64_t microseconds) {
     if (leaf->source == nullptr) {
         return sd_event_add_time_relative(loop, &leaf->source, CLOCK_BOOTTIME, microseconds, accuracy, leaf_has_expired,

@@ -18,7 +18,7 @@ platform_status node_identity_id(uint32_t* node_id) {
     try {
         platform_config config = {};
         std::vector<std::string> problems;
-        // What is wrong with the file has been said when the role was read from it.
+        // A fault in the file was already reported when the role was read from it.
         platform_config_read(config, problems);
         *node_id = config.node_number;
         return PLATFORM_OK;
@@ -27,7 +27,7 @@ platform_status node_identity_id(uint32_t* node_id) {
     }
 }
 
-/// A stock Linux system knows one node, itself: its name is the host's, without the domain.
+/// A stock Linux system knows only one node, itself: its name is the host's, without the domain.
 platform_status node_identity_name(uint32_t node_id, char* name, size_t size) {
     if (name == nullptr || size == 0) {
         return EINVAL;

@@ -17,10 +17,10 @@
 
 namespace {
 
-/// Open, and thereby locked, for the life of the process.
+/// Stays open, and so locked, for the life of the process.
 int lock_fd = -1;
 
-/// The number that the lock's holder has written, 0 when it has not come to that yet.
+/// The process ID that the lock's holder wrote; 0 if it has not written one yet.
 long holder_of(int fd) {
     char text[16] = {};
     const ssize_t length = pread(fd, text, sizeof text - 1, 0);
@@ -41,7 +41,7 @@ int report_failure(int error, const char* operation) {
     return error;
 }
 
-/// What stands in the file is only for people, so a failure to write it does not matter.
+/// The content of the file is only for people, so a failure to write it is ignored.
 void write_holder(int fd) {
     char text[16];
     const size_t length = text_format_into(text, sizeof text, "%ld\n", static_cast<long>(getpid()));

@@ -33,7 +33,7 @@ bool parse_role(std::string_view value, platform_config& config) {
 }
 
 bool parse_node_number(std::string_view value, platform_config& config) {
-    // All ones stand for "unknown" in records.
+    // All ones means "unknown" in records.
     const std::optional<uint32_t> number = number_parse<uint32_t>(value, 0, UINT32_MAX - 1);
     config.node_number = number.value_or(config.node_number);
     return number.has_value();
@@ -58,7 +58,7 @@ std::string shown(std::string_view text) {
     return text_escape(text, 64);
 }
 
-/// Empty when the line is in order, else what is wrong with it.
+/// Empty if the line is valid, otherwise what is wrong with it.
 std::string read_line(std::string_view line, platform_config& config) {
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos) {

@@ -35,7 +35,7 @@ struct {
 
 constexpr size_t respawn_file_max = 64;
 
-/// An editor may take the file away for a moment while it writes the new one, so a change is looked at once it is over.
+/// An editor may briefly remove the file while it writes the new one, so a change is read only after it has settled.
 constexpr int settle_milliseconds = 200;
 
 void log_problems(const std::vector<std::string>& problems) {
@@ -44,8 +44,8 @@ void log_problems(const std::vector<std::string>& problems) {
     }
 }
 
-/// The number in the file: 0 when there is none, which is the first start. A file with something else in it counts as
-/// none, because the configuration files are then written anew, which is always right.
+/// The number in the file: 0 if there is none, which means the first start. Any other content also counts as none,
+/// because then the configuration files are rewritten, which is always correct.
 uint32_t read_count() {
     std::string text;
     const platform_status status = file_read(runtime_respawn_file, respawn_file_max, text, file_links::refused);
@@ -72,14 +72,14 @@ platform_status count_start() {
     return file_replace(runtime_respawn_file, std::to_string(state.respawn_count) + '\n', {.mode = 0644});
 }
 
-/// Takes the events that have come off the queue; what they say is not needed.
+/// Drains the event queue; the contents of the events are not needed.
 void discard_events(int fd) {
     char buffer[4096];
     while (read(fd, buffer, sizeof buffer) > 0) {
     }
 }
 
-/// Blocks until a file of the directory has changed and then stayed as it is for a moment. Returns 0 or -1.
+/// Blocks until a file of the directory has changed and then stayed unchanged for a moment. Returns 0 or -1.
 int wait_for_change(int fd) {
     pollfd waiting = {fd, POLLIN, 0};
     int timeout = -1;
@@ -98,7 +98,7 @@ int wait_for_change(int fd) {
     }
 }
 
-/// Only a usable line or the missing file ends the wait: a mistake in the file must not make a second primary.
+/// Only a valid line or a missing file ends the wait: an error in the file must not create a second primary.
 bool is_primary() {
     platform_config config = {};
     std::vector<std::string> problems;
@@ -110,7 +110,7 @@ bool is_primary() {
     return config.role_is_stated && config.role == PROCESS_ROLE_PRIMARY;
 }
 
-/// The watch is set before the file is read, so no change is missed. Returns 0 or -1.
+/// The watch is set up before the file is read, so no change is missed. Returns 0 or -1.
 int wait_until_primary(int fd) {
     if (inotify_add_watch(fd, platform_config_directory, IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_ONLYDIR) < 0) {
         return errno == ENOENT ? 0 : -1;
@@ -141,7 +141,8 @@ void process_manager_count_start() {
         platform_log(LOG_WARNING, "Cannot write %s, so a restart will look like a first start: %s",
                      runtime_respawn_file, platform_status_text(status));
     }
-    // Said also because it opens the way to the journal, which can no longer be opened when descriptors have run out.
+    // Also logged because this connects to the journal, which is impossible once the process has run out of
+    // descriptors.
     platform_log(LOG_INFO, "Starting the agent, start %u since the last clean stop", state.respawn_count);
 }
 

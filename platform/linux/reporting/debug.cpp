@@ -26,11 +26,11 @@ struct event_registration {
     void* context;
 };
 
-/// Apart from the names, because the states are looked at before every debug print.
+/// Separate from the names, because the states are read before every debug print.
 bool flag_on[flag_count];
 
 struct registrations {
-    flag_names flags[flag_count];  ///< the name is empty where no flag is registered
+    flag_names flags[flag_count];  ///< an empty name means that no flag is registered
     std::vector<event_registration> handlers;
 };
 
@@ -47,7 +47,7 @@ bool path_is_usable(const char* path) {
     return path != nullptr && path[0] == '/' && path[strlen(path) - 1] == '/';
 }
 
-/// The flag's id, 0 when no flag has the name.
+/// The flag's id; 0 if no flag has the name.
 uint32_t find_flag(const std::string& name) {
     for (uint32_t id = 1; id < flag_count; ++id) {
         const flag_names& flag = registered().flags[id];
@@ -60,7 +60,7 @@ uint32_t find_flag(const std::string& name) {
 
 void tell_handlers(uint32_t id, bool on) {
     const std::string path = registered().flags[id].path;
-    // A handler may register another one, so the list is walked by index.
+    // A handler may register another one, so the list is traversed by index.
     for (size_t i = 0; i < registered().handlers.size(); ++i) {
         const event_registration registration = registered().handlers[i];
         if (registration.path == path) {

@@ -17,8 +17,8 @@ namespace {
 
 constexpr char journal_socket[] = "/run/systemd/journal/socket";
 
-/// True when the journal has taken the entry. Without a journal the library reports success too, hence the look for its
-/// socket.
+/// Returns true if the journal accepted the entry. The library reports success even without a journal, hence the check
+/// for its socket.
 bool send_to_journal(int priority, const char* text, std::initializer_list<journal_field> fields) {
     if (access(journal_socket, F_OK) != 0) {
         return false;
@@ -88,7 +88,7 @@ void log_message_send(const struct log_message_entry* entry, const char* text) {
     const char* facility = or_empty(entry->facility);
     const char* category = or_empty(entry->category);
     const char* name = or_empty(entry->name);
-    // The system's log has no fields, so the text begins with what they would say.
+    // The system log has no fields, so the text begins with their content.
     char plain_text[2048];
     text_format_into(plain_text, sizeof plain_text, "%%%s-%s-%d-%s : %s", category, facility, priority, name, text);
     try {

@@ -13,14 +13,14 @@
 #include "linux/reporting/log_message_internal.h"
 #include "linux/reporting/trace_internal.h"
 
-/// Packed records one behind the other in a ring of bytes: length (2 bytes), time (8), code of the trace point (4), number of
-/// arguments (1), then each argument as its kind (1) and either the number (8) or length (1) and text.
+/// Packed records, one after the other, in a ring of bytes: length (2 bytes), time (8), code of the trace point (4),
+/// number of arguments (1), then each argument as its kind (1) and either the number (8) or length (1) and text.
 struct trace_buffer {
     std::string name;
     std::span<const trace_point> points;
     uint32_t entries_max;
     std::vector<uint8_t> ring;
-    size_t head;  ///< where the oldest record begins
+    size_t head;  ///< start of the oldest record
     size_t used;
     uint32_t entries;
     uint64_t written;
@@ -41,7 +41,7 @@ std::vector<std::unique_ptr<trace_buffer>>& buffers() {
     return all;
 }
 
-/// Puts a record together where it does not wrap.
+/// Copies a record into contiguous memory.
 struct record_writer {
     uint8_t bytes[header_size + TRACE_ARGUMENTS_MAX * (text_header_size + text_max)];
     size_t size;
@@ -54,7 +54,7 @@ struct record_writer {
 
 struct record_reader {
     const trace_buffer& buffer;
-    size_t position;  ///< bytes behind the head
+    size_t position;  ///< bytes after the head
 
     void get(void* value, size_t length) {
         const size_t start = (buffer.head + position) % buffer.ring.size();
@@ -65,7 +65,7 @@ struct record_reader {
     }
 };
 
-/// How many bytes the texts of one record may take in all, so that the record fits the ring whatever they are.
+/// The most bytes that all texts of one record may take, so that any record fits the ring.
 size_t room_for_texts(const trace_buffer& buffer, const trace_argument* arguments, uint32_t count) {
     size_t fixed = header_size;
     for (uint32_t i = 0; i < count; ++i) {

@@ -17,10 +17,10 @@
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 
-/// A block outlives the agent: a VRF whose access lists the agent had not loaded when it died stays shut until somebody
-/// has loaded them. The next agent takes such blocks over at mpp_init and opens those VRFs when it first reaches its
-/// loop, which is when the stored configuration, access lists included, has been applied. So nobody is locked out by a
-/// death, and no port opens before its lists are in force.
+/// A block outlives the agent: if the agent dies before it has loaded a VRF's access lists, the VRF stays closed until
+/// they are loaded. The next agent takes such blocks over at mpp_init and opens those VRFs when it first reaches its
+/// loop; by then it has applied the stored configuration, including access lists. So the death of an agent locks nobody
+/// out, and no port opens before its lists are in force.
 namespace {
 
 constexpr uint64_t retry_delay = 1000000;  ///< microseconds
@@ -31,14 +31,14 @@ struct vrf_state {
     bool initialised = false;
     bool blocked = false;
     bool unblock_requested = false;
-    std::string failure;  ///< the last one that was logged, so that it is not logged again and again
+    std::string failure;  ///< the last failure logged, so that it is not logged repeatedly
 };
 
 struct {
     uint32_t open_services = 0;
     bool leftovers_taken_over = false;
     std::map<std::string, vrf_state> vrfs;
-    struct event_manager* manager = nullptr;  ///< whose loop has the two sources
+    struct event_manager* manager = nullptr;  ///< its loop has the two sources
     sd_event_source* unblock = nullptr;
     sd_event_source* retry = nullptr;
 } state;
@@ -47,7 +47,7 @@ bool is_service(uint32_t service) {
     return service == MPP_SERVICE_SSH || service == MPP_SERVICE_NETCONF;
 }
 
-/// Logs a failure once; a success makes the next failure worth a line again.
+/// Logs a failure once. After a success the next failure is logged again.
 platform_status report(vrf_state& vrf, platform_status status, const std::string& failure) {
     if (status == PLATFORM_OK) {
         vrf.failure.clear();
@@ -62,7 +62,7 @@ platform_status open_vrf(const std::string& name, vrf_state& vrf) {
     std::string failure;
     platform_status status = mpp_filter_open(name, failure);
     if (status == ENOENT) {
-        // The packet filter has gone with the namespace.
+        // The packet filter disappeared with the namespace.
         vrf.initialised = false;
         status = PLATFORM_OK;
     }
@@ -73,7 +73,7 @@ platform_status open_vrf(const std::string& name, vrf_state& vrf) {
     return report(vrf, status, failure);
 }
 
-/// A VRF of which there is nothing to remember.
+/// Whether the VRF has no state worth keeping.
 bool is_idle(const vrf_state& vrf) {
     return vrf.services == 0 && !vrf.initialised && !vrf.blocked && !vrf.unblock_requested;
 }
@@ -90,7 +90,7 @@ void drop_sources() {
     state.manager = nullptr;
 }
 
-/// What cannot be opened now is tried again: a VRF that stays shut may have been the operator's only way in.
+/// Retries what cannot be opened now: a VRF that stays closed may have been the operator's only way in.
 void open_requested() {
     bool again = false;
     for (auto& [name, vrf] : state.vrfs) {
@@ -132,7 +132,7 @@ int add_sources(sd_event* loop) {
     return result < 0 ? result : sd_event_source_set_enabled(state.retry, SD_EVENT_OFF);
 }
 
-/// Lets the loop open, before anything else, what is to be opened.
+/// Makes the loop open the requested VRFs before it does anything else.
 platform_status open_when_loop_is_reached() {
     struct event_manager* manager = event_manager_current();
     if (manager == nullptr) {
@@ -160,7 +160,7 @@ platform_status take_over_leftovers() {
         if (status == PLATFORM_OK && !blocked) {
             continue;
         }
-        // A filter that cannot be read may be shut as well.
+        // A filter that cannot be read may also be closed.
         vrf_state& vrf = state.vrfs[name];
         report(vrf, status, failure);
         vrf.blocked = blocked;
@@ -199,7 +199,7 @@ platform_status mark(uint32_t service, const char* vrf_name, bool reachable) {
     return PLATFORM_OK;
 }
 
-/// The table is made whole the first time, so that nothing of an earlier version is left in it; what is blocked stays so.
+/// The table is replaced the first time, so that nothing of an earlier version remains; a block is preserved.
 platform_status make_filter(const std::string& name) {
     vrf_state& vrf = state.vrfs[name];
     std::string failure;
@@ -228,7 +228,7 @@ platform_status unblock(const std::string& name) {
     return status;
 }
 
-/// The VRF's name, empty when this is no VRF's namespace.
+/// The VRF's name; empty if this is not a VRF's namespace.
 std::string vrf_of(const char* namespace_name) {
     constexpr std::string_view prefix = namespace_name_prefix;
     const std::string_view name = namespace_name == nullptr ? "" : namespace_name;
@@ -238,7 +238,7 @@ std::string vrf_of(const char* namespace_name) {
     return std::string(name.substr(prefix.size()));
 }
 
-/// What the kernel had for the VRF is gone or has not been made yet; what the agent wants of it stays.
+/// The kernel's state of the VRF is gone or does not exist yet; what the agent has requested stays.
 void forget_filter(const std::string& name) {
     vrf_state& vrf = state.vrfs[name];
     vrf.initialised = false;
@@ -247,7 +247,7 @@ void forget_filter(const std::string& name) {
     vrf.failure.clear();
 }
 
-/// Nothing may be thrown into the agent.
+/// No exception may reach the agent.
 template <typename Operation>
 platform_status guarded(Operation operation) {
     try {
@@ -303,7 +303,7 @@ platform_status mpp_namespace_created(const char* namespace_name) {
         if (name.empty()) {
             return EINVAL;
         }
-        // `ip netns add` shows the namespace's file before it is one.
+        // `ip netns add` creates the file before it becomes a namespace.
         return namespace_is_attached(namespace_name) ? 0 : ENOENT;
     });
 }

@@ -32,14 +32,15 @@ namespace {
 constexpr char table_name[] = "norvo_mpp";
 constexpr char set_name[] = "service_ports";
 constexpr char chain_name[] = "input";
-/// Kept with the table, where nft shows it: a table that says so was made as it is made here. To be changed with it.
+/// Stored with the table and shown by nft: a table with this comment has exactly the layout built here. To be changed
+/// with it.
 constexpr char table_comment[] = "management-plane protection, 1";
 constexpr uint32_t set_id = 1;
-constexpr uint32_t port_datatype = 13;   ///< nft's number of the type inet_service, by which nft shows the set
+constexpr uint32_t port_datatype = 13;   ///< nft's number of the type inet_service; nft needs it to show the set
 constexpr int32_t chain_priority = -10;  ///< before the access lists
 constexpr uint16_t service_ports[] = {22, 830};
 
-/// Where the TCP header has what the rule looks at, and the flags that make a packet a connection's first.
+/// Offset of the flags in the TCP header, and the flags that mark the first packet of a connection.
 constexpr uint32_t tcp_port_offset = 2;
 constexpr uint32_t tcp_flags_offset = 13;
 constexpr uint8_t flags_mask = TH_FIN | TH_SYN | TH_RST | TH_ACK;
@@ -62,7 +63,7 @@ Pointer required(Pointer object) {
     return object;
 }
 
-/// What a table carries for its user, here the comment, in the form in which nft keeps it.
+/// The user data of a table, here the comment, in nft's encoding.
 class table_userdata {
   public:
     table_userdata() : buffer(required(nftnl_udata_buf_alloc(sizeof table_comment + 16))) {
@@ -234,7 +235,7 @@ int change_table(const filter_connection& connection, bool blocked) {
 struct filter_state {
     bool exists;
     bool blocked;
-    bool up_to_date;  ///< made as it is made here
+    bool up_to_date;  ///< has exactly the layout built here
 };
 
 bool has_comment(const nftnl_table* table) {
@@ -256,7 +257,7 @@ int note_state(const nlmsghdr* header, void* data) {
 }
 
 int read_state(const filter_connection& connection, filter_state& state) {
-    char request[256] = {};  // The attributes' padding goes to the kernel, too.
+    char request[256] = {};  // Zeroed because the padding of attributes is sent to the kernel, too.
     const table_pointer table = required(table_pointer(nftnl_table_alloc()));
     nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, table_name);
     nlmsghdr* header = nftnl_nlmsg_build_hdr(request, NFT_MSG_GETTABLE, NFPROTO_INET, NLM_F_ACK, 0);
@@ -291,7 +292,7 @@ int open_ports(const filter_connection& connection) {
     return error != 0 || !state.blocked ? error : change_table(connection, false);
 }
 
-/// Runs an operation in a VRF's namespace and says what went wrong.
+/// Runs an operation in a VRF's namespace and reports what went wrong.
 template <typename Operation>
 platform_status in_vrf(const std::string& vrf_name, const char* complaint, std::string& failure, Operation operation) {
     filter_connection connection;

@@ -29,7 +29,7 @@ int open_socket() {
     return fd < 0 ? -errno : fd;
 }
 
-/// In the wrong namespace the agent would configure the wrong VRF, so there is no going on.
+/// In the wrong namespace the agent would configure the wrong VRF, so it cannot go on.
 void return_to(int own_namespace) {
     if (setns(own_namespace, CLONE_NEWNET) != 0) {
         platform_log(LOG_CRIT, "Cannot return to the agent's own network namespace: %s", strerror(errno));
@@ -37,8 +37,8 @@ void return_to(int own_namespace) {
     }
 }
 
-/// A socket belongs to the namespace in which it was made, so the process is there only for that moment. Returns the
-/// socket or a negative errno value.
+/// A socket belongs to the namespace in which it was created, so the process enters the namespace only for that moment.
+/// Returns the socket or a negative errno value.
 int open_socket_in(const std::string& namespace_name) {
     const std::string path = std::string(namespace_directory) + "/" + namespace_name;
     const file_descriptor own(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
@@ -57,9 +57,9 @@ int open_socket_in(const std::string& namespace_name) {
     return fd;
 }
 
-/// The kernel has answered by the time that the request is sent, so there is nothing to wait for. An answer is a sequence
-/// of messages of which each carries its own result; the first failure is the one that caused the others. Returns 0, an
-/// errno value, or -1 when there was no answer.
+/// The kernel answers while the request is being sent, so there is nothing to wait for. The answer is a sequence of
+/// messages, each with its own result; the first failure caused the others. Returns 0, an errno value, or -1 if there
+/// was no answer.
 int read_answer(int fd, mnl_cb_t note, void* data) {
     alignas(nlmsghdr) char buffer[answer_size];
     int first_error = -1;

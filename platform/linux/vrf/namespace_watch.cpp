@@ -35,7 +35,7 @@ constexpr uint64_t first_retry = 20000;  ///< microseconds
 constexpr uint64_t longest_retry = 2000000;
 constexpr uint64_t retry_accuracy = 1000;
 
-/// What tells a namespace from another one that later has the same name.
+/// Distinguishes a namespace from a later one of the same name.
 struct namespace_identity {
     dev_t device;
     ino_t inode;
@@ -55,7 +55,7 @@ struct namespace_watch {
     sd_event_source* delivery = nullptr;
     uint64_t retry_delay = first_retry;
     std::map<std::string, namespace_identity> known;
-    std::set<std::string> pending;  ///< files to which no namespace is attached yet
+    std::set<std::string> pending;  ///< files that are not namespaces yet
     std::deque<announcement> queue;
 
     namespace_watch() = default;
@@ -76,7 +76,7 @@ bool is_vrf_namespace_name(std::string_view name) {
     return name.substr(0, prefix.size()) == prefix && vrf_name_is_valid(name.substr(prefix.size()));
 }
 
-/// Looks at the file system first: opening whatever else may stand under the name could block.
+/// Checks the file system first: opening any other kind of file could block.
 bool identify(const std::string& name, namespace_identity& identity) {
     const std::string path = std::string(namespace_directory) + "/" + name;
     struct statfs file_system = {};
@@ -94,7 +94,7 @@ bool identify(const std::string& name, namespace_identity& identity) {
     return is_network;
 }
 
-/// The VRF namespaces' files. A missing directory has none.
+/// The files of VRF namespaces. A missing directory has none.
 std::set<std::string> read_directory() {
     std::set<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(namespace_directory), closedir);
@@ -112,8 +112,8 @@ std::set<std::string> read_directory() {
     return names;
 }
 
-/// A namespace that has come and gone before anybody was told is not told of at all: the handler of its coming would wait
-/// for it in vain.
+/// A namespace that is deleted before its creation was announced is not announced at all: the handler of its creation
+/// would wait for it in vain.
 void announce(namespace_watch& watch, uint32_t code, const std::string& name) {
     const auto undelivered = std::find_if(watch.queue.rbegin(), watch.queue.rend(),
                                           [&](const announcement& queued) { return queued.name == name; });
@@ -148,7 +148,7 @@ void namespace_has_appeared(namespace_watch& watch, const std::string& name, con
     announce(watch, NAMESPACE_CREATED, name);
 }
 
-/// Takes note of what stands under the name now.
+/// Records what currently has the name.
 void look_at(namespace_watch& watch, const std::string& name) {
     namespace_identity identity = {};
     const bool attached = identify(name, identity);
@@ -165,7 +165,7 @@ void look_at(namespace_watch& watch, const std::string& name) {
     }
 }
 
-/// Brings what is known in line with the directory, whatever has been missed.
+/// Synchronises the known namespaces with the directory, whatever events were missed.
 void rescan(namespace_watch& watch) {
     const std::set<std::string> present = read_directory();
     std::set<std::string> absent = watch.pending;
@@ -200,7 +200,8 @@ int add_watch(namespace_watch& watch, const char* path, uint32_t events, sd_even
     return 0;
 }
 
-/// Returns 0 or a negative errno value; the missing directory is no failure, its parent's watch tells when it is made.
+/// Returns 0 or a negative errno value. A missing directory is not a failure: the watch on its parent reports its
+/// creation.
 int watch_directory(namespace_watch& watch) {
     constexpr uint32_t events = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF;
     watch.directory = sd_event_source_disable_unref(watch.directory);
@@ -226,7 +227,7 @@ void handle_entry_change(namespace_watch& watch, uint32_t mask, const std::strin
 }
 
 void handle_directory_change(namespace_watch& watch, uint32_t mask, const std::string& name) {
-    // An overflow is told to both watches; the parent's reads the directory anew.
+    // An overflow is reported to both watches; the parent's rereads the directory.
     if ((mask & IN_Q_OVERFLOW) != 0) {
         return;
     }
@@ -246,7 +247,7 @@ void handle_parent_change(namespace_watch& watch, uint32_t mask, const std::stri
     }
 }
 
-/// No exception may cross the loop, which is C.
+/// No exception may cross the loop, which is written in C.
 template <void (*handle)(namespace_watch&, uint32_t, const std::string&)>
 int follow(const inotify_event& event, void* userdata) {
     try {
@@ -265,7 +266,7 @@ int parent_has_changed(sd_event_source*, const inotify_event* event, void* userd
     return follow<handle_parent_change>(*event, userdata);
 }
 
-/// A file that is no namespace yet is looked at again, ever less often, for as long as it stands there.
+/// Rechecks a file that is not a namespace yet, at growing intervals, as long as it exists.
 void look_at_pending(namespace_watch& watch) {
     if (watch.directory == nullptr) {
         watch_directory_again(watch);
@@ -300,7 +301,7 @@ void check_reply(const announcement& told, platform_status status, const char* r
     }
 }
 
-/// Tells of one namespace; the next one has to wait for the loop.
+/// Announces one namespace; the next one has to wait for the loop.
 int deliver(sd_event_source*, void* userdata) {
     auto& watch = *static_cast<namespace_watch*>(userdata);
     if (watch.queue.empty()) {
@@ -322,7 +323,7 @@ int deliver(sd_event_source*, void* userdata) {
     return 0;
 }
 
-/// The sources beside the watches. Returns 0 or a negative errno value.
+/// The sources besides the watches. Returns 0 or a negative errno value.
 int add_sources(namespace_watch& watch) {
     sd_event* loop = event_manager_sd_event(watch.manager);
     int result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, retry_accuracy,
@@ -336,7 +337,7 @@ int add_sources(namespace_watch& watch) {
     return result < 0 ? result : sd_event_source_set_enabled(watch.delivery, SD_EVENT_OFF);
 }
 
-/// The directory's watch is set before the directory is read, so nothing falls between the two.
+/// The directory's watch is set up before the directory is read, so nothing is missed in between.
 int begin(namespace_watch& watch) {
     int result = add_sources(watch);
     if (result >= 0) {
@@ -349,7 +350,7 @@ int begin(namespace_watch& watch) {
         return result;
     }
     rescan(watch);
-    // The agent finds those that exist by itself.
+    // The agent discovers existing namespaces by itself.
     watch.queue.clear();
     return 0;
 }

@@ -32,7 +32,7 @@ platform_status parse_number(const std::string& key, const std::string& bytes, u
     return PLATFORM_OK;
 }
 
-/// All numbers but the default VRF's, which is not stored.
+/// All numbers except the default VRF's, which is not stored.
 platform_status read_entries(std::vector<vrf_table_entry>& entries) {
     std::string key;
     std::string bytes;
@@ -53,7 +53,7 @@ platform_status read_entries(std::vector<vrf_table_entry>& entries) {
     }
 }
 
-/// Entries are never taken out, so one more than the highest number was never another VRF's.
+/// Entries are never removed, so one more than the highest number has never been used.
 platform_status give_number(const std::string& key, uint32_t& number) {
     std::vector<vrf_table_entry> entries;
     const platform_status status = read_entries(entries);
