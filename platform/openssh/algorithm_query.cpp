@@ -19,10 +19,11 @@ constexpr std::chrono::seconds query_limit{10};
 constexpr std::string_view cache_title = "ssh algorithms 1";
 constexpr std::string_view cache_end = "end";
 
-/// The words of `ssh -Q`, in the order of the kinds.
+/// The arguments of `ssh -Q`, in the order of the kinds.
 constexpr const char* query_words[algorithm_kind_count] = {"cipher", "mac", "kex", "HostKeyAlgorithms"};
 
-/// A package upgrade that keeps the size and the time of modification still changes the inode or the time of its change.
+/// Identifies a program file. A package upgrade that keeps the size and modification time still changes the inode or
+/// the change time.
 std::string identity_of(const std::string& ssh, std::string& identity) {
     struct stat status;
     if (stat(ssh.c_str(), &status) != 0) {

@@ -1,4 +1,4 @@
-/// Names of algorithms: what the installed OpenSSH knows, what FIPS mode permits, and lists cut to both.
+/// Names of algorithms: what the installed OpenSSH knows, what FIPS mode permits, and lists reduced to both.
 #ifndef OPENSSH_ALGORITHMS_H
 #define OPENSSH_ALGORITHMS_H
 
@@ -18,7 +18,7 @@ constexpr size_t algorithm_kind_count = 4;
 constexpr std::array<algorithm_kind, algorithm_kind_count> algorithm_kinds = {
     algorithm_kind::cipher, algorithm_kind::mac, algorithm_kind::kex, algorithm_kind::key};
 
-/// The names of each kind that OpenSSH takes in its configuration, indexed by the kind.
+/// The names of each kind that OpenSSH accepts in its configuration, indexed by kind.
 struct known_algorithms {
     std::array<std::vector<std::string>, algorithm_kind_count> names;
 };
@@ -27,18 +27,19 @@ bool is_known(const known_algorithms& known, algorithm_kind kind, std::string_vi
 
 bool is_fips_approved(algorithm_kind kind, std::string_view name);
 
-/// The approved names of a kind that OpenSSH knows and that a server offers when its file holds no such list; may be empty.
+/// The approved names of a kind that OpenSSH knows, which a server offers if its file has no such list; may be empty.
 std::vector<std::string_view> fips_default_list(const known_algorithms& known, algorithm_kind kind);
 
-/// A comma-separated list, divided. The views point into the list; each name stands in one place only.
+/// A comma-separated list, split by what may be done with each name. The views point into the list; each name is in only one of
+/// them.
 struct list_cut {
-    std::vector<std::string_view> kept;  ///< in the list's order
+    std::vector<std::string_view> kept;  ///< in the order of the list
     std::vector<std::string_view> unknown;
-    std::vector<std::string_view> not_approved;  ///< known, but not in FIPS mode
+    std::vector<std::string_view> not_approved;  ///< known, but not approved for FIPS mode
     std::vector<std::string_view> repeated;
 };
 
-/// Divides a list. Empty names, as a closing or doubled comma leaves them, do not count.
+/// Splits a list into these lists. Ignores empty names, as a trailing or doubled comma produces.
 list_cut cut_list(std::string_view list, algorithm_kind kind, const known_algorithms& known, bool fips_mode);
 
 }  // namespace openssh

@@ -8,7 +8,7 @@ namespace openssh {
 namespace {
 
 constexpr keyword_row rows[] = {
-    // What the agent writes.
+    // Keywords that the agent writes.
     pass("RekeyLimit", is_rekey_limit),
     pass("IPQoS", is_ip_qos),
     pass("UserKnownHostsFile", is_any_text),
@@ -23,7 +23,7 @@ constexpr keyword_row rows[] = {
     leave_out("Protocol", "stock ssh supports protocol version 2 only"),
     leave_out("WindowScaleQd", "stock ssh leaves the TCP window to the kernel"),
 
-    // The agent appends its lines at the end of a file, where a block would swallow them.
+    // The agent appends its lines at the end of a file, where a block would capture them.
     {.keyword = "Host",
      .how = treatment::end_of_settings,
      .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
@@ -32,7 +32,7 @@ constexpr keyword_row rows[] = {
      .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
     leave_out("Include", "other files are never read"),
 
-    // Algorithm lists that the agent never writes but that FIPS mode has to hold.
+    // Algorithm lists that the agent never writes but that FIPS mode must restrict.
     list("PubkeyAcceptedAlgorithms", algorithm_kind::key),
     list("PubkeyAcceptedKeyTypes", algorithm_kind::key, "PubkeyAcceptedAlgorithms"),
     list("HostbasedAcceptedAlgorithms", algorithm_kind::key),

@@ -12,7 +12,7 @@ namespace openssh {
 
 namespace {
 
-/// A server file that is missing means that no server has ever been configured, and FIPS mode neither.
+/// A missing server file means that no server was ever configured, and so FIPS mode is off.
 bool router_is_in_fips_mode(const launcher_paths& paths) {
     std::string text;
     return read_file(paths.default_server_file, text).empty() && asks_for_fips_mode(text);

@@ -1,4 +1,5 @@
-/// The router's SSH client: makes a file that stock ssh takes out of the agent's, and becomes ssh under its own name.
+/// The router's SSH client: translates the agent's file into one that stock ssh accepts, and becomes ssh under its own
+/// name.
 #include <syslog.h>
 #include <unistd.h>
 

@@ -27,7 +27,7 @@ std::string ensure_directories(const launcher_paths& paths) {
     return error;
 }
 
-/// Asks ssh, translates, and reports the remarks.
+/// Queries ssh's algorithms, translates, and reports the remarks.
 std::string translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
                                  translation& result) {
     known_algorithms known;
@@ -48,7 +48,7 @@ std::string translate_and_report(const launcher_paths& paths, const std::string&
     return result.refused ? "the file is unusable" : "";
 }
 
-/// Lets sshd itself judge a file. What it says is reported, also when it takes the file.
+/// Has sshd itself check a file. Its output is reported even if it accepts the file.
 std::string test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to) {
     const program_result result = run_programs({{paths.sshd, "-t", "-f", file}}, test_limit).front();
     const bool taken = result.status == 0;
@@ -59,7 +59,7 @@ std::string test_with_sshd(const launcher_paths& paths, const std::string& file,
     return taken ? std::string() : text_format("sshd rejects the file (exit status %d)", result.status);
 }
 
-/// Tests a translation and makes it the current one; keeps what sshd does not take aside.
+/// Tests a translation and makes it the current one, or sets it aside if sshd does not accept it.
 std::string adopt(const launcher_paths& paths, const translation_files& files, const std::string& text,
                   const reporter& to) {
     std::string error = write_new_file(files.candidate, text);
@@ -76,8 +76,8 @@ std::string adopt(const launcher_paths& paths, const translation_files& files, c
     return error;
 }
 
-/// The last good file must still be good: its host keys may be gone, and outside FIPS mode it may have been made with
-/// algorithms that are now forbidden.
+/// Checks that the last good file is still good: its host keys may be gone, and if it was created outside FIPS mode,
+/// its algorithms may now be forbidden.
 launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode,
                         const reporter& to) {
     std::string text;
@@ -99,7 +99,7 @@ launch_status fall_back(const launcher_paths& paths, const translation_files& fi
     return launch_ready;
 }
 
-/// The steps without which nothing can be done, not even falling back.
+/// The steps without which nothing works, not even falling back.
 launch_status read_server_file(const launcher_paths& paths, const launch_options& options, const reporter& to,
                                std::string& text) {
     std::string error = read_file(options.file, text);

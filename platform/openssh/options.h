@@ -21,7 +21,7 @@ constexpr const char* usage_text =
     "  -v ID    the VRF identifier, a number\n"
     "  -t       print the file the server would be started with, and start nothing\n";
 
-/// Reads the arguments (the program's name being the first). Returns an empty text, or what is wrong, `options` then being
+/// Parses the arguments (the first is the program's name). Returns an empty text, or what is wrong; `options` is then
 /// undefined.
 std::string parse_options(int count, char* const* arguments, launch_options& options);
 

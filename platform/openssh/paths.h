@@ -8,33 +8,34 @@
 
 namespace openssh {
 
-/// The defaults are those of the installed system; tests point them elsewhere.
+/// The defaults are those of the installed system; tests replace them.
 struct launcher_paths {
-    /// Holds the translated files and the cache of algorithm names. Root's alone, made when missing.
+    /// Holds the translated files and the cache of algorithm names. Only root has access; created if missing.
     std::string state_directory = "/run/ssh_cfg_agent/openssh";
     /// sshd refuses to start without it.
     std::string privilege_separation_directory = "/run/sshd";
-    /// Where the agent keeps its server files; their translations are named after the file alone.
+    /// Where the agent keeps its server files; their translations are named after the file name alone.
     std::string agent_directory = "/var/opt/norvo/norvossh/";
     std::string ssh = "/usr/bin/ssh";
-    /// A link to the stock server. sshd uses the last part of the name it is run by as its PAM service name, and needs an
-    /// absolute one to execute itself for each connection.
+    /// A link to the stock server. sshd uses the last component of the name it is run by as its PAM service name, and
+    /// needs an absolute path to execute itself for each connection.
     std::string sshd = "/pkg/libexec/norvosshd";
-    /// Prints the key that the key store holds for the user named by its argument; sshd is told of it where it is installed.
+    /// Prints the key that the key store holds for the user named by its argument; sshd is told to use it if it is
+    /// installed.
     std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
-    /// What a session of a server runs under: loaded into sshd, executed for each session, started by it.
+    /// The wrapper of a server's sessions: loaded into sshd, executed for each session, started by it.
     std::string session_hook = openssh::session_hook;
     std::string session_wrapper = openssh::session_wrapper;
     std::string session_starter = openssh::session_starter;
-    /// Loaded into sshd and ssh, so that they tell of their sessions.
+    /// Loaded into sshd and ssh, so that they report their sessions.
     std::string session_reporter = "/pkg/lib/libssh_session_reporter.so";
-    /// The agent's files for the client and for the default server; the latter tells whether FIPS mode is on.
+    /// The agent's files for the client and for the default server; the latter says whether FIPS mode is on.
     std::string client_file = "/var/opt/norvo/norvossh/ssh_config";
     std::string default_server_file = "/var/opt/norvo/norvossh/sshd_config";
-    /// The name that the client's process goes by.
+    /// The name of the client's process.
     std::string client_name = "/pkg/bin/ssh_csm";
     const char* system_log = "/dev/log";
-    /// The name in the log: the server's own, as its program's name gives it.
+    /// The name in the log: the server's own, which it takes from its program's name.
     const char* log_name = "norvosshd";
 };
 

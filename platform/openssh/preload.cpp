@@ -34,7 +34,7 @@ void load_into_ssh(const std::string& library, const std::string& log_file) {
     if (library.empty()) {
         return;
     }
-    // The names that the library looks for.
+    // The variables that the library reads.
     if (log_file.empty()) {
         unsetenv("SSH_CSM_LOG_FILE");
     } else {
@@ -57,7 +57,7 @@ std::string log_file_of(int count, char* const* arguments) {
         if (option == 'E') {
             file = optarg;
         } else if (option == -1) {
-            // Options may stand behind the host, too; what comes then is the command.
+            // Options may also follow the host; after those comes the command.
             if (has_host || optind >= count || std::string_view(arguments[optind - 1]) == "--") {
                 return file;
             }

@@ -43,7 +43,7 @@ void report(const reporter& to, severity level, std::string_view text) {
                text.data());
         return;
     }
-    // One call, so that lines of several launchers do not mix. Nobody could be told of a failure.
+    // One call, so that lines of several launchers do not mix. If it fails, nobody could be informed.
     const std::string line = format_report(to, level, text);
     [[maybe_unused]] const ssize_t written = write(to.fd, line.data(), line.size());
 }

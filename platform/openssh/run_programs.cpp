@@ -22,7 +22,7 @@ using steady = std::chrono::steady_clock;
 
 struct running_program {
     pid_t pid = -1;
-    /// The reading ends of the pipes from standard output and standard error; -1 once closed.
+    /// The reading ends of the pipes for standard output and standard error; -1 once closed.
     int pipes[2] = {-1, -1};
     program_result result;
 
@@ -85,7 +85,7 @@ running_program start(const std::vector<std::string>& words) {
     return program;
 }
 
-/// What does not fit is read and dropped, so that the program can go on.
+/// Excess output is read and discarded, so that the program can go on.
 void take_output(running_program& program, int pipe_index) {
     char buffer[4096];
     const ssize_t length = read(program.pipes[pipe_index], buffer, sizeof buffer);

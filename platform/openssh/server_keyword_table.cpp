@@ -12,7 +12,7 @@ namespace {
 constexpr const char* no_certificates = "stock sshd does not support x509v3 certificates";
 
 constexpr keyword_row rows[] = {
-    // What the agent writes.
+    // Keywords that the agent writes.
     pass("UsePAM", is_yes_or_no, repetition::once, "yes"),
     pass("Port", is_port, repetition::by_value),
     pass("MaxAuthTries", is_count),
@@ -45,15 +45,15 @@ constexpr keyword_row rows[] = {
     leave_out("UserTrustpointCntQd", no_certificates),
     leave_out("CertUsernameQd", no_certificates),
 
-    // What would take the file out of the launcher's hands. The agent appends its lines at the end of a file, where a
-    // Match block would swallow them; and a line of a block must not become a setting for everybody.
+    // Blocks and other files, which the launcher does not interpret. The agent appends its lines at the end of a file,
+    // where a Match block would capture them, and a line of a block must not become a setting for everyone.
     {.keyword = "Match",
      .how = treatment::end_of_settings,
      .reason = "conditional blocks are not supported, and the rest of the file is ignored"},
     leave_out("Include", "other files are never read"),
     leave_out("PidFile", "the service manager keeps track of the server"),
 
-    // Algorithm lists that the agent never writes but that FIPS mode has to hold.
+    // Algorithm lists that the agent never writes but that FIPS mode must restrict.
     list("PubkeyAcceptedAlgorithms", algorithm_kind::key),
     list("PubkeyAcceptedKeyTypes", algorithm_kind::key, "PubkeyAcceptedAlgorithms"),
     list("HostbasedAcceptedAlgorithms", algorithm_kind::key),

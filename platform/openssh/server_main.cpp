@@ -1,4 +1,4 @@
-/// Stands in the place of the SSH server: makes a file that stock sshd takes out of the agent's, and becomes sshd.
+/// Runs in place of the SSH server: translates the agent's file into one that stock sshd accepts, and becomes sshd.
 #include <syslog.h>
 #include <unistd.h>
 

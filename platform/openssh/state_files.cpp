@@ -27,12 +27,13 @@ std::string result_of(const char* what, const std::string& path, platform_status
     return status == PLATFORM_OK ? std::string() : failure(what, path, status);
 }
 
-/// Tells of errno; to be called before anything can change it.
+/// Describes errno; call it before anything can change errno.
 std::string failure(const char* what, const std::string& path) {
     return failure(what, path, static_cast<platform_status>(errno));
 }
 
-/// A file name's part that stands for a path: every path has its own, and none holds '~', which sets the suffixes off.
+/// Encodes a path as part of a file name: each path has its own encoding, and none contains '~', which separates the
+/// suffixes.
 std::string escaped(std::string_view path) {
     std::string name;
     for (const char c : path) {

@@ -44,14 +44,14 @@ struct translator {
     size_t remarks_not_kept = 0;
     bool ended = false;
     bool has_host_key = false;
-    /// What has been written: the lower-case keyword, with the value where several lines of it may stand.
+    /// What has been written: the lower-case keyword, with the value if the keyword may be repeated.
     std::unordered_set<std::string> written = {};
-    /// List keywords of which a line came down to nothing, with the number of that line.
+    /// List keywords with a line of which nothing was left, and the number of that line.
     std::unordered_map<std::string, size_t> emptied = {};
 };
 
 void add_remark(translator& state, severity level, std::string text) {
-    // An error is what the operator needs most, and there are few of them.
+    // The operator needs errors most, and there are few of them.
     if (state.result.remarks.size() < most_remarks - 1 || level == severity::error) {
         state.result.remarks.push_back({level, std::move(text)});
     } else {
@@ -59,8 +59,8 @@ void add_remark(translator& state, severity level, std::string text) {
     }
 }
 
-/// Divides a line as sshd does: keyword, blanks or one "=", value up to a comment. The keyword is empty for a blank line or a
-/// comment.
+/// Splits a line as sshd does: keyword, blanks or one "=", and the value up to a comment. The keyword is empty for a
+/// blank line or a comment.
 setting parse_line(size_t number, std::string_view line) {
     line = trimmed(line);
     if (line.empty() || line[0] == '#') {
@@ -109,7 +109,7 @@ std::string repetition_key(const keyword_row& row, std::string_view value) {
     return key;
 }
 
-/// Appends a line unless sshd has one already that it would take in its place, or fail at.
+/// Appends a line unless an earlier line makes sshd ignore or reject it.
 bool write_line(translator& state, const keyword_row& row, std::string_view value, size_t line) {
     if (!state.written.insert(repetition_key(row, value)).second) {
         add_remark(state, severity::notice,
@@ -134,7 +134,7 @@ void pass_setting(translator& state, const keyword_row& row, const setting& foun
 void remark_names(translator& state, const setting& found, const std::vector<std::string_view>& names,
                   const char* format) __attribute__((format(printf, 4, 0)));
 
-/// Names what a list lost. The format takes the line, the keyword and the names.
+/// Reports the names removed from a list. The format takes the line, the keyword and the names.
 void remark_names(translator& state, const setting& found, const std::vector<std::string_view>& names,
                   const char* format) {
     constexpr size_t most_names = 64;
@@ -181,7 +181,7 @@ void translate_list(translator& state, const keyword_row& row, const setting& fo
 
 void translate_additional_keys(translator& state, const keyword_row& row, const setting& found) {
     const list_cut cut = cut_and_remark(state, row, found);
-    // In FIPS mode there is nothing to add to: the approved list is written whole at the end.
+    // In FIPS mode there is nothing to add to: the whole approved list is written at the end.
     if (!state.result.fips_mode && !cut.kept.empty()) {
         write_line(state, row, "+" + joined(cut.kept), found.line);
     }
@@ -274,8 +274,8 @@ void refuse(translator& state, std::string reason) {
     add_remark(state, severity::error, std::move(reason));
 }
 
-/// What an absent or emptied list means: sshd's own default, or in FIPS mode, where that would let forbidden algorithms in,
-/// the approved list for an absent one and refusal for an emptied one.
+/// The meaning of an absent or emptied list: sshd's own default. In FIPS mode that would allow forbidden algorithms, so
+/// an absent list becomes the approved one, and an emptied list is refused.
 void settle_list(translator& state, const keyword_row& row) {
     const std::string key = lower_case(row.output_keyword());
     if (state.written.count(key) != 0) {
@@ -305,7 +305,7 @@ void settle_list(translator& state, const keyword_row& row) {
     state.emptied.erase(emptied);
 }
 
-/// sshd's own default would open what a router keeps shut, or pass by the accounts' PAM service.
+/// sshd's own defaults would open what a router keeps closed, or bypass the accounts' PAM service.
 void settle_setting(translator& state, const keyword_row& row) {
     if (!row.otherwise.empty() && state.written.count(repetition_key(row, row.otherwise)) == 0) {
         add_remark(state, severity::notice,
@@ -368,7 +368,7 @@ translation translate(const translation_input& input) {
     state.result.text.append(state.result.fips_mode ? fips_mode_line : no_fips_mode_line);
     state.result.text.append(input.kind->first_lines);
     if (!input.verbose_places.empty()) {
-        // Of several lines the first counts.
+        // Of several lines the first applies.
         write_line(state, *find_keyword_row(input.kind->rows, "LogVerbose"), input.verbose_places, 0);
     }
     for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });

@@ -20,7 +20,7 @@ bool is_one_of(std::string_view value, std::initializer_list<std::string_view> w
                        [&](std::string_view word) { return equal_ignoring_case(word, value); });
 }
 
-/// Takes the decimal number off the front of the text; none when there is no digit or more than 63 bits.
+/// Consumes a decimal number at the start of the text; nothing if there is no digit or the number exceeds 63 bits.
 std::optional<int64_t> take_number(std::string_view& text) {
     constexpr int64_t largest = std::numeric_limits<int64_t>::max();
     size_t length = 0;
@@ -44,7 +44,8 @@ bool is_number_between(std::string_view value, int64_t lowest, int64_t highest) 
     return number && value.empty() && *number >= lowest && *number <= highest;
 }
 
-/// Takes a time unit off the front of the text and gives its length in seconds; 1 where the text ends; 0 for no unit.
+/// Consumes a time unit at the start of the text and returns its length in seconds; 1 at the end of the text; 0 for an
+/// unknown unit.
 int64_t take_time_unit(std::string_view& text) {
     struct unit {
         char letter;
@@ -64,7 +65,7 @@ int64_t take_time_unit(std::string_view& text) {
     return 0;
 }
 
-/// The factor of sshd's data volumes, or 0 when the suffix is none of them.
+/// The factor of a suffix of sshd's data volumes, or 0 if the suffix is unknown.
 int64_t volume_factor(std::string_view suffix) {
     struct unit {
         std::string_view suffix;
@@ -105,7 +106,7 @@ bool is_hex_byte(std::string_view value) {
 }
 
 bool is_type_of_service(std::string_view value) {
-    // A leading 0 would make sshd read the number as octal, which the range test here does not.
+    // sshd would read a number with a leading 0 as octal, unlike the range check here.
     const bool decimal = is_number_between(value, 0, 255) && (value == "0" || value[0] != '0');
     return decimal || is_hex_byte(value) ||
            is_one_of(value, {"af11", "af12", "af13", "af21", "af22",     "af23",       "af31",        "af32", "af33",

@@ -26,7 +26,7 @@ ctl_request ask(control_json document) {
     return {std::move(document), {}};
 }
 
-// JSON carries text only: bytes that are none would reach the agent as something else.
+// JSON carries only text: any other bytes would reach the agent altered.
 ctl_request not_text(const std::string& argument) {
     return fail(control_result::refused, "\"" + text_escape(argument, 80) + "\" is not valid UTF-8");
 }
@@ -118,7 +118,7 @@ ctl_request trace_request(const argument_list& arguments) {
     return ask({{"call", "trace"}, {"buffer", arguments[0]}});
 }
 
-/// The texts of a file's lines.
+/// The lines of a file.
 control_json lines_of(std::string_view text) {
     control_json lines = control_json::array();
     while (!text.empty()) {
@@ -238,7 +238,7 @@ std::string dump_text(const control_json& answer) {
     return ctl_configuration_text(data_of(answer));
 }
 
-/// Of a read its data, of a change nothing.
+/// For a read, its data; for a change, nothing.
 std::string data_text(const control_json& answer) {
     return answer.contains("data") ? ctl_show_text(answer, ctl_output_width()) : std::string();
 }
@@ -314,7 +314,7 @@ std::string trace_text(const control_json& answer) {
     return text.empty() ? "no entries\n" : text;
 }
 
-/// Of a list its lines, of all lists a table, of a change how many entries it has stored.
+/// For one list, its lines; for all lists, a table; for a change, the number of entries stored.
 std::string acl_text(const control_json& answer) {
     if (const auto lines = answer.find("lines"); lines != answer.end()) {
         std::string text;

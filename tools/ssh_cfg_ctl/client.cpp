@@ -18,10 +18,10 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-/// How long a request is repeated that the agent had no place for.
+/// How long a request is repeated that the agent had no free place for.
 constexpr std::chrono::seconds retry_time(10);
 constexpr std::chrono::milliseconds retry_pause(100);
-/// Between two questions whether something is done that takes seconds.
+/// Pause between polls for something that takes seconds.
 constexpr std::chrono::milliseconds next_pause(200);
 /// After this time people want to know what is going on.
 constexpr std::chrono::seconds patience(5);
@@ -52,7 +52,7 @@ int connect_to(int fd, const ctl_connection_settings& settings) {
         return ENAMETOOLONG;
     }
     memcpy(address.sun_path, settings.socket_path.data(), settings.socket_path.size());
-    // Connecting waits while the agent's queue is full; the timeout bounds that too.
+    // Connecting blocks while the agent's queue is full; the timeout limits that, too.
     const timeval timeout = {static_cast<time_t>(settings.timeout), 0};
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
@@ -64,7 +64,7 @@ int connect_to(int fd, const ctl_connection_settings& settings) {
     return 0;
 }
 
-/// Sends all of the text. A failure is not told: the agent may have answered before it closed, and its answer says more.
+/// Sends the whole text. A failure is ignored: the agent may have answered before it closed, and its answer says more.
 void send_all(int fd, std::string_view text) {
     while (!text.empty()) {
         const ssize_t count = send(fd, text.data(), text.size(), MSG_NOSIGNAL);

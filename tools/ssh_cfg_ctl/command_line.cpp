@@ -55,7 +55,8 @@ bool take_flag(ctl_command_line& line, const std::string& argument) {
     return false;
 }
 
-/// Takes an option with its value, "--name value" or "--name=value"; says how many arguments that were, 0 for none.
+/// Reads an option with its value, "--name value" or "--name=value". Returns the number of arguments consumed, 0 for
+/// none.
 size_t take_value(ctl_command_line& line, const std::string& argument, const std::string* next) {
     for (const value_row& row : values) {
         const std::string_view name = row.name;

@@ -20,9 +20,9 @@
 namespace {
 
 constexpr char program[] = "ssh_cfg_ctl";
-constexpr size_t purpose_column = 24;  ///< of the help
+constexpr size_t purpose_column = 24;  ///< column in the help
 
-/// Prints to standard output; what could not be printed is a failure, so that nobody takes half a dump for a whole one.
+/// Prints to standard output. A write error is a failure, so that nobody takes half a dump for a whole one.
 int print(const std::string& text, control_result result) {
     const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
     if (!written) {
@@ -32,7 +32,7 @@ int print(const std::string& text, control_result result) {
     return static_cast<int>(result);
 }
 
-/// Each line of a message to standard error, with the program's name before it.
+/// Prints each line of a message to standard error, prefixed with the program's name.
 void complain(std::string_view message) {
     while (!message.empty()) {
         const std::string_view line = message.substr(0, message.find('\n'));
@@ -50,7 +50,7 @@ std::string help_text() {
         "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nConfigures and queries the SSH configuration agent.\n\n";
     for (const ctl_call_row& row : ctl_calls()) {
         std::string call = std::string("  ") + row.name + ' ' + row.arguments;
-        // A long call has its purpose on a line of its own.
+        // The purpose of a long call goes on a line of its own.
         call += call.size() > purpose_column ? '\n' + std::string(purpose_column, ' ')
                                              : std::string(purpose_column - call.size(), ' ');
         text += call + ' ' + row.purpose + '\n';
@@ -66,7 +66,7 @@ std::string help_text() {
            "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error).\n";
 }
 
-/// Ends with an answer that says anything but "done".
+/// Exits with any answer other than "done".
 int report_problem(const ctl_command_line& line, const control_json& answer) {
     const control_result result = control_result_of_name(answer.value("result", ""));
     complain(answer.value("message", "the agent gave no reason"));
@@ -112,7 +112,7 @@ int report(const ctl_command_line& line, const ctl_call_row& row, const control_
     return print(row.text(answer), result);
 }
 
-/// Prints events until one of both sides has enough of it.
+/// Prints events until either side ends the watch.
 int run_watch(const ctl_command_line& line, const ctl_connection_settings& settings, const control_json& request) {
     const control_json end = ctl_watch(settings, request, STDOUT_FILENO);
     const bool wanted = control_result_of_name(end.value("result", "")) == control_result::done;

@@ -7,7 +7,7 @@ namespace {
 
 using distance_row = std::vector<size_t>;
 
-/// One row of the table of distances: the first characters of `from` up to `position` against every beginning of `to`.
+/// One row of the distance table: the first characters of `from` up to `position` against every prefix of `to`.
 distance_row next_row(std::string_view from, std::string_view to, size_t position, const distance_row& above,
                       const distance_row& above_that) {
     distance_row row(to.size() + 1);

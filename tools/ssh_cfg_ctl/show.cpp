@@ -15,12 +15,12 @@ namespace {
 constexpr size_t shown_max = 4096;
 constexpr char nothing[] = "-";
 
-/// How a field's value is told.
+/// How a field's value is shown.
 struct value_form {
-    const char* enumeration = "";  ///< whose names are shown
+    const char* enumeration = "";  ///< supplies the names of the values
     const char* unit = "";
-    const char* breaks = " ";    ///< where its lines may be cut
-    const char* separator = "";  ///< what stands between its lines
+    const char* breaks = " ";    ///< where its lines may be broken
+    const char* separator = "";  ///< between its lines
 };
 
 constexpr value_form plainly;
@@ -33,7 +33,7 @@ const control_json& member(const control_json& object, const char* name) {
     return found == object.end() ? none : *found;
 }
 
-/// -1 in 32 bits, with a sign or without, stands for what is not known.
+/// -1 in 32 bits, signed or unsigned, means unknown.
 bool is_unknown(int64_t number) {
     return number == -1 || number == UINT32_MAX;
 }
@@ -77,19 +77,19 @@ ctl_cell cell_of(const control_json& value, const value_form& form) {
     return lines.empty() ? ctl_cell{text} : lines;
 }
 
-/// A channel: its number, what it is used for, its terminal line.
+/// A channel: its number, its use, its terminal line.
 std::string channel_text(const control_json& channel, const std::string& line) {
     constexpr value_form connection_types = {.enumeration = "connection_type_en"};
     return value_text(member(channel, "ChannelID"), plainly) + ' ' +
            value_text(member(channel, "ConnectionType"), connection_types) + (line.empty() ? "" : ' ' + line);
 }
 
-/// In records a line has a number, which counts when one is assigned.
+/// The records identify a line by number, which is valid only if one is assigned.
 std::string assigned_line(const control_json& channel) {
     return member(channel, "VTYAssigned") == true ? "vty " + value_text(member(channel, "VTYLineNumber"), plainly) : "";
 }
 
-/// In the records of the command line it has a name, and one that says that there is none.
+/// The records of the command line identify it by name, one of which means that there is none.
 std::string named_line(const control_json& channel) {
     const std::string name = value_text(member(channel, "Line"), plainly);
     return name == "XXXXX" || name == nothing ? "" : name;
@@ -104,23 +104,23 @@ ctl_cell channels_cell(const control_json& channels) {
     return lines.empty() ? ctl_cell{nothing} : lines;
 }
 
-/// A column of sessions.
+/// A column of the session table.
 struct session_column {
-    const char* field;  ///< of a session's record
+    const char* field;  ///< field of a session's record
     const char* heading;
     value_form form = plainly;
-    const char* out_field = nullptr;  ///< what goes out, where `field` is what comes in
-    bool may_wrap = false;            ///< in a narrow line
-    bool only_when_known = false;     ///< left out when no session has it
-    /// Makes the cell of the field's value instead.
+    const char* out_field = nullptr;  ///< the outgoing value, if `field` is the incoming one
+    bool may_wrap = false;            ///< on a narrow terminal
+    bool only_when_known = false;     ///< omitted if no session has a value
+    /// Formats the field's value into the cell instead.
     ctl_cell (*cell)(const control_json& value) = nullptr;
 };
 
-/// A record that tells of sessions: two lists of them, or one session in a list of records.
+/// A record about sessions: two lists of them, or one session in a list of records.
 struct session_view {
     const char* record;
     std::span<const session_column> columns;
-    std::array<const char*, 2> lists;  ///< the fields with the incoming and the outgoing ones
+    std::array<const char*, 2> lists;  ///< fields of the incoming and the outgoing sessions
 };
 
 constexpr const char* no_lists = nullptr;
@@ -205,7 +205,7 @@ constexpr session_view session_views[] = {
 
 constexpr std::array list_headings = {"Incoming sessions", "Outgoing sessions"};
 
-/// A line of a record that tells of one thing.
+/// A line of a record about a single thing.
 struct list_field {
     const char* field;
     const char* label;
@@ -214,7 +214,7 @@ struct list_field {
 
 struct list_view {
     const char* record;
-    std::span<const char* const> within;  ///< the records in which the fields are embedded
+    std::span<const char* const> within;  ///< records in which the fields are embedded
     std::span<const list_field> fields;
 };
 
@@ -262,7 +262,7 @@ constexpr list_view list_views[] = {
     {"overlay_crypto_ssh_system", telemetry_state, telemetry_fields},
 };
 
-/// Reads that are about sessions: when they have no data, there are none.
+/// Reads about sessions: no data means no sessions.
 constexpr std::string_view session_trees[] = {
     "/oper/crypto-ssh/gl/session_xml/",
     "/oper/crypto-ssh/gl/sshddata/",
@@ -270,7 +270,7 @@ constexpr std::string_view session_trees[] = {
 };
 constexpr std::string_view session_items[] = {"brief", "detail", "rekey"};
 
-/// A session's cell. What is the same in both directions is told once.
+/// A session's cell. A value that is the same in both directions is shown once.
 ctl_cell session_cell(const control_json& session, const session_column& column) {
     const control_json& value = member(session, column.field);
     if (column.cell != nullptr) {

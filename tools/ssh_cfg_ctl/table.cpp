@@ -6,16 +6,16 @@
 namespace {
 
 constexpr size_t gap = 2;  ///< between columns
-/// No column is made narrower than this, and no value of a list.
+/// No column is made narrower than this, nor any value of a list.
 constexpr size_t narrowest = 8;
-/// Where names of algorithms, users and hosts may be cut.
+/// Where names of algorithms, users and hosts may be broken.
 constexpr std::string_view name_breaks = " ,-@.:/";
 
 bool begins_character(char byte) {
     return (static_cast<unsigned char>(byte) & 0xc0) != 0x80;
 }
 
-/// Bytes of the first `width` characters.
+/// The number of bytes in the first `width` characters.
 size_t bytes_of(std::string_view text, size_t width) {
     size_t bytes = 0;
     for (; bytes < text.size(); bytes++) {
@@ -52,7 +52,7 @@ ctl_cell wrapped(const ctl_cell& cell, size_t width, std::string_view breaks) {
 
 using table_lines = std::vector<std::vector<ctl_cell>>;
 
-/// The headings and all rows, which come out as they are when nothing is narrower than they.
+/// The headings and all rows; texts that fit into their columns stay unchanged.
 table_lines wrapped_lines(const ctl_table& table, const std::vector<size_t>& widths) {
     table_lines lines(1);
     for (size_t column = 0; column < table.columns.size(); column++) {
@@ -81,7 +81,7 @@ size_t line_width(const std::vector<size_t>& widths) {
     return std::accumulate(widths.begin(), widths.end(), gap * (widths.empty() ? 0 : widths.size() - 1));
 }
 
-/// Makes the widest column that may be narrower one narrower; false when there is none.
+/// Makes the widest column that may shrink one character narrower. Returns false if there is none.
 bool narrow(const ctl_table& table, std::vector<size_t>& widths) {
     size_t* widest = nullptr;
     for (size_t column = 0; column < widths.size(); column++) {
@@ -142,7 +142,7 @@ std::vector<std::string> ctl_wrapped(std::string_view text, size_t width, std::s
     while (width > 0 && ctl_text_width(text) > width) {
         size_t end = bytes_of(text, width);
         const size_t last_break = text.substr(0, end).find_last_of(breaks);
-        // A blank may stand behind the line's last column.
+        // A blank may come right after the last column of the line.
         if (text[end] != ' ' && last_break != std::string_view::npos && last_break > 0) {
             end = last_break + 1;
         }
@@ -164,7 +164,7 @@ std::string ctl_table_text(const ctl_table& table, size_t width, size_t indent) 
         }
     }
     const table_lines lines = wrapped_lines(table, widths);
-    // Where texts were cut, their columns may have become narrower still.
+    // Wrapping may have made columns narrower still.
     widths = widths_of(lines);
     std::string text;
     for (const std::vector<ctl_cell>& cells : lines) {

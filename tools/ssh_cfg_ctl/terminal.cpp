@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Of a terminal that does not say.
+/// For a terminal that does not report its width.
 constexpr size_t usual_width = 80;
 
 size_t columns_of_environment() {

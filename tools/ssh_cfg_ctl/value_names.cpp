@@ -6,7 +6,7 @@
 
 namespace {
 
-// Position i names the value i.
+// Indexed by value.
 
 constexpr const char* states[] = {"negotiating", "authenticating", "established"};
 

@@ -25,7 +25,7 @@ void want_end(int /*number*/) {
     end_is_wanted = 1;
 }
 
-/// Signals that end the watch are delivered while it waits, and at no other time: a line is written whole or not at all.
+/// Signals that end the watch are delivered only while it waits, so each line is written whole or not at all.
 class watched_signals {
   public:
     watched_signals() {
@@ -65,7 +65,7 @@ class watched_signals {
     sigset_t while_waiting{};
 };
 
-/// What there is to write, and what has come of the next frame.
+/// The text still to write, and the part of the next frame received so far.
 struct watch_state {
     int input;
     int output;
@@ -74,7 +74,7 @@ struct watch_state {
     control_frame_reader frame;
 };
 
-/// gNMI counts in each update how many were left out in its favour.
+/// In gNMI each update says how many older ones it replaces.
 void tell_coalesced(control_json& notification, const control_json& coalesced) {
     const auto updates = notification.find("update");
     if (updates != notification.end() && updates->is_array()) {
@@ -98,7 +98,7 @@ void add_lines(watch_state& state, control_json document) {
     }
 }
 
-/// How a step of the watch ends: it goes on, or with an answer.
+/// The outcome of a step of the watch: nothing to go on, or the final answer.
 using watch_step = std::optional<control_json>;
 
 watch_step agent_is_gone(const watch_state& state) {
@@ -138,7 +138,7 @@ watch_step read_input(watch_state& state) {
     return take_frame(state);
 }
 
-/// Writes the next line. A pipe that can be written to has room for PIPE_BUF bytes, so this waits for nobody.
+/// Writes the next line. A pipe that is ready for writing accepts PIPE_BUF bytes, so this never blocks.
 watch_step write_line(watch_state& state) {
     const size_t line = state.lines.find('\n', state.written) + 1 - state.written;
     const ssize_t count = write(state.output, state.lines.data() + state.written, std::min<size_t>(line, PIPE_BUF));
@@ -156,8 +156,8 @@ watch_step write_line(watch_state& state) {
     return std::nullopt;
 }
 
-/// Waits for what can be done next, and does it. Nothing more is read before everything is written: what then waits is
-/// the agent's to bound.
+/// Waits until the next read or write is possible, and does it. Nothing is read until everything is written; the agent
+/// limits what piles up in the meantime.
 watch_step next_step(watch_state& state, const watched_signals& signals) {
     const bool writing = !state.lines.empty();
     std::array<pollfd, 2> entries = {

@@ -1,7 +1,7 @@
 /// Every algorithm that the system knows by name, one row each.
 ///
-/// The agent's default lists, verifiers, FIPS filters and session numbers, the configuration schema, the launcher's
-/// FIPS set and the names that the operator's tool prints all come from these rows.
+/// These rows determine the agent's default lists, verifiers, FIPS filters and session numbers, the configuration
+/// schema, the launcher's FIPS set and the names that the operator's tool prints.
 #ifndef PLATFORM_ALGORITHMS_H
 #define PLATFORM_ALGORITHMS_H
 
@@ -12,35 +12,35 @@
 
 #include "platform/value_tuple.h"
 
-/// Public-key algorithms (`key`) serve the server's host keys, the users' keys and certificate authorities alike.
+/// Public-key algorithms (`key`) serve for the server's host keys, users' keys and certificate authorities alike.
 enum class algorithm_kind { cipher, mac, kex, key };
 
-/// What FIPS mode makes of an algorithm.
+/// How FIPS mode treats an algorithm.
 enum class algorithm_fips {
-    refused,     ///< the agent takes it out of every list, together with all names that begin like it
-    unapproved,  ///< the agent leaves it in, but the launcher takes it out
-    approved,    ///< offered where a list names it
-    offered,     ///< offered also where no list is configured
+    refused,     ///< the agent removes it from every list, with all names that begin with its own
+    unapproved,  ///< the agent keeps it, but the launcher removes it
+    approved,    ///< offered if a list names it
+    offered,     ///< offered even if no list is configured
 };
 
 struct algorithm_row {
     algorithm_kind kind;
     const char* name;
     int8_t number;       ///< in the session records' enumeration of its kind; -1: not in it
-    int8_t setting;      ///< place among what can be configured of its kind; -1: cannot be configured
-    int8_t server_rank;  ///< place in the server's default list, from 1; 0: not in it
+    int8_t setting;      ///< index among the configurable algorithms of its kind; -1: not configurable
+    int8_t server_rank;  ///< position in the server's default list, from 1; 0: not in it
     int8_t client_rank;  ///< the same for the client
     algorithm_fips fips;
-    const char* key_file = nullptr;  ///< of the server's host key, which several algorithms may share
+    const char* key_file = nullptr;  ///< file of the server's host key, which several algorithms may share
 };
 
 /// The field of the host-key item that selects every algorithm of the RSA key, and so belongs to no single row.
 inline constexpr int8_t all_rsa_setting = 3;
 inline constexpr char rsa_key_file[] = "/pkg/rsa";
 
-// The rows of a kind are in the order of preference: the order of the FIPS lists and of configured host keys. The numbers
-// of a kind have no gap and neither have settings and ranks. A MAC's setting is a datastore item of its own; a host key's
-// is its field in a stored tuple, so that a new one takes the next free place.
+// The rows of a kind are in order of preference, which is the order of the FIPS lists and of configured host keys. The
+// numbers of a kind have no gaps, nor do settings and ranks. A MAC's setting is a datastore item of its own; a host
+// key's is its field in a stored tuple, so a new one takes the next free index.
 namespace algorithm_list {
 
 using enum algorithm_kind;
@@ -106,10 +106,10 @@ inline constexpr algorithm_row rows[] = {
 
 inline constexpr auto& algorithm_rows = algorithm_list::rows;
 
-/// A column of numbers of the list.
+/// A numeric column of the list.
 using algorithm_column = int8_t algorithm_row::*;
 
-/// The row of a kind that has this value in a column; null when there is none.
+/// The row of a kind that has this value in a column; null if there is none.
 constexpr const algorithm_row* algorithm_at(algorithm_kind kind, algorithm_column column, int64_t value) {
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == kind && row.*column == value) {
@@ -119,7 +119,7 @@ constexpr const algorithm_row* algorithm_at(algorithm_kind kind, algorithm_colum
     return nullptr;
 }
 
-/// The row of a name; null when the list does not have it.
+/// The row of a name; null if the list does not contain it.
 constexpr const algorithm_row* algorithm_named(algorithm_kind kind, std::string_view name) {
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == kind && row.name == name) {
@@ -129,7 +129,7 @@ constexpr const algorithm_row* algorithm_named(algorithm_kind kind, std::string_
     return nullptr;
 }
 
-/// One more than the highest value that rows of a kind have in a column.
+/// One more than the highest value in a column among the rows of a kind.
 constexpr uint8_t algorithm_column_end(algorithm_kind kind, algorithm_column column) {
     int8_t highest = -1;
     for (const algorithm_row& row : algorithm_rows) {
@@ -138,13 +138,13 @@ constexpr uint8_t algorithm_column_end(algorithm_kind kind, algorithm_column col
     return static_cast<uint8_t>(highest + 1);
 }
 
-/// How many places the settings of a kind take: names in a key-exchange or cipher list, MACs that can be disabled, fields of
-/// the host-key item.
+/// The number of settings of a kind: names in a key-exchange or cipher list, MACs that can be disabled, fields of the
+/// host-key item.
 constexpr uint8_t algorithm_settings(algorithm_kind kind) {
     return algorithm_column_end(kind, &algorithm_row::setting);
 }
 
-/// The algorithm of a setting; null for the setting that stands for every RSA algorithm.
+/// The algorithm of a setting; null for the setting that selects every RSA algorithm.
 constexpr const algorithm_row* configurable_algorithm(algorithm_kind kind, size_t setting) {
     return algorithm_at(kind, &algorithm_row::setting, static_cast<int64_t>(setting));
 }
@@ -164,7 +164,7 @@ namespace algorithm_checks {
 inline constexpr algorithm_kind kinds[] = {algorithm_kind::cipher, algorithm_kind::mac, algorithm_kind::kex,
                                            algorithm_kind::key};
 
-/// Whether each value from `first` to the column's highest stands in exactly one row of each kind.
+/// Whether each value from `first` to the column's highest appears in exactly one row of each kind.
 constexpr bool every_value_once(algorithm_column column, int8_t first) {
     for (const algorithm_kind kind : kinds) {
         for (int8_t value = first; value < algorithm_column_end(kind, column); value++) {
@@ -191,7 +191,7 @@ constexpr bool every_name_once() {
     return true;
 }
 
-/// Whether the filters leave every algorithm alone that FIPS mode does not refuse.
+/// Whether the filters keep every algorithm that FIPS mode does not refuse.
 constexpr bool only_refused_names_begin_like_refused_ones() {
     for (const algorithm_row& refused : algorithm_rows) {
         for (const algorithm_row& row : algorithm_rows) {
