@@ -1,4 +1,4 @@
-# The top-level commands. Every one of them works in a fresh clone; `make help` lists them.
+# The top-level commands. All of them work in a fresh clone; `make help` lists them.
 
 BUILD ?= build
 BUILD_SANITIZE ?= build-asan
@@ -29,7 +29,7 @@ define build_folder
 		$(if $(3),cmake --build $(1) --parallel $(JOBS) --target $(3))'
 endef
 
-# What is installed; the tests and all else come with `make test`.
+# Builds what is installed; `make test` builds the tests and everything else.
 product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_start \
 	qd_aaa_pam session_responder ssh_session_reporter
 
@@ -42,7 +42,7 @@ build-all: dependencies
 build-sanitize: dependencies
 	$(call build_folder,$(BUILD_SANITIZE),-DSSH_CFG_SANITIZE=ON,sanitized)
 
-# Sources come and go; a configuration made earlier does not know the new ones.
+# Reconfigures if sources were added or removed since.
 compile-commands: dependencies
 	$(call build_folder,$(BUILD))
 	@cmake -S . -B $(BUILD) >/dev/null
@@ -62,7 +62,7 @@ install: build
 clean:
 	rm -rf $(BUILD) $(BUILD_SANITIZE)
 
-# What is looked over is what git knows or would take.
+# The files to check are those that git tracks or would add.
 sources = $(sort $(shell git ls-files -co --exclude-standard -- $(1)))
 compiled = $(call sources,'src/*.cpp' 'platform/*.cpp' 'tools/*.cpp')
 headers = $(call sources,'src/*.h' 'platform/*.h' 'tools/*.h')
@@ -84,7 +84,7 @@ lint: compile-commands
 	@$(MAKE) --no-print-directory -k -j $(JOBS) tidy
 	@echo 'lint: clean'
 
-# A file that was clean is looked at again when it, a header or the checks have changed.
+# A file that passed is checked again only if it, a header or the checks have changed.
 tidied = $(compiled:%=$(BUILD)/tidy/%.clean)
 
 tidy: $(tidied)

@@ -37,18 +37,18 @@ platform_status fill(int fd, std::string_view content, const new_file& made) {
     return status;
 }
 
-/// The file is filled and closed; its name in the folder is not yet durable.
+/// Writes and closes the file; its name in the folder is not durable yet.
 platform_status write_file(const std::string& path, std::string_view content, const new_file& made) {
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
         return last_error();
     }
-    // Without access for others until it has its mode.
+    // Others get no access until the file has its mode.
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600 & made.mode);
     if (fd < 0) {
         return last_error();
     }
     platform_status status = fill(fd, content, made);
-    // Some file systems report only here that there was no room. Linux has closed the descriptor even after EINTR.
+    // Some file systems report a full disk only here. Linux has closed the descriptor even after EINTR.
     if (close(fd) != 0 && errno != EINTR && status == PLATFORM_OK) {
         status = last_error();
     }
@@ -93,7 +93,7 @@ platform_status file_read_regular(int fd, size_t size_max, std::string& content)
 }
 
 platform_status file_read(const std::string& path, size_t size_max, std::string& content, file_links links) {
-    // Without O_NONBLOCK the mere opening of a pipe in the file's place would block.
+    // Without O_NONBLOCK, merely opening a pipe in the file's place would block.
     const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | (links == file_links::refused ? O_NOFOLLOW : 0);
     const file_descriptor file(open(path.c_str(), flags));
     return file.get() < 0 ? last_error() : file_read_regular(file.get(), size_max, content);
@@ -115,7 +115,7 @@ platform_status file_replace(const std::string& path, std::string_view content, 
     if (temporary.empty()) {
         temporary = path + ".new";
     }
-    // Before anything is changed, because it may find no memory.
+    // Comes before any change, because it may run out of memory.
     const std::string folder = file_folder(path);
     if (const platform_status status = write_file(temporary, content, made); status != PLATFORM_OK) {
         return status;

@@ -1,4 +1,4 @@
-/// Whole numbers in text. Allocates and throws nothing.
+/// Whole numbers in text. Neither allocates nor throws.
 #ifndef PLATFORM_COMMON_NUMBER_H
 #define PLATFORM_COMMON_NUMBER_H
 
@@ -8,8 +8,8 @@
 #include <string_view>
 #include <type_traits>
 
-/// The decimal number that the whole text is, when it lies between `lowest` and `highest`. Blanks, a plus sign, and a minus
-/// sign before an unsigned number make it none; leading zeros do not.
+/// Parses the whole text as a decimal number between `lowest` and `highest`. Rejects blanks, a plus sign, and a minus
+/// sign for unsigned numbers; accepts leading zeros.
 template <typename number>
 std::optional<number> number_parse(std::string_view text, number lowest = std::numeric_limits<number>::min(),
                                    std::type_identity_t<number> highest = std::numeric_limits<number>::max()) noexcept {

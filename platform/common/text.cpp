@@ -8,9 +8,9 @@
 namespace {
 
 struct utf8_form {
-    uint32_t smallest;   ///< a smaller character has a shorter form, which it must take
-    unsigned char mask;  ///< bits of the first byte that tell the form
-    unsigned char lead;  ///< what they are
+    uint32_t smallest;   ///< smaller characters must use a shorter form
+    unsigned char mask;  ///< bits of the first byte that identify the form
+    unsigned char lead;  ///< value of these bits
     uint8_t length;      ///< bytes
 };
 
@@ -25,7 +25,7 @@ bool is_scalar_value(uint32_t character) {
     return character <= 0x10ffff && (character < 0xd800 || character > 0xdfff);
 }
 
-/// Reads a character of a known form; 0 when it is cut off, overlong or none.
+/// Reads a character of a known form; 0 if it is truncated, overlong or invalid.
 size_t decode(std::string_view text, const utf8_form& form, uint32_t& character) {
     if (text.size() < form.length) {
         return 0;
@@ -50,14 +50,14 @@ struct character_range {
     uint32_t last;
 };
 
-/// What a terminal or a log might obey, and what makes a text look like another.
+/// Characters that a terminal or a log might interpret, or that make one text look like another.
 constexpr character_range unsafe_characters[] = {
     {0x00, 0x1f},      // C0
     {0x7f, 0x9f},      // DEL and C1
     {0x61c, 0x61c},    // Arabic letter mark
-    {0x200b, 0x200f},  // without width, direction marks
+    {0x200b, 0x200f},  // zero width, direction marks
     {0x2028, 0x202e},  // line and paragraph separators, direction embeddings
-    {0x2060, 0x206f},  // without width, direction isolates
+    {0x2060, 0x206f},  // zero width, direction isolates
     {0xfeff, 0xfeff},  // byte order mark
 };
 
@@ -67,13 +67,13 @@ bool is_unsafe(uint32_t character) {
         [character](const character_range& range) { return range.first <= character && character <= range.last; });
 }
 
-/// What is escaped beside the unsafe characters.
+/// What is escaped besides the unsafe characters.
 struct escape_style {
-    std::string_view backslashed = {};  ///< gets a backslash before it
-    uint32_t highest_shown = 0x10ffff;  ///< characters above it as \xNN
+    std::string_view backslashed = {};  ///< escaped with a backslash
+    uint32_t highest_shown = 0x10ffff;  ///< characters above it are escaped as \xNN
 };
 
-/// The first character of a text, or its first byte when that begins none, as it may be shown.
+/// The first character of a text in the form shown; its first byte if the text does not begin with a character.
 std::string first_escaped(std::string_view& text, const escape_style& style) {
     uint32_t character = 0;
     const size_t length = text_utf8_character(text, character);

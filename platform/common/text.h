@@ -1,4 +1,4 @@
-/// Text for messages and files: printf into strings and buffers, UTF-8, and what may be shown of text from elsewhere.
+/// Text for messages and files: printf into strings and buffers, UTF-8, and safe forms of untrusted text.
 #ifndef PLATFORM_COMMON_TEXT_H
 #define PLATFORM_COMMON_TEXT_H
 
@@ -8,32 +8,32 @@
 #include <string>
 #include <string_view>
 
-/// As printf, into a string of whatever length is needed. May throw std::bad_alloc.
+/// Like printf, but returns a string of whatever length is needed. May throw std::bad_alloc.
 std::string text_format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-/// As printf, into `buffer` of `size` bytes, at least 1; what is too long is cut. Always NUL-terminated. Returns the length
-/// stored. Allocates and throws nothing, and leaves errno alone.
+/// Like printf, into `buffer` of `size` bytes, at least 1; excess text is cut. Always NUL-terminated. Returns the
+/// stored length. Neither allocates nor throws, and leaves errno unchanged.
 size_t text_format_into(char* buffer, size_t size, const char* format, ...) noexcept
     __attribute__((format(printf, 3, 4)));
 size_t text_vformat_into(char* buffer, size_t size, const char* format, va_list arguments) noexcept
     __attribute__((format(printf, 3, 0)));
 
-/// The length in bytes of the UTF-8 character at the start of `text` (RFC 3629), which is stored in `character`; 0 when
-/// there is none: overlong forms, surrogates and numbers above U+10FFFF are no characters.
+/// The length in bytes of the UTF-8 character at the start of `text` (RFC 3629), which is stored in `character`; 0 if
+/// there is none. Overlong forms, surrogates and numbers above U+10FFFF are invalid.
 size_t text_utf8_character(std::string_view text, uint32_t& character) noexcept;
 
 /// Whether a text is well-formed UTF-8.
 bool text_is_utf8(std::string_view text) noexcept;
 
-/// The text as one line for a message, a terminal or a log: bytes that are not UTF-8, control characters and characters
-/// that change the direction of others or have no width as \xNN. Longer than `size_max` bytes it is cut between
-/// characters, and "..." follows. May throw std::bad_alloc.
+/// The text as one line for a message, a terminal or a log, with invalid UTF-8, control characters, and characters that
+/// change the text direction or have no width escaped as \xNN. If longer than `size_max` bytes, it is cut between
+/// characters and "..." is appended. May throw std::bad_alloc.
 std::string text_escape(std::string_view text, size_t size_max);
 
-/// The same for a text that a message puts in double quotes: quotes and backslashes get a backslash before them.
+/// The same for a text that a message puts in double quotes: quotes and backslashes are escaped with a backslash.
 std::string text_escape_quoted(std::string_view text, size_t size_max);
 
-/// The same for readers that may know no UTF-8: every byte of a character beyond ASCII as \xNN.
+/// The same for readers that may not support UTF-8: every byte of a non-ASCII character is escaped as \xNN.
 std::string text_escape_to_ascii(std::string_view text, size_t size_max);
 
 #endif

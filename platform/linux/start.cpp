@@ -47,7 +47,8 @@ platform_status start_control_calls(struct event_manager* manager) {
 }
 
 constexpr platform_service services[] = {
-    // The lock comes before all that a second agent on the node would spoil: the count, and the first agent's socket.
+    // The lock comes before everything that a second agent on the node would damage: the count and the first agent's
+    // socket.
     {"node lock", service_moment::manager_created, 0, true, take_node_lock, node_lock_release},
     {"start count", service_moment::manager_created, 0, false, count_start, nullptr},
     {"control socket", service_moment::manager_created, 0, false, open_control_socket, control_close},
@@ -57,7 +58,7 @@ constexpr platform_service services[] = {
     {"namespace watch", service_moment::message_attached, NAMESPACE_MESSAGE, true, namespace_watch_start,
      namespace_watch_stop},
 
-    // Operators are answered once the keys that they may ask for are those in force.
+    // The socket opens last, when the keys that operators may ask about are in force.
     {"key store", service_moment::first_wait, 0, false, start_key_store, nullptr},
     {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},

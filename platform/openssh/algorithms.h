@@ -30,7 +30,8 @@ bool is_fips_approved(algorithm_kind kind, std::string_view name);
 /// The approved names of a kind that OpenSSH knows, which a server offers if its file has no such list; may be empty.
 std::vector<std::string_view> fips_default_list(const known_algorithms& known, algorithm_kind kind);
 
-/// A comma-separated list, split by what may be done with each name. The views point into the list; each name is in only one of
+/// A comma-separated list, split by what may be done with each name. The views point into the list; each name is in
+/// exactly one group.
 /// them.
 struct list_cut {
     std::vector<std::string_view> kept;  ///< in the order of the list

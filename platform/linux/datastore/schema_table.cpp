@@ -32,8 +32,8 @@ constexpr schema_form tuple(const char* help) {
 
 constexpr schema_form no_wildcard = {};
 
-// Names in paths and values. A VRF's name goes into shell commands, file names and unit names; a trustpoint's into a
-// buffer of 128 bytes and, with others, into a comma-separated line.
+// Names in paths and values. A VRF's name becomes part of shell commands, file names and unit names; a trustpoint's
+// goes into a buffer of 128 bytes and, with others, into a comma-separated line.
 constexpr schema_form vrf_name = text(schema_charset::name, 1, 32, "VRF name");
 constexpr schema_form user_name = text(schema_charset::name, 1, 64, "user name");
 constexpr schema_form trustpoint_name = text(schema_charset::name, 1, 127, "trustpoint name");
@@ -100,7 +100,7 @@ constexpr schema_form key_exchange_list = tuple("key-exchange algorithms in orde
 constexpr schema_form cipher_list = tuple("ciphers in order of preference");
 constexpr schema_form backup_place = tuple("port and VRF of the backup server, not supported");
 
-/// Bytes of a banner with its delimiters: more than any screen shows, and little for every login to carry.
+/// Bytes of a banner with its delimiters: more than any screen shows, and little to send at every login.
 constexpr int64_t banner_size_max = 8192;
 
 constexpr schema_form banner(const char* help) {

@@ -19,16 +19,16 @@ struct enforcement_state {
     void* context = nullptr;
     enforcement_collector* collectors = nullptr;  ///< the innermost one
     uint64_t runs = 0;                            ///< comparisons so far
-    uint64_t run = 0;                             ///< the one under way; 0 outside
+    uint64_t run = 0;                             ///< the current comparison; 0 if none
     void (*needed)(bool is_first) = nullptr;
 };
 
 enforcement_state state;
 
-/// What a comparison reports, until it is over.
+/// What a comparison has reported so far.
 struct reported_differences {
     std::vector<enforcement_difference> list;
-    bool complete = true;  ///< false when memory ran out
+    bool complete = true;  ///< false if memory ran out
 };
 
 void take_difference(const char* subject, const char* text, void* sink_context) {
@@ -49,7 +49,7 @@ void log_restoration(const std::string& subject) {
     platform_log(LOG_NOTICE, "In force again: %s", subject.c_str());
 }
 
-/// Those that a repair has named neither as a difference nor as a failure are in force.
+/// Marks as in force what a repair reported neither as a difference nor as a failure.
 void forget_unnamed(uint64_t run, const std::vector<enforcement_difference>& differences) {
     std::set<std::string_view> named;
     for (const enforcement_difference& difference : differences) {
@@ -81,7 +81,7 @@ void forget_all() {
 
 }  // namespace
 
-/// Lets the seam's operations write into the collectors.
+/// Lets the platform's operations write into the collectors.
 struct enforcement_record {
     static void failed(const std::string& subject) {
         for (enforcement_collector* each = state.collectors; each != nullptr; each = each->outer) {
@@ -94,7 +94,7 @@ struct enforcement_record {
 
 void enforcement_failed(const char* subject, const char* reason) {
     const errno_keeper keeper;
-    // Within a repair something may be put right and break again at once; that is no news for its back-off.
+    // Something may be restored and fail again within one repair; that must not reset its back-off.
     const bool is_first = state.failed.empty() && state.run == 0;
     try {
         const auto [place, is_new] = state.failed.try_emplace(subject);

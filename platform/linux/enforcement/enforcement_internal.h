@@ -1,6 +1,6 @@
-/// What is not in force, for the platform's other services.
+/// Records what is not in force, for the platform's other services.
 ///
-/// All calls belong on the event loop's thread.
+/// All functions must be called on the event loop's thread.
 #ifndef LINUX_ENFORCEMENT_ENFORCEMENT_INTERNAL_H
 #define LINUX_ENFORCEMENT_ENFORCEMENT_INTERNAL_H
 
@@ -15,7 +15,7 @@ struct enforcement_entry {
     std::string subject;
     std::string reason;
     time_t since = 0;  ///< when it was first reported
-    uint64_t run = 0;  ///< the comparison that reported it last; 0 for none
+    uint64_t run = 0;  ///< the last comparison that reported it; 0 for none
 };
 
 /// What is not in force, in byte order of the subjects. Throws std::bad_alloc.
@@ -24,7 +24,7 @@ std::vector<enforcement_entry> enforcement_list();
 /// Whether anything is not in force.
 bool enforcement_any_failed();
 
-/// Collects what is reported while it lives, so that the answer to a change can tell it. Collectors may be nested.
+/// Collects what is reported during its lifetime, for the answer to a change. Collectors may be nested.
 class enforcement_collector {
   public:
     enforcement_collector();
@@ -32,7 +32,7 @@ class enforcement_collector {
     enforcement_collector(const enforcement_collector&) = delete;
     enforcement_collector& operator=(const enforcement_collector&) = delete;
 
-    /// What was reported and has not been restored since, in the order of the first reports. Throws std::bad_alloc.
+    /// What was reported and not restored since, in the order of the first reports. Throws std::bad_alloc.
     std::vector<enforcement_entry> entries() const;
 
   private:
@@ -48,22 +48,22 @@ struct enforcement_difference {
 };
 
 struct enforcement_comparison {
-    int remaining = -1;  ///< how many differences there still are; -1 when they could not be compared
-    std::vector<enforcement_difference> differences;  ///< all that were found, those that were removed too
+    int remaining = -1;  ///< number of remaining differences; -1 if they could not be compared
+    std::vector<enforcement_difference> differences;  ///< all differences found, including those that were removed
 };
 
 /// Whether the agent has registered its comparison.
 bool enforcement_can_compare();
 
-/// Runs the agent's comparison, and brings the record of what is not in force up to date when it repairs. Nothing is
-/// compared without a registration, or from within a comparison. Throws std::bad_alloc.
+/// Runs the agent's comparison and, if it repairs, updates the record of what is not in force. Does nothing without a
+/// registration or from within a comparison. Throws std::bad_alloc.
 enforcement_comparison enforcement_reconcile(bool repair);
 
-/// Has `needed` called when something is not in force that the agent can repair. `is_first` says that all was in force
-/// before. Null ends that.
+/// Registers `needed`, to be called when something is not in force that the agent can repair. `is_first` means that
+/// everything was in force before. Null ends the registration.
 void enforcement_on_failure(void (*needed)(bool is_first));
 
-/// Forgets everything, the registration too.
+/// Clears everything, including the registration.
 void enforcement_reset();
 
 #endif

@@ -20,8 +20,8 @@ constexpr uint32_t longest_delay = 60;  ///< seconds
 struct retry_state {
     sd_event* loop = nullptr;
     sd_event_source* timer = nullptr;
-    uint32_t attempts = 0;  ///< repairs since all was in force
-    bool due = false;       ///< the timer runs
+    uint32_t attempts = 0;  ///< repairs since everything was in force
+    bool due = false;       ///< the timer is running
 };
 
 retry_state retry;
@@ -54,7 +54,7 @@ void schedule() {
 }
 
 int repair_is_due(sd_event_source*, uint64_t, void*) {
-    // It may have been put right by a commit in between.
+    // A commit may have restored it in the meantime.
     if (enforcement_any_failed()) {
         retry.attempts++;
         repair();
@@ -68,7 +68,7 @@ int repair_is_due(sd_event_source*, uint64_t, void*) {
     return 0;
 }
 
-/// Whatever fails while something else waits for its repair is repaired with it.
+/// A failure that occurs while another one awaits its repair is repaired with it.
 void repair_is_needed(bool is_first) {
     if (is_first) {
         retry.attempts = 0;
