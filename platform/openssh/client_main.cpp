@@ -27,7 +27,7 @@ namespace {
     execv(program.c_str(), arguments.data());
     const int error = errno;
     openssh::report(to, openssh::severity::error,
-                    openssh::text_format("cannot execute %s: %s", program.c_str(), std::strerror(error)));
+                    text_format("cannot execute %s: %s", program.c_str(), std::strerror(error)));
     std::exit(openssh::client_failed);
 }
 

@@ -26,7 +26,7 @@ namespace {
     execv(arguments[0], arguments.data());
     const int error = errno;
     openssh::report(to, openssh::severity::error,
-                    openssh::text_format("cannot execute %s: %s", arguments[0], std::strerror(error)));
+                    text_format("cannot execute %s: %s", arguments[0], std::strerror(error)));
     std::exit(openssh::launch_exec_failed);
 }
 
@@ -59,7 +59,7 @@ int main(int count, char** arguments) {
         return status;
     }
     openssh::report(to, openssh::severity::notice,
-                    openssh::text_format("the server of VRF %u starts with %s", options.vrf_id, config.c_str()));
+                    text_format("the server of VRF %u starts with %s", options.vrf_id, config.c_str()));
     openssh::load_into_sshd(openssh::session_hook_of(paths, to));
     openssh::load_into_sshd(openssh::session_reporter_of(paths));
     become(openssh::server_command(paths, config), to);
