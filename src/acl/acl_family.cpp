@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Room for a decoded entry; its record may be longer than the fields that are read here.
+/// Holds a decoded entry; a record may be longer than the fields that are read here.
 template <typename entry_type>
 union entry_area {
     entry_type entry;

@@ -1,4 +1,4 @@
-/// What differs between access lists of the two address families.
+/// How access lists of the two address families differ.
 #ifndef ACL_ACL_FAMILY_H
 #define ACL_ACL_FAMILY_H
 
@@ -14,7 +14,7 @@ struct acl_family {
     uint32_t ssh_type;        ///< acl_type of the SSH service
     uint32_t netconf_type;    ///< acl_type of the NETCONF service
     const char* tree;         ///< operational tree of the family
-    const char* bind_format;  ///< makes the path to bind to from the tree
+    const char* bind_format;  ///< format of the path to bind to, given the tree
     char (vrf_node::*ssh_name)[acl_name_size];
     char (vrf_node::*netconf_name)[acl_name_size];
     acl_handle* vrf_node::*head;  ///< the subscription
@@ -24,10 +24,10 @@ struct acl_family {
 
     const char* get_list_failed;
     const char* registration_failed;
-    const char* without_head;  ///< format with the routine's name
+    const char* without_head;  ///< format for the function's name
 };
 
-/// The name that a node has for a type of the family; null when the type is none of the family's.
+/// The name that a node has for a type of the family; null if the type does not belong to the family.
 inline const char* acl_name_of(const acl_family& family, const vrf_node& node, uint32_t type) {
     if (type == family.ssh_type) {
         return node.*family.ssh_name;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr int first_free_descriptor = 3;
 
-/// Standard error led into memory. Where that cannot be done it stays as it is.
+/// Redirects standard error into memory. If that is impossible, it stays as it is.
 class led_standard_error {
   public:
     led_standard_error() : memory_(memfd_create("command words", MFD_CLOEXEC)) {
@@ -31,7 +31,7 @@ class led_standard_error {
         }
     }
 
-    /// Puts standard error back and passes on what was written.
+    /// Restores standard error and passes on what was written.
     void end(char* words, size_t size) {
         words[0] = '\0';
         if (saved_ < 0) {

@@ -4,12 +4,12 @@
 
 #include <cstddef>
 
-/// Runs a command through the shell, as system() does, and returns its result with errno as system() left it. The
-/// beginning of what the command wrote to standard error stands in `words` (`size` bytes, NUL-terminated, empty when it
-/// wrote nothing) and has been passed on to the agent's own standard error.
+/// Runs a command through the shell, like system(), and returns its result, with errno as left by system(). `words`
+/// (`size` bytes, NUL-terminated) receives the beginning of what the command wrote to standard error, empty if it wrote
+/// nothing; all of it is also passed on to the agent's own standard error.
 int run_command(const char* command, char* words, size_t size);
 
-/// Makes one line of the first complaint of nft: its message and the rule that it points at.
+/// Formats the first complaint of nft as one line: its message and the rule that it points at.
 void shorten_complaint(char* words);
 
 #endif

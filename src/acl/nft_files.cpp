@@ -21,7 +21,7 @@
 
 namespace {
 
-/// The words in which an address family is written.
+/// The keywords of an address family.
 struct nft_family {
     const char* flush_format;
     const char* table_format;
@@ -42,7 +42,7 @@ constexpr nft_family ipv6_family = {
 struct nft_table {
     acl_type type;  ///< the row's position
     const char* name;
-    const nft_family* family;  ///< null for the row that stands for all
+    const nft_family* family;  ///< null for the row that means all tables
     uint32_t port;
 };
 
@@ -112,13 +112,13 @@ int stream_failure(int descriptor, const char* debug_format, const char* routine
     return -1;
 }
 
-/// The list that a VRF names for a type; empty when there is none.
+/// The list that a VRF names for a type; empty if there is none.
 const char* acl_name_of(const char* vrf_name, uint32_t type) {
     const vrf_node* node = type < acl_all ? find_vrf_node(vrf_name) : nullptr;
     return node != nullptr ? acl_name_of(type >= acl_ssh_v6 ? ipv6_acl_family : ipv4_acl_family, *node, type) : "";
 }
 
-/// Which list was not loaded where, and why.
+/// Reports which list was not loaded where, and why.
 void report_failed_load(const char* vrf_name, uint32_t type, char* words) {
     const char* acl_name = acl_name_of(vrf_name, type);
     char list[acl_name_size + 32];
@@ -162,8 +162,8 @@ int create_nft_file(const char* vrf_name, FILE** stream, uint32_t type) {
     if (name == nullptr) {
         return -1;
     }
-    // Making the folders has left "already exists" in errno, /tmp being always there; creat() leaves it alone when it
-    // succeeds. Anything else there means that something went wrong on the way.
+    // Creating the folders has set errno to "already exists", because /tmp always exists; a successful creat() leaves
+    // it unchanged. Any other value means that something went wrong in between.
     const int descriptor = creat(name, file_mode);
     if (descriptor < 0 || errno != EEXIST) {
         return stream_failure(descriptor, "%s - Failed to create NORVOSSH_NFT file, Error:=%s(0x%x)", __func__,

@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t action_name_compared = 10;
 
-/// What both families' entries have under names of their own, apart from the conditions on numbers.
+/// The fields that both families' entries have under different names, apart from the numeric conditions.
 struct entry_parts {
     const void* entry;  ///< for its conditions
     int32_t grant;
@@ -52,7 +52,7 @@ void append_verdict(rule_text& rule, int32_t grant) {
     }
 }
 
-/// The end of every rule: log, counter, service port, verdict; then the line goes to the file.
+/// Ends a rule: log, counter, service port, verdict; then writes the line to the file.
 void finish_rule(rule_text& rule, const entry_parts& entry, bool excluded, bool negated, uint32_t service_port,
                  FILE* rule_file) {
     if (entry.log_option == ACL_LOG) {
@@ -77,7 +77,7 @@ acl_condition condition_of(const entry_parts& entry, const family_rules& family,
     return acl_read_condition(entry.entry, acl_fields_of(acl_conditions[condition], family.is_ipv6));
 }
 
-/// Makes one rule. The two functions append the source and the destination address; either may refuse the entry.
+/// Builds one rule. The two functions append the source and the destination address; either may refuse the entry.
 template <typename append_source, typename append_destination>
 void convert_entry(const entry_parts& entry, const family_rules& family, uint32_t type, FILE* rule_file,
                    append_source source, append_destination destination) {
@@ -147,14 +147,14 @@ bool append_ipv4_address(rule_text& rule, const ipv4_address_texts& texts, uint3
     return true;
 }
 
-/// How an IPv6 address condition is written: a host, any, and the beginning of all else.
+/// How an IPv6 address condition is written: a host, any, and the start of any other.
 struct ipv6_address_texts {
     const char* host;
     const char* any;
     const char* other;
 };
 
-// The third form has one blank less in front and none behind: the prefix length or the mask follows at once.
+// The third form has one leading blank less and no trailing blank: the prefix length or the mask follows at once.
 constexpr ipv6_address_texts ipv6_source = {"                ip6 saddr %s ", "                ip6 saddr ::/0 ",
                                             "               ip6 saddr %s"};
 constexpr ipv6_address_texts ipv6_destination = {"ip6 daddr %s ", "ip6 daddr ::/0 ", "ip6 daddr %s"};

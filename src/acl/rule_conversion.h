@@ -1,6 +1,6 @@
 /// Conversion of access-list entries into nftables rules.
 ///
-/// Only TCP towards the service's port is ever filtered; an entry that cannot be expressed is left out.
+/// Only TCP to the service's port is ever filtered; an entry that cannot be expressed is omitted.
 #ifndef ACL_RULE_CONVERSION_H
 #define ACL_RULE_CONVERSION_H
 

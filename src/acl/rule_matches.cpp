@@ -19,7 +19,7 @@ struct match_texts {
 
 static_assert(ACL_NONE == 0 && ACL_EQ == 1 && ACL_GT == 2 && ACL_LT == 3 && ACL_NE == 4 && ACL_RANGE == 5);
 
-/// Appends a condition as its row says.
+/// Appends a condition according to its row.
 template <uint32_t condition>
 void append_condition(rule_text& rule, uint32_t operation, uint32_t value1, uint32_t value2, bool is_ipv6);
 
@@ -36,7 +36,7 @@ struct condition_rule {
 constexpr match_texts source_port_texts = {
     {nullptr, "tcp sport eq %d ", "tcp sport gt %d ", "tcp sport lt %d ", "tcp sport ne %d ", "tcp sport %d-%d "}};
 
-/// One row per condition, in the order in which rules have them.
+/// One row per condition, in the order in which they appear in rules.
 constexpr condition_rule condition_rules[] = {
     {ACL_SOURCE_PORT, source_port_texts, source_port_texts, nullptr},
     {ACL_DESTINATION_PORT, {}, {}, nullptr},  // see check_dport_match
@@ -97,7 +97,7 @@ void append_condition(rule_text& rule, uint32_t operation, uint32_t value1, uint
     append_match(rule, is_ipv6 ? row.ipv6 : row.ipv4, operation, value1, value2);
 }
 
-/// Whether a condition on the destination port leaves the service's port out.
+/// Whether a condition on the destination port excludes the service's port.
 bool leaves_port_out(uint32_t operation, uint32_t value, uint32_t port) {
     switch (operation) {
         case ACL_EQ:

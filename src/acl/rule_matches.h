@@ -10,18 +10,18 @@
 
 void append_sport_match(rule_text& rule, uint32_t operation, uint32_t port1, uint32_t port2);
 
-/// Compares an entry's destination-port condition with the service's port. Sets `excluded` when the entry cannot concern
-/// it, and `negated` too when a match on "not the service's port" was appended.
+/// Compares an entry's destination-port condition with the service's port. Sets `excluded` if the entry cannot apply to
+/// it, and also `negated` if a match on "not the service's port" was appended.
 ///
 /// The port is 830 for every type but 0, deliberately also for SSH over IPv6. Greater than 22 and less than 22 count as
-/// covering port 22, and a range is judged by its lower end alone.
+/// covering port 22, and only the lower end of a range is considered.
 void check_dport_match(rule_text& rule, uint32_t operation, uint32_t port1, uint32_t port2, bool& excluded,
                        bool& negated, uint32_t type);
 
-/// Only operators 1 and 2 append, and the same text.
+/// Only operators 1 and 2 append anything, and both append the same text.
 void append_tcp_flags_match(rule_text& rule, uint32_t operation, uint32_t flags, uint32_t mask);
 
-/// DSCP counts otherwise: 2 gt, 3 lt, 4 ne, 5 range, and every other code, 0 and 1 included, is eq.
+/// DSCP numbers its operators differently: 2 gt, 3 lt, 4 ne, 5 range; any other code, including 0 and 1, is eq.
 void set_dscp_value(rule_text& rule, uint32_t operation, uint32_t value1, uint32_t value2, bool is_ipv6);
 
 void append_length_match(rule_text& rule, uint32_t operation, uint32_t value1, uint32_t value2, bool is_ipv6);
@@ -32,7 +32,7 @@ void append_ttl_match(rule_text& rule, uint32_t operation, uint32_t value1, uint
 /// Appends the conditions of an acl_ipv4_entry or acl_ipv6_entry that follow the TCP flags, in their prescribed order.
 void append_conditions(rule_text& rule, const void* entry, bool is_ipv6);
 
-/// Leading one bits of a netmask in network byte order; what comes after the first zero bit is ignored.
+/// Leading one bits of a netmask in network byte order; anything after the first zero bit is ignored.
 uint32_t mask_prefix_length(uint32_t netmask);
 
 #endif

@@ -8,8 +8,8 @@
 
 inline constexpr size_t rule_text_size = 600;
 
-/// `length` grows by what a piece would need, also when it did not fit: once it has reached the end, further pieces are
-/// dropped. The text is NUL-terminated at all times and never longer than rule_text_size - 1.
+/// `length` grows by the full size of a piece even if the piece does not fit: once it reaches the end, further pieces
+/// are dropped. The text is always NUL-terminated and never longer than rule_text_size - 1.
 struct rule_text {
     char buffer[rule_text_size] = {};
     size_t length = 0;
@@ -24,8 +24,8 @@ struct piece_argument {
     piece_argument(uint32_t value) : text(nullptr), number(value) {}
 };
 
-/// Appends a piece. Its format knows "%s", "%d" and "%u" (all numbers here are unsigned) and nothing else, which makes it
-/// a tenth of snprintf's work: lists have thousands of entries.
+/// Appends a piece. Its format supports only "%s", "%d" and "%u" (all numbers here are unsigned), which takes a tenth
+/// of the time of snprintf: lists have thousands of entries.
 void append_piece(rule_text& rule, const char* format, std::initializer_list<piece_argument> arguments = {});
 
 #endif

@@ -9,7 +9,7 @@ enum acl_type : uint32_t {
     acl_netconf_v4 = 1,
     acl_ssh_v6 = 2,
     acl_netconf_v6 = 3,
-    acl_all = 4,  ///< all four tables; for making and flushing them only
+    acl_all = 4,  ///< all four tables; only for creating and flushing them
     acl_type_count
 };
 
