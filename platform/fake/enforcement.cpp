@@ -20,7 +20,7 @@ struct enforcement_state {
     enforcement_callbacks callbacks = {};
     void* context = nullptr;
     uint64_t runs = 0;
-    uint64_t run = 0;  ///< the comparison under way; 0 outside
+    uint64_t run = 0;  ///< the current comparison; 0 if none
 };
 
 enforcement_state enforcement;
@@ -29,7 +29,7 @@ void take_difference(const char* subject, const char* text, void* sink_context) 
     static_cast<comparison*>(sink_context)->differences.push_back({subject, text});
 }
 
-/// Takes back what stands about the subject. Returns whether anything did.
+/// Withdraws the reports about the subject. Returns whether there were any.
 bool withdraw(std::string_view subject) {
     bool any = false;
     for (failure_report& report : enforcement.reports) {
@@ -44,7 +44,7 @@ bool names(const comparison& result, const std::string& subject) {
                        [&subject](const difference& each) { return each.subject == subject; });
 }
 
-/// What a repair has left behind.
+/// Updates the reports after a repair.
 void clear_after(uint64_t run, const comparison& result) {
     for (failure_report& report : enforcement.reports) {
         const bool named = report.run == run || names(result, report.what.subject);

@@ -39,7 +39,7 @@ void reset_services();
 void reset_shelf();
 void reset_enforcement();
 
-/// How many failures of enforcement have been reported so far, and those after the first `count` that still stand.
+/// How many failures of enforcement have been reported so far, and those after the first `count` that are still valid.
 size_t enforcement_reports();
 std::vector<unenforced> unenforced_since(size_t count);
 void reset_access();

@@ -19,16 +19,16 @@ struct client_reporters {
     reporter log;
 };
 
-/// The directory of a user's translation: root's is the launchers' own; others have one of theirs in `runtime_directory`
-/// (the value of XDG_RUNTIME_DIR, null or empty when unset) or in /tmp.
+/// The directory of a user's translation: for root the launchers' own; for others one in `runtime_directory` (the value
+/// of XDG_RUNTIME_DIR, null or empty if unset) or in /tmp.
 std::string client_state_directory(const launcher_paths& paths, unsigned user, const char* runtime_directory);
 
-/// Translates the client's file and keeps the result in `state_directory`; `config` is its path. The file stays for jump
-/// hosts, whose clients read it again. Returns an empty text, or what is wrong, which is for the user.
+/// Translates the client's file and keeps the result in `state_directory`; `config` is its path. The file is kept for
+/// jump hosts, whose clients read it again. Returns an empty text, or what is wrong, worded for the user.
 std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,
                            std::string& config);
 
-/// The arguments with which ssh is executed, its name being that of the client's launcher: sessions are found by it.
+/// The arguments for executing ssh under the name of the client's launcher, by which sessions are found.
 std::vector<std::string> client_command(const launcher_paths& paths, const std::string& config, int count,
                                         char* const* arguments);
 

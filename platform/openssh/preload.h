@@ -1,5 +1,5 @@
-/// How sshd and ssh are made to tell of their sessions: a library that is loaded into them, which passes the lines of a few
-/// places in their logs on to the responder.
+/// How sshd and ssh report their sessions: a preloaded library passes lines from a few places in their logs to the
+/// responder.
 #ifndef OPENSSH_PRELOAD_H
 #define OPENSSH_PRELOAD_H
 
@@ -9,18 +9,18 @@
 
 namespace openssh {
 
-/// The library's path; empty when it is not installed, or not in the hands of root or this user alone.
+/// The library's path; empty if it is not installed, or is writable by anyone but root or this user.
 std::string session_reporter_of(const launcher_paths& paths);
 
-/// Has a library loaded into the program that this process becomes, behind those that are named already. Nothing for an
-/// empty path.
+/// Preloads a library into the program that this process becomes, after those already named. Does nothing for an empty
+/// path.
 void load_into_sshd(const std::string& library);
 
-/// The same for ssh, where the library takes its name out of the environment again: what ssh starts for its user is not to
-/// see it. `log_file` is where ssh writes its log, empty for standard error.
+/// The same for ssh, where the library removes itself from the environment again, hidden from what ssh starts for its
+/// user. `log_file` is where ssh writes its log, empty for standard error.
 void load_into_ssh(const std::string& library, const std::string& log_file);
 
-/// The file that ssh's arguments (the program's name being the first) name for its log; empty when they name none.
+/// The log file named in ssh's arguments (the first is the program's name); empty if they name none.
 std::string log_file_of(int count, char* const* arguments);
 
 }  // namespace openssh

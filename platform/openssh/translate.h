@@ -24,8 +24,8 @@ struct remark {
 /// The differences between server files and the client's file.
 struct file_kind {
     keyword_rows rows;
-    const char* program;      ///< that takes the translation
-    const char* made_for;     ///< in the first line: at each start of what the translation is made
+    const char* program;      ///< the program that reads the translation
+    const char* made_for;     ///< for the first line: at each start of what the translation is written
     const char* first_lines;  ///< settings that every translation has, with their line feeds
     bool is_server;           ///< host keys are needed, and users' keys may come from a program
 };
@@ -41,17 +41,17 @@ struct translation_input {
     const known_algorithms* known;
     /// Whether a host-key file can be used; asked with an absolute path. Servers only.
     std::function<bool(const std::string&)> key_is_usable = {};
-    /// A program that prints the keys of the user named by its argument; empty when there is none.
+    /// A program that prints the keys of the user named by its argument; empty if there is none.
     std::string_view user_keys_program = {};
-    /// The places whose log lines tell what a session is like, as a value of LogVerbose; empty when nobody listens.
+    /// The places whose log lines describe a session, as a value of LogVerbose; empty if nobody listens.
     std::string_view verbose_places = {};
     const file_kind* kind = &server_file_kind;
-    /// FIPS mode is on whatever the file says, as the client's says nothing of it.
+    /// FIPS mode is on whatever the file says, because the client's file does not mention it.
     bool fips_mode = false;
 };
 
 struct translation {
-    /// The file must not be used: it has no host key, or a list of which FIPS mode leaves nothing. The remarks tell why.
+    /// The file must not be used: it has no host key, or FIPS mode leaves nothing of a list. The remarks say why.
     bool refused = false;
     bool fips_mode = false;
     std::string text;
@@ -66,11 +66,11 @@ constexpr size_t longest_line = 8192;
 
 translation translate(const translation_input& input);
 
-/// Whether a server file asks for FIPS mode. It holds for the whole file wherever its line stands, and anything but a clear
-/// "no" means that it is on: a misread line must not open the server to algorithms that the operator has forbidden.
+/// Whether a server file requests FIPS mode. The setting applies to the whole file wherever its line is, and anything
+/// but a clear "no" means on: a misread line must not open the server to algorithms that the operator has forbidden.
 bool asks_for_fips_mode(std::string_view text);
 
-/// Whether a text that `translate` made was made in FIPS mode.
+/// Whether `translate` created a text in FIPS mode.
 bool was_made_in_fips_mode(std::string_view translated_text);
 
 }  // namespace openssh

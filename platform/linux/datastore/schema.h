@@ -65,9 +65,9 @@ enum class schema_tuple_rule : uint8_t {
 };
 
 struct schema_row {
-    const char* pattern;  ///< absolute path; a component "*" stands for any name of the form `wildcard`
+    const char* pattern;  ///< absolute path; a component "*" matches any name of the form `wildcard`
     schema_form form;
-    schema_form wildcard;  ///< form of the names that stand for "*"; its help is null when there is none
+    schema_form wildcard;                  ///< form of the names that match "*"; its help is null if there is none
     std::span<const schema_field> fields;  ///< of a tuple
     schema_tuple_rule rule;
 };
@@ -75,18 +75,18 @@ struct schema_row {
 /// All rows, in byte order of their patterns.
 std::span<const schema_row> schema_rows();
 
-/// The row of an item's path; null when the path is no item's, or when a name in it does not have the form that the
-/// pattern asks for. `*refusal` (which may be null) then receives a text that names the path and what is allowed.
+/// The row of an item's path. Returns null if there is no such item, or if a name in the path does not have the
+/// required form. `*refusal` (which may be null) then receives a text that names the path and what is allowed.
 const schema_row* schema_find(std::string_view path, std::string* refusal);
 
-/// Position of a tuple's field by its name, -1 when there is none.
+/// Position of a tuple's field, given its name; -1 if there is none.
 int schema_field_index(const schema_row& row, std::string_view name);
 
-/// The form that a value of this row must have, in words, as it stands in refusals: "a number from 5 to 120 (seconds,
+/// A description of the form that a value of this row must have, as used in refusals: "a number from 5 to 120 (seconds,
 /// login grace time)".
 std::string schema_expected(const schema_row& row);
 
-/// A value as it is stored and as handlers get it.
+/// A value as stored and as passed to handlers.
 struct datastore_stored {
     uint32_t kind = 0;  ///< DATASTORE_VALUE_
     std::string bytes;  ///< a uint32_t, the text with its NUL, or the packed tuple
@@ -94,17 +94,18 @@ struct datastore_stored {
     bool operator==(const datastore_stored&) const = default;
 };
 
-/// Measures a value against a row and brings it into its stored form. Returns 0, or EINVAL with a text in `refusal` that
-/// names path, value and what is expected; `stored` is then untouched.
+/// Checks a value against a row and converts it to its stored form. Returns 0, or EINVAL with a text in `refusal` that
+/// names the path, the value and what is expected, leaving `stored` unchanged.
 platform_status schema_store(const schema_row& row, std::string_view path, const datastore_value& value,
                              datastore_stored& stored, std::string& refusal);
 
-/// Turns a stored value back into what schema_store takes. Returns 0, or EINVAL when the bytes do not have the row's
-/// form; `value` is then untouched. The range is not looked at: what an earlier version took stays readable.
+/// Converts a stored value back to the argument of schema_store. Returns 0, or EINVAL if the bytes do not have the
+/// row's form, leaving `value` unchanged. The range is not checked: values accepted by an earlier version stay
+/// readable.
 platform_status schema_load(const schema_row& row, const datastore_stored& stored, datastore_value& value);
 
-/// A value in a form fit for a message: in one line, control characters and bytes that are not UTF-8 escaped, long texts
-/// and long arrays cut after some 80 characters.
+/// A value in a form suitable for a message: one line, with control characters and invalid UTF-8 escaped, and long
+/// texts and arrays cut after about 80 characters.
 std::string schema_display(const datastore_value& value);
 
 #endif

@@ -1,4 +1,4 @@
-/// Internal state shared by the files of the Linux datastore, which alone include this.
+/// Internal state shared by the files of the Linux datastore; nothing else includes this.
 #ifndef LINUX_DATASTORE_STATE_H
 #define LINUX_DATASTORE_STATE_H
 
@@ -16,7 +16,7 @@ struct datastore_binding {
     std::string path;  ///< ends in '/'
 };
 
-/// A callback for changes below a path: a verification when `verify` or `apply` is set, else a notification.
+/// A callback for changes below a path: a verification if `verify` or `apply` is set, otherwise a notification.
 struct datastore_registration {
     const datastore_binding* owner;  ///< null once the owner has been unbound
     std::string path;                ///< the binding's
@@ -29,7 +29,7 @@ struct datastore_registration {
 };
 
 struct datastore_provider {
-    std::string path;  ///< without a '/' at its end
+    std::string path;  ///< without a trailing '/'
     datastore_provider_callback callback;
     void* context;
 };
@@ -40,13 +40,13 @@ struct datastore_state {
     void* store;  ///< null while the database is closed
     std::vector<std::unique_ptr<datastore_registration>> registrations;
     std::vector<std::unique_ptr<datastore_provider>> providers;
-    uint32_t handlers_running;  ///< how deep in calls of the agent's handlers we are
+    uint32_t handlers_running;  ///< nesting depth of calls of the agent's handlers
 };
 
 datastore_state& the_datastore();
 
-/// Stands around every call of the agent's handlers: a commit from within is refused, and registrations that are given
-/// back there disappear only afterwards.
+/// Surrounds every call of the agent's handlers: a commit from within is refused, and registrations released there
+/// disappear only afterwards.
 class datastore_handler_scope {
   public:
     datastore_handler_scope();
@@ -58,28 +58,27 @@ class datastore_handler_scope {
 /// A stored item of the configuration; DATASTORE_UNAVAILABLE while the database is closed.
 platform_status datastore_stored_get(std::string_view path, datastore_stored& value);
 
-/// The same, but while the verifiers of a commit are asked an item that it would change comes out as the commit would have
-/// it.
+/// The same, but during the verification of a commit, an item that it changes is returned as the commit would store it.
 platform_status datastore_proposed_get(std::string_view path, datastore_stored& value);
 
-/// The first stored item whose path begins with `prefix` and stands behind `after` (at the prefix's start when `after` is
-/// empty). DATASTORE_NO_SUCH_ITEM at the end.
+/// The first stored item whose path begins with `prefix` and sorts after `after` (the first one with the prefix if
+/// `after` is empty). DATASTORE_NO_SUCH_ITEM at the end.
 platform_status datastore_stored_next(std::string_view prefix, std::string_view after, std::string& path,
                                       datastore_stored& value);
 
-/// The names directly below `prefix` (which ends in '/'), each with its stored bytes, which are empty when the name is
-/// only a step on the way to other items.
+/// The names directly below `prefix` (which ends in '/'), each with its stored bytes, which are empty if the name only
+/// leads to other items.
 platform_status datastore_stored_children(const std::string& prefix, std::map<std::string, std::string>& children);
 
-/// Whether an item's path, relative to a binding, is meant by a registration's pattern: "" means all, a pattern that ends
-/// in '/' what is below it, and a component "*" any one component.
+/// Whether a registration's pattern matches an item's path, relative to a binding: "" matches all, a pattern that ends
+/// in '/' everything below it, and a component "*" any one component.
 bool datastore_pattern_matches(std::string_view pattern, std::string_view item);
 
-/// The item's path relative to the registration when that is concerned by one of `events`; else null data.
+/// The item's path relative to the registration if one of `events` concerns that; otherwise null data.
 std::string_view datastore_concerned_item(const datastore_registration& registration, std::string_view path,
                                           uint32_t events);
 
-/// Drops the registrations of bindings that are no more. For datastore_handler_scope and datastore_unbind.
+/// Drops the registrations of released bindings. For datastore_handler_scope and datastore_unbind.
 void datastore_drop_orphans();
 
 #endif

@@ -8,8 +8,8 @@
 #include "control_protocol/json_text.h"
 #include "platform/telemetry_producer.h"
 
-/// The OpenConfig model that events are told in, and the revision that is meant. The leaves are those of the grouping
-/// system-ssh-server-config, which the model takes from openconfig-system-terminal of 2018-11-21.
+/// The OpenConfig model of the events and its revision. The leaves are those of the grouping system-ssh-server-config,
+/// which the model takes from openconfig-system-terminal of 2018-11-21.
 inline constexpr char telemetry_model[] = "openconfig-system";
 inline constexpr char telemetry_model_revision[] = "2019-03-15";
 
@@ -21,12 +21,12 @@ using telemetry_listener = void (*)(const control_json& notification, void* cont
 void telemetry_listen(telemetry_listener listener, void* context);
 void telemetry_unlisten(telemetry_listener listener, void* context);
 
-/// What an event would tell now of each path that has a producer. Paths whose state cannot be read are left out. May
+/// What an event would report now for each path that has a producer. Paths whose state cannot be read are omitted. May
 /// throw std::bad_alloc.
 std::vector<control_json> telemetry_snapshot();
 
-/// The notification of a record of the SSH server's state as it stands in the schema's names, at a time. Values that the
-/// record does not have, or for which the model has no name, are left out.
+/// The notification for a record of the SSH server's state, with the schema's names, at a time. Values that are missing
+/// from the record, or for which the model has no name, are omitted.
 control_json telemetry_notification(const control_json& record, uint64_t nanoseconds);
 
 #endif

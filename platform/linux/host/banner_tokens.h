@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-/// The text with every known token replaced by what it stands for now; one that is not known stays as it stands. What is
-/// put in is not looked at again.
+/// The text with every known token replaced by its current value. Unknown tokens are kept. Inserted text is not
+/// expanded again.
 ///
 ///     $(hostname)  the router's name, up to its first dot
 ///     $(domain)    the domain: what follows that dot, or else the first one of /etc/resolv.conf; empty when there is none

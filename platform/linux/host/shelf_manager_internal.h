@@ -8,37 +8,37 @@
 
 #include "platform/shelf_manager.h"
 
-/// What has become of the last notice.
+/// The state of the last notification.
 enum class shelf_reload_phase : uint8_t {
-    none,          ///< there has been no notice
-    waiting,       ///< it has been sent, the acknowledgement is still to come
+    none,          ///< nothing has been sent
+    waiting,       ///< sent, the acknowledgement is pending
     acknowledged,  ///< the reload may go ahead
-    unanswered     ///< its time is over
+    unanswered     ///< its time is up
 };
 
 struct shelf_reload {
     shelf_reload_phase phase = shelf_reload_phase::none;
-    uint32_t number = 0;   ///< counts the notices
-    uint32_t timeout = 0;  ///< seconds that the acknowledgement may take
-    uint32_t passed = 0;   ///< seconds since the notice
+    uint32_t number = 0;   ///< number of notifications so far
+    uint32_t timeout = 0;  ///< seconds allowed for the acknowledgement
+    uint32_t passed = 0;   ///< seconds since the notification
 };
 
-/// Connects the clients, or tells them that the connection is lost. A client that wanted to connect, or was connected, is
-/// connected again by itself, and so is its wish for notices.
+/// Connects the clients, or notifies them that the connection is lost. A client that wanted to connect, or was
+/// connected, is reconnected automatically, with its request for notifications.
 void shelf_manager_link(bool is_up);
 
-/// Sends the notice to all clients that asked for it and waits for as long as they take to handle it. Their
-/// acknowledgement may also come later, within `timeout` seconds. ENOENT when nobody has asked for notices, EALREADY
-/// while an earlier notice waits for its acknowledgement and somebody still follows it.
+/// Sends the notification to all clients that requested it and waits until they have handled it. Their acknowledgement
+/// may also arrive later, within `timeout` seconds. ENOENT if no client has requested notifications, EALREADY while an
+/// earlier notification awaits its acknowledgement and its sender still follows it.
 platform_status shelf_manager_announce_reload(uint32_t timeout);
 
-/// Says that the one who announced the last reload is still there; to be repeated every second.
+/// Reports that the sender of the last reload is still there; to be repeated every second.
 void shelf_manager_follow_reload();
 
-/// How it stands with the last notice. One whose time is over is from then on unanswered.
+/// The state of the last notification, which becomes unanswered once its time is up.
 shelf_reload shelf_manager_reload_state();
 
-/// For tests: forgets all clients and notices.
+/// For tests: clears all clients and notifications.
 void shelf_manager_reset();
 
 #endif

@@ -23,11 +23,11 @@ struct trace_record {
 };
 
 struct trace_buffer_contents {
-    uint64_t written;  ///< entries written since the buffer was made, those included that have made room
-    std::vector<trace_record> records;  ///< what is still there, the oldest first
+    uint64_t written;  ///< entries written since the buffer was created, including those overwritten since
+    std::vector<trace_record> records;  ///< the entries still kept, oldest first
 };
 
-/// Reads a buffer by its whole name or by the part after its last '/' ("error"). ENOENT when there is none.
+/// Reads a buffer by its full name or by the part after its last '/' ("error"). ENOENT if there is none.
 platform_status trace_buffer_read(const std::string& name, trace_buffer_contents& contents);
 
 #endif
