@@ -18,7 +18,7 @@ struct platform_service {
     uint32_t message;  ///< for service_moment::message_attached: the message that the service sends
     bool required;  ///< its failure is the event manager's; without any other service the agent works, only less well
     platform_status (*start)(struct event_manager* manager);
-    void (*stop)();  ///< null for a service that leaves nothing behind
+    void (*stop)();  ///< null for a service with nothing to clean up
 };
 
 inline constexpr size_t services_max = 32;  ///< in one table

@@ -17,7 +17,7 @@ std::string query_algorithms(const std::string& ssh, const std::string& cache_fi
 /// The cache file's text. `identity` is one line that stays the same until ssh changes.
 std::string format_algorithm_cache(std::string_view identity, const known_algorithms& known);
 
-/// Parses a cache file's text. Returns false, leaving `known` unchanged, when it is damaged or of another identity.
+/// Parses a cache file's text. Returns false, leaving `known` unchanged, if it is damaged or of another identity.
 bool parse_algorithm_cache(std::string_view text, std::string_view identity, known_algorithms& known);
 
 }  // namespace openssh

@@ -30,7 +30,7 @@ struct keyword_row {
     value_form form = nullptr;  ///< for `pass`
     repetition repeats = repetition::once;
     algorithm_kind kind = algorithm_kind::cipher;  ///< for `list` and `additional_keys`
-    /// For `pass`: the value that is written when the file has no good one. Empty: none is written.
+    /// For `pass`: the value to write if the file has no valid one. Empty: write none.
     std::string_view otherwise = {};
     const char* reason = "";  ///< for `leave_out` and `end_of_settings`: told to the operator
 

@@ -12,7 +12,7 @@ namespace openssh {
 enum class report_way {
     text,         ///< lines on standard error
     marked_text,  ///< the same with the severity as "<N>" in front, which the journal takes off
-    system_log,   ///< syslog, where the lines stand beside the server's own, under the same name and process number
+    system_log,   ///< syslog, where the lines appear beside the server's own, under the same name and process number
 };
 
 struct reporter {

@@ -9,7 +9,7 @@
 namespace openssh {
 
 struct program_result {
-    /// The exit status; -1 when the program could not be started, was killed by a signal or timed out.
+    /// The exit status; -1 if the program could not be started, was killed by a signal or timed out.
     int status = -1;
     /// Why the status is -1; empty otherwise.
     std::string failure;

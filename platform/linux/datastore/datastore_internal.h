@@ -58,10 +58,10 @@ struct datastore_commit_result {
 /// is not a change and calls nothing. With `check_only`, only the schema and the verifiers are consulted.
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only);
 
-/// The stored value of an item. DATASTORE_NO_SUCH_ITEM when there is none.
+/// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);
 
-/// The names directly below `path` (which may end in '/'), in byte order, without duplicates; empty when there are none.
+/// The names directly below `path` (which may end in '/'), in byte order, without duplicates; empty if there are none.
 /// A list provided by a service of the platform is in the service's order.
 platform_status datastore_list_children(std::string_view path, std::vector<std::string>& names);
 

@@ -25,7 +25,7 @@ struct datastore_engine {
     platform_status (*commit)(void* store);
     void (*rollback)(void* store);
 
-    /// DATASTORE_NO_SUCH_ITEM when there is none.
+    /// DATASTORE_NO_SUCH_ITEM if there is none.
     platform_status (*get)(void* store, std::string_view key, datastore_stored& value);
     /// The first item in byte order after `from`, or at it when `inclusive`. DATASTORE_NO_SUCH_ITEM at the end.
     platform_status (*next)(void* store, std::string_view from, bool inclusive, std::string& key,

@@ -21,18 +21,18 @@ struct key_store_entry {
 /// reached, with the stored configuration applied. A failure is logged.
 void key_store_start();
 
-/// The key of a user that counts. DATASTORE_NO_SUCH_ITEM when there is none, EBADMSG when the record is damaged.
+/// The valid key of a user. DATASTORE_NO_SUCH_ITEM if there is none, EBADMSG if the record is damaged.
 platform_status key_store_find(std::string_view user, key_record& record);
 
 /// All keys that count, in byte order of the users. Damaged ones are logged and left out.
 platform_status key_store_list(std::vector<key_store_entry>& entries);
 
 /// Stores the key in `text` for a user, as added from the exec mode, in place of one that was added so before.
-/// KEY_OTHER_ORIGIN when the user's key is the configuration's.
+/// KEY_OTHER_ORIGIN if the user's key comes from the configuration.
 platform_status key_store_import(std::string_view user, std::string_view text);
 
-/// Removes a user's key that was added from the exec mode. DATASTORE_NO_SUCH_ITEM when the user has no key,
-/// KEY_OTHER_ORIGIN when it is the configuration's.
+/// Removes a user's key that was added from the exec mode. DATASTORE_NO_SUCH_ITEM if the user has no key,
+/// KEY_OTHER_ORIGIN if it comes from the configuration.
 platform_status key_store_delete(std::string_view user);
 
 #endif

@@ -12,7 +12,7 @@
 enum class service_moment : uint8_t {
     manager_created,   ///< the loop exists; nothing has been attached to it
     first_wait,        ///< the agent has started up: every item of the stored configuration has been applied
-    message_attached,  ///< somebody listens to a message
+    message_attached,  ///< someone listens to a message
 };
 
 /// Starts the services whose moment has come. `message` is the code of the message that was attached, otherwise 0.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-/// Changes that the kernel makes all together or not at all.
+/// Changes that the kernel applies all together or not at all.
 class filter_batch {
   public:
     filter_batch();

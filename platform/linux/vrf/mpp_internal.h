@@ -13,7 +13,7 @@ struct mpp_vrf_status {
     bool netconf;            ///< the NETCONF service is marked for the VRF
     bool initialised;        ///< the namespace has the packet-filter table
     bool blocked;            ///< no new connection is let in
-    bool unblock_requested;  ///< it will be opened when the loop is reached
+    bool unblock_requested;  ///< will be opened when control returns to the loop
 };
 
 /// Every VRF that the service knows, in byte order of the names.

@@ -22,7 +22,7 @@ std::vector<std::string> namespace_list();
 /// `manager`. Those that exist already are not announced. EALREADY when the watch is on.
 platform_status namespace_watch_start(struct event_manager* manager);
 
-/// Ends the watch, with the announcements that have not gone out. Harmless when there is none.
+/// Ends the watch and discards undelivered announcements. Harmless if there is no watch.
 void namespace_watch_stop();
 
 #endif
