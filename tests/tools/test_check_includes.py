@@ -71,7 +71,7 @@ def test_the_right_direction_passes(tmp_path):
     ("platform/openssh/launch.cpp", "platform/openssh/sessions/facts.h"),
     ("platform/openssh/launch.cpp", "platform/linux/reporting/log.h"),
     ("platform/openssh/sessions/facts.cpp", "platform/openssh/wrapper/command.h"),
-    ("tools/ssh_cfg_ctl/client.cpp", "platform/common/text.h"),
+    ("tools/ssh_cfg_ctl/client.cpp", "platform/user_keys/base64.h"),
     ("tools/ssh_cfg_ctl/client.cpp", "platform/linux/control/server.h"),
 ])
 def test_the_wrong_direction(tmp_path, including, included):
