@@ -13,6 +13,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
+#include "vrf/vrf_namespace.h"
 
 namespace {
 
@@ -398,7 +399,8 @@ int list_changed(const acl_family& family, const acl_change_notice* notice) {
 
 void remove_config(const acl_family& family, const char* routine, vrf_node* node, uint32_t type) {
     debug_print("%s: VRF name = %s", routine, node->name);
-    if (ssh_flush_nft_table(node->name, type) != 0) {
+    // The rules of a VRF without namespace have gone with it.
+    if (vrf_namespace_exists(node->name) && ssh_flush_nft_table(node->name, type) != 0) {
         debug_print("Failed to flush nftable");
         return;
     }
@@ -460,6 +462,11 @@ void ssh_remove_v4acl_config(vrf_node* node, uint32_t type) {
 
 void ssh_remove_v6acl_config(vrf_node* node, uint32_t type) {
     remove_config(ipv6_acl_family, __func__, node, type);
+}
+
+void release_unused_subscriptions() {
+    end_unused_subscriptions(ipv4_acl_family);
+    end_unused_subscriptions(ipv6_acl_family);
 }
 
 int acl_in_use_elsewhere(const vrf_node* node, uint32_t type) {

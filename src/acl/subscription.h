@@ -36,9 +36,12 @@ int ssh_ipv6_acl_reg_upd(const acl_change_notice* notice);
 int ssh_configure_v4acl(event_manager* manager, vrf_node* node, uint32_t type);
 int ssh_configure_v6acl(event_manager* manager, vrf_node* node, uint32_t type);
 
-/// Flushes the type's table and drops the subscription when nobody else uses the list.
+/// Flushes the type's table, unless the VRF has no namespace, and drops the subscription when nobody else uses the list.
 void ssh_remove_v4acl_config(vrf_node* node, uint32_t type);
 void ssh_remove_v6acl_config(vrf_node* node, uint32_t type);
+
+/// Ends the subscriptions to lists that no VRF names.
+void release_unused_subscriptions();
 
 /// 0 when another VRF, or the other service of this one, uses the node's list of this type; else 1.
 int acl_in_use_elsewhere(const vrf_node* node, uint32_t type);

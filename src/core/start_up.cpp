@@ -452,6 +452,7 @@ void fill_upcalls() {
     };
     upcall.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
     upcall.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
+    upcall.release_unused_acls = release_unused_subscriptions;
     upcall.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 

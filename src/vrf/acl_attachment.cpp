@@ -1,8 +1,19 @@
 #include "vrf/acl_attachment.h"
 
+#include <cstring>
+
 #include "core/debug.h"
 #include "core/log.h"
+#include "core/text.h"
 #include "vrf/trace_points.h"
+
+namespace {
+
+uint32_t bit_of(const acl_slot& slot) {
+    return 1U << slot.type;
+}
+
+}  // namespace
 
 int make_nft_table(const char* tag, const char* vrf_name) {
     if (upcall.create_nft_table == nullptr || upcall.create_nft_table(vrf_name) == 0) {
@@ -14,19 +25,21 @@ int make_nft_table(const char* tag, const char* vrf_name) {
     return -1;
 }
 
-int flush_acl_rules(const char* tag, const char* vrf_name, const acl_slot& slot) {
-    if (upcall.ssh_flush_nft_table == nullptr || upcall.ssh_flush_nft_table(vrf_name, slot.type) == 0) {
+int flush_acl_rules(const char* tag, vrf_node* node, const acl_slot& slot) {
+    if (upcall.ssh_flush_nft_table == nullptr || upcall.ssh_flush_nft_table(node->name, slot.type) == 0) {
+        node->attached_acls &= ~bit_of(slot);
         return 0;
     }
     debug_print("%s: Failed to flush nft table", tag);
-    log_details("Failed to flush nft table", "vrf: ", vrf_name);
-    trace_error(vrf_trace_nft_flush, {vrf_name, slot.type});
+    log_details("Failed to flush nft table", "vrf: ", node->name);
+    trace_error(vrf_trace_nft_flush, {node->name, slot.type});
     return -1;
 }
 
 int attach_acl(vrf_node* node, const acl_slot& slot) {
     const auto attach = upcall.*slot.attach;
     if (attach == nullptr || attach(node, slot.type) == 0) {
+        node->attached_acls |= bit_of(slot);
         return 0;
     }
     if (slot.attach_failed_debug != nullptr) {
@@ -47,4 +60,23 @@ void detach_acl(vrf_node* node, const acl_slot& slot) {
         detach(node, slot.type);
     }
     acl_name[0] = '\0';
+    node->attached_acls &= ~bit_of(slot);
+}
+
+bool exchange_acl_name(vrf_node* node, const acl_slot& slot, const char* acl_name) {
+    char* stored = node->*slot.name;
+    const char* wanted = acl_name != nullptr ? acl_name : "";
+    const bool in_force = wanted[0] == '\0' || (node->attached_acls & bit_of(slot)) != 0;
+    if (in_force && std::strncmp(stored, wanted, acl_name_size - 1) == 0) {
+        return false;
+    }
+    copy_text(stored, acl_name_size, wanted);
+    node->attached_acls &= ~bit_of(slot);
+    return true;
+}
+
+void release_unused_acls() {
+    if (upcall.release_unused_acls != nullptr) {
+        upcall.release_unused_acls();
+    }
 }

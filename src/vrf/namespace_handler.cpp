@@ -137,6 +137,7 @@ void namespace_deleted(const char* namespace_name) {
     if (node != nullptr) {
         ssh_process_restart(0, node->name);
         node->server_started = 0;
+        node->attached_acls = 0;
     }
     remove_sshd_service_config_file(namespace_name);
 }

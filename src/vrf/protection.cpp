@@ -1,5 +1,6 @@
 #include "vrf/protection.h"
 
+#include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "platform/mpp.h"
 #include "vrf/trace_points.h"
@@ -22,11 +23,12 @@ void unmark_vrf(uint32_t service, const char* vrf_name) {
     trace_failure(mpp_vrf_unset(service, vrf_name), vrf_trace_unmark, vrf_name);
 }
 
-void initialise_vrf_filter(const char* vrf_name) {
-    trace_failure(mpp_vrf_nft_init(vrf_name), vrf_trace_nft_init, vrf_name);
-}
-
 void block_vrf(const char* vrf_name) {
+    vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr && node->nft_initialised == 0) {
+        trace_failure(mpp_vrf_nft_init(vrf_name), vrf_trace_nft_init, vrf_name);
+        node->nft_initialised = 1;
+    }
     trace_failure(mpp_vrf_block(vrf_name), vrf_trace_block, vrf_name);
 }
 

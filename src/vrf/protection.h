@@ -8,10 +8,8 @@
 void mark_vrf(uint32_t service, const char* vrf_name);
 void unmark_vrf(uint32_t service, const char* vrf_name);
 
-/// Initialises the VRF's nftables state.
-void initialise_vrf_filter(const char* vrf_name);
-
-/// Block and unblock new connections to the VRF's servers.
+/// Block and unblock new connections to the VRF's servers. A configured VRF's nftables state is initialised before its
+/// first block.
 void block_vrf(const char* vrf_name);
 void unblock_vrf(const char* vrf_name);
 

@@ -36,13 +36,16 @@ int report_missing_unit(const char* vrf_name) {
     return 0;
 }
 
+/// Remembers whether a failed start leaves the VRF blocked.
+void note_start_failed(const char* vrf_name, bool failed) {
+    vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr) {
+        node->start_failed = failed ? 1 : 0;
+    }
+}
+
 int start_server(const char* vrf_name) {
     debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
-    vrf_node* node = find_vrf_node(vrf_name);
-    if (node != nullptr && node->nft_initialised == 0) {
-        initialise_vrf_filter(vrf_name);
-        node->nft_initialised = 1;
-    }
     block_vrf(vrf_name);
     char command[command_size];
     format_text(command, sizeof command, "systemctl restart sshd_service_%s", vrf_name);
@@ -52,8 +55,10 @@ int start_server(const char* vrf_name) {
                     error);
         trace_error(vrf_trace_start, {vrf_name, error});
         // Without a server there is nothing to let connections in for: the VRF stays blocked until a start succeeds.
+        note_start_failed(vrf_name, true);
         return -1;
     }
+    note_start_failed(vrf_name, false);
     unblock_vrf(vrf_name);
     trace_event(vrf_trace_restarted, {vrf_name});
     return 0;
@@ -70,6 +75,7 @@ int stop_server(const char* vrf_name) {
         errno = error;
         return -1;
     }
+    note_start_failed(vrf_name, false);
     unblock_vrf(vrf_name);
     trace_event(vrf_trace_stopped, {vrf_name});
     return 0;

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstring>
+#include <span>
 
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
@@ -172,25 +173,44 @@ void store_list_name(vrf_node* node, const acl_slot& slot, const char* acl_name)
     }
 }
 
-/// Replaces the access lists of a running server. Each list is attached before the next name is stored.
+/// A list of the item that is to be replaced, and whether its table has been emptied for it.
+struct list_exchange {
+    const acl_slot& slot;
+    bool changed;
+    bool flushed;
+};
+
+/// Flushes the tables of the changed lists and loads the new ones. A failure in one address family does not keep the other
+/// from its list.
+void load_exchanged_lists(const server_kind& kind, vrf_node* node, std::span<list_exchange> exchanges) {
+    for (list_exchange& each : exchanges) {
+        each.flushed = each.changed && flush_acl_rules(kind.routine, node, each.slot) == 0;
+    }
+    for (const list_exchange& each : exchanges) {
+        if (each.flushed && (node->*each.slot.name)[0] != '\0') {
+            attach_acl(node, each.slot);
+        }
+    }
+}
+
+/// Replaces the access lists of a server. The VRF is blocked while its tables are empty, unless it stays blocked for want of
+/// a server. Without a namespace the names wait for it.
 void exchange_lists(const server_kind& kind, const vrf_request& request) {
     vrf_node* node = find_vrf_node(request.vrf_name);
     if (node == nullptr) {
         return;
     }
-    if (node->name[0] != '\0' &&
-        (make_nft_table(kind.routine, node->name) != 0 || flush_acl_rules(kind.routine, node->name, kind.v4) != 0 ||
-         flush_acl_rules(kind.routine, node->name, kind.v6) != 0)) {
-        return;
+    list_exchange exchanges[] = {{kind.v4, exchange_acl_name(node, kind.v4, request.v4_acl), false},
+                                 {kind.v6, exchange_acl_name(node, kind.v6, request.v6_acl), false}};
+    if ((exchanges[0].changed || exchanges[1].changed) && vrf_namespace_exists(node->name) &&
+        make_nft_table(kind.routine, node->name) == 0) {
+        block_vrf(node->name);
+        load_exchanged_lists(kind, node, exchanges);
+        if (node->start_failed == 0) {
+            unblock_vrf(node->name);
+        }
     }
-    store_list_name(node, kind.v4, request.v4_acl);
-    if (request.v4_acl != nullptr && attach_acl(node, kind.v4) != 0) {
-        return;
-    }
-    store_list_name(node, kind.v6, request.v6_acl);
-    if (request.v6_acl != nullptr) {
-        attach_acl(node, kind.v6);
-    }
+    release_unused_acls();
 }
 
 /// The service's lines in the VRF's file.

@@ -22,6 +22,7 @@
 #include "platform/acl_entry.h"
 #include "platform/acl_service.h"
 #include "platform/record_codec.h"
+#include "scratch_root.h"
 #include "vrf/node_registry.h"
 
 inline constexpr uint32_t deny = 0;
@@ -74,6 +75,8 @@ class acl_test : public agent_test {
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         red = create_vrf_node("red");
         blue = create_vrf_node("blue");
+        scratch_root::add_namespace_file("vrf-red");
+        scratch_root::add_namespace_file("vrf-blue");
         agent.event_manager = nullptr;
     }
 

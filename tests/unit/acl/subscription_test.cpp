@@ -349,6 +349,32 @@ TEST_F(subscription_test, a_flush_that_fails_ends_detaching) {
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
 }
 
+TEST_F(subscription_test, detaching_without_a_namespace_flushes_nothing_and_ends_the_subscription) {
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
+    scratch_root::remove_namespace_file("vrf-red");
+    stub_commands::clear_log();
+    ssh_remove_v4acl_config(red, 0);
+    EXPECT_TRUE(loads().empty());
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 0U);
+}
+
+TEST_F(subscription_test, a_subscription_ends_when_nobody_names_its_list_any_more) {
+    name(red->ssh_v4_acl, "ops");
+    name(blue->ssh_v4_acl, "ops");
+    name(red->netconf_v6_acl, "six");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
+    ASSERT_EQ(ssh_configure_v6acl(nullptr, red, acl_netconf_v6), 0);
+    name(red->ssh_v4_acl, "");
+    name(red->netconf_v6_acl, "");
+    release_unused_subscriptions();
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+    EXPECT_EQ(fake_platform::acl_subscriptions("six"), 0U);
+    name(blue->ssh_v4_acl, "");
+    release_unused_subscriptions();
+    EXPECT_EQ(fake_platform::acl_handles(), 0U);
+}
+
 TEST_F(subscription_test, a_name_is_cut_at_its_first_slash) {
     name(red->ssh_v4_acl, "ops/other");
     datastore_list* list = nullptr;

@@ -321,6 +321,15 @@ TEST_F(namespace_handler_test, a_namespace_that_returns_gets_a_new_unit_and_serv
     EXPECT_TRUE(path_exists(unit_file("red")));
 }
 
+TEST_F(namespace_handler_test, no_list_counts_as_attached_after_its_namespace_has_gone) {
+    vrf_node* node = create_vrf_node("red");
+    strcpy(node->ssh_v4_acl, "a");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_NE(node->attached_acls, 0u);
+    tell(NAMESPACE_DELETED, "vrf-red");
+    EXPECT_EQ(node->attached_acls, 0u);
+}
+
 TEST_F(namespace_handler_test, a_configured_vrf_starts_once_when_its_namespace_appears_later) {
     const fake_platform::value value = fake_platform::tuple_value("%d%S%S", {{}, "four", {}});
     const char* const path[] = {"sshd", "vrf", "red"};

@@ -255,6 +255,7 @@ TEST_F(ssh_vrf_test, without_access_lists_the_flow_goes_on) {
     upcall.ssh_configure_v6acl = nullptr;
     upcall.ssh_remove_v4acl_config = nullptr;
     upcall.ssh_remove_v6acl_config = nullptr;
+    upcall.release_unused_acls = nullptr;
     add_namespace("default");
     EXPECT_EQ(ssh("default", created, {"four", "six"}), 0);
     EXPECT_EQ(trail().back(), "telemetry");
@@ -273,58 +274,131 @@ TEST_F(ssh_vrf_test, an_access_lists_name_is_kept_up_to_64_characters) {
     EXPECT_EQ(find_vrf_node("red")->ssh_v6_acl, std::string(64, 'n'));
 }
 
-// Modification: tables, then both flushes, then each list.
+// Modification: tables, then the flushes, then each list, all while the ports are blocked.
 
-TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists) {
+TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists_behind_blocked_ports) {
+    add_namespace("red");
     ssh("red", created, {"old4", "old6"});
     forget();
     EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
-    EXPECT_THAT(trail(),
-                ElementsAre("create_nft_table(red)", "ssh_flush_nft_table(red, 0)", "ssh_flush_nft_table(red, 2)",
-                            "ssh_configure_v4acl(red, 0)", "ssh_configure_v6acl(red, 2)"));
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "mpp_vrf_block(red)", "ssh_flush_nft_table(red, 0)",
+                                     "ssh_flush_nft_table(red, 2)", "ssh_configure_v4acl(red, 0)",
+                                     "ssh_configure_v6acl(red, 2)", "mpp_vrf_unblock(red)", "release_unused_acls()"));
     EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
     EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
 }
 
-// A list that is no longer given is flushed, but its name stays with the VRF.
-TEST_F(ssh_vrf_test, a_modification_without_lists_flushes_and_keeps_the_names) {
+// After a restart of the agent the server may still run, and its VRF has not been blocked yet.
+TEST_F(ssh_vrf_test, a_modification_initialises_the_filter_before_the_first_block) {
+    agent.respawn_count = 2;
+    add_namespace("red");
+    write_file(server_file("red"), std::string(default_file) + "Port 22\n");
+    stub_commands::set_output("systemctl is-active sshd_service_red", "active\n");
+    ssh("red", created, {"old4"});
+    forget();
+    ssh("red", changed, {"new4"});
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "mpp_vrf_nft_init(red)", "mpp_vrf_block(red)",
+                                     "ssh_flush_nft_table(red, 0)", "ssh_configure_v4acl(red, 0)",
+                                     "mpp_vrf_unblock(red)", "release_unused_acls()"));
+}
+
+TEST_F(ssh_vrf_test, a_modification_without_lists_detaches_them) {
+    add_namespace("red");
     ssh("red", created, {"old4", "old6"});
     forget();
     EXPECT_EQ(ssh("red", changed), 0);
-    EXPECT_THAT(trail(),
-                ElementsAre("create_nft_table(red)", "ssh_flush_nft_table(red, 0)", "ssh_flush_nft_table(red, 2)"));
-    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "old4");
-    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "old6");
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "mpp_vrf_block(red)", "ssh_flush_nft_table(red, 0)",
+                                     "ssh_flush_nft_table(red, 2)", "mpp_vrf_unblock(red)", "release_unused_acls()"));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "");
 }
 
-TEST_F(ssh_vrf_test, a_modification_stops_at_the_first_failure) {
+TEST_F(ssh_vrf_test, a_modification_of_one_family_leaves_the_other_familys_rules) {
+    add_namespace("red");
     ssh("red", created, {"old4", "old6"});
-    const std::vector<std::string> steps = {"create_nft_table(red)", "ssh_flush_nft_table(red, 0)",
-                                            "ssh_flush_nft_table(red, 2)", "ssh_configure_v4acl(red, 0)",
-                                            "ssh_configure_v6acl(red, 2)"};
-    const std::vector<std::vector<std::string>> reports = {
-        {"sshd_apply_vrf_func: Failed to create nft table", "Failed to create nft table vrf:  red"},
-        {"sshd_apply_vrf_func: Failed to flush nft table", "Failed to flush nft table vrf:  red"},
-        {"sshd_apply_vrf_func: Failed to flush nft table", "Failed to flush nft table vrf:  red"},
-        {"Failed to configure v4 acl = new4", "Failed to configure v4 acl for vrf:  red"},
-        {"Failed to configure v6 acl = new6", "Failed to configure v6 acl for vrf:  red"},
-    };
-    for (size_t i = steps.size(); i-- > 0;) {
-        forget();
-        fail_call(steps[i]);
-        EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
-        EXPECT_THAT(trail(), ElementsAreArray(steps.begin(), steps.begin() + static_cast<std::ptrdiff_t>(i) + 1));
-        EXPECT_THAT(fake_platform::debug_texts(), Contains(reports[i][0]));
-        EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(reports[i][1])));
-    }
+    forget();
+    ssh("red", changed, {"old4", "new6"});
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "mpp_vrf_block(red)", "ssh_flush_nft_table(red, 2)",
+                                     "ssh_configure_v6acl(red, 2)", "mpp_vrf_unblock(red)", "release_unused_acls()"));
+    forget();
+    ssh("red", changed, {nullptr, "new6"});
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "mpp_vrf_block(red)", "ssh_flush_nft_table(red, 0)",
+                                     "mpp_vrf_unblock(red)", "release_unused_acls()"));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
 }
 
-TEST_F(ssh_vrf_test, a_list_whose_turn_does_not_come_keeps_its_old_name) {
+TEST_F(ssh_vrf_test, a_modification_without_a_namespace_keeps_the_names_for_it) {
     ssh("red", created, {"old4", "old6"});
-    fail_call("ssh_configure_v4acl(red, 0)");
-    ssh("red", changed, {"new4", "new6"});
+    forget();
+    EXPECT_EQ(ssh("red", changed, {"new4", nullptr}), 0);
+    EXPECT_THAT(trail(), ElementsAre("release_unused_acls()"));
     EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
-    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "old6");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "");
+}
+
+TEST_F(ssh_vrf_test, a_list_that_could_not_be_attached_is_attached_by_the_next_modification) {
+    add_namespace("red");
+    fake_platform::fail("mpp_namespace_created", EIO, 1);
+    ssh("red", created, {"four", "six"});
+    forget();
+    ssh("red", changed, {"four", "other"});
+    EXPECT_THAT(trail(), Contains("ssh_configure_v4acl(red, 0)"));
+}
+
+TEST_F(ssh_vrf_test, a_vrf_without_a_working_server_stays_blocked) {
+    add_namespace("red");
+    command_trail::fail_shell("systemctl restart", ENOMEM);
+    ssh("red", created, {"old4"});
+    forget();
+    ssh("red", changed, {"new4"});
+    EXPECT_THAT(trail(), Contains("ssh_configure_v4acl(red, 0)"));
+    EXPECT_TRUE(fake_platform::vrf_blocked("red"));
+}
+
+TEST_F(ssh_vrf_test, without_tables_a_modification_only_stores_the_names) {
+    add_namespace("red");
+    ssh("red", created, {"old4", "old6"});
+    forget();
+    fail_call("create_nft_table(red)");
+    EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "release_unused_acls()"));
+    EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_vrf_func: Failed to create nft table"));
+    EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  red")));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
+}
+
+// A table that could not be emptied keeps its rules; the other family's is filled again whatever happens.
+TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_keep_the_other_from_its_list) {
+    const struct {
+        const char* failing;
+        const char* loaded;
+        const char* debug_text;
+        const char* log_text;
+    } failures[] = {
+        {"ssh_flush_nft_table(red, 0)", "ssh_configure_v6acl(red, 2)", "sshd_apply_vrf_func: Failed to flush nft table",
+         "Failed to flush nft table vrf:  red"},
+        {"ssh_flush_nft_table(red, 2)", "ssh_configure_v4acl(red, 0)", "sshd_apply_vrf_func: Failed to flush nft table",
+         "Failed to flush nft table vrf:  red"},
+        {"ssh_configure_v4acl(red, 0)", "ssh_configure_v6acl(red, 2)", "Failed to configure v4 acl = new4",
+         "Failed to configure v4 acl for vrf:  red"},
+        {"ssh_configure_v6acl(red, 2)", "ssh_configure_v4acl(red, 0)", "Failed to configure v6 acl = new6",
+         "Failed to configure v6 acl for vrf:  red"},
+    };
+    add_namespace("red");
+    ssh("red", created, {"old4", "old6"});
+    for (const auto& failure : failures) {
+        ssh("red", changed, {"old4", "old6"});
+        forget();
+        clear_failed_calls();
+        fail_call(failure.failing);
+        EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
+        EXPECT_THAT(trail(), Contains(failure.loaded)) << failure.failing;
+        EXPECT_FALSE(fake_platform::vrf_blocked("red"));
+        EXPECT_THAT(fake_platform::debug_texts(), Contains(failure.debug_text));
+        EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(failure.log_text)));
+        clear_failed_calls();
+    }
 }
 
 TEST_F(ssh_vrf_test, a_modification_of_a_vrf_without_node_does_nothing) {

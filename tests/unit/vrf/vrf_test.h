@@ -67,6 +67,7 @@ class vrf_test : public agent_test {
 
     /// A call of the access lists' functions ("ssh_configure_v4acl(red, 0)") fails from now on.
     static void fail_call(const std::string& call) { failing.insert(call); }
+    static void clear_failed_calls() { failing.clear(); }
 
     static std::string log_of_details(const std::string& text) { return "ERR_DETAILS: " + text; }
 
@@ -113,6 +114,7 @@ class vrf_test : public agent_test {
         upcall.ssh_remove_v6acl_config = [](vrf_node* node, uint32_t kind) {
             record(with_kind("ssh_remove_v6acl_config", node->name, kind));
         };
+        upcall.release_unused_acls = [] { record("release_unused_acls()"); };
         upcall.ocssh_telemetry_publish = [] { record("telemetry"); };
     }
 };
