@@ -307,21 +307,20 @@ int load_on_attach(const acl_family& family, const vrf_node& node, uint32_t type
 int configure(const acl_family& family, const char* routine, event_manager* manager, vrf_node* node, uint32_t type) {
     debug_print("Entered %s", routine);
     rule_file file;
-    if (open_rule_file(*node, type, file) != 0) {
-        return -1;
-    }
+    int result = open_rule_file(*node, type, file);
     if (acl_name_of(family, *node, type) == nullptr) {
         debug_print("Invalid ACL type");
         return -1;
     }
-    if (load_on_attach(family, *node, type, file) != 0) {
-        return -1;
+    if (result == 0) {
+        result = load_on_attach(family, *node, type, file);
     }
+    // A list that could not be loaded is followed all the same: its next change may put it right.
     if (register_callback(family, routine, &(node->*family.head), node, type, manager) != 0) {
         debug_print("%s: Failed to register for ACL callback", routine);
         return -1;
     }
-    return 0;
+    return result;
 }
 
 /// Writes the entries of a changed list. `examine_fetch` is set for the SSH service only: there a failed fetch ends the
@@ -369,19 +368,23 @@ int flush_after_removal(const vrf_node& node, uint32_t type) {
     return 1;
 }
 
-/// One pass over all VRFs, for one service.
+/// One pass over all VRFs, for one service. A VRF whose namespace is away gets the list when the namespace returns, and one
+/// that fails does not keep the others from following. Returns 0, or 1 if any failed.
 int follow_change(const acl_family& family, uint32_t type, const acl_change_notice& notice, bool examine_fetch) {
-    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
-        if (!same_text(acl_name_of(family, *node, type), notice.acl_name, acl_name_size)) {
+    int result = 0;
+    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+        if (!same_text(acl_name_of(family, *node, type), notice.acl_name, acl_name_size) ||
+            !vrf_namespace_exists(node->name)) {
             continue;
         }
-        const int result =
-            notice.present != 0 ? rebuild(family, *node, type, examine_fetch) : flush_after_removal(*node, type);
-        if (result != 0) {
-            return result;
+        if ((notice.present != 0 ? rebuild(family, *node, type, examine_fetch) : flush_after_removal(*node, type)) !=
+            0) {
+            result = 1;
+        } else {
+            node->attached_acls |= 1U << type;
         }
     }
-    return 0;
+    return result;
 }
 
 int list_changed(const acl_family& family, const acl_change_notice* notice) {
@@ -391,10 +394,9 @@ int list_changed(const acl_family& family, const acl_change_notice* notice) {
         return 1;
     }
     trace_event(acl_trace_changed, {notice->acl_name, notice->present});
-    if (follow_change(family, family.ssh_type, *notice, true) != 0) {
-        return 1;
-    }
-    return follow_change(family, family.netconf_type, *notice, false);
+    const int ssh_result = follow_change(family, family.ssh_type, *notice, true);
+    const int netconf_result = follow_change(family, family.netconf_type, *notice, false);
+    return ssh_result != 0 || netconf_result != 0 ? 1 : 0;
 }
 
 void remove_config(const acl_family& family, const char* routine, vrf_node* node, uint32_t type) {

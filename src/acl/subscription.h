@@ -27,12 +27,13 @@ int ssh_ipv4_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, e
 int ssh_ipv6_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, event_manager* manager);
 
 /// A subscribed list has changed: rebuilds and loads the file of every VRF and service that uses it, or flushes their
-/// tables when the list is gone or empty. Returns 0, or 1 at the first failure.
+/// tables when the list is gone or empty. A VRF without namespace is passed over. Returns 0, or 1 if any of them failed, which
+/// does not keep the others from following.
 int ssh_ipv4_acl_reg_upd(const acl_change_notice* notice);
 int ssh_ipv6_acl_reg_upd(const acl_change_notice* notice);
 
 /// Attaches the list that the node names for a type (0 and 1; 2 and 3). A list that does not exist yet is subscribed to
-/// and loaded when it appears. Returns 0 or -1.
+/// and loaded when it appears; one that cannot be loaded is subscribed to as well. Returns 0 or -1.
 int ssh_configure_v4acl(event_manager* manager, vrf_node* node, uint32_t type);
 int ssh_configure_v6acl(event_manager* manager, vrf_node* node, uint32_t type);
 

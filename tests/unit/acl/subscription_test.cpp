@@ -178,6 +178,7 @@ TEST_F(subscription_test, one_list_in_64_vrfs_has_one_subscription_and_each_file
     for (int i = 0; i < 64; ++i) {
         vrf_node* node = create_vrf_node(("vrf" + std::to_string(i)).c_str());
         name(node->ssh_v4_acl, "ops");
+        scratch_root::add_namespace_file(std::string("vrf-") + node->name);
     }
     for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
         if (node->ssh_v4_acl[0] != '\0') {
@@ -231,14 +232,13 @@ TEST_F(subscription_test, after_five_failures_attaching_fails) {
         "ERR_ERRNO", "Error:=Resource temporarily unavailable(0xb), IPv6 acl callback registration failed"));
 }
 
-TEST_F(subscription_test, reading_that_fails_ends_attaching) {
+TEST_F(subscription_test, a_list_that_cannot_be_read_is_not_loaded) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     for (const char* operation : {"datastore_bind", "datastore_list_get", "datastore_list_fetch"}) {
         fake_platform::clear_failures();
         fake_platform::fail(operation, EIO);
         EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1) << operation;
-        EXPECT_EQ(fake_platform::acl_handles(), 0U);
         EXPECT_TRUE(loads().empty());
         EXPECT_EQ(fake_platform::bindings(), 0U);
     }
@@ -373,6 +373,56 @@ TEST_F(subscription_test, a_subscription_ends_when_nobody_names_its_list_any_mor
     name(blue->ssh_v4_acl, "");
     release_unused_subscriptions();
     EXPECT_EQ(fake_platform::acl_handles(), 0U);
+}
+
+TEST_F(subscription_test, a_list_whose_first_load_fails_is_followed) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    stub_commands::fail("ip netns exec", 1, 1);
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+    stub_commands::clear_log();
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
+}
+
+TEST_F(subscription_test, a_list_whose_file_cannot_be_made_is_followed) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    write_file("/tmp/norvo-ssh", "in the way");
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+}
+
+TEST_F(subscription_test, a_vrf_without_namespace_does_not_keep_the_others_from_a_change) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    name(blue->ssh_v4_acl, "ops");
+    scratch_root::remove_namespace_file("vrf-blue");
+    const acl_change_notice change = notice("ops", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
+    EXPECT_EQ(loads().size(), 1U);
+    EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
+    const acl_change_notice removal = notice("ops", false);
+    stub_commands::clear_log();
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&removal), 0);
+    EXPECT_EQ(loads().size(), 1U);
+}
+
+TEST_F(subscription_test, a_vrf_that_fails_does_not_keep_the_others_from_a_change) {
+    set_list("ops", {ipv4_entry()});
+    for (vrf_node* node : {red, blue}) {
+        name(node->ssh_v4_acl, "ops");
+        name(node->netconf_v4_acl, "ops");
+    }
+    stub_commands::fail("ip netns exec vrf-blue", 1);
+    const acl_change_notice change = notice("ops", true);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
+    EXPECT_EQ(loads().size(), 4U);
+    stub_commands::clear_log();
+    const acl_change_notice removal = notice("ops", false);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&removal), 1);
+    EXPECT_EQ(loads().size(), 4U);
 }
 
 TEST_F(subscription_test, a_name_is_cut_at_its_first_slash) {

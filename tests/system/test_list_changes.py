@@ -1,0 +1,137 @@
+"""Changes of the lists that items name, and lists that change while something is in their way."""
+
+import pathlib
+import shutil
+
+import access_lists
+import pytest
+import router
+from access_lists import ALLOWED, ALLOWED6, DENIED, DENIED6, PEER, ROUTER, Intruder, reached, set_list, wait_for_rules
+
+ITEM = "sshd/vrf/mgmt"
+
+
+@pytest.fixture(autouse=True)
+def lists_and_wires(clean_router):
+    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
+    yield
+    router.run("ip", "netns", "del", PEER, check=False)
+    access_lists.delete_all_lists()
+
+
+@pytest.fixture
+def mgmt(vrf):
+    """The VRF mgmt with a link to the neighbour, without a server."""
+    vrf("mgmt")
+    access_lists.connect_wires("mgmt")
+    return "mgmt"
+
+
+def bind(ipv4=None, ipv6=None, item=ITEM):
+    router.set_item(item, [None, ipv4, ipv6])
+
+
+def long_list(number):
+    """A list of 1,000 entries that permits an address of its own and the first neighbour, and denies the second."""
+    lines = [f"permit tcp host 192.0.{2 + entry // 250}.{entry % 250 + 1} any" for entry in range(998)]
+    return [*lines, f"permit tcp host 198.51.100.{number} any", f"permit tcp host {ALLOWED} any"]
+
+
+def test_nobody_slips_in_while_an_item_changes_its_lists(mgmt):
+    for number in (1, 2):
+        set_list("ipv4", f"ops{number}", *long_list(number))
+    bind("ops1")
+    router.wait_until(lambda: reached((ALLOWED, ROUTER, 22)), what="the permitted get in")
+    intruder = Intruder(DENIED, ROUTER, 22)
+    for number in (2, 1) * 5:
+        bind(f"ops{number}")
+        wait_for_rules(mgmt, "norvossh_v4acl", text=f"198.51.100.{number}")
+    knocks, entries = intruder.stop()
+    assert entries == 0, f"{entries} of {knocks} knocks"
+    assert knocks > 100
+    assert reached((ALLOWED, ROUTER, 22))
+
+
+def test_a_changed_list_of_ipv6_leaves_the_rules_of_ipv4_in_place(mgmt):
+    set_list("ipv4", "ops", *long_list(1))
+    for host in (ALLOWED6, DENIED6):
+        set_list("ipv6", f"six{host[-1]}", f"permit tcp host {host} any")
+    bind("ops", "six2")
+    router.wait_until(lambda: reached((ALLOWED, ROUTER, 22)), what="the permitted get in")
+    handles = router.in_vrf(mgmt, "nft", "-a", "list", "table", "ip", "norvossh_v4acl").stdout
+    bind("ops", "six3")
+    wait_for_rules(mgmt, "norvossh_v6acl", "ip6", DENIED6)
+    assert router.in_vrf(mgmt, "nft", "-a", "list", "table", "ip", "norvossh_v4acl").stdout == handles
+
+
+def test_a_list_named_while_the_namespace_is_away_waits_for_it(vrf):
+    set_list("ipv4", "old", "permit tcp host 192.0.2.1 any")
+    set_list("ipv4", "new", "permit tcp host 192.0.2.2 any")
+    vrf("mgmt")
+    bind("old")
+    wait_for_rules("mgmt", "norvossh_v4acl", text="192.0.2.1")
+    router.delete_namespace("mgmt")
+    unit = router.UNITS / router.server_unit("mgmt")
+    router.wait_until(lambda: not unit.exists(), what=f"{unit} goes with its namespace")
+    bind("new")
+    vrf("mgmt")
+    wait_for_rules("mgmt", "norvossh_v4acl", text="192.0.2.2")
+
+
+def test_an_item_without_lists_forgets_the_lists_it_named(mgmt):
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    bind("ops")
+    wait_for_rules(mgmt, "norvossh_v4acl", text=ALLOWED)
+    bind()
+    wait_for_rules(mgmt, "norvossh_v4acl")
+    set_list("ipv4", "ops", "deny tcp any any")
+    assert not access_lists.rules(mgmt, "norvossh_v4acl")
+    router.wait_until(lambda: reached((DENIED, ROUTER, 22)), what="everybody gets in")
+
+
+def test_a_vrf_without_namespace_does_not_keep_the_others_from_a_change(mgmt):
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
+    bind("ops")
+    wait_for_rules(mgmt, "norvossh_v4acl", text="192.0.2.1")
+    # The agent comes to the newest VRF first.
+    bind("ops", item="sshd/vrf/away")
+    bind("ops", item="sshd/vrf-netconf/mgmt")
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
+    for table in ("norvossh_v4acl", "netconf_v4acl"):
+        wait_for_rules(mgmt, table, text="192.0.2.2")
+
+
+@pytest.fixture
+def nft_that_rejects():
+    """Makes nft reject the rule files whose names contain a text, until the returned function is called."""
+    # The agent has a /tmp of its own.
+    real, script = (pathlib.Path("/usr/local/lib") / name for name in ("accepting_nft", "rejecting_nft"))
+    mounted = []
+
+    def reject(text):
+        shutil.copyfile("/usr/sbin/nft", real)
+        script.write_text(f'#!/bin/sh\ncase "$*" in *{text}*) echo "Error: rejected" >&2; exit 1 ;; esac\n'
+                          f'exec {real} "$@"\n', encoding="utf-8")
+        for file in (real, script):
+            file.chmod(0o755)
+        router.run("mount", "--bind", script, "/usr/sbin/nft")
+        mounted.append(script)
+        return stop
+
+    def stop():
+        if mounted:
+            mounted.pop()
+            router.run("umount", "/usr/sbin/nft")
+
+    yield reject
+    stop()
+
+
+def test_a_list_whose_first_load_fails_is_followed(mgmt, nft_that_rejects):
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
+    accept_again = nft_that_rejects("norvossh_v4acl")
+    bind("ops")
+    assert not access_lists.rules(mgmt, "norvossh_v4acl")
+    accept_again()
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
+    wait_for_rules(mgmt, "norvossh_v4acl", text="192.0.2.2")
