@@ -35,25 +35,25 @@ struct composed_list {
 namespace compose {
 
 /// The names of a kind in the order of their ranks.
-consteval composed_list ranked_names(algorithm_kind kind, algorithm_column rank) {
+constexpr composed_list ranked_names(algorithm_kind kind, algorithm_column rank) {
     composed_list list = {};
-    for (int8_t place = 1; place < algorithm_column_end(kind, rank); place++) {
+    for (int place = 1; place < algorithm_column_end(kind, rank); place++) {
         list.append(algorithm_at(kind, rank, place)->name);
     }
     return list;
 }
 
 /// The host-key files in the order of their algorithms' ranks.
-consteval composed_list ranked_key_files(algorithm_column rank) {
+constexpr composed_list ranked_key_files(algorithm_column rank) {
     composed_list list = {};
-    for (int8_t place = 1; place < algorithm_column_end(algorithm_kind::key, rank); place++) {
+    for (int place = 1; place < algorithm_column_end(algorithm_kind::key, rank); place++) {
         list.append_key_file(*algorithm_at(algorithm_kind::key, rank, place));
     }
     return list;
 }
 
 /// The names of a kind that FIPS mode treats alike, in the order of the rows, followed by a text.
-consteval composed_list fips_names(algorithm_kind kind, algorithm_fips fips, std::string_view ending) {
+constexpr composed_list fips_names(algorithm_kind kind, algorithm_fips fips, std::string_view ending) {
     composed_list list = {};
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == kind && row.fips == fips) {
@@ -64,7 +64,7 @@ consteval composed_list fips_names(algorithm_kind kind, algorithm_fips fips, std
     return list;
 }
 
-consteval composed_list fips_key_files() {
+constexpr composed_list fips_key_files() {
     composed_list list = {};
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == algorithm_kind::key && row.fips == algorithm_fips::offered) {

@@ -130,18 +130,18 @@ constexpr const algorithm_row* algorithm_named(algorithm_kind kind, std::string_
 }
 
 /// One more than the highest value in a column among the rows of a kind.
-constexpr uint8_t algorithm_column_end(algorithm_kind kind, algorithm_column column) {
+constexpr int algorithm_column_end(algorithm_kind kind, algorithm_column column) {
     int8_t highest = -1;
     for (const algorithm_row& row : algorithm_rows) {
         highest = row.kind == kind && row.*column > highest ? row.*column : highest;
     }
-    return static_cast<uint8_t>(highest + 1);
+    return highest + 1;
 }
 
 /// The number of settings of a kind: names in a key-exchange or cipher list, MACs that can be disabled, fields of the
 /// host-key item.
 constexpr uint8_t algorithm_settings(algorithm_kind kind) {
-    return algorithm_column_end(kind, &algorithm_row::setting);
+    return static_cast<uint8_t>(algorithm_column_end(kind, &algorithm_row::setting));
 }
 
 /// The algorithm of a setting; null for the setting that selects every RSA algorithm.
@@ -165,9 +165,9 @@ inline constexpr algorithm_kind kinds[] = {algorithm_kind::cipher, algorithm_kin
                                            algorithm_kind::key};
 
 /// Whether each value from `first` to the column's highest appears in exactly one row of each kind.
-constexpr bool every_value_once(algorithm_column column, int8_t first) {
+constexpr bool every_value_once(algorithm_column column, int first) {
     for (const algorithm_kind kind : kinds) {
-        for (int8_t value = first; value < algorithm_column_end(kind, column); value++) {
+        for (int value = first; value < algorithm_column_end(kind, column); value++) {
             size_t rows = 0;
             for (const algorithm_row& row : algorithm_rows) {
                 rows += row.kind == kind && row.*column == value ? 1 : 0;
@@ -214,13 +214,13 @@ constexpr bool settings_fit_tuples() {
     return true;
 }
 
-static_assert(every_name_once());
-static_assert(every_value_once(&algorithm_row::number, 0));
-static_assert(every_value_once(&algorithm_row::setting, 0));
-static_assert(every_value_once(&algorithm_row::server_rank, 1));
-static_assert(every_value_once(&algorithm_row::client_rank, 1));
-static_assert(only_refused_names_begin_like_refused_ones());
-static_assert(settings_fit_tuples());
+static_assert(every_name_once(), "duplicate name");
+static_assert(every_value_once(&algorithm_row::number, 0), "numbers begin at 0, without gap and duplicate");
+static_assert(every_value_once(&algorithm_row::setting, 0), "settings begin at 0, without gap and duplicate");
+static_assert(every_value_once(&algorithm_row::server_rank, 1), "ranks begin at 1, without gap and duplicate");
+static_assert(every_value_once(&algorithm_row::client_rank, 1), "ranks begin at 1, without gap and duplicate");
+static_assert(only_refused_names_begin_like_refused_ones(), "the filters would remove a name that is not refused");
+static_assert(settings_fit_tuples(), "a setting or its name does not fit a value tuple");
 
 }  // namespace algorithm_checks
 
