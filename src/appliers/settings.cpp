@@ -11,4 +11,4 @@
         static constexpr setting_row row = {.trace_point = appliers_trace_##name, __VA_ARGS__}; \
         return apply_setting(row, *change);                                                     \
     }
-#include "appliers/items.def"
+#include "config_files/configuration.def"

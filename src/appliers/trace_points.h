@@ -48,6 +48,6 @@ APPLIERS_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)
 
 // The trace points of the single-valued settings are in their rows, with codes of the same range.
 #define SETTING(path, verifier, applier, code, name, ...) DEFINE_TRACE_EVENT(code, appliers, name)
-#include "appliers/items.def"
+#include "config_files/configuration.def"
 
 #endif

@@ -53,7 +53,7 @@ constexpr initial_line server_rows[] = {
     {first_line, keyword, &server.parameters[index].current, line_text, update_config_files_restart},
 #define SERVER_LIST(index, keyword, default_text, first_line, write) \
     {first_line, keyword, &server.algorithms[index].current, AS_IT_STANDS, write},
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
 };
 
 constexpr initial_line client_rows[] = {
@@ -61,7 +61,7 @@ constexpr initial_line client_rows[] = {
     {first_line, keyword, &client.parameters[index].current, line_text, write_client_line},
 #define CLIENT_LIST(index, keyword, default_text, first_line) \
     {first_line, keyword, &client.algorithms[index].current, AS_IT_STANDS, write_client_line},
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
 };
 
 template <size_t Size>

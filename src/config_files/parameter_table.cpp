@@ -47,13 +47,13 @@ constexpr server_configuration make_server_defaults() {
             marker("startconfig"),
 #define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     setting(keyword, default_text, state, line_text),
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
             marker("endconfig"),
         },
         {
             list_marker("startalgoconfig"),
 #define SERVER_LIST(index, keyword, default_text, ...) list(keyword, default_text),
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
             list_marker("endalgoconfig"),
         },
         {},
@@ -68,11 +68,11 @@ constexpr client_configuration make_client_defaults() {
         {
 #define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     setting(keyword, default_text, state, line_text),
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
         },
         {
 #define CLIENT_LIST(index, keyword, default_text, ...) list(keyword, default_text),
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
         },
         {},
     };

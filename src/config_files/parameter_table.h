@@ -1,6 +1,6 @@
 /// The server and client parameter tables: every keyword that the agent writes, its default and its current value.
 ///
-/// The rows come from config_files/keywords.def.
+/// The rows come from config_files/configuration.def.
 #ifndef CONFIG_FILES_PARAMETER_TABLE_H
 #define CONFIG_FILES_PARAMETER_TABLE_H
 
@@ -14,7 +14,7 @@ struct vrf_node;
 enum server_parameter : size_t {
     SERVER_START_MARKER,
 #define SERVER_KEYWORD(index, ...) index,
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
     SERVER_END_MARKER,
     server_parameter_count
 };
@@ -22,20 +22,20 @@ enum server_parameter : size_t {
 enum server_algorithm : size_t {
     SERVER_ALGORITHM_START_MARKER,
 #define SERVER_LIST(index, ...) index,
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
     SERVER_ALGORITHM_END_MARKER,
     server_algorithm_count
 };
 
 enum client_parameter : size_t {
 #define CLIENT_KEYWORD(index, ...) index,
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
     client_parameter_count
 };
 
 enum client_algorithm : size_t {
 #define CLIENT_LIST(index, ...) index,
-#include "config_files/keywords.def"
+#include "config_files/configuration.def"
     client_algorithm_count
 };
 

@@ -29,14 +29,14 @@ constexpr uint32_t tuple = DATASTORE_VALUE_TUPLE;
 constexpr datastore_item_handler handlers[] = {
 #define ITEM(path, kind, verifier, applier) {kind, verifier, applier},
 #define SETTING(path, verifier, applier, ...) {number, verifier, applier},
-#include "appliers/items.def"
+#include "config_files/configuration.def"
 };
 
 // Indexed by the number of the handler.
 constexpr std::array<std::string_view, std::size(handlers)> paths = {
 #define ITEM(path, ...) path,
 #define SETTING(path, ...) path,
-#include "appliers/items.def"
+#include "config_files/configuration.def"
 };
 static_assert(paths_differ(paths), "two items have the same path");
 

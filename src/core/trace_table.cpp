@@ -32,7 +32,7 @@ constexpr trace_point error_points[] = {ALL_TRACE_POINTS(TRACE_ROW, NOTHING)};
 constexpr trace_point event_rows[] = {ALL_TRACE_POINTS(NOTHING, TRACE_ROW)
 #define SETTING(path, verifier, applier, code, name, meaning, ...) \
     TRACE_ROW(code, appliers, name, meaning, "event", "value")
-#include "appliers/items.def"
+#include "config_files/configuration.def"
 };
 
 template <size_t Size>
@@ -47,7 +47,7 @@ constexpr auto event_points = by_code(event_rows);
 constexpr bool codes_are_unique() {
     std::array codes = {ALL_TRACE_POINTS(TRACE_CODE, TRACE_CODE)
 #define SETTING(path, verifier, applier, code, ...) code,
-#include "appliers/items.def"
+#include "config_files/configuration.def"
     };
     std::sort(codes.begin(), codes.end());
     return std::adjacent_find(codes.begin(), codes.end()) == codes.end();
