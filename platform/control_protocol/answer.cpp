@@ -5,7 +5,7 @@
 namespace {
 
 // Indexed by result.
-constexpr std::array result_names = {"done", "failed", "usage", "unreachable", "no_data", "refused"};
+constexpr std::array result_names = {"done", "failed", "usage", "unreachable", "no_data", "refused", "not_in_force"};
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 /// Answers of the control socket: an object with "result" (a name below), an optional human-readable "message", "data"
 /// (what a reading call has read), and call-specific members such as "warnings".
+/// "not_in_force" names what a stored change has not put in force: an array of objects with "subject" and "reason".
 #ifndef CONTROL_PROTOCOL_ANSWER_H
 #define CONTROL_PROTOCOL_ANSWER_H
 
@@ -16,7 +17,8 @@ enum class control_result : uint8_t {
     usage = 2,        ///< no such call, or a member of the request is missing or of the wrong type
     unreachable = 3,  ///< set by the tool itself: no answer arrived
     no_data = 4,
-    refused = 5  ///< by the schema or a verifier, or because the request is invalid
+    refused = 5,       ///< by the schema or a verifier, or because the request is invalid
+    not_in_force = 6,  ///< stored, but not all of it is in force
 };
 
 /// The name of a result, as used in answers.

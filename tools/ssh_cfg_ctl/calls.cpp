@@ -67,6 +67,8 @@ constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
 constexpr char status_name[] = "status";
 constexpr char watch_name[] = "watch";
+constexpr char verify_name[] = "verify";
+constexpr char repair_name[] = "repair";
 
 ctl_request load_request(const argument_list& arguments) {
     const std::string* file = nullptr;
@@ -344,6 +346,28 @@ std::string status_text(const control_json& answer) {
     return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs, ctl_output_width()));
 }
 
+/// One difference per line, with `prefix` before it.
+std::string differences_text(const control_json& differences, const std::string& prefix) {
+    std::string text;
+    for (const control_json& difference : differences) {
+        text += prefix + text_escape(difference.value("subject", ""), 1024) + ": " +
+                text_escape(difference.value("text", ""), 4096) + '\n';
+    }
+    return text;
+}
+
+std::string verify_text(const control_json& answer) {
+    const std::string text = differences_text(data_of(answer), "");
+    return text.empty() ? "no differences\n" : text;
+}
+
+std::string repair_text(const control_json& answer) {
+    const control_json& data = data_of(answer);
+    const std::string text = differences_text(data.value("repaired", control_json::array()), "repaired: ") +
+                             differences_text(data.value("remaining", control_json::array()), "not repaired: ");
+    return text.empty() ? "nothing to repair\n" : text;
+}
+
 constexpr ctl_call_row calls[] = {
     {"set", "PATH VALUE", "store one item; VALUE is JSON, or a bare word for a string", set_request, no_text},
     {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, no_text},
@@ -367,6 +391,10 @@ constexpr ctl_call_row calls[] = {
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
+    {"verify", "", "compare the configuration with the machine and print every difference", bare_request<verify_name>,
+     verify_text},
+    {"repair", "", "remove the differences that verify prints, and print what was done", bare_request<repair_name>,
+     repair_text},
     {"reload", "[--timeout SECONDS]",
      "stop servers and sessions before the router reloads, and wait until they have ended", reload_request, no_text},
 };

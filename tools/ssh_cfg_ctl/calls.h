@@ -20,7 +20,7 @@ struct ctl_call_row {
     const char* arguments;  ///< as usage lines show them
     const char* purpose;
     ctl_request (*request)(const std::vector<std::string>& arguments);
-    std::string (*text)(const control_json& answer);  ///< of an answer that says "done"
+    std::string (*text)(const control_json& answer);  ///< of an answer that says "done" or "not_in_force", or has data
     bool goes_on = false;                             ///< events follow the answer
 };
 

@@ -63,7 +63,8 @@ std::string help_text() {
            "  -h, --help             print this text\n"
            "  --version              print the version\n"
            "\nFILE may be '-' for standard input.\n"
-           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error).\n";
+           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error),\n"
+           "6 stored, but not all of it is in force (standard error names what is not).\n";
 }
 
 /// Exits with any answer other than "done".
@@ -89,22 +90,18 @@ int report_unknown_call(const ctl_command_line& line) {
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }
 
-/// The changes are stored, but the agent could not apply all of them, which is a failure.
-int report_warnings(const ctl_command_line& line, const control_json& answer) {
-    for (const control_json& warning : answer["warnings"]) {
-        complain(warning.value("message", ""));
-    }
-    return line.json ? print(control_json_text(answer) + '\n', control_result::failed)
-                     : static_cast<int>(control_result::failed);
+/// Whether the call has done something worth printing, although not everything is as it should be.
+bool has_output(control_result result, const control_json& answer) {
+    return result == control_result::done || result == control_result::not_in_force || answer.contains("data");
 }
 
 int report(const ctl_command_line& line, const ctl_call_row& row, const control_json& answer) {
     const control_result result = control_result_of_name(answer.value("result", ""));
-    if (result != control_result::done) {
+    if (!has_output(result, answer)) {
         return report_problem(line, answer);
     }
-    if (answer.contains("warnings")) {
-        return report_warnings(line, answer);
+    if (result != control_result::done) {
+        complain(answer.value("message", "the agent gave no reason"));
     }
     if (line.json) {
         return print(control_json_text(answer.contains("data") ? answer["data"] : answer) + '\n', result);

@@ -1,6 +1,7 @@
 #include "linux/control/calls.h"
 
 #include "common/text.h"
+#include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 
 namespace {
@@ -26,6 +27,9 @@ constexpr call_row calls[] = {
     {"status", control_call_status},
     {"debug", control_call_debug},
     {"trace", control_call_trace},
+    // Comparing the configuration with the machine.
+    {"verify", control_call_verify},
+    {"repair", control_call_repair},
     // Access lists.
     {"acl_set", control_call_acl_set},
     {"acl_delete", control_call_acl_delete},
@@ -39,6 +43,23 @@ constexpr call_row calls[] = {
     {"reload", control_call_reload},
     {"reload_state", control_call_reload_state},
 };
+
+/// Commits tell for themselves what they have not put in force. Other changes (of access lists and keys) are told of here.
+control_json answer_with_failures(const call_row& row, const control_json& request, const control_peer& peer) {
+    const enforcement_collector collector;
+    control_json answer = row.answer(request, peer);
+    const std::vector<enforcement_entry> entries = collector.entries();
+    if (entries.empty() || answer.contains("next") || answer["result"] != control_result_name(control_result::done)) {
+        return answer;
+    }
+    control_tell_not_in_force(answer, entries);
+    std::vector<std::string> lines;
+    for (const enforcement_entry& entry : entries) {
+        lines.push_back(control_not_in_force_text(entry));
+    }
+    control_audit(peer, row.name, control_result::not_in_force, lines);
+    return answer;
+}
 
 }  // namespace
 
@@ -62,7 +83,7 @@ control_json control_call(const control_json& request, const control_peer& peer)
     const std::string* name = control_text_member(request, "call");
     for (const call_row& row : calls) {
         if (name != nullptr && *name == row.name) {
-            return row.answer(request, peer);
+            return answer_with_failures(row, request, peer);
         }
     }
     return control_answer(control_result::usage,

@@ -7,7 +7,7 @@
 ///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
 ///   get     path
 ///   list    path
-///   dump, vrf_list, status
+///   dump, vrf_list, status, verify, repair
 ///   show    path; answers with "record", the records' name, beside "data"
 ///   watch   nothing: after the answer, frames with telemetry follow until either side hangs up (event_queue.h)
 ///   debug   nothing: lists the flags; or flag and on
@@ -25,8 +25,11 @@
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object. An entry of a trace has time, point (the number), name (null for a point without a description),
-/// arguments (an object by label) and, when the argument "status" tells of a failure, error (its text). Commits answer with "items" (path and outcome) and, when an applier failed, "warnings" (path and
-/// message).
+/// arguments (an object by label) and, when the argument "status" tells of a failure, error (its text). Commits answer with "items" (path and outcome).
+/// Changes that are stored but not all in force answer with result "not_in_force" and "not_in_force" (an array of objects
+/// with subject and reason). "data" of verify is an array of differences (objects with subject and text), and the result
+/// is "failed" when there are any. "data" of repair has two such arrays, "repaired" and "remaining"; the result is "failed"
+/// when anything remains.
 #ifndef LINUX_CONTROL_CALLS_H
 #define LINUX_CONTROL_CALLS_H
 

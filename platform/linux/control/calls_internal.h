@@ -3,10 +3,12 @@
 #define LINUX_CONTROL_CALLS_INTERNAL_H
 
 #include <string>
+#include <vector>
 
 #include "control_protocol/answer.h"
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
+#include "linux/enforcement/enforcement_internal.h"
 
 /// The member `name` of a request if it is a string, else null.
 const std::string* control_text_member(const control_json& request, const char* name);
@@ -16,6 +18,12 @@ control_json control_wrong_member(const char* name, const char* wanted);
 
 /// The answer of a call that reads data.
 control_json control_data_answer(control_json data);
+
+/// "stored, not in force: SUBJECT: REASON".
+std::string control_not_in_force_text(const enforcement_entry& entry);
+
+/// Makes the answer to a change that was stored one that tells what is not in force: result, message and "not_in_force".
+void control_tell_not_in_force(control_json& answer, const std::vector<enforcement_entry>& entries);
 
 // Changes (change_calls.cpp).
 control_json control_call_set(const control_json& request, const control_peer& peer);
@@ -45,6 +53,10 @@ control_json control_call_key_delete(const control_json& request, const control_
 // Reloads of the router (reload_calls.cpp).
 control_json control_call_reload(const control_json& request, const control_peer& peer);
 control_json control_call_reload_state(const control_json& request, const control_peer& peer);
+
+// Comparing the configuration with the machine (enforcement_calls.cpp).
+control_json control_call_verify(const control_json& request, const control_peer& peer);
+control_json control_call_repair(const control_json& request, const control_peer& peer);
 
 // The platform's state (state_calls.cpp).
 control_json control_call_vrf_list(const control_json& request, const control_peer& peer);

@@ -52,16 +52,8 @@ control_json items_of(const datastore_commit_result& result) {
     return items;
 }
 
-control_json warnings_of(const datastore_commit_result& result) {
-    control_json warnings = control_json::array();
-    for (const datastore_warning& warning : result.warnings) {
-        warnings.push_back({{"path", warning.path}, {"message", warning.message}});
-    }
-    return warnings;
-}
-
-/// What the audit log records about a commit: each change made and each warning; for a refused one, the request and the
-/// reason.
+/// What the audit log records about a commit: each change made and what is not in force; for a refused one, the request
+/// and the reason.
 std::vector<std::string> audit_entries(const std::vector<datastore_change_request>& changes,
                                        const datastore_commit_result& result) {
     std::vector<std::string> entries;
@@ -77,8 +69,8 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
             entries.push_back(std::string(outcome_name(item.outcome)) + ' ' + item.path);
         }
     }
-    for (const datastore_warning& warning : result.warnings) {
-        entries.push_back(warning.message);
+    for (const enforcement_entry& entry : result.not_in_force) {
+        entries.push_back(control_not_in_force_text(entry));
     }
     return entries;
 }
@@ -91,7 +83,7 @@ struct change_call {
 
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
     const datastore_commit_result result = datastore_commit(changes, call.check_only);
-    const control_result outcome = result_of(result.refused_by);
+    control_result outcome = result_of(result.refused_by);
     control_json answer = control_answer(outcome, result.message);
     if (outcome == control_result::done) {
         answer["check"] = call.check_only;
@@ -99,8 +91,9 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
     } else if (!result.path.empty()) {
         answer["path"] = result.path;
     }
-    if (!result.warnings.empty()) {
-        answer["warnings"] = warnings_of(result);
+    if (!result.not_in_force.empty()) {
+        outcome = control_result::not_in_force;
+        control_tell_not_in_force(answer, result.not_in_force);
     }
     if (!call.check_only) {
         control_audit(call.peer, call.name, outcome, audit_entries(changes, result));

@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <map>
 #include <new>
 
@@ -281,9 +282,19 @@ bool store_all(const commit_plan& plan, datastore_commit_result& result) {
     return false;
 }
 
-void apply_item(const std::string& path, const planned_change& planned, datastore_commit_result& result) {
+/// An applier's failure makes its item something that is not in force.
+void report_apply(const std::string& path, platform_status status) {
+    if (status == DATASTORE_NO_HANDLER) {
+        enforcement_failed(path.c_str(), "not supported by this version");
+    } else {
+        enforcement_failed(path.c_str(), text_format("failed (0x%x); the agent's log says why", status).c_str());
+    }
+}
+
+void apply_item(const std::string& path, const planned_change& planned) {
     const datastore_change change = change_of(planned);
     const auto& registrations = the_datastore().registrations;
+    bool applied = true;
     for (size_t i = 0; i < registrations.size(); i++) {
         const datastore_registration& registration = *registrations[i];
         const std::string_view item = datastore_concerned_item(registration, path, change.event);
@@ -292,13 +303,13 @@ void apply_item(const std::string& path, const planned_change& planned, datastor
         }
         const datastore_backend_call call = {item.data(), &change, nullptr, nullptr};
         const platform_status status = registration.apply(&call, registration.context);
-        if (status == DATASTORE_NO_HANDLER) {
-            result.warnings.push_back(
-                {path, text_format("%s: stored, not in force: not supported by this version", path.c_str())});
-        } else if (status != PLATFORM_OK) {
-            result.warnings.push_back(
-                {path, text_format("%s: stored, not in force (0x%x); the agent's log says why", path.c_str(), status)});
+        if (status != PLATFORM_OK) {
+            report_apply(path, status);
+            applied = false;
         }
+    }
+    if (applied) {
+        enforcement_restored(path.c_str());
     }
 }
 
@@ -315,10 +326,10 @@ void notify_item(const std::string& path, const planned_change& planned) {
     }
 }
 
-void carry_out(const commit_plan& plan, datastore_commit_result& result) {
+void carry_out(const commit_plan& plan) {
     for (const auto& [path, planned] : plan) {
         if (planned.known && planned.changes()) {
-            apply_item(path, planned, result);
+            apply_item(path, planned);
         }
     }
     for (const auto& [path, planned] : plan) {
@@ -326,6 +337,23 @@ void carry_out(const commit_plan& plan, datastore_commit_result& result) {
             notify_item(path, planned);
         }
     }
+}
+
+/// Whether an item has its new value already.
+bool repeats_a_value(const commit_plan& plan) {
+    return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return !item.second.changes(); });
+}
+
+/// Carries the stored plan out. Whoever configures a value again, because it is not in force, is helped by a repair: no
+/// applier is called for it.
+std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
+    const enforcement_collector collector;
+    carry_out(plan);
+    if (!repeats_a_value(plan) || !enforcement_any_failed()) {
+        return collector.entries();
+    }
+    enforcement_reconcile(true);
+    return enforcement_list();
 }
 
 /// `stored` says, even after an exception, whether the changes are in the database.
@@ -345,7 +373,7 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
         if (!stored) {
             return;
         }
-        carry_out(plan, result);
+        result.not_in_force = put_in_force(plan);
     }
     result.items = std::move(items);
 }

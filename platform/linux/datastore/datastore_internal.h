@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "linux/datastore/schema.h"
+#include "linux/enforcement/enforcement_internal.h"
 #include "platform/datastore.h"
 
 /// One requested change. Without a value the item is deleted; a path that ends in '/' then stands for everything below
@@ -39,18 +40,14 @@ enum class datastore_refused_by : uint8_t {
     busy       ///< requested from within a handler (EBUSY)
 };
 
-struct datastore_warning {
-    std::string path;
-    std::string message;
-};
-
 struct datastore_commit_result {
     platform_status status = PLATFORM_OK;
     datastore_refused_by refused_by = datastore_refused_by::none;
     std::string path;                           ///< the refused path, empty when the whole commit is refused
     std::string message;                        ///< complete message for the operator; empty on success
     std::vector<datastore_item_outcome> items;  ///< in byte order of the paths
-    std::vector<datastore_warning> warnings;    ///< stored, but an applier failed
+    /// What was reported during the commit. When an item had its new value already, everything that is not in force.
+    std::vector<enforcement_entry> not_in_force;
 };
 
 /// One commit, all or nothing: schema, verifiers, store, and then the appliers in byte order of the paths and the

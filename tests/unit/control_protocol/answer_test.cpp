@@ -5,10 +5,13 @@
 namespace {
 
 TEST(control_answer, names_and_numbers_of_results_are_the_contract) {
-    const std::pair<control_result, const char*> rows[] = {
-        {control_result::done, "done"},       {control_result::failed, "failed"},
-        {control_result::usage, "usage"},     {control_result::unreachable, "unreachable"},
-        {control_result::no_data, "no_data"}, {control_result::refused, "refused"}};
+    const std::pair<control_result, const char*> rows[] = {{control_result::done, "done"},
+                                                           {control_result::failed, "failed"},
+                                                           {control_result::usage, "usage"},
+                                                           {control_result::unreachable, "unreachable"},
+                                                           {control_result::no_data, "no_data"},
+                                                           {control_result::refused, "refused"},
+                                                           {control_result::not_in_force, "not_in_force"}};
     for (size_t number = 0; number < std::size(rows); number++) {
         EXPECT_EQ(static_cast<size_t>(rows[number].first), number);
         EXPECT_STREQ(control_result_name(rows[number].first), rows[number].second);

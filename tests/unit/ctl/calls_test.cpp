@@ -42,6 +42,8 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("trace", {"error"}), R"({"call":"trace","buffer":"error"})");
     EXPECT_EQ(request("key", {"list"}), R"({"call":"key_list"})");
     EXPECT_EQ(request("key", {"delete", "alice"}), R"({"call":"key_delete","user":"alice"})");
+    EXPECT_EQ(request("verify", {}), R"({"call":"verify"})");
+    EXPECT_EQ(request("repair", {}), R"({"call":"repair"})");
     EXPECT_EQ(request("reload", {}), R"({"call":"reload"})");
     EXPECT_EQ(request("reload", {"--timeout", "3600"}), R"({"call":"reload","timeout":3600})");
 }
@@ -111,6 +113,8 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
         {"key", {"delete"}},
         {"key", {"remove", "alice"}},
         {"reload", {"--timeout"}},
+        {"verify", {"mgmt"}},
+        {"repair", {"--all"}},
         {"reload", {"now"}},
         {"reload", {"--timeout", "3", "x"}},
     };

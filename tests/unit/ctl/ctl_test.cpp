@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "fake_agent.h"
 
 namespace {
@@ -62,15 +64,53 @@ TEST(ctl_run, a_change_is_silent_unless_json_is_wanted) {
     EXPECT_EQ(run({"debug", "cfg-agent", "on"}, R"({"result":"done"})").output, "");
 }
 
-TEST(ctl_run, a_change_that_is_stored_but_not_in_force_is_a_failure) {
+TEST(ctl_run, what_is_stored_but_not_in_force_has_a_status_of_its_own) {
     const std::string answer =
-        R"({"result":"done","items":[],"warnings":[{"path":"/a","message":"/a: stored, not in force (0xc); the agent's log says why"}]})";
-    for (const std::vector<std::string>& arguments :
-         {std::vector<std::string>{"set", "/a", "1"}, std::vector<std::string>{"--json", "set", "/a", "1"}}) {
-        const outcome result = run(arguments, answer);
-        EXPECT_EQ(result.status, 1);
-        EXPECT_EQ(result.errors, "ssh_cfg_ctl: /a: stored, not in force (0xc); the agent's log says why\n");
-    }
+        R"({"result":"not_in_force","check":false,"items":[{"path":"/a","outcome":"changed"}],)"
+        R"("message":"stored, not in force: server mgmt: exit status 1\nstored, not in force: file /b: no space",)"
+        R"("not_in_force":[{"subject":"server mgmt","reason":"exit status 1"},{"subject":"file /b","reason":"no space"}]})";
+    const std::string errors =
+        "ssh_cfg_ctl: stored, not in force: server mgmt: exit status 1\n"
+        "ssh_cfg_ctl: stored, not in force: file /b: no space\n";
+    const outcome plain = run({"set", "/a", "1"}, answer);
+    EXPECT_EQ(plain.status, 6);
+    EXPECT_EQ(plain.output, "");
+    EXPECT_EQ(plain.errors, errors);
+    const outcome json = run({"--json", "set", "/a", "1"}, answer);
+    EXPECT_EQ(json.status, 6);
+    EXPECT_EQ(json.output, answer + "\n");
+    EXPECT_EQ(json.errors, errors);
+    const std::string file = testing::TempDir() + "ctl_run_items.json";
+    std::ofstream(file) << R"({"/a":1})";
+    const outcome load = run({"load", file}, answer);
+    EXPECT_EQ(load.status, 6);
+    EXPECT_EQ(load.output, "1 changed\n");
+    EXPECT_EQ(load.errors, errors);
+}
+
+TEST(ctl_run, verify_prints_the_differences_and_fails) {
+    EXPECT_EQ(run({"verify"}, R"({"result":"done","data":[]})").output, "no differences\n");
+    const std::string data =
+        R"([{"subject":"file /a","text":"Ciphers"},{"subject":"server mgmt","text":"is\u001b[2J"}])";
+    const std::string answer = R"({"result":"failed","message":"2 differences","data":)" + data + "}";
+    const outcome plain = run({"verify"}, answer);
+    EXPECT_EQ(plain.status, 1);
+    EXPECT_EQ(plain.output, "file /a: Ciphers\nserver mgmt: is\\x1b[2J\n");
+    EXPECT_EQ(plain.errors, "ssh_cfg_ctl: 2 differences\n");
+    const outcome json = run({"--json", "verify"}, answer);
+    EXPECT_EQ(json.status, 1);
+    EXPECT_EQ(json.output, data + "\n");
+}
+
+TEST(ctl_run, repair_prints_what_it_did) {
+    EXPECT_EQ(run({"repair"}, R"({"result":"done","data":{"repaired":[],"remaining":[]}})").output,
+              "nothing to repair\n");
+    const outcome rest = run({"repair"}, R"({"result":"failed","message":"1 difference could not be repaired",)"
+                                         R"("data":{"repaired":[{"subject":"file /a","text":"Ciphers"}],)"
+                                         R"("remaining":[{"subject":"unit red","text":"failed"}]}})");
+    EXPECT_EQ(rest.status, 1);
+    EXPECT_EQ(rest.output, "repaired: file /a: Ciphers\nnot repaired: unit red: failed\n");
+    EXPECT_EQ(rest.errors, "ssh_cfg_ctl: 1 difference could not be repaired\n");
 }
 
 TEST(ctl_run, each_line_of_a_refusal_is_a_line_and_harmless_for_a_terminal) {

@@ -1,6 +1,7 @@
 #include <errno.h>
 
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/enforcement/enforcement_test_support.h"
 
 namespace {
 
@@ -99,14 +100,29 @@ TEST_F(control_change_calls_test, a_verifier_refuses_in_its_own_words) {
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("result:=refused"), HasSubstr("the verifier says no")));
 }
 
-TEST_F(control_change_calls_test, what_an_applier_could_not_do_is_a_warning) {
+TEST_F(control_change_calls_test, what_is_stored_and_not_in_force_is_named_in_the_answer_and_the_audit) {
+    const enforcement_test::reset_at_end reset;
     told.apply_results["cmn/timeout"] = ENOSPC;
+    told.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
-    EXPECT_EQ(answer["result"], "done");
-    ASSERT_EQ(answer["warnings"].size(), 1U);
-    EXPECT_EQ(answer["warnings"][0]["path"], timeout_path);
+    EXPECT_EQ(answer["result"], "not_in_force");
+    EXPECT_EQ(
+        control_json_text(answer["not_in_force"]),
+        R"([{"subject":"server blue","reason":"exit status 1"},)"
+        R"({"subject":"/cfg/gl/crypto/ssh/server/cmn/timeout","reason":"failed (0x1c); the agent's log says why"}])");
+    EXPECT_EQ(answer["message"],
+              "stored, not in force: server blue: exit status 1\n"
+              "stored, not in force: /cfg/gl/crypto/ssh/server/cmn/timeout: failed (0x1c); the agent's log says why");
+    EXPECT_EQ(answer["items"][0]["outcome"], "created");
     EXPECT_EQ(stored(timeout_path), "45");
-    EXPECT_THAT(audit.back(), HasSubstr("/cfg/gl/crypto/ssh/server/cmn/timeout: stored, not in force (0x"));
+    EXPECT_THAT(audit.back(),
+                AllOf(HasSubstr("result:=not_in_force"), HasSubstr("created " + std::string(timeout_path)),
+                      HasSubstr("stored, not in force: server blue: exit status 1")));
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":45}})"), "not_in_force") << "it still is not";
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":46},"check":true})"), "done");
+    told = {};
+    enforcement_restored("server blue");
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","value":46})"), "done");
 }
 
 TEST_F(control_change_calls_test, delete_removes_an_item_or_a_subtree) {

@@ -2,6 +2,7 @@
 
 #include "linux/datastore/datastore_internal.h"
 #include "unit/linux/datastore/datastore_fixture.h"
+#include "unit/linux/enforcement/enforcement_test_support.h"
 
 namespace datastore_test {
 namespace {
@@ -144,18 +145,88 @@ TEST_F(datastore_commit_test, says_which_items_are_not_served) {
     EXPECT_EQ(stored("/cfg/gl/crypto/ssh/client/dscp"), "none");
 }
 
-TEST_F(datastore_commit_test, keeps_what_an_applier_could_not_carry_out_and_warns) {
+// --- What is stored, but not in force -------------------------------------------------------------------------------
+
+std::vector<std::string> not_in_force(const datastore_commit_result& result) {
+    std::vector<std::string> lines;
+    for (const enforcement_entry& entry : result.not_in_force) {
+        lines.push_back(entry.subject + ": " + entry.reason);
+    }
+    return lines;
+}
+
+class datastore_enforcement_test : public datastore_commit_test {
+  protected:
+    enforcement_test::reset_at_end reset;
+};
+
+TEST_F(datastore_enforcement_test, an_applier_that_fails_leaves_its_item_stored_and_not_in_force) {
     told.apply_results["cmn/rate_limit"] = 1;
     const datastore_commit_result result =
         datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
     EXPECT_EQ(result.status, PLATFORM_OK);
-    ASSERT_EQ(result.warnings.size(), 1u);
-    EXPECT_EQ(result.warnings[0].path, rate_path);
-    EXPECT_EQ(result.warnings[0].message,
-              "/cfg/gl/crypto/ssh/server/cmn/rate_limit: stored, not in force (0x1); the agent's log says why");
+    EXPECT_THAT(not_in_force(result),
+                ElementsAre("/cfg/gl/crypto/ssh/server/cmn/rate_limit: failed (0x1); the agent's log says why"));
     EXPECT_EQ(stored(rate_path), "10");
     EXPECT_EQ(stored(timeout_path), "30");
     EXPECT_EQ(take_calls().back(), "apply 3 cmn/timeout - -> 30");
+    EXPECT_EQ(enforcement_list().size(), 1U);
+}
+
+TEST_F(datastore_enforcement_test, an_item_is_in_force_once_its_applier_succeeds) {
+    told.apply_results["cmn/rate_limit"] = 1;
+    set(rate_path, number(10));
+    told.apply_results.clear();
+    EXPECT_THAT(not_in_force(set(rate_path, number(11))), ElementsAre());
+    EXPECT_FALSE(enforcement_any_failed());
+}
+
+TEST_F(datastore_enforcement_test, an_item_without_a_handler_is_not_in_force) {
+    told.apply_results["cmn/rate_limit"] = DATASTORE_NO_HANDLER;
+    EXPECT_THAT(not_in_force(set(rate_path, number(10))),
+                ElementsAre("/cfg/gl/crypto/ssh/server/cmn/rate_limit: not supported by this version"));
+}
+
+TEST_F(datastore_enforcement_test, a_change_tells_what_was_reported_during_it_alone) {
+    enforcement_failed("unit red", "exit status 1");
+    told.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
+    told.in_apply = {};
+    EXPECT_THAT(not_in_force(set(timeout_path, number(31))), ElementsAre());
+}
+
+TEST_F(datastore_enforcement_test, the_same_value_again_has_the_rest_repaired) {
+    enforcement_test::comparison_script script;
+    ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
+    set(timeout_path, number(30));
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre());
+    EXPECT_TRUE(script.runs.empty()) << "all is in force";
+    enforcement_failed("server blue", "exit status 1");
+    enforcement_failed("unit red", "exit status 1");
+    take_calls();
+    script.remaining = 1;
+    script.found = {{"server blue", "does not run"}};
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
+    EXPECT_THAT(script.runs, ElementsAre(1U));
+    EXPECT_TRUE(take_calls().empty()) << "events are never delivered again";
+    script.remaining = 0;
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre());
+    EXPECT_EQ(script.runs.size(), 2U);
+}
+
+TEST_F(datastore_enforcement_test, the_same_value_again_is_no_success_without_a_comparison) {
+    set(timeout_path, number(30));
+    enforcement_failed("server blue", "exit status 1");
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
+}
+
+TEST_F(datastore_enforcement_test, a_check_repairs_and_reports_nothing) {
+    enforcement_test::comparison_script script;
+    ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
+    set(timeout_path, number(30));
+    enforcement_failed("server blue", "exit status 1");
+    EXPECT_THAT(not_in_force(datastore_commit({{timeout_path, number(30)}}, true)), ElementsAre());
+    EXPECT_TRUE(script.runs.empty());
 }
 
 TEST_F(datastore_commit_test, checks_without_changing_anything) {
