@@ -167,10 +167,25 @@ std::optional<fake_platform::value> proposed_or_stored(const std::string& path) 
     return stored(path);
 }
 
+/// All items, as the commit whose verifiers are asked would leave them.
+std::map<std::string, fake_platform::value, std::less<>> proposed_items() {
+    auto items = datastore.items;
+    if (datastore.proposed != nullptr) {
+        for (const auto& [path, wished] : *datastore.proposed) {
+            items.erase(path);
+            if (wished) {
+                items.emplace(path, *wished);
+            }
+        }
+    }
+    return items;
+}
+
 /// The names directly below `path`, without duplicates, in byte order. An item's record is its value.
 datastore_list children(const std::string& path) {
     std::map<std::string, std::string> names;
-    for (auto item = datastore.items.upper_bound(path); item != datastore.items.end(); ++item) {
+    const auto items = proposed_items();
+    for (auto item = items.upper_bound(path); item != items.end(); ++item) {
         if (item->first.compare(0, path.size(), path) != 0) {
             break;
         }

@@ -8,6 +8,7 @@
 #include "config_files/config_writer.h"
 #include "config_files/parameter_table.h"
 #include "config_files/trustpoints.h"
+#include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/refusal.h"
@@ -18,6 +19,7 @@ namespace {
 
 constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr size_t warning_size = 64;
+constexpr char user_trustpoint_tree[] = "cmn/trustpoint/user/";
 
 enum : size_t { FLAG_COMMON_NAME, FLAG_USER_PRINCIPAL_NAME, username_flag_count };
 
@@ -79,7 +81,7 @@ void add_name(const char* name) {
         return;
     }
     if (slot == user_trustpoint_max) {
-        // One commit can add more names than the verifier, which sees each alone, allowed for.
+        // A configuration stored by a version that checked each name alone may have more.
         trace_error(appliers_trace_trustpoint_dropped, {name});
         return;
     }
@@ -102,6 +104,31 @@ void write_user_trustpoints(const char* function, uint32_t event) {
     list.current = user_trustpoint_count > 0 ? list.text : nullptr;
     write_entry(count, event);
     write_entry(list, event);
+}
+
+/// How many names the commit would add: while verifiers run, the datastore reads as the commit would leave it.
+uint32_t count_new_names() {
+    datastore_list* list = nullptr;
+    uint32_t count = 0;
+    if (agent.server_binding == nullptr ||
+        datastore_list_get(agent.server_binding, user_trustpoint_tree, -1, &list, &count) != PLATFORM_OK) {
+        return 0;
+    }
+    uint32_t added = 0;
+    for (uint32_t i = 0; i < count; i++) {
+        char name[trustpoint_size];
+        copy_text(name, sizeof name, datastore_list_name(list, i));
+        added += slot_of(name) == user_trustpoint_count ? 1 : 0;
+    }
+    datastore_list_free(list);
+    return added;
+}
+
+/// Whether the name has a slot, or the commit leaves one for it. Appliers run in the order of the paths, so a deletion in
+/// the same commit may come too late to free one.
+bool has_room_for(const char* name) {
+    const uint32_t free_slots = user_trustpoint_max - user_trustpoint_count;
+    return slot_of(name) < user_trustpoint_count || (free_slots > 0 && count_new_names() <= free_slots);
 }
 
 }  // namespace
@@ -129,7 +156,7 @@ platform_status sshd_apply_trustpoint_host(const datastore_change* change, const
 platform_status user_trustpoint_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
                                          const datastore_path_components* components) {
     char name[trustpoint_size];
-    if ((change->event & create_or_set) != 0 && read_name(components, name) && slot_of(name) == user_trustpoint_max) {
+    if ((change->event & create_or_set) != 0 && read_name(components, name) && !has_room_for(name)) {
         return refuse_change(error_text, accepted, EINVAL, appliers_trace_trustpoint_refused,
                              "More than 10 trustpoints cannot be configured");
     }

@@ -37,7 +37,7 @@ platform_status datastore_item_get(struct datastore_binding* binding, const char
                                    size_t* size);
 
 /// Lists the entries directly below `path` (relative to the binding, ending in '/'): at most `count`, or all with -1.
-/// The caller frees the list. DATASTORE_NO_SUCH_LIST or DATASTORE_NO_SUCH_TREE when there is nothing to list.
+/// The caller frees the list. While verifiers run, a list of items reads as the commit would leave it. DATASTORE_NO_SUCH_LIST or DATASTORE_NO_SUCH_TREE when there is nothing to list.
 platform_status datastore_list_get(struct datastore_binding* binding, const char* path, int32_t count,
                                    struct datastore_list** list, uint32_t* found);
 

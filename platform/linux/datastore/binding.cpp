@@ -34,7 +34,7 @@ bool tree_has_items(const std::string& path) {
 platform_status list_stored(const datastore_binding& binding, const char* path,
                             std::vector<datastore_list_entry>& entries) {
     std::map<std::string, std::string> children;
-    const platform_status status = datastore_stored_children(binding.path + path, children);
+    const platform_status status = datastore_proposed_children(binding.path + path, children);
     if (status != PLATFORM_OK) {
         return status;
     }
@@ -49,17 +49,21 @@ platform_status list_stored(const datastore_binding& binding, const char* path,
 
 }  // namespace
 
+void datastore_add_child(const std::string& prefix, const std::string& path, const datastore_stored& value,
+                         std::map<std::string, std::string>& children) {
+    const size_t end = path.find('/', prefix.size());
+    std::string& record = children[path.substr(prefix.size(), end == std::string::npos ? end : end - prefix.size())];
+    if (end == std::string::npos) {
+        record = value.bytes;
+    }
+}
+
 platform_status datastore_stored_children(const std::string& prefix, std::map<std::string, std::string>& children) {
     std::string path;
     datastore_stored value;
     platform_status status = PLATFORM_OK;
     while ((status = datastore_stored_next(prefix, path, path, value)) == PLATFORM_OK) {
-        const size_t end = path.find('/', prefix.size());
-        std::string& record =
-            children[path.substr(prefix.size(), end == std::string::npos ? end : end - prefix.size())];
-        if (end == std::string::npos) {
-            record = std::move(value.bytes);
-        }
+        datastore_add_child(prefix, path, value, children);
     }
     return status == DATASTORE_NO_SUCH_ITEM ? PLATFORM_OK : status;
 }

@@ -394,6 +394,27 @@ platform_status datastore_proposed_get(std::string_view path, datastore_stored& 
     return datastore_stored_get(path, value);
 }
 
+platform_status datastore_proposed_children(const std::string& prefix, std::map<std::string, std::string>& children) {
+    if (plan_under_verification == nullptr) {
+        return datastore_stored_children(prefix, children);
+    }
+    const commit_plan& plan = *plan_under_verification;
+    std::string path;
+    datastore_stored value;
+    platform_status status = PLATFORM_OK;
+    while ((status = datastore_stored_next(prefix, path, path, value)) == PLATFORM_OK) {
+        if (!plan.contains(path)) {
+            datastore_add_child(prefix, path, value, children);
+        }
+    }
+    for (auto item = plan.lower_bound(prefix); item != plan.end() && item->first.starts_with(prefix); ++item) {
+        if (item->second.value) {
+            datastore_add_child(prefix, item->first, *item->second.value, children);
+        }
+    }
+    return status == DATASTORE_NO_SUCH_ITEM ? PLATFORM_OK : status;
+}
+
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only) {
     datastore_commit_result result;
     if (the_datastore().handlers_running != 0) {

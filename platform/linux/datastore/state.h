@@ -70,6 +70,13 @@ platform_status datastore_stored_next(std::string_view prefix, std::string_view 
 /// leads to other items.
 platform_status datastore_stored_children(const std::string& prefix, std::map<std::string, std::string>& children);
 
+/// The same, but while the verifiers of a commit run, as the commit would leave it.
+platform_status datastore_proposed_children(const std::string& prefix, std::map<std::string, std::string>& children);
+
+/// Adds the name of the item at `path` directly below `prefix`, with the value's bytes if the item itself has that name.
+void datastore_add_child(const std::string& prefix, const std::string& path, const datastore_stored& value,
+                         std::map<std::string, std::string>& children);
+
 /// Whether a registration's pattern matches an item's path, relative to a binding: "" matches all, a pattern that ends
 /// in '/' everything below it, and a component "*" any one component.
 bool datastore_pattern_matches(std::string_view pattern, std::string_view item);

@@ -186,16 +186,38 @@ TEST_F(trustpoints_test, an_eleventh_trustpoint_is_refused) {
     EXPECT_EQ(line("UserTrustpointQd"), "T0,T1,T2,T9,T4,T5,T6,T7,T8,T10");
 }
 
-// The verifier knows the list in force: in one commit all eleven find it empty. The eleventh has no slot.
-TEST_F(trustpoints_test, eleven_of_one_commit_leave_ten) {
+std::vector<fake_platform::change> ten_names_from(int first) {
     std::vector<fake_platform::change> changes;
-    for (int i = 10; i < 21; i++) {
-        changes.push_back(set_number(user("T" + std::to_string(i)), 1));
+    for (int i = first; i < first + 10; i++) {
+        changes.push_back(set_number(server_case.tree + "trustpoint/user/T" + std::to_string(i), 1));
     }
+    return changes;
+}
+
+TEST_F(trustpoints_test, ten_of_one_commit_are_accepted_and_eleven_refused) {
+    std::vector<fake_platform::change> changes = ten_names_from(10);
+    changes.push_back(set_number(user("T20"), 1));
+    const auto result = fake_platform::commit(changes);
+    EXPECT_EQ(result.status, uint32_t{EINVAL});
+    EXPECT_EQ(result.error_text, "More than 10 trustpoints cannot be configured");
+    EXPECT_EQ(user_trustpoint_count, 0u);
+    EXPECT_EQ(fake_platform::stored(user("T10")), std::nullopt);
+
+    changes.pop_back();
     EXPECT_EQ(fake_platform::commit(changes).status, PLATFORM_OK);
-    EXPECT_EQ(user_trustpoint_count, 10u);
     EXPECT_EQ(line("UserTrustpointQd"), "T10,T11,T12,T13,T14,T15,T16,T17,T18,T19");
     EXPECT_EQ(line("UserTrustpointCntQd"), "10");
+}
+
+TEST_F(trustpoints_test, a_deletion_makes_no_room_within_its_commit) {
+    ASSERT_EQ(fake_platform::commit(ten_names_from(10)).status, PLATFORM_OK);
+    EXPECT_EQ(fake_platform::commit({set_number(user("A"), 1), remove(user("T10"))}).error_text,
+              "More than 10 trustpoints cannot be configured");
+    EXPECT_EQ(fake_platform::commit({set_number(user("T12"), 2), remove(user("T10"))}).status, PLATFORM_OK);
+    EXPECT_EQ(user_trustpoint_count, 9u);
+    EXPECT_EQ(fake_platform::commit({set_number(user("A"), 1), set_number(user("B"), 1)}).status, uint32_t{EINVAL});
+    add("A");
+    EXPECT_EQ(user_trustpoint_count, 10u);
 }
 
 TEST_F(trustpoints_test, the_line_is_cut_at_127_characters_and_the_record_is_not) {

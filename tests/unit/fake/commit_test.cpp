@@ -213,6 +213,29 @@ TEST_F(fake_commit_test, verifiers_read_what_the_commit_would_store) {
     EXPECT_EQ(datastore_item_get(other, "a", nullptr, 0, nullptr), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
+TEST_F(fake_commit_test, verifiers_list_what_the_commit_would_leave) {
+    static std::vector<std::string> names;
+    datastore_binding* other = nullptr;
+    datastore_bind("/other/", &other);
+    const auto list_names = [](const datastore_backend_call* call, void* context) -> platform_status {
+        datastore_list* list = nullptr;
+        uint32_t count = 0;
+        names.clear();
+        EXPECT_EQ(datastore_list_get(static_cast<datastore_binding*>(context), "", -1, &list, &count), PLATFORM_OK);
+        for (uint32_t i = 0; i < count; i++) {
+            names.emplace_back(datastore_list_name(list, i));
+        }
+        datastore_list_free(list);
+        *call->accepted = 1;
+        return PLATFORM_OK;
+    };
+    datastore_register_verification(other, "", 7, list_names, nullptr, nullptr, other);
+    commit({set_number("/other/a", 1), set_number("/other/b", 1)});
+    EXPECT_THAT(names, ElementsAre("a", "b"));
+    commit({remove("/other/a"), set_number("/other/c", 2)});
+    EXPECT_THAT(names, ElementsAre("b", "c"));
+}
+
 std::vector<std::string> applied;
 
 platform_status table_applier(const datastore_change* change, const datastore_path_components* components) {

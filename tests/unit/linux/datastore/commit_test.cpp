@@ -67,6 +67,30 @@ TEST_F(datastore_commit_test, an_item_reads_as_the_commit_would_have_it_while_ve
     EXPECT_EQ(read("cmn/timeout"), "30");
 }
 
+TEST_F(datastore_commit_test, verifiers_list_what_the_commit_would_leave) {
+    set(timeout_path, number(30));
+    set(rate_path, number(10));
+    const auto names = [this] {
+        datastore_list* list = nullptr;
+        uint32_t count = 0;
+        std::string text;
+        if (datastore_list_get(server, "cmn/", -1, &list, &count) == PLATFORM_OK) {
+            for (uint32_t i = 0; i < count; i++) {
+                text += std::string(datastore_list_name(list, i)) + ' ';
+            }
+        }
+        datastore_list_free(list);
+        return text;
+    };
+    std::string seen;
+    told.in_verify = [&] { seen = names(); };
+    datastore_commit({{limit_path, number(5)}, {rate_path, std::nullopt}}, true);
+    EXPECT_EQ(seen, "session_limit timeout ");
+    EXPECT_EQ(names(), "rate_limit timeout ");
+    datastore_commit({{rate_path, std::nullopt}, {timeout_path, std::nullopt}}, true);
+    EXPECT_EQ(seen, "") << "there is no such list any more";
+}
+
 TEST_F(datastore_commit_test, stores_before_it_applies) {
     std::string seen;
     told.in_apply = [&] { seen = stored(timeout_path); };
