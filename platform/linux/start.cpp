@@ -9,6 +9,7 @@
 #include "linux/host/key_store_internal.h"
 #include "linux/process/event_manager_internal.h"
 #include "linux/process/node_lock.h"
+#include "linux/process/primary_wait.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/vrf/namespace_watch.h"
 #include "platform/namespace_message.h"
@@ -26,6 +27,15 @@ platform_status count_start(struct event_manager*) {
 
 platform_status open_control_socket(struct event_manager*) {
     return control_open(nullptr);
+}
+
+platform_status offer_standby_calls(struct event_manager*) {
+    primary_wait_serve({control_start_standby, control_stop_standby});
+    return PLATFORM_OK;
+}
+
+void withdraw_standby_calls() {
+    primary_wait_serve({nullptr, nullptr});
 }
 
 platform_status start_acl_service(struct event_manager*) {
@@ -52,6 +62,7 @@ constexpr platform_service services[] = {
     {"node lock", service_moment::manager_created, 0, true, take_node_lock, node_lock_release},
     {"start count", service_moment::manager_created, 0, false, count_start, nullptr},
     {"control socket", service_moment::manager_created, 0, false, open_control_socket, control_close},
+    {"standby calls", service_moment::manager_created, 0, false, offer_standby_calls, withdraw_standby_calls},
     {"access lists", service_moment::manager_created, 0, false, start_acl_service, acl_service_stop},
     {"AAA users", service_moment::manager_created, 0, false, start_aaa_users, aaa_users_stop},
 

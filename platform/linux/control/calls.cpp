@@ -3,45 +3,56 @@
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/datastore/datastore_internal.h"
+#include "linux/process/process_manager_internal.h"
 
 namespace {
+
+/// What a call does while this node is a standby.
+enum class on_standby : uint8_t {
+    serve,    ///< as ever
+    read,     ///< as ever, from the database, which is open meanwhile
+    nothing,  ///< it has nothing to read: what it tells of does not exist on a standby
+    refuse    ///< it is a change
+};
 
 struct call_row {
     const char* name;
     control_json (*answer)(const control_json& request, const control_peer& peer);
+    on_standby standby;
 };
 
 constexpr call_row calls[] = {
     // Changes.
-    {"set", control_call_set},
-    {"delete", control_call_delete},
-    {"load", control_call_load},
+    {"set", control_call_set, on_standby::refuse},
+    {"delete", control_call_delete, on_standby::refuse},
+    {"load", control_call_load, on_standby::refuse},
     // Reads.
-    {"get", control_call_get},
-    {"list", control_call_list},
-    {"dump", control_call_dump},
-    {"show", control_call_show},
-    {"watch", control_call_watch},
+    {"get", control_call_get, on_standby::read},
+    {"list", control_call_list, on_standby::read},
+    {"dump", control_call_dump, on_standby::read},
+    {"show", control_call_show, on_standby::nothing},
+    {"watch", control_call_watch, on_standby::nothing},
     // The platform's state.
-    {"vrf_list", control_call_vrf_list},
-    {"status", control_call_status},
-    {"debug", control_call_debug},
-    {"trace", control_call_trace},
+    {"vrf_list", control_call_vrf_list, on_standby::nothing},
+    {"status", control_call_status, on_standby::serve},
+    {"debug", control_call_debug, on_standby::nothing},
+    {"trace", control_call_trace, on_standby::serve},
     // Comparing the configuration with the machine.
-    {"verify", control_call_verify},
-    {"repair", control_call_repair},
+    {"verify", control_call_verify, on_standby::nothing},
+    {"repair", control_call_repair, on_standby::refuse},
     // Access lists.
-    {"acl_set", control_call_acl_set},
-    {"acl_delete", control_call_acl_delete},
-    {"acl_list", control_call_acl_list},
-    {"acl_show", control_call_acl_show},
+    {"acl_set", control_call_acl_set, on_standby::refuse},
+    {"acl_delete", control_call_acl_delete, on_standby::refuse},
+    {"acl_list", control_call_acl_list, on_standby::read},
+    {"acl_show", control_call_acl_show, on_standby::read},
     // Users' public keys.
-    {"key_list", control_call_key_list},
-    {"key_import", control_call_key_import},
-    {"key_delete", control_call_key_delete},
+    {"key_list", control_call_key_list, on_standby::serve},
+    {"key_import", control_call_key_import, on_standby::refuse},
+    {"key_delete", control_call_key_delete, on_standby::refuse},
     // Reloads of the router.
-    {"reload", control_call_reload},
-    {"reload_state", control_call_reload_state},
+    {"reload", control_call_reload, on_standby::refuse},
+    {"reload_state", control_call_reload_state, on_standby::refuse},
 };
 
 /// Commits tell for themselves what they have not put in force. Other changes (of access lists and keys) are told of here.
@@ -59,6 +70,39 @@ control_json answer_with_failures(const call_row& row, const control_json& reque
     }
     control_audit(peer, row.name, control_result::not_in_force, lines);
     return answer;
+}
+
+/// The primary node may replace the database's file at any time, so a standby has it open only while it reads.
+control_json read_on_standby(const call_row& row, const control_json& request, const control_peer& peer) {
+    const platform_status status = datastore_open();
+    if (status != PLATFORM_OK) {
+        return control_answer(control_result::failed,
+                              std::string("cannot open the configuration: ") + platform_status_text(status));
+    }
+    control_json answer = row.answer(request, peer);
+    datastore_release();
+    return answer;
+}
+
+control_json answer_on_standby(const call_row& row, const control_json& request, const control_peer& peer) {
+    switch (row.standby) {
+        case on_standby::serve:
+            break;
+        case on_standby::read:
+            return read_on_standby(row, request, peer);
+        case on_standby::nothing:
+            return control_answer(control_result::no_data,
+                                  "this node is a standby: there is nothing to show until it becomes the primary node");
+        case on_standby::refuse:
+            return control_answer(control_result::refused,
+                                  "this node is a standby and takes no changes until it becomes the primary node");
+    }
+    return row.answer(request, peer);
+}
+
+control_json answer_call(const call_row& row, const control_json& request, const control_peer& peer) {
+    return process_manager_status().role == PROCESS_ROLE_PRIMARY ? answer_with_failures(row, request, peer)
+                                                                 : answer_on_standby(row, request, peer);
 }
 
 }  // namespace
@@ -83,7 +127,7 @@ control_json control_call(const control_json& request, const control_peer& peer)
     const std::string* name = control_text_member(request, "call");
     for (const call_row& row : calls) {
         if (name != nullptr && *name == row.name) {
-            return answer_with_failures(row, request, peer);
+            return answer_call(row, request, peer);
         }
     }
     return control_answer(control_result::usage,

@@ -22,6 +22,7 @@
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
 /// An answer with "next" is not final: the client makes the request in it after a short pause.
+/// While this node is a standby, status tells that; changes are refused, and what only a primary node has is no data.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object. An entry of a trace has time, point (the number), name (null for a point without a description),

@@ -135,21 +135,30 @@ platform_status control_open(const char* path) {
 }
 
 platform_status control_start(sd_event* loop) {
+    const platform_status status = control_start_standby(loop);
+    if (status == PLATFORM_OK && control.server != nullptr) {
+        // Reloads are announced through the socket, so the shelf manager comes and goes with it.
+        shelf_manager_link(true);
+    }
+    return status;
+}
+
+platform_status control_start_standby(sd_event* loop) {
     if (control.server == nullptr) {
         return PLATFORM_OK;
     }
     const platform_status status = control_server_start(control.server, loop);
-    if (status == EALREADY) {
+    if (status == PLATFORM_OK || status == EALREADY) {
         return PLATFORM_OK;
     }
-    if (status != PLATFORM_OK) {
-        platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to start the control socket", platform_status_text(status),
-                     status);
-        return status;
+    platform_log(LOG_ERR, "Error:=%s(0x%x), Failed to start the control socket", platform_status_text(status), status);
+    return status;
+}
+
+void control_stop_standby() {
+    if (control.server != nullptr) {
+        control_server_stop(control.server);
     }
-    // Reloads are announced through the socket, so the shelf manager comes and goes with it.
-    shelf_manager_link(true);
-    return PLATFORM_OK;
 }
 
 size_t control_publish(std::string_view subject, std::string_view document) {

@@ -24,6 +24,11 @@ platform_status control_open(const char* path);
 /// Starts answering on the loop. Does nothing when no socket is open or when it is already answering.
 platform_status control_start(sd_event* loop);
 
+/// Answers on another loop while this node waits to become the primary one, until control_stop_standby. control_start
+/// continues from there.
+platform_status control_start_standby(sd_event* loop);
+void control_stop_standby();
+
 /// Drops all connections and removes the socket. Harmless when none is open.
 void control_close();
 

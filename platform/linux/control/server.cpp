@@ -198,14 +198,18 @@ void control_server_publish(control_server* server, std::string_view subject, st
     }
 }
 
-void control_server_free(control_server* server) {
-    if (server == nullptr) {
-        return;
-    }
+void control_server_stop(control_server* server) {
     while (!server->connections.empty()) {
         control_connection_drop(server->connections.back().get());
     }
     detach(*server);
+}
+
+void control_server_free(control_server* server) {
+    if (server == nullptr) {
+        return;
+    }
+    control_server_stop(server);
     close(server->listener);
     delete server;
 }

@@ -36,6 +36,9 @@ size_t control_server_watchers(const control_server* server);
 /// Passes an event, one JSON document with the whole state of its subject, to all watchers. Throws std::bad_alloc.
 void control_server_publish(control_server* server, std::string_view subject, std::string_view document);
 
+/// Drops all connections and accepts no more until it is started again, on whatever loop. New connections wait meanwhile.
+void control_server_stop(control_server* server);
+
 /// Drops all connections and closes the listener. Null is accepted.
 void control_server_free(control_server* server);
 

@@ -148,7 +148,8 @@ control_json control_call_vrf_list(const control_json& /*request*/, const contro
 control_json control_call_status(const control_json& request, const control_peer& peer) {
     const process_status process = process_manager_status();
     const auto now = static_cast<uint64_t>(time(nullptr));
-    control_json vrfs = control_call_vrf_list(request, peer);
+    const bool is_primary = process.role == PROCESS_ROLE_PRIMARY;
+    control_json vrfs = is_primary ? control_call_vrf_list(request, peer) : control_data_answer(control_json::array());
     if (!vrfs.contains("data")) {
         return vrfs;
     }

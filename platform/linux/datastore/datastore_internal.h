@@ -106,6 +106,9 @@ void datastore_configure(const datastore_engine* engine, const char* database_pa
 /// Opens the database; further calls do nothing. A failure is logged and written to standard error.
 platform_status datastore_open();
 
+/// Closes the database; datastore_open opens it again. Only for readers before anything is bound.
+void datastore_release();
+
 /// Closes the database and discards the settings of datastore_configure. The caller must still release its bindings.
 void datastore_close();
 

@@ -91,11 +91,15 @@ platform_status datastore_open() {
     return status;
 }
 
-void datastore_close() {
+void datastore_release() {
     datastore_state& state = the_datastore();
     if (state.store != nullptr) {
         state.engine->close(state.store);
         state.store = nullptr;
     }
+}
+
+void datastore_close() {
+    datastore_release();
     datastore_configure(nullptr, nullptr);
 }

@@ -1,7 +1,5 @@
 #include "platform/process_manager.h"
 
-#include <poll.h>
-#include <sys/inotify.h>
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -20,6 +18,7 @@
 #include "linux/process/node_lock.h"
 #include "linux/process/paths.h"
 #include "linux/process/platform_config.h"
+#include "linux/process/primary_wait.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
@@ -34,9 +33,6 @@ struct {
 } state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
 
 constexpr size_t respawn_file_max = 64;
-
-/// An editor may briefly remove the file while it writes the new one, so a change is read only after it has settled.
-constexpr int settle_milliseconds = 200;
 
 void log_problems(const std::vector<std::string>& problems) {
     for (const std::string& problem : problems) {
@@ -70,57 +66,6 @@ platform_status count_start() {
     const uint32_t before = read_count();
     state.respawn_count = before == UINT32_MAX ? before : before + 1;
     return file_replace(runtime_respawn_file, std::to_string(state.respawn_count) + '\n', {.mode = 0644});
-}
-
-/// Drains the event queue; the contents of the events are not needed.
-void discard_events(int fd) {
-    char buffer[4096];
-    while (read(fd, buffer, sizeof buffer) > 0) {
-    }
-}
-
-/// Blocks until a file of the directory has changed and then stayed unchanged for a moment. Returns 0 or -1.
-int wait_for_change(int fd) {
-    pollfd waiting = {fd, POLLIN, 0};
-    int timeout = -1;
-    for (;;) {
-        const int result = poll(&waiting, 1, timeout);
-        if (result < 0 && errno != EINTR) {
-            return -1;
-        }
-        if (result == 0) {
-            return 0;
-        }
-        if (result > 0) {
-            discard_events(fd);
-            timeout = settle_milliseconds;
-        }
-    }
-}
-
-/// Only a valid line or a missing file ends the wait: an error in the file must not create a second primary.
-bool is_primary() {
-    platform_config config = {};
-    std::vector<std::string> problems;
-    const platform_status status = platform_config_read(config, problems);
-    log_problems(problems);
-    if (status == ENOENT) {
-        return true;
-    }
-    return config.role_is_stated && config.role == PROCESS_ROLE_PRIMARY;
-}
-
-/// The watch is set up before the file is read, so no change is missed. Returns 0 or -1.
-int wait_until_primary(int fd) {
-    if (inotify_add_watch(fd, platform_config_directory, IN_CLOSE_WRITE | IN_MOVE | IN_DELETE | IN_ONLYDIR) < 0) {
-        return errno == ENOENT ? 0 : -1;
-    }
-    while (!is_primary()) {
-        if (wait_for_change(fd) != 0) {
-            return -1;
-        }
-    }
-    return 0;
 }
 
 }  // namespace
@@ -173,24 +118,19 @@ void process_manager_ready(void) {
 }
 
 int process_manager_wait_primary(void) {
-    const int fd = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (fd < 0) {
-        platform_log(LOG_ERR, "Cannot wait for the primary role: %s", strerror(errno));
+    int error = ENOMEM;
+    try {
+        error = primary_wait();
+    } catch (const std::exception&) {
+        error = ENOMEM;
+    }
+    if (error != 0) {
+        platform_log(LOG_ERR, "Cannot wait for the primary role: %s", strerror(error));
+        errno = error;
         return -1;
     }
-    int result = -1;
-    try {
-        result = wait_until_primary(fd);
-    } catch (const std::exception&) {
-        errno = ENOMEM;
-    }
-    if (result != 0) {
-        platform_log(LOG_ERR, "Cannot wait for the primary role: %s", strerror(errno));
-    } else {
-        state.role = PROCESS_ROLE_PRIMARY;
-    }
-    close(fd);
-    return result;
+    state.role = PROCESS_ROLE_PRIMARY;
+    return 0;
 }
 
 process_status process_manager_status() {

@@ -1,6 +1,8 @@
 #include "linux/control/calls.h"
 
+#include "linux/process/paths.h"
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/platform_test_support.h"
 
 namespace {
 
@@ -42,6 +44,64 @@ TEST_F(control_calls_test, a_missing_or_wrong_member_is_a_usage_error_that_names
 
 TEST_F(control_calls_test, members_that_a_call_does_not_know_do_no_harm) {
     EXPECT_EQ(result(R"({"call":"dump","colour":"red"})"), "done");
+}
+
+// --- Standby --------------------------------------------------------------------------------------------------------
+
+/// The agent of a standby node, which has not opened the database.
+class control_standby_test : public control_test::calls_test {
+  protected:
+    void SetUp() override {
+        calls_test::SetUp();
+        ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+        audit.clear();
+        take_calls();
+        datastore_release();
+        platform_test::write_file(platform_config_file, "role = standby\n");
+        process_manager_role();
+    }
+    void TearDown() override {
+        std::filesystem::remove(platform_config_file);
+        process_manager_reset();
+        calls_test::TearDown();
+    }
+};
+
+TEST_F(control_standby_test, status_says_standby) {
+    const control_json answer = ask(R"({"call":"status"})");
+    EXPECT_EQ(answer["result"], "done");
+    EXPECT_EQ(answer["data"]["role"], "standby");
+    EXPECT_TRUE(answer["data"]["vrfs"].empty());
+}
+
+TEST_F(control_standby_test, the_configuration_is_read_from_a_database_that_is_open_only_meanwhile) {
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
+    EXPECT_EQ(data(R"({"call":"dump"})"), R"({"/cfg/gl/crypto/ssh/server/cmn/timeout":45})");
+    EXPECT_EQ(result(R"({"call":"acl_list"})"), "done");
+    datastore_value value;
+    EXPECT_EQ(datastore_get_value(datastore_test::timeout_path, value), platform_status{DATASTORE_UNAVAILABLE});
+}
+
+TEST_F(control_standby_test, changes_are_refused) {
+    for (const char* request :
+         {R"({"call":"set","path":"@cmn/timeout","value":46})", R"({"call":"delete","path":"@cmn/timeout"})",
+          R"({"call":"load","items":{"@cmn/timeout":46}})",
+          R"({"call":"acl_set","family":"ipv4","name":"a","lines":[]})",
+          R"({"call":"acl_delete","family":"ipv4","name":"a"})", R"({"call":"key_delete","user":"alice"})",
+          R"({"call":"reload"})", R"({"call":"repair"})"}) {
+        const control_json answer = ask(request);
+        EXPECT_EQ(answer["result"], "refused") << request;
+        EXPECT_EQ(answer["message"], "this node is a standby and takes no changes until it becomes the primary node");
+    }
+    EXPECT_TRUE(take_calls().empty());
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
+}
+
+TEST_F(control_standby_test, what_only_a_primary_has_is_no_data) {
+    for (const char* request : {R"({"call":"show","path":"/oper/crypto-ssh/gl/server-params"})",
+                                R"({"call":"vrf_list"})", R"({"call":"watch"})", R"({"call":"verify"})"}) {
+        EXPECT_EQ(result(request), "no_data") << request;
+    }
 }
 
 }  // namespace

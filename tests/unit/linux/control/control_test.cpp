@@ -88,6 +88,27 @@ TEST_F(control_test_case, answers_once_started) {
     EXPECT_EQ(early.answer()["message"], "unknown call \"no such call\"");
 }
 
+TEST_F(control_test_case, answers_on_the_loop_of_a_standby_first) {
+    ASSERT_EQ(0U, control_open(path));
+    sd_event* standby = nullptr;
+    ASSERT_LE(0, sd_event_new(&standby));
+    ASSERT_EQ(0U, control_start_standby(standby));
+    client first(path);
+    first.put(frame_of(R"({"call":"no such call"})"));
+    for (int turn = 0; turn < 3000 && !first.has_answer(); turn++) {
+        ASSERT_LE(0, sd_event_run(standby, 1000));
+    }
+    EXPECT_EQ(first.answer()["message"], "unknown call \"no such call\"");
+    control_stop_standby();
+    EXPECT_TRUE(first.is_ended());
+    sd_event_unref(standby);
+    client second(path);
+    ASSERT_TRUE(second.is_connected()) << "it waits until somebody answers again";
+    second.put(frame_of(R"({"call":"no such call"})"));
+    ASSERT_EQ(0U, control_start(loop));
+    EXPECT_TRUE(run_until([&] { return second.has_answer(); }));
+}
+
 TEST_F(control_test_case, replaces_the_socket_of_a_dead_agent) {
     const int stale = control_test::listen_at(path);
     close(stale);
