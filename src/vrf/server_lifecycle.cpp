@@ -1,5 +1,7 @@
 #include "vrf/server_lifecycle.h"
 
+#include <sys/wait.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -14,6 +16,7 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/text.h"
+#include "platform/enforcement.h"
 #include "vrf/protection.h"
 #include "vrf/service_unit.h"
 #include "vrf/shell_command.h"
@@ -23,6 +26,10 @@ namespace {
 
 constexpr size_t line_size = 4096;
 constexpr size_t command_size = 256;
+constexpr size_t report_size = 512;
+
+/// systemctl's exit status for a unit that it does not know.
+constexpr int unit_not_loaded = 5;
 
 /// The unit file is missing: returns 0 if the VRF's server has not been started yet, -1 if it has.
 int report_missing_unit(const char* vrf_name) {
@@ -44,12 +51,30 @@ void note_start_failed(const char* vrf_name, bool failed) {
     }
 }
 
+/// Reports whether the server is as the command was to make it; `status` is that of system(3). Leaves errno alone.
+void report_server(const char* vrf_name, const char* command, int status) {
+    const int error = errno;
+    char subject[report_size];
+    format_text(subject, sizeof subject, "server %s", vrf_name);
+    if (status == 0) {
+        enforcement_restored(subject);
+    } else {
+        char reason[report_size];
+        format_text(reason, sizeof reason, "%s failed", command);
+        enforcement_failed(subject, reason);
+    }
+    errno = error;
+}
+
 int start_server(const char* vrf_name) {
     debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
     block_vrf(vrf_name);
     char command[command_size];
     format_text(command, sizeof command, "systemctl restart sshd_service_%s", vrf_name);
-    if (shell_command_failed(command)) {
+    int status = 0;
+    const bool failed = shell_command_failed(command, &status);
+    report_server(vrf_name, command, status);
+    if (failed) {
         const int error = errno;
         debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to start the server", vrf_name, platform_status_text(error),
                     error);
@@ -67,7 +92,11 @@ int start_server(const char* vrf_name) {
 int stop_server(const char* vrf_name) {
     char command[command_size];
     format_text(command, sizeof command, "systemctl stop sshd_service_%s", vrf_name);
-    if (shell_command_failed(command)) {
+    int status = 0;
+    const bool failed = shell_command_failed(command, &status);
+    const bool none_to_stop = status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == unit_not_loaded;
+    report_server(vrf_name, command, none_to_stop ? 0 : status);
+    if (failed) {
         const int error = errno;
         debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to kill the server", vrf_name, platform_status_text(error),
                     error);

@@ -4,6 +4,7 @@
 
 /// Runs a command through the shell and waits for it. It has failed if its status is non-zero and errno is set. errno
 /// is deliberately not cleared before: systemctl may end with a non-zero status although it has done what was asked.
-bool shell_command_failed(const char* command);
+/// `*status`, unless null, receives what system(3) returned.
+bool shell_command_failed(const char* command, int* status = nullptr);
 
 #endif

@@ -93,11 +93,35 @@ TEST_F(server_lifecycle_test, a_failed_start_leaves_the_vrf_blocked) {
     errno = EAGAIN;
     EXPECT_EQ(ssh_process_restart(1, "red"), -1);
     EXPECT_THAT(trail(),
-                ElementsAre("mpp_vrf_nft_init(red)", "mpp_vrf_block(red)", "$ systemctl restart sshd_service_red"));
+                ElementsAre("mpp_vrf_nft_init(red)", "mpp_vrf_block(red)", "$ systemctl restart sshd_service_red",
+                            "enforcement_failed(server red, systemctl restart sshd_service_red failed)"));
     EXPECT_TRUE(fake_platform::vrf_blocked("red"));
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Vrf-name:=red, Error:=Resource temporarily unavailable(0xb), Failed to start the server"));
     EXPECT_TRUE(traced({"red", "11"}));
+}
+
+TEST_F(server_lifecycle_test, a_server_that_does_not_start_is_not_in_force_until_it_does) {
+    const fake_platform::unenforced failure = {"server red", "systemctl restart sshd_service_red failed"};
+    for (const int error : {EAGAIN, 0}) {
+        stub_commands::fail("systemctl restart", 1, 1);
+        errno = error;
+        ssh_process_restart(1, "red");
+        EXPECT_THAT(fake_platform::not_in_force(), ElementsAre(failure)) << error;
+        ssh_process_restart(1, "red");
+        EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+    }
+}
+
+TEST_F(server_lifecycle_test, a_server_that_does_not_stop_is_not_in_force) {
+    stub_commands::fail("systemctl stop", 1, 1);
+    errno = 0;
+    ssh_process_restart(0, "red");
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"server red", "systemctl stop sshd_service_red failed"}));
+    stub_commands::fail("systemctl stop", 5, 1);
+    ssh_process_restart(0, "red");
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre()) << "a unit that is not loaded does not run";
 }
 
 // An exit status without errno is systemctl's word about the unit, not a failure to ask.
@@ -126,7 +150,7 @@ TEST_F(server_lifecycle_test, a_failed_stop_keeps_errno_and_does_not_unblock) {
     errno = EINTR;
     EXPECT_EQ(ssh_process_restart(0, "red"), -1);
     EXPECT_EQ(errno, EINTR);
-    EXPECT_THAT(trail(), ElementsAre("$ systemctl stop sshd_service_red"));
+    EXPECT_THAT(trail(), Contains("$ systemctl stop sshd_service_red"));
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("Vrf-name:=red, Error:=Interrupted system call(0x4), Failed to kill the server"));
     EXPECT_TRUE(traced({"red", "4"}));
