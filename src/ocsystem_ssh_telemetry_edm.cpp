@@ -27,12 +27,12 @@ value_type* optional_value(const char* condition) {
 
 /// The number of a setting, truncated to 16 bits without a range check.
 uint16_t limit(server_parameter parameter) {
-    const char* text = effective_text(server.parameters[parameter]);
+    const char* text = effective_text(server_config.parameters[parameter]);
     return static_cast<uint16_t>(text != nullptr ? atoi(text) : 0);
 }
 
 bool server_is_enabled() {
-    return server.parameters[SERVER_PROTOCOL].current != nullptr || default_vrf_configured != 0;
+    return server_config.parameters[SERVER_PROTOCOL].current != nullptr || default_vrf_configured != 0;
 }
 
 void fill(openconfig_ssh_server_state* state) {

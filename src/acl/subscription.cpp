@@ -149,7 +149,7 @@ bool uses_same_list(const acl_family& family, const vrf_node& node, const vrf_no
 
 int in_use_elsewhere(const acl_family& family, const vrf_node* node, uint32_t type) {
     const char* acl_name = acl_name_of(family, *node, type);
-    for (const vrf_node* other = server.nodes; other != nullptr; other = other->next) {
+    for (const vrf_node* other = server_config.nodes; other != nullptr; other = other->next) {
         debug_print("vrfnode->vrf_name = %s, curr_vrfnode->vrf_name = %s", node->name, other->name);
         if (acl_name != nullptr && uses_same_list(family, *node, *other, acl_name)) {
             return 0;
@@ -178,7 +178,7 @@ void end_subscription(subscription** place) {
         return;
     }
     const acl_family& family = *ended->family;
-    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (node->*family.head == ended->handle) {
             node->*family.head = nullptr;
         }
@@ -190,7 +190,7 @@ void end_subscription(subscription** place) {
 }
 
 bool used_by_any(const acl_family& family, const char* acl_name) {
-    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (same_text(acl_name, node->*family.ssh_name, acl_name_size) ||
             same_text(acl_name, node->*family.netconf_name, acl_name_size)) {
             return true;
@@ -372,7 +372,7 @@ int flush_after_removal(const vrf_node& node, uint32_t type) {
 /// that fails does not keep the others from following. Returns 0, or 1 if any failed.
 int follow_change(const acl_family& family, uint32_t type, const acl_change_notice& notice, bool examine_fetch) {
     int result = 0;
-    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (!same_text(acl_name_of(family, *node, type), notice.acl_name, acl_name_size) ||
             !vrf_namespace_exists(node->name)) {
             continue;

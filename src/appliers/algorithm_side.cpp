@@ -6,14 +6,14 @@
 namespace {
 
 // The entries themselves hold the buffers that the appliers edit.
-constexpr auto& server_kex_list = server.algorithms[SERVER_KEX_ALGORITHMS].text;
-constexpr auto& client_kex_list = client.algorithms[CLIENT_KEX_ALGORITHMS].text;
-constexpr auto& server_cipher_list = server.algorithms[SERVER_CIPHERS].text;
-constexpr auto& client_cipher_list = client.algorithms[CLIENT_CIPHERS].text;
-constexpr auto& server_cipher_base = server.cipher_base;
-constexpr auto& client_cipher_base = client.cipher_base;
-constexpr auto& server_mac_list = server.parameters[SERVER_MACS].text;
-constexpr auto& client_mac_list = client.parameters[CLIENT_MACS].text;
+constexpr auto& server_kex_list = server_config.algorithms[SERVER_KEX_ALGORITHMS].text;
+constexpr auto& client_kex_list = client_config.algorithms[CLIENT_KEX_ALGORITHMS].text;
+constexpr auto& server_cipher_list = server_config.algorithms[SERVER_CIPHERS].text;
+constexpr auto& client_cipher_list = client_config.algorithms[CLIENT_CIPHERS].text;
+constexpr auto& server_cipher_base = server_config.cipher_base;
+constexpr auto& client_cipher_base = client_config.cipher_base;
+constexpr auto& server_mac_list = server_config.parameters[SERVER_MACS].text;
+constexpr auto& client_mac_list = client_config.parameters[CLIENT_MACS].text;
 
 uint32_t legacy_cipher_mask;
 uint32_t client_legacy_cipher_mask;
@@ -33,9 +33,9 @@ int write_client_line(uint32_t event, const char* keyword, const char* value) {
 }  // namespace
 
 const algorithm_side server_side = {
-    .kex = &server.algorithms[SERVER_KEX_ALGORITHMS],
-    .ciphers = &server.algorithms[SERVER_CIPHERS],
-    .macs = &server.parameters[SERVER_MACS],
+    .kex = &server_config.algorithms[SERVER_KEX_ALGORITHMS],
+    .ciphers = &server_config.algorithms[SERVER_CIPHERS],
+    .macs = &server_config.parameters[SERVER_MACS],
     .kex_list = server_kex_list,
     .cipher_base = server_cipher_base,
     .cipher_list = server_cipher_list,
@@ -71,9 +71,9 @@ const algorithm_side server_side = {
 };
 
 const algorithm_side client_side = {
-    .kex = &client.algorithms[CLIENT_KEX_ALGORITHMS],
-    .ciphers = &client.algorithms[CLIENT_CIPHERS],
-    .macs = &client.parameters[CLIENT_MACS],
+    .kex = &client_config.algorithms[CLIENT_KEX_ALGORITHMS],
+    .ciphers = &client_config.algorithms[CLIENT_CIPHERS],
+    .macs = &client_config.parameters[CLIENT_MACS],
     .kex_list = client_kex_list,
     .cipher_base = client_cipher_base,
     .cipher_list = client_cipher_list,

@@ -13,7 +13,7 @@ constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 // A removal also writes the defaults: without the line the client would record host keys in a file for each user.
 constexpr setting_row known_hosts_row = {
     .trace_point = appliers_trace_client_known_hosts,
-    .entry = &client.parameters[CLIENT_USER_KNOWN_HOSTS_FILE],
+    .entry = &client_config.parameters[CLIENT_USER_KNOWN_HOSTS_FILE],
     .event_text = "Event:=%d, Config:=ssh client known hosts",
     .event = WRITE_AS_SET,
     .write = write_client_setting,
@@ -21,7 +21,7 @@ constexpr setting_row known_hosts_row = {
 
 constexpr setting_row host_key_checking_row = {
     .trace_point = appliers_trace_client_host_key_checking,
-    .entry = &client.parameters[CLIENT_STRICT_HOST_KEY_CHECKING],
+    .entry = &client_config.parameters[CLIENT_STRICT_HOST_KEY_CHECKING],
     .event = WRITE_AS_SET,
     .write = write_client_setting,
 };

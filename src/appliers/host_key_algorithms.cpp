@@ -19,8 +19,8 @@ constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr char function[] = "sshd_apply_hostkeyalgo";
 
 // The entries hold the lists.
-constexpr auto& server_hostkey_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS].text;
-constexpr auto& server_hostkey_files = server.algorithms[SERVER_HOST_KEY].text;
+constexpr auto& server_hostkey_list = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].text;
+constexpr auto& server_hostkey_files = server_config.algorithms[SERVER_HOST_KEY].text;
 
 bool is_same_file(const char* file, const char* other) {
     return file != nullptr && other != nullptr && std::strcmp(file, other) == 0;
@@ -48,15 +48,15 @@ void compose_lists(const int32_t* flags) {
 }
 
 void put_current(const char* files, const char* algorithms) {
-    algorithm_entry& file_entry = server.algorithms[SERVER_HOST_KEY];
-    algorithm_entry& algorithm_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    algorithm_entry& file_entry = server_config.algorithms[SERVER_HOST_KEY];
+    algorithm_entry& algorithm_list = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     file_entry.current = file_entry.second_current = files;
     algorithm_list.current = algorithm_list.second_current = algorithms;
 }
 
 void write_lines(const char* files, const char* algorithms) {
-    const algorithm_entry& file_entry = server.algorithms[SERVER_HOST_KEY];
-    const algorithm_entry& algorithm_list = server.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    const algorithm_entry& file_entry = server_config.algorithms[SERVER_HOST_KEY];
+    const algorithm_entry& algorithm_list = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     update_config_files_multiple_restart(event_set_value, file_entry.keyword, files, file_entry.allvrf);
     update_config_files_restart(event_set_value, algorithm_list.keyword, algorithms, algorithm_list.allvrf);
 }
@@ -75,8 +75,8 @@ platform_status set_host_keys(const datastore_change& change) {
 
 platform_status reset_host_keys(const datastore_change& change) {
     debug_print("(%s) config removed", function);
-    put_current(server.algorithms[SERVER_HOST_KEY].default_text,
-                server.algorithms[SERVER_HOST_KEY_ALGORITHMS].default_text);
+    put_current(server_config.algorithms[SERVER_HOST_KEY].default_text,
+                server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].default_text);
     const int32_t fips_mode = fips_mode_get();
     if (fips_mode < 0) {
         debug_print("(%s) Failed to check fips mode  in hoskeyalgo applier", function);
@@ -84,12 +84,13 @@ platform_status reset_host_keys(const datastore_change& change) {
         return 1;
     }
     if (fips_mode == 1) {
-        server.algorithms[SERVER_HOST_KEY].second_current = fips_host_keys;
-        server.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current = fips_host_key_algorithms;
+        server_config.algorithms[SERVER_HOST_KEY].second_current = fips_host_keys;
+        server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current = fips_host_key_algorithms;
     }
-    trace_event(appliers_trace_host_key, {change.event, server.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current});
-    write_lines(server.algorithms[SERVER_HOST_KEY].second_current,
-                server.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current);
+    trace_event(appliers_trace_host_key,
+                {change.event, server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current});
+    write_lines(server_config.algorithms[SERVER_HOST_KEY].second_current,
+                server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current);
     return PLATFORM_OK;
 }
 

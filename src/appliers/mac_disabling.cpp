@@ -56,7 +56,7 @@ size_t mac_of(const datastore_path_components& components) {
 /// what the commit would store.
 bool is_to_be_disabled(const algorithm_side& side, size_t mac) {
     const bool is_server = &side == &server_side;
-    datastore_binding* binding = is_server ? agent.server_binding : agent.client_binding;
+    datastore_binding* binding = is_server ? agent_handles.server_binding : agent_handles.client_binding;
     const char* path = is_server ? macs[mac].server_path : macs[mac].client_path;
     uint32_t value = 0;
     size_t size = 0;

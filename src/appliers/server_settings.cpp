@@ -15,7 +15,7 @@ constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
 constexpr setting_row logging_row = {
     .trace_point = appliers_trace_logging,
-    .entry = &server.parameters[SERVER_LOG_LEVEL],
+    .entry = &server_config.parameters[SERVER_LOG_LEVEL],
     .event_text = "Event:=%d, Config:=ssh server logging",
     .event = WRITE_AS_IT_CAME,
     .write = write_server_setting,

@@ -92,8 +92,8 @@ void add_name(const char* name) {
 
 /// Writes the lines as they are after the change; removing the last name removes them.
 void write_user_trustpoints(const char* function, uint32_t event) {
-    setting_entry& count = server.parameters[SERVER_USER_TRUSTPOINT_COUNT];
-    setting_entry& list = server.parameters[SERVER_USER_TRUSTPOINT];
+    setting_entry& count = server_config.parameters[SERVER_USER_TRUSTPOINT_COUNT];
+    setting_entry& list = server_config.parameters[SERVER_USER_TRUSTPOINT];
     if (!join_user_trustpoints(list.text, trustpoint_size)) {
         trace_error(appliers_trace_trustpoint_cut, {list.text});
     }
@@ -110,8 +110,8 @@ void write_user_trustpoints(const char* function, uint32_t event) {
 uint32_t count_new_names() {
     datastore_list* list = nullptr;
     uint32_t count = 0;
-    if (agent.server_binding == nullptr ||
-        datastore_list_get(agent.server_binding, user_trustpoint_tree, -1, &list, &count) != PLATFORM_OK) {
+    if (agent_handles.server_binding == nullptr ||
+        datastore_list_get(agent_handles.server_binding, user_trustpoint_tree, -1, &list, &count) != PLATFORM_OK) {
         return 0;
     }
     uint32_t added = 0;
@@ -135,7 +135,7 @@ bool has_room_for(const char* name) {
 
 platform_status sshd_apply_trustpoint_host(const datastore_change* change, const datastore_path_components*) {
     debug_print("Event:=%d, Config:=ssh server trustpoint host", static_cast<int>(change->event));
-    line_entry& entry = server.parameters[SERVER_HOST_TRUSTPOINT];
+    line_entry& entry = server_config.parameters[SERVER_HOST_TRUSTPOINT];
     if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
         host_trustpoint[0] = '\0';
         entry.current = nullptr;
@@ -195,7 +195,7 @@ platform_status ssh_apply_certificate_username(const datastore_change* change, c
     }
     const uint32_t mask = (username_flags[FLAG_COMMON_NAME] != 0 ? USERNAME_FROM_COMMON_NAME : 0U) |
                           (username_flags[FLAG_USER_PRINCIPAL_NAME] != 0 ? USERNAME_FROM_USER_PRINCIPAL_NAME : 0U);
-    setting_entry& entry = server.parameters[SERVER_CERTIFICATE_USERNAME];
+    setting_entry& entry = server_config.parameters[SERVER_CERTIFICATE_USERNAME];
     format_text(entry.text, sizeof entry.text, "%d", static_cast<int>(mask));
     debug_print("(%s), Username Field = %s", __func__, entry.text);
     entry.current = entry.text;

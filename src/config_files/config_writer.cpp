@@ -82,8 +82,8 @@ int edit_vrf_file(const config_update& update, const char* vrf_name, uint32_t* c
 }
 
 void restart_server(const char* vrf_name, uint32_t start) {
-    if (upcall.ssh_process_restart != nullptr) {
-        upcall.ssh_process_restart(start, vrf_name);
+    if (agent_upcalls.ssh_process_restart != nullptr) {
+        agent_upcalls.ssh_process_restart(start, vrf_name);
     }
 }
 
@@ -91,8 +91,8 @@ void restart_server(const char* vrf_name, uint32_t start) {
 void remove_unreferenced_node(vrf_node* node) {
     delete_vrf_config_file(node->name);
     restart_server(node->name, 0);
-    if (upcall.delete_vrf_node != nullptr) {
-        upcall.delete_vrf_node(node);
+    if (agent_upcalls.delete_vrf_node != nullptr) {
+        agent_upcalls.delete_vrf_node(node);
     }
 }
 
@@ -107,7 +107,7 @@ bool namespace_exists(const char* vrf_name) {
 int edit_vrf_files(const config_update& update) {
     uint32_t change = 0;
     vrf_node* next = nullptr;
-    for (vrf_node* node = server.nodes; node != nullptr; node = next) {
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = next) {
         next = node->next;
         if (node->reference_count <= 0) {
             remove_unreferenced_node(node);

@@ -20,7 +20,7 @@ namespace {
 /// Creates the file empty if it is missing or left from an earlier run; after a failure the servers keep theirs.
 int prepare_default_file(const char* path) {
     if (file_exists(path) == 1) {
-        if (agent.respawn_count >= respawn_after_failure) {
+        if (agent_handles.respawn_count >= respawn_after_failure) {
             return 0;
         }
         if (std::remove(path) != 0) {
@@ -50,17 +50,17 @@ int write_client_line(uint32_t event, const char* keyword, const char* value, ui
 
 constexpr initial_line server_rows[] = {
 #define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
-    {first_line, keyword, &server.parameters[index].current, line_text, update_config_files_restart},
+    {first_line, keyword, &server_config.parameters[index].current, line_text, update_config_files_restart},
 #define SERVER_LIST(index, keyword, default_text, first_line, write) \
-    {first_line, keyword, &server.algorithms[index].current, AS_IT_STANDS, write},
+    {first_line, keyword, &server_config.algorithms[index].current, AS_IT_STANDS, write},
 #include "config_files/configuration.def"
 };
 
 constexpr initial_line client_rows[] = {
 #define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
-    {first_line, keyword, &client.parameters[index].current, line_text, write_client_line},
+    {first_line, keyword, &client_config.parameters[index].current, line_text, write_client_line},
 #define CLIENT_LIST(index, keyword, default_text, first_line) \
-    {first_line, keyword, &client.algorithms[index].current, AS_IT_STANDS, write_client_line},
+    {first_line, keyword, &client_config.algorithms[index].current, AS_IT_STANDS, write_client_line},
 #include "config_files/configuration.def"
 };
 
@@ -107,7 +107,7 @@ int prepare_default_files() {
 void write_initial_lines() {
     write_lines(server_lines);
     // The client starts with the server's limit; its own entry takes effect from its first change.
-    const line_entry& rekey_limit = server.parameters[SERVER_REKEY_LIMIT];
+    const line_entry& rekey_limit = server_config.parameters[SERVER_REKEY_LIMIT];
     update_client_config_file(event_set_value, rekey_limit.keyword, rekey_limit.current);
     write_lines(client_lines);
 }

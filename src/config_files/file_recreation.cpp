@@ -47,12 +47,12 @@ int put_in_place(FILE* file, const char* path) {
 
 void write_server_table(FILE* file) {
     for (size_t i = SERVER_START_MARKER + 1; i < SERVER_END_MARKER; i++) {
-        const setting_entry& entry = server.parameters[i];
+        const setting_entry& entry = server_config.parameters[i];
         char buffer[setting_text_size];
         write_entry(file, entry.keyword, text_of_line(entry.line_text, entry.current, buffer));
     }
     for (size_t i = SERVER_ALGORITHM_START_MARKER + 1; i < SERVER_ALGORITHM_END_MARKER; i++) {
-        write_entry(file, server.algorithms[i].keyword, server.algorithms[i].current);
+        write_entry(file, server_config.algorithms[i].keyword, server_config.algorithms[i].current);
     }
 }
 
@@ -60,11 +60,11 @@ void write_server_table(FILE* file) {
 bool ssh_server_configured(const char* vrf_name) {
     char item[PATH_MAX];
     format_text(item, sizeof item, "sshd/vrf/%s", vrf_name);
-    if (datastore_item_get(agent.server_binding, item, nullptr, 0, nullptr) == PLATFORM_OK) {
+    if (datastore_item_get(agent_handles.server_binding, item, nullptr, 0, nullptr) == PLATFORM_OK) {
         return true;
     }
     return std::strcmp(vrf_name, "default") == 0 &&
-           datastore_item_get(agent.server_binding, "sshd/v2", nullptr, 0, nullptr) == PLATFORM_OK;
+           datastore_item_get(agent_handles.server_binding, "sshd/v2", nullptr, 0, nullptr) == PLATFORM_OK;
 }
 
 /// Writes the lines that only this VRF's file has.
@@ -77,11 +77,11 @@ void write_vrf_lines(FILE* file, const char* vrf_name) {
         write_entry(file, node->lines[i].keyword, node->lines[i].current);
     }
     if (is_set(node->lines[VRF_NETCONF_SUBSYSTEM].current)) {
-        const line_entry& port = server.parameters[SERVER_NETCONF_PORT];
+        const line_entry& port = server_config.parameters[SERVER_NETCONF_PORT];
         write_entry(file, port.keyword, effective_text(port));
     }
     if (ssh_server_configured(vrf_name)) {
-        const line_entry& port = server.parameters[SERVER_PORT];
+        const line_entry& port = server_config.parameters[SERVER_PORT];
         write_entry(file, port.keyword, effective_text(port));
     }
 }

@@ -6,8 +6,8 @@
 #include "config_files/algorithm_names.h"
 #include "core/text.h"
 
-server_configuration server;
-client_configuration client;
+server_configuration server_config;
+client_configuration client_config;
 
 namespace {
 
@@ -94,10 +94,10 @@ static_assert(client_defaults.algorithms[client_algorithm_count - 1].keyword != 
 }  // namespace
 
 void fill_parameter_tables() {
-    vrf_node* const nodes = server.nodes;
-    server = server_defaults;
-    server.nodes = nodes;
-    client = client_defaults;
+    vrf_node* const nodes = server_config.nodes;
+    server_config = server_defaults;
+    server_config.nodes = nodes;
+    client_config = client_defaults;
 }
 
 void ip_qos_text(const char* dscp, char* buffer, size_t size) {

@@ -56,8 +56,8 @@ struct client_configuration {
     char cipher_base[algorithm_list_size];  ///< the ciphers without the legacy ones
 };
 
-extern server_configuration server;
-extern client_configuration client;
+extern server_configuration server_config;
+extern client_configuration client_config;
 
 /// Fills both tables, each entry's own text and the cipher bases with the defaults. Leaves the list of VRFs unchanged.
 void fill_parameter_tables();

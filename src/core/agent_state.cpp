@@ -4,7 +4,7 @@
 
 #include "core/paths.h"
 
-agent_state agent;
+agent_state agent_handles;
 
 bool datastore_client_available() {
     static const bool available = access(paths::datastore_library, R_OK) == 0;

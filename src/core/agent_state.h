@@ -22,7 +22,7 @@ struct agent_state {
     uint32_t initial_scan_complete;  ///< 1 once both configuration scans have succeeded
 };
 
-extern agent_state agent;
+extern agent_state agent_handles;
 
 /// From this respawn count on, running servers keep their files and VRFs are announced again.
 inline constexpr uint32_t respawn_after_failure = 2;

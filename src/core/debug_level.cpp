@@ -19,8 +19,8 @@ struct level_side {
     bool on[level_count + 1];  ///< by level, 1 to 3
 };
 
-level_side server_side{debug_server_l1, &server.parameters[SERVER_LOG_LEVEL], {}};
-level_side client_side{debug_client_l1, &client.parameters[CLIENT_LOG_LEVEL], {}};
+level_side server_side{debug_server_l1, &server_config.parameters[SERVER_LOG_LEVEL], {}};
+level_side client_side{debug_client_l1, &client_config.parameters[CLIENT_LOG_LEVEL], {}};
 
 /// A level takes effect unless a higher one is on.
 void level_on(level_side& side, uint32_t level) {

@@ -56,15 +56,15 @@ enum binding : uint32_t {
 datastore_binding** handle_of(uint32_t bit) {
     switch (bit) {
         case binding_server:
-            return &agent.server_binding;
+            return &agent_handles.server_binding;
         case binding_client:
-            return &agent.client_binding;
+            return &agent_handles.client_binding;
         case binding_backup:
-            return &agent.backup_binding;
+            return &agent_handles.backup_binding;
         case binding_banner:
-            return &agent.banner_binding;
+            return &agent_handles.banner_binding;
         default:
-            return &agent.aaa_banner_binding;
+            return &agent_handles.aaa_banner_binding;
     }
 }
 
@@ -91,17 +91,17 @@ platform_status bind_tree(const datastore_step& step) {
 
 platform_status register_verification(const datastore_step& step) {
     return datastore_register_verification(*handle_of(step.target), step.path, every_event, verify_configuration,
-                                           apply_configuration, agent.event_manager, nullptr);
+                                           apply_configuration, agent_handles.event_manager, nullptr);
 }
 
 platform_status register_banner_notification(const datastore_step& step) {
     return datastore_register_notification(*handle_of(step.target), step.path, every_event, banner_config_handler,
-                                           agent.event_manager, nullptr);
+                                           agent_handles.event_manager, nullptr);
 }
 
 platform_status register_aaa_banner_notification(const datastore_step& step) {
     return datastore_register_notification(*handle_of(step.target), step.path, every_event, aaa_banner_config_handler,
-                                           agent.event_manager, nullptr);
+                                           agent_handles.event_manager, nullptr);
 }
 
 void log_failure(platform_status status, const char* text) {
@@ -173,7 +173,7 @@ start_up_status create_traces() {
 }
 
 start_up_status create_event_manager() {
-    if (event_manager_create(paths::device, &agent.event_manager) != 0) {
+    if (event_manager_create(paths::device, &agent_handles.event_manager) != 0) {
         log_errno("Failed to create event manager");
         return START_UP_EVENT_MANAGER;
     }
@@ -181,7 +181,7 @@ start_up_status create_event_manager() {
 }
 
 start_up_status read_role() {
-    agent.process_role = process_manager_role();
+    agent_handles.process_role = process_manager_role();
     return START_UP_DONE;
 }
 
@@ -207,8 +207,8 @@ start_up_status watch_pam() {
 }
 
 start_up_status attach_pam_watcher() {
-    const platform_status status = event_manager_attach_fd(agent.event_manager, agent.pam_inotify, EVENT_MANAGER_READ,
-                                                           pam_config_file_handler, nullptr);
+    const platform_status status = event_manager_attach_fd(agent_handles.event_manager, agent_handles.pam_inotify,
+                                                           EVENT_MANAGER_READ, pam_config_file_handler, nullptr);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, "Failed to attach event handler for norvossh PAM Config file");
         return START_UP_INOTIFY_ATTACH;
@@ -217,7 +217,7 @@ start_up_status attach_pam_watcher() {
 }
 
 start_up_status wait_for_primary() {
-    if (agent.process_role == PROCESS_ROLE_PRIMARY) {
+    if (agent_handles.process_role == PROCESS_ROLE_PRIMARY) {
         return START_UP_DONE;
     }
     process_manager_ready();
@@ -225,7 +225,7 @@ start_up_status wait_for_primary() {
 }
 
 start_up_status register_debug_flags() {
-    const platform_status status = debug_initialise(agent.event_manager, debug_level_handler);
+    const platform_status status = debug_initialise(agent_handles.event_manager, debug_level_handler);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, "Failed to initiate debug event");
         return START_UP_DEBUG;
@@ -234,9 +234,10 @@ start_up_status register_debug_flags() {
 }
 
 start_up_status announce_start() {
-    agent.respawn_count = process_manager_respawn_count();
-    debug_print("ssh_cfg_agent starts, role:=%u, respawn count:=%u", agent.process_role, agent.respawn_count);
-    trace_event(core_trace_started, {agent.process_role, agent.respawn_count});
+    agent_handles.respawn_count = process_manager_respawn_count();
+    debug_print("ssh_cfg_agent starts, role:=%u, respawn count:=%u", agent_handles.process_role,
+                agent_handles.respawn_count);
+    trace_event(core_trace_started, {agent_handles.process_role, agent_handles.respawn_count});
     return START_UP_DONE;
 }
 
@@ -342,7 +343,7 @@ start_up_status publish_file_systems() {
 /// Even without these messages the servers of existing namespaces run, so a failure is not fatal.
 start_up_status attach_namespace_messages() {
     const platform_status status =
-        event_manager_attach_message(agent.event_manager, NAMESPACE_MESSAGE, ssh_proxy_nns_handler, nullptr);
+        event_manager_attach_message(agent_handles.event_manager, NAMESPACE_MESSAGE, ssh_proxy_nns_handler, nullptr);
     if (status != PLATFORM_OK) {
         log_details("Event message attach failed ", platform_status_text(status), "");
         trace_error(core_trace_namespace_attach, {status});
@@ -378,7 +379,7 @@ start_up_status build_banners() {
 
 start_up_status scan(datastore_binding* binding, const char* failure_text) {
     const platform_status status =
-        datastore_backend_scan(binding, &item_table, whole_subtree, scan_cookie, agent.event_manager);
+        datastore_backend_scan(binding, &item_table, whole_subtree, scan_cookie, agent_handles.event_manager);
     if (status != PLATFORM_OK) {
         close_protection(std::size(protected_services));
         log_status(ERR_ERRNO, status, failure_text);
@@ -388,15 +389,15 @@ start_up_status scan(datastore_binding* binding, const char* failure_text) {
 }
 
 start_up_status scan_server() {
-    return scan(agent.server_binding, "Backend scan failed for server config");
+    return scan(agent_handles.server_binding, "Backend scan failed for server config");
 }
 
 start_up_status scan_client() {
-    return scan(agent.client_binding, "Backend scan failed for client config");
+    return scan(agent_handles.client_binding, "Backend scan failed for client config");
 }
 
 start_up_status mark_scanned() {
-    agent.initial_scan_complete = 1;
+    agent_handles.initial_scan_complete = 1;
     return START_UP_DONE;
 }
 
@@ -440,20 +441,20 @@ constexpr start_up_step steps[] = {
 
 /// Gives the lower modules the functions they call in the higher ones.
 void fill_upcalls() {
-    upcall.ssh_process_restart = ssh_process_restart;
-    upcall.delete_vrf_node = delete_vrf_node;
-    upcall.create_nft_table = create_nft_table;
-    upcall.ssh_flush_nft_table = ssh_flush_nft_table;
-    upcall.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
-        return ssh_configure_v4acl(agent.event_manager, node, kind);
+    agent_upcalls.ssh_process_restart = ssh_process_restart;
+    agent_upcalls.delete_vrf_node = delete_vrf_node;
+    agent_upcalls.create_nft_table = create_nft_table;
+    agent_upcalls.ssh_flush_nft_table = ssh_flush_nft_table;
+    agent_upcalls.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
+        return ssh_configure_v4acl(agent_handles.event_manager, node, kind);
     };
-    upcall.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
-        return ssh_configure_v6acl(agent.event_manager, node, kind);
+    agent_upcalls.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
+        return ssh_configure_v6acl(agent_handles.event_manager, node, kind);
     };
-    upcall.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
-    upcall.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
-    upcall.release_unused_acls = release_unused_subscriptions;
-    upcall.ocssh_telemetry_publish = ocssh_telemetry_publish;
+    agent_upcalls.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
+    agent_upcalls.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
+    agent_upcalls.release_unused_acls = release_unused_subscriptions;
+    agent_upcalls.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 
 }  // namespace
@@ -475,5 +476,5 @@ int run_agent() {
     if (status != START_UP_DONE) {
         return status;
     }
-    run_event_loop(agent.event_manager);
+    run_event_loop(agent_handles.event_manager);
 }

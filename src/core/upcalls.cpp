@@ -1,9 +1,9 @@
 #include "core/upcalls.h"
 
-upcalls upcall;
+upcalls agent_upcalls;
 
 void publish_telemetry() {
-    if (upcall.ocssh_telemetry_publish != nullptr) {
-        upcall.ocssh_telemetry_publish();
+    if (agent_upcalls.ocssh_telemetry_publish != nullptr) {
+        agent_upcalls.ocssh_telemetry_publish();
     }
 }

@@ -27,7 +27,7 @@ struct upcalls {
     void (*ocssh_telemetry_publish)();
 };
 
-extern upcalls upcall;
+extern upcalls agent_upcalls;
 
 /// Publishes the server's telemetry state, if this agent has telemetry.
 void publish_telemetry();

@@ -37,8 +37,8 @@ int report_failed_write(const char* debug_format, const char* function, const ch
 }
 
 int write_server_host_keys(const char* files, const char* algorithms) {
-    const algorithm_entry& file_entry = server.algorithms[SERVER_HOST_KEY];
-    const algorithm_entry& entry = server.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    const algorithm_entry& file_entry = server_config.algorithms[SERVER_HOST_KEY];
+    const algorithm_entry& entry = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     update_config_files_multiple_restart(event_set_value, file_entry.keyword, files, file_entry.allvrf);
     if (update_config_files_restart(event_set_value, entry.keyword, algorithms, entry.allvrf) != 0) {
         return report_failed_write("Error:=%s(0x%x): %s, failed to update hostkey list in  config file",
@@ -48,14 +48,15 @@ int write_server_host_keys(const char* files, const char* algorithms) {
 }
 
 void write_client_host_keys(const char* algorithms) {
-    update_client_config_file(event_set_value, client.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword, algorithms);
+    update_client_config_file(event_set_value, client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword,
+                              algorithms);
 }
 
 int mark_servers(const char* host_key_list) {
     if (write_server_host_keys(fips_hostkey_files, host_key_list) != 0) {
         return -1;
     }
-    line_entry& mark = server.parameters[SERVER_FIPS_MODE];
+    line_entry& mark = server_config.parameters[SERVER_FIPS_MODE];
     mark.current = "yes";
     if (update_config_files_restart(event_set_value, mark.keyword, mark.current, mark.allvrf) != 0) {
         return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to 'yes' in config file",
@@ -66,16 +67,16 @@ int mark_servers(const char* host_key_list) {
 }
 
 int unmark_servers(const char* host_key_list) {
-    line_entry& mark = server.parameters[SERVER_FIPS_MODE];
+    line_entry& mark = server_config.parameters[SERVER_FIPS_MODE];
     mark.current = nullptr;
     if (update_config_files_restart(event_delete_value, mark.keyword, nullptr, mark.allvrf) != 0) {
         return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to NULL in config file",
                                    "norvossh_set_fips_mode", "Failed to unset NorvoSSHFipsMode in Config file");
     }
-    if (write_server_host_keys(server.algorithms[SERVER_HOST_KEY].current, host_key_list) != 0) {
+    if (write_server_host_keys(server_config.algorithms[SERVER_HOST_KEY].current, host_key_list) != 0) {
         return -1;
     }
-    write_client_host_keys(client.algorithms[CLIENT_HOST_KEY_ALGORITHMS].default_text);
+    write_client_host_keys(client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].default_text);
     return 0;
 }
 
@@ -96,8 +97,8 @@ struct list_pair {
 
 const list_pair list_pairs[] = {
     {
-        .server_entry = &server.algorithms[SERVER_CIPHERS],
-        .client_entry = &client.algorithms[CLIENT_CIPHERS],
+        .server_entry = &server_config.algorithms[SERVER_CIPHERS],
+        .client_entry = &client_config.algorithms[CLIENT_CIPHERS],
         .filter = get_modified_cipher_list,
         .no_memory_text = "Error:=%s(0x%x)  memory allocation failed for cipher",
         .no_list_text = "%s, Invalid cipher  list",
@@ -107,8 +108,8 @@ const list_pair list_pairs[] = {
         .restore_failed_message = "Failed to update cipher List in Config file",
     },
     {
-        .server_entry = &server.algorithms[SERVER_KEX_ALGORITHMS],
-        .client_entry = &client.algorithms[CLIENT_KEX_ALGORITHMS],
+        .server_entry = &server_config.algorithms[SERVER_KEX_ALGORITHMS],
+        .client_entry = &client_config.algorithms[CLIENT_KEX_ALGORITHMS],
         .filter = get_modified_kex_list,
         .no_memory_text = "Error:=%s(0x%x)  memory allocation failed for kex",
         .no_list_text = "%s, Invalid kex  list",
@@ -201,7 +202,7 @@ void restore_lists(const list_pair& pair, const occasion& when) {
 // --- On and off -----------------------------------------------------------------------------------------------------
 
 void mark_with_narrowed_host_keys(modified_list& work, const occasion& when) {
-    algorithm_entry& entry = server.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    algorithm_entry& entry = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     if (get_modified_hostkey_list(entry.current, work.text) != 0) {
         debug_print("%s, Invalid host key list", when.function);
         return;
@@ -237,7 +238,7 @@ platform_status switch_on(const occasion& when) {
 
 void switch_off(const occasion& when) {
     trace_event(fips_trace_switched, {"off", when.function});
-    algorithm_entry& host_keys = server.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    algorithm_entry& host_keys = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     host_keys.second_current = host_keys.current;
     if (norvossh_set_fips_mode(0, host_keys.current) != 0) {
         log_errno(when.off_failed_message);
@@ -268,13 +269,14 @@ platform_status apply_stored_switch() {
 }
 
 platform_status register_for_changes() {
-    platform_status status = datastore_register_verification(
-        crypto_binding, fips_mode_item, every_event, verify_fips_mode, apply_fips_mode, agent.event_manager, nullptr);
+    platform_status status =
+        datastore_register_verification(crypto_binding, fips_mode_item, every_event, verify_fips_mode, apply_fips_mode,
+                                        agent_handles.event_manager, nullptr);
     if (status != PLATFORM_OK) {
         return fail_registration(status, "datastore verification registeration failed for fips mode");
     }
     status = datastore_register_notification(crypto_binding, fips_mode_item, every_event, norvossh_notify_fips_mode,
-                                             agent.event_manager, nullptr);
+                                             agent_handles.event_manager, nullptr);
     if (status != PLATFORM_OK) {
         return fail_registration(status, "datastore notification registeration failed for fips mode");
     }

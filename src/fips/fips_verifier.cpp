@@ -32,7 +32,7 @@ constexpr composed_list no_cipher_left_text =
 
 const narrowed_list narrowed_lists[] = {
     {
-        .entries = {&server.algorithms[SERVER_KEX_ALGORITHMS], &client.algorithms[CLIENT_KEX_ALGORITHMS]},
+        .entries = {&server_config.algorithms[SERVER_KEX_ALGORITHMS], &client_config.algorithms[CLIENT_KEX_ALGORITHMS]},
         .filter = get_modified_kex_list,
         .failure_text = "failed to get modified kex list in FIPS mode",
         .failure_message = "Failed to get modified kex list in FIPS mode",
@@ -41,7 +41,7 @@ const narrowed_list narrowed_lists[] = {
         .nothing_left_text = no_kex_left_text.text,
     },
     {
-        .entries = {&server.algorithms[SERVER_CIPHERS], &client.algorithms[CLIENT_CIPHERS]},
+        .entries = {&server_config.algorithms[SERVER_CIPHERS], &client_config.algorithms[CLIENT_CIPHERS]},
         .filter = get_modified_cipher_list,
         .failure_text = "failed to get modified cipher list in FIPS mode",
         .failure_message = "Failed to get modified cipher list in FIPS mode",
@@ -50,7 +50,8 @@ const narrowed_list narrowed_lists[] = {
         .nothing_left_text = no_cipher_left_text.text,
     },
     {
-        .entries = {&server.algorithms[SERVER_HOST_KEY_ALGORITHMS], &client.algorithms[CLIENT_HOST_KEY_ALGORITHMS]},
+        .entries = {&server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS],
+                    &client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS]},
         .filter = get_modified_hostkey_list,
         .failure_text = "failed to get modified host-key list in FIPS mode",
         .failure_message = "Failed to get modified host-key list in FIPS mode",

@@ -164,7 +164,7 @@ size_t write_banners(const banners& texts) {
 }
 
 void configure_banner(bool has_content) {
-    line_entry& entry = server.parameters[SERVER_BANNER];
+    line_entry& entry = server_config.parameters[SERVER_BANNER];
     entry.current = has_content ? paths::banner_file : nullptr;
     const uint32_t event = has_content ? event_set_value : event_delete_value;
     if (update_config_files_restart(event, entry.keyword, entry.current, entry.allvrf) != 0) {

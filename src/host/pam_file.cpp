@@ -105,13 +105,13 @@ bool deletions_may_be_missed(const char* buffer, size_t length) {
 /// The directory does not exist: watches its parent for its creation.
 void await_directory() {
     if (parent_watch == no_watch) {
-        parent_watch = inotify_add_watch(agent.pam_inotify, paths::pam_parent_directory, parent_events);
+        parent_watch = inotify_add_watch(agent_handles.pam_inotify, paths::pam_parent_directory, parent_events);
     }
 }
 
 void stop_awaiting_directory() {
     if (parent_watch != no_watch) {
-        inotify_rm_watch(agent.pam_inotify, parent_watch);
+        inotify_rm_watch(agent_handles.pam_inotify, parent_watch);
         parent_watch = no_watch;
     }
 }
@@ -154,8 +154,8 @@ void write_pam_file() {
 }
 
 int create_pam_inotify() {
-    agent.pam_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    if (agent.pam_inotify < 0) {
+    agent_handles.pam_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (agent_handles.pam_inotify < 0) {
         trace_error(host_trace_pam_inotify, {errno});
         return -1;
     }
@@ -163,7 +163,7 @@ int create_pam_inotify() {
 }
 
 int watch_pam_directory() {
-    directory_watch = inotify_add_watch(agent.pam_inotify, paths::pam_directory, directory_events);
+    directory_watch = inotify_add_watch(agent_handles.pam_inotify, paths::pam_directory, directory_events);
     if (directory_watch < 0) {
         trace_error(host_trace_pam_watch, {paths::pam_directory, errno});
         directory_watch = no_watch;

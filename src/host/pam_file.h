@@ -7,7 +7,7 @@
 /// Writes the file if it does not exist. An existing file is left alone, whatever its content. Failures are logged.
 void write_pam_file();
 
-/// Creates the inotify instance in agent.pam_inotify. Returns 0, or -1 with errno set.
+/// Creates the inotify instance in agent_handles.pam_inotify. Returns 0, or -1 with errno set.
 int create_pam_inotify();
 
 /// Watches the file's directory for deletions. Returns 0, or -1 with errno set.

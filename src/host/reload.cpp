@@ -216,7 +216,7 @@ void failure_timer_handler(managed_timer_leaf*, void*) {
         "Active Sessions:=%d, Sessions Terminated:=%d, signal sent during shutdown:=%d,  system shutdown seems to have some issues, SSH will start the services again",
         static_cast<int>(counters.active), static_cast<int>(counters.terminated), static_cast<int>(counters.signals));
     counters = {};
-    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         log_text(INFO_GENERAL, "Shutdown timer expires, starting daemon");
         ssh_process_restart(1, node->name);
     }
@@ -235,7 +235,7 @@ platform_status report_timer(platform_status status, const char* text) {
 bool arm_failure_timer() {
     disarm_failure_timer();
     const bool armed =
-        report_timer(managed_timer_attach(agent.event_manager, failure_timer_handler, nullptr, &timer.handle),
+        report_timer(managed_timer_attach(agent_handles.event_manager, failure_timer_handler, nullptr, &timer.handle),
                      "Failed to attach sys shutdown fail timer handler") == PLATFORM_OK &&
         report_timer(managed_timer_leaf_create(timer.handle, &timer.leaf),
                      "Failed to create sys shutdown fail leaf timer") == PLATFORM_OK &&
@@ -251,7 +251,7 @@ bool arm_failure_timer() {
 // --- The notice -----------------------------------------------------------------------------------------------------
 
 void stop_servers() {
-    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         log_text(INFO_GENERAL, "Router is shutting down, killing daemon");
         ssh_process_restart(0, node->name);
     }

@@ -27,7 +27,8 @@ void shelf_disconnected(shelf_manager*, void*) {
 }  // namespace
 
 void connect_shelf_manager() {
-    platform_status status = shelf_manager_create(event_manager_loop_handle(agent.event_manager), &agent.shelf_manager);
+    platform_status status =
+        shelf_manager_create(event_manager_loop_handle(agent_handles.event_manager), &agent_handles.shelf_manager);
     if (status != PLATFORM_OK) {
         debug_print("Error:=%s(0x%lx), SM handle create failed", platform_status_text(status),
                     static_cast<unsigned long>(status));
@@ -35,10 +36,10 @@ void connect_shelf_manager() {
         trace_error(host_trace_shelf_create, {status});
         return;
     }
-    shelf_manager_set_reload_callback(agent.shelf_manager, reload_notice_handler, nullptr);
-    shelf_manager_set_connect_callback(agent.shelf_manager, shelf_connected, nullptr);
-    shelf_manager_set_disconnect_callback(agent.shelf_manager, shelf_disconnected, nullptr);
-    status = shelf_manager_connect(agent.shelf_manager);
+    shelf_manager_set_reload_callback(agent_handles.shelf_manager, reload_notice_handler, nullptr);
+    shelf_manager_set_connect_callback(agent_handles.shelf_manager, shelf_connected, nullptr);
+    shelf_manager_set_disconnect_callback(agent_handles.shelf_manager, shelf_disconnected, nullptr);
+    status = shelf_manager_connect(agent_handles.shelf_manager);
     if (status != PLATFORM_OK) {
         debug_print(
             "Error:=%s(0x%lx), Failed to register for upgrade notification/Sessions might not shutdowngracefully during system upgrades",

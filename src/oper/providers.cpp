@@ -111,7 +111,7 @@ platform_status register_provider(const provider_row& row, const char* routine) 
     }
     datastore_provider* provider = nullptr;
     platform_status status =
-        datastore_provider_register(row.path, row.callback, agent.event_manager, nullptr, &provider);
+        datastore_provider_register(row.path, row.callback, agent_handles.event_manager, nullptr, &provider);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, row.registration_failed);
         if (row.registration_debug != nullptr) {

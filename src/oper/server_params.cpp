@@ -20,12 +20,12 @@ constexpr size_t vrf_slot_size = 200;
 
 /// The text of a setting in force; never null.
 const char* setting(server_parameter parameter) {
-    const char* text = effective_text(server.parameters[parameter]);
+    const char* text = effective_text(server_config.parameters[parameter]);
     return text != nullptr ? text : "";
 }
 
 const char* algorithm_list(server_algorithm algorithm) {
-    const algorithm_entry& entry = server.algorithms[algorithm];
+    const algorithm_entry& entry = server_config.algorithms[algorithm];
     const char* text = entry.current != nullptr ? entry.current : entry.default_text;
     return text != nullptr ? text : "";
 }
@@ -137,7 +137,7 @@ void fill_server_params(ssh_server_params* params) {
     put(params->Backupserver, "Disabled");
     fill_algorithms(params);
     fill_numbers(params);
-    fill_vrfs(server.nodes, params);
+    fill_vrfs(server_config.nodes, params);
     put(params->Trustpointhost, setting(SERVER_HOST_TRUSTPOINT));
     // Joined from the names themselves: the line in the server's file is shorter.
     join_user_trustpoints(params->Trustpointuser, sizeof(params->Trustpointuser));

@@ -32,7 +32,8 @@ platform_status ocssh_edm_init() {
 }
 
 void ocssh_telemetry_init() {
-    const platform_status status = telemetry_producer_init(producer_name, paths::telemetry_event, agent.event_manager);
+    const platform_status status =
+        telemetry_producer_init(producer_name, paths::telemetry_event, agent_handles.event_manager);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, producer_name);
         trace_error(oper_trace_telemetry, {"create", status});

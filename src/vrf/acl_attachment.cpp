@@ -16,7 +16,7 @@ uint32_t bit_of(const acl_slot& slot) {
 }  // namespace
 
 int make_nft_table(const char* tag, const char* vrf_name) {
-    if (upcall.create_nft_table == nullptr || upcall.create_nft_table(vrf_name) == 0) {
+    if (agent_upcalls.create_nft_table == nullptr || agent_upcalls.create_nft_table(vrf_name) == 0) {
         return 0;
     }
     debug_print("%s: Failed to create nft table", tag);
@@ -26,7 +26,7 @@ int make_nft_table(const char* tag, const char* vrf_name) {
 }
 
 int flush_acl_rules(const char* tag, vrf_node* node, const acl_slot& slot) {
-    if (upcall.ssh_flush_nft_table == nullptr || upcall.ssh_flush_nft_table(node->name, slot.type) == 0) {
+    if (agent_upcalls.ssh_flush_nft_table == nullptr || agent_upcalls.ssh_flush_nft_table(node->name, slot.type) == 0) {
         node->attached_acls &= ~bit_of(slot);
         return 0;
     }
@@ -37,7 +37,7 @@ int flush_acl_rules(const char* tag, vrf_node* node, const acl_slot& slot) {
 }
 
 int attach_acl(vrf_node* node, const acl_slot& slot) {
-    const auto attach = upcall.*slot.attach;
+    const auto attach = agent_upcalls.*slot.attach;
     if (attach == nullptr || attach(node, slot.type) == 0) {
         node->attached_acls |= bit_of(slot);
         return 0;
@@ -55,7 +55,7 @@ void detach_acl(vrf_node* node, const acl_slot& slot) {
     if (acl_name[0] == '\0') {
         return;
     }
-    const auto detach = upcall.*slot.detach;
+    const auto detach = agent_upcalls.*slot.detach;
     if (detach != nullptr) {
         detach(node, slot.type);
     }
@@ -76,7 +76,7 @@ bool exchange_acl_name(vrf_node* node, const acl_slot& slot, const char* acl_nam
 }
 
 void release_unused_acls() {
-    if (upcall.release_unused_acls != nullptr) {
-        upcall.release_unused_acls();
+    if (agent_upcalls.release_unused_acls != nullptr) {
+        agent_upcalls.release_unused_acls();
     }
 }

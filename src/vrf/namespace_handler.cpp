@@ -46,7 +46,7 @@ vrf_node* node_of_namespace(const char* namespace_name) {
     if (!begins_with(namespace_name, vrf_namespace_prefix)) {
         return nullptr;
     }
-    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (std::strcmp(namespace_name + std::strlen(vrf_namespace_prefix), node->name) == 0) {
             return node;
         }

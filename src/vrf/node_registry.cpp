@@ -22,8 +22,8 @@ vrf_node* create_vrf_node(const char* vrf_name) {
     node->lines[VRF_START_MARKER].keyword = "startconfig";
     node->lines[VRF_NETCONF_SUBSYSTEM] = {"", nullptr, "Subsystem netconf", 0};
     node->lines[VRF_END_MARKER].keyword = "endconfig";
-    node->next = server.nodes;
-    server.nodes = node;
+    node->next = server_config.nodes;
+    server_config.nodes = node;
     return node;
 }
 
@@ -32,7 +32,7 @@ void delete_vrf_node(vrf_node* node) {
         return;
     }
     debug_print("%s, vrfname:=%s", __func__, node->name);
-    for (vrf_node** link = &server.nodes; *link != nullptr; link = &(*link)->next) {
+    for (vrf_node** link = &server_config.nodes; *link != nullptr; link = &(*link)->next) {
         if (*link == node) {
             *link = node->next;
             delete node;

@@ -1,4 +1,4 @@
-/// The registry of VRF nodes. The head of the list is server.nodes; config_files/vrf_node.h has the lookup.
+/// The registry of VRF nodes. The head of the list is server_config.nodes; config_files/vrf_node.h has the lookup.
 #ifndef VRF_NODE_REGISTRY_H
 #define VRF_NODE_REGISTRY_H
 

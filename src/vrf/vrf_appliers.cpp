@@ -134,7 +134,7 @@ vrf_node* hold_vrf_node(const char* vrf_name, uint32_t event, bool* created) {
         return create_vrf_node(vrf_name);
     }
     debug_print("vrf:=%s, refCnt:=%d, ssh server already running", vrf_name, node->reference_count);
-    if ((event & DATASTORE_EVENT_CREATE) != 0 || agent.initial_scan_complete == 0) {
+    if ((event & DATASTORE_EVENT_CREATE) != 0 || agent_handles.initial_scan_complete == 0) {
         ++node->reference_count;
     }
     return node;
@@ -146,17 +146,17 @@ void release_reference(vrf_node* node) {
 }
 
 int add_port_line(const char* vrf_name, size_t port, uint32_t* file_changed) {
-    const line_entry& entry = server.parameters[port];
+    const line_entry& entry = server_config.parameters[port];
     return update_vrf_config_file(event_set_value, vrf_name, entry.keyword, entry.default_text, file_changed);
 }
 
 int remove_port_line(const char* vrf_name, size_t port, uint32_t* file_changed) {
-    const line_entry& entry = server.parameters[port];
+    const line_entry& entry = server_config.parameters[port];
     return update_vrf_config_file(event_delete_value, vrf_name, entry.keyword, entry.default_text, file_changed);
 }
 
 bool has_own_port_line(const server_kind& kind) {
-    return !kind.port_yields_to_setting || server.parameters[kind.port].current == nullptr;
+    return !kind.port_yields_to_setting || server_config.parameters[kind.port].current == nullptr;
 }
 
 /// Attaches the lists named in the request. Returns 0, or -1 at the first failure.
@@ -246,8 +246,8 @@ int start_unit(const server_kind& kind, vrf_node* node, int* result) {
 
 /// Applies a new item to its node. The first failure is logged and ends it.
 void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
-    if (agent.respawn_count >= respawn_after_failure) {
-        debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent.respawn_count));
+    if (agent_handles.respawn_count >= respawn_after_failure) {
+        debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent_handles.respawn_count));
         mark_vrf(kind.service, node->name);
     }
     uint32_t file_changed = 0;
@@ -294,8 +294,9 @@ int remove_service_lines(const server_kind& kind, vrf_node* node, uint32_t* file
         update_vrf_config_file(event_delete_value, node->name, subsystem.keyword, nullptr, file_changed);
         subsystem.current = nullptr;
     }
-    const bool port_is_shared =
-        kind.follows_default_vrf && server.parameters[SERVER_PROTOCOL].current != nullptr && is_default_vrf(node->name);
+    const bool port_is_shared = kind.follows_default_vrf &&
+                                server_config.parameters[SERVER_PROTOCOL].current != nullptr &&
+                                is_default_vrf(node->name);
     if (port_is_shared || !has_own_port_line(kind)) {
         return 0;
     }
@@ -387,7 +388,7 @@ void restore_default_unit() {
 /// The protocol item was created or changed: runs a server in the default VRF. Returns 0, -1 after a logged failure, or
 /// 1 when out of memory.
 int start_default_server(uint32_t event) {
-    server.parameters[SERVER_PROTOCOL].current = "2";
+    server_config.parameters[SERVER_PROTOCOL].current = "2";
     bool new_node = false;
     vrf_node* node = hold_vrf_node(default_vrf, event, &new_node);
     if (node == nullptr) {
@@ -413,7 +414,7 @@ int start_default_server(uint32_t event) {
 /// The protocol item was deleted. The port line stays while the VRF item "default" needs it. Returns 0 or -1. Walking
 /// the VRFs' files afterwards removes a node without references.
 int stop_default_server() {
-    server.parameters[SERVER_PROTOCOL].current = nullptr;
+    server_config.parameters[SERVER_PROTOCOL].current = nullptr;
     vrf_node* node = find_vrf_node(default_vrf);
     if (node != nullptr && default_vrf_configured != 0) {
         --node->reference_count;
@@ -454,7 +455,7 @@ platform_status sshd_apply_ver_func(const datastore_change* change, const datast
     if (result != 0) {
         return result > 0 ? 1 : 0;
     }
-    const line_entry& protocol = server.parameters[SERVER_PROTOCOL];
+    const line_entry& protocol = server_config.parameters[SERVER_PROTOCOL];
     update_config_files_restart(change->event, protocol.keyword, protocol.current, protocol.allvrf);
     return 0;
 }

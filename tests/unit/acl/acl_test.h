@@ -77,12 +77,12 @@ class acl_test : public agent_test {
         blue = create_vrf_node("blue");
         scratch_root::add_namespace_file("vrf-red");
         scratch_root::add_namespace_file("vrf-blue");
-        agent.event_manager = nullptr;
+        agent_handles.event_manager = nullptr;
     }
 
     ~acl_test() override {
-        while (server.nodes != nullptr) {
-            delete_vrf_node(server.nodes);
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
         }
     }
 

@@ -180,7 +180,7 @@ TEST_F(subscription_test, one_list_in_64_vrfs_has_one_subscription_and_each_file
         name(node->ssh_v4_acl, "ops");
         scratch_root::add_namespace_file(std::string("vrf-") + node->name);
     }
-    for (vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (node->ssh_v4_acl[0] != '\0') {
             ASSERT_EQ(ssh_configure_v4acl(nullptr, node, 0), 0);
         }

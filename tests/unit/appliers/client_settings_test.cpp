@@ -39,13 +39,13 @@ TEST_F(client_settings_test, version_2_stands_in_the_file_as_long_as_its_item) {
     EXPECT_TRUE(fake_platform::debugged("Event:=3, Config:=ssh client v2"));
     unset("v2");
     EXPECT_EQ(line("Protocol"), "no line");
-    EXPECT_EQ(client.parameters[CLIENT_PROTOCOL].current, nullptr);
+    EXPECT_EQ(client_config.parameters[CLIENT_PROTOCOL].current, nullptr);
 }
 
 TEST_F(client_settings_test, a_code_point_is_written_as_type_of_service) {
     set("dscp", 10);
     EXPECT_EQ(line("IPQoS"), "0x28");
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0xa");
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0xa");
     EXPECT_TRUE(fake_platform::debugged("Setting DSCP value for client:0xa"));
     set("dscp", 0);
     EXPECT_EQ(line("IPQoS"), "0x0");
@@ -77,9 +77,9 @@ TEST_F(client_settings_test, rekey_limits_of_server_and_client_are_apart) {
 TEST_F(client_settings_test, the_window_scale_is_kept_in_memory_only) {
     const std::string before = both_files();
     set("tcp_window_scale", 14);
-    EXPECT_STREQ(client.parameters[CLIENT_WINDOW_SCALE].current, "14");
+    EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, "14");
     unset("tcp_window_scale");
-    EXPECT_EQ(client.parameters[CLIENT_WINDOW_SCALE].current, nullptr);
+    EXPECT_EQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, nullptr);
     EXPECT_EQ(both_files(), before);
 }
 
@@ -107,7 +107,7 @@ TEST_F(client_settings_test, greatest_numbers_fit_their_buffers) {
     set("dscp", UINT32_MAX);
     EXPECT_EQ(line("IPQoS"), "0xfffffffc");
     set("tcp_window_scale", UINT32_MAX);
-    EXPECT_STREQ(client.parameters[CLIENT_WINDOW_SCALE].current, "-1");
+    EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, "-1");
 }
 
 TEST_F(client_settings_test, an_event_of_neither_kind_changes_nothing) {

@@ -62,8 +62,8 @@ TEST_F(host_key_algorithms_test, each_flag_selects_its_algorithm_and_its_file) {
         commit_ok(host_key_change(flags_of({row.flag})));
         EXPECT_EQ(algorithms(), row.algorithms);
         EXPECT_THAT(files(), ElementsAre(row.file)) << row.algorithms;
-        EXPECT_STREQ(server.algorithms[SERVER_HOST_KEY_ALGORITHMS].current, row.algorithms);
-        EXPECT_STREQ(server.algorithms[SERVER_HOST_KEY].current, row.file);
+        EXPECT_STREQ(server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current, row.algorithms);
+        EXPECT_STREQ(server_config.algorithms[SERVER_HOST_KEY].current, row.file);
     }
 }
 

@@ -33,17 +33,17 @@ using applier = platform_status (*)(const datastore_change*, const datastore_pat
 class server_settings_test : public agent_test {
   protected:
     server_settings_test() {
-        agent.respawn_count = 1;
+        agent_handles.respawn_count = 1;
         prepare_default_files();
         write_initial_lines();
         write_file("/var/opt/norvo/norvossh/sshd_config_red", read_file(paths::server_file) + "Port 22\n");
         create_vrf_node("red");
         scratch_root::add_namespace_file("vrf-red");
-        upcall.ssh_process_restart = [](uint32_t start, const char* vrf_name) {
+        agent_upcalls.ssh_process_restart = [](uint32_t start, const char* vrf_name) {
             fake_platform::record_call("restart(" + std::to_string(start) + ", " + vrf_name + ")");
             return 0;
         };
-        upcall.ocssh_telemetry_publish = [] {
+        agent_upcalls.ocssh_telemetry_publish = [] {
             fake_platform::record_call("telemetry, " + line_of("LoginGraceTime").value_or("no line"));
         };
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -51,8 +51,8 @@ class server_settings_test : public agent_test {
     }
 
     ~server_settings_test() override {
-        while (server.nodes != nullptr) {
-            delete_vrf_node(server.nodes);
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
         }
     }
 
@@ -89,7 +89,7 @@ class server_settings_test : public agent_test {
         return line;
     }
 
-    static const char* current(server_parameter parameter) { return server.parameters[parameter].current; }
+    static const char* current(server_parameter parameter) { return server_config.parameters[parameter].current; }
 
     static std::vector<std::string> trail() { return fake_platform::calls(); }
 
@@ -309,11 +309,11 @@ TEST_F(server_settings_test, rekey_items_are_announced) {
 
 // Only an entry that has never had a value is written with the item's own event.
 TEST_F(server_settings_test, removing_a_rekey_item_of_no_limit_takes_the_line_out) {
-    server.parameters[SERVER_REKEY_LIMIT].current = nullptr;
+    server_config.parameters[SERVER_REKEY_LIMIT].current = nullptr;
     remove(sshd_apply_rekey_time);
     EXPECT_EQ(line_of("RekeyLimit"), std::nullopt);
     EXPECT_STREQ(current(SERVER_REKEY_LIMIT), "1024M 60m");
-    server.parameters[SERVER_REKEY_LIMIT].current = nullptr;
+    server_config.parameters[SERVER_REKEY_LIMIT].current = nullptr;
     set(sshd_apply_rekey_volume, 7);
     EXPECT_EQ(line_of("RekeyLimit"), "RekeyLimit 7M 60m");
     EXPECT_THAT(fake_platform::debug_texts(), Not(Contains(HasSubstr("RekeyOld"))));
@@ -356,11 +356,11 @@ TEST_F(server_settings_test, a_server_debug_level_wins_over_logging) {
         EXPECT_EQ(server_logging_configured, 1u);
         EXPECT_EQ(line_of("LogLevel"), std::nullopt);
         EXPECT_EQ(current(SERVER_LOG_LEVEL), nullptr);
-        server.parameters[SERVER_LOG_LEVEL].current = "DEBUG1";
+        server_config.parameters[SERVER_LOG_LEVEL].current = "DEBUG1";
         EXPECT_EQ(remove(sshd_apply_logging), 0u);
         EXPECT_EQ(server_logging_configured, 0u);
         EXPECT_STREQ(current(SERVER_LOG_LEVEL), "DEBUG1");
-        server.parameters[SERVER_LOG_LEVEL].current = nullptr;
+        server_config.parameters[SERVER_LOG_LEVEL].current = nullptr;
         fake_platform::preset_debug_flag(level, false);
     }
     EXPECT_THAT(trail(), ElementsAre());

@@ -24,9 +24,9 @@ class setting_row_test : public agent_test {
         write_initial_lines();
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         fake_platform::clear_reports();
-        upcall.ocssh_telemetry_publish = [] { fake_platform::record_call("telemetry"); };
+        agent_upcalls.ocssh_telemetry_publish = [] { fake_platform::record_call("telemetry"); };
         fake_platform::clear_calls();
-        row.entry = &client.parameters[CLIENT_IP_QOS];
+        row.entry = &client_config.parameters[CLIENT_IP_QOS];
         row.event_text = "Event:=%d, Config:=ssh client dscp";
         row.trace_point = appliers_trace_server_dscp;
         row.make_text = code_point_or_default;
@@ -47,34 +47,34 @@ TEST_F(setting_row_test, a_client_row_is_written_to_the_clients_file_alone) {
     const std::string server_file = read_file(paths::server_file);
     EXPECT_EQ(set(10), 0u);
     EXPECT_THAT(client_file(), HasSubstr("\nIPQoS 0x28\n"));
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0xa");
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0xa");
     EXPECT_EQ(remove(), 0u);
     EXPECT_THAT(client_file(), HasSubstr("\nIPQoS 0x40\n"));
     EXPECT_EQ(read_file(paths::server_file), server_file);
-    EXPECT_STREQ(server.parameters[SERVER_IP_QOS].current, "0x10");
+    EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].current, "0x10");
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=4, Config:=ssh client dscp"));
 }
 
 TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves_of_its_own) {
-    row.entry = &client.parameters[CLIENT_REKEY_LIMIT];
+    row.entry = &client_config.parameters[CLIENT_REKEY_LIMIT];
     row.event = WRITE_AS_SET_ONCE_HELD;
     row.make_text = rekey_with_time;
     set(30);
     row.make_text = rekey_with_volume;
     set(512);
     EXPECT_THAT(client_file(), HasSubstr("RekeyLimit 512M 30m\n"));
-    EXPECT_STREQ(server.parameters[SERVER_REKEY_LIMIT].current, "1024M 60m");
+    EXPECT_STREQ(server_config.parameters[SERVER_REKEY_LIMIT].current, "1024M 60m");
 }
 
 TEST_F(setting_row_test, a_row_without_writer_stays_in_memory) {
     const std::string before = client_file();
-    row.entry = &client.parameters[CLIENT_WINDOW_SCALE];
+    row.entry = &client_config.parameters[CLIENT_WINDOW_SCALE];
     row.make_text = number_or_nothing;
     row.write = nullptr;
     set(7);
-    EXPECT_STREQ(client.parameters[CLIENT_WINDOW_SCALE].current, "7");
+    EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, "7");
     remove();
-    EXPECT_EQ(client.parameters[CLIENT_WINDOW_SCALE].current, nullptr);
+    EXPECT_EQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, nullptr);
     EXPECT_EQ(client_file(), before);
 }
 
@@ -100,18 +100,18 @@ TEST_F(setting_row_test, a_check_that_refuses_keeps_the_change_from_being_applie
     const std::string before = client_file();
     EXPECT_EQ(set(10), created);
     EXPECT_EQ(client_file(), before);
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0x10");
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0x10");
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh client dscp"));
     row.check = [](const datastore_change&) -> platform_status { return PLATFORM_OK; };
     EXPECT_EQ(set(10), 0u);
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0xa");
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0xa");
 }
 
 TEST_F(setting_row_test, a_set_without_a_value_does_nothing) {
     const std::string before = client_file();
     EXPECT_EQ(apply_setting(row, {created, nullptr, nullptr, 0, 0}), 0u);
     EXPECT_EQ(client_file(), before);
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].current, "0x10");
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0x10");
 }
 
 }  // namespace

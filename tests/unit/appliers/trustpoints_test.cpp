@@ -59,7 +59,7 @@ TEST_F(trustpoints_test, the_hosts_trustpoint_stands_in_the_file_as_long_as_its_
     commit_ok(remove(path("trustpoint/host")));
     EXPECT_EQ(line("HostTrustpointQd"), "no line");
     EXPECT_STREQ(host_trustpoint, "");
-    EXPECT_EQ(server.parameters[SERVER_HOST_TRUSTPOINT].current, nullptr);
+    EXPECT_EQ(server_config.parameters[SERVER_HOST_TRUSTPOINT].current, nullptr);
 }
 
 TEST_F(trustpoints_test, the_hosts_trustpoint_is_cut_at_127_characters) {
@@ -307,7 +307,7 @@ TEST_F(trustpoints_test, without_the_item_the_common_name_counts) {
     commit_ok(remove(path("certificate/username")));
     EXPECT_EQ(line("CertUsernameQd"), "1");
     EXPECT_TRUE(fake_platform::debugged("(ssh_apply_certificate_username) config removed"));
-    EXPECT_STREQ(server.parameters[SERVER_CERTIFICATE_USERNAME].current, "1");
+    EXPECT_STREQ(server_config.parameters[SERVER_CERTIFICATE_USERNAME].current, "1");
 }
 
 TEST_F(trustpoints_test, a_malformed_value_is_logged_and_changes_nothing) {

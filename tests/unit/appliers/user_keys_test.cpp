@@ -273,9 +273,9 @@ class user_key_commit_test : public user_keys_test {
     user_key_commit_test() {
         event_manager* manager = nullptr;
         event_manager_create(paths::device, &manager);
-        datastore_bind(paths::server_tree, &agent.server_binding);
-        datastore_register_verification(agent.server_binding, "", 7, verify_configuration, apply_configuration, manager,
-                                        nullptr);
+        datastore_bind(paths::server_tree, &agent_handles.server_binding);
+        datastore_register_verification(agent_handles.server_binding, "", 7, verify_configuration, apply_configuration,
+                                        manager, nullptr);
     }
 };
 

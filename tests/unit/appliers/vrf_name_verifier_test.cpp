@@ -88,9 +88,9 @@ TEST_F(vrf_name_verifier_test, a_removal_is_accepted) {
 TEST_F(vrf_name_verifier_test, a_hostile_name_reaches_no_command) {
     event_manager* manager = nullptr;
     event_manager_create(paths::device, &manager);
-    datastore_bind(paths::server_tree, &agent.server_binding);
-    datastore_register_verification(agent.server_binding, "", 7, verify_configuration, apply_configuration, manager,
-                                    nullptr);
+    datastore_bind(paths::server_tree, &agent_handles.server_binding);
+    datastore_register_verification(agent_handles.server_binding, "", 7, verify_configuration, apply_configuration,
+                                    manager, nullptr);
     write_file(paths::server_file, "UsePAM yes\n");
     scratch_root::add_namespace_file("vrf-default");
     command_trail::begin();
@@ -107,7 +107,7 @@ TEST_F(vrf_name_verifier_test, a_hostile_name_reaches_no_command) {
     }
     EXPECT_THAT(stub_commands::log(), ElementsAre());
     EXPECT_THAT(fake_platform::calls(), Each(Not(HasSubstr("$ "))));
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
     EXPECT_THAT(directory_names(paths::configuration_directory), ElementsAre("sshd_config"));
     command_trail::end();
 }

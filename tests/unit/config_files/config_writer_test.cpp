@@ -28,7 +28,7 @@ int note_restart(uint32_t start, const char* vrf_name) {
 }
 
 void unlink_node(vrf_node* node) {
-    for (vrf_node** link = &server.nodes; *link != nullptr; link = &(*link)->next) {
+    for (vrf_node** link = &server_config.nodes; *link != nullptr; link = &(*link)->next) {
         if (*link == node) {
             *link = node->next;
             restarts.push_back("delete " + std::string(node->name));
@@ -43,21 +43,21 @@ class config_writer_test : public agent_test {
   protected:
     config_writer_test() {
         restarts.clear();
-        EXPECT_EQ(datastore_bind(paths::server_tree, &agent.server_binding), PLATFORM_OK);
-        upcall.ssh_process_restart = note_restart;
-        upcall.delete_vrf_node = unlink_node;
+        EXPECT_EQ(datastore_bind(paths::server_tree, &agent_handles.server_binding), PLATFORM_OK);
+        agent_upcalls.ssh_process_restart = note_restart;
+        agent_upcalls.delete_vrf_node = unlink_node;
         write_file(paths::server_file, "UsePAM no\nPort 22\n");
     }
 
-    ~config_writer_test() override { server.nodes = nullptr; }
+    ~config_writer_test() override { server_config.nodes = nullptr; }
 
     /// Adds a VRF at the head, with a file of its own when `content` is one.
     vrf_node& add_vrf(const char* name, const char* content, bool with_namespace = true) {
         vrf_node& node = nodes_[count_++];
         copy_text(node.name, sizeof node.name, name);
         node.reference_count = 1;
-        node.next = server.nodes;
-        server.nodes = &node;
+        node.next = server_config.nodes;
+        server_config.nodes = &node;
         if (content != nullptr) {
             write_file(vrf_file(name), content);
         }
@@ -128,7 +128,7 @@ TEST_F(config_writer_test, a_new_line_is_cut_at_4096_characters) {
 TEST_F(config_writer_test, a_missing_default_file_is_made_from_the_table) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     std::filesystem::remove_all(paths::configuration_directory);
-    server.parameters[SERVER_MAX_AUTH_TRIES].current = "5";
+    server_config.parameters[SERVER_MAX_AUTH_TRIES].current = "5";
     add_vrf("red", "MaxAuthTries 20\n");
     std::filesystem::remove(paths::server_file);
     EXPECT_EQ(update_config_files_restart(event_set_value, "MaxAuthTries", "5", 1), 0);
@@ -224,7 +224,7 @@ TEST_F(config_writer_test, nodes_that_nobody_wants_are_removed_on_the_way) {
 TEST_F(config_writer_test, a_walk_over_unwanted_nodes_only_ends_well) {
     add_vrf("red", "UsePAM no\n").reference_count = 0;
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
     EXPECT_THAT(restarts, ElementsAre("stop red", "delete red"));
 }
 
@@ -255,7 +255,7 @@ TEST_F(config_writer_test, a_vrf_file_that_cannot_be_edited_ends_the_walk) {
 }
 
 TEST_F(config_writer_test, the_walk_manages_without_anybody_to_restart_servers) {
-    upcall = upcalls{};
+    agent_upcalls = upcalls{};
     add_vrf("red", "UsePAM no\n");
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
     EXPECT_EQ(read_file(vrf_file("red")), "UsePAM yes\n");

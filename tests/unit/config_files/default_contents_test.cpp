@@ -25,7 +25,7 @@ TEST_F(default_contents_test, missing_files_are_made_empty) {
 
 TEST_F(default_contents_test, a_fresh_start_empties_the_files) {
     for (const uint32_t count : {0u, 1u}) {
-        agent.respawn_count = count;
+        agent_handles.respawn_count = count;
         write_file(paths::server_file, "old\n");
         write_file(paths::client_file, "old\n");
         EXPECT_EQ(prepare_default_files(), 0);
@@ -36,7 +36,7 @@ TEST_F(default_contents_test, a_fresh_start_empties_the_files) {
 
 TEST_F(default_contents_test, a_restart_after_a_failure_keeps_the_files) {
     for (const uint32_t count : {2u, 3u, 100u}) {
-        agent.respawn_count = count;
+        agent_handles.respawn_count = count;
         write_file(paths::server_file, "old\n");
         write_file(paths::client_file, "old\n");
         EXPECT_EQ(prepare_default_files(), 0);
@@ -46,7 +46,7 @@ TEST_F(default_contents_test, a_restart_after_a_failure_keeps_the_files) {
 }
 
 TEST_F(default_contents_test, a_restart_after_a_failure_makes_a_missing_file) {
-    agent.respawn_count = 2;
+    agent_handles.respawn_count = 2;
     write_file(paths::client_file, "old\n");
     EXPECT_EQ(prepare_default_files(), 0);
     EXPECT_EQ(read_file(paths::server_file), "");
@@ -54,7 +54,7 @@ TEST_F(default_contents_test, a_restart_after_a_failure_makes_a_missing_file) {
 }
 
 TEST_F(default_contents_test, a_file_that_cannot_be_removed_is_traced_and_emptied_nevertheless) {
-    agent.respawn_count = 1;
+    agent_handles.respawn_count = 1;
     write_file(paths::server_file, "old\n");
     const auto outcome = syscall_faults::run({}, [] { return prepare_default_files() == 0 ? 0 : 1; });
     EXPECT_EQ(outcome.status, 0);
@@ -103,8 +103,8 @@ TEST_F(default_contents_test, the_lines_of_every_start_leave_a_kept_file_in_its_
 // The client's first limit is the server's.
 TEST_F(default_contents_test, the_clients_rekey_limit_is_taken_from_the_server) {
     EXPECT_EQ(prepare_default_files(), 0);
-    server.parameters[SERVER_REKEY_LIMIT].current = "7M 7m";
-    client.parameters[CLIENT_REKEY_LIMIT].current = "8M 8m";
+    server_config.parameters[SERVER_REKEY_LIMIT].current = "7M 7m";
+    client_config.parameters[CLIENT_REKEY_LIMIT].current = "8M 8m";
     write_initial_lines();
     EXPECT_TRUE(read_file(paths::client_file).starts_with("RekeyLimit 7M 7m\n"));
 }

@@ -27,7 +27,9 @@ constexpr char default_vrf_file[] = "/var/opt/norvo/norvossh/sshd_config_default
 
 class file_recreation_test : public agent_test {
   protected:
-    file_recreation_test() { EXPECT_EQ(datastore_bind(paths::server_tree, &agent.server_binding), PLATFORM_OK); }
+    file_recreation_test() {
+        EXPECT_EQ(datastore_bind(paths::server_tree, &agent_handles.server_binding), PLATFORM_OK);
+    }
 
     void add_node(const char* name, const char* netconf_subsystem) {
         copy_text(node_.name, sizeof node_.name, name);
@@ -35,7 +37,7 @@ class file_recreation_test : public agent_test {
         node_.lines[VRF_START_MARKER] = {nullptr, nullptr, "startconfig", 0};
         node_.lines[VRF_NETCONF_SUBSYSTEM] = {"", netconf_subsystem, "Subsystem netconf", 0};
         node_.lines[VRF_END_MARKER] = {nullptr, nullptr, "endconfig", 0};
-        server.nodes = &node_;
+        server_config.nodes = &node_;
     }
 
     static void store_ssh_vrf(const std::string& name) {
@@ -60,12 +62,12 @@ TEST_F(file_recreation_test, the_default_file_is_made_from_the_table) {
 }
 
 TEST_F(file_recreation_test, what_is_set_meanwhile_is_in_the_recreated_file) {
-    server.parameters[SERVER_PROTOCOL].current = "2";
-    server.parameters[SERVER_LOG_LEVEL].current = "";
-    server.parameters[SERVER_WINDOW_SCALE].current = "3";
-    server.parameters[SERVER_PORT].current = "22";
-    server.parameters[SERVER_MACS].current = nullptr;
-    server.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr";
+    server_config.parameters[SERVER_PROTOCOL].current = "2";
+    server_config.parameters[SERVER_LOG_LEVEL].current = "";
+    server_config.parameters[SERVER_WINDOW_SCALE].current = "3";
+    server_config.parameters[SERVER_PORT].current = "22";
+    server_config.parameters[SERVER_MACS].current = nullptr;
+    server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr";
     EXPECT_EQ(default_config_file_recreate(), 0);
     expect_golden("config_files/golden/recreated_sshd_config_settings", read_file(paths::server_file));
 }
@@ -159,8 +161,8 @@ TEST_F(file_recreation_test, a_vrfs_file_with_both_servers) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", netconf_proxy);
     store_ssh_vrf("red");
-    server.parameters[SERVER_PORT].current = "2222";
-    server.parameters[SERVER_NETCONF_PORT].current = "8830";
+    server_config.parameters[SERVER_PORT].current = "2222";
+    server_config.parameters[SERVER_NETCONF_PORT].current = "8830";
     EXPECT_EQ(vrf_config_file_recreate("red"), 0);
     EXPECT_EQ(read_file(vrf_file),
               "UsePAM yes\nSubsystem netconf /pkg/bin/netconf_sshd_proxy -i 0 -o 1\nPort 8830\nPort 2222\n");
@@ -170,7 +172,7 @@ TEST_F(file_recreation_test, without_any_ssh_port_no_line_is_written) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", nullptr);
     store_ssh_vrf("red");
-    server.parameters[SERVER_PORT].default_text = nullptr;
+    server_config.parameters[SERVER_PORT].default_text = nullptr;
     EXPECT_EQ(vrf_config_file_recreate("red"), 0);
     EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
 }

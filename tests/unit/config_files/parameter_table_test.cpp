@@ -105,83 +105,83 @@ void expect_entry(const Entry& entry, const expected_entry& expected) {
 TEST_F(parameter_table_test, the_servers_settings) {
     ASSERT_EQ(std::size(server_entries), size_t{server_parameter_count});
     for (size_t i = 0; i < server_parameter_count; i++) {
-        expect_entry(server.parameters[i], server_entries[i]);
+        expect_entry(server_config.parameters[i], server_entries[i]);
         const bool marker = i == SERVER_START_MARKER || i == SERVER_END_MARKER;
-        EXPECT_EQ(server.parameters[i].allvrf, marker ? 0u : 1u);
+        EXPECT_EQ(server_config.parameters[i].allvrf, marker ? 0u : 1u);
     }
 }
 
 TEST_F(parameter_table_test, the_servers_lists) {
     ASSERT_EQ(std::size(server_lists), size_t{server_algorithm_count});
     for (size_t i = 0; i < server_algorithm_count; i++) {
-        expect_entry(server.algorithms[i], server_lists[i]);
-        EXPECT_STREQ(server.algorithms[i].second_current, server_lists[i].current);
+        expect_entry(server_config.algorithms[i], server_lists[i]);
+        EXPECT_STREQ(server_config.algorithms[i].second_current, server_lists[i].current);
         const bool marker = i == SERVER_ALGORITHM_START_MARKER || i == SERVER_ALGORITHM_END_MARKER;
-        EXPECT_EQ(server.algorithms[i].allvrf, marker ? 0u : 1u);
+        EXPECT_EQ(server_config.algorithms[i].allvrf, marker ? 0u : 1u);
     }
 }
 
 TEST_F(parameter_table_test, the_clients_settings_and_lists) {
     ASSERT_EQ(std::size(client_entries), size_t{client_parameter_count});
     for (size_t i = 0; i < client_parameter_count; i++) {
-        expect_entry(client.parameters[i], client_entries[i]);
+        expect_entry(client_config.parameters[i], client_entries[i]);
     }
     ASSERT_EQ(std::size(client_lists), size_t{client_algorithm_count});
     for (size_t i = 0; i < client_algorithm_count; i++) {
-        expect_entry(client.algorithms[i], client_lists[i]);
-        EXPECT_STREQ(client.algorithms[i].second_current, client_lists[i].current);
+        expect_entry(client_config.algorithms[i], client_lists[i]);
+        EXPECT_STREQ(client_config.algorithms[i].second_current, client_lists[i].current);
     }
 }
 
 TEST_F(parameter_table_test, the_texts_that_appliers_edit) {
-    EXPECT_STREQ(server.cipher_base, cipher_list);
-    EXPECT_STREQ(server.algorithms[SERVER_CIPHERS].text, cipher_list);
-    EXPECT_STREQ(server.parameters[SERVER_MACS].text, mac_list);
-    EXPECT_STREQ(server.parameters[SERVER_IP_QOS].text, "0x10");
-    EXPECT_STREQ(server.parameters[SERVER_HOST_TRUSTPOINT].text, "");
-    EXPECT_STREQ(client.cipher_base, cipher_list);
-    EXPECT_STREQ(client.algorithms[CLIENT_CIPHERS].text, cipher_list);
-    EXPECT_STREQ(client.parameters[CLIENT_MACS].text, mac_list);
-    EXPECT_STREQ(client.parameters[CLIENT_IP_QOS].text, "0x10");
-    EXPECT_STREQ(client.parameters[CLIENT_WINDOW_SCALE].text, "");
-    EXPECT_EQ(sizeof server.cipher_base, 201u);
-    EXPECT_EQ(sizeof server.parameters[SERVER_MACS].text, 201u);
-    EXPECT_EQ(sizeof server.algorithms[SERVER_KEX_ALGORITHMS].text, 230u);
-    EXPECT_EQ(sizeof server.algorithms[SERVER_KEX_ALGORITHMS].fips_text, 255u);
+    EXPECT_STREQ(server_config.cipher_base, cipher_list);
+    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].text, cipher_list);
+    EXPECT_STREQ(server_config.parameters[SERVER_MACS].text, mac_list);
+    EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].text, "0x10");
+    EXPECT_STREQ(server_config.parameters[SERVER_HOST_TRUSTPOINT].text, "");
+    EXPECT_STREQ(client_config.cipher_base, cipher_list);
+    EXPECT_STREQ(client_config.algorithms[CLIENT_CIPHERS].text, cipher_list);
+    EXPECT_STREQ(client_config.parameters[CLIENT_MACS].text, mac_list);
+    EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].text, "0x10");
+    EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].text, "");
+    EXPECT_EQ(sizeof server_config.cipher_base, 201u);
+    EXPECT_EQ(sizeof server_config.parameters[SERVER_MACS].text, 201u);
+    EXPECT_EQ(sizeof server_config.algorithms[SERVER_KEX_ALGORITHMS].text, 230u);
+    EXPECT_EQ(sizeof server_config.algorithms[SERVER_KEX_ALGORITHMS].fips_text, 255u);
 }
 
 // Two entries of one keyword are told apart by their places only.
 TEST_F(parameter_table_test, an_index_leads_to_its_own_row) {
-    EXPECT_STREQ(server.parameters[SERVER_PORT].default_text, "22");
-    EXPECT_STREQ(server.parameters[SERVER_NETCONF_PORT].default_text, "830");
-    EXPECT_STREQ(server.parameters[SERVER_LOGIN_GRACE_TIME].keyword, "LoginGraceTime");
-    EXPECT_STREQ(server.parameters[SERVER_CERTIFICATE_USERNAME].keyword, "CertUsernameQd");
-    EXPECT_STREQ(server.algorithms[SERVER_KEX_ALGORITHMS].keyword, "KexAlgorithms");
-    EXPECT_STREQ(client.parameters[CLIENT_PUBKEY_AUTHENTICATION].keyword, "PubkeyAuthentication");
-    EXPECT_STREQ(client.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword, "HostKeyAlgorithms");
+    EXPECT_STREQ(server_config.parameters[SERVER_PORT].default_text, "22");
+    EXPECT_STREQ(server_config.parameters[SERVER_NETCONF_PORT].default_text, "830");
+    EXPECT_STREQ(server_config.parameters[SERVER_LOGIN_GRACE_TIME].keyword, "LoginGraceTime");
+    EXPECT_STREQ(server_config.parameters[SERVER_CERTIFICATE_USERNAME].keyword, "CertUsernameQd");
+    EXPECT_STREQ(server_config.algorithms[SERVER_KEX_ALGORITHMS].keyword, "KexAlgorithms");
+    EXPECT_STREQ(client_config.parameters[CLIENT_PUBKEY_AUTHENTICATION].keyword, "PubkeyAuthentication");
+    EXPECT_STREQ(client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword, "HostKeyAlgorithms");
 }
 
 TEST_F(parameter_table_test, filling_restores_the_defaults_and_keeps_the_vrfs) {
     vrf_node node{};
-    server.nodes = &node;
-    server.parameters[SERVER_MAX_AUTH_TRIES].current = "5";
-    server.algorithms[SERVER_CIPHERS].current = nullptr;
-    server.parameters[SERVER_IP_QOS].text[0] = '\0';
+    server_config.nodes = &node;
+    server_config.parameters[SERVER_MAX_AUTH_TRIES].current = "5";
+    server_config.algorithms[SERVER_CIPHERS].current = nullptr;
+    server_config.parameters[SERVER_IP_QOS].text[0] = '\0';
     fill_parameter_tables();
-    EXPECT_EQ(server.nodes, &node);
-    EXPECT_STREQ(server.parameters[SERVER_MAX_AUTH_TRIES].current, "20");
-    EXPECT_STREQ(server.algorithms[SERVER_CIPHERS].current, cipher_list);
-    EXPECT_STREQ(server.parameters[SERVER_IP_QOS].text, "0x10");
+    EXPECT_EQ(server_config.nodes, &node);
+    EXPECT_STREQ(server_config.parameters[SERVER_MAX_AUTH_TRIES].current, "20");
+    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].current, cipher_list);
+    EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].text, "0x10");
 }
 
 // The server's files are searched for a keyword as the beginning of a line.
 TEST_F(parameter_table_test, no_keyword_is_the_beginning_of_another) {
     std::vector<std::string> keywords;
     for (size_t i = SERVER_PROTOCOL; i < SERVER_END_MARKER; i++) {
-        keywords.emplace_back(server.parameters[i].keyword);
+        keywords.emplace_back(server_config.parameters[i].keyword);
     }
     for (size_t i = SERVER_HOST_KEY_ALGORITHMS; i < SERVER_ALGORITHM_END_MARKER; i++) {
-        keywords.emplace_back(server.algorithms[i].keyword);
+        keywords.emplace_back(server_config.algorithms[i].keyword);
     }
     for (const std::string& one : keywords) {
         for (const std::string& other : keywords) {
@@ -203,9 +203,9 @@ TEST_F(parameter_table_test, a_dscp_moves_into_the_upper_bits_of_the_type_of_ser
 }
 
 TEST_F(parameter_table_test, the_text_in_force_is_the_current_or_the_default) {
-    EXPECT_STREQ(effective_text(server.parameters[SERVER_PORT]), "22");
-    server.parameters[SERVER_PORT].current = "2222";
-    EXPECT_STREQ(effective_text(server.parameters[SERVER_PORT]), "2222");
+    EXPECT_STREQ(effective_text(server_config.parameters[SERVER_PORT]), "22");
+    server_config.parameters[SERVER_PORT].current = "2222";
+    EXPECT_STREQ(effective_text(server_config.parameters[SERVER_PORT]), "2222");
 }
 
 }  // namespace

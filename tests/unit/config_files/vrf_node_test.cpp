@@ -19,7 +19,7 @@ TEST_F(vrf_node_test, nodes_are_found_by_their_whole_name) {
     copy_text(red.name, sizeof red.name, "red");
     copy_text(redder.name, sizeof redder.name, "redder");
     redder.next = &red;
-    server.nodes = &redder;
+    server_config.nodes = &redder;
     EXPECT_EQ(find_vrf_node("red"), &red);
     EXPECT_EQ(find_vrf_node("redder"), &redder);
     EXPECT_EQ(find_vrf_node("re"), nullptr);
@@ -32,7 +32,7 @@ TEST_F(vrf_node_test, of_two_nodes_of_one_name_the_newest_is_found) {
     copy_text(older.name, sizeof older.name, "red");
     copy_text(newer.name, sizeof newer.name, "red");
     newer.next = &older;
-    server.nodes = &newer;
+    server_config.nodes = &newer;
     EXPECT_EQ(find_vrf_node("red"), &newer);
 }
 
@@ -40,7 +40,7 @@ TEST_F(vrf_node_test, a_name_of_32_characters_is_found_and_one_of_33_is_another)
     vrf_node node{};
     const std::string name(32, 'v');
     copy_text(node.name, sizeof node.name, name.c_str());
-    server.nodes = &node;
+    server_config.nodes = &node;
     EXPECT_EQ(find_vrf_node(name.c_str()), &node);
     EXPECT_EQ(find_vrf_node((name + "v").c_str()), nullptr);
 }

@@ -91,18 +91,18 @@ class debug_level_test : public agent_test {
     static void expect_server(const switches& test) {
         SCOPED_TRACE("server: " + describe(test));
         run(test, debug_server_l1);
-        EXPECT_STREQ(server.parameters[SERVER_LOG_LEVEL].current, test.log_level);
+        EXPECT_STREQ(server_config.parameters[SERVER_LOG_LEVEL].current, test.log_level);
         EXPECT_EQ(read_file(paths::server_file), file_with("UsePAM yes\n", test.log_level));
-        EXPECT_EQ(client.parameters[CLIENT_LOG_LEVEL].current, nullptr);
+        EXPECT_EQ(client_config.parameters[CLIENT_LOG_LEVEL].current, nullptr);
         EXPECT_EQ(read_file(paths::client_file), "MACs x\n");
     }
 
     static void expect_client(const switches& test) {
         SCOPED_TRACE("client: " + describe(test));
         run(test, debug_client_l1);
-        EXPECT_STREQ(client.parameters[CLIENT_LOG_LEVEL].current, test.log_level);
+        EXPECT_STREQ(client_config.parameters[CLIENT_LOG_LEVEL].current, test.log_level);
         EXPECT_EQ(read_file(paths::client_file), file_with("MACs x\n", test.log_level));
-        EXPECT_EQ(server.parameters[SERVER_LOG_LEVEL].current, nullptr);
+        EXPECT_EQ(server_config.parameters[SERVER_LOG_LEVEL].current, nullptr);
         EXPECT_EQ(read_file(paths::server_file), "UsePAM yes\n");
     }
 };
@@ -135,14 +135,14 @@ TEST_F(debug_level_test, the_clients_levels_do_not_know_of_the_servers_logging) 
 TEST_F(debug_level_test, the_two_sides_do_not_know_of_each_other) {
     debug_level_handler(on, debug_server_l3, nullptr);
     debug_level_handler(on, debug_client_l1, nullptr);
-    EXPECT_STREQ(server.parameters[SERVER_LOG_LEVEL].current, "DEBUG3");
-    EXPECT_STREQ(client.parameters[CLIENT_LOG_LEVEL].current, "DEBUG1");
+    EXPECT_STREQ(server_config.parameters[SERVER_LOG_LEVEL].current, "DEBUG3");
+    EXPECT_STREQ(client_config.parameters[CLIENT_LOG_LEVEL].current, "DEBUG1");
     debug_level_handler(off, debug_server_l3, nullptr);
-    EXPECT_STREQ(client.parameters[CLIENT_LOG_LEVEL].current, "DEBUG1");
+    EXPECT_STREQ(client_config.parameters[CLIENT_LOG_LEVEL].current, "DEBUG1");
 }
 
 TEST_F(debug_level_test, other_flags_and_actions_change_nothing) {
-    server.parameters[SERVER_LOG_LEVEL].current = "VERBOSE";
+    server_config.parameters[SERVER_LOG_LEVEL].current = "VERBOSE";
     for (const uint32_t flag : {0u, 7u, 8u, 9u, 10u, 11u, 31u}) {
         debug_level_handler(on, flag, nullptr);
         debug_level_handler(off, flag, nullptr);
@@ -151,7 +151,7 @@ TEST_F(debug_level_test, other_flags_and_actions_change_nothing) {
     EXPECT_EQ(read_file(paths::client_file), "MACs x\n");
     debug_level_handler(0, debug_server_l1, nullptr);
     debug_level_handler(3, debug_server_l1, nullptr);
-    EXPECT_STREQ(server.parameters[SERVER_LOG_LEVEL].current, "VERBOSE");
+    EXPECT_STREQ(server_config.parameters[SERVER_LOG_LEVEL].current, "VERBOSE");
 }
 
 }  // namespace

@@ -139,14 +139,14 @@ TEST_P(start_up_fatal_test, ends_with_its_own_status) {
     }
     EXPECT_THAT(closing_calls, ElementsAreArray(fatal.closing_calls));
     const auto unbound = [&](const char* call) { return std::ranges::count(closing_calls, call) == 1; };
-    EXPECT_TRUE(!unbound(unbind_server) || agent.server_binding == nullptr);
-    EXPECT_TRUE(!unbound(unbind_client) || agent.client_binding == nullptr);
-    EXPECT_TRUE(!unbound(unbind_backup) || agent.backup_binding == nullptr);
-    EXPECT_TRUE(!unbound(unbind_banner) || agent.banner_binding == nullptr);
-    EXPECT_TRUE(!unbound(unbind_aaa_banner) || agent.aaa_banner_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_server) || agent_handles.server_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_client) || agent_handles.client_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_backup) || agent_handles.backup_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_banner) || agent_handles.banner_binding == nullptr);
+    EXPECT_TRUE(!unbound(unbind_aaa_banner) || agent_handles.aaa_banner_binding == nullptr);
 
     // Nothing runs after the failed step, and the failure is traced.
-    EXPECT_EQ(agent.initial_scan_complete, 0u);
+    EXPECT_EQ(agent_handles.initial_scan_complete, 0u);
     EXPECT_FALSE(fake_platform::trace_lines_of("ssh/cfg-agent/error").empty());
     const auto& calls = fake_platform::calls();
     const auto failed =

@@ -30,7 +30,7 @@ TEST_F(start_up_files_test, a_fresh_start_empties_the_default_files) {
         EXPECT_EQ(start_agent(), START_UP_DONE);
         expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
         expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
-        EXPECT_EQ(agent.respawn_count, count);
+        EXPECT_EQ(agent_handles.respawn_count, count);
     }
 }
 

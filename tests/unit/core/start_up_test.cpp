@@ -30,7 +30,7 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
     }
     expect_golden("core/golden/start_up_calls", calls);
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
-    EXPECT_EQ(agent.initial_scan_complete, 1u);
+    EXPECT_EQ(agent_handles.initial_scan_complete, 1u);
 }
 
 uint32_t flag_during_scan;
@@ -42,13 +42,13 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, std::nullopt, std::nullopt}));
     call_faults::observe_commands([](const std::string& command) {
         if (command.ends_with("sshd_config_red)")) {
-            flag_during_scan = agent.initial_scan_complete;
+            flag_during_scan = agent_handles.initial_scan_complete;
         }
     });
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(file_lines(paths::server_file), AllOf(Contains("LoginGraceTime 45"), Contains("MaxAuthTries 4")));
     EXPECT_EQ(flag_during_scan, 0u);
-    EXPECT_EQ(agent.initial_scan_complete, 1u);
+    EXPECT_EQ(agent_handles.initial_scan_complete, 1u);
 }
 
 TEST_F(start_up_test, the_stored_backup_server_is_not_scanned) {
@@ -132,7 +132,7 @@ TEST_F(start_up_test, a_wait_that_fails_ends_with_status_1_and_no_word) {
 
 TEST_F(start_up_test, the_agent_goes_on_in_its_loop) {
     fake_platform::queue_block_failure(EINTR);
-    fake_platform::queue_event([] { std::exit(agent.initial_scan_complete == 1 ? 42 : 1); });
+    fake_platform::queue_event([] { std::exit(agent_handles.initial_scan_complete == 1 ? 42 : 1); });
     EXPECT_EXIT(run_agent(), testing::ExitedWithCode(42), "");
 }
 

@@ -15,18 +15,18 @@ void count_publication() {
 }
 
 TEST_F(upcalls_test, publishing_without_telemetry_does_nothing) {
-    upcall = upcalls{};
+    agent_upcalls = upcalls{};
     publications = 0;
     publish_telemetry();
     EXPECT_EQ(publications, 0u);
 }
 
 TEST_F(upcalls_test, publishing_calls_telemetry_once) {
-    upcall = upcalls{};
-    upcall.ocssh_telemetry_publish = count_publication;
+    agent_upcalls = upcalls{};
+    agent_upcalls.ocssh_telemetry_publish = count_publication;
     publications = 0;
     publish_telemetry();
-    upcall = upcalls{};
+    agent_upcalls = upcalls{};
     EXPECT_EQ(publications, 1u);
 }
 

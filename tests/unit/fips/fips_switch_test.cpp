@@ -83,8 +83,8 @@ TEST_F(fips_switch_test, configured_lists_are_narrowed_and_restored_whole) {
     }
     EXPECT_THAT(values(paths::server_file, "HostKey"), ElementsAre("/pkg/ecdsa-sha2-nistp256", "/pkg/rsa", "/pkg/rsa"));
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "yes");
-    EXPECT_STREQ(server.algorithms[SERVER_KEX_ALGORITHMS].current, "curve25519-sha256,ecdh-sha2-nistp256");
-    EXPECT_STREQ(server.algorithms[SERVER_KEX_ALGORITHMS].second_current, "ecdh-sha2-nistp256,");
+    EXPECT_STREQ(server_config.algorithms[SERVER_KEX_ALGORITHMS].current, "curve25519-sha256,ecdh-sha2-nistp256");
+    EXPECT_STREQ(server_config.algorithms[SERVER_KEX_ALGORITHMS].second_current, "ecdh-sha2-nistp256,");
     turn_fips(false);
     for (const char* file : {paths::server_file, paths::client_file}) {
         EXPECT_EQ(value(file, "KexAlgorithms"), "curve25519-sha256,ecdh-sha2-nistp256");
@@ -96,7 +96,8 @@ TEST_F(fips_switch_test, configured_lists_are_narrowed_and_restored_whole) {
     EXPECT_THAT(values(paths::server_file, "HostKey"),
                 ElementsAre("/pkg/ecdsa-sha2-nistp256", "/pkg/ed25519", "/pkg/rsa"));
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "no line");
-    EXPECT_STREQ(server.algorithms[SERVER_KEX_ALGORITHMS].second_current, "curve25519-sha256,ecdh-sha2-nistp256");
+    EXPECT_STREQ(server_config.algorithms[SERVER_KEX_ALGORITHMS].second_current,
+                 "curve25519-sha256,ecdh-sha2-nistp256");
 }
 
 TEST_F(fips_switch_test, says_that_it_is_switched) {
@@ -274,9 +275,9 @@ void notify(uint32_t event) {
 
 TEST_F(fips_switch_test, lists_that_are_not_there_are_reported_one_by_one) {
     start();
-    server.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = nullptr;
-    server.algorithms[SERVER_CIPHERS].current = "";
-    client.algorithms[CLIENT_KEX_ALGORITHMS].current = nullptr;
+    server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = nullptr;
+    server_config.algorithms[SERVER_CIPHERS].current = "";
+    client_config.algorithms[CLIENT_KEX_ALGORITHMS].current = nullptr;
     notify(DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET);
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid host key list"));
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid cipher  list"));
@@ -289,7 +290,7 @@ TEST_F(fips_switch_test, lists_that_are_not_there_are_reported_one_by_one) {
 
 TEST_F(fips_switch_test, host_keys_without_a_file_do_not_set_the_mark) {
     start();
-    server.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-dss,ssh-ed25519";
+    server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-dss,ssh-ed25519";
     notify(DATASTORE_EVENT_CREATE);
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, failed to set hostkeyfile list"));
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "no line");

@@ -64,17 +64,17 @@ struct missing_list {
 };
 
 const missing_list missing_lists[] = {
-    {&server.algorithms[SERVER_KEX_ALGORITHMS], "failed to get modified kex list in FIPS mode",
+    {&server_config.algorithms[SERVER_KEX_ALGORITHMS], "failed to get modified kex list in FIPS mode",
      "ERR_GENERAL: Failed to get modified kex list in FIPS mode"},
-    {&client.algorithms[CLIENT_KEX_ALGORITHMS], "failed to get modified kex list in FIPS mode",
+    {&client_config.algorithms[CLIENT_KEX_ALGORITHMS], "failed to get modified kex list in FIPS mode",
      "ERR_GENERAL: Failed to get modified kex list in FIPS mode"},
-    {&server.algorithms[SERVER_CIPHERS], "failed to get modified cipher list in FIPS mode",
+    {&server_config.algorithms[SERVER_CIPHERS], "failed to get modified cipher list in FIPS mode",
      "ERR_GENERAL: Failed to get modified cipher list in FIPS mode"},
-    {&client.algorithms[CLIENT_CIPHERS], "failed to get modified cipher list in FIPS mode",
+    {&client_config.algorithms[CLIENT_CIPHERS], "failed to get modified cipher list in FIPS mode",
      "ERR_GENERAL: Failed to get modified cipher list in FIPS mode"},
-    {&server.algorithms[SERVER_HOST_KEY_ALGORITHMS], "failed to get modified host-key list in FIPS mode",
+    {&server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS], "failed to get modified host-key list in FIPS mode",
      "ERR_GENERAL: Failed to get modified host-key list in FIPS mode"},
-    {&client.algorithms[CLIENT_HOST_KEY_ALGORITHMS], "failed to get modified host-key list in FIPS mode",
+    {&client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS], "failed to get modified host-key list in FIPS mode",
      "ERR_GENERAL: Failed to get modified host-key list in FIPS mode"},
 };
 
@@ -117,7 +117,7 @@ TEST_F(fips_verifier_test, exhausted_memory_is_refused) {
 
 TEST_F(fips_verifier_test, only_the_creation_is_looked_at) {
     commit_ok(set_number(fips_item, 1));
-    server.algorithms[SERVER_CIPHERS].current = "chacha20-poly1305@openssh.com";
+    server_config.algorithms[SERVER_CIPHERS].current = "chacha20-poly1305@openssh.com";
     commit_ok(set_number(fips_item, 0));
     commit_ok(fake_platform::remove(fips_item));
 }

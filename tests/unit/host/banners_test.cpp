@@ -102,7 +102,7 @@ TEST_F(banners_test, a_login_banner_is_in_the_file_that_the_servers_name) {
     notify();
     EXPECT_EQ(content(), "Hello\n");
     EXPECT_EQ(line(), banner_line);
-    EXPECT_STREQ(server.parameters[SERVER_BANNER].current, banner_line);
+    EXPECT_STREQ(server_config.parameters[SERVER_BANNER].current, banner_line);
     EXPECT_THAT(
         fake_platform::debug_texts(),
         AllOf(Contains("banner config notified"), Contains(" banner file created"), Contains("login banner present"),
@@ -116,7 +116,7 @@ TEST_F(banners_test, without_any_banner_the_file_is_empty_and_nobody_names_it) {
     notify(4);
     EXPECT_EQ(content(), "");
     EXPECT_EQ(line(), "no line");
-    EXPECT_EQ(server.parameters[SERVER_BANNER].current, nullptr);
+    EXPECT_EQ(server_config.parameters[SERVER_BANNER].current, nullptr);
 }
 
 TEST_F(banners_test, the_texts_are_asked_for_in_an_order) {

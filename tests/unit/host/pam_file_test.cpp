@@ -101,9 +101,9 @@ class pam_watch_test : public pam_file_test {
         write_pam_file();
         EXPECT_EQ(create_pam_inotify(), 0);
         EXPECT_EQ(watch_pam_directory(), 0);
-        event_manager_create(paths::device, &agent.event_manager);
-        event_manager_attach_fd(agent.event_manager, agent.pam_inotify, EVENT_MANAGER_READ, pam_config_file_handler,
-                                nullptr);
+        event_manager_create(paths::device, &agent_handles.event_manager);
+        event_manager_attach_fd(agent_handles.event_manager, agent_handles.pam_inotify, EVENT_MANAGER_READ,
+                                pam_config_file_handler, nullptr);
         fake_platform::clear_reports();
     }
 
@@ -132,7 +132,7 @@ class pam_watch_test : public pam_file_test {
 
 TEST_F(pam_watch_test, asks_for_deletions_in_the_directory) {
     EXPECT_EQ(IN_DELETE, 0x200);
-    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent.pam_inotify));
+    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent_handles.pam_inotify));
     EXPECT_NE(info.find(" mask:200 "), std::string::npos) << info;
     EXPECT_EQ(info.find("inotify wd:2"), std::string::npos) << info;
 }
@@ -241,7 +241,7 @@ TEST_F(pam_watch_test, a_failed_read_is_logged) {
 
 // A wake-up without an event must not hold the loop up.
 TEST_F(pam_watch_test, nothing_to_read_does_not_block) {
-    pam_config_file_handler(agent.pam_inotify, EVENT_MANAGER_READ, nullptr);
+    pam_config_file_handler(agent_handles.pam_inotify, EVENT_MANAGER_READ, nullptr);
     EXPECT_THAT(fake_platform::log_texts(), Contains("ERR_ERRNO: Error:=Resource temporarily unavailable(0xb), Read "
                                                      "failed in inotifyevent notification for norvossh_pam_config_fd"));
 }
@@ -334,7 +334,7 @@ TEST_F(pam_watch_test, a_directory_made_again_has_its_file_and_its_watch_again) 
         expect_whole_file();
     }
     // Nothing is left of the watch from above.
-    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent.pam_inotify));
+    const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent_handles.pam_inotify));
     EXPECT_EQ(info.find("inotify wd:"), info.rfind("inotify wd:")) << info;
 }
 
@@ -420,7 +420,7 @@ TEST_F(pam_file_test, an_instance_or_a_watch_that_is_refused_is_traced) {
 // The agent's shell commands must not inherit it.
 TEST_F(pam_file_test, the_instance_is_closed_in_other_programs) {
     ASSERT_EQ(create_pam_inotify(), 0);
-    EXPECT_EQ(fcntl(agent.pam_inotify, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(fcntl(agent_handles.pam_inotify, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ using ids = std::vector<int32_t>;
 class reload_test : public agent_test {
   protected:
     reload_test() {
-        event_manager_create(paths::device, &agent.event_manager);
+        event_manager_create(paths::device, &agent_handles.event_manager);
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         connect_shelf_manager();
         fake_platform::clear_calls();
@@ -50,8 +50,8 @@ class reload_test : public agent_test {
 
     ~reload_test() override {
         command_trail::end();
-        while (server.nodes != nullptr) {
-            delete_vrf_node(server.nodes);
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
         }
         for (const pid_t session : sessions) {
             kill(session, SIGKILL);

@@ -16,7 +16,7 @@ using testing::IsEmpty;
 class shelf_link_test : public agent_test {
   protected:
     shelf_link_test() {
-        event_manager_create(paths::device, &agent.event_manager);
+        event_manager_create(paths::device, &agent_handles.event_manager);
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         fake_platform::clear_calls();
     }
@@ -28,7 +28,7 @@ TEST_F(shelf_link_test, the_callbacks_are_set_before_it_connects) {
                 ElementsAre("event_manager_loop_handle()", "shelf_manager_create(loop)",
                             "shelf_manager_set_reload_callback()", "shelf_manager_set_connect_callback()",
                             "shelf_manager_set_disconnect_callback()", "shelf_manager_connect()"));
-    EXPECT_NE(agent.shelf_manager, nullptr);
+    EXPECT_NE(agent_handles.shelf_manager, nullptr);
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 

@@ -94,7 +94,7 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, defaults_stand_where_nothing_is_configur
 }
 
 TEST_F(ocsystem_ssh_telemetry_edm_test, the_enable_entry_enables) {
-    server.parameters[SERVER_PROTOCOL].current = "2";
+    server_config.parameters[SERVER_PROTOCOL].current = "2";
     EXPECT_EQ(filled().enable, 1U);
 }
 
@@ -106,9 +106,9 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, a_server_in_the_default_vrf_enables) {
 }
 
 TEST_F(ocsystem_ssh_telemetry_edm_test, numbers_are_cut_to_16_bits) {
-    server.parameters[SERVER_LOGIN_GRACE_TIME].current = "65566";
-    server.parameters[SERVER_RATE_LIMIT].current = "131077";
-    server.parameters[SERVER_SESSION_LIMIT].current = "-1";
+    server_config.parameters[SERVER_LOGIN_GRACE_TIME].current = "65566";
+    server_config.parameters[SERVER_RATE_LIMIT].current = "131077";
+    server_config.parameters[SERVER_SESSION_LIMIT].current = "-1";
     const openconfig_values values = filled();
     EXPECT_EQ(values.timeout, 30U);
     EXPECT_EQ(values.rate_limit, 5U);
@@ -116,7 +116,7 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, numbers_are_cut_to_16_bits) {
 }
 
 TEST_F(ocsystem_ssh_telemetry_edm_test, tells_the_engineer_what_it_fills) {
-    server.parameters[SERVER_PROTOCOL].current = "2";
+    server_config.parameters[SERVER_PROTOCOL].current = "2";
     filled();
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("In edm get function for OC SSH telemetry",

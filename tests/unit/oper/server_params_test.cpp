@@ -18,8 +18,8 @@ namespace {
 class server_params_test : public agent_test {
   protected:
     ~server_params_test() override {
-        while (server.nodes != nullptr) {
-            delete_vrf_node(server.nodes);
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
         }
     }
 
@@ -74,33 +74,33 @@ TEST_F(server_params_test, the_joined_text_is_cut_at_its_bound) {
 }
 
 TEST_F(server_params_test, a_dscp_text_is_read_as_hexadecimal) {
-    server.parameters[SERVER_IP_QOS].current = "10";
+    server_config.parameters[SERVER_IP_QOS].current = "10";
     EXPECT_EQ(filled().Dscp, 16U);
 }
 
 TEST_F(server_params_test, other_values_have_their_words) {
-    server.parameters[SERVER_ALLOW_TCP_FORWARDING].current = "local";
-    server.parameters[SERVER_CERTIFICATE_USERNAME].current = "2";
+    server_config.parameters[SERVER_ALLOW_TCP_FORWARDING].current = "local";
+    server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "2";
     EXPECT_STREQ(filled().Portforwarding, "local");
     EXPECT_STREQ(filled().CertificateUsername, "User principle name(UPN)");
-    server.parameters[SERVER_ALLOW_TCP_FORWARDING].current = "yes";
-    server.parameters[SERVER_CERTIFICATE_USERNAME].current = "3";
+    server_config.parameters[SERVER_ALLOW_TCP_FORWARDING].current = "yes";
+    server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "3";
     EXPECT_STREQ(filled().Portforwarding, "Invalid");
     EXPECT_STREQ(filled().CertificateUsername, "Common name(CN) User principle name(UPN)");
 }
 
 TEST_F(server_params_test, a_list_that_is_too_long_is_cut) {
     const std::string list(300, 'k');
-    server.algorithms[SERVER_KEX_ALGORITHMS].current = list.c_str();
+    server_config.algorithms[SERVER_KEX_ALGORITHMS].current = list.c_str();
     EXPECT_EQ(std::string(filled().Kexalgo), std::string(229, 'k'));
 }
 
 TEST_F(server_params_test, every_text_is_cut_within_its_field) {
     const std::string list(3000, 'k');
-    for (auto& parameter : server.parameters) {
+    for (auto& parameter : server_config.parameters) {
         parameter.current = list.c_str();
     }
-    for (auto& algorithm : server.algorithms) {
+    for (auto& algorithm : server_config.algorithms) {
         algorithm.current = list.c_str();
     }
     const ssh_server_params params = filled();
@@ -111,22 +111,22 @@ TEST_F(server_params_test, every_text_is_cut_within_its_field) {
 }
 
 TEST_F(server_params_test, a_rekey_limit_has_a_volume_and_a_time) {
-    server.parameters[SERVER_REKEY_LIMIT].current = "2048M 90m";
+    server_config.parameters[SERVER_REKEY_LIMIT].current = "2048M 90m";
     EXPECT_EQ(filled().Rekeyvolume, 2048U);
     EXPECT_EQ(filled().Rekeytime, 90U);
-    server.parameters[SERVER_REKEY_LIMIT].current = "default";
+    server_config.parameters[SERVER_REKEY_LIMIT].current = "default";
     EXPECT_EQ(filled().Rekeyvolume, 0U);
     EXPECT_EQ(filled().Rekeytime, 0U);
 }
 
 TEST_F(server_params_test, what_is_configured_takes_the_defaults_place) {
-    server.parameters[SERVER_RATE_LIMIT].current = "600";
-    server.parameters[SERVER_SESSION_LIMIT].current = "16";
-    server.parameters[SERVER_WINDOW_SCALE].current = "7";
-    server.parameters[SERVER_MAX_AUTH_TRIES].current = "4";
-    server.parameters[SERVER_MACS].current = "hmac-sha2-512";
-    server.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-ed25519";
-    server.algorithms[SERVER_CIPHERS].current = "aes256-ctr";
+    server_config.parameters[SERVER_RATE_LIMIT].current = "600";
+    server_config.parameters[SERVER_SESSION_LIMIT].current = "16";
+    server_config.parameters[SERVER_WINDOW_SCALE].current = "7";
+    server_config.parameters[SERVER_MAX_AUTH_TRIES].current = "4";
+    server_config.parameters[SERVER_MACS].current = "hmac-sha2-512";
+    server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-ed25519";
+    server_config.algorithms[SERVER_CIPHERS].current = "aes256-ctr";
     const ssh_server_params params = filled();
     EXPECT_EQ(params.Ratelimit, 600U);
     EXPECT_EQ(params.Sessionlimit, 16U);
@@ -161,10 +161,10 @@ TEST_F(server_params_test, each_setting_is_told_to_the_engineer) {
     vrf_node* node = create_vrf_node("a");
     copy_text(node->ssh_v4_acl, acl_name_size, "four");
     node->lines[VRF_NETCONF_SUBSYSTEM].current = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
-    server.algorithms[SERVER_KEX_ALGORITHMS].current = "curve25519-sha256";
-    server.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-ed25519";
-    server.algorithms[SERVER_CIPHERS].current = "aes256-ctr";
-    server.parameters[SERVER_MACS].current = "hmac-sha2-512";
+    server_config.algorithms[SERVER_KEX_ALGORITHMS].current = "curve25519-sha256";
+    server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-ed25519";
+    server_config.algorithms[SERVER_CIPHERS].current = "aes256-ctr";
+    server_config.parameters[SERVER_MACS].current = "hmac-sha2-512";
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::clear_reports();
     filled();

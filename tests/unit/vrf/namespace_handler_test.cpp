@@ -257,9 +257,9 @@ TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_ends_it) {
 }
 
 TEST_F(namespace_handler_test, without_access_lists_the_flow_goes_on) {
-    upcall.create_nft_table = nullptr;
-    upcall.ssh_configure_v4acl = nullptr;
-    upcall.ssh_configure_v6acl = nullptr;
+    agent_upcalls.create_nft_table = nullptr;
+    agent_upcalls.ssh_configure_v4acl = nullptr;
+    agent_upcalls.ssh_configure_v6acl = nullptr;
     strcpy(create_vrf_node("red")->ssh_v4_acl, "a");
     tell(NAMESPACE_CREATED, "vrf-red");
     EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");

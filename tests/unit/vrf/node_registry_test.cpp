@@ -11,7 +11,7 @@ using node_registry_test = vrf_test;
 
 std::vector<std::string> names() {
     std::vector<std::string> found;
-    for (const vrf_node* node = server.nodes; node != nullptr; node = node->next) {
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         found.emplace_back(node->name);
     }
     return found;
@@ -55,7 +55,7 @@ TEST_F(node_registry_test, the_newest_node_comes_first) {
 TEST_F(node_registry_test, a_name_is_kept_up_to_32_characters) {
     const std::string longest(32, 'a');
     EXPECT_STREQ(create_vrf_node(longest.c_str())->name, longest.c_str());
-    EXPECT_EQ(find_vrf_node(longest.c_str()), server.nodes);
+    EXPECT_EQ(find_vrf_node(longest.c_str()), server_config.nodes);
     EXPECT_STREQ(create_vrf_node((std::string(32, 'b') + "c").c_str())->name, std::string(32, 'b').c_str());
 }
 
@@ -100,7 +100,7 @@ TEST_F(node_registry_test, a_node_outside_the_list_is_left_alone) {
 TEST_F(node_registry_test, being_out_of_memory_is_reported) {
     allocation_failure::fail_next();
     EXPECT_EQ(create_vrf_node("red"), nullptr);
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("Error:=Cannot allocate memory(0xc), vrfname:=red, memory allocation failed"));
 }

@@ -50,7 +50,7 @@ TEST_F(default_vrf_test, the_protocol_item_starts_its_server_through_the_protoco
     EXPECT_EQ(read_file(paths::server_file), std::string(default_file) + "Protocol 2\n");
     EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
     EXPECT_EQ(count_of("default"), 1);
-    EXPECT_STREQ(server.parameters[SERVER_PROTOCOL].current, "2");
+    EXPECT_STREQ(server_config.parameters[SERVER_PROTOCOL].current, "2");
     EXPECT_EQ(default_vrf_configured, 0u);
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server v2"));
 }
@@ -115,7 +115,7 @@ TEST_F(default_vrf_test, without_other_users_the_server_goes_with_the_protocol_i
                                      "mpp_vrf_unblock(default)"));
     EXPECT_EQ(find_vrf_node("default"), nullptr);
     EXPECT_FALSE(path_exists(server_file("default")));
-    EXPECT_EQ(server.parameters[SERVER_PROTOCOL].current, nullptr);
+    EXPECT_EQ(server_config.parameters[SERVER_PROTOCOL].current, nullptr);
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
@@ -194,7 +194,7 @@ TEST_F(default_vrf_test, a_failing_step_of_the_protocol_item_leaves_the_line_unw
     EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_ver_func: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  default")));
     EXPECT_EQ(read_file(paths::server_file), default_file);
-    EXPECT_STREQ(server.parameters[SERVER_PROTOCOL].current, "2");
+    EXPECT_STREQ(server_config.parameters[SERVER_PROTOCOL].current, "2");
 }
 
 TEST_F(default_vrf_test, a_file_that_cannot_be_prepared_leaves_the_protocol_line_unwritten) {
@@ -211,7 +211,7 @@ TEST_F(default_vrf_test, a_port_line_that_cannot_be_removed_ends_the_removal) {
     EXPECT_EQ(protocol(deleted), 0);
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_EQ(count_of("default"), 1);
-    EXPECT_EQ(server.parameters[SERVER_PROTOCOL].current, nullptr);
+    EXPECT_EQ(server_config.parameters[SERVER_PROTOCOL].current, nullptr);
 }
 
 TEST_F(default_vrf_test, being_out_of_memory_ends_the_protocol_item) {
@@ -222,7 +222,7 @@ TEST_F(default_vrf_test, being_out_of_memory_ends_the_protocol_item) {
 }
 
 TEST_F(default_vrf_test, the_protocol_item_counts_once_in_the_scan) {
-    agent.initial_scan_complete = 0;
+    agent_handles.initial_scan_complete = 0;
     protocol(created);
     ssh("default", created);
     netconf("default", created);

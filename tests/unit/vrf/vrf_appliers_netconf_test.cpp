@@ -41,14 +41,14 @@ TEST_F(netconf_vrf_test, a_known_vrfs_file_gets_the_lines) {
 }
 
 TEST_F(netconf_vrf_test, after_a_failure_the_service_is_marked_with_its_own_code) {
-    agent.respawn_count = 3;
+    agent_handles.respawn_count = 3;
     EXPECT_EQ(netconf("red", created), 0);
     EXPECT_THAT(trail(), ElementsAre("mpp_vrf_set(64, red)", copy_for("red")));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_cfg_agent respawn count: 3"));
 }
 
 TEST_F(netconf_vrf_test, a_configured_port_replaces_the_ports_line) {
-    server.parameters[SERVER_NETCONF_PORT].current = "831";
+    server_config.parameters[SERVER_NETCONF_PORT].current = "831";
     EXPECT_EQ(netconf("red", created), 0);
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + netconf_line);
     write_file(server_file("red"), std::string(default_file) + netconf_line + "Port 830\n");
@@ -163,7 +163,7 @@ TEST_F(netconf_vrf_test, one_unit_and_one_server_serve_both) {
     ssh("red", created);
     netconf("red", created);
     EXPECT_EQ(count_of("red"), 2);
-    EXPECT_EQ(server.nodes->next, nullptr);
+    EXPECT_EQ(server_config.nodes->next, nullptr);
     EXPECT_THAT(stub_commands::log_of("systemctl restart"),
                 ElementsAre("systemctl restart sshd_service_red", "systemctl restart sshd_service_red"));
     EXPECT_TRUE(fake_platform::vrf_set(MPP_SERVICE_SSH, "red"));

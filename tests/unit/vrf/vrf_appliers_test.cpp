@@ -76,7 +76,7 @@ TEST_F(ssh_vrf_test, a_missing_name_is_the_datastores_business) {
         EXPECT_EQ(handler(&change, nullptr), 1u);
     }
     EXPECT_THAT(trail(), ElementsAre());
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
 }
 
 TEST_F(ssh_vrf_test, being_out_of_memory_is_the_datastores_business) {
@@ -85,7 +85,7 @@ TEST_F(ssh_vrf_test, being_out_of_memory_is_the_datastores_business) {
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Error:=Cannot allocate memory(0xc), vrfname:=red, memory allocation failed"));
     EXPECT_THAT(trail(), ElementsAre());
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
 }
 
 TEST_F(ssh_vrf_test, a_value_that_cannot_be_unpacked_is_logged_and_accepted) {
@@ -97,14 +97,14 @@ TEST_F(ssh_vrf_test, a_value_that_cannot_be_unpacked_is_logged_and_accepted) {
     EXPECT_EQ(fake_platform::log_lines().front().name, "ERR_DATASTORE_UNPACK");
     EXPECT_THAT(fake_platform::log_lines().front().text, HasSubstr("Path:=red, Failed to unpack datastore item"));
     EXPECT_THAT(trail(), ElementsAre());
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
 }
 
 TEST_F(ssh_vrf_test, an_event_that_neither_sets_nor_deletes_does_nothing) {
     EXPECT_EQ(ssh("red", 0), 0);
     EXPECT_EQ(netconf("red", 8), 0);
     EXPECT_EQ(protocol(0), 0);
-    EXPECT_EQ(server.nodes, nullptr);
+    EXPECT_EQ(server_config.nodes, nullptr);
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
@@ -119,7 +119,7 @@ TEST_F(ssh_vrf_test, only_a_new_item_counts_after_the_scan) {
 }
 
 TEST_F(ssh_vrf_test, every_item_counts_once_during_the_scan) {
-    agent.initial_scan_complete = 0;
+    agent_handles.initial_scan_complete = 0;
     EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", changed, {}, false), 0);
     EXPECT_EQ(count_of("red"), 1);
     EXPECT_EQ(apply(sshd_apply_conf_netconf_vrf, "vrf-netconf", "red", changed, {}, false), 0);
@@ -129,7 +129,7 @@ TEST_F(ssh_vrf_test, every_item_counts_once_during_the_scan) {
 }
 
 TEST_F(ssh_vrf_test, a_modification_never_counts) {
-    agent.initial_scan_complete = 0;
+    agent_handles.initial_scan_complete = 0;
     ssh("red", created);
     ssh("red", changed);
     EXPECT_EQ(apply(sshd_apply_vrf_func, "vrf", "red", created, {}, true), 0);
@@ -139,8 +139,8 @@ TEST_F(ssh_vrf_test, a_modification_never_counts) {
 // After a failure of the agent the server may still run with this very file: it is announced again, not restarted.
 
 TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_marked_again_and_left_alone) {
-    agent.respawn_count = 2;
-    agent.initial_scan_complete = 0;
+    agent_handles.respawn_count = 2;
+    agent_handles.initial_scan_complete = 0;
     add_namespace("red");
     write_file(server_file("red"), std::string(default_file) + "Port 22\n");
     stub_commands::set_output("systemctl is-active sshd_service_red", "active\n");
@@ -154,7 +154,7 @@ TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_marked_again_and_left_a
 }
 
 TEST_F(ssh_vrf_test, a_fresh_start_does_not_mark_before_the_server_starts) {
-    agent.respawn_count = 1;
+    agent_handles.respawn_count = 1;
     ssh("red", created);
     EXPECT_THAT(trail(), Not(Contains("mpp_vrf_set(1, red)")));
     EXPECT_THAT(fake_platform::debug_texts(), Not(Contains(HasSubstr("respawn count"))));
@@ -250,13 +250,13 @@ TEST_F(ssh_vrf_test, an_ipv6_list_that_cannot_be_attached_ends_it) {
 }
 
 TEST_F(ssh_vrf_test, without_access_lists_the_flow_goes_on) {
-    upcall.create_nft_table = nullptr;
-    upcall.ssh_flush_nft_table = nullptr;
-    upcall.ssh_configure_v4acl = nullptr;
-    upcall.ssh_configure_v6acl = nullptr;
-    upcall.ssh_remove_v4acl_config = nullptr;
-    upcall.ssh_remove_v6acl_config = nullptr;
-    upcall.release_unused_acls = nullptr;
+    agent_upcalls.create_nft_table = nullptr;
+    agent_upcalls.ssh_flush_nft_table = nullptr;
+    agent_upcalls.ssh_configure_v4acl = nullptr;
+    agent_upcalls.ssh_configure_v6acl = nullptr;
+    agent_upcalls.ssh_remove_v4acl_config = nullptr;
+    agent_upcalls.ssh_remove_v6acl_config = nullptr;
+    agent_upcalls.release_unused_acls = nullptr;
     add_namespace("default");
     EXPECT_EQ(ssh("default", created, {"four", "six"}), 0);
     EXPECT_EQ(trail().back(), "telemetry");
@@ -291,7 +291,7 @@ TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists_behind_blocked_ports) {
 
 // After a restart of the agent the server may still run, and its VRF has not been blocked yet.
 TEST_F(ssh_vrf_test, a_modification_initialises_the_filter_before_the_first_block) {
-    agent.respawn_count = 2;
+    agent_handles.respawn_count = 2;
     add_namespace("red");
     write_file(server_file("red"), std::string(default_file) + "Port 22\n");
     stub_commands::set_output("systemctl is-active sshd_service_red", "active\n");
@@ -530,7 +530,7 @@ TEST_F(ssh_vrf_test, vrfs_do_not_meet) {
 
 // The SSH port's line is written whatever the table says.
 TEST_F(ssh_vrf_test, a_configured_port_does_not_replace_the_ports_line) {
-    server.parameters[SERVER_PORT].current = "2222";
+    server_config.parameters[SERVER_PORT].current = "2222";
     EXPECT_EQ(ssh("red", created), 0);
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
 }

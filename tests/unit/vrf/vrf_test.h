@@ -27,10 +27,10 @@ class vrf_test : public agent_test {
     vrf_test() {
         write_file(paths::server_file, default_file);
         std::filesystem::create_directories("/etc/systemd/system");
-        agent.respawn_count = 1;
-        agent.initial_scan_complete = 1;
+        agent_handles.respawn_count = 1;
+        agent_handles.initial_scan_complete = 1;
         fill_upcalls();
-        datastore_bind(paths::server_tree, &agent.server_binding);
+        datastore_bind(paths::server_tree, &agent_handles.server_binding);
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         forget();
         command_trail::begin();
@@ -38,8 +38,8 @@ class vrf_test : public agent_test {
 
     ~vrf_test() override {
         command_trail::end();
-        while (server.nodes != nullptr) {
-            delete_vrf_node(server.nodes);
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
         }
     }
 
@@ -94,28 +94,28 @@ class vrf_test : public agent_test {
     }
 
     static void fill_upcalls() {
-        upcall.ssh_process_restart = ssh_process_restart;
-        upcall.delete_vrf_node = delete_vrf_node;
-        upcall.create_nft_table = [](const char* vrf_name) {
+        agent_upcalls.ssh_process_restart = ssh_process_restart;
+        agent_upcalls.delete_vrf_node = delete_vrf_node;
+        agent_upcalls.create_nft_table = [](const char* vrf_name) {
             return record(std::string("create_nft_table(") + vrf_name + ")");
         };
-        upcall.ssh_flush_nft_table = [](const char* vrf_name, uint32_t kind) {
+        agent_upcalls.ssh_flush_nft_table = [](const char* vrf_name, uint32_t kind) {
             return record(with_kind("ssh_flush_nft_table", vrf_name, kind));
         };
-        upcall.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
+        agent_upcalls.ssh_configure_v4acl = [](vrf_node* node, uint32_t kind) {
             return record(with_kind("ssh_configure_v4acl", node->name, kind));
         };
-        upcall.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
+        agent_upcalls.ssh_configure_v6acl = [](vrf_node* node, uint32_t kind) {
             return record(with_kind("ssh_configure_v6acl", node->name, kind));
         };
-        upcall.ssh_remove_v4acl_config = [](vrf_node* node, uint32_t kind) {
+        agent_upcalls.ssh_remove_v4acl_config = [](vrf_node* node, uint32_t kind) {
             record(with_kind("ssh_remove_v4acl_config", node->name, kind));
         };
-        upcall.ssh_remove_v6acl_config = [](vrf_node* node, uint32_t kind) {
+        agent_upcalls.ssh_remove_v6acl_config = [](vrf_node* node, uint32_t kind) {
             record(with_kind("ssh_remove_v6acl_config", node->name, kind));
         };
-        upcall.release_unused_acls = [] { record("release_unused_acls()"); };
-        upcall.ocssh_telemetry_publish = [] { record("telemetry"); };
+        agent_upcalls.release_unused_acls = [] { record("release_unused_acls()"); };
+        agent_upcalls.ocssh_telemetry_publish = [] { record("telemetry"); };
     }
 };
 
