@@ -72,7 +72,7 @@ constexpr std::span<const schema_field> key_exchanges(algorithms, algorithm_sett
 constexpr std::span<const schema_field> ciphers(algorithms, algorithm_settings(algorithm_kind::cipher));
 static_assert(key_exchanges.size() <= std::size(algorithms) && ciphers.size() <= std::size(algorithms));
 
-constexpr auto host_keys = [] {
+constexpr std::array<schema_field, algorithm_settings(algorithm_kind::key)> make_host_key_fields() {
     std::array<schema_field, algorithm_settings(algorithm_kind::key)> fields = {};
     for (size_t i = 0; i < fields.size(); i++) {
         const algorithm_row* row = configurable_algorithm(algorithm_kind::key, i);
@@ -80,7 +80,8 @@ constexpr auto host_keys = [] {
                                    : schema_field{"rsa", flag("whether all RSA algorithms are offered")};
     }
     return fields;
-}();
+}
+constexpr auto host_keys = make_host_key_fields();
 
 constexpr schema_field legacy_ciphers[] = {
     {"aes-cbc", flag("whether the AES ciphers in CBC mode are also offered")},
