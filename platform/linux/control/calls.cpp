@@ -65,6 +65,7 @@ control_json answer_with_failures(const call_row& row, const control_json& reque
     }
     control_tell_not_in_force(answer, entries);
     std::vector<std::string> lines;
+    lines.reserve(entries.size());
     for (const enforcement_entry& entry : entries) {
         lines.push_back(control_not_in_force_text(entry));
     }
