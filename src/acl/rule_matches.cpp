@@ -70,13 +70,17 @@ constexpr bool is_complete(const match_texts& texts, const acl_condition_fields&
     return fields.operation.width == 0 || std::ranges::count(texts.format, nullptr) == 1;
 }
 
+constexpr bool is_port(uint32_t condition) {
+    return condition == ACL_SOURCE_PORT || condition == ACL_DESTINATION_PORT;
+}
+
 constexpr bool each_condition_has_one_complete_row() {
     return std::ranges::all_of(acl_conditions, [](const acl_condition_row& row) {
         if (std::ranges::count(condition_rules, row.condition, &condition_rule::condition) != 1) {
             return false;
         }
         const condition_rule& rule = rule_of(row.condition);
-        return rule.append == nullptr || (is_complete(rule.ipv4, row.ipv4) && is_complete(rule.ipv6, row.ipv6));
+        return is_port(row.condition) || (is_complete(rule.ipv4, row.ipv4) && is_complete(rule.ipv6, row.ipv6));
     });
 }
 

@@ -23,7 +23,7 @@ constexpr auto& server_hostkey_list = server_config.algorithms[SERVER_HOST_KEY_A
 constexpr auto& server_hostkey_files = server_config.algorithms[SERVER_HOST_KEY].text;
 
 bool is_same_file(const char* file, const char* other) {
-    return file != nullptr && other != nullptr && std::strcmp(file, other) == 0;
+    return std::strcmp(file, other) == 0;
 }
 
 bool is_selected(const int32_t* flags, const algorithm_row& row) {
@@ -34,13 +34,13 @@ bool is_selected(const int32_t* flags, const algorithm_row& row) {
 void compose_lists(const int32_t* flags) {
     server_hostkey_list[0] = '\0';
     server_hostkey_files[0] = '\0';
-    const char* last_file = nullptr;  // algorithms of one key are adjacent
+    const char* last_file = "";  // algorithms of one key are adjacent
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind != algorithm_kind::key || !is_selected(flags, row)) {
             continue;
         }
         append_name(server_hostkey_list, algorithm_list_size, row.name);
-        if (row.key_file != nullptr && !is_same_file(row.key_file, last_file)) {
+        if (row.key_file[0] != '\0' && !is_same_file(row.key_file, last_file)) {
             append_name(server_hostkey_files, algorithm_list_size, row.key_file);
             last_file = row.key_file;
         }

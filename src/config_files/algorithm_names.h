@@ -26,7 +26,7 @@ struct composed_list {
     }
     /// Appends a file that consecutive algorithms share only once.
     constexpr void append_key_file(const algorithm_row& row) {
-        if (row.key_file != nullptr && !std::string_view(text, length).ends_with(row.key_file)) {
+        if (row.key_file[0] != '\0' && !std::string_view(text, length).ends_with(row.key_file)) {
             append(row.key_file);
         }
     }

@@ -23,8 +23,12 @@ constexpr void put_text(char (&buffer)[Size], std::string_view text) {
 constexpr setting_entry setting(const char* keyword, const char* default_text, initial_state state,
                                 line_text_maker line_text) {
     setting_entry entry = {{default_text, state == IN_FORCE ? default_text : nullptr, keyword, 1}, line_text, {}};
-    put_text(entry.text, default_text != nullptr ? default_text : "");
+    put_text(entry.text, default_text);
     return entry;
+}
+
+constexpr setting_entry setting(const char* keyword, std::nullptr_t, initial_state, line_text_maker line_text) {
+    return {{nullptr, nullptr, keyword, 1}, line_text, {}};
 }
 
 constexpr algorithm_entry list(const char* keyword, const char* default_text) {
@@ -88,8 +92,8 @@ static_assert(server_defaults.parameters[SERVER_START_MARKER].keyword == std::st
 static_assert(server_defaults.parameters[SERVER_END_MARKER].keyword == std::string_view("endconfig"));
 static_assert(server_defaults.algorithms[SERVER_ALGORITHM_START_MARKER].keyword == std::string_view("startalgoconfig"));
 static_assert(server_defaults.algorithms[SERVER_ALGORITHM_END_MARKER].keyword == std::string_view("endalgoconfig"));
-static_assert(client_defaults.parameters[client_parameter_count - 1].keyword != nullptr);
-static_assert(client_defaults.algorithms[client_algorithm_count - 1].keyword != nullptr);
+static_assert(!std::string_view(client_defaults.parameters[client_parameter_count - 1].keyword).empty());
+static_assert(!std::string_view(client_defaults.algorithms[client_algorithm_count - 1].keyword).empty());
 
 }  // namespace
 

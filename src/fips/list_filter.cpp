@@ -110,7 +110,7 @@ const char* file_name_of(const algorithm_row& row) {
 
 void append_host_key_file(const char* algorithm) {
     for (const algorithm_row& row : algorithm_rows) {
-        if (row.kind == algorithm_kind::key && row.key_file != nullptr &&
+        if (row.kind == algorithm_kind::key && row.key_file[0] != '\0' &&
             std::strcmp(file_name_of(row), algorithm) == 0) {
             append_name(fips_hostkey_files, sizeof fips_hostkey_files, row.key_file);
             return;

@@ -31,7 +31,7 @@ struct algorithm_row {
     int8_t server_rank;  ///< position in the server's default list, from 1; 0: not in it
     int8_t client_rank;  ///< the same for the client
     algorithm_fips fips;
-    const char* key_file = nullptr;  ///< file of the server's host key, which several algorithms may share
+    const char* key_file = "";  ///< file of the server's host key, which several algorithms may share; empty if none
 };
 
 /// The field of the host-key item that selects every algorithm of the RSA key, and so belongs to no single row.

@@ -74,10 +74,11 @@ static_assert(key_exchanges.size() <= std::size(algorithms) && ciphers.size() <=
 
 constexpr std::array<schema_field, algorithm_settings(algorithm_kind::key)> make_host_key_fields() {
     std::array<schema_field, algorithm_settings(algorithm_kind::key)> fields = {};
-    for (size_t i = 0; i < fields.size(); i++) {
-        const algorithm_row* row = configurable_algorithm(algorithm_kind::key, i);
-        fields[i] = row != nullptr ? schema_field{row->name, flag("whether this host-key algorithm is offered")}
-                                   : schema_field{"rsa", flag("whether all RSA algorithms are offered")};
+    fields.fill({"rsa", flag("whether all RSA algorithms are offered")});  // the setting without a row
+    for (const algorithm_row& row : algorithm_rows) {
+        if (row.kind == algorithm_kind::key && row.setting >= 0) {
+            fields[static_cast<size_t>(row.setting)] = {row.name, flag("whether this host-key algorithm is offered")};
+        }
     }
     return fields;
 }
