@@ -77,7 +77,7 @@ constexpr std::array<schema_field, algorithm_settings(algorithm_kind::key)> make
     fields.fill({"rsa", flag("whether all RSA algorithms are offered")});  // the setting without a row
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == algorithm_kind::key && row.setting >= 0) {
-            fields[static_cast<size_t>(row.setting)] = {row.name, flag("whether this host-key algorithm is offered")};
+            fields[static_cast<uint8_t>(row.setting)] = {row.name, flag("whether this host-key algorithm is offered")};
         }
     }
     return fields;
