@@ -63,7 +63,7 @@ def test_only_what_is_missing_is_installed(install):
 def test_ordinary_user_is_told_that_sudo_is_used(install):
     result, calls = install("unheard-of\n", USER_ID="1000")
     assert result.returncode == 0
-    assert "going on with sudo" in result.stdout
+    assert "continuing with sudo" in result.stdout
     assert [call for call in calls if call.startswith("sudo apt-get update")]
 
 
