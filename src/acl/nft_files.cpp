@@ -118,7 +118,7 @@ const char* acl_name_of(const char* vrf_name, uint32_t type) {
     return node != nullptr ? acl_name_of(type >= acl_ssh_v6 ? ipv6_acl_family : ipv4_acl_family, *node, type) : "";
 }
 
-/// Reports which list was not loaded where, and why.
+/// Reports which list was not loaded, where and why.
 void report_failed_load(const char* vrf_name, uint32_t type, char* words) {
     const char* acl_name = acl_name_of(vrf_name, type);
     char list[acl_name_size + 32];

@@ -154,7 +154,7 @@ struct ipv6_address_texts {
     const char* other;
 };
 
-// The third form has one leading blank less and no trailing blank: the prefix length or the mask follows at once.
+// The third form has one fewer leading blank and no trailing blank: the prefix length or the mask follows directly.
 constexpr ipv6_address_texts ipv6_source = {"                ip6 saddr %s ", "                ip6 saddr ::/0 ",
                                             "               ip6 saddr %s"};
 constexpr ipv6_address_texts ipv6_destination = {"ip6 daddr %s ", "ip6 daddr ::/0 ", "ip6 daddr %s"};
