@@ -25,6 +25,18 @@ bool is_fips_approved(algorithm_kind kind, std::string_view name) {
     return row != nullptr && is_approved(*row);
 }
 
+std::vector<std::string_view> router_default_list(const known_algorithms& known, algorithm_kind kind,
+                                                  algorithm_column rank) {
+    std::vector<std::string_view> list;
+    for (int position = 1; position < algorithm_column_end(kind, rank); ++position) {
+        const algorithm_row* row = algorithm_at(kind, rank, position);
+        if (row != nullptr && is_known(known, kind, row->name)) {
+            list.push_back(row->name);
+        }
+    }
+    return list;
+}
+
 std::vector<std::string_view> fips_default_list(const known_algorithms& known, algorithm_kind kind) {
     std::vector<std::string_view> list;
     for (const algorithm_row& row : algorithm_rows) {

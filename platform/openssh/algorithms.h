@@ -27,12 +27,15 @@ bool is_known(const known_algorithms& known, algorithm_kind kind, std::string_vi
 
 bool is_fips_approved(algorithm_kind kind, std::string_view name);
 
-/// The approved names of a kind that OpenSSH knows, which a server offers if its file has no such list; may be empty.
+/// The router's default list of a kind, reduced to what OpenSSH knows; may be empty. `rank` is the list's column.
+std::vector<std::string_view> router_default_list(const known_algorithms& known, algorithm_kind kind,
+                                                  algorithm_column rank);
+
+/// The same in FIPS mode: the approved names of a kind that OpenSSH knows.
 std::vector<std::string_view> fips_default_list(const known_algorithms& known, algorithm_kind kind);
 
 /// A comma-separated list, split by what may be done with each name. The views point into the list; each name is in
 /// exactly one group.
-/// them.
 struct list_cut {
     std::vector<std::string_view> kept;  ///< in the order of the list
     std::vector<std::string_view> unknown;

@@ -30,6 +30,9 @@ struct keyword_row {
     value_form form = nullptr;  ///< for `pass`
     repetition repeats = repetition::once;
     algorithm_kind kind = algorithm_kind::cipher;  ///< for `list` and `additional_keys`
+    /// For `list`: the position in the router's default list, which is in force if the file has no such line. Null: the
+    /// program's own default is in force.
+    algorithm_column default_rank = nullptr;
     /// For `pass`: the value to write if the file has no valid one. Empty: write none.
     std::string_view otherwise = {};
     const char* reason = "";  ///< for `leave_out` and `end_of_settings`: told to the operator
@@ -44,6 +47,10 @@ constexpr keyword_row pass(std::string_view keyword, value_form form, repetition
 
 constexpr keyword_row list(std::string_view keyword, algorithm_kind kind, std::string_view written_as = {}) {
     return {.keyword = keyword, .how = treatment::list, .written_as = written_as, .kind = kind};
+}
+
+constexpr keyword_row list_with_default(std::string_view keyword, algorithm_kind kind, algorithm_column default_rank) {
+    return {.keyword = keyword, .how = treatment::list, .kind = kind, .default_rank = default_rank};
 }
 
 constexpr keyword_row leave_out(std::string_view keyword, const char* reason) {

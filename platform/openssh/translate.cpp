@@ -274,35 +274,51 @@ void refuse(translator& state, std::string reason) {
     add_remark(state, severity::error, std::move(reason));
 }
 
-/// The meaning of an absent or emptied list: sshd's own default. In FIPS mode that would allow forbidden algorithms, so
-/// an absent list becomes the approved one, and an emptied list is refused.
+/// What is in force instead of an absent or emptied list; empty for the program's own default.
+std::vector<std::string_view> default_list(const translator& state, const keyword_row& row) {
+    if (state.result.fips_mode) {
+        return fips_default_list(*state.input.known, row.kind);
+    }
+    if (row.default_rank == nullptr) {
+        return {};
+    }
+    return router_default_list(*state.input.known, row.kind, row.default_rank);
+}
+
+void settle_emptied_list(translator& state, const keyword_row& row, size_t line,
+                         const std::vector<std::string_view>& instead) {
+    const std::string keyword = shown(row.output_keyword());
+    if (state.result.fips_mode) {
+        refuse(state, text_format("line %zu: %s: the list is empty in FIPS mode; the file is not used", line,
+                                  keyword.c_str()));
+        return;
+    }
+    const std::string owner = instead.empty() ? std::string(state.input.kind->program) + "'s own" : "the router's";
+    add_remark(
+        state, severity::error,
+        text_format("line %zu: %s: the list is empty; %s default is in force", line, keyword.c_str(), owner.c_str()));
+    if (!instead.empty()) {
+        write_line(state, row, joined(instead), line);
+    }
+}
+
+/// Without a list the program would offer its own default, which is not what the router shows. FIPS mode also refuses a
+/// list of which nothing is left.
 void settle_list(translator& state, const keyword_row& row) {
     const std::string key = lower_case(row.output_keyword());
     if (state.written.count(key) != 0) {
         return;
     }
-    const auto emptied = state.emptied.find(key);
-    if (emptied == state.emptied.end()) {
-        if (state.result.fips_mode) {
-            const auto approved = fips_default_list(*state.input.known, row.kind);
-            if (approved.empty()) {
-                refuse(state, text_format("%s: this OpenSSH supports no algorithm that is approved in FIPS mode",
-                                          shown(row.output_keyword()).c_str()));
-            } else {
-                write_line(state, row, joined(approved), 0);
-            }
-        }
-        return;
-    }
-    if (state.result.fips_mode) {
-        refuse(state, text_format("line %zu: %s: the list is empty in FIPS mode; the file is not used", emptied->second,
+    const std::vector<std::string_view> instead = default_list(state, row);
+    if (const auto emptied = state.emptied.find(key); emptied != state.emptied.end()) {
+        settle_emptied_list(state, row, emptied->second, instead);
+        state.emptied.erase(emptied);
+    } else if (!instead.empty()) {
+        write_line(state, row, joined(instead), 0);
+    } else if (state.result.fips_mode) {
+        refuse(state, text_format("%s: this OpenSSH supports no algorithm that is approved in FIPS mode",
                                   shown(row.output_keyword()).c_str()));
-    } else {
-        add_remark(state, severity::error,
-                   text_format("line %zu: %s: the list is empty; %s's own default is in force", emptied->second,
-                               shown(row.output_keyword()).c_str(), state.input.kind->program));
     }
-    state.emptied.erase(emptied);
 }
 
 /// sshd's own defaults would open what a router keeps closed, or bypass the accounts' PAM service.

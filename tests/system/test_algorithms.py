@@ -160,17 +160,56 @@ def test_a_server_offers_what_is_configured_and_supported_in_its_order(server, p
         assert settings[3] == expected[3] + dss
 
 
-def test_without_a_list_stock_sshds_own_is_in_force(server):
+def shown():
+    """The lists of the server parameters, reduced to what stock sshd supports, in the order of offered()."""
+    parameters = router.ctl("show", "/oper/crypto-ssh/gl/server-params")
+    fields = {"Kexalgo": "kex", "Cipheralgo": "cipher", "Macalgo": "mac", "Hostkeyalgo": "HostKeyAlgorithms"}
+    return [supported(parameters[field].split(","), word) for field, word in fields.items()]
+
+
+def expect_offer(vrf, kex, ciphers, macs, keys):
+    """In what a client is offered, which has only the host keys that exist, and in the server's file."""
+    lists = offered(vrf)
+    assert list(lists[:3]) == [kex, ciphers, macs]
+    assert launched(vrf) == [kex, ciphers, macs, keys]
+    assert sorted(lists[3]) == sorted(name for name in keys if name in HOST_KEYS)
+
+
+def test_what_is_shown_is_what_is_offered(server):
     # A start removes the lines that deletions in other tests have left.
     router.restart_agent()
     vrf = server("red")
     lines = "\n".join(router.server_lines(vrf))
     assert "Ciphers" not in lines and "KexAlgorithms" not in lines
-    assert CHACHA20 in offered(vrf)[1]
+    assert shown()[1] == DEFAULT_CIPHERS
+    expect_offer(vrf, *shown())
     router.set_item("cmn/algorithms/cipher", ["aes256-ctr"])
-    assert offered(vrf)[1] == ["aes256-ctr"]
+    assert shown()[1] == ["aes256-ctr"]
+    expect_offer(vrf, *shown())
     router.delete_item("cmn/algorithms/cipher")
-    assert offered(vrf)[1] == DEFAULT_CIPHERS
+    expect_offer(vrf, *shown())
+
+
+def test_in_fips_mode_the_routers_defaults_are_narrowed(server):
+    router.restart_agent()
+    vrf = server("red")
+    router.set_item(FIPS, True)
+    kex, ciphers, macs, _ = shown()
+    allowed = supported(["ecdsa-sha2-nistp521", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp256", "rsa-sha2-512",
+                         "rsa-sha2-256"], "HostKeyAlgorithms")
+    narrowed = [without(kex, *CURVES), without(ciphers, CHACHA20), macs]
+    assert list(offered(vrf)[:3]) == narrowed
+    lists = launched(vrf)
+    assert lists[:3] == narrowed and sorted(lists[3]) == sorted(allowed)
+
+
+def test_the_client_offers_the_routers_defaults():
+    router.restart_agent()
+    router.run("/pkg/bin/ssh_csm", "-G", "router")
+    lines = (TRANSLATIONS / "ssh_config").read_text(encoding="utf-8").splitlines()
+    kex, ciphers, macs, keys = shown()
+    for keyword, names in (("KexAlgorithms", kex), ("Ciphers", ciphers), ("MACs", macs), ("HostKeyAlgorithms", keys)):
+        assert f"{keyword} {','.join(names)}" in lines
 
 
 # --- Refusals

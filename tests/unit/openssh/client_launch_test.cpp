@@ -35,6 +35,16 @@ constexpr const char* agent_file =
     "Ciphers chacha20-poly1305@openssh.com,aes256-ctr,\n"
     "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256,\n";
 
+/// The router's default lists, all of which the installed ssh knows.
+constexpr const char* default_lists =
+    "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
+    "chacha20-poly1305@openssh.com\n"
+    "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1\n"
+    "KexAlgorithms ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
+    "curve25519-sha256,diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,curve25519-sha256@libssh.org\n"
+    "HostKeyAlgorithms ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,"
+    "rsa-sha2-256,ssh-rsa,ssh-dss\n";
+
 /// A launcher with every path in a scratch directory and the installed ssh.
 class launcher_client : public testing::Test {
   protected:
@@ -129,9 +139,9 @@ TEST_F(launcher_client, in_fips_mode_a_list_of_which_nothing_is_left_is_not_used
 TEST_F(launcher_client, an_emptied_list_is_told_at_the_terminal) {
     scratch_.write("ssh_config", "Ciphers rot13\nStrictHostKeyChecking perhaps\n");
     EXPECT_EQ(prepare(), "");
-    EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: the list is empty; ssh's own default is in force"));
+    EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: the list is empty; the router's default is in force"));
     EXPECT_THAT(log_, HasSubstr("ssh does not accept the value \"perhaps\""));
-    EXPECT_EQ(settings_, "");
+    EXPECT_EQ(settings_, default_lists);
 }
 
 TEST_F(launcher_client, a_missing_file_is_told) {
@@ -217,7 +227,7 @@ TEST_F(launcher_client, stock_ssh_takes_every_value_that_a_form_takes) {
 TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
     scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
     EXPECT_EQ(prepare(), "");
-    EXPECT_EQ(settings_, "IPQoS 0x40\n");
+    EXPECT_EQ(settings_, std::string("IPQoS 0x40\n") + default_lists);
     EXPECT_THAT(log_, HasSubstr("line 2: Host ignored"));
 }
 

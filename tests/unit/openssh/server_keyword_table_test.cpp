@@ -79,6 +79,10 @@ std::string row_text(const keyword_row& row) {
     if (row.how == treatment::list || row.how == treatment::additional_keys) {
         text += std::string(" of ") + algorithm_kind_names[static_cast<size_t>(row.kind)];
     }
+    if (row.default_rank != nullptr) {
+        text +=
+            row.default_rank == &algorithm_row::server_rank ? " by default the server's" : " by default the client's";
+    }
     if (row.form != nullptr) {
         text += ' ' + form_name(row.form);
     }

@@ -29,11 +29,23 @@ translation translate_text(std::string_view text) {
         {.text = text, .source_name = "/files/sshd_config_red", .known = &known, .key_is_usable = is_made_key});
 }
 
-/// The settings alone, without the head that every translation has and the two defaults that a test leaves unsaid.
+// As the server parameters show them before anything is configured, but for the certificate that OpenSSH does not know.
+constexpr std::string_view default_lists[] = {
+    "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
+    "chacha20-poly1305@openssh.com",
+    "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1",
+    "KexAlgorithms ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
+    "curve25519-sha256,diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,curve25519-sha256@libssh.org",
+    "HostKeyAlgorithms ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,"
+    "rsa-sha2-256,ssh-rsa,ssh-dss",
+};
+
+/// The settings alone, without the head that every translation has and the defaults that a test leaves unsaid.
 std::string settings_of(const translation& result) {
     std::string settings;
     for (const std::string_view line : split(result.text, "\n")) {
-        if (line[0] != '#' && line != "PidFile none" && line != "UsePAM yes" && line != "AllowTcpForwarding no") {
+        if (line[0] != '#' && line != "PidFile none" && line != "UsePAM yes" && line != "AllowTcpForwarding no" &&
+            std::find(std::begin(default_lists), std::end(default_lists), line) == std::end(default_lists)) {
             settings.append(line).append("\n");
         }
     }
@@ -101,11 +113,31 @@ TEST(launcher_translate, refuses_a_file_without_a_host_key) {
     }
 }
 
-TEST(launcher_translate, an_emptied_list_is_left_out_loudly) {
+TEST(launcher_translate, an_absent_list_is_the_routers_default) {
+    const translation result = translate_text("HostKey /pkg/rsa\n");
+    for (const std::string_view line : default_lists) {
+        EXPECT_THAT(result.text, HasSubstr("\n" + std::string(line) + "\n"));
+    }
+    EXPECT_THAT(result.text, Not(HasSubstr("PubkeyAcceptedAlgorithms")));
+}
+
+TEST(launcher_translate, the_routers_default_is_cut_to_what_openssh_knows) {
+    known_algorithms known = fixed_algorithms();
+    known.names[static_cast<size_t>(algorithm_kind::cipher)] = {"3des-cbc", "aes256-ctr", "aes128-ctr"};
+    known.names[static_cast<size_t>(algorithm_kind::mac)] = {"umac-64@openssh.com"};
+    const translation result =
+        translate({.text = "MACs rot13", .source_name = "/f", .known = &known, .key_is_usable = is_made_key});
+    EXPECT_THAT(result.text, HasSubstr("\nCiphers aes128-ctr,aes256-ctr\n"));
+    EXPECT_THAT(result.text, Not(HasSubstr("MACs")));
+    EXPECT_THAT(remarks_of(result),
+                testing::Contains("<3> line 1: MACs: the list is empty; sshd's own default is in force"));
+}
+
+TEST(launcher_translate, an_emptied_list_is_replaced_loudly) {
     const translation result = translate_text("HostKey /pkg/rsa\nCiphers rot13,\n");
     EXPECT_FALSE(result.refused);
-    EXPECT_THAT(result.text, Not(HasSubstr("Ciphers")));
-    EXPECT_EQ(remarks_of(result).back(), "<3> line 2: Ciphers: the list is empty; sshd's own default is in force");
+    EXPECT_THAT(result.text, HasSubstr("\n" + std::string(default_lists[0]) + "\n"));
+    EXPECT_EQ(remarks_of(result).back(), "<3> line 2: Ciphers: the list is empty; the router's default is in force");
 }
 
 TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
