@@ -20,8 +20,9 @@ OTHER_PORT = 8080
 
 
 def set_list(family, name, *lines, **options):
-    """Replaces the list of that name with these lines."""
-    return router.ctl("acl", "set", family, name, "-", input="".join(line + "\n" for line in lines), **options)
+    """Replaces the list of that name with these lines; without lines, empties it."""
+    empty = [] if lines else ["--empty"]
+    return router.ctl("acl", "set", *empty, family, name, "-", input="".join(line + "\n" for line in lines), **options)
 
 
 def delete_list(family, name):

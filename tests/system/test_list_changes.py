@@ -135,3 +135,54 @@ def test_a_list_whose_first_load_fails_is_followed(mgmt, nft_that_rejects):
     accept_again()
     set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
     wait_for_rules(mgmt, "norvossh_v4acl", text="192.0.2.2")
+
+
+def open_to_everybody():
+    return reached((ALLOWED, ROUTER, 22), (DENIED, ROUTER, 22)) == {(ALLOWED, ROUTER, 22), (DENIED, ROUTER, 22)}
+
+
+def test_an_emptied_list_leaves_the_port_open_before_and_after_a_restart(mgmt):
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    bind("ops")
+    router.wait_until(lambda: reached((ALLOWED, ROUTER, 22)), what="the permitted get in")
+    assert not open_to_everybody()
+    answer = set_list("ipv4", "ops")
+    assert answer["warnings"] == ["VRF mgmt: SSH is open to every IPv4 source: IPv4 access list ops is empty"]
+    wait_for_rules(mgmt, "norvossh_v4acl")
+    router.wait_until(open_to_everybody, what="everybody gets in")
+    router.restart_agent()
+    router.wait_until(open_to_everybody, what="everybody gets in after the restart")
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    wait_for_rules(mgmt, "norvossh_v4acl", text=ALLOWED)
+    assert not open_to_everybody()
+
+
+def test_a_list_changed_while_the_namespace_is_away_is_loaded_when_it_returns(vrf):
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
+    vrf("mgmt")
+    bind("ops")
+    wait_for_rules("mgmt", "norvossh_v4acl", text="192.0.2.1")
+    router.delete_namespace("mgmt")
+    unit = router.UNITS / router.server_unit("mgmt")
+    router.wait_until(lambda: not unit.exists(), what=f"{unit} goes with its namespace")
+    set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
+    vrf("mgmt")
+    wait_for_rules("mgmt", "norvossh_v4acl", text="192.0.2.2")
+
+
+def test_an_empty_input_changes_nothing(mgmt):
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    bind("ops")
+    wait_for_rules(mgmt, "norvossh_v4acl", text=ALLOWED)
+    refused = router.run("sh", "-c", "false | ssh_cfg_ctl acl set ipv4 ops -", check=False)
+    assert (refused.returncode, refused.stdout) == (5, "")
+    assert "access list ops: no entries, nothing has been changed" in refused.stderr
+    assert any(ALLOWED in rule for rule in access_lists.rules(mgmt, "norvossh_v4acl"))
+
+
+def test_a_list_that_confines_nobody_is_warned_of(mgmt):
+    result = router.run("ssh_cfg_ctl", "set", router.SERVER + ITEM, '[null, "opps"]')
+    assert result.stderr.splitlines() == [
+        "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv4 source: there is no IPv4 access list opps",
+        "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv6 source: the item names only an IPv4 access list",
+    ]

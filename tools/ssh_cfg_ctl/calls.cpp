@@ -131,13 +131,17 @@ control_json lines_of(std::string_view text) {
     return lines;
 }
 
-ctl_request acl_set_request(const argument_list& arguments) {
+/// `arguments` as without --empty.
+ctl_request acl_set_request(const argument_list& arguments, bool may_be_empty) {
     control_json problem;
     const std::optional<std::string> text = ctl_read_file(arguments[3], problem);
     if (!text.has_value()) {
         return {{}, problem};
     }
     control_json request = {{"call", "acl_set"}, {"family", arguments[1]}, {"name", arguments[2]}};
+    if (may_be_empty) {
+        request["empty"] = true;
+    }
     const size_t start = text->find_first_not_of(" \t\r\n");
     if (start != std::string::npos && (*text)[start] == '[') {
         std::string error;
@@ -154,8 +158,13 @@ ctl_request acl_set_request(const argument_list& arguments) {
     return ask(std::move(request));
 }
 
-ctl_request acl_request(const argument_list& arguments) {
+ctl_request acl_request(const argument_list& given) {
+    argument_list arguments = given;
+    const bool may_be_empty = std::erase(arguments, "--empty") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
+    if (may_be_empty && verb != "set") {
+        return wrong_arguments();
+    }
     if (verb == "list" && arguments.size() == 1) {
         return ask({{"call", "acl_list"}});
     }
@@ -163,7 +172,7 @@ ctl_request acl_request(const argument_list& arguments) {
         return wrong_arguments();
     }
     if (verb == "set" && arguments.size() == 4) {
-        return acl_set_request(arguments);
+        return acl_set_request(arguments, may_be_empty);
     }
     if ((verb == "show" || verb == "delete") && arguments.size() == 3) {
         return ask({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}});
@@ -379,7 +388,7 @@ constexpr ctl_call_row calls[] = {
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
      bare_request<watch_name>, no_text, true},
-    {"acl", "set ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
+    {"acl", "set [--empty] ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},

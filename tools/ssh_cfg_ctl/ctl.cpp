@@ -90,6 +90,13 @@ int report_unknown_call(const ctl_command_line& line) {
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }
 
+/// What the operator should know although the change is done.
+void warn(const control_json& answer) {
+    for (const control_json& warning : answer.value("warnings", control_json::array())) {
+        complain("warning: " + warning.get<std::string>());
+    }
+}
+
 /// Whether the call has done something worth printing, although not everything is as it should be.
 bool has_output(control_result result, const control_json& answer) {
     return result == control_result::done || result == control_result::not_in_force || answer.contains("data");
@@ -103,6 +110,7 @@ int report(const ctl_command_line& line, const ctl_call_row& row, const control_
     if (result != control_result::done) {
         complain(answer.value("message", "the agent gave no reason"));
     }
+    warn(answer);
     if (line.json) {
         return print(control_json_text(answer.contains("data") ? answer["data"] : answer) + '\n', result);
     }

@@ -1,7 +1,7 @@
 /// ACL service: named IPv4 and IPv6 access lists and notifications of their changes.
 ///
 /// The entries of the lists are read through the datastore (/oper/ipv4-acl/, /oper/ipv6-acl/) as records with the
-/// service's own schemas.
+/// service's own schemas. A list without entries is reported everywhere like one that does not exist.
 #ifndef PLATFORM_ACL_SERVICE_H
 #define PLATFORM_ACL_SERVICE_H
 

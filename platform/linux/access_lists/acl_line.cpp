@@ -293,7 +293,6 @@ class line_parser {
         if (take("tcp-flags")) {
             return parse_flags();
         }
-        std::string keywords;
         for (const acl_condition_row& row : acl_conditions) {
             if (row.keyword == nullptr || !acl_family_has(acl_fields_of(row, ipv6_))) {
                 continue;
@@ -301,10 +300,20 @@ class line_parser {
             if (take(row.keyword)) {
                 return parse_condition(no_names, row, row.keyword);
             }
-            keywords += (acl_family_has(row.ipv6) ? ", " : " or ") + std::string(row.keyword);
         }
-        return fail(quoted(word()) + ": expected log, counter, established, tcp-flags" + keywords +
-                    ", or the end of the entry");
+        return fail(quoted(word()) + ": unknown option; the options are " + option_names());
+    }
+
+    std::string option_names() const {
+        std::string names = "log, counter, established, tcp-flags";
+        std::string last;
+        for (const acl_condition_row& row : acl_conditions) {
+            if (row.keyword != nullptr && acl_family_has(acl_fields_of(row, ipv6_))) {
+                names += last.empty() ? "" : ", " + last;
+                last = row.keyword;
+            }
+        }
+        return names + " and " + last;
     }
 
     bool check_tcp(const char* option) {

@@ -40,6 +40,10 @@ platform_status serve_list(uint32_t family, std::string_view path, std::vector<d
     std::vector<acl_stored_entry> entries;
     const platform_status status =
         acl_list_entries(family, path.substr(0, path.size() - sequence_table.size()), entries);
+    // Otherwise an emptied list would leave the port open until the agent starts again, and closed afterwards.
+    if (status == PLATFORM_OK && entries.empty()) {
+        return DATASTORE_NO_SUCH_LIST;
+    }
     for (acl_stored_entry& entry : entries) {
         served.push_back({std::to_string(entry.sequence), std::move(entry.record)});
     }

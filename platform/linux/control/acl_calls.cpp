@@ -1,10 +1,11 @@
 /// Calls on access lists. Request members: family ("ipv4" or "ipv6"), name, and for acl_set either `lines` (an array of
-/// texts) or `entries` (an array of objects).
+/// texts) or `entries` (an array of objects), and `empty`: true if the list may be without entries.
 #include <vector>
 
 #include "common/text.h"
 #include "linux/access_lists/acl_json.h"
 #include "linux/access_lists/acl_line.h"
+#include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 
@@ -132,6 +133,21 @@ control_json read_list(uint32_t family, const control_json& request, std::vector
     return control_wrong_member("entries", "an array of entries");
 }
 
+/// A list without entries opens the port, and is more often the end of a broken pipe than meant. Returns null if the
+/// request says that it is meant.
+control_json check_empty(const wished_list& wish, const control_json& request) {
+    const auto empty = request.find("empty");
+    if (empty != request.end() && !empty->is_boolean()) {
+        return control_wrong_member("empty", "true or false");
+    }
+    if (empty != request.end() && empty->get<bool>()) {
+        return {};
+    }
+    return control_answer(control_result::refused, "access list " + wish.name +
+                                                       ": no entries, nothing has been changed. An empty list leaves "
+                                                       "the port open; if that is intended, use --empty");
+}
+
 std::string audited(const wished_list& wish) {
     return std::string(wish.family->name) + ' ' + wish.name;
 }
@@ -145,12 +161,18 @@ control_json control_call_acl_set(const control_json& request, const control_pee
     if (problem.is_null()) {
         problem = read_list(wish.family->code, request, entries);
     }
+    if (problem.is_null() && entries.empty()) {
+        problem = check_empty(wish, request);
+    }
     if (!problem.is_null()) {
         return problem;
     }
     const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
     control_json answer = status == PLATFORM_OK ? control_answer(control_result::done) : failure(wish, status);
     answer["entries"] = entries.size();
+    if (status == PLATFORM_OK) {
+        control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
+    }
     control_audit(peer, "acl set", status == PLATFORM_OK ? control_result::done : control_result::failed,
                   {audited(wish)});
     return answer;
@@ -167,7 +189,9 @@ control_json control_call_acl_delete(const control_json& request, const control_
         return failure(wish, status);
     }
     control_audit(peer, "acl delete", control_result::done, {audited(wish)});
-    return control_answer(control_result::done);
+    control_json answer = control_answer(control_result::done);
+    control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
+    return answer;
 }
 
 control_json control_call_acl_list(const control_json& /*request*/, const control_peer& /*peer*/) {

@@ -118,6 +118,12 @@ control_json control_wrong_member(const char* name, const char* wanted) {
                           std::string("member \"") + name + "\" of the request must be " + wanted);
 }
 
+void control_add_warnings(control_json& answer, const std::vector<std::string>& warnings) {
+    for (const std::string& warning : warnings) {
+        answer["warnings"].push_back(warning);
+    }
+}
+
 control_json control_data_answer(control_json data) {
     control_json answer = control_answer(control_result::done);
     answer["data"] = std::move(data);

@@ -25,6 +25,9 @@ std::string control_not_in_force_text(const enforcement_entry& entry);
 /// Makes the answer to a change that was stored one that tells what is not in force: result, message and "not_in_force".
 void control_tell_not_in_force(control_json& answer, const std::vector<enforcement_entry>& entries);
 
+/// Adds warnings to the answer to a change, in the array "warnings". The change is done nevertheless.
+void control_add_warnings(control_json& answer, const std::vector<std::string>& warnings);
+
 // Changes (change_calls.cpp).
 control_json control_call_set(const control_json& request, const control_peer& peer);
 control_json control_call_delete(const control_json& request, const control_peer& peer);

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/value.h"
@@ -88,6 +89,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
     if (outcome == control_result::done) {
         answer["check"] = call.check_only;
         answer["items"] = items_of(result);
+        control_add_warnings(answer, acl_commit_warnings(result.items));
     } else if (!result.path.empty()) {
         answer["path"] = result.path;
     }

@@ -366,7 +366,7 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
     }
     std::vector<datastore_item_outcome> items;
     for (const auto& [path, planned] : plan) {
-        items.push_back({path, planned.outcome()});
+        items.push_back({path, planned.outcome(), planned.previous, planned.value});
     }
     if (!check_only) {
         stored = store_all(plan, result);

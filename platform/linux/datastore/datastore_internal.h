@@ -28,6 +28,8 @@ enum class datastore_outcome : uint8_t { unchanged, created, changed, deleted };
 struct datastore_item_outcome {
     std::string path;
     datastore_outcome outcome;
+    std::optional<datastore_stored> previous;
+    std::optional<datastore_stored> value;  ///< nothing if the item is deleted
 };
 
 /// Who refused a commit.

@@ -48,6 +48,22 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("reload", {"--timeout", "3600"}), R"({"call":"reload","timeout":3600})");
 }
 
+TEST(ctl_calls, acl_set_sends_lines_or_entries) {
+    const std::string file = testing::TempDir() + "ctl_calls_test.acl";
+    std::ofstream(file) << "10 permit tcp any any\n# end\n";
+    EXPECT_EQ(request("acl", {"set", "ipv4", "ops", file}),
+              R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["10 permit tcp any any","# end"]})");
+    std::ofstream(file, std::ios::trunc) << R"( [{"Grant":"permit"}])";
+    EXPECT_EQ(request("acl", {"set", "ipv6", "ops", file}),
+              R"({"call":"acl_set","family":"ipv6","name":"ops","entries":[{"Grant":"permit"}]})");
+    std::ofstream(file, std::ios::trunc) << "";
+    const std::string empty = R"({"call":"acl_set","family":"ipv4","name":"ops","empty":true,"lines":[]})";
+    EXPECT_EQ(request("acl", {"set", "--empty", "ipv4", "ops", file}), empty);
+    EXPECT_EQ(request("acl", {"set", "ipv4", "ops", file, "--empty"}), empty);
+    EXPECT_EQ(made("acl", {"delete", "--empty", "ipv4", "ops"}).problem["result"], "usage");
+    EXPECT_EQ(made("acl", {"set", "--empty", "ipv4", "ops"}).problem["result"], "usage");
+}
+
 TEST(ctl_calls, key_import_sends_what_the_file_holds) {
     const std::string file = testing::TempDir() + "ctl_calls_test.pub";
     std::ofstream(file) << "# mine\nssh-rsa AAAA me\n";

@@ -64,6 +64,19 @@ TEST(ctl_run, a_change_is_silent_unless_json_is_wanted) {
     EXPECT_EQ(run({"debug", "cfg-agent", "on"}, R"({"result":"done"})").output, "");
 }
 
+TEST(ctl_run, warnings_are_on_standard_error_and_the_change_is_done) {
+    const std::string answer = R"({"result":"done","items":[],"warnings":["VRF blue: open","VRF red:\u001b open"]})";
+    const std::string errors = "ssh_cfg_ctl: warning: VRF blue: open\nssh_cfg_ctl: warning: VRF red:\\x1b open\n";
+    const outcome plain = run({"set", "/a", "1"}, answer);
+    EXPECT_EQ(plain.status, 0);
+    EXPECT_EQ(plain.output, "");
+    EXPECT_EQ(plain.errors, errors);
+    const outcome json = run({"--json", "set", "/a", "1"}, answer);
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(json.output, answer + "\n");
+    EXPECT_EQ(json.errors, errors);
+}
+
 TEST(ctl_run, what_is_stored_but_not_in_force_has_a_status_of_its_own) {
     const std::string answer =
         R"({"result":"not_in_force","check":false,"items":[{"path":"/a","outcome":"changed"}],)"

@@ -216,6 +216,14 @@ TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_their_order) 
     EXPECT_EQ(datastore_list_get(binding, "ops/", -1, &list, &count), DATASTORE_NO_SUCH_LIST);
 }
 
+TEST_F(acl_service_test, an_empty_list_is_read_like_one_that_does_not_exist) {
+    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", {}), PLATFORM_OK);
+    datastore_binding* binding = bind("/oper/ipv4-acl/gl/show/access-list/");
+    datastore_list* list = nullptr;
+    uint32_t count = 0;
+    EXPECT_EQ(datastore_list_get(binding, "ops/sequencetable/", -1, &list, &count), DATASTORE_NO_SUCH_LIST);
+}
+
 TEST_F(acl_service_test, names_have_1_to_64_plain_characters) {
     for (const std::string& name : {std::string("a"), std::string("A_b-c.9"), std::string(64, 'n')}) {
         EXPECT_TRUE(acl_name_is_valid(name)) << name;
@@ -260,6 +268,24 @@ TEST_F(acl_service_test, a_refused_call_names_the_line_and_leaves_the_list) {
         R"({"Grant":"permit","SequenceNumber":10}]})";
     EXPECT_THAT(message(turned), HasSubstr("entry 2: SequenceNumber: 10; expected a number greater than"));
     EXPECT_EQ(ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["lines"].size(), 1U);
+}
+
+TEST_F(acl_service_test, an_empty_list_must_be_asked_for) {
+    ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit tcp any any"]})");
+    audit.clear();
+    for (const std::string& wrong :
+         {std::string(R"("lines":[])"), std::string(R"("lines":["# nothing","remark more"])"),
+          std::string(R"("entries":[])"), std::string(R"("lines":[],"empty":false)")}) {
+        const std::string request = R"({"call":"acl_set","family":"ipv4","name":"ops",)" + wrong + '}';
+        EXPECT_EQ(result(request), "refused") << wrong;
+        EXPECT_THAT(message(request), HasSubstr("access list ops: no entries, nothing has been changed")) << wrong;
+        EXPECT_THAT(message(request), HasSubstr("--empty")) << wrong;
+    }
+    EXPECT_THAT(audit, IsEmpty());
+    EXPECT_EQ(ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["lines"].size(), 1U);
+    EXPECT_EQ(result(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":[],"empty":1})"), "usage");
+    EXPECT_EQ(result(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":[],"empty":true})"), "done");
+    EXPECT_EQ(ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["lines"].size(), 0U);
 }
 
 TEST_F(acl_service_test, a_refused_name_is_shown) {

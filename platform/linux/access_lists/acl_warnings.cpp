@@ -1,0 +1,153 @@
+#include "linux/access_lists/acl_warnings.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <variant>
+
+#include "linux/access_lists/acl_service_internal.h"
+#include "linux/datastore/schema.h"
+
+namespace {
+
+constexpr char protocol_item[] = "/cfg/gl/crypto/ssh/server/sshd/v2";
+constexpr char default_vrf_item[] = "/cfg/gl/crypto/ssh/server/sshd/vrf/default";
+
+struct service_row {
+    const char* name;
+    std::string_view items;  ///< the path of a VRF's item, without the VRF's name
+};
+
+constexpr service_row services[] = {
+    {"SSH", "/cfg/gl/crypto/ssh/server/sshd/vrf/"},
+    {"NETCONF", "/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/"},
+};
+
+struct family_row {
+    const char* name;
+    const char* article;
+    uint32_t code;
+    size_t field;  ///< of a VRF item
+};
+
+constexpr family_row families[] = {{"IPv4", "an IPv4", ACL_FAMILY_IPV4, 1}, {"IPv6", "an IPv6", ACL_FAMILY_IPV6, 2}};
+
+/// The names of a VRF item's lists by family; empty for none.
+using list_names = std::array<std::string, std::size(families)>;
+
+const family_row& family_of(uint32_t code) {
+    return families[code == ACL_FAMILY_IPV6 ? 1 : 0];
+}
+
+const service_row* find_service(std::string_view path) {
+    const auto* found = std::find_if(std::begin(services), std::end(services),
+                                     [path](const service_row& row) { return path.starts_with(row.items); });
+    return found != std::end(services) ? found : nullptr;
+}
+
+list_names names_of(const datastore_value& value) {
+    list_names names;
+    const auto* fields = std::get_if<datastore_fields>(&value);
+    for (size_t i = 0; fields != nullptr && i < names.size(); i++) {
+        const size_t field = families[i].field;
+        const std::string* name = field < fields->size() && (*fields)[field].has_value()
+                                      ? std::get_if<std::string>(&*(*fields)[field])
+                                      : nullptr;
+        names[i] = name != nullptr ? *name : "";
+    }
+    return names;
+}
+
+list_names names_of(const std::string& path, const std::optional<datastore_stored>& stored) {
+    const schema_row* row = schema_find(path, nullptr);
+    datastore_value value;
+    const bool readable = stored.has_value() && row != nullptr && schema_load(*row, *stored, value) == PLATFORM_OK;
+    return readable ? names_of(value) : list_names();
+}
+
+bool any_named(const list_names& names) {
+    return std::any_of(names.begin(), names.end(), [](const std::string& name) { return !name.empty(); });
+}
+
+/// Why a list confines nobody; empty if it has entries.
+std::string reason_of_openness(const family_row& family, std::string_view name) {
+    std::vector<acl_stored_entry> entries;
+    const platform_status status = acl_list_entries(family.code, name, entries);
+    if (status == DATASTORE_NO_SUCH_LIST) {
+        return std::string("there is no ") + family.name + " access list " + std::string(name);
+    }
+    return status == PLATFORM_OK && entries.empty()
+               ? std::string(family.name) + " access list " + std::string(name) + " is empty"
+               : "";
+}
+
+/// The beginning of a warning.
+std::string place_of(const service_row& service, std::string_view vrf) {
+    return "VRF " + std::string(vrf) + ": " + service.name;
+}
+
+std::string open_port(const service_row& service, std::string_view vrf, const family_row& family,
+                      const std::string& reason) {
+    return place_of(service, vrf) + " is open to every " + family.name + " source: " + reason;
+}
+
+void warn_of_item(const service_row& service, std::string_view vrf, const list_names& names,
+                  std::vector<std::string>& warnings) {
+    for (size_t i = 0; any_named(names) && i < names.size(); i++) {
+        const std::string reason = names[i].empty()
+                                       ? std::string("the item names only ") + families[1 - i].article + " access list"
+                                       : reason_of_openness(families[i], names[i]);
+        if (!reason.empty()) {
+            warnings.push_back(open_port(service, vrf, families[i], reason));
+        }
+    }
+}
+
+bool is_protocol_item_configured(const std::vector<datastore_item_outcome>& items) {
+    for (const datastore_item_outcome& item : items) {
+        if (item.path == protocol_item) {
+            return item.value.has_value();
+        }
+    }
+    datastore_value value;
+    return datastore_get_value(protocol_item, value) == PLATFORM_OK;
+}
+
+}  // namespace
+
+std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items) {
+    std::vector<std::string> warnings;
+    for (const datastore_item_outcome& item : items) {
+        const service_row* service = find_service(item.path);
+        if (service == nullptr) {
+            continue;
+        }
+        const std::string_view vrf = std::string_view(item.path).substr(service->items.size());
+        if (item.value.has_value()) {
+            warn_of_item(*service, vrf, names_of(item.path, item.value), warnings);
+        } else if (item.path == default_vrf_item && any_named(names_of(item.path, item.previous)) &&
+                   is_protocol_item_configured(items)) {
+            warnings.push_back(place_of(*service, vrf) +
+                               " is open to every source: sshd/v2 keeps its server running, without access lists");
+        }
+    }
+    return warnings;
+}
+
+std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name) {
+    const family_row& row = family_of(family);
+    const std::string reason = reason_of_openness(row, name);
+    std::vector<std::string> warnings;
+    if (reason.empty()) {
+        return warnings;
+    }
+    for (const service_row& service : services) {
+        datastore_visit(service.items, [&](const std::string& path, const datastore_value& value) {
+            if (names_of(value)[&row - families] == name) {
+                warnings.push_back(open_port(service, path.substr(service.items.size()), row, reason));
+            }
+            return true;
+        });
+    }
+    return warnings;
+}

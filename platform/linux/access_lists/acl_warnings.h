@@ -1,0 +1,22 @@
+/// Warnings about access lists for the answers to changes: which ports stay open although somebody seems to have wanted
+/// them closed. VRF, service and address family are always named.
+#ifndef LINUX_ACCESS_LISTS_ACL_WARNINGS_H
+#define LINUX_ACCESS_LISTS_ACL_WARNINGS_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/datastore/datastore_internal.h"
+
+/// Warnings about the VRF items of a commit that was carried out or checked: each list that does not exist or is empty,
+/// each address family without a list while the other one has a list, and lists that a running server has lost. May
+/// throw std::bad_alloc.
+std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items);
+
+/// Each port that the list leaves open because it has been deleted or emptied; nothing while it has entries. May throw
+/// std::bad_alloc.
+std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name);
+
+#endif
