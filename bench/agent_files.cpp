@@ -17,6 +17,7 @@
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/start_up.h"
 #include "fake/fake_platform.h"
 #include "figures.h"
@@ -37,16 +38,16 @@ start_up_work recorded;
 
 }  // namespace
 
-// The linker redirects the agent's calls of these two functions here (--wrap).
+// The linker redirects the agent's calls of run_shell_command and rename here (--wrap).
 extern "C" {
-int __real_system(const char* command);
+int __real__Z17run_shell_commandPKcRK13command_limiti(const char* command, const command_limit& limit, int output);
 int __real_rename(const char* from, const char* to);
 
-int __wrap_system(const char* command) {
+int __wrap__Z17run_shell_commandPKcRK13command_limiti(const char* command, const command_limit& limit, int output) {
     if (recording) {
         recorded.commands.emplace_back(command);
     }
-    return __real_system(command);
+    return __real__Z17run_shell_commandPKcRK13command_limiti(command, limit, output);
 }
 
 int __wrap_rename(const char* from, const char* to) {

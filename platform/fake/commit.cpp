@@ -177,6 +177,20 @@ commit_result commit(const change& change) {
     return commit(std::vector<fake_platform::change>{change});
 }
 
+namespace {
+
+void carry_out(const std::vector<item_change>& effective, commit_result& result) {
+    const internal::announced_commit announced;
+    for (const item_change& item : effective) {
+        apply(item, result);
+    }
+    for (const item_change& item : effective) {
+        notify(item.path, event_of(item), item.now);
+    }
+}
+
+}  // namespace
+
 commit_result commit(const std::vector<change>& changes) {
     commit_result result;
     if (datastore.handlers_running != 0) {
@@ -192,12 +206,7 @@ commit_result commit(const std::vector<change>& changes) {
     for (const item_change& item : effective) {
         store({item.path, item.now});
     }
-    for (const item_change& item : effective) {
-        apply(item, result);
-    }
-    for (const item_change& item : effective) {
-        notify(item.path, event_of(item), item.now);
-    }
+    carry_out(effective, result);
     result.not_in_force = internal::unenforced_since(reports);
     return result;
 }
@@ -225,6 +234,7 @@ platform_status datastore_backend_scan(datastore_binding* binding, const datasto
         return status;
     }
     const internal::handler_scope scope;
+    const internal::announced_commit announced;
     const auto items = datastore.items;
     for (const auto& [path, stored_value] : items) {
         const std::optional<std::string> below = item_below(binding, path);

@@ -19,6 +19,8 @@ struct enforcement_state {
     std::vector<failure_report> reports;
     enforcement_callbacks callbacks = {};
     void* context = nullptr;
+    enforcement_commit_callbacks commit_callbacks = {};
+    void* commit_context = nullptr;
     uint64_t runs = 0;
     uint64_t run = 0;  ///< the current comparison; 0 if none
 };
@@ -95,6 +97,18 @@ std::vector<unenforced> unenforced_since(size_t count) {
     return list;
 }
 
+announced_commit::announced_commit() {
+    if (enforcement.commit_callbacks.begin != nullptr) {
+        enforcement.commit_callbacks.begin(enforcement.commit_context);
+    }
+}
+
+announced_commit::~announced_commit() {
+    if (enforcement.commit_callbacks.end != nullptr) {
+        enforcement.commit_callbacks.end(enforcement.commit_context);
+    }
+}
+
 void reset_enforcement() {
     enforcement = enforcement_state();
 }
@@ -130,5 +144,14 @@ platform_status enforcement_register(const struct enforcement_callbacks* callbac
     }
     enforcement.callbacks = *callbacks;
     enforcement.context = context;
+    return PLATFORM_OK;
+}
+
+platform_status enforcement_announce_commits(const struct enforcement_commit_callbacks* callbacks, void* context) {
+    if (callbacks == nullptr || callbacks->begin == nullptr || callbacks->end == nullptr) {
+        return EINVAL;
+    }
+    enforcement.commit_callbacks = *callbacks;
+    enforcement.commit_context = context;
     return PLATFORM_OK;
 }

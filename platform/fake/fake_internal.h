@@ -39,6 +39,15 @@ void reset_services();
 void reset_shelf();
 void reset_enforcement();
 
+/// Announces a commit to the agent for as long as it lives.
+class announced_commit {
+  public:
+    announced_commit();
+    ~announced_commit();
+    announced_commit(const announced_commit&) = delete;
+    announced_commit& operator=(const announced_commit&) = delete;
+};
+
 /// How many failures of enforcement have been reported so far, and those after the first `count` that are still valid.
 size_t enforcement_reports();
 std::vector<unenforced> unenforced_since(size_t count);

@@ -25,6 +25,7 @@ struct mpp_state {
 struct node_state {
     uint32_t role = PROCESS_ROLE_PRIMARY;
     uint32_t respawn_count = 1;
+    uint32_t progress_reports = 0;
     uint32_t node_id = 1;
     std::map<uint32_t, std::string> node_names = {{1, "node0"}};
     std::map<std::string, uint32_t> vrf_ids;
@@ -79,6 +80,10 @@ bool namespace_announced(std::string_view namespace_name) {
     return mpp.namespaces.count(std::string(namespace_name)) != 0;
 }
 
+uint32_t progress_reports() {
+    return node.progress_reports;
+}
+
 namespace internal {
 
 void reset_services() {
@@ -99,6 +104,10 @@ uint32_t process_manager_role(void) {
 
 void process_manager_ready(void) {
     enter("process_manager_ready", {});
+}
+
+void process_manager_progress(void) {
+    node.progress_reports++;
 }
 
 int process_manager_wait_primary(void) {

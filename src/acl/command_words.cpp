@@ -5,8 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
+
+#include "core/shell_command.h"
 
 namespace {
 
@@ -57,7 +58,7 @@ int run_command(const char* command, char* words, size_t size) {
     const int before = errno;
     led_standard_error standard_error;
     errno = before;
-    const int result = system(command);
+    const int result = run_shell_command(command, nft_limit);
     const int after = errno;
     standard_error.end(words, size);
     errno = after;

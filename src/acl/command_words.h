@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-/// Runs a command through the shell, like system(), and returns its result, with errno as left by system(). `words`
+/// Runs an nft command like run_shell_command and returns its result, with errno as left by run_shell_command. `words`
 /// (`size` bytes, NUL-terminated) receives the beginning of what the command wrote to standard error, empty if it wrote
 /// nothing; all of it is also passed on to the agent's own standard error.
 int run_command(const char* command, char* words, size_t size);

@@ -5,11 +5,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 
 #include "config_files/trace_points.h"
 #include "core/debug.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/text.h"
 #include "platform/status.h"
 
@@ -50,7 +50,7 @@ int copy_file(const char* source, const char* destination) {
     char command[command_size];
     format_text(command, sizeof command, "cp %s %s", source, destination);
     debug_print("%s", command);
-    if (std::system(command) != 0) {
+    if (run_shell_command(command, copy_limit) != 0) {
         const int error = errno;
         trace_error(config_files_trace_copy, {source, destination, error});
         debug_print("Src-file:=%s, Dst-file:=%s, Error:=%s(0x%x) copy of file failed", source, destination,

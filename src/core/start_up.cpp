@@ -17,6 +17,7 @@
 #include "core/item_table.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/trace_points.h"
 #include "core/trace_table.h"
 #include "core/upcalls.h"
@@ -27,6 +28,7 @@
 #include "host/shelf_link.h"
 #include "oper/providers.h"
 #include "oper/telemetry.h"
+#include "platform/enforcement.h"
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
 #include "platform/process_manager.h"
@@ -457,10 +459,18 @@ void fill_upcalls() {
     agent_upcalls.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 
+/// A hanging systemd holds up a commit, or the initial scan, only once.
+void group_commands_by_commit() {
+    constexpr enforcement_commit_callbacks callbacks = {[](void*) { begin_command_group(); },
+                                                        [](void*) { end_command_group(); }};
+    enforcement_announce_commits(&callbacks, nullptr);
+}
+
 }  // namespace
 
 start_up_status start_up() {
     fill_upcalls();
+    group_commands_by_commit();
     for (const start_up_step& step : steps) {
         const start_up_status status = step.run();
         if (status != START_UP_DONE) {

@@ -11,7 +11,8 @@
     EVENT(0x102, core, ready, "agent ready")                                                     \
     ERROR(0x103, core, namespace_attach, "handler of namespace messages not attached", "status") \
     ERROR(0x104, core, dispatch, "item handlers not registered", "item", "status")               \
-    EVENT(0x105, core, debug_level, "debug flag switched", "action", "flag")
+    EVENT(0x105, core, debug_level, "debug flag switched", "action", "flag")                     \
+    ERROR(0x106, core, command_timed_out, "command did not end in time", "command", "seconds")
 // clang-format on
 
 CORE_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)

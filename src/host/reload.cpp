@@ -17,6 +17,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/text.h"
 #include "host/trace_points.h"
 #include "platform/managed_timer.h"
@@ -69,7 +70,7 @@ void clear_way(const char* file) {
 /// Creates the list and opens it. Returns null with the error, which is 0 if the command failed without setting errno.
 FILE* open_listing(const session_listing& listing, int* error) {
     clear_way(listing.file);
-    if (std::system(listing.command) != 0) {
+    if (run_shell_command(listing.command, listing_limit) != 0) {
         *error = errno;
         debug_print("Error:=%s(0x%x), cannot find running exec processess", platform_status_text(*error), *error);
         trace_error(host_trace_session_list, {listing.file, *error});

@@ -13,6 +13,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/text.h"
 #include "oper/trace_points.h"
 
@@ -176,7 +177,7 @@ int collect_sessions(const session_peers& peers, uint32_t* count, session_snapsh
     *snapshots = nullptr;
     char command[command_size] = {};
     format_text(command, sizeof(command), peers.command_format, peers.program);
-    if (system(command) != 0) {
+    if (run_shell_command(command, listing_limit) != 0) {
         debug_print(peers.not_found, strerror(errno), error_number());
         return errno;
     }

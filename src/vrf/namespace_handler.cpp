@@ -9,6 +9,7 @@
 
 #include "config_files/parameter_table.h"
 #include "config_files/vrf_node.h"
+#include "core/command_output.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
@@ -58,7 +59,7 @@ vrf_node* node_of_namespace(const char* namespace_name) {
 bool namespace_is_listed(const char* namespace_name) {
     char command[command_size];
     format_text(command, sizeof command, "ip netns list | grep %s", namespace_name);
-    FILE* listing = popen(command, "r");
+    FILE* listing = read_shell_command(command, listing_limit);
     if (listing == nullptr) {
         return false;
     }
@@ -67,7 +68,7 @@ bool namespace_is_listed(const char* namespace_name) {
     while (!found && std::fgets(line, sizeof line, listing) != nullptr) {
         found = begins_with(line, namespace_name);
     }
-    pclose(listing);
+    std::fclose(listing);
     return found;
 }
 

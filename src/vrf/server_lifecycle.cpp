@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "config_files/config_writer.h"
@@ -15,6 +14,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "core/shell_command.h"
 #include "core/text.h"
 #include "platform/enforcement.h"
 #include "vrf/protection.h"
@@ -51,7 +51,8 @@ void note_start_failed(const char* vrf_name, bool failed) {
     }
 }
 
-/// Reports whether the server is as the command was to make it; `status` is that of system(3). Leaves errno alone.
+/// Reports whether the server is as the command was to make it; `status` is what run_shell_command returned. Leaves errno
+/// alone.
 void report_server(const char* vrf_name, const char* command, int status) {
     const int error = errno;
     char subject[report_size];
@@ -60,7 +61,7 @@ void report_server(const char* vrf_name, const char* command, int status) {
         enforcement_restored(subject);
     } else {
         char reason[report_size];
-        format_text(reason, sizeof reason, "%s failed", command);
+        format_text(reason, sizeof reason, status == -1 && error == ETIMEDOUT ? "%s timed out" : "%s failed", command);
         enforcement_failed(subject, reason);
     }
     errno = error;
@@ -139,7 +140,7 @@ int read_probe_line(const char* vrf_name, char* line, int size) {
 int probe_server(const char* vrf_name, bool* active) {
     char command[command_size];
     format_text(command, sizeof command, paths::service_probe_command, vrf_name);
-    if (std::system(command) == -1) {
+    if (run_shell_command(command, systemctl_limit) == -1) {
         const int error = errno;
         debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to check process running status",
                     platform_status_text(error), error, vrf_name);

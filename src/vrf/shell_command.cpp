@@ -1,10 +1,11 @@
 #include "vrf/shell_command.h"
 
 #include <cerrno>
-#include <cstdlib>
+
+#include "core/shell_command.h"
 
 bool shell_command_failed(const char* command, int* status) {
-    const int result = std::system(command);
+    const int result = run_shell_command(command, systemctl_limit);
     if (status != nullptr) {
         *status = result;
     }

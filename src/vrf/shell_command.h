@@ -1,10 +1,10 @@
-/// Shell commands whose failure is determined by errno.
+/// Commands for systemd, whose failure is determined by errno.
 #ifndef VRF_SHELL_COMMAND_H
 #define VRF_SHELL_COMMAND_H
 
-/// Runs a command through the shell and waits for it. It has failed if its status is non-zero and errno is set. errno
-/// is deliberately not cleared before: systemctl may end with a non-zero status although it has done what was asked.
-/// `*status`, unless null, receives what system(3) returned.
+/// Runs a systemctl command through the shell and waits for it. It has failed if its status is non-zero and errno is
+/// set. errno is deliberately not cleared before: systemctl may end with a non-zero status although it has done what was
+/// asked. `*status`, unless null, receives what run_shell_command returned.
 bool shell_command_failed(const char* command, int* status = nullptr);
 
 #endif

@@ -46,6 +46,17 @@ struct enforcement_callbacks {
 /// `reconcile`.
 platform_status enforcement_register(const struct enforcement_callbacks* callbacks, void* context);
 
+struct enforcement_commit_callbacks {
+    /// The appliers of a commit, or those of one binding's initial scan, are about to run.
+    void (*begin)(void* context);
+    /// They have run, and so have the notifications. What is reported from within this call still belongs to the commit.
+    void (*end)(void* context);
+};
+
+/// Registers routines to be called around each commit, which replace those registered before. A platform need not call
+/// them; one that does calls them in pairs, never nested. The callbacks are copied. EINVAL unless both are given.
+platform_status enforcement_announce_commits(const struct enforcement_commit_callbacks* callbacks, void* context);
+
 #ifdef __cplusplus
 }
 #endif

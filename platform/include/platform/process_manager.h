@@ -19,6 +19,10 @@ uint32_t process_manager_role(void);
 /// Tells the platform that start-up is complete and others may rely on this process. May be called again.
 void process_manager_ready(void);
 
+/// The process has got on with its work. Long work reports this at each step, so that the platform can tell a process that
+/// is busy from one that hangs. Leaves errno alone.
+void process_manager_progress(void);
+
 /// Blocks until this node is the primary one. Returns 0, or -1 when the wait failed.
 int process_manager_wait_primary(void);
 

@@ -8,6 +8,7 @@
 #include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/state.h"
+#include "platform/process_manager.h"
 
 namespace {
 
@@ -303,6 +304,7 @@ void apply_item(const std::string& path, const planned_change& planned) {
         }
         const datastore_backend_call call = {item.data(), &change, nullptr, nullptr};
         const platform_status status = registration.apply(&call, registration.context);
+        process_manager_progress();
         if (status != PLATFORM_OK) {
             report_apply(path, status);
             applied = false;
@@ -322,11 +324,13 @@ void notify_item(const std::string& path, const planned_change& planned) {
         if (item.data() != nullptr && registration.notify != nullptr) {
             const datastore_notification notification = {item.data(), change.event, change.value, change.value_size};
             registration.notify(&notification, registration.context);
+            process_manager_progress();
         }
     }
 }
 
 void carry_out(const commit_plan& plan) {
+    const enforcement_announced_commit announced;
     for (const auto& [path, planned] : plan) {
         if (planned.known && planned.changes()) {
             apply_item(path, planned);

@@ -4,7 +4,9 @@
 #include <new>
 
 #include "linux/datastore/state.h"
+#include "linux/enforcement/enforcement_internal.h"
 #include "linux/reporting/log_message_internal.h"
+#include "platform/process_manager.h"
 
 namespace {
 
@@ -30,6 +32,7 @@ platform_status datastore_backend_scan(datastore_binding* binding, const datasto
         return EINVAL;
     }
     const datastore_handler_scope scope;
+    const enforcement_announced_commit announced;
     const std::string tree = binding->path;
     std::string path;
     datastore_stored stored;
@@ -38,6 +41,7 @@ platform_status datastore_backend_scan(datastore_binding* binding, const datasto
         const std::string_view item = std::string_view(path).substr(tree.size());
         if (datastore_pattern_matches(pattern, item) && schema_find(path, nullptr) != nullptr) {
             apply_as_created(table, path.c_str() + tree.size(), stored, cookie);
+            process_manager_progress();
         }
     }
     return status == DATASTORE_NO_SUCH_ITEM ? PLATFORM_OK : status;

@@ -17,6 +17,8 @@ struct enforcement_state {
     std::map<std::string, enforcement_entry, std::less<>> failed;
     enforcement_callbacks callbacks = {};
     void* context = nullptr;
+    enforcement_commit_callbacks commit_callbacks = {};
+    void* commit_context = nullptr;
     enforcement_collector* collectors = nullptr;  ///< the innermost one
     uint64_t runs = 0;                            ///< comparisons so far
     uint64_t run = 0;                             ///< the current comparison; 0 if none
@@ -136,6 +138,28 @@ platform_status enforcement_register(const struct enforcement_callbacks* callbac
     return PLATFORM_OK;
 }
 
+platform_status enforcement_announce_commits(const struct enforcement_commit_callbacks* callbacks, void* context) {
+    if (callbacks == nullptr || callbacks->begin == nullptr || callbacks->end == nullptr) {
+        return EINVAL;
+    }
+    state.commit_callbacks = *callbacks;
+    state.commit_context = context;
+    return PLATFORM_OK;
+}
+
+enforcement_announced_commit::enforcement_announced_commit()
+    : callbacks_(state.commit_callbacks), context_(state.commit_context) {
+    if (callbacks_.begin != nullptr) {
+        callbacks_.begin(context_);
+    }
+}
+
+enforcement_announced_commit::~enforcement_announced_commit() {
+    if (callbacks_.end != nullptr) {
+        callbacks_.end(context_);
+    }
+}
+
 std::vector<enforcement_entry> enforcement_list() {
     std::vector<enforcement_entry> list;
     for (const auto& [subject, entry] : state.failed) {
@@ -202,5 +226,7 @@ void enforcement_reset() {
     state.failed.clear();
     state.callbacks = {};
     state.context = nullptr;
+    state.commit_callbacks = {};
+    state.commit_context = nullptr;
     state.needed = nullptr;
 }

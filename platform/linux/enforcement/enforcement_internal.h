@@ -41,6 +41,19 @@ class enforcement_collector {
     std::vector<std::string> subjects;
 };
 
+/// Announces a commit, or an initial scan, to the agent: it begins with this object's lifetime and ends with it.
+class enforcement_announced_commit {
+  public:
+    enforcement_announced_commit();
+    ~enforcement_announced_commit();
+    enforcement_announced_commit(const enforcement_announced_commit&) = delete;
+    enforcement_announced_commit& operator=(const enforcement_announced_commit&) = delete;
+
+  private:
+    enforcement_commit_callbacks callbacks_;
+    void* context_;
+};
+
 /// A difference between the configuration and the machine.
 struct enforcement_difference {
     std::string subject;

@@ -4,6 +4,7 @@
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -30,9 +31,16 @@ struct {
     uint32_t respawn_count;
     uint32_t role;
     time_t started;
-} state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
+    uint64_t reported;  ///< when progress was last reported, in microseconds
+} state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
 
 constexpr size_t respawn_file_max = 64;
+
+/// Progress is reported at most this often, in microseconds, and four times within the watchdog's time.
+constexpr uint64_t report_interval = 1'000'000;
+
+/// While the agent starts, each report gives it this long until the next one; as long as the unit's WatchdogSec.
+constexpr char extend_timeout[] = "WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000";
 
 void log_problems(const std::vector<std::string>& problems) {
     for (const std::string& problem : problems) {
@@ -59,6 +67,17 @@ uint32_t read_count() {
         platform_log(LOG_WARNING, "%s does not contain a number", runtime_respawn_file);
     }
     return number.value_or(0);
+}
+
+uint64_t monotonic_time() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
+uint64_t time_between_reports() {
+    uint64_t watchdog = 0;
+    return sd_watchdog_enabled(0, &watchdog) > 0 ? std::min(watchdog / 4, report_interval) : report_interval;
 }
 
 /// In one step, so that a kill at any moment leaves the old number or the new one.
@@ -117,6 +136,16 @@ void process_manager_ready(void) {
     }
 }
 
+void process_manager_progress(void) {
+    const errno_keeper keeper;
+    const uint64_t time = monotonic_time();
+    if (time - state.reported >= time_between_reports()) {
+        state.reported = time;
+        // A report that is lost is followed by the next one.
+        sd_notify(0, state.ready ? "WATCHDOG=1" : extend_timeout);
+    }
+}
+
 int process_manager_wait_primary(void) {
     int error = ENOMEM;
     try {
@@ -138,6 +167,6 @@ process_status process_manager_status() {
 }
 
 void process_manager_reset() {
-    state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0};
+    state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
     node_lock_release();
 }

@@ -1,21 +1,21 @@
-/// Puts what the agent does through the shell, and the time it sleeps, among the calls that the fake platform records.
+/// Records the agent's shell commands, and the time it sleeps, among the calls that the fake platform records.
 ///
-/// Covers system() and popen() ("$ systemctl daemon-reload") and sleep() ("sleep(2)"). The commands run as ever, against
-/// the stand-ins; a sleep takes no time.
+/// Covers run_shell_command ("$ systemctl daemon-reload") and sleep() ("sleep(2)"). The commands still run, against the
+/// stubs; a sleep takes no time. For programs that link test_faults.
 #ifndef SUPPORT_COMMAND_TRAIL_H
 #define SUPPORT_COMMAND_TRAIL_H
 
 #include <functional>
-#include <string>
+#include <string_view>
 
 namespace command_trail {
 
-/// Records from here on, until end(). Without it the three functions are the C library's.
+/// Records from here on, until end(). Both also clear the faults of call_faults.
 void begin();
 void end();
 
-/// Lets the shell itself fail for commands that begin with `prefix`: system() gives -1 and popen() null, with errno.
-void fail_shell(std::string prefix, int error);
+/// Lets commands that begin with `prefix` fail with `error` without being run.
+void fail_shell(std::string_view prefix, int error);
 
 /// Called in every sleep, after it is recorded.
 void on_sleep(std::function<void()> action);

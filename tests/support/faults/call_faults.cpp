@@ -40,6 +40,7 @@ struct fault_state {
     bool recording = false;
     bool skip_sleeping = false;
     uint64_t slept = 0;
+    uint32_t longest_command = UINT32_MAX;
     uint32_t changes = 0;
     uint32_t kill_at = 0;  ///< 0: never
     moment kill_when = moment::before;
@@ -49,6 +50,7 @@ struct fault_state {
 uint32_t counts[diverted_call_count];
 fault_state state;
 std::function<void(const std::string&)> command_observer;
+std::function<void(unsigned int)> sleep_observer;
 
 /// Set while a call is looked into, so that what that itself calls passes.
 thread_local bool inside = false;
@@ -174,16 +176,28 @@ std::string file_of(FILE* file) {
     return file != nullptr ? file_of(fileno(file)) : "";
 }
 
+bool sleep_observed(unsigned int seconds) {
+    if (!sleep_observer) {
+        return false;
+    }
+    sleep_observer(seconds);
+    return true;
+}
+
 bool sleep_skipped(uint64_t milliseconds) {
     state.slept += milliseconds;
     return state.skip_sleeping;
 }
 
-void announce(const char* call, const char* command) {
+void announce(const char* command) {
     if (command_observer && !inside) {
         const inside_mark mark;
-        command_observer(std::string(call) + '(' + command + ')');
+        command_observer(command);
     }
+}
+
+uint32_t longest_command() {
+    return state.longest_command;
 }
 
 void fail_call(std::string_view call, int error, uint32_t times, uint32_t from_call, std::string_view object) {
@@ -195,11 +209,15 @@ void cut_call(std::string_view call, size_t bytes, uint32_t times, uint32_t from
 }
 
 void answer_command(std::string_view command, int result, int error, uint32_t times, uint32_t from_call) {
-    add_fault("system", command, times, from_call, {action::answer, error, 0, result});
+    add_fault("command", command, times, from_call, {action::answer, error, 0, result});
 }
 
 void skip_sleeping() {
     state.skip_sleeping = true;
+}
+
+void limit_commands(uint32_t milliseconds) {
+    state.longest_command = milliseconds;
 }
 
 uint64_t slept_milliseconds() {
@@ -236,6 +254,10 @@ std::vector<std::string> recorded_calls() {
 
 void observe_commands(std::function<void(const std::string&)> observer) {
     command_observer = std::move(observer);
+}
+
+void observe_sleeps(std::function<void(unsigned int)> observer) {
+    sleep_observer = std::move(observer);
 }
 
 bool run_killed(uint32_t nth, moment when, const std::function<void()>& work) {

@@ -2,8 +2,8 @@
 ///
 /// The calls of diverted_calls.def are diverted by the linker wherever a program is linked statically; what libraries do
 /// within themselves is not. A call goes by its own name and by its group: the compiler may turn fputs into fwrite, so a
-/// test that means any of them says "stdio_write"; likewise "stdio_read", "command" (system and popen), "sleeping" and
-/// "allocation". What is written to standard output and standard error is left alone.
+/// test that means any of them says "stdio_write"; likewise "stdio_read", "command" (the agent's run_shell_command), "sleeping"
+/// and "allocation". What is written to standard output and standard error is left alone.
 ///
 /// The record codec, which is the real one on every platform, can be let fail, too: its error is the status returned, its
 /// object the record's name.
@@ -35,14 +35,17 @@ void fail_call(std::string_view call, int error, uint32_t times = always, uint32
 void cut_call(std::string_view call, size_t bytes, uint32_t times = always, uint32_t from_call = 1,
               std::string_view object = "");
 
-/// Lets system or pclose return `result`, with `error` in errno; system then runs nothing.
+/// Lets a command return `result`, with `error` in errno, without being run.
 void answer_command(std::string_view command, int result, int error, uint32_t times = always, uint32_t from_call = 1);
 
 /// Lets the sleeping calls return at once, and counts what they were to sleep.
 void skip_sleeping();
 uint64_t slept_milliseconds();
 
-/// Nothing fails any more, sleeping sleeps, and counting starts at zero.
+/// Lets no command run longer than this, so that a test of one that hangs does not wait for its real limit.
+void limit_commands(uint32_t milliseconds);
+
+/// Nothing fails any more, commands have their own limits, sleeping sleeps, and counting starts at zero.
 void clear();
 
 /// How often a call, or those of a group, were made since the start or the last clear().
@@ -55,8 +58,11 @@ uint32_t count_changes();
 void start_recording();
 std::vector<std::string> recorded_calls();
 
-/// Called with every system() and popen() before it is run, as "system(COMMAND)".
+/// Called with every command of the agent before it is run.
 void observe_commands(std::function<void(const std::string&)> observer);
+
+/// Called instead of every sleep(), with its seconds.
+void observe_sleeps(std::function<void(unsigned int)> observer);
 
 enum class moment { before, after };
 

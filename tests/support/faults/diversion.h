@@ -39,11 +39,17 @@ void after(diverted_call call);
 std::string file_of(int fd);
 std::string file_of(FILE* file);
 
+/// Passes a sleep() on to its observer. Returns whether there was one.
+bool sleep_observed(unsigned int seconds);
+
 /// Whether the call of the group "sleeping" is to return at once, and its time is then counted.
 bool sleep_skipped(uint64_t milliseconds);
 
 /// Tells the observer of a command.
-void announce(const char* call, const char* command);
+void announce(const char* command);
+
+/// The time limit of all commands that have a longer one, in milliseconds.
+uint32_t longest_command();
 
 }  // namespace call_faults
 

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <new>
 
+#include "core/shell_command.h"
 #include "diversion.h"
 #include "platform/record_codec.h"
 
@@ -184,17 +185,6 @@ extern "C" int __wrap_fclose(FILE* file) {
     return result;
 }
 
-extern "C" int __real_pclose(FILE* file);
-extern "C" int __wrap_pclose(FILE* file) {
-    const verdict decided = before(call_faults::diverted_pclose, nothing);
-    const int result = __real_pclose(file);
-    if (decided.action == action::fail) {
-        errno = decided.error;
-        return -1;
-    }
-    return result;
-}
-
 extern "C" int __real_fflush(FILE* file);
 extern "C" int __wrap_fflush(FILE* file) {
     if (file == nullptr || own_stream(file)) {
@@ -344,36 +334,30 @@ extern "C" int __wrap_fprintf(FILE* file, const char* format, ...) {
     return result;
 }
 
-extern "C" int __real_system(const char* command);
-extern "C" int __wrap_system(const char* command) {
-    announce("system", command);
-    const verdict decided = before(call_faults::diverted_system, [&] { return text_of(command); });
+// run_shell_command of core/shell_command.h.
+extern "C" int __real__Z17run_shell_commandPKcRK13command_limiti(const char* command, const command_limit& limit,
+                                                                 int output);
+extern "C" int __wrap__Z17run_shell_commandPKcRK13command_limiti(const char* command, const command_limit& limit,
+                                                                 int output) {
+    announce(command);
+    constexpr auto call = call_faults::diverted__Z17run_shell_commandPKcRK13command_limiti;
+    const verdict decided = before(call, [&] { return text_of(command); });
     if (decided.action == action::fail || decided.action == action::answer) {
         errno = decided.error;
         return decided.action == action::fail ? -1 : decided.result;
     }
-    const int result = __real_system(command);
-    after(call_faults::diverted_system);
+    command_limit shortened = limit;
+    shortened.milliseconds = std::min(limit.milliseconds, call_faults::longest_command());
+    const int result = __real__Z17run_shell_commandPKcRK13command_limiti(command, shortened, output);
+    after(call);
     return result;
-}
-
-extern "C" FILE* __real_popen(const char* command, const char* mode);
-extern "C" FILE* __wrap_popen(const char* command, const char* mode) {
-    announce("popen", command);
-    const verdict decided = before(call_faults::diverted_popen, [&] { return text_of(command); });
-    if (decided.action == action::fail) {
-        errno = decided.error;
-        return nullptr;
-    }
-    FILE* file = __real_popen(command, mode);
-    after(call_faults::diverted_popen);
-    return file;
 }
 
 extern "C" unsigned int __real_sleep(unsigned int seconds);
 extern "C" unsigned int __wrap_sleep(unsigned int seconds) {
     before(call_faults::diverted_sleep, [&] { return std::to_string(seconds); });
-    return call_faults::sleep_skipped(uint64_t{seconds} * 1000) ? 0 : __real_sleep(seconds);
+    const bool skipped = call_faults::sleep_observed(seconds) || call_faults::sleep_skipped(uint64_t{seconds} * 1000);
+    return skipped ? 0 : __real_sleep(seconds);
 }
 
 extern "C" int __real_usleep(useconds_t microseconds);

@@ -109,6 +109,14 @@ TEST_F(nft_files_test, a_failed_load_counts_only_while_errno_is_set) {
     EXPECT_TRUE(fake_platform::debugged("Failed to apply nft rules = (17)File exists"));
 }
 
+TEST_F(nft_files_test, a_load_that_hangs_has_failed) {
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("ip netns exec", 60000);
+    errno = 0;
+    EXPECT_EQ(ssh_apply_acl("red", 0), -1);
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Connection timed out(0x6e), Failed to apply nft rules"));
+}
+
 TEST_F(nft_files_test, declares_the_four_tables) {
     EXPECT_EQ(create_nft_table("red"), 0);
     EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")),

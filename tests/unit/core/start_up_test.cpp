@@ -7,6 +7,7 @@
 #include "command_trail.h"
 #include "core/debug.h"
 #include "platform/namespace_message.h"
+#include "scratch_root.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     flag_during_scan = 99;
     store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, std::nullopt, std::nullopt}));
     call_faults::observe_commands([](const std::string& command) {
-        if (command.ends_with("sshd_config_red)")) {
+        if (command.ends_with("sshd_config_red")) {
             flag_during_scan = agent_handles.initial_scan_complete;
         }
     });
@@ -49,6 +50,39 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     EXPECT_THAT(file_lines(paths::server_file), AllOf(Contains("LoginGraceTime 45"), Contains("MaxAuthTries 4")));
     EXPECT_EQ(flag_during_scan, 0u);
     EXPECT_EQ(agent_handles.initial_scan_complete, 1u);
+}
+
+// Each VRF's server is restarted by a systemctl of its own.
+TEST_F(start_up_test, a_hanging_systemctl_is_tried_once_per_commit) {
+    constexpr char timeout[] = "/cfg/gl/crypto/ssh/server/cmn/timeout";
+    for (const std::string vrf : {"blue", "green", "red"}) {
+        scratch_root::add_namespace_file("vrf-" + vrf);
+        store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/" + vrf, "%d%S%S",
+                        {std::nullopt, std::nullopt, std::nullopt}));
+    }
+    ASSERT_EQ(start_agent(), START_UP_DONE);
+    ASSERT_EQ(stub_commands::log_of("systemctl restart").size(), 3U);
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("systemctl restart", 60000, 2);
+    for (const uint32_t value : {45U, 46U}) {
+        stub_commands::clear_log();
+        const fake_platform::commit_result result = fake_platform::commit(set_number(timeout, value));
+        EXPECT_EQ(result.not_in_force.size(), 3U);
+        EXPECT_THAT(stub_commands::log_of("systemctl"), ElementsAre("systemctl restart sshd_service_red"));
+    }
+    EXPECT_THAT(fake_platform::commit(set_number(timeout, 47)).not_in_force, ElementsAre());
+}
+
+TEST_F(start_up_test, a_hanging_systemctl_is_tried_once_by_the_initial_scan) {
+    for (const std::string vrf : {"blue", "green", "red"}) {
+        scratch_root::add_namespace_file("vrf-" + vrf);
+        store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/" + vrf, "%d%S%S",
+                        {std::nullopt, std::nullopt, std::nullopt}));
+    }
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("systemctl restart", 60000);
+    EXPECT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_EQ(stub_commands::log_of("systemctl restart").size(), 1U);
 }
 
 TEST_F(start_up_test, the_stored_backup_server_is_not_scanned) {

@@ -121,6 +121,37 @@ platform_status report_two(const datastore_backend_call*, void*) {
     return PLATFORM_OK;
 }
 
+std::vector<std::string> announced;
+
+platform_status note_applier(const datastore_backend_call* call, void*) {
+    announced.push_back(std::string("apply ") + call->item);
+    return PLATFORM_OK;
+}
+
+void note_notification(const datastore_notification* notification, void*) {
+    announced.push_back(std::string("notify ") + notification->item);
+}
+
+void note_word(void* word) {
+    announced.push_back(static_cast<const char*>(word));
+}
+
+constexpr enforcement_commit_callbacks note_commits = {[](void*) { announced.push_back("begin"); },
+                                                       [](void*) { announced.push_back("end"); }};
+
+TEST(fake_enforcement, a_commit_is_announced_around_its_handlers) {
+    EXPECT_EQ(enforcement_announce_commits(nullptr, nullptr), static_cast<platform_status>(EINVAL));
+    const enforcement_commit_callbacks incomplete = {note_word, nullptr};
+    EXPECT_EQ(enforcement_announce_commits(&incomplete, nullptr), static_cast<platform_status>(EINVAL));
+    ASSERT_EQ(enforcement_announce_commits(&note_commits, nullptr), PLATFORM_OK);
+    datastore_binding* binding = nullptr;
+    ASSERT_EQ(datastore_bind("/cfg/", &binding), PLATFORM_OK);
+    ASSERT_EQ(datastore_register_verification(binding, "", 7, nullptr, note_applier, nullptr, nullptr), PLATFORM_OK);
+    ASSERT_EQ(datastore_register_notification(binding, "", 7, note_notification, nullptr, nullptr), PLATFORM_OK);
+    fake_platform::commit({fake_platform::set_number("/cfg/a", 1), fake_platform::set_number("/cfg/b", 1)});
+    EXPECT_THAT(announced, ElementsAre("begin", "apply a", "apply b", "notify a", "notify b", "end"));
+}
+
 TEST(fake_enforcement, a_commit_tells_what_was_reported_meanwhile) {
     datastore_binding* binding = nullptr;
     ASSERT_EQ(datastore_bind("/cfg/", &binding), PLATFORM_OK);

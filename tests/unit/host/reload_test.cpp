@@ -218,6 +218,14 @@ TEST_F(reload_test, a_shell_that_does_not_run_is_an_error) {
         fake_platform::debugged("Error:=Resource temporarily unavailable(0xb), cannot find running exec processess"));
 }
 
+TEST_F(reload_test, a_listing_that_hangs_is_an_error) {
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("ps -ef", 60000);
+    const search result = find();
+    EXPECT_EQ(result.error, ETIMEDOUT);
+    EXPECT_FALSE(result.has_array);
+}
+
 // The command's own failure is told by the errno that is there, which may be none.
 TEST_F(reload_test, a_failed_command_gives_errno_as_it_stands) {
     stub_commands::install_command("awk");

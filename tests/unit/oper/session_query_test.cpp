@@ -323,6 +323,15 @@ TEST_P(session_query_both_test, a_listing_that_fails_has_set_its_outputs) {
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre(GetParam().not_found));
 }
 
+TEST_P(session_query_both_test, a_listing_that_hangs_has_set_its_outputs) {
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("ps -ef", 60000);
+    const collected found(GetParam().collect);
+    EXPECT_EQ(found.status, ETIMEDOUT);
+    EXPECT_EQ(found.count, 0U);
+    EXPECT_EQ(found.snapshots, nullptr);
+}
+
 TEST_P(session_query_both_test, a_listing_that_cannot_be_opened_has_set_its_outputs) {
     call_faults::fail_call("fopen", EACCES);
     const collected found(GetParam().collect);
@@ -364,10 +373,10 @@ TEST_F(session_query_test, the_processes_are_found_by_their_titles) {
     const collected servers(ssh_oper_collect_server_sessions);
     const collected clients(ssh_oper_collect_client_sessions);
     call_faults::observe_commands({});
-    EXPECT_THAT(commands, ElementsAre("system(ps -ef | grep 'sshd:' | grep 'priv' | grep -v 'grep' | awk '{print $2}' "
-                                      "> /tmp/norvo_ssh_oper_pid.txt)",
-                                      "system(ps -ef | grep '/pkg/bin/ssh_csm ' | grep -v 'grep' |awk '{print $2}' > "
-                                      "/tmp/norvossh_client_oper_pid.txt)"));
+    EXPECT_THAT(commands, ElementsAre("ps -ef | grep 'sshd:' | grep 'priv' | grep -v 'grep' | awk '{print $2}' "
+                                      "> /tmp/norvo_ssh_oper_pid.txt",
+                                      "ps -ef | grep '/pkg/bin/ssh_csm ' | grep -v 'grep' |awk '{print $2}' > "
+                                      "/tmp/norvossh_client_oper_pid.txt"));
 }
 
 TEST_F(session_query_test, a_process_that_only_looks_like_a_server_is_passed_over) {

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <new>
 
+#include "core/command_output.h"
 #include "files.h"
 
 namespace {
@@ -137,25 +138,31 @@ TEST_F(call_faults_test, memory_runs_out) {
 
 TEST_F(call_faults_test, commands_fail_and_answer) {
     call_faults::fail_call("command", EAGAIN, always, 1, "systemctl");
-    EXPECT_EQ(system("systemctl restart x"), -1);
-    EXPECT_EQ(popen("systemctl status", "r"), nullptr);
+    EXPECT_EQ(run_shell_command("systemctl restart x", systemctl_limit), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(system("true"), 0);
+    errno = 0;
+    EXPECT_EQ(read_shell_command("systemctl status", systemctl_limit), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(run_shell_command("true", listing_limit), 0);
     call_faults::answer_command("nft", 256, EIO, once);
-    EXPECT_EQ(system("nft -f x"), 256);
+    EXPECT_EQ(run_shell_command("nft -f x", nft_limit), 256);
     EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(call_faults_test, commands_get_less_time) {
+    call_faults::limit_commands(50);
+    EXPECT_EQ(run_shell_command("sleep 5", nft_limit), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(run_shell_command("true", nft_limit), 0);
 }
 
 TEST_F(call_faults_test, commands_are_observed) {
     std::vector<std::string> seen;
     call_faults::observe_commands([&seen](const std::string& command) { seen.push_back(command); });
-    EXPECT_EQ(system("true"), 0);
-    FILE* pipe = popen("true", "r");
-    ASSERT_NE(pipe, nullptr);
-    pclose(pipe);
+    EXPECT_EQ(run_shell_command("true", listing_limit), 0);
     call_faults::observe_commands(nullptr);
-    EXPECT_EQ(system("true"), 0);
-    EXPECT_THAT(seen, ElementsAre("system(true)", "popen(true)"));
+    EXPECT_EQ(run_shell_command("false", listing_limit), 256);
+    EXPECT_THAT(seen, ElementsAre("true"));
 }
 
 TEST_F(call_faults_test, sleeping_takes_no_time_when_asked) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "call_faults.h"
 #include "platform/namespace_message.h"
 #include "vrf_test.h"
 
@@ -188,6 +189,15 @@ TEST_F(namespace_handler_test, a_listing_that_cannot_be_had_is_a_failed_attempt)
     const auto calls = trail();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 10);
     EXPECT_THAT(calls, Contains("$ systemctl restart sshd_service_red"));
+}
+
+TEST_F(namespace_handler_test, a_listing_that_hangs_is_a_failed_attempt) {
+    create_vrf_node("red");
+    call_faults::limit_commands(100);
+    stub_commands::set_delay("ip netns list", 60000, 2);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    const auto calls = trail();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 2);
 }
 
 // A line has to begin with the name; a longer name on it does.

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "call_faults.h"
 #include "vrf_test.h"
 
 namespace {
@@ -124,6 +125,27 @@ TEST_F(server_lifecycle_test, a_server_that_does_not_stop_is_not_in_force) {
     EXPECT_THAT(fake_platform::not_in_force(), ElementsAre()) << "a unit that is not loaded does not run";
 }
 
+TEST_F(server_lifecycle_test, a_start_that_hangs_is_a_failure) {
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("systemctl restart", 60000);
+    errno = 0;
+    EXPECT_EQ(ssh_process_restart(1, "red"), -1);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"server red", "systemctl restart sshd_service_red timed out"}));
+    EXPECT_TRUE(fake_platform::vrf_blocked("red"));
+    EXPECT_TRUE(traced({"red", std::to_string(ETIMEDOUT)}));
+}
+
+TEST_F(server_lifecycle_test, a_stop_that_hangs_is_a_failure) {
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("systemctl stop", 60000);
+    errno = 0;
+    EXPECT_EQ(ssh_process_restart(0, "red"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"server red", "systemctl stop sshd_service_red timed out"}));
+}
+
 // An exit status without errno is systemctl's word about the unit, not a failure to ask.
 TEST_F(server_lifecycle_test, a_start_with_a_status_alone_has_succeeded) {
     stub_commands::fail("systemctl restart", 1);
@@ -192,6 +214,17 @@ TEST_F(prepare_vrf_file_test, a_missing_file_is_a_copy_of_the_default_file) {
     EXPECT_EQ(change, 1u);
     EXPECT_THAT(trail(), ElementsAre(copy));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf config does not exist, creating"));
+}
+
+TEST_F(prepare_vrf_file_test, a_probe_that_hangs_is_a_failure) {
+    write_file(server_file("red"), "Port 22\n");
+    call_faults::limit_commands(200);
+    stub_commands::set_delay("systemctl is-active", 60000);
+    EXPECT_EQ(prepare(1), -1);
+    EXPECT_THAT(trail(), ElementsAre(probe));
+    EXPECT_TRUE(fake_platform::logged("ERR_ERRNO",
+                                      "Error:=Connection timed out(0x6e), Failed to check process running status"));
+    EXPECT_EQ(read_file(server_file("red")), "Port 22\n");
 }
 
 TEST_F(prepare_vrf_file_test, a_missing_file_of_a_new_node_needs_no_probe) {

@@ -197,6 +197,40 @@ TEST_F(datastore_enforcement_test, an_applier_that_fails_leaves_its_item_stored_
     EXPECT_EQ(enforcement_list().size(), 1U);
 }
 
+std::vector<std::string> announced;
+
+constexpr enforcement_commit_callbacks note_commits = {[](void*) { announced.push_back("begin"); },
+                                                       [](void*) { announced.push_back("end"); }};
+
+TEST_F(datastore_enforcement_test, a_commit_is_announced_around_its_appliers_and_notifications) {
+    announced.clear();
+    EXPECT_EQ(enforcement_announce_commits(nullptr, nullptr), static_cast<platform_status>(EINVAL));
+    ASSERT_EQ(enforcement_announce_commits(&note_commits, nullptr), PLATFORM_OK);
+    told.in_apply = [] { announced.push_back("apply"); };
+    ASSERT_EQ(datastore_register_notification(
+                  server, "", 7, [](const datastore_notification*, void*) { announced.push_back("notify"); }, nullptr,
+                  nullptr),
+              PLATFORM_OK);
+    datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
+    EXPECT_THAT(announced, ElementsAre("begin", "apply", "apply", "notify", "notify", "end"));
+}
+
+TEST_F(datastore_enforcement_test, what_is_reported_at_the_end_of_a_commit_belongs_to_it) {
+    constexpr enforcement_commit_callbacks fail_at_end = {
+        [](void*) {}, [](void*) { enforcement_failed("server blue", "exit status 1"); }};
+    enforcement_announce_commits(&fail_at_end, nullptr);
+    EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
+}
+
+TEST_F(datastore_enforcement_test, a_commit_that_stores_nothing_is_not_announced) {
+    announced.clear();
+    enforcement_announce_commits(&note_commits, nullptr);
+    datastore_commit({{timeout_path, number(30)}}, true);
+    told.verify_results["cmn/timeout"] = EINVAL;
+    EXPECT_NE(set(timeout_path, number(30)).status, PLATFORM_OK);
+    EXPECT_THAT(announced, IsEmpty());
+}
+
 TEST_F(datastore_enforcement_test, an_item_is_in_force_once_its_applier_succeeds) {
     told.apply_results["cmn/rate_limit"] = 1;
     set(rate_path, number(10));

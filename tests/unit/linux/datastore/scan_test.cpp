@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 #include "unit/linux/datastore/datastore_fixture.h"
+#include "unit/linux/enforcement/enforcement_test_support.h"
 
 namespace datastore_test {
 namespace {
@@ -48,6 +49,15 @@ class datastore_scan_test : public served_datastore_test {
 TEST_F(datastore_scan_test, delivers_every_item_as_created_and_set_in_byte_order) {
     EXPECT_EQ(datastore_backend_scan(server, &table, "", 1, nullptr), PLATFORM_OK);
     EXPECT_THAT(applied, ElementsAre("3 cmn/rate_limit 10 of 4", "3 cmn/timeout 30 of 4"));
+}
+
+TEST_F(datastore_scan_test, is_announced_like_a_commit) {
+    const enforcement_test::reset_at_end reset;
+    constexpr enforcement_commit_callbacks callbacks = {[](void*) { applied.push_back("begin"); },
+                                                        [](void*) { applied.push_back("end"); }};
+    ASSERT_EQ(enforcement_announce_commits(&callbacks, nullptr), PLATFORM_OK);
+    EXPECT_EQ(datastore_backend_scan(server, &table, "", 1, nullptr), PLATFORM_OK);
+    EXPECT_THAT(applied, ElementsAre("begin", "3 cmn/rate_limit 10 of 4", "3 cmn/timeout 30 of 4", "end"));
 }
 
 TEST_F(datastore_scan_test, can_be_held_to_a_pattern) {
