@@ -1,18 +1,23 @@
 /// The module of the servers' PAM service: delegates every stage to a service of the machine, so that who may log in,
-/// and how, is decided where the administrator has configured it for everything else.
+/// and how, is decided where the administrator has configured it for everything else; and keeps the limit of a VRF's
+/// concurrent sessions.
 #include <security/pam_appl.h>
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+
+#include "aaa_pam/session_limit.h"
 
 namespace {
 
 /// Installed as /etc/pam.d/ssh_cfg_aaa; may be changed by the administrator.
 constexpr const char* machine_service = "ssh_cfg_aaa";
 constexpr const char* data_name = "ssh_cfg_aaa";
+constexpr const char* session_data_name = "ssh_cfg_session";
 
 using stage = int (*)(pam_handle_t* machine, int flags);
 
@@ -120,6 +125,55 @@ int run_stage(pam_handle_t* server, int flags, stage run) {
     return status == PAM_SUCCESS ? taken : status;
 }
 
+/// Refuses, with a message to the user, where the limit is reached.
+int refuse_session(pam_handle_t* server, const session_count& count) {
+    pam_syslog(server, LOG_NOTICE, "session refused: %u of at most %u sessions are open in this VRF", count.open,
+               count.limit);
+    pam_error(server, "Too many sessions: %u of at most %u are open.", count.open, count.limit);
+    return PAM_PERM_DENIED;
+}
+
+/// A limit that cannot be kept must not lock the operators out.
+void report_uncounted(pam_handle_t* server, int error) {
+    pam_syslog(server, LOG_ERR, "the limit of concurrent sessions is not in force: %s", strerror(error));
+}
+
+/// The user is told at once, while only a later stage can count the session: this one may run in a process that ends
+/// with the authentication.
+int check_session_limit(pam_handle_t* server) {
+    session_count count;
+    const int error = session_limit_count(session_limit_directory, &count);
+    if (error != 0) {
+        report_uncounted(server, error);
+        return PAM_SUCCESS;
+    }
+    return count.is_full() ? refuse_session(server, count) : PAM_SUCCESS;
+}
+
+/// A process of sshd serves one session.
+int session_lock = -1;
+
+void leave_session(pam_handle_t*, void* lock, int) {
+    close(*static_cast<int*>(lock));
+}
+
+int count_session(pam_handle_t* server) {
+    session_count count;
+    const int error = session_limit_enter(session_limit_directory, &count, &session_lock);
+    if (error != 0) {
+        report_uncounted(server, error);
+        return PAM_SUCCESS;
+    }
+    if (session_lock < 0) {
+        return count.is_full() ? refuse_session(server, count) : PAM_SUCCESS;
+    }
+    const int status = pam_set_data(server, session_data_name, &session_lock, leave_session);
+    if (status != PAM_SUCCESS) {
+        close(session_lock);
+    }
+    return status;
+}
+
 }  // namespace
 
 extern "C" {
@@ -133,11 +187,13 @@ __attribute__((visibility("default"))) int pam_sm_setcred(pam_handle_t* server, 
 }
 
 __attribute__((visibility("default"))) int pam_sm_acct_mgmt(pam_handle_t* server, int flags, int, const char**) {
-    return run_stage(server, flags, pam_acct_mgmt);
+    const int status = run_stage(server, flags, pam_acct_mgmt);
+    return status == PAM_SUCCESS ? check_session_limit(server) : status;
 }
 
 __attribute__((visibility("default"))) int pam_sm_open_session(pam_handle_t* server, int flags, int, const char**) {
-    return run_stage(server, flags, pam_open_session);
+    const int status = count_session(server);
+    return status == PAM_SUCCESS ? run_stage(server, flags, pam_open_session) : status;
 }
 
 __attribute__((visibility("default"))) int pam_sm_close_session(pam_handle_t* server, int flags, int, const char**) {

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "openssh/algorithms.h"
+#include "openssh/server_limits.h"
 #include "openssh/value_forms.h"
 
 namespace openssh {
@@ -14,6 +15,7 @@ enum class treatment {
     list,             ///< an algorithm list, filtered to known and permitted names
     additional_keys,  ///< key algorithms accepted in addition to sshd's own
     host_keys,        ///< one file or a comma-separated list of them
+    limit,            ///< not written: a limit that the launcher puts in force
     fips_mode,        ///< not written: determines how the lists are filtered
     leave_out,        ///< not supported by stock sshd, or decided by the launcher
     end_of_settings,  ///< ignores the line and everything after it
@@ -35,7 +37,8 @@ struct keyword_row {
     algorithm_column default_rank = nullptr;
     /// For `pass`: the value to write if the file has no valid one. Empty: write none.
     std::string_view otherwise = {};
-    const char* reason = "";  ///< for `leave_out` and `end_of_settings`: told to the operator
+    uint32_t server_limits::*limited = nullptr;  ///< for `limit`
+    const char* reason = "";                     ///< for `leave_out` and `end_of_settings`: told to the operator
 
     std::string_view output_keyword() const { return written_as.empty() ? keyword : written_as; }
 };
@@ -51,6 +54,10 @@ constexpr keyword_row list(std::string_view keyword, algorithm_kind kind, std::s
 
 constexpr keyword_row list_with_default(std::string_view keyword, algorithm_kind kind, algorithm_column default_rank) {
     return {.keyword = keyword, .how = treatment::list, .kind = kind, .default_rank = default_rank};
+}
+
+constexpr keyword_row limit(std::string_view keyword, uint32_t server_limits::*limited) {
+    return {.keyword = keyword, .how = treatment::limit, .limited = limited};
 }
 
 constexpr keyword_row leave_out(std::string_view keyword, const char* reason) {

@@ -118,7 +118,7 @@ launch_status read_server_file(const launcher_paths& paths, const launch_options
 }  // namespace
 
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
-                             std::string& config) {
+                             launch& prepared) {
     std::string text;
     const launch_status status = read_server_file(paths, options, to, text);
     if (status != launch_ready) {
@@ -130,7 +130,7 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
     if (error.empty()) {
         error = adopt(paths, files, result.text, to);
     }
-    config = files.current;
+    prepared = {files.current, result.limits};
     if (error.empty()) {
         return launch_ready;
     }

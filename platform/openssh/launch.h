@@ -8,6 +8,7 @@
 #include "openssh/options.h"
 #include "openssh/paths.h"
 #include "openssh/report.h"
+#include "openssh/server_limits.h"
 
 namespace openssh {
 
@@ -19,12 +20,19 @@ enum launch_status {
     launch_no_good_file = 4,     ///< the file is unusable and there is no last good one
     launch_no_state = 5,         ///< a required directory cannot be created
     launch_exec_failed = 6,      ///< sshd could not be executed
+    launch_limits_left = 7,      ///< after a server's end: its limit of new connections could not be removed
 };
 
-/// Translates and tests the file and keeps the result, or falls back on the last good one. Everything that the operator should
-/// know has been reported. With `launch_ready`, `config` is the path of the file to run sshd with.
+/// What the server runs with.
+struct launch {
+    std::string config;    ///< path of sshd's file
+    server_limits limits;  ///< of the agent's file, also where sshd's file is the last good one
+};
+
+/// Translates and tests the file and keeps the result, or falls back on the last good one. Everything that the operator
+/// should know has been reported. `prepared` is complete with `launch_ready`.
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
-                             std::string& config);
+                             launch& prepared);
 
 /// Gives the translation as text, for printing, and reports what sshd says of it; nothing is kept. `translated` is also set
 /// when sshd does not take it.

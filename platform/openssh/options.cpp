@@ -13,7 +13,15 @@ namespace openssh {
 
 namespace {
 
+/// Whether a text is the name of a file and cannot lead elsewhere.
+bool is_file_name(std::string_view text) {
+    return !text.empty() && text[0] != '.' && text.find('/') == std::string_view::npos;
+}
+
 std::string check_complete(const launch_options& options, bool has_vrf_id) {
+    if (!options.ended_namespace.empty()) {
+        return options.file.empty() && !has_vrf_id && !options.print_only ? "" : "option -e is used alone";
+    }
     if (options.file.empty()) {
         return "missing option -f FILE";
     }
@@ -31,11 +39,16 @@ std::string check_complete(const launch_options& options, bool has_vrf_id) {
 std::string parse_options(int count, char* const* arguments, launch_options& options) {
     bool has_vrf_id = false;
     optind = 0;
-    for (int option = 0; (option = getopt(count, arguments, "+:f:v:t")) != -1;) {
+    for (int option = 0; (option = getopt(count, arguments, "+:f:v:te:")) != -1;) {
         if (option == 'f') {
             options.file = optarg;
         } else if (option == 't') {
             options.print_only = true;
+        } else if (option == 'e') {
+            if (!is_file_name(optarg)) {
+                return text_format("\"%s\" is not the name of a network namespace", shown(optarg).c_str());
+            }
+            options.ended_namespace = optarg;
         } else if (option == 'v') {
             const std::optional<uint32_t> id = number_parse<uint32_t>(optarg);
             if (!id) {

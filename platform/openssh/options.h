@@ -11,15 +11,19 @@ struct launch_options {
     std::string file;         ///< the agent's server file, an absolute path
     uint32_t vrf_id = 0;      ///< the VRF's number in the VRF table
     bool print_only = false;  ///< print the translation and start nothing
+    /// The network namespace of a server that has ended, whose limits are to be removed; otherwise empty.
+    std::string ended_namespace;
 };
 
 constexpr const char* usage_text =
     "usage: sshd -f FILE -v ID\n"
     "       sshd -t -f FILE\n"
+    "       sshd -e NAMESPACE\n"
     "Starts the SSH server of one VRF with the settings of the agent's server file.\n"
     "  -f FILE  the server file, an absolute path\n"
     "  -v ID    the VRF identifier, a number\n"
-    "  -t       print the file the server would be started with, and start nothing\n";
+    "  -t       print the file the server would be started with, and start nothing\n"
+    "  -e NAMESPACE  remove what is left of a server that has ended in this network namespace\n";
 
 /// Parses the arguments (the first is the program's name). Returns an empty text, or what is wrong; `options` is then
 /// undefined.

@@ -17,6 +17,9 @@ struct launcher_paths {
     /// Where the agent keeps its server files; their translations are named after the file name alone.
     std::string agent_directory = "/var/opt/norvo/norvossh/";
     std::string ssh = "/usr/bin/ssh";
+    std::string nft = "/usr/sbin/nft";
+    /// Network namespaces by name.
+    std::string namespace_directory = "/run/netns/";
     /// A link to the stock server. sshd uses the last component of the name it is run by as its PAM service name, and
     /// needs an absolute path to execute itself for each connection.
     std::string sshd = "/pkg/libexec/norvosshd";

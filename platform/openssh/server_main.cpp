@@ -11,6 +11,7 @@
 
 #include "common/text.h"
 #include "openssh/launch.h"
+#include "openssh/limits.h"
 #include "openssh/preload.h"
 #include "openssh/text.h"
 
@@ -40,27 +41,37 @@ int main(int count, char** arguments) {
         openssh::choose_report_way(STDERR_FILENO, std::getenv("JOURNAL_STREAM"), access(paths.system_log, W_OK) == 0);
     openssh::launch_options options;
     const std::string error = openssh::parse_options(count, arguments, options);
-    to.server_file = options.file.empty() ? "-" : options.file;
+    to.server_file = !options.ended_namespace.empty() ? options.ended_namespace
+                     : options.file.empty()           ? "-"
+                                                      : options.file;
     if (!error.empty()) {
         openssh::report(to, openssh::severity::error, error);
         std::fputs(openssh::usage_text, stderr);
         return openssh::launch_usage;
     }
 
+    if (!options.ended_namespace.empty()) {
+        const std::string failure = openssh::remove_limits(paths, options.ended_namespace);
+        if (!failure.empty()) {
+            openssh::report(to, openssh::severity::error, "the limit of new connections is still there: " + failure);
+        }
+        return failure.empty() ? openssh::launch_ready : openssh::launch_limits_left;
+    }
     if (options.print_only) {
         std::string translated;
         const openssh::launch_status status = openssh::try_translation(paths, options, to, translated);
         std::fputs(translated.c_str(), stdout);
         return status;
     }
-    std::string config;
-    const openssh::launch_status status = openssh::prepare_launch(paths, options, to, config);
+    openssh::launch prepared;
+    const openssh::launch_status status = openssh::prepare_launch(paths, options, to, prepared);
     if (status != openssh::launch_ready) {
         return status;
     }
+    openssh::enforce_limits(paths, prepared.limits, to);
     openssh::report(to, openssh::severity::notice,
-                    text_format("the server of VRF %u starts with %s", options.vrf_id, config.c_str()));
+                    text_format("the server of VRF %u starts with %s", options.vrf_id, prepared.config.c_str()));
     openssh::load_into_sshd(openssh::session_hook_of(paths, to));
     openssh::load_into_sshd(openssh::session_reporter_of(paths));
-    become(openssh::server_command(paths, config), to);
+    become(openssh::server_command(paths, prepared.config), to);
 }

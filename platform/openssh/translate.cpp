@@ -1,9 +1,11 @@
 #include "openssh/translate.h"
 
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
+#include "common/number.h"
 #include "common/text.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
@@ -123,7 +125,9 @@ bool write_line(translator& state, const keyword_row& row, std::string_view valu
 
 void pass_setting(translator& state, const keyword_row& row, const setting& found) {
     if (row.form(found.value)) {
-        write_line(state, row, found.value, found.line);
+        if (write_line(state, row, found.value, found.line) && row.form == is_port) {
+            state.result.limits.ports.emplace_back(found.value);
+        }
         return;
     }
     add_remark(state, severity::warning,
@@ -207,6 +211,23 @@ void translate_host_keys(translator& state, const keyword_row& row, const settin
     }
 }
 
+/// As with sshd's own settings, the first usable line applies.
+void set_limit(translator& state, const keyword_row& row, const setting& found) {
+    uint32_t& limit = state.result.limits.*row.limited;
+    const std::optional<uint32_t> value = number_parse<uint32_t>(found.value, 1, highest_limit);
+    if (!value) {
+        add_remark(state, severity::warning,
+                   text_format("line %zu: %s ignored: \"%s\" is not a number from 1 to %u", found.line,
+                               shown(row.keyword).c_str(), shown(found.value).c_str(), highest_limit));
+    } else if (state.written.insert(repetition_key(row, found.value)).second) {
+        limit = *value;
+    } else if (limit != *value) {
+        add_remark(state, severity::notice,
+                   text_format("line %zu: %s %u ignored: an earlier line has set it", found.line,
+                               shown(row.keyword).c_str(), *value));
+    }
+}
+
 void leave_out(translator& state, const keyword_row& row, const setting& found) {
     add_remark(state, severity::notice,
                text_format("line %zu: %s ignored: %s", found.line, shown(row.keyword).c_str(), row.reason));
@@ -236,6 +257,7 @@ line_handler handler_of(treatment how) {
         {treatment::list, translate_list},
         {treatment::additional_keys, translate_additional_keys},
         {treatment::host_keys, translate_host_keys},
+        {treatment::limit, set_limit},
         {treatment::fips_mode, remark_fips_mode},
         {treatment::leave_out, leave_out},
         {treatment::end_of_settings, end_settings},

@@ -55,6 +55,7 @@ struct translation {
     bool refused = false;
     bool fips_mode = false;
     std::string text;
+    server_limits limits = {};
     /// Warnings and notices past `most_remarks` are counted in a last remark instead of kept; errors are few and all kept.
     std::vector<remark> remarks;
 };

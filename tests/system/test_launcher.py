@@ -26,7 +26,7 @@ HostKey  {KEY}
 HostKey /pkg/ecdsa-sha2-nistp256
 HostKey /pkg/dsa
 IPQoS 0x40
-RateLimitQd 60
+WindowScaleQd 7
 Port 22
 Port 830
 """
@@ -152,7 +152,7 @@ def test_files_are_copied_by_the_subsystem(server, tmp_path):
 
 def test_what_is_left_out_is_in_the_units_journal_beside_sshds_own_lines(server):
     assert server.start(SETTINGS)
-    (entry,) = server.said("RateLimitQd ignored")
+    (entry,) = server.said("WindowScaleQd ignored")
     assert entry["MESSAGE"].startswith(f"{SERVER_FILE}: line 11: ")
     assert entry["PRIORITY"] == "5"
     (listening,) = server.said("Server listening on 0.0.0.0 port 830")

@@ -119,17 +119,20 @@ def test_agent_is_started_again_however_often_it_fails():
     router.restart_agent()
 
 
-def test_generator_lifts_the_start_limit_of_the_servers_only(tmp_path):
+def test_generator_adds_to_the_servers_units_only(tmp_path):
     names = ["sshd_service_red.service", "sshd_service_a.b-c_d.service", "sshd_conf_red.conf", "other.service"]
     created = [router.UNITS / name for name in names if not (router.UNITS / name).exists()]
     for path in created:
         path.touch()
     try:
         run(GENERATOR, tmp_path, tmp_path, tmp_path)
-        drop_ins = {path.parent.name: path.read_text(encoding="utf-8") for path in tmp_path.glob("*/*")}
-        expected = {f"{name}.d" for name in names[:2]} | {f"{router.server_unit('default')}.d"}
-        assert set(drop_ins) == expected
-        assert set(drop_ins.values()) == {"[Unit]\nStartLimitIntervalSec=0\n"}
+        drop_ins = {str(path.relative_to(tmp_path)): path.read_text(encoding="utf-8") for path in tmp_path.glob("*/*")}
+        expected = {}
+        for vrf in ("red", "a.b-c_d", "default"):
+            folder = f"{router.server_unit(vrf)}.d"
+            expected[f"{folder}/start_limit.conf"] = "[Unit]\nStartLimitIntervalSec=0\n"
+            expected[f"{folder}/limits.conf"] = f'[Service]\nExecStopPost=-/pkg/bin/sshd -e "vrf-{vrf}"\n'
+        assert drop_ins == expected
     finally:
         for path in created:
             path.unlink()

@@ -157,7 +157,7 @@ constexpr schema_row rows[] = {
     {SERVER "cmn/logging", presence("logins and logouts are logged in detail"), no_wildcard, {}, {}},
     {SERVER "cmn/max_auth_limit", number(3, 20, "login attempts per connection"), no_wildcard, {}, {}},
     {SERVER "cmn/port_forwarding", number(0, 1, "0 none, 1 local"), no_wildcard, {}, {}},
-    {SERVER "cmn/rate_limit", number(1, 600, "new sessions per minute"), no_wildcard, {}, {}},
+    {SERVER "cmn/rate_limit", number(1, 600, "new connections per minute"), no_wildcard, {}, {}},
     {SERVER "cmn/rekey_time", rekey_time, no_wildcard, {}, {}},
     {SERVER "cmn/rekey_volume", rekey_volume, no_wildcard, {}, {}},
     {SERVER "cmn/session_limit", number(1, 100, "concurrent sessions"), no_wildcard, {}, {}},

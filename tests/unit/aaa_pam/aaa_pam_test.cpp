@@ -3,12 +3,16 @@
 #include <security/pam_appl.h>
 #include <security/pam_ext.h>
 #include <security/pam_modules.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
+
+#include "aaa_pam/session_limit.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -20,6 +24,9 @@ struct pam_handle {
     std::vector<std::string> environment;
     void* data = nullptr;
     void (*clean_up)(pam_handle*, void*, int) = nullptr;
+    /// What counts the session.
+    void* session_data = nullptr;
+    void (*leave_session)(pam_handle*, void*, int) = nullptr;
 };
 
 namespace {
@@ -41,6 +48,7 @@ struct fake_pam {
     std::vector<std::string> adds_to_environment;
     bool has_no_memory_for_environment = false;
     std::vector<std::string> logged;
+    std::vector<std::string> told;
 
     int result_of(const std::string& call) const {
         const auto row = failing.find(call);
@@ -76,6 +84,9 @@ class aaa_pam : public testing::Test {
     void end(int status = PAM_SUCCESS) {
         if (server_.clean_up != nullptr) {
             server_.clean_up(&server_, server_.data, status);
+        }
+        if (server_.leave_session != nullptr) {
+            server_.leave_session(&server_, server_.session_data, status);
         }
     }
 
@@ -131,7 +142,12 @@ int pam_set_item(pam_handle_t* handle, int item, const void* value) {
     return pam->result_of("set_item");
 }
 
-int pam_set_data(pam_handle_t* handle, const char*, void* data, void (*clean_up)(pam_handle_t*, void*, int)) {
+int pam_set_data(pam_handle_t* handle, const char* name, void* data, void (*clean_up)(pam_handle_t*, void*, int)) {
+    if (std::string(name) == "ssh_cfg_session") {
+        handle->session_data = data;
+        handle->leave_session = clean_up;
+        return pam->result_of("set_session_data");
+    }
     if (pam->result_of("set_data") == PAM_SUCCESS) {
         handle->data = data;
         handle->clean_up = clean_up;
@@ -168,6 +184,12 @@ const char* pam_strerror(pam_handle_t*, int) {
 
 void pam_syslog(const pam_handle_t*, int, const char* format, ...) {
     pam->logged.emplace_back(format);
+}
+
+int pam_prompt(pam_handle_t*, int style, char**, const char* format, ...) {
+    EXPECT_EQ(style, PAM_ERROR_MSG);
+    pam->told.emplace_back(format);
+    return PAM_SUCCESS;
 }
 
 int pam_authenticate(pam_handle_t* handle, int flags) {
@@ -279,5 +301,85 @@ TEST_F(aaa_pam, a_result_that_cannot_be_taken_over_is_a_failure) {
     // A refusal stays what it is.
     pam_.failing["open_session"] = PAM_PERM_DENIED;
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
+    end();
+}
+
+namespace {
+
+constexpr const char* refusal = "session refused: %u of at most %u sessions are open in this VRF";
+
+/// A limit of one session, and a session that is open.
+class aaa_pam_limit : public aaa_pam {
+  protected:
+    void SetUp() override {
+        aaa_pam::SetUp();
+        std::filesystem::create_directories(session_limit_directory);
+        ASSERT_EQ(session_limit_set(session_limit_directory, 1), 0);
+    }
+    void open_another() {
+        session_count count;
+        ASSERT_EQ(session_limit_enter(session_limit_directory, &count, &another_), 0);
+        ASSERT_GE(another_, 0);
+    }
+
+    int another_ = -1;
+};
+
+}  // namespace
+
+TEST_F(aaa_pam_limit, a_session_is_counted_until_it_ends) {
+    session_count count;
+    EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_SUCCESS);
+    EXPECT_EQ(session_limit_count(session_limit_directory, &count), 0);
+    EXPECT_EQ(count.open, 0U);
+    EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_SUCCESS);
+    EXPECT_EQ(session_limit_count(session_limit_directory, &count), 0);
+    EXPECT_EQ(count.open, 1U);
+    end();
+    EXPECT_EQ(session_limit_count(session_limit_directory, &count), 0);
+    EXPECT_EQ(count.open, 0U);
+    EXPECT_THAT(pam_.logged, IsEmpty());
+}
+
+TEST_F(aaa_pam_limit, one_session_too_many_is_refused_and_told) {
+    open_another();
+    EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
+    EXPECT_THAT(pam_.logged, ElementsAre(refusal));
+    EXPECT_THAT(pam_.told, ElementsAre("Too many sessions: %u of at most %u are open."));
+    end();
+}
+
+TEST_F(aaa_pam_limit, who_is_refused_by_the_machine_learns_nothing_of_the_limit) {
+    open_another();
+    pam_.failing["acct_mgmt"] = PAM_ACCT_EXPIRED;
+    EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_ACCT_EXPIRED);
+    EXPECT_THAT(pam_.told, IsEmpty());
+    end();
+}
+
+TEST_F(aaa_pam_limit, of_two_that_passed_the_check_at_once_one_gets_the_session) {
+    EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_SUCCESS);
+    open_another();
+    EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
+    EXPECT_THAT(pam_.stages, ElementsAre("acct_mgmt"));
+    end();
+}
+
+TEST_F(aaa_pam_limit, a_session_that_cannot_be_kept_is_not_counted) {
+    pam_.failing["set_session_data"] = PAM_BUF_ERR;
+    EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_BUF_ERR);
+    session_count count;
+    EXPECT_EQ(session_limit_count(session_limit_directory, &count), 0);
+    EXPECT_EQ(count.open, 0U);
+}
+
+TEST_F(aaa_pam_limit, a_limit_that_cannot_be_kept_locks_nobody_out) {
+    std::filesystem::remove_all(session_limit_directory);
+    std::filesystem::create_directories(std::filesystem::path(session_limit_directory).parent_path());
+    ASSERT_EQ(symlink(session_limit_directory, session_limit_directory), 0);
+    EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_SUCCESS);
+    EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_SUCCESS);
+    EXPECT_THAT(pam_.logged, ElementsAre("the limit of concurrent sessions is not in force: %s",
+                                         "the limit of concurrent sessions is not in force: %s"));
     end();
 }

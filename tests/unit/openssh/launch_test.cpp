@@ -43,7 +43,7 @@ class launcher_launch : public testing::Test {
         const std::string said_file = scratch_.write("said", "");
         FILE* said = fopen(said_file.c_str(), "w");
         const reporter to{.server_file = options_.file, .fd = fileno(said)};
-        const launch_status status = prepare_launch(paths_, options_, to, config_);
+        const launch_status status = prepare_launch(paths_, options_, to, prepared_);
         fclose(said);
         said_ = text_of(said_file);
         return status;
@@ -55,7 +55,7 @@ class launcher_launch : public testing::Test {
     launcher_paths paths_;
     launch_options options_;
     std::string key_;
-    std::string config_;
+    launch prepared_;
     std::string said_;
 };
 
@@ -63,7 +63,7 @@ class launcher_launch : public testing::Test {
 
 TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
     EXPECT_EQ(prepare(), launch_ready) << said_;
-    EXPECT_EQ(config_, current());
+    EXPECT_EQ(prepared_.config, current());
     EXPECT_THAT(text_of(current()), HasSubstr("\nHostKey " + key_ + "\n"));
     EXPECT_EQ(said_, "");
     EXPECT_TRUE(exists(paths_.privilege_separation_directory));
@@ -80,10 +80,24 @@ TEST_F(launcher_launch, leaves_nothing_but_the_file_and_the_cache) {
 }
 
 TEST_F(launcher_launch, reports_each_thing_left_out_with_the_name_of_the_file) {
-    write_settings("RateLimitQd 60\n");
+    write_settings("WindowScaleQd 7\n");
     EXPECT_EQ(prepare(), launch_ready);
     EXPECT_EQ(said_, "sshd: " + options_.file +
-                         ": line 4: RateLimitQd ignored: stock sshd does not limit connections per minute\n");
+                         ": line 4: WindowScaleQd ignored: stock sshd leaves the TCP window to the kernel\n");
+}
+
+TEST_F(launcher_launch, gives_the_limits_of_the_agents_file_also_with_the_last_good_one) {
+    write_settings("Port 22\nPort 830\nRateLimitQd 7\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(prepared_.limits.connections_per_minute, 7U);
+    EXPECT_EQ(prepared_.limits.sessions, 64U);
+    EXPECT_THAT(prepared_.limits.ports, ElementsAre("22", "830"));
+    write_settings("Port 22\nSessionLimitQd 3\nMaxStartups nonsense\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST GOOD FILE"));
+    EXPECT_EQ(prepared_.limits.sessions, 3U);
+    EXPECT_EQ(prepared_.limits.connections_per_minute, 60U);
+    EXPECT_THAT(prepared_.limits.ports, ElementsAre("22"));
 }
 
 TEST_F(launcher_launch, runs_with_the_last_good_file_when_sshd_refuses_the_new_one) {

@@ -40,6 +40,17 @@ TEST(launcher_options, takes_a_test_without_an_identifier) {
     EXPECT_TRUE(options.print_only);
 }
 
+TEST(launcher_options, takes_the_namespace_of_a_server_that_has_ended) {
+    launch_options options;
+    EXPECT_EQ(parse({"-e", "vrf-red"}, options), "");
+    EXPECT_EQ(options.ended_namespace, "vrf-red");
+    EXPECT_EQ(complaint({"-e", "vrf-red", "-f", "/a", "-v", "1"}), "option -e is used alone");
+    EXPECT_EQ(complaint({"-t", "-e", "vrf-red"}), "option -e is used alone");
+    for (const char* name : {"", "..", "a/b", "/run/netns/a"}) {
+        EXPECT_EQ(complaint({"-e", name}), std::string("\"") + name + "\" is not the name of a network namespace");
+    }
+}
+
 TEST(launcher_options, says_what_is_missing) {
     EXPECT_EQ(complaint({}), "missing option -f FILE");
     EXPECT_EQ(complaint({"-v", "1"}), "missing option -f FILE");

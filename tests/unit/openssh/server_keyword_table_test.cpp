@@ -33,6 +33,7 @@ TEST(launcher_keyword_table, gives_every_row_what_its_treatment_needs) {
         const bool has_value = row.how == treatment::pass || row.how == treatment::host_keys;
         const bool is_left_out = row.how == treatment::leave_out || row.how == treatment::end_of_settings;
         EXPECT_EQ(row.form != nullptr, has_value) << row.keyword;
+        EXPECT_EQ(row.limited != nullptr, row.how == treatment::limit) << row.keyword;
         EXPECT_EQ(*row.reason != '\0', is_left_out) << row.keyword;
         EXPECT_TRUE(row.otherwise.empty() || row.form(row.otherwise)) << row.keyword;
     }
@@ -40,8 +41,8 @@ TEST(launcher_keyword_table, gives_every_row_what_its_treatment_needs) {
 
 namespace {
 
-constexpr const char* treatments[] = {"pass",      "list",      "additional_keys", "host_keys",
-                                      "fips_mode", "leave_out", "end_of_settings"};
+constexpr const char* treatments[] = {"pass",  "list",      "additional_keys", "host_keys",
+                                      "limit", "fips_mode", "leave_out",       "end_of_settings"};
 constexpr const char* repetitions[] = {"once", "by_first_word", "by_value"};
 constexpr const char* algorithm_kind_names[] = {"cipher", "mac", "kex", "key"};
 

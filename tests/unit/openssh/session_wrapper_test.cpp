@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/text.h"
 #include "openssh/run_programs.h"
 #include "openssh/wrapper/session_command.h"
 
@@ -102,7 +103,9 @@ TEST_F(session_wrapper_script, gives_way_when_it_is_not_there) {
 }
 
 TEST_F(session_wrapper_script, says_so_when_the_starter_has_nothing_to_start) {
-    const program_result result = run_programs({{session_starter}}, std::chrono::seconds(20))[0];
+    // Whoever runs the tests may have left its descriptor open.
+    const std::string command = text_format("exec %s %d<&-", session_starter, session_descriptor);
+    const program_result result = run_programs({{"/bin/sh", "-c", command}}, std::chrono::seconds(20))[0];
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.errors, "cannot read the session's command: Bad file descriptor\n");
 }

@@ -209,6 +209,34 @@ TEST(launcher_translate, the_first_of_several_lines_stands) {
               "Subsystem a /b\nSubsystem d /b\n");
 }
 
+TEST(launcher_translate, limits_are_for_the_launcher_and_not_for_sshd) {
+    const translation result = translate_text(
+        "HostKey /pkg/rsa\nUsePAM yes\nAllowTcpForwarding no\nRateLimitQd 5\nSessionLimitQd\t2\nPort 22\nPort 0\n"
+        "Port 830\nPort 22\n");
+    EXPECT_EQ(result.limits.connections_per_minute, 5U);
+    EXPECT_EQ(result.limits.sessions, 2U);
+    EXPECT_THAT(result.limits.ports, ElementsAre("22", "830"));
+    EXPECT_THAT(result.text, Not(HasSubstr("Limit")));
+}
+
+TEST(launcher_translate, a_limit_without_a_usable_line_is_the_routers_default) {
+    for (const char* value : {"", "0", "-1", "1001", "many", "5 6", "5x"}) {
+        const std::string text = text_format("HostKey /pkg/rsa\nRateLimitQd %s\nSessionLimitQd %s\n", value, value);
+        const translation result = translate_text(text);
+        EXPECT_FALSE(result.refused);
+        EXPECT_EQ(result.limits.connections_per_minute, 60U) << value;
+        EXPECT_EQ(result.limits.sessions, 64U) << value;
+        EXPECT_THAT(remarks_of(result),
+                    testing::Contains(
+                        text_format("<4> line 2: RateLimitQd ignored: \"%s\" is not a number from 1 to 1000", value)));
+    }
+    const translation result =
+        translate_text("SessionLimitQd x\nSessionLimitQd 3\nSessionLimitQd 3\nsessionlimitqd 4\n");
+    EXPECT_EQ(result.limits.sessions, 3U);
+    EXPECT_THAT(remarks_of(result),
+                testing::Contains("<5> line 4: SessionLimitQd 4 ignored: an earlier line has set it"));
+}
+
 TEST(launcher_translate, a_default_that_would_open_the_router_is_not_left_to_sshd) {
     const translation result = translate_text("HostKey /pkg/rsa\nAllowTcpForwarding 2\nUsePAM perhaps\n");
     EXPECT_THAT(result.text, HasSubstr("\nAllowTcpForwarding no\n"));

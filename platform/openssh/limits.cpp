@@ -1,0 +1,88 @@
+#include "openssh/limits.h"
+
+#include <fcntl.h>
+#include <sched.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "aaa_pam/session_limit.h"
+#include "common/file_descriptor.h"
+#include "common/text.h"
+#include "openssh/run_programs.h"
+#include "openssh/text.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr std::chrono::seconds nft_limit{10};
+constexpr const char* default_port = "22";
+constexpr const char* delete_command = "delete table inet norvo_limits\n";
+
+std::string ports_of(const server_limits& limits) {
+    return limits.ports.empty() ? std::string(default_port)
+                                : joined(std::vector<std::string_view>(limits.ports.begin(), limits.ports.end()));
+}
+
+/// Runs nft. Returns its first complaint, or why it could not be run; an empty text on success.
+std::string run_nft(const launcher_paths& paths, const std::string& commands) {
+    const program_result result = run_programs({{paths.nft, commands}}, nft_limit).front();
+    if (result.status == 0) {
+        return {};
+    }
+    if (!result.failure.empty()) {
+        return text_format("%s %s", paths.nft.c_str(), result.failure.c_str());
+    }
+    const auto lines = split(result.errors, "\r\n");
+    return text_format("%s says: %s", paths.nft.c_str(), shown(lines.empty() ? "nothing" : lines.front()).c_str());
+}
+
+}  // namespace
+
+std::string limit_commands(const server_limits& limits) {
+    const unsigned rate = limits.connections_per_minute;
+    // A table that does not exist cannot be deleted, so it is first made.
+    return std::string("add table inet norvo_limits\n") + delete_command +
+           text_format(
+               "table inet norvo_limits {\n"
+               "    chain input {\n"
+               "        type filter hook input priority 10; policy accept;\n"
+               "        tcp dport { %s } tcp flags & (fin|syn|rst|ack) == syn"
+               " limit rate over %u/minute burst %u packets counter reject with tcp reset\n"
+               "    }\n"
+               "}\n",
+               ports_of(limits).c_str(), rate, rate);
+}
+
+void enforce_limits(const launcher_paths& paths, const server_limits& limits, const reporter& to) {
+    const std::string failure = run_nft(paths, limit_commands(limits));
+    if (!failure.empty()) {
+        report(to, severity::error,
+               text_format("the limit of %u new connections per minute is not in force: %s",
+                           limits.connections_per_minute, failure.c_str()));
+    }
+    const int error = session_limit_set(paths.state_directory.c_str(), limits.sessions);
+    if (error != 0) {
+        report(to, severity::error,
+               text_format("the limit of %u concurrent sessions is not in force: %s", limits.sessions,
+                           std::strerror(error)));
+    }
+}
+
+std::string remove_limits(const launcher_paths& paths, const std::string& network_namespace) {
+    const std::string path = paths.namespace_directory + network_namespace;
+    const file_descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0 && errno == ENOENT) {
+        return {};
+    }
+    if (fd.get() < 0 || setns(fd.get(), CLONE_NEWNET) != 0) {
+        const int error = errno;
+        return text_format("cannot enter %s: %s", shown(path).c_str(), std::strerror(error));
+    }
+    std::string failure = run_nft(paths, delete_command);
+    return failure.find(std::strerror(ENOENT)) == std::string::npos ? failure : std::string();
+}
+
+}  // namespace openssh

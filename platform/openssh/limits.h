@@ -1,0 +1,43 @@
+/// The limits of a server's connections, which stock sshd does not know: how many begin in a minute, and how many
+/// sessions are open at a time.
+///
+/// The packet filter of the VRF's network namespace limits new connections, to all ports of the server and in IPv4 and
+/// IPv6 together:
+///
+///     table inet norvo_limits {
+///         chain input {
+///             type filter hook input priority 10; policy accept;
+///             tcp dport { 22, 830 } tcp flags & (fin|syn|rst|ack) == syn
+///                 limit rate over 60/minute burst 60 packets counter reject with tcp reset
+///         }
+///     }
+///
+/// The chain comes after those of management-plane protection and of the access lists, so what they drop does not count.
+/// Sessions are counted by the PAM module (aaa_pam/session_limit.h), because only it knows which connections have become
+/// sessions, and because they outlive the server.
+#ifndef OPENSSH_LIMITS_H
+#define OPENSSH_LIMITS_H
+
+#include <string>
+
+#include "openssh/paths.h"
+#include "openssh/report.h"
+#include "openssh/server_limits.h"
+
+namespace openssh {
+
+/// The nft commands that replace the table in one step.
+std::string limit_commands(const server_limits& limits);
+
+/// Puts the limits in force in this process's network namespace. A limit that cannot be put in force is reported, and
+/// the server starts without it.
+void enforce_limits(const launcher_paths& paths, const server_limits& limits, const reporter& to);
+
+/// Removes the table from a network namespace, given by its name. Returns an empty text, also if the namespace or the
+/// table no longer exists; otherwise what is wrong. This process may then be in that namespace. Open sessions still
+/// count, because they outlive their server.
+std::string remove_limits(const launcher_paths& paths, const std::string& network_namespace);
+
+}  // namespace openssh
+
+#endif
