@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "common/text.h"
@@ -27,13 +28,34 @@ std::string ensure_directories(const launcher_paths& paths) {
     return error;
 }
 
+/// Why a file cannot be used: a sentence for the log, and the words of sshd or of the translation, which the log has
+/// already.
+struct file_failure {
+    std::string text;
+    std::string words = {};
+
+    explicit operator bool() const { return !text.empty(); }
+    std::string whole() const { return words.empty() ? text : text + ": " + words; }
+};
+
+std::string first_line(std::string_view text) {
+    const auto lines = split(text, "\r\n");
+    return lines.empty() ? std::string() : shown(lines.front());
+}
+
+std::string first_error(const translation& result) {
+    const auto error = std::find_if(result.remarks.begin(), result.remarks.end(),
+                                    [](const remark& one) { return one.level == severity::error; });
+    return error == result.remarks.end() ? std::string() : error->text;
+}
+
 /// Queries ssh's algorithms, translates, and reports the remarks.
-std::string translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
-                                 translation& result) {
+file_failure translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
+                                  translation& result) {
     known_algorithms known;
     std::string error = query_algorithms(paths.ssh, paths.state_directory + "/~algorithms", known);
     if (!error.empty()) {
-        return error;
+        return {error};
     }
     const bool has_keys_program = access(paths.user_keys_program.c_str(), X_OK) == 0;
     result = translate({.text = text,
@@ -45,108 +67,140 @@ std::string translate_and_report(const launcher_paths& paths, const std::string&
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
-    return result.refused ? "the file is unusable" : "";
+    return result.refused ? file_failure{"the file is unusable", first_error(result)} : file_failure{};
 }
 
 /// Has sshd itself check a file. Its output is reported even if it accepts the file.
-std::string test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to) {
+file_failure test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to) {
     const program_result result = run_programs({{paths.sshd, "-t", "-f", file}}, test_limit).front();
     const bool taken = result.status == 0;
     report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
     if (!result.failure.empty()) {
-        return text_format("%s -t %s", paths.sshd.c_str(), result.failure.c_str());
+        return {text_format("%s -t %s", paths.sshd.c_str(), result.failure.c_str())};
     }
-    return taken ? std::string() : text_format("sshd rejects the file (exit status %d)", result.status);
+    if (taken) {
+        return {};
+    }
+    return {text_format("sshd rejects the file (exit status %d)", result.status), first_line(result.errors)};
 }
 
 /// Tests a translation and makes it the current one, or sets it aside if sshd does not accept it.
-std::string adopt(const launcher_paths& paths, const translation_files& files, const std::string& text,
-                  const reporter& to) {
-    std::string error = write_new_file(files.candidate, text);
+file_failure adopt(const launcher_paths& paths, const translation_files& files, const std::string& text,
+                   const reporter& to) {
+    const std::string error = write_new_file(files.candidate, text);
     if (!error.empty()) {
-        return error;
+        return {error};
     }
-    error = test_with_sshd(paths, files.candidate, to);
-    if (error.empty()) {
-        return move_file(files.candidate, files.current);
+    file_failure failure = test_with_sshd(paths, files.candidate, to);
+    if (!failure) {
+        return {move_file(files.candidate, files.current)};
     }
     if (move_file(files.candidate, files.refused).empty()) {
-        error += text_format("; the rejected file is kept as %s", files.refused.c_str());
+        failure.text += text_format("; the rejected file is kept as %s", files.refused.c_str());
     }
-    return error;
+    return failure;
 }
 
 /// Checks that the last good file is still good: its host keys may be gone, and if it was created outside FIPS mode,
 /// its algorithms may now be forbidden.
-launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode,
-                        const reporter& to) {
+file_failure check_last_good(const launcher_paths& paths, const translation_files& files, bool fips_mode,
+                             const reporter& to) {
     std::string text;
-    std::string error = read_file(files.current, text);
+    const std::string error = read_file(files.current, text);
     if (!error.empty()) {
-        report(to, severity::error, "no last good file exists; the server is not started: " + error);
-        return launch_no_good_file;
+        return {"no last good file exists; the server is not started: " + error};
     }
     if (fips_mode && !was_made_in_fips_mode(text)) {
-        report(to, severity::error, "the last good file was made outside FIPS mode; the server is not started");
-        return launch_no_good_file;
+        return {"the last good file was made outside FIPS mode; the server is not started"};
     }
-    error = test_with_sshd(paths, files.current, to);
-    if (!error.empty()) {
-        report(to, severity::error, "the last good file is no longer valid; the server is not started: " + error);
+    const file_failure failure = test_with_sshd(paths, files.current, to);
+    if (!failure) {
+        return {};
+    }
+    return {"the last good file is no longer valid; the server is not started: " + failure.text};
+}
+
+launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode, const reporter& to,
+                        launch_record& record) {
+    const file_failure failure = check_last_good(paths, files, fips_mode, to);
+    if (failure) {
+        report(to, severity::error, failure.text);
+        record.reason += "; " + failure.text;
         return launch_no_good_file;
     }
     report(to, severity::error, "THE SERVER RUNS WITH THE LAST GOOD FILE, not with its current settings");
+    record.in_use = launch_file::last_good;
+    record.config = files.current;
     return launch_ready;
 }
 
-/// The steps without which nothing works, not even falling back.
+/// The steps without which nothing works, not even falling back. `failure` receives what is wrong, which is reported.
 launch_status read_server_file(const launcher_paths& paths, const launch_options& options, const reporter& to,
-                               std::string& text) {
-    std::string error = read_file(options.file, text);
-    if (!error.empty()) {
-        report(to, severity::error, "the server file cannot be used: " + error);
-        return launch_file_unreadable;
+                               std::string& text, std::string& failure) {
+    launch_status status = launch_ready;
+    failure = ensure_directories(paths);
+    if (!failure.empty()) {
+        failure = "the server cannot be started: " + failure;
+        status = launch_no_state;
+    } else if (failure = read_file(options.file, text); !failure.empty()) {
+        failure = "the server file cannot be used: " + failure;
+        status = launch_file_unreadable;
     }
-    error = ensure_directories(paths);
-    if (!error.empty()) {
-        report(to, severity::error, "the server cannot be started: " + error);
-        return launch_no_state;
+    if (!failure.empty()) {
+        report(to, severity::error, failure);
     }
-    return launch_ready;
+    return status;
 }
 
 }  // namespace
 
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
                              launch& prepared) {
+    launch_record& record = prepared.record;
+    record.process = getpid();
+    record.server_file = options.file;
     std::string text;
-    const launch_status status = read_server_file(paths, options, to, text);
+    const launch_status status = read_server_file(paths, options, to, text, record.reason);
     if (status != launch_ready) {
         return status;
     }
     const translation_files files = translation_files_of(paths.state_directory, paths.agent_directory, options.file);
     translation result;
-    std::string error = translate_and_report(paths, text, to, result);
-    if (error.empty()) {
-        error = adopt(paths, files, result.text, to);
+    file_failure failure = translate_and_report(paths, text, to, result);
+    if (!failure) {
+        failure = adopt(paths, files, result.text, to);
     }
-    prepared = {files.current, result.limits};
-    if (error.empty()) {
+    prepared.config = files.current;
+    prepared.limits = result.limits;
+    if (!failure) {
+        record.in_use = launch_file::current;
+        record.config = files.current;
         return launch_ready;
     }
-    report(to, severity::error, error);
-    return fall_back(paths, files, asks_for_fips_mode(text), to);
+    report(to, severity::error, failure.text);
+    record.reason = failure.whole();
+    return fall_back(paths, files, asks_for_fips_mode(text), to, record);
+}
+
+void keep_record(const launcher_paths& paths, const launch_record& record, const reporter& to) {
+    const translation_files files =
+        translation_files_of(paths.state_directory, paths.agent_directory, record.server_file);
+    const std::string error = replace_file(launch_record_path(files.current), launch_record_format(record));
+    if (!error.empty()) {
+        report(to, severity::warning, "what the server was started with is not recorded: " + error);
+    }
 }
 
 launch_status try_translation(const launcher_paths& paths, const launch_options& options, const reporter& to,
                               std::string& translated) {
     std::string text;
-    const launch_status status = read_server_file(paths, options, to, text);
+    std::string unreadable;
+    const launch_status status = read_server_file(paths, options, to, text, unreadable);
     if (status != launch_ready) {
         return status;
     }
     translation result;
-    std::string error = translate_and_report(paths, text, to, result);
+    std::string error = translate_and_report(paths, text, to, result).text;
     translated = result.text;
     const std::string candidate =
         translation_files_of(paths.state_directory, paths.agent_directory, options.file).candidate;
@@ -154,7 +208,7 @@ launch_status try_translation(const launcher_paths& paths, const launch_options&
         error = write_new_file(candidate, translated);
     }
     if (error.empty()) {
-        error = test_with_sshd(paths, candidate, to);
+        error = test_with_sshd(paths, candidate, to).text;
         unlink(candidate.c_str());
     }
     if (error.empty()) {

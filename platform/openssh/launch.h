@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/launch_record.h"
 #include "openssh/options.h"
 #include "openssh/paths.h"
 #include "openssh/report.h"
@@ -27,12 +28,17 @@ enum launch_status {
 struct launch {
     std::string config;    ///< path of sshd's file
     server_limits limits;  ///< of the agent's file, also where sshd's file is the last good one
+    /// What `keep_record` is to write, also when the server is not started.
+    launch_record record;
 };
 
 /// Translates and tests the file and keeps the result, or falls back on the last good one. Everything that the operator
-/// should know has been reported. `prepared` is complete with `launch_ready`.
+/// should know has been reported. `prepared` is complete with `launch_ready`, and its record in any case.
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
                              launch& prepared);
+
+/// Writes the record of this launch, which replaces that of the last one. Reports a failure, which costs nothing else.
+void keep_record(const launcher_paths& paths, const launch_record& record, const reporter& to);
 
 /// Gives the translation as text, for printing, and reports what sshd says of it; nothing is kept. `translated` is also set
 /// when sshd does not take it.

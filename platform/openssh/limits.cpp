@@ -56,19 +56,19 @@ std::string limit_commands(const server_limits& limits) {
                ports_of(limits).c_str(), rate, rate);
 }
 
-void enforce_limits(const launcher_paths& paths, const server_limits& limits, const reporter& to) {
+std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits) {
+    std::vector<std::string> failures;
     const std::string failure = run_nft(paths, limit_commands(limits));
     if (!failure.empty()) {
-        report(to, severity::error,
-               text_format("the limit of %u new connections per minute is not in force: %s",
-                           limits.connections_per_minute, failure.c_str()));
+        failures.push_back(text_format("the limit of %u new connections per minute is not in force: %s",
+                                       limits.connections_per_minute, failure.c_str()));
     }
     const int error = session_limit_set(paths.state_directory.c_str(), limits.sessions);
     if (error != 0) {
-        report(to, severity::error,
-               text_format("the limit of %u concurrent sessions is not in force: %s", limits.sessions,
-                           std::strerror(error)));
+        failures.push_back(text_format("the limit of %u concurrent sessions is not in force: %s", limits.sessions,
+                                       std::strerror(error)));
     }
+    return failures;
 }
 
 std::string remove_limits(const launcher_paths& paths, const std::string& network_namespace) {

@@ -19,9 +19,9 @@
 #define OPENSSH_LIMITS_H
 
 #include <string>
+#include <vector>
 
 #include "openssh/paths.h"
-#include "openssh/report.h"
 #include "openssh/server_limits.h"
 
 namespace openssh {
@@ -29,9 +29,9 @@ namespace openssh {
 /// The nft commands that replace the table in one step.
 std::string limit_commands(const server_limits& limits);
 
-/// Puts the limits in force in this process's network namespace. A limit that cannot be put in force is reported, and
-/// the server starts without it.
-void enforce_limits(const launcher_paths& paths, const server_limits& limits, const reporter& to);
+/// Puts the limits in force in this process's network namespace. Returns a sentence for each limit that cannot be put in
+/// force, with which the server starts nevertheless.
+std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits);
 
 /// Removes the table from a network namespace, given by its name. Returns an empty text, also if the namespace or the
 /// table no longer exists; otherwise what is wrong. This process may then be in that namespace. Open sessions still

@@ -65,10 +65,16 @@ int main(int count, char** arguments) {
     }
     openssh::launch prepared;
     const openssh::launch_status status = openssh::prepare_launch(paths, options, to, prepared);
+    if (status == openssh::launch_ready) {
+        prepared.record.not_in_force = openssh::enforce_limits(paths, prepared.limits);
+    }
+    for (const std::string& failure : prepared.record.not_in_force) {
+        openssh::report(to, openssh::severity::error, failure);
+    }
+    openssh::keep_record(paths, prepared.record, to);
     if (status != openssh::launch_ready) {
         return status;
     }
-    openssh::enforce_limits(paths, prepared.limits, to);
     openssh::report(to, openssh::severity::notice,
                     text_format("the server of VRF %u starts with %s", options.vrf_id, prepared.config.c_str()));
     openssh::load_into_sshd(openssh::session_hook_of(paths, to));

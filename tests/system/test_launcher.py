@@ -11,6 +11,7 @@ NAMESPACE = "vrf-launcher"
 UNIT = "sshd_launcher_test"
 SERVER_FILE = pathlib.Path("/var/opt/norvo/norvossh/sshd_config_launcher_test")
 TRANSLATION = pathlib.Path("/run/ssh_cfg_agent/openssh/sshd_config_launcher_test")
+RECORD = TRANSLATION.with_name(TRANSLATION.name + "~launch")
 KEY = pathlib.Path("/pkg/ed25519")
 PAM_FILE = pathlib.Path("/etc/pam.d/norvosshd")
 
@@ -180,9 +181,13 @@ def test_what_sshd_refuses_costs_the_new_settings_and_not_the_server(server):
     assert TRANSLATION.read_text(encoding="utf-8") == good
     assert server.said("Invalid MaxStartups spec.")[0]["PRIORITY"] == "3"
     assert server.said("THE SERVER RUNS WITH THE LAST GOOD FILE")[0]["PRIORITY"] == "3"
+    record = RECORD.read_text(encoding="utf-8").splitlines()
+    assert record[:2] == ["in_use last_good", f"process {unit_property('MainPID')}"]
+    assert record[-1].startswith("reason sshd rejects the file") and "Invalid MaxStartups spec." in record[-1]
     assert server.ssh("operator@127.0.0.1", "id -un").stdout == "operator\n"
     assert server.start(SETTINGS + "MaxAuthTries 3\n")
     assert "\nMaxAuthTries 3\n" in TRANSLATION.read_text(encoding="utf-8")
+    assert "in_use current\n" in RECORD.read_text(encoding="utf-8")
 
 
 def test_without_a_good_file_the_server_does_not_start(server):
@@ -253,5 +258,5 @@ def test_a_trial_prints_the_servers_file_and_starts_nothing(server):
     SERVER_FILE.write_text(SETTINGS, encoding="utf-8")
     result = run("/pkg/bin/sshd", "-t", "-f", str(SERVER_FILE))
     assert f"\nCiphers {CIPHERS}\n" in result.stdout
-    assert f"sshd: {SERVER_FILE}: line 11: RateLimitQd ignored" in result.stderr
+    assert f"sshd: {SERVER_FILE}: line 11: WindowScaleQd ignored" in result.stderr
     assert not TRANSLATION.exists()

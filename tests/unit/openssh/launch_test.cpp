@@ -43,10 +43,18 @@ class launcher_launch : public testing::Test {
         const std::string said_file = scratch_.write("said", "");
         FILE* said = fopen(said_file.c_str(), "w");
         const reporter to{.server_file = options_.file, .fd = fileno(said)};
+        prepared_ = {};
         const launch_status status = prepare_launch(paths_, options_, to, prepared_);
+        keep_record(paths_, prepared_.record, to);
         fclose(said);
         said_ = text_of(said_file);
         return status;
+    }
+
+    launch_record recorded() const {
+        launch_record record;
+        EXPECT_TRUE(launch_record_parse(text_of(current() + "~launch"), record));
+        return record;
     }
 
     std::string current() const { return scratch_.file("state/sshd_config_red"); }
@@ -74,9 +82,48 @@ TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(launcher_launch, leaves_nothing_but_the_file_and_the_cache) {
+TEST_F(launcher_launch, leaves_nothing_but_the_file_its_record_and_the_cache) {
     ASSERT_EQ(prepare(), launch_ready);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 2);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 3);
+}
+
+TEST_F(launcher_launch, records_which_file_is_in_use_and_why) {
+    ASSERT_EQ(prepare(), launch_ready);
+    launch_record record = recorded();
+    EXPECT_EQ(record.in_use, launch_file::current);
+    EXPECT_EQ(record.process, getpid());
+    EXPECT_EQ(record.server_file, options_.file);
+    EXPECT_EQ(record.config, current());
+    EXPECT_EQ(record.reason, "");
+
+    write_settings("MaxStartups nonsense\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    record = recorded();
+    EXPECT_EQ(record.in_use, launch_file::last_good);
+    EXPECT_EQ(record.config, current());
+    EXPECT_THAT(record.reason, HasSubstr("sshd rejects the file (exit status 255); the rejected file is kept as"));
+    EXPECT_THAT(record.reason, HasSubstr("Invalid MaxStartups spec."));
+
+    scratch_.write("sshd_config_red", "HostKey /none\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().reason, "the file is unusable: no usable host key; the file is not used");
+
+    ASSERT_EQ(unlink(current().c_str()), 0);
+    ASSERT_EQ(prepare(), launch_no_good_file);
+    record = recorded();
+    EXPECT_EQ(record.in_use, launch_file::none);
+    EXPECT_EQ(record.config, "");
+    EXPECT_THAT(record.reason, HasSubstr("the file is not used; no last good file exists; the server is not started"));
+
+    ASSERT_EQ(unlink(options_.file.c_str()), 0);
+    ASSERT_EQ(prepare(), launch_file_unreadable);
+    EXPECT_THAT(recorded().reason, HasSubstr("the server file cannot be used: cannot open"));
+}
+
+TEST_F(launcher_launch, a_record_that_cannot_be_written_costs_nothing_but_a_warning) {
+    std::filesystem::create_directories(current() + "~launch/in_the_way");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(said_, HasSubstr("what the server was started with is not recorded: "));
 }
 
 TEST_F(launcher_launch, reports_each_thing_left_out_with_the_name_of_the_file) {
