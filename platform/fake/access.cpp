@@ -1,6 +1,7 @@
 #include <errno.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -23,6 +24,8 @@ struct der_form {
 
 struct access_state {
     std::vector<std::unique_ptr<acl_handle>> handles;
+    acl_verifier verifier = {};
+    void* verifier_context = nullptr;
     std::map<uint32_t, std::string> actions = {{0, "deny"}, {1, "permit"}};
     std::vector<stored_key> keys;
     std::map<std::string, der_form> der_forms;
@@ -100,6 +103,27 @@ size_t acl_subscriptions(std::string_view acl_name) {
     return callbacks_where([acl_name](const acl_handle& handle) { return handle.name == acl_name; }).size();
 }
 
+acl_rules make_acl_rules(uint32_t family, uint32_t service, const std::vector<std::string>& records) {
+    acl_rules made;
+    if (holdings.verifier.make_rules == nullptr) {
+        return made;
+    }
+    std::vector<acl_list_entry> entries;
+    for (const std::string& record : records) {
+        entries.push_back({record.data(), record.size()});
+    }
+    made.entries.resize(entries.size());
+    acl_list_rules rules = {};
+    made.status = holdings.verifier.make_rules(family, service, entries.data(), entries.size(), made.entries.data(),
+                                               &rules, holdings.verifier_context);
+    if (made.status == PLATFORM_OK) {
+        made.text.assign(rules.text, rules.size);
+        made.compared_port = rules.compared_port;
+        free(rules.text);
+    }
+    return made;
+}
+
 void set_acl_action(uint32_t grant, std::string name) {
     holdings.actions[grant] = std::move(name);
 }
@@ -172,6 +196,19 @@ platform_status acl_service_unregister_callback(acl_handle* handle, acl_change_c
 void acl_service_release(acl_handle* handle) {
     enter("acl_service_release", {handle != nullptr ? handle->name.c_str() : nullptr});
     std::erase_if(holdings.handles, [handle](const auto& owned) { return owned.get() == handle; });
+}
+
+platform_status acl_service_register_verifier(const acl_verifier* verifier, void* context) {
+    const platform_status status = enter("acl_service_register_verifier", {});
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    if (verifier == nullptr || verifier->make_rules == nullptr) {
+        return EINVAL;
+    }
+    holdings.verifier = *verifier;
+    holdings.verifier_context = context;
+    return PLATFORM_OK;
 }
 
 const char* acl_service_action_name(uint32_t grant) {

@@ -5,6 +5,7 @@
 #ifndef FAKE_FAKE_PLATFORM_H
 #define FAKE_FAKE_PLATFORM_H
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,6 +18,7 @@
 #include <vector>
 
 #include "platform/acl_service.h"
+#include "platform/acl_verifier.h"
 #include "platform/banner_service.h"
 #include "platform/datastore.h"
 #include "platform/enforcement.h"
@@ -335,6 +337,17 @@ std::vector<int> send_acl_notice(const acl_change_notice* notice);
 
 size_t acl_handles();
 size_t acl_subscriptions(std::string_view acl_name);
+
+/// What the registered verifier makes of a list.
+struct acl_rules {
+    platform_status status = ENOENT;  ///< ENOENT if none is registered
+    std::string text;
+    uint32_t compared_port = 0;
+    std::vector<acl_entry_rule> entries;
+};
+
+/// Asks the verifier for the rules of a list with these encoded entries for a service (MPP_SERVICE_).
+acl_rules make_acl_rules(uint32_t family, uint32_t service, const std::vector<std::string>& records);
 
 /// The name of an action; initially 0 is "deny" and 1 "permit".
 void set_acl_action(uint32_t grant, std::string name);

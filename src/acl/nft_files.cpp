@@ -188,13 +188,22 @@ int norvossh_acl_init_table(const char* vrf_name, FILE** stream, uint32_t type) 
         report_invalid_type(__func__);
         return -1;
     }
-    const nft_table& table = tables[type];
-    write_flush(*stream, table);
-    fprintf(*stream, table.family->table_format, table.name);
-    fputs("        chain input {\n", *stream);
-    fputs("                type filter hook input priority 0; policy accept;\n", *stream);
-    fputs("               ct state established accept\n", *stream);
+    write_table_header(type, *stream);
     return 0;
+}
+
+void write_table_declaration(uint32_t type, FILE* stream) {
+    fprintf(stream, tables[type].family->table_format, tables[type].name);
+    fputs("}\n", stream);
+}
+
+void write_table_header(uint32_t type, FILE* stream) {
+    const nft_table& table = tables[type];
+    write_flush(stream, table);
+    fprintf(stream, table.family->table_format, table.name);
+    fputs("        chain input {\n", stream);
+    fputs("                type filter hook input priority 0; policy accept;\n", stream);
+    fputs("               ct state established accept\n", stream);
 }
 
 void ssh_nft_fp_close(uint32_t type, FILE* stream) {

@@ -125,9 +125,13 @@ void append_sport_match(rule_text& rule, uint32_t operation, uint32_t port1, uin
     append_match(rule, source_port_texts, operation, port1, port2);
 }
 
+uint32_t compared_port_of(uint32_t type) {
+    return type == acl_ssh_v4 ? ssh_port : netconf_port;
+}
+
 void check_dport_match(rule_text& rule, uint32_t operation, uint32_t port1, uint32_t /*port2*/, bool& excluded,
                        bool& negated, uint32_t type) {
-    const uint32_t port = type == acl_ssh_v4 ? ssh_port : netconf_port;
+    const uint32_t port = compared_port_of(type);
     if (!leaves_port_out(operation, port1, port)) {
         return;
     }

@@ -18,6 +18,9 @@ void append_sport_match(rule_text& rule, uint32_t operation, uint32_t port1, uin
 void check_dport_match(rule_text& rule, uint32_t operation, uint32_t port1, uint32_t port2, bool& excluded,
                        bool& negated, uint32_t type);
 
+/// The port with which check_dport_match compares for a type.
+uint32_t compared_port_of(uint32_t type);
+
 /// Only operators 1 and 2 append anything, and both append the same text.
 void append_tcp_flags_match(rule_text& rule, uint32_t operation, uint32_t flags, uint32_t mask);
 

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <iterator>
 
+#include "acl/list_verifier.h"
 #include "acl/nft_files.h"
 #include "acl/subscription.h"
 #include "config_files/default_contents.h"
@@ -365,6 +366,11 @@ start_up_status open_protection() {
     return START_UP_DONE;
 }
 
+start_up_status offer_acl_verifier() {
+    register_acl_verifier();
+    return START_UP_DONE;
+}
+
 start_up_status create_default_unit() {
     if (create_sshd_service_config_file("vrf-default") != 0) {
         debug_print("Failed to create SSHD systemd service and config file for vrf:=default");
@@ -434,6 +440,7 @@ constexpr start_up_step steps[] = {
     {"file-system list", publish_file_systems},
     {"namespace messages", attach_namespace_messages},
     {"protection", open_protection},
+    {"access-list verifier", offer_acl_verifier},
     {"default unit", create_default_unit},
     {"banners", build_banners},
     {"server scan", scan_server},

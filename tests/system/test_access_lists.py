@@ -333,20 +333,6 @@ def test_nobody_slips_in_while_the_agent_dies_and_comes_back(mgmt):
     assert (knocks > 100, entries) == (True, 0)
 
 
-def test_a_load_that_fails_is_in_the_log_and_changes_nothing(mgmt, journal):
-    one_allowed()
-    bind(22, "ops", "ops6")
-    entry = ('[{"IsPacketAllowOrDeny": "permit", "IsProtocolOperator": 1, "IsIPV6ProtocolType": 6,'
-             '"IsSourceAddressInNumbers": "2001:db8:9::3", "SourceMask": "ffff:0:ffff::",'
-             '"IsDestinationAddressInNumbers": "::", "DestinationMask": "::"}]')
-    router.ctl("acl", "set", "ipv6", "ops6", "-", input=entry)
-    journal.wait_for("Failed to apply nft rules", router.AGENT)
-    told = journal.wait_for("access list ops6", router.AGENT)
-    assert "VRF mgmt" in told
-    assert "Error: " in told and "ffff:0:ffff::" in told
-    assert who_gets_in() == {ALLOWED, ALLOWED6}
-
-
 @pytest.mark.parametrize(
     "family, lines, named",
     [

@@ -186,3 +186,20 @@ def test_a_list_that_confines_nobody_is_warned_of(mgmt):
         "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv4 source: there is no IPv4 access list opps",
         "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv6 source: the item names only an IPv4 access list",
     ]
+
+
+def test_a_load_that_fails_is_told_and_changes_nothing(mgmt, nft_that_rejects, journal):
+    set_list("ipv6", "ops6", f"permit tcp host {ALLOWED6} any")
+    bind(None, "ops6")
+    wait_for_rules(mgmt, "norvossh_v6acl", "ip6", ALLOWED6)
+    rules = access_lists.rules(mgmt, "norvossh_v6acl", "ip6")
+    accept_again = nft_that_rejects("vrf-mgmt_norvossh_v6acl")
+    result = set_list("ipv6", "ops6", f"permit tcp host {DENIED6} any", check=False)
+    assert result.returncode == 6
+    assert "stored, not in force: " in result.stderr
+    journal.wait_for("Failed to apply nft rules", router.AGENT)
+    assert "VRF mgmt" in journal.wait_for("access list ops6 was not loaded", router.AGENT)
+    assert access_lists.rules(mgmt, "norvossh_v6acl", "ip6") == rules
+    accept_again()
+    set_list("ipv6", "ops6", f"permit tcp host {DENIED6} any")
+    wait_for_rules(mgmt, "norvossh_v6acl", "ip6", DENIED6)

@@ -12,6 +12,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
+#include "linux/enforcement/enforcement_internal.h"
 #include "linux/process/event_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
@@ -93,24 +94,31 @@ std::set<acl_change_callback> callbacks_of(const pending_notice& pending) {
     return callbacks;
 }
 
+/// Delivers one notice. What a subscriber has not put in force and not reported itself is reported here.
 void deliver(const pending_notice& pending) {
     acl_change_notice notice = {};
     pending.name.copy(notice.acl_name, sizeof(notice.acl_name) - 1);
     notice.present = pending.present ? 1 : 0;
+    const enforcement_collector collector;
+    bool applied = true;
     for (const acl_change_callback callback : callbacks_of(pending)) {
         const datastore_handler_scope scope;
-        if (callback(&notice) != 0) {
-            platform_log(LOG_ERR, "A change of access list %s was not applied everywhere", notice.acl_name);
-        }
+        applied = callback(&notice) == 0 && applied;
+    }
+    const std::string subject =
+        std::string("access list ") + notice.acl_name + (pending.family == ACL_FAMILY_IPV6 ? " ipv6" : " ipv4");
+    if (applied) {
+        enforcement_restored(subject.c_str());
+        return;
+    }
+    platform_log(LOG_ERR, "A change of access list %s was not applied everywhere", notice.acl_name);
+    if (collector.entries().empty()) {
+        enforcement_failed(subject.c_str(), "not loaded everywhere; the agent's log says why");
     }
 }
 
 int deliver_pending(sd_event_source* /*source*/, void* /*userdata*/) {
-    std::vector<pending_notice> pending;
-    pending.swap(service().pending);
-    for (const pending_notice& notice : pending) {
-        deliver(notice);
-    }
+    acl_service_notify();
     return 0;
 }
 
@@ -212,6 +220,14 @@ platform_status acl_list_replace(uint32_t family, std::string_view name, const s
         announce(family, name, !entries.empty());
     }
     return status;
+}
+
+void acl_service_notify() {
+    std::vector<pending_notice> pending;
+    pending.swap(service().pending);
+    for (const pending_notice& notice : pending) {
+        deliver(notice);
+    }
 }
 
 platform_status acl_list_delete(uint32_t family, std::string_view name) {

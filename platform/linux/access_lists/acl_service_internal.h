@@ -35,6 +35,10 @@ platform_status acl_list_replace(uint32_t family, std::string_view name, const s
 /// Removes a list. Returns DATASTORE_NO_SUCH_LIST if there is none.
 platform_status acl_list_delete(uint32_t family, std::string_view name);
 
+/// Notifies the subscribers of all changes now, instead of when control returns to the loop, so that the answer to a
+/// change can tell what came of it. Not from within a subscriber's callback.
+void acl_service_notify();
+
 /// The names of all lists of a family, in byte order.
 platform_status acl_list_names(uint32_t family, std::vector<std::string>& names);
 

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <map>
 #include <variant>
 
+#include "linux/access_lists/acl_entry_warnings.h"
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/datastore/schema.h"
 
@@ -69,16 +71,18 @@ bool any_named(const list_names& names) {
     return std::any_of(names.begin(), names.end(), [](const std::string& name) { return !name.empty(); });
 }
 
-/// Why a list confines nobody; empty if it has entries.
-std::string reason_of_openness(const family_row& family, std::string_view name) {
-    std::vector<acl_stored_entry> entries;
+std::string list_text(const family_row& family, std::string_view name) {
+    return std::string(family.name) + " access list " + std::string(name);
+}
+
+/// Reads a list. Returns why it confines nobody; empty if it has entries.
+std::string reason_of_openness(const family_row& family, std::string_view name,
+                               std::vector<acl_stored_entry>& entries) {
     const platform_status status = acl_list_entries(family.code, name, entries);
     if (status == DATASTORE_NO_SUCH_LIST) {
-        return std::string("there is no ") + family.name + " access list " + std::string(name);
+        return "there is no " + list_text(family, name);
     }
-    return status == PLATFORM_OK && entries.empty()
-               ? std::string(family.name) + " access list " + std::string(name) + " is empty"
-               : "";
+    return status == PLATFORM_OK && entries.empty() ? list_text(family, name) + " is empty" : "";
 }
 
 /// The beginning of a warning.
@@ -91,17 +95,52 @@ std::string open_port(const service_row& service, std::string_view vrf, const fa
     return place_of(service, vrf) + " is open to every " + family.name + " source: " + reason;
 }
 
-void warn_of_item(const service_row& service, std::string_view vrf, const list_names& names,
-                  std::vector<std::string>& warnings) {
-    for (size_t i = 0; any_named(names) && i < names.size(); i++) {
-        const std::string reason = names[i].empty()
-                                       ? std::string("the item names only ") + families[1 - i].article + " access list"
-                                       : reason_of_openness(families[i], names[i]);
-        if (!reason.empty()) {
-            warnings.push_back(open_port(service, vrf, families[i], reason));
+/// A list that items of a commit name.
+struct named_list {
+    std::string reason;  ///< why it confines nobody
+    std::vector<acl_stored_entry> entries;
+    acl_users users;
+};
+
+/// Judges the items of a commit. Each list is read once, however many items name it.
+class commit_judge {
+  public:
+    void judge(const service_row& service, std::string_view vrf, const list_names& names) {
+        for (size_t i = 0; any_named(names) && i < names.size(); i++) {
+            const std::string reason =
+                names[i].empty() ? std::string("the item names only ") + families[1 - i].article + " access list"
+                                 : use(i, names[i], service, vrf).reason;
+            if (!reason.empty()) {
+                warnings.push_back(open_port(service, vrf, families[i], reason));
+            }
         }
     }
-}
+
+    /// Judges the entries of the lists in use.
+    void end() {
+        for (const auto& [key, list] : lists_) {
+            const family_row& family = families[key.first];
+            const std::vector<std::string> more =
+                acl_entry_warnings(family.code, list_text(family, key.second), list.entries, list.users);
+            warnings.insert(warnings.end(), more.begin(), more.end());
+        }
+    }
+
+    std::vector<std::string> warnings;
+
+  private:
+    const named_list& use(size_t family, const std::string& name, const service_row& service, std::string_view vrf) {
+        const auto [place, is_new] = lists_.try_emplace({family, name});
+        named_list& list = place->second;
+        if (is_new) {
+            list.reason = reason_of_openness(families[family], name, list.entries);
+        }
+        list.users[&service - services].emplace_back(vrf);
+        return list;
+    }
+
+    std::map<std::pair<size_t, std::string>, named_list> lists_;
+};
 
 bool is_protocol_item_configured(const std::vector<datastore_item_outcome>& items) {
     for (const datastore_item_outcome& item : items) {
@@ -116,7 +155,7 @@ bool is_protocol_item_configured(const std::vector<datastore_item_outcome>& item
 }  // namespace
 
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items) {
-    std::vector<std::string> warnings;
+    commit_judge judge;
     for (const datastore_item_outcome& item : items) {
         const service_row* service = find_service(item.path);
         if (service == nullptr) {
@@ -124,30 +163,37 @@ std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_ou
         }
         const std::string_view vrf = std::string_view(item.path).substr(service->items.size());
         if (item.value.has_value()) {
-            warn_of_item(*service, vrf, names_of(item.path, item.value), warnings);
+            judge.judge(*service, vrf, names_of(item.path, item.value));
         } else if (item.path == default_vrf_item && any_named(names_of(item.path, item.previous)) &&
                    is_protocol_item_configured(items)) {
-            warnings.push_back(place_of(*service, vrf) +
-                               " is open to every source: sshd/v2 keeps its server running, without access lists");
+            judge.warnings.push_back(
+                place_of(*service, vrf) +
+                " is open to every source: sshd/v2 keeps its server running, without access lists");
         }
     }
-    return warnings;
+    judge.end();
+    return std::move(judge.warnings);
 }
 
 std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name) {
     const family_row& row = family_of(family);
-    const std::string reason = reason_of_openness(row, name);
+    std::vector<acl_stored_entry> entries;
+    const std::string reason = reason_of_openness(row, name, entries);
     std::vector<std::string> warnings;
-    if (reason.empty()) {
-        return warnings;
-    }
+    acl_users users;
     for (const service_row& service : services) {
         datastore_visit(service.items, [&](const std::string& path, const datastore_value& value) {
             if (names_of(value)[&row - families] == name) {
-                warnings.push_back(open_port(service, path.substr(service.items.size()), row, reason));
+                const std::string vrf = path.substr(service.items.size());
+                users[&service - services].push_back(vrf);
+                if (!reason.empty()) {
+                    warnings.push_back(open_port(service, vrf, row, reason));
+                }
             }
             return true;
         });
     }
+    const std::vector<std::string> more = acl_entry_warnings(family, list_text(row, name), entries, users);
+    warnings.insert(warnings.end(), more.begin(), more.end());
     return warnings;
 }

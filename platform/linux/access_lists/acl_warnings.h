@@ -11,12 +11,12 @@
 #include "linux/datastore/datastore_internal.h"
 
 /// Warnings about the VRF items of a commit that was carried out or checked: each list that does not exist or is empty,
-/// each address family without a list while the other one has a list, and lists that a running server has lost. May
-/// throw std::bad_alloc.
+/// each address family without a list while the other one has a list, lists that a running server has lost, and entries
+/// that do not do what they seem to say. May throw std::bad_alloc.
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items);
 
-/// Each port that the list leaves open because it has been deleted or emptied; nothing while it has entries. May throw
-/// std::bad_alloc.
+/// Warnings about a list that was set or deleted: each port that it leaves open because it has no entries any more, and
+/// entries that do not do what they seem to say. May throw std::bad_alloc.
 std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name);
 
 #endif

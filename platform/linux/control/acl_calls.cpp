@@ -5,6 +5,7 @@
 #include "common/text.h"
 #include "linux/access_lists/acl_json.h"
 #include "linux/access_lists/acl_line.h"
+#include "linux/access_lists/acl_verification.h"
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
@@ -148,6 +149,23 @@ control_json check_empty(const wished_list& wish, const control_json& request) {
                                                        "the port open; if that is intended, use --empty");
 }
 
+/// Refuses what could be stored but not loaded. Returns null for a list without objection.
+control_json check_loadable(const wished_list& wish, const std::vector<acl_stored_entry>& entries) {
+    const acl_objection objection = acl_check_list(wish.family->code, entries);
+    std::string message;
+    for (const std::string& refusal : objection.refusals) {
+        message += (message.empty() ? "" : "\n") + refusal;
+    }
+    if (!message.empty()) {
+        return control_answer(control_result::refused, message);
+    }
+    return objection.failure.empty()
+               ? control_json()
+               : control_answer(control_result::failed,
+                                "access list " + wish.name +
+                                    ": cannot be checked, nothing has been changed: " + objection.failure);
+}
+
 std::string audited(const wished_list& wish) {
     return std::string(wish.family->name) + ' ' + wish.name;
 }
@@ -161,8 +179,8 @@ control_json control_call_acl_set(const control_json& request, const control_pee
     if (problem.is_null()) {
         problem = read_list(wish.family->code, request, entries);
     }
-    if (problem.is_null() && entries.empty()) {
-        problem = check_empty(wish, request);
+    if (problem.is_null()) {
+        problem = entries.empty() ? check_empty(wish, request) : check_loadable(wish, entries);
     }
     if (!problem.is_null()) {
         return problem;
@@ -170,11 +188,12 @@ control_json control_call_acl_set(const control_json& request, const control_pee
     const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
     control_json answer = status == PLATFORM_OK ? control_answer(control_result::done) : failure(wish, status);
     answer["entries"] = entries.size();
-    if (status == PLATFORM_OK) {
-        control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
-    }
     control_audit(peer, "acl set", status == PLATFORM_OK ? control_result::done : control_result::failed,
                   {audited(wish)});
+    if (status == PLATFORM_OK) {
+        acl_service_notify();
+        control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
+    }
     return answer;
 }
 
@@ -189,6 +208,7 @@ control_json control_call_acl_delete(const control_json& request, const control_
         return failure(wish, status);
     }
     control_audit(peer, "acl delete", control_result::done, {audited(wish)});
+    acl_service_notify();
     control_json answer = control_answer(control_result::done);
     control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
     return answer;
