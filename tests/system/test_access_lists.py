@@ -273,6 +273,8 @@ def test_a_denied_source_never_gets_in_while_its_list_is_replaced(mgmt):
 
 
 def test_an_intruder_is_noticed(mgmt):
+    # More than the intruder's connections in a second.
+    router.set_item("cmn/rate_limit", 600)
     bind(22)
     intruder = Intruder(DENIED, ROUTER, 22)
     time.sleep(1)

@@ -272,3 +272,16 @@ def test_the_answer_comes_when_the_port_is_open(server):
         router.set_item("cmn/timeout", timeout)
         red = {vrf["name"]: vrf for vrf in router.ctl("vrf", "list")}["red"]
         assert red["blocked"] is False
+
+
+def test_what_is_stored_without_effect_is_said_and_shown():
+    reason = "the kernel chooses the TCP window"
+    path = router.SERVER + "cmn/tcp_window_scale"
+    result = router.run("ssh_cfg_ctl", "set", path, "7")
+    assert result.stderr == f"ssh_cfg_ctl: warning: {path}: stored, not carried out on this machine: {reason}\n"
+    answer = router.load({"cmn/tcp_window_scale": 8, "cmn/trustpoint/host": "corp-ca", "cmn/timeout": 45})
+    assert [text.split(":")[0] for text in answer["warnings"]] == [path, router.SERVER + "cmn/trustpoint/host"]
+    assert {"path": path, "reason": reason} in router.ctl("status")["not_carried_out"]
+    assert f"\nStored, not carried out on this machine:\n{path}: {reason}\n" in router.run("ssh_cfg_ctl", "status").stdout
+    router.delete_item("cmn/tcp_window_scale")
+    assert [item["path"] for item in router.ctl("status")["not_carried_out"]] == [router.SERVER + "cmn/trustpoint/host"]

@@ -348,11 +348,23 @@ std::string keys_text(const control_json& answer) {
     return keys.is_array() && keys.empty() ? "no keys\n" : data_text(answer);
 }
 
+/// The items that are stored without effect on this machine, one per line.
+std::string uncarried_text(const control_json& items) {
+    std::string text;
+    for (const control_json& item : items) {
+        text += text_escape(item.value("path", ""), 1024) + ": " + text_escape(item.value("reason", ""), 1024) + '\n';
+    }
+    return text.empty() ? "" : "\nStored, not carried out on this machine:\n" + text;
+}
+
 std::string status_text(const control_json& answer) {
     control_json record = data_of(answer);
     const control_json vrfs = record.value("vrfs", control_json::array());
+    const control_json uncarried = record.value("not_carried_out", control_json::array());
     record.erase("vrfs");
-    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs, ctl_output_width()));
+    record.erase("not_carried_out");
+    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs, ctl_output_width())) +
+           uncarried_text(uncarried);
 }
 
 /// One difference per line, with `prefix` before it.

@@ -76,6 +76,24 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
     return entries;
 }
 
+/// A warning for each value that has no effect on this machine.
+std::vector<std::string> effect_warnings(const datastore_commit_result& result, bool check_only) {
+    std::vector<std::string> warnings;
+    for (const datastore_item_outcome& item : result.items) {
+        datastore_value value;
+        const schema_row* row = schema_find(item.path, nullptr);
+        if (row == nullptr || !item.value.has_value() || schema_load(*row, *item.value, value) != PLATFORM_OK) {
+            continue;
+        }
+        const std::string reason = schema_not_carried_out(*row, value);
+        if (!reason.empty()) {
+            warnings.push_back(text_format("%s: %s, not carried out on this machine: %s", item.path.c_str(),
+                                           check_only ? "would be stored" : "stored", reason.c_str()));
+        }
+    }
+    return warnings;
+}
+
 struct change_call {
     const char* name;
     const control_peer& peer;
@@ -90,6 +108,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
         answer["check"] = call.check_only;
         answer["items"] = items_of(result);
         control_add_warnings(answer, acl_commit_warnings(result.items));
+        control_add_warnings(answer, effect_warnings(result, call.check_only));
     } else if (!result.path.empty()) {
         answer["path"] = result.path;
     }

@@ -11,6 +11,7 @@
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/datastore/datastore_internal.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/reporting/debug_internal.h"
 #include "linux/reporting/trace_internal.h"
@@ -64,6 +65,20 @@ std::string utc_time(uint64_t seconds, const char* format) {
     gmtime_r(&moment, &parts);
     char text[64];
     return {text, strftime(text, sizeof text, format, &parts)};
+}
+
+/// The stored items that have no effect on this machine, each with the reason.
+control_json uncarried_items_json() {
+    control_json list = control_json::array();
+    datastore_visit("/cfg/", [&list](const std::string& path, const datastore_value& value) {
+        const schema_row* row = schema_find(path, nullptr);
+        const std::string reason = row != nullptr ? schema_not_carried_out(*row, value) : "";
+        if (!reason.empty()) {
+            list.push_back({{"path", path}, {"reason", reason}});
+        }
+        return true;
+    });
+    return list;
 }
 
 const char* role_name(uint32_t role) {
@@ -160,6 +175,7 @@ control_json control_call_status(const control_json& request, const control_peer
                                 {"started", utc_time(process.started, "%Y-%m-%dT%H:%M:%SZ")},
                                 {"uptime_seconds", now > process.started ? now - process.started : 0},
                                 {"respawn_count", process.respawn_count},
+                                {"not_carried_out", is_primary ? uncarried_items_json() : control_json::array()},
                                 {"vrfs", std::move(vrfs["data"])}});
 }
 

@@ -55,6 +55,7 @@ struct schema_form {
 struct schema_field {
     const char* name;
     schema_form form;
+    const char* not_carried_out = nullptr;  ///< of a flag: why it has no effect on this machine; null if it has one
 };
 
 /// The condition on a tuple as a whole.
@@ -70,6 +71,7 @@ struct schema_row {
     schema_form wildcard;                  ///< form of the names that match "*"; its help is null if there is none
     std::span<const schema_field> fields;  ///< of a tuple
     schema_tuple_rule rule;
+    const char* not_carried_out = nullptr;  ///< why the item has no effect on this machine; null if it has one
 };
 
 /// All rows, in byte order of their patterns.
@@ -85,6 +87,9 @@ int schema_field_index(const schema_row& row, std::string_view name);
 /// A description of the form that a value of this row must have, as used in refusals: "a number from 5 to 120 (seconds,
 /// login grace time)".
 std::string schema_expected(const schema_row& row);
+
+/// Why a value is only stored and not, or not wholly, carried out on this machine; empty if it is.
+std::string schema_not_carried_out(const schema_row& row, const datastore_value& value);
 
 /// A value as stored and as passed to handlers.
 struct datastore_stored {

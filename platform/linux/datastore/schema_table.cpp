@@ -61,6 +61,16 @@ constexpr schema_field backup_server[] = {
     {"vrf", vrf_name},
 };
 
+// Why settings are stored without effect.
+constexpr char kernel_window[] = "the kernel chooses the TCP window";
+constexpr char no_certificates[] = "OpenSSH does not support x509v3 certificates";
+constexpr char version_2_only[] = "OpenSSH supports protocol version 2 only";
+constexpr char fixed_netconf_port[] = "NETCONF servers use port 830";
+constexpr char no_backup_server[] = "there is no backup server";
+constexpr char no_client_vrf[] = "the client uses the VRF in which it is started";
+constexpr char no_client_source[] = "the client uses the address that the kernel chooses";
+constexpr char no_3des[] = "3des-cbc is not supported";
+
 // A list of names takes as many fields as there are names.
 constexpr schema_field algorithms[] = {
     {"algorithm_1", algorithm},  {"algorithm_2", algorithm},  {"algorithm_3", algorithm},  {"algorithm_4", algorithm},
@@ -77,7 +87,9 @@ constexpr std::array<schema_field, algorithm_settings(algorithm_kind::key)> make
     fields.fill({"rsa", flag("whether all RSA algorithms are offered")});  // the setting without a row
     for (const algorithm_row& row : algorithm_rows) {
         if (row.kind == algorithm_kind::key && row.setting >= 0) {
-            fields[static_cast<uint8_t>(row.setting)] = {row.name, flag("whether this host-key algorithm is offered")};
+            const bool is_certificate = std::string_view(row.name).starts_with("x509");
+            fields[static_cast<uint8_t>(row.setting)] = {row.name, flag("whether this host-key algorithm is offered"),
+                                                         is_certificate ? no_certificates : nullptr};
         }
     }
     return fields;
@@ -86,7 +98,7 @@ constexpr auto host_keys = make_host_key_fields();
 
 constexpr schema_field legacy_ciphers[] = {
     {"aes-cbc", flag("whether the AES ciphers in CBC mode are also offered")},
-    {"3des-cbc", flag("not supported")},
+    {"3des-cbc", flag("not supported"), no_3des},
 };
 
 constexpr schema_field certificate_user[] = {
@@ -131,14 +143,19 @@ constexpr schema_row rows[] = {
      no_wildcard,
      {},
      {}},
-    {CLIENT "portnvrf", backup_place, no_wildcard, backup_server, {}},
+    {CLIENT "portnvrf", backup_place, no_wildcard, backup_server, {}, no_backup_server},
     {CLIENT "rekey_time", rekey_time, no_wildcard, {}, {}},
     {CLIENT "rekey_volume", rekey_volume, no_wildcard, {}, {}},
-    {CLIENT "source", text(schema_charset::word, 1, 64, "source interface of connections"), no_wildcard, {}, {}},
-    {CLIENT "tcp_window_scale", window_scale, no_wildcard, {}, {}},
-    {CLIENT "v1", version_1, no_wildcard, {}, {}},
+    {CLIENT "source",
+     text(schema_charset::word, 1, 64, "source interface of connections"),
+     no_wildcard,
+     {},
+     {},
+     no_client_source},
+    {CLIENT "tcp_window_scale", window_scale, no_wildcard, {}, {}, kernel_window},
+    {CLIENT "v1", version_1, no_wildcard, {}, {}, version_2_only},
     {CLIENT "v2", version_2, no_wildcard, {}, {}},
-    {CLIENT "vrf", vrf_name, no_wildcard, {}, {}},
+    {CLIENT "vrf", vrf_name, no_wildcard, {}, {}, no_client_vrf},
     {SERVER "cmn/algorithms/cipher", cipher_list, no_wildcard, ciphers, schema_tuple_rule::list},
     {SERVER "cmn/algorithms/host-key", tuple("host-key algorithms"), no_wildcard, host_keys,
      schema_tuple_rule::one_selected},
@@ -148,7 +165,8 @@ constexpr schema_row rows[] = {
      tuple("certificate fields that contain the user name"),
      no_wildcard,
      certificate_user,
-     {}},
+     {},
+     no_certificates},
     {SERVER "cmn/disable/hmac/hmac_sha1", mac_disabled, no_wildcard, {}, {}},
     {SERVER "cmn/disable/hmac/hmac_sha256", mac_disabled, no_wildcard, {}, {}},
     {SERVER "cmn/disable/hmac/hmac_sha512", mac_disabled, no_wildcard, {}, {}},
@@ -161,22 +179,27 @@ constexpr schema_row rows[] = {
     {SERVER "cmn/rekey_time", rekey_time, no_wildcard, {}, {}},
     {SERVER "cmn/rekey_volume", rekey_volume, no_wildcard, {}, {}},
     {SERVER "cmn/session_limit", number(1, 100, "concurrent sessions"), no_wildcard, {}, {}},
-    {SERVER "cmn/tcp_window_scale", window_scale, no_wildcard, {}, {}},
+    {SERVER "cmn/tcp_window_scale", window_scale, no_wildcard, {}, {}, kernel_window},
     {SERVER "cmn/timeout", number(5, 120, "seconds, login grace time"), no_wildcard, {}, {}},
-    {SERVER "cmn/trustpoint/host", trustpoint_name, no_wildcard, {}, {}},
-    {SERVER "cmn/trustpoint/user/*", presence("certificate authority for users"), trustpoint_name, {}, {}},
+    {SERVER "cmn/trustpoint/host", trustpoint_name, no_wildcard, {}, {}, no_certificates},
+    {SERVER "cmn/trustpoint/user/*",
+     presence("certificate authority for users"),
+     trustpoint_name,
+     {},
+     {},
+     no_certificates},
     {SERVER "cmn/username/*", presence("user with a public key"), user_name, {}, {}},
     {SERVER "cmn/username/*/keystr",
      text(schema_charset::printable, 1, 2048, "public key, \"ssh-rsa AAAA... comment\""),
      user_name,
      {},
      {}},
-    {SERVER "cmn/v1", version_1, no_wildcard, {}, {}},
-    {SERVER "sshd/netconf", number(1, 65535, "NETCONF port, not supported"), no_wildcard, {}, {}},
+    {SERVER "cmn/v1", version_1, no_wildcard, {}, {}, version_2_only},
+    {SERVER "sshd/netconf", number(1, 65535, "NETCONF port, not supported"), no_wildcard, {}, {}, fixed_netconf_port},
     {SERVER "sshd/v2", version_2, no_wildcard, {}, {}},
     {SERVER "sshd/vrf-netconf/*", tuple("NETCONF server of a VRF"), vrf_name, vrf_access, {}},
     {SERVER "sshd/vrf/*", tuple("SSH server of a VRF"), vrf_name, vrf_access, {}},
-    {BACKUP "portnvrf", backup_place, no_wildcard, backup_server, {}},
+    {BACKUP "portnvrf", backup_place, no_wildcard, backup_server, {}, no_backup_server},
 };
 
 static_assert(std::ranges::is_sorted(rows, {}, [](const schema_row& row) { return std::string_view(row.pattern); }),

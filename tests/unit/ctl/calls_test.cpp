@@ -197,6 +197,15 @@ TEST(ctl_texts, traces_are_lines) {
     EXPECT_EQ(text("trace", R"({"data":[]})"), "no entries\n");
 }
 
+TEST(ctl_texts, the_status_names_what_is_not_carried_out) {
+    EXPECT_EQ(
+        text("status", R"({"data":{"pid":5,"vrfs":[],"not_carried_out":[{"path":"/cfg/a","reason":"no \u001bway"}]}})"),
+        text("status", R"({"data":{"pid":5,"vrfs":[]}})") +
+            "\nStored, not carried out on this machine:\n/cfg/a: no \\x1bway\n");
+    EXPECT_EQ(text("status", R"({"data":{"pid":5,"vrfs":[],"not_carried_out":[]}})"),
+              text("status", R"({"data":{"pid":5,"vrfs":[]}})"));
+}
+
 TEST(ctl_texts, the_status_has_its_vrfs_as_a_table) {
     EXPECT_EQ(text("status", R"({"data":{"pid":5,"vrfs":[{"name":"default","blocked":false}]}})"),
               "pid: 5\n\nname     blocked\ndefault  no\n");

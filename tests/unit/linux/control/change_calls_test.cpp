@@ -44,6 +44,21 @@ TEST_F(control_change_calls_test, set_stores_applies_and_is_audited) {
                                    "/cfg/gl/crypto/ssh/server/cmn/timeout"));
 }
 
+TEST_F(control_change_calls_test, a_value_without_effect_on_this_machine_is_stored_with_a_warning) {
+    const std::string load =
+        R"({"call":"load","items":{"@cmn/trustpoint/host":"corp-ca","@cmn/timeout":45,"@cmn/trustpoint/user/x":null}})";
+    ask(R"({"call":"set","path":"@cmn/trustpoint/user/x","value":true})");
+    EXPECT_EQ(control_json_text(ask(load).value("warnings", control_json())),
+              R"(["/cfg/gl/crypto/ssh/server/cmn/trustpoint/host: stored, not carried out on this machine: )"
+              R"(OpenSSH does not support x509v3 certificates"])");
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/trustpoint/host","value":"other-ca"})"), "done");
+    EXPECT_EQ(
+        control_json_text(ask(R"({"call":"load","check":true,"items":{"@cmn/trustpoint/host":"x"}})")["warnings"]),
+        R"(["/cfg/gl/crypto/ssh/server/cmn/trustpoint/host: would be stored, not carried out on this machine: )"
+        R"(OpenSSH does not support x509v3 certificates"])");
+    EXPECT_FALSE(ask(R"({"call":"delete","path":"@cmn/trustpoint/host"})").contains("warnings"));
+}
+
 TEST_F(control_change_calls_test, set_takes_words) {
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","word":"45"})"), "done");
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/trustpoint/host","word":"corp-ca"})"), "done");

@@ -60,16 +60,22 @@ std::string form_text(const schema_form& form) {
            std::to_string(form.highest) + ", " + charsets[static_cast<size_t>(form.charset)] + ": " + form.help + '\n';
 }
 
+std::string effect_text(const char* not_carried_out) {
+    return not_carried_out == nullptr ? "" : std::string("        not carried out: ") + not_carried_out + '\n';
+}
+
 // Stored tuples depend on the order of their fields.
 TEST(schema_table, holds_these_items) {
     std::string text;
     for (const schema_row& row : schema_rows()) {
-        text += std::string(row.pattern) + rules[static_cast<size_t>(row.rule)] + "\n    " + form_text(row.form);
+        text += std::string(row.pattern) + rules[static_cast<size_t>(row.rule)] + "\n    " + form_text(row.form) +
+                effect_text(row.not_carried_out);
         if (row.wildcard.help != nullptr) {
             text += "    * " + form_text(row.wildcard);
         }
         for (const schema_field& field : row.fields) {
-            text += std::string("    [") + field.name + "] " + form_text(field.form);
+            text +=
+                std::string("    [") + field.name + "] " + form_text(field.form) + effect_text(field.not_carried_out);
         }
     }
     expect_golden("linux/datastore/golden/schema_table", text);
