@@ -11,6 +11,7 @@
 #include "common/text.h"
 #include "linux/access_lists/rule_check.h"
 #include "platform/mpp.h"
+#include "platform/process_manager.h"
 
 namespace {
 
@@ -164,7 +165,9 @@ acl_objection acl_check_list(uint32_t family, const std::vector<acl_stored_entry
     for (const acl_service_rules& each : rules) {
         texts.emplace_back(each.text);
     }
+    process_manager_progress();
     const std::vector<rule_check> checks = check_rules(texts, check_limit);
+    process_manager_progress();
     objector objector(entries, objection);
     for (size_t i = 0; i < checks.size(); i++) {
         if (checks[i].verdict == rule_verdict::rejected) {

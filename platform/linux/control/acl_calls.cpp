@@ -170,6 +170,15 @@ std::string audited(const wished_list& wish) {
     return std::string(wish.family->name) + ' ' + wish.name;
 }
 
+void audit_refusal(const control_peer& peer, const wished_list& wish, const control_json& problem) {
+    const std::string message = problem.value("message", "");
+    std::vector<std::string> entries = {message.substr(0, message.find('\n'))};
+    if (!wish.name.empty()) {
+        entries.insert(entries.begin(), audited(wish));
+    }
+    control_audit(peer, "acl set", control_result_of_name(problem.value("result", "")), entries);
+}
+
 }  // namespace
 
 control_json control_call_acl_set(const control_json& request, const control_peer& peer) {
@@ -183,6 +192,7 @@ control_json control_call_acl_set(const control_json& request, const control_pee
         problem = entries.empty() ? check_empty(wish, request) : check_loadable(wish, entries);
     }
     if (!problem.is_null()) {
+        audit_refusal(peer, wish, problem);
         return problem;
     }
     const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
