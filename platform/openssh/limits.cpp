@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::chrono::seconds nft_limit{10};
 constexpr const char* default_port = "22";
+constexpr const char* create_command = "create table inet norvo_limits\n";
 constexpr const char* delete_command = "delete table inet norvo_limits\n";
 
 std::string ports_of(const server_limits& limits) {
@@ -39,26 +40,39 @@ std::string run_nft(const launcher_paths& paths, const std::string& commands) {
     return text_format("%s says: %s", paths.nft.c_str(), shown(lines.empty() ? "nothing" : lines.front()).c_str());
 }
 
-}  // namespace
-
-std::string limit_commands(const server_limits& limits) {
+std::string table_commands(const server_limits& limits) {
     const unsigned rate = limits.connections_per_minute;
-    // A table that does not exist cannot be deleted, so it is first made.
-    return std::string("add table inet norvo_limits\n") + delete_command +
-           text_format(
-               "table inet norvo_limits {\n"
-               "    chain input {\n"
-               "        type filter hook input priority 10; policy accept;\n"
-               "        tcp dport { %s } tcp flags & (fin|syn|rst|ack) == syn"
-               " limit rate over %u/minute burst %u packets counter reject with tcp reset\n"
-               "    }\n"
-               "}\n",
-               ports_of(limits).c_str(), rate, rate);
+    return text_format(
+        "table inet norvo_limits {\n"
+        "    chain input {\n"
+        "        type filter hook input priority 10; policy accept;\n"
+        "        tcp dport { %s } tcp flags & (fin|syn|rst|ack) == syn"
+        " limit rate over %u/minute burst %u packets counter reject with tcp reset\n"
+        "    }\n"
+        "}\n",
+        ports_of(limits).c_str(), rate, rate);
 }
+
+bool has_failed_with(const std::string& failure, int error) {
+    return failure.find(std::strerror(error)) != std::string::npos;
+}
+
+/// Usually the end of the last server has removed the table. One that is still there is replaced in one step, which
+/// takes three times as long, because nft then waits for a grace period of the kernel.
+std::string limit_connections(const launcher_paths& paths, const server_limits& limits) {
+    const std::string commands = table_commands(limits);
+    std::string failure = run_nft(paths, create_command + commands);
+    if (has_failed_with(failure, EEXIST)) {
+        failure = run_nft(paths, delete_command + commands);
+    }
+    return failure;
+}
+
+}  // namespace
 
 std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits) {
     std::vector<std::string> failures;
-    const std::string failure = run_nft(paths, limit_commands(limits));
+    const std::string failure = limit_connections(paths, limits);
     if (!failure.empty()) {
         failures.push_back(text_format("the limit of %u new connections per minute is not in force: %s",
                                        limits.connections_per_minute, failure.c_str()));
@@ -82,7 +96,7 @@ std::string remove_limits(const launcher_paths& paths, const std::string& networ
         return text_format("cannot enter %s: %s", shown(path).c_str(), std::strerror(error));
     }
     std::string failure = run_nft(paths, delete_command);
-    return failure.find(std::strerror(ENOENT)) == std::string::npos ? failure : std::string();
+    return has_failed_with(failure, ENOENT) ? std::string() : failure;
 }
 
 }  // namespace openssh

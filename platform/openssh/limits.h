@@ -26,9 +26,6 @@
 
 namespace openssh {
 
-/// The nft commands that replace the table in one step.
-std::string limit_commands(const server_limits& limits);
-
 /// Puts the limits in force in this process's network namespace. Returns a sentence for each limit that cannot be put in
 /// force, with which the server starts nevertheless.
 std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits);
