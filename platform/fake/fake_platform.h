@@ -297,6 +297,7 @@ bool mpp_open(uint32_t service);
 bool vrf_set(uint32_t service, std::string_view vrf_name);
 bool vrf_initialised(std::string_view vrf_name);
 bool vrf_blocked(std::string_view vrf_name);
+bool service_blocked(uint32_t service, uint32_t family, std::string_view vrf_name);
 bool namespace_announced(std::string_view namespace_name);
 
 // --- Enforcement ----------------------------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "fake_internal.h"
 #include "platform/file_system_list.h"
@@ -19,6 +20,7 @@ struct mpp_state {
     std::set<std::pair<uint32_t, std::string>> set;
     std::set<std::string> initialised;
     std::set<std::string> blocked;
+    std::set<std::tuple<uint32_t, uint32_t, std::string>> blocked_services;
     std::set<std::string> namespaces;
 };
 
@@ -74,6 +76,10 @@ bool vrf_initialised(std::string_view vrf_name) {
 
 bool vrf_blocked(std::string_view vrf_name) {
     return mpp.blocked.count(std::string(vrf_name)) != 0;
+}
+
+bool service_blocked(uint32_t service, uint32_t family, std::string_view vrf_name) {
+    return mpp.blocked_services.count({service, family, std::string(vrf_name)}) != 0;
 }
 
 bool namespace_announced(std::string_view namespace_name) {
@@ -217,6 +223,22 @@ platform_status mpp_vrf_unblock(const char* vrf_name) {
     const platform_status status = enter("mpp_vrf_unblock", {vrf_name});
     if (status == PLATFORM_OK) {
         mpp.blocked.erase(vrf_name);
+    }
+    return status;
+}
+
+platform_status mpp_service_block(uint32_t service, uint32_t family, const char* vrf_name) {
+    const platform_status status = enter("mpp_service_block", {service, family, vrf_name});
+    if (status == PLATFORM_OK) {
+        mpp.blocked_services.insert({service, family, vrf_name});
+    }
+    return status;
+}
+
+platform_status mpp_service_unblock(uint32_t service, uint32_t family, const char* vrf_name) {
+    const platform_status status = enter("mpp_service_unblock", {service, family, vrf_name});
+    if (status == PLATFORM_OK) {
+        mpp.blocked_services.erase({service, family, vrf_name});
     }
     return status;
 }

@@ -11,6 +11,7 @@
 
 #include "acl/acl_family.h"
 #include "acl/command_words.h"
+#include "acl/load_failure.h"
 #include "acl/trace_points.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
@@ -95,6 +96,7 @@ bool make_directories() {
     for (const nft_directory& directory : directories) {
         if (mkdir(directory.path, directory_mode) != 0 && errno != EEXIST) {
             log_errno(directory.failure);
+            note_load_failure("%s could not be made: %s", directory.path, strerror(errno));
             trace_error(acl_trace_directory, {directory.path, errno});
             return false;
         }
@@ -106,6 +108,7 @@ int stream_failure(int descriptor, const char* debug_format, const char* routine
     debug_print(debug_format, routine, strerror(errno), static_cast<unsigned>(errno));
     log_errno(text);
     trace_error(acl_trace_file, {text, errno});
+    note_load_failure("the rule file could not be made: %s", strerror(errno));
     if (descriptor >= 0) {
         close(descriptor);
     }
@@ -127,7 +130,9 @@ void report_failed_load(const char* vrf_name, uint32_t type, char* words) {
     char vrf[namespace_name_size + 32];
     format_text(vrf, sizeof(vrf), "was not loaded in VRF %s:", vrf_name);
     shorten_complaint(words);
-    log_details(list, vrf, words[0] != '\0' ? words : "the command gave no reason");
+    const char* reason = words[0] != '\0' ? words : "the command gave no reason";
+    log_details(list, vrf, reason);
+    note_load_failure("%s was not loaded: %s", list, reason);
 }
 
 void write_flush(FILE* stream, const nft_table& table) {
@@ -139,6 +144,7 @@ void write_flush(FILE* stream, const nft_table& table) {
 int report_unwritten_file() {
     log_errno("Failed to apply nft rules");
     trace_error(acl_trace_file, {"Failed to apply nft rules", errno});
+    note_load_failure("the rule file could not be written: %s", strerror(errno));
     return -1;
 }
 

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "acl/acl_family.h"
+#include "acl/load_failure.h"
 #include "acl/nft_files.h"
 #include "acl/trace_points.h"
 #include "config_files/parameter_table.h"
@@ -13,6 +14,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
+#include "vrf/acl_state.h"
 #include "vrf/vrf_namespace.h"
 
 namespace {
@@ -77,6 +79,7 @@ uint32_t read_entries(const acl_family& family, const char* acl_name, datastore_
     const platform_status bound = bind_datastore(tree, binding);
     if (bound != PLATFORM_OK) {
         log_bind_failure(bound, tree);
+        note_load_failure("access list %s could not be read: %s", acl_name, platform_status_text(bound));
         trace_error(acl_trace_bind, {tree, bound});
         return acl_bind_failed;
     }
@@ -88,6 +91,7 @@ uint32_t read_entries(const acl_family& family, const char* acl_name, datastore_
     const platform_status listed = datastore_list_get(*binding, path, -1, list, count);
     if (listed != PLATFORM_OK && !list_does_not_exist(listed)) {
         log_location(ERR_DATASTORE_DATALIST, listed, path);
+        note_load_failure("access list %s could not be read: %s", acl_name, platform_status_text(listed));
         trace_error(acl_trace_list, {path, listed});
     }
     return listed;
@@ -111,6 +115,8 @@ int write_entry(const acl_family& family, const acl_reading& reading, uint32_t i
     if (*fetched == PLATFORM_OK) {
         log_location(ERR_BAG_DECODE, converted, "IPV4 ACL CFG");
     }
+    note_load_failure("entry %u of the access list could not be read: %s", index + 1,
+                      platform_status_text(*fetched != PLATFORM_OK ? *fetched : converted));
     return -1;
 }
 
@@ -306,6 +312,7 @@ int load_on_attach(const acl_family& family, const vrf_node& node, uint32_t type
 
 int configure(const acl_family& family, const char* routine, event_manager* manager, vrf_node* node, uint32_t type) {
     debug_print("Entered %s", routine);
+    clear_load_failure();
     rule_file file;
     int result = open_rule_file(*node, type, file);
     if (acl_name_of(family, *node, type) == nullptr) {
@@ -315,9 +322,17 @@ int configure(const acl_family& family, const char* routine, event_manager* mana
     if (result == 0) {
         result = load_on_attach(family, *node, type, file);
     }
+    if (result == 0) {
+        acl_rules_in_force(node, type);
+    } else {
+        acl_rules_failed(node, type, load_failure());
+    }
     // A list that could not be loaded is followed all the same: its next change may put it right.
     if (register_callback(family, routine, &(node->*family.head), node, type, manager) != 0) {
         debug_print("%s: Failed to register for ACL callback", routine);
+        if (result == 0) {
+            acl_rules_failed(node, type, "changes of the access list are not followed");
+        }
         return -1;
     }
     return result;
@@ -346,18 +361,20 @@ int write_changed_entries(const acl_family& family, const acl_reading& reading, 
 }
 
 /// Rebuilds one VRF's file after a change. A list that cannot be read leaves only the closing drop rule: the port is
-/// then shut to every new connection. Returns 0 or 1.
-int rebuild(const acl_family& family, const vrf_node& node, uint32_t type, bool examine_fetch) {
+/// then shut to every new connection. Sets `*complete` if all entries are loaded. Returns 0 or 1.
+int rebuild(const acl_family& family, const vrf_node& node, uint32_t type, bool examine_fetch, bool* complete) {
     rule_file file;
     if (open_rule_file(node, type, file) != 0) {
         return 1;
     }
     acl_reading reading;
-    if (read_entries(family, acl_name_of(family, node, type), reading) == PLATFORM_OK &&
-        write_changed_entries(family, reading, type, file.stream, examine_fetch) != 0) {
+    const bool read = read_entries(family, acl_name_of(family, node, type), reading) == PLATFORM_OK;
+    if (read && write_changed_entries(family, reading, type, file.stream, examine_fetch) != 0) {
         return 1;
     }
-    return finish_rule_file(node, type, file) == 0 ? 0 : 1;
+    const int result = finish_rule_file(node, type, file) == 0 ? 0 : 1;
+    *complete = read && result == 0;
+    return result;
 }
 
 int flush_after_removal(const vrf_node& node, uint32_t type) {
@@ -366,6 +383,25 @@ int flush_after_removal(const vrf_node& node, uint32_t type) {
     }
     log_errno("Failed to flush nftable");
     return 1;
+}
+
+/// Puts a change in force in one VRF. Returns 0 or 1.
+int follow_change_in(const acl_family& family, vrf_node* node, uint32_t type, bool present, bool examine_fetch) {
+    clear_load_failure();
+    bool complete = false;
+    int result = 0;
+    if (present) {
+        result = rebuild(family, *node, type, examine_fetch, &complete);
+    } else {
+        result = flush_after_removal(*node, type);
+        complete = result == 0;
+    }
+    if (complete) {
+        acl_rules_in_force(node, type);
+    } else {
+        acl_rules_failed(node, type, load_failure());
+    }
+    return result;
 }
 
 /// One pass over all VRFs, for one service. A VRF whose namespace is away gets the list when the namespace returns, and one
@@ -377,11 +413,8 @@ int follow_change(const acl_family& family, uint32_t type, const acl_change_noti
             !vrf_namespace_exists(node->name)) {
             continue;
         }
-        if ((notice.present != 0 ? rebuild(family, *node, type, examine_fetch) : flush_after_removal(*node, type)) !=
-            0) {
+        if (follow_change_in(family, node, type, notice.present != 0, examine_fetch) != 0) {
             result = 1;
-        } else {
-            node->attached_acls |= 1U << type;
         }
     }
     return result;
@@ -402,8 +435,10 @@ int list_changed(const acl_family& family, const acl_change_notice* notice) {
 void remove_config(const acl_family& family, const char* routine, vrf_node* node, uint32_t type) {
     debug_print("%s: VRF name = %s", routine, node->name);
     // The rules of a VRF without namespace have gone with it.
+    clear_load_failure();
     if (vrf_namespace_exists(node->name) && ssh_flush_nft_table(node->name, type) != 0) {
         debug_print("Failed to flush nftable");
+        acl_rules_failed(node, type, load_failure());
         return;
     }
     if (in_use_elsewhere(family, node, type) == 0) {

@@ -26,7 +26,9 @@ struct vrf_node {
     char netconf_v6_acl[acl_name_size];
     acl_handle* v4_aclhead;  ///< subscriptions; owned by acl/
     acl_handle* v6_aclhead;
-    uint32_t attached_acls;   ///< one bit for each acl_type whose list is in force
+    uint32_t attached_acls;   ///< one bit for each acl_type whose list is loaded
+    uint32_t failed_acls;     ///< one bit for each acl_type whose rules are not as configured
+    uint32_t blocked_acls;    ///< one bit for each acl_type whose service is blocked for want of its list
     uint32_t start_failed;    ///< 1 while the VRF is left blocked because its server could not be started
     uint32_t server_started;  ///< 1 after a configuration or namespace event has (re)started the unit
     vrf_node* next;

@@ -7,6 +7,7 @@
 
 #include "acl/list_verifier.h"
 #include "acl/nft_files.h"
+#include "acl/failed_lists.h"
 #include "acl/subscription.h"
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"
@@ -463,6 +464,7 @@ void fill_upcalls() {
     agent_upcalls.ssh_remove_v4acl_config = ssh_remove_v4acl_config;
     agent_upcalls.ssh_remove_v6acl_config = ssh_remove_v6acl_config;
     agent_upcalls.release_unused_acls = release_unused_subscriptions;
+    agent_upcalls.reload_acls = acl_reload_failed_of;
     agent_upcalls.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 

@@ -21,7 +21,8 @@ struct upcalls {
     int (*ssh_configure_v6acl)(vrf_node* node, uint32_t type);        ///< 0 or -1
     void (*ssh_remove_v4acl_config)(vrf_node* node, uint32_t type);
     void (*ssh_remove_v6acl_config)(vrf_node* node, uint32_t type);
-    void (*release_unused_acls)();  ///< ends the subscriptions to lists that no VRF names
+    void (*release_unused_acls)();        ///< ends the subscriptions to lists that no VRF names
+    void (*reload_acls)(vrf_node* node);  ///< loads those lists of a VRF that are not in force
 
     // oper/
     void (*ocssh_telemetry_publish)();

@@ -27,17 +27,21 @@ int make_nft_table(const char* tag, const char* vrf_name);
 /// Flushes the table of the slot's type. A failure is logged under the tag. Returns 0 or -1.
 int flush_acl_rules(const char* tag, vrf_node* node, const acl_slot& slot);
 
-/// Attaches the list named in the node's slot. A failure is logged. Returns 0 or -1.
+/// Attaches the list named in the node's slot. A failure is logged and leaves the slot's service blocked in the list's
+/// family. Returns 0 or -1.
 int attach_acl(vrf_node* node, const acl_slot& slot);
 
 /// Takes over the name of a slot's list; null for none. Returns whether the slot's rules have to be renewed for it: false if
 /// the same list is in force already.
 bool exchange_acl_name(vrf_node* node, const acl_slot& slot, const char* acl_name);
 
+/// Tries those lists of the VRF again that are not in force, if it has a namespace.
+void reload_acls(vrf_node* node);
+
 /// Ends the subscriptions to lists that no VRF names any more.
 void release_unused_acls();
 
-/// Detaches the list named in the node's slot, if any, and clears the name.
+/// Detaches the list named in the node's slot, if any, clears the name and lifts the block for want of the list.
 void detach_acl(vrf_node* node, const acl_slot& slot);
 
 #endif

@@ -16,6 +16,7 @@
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
 #include "vrf/acl_attachment.h"
+#include "vrf/acl_state.h"
 #include "vrf/protection.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
@@ -103,10 +104,15 @@ void start_in_namespace(vrf_node* node, const char* namespace_name) {
     if (create_sshd_service_config_file(namespace_name) != 0) {
         debug_print("Failed to create systemd service and config file for vrf:=%s", node->name);
         trace_error(vrf_trace_unit_create, {node->name});
+        settle_acls(node);
         return;
     }
     restart_server_of(node);
     if (make_nft_table("ssh_proxy_nns_handler", node->name) != 0 || attach_all_lists(node) != 0) {
+        reload_acls(node);
+    }
+    settle_acls(node);
+    if (node->failed_acls != 0) {
         return;
     }
     mark_vrf(MPP_SERVICE_SSH, node->name);
@@ -138,7 +144,7 @@ void namespace_deleted(const char* namespace_name) {
     if (node != nullptr) {
         ssh_process_restart(0, node->name);
         node->server_started = 0;
-        node->attached_acls = 0;
+        forget_acl_rules(node);
     }
     remove_sshd_service_config_file(namespace_name);
 }

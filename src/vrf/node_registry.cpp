@@ -7,6 +7,7 @@
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/text.h"
+#include "vrf/acl_state.h"
 #include "vrf/trace_points.h"
 
 vrf_node* create_vrf_node(const char* vrf_name) {
@@ -35,6 +36,7 @@ void delete_vrf_node(vrf_node* node) {
     for (vrf_node** link = &server_config.nodes; *link != nullptr; link = &(*link)->next) {
         if (*link == node) {
             *link = node->next;
+            forget_acl_rules(node);
             delete node;
             return;
         }

@@ -17,6 +17,7 @@
 #include "core/shell_command.h"
 #include "core/text.h"
 #include "platform/enforcement.h"
+#include "vrf/acl_attachment.h"
 #include "vrf/protection.h"
 #include "vrf/service_unit.h"
 #include "vrf/shell_command.h"
@@ -67,6 +68,14 @@ void report_server(const char* vrf_name, const char* command, int status) {
     errno = error;
 }
 
+/// An earlier start that failed has left the lists of the VRF unloaded.
+void load_failed_lists(const char* vrf_name) {
+    vrf_node* node = find_vrf_node(vrf_name);
+    if (node != nullptr && node->failed_acls != 0) {
+        reload_acls(node);
+    }
+}
+
 int start_server(const char* vrf_name) {
     debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
     block_vrf(vrf_name);
@@ -85,6 +94,7 @@ int start_server(const char* vrf_name) {
         return -1;
     }
     note_start_failed(vrf_name, false);
+    load_failed_lists(vrf_name);
     unblock_vrf(vrf_name);
     trace_event(vrf_trace_restarted, {vrf_name});
     return 0;

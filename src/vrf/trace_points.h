@@ -40,7 +40,9 @@
     ERROR(0x31f, vrf, namespace_missing, "namespace did not appear in time", "namespace", "attempts")       \
     EVENT(0x320, vrf, namespace_message, "namespace created or deleted", "namespace", "code")               \
     ERROR(0x321, vrf, namespace_malformed, "namespace message malformed")                                   \
-    ERROR(0x322, vrf, unit_create, "unit files not created", "vrf")
+    ERROR(0x322, vrf, unit_create, "unit files not created", "vrf")                                         \
+    ERROR(0x323, vrf, service_block, "service without its access list not blocked", "vrf", "kind", "status") \
+    ERROR(0x324, vrf, service_unblock, "service with its access list not unblocked", "vrf", "kind", "status")
 // clang-format on
 
 VRF_TRACE_POINTS(DEFINE_TRACE_ERROR, DEFINE_TRACE_EVENT)

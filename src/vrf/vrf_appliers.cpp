@@ -13,9 +13,11 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "core/upcalls.h"
+#include "platform/enforcement.h"
 #include "platform/mpp.h"
 #include "platform/value_tuple.h"
 #include "vrf/acl_attachment.h"
+#include "vrf/acl_state.h"
 #include "vrf/node_registry.h"
 #include "vrf/protection.h"
 #include "vrf/server_lifecycle.h"
@@ -159,12 +161,12 @@ bool has_own_port_line(const server_kind& kind) {
     return !kind.port_yields_to_setting || server_config.parameters[kind.port].current == nullptr;
 }
 
-/// Attaches the lists named in the request. Returns 0, or -1 at the first failure.
+/// Attaches the lists named in the request. A failure in one address family does not keep the other from its list.
+/// Returns 0 or -1.
 int attach_given_lists(const server_kind& kind, const vrf_request& request, vrf_node* node) {
-    if (request.v4_acl != nullptr && attach_acl(node, kind.v4) != 0) {
-        return -1;
-    }
-    return request.v6_acl != nullptr ? attach_acl(node, kind.v6) : 0;
+    const int v4 = request.v4_acl != nullptr ? attach_acl(node, kind.v4) : 0;
+    const int v6 = request.v6_acl != nullptr ? attach_acl(node, kind.v6) : 0;
+    return v4 != 0 || v6 != 0 ? -1 : 0;
 }
 
 void store_list_name(vrf_node* node, const acl_slot& slot, const char* acl_name) {
@@ -189,6 +191,17 @@ void load_exchanged_lists(const server_kind& kind, vrf_node* node, std::span<lis
     for (const list_exchange& each : exchanges) {
         if (each.flushed && (node->*each.slot.name)[0] != '\0') {
             attach_acl(node, each.slot);
+        } else if (each.flushed) {
+            acl_rules_in_force(node, each.slot.type);
+        }
+    }
+}
+
+/// Reports the rules of lists that are no longer named but could not be removed.
+void report_rules_left(vrf_node* node, std::span<const list_exchange> exchanges) {
+    for (const list_exchange& each : exchanges) {
+        if (each.changed && !each.flushed && (node->*each.slot.name)[0] == '\0') {
+            acl_rules_failed(node, each.slot.type, "the rules of the former access list could not be removed");
         }
     }
 }
@@ -202,13 +215,17 @@ void exchange_lists(const server_kind& kind, const vrf_request& request) {
     }
     list_exchange exchanges[] = {{kind.v4, exchange_acl_name(node, kind.v4, request.v4_acl), false},
                                  {kind.v6, exchange_acl_name(node, kind.v6, request.v6_acl), false}};
-    if ((exchanges[0].changed || exchanges[1].changed) && vrf_namespace_exists(node->name) &&
-        make_nft_table(kind.routine, node->name) == 0) {
+    const bool changed = (exchanges[0].changed || exchanges[1].changed) && vrf_namespace_exists(node->name);
+    if (changed && make_nft_table(kind.routine, node->name) == 0) {
         block_vrf(node->name);
         load_exchanged_lists(kind, node, exchanges);
         if (node->start_failed == 0) {
             unblock_vrf(node->name);
         }
+    }
+    if (changed) {
+        report_rules_left(node, exchanges);
+        settle_acls(node);
     }
     release_unused_acls();
 }
@@ -244,31 +261,50 @@ int start_unit(const server_kind& kind, vrf_node* node, int* result) {
     return 0;
 }
 
-/// Applies a new item to its node. The first failure is logged and ends it.
+/// How far the server of a new item has come.
+enum class progress : uint8_t {
+    ready,    ///< lists can be attached
+    waiting,  ///< for the namespace, or for a server that could not be started
+    failed
+};
+
+/// Prepares the file of a new item's node, starts its server and makes the tables for its lists. The first failure is
+/// logged and ends it.
+progress start_new_server(const server_kind& kind, vrf_node* node, bool new_node) {
+    uint32_t file_changed = 0;
+    if (write_service_lines(kind, node, new_node, &file_changed) != 0) {
+        return progress::failed;
+    }
+    int result = 0;
+    if (file_changed != 0 && vrf_namespace_exists(node->name) && start_unit(kind, node, &result) != 0) {
+        return progress::failed;
+    }
+    if (result != 0 || !vrf_namespace_exists(node->name)) {
+        return progress::waiting;
+    }
+    if (node->name[0] != '\0' && make_nft_table(kind.routine, node->name) != 0) {
+        return progress::failed;
+    }
+    return progress::ready;
+}
+
+/// Applies a new item to its node. However far that comes, its lists are loaded, or their ports stay closed: a server of
+/// before may still be running, and one that could not be started may be later.
 void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
     if (agent_handles.respawn_count >= respawn_after_failure) {
         debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent_handles.respawn_count));
         mark_vrf(kind.service, node->name);
     }
-    uint32_t file_changed = 0;
-    if (write_service_lines(kind, node, new_node, &file_changed) != 0) {
-        return;
-    }
     store_list_name(node, kind.v4, request.v4_acl);
     store_list_name(node, kind.v6, request.v6_acl);
-    int result = 0;
-    if (file_changed != 0 && vrf_namespace_exists(node->name) && start_unit(kind, node, &result) != 0) {
-        return;
+    progress reached = start_new_server(kind, node, new_node);
+    if (reached != progress::ready) {
+        reload_acls(node);
+    } else if (attach_given_lists(kind, request, node) != 0) {
+        reached = progress::failed;
     }
-    if (result == 0 && vrf_namespace_exists(node->name)) {
-        if (node->name[0] != '\0' && make_nft_table(kind.routine, node->name) != 0) {
-            return;
-        }
-        if (attach_given_lists(kind, request, node) != 0) {
-            return;
-        }
-    }
-    if (kind.follows_default_vrf && is_default_vrf(node->name)) {
+    settle_acls(node);
+    if (reached != progress::failed && kind.follows_default_vrf && is_default_vrf(node->name)) {
         publish_telemetry();
     }
 }
@@ -397,7 +433,9 @@ int start_default_server(uint32_t event) {
     if (!new_node) {
         publish_telemetry();
     }
-    if (make_nft_table("sshd_apply_ver_func", default_vrf) != 0) {
+    // Without a namespace the tables wait for it, and the server's file is prepared all the same.
+    if (vrf_namespace_exists(default_vrf) && make_nft_table("sshd_apply_ver_func", default_vrf) != 0) {
+        enforcement_failed("server default", "its nftables tables could not be created");
         return -1;
     }
     restore_default_unit();

@@ -1,8 +1,5 @@
 """Changes of the lists that items name, and lists that change while something is in their way."""
 
-import pathlib
-import shutil
-
 import access_lists
 import pytest
 import router
@@ -99,42 +96,6 @@ def test_a_vrf_without_namespace_does_not_keep_the_others_from_a_change(mgmt):
     set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
     for table in ("norvossh_v4acl", "netconf_v4acl"):
         wait_for_rules(mgmt, table, text="192.0.2.2")
-
-
-@pytest.fixture
-def nft_that_rejects():
-    """Makes nft reject the rule files whose names contain a text, until the returned function is called."""
-    # The agent has a /tmp of its own.
-    real, script = (pathlib.Path("/usr/local/lib") / name for name in ("accepting_nft", "rejecting_nft"))
-    mounted = []
-
-    def reject(text):
-        shutil.copyfile("/usr/sbin/nft", real)
-        script.write_text(f'#!/bin/sh\ncase "$*" in *{text}*) echo "Error: rejected" >&2; exit 1 ;; esac\n'
-                          f'exec {real} "$@"\n', encoding="utf-8")
-        for file in (real, script):
-            file.chmod(0o755)
-        router.run("mount", "--bind", script, "/usr/sbin/nft")
-        mounted.append(script)
-        return stop
-
-    def stop():
-        if mounted:
-            mounted.pop()
-            router.run("umount", "/usr/sbin/nft")
-
-    yield reject
-    stop()
-
-
-def test_a_list_whose_first_load_fails_is_followed(mgmt, nft_that_rejects):
-    set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
-    accept_again = nft_that_rejects("norvossh_v4acl")
-    bind("ops")
-    assert not access_lists.rules(mgmt, "norvossh_v4acl")
-    accept_again()
-    set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
-    wait_for_rules(mgmt, "norvossh_v4acl", text="192.0.2.2")
 
 
 def open_to_everybody():

@@ -22,6 +22,16 @@ def test_a_netconf_item_deleted_while_the_namespace_is_away_keeps_no_ssh_server_
     assert not router.port_answers("red", 830)
 
 
+def test_the_default_server_configured_without_its_namespace_starts_with_it():
+    go_away("default")
+    result = router.set_item(DEFAULT, True, check=False)
+    file = router.server_file("default")
+    prepared = file.exists() and "Port 22" in router.server_lines("default")
+    router.run("ip", "netns", "attach", "vrf-default", "1")
+    assert (result.returncode, prepared) == (0, True)
+    router.wait_for_server("default")
+
+
 def test_the_default_server_starts_although_its_namespace_was_detached_in_between():
     go_away("default")
     router.run("ip", "netns", "attach", "vrf-default", "1")

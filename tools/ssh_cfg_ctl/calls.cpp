@@ -100,7 +100,13 @@ ctl_request load_request(const argument_list& arguments) {
 }
 
 ctl_request vrf_request(const argument_list& arguments) {
-    return arguments.size() == 1 && arguments[0] == "list" ? ask({{"call", "vrf_list"}}) : wrong_arguments();
+    if (arguments.size() == 1 && arguments[0] == "list") {
+        return ask({{"call", "vrf_list"}});
+    }
+    if (arguments.size() == 2 && arguments[0] == "unblock") {
+        return ask({{"call", "vrf_unblock"}, {"name", arguments[1]}});
+    }
+    return wrong_arguments();
 }
 
 ctl_request debug_request(const argument_list& arguments) {
@@ -343,6 +349,36 @@ std::string acl_text(const control_json& answer) {
                                              : "";
 }
 
+std::string joined(const control_json& texts) {
+    std::string text;
+    for (const control_json& each : texts) {
+        text += (text.empty() ? "" : ", ") + each.get<std::string>();
+    }
+    return text;
+}
+
+/// The VRFs as a table, their lists of services as texts.
+std::string vrfs_text(control_json vrfs) {
+    for (control_json& vrf : vrfs) {
+        for (auto& [name, value] : vrf.items()) {
+            value = value.is_array() ? control_json(joined(value)) : value;
+        }
+    }
+    return ctl_records_text(vrfs, ctl_output_width());
+}
+
+/// For the list, a table; for an unblocked VRF, the services that were opened.
+std::string vrf_text(const control_json& answer) {
+    const auto vrf = answer.find("vrf");
+    if (vrf == answer.end()) {
+        return vrfs_text(data_of(answer));
+    }
+    const std::string name = text_escape(vrf->get_ref<const std::string&>(), 80);
+    const std::string services = joined(data_of(answer));
+    return services.empty() ? "nothing is blocked in VRF " + name + '\n'
+                            : "opened in VRF " + name + ": " + services + '\n';
+}
+
 std::string keys_text(const control_json& answer) {
     const control_json& keys = data_of(answer);
     return keys.is_array() && keys.empty() ? "no keys\n" : data_text(answer);
@@ -363,8 +399,7 @@ std::string status_text(const control_json& answer) {
     const control_json uncarried = record.value("not_carried_out", control_json::array());
     record.erase("vrfs");
     record.erase("not_carried_out");
-    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + ctl_records_text(vrfs, ctl_output_width())) +
-           uncarried_text(uncarried);
+    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + vrfs_text(vrfs)) + uncarried_text(uncarried);
 }
 
 /// One difference per line, with `prefix` before it.
@@ -408,7 +443,9 @@ constexpr ctl_call_row calls[] = {
      "list users' public keys, or add or delete one outside the configuration; FILE holds a line such as "
      "\"ssh-rsa AAAA... comment\"",
      key_request, keys_text},
-    {"vrf", "list", "print the VRFs, their namespaces and their protection", vrf_request, data_text},
+    {"vrf", "list, or unblock NAME",
+     "print the VRFs, their namespaces and their protection, or open the ports that a failure keeps blocked in one of them",
+     vrf_request, vrf_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},

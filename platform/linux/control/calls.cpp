@@ -38,6 +38,7 @@ constexpr call_row calls[] = {
     {"status", control_call_status, on_standby::serve},
     {"debug", control_call_debug, on_standby::nothing},
     {"trace", control_call_trace, on_standby::serve},
+    {"vrf_unblock", control_call_vrf_unblock, on_standby::refuse},
     // Comparing the configuration with the machine.
     {"verify", control_call_verify, on_standby::nothing},
     {"repair", control_call_repair, on_standby::refuse},

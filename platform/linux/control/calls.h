@@ -10,6 +10,7 @@
 ///   dump, vrf_list, status, verify, repair
 ///   show    path; answers with "record", the records' name, beside "data"
 ///   watch   nothing: after the answer, frames with telemetry follow until either side hangs up (event_queue.h)
+///   vrf_unblock  name
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)
@@ -25,7 +26,7 @@
 /// While this node is a standby, status tells that; changes are refused, and what only a primary node has is no data.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
-/// status an object. An entry of a trace has time, point (the number), name (null for a point without a description),
+/// status an object, vrf_unblock an array of the services that were opened. An entry of a trace has time, point (the number), name (null for a point without a description),
 /// arguments (an object by label) and, when the argument "status" tells of a failure, error (its text). Commits answer with "items" (path and outcome).
 /// Changes that are stored but not all in force answer with result "not_in_force" and "not_in_force" (an array of objects
 /// with subject and reason). "data" of verify is an array of differences (objects with subject and text), and the result

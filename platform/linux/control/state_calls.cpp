@@ -54,7 +54,8 @@ control_json vrfs_json(const std::map<std::string, vrf_state>& vrfs) {
                         {"namespace", vrf.has_namespace},
                         {"ssh", vrf.protection.ssh},
                         {"netconf", vrf.protection.netconf},
-                        {"blocked", vrf.protection.blocked}});
+                        {"blocked", vrf.protection.blocked},
+                        {"closed", vrf.protection.closed}});
     }
     return list;
 }

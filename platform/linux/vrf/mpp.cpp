@@ -18,9 +18,10 @@
 #include "linux/vrf/vrf_table_internal.h"
 
 /// A block outlives the agent: if the agent dies before it has loaded a VRF's access lists, the VRF stays closed until
-/// they are loaded. The next agent takes such blocks over at mpp_init and opens those VRFs when it first reaches its
-/// loop; by then it has applied the stored configuration, including access lists. So the death of an agent locks nobody
-/// out, and no port opens before its lists are in force.
+/// they are loaded. The next agent takes such blocks over at mpp_init, those of single services as well, and lifts them
+/// when it first reaches its loop; by then it has applied the stored configuration, including access lists, and has
+/// blocked again what it could not load. So the death of an agent locks nobody out, and no port opens before its lists
+/// are in force.
 namespace {
 
 constexpr uint64_t retry_delay = 1000000;  ///< microseconds
@@ -31,7 +32,10 @@ struct vrf_state {
     bool initialised = false;
     bool blocked = false;
     bool unblock_requested = false;
-    std::string failure;  ///< the last failure logged, so that it is not logged repeatedly
+    filter_ports unlisted = 0;  ///< blocked because their access lists are not loaded, whatever `blocked` says
+    filter_ports opening = 0;   ///< of these, the ones to be opened when the loop is reached
+    bool filter_stale = false;  ///< the packet filter could not be made to block `unlisted`
+    std::string failure;        ///< the last failure logged, so that it is not logged repeatedly
 };
 
 struct {
@@ -58,24 +62,51 @@ platform_status report(vrf_state& vrf, platform_status status, const std::string
     return status;
 }
 
+/// What the packet filter has to block.
+filter_ports ports_to_block(const vrf_state& vrf) {
+    return vrf.blocked ? filter_all_ports : vrf.unlisted;
+}
+
+/// The kernel's state of the VRF is gone or does not exist yet; what the agent has requested stays.
+void forget_filter(vrf_state& vrf) {
+    const uint32_t services = vrf.services;
+    vrf = {};
+    vrf.services = services;
+}
+
+/// Whether the VRF waits for the loop.
+bool is_waiting(const vrf_state& vrf) {
+    return vrf.unblock_requested || vrf.opening != 0 || vrf.filter_stale;
+}
+
+platform_status change_filter(const std::string& name, filter_ports blocked, std::string& failure) {
+    return blocked == 0 ? mpp_filter_open(name, failure) : mpp_filter_block(name, blocked, failure);
+}
+
+/// Lifts the blocks whose end was requested.
 platform_status open_vrf(const std::string& name, vrf_state& vrf) {
+    vrf_state wanted = vrf;
+    wanted.unlisted &= ~wanted.opening;
+    wanted.blocked = wanted.blocked && !wanted.unblock_requested;
+    wanted.opening = 0;
+    wanted.unblock_requested = false;
+    wanted.filter_stale = false;
     std::string failure;
-    platform_status status = mpp_filter_open(name, failure);
+    platform_status status = change_filter(name, ports_to_block(wanted), failure);
     if (status == ENOENT) {
         // The packet filter disappeared with the namespace.
-        vrf.initialised = false;
+        forget_filter(wanted);
         status = PLATFORM_OK;
     }
     if (status == PLATFORM_OK) {
-        vrf.blocked = false;
-        vrf.unblock_requested = false;
+        vrf = std::move(wanted);
     }
     return report(vrf, status, failure);
 }
 
 /// Whether the VRF has no state worth keeping.
 bool is_idle(const vrf_state& vrf) {
-    return vrf.services == 0 && !vrf.initialised && !vrf.blocked && !vrf.unblock_requested;
+    return vrf.services == 0 && !vrf.initialised && !vrf.blocked && vrf.unlisted == 0 && !is_waiting(vrf);
 }
 
 void forget_idle_vrfs() {
@@ -94,7 +125,7 @@ void drop_sources() {
 void open_requested() {
     bool again = false;
     for (auto& [name, vrf] : state.vrfs) {
-        if (vrf.unblock_requested && open_vrf(name, vrf) != PLATFORM_OK) {
+        if (is_waiting(vrf) && open_vrf(name, vrf) != PLATFORM_OK) {
             again = true;
         }
     }
@@ -155,16 +186,18 @@ platform_status take_over_leftovers() {
     for (const std::string& namespace_name : namespace_list()) {
         const std::string name = namespace_name.substr(sizeof namespace_name_prefix - 1);
         std::string failure;
-        bool blocked = false;
-        const platform_status status = mpp_filter_is_blocked(name, blocked, failure);
-        if (status == PLATFORM_OK && !blocked) {
+        filter_ports blocked = 0;
+        const platform_status status = mpp_filter_blocked(name, blocked, failure);
+        if (status == PLATFORM_OK && blocked == 0) {
             continue;
         }
         // A filter that cannot be read may also be closed.
         vrf_state& vrf = state.vrfs[name];
         report(vrf, status, failure);
-        vrf.blocked = blocked;
+        vrf.blocked = blocked == filter_all_ports;
         vrf.unblock_requested = true;
+        vrf.unlisted = vrf.blocked ? 0 : blocked;
+        vrf.opening = vrf.unlisted;
     }
     state.leftovers_taken_over = true;
     return open_when_loop_is_reached();
@@ -203,7 +236,7 @@ platform_status mark(uint32_t service, const char* vrf_name, bool reachable) {
 platform_status make_filter(const std::string& name) {
     vrf_state& vrf = state.vrfs[name];
     std::string failure;
-    const platform_status status = mpp_filter_make(name, vrf.blocked, failure);
+    const platform_status status = mpp_filter_make(name, ports_to_block(vrf), failure);
     vrf.initialised = status == PLATFORM_OK;
     return report(vrf, status, failure);
 }
@@ -212,12 +245,43 @@ platform_status block(const std::string& name) {
     vrf_state& vrf = state.vrfs[name];
     vrf.unblock_requested = false;
     std::string failure;
-    const platform_status status = mpp_filter_block(name, failure);
+    const platform_status status = mpp_filter_block(name, filter_all_ports, failure);
     if (status == PLATFORM_OK) {
         vrf.initialised = true;
         vrf.blocked = true;
     }
     return report(vrf, status, failure);
+}
+
+/// Nothing needs to be written while the VRF is blocked as a whole: it will be opened with these ports still blocked.
+platform_status block_ports(const std::string& name, filter_ports ports) {
+    vrf_state& vrf = state.vrfs[name];
+    vrf.unlisted |= ports;
+    vrf.opening &= ~ports;
+    if (vrf.blocked) {
+        return PLATFORM_OK;
+    }
+    std::string failure;
+    const platform_status status = mpp_filter_block(name, vrf.unlisted, failure);
+    if (status == ENOENT) {
+        forget_filter(vrf);
+    } else {
+        vrf.initialised = vrf.initialised || status == PLATFORM_OK;
+        vrf.filter_stale = status != PLATFORM_OK;
+    }
+    return report(vrf, status, failure);
+}
+
+platform_status unblock_ports(const std::string& name, filter_ports ports) {
+    const auto found = state.vrfs.find(name);
+    if (found == state.vrfs.end() || (found->second.unlisted & ports) == 0) {
+        return PLATFORM_OK;
+    }
+    const platform_status status = open_when_loop_is_reached();
+    if (status == PLATFORM_OK) {
+        found->second.opening |= ports;
+    }
+    return status;
 }
 
 platform_status unblock(const std::string& name) {
@@ -238,15 +302,6 @@ std::string vrf_of(const char* namespace_name) {
     return std::string(name.substr(prefix.size()));
 }
 
-/// The kernel's state of the VRF is gone or does not exist yet; what the agent has requested stays.
-void forget_filter(const std::string& name) {
-    vrf_state& vrf = state.vrfs[name];
-    vrf.initialised = false;
-    vrf.blocked = false;
-    vrf.unblock_requested = false;
-    vrf.failure.clear();
-}
-
 /// No exception may reach the agent.
 template <typename Operation>
 platform_status guarded(Operation operation) {
@@ -255,6 +310,52 @@ platform_status guarded(Operation operation) {
     } catch (const std::exception&) {
         return ENOMEM;
     }
+}
+
+struct service_ports_row {
+    uint32_t service;
+    uint32_t family;
+    filter_ports port;
+    const char* name;
+};
+constexpr service_ports_row service_ports[] = {
+    {MPP_SERVICE_SSH, MPP_FAMILY_IPV4, filter_ssh_ipv4, "ssh ipv4"},
+    {MPP_SERVICE_SSH, MPP_FAMILY_IPV6, filter_ssh_ipv6, "ssh ipv6"},
+    {MPP_SERVICE_NETCONF, MPP_FAMILY_IPV4, filter_netconf_ipv4, "netconf ipv4"},
+    {MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, filter_netconf_ipv6, "netconf ipv6"},
+};
+
+std::vector<std::string> names_of(filter_ports ports) {
+    std::vector<std::string> names;
+    for (const service_ports_row& row : service_ports) {
+        if ((ports & row.port) != 0) {
+            names.emplace_back(row.name);
+        }
+    }
+    return names;
+}
+
+/// The port of a service in a family, or 0.
+filter_ports port_of(uint32_t service, uint32_t family) {
+    for (const service_ports_row& row : service_ports) {
+        if (row.service == service && row.family == family) {
+            return row.port;
+        }
+    }
+    return 0;
+}
+
+platform_status for_port(uint32_t service, uint32_t family, const char* vrf_name,
+                         platform_status (*operation)(const std::string& name, filter_ports ports)) {
+    const filter_ports port = port_of(service, family);
+    if (port == 0 || vrf_name == nullptr || !vrf_name_is_valid(vrf_name)) {
+        return EINVAL;
+    }
+    return guarded([&] {
+        const platform_status status = operation(vrf_name, port);
+        forget_idle_vrfs();
+        return status;
+    });
 }
 
 platform_status for_vrf(const char* vrf_name, platform_status (*operation)(const std::string& name)) {
@@ -297,6 +398,20 @@ platform_status mpp_vrf_unblock(const char* vrf_name) {
     return for_vrf(vrf_name, unblock);
 }
 
+platform_status mpp_service_block(uint32_t service, uint32_t family, const char* vrf_name) {
+    return for_port(service, family, vrf_name, [](const std::string& name, filter_ports ports) {
+        const platform_status status = block_ports(name, ports);
+        if (status != PLATFORM_OK && status != ENOENT) {
+            open_when_loop_is_reached();
+        }
+        return status;
+    });
+}
+
+platform_status mpp_service_unblock(uint32_t service, uint32_t family, const char* vrf_name) {
+    return for_port(service, family, vrf_name, unblock_ports);
+}
+
 platform_status mpp_namespace_created(const char* namespace_name) {
     return guarded([&]() -> platform_status {
         const std::string name = vrf_of(namespace_name);
@@ -315,7 +430,7 @@ platform_status mpp_namespace_deleted(const char* namespace_name) {
             return EINVAL;
         }
         if (state.vrfs.count(name) == 1) {
-            forget_filter(name);
+            forget_filter(state.vrfs[name]);
             forget_idle_vrfs();
         }
         return PLATFORM_OK;
@@ -326,9 +441,28 @@ std::vector<mpp_vrf_status> mpp_status() {
     std::vector<mpp_vrf_status> all;
     for (const auto& [name, vrf] : state.vrfs) {
         all.push_back({name, (vrf.services & MPP_SERVICE_SSH) != 0, (vrf.services & MPP_SERVICE_NETCONF) != 0,
-                       vrf.initialised, vrf.blocked, vrf.unblock_requested});
+                       vrf.initialised, vrf.blocked, vrf.unblock_requested, names_of(vrf.unlisted)});
     }
     return all;
+}
+
+platform_status mpp_lift_blocks(const std::string& vrf_name, std::vector<std::string>& lifted) {
+    const auto found = state.vrfs.find(vrf_name);
+    if (found == state.vrfs.end() || ports_to_block(found->second) == 0) {
+        return PLATFORM_OK;
+    }
+    const vrf_state before = found->second;
+    std::vector<std::string> names = names_of(ports_to_block(before));
+    found->second.unblock_requested = true;
+    found->second.opening = before.unlisted;
+    const platform_status status = open_vrf(vrf_name, found->second);
+    if (status == PLATFORM_OK) {
+        lifted = std::move(names);
+    } else {
+        found->second.unblock_requested = before.unblock_requested;
+        found->second.opening = before.opening;
+    }
+    return status;
 }
 
 void mpp_reset() {

@@ -106,7 +106,7 @@ char* filter_batch::position() {
 }
 
 nlmsghdr* filter_batch::begin_message(uint16_t type, uint16_t flags) {
-    const uint16_t create = type == NFT_MSG_DELTABLE ? 0 : NLM_F_CREATE;
+    const uint16_t create = type == NFT_MSG_DELTABLE || type == NFT_MSG_DELSETELEM ? 0 : NLM_F_CREATE;
     return nftnl_nlmsg_build_hdr(position(), type, NFPROTO_INET, create | NLM_F_ACK | flags, sequence++);
 }
 

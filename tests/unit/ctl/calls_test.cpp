@@ -36,6 +36,7 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("dump", {}), R"({"call":"dump"})");
     EXPECT_EQ(request("status", {}), R"({"call":"status"})");
     EXPECT_EQ(request("vrf", {"list"}), R"({"call":"vrf_list"})");
+    EXPECT_EQ(request("vrf", {"unblock", "red"}), R"({"call":"vrf_unblock","name":"red"})");
     EXPECT_EQ(request("debug", {}), R"({"call":"debug"})");
     EXPECT_EQ(request("debug", {"cfg-agent", "on"}), R"({"call":"debug","flag":"cfg-agent","on":true})");
     EXPECT_EQ(request("debug", {"cfg-agent", "off"}), R"({"call":"debug","flag":"cfg-agent","on":false})");
@@ -62,6 +63,14 @@ TEST(ctl_calls, acl_set_sends_lines_or_entries) {
     EXPECT_EQ(request("acl", {"set", "ipv4", "ops", file, "--empty"}), empty);
     EXPECT_EQ(made("acl", {"delete", "--empty", "ipv4", "ops"}).problem["result"], "usage");
     EXPECT_EQ(made("acl", {"set", "--empty", "ipv4", "ops"}).problem["result"], "usage");
+}
+
+TEST(ctl_calls, an_unblocked_vrf_is_answered_with_what_was_opened) {
+    EXPECT_EQ(text("vrf", R"({"vrf":"red","data":["ssh ipv4","ssh ipv6"]})"),
+              "opened in VRF red: ssh ipv4, ssh ipv6\n");
+    EXPECT_EQ(text("vrf", R"({"vrf":"red","data":[]})"), "nothing is blocked in VRF red\n");
+    EXPECT_EQ(text("vrf", R"({"data":[{"name":"red","blocked":false,"closed":["ssh ipv4","ssh ipv6"]}]})"),
+              "name  blocked  closed\nred   no       ssh ipv4, ssh ipv6\n");
 }
 
 TEST(ctl_calls, key_import_sends_what_the_file_holds) {

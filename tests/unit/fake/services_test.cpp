@@ -24,6 +24,11 @@ TEST(fake_services, protection_keeps_what_it_is_told) {
     EXPECT_TRUE(fake_platform::vrf_blocked("red"));
     EXPECT_EQ(mpp_vrf_unblock("red"), PLATFORM_OK);
     EXPECT_EQ(mpp_vrf_unblock("red"), PLATFORM_OK);
+    mpp_service_block(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "red");
+    EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "red"));
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+    mpp_service_unblock(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "red");
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "red"));
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
     mpp_namespace_created("vrf-red");
     EXPECT_TRUE(fake_platform::namespace_announced("vrf-red"));
@@ -35,8 +40,9 @@ TEST(fake_services, protection_keeps_what_it_is_told) {
 }
 
 TEST(fake_services, every_protection_call_can_fail_and_then_does_nothing) {
-    for (const char* operation : {"mpp_init", "mpp_vrf_set", "mpp_vrf_unset", "mpp_vrf_nft_init", "mpp_vrf_block",
-                                  "mpp_vrf_unblock", "mpp_namespace_created", "mpp_namespace_deleted"}) {
+    for (const char* operation :
+         {"mpp_init", "mpp_vrf_set", "mpp_vrf_unset", "mpp_vrf_nft_init", "mpp_vrf_block", "mpp_vrf_unblock",
+          "mpp_service_block", "mpp_service_unblock", "mpp_namespace_created", "mpp_namespace_deleted"}) {
         fake_platform::fail(operation, EIO);
     }
     const platform_status failed = EIO;
@@ -46,6 +52,8 @@ TEST(fake_services, every_protection_call_can_fail_and_then_does_nothing) {
     EXPECT_EQ(mpp_vrf_nft_init("red"), failed);
     EXPECT_EQ(mpp_vrf_block("red"), failed);
     EXPECT_EQ(mpp_vrf_unblock("red"), failed);
+    EXPECT_EQ(mpp_service_block(1, 4, "red"), failed);
+    EXPECT_EQ(mpp_service_unblock(1, 4, "red"), failed);
     EXPECT_EQ(mpp_namespace_created("vrf-red"), failed);
     EXPECT_EQ(mpp_namespace_deleted("vrf-red"), failed);
     EXPECT_FALSE(fake_platform::mpp_open(1));

@@ -5,7 +5,10 @@
 #include <cstring>
 
 #include "call_faults.h"
+#include "platform/mpp.h"
 #include "platform/namespace_message.h"
+#include "vrf/acl_state.h"
+#include "vrf/acl_types.h"
 #include "vrf_test.h"
 
 namespace {
@@ -240,17 +243,20 @@ TEST_F(namespace_handler_test, a_table_that_cannot_be_made_ends_it) {
     create_vrf_node("red");
     fail_call("create_nft_table(red)");
     tell(NAMESPACE_CREATED, "vrf-red");
-    EXPECT_EQ(trail().back(), "create_nft_table(red)");
+    EXPECT_THAT(trail(), Contains("create_nft_table(red)"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_proxy_nns_handler: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  red")));
 }
 
-TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_ends_it) {
+TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_blocks_its_service) {
+    add_namespace("red");
     const std::vector<std::vector<std::string>> failures = {
-        {"ssh_configure_v4acl(red, 3)", "Failed to configure netconf v6 acl vrf:  red"},
-        {"ssh_configure_v6acl(red, 2)", "Failed to configure ssh v6 acl vrf:  red"},
-        {"ssh_configure_v4acl(red, 1)", "Failed to configure netconf v4 acl vrf:  red"},
-        {"ssh_configure_v4acl(red, 0)", "Failed to configure ssh v4 acl vrf:  red"},
+        {"ssh_configure_v4acl(red, 3)", "Failed to configure netconf v6 acl vrf:  red",
+         "mpp_service_block(64, 6, red)"},
+        {"ssh_configure_v6acl(red, 2)", "Failed to configure ssh v6 acl vrf:  red", "mpp_service_block(1, 6, red)"},
+        {"ssh_configure_v4acl(red, 1)", "Failed to configure netconf v4 acl vrf:  red",
+         "mpp_service_block(64, 4, red)"},
+        {"ssh_configure_v4acl(red, 0)", "Failed to configure ssh v4 acl vrf:  red", "mpp_service_block(1, 4, red)"},
     };
     vrf_node* node = create_vrf_node("red");
     for (char* name : {node->ssh_v4_acl, node->ssh_v6_acl, node->netconf_v4_acl, node->netconf_v6_acl}) {
@@ -261,9 +267,47 @@ TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_ends_it) {
         forget();
         fail_call(failure[0]);
         tell(NAMESPACE_CREATED, "vrf-red");
-        EXPECT_EQ(trail().back(), failure[0]);
+        EXPECT_THAT(trail(), Contains(failure[0]));
+        EXPECT_THAT(trail(), Contains(failure[2]));
+        EXPECT_THAT(trail(), Contains("reload_acls(red)"));
+        EXPECT_THAT(trail(), Not(Contains("mpp_vrf_set(1, red)")));
         EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(failure[1])));
+        clear_failed_calls();
+        forget_acl_rules(node);
     }
+}
+
+// The list that the IPv4 routine has refused is loaded rightly, and nothing counts as failed.
+TEST_F(namespace_handler_test, a_list_that_is_loaded_in_the_end_is_neither_blocked_nor_reported) {
+    add_namespace("red");
+    vrf_node* node = create_vrf_node("red");
+    strcpy(node->netconf_v6_acl, "d");
+    fail_call("ssh_configure_v4acl(red, 3)");
+    agent_upcalls.reload_acls = [](vrf_node* reloaded) { acl_rules_in_force(reloaded, acl_netconf_v6); };
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_THAT(fake_platform::calls_of("enforcement_failed"), ElementsAre());
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, "red"));
+    EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
+}
+
+TEST_F(namespace_handler_test, what_failed_goes_with_the_namespace) {
+    add_namespace("red");
+    vrf_node* node = create_vrf_node("red");
+    strcpy(node->ssh_v4_acl, "a");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
+    tell(NAMESPACE_DELETED, "vrf-red");
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+}
+
+TEST_F(namespace_handler_test, lists_without_a_unit_leave_their_services_blocked) {
+    add_namespace("red");
+    strcpy(create_vrf_node("red")->ssh_v4_acl, "a");
+    fake_platform::fail("vrf_table_lookup", ENOENT);
+    tell(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
 }
 
 TEST_F(namespace_handler_test, without_access_lists_the_flow_goes_on) {

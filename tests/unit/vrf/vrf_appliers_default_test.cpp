@@ -74,6 +74,18 @@ TEST_F(default_vrf_test, without_its_namespace_the_unit_stays_away) {
     EXPECT_FALSE(path_exists(unit_file("default")));
 }
 
+// The server is started with its namespace, from the file that was prepared before.
+TEST_F(default_vrf_test, without_its_namespace_the_servers_file_is_prepared) {
+    remove_sshd_service_config_file("vrf-default");
+    remove_namespace("default");
+    fail_call("create_nft_table(default)");
+    forget();
+    EXPECT_EQ(protocol(created), 0);
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_set(1, default)", copy_for("default"), "telemetry"));
+    EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
+    EXPECT_THAT(fake_platform::not_in_force(), testing::ElementsAre());
+}
+
 TEST_F(default_vrf_test, a_unit_that_cannot_be_made_again_is_reported) {
     remove_sshd_service_config_file("vrf-default");
     fake_platform::fail("vrf_table_lookup", ENOENT);
@@ -190,7 +202,8 @@ TEST_F(default_vrf_test, deleting_the_protocol_of_no_vrf_is_published_and_writte
 TEST_F(default_vrf_test, a_failing_step_of_the_protocol_item_leaves_the_line_unwritten) {
     fail_call("create_nft_table(default)");
     EXPECT_EQ(protocol(created), 0);
-    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)"));
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)",
+                                     "enforcement_failed(server default, its nftables tables could not be created)"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_ver_func: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  default")));
     EXPECT_EQ(read_file(paths::server_file), default_file);

@@ -10,6 +10,9 @@ using testing::Not;
 
 using ssh_vrf_test = vrf_appliers_test;
 
+constexpr char block_ssh_ipv4[] = "mpp_service_block(1, 4, red)";
+constexpr char report_ssh_ipv4[] = "enforcement_failed(rules red ssh ipv4, access list four has not been loaded)";
+
 TEST_F(ssh_vrf_test, a_first_item_with_its_namespace_starts_a_server) {
     add_namespace("red");
     EXPECT_EQ(ssh("red", created), 0);
@@ -176,8 +179,8 @@ TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_ends_it) {
     add_namespace("red");
     command_trail::fail_shell("cp ", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red")));
-    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "reload_acls(red)", block_ssh_ipv4, report_ssh_ipv4));
+    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
     EXPECT_EQ(count_of("red"), 1);
 }
 
@@ -185,15 +188,15 @@ TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_ends_it) {
     add_namespace("red");
     std::filesystem::create_directory(paths::temporary_file);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red")));
-    EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "");
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "reload_acls(red)", block_ssh_ipv4, report_ssh_ipv4));
 }
 
 TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_ends_it) {
     add_namespace("red");
     fake_platform::fail("mpp_namespace_created", EIO);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)"));
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "reload_acls(red)",
+                                     block_ssh_ipv4, report_ssh_ipv4));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns create API failed, Input/output error"));
     EXPECT_TRUE(traced({"vrf-red", "5"}));
     EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
@@ -210,40 +213,64 @@ TEST_F(ssh_vrf_test, a_unit_that_cannot_be_made_ends_it) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-TEST_F(ssh_vrf_test, a_server_that_does_not_start_gets_no_lists_and_does_not_count_as_started) {
+// The server may start later, by systemd or an operator; its ports must not be open then.
+TEST_F(ssh_vrf_test, a_server_that_does_not_start_has_its_lists_loaded_and_does_not_count_as_started) {
     add_namespace("red");
     command_trail::fail_shell("systemctl restart", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
-    EXPECT_EQ(trail().back(), "enforcement_failed(server red, systemctl restart sshd_service_red failed)");
+    const std::vector<std::string> calls = trail();
+    const auto restart = std::find(calls.begin(), calls.end(), "$ systemctl restart sshd_service_red");
+    ASSERT_NE(restart, calls.end());
+    EXPECT_THAT(std::vector<std::string>(restart + 1, calls.end()),
+                ElementsAre("enforcement_failed(server red, systemctl restart sshd_service_red failed)",
+                            "reload_acls(red)", block_ssh_ipv4, report_ssh_ipv4));
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
+}
+
+TEST_F(ssh_vrf_test, a_server_that_starts_later_gets_the_lists_that_failed_before_its_vrf_is_unblocked) {
+    add_namespace("red");
+    command_trail::fail_shell("systemctl restart", ENOMEM);
+    ssh("red", created, {"four"});
+    command_trail::begin();
+    forget();
+    EXPECT_EQ(ssh_process_restart(1, "red"), 0);
+    EXPECT_THAT(trail(), ElementsAre("mpp_vrf_block(red)", "$ systemctl restart sshd_service_red",
+                                     "enforcement_restored(server red)", "reload_acls(red)", "mpp_vrf_unblock(red)"));
 }
 
 TEST_F(ssh_vrf_test, a_table_that_cannot_be_made_ends_it) {
     add_namespace("default");
     fail_call("create_nft_table(default)");
     EXPECT_EQ(ssh("default", created, {"four"}), 0);
-    EXPECT_EQ(trail().back(), "create_nft_table(default)");
+    EXPECT_THAT(trail(), Contains("create_nft_table(default)"));
+    EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "default"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_vrf_func: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  default")));
     EXPECT_TRUE(traced({"default"}));
 }
 
-TEST_F(ssh_vrf_test, a_list_that_cannot_be_attached_ends_it) {
+TEST_F(ssh_vrf_test, a_list_that_cannot_be_attached_blocks_its_family_only) {
     add_namespace("default");
     fail_call("ssh_configure_v4acl(default, 0)");
     EXPECT_EQ(ssh("default", created, {"four", "six"}), 0);
-    EXPECT_EQ(trail().back(), "ssh_configure_v4acl(default, 0)");
+    const std::vector<std::string> calls = trail();
+    ASSERT_GE(calls.size(), 4u);
+    EXPECT_THAT(std::vector<std::string>(calls.end() - 4, calls.end()),
+                ElementsAre("ssh_configure_v4acl(default, 0)", "mpp_service_block(1, 4, default)",
+                            "ssh_configure_v6acl(default, 2)",
+                            "enforcement_failed(rules default ssh ipv4, access list four has not been loaded)"));
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "default"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Failed to configure v4 acl = four"));
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre(log_of_details("Failed to configure v4 acl for vrf:  default")));
 }
 
-TEST_F(ssh_vrf_test, an_ipv6_list_that_cannot_be_attached_ends_it) {
+TEST_F(ssh_vrf_test, an_ipv6_list_that_cannot_be_attached_blocks_its_family_only) {
     add_namespace("default");
     fail_call("ssh_configure_v6acl(default, 2)");
     EXPECT_EQ(ssh("default", created, {nullptr, "six"}), 0);
-    EXPECT_EQ(trail().back(), "ssh_configure_v6acl(default, 2)");
+    EXPECT_THAT(trail(), Contains("mpp_service_block(1, 6, default)"));
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "default"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Failed to configure v6 acl = six"));
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre(log_of_details("Failed to configure v6 acl for vrf:  default")));
@@ -362,7 +389,11 @@ TEST_F(ssh_vrf_test, without_tables_a_modification_only_stores_the_names) {
     forget();
     fail_call("create_nft_table(red)");
     EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
-    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", "release_unused_acls()"));
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(red)", block_ssh_ipv4,
+                                     "enforcement_failed(rules red ssh ipv4, access list new4 has not been loaded)",
+                                     "mpp_service_block(1, 6, red)",
+                                     "enforcement_failed(rules red ssh ipv6, access list new6 has not been loaded)",
+                                     "release_unused_acls()"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("sshd_apply_vrf_func: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  red")));
     EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "new4");
@@ -372,7 +403,7 @@ TEST_F(ssh_vrf_test, without_tables_a_modification_only_stores_the_names) {
 // A table that could not be emptied keeps its rules; the other family's is filled again whatever happens.
 TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_keep_the_other_from_its_list) {
     const struct {
-        const char* failing;
+        std::string failing;
         const char* loaded;
         const char* debug_text;
         const char* log_text;
@@ -396,10 +427,88 @@ TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_keep_the_other_from_its_li
         EXPECT_EQ(ssh("red", changed, {"new4", "new6"}), 0);
         EXPECT_THAT(trail(), Contains(failure.loaded)) << failure.failing;
         EXPECT_FALSE(fake_platform::vrf_blocked("red"));
+        const bool is_v4 = failure.failing.find(", 0)") != std::string::npos;
+        EXPECT_EQ(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"), is_v4) << failure.failing;
+        EXPECT_EQ(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV6, "red"), !is_v4) << failure.failing;
+        EXPECT_EQ(fake_platform::not_in_force().size(), 1u) << failure.failing;
         EXPECT_THAT(fake_platform::debug_texts(), Contains(failure.debug_text));
         EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details(failure.log_text)));
         clear_failed_calls();
     }
+}
+
+TEST_F(ssh_vrf_test, a_list_that_is_loaded_after_all_unblocks_its_family) {
+    add_namespace("red");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    ssh("red", created, {"four"});
+    EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+    clear_failed_calls();
+    ssh("red", changed, {"four"});
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, an_item_without_the_list_that_failed_unblocks_its_family) {
+    add_namespace("red");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    ssh("red", created, {"four"});
+    ssh("red", changed);
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, deleting_the_item_unblocks_the_family_of_the_list_that_failed) {
+    add_namespace("red");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    for (const bool netconf_stays : {false, true}) {
+        ssh("red", created, {"four"});
+        EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+        if (netconf_stays) {
+            netconf("red", created);
+        }
+        ssh("red", deleted);
+        EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+        EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+    }
+}
+
+TEST_F(ssh_vrf_test, rules_of_a_list_that_is_no_longer_named_are_reported_when_they_cannot_be_removed) {
+    add_namespace("red");
+    ssh("red", created, {"four"});
+    fail_call("ssh_flush_nft_table(red, 0)");
+    ssh("red", changed);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"rules red ssh ipv4",
+                                                      "the rules of the former access list could not be removed"}));
+    EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
+    clear_failed_calls();
+    forget();
+    ssh("red", changed);
+    EXPECT_THAT(trail(), Contains("ssh_flush_nft_table(red, 0)"));
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+}
+
+TEST_F(ssh_vrf_test, an_operators_unblock_lasts_until_a_list_is_attached_again) {
+    add_namespace("red");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    ssh("red", created, {"four"});
+    forget();
+    ssh_process_restart(1, "red");
+    EXPECT_THAT(trail(), Not(Contains(block_ssh_ipv4)));
+    ssh("red", changed, {"other"});
+    EXPECT_THAT(trail(), Contains(block_ssh_ipv4));
+}
+
+TEST_F(ssh_vrf_test, a_service_that_cannot_be_blocked_is_traced) {
+    add_namespace("red");
+    fail_call("ssh_configure_v4acl(red, 0)");
+    fake_platform::fail("mpp_service_block", EIO);
+    fake_platform::fail("mpp_service_unblock", EIO);
+    ssh("red", created, {"four"});
+    EXPECT_TRUE(traced({"red", "0", "5"}));
+    fake_platform::clear_reports();
+    ssh("red", changed);
+    EXPECT_TRUE(traced({"red", "0", "5"}));
 }
 
 TEST_F(ssh_vrf_test, a_modification_of_a_vrf_without_node_does_nothing) {

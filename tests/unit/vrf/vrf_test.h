@@ -114,6 +114,7 @@ class vrf_test : public agent_test {
         agent_upcalls.ssh_remove_v6acl_config = [](vrf_node* node, uint32_t kind) {
             record(with_kind("ssh_remove_v6acl_config", node->name, kind));
         };
+        agent_upcalls.reload_acls = [](vrf_node* node) { record(std::string("reload_acls(") + node->name + ")"); };
         agent_upcalls.release_unused_acls = [] { record("release_unused_acls()"); };
         agent_upcalls.ocssh_telemetry_publish = [] { record("telemetry"); };
     }

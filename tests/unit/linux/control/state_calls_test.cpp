@@ -24,7 +24,8 @@ TEST_F(control_state_calls_test, vrfs_come_with_what_every_service_knows_of_them
         if (vrf["name"] == "green") {
             found = true;
             EXPECT_EQ(control_json_text(vrf), R"({"name":"green","id":)" + std::to_string(id) +
-                                                  R"(,"namespace":false,"ssh":false,"netconf":false,"blocked":false})");
+                                                  R"(,"namespace":false,"ssh":false,"netconf":false,"blocked":false,)" +
+                                                  R"("closed":[]})");
         }
     }
     EXPECT_TRUE(found);

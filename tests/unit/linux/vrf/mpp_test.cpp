@@ -30,10 +30,11 @@ class mpp_test : public platform_test::loop_test {
         }
     }
 
-    static bool is_blocked(const char* vrf = red) {
-        bool blocked = false;
+    static bool is_blocked(const char* vrf = red) { return blocked_ports(vrf) == filter_all_ports; }
+    static filter_ports blocked_ports(const char* vrf = red) {
+        filter_ports blocked = 0;
         std::string failure;
-        EXPECT_EQ(0u, mpp_filter_is_blocked(vrf, blocked, failure)) << failure;
+        EXPECT_EQ(0u, mpp_filter_blocked(vrf, blocked, failure)) << failure;
         return blocked;
     }
     static mpp_vrf_status status_of(const std::string& vrf) {
@@ -280,6 +281,160 @@ TEST_F(mpp_test, a_block_that_was_left_behind_can_be_taken_over_by_a_new_one) {
     ASSERT_EQ(0u, mpp_vrf_block(red));
     reach_loop();
     EXPECT_TRUE(is_blocked());
+}
+
+// Single services whose lists are not loaded.
+
+platform_status block_ssh_ipv4() {
+    return mpp_service_block(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, red);
+}
+
+platform_status unblock_ssh_ipv4() {
+    return mpp_service_unblock(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, red);
+}
+
+TEST_F(mpp_test, a_service_without_its_list_stays_blocked_when_the_vrf_is_unblocked) {
+    open_services();
+    ASSERT_EQ(0u, mpp_vrf_block(red));
+    ASSERT_EQ(0u, mpp_vrf_unblock(red));
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    EXPECT_TRUE(is_blocked());
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+    EXPECT_FALSE(status_of(red).blocked);
+    EXPECT_EQ(status_of(red).closed, std::vector<std::string>{"ssh ipv4"});
+    ASSERT_EQ(0u, mpp_vrf_block(red));
+    EXPECT_TRUE(is_blocked());
+    ASSERT_EQ(0u, mpp_vrf_unblock(red));
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+}
+
+TEST_F(mpp_test, a_service_is_blocked_at_once_and_opened_after_the_handler) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    ASSERT_EQ(0u, mpp_service_block(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, red));
+    EXPECT_EQ(filter_ssh_ipv4 | filter_netconf_ipv6, blocked_ports());
+    ASSERT_EQ(0u, unblock_ssh_ipv4());
+    EXPECT_EQ(filter_ssh_ipv4 | filter_netconf_ipv6, blocked_ports());
+    reach_loop();
+    EXPECT_EQ(filter_netconf_ipv6, blocked_ports());
+    ASSERT_EQ(0u, unblock_ssh_ipv4());
+    ASSERT_EQ(0u, mpp_service_unblock(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, red));
+    reach_loop();
+    EXPECT_EQ(0u, blocked_ports());
+}
+
+TEST_F(mpp_test, blocking_a_service_again_takes_its_opening_back) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    ASSERT_EQ(0u, unblock_ssh_ipv4());
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+}
+
+TEST_F(mpp_test, the_services_and_families_are_checked) {
+    open_services();
+    EXPECT_EQ(invalid, mpp_service_block(2, MPP_FAMILY_IPV4, red));
+    EXPECT_EQ(invalid, mpp_service_block(MPP_SERVICE_SSH, 5, red));
+    EXPECT_EQ(invalid, mpp_service_unblock(MPP_SERVICE_SSH, 0, red));
+    EXPECT_EQ(invalid, mpp_service_block(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, nullptr));
+    EXPECT_EQ(invalid, mpp_service_unblock(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "a b"));
+    EXPECT_EQ(static_cast<platform_status>(ENOENT), mpp_service_block(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "none"));
+    EXPECT_EQ(0u, mpp_service_unblock(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "none"));
+    EXPECT_TRUE(mpp_status().empty());
+}
+
+TEST_F(mpp_test, a_service_that_cannot_be_blocked_is_blocked_later) {
+    open_services();
+    {
+        const no_descriptors_left none;
+        EXPECT_EQ(static_cast<platform_status>(EMFILE), block_ssh_ipv4());
+    }
+    EXPECT_EQ(0u, blocked_ports());
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+}
+
+TEST_F(mpp_test, a_vrf_is_opened_only_with_its_services_blocked) {
+    open_services();
+    ASSERT_EQ(0u, mpp_vrf_block(red));
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    ASSERT_EQ(0u, mpp_vrf_unblock(red));
+    {
+        const no_descriptors_left none;
+        reach_loop();
+    }
+    EXPECT_TRUE(is_blocked());
+    EXPECT_TRUE(run_until([&] { return !status_of(red).blocked; }));
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+}
+
+TEST_F(mpp_test, a_blocked_service_outlives_the_agent_until_the_next_one_reaches_its_loop) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    mpp_reset();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+    ASSERT_EQ(0u, mpp_init(MPP_SERVICE_SSH));
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+    reach_loop();
+    EXPECT_EQ(0u, blocked_ports());
+}
+
+TEST_F(mpp_test, a_service_that_the_next_agent_blocks_again_is_never_open) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    mpp_reset();
+    ASSERT_EQ(0u, mpp_init(MPP_SERVICE_SSH));
+    ASSERT_EQ(0u, mpp_vrf_nft_init(red));
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+    ASSERT_EQ(0u, mpp_vrf_block(red));
+    ASSERT_EQ(0u, mpp_vrf_unblock(red));
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
+}
+
+TEST_F(mpp_test, a_blocked_service_goes_with_its_namespace) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    remove_vrf(red);
+    ASSERT_EQ(0u, mpp_namespace_deleted("vrf-red"));
+    EXPECT_TRUE(mpp_status().empty());
+}
+
+TEST_F(mpp_test, an_operator_lifts_all_blocks_of_a_vrf_at_once) {
+    open_services();
+    std::vector<std::string> lifted;
+    EXPECT_EQ(0u, mpp_lift_blocks(red, lifted));
+    EXPECT_TRUE(lifted.empty());
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    EXPECT_EQ(0u, mpp_lift_blocks(red, lifted));
+    EXPECT_EQ(lifted, std::vector<std::string>{"ssh ipv4"});
+    EXPECT_EQ(0u, blocked_ports());
+    ASSERT_EQ(0u, mpp_vrf_block(red));
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    EXPECT_EQ(0u, mpp_lift_blocks(red, lifted));
+    EXPECT_EQ(lifted, (std::vector<std::string>{"ssh ipv4", "ssh ipv6", "netconf ipv4", "netconf ipv6"}));
+    EXPECT_EQ(0u, blocked_ports());
+    ASSERT_EQ(0u, unblock_ssh_ipv4()) << "the agent need not know";
+    reach_loop();
+    EXPECT_EQ(0u, blocked_ports());
+}
+
+TEST_F(mpp_test, blocks_that_cannot_be_lifted_stay) {
+    open_services();
+    ASSERT_EQ(0u, block_ssh_ipv4());
+    std::vector<std::string> lifted;
+    {
+        const no_descriptors_left none;
+        EXPECT_EQ(static_cast<platform_status>(EMFILE), mpp_lift_blocks(red, lifted));
+    }
+    EXPECT_TRUE(lifted.empty());
+    EXPECT_EQ(status_of(red).closed, std::vector<std::string>{"ssh ipv4"});
+    reach_loop();
+    EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
 TEST_F(mpp_test, nothing_can_be_opened_without_a_loop) {

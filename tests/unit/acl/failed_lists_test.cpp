@@ -1,0 +1,226 @@
+#include "acl/failed_lists.h"
+
+#include "acl_test.h"
+#include "platform/mpp.h"
+#include "vrf/acl_state.h"
+#include "vrf/acl_types.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class failed_lists_test : public acl_test {
+  protected:
+    struct outcome {
+        int remaining;
+        std::vector<std::string> differences;
+    };
+
+    static outcome run(bool repair) {
+        outcome found = {};
+        found.remaining = acl_reload_failed(
+            repair ? 1 : 0,
+            [](const char* subject, const char* text, void* context) {
+                static_cast<outcome*>(context)->differences.push_back(std::string(subject) + ": " + text);
+            },
+            &found);
+        return found;
+    }
+
+    static void fail_loads(const std::string& of, uint32_t times = stub_commands::always) {
+        stub_commands::fail("ip netns exec " + of, 1, times);
+    }
+
+    /// The list "ops" of SSH in the VRF red, which could not be loaded.
+    void fail_to_attach() {
+        set_list("ops", {ipv4_entry()});
+        name(red->ssh_v4_acl, "ops");
+        fail_loads("vrf-red", 1);
+        ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), -1);
+        block_without_acl(red, acl_ssh_v4);
+        ASSERT_TRUE(is_blocked());
+        stub_commands::clear_log();
+    }
+
+    static bool is_blocked() { return fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"); }
+
+    static acl_change_notice notice(const char* list, bool present) {
+        acl_change_notice made = {};
+        copy_text(made.acl_name, sizeof made.acl_name, list);
+        made.present = present ? 1 : 0;
+        return made;
+    }
+};
+
+TEST_F(failed_lists_test, what_is_loaded_needs_no_other_attempt) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
+    stub_commands::clear_log();
+    for (const bool repair : {false, true}) {
+        const outcome found = run(repair);
+        EXPECT_EQ(found.remaining, 0);
+        EXPECT_THAT(found.differences, IsEmpty());
+    }
+    EXPECT_THAT(stub_commands::log(), IsEmpty());
+}
+
+TEST_F(failed_lists_test, a_list_that_is_not_loaded_is_named_and_left_alone_without_repair) {
+    fail_to_attach();
+    const outcome found = run(false);
+    EXPECT_EQ(found.remaining, 1);
+    EXPECT_THAT(found.differences, ElementsAre("rules red ssh ipv4: access list ops is not loaded"));
+    EXPECT_THAT(stub_commands::log(), IsEmpty());
+    EXPECT_TRUE(is_blocked());
+}
+
+TEST_F(failed_lists_test, a_repair_loads_the_list_and_lifts_the_block) {
+    fail_to_attach();
+    const outcome found = run(true);
+    EXPECT_EQ(found.remaining, 0);
+    EXPECT_THAT(found.differences, ElementsAre("rules red ssh ipv4: access list ops is not loaded"));
+    EXPECT_THAT(loads(), ElementsAre(HasSubstr("norvossh_acl_all"), HasSubstr("norvossh_v4acl")));
+    EXPECT_FALSE(is_blocked());
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+    EXPECT_EQ(run(false).remaining, 0);
+}
+
+TEST_F(failed_lists_test, a_repair_that_fails_says_why_and_does_not_block_again) {
+    fail_to_attach();
+    stub_commands::set_hook("ip netns exec",
+                            "case \"$STUB_COMMAND_LINE\" in *v4acl*) echo 'Error: too many' >&2 ;; esac");
+    stub_commands::fail("ip netns exec vrf-red /usr/sbin/nft -f " + rule_file("red", "norvossh_v4acl"), 1);
+    fake_platform::clear_calls();
+    const outcome found = run(true);
+    EXPECT_EQ(found.remaining, 1);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"rules red ssh ipv4",
+                                                      "access list ops was not loaded: Error: too many"}));
+    EXPECT_EQ(fake_platform::count_calls("mpp_service_block"), 0U) << "an operator may have lifted the block";
+}
+
+TEST_F(failed_lists_test, without_tables_no_list_is_tried) {
+    fail_to_attach();
+    fail_loads("vrf-red");
+    EXPECT_EQ(run(true).remaining, 1);
+    EXPECT_THAT(loads(), ElementsAre(HasSubstr("norvossh_acl_all")));
+    EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
+}
+
+TEST_F(failed_lists_test, a_vrf_without_namespace_is_passed_over) {
+    fail_to_attach();
+    scratch_root::remove_namespace_file("vrf-red");
+    const outcome found = run(true);
+    EXPECT_EQ(found.remaining, 0);
+    EXPECT_THAT(found.differences, IsEmpty());
+    EXPECT_THAT(stub_commands::log(), IsEmpty());
+}
+
+// The former rules stay, so nobody gets in who should not, and nothing is blocked.
+TEST_F(failed_lists_test, a_change_that_could_not_be_loaded_is_loaded_later) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
+    fail_loads("vrf-red", 1);
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{1});
+    EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
+    EXPECT_FALSE(is_blocked());
+    stub_commands::clear_log();
+    const outcome found = run(true);
+    EXPECT_THAT(found.differences, ElementsAre("rules red ssh ipv4: the last change of access list ops is not loaded"));
+    EXPECT_EQ(found.remaining, 0);
+    EXPECT_THAT(loads(), ElementsAre(HasSubstr("norvossh_acl_all"), HasSubstr("norvossh_v4acl")))
+        << "the rules are replaced in one step";
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+}
+
+TEST_F(failed_lists_test, a_change_that_is_loaded_lifts_the_block) {
+    fail_to_attach();
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    EXPECT_FALSE(is_blocked());
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+}
+
+TEST_F(failed_lists_test, a_changed_list_that_cannot_be_read_does_not_lift_the_block) {
+    fail_to_attach();
+    fake_platform::fail("datastore_list_get", EIO);
+    EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    EXPECT_TRUE(is_blocked());
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"rules red ssh ipv4",
+                                                      "access list ops could not be read: Input/output error"}));
+}
+
+TEST_F(failed_lists_test, the_rules_of_a_list_that_has_gone_are_removed_later) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
+    fake_platform::remove_list(list_path("ops"));
+    fail_loads("vrf-red", 1);
+    const acl_change_notice removal = notice("ops", false);
+    EXPECT_EQ(ssh_ipv4_acl_reg_upd(&removal), 1);
+    EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
+    stub_commands::clear_log();
+    EXPECT_EQ(run(true).remaining, 0);
+    EXPECT_EQ(read_file(rule_file("red", "norvossh_v4acl")).find("drop"), std::string::npos);
+    EXPECT_EQ(loads().size(), 2U);
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+}
+
+TEST_F(failed_lists_test, the_rules_of_a_list_that_is_no_longer_named_are_removed_later) {
+    acl_rules_failed(red, acl_netconf_v6, "not removed");
+    const outcome found = run(true);
+    EXPECT_THAT(
+        found.differences,
+        ElementsAre("rules red netconf ipv6: rules of an access list that is no longer named are still loaded"));
+    EXPECT_EQ(found.remaining, 0);
+    EXPECT_EQ(read_file(rule_file("red", "netconf_v6acl")), "flush table ip6 netconf_v6acl\n\n");
+}
+
+TEST_F(failed_lists_test, a_flush_that_fails_again_remains) {
+    acl_rules_failed(red, acl_netconf_v6, "not removed");
+    stub_commands::fail("ip netns exec vrf-red /usr/sbin/nft -f " + rule_file("red", "netconf_v6acl"), 1);
+    EXPECT_EQ(run(true).remaining, 1);
+    EXPECT_TRUE(fake_platform::is_not_in_force("rules red netconf ipv6"));
+}
+
+TEST_F(failed_lists_test, a_list_that_is_loaded_but_not_followed_is_reported_and_not_blocked) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    fake_platform::fail("acl_service_get_list", EAGAIN);
+    EXPECT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), -1);
+    block_without_acl(red, acl_ssh_v4);
+    EXPECT_FALSE(is_blocked());
+    EXPECT_THAT(
+        fake_platform::not_in_force(),
+        ElementsAre(fake_platform::unenforced{"rules red ssh ipv4", "changes of the access list are not followed"}));
+    fake_platform::clear_failures();
+    EXPECT_EQ(run(true).remaining, 0);
+    EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
+}
+
+TEST_F(failed_lists_test, every_vrf_is_tried) {
+    set_ipv6_list("six", {ipv6_entry()});
+    for (vrf_node* node : {red, blue}) {
+        name(node->ssh_v6_acl, "six");
+    }
+    fail_loads("vrf-blue");
+    const outcome found = run(true);
+    EXPECT_THAT(found.differences, ElementsAre("rules blue ssh ipv6: access list six is not loaded",
+                                               "rules red ssh ipv6: access list six is not loaded"));
+    EXPECT_EQ(found.remaining, 1);
+    EXPECT_FALSE(acl_is_missing(*red, acl_ssh_v6));
+    EXPECT_TRUE(acl_is_missing(*blue, acl_ssh_v6));
+}
+
+TEST_F(failed_lists_test, what_the_files_stand_in_the_way_of_is_told) {
+    fail_to_attach();
+    remove_path("/tmp/norvo-ssh");
+    write_file("/tmp/norvo-ssh", "in the way");
+    EXPECT_EQ(run(true).remaining, 1);
+    EXPECT_THAT(fake_platform::not_in_force()[0].reason, HasSubstr("Not a directory"));
+}
+
+}  // namespace
