@@ -131,6 +131,7 @@ def test_generator_adds_to_the_servers_units_only(tmp_path):
         for vrf in ("red", "a.b-c_d", "default"):
             folder = f"{router.server_unit(vrf)}.d"
             expected[f"{folder}/start_limit.conf"] = "[Unit]\nStartLimitIntervalSec=0\n"
+            expected[f"{folder}/10-readiness.conf"] = "[Service]\nType=notify\nTimeoutStartSec=20\n"
             expected[f"{folder}/limits.conf"] = f'[Service]\nExecStopPost=-/pkg/bin/sshd -e "vrf-{vrf}"\n'
         assert drop_ins == expected
     finally:
