@@ -1,6 +1,7 @@
 """Fixtures of the system tests, which run inside a throw-away node and have its router to themselves."""
 
 import pathlib
+import shutil
 
 import pytest
 import router
@@ -59,3 +60,28 @@ def server(vrf):
         return name
 
     return make
+
+
+@pytest.fixture
+def nft_that_rejects():
+    """Makes nft reject the rule files whose names contain a text, until the returned function is called."""
+    real, script = (pathlib.Path("/usr/local/lib") / name for name in ("accepting_nft", "rejecting_nft"))
+    mounted = []
+
+    def reject(text):
+        shutil.copyfile("/usr/sbin/nft", real)
+        script.write_text(f'#!/bin/sh\ncase "$*" in *{text}*) echo "Error: rejected" >&2; exit 1 ;; esac\n'
+                          f'exec {real} "$@"\n', encoding="utf-8")
+        for file in (real, script):
+            file.chmod(0o755)
+        router.run("mount", "--bind", script, "/usr/sbin/nft")
+        mounted.append(script)
+        return stop
+
+    def stop():
+        if mounted:
+            mounted.pop()
+            router.run("umount", "/usr/sbin/nft")
+
+    yield reject
+    stop()

@@ -1,7 +1,5 @@
 """Access lists that cannot be loaded, the ports that stay closed for want of them, and sessions that outlive new lists."""
 
-import pathlib
-import shutil
 import subprocess
 
 import access_lists
@@ -26,31 +24,6 @@ def mgmt(vrf):
     vrf("mgmt")
     access_lists.connect_wires("mgmt")
     return "mgmt"
-
-
-@pytest.fixture
-def nft_that_rejects():
-    """Makes nft reject the rule files whose names contain a text, until the returned function is called."""
-    real, script = (pathlib.Path("/usr/local/lib") / name for name in ("accepting_nft", "rejecting_nft"))
-    mounted = []
-
-    def reject(text):
-        shutil.copyfile("/usr/sbin/nft", real)
-        script.write_text(f'#!/bin/sh\ncase "$*" in *{text}*) echo "Error: rejected" >&2; exit 1 ;; esac\n'
-                          f'exec {real} "$@"\n', encoding="utf-8")
-        for file in (real, script):
-            file.chmod(0o755)
-        router.run("mount", "--bind", script, "/usr/sbin/nft")
-        mounted.append(script)
-        return stop
-
-    def stop():
-        if mounted:
-            mounted.pop()
-            router.run("umount", "/usr/sbin/nft")
-
-    yield reject
-    stop()
 
 
 def bind(ipv4=None, ipv6=None, **options):
