@@ -1,7 +1,8 @@
 /// Event manager: the process's one event loop, its descriptors, messages and timers.
 ///
 /// All handlers registered here are called from event_manager_dispatch on the loop's thread, one at a time, and run to
-/// completion.
+/// completion. When the platform has the process end, it does so between two events, from within event_manager_block or
+/// event_manager_dispatch, with exit status 0.
 #ifndef PLATFORM_EVENT_MANAGER_H
 #define PLATFORM_EVENT_MANAGER_H
 

@@ -15,6 +15,7 @@
 
 #include "linux/process/event_manager_internal.h"
 #include "linux/process/service_moment.h"
+#include "linux/process/termination.h"
 #include "linux/reporting/log_message_internal.h"
 
 struct event_message {
@@ -73,8 +74,15 @@ int create_manager(const char* device_path, struct event_manager** manager) {
     } catch (const std::bad_alloc&) {
         return ENOMEM;
     }
-    const int result = sd_event_new(&created->loop);
+    int result = sd_event_new(&created->loop);
+    if (result >= 0) {
+        result = termination_watch(created->loop);
+    }
+    if (result >= 0) {
+        result = sd_event_set_watchdog(created->loop, 1);
+    }
     if (result < 0) {
+        sd_event_unref(created->loop);
         return -result;
     }
     *manager = created.release();

@@ -13,6 +13,7 @@
 
 #include "linux/process/paths.h"
 #include "linux/process/platform_config.h"
+#include "linux/process/termination.h"
 #include "linux/reporting/log_message_internal.h"
 #include "platform/process_manager.h"
 
@@ -83,6 +84,12 @@ int files_have_settled(sd_event_source* source, uint64_t, void*) {
 /// Returns 0 or a negative errno value.
 int make_loop(wait_resources& resources) {
     int result = sd_event_new(&resources.loop);
+    if (result >= 0) {
+        result = termination_watch(resources.loop);
+    }
+    if (result >= 0) {
+        result = sd_event_set_watchdog(resources.loop, 1);
+    }
     if (result >= 0) {
         result = sd_event_add_io(resources.loop, &resources.files, resources.inotify, EPOLLIN, files_have_changed,
                                  &resources);

@@ -21,6 +21,7 @@
 #include "linux/process/platform_config.h"
 #include "linux/process/primary_wait.h"
 #include "linux/process/process_manager_internal.h"
+#include "linux/process/termination.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -39,7 +40,7 @@ constexpr size_t respawn_file_max = 64;
 /// Progress is reported at most this often, in microseconds, and four times within the watchdog's time.
 constexpr uint64_t report_interval = 1'000'000;
 
-/// While the agent starts, each report gives it this long until the next one; as long as the unit's WatchdogSec.
+/// While the agent starts or ends, each report gives it this long until the next one, like the unit's WatchdogSec.
 constexpr char extend_timeout[] = "WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000";
 
 void log_problems(const std::vector<std::string>& problems) {
@@ -142,7 +143,7 @@ void process_manager_progress(void) {
     if (time - state.reported >= time_between_reports()) {
         state.reported = time;
         // A report that is lost is followed by the next one.
-        sd_notify(0, state.ready ? "WATCHDOG=1" : extend_timeout);
+        sd_notify(0, state.ready && !termination_is_pending() ? "WATCHDOG=1" : extend_timeout);
     }
 }
 

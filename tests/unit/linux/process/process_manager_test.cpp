@@ -138,6 +138,48 @@ TEST_F(process_manager_test, readiness_is_notified_to_the_service_manager) {
     EXPECT_EQ("READY=1", notify.receive());
 }
 
+TEST_F(process_manager_test, progress_feeds_the_watchdog) {
+    datagram_listener notify("/run/notify");
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
+    errno = ENOSPC;
+    process_manager_progress();
+    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_EQ("WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000", notify.receive()) << "the agent is starting";
+    process_manager_progress();
+    EXPECT_EQ("", notify.receive()) << "not more often than needed";
+    process_manager_reset();
+    process_manager_ready();
+    EXPECT_EQ("READY=1", notify.receive());
+    process_manager_progress();
+    EXPECT_EQ("WATCHDOG=1", notify.receive());
+}
+
+TEST_F(process_manager_test, progress_is_reported_in_time_for_a_short_watchdog) {
+    datagram_listener notify("/run/notify");
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
+    ASSERT_EQ(0, setenv("WATCHDOG_USEC", "40000", 1));
+    ASSERT_EQ(0, setenv("WATCHDOG_PID", std::to_string(getpid()).c_str(), 1));
+    process_manager_progress();
+    EXPECT_NE("", notify.receive());
+    usleep(11000);
+    process_manager_progress();
+    EXPECT_NE("", notify.receive());
+}
+
+TEST_F(process_manager_test, progress_extends_a_stop_that_waits_for_the_present_work) {
+    datagram_listener notify("/run/notify");
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
+    process_manager_ready();
+    EXPECT_EQ("READY=1", notify.receive());
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGTERM);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    raise(SIGTERM);
+    process_manager_progress();
+    EXPECT_EQ("WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000", notify.receive());
+}
+
 TEST_F(process_manager_test, readiness_that_cannot_be_notified_is_reported) {
     journal_listener journal;
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/nobody", 1));
