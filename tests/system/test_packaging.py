@@ -92,6 +92,44 @@ def test_agents_tmp_is_out_of_everybodys_reach():
         (AGENT_TMP / "seen").unlink()
 
 
+RULE_FILES = pathlib.Path("/tmp/norvo-ssh")
+
+
+def test_rule_files_are_at_their_paths():
+    file = RULE_FILES / "access-list" / "seen.nft"
+    agents = AGENT_TMP / "norvo-ssh" / "access-list" / "seen.nft"
+    agents.touch()
+    try:
+        assert file.exists()
+    finally:
+        agents.unlink()
+    for folder in (RULE_FILES, RULE_FILES / "access-list"):
+        assert mode(folder) == 0o755 and os.stat(folder).st_uid == 0
+    assert run("runuser", "-u", "operator", "--", "touch", file, check=False).returncode != 0
+    assert run("runuser", "-u", "operator", "--", "mv", RULE_FILES, "/tmp/other", check=False).returncode != 0
+
+
+@pytest.mark.parametrize("plant", [["mkdir", "-p", f"{RULE_FILES}/access-list"], ["ln", "-s", "/etc", RULE_FILES],
+                                   ["touch", RULE_FILES], ["ln", "-s", "/nowhere", RULE_FILES]])
+def test_what_a_user_put_in_the_place_of_the_rule_files_is_moved_away(plant):
+    run("umount", RULE_FILES)
+    RULE_FILES.rmdir()
+    before = sorted(os.listdir("/etc"))
+    run("runuser", "-u", "operator", "--", *plant)
+    run("/usr/libexec/ssh_cfg_agent/platform_setup")
+    assert sorted(os.listdir("/etc")) == before
+    test_rule_files_are_at_their_paths()
+    moved = list(pathlib.Path("/tmp").glob("norvo-ssh.moved.*"))
+    assert len(moved) == 1 and os.lstat(moved[0]).st_uid != 0
+    run("rm", "-r", *moved)
+    # Again, and with an empty folder of root's.
+    run("umount", RULE_FILES)
+    for _ in range(2):
+        run("/usr/libexec/ssh_cfg_agent/platform_setup")
+        test_rule_files_are_at_their_paths()
+    assert not list(pathlib.Path("/tmp").glob("norvo-ssh.moved.*"))
+
+
 def test_namespaces_attached_later_reach_the_agent(vrf):
     vrf("late")
     agent = ["nsenter", "--target", router.main_pid(AGENT), "--mount"]
