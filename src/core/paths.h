@@ -31,6 +31,7 @@ inline constexpr char pam_temporary_file[] = "/etc/pam.d/.norvosshd.new";
 inline constexpr char file_system_list[] = "/dev/shmem/shm_filesystem_list";
 
 // Wrappers that sessions run in.
+inline constexpr char processes[] = "/proc/";
 inline constexpr char exec_session_file[] = "/tmp/norvo_ssh_pid.txt";
 inline constexpr char exec_session_command[] =
     "ps -ef | grep '/pkg/bin/ssh_exec.sh' | grep -v 'grep' | awk '{print $2}' > /tmp/norvo_ssh_pid.txt";

@@ -19,6 +19,7 @@
 #include "core/paths.h"
 #include "core/shell_command.h"
 #include "core/text.h"
+#include "host/session_processes.h"
 #include "host/trace_points.h"
 #include "platform/managed_timer.h"
 #include "vrf/server_lifecycle.h"
@@ -111,16 +112,26 @@ int32_t session_id(const char* line) {
     return whole && allowed ? static_cast<int32_t>(number) : 0;
 }
 
-/// Reads at most `room` ids.
+/// Reads at most `room` ids. Other processes may be listed, too: any user can name a process like a wrapper.
 uint32_t read_ids(FILE* file, int32_t* ids, uint32_t room) {
     uint32_t count = 0;
     char* line = nullptr;
     size_t capacity = 0;
     while (count < room && getline(&line, &capacity, file) >= 0) {
         ids[count] = session_id(line);
-        count += ids[count] != 0 ? 1 : 0;
+        count += ids[count] != 0 && is_session_process(ids[count]) ? 1 : 0;
     }
     std::free(line);
+    return count;
+}
+
+/// Counts the sessions on the list.
+uint32_t count_sessions(FILE* file) {
+    uint32_t count = 0;
+    int32_t id = 0;
+    while (std::feof(file) == 0 && std::ferror(file) == 0) {
+        count += read_ids(file, &id, 1);
+    }
     return count;
 }
 
@@ -177,7 +188,7 @@ bool sessions_have_ended() {
     if (file == nullptr) {
         return false;
     }
-    const uint32_t remaining = count_lines(file);
+    const uint32_t remaining = count_sessions(file);
     std::fclose(file);
     counters.terminated = counters.active > remaining ? counters.active - remaining : 0;
     return remaining == 0;
@@ -217,10 +228,13 @@ void failure_timer_handler(managed_timer_leaf*, void*) {
         "Active Sessions:=%d, Sessions Terminated:=%d, signal sent during shutdown:=%d,  system shutdown seems to have some issues, SSH will start the services again",
         static_cast<int>(counters.active), static_cast<int>(counters.terminated), static_cast<int>(counters.signals));
     counters = {};
-    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+    hold_servers_down(false);
+    begin_command_group();
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         log_text(INFO_GENERAL, "Shutdown timer expires, starting daemon");
-        ssh_process_restart(1, node->name);
+        restart_server_of(node);
     }
+    end_command_group();
     disarm_failure_timer();
 }
 
@@ -251,11 +265,15 @@ bool arm_failure_timer() {
 
 // --- The notice -----------------------------------------------------------------------------------------------------
 
+/// They stay down until the failure timer expires, whatever is configured meanwhile.
 void stop_servers() {
+    hold_servers_down(true);
+    begin_command_group();
     for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         log_text(INFO_GENERAL, "Router is shutting down, killing daemon");
         ssh_process_restart(0, node->name);
     }
+    end_command_group();
 }
 
 void acknowledge(shelf_manager* shelf) {

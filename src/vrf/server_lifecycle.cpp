@@ -32,6 +32,14 @@ constexpr size_t report_size = 512;
 /// systemctl's exit status for a unit that it does not know.
 constexpr int unit_not_loaded = 5;
 
+bool servers_held_down = false;
+
+/// The server will be started with the others. Returns 0.
+int report_held_down(const char* vrf_name) {
+    debug_print("%s, vrf:=%s, the router is about to reload, server not started", "ssh_process_restart", vrf_name);
+    return 0;
+}
+
 /// The unit file is missing: returns 0 if the VRF's server has not been started yet, -1 if it has.
 int report_missing_unit(const char* vrf_name) {
     debug_print("%s, Service file doesn't exist for vrf:=%s", "ssh_process_restart", vrf_name);
@@ -208,10 +216,24 @@ int ssh_process_restart(uint32_t start, const char* vrf_name) {
     if (file_exists(unit) != 1) {
         return report_missing_unit(vrf_name);
     }
+    if (start != 0 && servers_held_down) {
+        return report_held_down(vrf_name);
+    }
     return start != 0 ? start_server(vrf_name) : stop_server(vrf_name);
 }
 
+void hold_servers_down(bool held) {
+    servers_held_down = held;
+}
+
+bool servers_are_held_down() {
+    return servers_held_down;
+}
+
 int restart_server_of(vrf_node* node) {
+    if (servers_held_down) {
+        return report_held_down(node->name);
+    }
     const int result = ssh_process_restart(1, node->name);
     char unit[PATH_MAX];
     service_unit_path(node->name, unit, sizeof unit);

@@ -13,6 +13,11 @@ int ssh_process_restart(uint32_t start, const char* vrf_name);
 /// Starts or restarts the server of a node, which counts as started only if a unit was started. Returns 0 or -1.
 int restart_server_of(vrf_node* node);
 
+/// From now on servers are not started (`held`), or they are again. Starting one meanwhile succeeds without doing
+/// anything; whoever ends this starts them all.
+void hold_servers_down(bool held);
+bool servers_are_held_down();
+
 /// Ensures that the VRF's file exists and is not stale (checked only for a new node), and adds the line of `keyword`
 /// and `value` if `add_line` is 1. Sets `*change` if the file changed. Returns 0 or -1.
 int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, const char* value, uint32_t* change,

@@ -416,6 +416,45 @@ def test_a_session_that_ignores_the_signals_keeps_the_acknowledgement_back(serve
     stubborn.kill()
 
 
+# Titled like a session's wrapper, below a process titled like a server's session, in a process group of its own.
+IMPOSTOR = "exec -a 'sshd: operator [priv]' bash -c 'set -m; (exec -a /pkg/bin/ssh_exec.sh sleep 600) & wait'"
+
+
+def impostors():
+    return router.run("pgrep", "--full", "--uid", "operator", "^/pkg/bin/ssh_exec.sh 600", check=False).stdout.split()
+
+
+def test_a_process_that_only_has_a_sessions_name_is_left_alone(server, after_reload, journal):
+    server("red")
+    impostor = subprocess.Popen(["runuser", "-u", "operator", "--", "bash", "-c", IMPOSTOR])
+    try:
+        router.wait_until(impostors, what="the impostor runs")
+        before = impostors()
+        listed = len(sessions.wrappers())
+        assert listed >= 1
+        session = start("red", "sleep 600")
+        wait_for_wrappers(listed + 1)
+        result, seconds = reload()
+        assert result.returncode == 0, result
+        assert seconds < 5
+        assert session.wait(timeout=10) != 0
+        assert impostors() == before
+        journal.wait_for("Active Sessions:=1, Will close these sessions", router.AGENT)
+    finally:
+        router.run("pkill", "--uid", "operator", "--full", "ssh_exec.sh 600", check=False)
+        impostor.wait(timeout=10)
+
+
+def test_a_change_after_a_reload_notice_starts_no_server(server, after_reload):
+    server("red")
+    assert reload()[0].returncode == 0
+    assert router.set_item("cmn/timeout", 66, check=False).returncode == 0
+    assert "LoginGraceTime 66" in router.server_lines("red")
+    router.set_item("sshd/vrf-netconf/red", router.OPEN)
+    assert not router.is_active(router.server_unit("red"))
+    assert not router.port_answers("red")
+
+
 def test_a_reload_can_be_asked_for_from_a_session(server, after_reload, journal):
     server("red")
     router.run("usermod", "--append", "--groups", "sshcfg", "operator")

@@ -15,6 +15,7 @@
 #include "core/debug.h"
 #include "host/shelf_link.h"
 #include "platform/event_manager.h"
+#include "process_table.h"
 #include "vrf/node_registry.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
@@ -46,6 +47,7 @@ class reload_test : public agent_test {
         fake_platform::clear_calls();
         stub_commands::install_command("ps");
         command_trail::begin();
+        process_table::set_up();
     }
 
     ~reload_test() override {
@@ -64,6 +66,10 @@ class reload_test : public agent_test {
         std::string table =
             "UID          PID    PPID  C STIME TTY          TIME CMD\nroot 1 0 0 00:00 ? 00:00 /sbin/init\n";
         for (const std::string& pid : pids) {
+            const int number = std::atoi(pid.c_str());
+            if (number > 0) {
+                process_table::add_session(number);
+            }
             table += "alice " + pid + " 1 0 00:00 ? 00:00 /bin/sh " + wrapper + "\n";
         }
         return table + "root 77 1 0 00:00 ? 00:00 grep " + wrapper + "\n";
@@ -180,6 +186,8 @@ TEST_F(reload_test, lines_that_are_no_number_are_passed_over) {
     const std::string long_line(9000, '7');
     using namespace std::string_literals;
     write_file("/tmp/planted", "\n\n4711\n   \n"s + long_line + "\n\0x\n12 13\n4712\n"s);
+    process_table::add_session(4711);
+    process_table::add_session(4712);
     stub_commands::install_command("awk");
     stub_commands::set_hook("awk", "cat /tmp/planted");
     const search result = find();
@@ -189,6 +197,8 @@ TEST_F(reload_test, lines_that_are_no_number_are_passed_over) {
 
 TEST_F(reload_test, a_last_line_without_its_end_is_not_counted) {
     write_file("/tmp/planted", "4711\n4712");
+    process_table::add_session(4711);
+    process_table::add_session(4712);
     stub_commands::install_command("awk");
     stub_commands::set_hook("awk", "cat /tmp/planted");
     EXPECT_THAT(find().found, ElementsAre(4711));
@@ -216,6 +226,44 @@ TEST_F(reload_test, a_shell_that_does_not_run_is_an_error) {
     EXPECT_FALSE(result.has_array);
     EXPECT_TRUE(
         fake_platform::debugged("Error:=Resource temporarily unavailable(0xb), cannot find running exec processess"));
+}
+
+TEST_F(reload_test, a_process_that_is_only_named_like_a_wrapper_does_not_count) {
+    show({"4711", "4712", "4713"});
+    process_table::add(4712, 4711, process_table::ordinary_user, "/bin/dash");
+    EXPECT_THAT(find().found, ElementsAre(4711, 4713));
+}
+
+TEST_F(reload_test, the_reload_is_acknowledged_while_such_a_process_lives) {
+    const pid_t other = add_session();
+    show({std::to_string(other)});
+    process_table::add(other, 1, process_table::ordinary_user, "/bin/dash");
+    fake_platform::shelf_reload();
+    EXPECT_TRUE(acknowledged());
+    EXPECT_EQ(waitpid(other, nullptr, WNOHANG), 0) << "it was signalled";
+}
+
+TEST_F(reload_test, servers_stay_down_until_the_timer_expires) {
+    show({});
+    add_vrf("red");
+    vrf_node* node = find_vrf_node("red");
+    fake_platform::shelf_reload();
+    EXPECT_TRUE(servers_are_held_down());
+    stub_commands::clear_log();
+    EXPECT_EQ(ssh_process_restart(1, "red"), 0);
+    node->server_started = 0;
+    EXPECT_EQ(restart_server_of(node), 0);
+    EXPECT_EQ(node->server_started, 0U);
+    EXPECT_THAT(stub_commands::log_of("systemctl"), IsEmpty());
+    EXPECT_EQ(ssh_process_restart(0, "red"), 0);
+    EXPECT_THAT(stub_commands::log_of("systemctl"), ElementsAre("systemctl stop sshd_service_red"));
+    stub_commands::clear_log();
+    fake_platform::advance_time(120);
+    EXPECT_FALSE(servers_are_held_down());
+    EXPECT_THAT(stub_commands::log_of("systemctl"), ElementsAre("systemctl restart sshd_service_red"));
+    EXPECT_EQ(node->server_started, 1U);
+    EXPECT_EQ(ssh_process_restart(1, "red"), 0);
+    EXPECT_EQ(stub_commands::log_of("systemctl").size(), 2U);
 }
 
 TEST_F(reload_test, a_listing_that_hangs_is_an_error) {

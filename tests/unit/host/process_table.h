@@ -1,0 +1,45 @@
+/// A process table that tests fill in, in place of the kernel's.
+#ifndef UNIT_HOST_PROCESS_TABLE_H
+#define UNIT_HOST_PROCESS_TABLE_H
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <string>
+
+#include "files.h"
+
+namespace process_table {
+
+inline constexpr char server[] = "/usr/sbin/sshd";
+inline constexpr int listener = 90001;         ///< a server
+inline constexpr int session_process = 90002;  ///< a server's process for one session
+inline constexpr unsigned ordinary_user = 1000;
+
+inline void add(int pid, int parent, unsigned user, const std::string& program) {
+    const std::string directory = "/proc/" + std::to_string(pid) + "/";
+    const std::string parent_text = std::to_string(parent);
+    const std::string user_text = std::to_string(user);
+    std::filesystem::create_directories(directory);
+    write_file(directory + "stat", std::to_string(pid) + " (a) S 1 (b) S " + parent_text + " 1 1 0\n");
+    write_file(directory + "status", "Name:\tx\nUid:\t" + user_text + "\t0\t0\t0\n");
+    std::filesystem::remove(directory + "exe");
+    std::filesystem::create_symlink(program, directory + "exe");
+}
+
+/// A session's wrapper.
+inline void add_session(int pid) {
+    add(pid, session_process, ordinary_user, "/bin/dash");
+}
+
+/// Replaces /proc: a server with one session process, for as many wrappers as are added.
+inline void set_up() {
+    ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
+    add(listener, 1, 0, server);
+    add(session_process, listener, ordinary_user, server);
+}
+
+}  // namespace process_table
+
+#endif
