@@ -22,6 +22,7 @@ struct acl_family {
     /// Converts one encoded entry into the rule file. Returns 0 or the codec's error.
     platform_status (*convert)(const void* record, size_t size, FILE* rule_file, uint32_t type);
 
+    const char* register_routine;  ///< for its debug lines
     const char* get_list_failed;
     const char* registration_failed;
     const char* without_head;  ///< format for the function's name

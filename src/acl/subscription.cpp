@@ -246,8 +246,9 @@ platform_status attempt(const char* routine, const char* what, operation ask) {
     return status;
 }
 
-int register_callback(const acl_family& family, const char* routine, acl_handle** head, vrf_node* node, uint32_t type,
+int register_callback(const acl_family& family, acl_handle** head, vrf_node* node, uint32_t type,
                       event_manager* manager) {
+    const char* routine = family.register_routine;
     // Names are stored when items are set, lists attached when namespaces come: that others name the list does not mean
     // yet that anybody has subscribed to it.
     if (in_use_elsewhere(family, node, type) == 0 && is_subscribed(family, acl_name_of(family, *node, type))) {
@@ -328,7 +329,7 @@ int configure(const acl_family& family, const char* routine, event_manager* mana
         acl_rules_failed(node, type, load_failure());
     }
     // A list that could not be loaded is followed all the same: its next change may put it right.
-    if (register_callback(family, routine, &(node->*family.head), node, type, manager) != 0) {
+    if (register_callback(family, &(node->*family.head), node, type, manager) != 0) {
         debug_print("%s: Failed to register for ACL callback", routine);
         if (result == 0) {
             acl_rules_failed(node, type, "changes of the access list are not followed");
@@ -470,11 +471,11 @@ uint32_t connect_to_ipv6_datastore_acl(const char* acl_name, datastore_list** li
 }
 
 int ssh_ipv4_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, event_manager* manager) {
-    return register_callback(ipv4_acl_family, __func__, head, node, type, manager);
+    return register_callback(ipv4_acl_family, head, node, type, manager);
 }
 
 int ssh_ipv6_acl_register_cb(acl_handle** head, vrf_node* node, uint32_t type, event_manager* manager) {
-    return register_callback(ipv6_acl_family, __func__, head, node, type, manager);
+    return register_callback(ipv6_acl_family, head, node, type, manager);
 }
 
 int ssh_ipv4_acl_reg_upd(const acl_change_notice* notice) {

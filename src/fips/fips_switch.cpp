@@ -112,7 +112,7 @@ const list_pair list_pairs[] = {
         .client_entry = &client_config.algorithms[CLIENT_KEX_ALGORITHMS],
         .filter = get_modified_kex_list,
         .no_memory_text = "Error:=%s(0x%x)  memory allocation failed for kex",
-        .no_list_text = "%s, Invalid kex  list",
+        .no_list_text = "%s, Invalid kex list",
         .failed_text = "Error:=%s(0x%x): %s, failed to update kex list in  config file",
         .failed_message = "Failed to update kex List in Config file",
         .restore_failed_text = "Error:=%s(0x%x): %s, failed to update kexAlgo list in  config file",

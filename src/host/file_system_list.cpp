@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -73,6 +74,10 @@ int write_filesystem_list(const char* text) {
     const int fd = open(paths::file_system_list, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, list_mode);
     if (fd < 0) {
         return report("Failed to open shared memory for platform filesystem list");
+    }
+    // The process's umask may have removed permissions of a new object.
+    if (fchmod(fd, list_mode) != 0) {
+        trace_error(host_trace_file_system_list, {"mode", errno});
     }
     char* list = map_list(fd);
     if (list == nullptr) {

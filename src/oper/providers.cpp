@@ -67,6 +67,7 @@ constexpr provider_row session_record_provider = {
     .register_records = register_session_records,
     .records_failed = "Failed to register ssh xml bag",
     .records_debug = nullptr,
+    .records_last = false,
 };
 
 constexpr provider_row server_session_provider = {
@@ -78,6 +79,7 @@ constexpr provider_row server_session_provider = {
     .register_records = register_command_line_records,
     .records_failed = "Failed to register sshd cli bag",
     .records_debug = nullptr,
+    .records_last = true,
 };
 
 constexpr provider_row client_session_provider = {
@@ -89,6 +91,7 @@ constexpr provider_row client_session_provider = {
     .register_records = nullptr,
     .records_failed = nullptr,
     .records_debug = nullptr,
+    .records_last = false,
 };
 
 constexpr provider_row server_params_provider = {
@@ -100,7 +103,20 @@ constexpr provider_row server_params_provider = {
     .register_records = register_server_parameter_records,
     .records_failed = "Failed to register ssh server params bag",
     .records_debug = nullptr,
+    .records_last = false,
 };
+
+platform_status register_records_of(const provider_row& row, const char* routine) {
+    const platform_status status = row.register_records == nullptr ? PLATFORM_OK : row.register_records();
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, row.records_failed);
+        if (row.records_debug != nullptr) {
+            debug_print(row.records_debug, routine, __LINE__, platform_status_text(status));
+        }
+        trace_error(oper_trace_record_set, {row.path, status});
+    }
+    return status;
+}
 
 }  // namespace
 
@@ -109,9 +125,12 @@ platform_status register_provider(const provider_row& row, const char* routine) 
         log_location(ERR_DATASTORE_BIND, DATASTORE_UNAVAILABLE, row.library_location);
         return DATASTORE_UNAVAILABLE;
     }
+    platform_status status = row.records_last ? PLATFORM_OK : register_records_of(row, routine);
+    if (status != PLATFORM_OK) {
+        return status;
+    }
     datastore_provider* provider = nullptr;
-    platform_status status =
-        datastore_provider_register(row.path, row.callback, agent_handles.event_manager, nullptr, &provider);
+    status = datastore_provider_register(row.path, row.callback, agent_handles.event_manager, nullptr, &provider);
     if (status != PLATFORM_OK) {
         log_status(ERR_ERRNO, status, row.registration_failed);
         if (row.registration_debug != nullptr) {
@@ -120,16 +139,8 @@ platform_status register_provider(const provider_row& row, const char* routine) 
         trace_error(oper_trace_provider, {row.path, status});
         return status;
     }
-    if (row.register_records == nullptr) {
-        return PLATFORM_OK;
-    }
-    status = row.register_records();
+    status = row.records_last ? register_records_of(row, routine) : PLATFORM_OK;
     if (status != PLATFORM_OK) {
-        log_status(ERR_ERRNO, status, row.records_failed);
-        if (row.records_debug != nullptr) {
-            debug_print(row.records_debug, routine, __LINE__, platform_status_text(status));
-        }
-        trace_error(oper_trace_record_set, {row.path, status});
         datastore_provider_unregister(provider);
     }
     return status;

@@ -18,11 +18,12 @@ struct provider_row {
     const char* registration_failed;        ///< logged
     const char* registration_debug;         ///< format with routine, line and error; null: not printed
     platform_status (*register_records)();  ///< null if another provider registers the records
-    const char* records_failed;             ///< logged; the provider is then unregistered
+    const char* records_failed;             ///< logged
     const char* records_debug;              ///< format with routine, line and error; null: not printed
+    bool records_last;  ///< the records are registered after the provider, which is unregistered if that fails
 };
 
-/// Registers a provider, then its records. Returns 0, or the error after logging it.
+/// Registers a provider's records, then the provider. Returns 0, or the error after logging it.
 platform_status register_provider(const provider_row& row, const char* routine);
 
 #endif

@@ -163,7 +163,7 @@ filled fill_rekey(const session_report& report, const session_snapshot& snapshot
                 report.routine, __LINE__, static_cast<int>(snapshot.session_id), static_cast<int>(snapshot.rekey_count),
                 snapshot.time_to_rekey, static_cast<int>(snapshot.data_to_rekey));
     entry->SessionRekeyCount = snapshot.rekey_count;
-    const long long seconds = strtoll(snapshot.time_to_rekey, nullptr, 10);
+    const unsigned long seconds = strtoul(snapshot.time_to_rekey, nullptr, 10);
     bool failed = false;
     if (seconds > 0) {
         entry->TimeToRekey = quantity_text(static_cast<double>(seconds) / seconds_per_minute, &failed);

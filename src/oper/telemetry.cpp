@@ -23,6 +23,7 @@ constexpr provider_row telemetry_provider = {
     .register_records = register_telemetry_records,
     .records_failed = "Failed to register ssh telemetry oper bag",
     .records_debug = "%s:%d Failed to register ssh telemetry oper bag, error: %s",
+    .records_last = false,
 };
 
 }  // namespace

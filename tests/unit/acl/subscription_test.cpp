@@ -50,7 +50,7 @@ TEST_F(subscription_test, attaching_reads_converts_loads_and_subscribes) {
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
     EXPECT_NE(red->v4_aclhead, nullptr);
     EXPECT_EQ(fake_platform::bindings(), 0U);
-    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Registered for ACL callback, ACL name: ops"));
+    EXPECT_TRUE(fake_platform::debugged("ssh_ipv4_acl_register_cb: Registered for ACL callback, ACL name: ops"));
 }
 
 TEST_F(subscription_test, a_list_that_does_not_exist_is_subscribed_to_and_not_loaded) {
@@ -77,7 +77,7 @@ TEST_F(subscription_test, two_vrfs_share_one_subscription) {
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
     name(blue->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
-    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Aleady registered for ACL callback"));
+    EXPECT_TRUE(fake_platform::debugged("ssh_ipv4_acl_register_cb: Aleady registered for ACL callback"));
     EXPECT_EQ(fake_platform::acl_handles(), 1U);
     stub_commands::clear_log();
     EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
@@ -120,7 +120,7 @@ TEST_F(subscription_test, names_alone_are_no_subscription) {
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 1), 0);
     ASSERT_EQ(ssh_configure_v4acl(nullptr, blue, 0), 0);
-    EXPECT_TRUE(fake_platform::debugged("ssh_configure_v4acl: Aleady registered for ACL callback"));
+    EXPECT_TRUE(fake_platform::debugged("ssh_ipv4_acl_register_cb: Aleady registered for ACL callback"));
     EXPECT_EQ(fake_platform::acl_handles(), 1U);
     stub_commands::clear_log();
     EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});

@@ -281,7 +281,7 @@ TEST_F(fips_switch_test, lists_that_are_not_there_are_reported_one_by_one) {
     notify(DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET);
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid host key list"));
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid cipher  list"));
-    EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid kex  list"));
+    EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, Invalid kex list"));
     EXPECT_EQ(server_line("Ciphers"), "no line");
     EXPECT_NE(client_line("Ciphers"), "no line");
     EXPECT_NE(server_line("KexAlgorithms"), "no line");

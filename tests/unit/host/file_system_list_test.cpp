@@ -41,11 +41,14 @@ TEST_F(file_system_list_test, an_empty_list_is_an_empty_text) {
     EXPECT_EQ(read_file(object), std::string(object_size, '\0'));
 }
 
-TEST_F(file_system_list_test, the_object_can_be_read_by_everybody) {
-    const mode_t before = umask(0);
-    EXPECT_EQ(publish_filesystem_list(), 0);
-    umask(before);
-    EXPECT_EQ(mode_of(object), mode_t{0666});
+TEST_F(file_system_list_test, everybody_can_read_and_write_the_object_whatever_the_umask) {
+    for (const mode_t mask : {0, 022, 077}) {
+        std::filesystem::remove(object);
+        const mode_t before = umask(mask);
+        EXPECT_EQ(publish_filesystem_list(), 0);
+        umask(before);
+        EXPECT_EQ(mode_of(object), mode_t{0666}) << mask;
+    }
 }
 
 // 1023 characters and NUL are all that fits.

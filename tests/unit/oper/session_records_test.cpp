@@ -320,14 +320,23 @@ TEST_F(session_records_test, rekey_quantities_are_cut_at_ten_characters) {
     serve(snapshot, snapshot);
     const auto record = rekey();
     ASSERT_TRUE(record);
-    EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "1537228672");
+    EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "3074457345");
     EXPECT_STREQ((*record)->IncomingSessions->VolumeToRekey, "4096.0");
+}
+
+TEST_F(session_records_test, rekey_reads_the_time_as_an_unsigned_number) {
+    session_snapshot snapshot = usual_snapshot(5);
+    strcpy(snapshot.time_to_rekey, "-90");
+    serve(snapshot, snapshot);
+    const auto record = rekey();
+    ASSERT_TRUE(record);
+    EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "3074457345");
 }
 
 TEST_F(session_records_test, rekey_leaves_both_texts_empty_when_no_time_remains) {
     list_processes(session_peers::listing_of_servers({31, 32, 33, 34}));
     int pid = 31;
-    for (const char* time : {"0", "", "-90", " -90"}) {
+    for (const char* time : {"0", "", "none", "-0"}) {
         session_snapshot snapshot = usual_snapshot(static_cast<uint32_t>(pid));
         strcpy(snapshot.time_to_rekey, time);
         peers.answer(pid++, snapshot);
