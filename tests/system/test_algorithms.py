@@ -370,6 +370,8 @@ def test_the_client_connects_with_the_agents_file(server):
         }
     )
     router.wait_for_server(vrf)
+    with (router.FILES / "ssh_config").open("a", encoding="utf-8") as agents_file:
+        agents_file.write("Protocol 2,1\n")
     result = ssh_csm(vrf, "-v", "operator@127.0.0.1", "id -un; exit 7", check=False)
     assert result.stdout == "operator\n" and result.returncode == 7
     assert "kex: algorithm: ecdh-sha2-nistp384" in result.stderr

@@ -56,32 +56,47 @@ def test_server_goes_and_comes_with_its_namespace(server):
     router.wait_for_server("red", seconds=30)
 
 
+def open_session(vrf, script):
+    """A session that has begun to run a script, which is fed through the pipes of the returned process."""
+    session = subprocess.Popen(
+        ["ip", "netns", "exec", f"vrf-{vrf}", "ssh", "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",
+         "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR", "operator@127.0.0.1", "echo in; " + script],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+    )
+    assert session.stdout.readline() == "in\n"
+    return session
+
+
 def test_servers_and_sessions_live_on_when_the_agent_is_killed(server):
     server("red")
     before = router.main_pid(router.server_unit("red"))
+    session = open_session("red", "read -r _; echo still here")
     router.kill_agent(signal.SIGKILL)
     assert router.main_pid(router.server_unit("red")) == before
     assert ssh("red", "whoami").stdout == "operator\n"
+    assert session.poll() is None
+    assert session.communicate("go\n", timeout=20)[0] == "still here\n"
 
 
 def test_configuration_is_there_after_a_restart(server):
     server("red")
     router.set_item("cmn/timeout", 77)
+    configured = router.configuration()
+    router.run("systemctl", "stop", router.AGENT, timeout=60)
+    # Only the stored configuration is left.
+    for file in router.FILES.iterdir():
+        file.unlink()
     router.restart_agent()
     router.wait_for_server("red")
+    assert router.configuration() == configured
+    assert "LoginGraceTime 77" in router.server_lines()
     assert "LoginGraceTime 77" in router.server_lines("red")
 
 
 def test_session_survives_the_restart_of_its_server(server):
     server("red")
-    # The change is made from within the session, which must still produce output afterwards.
-    script = "read -r _; echo still here"
-    session = subprocess.Popen(
-        ["ip", "netns", "exec", "vrf-red", "ssh", "-o", "BatchMode=yes", "-o", "StrictHostKeyChecking=no", "-o",
-         "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR", "operator@127.0.0.1", "echo in; " + script],
-        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
-    )
-    assert session.stdout.readline() == "in\n"
+    # The session must still produce output after the change.
+    session = open_session("red", "read -r _; echo still here")
     before = router.main_pid(router.server_unit("red"))
     router.set_item("cmn/timeout", 66)
     assert router.main_pid(router.server_unit("red")) != before

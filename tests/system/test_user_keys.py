@@ -183,8 +183,11 @@ def test_an_eleventh_user_trustpoint_is_refused():
     assert "More than 10 trustpoints cannot be configured" in refused.stderr
     assert "UserTrustpointCntQd 10" in router.server_lines()
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
-    # Setting one of the ten again changes nothing.
+    # A name that is removed makes room for one: the last name takes its place, and it comes back as the last one.
+    router.delete_item("cmn/trustpoint/user/ca3")
     router.set_item("cmn/trustpoint/user/ca3", True)
+    names[3], names[9] = names[9], names[3]
+    assert "UserTrustpointCntQd 10" in router.server_lines()
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
 
 

@@ -1,5 +1,6 @@
 #include <filesystem>
 
+#include "scratch_root.h"
 #include "start_up_test.h"
 #include "syscall_faults.h"
 
@@ -49,14 +50,25 @@ TEST_F(start_up_files_test, a_restart_after_a_failure_keeps_the_default_files) {
 }
 
 TEST_F(start_up_files_test, killed_anywhere_the_next_start_completes_the_files) {
+    scratch_root::add_namespace_file("vrf-red");
+    stub_commands::set_output("systemctl is-active", "inactive\n");
+    fake_platform::store(fake_platform::set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 77));
+    fake_platform::store(fake_platform::set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S",
+                                                  {std::nullopt, std::nullopt, std::nullopt}));
+    const std::string vrf_file = std::string(paths::vrf_server_file_prefix) + "red";
+    const std::string unit = std::string(paths::service_unit_prefix) + "red.service";
     const auto undisturbed = syscall_faults::run({}, [] { return start_up() == START_UP_DONE ? 0 : 1; });
     ASSERT_EQ(undisturbed.status, 0);
     const auto server_lines = sorted_lines(paths::server_file);
     const auto client_lines = sorted_lines(paths::client_file);
+    const auto vrf_lines = sorted_lines(vrf_file);
+    const std::string unit_text = read_file(unit);
+    ASSERT_THAT(vrf_lines, testing::IsSupersetOf({"LoginGraceTime 77", "Port 22"}));
     ASSERT_GT(undisturbed.calls, 100u);
-    for (uint32_t call = 1; call <= undisturbed.calls; call += 3) {
+    for (uint32_t call = 1; call <= undisturbed.calls; call++) {
         remove_path(paths::configuration_directory);
         remove_path(paths::pam_file);
+        remove_path(unit);
         const auto killed = syscall_faults::run({syscall_faults::fault::kill, call},
                                                 [] { return start_up() == START_UP_DONE ? 0 : 1; });
         SCOPED_TRACE("killed before call " + std::to_string(call) + ", " + killed.name);
@@ -67,6 +79,8 @@ TEST_F(start_up_files_test, killed_anywhere_the_next_start_completes_the_files) 
         ASSERT_EQ(next.status, 0);
         EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
         EXPECT_EQ(sorted_lines(paths::client_file), client_lines);
+        EXPECT_EQ(sorted_lines(vrf_file), vrf_lines);
+        EXPECT_EQ(read_file(unit), unit_text);
         expect_golden("host/golden/norvosshd", read_file(paths::pam_file));
     }
 }
