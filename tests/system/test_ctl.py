@@ -143,7 +143,7 @@ def test_status_knows_the_process_and_its_vrfs(server):
     assert status["pid"] == router.main_pid(router.AGENT)
     assert status["role"] == "primary" and status["ready"] is True and status["respawn_count"] >= 1
     red = {vrf["name"]: vrf for vrf in status["vrfs"]}["red"]
-    assert red["namespace"] is True and red["ssh"] is True and red["netconf"] is False and red["blocked"] is False
+    assert red["namespace"] is True and red["services"] == ["ssh"] and red["blocked"] is False
     text = tool("status").stdout
     assert f"pid:            {status['pid']}\n" in text and "\nred " in text
 

@@ -8,6 +8,7 @@
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/show.h"
+#include "ssh_cfg_ctl/status.h"
 #include "ssh_cfg_ctl/terminal.h"
 
 namespace {
@@ -65,7 +66,6 @@ constexpr char get_name[] = "get";
 constexpr char list_name[] = "list";
 constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
-constexpr char status_name[] = "status";
 constexpr char watch_name[] = "watch";
 constexpr char verify_name[] = "verify";
 constexpr char repair_name[] = "repair";
@@ -384,22 +384,16 @@ std::string keys_text(const control_json& answer) {
     return keys.is_array() && keys.empty() ? "no keys\n" : data_text(answer);
 }
 
-/// The items that are stored without effect on this machine, one per line.
-std::string uncarried_text(const control_json& items) {
-    std::string text;
-    for (const control_json& item : items) {
-        text += text_escape(item.value("path", ""), 1024) + ": " + text_escape(item.value("reason", ""), 1024) + '\n';
+ctl_request status_request(const argument_list& arguments) {
+    if (arguments.empty()) {
+        return ask({{"call", "status"}});
     }
-    return text.empty() ? "" : "\nStored, not carried out on this machine:\n" + text;
+    return arguments.size() == 1 && arguments[0] == "--check" ? ask({{"call", "status"}, {"check", true}})
+                                                              : wrong_arguments();
 }
 
 std::string status_text(const control_json& answer) {
-    control_json record = data_of(answer);
-    const control_json vrfs = record.value("vrfs", control_json::array());
-    const control_json uncarried = record.value("not_carried_out", control_json::array());
-    record.erase("vrfs");
-    record.erase("not_carried_out");
-    return ctl_record_text(record) + (vrfs.empty() ? "" : "\n" + vrfs_text(vrfs)) + uncarried_text(uncarried);
+    return ctl_status_text(data_of(answer), ctl_output_width());
 }
 
 /// One difference per line, with `prefix` before it.
@@ -448,7 +442,9 @@ constexpr ctl_call_row calls[] = {
      vrf_request, vrf_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
-    {"status", "", "print the state of the agent and its VRFs", bare_request<status_name>, status_text},
+    {"status", "[--check]",
+     "print how the agent, its VRFs and their servers are; with --check, end with 1 if not as configured",
+     status_request, status_text},
     {"verify", "", "compare the configuration with the machine and print every difference", bare_request<verify_name>,
      verify_text},
     {"repair", "", "remove the differences that verify prints, and print what was done", bare_request<repair_name>,

@@ -7,7 +7,8 @@
 ///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
 ///   get     path
 ///   list    path
-///   dump, vrf_list, status, verify, repair
+///   dump, vrf_list, verify, repair
+///   status  check (optional; true: the result is "failed" if anything is not as configured)
 ///   show    path; answers with "record", the records' name, beside "data"
 ///   watch   nothing: after the answer, frames with telemetry follow until either side hangs up (event_queue.h)
 ///   vrf_unblock  name

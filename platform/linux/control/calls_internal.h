@@ -64,9 +64,11 @@ control_json control_call_vrf_unblock(const control_json& request, const control
 control_json control_call_verify(const control_json& request, const control_peer& peer);
 control_json control_call_repair(const control_json& request, const control_peer& peer);
 
+// What is, beside what is configured (status_calls.cpp).
+control_json control_call_status(const control_json& request, const control_peer& peer);
+
 // The platform's state (state_calls.cpp).
 control_json control_call_vrf_list(const control_json& request, const control_peer& peer);
-control_json control_call_status(const control_json& request, const control_peer& peer);
 control_json control_call_debug(const control_json& request, const control_peer& peer);
 control_json control_call_trace(const control_json& request, const control_peer& peer);
 

@@ -1,5 +1,4 @@
 #include <time.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,8 +10,6 @@
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/datastore_internal.h"
-#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/debug_internal.h"
 #include "linux/reporting/trace_internal.h"
 #include "linux/vrf/mpp_internal.h"
@@ -66,24 +63,6 @@ std::string utc_time(uint64_t seconds, const char* format) {
     gmtime_r(&moment, &parts);
     char text[64];
     return {text, strftime(text, sizeof text, format, &parts)};
-}
-
-/// The stored items that have no effect on this machine, each with the reason.
-control_json uncarried_items_json() {
-    control_json list = control_json::array();
-    datastore_visit("/cfg/", [&list](const std::string& path, const datastore_value& value) {
-        const schema_row* row = schema_find(path, nullptr);
-        const std::string reason = row != nullptr ? schema_not_carried_out(*row, value) : "";
-        if (!reason.empty()) {
-            list.push_back({{"path", path}, {"reason", reason}});
-        }
-        return true;
-    });
-    return list;
-}
-
-const char* role_name(uint32_t role) {
-    return role == PROCESS_ROLE_PRIMARY ? "primary" : "standby";
 }
 
 control_json flags_json() {
@@ -159,25 +138,6 @@ control_json control_call_vrf_list(const control_json& /*request*/, const contro
                                                                   platform_status_text(status), status));
     }
     return control_data_answer(vrfs_json(vrfs));
-}
-
-control_json control_call_status(const control_json& request, const control_peer& peer) {
-    const process_status process = process_manager_status();
-    const auto now = static_cast<uint64_t>(time(nullptr));
-    const bool is_primary = process.role == PROCESS_ROLE_PRIMARY;
-    control_json vrfs = is_primary ? control_call_vrf_list(request, peer) : control_data_answer(control_json::array());
-    if (!vrfs.contains("data")) {
-        return vrfs;
-    }
-    return control_data_answer({{"version", control_version()},
-                                {"pid", getpid()},
-                                {"role", role_name(process.role)},
-                                {"ready", process.ready},
-                                {"started", utc_time(process.started, "%Y-%m-%dT%H:%M:%SZ")},
-                                {"uptime_seconds", now > process.started ? now - process.started : 0},
-                                {"respawn_count", process.respawn_count},
-                                {"not_carried_out", is_primary ? uncarried_items_json() : control_json::array()},
-                                {"vrfs", std::move(vrfs["data"])}});
 }
 
 control_json control_call_debug(const control_json& request, const control_peer& peer) {

@@ -35,6 +35,7 @@ struct vrf_state {
     filter_ports unlisted = 0;  ///< blocked because their access lists are not loaded, whatever `blocked` says
     filter_ports opening = 0;   ///< of these, the ones to be opened when the loop is reached
     bool filter_stale = false;  ///< the packet filter could not be made to block `unlisted`
+    time_t closed_since = 0;    ///< since when anything is blocked; 0 if nothing is
     std::string failure;        ///< the last failure logged, so that it is not logged repeatedly
 };
 
@@ -51,8 +52,23 @@ bool is_service(uint32_t service) {
     return service == MPP_SERVICE_SSH || service == MPP_SERVICE_NETCONF;
 }
 
-/// Logs a failure once. After a success the next failure is logged again.
+/// What the packet filter has to block.
+filter_ports ports_to_block(const vrf_state& vrf) {
+    return vrf.blocked ? filter_all_ports : vrf.unlisted;
+}
+
+/// To be called whenever `blocked` or `unlisted` may have changed.
+void note_moment(vrf_state& vrf) {
+    if (ports_to_block(vrf) == 0) {
+        vrf.closed_since = 0;
+    } else if (vrf.closed_since == 0) {
+        vrf.closed_since = time(nullptr);
+    }
+}
+
+/// Ends an operation. Logs a failure once; after a success the next failure is logged again.
 platform_status report(vrf_state& vrf, platform_status status, const std::string& failure) {
+    note_moment(vrf);
     if (status == PLATFORM_OK) {
         vrf.failure.clear();
     } else if (vrf.failure != failure) {
@@ -60,11 +76,6 @@ platform_status report(vrf_state& vrf, platform_status status, const std::string
         vrf.failure = failure;
     }
     return status;
-}
-
-/// What the packet filter has to block.
-filter_ports ports_to_block(const vrf_state& vrf) {
-    return vrf.blocked ? filter_all_ports : vrf.unlisted;
 }
 
 /// The kernel's state of the VRF is gone or does not exist yet; what the agent has requested stays.
@@ -198,6 +209,7 @@ platform_status take_over_leftovers() {
         vrf.unblock_requested = true;
         vrf.unlisted = vrf.blocked ? 0 : blocked;
         vrf.opening = vrf.unlisted;
+        note_moment(vrf);
     }
     state.leftovers_taken_over = true;
     return open_when_loop_is_reached();
@@ -441,7 +453,7 @@ std::vector<mpp_vrf_status> mpp_status() {
     std::vector<mpp_vrf_status> all;
     for (const auto& [name, vrf] : state.vrfs) {
         all.push_back({name, (vrf.services & MPP_SERVICE_SSH) != 0, (vrf.services & MPP_SERVICE_NETCONF) != 0,
-                       vrf.initialised, vrf.blocked, vrf.unblock_requested, names_of(vrf.unlisted)});
+                       vrf.initialised, vrf.blocked, vrf.unblock_requested, names_of(vrf.unlisted), vrf.closed_since});
     }
     return all;
 }

@@ -2,19 +2,21 @@
 #ifndef LINUX_VRF_MPP_INTERNAL_H
 #define LINUX_VRF_MPP_INTERNAL_H
 
+#include <ctime>
 #include <string>
 #include <vector>
 
 #include "platform/mpp.h"
 
 struct mpp_vrf_status {
-    std::string vrf_name;               ///< without prefix
-    bool ssh;                           ///< the SSH service is marked for the VRF
-    bool netconf;                       ///< the NETCONF service is marked for the VRF
-    bool initialised;                   ///< the namespace has the packet-filter table
-    bool blocked;                       ///< no new connection is let in
-    bool unblock_requested;             ///< will be opened when control returns to the loop
+    std::string vrf_name;             ///< without prefix
+    bool ssh;                         ///< the SSH service is marked for the VRF
+    bool netconf;                     ///< the NETCONF service is marked for the VRF
+    bool initialised;                 ///< the namespace has the packet-filter table
+    bool blocked;                     ///< no new connection is let in
+    bool unblock_requested;           ///< will be opened when control returns to the loop
     std::vector<std::string> closed;  ///< services blocked for want of their access list, such as "ssh ipv4"
+    time_t closed_since;  ///< since when new connections are blocked, of all services or of some; 0 if they are not
 };
 
 /// Every VRF that the service knows, in byte order of the names.

@@ -35,6 +35,7 @@ TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
     EXPECT_EQ(request("show", {"/oper"}), R"({"call":"show","path":"/oper"})");
     EXPECT_EQ(request("dump", {}), R"({"call":"dump"})");
     EXPECT_EQ(request("status", {}), R"({"call":"status"})");
+    EXPECT_EQ(request("status", {"--check"}), R"({"call":"status","check":true})");
     EXPECT_EQ(request("vrf", {"list"}), R"({"call":"vrf_list"})");
     EXPECT_EQ(request("vrf", {"unblock", "red"}), R"({"call":"vrf_unblock","name":"red"})");
     EXPECT_EQ(request("debug", {}), R"({"call":"debug"})");
@@ -213,11 +214,6 @@ TEST(ctl_texts, the_status_names_what_is_not_carried_out) {
             "\nStored, not carried out on this machine:\n/cfg/a: no \\x1bway\n");
     EXPECT_EQ(text("status", R"({"data":{"pid":5,"vrfs":[],"not_carried_out":[]}})"),
               text("status", R"({"data":{"pid":5,"vrfs":[]}})"));
-}
-
-TEST(ctl_texts, the_status_has_its_vrfs_as_a_table) {
-    EXPECT_EQ(text("status", R"({"data":{"pid":5,"vrfs":[{"name":"default","blocked":false}]}})"),
-              "pid: 5\n\nname     blocked\ndefault  no\n");
 }
 
 }  // namespace

@@ -1,0 +1,249 @@
+#include "linux/status/machine_status.h"
+
+#include <algorithm>
+#include <map>
+#include <string_view>
+#include <variant>
+
+#include "linux/access_lists/acl_service_internal.h"
+#include "linux/datastore/datastore_internal.h"
+#include "linux/status/listening_ports.h"
+#include "linux/status/loaded_rules.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
+
+namespace {
+
+constexpr char servers[] = "/cfg/gl/crypto/ssh/server/sshd/";
+constexpr char server_file_prefix[] = "/sshd_config_";
+
+struct service_row {
+    uint32_t service;
+    const char* word;
+    uint16_t port;
+    std::string_view items;  ///< below `servers`, before the VRF's name
+};
+
+constexpr service_row services[] = {
+    {MPP_SERVICE_SSH, "ssh", 22, "vrf/"},
+    {MPP_SERVICE_NETCONF, "netconf", 830, "vrf-netconf/"},
+};
+
+struct family_row {
+    uint32_t family;
+    const char* word;
+    size_t field;  ///< of a VRF's item
+};
+
+constexpr family_row families[] = {{ACL_FAMILY_IPV4, "ipv4", 1}, {ACL_FAMILY_IPV6, "ipv6", 2}};
+
+constexpr const char* list_states[] = {"loaded", "outdated", "not_loaded", "waiting", "no_list", "empty", "unknown"};
+
+using vrf_map = std::map<std::string, vrf_status, std::less<>>;
+
+vrf_status& vrf_named(vrf_map& vrfs, const std::string& name) {
+    vrf_status& vrf = vrfs[name];
+    vrf.name = name;
+    return vrf;
+}
+
+std::string list_name(const datastore_value& value, size_t field) {
+    const auto* fields = std::get_if<datastore_fields>(&value);
+    const bool present = fields != nullptr && field < fields->size() && (*fields)[field].has_value();
+    const std::string* name = present ? std::get_if<std::string>(&*(*fields)[field]) : nullptr;
+    return name != nullptr ? *name : std::string();
+}
+
+void take_item(vrf_map& vrfs, std::string_view item, const datastore_value& value) {
+    if (item == "v2") {
+        vrf_named(vrfs, vrf_default_name).services.insert(MPP_SERVICE_SSH);
+    }
+    for (const service_row& row : services) {
+        if (!item.starts_with(row.items)) {
+            continue;
+        }
+        vrf_status& vrf = vrf_named(vrfs, std::string(item.substr(row.items.size())));
+        vrf.services.insert(row.service);
+        for (const family_row& family : families) {
+            const std::string name = list_name(value, family.field);
+            if (!name.empty()) {
+                vrf.lists.push_back({row.service, family.family, name, list_state::unknown});
+            }
+        }
+    }
+}
+
+platform_status take_configuration(vrf_map& vrfs) {
+    return datastore_visit(servers, [&vrfs](const std::string& path, const datastore_value& value) {
+        take_item(vrfs, std::string_view(path).substr(sizeof servers - 1), value);
+        return true;
+    });
+}
+
+platform_status take_vrf_table(vrf_map& vrfs) {
+    std::vector<vrf_table_entry> entries;
+    const platform_status status = vrf_table_list(entries);
+    for (const vrf_table_entry& entry : entries) {
+        vrf_named(vrfs, entry.name).id = entry.id;
+    }
+    return status;
+}
+
+void take_services(vrf_map& vrfs) {
+    for (const std::string& name : namespace_list()) {
+        vrf_named(vrfs, name.substr(sizeof namespace_name_prefix - 1)).has_namespace = true;
+    }
+    for (const mpp_vrf_status& protection : mpp_status()) {
+        vrf_named(vrfs, protection.vrf_name).protection = protection;
+    }
+}
+
+platform_status take_units(vrf_map& vrfs) {
+    std::vector<std::string> names;
+    names.reserve(vrfs.size());
+    for (const auto& [name, vrf] : vrfs) {
+        names.push_back(name);
+    }
+    server_unit_states units;
+    const platform_status status = server_unit_states_query(names, units);
+    for (auto& [name, unit] : units) {
+        vrf_named(vrfs, name).unit = unit;
+    }
+    return status;
+}
+
+/// The record of another process than the running server's is not about that server.
+std::optional<launch_record> launch_of(const vrf_status& vrf) {
+    launch_record record;
+    const bool is_read = launch_record_read(vrf.name, record) == PLATFORM_OK;
+    const bool is_foreign =
+        vrf.unit.has_value() && server_unit_runs(*vrf.unit) && record.process != vrf.unit->main_process;
+    return is_read && !is_foreign ? std::optional(record) : std::nullopt;
+}
+
+void look_at_server(vrf_status& vrf) {
+    const pid_t process = vrf.unit.has_value() ? vrf.unit->main_process : 0;
+    if (process > 0) {
+        vrf.ports = listening_ports(process);
+        vrf.runs_elsewhere = runs_in_another_namespace(process, vrf.name);
+    }
+    vrf.launch = launch_of(vrf);
+}
+
+bool contains_word(std::string_view text, std::string_view word) {
+    for (size_t at = text.find(word); at != std::string_view::npos; at = text.find(word, at + 1)) {
+        const size_t end = at + word.size();
+        if ((at == 0 || text[at - 1] == ' ') && (end == text.size() || text[end] == ' ')) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether a subject is about the VRF: "server NAME", "rules NAME ssh ipv4", "file FOLDER/sshd_config_NAME", or its item.
+bool concerns(std::string_view subject, const std::string& vrf_name) {
+    return contains_word(subject, vrf_name) || subject.ends_with(server_file_prefix + vrf_name) ||
+           (subject.starts_with(servers) && subject.ends_with('/' + vrf_name));
+}
+
+std::string rules_subject(const vrf_status& vrf, const list_status& list) {
+    return "rules " + vrf.name + ' ' + service_word(list.service) + ' ' + family_word(list.family);
+}
+
+bool has_failure(const vrf_status& vrf, const std::string& subject) {
+    return std::any_of(vrf.failures.begin(), vrf.failures.end(),
+                       [&subject](const enforcement_entry& entry) { return entry.subject == subject; });
+}
+
+list_state state_of(const vrf_status& vrf, const list_status& list, const std::set<rule_place>& loaded,
+                    platform_status asked) {
+    std::vector<acl_stored_entry> entries;
+    const platform_status stored = acl_list_entries(list.family, list.name, entries);
+    if (stored == DATASTORE_NO_SUCH_LIST || (stored == PLATFORM_OK && entries.empty())) {
+        return stored == PLATFORM_OK ? list_state::empty : list_state::no_list;
+    }
+    if (!vrf.has_namespace) {
+        return list_state::waiting;
+    }
+    if (asked != PLATFORM_OK) {
+        return list_state::unknown;
+    }
+    if (!loaded.contains({vrf.name, list.service, list.family})) {
+        return list_state::not_loaded;
+    }
+    return has_failure(vrf, rules_subject(vrf, list)) ? list_state::outdated : list_state::loaded;
+}
+
+platform_status look_at_lists(std::vector<vrf_status>& vrfs) {
+    std::vector<rule_place> places;
+    for (const vrf_status& vrf : vrfs) {
+        for (const list_status& list : vrf.lists) {
+            if (vrf.has_namespace) {
+                places.push_back({vrf.name, list.service, list.family});
+            }
+        }
+    }
+    std::set<rule_place> loaded;
+    const platform_status status = loaded_rules_query(places, loaded);
+    for (vrf_status& vrf : vrfs) {
+        for (list_status& list : vrf.lists) {
+            list.state = state_of(vrf, list, loaded, status);
+        }
+    }
+    return status;
+}
+
+void look_at_failures(vrf_status& vrf, const std::vector<enforcement_entry>& failures) {
+    std::copy_if(failures.begin(), failures.end(), std::back_inserter(vrf.failures),
+                 [&vrf](const enforcement_entry& entry) { return concerns(entry.subject, vrf.name); });
+}
+
+bool is_shown(const vrf_status& vrf) {
+    return !vrf.services.empty() || (vrf.unit.has_value() && server_unit_runs(*vrf.unit));
+}
+
+template <typename Rows, typename Member, typename Code>
+auto& row_with(const Rows& rows, Member member, Code code) {
+    return *std::find_if(std::begin(rows), std::end(rows) - 1, [&](const auto& row) { return row.*member == code; });
+}
+
+}  // namespace
+
+platform_status machine_status_collect(machine_status& machine) {
+    vrf_map vrfs;
+    platform_status status = take_configuration(vrfs);
+    if (status == PLATFORM_OK) {
+        status = take_vrf_table(vrfs);
+    }
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    take_services(vrfs);
+    machine.units = take_units(vrfs);
+    machine.failures = enforcement_list();
+    for (auto& [name, vrf] : vrfs) {
+        if (is_shown(vrf)) {
+            look_at_server(vrf);
+            look_at_failures(vrf, machine.failures);
+            machine.vrfs.push_back(std::move(vrf));
+        }
+    }
+    machine.rules = look_at_lists(machine.vrfs);
+    return PLATFORM_OK;
+}
+
+uint16_t service_port(uint32_t service) {
+    return row_with(services, &service_row::service, service).port;
+}
+
+const char* service_word(uint32_t service) {
+    return row_with(services, &service_row::service, service).word;
+}
+
+const char* family_word(uint32_t family) {
+    return row_with(families, &family_row::family, family).word;
+}
+
+const char* list_state_word(list_state state) {
+    return list_states[static_cast<size_t>(state)];
+}

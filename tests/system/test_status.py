@@ -1,0 +1,211 @@
+"""`ssh_cfg_ctl status` tells what is: namespaces, units, listening ports, files, rules, blocks and failures."""
+
+import shutil
+import time
+
+import access_lists
+import pytest
+import router
+from access_lists import ALLOWED, set_list
+
+
+@pytest.fixture(autouse=True)
+def no_lists(clean_router):
+    """Removes the lists before the router is cleaned up."""
+    yield
+    access_lists.delete_all_lists()
+
+
+def state(name="red"):
+    """The status of one VRF; None if it is not shown."""
+    return next((vrf for vrf in router.ctl("status")["vrfs"] if vrf["name"] == name), None)
+
+
+def problems():
+    return [f"{problem['subject']}: {problem['text']}" for problem in router.ctl("status")["problems"]]
+
+
+def table_line(name="red"):
+    """The VRF's line of the table for people."""
+    lines = router.run("ssh_cfg_ctl", "status").stdout.splitlines()
+    return next(line for line in lines if line.split()[:1] == [name])
+
+
+def check():
+    """The exit status of `status --check`."""
+    return router.run("ssh_cfg_ctl", "status", "--check", check=False).returncode
+
+
+def test_a_sound_server_is_one_line(server):
+    server("red")
+    server("red", "vrf-netconf", 830)
+    vrf = state()
+    assert vrf["services"] == ["ssh", "netconf"] and vrf["namespace"] is True and vrf["ports"] == [22, 830]
+    assert (vrf["unit"]["active"], vrf["unit"]["sub"]) == ("active", "running")
+    assert vrf["unit"]["process"] == router.main_pid(router.server_unit("red"))
+    assert vrf["file"] == {
+        "path": str(router.server_file("red")), "in_use": "current", "reason": "", "not_in_force": []
+    }
+    assert vrf["access_lists"] == [] and vrf["failures"] == []
+    assert vrf["blocked"] is False and vrf["closed"] == [] and vrf["blocked_since"] is None
+    assert problems() == []
+    assert table_line().split() == "red ssh netconf present running 22 830 current none no".split()
+
+
+def test_a_restart_of_the_agent_changes_nothing(server):
+    server("red")
+    before = state()
+    router.restart_agent()
+    assert state() == before
+    assert problems() == []
+
+
+def test_a_stopped_server(server):
+    server("red")
+    router.run("systemctl", "stop", router.server_unit("red"))
+    assert state()["ports"] == []
+    assert problems() == ["VRF red: its server is not running: sshd_service_red.service is inactive (dead)"]
+    assert "inactive (dead)" in table_line()
+    assert check() == 1
+
+
+def test_a_failed_unit(server):
+    server("red")
+    drop_in = router.UNITS / f"{router.server_unit('red')}.d"
+    drop_in.mkdir()
+    try:
+        (drop_in / "false.conf").write_text("[Service]\nExecStart=\nExecStart=/bin/false\nRestart=no\n", encoding="ascii")
+        router.run("systemctl", "daemon-reload")
+        router.run("systemctl", "restart", router.server_unit("red"), check=False)
+        router.wait_until(lambda: state()["unit"]["active"] == "failed", what="a failed unit")
+        assert state()["unit"]["result"] == "exit-code" and state()["unit"]["process"] == 0
+        assert "VRF red: its server is not running: sshd_service_red.service is failed (failed), exit-code" in problems()
+        assert check() == 1
+    finally:
+        shutil.rmtree(drop_in)
+        router.run("systemctl", "daemon-reload")
+
+
+def test_a_server_that_does_not_listen(server):
+    """systemd takes the unit for running while its process never gets as far as listening."""
+    server("red")
+    drop_in = router.UNITS / f"{router.server_unit('red')}.d"
+    drop_in.mkdir()
+    try:
+        (drop_in / "sleep.conf").write_text("[Service]\nType=simple\nExecStart=\nExecStart=/bin/sleep 1000\n", encoding="ascii")
+        router.run("systemctl", "daemon-reload")
+        router.run("systemctl", "restart", router.server_unit("red"))
+        assert state()["unit"]["sub"] == "running" and state()["ports"] == [] and state()["file"] is None
+        assert "VRF red: its server does not listen on port 22 (ssh)" in problems()
+        assert "VRF red: its server runs in another namespace than vrf-red" in problems()
+    finally:
+        shutil.rmtree(drop_in)
+        router.run("systemctl", "daemon-reload")
+
+
+def test_a_missing_namespace():
+    router.set_item("sshd/vrf/red", router.OPEN)
+    vrf = state()
+    assert vrf["services"] == ["ssh"] and vrf["namespace"] is False and vrf["ports"] == []
+    assert problems() == ["VRF red: its namespace vrf-red does not exist, so it can have no server"]
+    assert "missing" in table_line()
+    assert check() == 1
+
+
+def test_a_list_that_does_not_exist(server):
+    server("red")
+    set_list("ipv6", "ops", "permit tcp any any")
+    router.set_item("sshd/vrf/red", [None, "absent", "ops"])
+    states = {(entry["family"], entry["name"]): entry["state"] for entry in state()["access_lists"]}
+    assert states == {("ipv4", "absent"): "no_list", ("ipv6", "ops"): "loaded"}
+    assert any("there is no IPv4 access list absent" in problem for problem in problems())
+    assert "1 of 2 loaded" in table_line()
+    assert check() == 1
+
+
+def test_rules_that_somebody_removed(server):
+    server("red")
+    set_list("ipv4", "ops", "permit tcp any any")
+    router.set_item("sshd/vrf/red", [None, "ops", None])
+    assert state()["access_lists"][0]["state"] == "loaded" and problems() == []
+    router.in_vrf("red", "nft", "flush", "table", "ip", "norvossh_v4acl")
+    assert state()["access_lists"][0]["state"] == "not_loaded"
+    assert problems() == ["VRF red: IPv4 access list ops of SSH is not loaded"]
+
+
+def test_a_service_blocked_for_want_of_its_list(server, nft_that_rejects):
+    server("red")
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    accept_again = nft_that_rejects("norvossh_v4acl")
+    before = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
+    assert router.set_item("sshd/vrf/red", [None, "ops", None], check=False).returncode == 6
+    vrf = state()
+    assert vrf["closed"] == ["ssh ipv4"] and before <= vrf["blocked_since"]
+    assert vrf["access_lists"][0]["state"] == "not_loaded"
+    assert "rules red ssh ipv4" in [failure["subject"] for failure in vrf["failures"]]
+    since = vrf["blocked_since"]
+    closed = f"VRF red: new connections to ssh ipv4 are blocked since {since} for want of the access list"
+    assert closed in problems()
+    assert "ssh ipv4" in table_line()
+    assert check() == 1
+
+    accept_again()
+    router.run("ssh_cfg_ctl", "vrf", "unblock", "red")
+    assert state()["closed"] == [] and state()["blocked_since"] is None
+
+
+def test_a_blocked_vrf(server):
+    """A VRF whose server does not start stays blocked."""
+    server("red")
+    drop_in = router.UNITS / f"{router.server_unit('red')}.d"
+    drop_in.mkdir()
+    try:
+        (drop_in / "false.conf").write_text("[Service]\nExecStart=\nExecStart=/bin/false\nRestart=no\n", encoding="ascii")
+        router.run("systemctl", "daemon-reload")
+        assert router.set_item("cmn/timeout", 33, check=False).returncode == 6
+        vrf = state()
+        assert vrf["blocked"] is True
+        assert f"VRF red: new connections are blocked since {vrf['blocked_since']}" in problems()
+        assert vrf["failures"][0]["subject"] == "server red" and vrf["failures"][0]["reason"]
+    finally:
+        shutil.rmtree(drop_in)
+        router.run("systemctl", "daemon-reload")
+        router.ctl("repair", check=False)
+
+
+def test_the_last_good_file(server):
+    server("red")
+    with router.server_file("red").open("a", encoding="utf-8") as file:
+        file.write("MaxStartups nonsense\n")
+    router.run("systemctl", "restart", router.server_unit("red"))
+    router.wait_for_server("red")
+    vrf = state()
+    assert vrf["file"]["in_use"] == "last_good" and "Invalid MaxStartups spec" in vrf["file"]["reason"]
+    (problem,) = problems()
+    assert problem.startswith("VRF red: its server runs with an earlier, last good file: sshd rejects the file")
+    assert "last good" in table_line()
+    assert check() == 1
+
+
+def test_a_hanging_systemd_holds_nobody_up(server):
+    server("red")
+    stub = router.RUNTIME / "hanging_systemctl"
+    stub.write_text("#!/bin/sh\nsleep 1000\n", encoding="ascii")
+    stub.chmod(0o755)
+    router.run("mount", "--bind", stub, "/usr/bin/systemctl")
+    try:
+        begin = time.monotonic()
+        status = router.ctl("status")
+        assert time.monotonic() - begin < 10
+    finally:
+        router.run("umount", "/usr/bin/systemctl")
+    assert status["vrfs"][0]["unit"] is None
+    assert [problem["subject"] for problem in status["problems"]] == ["servers"]
+
+
+def test_many_vrfs_take_no_time():
+    names = [f"n{number}" for number in range(64)]
+    router.load({f"sshd/vrf/{name}": router.OPEN for name in names})
+    begin = time.monotonic()
+    assert len(router.ctl("status")["vrfs"]) == 64
+    assert time.monotonic() - begin < 3

@@ -1,0 +1,108 @@
+#include "ssh_cfg_ctl/status.h"
+
+#include "common/text.h"
+#include "ssh_cfg_ctl/print.h"
+#include "ssh_cfg_ctl/table.h"
+
+namespace {
+
+constexpr size_t shown_max = 4096;
+
+/// A text of the agent's, fit for a terminal.
+std::string text_of(const control_json& object, const char* name) {
+    const auto member = object.find(name);
+    return member != object.end() && member->is_string() ? text_escape(member->get_ref<const std::string&>(), shown_max)
+                                                         : std::string();
+}
+
+control_json list_of(const control_json& object, const char* name) {
+    return object.value(name, control_json::array());
+}
+
+/// The members of a list of texts or numbers, separated by blanks.
+std::string joined(const control_json& list, const char* none) {
+    std::string text;
+    for (const control_json& member : list) {
+        text += (text.empty() ? "" : " ") +
+                (member.is_string() ? text_escape(member.get<std::string>(), shown_max) : control_json_text(member));
+    }
+    return text.empty() ? none : text;
+}
+
+/// "running", or systemd's two states, such as "failed (failed)".
+std::string server_text(const control_json& vrf) {
+    const control_json unit = vrf.value("unit", control_json());
+    if (!unit.is_object()) {
+        return "unknown";
+    }
+    const std::string active = text_of(unit, "active");
+    const std::string sub = text_of(unit, "sub");
+    return active == "active" || active == sub ? sub : active + " (" + sub + ")";
+}
+
+std::string file_text(const control_json& vrf) {
+    const control_json file = vrf.value("file", control_json());
+    const std::string in_use = file.is_object() ? text_of(file, "in_use") : "-";
+    return in_use == "last_good" ? "last good" : in_use;
+}
+
+std::string lists_text(const control_json& vrf) {
+    const control_json lists = list_of(vrf, "access_lists");
+    size_t loaded = 0;
+    for (const control_json& list : lists) {
+        loaded += text_of(list, "state") == "loaded" ? 1 : 0;
+    }
+    if (lists.empty()) {
+        return "none";
+    }
+    const std::string all = std::to_string(lists.size());
+    return (loaded == lists.size() ? all : std::to_string(loaded) + " of " + all) + " loaded";
+}
+
+std::string blocked_text(const control_json& vrf) {
+    return vrf.value("blocked", false) ? "yes" : joined(list_of(vrf, "closed"), "no");
+}
+
+std::string vrfs_text(const control_json& vrfs, size_t width) {
+    ctl_table table = {{{"VRF", true},
+                        {"Services", true},
+                        {"Namespace", true},
+                        {"Server", false},
+                        {"Ports", true},
+                        {"File", true},
+                        {"Access lists", false},
+                        {"Blocked", false}},
+                       {}};
+    for (const control_json& vrf : vrfs) {
+        table.rows.push_back({{text_of(vrf, "name")},
+                              {joined(list_of(vrf, "services"), "none")},
+                              {vrf.value("namespace", false) ? "present" : "missing"},
+                              {server_text(vrf)},
+                              {joined(list_of(vrf, "ports"), "none")},
+                              {file_text(vrf)},
+                              {lists_text(vrf)},
+                              {blocked_text(vrf)}});
+    }
+    return vrfs.empty() ? "" : '\n' + ctl_table_text(table, width, 0);
+}
+
+/// One line for each object: its subject and its text.
+std::string lines_text(const char* heading, const control_json& list, const char* subject, const char* text) {
+    std::string lines;
+    for (const control_json& each : list) {
+        lines += text_of(each, subject) + ": " + text_of(each, text) + '\n';
+    }
+    return lines.empty() ? "" : '\n' + std::string(heading) + '\n' + lines;
+}
+
+}  // namespace
+
+std::string ctl_status_text(const control_json& status, size_t width) {
+    control_json agent = status;
+    for (const char* list : {"vrfs", "not_in_force", "problems", "not_carried_out"}) {
+        agent.erase(list);
+    }
+    return ctl_record_text(agent) + vrfs_text(list_of(status, "vrfs"), width) +
+           lines_text("Not as configured:", list_of(status, "problems"), "subject", "text") +
+           lines_text("Stored, not carried out on this machine:", list_of(status, "not_carried_out"), "path", "reason");
+}
