@@ -56,6 +56,11 @@ platform_status start_control_calls(struct event_manager* manager) {
     return control_start(event_manager_sd_event(manager));
 }
 
+platform_status notify_readiness(struct event_manager*) {
+    process_manager_notify_ready();
+    return PLATFORM_OK;
+}
+
 constexpr platform_service services[] = {
     // The lock comes before everything that a second agent on the node would damage: the count and the first agent's
     // socket.
@@ -73,6 +78,8 @@ constexpr platform_service services[] = {
     {"key store", service_moment::first_wait, 0, false, start_key_store, nullptr},
     {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},
+    // The agent reports readiness before it applies the configuration. Units that are ordered after it rely on the servers.
+    {"readiness", service_moment::first_wait, 0, false, notify_readiness, nullptr},
 };
 
 static_assert(std::size(services) <= services_max);

@@ -15,6 +15,7 @@
 #include "core/log.h"
 #include "core/text.h"
 #include "fips/fips_mode.h"
+#include "fips/offered_list.h"
 
 namespace {
 
@@ -63,8 +64,11 @@ platform_status set_kex(const algorithm_side& side, const datastore_change& chan
     compose_list(side.kex_list, kex_list_size, names, "diffie-hellman-group1-sha1",
                  "diffie-hellman-group1-sha1 is not supported, will be removed");
     put_list(*side.kex, side.kex_list, side.kex_list);
-    trace_event(side.trace.kex, {change.event, side.kex_list});
-    side.write(change.event, side.kex->keyword, side.kex_list);
+    if (choose_offered_list(*side.kex, get_modified_kex_list, fips_kex_list) != 0) {
+        return fail_question(side.text.kex_question, side.text.kex_function);
+    }
+    trace_event(side.trace.kex, {change.event, side.kex->second_current});
+    side.write(change.event, side.kex->keyword, side.kex->second_current);
     return PLATFORM_OK;
 }
 
@@ -115,10 +119,14 @@ void compose_ciphers(const algorithm_side& side) {
 
 constexpr char dropped_3des_message[] = "3des-cbc is not supported, will be removed";
 
+/// Writes the base and the legacy ciphers, filtered in FIPS mode.
 platform_status write_cipher_base(const algorithm_side& side, uint32_t event) {
     compose_ciphers(side);
-    trace_event(side.trace.cipher, {event, side.cipher_list});
-    side.write(event, side.ciphers->keyword, side.cipher_list);
+    if (choose_offered_list(*side.ciphers, get_modified_cipher_list, fips_cipher_list) != 0) {
+        return fail_question(side.text.cipher_question, "cipheralgo");
+    }
+    trace_event(side.trace.cipher, {event, side.ciphers->second_current});
+    side.write(event, side.ciphers->keyword, side.ciphers->second_current);
     return PLATFORM_OK;
 }
 
@@ -133,13 +141,6 @@ platform_status set_ciphers(const algorithm_side& side, const datastore_change& 
 
 platform_status reset_ciphers(const algorithm_side& side) {
     copy_text(side.cipher_base, algorithm_list_size, side.ciphers->default_text);
-    const int32_t fips_mode = fips_mode_get();
-    if (fips_mode < 0) {
-        return fail_question(side.text.cipher_question, "cipheralgo");
-    }
-    if (fips_mode == 1) {
-        copy_text(side.cipher_base, algorithm_list_size, fips_cipher_list);
-    }
     return write_cipher_base(side, event_set_value);
 }
 

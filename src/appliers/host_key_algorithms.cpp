@@ -11,6 +11,7 @@
 #include "core/debug.h"
 #include "core/trace.h"
 #include "fips/fips_mode.h"
+#include "fips/offered_list.h"
 #include "platform/algorithms.h"
 
 namespace {
@@ -61,6 +62,12 @@ void write_lines(const char* files, const char* algorithms) {
     update_config_files_restart(event_set_value, algorithm_list.keyword, algorithms, algorithm_list.allvrf);
 }
 
+platform_status fail_question() {
+    debug_print("(%s) Failed to check fips mode  in hoskeyalgo applier", function);
+    trace_error(appliers_trace_fips_question, {function});
+    return 1;
+}
+
 platform_status set_host_keys(const datastore_change& change) {
     int32_t flags[host_key_flag_count] = {};
     if (unpack_flags(change, host_key_flag_count, "HOSTKEY-ALGO-APPLY", flags) != PLATFORM_OK) {
@@ -68,8 +75,13 @@ platform_status set_host_keys(const datastore_change& change) {
     }
     compose_lists(flags);
     put_current(server_hostkey_files, server_hostkey_list);
-    trace_event(appliers_trace_host_key, {change.event, server_hostkey_list, server_hostkey_files});
-    write_lines(server_hostkey_files, server_hostkey_list);
+    if (choose_offered_host_keys() != 0) {
+        return fail_question();
+    }
+    const char* files = server_config.algorithms[SERVER_HOST_KEY].second_current;
+    const char* algorithms = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].second_current;
+    trace_event(appliers_trace_host_key, {change.event, algorithms, files});
+    write_lines(files, algorithms);
     return PLATFORM_OK;
 }
 
@@ -79,9 +91,7 @@ platform_status reset_host_keys(const datastore_change& change) {
                 server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].default_text);
     const int32_t fips_mode = fips_mode_get();
     if (fips_mode < 0) {
-        debug_print("(%s) Failed to check fips mode  in hoskeyalgo applier", function);
-        trace_error(appliers_trace_fips_question, {function});
-        return 1;
+        return fail_question();
     }
     if (fips_mode == 1) {
         server_config.algorithms[SERVER_HOST_KEY].second_current = fips_host_keys;

@@ -11,12 +11,15 @@
 #include "config_files/files.h"
 #include "config_files/line_editor.h"
 #include "config_files/parameter_table.h"
+#include "config_files/restart_record.h"
 #include "config_files/trace_points.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/paths.h"
 #include "core/text.h"
 #include "core/upcalls.h"
+#include "platform/enforcement.h"
+#include "platform/status.h"
 
 namespace {
 
@@ -61,24 +64,39 @@ int edit_file(const config_update& update, const char* file, uint32_t* change) {
     return update.editor(file, update.keyword, deletes(update.event) ? 0 : 1, new_line, change);
 }
 
-int edit_default_file(const config_update& update, uint32_t* change) {
-    if (edit_file(update, paths::server_file, change) == 0) {
-        return 0;
-    }
-    if (errno == ENOENT) {
-        debug_print("default config file not present, will be recreating");
-        return default_config_file_recreate();
-    }
+/// Reports to the platform that the file is not as configured. Returns -1; errno stays.
+int report_file(const char* path) {
+    const int error = errno;
+    char subject[PATH_MAX + sizeof "file "];
+    format_text(subject, sizeof subject, "file %s", path);
+    enforcement_failed(subject, platform_status_text(static_cast<platform_status>(error)));
+    errno = error;
     return -1;
+}
+
+/// The result of making a missing file again, which counts as a change.
+int remade(int result, uint32_t* change) {
+    *change = result == 0 ? 1 : *change;
+    return result;
+}
+
+int edit_default_file(const config_update& update, uint32_t* change) {
+    int result = edit_file(update, paths::server_file, change);
+    if (result != 0 && errno == ENOENT) {
+        debug_print("default config file not present, will be recreating");
+        result = remade(default_config_file_recreate(), change);
+    }
+    return result == 0 ? 0 : report_file(paths::server_file);
 }
 
 int edit_vrf_file(const config_update& update, const char* vrf_name, uint32_t* change) {
     char path[PATH_MAX];
     vrf_config_file_path(vrf_name, path, sizeof path);
-    if (edit_file(update, path, change) == 0) {
-        return 0;
+    int result = edit_file(update, path, change);
+    if (result != 0 && errno == ENOENT) {
+        result = remade(vrf_config_file_recreate(vrf_name), change);
     }
-    return errno == ENOENT ? vrf_config_file_recreate(vrf_name) : -1;
+    return result == 0 ? 0 : report_file(path);
 }
 
 void restart_server(const char* vrf_name, uint32_t start) {
@@ -104,7 +122,7 @@ bool namespace_exists(const char* vrf_name) {
 }
 
 /// Edits the file of each VRF and restarts the servers whose files changed.
-int edit_vrf_files(const config_update& update) {
+int walk_vrf_files(const config_update& update) {
     uint32_t change = 0;
     vrf_node* next = nullptr;
     for (vrf_node* node = server_config.nodes; node != nullptr; node = next) {
@@ -125,6 +143,20 @@ int edit_vrf_files(const config_update& update) {
         }
     }
     return 0;
+}
+
+int edit_vrf_files(const config_update& update) {
+    if (server_config.nodes == nullptr) {
+        return 0;
+    }
+    if (begin_restart_walk() != 0) {
+        return report_file(paths::restart_record);
+    }
+    const int result = walk_vrf_files(update);
+    const int error = errno;
+    end_restart_walk();
+    errno = error;
+    return result;
 }
 
 int update_server_files(const config_update& update) {
@@ -155,6 +187,7 @@ void update_client_config_file(uint32_t event, const char* keyword, const char* 
     debug_print("%s, event:=%d, code:=%s, val:=%s", __func__, event, keyword, shown(value));
     if (file_exists(paths::client_file) != 1 &&
         create_file_in_dir(paths::configuration_directory, paths::client_file) != 0) {
+        report_file(paths::client_file);
         return;
     }
     // No server needs a restart: clients read the file when they start.
@@ -165,7 +198,9 @@ void update_client_config_file(uint32_t event, const char* keyword, const char* 
         format_text(buffer, sizeof buffer, "%s %s", keyword, value);
         new_line = buffer;
     }
-    update_string_in_file(paths::client_file, keyword, deletes(event) ? 0 : 1, new_line, &change);
+    if (update_string_in_file(paths::client_file, keyword, deletes(event) ? 0 : 1, new_line, &change) != 0) {
+        report_file(paths::client_file);
+    }
 }
 
 int update_vrf_config_file(uint32_t event, const char* vrf_name, const char* keyword, const char* value,

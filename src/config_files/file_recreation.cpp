@@ -7,6 +7,7 @@
 
 #include "config_files/files.h"
 #include "config_files/parameter_table.h"
+#include "config_files/restart_record.h"
 #include "config_files/trace_points.h"
 #include "config_files/vrf_node.h"
 #include "core/agent_state.h"
@@ -34,7 +35,7 @@ int put_in_place(FILE* file, const char* path) {
     const bool written = std::ferror(file) == 0 && std::fflush(file) == 0;
     const int write_error = errno;
     const bool closed = std::fclose(file) == 0;
-    if (written && closed && std::rename(paths::temporary_file, path) == 0) {
+    if (written && closed && note_file_change(path) == 0 && std::rename(paths::temporary_file, path) == 0) {
         trace_event(config_files_trace_recreated, {path});
         return 0;
     }
@@ -52,7 +53,7 @@ void write_server_table(FILE* file) {
         write_entry(file, entry.keyword, text_of_line(entry.line_text, entry.current, buffer));
     }
     for (size_t i = SERVER_ALGORITHM_START_MARKER + 1; i < SERVER_ALGORITHM_END_MARKER; i++) {
-        write_entry(file, server_config.algorithms[i].keyword, server_config.algorithms[i].current);
+        write_entry(file, server_config.algorithms[i].keyword, offered_list(server_config.algorithms[i]));
     }
 }
 
@@ -73,20 +74,29 @@ void write_vrf_lines(FILE* file, const char* vrf_name) {
     if (node == nullptr) {
         return;
     }
-    for (size_t i = VRF_START_MARKER + 1; i < VRF_END_MARKER; i++) {
-        write_entry(file, node->lines[i].keyword, node->lines[i].current);
-    }
-    if (is_set(node->lines[VRF_NETCONF_SUBSYSTEM].current)) {
-        const line_entry& port = server_config.parameters[SERVER_NETCONF_PORT];
-        write_entry(file, port.keyword, effective_text(port));
-    }
-    if (ssh_server_configured(vrf_name)) {
-        const line_entry& port = server_config.parameters[SERVER_PORT];
-        write_entry(file, port.keyword, effective_text(port));
+    vrf_file_line lines[vrf_file_line_max];
+    const size_t count = vrf_file_lines(*node, lines);
+    for (size_t i = 0; i < count; i++) {
+        write_entry(file, lines[i].keyword, lines[i].value);
     }
 }
 
 }  // namespace
+
+size_t vrf_file_lines(const vrf_node& node, vrf_file_line (&lines)[vrf_file_line_max]) {
+    size_t count = 0;
+    const line_entry& subsystem = node.lines[VRF_NETCONF_SUBSYSTEM];
+    if (is_set(subsystem.current)) {
+        const line_entry& port = server_config.parameters[SERVER_NETCONF_PORT];
+        lines[count++] = {subsystem.keyword, subsystem.current};
+        lines[count++] = {port.keyword, effective_text(port)};
+    }
+    if (ssh_server_configured(node.name)) {
+        const line_entry& port = server_config.parameters[SERVER_PORT];
+        lines[count++] = {port.keyword, effective_text(port)};
+    }
+    return count;
+}
 
 int default_config_file_recreate() {
     debug_print("%s", __func__);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 
+#include "config_files/restart_record.h"
 #include "config_files/trace_points.h"
 #include "core/debug.h"
 #include "core/paths.h"
@@ -242,6 +243,9 @@ int finish(const edit_request& request, edit_pass& pass, uint32_t* change) {
         return give_up(request);
     }
     pass.source.reset();
+    if (pass.changed && note_file_change(request.file) != 0) {
+        return give_up(request);
+    }
     if (replace_file(request) != 0) {
         return -1;
     }

@@ -74,4 +74,9 @@ inline const char* effective_text(const line_entry& entry) {
     return entry.current != nullptr ? entry.current : entry.default_text;
 }
 
+/// The list that the files carry: the current one, or what FIPS mode leaves of it.
+inline const char* offered_list(const algorithm_entry& entry) {
+    return entry.second_current != nullptr ? entry.second_current : entry.current;
+}
+
 #endif

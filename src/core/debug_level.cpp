@@ -72,7 +72,22 @@ uint32_t write_event(const line_entry& entry) {
     return entry.current != nullptr ? event_set_value : event_delete_value;
 }
 
+void restore_level(level_side& side, bool logging) {
+    side.entry->current = logging ? "VERBOSE" : nullptr;
+    for (uint32_t level = 1; level <= level_count; level++) {
+        side.on[level] = debug_flag_is_on(side.first_flag + level - 1) != 0;
+        if (side.on[level]) {
+            side.entry->current = level_texts[level];
+        }
+    }
+}
+
 }  // namespace
+
+void restore_log_levels() {
+    restore_level(server_side, server_logging_configured != 0);
+    restore_level(client_side, false);
+}
 
 void debug_level_handler(uint32_t action, uint32_t id, void*) {
     trace_event(core_trace_debug_level, {action, id});

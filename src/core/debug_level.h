@@ -8,4 +8,8 @@
 /// writes it; ignores flags other than the levels of the server and the client.
 void debug_level_handler(uint32_t action, uint32_t id, void* context);
 
+/// Start-up, once the configuration has been applied: sets LogLevel as the flags and the configured logging require,
+/// without writing it.
+void restore_log_levels();
+
 #endif

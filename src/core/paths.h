@@ -17,6 +17,10 @@ inline constexpr char vrf_server_file_prefix[] = "/var/opt/norvo/norvossh/sshd_c
 inline constexpr char client_file[] = "/var/opt/norvo/norvossh/ssh_config";
 inline constexpr char temporary_file[] = "/var/opt/norvo/norvossh/temp_sshd_config";
 
+// Which servers do not run with their files yet. Gone after a reboot, as the servers are.
+inline constexpr char restart_record[] = "/run/norvossh_restart_record";
+inline constexpr char restart_record_temporary[] = "/run/.norvossh_restart_record.new";
+
 // Banners.
 inline constexpr char banner_file[] = "/var/opt/norvo/norvossh/banner";
 inline constexpr char aaa_banner_file[] = "/etc/motd";

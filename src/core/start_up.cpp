@@ -11,6 +11,7 @@
 #include "acl/subscription.h"
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"
+#include "config_files/restart_record.h"
 #include "config_files/vrf_node.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
@@ -34,6 +35,7 @@
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
 #include "platform/process_manager.h"
+#include "reconcile/reconciliation.h"
 #include "vrf/namespace_handler.h"
 #include "vrf/node_registry.h"
 #include "vrf/server_lifecycle.h"
@@ -410,13 +412,31 @@ start_up_status mark_scanned() {
     return START_UP_DONE;
 }
 
+/// The debug flags and the logging item determine the log level from the first moment, whatever an earlier process left
+/// in the files.
+start_up_status choose_log_levels() {
+    restore_log_levels();
+    return START_UP_DONE;
+}
+
+start_up_status take_over_restarts() {
+    take_over_restart_record();
+    return START_UP_DONE;
+}
+
+start_up_status reconcile_with_machine() {
+    reconcile_at_start();
+    return START_UP_DONE;
+}
+
 struct start_up_step {
     const char* name;
     start_up_status (*run)();
 };
 
 /// The order is part of the contract with the platform: only the PAM watch is registered before this node is primary,
-/// readiness is reported before the files are written, and the stored configuration is applied last.
+/// readiness is reported before the files are written, and the stored configuration is applied last. Then the machine is
+/// brought back to it, whatever an earlier process left undone.
 constexpr start_up_step steps[] = {
     {"trace buffers", create_traces},
     {"event manager", create_event_manager},
@@ -430,6 +450,7 @@ constexpr start_up_step steps[] = {
     {"start", announce_start},
     {"parameter tables", fill_tables},
     {"empty directory", make_empty_directory},
+    {"restarts due", take_over_restarts},
     {"default files", prepare_files},
     {"datastore", set_up_datastore},
     {"ready", report_ready},
@@ -447,6 +468,8 @@ constexpr start_up_step steps[] = {
     {"server scan", scan_server},
     {"client scan", scan_client},
     {"scan complete", mark_scanned},
+    {"log levels", choose_log_levels},
+    {"reconciliation", reconcile_with_machine},
 };
 
 /// Gives the lower modules the functions they call in the higher ones.

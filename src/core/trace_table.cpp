@@ -10,6 +10,7 @@
 #include "fips/trace_points.h"
 #include "host/trace_points.h"
 #include "oper/trace_points.h"
+#include "reconcile/trace_points.h"
 #include "vrf/trace_points.h"
 
 namespace {
@@ -22,7 +23,8 @@ namespace {
     FIPS_TRACE_POINTS(ERROR, EVENT)         \
     ACL_TRACE_POINTS(ERROR, EVENT)          \
     HOST_TRACE_POINTS(ERROR, EVENT)         \
-    OPER_TRACE_POINTS(ERROR, EVENT)
+    OPER_TRACE_POINTS(ERROR, EVENT)         \
+    RECONCILE_TRACE_POINTS(ERROR, EVENT)
 
 #define TRACE_ROW(code, module, name, meaning, ...) {code, #module "." #name, meaning, {__VA_ARGS__}},
 #define TRACE_CODE(code, ...) code,

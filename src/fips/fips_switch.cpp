@@ -47,9 +47,12 @@ int write_server_host_keys(const char* files, const char* algorithms) {
     return 0;
 }
 
+/// The client's list follows the server's while FIPS mode is on.
 void write_client_host_keys(const char* algorithms) {
-    update_client_config_file(event_set_value, client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].keyword,
-                              algorithms);
+    algorithm_entry& entry = client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS];
+    copy_text(entry.fips_text, sizeof entry.fips_text, algorithms);
+    entry.second_current = entry.fips_text;
+    update_client_config_file(event_set_value, entry.keyword, algorithms);
 }
 
 int mark_servers(const char* host_key_list) {
@@ -73,7 +76,11 @@ int unmark_servers(const char* host_key_list) {
         return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to NULL in config file",
                                    "norvossh_set_fips_mode", "Failed to unset NorvoSSHFipsMode in Config file");
     }
-    if (write_server_host_keys(server_config.algorithms[SERVER_HOST_KEY].current, host_key_list) != 0) {
+    algorithm_entry& files = server_config.algorithms[SERVER_HOST_KEY];
+    algorithm_entry& algorithms = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    files.second_current = files.current;
+    algorithms.second_current = algorithms.current;
+    if (write_server_host_keys(files.current, host_key_list) != 0) {
         return -1;
     }
     write_client_host_keys(client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].default_text);
@@ -213,6 +220,7 @@ void mark_with_narrowed_host_keys(modified_list& work, const occasion& when) {
     }
     copy_text(entry.fips_text, sizeof entry.fips_text, work.text);
     entry.second_current = entry.fips_text;
+    server_config.algorithms[SERVER_HOST_KEY].second_current = fips_hostkey_files;
     if (norvossh_set_fips_mode(1, work.text) != 0) {
         log_errno(when.on_failed_message);
         return;

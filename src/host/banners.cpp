@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
@@ -176,6 +177,34 @@ bool are_any(const banners& texts) {
     return texts.platform_login || texts.login || texts.platform_motd || texts.motd;
 }
 
+/// Whether the file has exactly this content.
+bool holds_text(const char* path, const std::string& text) {
+    FILE* file = std::fopen(path, "re");
+    if (file == nullptr) {
+        return false;
+    }
+    std::string content(text.size() + 1, '\0');  // one more, to notice a longer file
+    content.resize(std::fread(content.data(), 1, content.size(), file));
+    std::fclose(file);
+    return content == text;
+}
+
+/// The content of the banner file; empty if there is no banner.
+std::string text_of_banners(const banners& texts) {
+    std::string text;
+    for (const banner_line& line : lines) {
+        const char* written = (texts.*line.written).get();
+        if (texts.*line.present && is_text(written)) {
+            text += std::string(written) + "\n";
+        }
+    }
+    return text;
+}
+
+banner_text fetch_aaa_banner() {
+    return without_delimiters(present(banner_service_aaa()));
+}
+
 }  // namespace
 
 char* get_banner_msg(uint32_t kind) {
@@ -213,7 +242,7 @@ void aaa_banner_config_handler(const datastore_notification* notification, void*
     if ((notification->event & DATASTORE_EVENT_DELETE) != 0) {
         return;
     }
-    const banner_text text = without_delimiters(present(banner_service_aaa()));
+    const banner_text text = fetch_aaa_banner();
     if (!text) {
         return;
     }
@@ -232,5 +261,30 @@ void apply_present_banners() {
     }
     if (present(banner_service_aaa())) {
         aaa_banner_config_handler(&notification, nullptr);
+    }
+}
+
+bool banner_file_is_current() {
+    const std::string text = text_of_banners(fetch_banners());
+    return text.empty() || holds_text(paths::banner_file, text);
+}
+
+bool aaa_banner_file_is_current() {
+    const banner_text text = fetch_aaa_banner();
+    return !text || holds_text(paths::aaa_banner_file, text.get() + std::string("\n"));
+}
+
+void write_banner_file_again() {
+    remove_file(login_target);
+    if (create_file_in_dir(login_target.directory, login_target.path) == 0) {
+        configure_banner(write_banners(fetch_banners()) >= 1);
+    }
+}
+
+void write_aaa_banner_file_again() {
+    const banner_text text = fetch_aaa_banner();
+    remove_file(aaa_target);
+    if (text && create_file_in_dir(aaa_target.directory, aaa_target.path) == 0) {
+        writeToAaaBanner(text.get());
     }
 }

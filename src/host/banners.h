@@ -31,4 +31,13 @@ void aaa_banner_config_handler(const datastore_notification* notification, void*
 /// file is touched.
 void apply_present_banners();
 
+/// Whether the banner file, or the message of the day, holds the configured text. Without one any content is right. May
+/// throw std::bad_alloc.
+bool banner_file_is_current();
+bool aaa_banner_file_is_current();
+
+/// Build the file again. Unlike the handlers, they return if it cannot be created.
+void write_banner_file_again();
+void write_aaa_banner_file_again();
+
 #endif

@@ -153,6 +153,10 @@ void write_pam_file() {
     }
 }
 
+bool pam_file_is_current() {
+    return file_exists(paths::pam_file) == 1;
+}
+
 int create_pam_inotify() {
     agent_handles.pam_inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (agent_handles.pam_inotify < 0) {

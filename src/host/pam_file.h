@@ -7,6 +7,9 @@
 /// Writes the file if it does not exist. An existing file is left alone, whatever its content. Failures are logged.
 void write_pam_file();
 
+/// Whether the file exists.
+bool pam_file_is_current();
+
 /// Creates the inotify instance in agent_handles.pam_inotify. Returns 0, or -1 with errno set.
 int create_pam_inotify();
 

@@ -10,6 +10,7 @@
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
 #include "config_files/line_editor.h"
+#include "config_files/restart_record.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/log.h"
@@ -102,6 +103,7 @@ int start_server(const char* vrf_name) {
         return -1;
     }
     note_start_failed(vrf_name, false);
+    note_restart_done(vrf_name);
     load_failed_lists(vrf_name);
     unblock_vrf(vrf_name);
     trace_event(vrf_trace_restarted, {vrf_name});
@@ -124,6 +126,7 @@ int stop_server(const char* vrf_name) {
         return -1;
     }
     note_start_failed(vrf_name, false);
+    note_restart_done(vrf_name);
     unblock_vrf(vrf_name);
     trace_event(vrf_trace_stopped, {vrf_name});
     return 0;
@@ -176,7 +179,7 @@ int probe_server(const char* vrf_name, bool* active) {
 }
 
 int copy_default_file(const char* vrf_name, const char* path, uint32_t* change) {
-    if (copy_file(paths::server_file, path) != 0) {
+    if (note_file_change(path) != 0 || copy_file(paths::server_file, path) != 0) {
         const int error = errno;
         debug_print("Error:=%s(0x%x), Vrf-name:=%s, Failed to copy config file", platform_status_text(error), error,
                     vrf_name);
@@ -228,6 +231,10 @@ void hold_servers_down(bool held) {
 
 bool servers_are_held_down() {
     return servers_held_down;
+}
+
+int ssh_process_stop(const char* vrf_name) {
+    return stop_server(vrf_name);
 }
 
 int restart_server_of(vrf_node* node) {

@@ -10,6 +10,9 @@
 /// during a restart. Returns 0 or -1; a VRF whose server could not be started stays blocked.
 int ssh_process_restart(uint32_t start, const char* vrf_name);
 
+/// Stops the unit of a VRF even if its file is gone. Returns 0 or -1.
+int ssh_process_stop(const char* vrf_name);
+
 /// Starts or restarts the server of a node, which counts as started only if a unit was started. Returns 0 or -1.
 int restart_server_of(vrf_node* node);
 

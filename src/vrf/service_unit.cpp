@@ -135,23 +135,44 @@ int overwrite_file(const char* routine, const char* path, const char* text, size
     return 0;
 }
 
-int write_unit(const char* routine, const char* vrf_name) {
+/// One of the two files with its text.
+struct unit_file {
+    char path[PATH_MAX];
+    char text[file_text_size];
+    size_t length;
+};
+
+unit_file make_unit(const char* vrf_name) {
+    unit_file unit;
     char environment_path[PATH_MAX];
     environment_file_path(vrf_name, environment_path, sizeof environment_path);
-    char path[PATH_MAX];
-    service_unit_path(vrf_name, path, sizeof path);
-    char text[file_text_size];
-    const size_t length = format_text(text, sizeof text, unit_text, environment_path);
-    return overwrite_file(routine, path, text, length, unit_reports);
+    service_unit_path(vrf_name, unit.path, sizeof unit.path);
+    unit.length = format_text(unit.text, sizeof unit.text, unit_text, environment_path);
+    return unit;
 }
 
-int write_environment(const char* routine, const char* vrf_name, uint32_t vrf_id) {
-    char path[PATH_MAX];
-    environment_file_path(vrf_name, path, sizeof path);
+unit_file make_environment(const char* vrf_name, uint32_t vrf_id) {
+    unit_file environment;
+    environment_file_path(vrf_name, environment.path, sizeof environment.path);
+    environment.length = format_text(environment.text, sizeof environment.text, environment_text, vrf_name,
+                                     paths::vrf_server_file_prefix, vrf_name, vrf_id);
+    return environment;
+}
+
+int write_file(const char* routine, const unit_file& file, const file_reports& reports) {
+    return overwrite_file(routine, file.path, file.text, file.length, reports);
+}
+
+/// Whether the file on disk begins with the text: what follows it in a longer file was left by an earlier version.
+bool is_current(const unit_file& file) {
+    FILE* present = std::fopen(file.path, "re");
+    if (present == nullptr) {
+        return false;
+    }
     char text[file_text_size];
-    const size_t length =
-        format_text(text, sizeof text, environment_text, vrf_name, paths::vrf_server_file_prefix, vrf_name, vrf_id);
-    return overwrite_file(routine, path, text, length, environment_reports);
+    const size_t length = std::fread(text, 1, file.length, present);
+    std::fclose(present);
+    return length == file.length && std::memcmp(text, file.text, length) == 0;
 }
 
 void remove_file(const char* path) {
@@ -183,7 +204,8 @@ int create_sshd_service_config_file(const char* prefixed_name) {
         return -1;
     }
     debug_print("%s - vrf-name:=%s, vrfid = %u", __func__, vrf_name, vrf_id);
-    if (write_unit(__func__, vrf_name) != 0 || write_environment(__func__, vrf_name, vrf_id) != 0) {
+    if (write_file(__func__, make_unit(vrf_name), unit_reports) != 0 ||
+        write_file(__func__, make_environment(vrf_name, vrf_id), environment_reports) != 0) {
         return -1;
     }
     if (shell_command_failed("systemctl daemon-reload")) {
@@ -193,6 +215,13 @@ int create_sshd_service_config_file(const char* prefixed_name) {
         return -1;
     }
     return 0;
+}
+
+bool sshd_service_config_file_is_current(const char* prefixed_name) {
+    const char* vrf_name = name_without_prefix(__func__, prefixed_name);
+    uint32_t vrf_id = 0;
+    return vrf_name != nullptr && vrf_table_lookup(vrf_name, &vrf_id) == PLATFORM_OK &&
+           is_current(make_unit(vrf_name)) && is_current(make_environment(vrf_name, vrf_id));
 }
 
 void remove_sshd_service_config_file(const char* prefixed_name) {

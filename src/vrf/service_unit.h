@@ -8,6 +8,9 @@
 /// Returns 0 or -1.
 int create_sshd_service_config_file(const char* prefixed_name);
 
+/// Whether both files begin with the text that they would be given now. Leaves errno undefined.
+bool sshd_service_config_file_is_current(const char* prefixed_name);
+
 /// Removes both files; a failure is only traced.
 void remove_sshd_service_config_file(const char* prefixed_name);
 

@@ -16,7 +16,8 @@ enum { PROCESS_ROLE_PRIMARY = 1 };
 /// This instance's role.
 uint32_t process_manager_role(void);
 
-/// Tells the platform that start-up is complete and others may rely on this process. May be called again.
+/// Tells the platform that others may rely on this process from its first wait for an event on, or from its wait to become
+/// primary. May be called again.
 void process_manager_ready(void);
 
 /// The process has got on with its work. Long work reports this at each step, so that the platform can tell a process that

@@ -129,8 +129,14 @@ uint32_t process_manager_role(void) {
 }
 
 void process_manager_ready(void) {
-    const errno_keeper keeper;
     state.ready = true;
+}
+
+void process_manager_notify_ready() {
+    if (!state.ready) {
+        return;
+    }
+    const errno_keeper keeper;
     const int result = sd_notify(0, "READY=1");
     if (result < 0) {
         platform_log(LOG_WARNING, "Cannot report readiness to the service manager: %s", strerror(-result));
@@ -148,6 +154,7 @@ void process_manager_progress(void) {
 }
 
 int process_manager_wait_primary(void) {
+    process_manager_notify_ready();
     int error = ENOMEM;
     try {
         error = primary_wait();

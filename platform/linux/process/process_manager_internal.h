@@ -20,6 +20,10 @@ process_status process_manager_status();
 /// it after a clean stop.
 void process_manager_count_start();
 
+/// Tells the service manager that the agent is ready, if it has said so: on a primary node at its first wait for an event,
+/// when what is configured is in force; on a standby as soon as it waits to become primary.
+void process_manager_notify_ready();
+
 /// For tests: forgets the count and gives the lock back, as the end of the process does.
 void process_manager_reset();
 

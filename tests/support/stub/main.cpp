@@ -1,10 +1,13 @@
 /// A stand-in for systemctl, ip, nft and others: writes its command line to the log and does as the rules say.
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -114,6 +117,71 @@ int obey(rule_table& table, const char* line) {
     return status;
 }
 
+// --- The servers' units ---------------------------------------------------------------------------------------------
+
+// What systemctl was told is remembered, one file a unit, so that it can show the states of the servers' units.
+
+constexpr char unit_prefix[] = "sshd_service_";
+constexpr size_t path_size = 512;
+
+void unit_file(char (&path)[path_size], const char* unit) {
+    snprintf(path, sizeof path, "%s/%s", stub_commands::units_directory, unit);
+}
+
+unsigned long long microseconds_now() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000ULL + now.tv_nsec / 1000;
+}
+
+void remember_unit(const char* verb, const char* unit) {
+    char path[path_size];
+    unit_file(path, unit);
+    if (strcmp(verb, "restart") == 0 || strcmp(verb, "start") == 0) {
+        mkdir(stub_commands::units_directory, 0777);
+        FILE* file = fopen(path, "we");
+        if (file != nullptr) {
+            fprintf(file, "%llu", microseconds_now());
+            fclose(file);
+        }
+    } else if (strcmp(verb, "stop") == 0) {
+        unlink(path);
+    }
+}
+
+void show_unit(const char* unit) {
+    char path[path_size];
+    unit_file(path, unit);
+    unsigned long long started = 0;
+    FILE* file = fopen(path, "re");
+    if (file != nullptr && fscanf(file, "%llu", &started) == 1) {
+        printf("Id=%s.service\nActiveState=active\nMainPID=0\nExecMainStartTimestampMonotonic=%llu\n\n", unit, started);
+    }
+    if (file != nullptr) {
+        fclose(file);
+    }
+}
+
+void show_units() {
+    DIR* directory = opendir(stub_commands::units_directory);
+    while (const dirent* entry = directory != nullptr ? readdir(directory) : nullptr) {
+        if (strncmp(entry->d_name, unit_prefix, sizeof unit_prefix - 1) == 0) {
+            show_unit(entry->d_name);
+        }
+    }
+    if (directory != nullptr) {
+        closedir(directory);
+    }
+    fflush(stdout);
+}
+
+/// Acts on the servers' units as systemctl would, after a command that succeeded.
+void act_on_units(int argc, char** argv) {
+    if (argc >= 3 && strncmp(argv[2], unit_prefix, sizeof unit_prefix - 1) == 0) {
+        remember_unit(argv[1], argv[2]);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,7 +193,14 @@ int main(int argc, char** argv) {
     }
     write_log(line, length);
     rule_table* table = map_rules();
+    const bool is_systemctl = strcmp(base_name(argv[0]), "systemctl") == 0;
+    if (is_systemctl && argc >= 2 && strcmp(argv[1], "show") == 0) {
+        show_units();
+    }
     const int status = table != nullptr ? obey(*table, line) : 0;
+    if (is_systemctl && status == 0) {
+        act_on_units(argc, argv);
+    }
     if (status < 0) {
         signal(-status, SIG_DFL);
         raise(-status);

@@ -136,9 +136,8 @@ TEST_F(config_writer_test, a_missing_default_file_is_made_from_the_table) {
     EXPECT_THAT(read_file(paths::server_file), testing::HasSubstr("MaxAuthTries 5\n"));
     EXPECT_THAT(read_file(paths::server_file),
                 testing::HasSubstr("HostKey  /pkg/ecdsa-sha2-nistp256,/pkg/ecdsa-sha2-nistp384,"));
-    // The file was not changed but made anew, so the VRFs are left for the next change.
-    EXPECT_EQ(read_file(vrf_file("red")), "MaxAuthTries 20\n");
-    EXPECT_THAT(restarts, ElementsAre());
+    EXPECT_EQ(read_file(vrf_file("red")), "MaxAuthTries 5\n");
+    EXPECT_THAT(restarts, ElementsAre("restart red"));
 }
 
 TEST_F(config_writer_test, any_other_failure_is_returned) {
@@ -228,13 +227,13 @@ TEST_F(config_writer_test, a_walk_over_unwanted_nodes_only_ends_well) {
     EXPECT_THAT(restarts, ElementsAre("stop red", "delete red"));
 }
 
-TEST_F(config_writer_test, a_missing_vrf_file_is_made_anew_and_counts_as_unchanged) {
+TEST_F(config_writer_test, a_missing_vrf_file_is_made_anew_and_the_walk_goes_on) {
     add_vrf("red", "UsePAM no\n");
     add_vrf("blue", nullptr);
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
     EXPECT_EQ(read_file(vrf_file("blue")), "UsePAM yes\nPort 22\n");
-    EXPECT_EQ(read_file(vrf_file("red")), "UsePAM no\n");
-    EXPECT_THAT(restarts, ElementsAre());
+    EXPECT_EQ(read_file(vrf_file("red")), "UsePAM yes\n");
+    EXPECT_THAT(restarts, ElementsAre("restart blue", "restart red"));
 }
 
 TEST_F(config_writer_test, a_missing_vrf_file_behind_a_changed_one_is_made_anew_and_its_server_restarted) {
@@ -320,7 +319,7 @@ TEST_F(config_writer_test, a_missing_file_of_one_vrf_is_made_anew) {
     add_vrf("red", nullptr);
     uint32_t change = 0;
     EXPECT_EQ(update_vrf_config_file(event_delete_value, "red", "Port", "830", &change), 0);
-    EXPECT_EQ(change, 0u);
+    EXPECT_EQ(change, 1u);
     EXPECT_EQ(read_file(vrf_file("red")), "UsePAM no\nPort 22\n");
 }
 

@@ -67,9 +67,16 @@ TEST_F(file_recreation_test, what_is_set_meanwhile_is_in_the_recreated_file) {
     server_config.parameters[SERVER_WINDOW_SCALE].current = "3";
     server_config.parameters[SERVER_PORT].current = "22";
     server_config.parameters[SERVER_MACS].current = nullptr;
-    server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr";
     EXPECT_EQ(default_config_file_recreate(), 0);
     expect_golden("config_files/golden/recreated_sshd_config_settings", read_file(paths::server_file));
+}
+
+TEST_F(file_recreation_test, in_fips_mode_the_recreated_file_offers_what_the_filters_leave) {
+    server_config.parameters[SERVER_FIPS_MODE].current = "yes";
+    server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr,";
+    EXPECT_EQ(default_config_file_recreate(), 0);
+    EXPECT_THAT(file_lines(paths::server_file),
+                testing::IsSupersetOf({std::string("NorvoSSHFipsMode yes"), std::string("Ciphers aes128-ctr,")}));
 }
 
 TEST_F(file_recreation_test, a_default_file_that_cannot_be_created) {

@@ -39,12 +39,13 @@ TEST_F(start_up_files_test, a_fresh_start_empties_the_default_files) {
 TEST_F(start_up_files_test, a_restart_after_a_failure_keeps_the_default_files) {
     fake_platform::set_respawn_count(2);
     const std::string client_lines = read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/ssh_config") + "Port 2222\n";
-    write_file(paths::server_file, "Banner /x\n" + read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/sshd_config"));
+    write_file(paths::server_file,
+               "RateLimitQd 60\n" + read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/sshd_config"));
     write_file(paths::client_file, client_lines);
     const auto server_lines = sorted_lines(paths::server_file);
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(sorted_lines(paths::server_file), server_lines);
-    EXPECT_EQ(file_lines(paths::server_file).front(), "Banner /x");
+    EXPECT_EQ(file_lines(paths::server_file).front(), "RateLimitQd 60");
     EXPECT_EQ(file_lines(paths::server_file).back(), "HostKey  /pkg/dsa");
     EXPECT_EQ(read_file(paths::client_file), client_lines);
 }

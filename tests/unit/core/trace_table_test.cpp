@@ -88,8 +88,8 @@ TEST(trace_table_test, names_and_labels_are_unique_where_they_must_be) {
 }
 
 TEST(trace_table_test, a_module_keeps_to_its_range_of_codes) {
-    const std::vector<std::string_view> modules = {"core", "config_files", "vrf",  "appliers",
-                                                   "fips", "acl",          "host", "oper"};
+    const std::vector<std::string_view> modules = {"core", "config_files", "vrf",  "appliers", "fips",
+                                                   "acl",  "host",         "oper", "reconcile"};
     for (const trace_point& point : all_points()) {
         const size_t range = point.code >> 8U;
         ASSERT_LE(range, modules.size()) << point.name;

@@ -145,7 +145,7 @@ TEST(platform_services_test, start_in_this_order) {
     EXPECT_EQ(names_at(service_moment::manager_created),
               (strings{"node lock", "start count", "control socket", "standby calls", "access lists", "AAA users"}));
     EXPECT_EQ(names_at(service_moment::message_attached), strings{"namespace watch"});
-    EXPECT_EQ(names_at(service_moment::first_wait), (strings{"key store", "repairs", "control calls"}));
+    EXPECT_EQ(names_at(service_moment::first_wait), (strings{"key store", "repairs", "control calls", "readiness"}));
 }
 
 bool exists(const char* path) {

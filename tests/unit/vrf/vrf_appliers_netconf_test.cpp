@@ -176,7 +176,8 @@ TEST_F(netconf_vrf_test, a_port_line_that_cannot_be_removed_leaves_the_count) {
     std::filesystem::create_directory(paths::temporary_file);
     forget();
     EXPECT_EQ(netconf("red", deleted), 0);
-    EXPECT_THAT(trail(), ElementsAre());
+    EXPECT_THAT(trail(), testing::Each(not_as_configured("red")));
+    EXPECT_EQ(trail().size(), 2u);
     EXPECT_EQ(count_of("red"), 1);
     EXPECT_STREQ(find_vrf_node("red")->netconf_v4_acl, "four");
 }

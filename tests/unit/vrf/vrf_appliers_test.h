@@ -68,6 +68,10 @@ class vrf_appliers_test : public vrf_test {
         return sshd_apply_ver_func(&change, nullptr);
     }
 
+    static std::string not_as_configured(const std::string& vrf) {
+        return "enforcement_failed(file " + server_file(vrf) + ", Is a directory)";
+    }
+
     static int count_of(const char* vrf) {
         const vrf_node* node = find_vrf_node(vrf);
         return node != nullptr ? node->reference_count : 0;

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "linux/process/event_manager_internal.h"
 #include "linux/process/paths.h"
 #include "linux/process/platform_config.h"
 #include "unit/linux/platform_test_support.h"
@@ -130,12 +131,27 @@ TEST_F(process_manager_test, readiness_is_notified_to_the_service_manager) {
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
     EXPECT_FALSE(process_manager_status().ready);
     errno = ENOSPC;
+    process_manager_notify_ready();
     process_manager_ready();
+    EXPECT_TRUE(process_manager_status().ready);
+    process_manager_notify_ready();
     EXPECT_EQ(ENOSPC, errno);
     EXPECT_EQ("READY=1", notify.receive());
-    EXPECT_TRUE(process_manager_status().ready);
+}
+
+TEST_F(process_manager_test, a_primary_is_ready_at_its_first_wait_for_an_event) {
+    datagram_listener notify("/run/notify");
+    ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
+    struct event_manager* manager = nullptr;
+    ASSERT_EQ(0, event_manager_create("/dev/ssh_cfg_agent", &manager));
     process_manager_ready();
+    EXPECT_EQ("", notify.receive(0));
+    sd_event_add_defer(
+        event_manager_sd_event(manager), nullptr, [](sd_event_source*, void*) { return 0; }, nullptr);
+    struct event_manager_event event;
+    ASSERT_EQ(0, event_manager_block(manager, &event));
     EXPECT_EQ("READY=1", notify.receive());
+    event_manager_free(manager);
 }
 
 TEST_F(process_manager_test, progress_feeds_the_watchdog) {
@@ -184,9 +200,10 @@ TEST_F(process_manager_test, readiness_that_cannot_be_notified_is_reported) {
     journal_listener journal;
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/nobody", 1));
     process_manager_ready();
+    process_manager_notify_ready();
     EXPECT_EQ("Cannot report readiness to the service manager: No such file or directory\n", journal.messages());
     unsetenv("NOTIFY_SOCKET");
-    process_manager_ready();
+    process_manager_notify_ready();
     EXPECT_EQ("", journal.messages()) << "without a service manager there is nothing to report";
 }
 

@@ -1,0 +1,31 @@
+/// The record of servers that do not run with their files yet.
+///
+/// It is written before the first file of a VRF is replaced, and removed when every server has been restarted. What a
+/// process leaves behind when it dies in between tells the next one which restarts are due.
+#ifndef CONFIG_FILES_RESTART_RECORD_H
+#define CONFIG_FILES_RESTART_RECORD_H
+
+#include <cstdint>
+
+/// The file is about to be replaced. If it is that of a VRF, the restart of its server is due from now on. Returns 0, or
+/// -1 with errno if this cannot be recorded; the file must not be replaced then.
+int note_file_change(const char* path);
+
+/// The VRF's server runs with its file now, or there is no server any more.
+void note_restart_done(const char* vrf_name);
+
+/// Bracket a walk through the files of all VRFs, which is recorded once for all of them. The first returns 0, or -1 with
+/// errno and no walk begun.
+int begin_restart_walk();
+void end_restart_walk();
+
+/// Start-up: takes over the record of an earlier process. Its restarts stay recorded until they are made or dropped.
+void take_over_restart_record();
+
+/// Whether a restart is due of a server started at `started` (CLOCK_MONOTONIC, microseconds).
+bool restart_is_due(const char* vrf_name, uint64_t started);
+
+/// Drops what is left of the earlier process's restarts, once every server has been examined.
+void drop_earlier_restarts();
+
+#endif

@@ -1,0 +1,19 @@
+/// The configuration files of servers and client against the tables that they are made from.
+#ifndef RECONCILE_CONFIGURATION_FILES_H
+#define RECONCILE_CONFIGURATION_FILES_H
+
+#include "reconcile/findings.h"
+
+// All functions may throw std::bad_alloc.
+
+/// The server's default file: lines that differ are written again. Returns whether the file is in order now.
+bool compare_default_file(comparison& run);
+
+/// The client's file, in the same way.
+void compare_client_file(comparison& run);
+
+/// The files of all VRFs: one that differs in any keyword is replaced by a copy of the default file with the VRF's own
+/// lines. Their servers then have to be restarted.
+void compare_vrf_files(comparison& run);
+
+#endif

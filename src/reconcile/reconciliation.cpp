@@ -1,0 +1,57 @@
+#include "reconcile/reconciliation.h"
+
+#include <new>
+
+#include "config_files/restart_record.h"
+#include "core/log.h"
+#include "core/trace.h"
+#include "reconcile/configuration_files.h"
+#include "reconcile/findings.h"
+#include "reconcile/host_files.h"
+#include "reconcile/servers.h"
+#include "reconcile/trace_points.h"
+
+namespace {
+
+/// Runs all comparisons: files before the servers that read them. Returns the number of differences left, or -1.
+int compare_everything(comparison& run) {
+    compare_host_files(run);
+    // A VRF's file is made from the default one.
+    if (compare_default_file(run)) {
+        compare_vrf_files(run);
+    }
+    compare_client_file(run);
+    if (compare_servers(run) != 0) {
+        log_errno("Failed to read the states of the servers");
+        return -1;
+    }
+    if (run.repair && run.remaining == 0) {
+        drop_earlier_restarts();
+    }
+    return run.remaining;
+}
+
+}  // namespace
+
+int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void*) {
+    comparison run{repair != 0, sink, sink_context};
+    int remaining = -1;
+    try {
+        remaining = compare_everything(run);
+    } catch (const std::bad_alloc&) {
+        log_error("Out of memory while comparing the configuration with the machine");
+    }
+    trace_event(reconcile_trace_compared, {repair, remaining});
+    return remaining;
+}
+
+void reconcile_at_start() {
+    constexpr enforcement_callbacks callbacks = {reconcile};
+    if (reconcile(1, nullptr, nullptr, nullptr) < 0) {
+        enforcement_failed("servers", "their states cannot be read");
+    }
+    const platform_status status = enforcement_register(&callbacks, nullptr);
+    if (status != PLATFORM_OK) {
+        log_status(ERR_ERRNO, status, "Failed to offer the comparison of the configuration with the machine");
+    }
+}

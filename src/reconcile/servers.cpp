@@ -1,0 +1,151 @@
+#include "reconcile/servers.h"
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <string>
+#include <vector>
+
+#include "config_files/config_writer.h"
+#include "config_files/files.h"
+#include "config_files/parameter_table.h"
+#include "config_files/restart_record.h"
+#include "config_files/vrf_node.h"
+#include "core/log.h"
+#include "core/paths.h"
+#include "core/text.h"
+#include "reconcile/unit_states.h"
+#include "vrf/server_lifecycle.h"
+#include "vrf/service_unit.h"
+#include "vrf/vrf_namespace.h"
+
+namespace {
+
+std::string server_subject(const std::string& vrf_name) {
+    return "server " + vrf_name;
+}
+
+/// Whether the process runs in another network namespace than the VRF's present one. A process that is gone does not.
+bool runs_elsewhere(const vrf_node& node, int32_t process) {
+    struct stat wanted = {};
+    struct stat present = {};
+    const std::string own = paths::namespace_prefix + std::string(node.name);
+    const std::string used = "/proc/" + std::to_string(process) + "/ns/net";
+    return process > 0 && stat(own.c_str(), &wanted) == 0 && stat(used.c_str(), &present) == 0 &&
+           (wanted.st_ino != present.st_ino || wanted.st_dev != present.st_dev);
+}
+
+/// Why the server has to be restarted; empty if it has not.
+std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
+    if (unit == nullptr || !is_running(*unit)) {
+        return "is not running" + (unit != nullptr ? " (" + unit->active_state + ")" : "");
+    }
+    if (runs_elsewhere(node, unit->main_process)) {
+        return "runs in another network namespace than vrf-" + std::string(node.name);
+    }
+    if (restart_is_due(node.name, unit->started)) {
+        return "was started before its file was last changed";
+    }
+    return "";
+}
+
+/// Writes the unit of a VRF again if it is not as it should be. Returns whether there is one now.
+bool compare_unit(comparison& run, const vrf_node& node) {
+    const std::string namespace_name = vrf_namespace_prefix + std::string(node.name);
+    if (sshd_service_config_file_is_current(namespace_name.c_str())) {
+        return true;
+    }
+    const std::string subject = "unit " + std::string(node.name);
+    if (!found(run, subject, "is missing or differs")) {
+        return false;
+    }
+    if (create_sshd_service_config_file(namespace_name.c_str()) != 0) {
+        not_removed(run, subject, "cannot be written");
+        return false;
+    }
+    return true;
+}
+
+/// Restarts the server of a VRF if it has to be. Returns whether it tried.
+bool compare_server(comparison& run, vrf_node& node, const unit_state* unit) {
+    if (!compare_unit(run, node)) {
+        return false;
+    }
+    const std::string reason = reason_to_restart(node, unit);
+    if (reason.empty() || !found(run, server_subject(node.name), reason)) {
+        return false;
+    }
+    const std::string message = "The server of VRF " + std::string(node.name) + " " + reason + ": restarting it";
+    log_text(WARNING_GENERAL, message.c_str());
+    restart_server_of(&node);
+    return true;
+}
+
+const unit_state* unit_of(const std::vector<unit_state>& units, const char* vrf_name) {
+    for (const unit_state& unit : units) {
+        if (unit.vrf_name == vrf_name) {
+            return &unit;
+        }
+    }
+    return nullptr;
+}
+
+bool is_wanted(const unit_state& unit) {
+    const vrf_node* node = find_vrf_node(unit.vrf_name.c_str());
+    return node != nullptr && node->reference_count > 0 && vrf_namespace_exists(node->name);
+}
+
+void stop_unwanted(comparison& run, const unit_state& unit) {
+    const std::string subject = server_subject(unit.vrf_name);
+    const bool configured = find_vrf_node(unit.vrf_name.c_str()) != nullptr;
+    if (!found(run, subject, configured ? "runs without its network namespace" : "runs, but nothing requests it")) {
+        return;
+    }
+    const std::string message = "The server of VRF " + unit.vrf_name + " is not configured: stopping it";
+    log_text(WARNING_GENERAL, message.c_str());
+    if (ssh_process_stop(unit.vrf_name.c_str()) != 0) {
+        not_removed(run, subject, "cannot be stopped");
+    } else if (!configured) {
+        delete_vrf_config_file(unit.vrf_name.c_str());
+    }
+}
+
+/// Asks what the restarts have come to: systemctl's result alone does not tell.
+int examine_restarted(comparison& run, const std::vector<const vrf_node*>& restarted) {
+    std::vector<unit_state> units;
+    if (restarted.empty()) {
+        return 0;
+    }
+    if (read_unit_states(&units) != 0) {
+        return -1;
+    }
+    for (const vrf_node* node : restarted) {
+        const unit_state* unit = unit_of(units, node->name);
+        if (unit == nullptr || !is_running(*unit)) {
+            not_removed(run, server_subject(node->name), reason_to_restart(*node, unit));
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+int compare_servers(comparison& run) {
+    std::vector<unit_state> units;
+    if (read_unit_states(&units) != 0) {
+        return -1;
+    }
+    std::vector<const vrf_node*> restarted;
+    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+        if (node->reference_count > 0 && vrf_namespace_exists(node->name) &&
+            compare_server(run, *node, unit_of(units, node->name))) {
+            restarted.push_back(node);
+        }
+    }
+    for (const unit_state& unit : units) {
+        if (is_running(unit) && !is_wanted(unit)) {
+            stop_unwanted(run, unit);
+        }
+    }
+    return examine_restarted(run, restarted);
+}

@@ -1,0 +1,70 @@
+#include "reconcile/unit_states.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/text.h"
+
+namespace {
+
+constexpr char command[] =
+    "systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic 'sshd_service_*'";
+constexpr char unit_prefix[] = "sshd_service_";
+constexpr char unit_suffix[] = ".service";
+constexpr size_t line_size = 512;
+
+/// The value of a line "NAME=VALUE", or null.
+const char* value_in(const char* line, const char* name) {
+    return begins_with(line, name) ? line + std::strlen(name) : nullptr;
+}
+
+std::string vrf_of_unit(const char* unit) {
+    std::string name = begins_with(unit, unit_prefix) ? unit + std::strlen(unit_prefix) : "";
+    const size_t suffix = name.rfind(unit_suffix);
+    return suffix != std::string::npos ? name.substr(0, suffix) : name;
+}
+
+void take_line(std::vector<unit_state>& units, unit_state& unit, const char* line) {
+    if (line[0] == '\0') {
+        if (!unit.vrf_name.empty()) {
+            units.push_back(unit);
+        }
+        unit = {{}, {}, 0, UINT64_MAX};
+    } else if (const char* id = value_in(line, "Id=")) {
+        unit.vrf_name = vrf_of_unit(id);
+    } else if (const char* state = value_in(line, "ActiveState=")) {
+        unit.active_state = state;
+    } else if (const char* process = value_in(line, "MainPID=")) {
+        unit.main_process = std::atoi(process);
+    } else if (const char* started = value_in(line, "ExecMainStartTimestampMonotonic=")) {
+        unit.started = std::strtoull(started, nullptr, 10);
+    }
+}
+
+}  // namespace
+
+bool is_running(const unit_state& unit) {
+    return unit.active_state == "active" || unit.active_state == "activating" || unit.active_state == "reloading";
+}
+
+int read_unit_states(std::vector<unit_state>* units) {
+    units->clear();
+    FILE* output = popen(command, "re");
+    if (output == nullptr) {
+        return -1;
+    }
+    unit_state unit = {{}, {}, 0, UINT64_MAX};
+    char line[line_size];
+    while (std::fgets(line, sizeof line, output) != nullptr) {
+        line[std::strcspn(line, "\n")] = '\0';
+        take_line(*units, unit, line);
+    }
+    take_line(*units, unit, "");
+    const int status = pclose(output);
+    if (status > 0) {
+        errno = EIO;
+    }
+    return status == 0 ? 0 : -1;
+}

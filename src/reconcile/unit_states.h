@@ -1,0 +1,22 @@
+/// The units of the VRFs' servers as systemd sees them.
+#ifndef RECONCILE_UNIT_STATES_H
+#define RECONCILE_UNIT_STATES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct unit_state {
+    std::string vrf_name;
+    std::string active_state;  ///< systemctl(1), ActiveState: "active", "failed", ...
+    int32_t main_process;      ///< 0 if there is none
+    uint64_t started;          ///< CLOCK_MONOTONIC in microseconds; UINT64_MAX if unknown
+};
+
+/// Whether the server runs or is about to.
+bool is_running(const unit_state& unit);
+
+/// Asks for all units that systemd has loaded, with one command. Returns 0, or -1 with errno. May throw std::bad_alloc.
+int read_unit_states(std::vector<unit_state>* units);
+
+#endif

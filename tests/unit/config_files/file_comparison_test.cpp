@@ -1,0 +1,173 @@
+#include "config_files/file_comparison.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "../agent_test.h"
+#include "config_files/algorithm_names.h"
+#include "config_files/default_contents.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+class file_comparison_test : public agent_test {
+  protected:
+    file_comparison_test() {
+        EXPECT_EQ(prepare_default_files(), 0);
+        write_initial_lines();
+    }
+
+    /// In which keywords the text differs from what the tables want of the server's files.
+    static std::vector<std::string> differing(const std::string& text) {
+        write_file("/tmp/file", text);
+        file_values present;
+        EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+        return differing_server_keywords(wanted_server_settings(), present.settings);
+    }
+
+    static std::string server_text() { return read_file(paths::server_file); }
+
+    static std::string replaced(std::string text, const std::string& from, const std::string& to) {
+        const size_t at = text.find(from);
+        EXPECT_NE(at, std::string::npos) << from;
+        return at == std::string::npos ? text : text.replace(at, from.size(), to);
+    }
+};
+
+TEST_F(file_comparison_test, the_first_lines_are_what_the_tables_want) {
+    EXPECT_THAT(differing(server_text()), ElementsAre());
+    file_values present;
+    EXPECT_EQ(read_file_values(paths::client_file, &present), 0);
+    EXPECT_THAT(differing_client_keywords(wanted_client_settings(), present.settings), ElementsAre());
+}
+
+TEST_F(file_comparison_test, order_and_blanks_do_not_count) {
+    std::string text;
+    for (const std::string& line : file_lines(paths::server_file)) {
+        text = " " + replaced(line, " ", "  \t") + "  \n" + text;
+    }
+    EXPECT_THAT(differing("# a comment\n\n" + text), ElementsAre());
+}
+
+TEST_F(file_comparison_test, host_keys_may_stand_in_one_line) {
+    std::string text;
+    for (const std::string& line : file_lines(paths::server_file)) {
+        text += line.starts_with("HostKey ") ? "" : line + "\n";
+    }
+    EXPECT_THAT(differing(text + "HostKey  " + default_host_keys + "\n"), ElementsAre());
+    EXPECT_THAT(differing(text + "HostKey  /pkg/rsa,/pkg/dsa\n"), ElementsAre("HostKey"));
+}
+
+TEST_F(file_comparison_test, a_list_that_is_missing_has_its_default) {
+    const std::string text = replaced(server_text(), std::string("Ciphers ") + default_cipher_list + "\n", "");
+    EXPECT_THAT(differing(text), ElementsAre());
+    server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr,";
+    EXPECT_THAT(differing(text), ElementsAre("Ciphers"));
+    EXPECT_THAT(differing(text + "Ciphers aes128-ctr\n"), ElementsAre());
+}
+
+TEST_F(file_comparison_test, the_order_of_algorithms_counts) {
+    server_config.algorithms[SERVER_KEX_ALGORITHMS].second_current = "a,b";
+    const std::string text =
+        replaced(server_text(), std::string("KexAlgorithms ") + default_kex_list, "KexAlgorithms b,a");
+    EXPECT_THAT(differing(text), ElementsAre("KexAlgorithms"));
+}
+
+TEST_F(file_comparison_test, settings_outside_the_first_lines_have_their_defaults) {
+    EXPECT_THAT(differing(server_text() + "RateLimitQd 60\nSessionLimitQd 64\n"), ElementsAre());
+    EXPECT_THAT(differing(server_text() + "RateLimitQd 61\n"), ElementsAre("RateLimitQd"));
+    server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "1";
+    EXPECT_THAT(differing(server_text()), ElementsAre());
+    server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "2";
+    EXPECT_THAT(differing(server_text()), ElementsAre("CertUsernameQd"));
+}
+
+TEST_F(file_comparison_test, a_lost_first_line_is_a_difference) {
+    // A file that was cut off by a full disk ends anywhere.
+    const std::string text = server_text();
+    for (size_t size = 0; size < text.size() - 1; size++) {
+        EXPECT_FALSE(differing(text.substr(0, size)).empty()) << text.substr(0, size);
+    }
+}
+
+TEST_F(file_comparison_test, a_banner_line_is_wanted_or_not) {
+    const std::string with_banner = server_text() + "Banner " + paths::banner_file + "\n";
+    EXPECT_THAT(differing(with_banner), ElementsAre("Banner"));
+    server_config.parameters[SERVER_BANNER].current = paths::banner_file;
+    EXPECT_THAT(differing(with_banner), ElementsAre());
+    EXPECT_THAT(differing(server_text()), ElementsAre("Banner"));
+}
+
+TEST_F(file_comparison_test, a_log_level_that_nobody_asked_for_is_a_difference) {
+    EXPECT_THAT(differing(server_text() + "LogLevel DEBUG3\n"), ElementsAre("LogLevel"));
+}
+
+TEST_F(file_comparison_test, the_window_scale_is_not_compared) {
+    EXPECT_THAT(differing(server_text() + "WindowScaleQd 7\n"), ElementsAre());
+    server_config.parameters[SERVER_WINDOW_SCALE].current = "3";
+    EXPECT_THAT(differing(server_text()), ElementsAre());
+}
+
+TEST_F(file_comparison_test, a_keyword_that_nobody_wrote_is_a_difference) {
+    EXPECT_THAT(differing(server_text() + "PasswordAuthentication no\n"), ElementsAre("PasswordAuthentication"));
+}
+
+TEST_F(file_comparison_test, only_the_first_line_of_a_keyword_counts_as_for_the_server) {
+    EXPECT_THAT(differing(server_text() + "MaxSessions 1\n"), ElementsAre());
+    EXPECT_THAT(differing("MaxSessions 1\n" + server_text()), ElementsAre("MaxSessions"));
+}
+
+TEST_F(file_comparison_test, the_vrfs_own_lines_are_apart) {
+    write_file("/tmp/file", "Port  830\nUsePAM yes\nSubsystem netconf /pkg/bin/proxy\nPort 22\n");
+    file_values present;
+    EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+    EXPECT_THAT(present.own_lines, ElementsAre("Port 22", "Port 830", "Subsystem netconf /pkg/bin/proxy"));
+    ASSERT_EQ(present.settings.size(), 1u);
+    EXPECT_EQ(present.settings[0].keyword, "UsePAM");
+}
+
+TEST_F(file_comparison_test, a_missing_file_is_an_error) {
+    file_values present;
+    EXPECT_EQ(read_file_values("/tmp/none", &present), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(file_comparison_test, a_line_is_written_again_as_the_appliers_write_it) {
+    const std::string before = server_text();
+    struct {
+        const char* keyword;
+        const char* from;
+        const char* to;
+    } constexpr damages[] = {
+        {"MaxSessions", "MaxSessions 16\n", "MaxSessions 1\n"},
+        {"IPQoS", "IPQoS 0x40\n", "IPQoS 0x10\n"},
+        {"HostKey", "HostKey  /pkg/rsa\n", "HostKey  /pkg/rsb\n"},
+        {"Ciphers", "Ciphers aes128-ctr,", "Ciphers "},
+    };
+    for (const auto& damage : damages) {
+        write_file(paths::server_file, replaced(before, damage.from, damage.to));
+        EXPECT_THAT(differing(server_text()), ElementsAre(damage.keyword));
+        EXPECT_EQ(write_server_line_again(damage.keyword), 0);
+        EXPECT_THAT(differing(server_text()), ElementsAre()) << damage.keyword;
+        auto lines = file_lines(paths::server_file);
+        auto wanted = lines;
+        write_file("/tmp/wanted", before);
+        wanted = file_lines("/tmp/wanted");
+        EXPECT_THAT(lines, testing::UnorderedElementsAreArray(wanted)) << damage.keyword;
+    }
+}
+
+TEST_F(file_comparison_test, a_line_that_nobody_wants_is_removed) {
+    const std::string before = server_text();
+    write_file(paths::server_file, before + "LogLevel DEBUG3\nPasswordAuthentication no\n");
+    EXPECT_EQ(write_server_line_again("LogLevel"), 0);
+    EXPECT_EQ(write_server_line_again("PasswordAuthentication"), 0);
+    EXPECT_EQ(server_text(), before);
+}
+
+}  // namespace

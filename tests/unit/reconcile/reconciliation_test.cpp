@@ -1,0 +1,374 @@
+#include "reconcile/reconciliation.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "../algorithm_test.h"
+#include "config_files/restart_record.h"
+#include "config_files/vrf_node.h"
+#include "scratch_root.h"
+
+namespace {
+
+using fake_platform::difference;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+constexpr char show_units[] = "systemctl show";
+
+/// An agent with servers in the VRFs red and blue, as after its start.
+class reconciliation_test : public algorithm_test {
+  protected:
+    reconciliation_test() {
+        std::filesystem::create_directories("/etc/systemd/system");
+        for (const char* vrf : {"default", "red", "blue"}) {
+            scratch_root::add_namespace_file(std::string("vrf-") + vrf);
+        }
+        for (const char* vrf : {"red", "blue"}) {
+            fake_platform::store(vrf_item(vrf));
+        }
+    }
+
+    static fake_platform::change vrf_item(const std::string& vrf, const std::string& service = "vrf") {
+        return fake_platform::set_tuple("/cfg/gl/crypto/ssh/server/sshd/" + service + "/" + vrf, "%d%S%S",
+                                        {std::nullopt, std::nullopt, std::nullopt});
+    }
+    static fake_platform::change timeout(uint32_t seconds) {
+        return fake_platform::set_number(server_case.tree + "timeout", seconds);
+    }
+
+    static std::string file_of(const std::string& vrf) { return paths::vrf_server_file_prefix + vrf; }
+    static std::string unit_of(const std::string& vrf) {
+        return "/etc/systemd/system/sshd_service_" + vrf + ".service";
+    }
+    static difference of_file(const std::string& path, const std::string& text) { return {"file " + path, text}; }
+
+    static void start() {
+        algorithm_test::start();
+        stub_commands::clear_log();
+    }
+
+    /// The agent dies without a word and is started again; the servers go on running.
+    static void die_and_start(uint32_t respawn_count = 2) {
+        server_config.nodes = nullptr;
+        agent_handles = {};
+        fake_platform::set_respawn_count(respawn_count);
+        stub_commands::clear_log();
+        fake_platform::clear_reports();
+        stub_commands::set_output("systemctl is-active", "active\n");
+        ASSERT_EQ(start_agent(), START_UP_DONE);
+    }
+
+    static std::vector<std::string> restarts() { return stub_commands::log_of("systemctl restart"); }
+    static std::vector<std::string> stops() { return stub_commands::log_of("systemctl stop"); }
+
+    static void replace_line(const std::string& path, const std::string& from, const std::string& to) {
+        std::string text = read_file(path);
+        const size_t at = text.find(from);
+        ASSERT_NE(at, std::string::npos) << path << " lacks " << from;
+        write_file(path, text.replace(at, from.size(), to));
+    }
+
+    /// What a comparison finds; a repair then leaves nothing, and restarts these servers.
+    static void expect_repaired(const std::vector<difference>& differences, const std::vector<std::string>& restarted) {
+        auto dry = fake_platform::reconcile(false);
+        EXPECT_THAT(dry.differences, testing::IsSupersetOf(differences));
+        EXPECT_EQ(dry.remaining, static_cast<int>(dry.differences.size()));
+        stub_commands::clear_log();
+        EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+        EXPECT_THAT(restarts(), testing::UnorderedElementsAreArray(restarted));
+        EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+    }
+};
+
+std::string restart_of(const std::string& vrf) {
+    return "systemctl restart sshd_service_" + vrf;
+}
+
+// --- At rest --------------------------------------------------------------------------------------------------------
+
+TEST_F(reconciliation_test, after_a_start_nothing_differs) {
+    start();
+    const auto found = fake_platform::reconcile(false);
+    EXPECT_TRUE(found.registered);
+    EXPECT_EQ(found.remaining, 0);
+    EXPECT_THAT(found.differences, IsEmpty());
+    EXPECT_THAT(restarts(), IsEmpty());
+}
+
+TEST_F(reconciliation_test, after_settings_were_set_and_deleted_nothing_differs) {
+    start();
+    const std::vector<fake_platform::change> settings = {
+        timeout(77),
+        fake_platform::set_number(server_case.tree + "rate_limit", 5),
+        fake_platform::set_number(server_case.tree + "session_limit", 6),
+        fake_platform::set_number(server_case.tree + "logging", 1),
+        fake_platform::set_number(server_case.tree + "dscp", 10),
+        fake_platform::set_number(server_case.tree + "rekey_time", 30),
+        fake_platform::set_number(server_case.tree + "rekey_volume", 2048),
+        fake_platform::set_number(server_case.tree + "tcp_window_scale", 3),
+        fake_platform::set_number(server_case.tree + "max_auth_limit", 9),
+        fake_platform::set_number(server_case.tree + "port_forwarding", 1),
+        fake_platform::set_text(server_case.tree + "trustpoint/host", "host"),
+        fake_platform::set_number(server_case.tree + "trustpoint/user/ca", 1),
+        fake_platform::set_tuple(server_case.tree + "certificate/username", "%d%d", {1, 1}),
+        kex_change(server_case, {"ecdh-sha2-nistp256"}),
+        cipher_change(server_case, {"aes128-ctr"}),
+        legacy_change(server_case, {1}),
+        mac_change(server_case, "hmac_sha1"),
+        host_key_change({1, 0, 0, 0, 0, 0, 0, 1, 1, 0}),
+        fake_platform::set_number(client_case.tree + "dscp", 12),
+        fake_platform::set_number(client_case.tree + "rekey_time", 31),
+        fake_platform::set_number(client_case.tree + "v2", 1),
+        kex_change(client_case, {"ecdh-sha2-nistp384"}),
+        mac_change(client_case, "hmac_sha512"),
+        vrf_item("red", "vrf-netconf"),
+        fake_platform::set_number("/cfg/gl/crypto/ssh/server/sshd/v2", 1),
+        fake_platform::set_number(fips_item, 1),
+    };
+    for (const fake_platform::change& setting : settings) {
+        commit_ok(setting);
+        EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty()) << setting.path;
+    }
+    die_and_start();
+    EXPECT_THAT(restarts(), IsEmpty()) << "after a restart with everything set";
+    EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+    for (const fake_platform::change& setting : settings) {
+        commit_ok(fake_platform::remove(setting.path));
+        EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty()) << "without " << setting.path;
+    }
+    for (const uint32_t respawn_count : {2, 1}) {
+        die_and_start(respawn_count);
+        EXPECT_THAT(restarts(), IsEmpty()) << "after restart " << respawn_count;
+        EXPECT_THAT(stops(), IsEmpty());
+    }
+}
+
+// --- Interrupted ----------------------------------------------------------------------------------------------------
+
+TEST_F(reconciliation_test, a_kept_file_that_differs_is_replaced_and_its_server_restarted) {
+    start();
+    commit_ok(timeout(77));
+    replace_line(file_of("red"), "LoginGraceTime 77", "LoginGraceTime 30");
+    die_and_start();
+    EXPECT_THAT(file_lines(file_of("red")), Contains("LoginGraceTime 77"));
+    EXPECT_THAT(restarts(), ElementsAre(restart_of("red")));
+    EXPECT_THAT(fake_platform::log_texts(),
+                Contains("WARNING_GENERAL: The server file of VRF red was replaced: it differs in LoginGraceTime"));
+}
+
+TEST_F(reconciliation_test, a_server_whose_restart_was_due_is_restarted) {
+    start();
+    write_file(paths::restart_record, "18446744073709551615\nred\n");
+    die_and_start();
+    EXPECT_THAT(restarts(), ElementsAre(restart_of("red")));
+    EXPECT_FALSE(path_exists(paths::restart_record));
+}
+
+TEST_F(reconciliation_test, fips_mode_switched_off_while_the_agent_was_away_leaves_no_narrow_list) {
+    start();
+    turn_fips(true);
+    EXPECT_THAT(file_lines(file_of("red")), Contains("NorvoSSHFipsMode yes"));
+    fake_platform::store(fake_platform::remove(fips_item));
+    die_and_start();
+    for (const std::string& file : {file_of("red"), file_of("blue")}) {
+        EXPECT_THAT(file_lines(file), Not(Contains("NorvoSSHFipsMode yes")));
+        EXPECT_THAT(file_lines(file), Not(Contains(HasSubstr("aes256-gcm@openssh.com,"))));
+    }
+    EXPECT_THAT(restarts(), UnorderedElementsAre(restart_of("red"), restart_of("blue")));
+}
+
+TEST_F(reconciliation_test, in_fips_mode_a_restart_offers_nothing_that_the_filters_remove) {
+    fake_platform::store(kex_change(server_case, {"curve25519-sha256", "ecdh-sha2-nistp256"}));
+    fake_platform::store(cipher_change(server_case, {"chacha20-poly1305@openssh.com", "aes128-ctr"}));
+    fake_platform::store(kex_change(client_case, {"curve25519-sha256", "ecdh-sha2-nistp384"}));
+    fake_platform::store(cipher_change(client_case, {"chacha20-poly1305@openssh.com", "aes256-ctr"}));
+    fake_platform::store(host_key_change({1, 0, 0, 0, 0, 0, 1, 1, 0, 0}));
+    fake_platform::store(fake_platform::set_number(fips_item, 1));
+    start();
+    for (const std::string& file : {std::string(paths::server_file), std::string(paths::client_file), file_of("red")}) {
+        const std::string text = read_file(file);
+        for (const char* refused : {"curve25519", "chacha20", "ed25519"}) {
+            EXPECT_THAT(text, Not(HasSubstr(refused))) << file;
+        }
+    }
+    EXPECT_EQ(value(paths::server_file, "KexAlgorithms"), "ecdh-sha2-nistp256");
+    EXPECT_EQ(value(paths::client_file, "Ciphers"), "aes256-ctr");
+    EXPECT_THAT(values(file_of("red"), "HostKey"), ElementsAre("/pkg/ecdsa-sha2-nistp256", "/pkg/rsa"));
+    turn_fips(false);
+    EXPECT_EQ(value(file_of("red"), "KexAlgorithms"), "curve25519-sha256,ecdh-sha2-nistp256");
+    EXPECT_EQ(value(file_of("red"), "Ciphers"), "chacha20-poly1305@openssh.com,aes128-ctr");
+}
+
+TEST_F(reconciliation_test, a_server_that_nothing_requests_is_stopped) {
+    start();
+    fake_platform::store(fake_platform::remove(vrf_item("red").path));
+    die_and_start();
+    EXPECT_THAT(stops(), ElementsAre("systemctl stop sshd_service_red"));
+    EXPECT_FALSE(path_exists(file_of("red")));
+    EXPECT_TRUE(path_exists(unit_of("red")));
+    EXPECT_THAT(restarts(), IsEmpty());
+}
+
+TEST_F(reconciliation_test, a_debug_level_of_an_earlier_process_does_not_stay) {
+    start();
+    fake_platform::set_debug_flag(debug_server_l3, true);
+    fake_platform::set_debug_flag(debug_client_l2, true);
+    EXPECT_THAT(file_lines(file_of("red")), Contains("LogLevel DEBUG3"));
+    fake_platform::preset_debug_flag(debug_server_l3, false);
+    fake_platform::preset_debug_flag(debug_client_l2, false);
+    die_and_start();
+    for (const std::string& file : {std::string(paths::server_file), std::string(paths::client_file), file_of("red")}) {
+        EXPECT_THAT(read_file(file), Not(HasSubstr("LogLevel"))) << file;
+    }
+}
+
+TEST_F(reconciliation_test, a_debug_level_that_is_still_on_is_written) {
+    fake_platform::preset_debug_flag(debug_server_l2, true);
+    start();
+    EXPECT_THAT(file_lines(file_of("red")), Contains("LogLevel DEBUG2"));
+    fake_platform::set_debug_flag(debug_server_l2, false);
+    EXPECT_THAT(read_file(file_of("red")), Not(HasSubstr("LogLevel")));
+}
+
+// --- Drift ----------------------------------------------------------------------------------------------------------
+
+TEST_F(reconciliation_test, lines_of_the_default_file) {
+    start();
+    replace_line(paths::server_file, "MaxSessions 16", "MaxSessions 1");
+    expect_repaired({of_file(paths::server_file, "differs in MaxSessions")}, {});
+    std::filesystem::remove(paths::server_file);
+    expect_repaired({of_file(paths::server_file, "No such file or directory")}, {});
+}
+
+TEST_F(reconciliation_test, the_clients_file) {
+    start();
+    replace_line(paths::client_file, "PubkeyAuthentication no", "PubkeyAuthentication yes");
+    expect_repaired({of_file(paths::client_file, "differs in PubkeyAuthentication")}, {});
+    std::filesystem::remove(paths::client_file);
+    expect_repaired({of_file(paths::client_file, "No such file or directory")}, {});
+}
+
+TEST_F(reconciliation_test, files_of_vrfs) {
+    start();
+    replace_line(file_of("red"), "UsePAM yes", "UsePAM no");
+    std::filesystem::remove(file_of("blue"));
+    expect_repaired(
+        {of_file(file_of("red"), "differs in UsePAM"), of_file(file_of("blue"), "No such file or directory")},
+        {restart_of("red"), restart_of("blue")});
+}
+
+TEST_F(reconciliation_test, ports_and_subsystem_of_a_vrf) {
+    fake_platform::store(vrf_item("red", "vrf-netconf"));
+    start();
+    replace_line(file_of("red"), "Port 22\n", "Port 2222\n");
+    replace_line(file_of("blue"), "Port 22\n", "Port 22\nSubsystem netconf /bin/sh\n");
+    expect_repaired({of_file(file_of("red"), "differs in the VRF's own lines"),
+                     of_file(file_of("blue"), "differs in the VRF's own lines")},
+                    {restart_of("red"), restart_of("blue")});
+    EXPECT_THAT(file_lines(file_of("red")), testing::IsSupersetOf({"Port 22", "Port 830"}));
+}
+
+TEST_F(reconciliation_test, units) {
+    start();
+    std::filesystem::remove(unit_of("red"));
+    write_file("/etc/systemd/system/sshd_conf_blue.conf", "ARG1=netns\n");
+    expect_repaired({{"unit red", "is missing or differs"}, {"unit blue", "is missing or differs"}}, {});
+    EXPECT_TRUE(path_exists(unit_of("red")));
+}
+
+TEST_F(reconciliation_test, servers_that_do_not_run) {
+    start();
+    ASSERT_EQ(std::system("systemctl stop sshd_service_red"), 0);
+    expect_repaired({{"server red", "is not running"}}, {restart_of("red")});
+}
+
+TEST_F(reconciliation_test, a_server_without_its_namespace) {
+    start();
+    scratch_root::remove_namespace_file("vrf-red");
+    auto found = fake_platform::reconcile(false);
+    EXPECT_THAT(found.differences, ElementsAre(difference{"server red", "runs without its network namespace"}));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_THAT(stops(), ElementsAre("systemctl stop sshd_service_red"));
+    EXPECT_TRUE(path_exists(file_of("red")));
+}
+
+TEST_F(reconciliation_test, the_pam_file_and_the_banners) {
+    fake_platform::set_configured_banner(3, "#Hello#");
+    fake_platform::set_aaa_banner("#Welcome#");
+    start();
+    EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+    std::filesystem::remove(paths::pam_file);
+    write_file(paths::banner_file, "Hello, intruder\n");
+    write_file(paths::aaa_banner_file, "Welc");
+    expect_repaired(
+        {of_file(paths::pam_file, "is missing or differs"), of_file(paths::banner_file, "is missing or differs"),
+         of_file(paths::aaa_banner_file, "is missing or differs")},
+        {});
+    EXPECT_EQ(read_file(paths::banner_file), "Hello\n");
+    EXPECT_EQ(read_file(paths::aaa_banner_file), "Welcome\n");
+}
+
+// --- Failures -------------------------------------------------------------------------------------------------------
+
+TEST_F(reconciliation_test, a_full_disk_is_part_of_the_answer_and_made_good_later) {
+    start();
+    scratch_root::set_read_only(paths::configuration_directory, true);
+    const auto result = fake_platform::commit(timeout(77));
+    EXPECT_EQ(result.status, PLATFORM_OK);
+    EXPECT_THAT(result.not_in_force, ElementsAre(fake_platform::unenforced{"file " + std::string(paths::server_file),
+                                                                           "Read-only file system"}));
+    EXPECT_GT(fake_platform::reconcile(true).remaining, 0);
+    scratch_root::set_read_only(paths::configuration_directory, false);
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+    for (const std::string& file : {std::string(paths::server_file), file_of("red"), file_of("blue")}) {
+        EXPECT_THAT(file_lines(file), Contains("LoginGraceTime 77")) << file;
+    }
+    EXPECT_THAT(restarts(), UnorderedElementsAre(restart_of("red"), restart_of("blue")));
+}
+
+TEST_F(reconciliation_test, a_file_of_the_client_that_cannot_be_written_is_part_of_the_answer) {
+    start();
+    std::filesystem::create_directory(paths::temporary_file);
+    const auto result = fake_platform::commit(fake_platform::set_number(client_case.tree + "dscp", 12));
+    EXPECT_THAT(result.not_in_force,
+                ElementsAre(fake_platform::unenforced{"file " + std::string(paths::client_file), "Is a directory"}));
+}
+
+TEST_F(reconciliation_test, a_start_on_a_full_disk_says_so) {
+    scratch_root::limit_space(paths::configuration_directory, 4096);
+    ASSERT_EQ(start_agent(), START_UP_DONE);
+    EXPECT_TRUE(fake_platform::is_not_in_force("file " + std::string(paths::server_file)));
+}
+
+TEST_F(reconciliation_test, a_server_that_cannot_be_restarted_remains) {
+    start();
+    ASSERT_EQ(std::system("systemctl stop sshd_service_red"), 0);
+    stub_commands::fail("systemctl restart sshd_service_red", 1, 1);
+    errno = 0;
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 1);
+    EXPECT_TRUE(fake_platform::is_not_in_force("server red"));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_FALSE(fake_platform::is_not_in_force("server red"));
+}
+
+TEST_F(reconciliation_test, states_that_cannot_be_read) {
+    start();
+    stub_commands::fail(show_units, 1);
+    EXPECT_EQ(fake_platform::reconcile(false).remaining, -1);
+    EXPECT_THAT(fake_platform::log_texts(), Contains(HasSubstr("Failed to read the states of the servers")));
+    die_and_start();
+    EXPECT_TRUE(fake_platform::is_not_in_force("servers"));
+}
+
+}  // namespace
