@@ -1,10 +1,14 @@
 #include "reconcile/unit_states.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "core/shell_command.h"
 #include "core/text.h"
 
 namespace {
@@ -43,6 +47,16 @@ void take_line(std::vector<unit_state>& units, unit_state& unit, const char* lin
     }
 }
 
+void read_units(FILE* file, std::vector<unit_state>& units) {
+    unit_state unit = {{}, {}, 0, UINT64_MAX};
+    char line[line_size];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        line[std::strcspn(line, "\n")] = '\0';
+        take_line(units, unit, line);
+    }
+    take_line(units, unit, "");
+}
+
 }  // namespace
 
 bool is_running(const unit_state& unit) {
@@ -51,20 +65,20 @@ bool is_running(const unit_state& unit) {
 
 int read_unit_states(std::vector<unit_state>* units) {
     units->clear();
-    FILE* output = popen(command, "re");
-    if (output == nullptr) {
+    // In memory, because a pipe would have to be read while the command runs.
+    const int output = memfd_create("unit states", MFD_CLOEXEC);
+    if (output < 0) {
         return -1;
     }
-    unit_state unit = {{}, {}, 0, UINT64_MAX};
-    char line[line_size];
-    while (std::fgets(line, sizeof line, output) != nullptr) {
-        line[std::strcspn(line, "\n")] = '\0';
-        take_line(*units, unit, line);
+    const int status = run_shell_command(command, systemctl_limit, output);
+    FILE* file = status == 0 && lseek(output, 0, SEEK_SET) == 0 ? fdopen(output, "r") : nullptr;
+    if (file == nullptr) {
+        const int error = status > 0 ? EIO : errno;
+        close(output);
+        errno = error;
+        return -1;
     }
-    take_line(*units, unit, "");
-    const int status = pclose(output);
-    if (status > 0) {
-        errno = EIO;
-    }
-    return status == 0 ? 0 : -1;
+    read_units(file, *units);
+    std::fclose(file);
+    return 0;
 }

@@ -1,0 +1,299 @@
+"""The way back to the configuration: after a kill, a restart, a full disk, and after somebody's own changes."""
+
+import json
+import os
+import shutil
+import signal
+import subprocess
+import time
+
+import pytest
+import router
+
+TIMEOUT = router.SERVER + "cmn/timeout"
+FIPS = "/cfg/gl/crypto/fipsmode/value"
+VRFS = ["red", "blue", "green", "grey", "pink", "cyan"]
+
+
+@pytest.fixture
+def servers(vrf):
+    """Six VRFs with a server each."""
+    for name in VRFS:
+        vrf(name)
+    router.load({f"sshd/vrf/{name}": router.OPEN for name in VRFS})
+    for name in VRFS:
+        router.wait_for_server(name)
+    return VRFS
+
+
+def effective(vrf, keyword):
+    """The value with which the VRF's running server was started, as sshd itself reads its file."""
+    router.wait_for_server(vrf)
+    words = (router.pathlib.Path("/proc") / str(router.main_pid(router.server_unit(vrf))) / "cmdline").read_bytes()
+    words = [word.decode() for word in words.split(b"\0")]
+    file = words[words.index("-f") + 1] if "-f" in words else words[0].split("-f ")[1].split()[0]
+    report = router.in_vrf(vrf, "/usr/sbin/sshd", "-T", "-f", file).stdout
+    return next(line.split(maxsplit=1)[1] for line in report.splitlines() if line.startswith(keyword.lower() + " "))
+
+
+def file_value(path, keyword):
+    lines = [line.split(maxsplit=1)[1] for line in path.read_text().splitlines() if line.split()[:1] == [keyword]]
+    return lines[0].strip() if lines else None
+
+
+def assert_in_force(vrfs, seconds):
+    """Datastore, default file, every VRF's file and every running server agree."""
+    assert json.loads(router.run("ssh_cfg_ctl", "get", TIMEOUT).stdout) == seconds
+    assert file_value(router.FILES / "sshd_config", "LoginGraceTime") == str(seconds)
+    for name in vrfs:
+        assert file_value(router.server_file(name), "LoginGraceTime") == str(seconds), name
+        router.wait_for_server(name)
+        assert effective(name, "LoginGraceTime") == str(seconds), name
+    assert router.run("ssh_cfg_ctl", "verify").returncode == 0
+
+
+def main_pids(vrfs):
+    return {name: router.main_pid(router.server_unit(name)) for name in vrfs}
+
+
+def start_call(*arguments):
+    """Starts a call of the tool without waiting for its end."""
+    return subprocess.Popen(
+        ["ssh_cfg_ctl", *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+    )
+
+
+def kill_during(delay, *call):
+    """Kills the agent `delay` seconds after the beginning of a call."""
+    before = router.main_pid(router.AGENT)
+    process = start_call(*call)
+    time.sleep(delay)
+    os.kill(before, signal.SIGKILL)
+    process.communicate(timeout=30)
+    router.wait_until(lambda: router.main_pid(router.AGENT) not in (0, before), 30, "systemd starts the agent again")
+    router.wait_for_agent()
+
+
+def test_a_setting_that_was_interrupted_is_in_force_after_the_restart(servers):
+    router.set_item("cmn/timeout", 40)
+    interrupted = 0
+    for number in range(8):
+        seconds = 50 + number
+        kill_during(0.05 + number * 0.06, "set", TIMEOUT, seconds)
+        stored = json.loads(router.run("ssh_cfg_ctl", "get", TIMEOUT).stdout)
+        assert stored in (seconds, 50 + number - 1, 40)
+        interrupted += stored == seconds
+        assert_in_force(servers, stored)
+        router.set_item("cmn/timeout", seconds)
+    assert interrupted > 0, "no kill came after the value was stored"
+
+
+def test_fips_mode_that_was_interrupted_is_in_force_after_the_restart(servers):
+    kill_during(0.3, "set", FIPS, 1)
+    if router.run("ssh_cfg_ctl", "get", FIPS, check=False).returncode != 0:
+        router.set_item(FIPS, 1)
+    for name in servers:
+        router.wait_for_server(name)
+        assert file_value(router.server_file(name), "NorvoSSHFipsMode") == "yes"
+        assert "chacha20" not in effective(name, "Ciphers")
+        options = ["Ciphers=chacha20-poly1305@openssh.com"]
+        assert router.ssh(name, "true", options=options, check=False).returncode != 0
+    assert router.run("ssh_cfg_ctl", "verify").returncode == 0
+
+
+def test_a_deletion_that_was_interrupted_leaves_no_server(servers):
+    kill_during(0.2, "delete", router.SERVER + "sshd/vrf/")
+    router.run("ssh_cfg_ctl", "delete", router.SERVER + "sshd/vrf/", check=False)
+    for name in servers:
+        router.wait_until(lambda name=name: not router.port_answers(name), what=f"no server in {name}")
+        assert not router.is_active(router.server_unit(name))
+
+
+def test_a_vrf_deleted_while_the_agent_was_away_has_no_server(server):
+    server("red")
+    server("blue")
+    database = next(router.pathlib.Path("/var/lib/ssh_cfg_agent").glob("*.db"))
+    router.run("systemctl", "stop", router.AGENT)
+    router.run("sqlite3", database, "delete from item where path like '%sshd/vrf/red'")
+    router.run("systemctl", "start", router.AGENT)
+    router.wait_for_agent()
+    assert not router.is_active(router.server_unit("red"))
+    assert router.port_answers("blue")
+
+
+def test_a_restart_at_rest_restarts_no_server(servers):
+    history = {
+        "cmn/timeout": 61,
+        "cmn/rate_limit": 50,
+        "cmn/session_limit": 20,
+        "cmn/logging": 1,
+        "cmn/dscp": 10,
+        "cmn/rekey_time": 45,
+        "cmn/max_auth_limit": 7,
+        "cmn/port_forwarding": 1,
+        "cmn/algorithms/cipher": ["aes128-ctr", "aes256-ctr"],
+        "cmn/algorithms/key-exchange": ["ecdh-sha2-nistp256"],
+        "cmn/enable/cipher": [1, None],
+        "cmn/disable/hmac/hmac_sha1": 1,
+        "cmn/trustpoint/host": "host",
+        FIPS: 1,
+    }
+    router.load(history)
+    for clean in (True, False):
+        before = main_pids(servers)
+        (router.restart_agent if clean else router.kill_agent)()
+        assert main_pids(servers) == before, "with everything set"
+    router.load({path: None for path in history})
+    assert router.run("ssh_cfg_ctl", "verify").returncode == 0
+    for clean in (True, False, True):
+        before = main_pids(servers)
+        (router.restart_agent if clean else router.kill_agent)()
+        assert main_pids(servers) == before, "with everything deleted"
+    assert "aes128-cbc" not in effective("red", "Ciphers")
+
+
+def test_fips_mode_switched_off_after_a_restart_restores_the_lists(server):
+    server("red")
+    router.set_item("cmn/algorithms/cipher", ["chacha20-poly1305@openssh.com", "aes128-ctr"])
+    router.set_item(FIPS, 1)
+    for restart in (router.restart_agent, router.kill_agent):
+        restart()
+        for file in (router.FILES / "sshd_config", router.FILES / "ssh_config", router.server_file("red")):
+            text = file.read_text()
+            for refused in ("chacha20", "curve25519", "ssh-ed25519"):
+                assert refused not in text, file
+    router.delete_item(FIPS)
+    router.wait_for_server("red")
+    assert effective("red", "Ciphers") == "chacha20-poly1305@openssh.com,aes128-ctr"
+    assert "NorvoSSHFipsMode" not in router.server_file("red").read_text()
+    assert "curve25519-sha256" in effective("red", "KexAlgorithms")
+
+
+def test_legacy_ciphers_deleted_after_a_restart_are_offered_no_more(server):
+    server("red")
+    router.set_item("cmn/enable/cipher", [1, None])
+    assert "aes128-cbc" in effective("red", "Ciphers")
+    router.restart_agent()
+    router.delete_item("cmn/enable/cipher")
+    router.wait_for_server("red")
+    assert "aes128-cbc" not in effective("red", "Ciphers")
+
+
+def test_a_namespace_replaced_while_the_agent_was_away_has_its_server(server):
+    server("red")
+    router.run("systemctl", "stop", router.AGENT)
+    router.delete_namespace("red")
+    router.add_namespace("red")
+    assert not router.port_answers("red")
+    router.run("systemctl", "start", router.AGENT)
+    router.wait_for_agent()
+    router.wait_for_server("red")
+
+
+def test_a_debug_level_does_not_outlive_the_agent(server):
+    server("red")
+    router.run("ssh_cfg_ctl", "debug", "server-l3", "on")
+    assert file_value(router.server_file("red"), "LogLevel") == "DEBUG3"
+    router.kill_agent()
+    for file in (router.FILES / "sshd_config", router.server_file("red")):
+        assert file_value(file, "LogLevel") is None
+
+
+def test_a_missing_default_file_does_not_keep_a_setting_from_the_servers(server):
+    server("red")
+    (router.FILES / "sshd_config").unlink()
+    router.set_item("cmn/timeout", 77)
+    assert_in_force(["red"], 77)
+
+
+@pytest.fixture
+def full_disk():
+    """Puts the configuration files on a disk of their own without space left: fill() gives the file that fills it."""
+    copy = router.pathlib.Path("/run/files")
+    filler = router.FILES / "filler"
+
+    def fill():
+        shutil.copytree(router.FILES, copy)
+        router.run("mount", "-t", "tmpfs", "-o", "size=256k,mode=0755", "tmpfs", router.FILES)
+        shutil.copytree(copy, router.FILES, dirs_exist_ok=True)
+        router.run("sh", "-c", f"cat /dev/zero > {filler}", check=False)
+        return filler
+
+    yield fill
+    filler.unlink(missing_ok=True)
+    shutil.copytree(router.FILES, copy, dirs_exist_ok=True)
+    router.run("umount", router.FILES)
+    shutil.copytree(copy, router.FILES, dirs_exist_ok=True)
+    shutil.rmtree(copy)
+
+
+def test_a_full_disk_is_reported_and_made_good(server, full_disk):
+    server("red")
+    filler = full_disk()
+    for _ in range(2):
+        result = router.run("ssh_cfg_ctl", "set", TIMEOUT, "77", check=False)
+        assert result.returncode == 6
+        assert "stored, not in force: file /var/opt/norvo/norvossh/sshd_config: No space left on device" in result.stderr
+    assert router.run("ssh_cfg_ctl", "verify", check=False).returncode == 1
+    filler.unlink()
+    router.wait_until(lambda: router.run("ssh_cfg_ctl", "verify", check=False).returncode == 0, 90, "made good")
+    assert_in_force(["red"], 77)
+
+
+# --- verify and repair ----------------------------------------------------------------------------------------------
+
+
+def damage_server_file():
+    file = router.server_file("red")
+    file.write_text(file.read_text().replace("UsePAM yes", "UsePAM no"))
+    return f"file {file}: differs in UsePAM"
+
+
+def damage_default_file():
+    file = router.FILES / "sshd_config"
+    file.write_text(file.read_text() + "PermitEmptyPasswords yes\n")
+    return f"file {file}: differs in PermitEmptyPasswords"
+
+
+def remove_client_file():
+    (router.FILES / "ssh_config").unlink()
+    return f"file {router.FILES / 'ssh_config'}: No such file or directory"
+
+
+def stop_server():
+    router.run("systemctl", "stop", router.server_unit("red"))
+    return "server red: is not running"
+
+
+def damage_unit():
+    unit = router.UNITS / router.server_unit("red")
+    unit.write_text(unit.read_text().replace("on-failure", "no--------"))
+    return "unit red: is missing or differs"
+
+
+@pytest.mark.parametrize(
+    "damage", [damage_server_file, damage_default_file, remove_client_file, stop_server, damage_unit]
+)
+def test_drift_is_found_and_repaired(server, damage):
+    server("red")
+    clean = router.run("ssh_cfg_ctl", "verify")
+    assert clean.returncode == 0
+    text = damage()
+    found = router.run("ssh_cfg_ctl", "verify", check=False)
+    assert found.returncode == 1
+    assert text in found.stdout
+    repaired = router.run("ssh_cfg_ctl", "repair")
+    assert text in repaired.stdout
+    router.wait_for_server("red")
+    assert router.run("ssh_cfg_ctl", "verify").stdout == clean.stdout
+
+
+def test_the_file_of_the_pam_service_is_written_again(server):
+    # The agent notices a deletion by itself; here it is stopped in between.
+    server("red")
+    router.run("systemctl", "stop", router.AGENT)
+    pam = router.pathlib.Path("/etc/pam.d/norvosshd")
+    pam.unlink()
+    router.run("systemctl", "start", router.AGENT)
+    router.wait_for_agent()
+    assert pam.exists()
