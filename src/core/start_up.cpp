@@ -498,9 +498,7 @@ void group_commands_by_commit() {
     enforcement_announce_commits(&callbacks, nullptr);
 }
 
-}  // namespace
-
-start_up_status start_up() {
+start_up_status take_steps() {
     fill_upcalls();
     group_commands_by_commit();
     for (const start_up_step& step : steps) {
@@ -511,6 +509,16 @@ start_up_status start_up() {
         }
     }
     return START_UP_DONE;
+}
+
+}  // namespace
+
+start_up_status start_up() {
+    // One group, so that a systemctl that hangs is waited for once.
+    begin_command_group();
+    const start_up_status status = take_steps();
+    end_command_group();
+    return status;
 }
 
 int run_agent() {

@@ -4,6 +4,7 @@
 
 #include "config_files/restart_record.h"
 #include "core/log.h"
+#include "core/shell_command.h"
 #include "core/trace.h"
 #include "reconcile/configuration_files.h"
 #include "reconcile/findings.h"
@@ -36,11 +37,13 @@ int compare_everything(comparison& run) {
 int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void*) {
     comparison run{repair != 0, sink, sink_context};
     int remaining = -1;
+    begin_command_group();
     try {
         remaining = compare_everything(run);
     } catch (const std::bad_alloc&) {
         log_error("Out of memory while comparing the configuration with the machine");
     }
+    end_command_group();
     trace_event(reconcile_trace_compared, {repair, remaining});
     return remaining;
 }

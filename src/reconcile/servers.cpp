@@ -136,7 +136,8 @@ int compare_servers(comparison& run) {
         return -1;
     }
     std::vector<const vrf_node*> restarted;
-    for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+    // After the notice of a reload the servers stay down on purpose.
+    for (vrf_node* node = server_config.nodes; node != nullptr && !servers_are_held_down(); node = node->next) {
         if (node->reference_count > 0 && vrf_namespace_exists(node->name) &&
             compare_server(run, *node, unit_of(units, node->name))) {
             restarted.push_back(node);
