@@ -5,9 +5,7 @@
 #include "platform/status.h"
 
 bool found(comparison& run, const std::string& subject, const std::string& text) {
-    if (run.sink != nullptr) {
-        run.sink(subject.c_str(), text.c_str(), run.sink_context);
-    }
+    run.sink(subject.c_str(), text.c_str(), run.sink_context);
     if (!run.repair) {
         run.remaining++;
     }

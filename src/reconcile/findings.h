@@ -10,7 +10,7 @@
 /// One comparison, which may also remove what it finds.
 struct comparison {
     bool repair;
-    enforcement_difference_sink sink;  ///< null if nobody listens
+    enforcement_difference_sink sink;
     void* sink_context;
     int remaining = 0;  ///< differences that are left
 };

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "acl/failed_lists.h"
 #include "config_files/restart_record.h"
 #include "core/log.h"
 #include "core/shell_command.h"
@@ -26,6 +27,7 @@ int compare_everything(comparison& run) {
         log_errno("Failed to read the states of the servers");
         return -1;
     }
+    run.remaining += acl_reload_failed(run.repair ? 1 : 0, run.sink, run.sink_context);
     if (run.repair && run.remaining == 0) {
         drop_earlier_restarts();
     }
@@ -50,7 +52,8 @@ int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_cont
 
 void reconcile_at_start() {
     constexpr enforcement_callbacks callbacks = {reconcile};
-    if (reconcile(1, nullptr, nullptr, nullptr) < 0) {
+    const auto nobody = [](const char*, const char*, void*) {};
+    if (reconcile(1, nobody, nullptr, nullptr) < 0) {
         enforcement_failed("servers", "their states cannot be read");
     }
     const platform_status status = enforcement_register(&callbacks, nullptr);

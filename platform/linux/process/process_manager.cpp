@@ -28,12 +28,13 @@ namespace {
 
 struct {
     bool counted;
-    bool ready;
+    bool ready;     ///< the agent has said that it is ready
+    bool notified;  ///< and the service manager knows
     uint32_t respawn_count;
     uint32_t role;
     time_t started;
     uint64_t reported;  ///< when progress was last reported, in microseconds
-} state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
+} state = {false, false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
 
 constexpr size_t respawn_file_max = 64;
 
@@ -136,6 +137,7 @@ void process_manager_notify_ready() {
     if (!state.ready) {
         return;
     }
+    state.notified = true;
     const errno_keeper keeper;
     const int result = sd_notify(0, "READY=1");
     if (result < 0) {
@@ -149,7 +151,7 @@ void process_manager_progress(void) {
     if (time - state.reported >= time_between_reports()) {
         state.reported = time;
         // A report that is lost is followed by the next one.
-        sd_notify(0, state.ready && !termination_is_pending() ? "WATCHDOG=1" : extend_timeout);
+        sd_notify(0, state.notified && !termination_is_pending() ? "WATCHDOG=1" : extend_timeout);
     }
 }
 
@@ -175,6 +177,6 @@ process_status process_manager_status() {
 }
 
 void process_manager_reset() {
-    state = {false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
+    state = {false, false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
     node_lock_release();
 }
