@@ -165,6 +165,7 @@ TEST_F(process_manager_test, progress_feeds_the_watchdog) {
     EXPECT_EQ("", notify.receive()) << "not more often than needed";
     process_manager_reset();
     process_manager_ready();
+    process_manager_notify_ready();
     EXPECT_EQ("READY=1", notify.receive());
     process_manager_progress();
     EXPECT_EQ("WATCHDOG=1", notify.receive());
@@ -186,6 +187,7 @@ TEST_F(process_manager_test, progress_extends_a_stop_that_waits_for_the_present_
     datagram_listener notify("/run/notify");
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
     process_manager_ready();
+    process_manager_notify_ready();
     EXPECT_EQ("READY=1", notify.receive());
     sigset_t blocked;
     sigemptyset(&blocked);
