@@ -165,8 +165,10 @@ def test_a_blocked_vrf(server):
         assert router.set_item("cmn/timeout", 33, check=False).returncode == 6
         vrf = state()
         assert vrf["blocked"] is True
-        assert f"VRF red: new connections are blocked since {vrf['blocked_since']}" in problems()
-        assert vrf["failures"][0]["subject"] == "server red" and vrf["failures"][0]["reason"]
+        failure = vrf["failures"][0]
+        assert failure["subject"] == "server red" and failure["reason"]
+        blocked = f"VRF red: new connections are blocked since {vrf['blocked_since']}: {failure['reason']}"
+        assert blocked in problems()
     finally:
         shutil.rmtree(drop_in)
         router.run("systemctl", "daemon-reload")

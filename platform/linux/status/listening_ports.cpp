@@ -1,26 +1,38 @@
 #include "linux/status/listening_ports.h"
 
+#include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
+#include <libmnl/libmnl.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <sched.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
-#include <cinttypes>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
+#include "common/file_descriptor.h"
 #include "common/number.h"
+#include "linux/status/child_output.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 
 namespace {
 
+constexpr std::chrono::milliseconds limit{3000};
 constexpr unsigned listen_state = 10;  ///< TCP_LISTEN
 
 struct closer {
     void operator()(DIR* folder) const { closedir(folder); }
-    void operator()(FILE* file) const { fclose(file); }
 };
 
 std::string path_of(pid_t process, const char* name) {
@@ -44,37 +56,85 @@ std::set<uint64_t> sockets_of(pid_t process) {
     return sockets;
 }
 
-/// Reads one of the kernel's tables. Listening sockets come first, so a long list of connections is not read.
-void add_ports(const std::string& table, const std::set<uint64_t>& sockets, std::set<uint16_t>& ports) {
-    const std::unique_ptr<FILE, closer> file(fopen(table.c_str(), "re"));
-    std::array<char, 512> line = {};
-    bool is_heading = true;
-    while (file != nullptr && fgets(line.data(), line.size(), file.get()) != nullptr) {
-        unsigned port = 0;
-        unsigned state = 0;
-        uint64_t socket = 0;
-        if (is_heading) {
-            is_heading = false;
-        } else if (sscanf(line.data(), "%*u: %*[^:]:%x %*s %x %*s %*s %*s %*u %*u %" SCNu64, &port, &state, &socket) !=
-                       3 ||
-                   state != listen_state) {
-            return;
-        } else if (sockets.contains(socket)) {
-            ports.insert(static_cast<uint16_t>(port));
+/// Asks for the listening sockets of a family in the present namespace. The files in /proc/net would make the kernel go
+/// through the connections of all namespaces.
+bool ask_for_listeners(int fd, uint8_t family) {
+    struct {
+        nlmsghdr header;
+        inet_diag_req_v2 body;
+    } request = {};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    request.body.sdiag_family = family;
+    request.body.sdiag_protocol = IPPROTO_TCP;
+    request.body.idiag_states = 1U << listen_state;
+    return send(fd, &request, sizeof request, 0) == static_cast<ssize_t>(sizeof request);
+}
+
+/// Adds the ports of one part of the answer. Returns whether another part follows.
+bool add_part(const char* part, ssize_t size, const std::set<uint64_t>& sockets, std::set<uint16_t>& ports) {
+    int left = static_cast<int>(size);
+    for (const auto* header = reinterpret_cast<const nlmsghdr*>(part); mnl_nlmsg_ok(header, left);
+         header = mnl_nlmsg_next(header, &left)) {
+        if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) {
+            return false;
+        }
+        const auto* found = static_cast<const inet_diag_msg*>(mnl_nlmsg_get_payload(header));
+        if (sockets.contains(found->idiag_inode)) {
+            ports.insert(ntohs(found->id.idiag_sport));
         }
     }
+    return size > 0;
+}
+
+void add_ports(uint8_t family, const std::set<uint64_t>& sockets, std::set<uint16_t>& ports) {
+    const file_descriptor diagnosis(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
+    if (diagnosis.get() < 0 || !ask_for_listeners(diagnosis.get(), family)) {
+        return;
+    }
+    alignas(nlmsghdr) std::array<char, 16384> part = {};
+    while (add_part(part.data(), recv(diagnosis.get(), part.data(), part.size(), 0), sockets, ports)) {
+    }
+}
+
+/// Enters the process's namespace for good.
+std::set<uint16_t> ports_of(pid_t process) {
+    const std::set<uint64_t> sockets = sockets_of(process);
+    std::set<uint16_t> ports;
+    const file_descriptor target(open(path_of(process, "ns/net").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!sockets.empty() && target.get() >= 0 && setns(target.get(), CLONE_NEWNET) == 0) {
+        add_ports(AF_INET, sockets, ports);
+        add_ports(AF_INET6, sockets, ports);
+    }
+    return ports;
+}
+
+/// The child: writes a line for each port, with the process's position before it.
+int write_ports(const std::vector<pid_t>& processes, int fd) {
+    for (size_t i = 0; i < processes.size(); i++) {
+        for (const uint16_t port : ports_of(processes[i])) {
+            dprintf(fd, "%zu %u\n", i, unsigned{port});
+        }
+    }
+    return EXIT_SUCCESS;
 }
 
 }  // namespace
 
-std::set<uint16_t> listening_ports(pid_t process) {
-    const std::set<uint64_t> sockets = sockets_of(process);
-    std::set<uint16_t> ports;
-    if (!sockets.empty()) {
-        add_ports(path_of(process, "net/tcp"), sockets, ports);
-        add_ports(path_of(process, "net/tcp6"), sockets, ports);
+platform_status listening_ports_query(const std::vector<pid_t>& processes, std::vector<std::set<uint16_t>>& ports) {
+    ports.assign(processes.size(), {});
+    std::string text;
+    const platform_status status =
+        processes.empty() ? platform_status{PLATFORM_OK}
+                          : child_output([&processes](int fd) { return write_ports(processes, fd); }, limit, text);
+    std::istringstream lines(text);
+    size_t place = 0;
+    unsigned port = 0;
+    while (lines >> place >> port) {
+        ports.at(place).insert(static_cast<uint16_t>(port));
     }
-    return ports;
+    return status;
 }
 
 bool runs_in_another_namespace(pid_t process, const std::string& vrf_name) {

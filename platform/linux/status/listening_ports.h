@@ -7,9 +7,13 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <vector>
 
-/// The TCP ports on which the process itself listens, in its own network namespace; empty if it is gone.
-std::set<uint16_t> listening_ports(pid_t process);
+#include "platform/status.h"
+
+/// Stores for each process the TCP ports on which it listens itself, in its own network namespace: none if it is gone. A
+/// child process enters the namespaces, one after the other, for at most three seconds altogether (ETIMEDOUT).
+platform_status listening_ports_query(const std::vector<pid_t>& processes, std::vector<std::set<uint16_t>>& ports);
 
 /// Whether the process runs in another network namespace than the VRF's present one; false if either is gone.
 bool runs_in_another_namespace(pid_t process, const std::string& vrf_name);

@@ -124,17 +124,34 @@ std::optional<launch_record> launch_of(const vrf_status& vrf) {
 void look_at_server(vrf_status& vrf) {
     const pid_t process = vrf.unit.has_value() ? vrf.unit->main_process : 0;
     if (process > 0) {
-        vrf.ports = listening_ports(process);
         vrf.runs_elsewhere = runs_in_another_namespace(process, vrf.name);
     }
     vrf.launch = launch_of(vrf);
 }
 
-bool contains_word(std::string_view text, std::string_view word) {
-    for (size_t at = text.find(word); at != std::string_view::npos; at = text.find(word, at + 1)) {
-        const size_t end = at + word.size();
-        if ((at == 0 || text[at - 1] == ' ') && (end == text.size() || text[end] == ' ')) {
-            return true;
+platform_status look_at_ports(std::vector<vrf_status>& vrfs) {
+    std::vector<pid_t> processes;
+    std::vector<vrf_status*> owners;
+    for (vrf_status& vrf : vrfs) {
+        if (vrf.unit.has_value() && vrf.unit->main_process > 0) {
+            processes.push_back(vrf.unit->main_process);
+            owners.push_back(&vrf);
+        }
+    }
+    std::vector<std::set<uint16_t>> ports;
+    const platform_status status = listening_ports_query(processes, ports);
+    for (size_t i = 0; i < owners.size(); i++) {
+        owners[i]->ports = ports[i];
+    }
+    return status;
+}
+
+/// Whether a subject has the form "KIND NAME" or "KIND NAME ...", where the kind is one of the things that belong to a VRF.
+bool names_vrf(std::string_view subject, std::string_view vrf_name) {
+    for (const std::string_view kind : {"server ", "unit ", "rules "}) {
+        if (subject.starts_with(kind)) {
+            const std::string_view rest = subject.substr(kind.size());
+            return rest.substr(0, rest.find(' ')) == vrf_name;
         }
     }
     return false;
@@ -142,7 +159,7 @@ bool contains_word(std::string_view text, std::string_view word) {
 
 /// Whether a subject is about the VRF: "server NAME", "rules NAME ssh ipv4", "file FOLDER/sshd_config_NAME", or its item.
 bool concerns(std::string_view subject, const std::string& vrf_name) {
-    return contains_word(subject, vrf_name) || subject.ends_with(server_file_prefix + vrf_name) ||
+    return names_vrf(subject, vrf_name) || subject.ends_with(server_file_prefix + vrf_name) ||
            (subject.starts_with(servers) && subject.ends_with('/' + vrf_name));
 }
 
@@ -228,6 +245,7 @@ platform_status machine_status_collect(machine_status& machine) {
             machine.vrfs.push_back(std::move(vrf));
         }
     }
+    machine.ports = look_at_ports(machine.vrfs);
     machine.rules = look_at_lists(machine.vrfs);
     return PLATFORM_OK;
 }

@@ -50,6 +50,7 @@ struct machine_status {
     std::vector<vrf_status> vrfs;  ///< those with a configured service or a running server, in byte order of the names
     std::vector<enforcement_entry> failures;  ///< all that is recorded as not in force
     platform_status units = PLATFORM_OK;      ///< whether systemd has told its units' states
+    platform_status ports = PLATFORM_OK;      ///< whether the kernel has told the listening sockets
     platform_status rules = PLATFORM_OK;      ///< whether the kernel has told its rules
 };
 

@@ -75,13 +75,23 @@ class vrf_judge {
     void judge_protection() {
         const std::string since = " since " + status_time(vrf_.protection.closed_since);
         if (vrf_.protection.blocked) {
-            add("new connections are blocked" + since);
+            add("new connections are blocked" + since + reason_of_block());
             return;
         }
         for (const std::string& closed : vrf_.protection.closed) {
             add(text_format("new connections to %s are blocked%s for want of the access list", closed.c_str(),
                             since.c_str()));
         }
+    }
+
+    /// A VRF stays blocked when its server did not start.
+    std::string reason_of_block() const {
+        for (const enforcement_entry& failure : vrf_.failures) {
+            if (failure.subject == "server " + vrf_.name) {
+                return ": " + failure.reason;
+            }
+        }
+        return "";
     }
 
     bool is_closed(const list_status& list) const {
@@ -138,6 +148,7 @@ std::string status_time(time_t moment) {
 std::vector<enforcement_difference> machine_problems(const machine_status& machine) {
     problem_list problems;
     add_unanswered(machine.units, "servers", "the states of the units cannot be read: ", problems);
+    add_unanswered(machine.ports, "servers", "the ports on which they listen cannot be read: ", problems);
     add_unanswered(machine.rules, "access lists", "the rules in the kernel cannot be read: ", problems);
     for (const vrf_status& vrf : machine.vrfs) {
         vrf_judge(vrf, problems).judge();

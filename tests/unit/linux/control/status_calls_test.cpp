@@ -1,6 +1,9 @@
+#include <sys/stat.h>
+
 #include "linux/enforcement/enforcement_internal.h"
 #include "linux/vrf/vrf_table_internal.h"
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/platform_test_support.h"
 
 namespace {
 
@@ -47,8 +50,9 @@ TEST_F(control_status_calls_test, what_is_recorded_is_shown_with_its_vrf) {
     enforcement_failed("server nowhere", "it fails");
     enforcement_failed("file /var/opt/norvo/norvossh/sshd_config_nowhere", "disk full");
     enforcement_failed("server nowhere2", "of another VRF");
+    enforcement_failed("key nowhere", "of a user with the VRF's name");
     const control_json data = ask(R"({"call":"status"})")["data"];
-    EXPECT_EQ(data["not_in_force"].size(), 3U);
+    EXPECT_EQ(data["not_in_force"].size(), 4U);
     ASSERT_EQ(data["vrfs"][0]["failures"].size(), 2U);
     EXPECT_EQ(data["vrfs"][0]["failures"][1]["reason"], "it fails");
     EXPECT_THAT(texts(data["problems"]), HasSubstr("of another VRF"));
@@ -66,6 +70,24 @@ TEST_F(control_status_calls_test, a_check_also_compares_and_fails) {
     EXPECT_THAT(texts(answer["data"]["problems"]), HasSubstr(R"({"subject":"file /a","text":"differs"})"));
     EXPECT_THAT(texts(answer["data"]["problems"]), Not(HasSubstr("is known"))) << "the failure says so already";
     EXPECT_EQ(result(R"({"call":"status","check":1})"), "usage");
+}
+
+/// Takes systemd's place for this process, and knows no unit.
+void stand_in_for_systemctl() {
+    const std::string folder = testing::TempDir() + "status_calls_test";
+    platform_test::write_file(folder + "/systemctl", "#!/bin/sh\n");
+    ASSERT_EQ(chmod((folder + "/systemctl").c_str(), 0755), 0);
+    setenv("PATH", (folder + ":" + getenv("PATH")).c_str(), 1);
+}
+
+TEST_F(control_status_calls_test, a_check_succeeds_when_all_is_as_configured) {
+    stand_in_for_systemctl();
+    constexpr enforcement_callbacks callbacks = {
+        [](uint32_t repair, enforcement_difference_sink, void*, void*) { return static_cast<int>(repair); }};
+    ASSERT_EQ(enforcement_register(&callbacks, nullptr), PLATFORM_OK);
+    const control_json answer = ask(R"({"call":"status","check":true})");
+    EXPECT_EQ(answer["result"], "done");
+    EXPECT_EQ(texts(answer["data"]["problems"]), "[]");
 }
 
 TEST_F(control_status_calls_test, a_check_without_comparison_says_so) {

@@ -12,6 +12,13 @@ namespace {
 
 using testing::UnorderedElementsAre;
 
+std::set<uint16_t> listening_ports(pid_t process) {
+    std::vector<std::set<uint16_t>> ports;
+    EXPECT_EQ(listening_ports_query({process}, ports), PLATFORM_OK);
+    EXPECT_EQ(ports.size(), 1U);
+    return ports[0];
+}
+
 /// Listens on a free port of the loopback address, which is returned.
 uint16_t listen_on_any_port(int fd, int family) {
     sockaddr_storage address = {};

@@ -108,15 +108,20 @@ TEST(problems, of_blocked_connections) {
     vrf.protection.blocked = true;
     vrf.protection.closed_since = 1000000000;
     EXPECT_THAT(lines_of(vrf), ElementsAre("VRF red: new connections are blocked since 2001-09-09T01:46:40Z"));
+    vrf.failures = {{"rules red ssh ipv4", "not loaded", 1, 0}, {"server red", "it did not start", 1, 0}};
+    EXPECT_THAT(lines_of(vrf), ElementsAre("VRF red: new connections are blocked since 2001-09-09T01:46:40Z: "
+                                           "it did not start"));
 }
 
 TEST(problems, are_what_is_recorded_and_what_cannot_be_asked) {
     machine_status machine;
     machine.units = ETIMEDOUT;
+    machine.ports = EPERM;
     machine.rules = EIO;
     machine.failures = {{"server red", "it did not start", 1000000000, 0}};
     EXPECT_THAT(lines_of(machine),
                 ElementsAre("servers: the states of the units cannot be read: Connection timed out",
+                            "servers: the ports on which they listen cannot be read: Operation not permitted",
                             "access lists: the rules in the kernel cannot be read: Input/output error",
                             "server red: it did not start (not in force since 2001-09-09T01:46:40Z)"));
 }
