@@ -49,6 +49,7 @@ def test_a_sound_server_is_one_line(server):
     assert vrf["access_lists"] == [] and vrf["failures"] == []
     assert vrf["blocked"] is False and vrf["closed"] == [] and vrf["blocked_since"] is None
     assert problems() == []
+    assert check() == 0
     assert table_line().split() == "red ssh netconf present running 22 830 current none no".split()
 
 
@@ -57,7 +58,7 @@ def test_a_restart_of_the_agent_changes_nothing(server):
     before = state()
     router.restart_agent()
     assert state() == before
-    assert problems() == []
+    assert problems() == [] and check() == 0
 
 
 def test_a_stopped_server(server):
