@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <iterator>
 
+#include "acl/failed_lists.h"
 #include "acl/list_verifier.h"
 #include "acl/nft_files.h"
-#include "acl/failed_lists.h"
 #include "acl/subscription.h"
 #include "config_files/default_contents.h"
 #include "config_files/parameter_table.h"

@@ -144,7 +144,7 @@ int compare_servers(comparison& run) {
         }
     }
     for (const unit_state& unit : units) {
-        if (is_running(unit) && !is_wanted(unit)) {
+        if (!is_stopped(unit) && !is_wanted(unit)) {
             stop_unwanted(run, unit);
         }
     }

@@ -60,7 +60,11 @@ void read_units(FILE* file, std::vector<unit_state>& units) {
 }  // namespace
 
 bool is_running(const unit_state& unit) {
-    return unit.active_state == "active" || unit.active_state == "activating" || unit.active_state == "reloading";
+    return unit.active_state == "active" || unit.active_state == "reloading";
+}
+
+bool is_stopped(const unit_state& unit) {
+    return unit.active_state == "inactive" || unit.active_state == "failed";
 }
 
 int read_unit_states(std::vector<unit_state>* units) {

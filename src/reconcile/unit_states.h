@@ -13,8 +13,11 @@ struct unit_state {
     uint64_t started;          ///< CLOCK_MONOTONIC in microseconds; UINT64_MAX if unknown
 };
 
-/// Whether the server runs or is about to.
+/// Whether the server runs. One that systemd tries to start again and again does not.
 bool is_running(const unit_state& unit);
+
+/// Whether there is nothing to stop.
+bool is_stopped(const unit_state& unit);
 
 /// Asks for all units that systemd has loaded, with one command. Returns 0, or -1 with errno. May throw std::bad_alloc.
 int read_unit_states(std::vector<unit_state>* units);
