@@ -109,6 +109,7 @@ acl_rules make_acl_rules(uint32_t family, uint32_t service, const std::vector<st
         return made;
     }
     std::vector<acl_list_entry> entries;
+    entries.reserve(records.size());
     for (const std::string& record : records) {
         entries.push_back({record.data(), record.size()});
     }

@@ -162,6 +162,7 @@ acl_objection acl_check_list(uint32_t family, const std::vector<acl_stored_entry
         return objection;
     }
     std::vector<std::string_view> texts;
+    texts.reserve(rules.size());
     for (const acl_service_rules& each : rules) {
         texts.emplace_back(each.text);
     }

@@ -165,10 +165,12 @@ bool parse_complaint(std::string_view line, rule_complaint& complaint) {
 std::vector<rule_check> check_rules(const std::vector<std::string_view>& texts, std::chrono::milliseconds limit) {
     const steady::time_point deadline = steady::now() + limit;
     std::vector<std::unique_ptr<nft_run>> runs;
+    runs.reserve(texts.size());
     for (const std::string_view text : texts) {
         runs.push_back(std::make_unique<nft_run>(text));
     }
     std::vector<rule_check> checks;
+    checks.reserve(runs.size());
     for (const auto& run : runs) {
         checks.push_back(run->finish(deadline));
     }
