@@ -95,3 +95,18 @@ def test_a_standby_answers_and_takes_no_changes(standby):
     router.wait_until(lambda: router.ctl("status", check=False).returncode == 0, 30, "the primary answers")
     router.wait_until(lambda: router.ctl("status")["role"] == "primary", 30, "the node is the primary one")
     assert tool("set", TIMEOUT, "46").returncode == 0
+
+
+def test_a_setting_that_sshd_rejects_is_named_with_its_words(server):
+    server("red")
+    # Host keys of certificates alone, which stock sshd has not.
+    item = router.SERVER + "cmn/algorithms/host-key"
+    result = tool("set", item, json.dumps([0, 0, 0, 0, 0, 1, 0, 0, 0, 0]))
+    assert result.returncode == 6
+    assert "stored, not in force: server file red: sshd rejected the file, the last good one is in use: " in result.stderr
+    assert router.port_answers("red")
+    verified = tool("verify")
+    assert verified.returncode == 1 and "server file red: " in verified.stdout
+    assert tool("repair").returncode == 1
+    assert tool("delete", item).returncode == 0
+    assert tool("verify").returncode == 0

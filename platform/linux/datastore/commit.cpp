@@ -8,6 +8,7 @@
 #include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/state.h"
+#include "linux/enforcement/server_files.h"
 #include "platform/process_manager.h"
 
 namespace {
@@ -353,6 +354,7 @@ bool repeats_a_value(const commit_plan& plan) {
 std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
     const enforcement_collector collector;
     carry_out(plan);
+    server_files_report();
     if (!repeats_a_value(plan) || !enforcement_any_failed()) {
         return collector.entries();
     }

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "linux/enforcement/enforcement_internal.h"
+#include "linux/enforcement/server_files.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -195,6 +196,21 @@ bool enforcement_can_compare() {
     return state.callbacks.reconcile != nullptr;
 }
 
+namespace {
+
+/// Adds what only the platform can tell: whether the servers run with their present files.
+void add_server_files(bool repair, reported_differences& reported, int& remaining) {
+    for (server_file_difference& difference : server_file_differences()) {
+        if (repair) {
+            enforcement_failed(difference.subject.c_str(), difference.text.c_str());
+        }
+        reported.list.push_back({std::move(difference.subject), std::move(difference.text)});
+        remaining += remaining >= 0 ? 1 : 0;
+    }
+}
+
+}  // namespace
+
 enforcement_comparison enforcement_reconcile(bool repair) {
     enforcement_comparison comparison;
     if (!enforcement_can_compare() || state.run != 0) {
@@ -205,6 +221,7 @@ enforcement_comparison enforcement_reconcile(bool repair) {
     state.run = run;
     comparison.remaining = state.callbacks.reconcile(repair ? 1 : 0, take_difference, &reported, state.context);
     state.run = 0;
+    add_server_files(repair, reported, comparison.remaining);
     if (!reported.complete) {
         comparison.remaining = -1;
     }

@@ -196,6 +196,8 @@ TEST_F(reconciliation_test, in_fips_mode_a_restart_offers_nothing_that_the_filte
     fake_platform::store(host_key_change({1, 0, 0, 0, 0, 0, 1, 1, 0, 0}));
     fake_platform::store(fake_platform::set_number(fips_item, 1));
     start();
+    die_and_start();
+    EXPECT_THAT(restarts(), IsEmpty());
     for (const std::string& file : {std::string(paths::server_file), std::string(paths::client_file), file_of("red")}) {
         const std::string text = read_file(file);
         for (const char* refused : {"curve25519", "chacha20", "ed25519"}) {
