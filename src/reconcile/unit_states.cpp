@@ -15,6 +15,9 @@ namespace {
 
 constexpr char command[] =
     "systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic 'sshd_service_*'";
+/// Listing units takes milliseconds. If it hangs, every systemctl does.
+constexpr command_limit listing_of_units = {10'000, true};
+
 constexpr char unit_prefix[] = "sshd_service_";
 constexpr char unit_suffix[] = ".service";
 constexpr size_t line_size = 512;
@@ -74,7 +77,7 @@ int read_unit_states(std::vector<unit_state>* units) {
     if (output < 0) {
         return -1;
     }
-    const int status = run_shell_command(command, systemctl_limit, output);
+    const int status = run_shell_command(command, listing_of_units, output);
     FILE* file = status == 0 && lseek(output, 0, SEEK_SET) == 0 ? fdopen(output, "r") : nullptr;
     if (file == nullptr) {
         const int error = status > 0 ? EIO : errno;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <exception>
 
 #include "linux/enforcement/enforcement_internal.h"
@@ -36,12 +37,22 @@ void repair() {
 
 int repair_is_due(sd_event_source*, uint64_t, void*);
 
+/// The loop's own clock stands still while a handler runs, and a repair may take longer than the delay.
+uint64_t present_time() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<uint64_t>(now.tv_sec) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
 int set_timer(uint64_t delay) {
+    const uint64_t due = present_time() + delay;
     if (retry.timer == nullptr) {
-        return sd_event_add_time_relative(retry.loop, &retry.timer, CLOCK_BOOTTIME, delay, accuracy, repair_is_due,
-                                          nullptr);
+        const int result =
+            sd_event_add_time(retry.loop, &retry.timer, CLOCK_BOOTTIME, due, accuracy, repair_is_due, nullptr);
+        // Answers and other events go first.
+        return result < 0 ? result : sd_event_source_set_priority(retry.timer, SD_EVENT_PRIORITY_IDLE);
     }
-    const int result = sd_event_source_set_time_relative(retry.timer, delay);
+    const int result = sd_event_source_set_time(retry.timer, due);
     return result < 0 ? result : sd_event_source_set_enabled(retry.timer, SD_EVENT_ONESHOT);
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <thread>
 
 #include "unit/linux/enforcement/enforcement_test_support.h"
 #include "unit/linux/platform_test_support.h"
@@ -54,6 +55,38 @@ TEST_F(enforcement_retry_test, what_is_not_in_force_is_repaired_with_growing_pau
     EXPECT_NEAR(seconds_after(start, 0), 1.0, 0.5);
     EXPECT_NEAR(seconds_after(times[0], 1), 2.0, 0.5);
     EXPECT_THAT(script.runs, Each(1U));
+}
+
+TEST_F(enforcement_retry_test, the_pause_begins_at_the_end_of_a_repair) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    script.meanwhile = [this] {
+        times.push_back(steady::now());
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+    };
+    enforcement_failed("server mgmt", "exit status 1");
+    ASSERT_TRUE(repaired(2, 8000));
+    EXPECT_GE(seconds_after(times[0], 1), 3.9);
+}
+
+TEST_F(enforcement_retry_test, what_waits_for_the_loop_goes_before_a_repair) {
+    ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
+    enforcement_failed("server mgmt", "exit status 1");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    // Both are due when the loop comes to them.
+    struct {
+        const std::vector<uint32_t>& runs;
+        size_t repairs_before = 1;
+    } answer{script.runs};
+    sd_event_source* source = nullptr;
+    const auto answered = [](sd_event_source*, uint64_t, void* userdata) {
+        auto& seen = *static_cast<decltype(answer)*>(userdata);
+        seen.repairs_before = seen.runs.size();
+        return 0;
+    };
+    ASSERT_GE(sd_event_add_time(event_manager_sd_event(manager), &source, CLOCK_BOOTTIME, 0, 0, answered, &answer), 0);
+    EXPECT_TRUE(repaired(1, 2000));
+    EXPECT_EQ(answer.repairs_before, 0U);
+    sd_event_source_disable_unref(source);
 }
 
 TEST_F(enforcement_retry_test, repairs_end_when_all_is_in_force) {
