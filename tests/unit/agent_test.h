@@ -18,6 +18,7 @@
 #include "files.h"
 #include "golden.h"
 #include "stub_commands.h"
+#include "vrf/node_registry.h"
 
 class agent_test : public testing::Test {
   protected:
@@ -41,6 +42,12 @@ class agent_test : public testing::Test {
     static start_up_status start_agent() {
         fake_platform::end_process();
         return start_up();
+    }
+
+    static void forget_vrf_nodes() {
+        while (server_config.nodes != nullptr) {
+            delete_vrf_node(server_config.nodes);
+        }
     }
 
     static mode_t mode_of(const std::string& path) {

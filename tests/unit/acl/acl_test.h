@@ -80,11 +80,7 @@ class acl_test : public agent_test {
         agent_handles.event_manager = nullptr;
     }
 
-    ~acl_test() override {
-        while (server_config.nodes != nullptr) {
-            delete_vrf_node(server_config.nodes);
-        }
-    }
+    ~acl_test() override { forget_vrf_nodes(); }
 
     static void register_entries() {
         record_transaction* transaction = nullptr;

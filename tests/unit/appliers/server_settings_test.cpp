@@ -50,11 +50,7 @@ class server_settings_test : public agent_test {
         forget();
     }
 
-    ~server_settings_test() override {
-        while (server_config.nodes != nullptr) {
-            delete_vrf_node(server_config.nodes);
-        }
-    }
+    ~server_settings_test() override { forget_vrf_nodes(); }
 
     static void forget() {
         fake_platform::clear_calls();

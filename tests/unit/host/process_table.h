@@ -33,12 +33,22 @@ inline void add_session(int pid) {
     add(pid, session_process, ordinary_user, "/bin/dash");
 }
 
-/// Replaces /proc: a server with one session process, for as many wrappers as are added.
-inline void set_up() {
-    ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
-    add(listener, 1, 0, server);
-    add(session_process, listener, ordinary_user, server);
-}
+/// Replaces /proc for its lifetime: a server with one session process, for as many wrappers as are added.
+class replacement {
+  public:
+    replacement() { set_up(); }
+    replacement(const replacement&) = delete;
+    replacement& operator=(const replacement&) = delete;
+    /// The leak check at the end of a test program reads the kernel's table.
+    ~replacement() { EXPECT_EQ(umount2("/proc", MNT_DETACH), 0); }
+
+  private:
+    static void set_up() {
+        ASSERT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
+        add(listener, 1, 0, server);
+        add(session_process, listener, ordinary_user, server);
+    }
+};
 
 }  // namespace process_table
 

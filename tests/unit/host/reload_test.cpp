@@ -47,14 +47,11 @@ class reload_test : public agent_test {
         fake_platform::clear_calls();
         stub_commands::install_command("ps");
         command_trail::begin();
-        process_table::set_up();
     }
 
     ~reload_test() override {
         command_trail::end();
-        while (server_config.nodes != nullptr) {
-            delete_vrf_node(server_config.nodes);
-        }
+        forget_vrf_nodes();
         for (const pid_t session : sessions) {
             kill(session, SIGKILL);
             waitpid(session, nullptr, 0);
@@ -138,6 +135,7 @@ class reload_test : public agent_test {
     static bool acknowledged() { return fake_platform::count_calls("shelf_manager_acknowledge_reload") == 1; }
     static bool informed(const std::string& text) { return fake_platform::logged("INFO_GENERAL", text); }
 
+    process_table::replacement processes_;
     std::vector<pid_t> sessions;
 };
 

@@ -13,7 +13,7 @@ constexpr unsigned user = process_table::ordinary_user;
 
 class session_processes_test : public agent_test {
   protected:
-    session_processes_test() { process_table::set_up(); }
+    process_table::replacement processes_;
 };
 
 }  // namespace

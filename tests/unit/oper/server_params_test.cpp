@@ -17,11 +17,7 @@ namespace {
 
 class server_params_test : public agent_test {
   protected:
-    ~server_params_test() override {
-        while (server_config.nodes != nullptr) {
-            delete_vrf_node(server_config.nodes);
-        }
-    }
+    ~server_params_test() override { forget_vrf_nodes(); }
 
     static ssh_server_params filled() {
         ssh_server_params params;

@@ -60,7 +60,7 @@ class reconciliation_test : public algorithm_test {
 
     /// The agent dies without a word and is started again; the servers go on running.
     static void die_and_start(uint32_t respawn_count = 2) {
-        server_config.nodes = nullptr;
+        forget_vrf_nodes();
         agent_handles = {};
         fake_platform::set_respawn_count(respawn_count);
         stub_commands::clear_log();

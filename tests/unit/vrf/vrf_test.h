@@ -38,9 +38,7 @@ class vrf_test : public agent_test {
 
     ~vrf_test() override {
         command_trail::end();
-        while (server_config.nodes != nullptr) {
-            delete_vrf_node(server_config.nodes);
-        }
+        forget_vrf_nodes();
     }
 
     /// Nothing that has happened so far counts.
