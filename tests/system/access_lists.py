@@ -35,8 +35,8 @@ def delete_all_lists():
 
 
 def rules(vrf, table, family="ip"):
-    """The rules of a VRF's table as the kernel lists them, without the lines of the table and the chain. Empty when there
-    is no table."""
+    """The rules of a VRF's table as the kernel lists them, without the lines of the table and the chain. Empty if there is
+    no table."""
     lines = router.in_vrf(vrf, "nft", "list", "table", family, table, check=False).stdout.splitlines()
     own = ("table ", "chain ", "type filter hook", "}")
     return [line.strip() for line in lines if not line.strip().startswith(own)]

@@ -3,6 +3,7 @@
 import pathlib
 import shutil
 
+import access_lists
 import pytest
 import router
 
@@ -60,6 +61,22 @@ def server(vrf):
         return name
 
     return make
+
+
+@pytest.fixture
+def lists_and_wires(clean_router):
+    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
+    yield
+    router.run("ip", "netns", "del", access_lists.PEER, check=False)
+    access_lists.delete_all_lists()
+
+
+@pytest.fixture
+def mgmt(vrf, lists_and_wires):
+    """The VRF mgmt with a link to the neighbour, without a server."""
+    vrf("mgmt")
+    access_lists.connect_wires("mgmt")
+    return "mgmt"
 
 
 @pytest.fixture

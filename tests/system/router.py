@@ -19,7 +19,7 @@ RUNTIME = pathlib.Path("/run/ssh_cfg_agent")
 AGENT_TMP = RUNTIME / "tmp"
 AGENT = "ssh_cfg_agent.service"
 
-# A tuple without access lists: anybody can reach the VRF's server.
+# A tuple without access lists: anyone can reach the VRF's server.
 OPEN = [None, None, None]
 
 

@@ -13,21 +13,7 @@ from access_lists import (ALLOWED, ALLOWED6, DENIED, DENIED6, OTHER_PORT, PEER, 
 TABLES = {22: ("norvossh_v4acl", "norvossh_v6acl"), 830: ("netconf_v4acl", "netconf_v6acl")}
 ITEMS = {22: "sshd/vrf/mgmt", 830: "sshd/vrf-netconf/mgmt"}
 
-
-@pytest.fixture(autouse=True)
-def lists_and_wires(clean_router):
-    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
-    yield
-    router.run("ip", "netns", "del", PEER, check=False)
-    access_lists.delete_all_lists()
-
-
-@pytest.fixture
-def mgmt(vrf):
-    """The VRF mgmt with a link to the neighbour, without a server."""
-    vrf("mgmt")
-    access_lists.connect_wires("mgmt")
-    return "mgmt"
+pytestmark = pytest.mark.usefixtures("lists_and_wires")
 
 
 def bind(port=22, ipv4=None, ipv6=None):
@@ -56,7 +42,7 @@ EVERYBODY = {ALLOWED, DENIED, ALLOWED6, DENIED6}
 
 
 @pytest.mark.parametrize("port", [22, 830])
-def test_a_list_lets_in_whom_it_permits_and_nobody_else(mgmt, port):
+def test_a_list_admits_only_the_sources_it_permits(mgmt, port):
     one_allowed()
     bind(port, "ops", "ops6")
     assert who_gets_in(port) == {ALLOWED, ALLOWED6}
@@ -85,7 +71,7 @@ def test_the_first_match_wins(mgmt):
     assert who_gets_in() == {ALLOWED}
 
 
-def test_other_ports_are_untouched(mgmt):
+def test_other_ports_are_not_affected(mgmt):
     script = f"import socket; s = socket.create_server(('::', {OTHER_PORT}), family=socket.AF_INET6, dualstack_ipv6=True)"
     command = ["ip", "netns", "exec", "vrf-mgmt", sys.executable, "-c", f"{script}; input()"]
     with subprocess.Popen(command, stdin=subprocess.PIPE) as other:
@@ -96,7 +82,7 @@ def test_other_ports_are_untouched(mgmt):
         other.communicate(b"\n", timeout=10)
 
 
-def test_the_other_service_is_untouched(mgmt):
+def test_the_other_service_is_not_affected(mgmt):
     one_allowed()
     bind(830)
     bind(22, "ops", "ops6")
@@ -166,7 +152,7 @@ def test_a_list_bound_before_it_exists(mgmt):
 
 
 @pytest.mark.parametrize("how", ["deleted", "emptied"])
-def test_a_list_that_goes_while_bound_flushes_its_tables(mgmt, how):
+def test_a_list_that_disappears_while_bound_flushes_its_tables(mgmt, how):
     one_allowed()
     bind(22, "ops", "ops6")
     assert access_lists.rules(mgmt, "norvossh_v4acl")
@@ -208,7 +194,7 @@ def test_each_service_follows_its_own_list(mgmt):
     assert who_gets_in(830) == {DENIED, ALLOWED6, DENIED6}
 
 
-def test_lists_are_followed_in_vrfs_that_come_after_their_items(vrf):
+def test_lists_are_followed_in_vrfs_created_after_their_items(vrf):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     names = ("mgmt", "second")
     for item in ("sshd/vrf", "sshd/vrf-netconf"):
@@ -299,7 +285,7 @@ def test_nobody_slips_in_while_a_vrf_comes_up(vrf, port, ipv6):
         assert (knocks > 100, entries) == (True, 0)
 
 
-def test_a_netconf_list_of_ipv6_is_loaded_when_its_namespace_comes(vrf, journal):
+def test_a_netconf_list_of_ipv6_is_loaded_when_its_namespace_appears(vrf, journal):
     # It is passed to the IPv4 routine, which refuses it; the operator learns of it from the log. Then it is tried again.
     set_list("ipv6", "ops6", f"permit tcp host {ALLOWED6} any")
     router.set_item(ITEMS[830], [None, None, "ops6"])
@@ -310,7 +296,7 @@ def test_a_netconf_list_of_ipv6_is_loaded_when_its_namespace_comes(vrf, journal)
     router.wait_until(lambda: who_gets_in(830) == {ALLOWED, DENIED, ALLOWED6}, what="the list holds")
 
 
-def test_nobody_slips_in_while_an_item_makes_the_server(mgmt):
+def test_nobody_slips_in_while_an_item_creates_the_server(mgmt):
     set_list("ipv4", "ops", *thousand_lines(0))
     intruder = Intruder(DENIED, ROUTER, 22)
     bind(22, "ops")
@@ -318,7 +304,7 @@ def test_nobody_slips_in_while_an_item_makes_the_server(mgmt):
     assert intruder.stop()[1] == 0
 
 
-def test_nobody_slips_in_while_the_agent_dies_and_comes_back(mgmt):
+def test_nobody_slips_in_while_the_agent_dies_and_restarts(mgmt):
     set_list("ipv4", "ops", *thousand_lines(0))
     bind(22, "ops")
     intruder = Intruder(DENIED, ROUTER, 22)
@@ -344,7 +330,7 @@ def test_nobody_slips_in_while_the_agent_dies_and_comes_back(mgmt):
         ("ipv4", ["10 permit tcp any any", "10 deny tcp any any"], ["duplicate sequence number 10"]),
     ],
 )
-def test_a_wrong_line_is_named_and_the_list_stays(mgmt, family, lines, named):
+def test_a_wrong_line_is_named_and_the_list_is_kept(mgmt, family, lines, named):
     set_list(family, "ops", "10 permit tcp any any eq 4711")
     result = set_list(family, "ops", *lines, check=False)
     assert result.returncode == 5
@@ -358,14 +344,14 @@ def test_names(name, status):
     assert set_list("ipv4", name, "permit ip any any", check=False).returncode == status
 
 
-def test_a_name_of_64_characters_confines_a_port(mgmt):
+def test_a_list_with_a_name_of_64_characters_protects_a_port(mgmt):
     name = "n" * 64
     one_allowed(name, name)
     bind(22, name, name)
     assert who_gets_in() == {ALLOWED, ALLOWED6}
 
 
-def test_a_change_of_a_list_that_nobody_uses(mgmt, journal):
+def test_a_change_of_an_unused_list(mgmt, journal):
     one_allowed()
     bind(22, "ops")
     before = access_lists.rules(mgmt, "norvossh_v4acl")

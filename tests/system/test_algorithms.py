@@ -140,7 +140,7 @@ class Generated:
 
 
 @pytest.mark.parametrize("part", range(8))
-def test_a_server_offers_what_is_configured_and_supported_in_its_order(server, part):
+def test_a_server_offers_the_configured_algorithms_that_are_supported_in_order(server, part):
     vrf = server("red")
     source = random.Random(f"algorithms {part}")
     before = {}
@@ -190,7 +190,7 @@ def test_what_is_shown_is_what_is_offered(server):
     expect_offer(vrf, *shown())
 
 
-def test_in_fips_mode_the_routers_defaults_are_narrowed(server):
+def test_in_fips_mode_the_routers_defaults_are_filtered(server):
     router.restart_agent()
     vrf = server("red")
     router.set_item(FIPS, True)
@@ -269,7 +269,7 @@ def test_not_all_macs_can_be_disabled(tree):
     expect_refused({paths[2]: True}, refusal)
 
 
-def test_fips_mode_is_refused_when_nothing_would_be_left():
+def test_fips_mode_is_refused_when_a_list_would_be_empty():
     cases = [
         ("algorithms/key-exchange", CURVES, ",".join(CURVES) + " are not allowed in FIPS mode."),
         ("algorithms/cipher", [CHACHA20], CHACHA20 + " is not allowed in FIPS mode."),
@@ -283,7 +283,7 @@ def test_fips_mode_is_refused_when_nothing_would_be_left():
     expect_refused({FIPS: True}, "DSA, RSA(ssh-rsa), X509 and ED25519 are not allowed in FIPS mode.")
 
 
-def test_fips_mode_refuses_what_it_does_not_allow():
+def test_fips_mode_refuses_forbidden_algorithms():
     # In the same commit as the switch to FIPS mode, and after it.
     for switch in ({FIPS: True}, {}):
         for tree in TREES:
@@ -319,7 +319,7 @@ def test_in_fips_mode_nobody_gets_chacha20_or_curve25519(server):
     assert CHACHA20 in offered(vrf)[1] and set(CURVES) <= set(offered(vrf)[0])
 
 
-def test_fips_mode_holds_across_a_restart_whatever_was_configured_before(server):
+def test_fips_mode_survives_a_restart_whatever_was_configured_before(server):
     vrf = server("red")
     router.load({"cmn/algorithms/key-exchange": [*CURVES, "ecdh-sha2-nistp384"], "cmn/algorithms/cipher": CIPHERS})
     router.set_item(FIPS, True)
@@ -335,7 +335,7 @@ def test_fips_mode_holds_across_a_restart_whatever_was_configured_before(server)
     assert not [text for text in removed if "KexAlgorithms: " in text or "Ciphers: " in text]
 
 
-def test_a_changed_value_of_the_switch_changes_no_file():
+def test_a_changed_value_of_the_fips_item_changes_no_file():
     router.set_item(FIPS, True)
     before = [(path.stat().st_mtime_ns, path.read_bytes()) for path in sorted(router.FILES.iterdir())]
     router.set_item(FIPS, False)
@@ -343,7 +343,7 @@ def test_a_changed_value_of_the_switch_changes_no_file():
     assert "NorvoSSHFipsMode yes" in router.server_lines()
 
 
-def test_the_launcher_names_what_stock_sshd_has_not(server, journal):
+def test_the_launcher_names_what_stock_sshd_does_not_support(server, journal):
     vrf = server("red")
     router.set_item("cmn/algorithms/host-key", [1] * 10)
     journal.wait_for("HostKeyAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa", router.server_unit(vrf))
@@ -401,7 +401,7 @@ def test_the_client_is_found_by_its_name(server):
         assert client.wait(20) == 0
 
 
-def test_an_ordinary_user_has_the_client_too(server):
+def test_an_ordinary_user_can_use_the_client(server):
     vrf = server("red")
     inside = ["setpriv", "--reuid=operator", "--regid=operator", "--init-groups", "env", "-u", "XDG_RUNTIME_DIR"]
     result = router.in_vrf(vrf, *inside, "/pkg/bin/ssh_csm", "-G", "router")

@@ -58,7 +58,7 @@ def expect_refused(path, value, *named):
         ("sshd/vrf/red", "[1,null,null,null]", ["too many fields"]),
     ],
 )
-def test_values_that_do_not_fit(path, value, named):
+def test_values_outside_their_form(path, value, named):
     expect_refused(router.SERVER + path, value, *named)
 
 
@@ -68,7 +68,7 @@ def test_texts_that_would_break_a_line(value):
 
 
 @pytest.mark.parametrize("path", ["", "/", "cmn/timeout", "/cfg/../etc/passwd", "/cfg/gl/crypto/ssh/server/cmn", "//", "é"])
-def test_paths_that_are_none(path):
+def test_invalid_paths(path):
     expect_refused(path, "30", path)
 
 
@@ -101,12 +101,12 @@ def test_hostile_vrf_names(name, item):
     assert not pathlib.Path("/tmp/canary").exists() and not (router.AGENT_TMP / "canary").exists()
 
 
-def test_a_name_of_32_characters_is_still_a_name():
+def test_a_name_of_32_characters_is_valid():
     router.set_item("sshd/vrf/" + "x" * 32, router.OPEN)
     assert list(router.configuration()) == [VRF + "x" * 32]
 
 
-def test_a_namespace_with_a_hostile_name_is_nobodys_vrf(vrf):
+def test_a_namespace_with_a_hostile_name_is_not_a_vrf(vrf):
     # `ip netns` accepts nearly any name.
     hostile = "vrf-a;touch canary"
     router.run("ip", "netns", "add", hostile)
@@ -145,7 +145,7 @@ def test_files_that_are_refused(tmp_path, content, named):
     assert router.configuration() == {}
 
 
-def test_a_file_tells_all_its_mistakes(tmp_path):
+def test_all_errors_in_a_file_are_reported(tmp_path):
     file = tmp_path / "items.json"
     file.write_text(json.dumps({TIMEOUT: 500, "/nonsense": 1, router.SERVER + "cmn/dscp": 99}), encoding="utf-8")
     result = router.run("ssh_cfg_ctl", "load", file, check=False)
@@ -205,14 +205,14 @@ def test_a_broken_frame_is_answered_and_dropped(data, named):
     expect_others_are_answered()
 
 
-def test_half_a_frame_is_answered():
+def test_an_incomplete_frame_is_answered():
     with connection() as peer:
         peer.sendall(frame(b'{"call":"status"}')[:-3])
         peer.shutdown(socket.SHUT_WR)
         assert "in the middle of a frame" in answer_of(peer)["message"]
 
 
-def test_a_frame_that_is_never_finished():
+def test_a_frame_that_is_never_completed():
     with connection() as peer:
         peer.sendall(struct.pack(">I", 1000))
         start = time.monotonic()
@@ -288,7 +288,7 @@ def test_a_thousand_calls_at_once():
         assert call.returncode == 0, errors
 
 
-def test_large_frames_leave_no_memory_behind():
+def test_large_frames_do_not_leak_memory():
     agent = router.main_pid(router.AGENT)
     big = frame(b'{"call":"load","check":true,"items":{"/x":"' + b"x" * (FRAME_MAX - 1000) + b'"}}')
     many = frame(b'{"call":"load","check":true,"items":[' + b"0," * 400000 + b"0]}")

@@ -29,7 +29,7 @@ def stopped_agent():
         os.kill(agent, signal.SIGCONT)
 
 
-def test_a_value_is_shown_as_it_is_set():
+def test_a_value_is_shown_in_the_notation_of_set():
     values = {
         "cmn/timeout": "45",
         "cmn/logging": "true",
@@ -41,7 +41,7 @@ def test_a_value_is_shown_as_it_is_set():
         assert tool("get", router.SERVER + path).stdout == value + "\n"
 
 
-def test_a_tuple_is_taken_by_field_name():
+def test_a_tuple_can_be_set_by_field_names():
     router.set_item("sshd/vrf/red", {"ipv6_acl": "six"})
     assert tool("get", router.SERVER + "sshd/vrf/red").stdout == '[null,null,"six"]\n'
 
@@ -61,14 +61,14 @@ def test_a_change_is_silent_and_takes_effect():
     assert "LoginGraceTime 30" in router.server_lines()
 
 
-def test_list_names_what_is_below():
+def test_list_names_the_children():
     router.load({"cmn/timeout": 45, "cmn/dscp": 46, "sshd/vrf/red": router.OPEN})
     assert tool("list", router.SERVER).stdout == "cmn\nsshd\n"
     assert tool("list", router.SERVER + "cmn/").stdout == "dscp\ntimeout\n"
     assert tool("list", "/").stdout == "cfg\n"
 
 
-def test_a_dump_is_a_file_to_load():
+def test_a_dump_can_be_loaded():
     router.load({"cmn/timeout": 45, "sshd/vrf/red": [None, "four", None], "cmn/logging": True})
     dump = tool("dump").stdout
     before = router.configuration()
@@ -137,7 +137,7 @@ def test_every_answer_can_be_json():
             assert answer["result"] != "done"
 
 
-def test_status_knows_the_process_and_its_vrfs(server):
+def test_status_shows_the_process_and_its_vrfs(server):
     server("red")
     status = router.ctl("status")
     assert status["pid"] == router.main_pid(router.AGENT)
@@ -216,7 +216,7 @@ def test_only_root_and_the_group_may_use_it(journal):
     assert any(f"Control: uid:={uid}, " in message for message in journal.messages())
 
 
-def test_an_open_door_alone_lets_no_stranger_in(journal):
+def test_permissions_of_the_socket_alone_admit_no_other_user(journal):
     os.chmod(SOCKET, 0o666)
     try:
         stranger = router.run("runuser", "-u", "operator", "--", "ssh_cfg_ctl", "dump", check=False)
@@ -227,13 +227,13 @@ def test_an_open_door_alone_lets_no_stranger_in(journal):
     assert any("Control connection refused: uid:=" in message for message in journal.messages())
 
 
-def test_without_an_agent_it_says_so():
+def test_a_missing_agent_is_reported():
     router.run("systemctl", "stop", router.AGENT)
     result = tool("status")
     assert result.returncode == 3 and "systemctl status ssh_cfg_agent" in result.stderr
 
 
-def test_who_is_early_waits(stopped_agent):
+def test_an_early_call_waits_for_the_agent(stopped_agent):
     waiting = subprocess.Popen(["ssh_cfg_ctl", "--json", "status"], stdout=subprocess.PIPE, text=True)
     with pytest.raises(subprocess.TimeoutExpired):
         waiting.wait(1)
@@ -242,7 +242,7 @@ def test_who_is_early_waits(stopped_agent):
     assert waiting.returncode == 0 and json.loads(output)["pid"] == stopped_agent
 
 
-def test_the_wait_has_an_end(stopped_agent):
+def test_the_wait_is_limited(stopped_agent):
     result = tool("--timeout", "1", "set", TIMEOUT, "45")
     assert result.returncode == 3 and "did not answer within 1 seconds" in result.stderr
 
@@ -259,14 +259,14 @@ def test_an_agent_that_dies_in_the_middle_of_a_call(stopped_agent):
     router.wait_for_agent()
 
 
-def test_a_reader_that_goes_away_does_no_harm():
+def test_a_reader_that_exits_does_no_harm():
     router.load({"cmn/timeout": 45, "cmn/dscp": 46})
     assert router.run("bash", "-c", "ssh_cfg_ctl dump | head -c 1").stdout == "{"
     full = router.run("bash", "-c", "ssh_cfg_ctl dump > /dev/full", check=False)
     assert full.returncode == 1 and "No space left on device" in full.stderr
 
 
-def test_the_answer_comes_when_the_port_is_open(server):
+def test_the_answer_arrives_when_the_port_is_open(server):
     server("red")
     for timeout in (40, 41, 42):
         router.set_item("cmn/timeout", timeout)
@@ -274,7 +274,7 @@ def test_the_answer_comes_when_the_port_is_open(server):
         assert red["blocked"] is False
 
 
-def test_what_is_stored_without_effect_is_said_and_shown():
+def test_an_item_without_effect_is_reported_and_shown():
     reason = "the kernel chooses the TCP window"
     path = router.SERVER + "cmn/tcp_window_scale"
     result = router.run("ssh_cfg_ctl", "set", path, "7")

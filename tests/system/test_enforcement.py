@@ -1,4 +1,4 @@
-"""What is stored and not in force: exit status 6, its repair, and standby nodes."""
+"""Stored but not in force: exit status 6, the repair, and standby nodes."""
 
 import json
 
@@ -34,7 +34,7 @@ def broken_unit():
     router.run("systemctl", "daemon-reload")
 
 
-def test_a_server_that_does_not_start_again_is_named(server, broken_unit, journal):
+def test_a_server_that_fails_to_restart_is_named(server, broken_unit, journal):
     server("red")
     drop_in = broken_unit("red")
     result = tool("set", TIMEOUT, "45")
@@ -43,7 +43,7 @@ def test_a_server_that_does_not_start_again_is_named(server, broken_unit, journa
     assert json.loads(tool("get", TIMEOUT).stdout) == 45
     assert any("result:=not_in_force" in line and "server red" in line for line in journal.messages(router.AGENT))
 
-    # The same value again is no success either, as long as the server does not run.
+    # Setting the same value again fails, too, while the server is not running.
     again = router.ctl("set", TIMEOUT, "45", check=False)
     assert again.returncode == 6
     assert json.loads(again.stdout)["not_in_force"][0]["subject"] == "server red"
@@ -54,7 +54,7 @@ def test_a_server_that_does_not_start_again_is_named(server, broken_unit, journa
     router.wait_for_server("red")
 
 
-def test_eleven_trustpoints_of_one_commit_are_refused(tmp_path):
+def test_eleven_trustpoints_in_one_commit_are_refused(tmp_path):
     items = {f"{router.SERVER}cmn/trustpoint/user/T{number}": 1 for number in range(11)}
     file = tmp_path / "items.json"
     file.write_text(json.dumps(items))
@@ -84,7 +84,7 @@ def standby():
     router.wait_until(lambda: router.ctl("status")["role"] == "primary", 30, "the node is the primary one")
 
 
-def test_a_standby_answers_and_takes_no_changes(standby):
+def test_a_standby_answers_but_refuses_changes(standby):
     status = router.ctl("status", timeout=10)
     assert status["role"] == "standby"
     assert tool("get", TIMEOUT, timeout=10).stdout == "45\n"
@@ -97,9 +97,9 @@ def test_a_standby_answers_and_takes_no_changes(standby):
     assert tool("set", TIMEOUT, "46").returncode == 0
 
 
-def test_a_setting_that_sshd_rejects_is_named_with_its_words(server):
+def test_a_setting_that_sshd_rejects_is_reported_with_its_message(server):
     server("red")
-    # Host keys of certificates alone, which stock sshd has not.
+    # Only the certificate host key, which stock sshd does not support.
     item = router.SERVER + "cmn/algorithms/host-key"
     result = tool("set", item, json.dumps([0, 0, 0, 0, 0, 1, 0, 0, 0, 0]))
     assert result.returncode == 6

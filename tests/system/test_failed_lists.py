@@ -1,37 +1,22 @@
-"""Access lists that cannot be loaded, the ports that stay closed for want of them, and sessions that outlive new lists."""
+"""Access lists that cannot be loaded, the ports that stay closed because of them, and sessions that survive new lists."""
 
 import subprocess
 
-import access_lists
 import pytest
 import router
 from access_lists import ALLOWED, DENIED, DENIED6, PEER, ROUTER, ROUTER6, Intruder, reached, set_list, wait_for_rules
 
 ITEM = "sshd/vrf/mgmt"
 
-
-@pytest.fixture(autouse=True)
-def lists_and_wires(clean_router):
-    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
-    yield
-    router.run("ip", "netns", "del", PEER, check=False)
-    access_lists.delete_all_lists()
-
-
-@pytest.fixture
-def mgmt(vrf):
-    """The VRF mgmt with a link to the neighbour, without a server."""
-    vrf("mgmt")
-    access_lists.connect_wires("mgmt")
-    return "mgmt"
+pytestmark = pytest.mark.usefixtures("lists_and_wires")
 
 
 def bind(ipv4=None, ipv6=None, **options):
     return router.set_item(ITEM, [None, ipv4, ipv6], **options)
 
 
-def bind_in_vain(ipv4=None, ipv6=None):
-    """Binds lists that cannot be loaded and returns what is said not to be in force."""
+def bind_unloadable(ipv4=None, ipv6=None):
+    """Binds lists that cannot be loaded and returns the items reported as not in force."""
     result = bind(ipv4, ipv6, check=False)
     assert result.returncode == 6, result
     return {entry["subject"]: entry["reason"] for entry in router.json.loads(result.stdout)["not_in_force"]}
@@ -47,12 +32,12 @@ IPV4, IPV6 = (ALLOWED, ROUTER, 22), (DENIED6, ROUTER6, 22)
 def test_a_list_that_cannot_be_loaded_closes_its_family_until_it_is_loaded(mgmt, nft_that_rejects):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
-    assert bind_in_vain("ops") == {"rules mgmt ssh ipv4": "access list ops was not loaded: Error: rejected"}
+    assert bind_unloadable("ops") == {"rules mgmt ssh ipv4": "access list ops was not loaded: Error: rejected"}
     router.wait_until(lambda: reached(IPV6), what="the other family gets in")
     assert not reached(IPV4)
     assert closed_services() == ["ssh ipv4"]
 
-    # A restart of the server and a setting leave it closed.
+    # It stays closed after a restart of the server and a change of a setting.
     router.set_item("cmn/timeout", 44, check=False)
     router.wait_until(lambda: reached(IPV6), what="the other family gets in")
     assert not reached(IPV4)
@@ -73,16 +58,16 @@ def test_nobody_gets_in_while_a_list_fails_to_load(mgmt, nft_that_rejects):
     intruder = Intruder(DENIED, ROUTER, 22)
     nft_that_rejects("norvossh_v4acl")
     for name in ("new", "ops", "new"):
-        bind_in_vain(name)
+        bind_unloadable(name)
     knocks, entries = intruder.stop()
     assert (entries, knocks > 20) == (0, True)
 
 
 @pytest.mark.parametrize("number", [9, 15])
-def test_a_closed_service_stays_closed_over_the_agents_end(mgmt, nft_that_rejects, number):
+def test_a_closed_service_stays_closed_after_the_agents_end(mgmt, nft_that_rejects, number):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
-    bind_in_vain("ops")
+    bind_unloadable("ops")
     intruder = Intruder(DENIED, ROUTER, 22)
     if number == 9:
         router.kill_agent()
@@ -97,10 +82,10 @@ def test_a_closed_service_stays_closed_over_the_agents_end(mgmt, nft_that_reject
     assert (entries, knocks > 20) == (0, True)
 
 
-def test_a_closure_that_nothing_needs_any_more_is_lifted_by_the_next_agent(mgmt, nft_that_rejects):
+def test_a_closure_that_is_no_longer_needed_is_lifted_by_the_next_agent(mgmt, nft_that_rejects):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
-    bind_in_vain("ops")
+    bind_unloadable("ops")
     router.run("systemctl", "stop", router.AGENT)
     accept_again()
     router.run("systemctl", "start", router.AGENT, timeout=120)
@@ -112,17 +97,17 @@ def test_a_closure_that_nothing_needs_any_more_is_lifted_by_the_next_agent(mgmt,
 def test_an_item_without_the_list_opens_its_family(mgmt, nft_that_rejects):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
-    bind_in_vain("ops")
+    bind_unloadable("ops")
     accept_again()
     bind()
     router.wait_until(lambda: reached(IPV4), what="everybody gets in")
     assert closed_services() == []
 
 
-def test_an_item_that_is_deleted_leaves_nothing_closed(mgmt, nft_that_rejects):
+def test_deleting_an_item_leaves_nothing_closed(mgmt, nft_that_rejects):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
-    bind_in_vain("ops")
+    bind_unloadable("ops")
     accept_again()
     router.delete_item(ITEM)
     assert closed_services() == []
@@ -130,10 +115,10 @@ def test_an_item_that_is_deleted_leaves_nothing_closed(mgmt, nft_that_rejects):
     router.wait_until(lambda: reached(IPV4), what="everybody gets in")
 
 
-def test_an_operator_opens_what_a_failure_has_closed(mgmt, nft_that_rejects, journal):
+def test_an_operator_can_open_what_a_failure_has_closed(mgmt, nft_that_rejects, journal):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     nft_that_rejects("norvossh_v4acl")
-    bind_in_vain("ops")
+    bind_unloadable("ops")
     assert not reached(IPV4)
     result = router.run("ssh_cfg_ctl", "vrf", "unblock", "mgmt")
     assert result.stdout == "opened in VRF mgmt: ssh ipv4\n"
@@ -151,7 +136,7 @@ def test_a_server_that_did_not_start_gets_its_lists_before_its_ports_open(mgmt):
     try:
         drop_in.write_text("[Service]\nExecStart=\nExecStart=/bin/false\nType=oneshot\n")
         intruder = Intruder(DENIED, ROUTER, 22)
-        assert "server mgmt" in bind_in_vain("ops")
+        assert "server mgmt" in bind_unloadable("ops")
     finally:
         drop_in.unlink()
         drop_in.parent.rmdir()

@@ -1,4 +1,4 @@
-"""Commands that never end: the agent gives up on them, says so, and goes on."""
+"""Commands that never end: the agent kills them, reports them, and continues."""
 
 import pathlib
 import time
@@ -7,13 +7,13 @@ import access_lists
 import pytest
 import router
 
-# The limits of src/core/shell_command.h in seconds, with room for a busy machine.
+# The limits of src/core/shell_command.h in seconds, with a margin for a busy machine.
 SYSTEMCTL_LIMIT = 30
 LOAD_LIMIT = 30
 LISTING_LIMIT = 10
 ROOM = 15
 
-# Hangs when the agent runs it, together with a process of its own, and is the real program for everybody else.
+# Hangs with a child process when the agent runs it, and is the real program for everyone else.
 STUB = """#!/bin/sh
 if grep -q ssh_cfg_agent.service /proc/self/cgroup; then
     sleep 123456 &
@@ -63,7 +63,7 @@ class Stopwatch:
         return time.monotonic() - self._start
 
 
-def test_systemctl_is_given_up_once_per_change(server, hanging, journal):
+def test_systemctl_times_out_once_per_change(server, hanging, journal):
     for vrf in ("blue", "green", "red"):
         server(vrf)
     pids = {vrf: router.main_pid(router.server_unit(vrf)) for vrf in ("blue", "green", "red")}
@@ -85,7 +85,7 @@ def test_systemctl_is_given_up_once_per_change(server, hanging, journal):
         assert router.main_pid(router.server_unit(vrf)) not in (0, pid)
 
 
-def test_nft_is_given_up(server, hanging, journal):
+def test_nft_times_out(server, hanging, journal):
     server("red")
     access_lists.set_list("ipv4", "hosts", "10 permit ipv4 any any")
     hanging("/usr/sbin/nft")
@@ -98,7 +98,7 @@ def test_nft_is_given_up(server, hanging, journal):
     assert router.set_item("cmn/timeout", 78)
 
 
-def test_ps_is_given_up(server, hanging):
+def test_ps_times_out(server, hanging):
     server("red")
     hanging("/usr/bin/ps")
     watch = Stopwatch()

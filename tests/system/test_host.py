@@ -57,7 +57,7 @@ def banner_before_login(vrf):
     ],
     ids=["word", "lines", "utf-8", "delimiter-inside", "long"],
 )
-def test_a_client_sees_the_login_banner_before_it_is_known(server, text, shown):
+def test_a_client_sees_the_login_banner_before_authentication(server, text, shown):
     server("red")
     router.set_item(LOGIN_BANNER, text)
     assert show(BANNER_FILE) == shown
@@ -66,7 +66,7 @@ def test_a_client_sees_the_login_banner_before_it_is_known(server, text, shown):
     assert banner_before_login("red") == shown
 
 
-def test_both_banners_are_shown_in_their_order_and_go_when_they_are_deleted(server):
+def test_both_banners_are_shown_in_order_and_removed_when_they_are_deleted(server):
     server("red")
     router.load({LOGIN_BANNER: "#for the login#", MOTD_BANNER: "@of the day@"})
     assert show(BANNER_FILE) == "of the day\nfor the login\n"
@@ -81,7 +81,7 @@ def test_both_banners_are_shown_in_their_order_and_go_when_they_are_deleted(serv
     assert banner_before_login("red") == ""
 
 
-def test_the_banner_is_there_after_a_restart(server):
+def test_the_banner_survives_a_restart(server):
     server("red")
     router.set_item(LOGIN_BANNER, "#Hello#")
     router.restart_agent()
@@ -108,7 +108,7 @@ def test_the_message_of_the_day_follows_the_aaa_banner(server):
     ids=["100 kB", "no delimiters", "one delimiter", "bell", "escape", "nul", "delimiter alone", "empty", "return"],
 )
 @pytest.mark.parametrize("path", [LOGIN_BANNER, AAA_BANNER])
-def test_a_bad_banner_is_refused_with_what_is_right(path, text):
+def test_an_invalid_banner_is_refused_with_the_expected_form(path, text):
     refused = router.load({path: text}, check=False)
     assert refused.returncode == 5
     assert path in refused.stderr
@@ -116,7 +116,7 @@ def test_a_bad_banner_is_refused_with_what_is_right(path, text):
     assert path not in router.configuration()
 
 
-def test_banners_are_in_a_dump_as_they_were_set():
+def test_a_dump_contains_banners_as_they_were_set():
     banners = {LOGIN_BANNER: "#one\n\ttwo\n#", MOTD_BANNER: "^ä\"\\^", AAA_BANNER: "%$(hostname) $(nothing)%"}
     router.load(banners)
     dumped = router.configuration()
@@ -169,7 +169,7 @@ def account():
 
 
 @pytest.mark.parametrize("method", ["password", "keyboard-interactive"])
-def test_a_password_lets_in_through_the_servers_own_service(server, tmp_path, journal, method):
+def test_a_password_is_checked_by_the_servers_own_service(server, tmp_path, journal, method):
     server("red")
     assert show(PAM_FILE) == PAM_TEXT
     assert log_in_with_password("red", tmp_path, method=method)
@@ -205,7 +205,7 @@ def test_an_expired_account_is_refused_with_its_key_too(server, account):
     assert ssh("red", "whoami", user="alice", check=False).returncode == 255
 
 
-def test_the_machine_is_closed_to_all_but_root_while_it_says_so(server, tmp_path):
+def test_nologin_admits_only_root(server, tmp_path):
     server("red")
     closed = pathlib.Path("/etc/nologin")
     closed.write_text("maintenance\n", encoding="utf-8")
@@ -216,7 +216,7 @@ def test_the_machine_is_closed_to_all_but_root_while_it_says_so(server, tmp_path
     assert log_in_with_password("red", tmp_path)
 
 
-def test_without_the_module_nobody_gets_in_by_password(server, tmp_path):
+def test_without_the_module_no_password_is_accepted(server, tmp_path):
     server("red")
     (module,) = pathlib.Path("/usr/lib").glob("*/security/libqd_aaa_pam.so")
     aside = module.with_suffix(".aside")
@@ -232,7 +232,7 @@ def wait_for_pam_file(seconds):
     router.wait_until(lambda: show(PAM_FILE) == PAM_TEXT, seconds, "the PAM file is there")
 
 
-def test_a_deleted_pam_file_is_back_within_a_second(server, tmp_path):
+def test_a_deleted_pam_file_is_restored_within_a_second(server, tmp_path):
     for _ in range(3):
         PAM_FILE.unlink()
         wait_for_pam_file(1)
@@ -240,7 +240,7 @@ def test_a_deleted_pam_file_is_back_within_a_second(server, tmp_path):
     assert log_in_with_password("red", tmp_path)
 
 
-def test_a_pam_file_that_exists_is_left_as_it_is():
+def test_an_existing_pam_file_is_left_alone():
     try:
         PAM_FILE.write_text("#mine\n", encoding="utf-8")
         other = PAM_FILE.with_name("norvosshd.bak")
@@ -273,7 +273,7 @@ def test_the_pam_file_survives_the_loss_of_its_directory(tmp_path):
         shutil.copytree(tmp_path / "saved", directory, symlinks=True, dirs_exist_ok=True)
 
 
-def test_a_flood_of_deletions_hides_none(tmp_path):
+def test_no_deletion_is_lost_in_a_flood(tmp_path):
     longest = int(pathlib.Path("/proc/sys/fs/inotify/max_queued_events").read_text(encoding="utf-8"))
     if longest > 200_000:
         pytest.skip("this machine's queue is too long to be filled in reasonable time")
@@ -314,7 +314,7 @@ FIXED_NAMES = [
 ]
 
 
-def test_planted_links_lead_nowhere(server):
+def test_planted_links_are_not_followed(server):
     server("red")
     victim = pathlib.Path("/etc/precious")
     victim.write_text("precious\n", encoding="utf-8")
@@ -340,7 +340,7 @@ def test_planted_links_lead_nowhere(server):
 
 
 @pytest.mark.parametrize("user", ["operator", "nobody"])
-def test_the_agents_files_are_not_for_others_to_plant_or_read(user):
+def test_others_can_neither_plant_nor_read_the_agents_files(user):
     for command in (["touch", router.AGENT_TMP / "planted"], ["ls", router.AGENT_TMP]):
         assert router.run("runuser", "-u", user, "--", *command, check=False).returncode != 0
     agent = router.main_pid(router.AGENT)
@@ -355,7 +355,7 @@ def test_the_agents_files_are_not_for_others_to_plant_or_read(user):
 
 @pytest.fixture
 def after_reload():
-    """Starts the servers that a reload stopped again after the test."""
+    """After the test starts the servers again that a reload stopped."""
     yield
     sessions.end_all()
     router.restart_agent()
@@ -399,7 +399,7 @@ def test_a_reload_without_sessions_is_acknowledged_at_once(server, after_reload)
     assert not router.is_active(router.server_unit("red"))
 
 
-def test_a_session_that_ignores_the_signals_keeps_the_acknowledgement_back(server, after_reload):
+def test_a_session_that_ignores_the_signals_prevents_the_acknowledgement(server, after_reload):
     server("red")
     stubborn = start("red", "trap '' TERM HUP; echo ready; while :; do sleep 1; done")
     assert stubborn.stdout.readline() == b"ready\n"
@@ -416,7 +416,7 @@ def test_a_session_that_ignores_the_signals_keeps_the_acknowledgement_back(serve
     stubborn.kill()
 
 
-# Titled like a session's wrapper, below a process titled like a server's session, in a process group of its own.
+# Has the title of a session's wrapper, a parent with the title of a server's session, and its own process group.
 IMPOSTOR = "exec -a 'sshd: operator [priv]' bash -c 'set -m; (exec -a /pkg/bin/ssh_exec.sh sleep 600) & wait'"
 
 
@@ -455,7 +455,7 @@ def test_a_change_after_a_reload_notice_starts_no_server(server, after_reload):
     assert not router.port_answers("red")
 
 
-def test_a_reload_can_be_asked_for_from_a_session(server, after_reload, journal):
+def test_a_reload_can_be_requested_from_a_session(server, after_reload, journal):
     server("red")
     router.run("usermod", "--append", "--groups", "sshcfg", "operator")
     try:
@@ -471,7 +471,7 @@ def test_a_reload_can_be_asked_for_from_a_session(server, after_reload, journal)
     assert router.agent_answers()
 
 
-def test_servers_come_back_when_the_agent_is_started_again(server):
+def test_servers_start_again_when_the_agent_is_restarted(server):
     server("red")
     assert reload()[0].returncode == 0
     router.restart_agent()

@@ -103,7 +103,7 @@ def fixture_machine():
     for name, kind in ((KEY, "ed25519"), (pathlib.Path("/pkg/ecdsa-sha2-nistp256"), "ecdsa")):
         if not name.exists():
             run("ssh-keygen", "-q", "-t", kind, "-N", "", "-f", str(name))
-    # The host's own authentication, so that the test covers the launcher alone.
+    # The host's own authentication, so that the test covers only the launcher.
     pam_text = PAM_FILE.read_text(encoding="utf-8") if PAM_FILE.exists() else None
     PAM_FILE.write_text(pathlib.Path("/etc/pam.d/sshd").read_text(encoding="utf-8"), encoding="utf-8")
     SERVER_FILE.parent.mkdir(parents=True, exist_ok=True)
@@ -136,7 +136,7 @@ def test_the_units_main_process_becomes_sshd(server):
     assert inside == NAMESPACE
 
 
-def test_a_user_logs_in_by_the_pam_service_norvosshd(server):
+def test_a_user_logs_in_through_the_pam_service_norvosshd(server):
     assert server.start(SETTINGS)
     assert server.ssh("operator@127.0.0.1", "ip netns identify; id -un").stdout.split() == [NAMESPACE, "operator"]
     assert server.ssh("-p", "830", "operator@127.0.0.1", "id -un").stdout == "operator\n"
@@ -151,7 +151,7 @@ def test_files_are_copied_by_the_subsystem(server, tmp_path):
     assert server.ssh("operator@127.0.0.1", "cat there; rm there").stdout == "content"
 
 
-def test_what_is_left_out_is_in_the_units_journal_beside_sshds_own_lines(server):
+def test_omissions_are_in_the_units_journal_next_to_sshds_own_lines(server):
     assert server.start(SETTINGS)
     (entry,) = server.said("WindowScaleQd ignored")
     assert entry["MESSAGE"].startswith(f"{SERVER_FILE}: line 11: ")
@@ -174,7 +174,7 @@ def test_a_reload_keeps_the_process_and_the_sessions_settings(server):
     assert server.ssh("operator@127.0.0.1", "id -un").stdout == "operator\n"
 
 
-def test_what_sshd_refuses_costs_the_new_settings_and_not_the_server(server):
+def test_settings_that_sshd_refuses_do_not_stop_the_server(server):
     assert server.start(SETTINGS)
     good = TRANSLATION.read_text(encoding="utf-8")
     assert server.start(SETTINGS + "MaxStartups nonsense\n")
@@ -196,7 +196,7 @@ def test_without_a_good_file_the_server_does_not_start(server):
     assert server.said("no usable host key")
 
 
-def test_an_unreadable_file_has_a_status_of_its_own(server):
+def test_an_unreadable_file_has_its_own_exit_status(server):
     server.start(SETTINGS)
     SERVER_FILE.unlink()
     run("systemctl", "restart", UNIT)
@@ -205,7 +205,7 @@ def test_an_unreadable_file_has_a_status_of_its_own(server):
     SERVER_FILE.write_text(SETTINGS, encoding="utf-8")
 
 
-def test_fips_mode_takes_no_forbidden_algorithm_from_a_client(server):
+def test_fips_mode_accepts_no_forbidden_algorithm_from_a_client(server):
     fips = SETTINGS.replace(f"HostKey  {KEY}\n", "") + "NorvoSSHFipsMode yes\n"
     assert server.start(fips)
     assert server.ssh("-o", "Ciphers=aes256-ctr", "operator@127.0.0.1", "id -un").stdout == "operator\n"
@@ -221,7 +221,7 @@ def test_fips_mode_takes_no_forbidden_algorithm_from_a_client(server):
         assert "no matching" in refused.stderr, option
 
 
-def test_fips_mode_takes_no_sha1_signature_from_a_user(server):
+def test_fips_mode_accepts_no_sha1_signature_from_a_user(server):
     rsa = ["-o", "IdentitiesOnly=yes", "-i", "/root/.ssh/id_rsa", "operator@127.0.0.1", "id -un"]
     sha1 = ["-o", "PubkeyAcceptedAlgorithms=ssh-rsa", *rsa]
     assert server.start(SETTINGS)
@@ -231,7 +231,7 @@ def test_fips_mode_takes_no_sha1_signature_from_a_user(server):
     assert server.ssh(*sha1).returncode == 255
 
 
-def test_an_emptied_list_in_fips_mode_never_opens_the_server_to_more(server):
+def test_an_empty_list_in_fips_mode_never_enables_other_algorithms(server):
     assert server.start(SETTINGS)
     emptied = SETTINGS.replace(f"Ciphers {CIPHERS}", "Ciphers chacha20-poly1305@openssh.com,") + "NorvoSSHFipsMode yes\n"
     assert not server.start(emptied)
@@ -247,7 +247,7 @@ def test_an_emptied_list_in_fips_mode_never_opens_the_server_to_more(server):
         (("-f", "x", "-v", "1"), 'the server file "x" is not an absolute path'),
     ],
 )
-def test_a_wrong_call_says_what_is_wrong(arguments, complaint):
+def test_a_usage_error_is_explained(arguments, complaint):
     result = run("/pkg/bin/sshd", *arguments, check=False)
     assert result.returncode == 2
     assert complaint in result.stderr

@@ -58,7 +58,7 @@ def fixture_both(server):
 # --- New connections
 
 
-def test_more_connections_than_the_rate_limit_are_refused(both):
+def test_connections_above_the_rate_limit_are_refused(both):
     set_limit(both, rate_limit=20)
     assert limit_of(both) == ("20", "20")
     targets = ["127.0.0.1 22", "::1 22", "127.0.0.1 830", "::1 830"] * 5
@@ -113,7 +113,7 @@ def test_the_end_of_a_namespace_is_no_failure(server, journal):
     assert not any("limit" in message for message in journal.messages(unit))
 
 
-def test_the_machines_own_network_keeps_no_rule():
+def test_no_rule_remains_in_the_machines_own_network():
     router.set_item("sshd/v2", True)
     router.wait_for_server("default")
     assert limit_of("default") == ("60", "60")
@@ -129,7 +129,7 @@ def restart_with(vrf, line):
     router.wait_for_server(vrf)
 
 
-def test_a_value_that_is_no_limit_costs_one_line_in_the_log(server, journal):
+def test_an_invalid_limit_causes_one_log_line(server, journal):
     vrf = server("red")
     restart_with(vrf, "RateLimitQd many")
     message = journal.wait_for("RateLimitQd ignored")
@@ -199,7 +199,7 @@ def expect_refusal(vrf, is_open, limit, host="127.0.0.1", port=22, options=("Bat
     assert f"Too many sessions: {is_open} of at most {limit} are open." in result.stderr
 
 
-def test_more_sessions_than_the_limit_are_refused_and_told(both, sessions, journal):
+def test_sessions_above_the_limit_are_refused_with_a_message(both, sessions, journal):
     set_limit(both, session_limit=3)
     sessions.log_in(both)
     sessions.log_in(both, host="::1")

@@ -1,27 +1,13 @@
-"""Changes of the lists that items name, and lists that change while something is in their way."""
+"""Changes of the lists named by items, and lists that change under adverse conditions."""
 
 import access_lists
 import pytest
 import router
-from access_lists import ALLOWED, ALLOWED6, DENIED, DENIED6, PEER, ROUTER, Intruder, reached, set_list, wait_for_rules
+from access_lists import ALLOWED, ALLOWED6, DENIED, DENIED6, ROUTER, Intruder, reached, set_list, wait_for_rules
 
 ITEM = "sshd/vrf/mgmt"
 
-
-@pytest.fixture(autouse=True)
-def lists_and_wires(clean_router):
-    """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
-    yield
-    router.run("ip", "netns", "del", PEER, check=False)
-    access_lists.delete_all_lists()
-
-
-@pytest.fixture
-def mgmt(vrf):
-    """The VRF mgmt with a link to the neighbour, without a server."""
-    vrf("mgmt")
-    access_lists.connect_wires("mgmt")
-    return "mgmt"
+pytestmark = pytest.mark.usefixtures("lists_and_wires")
 
 
 def bind(ipv4=None, ipv6=None, item=ITEM):
@@ -29,7 +15,7 @@ def bind(ipv4=None, ipv6=None, item=ITEM):
 
 
 def long_list(number):
-    """A list of 1,000 entries that permits an address of its own and the first neighbour, and denies the second."""
+    """A list of 1,000 entries that permits one unique address and the first neighbour, and denies the second."""
     lines = [f"permit tcp host 192.0.{2 + entry // 250}.{entry % 250 + 1} any" for entry in range(998)]
     return [*lines, f"permit tcp host 198.51.100.{number} any", f"permit tcp host {ALLOWED} any"]
 
@@ -61,7 +47,7 @@ def test_a_changed_list_of_ipv6_leaves_the_rules_of_ipv4_in_place(mgmt):
     assert router.in_vrf(mgmt, "nft", "-a", "list", "table", "ip", "norvossh_v4acl").stdout == handles
 
 
-def test_a_list_named_while_the_namespace_is_away_waits_for_it(vrf):
+def test_a_list_named_without_its_namespace_waits_for_it(vrf):
     set_list("ipv4", "old", "permit tcp host 192.0.2.1 any")
     set_list("ipv4", "new", "permit tcp host 192.0.2.2 any")
     vrf("mgmt")
@@ -75,7 +61,7 @@ def test_a_list_named_while_the_namespace_is_away_waits_for_it(vrf):
     wait_for_rules("mgmt", "norvossh_v4acl", text="192.0.2.2")
 
 
-def test_an_item_without_lists_forgets_the_lists_it_named(mgmt):
+def test_an_item_without_lists_detaches_its_previous_lists(mgmt):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     bind("ops")
     wait_for_rules(mgmt, "norvossh_v4acl", text=ALLOWED)
@@ -86,11 +72,11 @@ def test_an_item_without_lists_forgets_the_lists_it_named(mgmt):
     router.wait_until(lambda: reached((DENIED, ROUTER, 22)), what="everybody gets in")
 
 
-def test_a_vrf_without_namespace_does_not_keep_the_others_from_a_change(mgmt):
+def test_a_vrf_without_namespace_does_not_stop_a_change_for_the_others(mgmt):
     set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
     bind("ops")
     wait_for_rules(mgmt, "norvossh_v4acl", text="192.0.2.1")
-    # The agent comes to the newest VRF first.
+    # The agent handles the newest VRF first.
     bind("ops", item="sshd/vrf/away")
     bind("ops", item="sshd/vrf-netconf/mgmt")
     set_list("ipv4", "ops", "permit tcp host 192.0.2.2 any")
@@ -118,7 +104,7 @@ def test_an_emptied_list_leaves_the_port_open_before_and_after_a_restart(mgmt):
     assert not open_to_everybody()
 
 
-def test_a_list_changed_while_the_namespace_is_away_is_loaded_when_it_returns(vrf):
+def test_a_list_changed_without_its_namespace_is_loaded_when_it_returns(vrf):
     set_list("ipv4", "ops", "permit tcp host 192.0.2.1 any")
     vrf("mgmt")
     bind("ops")
@@ -141,7 +127,7 @@ def test_an_empty_input_changes_nothing(mgmt):
     assert any(ALLOWED in rule for rule in access_lists.rules(mgmt, "norvossh_v4acl"))
 
 
-def test_a_list_that_confines_nobody_is_warned_of(mgmt):
+def test_a_list_without_effect_causes_a_warning(mgmt):
     result = router.run("ssh_cfg_ctl", "set", router.SERVER + ITEM, '[null, "opps"]')
     assert result.stderr.splitlines() == [
         "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv4 source: there is no IPv4 access list opps",
@@ -149,7 +135,7 @@ def test_a_list_that_confines_nobody_is_warned_of(mgmt):
     ]
 
 
-def test_a_load_that_fails_is_told_and_changes_nothing(mgmt, nft_that_rejects, journal):
+def test_a_failed_load_is_reported_and_changes_nothing(mgmt, nft_that_rejects, journal):
     set_list("ipv6", "ops6", f"permit tcp host {ALLOWED6} any")
     bind(None, "ops6")
     wait_for_rules(mgmt, "norvossh_v6acl", "ip6", ALLOWED6)

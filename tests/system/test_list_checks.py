@@ -1,4 +1,4 @@
-"""What `acl set` refuses because nft would not load it, and what it warns of."""
+"""Lists that `acl set` refuses because nft would not load them, and its warnings."""
 
 import json
 import pathlib
@@ -34,7 +34,7 @@ def mgmt(vrf):
 
 @pytest.fixture
 def other_nft():
-    """Puts a shell script in the place of nft for the rest of the test."""
+    """Replaces nft with a shell script for the rest of the test."""
     script = pathlib.Path("/usr/local/lib/other_nft")
     mounted = []
 
@@ -62,7 +62,7 @@ def network_namespaces():
 
 
 @pytest.mark.parametrize("entry", [GAP, NO_LENGTH])
-def test_a_mask_that_nft_does_not_take_is_refused(mgmt, entry):
+def test_a_mask_that_nft_rejects_is_refused(mgmt, entry):
     assert set_entries(WITH_LENGTH).returncode == 0
     bind(None, "ops6")
     wait_for_rules(mgmt, "norvossh_v6acl", "ip6", "2001:db8:9::/48")
@@ -94,7 +94,7 @@ def test_a_check_leaves_nothing_behind_and_loads_nothing(mgmt):
     assert not access_lists.rules(mgmt, "norvossh_v4acl")
 
 
-def test_nft_that_hangs_dies_with_the_agent(other_nft, tmp_path):
+def test_a_hanging_nft_dies_with_the_agent(other_nft, tmp_path):
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     lines = tmp_path / "lines"
     lines.write_text("permit tcp any any\n", encoding="utf-8")
@@ -111,7 +111,7 @@ def test_nft_that_hangs_dies_with_the_agent(other_nft, tmp_path):
     assert router.run("ssh_cfg_ctl", "acl", "show", "ipv4", "ops").stdout == f"10 permit tcp host {ALLOWED} any\n"
 
 
-def test_nft_that_hangs_does_not_stop_the_agent_for_ever(other_nft):
+def test_a_hanging_nft_does_not_block_the_agent(other_nft):
     other_nft("exec sleep 1000")
     started = time.monotonic()
     result = set_list("ipv4", "ops", "permit tcp any any", check=False)
@@ -121,7 +121,7 @@ def test_nft_that_hangs_does_not_stop_the_agent_for_ever(other_nft):
     assert router.ctl("acl", "list") == []
 
 
-def test_entries_that_do_not_do_what_they_say_are_warned_of(mgmt):
+def test_entries_without_the_apparent_effect_cause_warnings(mgmt):
     answer = set_list("ipv4", "ops", "permit tcp any any eq 23", "deny tcp any any neq 22", "permit tcp any any eq 830")
     assert answer["warnings"] == [
         "IPv4 access list ops: sequence 10 never matches: its destination port is compared with 22 for SSH and with 830 "

@@ -23,7 +23,7 @@ def test_default_vrf_is_the_machines_own_network():
     assert ssh("default", "readlink", "/proc/self/ns/net").stdout.strip() == os.readlink("/proc/1/ns/net")
 
 
-def test_a_server_is_reached_in_its_own_vrf_only(server, vrf):
+def test_a_server_is_reachable_only_in_its_own_vrf(server, vrf):
     server("red")
     vrf("blue")
     assert not router.port_answers("blue")
@@ -47,7 +47,7 @@ def test_item_first_and_namespace_later(vrf):
     assert ssh("later", "whoami").stdout == "operator\n"
 
 
-def test_server_goes_and_comes_with_its_namespace(server):
+def test_server_stops_and_starts_with_its_namespace(server):
     server("red")
     router.delete_namespace("red")
     router.wait_until(lambda: not router.is_active(router.server_unit("red")), what="the server is stopped")
@@ -67,7 +67,7 @@ def open_session(vrf, script):
     return session
 
 
-def test_servers_and_sessions_live_on_when_the_agent_is_killed(server):
+def test_servers_and_sessions_survive_when_the_agent_is_killed(server):
     server("red")
     before = router.main_pid(router.server_unit("red"))
     session = open_session("red", "read -r _; echo still here")
@@ -78,7 +78,7 @@ def test_servers_and_sessions_live_on_when_the_agent_is_killed(server):
     assert session.communicate("go\n", timeout=20)[0] == "still here\n"
 
 
-def test_configuration_is_there_after_a_restart(server):
+def test_configuration_survives_a_restart(server):
     server("red")
     router.set_item("cmn/timeout", 77)
     configured = router.configuration()

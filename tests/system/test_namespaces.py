@@ -12,7 +12,7 @@ def go_away(vrf):
     router.wait_until(lambda: not unit.exists(), what=f"{unit} goes with its namespace")
 
 
-def test_a_netconf_item_deleted_while_the_namespace_is_away_keeps_no_ssh_server_from_starting(server):
+def test_deleting_a_netconf_item_without_its_namespace_does_not_prevent_an_ssh_server(server):
     server("red")
     server("red", "vrf-netconf", 830)
     go_away("red")

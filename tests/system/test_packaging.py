@@ -26,13 +26,13 @@ def test_units_are_valid(unit):
 
 
 @pytest.mark.parametrize("key", KEYS)
-def test_host_keys_are_roots_alone(key):
+def test_host_keys_are_readable_only_by_root(key):
     assert mode(f"/pkg/{key}") == 0o600
     run("ssh-keygen", "-y", "-P", "", "-f", f"/pkg/{key}")
     assert not pathlib.Path("/pkg/dsa").exists()
 
 
-def test_set_up_again_changes_nothing():
+def test_repeating_the_set_up_changes_nothing():
     def state():
         keys = {key: pathlib.Path("/pkg", key).read_bytes() for key in KEYS}
         mounts = pathlib.Path("/proc/self/mountinfo").read_text(encoding="utf-8")
@@ -81,7 +81,7 @@ def test_member_of_the_group_may_use_the_tool_and_others_may_not():
         run("gpasswd", "--delete", "operator", "sshcfg")
 
 
-def test_agents_tmp_is_out_of_everybodys_reach():
+def test_agents_tmp_is_inaccessible_to_others():
     assert mode(AGENT_TMP) == 0o700 and os.stat(AGENT_TMP).st_uid == 0
     (AGENT_TMP / "seen").touch()
     try:
@@ -111,7 +111,7 @@ def test_rule_files_are_at_their_paths():
 
 @pytest.mark.parametrize("plant", [["mkdir", "-p", f"{RULE_FILES}/access-list"], ["ln", "-s", "/etc", RULE_FILES],
                                    ["touch", RULE_FILES], ["ln", "-s", "/nowhere", RULE_FILES]])
-def test_what_a_user_put_in_the_place_of_the_rule_files_is_moved_away(plant):
+def test_files_planted_in_place_of_the_rule_files_are_moved_away(plant):
     run("umount", RULE_FILES)
     RULE_FILES.rmdir()
     before = sorted(os.listdir("/etc"))
@@ -140,7 +140,7 @@ def test_namespaces_attached_later_reach_the_agent(vrf):
     assert "vrf-default" in names
 
 
-def test_respawn_count_grows_with_failures_and_starts_again_at_a_clean_stop():
+def test_respawn_count_grows_with_failures_and_is_reset_by_a_clean_stop():
     router.restart_agent()
     assert router.respawn_count() == 1
     router.kill_agent()
@@ -151,13 +151,13 @@ def test_respawn_count_grows_with_failures_and_starts_again_at_a_clean_stop():
     assert router.respawn_count() == 1
 
 
-def test_agent_is_started_again_however_often_it_fails():
+def test_agent_is_restarted_however_often_it_fails():
     for _ in range(7):
         router.kill_agent()
     router.restart_agent()
 
 
-def test_generator_adds_to_the_servers_units_only(tmp_path):
+def test_generator_extends_only_the_servers_units(tmp_path):
     names = ["sshd_service_red.service", "sshd_service_a.b-c_d.service", "sshd_conf_red.conf", "other.service"]
     created = [router.UNITS / name for name in names if not (router.UNITS / name).exists()]
     for path in created:
@@ -177,7 +177,7 @@ def test_generator_adds_to_the_servers_units_only(tmp_path):
             path.unlink()
 
 
-def test_generator_without_a_place_to_write_to_does_not_fail_the_reload():
+def test_generator_that_cannot_write_does_not_fail_the_reload():
     assert subprocess.run([GENERATOR, "/nonexistent"], check=False, capture_output=True).returncode == 0
 
 

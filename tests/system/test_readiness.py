@@ -1,4 +1,4 @@
-"""When a call returns, the ports of the servers that it has restarted answer."""
+"""When a call returns, the servers that it restarted answer on their ports."""
 
 import json
 import sys
@@ -6,7 +6,7 @@ import sys
 import pytest
 import router
 
-# Runs in the VRF's namespace, so that nothing but the call itself passes between two connections.
+# Runs in the VRF's namespace, so that only the call itself happens between two connections.
 PROBE = """
 import json, socket, subprocess, sys
 answers = []
@@ -22,7 +22,7 @@ print(json.dumps(answers))
 
 
 def answers_after(vrf, *changes):
-    """What the VRF's port says directly after each change."""
+    """The answer of the VRF's port directly after each change."""
     changes = [(router.SERVER + path, value) for path, value in changes]
     return json.loads(router.in_vrf(vrf, sys.executable, "-B", "-c", PROBE, json.dumps(changes), timeout=120).stdout)
 
@@ -39,7 +39,7 @@ def test_a_port_answers_directly_after_its_item_is_set(vrf):
     assert answers_after(vrf("red"), ("sshd/vrf/red", router.OPEN)) == ["SSH-2.0-"]
 
 
-def test_a_server_that_does_not_come_to_listen_has_not_started(server):
+def test_a_server_that_does_not_listen_has_not_started(server):
     server("red")
     drop_in = router.UNITS / f"{router.server_unit('red')}.d" / "silent.conf"
     drop_in.parent.mkdir()

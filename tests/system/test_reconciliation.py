@@ -1,4 +1,4 @@
-"""The way back to the configuration: after a kill, a restart, a full disk, and after somebody's own changes."""
+"""The return to the configuration after a kill, a restart, a full disk, and manual changes."""
 
 import json
 import os
@@ -17,7 +17,7 @@ VRFS = ["red", "blue", "green", "grey", "pink", "cyan"]
 
 @pytest.fixture
 def servers(vrf):
-    """Six VRFs with a server each."""
+    """Six VRFs with one server each."""
     for name in VRFS:
         vrf(name)
     router.load({f"sshd/vrf/{name}": router.OPEN for name in VRFS})
@@ -27,7 +27,7 @@ def servers(vrf):
 
 
 def effective(vrf, keyword):
-    """The value with which the VRF's running server was started, as sshd itself reads its file."""
+    """The value with which the VRF's running server was started, as sshd reads its file."""
     router.wait_for_server(vrf)
     words = (router.pathlib.Path("/proc") / str(router.main_pid(router.server_unit(vrf))) / "cmdline").read_bytes()
     words = [word.decode() for word in words.split(b"\0")]
@@ -57,7 +57,7 @@ def main_pids(vrfs):
 
 
 def start_call(*arguments):
-    """Starts a call of the tool without waiting for its end."""
+    """Starts the tool without waiting for it."""
     return subprocess.Popen(
         ["ssh_cfg_ctl", *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
     )
@@ -74,7 +74,7 @@ def kill_during(delay, *call):
     router.wait_for_agent()
 
 
-def test_a_setting_that_was_interrupted_is_in_force_after_the_restart(servers):
+def test_an_interrupted_setting_is_in_force_after_the_restart(servers):
     router.set_item("cmn/timeout", 40)
     interrupted = 0
     for number in range(8):
@@ -88,7 +88,7 @@ def test_a_setting_that_was_interrupted_is_in_force_after_the_restart(servers):
     assert interrupted > 0, "no kill came after the value was stored"
 
 
-def test_fips_mode_that_was_interrupted_is_in_force_after_the_restart(servers):
+def test_an_interrupted_switch_to_fips_mode_is_in_force_after_the_restart(servers):
     kill_during(0.3, "set", FIPS, 1)
     if router.run("ssh_cfg_ctl", "get", FIPS, check=False).returncode != 0:
         router.set_item(FIPS, 1)
@@ -101,7 +101,7 @@ def test_fips_mode_that_was_interrupted_is_in_force_after_the_restart(servers):
     assert router.run("ssh_cfg_ctl", "verify").returncode == 0
 
 
-def test_a_deletion_that_was_interrupted_leaves_no_server(servers):
+def test_an_interrupted_deletion_leaves_no_server(servers):
     kill_during(0.2, "delete", router.SERVER + "sshd/vrf/")
     router.run("ssh_cfg_ctl", "delete", router.SERVER + "sshd/vrf/", check=False)
     for name in servers:
@@ -109,7 +109,7 @@ def test_a_deletion_that_was_interrupted_leaves_no_server(servers):
         assert not router.is_active(router.server_unit(name))
 
 
-def test_a_vrf_deleted_while_the_agent_was_away_has_no_server(server):
+def test_a_vrf_deleted_while_the_agent_was_down_has_no_server(server):
     server("red")
     server("blue")
     database = next(router.pathlib.Path("/var/lib/ssh_cfg_agent").glob("*.db"))
@@ -169,7 +169,7 @@ def test_fips_mode_switched_off_after_a_restart_restores_the_lists(server):
     assert "curve25519-sha256" in effective("red", "KexAlgorithms")
 
 
-def test_legacy_ciphers_deleted_after_a_restart_are_offered_no_more(server):
+def test_legacy_ciphers_deleted_after_a_restart_are_no_longer_offered(server):
     server("red")
     router.set_item("cmn/enable/cipher", [1, None])
     assert "aes128-cbc" in effective("red", "Ciphers")
@@ -179,7 +179,7 @@ def test_legacy_ciphers_deleted_after_a_restart_are_offered_no_more(server):
     assert "aes128-cbc" not in effective("red", "Ciphers")
 
 
-def test_a_namespace_replaced_while_the_agent_was_away_has_its_server(server):
+def test_a_namespace_replaced_while_the_agent_was_down_has_its_server(server):
     server("red")
     router.run("systemctl", "stop", router.AGENT)
     router.delete_namespace("red")
@@ -199,7 +199,7 @@ def test_a_debug_level_does_not_outlive_the_agent(server):
         assert file_value(file, "LogLevel") is None
 
 
-def test_a_missing_default_file_does_not_keep_a_setting_from_the_servers(server):
+def test_a_setting_reaches_the_servers_without_the_default_file(server):
     server("red")
     (router.FILES / "sshd_config").unlink()
     router.set_item("cmn/timeout", 77)
@@ -208,7 +208,7 @@ def test_a_missing_default_file_does_not_keep_a_setting_from_the_servers(server)
 
 @pytest.fixture
 def full_disk():
-    """Puts the configuration files on a disk of their own without space left: fill() gives the file that fills it."""
+    """Moves the configuration files to a separate disk: fill() fills it and returns the file that takes the space."""
     copy = router.pathlib.Path("/run/files")
     filler = router.FILES / "filler"
 
@@ -227,7 +227,7 @@ def full_disk():
     shutil.rmtree(copy)
 
 
-def test_a_full_disk_is_reported_and_made_good(server, full_disk):
+def test_a_full_disk_is_reported_and_repaired(server, full_disk):
     server("red")
     filler = full_disk()
     for _ in range(2):
@@ -288,8 +288,8 @@ def test_drift_is_found_and_repaired(server, damage):
     assert router.run("ssh_cfg_ctl", "verify").stdout == clean.stdout
 
 
-def test_the_file_of_the_pam_service_is_written_again(server):
-    # The agent notices a deletion by itself; here it is stopped in between.
+def test_the_pam_file_is_restored(server):
+    # The agent restores a deleted file by itself, so it is stopped meanwhile.
     server("red")
     router.run("systemctl", "stop", router.AGENT)
     pam = router.pathlib.Path("/etc/pam.d/norvosshd")

@@ -1,4 +1,4 @@
-"""The agent as a systemd service: it is stopped in the middle of a change, and started again when it hangs."""
+"""The agent as a systemd service: stopped during a change, and restarted when it hangs."""
 
 import os
 import pathlib
@@ -11,7 +11,7 @@ import router
 
 VRFS = [f"v{number}" for number in range(1, 7)]
 
-# Takes its time when the agent runs it.
+# Is slow when the agent runs it.
 SLOW = """#!/bin/sh
 if grep -q ssh_cfg_agent.service /proc/self/cgroup; then
     sleep {seconds}
@@ -39,7 +39,7 @@ def slow_systemctl():
 
 @pytest.fixture
 def service_setting():
-    """Changes settings of the agent's unit until the end of the test and restarts it: service_setting("WatchdogSec=3")."""
+    """Changes settings of the agent's unit for the rest of the test and restarts it: service_setting("WatchdogSec=3")."""
     drop_in = pathlib.Path("/run/systemd/system") / f"{router.AGENT}.d" / "test.conf"
 
     def make(*lines):
@@ -56,7 +56,7 @@ def service_setting():
 
 
 def start_change(value):
-    """Begins to set the timeout; the caller waits for the tool."""
+    """Starts to set the timeout; the caller waits for the tool."""
     words = ["ssh_cfg_ctl", "set", router.SERVER + "cmn/timeout", str(value)]
     return subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
@@ -72,12 +72,12 @@ def started(vrf):
     return float(seconds)
 
 
-def test_a_restart_in_the_middle_of_a_change_lets_it_finish(server, slow_systemctl):
+def test_a_restart_during_a_change_lets_it_finish(server, slow_systemctl):
     for vrf in VRFS:
         server(vrf)
     before = router.main_pid(router.AGENT)
     slow_systemctl(0.5)
-    # systemd tells whole seconds.
+    # systemd reports whole seconds.
     time.sleep(1.1)
     begin = int(time.time())
     change = start_change(77)
@@ -97,7 +97,7 @@ def test_a_restart_in_the_middle_of_a_change_lets_it_finish(server, slow_systemc
 
 
 def respawns_are_clean():
-    """The agent's last end was a clean stop."""
+    """Whether the agent's last end was a clean stop."""
     return router.respawn_count() == 1
 
 
@@ -107,11 +107,11 @@ def test_a_stop_ends_with_status_0(journal):
     assert router.unit_property(router.AGENT, "ExecMainStatus") == "0"
     assert router.unit_property(router.AGENT, "Result") == "success"
     assert not (router.RUNTIME / "control.sock").exists()
-    # By text alone: journald does not know the unit of a process that has ended.
+    # Only by text: journald does not know the unit of a process that has ended.
     assert journal.wait_for("Ending after signal 15")
 
 
-def test_a_long_change_outlives_the_stop_timeout(server, slow_systemctl, service_setting):
+def test_a_long_change_survives_the_stop_timeout(server, slow_systemctl, service_setting):
     for vrf in VRFS[:4]:
         server(vrf)
     service_setting("TimeoutStopSec=3")
@@ -129,7 +129,7 @@ def watchdog_restart(before):
     router.wait_for_agent()
 
 
-def test_an_agent_that_hangs_is_started_again(server, service_setting, journal):
+def test_a_hanging_agent_is_restarted(server, service_setting, journal):
     server("red")
     service_setting("WatchdogSec=3")
     router.wait_for_server("red")
@@ -144,7 +144,7 @@ def test_an_agent_that_hangs_is_started_again(server, service_setting, journal):
     assert router.main_pid(router.server_unit("red")) == server_before
 
 
-def test_a_handler_that_hangs_is_ended(server, slow_systemctl, service_setting):
+def test_a_hanging_handler_is_killed(server, slow_systemctl, service_setting):
     server("red")
     service_setting("WatchdogSec=3")
     before = router.main_pid(router.AGENT)

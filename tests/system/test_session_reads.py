@@ -1,4 +1,4 @@
-"""What operational reads report of live sessions, compared with what the other end of each reported."""
+"""Operational reads of live sessions, compared with the reports of the other end."""
 
 import json
 import os
@@ -118,7 +118,7 @@ def algorithms(session):
     (GCM, "hmac-sha1", "curve25519-sha256", "ecdsa-sha2-nistp384", [9, 3, 8, 8, 4, 4]),
     (CHACHA, "hmac-sha1", "ecdh-sha2-nistp256", "ecdsa-sha2-nistp256", [6, 4, 9, 9, -1, -1]),
 ])
-def test_the_algorithms_are_those_that_the_client_speaks_of(server, cipher, mac, kex, key, numbers):
+def test_the_algorithms_are_those_that_the_client_reports(server, cipher, mac, kex, key, numbers):
     server("red")
     options = [f"Ciphers={cipher}", f"MACs={mac}", f"KexAlgorithms={kex}", f"HostKeyAlgorithms={key}"]
     with Login(options=options) as login:
@@ -128,7 +128,7 @@ def test_the_algorithms_are_those_that_the_client_speaks_of(server, cipher, mac,
         assert [session[field] for field in fields] == numbers
 
 
-def test_directions_are_told_apart(server):
+def test_directions_are_distinguished(server):
     server("red")
     with Login(options=["Ciphers=aes128-ctr,aes256-ctr", "MACs=hmac-sha2-256"]) as login:
         [session] = show("gl/sshddata/detail")
@@ -241,7 +241,7 @@ def test_logout_leaves_nothing(server):
     assert [path.name for path in STATE.iterdir()] == ["last"]
 
 
-def test_sockets_are_roots_alone(server):
+def test_sockets_are_accessible_only_to_root(server):
     server("red")
     with Login():
         [path] = pathlib.Path("/run").glob("norvossh_oper*")
@@ -290,7 +290,7 @@ def test_sessions_in_several_vrfs(server):
         assert len(established()) == 2
 
 
-def test_a_session_outlives_its_server_and_is_still_known(server):
+def test_a_session_survives_its_server_and_is_still_shown(server):
     server("red")
     with Login("-tt") as login:
         before = show("gl/sshddata/brief")
@@ -302,7 +302,7 @@ def test_a_session_outlives_its_server_and_is_still_known(server):
 
 
 @pytest.mark.parametrize("end", [signal.SIGKILL, signal.SIGTERM])
-def test_facts_outlive_the_responder(server, end):
+def test_facts_survive_the_responder(server, end):
     server("red")
     with Login("-tt"):
         before = (show("gl/sshddata/brief"), show("gl/sshddata/detail"))
@@ -316,7 +316,7 @@ def test_facts_outlive_the_responder(server, end):
             assert second["SessionID"] > first["SessionID"]
 
 
-def test_what_is_left_of_a_killed_responder_is_swept(server):
+def test_leftovers_of_a_killed_responder_are_removed(server):
     server("red")
     with Login():
         router.run("systemctl", "stop", "ssh_session_responder.socket", RESPONDER)
@@ -329,7 +329,7 @@ def test_what_is_left_of_a_killed_responder_is_swept(server):
         assert not (STATE / "1").exists()
 
 
-def test_logins_do_not_wait_for_a_responder_that_stands_still(server):
+def test_logins_do_not_wait_for_a_stopped_responder(server):
     server("red")
     assert router.ssh("red", "true").returncode == 0
     pid = router.main_pid(RESPONDER)
@@ -341,7 +341,7 @@ def test_logins_do_not_wait_for_a_responder_that_stands_still(server):
         os.kill(pid, signal.SIGCONT)
 
 
-def test_the_journal_holds_none_of_the_lines(server, journal):
+def test_the_journal_contains_none_of_the_lines(server, journal):
     server("red")
     with Login("-tt"):
         assert established()
@@ -351,7 +351,7 @@ def test_the_journal_holds_none_of_the_lines(server, journal):
 
 
 @pytest.mark.parametrize(("debug_level", "detailed"), [(None, True), ("server-l1", False), ("server-l2", True)])
-def test_the_journal_holds_what_the_log_level_asks_for(server, journal, debug_level, detailed):
+def test_the_journal_contains_the_requested_log_level(server, journal, debug_level, detailed):
     server("red")
     if detailed:
         router.set_item("cmn/logging", True)
@@ -376,7 +376,7 @@ def test_the_journal_holds_what_the_log_level_asks_for(server, journal, debug_le
         assert not [line for line in lines if line.startswith("debug")]
 
 
-def test_the_client_says_what_its_log_level_asks_for(server):
+def test_the_client_prints_the_requested_log_level(server):
     server("red")
     router.ctl("debug", "client-l1", "on")
     try:
@@ -412,7 +412,7 @@ def test_outgoing_session(server, run_as):
         assert session["SessionID"] != server_side["SessionID"]
 
 
-def test_the_client_stays_what_ssh_is(server):
+def test_the_client_behaves_like_ssh(server):
     server("red")
     ssh = ["ip", "netns", "exec", "vrf-red", "/pkg/bin/ssh_csm", "-o", "LogLevel=ERROR"]
 
@@ -422,19 +422,19 @@ def test_the_client_stays_what_ssh_is(server):
 
     result = client("operator@127.0.0.1", "cat; echo err >&2; exit 7", input=b"in\n")
     assert (result.stdout, result.stderr, result.returncode) == (b"in\n", b"err\n", 7)
-    # What the far side prints is not taken for the client's own report, whatever it looks like.
+    # Output of the remote side is never taken for the client's own report.
     line = "debug1: kex.c:choose_kex():1 (pid=1): kex: algorithm: x\r\n"
     result = client("operator@127.0.0.1", "cat; sleep 1; printf '%s' \"$0\" >&2".replace("$0", line),
                     input=line.encode())
     assert result.stdout == result.stderr == line.encode()
-    # Programs that the client starts for its user do not inherit its means of reporting.
+    # Programs that the client starts do not inherit its reporting library.
     result = client("-o", "PermitLocalCommand=yes", "-o", "LocalCommand=env", "operator@127.0.0.1", "true")
     assert b"MINE=1" in result.stdout
     assert b"ssh_session_reporter" not in result.stdout
     assert b"SSH_CSM" not in result.stdout
 
 
-def test_the_clients_own_words_are_ssh_s(server):
+def test_the_clients_messages_are_ssh_s(server):
     server("red")
     ssh = ["ip", "netns", "exec", "vrf-red", "/pkg/bin/ssh_csm"]
     quiet = subprocess.run([*ssh, "operator@127.0.0.1", "true"], capture_output=True, text=True, env=ASKED, check=True)
@@ -464,7 +464,7 @@ def test_a_jump_host_is_a_session_of_its_own(server):
         assert sorted(c["ConnectionType"] for s in established() for c in s["McInfo"]) == [2, 6]
 
 
-def test_a_log_file_of_the_users_holds_what_ssh_writes_to_one(server):
+def test_a_users_log_file_contains_what_ssh_writes(server):
     server("red")
     log = pathlib.Path("/run/client.log")
     with Login("-E", str(log), program="/pkg/bin/ssh_csm", environment=ASKED) as login:
@@ -496,7 +496,7 @@ def test_the_agents_restart_changes_nothing(server):
         assert algorithms(show("gl/sshddata/detail")[0]) == negotiated(login)
 
 
-def test_a_client_with_a_file_of_its_own_reports_nothing_and_works(server):
+def test_a_client_with_its_own_configuration_file_works_and_reports_nothing(server):
     server("red")
     with Login("-F", "/dev/null", program="/pkg/bin/ssh_csm", environment=ASKED) as login:
         assert not show("client/brief")
@@ -544,7 +544,7 @@ time.sleep({seconds})
 """
 
 
-def test_nobody_makes_sessions_up(server):
+def test_sessions_cannot_be_forged(server):
     server("red")
     for run_as in ("operator", "root"):
         forger = subprocess.Popen(["setpriv", "--reuid", run_as, "--regid", run_as, "--clear-groups", "python3", "-c",

@@ -104,7 +104,7 @@ def test_sftp_is_one_process_that_leads_its_group(red):
     session.communicate(timeout=10)
 
 
-def test_sessions_of_one_connection_are_found_one_by_one(red, tmp_path):
+def test_sessions_of_one_connection_are_found_separately(red, tmp_path):
     control = [f"ControlPath={tmp_path}/master"]
     master = start(red, "cat", options=["ControlMaster=yes", *control])
     wait_for_wrappers(1)
@@ -246,7 +246,7 @@ def test_a_lost_connection_ends_the_shell_and_what_runs_in_it(red):
 # Transparency of the wrapper
 
 
-def test_a_login_shell_is_one(red):
+def test_a_login_shell_runs_as_login_shell(red):
     with log_in(red) as terminal:
         terminal.read_until("$ ")
         terminal.type("echo \"<$0 $SHLVL $(tty) $-$(shopt -q login_shell && echo l)>\"\n")
@@ -306,7 +306,7 @@ def test_keys_reach_a_command_on_a_terminal(red):
         assert terminal.status() == 9
 
 
-def test_an_interrupted_command_ends_by_the_signal(red):
+def test_an_interrupted_command_ends_with_the_signal(red):
     with log_in(red, "echo rea''dy; sleep 60", options=["RequestTTY=force"]) as terminal:
         terminal.read_until("ready")
         terminal.type("\x03")
@@ -314,7 +314,7 @@ def test_an_interrupted_command_ends_by_the_signal(red):
     wait_for_wrappers(0)
 
 
-def test_the_window_size_is_followed(red):
+def test_changes_of_the_window_size_arrive(red):
     with log_in(red, rows=31, columns=101) as terminal:
         terminal.read_until("$ ")
         terminal.type("stty size\n")
@@ -347,7 +347,7 @@ def test_exit_statuses_are_passed_on(red, status):
 
 
 @pytest.mark.parametrize("name", ["TERM", "KILL", "SEGV", "HUP", "USR1", "INT", "PIPE"])
-def test_an_end_by_a_signal_is_reported_as_one(red, name):
+def test_a_signal_that_ends_the_command_is_reported(red, name):
     words = sessions.ssh_words(red, f"kill -{name} $$; sleep 5", options=["LogLevel=DEBUG1"])
     client = router.run(*words, check=False)
     assert client.returncode == 255
@@ -365,7 +365,7 @@ def test_an_end_by_a_signal_is_reported_as_one(red, name):
         "printf '<%s>' " + "x" * 100_000,
     ],
 )
-def test_the_users_shell_gets_the_command_as_it_was_sent(red, command):
+def test_the_users_shell_receives_the_command_unaltered(red, command):
     expected = subprocess.run(["bash", "-c", command], capture_output=True, check=True, cwd="/").stdout
     session = subprocess.run(sessions.ssh_words(red, command), capture_output=True, check=True, timeout=20)
     assert session.stdout == expected
@@ -435,7 +435,7 @@ def test_sftp_copies_both_ways(red, tmp_path):
     assert (tmp_path / "back").read_bytes() == data
 
 
-def test_an_account_without_a_login_is_refused_as_ever(red, user):
+def test_an_account_without_a_login_is_refused(red, user):
     user("closed", "/usr/sbin/nologin")
     for command in ([], ["true"]):
         refused = ssh(red, *command, user="closed", check=False)
@@ -452,7 +452,7 @@ def test_a_restricted_shell_stays_restricted_and_usable(red, user):
     assert "restricted" in refused.stderr
 
 
-def test_a_shell_that_knows_no_scripts_is_used_as_it_is(red, user):
+def test_a_shell_that_runs_no_scripts_is_used_directly(red, user):
     user("snake", "/usr/bin/python3")
     assert ssh(red, "print(6 * 7)", user="snake").stdout == "42\n"
     with log_in(red, user="snake") as terminal:
@@ -461,12 +461,12 @@ def test_a_shell_that_knows_no_scripts_is_used_as_it_is(red, user):
         assert terminal.status() == 5
 
 
-def test_a_key_that_is_for_one_command_gives_no_other(red, user):
+def test_a_key_restricted_to_one_command_allows_no_other(red, user):
     user("limited", key_options='command="echo the one command; echo $SSH_ORIGINAL_COMMAND" ')
     assert ssh(red, "echo another", user="limited").stdout == "the one command\necho another\n"
 
 
-def test_a_session_runs_without_its_wrapper_rather_than_not_at_all(red, journal):
+def test_without_its_wrapper_a_session_runs_nevertheless(red, journal):
     wrapper = pathlib.Path(sessions.WRAPPER)
     aside = wrapper.with_suffix(".aside")
     wrapper.rename(aside)

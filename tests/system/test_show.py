@@ -52,7 +52,7 @@ def parameter_lines(**options):
 
 @pytest.mark.parametrize("item", ["brief", "detail", "rekey"])
 @pytest.mark.parametrize("tree", SESSION_TREES)
-def test_no_sessions_are_said_plainly(tree, item):
+def test_the_absence_of_sessions_is_reported(tree, item):
     result = tool("show", tree + item)
     assert (result.returncode, result.stdout) == (4, "")
     assert result.stderr == f"ssh_cfg_ctl: {tree}{item}: no sessions\n"
@@ -61,7 +61,7 @@ def test_no_sessions_are_said_plainly(tree, item):
     assert json.loads(result.stdout) == {"result": "no_data", "message": f"{tree}{item}: no sessions"}
 
 
-def test_what_is_not_served_is_no_data():
+def test_an_item_without_provider_has_no_data():
     for path in (SESSION_TREES[0] + "history", SESSION_TREES[0] + "history_detail", "/oper/nowhere", BRIEF + "er"):
         result = tool("show", path)
         assert result.returncode == 4
@@ -88,7 +88,7 @@ def test_each_vrf_of_the_server_parameters_has_a_line(server):
     assert red != blue and (red.startswith(" ") or blue.startswith(" "))
 
 
-def test_json_has_the_schemas_names():
+def test_json_uses_the_schemas_names():
     router.set_item("cmn/rate_limit", 70)
     record = router.ctl("show", PARAMETERS)
     assert record["Ratelimit"] == 70 and record["Version"] == "v2" and record["Passwordauthen"] is True
@@ -117,7 +117,7 @@ def test_lines_fit_the_terminal(columns):
     assert max(len(line) for line in output.splitlines()) <= columns
 
 
-def test_a_pipe_gets_lines_unbroken():
+def test_lines_in_a_pipe_are_not_wrapped():
     result = tool("show", PARAMETERS)
     assert len(result.stdout.splitlines()) == len(router.ctl("show", PARAMETERS))
     narrow = tool("show", PARAMETERS, env={**os.environ, "COLUMNS": "60"})

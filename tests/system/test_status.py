@@ -1,4 +1,4 @@
-"""`ssh_cfg_ctl status` tells what is: namespaces, units, listening ports, files, rules, blocks and failures."""
+"""`ssh_cfg_ctl status` shows the real state: namespaces, units, listening ports, files, rules, blocks and failures."""
 
 import shutil
 import time
@@ -36,7 +36,7 @@ def check():
     return router.run("ssh_cfg_ctl", "status", "--check", check=False).returncode
 
 
-def test_a_sound_server_is_one_line(server):
+def test_a_server_without_problems_is_one_line(server):
     server("red")
     server("red", "vrf-netconf", 830)
     vrf = state()
@@ -88,7 +88,7 @@ def test_a_failed_unit(server):
 
 
 def test_a_server_that_does_not_listen(server):
-    """systemd takes the unit for running while its process never gets as far as listening."""
+    """systemd considers the unit running although its process never listens."""
     server("red")
     drop_in = router.UNITS / f"{router.server_unit('red')}.d"
     drop_in.mkdir()
@@ -124,7 +124,7 @@ def test_a_list_that_does_not_exist(server):
     assert check() == 1
 
 
-def test_rules_that_somebody_removed(server):
+def test_rules_removed_by_hand(server):
     server("red")
     set_list("ipv4", "ops", "permit tcp any any")
     router.set_item("sshd/vrf/red", [None, "ops", None])
@@ -134,7 +134,7 @@ def test_rules_that_somebody_removed(server):
     assert problems() == ["VRF red: IPv4 access list ops of SSH is not loaded"]
 
 
-def test_a_service_blocked_for_want_of_its_list(server, nft_that_rejects):
+def test_a_service_blocked_because_its_list_is_not_loaded(server, nft_that_rejects):
     server("red")
     set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
     accept_again = nft_that_rejects("norvossh_v4acl")
@@ -190,7 +190,7 @@ def test_the_last_good_file(server):
     assert check() == 1
 
 
-def test_a_hanging_systemd_holds_nobody_up(server):
+def test_a_hanging_systemd_delays_nobody(server):
     server("red")
     stub = router.RUNTIME / "hanging_systemctl"
     stub.write_text("#!/bin/sh\nsleep 1000\n", encoding="ascii")
@@ -206,7 +206,7 @@ def test_a_hanging_systemd_holds_nobody_up(server):
     assert [problem["subject"] for problem in status["problems"]] == ["servers"]
 
 
-def test_many_vrfs_take_no_time():
+def test_many_vrfs_are_shown_quickly():
     names = [f"n{number}" for number in range(64)]
     router.load({f"sshd/vrf/{name}": router.OPEN for name in names})
     begin = time.monotonic()

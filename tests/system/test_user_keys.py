@@ -1,4 +1,4 @@
-"""Configured public keys of users: who can log in with them, from when and until when."""
+"""Configured public keys of users: who can log in with them, and when."""
 
 import base64
 import pathlib
@@ -56,7 +56,7 @@ def logs_in(vrf, name, options=ONLY_RSA):
     return result.returncode == 0
 
 
-def test_a_configured_key_lets_in_until_it_is_deleted(server, user):
+def test_a_configured_key_is_accepted_until_it_is_deleted(server, user):
     server("red")
     user("alice")
     user("bob")
@@ -68,7 +68,7 @@ def test_a_configured_key_lets_in_until_it_is_deleted(server, user):
     assert not logs_in("red", "alice")
 
 
-def test_a_key_lets_in_on_every_vrf_and_on_the_netconf_port(server, user):
+def test_a_key_is_accepted_in_every_vrf_and_on_the_netconf_port(server, user):
     server("red")
     server("blue", "vrf-netconf", 830)
     user("alice")
@@ -77,7 +77,7 @@ def test_a_key_lets_in_on_every_vrf_and_on_the_netconf_port(server, user):
     assert ssh("blue", "whoami", user="alice", port=830, options=ONLY_RSA).stdout == "alice\n"
 
 
-def test_a_new_key_takes_the_place_of_the_old_one(server, user, tmp_path):
+def test_a_new_key_replaces_the_old_one(server, user, tmp_path):
     server("red")
     user("alice")
     router.run("ssh-keygen", "-q", "-t", "rsa", "-b", "2048", "-N", "", "-f", tmp_path / "other")
@@ -88,7 +88,7 @@ def test_a_new_key_takes_the_place_of_the_old_one(server, user, tmp_path):
     assert not logs_in("red", "alice")
 
 
-def test_a_key_lets_in_while_the_agent_is_down_and_after_its_restart(server, user):
+def test_a_key_is_accepted_while_the_agent_is_down_and_after_its_restart(server, user):
     server("red")
     user("alice")
     router.set_item(key_path("alice"), public_key())
@@ -101,7 +101,7 @@ def test_a_key_lets_in_while_the_agent_is_down_and_after_its_restart(server, use
     assert not logs_in("red", "alice")
 
 
-def test_keys_in_the_users_own_file_still_let_in(server):
+def test_keys_in_the_users_own_file_are_still_accepted(server):
     server("red")
     router.set_item(key_path("operator"), public_key())
     router.delete_item(key_path("operator"))
@@ -121,7 +121,7 @@ REFUSED_KEYS = {
 
 
 @pytest.mark.parametrize("key", REFUSED_KEYS.values(), ids=REFUSED_KEYS.keys())
-def test_a_text_that_is_no_usable_key_is_refused(user, key):
+def test_an_unusable_key_is_refused(user, key):
     user("alice")
     refused = router.set_item(key_path("alice"), key, check=False)
     assert refused.returncode == 5, refused
@@ -151,7 +151,7 @@ def test_a_user_who_cannot_log_in_is_refused(name):
     assert "Username not present in database" in refused.stderr
 
 
-def test_a_key_from_the_exec_mode_is_not_for_the_configuration_to_change(server, user, tmp_path):
+def test_the_configuration_cannot_change_a_key_from_the_exec_mode(server, user, tmp_path):
     server("red")
     user("alice")
     router.run("ssh_cfg_ctl", "key", "import", "alice", KEYS / "id_rsa.pub")
@@ -166,7 +166,7 @@ def test_a_key_from_the_exec_mode_is_not_for_the_configuration_to_change(server,
     assert not logs_in("red", "alice")
 
 
-def test_a_refused_key_leaves_the_former_one_in_force(server, user):
+def test_a_refused_key_leaves_the_previous_one_in_force(server, user):
     server("red")
     user("alice")
     router.set_item(key_path("alice"), public_key())
@@ -183,7 +183,7 @@ def test_an_eleventh_user_trustpoint_is_refused():
     assert "More than 10 trustpoints cannot be configured" in refused.stderr
     assert "UserTrustpointCntQd 10" in router.server_lines()
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
-    # A name that is removed makes room for one: the last name takes its place, and it comes back as the last one.
+    # Removing a name frees a slot: the last name moves there, and the removed one is added at the end again.
     router.delete_item("cmn/trustpoint/user/ca3")
     router.set_item("cmn/trustpoint/user/ca3", True)
     names[3], names[9] = names[9], names[3]
@@ -191,7 +191,7 @@ def test_an_eleventh_user_trustpoint_is_refused():
     assert "UserTrustpointQd " + ",".join(names) in router.server_lines()
 
 
-def test_a_removed_trustpoint_leaves_its_place_to_the_last_one():
+def test_the_last_trustpoint_replaces_a_removed_one():
     for name in "ABC":
         router.set_item(f"cmn/trustpoint/user/{name}", True)
     router.delete_item("cmn/trustpoint/user/A")

@@ -99,7 +99,7 @@ def test_begins_with_the_state_in_force(watch):
     }
 
 
-def test_settings_are_told_as_they_change(watch):
+def test_changes_of_settings_are_reported(watch):
     watcher = watch()
     assert watcher.state()["timeout"] == 30
     router.set_item("cmn/timeout", 77)
@@ -119,7 +119,7 @@ def test_settings_are_told_as_they_change(watch):
     assert watcher.line(seconds=1.0) is None and watcher.process.poll() is None
 
 
-def test_the_server_of_the_default_vrf_is_told(watch):
+def test_the_server_of_the_default_vrf_is_reported(watch):
     watcher = watch()
     assert watcher.state()["enable"] is False
     router.set_item("sshd/vrf/default", router.OPEN)
@@ -128,7 +128,7 @@ def test_the_server_of_the_default_vrf_is_told(watch):
     watcher.state_until(enable=False)
 
 
-def test_timestamps_go_up(watch):
+def test_timestamps_increase(watch):
     watcher = watch()
     stamps = [watcher.line()["timestamp"]]
     for timeout in range(30, 40):
@@ -137,7 +137,7 @@ def test_timestamps_go_up(watch):
     assert stamps == sorted(set(stamps))
 
 
-def test_every_watcher_is_told(watch):
+def test_every_watcher_receives_events(watch):
     watchers = [watch() for _ in range(5)]
     for watcher in watchers:
         watcher.state()
@@ -177,7 +177,7 @@ def test_ends_with_an_agent_that_is_killed(watch):
     assert watcher.end()[0] == 3
 
 
-def test_outlives_the_time_in_which_others_have_to_speak(watch):
+def test_survives_the_idle_timeout_of_other_connections(watch):
     """An idle connection is dropped after a minute; a watcher may be silent for longer."""
     watcher = watch()
     watcher.state()
@@ -186,7 +186,7 @@ def test_outlives_the_time_in_which_others_have_to_speak(watch):
     assert watcher.state()["timeout"] == 41
 
 
-def test_only_so_many_may_watch(watch):
+def test_the_number_of_watchers_is_limited(watch):
     watchers = [watch() for _ in range(16)]
     for watcher in watchers:
         watcher.state()
@@ -213,7 +213,7 @@ def deaf_watcher():
     return connection
 
 
-def test_nobody_waits_for_who_does_not_read(watch):
+def test_watchers_that_do_not_read_delay_nobody(watch):
     """Hundreds of events with a stopped watcher and one that never reads do not slow the agent down."""
     reader = watch()
     reader.state()
