@@ -140,14 +140,16 @@ int note_file_change(const char* path) {
         return 0;
     }
     vrf_node* node = find_vrf_node(path + std::strlen(paths::vrf_server_file_prefix));
-    if (node == nullptr || node->restart_due != 0) {
+    if (node == nullptr) {
         return 0;
     }
+    // Also when the restart is due already: systemd may have restarted the server since that was recorded.
+    const uint32_t before = node->restart_due;
     node->restart_due = 1;
     if (in_walk || write_record() == 0) {
         return 0;
     }
-    node->restart_due = 0;
+    node->restart_due = before;
     return -1;
 }
 

@@ -38,6 +38,7 @@
 #include "reconcile/reconciliation.h"
 #include "vrf/namespace_handler.h"
 #include "vrf/node_registry.h"
+#include "vrf/server_changes.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
 
@@ -491,16 +492,25 @@ void fill_upcalls() {
     agent_upcalls.ocssh_telemetry_publish = ocssh_telemetry_publish;
 }
 
-/// A hanging systemd holds up a commit, or the initial scan, only once.
-void group_commands_by_commit() {
-    constexpr enforcement_commit_callbacks callbacks = {[](void*) { begin_command_group(); },
-                                                        [](void*) { end_command_group(); }};
+/// Also a group of commands, so that a hanging systemd holds up a commit only once.
+void begin_commit(void*) {
+    begin_command_group();
+    put_off_server_changes();
+}
+
+void end_commit(void*) {
+    carry_out_server_changes();
+    end_command_group();
+}
+
+void follow_commits() {
+    constexpr enforcement_commit_callbacks callbacks = {begin_commit, end_commit};
     enforcement_announce_commits(&callbacks, nullptr);
 }
 
 start_up_status take_steps() {
     fill_upcalls();
-    group_commands_by_commit();
+    follow_commits();
     for (const start_up_step& step : steps) {
         const start_up_status status = step.run();
         if (status != START_UP_DONE) {

@@ -14,9 +14,10 @@
 #include "core/log.h"
 #include "core/paths.h"
 #include "core/text.h"
-#include "reconcile/unit_states.h"
+#include "vrf/server_changes.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
+#include "vrf/unit_states.h"
 #include "vrf/vrf_namespace.h"
 
 namespace {
@@ -39,6 +40,9 @@ bool runs_elsewhere(const vrf_node& node, int32_t process) {
 std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
     if (unit == nullptr || !is_running(*unit)) {
         return "is not running" + (unit != nullptr ? " (" + unit->active_state + ")" : "");
+    }
+    if (node.start_failed != 0) {
+        return "runs, but its VRF was left blocked when it could not be started";
     }
     if (runs_elsewhere(node, unit->main_process)) {
         return "runs in another network namespace than vrf-" + std::string(node.name);
@@ -81,15 +85,6 @@ bool compare_server(comparison& run, vrf_node& node, const unit_state* unit) {
     return true;
 }
 
-const unit_state* unit_of(const std::vector<unit_state>& units, const char* vrf_name) {
-    for (const unit_state& unit : units) {
-        if (unit.vrf_name == vrf_name) {
-            return &unit;
-        }
-    }
-    return nullptr;
-}
-
 bool is_wanted(const unit_state& unit) {
     const vrf_node* node = find_vrf_node(unit.vrf_name.c_str());
     return node != nullptr && node->reference_count > 0 && vrf_namespace_exists(node->name);
@@ -120,7 +115,7 @@ int examine_restarted(comparison& run, const std::vector<const vrf_node*>& resta
         return -1;
     }
     for (const vrf_node* node : restarted) {
-        const unit_state* unit = unit_of(units, node->name);
+        const unit_state* unit = find_unit_state(units, node->name);
         if (unit == nullptr || !is_running(*unit)) {
             not_removed(run, server_subject(node->name), reason_to_restart(*node, unit));
         }
@@ -128,9 +123,18 @@ int examine_restarted(comparison& run, const std::vector<const vrf_node*>& resta
     return 0;
 }
 
+/// Lets systemd read the units if it could not when they were written.
+void compare_systemd(comparison& run) {
+    if (unit_reload_is_due() && found(run, "units", "systemd has not read them since they were changed") &&
+        reload_units() != 0) {
+        not_removed(run, "units", "systemctl daemon-reload failed");
+    }
+}
+
 }  // namespace
 
 int compare_servers(comparison& run) {
+    compare_systemd(run);
     std::vector<unit_state> units;
     if (read_unit_states(&units) != 0) {
         return -1;
@@ -139,7 +143,7 @@ int compare_servers(comparison& run) {
     // After the notice of a reload the servers stay down on purpose.
     for (vrf_node* node = server_config.nodes; node != nullptr && !servers_are_held_down(); node = node->next) {
         if (node->reference_count > 0 && vrf_namespace_exists(node->name) &&
-            compare_server(run, *node, unit_of(units, node->name))) {
+            compare_server(run, *node, find_unit_state(units, node->name))) {
             restarted.push_back(node);
         }
     }

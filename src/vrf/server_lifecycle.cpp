@@ -17,9 +17,9 @@
 #include "core/paths.h"
 #include "core/shell_command.h"
 #include "core/text.h"
-#include "platform/enforcement.h"
-#include "vrf/acl_attachment.h"
 #include "vrf/protection.h"
+#include "vrf/server_changes.h"
+#include "vrf/server_outcome.h"
 #include "vrf/service_unit.h"
 #include "vrf/shell_command.h"
 #include "vrf/trace_points.h"
@@ -28,7 +28,6 @@ namespace {
 
 constexpr size_t line_size = 4096;
 constexpr size_t command_size = 256;
-constexpr size_t report_size = 512;
 
 /// systemctl's exit status for a unit that it does not know.
 constexpr int unit_not_loaded = 5;
@@ -53,39 +52,10 @@ int report_missing_unit(const char* vrf_name) {
     return 0;
 }
 
-/// Remembers whether a failed start leaves the VRF blocked.
-void note_start_failed(const char* vrf_name, bool failed) {
-    vrf_node* node = find_vrf_node(vrf_name);
-    if (node != nullptr) {
-        node->start_failed = failed ? 1 : 0;
-    }
-}
-
-/// Reports whether the server is as the command was to make it; `status` is what run_shell_command returned. Leaves errno
-/// alone.
-void report_server(const char* vrf_name, const char* command, int status) {
-    const int error = errno;
-    char subject[report_size];
-    format_text(subject, sizeof subject, "server %s", vrf_name);
-    if (status == 0) {
-        enforcement_restored(subject);
-    } else {
-        char reason[report_size];
-        format_text(reason, sizeof reason, status == -1 && error == ETIMEDOUT ? "%s timed out" : "%s failed", command);
-        enforcement_failed(subject, reason);
-    }
-    errno = error;
-}
-
-/// An earlier start that failed has left the lists of the VRF unloaded.
-void load_failed_lists(const char* vrf_name) {
-    vrf_node* node = find_vrf_node(vrf_name);
-    if (node != nullptr && node->failed_acls != 0) {
-        reload_acls(node);
-    }
-}
-
 int start_server(const char* vrf_name) {
+    if (put_off_restart(vrf_name)) {
+        return 0;
+    }
     debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
     block_vrf(vrf_name);
     char command[command_size];
@@ -94,23 +64,17 @@ int start_server(const char* vrf_name) {
     const bool failed = shell_command_failed(command, &status);
     report_server(vrf_name, command, status);
     if (failed) {
-        const int error = errno;
-        debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to start the server", vrf_name, platform_status_text(error),
-                    error);
-        trace_error(vrf_trace_start, {vrf_name, error});
-        // Without a server there is nothing to let connections in for: the VRF stays blocked until a start succeeds.
-        note_start_failed(vrf_name, true);
+        server_has_not_started(vrf_name);
         return -1;
     }
-    note_start_failed(vrf_name, false);
-    note_restart_done(vrf_name);
-    load_failed_lists(vrf_name);
-    unblock_vrf(vrf_name);
-    trace_event(vrf_trace_restarted, {vrf_name});
+    server_has_started(vrf_name);
     return 0;
 }
 
 int stop_server(const char* vrf_name) {
+    if (put_off_stop(vrf_name)) {
+        return 0;
+    }
     char command[command_size];
     format_text(command, sizeof command, "systemctl stop sshd_service_%s", vrf_name);
     int status = 0;
@@ -118,17 +82,10 @@ int stop_server(const char* vrf_name) {
     const bool none_to_stop = status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == unit_not_loaded;
     report_server(vrf_name, command, none_to_stop ? 0 : status);
     if (failed) {
-        const int error = errno;
-        debug_print("Vrf-name:=%s, Error:=%s(0x%x), Failed to kill the server", vrf_name, platform_status_text(error),
-                    error);
-        trace_error(vrf_trace_stop, {vrf_name, error});
-        errno = error;
+        server_has_not_stopped(vrf_name);
         return -1;
     }
-    note_start_failed(vrf_name, false);
-    note_restart_done(vrf_name);
-    unblock_vrf(vrf_name);
-    trace_event(vrf_trace_stopped, {vrf_name});
+    server_has_stopped(vrf_name);
     return 0;
 }
 
@@ -246,7 +203,7 @@ int restart_server_of(vrf_node* node) {
     service_unit_path(node->name, unit, sizeof unit);
     // Without a unit the restart has nothing to do yet, and nothing has been started.
     if (result == 0 && file_exists(unit) == 1) {
-        node->server_started = 1;
+        (node->restart_put_off != 0 ? node->start_put_off : node->server_started) = 1;
     }
     return result;
 }

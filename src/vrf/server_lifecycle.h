@@ -7,7 +7,8 @@
 #include "config_files/vrf_node.h"
 
 /// Starts or restarts (`start` = 1) or stops (0) the unit of a VRF, blocking the VRF in management-plane protection
-/// during a restart. Returns 0 or -1; a VRF whose server could not be started stays blocked.
+/// during a restart. Returns 0 or -1; a VRF whose server could not be started stays blocked. Within an announced commit it
+/// returns 0, and the server waits for the end (server_changes.h); this holds for the next two as well.
 int ssh_process_restart(uint32_t start, const char* vrf_name);
 
 /// Stops the unit of a VRF even if its file is gone. Returns 0 or -1.

@@ -12,6 +12,7 @@
 #include "core/paths.h"
 #include "core/text.h"
 #include "platform/vrf_table.h"
+#include "vrf/server_changes.h"
 #include "vrf/shell_command.h"
 #include "vrf/trace_points.h"
 #include "vrf/vrf_namespace.h"
@@ -207,6 +208,9 @@ int create_sshd_service_config_file(const char* prefixed_name) {
     if (write_file(__func__, make_unit(vrf_name), unit_reports) != 0 ||
         write_file(__func__, make_environment(vrf_name, vrf_id), environment_reports) != 0) {
         return -1;
+    }
+    if (put_off_unit_reload()) {
+        return 0;
     }
     if (shell_command_failed("systemctl daemon-reload")) {
         const int error = errno;

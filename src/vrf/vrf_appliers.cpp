@@ -20,6 +20,7 @@
 #include "vrf/acl_state.h"
 #include "vrf/node_registry.h"
 #include "vrf/protection.h"
+#include "vrf/server_changes.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
 #include "vrf/trace_points.h"
@@ -219,7 +220,7 @@ void exchange_lists(const server_kind& kind, const vrf_request& request) {
     if (changed && make_nft_table(kind.routine, node->name) == 0) {
         block_vrf(node->name);
         load_exchanged_lists(kind, node, exchanges);
-        if (node->start_failed == 0) {
+        if (node->start_failed == 0 && node->blocked_until_end == 0) {
             unblock_vrf(node->name);
         }
     }
@@ -345,6 +346,8 @@ int stop_service(const server_kind& kind, vrf_node* node) {
     if (remove_service_lines(kind, node, &file_changed) != 0) {
         return -1;
     }
+    // Without its lists a server that still runs must not be reached.
+    block_until_changes_are_carried_out(node);
     release_reference(node);
     detach_acl(node, kind.v4);
     detach_acl(node, kind.v6);

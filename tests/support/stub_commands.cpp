@@ -177,6 +177,15 @@ void set_delay(std::string_view command, uint32_t milliseconds, uint32_t times, 
     rules->count++;
 }
 
+void fail_unit(const std::string& unit) {
+    std::filesystem::create_directories(failing_units_directory);
+    std::ofstream(std::string(failing_units_directory) + "/" + unit).put('\n');
+}
+
+void allow_unit(const std::string& unit) {
+    std::filesystem::remove(std::string(failing_units_directory) + "/" + unit);
+}
+
 void clear_rules() {
     prepare();
     rules->count = 0;

@@ -44,6 +44,10 @@ void set_hook(std::string_view command, std::string_view shell_command, uint32_t
 /// Lets the command take its time.
 void set_delay(std::string_view command, uint32_t milliseconds, uint32_t times = always, uint32_t from_call = 1);
 
+/// Lets a server's unit ("sshd_service_red") fail to start, alone or with others, until it is allowed to again.
+void fail_unit(const std::string& unit);
+void allow_unit(const std::string& unit);
+
 /// Forgets all rules.
 void clear_rules();
 

@@ -76,12 +76,13 @@ def test_a_restart_during_a_change_lets_it_finish(server, slow_systemctl):
     for vrf in VRFS:
         server(vrf)
     before = router.main_pid(router.AGENT)
-    slow_systemctl(0.5)
+    slow_systemctl(2)
     # systemd reports whole seconds.
     time.sleep(1.1)
     begin = int(time.time())
     change = start_change(77)
-    router.wait_until(lambda: 1 <= len(files_with(77)) < len(VRFS), what="the change is under way")
+    router.wait_until(lambda: files_with(77) == VRFS, what="the change is under way")
+    assert change.poll() is None, "the servers are still to be restarted"
     slow_systemctl(0)
     router.restart_agent()
     output, errors = change.communicate(timeout=30)

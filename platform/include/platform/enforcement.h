@@ -54,7 +54,8 @@ struct enforcement_commit_callbacks {
 };
 
 /// Registers routines to be called around each commit, which replace those registered before. A platform need not call
-/// them; one that does calls them in pairs, never nested. The callbacks are copied. EINVAL unless both are given.
+/// them; one that does calls them in pairs, never nested. Between them the agent puts off all restarts of servers, which it
+/// then carries out together in `end`; without them it restarts a server with each change. The callbacks are copied. EINVAL unless both are given.
 platform_status enforcement_announce_commits(const struct enforcement_commit_callbacks* callbacks, void* context);
 
 #ifdef __cplusplus

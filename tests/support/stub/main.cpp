@@ -134,10 +134,22 @@ unsigned long long microseconds_now() {
     return now.tv_sec * 1000000ULL + now.tv_nsec / 1000;
 }
 
-void remember_unit(const char* verb, const char* unit) {
+bool refuses_to_start(const char* unit) {
+    char path[path_size];
+    snprintf(path, sizeof path, "%s/%s", stub_commands::failing_units_directory, unit);
+    return access(path, F_OK) == 0;
+}
+
+/// Returns the exit status of systemctl for this unit.
+int remember_unit(const char* verb, const char* unit) {
     char path[path_size];
     unit_file(path, unit);
-    if (strcmp(verb, "restart") == 0 || strcmp(verb, "start") == 0) {
+    const bool starts = strcmp(verb, "restart") == 0 || strcmp(verb, "start") == 0;
+    if (starts && refuses_to_start(unit)) {
+        unlink(path);
+        return 1;
+    }
+    if (starts) {
         mkdir(stub_commands::units_directory, 0777);
         FILE* file = fopen(path, "we");
         if (file != nullptr) {
@@ -147,6 +159,7 @@ void remember_unit(const char* verb, const char* unit) {
     } else if (strcmp(verb, "stop") == 0) {
         unlink(path);
     }
+    return 0;
 }
 
 void show_unit(const char* unit) {
@@ -175,11 +188,16 @@ void show_units() {
     fflush(stdout);
 }
 
-/// Acts on the servers' units as systemctl would, after a command that succeeded.
-void act_on_units(int argc, char** argv) {
-    if (argc >= 3 && strncmp(argv[2], unit_prefix, sizeof unit_prefix - 1) == 0) {
-        remember_unit(argv[1], argv[2]);
+/// Acts on the servers' units as systemctl would, after a command that succeeded. A unit that does not start does not keep
+/// the others from starting. Returns the exit status.
+int act_on_units(int argc, char** argv) {
+    int status = 0;
+    for (int i = 2; i < argc; i++) {
+        if (strncmp(argv[i], unit_prefix, sizeof unit_prefix - 1) == 0 && remember_unit(argv[1], argv[i]) != 0) {
+            status = 1;
+        }
     }
+    return status;
 }
 
 }  // namespace
@@ -197,9 +215,9 @@ int main(int argc, char** argv) {
     if (is_systemctl && argc >= 2 && strcmp(argv[1], "show") == 0) {
         show_units();
     }
-    const int status = table != nullptr ? obey(*table, line) : 0;
+    int status = table != nullptr ? obey(*table, line) : 0;
     if (is_systemctl && status == 0) {
-        act_on_units(argc, argv);
+        status = act_on_units(argc, argv);
     }
     if (status < 0) {
         signal(-status, SIG_DFL);

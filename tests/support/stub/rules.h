@@ -10,6 +10,8 @@ namespace stub_commands {
 inline constexpr char log_file[] = "/stub_commands/log";
 inline constexpr char rules_file[] = "/stub_commands/rules";
 inline constexpr char units_directory[] = "/stub_commands/units";  ///< a file for each running unit
+inline constexpr char failing_units_directory[] =
+    "/stub_commands/failing_units";  ///< a file for each unit that cannot start
 
 inline constexpr uint32_t rules_max = 256;
 inline constexpr uint32_t endless = UINT32_MAX;

@@ -66,6 +66,15 @@ TEST_F(restart_record_test, a_change_is_recorded_until_the_server_is_restarted) 
     EXPECT_FALSE(restart_is_due("red", long_ago));
 }
 
+// systemd may have restarted the server between the changes.
+TEST_F(restart_record_test, a_second_change_concerns_servers_started_since_the_first) {
+    EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
+    const uint64_t first = std::stoull(file_lines(paths::restart_record).front());
+    EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
+    die();
+    EXPECT_TRUE(restart_is_due("red", first));
+}
+
 TEST_F(restart_record_test, each_server_is_recorded_by_itself) {
     EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
     EXPECT_EQ(note_file_change(file_of("blue").c_str()), 0);

@@ -406,6 +406,31 @@ TEST_F(reconciliation_test, a_server_that_cannot_be_restarted_remains) {
     EXPECT_FALSE(fake_platform::is_not_in_force("server red"));
 }
 
+// systemd may start a server later that the agent could not start.
+TEST_F(reconciliation_test, a_server_that_runs_behind_a_port_left_blocked) {
+    start();
+    stub_commands::fail_unit("sshd_service_red");
+    EXPECT_EQ(fake_platform::commit(timeout(45)).not_in_force.size(), 1u);
+    EXPECT_TRUE(fake_platform::vrf_blocked("red"));
+    find_vrf_node("red")->restart_due = 0;
+    stub_commands::allow_unit("sshd_service_red");
+    std::system("systemctl restart sshd_service_red");
+    expect_repaired({{"server red", "runs, but its VRF was left blocked when it could not be started"}},
+                    {restart_of("red")});
+    EXPECT_FALSE(fake_platform::vrf_blocked("red"));
+}
+
+TEST_F(reconciliation_test, units_that_systemd_has_not_read) {
+    start();
+    scratch_root::add_namespace_file("vrf-green");
+    stub_commands::fail("systemctl daemon-reload", 1, 2);
+    const auto result = fake_platform::commit(vrf_item("green"));
+    EXPECT_THAT(result.not_in_force, ElementsAre(fake_platform::unenforced{"units", "systemctl daemon-reload failed"}));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 1);
+    expect_repaired({{"units", "systemd has not read them since they were changed"}}, {});
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+}
+
 TEST_F(reconciliation_test, states_that_cannot_be_read) {
     start();
     stub_commands::fail(show_units, 1);

@@ -1,6 +1,6 @@
 /// The units of the VRFs' servers as systemd sees them.
-#ifndef RECONCILE_UNIT_STATES_H
-#define RECONCILE_UNIT_STATES_H
+#ifndef VRF_UNIT_STATES_H
+#define VRF_UNIT_STATES_H
 
 #include <cstdint>
 #include <string>
@@ -19,7 +19,11 @@ bool is_running(const unit_state& unit);
 /// Whether there is nothing to stop.
 bool is_stopped(const unit_state& unit);
 
-/// Asks for all units that systemd has loaded, with one command. Returns 0, or -1 with errno. May throw std::bad_alloc.
-int read_unit_states(std::vector<unit_state>* units);
+/// Asks with one command for all units that systemd has loaded, or for those named (separated by blanks), whether loaded or
+/// not. Returns 0, or -1 with errno. May throw std::bad_alloc.
+int read_unit_states(std::vector<unit_state>* units, const char* names = nullptr);
+
+/// The state of a VRF's unit, or null.
+const unit_state* find_unit_state(const std::vector<unit_state>& units, const char* vrf_name);
 
 #endif

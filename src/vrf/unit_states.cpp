@@ -1,4 +1,4 @@
-#include "reconcile/unit_states.h"
+#include "vrf/unit_states.h"
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr char command[] =
-    "systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic 'sshd_service_*'";
+constexpr char query[] = "systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic ";
+constexpr char all_units[] = "'sshd_service_*'";
 /// Listing units takes milliseconds. If it hangs, every systemctl does.
 constexpr command_limit listing_of_units = {10'000, true};
 
@@ -70,14 +70,15 @@ bool is_stopped(const unit_state& unit) {
     return unit.active_state == "inactive" || unit.active_state == "failed";
 }
 
-int read_unit_states(std::vector<unit_state>* units) {
+int read_unit_states(std::vector<unit_state>* units, const char* names) {
     units->clear();
+    const std::string command = std::string(query) + (names != nullptr ? names : all_units);
     // In memory, because a pipe would have to be read while the command runs.
     const int output = memfd_create("unit states", MFD_CLOEXEC);
     if (output < 0) {
         return -1;
     }
-    const int status = run_shell_command(command, listing_of_units, output);
+    const int status = run_shell_command(command.c_str(), listing_of_units, output);
     FILE* file = status == 0 && lseek(output, 0, SEEK_SET) == 0 ? fdopen(output, "r") : nullptr;
     if (file == nullptr) {
         const int error = status > 0 ? EIO : errno;
@@ -88,4 +89,13 @@ int read_unit_states(std::vector<unit_state>* units) {
     read_units(file, *units);
     std::fclose(file);
     return 0;
+}
+
+const unit_state* find_unit_state(const std::vector<unit_state>& units, const char* vrf_name) {
+    for (const unit_state& unit : units) {
+        if (unit.vrf_name == vrf_name) {
+            return &unit;
+        }
+    }
+    return nullptr;
 }

@@ -1,4 +1,4 @@
-#include "reconcile/unit_states.h"
+#include "vrf/unit_states.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,21 @@
+/// What follows from an attempt to start or stop the server of a VRF.
+#ifndef VRF_SERVER_OUTCOME_H
+#define VRF_SERVER_OUTCOME_H
+
+/// Reports to the platform whether the server is as the command was to make it; `status` is what run_shell_command returned.
+/// Leaves errno alone.
+void report_server(const char* vrf_name, const char* command, int status);
+
+/// The server was started: lists that could not be loaded before are tried again, and the VRF is unblocked.
+void server_has_started(const char* vrf_name);
+
+/// The server was not started; errno is the reason. The VRF stays blocked.
+void server_has_not_started(const char* vrf_name);
+
+/// The server was stopped; the VRF is unblocked.
+void server_has_stopped(const char* vrf_name);
+
+/// The server was not stopped; errno, which stays, is the reason.
+void server_has_not_stopped(const char* vrf_name);
+
+#endif
