@@ -301,9 +301,25 @@ void check_reply(const announcement& told, platform_status status, const char* r
     }
 }
 
+/// Drops creations whose namespaces are gone while their deletion is still to be read: the handler would wait for each of
+/// them in vain, and everybody else with it.
+void drop_what_is_gone(namespace_watch& watch) {
+    try {
+        std::string looked_at;
+        while (!watch.queue.empty() && watch.queue.front().code == NAMESPACE_CREATED &&
+               watch.queue.front().name != looked_at) {
+            looked_at = watch.queue.front().name;
+            look_at(watch, looked_at);
+        }
+    } catch (const std::exception& failure) {
+        platform_log(LOG_ERR, "Failed to recheck a namespace: %s", failure.what());
+    }
+}
+
 /// Announces one namespace; the next one has to wait for the loop.
 int deliver(sd_event_source*, void* userdata) {
     auto& watch = *static_cast<namespace_watch*>(userdata);
+    drop_what_is_gone(watch);
     if (watch.queue.empty()) {
         return 0;
     }

@@ -222,6 +222,20 @@ TEST_F(namespace_watch_test, one_that_came_and_went_unseen_is_not_told_of) {
     expect_told("+vrf-blue ");
 }
 
+// Detaching a namespace is no event of the directory.
+TEST_F(namespace_watch_test, one_that_is_gone_when_its_turn_comes_is_not_told_of) {
+    start();
+    add("vrf-red");
+    run_once();
+    umount2(path("vrf-red").c_str(), MNT_DETACH);
+    run_once();
+    EXPECT_EQ("", told);
+    add("vrf-blue");
+    expect_told("+vrf-blue ");
+    attach("vrf-red");
+    expect_told("+vrf-red ");
+}
+
 TEST_F(namespace_watch_test, what_happens_during_a_handler_is_merged_before_it_is_told) {
     start();
     on_message = [&] {
