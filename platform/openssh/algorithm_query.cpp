@@ -1,10 +1,6 @@
 #include "openssh/algorithm_query.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 
 #include "common/text.h"
 #include "openssh/run_programs.h"
@@ -21,21 +17,6 @@ constexpr std::string_view cache_end = "end";
 
 /// The arguments of `ssh -Q`, in the order of the kinds.
 constexpr const char* query_words[algorithm_kind_count] = {"cipher", "mac", "kex", "HostKeyAlgorithms"};
-
-/// Identifies a program file. A package upgrade that keeps the size and modification time still changes the inode or
-/// the change time.
-std::string identity_of(const std::string& ssh, std::string& identity) {
-    struct stat status;
-    if (stat(ssh.c_str(), &status) != 0) {
-        const int error = errno;
-        return text_format("cannot examine %s: %s", ssh.c_str(), std::strerror(error));
-    }
-    identity = text_format("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(ssh).c_str(),
-                           static_cast<long long>(status.st_size), static_cast<unsigned long long>(status.st_ino),
-                           static_cast<long long>(status.st_mtim.tv_sec), status.st_mtim.tv_nsec,
-                           static_cast<long long>(status.st_ctim.tv_sec), status.st_ctim.tv_nsec);
-    return {};
-}
 
 std::string ask_ssh(const std::string& ssh, known_algorithms& known) {
     std::vector<std::vector<std::string>> programs;
@@ -96,7 +77,7 @@ bool parse_algorithm_cache(std::string_view text, std::string_view identity, kno
 
 std::string query_algorithms(const std::string& ssh, const std::string& cache_file, known_algorithms& known) {
     std::string identity;
-    std::string error = identity_of(ssh, identity);
+    std::string error = identify_file(ssh, identity);
     if (!error.empty()) {
         return error;
     }

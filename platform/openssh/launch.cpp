@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "common/text.h"
+#include "openssh/accepted_files.h"
 #include "openssh/algorithm_query.h"
 #include "openssh/preload.h"
 #include "openssh/run_programs.h"
@@ -71,9 +72,13 @@ file_failure translate_and_report(const launcher_paths& paths, const std::string
 }
 
 /// Has sshd itself check a file. Its output is reported even if it accepts the file.
-file_failure test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to) {
+file_failure test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to,
+                            bool* without_a_word = nullptr) {
     const program_result result = run_programs({{paths.sshd, "-t", "-f", file}}, test_limit).front();
     const bool taken = result.status == 0;
+    if (without_a_word != nullptr) {
+        *without_a_word = taken && result.errors.empty();
+    }
     report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
     if (!result.failure.empty()) {
         return {text_format("%s -t %s", paths.sshd.c_str(), result.failure.c_str())};
@@ -84,6 +89,21 @@ file_failure test_with_sshd(const launcher_paths& paths, const std::string& file
     return {text_format("sshd rejects the file (exit status %d)", result.status), first_line(result.errors)};
 }
 
+/// The same, unless sshd has accepted the text before. A text about which sshd has something to say is tested each time.
+file_failure test_new_text(const launcher_paths& paths, const std::string& file, const std::string& text,
+                           const reporter& to) {
+    const std::string record = accepted_record(paths.sshd, text);
+    if (is_accepted(paths.state_directory, record)) {
+        return {};
+    }
+    bool without_a_word = false;
+    file_failure failure = test_with_sshd(paths, file, to, &without_a_word);
+    if (without_a_word) {
+        keep_accepted(paths.state_directory, record);
+    }
+    return failure;
+}
+
 /// Tests a translation and makes it the current one, or sets it aside if sshd does not accept it.
 file_failure adopt(const launcher_paths& paths, const translation_files& files, const std::string& text,
                    const reporter& to) {
@@ -91,7 +111,7 @@ file_failure adopt(const launcher_paths& paths, const translation_files& files, 
     if (!error.empty()) {
         return {error};
     }
-    file_failure failure = test_with_sshd(paths, files.candidate, to);
+    file_failure failure = test_new_text(paths, files.candidate, text, to);
     if (!failure) {
         return {move_file(files.candidate, files.current)};
     }

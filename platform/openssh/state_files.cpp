@@ -113,6 +113,18 @@ bool is_trusted_file(const std::string& path) {
            (status.st_uid == 0 || status.st_uid == geteuid()) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
+std::string identify_file(const std::string& path, std::string& identity) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        return failure("examine", path);
+    }
+    identity = text_format("%s size %lld inode %llu modified %lld.%09ld changed %lld.%09ld", shown(path).c_str(),
+                           static_cast<long long>(status.st_size), static_cast<unsigned long long>(status.st_ino),
+                           static_cast<long long>(status.st_mtim.tv_sec), status.st_mtim.tv_nsec,
+                           static_cast<long long>(status.st_ctim.tv_sec), status.st_ctim.tv_nsec);
+    return {};
+}
+
 translation_files translation_files_of(const std::string& state_directory, const std::string& agent_directory,
                                        const std::string& server_file) {
     std::string_view named_after = server_file;

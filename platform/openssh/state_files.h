@@ -35,6 +35,10 @@ bool is_readable_file(const std::string& path);
 /// load on everyone's behalf.
 bool is_trusted_file(const std::string& path);
 
+/// Gives a line that identifies a file: its name, inode, size and times. A package upgrade that keeps the size and
+/// modification time still changes the inode or the change time.
+std::string identify_file(const std::string& path, std::string& identity);
+
 /// The names of one server's translations. A new text is first a candidate and replaces the current one only after sshd
 /// has accepted it; so the current one is the last good one.
 struct translation_files {

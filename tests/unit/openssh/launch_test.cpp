@@ -84,7 +84,68 @@ TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
 
 TEST_F(launcher_launch, leaves_nothing_but_the_file_its_record_and_the_cache) {
     ASSERT_EQ(prepare(), launch_ready);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 3);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 4)
+        << "the file, its record, the algorithms, and what sshd has accepted";
+}
+
+/// A launcher with an sshd that counts how often it is asked.
+class launcher_test_cache : public launcher_launch {
+  protected:
+    void SetUp() override {
+        launcher_launch::SetUp();
+        write_sshd("");
+    }
+
+    void write_sshd(const std::string& body) {
+        paths_.sshd = scratch_.write_program("sshd", "echo >>" + scratch_.file("tests") + "\n" + body);
+    }
+
+    /// How often sshd was asked by a launch.
+    size_t tests_of_a_launch() {
+        scratch_.write("tests", "");
+        EXPECT_EQ(prepare(), launch_ready) << said_;
+        return text_of(scratch_.file("tests")).size();
+    }
+};
+
+TEST_F(launcher_test_cache, the_same_text_is_tested_once_for_all_servers) {
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    EXPECT_EQ(tests_of_a_launch(), 0U);
+    scratch_.write("sshd_config_blue", text_of(options_.file));
+    options_.file = scratch_.file("sshd_config_blue");
+    EXPECT_EQ(tests_of_a_launch(), 0U);
+    EXPECT_EQ(text_of(scratch_.file("state/sshd_config_blue")).find("#"), 0U) << "the file is there all the same";
+}
+
+TEST_F(launcher_test_cache, another_text_program_or_host_key_is_tested) {
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    write_settings("Port 23\n");
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    write_sshd("# another version\n");
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    EXPECT_EQ(tests_of_a_launch(), 0U);
+    ASSERT_EQ(chmod(key_.c_str(), 0640), 0);
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+}
+
+TEST_F(launcher_test_cache, what_sshd_comments_on_or_rejects_is_tested_each_time) {
+    write_sshd("echo 'this is deprecated' >&2\n");
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    EXPECT_THAT(said_, HasSubstr("this is deprecated"));
+    write_sshd("case $3 in *candidate*) exit 255 ;; esac\n");
+    EXPECT_EQ(tests_of_a_launch(), 2U) << "the new file and the last good one";
+    EXPECT_EQ(tests_of_a_launch(), 2U);
+}
+
+TEST_F(launcher_test_cache, a_damaged_record_is_as_good_as_none) {
+    EXPECT_EQ(tests_of_a_launch(), 1U);
+    for (const auto& entry : std::filesystem::directory_iterator(paths_.state_directory)) {
+        if (entry.path().filename().string().starts_with("~accepted")) {
+            std::ofstream(entry.path(), std::ios::app) << "Port 24\n";
+        }
+    }
+    EXPECT_EQ(tests_of_a_launch(), 1U);
 }
 
 TEST_F(launcher_launch, records_which_file_is_in_use_and_why) {
