@@ -1,5 +1,9 @@
 #include "openssh/client_launch.h"
 
+#include <sys/stat.h>
+
+#include <cstdlib>
+
 #include "common/text.h"
 #include "openssh/algorithm_query.h"
 #include "openssh/preload.h"
@@ -11,6 +15,13 @@
 namespace openssh {
 
 namespace {
+
+/// Whether nobody else can make, rename or remove anything in the folder; its own parents are the system's.
+bool is_private_to(const std::string& path, unsigned user) {
+    struct stat status;
+    return path.starts_with('/') && stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+           status.st_uid == user && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
 
 /// A missing server file means that no server was ever configured, and so FIPS mode is off.
 bool router_is_in_fips_mode(const launcher_paths& paths) {
@@ -29,14 +40,21 @@ void report_remarks(const translation& result, const client_reporters& to) {
 
 }  // namespace
 
-std::string client_state_directory(const launcher_paths& paths, unsigned user, const char* runtime_directory) {
-    if (user == 0) {
+std::string client_state_directory(const launcher_paths& paths, const client_user& user) {
+    if (user.id == 0) {
         return paths.state_directory;
     }
-    if (runtime_directory != nullptr && runtime_directory[0] == '/') {
-        return std::string(runtime_directory) + "/ssh_csm";
+    for (const std::string& place :
+         {user.runtime_directory, text_format("%s%u", paths.user_runtime_directories.c_str(), user.id)}) {
+        if (is_private_to(place, user.id)) {
+            return place + "/ssh_csm";
+        }
     }
-    return text_format("/tmp/ssh_csm-%u", user);
+    if (is_private_to(user.home, user.id)) {
+        return user.home + "/.cache/ssh_csm";
+    }
+    std::string made = paths.temporary_directory + "/ssh_csm-XXXXXX";
+    return mkdtemp(made.data()) == nullptr ? std::string() : made;
 }
 
 std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,

@@ -19,9 +19,17 @@ struct client_reporters {
     reporter log;
 };
 
-/// The directory of a user's translation: for root the launchers' own; for others one in `runtime_directory` (the value
-/// of XDG_RUNTIME_DIR, null or empty if unset) or in /tmp.
-std::string client_state_directory(const launcher_paths& paths, unsigned user, const char* runtime_directory);
+/// Who runs the client.
+struct client_user {
+    unsigned id;
+    std::string runtime_directory;  ///< the value of XDG_RUNTIME_DIR, empty if unset
+    std::string home;               ///< from the list of users, empty if unknown
+};
+
+/// The directory of a user's translation, in a place where nobody else can make it first: for root the launchers' own;
+/// for others one in their runtime directory or their home, if these belong to them alone, otherwise a new one of a random
+/// name, which stays. Empty with errno set if that cannot be created.
+std::string client_state_directory(const launcher_paths& paths, const client_user& user);
 
 /// Translates the client's file and keeps the result in `state_directory`; `config` is its path. The file is kept for
 /// jump hosts, whose clients read it again. Returns an empty text, or what is wrong, worded for the user.

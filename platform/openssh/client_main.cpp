@@ -1,5 +1,6 @@
 /// The router's SSH client: translates the agent's file into one that stock ssh accepts, and becomes ssh under its own
 /// name.
+#include <pwd.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -31,6 +32,12 @@ namespace {
     std::exit(openssh::client_failed);
 }
 
+openssh::client_user this_user() {
+    const char* runtime_directory = std::getenv("XDG_RUNTIME_DIR");
+    const passwd* entry = getpwuid(geteuid());
+    return {geteuid(), runtime_directory == nullptr ? "" : runtime_directory, entry == nullptr ? "" : entry->pw_dir};
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -40,10 +47,11 @@ int main(int count, char** arguments) {
     to.terminal.server_file = to.log.server_file = paths.client_file;
     to.terminal.program = to.log.program = "ssh_csm";
     to.log.way = openssh::report_way::system_log;
-    const std::string state_directory =
-        openssh::client_state_directory(paths, geteuid(), std::getenv("XDG_RUNTIME_DIR"));
+    const std::string state_directory = openssh::client_state_directory(paths, this_user());
     std::string config;
-    const std::string error = openssh::prepare_client(paths, state_directory, to, config);
+    const std::string error =
+        state_directory.empty() ? text_format("cannot create a folder for the client's file: %s", std::strerror(errno))
+                                : openssh::prepare_client(paths, state_directory, to, config);
     if (!error.empty()) {
         openssh::report(to.log, openssh::severity::error, error);
         openssh::report(to.terminal, openssh::severity::error, error);

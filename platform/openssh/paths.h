@@ -37,6 +37,9 @@ struct launcher_paths {
     std::string default_server_file = "/var/opt/norvo/norvossh/sshd_config";
     /// The name of the client's process.
     std::string client_name = "/pkg/bin/ssh_csm";
+    /// Each user's runtime directory is here, named by the user's number.
+    std::string user_runtime_directories = "/run/user/";
+    std::string temporary_directory = "/tmp";
     const char* system_log = "/dev/log";
     /// The name in the log: the server's own, which it takes from its program's name.
     const char* log_name = "norvosshd";

@@ -68,6 +68,11 @@ control_json busy_answer() {
     return answer;
 }
 
+/// The part of a limit of all connections together that this one may use up. Half of it is left to root.
+size_t limit_for(const control_connection& connection, size_t limit) {
+    return connection.peer.uid == 0 ? limit : limit / 2;
+}
+
 /// The time allowed until the peer accepts at least one byte.
 uint64_t time_to_take(const control_connection& connection) {
     const control_limits& limits = connection.server->limits;
@@ -91,7 +96,7 @@ void send_answer(control_connection& connection, const control_json& answer, boo
     if (text.size() > CONTROL_FRAME_MAX) {
         text = control_json_text(control_answer(control_result::failed,
                                                 "the answer exceeds the maximum frame size; request less at a time"));
-    } else if (connection.server->answers + text.size() > connection.server->limits.answers) {
+    } else if (connection.server->answers + text.size() > limit_for(connection, connection.server->limits.answers)) {
         text = control_json_text(busy_answer());
         last = true;
     }
@@ -154,7 +159,7 @@ bool promise_memory(control_connection& connection) {
     if (length <= server.limits.small_frame || connection.promised > 0) {
         return true;
     }
-    if (server.large_frames + length > server.limits.large_frames) {
+    if (server.large_frames + length > limit_for(connection, server.limits.large_frames)) {
         return false;
     }
     server.large_frames += length;
@@ -333,7 +338,8 @@ int attach(control_connection& connection) {
     sd_event* loop = connection.server->loop;
     int result = sd_event_add_io(loop, &connection.io, connection.fd, EPOLLIN, io_is_ready, &connection);
     if (result >= 0) {
-        result = sd_event_source_set_priority(connection.io, CONTROL_PRIORITY_CONNECTION);
+        result = sd_event_source_set_priority(
+            connection.io, connection.peer.uid == 0 ? CONTROL_PRIORITY_ROOT : CONTROL_PRIORITY_CONNECTION);
     }
     if (result >= 0) {
         result = sd_event_add_time(loop, &connection.limit, CLOCK_MONOTONIC, UINT64_MAX, second / 10, limit_is_reached,

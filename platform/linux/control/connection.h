@@ -14,9 +14,15 @@
 #include "linux/control/peer.h"
 #include "linux/control/server_state.h"
 
-/// Control connections are served after the platform's own events, and new connections after existing ones. Time limits
-/// come first, because a busy loop would never reach them otherwise.
-enum control_priority { CONTROL_PRIORITY_LIMIT = 9, CONTROL_PRIORITY_CONNECTION = 10, CONTROL_PRIORITY_LISTENER = 11 };
+/// Control connections are served after the platform's own events. Time limits come first, because a busy loop would never
+/// reach them otherwise; then root's connections, so that root does not wait behind others. All other connections take turns
+/// with the acceptance of new ones: neither busy peers nor a flood of new ones can keep anybody out.
+enum control_priority {
+    CONTROL_PRIORITY_LIMIT = 9,
+    CONTROL_PRIORITY_ROOT = 10,
+    CONTROL_PRIORITY_CONNECTION = 11,
+    CONTROL_PRIORITY_LISTENER = 11
+};
 
 /// A watcher is in phase `answering` while events are being sent to it, and in phase `waiting` in between.
 enum class control_phase : uint8_t { idle, receiving, answering, waiting };

@@ -1,5 +1,6 @@
 #include "linux/control/server.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <exception>
 #include <new>
@@ -24,6 +26,8 @@ constexpr uint64_t second = 1'000'000;
 constexpr int accepted_at_once = 16;
 /// How long accepting pauses when the process is out of descriptors or memory.
 constexpr uint64_t pause_without_descriptors = second / 5;
+/// Descriptors that connections must leave free for the agent's own work.
+constexpr size_t reserved_descriptors = 8;
 
 /// Sends the reason why a connection is about to be closed, if the peer's buffer accepts it at once.
 void send_parting_answer(int fd, const control_json& answer) {
@@ -33,19 +37,18 @@ void send_parting_answer(int fd, const control_json& answer) {
     static_cast<void>(send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL));
 }
 
-/// The order in which connections are dropped to make room for new ones: watchers last, and before them those whose
-/// answer is being sent.
+/// The order in which connections are dropped to make room for new ones: root's last, of the others watchers last, and
+/// before them those whose answer is being sent.
 bool dropped_before(const std::unique_ptr<control_connection>& left, const std::unique_ptr<control_connection>& right) {
     const auto rank = [](const control_connection& connection) {
-        return std::tuple(connection.watching, connection.phase == control_phase::answering, connection.since);
+        return std::tuple(connection.peer.uid == 0, connection.watching, connection.phase == control_phase::answering,
+                          connection.since);
     };
     return rank(*left) < rank(*right);
 }
 
-void make_room(control_server& server) {
-    if (server.connections.size() < server.limits.connections) {
-        return;
-    }
+/// There must be a connection.
+void drop_idle_longest(control_server& server) {
     control_connection* victim =
         std::min_element(server.connections.begin(), server.connections.end(), dropped_before)->get();
     if (victim->phase != control_phase::answering && !victim->watching) {
@@ -55,6 +58,29 @@ void make_room(control_server& server) {
         send_parting_answer(victim->fd, answer);
     }
     control_connection_drop(victim);
+}
+
+/// Whether the agent's own work would find its descriptors.
+bool has_reserve(const control_server& server) {
+    std::array<int, reserved_descriptors> probes;
+    for (int& probe : probes) {
+        probe = fcntl(server.listener, F_DUPFD_CLOEXEC, 0);
+    }
+    const bool complete = probes.back() >= 0;
+    for (const int probe : probes) {
+        if (probe >= 0) {
+            close(probe);
+        }
+    }
+    return complete;
+}
+
+/// Makes room for a connection that has been accepted.
+void make_room(control_server& server) {
+    while (!server.connections.empty() &&
+           (server.connections.size() >= server.limits.connections || !has_reserve(server))) {
+        drop_idle_longest(server);
+    }
 }
 
 void refuse(control_server& server, int fd, const control_peer& peer) {
@@ -101,9 +127,19 @@ void pause_accepting(control_server& server, int error) {
     sd_event_source_set_enabled(server.resume_source, SD_EVENT_ONESHOT);
 }
 
+/// If the process is out of descriptors, the connection idle longest gives way.
+int accept_one(control_server& server) {
+    int fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0 && is_shortage(errno) && !server.connections.empty()) {
+        drop_idle_longest(server);
+        fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    }
+    return fd;
+}
+
 void accept_some(control_server& server) {
     for (int count = 0; count < accepted_at_once; count++) {
-        const int fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        const int fd = accept_one(server);
         if (fd >= 0) {
             admit(server, fd);
             continue;

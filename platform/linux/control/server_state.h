@@ -14,7 +14,7 @@
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
 
-/// Times are in microseconds, sizes in bytes.
+/// Times are in microseconds, sizes in bytes. Only root may use more than half of the totals.
 struct control_limits {
     uint64_t idle_time = 60'000'000;  ///< from connecting, or from the last answer, to the first byte of the next frame
     uint64_t frame_time = 5'000'000;  ///< from a frame's first byte to its last

@@ -59,9 +59,15 @@ int node_lock_take() {
     if (mkdir(runtime_directory, 0755) != 0 && errno != EEXIST) {
         return report_failure(errno, "create the directory of");
     }
-    const int fd = open(runtime_lock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+    // Whoever may open the file may lock it, and so keep the agent from starting.
+    const int fd = open(runtime_lock_file, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
         return report_failure(errno, "open");
+    }
+    if (fchmod(fd, 0600) != 0) {
+        const int error = report_failure(errno, "set the mode of");
+        close(fd);
+        return error;
     }
     if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
         const int error = errno;

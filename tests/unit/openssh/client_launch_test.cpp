@@ -160,13 +160,59 @@ TEST_F(launcher_client, an_ssh_that_cannot_be_asked_is_told) {
     EXPECT_THAT(prepare(), HasSubstr("no_ssh"));
 }
 
-TEST_F(launcher_client, users_keep_their_translations_apart) {
-    const launcher_paths paths;
-    EXPECT_EQ(client_state_directory(paths, 0, "/run/user/0"), "/run/ssh_cfg_agent/openssh");
-    EXPECT_EQ(client_state_directory(paths, 1000, "/run/user/1000"), "/run/user/1000/ssh_csm");
-    EXPECT_EQ(client_state_directory(paths, 1000, nullptr), "/tmp/ssh_csm-1000");
-    EXPECT_EQ(client_state_directory(paths, 1000, ""), "/tmp/ssh_csm-1000");
-    EXPECT_EQ(client_state_directory(paths, 1000, "relative"), "/tmp/ssh_csm-1000");
+/// The folders of the machine that may contain a user's translation, all of which belong to this process's user.
+class launcher_client_folder : public launcher_client {
+  protected:
+    void SetUp() override {
+        paths_.user_runtime_directories = scratch_.file("users/");
+        paths_.temporary_directory = scratch_.file("tmp");
+        for (const char* name : {"runtime", "users", "users/4711", "home", "tmp"}) {
+            mkdir(scratch_.file(name).c_str(), 0700);
+        }
+        chmod(scratch_.file("tmp").c_str(), 01777);
+    }
+
+    std::string folder(unsigned user = 4711) {
+        // Root has a folder of its own, so the folders belong to somebody else.
+        for (const char* name : {"runtime", "users/4711", "home"}) {
+            EXPECT_EQ(0, chown(scratch_.file(name).c_str(), user_of_folders_, user_of_folders_));
+        }
+        return client_state_directory(paths_, {user, scratch_.file("runtime"), scratch_.file("home")});
+    }
+
+    unsigned user_of_folders_ = 4711;
+};
+
+TEST_F(launcher_client_folder, is_roots_own) {
+    EXPECT_EQ(client_state_directory(launcher_paths(), {0, "/run/user/0", "/root"}), "/run/ssh_cfg_agent/openssh");
+}
+
+TEST_F(launcher_client_folder, is_where_only_the_user_can_make_it) {
+    if (getuid() != 0 || chown(scratch_.file("home").c_str(), 4711, 4711) != 0) {
+        GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+    }
+    EXPECT_EQ(folder(), scratch_.file("runtime/ssh_csm"));
+    chmod(scratch_.file("runtime").c_str(), 0777);
+    EXPECT_EQ(folder(), scratch_.file("users/4711/ssh_csm"));
+    chmod(scratch_.file("users/4711").c_str(), 0770);
+    EXPECT_EQ(folder(), scratch_.file("home/.cache/ssh_csm"));
+    EXPECT_EQ(client_state_directory(paths_, {4711, "relative", scratch_.file("home")}),
+              scratch_.file("home/.cache/ssh_csm"));
+}
+
+TEST_F(launcher_client_folder, is_a_new_one_if_the_user_has_no_place) {
+    if (getuid() != 0 || chown(scratch_.file("home").c_str(), 4711, 4711) != 0) {
+        GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+    }
+    user_of_folders_ = 4712;
+    const std::string first = folder();
+    EXPECT_THAT(first, testing::StartsWith(scratch_.file("tmp/ssh_csm-")));
+    struct stat status;
+    ASSERT_EQ(0, stat(first.c_str(), &status));
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    EXPECT_NE(folder(), first);
+    paths_.temporary_directory = scratch_.file("nowhere");
+    EXPECT_EQ(folder(), "");
 }
 
 TEST_F(launcher_client, keeps_its_name_and_passes_every_argument_on) {

@@ -1,7 +1,9 @@
 #include "linux/control/server.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <vector>
 
 #include "unit/linux/control/control_test_support.h"
@@ -16,6 +18,33 @@ using testing::HasSubstr;
 namespace {
 
 class control_server_test : public control_test::server_test {};
+
+/// With clients of an ordinary user who may use the socket.
+class control_server_member_test : public control_server_test {
+  protected:
+    void SetUp() override {
+        if (!control_test::other_users_exist()) {
+            GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+        }
+        allow_descriptors(4096);
+    }
+
+    void start_for_members() {
+        start();
+        server->group = control_test::operators;
+        ASSERT_EQ(0, chmod(control_test::socket_path, 0666));
+    }
+
+    static client member() {
+        EXPECT_EQ(0, setegid(control_test::operators));
+        EXPECT_EQ(0, seteuid(control_test::somebody));
+        client connected;
+        EXPECT_EQ(0, seteuid(0));
+        EXPECT_EQ(0, setegid(0));
+        EXPECT_TRUE(connected.is_connected());
+        return connected;
+    }
+};
 
 TEST_F(control_server_test, starts_once) {
     start();
@@ -120,6 +149,77 @@ TEST_F(control_server_test, waits_when_the_process_is_out_of_descriptors) {
     EXPECT_FALSE(answered);
     EXPECT_LT(turns, 1000) << "the loop was spinning";
     EXPECT_EQ(answer_to(peer)["result"], "done");
+}
+
+TEST_F(control_server_test, idle_connections_give_way_when_descriptors_are_short) {
+    allow_descriptors(4096);
+    start();
+    std::vector<client> crowd;
+    for (int count = 0; count < 300; count++) {
+        crowd.emplace_back();
+    }
+    constexpr rlim_t available = 20;
+    const rlimit few = {static_cast<rlim_t>(crowd.back().fd()) + 1 + available, 4096};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    EXPECT_TRUE(run_until([&] { return crowd.front().has_answer(); }));
+    const auto begin = std::chrono::steady_clock::now();
+    client late;
+    EXPECT_EQ(ask(late, R"({"call":"echo"})").value("result", ""), "done");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150)) << "accepting was paused";
+    EXPECT_GT(control_server_connections(server), 5U);
+    std::vector<int> others;
+    while (others.size() < 8) {
+        others.push_back(dup(0));
+        EXPECT_LE(0, others.back()) << "no descriptor is left for the agent's own work";
+    }
+    for (const int fd : others) {
+        close(fd);
+    }
+}
+
+TEST_F(control_server_member_test, root_does_not_wait_behind_members) {
+    start_for_members();
+    std::vector<client> crowd;
+    for (int count = 0; count < 10; count++) {
+        crowd.push_back(member());
+        for (int call = 0; call < 10; call++) {
+            crowd.back().put(frame_of(R"({"call":"sleep","milliseconds":10})"));
+        }
+    }
+    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == crowd.size(); }));
+    client root;
+    root.put(frame_of(R"({"call":"echo"})"));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(answer_to(root)["uid"], 0U);
+    const auto waited = std::chrono::steady_clock::now() - begin;
+    EXPECT_LT(waited, std::chrono::milliseconds(300)) << "of 1000 that the members' calls take";
+}
+
+TEST_F(control_server_member_test, members_make_room_before_root_does) {
+    limits.connections = 4;
+    start_for_members();
+    client root;
+    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 1; }));
+    std::vector<client> crowd;
+    for (int count = 0; count < 20; count++) {
+        crowd.push_back(member());
+    }
+    EXPECT_EQ(answer_to(crowd.front())["retry"], true);
+    EXPECT_EQ(ask(root, R"({"call":"echo"})")["uid"], 0U);
+    EXPECT_EQ(ask(crowd.back(), R"({"call":"echo"})")["uid"], control_test::somebody);
+}
+
+TEST_F(control_server_member_test, members_leave_memory_for_roots_calls) {
+    limits.large_frames = limits.answers = 1'000'000;
+    start_for_members();
+    client greedy = member();
+    greedy.put(header_announcing(400'000) + "x");
+    EXPECT_TRUE(run_until([&] { return server->large_frames == 400'000; }));
+    client second = member();
+    second.put(header_announcing(200'000) + "x");
+    EXPECT_EQ(answer_to(second)["retry"], true);
+    client root;
+    EXPECT_EQ(ask(root, R"({"call":"echo","pad":")" + std::string(300'000, 'x') + "\"}")["result"], "done");
 }
 
 TEST_F(control_server_test, frees_everything_with_connections_in_every_state) {

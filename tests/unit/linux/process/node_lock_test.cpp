@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "linux/process/paths.h"
@@ -128,6 +129,23 @@ TEST(agent_lock_test, a_link_in_its_place_is_not_followed) {
               testing::internal::GetCapturedStderr());
     EXPECT_EQ("untouched", read_file("/tmp/elsewhere"));
     std::filesystem::remove(runtime_lock_file);
+}
+
+TEST(node_lock_test, cannot_be_taken_by_anybody_else) {
+    struct stat status = {};
+    // Also the file that an earlier version has left.
+    ASSERT_EQ(0, mkdir(runtime_directory, 0755) == 0 || errno == EEXIST ? 0 : -1);
+    write_file(runtime_lock_file, "");
+    ASSERT_EQ(0, chmod(runtime_lock_file, 0644));
+    ASSERT_EQ(0, node_lock_take());
+    ASSERT_EQ(0, stat(runtime_lock_file, &status));
+    EXPECT_EQ(0600U, status.st_mode & 07777);
+    node_lock_release();
+    ASSERT_EQ(0, unlink(runtime_lock_file));
+    ASSERT_EQ(0, node_lock_take());
+    ASSERT_EQ(0, stat(runtime_lock_file, &status));
+    EXPECT_EQ(0600U, status.st_mode & 07777);
+    node_lock_release();
 }
 
 }  // namespace
