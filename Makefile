@@ -4,6 +4,8 @@ BUILD ?= build
 BUILD_SANITIZE ?= build-asan
 JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
+# Numbers of VRFs that `make bench` measures commits with.
+VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
 .PHONY: help dependencies build build-all build-sanitize compile-commands run test bench lint tidy install clean
@@ -54,7 +56,7 @@ test: build-all build-sanitize
 	@tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
 
 bench: build-all
-	@bench/run --build $(BUILD)
+	@bench/run --build $(BUILD) --vrfs $(VRFS)
 
 install: build
 	cmake --install $(BUILD)

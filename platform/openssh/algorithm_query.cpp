@@ -6,6 +6,7 @@
 #include "openssh/run_programs.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
+#include "openssh/turn.h"
 
 namespace openssh {
 
@@ -75,14 +76,23 @@ bool parse_algorithm_cache(std::string_view text, std::string_view identity, kno
     return true;
 }
 
+namespace {
+
+bool read_cache(const std::string& cache_file, const std::string& identity, known_algorithms& known) {
+    std::string text;
+    return read_file(cache_file, text).empty() && parse_algorithm_cache(text, identity, known);
+}
+
+}  // namespace
+
 std::string query_algorithms(const std::string& ssh, const std::string& cache_file, known_algorithms& known) {
     std::string identity;
     std::string error = identify_file(ssh, identity);
-    if (!error.empty()) {
+    if (!error.empty() || read_cache(cache_file, identity, known)) {
         return error;
     }
-    std::string text;
-    if (read_file(cache_file, text).empty() && parse_algorithm_cache(text, identity, known)) {
+    const turn to_ask(cache_file.substr(0, cache_file.rfind('/')), turn_limit);
+    if (read_cache(cache_file, identity, known)) {
         return {};
     }
     error = ask_ssh(ssh, known);

@@ -13,6 +13,7 @@
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
+#include "openssh/turn.h"
 #include "openssh/verbose_places.h"
 
 namespace openssh {
@@ -93,6 +94,10 @@ file_failure test_with_sshd(const launcher_paths& paths, const std::string& file
 file_failure test_new_text(const launcher_paths& paths, const std::string& file, const std::string& text,
                            const reporter& to) {
     const std::string record = accepted_record(paths.sshd, text);
+    if (is_accepted(paths.state_directory, record)) {
+        return {};
+    }
+    const turn to_ask(paths.state_directory, turn_limit);
     if (is_accepted(paths.state_directory, record)) {
         return {};
     }

@@ -3,6 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+#include <vector>
+
 #include "scratch.h"
 
 using namespace openssh;
@@ -35,6 +38,24 @@ TEST(launcher_algorithm_query, asks_once_and_then_remembers) {
     EXPECT_EQ(query_algorithms(ssh, scratch.file("cache"), again), "");
     EXPECT_EQ(again.names, known.names);
     EXPECT_EQ(text_of(scratch.file("asked")), asked);
+}
+
+TEST(launcher_algorithm_query, who_asks_at_the_same_time_waits_for_one_answer) {
+    const scratch_directory scratch;
+    const std::string ssh = scratch.write_program("ssh", std::string("sleep 0.2\n") + talking_ssh);
+    std::vector<std::thread> starts;
+    for (int server = 0; server < 8; server++) {
+        starts.emplace_back([&] {
+            known_algorithms known;
+            EXPECT_EQ(query_algorithms(ssh, scratch.file("cache"), known), "");
+            EXPECT_THAT(known.names[0], ElementsAre("c1", "c2"));
+        });
+    }
+    for (std::thread& each : starts) {
+        each.join();
+    }
+    const std::string asked = text_of(scratch.file("asked"));
+    EXPECT_EQ(std::count(asked.begin(), asked.end(), '\n'), 4);
 }
 
 TEST(launcher_algorithm_query, asks_again_when_ssh_has_changed) {

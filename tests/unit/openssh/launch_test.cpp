@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <thread>
+#include <vector>
+
 #include "openssh/text.h"
 #include "openssh/verbose_places.h"
 #include "scratch.h"
@@ -136,6 +139,26 @@ TEST_F(launcher_test_cache, what_sshd_comments_on_or_rejects_is_tested_each_time
     write_sshd("case $3 in *candidate*) exit 255 ;; esac\n");
     EXPECT_EQ(tests_of_a_launch(), 2U) << "the new file and the last good one";
     EXPECT_EQ(tests_of_a_launch(), 2U);
+}
+
+TEST_F(launcher_test_cache, servers_that_start_together_wait_for_one_test) {
+    ASSERT_EQ(prepare(), launch_ready) << "so that all have the algorithms";
+    write_settings("Port 23\n");
+    write_sshd("sleep 0.3\n");
+    scratch_.write("tests", "");
+    std::vector<std::thread> launches;
+    for (int server = 0; server < 8; server++) {
+        launches.emplace_back([this, server] {
+            launch_options options;
+            options.file = scratch_.write("sshd_config_" + std::to_string(server), text_of(options_.file));
+            launch prepared;
+            EXPECT_EQ(prepare_launch(paths_, options, {.server_file = options.file}, prepared), launch_ready);
+        });
+    }
+    for (std::thread& each : launches) {
+        each.join();
+    }
+    EXPECT_EQ(text_of(scratch_.file("tests")).size(), 1U);
 }
 
 TEST_F(launcher_test_cache, a_damaged_record_is_as_good_as_none) {
