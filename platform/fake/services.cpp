@@ -10,7 +10,9 @@
 #include "platform/file_system_list.h"
 #include "platform/mpp.h"
 #include "platform/node_identity.h"
+#include "platform/shell_commands.h"
 #include "platform/vrf_table.h"
+#include "taken_commands.h"
 
 namespace fake_platform {
 namespace {
@@ -28,6 +30,7 @@ struct node_state {
     uint32_t role = PROCESS_ROLE_PRIMARY;
     uint32_t respawn_count = 1;
     uint32_t progress_reports = 0;
+    std::map<std::string, int, std::less<>> taken_commands;
     uint32_t node_id = 1;
     std::map<uint32_t, std::string> node_names = {{1, "node0"}};
     std::map<std::string, uint32_t> vrf_ids;
@@ -86,6 +89,10 @@ bool namespace_announced(std::string_view namespace_name) {
     return mpp.namespaces.count(std::string(namespace_name)) != 0;
 }
 
+void take_command(std::string command, int status) {
+    node.taken_commands[std::move(command)] = status;
+}
+
 uint32_t progress_reports() {
     return node.progress_reports;
 }
@@ -110,6 +117,15 @@ uint32_t process_manager_role(void) {
 
 void process_manager_ready(void) {
     enter("process_manager_ready", {});
+}
+
+uint32_t platform_take_command(const char* command, int* status) {
+    const auto taken = node.taken_commands.find(command);
+    if (taken == node.taken_commands.end()) {
+        return 0;
+    }
+    *status = taken->second;
+    return 1;
 }
 
 void process_manager_progress(void) {

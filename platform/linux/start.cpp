@@ -11,6 +11,7 @@
 #include "linux/process/node_lock.h"
 #include "linux/process/primary_wait.h"
 #include "linux/process/process_manager_internal.h"
+#include "linux/rehearsal/rehearsal.h"
 #include "linux/vrf/namespace_watch.h"
 #include "platform/namespace_message.h"
 
@@ -77,6 +78,7 @@ constexpr platform_service services[] = {
     // The socket opens last, when the keys that operators may ask about are in force.
     {"key store", service_moment::first_wait, 0, false, start_key_store, nullptr},
     {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
+    {"rehearsals", service_moment::first_wait, 0, false, rehearsals_start, rehearsals_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},
     // The agent reports readiness before it applies the configuration. Units that are ordered after it rely on the servers.
     {"readiness", service_moment::first_wait, 0, false, notify_readiness, nullptr},

@@ -13,6 +13,7 @@
 #include "core/log.h"
 #include "core/trace_points.h"
 #include "platform/process_manager.h"
+#include "platform/shell_commands.h"
 
 namespace {
 
@@ -152,6 +153,9 @@ int run_shell_command(const char* command, const command_limit& limit, int outpu
     const int before = errno;
     int error = ETIMEDOUT;
     int status = 0;
+    if (platform_take_command(command, &status) != 0) {
+        return status;
+    }
     if (state.groups == 0 || !state.gave_up || !limit.give_up) {
         process_manager_progress();
         error = run(command, limit, output, &status);

@@ -80,6 +80,28 @@ def mgmt(vrf, lists_and_wires):
 
 
 @pytest.fixture
+def sshd_script():
+    """Has shell commands run before sshd: sshd_script("exit 1"). Ends with the test or with the returned function."""
+    program = pathlib.Path("/pkg/libexec/norvosshd")
+    real = program.with_name("real_norvosshd")
+
+    def insert(commands):
+        program.rename(real)
+        script = program.with_name("script")
+        script.write_text(f'#!/bin/bash\n{commands}\nexec -a {program} {real} "$@"\n', encoding="utf-8")
+        script.chmod(0o755)
+        script.rename(program)
+        return remove
+
+    def remove():
+        if real.is_symlink() or real.exists():
+            real.replace(program)
+
+    yield insert
+    remove()
+
+
+@pytest.fixture
 def nft_that_rejects():
     """Makes nft reject the rule files whose names contain a text, until the returned function is called."""
     real, script = (pathlib.Path("/usr/local/lib") / name for name in ("accepting_nft", "rejecting_nft"))

@@ -97,16 +97,13 @@ def test_a_standby_answers_but_refuses_changes(standby):
     assert tool("set", TIMEOUT, "46").returncode == 0
 
 
-def test_a_setting_that_sshd_rejects_is_reported_with_its_message(server):
+def test_a_file_that_sshd_rejects_only_when_it_starts_is_named_with_sshds_words(server, sshd_script):
     server("red")
-    # Only the certificate host key, which stock sshd does not support.
-    item = router.SERVER + "cmn/algorithms/host-key"
-    result = tool("set", item, json.dumps([0, 0, 0, 0, 0, 1, 0, 0, 0, 0]))
+    # A rehearsal cannot see the service manager's socket.
+    sshd_script('[ ! -S /run/systemd/private ] || { echo "no more files" >&2; exit 255; }')
+    result = tool("set", TIMEOUT, "45")
     assert result.returncode == 6
-    assert "stored, not in force: server file red: sshd rejected the file, the last good one is in use: " in result.stderr
-    assert router.port_answers("red")
-    verified = tool("verify")
-    assert verified.returncode == 1 and "server file red: " in verified.stdout
-    assert tool("repair").returncode == 1
-    assert tool("delete", item).returncode == 0
-    assert tool("verify").returncode == 0
+    # The last good file is tested as well, and rejected for the same reason.
+    assert "stored, not in force: " in result.stderr and "red" in result.stderr
+    assert json.loads(tool("get", TIMEOUT).stdout) == 45
+    assert tool("verify").returncode == 1

@@ -274,6 +274,29 @@ std::string counts_text(const control_json& items) {
     return text.empty() ? "nothing to change" : text;
 }
 
+/// "file     changed  /etc/motd": one line for each member of an array of the rehearsal.
+std::string rehearsed_lines(const control_json& rehearsal, const char* array, const char* kind, const char* member) {
+    std::string text;
+    for (const control_json& one : rehearsal.value(array, control_json::array())) {
+        const std::string outcome = one.value("outcome", "");
+        text += std::string(kind) + "  " + outcome + std::string(outcome.size() < 10 ? 10 - outcome.size() : 1, ' ') +
+                text_escape(one.value(member, ""), 1024) + '\n';
+    }
+    return text;
+}
+
+/// What the change would do to the machine.
+std::string rehearsal_text(const control_json& answer) {
+    const control_json rehearsal = answer.value("rehearsal", control_json::object());
+    std::string text = rehearsed_lines(rehearsal, "files", "file  ", "path");
+    text += rehearsed_lines(rehearsal, "servers", "server", "vrf");
+    std::string vrfs;
+    for (const control_json& name : rehearsal.value("vrfs", control_json::array())) {
+        vrfs += (vrfs.empty() ? "" : ", ") + text_escape(name.is_string() ? name.get<std::string>() : "", 64);
+    }
+    return vrfs.empty() ? text : text + "VRFs concerned: " + vrfs + '\n';
+}
+
 std::string load_text(const control_json& answer) {
     const control_json items = answer.value("items", control_json::array());
     const bool check = answer.value("check", false);
@@ -285,6 +308,7 @@ std::string load_text(const control_json& answer) {
                     text_escape(item.value("path", ""), 1024) + '\n';
         }
     }
+    text += rehearsal_text(answer);
     text += counts_text(items);
     return text + (check ? " (checked only, nothing stored)\n" : "\n");
 }

@@ -35,9 +35,11 @@ control_result result_of(datastore_refused_by refused_by) {
             return control_result::done;
         case datastore_refused_by::schema:
         case datastore_refused_by::verifier:
+        case datastore_refused_by::rehearsal:
             return control_result::refused;
         case datastore_refused_by::absent:
             return control_result::no_data;
+        case datastore_refused_by::unrehearsed:
         case datastore_refused_by::store:
         case datastore_refused_by::busy:
             break;
@@ -94,6 +96,42 @@ std::vector<std::string> effect_warnings(const datastore_commit_result& result, 
     return warnings;
 }
 
+/// What the change would do to the machine.
+control_json rehearsal_of(const rehearsal_report& report) {
+    control_json files = control_json::array();
+    for (const rehearsed_file& file : report.files) {
+        files.push_back({{"path", file.path}, {"outcome", rehearsed_change_name(file.change)}});
+    }
+    control_json servers = control_json::array();
+    for (const rehearsed_server& server : report.servers) {
+        servers.push_back({{"vrf", server.vrf_name}, {"outcome", rehearsed_action_name(server.action)}});
+    }
+    return {{"files", std::move(files)}, {"vrfs", report.vrfs}, {"servers", std::move(servers)}};
+}
+
+/// What the rehearsal has shown beside what it refuses.
+std::vector<std::string> rehearsal_warnings(const rehearsal_report& report, bool check_only) {
+    std::vector<std::string> warnings;
+    if (!report.problem.empty()) {
+        warnings.push_back("the change was not rehearsed before it was stored: " + report.problem);
+    } else if (check_only) {
+        for (const rehearsed_rejection& rejection : report.rejections) {
+            warnings.push_back(rehearsed_rejection_text(rejection) + "; the present file is rejected as well");
+        }
+        for (const rehearsed_failure& failure : report.not_in_force) {
+            warnings.push_back("would be stored, not in force: " + failure.subject + ": " + failure.reason);
+        }
+    }
+    return warnings;
+}
+
+void add_rehearsal(control_json& answer, const rehearsal_report& report, bool check_only) {
+    if (check_only) {
+        answer["rehearsal"] = rehearsal_of(report);
+    }
+    control_add_warnings(answer, rehearsal_warnings(report, check_only));
+}
+
 struct change_call {
     const char* name;
     const control_peer& peer;
@@ -109,6 +147,9 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
         answer["items"] = items_of(result);
         control_add_warnings(answer, acl_commit_warnings(result.items));
         control_add_warnings(answer, effect_warnings(result, call.check_only));
+        if (result.rehearsal.has_value()) {
+            add_rehearsal(answer, *result.rehearsal, call.check_only);
+        }
     } else if (!result.path.empty()) {
         answer["path"] = result.path;
     }

@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <stdlib.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <map>
@@ -9,6 +10,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/state.h"
 #include "linux/enforcement/server_files.h"
+#include "linux/reporting/log_message_internal.h"
 #include "platform/process_manager.h"
 
 namespace {
@@ -344,6 +346,50 @@ void carry_out(const commit_plan& plan) {
     }
 }
 
+bool changes_anything(const commit_plan& plan) {
+    return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return item.second.changes(); });
+}
+
+rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only) {
+    rehearsal_request request = {{}, [&plan] { carry_out(plan); }, check_only};
+    for (const auto& [path, planned] : plan) {
+        if (planned.changes()) {
+            request.changes.emplace(path, planned.value);
+        }
+    }
+    return request;
+}
+
+/// Refuses a commit with which a server would not start that starts now. One whose server does not start anyway may be on
+/// the way to a configuration with which it does.
+bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
+    for (const rehearsed_rejection& rejection : result.rehearsal->rejections) {
+        if (!rejection.was_rejected) {
+            const std::string path = plan.size() == 1 ? plan.begin()->first : std::string();
+            return refuse(result, EINVAL, datastore_refused_by::rehearsal, path,
+                          text_format("%s%s%s; nothing has been stored", path.c_str(), path.empty() ? "" : ": ",
+                                      rehearsed_rejection_text(rejection).c_str()));
+        }
+    }
+    return true;
+}
+
+/// A router must stay configurable: what cannot be rehearsed is carried out nevertheless.
+bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result& result) {
+    const auto rehearse_commit = the_datastore().rehearse;
+    if (rehearse_commit == nullptr || !changes_anything(plan)) {
+        return true;
+    }
+    result.rehearsal = rehearse_commit(rehearsal_request_of(plan, check_only));
+    const std::string& problem = result.rehearsal->problem;
+    if (problem.empty()) {
+        return refuse_rejected(plan, result);
+    }
+    platform_log(LOG_WARNING, "The commit was not rehearsed: %s", problem.c_str());
+    return !check_only || refuse(result, ENOTSUP, datastore_refused_by::unrehearsed, {},
+                                 text_format("the change could not be rehearsed: %s", problem.c_str()));
+}
+
 /// Whether an item has its new value already.
 bool repeats_a_value(const commit_plan& plan) {
     return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return !item.second.changes(); });
@@ -367,7 +413,7 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
             bool& stored) {
     commit_plan plan;
     const datastore_handler_scope scope;
-    if (!make_plan(requests, plan, result) || !verify_all(plan, result)) {
+    if (!make_plan(requests, plan, result) || !verify_all(plan, result) || !rehearse(plan, check_only, result)) {
         return;
     }
     std::vector<datastore_item_outcome> items;

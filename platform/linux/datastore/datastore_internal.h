@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "linux/datastore/rehearsal.h"
 #include "linux/datastore/schema.h"
 #include "linux/enforcement/enforcement_internal.h"
 #include "platform/datastore.h"
@@ -34,12 +35,14 @@ struct datastore_item_outcome {
 
 /// Who refused a commit.
 enum class datastore_refused_by : uint8_t {
-    none,      ///< it succeeded (or would succeed)
-    schema,    ///< unknown path or invalid value
-    absent,    ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
-    verifier,  ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
-    store,     ///< the database: full disk, input/output error
-    busy       ///< requested from within a handler (EBUSY)
+    none,         ///< it succeeded (or would succeed)
+    schema,       ///< unknown path or invalid value
+    absent,       ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
+    verifier,     ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
+    rehearsal,    ///< its rehearsal: sshd would not start with it
+    unrehearsed,  ///< it was only to be checked, and could not be rehearsed
+    store,        ///< the database: full disk, input/output error
+    busy          ///< requested from within a handler (EBUSY)
 };
 
 struct datastore_commit_result {
@@ -50,11 +53,14 @@ struct datastore_commit_result {
     std::vector<datastore_item_outcome> items;  ///< in byte order of the paths
     /// What was reported during the commit. When an item had its new value already, everything that is not in force.
     std::vector<enforcement_entry> not_in_force;
+    /// What the commit would do to this machine; nothing if it was not rehearsed.
+    std::optional<rehearsal_report> rehearsal;
 };
 
-/// One commit, all or nothing: schema, verifiers, store, and then the appliers in byte order of the paths and the
-/// notifications. When it returns without a refusal, the changes are on stable storage. A value equal to the stored one
-/// is not a change and calls nothing. With `check_only`, only the schema and the verifiers are consulted.
+/// One commit, all or nothing: schema, verifiers, rehearsal, store, and then the appliers in byte order of the paths and
+/// the notifications. When it returns without a refusal, the changes are on stable storage. A value equal to the stored
+/// one is not a change and calls nothing. With `check_only`, only the schema, the verifiers and the rehearsal are
+/// consulted. A commit that cannot be rehearsed is carried out nevertheless.
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only);
 
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.

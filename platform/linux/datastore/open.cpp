@@ -64,7 +64,7 @@ platform_status try_open(datastore_state& state, std::string& reason) {
 }  // namespace
 
 datastore_state& the_datastore() {
-    static datastore_state state = {&datastore_engine_sqlite, default_path, nullptr, {}, {}, 0};
+    static datastore_state state = {&datastore_engine_sqlite, default_path, nullptr, {}, {}, 0, nullptr};
     return state;
 }
 

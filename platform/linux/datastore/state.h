@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "linux/datastore/engine.h"
+#include "linux/datastore/rehearsal.h"
 #include "linux/datastore/schema.h"
 #include "platform/datastore.h"
 
@@ -40,7 +41,8 @@ struct datastore_state {
     void* store;  ///< null while the database is closed
     std::vector<std::unique_ptr<datastore_registration>> registrations;
     std::vector<std::unique_ptr<datastore_provider>> providers;
-    uint32_t handlers_running;  ///< nesting depth of calls of the agent's handlers
+    uint32_t handlers_running;                                       ///< nesting depth of calls of the agent's handlers
+    rehearsal_report (*rehearse)(const rehearsal_request& request);  ///< null if commits are not rehearsed
 };
 
 datastore_state& the_datastore();

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "linux/process/event_manager_internal.h"
+#include "linux/process/recorded_commands.h"
 #include "linux/reporting/log_message_internal.h"
 #include "linux/vrf/mpp_filter.h"
 #include "linux/vrf/mpp_internal.h"
@@ -174,8 +175,12 @@ int add_sources(sd_event* loop) {
     return result < 0 ? result : sd_event_source_set_enabled(state.retry, SD_EVENT_OFF);
 }
 
-/// Makes the loop open the requested VRFs before it does anything else.
+/// Makes the loop open the requested VRFs before it does anything else. A copy of the agent whose commands are
+/// recorded never reaches its loop.
 platform_status open_when_loop_is_reached() {
+    if (commands_are_recorded()) {
+        return PLATFORM_OK;
+    }
     struct event_manager* manager = event_manager_current();
     if (manager == nullptr) {
         return ENOTCONN;

@@ -17,6 +17,7 @@
 #include "../agent_test.h"
 #include "core/command_output.h"
 #include "core/trace_points.h"
+#include "fake/taken_commands.h"
 #include "files.h"
 
 namespace {
@@ -191,6 +192,14 @@ TEST_F(shell_command_test, an_inner_group_belongs_to_the_outer_one) {
     EXPECT_EQ(run_shell_command("systemctl restart c", tried_once), -1);
     end_command_group();
     EXPECT_THAT(stub_commands::log(), ElementsAre("systemctl restart a"));
+}
+
+TEST_F(shell_command_test, a_command_that_the_platform_takes_is_not_run) {
+    fake_platform::take_command("exit 3", 7 << 8);
+    errno = EEXIST;
+    EXPECT_EQ(7 << 8, run_shell_command("exit 3", ample));
+    EXPECT_EQ(EEXIST, errno);
+    EXPECT_EQ(3 << 8, run_shell_command("exit  3", ample)) << "another command is run";
 }
 
 TEST_F(shell_command_test, each_command_reports_progress) {

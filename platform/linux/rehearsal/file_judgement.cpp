@@ -1,0 +1,186 @@
+#include "linux/rehearsal/file_judgement.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string_view>
+
+#include "common/file_descriptor.h"
+#include "common/files.h"
+#include "common/text.h"
+
+namespace {
+
+constexpr char launcher[] = "/pkg/bin/sshd";
+constexpr char default_file[] = "/var/opt/norvo/norvossh/sshd_config";
+constexpr std::string_view vrf_file_prefix = "/var/opt/norvo/norvossh/sshd_config_";
+constexpr char client[] = "/pkg/bin/ssh_csm";
+constexpr char client_file[] = "/var/opt/norvo/norvossh/ssh_config";
+constexpr int rejected_status = 4;  ///< of the server's launcher
+constexpr size_t errors_max = size_t{64} * 1024;
+constexpr size_t shown_words = 1000;
+
+struct verdict {
+    bool rejected = false;
+    std::string words;
+    std::string problem;  ///< why there is no verdict; empty if there is one
+};
+
+/// How a program ended that tests a file.
+struct test_result {
+    int status = 0;       ///< as from waitpid
+    std::string errors;   ///< what it wrote to standard error
+    std::string problem;  ///< why it could not be run; empty if it was
+};
+
+int start(const std::vector<std::string>& words, int errors, pid_t* child) {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, errors, STDERR_FILENO);
+    const int error = posix_spawn(child, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    return error;
+}
+
+/// Has the launcher mark each line with its level, as it does for the journal.
+void ask_for_levels(int errors) {
+    struct stat status = {};
+    fstat(errors, &status);
+    const std::string stream = std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino);
+    setenv("JOURNAL_STREAM", stream.c_str(), 1);
+}
+
+/// Waits without a limit: whoever waits for the rehearsal has one.
+test_result run_test(const std::vector<std::string>& words) {
+    const file_descriptor errors(memfd_create("errors", MFD_CLOEXEC));
+    ask_for_levels(errors.get());
+    pid_t child = -1;
+    test_result result;
+    const int error = errors.get() < 0 ? errno : start(words, errors.get(), &child);
+    if (error != 0) {
+        result.problem = text_format("%s cannot be run: %s", words.front().c_str(), strerror(error));
+        return result;
+    }
+    while (waitpid(child, &result.status, 0) < 0) {
+        if (errno != EINTR) {
+            result.problem = text_format("%s cannot be waited for: %s", words.front().c_str(), strerror(errno));
+            return result;
+        }
+    }
+    result.errors.resize(errors_max);
+    const ssize_t count = pread(errors.get(), result.errors.data(), result.errors.size(), 0);
+    result.errors.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return result;
+}
+
+/// The lines that begin with a prefix, without it, as one line.
+std::string lines_with(std::string_view text, const std::string& prefix) {
+    std::string lines;
+    while (!text.empty()) {
+        const std::string_view line = text.substr(0, text.find('\n'));
+        if (line.starts_with(prefix)) {
+            lines += lines.empty() ? "" : "; ";
+            lines += line.substr(prefix.size());
+        }
+        text.remove_prefix(std::min(text.size(), line.size() + 1));
+    }
+    return text_escape(lines, shown_words);
+}
+
+verdict judge_server(const std::string& path) {
+    const test_result result = run_test({launcher, "-t", "-f", path});
+    const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
+    const std::string words = lines_with(result.errors, "<" + std::to_string(LOG_ERR) + ">" + path + ": ");
+    if (!result.problem.empty() || status == 0 || status == rejected_status) {
+        return {status == rejected_status, words, result.problem};
+    }
+    return {false, {}, text_format("%s ended with wait status 0x%x: %s", launcher, result.status, words.c_str())};
+}
+
+/// Has ssh print its settings. It connects to nobody.
+verdict judge_client() {
+    const test_result result = run_test({client, "-G", "localhost"});
+    return {result.status != 0, lines_with(result.errors, ""), result.problem};
+}
+
+verdict judge(const std::string& path) {
+    return path == client_file ? judge_client() : judge_server(path);
+}
+
+/// The files to judge: one for each content of the servers' files, and the client's.
+std::vector<const private_change*> different_files(const std::vector<private_change>& changes) {
+    std::map<std::string_view, const private_change*> servers;
+    std::vector<const private_change*> different;
+    const private_change* common = nullptr;
+    for (const private_change& change : changes) {
+        if (!change.after) {
+            continue;
+        }
+        if (change.file.path == default_file) {
+            common = &change;
+        } else if (change.file.path == client_file) {
+            different.push_back(&change);
+        } else if (change.file.path.starts_with(vrf_file_prefix)) {
+            servers.try_emplace(*change.after, &change);
+        }
+    }
+    if (servers.empty() && common != nullptr) {
+        different.push_back(common);
+    }
+    for (const auto& [content, change] : servers) {
+        different.push_back(change);
+    }
+    return different;
+}
+
+/// Whether what the machine has now is rejected as well.
+bool is_rejected_now(const private_change& change, const private_folders& folders, std::string& problem) {
+    const std::optional<std::string> before =
+        change.before || change.file.path == client_file ? change.before : folders.machine_content(default_file);
+    if (!before) {
+        return false;
+    }
+    if (const platform_status status = file_replace(change.file.path, *before, {.mode = 0644}); status != PLATFORM_OK) {
+        problem = text_format("cannot write %s: %s", change.file.path.c_str(), platform_status_text(status));
+        return false;
+    }
+    const verdict now = judge(change.file.path);
+    problem = now.problem;
+    return now.rejected;
+}
+
+}  // namespace
+
+std::vector<rehearsed_rejection> judge_files(const std::vector<private_change>& changes, const private_folders& folders,
+                                             std::string& problem) {
+    std::vector<rehearsed_rejection> rejections;
+    for (const private_change* change : different_files(changes)) {
+        const verdict found = judge(change->file.path);
+        problem = found.problem;
+        if (problem.empty() && found.rejected) {
+            rejections.push_back({change->file.path, found.words, is_rejected_now(*change, folders, problem)});
+        }
+        if (!problem.empty()) {
+            break;
+        }
+    }
+    return rejections;
+}
