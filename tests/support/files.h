@@ -1,4 +1,4 @@
-/// Files in tests. None of these is seen by the diverted calls of call_faults.h.
+/// Helpers for files. The faults of call_faults.h do not affect them.
 #ifndef SUPPORT_FILES_H
 #define SUPPORT_FILES_H
 
@@ -7,22 +7,22 @@
 #include <string_view>
 #include <vector>
 
-/// The file's whole content; adds a test failure and returns nothing much when it cannot be read.
+/// The file's whole content; adds a test failure and returns an empty text if it cannot be read.
 std::string read_file(const std::string& path);
 
-/// The file's whole content; nothing when there is no such file.
+/// The file's whole content; nullopt if there is no such file.
 std::optional<std::string> file_content(const std::string& path);
 
-/// The file's lines without their newlines; adds a test failure when it cannot be read.
+/// The file's lines without newlines; adds a test failure if it cannot be read.
 std::vector<std::string> file_lines(const std::string& path);
 
-/// Writes the file anew, with the directories above it.
+/// Replaces the file's content; creates it and its directories if they are missing.
 void write_file(const std::string& path, std::string_view content);
 
-/// Whether something stands at the path.
+/// Whether the path exists, also as a dangling link.
 bool path_exists(const std::string& path);
 
-/// Removes what stands at the path, with all below it.
+/// Removes the path and everything below it.
 void remove_path(const std::string& path);
 
 /// The names in a directory, in byte order.

@@ -14,7 +14,7 @@ std::string_view line_at(std::string_view text, size_t position) {
     return text.substr(begin, std::min(text.find('\n', position), text.size()) - begin);
 }
 
-/// Says where two texts part.
+/// Describes the first difference of two texts.
 std::string first_difference(std::string_view expected, std::string_view actual) {
     const auto [in_expected, in_actual] = std::mismatch(expected.begin(), expected.end(), actual.begin(), actual.end());
     const auto position = static_cast<size_t>(in_expected - expected.begin());
@@ -38,7 +38,7 @@ void expect_golden(const std::string& path, std::string_view actual, const char*
     }
     const std::optional<std::string> expected = file_content(golden);
     if (!expected) {
-        ADD_FAILURE_AT(file, line) << "there is no golden file " << path << "; UPDATE_GOLDEN=1 makes it";
+        ADD_FAILURE_AT(file, line) << "there is no golden file " << path << "; UPDATE_GOLDEN=1 creates it";
     } else if (*expected != actual) {
         ADD_FAILURE_AT(file, line) << "differs from the golden file " << path << ", "
                                    << first_difference(*expected, actual) << "\nwhole text:\n"

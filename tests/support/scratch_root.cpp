@@ -29,11 +29,11 @@ namespace {
 constexpr char entered_variable[] = "SCRATCH_ROOT_ENTERED";
 constexpr int failure_status = 125;
 
-/// Where the parts of the new root are put together; covered by a file system of its own meanwhile.
-constexpr char workshop[] = "/tmp";
+/// Mount point where the new root is assembled, on a temporary file system.
+constexpr char assembly[] = "/tmp";
 constexpr char new_root[] = "/tmp/root";
 
-/// Directories that are empty in every scratch root, whatever the machine has there.
+/// Directories that are empty in every scratch root.
 constexpr const char* fresh_directories[] = {
     "/run",
     "/tmp",
@@ -46,8 +46,8 @@ constexpr const char* fresh_directories[] = {
     "/pkg",
 };
 
-/// Directories that have to belong to the user inside, so that entries can be added and removed in them even where the
-/// machine's root is somebody else.
+/// Directories that must belong to the user inside, so that entries can be added and removed even if another user owns
+/// the machine's root.
 constexpr const char* owned_directories[] = {"/etc", "/usr", "/usr/bin", "/usr/sbin", "/usr/lib", "/var", "/var/lib"};
 
 constexpr const char* device_files[] = {"null", "zero", "full", "random", "urandom", "tty"};
@@ -94,7 +94,7 @@ bool unshare_namespaces() {
     return true;
 }
 
-/// Makes a directory, and those above it, when it is missing.
+/// Creates a directory and its parents if they are missing.
 void make_directory(const std::string& path, mode_t mode = 0755) {
     std::error_code error;
     if (fs::create_directories(path, error)) {
@@ -116,7 +116,7 @@ void bind_file(const std::string& source, const std::string& target) {
     require(mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr), "cannot bind", source);
 }
 
-/// A directory of the machine, held while its place in the tree is covered.
+/// A directory of the machine that stays reachable while another file system is mounted over it.
 struct held_directory {
     std::string path;
     int tree;
@@ -146,33 +146,33 @@ void put_back(const held_directory& held) {
     close(held.tree);
 }
 
-/// The parts that an overlay at `path` (in the new root; empty for the root itself) is made of.
+/// The options of the overlay at `path` in the new root (empty for the root itself).
 std::string overlay_options(const std::string& path, const char* further) {
-    const std::string upper = std::string(workshop) + "/upper" + path;
-    const std::string work = std::string(workshop) + "/work" + path;
+    const std::string upper = std::string(assembly) + "/upper" + path;
+    const std::string work = std::string(assembly) + "/work" + path;
     make_directory(upper);
     make_directory(work);
     return "lowerdir=" + path + "/,upperdir=" + upper + ",workdir=" + work + further;
 }
 
-void prepare_workshop() {
-    mount_temporary(workshop, "mode=0755");
+void prepare_assembly() {
+    mount_temporary(assembly, "mode=0755");
     for (const char* directory : owned_directories) {
-        make_directory(std::string(workshop) + "/upper" + directory);
+        make_directory(std::string(assembly) + "/upper" + directory);
     }
     for (const char* directory : fresh_directories) {
-        make_directory(std::string(workshop) + "/upper" + directory);
+        make_directory(std::string(assembly) + "/upper" + directory);
     }
     make_directory(new_root);
 }
 
 void copy_entry(const fs::path& source, const fs::path& target) {
     std::error_code error;
-    fs::copy(source, target, fs::copy_options::copy_symlinks, error);  // What may not be read is left out.
+    fs::copy(source, target, fs::copy_options::copy_symlinks, error);  // Unreadable entries are omitted.
 }
 
-/// Shows a directory of the machine in a new root that is no overlay itself: as an overlay of its own or, where the
-/// kernel refuses that because something else is mounted within, entry by entry.
+/// Mounts a directory of the machine in a new root that is not an overlay: as an overlay or, if the kernel refuses that
+/// because of mounts inside it, entry by entry.
 void show_directory(const std::string& path) {
     const std::string target = new_root + path;
     make_directory(target);
@@ -195,8 +195,8 @@ void show_directory(const std::string& path) {
     }
 }
 
-/// Within a user namespace the kernel refuses an overlay of the whole root, because other file systems are mounted in
-/// it, so the new root is put together from the root's directories.
+/// In a user namespace the kernel refuses an overlay of the whole root because of the file systems mounted in it, so
+/// the new root is assembled from the root's directories.
 void assemble_root() {
     mount_temporary(new_root, "mode=0755");
     std::error_code error;
@@ -241,7 +241,7 @@ void mount_devices() {
 
 void mount_system_views() {
     const std::string proc = std::string(new_root) + "/proc";
-    // Where parts of /proc are masked, a new one is refused; the old one then has to do.
+    // If parts of /proc are masked, the kernel refuses a new one, and the old one is used.
     if (mount("proc", proc.c_str(), "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
         require(mount("/proc", proc.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "cannot bind", "/proc");
     }
@@ -262,7 +262,7 @@ void change_root() {
     require(chdir("/"), "cannot enter", "/");
 }
 
-/// The loopback interface of the new network namespace; there is no other.
+/// Brings up the loopback interface, the only one of the new network namespace.
 void raise_loopback() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     require(fd, "cannot open", "a socket");
@@ -273,8 +273,8 @@ void raise_loopback() {
     close(fd);
 }
 
-/// What every node has before the agent starts.
-void furnish() {
+/// Creates what every node has before the agent starts.
+void prepare_node() {
     make_directory("/run/netns");
     make_directory("/run/lock", 01777);
     make_directory("/dev/shmem", 01777);
@@ -297,7 +297,7 @@ void build_root(const settings& settings, bool user_namespace) {
     for (const std::string& path : settings.writable) {
         held.push_back(hold(path, false));
     }
-    prepare_workshop();
+    prepare_assembly();
     user_namespace ? assemble_root() : overlay_root();
     mount_system_views();
     mount_devices();
@@ -306,7 +306,7 @@ void build_root(const settings& settings, bool user_namespace) {
         put_back(directory);
     }
     change_root();
-    furnish();
+    prepare_node();
     raise_loopback();
     if (working_directory == nullptr || chdir(working_directory) != 0) {
         require(chdir("/"), "cannot enter", "/");
@@ -314,7 +314,7 @@ void build_root(const settings& settings, bool user_namespace) {
     free(working_directory);
 }
 
-/// Ends this process as the process with the wait status `status` ended.
+/// Ends this process in the same way as the process with the wait status `status`.
 [[noreturn]] void end_like(int status) {
     if (WIFSIGNALED(status)) {
         const struct rlimit no_core = {0, 0};
@@ -325,7 +325,7 @@ void build_root(const settings& settings, bool user_namespace) {
     _exit(WIFEXITED(status) ? WEXITSTATUS(status) : failure_status);
 }
 
-/// Waits for `child` and for every orphan on the way.
+/// Waits for `child`, and reaps orphans meanwhile.
 int wait_for(pid_t child) {
     int status = failure_status << 8;
     while (true) {
@@ -340,8 +340,8 @@ int wait_for(pid_t child) {
     }
 }
 
-/// Process 1 of the new process namespace: it builds the root and waits; when it ends, all others end, too. It cannot
-/// end itself by a signal, so it sends the status of the test's process through `report`.
+/// Process 1 of the new process namespace: it builds the root and waits; when it ends, the kernel kills all others. It
+/// cannot kill itself with a signal, so it sends the wait status of the test's process through `report`.
 [[noreturn]] void keep_namespace(pid_t child, int report) {
     const int status = wait_for(child);
     if (write(report, &status, sizeof status) != sizeof status) {

@@ -47,7 +47,7 @@ void map_rules() {
     rules = new (memory) rule_table{};
 }
 
-/// The stand-in's program, once in the scratch root; commands are links to it.
+/// The stub program in the scratch root; commands are links to it.
 void prepare() {
     if (rules != nullptr) {
         return;
@@ -86,7 +86,7 @@ void copy_text(char* buffer, size_t size, std::string_view text, const char* wha
     buffer[text.size()] = '\0';
 }
 
-/// A further rule, which comes into force when the caller has filled it and counts it in.
+/// A new rule, which takes effect when the caller has filled it and increases the count.
 rule& new_rule(std::string_view command, uint32_t times, uint32_t from_call) {
     prepare();
     if (rules->count == rules_max) {

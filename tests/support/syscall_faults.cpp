@@ -68,7 +68,7 @@ const file_call* find_call(long number) {
     return nullptr;
 }
 
-/// A traced child that stands at the entry of a system call.
+/// A traced child that is stopped at the entry of a system call.
 class tracer {
   public:
     tracer(const plan& plan, pid_t child) : plan_(plan), child_(child) {}
@@ -95,7 +95,7 @@ class tracer {
         }
     }
 
-    /// Lets the child run to its next stop at a system call. False when it has ended.
+    /// Continues the child until its next stop at a system call. Returns false if it has ended.
     bool next_stop() {
         int signal = 0;
         for (;;) {
@@ -148,7 +148,7 @@ class tracer {
         }
     }
 
-    /// Returns whether the call's result has to be replaced when it ends.
+    /// Returns whether the call's result must be replaced at its exit.
     bool hit(const file_call& call, user_regs_struct& registers) {
         if (!outcome_.hit) {
             outcome_.hit = true;

@@ -1,7 +1,7 @@
-/// Failing system calls: runs a piece of code in a child process and lets its file operations fail, or the child die,
-/// at a place of one's choosing. What the code under test links against does not matter.
+/// Runs code in a child process and makes its file operations fail, or kills it, at a chosen system call, whichever
+/// library makes the call.
 ///
-/// For x86-64 Linux, where the machine allows tracing of one's own children.
+/// For x86-64 Linux machines that allow a process to trace its children.
 #ifndef SUPPORT_SYSCALL_FAULTS_H
 #define SUPPORT_SYSCALL_FAULTS_H
 
@@ -13,28 +13,28 @@ namespace syscall_faults {
 
 enum class fault {
     none,
-    error,        ///< the call fails with `error` and is not carried out
-    short_write,  ///< a write or a read gets through half of what it was asked to; any other call is left alone
+    error,        ///< the call fails with `error` and is not executed
+    short_write,  ///< a read or write is limited to half its size; other calls are left alone
     kill,         ///< the child is killed before the call
 };
 
-/// What happens to the system calls that deal with files (open, read, write, stat, rename, close, ...), counted from 1.
+/// A fault in the system calls that concern files (open, read, write, stat, rename, close, ...), counted from 1.
 struct plan {
     fault kind = fault::none;
-    uint32_t call = 0;      ///< the call that is hit
-    bool for_ever = false;  ///< and every one after it
+    uint32_t call = 0;      ///< the affected call
+    bool for_ever = false;  ///< affects all later calls, too
     int error = 0;
 };
 
 struct outcome {
-    uint32_t calls = 0;   ///< file operations that were begun
-    bool hit = false;     ///< whether there was a call to be hit
+    uint32_t calls = 0;   ///< file operations begun
+    bool hit = false;     ///< whether the call was reached
     bool killed = false;  ///< the child was killed as planned
-    int status = -1;      ///< else what `body` returned (0 to 255)
-    std::string name;     ///< of the call that was hit first
+    int status = -1;      ///< otherwise the result of `body` (0 to 255)
+    std::string name;     ///< of the first affected call
 };
 
-/// Runs `body` in a child process that ends right after it. Ends the process when tracing is not possible.
+/// Runs `body` in a child process that exits afterwards. Ends the process if tracing is not possible.
 outcome run(const plan& plan, const std::function<int()>& body);
 
 }  // namespace syscall_faults

@@ -1,4 +1,4 @@
-/// A test of the agent's modules: starts on a node on which the agent has never run.
+/// Fixture of the agent's tests: a node on which the agent has never run.
 #ifndef UNIT_AGENT_TEST_H
 #define UNIT_AGENT_TEST_H
 
@@ -29,7 +29,7 @@ class agent_test : public testing::Test {
         fill_parameter_tables();
     }
 
-    /// Nothing is traced with more arguments than its trace point has labels for.
+    /// No trace entry has more arguments than its trace point has labels.
     ~agent_test() override {
         for (const fake_platform::trace_line& line : fake_platform::trace_lines()) {
             if (line.point != nullptr && !line.arguments.empty()) {

@@ -1,4 +1,4 @@
-/// A test of the algorithm lists and of FIPS mode: an agent that has started on an empty configuration, and the operator's
+/// Fixture of the tests of algorithm lists and FIPS mode: an agent that has started with an empty configuration, and
 /// commits to it.
 #ifndef UNIT_ALGORITHM_TEST_H
 #define UNIT_ALGORITHM_TEST_H
@@ -36,7 +36,7 @@ class algorithm_test : public agent_test {
 
     using names = std::vector<fake_platform::field>;
 
-    /// Runs the start-up sequence; what happened so far is forgotten then.
+    /// Runs the start-up sequence and clears what was recorded so far.
     static void start() {
         ASSERT_EQ(start_up(), START_UP_DONE);
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -48,7 +48,7 @@ class algorithm_test : public agent_test {
         fake_platform::clear_reports();
     }
 
-    /// A list of at most ten names, or flags, with the last ones absent.
+    /// A list of at most ten names, or flags; the rest is absent.
     static names padded(names fields, size_t count) {
         fields.resize(std::max(fields.size(), count));
         return fields;
@@ -88,7 +88,7 @@ class algorithm_test : public agent_test {
         forget();
     }
 
-    /// The values of the keyword's lines, in their order, without the blanks in front of them.
+    /// The values of the keyword's lines in order, without leading blanks.
     static std::vector<std::string> values(const std::string& path, const std::string& keyword) {
         std::vector<std::string> found;
         for (const std::string& line : file_lines(path)) {
@@ -99,7 +99,7 @@ class algorithm_test : public agent_test {
         return found;
     }
 
-    /// The value of the keyword's one line; "no line" when there is none.
+    /// The value of the keyword's only line; "no line" if there is none.
     static std::string value(const std::string& path, const std::string& keyword) {
         const auto found = values(path, keyword);
         EXPECT_LE(found.size(), 1u) << keyword;

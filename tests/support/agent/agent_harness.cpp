@@ -8,7 +8,7 @@
 namespace agent_harness {
 
 void set_up() {
-    // Where the service manager starts it.
+    // The directory in which the service manager starts the agent.
     std::filesystem::current_path("/");
     stub_commands::install();
     fake_platform::reset();

@@ -1,4 +1,4 @@
-/// The node as the agent's tests find it: an empty scratch root with stand-ins for the commands, and the fake platform.
+/// The node that the agent's tests run on: an empty scratch root with stubs of the commands, and the fake platform.
 #ifndef SUPPORT_AGENT_HARNESS_H
 #define SUPPORT_AGENT_HARNESS_H
 

@@ -1,10 +1,10 @@
-/// Running out of memory, for code that allocates with new (std::nothrow).
+/// Exhausted memory, for code that allocates with new (std::nothrow).
 #ifndef SUPPORT_ALLOCATION_FAILURE_H
 #define SUPPORT_ALLOCATION_FAILURE_H
 
 namespace allocation_failure {
 
-/// Lets the next such allocation fail.
+/// Makes the next such allocation fail.
 void fail_next();
 
 }  // namespace allocation_failure

@@ -10,14 +10,14 @@
 
 namespace command_trail {
 
-/// Records from here on, until end(). Both also clear the faults of call_faults.
+/// Start and stop recording. Both also clear the faults of call_faults.
 void begin();
 void end();
 
-/// Lets commands that begin with `prefix` fail with `error` without being run.
+/// Makes commands that begin with `prefix` fail with `error` without running them.
 void fail_shell(std::string_view prefix, int error);
 
-/// Called in every sleep, after it is recorded.
+/// Called in every sleep, after it was recorded.
 void on_sleep(std::function<void()> action);
 
 }  // namespace command_trail

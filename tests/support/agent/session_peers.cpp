@@ -29,7 +29,7 @@ void require(bool holds, const char* what) {
     }
 }
 
-/// Not the library's call, which a test may have let fail.
+/// Not the library's call, which a test may have made to fail.
 void close_descriptor(int descriptor) {
     syscall(SYS_close, descriptor);
 }
@@ -124,7 +124,7 @@ void session_peers::start() {
     require(process_ >= 0, "fork");
     if (process_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        // An answer that is later than 100 ms is none, also on a busy machine.
+        // An answer must arrive within 100 ms, also on a busy machine.
         setpriority(PRIO_PROCESS, 0, -20);
         serve_all();
     }

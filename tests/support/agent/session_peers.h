@@ -1,7 +1,8 @@
-/// SSH processes as the agent's session queries find them: sockets named after process ids, served by one child process.
+/// Simulates the SSH processes that session queries address: sockets named after process ids, served by one child
+/// process.
 ///
-/// The processes' ids are the test's choice; a test lists them with a stand-in for ps. Nothing of this is seen by the
-/// diverted calls of call_faults.h.
+/// The test chooses the process ids, and lists them with a stub of ps. The faults of call_faults.h do not affect any of
+/// this.
 #ifndef SUPPORT_SESSION_PEERS_H
 #define SUPPORT_SESSION_PEERS_H
 
@@ -26,20 +27,21 @@ class session_peers {
     session_peers(const session_peers&) = delete;
     session_peers& operator=(const session_peers&) = delete;
 
-    // Peers, before start(): one that answers, one that never does, one that hangs up as soon as it is connected to.
+    // Peers to add before start(): one that answers, one that never does, one that hangs up as soon as a query
+    // connects.
     void answer(int pid, std::string bytes);
     void answer(int pid, const session_snapshot& snapshot);
     void answer(int pid, answer_maker maker);
     void keep_silent(int pid);
     void hang_up(int pid);
 
-    /// Starts serving.
+    /// Starts to serve.
     void start();
 
-    /// Stops the serving process with SIGSTOP: its sockets can be connected to, but nobody answers.
+    /// Stops the serving process with SIGSTOP: its sockets accept connections, but do not answer.
     void stop();
 
-    /// What `ps -ef` prints for the processes, titled as the servers' monitors, or as clients.
+    /// The output of `ps -ef` for the processes, with the titles of servers' monitors or of clients.
     static std::string listing_of_servers(const std::vector<int>& pids);
     static std::string listing_of_clients(const std::vector<int>& pids);
 
@@ -47,7 +49,7 @@ class session_peers {
     struct peer {
         std::string path;
         int listener;
-        answer_maker maker;  ///< none: it hangs up
+        answer_maker maker;  ///< none if it hangs up
         uint32_t queries;
     };
 

@@ -44,7 +44,7 @@ struct fault_state {
     uint32_t changes = 0;
     uint32_t kill_at = 0;  ///< 0: never
     moment kill_when = moment::before;
-    bool active = false;  ///< whether anything beside counting is to be done
+    bool active = false;  ///< whether anything besides counting is configured
 };
 
 uint32_t counts[diverted_call_count];
@@ -52,7 +52,7 @@ fault_state state;
 std::function<void(const std::string&)> command_observer;
 std::function<void(unsigned int)> sleep_observer;
 
-/// Set while a call is looked into, so that what that itself calls passes.
+/// Set while a call is examined, so that nested calls are not examined.
 thread_local bool inside = false;
 
 class inside_mark {
@@ -88,7 +88,7 @@ bool concerns(const fault& fault, diverted_call call, const std::string& object)
     return is_command(call) ? object.compare(0, fault.object.size(), fault.object) == 0 : object == fault.object;
 }
 
-/// The first fault that holds decides; all that concern the call count it.
+/// The first matching fault decides; all faults that concern the call count it.
 verdict judge(diverted_call call, const object_name& object) {
     verdict found;
     for (fault& candidate : state.faults) {

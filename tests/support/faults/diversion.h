@@ -1,4 +1,4 @@
-/// What the diverted calls ask before they go on.
+/// The functions that diverted calls use to find out whether they fail.
 #ifndef SUPPORT_DIVERSION_H
 #define SUPPORT_DIVERSION_H
 
@@ -26,13 +26,13 @@ struct verdict {
     int result = 0;
 };
 
-/// Names the object of a call, when somebody asks.
+/// Returns the object of a call; only called if it is needed.
 using object_name = std::function<std::string()>;
 
-/// Counts the call, kills the process when its hour has come, and says what is to be done. Leaves errno alone.
+/// Counts the call, kills the process if the call is its kill point, and returns how to continue. Leaves errno alone.
 verdict before(diverted_call call, const object_name& object);
 
-/// The same kill, after a call that was done. Leaves errno alone.
+/// The same after the call, for a kill point after it. Leaves errno alone.
 void after(diverted_call call);
 
 /// The file behind a descriptor or a stream.
@@ -42,13 +42,13 @@ std::string file_of(FILE* file);
 /// Passes a sleep() on to its observer. Returns whether there was one.
 bool sleep_observed(unsigned int seconds);
 
-/// Whether the call of the group "sleeping" is to return at once, and its time is then counted.
+/// Whether a call of the group "sleeping" returns immediately; if so, adds its time to the total.
 bool sleep_skipped(uint64_t milliseconds);
 
-/// Tells the observer of a command.
+/// Passes a command to its observer.
 void announce(const char* command);
 
-/// The time limit of all commands that have a longer one, in milliseconds.
+/// The upper bound of every command's time limit, in milliseconds.
 uint32_t longest_command();
 
 }  // namespace call_faults

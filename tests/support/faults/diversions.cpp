@@ -1,4 +1,4 @@
-/// The calls that the linker diverts (--wrap): each asks what is to become of it and then does it.
+/// The calls that the linker redirects (--wrap).
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -43,15 +43,15 @@ bool own_stream(FILE* file) {
     return file == stdout || file == stderr || file == stdin;
 }
 
-/// A stream on which a call has failed: its error is remembered, and what was not written yet is lost.
-void spoil(FILE* file) {
+/// Makes a stream behave as after a failed call: its error flag is set, and its buffer is lost.
+void fail_stream(FILE* file) {
     __fpurge(file);
     file->_flags |= _IO_ERR_SEEN;
 }
 
 }  // namespace
 
-// One diverted call: what it returns, its name, its parameters, its arguments, its object, its answer when it fails.
+// One diverted call: return type, name, parameters, arguments, object, and result on failure.
 #define DIVERT(type, name, parameters, arguments, object, failed)                             \
     extern "C" type __real_##name parameters;                                                 \
     extern "C" type __wrap_##name parameters {                                                \
@@ -65,7 +65,7 @@ void spoil(FILE* file) {
         return result;                                                                        \
     }
 
-// The same for a call that also may be cut to a number of bytes, which is its parameter `size`.
+// The same for a call that can be limited to a number of bytes, its parameter `size`.
 #define DIVERT_SIZED(type, name, parameters, arguments, object)                               \
     extern "C" type __real_##name parameters;                                                 \
     extern "C" type __wrap_##name parameters {                                                \
@@ -118,7 +118,7 @@ DIVERT(char*, strdup, (const char* text), (text), nothing(), nullptr)
 DIVERT(void*, _ZnwmRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
 DIVERT(void*, _ZnamRKSt9nothrow_t, (size_t size, const std::nothrow_t& tag), (size, tag), nothing(), nullptr)
 
-// The codec reports by status.
+// The codec returns a status.
 DIVERT(platform_status, record_registration_begin, (record_transaction * *transaction), (transaction), nothing(),
        static_cast<platform_status>(decided.error))
 DIVERT(platform_status, record_register, (record_transaction * transaction, const record_descriptor* descriptor),
@@ -159,7 +159,7 @@ extern "C" int __wrap_openat(int directory, const char* path, int flags, mode_t 
     return fd;
 }
 
-// A closing call that fails has closed nevertheless, as it has in the kernel.
+// A failed close has closed nevertheless, as in the kernel.
 extern "C" int __real_close(int fd);
 extern "C" int __wrap_close(int fd) {
     const verdict decided = before(call_faults::diverted_close, [&] { return file_of(fd); });
@@ -192,7 +192,7 @@ extern "C" int __wrap_fflush(FILE* file) {
     }
     const verdict decided = before(call_faults::diverted_fflush, [&] { return file_of(file); });
     if (decided.action == action::fail) {
-        spoil(file);
+        fail_stream(file);
         errno = decided.error;
         return EOF;
     }
@@ -203,7 +203,7 @@ extern "C" int __wrap_fflush(FILE* file) {
 
 namespace {
 
-/// Decides on a call that reads from a stream. Returns false, with errno set, when it is to fail.
+/// Checks a call that reads from a stream. Returns false, with errno set, if it must fail.
 bool may_read(call_faults::diverted_call call, FILE* file) {
     if (own_stream(file)) {
         return true;
@@ -217,8 +217,8 @@ bool may_read(call_faults::diverted_call call, FILE* file) {
     return false;
 }
 
-/// Decides on a call that writes `size` bytes to a stream. Returns false, with errno set, when it is to fail; what of it
-/// is to arrive nevertheless has then been written.
+/// Checks a call that writes `size` bytes to a stream. Returns false, with errno set, if it must fail; the part of a
+/// short write has then been written.
 bool may_write(call_faults::diverted_call call, FILE* file, const char* bytes, size_t size);
 
 }  // namespace
@@ -259,7 +259,7 @@ bool may_write(call_faults::diverted_call call, FILE* file, const char* bytes, s
         __real_fwrite(bytes, 1, std::min(size, decided.bytes), file);
         file->_flags |= _IO_ERR_SEEN;
     } else {
-        spoil(file);
+        fail_stream(file);
     }
     errno = decided.error;
     return false;

@@ -1,4 +1,4 @@
-/// Entry of the test programs: each test runs in a process and a scratch root of its own.
+/// Entry of the test programs: each test runs in its own process and scratch root.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -47,7 +47,7 @@ child_run run(std::vector<std::string> arguments) {
     return result;
 }
 
-/// The names behind a list of --gtest_list_tests: a line per suite, ending in '.', and indented ones per test.
+/// The names in the output of --gtest_list_tests: a line per suite, ending with '.', and an indented line per test.
 std::vector<std::string> test_names(const std::string& list) {
     std::vector<std::string> names;
     std::string suite;

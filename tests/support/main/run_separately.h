@@ -1,11 +1,11 @@
-/// Running every test in a process of its own, when more than one was asked for.
+/// Runs every test in its own process if more than one is selected.
 #ifndef SUPPORT_RUN_SEPARATELY_H
 #define SUPPORT_RUN_SEPARATELY_H
 
 #include <optional>
 
-/// Runs each of the wished tests by calling this program again for it, shows what the failed ones printed, and returns
-/// the exit status. Nothing when at most one test was wished, which the caller runs itself.
+/// Runs each selected test by executing this program again, prints the output of failed ones, and returns the exit
+/// status. Returns nullopt if at most one test is selected; the caller runs it.
 std::optional<int> run_separately(char** argv);
 
 #endif

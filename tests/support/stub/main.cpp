@@ -1,4 +1,4 @@
-/// A stand-in for systemctl, ip, nft and others: writes its command line to the log and does as the rules say.
+/// A stub of systemctl, ip, nft and others: logs its command line and follows the rules.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -31,7 +31,7 @@ const char* base_name(const char* path) {
     return slash != nullptr ? slash + 1 : path;
 }
 
-/// One line, written at once, so that commands that run at the same time do not mix.
+/// Written with one call, so that the lines of concurrent commands do not mix.
 void write_log(char* line, size_t length) {
     const int fd = open(stub_commands::log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     line[length] = '\n';
@@ -85,8 +85,8 @@ void wait_for(uint32_t milliseconds) {
     nanosleep(&time, nullptr);
 }
 
-/// What the rules that hold make together: a later one wins over an earlier one, part by part.
-int obey(rule_table& table, const char* line) {
+/// The combination of all matching rules: a later one overrides the parts of an earlier one that it sets.
+int run_rules(rule_table& table, const char* line) {
     int status = 0;
     const char* output = nullptr;
     const char* hook = nullptr;
@@ -119,7 +119,7 @@ int obey(rule_table& table, const char* line) {
 
 // --- The servers' units ---------------------------------------------------------------------------------------------
 
-// What systemctl was told is remembered, one file a unit, so that it can show the states of the servers' units.
+// The stub of systemctl keeps one file per unit, so that it can show the states of the servers' units.
 
 constexpr char unit_prefix[] = "sshd_service_";
 constexpr size_t path_size = 512;
@@ -140,8 +140,8 @@ bool refuses_to_start(const char* unit) {
     return access(path, F_OK) == 0;
 }
 
-/// Returns the exit status of systemctl for this unit.
-int remember_unit(const char* verb, const char* unit) {
+/// Returns the exit status of systemctl for the unit.
+int record_unit(const char* verb, const char* unit) {
     char path[path_size];
     unit_file(path, unit);
     const bool starts = strcmp(verb, "restart") == 0 || strcmp(verb, "start") == 0;
@@ -188,12 +188,12 @@ void show_units() {
     fflush(stdout);
 }
 
-/// Acts on the servers' units as systemctl would, after a command that succeeded. A unit that does not start does not keep
-/// the others from starting. Returns the exit status.
+/// Changes the states of the servers' units like systemctl, after a successful command. A unit that does not start does not
+/// prevent the others from starting. Returns the exit status.
 int act_on_units(int argc, char** argv) {
     int status = 0;
     for (int i = 2; i < argc; i++) {
-        if (strncmp(argv[i], unit_prefix, sizeof unit_prefix - 1) == 0 && remember_unit(argv[1], argv[i]) != 0) {
+        if (strncmp(argv[i], unit_prefix, sizeof unit_prefix - 1) == 0 && record_unit(argv[1], argv[i]) != 0) {
             status = 1;
         }
     }
@@ -215,7 +215,7 @@ int main(int argc, char** argv) {
     if (is_systemctl && argc >= 2 && strcmp(argv[1], "show") == 0) {
         show_units();
     }
-    int status = table != nullptr ? obey(*table, line) : 0;
+    int status = table != nullptr ? run_rules(*table, line) : 0;
     if (is_systemctl && status == 0) {
         status = act_on_units(argc, argv);
     }

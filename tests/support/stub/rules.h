@@ -1,4 +1,4 @@
-/// What the stub commands and the tests that steer them share: a directory with a log and a table of rules.
+/// Shared by the stub commands and the tests that control them: a directory with a log and a table of rules.
 #ifndef SUPPORT_STUB_RULES_H
 #define SUPPORT_STUB_RULES_H
 
@@ -16,16 +16,16 @@ inline constexpr char failing_units_directory[] =
 inline constexpr uint32_t rules_max = 256;
 inline constexpr uint32_t endless = UINT32_MAX;
 
-/// A rule holds for the commands whose line is `command` or begins with it and a blank.
+/// Matches command lines that are `command` or begin with it and a space.
 struct rule {
     char command[512];
-    std::atomic<uint32_t> skip;   ///< calls that are still let pass
-    std::atomic<uint32_t> times;  ///< calls for which it still holds; `endless` for ever
+    std::atomic<uint32_t> skip;   ///< matching calls that are still skipped
+    std::atomic<uint32_t> times;  ///< calls that it still applies to, or `endless`
     uint32_t has_status;
-    int32_t status;     ///< exit status, or the negative of a signal
-    char output[256];   ///< file whose content goes to standard output; empty for none
-    char hook[1024];    ///< shell command run before the end; empty for none
-    uint32_t delay_ms;  ///< time that the command takes
+    int32_t status;     ///< exit status, or a negated signal number
+    char output[256];   ///< file to print to standard output, or empty
+    char hook[1024];    ///< shell command to run before the end, or empty
+    uint32_t delay_ms;  ///< duration of the command
 };
 
 struct rule_table {

@@ -17,21 +17,21 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A PAM transaction: the server's, or the one that the module begins.
+/// A PAM transaction: the server's own, or the one that the module starts.
 struct pam_handle {
     std::string user;
     std::map<int, const void*> items;
     std::vector<std::string> environment;
     void* data = nullptr;
     void (*clean_up)(pam_handle*, void*, int) = nullptr;
-    /// What counts the session.
+    /// The data of the session count.
     void* session_data = nullptr;
     void (*leave_session)(pam_handle*, void*, int) = nullptr;
 };
 
 namespace {
 
-/// libpam as the tests want it. The module knows its functions only.
+/// A fake libpam; the module calls nothing else.
 struct fake_pam {
     pam_handle machine;
     std::string service;
@@ -39,16 +39,16 @@ struct fake_pam {
     int ended_with = -1;
     std::vector<std::string> stages;
     int flags = 0;
-    /// What a stage finds in the machine's transaction.
+    /// The items of the machine's transaction when a stage runs.
     std::map<int, const void*> items_seen;
-    /// What a call is to give in place of success.
+    /// Calls that fail, each with its status.
     std::map<std::string, int> failing;
-    /// What a stage does to the machine's transaction.
+    /// What a stage changes in the machine's transaction.
     std::string renames_user_to;
     std::vector<std::string> adds_to_environment;
     bool has_no_memory_for_environment = false;
     std::vector<std::string> logged;
-    std::vector<std::string> told;
+    std::vector<std::string> messages;
 
     int result_of(const std::string& call) const {
         const auto row = failing.find(call);
@@ -188,7 +188,7 @@ void pam_syslog(const pam_handle_t*, int, const char* format, ...) {
 
 int pam_prompt(pam_handle_t*, int style, char**, const char* format, ...) {
     EXPECT_EQ(style, PAM_ERROR_MSG);
-    pam->told.emplace_back(format);
+    pam->messages.emplace_back(format);
     return PAM_SUCCESS;
 }
 
@@ -209,7 +209,7 @@ int pam_close_session(pam_handle_t* handle, int flags) {
 }
 }
 
-TEST_F(aaa_pam, each_stage_is_the_machines_own) {
+TEST_F(aaa_pam, each_stage_runs_in_the_machines_service) {
     EXPECT_EQ(pam_sm_authenticate(&server_, PAM_DISALLOW_NULL_AUTHTOK, 0, nullptr), PAM_SUCCESS);
     EXPECT_EQ(pam_.flags, PAM_DISALLOW_NULL_AUTHTOK);
     EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_SUCCESS);
@@ -232,7 +232,7 @@ TEST_F(aaa_pam, one_transaction_serves_all_stages_and_ends_with_the_servers) {
     EXPECT_EQ(pam_.ended_with, PAM_PERM_DENIED);
 }
 
-TEST_F(aaa_pam, the_machine_says_no) {
+TEST_F(aaa_pam, a_refusal_by_the_machine_is_returned) {
     const std::pair<const char*, int> refusals[] = {
         {"authenticate", PAM_AUTH_ERR}, {"acct_mgmt", PAM_ACCT_EXPIRED}, {"open_session", PAM_SESSION_ERR}};
     for (const auto& [stage, status] : refusals) {
@@ -246,7 +246,7 @@ TEST_F(aaa_pam, the_machine_says_no) {
     end();
 }
 
-TEST_F(aaa_pam, items_that_the_server_changes_are_handed_on_again) {
+TEST_F(aaa_pam, items_that_the_server_changes_are_passed_on_again) {
     pam_sm_acct_mgmt(&server_, 0, 0, nullptr);
     EXPECT_EQ(pam_.items_seen[PAM_CONV], &conversation_);
     EXPECT_STREQ(static_cast<const char*>(pam_.items_seen[PAM_RHOST]), "192.0.2.1");
@@ -260,21 +260,21 @@ TEST_F(aaa_pam, items_that_the_server_changes_are_handed_on_again) {
     end();
 }
 
-TEST_F(aaa_pam, the_session_gets_what_the_machines_modules_have_for_its_environment) {
+TEST_F(aaa_pam, the_session_gets_the_environment_of_the_machines_modules) {
     pam_.adds_to_environment = {"LANG=C.UTF-8", "XDG_SESSION_ID=4"};
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_SUCCESS);
     EXPECT_THAT(server_.environment, ElementsAre("LANG=C.UTF-8", "XDG_SESSION_ID=4"));
     end();
 }
 
-TEST_F(aaa_pam, a_user_whom_the_machine_knows_by_another_name_has_that_name) {
+TEST_F(aaa_pam, a_user_renamed_by_the_machine_gets_the_new_name) {
     pam_.renames_user_to = "alice.smith";
     EXPECT_EQ(pam_sm_authenticate(&server_, 0, 0, nullptr), PAM_SUCCESS);
     EXPECT_EQ(server_.user, "alice.smith");
     end();
 }
 
-TEST_F(aaa_pam, nobody_gets_in_when_the_machine_cannot_be_asked) {
+TEST_F(aaa_pam, nobody_gets_in_when_the_machines_service_cannot_be_used) {
     for (const char* call : {"start", "set_data", "get_user", "get_conversation", "get_item", "set_item"}) {
         fake_pam fresh;
         pam = &fresh;
@@ -288,7 +288,7 @@ TEST_F(aaa_pam, nobody_gets_in_when_the_machine_cannot_be_asked) {
     }
 }
 
-TEST_F(aaa_pam, a_result_that_cannot_be_taken_over_is_a_failure) {
+TEST_F(aaa_pam, a_result_that_cannot_be_copied_is_a_failure) {
     pam_.adds_to_environment = {"A=1"};
     pam_.failing["putenv"] = PAM_BUF_ERR;
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_BUF_ERR);
@@ -298,7 +298,7 @@ TEST_F(aaa_pam, a_result_that_cannot_be_taken_over_is_a_failure) {
     pam_.has_no_memory_for_environment = false;
     pam_.failing["get_user_item"] = PAM_BAD_ITEM;
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_BAD_ITEM);
-    // A refusal stays what it is.
+    // A refusal keeps its status.
     pam_.failing["open_session"] = PAM_PERM_DENIED;
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
     end();
@@ -308,7 +308,7 @@ namespace {
 
 constexpr const char* refusal = "session refused: %u of at most %u sessions are open in this VRF";
 
-/// A limit of one session, and a session that is open.
+/// A limit of one session, and one open session.
 class aaa_pam_limit : public aaa_pam {
   protected:
     void SetUp() override {
@@ -341,23 +341,23 @@ TEST_F(aaa_pam_limit, a_session_is_counted_until_it_ends) {
     EXPECT_THAT(pam_.logged, IsEmpty());
 }
 
-TEST_F(aaa_pam_limit, one_session_too_many_is_refused_and_told) {
+TEST_F(aaa_pam_limit, a_session_above_the_limit_is_refused_and_the_user_informed) {
     open_another();
     EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
     EXPECT_THAT(pam_.logged, ElementsAre(refusal));
-    EXPECT_THAT(pam_.told, ElementsAre("Too many sessions: %u of at most %u are open."));
+    EXPECT_THAT(pam_.messages, ElementsAre("Too many sessions: %u of at most %u are open."));
     end();
 }
 
-TEST_F(aaa_pam_limit, who_is_refused_by_the_machine_learns_nothing_of_the_limit) {
+TEST_F(aaa_pam_limit, a_user_refused_by_the_machine_learns_nothing_about_the_limit) {
     open_another();
     pam_.failing["acct_mgmt"] = PAM_ACCT_EXPIRED;
     EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_ACCT_EXPIRED);
-    EXPECT_THAT(pam_.told, IsEmpty());
+    EXPECT_THAT(pam_.messages, IsEmpty());
     end();
 }
 
-TEST_F(aaa_pam_limit, of_two_that_passed_the_check_at_once_one_gets_the_session) {
+TEST_F(aaa_pam_limit, two_logins_that_passed_the_check_together_get_one_session) {
     EXPECT_EQ(pam_sm_acct_mgmt(&server_, 0, 0, nullptr), PAM_SUCCESS);
     open_another();
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_PERM_DENIED);
@@ -365,7 +365,7 @@ TEST_F(aaa_pam_limit, of_two_that_passed_the_check_at_once_one_gets_the_session)
     end();
 }
 
-TEST_F(aaa_pam_limit, a_session_that_cannot_be_kept_is_not_counted) {
+TEST_F(aaa_pam_limit, a_session_that_cannot_be_recorded_is_not_counted) {
     pam_.failing["set_session_data"] = PAM_BUF_ERR;
     EXPECT_EQ(pam_sm_open_session(&server_, 0, 0, nullptr), PAM_BUF_ERR);
     session_count count;
@@ -373,7 +373,7 @@ TEST_F(aaa_pam_limit, a_session_that_cannot_be_kept_is_not_counted) {
     EXPECT_EQ(count.open, 0U);
 }
 
-TEST_F(aaa_pam_limit, a_limit_that_cannot_be_kept_locks_nobody_out) {
+TEST_F(aaa_pam_limit, a_limit_that_cannot_be_enforced_locks_nobody_out) {
     std::filesystem::remove_all(session_limit_directory);
     std::filesystem::create_directories(std::filesystem::path(session_limit_directory).parent_path());
     ASSERT_EQ(symlink(session_limit_directory, session_limit_directory), 0);

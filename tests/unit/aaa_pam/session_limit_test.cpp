@@ -35,14 +35,14 @@ class session_limit : public testing::Test {
 
 }  // namespace
 
-TEST_F(session_limit, without_a_limit_nobody_is_counted) {
+TEST_F(session_limit, without_a_limit_no_session_is_counted) {
     EXPECT_EQ(enter(), -1);
     EXPECT_FALSE(count_.is_full());
     EXPECT_EQ(open_sessions(), 0U);
     EXPECT_TRUE(std::filesystem::is_empty(scratch_.path()));
 }
 
-TEST_F(session_limit, sessions_enter_until_the_limit_and_again_when_one_has_ended) {
+TEST_F(session_limit, sessions_enter_up_to_the_limit_and_again_after_one_has_ended) {
     ASSERT_EQ(session_limit_set(directory(), 2), 0);
     const int first = enter();
     EXPECT_GE(first, 0);
@@ -92,7 +92,7 @@ TEST_F(session_limit, a_killed_session_no_longer_counts) {
     close(ready[0]);
 }
 
-// As a session's unprivileged process outlives the privileged one that has entered.
+// A session's unprivileged process can outlive the privileged one that entered.
 TEST_F(session_limit, a_session_counts_until_its_last_process_ends) {
     ASSERT_EQ(session_limit_set(directory(), 1), 0);
     const int lock = enter();
@@ -108,7 +108,7 @@ TEST_F(session_limit, a_session_counts_until_its_last_process_ends) {
     EXPECT_EQ(open_sessions(), 0U);
 }
 
-TEST_F(session_limit, of_many_at_once_no_more_than_the_limit_enter) {
+TEST_F(session_limit, many_at_once_do_not_exceed_the_limit) {
     ASSERT_EQ(session_limit_set(directory(), 7), 0);
     int entered[2];
     int end[2];
@@ -135,7 +135,7 @@ TEST_F(session_limit, of_many_at_once_no_more_than_the_limit_enter) {
     }
 }
 
-TEST_F(session_limit, each_network_namespace_has_its_own) {
+TEST_F(session_limit, each_network_namespace_has_its_own_count) {
     ASSERT_EQ(session_limit_set(directory(), 1), 0);
     EXPECT_GE(enter(), 0);
     ASSERT_EQ(unshare(CLONE_NEWNET), 0);
@@ -152,7 +152,7 @@ TEST_F(session_limit, only_root_can_open_the_file) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(session_limit, a_text_that_is_no_limit_limits_nothing) {
+TEST_F(session_limit, an_invalid_limit_limits_nothing) {
     ASSERT_EQ(session_limit_set(directory(), 1), 0);
     const std::string path = std::filesystem::directory_iterator(scratch_.path())->path();
     for (const char* text : {"", "x\n", "5", "1001\n", "5 \n", "99999999999999999999\n"}) {

@@ -1,4 +1,4 @@
-/// A node for tests of access lists: two VRFs, lists in the fake datastore, and helpers that make entries.
+/// Fixture of the access-list tests: two VRFs, lists in the fake datastore, and helpers that make entries.
 #ifndef UNIT_ACL_TEST_H
 #define UNIT_ACL_TEST_H
 

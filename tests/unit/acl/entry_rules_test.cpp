@@ -1,4 +1,4 @@
-/// The rules of single entries, from the stored record on: each field of either family, each operator, each service.
+/// The rules made from single records: each field of both families, each operator, each service.
 #include <string>
 #include <vector>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int operator_codes = 7;  // the six operators and a code that is none of them
+constexpr int operator_codes = 7;  // the six operators and an invalid code
 
 struct condition_fields {
     std::string operation;
@@ -16,7 +16,7 @@ struct condition_fields {
     std::string second;
 };
 
-/// A condition by every operator, with each pair of numbers.
+/// A condition with every operator and each pair of numbers.
 std::vector<std::string> by_operator(const std::string& before, const condition_fields& fields,
                                      const std::vector<std::pair<int, int>>& pairs) {
     std::vector<std::string> cases;
@@ -38,7 +38,7 @@ class entry_rules_test : public acl_test {
   protected:
     entry_rules_test() { fake_platform::set_acl_action(7, "capture"); }
 
-    /// Each case with the rules that the family's two services get of it; "|" marks the ends of a rule's line.
+    /// Each case with its rule for both services of the family; "|" marks both ends of a rule's line.
     static std::string rules_of(const acl_family& family, const record_descriptor* descriptor, const std::string& base,
                                 const std::vector<std::string>& cases) {
         std::string text = "every entry: " + base + "\n";
@@ -72,7 +72,7 @@ void append(std::vector<std::string>& cases, const std::vector<std::string>& mor
     cases.insert(cases.end(), more.begin(), more.end());
 }
 
-/// Flags that are set, looked at, both and neither, the two bits that are no flags included.
+/// Flags that must be set, that are only masked, both and neither, and the two bits that are not flags.
 void append_flags(std::vector<std::string>& cases, const condition_fields& fields) {
     for (int code = 0; code < 4; code++) {
         for (const auto& [flags, mask] : {std::pair{2, 18}, {18, 2}, {255, 255}, {0, 63}, {1, 192}}) {

@@ -54,7 +54,7 @@ class failed_lists_test : public acl_test {
     }
 };
 
-TEST_F(failed_lists_test, what_is_loaded_needs_no_other_attempt) {
+TEST_F(failed_lists_test, a_loaded_list_needs_no_second_attempt) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
@@ -67,7 +67,7 @@ TEST_F(failed_lists_test, what_is_loaded_needs_no_other_attempt) {
     EXPECT_THAT(stub_commands::log(), IsEmpty());
 }
 
-TEST_F(failed_lists_test, a_list_that_is_not_loaded_is_named_and_left_alone_without_repair) {
+TEST_F(failed_lists_test, a_list_that_is_not_loaded_is_reported_but_left_alone_without_repair) {
     fail_to_attach();
     const outcome found = run(false);
     EXPECT_EQ(found.remaining, 1);
@@ -109,7 +109,7 @@ TEST_F(failed_lists_test, without_tables_no_list_is_tried) {
     EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
 }
 
-TEST_F(failed_lists_test, a_vrf_without_namespace_is_passed_over) {
+TEST_F(failed_lists_test, a_vrf_without_namespace_is_skipped) {
     fail_to_attach();
     scratch_root::remove_namespace_file("vrf-red");
     const outcome found = run(true);
@@ -118,7 +118,7 @@ TEST_F(failed_lists_test, a_vrf_without_namespace_is_passed_over) {
     EXPECT_THAT(stub_commands::log(), IsEmpty());
 }
 
-// The former rules stay, so nobody gets in who should not, and nothing is blocked.
+// The previous rules remain, so nothing needs to be blocked.
 TEST_F(failed_lists_test, a_change_that_could_not_be_loaded_is_loaded_later) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
@@ -153,7 +153,7 @@ TEST_F(failed_lists_test, a_changed_list_that_cannot_be_read_does_not_lift_the_b
                                                       "access list ops could not be read: Input/output error"}));
 }
 
-TEST_F(failed_lists_test, the_rules_of_a_list_that_has_gone_are_removed_later) {
+TEST_F(failed_lists_test, the_rules_of_a_deleted_list_are_removed_later) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, acl_ssh_v4), 0);
@@ -169,7 +169,7 @@ TEST_F(failed_lists_test, the_rules_of_a_list_that_has_gone_are_removed_later) {
     EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
 }
 
-TEST_F(failed_lists_test, the_rules_of_a_list_that_is_no_longer_named_are_removed_later) {
+TEST_F(failed_lists_test, the_rules_of_a_list_that_is_no_longer_configured_are_removed_later) {
     acl_rules_failed(red, acl_netconf_v6, "not removed");
     const outcome found = run(true);
     EXPECT_THAT(
@@ -179,14 +179,14 @@ TEST_F(failed_lists_test, the_rules_of_a_list_that_is_no_longer_named_are_remove
     EXPECT_EQ(read_file(rule_file("red", "netconf_v6acl")), "flush table ip6 netconf_v6acl\n\n");
 }
 
-TEST_F(failed_lists_test, a_flush_that_fails_again_remains) {
+TEST_F(failed_lists_test, a_flush_that_fails_again_remains_pending) {
     acl_rules_failed(red, acl_netconf_v6, "not removed");
     stub_commands::fail("ip netns exec vrf-red /usr/sbin/nft -f " + rule_file("red", "netconf_v6acl"), 1);
     EXPECT_EQ(run(true).remaining, 1);
     EXPECT_TRUE(fake_platform::is_not_in_force("rules red netconf ipv6"));
 }
 
-TEST_F(failed_lists_test, a_list_that_is_loaded_but_not_followed_is_reported_and_not_blocked) {
+TEST_F(failed_lists_test, a_loaded_list_without_subscription_is_reported_and_not_blocked) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     fake_platform::fail("acl_service_get_list", EAGAIN);
@@ -215,7 +215,7 @@ TEST_F(failed_lists_test, every_vrf_is_tried) {
     EXPECT_TRUE(acl_is_missing(*blue, acl_ssh_v6));
 }
 
-TEST_F(failed_lists_test, what_the_files_stand_in_the_way_of_is_told) {
+TEST_F(failed_lists_test, the_reason_a_file_cannot_be_written_is_reported) {
     fail_to_attach();
     remove_path("/tmp/norvo-ssh");
     write_file("/tmp/norvo-ssh", "in the way");

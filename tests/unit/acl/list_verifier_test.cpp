@@ -66,7 +66,7 @@ class list_verifier_test : public acl_test {
     }
 };
 
-TEST_F(list_verifier_test, makes_what_would_be_loaded_and_the_table_that_it_needs) {
+TEST_F(list_verifier_test, makes_the_file_to_load_and_the_table_it_needs) {
     const auto rules = made(MPP_SERVICE_SSH, std::vector{ipv4_entry(permit), ipv4_entry(deny)});
     ASSERT_EQ(rules.status, PLATFORM_OK);
     const std::string accept = "                ip saddr 0.0.0.0/0 ip daddr 0.0.0.0/0 tcp dport 22 accept \n";
@@ -77,7 +77,7 @@ TEST_F(list_verifier_test, makes_what_would_be_loaded_and_the_table_that_it_need
     EXPECT_EQ(rules.text.substr(rules.entries[1].offset, rules.entries[1].size), drop);
 }
 
-TEST_F(list_verifier_test, the_text_is_the_rule_file_of_the_list) {
+TEST_F(list_verifier_test, the_text_is_the_lists_rule_file) {
     acl_ipv4_entry host = ipv4_entry(permit);
     host.SourceAddress = ipv4("192.0.2.1");
     host.SourceAddressMask = 0;
@@ -88,7 +88,7 @@ TEST_F(list_verifier_test, the_text_is_the_rule_file_of_the_list) {
               made(MPP_SERVICE_SSH, std::vector{host, ipv4_entry(deny)}).text);
 }
 
-TEST_F(list_verifier_test, knows_both_services_in_both_families) {
+TEST_F(list_verifier_test, covers_both_services_in_both_families) {
     struct row {
         fake_platform::acl_rules rules;
         const char* table;
@@ -111,7 +111,7 @@ TEST_F(list_verifier_test, knows_both_services_in_both_families) {
     }
 }
 
-TEST_F(list_verifier_test, tells_what_becomes_of_each_entry) {
+TEST_F(list_verifier_test, reports_the_rule_of_each_entry) {
     acl_ipv4_entry udp = ipv4_entry();
     udp.Protocol = 17;
     acl_ipv4_entry odd_mask = ipv4_entry();
@@ -133,7 +133,7 @@ TEST_F(list_verifier_test, tells_what_becomes_of_each_entry) {
         effects(made(MPP_SERVICE_NETCONF, entries)),
         testing::ElementsAre(ACL_ENTRY_MAKES_RULE, ACL_ENTRY_IGNORED, ACL_ENTRY_MAKES_RULE, ACL_ENTRY_MAKES_RULE,
                              ACL_ENTRY_IGNORED, ACL_ENTRY_CLOSES_OTHER_PORTS, ACL_ENTRY_MAKES_RULE));
-    // In IPv6, both services compare with 830.
+    // In IPv6, both services compare with port 830.
     EXPECT_THAT(
         effects(made(MPP_SERVICE_SSH, std::vector{ipv6_to_port(permit, ACL_EQ, 22), ipv6_to_port(deny, ACL_NE, 830)})),
         testing::ElementsAre(ACL_ENTRY_IGNORED, ACL_ENTRY_CLOSES_OTHER_PORTS));
@@ -150,7 +150,7 @@ TEST_F(list_verifier_test, nothing_is_written_or_loaded) {
     EXPECT_TRUE(loads().empty());
 }
 
-TEST_F(list_verifier_test, the_agent_offers_its_verifier_when_it_starts) {
+TEST_F(list_verifier_test, the_agent_registers_its_verifier_at_start_up) {
     fake_platform::reset();
     register_entries();
     EXPECT_EQ(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {}).status, platform_status{ENOENT});
@@ -158,7 +158,7 @@ TEST_F(list_verifier_test, the_agent_offers_its_verifier_when_it_starts) {
     EXPECT_EQ(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {}).status, PLATFORM_OK);
 }
 
-TEST_F(list_verifier_test, a_platform_without_verification_is_no_obstacle) {
+TEST_F(list_verifier_test, start_up_succeeds_on_a_platform_without_list_verification) {
     fake_platform::fail("acl_service_register_verifier", ENOSYS);
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(fake_platform::log_texts(),

@@ -29,11 +29,11 @@ TEST_F(nft_files_test, names_a_file_by_vrf_and_table) {
     EXPECT_TRUE(fake_platform::debugged("get_nft_file_name: Invalid ACL type"));
 }
 
-TEST_F(nft_files_test, cuts_a_name_at_a_hundred_characters) {
+TEST_F(nft_files_test, truncates_a_name_to_a_hundred_characters) {
     EXPECT_EQ(std::string(get_nft_file_name(std::string(90, 'v').c_str(), 0)).size(), 99U);
 }
 
-TEST_F(nft_files_test, writes_the_header_and_the_end_of_each_table) {
+TEST_F(nft_files_test, writes_the_header_and_the_closing_lines_of_each_table) {
     for (const uint32_t type : {acl_ssh_v4, acl_netconf_v4, acl_ssh_v6, acl_netconf_v6}) {
         ASSERT_EQ(norvossh_acl_init_table("red", &stream, type), 0);
         ssh_nft_fp_close(type, stream);
@@ -43,20 +43,20 @@ TEST_F(nft_files_test, writes_the_header_and_the_end_of_each_table) {
     }
 }
 
-TEST_F(nft_files_test, a_header_for_all_tables_is_refused_but_makes_the_file) {
+TEST_F(nft_files_test, a_header_for_all_tables_is_refused_but_creates_the_file) {
     EXPECT_EQ(norvossh_acl_init_table("red", &stream, acl_all), -1);
     EXPECT_NE(stream, nullptr);
     EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")), "");
     EXPECT_TRUE(fake_platform::debugged("norvossh_acl_init_table: Invalid ACL type"));
 }
 
-TEST_F(nft_files_test, the_end_for_all_tables_is_only_braces) {
+TEST_F(nft_files_test, the_closing_lines_of_all_tables_are_only_braces) {
     ASSERT_EQ(create_nft_file("red", &stream, acl_all), 0);
     ssh_nft_fp_close(acl_all, stream);
     EXPECT_EQ(read_file(rule_file("red", "norvossh_acl_all")), "        }\n}\n");
 }
 
-TEST_F(nft_files_test, makes_folders_and_file_with_their_modes) {
+TEST_F(nft_files_test, creates_folders_and_file_with_their_modes) {
     const mode_t before = umask(0);
     ASSERT_EQ(create_nft_file("red", &stream, 0), 0);
     umask(before);
@@ -65,7 +65,7 @@ TEST_F(nft_files_test, makes_folders_and_file_with_their_modes) {
     EXPECT_EQ(mode_of(rule_file("red", "norvossh_v4acl")), 0744U);
 }
 
-TEST_F(nft_files_test, each_folder_that_cannot_be_made_has_its_own_message) {
+TEST_F(nft_files_test, each_folder_that_cannot_be_created_has_its_own_message) {
     const char* texts[] = {"Failed to create NORVOSSH_NFT_DIR_0", "Failed to create NORVOSSH_NFT_DIR_1",
                            "Failed to create NORVOSSH_NFT_DIR_2"};
     for (uint32_t i = 0; i < 3; i++) {
@@ -76,7 +76,7 @@ TEST_F(nft_files_test, each_folder_that_cannot_be_made_has_its_own_message) {
     }
 }
 
-TEST_F(nft_files_test, a_file_that_cannot_be_made_is_reported) {
+TEST_F(nft_files_test, a_file_that_cannot_be_created_is_reported) {
     call_faults::fail_call("creat", ENOSPC);
     EXPECT_EQ(create_nft_file("red", &stream, 0), -1);
     EXPECT_TRUE(
@@ -98,7 +98,7 @@ TEST_F(nft_files_test, loads_a_file_inside_the_namespace) {
               std::vector<std::string>{"ip netns exec vrf-red /usr/sbin/nft -f " + rule_file("red", "norvossh_v4acl")});
 }
 
-TEST_F(nft_files_test, a_failed_load_counts_only_while_errno_is_set) {
+TEST_F(nft_files_test, a_failed_load_counts_only_if_errno_is_set) {
     stub_commands::fail("ip netns exec", 1);
     errno = 0;
     EXPECT_EQ(ssh_apply_acl("red", 0), 0);
@@ -109,7 +109,7 @@ TEST_F(nft_files_test, a_failed_load_counts_only_while_errno_is_set) {
     EXPECT_TRUE(fake_platform::debugged("Failed to apply nft rules = (17)File exists"));
 }
 
-TEST_F(nft_files_test, a_load_that_hangs_has_failed) {
+TEST_F(nft_files_test, a_load_that_times_out_is_a_failure) {
     call_faults::limit_commands(200);
     stub_commands::set_delay("ip netns exec", 60000);
     errno = 0;
@@ -147,7 +147,7 @@ TEST_F(nft_files_test, a_flush_that_fails_is_reported) {
     EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to create NFT file"));
 }
 
-TEST_F(nft_files_test, a_flush_that_a_full_disk_swallows_is_a_failure_and_loads_nothing) {
+TEST_F(nft_files_test, a_flush_that_does_not_fit_on_the_disk_is_a_failure_and_loads_nothing) {
     call_faults::fail_call("fclose", ENOSPC, call_faults::once, 1, rule_file("red", "norvossh_v4acl"));
     EXPECT_EQ(ssh_flush_nft_table("red", acl_ssh_v4), -1);
     EXPECT_TRUE(loads().empty());
@@ -155,7 +155,7 @@ TEST_F(nft_files_test, a_flush_that_a_full_disk_swallows_is_a_failure_and_loads_
     EXPECT_TRUE(fake_platform::debugged("ssh_flush_nft_table: Failed to apply nft rules"));
 }
 
-TEST_F(nft_files_test, tables_that_a_full_disk_swallows_are_not_declared) {
+TEST_F(nft_files_test, tables_that_do_not_fit_on_the_disk_are_not_declared) {
     call_faults::fail_call("fflush", ENOSPC, call_faults::once, 1, rule_file("red", "norvossh_acl_all"));
     EXPECT_EQ(create_nft_table("red"), -1);
     EXPECT_TRUE(loads().empty());

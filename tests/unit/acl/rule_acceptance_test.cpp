@@ -1,4 +1,4 @@
-/// Rule files of generated entries, judged by nft itself.
+/// Checks the rule files of generated entries with nft itself.
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,11 +10,11 @@
 
 namespace {
 
-/// The real nft, held open from before the stand-in took its place.
+/// The real nft, opened before its stub replaces it.
 const int nft_program = open("/usr/sbin/nft", O_PATH | O_CLOEXEC);
 constexpr char complaints_file[] = "/tmp/complaints";
 
-/// Runs nft and returns its exit status; what it says stands in the file of complaints.
+/// Runs nft and returns its exit status; its output goes to complaints_file.
 int run_nft(std::vector<const char*> arguments) {
     arguments.insert(arguments.begin(), "nft");
     arguments.push_back(nullptr);
@@ -31,7 +31,7 @@ int run_nft(std::vector<const char*> arguments) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-/// The operators, a code that is none of them included.
+/// All operators and an invalid code.
 constexpr int32_t operations[] = {0, 1, 2, 3, 4, 5, 6};
 
 uint32_t prefix_wildcard(int length) {
@@ -72,7 +72,7 @@ class rule_acceptance_test : public acl_test {
         return get_nft_file_name("red", type);
     }
 
-    /// nft takes the file whole, and the file has at least so many rules.
+    /// nft accepts the file, which has at least `least` lines.
     template <typename entry_type>
     static void expect_accepted(const std::vector<entry_type>& entries, uint32_t type, size_t least) {
         const std::string file = made_file(entries, type);
@@ -80,7 +80,7 @@ class rule_acceptance_test : public acl_test {
         EXPECT_EQ(run_nft({"-c", "-f", file.c_str()}), 0) << read_file(complaints_file).substr(0, 2000);
     }
 
-    /// The rule's text, which nft refuses with these words.
+    /// nft refuses the entry's rule, whose text is `rule`, with this complaint.
     template <typename entry_type>
     static void expect_refused(const entry_type& entry, uint32_t type, const std::string& rule,
                                const std::string& complaint) {
@@ -166,7 +166,7 @@ class rule_acceptance_test : public acl_test {
 
 }  // namespace
 
-TEST_F(rule_acceptance_test, every_ipv4_condition_by_itself) {
+TEST_F(rule_acceptance_test, every_ipv4_condition_on_its_own) {
     std::vector<acl_ipv4_entry> entries;
     for (const int32_t each : operations) {
         for (const auto& [first, second] : {std::pair<uint16_t, uint16_t>{0, 0}, {1, 9}, {22, 22}, {63, 63}}) {
@@ -206,7 +206,7 @@ TEST_F(rule_acceptance_test, every_ipv4_mask) {
         entry.DestinationAddress = ipv4("198.51.100.77");
         entry.DestinationAddressMask = prefix_wildcard(32 - length);
         entries.push_back(entry);
-        // A wildcard with holes counts as far as its first one.
+        // In a wildcard with gaps only the bits before the first gap count.
         entry.SourceAddressMask = prefix_wildcard(length) | htonl(0x00100000);
         entries.push_back(entry);
     }
@@ -248,7 +248,7 @@ TEST_F(rule_acceptance_test, every_ipv6_prefix) {
     expect_accepted(entries, acl_netconf_v6, 129);
 }
 
-TEST_F(rule_acceptance_test, entries_of_all_conditions_at_once) {
+TEST_F(rule_acceptance_test, entries_with_all_conditions_at_once) {
     std::vector<acl_ipv4_entry> ipv4_entries;
     std::vector<acl_ipv6_entry> ipv6_entries;
     for (int i = 0; i < 4000; i++) {
@@ -261,9 +261,9 @@ TEST_F(rule_acceptance_test, entries_of_all_conditions_at_once) {
     expect_accepted(ipv6_entries, acl_netconf_v6, 1000);
 }
 
-// What nft does not take. The texts stand as they are: the operator is told of the failed load.
+// Rules that nft refuses. They are written nevertheless, and the operator sees that the load failed.
 
-TEST_F(rule_acceptance_test, a_mask_with_holes_is_refused_in_ipv6) {
+TEST_F(rule_acceptance_test, a_mask_with_gaps_is_refused_in_ipv6) {
     acl_ipv6_entry entry = ipv6_entry();
     put_ipv6(entry.IsSourceAddressInNumbers, "2001:db8::");
     put_ipv6(entry.SourceMask, "ffff:0:ffff::");
@@ -278,7 +278,7 @@ TEST_F(rule_acceptance_test, a_mask_with_holes_is_refused_in_ipv6) {
                    "Error: No symbol type information");
 }
 
-TEST_F(rule_acceptance_test, a_prefix_length_that_disagrees_with_its_mask_is_refused) {
+TEST_F(rule_acceptance_test, a_prefix_length_that_contradicts_its_mask_is_refused) {
     acl_ipv6_entry entry = ipv6_entry();
     put_ipv6(entry.IsSourceAddressInNumbers, "2001:db8::");
     put_ipv6(entry.SourceMask, "ffff:ffff::");
@@ -288,7 +288,7 @@ TEST_F(rule_acceptance_test, a_prefix_length_that_disagrees_with_its_mask_is_ref
                    "Error: No symbol type information");
 }
 
-TEST_F(rule_acceptance_test, a_range_turned_round_is_refused) {
+TEST_F(rule_acceptance_test, a_reversed_range_is_refused) {
     acl_ipv4_entry entry = ipv4_entry();
     entry.SourceOperator = 5;
     entry.SourcePort1 = 30;
@@ -298,7 +298,7 @@ TEST_F(rule_acceptance_test, a_range_turned_round_is_refused) {
                    "Range has zero or negative size");
 }
 
-TEST_F(rule_acceptance_test, numbers_too_large_for_the_packet_are_refused) {
+TEST_F(rule_acceptance_test, numbers_too_large_for_their_field_are_refused) {
     acl_ipv4_entry entry = ipv4_entry();
     entry.DSCPPresent = 1;
     entry.DSCP = 64;

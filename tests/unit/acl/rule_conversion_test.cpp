@@ -55,7 +55,7 @@ TEST_F(rule_conversion_test, denies_any_protocol_from_a_host_to_the_netconf_port
     EXPECT_EQ(rule(entry, 1), "                ip saddr 10.1.1.1 ip daddr 0.0.0.0/0 tcp dport 830 drop \n");
 }
 
-TEST_F(rule_conversion_test, passes_over_other_protocols) {
+TEST_F(rule_conversion_test, skips_other_protocols) {
     acl_ipv4_entry entry = ipv4_entry();
     entry.Protocol = 17;
     EXPECT_EQ(rule(entry), "");
@@ -68,7 +68,7 @@ TEST_F(rule_conversion_test, passes_over_other_protocols) {
     EXPECT_EQ(rule(entry6), "");
 }
 
-TEST_F(rule_conversion_test, takes_any_protocol_only_when_it_need_not_be_equal) {
+TEST_F(rule_conversion_test, accepts_any_protocol_only_if_the_operator_is_not_equal) {
     acl_ipv4_entry entry = ipv4_entry();
     entry.Protocol = ACL_PROTOCOL_ANY_IPV4;
     EXPECT_EQ(rule(entry), "");
@@ -88,12 +88,12 @@ TEST_F(rule_conversion_test, an_unknown_action_leaves_the_rule_without_a_verdict
     EXPECT_EQ(rule(ipv4_entry(8)), any + "tcp dport 22 accept \n");
 }
 
-TEST_F(rule_conversion_test, turns_wildcards_into_prefixes) {
+TEST_F(rule_conversion_test, converts_wildcards_to_prefixes) {
     acl_ipv4_entry entry = ipv4_entry();
     entry.SourceAddress = ipv4("10.1.2.3");
     entry.SourceAddressMask = ipv4("0.0.0.255");
     EXPECT_EQ(rule(entry), "                ip saddr 10.1.2.3/24 ip daddr 0.0.0.0/0 tcp dport 22 accept \n");
-    // What comes after the first bit that does not count is not looked at.
+    // Bits after the first one that is not compared are ignored.
     entry.SourceAddressMask = ipv4("0.255.0.255");
     EXPECT_EQ(rule(entry), "                ip saddr 10.1.2.3/8 ip daddr 0.0.0.0/0 tcp dport 22 accept \n");
 }
@@ -104,14 +104,14 @@ TEST_F(rule_conversion_test, leaves_out_an_entry_whose_wildcard_cannot_be_expres
     EXPECT_EQ(rule(entry), "");
     EXPECT_TRUE(fake_platform::debugged("ssh_convert_ipv4_acl_rule: NFtables doesn't support wildcard bits"));
     fake_platform::clear_reports();
-    // The destination's is left out without a word.
+    // For the destination there is no message.
     entry = ipv4_entry();
     entry.DestinationAddressMask = ipv4("255.0.0.0");
     EXPECT_EQ(rule(entry), "");
     EXPECT_TRUE(fake_platform::debug_texts().empty());
 }
 
-TEST_F(rule_conversion_test, judges_the_destination_port_against_the_service) {
+TEST_F(rule_conversion_test, matches_the_destination_port_against_the_service) {
     EXPECT_EQ(rule(with_destination_port(1, 22)), any + "tcp dport 22 accept \n");
     EXPECT_EQ(rule(with_destination_port(1, 23)), "");
     EXPECT_EQ(rule(with_destination_port(2, 22)), any + "tcp dport 22 accept \n");
@@ -163,7 +163,7 @@ TEST_F(rule_conversion_test, writes_every_condition_in_its_place) {
               "ip dscp 10-20 ip length gt 100 ip ttl lt 64 ip frag-off ne 7 log counter tcp dport 22 accept \n");
 }
 
-TEST_F(rule_conversion_test, writes_ipv6_conditions_in_its_own_words) {
+TEST_F(rule_conversion_test, writes_ipv6_conditions_with_ipv6_keywords) {
     acl_ipv6_entry entry = ipv6_entry(deny);
     entry.IsDSCPPresent = 1;
     entry.DSCPOperator = 1;
@@ -176,7 +176,7 @@ TEST_F(rule_conversion_test, writes_ipv6_conditions_in_its_own_words) {
     EXPECT_EQ(rule(entry), any6 + "ip6 dscp eq 46 ip6 length 1-9 ip6 hoplimit eq 255 tcp dport 22 drop \n");
 }
 
-TEST_F(rule_conversion_test, an_empty_counter_name_counts_nothing) {
+TEST_F(rule_conversion_test, an_empty_counter_name_adds_no_counter) {
     acl_ipv4_entry entry = ipv4_entry();
     char counter[] = "";
     entry.CounterName = counter;
@@ -188,22 +188,22 @@ TEST_F(rule_conversion_test, writes_ipv6_addresses_in_four_forms) {
     put_ipv6(entry.IsSourceAddressInNumbers, "2001:db8::1");
     put_ipv6(entry.SourceMask, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff");
     EXPECT_EQ(rule(entry), "                ip6 saddr 2001:db8::1 ip6 daddr ::/0 tcp dport 22 accept \n");
-    // One blank less in front; the length stands at once behind the address.
+    // One space less in front; the length follows the address directly.
     put_ipv6(entry.SourceMask, "ffff:ffff::");
     entry.IsSourceAddressPrefixLength = 32;
     EXPECT_EQ(rule(entry), "               ip6 saddr 2001:db8::1/32 ip6 daddr ::/0 tcp dport 22 accept \n");
-    // A length that disagrees with the mask, and a mask that is no prefix, show the mask.
+    // If the length contradicts the mask, or the mask is not a prefix, the mask is written.
     entry.IsSourceAddressPrefixLength = 48;
     EXPECT_EQ(rule(entry), "               ip6 saddr 2001:db8::1 ffff:ffff:: ip6 daddr ::/0 tcp dport 22 accept \n");
     put_ipv6(entry.SourceMask, "ffff::ffff");
     EXPECT_EQ(rule(entry), "               ip6 saddr 2001:db8::1 ffff::ffff ip6 daddr ::/0 tcp dport 22 accept \n");
-    // An address behind a mask of length 0 is not "any".
+    // An address with a mask of length 0 is not written as "any".
     put_ipv6(entry.SourceMask, "::");
     entry.IsSourceAddressPrefixLength = 0;
     EXPECT_EQ(rule(entry), "               ip6 saddr 2001:db8::1/0 ip6 daddr ::/0 tcp dport 22 accept \n");
 }
 
-TEST_F(rule_conversion_test, shows_the_rule_in_debug) {
+TEST_F(rule_conversion_test, prints_the_rule_in_debug) {
     rule(ipv4_entry());
     EXPECT_TRUE(fake_platform::debugged("NFT rule  = " + any + "tcp dport 22 accept "));
 }

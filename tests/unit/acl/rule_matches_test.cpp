@@ -22,7 +22,7 @@ TEST_F(rule_matches_test, source_port_by_operator) {
     }
 }
 
-TEST_F(rule_matches_test, dscp_is_equal_for_every_code_it_does_not_know) {
+TEST_F(rule_matches_test, dscp_uses_equal_for_unknown_operators) {
     const std::vector<std::string> expected = {"ip dscp eq 5 ", "ip dscp eq 5 ", "ip dscp gt 5 ", "ip dscp lt 5 ",
                                                "ip dscp ne 5 ", "ip dscp 5-9 ",  "ip dscp eq 5 "};
     for (uint32_t operation = 0; operation < expected.size(); operation++) {
@@ -36,7 +36,7 @@ TEST_F(rule_matches_test, dscp_is_equal_for_every_code_it_does_not_know) {
     EXPECT_EQ(written(), "ip6 dscp eq 5 ");
 }
 
-TEST_F(rule_matches_test, tcp_flags_only_for_two_operators_and_six_bits) {
+TEST_F(rule_matches_test, tcp_flags_support_two_operators_and_six_flags) {
     append_tcp_flags_match(text, 0, 0xff, 0xff);
     append_tcp_flags_match(text, 3, 0xff, 0xff);
     EXPECT_EQ(written(), "");
@@ -47,7 +47,7 @@ TEST_F(rule_matches_test, tcp_flags_only_for_two_operators_and_six_bits) {
     EXPECT_TRUE(fake_platform::debugged("frag_bit = 18, frag_bit_set = 2 "));
 }
 
-TEST_F(rule_matches_test, leading_ones_of_a_mask) {
+TEST_F(rule_matches_test, prefix_length_of_a_mask) {
     EXPECT_EQ(mask_prefix_length(ipv4("255.255.255.255")), 32U);
     EXPECT_EQ(mask_prefix_length(ipv4("255.255.254.0")), 23U);
     EXPECT_EQ(mask_prefix_length(ipv4("255.0.255.0")), 8U);
@@ -56,19 +56,19 @@ TEST_F(rule_matches_test, leading_ones_of_a_mask) {
     EXPECT_EQ(mask_prefix_length(0), 0U);
 }
 
-TEST_F(rule_matches_test, a_rule_that_is_too_long_is_cut_and_never_overflows) {
+TEST_F(rule_matches_test, a_rule_that_is_too_long_is_truncated_without_overflow) {
     const std::string piece(100, 'x');
     for (int i = 0; i < 10; i++) {
         append_piece(text, piece.c_str());
     }
     EXPECT_EQ(written(), std::string(rule_text_size - 1, 'x'));
-    // The length counts what did not fit, too; once past the end nothing is added any more.
+    // The length includes the text that did not fit; beyond the end nothing is appended.
     EXPECT_EQ(text.length, 600U);
     append_piece(text, "y");
     EXPECT_EQ(text.length, 600U);
 }
 
-TEST_F(rule_matches_test, a_piece_that_crosses_the_end_is_cut_there) {
+TEST_F(rule_matches_test, a_piece_that_crosses_the_end_is_truncated) {
     append_piece(text, std::string(598, 'x').c_str());
     append_piece(text, "%s", {"abcdef"});
     EXPECT_EQ(written(), std::string(598, 'x') + "a");

@@ -63,7 +63,7 @@ TEST_F(subscription_test, a_list_that_does_not_exist_is_subscribed_to_and_not_lo
     EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
 }
 
-TEST_F(subscription_test, the_families_take_only_their_own_types) {
+TEST_F(subscription_test, each_family_accepts_only_its_own_types) {
     name(red->netconf_v6_acl, "six");
     EXPECT_EQ(ssh_configure_v4acl(nullptr, red, acl_netconf_v6), -1);
     EXPECT_TRUE(fake_platform::debugged("Invalid ACL type"));
@@ -107,9 +107,10 @@ TEST_F(subscription_test, both_services_of_a_vrf_share_one_subscription) {
     EXPECT_TRUE(loads()[1].ends_with("netconf_v4acl.nft"));
 }
 
-TEST_F(subscription_test, names_alone_are_no_subscription) {
+TEST_F(subscription_test, a_configured_name_alone_is_no_subscription) {
     set_list("ops", {ipv4_entry()});
-    // As on a node whose items are stored before its namespaces come: all name the list, nobody has attached it.
+    // As on a node whose items are stored before its namespaces exist: all services name the list, none has attached
+    // it.
     for (vrf_node* node : {red, blue}) {
         node->reference_count = 2;
         name(node->ssh_v4_acl, "ops");
@@ -127,13 +128,13 @@ TEST_F(subscription_test, names_alone_are_no_subscription) {
     EXPECT_EQ(loads().size(), 4U);
 }
 
-TEST_F(subscription_test, two_lists_of_one_family_are_followed_each) {
+TEST_F(subscription_test, two_lists_of_one_family_are_both_followed) {
     name(red->ssh_v4_acl, "ops");
     name(red->netconf_v4_acl, "net");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 1), 0);
     EXPECT_EQ(fake_platform::acl_handles(), 2U);
-    // The VRF's one head is the later list's; taking the earlier away leaves it alone.
+    // The VRF's handle belongs to the later list; detaching the earlier one leaves it alone.
     ssh_remove_v4acl_config(red, 0);
     name(red->ssh_v4_acl, "");
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 0U);
@@ -143,7 +144,7 @@ TEST_F(subscription_test, two_lists_of_one_family_are_followed_each) {
     EXPECT_EQ(red->v4_aclhead, nullptr);
 }
 
-TEST_F(subscription_test, a_list_in_anothers_place_ends_its_subscription) {
+TEST_F(subscription_test, replacing_a_list_ends_its_subscription) {
     name(red->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
@@ -193,7 +194,7 @@ TEST_F(subscription_test, one_list_in_64_vrfs_has_one_subscription_and_each_file
     EXPECT_EQ(std::set<std::string>(commands.begin(), commands.end()).size(), 64U);
 }
 
-TEST_F(subscription_test, equal_names_of_one_vrf_do_not_count_without_references) {
+TEST_F(subscription_test, equal_names_in_one_vrf_do_not_count_without_references) {
     name(red->ssh_v4_acl, "ops");
     name(red->netconf_v4_acl, "ops");
     EXPECT_EQ(acl_in_use_elsewhere(red, 0), 0);
@@ -205,7 +206,7 @@ TEST_F(subscription_test, equal_names_of_one_vrf_do_not_count_without_references
     EXPECT_EQ(acl6_in_use_elsewhere(red, 0), 1);
 }
 
-TEST_F(subscription_test, the_service_is_asked_five_times) {
+TEST_F(subscription_test, the_acl_service_is_tried_five_times) {
     name(red->ssh_v4_acl, "ops");
     fake_platform::fail("acl_service_get_list", EAGAIN, 4);
     EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
@@ -255,7 +256,7 @@ TEST_F(subscription_test, a_missing_library_is_a_failed_binding) {
     EXPECT_NE(fake_platform::log_texts()[0].find("0x8081c200"), std::string::npos);
 }
 
-TEST_F(subscription_test, an_entry_that_cannot_be_decoded_ends_attaching) {
+TEST_F(subscription_test, an_entry_that_cannot_be_decoded_stops_attaching) {
     fake_platform::set_list(list_path("ops"), {{"10", "no record"}});
     name(red->ssh_v4_acl, "ops");
     EXPECT_EQ(ssh_configure_v4acl(nullptr, red, 0), -1);
@@ -274,7 +275,7 @@ TEST_F(subscription_test, a_removed_list_flushes_every_table_that_uses_it) {
     EXPECT_NE(fake_platform::log_texts().back().find("Failed to flush nftable"), std::string::npos);
 }
 
-TEST_F(subscription_test, a_changed_list_that_cannot_be_read_shuts_the_port) {
+TEST_F(subscription_test, a_changed_list_that_cannot_be_read_closes_the_port) {
     name(red->ssh_v4_acl, "gone");
     const acl_change_notice change = notice("gone", true);
     EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
@@ -282,7 +283,7 @@ TEST_F(subscription_test, a_changed_list_that_cannot_be_read_shuts_the_port) {
     EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
 }
 
-TEST_F(subscription_test, a_failed_fetch_counts_for_ssh_and_only_its_decoding_for_netconf) {
+TEST_F(subscription_test, a_failed_read_fails_ssh_but_netconf_only_if_decoding_fails) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     const acl_change_notice change = notice("ops", true);
@@ -295,7 +296,7 @@ TEST_F(subscription_test, a_failed_fetch_counts_for_ssh_and_only_its_decoding_fo
     EXPECT_NE(fake_platform::log_texts()[0].find("IPV4 ACL CFG"), std::string::npos);
 }
 
-TEST_F(subscription_test, a_notice_for_a_list_that_nobody_uses_does_nothing) {
+TEST_F(subscription_test, a_notice_for_an_unused_list_does_nothing) {
     name(red->ssh_v4_acl, "ops");
     const acl_change_notice change = notice("other", true);
     EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 0);
@@ -326,7 +327,7 @@ TEST_F(subscription_test, detaching_the_last_user_ends_the_subscription) {
     EXPECT_TRUE(fake_platform::debugged(" ssh_remove_v6acl_config: Successfully unregistered ACL callback"));
 }
 
-TEST_F(subscription_test, a_failed_load_is_told_with_list_vrf_and_reason) {
+TEST_F(subscription_test, a_failed_load_is_reported_with_list_vrf_and_reason) {
     set_ipv6_list("six", {ipv6_entry()});
     name(red->ssh_v6_acl, "six");
     stub_commands::set_hook(
@@ -340,7 +341,7 @@ TEST_F(subscription_test, a_failed_load_is_told_with_list_vrf_and_reason) {
                                       "error ip6 saddr :: ffff:0:ffff::"));
 }
 
-TEST_F(subscription_test, a_flush_that_fails_ends_detaching) {
+TEST_F(subscription_test, a_failed_flush_stops_detaching) {
     name(red->ssh_v4_acl, "ops");
     ASSERT_EQ(ssh_configure_v4acl(nullptr, red, 0), 0);
     stub_commands::fail("ip netns exec", 1);
@@ -359,7 +360,7 @@ TEST_F(subscription_test, detaching_without_a_namespace_flushes_nothing_and_ends
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 0U);
 }
 
-TEST_F(subscription_test, a_subscription_ends_when_nobody_names_its_list_any_more) {
+TEST_F(subscription_test, a_subscription_ends_when_its_list_is_no_longer_configured) {
     name(red->ssh_v4_acl, "ops");
     name(blue->ssh_v4_acl, "ops");
     name(red->netconf_v6_acl, "six");
@@ -386,7 +387,7 @@ TEST_F(subscription_test, a_list_whose_first_load_fails_is_followed) {
     EXPECT_TRUE(loaded("red", "norvossh_v4acl"));
 }
 
-TEST_F(subscription_test, a_list_whose_file_cannot_be_made_is_followed) {
+TEST_F(subscription_test, a_list_whose_file_cannot_be_created_is_followed) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     write_file("/tmp/norvo-ssh", "in the way");
@@ -394,7 +395,7 @@ TEST_F(subscription_test, a_list_whose_file_cannot_be_made_is_followed) {
     EXPECT_EQ(fake_platform::acl_subscriptions("ops"), 1U);
 }
 
-TEST_F(subscription_test, a_vrf_without_namespace_does_not_keep_the_others_from_a_change) {
+TEST_F(subscription_test, a_vrf_without_namespace_does_not_stop_a_change_for_the_others) {
     set_list("ops", {ipv4_entry()});
     name(red->ssh_v4_acl, "ops");
     name(blue->ssh_v4_acl, "ops");
@@ -409,7 +410,7 @@ TEST_F(subscription_test, a_vrf_without_namespace_does_not_keep_the_others_from_
     EXPECT_EQ(loads().size(), 1U);
 }
 
-TEST_F(subscription_test, a_vrf_that_fails_does_not_keep_the_others_from_a_change) {
+TEST_F(subscription_test, a_vrf_that_fails_does_not_stop_a_change_for_the_others) {
     set_list("ops", {ipv4_entry()});
     for (vrf_node* node : {red, blue}) {
         name(node->ssh_v4_acl, "ops");
@@ -425,7 +426,7 @@ TEST_F(subscription_test, a_vrf_that_fails_does_not_keep_the_others_from_a_chang
     EXPECT_EQ(loads().size(), 4U);
 }
 
-TEST_F(subscription_test, a_name_is_cut_at_its_first_slash) {
+TEST_F(subscription_test, a_name_ends_at_its_first_slash) {
     name(red->ssh_v4_acl, "ops/other");
     datastore_list* list = nullptr;
     uint32_t count = 0;
@@ -446,7 +447,7 @@ TEST_F(subscription_test, ipv6_lists_have_their_own_tree_and_tables) {
               std::string::npos);
 }
 
-TEST_F(subscription_test, a_list_that_a_full_disk_has_cut_off_is_not_loaded) {
+TEST_F(subscription_test, a_list_truncated_by_a_full_disk_is_not_loaded) {
     std::filesystem::create_directories("/tmp/norvo-ssh/access-list");
     scratch_root::limit_space("/tmp/norvo-ssh/access-list", 64 * 1024);
     set_list("ops", std::vector<acl_ipv4_entry>(3000, ipv4_entry(deny)));

@@ -33,7 +33,7 @@ class aaa_users_test : public agent_test {
   protected:
     static std::string below(const std::string& index) { return tree + index + "/"; }
 
-    /// One user under each index.
+    /// One user below each index.
     static void add_users() {
         set_list(tree, {{"0", ""}, {"1", ""}, {"7", ""}});
         set_list(below("0"), {{"alice", ""}});
@@ -53,7 +53,7 @@ TEST_F(aaa_users_test, a_user_is_found_under_any_index) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(aaa_users_test, every_list_and_the_binding_are_given_back) {
+TEST_F(aaa_users_test, every_list_and_the_binding_are_released) {
     add_users();
     EXPECT_EQ(look_for("bob"), present);
     EXPECT_THAT(fake_platform::calls(),
@@ -71,7 +71,7 @@ TEST_F(aaa_users_test, without_any_user_nobody_is_found) {
                             "(0x40828600),  No OrderingIndex in List "));
 }
 
-TEST_F(aaa_users_test, a_binding_that_fails_is_logged_and_returned) {
+TEST_F(aaa_users_test, a_failed_binding_is_logged_and_returned) {
     add_users();
     fake_platform::fail("datastore_bind", EIO);
     EXPECT_EQ(look_for("alice"), (search{EIO, false}));
@@ -81,7 +81,7 @@ TEST_F(aaa_users_test, a_binding_that_fails_is_logged_and_returned) {
                     "to datastore"));
 }
 
-TEST_F(aaa_users_test, a_missing_datastore_library_is_a_binding_that_fails) {
+TEST_F(aaa_users_test, a_missing_datastore_library_is_a_failed_binding) {
     remove_path(paths::datastore_library);
     EXPECT_EQ(look_for("alice"), (search{DATASTORE_UNAVAILABLE, false}));
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
@@ -95,7 +95,7 @@ TEST_F(aaa_users_test, indexes_that_cannot_be_listed_are_an_error) {
     EXPECT_EQ(fake_platform::bindings(), 0u);
 }
 
-TEST_F(aaa_users_test, an_index_that_cannot_be_listed_is_passed_over) {
+TEST_F(aaa_users_test, an_index_that_cannot_be_listed_is_skipped) {
     add_users();
     fake_platform::fail("datastore_list_get(/cfg/gl/aaa/username/0/, -1)", EIO);
     EXPECT_EQ(look_for("carol"), present);
@@ -111,7 +111,7 @@ TEST_F(aaa_users_test, two_users_under_one_index_are_an_error) {
     EXPECT_TRUE(fake_platform::logged("ERR_GENERAL",
                                       "Something wrong in datastore. More than one user under single index value "));
     EXPECT_EQ(fake_platform::bindings(), 0u);
-    // Whoever stands before it is found before it is looked at.
+    // A user under an earlier index is found before this one is read.
     EXPECT_EQ(look_for("alice"), present);
 }
 

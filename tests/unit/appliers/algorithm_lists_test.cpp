@@ -28,7 +28,7 @@ class algorithm_lists_test : public algorithm_side_test {
     static fake_platform::change cipher(const names& fields) { return cipher_change(side(), fields); }
     static fake_platform::change legacy(const names& fields) { return legacy_change(side(), fields); }
 
-    /// The status that an applier returned; the change stands.
+    /// The status that the applier returned; the change remains stored.
     static platform_status failure_of(const fake_platform::change& change) {
         const auto result = fake_platform::commit(change);
         EXPECT_EQ(result.status, PLATFORM_OK);
@@ -40,7 +40,7 @@ FOR_BOTH_SIDES(algorithm_lists_test);
 
 // --- Key exchange ---------------------------------------------------------------------------------------------------
 
-TEST_P(algorithm_lists_test, key_exchanges_are_written_in_their_order) {
+TEST_P(algorithm_lists_test, key_exchanges_are_written_in_order) {
     commit_ok(kex({"diffie-hellman-group16-sha512", "ecdh-sha2-nistp256", "curve25519-sha256"}));
     EXPECT_EQ(line("KexAlgorithms"), "diffie-hellman-group16-sha512,ecdh-sha2-nistp256,curve25519-sha256");
     EXPECT_STREQ(state().kex->current, "diffie-hellman-group16-sha512,ecdh-sha2-nistp256,curve25519-sha256");
@@ -56,14 +56,14 @@ TEST_P(algorithm_lists_test, group1_is_dropped_with_a_message) {
     EXPECT_EQ(line("KexAlgorithms"), "ecdh-sha2-nistp384");
 }
 
-TEST_P(algorithm_lists_test, a_removed_key_exchange_item_brings_the_default_back) {
+TEST_P(algorithm_lists_test, removing_the_key_exchange_item_restores_the_default) {
     commit_ok(kex({"ecdh-sha2-nistp256"}));
     commit_ok(remove(kex({}).path));
     EXPECT_EQ(line("KexAlgorithms"), default_kex_list);
     EXPECT_STREQ(state().kex->current, default_kex_list);
 }
 
-TEST_P(algorithm_lists_test, a_removed_key_exchange_item_brings_the_fips_default) {
+TEST_P(algorithm_lists_test, removing_the_key_exchange_item_restores_the_fips_default) {
     turn_fips(true);
     commit_ok(kex({"ecdh-sha2-nistp256"}));
     commit_ok(remove(kex({}).path));
@@ -75,7 +75,7 @@ TEST_P(algorithm_lists_test, a_removed_key_exchange_item_brings_the_fips_default
     EXPECT_EQ(line("KexAlgorithms"), default_kex_list);
 }
 
-TEST_P(algorithm_lists_test, a_failing_fips_question_stops_the_removal_of_key_exchanges) {
+TEST_P(algorithm_lists_test, a_failed_fips_query_stops_the_removal_of_key_exchanges) {
     for (const char* operation : {fips_binding, fips_question}) {
         commit_ok(kex({"ecdh-sha2-nistp256"}));
         forget();
@@ -89,7 +89,7 @@ TEST_P(algorithm_lists_test, a_failing_fips_question_stops_the_removal_of_key_ex
     }
 }
 
-/// What the scan at start may deliver of an older version's configuration: no verifier has seen it.
+/// A value that the initial scan may deliver from an older version's configuration: no verifier has seen it.
 platform_status apply(datastore_item_applier applier, const fake_platform::value& value) {
     const datastore_change change = {DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET, nullptr, value.bytes.data(), 0,
                                      value.bytes.size()};
@@ -103,8 +103,8 @@ datastore_item_applier cipher_applier(bool is_server) {
     return is_server ? sshd_apply_cipheralgo : ssh_client_apply_cipheralgo;
 }
 
-TEST_P(algorithm_lists_test, a_key_exchange_list_ends_at_its_buffers_end) {
-    // Five names of 40 characters and one of `last`, with their commas.
+TEST_P(algorithm_lists_test, a_key_exchange_list_is_truncated_at_the_end_of_its_buffer) {
+    // Five names of 40 characters and `last`, with commas.
     const auto list_of = [](size_t last) {
         names fields(5, std::string(40, 'k'));
         fields.emplace_back(std::string(last, 'e'));
@@ -117,7 +117,7 @@ TEST_P(algorithm_lists_test, a_key_exchange_list_ends_at_its_buffers_end) {
     EXPECT_EQ(line("KexAlgorithms").size(), 229u);
 }
 
-TEST_P(algorithm_lists_test, a_cipher_list_ends_at_its_buffers_end) {
+TEST_P(algorithm_lists_test, a_cipher_list_is_truncated_at_the_end_of_its_buffer) {
     const auto list_of = [](size_t last) {
         names fields(4, std::string(40, 'c'));
         fields.emplace_back(std::string(last, 'e'));
@@ -127,7 +127,7 @@ TEST_P(algorithm_lists_test, a_cipher_list_ends_at_its_buffers_end) {
     EXPECT_EQ(line("Ciphers").size(), 200u);
     EXPECT_EQ(apply(cipher_applier(is_server()), list_of(37)), PLATFORM_OK);
     EXPECT_EQ(line("Ciphers").size(), 200u);
-    // No room is left for the legacy ones.
+    // No space is left for the legacy ciphers.
     commit_ok(legacy({1, 0}));
     EXPECT_EQ(line("Ciphers").size(), 200u);
 }
@@ -147,7 +147,7 @@ TEST_P(algorithm_lists_test, a_value_that_cannot_be_unpacked_changes_nothing) {
                             unpack_failure + "ENABLE-CIPHER-APPLY, Failed to unpack datastore item"));
 }
 
-TEST_P(algorithm_lists_test, an_event_of_neither_kind_changes_nothing) {
+TEST_P(algorithm_lists_test, an_event_that_neither_sets_nor_deletes_changes_nothing) {
     const std::string before = both_files();
     const datastore_change change = {8, nullptr, nullptr, 0, 0};
     EXPECT_EQ(kex_applier(is_server())(&change, nullptr), PLATFORM_OK);
@@ -158,7 +158,7 @@ TEST_P(algorithm_lists_test, an_event_of_neither_kind_changes_nothing) {
 
 // --- Ciphers --------------------------------------------------------------------------------------------------------
 
-TEST_P(algorithm_lists_test, ciphers_are_written_in_their_order) {
+TEST_P(algorithm_lists_test, ciphers_are_written_in_order) {
     commit_ok(cipher({"aes256-gcm@openssh.com", "aes128-ctr"}));
     EXPECT_EQ(line("Ciphers"), "aes256-gcm@openssh.com,aes128-ctr");
     EXPECT_STREQ(state().ciphers->current, "aes256-gcm@openssh.com,aes128-ctr");
@@ -170,13 +170,13 @@ TEST_P(algorithm_lists_test, triple_des_is_dropped_with_a_message) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre("ERR_GENERAL: 3des-cbc is not supported, will be removed"));
 }
 
-TEST_P(algorithm_lists_test, a_removed_cipher_item_brings_the_default_back) {
+TEST_P(algorithm_lists_test, removing_the_cipher_item_restores_the_default) {
     commit_ok(cipher({"aes128-ctr"}));
     commit_ok(remove(cipher({}).path));
     EXPECT_EQ(line("Ciphers"), default_cipher_list);
 }
 
-TEST_P(algorithm_lists_test, a_removed_cipher_item_brings_the_fips_default) {
+TEST_P(algorithm_lists_test, removing_the_cipher_item_restores_the_fips_default) {
     turn_fips(true);
     commit_ok(cipher({"aes128-ctr"}));
     commit_ok(remove(cipher({}).path));
@@ -186,7 +186,7 @@ TEST_P(algorithm_lists_test, a_removed_cipher_item_brings_the_fips_default) {
     EXPECT_EQ(line("Ciphers"), default_cipher_list);
 }
 
-TEST_P(algorithm_lists_test, a_failing_fips_question_stops_the_removal_of_ciphers) {
+TEST_P(algorithm_lists_test, a_failed_fips_query_stops_the_removal_of_ciphers) {
     for (const char* operation : {fips_binding, fips_question}) {
         commit_ok(cipher({"aes128-ctr"}));
         forget();
@@ -201,7 +201,7 @@ TEST_P(algorithm_lists_test, a_failing_fips_question_stops_the_removal_of_cipher
 
 // --- Legacy ciphers -------------------------------------------------------------------------------------------------
 
-TEST_P(algorithm_lists_test, legacy_ciphers_are_appended_where_they_are_missing) {
+TEST_P(algorithm_lists_test, missing_legacy_ciphers_are_appended) {
     commit_ok(cipher({"aes128-cbc", "aes128-ctr"}));
     commit_ok(legacy({1, 0}));
     EXPECT_EQ(line("Ciphers"), "aes128-cbc,aes128-ctr,aes192-cbc,aes256-cbc");
@@ -225,14 +225,14 @@ TEST_P(algorithm_lists_test, all_ten_ciphers_and_the_legacy_ones_fit) {
               "chacha20-poly1305@openssh.com,aes128-cbc");
 }
 
-TEST_P(algorithm_lists_test, setting_a_legacy_flag_to_0_takes_nothing_back) {
+TEST_P(algorithm_lists_test, setting_a_legacy_flag_to_0_removes_nothing) {
     commit_ok(cipher({"aes128-ctr"}));
     commit_ok(legacy({1, 0}));
     commit_ok(legacy({0, 0}));
     EXPECT_EQ(line("Ciphers"), "aes128-ctr,aes128-cbc,aes192-cbc,aes256-cbc");
 }
 
-TEST_P(algorithm_lists_test, legacy_triple_des_is_announced_and_not_enabled) {
+TEST_P(algorithm_lists_test, legacy_triple_des_is_logged_and_not_enabled) {
     commit_ok(cipher({"aes128-ctr"}));
     forget();
     commit_ok(legacy({std::nullopt, 1}));
@@ -241,7 +241,7 @@ TEST_P(algorithm_lists_test, legacy_triple_des_is_announced_and_not_enabled) {
     EXPECT_TRUE(fake_platform::debugged("Enabled old ciphers mask - 0"));
 }
 
-TEST_P(algorithm_lists_test, in_fips_mode_legacy_ciphers_are_written_filtered_with_a_closing_comma) {
+TEST_P(algorithm_lists_test, in_fips_mode_legacy_ciphers_are_written_filtered_with_a_trailing_comma) {
     commit_ok(cipher({"aes128-ctr", "chacha20-poly1305@openssh.com"}));
     turn_fips(true);
     commit_ok(legacy({1, 0}));
@@ -254,7 +254,7 @@ TEST_P(algorithm_lists_test, in_fips_mode_legacy_ciphers_are_written_filtered_wi
     EXPECT_EQ(line("Ciphers"), "aes128-ctr,chacha20-poly1305@openssh.com");
 }
 
-TEST_P(algorithm_lists_test, a_failing_fips_question_stops_legacy_ciphers) {
+TEST_P(algorithm_lists_test, a_failed_fips_query_stops_legacy_ciphers) {
     for (const char* operation : {fips_binding, fips_question}) {
         for (const auto& change : {legacy({1, 0}), remove(legacy({}).path)}) {
             forget();
@@ -281,7 +281,7 @@ TEST_P(algorithm_lists_test, exhausted_memory_stops_legacy_ciphers_in_fips_mode)
 
 TEST_P(algorithm_lists_test, a_list_that_cannot_be_filtered_stops_legacy_ciphers_in_fips_mode) {
     turn_fips(true);
-    // Nothing but what is dropped: no verifier lets this through.
+    // Only algorithms that are dropped: a verifier would refuse this.
     EXPECT_EQ(apply(cipher_applier(is_server()), cipher_value({"3des-cbc"})), PLATFORM_OK);
     forget();
     EXPECT_EQ(failure_of(legacy({0, 0})), 1u);
@@ -304,7 +304,7 @@ TEST_F(server_lists_test, a_failed_write_of_filtered_ciphers_is_reported) {
         "Error:=Read-only file system(0x1e): sshd_apply_cipher, failed to update cipher list in  config file"));
 }
 
-TEST_F(server_lists_test, server_and_client_keep_lists_of_their_own) {
+TEST_F(server_lists_test, server_and_client_have_separate_lists) {
     start();
     commit_ok(kex_change(server_case, {"ecdh-sha2-nistp256"}));
     commit_ok(cipher_change(client_case, {"aes256-ctr"}));

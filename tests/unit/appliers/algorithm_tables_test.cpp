@@ -15,7 +15,7 @@ struct kind_row {
     const char* title;
     const char* enumeration;
     int32_t (*number_of)(std::string_view name);
-    list_filter_function filter;  ///< null: FIPS mode filters no such list
+    list_filter_function filter;  ///< null: FIPS mode does not filter this list
 };
 
 constexpr kind_row kinds[] = {
@@ -54,7 +54,7 @@ void dump_settings(std::ostream& out, const kind_row& row) {
     }
 }
 
-/// As the tool names them; the agent has to give every name the same number.
+/// The names as the tool prints them; the agent must give each the same number.
 void dump_numbers(std::ostream& out, const char* enumeration, int32_t (*number_of)(std::string_view)) {
     out << "\nnumbers: " << enumeration << '\n';
     for (int32_t number = 0; ctl_value_name(enumeration, number) != nullptr; number++) {
@@ -86,7 +86,7 @@ void dump_host_key_files(std::ostream& out) {
 
 using algorithm_tables_test = agent_test;
 
-TEST_F(algorithm_tables_test, are_derived_as_ever) {
+TEST_F(algorithm_tables_test, are_derived_from_the_list_of_algorithms) {
     std::ostringstream out;
     dump_lists(out);
     for (const kind_row& row : kinds) {

@@ -17,7 +17,7 @@ class algorithm_verifiers_test : public algorithm_side_test {
   protected:
     algorithm_verifiers_test() { start(); }
 
-    /// The commit is refused with this text, and nothing of it is left.
+    /// The commit is refused with this text and leaves nothing behind.
     static void expect_refused(const fake_platform::change& change, const std::string& text,
                                platform_status status = EINVAL) {
         const std::string before = both_files();
@@ -53,13 +53,13 @@ TEST_P(algorithm_verifiers_test, an_unknown_key_exchange_is_refused) {
     expect_refused(kex({"aes128-ctr"}), "unknown ssh kexalgorithms aes128-ctr");
 }
 
-TEST_P(algorithm_verifiers_test, a_name_of_40_characters_is_told_whole) {
+TEST_P(algorithm_verifiers_test, a_name_of_40_characters_is_quoted_in_full) {
     const std::string longest(40, 'k');
     expect_refused(kex({longest}), "unknown ssh kexalgorithms " + longest);
     expect_refused(cipher({longest}), "unknown ssh cipher algorithms " + longest);
 }
 
-/// A tuple that holds one name which is too long for its field.
+/// A tuple with a name that is too long for its field.
 fake_platform::change raw_change(const fake_platform::change& change, size_t length) {
     std::string bytes("\1\0\0\0", 4);
     bytes += static_cast<char>(length);
@@ -111,7 +111,7 @@ TEST_P(algorithm_verifiers_test, group1_is_refused_in_fips_mode) {
     expect_refused(kex({"ecdh-sha2-nistp256", group1}),
                    "key exchange                               algorithms diffie-hellman-group1-sha1 not supported in "
                    "fips mode");
-    // Being alone counts first.
+    // That it is the only one is checked first.
     expect_refused(kex({group1}),
                    "diffie-hellman-group1-sha1 is not supported, SSH will not work with only this config");
 }
@@ -128,7 +128,7 @@ TEST_P(algorithm_verifiers_test, curve25519_is_refused_in_fips_mode) {
     commit_ok(kex({"ecdh-sha2-nistp256"}));
 }
 
-TEST_P(algorithm_verifiers_test, a_commit_that_switches_fips_mode_is_judged_by_what_it_asks_for) {
+TEST_P(algorithm_verifiers_test, a_commit_that_switches_fips_mode_is_checked_against_the_new_mode) {
     const auto on = fake_platform::set_number(fips_item, 1);
     const std::string before = both_files();
     for (const auto& change : {kex({"ecdh-sha2-nistp256", curve25519}), cipher({"aes128-ctr", chacha20})}) {
@@ -144,7 +144,7 @@ TEST_P(algorithm_verifiers_test, a_commit_that_switches_fips_mode_is_judged_by_w
     EXPECT_EQ(line("Ciphers"), chacha20);
 }
 
-TEST_P(algorithm_verifiers_test, the_first_fault_of_a_list_is_the_one_that_is_told) {
+TEST_P(algorithm_verifiers_test, the_first_error_in_a_list_is_reported) {
     turn_fips(true);
     expect_refused(kex({"rot13", curve25519}), "unknown ssh kexalgorithms rot13");
     expect_refused(kex({curve25519, "rot13"}),
@@ -152,7 +152,7 @@ TEST_P(algorithm_verifiers_test, the_first_fault_of_a_list_is_the_one_that_is_to
                    "cipher algos in FIPS mode.");
 }
 
-TEST_P(algorithm_verifiers_test, a_failing_fips_question_refuses_curve25519) {
+TEST_P(algorithm_verifiers_test, a_failed_fips_query_refuses_curve25519) {
     for (const char* operation : {fips_binding, fips_question}) {
         fake_platform::fail(operation, EIO, 1);
         expect_refused(kex({curve25519}), "Failed to check fips mode in kex verifier");
@@ -160,14 +160,14 @@ TEST_P(algorithm_verifiers_test, a_failing_fips_question_refuses_curve25519) {
     }
 }
 
-TEST_P(algorithm_verifiers_test, the_question_after_the_list_is_refused_without_a_text) {
+TEST_P(algorithm_verifiers_test, a_failed_query_after_the_list_refuses_without_a_text) {
     for (const char* operation : {fips_binding, fips_question}) {
-        // Nothing in the list asks before.
+        // Nothing in the list queries FIPS mode earlier.
         forget();
         fake_platform::fail(operation, EIO, 1);
         expect_refused(kex({"ecdh-sha2-nistp256"}), "", 1);
         EXPECT_TRUE(fake_platform::logged("ERR_GENERAL", "Failed to check fips mode in  Kexalgo Verifier"));
-        // The second question of one list.
+        // The second query for one list.
         forget();
         fake_platform::fail(operation, EIO, 1, 2);
         expect_refused(kex({curve25519}), "", 1);
@@ -176,7 +176,7 @@ TEST_P(algorithm_verifiers_test, the_question_after_the_list_is_refused_without_
     }
 }
 
-TEST_P(algorithm_verifiers_test, every_question_gives_its_binding_back) {
+TEST_P(algorithm_verifiers_test, every_query_releases_its_binding) {
     const size_t before = fake_platform::bindings("/cfg/gl/crypto/");
     commit_ok(kex({curve25519}));
     fake_platform::fail(fips_question, EIO, 1);
@@ -184,7 +184,7 @@ TEST_P(algorithm_verifiers_test, every_question_gives_its_binding_back) {
     EXPECT_EQ(fake_platform::bindings("/cfg/gl/crypto/"), before);
 }
 
-TEST_P(algorithm_verifiers_test, a_removal_asks_nothing) {
+TEST_P(algorithm_verifiers_test, a_removal_queries_nothing) {
     commit_ok(kex({"ecdh-sha2-nistp256"}));
     commit_ok(cipher({"aes128-ctr"}));
     for (const char* item : {"algorithms/key-exchange", "algorithms/cipher"}) {
@@ -222,11 +222,11 @@ TEST_P(algorithm_verifiers_test, chacha20_is_refused_in_fips_mode) {
     expect_refused(cipher({"aes128-ctr", chacha20}),
                    "chacha20-poly1305 not allowed in FIPS mode.Please configure allowed cipher algos in FIPS mode.");
     EXPECT_TRUE(fake_platform::debugged(std::string("Cipher = ") + chacha20 + " not allowed in FIPS mode"));
-    // FIPS mode says nothing of the legacy ones.
+    // FIPS mode does not concern the legacy ciphers.
     commit_ok(cipher({"aes128-cbc", "3des-cbc"}));
 }
 
-TEST_P(algorithm_verifiers_test, a_failing_fips_question_refuses_chacha20_and_nothing_else) {
+TEST_P(algorithm_verifiers_test, a_failed_fips_query_refuses_chacha20_and_nothing_else) {
     for (const char* operation : {fips_binding, fips_question}) {
         fake_platform::fail(operation, EIO);
         expect_refused(cipher({chacha20}), "Failed to check fips mode in cipher verifier");
@@ -261,7 +261,7 @@ TEST_F(host_key_verifier_test, every_algorithm_is_accepted_outside_fips_mode) {
     }
 }
 
-TEST_F(host_key_verifier_test, fips_mode_refuses_what_it_does_not_know) {
+TEST_F(host_key_verifier_test, fips_mode_refuses_algorithms_it_does_not_allow) {
     turn_fips(true);
     for (const int flag : outside_fips) {
         const commit_result result = commit(flag);
@@ -275,7 +275,7 @@ TEST_F(host_key_verifier_test, fips_mode_refuses_what_it_does_not_know) {
     }
 }
 
-TEST_F(host_key_verifier_test, a_failing_fips_question_refuses_what_needs_it) {
+TEST_F(host_key_verifier_test, a_failed_fips_query_refuses_algorithms_that_need_it) {
     for (const char* operation : {fips_binding, fips_question}) {
         fake_platform::fail(operation, EIO);
         for (const int flag : outside_fips) {

@@ -22,7 +22,7 @@ class client_settings_test : public algorithm_test {
     static void unset(const std::string& item) { commit_ok(remove(path(item))); }
 };
 
-TEST_F(client_settings_test, no_setting_touches_the_servers_file) {
+TEST_F(client_settings_test, no_setting_changes_the_servers_file) {
     const std::string before = read_file(paths::server_file);
     set("v2", 1);
     set("dscp", 10);
@@ -33,7 +33,7 @@ TEST_F(client_settings_test, no_setting_touches_the_servers_file) {
     EXPECT_EQ(read_file(paths::server_file), before);
 }
 
-TEST_F(client_settings_test, version_2_stands_in_the_file_as_long_as_its_item) {
+TEST_F(client_settings_test, version_2_is_in_the_file_while_its_item_is_set) {
     set("v2", 1);
     EXPECT_EQ(line("Protocol"), "2");
     EXPECT_TRUE(fake_platform::debugged("Event:=3, Config:=ssh client v2"));
@@ -55,7 +55,7 @@ TEST_F(client_settings_test, a_code_point_is_written_as_type_of_service) {
     EXPECT_EQ(line("IPQoS"), "0x40");
 }
 
-TEST_F(client_settings_test, rekey_time_and_volume_are_halves_of_one_line) {
+TEST_F(client_settings_test, rekey_time_and_volume_share_one_line) {
     set("rekey_time", 30);
     EXPECT_EQ(line("RekeyLimit"), "1024M 30m");
     set("rekey_volume", 512);
@@ -67,7 +67,7 @@ TEST_F(client_settings_test, rekey_time_and_volume_are_halves_of_one_line) {
     EXPECT_TRUE(fake_platform::debugged("RekeyOld:=512M 60m"));
 }
 
-TEST_F(client_settings_test, rekey_limits_of_server_and_client_are_apart) {
+TEST_F(client_settings_test, rekey_limits_of_server_and_client_are_separate) {
     commit_ok(set_number("/cfg/gl/crypto/ssh/server/cmn/rekey_volume", 7));
     set("rekey_time", 9);
     EXPECT_EQ(line("RekeyLimit"), "1024M 9m");
@@ -83,7 +83,7 @@ TEST_F(client_settings_test, the_window_scale_is_kept_in_memory_only) {
     EXPECT_EQ(both_files(), before);
 }
 
-TEST_F(client_settings_test, a_file_of_known_hosts_has_unknown_ones_asked_about) {
+TEST_F(client_settings_test, with_a_known_hosts_file_the_client_asks_about_unknown_hosts) {
     commit_ok(set_text(path("host_pubkey"), "/root/known_hosts"));
     EXPECT_EQ(line("UserKnownHostsFile"), "/root/known_hosts");
     EXPECT_EQ(line("StrictHostKeyChecking"), "ask");
@@ -92,7 +92,7 @@ TEST_F(client_settings_test, a_file_of_known_hosts_has_unknown_ones_asked_about)
     EXPECT_EQ(line("StrictHostKeyChecking"), "no");
 }
 
-TEST_F(client_settings_test, the_name_of_the_known_hosts_file_ends_at_its_buffers_end) {
+TEST_F(client_settings_test, the_name_of_the_known_hosts_file_is_truncated_to_its_buffer) {
     const std::string longest = "/" + std::string(199, 'h');
     commit_ok(set_text(path("host_pubkey"), longest));
     EXPECT_EQ(line("UserKnownHostsFile"), longest);
@@ -100,7 +100,7 @@ TEST_F(client_settings_test, the_name_of_the_known_hosts_file_ends_at_its_buffer
     EXPECT_EQ(line("UserKnownHostsFile"), longest);
 }
 
-TEST_F(client_settings_test, greatest_numbers_fit_their_buffers) {
+TEST_F(client_settings_test, the_largest_numbers_fit_their_buffers) {
     set("rekey_time", 0x7fffffff);
     set("rekey_volume", 0x7fffffff);
     EXPECT_EQ(line("RekeyLimit"), "2147483647M 2147483647m");
@@ -110,7 +110,7 @@ TEST_F(client_settings_test, greatest_numbers_fit_their_buffers) {
     EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].current, "-1");
 }
 
-TEST_F(client_settings_test, an_event_of_neither_kind_changes_nothing) {
+TEST_F(client_settings_test, an_event_that_neither_sets_nor_deletes_changes_nothing) {
     const std::string before = both_files();
     const datastore_change change = {8, nullptr, nullptr, 0, 0};
     for (const auto applier :
@@ -121,7 +121,7 @@ TEST_F(client_settings_test, an_event_of_neither_kind_changes_nothing) {
     EXPECT_EQ(both_files(), before);
 }
 
-TEST_F(client_settings_test, a_missing_file_is_made_again) {
+TEST_F(client_settings_test, a_missing_file_is_recreated) {
     remove_path(paths::client_file);
     set("v2", 1);
     EXPECT_EQ(read_file(paths::client_file), "Protocol 2\n");

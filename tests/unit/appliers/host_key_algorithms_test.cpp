@@ -28,7 +28,7 @@ class host_key_algorithms_test : public algorithm_test {
     static std::string item() { return server_case.tree + "algorithms/host-key"; }
 };
 
-TEST_F(host_key_algorithms_test, are_offered_in_an_order_of_their_own) {
+TEST_F(host_key_algorithms_test, are_offered_in_their_own_order) {
     commit_ok(host_key_change(names(10, 1)));
     EXPECT_EQ(algorithms(),
               "x509v3-ssh-rsa,ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,ecdsa-sha2-nistp256,ssh-ed25519,rsa-sha2-512,"
@@ -44,7 +44,7 @@ struct flag_case {
     const char* file;
 };
 
-// The certificate has no file of its own here.
+// The certificate has no host-key file.
 const flag_case flag_cases[] = {
     {0, "ecdsa-sha2-nistp256", "/pkg/ecdsa-sha2-nistp256"},
     {1, "ecdsa-sha2-nistp384", "/pkg/ecdsa-sha2-nistp384"},
@@ -67,13 +67,13 @@ TEST_F(host_key_algorithms_test, each_flag_selects_its_algorithm_and_its_file) {
     }
 }
 
-TEST_F(host_key_algorithms_test, the_certificate_brings_no_file) {
+TEST_F(host_key_algorithms_test, the_certificate_adds_no_file) {
     commit_ok(host_key_change(flags_of({5, 0})));
     EXPECT_EQ(algorithms(), "x509v3-ssh-rsa,ecdsa-sha2-nistp256");
     EXPECT_THAT(files(), ElementsAre("/pkg/ecdsa-sha2-nistp256"));
 }
 
-TEST_F(host_key_algorithms_test, all_rsa_and_one_of_them_give_each_once) {
+TEST_F(host_key_algorithms_test, all_rsa_and_one_rsa_flag_add_each_algorithm_once) {
     commit_ok(host_key_change(flags_of({3, 7})));
     EXPECT_EQ(algorithms(), "rsa-sha2-512,rsa-sha2-256,ssh-rsa");
     EXPECT_THAT(files(), ElementsAre("/pkg/rsa"));
@@ -85,7 +85,7 @@ TEST_F(host_key_algorithms_test, absent_flags_are_not_set) {
     EXPECT_THAT(files(), ElementsAre("/pkg/ecdsa-sha2-nistp384", "/pkg/rsa"));
 }
 
-TEST_F(host_key_algorithms_test, a_removal_brings_the_defaults_back) {
+TEST_F(host_key_algorithms_test, a_removal_restores_the_defaults) {
     const std::string before = read_file(paths::server_file);
     commit_ok(host_key_change(flags_of({0})));
     forget();
@@ -96,7 +96,7 @@ TEST_F(host_key_algorithms_test, a_removal_brings_the_defaults_back) {
     EXPECT_TRUE(fake_platform::debugged("(sshd_apply_hostkeyalgo) config removed"));
 }
 
-TEST_F(host_key_algorithms_test, a_removal_in_fips_mode_brings_the_fips_defaults) {
+TEST_F(host_key_algorithms_test, a_removal_in_fips_mode_restores_the_fips_defaults) {
     turn_fips(true);
     commit_ok(host_key_change(flags_of({0})));
     commit_ok(remove(item()));
@@ -108,7 +108,7 @@ TEST_F(host_key_algorithms_test, a_removal_in_fips_mode_brings_the_fips_defaults
     EXPECT_EQ(files().size(), 6u);
 }
 
-TEST_F(host_key_algorithms_test, a_failing_fips_question_stops_the_removal) {
+TEST_F(host_key_algorithms_test, a_failed_fips_query_stops_the_removal) {
     for (const char* operation : {fips_binding, fips_question}) {
         commit_ok(host_key_change(flags_of({0})));
         forget();

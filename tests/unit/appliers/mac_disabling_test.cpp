@@ -26,7 +26,7 @@ class mac_disabling_test : public algorithm_side_test {
 
 FOR_BOTH_SIDES(mac_disabling_test);
 
-TEST_P(mac_disabling_test, what_is_left_is_written_in_the_defaults_order) {
+TEST_P(mac_disabling_test, the_remaining_macs_are_written_in_the_default_order) {
     commit_ok(disable("hmac_sha1"));
     EXPECT_EQ(line("MACs"), "hmac-sha2-512,hmac-sha2-256");
     EXPECT_STREQ(state().macs->current, "hmac-sha2-512,hmac-sha2-256");
@@ -47,7 +47,7 @@ TEST_P(mac_disabling_test, a_false_flag_disables_nothing) {
     EXPECT_EQ(line("MACs"), full_list);
 }
 
-TEST_P(mac_disabling_test, the_last_one_cannot_be_disabled) {
+TEST_P(mac_disabling_test, the_last_mac_cannot_be_disabled) {
     for (const char* last : {"hmac_sha1", "hmac_sha256", "hmac_sha512"}) {
         for (const char* item : {"hmac_sha1", "hmac_sha256", "hmac_sha512"}) {
             if (item != last) {
@@ -65,8 +65,8 @@ TEST_P(mac_disabling_test, the_last_one_cannot_be_disabled) {
     }
 }
 
-// The item is refused for what the others are, whatever it asks for itself.
-TEST_P(mac_disabling_test, the_last_one_is_refused_even_a_false_flag) {
+// The other items decide, whatever the value of this one.
+TEST_P(mac_disabling_test, for_the_last_mac_even_a_false_flag_is_refused) {
     commit_ok(disable("hmac_sha1"));
     commit_ok(disable("hmac_sha256"));
     EXPECT_EQ(commit(disable("hmac_sha512", 0)).error_text, refusal);
@@ -77,25 +77,25 @@ TEST_P(mac_disabling_test, one_commit_cannot_disable_all_three) {
     EXPECT_EQ(result.status, 22u);
     EXPECT_EQ(result.error_text, refusal);
     EXPECT_EQ(line("MACs"), full_list);
-    // Nothing of a refused commit is remembered.
+    // A refused commit leaves no trace in memory.
     commit_ok(disable("hmac_sha512"));
     commit_ok(disable("hmac_sha256"));
     EXPECT_EQ(line("MACs"), "hmac-sha1");
 }
 
-TEST_P(mac_disabling_test, one_commit_may_name_all_three_when_one_is_left) {
+TEST_P(mac_disabling_test, one_commit_may_name_all_three_if_one_remains) {
     const auto result = commit({disable("hmac_sha1"), disable("hmac_sha256"), disable("hmac_sha512", 0)});
     EXPECT_EQ(result.status, PLATFORM_OK);
     EXPECT_EQ(line("MACs"), "hmac-sha2-512");
 }
 
-TEST_P(mac_disabling_test, two_of_one_commit_and_one_before_are_refused) {
+TEST_P(mac_disabling_test, two_in_one_commit_after_one_before_are_refused) {
     commit_ok(disable("hmac_sha512"));
     EXPECT_EQ(commit({disable("hmac_sha1"), disable("hmac_sha256")}).error_text, refusal);
     EXPECT_EQ(line("MACs"), "hmac-sha2-256,hmac-sha1");
 }
 
-TEST_P(mac_disabling_test, the_list_ends_at_its_buffers_end) {
+TEST_P(mac_disabling_test, the_list_is_truncated_at_the_end_of_its_buffer) {
     const std::string fits = std::string(98, 'a') + "," + std::string(101, 'b');
     state().macs->default_text = fits.c_str();
     commit_ok(disable("hmac_sha1"));
@@ -112,7 +112,7 @@ TEST_P(mac_disabling_test, the_list_ends_at_its_buffers_end) {
 
 using mac_disabling_texts_test = algorithm_test;
 
-TEST_F(mac_disabling_texts_test, the_server_calls_both_sha2_items_by_one_name) {
+TEST_F(mac_disabling_texts_test, the_server_uses_one_name_for_both_sha2_items) {
     start();
     const std::pair<const char*, const char*> texts[] = {
         {"hmac_sha1", "Event:=3, Config:=ssh server hmac hmac-sha1"},
@@ -129,7 +129,7 @@ TEST_F(mac_disabling_texts_test, the_server_calls_both_sha2_items_by_one_name) {
     }
 }
 
-TEST_F(mac_disabling_texts_test, the_client_calls_each_item_by_its_name) {
+TEST_F(mac_disabling_texts_test, the_client_uses_each_items_name) {
     start();
     const std::pair<const char*, const char*> texts[] = {
         {"hmac_sha1", "Event:=3, Config:=ssh client hmac hmac-sha1"},
@@ -146,7 +146,7 @@ TEST_F(mac_disabling_texts_test, the_client_calls_each_item_by_its_name) {
     }
 }
 
-TEST_F(mac_disabling_texts_test, server_and_client_have_flags_of_their_own) {
+TEST_F(mac_disabling_texts_test, server_and_client_have_separate_flags) {
     start();
     for (const side_case& side : {server_case, client_case}) {
         commit_ok(mac_change(side, "hmac_sha1"));

@@ -29,7 +29,7 @@ constexpr uint32_t deleted = DATASTORE_EVENT_DELETE;
 using applier = platform_status (*)(const datastore_change*, const datastore_path_components*);
 
 /// A node with the initial lines in the default file, one VRF with a file and a namespace, and restarts and telemetry
-/// that are recorded together with what the file says at that moment.
+/// that are recorded together with the file's content at that moment.
 class server_settings_test : public agent_test {
   protected:
     server_settings_test() {
@@ -68,7 +68,7 @@ class server_settings_test : public agent_test {
         return handler(&change, nullptr);
     }
 
-    /// The keyword's one line in the default file; both files have to agree on it.
+    /// The keyword's only line in the default file; the VRF's file must contain the same.
     static std::optional<std::string> line_of(const std::string& keyword) {
         const auto find = [&keyword](const std::string& path) {
             std::vector<std::string> found;
@@ -110,8 +110,8 @@ struct plain_setting {
     server_parameter parameter;
     const char* keyword;
     const char* default_text;
-    const char* event_text;  ///< without its event
-    bool keeps_default;      ///< a removal writes the default rather than taking the line out
+    const char* event_text;  ///< the debug line without its event mask
+    bool keeps_default;      ///< a removal writes the default instead of deleting the line
     bool is_telemetry;
 };
 
@@ -121,7 +121,7 @@ void PrintTo(const plain_setting& setting, std::ostream* output) {
 
 class plain_setting_test : public server_settings_test, public testing::WithParamInterface<plain_setting> {};
 
-TEST_P(plain_setting_test, its_number_becomes_its_line_and_the_server_restarts) {
+TEST_P(plain_setting_test, its_number_is_written_and_the_server_restarts) {
     const plain_setting& setting = GetParam();
     EXPECT_EQ(set(setting.handler, 37), 0u);
     EXPECT_EQ(line_of(setting.keyword), std::string(setting.keyword) + " 37");
@@ -148,7 +148,7 @@ TEST_P(plain_setting_test, the_same_number_restarts_nothing) {
     EXPECT_THAT(trail(), Not(Contains(HasSubstr("restart"))));
 }
 
-// Some keywords are written with their default when the item goes; the others lose their line.
+// Some keywords get their default when the item is removed; the others lose their line.
 TEST_P(plain_setting_test, a_removal_restores_the_default) {
     const plain_setting& setting = GetParam();
     set(setting.handler, 37);
@@ -165,7 +165,7 @@ TEST_P(plain_setting_test, a_removal_restores_the_default) {
     EXPECT_THAT(events_traced(), Contains(std::string("4 ") + setting.default_text));
 }
 
-TEST_P(plain_setting_test, its_part_in_telemetry_is_published_before_the_file_is_written) {
+TEST_P(plain_setting_test, its_telemetry_is_published_before_the_file_is_written) {
     const plain_setting& setting = GetParam();
     const std::string before = "telemetry, " + line_of("LoginGraceTime").value();
     for (const bool removing : {false, true}) {
@@ -190,7 +190,7 @@ TEST_P(plain_setting_test, a_number_is_written_with_its_sign) {
     EXPECT_STREQ(current(GetParam().parameter), "-1");
 }
 
-TEST_P(plain_setting_test, an_edit_that_fails_is_accepted) {
+TEST_P(plain_setting_test, a_failed_edit_is_accepted) {
     std::filesystem::create_directory(paths::temporary_file);
     const std::string before = read_file(paths::server_file);
     EXPECT_EQ(set(GetParam().handler, 37), 0u);
@@ -209,7 +209,7 @@ TEST_P(plain_setting_test, an_event_that_neither_sets_nor_deletes_does_nothing) 
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-TEST_P(plain_setting_test, its_text_outlives_the_others) {
+TEST_P(plain_setting_test, its_text_is_kept_while_others_change) {
     set(GetParam().handler, 37);
     for (const applier other : {sshd_apply_timeout, sshd_apply_max_auth_limit, sshd_apply_rate_limit,
                                 sshd_apply_session_limit, sshd_apply_tcp_window_scale, sshd_apply_dscp}) {
@@ -233,7 +233,7 @@ INSTANTIATE_TEST_SUITE_P(settings, plain_setting_test,
                                                        "SessionLimitQd", "64", "ssh server sessionlimit", false, true}),
                          [](const auto& info) { return info.param.name; });
 
-TEST_F(server_settings_test, timeout_and_retries_are_announced) {
+TEST_F(server_settings_test, timeout_and_retries_are_printed_in_debug) {
     set(sshd_apply_timeout, 37);
     EXPECT_THAT(fake_platform::debug_texts(), Contains("(sshd_apply_timeout), timeout:=37"));
     set(sshd_apply_max_auth_limit, 4);
@@ -244,7 +244,7 @@ TEST_F(server_settings_test, timeout_and_retries_are_announced) {
 
 // --- DSCP -----------------------------------------------------------------------------------------------------------
 
-// The table keeps the code point, the file has it in the upper six bits of the type of service.
+// The table contains the code point, the file has it in the upper six bits of the type of service.
 TEST_F(server_settings_test, a_code_point_is_written_as_type_of_service) {
     EXPECT_EQ(line_of("IPQoS"), "IPQoS 0x40");
     EXPECT_EQ(set(sshd_apply_dscp, 46), 0u);
@@ -263,7 +263,7 @@ TEST_F(server_settings_test, the_lowest_and_the_highest_code_point) {
     EXPECT_EQ(line_of("IPQoS"), "IPQoS 0xfc");
 }
 
-TEST_F(server_settings_test, a_removed_code_point_leaves_the_default_in_the_file) {
+TEST_F(server_settings_test, removing_the_code_point_leaves_the_default_in_the_file) {
     set(sshd_apply_dscp, 46);
     EXPECT_EQ(remove(sshd_apply_dscp), 0u);
     EXPECT_EQ(line_of("IPQoS"), "IPQoS 0x40");
@@ -272,7 +272,7 @@ TEST_F(server_settings_test, a_removed_code_point_leaves_the_default_in_the_file
 
 // --- Rekey limit ----------------------------------------------------------------------------------------------------
 
-// Two items share one line, each its half.
+// Two items share one line, one half each.
 TEST_F(server_settings_test, the_two_halves_of_the_rekey_limit_are_independent) {
     EXPECT_EQ(set(sshd_apply_rekey_time, 30), 0u);
     EXPECT_EQ(line_of("RekeyLimit"), "RekeyLimit 1024M 30m");
@@ -292,7 +292,7 @@ TEST_F(server_settings_test, removing_the_volume_keeps_the_time) {
     EXPECT_EQ(line_of("RekeyLimit"), "RekeyLimit 1024M 30m");
 }
 
-TEST_F(server_settings_test, rekey_items_are_announced) {
+TEST_F(server_settings_test, rekey_items_are_printed_in_debug) {
     set(sshd_apply_rekey_time, 30);
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server rekey-time"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("RekeyOld:=1024M 60m"));
@@ -304,7 +304,7 @@ TEST_F(server_settings_test, rekey_items_are_announced) {
 }
 
 // Only an entry that has never had a value is written with the item's own event.
-TEST_F(server_settings_test, removing_a_rekey_item_of_no_limit_takes_the_line_out) {
+TEST_F(server_settings_test, removing_a_rekey_item_without_a_limit_deletes_the_line) {
     server_config.parameters[SERVER_REKEY_LIMIT].current = nullptr;
     remove(sshd_apply_rekey_time);
     EXPECT_EQ(line_of("RekeyLimit"), std::nullopt);
@@ -325,7 +325,7 @@ TEST_F(server_settings_test, the_longest_rekey_limit_fits) {
 
 // --- Logging --------------------------------------------------------------------------------------------------------
 
-TEST_F(server_settings_test, logging_makes_the_servers_verbose_whatever_its_value) {
+TEST_F(server_settings_test, logging_makes_the_servers_verbose_whatever_the_value) {
     for (const uint32_t value : {1u, 0u, 9u}) {
         EXPECT_EQ(set(sshd_apply_logging, value), 0u);
         EXPECT_EQ(line_of("LogLevel"), "LogLevel VERBOSE");
@@ -345,7 +345,7 @@ TEST_F(server_settings_test, without_logging_there_is_no_log_level) {
     EXPECT_EQ(server_logging_configured, 0u);
 }
 
-TEST_F(server_settings_test, a_server_debug_level_wins_over_logging) {
+TEST_F(server_settings_test, a_server_debug_level_overrides_logging) {
     for (const debug_flag level : {debug_server_l1, debug_server_l2, debug_server_l3}) {
         fake_platform::preset_debug_flag(level, true);
         EXPECT_EQ(set(sshd_apply_logging, 1), 0u);
@@ -363,13 +363,13 @@ TEST_F(server_settings_test, a_server_debug_level_wins_over_logging) {
     EXPECT_THAT(events_traced(), Contains("3 NULL"));
 }
 
-TEST_F(server_settings_test, a_client_debug_level_does_not) {
+TEST_F(server_settings_test, a_client_debug_level_does_not_override_logging) {
     fake_platform::preset_debug_flag(debug_client_l3, true);
     set(sshd_apply_logging, 1);
     EXPECT_EQ(line_of("LogLevel"), "LogLevel VERBOSE");
 }
 
-TEST_F(server_settings_test, logging_ignores_events_of_no_kind) {
+TEST_F(server_settings_test, logging_ignores_events_that_neither_set_nor_delete) {
     EXPECT_EQ(set(sshd_apply_logging, 1, 0), 0u);
     EXPECT_EQ(server_logging_configured, 0u);
     EXPECT_THAT(trail(), ElementsAre());
@@ -405,7 +405,7 @@ TEST_F(server_settings_test, another_value_of_port_forwarding_is_refused) {
     EXPECT_STREQ(current(SERVER_ALLOW_TCP_FORWARDING), "no");
 }
 
-TEST_F(server_settings_test, another_event_of_port_forwarding_is_refused) {
+TEST_F(server_settings_test, an_event_that_neither_sets_nor_deletes_port_forwarding_is_refused) {
     const std::string before = read_file(paths::server_file);
     EXPECT_EQ(set(sshd_apply_port_forwarding, 1, 0), 1u);
     EXPECT_THAT(fake_platform::log_texts(),
@@ -416,8 +416,8 @@ TEST_F(server_settings_test, another_event_of_port_forwarding_is_refused) {
 
 // --- Window scale ---------------------------------------------------------------------------------------------------
 
-// Kept in the table alone: no file is written, no server restarted.
-TEST_F(server_settings_test, the_window_scale_waits_for_the_next_new_file) {
+// Only the table keeps it: no file is written and no server restarted.
+TEST_F(server_settings_test, the_window_scale_is_written_with_the_next_recreated_file) {
     const std::string before = read_file(paths::server_file);
     EXPECT_EQ(set(sshd_apply_tcp_window_scale, 7), 0u);
     EXPECT_STREQ(current(SERVER_WINDOW_SCALE), "7");
@@ -430,7 +430,7 @@ TEST_F(server_settings_test, the_window_scale_waits_for_the_next_new_file) {
     EXPECT_THAT(read_file(paths::server_file), HasSubstr("WindowScaleQd 7\n"));
 }
 
-TEST_F(server_settings_test, a_removed_window_scale_is_nothing_rather_than_its_default) {
+TEST_F(server_settings_test, a_removed_window_scale_is_omitted_instead_of_the_default) {
     set(sshd_apply_tcp_window_scale, 7);
     EXPECT_EQ(remove(sshd_apply_tcp_window_scale), 0u);
     EXPECT_EQ(current(SERVER_WINDOW_SCALE), nullptr);

@@ -16,7 +16,7 @@ using testing::Not;
 
 constexpr uint32_t created = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
-/// Rows for the client's file, as the server's have been tested already.
+/// Rows for the client's file; server_settings_test covers the server's.
 class setting_row_test : public agent_test {
   protected:
     setting_row_test() {
@@ -43,7 +43,7 @@ class setting_row_test : public agent_test {
     setting_row row{};
 };
 
-TEST_F(setting_row_test, a_client_row_is_written_to_the_clients_file_alone) {
+TEST_F(setting_row_test, a_client_row_is_written_only_to_the_clients_file) {
     const std::string server_file = read_file(paths::server_file);
     EXPECT_EQ(set(10), 0u);
     EXPECT_THAT(client_file(), HasSubstr("\nIPQoS 0x28\n"));
@@ -55,7 +55,7 @@ TEST_F(setting_row_test, a_client_row_is_written_to_the_clients_file_alone) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=4, Config:=ssh client dscp"));
 }
 
-TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves_of_its_own) {
+TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves) {
     row.entry = &client_config.parameters[CLIENT_REKEY_LIMIT];
     row.event = WRITE_AS_SET_ONCE_HELD;
     row.make_text = rekey_with_time;
@@ -66,7 +66,7 @@ TEST_F(setting_row_test, a_client_rekey_limit_has_two_halves_of_its_own) {
     EXPECT_STREQ(server_config.parameters[SERVER_REKEY_LIMIT].current, "1024M 60m");
 }
 
-TEST_F(setting_row_test, a_row_without_writer_stays_in_memory) {
+TEST_F(setting_row_test, a_row_without_writer_is_kept_in_memory) {
     const std::string before = client_file();
     row.entry = &client_config.parameters[CLIENT_WINDOW_SCALE];
     row.make_text = number_or_nothing;
@@ -78,14 +78,14 @@ TEST_F(setting_row_test, a_row_without_writer_stays_in_memory) {
     EXPECT_EQ(client_file(), before);
 }
 
-TEST_F(setting_row_test, the_items_own_event_takes_the_line_out) {
+TEST_F(setting_row_test, a_removal_by_the_items_own_event_deletes_the_line) {
     row.event = WRITE_AS_IT_CAME;
     set(10);
     remove();
     EXPECT_THAT(client_file(), Not(HasSubstr("IPQoS")));
 }
 
-TEST_F(setting_row_test, announcement_and_telemetry_come_before_the_file) {
+TEST_F(setting_row_test, debug_line_and_telemetry_precede_the_file) {
     row.is_telemetry = true;
     row.announce = [](const char* text) { fake_platform::record_call(std::string("announced ") + text); };
     row.write = [](uint32_t event, const line_entry& entry, const char* value) {
@@ -95,7 +95,7 @@ TEST_F(setting_row_test, announcement_and_telemetry_come_before_the_file) {
     EXPECT_THAT(fake_platform::calls(), ElementsAre("announced 0xa", "telemetry", "write(3, IPQoS, 0x28)"));
 }
 
-TEST_F(setting_row_test, a_check_that_refuses_keeps_the_change_from_being_applied) {
+TEST_F(setting_row_test, a_failed_check_prevents_the_change) {
     row.check = [](const datastore_change& change) -> platform_status { return change.event; };
     const std::string before = client_file();
     EXPECT_EQ(set(10), created);

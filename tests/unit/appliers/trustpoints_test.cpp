@@ -35,7 +35,7 @@ class trustpoints_test : public algorithm_test {
         commit_ok(set_tuple(path("certificate/username"), "%d%d", flags));
     }
 
-    /// Calls an applier with an event as no datastore would send it.
+    /// Calls an applier with an event that no datastore sends.
     static platform_status apply(datastore_item_applier applier, uint32_t event, const void* value = nullptr,
                                  size_t size = 0) {
         const char* const components[] = {"cmn", "trustpoint", "user", "A"};
@@ -49,7 +49,7 @@ class trustpoints_test : public algorithm_test {
 
 // --- The host's -----------------------------------------------------------------------------------------------------
 
-TEST_F(trustpoints_test, the_hosts_trustpoint_stands_in_the_file_as_long_as_its_item) {
+TEST_F(trustpoints_test, the_hosts_trustpoint_is_in_the_file_while_its_item_is_set) {
     EXPECT_EQ(line("HostTrustpointQd"), "no line");
     commit_ok(set_text(path("trustpoint/host"), "router-ca"));
     EXPECT_EQ(line("HostTrustpointQd"), "router-ca");
@@ -62,7 +62,7 @@ TEST_F(trustpoints_test, the_hosts_trustpoint_stands_in_the_file_as_long_as_its_
     EXPECT_EQ(server_config.parameters[SERVER_HOST_TRUSTPOINT].current, nullptr);
 }
 
-TEST_F(trustpoints_test, the_hosts_trustpoint_is_cut_at_127_characters) {
+TEST_F(trustpoints_test, the_hosts_trustpoint_is_truncated_to_127_characters) {
     const std::string longest(127, 'h');
     commit_ok(set_text(path("trustpoint/host"), longest + "X"));
     EXPECT_EQ(line("HostTrustpointQd"), longest);
@@ -79,8 +79,8 @@ TEST_F(trustpoints_test, a_set_without_a_text_is_an_error) {
     EXPECT_EQ(both_files(), before);
 }
 
-// A creation is delivered together with its set; alone it brings no value.
-TEST_F(trustpoints_test, a_creation_alone_is_not_supported_for_the_host) {
+// A creation is delivered together with the set; a creation by itself has no value.
+TEST_F(trustpoints_test, a_creation_without_a_set_is_not_supported_for_the_host) {
     const std::string before = both_files();
     EXPECT_EQ(apply(sshd_apply_trustpoint_host, 1, "name", 5), 1u);
     EXPECT_TRUE(warned("Unsupported Event Type (1)"));
@@ -90,7 +90,7 @@ TEST_F(trustpoints_test, a_creation_alone_is_not_supported_for_the_host) {
     EXPECT_STREQ(host_trustpoint, "");
 }
 
-TEST_F(trustpoints_test, the_table_gives_the_trustpoints_to_a_file_made_anew) {
+TEST_F(trustpoints_test, a_recreated_file_has_the_trustpoints_from_the_table) {
     commit_ok(set_text(path("trustpoint/host"), "router-ca"));
     add("A");
     add("B");
@@ -103,7 +103,7 @@ TEST_F(trustpoints_test, the_table_gives_the_trustpoints_to_a_file_made_anew) {
 
 // --- The users' -----------------------------------------------------------------------------------------------------
 
-TEST_F(trustpoints_test, user_trustpoints_are_a_counted_list_in_the_order_of_their_coming) {
+TEST_F(trustpoints_test, user_trustpoints_are_a_counted_list_in_order_of_arrival) {
     add("zeta");
     EXPECT_EQ(line("UserTrustpointQd"), "zeta");
     EXPECT_EQ(line("UserTrustpointCntQd"), "1");
@@ -116,7 +116,7 @@ TEST_F(trustpoints_test, user_trustpoints_are_a_counted_list_in_the_order_of_the
     EXPECT_TRUE(fake_platform::debugged("set match pos 1"));
 }
 
-// The count comes first: it is what the server reads the list by.
+// The count comes first because the server needs it to read the list.
 TEST_F(trustpoints_test, the_count_is_written_before_the_list) {
     add("A");
     const auto lines = file_lines(paths::server_file);
@@ -126,7 +126,7 @@ TEST_F(trustpoints_test, the_count_is_written_before_the_list) {
     EXPECT_LT(count, list);
 }
 
-TEST_F(trustpoints_test, the_last_one_takes_the_place_of_a_removed_one) {
+TEST_F(trustpoints_test, the_last_one_replaces_a_removed_one) {
     for (const char* name : {"A", "B", "C"}) {
         add(name);
     }
@@ -141,7 +141,7 @@ TEST_F(trustpoints_test, the_last_one_takes_the_place_of_a_removed_one) {
     EXPECT_EQ(line("UserTrustpointQd"), "C");
 }
 
-TEST_F(trustpoints_test, both_lines_go_with_the_last_name) {
+TEST_F(trustpoints_test, both_lines_are_deleted_with_the_last_name) {
     add("A");
     take("A");
     EXPECT_EQ(line("UserTrustpointQd"), "no line");
@@ -175,7 +175,7 @@ TEST_F(trustpoints_test, an_eleventh_trustpoint_is_refused) {
     EXPECT_EQ(fake_platform::stored(user("T10")), std::nullopt);
     EXPECT_EQ(line("UserTrustpointQd"), full);
 
-    // One of the ten again: accepted, without effect.
+    // A name that is already held is accepted without effect.
     const std::string before = both_files();
     commit_ok(set_number(user("T3"), 2));
     EXPECT_EQ(both_files(), before);
@@ -194,7 +194,7 @@ std::vector<fake_platform::change> ten_names_from(int first) {
     return changes;
 }
 
-TEST_F(trustpoints_test, ten_of_one_commit_are_accepted_and_eleven_refused) {
+TEST_F(trustpoints_test, ten_in_one_commit_are_accepted_and_eleven_refused) {
     std::vector<fake_platform::change> changes = ten_names_from(10);
     changes.push_back(set_number(user("T20"), 1));
     const auto result = fake_platform::commit(changes);
@@ -209,7 +209,7 @@ TEST_F(trustpoints_test, ten_of_one_commit_are_accepted_and_eleven_refused) {
     EXPECT_EQ(line("UserTrustpointCntQd"), "10");
 }
 
-TEST_F(trustpoints_test, a_deletion_makes_no_room_within_its_commit) {
+TEST_F(trustpoints_test, a_deletion_does_not_free_a_slot_within_its_commit) {
     ASSERT_EQ(fake_platform::commit(ten_names_from(10)).status, PLATFORM_OK);
     EXPECT_EQ(fake_platform::commit({set_number(user("A"), 1), remove(user("T10"))}).error_text,
               "More than 10 trustpoints cannot be configured");
@@ -220,7 +220,7 @@ TEST_F(trustpoints_test, a_deletion_makes_no_room_within_its_commit) {
     EXPECT_EQ(user_trustpoint_count, 10u);
 }
 
-TEST_F(trustpoints_test, the_line_is_cut_at_127_characters_and_the_record_is_not) {
+TEST_F(trustpoints_test, the_line_is_truncated_to_127_characters_but_the_record_is_not) {
     const std::string first(100, 'a');
     const std::string second(100, 'b');
     add(first);
@@ -232,7 +232,7 @@ TEST_F(trustpoints_test, the_line_is_cut_at_127_characters_and_the_record_is_not
     EXPECT_EQ(std::string(params.Trustpointuser), first + "," + second);
 }
 
-TEST_F(trustpoints_test, a_name_that_is_too_long_is_one_name_however_often_it_comes) {
+TEST_F(trustpoints_test, a_truncated_name_counts_once_however_often_it_is_set) {
     const std::string longest(127, 'n');
     add(longest + "XYZ");
     add(longest + "XYZ2");
@@ -301,7 +301,7 @@ TEST_F(trustpoints_test, the_flags_make_a_mask) {
     }
 }
 
-TEST_F(trustpoints_test, without_the_item_the_common_name_counts) {
+TEST_F(trustpoints_test, without_the_item_the_common_name_is_used) {
     set_username({1, 1});
     EXPECT_EQ(line("CertUsernameQd"), "3");
     commit_ok(remove(path("certificate/username")));
@@ -319,15 +319,15 @@ TEST_F(trustpoints_test, a_malformed_value_is_logged_and_changes_nothing) {
                                           "(0x40838200), Path:=CERT-USERNAME-APPLY, Failed to unpack datastore item"));
 }
 
-TEST_F(trustpoints_test, an_event_without_a_value_changes_nothing_in_the_names_mask) {
+TEST_F(trustpoints_test, an_event_without_a_value_leaves_the_mask_unchanged) {
     const std::string before = both_files();
     EXPECT_EQ(apply(ssh_apply_certificate_username, 3), PLATFORM_OK);
     EXPECT_EQ(apply(ssh_apply_certificate_username, 8, "x", 1), PLATFORM_OK);
     EXPECT_EQ(both_files(), before);
 }
 
-// What was stored is back after a restart, in byte order of the names.
-TEST_F(trustpoints_test, stored_trustpoints_are_applied_at_the_start) {
+// After a restart the stored trustpoints are restored, in byte order of their names.
+TEST_F(trustpoints_test, stored_trustpoints_are_applied_at_start_up) {
     for (const char* name : {"b", "c", "a"}) {
         fake_platform::store(set_number(user(name), 1));
     }

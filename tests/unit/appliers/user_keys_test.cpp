@@ -104,7 +104,7 @@ TEST_F(user_keys_test, an_unknown_user_is_refused) {
     EXPECT_EQ(verify(key_text), refused(EINVAL, "Username not present in database"));
 }
 
-TEST_F(user_keys_test, a_list_of_users_that_cannot_be_read_refuses_with_its_error) {
+TEST_F(user_keys_test, a_user_list_that_cannot_be_read_refuses_with_its_error) {
     fake_platform::fail("datastore_bind", EIO);
     EXPECT_EQ(verify(key_text).status, platform_status{EIO});
     EXPECT_EQ(verify(key_text).accepted, 0u);
@@ -114,14 +114,14 @@ TEST_F(user_keys_test, a_list_of_users_that_cannot_be_read_refuses_with_its_erro
     EXPECT_EQ(verify(key_text).accepted, 0u);
 }
 
-TEST_F(user_keys_test, a_key_from_the_exec_mode_is_not_replaced) {
+TEST_F(user_keys_test, a_key_added_from_the_exec_mode_is_not_replaced) {
     hold_key(true);
     EXPECT_EQ(verify(key_text),
               refused(EEXIST, "Key is added as part of exec mode, Public key insertion is not allowed\n"));
     EXPECT_EQ(EEXIST, 17);
 }
 
-TEST_F(user_keys_test, a_key_from_the_exec_mode_is_not_removed) {
+TEST_F(user_keys_test, a_key_added_from_the_exec_mode_is_not_removed) {
     hold_key(true);
     EXPECT_EQ(verify(nullptr, DATASTORE_EVENT_DELETE), refused(EINVAL, "Key to be deleted via  exec mode"));
 }
@@ -133,14 +133,14 @@ TEST_F(user_keys_test, a_configured_key_may_be_replaced_and_removed) {
     EXPECT_EQ(verify(nullptr, DATASTORE_EVENT_DELETE), accepted);
 }
 
-// Even when its user is gone by now.
-TEST_F(user_keys_test, a_key_that_the_store_does_not_hold_may_be_removed) {
+// Even if the user no longer exists.
+TEST_F(user_keys_test, a_key_missing_from_the_store_may_be_removed) {
     fake_platform::remove_list("/cfg/gl/aaa/username/");
     EXPECT_EQ(verify(nullptr, DATASTORE_EVENT_DELETE), accepted);
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
 }
 
-TEST_F(user_keys_test, only_rsa_keys_are_taken) {
+TEST_F(user_keys_test, only_rsa_keys_are_accepted) {
     const outcome other = refused(EINVAL, "Key is not in ssh public key format. Key should begin with ssh-rsa");
     for (const char* text : {"ssh-dss AAAAB3NzaC1kc3M=", "ssh-ed25519 AAAA", "ecdsa-sha2-nistp256 AAAA", "", " ssh-rsa",
                              "SSH-RSA AAAA", "ssh-rs", "AAAAB3NzaC1yc2E=", "-----BEGIN PUBLIC KEY-----"}) {
@@ -155,7 +155,7 @@ TEST_F(user_keys_test, a_key_that_the_store_cannot_convert_is_refused_with_its_e
     EXPECT_EQ(verify(key_text), refused(ENOSPC, "SSH pubkey conversion to DER failed:No space left on device"));
 }
 
-TEST_F(user_keys_test, a_der_form_of_1024_bytes_is_the_longest) {
+TEST_F(user_keys_test, the_longest_der_form_has_1024_bytes) {
     fake_platform::set_der("ssh-rsa longest", std::string(1024, 'd'), 8000);
     fake_platform::set_der("ssh-rsa longer", std::string(1025, 'd'), 8008);
     EXPECT_EQ(verify("ssh-rsa longest"), accepted);
@@ -165,15 +165,15 @@ TEST_F(user_keys_test, a_der_form_of_1024_bytes_is_the_longest) {
     EXPECT_EQ(apply("ssh-rsa longer"), 1u);
 }
 
-TEST_F(user_keys_test, a_long_text_of_an_error_is_cut) {
+TEST_F(user_keys_test, a_long_error_text_is_truncated) {
     const std::string text = "ssh-rsa " + std::string(5000, 'A');
     const outcome result = verify(text.c_str());
     EXPECT_EQ(result.status, platform_status{EINVAL});
     EXPECT_LE(result.text.size(), 511u);
 }
 
-// Nobody can say whether the key may be touched.
-TEST_F(user_keys_test, a_store_that_cannot_be_asked_refuses_with_its_error) {
+// Without the store it is unknown whether the key may be changed.
+TEST_F(user_keys_test, a_store_that_fails_refuses_with_its_error) {
     fake_platform::fail("key_store_get_user_key", EIO);
     EXPECT_EQ(verify(key_text).status, platform_status{EIO});
     EXPECT_EQ(verify(nullptr, DATASTORE_EVENT_DELETE).status, platform_status{EIO});
@@ -186,8 +186,8 @@ TEST_F(user_keys_test, running_out_of_memory_refuses_the_key) {
     EXPECT_TRUE(fake_platform::logged("ERR_GENERAL", "Failed to allocate memory for pubkey"));
 }
 
-// The first fault in the order of the tests is the one that is told.
-TEST_F(user_keys_test, the_tests_have_an_order) {
+// The first failed check is the one that is reported.
+TEST_F(user_keys_test, the_checks_are_in_order) {
     hold_key(true);
     EXPECT_EQ(verify(nullptr), refused(EINVAL, "newvalue returned from datastore is NULL"));
     EXPECT_EQ(verify("ssh-dss AAAA", set_new, "bob"), refused(EINVAL, "Username not present in database"));
@@ -196,7 +196,7 @@ TEST_F(user_keys_test, the_tests_have_an_order) {
 
 // --- Applier --------------------------------------------------------------------------------------------------------
 
-TEST_F(user_keys_test, a_key_goes_into_the_store_as_der) {
+TEST_F(user_keys_test, a_key_is_stored_as_der) {
     const time_t before = time(nullptr);
     EXPECT_EQ(apply(key_text), PLATFORM_OK);
     ASSERT_EQ(fake_platform::keys().size(), 1u);
@@ -215,7 +215,7 @@ TEST_F(user_keys_test, a_key_goes_into_the_store_as_der) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(user_keys_test, a_new_key_takes_the_place_of_the_old_one) {
+TEST_F(user_keys_test, a_new_key_replaces_the_old_one) {
     hold_key(false);
     EXPECT_EQ(apply(key_text, DATASTORE_EVENT_SET), PLATFORM_OK);
     ASSERT_EQ(fake_platform::keys().size(), 1u);
@@ -230,14 +230,14 @@ TEST_F(user_keys_test, a_removed_item_removes_the_key) {
     EXPECT_TRUE(fake_platform::debugged("(sshd_apply_user_keystr) sshd_apply_user_keystr whichevent 4"));
 }
 
-TEST_F(user_keys_test, a_store_that_does_not_remove_is_logged) {
+TEST_F(user_keys_test, a_failed_removal_from_the_store_is_logged) {
     fake_platform::fail("key_store_set_key", EIO);
     EXPECT_EQ(apply(nullptr, DATASTORE_EVENT_DELETE), 1u);
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), Failed to remove the key"));
 }
 
-TEST_F(user_keys_test, a_store_that_does_not_take_the_key_is_logged) {
+TEST_F(user_keys_test, a_failed_store_is_logged) {
     fake_platform::fail("key_store_set_key", ENOSPC);
     EXPECT_EQ(apply(key_text), 1u);
     EXPECT_THAT(fake_platform::log_texts(),
@@ -259,7 +259,7 @@ TEST_F(user_keys_test, running_out_of_memory_stores_nothing) {
     EXPECT_THAT(fake_platform::calls(), IsEmpty());
 }
 
-TEST_F(user_keys_test, nothing_to_apply_is_an_error) {
+TEST_F(user_keys_test, a_missing_value_cannot_be_applied) {
     EXPECT_EQ(apply(nullptr), 1u);
     EXPECT_EQ(apply(key_text, set_new, nullptr), 1u);
     EXPECT_EQ(apply(key_text, set_new, "alice", 1), 1u);
@@ -294,8 +294,8 @@ TEST_F(user_key_commit_test, a_refused_key_is_not_stored) {
     EXPECT_THAT(fake_platform::keys(), IsEmpty());
 }
 
-// The commit stands; the operator is told that it was not carried out whole.
-TEST_F(user_key_commit_test, a_store_that_fails_is_seen_by_the_datastore) {
+// The commit remains stored, and the operator learns that it is not in force.
+TEST_F(user_key_commit_test, a_failure_of_the_store_is_reported_with_the_commit) {
     fake_platform::fail("key_store_set_key", EIO);
     const auto result = fake_platform::commit(fake_platform::set_text(item, key_text));
     EXPECT_EQ(result.status, PLATFORM_OK);

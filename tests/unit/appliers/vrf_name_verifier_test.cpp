@@ -42,8 +42,8 @@ verdict verify(const char* name, uint32_t event = 3, const void* value = "", uin
 
 using vrf_name_verifier_test = agent_test;
 
-// Letters, digits, '_', '-' and '.', at any place of the name; every other byte is refused.
-TEST_F(vrf_name_verifier_test, every_byte_value_is_judged) {
+// Letters, digits, '_', '-' and '.' are accepted at any position of the name; every other byte is refused.
+TEST_F(vrf_name_verifier_test, every_byte_value_is_checked) {
     const std::string allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.";
     for (int byte = 1; byte < 256; byte++) {
         const char character = static_cast<char>(byte);
@@ -55,12 +55,12 @@ TEST_F(vrf_name_verifier_test, every_byte_value_is_judged) {
     }
 }
 
-// A NUL ends the name: what comes after it is not part of it, and never reaches anybody.
+// A NUL ends the name; the bytes after it are not part of it.
 TEST_F(vrf_name_verifier_test, a_nul_ends_the_name) {
     EXPECT_EQ(verify("red\0;reboot"), accepted);
 }
 
-TEST_F(vrf_name_verifier_test, a_change_is_judged_like_a_creation) {
+TEST_F(vrf_name_verifier_test, a_change_is_checked_like_a_creation) {
     EXPECT_EQ(verify("re d", 2), invalid_characters);
     EXPECT_EQ(verify("re d", 1), invalid_characters);
     EXPECT_EQ(verify("red", 2), accepted);
@@ -78,13 +78,13 @@ TEST_F(vrf_name_verifier_test, a_missing_name_is_refused) {
     EXPECT_EQ(verify("red", 3, "", 2), invalid_characters);
 }
 
-// What has been stored can be removed, whatever it is called.
+// Any stored name can be removed.
 TEST_F(vrf_name_verifier_test, a_removal_is_accepted) {
     EXPECT_EQ(verify("red", 4, nullptr), accepted);
     EXPECT_EQ(verify("$(reboot)", 4, nullptr), accepted);
 }
 
-// Through the item table, as a commit comes: the name is refused, nothing is stored, no command is run.
+// A whole commit through the item table: the name is refused, nothing is stored, and no command is run.
 TEST_F(vrf_name_verifier_test, a_hostile_name_reaches_no_command) {
     event_manager* manager = nullptr;
     event_manager_create(paths::device, &manager);

@@ -15,7 +15,7 @@
 
 class acl_entry_text {
   public:
-    /// The descriptor must be registered. A field that `text` does not name is zero.
+    /// The descriptor must be registered. Fields that are not in `text` are zero.
     acl_entry_text(const record_descriptor* descriptor, const std::string& text)
         : descriptor_(descriptor),
           schema_(*find_record_schema(descriptor)),
@@ -76,7 +76,7 @@ class acl_entry_text {
                 *reinterpret_cast<char**>(at) = names_.back().data();
                 break;
             default:
-                ADD_FAILURE() << "a kind of field that no entry has: " << field.name;
+                ADD_FAILURE() << "a kind of field that entries do not use:  " << field.name;
         }
     }
 

@@ -21,7 +21,7 @@ TEST(acl_values, every_prefix_has_its_length) {
     }
 }
 
-TEST(acl_values, a_mask_with_a_hole_is_no_prefix) {
+TEST(acl_values, a_mask_with_a_gap_is_not_a_prefix) {
     for (uint32_t hole = 0; hole < 127; hole++) {
         uint8_t mask[16];
         memset(mask, 0xff, sizeof mask);
@@ -46,7 +46,7 @@ TEST(acl_values, the_compact_schemas_name_each_field_by_its_letter) {
                  "$1=DeID16xCD16xC16xCD16xCeIIeIIeseCCbCCCeIIeII;");
 }
 
-TEST(acl_values, entries_have_records_of_their_own) {
+TEST(acl_values, an_entry_round_trips_through_its_record) {
     record_transaction* transaction = nullptr;
     ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);
     EXPECT_EQ(record_register(transaction, acl_service_ipv4_entry_descriptor()), PLATFORM_OK);

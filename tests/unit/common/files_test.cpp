@@ -42,7 +42,7 @@ class whole_files : public testing::Test {
         return status.st_mode & 07777;
     }
 
-    /// The old content and nothing beside it.
+    /// The old content, and no other file in the folder.
     static void expect_untouched() {
         EXPECT_EQ(file_content(path), "old");
         EXPECT_THAT(directory_names(folder), ElementsAre("file"));
@@ -60,7 +60,7 @@ TEST_F(whole_files, are_read_with_every_byte) {
     EXPECT_EQ(content, "");
 }
 
-TEST_F(whole_files, of_many_pieces_are_read_up_to_the_bound) {
+TEST_F(whole_files, larger_than_a_buffer_are_read_up_to_the_limit) {
     const std::string large(100'000, 'x');
     write_file(path, large);
     std::string content = "before";
@@ -70,7 +70,7 @@ TEST_F(whole_files, of_many_pieces_are_read_up_to_the_bound) {
     EXPECT_EQ(content, large);
 }
 
-TEST_F(whole_files, that_cannot_be_read_say_why_and_leave_the_content_alone) {
+TEST_F(whole_files, that_cannot_be_read_return_the_reason_and_leave_the_content_alone) {
     std::string content = "before";
     EXPECT_EQ(read(9, content), platform_status{ENOENT});
     std::filesystem::create_directory(path);
@@ -87,7 +87,7 @@ TEST_F(whole_files, that_cannot_be_read_say_why_and_leave_the_content_alone) {
     EXPECT_EQ(content, "before");
 }
 
-TEST_F(whole_files, are_read_through_links_only_where_these_are_allowed) {
+TEST_F(whole_files, are_read_through_links_only_where_allowed) {
     write_file(path + "~", "old");
     std::filesystem::create_symlink(path + "~", path);
     std::string content;
@@ -96,7 +96,7 @@ TEST_F(whole_files, are_read_through_links_only_where_these_are_allowed) {
     EXPECT_EQ(content, "old");
 }
 
-TEST_F(whole_files, are_read_in_spite_of_short_and_interrupted_reads) {
+TEST_F(whole_files, are_read_despite_short_and_interrupted_reads) {
     write_file(path, "content");
     std::string content;
     call_faults::cut_call("read", 2);
@@ -120,7 +120,7 @@ TEST_F(whole_files, read_to_the_end_may_be_pipes) {
     EXPECT_EQ(file_read_to_end(ends[0], 5, content), platform_status{EBADF});
 }
 
-TEST_F(whole_files, are_replaced_with_the_mode_whatever_the_umask) {
+TEST_F(whole_files, are_replaced_with_the_mode_regardless_of_the_umask) {
     write_file(path, "old");
     const mode_t before = umask(077);
     EXPECT_EQ(file_replace(path, "new", {.mode = 0644}), PLATFORM_OK);
@@ -134,7 +134,7 @@ TEST_F(whole_files, are_replaced_with_the_mode_whatever_the_umask) {
     EXPECT_THAT(directory_names(folder), ElementsAre("file", "file2"));
 }
 
-TEST_F(whole_files, that_are_durable_are_synced_before_the_rename_and_the_folder_after_it) {
+TEST_F(whole_files, that_are_durable_are_synced_before_the_rename_and_their_folder_after_it) {
     call_faults::start_recording();
     EXPECT_EQ(file_replace(path, "new", {.durable = true}), PLATFORM_OK);
     EXPECT_THAT(call_faults::recorded_calls(),
@@ -182,21 +182,21 @@ TEST_F(whole_files, are_not_written_through_a_link_at_the_temporary_name) {
     EXPECT_THAT(directory_names(folder), ElementsAre("file"));
 }
 
-TEST_F(whole_files, take_the_place_of_what_a_crash_left_at_the_temporary_name) {
+TEST_F(whole_files, replace_a_file_that_a_crash_left_at_the_temporary_name) {
     write_file(temporary, "a much longer left-over");
     EXPECT_EQ(file_replace(path, "new", {}), PLATFORM_OK);
     EXPECT_EQ(file_content(path), "new");
     EXPECT_THAT(directory_names(folder), ElementsAre("file"));
 }
 
-TEST_F(whole_files, keep_the_old_content_when_the_temporary_name_cannot_be_had) {
+TEST_F(whole_files, keep_the_old_content_when_the_temporary_file_cannot_be_created) {
     write_file(path, "old");
     std::filesystem::create_directory(temporary);
     EXPECT_NE(file_replace(path, "new", {}), PLATFORM_OK);
     EXPECT_EQ(file_content(path), "old");
 }
 
-TEST_F(whole_files, may_have_a_temporary_name_of_the_callers_choice) {
+TEST_F(whole_files, may_have_a_temporary_name_chosen_by_the_caller) {
     const std::string chosen = std::string(folder) + "/.chosen";
     call_faults::start_recording();
     EXPECT_EQ(file_replace(path, "new", {}, chosen), PLATFORM_OK);
@@ -204,7 +204,7 @@ TEST_F(whole_files, may_have_a_temporary_name_of_the_callers_choice) {
     EXPECT_THAT(directory_names(folder), ElementsAre("file"));
 }
 
-TEST_F(whole_files, in_whose_place_a_folder_stands_leave_nothing_behind) {
+TEST_F(whole_files, cannot_replace_a_folder_and_leave_nothing_behind) {
     write_file(path + "/inside", "");
     EXPECT_EQ(file_replace(path, "new", {}), platform_status{EISDIR});
     EXPECT_THAT(directory_names(folder), ElementsAre("file"));
@@ -221,7 +221,7 @@ TEST_F(whole_files, keep_the_old_content_whichever_call_fails) {
     }
 }
 
-TEST_F(whole_files, are_new_although_the_folder_could_not_be_synced) {
+TEST_F(whole_files, are_replaced_although_their_folder_could_not_be_synced) {
     write_file(path, "old");
     call_faults::fail_call("fsync", EIO, call_faults::always, 1, folder);
     EXPECT_EQ(file_replace(path, "new", {.durable = true}), platform_status{EIO});
@@ -229,7 +229,7 @@ TEST_F(whole_files, are_new_although_the_folder_could_not_be_synced) {
     EXPECT_THAT(directory_names(folder), ElementsAre("file"));
 }
 
-TEST_F(whole_files, are_written_in_spite_of_short_and_interrupted_writes) {
+TEST_F(whole_files, are_written_despite_short_and_interrupted_writes) {
     call_faults::cut_call("write", 3);
     EXPECT_EQ(file_replace(path, "0123456789", {}), PLATFORM_OK);
     EXPECT_EQ(file_content(path), "0123456789");
@@ -239,7 +239,7 @@ TEST_F(whole_files, are_written_in_spite_of_short_and_interrupted_writes) {
     EXPECT_EQ(file_content(path), "9876543210");
 }
 
-/// Every system call in turn, whatever library makes it.
+/// Fails every system call in turn, whichever library makes it.
 class failing_system_calls : public whole_files, public testing::WithParamInterface<fault> {};
 
 TEST_P(failing_system_calls, leave_the_old_content_or_the_new) {
@@ -260,7 +260,7 @@ TEST_P(failing_system_calls, leave_the_old_content_or_the_new) {
             EXPECT_TRUE(content == "new" || outcome.status == EIO);
             EXPECT_TRUE(content == "old" || outcome.status == 0 || outcome.name == "fsync" || outcome.name == "open" ||
                         outcome.name == "openat")
-                << "only the folder's syncing fails when the file is in place";
+                << "once the file is replaced, only syncing the folder can fail";
             EXPECT_FALSE(path_exists(temporary));
         }
     }
@@ -269,7 +269,7 @@ TEST_P(failing_system_calls, leave_the_old_content_or_the_new) {
 
 INSTANTIATE_TEST_SUITE_P(each, failing_system_calls, testing::Values(fault::error, fault::short_write, fault::kill));
 
-TEST_F(whole_files, that_are_new_take_the_place_of_a_link_instead_of_following_it) {
+TEST_F(whole_files, that_are_created_replace_a_link_instead_of_following_it) {
     write_file("/var/tmp/precious", "precious");
     std::filesystem::create_symlink("/var/tmp/precious", path);
     EXPECT_EQ(file_write_new(path, "new", {.mode = 0640, .durable = true}), PLATFORM_OK);
@@ -278,7 +278,7 @@ TEST_F(whole_files, that_are_new_take_the_place_of_a_link_instead_of_following_i
     EXPECT_EQ(mode_of(path), 0640U);
 }
 
-TEST_F(whole_files, that_are_new_are_not_there_when_writing_fails) {
+TEST_F(whole_files, that_are_created_do_not_exist_when_writing_fails) {
     for (const char* call : {"open", "fchmod", "write", "fsync", "close"}) {
         SCOPED_TRACE(call);
         call_faults::fail_call(call, ENOSPC, call_faults::once);
@@ -291,7 +291,7 @@ TEST_F(whole_files, that_are_new_are_not_there_when_writing_fails) {
     EXPECT_THAT(directory_names(folder), IsEmpty());
 }
 
-TEST_F(whole_files, have_a_folder) {
+TEST_F(whole_files, are_in_the_folder_of_their_path) {
     EXPECT_EQ(file_folder("/a/b"), "/a");
     EXPECT_EQ(file_folder("/a"), "/");
     EXPECT_EQ(file_folder("a/b"), "a");

@@ -52,7 +52,7 @@ platform_status fail(const datastore_change* change, const datastore_path_compon
     return 1;
 }
 
-// sshd/vrf/*, sshd/v2, user/* (which has a handler and a child) with keystr, lone
+// sshd/vrf/*, sshd/v2, user/* (with a handler and a child) with keystr, lone
 constexpr datastore_item_node nodes[] = {
     {"sshd", DATASTORE_NODE_NAMED, 1, 4, -1, 1},       // 0
     {"vrf", DATASTORE_NODE_NAMED, 2, 3, -1, 1},        // 1
@@ -90,27 +90,27 @@ platform_status apply(const char* item, const datastore_item_table* items = &tab
     return datastore_backend_apply(&call, items);
 }
 
-TEST(item_dispatch, gives_a_wildcards_handler_the_name_as_component_two) {
+TEST(item_dispatch, passes_the_wildcards_name_as_component_two) {
     ASSERT_EQ(apply("sshd/vrf/blue"), PLATFORM_OK);
     EXPECT_EQ(last.handler, "vrf");
     EXPECT_EQ(last.components, (std::vector<std::string>{"sshd", "vrf", "blue"}));
 }
 
-TEST(item_dispatch, hands_the_change_on_as_it_came) {
+TEST(item_dispatch, passes_the_change_on_unaltered) {
     const datastore_change change = {DATASTORE_EVENT_SET, "old", "new", 4, 4};
     const datastore_backend_call call = {"sshd/vrf/blue", &change, nullptr, nullptr};
     ASSERT_EQ(datastore_backend_apply(&call, &table), PLATFORM_OK);
     EXPECT_EQ(last.change, &change);
 }
 
-TEST(item_dispatch, returns_what_the_handler_returns) {
+TEST(item_dispatch, returns_the_handlers_status) {
     EXPECT_EQ(apply("sshd/v2"), 1u);
     EXPECT_EQ(last.handler, "fail");
     EXPECT_EQ(verify("sshd/v2"), PLATFORM_OK);
     EXPECT_EQ(last.handler, "verify");
 }
 
-TEST(item_dispatch, hands_a_refusals_text_to_the_caller) {
+TEST(item_dispatch, passes_a_refusals_text_to_the_caller) {
     const datastore_change change = {};
     char* error_text = nullptr;
     uint32_t accepted = 1;
@@ -128,7 +128,7 @@ TEST(item_dispatch, finds_a_wildcard_node_and_its_child) {
     EXPECT_EQ(last.components, (std::vector<std::string>{"user", "ann", "keystr"}));
 }
 
-TEST(item_dispatch, has_no_handler_for_what_the_table_does_not_name) {
+TEST(item_dispatch, finds_no_handler_for_a_path_outside_the_table) {
     for (const char* item :
          {"", "/", "sshd", "sshd/vrf", "sshd/vrf/", "sshd//blue", "sshd/v2/", "/sshd/v2", "sshd/v", "sshd/v22",
           "sshd/vrf/blue/more", "user", "user/ann/other", "user/ann/keystr/", "nothing"}) {
@@ -138,21 +138,21 @@ TEST(item_dispatch, has_no_handler_for_what_the_table_does_not_name) {
     }
 }
 
-TEST(item_dispatch, has_no_handler_where_verifier_or_applier_is_missing) {
+TEST(item_dispatch, finds_no_handler_where_verifier_or_applier_is_missing) {
     EXPECT_EQ(verify("user/ann/keystr"), platform_status{DATASTORE_NO_HANDLER});
     EXPECT_EQ(apply("user/ann/keystr"), PLATFORM_OK);
     EXPECT_EQ(verify("lone"), PLATFORM_OK);
     EXPECT_EQ(apply("lone"), platform_status{DATASTORE_NO_HANDLER});
 }
 
-TEST(item_dispatch, takes_a_path_of_any_length) {
+TEST(item_dispatch, accepts_a_path_of_any_length) {
     const std::string name(100000, 'n');
     ASSERT_EQ(apply(("sshd/vrf/" + name).c_str()), PLATFORM_OK);
     EXPECT_EQ(last.components[2], name);
     EXPECT_EQ(apply(std::string(100000, '/').c_str()), platform_status{DATASTORE_NO_HANDLER});
 }
 
-TEST(item_dispatch, survives_a_table_that_is_wrong) {
+TEST(item_dispatch, survives_an_inconsistent_table) {
     const datastore_item_node loop[] = {{"a", DATASTORE_NODE_NAMED, -1, 0, 7, 0}};
     const datastore_item_table loop_table = {loop, 1, handlers, std::size(handlers)};
     EXPECT_EQ(apply("b", &loop_table), platform_status{DATASTORE_NO_HANDLER});

@@ -37,7 +37,7 @@ constexpr const char* last_good_text =
 
 }  // namespace
 
-TEST(launch_record, is_a_text_of_keys_and_values) {
+TEST(launch_record, consists_of_keys_and_values) {
     EXPECT_EQ(launch_record_format(last_good()), last_good_text);
     launch_record record;
     ASSERT_TRUE(launch_record_parse(last_good_text, record));
@@ -63,7 +63,7 @@ TEST(launch_record, keys_of_a_later_version_are_ignored) {
     EXPECT_THAT(record.not_in_force, IsEmpty());
 }
 
-TEST(launch_record, a_damaged_text_is_no_record) {
+TEST(launch_record, a_damaged_text_is_refused) {
     launch_record record = last_good();
     for (const char* text : {"", "\n", "in_use", "in_use \n", "in_use perhaps\n", "process 1\n",
                              "in_use none\nprocess x\n", "in_use none\nprocess -1\n"}) {
@@ -72,7 +72,7 @@ TEST(launch_record, a_damaged_text_is_no_record) {
     }
 }
 
-TEST(launch_record, is_found_by_the_name_of_the_vrf) {
+TEST(launch_record, is_found_by_vrf_name) {
     std::filesystem::create_directories("/run/ssh_cfg_agent/openssh");
     launch_record record = last_good();
     EXPECT_EQ(launch_record_read("red", record), ENOENT);

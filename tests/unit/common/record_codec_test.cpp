@@ -36,7 +36,7 @@ struct encoded_record {
     std::string text() const { return {static_cast<const char*>(bytes), size}; }
 };
 
-/// Fills native structures of any schema with random values. What it allocates is what record_release frees.
+/// Fills native structures of any schema with random values, allocated so that record_release frees them.
 class random_record {
   public:
     random_record(const record_schema& schema, unsigned seed) : schema_(schema), random_(seed) {}
@@ -129,17 +129,17 @@ class random_record {
     std::mt19937 random_;
 };
 
-/// A native structure in words, by its schema: what of it is a value is in the words, what is an address is not.
-class record_words {
+/// Describes a native structure by its schema: values are included, addresses are not.
+class structure_text {
   public:
     static std::string of(const record_schema& schema, const unsigned char* base) {
-        record_words words(schema);
+        structure_text words(schema);
         words.add_record(schema.record(), base);
         return words.words_;
     }
 
   private:
-    explicit record_words(const record_schema& schema) : schema_(schema) {}
+    explicit structure_text(const record_schema& schema) : schema_(schema) {}
 
     template <typename value_type>
     static value_type load(const unsigned char* at) {
@@ -236,7 +236,7 @@ std::vector<sample_record>& samples() {
 
 }  // namespace
 
-TEST(record_codec, gives_random_records_back_as_they_were) {
+TEST(record_codec, random_records_round_trip) {
     for (const sample_record& sample : samples()) {
         for (unsigned seed = 0; seed < 50; ++seed) {
             std::vector<unsigned char> record(sample.schema.record().size);
@@ -246,7 +246,8 @@ TEST(record_codec, gives_random_records_back_as_they_were) {
             ASSERT_EQ(first.status, PLATFORM_OK) << sample.descriptor.full_schema;
             ASSERT_EQ(record_decode(&sample.descriptor, first.bytes, first.size, decoded.data(), decoded.size()),
                       PLATFORM_OK);
-            EXPECT_EQ(record_words::of(sample.schema, decoded.data()), record_words::of(sample.schema, record.data()));
+            EXPECT_EQ(structure_text::of(sample.schema, decoded.data()),
+                      structure_text::of(sample.schema, record.data()));
             const encoded_record second(sample.descriptor, decoded.data());
             EXPECT_EQ(first.text(), second.text());
             record_release(&sample.descriptor, record.data());
@@ -280,7 +281,7 @@ TEST(record_codec, survives_hostile_bytes) {
     }
 }
 
-TEST(record_codec, tells_record_types_apart) {
+TEST(record_codec, distinguishes_record_types) {
     const sample_record& mcinfo = samples()[0];
     const sample_record& detail = samples()[3];
     const std::vector<unsigned char> record(mcinfo.schema.record().size);
@@ -299,7 +300,7 @@ TEST(record_codec, refuses_a_structure_that_is_too_small) {
               platform_status{RECORD_MALFORMED});
 }
 
-TEST(record_codec, refuses_a_list_that_runs_in_a_circle) {
+TEST(record_codec, refuses_a_circular_list) {
     const sample_record& detail = samples()[3];
     std::vector<unsigned char> record(detail.schema.record().size);
     const unsigned char* self = record.data();
@@ -307,14 +308,14 @@ TEST(record_codec, refuses_a_list_that_runs_in_a_circle) {
     EXPECT_EQ(encoded_record(detail.descriptor, record.data()).status, platform_status{RECORD_MALFORMED});
 }
 
-TEST(record_codec, refuses_a_fixed_text_without_an_end) {
+TEST(record_codec, refuses_a_fixed_text_without_terminator) {
     static const record_descriptor descriptor = {"text", "sample.dll", "$1={Line}4x%S;", "$1=4x%S;"};
     register_record(descriptor);
     EXPECT_EQ(encoded_record(descriptor, "abcd").status, platform_status{RECORD_MALFORMED});
     EXPECT_EQ(encoded_record(descriptor, "abc").status, platform_status{PLATFORM_OK});
 }
 
-TEST(record_codec, refuses_a_boolean_that_is_none) {
+TEST(record_codec, refuses_an_invalid_boolean) {
     static const record_descriptor descriptor = {"flag", "sample.dll", "$1={Flag}b;", "$1=b;"};
     register_record(descriptor);
     const uint32_t two = 2;
@@ -354,7 +355,7 @@ constexpr record_descriptor pair_record = {"pair", "sample.dll", "$1={Pair}p($2)
 constexpr record_descriptor list_record = {"list", "sample.dll", "$1=L{A}D{Next}Pp($1);", "$1=LDPp($1);"};
 constexpr record_descriptor tree_record = {"tree", "sample.dll", "$1={A}D{Child}p($1);", "$1=Dp($1);"};
 
-/// What a decoder makes of the record's hash, as the encoder writes it, and `rest`.
+/// The decoder's result for the record's hash, as the encoder writes it, followed by `rest`.
 platform_status decode_rest(const record_descriptor& descriptor, const std::string& rest) {
     register_record(descriptor);
     const unsigned char nothing[64] = {};
@@ -389,14 +390,14 @@ TEST(record_codec, refuses_an_array_without_its_elements) {
     EXPECT_EQ(encoded_record(numbers_record, &record).status, PLATFORM_OK);
 }
 
-TEST(record_codec, refuses_an_array_of_millions) {
+TEST(record_codec, refuses_an_array_with_millions_of_elements) {
     register_record(numbers_record);
     two_numbers element = {};
     const counted_numbers record = {UINT32_MAX, &element};
     EXPECT_EQ(encoded_record(numbers_record, &record).status, platform_status{RECORD_MALFORMED});
 }
 
-TEST(record_codec, refuses_an_arrays_element_that_has_a_successor) {
+TEST(record_codec, refuses_an_array_element_with_a_successor) {
     register_record(links_record);
     linked_number successor = {2, nullptr};
     linked_number element = {1, &successor};
@@ -406,7 +407,7 @@ TEST(record_codec, refuses_an_arrays_element_that_has_a_successor) {
     EXPECT_EQ(encoded_record(links_record, &record).status, PLATFORM_OK);
 }
 
-TEST(record_codec, refuses_an_optional_boolean_that_is_none) {
+TEST(record_codec, refuses_an_invalid_optional_boolean) {
     register_record(flag_record);
     uint32_t value = 2;
     const uint32_t* record = &value;
@@ -415,7 +416,7 @@ TEST(record_codec, refuses_an_optional_boolean_that_is_none) {
     EXPECT_EQ(encoded_record(flag_record, &record).status, PLATFORM_OK);
 }
 
-TEST(record_codec, refuses_structures_that_hang_too_deep) {
+TEST(record_codec, refuses_structures_nested_too_deeply) {
     register_record(tree_record);
     struct tree {
         uint32_t number;
@@ -428,7 +429,7 @@ TEST(record_codec, refuses_structures_that_hang_too_deep) {
     EXPECT_EQ(encoded_record(tree_record, nodes + 10).status, PLATFORM_OK);
 }
 
-TEST(record_codec, takes_the_bytes_that_fit_and_no_others) {
+TEST(record_codec, accepts_only_bytes_of_the_exact_length) {
     const struct {
         const record_descriptor& descriptor;
         std::string rest;
@@ -473,7 +474,7 @@ TEST(record_codec, knows_only_registered_descriptors) {
               platform_status{RECORD_UNKNOWN});
 }
 
-TEST(record_codec, a_descriptor_that_is_registered_again_has_its_new_schema) {
+TEST(record_codec, a_descriptor_registered_again_has_its_new_schema) {
     static record_descriptor descriptor = {"changing", "sample.dll", "$1={A}D;", "$1=D;"};
     register_record(descriptor);
     descriptor.full_schema = "$1={A}I;";
@@ -491,7 +492,7 @@ TEST(record_codec, refuses_a_compact_schema_of_another_record) {
     record_registration_abort(transaction);
 }
 
-TEST(record_codec, forgets_an_aborted_transaction) {
+TEST(record_codec, discards_an_aborted_transaction) {
     static const record_descriptor descriptor = {"aborted", "sample.dll", "$1={A}D;", "$1=D;"};
     record_transaction* transaction = nullptr;
     ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);

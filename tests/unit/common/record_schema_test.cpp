@@ -55,7 +55,7 @@ TEST(record_schema, keeps_names_and_enumerations) {
     EXPECT_EQ(record.link_offset(), 56U);
 }
 
-TEST(record_schema, refuses_what_is_no_schema) {
+TEST(record_schema, refuses_invalid_schemas) {
     const char* refused[] = {
         "",
         "$1=",
@@ -90,8 +90,8 @@ TEST(record_schema, refuses_what_is_no_schema) {
     }
 }
 
-TEST(record_schema, bounds_structures_that_embed_each_other) {
-    // Each is twice as large as the next: from the first of 64 on, sizes would no longer fit a number.
+TEST(record_schema, limits_nested_structures) {
+    // Each is twice as large as the next, so with 64 of them sizes would exceed the largest number.
     std::string text;
     for (int number = 1; number <= 64; ++number) {
         const std::string next = "$" + std::to_string(number + 1);

@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(datastore_reserved_character, lets_letters_digits_and_three_marks_through_and_nothing_else) {
+TEST(datastore_reserved_character, allows_letters_digits_and_three_marks_only) {
     const char open[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.";
     for (int character = -128; character < 256; character++) {
         const bool is_open = character > 0 && character < 128 && strchr(open, character) != nullptr;
@@ -14,7 +14,7 @@ TEST(datastore_reserved_character, lets_letters_digits_and_three_marks_through_a
     }
 }
 
-TEST(datastore_reserved_character, keeps_what_a_shell_would_act_on) {
+TEST(datastore_reserved_character, refuses_characters_that_a_shell_interprets) {
     for (const char* character = " /'\"`;$(){}|&<>*?~!#\\\n\t"; *character != '\0'; character++) {
         EXPECT_EQ(datastore_reserved_character(*character), 1) << *character;
     }

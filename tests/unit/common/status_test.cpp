@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(platform_status_text, names_every_code_of_its_own_differently) {
+TEST(platform_status_text, gives_each_of_its_own_codes_a_different_text) {
     const platform_status codes[] = {PLATFORM_OK,
                                      DATASTORE_NO_SUCH_ITEM,
                                      DATASTORE_NO_DATA,
@@ -42,7 +42,7 @@ TEST(platform_status_text, names_every_code_of_its_own_differently) {
     EXPECT_EQ(texts.size(), std::size(codes));
 }
 
-TEST(platform_status_text, gives_the_operating_systems_text_of_an_errno_value) {
+TEST(platform_status_text, returns_the_operating_systems_text_for_an_errno_value) {
     EXPECT_STREQ(platform_status_text(ENOENT), "No such file or directory");
     EXPECT_STREQ(platform_status_text(ENOSPC), "No space left on device");
 }

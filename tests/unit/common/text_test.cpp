@@ -10,13 +10,13 @@ namespace {
 
 using std::string_literals::operator""s;
 
-TEST(text_format, has_no_greatest_length) {
+TEST(text_format, has_no_maximum_length) {
     const std::string long_text(100'000, 'x');
     EXPECT_EQ(text_format("<%s-%d>", long_text.c_str(), 7), "<" + long_text + "-7>");
     EXPECT_EQ(text_format("%s", ""), "");
 }
 
-TEST(text_format_into, cuts_at_the_end_of_the_buffer) {
+TEST(text_format_into, truncates_at_the_end_of_the_buffer) {
     char buffer[] = "......|";
     EXPECT_EQ(text_format_into(buffer, 6, "%d", 12345), 5U);
     EXPECT_STREQ(buffer, "12345");
@@ -33,7 +33,7 @@ TEST(text_format_into, allocates_nothing_and_leaves_errno_alone) {
     call_faults::clear();
     text_format_into(buffer, sizeof buffer, "%s %d", "a text that is cut", 1);
     EXPECT_EQ(call_faults::count_calls("allocation"), 0U);
-    // A character that the locale cannot write makes printf fail.
+    // A character that the locale cannot represent makes printf fail.
     EXPECT_EQ(text_format_into(buffer, sizeof buffer, "%lc", static_cast<wint_t>(0x20ac)), 0U);
     EXPECT_STREQ(buffer, "");
     EXPECT_EQ(errno, EXDEV);
@@ -52,7 +52,7 @@ void PrintTo(const utf8_case& row, std::ostream* out) {
 
 class text_utf8 : public testing::TestWithParam<utf8_case> {};
 
-TEST_P(text_utf8, is_read) {
+TEST_P(text_utf8, is_decoded) {
     uint32_t character = 0;
     EXPECT_EQ(text_utf8_character(GetParam().text, character), GetParam().length);
     EXPECT_EQ(character, GetParam().character);
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
         utf8_case{"broken_continuation", "\xe2\x28\xa1", 0, 0}, utf8_case{"no_lead_byte", "\xff", 0, 0}),
     [](const testing::TestParamInfo<utf8_case>& info) { return std::string(info.param.name); });
 
-TEST(text_is_utf8, wants_every_character_well_formed) {
+TEST(text_is_utf8, requires_every_character_to_be_well_formed) {
     EXPECT_TRUE(text_is_utf8(""));
     EXPECT_TRUE(text_is_utf8("a\x01\u00fc\u20ac\U0001f600"));
     for (const char* text : {"\xff", "\xc0\x80", "a\xc3", "\xed\xa0\x80", "\xe0\x80\x80", "\xf5\x80\x80\x80", "\x80"}) {
@@ -91,7 +91,7 @@ TEST(text_is_utf8, wants_every_character_well_formed) {
     }
 }
 
-TEST(text_escape, escapes_what_a_terminal_or_log_would_obey) {
+TEST(text_escape, escapes_characters_that_a_terminal_or_log_would_interpret) {
     EXPECT_EQ(text_escape("plain \u00fc \u20ac \U0001f600", 100), "plain \u00fc \u20ac \U0001f600");
     EXPECT_EQ(text_escape("a\nb\tc\x1b[2J\x7f", 100), "a\\x0ab\\x09c\\x1b[2J\\x7f");
     EXPECT_EQ(text_escape("a\0b"s, 100), "a\\x00b");
@@ -100,14 +100,14 @@ TEST(text_escape, escapes_what_a_terminal_or_log_would_obey) {
               "\\xe0\\x80\\x80 \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80");
 }
 
-TEST(text_escape, escapes_what_makes_a_text_look_like_another) {
+TEST(text_escape, escapes_characters_that_disguise_a_text) {
     EXPECT_EQ(text_escape("a\u202eb\u200bc\u2066d\u061ce\ufefff", 100),
               "a\\xe2\\x80\\xaeb\\xe2\\x80\\x8bc\\xe2\\x81\\xa6d\\xd8\\x9ce\\xef\\xbb\\xbff");
     const char neighbours[] = "\u00a0|\u061b|\u2010|\u2027|\u2030|\u2070|\ufefe";
     EXPECT_EQ(text_escape(neighbours, 100), neighbours);
 }
 
-TEST(text_escape, cuts_between_characters_and_within_the_size) {
+TEST(text_escape, truncates_between_characters_and_within_the_size) {
     EXPECT_EQ(text_escape("abcdef", 6), "abcdef");
     EXPECT_EQ(text_escape("abcdefg", 6), "abcdef...");
     EXPECT_EQ(text_escape("a\u00fc", 2), "a...");
@@ -117,11 +117,11 @@ TEST(text_escape, cuts_between_characters_and_within_the_size) {
     EXPECT_EQ(text_escape("", 0), "");
 }
 
-TEST(text_escape, leaves_nothing_but_ascii_where_that_is_wanted) {
+TEST(text_escape, leaves_only_ascii_on_request) {
     EXPECT_EQ(text_escape_to_ascii("a~\u00fc\"\\\n\xff\x7f", 100), "a~\\xc3\\xbc\"\\\\x0a\\xff\\x7f");
 }
 
-TEST(text_escape, marks_quotes_only_for_text_in_quotes) {
+TEST(text_escape, escapes_quotes_only_for_quoted_text) {
     EXPECT_EQ(text_escape("a\"b\\c", 100), "a\"b\\c");
     EXPECT_EQ(text_escape_quoted("a\"b\\c\n\u00fc", 100), "a\\\"b\\\\c\\x0a\u00fc");
     EXPECT_EQ(text_escape_quoted("ab\"", 3), "ab...");

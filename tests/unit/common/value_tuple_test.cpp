@@ -35,7 +35,7 @@ TEST(tuple_decode, unpacks_numbers_and_texts) {
     EXPECT_STREQ(fields[2].text, "x");
 }
 
-TEST(tuple_decode, gives_zero_and_null_for_absent_fields) {
+TEST(tuple_decode, returns_zero_and_null_for_absent_fields) {
     const std::string packed = bytes({4, 0, 0, 0, 2, 0, 'v', '6', 0});
     tuple_field fields[3] = {{9, "old"}, {9, "old"}, {9, "old"}};
     ASSERT_EQ(decode(packed, "%d%S%S", fields, 3), PLATFORM_OK);
@@ -45,14 +45,14 @@ TEST(tuple_decode, gives_zero_and_null_for_absent_fields) {
     EXPECT_STREQ(fields[2].text, "v6");
 }
 
-TEST(tuple_decode, takes_a_value_at_any_address) {
+TEST(tuple_decode, accepts_unaligned_values) {
     const std::string packed = bytes({'?', 1, 0, 0, 0, 0x78, 0x56, 0x34, 0x12});
     tuple_field field = {};
     ASSERT_EQ(tuple_decode(packed.data() + 1, packed.size() - 1, "%d", &field, 1), PLATFORM_OK);
     EXPECT_EQ(field.number, 0x12345678);
 }
 
-TEST(tuple_decode, takes_all_thirty_two_fields) {
+TEST(tuple_decode, accepts_all_thirty_two_fields) {
     std::string format;
     std::string packed = bytes({0, 0, 0, 0x80, 5, 0, 0, 0});
     for (int i = 0; i < TUPLE_FIELDS_MAX; i++) {
@@ -114,7 +114,7 @@ INSTANTIATE_TEST_SUITE_P(
                     malformed_case{"thirty_three_fields", bytes({0, 0, 0, 0}), "%d", 33}),
     [](const testing::TestParamInfo<malformed_case>& info) { return std::string(info.param.name); });
 
-TEST(tuple_decode, holds_names_and_texts_to_their_length) {
+TEST(tuple_decode, limits_the_length_of_names_and_texts) {
     const auto packed = [](size_t length) {
         return bytes({1, 0, 0, 0, static_cast<int>(length & 0xff), static_cast<int>(length >> 8)}) +
                std::string(length, 'n') + '\0';
@@ -132,7 +132,7 @@ TEST(tuple_decode, refuses_null) {
     EXPECT_EQ(field.number, 77);
 }
 
-TEST(tuple_encode, writes_the_form_to_the_byte) {
+TEST(tuple_encode, writes_exactly_these_bytes) {
     const tuple_field fields[3] = {{-2, nullptr}, {0, "not packed"}, {0, "v6"}};
     char packed[64];
     size_t size = 0;
@@ -140,7 +140,7 @@ TEST(tuple_encode, writes_the_form_to_the_byte) {
     EXPECT_EQ(std::string(packed, size), bytes({5, 0, 0, 0, 0xfe, 0xff, 0xff, 0xff, 2, 0, 'v', '6', 0}));
 }
 
-TEST(tuple_encode, comes_back_as_it_was) {
+TEST(tuple_encode, round_trips) {
     const std::string name(TUPLE_NAME_MAX, 'n');
     const std::string text(TUPLE_TEXT_MAX, 't');
     const tuple_field fields[5] = {
@@ -157,7 +157,7 @@ TEST(tuple_encode, comes_back_as_it_was) {
     EXPECT_EQ(decoded[4].number, INT_MAX);
 }
 
-TEST(tuple_encode, says_how_much_room_it_needs_and_writes_nothing_without_it) {
+TEST(tuple_encode, returns_the_size_needed_and_writes_nothing_into_a_smaller_buffer) {
     const tuple_field field = {0, "abc"};
     char packed[] = "untouched";
     size_t size = 0;
@@ -167,7 +167,7 @@ TEST(tuple_encode, says_how_much_room_it_needs_and_writes_nothing_without_it) {
     EXPECT_EQ(tuple_encode(packed, 10, "%s", &field, 1, 1, &size), PLATFORM_OK);
 }
 
-TEST(tuple_encode, refuses_what_does_not_fit_the_format) {
+TEST(tuple_encode, refuses_values_that_do_not_fit_the_format) {
     const std::string long_name(TUPLE_NAME_MAX + 1, 'n');
     const std::string long_text(TUPLE_TEXT_MAX + 1, 't');
     const tuple_field no_text = {0, nullptr};

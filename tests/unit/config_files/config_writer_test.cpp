@@ -24,7 +24,7 @@ std::vector<std::string> restarts;
 
 int note_restart(uint32_t start, const char* vrf_name) {
     restarts.push_back((start != 0 ? "restart " : "stop ") + std::string(vrf_name));
-    return -1;  // A server that cannot be restarted is not the writer's business.
+    return -1;  // The writer ignores a failed restart.
 }
 
 void unlink_node(vrf_node* node) {
@@ -32,7 +32,7 @@ void unlink_node(vrf_node* node) {
         if (*link == node) {
             *link = node->next;
             restarts.push_back("delete " + std::string(node->name));
-            // What the walk still reads of a node that has been freed would be found here.
+            // A walk that still reads a freed node would find this.
             *node = vrf_node{};
             return;
         }
@@ -51,7 +51,7 @@ class config_writer_test : public agent_test {
 
     ~config_writer_test() override { server_config.nodes = nullptr; }
 
-    /// Adds a VRF at the head, with a file of its own when `content` is one.
+    /// Adds a VRF at the head, with a file of its own if `content` is not null.
     vrf_node& add_vrf(const char* name, const char* content, bool with_namespace = true) {
         vrf_node& node = nodes_[count_++];
         copy_text(node.name, sizeof node.name, name);
@@ -113,13 +113,13 @@ TEST_F(config_writer_test, deleting_any_other_keyword_ignores_the_value) {
     EXPECT_EQ(read_file(paths::server_file), "Port 22\n");
 }
 
-TEST_F(config_writer_test, setting_nothing_fails_and_leaves_the_file) {
+TEST_F(config_writer_test, setting_no_value_fails_and_leaves_the_file) {
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", nullptr, 1), -1);
     EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(read_file(paths::server_file), "UsePAM no\nPort 22\n");
 }
 
-TEST_F(config_writer_test, a_new_line_is_cut_at_4096_characters) {
+TEST_F(config_writer_test, a_new_line_is_truncated_to_4096_characters) {
     const std::string value(5000, 'v');
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", value.c_str(), 0), 0);
     EXPECT_EQ(read_file(paths::server_file), "UsePAM " + value.substr(0, 4096 - 7) + "\nPort 22\n");
@@ -150,7 +150,7 @@ TEST_F(config_writer_test, any_other_failure_is_returned) {
 TEST_F(config_writer_test, a_recreation_that_fails_is_returned) {
     std::filesystem::remove_all("/var/opt/norvo");
     write_file("/var/opt/norvo", "in the way");
-    // The missing directory reads as ENOTDIR, which is no missing file.
+    // The missing directory gives ENOTDIR, which does not count as a missing file.
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), -1);
     std::filesystem::remove("/var/opt/norvo");
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), -1);
@@ -176,7 +176,7 @@ TEST_F(config_writer_test, without_allvrf_only_the_default_file_changes) {
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-TEST_F(config_writer_test, an_unchanged_default_file_tells_for_all) {
+TEST_F(config_writer_test, if_the_default_file_is_unchanged_so_are_the_others) {
     add_vrf("red", "UsePAM other\n");
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "no", 1), 0);
     EXPECT_EQ(read_file(vrf_file("red")), "UsePAM other\n");
@@ -199,7 +199,7 @@ TEST_F(config_writer_test, the_walk_stops_at_the_first_file_that_did_not_change)
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-// The flag is not reset on the way: after one changed file the walk goes on over one that did not change.
+// The flag is not reset: after one changed file the walk continues past a file that did not change.
 TEST_F(config_writer_test, a_later_unchanged_file_does_not_stop_the_walk) {
     add_vrf("red", "UsePAM no\n");
     add_vrf("green", "UsePAM yes\n");
@@ -209,7 +209,7 @@ TEST_F(config_writer_test, a_later_unchanged_file_does_not_stop_the_walk) {
     EXPECT_THAT(restarts, ElementsAre("restart blue", "restart green", "restart red"));
 }
 
-TEST_F(config_writer_test, nodes_that_nobody_wants_are_removed_on_the_way) {
+TEST_F(config_writer_test, unused_nodes_are_removed_on_the_way) {
     add_vrf("red", "UsePAM no\n");
     add_vrf("green", "UsePAM no\n").reference_count = 0;
     add_vrf("blue", "UsePAM no\n");
@@ -220,14 +220,14 @@ TEST_F(config_writer_test, nodes_that_nobody_wants_are_removed_on_the_way) {
     EXPECT_THAT(restarts, ElementsAre("restart blue", "stop green", "delete green", "restart red"));
 }
 
-TEST_F(config_writer_test, a_walk_over_unwanted_nodes_only_ends_well) {
+TEST_F(config_writer_test, a_walk_over_unused_nodes_only_succeeds) {
     add_vrf("red", "UsePAM no\n").reference_count = 0;
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
     EXPECT_EQ(server_config.nodes, nullptr);
     EXPECT_THAT(restarts, ElementsAre("stop red", "delete red"));
 }
 
-TEST_F(config_writer_test, a_missing_vrf_file_is_made_anew_and_the_walk_goes_on) {
+TEST_F(config_writer_test, a_missing_vrf_file_is_recreated_and_the_walk_continues) {
     add_vrf("red", "UsePAM no\n");
     add_vrf("blue", nullptr);
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
@@ -236,7 +236,7 @@ TEST_F(config_writer_test, a_missing_vrf_file_is_made_anew_and_the_walk_goes_on)
     EXPECT_THAT(restarts, ElementsAre("restart blue", "restart red"));
 }
 
-TEST_F(config_writer_test, a_missing_vrf_file_behind_a_changed_one_is_made_anew_and_its_server_restarted) {
+TEST_F(config_writer_test, a_missing_vrf_file_after_a_changed_one_is_recreated_and_its_server_restarted) {
     add_vrf("red", nullptr);
     add_vrf("blue", "UsePAM no\n");
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
@@ -253,7 +253,7 @@ TEST_F(config_writer_test, a_vrf_file_that_cannot_be_edited_ends_the_walk) {
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-TEST_F(config_writer_test, the_walk_manages_without_anybody_to_restart_servers) {
+TEST_F(config_writer_test, the_walk_works_without_the_restart_upcall) {
     agent_upcalls = upcalls{};
     add_vrf("red", "UsePAM no\n");
     EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
@@ -286,13 +286,13 @@ TEST_F(config_writer_test, an_unchanged_list_leaves_the_vrfs_alone) {
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-TEST_F(config_writer_test, a_list_is_removed_with_all_its_lines) {
+TEST_F(config_writer_test, removing_a_list_deletes_all_its_lines) {
     write_file(paths::server_file, "HostKey /a\nHostKeyAlgorithms x\nHostKey /b\n");
     EXPECT_EQ(update_config_files_multiple_restart(event_delete_value, "HostKey ", nullptr, 1), 0);
     EXPECT_EQ(read_file(paths::server_file), "HostKeyAlgorithms x\n");
 }
 
-TEST_F(config_writer_test, the_list_writer_walks_like_the_other_one) {
+TEST_F(config_writer_test, the_list_writer_walks_like_the_single_line_writer) {
     add_vrf("red", "UsePAM no\n");
     add_vrf("green", "HostKey /pkg/rsa\n");
     add_vrf("blue", "").reference_count = 0;
@@ -303,7 +303,7 @@ TEST_F(config_writer_test, the_list_writer_walks_like_the_other_one) {
 
 // --- One VRF's file -------------------------------------------------------------------------------------------------
 
-TEST_F(config_writer_test, one_vrfs_file_alone_is_changed) {
+TEST_F(config_writer_test, only_one_vrfs_file_is_changed) {
     add_vrf("red", "Port 22\n");
     uint32_t change = 0;
     EXPECT_EQ(update_vrf_config_file(event_set_value, "red", "Port", "830", &change), 0);
@@ -315,7 +315,7 @@ TEST_F(config_writer_test, one_vrfs_file_alone_is_changed) {
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-TEST_F(config_writer_test, a_missing_file_of_one_vrf_is_made_anew) {
+TEST_F(config_writer_test, a_missing_file_of_one_vrf_is_recreated) {
     add_vrf("red", nullptr);
     uint32_t change = 0;
     EXPECT_EQ(update_vrf_config_file(event_delete_value, "red", "Port", "830", &change), 0);
@@ -338,7 +338,7 @@ TEST_F(config_writer_test, a_vrfs_file_is_deleted) {
 
 // --- The client's file ----------------------------------------------------------------------------------------------
 
-TEST_F(config_writer_test, the_clients_file_is_made_when_it_is_missing) {
+TEST_F(config_writer_test, a_missing_client_file_is_created) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     std::filesystem::remove_all(paths::configuration_directory);
     update_client_config_file(event_set_value, "MACs", "hmac-sha1");
@@ -358,14 +358,14 @@ TEST_F(config_writer_test, the_clients_lines_are_changed_and_removed_without_res
     EXPECT_THAT(restarts, ElementsAre());
 }
 
-// For the client's file a "Port" is a keyword that is never deleted by its value.
+// In the client's file "Port" is never deleted by its value.
 TEST_F(config_writer_test, the_client_passes_no_line_when_deleting) {
     write_file(paths::client_file, "Port 22\n");
     update_client_config_file(event_delete_value, "Port", "22");
     EXPECT_EQ(read_file(paths::client_file), "Port 22\n");
 }
 
-TEST_F(config_writer_test, a_clients_file_that_cannot_be_made_is_given_up_silently) {
+TEST_F(config_writer_test, a_client_file_that_cannot_be_created_is_given_up_silently) {
     std::filesystem::remove_all("/var/opt/norvo");
     write_file("/var/opt/norvo", "in the way");
     update_client_config_file(event_set_value, "MACs", "hmac-sha1");
@@ -373,7 +373,7 @@ TEST_F(config_writer_test, a_clients_file_that_cannot_be_made_is_given_up_silent
     std::filesystem::remove("/var/opt/norvo");
 }
 
-TEST_F(config_writer_test, a_client_setting_without_a_value_leaves_the_file) {
+TEST_F(config_writer_test, a_client_setting_without_a_value_leaves_the_file_unchanged) {
     write_file(paths::client_file, "MACs x\n");
     update_client_config_file(event_set_value, "MACs", nullptr);
     EXPECT_EQ(read_file(paths::client_file), "MACs x\n");

@@ -14,9 +14,9 @@ namespace {
 
 using default_contents_test = agent_test;
 
-// --- Both default files at start ------------------------------------------------------------------------------------
+// --- Both default files at start-up ---------------------------------------------------------------------------------
 
-TEST_F(default_contents_test, missing_files_are_made_empty) {
+TEST_F(default_contents_test, missing_files_are_created_empty) {
     EXPECT_EQ(prepare_default_files(), 0);
     EXPECT_EQ(read_file(paths::server_file), "");
     EXPECT_EQ(read_file(paths::client_file), "");
@@ -45,7 +45,7 @@ TEST_F(default_contents_test, a_restart_after_a_failure_keeps_the_files) {
     }
 }
 
-TEST_F(default_contents_test, a_restart_after_a_failure_makes_a_missing_file) {
+TEST_F(default_contents_test, a_restart_after_a_failure_creates_a_missing_file) {
     agent_handles.respawn_count = 2;
     write_file(paths::client_file, "old\n");
     EXPECT_EQ(prepare_default_files(), 0);
@@ -59,7 +59,7 @@ TEST_F(default_contents_test, a_file_that_cannot_be_removed_is_traced_and_emptie
     const auto outcome = syscall_faults::run({}, [] { return prepare_default_files() == 0 ? 0 : 1; });
     EXPECT_EQ(outcome.status, 0);
     write_file(paths::server_file, "old\n");
-    // Finds the removal among the calls and lets it fail.
+    // Finds the removal among the calls and makes it fail.
     for (uint32_t call = 1; call <= outcome.calls; call++) {
         write_file(paths::server_file, "old\n");
         const auto failed = syscall_faults::run({syscall_faults::fault::error, call, false, EBUSY}, [] {
@@ -75,7 +75,7 @@ TEST_F(default_contents_test, a_file_that_cannot_be_removed_is_traced_and_emptie
     FAIL() << "the file was never removed";
 }
 
-TEST_F(default_contents_test, a_file_that_cannot_be_made_is_a_failure) {
+TEST_F(default_contents_test, a_file_that_cannot_be_created_is_a_failure) {
     std::filesystem::create_directories(std::string(paths::client_file) + "/in_the_way");
     EXPECT_EQ(prepare_default_files(), -1);
     EXPECT_TRUE(path_exists(paths::server_file));
@@ -93,14 +93,14 @@ TEST_F(default_contents_test, the_lines_of_every_start) {
     expect_golden("config_files/golden/initial_ssh_config", read_file(paths::client_file));
 }
 
-TEST_F(default_contents_test, the_lines_of_every_start_leave_a_kept_file_in_its_order) {
+TEST_F(default_contents_test, the_lines_of_every_start_keep_the_order_of_a_kept_file) {
     write_file(paths::server_file, "MaxAuthTries 20\nBanner /x\nUsePAM no\n");
     write_file(paths::client_file, "");
     write_initial_lines();
     EXPECT_TRUE(read_file(paths::server_file).starts_with("MaxAuthTries 20\nBanner /x\nUsePAM yes\n"));
 }
 
-// The client's first limit is the server's.
+// The client's initial limit is the server's.
 TEST_F(default_contents_test, the_clients_rekey_limit_is_taken_from_the_server) {
     EXPECT_EQ(prepare_default_files(), 0);
     server_config.parameters[SERVER_REKEY_LIMIT].current = "7M 7m";

@@ -22,7 +22,7 @@ class file_comparison_test : public agent_test {
         write_initial_lines();
     }
 
-    /// In which keywords the text differs from what the tables want of the server's files.
+    /// The keywords in which the text differs from the expected content of the server files.
     static std::vector<std::string> differing(const std::string& text) {
         write_file("/tmp/file", text);
         file_values present;
@@ -39,14 +39,14 @@ class file_comparison_test : public agent_test {
     }
 };
 
-TEST_F(file_comparison_test, the_first_lines_are_what_the_tables_want) {
+TEST_F(file_comparison_test, the_initial_lines_agree_with_the_tables) {
     EXPECT_THAT(differing(server_text()), ElementsAre());
     file_values present;
     EXPECT_EQ(read_file_values(paths::client_file, &present), 0);
     EXPECT_THAT(differing_client_keywords(wanted_client_settings(), present.settings), ElementsAre());
 }
 
-TEST_F(file_comparison_test, order_and_blanks_do_not_count) {
+TEST_F(file_comparison_test, order_and_spaces_do_not_matter) {
     std::string text;
     for (const std::string& line : file_lines(paths::server_file)) {
         text = " " + replaced(line, " ", "  \t") + "  \n" + text;
@@ -54,7 +54,7 @@ TEST_F(file_comparison_test, order_and_blanks_do_not_count) {
     EXPECT_THAT(differing("# a comment\n\n" + text), ElementsAre());
 }
 
-TEST_F(file_comparison_test, host_keys_may_stand_in_one_line) {
+TEST_F(file_comparison_test, host_keys_may_share_one_line) {
     std::string text;
     for (const std::string& line : file_lines(paths::server_file)) {
         text += line.starts_with("HostKey ") ? "" : line + "\n";
@@ -63,7 +63,7 @@ TEST_F(file_comparison_test, host_keys_may_stand_in_one_line) {
     EXPECT_THAT(differing(text + "HostKey  /pkg/rsa,/pkg/dsa\n"), ElementsAre("HostKey"));
 }
 
-TEST_F(file_comparison_test, a_list_that_is_missing_has_its_default) {
+TEST_F(file_comparison_test, a_missing_list_counts_as_its_default) {
     const std::string text = replaced(server_text(), std::string("Ciphers ") + default_cipher_list + "\n", "");
     EXPECT_THAT(differing(text), ElementsAre());
     server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr,";
@@ -71,14 +71,14 @@ TEST_F(file_comparison_test, a_list_that_is_missing_has_its_default) {
     EXPECT_THAT(differing(text + "Ciphers aes128-ctr\n"), ElementsAre());
 }
 
-TEST_F(file_comparison_test, the_order_of_algorithms_counts) {
+TEST_F(file_comparison_test, the_order_of_algorithms_matters) {
     server_config.algorithms[SERVER_KEX_ALGORITHMS].second_current = "a,b";
     const std::string text =
         replaced(server_text(), std::string("KexAlgorithms ") + default_kex_list, "KexAlgorithms b,a");
     EXPECT_THAT(differing(text), ElementsAre("KexAlgorithms"));
 }
 
-TEST_F(file_comparison_test, settings_outside_the_first_lines_have_their_defaults) {
+TEST_F(file_comparison_test, settings_without_an_initial_line_have_their_defaults) {
     EXPECT_THAT(differing(server_text() + "RateLimitQd 60\nSessionLimitQd 64\n"), ElementsAre());
     EXPECT_THAT(differing(server_text() + "RateLimitQd 61\n"), ElementsAre("RateLimitQd"));
     server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "1";
@@ -87,15 +87,15 @@ TEST_F(file_comparison_test, settings_outside_the_first_lines_have_their_default
     EXPECT_THAT(differing(server_text()), ElementsAre("CertUsernameQd"));
 }
 
-TEST_F(file_comparison_test, a_lost_first_line_is_a_difference) {
-    // A file that was cut off by a full disk ends anywhere.
+TEST_F(file_comparison_test, a_missing_initial_line_is_a_difference) {
+    // A file truncated by a full disk ends anywhere.
     const std::string text = server_text();
     for (size_t size = 0; size < text.size() - 1; size++) {
         EXPECT_FALSE(differing(text.substr(0, size)).empty()) << text.substr(0, size);
     }
 }
 
-TEST_F(file_comparison_test, a_banner_line_is_wanted_or_not) {
+TEST_F(file_comparison_test, a_banner_line_is_expected_or_not) {
     const std::string with_banner = server_text() + "Banner " + paths::banner_file + "\n";
     EXPECT_THAT(differing(with_banner), ElementsAre("Banner"));
     server_config.parameters[SERVER_BANNER].current = paths::banner_file;
@@ -103,7 +103,7 @@ TEST_F(file_comparison_test, a_banner_line_is_wanted_or_not) {
     EXPECT_THAT(differing(server_text()), ElementsAre("Banner"));
 }
 
-TEST_F(file_comparison_test, a_log_level_that_nobody_asked_for_is_a_difference) {
+TEST_F(file_comparison_test, an_unrequested_log_level_is_a_difference) {
     EXPECT_THAT(differing(server_text() + "LogLevel DEBUG3\n"), ElementsAre("LogLevel"));
 }
 
@@ -113,16 +113,16 @@ TEST_F(file_comparison_test, the_window_scale_is_not_compared) {
     EXPECT_THAT(differing(server_text()), ElementsAre());
 }
 
-TEST_F(file_comparison_test, a_keyword_that_nobody_wrote_is_a_difference) {
+TEST_F(file_comparison_test, an_unknown_keyword_is_a_difference) {
     EXPECT_THAT(differing(server_text() + "PasswordAuthentication no\n"), ElementsAre("PasswordAuthentication"));
 }
 
-TEST_F(file_comparison_test, only_the_first_line_of_a_keyword_counts_as_for_the_server) {
+TEST_F(file_comparison_test, only_the_first_line_of_a_keyword_counts) {
     EXPECT_THAT(differing(server_text() + "MaxSessions 1\n"), ElementsAre());
     EXPECT_THAT(differing("MaxSessions 1\n" + server_text()), ElementsAre("MaxSessions"));
 }
 
-TEST_F(file_comparison_test, the_vrfs_own_lines_are_apart) {
+TEST_F(file_comparison_test, the_vrfs_own_lines_are_compared_separately) {
     write_file("/tmp/file", "Port  830\nUsePAM yes\nSubsystem netconf /pkg/bin/proxy\nPort 22\n");
     file_values present;
     EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
@@ -137,7 +137,7 @@ TEST_F(file_comparison_test, a_missing_file_is_an_error) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(file_comparison_test, a_line_is_written_again_as_the_appliers_write_it) {
+TEST_F(file_comparison_test, a_line_is_rewritten_as_the_appliers_write_it) {
     const std::string before = server_text();
     struct {
         const char* keyword;
@@ -162,7 +162,7 @@ TEST_F(file_comparison_test, a_line_is_written_again_as_the_appliers_write_it) {
     }
 }
 
-TEST_F(file_comparison_test, a_line_that_nobody_wants_is_removed) {
+TEST_F(file_comparison_test, an_unexpected_line_is_removed) {
     const std::string before = server_text();
     write_file(paths::server_file, before + "LogLevel DEBUG3\nPasswordAuthentication no\n");
     EXPECT_EQ(write_server_line_again("LogLevel"), 0);

@@ -50,7 +50,7 @@ class file_recreation_test : public agent_test {
 
 constexpr char netconf_proxy[] = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
 
-// --- The default file made anew -------------------------------------------------------------------------------------
+// --- The recreated default file -------------------------------------------------------------------------------------
 
 TEST_F(file_recreation_test, the_default_file_is_made_from_the_table) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -61,7 +61,7 @@ TEST_F(file_recreation_test, the_default_file_is_made_from_the_table) {
     EXPECT_EQ(mode_of(paths::server_file), mode_t{0644});
 }
 
-TEST_F(file_recreation_test, what_is_set_meanwhile_is_in_the_recreated_file) {
+TEST_F(file_recreation_test, values_set_before_are_in_the_recreated_file) {
     server_config.parameters[SERVER_PROTOCOL].current = "2";
     server_config.parameters[SERVER_LOG_LEVEL].current = "";
     server_config.parameters[SERVER_WINDOW_SCALE].current = "3";
@@ -71,7 +71,7 @@ TEST_F(file_recreation_test, what_is_set_meanwhile_is_in_the_recreated_file) {
     expect_golden("config_files/golden/recreated_sshd_config_settings", read_file(paths::server_file));
 }
 
-TEST_F(file_recreation_test, in_fips_mode_the_recreated_file_offers_what_the_filters_leave) {
+TEST_F(file_recreation_test, in_fips_mode_the_recreated_file_has_the_filtered_lists) {
     server_config.parameters[SERVER_FIPS_MODE].current = "yes";
     server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr,";
     EXPECT_EQ(default_config_file_recreate(), 0);
@@ -88,7 +88,7 @@ TEST_F(file_recreation_test, a_default_file_that_cannot_be_created) {
                 Contains("default_config_file_recreate, Error:=No such file or directory(0x2), file create failed"));
 }
 
-/// Runs `recreate` with each of its file operations failed: afterwards the file is missing or whole.
+/// Runs `recreate` and fails each of its file operations in turn: afterwards the file is missing or complete.
 template <typename Recreate>
 void expect_whole_or_missing(const char* path, const std::string& whole, Recreate recreate) {
     const auto undisturbed = syscall_faults::run({}, recreate);
@@ -112,7 +112,7 @@ void expect_whole_or_missing(const char* path, const std::string& whole, Recreat
     }
 }
 
-TEST_F(file_recreation_test, a_recreated_default_file_is_whole_or_missing) {
+TEST_F(file_recreation_test, a_recreated_default_file_is_complete_or_missing) {
     EXPECT_EQ(default_config_file_recreate(), 0);
     const std::string whole = read_file(paths::server_file);
     expect_whole_or_missing(paths::server_file, whole, [] { return default_config_file_recreate() == 0 ? 0 : 1; });
@@ -137,7 +137,7 @@ TEST_F(file_recreation_test, a_default_file_that_can_be_created_but_not_opened) 
     EXPECT_EQ(opens, 2u);
 }
 
-// --- A VRF's file made anew -----------------------------------------------------------------------------------------
+// --- The recreated file of a VRF ------------------------------------------------------------------------------------
 
 TEST_F(file_recreation_test, a_vrfs_file_needs_a_name) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -175,7 +175,7 @@ TEST_F(file_recreation_test, a_vrfs_file_with_both_servers) {
               "UsePAM yes\nSubsystem netconf /pkg/bin/netconf_sshd_proxy -i 0 -o 1\nPort 8830\nPort 2222\n");
 }
 
-TEST_F(file_recreation_test, without_any_ssh_port_no_line_is_written) {
+TEST_F(file_recreation_test, without_an_ssh_port_no_port_line_is_written) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", nullptr);
     store_ssh_vrf("red");
@@ -192,7 +192,7 @@ TEST_F(file_recreation_test, a_vrf_without_a_node_gets_the_default_file) {
     EXPECT_EQ(fake_platform::count_calls("datastore_item_get"), 0u);
 }
 
-TEST_F(file_recreation_test, the_default_vrf_also_has_a_server_by_the_protocol_item) {
+TEST_F(file_recreation_test, the_default_vrf_also_gets_a_server_from_the_protocol_item) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("default", nullptr);
     store(set_number("/cfg/gl/crypto/ssh/server/sshd/v2", 1));
@@ -200,7 +200,7 @@ TEST_F(file_recreation_test, the_default_vrf_also_has_a_server_by_the_protocol_i
     EXPECT_EQ(read_file(default_vrf_file), "UsePAM yes\nPort 22\n");
 }
 
-TEST_F(file_recreation_test, the_default_vrfs_own_item_suffices) {
+TEST_F(file_recreation_test, the_default_vrfs_own_item_is_sufficient) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("default", nullptr);
     store_ssh_vrf("default");
@@ -208,7 +208,7 @@ TEST_F(file_recreation_test, the_default_vrfs_own_item_suffices) {
     EXPECT_EQ(read_file(default_vrf_file), "UsePAM yes\nPort 22\n");
 }
 
-TEST_F(file_recreation_test, another_vrf_has_no_server_by_the_protocol_item) {
+TEST_F(file_recreation_test, another_vrf_gets_no_server_from_the_protocol_item) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", nullptr);
     store(set_number("/cfg/gl/crypto/ssh/server/sshd/v2", 1));
@@ -216,12 +216,12 @@ TEST_F(file_recreation_test, another_vrf_has_no_server_by_the_protocol_item) {
     EXPECT_EQ(read_file(vrf_file), "UsePAM yes\n");
 }
 
-TEST_F(file_recreation_test, a_vrfs_file_cannot_be_made_without_the_default_file) {
+TEST_F(file_recreation_test, a_vrfs_file_cannot_be_recreated_without_the_default_file) {
     EXPECT_EQ(vrf_config_file_recreate("red"), -1);
     EXPECT_FALSE(path_exists(vrf_file));
 }
 
-TEST_F(file_recreation_test, a_recreated_vrf_file_is_whole_or_missing) {
+TEST_F(file_recreation_test, a_recreated_vrf_file_is_complete_or_missing) {
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", netconf_proxy);
     store_ssh_vrf("red");
@@ -244,7 +244,7 @@ TEST_F(file_recreation_test, a_vrf_file_that_cannot_be_opened_for_its_own_lines)
     EXPECT_EQ(outcome.status, 7) << outcome.name;
 }
 
-TEST_F(file_recreation_test, a_full_disk_leaves_a_lost_file_missing) {
+TEST_F(file_recreation_test, on_a_full_disk_a_missing_file_stays_missing) {
     scratch_root::limit_space(paths::configuration_directory, 4096);
     write_file(paths::server_file, "UsePAM yes\n");
     add_node("red", netconf_proxy);

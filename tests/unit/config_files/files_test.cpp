@@ -19,14 +19,14 @@ using testing::ElementsAre;
 constexpr char directory[] = "/var/opt/norvo/norvossh/";
 constexpr char file[] = "/var/opt/norvo/norvossh/some_file";
 
-TEST_F(files_test, a_file_exists_when_it_can_be_read) {
+TEST_F(files_test, a_file_exists_if_it_is_readable) {
     EXPECT_EQ(file_exists(nullptr), -1);
     EXPECT_EQ(file_exists(file), 0);
     write_file(file, "");
     EXPECT_EQ(file_exists(file), 1);
 }
 
-TEST_F(files_test, makes_directory_and_file) {
+TEST_F(files_test, creates_directory_and_file) {
     std::filesystem::create_directories("/var/opt/norvo");
     EXPECT_EQ(create_file_in_dir(directory, file), 0);
     EXPECT_EQ(mode_of(directory), mode_t{0755});
@@ -40,7 +40,7 @@ TEST_F(files_test, empties_the_file_in_an_existing_directory) {
     EXPECT_EQ(read_file(file), "");
 }
 
-TEST_F(files_test, fails_when_the_directory_cannot_be_made) {
+TEST_F(files_test, fails_if_the_directory_cannot_be_created) {
     trace_initialise();
     std::filesystem::remove_all("/var/opt/norvo");
     EXPECT_EQ(create_file_in_dir("/var/opt/norvo/norvossh/", file), -1);
@@ -48,7 +48,7 @@ TEST_F(files_test, fails_when_the_directory_cannot_be_made) {
     EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").size(), 1u);
 }
 
-TEST_F(files_test, fails_when_the_file_cannot_be_made) {
+TEST_F(files_test, fails_if_the_file_cannot_be_created) {
     std::filesystem::create_directories(file);
     EXPECT_EQ(create_file_in_dir(directory, file), -1);
     EXPECT_EQ(errno, EISDIR);

@@ -28,7 +28,7 @@ int edit(const char* keyword, int add, const char* new_line, uint32_t* change) {
     return update_string_in_file(edited_file, keyword, add, new_line, change);
 }
 
-/// The multi-line editor cuts its new line up, so it gets a copy.
+/// The multi-line editor modifies its new line, so it gets a copy.
 int edit_multiple(const char* keyword, int add, const char* new_line, uint32_t* change) {
     std::string copy = new_line != nullptr ? new_line : "";
     return update_multiple_strings_in_file(edited_file, keyword, add, new_line != nullptr ? copy.data() : nullptr,
@@ -37,7 +37,7 @@ int edit_multiple(const char* keyword, int add, const char* new_line, uint32_t* 
 
 using editor = int (*)(const char* keyword, int add, const char* new_line, uint32_t* change);
 
-// --- What becomes of a file -----------------------------------------------------------------------------------------
+// --- Edited files ---------------------------------------------------------------------------------------------------
 
 /// An edit of golden/line_editor/NAME.in, whose result is NAME.ok.
 struct golden_case {
@@ -109,7 +109,7 @@ TEST_P(line_editor_golden_test, makes_the_file) {
 INSTANTIATE_TEST_SUITE_P(cases, line_editor_golden_test, testing::ValuesIn(golden_cases),
                          [](const auto& instance) { return std::string(instance.param.name); });
 
-TEST_F(line_editor_test, adding_twice_changes_nothing_the_second_time) {
+TEST_F(line_editor_test, adding_a_line_again_changes_nothing) {
     write_file(edited_file, "MaxAuthTries 20\n");
     uint32_t change = 0;
     EXPECT_EQ(edit("MaxAuthTries", 1, "MaxAuthTries 5", &change), 0);
@@ -152,7 +152,7 @@ TEST_F(line_editor_test, a_line_longer_than_any_buffer_is_copied_whole) {
     }
 }
 
-TEST_F(line_editor_test, a_file_of_any_size_is_read_whole) {
+TEST_F(line_editor_test, a_file_of_any_size_is_read_completely) {
     for (size_t size = 16380; size <= 16390; size++) {
         for (const size_t factor : {1, 2, 4}) {
             const std::string old = std::string(size * factor - 8, '#') + "\nUsePAM ";
@@ -164,14 +164,14 @@ TEST_F(line_editor_test, a_file_of_any_size_is_read_whole) {
     }
 }
 
-TEST_F(line_editor_test, a_longer_line_of_the_keyword_is_replaced_whole) {
+TEST_F(line_editor_test, a_longer_line_of_the_keyword_is_replaced_completely) {
     write_file(edited_file, "Ciphers " + std::string(9000, 'c') + "\nUsePAM no\n");
     uint32_t change = 0;
     EXPECT_EQ(edit("Ciphers", 1, "Ciphers aes128-ctr", &change), 0);
     EXPECT_EQ(read_file(edited_file), "Ciphers aes128-ctr\nUsePAM no\n");
 }
 
-TEST_F(line_editor_test, bytes_are_copied_as_they_are) {
+TEST_F(line_editor_test, bytes_are_copied_unaltered) {
     const std::string bytes("a\0b\r\n\xff\n\n", 8);
     write_file(edited_file, bytes);
     uint32_t change = 0;
@@ -179,7 +179,7 @@ TEST_F(line_editor_test, bytes_are_copied_as_they_are) {
     EXPECT_EQ(read_file(edited_file), bytes + "UsePAM yes\n");
 }
 
-TEST_F(line_editor_test, the_new_line_is_cut_up_by_the_multi_line_editor) {
+TEST_F(line_editor_test, the_multi_line_editor_modifies_the_new_line) {
     write_file(edited_file, "");
     std::string line = "HostKey  /pkg/rsa,/pkg/dsa";
     uint32_t change = 0;
@@ -187,7 +187,7 @@ TEST_F(line_editor_test, the_new_line_is_cut_up_by_the_multi_line_editor) {
     EXPECT_STREQ(line.c_str(), "HostKey");
 }
 
-TEST_F(line_editor_test, a_replaced_value_is_shown) {
+TEST_F(line_editor_test, a_replaced_value_is_printed) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     write_file(edited_file, "MaxAuthTries 20\n");
     uint32_t change = 0;
@@ -213,7 +213,7 @@ TEST_F(line_editor_test, the_file_keeps_its_mode_but_is_never_writable_for_other
     }
 }
 
-TEST_F(line_editor_test, a_left_temporary_file_gives_the_edited_file_nothing) {
+TEST_F(line_editor_test, a_leftover_temporary_file_does_not_affect_the_edited_file) {
     write_file(edited_file, "UsePAM no\n");
     chmod(edited_file, 0640);
     write_file(temporary_file, std::string(10000, 'x'));
@@ -232,7 +232,7 @@ struct refused_case {
     int add;
     const char* new_line;
     bool flag;
-    const char* debug_line;  ///< behind the editor's tag
+    const char* debug_line;  ///< after the editor's tag
 };
 
 const refused_case refused_cases[] = {
@@ -245,7 +245,7 @@ const refused_case refused_cases[] = {
      ", File:=/var/opt/norvo/norvossh/sshd_config, StrToFind:=UsePAM, newStr must not contain a line break"},
 };
 
-TEST_F(line_editor_test, a_request_that_makes_no_sense_is_refused) {
+TEST_F(line_editor_test, an_invalid_request_is_refused) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     for (const refused_case& refused : refused_cases) {
         write_file(edited_file, "UsePAM no\n");
@@ -263,7 +263,7 @@ TEST_F(line_editor_test, a_request_that_makes_no_sense_is_refused) {
     }
 }
 
-TEST_F(line_editor_test, the_multi_line_editor_refuses_the_same_under_its_own_tag) {
+TEST_F(line_editor_test, the_multi_line_editor_refuses_the_same_requests_under_its_own_tag) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     for (const refused_case& refused : refused_cases) {
         fake_platform::clear_reports();
@@ -282,7 +282,7 @@ TEST_F(line_editor_test, the_multi_line_editor_refuses_the_same_under_its_own_ta
 
 // --- Failures -------------------------------------------------------------------------------------------------------
 
-TEST_F(line_editor_test, a_missing_file_is_told_by_errno) {
+TEST_F(line_editor_test, a_missing_file_sets_errno) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     std::filesystem::create_directories(paths::configuration_directory);
     uint32_t change = 0;
@@ -299,7 +299,7 @@ TEST_F(line_editor_test, a_missing_file_is_told_by_errno) {
     EXPECT_FALSE(path_exists(temporary_file));
 }
 
-TEST_F(line_editor_test, a_temporary_file_that_cannot_be_opened_leaves_everything_as_it_was) {
+TEST_F(line_editor_test, a_temporary_file_that_cannot_be_opened_leaves_everything_unchanged) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     trace_initialise();
     write_file(edited_file, "UsePAM no\n");
@@ -315,7 +315,7 @@ TEST_F(line_editor_test, a_temporary_file_that_cannot_be_opened_leaves_everythin
     EXPECT_EQ(change, 0u);
 }
 
-TEST_F(line_editor_test, a_directory_is_no_empty_file) {
+TEST_F(line_editor_test, a_directory_is_not_an_empty_file) {
     std::filesystem::create_directories(edited_file);
     uint32_t change = 0;
     EXPECT_EQ(edit("UsePAM", 1, "UsePAM yes", &change), -1);
@@ -351,11 +351,11 @@ TEST_F(line_editor_test, a_full_disk_is_noticed_before_the_rename) {
         EXPECT_EQ(errno, ENOSPC);
         EXPECT_EQ(read_file(edited_file), old);
         EXPECT_EQ(change, 0u);
-        EXPECT_FALSE(path_exists(temporary_file)) << "half a file must not fill a full disk";
+        EXPECT_FALSE(path_exists(temporary_file)) << "an incomplete file must not fill up the disk";
     }
 }
 
-// --- Every file operation of an edit failed, and the process killed before each ------------------------------------
+// --- Every file operation of an edit fails, or the process is killed before it -------------------------------------
 
 struct matrix_case {
     const char* name;
@@ -367,7 +367,7 @@ struct matrix_case {
     std::string after;
 };
 
-// The long file makes the edit write more than once.
+// With the long file the edit needs several writes.
 const std::string filling(20000, '#');
 const matrix_case matrix_cases[] = {
     {"add", edit, "UsePAM", 1, "UsePAM yes", filling + "\nUsePAM no\n", filling + "\nUsePAM yes\n"},
@@ -378,7 +378,7 @@ const matrix_case matrix_cases[] = {
 
 class line_editor_fault_test : public agent_test, public testing::WithParamInterface<matrix_case> {
   protected:
-    /// Runs the edit under the plan. The child's status is 0, or the errno of a failed edit.
+    /// Runs the edit under the plan. The child exits with 0 or with the errno of the failed edit.
     syscall_faults::outcome run(const syscall_faults::plan& plan) {
         write_file(edited_file, GetParam().before);
         std::filesystem::remove_all(temporary_file);
@@ -419,7 +419,7 @@ TEST_P(line_editor_fault_test, a_failed_file_operation_leaves_the_old_file_or_th
     }
 }
 
-TEST_P(line_editor_fault_test, short_reads_and_writes_do_no_harm) {
+TEST_P(line_editor_fault_test, short_reads_and_writes_are_harmless) {
     const uint32_t calls = calls_of_an_edit();
     for (const bool for_ever : {false, true}) {
         for (uint32_t call = 1; call <= calls; call++) {
@@ -431,7 +431,7 @@ TEST_P(line_editor_fault_test, short_reads_and_writes_do_no_harm) {
     }
 }
 
-TEST_P(line_editor_fault_test, killed_anywhere_the_file_is_the_old_one_or_the_new) {
+TEST_P(line_editor_fault_test, after_a_kill_at_any_call_the_file_is_the_old_one_or_the_new) {
     const uint32_t calls = calls_of_an_edit();
     bool renamed = false;
     for (uint32_t call = 1; call <= calls; call++) {

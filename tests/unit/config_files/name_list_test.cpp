@@ -17,7 +17,7 @@ TEST(name_list, names_are_joined_by_commas) {
     EXPECT_STREQ(list, "abc,de,fghi");
 }
 
-TEST(name_list, what_does_not_fit_is_cut) {
+TEST(name_list, a_list_that_is_too_long_is_truncated) {
     char list[6] = "abc";
     EXPECT_FALSE(append_name(list, sizeof list, "de"));
     EXPECT_STREQ(list, "abc,d");
@@ -38,7 +38,7 @@ std::vector<std::string> names_of(const char* list, const char* separators) {
     return names;
 }
 
-TEST(name_list, is_divided_at_its_separators) {
+TEST(name_list, is_split_at_its_separators) {
     EXPECT_EQ(names_of("a,bc,def", ","), (std::vector<std::string>{"a", "bc", "def"}));
     EXPECT_EQ(names_of(",a,,b,", ","), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(names_of("a, b c", ", "), (std::vector<std::string>{"a", "b", "c"}));
@@ -47,7 +47,7 @@ TEST(name_list, is_divided_at_its_separators) {
     EXPECT_TRUE(names_of(",,", ",").empty());
 }
 
-TEST(name_list, a_long_name_is_cut_and_passed_whole) {
+TEST(name_list, a_long_name_is_truncated_and_skipped_completely) {
     EXPECT_EQ(names_of("abcd,efghi,j", ","), (std::vector<std::string>{"abcd", "efgh", "j"}));
 }
 

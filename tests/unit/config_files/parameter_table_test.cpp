@@ -133,7 +133,7 @@ TEST_F(parameter_table_test, the_clients_settings_and_lists) {
     }
 }
 
-TEST_F(parameter_table_test, the_texts_that_appliers_edit) {
+TEST_F(parameter_table_test, texts_edited_by_appliers) {
     EXPECT_STREQ(server_config.cipher_base, cipher_list);
     EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].text, cipher_list);
     EXPECT_STREQ(server_config.parameters[SERVER_MACS].text, mac_list);
@@ -150,8 +150,8 @@ TEST_F(parameter_table_test, the_texts_that_appliers_edit) {
     EXPECT_EQ(sizeof server_config.algorithms[SERVER_KEX_ALGORITHMS].fips_text, 255u);
 }
 
-// Two entries of one keyword are told apart by their places only.
-TEST_F(parameter_table_test, an_index_leads_to_its_own_row) {
+// Two entries with the same keyword differ only in their position.
+TEST_F(parameter_table_test, an_index_refers_to_its_own_row) {
     EXPECT_STREQ(server_config.parameters[SERVER_PORT].default_text, "22");
     EXPECT_STREQ(server_config.parameters[SERVER_NETCONF_PORT].default_text, "830");
     EXPECT_STREQ(server_config.parameters[SERVER_LOGIN_GRACE_TIME].keyword, "LoginGraceTime");
@@ -174,8 +174,8 @@ TEST_F(parameter_table_test, filling_restores_the_defaults_and_keeps_the_vrfs) {
     EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].text, "0x10");
 }
 
-// The server's files are searched for a keyword as the beginning of a line.
-TEST_F(parameter_table_test, no_keyword_is_the_beginning_of_another) {
+// A keyword is searched for as the prefix of a line.
+TEST_F(parameter_table_test, no_keyword_is_a_prefix_of_another) {
     std::vector<std::string> keywords;
     for (size_t i = SERVER_PROTOCOL; i < SERVER_END_MARKER; i++) {
         keywords.emplace_back(server_config.parameters[i].keyword);
@@ -190,7 +190,7 @@ TEST_F(parameter_table_test, no_keyword_is_the_beginning_of_another) {
     }
 }
 
-TEST_F(parameter_table_test, a_dscp_moves_into_the_upper_bits_of_the_type_of_service) {
+TEST_F(parameter_table_test, a_dscp_is_shifted_to_the_upper_bits_of_the_type_of_service) {
     const struct {
         const char* dscp;
         const char* type_of_service;
@@ -202,7 +202,7 @@ TEST_F(parameter_table_test, a_dscp_moves_into_the_upper_bits_of_the_type_of_ser
     }
 }
 
-TEST_F(parameter_table_test, the_text_in_force_is_the_current_or_the_default) {
+TEST_F(parameter_table_test, the_text_in_force_is_the_current_text_or_the_default) {
     EXPECT_STREQ(effective_text(server_config.parameters[SERVER_PORT]), "22");
     server_config.parameters[SERVER_PORT].current = "2222";
     EXPECT_STREQ(effective_text(server_config.parameters[SERVER_PORT]), "2222");

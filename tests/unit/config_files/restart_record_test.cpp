@@ -33,7 +33,7 @@ class restart_record_test : public agent_test {
 
     static std::string file_of(const std::string& vrf) { return paths::vrf_server_file_prefix + vrf; }
 
-    /// The record's lines after the time.
+    /// The lines of the record after the time.
     static std::vector<std::string> recorded() {
         std::vector<std::string> lines = file_lines(paths::restart_record);
         EXPECT_FALSE(lines.empty());
@@ -75,7 +75,7 @@ TEST_F(restart_record_test, a_second_change_concerns_servers_started_since_the_f
     EXPECT_TRUE(restart_is_due("red", first));
 }
 
-TEST_F(restart_record_test, each_server_is_recorded_by_itself) {
+TEST_F(restart_record_test, each_server_is_recorded_separately) {
     EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
     EXPECT_EQ(note_file_change(file_of("blue").c_str()), 0);
     EXPECT_THAT(recorded(), testing::UnorderedElementsAre("blue", "red"));
@@ -91,7 +91,7 @@ TEST_F(restart_record_test, other_files_and_unknown_vrfs_are_not_recorded) {
     EXPECT_FALSE(path_exists(paths::restart_record));
 }
 
-TEST_F(restart_record_test, a_walk_is_recorded_as_a_whole_and_leaves_what_was_not_restarted) {
+TEST_F(restart_record_test, a_walk_is_recorded_as_a_whole_and_leaves_the_servers_not_restarted) {
     EXPECT_EQ(begin_restart_walk(), 0);
     EXPECT_THAT(recorded(), testing::ElementsAre("*"));
     EXPECT_EQ(note_file_change(file_of("blue").c_str()), 0);
@@ -110,7 +110,7 @@ TEST_F(restart_record_test, a_walk_that_restarted_everything_leaves_nothing) {
     EXPECT_FALSE(path_exists(paths::restart_record));
 }
 
-TEST_F(restart_record_test, the_next_process_restarts_what_was_started_earlier) {
+TEST_F(restart_record_test, the_next_process_restarts_servers_that_were_started_earlier) {
     EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
     die();
     EXPECT_TRUE(restart_is_due("red", long_ago));
@@ -127,10 +127,10 @@ TEST_F(restart_record_test, after_an_interrupted_walk_every_older_server_is_due)
     }
 }
 
-TEST_F(restart_record_test, what_an_earlier_process_left_survives_until_it_is_dropped) {
+TEST_F(restart_record_test, the_record_of_an_earlier_process_survives_until_it_is_dropped) {
     EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
     die();
-    // Another VRF's file changes before the first restart has been made, and the process dies again.
+    // Another VRF's file changes before the first restart, and the process dies again.
     EXPECT_EQ(note_file_change(file_of("blue").c_str()), 0);
     EXPECT_THAT(recorded(), testing::ElementsAre("red", "blue"));
     die();
@@ -146,7 +146,7 @@ TEST_F(restart_record_test, without_a_record_nothing_is_due) {
     EXPECT_FALSE(restart_is_due("red", long_ago));
 }
 
-TEST_F(restart_record_test, a_record_that_makes_no_sense_stands_for_every_server) {
+TEST_F(restart_record_test, a_damaged_record_stands_for_every_server) {
     for (const char* content : {"", "red\n", "*\n"}) {
         write_file(paths::restart_record, content);
         take_over_restart_record();

@@ -15,7 +15,7 @@ class trustpoints_state_test : public agent_test {
     }
 };
 
-TEST_F(trustpoints_state_test, nothing_is_held_at_first) {
+TEST_F(trustpoints_state_test, initially_there_are_none) {
     char text[trustpoint_size] = "before";
     EXPECT_TRUE(join_user_trustpoints(text, sizeof text));
     EXPECT_STREQ(text, "");
@@ -23,7 +23,7 @@ TEST_F(trustpoints_state_test, nothing_is_held_at_first) {
     EXPECT_EQ(user_trustpoint_count, 0u);
 }
 
-TEST_F(trustpoints_state_test, names_are_joined_in_the_order_of_their_slots) {
+TEST_F(trustpoints_state_test, names_are_joined_in_slot_order) {
     hold("zeta");
     hold("alpha");
     hold("mu");
@@ -32,7 +32,7 @@ TEST_F(trustpoints_state_test, names_are_joined_in_the_order_of_their_slots) {
     EXPECT_STREQ(text, "zeta,alpha,mu");
 }
 
-TEST_F(trustpoints_state_test, what_does_not_fit_is_cut_at_the_end) {
+TEST_F(trustpoints_state_test, a_list_that_is_too_long_is_truncated) {
     hold(std::string(100, 'a'));
     hold(std::string(100, 'b'));
     hold("c");
@@ -41,7 +41,7 @@ TEST_F(trustpoints_state_test, what_does_not_fit_is_cut_at_the_end) {
     EXPECT_EQ(std::string(text), std::string(100, 'a') + "," + std::string(26, 'b'));
 }
 
-// Ten of the longest, the commas between them, and NUL.
+// Ten of the longest names, the commas between them, and NUL.
 TEST_F(trustpoints_state_test, the_longest_list_has_1279_characters) {
     for (uint32_t i = 0; i < user_trustpoint_max; i++) {
         hold(std::string(127, static_cast<char>('a' + i)));

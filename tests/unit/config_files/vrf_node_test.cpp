@@ -13,7 +13,7 @@ TEST_F(vrf_node_test, nothing_is_found_in_an_empty_list) {
     EXPECT_EQ(find_vrf_node("red"), nullptr);
 }
 
-TEST_F(vrf_node_test, nodes_are_found_by_their_whole_name) {
+TEST_F(vrf_node_test, nodes_are_found_by_their_full_name) {
     vrf_node red{};
     vrf_node redder{};
     copy_text(red.name, sizeof red.name, "red");
@@ -26,7 +26,7 @@ TEST_F(vrf_node_test, nodes_are_found_by_their_whole_name) {
     EXPECT_EQ(find_vrf_node(""), nullptr);
 }
 
-TEST_F(vrf_node_test, of_two_nodes_of_one_name_the_newest_is_found) {
+TEST_F(vrf_node_test, of_two_nodes_with_one_name_the_newest_is_found) {
     vrf_node older{};
     vrf_node newer{};
     copy_text(older.name, sizeof older.name, "red");

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(control_answer, names_and_numbers_of_results_are_the_contract) {
+TEST(control_answer, result_names_and_numbers_do_not_change) {
     const std::pair<control_result, const char*> rows[] = {{control_result::done, "done"},
                                                            {control_result::failed, "failed"},
                                                            {control_result::usage, "usage"},

@@ -34,7 +34,7 @@ TEST(control_frame, arrives_byte_by_byte) {
     EXPECT_EQ(reader.document, document);
 }
 
-TEST(control_frame, leaves_the_next_frame_alone) {
+TEST(control_frame, leaves_the_next_frame_in_the_buffer) {
     control_frame_reader reader;
     const std::string first = frame_of("{}");
     EXPECT_EQ(control_frame_take(reader, first + frame_of("[]")), first.size());
@@ -56,7 +56,7 @@ TEST(control_frame, an_empty_document_is_complete) {
     EXPECT_EQ(control_frame_progress(reader), control_frame_state::complete);
 }
 
-TEST(control_frame, the_largest_frame_is_taken_and_a_larger_one_refused_by_its_header) {
+TEST(control_frame, the_largest_frame_is_accepted_and_a_larger_one_refused_by_its_header) {
     control_frame_reader largest;
     control_frame_take(largest, header_announcing(CONTROL_FRAME_MAX));
     EXPECT_EQ(control_frame_progress(largest), control_frame_state::incomplete);
@@ -67,7 +67,7 @@ TEST(control_frame, the_largest_frame_is_taken_and_a_larger_one_refused_by_its_h
     EXPECT_TRUE(larger.document.empty());
 }
 
-TEST(control_frame, an_announcement_alone_takes_no_memory) {
+TEST(control_frame, a_header_alone_allocates_nothing) {
     control_frame_reader reader;
     control_frame_take(reader, header_announcing(CONTROL_FRAME_MAX) + "x");
     EXPECT_LT(reader.document.capacity(), 1024U);

@@ -40,22 +40,22 @@ TEST(control_json, reads_every_kind_of_value_and_keeps_the_order) {
     EXPECT_EQ(read_and_written(" \n 7 "), "7");
 }
 
-TEST(control_json, names_a_member_that_stands_twice) {
+TEST(control_json, names_a_duplicate_member) {
     EXPECT_EQ(refusal(R"({"a":1,"b":2,"a":3})"), "duplicate name \"a\" in one object");
     EXPECT_EQ(refusal(R"([{"x":{"k\n":1,"k\n":1}}])"), "duplicate name \"k\\x0a\" in one object");
     EXPECT_EQ(refusal(R"({"a":1,"\u0061":2})"), "duplicate name \"a\" in one object");
     EXPECT_EQ(read_and_written(R"([{"a":1},{"a":2}])"), R"([{"a":1},{"a":2}])");
 }
 
-TEST(control_json, depth_is_bounded) {
+TEST(control_json, depth_is_limited) {
     EXPECT_EQ(read_and_written(nested(16, "[", "]")), nested(16, "[", "]"));
     EXPECT_EQ(refusal(nested(17, "[", "]")), "arrays and objects nested more than 16 levels deep");
     EXPECT_EQ(refusal(nested(17, "{\"a\":", "}")), "arrays and objects nested more than 16 levels deep");
-    // A million brackets must neither take the stack nor the day.
+    // A million brackets must exhaust neither the stack nor the time limit.
     EXPECT_EQ(refusal(std::string(1'000'000, '[')), "arrays and objects nested more than 16 levels deep");
 }
 
-TEST(control_json, number_of_values_is_bounded) {
+TEST(control_json, number_of_values_is_limited) {
     std::string text = "[0";
     for (size_t count = 1; count < CONTROL_JSON_VALUES_MAX; count++) {
         text += ",0";
@@ -64,7 +64,7 @@ TEST(control_json, number_of_values_is_bounded) {
     EXPECT_EQ(read_and_written(text.substr(0, text.size() - 2) + "]").size(), text.size() - 1);
 }
 
-TEST(control_json, a_large_object_takes_no_square_of_time) {
+TEST(control_json, a_large_object_takes_no_quadratic_time) {
     std::string text = "{\"p\":0";
     for (int member = 0; member < 100'000; member++) {
         text += ",\"/cfg/gl/a/long/common/beginning/" + std::to_string(member) + "\":1";
@@ -74,7 +74,7 @@ TEST(control_json, a_large_object_takes_no_square_of_time) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-TEST(control_json, what_is_not_utf_8_is_refused) {
+TEST(control_json, invalid_utf_8_is_refused) {
     EXPECT_NE(refusal("\"\xff\"").find("not JSON: "), std::string::npos);
     EXPECT_NE(refusal("\"\xc0\x80\"").find("UTF-8"), std::string::npos);          // overlong
     EXPECT_NE(refusal("\"\xed\xa0\x80\"").find("UTF-8"), std::string::npos);      // surrogate
@@ -83,14 +83,14 @@ TEST(control_json, what_is_not_utf_8_is_refused) {
     refusal("\xff\xfe");
 }
 
-TEST(control_json, a_nul_byte_does_not_hide_what_follows) {
+TEST(control_json, a_nul_byte_does_not_hide_the_text_after_it) {
     using namespace std::string_literals;
     EXPECT_EQ(refusal("{}\0{}"s), "not JSON: contains a NUL byte");
     EXPECT_EQ(refusal("\"a\0b\""s), "not JSON: contains a NUL byte");
     EXPECT_EQ(read_and_written(R"("a\u0000b")"), R"("a\u0000b")");
 }
 
-TEST(control_json, what_is_no_document_is_refused) {
+TEST(control_json, invalid_documents_are_refused) {
     for (const char* text :
          {"",    " ",   "{",   "}",       "[1,]", "{\"a\"}",  "{a:1}",   "01",     "1 2",   "{} x",
           "nul", "'a'", "\"a", "// c\n1", "NaN",  "Infinity", "\"\\x\"", "\"\n\"", "1e999", "\"\\ud800\""}) {
@@ -98,7 +98,7 @@ TEST(control_json, what_is_no_document_is_refused) {
     }
 }
 
-TEST(control_json, errors_say_where_and_fit_one_line) {
+TEST(control_json, errors_name_the_position_and_fit_on_one_line) {
     EXPECT_NE(refusal("{\n  \"a\": 1\n  \"b\": 2\n}").find("line 3, column 5"), std::string::npos);
     const std::string error = refusal("\"" + std::string(100'000, 'x') + "\n");
     EXPECT_LT(error.size(), 400U);

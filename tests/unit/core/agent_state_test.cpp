@@ -15,7 +15,7 @@ namespace {
 
 using agent_state_test = agent_test;
 
-/// The answer is remembered for the life of a process, so each question has a process of its own.
+/// The answer is cached for the life of a process, so each question is asked in a child process.
 template <typename Question>
 int ask_in_child(Question question) {
     const pid_t child = fork();
@@ -42,7 +42,7 @@ TEST_F(agent_state_test, the_datastore_is_not_available_without_its_library) {
     EXPECT_EQ(ask_in_child([] { return datastore_client_available() ? 1 : 0; }), 0);
 }
 
-TEST_F(agent_state_test, the_answer_is_remembered) {
+TEST_F(agent_state_test, the_answer_is_cached) {
     install_library();
     EXPECT_EQ(ask_in_child([] {
                   const bool before = datastore_client_available();
@@ -59,7 +59,7 @@ TEST_F(agent_state_test, the_answer_is_remembered) {
               1);
 }
 
-TEST_F(agent_state_test, binding_fails_without_the_library_and_is_not_tried) {
+TEST_F(agent_state_test, binding_fails_without_the_library_and_is_not_attempted) {
     std::remove(paths::datastore_library);
     EXPECT_EQ(ask_in_child([] {
                   datastore_binding* binding = nullptr;
@@ -70,7 +70,7 @@ TEST_F(agent_state_test, binding_fails_without_the_library_and_is_not_tried) {
               1);
 }
 
-TEST_F(agent_state_test, binding_is_the_datastores_with_the_library) {
+TEST_F(agent_state_test, with_the_library_binding_goes_to_the_datastore) {
     install_library();
     EXPECT_EQ(ask_in_child([] {
                   datastore_binding* binding = nullptr;
@@ -80,7 +80,7 @@ TEST_F(agent_state_test, binding_is_the_datastores_with_the_library) {
               1);
 }
 
-TEST_F(agent_state_test, there_is_no_inotify_instance_at_first) {
+TEST_F(agent_state_test, initially_there_is_no_inotify_instance) {
     EXPECT_EQ(agent_state{}.pam_inotify, -1);
     EXPECT_EQ(agent_state{}.initial_scan_complete, 0u);
 }

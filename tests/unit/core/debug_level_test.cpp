@@ -17,7 +17,7 @@ constexpr uint32_t on = DEBUG_ACTION_ON;
 constexpr uint32_t off = DEBUG_ACTION_OFF;
 constexpr const char* nothing = nullptr;
 
-/// Switches of the levels 1 to 3 of one side, in order, and the LogLevel that comes out.
+/// The levels of one side that are switched on and off, in this order, and the resulting LogLevel.
 struct switches {
     std::vector<int> on_levels;
     int off_level;  ///< 0: none
@@ -39,16 +39,16 @@ const switches without_logging[] = {
 
 const switches with_logging[] = {
     {{1}, 0, true, "DEBUG1"},
-    // Logging comes back when level 1 goes, even under a level that is still on.
+    // Logging is restored when level 1 is switched off, even while a higher level is on.
     {{1}, 1, true, "VERBOSE"},
     {{1, 2}, 1, true, "VERBOSE"},
     {{1, 3}, 1, true, "VERBOSE"},
     {{}, 1, true, "VERBOSE"},
-    // Logging holds level 2's place for level 1, which is not on.
+    // Because of logging, level 2 falls back to level 1 although that is off.
     {{2}, 2, true, "DEBUG1"},
     {{1, 2}, 2, true, "DEBUG1"},
     {{2, 3}, 2, true, "DEBUG3"},
-    // Level 3 does not know of it.
+    // Level 3 ignores logging.
     {{3}, 3, true, nothing},
     {{1, 3}, 3, true, "DEBUG1"},
     {{2, 3}, 3, true, "DEBUG2"},
@@ -73,7 +73,7 @@ class debug_level_test : public agent_test {
         return text + ", off " + std::to_string(test.off_level) + (test.logging ? ", logging" : "");
     }
 
-    /// From a state in which nothing is on.
+    /// Starts with all levels off.
     static void run(const switches& test, uint32_t first_flag) {
         server_logging_configured = 0;
         for (uint32_t level = 0; level < 3; level++) {
@@ -125,14 +125,14 @@ TEST_F(debug_level_test, the_clients_levels) {
     }
 }
 
-TEST_F(debug_level_test, the_clients_levels_do_not_know_of_the_servers_logging) {
+TEST_F(debug_level_test, the_clients_levels_ignore_the_servers_logging) {
     for (switches test : without_logging) {
         test.logging = true;
         expect_client(test);
     }
 }
 
-TEST_F(debug_level_test, the_two_sides_do_not_know_of_each_other) {
+TEST_F(debug_level_test, server_and_client_are_independent) {
     debug_level_handler(on, debug_server_l3, nullptr);
     debug_level_handler(on, debug_client_l1, nullptr);
     EXPECT_STREQ(server_config.parameters[SERVER_LOG_LEVEL].current, "DEBUG3");

@@ -39,7 +39,7 @@ TEST_F(debug_test, prints_only_while_the_agents_flag_is_on) {
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre("number:=2"));
 }
 
-TEST_F(debug_test, other_flags_govern_their_own_prints) {
+TEST_F(debug_test, other_flags_control_their_own_prints) {
     fake_platform::preset_debug_flag(debug_telemetry, true);
     debug_print("agent");
     debug_print_for(debug_telemetry, "telemetry");
@@ -48,7 +48,7 @@ TEST_F(debug_test, other_flags_govern_their_own_prints) {
     EXPECT_EQ(fake_platform::debug_lines()[0].flag, uint32_t{debug_telemetry});
 }
 
-TEST_F(debug_test, a_long_line_is_cut) {
+TEST_F(debug_test, a_long_line_is_truncated) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     const std::string text(10000, 'a');
     debug_print("%s", text.c_str());
@@ -66,7 +66,7 @@ TEST_F(debug_test, printing_leaves_errno_alone) {
     EXPECT_EQ(errno, EXDEV);
 }
 
-TEST_F(debug_test, registers_its_flags_in_the_order_of_their_ids_and_then_the_handler) {
+TEST_F(debug_test, registers_its_flags_in_order_of_their_ids_and_then_the_handler) {
     event_manager* manager = new_event_manager();
     fake_platform::clear_calls();
     EXPECT_EQ(debug_initialise(manager, note_switch), PLATFORM_OK);
@@ -80,7 +80,7 @@ TEST_F(debug_test, registers_its_flags_in_the_order_of_their_ids_and_then_the_ha
     EXPECT_EQ(seen_id, uint32_t{debug_client_l2});
 }
 
-TEST_F(debug_test, the_first_failure_ends_the_registration) {
+TEST_F(debug_test, the_first_failure_stops_the_registration) {
     event_manager* manager = new_event_manager();
     for (uint32_t call = 1; call <= 9; call++) {
         fake_platform::clear_failures();

@@ -16,7 +16,7 @@ event_manager* new_event_manager() {
     return manager;
 }
 
-TEST_F(event_loop_test, dispatches_events_in_their_order) {
+TEST_F(event_loop_test, dispatches_events_in_order) {
     event_manager* manager = new_event_manager();
     std::string seen;
     fake_platform::queue_event([&] { seen += "a"; });
@@ -26,7 +26,7 @@ TEST_F(event_loop_test, dispatches_events_in_their_order) {
     EXPECT_EQ(seen, "ab");
 }
 
-TEST_F(event_loop_test, goes_on_after_a_failed_wait) {
+TEST_F(event_loop_test, continues_after_a_failed_wait) {
     event_manager* manager = new_event_manager();
     int events = 0;
     fake_platform::queue_event([&] { events++; });

@@ -44,7 +44,7 @@ const char* const texts[] = {
     "Enable scp other errors",
 };
 
-TEST_F(fault_points_test, stand_in_their_order_and_are_off) {
+TEST_F(fault_points_test, are_listed_in_order_and_off) {
     ASSERT_EQ(std::size(texts), fault_point_count);
     for (uint32_t i = 0; i < fault_point_count; i++) {
         EXPECT_STREQ(fault_points[i].text, texts[i]);
@@ -52,7 +52,7 @@ TEST_F(fault_points_test, stand_in_their_order_and_are_off) {
     }
 }
 
-TEST_F(fault_points_test, are_offered_to_the_service_when_somebody_asks) {
+TEST_F(fault_points_test, are_registered_with_the_service_on_request) {
     EXPECT_EQ(register_fault_points(), PLATFORM_OK);
     EXPECT_EQ(fake_platform::count_calls("fault_injection_register(ssh, 29)"), 1u);
     fake_platform::fail("fault_injection_register", ENOTSUP);

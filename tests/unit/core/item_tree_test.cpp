@@ -22,7 +22,7 @@ std::vector<std::string> siblings_from(int32_t node) {
     return names;
 }
 
-TEST(item_tree_test, nodes_stand_depth_first_with_their_names) {
+TEST(item_tree_test, nodes_are_numbered_depth_first) {
     std::vector<std::string> names;
     for (const item_tree_node& node : tree) {
         names.emplace_back(node.name.data());
@@ -30,7 +30,7 @@ TEST(item_tree_test, nodes_stand_depth_first_with_their_names) {
     EXPECT_THAT(names, ElementsAre("top", "*", "below", "second", "a", "bcd", "other", "topmost"));
 }
 
-TEST(item_tree_test, siblings_have_the_order_in_which_paths_name_them_first) {
+TEST(item_tree_test, siblings_are_in_the_order_in_which_paths_first_name_them) {
     EXPECT_THAT(siblings_from(0), ElementsAre("top", "other", "topmost"));
     EXPECT_THAT(siblings_from(tree[0].first_child), ElementsAre("*", "second"));
     EXPECT_THAT(siblings_from(tree[1].first_child), ElementsAre("below"));
@@ -38,7 +38,7 @@ TEST(item_tree_test, siblings_have_the_order_in_which_paths_name_them_first) {
     EXPECT_EQ(tree[2].first_child, no_node);
 }
 
-TEST(item_tree_test, a_handler_has_the_number_of_its_path) {
+TEST(item_tree_test, a_handler_is_numbered_by_its_path) {
     std::vector<int32_t> handlers;
     for (const item_tree_node& node : tree) {
         handlers.push_back(node.handler);

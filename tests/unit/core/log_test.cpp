@@ -16,7 +16,7 @@ using log_test = agent_test;
 
 using fake_platform::log_line;
 
-/// The message that `send` leaves behind.
+/// The message that `send` logs.
 template <typename Send>
 log_line message_of(Send send) {
     fake_platform::clear_reports();
@@ -73,7 +73,7 @@ TEST_F(log_test, every_entry_has_its_name_severity_number_and_format) {
     expect_golden("core/golden/message_catalogue", text);
 }
 
-TEST_F(log_test, the_usual_failures_have_wrappers) {
+TEST_F(log_test, common_failures_have_wrappers) {
     expect_message(message_of([] {
                        errno = EACCES;
                        log_errno("no way in");
@@ -87,16 +87,16 @@ TEST_F(log_test, the_usual_failures_have_wrappers) {
     expect_message(message_of([] { log_error("text"); }), "ERR_GENERAL", 3, 0x1E000021, "text");
 }
 
-TEST_F(log_test, a_long_text_is_cut) {
+TEST_F(log_test, a_long_text_is_truncated) {
     const std::string text(5000, 'a');
     EXPECT_EQ(message_of([&] { log_error(text.c_str()); }).text, std::string(1023, 'a'));
 }
 
-TEST_F(log_test, an_absent_text_is_shown) {
+TEST_F(log_test, a_null_text_is_shown) {
     EXPECT_EQ(message_of([] { log_error(nullptr); }).text, "NULL");
 }
 
-TEST_F(log_test, a_percent_sign_in_a_text_is_no_format) {
+TEST_F(log_test, a_percent_sign_in_a_text_is_not_interpreted) {
     EXPECT_EQ(message_of([] { log_error("100%s %n"); }).text, "100%s %n");
 }
 

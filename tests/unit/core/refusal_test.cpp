@@ -24,7 +24,7 @@ TEST_F(refusal_test, carries_its_text_and_status) {
     free(text);
 }
 
-TEST_F(refusal_test, a_text_ends_after_511_characters) {
+TEST_F(refusal_test, a_text_is_truncated_to_511_characters) {
     for (const size_t length : {511u, 512u}) {
         char* text = nullptr;
         uint32_t accepted = 1;
@@ -34,7 +34,7 @@ TEST_F(refusal_test, a_text_ends_after_511_characters) {
     }
 }
 
-TEST_F(refusal_test, without_memory_it_is_a_refusal_without_a_text) {
+TEST_F(refusal_test, without_memory_it_has_no_text) {
     call_faults::fail_call("strdup", ENOMEM, call_faults::once);
     char* text = nullptr;
     uint32_t accepted = 1;

@@ -38,7 +38,7 @@ uint64_t milliseconds_of(const std::function<void()>& work) {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count());
 }
 
-/// Whether a process exists that is not a zombie.
+/// Whether the process exists and is not a zombie.
 bool is_running(int pid) {
     std::string status;
     std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), status);
@@ -101,12 +101,12 @@ TEST_F(shell_command_test, a_command_that_hangs_is_killed_with_its_descendants) 
     EXPECT_EQ(traced[0].code, static_cast<uint32_t>(core_trace_command_timed_out));
 }
 
-TEST_F(shell_command_test, a_command_that_ignores_every_signal_it_can_is_killed) {
+TEST_F(shell_command_test, a_command_that_ignores_signals_is_killed) {
     EXPECT_EQ(run_shell_command("trap '' TERM INT HUP QUIT; while :; do sleep 1; done", short_limit), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_F(shell_command_test, a_stopped_command_hangs) {
+TEST_F(shell_command_test, a_stopped_command_times_out) {
     EXPECT_EQ(run_shell_command("kill -STOP $$", short_limit), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
 }
@@ -134,10 +134,10 @@ TEST_F(shell_command_test, signals_and_other_children_do_not_end_the_wait) {
         _exit(0);
     }
     EXPECT_EQ(WEXITSTATUS(run_shell_command("sleep 0.3; exit 7", ample)), 7);
-    EXPECT_EQ(waitpid(other, nullptr, 0), other) << "somebody else's child was reaped";
+    EXPECT_EQ(waitpid(other, nullptr, 0), other) << "an unrelated child was reaped";
 }
 
-TEST_F(shell_command_test, a_command_runs_although_no_descriptor_is_left) {
+TEST_F(shell_command_test, a_command_runs_when_all_descriptors_are_in_use) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit few = {20, limit.rlim_max};
@@ -151,7 +151,7 @@ TEST_F(shell_command_test, a_command_runs_although_no_descriptor_is_left) {
     setrlimit(RLIMIT_NOFILE, &limit);  // the leak check at the end needs descriptors
 }
 
-TEST_F(shell_command_test, a_shell_that_cannot_be_started_is_a_failure) {
+TEST_F(shell_command_test, a_missing_shell_is_a_failure) {
     std::filesystem::rename("/bin/sh", "/bin/sh.away");
     errno = 0;
     EXPECT_EQ(run_shell_command("true", ample), -1);
@@ -159,14 +159,14 @@ TEST_F(shell_command_test, a_shell_that_cannot_be_started_is_a_failure) {
     std::filesystem::rename("/bin/sh.away", "/bin/sh");
 }
 
-TEST_F(shell_command_test, within_a_group_no_second_command_is_tried_after_one_has_timed_out) {
+TEST_F(shell_command_test, within_a_group_a_program_is_not_run_again_after_a_timeout) {
     stub_commands::set_delay("systemctl", 5000, 1);
     begin_command_group();
     EXPECT_EQ(run_shell_command("systemctl restart a", tried_once), -1);
     errno = 0;
     EXPECT_EQ(run_shell_command("systemctl restart b", tried_once), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
-    EXPECT_EQ(run_shell_command("nft -f c", short_limit), 0) << "another program is tried";
+    EXPECT_EQ(run_shell_command("nft -f c", short_limit), 0) << "another program is run";
     end_command_group();
     EXPECT_EQ(run_shell_command("systemctl restart d", tried_once), 0);
     begin_command_group();
@@ -176,13 +176,13 @@ TEST_F(shell_command_test, within_a_group_no_second_command_is_tried_after_one_h
                 ElementsAre("systemctl restart a", "nft -f c", "systemctl restart d", "systemctl restart e"));
 }
 
-TEST_F(shell_command_test, outside_of_a_group_every_command_is_tried) {
+TEST_F(shell_command_test, outside_a_group_every_command_is_run) {
     stub_commands::set_delay("systemctl", 5000, 1);
     EXPECT_EQ(run_shell_command("systemctl restart a", tried_once), -1);
     EXPECT_EQ(run_shell_command("systemctl restart b", tried_once), 0);
 }
 
-TEST_F(shell_command_test, an_inner_group_belongs_to_the_outer_one) {
+TEST_F(shell_command_test, a_nested_group_belongs_to_the_outer_one) {
     stub_commands::set_delay("systemctl", 5000, 1);
     begin_command_group();
     EXPECT_EQ(run_shell_command("systemctl restart a", tried_once), -1);

@@ -23,8 +23,8 @@ TEST_F(start_up_banners_test, banners_reach_their_handlers) {
     EXPECT_EQ(read_file("/etc/motd"), "Welcome\n");
 }
 
-// A notice tells of a change; what was there before the start would have none.
-TEST_F(start_up_banners_test, banners_are_there_before_the_servers) {
+// Changes are notified, but a banner that was configured before the start is not.
+TEST_F(start_up_banners_test, banners_are_written_before_the_servers_start) {
     store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, std::nullopt, std::nullopt}));
     fake_platform::set_configured_banner(3, "#Hello#");
     fake_platform::set_aaa_banner("#Welcome#");
@@ -35,8 +35,8 @@ TEST_F(start_up_banners_test, banners_are_there_before_the_servers) {
                 Contains("Banner /var/opt/norvo/norvossh/banner"));
 }
 
-// The platform may have banners of its own where nothing is configured.
-TEST_F(start_up_banners_test, each_banner_alone_is_reason_enough) {
+// The platform may have banners although none is configured.
+TEST_F(start_up_banners_test, either_banner_alone_is_written) {
     for (const uint32_t kind : {2u, 3u}) {
         fake_platform::set_platform_banner(kind, "Stop");
         EXPECT_EQ(start_agent(), START_UP_DONE);
@@ -57,8 +57,8 @@ TEST_F(start_up_banners_test, without_banners_nothing_is_touched) {
     EXPECT_EQ(read_file(paths::banner_file), "old\n");
 }
 
-// They have a status of their own, so that the process manager's records tell them from start-up.
-TEST_F(start_up_banners_test, banner_files_that_cannot_be_made_end_the_process) {
+// Each has its own exit status, so that the process manager's records distinguish it from a failed start-up.
+TEST_F(start_up_banners_test, banner_files_that_cannot_be_created_end_the_process) {
     EXPECT_EQ(start_agent(), START_UP_DONE);
     std::filesystem::create_directories(std::string(paths::banner_file) + "/in_the_way");
     EXPECT_EXIT(fake_platform::notify("/cfg/gl/banner/0x3", 3, fake_platform::text_value("#a#")),

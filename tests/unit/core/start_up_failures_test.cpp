@@ -17,7 +17,7 @@ std::string failure_text(const char* error, const char* message) {
     return std::string("ERR_ERRNO: Error:=") + error + ", " + message;
 }
 
-TEST_F(start_up_failures_test, a_default_unit_that_cannot_be_made_is_told_by_a_debug_line) {
+TEST_F(start_up_failures_test, a_default_unit_that_cannot_be_created_only_prints_a_debug_line) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::fail("vrf_table_lookup", EIO);
     EXPECT_EQ(start_agent(), START_UP_DEFAULT_UNIT);
@@ -41,7 +41,7 @@ TEST_F(start_up_failures_test, a_missing_datastore_library_fails_the_first_bindi
                             "(0x8081c200), Location:=SSH CFG BASE SERVER, Failed to bind to datastore"));
 }
 
-TEST_F(start_up_failures_test, an_inotify_instance_that_cannot_be_made_is_fatal) {
+TEST_F(start_up_failures_test, an_inotify_instance_that_cannot_be_created_is_fatal) {
     call_faults::fail_call("inotify_init1", EMFILE);
     EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 10), "");
     EXPECT_EQ(start_agent(), START_UP_INOTIFY);
@@ -63,7 +63,7 @@ TEST_F(start_up_failures_test, a_pam_directory_that_cannot_be_watched_is_fatal) 
     EXPECT_EQ(fake_platform::count_calls("event_manager_attach_fd"), 0u);
 }
 
-TEST_F(start_up_failures_test, a_file_system_list_that_cannot_be_had_is_fatal) {
+TEST_F(start_up_failures_test, a_file_system_list_that_cannot_be_read_is_fatal) {
     fake_platform::fail("file_system_list_get", EIO);
     EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 34), "");
     EXPECT_EQ(start_agent(), START_UP_FILE_SYSTEM_LIST);
@@ -79,13 +79,13 @@ TEST_F(start_up_failures_test, a_file_system_list_that_cannot_be_stored_is_fatal
     EXPECT_TRUE(fake_platform::logged("ERR_GENERAL", "Failed to store filesystemlist in shared memory"));
 }
 
-TEST_F(start_up_failures_test, a_fips_registration_that_fails_is_fatal) {
+TEST_F(start_up_failures_test, a_failed_fips_registration_is_fatal) {
     fake_platform::fail("datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)", EIO);
     EXPECT_EXIT(std::exit(run_agent()), testing::ExitedWithCode(256 - 6), "");
     EXPECT_EQ(start_agent(), START_UP_FIPS);
 }
 
-TEST_F(start_up_failures_test, an_empty_directory_that_cannot_be_made_is_fatal) {
+TEST_F(start_up_failures_test, an_empty_directory_that_cannot_be_created_is_fatal) {
     remove_path("/var/empty");
     scratch_root::set_read_only("/var", true);
     EXPECT_EQ(start_agent(), START_UP_FILES);
@@ -94,7 +94,7 @@ TEST_F(start_up_failures_test, an_empty_directory_that_cannot_be_made_is_fatal) 
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
 }
 
-TEST_F(start_up_failures_test, a_default_server_file_that_cannot_be_made_is_fatal) {
+TEST_F(start_up_failures_test, a_default_server_file_that_cannot_be_created_is_fatal) {
     remove_path("/var/opt/norvo");
     EXPECT_EQ(start_agent(), START_UP_FILES);
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(failure_text("No such file or directory(0x2)",
@@ -102,20 +102,20 @@ TEST_F(start_up_failures_test, a_default_server_file_that_cannot_be_made_is_fata
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
 }
 
-TEST_F(start_up_failures_test, a_default_client_file_that_cannot_be_made_is_fatal) {
+TEST_F(start_up_failures_test, a_default_client_file_that_cannot_be_created_is_fatal) {
     std::filesystem::create_directories(std::string(paths::client_file) + "/in_the_way");
     EXPECT_EQ(start_agent(), START_UP_FILES);
     EXPECT_TRUE(path_exists(paths::server_file));
     EXPECT_EQ(fake_platform::count_calls("datastore_bind"), 0u);
 }
 
-TEST_F(start_up_failures_test, trace_buffers_are_not_needed) {
+TEST_F(start_up_failures_test, starts_without_trace_buffers) {
     fake_platform::fail("trace_buffer_create", ENOMEM);
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(fake_platform::log_texts().size(), 2u);
 }
 
-TEST_F(start_up_failures_test, a_shelf_manager_is_not_needed) {
+TEST_F(start_up_failures_test, starts_without_a_shelf_manager_handle) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::fail("shelf_manager_create", EIO);
     EXPECT_EQ(start_agent(), START_UP_DONE);
@@ -125,11 +125,11 @@ TEST_F(start_up_failures_test, a_shelf_manager_is_not_needed) {
     EXPECT_EQ(fake_platform::count_calls("shelf_manager_connect"), 0u);
 }
 
-TEST_F(start_up_failures_test, a_shelf_manager_that_is_not_there_is_not_needed) {
+TEST_F(start_up_failures_test, starts_without_a_connection_to_the_shelf_manager) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::fail("shelf_manager_connect", ECONNREFUSED);
     EXPECT_EQ(start_agent(), START_UP_DONE);
-    // The two texts differ by a blank.
+    // The two texts differ by one space.
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre("WARN_ERRNO: Error:=Connection refused(0x6f), Failed to register for upgrade "
                             "notification/Sessions might not shutdown gracefully during system upgrades"));
@@ -138,7 +138,7 @@ TEST_F(start_up_failures_test, a_shelf_manager_that_is_not_there_is_not_needed) 
                                 "notification/Sessions might not shutdowngracefully during system upgrades"));
 }
 
-TEST_F(start_up_failures_test, namespace_messages_are_not_needed) {
+TEST_F(start_up_failures_test, starts_without_namespace_messages) {
     fake_platform::fail("event_manager_attach_message", EIO);
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_THAT(fake_platform::log_texts(),

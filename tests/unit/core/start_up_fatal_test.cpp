@@ -13,7 +13,7 @@ struct fatal_case {
     const char* operation;
     start_up_status status;
     const char* log_line;
-    std::vector<const char*> closing_calls;  ///< of unbinding and closing, in their order
+    std::vector<const char*> closing_calls;  ///< unbind and close calls, in order
 };
 
 constexpr char unbind_server[] = "datastore_unbind(/cfg/gl/crypto/ssh/server/)";
@@ -163,7 +163,7 @@ TEST_P(start_up_fatal_test, is_the_exit_status_of_the_process) {
 
 INSTANTIATE_TEST_SUITE_P(steps, start_up_fatal_test, testing::ValuesIn(fatal_cases));
 
-TEST_F(start_up_status_test, the_exit_statuses_are_these) {
+TEST_F(start_up_status_test, exit_statuses_do_not_change) {
     EXPECT_EQ(START_UP_EVENT_MANAGER, -1);
     EXPECT_EQ(START_UP_DEBUG, -2);
     EXPECT_EQ(START_UP_SERVER_BINDING, -3);

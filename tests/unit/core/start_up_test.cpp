@@ -36,7 +36,7 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
 
 uint32_t flag_during_scan;
 
-TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_complete) {
+TEST_F(start_up_test, stored_configuration_is_applied_before_the_scan_is_marked_complete) {
     store(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 45));
     store(set_number("/cfg/gl/crypto/ssh/server/cmn/max_auth_limit", 4));
     flag_during_scan = 99;
@@ -52,7 +52,7 @@ TEST_F(start_up_test, stored_configuration_is_applied_while_the_scan_is_not_comp
     EXPECT_EQ(agent_handles.initial_scan_complete, 1u);
 }
 
-// Each VRF's server is restarted by a systemctl of its own.
+// Each VRF's server is restarted with a separate systemctl.
 TEST_F(start_up_test, a_hanging_systemctl_is_tried_once_per_commit) {
     constexpr char timeout[] = "/cfg/gl/crypto/ssh/server/cmn/timeout";
     for (const std::string vrf : {"blue", "green", "red"}) {
@@ -97,7 +97,7 @@ TEST_F(start_up_test, changes_reach_their_appliers_from_every_binding) {
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(fake_platform::commit(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 50)).status, PLATFORM_OK);
     EXPECT_THAT(file_lines(paths::server_file), Contains("LoginGraceTime 50"));
-    // The table does not tell the bindings apart.
+    // The item table does not distinguish the bindings.
     EXPECT_EQ(fake_platform::commit(set_number("/cfg/gl/crypto/ssh/sshd_backup/cmn/timeout", 51)).status, PLATFORM_OK);
     EXPECT_THAT(file_lines(paths::server_file), Contains("LoginGraceTime 51"));
     EXPECT_EQ(fake_platform::commit(set_number("/cfg/gl/crypto/ssh/client/v1", 1)).status, PLATFORM_OK);
@@ -136,7 +136,7 @@ TEST_F(start_up_test, the_file_system_list_is_published) {
     EXPECT_STREQ(read_file("/dev/shmem/shm_filesystem_list").c_str(), "disk0: harddisk: ");
 }
 
-TEST_F(start_up_test, announces_itself) {
+TEST_F(start_up_test, announces_the_start) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     fake_platform::set_respawn_count(3);
     EXPECT_EQ(start_agent(), START_UP_DONE);
@@ -153,7 +153,7 @@ TEST_F(start_up_test, a_node_that_is_not_primary_reports_ready_and_waits) {
                             "process_manager_respawn_count()", "process_manager_ready()"));
 }
 
-TEST_F(start_up_test, a_wait_that_fails_ends_with_status_1_and_no_word) {
+TEST_F(start_up_test, a_failed_wait_ends_silently_with_status_1) {
     fake_platform::set_role(0);
     fake_platform::fail("process_manager_wait_primary", EIO);
     EXPECT_EQ(start_agent(), START_UP_NOT_PRIMARY);
@@ -161,12 +161,12 @@ TEST_F(start_up_test, a_wait_that_fails_ends_with_status_1_and_no_word) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
     EXPECT_EQ(fake_platform::count_calls("debug_flag_register"), 0u);
     EXPECT_FALSE(path_exists("/var/empty"));
-    // Its PAM file is kept all the same.
+    // The PAM file is maintained nevertheless.
     EXPECT_TRUE(path_exists("/etc/pam.d/norvosshd"));
     EXPECT_EQ(fake_platform::count_calls("event_manager_attach_fd"), 2u);
 }
 
-TEST_F(start_up_test, the_agent_goes_on_in_its_loop) {
+TEST_F(start_up_test, the_agent_continues_in_its_loop) {
     fake_platform::queue_block_failure(EINTR);
     fake_platform::queue_event([] { std::exit(agent_handles.initial_scan_complete == 1 ? 42 : 1); });
     EXPECT_EXIT(run_agent(), testing::ExitedWithCode(42), "");

@@ -1,4 +1,4 @@
-/// What the tests of start-up share.
+/// Helpers of the start-up tests.
 #ifndef UNIT_CORE_START_UP_TEST_H
 #define UNIT_CORE_START_UP_TEST_H
 

@@ -13,7 +13,7 @@ TEST(text_test, formats_into_the_buffer) {
     EXPECT_STREQ(buffer, "vrf-7");
 }
 
-TEST(text_test, cuts_formatted_text_at_the_buffers_end) {
+TEST(text_test, truncates_formatted_text_at_the_end_of_the_buffer) {
     char buffer[8];
     std::memset(buffer, 'x', sizeof buffer);
     EXPECT_EQ(format_text(buffer, 5, "%s", "123456"), 4u);
@@ -36,7 +36,7 @@ TEST(text_test, formatting_leaves_errno_alone) {
     EXPECT_EQ(errno, EBUSY);
 }
 
-TEST(text_test, copies_and_cuts) {
+TEST(text_test, copies_and_truncates) {
     char buffer[4];
     EXPECT_EQ(copy_text(buffer, sizeof buffer, "abc"), 3u);
     EXPECT_STREQ(buffer, "abc");
@@ -44,13 +44,13 @@ TEST(text_test, copies_and_cuts) {
     EXPECT_STREQ(buffer, "abc");
 }
 
-TEST(text_test, copies_an_absent_text_as_an_empty_one) {
+TEST(text_test, copies_a_null_text_as_an_empty_one) {
     char buffer[4] = "abc";
     EXPECT_EQ(copy_text(buffer, sizeof buffer, nullptr), 0u);
     EXPECT_STREQ(buffer, "");
 }
 
-TEST(text_test, compares_beginnings) {
+TEST(text_test, compares_prefixes) {
     EXPECT_TRUE(begins_with("vrf-red", "vrf-"));
     EXPECT_TRUE(begins_with("vrf-", "vrf-"));
     EXPECT_TRUE(begins_with("red", ""));

@@ -30,7 +30,7 @@ std::string labels_of(const trace_point& point) {
     return labels;
 }
 
-/// The points of one buffer as lines of a manual page.
+/// The points of one buffer as lines of the manual page.
 std::string manual_entries(std::span<const trace_point> points) {
     std::string text;
     for (const trace_point& point : points) {
@@ -87,7 +87,7 @@ TEST(trace_table_test, names_and_labels_are_unique_where_they_must_be) {
     }
 }
 
-TEST(trace_table_test, a_module_keeps_to_its_range_of_codes) {
+TEST(trace_table_test, a_module_uses_only_its_range_of_codes) {
     const std::vector<std::string_view> modules = {"core", "config_files", "vrf",  "appliers", "fips",
                                                    "acl",  "host",         "oper", "reconcile"};
     for (const trace_point& point : all_points()) {
@@ -98,7 +98,7 @@ TEST(trace_table_test, a_module_keeps_to_its_range_of_codes) {
     }
 }
 
-TEST(trace_table_test, constants_carry_the_codes_of_their_rows) {
+TEST(trace_table_test, constants_equal_the_codes_of_their_rows) {
     EXPECT_EQ(static_cast<uint32_t>(appliers_trace_timeout), 0x402u);
     const auto points = agent_trace_table.events;
     EXPECT_TRUE(std::any_of(points.begin(), points.end(), [](const trace_point& point) {

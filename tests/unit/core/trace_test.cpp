@@ -35,14 +35,14 @@ TEST_F(trace_test, entries_go_to_their_buffer) {
     EXPECT_THAT(events[0].arguments, ElementsAre());
 }
 
-TEST_F(trace_test, a_fourth_argument_is_left_out_and_an_absent_text_is_shown) {
+TEST_F(trace_test, a_fourth_argument_is_dropped_and_a_null_text_is_shown) {
     trace_initialise();
     trace_error(trace_error_point{1}, {static_cast<const char*>(nullptr), 2, 3, 4});
     ASSERT_EQ(fake_platform::trace_lines().size(), 1u);
     EXPECT_THAT(fake_platform::trace_lines()[0].arguments, ElementsAre("NULL", "2", "3"));
 }
 
-TEST_F(trace_test, a_buffer_that_cannot_be_created_is_logged_and_stays_silent) {
+TEST_F(trace_test, a_failed_buffer_is_logged_and_stays_silent) {
     fake_platform::fail("trace_buffer_create", ENOMEM, 1);
     trace_initialise();
     EXPECT_THAT(fake_platform::log_texts(),
@@ -54,7 +54,7 @@ TEST_F(trace_test, a_buffer_that_cannot_be_created_is_logged_and_stays_silent) {
     EXPECT_EQ(fake_platform::trace_lines()[0].buffer, "ssh/cfg-agent/event");
 }
 
-TEST_F(trace_test, the_event_buffer_fails_under_its_own_name) {
+TEST_F(trace_test, the_event_buffer_is_logged_under_its_own_name) {
     fake_platform::fail("trace_buffer_create", ENOMEM, 1, 2);
     trace_initialise();
     EXPECT_THAT(fake_platform::log_texts(),

@@ -21,7 +21,7 @@ TEST_F(upcalls_test, publishing_without_telemetry_does_nothing) {
     EXPECT_EQ(publications, 0u);
 }
 
-TEST_F(upcalls_test, publishing_calls_telemetry_once) {
+TEST_F(upcalls_test, publishing_calls_telemetry) {
     agent_upcalls = upcalls{};
     agent_upcalls.ocssh_telemetry_publish = count_publication;
     publications = 0;

@@ -27,7 +27,7 @@ std::string text(const char* call, const char* answer) {
     return ctl_find_call(call)->text(control_json_parse(answer, error).value());
 }
 
-TEST(ctl_calls, make_the_requests_that_the_agent_knows) {
+TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("set", {"/a", "[null,1]"}), R"({"call":"set","path":"/a","word":"[null,1]"})");
     EXPECT_EQ(request("delete", {"/a"}), R"({"call":"delete","path":"/a"})");
     EXPECT_EQ(request("get", {"/a"}), R"({"call":"get","path":"/a"})");
@@ -66,7 +66,7 @@ TEST(ctl_calls, acl_set_sends_lines_or_entries) {
     EXPECT_EQ(made("acl", {"set", "--empty", "ipv4", "ops"}).problem["result"], "usage");
 }
 
-TEST(ctl_calls, an_unblocked_vrf_is_answered_with_what_was_opened) {
+TEST(ctl_calls, an_unblocked_vrf_is_answered_with_the_opened_services) {
     EXPECT_EQ(text("vrf", R"({"vrf":"red","data":["ssh ipv4","ssh ipv6"]})"),
               "opened in VRF red: ssh ipv4, ssh ipv6\n");
     EXPECT_EQ(text("vrf", R"({"vrf":"red","data":[]})"), "nothing is blocked in VRF red\n");
@@ -74,7 +74,7 @@ TEST(ctl_calls, an_unblocked_vrf_is_answered_with_what_was_opened) {
               "name  blocked  closed\nred   no       ssh ipv4, ssh ipv6\n");
 }
 
-TEST(ctl_calls, key_import_sends_what_the_file_holds) {
+TEST(ctl_calls, key_import_sends_the_content_of_the_file) {
     const std::string file = testing::TempDir() + "ctl_calls_test.pub";
     std::ofstream(file) << "# mine\nssh-rsa AAAA me\n";
     EXPECT_EQ(request("key", {"import", "alice", file}),
@@ -86,7 +86,7 @@ TEST(ctl_calls, key_import_sends_what_the_file_holds) {
                 HasSubstr("/nowhere"));
 }
 
-TEST(ctl_calls, reload_takes_a_timeout_that_makes_sense) {
+TEST(ctl_calls, reload_checks_its_timeout) {
     for (const char* timeout : {"0", "3601", "-1", "x", "1s", "", "99999999999"}) {
         const ctl_request wrong = made("reload", {"--timeout", timeout});
         EXPECT_EQ(wrong.problem["result"], "usage") << timeout;
@@ -101,7 +101,7 @@ TEST(ctl_calls, keys_are_a_table) {
     EXPECT_EQ(text("key", R"({"result":"done"})"), "");
 }
 
-TEST(ctl_calls, load_takes_its_option_before_or_behind_the_file) {
+TEST(ctl_calls, load_accepts_its_option_before_or_after_the_file) {
     const std::string file = testing::TempDir() + "ctl_calls_test.json";
     std::ofstream(file) << R"({"/a": null})";
     EXPECT_EQ(request("load", {file}), R"({"call":"load","check":false,"items":{"/a":null}})");
@@ -112,7 +112,7 @@ TEST(ctl_calls, load_takes_its_option_before_or_behind_the_file) {
     EXPECT_EQ(made("load", {file}).problem["result"], "refused");
 }
 
-TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
+TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
     const std::pair<const char*, std::vector<std::string>> rows[] = {
         {"set", {"/a"}},
         {"set", {"/a", "1", "2"}},
@@ -151,7 +151,7 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_problem_without_a_message) {
     }
 }
 
-TEST(ctl_calls, bytes_that_are_no_text_are_refused_before_json_alters_them) {
+TEST(ctl_calls, invalid_utf_8_is_refused_before_json_alters_it) {
     const ctl_request refused = made("set", {"/a", "b\xff"});
     EXPECT_EQ(refused.problem["result"], "refused");
     EXPECT_EQ(refused.problem["message"], "\"b\\xff\" is not valid UTF-8");
@@ -162,17 +162,17 @@ TEST(ctl_calls, an_unknown_call_has_no_row) {
     EXPECT_EQ(ctl_find_call(""), nullptr);
 }
 
-TEST(ctl_texts, values_are_shown_in_the_notation_they_are_given_in) {
+TEST(ctl_texts, values_are_shown_in_the_notation_of_the_input) {
     EXPECT_EQ(text("get", R"({"data":30})"), "30\n");
     EXPECT_EQ(text("get", R"({"data":"corp-ca"})"), "\"corp-ca\"\n");
     EXPECT_EQ(text("get", R"({"data":[null,"a",true]})"), "[null,\"a\",true]\n");
 }
 
-TEST(ctl_texts, names_stand_one_a_line) {
+TEST(ctl_texts, names_are_printed_one_per_line) {
     EXPECT_EQ(text("list", R"({"data":["a","b"]})"), "a\nb\n");
 }
 
-TEST(ctl_texts, a_change_is_silent_and_a_load_counts) {
+TEST(ctl_texts, a_change_is_silent_and_a_load_prints_a_count) {
     EXPECT_EQ(text("set", R"({"items":[{"path":"/a","outcome":"created"}]})"), "");
     EXPECT_EQ(
         text("load", R"({"check":false,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"},
@@ -181,13 +181,13 @@ TEST(ctl_texts, a_change_is_silent_and_a_load_counts) {
     EXPECT_EQ(text("load", R"({"items":[]})"), "nothing to change\n");
 }
 
-TEST(ctl_texts, a_check_tells_each_change) {
+TEST(ctl_texts, a_check_lists_each_change) {
     EXPECT_EQ(text("load",
                    R"({"check":true,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"}]})"),
               "created  /a\n1 created, 1 unchanged (checked only, nothing stored)\n");
 }
 
-TEST(ctl_texts, a_traced_status_has_its_text) {
+TEST(ctl_texts, a_traced_status_is_shown_with_its_text) {
     EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":1,"name":"vrf.start","error":"No such file",)"
                             R"("arguments":{"vrf":"red","status":2}}]})"),
               "T  vrf.start  vrf \"red\", status 2 (No such file)\n");
@@ -196,7 +196,7 @@ TEST(ctl_texts, a_traced_status_has_its_text) {
               "T  acl.bind  status 0x40818200 (absent)\n");
 }
 
-TEST(ctl_texts, traces_are_lines) {
+TEST(ctl_texts, traces_are_printed_as_lines) {
     EXPECT_EQ(text("trace", R"({"data":[{"time":"T","point":1026,"name":"appliers.timeout",)"
                             R"("arguments":{"event":3,"value":"a\nb"}}]})"),
               "T  appliers.timeout  event 3, value \"a\\x0ab\"\n");
@@ -207,7 +207,7 @@ TEST(ctl_texts, traces_are_lines) {
     EXPECT_EQ(text("trace", R"({"data":[]})"), "no entries\n");
 }
 
-TEST(ctl_texts, the_status_names_what_is_not_carried_out) {
+TEST(ctl_texts, the_status_names_what_is_not_in_force) {
     EXPECT_EQ(
         text("status", R"({"data":{"pid":5,"vrfs":[],"not_carried_out":[{"path":"/cfg/a","reason":"no \u001bway"}]}})"),
         text("status", R"({"data":{"pid":5,"vrfs":[]}})") +

@@ -24,7 +24,7 @@ TEST(ctl_command_line, defaults) {
     EXPECT_EQ(line.socket_path, "/run/ssh_cfg_agent/control.sock");
 }
 
-TEST(ctl_command_line, what_follows_the_call_is_the_calls_own) {
+TEST(ctl_command_line, arguments_after_the_call_belong_to_the_call) {
     EXPECT_THAT(ctl_parse_command_line({"set", "/a", "-5"}).call, ElementsAre("set", "/a", "-5"));
     EXPECT_THAT(ctl_parse_command_line({"load", "--check", "-"}).call, ElementsAre("load", "--check", "-"));
     EXPECT_THAT(ctl_parse_command_line({"--", "--json"}).call, ElementsAre("--json"));
@@ -36,7 +36,7 @@ TEST(ctl_command_line, help_and_version) {
     EXPECT_EQ(ctl_parse_command_line({"--version"}).action, ctl_action::version);
 }
 
-TEST(ctl_command_line, says_what_is_wrong) {
+TEST(ctl_command_line, reports_errors) {
     EXPECT_THAT(ctl_parse_command_line({"--jsn", "status"}).error, HasSubstr("unknown option '--jsn'"));
     EXPECT_THAT(ctl_parse_command_line({"--socket"}).error, HasSubstr("requires a value"));
     EXPECT_FALSE(ctl_parse_command_line({}).error.empty());

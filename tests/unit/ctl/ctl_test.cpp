@@ -20,7 +20,7 @@ struct outcome {
     std::string errors;
 };
 
-/// Runs the tool against an agent that gives this answer.
+/// Runs the tool against an agent that answers with `answer`.
 outcome run(const std::vector<std::string>& arguments, const std::string& answer = {}) {
     std::vector<std::string> all = {"--timeout", "5", "--socket", fake_agent::path()};
     all.insert(all.end(), arguments.begin(), arguments.end());
@@ -47,7 +47,7 @@ TEST(ctl_run, every_result_has_its_exit_status_and_its_text_on_standard_error) {
     }
 }
 
-TEST(ctl_run, data_is_printed_in_either_form) {
+TEST(ctl_run, data_is_printed_as_text_or_json) {
     const std::string answer = R"({"result":"done","data":[{"name":"default","blocked":true}]})";
     const outcome plain = run({"vrf", "list"}, answer);
     EXPECT_EQ(plain.status, 0);
@@ -64,7 +64,7 @@ TEST(ctl_run, a_change_is_silent_unless_json_is_wanted) {
     EXPECT_EQ(run({"debug", "cfg-agent", "on"}, R"({"result":"done"})").output, "");
 }
 
-TEST(ctl_run, warnings_are_on_standard_error_and_the_change_is_done) {
+TEST(ctl_run, warnings_go_to_standard_error_and_the_change_is_made) {
     const std::string answer = R"({"result":"done","items":[],"warnings":["VRF blue: open","VRF red:\u001b open"]})";
     const std::string errors = "ssh_cfg_ctl: warning: VRF blue: open\nssh_cfg_ctl: warning: VRF red:\\x1b open\n";
     const outcome plain = run({"set", "/a", "1"}, answer);
@@ -77,7 +77,7 @@ TEST(ctl_run, warnings_are_on_standard_error_and_the_change_is_done) {
     EXPECT_EQ(json.errors, errors);
 }
 
-TEST(ctl_run, what_is_stored_but_not_in_force_has_a_status_of_its_own) {
+TEST(ctl_run, stored_but_not_in_force_has_its_own_exit_status) {
     const std::string answer =
         R"({"result":"not_in_force","check":false,"items":[{"path":"/a","outcome":"changed"}],)"
         R"("message":"stored, not in force: server mgmt: exit status 1\nstored, not in force: file /b: no space",)"
@@ -115,7 +115,7 @@ TEST(ctl_run, verify_prints_the_differences_and_fails) {
     EXPECT_EQ(json.output, data + "\n");
 }
 
-TEST(ctl_run, repair_prints_what_it_did) {
+TEST(ctl_run, repair_prints_what_it_repaired) {
     EXPECT_EQ(run({"repair"}, R"({"result":"done","data":{"repaired":[],"remaining":[]}})").output,
               "nothing to repair\n");
     const outcome rest = run({"repair"}, R"({"result":"failed","message":"1 difference could not be repaired",)"
@@ -126,18 +126,18 @@ TEST(ctl_run, repair_prints_what_it_did) {
     EXPECT_EQ(rest.errors, "ssh_cfg_ctl: 1 difference could not be repaired\n");
 }
 
-TEST(ctl_run, each_line_of_a_refusal_is_a_line_and_harmless_for_a_terminal) {
+TEST(ctl_run, each_line_of_a_refusal_is_a_line_and_safe_for_a_terminal) {
     EXPECT_EQ(run({"get", "/a"}, R"({"result":"refused","message":"one\ntwo\u001b[2J"})").errors,
               "ssh_cfg_ctl: one\nssh_cfg_ctl: two\\x1b[2J\n");
 }
 
 TEST(ctl_run, an_answer_with_members_of_the_wrong_type_is_a_failure) {
     EXPECT_EQ(run({"get", "/a"}, R"({"result":5})").status, 1);
-    EXPECT_EQ(run({"load", "/dev/null"}, R"({"result":"done","items":7})").status, 5) << "an empty file is no JSON";
+    EXPECT_EQ(run({"load", "/dev/null"}, R"({"result":"done","items":7})").status, 5) << "an empty file is not JSON";
     EXPECT_EQ(run({"trace", "error"}, R"({"result":"done","data":[{"point":"x"}]})").status, 1);
 }
 
-/// Runs the tool against an agent that gives these answers one after the other; what it asked is left in `requests`.
+/// Runs the tool against an agent that gives these answers in turn; `requests` receives what the tool sent.
 outcome run_on(const std::vector<std::string>& answers, std::vector<std::string>& requests) {
     fake_agent agent(answers);
     testing::internal::CaptureStdout();
@@ -147,7 +147,7 @@ outcome run_on(const std::vector<std::string>& answers, std::vector<std::string>
     return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
 }
 
-TEST(ctl_run, goes_on_asking_until_an_answer_is_the_last) {
+TEST(ctl_run, sends_requests_until_the_last_answer) {
     const std::string waiting = R"({"result":"done","next":{"call":"reload_state","number":7}})";
     std::vector<std::string> requests;
     EXPECT_EQ(run_on({waiting, waiting, R"({"result":"done"})"}, requests).status, 0);
@@ -159,7 +159,7 @@ TEST(ctl_run, goes_on_asking_until_an_answer_is_the_last) {
     EXPECT_EQ(run_on({waiting, ""}, requests).status, 3);
 }
 
-TEST(ctl_run, usage_errors_say_how_it_is_done) {
+TEST(ctl_run, usage_errors_show_the_usage) {
     const outcome unknown = run({"stauts"});
     EXPECT_EQ(unknown.status, 2);
     EXPECT_THAT(unknown.errors, HasSubstr("unknown call 'stauts'; did you mean 'status'?"));

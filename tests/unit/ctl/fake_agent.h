@@ -1,4 +1,4 @@
-/// An agent that reads one request and answers with given bytes, for tests of the tool.
+/// An agent that reads one request and sends a prepared answer, for tests of the tool.
 #ifndef UNIT_CTL_FAKE_AGENT_H
 #define UNIT_CTL_FAKE_AGENT_H
 
@@ -20,8 +20,8 @@
 
 class fake_agent {
   public:
-    /// Each connection gets the next of the answers: JSON documents, one a line, framed here; "" hangs up without one, a
-    /// last line "..." waits until the peer hangs up.
+    /// Each connection gets the next of the answers. An answer consists of JSON documents, one per line, which are sent
+    /// as frames; "" closes the connection without an answer, and a last line "..." waits until the peer closes it.
     explicit fake_agent(std::vector<std::string> given, size_t read_limit = SIZE_MAX)
         : answers(std::move(given)), request_limit(read_limit) {
         listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -44,7 +44,7 @@ class fake_agent {
 
     static std::string path() { return testing::TempDir() + "fake_agent_" + std::to_string(getpid()) + ".sock"; }
 
-    /// The requests so far; to be read when the tool has ended.
+    /// The requests so far; to be read after the tool has ended.
     std::vector<std::string> requests;
 
   private:
@@ -72,7 +72,7 @@ class fake_agent {
         const auto header = control_frame_header(static_cast<uint32_t>(document.size()));
         const std::string frame = std::string(header.begin(), header.end()) + document;
         const ssize_t sent = send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
-        // A tool that was interrupted has hung up.
+        // An interrupted tool has closed the connection.
         EXPECT_TRUE(sent == static_cast<ssize_t>(frame.size()) || errno == EPIPE || errno == ECONNRESET);
     }
 

@@ -23,7 +23,7 @@ struct scratch_file {
     ~scratch_file() { unlink(name.c_str()); }
 };
 
-TEST(ctl_read_file, gives_the_whole_file) {
+TEST(ctl_read_file, returns_the_whole_file) {
     const std::string text = std::string(200'000, 'x') + '\0' + "end";
     const scratch_file file(text);
     control_json problem;
@@ -31,7 +31,7 @@ TEST(ctl_read_file, gives_the_whole_file) {
     EXPECT_TRUE(problem.is_null());
 }
 
-TEST(ctl_read_file, says_which_file_cannot_be_read) {
+TEST(ctl_read_file, names_the_file_that_cannot_be_read) {
     control_json problem;
     EXPECT_FALSE(ctl_read_file("/nowhere/at/all", problem).has_value());
     EXPECT_EQ(problem["result"], "failed");
@@ -55,7 +55,7 @@ TEST(ctl_read_json_file, reads_a_document) {
     EXPECT_EQ(control_json_text(*document), "{\"/a\":1}");
 }
 
-TEST(ctl_read_json_file, says_where_the_mistake_is) {
+TEST(ctl_read_json_file, reports_the_position_of_the_error) {
     const scratch_file broken("{\n\"/a\": 1,\n}\n");
     const scratch_file doubled("{\"/a\": 1, \"/a\": 2}");
     control_json problem;

@@ -8,7 +8,7 @@ namespace {
 
 const std::vector<std::string_view> calls = {"set", "delete", "load", "get", "list", "dump", "show", "status"};
 
-TEST(ctl_nearest, finds_what_was_meant) {
+TEST(ctl_nearest, finds_the_intended_word) {
     EXPECT_EQ(ctl_nearest("lod", calls), "load");
     EXPECT_EQ(ctl_nearest("laod", calls), "load");
     EXPECT_EQ(ctl_nearest("stauts", calls), "status");
@@ -17,7 +17,7 @@ TEST(ctl_nearest, finds_what_was_meant) {
     EXPECT_EQ(ctl_nearest("dump", calls), "dump");
 }
 
-TEST(ctl_nearest, offers_nothing_far_away) {
+TEST(ctl_nearest, suggests_nothing_too_different) {
     EXPECT_EQ(ctl_nearest("xyzzy", calls), "");
     EXPECT_EQ(ctl_nearest("", calls), "");
     EXPECT_EQ(ctl_nearest("q", calls), "");

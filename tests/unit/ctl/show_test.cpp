@@ -87,7 +87,7 @@ constexpr char detail[] = R"({"IncomingSessions":[],"OutgoingConnections":[
     {"SessionID":8,"KeyExchange":77,"PublicKey":-1,"InCipher":6,"OutCipher":6,"InMAC":3,"OutMAC":3,
      "Start_Time":"","End_Time":""}]})";
 
-TEST(ctl_show_text, algorithms_by_name_and_no_column_that_nobody_fills) {
+TEST(ctl_show_text, algorithms_by_name_without_empty_columns) {
     EXPECT_EQ(shown("ssh_session_detail", detail),
               "Incoming sessions\n"
               "  no sessions\n"
@@ -113,7 +113,7 @@ TEST(ctl_show_text, algorithms_on_a_narrow_terminal) {
               "  8   77                 -            aes256-ctr         hmac-sha2-512\n");
 }
 
-TEST(ctl_show_text, times_have_columns_when_a_session_has_them) {
+TEST(ctl_show_text, times_have_columns_if_a_session_has_them) {
     const std::string text = shown("sshd_kexinfo", R"([{"SessionID":1,"KexName":"k","HostKeyAlg":"","InCipher":"c",
         "OutCipher":"c","InMac":"m","OutMac":"m","Start_Time":"12:00","End_Time":""}])");
     EXPECT_EQ(text,
@@ -195,13 +195,13 @@ TEST(ctl_show_text, server_parameters_are_a_list) {
               "User name in certificates:            Common name(CN)\n");
 }
 
-TEST(ctl_show_text, every_parameter_is_a_line_when_nothing_bounds_it) {
+TEST(ctl_show_text, every_parameter_fits_on_a_line_of_unlimited_width) {
     const std::string text = shown("ssh_server_params", parameters);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 27);
     EXPECT_THAT(text, HasSubstr("aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com\n"));
 }
 
-TEST(ctl_show_text, the_state_that_telemetry_tells) {
+TEST(ctl_show_text, the_state_published_by_telemetry) {
     EXPECT_EQ(shown("overlay_crypto_ssh_system", R"({"SshServer":{"State":{"Enable":true,"ProtocolVersion":0,
                     "Timeout":30,"RateLimit":60,"SessionLimit":null}}})"),
               "Enabled:           yes\n"
@@ -211,7 +211,7 @@ TEST(ctl_show_text, the_state_that_telemetry_tells) {
               "Session limit:     -\n");
 }
 
-TEST(ctl_show_text, what_comes_from_afar_cannot_command_a_terminal) {
+TEST(ctl_show_text, remote_text_contains_no_control_sequences) {
     const std::string text = shown("sshd_sessioninfo", R"([{"SessionID":1,"UserID":"\u001b]0;mine\u0007",
         "Host":"a\r\nb\u009b2J\u202egnp","AuthenMethod":"\u0000","McInfo":[{"Line":"\u001b[1m\t"}]}])");
     for (const char byte : text) {
@@ -222,7 +222,7 @@ TEST(ctl_show_text, what_comes_from_afar_cannot_command_a_terminal) {
     EXPECT_THAT(text, HasSubstr("a\\x0d\\x0ab\\xc2\\x9b2J\\xe2\\x80\\xaegnp"));
 }
 
-TEST(ctl_show_text, records_that_are_not_as_expected_are_shown_all_the_same) {
+TEST(ctl_show_text, unexpected_records_are_shown_nevertheless) {
     for (const char* record : {"ssh_session_brief", "ssh_session_detail", "ssh_session_rekey", "sshd_sessioninfo",
                                "sshd_kexinfo", "sshd_rekey", "ssh_server_params", "overlay_crypto_ssh_system"}) {
         for (const char* data : {"null", "7", "[]", "{}", "[1,[]]", R"([{"McInfo":7}])", R"([{"McInfo":[7,{}]}])",
@@ -233,7 +233,7 @@ TEST(ctl_show_text, records_that_are_not_as_expected_are_shown_all_the_same) {
     }
 }
 
-TEST(ctl_show_text, other_records_go_by_their_fields) {
+TEST(ctl_show_text, other_records_are_shown_by_their_fields) {
     EXPECT_EQ(shown("some_record", R"([{"SessionID":1,"UserID":"a"}])"), "SessionID  UserID\n1          a\n");
     EXPECT_EQ(ctl_show_text({{"data", {{"a", 1}}}}, 0), "a: 1\n");
 }
@@ -253,7 +253,7 @@ TEST(ctl_show_text, fits_every_terminal) {
     }
 }
 
-TEST(ctl_explain_no_data, says_that_there_are_no_sessions) {
+TEST(ctl_explain_no_data, reports_that_there_are_no_sessions) {
     for (const char* path : {"/oper/crypto-ssh/gl/session_xml/brief", "/oper/crypto-ssh/gl/sshddata/detail/",
                              "/oper/crypto-ssh/client/rekey"}) {
         control_json answer = control_answer(control_result::no_data, "no data");
@@ -262,7 +262,7 @@ TEST(ctl_explain_no_data, says_that_there_are_no_sessions) {
     }
 }
 
-TEST(ctl_explain_no_data, says_it_of_sessions_only) {
+TEST(ctl_explain_no_data, only_for_sessions) {
     const auto message = [](const char* call, const char* path, control_result result) {
         control_json answer = control_answer(result, "as it was");
         ctl_explain_no_data({{"call", call}, {"path", path}}, answer);
@@ -277,7 +277,7 @@ TEST(ctl_explain_no_data, says_it_of_sessions_only) {
     EXPECT_EQ(message("show", sessions, control_result::failed), "as it was");
 }
 
-TEST(ctl_value_name, names_what_the_platforms_sessions_report) {
+TEST(ctl_value_name, covers_the_values_that_the_responder_reports) {
     EXPECT_STREQ(ctl_value_name("states_en", openssh::session_negotiating), "negotiating");
     EXPECT_STREQ(ctl_value_name("states_en", openssh::session_authenticating), "authenticating");
     EXPECT_STREQ(ctl_value_name("states_en", openssh::session_established), "established");

@@ -32,7 +32,7 @@ TEST(ctl_status, has_one_line_for_each_vrf) {
               "default  ssh netconf  present    running  22 830  current  2 loaded      no\n");
 }
 
-TEST(ctl_status, fits_the_usual_terminal_as_long_as_all_is_well) {
+TEST(ctl_status, fits_the_usual_terminal_when_nothing_is_wrong) {
     const std::string json = std::string(R"({"pid":5,"vrfs":[)") + sound_vrf + "]}";
     EXPECT_EQ(text(json, 80), text(json));
 }
@@ -56,7 +56,7 @@ TEST(ctl_status, has_a_line_for_each_problem) {
         "/cfg/a: no way\n");
 }
 
-TEST(ctl_status, shows_what_is_unknown) {
+TEST(ctl_status, shows_unknown_states) {
     EXPECT_EQ(text(R"({"vrfs":[{"name":"red","services":[],"namespace":true,"unit":null,"ports":[],"file":null,)"
                    R"("access_lists":[],"blocked":true}]})"),
               "\n"
@@ -64,7 +64,7 @@ TEST(ctl_status, shows_what_is_unknown) {
               "red  none      present    unknown  none   -     none          yes\n");
 }
 
-TEST(ctl_status, of_a_standby_is_short) {
+TEST(ctl_status, is_short_on_a_standby) {
     EXPECT_EQ(text(R"({"role":"standby","vrfs":[],"not_in_force":[],"problems":[],"not_carried_out":[]})"),
               "role: standby\n");
 }

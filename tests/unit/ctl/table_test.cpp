@@ -23,7 +23,7 @@ size_t widest_line(const std::string& text) {
     return widest;
 }
 
-TEST(ctl_wrapped, cuts_behind_the_last_break_that_fits) {
+TEST(ctl_wrapped, breaks_after_the_last_break_that_fits) {
     EXPECT_THAT(ctl_wrapped("aes128-ctr,aes256-ctr,aes128-cbc", 24, ","),
                 ElementsAre("aes128-ctr,aes256-ctr,", "aes128-cbc"));
     EXPECT_THAT(ctl_wrapped("one two three", 7, " "), ElementsAre("one two", "three"));
@@ -31,19 +31,19 @@ TEST(ctl_wrapped, cuts_behind_the_last_break_that_fits) {
     EXPECT_THAT(ctl_wrapped("a  b", 1, " "), ElementsAre("a", "b"));
 }
 
-TEST(ctl_wrapped, cuts_anywhere_when_it_must) {
+TEST(ctl_wrapped, breaks_anywhere_if_necessary) {
     EXPECT_THAT(ctl_wrapped("abcdefgh", 3, " "), ElementsAre("abc", "def", "gh"));
     EXPECT_THAT(ctl_wrapped("üüüü", 3, " "), ElementsAre("üüü", "ü"));
     EXPECT_THAT(ctl_wrapped("abc,defgh", 3, ","), ElementsAre("abc", ",de", "fgh"));
 }
 
-TEST(ctl_wrapped, leaves_what_fits) {
+TEST(ctl_wrapped, leaves_a_text_that_fits) {
     EXPECT_THAT(ctl_wrapped("", 5, " "), ElementsAre(""));
     EXPECT_THAT(ctl_wrapped("abcde", 5, " "), ElementsAre("abcde"));
     EXPECT_THAT(ctl_wrapped(std::string(1000, 'x'), 0, " "), ElementsAre(std::string(1000, 'x')));
 }
 
-TEST(ctl_wrapped, loses_nothing_but_blanks) {
+TEST(ctl_wrapped, loses_only_spaces) {
     const std::string text = "diffie-hellman-group14-sha256,ecdh-sha2-nistp256,  curve25519-sha256 and-more";
     for (size_t width = 1; width < 100; width++) {
         std::string joined;
@@ -58,7 +58,7 @@ TEST(ctl_wrapped, loses_nothing_but_blanks) {
     }
 }
 
-TEST(ctl_table_text, a_wide_line_has_everything_in_one) {
+TEST(ctl_table_text, a_wide_line_fits_every_column) {
     EXPECT_EQ(ctl_table_text(sessions, 0, 0),
               "ID  User                     Host                               Channel  Line\n"
               "1   operator                 192.0.2.7                          0        vty 3\n"
@@ -67,7 +67,7 @@ TEST(ctl_table_text, a_wide_line_has_everything_in_one) {
     EXPECT_EQ(ctl_table_text(sessions, 78, 0), ctl_table_text(sessions, 0, 0));
 }
 
-TEST(ctl_table_text, a_narrow_line_narrows_the_widest_columns) {
+TEST(ctl_table_text, on_a_narrow_line_the_widest_columns_shrink) {
     EXPECT_EQ(ctl_table_text(sessions, 60, 2),
               "  ID  User            Host              Channel  Line\n"
               "  1   operator        192.0.2.7         0        vty 3\n"
@@ -77,7 +77,7 @@ TEST(ctl_table_text, a_narrow_line_narrows_the_widest_columns) {
               "                      net\n");
 }
 
-TEST(ctl_table_text, fits_every_line_that_it_can) {
+TEST(ctl_table_text, fits_every_possible_width) {
     for (size_t width = 46; width < 100; width++) {
         const std::string text = ctl_table_text(sessions, width, 0);
         EXPECT_LE(widest_line(text), width);
@@ -85,7 +85,7 @@ TEST(ctl_table_text, fits_every_line_that_it_can) {
     }
 }
 
-TEST(ctl_table_text, becomes_lists_when_it_would_be_unreadable) {
+TEST(ctl_table_text, becomes_lists_instead_of_an_unreadable_table) {
     EXPECT_EQ(ctl_table_text(sessions, 39, 2),
               "  ID:       1\n"
               "  User:     operator\n"
@@ -111,7 +111,7 @@ TEST(ctl_table_text, long_headings_are_wrapped_too) {
               "1           2\n");
 }
 
-TEST(ctl_list_text, values_stand_beside_their_labels) {
+TEST(ctl_list_text, values_are_next_to_their_labels) {
     EXPECT_EQ(ctl_list_text({{"Port", {"22"}, " "}, {"Ciphers", {"aes128-ctr,aes256-ctr"}, ","}}, 24, 0),
               "Port:     22\n"
               "Ciphers:  aes128-ctr,\n"
@@ -120,7 +120,7 @@ TEST(ctl_list_text, values_stand_beside_their_labels) {
     EXPECT_EQ(ctl_list_text({}, 0, 0), "");
 }
 
-TEST(ctl_list_text, a_value_has_eight_columns_at_least) {
+TEST(ctl_list_text, a_value_has_at_least_eight_columns) {
     EXPECT_EQ(ctl_list_text({{"A long label", {"abcdefghijkl"}, " "}}, 5, 0),
               "A long label:  abcdefgh\n"
               "               ijkl\n");

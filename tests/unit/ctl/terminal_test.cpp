@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Standard output is something else as long as this lives.
+/// Redirects standard output during its lifetime.
 class diverted_output {
   public:
     explicit diverted_output(int fd) : kept(dup(STDOUT_FILENO)) {
@@ -32,7 +32,7 @@ class ctl_output_width_test : public testing::Test {
     void SetUp() override { unsetenv("COLUMNS"); }
     void TearDown() override { unsetenv("COLUMNS"); }
 
-    /// The width that a terminal of so many columns gives.
+    /// The width reported for a terminal with this many columns.
     static size_t width_on_terminal(unsigned short columns) {
         const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
         EXPECT_EQ(0, grantpt(master) + unlockpt(master));
@@ -51,16 +51,16 @@ class ctl_output_width_test : public testing::Test {
     }
 };
 
-TEST_F(ctl_output_width_test, is_the_terminals) {
+TEST_F(ctl_output_width_test, is_the_width_of_the_terminal) {
     EXPECT_EQ(width_on_terminal(132), 132U);
     EXPECT_EQ(width_on_terminal(20), 20U);
 }
 
-TEST_F(ctl_output_width_test, is_usual_when_the_terminal_does_not_say) {
+TEST_F(ctl_output_width_test, is_80_if_the_terminal_reports_none) {
     EXPECT_EQ(width_on_terminal(0), 80U);
 }
 
-TEST_F(ctl_output_width_test, is_not_bounded_in_a_pipe) {
+TEST_F(ctl_output_width_test, is_unlimited_in_a_pipe) {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     {
@@ -71,7 +71,7 @@ TEST_F(ctl_output_width_test, is_not_bounded_in_a_pipe) {
     close(ends[1]);
 }
 
-TEST_F(ctl_output_width_test, is_what_the_environment_says) {
+TEST_F(ctl_output_width_test, is_taken_from_the_environment) {
     setenv("COLUMNS", "100", 1);
     EXPECT_EQ(width_on_terminal(132), 100U);
     for (const char* nonsense : {"", "0", "-5", "80x", " 80", "99999999999999999999999"}) {

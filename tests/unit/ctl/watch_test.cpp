@@ -41,14 +41,14 @@ class output_pipe {
         ends[0] = -1;
     }
 
-    /// Waits until something is there, and takes it.
+    /// Waits until there is something to read, and reads it.
     std::string read_some() const {
         char buffer[65536];
         const ssize_t count = read(ends[0], buffer, sizeof buffer);
         return {buffer, static_cast<size_t>(std::max<ssize_t>(count, 0))};
     }
 
-    /// What has been written by now.
+    /// What has been written so far.
     std::string read_all() const {
         std::string all;
         for (pollfd entry = {ends[0], POLLIN, 0}; poll(&entry, 1, 0) > 0 && (entry.revents & POLLIN) != 0;) {
@@ -82,20 +82,20 @@ TEST(ctl_watch, writes_each_event_as_a_line_and_ends_with_the_agent) {
     EXPECT_THAT(agent.requests, testing::ElementsAre(R"({"call":"watch"})"));
 }
 
-TEST(ctl_watch, says_how_many_events_were_left_out) {
+TEST(ctl_watch, reports_how_many_events_were_dropped) {
     EXPECT_EQ(lines_of(first_answer + "\n" + R"({"data":[{"update":[{"val":2},{"val":3}]},{"update":[{"val":4}]}],)" +
                        R"("coalesced":17})"),
               first_line + R"({"update":[{"val":2,"duplicates":17},{"val":3,"duplicates":17}]})" + "\n" +
                   R"({"update":[{"val":4}]})" + "\n");
 }
 
-TEST(ctl_watch, passes_over_what_it_does_not_know) {
+TEST(ctl_watch, skips_unknown_documents) {
     EXPECT_EQ(lines_of(first_answer + "\n" + R"({"data":7})" + "\n" + R"({"heartbeat":1})" + "\n" +
                        R"({"data":["x"],"coalesced":1})"),
               first_line + "\"x\"\n");
 }
 
-TEST(ctl_watch, gives_the_agents_own_words_when_it_is_not_admitted) {
+TEST(ctl_watch, prints_the_agents_reason_for_a_refusal) {
     fake_agent agent({R"({"result":"failed","message":"too many watchers: the limit is 16"})"});
     const output_pipe output;
     const control_json end = ctl_watch(settings, request, output.writer());
@@ -104,7 +104,7 @@ TEST(ctl_watch, gives_the_agents_own_words_when_it_is_not_admitted) {
     EXPECT_EQ(output.read_all(), "");
 }
 
-TEST(ctl_watch, an_event_that_cannot_be_read_ends_the_watch) {
+TEST(ctl_watch, an_invalid_event_ends_the_watch) {
     fake_agent agent({first_answer + "\n{broken"});
     const output_pipe output;
     const control_json end = ctl_watch(settings, request, output.writer());
@@ -113,12 +113,12 @@ TEST(ctl_watch, an_event_that_cannot_be_read_ends_the_watch) {
     EXPECT_EQ(output.read_all(), first_line);
 }
 
-TEST(ctl_watch, tells_an_agent_that_cannot_be_reached) {
+TEST(ctl_watch, reports_an_unreachable_agent) {
     const output_pipe output;
     EXPECT_EQ(result_of(ctl_watch({"/nowhere/at/all", 5, false}, request, output.writer())), "unreachable");
 }
 
-TEST(ctl_watch, ends_when_it_is_interrupted) {
+TEST(ctl_watch, ends_on_an_interrupt) {
     for (const int number : {SIGINT, SIGTERM}) {
         fake_agent agent({first_answer + "\n..."});
         const output_pipe output;
@@ -132,7 +132,7 @@ TEST(ctl_watch, ends_when_it_is_interrupted) {
     }
 }
 
-TEST(ctl_watch, leaves_the_signals_as_it_found_them) {
+TEST(ctl_watch, restores_the_signal_handling) {
     const auto unused = [](int) {};
     ASSERT_NE(signal(SIGTERM, unused), SIG_ERR);
     ASSERT_NE(signal(SIGPIPE, SIG_DFL), SIG_ERR);
@@ -144,7 +144,7 @@ TEST(ctl_watch, leaves_the_signals_as_it_found_them) {
     EXPECT_EQ(signal(SIGTERM, SIG_DFL), static_cast<void (*)(int)>(unused));
 }
 
-TEST(ctl_watch, ends_when_nobody_reads_any_more) {
+TEST(ctl_watch, ends_when_the_reader_closes_the_pipe) {
     fake_agent agent({first_answer + "\n..."});
     output_pipe output;
     std::thread reader([&] {
@@ -155,14 +155,14 @@ TEST(ctl_watch, ends_when_nobody_reads_any_more) {
     reader.join();
 }
 
-TEST(ctl_watch, ends_when_nobody_reads_from_the_beginning) {
+TEST(ctl_watch, ends_when_the_pipe_is_closed_from_the_beginning) {
     fake_agent agent({first_answer + "\n..."});
     output_pipe output;
     output.close_reader();
     EXPECT_EQ(result_of(ctl_watch(settings, request, output.writer())), "done");
 }
 
-TEST(ctl_watch, can_be_interrupted_while_the_reader_sleeps) {
+TEST(ctl_watch, can_be_interrupted_while_the_reader_is_blocked) {
     std::string frames = first_answer;
     const std::string event = '"' + std::string(3000, 'x') + '"';
     for (int count = 0; count < 50; count++) {
@@ -172,7 +172,7 @@ TEST(ctl_watch, can_be_interrupted_while_the_reader_sleeps) {
     const output_pipe output;
     const pthread_t watcher = pthread_self();
     std::thread operator_thread([&] {
-        // The pipe is full when it can no longer be written to.
+        // The pipe is full when it is no longer writable.
         pollfd entry = {output.writer(), POLLOUT, 0};
         while (poll(&entry, 1, 0) > 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
@@ -183,7 +183,7 @@ TEST(ctl_watch, can_be_interrupted_while_the_reader_sleeps) {
     EXPECT_EQ(result_of(ctl_watch(settings, request, output.writer())), "done");
     operator_thread.join();
     const std::string lines = output.read_all();
-    EXPECT_EQ(lines.back(), '\n') << "no line is left half written";
+    EXPECT_EQ(lines.back(), '\n') << "every line is complete";
 }
 
 TEST(ctl_watch, output_that_cannot_be_written_is_a_failure) {
@@ -195,7 +195,7 @@ TEST(ctl_watch, output_that_cannot_be_written_is_a_failure) {
     close(full);
 }
 
-TEST(ctl_watch, is_a_call_of_the_tool) {
+TEST(ctl_watch, is_run_by_the_tool) {
     fake_agent agent({first_answer});
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();

@@ -20,7 +20,7 @@ int remember_notice(const acl_change_notice* notice) {
     return notice == nullptr ? 1 : 0;
 }
 
-TEST(fake_acl_service, tells_subscribers_of_their_list) {
+TEST(fake_acl_service, notifies_subscribers_of_their_list) {
     acl_handle* v4 = nullptr;
     acl_handle* v6 = nullptr;
     notices.clear();
@@ -50,7 +50,7 @@ TEST(fake_acl_service, names_actions) {
     EXPECT_NE(acl_service_action_name(99), nullptr);
 }
 
-TEST(fake_key_store, keeps_keys) {
+TEST(fake_key_store, stores_keys) {
     key_store_key key = {9, 9, 9};
     EXPECT_EQ(key_store_get_user_key("kim", KEY_STORE_USER_PUBLIC_KEY, &key), PLATFORM_OK);
     EXPECT_EQ(key.present, 0u);
@@ -72,7 +72,7 @@ TEST(fake_key_store, keeps_keys) {
     EXPECT_THAT(fake_platform::keys(), IsEmpty());
 }
 
-TEST(fake_key_store, converts_the_texts_that_it_knows) {
+TEST(fake_key_store, converts_known_texts) {
     uint8_t der[KEY_STORE_DER_MAX];
     size_t size = 0;
     uint32_t bits = 0;
@@ -84,27 +84,27 @@ TEST(fake_key_store, converts_the_texts_that_it_knows) {
     EXPECT_EQ(key_store_pubkey_to_der("ssh-rsa AAAA", der, 2, &size, &bits), platform_status{ENOSPC});
 }
 
-std::string taken(char* text) {
+std::string take_text(char* text) {
     std::string copy = text != nullptr ? text : "none";
     free(text);
     return copy;
 }
 
-TEST(fake_banner_service, has_texts_of_three_origins) {
-    EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "none");
+TEST(fake_banner_service, has_configured_platform_and_aaa_texts) {
+    EXPECT_EQ(take_text(banner_service_configured(BANNER_LOGIN)), "none");
     fake_platform::set_configured_banner(BANNER_LOGIN, "#a#");
     fake_platform::set_platform_banner(BANNER_LOGIN, "platform");
     fake_platform::set_aaa_banner("#c#");
-    EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "#a#");
-    EXPECT_EQ(taken(banner_service_configured(BANNER_MESSAGE_OF_THE_DAY)), "none");
-    EXPECT_EQ(taken(banner_service_platform(BANNER_LOGIN)), "platform");
-    EXPECT_EQ(taken(banner_service_aaa()), "#c#");
+    EXPECT_EQ(take_text(banner_service_configured(BANNER_LOGIN)), "#a#");
+    EXPECT_EQ(take_text(banner_service_configured(BANNER_MESSAGE_OF_THE_DAY)), "none");
+    EXPECT_EQ(take_text(banner_service_platform(BANNER_LOGIN)), "platform");
+    EXPECT_EQ(take_text(banner_service_aaa()), "#c#");
     fake_platform::set_configured_banner(BANNER_LOGIN, std::string(100, 'x'));
-    EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), std::string(100, 'x'));
+    EXPECT_EQ(take_text(banner_service_configured(BANNER_LOGIN)), std::string(100, 'x'));
     fake_platform::set_configured_banner(BANNER_LOGIN, std::nullopt);
     fake_platform::fail("banner_service_aaa", ENOMEM);
-    EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "none");
-    EXPECT_EQ(taken(banner_service_aaa()), "none");
+    EXPECT_EQ(take_text(banner_service_configured(BANNER_LOGIN)), "none");
+    EXPECT_EQ(take_text(banner_service_aaa()), "none");
 }
 
 }  // namespace

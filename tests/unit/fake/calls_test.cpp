@@ -27,7 +27,7 @@ TEST(fake_calls, are_recorded_in_order_with_their_arguments) {
     EXPECT_THAT(fake_platform::calls(), IsEmpty());
 }
 
-TEST(fake_calls, fail_as_often_as_told) {
+TEST(fake_calls, fail_as_often_as_requested) {
     fake_platform::fail("mpp_vrf_block", EIO, 2);
     EXPECT_EQ(mpp_vrf_block("red"), platform_status{EIO});
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
@@ -46,7 +46,7 @@ TEST(fake_calls, fail_from_a_later_call_on) {
     EXPECT_EQ(mpp_init(64), PLATFORM_OK);
 }
 
-TEST(fake_calls, one_call_alone_can_fail) {
+TEST(fake_calls, a_single_call_can_fail) {
     fake_platform::fail("mpp_init(64)", EIO);
     fake_platform::fail("mpp_ini", ENOENT);
     EXPECT_EQ(mpp_init(1), PLATFORM_OK);
@@ -54,7 +54,7 @@ TEST(fake_calls, one_call_alone_can_fail) {
 }
 
 // A test may let the first call fail with one status and the second with another.
-TEST(fake_calls, failures_follow_one_another) {
+TEST(fake_calls, failures_are_used_in_turn) {
     fake_platform::fail("mpp_init", EIO, 1);
     fake_platform::fail("mpp_init", ENOMEM, 1, 2);
     EXPECT_EQ(mpp_init(1), platform_status{EIO});
@@ -62,7 +62,7 @@ TEST(fake_calls, failures_follow_one_another) {
     EXPECT_EQ(mpp_init(1), PLATFORM_OK);
 }
 
-TEST(fake_calls, are_forgotten_with_everything_else) {
+TEST(fake_calls, are_cleared_by_reset) {
     uint32_t id = 0;
     fake_platform::fail("mpp_close", EIO);
     mpp_init(1);

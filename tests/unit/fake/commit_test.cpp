@@ -31,7 +31,7 @@ std::string change_text(const char* what, const datastore_backend_call* call) {
            number_text(call->change->previous) + ">" + number_text(call->change->value);
 }
 
-/// A part of a program that registers for a subtree and refuses or fails what its test wants.
+/// Part of a program that registers for a subtree and refuses or fails as its test requires.
 class fake_commit_test : public testing::Test {
   protected:
     fake_commit_test() {
@@ -76,8 +76,8 @@ TEST_F(fake_commit_test, verifies_all_then_applies_in_byte_order_then_notifies) 
                 ElementsAre("verify a 3 ->1", "verify b 3 ->2", "apply a 3 ->1", "apply b 3 ->2", "notice b 3 2"));
 }
 
-// A first creation is create and set together, a change is set with the previous value, a removal is delete.
-TEST_F(fake_commit_test, events_tell_creation_change_and_removal_apart) {
+// The first creation is create and set together, a change is set with the previous value, a removal is delete.
+TEST_F(fake_commit_test, events_distinguish_creation_change_and_removal) {
     commit(set_number("/cfg/a", 1));
     commit(set_number("/cfg/a", 2));
     commit(remove("/cfg/a"));
@@ -86,21 +86,21 @@ TEST_F(fake_commit_test, events_tell_creation_change_and_removal_apart) {
     EXPECT_EQ(fake_platform::stored("/cfg/a"), std::nullopt);
 }
 
-TEST_F(fake_commit_test, what_is_no_change_is_not_told) {
+TEST_F(fake_commit_test, unchanged_items_are_not_delivered) {
     commit(set_number("/cfg/a", 1));
     seen.clear();
     EXPECT_EQ(commit({set_number("/cfg/a", 1), remove("/cfg/none"), remove("/cfg/none/")}).status, PLATFORM_OK);
     EXPECT_THAT(seen, IsEmpty());
 }
 
-TEST_F(fake_commit_test, an_item_that_nobody_serves_is_refused) {
+TEST_F(fake_commit_test, an_item_without_handler_is_refused) {
     const auto result = commit(set_number("/other/a", 1));
     EXPECT_EQ(result.status, platform_status{DATASTORE_NO_HANDLER});
     EXPECT_EQ(result.refused_path, "/other/a");
     EXPECT_EQ(fake_platform::stored("/other/a"), std::nullopt);
 }
 
-TEST_F(fake_commit_test, a_tree_is_removed_but_for_what_the_commit_names) {
+TEST_F(fake_commit_test, removing_a_tree_spares_items_named_in_the_commit) {
     for (const char* path : {"/cfg/t/a", "/cfg/t/b", "/cfg/t/c/d", "/cfg/u"}) {
         fake_platform::store(set_number(path, 1));
     }
@@ -125,7 +125,7 @@ TEST_F(fake_commit_test, a_handler_cannot_commit) {
     EXPECT_EQ(inner, platform_status{EBUSY});
 }
 
-TEST_F(fake_commit_test, a_binding_given_back_within_a_commit_is_called_no_more) {
+TEST_F(fake_commit_test, a_binding_released_within_a_commit_is_not_called_again) {
     static datastore_binding* other = nullptr;
     datastore_bind("/cfg/a/", &other);
     datastore_register_verification(
@@ -146,7 +146,7 @@ TEST_F(fake_commit_test, a_refusal_stores_nothing_and_applies_nothing) {
     EXPECT_EQ(fake_platform::stored("/cfg/a"), std::nullopt);
 }
 
-TEST_F(fake_commit_test, a_verifier_that_says_nothing_refuses) {
+TEST_F(fake_commit_test, a_verifier_without_a_verdict_refuses) {
     datastore_binding* other = nullptr;
     datastore_bind("/other/", &other);
     datastore_register_verification(
@@ -155,7 +155,7 @@ TEST_F(fake_commit_test, a_verifier_that_says_nothing_refuses) {
     EXPECT_EQ(commit(set_number("/other/a", 1)).status, platform_status{EINVAL});
 }
 
-TEST_F(fake_commit_test, a_failed_applier_is_reported_and_the_change_stands) {
+TEST_F(fake_commit_test, a_failed_applier_is_reported_and_the_change_remains) {
     failing = "a";
     const auto result = commit({set_number("/cfg/a", 1), set_number("/cfg/b", 1)});
     EXPECT_EQ(result.status, PLATFORM_OK);
@@ -166,7 +166,7 @@ TEST_F(fake_commit_test, a_failed_applier_is_reported_and_the_change_stands) {
     EXPECT_EQ(seen.back(), "apply b 3 ->1");
 }
 
-TEST_F(fake_commit_test, event_masks_and_other_trees_are_heeded) {
+TEST_F(fake_commit_test, event_masks_and_other_trees_are_respected) {
     datastore_register_notification(binding, "a", DATASTORE_EVENT_DELETE, notice, nullptr, nullptr);
     EXPECT_EQ(commit({set_number("/cfg/a", 1), set_number("/cfgx/a", 1)}).refused_path, "/cfgx/a");
     seen.clear();
@@ -176,7 +176,7 @@ TEST_F(fake_commit_test, event_masks_and_other_trees_are_heeded) {
     EXPECT_EQ(seen.back(), "notice a 4 -");
 }
 
-TEST_F(fake_commit_test, patterns_choose_items) {
+TEST_F(fake_commit_test, patterns_select_items) {
     datastore_register_notification(binding, "users/*/level", 7, notice, nullptr, nullptr);
     datastore_register_notification(binding, "below/", 7, notice, nullptr, nullptr);
     commit({set_number("/cfg/users/a/level", 1), set_number("/cfg/users/a/key", 2), set_number("/cfg/users/level", 3),
@@ -187,8 +187,8 @@ TEST_F(fake_commit_test, patterns_choose_items) {
     EXPECT_THAT(notices, ElementsAre("notice below/x/y 3 4", "notice users/a/level 3 1"));
 }
 
-// A verifier judges the commit as a whole, so what it reads is what the commit would leave behind.
-TEST_F(fake_commit_test, verifiers_read_what_the_commit_would_store) {
+// A verifier judges the commit as a whole, so it reads the state after the commit.
+TEST_F(fake_commit_test, verifiers_read_the_state_after_the_commit) {
     static std::vector<bool> present;
     present.clear();
     datastore_binding* other = nullptr;
@@ -213,7 +213,7 @@ TEST_F(fake_commit_test, verifiers_read_what_the_commit_would_store) {
     EXPECT_EQ(datastore_item_get(other, "a", nullptr, 0, nullptr), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
-TEST_F(fake_commit_test, verifiers_list_what_the_commit_would_leave) {
+TEST_F(fake_commit_test, verifiers_list_the_state_after_the_commit) {
     static std::vector<std::string> names;
     datastore_binding* other = nullptr;
     datastore_bind("/other/", &other);
@@ -244,7 +244,7 @@ platform_status table_applier(const datastore_change* change, const datastore_pa
     return EIO;
 }
 
-TEST_F(fake_commit_test, a_scan_applies_what_is_stored_in_byte_order) {
+TEST_F(fake_commit_test, a_scan_applies_stored_items_in_byte_order) {
     constexpr datastore_item_node nodes[] = {{nullptr, DATASTORE_NODE_WILDCARD, -1, -1, 0, 0}};
     constexpr datastore_item_handler handlers[] = {{DATASTORE_VALUE_NUMBER, nullptr, table_applier}};
     const datastore_item_table table = {nodes, 1, handlers, 1};

@@ -26,7 +26,7 @@ class fake_datastore_test : public testing::Test {
     }
 };
 
-TEST_F(fake_datastore_test, items_are_read_by_their_kind) {
+TEST_F(fake_datastore_test, items_are_read_by_kind) {
     store(set_number("/cfg/a/number", 7));
     store(set_text("/cfg/a/text", "word"));
     store(set_tuple("/cfg/a/tuple", "%d%S%S", {5, std::nullopt, "acl"}));
@@ -49,7 +49,7 @@ TEST_F(fake_datastore_test, items_are_read_by_their_kind) {
     EXPECT_STREQ(fields[2].text, "acl");
 }
 
-TEST_F(fake_datastore_test, a_missing_item_and_a_small_buffer_are_told) {
+TEST_F(fake_datastore_test, a_missing_item_and_a_small_buffer_are_reported) {
     store(set_text("/cfg/a/text", "word"));
     datastore_binding* binding = bind("/cfg/a/");
     char text[4] = "old";
@@ -62,7 +62,7 @@ TEST_F(fake_datastore_test, a_missing_item_and_a_small_buffer_are_told) {
     EXPECT_THAT(fake_platform::calls_of("datastore_item_get(/cfg/a/text"), testing::SizeIs(2));
 }
 
-TEST_F(fake_datastore_test, a_tuple_that_does_not_fit_is_refused_at_once) {
+TEST_F(fake_datastore_test, an_invalid_tuple_is_refused_immediately) {
     EXPECT_THROW(set_tuple("/a", "%d", {std::string("text")}), std::invalid_argument);
     EXPECT_THROW(set_tuple("/a", "%d", {1, 2}), std::invalid_argument);
     EXPECT_EQ(set_tuple("/a", "%d%s%d", {1}).new_value, set_tuple("/a", "%d%s%d", {1, {}, {}}).new_value);
@@ -84,7 +84,7 @@ TEST_F(fake_datastore_test, bindings_are_counted) {
                 ElementsAre("datastore_unbind(/cfg/a/)", "datastore_unbind(NULL)", "datastore_unbind(/cfg/b/)"));
 }
 
-TEST_F(fake_datastore_test, a_list_has_the_names_directly_below) {
+TEST_F(fake_datastore_test, a_list_contains_the_names_directly_below) {
     store(set_number("/cfg/users/b/level", 1));
     store(set_number("/cfg/users/a/level", 1));
     store(set_number("/cfg/users/a/secret", 1));
@@ -107,7 +107,7 @@ TEST_F(fake_datastore_test, a_list_has_the_names_directly_below) {
     EXPECT_EQ(datastore_list_get(binding, "users", -1, &list, &found), platform_status{EINVAL});
 }
 
-TEST_F(fake_datastore_test, a_listed_item_has_its_value_for_a_record) {
+TEST_F(fake_datastore_test, a_listed_item_has_its_value_as_record) {
     store(set_text("/cfg/names/a", "one"));
     store(set_text("/cfg/names/b/c", "two"));
     datastore_list* list = nullptr;
@@ -121,7 +121,7 @@ TEST_F(fake_datastore_test, a_listed_item_has_its_value_for_a_record) {
     datastore_list_free(list);
 }
 
-TEST_F(fake_datastore_test, wrong_registrations_are_refused) {
+TEST_F(fake_datastore_test, invalid_registrations_are_refused) {
     datastore_binding* binding = bind("/cfg/");
     datastore_binding* none = nullptr;
     EXPECT_EQ(datastore_bind("/cfg", &none), platform_status{EINVAL});

@@ -16,12 +16,12 @@ using fake_platform::unenforced;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// What the registered comparison finds, leaves and reports.
+/// The registered comparison: what it finds, leaves and reports.
 struct script {
     std::vector<difference> found;
     int remaining = 0;
     std::vector<std::string> failing;  ///< reported by a repair
-    std::vector<uint32_t> runs;        ///< `repair` of each
+    std::vector<uint32_t> runs;        ///< the argument of each run
 };
 
 int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void* context) {
@@ -38,7 +38,7 @@ int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_cont
 
 constexpr enforcement_callbacks callbacks = {reconcile};
 
-TEST(fake_enforcement, what_is_reported_stands_until_it_is_restored) {
+TEST(fake_enforcement, a_report_remains_until_it_is_restored) {
     enforcement_failed("server mgmt", "exit status 1");
     enforcement_failed("file /tmp/x", "no space");
     enforcement_failed("server mgmt", "timed out");
@@ -49,7 +49,7 @@ TEST(fake_enforcement, what_is_reported_stands_until_it_is_restored) {
     EXPECT_TRUE(fake_platform::is_not_in_force("file /tmp/x"));
 }
 
-TEST(fake_enforcement, reports_are_recorded_and_restorations_of_what_was_in_force_are_not) {
+TEST(fake_enforcement, reports_are_recorded_but_restoring_something_in_force_is_not) {
     errno = ENOTTY;
     enforcement_failed("banner", "no space");
     enforcement_restored("unit mgmt");
@@ -68,7 +68,7 @@ TEST(fake_enforcement, a_registration_can_fail_and_needs_a_comparison) {
     EXPECT_FALSE(fake_platform::reconcile(true).registered);
 }
 
-TEST(fake_enforcement, a_comparison_tells_its_differences_and_changes_nothing) {
+TEST(fake_enforcement, a_comparison_reports_differences_and_changes_nothing) {
     script running = {{{"file /a", "Ciphers"}}, 1, {}, {}};
     ASSERT_EQ(enforcement_register(&callbacks, &running), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
@@ -79,7 +79,7 @@ TEST(fake_enforcement, a_comparison_tells_its_differences_and_changes_nothing) {
     EXPECT_TRUE(fake_platform::is_not_in_force("server mgmt"));
 }
 
-TEST(fake_enforcement, a_repair_that_leaves_nothing_clears_everything) {
+TEST(fake_enforcement, a_complete_repair_clears_everything) {
     script running = {{{"server mgmt", "runs an old file"}}, 0, {}, {}};
     ASSERT_EQ(enforcement_register(&callbacks, &running), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
@@ -88,7 +88,7 @@ TEST(fake_enforcement, a_repair_that_leaves_nothing_clears_everything) {
     EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
 }
 
-TEST(fake_enforcement, a_repair_that_leaves_something_clears_what_it_has_not_named) {
+TEST(fake_enforcement, an_incomplete_repair_clears_what_it_did_not_report) {
     script running = {{{"file /a", "Ciphers"}}, 2, {"unit red"}, {}};
     ASSERT_EQ(enforcement_register(&callbacks, &running), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
@@ -103,7 +103,7 @@ TEST(fake_enforcement, a_repair_that_leaves_something_clears_what_it_has_not_nam
     EXPECT_TRUE(fake_platform::is_not_in_force("file /a")) << "the comparison has failed";
 }
 
-TEST(fake_enforcement, the_end_of_the_process_forgets_the_reports_and_the_registration) {
+TEST(fake_enforcement, a_reset_clears_the_reports_and_the_registration) {
     script running;
     ASSERT_EQ(enforcement_register(&callbacks, &running), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
@@ -132,7 +132,7 @@ void note_notification(const datastore_notification* notification, void*) {
     announced.push_back(std::string("notify ") + notification->item);
 }
 
-void note_word(void* word) {
+void record_call(void* word) {
     announced.push_back(static_cast<const char*>(word));
 }
 
@@ -141,7 +141,7 @@ constexpr enforcement_commit_callbacks note_commits = {[](void*) { announced.pus
 
 TEST(fake_enforcement, a_commit_is_announced_around_its_handlers) {
     EXPECT_EQ(enforcement_announce_commits(nullptr, nullptr), static_cast<platform_status>(EINVAL));
-    const enforcement_commit_callbacks incomplete = {note_word, nullptr};
+    const enforcement_commit_callbacks incomplete = {record_call, nullptr};
     EXPECT_EQ(enforcement_announce_commits(&incomplete, nullptr), static_cast<platform_status>(EINVAL));
     ASSERT_EQ(enforcement_announce_commits(&note_commits, nullptr), PLATFORM_OK);
     datastore_binding* binding = nullptr;
@@ -152,7 +152,7 @@ TEST(fake_enforcement, a_commit_is_announced_around_its_handlers) {
     EXPECT_THAT(announced, ElementsAre("begin", "apply a", "apply b", "notify a", "notify b", "end"));
 }
 
-TEST(fake_enforcement, a_commit_tells_what_was_reported_meanwhile) {
+TEST(fake_enforcement, a_commit_returns_what_was_reported_during_it) {
     datastore_binding* binding = nullptr;
     ASSERT_EQ(datastore_bind("/cfg/", &binding), PLATFORM_OK);
     ASSERT_EQ(datastore_register_verification(binding, "", 7, nullptr, report_two, nullptr, nullptr), PLATFORM_OK);

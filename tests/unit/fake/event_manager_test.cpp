@@ -20,7 +20,7 @@ class fake_event_manager_test : public testing::Test {
         seen.clear();
     }
 
-    /// A loop without an end, as programs have it.
+    /// An endless loop, as in a program.
     void run() {
         event_manager_event event = {};
         for (;;) {
@@ -36,7 +36,7 @@ class fake_event_manager_test : public testing::Test {
     static inline std::vector<std::string> seen;
 };
 
-TEST_F(fake_event_manager_test, the_loop_does_what_is_queued_and_then_ends) {
+TEST_F(fake_event_manager_test, the_loop_delivers_the_queue_and_then_ends) {
     fake_platform::queue_event([] { seen.push_back("first"); });
     fake_platform::queue_block_failure(EINTR);
     fake_platform::queue_event([] { seen.push_back("second"); });
@@ -58,7 +58,7 @@ TEST_F(fake_event_manager_test, the_end_of_the_loop_may_queue_more) {
     EXPECT_THAT(seen, ElementsAre("late"));
 }
 
-TEST_F(fake_event_manager_test, creation_fails_with_errno_and_leaves_the_handle) {
+TEST_F(fake_event_manager_test, failed_creation_returns_errno_and_leaves_the_handle) {
     event_manager* other = manager;
     fake_platform::fail("event_manager_create", EMFILE);
     EXPECT_EQ(event_manager_create("/dev/test", &other), -1);
@@ -92,7 +92,7 @@ TEST_F(fake_event_manager_test, messages_reach_their_handler_and_are_answered) {
     EXPECT_EQ(fake_platform::count_calls("event_manager_attach_message(0x50d8085)"), 2u);
 }
 
-TEST_F(fake_event_manager_test, a_second_reply_is_noticed) {
+TEST_F(fake_event_manager_test, a_second_reply_is_counted) {
     event_manager_attach_message(
         manager, 5,
         [](event_message* message, void*) {
@@ -141,7 +141,7 @@ class fake_timer_test : public fake_event_manager_test {
     managed_timer_leaf* leaf = nullptr;
 };
 
-TEST_F(fake_timer_test, a_leaf_expires_once_when_its_time_has_come) {
+TEST_F(fake_timer_test, a_timer_expires_once_when_it_is_due) {
     EXPECT_EQ(managed_timer_leaf_start(leaf, 120), PLATFORM_OK);
     EXPECT_EQ(fake_platform::running_timers(), 1u);
     fake_platform::advance_time(119);
@@ -152,7 +152,7 @@ TEST_F(fake_timer_test, a_leaf_expires_once_when_its_time_has_come) {
     EXPECT_EQ(fake_platform::running_timers(), 0u);
 }
 
-TEST_F(fake_timer_test, a_started_leaf_starts_anew_and_a_stopped_one_is_silent) {
+TEST_F(fake_timer_test, a_restarted_timer_starts_again_and_a_stopped_one_does_not_expire) {
     managed_timer_leaf_start(leaf, 10);
     fake_platform::advance_time(9);
     managed_timer_leaf_start(leaf, 10);
@@ -164,7 +164,7 @@ TEST_F(fake_timer_test, a_started_leaf_starts_anew_and_a_stopped_one_is_silent) 
     EXPECT_EQ(seen.size(), 0u);
 }
 
-TEST_F(fake_timer_test, a_detached_handler_is_silent) {
+TEST_F(fake_timer_test, a_detached_handler_is_not_called) {
     managed_timer_leaf_start(leaf, 1);
     EXPECT_EQ(managed_timer_detach(handle), PLATFORM_OK);
     EXPECT_EQ(managed_timer_detach(handle), platform_status{EINVAL});
@@ -174,7 +174,7 @@ TEST_F(fake_timer_test, a_detached_handler_is_silent) {
     EXPECT_EQ(seen.size(), 0u);
 }
 
-TEST_F(fake_timer_test, leaves_expire_in_the_order_of_their_time_and_may_free_themselves) {
+TEST_F(fake_timer_test, timers_expire_in_order_and_may_free_themselves) {
     int32_t other = -1;
     const auto free_it = [](managed_timer_leaf* expired_leaf, void*) {
         seen.push_back("freed");

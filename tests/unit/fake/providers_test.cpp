@@ -48,7 +48,7 @@ TEST(fake_providers, answer_reads_below_their_path) {
     EXPECT_FALSE(answer.is_list);
 }
 
-TEST(fake_providers, the_nearest_one_answers) {
+TEST(fake_providers, the_most_specific_one_answers) {
     provide("/oper/a/", no_data);
     provide("/oper/a/b", one_record);
     EXPECT_EQ(fake_platform::read("/oper/a/c").status, platform_status{DATASTORE_NO_DATA});
@@ -66,7 +66,7 @@ TEST(fake_providers, answer_lists) {
     EXPECT_EQ(answer.records[1].bytes, "two");
 }
 
-TEST(fake_providers, an_answer_without_a_record_is_told) {
+TEST(fake_providers, an_answer_without_a_record_is_reported) {
     provide("/oper/a/", [](datastore_read_request*, const char*, void*) -> platform_status { return PLATFORM_OK; });
     EXPECT_EQ(fake_platform::read("/oper/a/").status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
     provide("/oper/b/", [](datastore_read_request* request, const char*, void*) -> platform_status {
@@ -77,14 +77,14 @@ TEST(fake_providers, an_answer_without_a_record_is_told) {
     EXPECT_EQ(fake_platform::read("/oper/b/").records.size(), 0u);
 }
 
-TEST(fake_providers, one_tree_has_one) {
+TEST(fake_providers, a_tree_has_only_one) {
     datastore_provider* second = nullptr;
     provide("/oper/a/", no_data);
     EXPECT_EQ(datastore_provider_register("/oper/a", no_data, nullptr, nullptr, &second), platform_status{EEXIST});
     EXPECT_EQ(datastore_provider_register("/oper/b", nullptr, nullptr, nullptr, &second), platform_status{EINVAL});
 }
 
-TEST(fake_providers, can_be_taken_back) {
+TEST(fake_providers, can_be_unregistered) {
     datastore_provider* provider = provide("/oper/a/", no_data);
     EXPECT_EQ(fake_platform::providers(), 1u);
     EXPECT_EQ(datastore_provider_unregister(provider), PLATFORM_OK);

@@ -12,7 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(fake_reports, keep_log_messages) {
+TEST(fake_reports, record_log_messages) {
     const log_message_entry entry = {"%s", "FACILITY", "CATEGORY", "ERR_GENERAL", 3, 0x1E000021};
     errno = 77;
     log_message_send(&entry, "it failed");
@@ -32,7 +32,7 @@ void remember_switch(uint32_t action, uint32_t id, void* context) {
     switched.push_back(std::to_string(action) + " " + std::to_string(id) + " " + static_cast<const char*>(context));
 }
 
-TEST(fake_reports, debug_flags_are_registered_and_switched) {
+TEST(fake_reports, register_and_switch_debug_flags) {
     char context[] = "context";
     EXPECT_EQ(debug_flag_register("/debug/a/", 8, "agent", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL), PLATFORM_OK);
     EXPECT_EQ(debug_flag_register("/debug/a/", 32, "none", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL), platform_status{EINVAL});
@@ -50,7 +50,7 @@ TEST(fake_reports, debug_flags_are_registered_and_switched) {
     EXPECT_EQ(fake_platform::count_calls("debug_flag_register(/debug/a/, 8, agent, 7, 5)"), 1u);
 }
 
-TEST(fake_reports, keep_debug_lines) {
+TEST(fake_reports, record_debug_lines) {
     errno = 77;
     debug_write(8, "Entered");
     EXPECT_EQ(errno, 77);
@@ -60,7 +60,7 @@ TEST(fake_reports, keep_debug_lines) {
     EXPECT_THAT(fake_platform::debug_texts(), IsEmpty());
 }
 
-TEST(fake_reports, keep_trace_entries_by_buffer) {
+TEST(fake_reports, record_trace_entries_by_buffer) {
     trace_buffer* errors = nullptr;
     trace_buffer* events = nullptr;
     ASSERT_EQ(trace_buffer_create("a/error", 200, 12400, &errors), PLATFORM_OK);
@@ -84,7 +84,7 @@ TEST(fake_reports, keep_trace_entries_by_buffer) {
     EXPECT_EQ(trace_buffer_create("a/other", 1, 1, &events), platform_status{ENOMEM});
 }
 
-TEST(fake_reports, keep_fault_points) {
+TEST(fake_reports, record_fault_points) {
     fault_point points[2] = {{"one", 0}, {"two", 0}};
     EXPECT_EQ(fault_injection_register("ssh", points, 2), PLATFORM_OK);
     ASSERT_EQ(fake_platform::fault_points().size(), 2u);

@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(fake_services, protection_keeps_what_it_is_told) {
+TEST(fake_services, protection_records_its_state) {
     EXPECT_EQ(mpp_init(MPP_SERVICE_SSH), PLATFORM_OK);
     EXPECT_TRUE(fake_platform::mpp_open(MPP_SERVICE_SSH));
     mpp_vrf_set(MPP_SERVICE_SSH, "red");
@@ -61,7 +61,7 @@ TEST(fake_services, every_protection_call_can_fail_and_then_does_nothing) {
     EXPECT_FALSE(fake_platform::namespace_announced("vrf-red"));
 }
 
-TEST(fake_services, vrfs_have_lasting_numbers) {
+TEST(fake_services, vrfs_have_permanent_numbers) {
     uint32_t red = 0;
     uint32_t blue = 0;
     uint32_t again = 0;
@@ -78,7 +78,7 @@ TEST(fake_services, vrfs_have_lasting_numbers) {
     EXPECT_EQ(again, 0xffffffffu);
 }
 
-TEST(fake_services, the_process_manager_says_what_it_is_told) {
+TEST(fake_services, the_process_manager_reports_the_configured_values) {
     EXPECT_EQ(process_manager_role(), uint32_t{PROCESS_ROLE_PRIMARY});
     EXPECT_EQ(process_manager_respawn_count(), 1u);
     fake_platform::set_role(2);

@@ -15,7 +15,7 @@ void remember(shelf_manager* shelf, void* context) {
     EXPECT_NE(shelf, nullptr);
 }
 
-TEST(fake_shelf_manager, calls_back_when_the_test_says_so) {
+TEST(fake_shelf_manager, calls_back_on_request) {
     char connected[] = "connected";
     char disconnected[] = "disconnected";
     char reload[] = "reload";
@@ -36,7 +36,7 @@ TEST(fake_shelf_manager, calls_back_when_the_test_says_so) {
                                                     "shelf_manager_acknowledge_reload()", "disconnected"));
 }
 
-TEST(fake_shelf_manager, fails_when_told) {
+TEST(fake_shelf_manager, fails_on_request) {
     shelf_manager* shelf = nullptr;
     fake_platform::fail("shelf_manager_create", ENOMEM, 1);
     EXPECT_EQ(shelf_manager_create(nullptr, &shelf), platform_status{ENOMEM});

@@ -37,7 +37,7 @@ class fips_switch_test : public algorithm_test {
 
 // --- Files ----------------------------------------------------------------------------------------------------------
 
-TEST_F(fips_switch_test, a_plain_start_leaves_no_cipher_and_key_exchange_lines) {
+TEST_F(fips_switch_test, a_normal_start_writes_no_cipher_and_key_exchange_lines) {
     EXPECT_EQ(start_agent(), START_UP_DONE);
     expect_golden("core/golden/fresh_start/sshd_config", read_file(paths::server_file));
     expect_golden("core/golden/fresh_start/ssh_config", read_file(paths::client_file));
@@ -49,7 +49,7 @@ TEST_F(fips_switch_test, a_plain_start_leaves_no_cipher_and_key_exchange_lines) 
     }
 }
 
-TEST_F(fips_switch_test, a_start_in_fips_mode_narrows_every_list) {
+TEST_F(fips_switch_test, a_start_in_fips_mode_filters_every_list) {
     store(set_number(fips_item, 1));
     EXPECT_EQ(start_agent(), START_UP_DONE);
     expect_golden_files("start_in_fips_mode");
@@ -68,7 +68,7 @@ TEST_F(fips_switch_test, on_off_and_on_again_at_run_time) {
     expect_golden_files("on_off_on");
 }
 
-TEST_F(fips_switch_test, configured_lists_are_narrowed_and_restored_whole) {
+TEST_F(fips_switch_test, configured_lists_are_filtered_and_restored_completely) {
     start();
     for (const side_case& side : {server_case, client_case}) {
         commit_ok(kex_change(side, {"curve25519-sha256", "ecdh-sha2-nistp256"}));
@@ -100,7 +100,7 @@ TEST_F(fips_switch_test, configured_lists_are_narrowed_and_restored_whole) {
                  "curve25519-sha256,ecdh-sha2-nistp256");
 }
 
-TEST_F(fips_switch_test, says_that_it_is_switched) {
+TEST_F(fips_switch_test, logs_the_switch) {
     start();
     commit_ok(set_number(fips_item, 1));
     EXPECT_TRUE(fake_platform::debugged("norvossh_notify_fips_mode, FIPS mode set successfully"));
@@ -119,7 +119,7 @@ TEST_F(fips_switch_test, a_changed_value_changes_no_file) {
     EXPECT_TRUE(fake_platform::debugged("FIPS mode is already set"));
 }
 
-TEST_F(fips_switch_test, a_lost_file_is_made_again_with_its_mark) {
+TEST_F(fips_switch_test, a_missing_file_is_recreated_with_the_fips_line) {
     start_in_fips_mode();
     remove_path(paths::server_file);
     commit_ok(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 44));
@@ -192,9 +192,9 @@ TEST_F(fips_switch_test, exhausted_memory_at_start_is_fatal) {
     }
 }
 
-TEST_F(fips_switch_test, exhausted_memory_at_run_time_is_told) {
+TEST_F(fips_switch_test, exhausted_memory_at_run_time_is_printed_in_debug) {
     start();
-    // Three allocations of the verifier's kinds of lists, two each, come first.
+    // The verifier makes six allocations first: two for each of its three kinds of lists.
     call_faults::clear();
     call_faults::fail_call(no_memory_call, ENOMEM, call_faults::once, 7);
     commit_ok(set_number(fips_item, 1));
@@ -202,7 +202,7 @@ TEST_F(fips_switch_test, exhausted_memory_at_run_time_is_told) {
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "no line");
 }
 
-// --- Writes that fail -----------------------------------------------------------------------------------------------
+// --- Failed writes -------------------------------------------------------------------------------------------------
 
 TEST_F(fips_switch_test, failed_writes_when_switching_on_are_only_reported) {
     start();
@@ -222,9 +222,9 @@ TEST_F(fips_switch_test, failed_writes_when_switching_on_are_only_reported) {
     }
 }
 
-TEST_F(fips_switch_test, a_mark_that_cannot_be_written_is_reported) {
+TEST_F(fips_switch_test, a_fips_line_that_cannot_be_written_is_reported) {
     start();
-    // The host keys' lines and their algorithms are written before it.
+    // The host-key lines and their algorithms are written first.
     call_faults::clear();
     call_faults::fail_call("rename", EROFS, 1, 3);
     commit_ok(set_number(fips_item, 1));
@@ -234,7 +234,7 @@ TEST_F(fips_switch_test, a_mark_that_cannot_be_written_is_reported) {
         fake_platform::debugged("Error:=Read-only file system(0x1e): norvossh_set_fips_mode, failed to update "
                                 "NorvoSSHFipsMode  to 'yes' in config file"));
     EXPECT_EQ(client_line("HostKeyAlgorithms"), default_client_host_key_algorithms);
-    // The lists are narrowed nevertheless.
+    // The lists are filtered nevertheless.
     EXPECT_EQ(client_line("Ciphers"),
               "aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,");
 }
@@ -258,7 +258,7 @@ TEST_F(fips_switch_test, failed_writes_when_switching_off_are_only_reported) {
 }
 
 TEST_F(fips_switch_test, failed_writes_at_start_are_only_reported) {
-    // The files are prepared, and then no edit of theirs succeeds.
+    // The files are created, and then every edit fails.
     call_faults::fail_call("rename", EROFS);
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Read-only file system(0x1e), Failed to unset FIPS mode"));
@@ -271,14 +271,14 @@ TEST_F(fips_switch_test, failed_writes_of_a_start_in_fips_mode_are_only_reported
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Read-only file system(0x1e), Failed to set FIPS mode"));
 }
 
-// --- Lists that cannot be narrowed ----------------------------------------------------------------------------------
+// --- Lists that cannot be filtered ----------------------------------------------------------------------------------
 
 void notify(uint32_t event) {
     const datastore_notification notification = {"fipsmode/value", event, nullptr, 0};
     norvossh_notify_fips_mode(&notification, nullptr);
 }
 
-TEST_F(fips_switch_test, lists_that_are_not_there_are_reported_one_by_one) {
+TEST_F(fips_switch_test, missing_lists_are_reported_one_by_one) {
     start();
     server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = nullptr;
     server_config.algorithms[SERVER_CIPHERS].current = "";
@@ -293,7 +293,7 @@ TEST_F(fips_switch_test, lists_that_are_not_there_are_reported_one_by_one) {
     EXPECT_EQ(client_line("KexAlgorithms"), "no line");
 }
 
-TEST_F(fips_switch_test, host_keys_without_a_file_do_not_set_the_mark) {
+TEST_F(fips_switch_test, host_keys_without_a_file_do_not_write_the_fips_line) {
     start();
     server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS].current = "ssh-dss,ssh-ed25519";
     notify(DATASTORE_EVENT_CREATE);
@@ -301,7 +301,7 @@ TEST_F(fips_switch_test, host_keys_without_a_file_do_not_set_the_mark) {
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "no line");
 }
 
-TEST_F(fips_switch_test, an_event_of_no_kind_is_passed_over) {
+TEST_F(fips_switch_test, an_event_that_neither_sets_nor_deletes_is_ignored) {
     start();
     const std::string before = both_files();
     notify(8);

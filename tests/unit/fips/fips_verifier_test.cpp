@@ -23,11 +23,11 @@ class fips_verifier_test : public algorithm_test {
     }
 };
 
-TEST_F(fips_verifier_test, the_defaults_leave_something_of_every_list) {
+TEST_F(fips_verifier_test, of_each_default_list_something_remains) {
     commit_ok(set_number(fips_item, 1));
 }
 
-TEST_F(fips_verifier_test, a_key_exchange_list_of_which_nothing_is_left_is_refused) {
+TEST_F(fips_verifier_test, a_key_exchange_list_that_would_become_empty_is_refused) {
     for (const side_case& side : {server_case, client_case}) {
         commit_ok(kex_change(side, {"curve25519-sha256", "curve25519-sha256@libssh.org"}));
         expect_refused("curve25519-sha256,curve25519-sha256@libssh.org are not allowed in FIPS mode.");
@@ -36,7 +36,7 @@ TEST_F(fips_verifier_test, a_key_exchange_list_of_which_nothing_is_left_is_refus
     commit_ok(set_number(fips_item, 1));
 }
 
-TEST_F(fips_verifier_test, a_cipher_list_of_which_nothing_is_left_is_refused) {
+TEST_F(fips_verifier_test, a_cipher_list_that_would_become_empty_is_refused) {
     for (const side_case& side : {server_case, client_case}) {
         commit_ok(cipher_change(side, {"chacha20-poly1305@openssh.com"}));
         expect_refused("chacha20-poly1305@openssh.com is not allowed in FIPS mode.");
@@ -44,14 +44,14 @@ TEST_F(fips_verifier_test, a_cipher_list_of_which_nothing_is_left_is_refused) {
     }
 }
 
-TEST_F(fips_verifier_test, host_keys_of_which_nothing_is_left_are_refused) {
+TEST_F(fips_verifier_test, host_keys_that_would_become_empty_are_refused) {
     commit_ok(host_key_change({0, 0, 0, 0, 1, 1, 1, 0, 0, 1}));
     expect_refused("DSA, RSA(ssh-rsa), X509 and ED25519 are not allowed in FIPS mode.");
     commit_ok(host_key_change({0, 0, 0, 0, 1, 1, 1, 0, 1, 1}));
     commit_ok(set_number(fips_item, 1));
 }
 
-TEST_F(fips_verifier_test, enabled_legacy_ciphers_are_something) {
+TEST_F(fips_verifier_test, enabled_legacy_ciphers_count_as_remaining) {
     commit_ok(cipher_change(server_case, {"chacha20-poly1305@openssh.com"}));
     commit_ok(legacy_change(server_case, {1, 0}));
     commit_ok(set_number(fips_item, 1));
@@ -115,7 +115,7 @@ TEST_F(fips_verifier_test, exhausted_memory_is_refused) {
     }
 }
 
-TEST_F(fips_verifier_test, only_the_creation_is_looked_at) {
+TEST_F(fips_verifier_test, only_the_creation_is_checked) {
     commit_ok(set_number(fips_item, 1));
     server_config.algorithms[SERVER_CIPHERS].current = "chacha20-poly1305@openssh.com";
     commit_ok(set_number(fips_item, 0));

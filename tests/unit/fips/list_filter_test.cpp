@@ -15,7 +15,7 @@ class list_filter_test : public algorithm_test {
   protected:
     list_filter_test() { fake_platform::preset_debug_flag(debug_cfg_agent, true); }
 
-    /// What a filter makes of a list; the byte behind the result must not be touched.
+    /// The result of a filter; the byte after it must not be written.
     static std::string filtered(list_filter_function filter, const std::string& list) {
         struct {
             modified_list result;
@@ -38,14 +38,14 @@ class list_filter_test : public algorithm_test {
     }
 };
 
-TEST_F(list_filter_test, what_remains_ends_with_a_comma) {
+TEST_F(list_filter_test, the_remaining_list_ends_with_a_comma) {
     EXPECT_EQ(kex("curve25519-sha256,ecdh-sha2-nistp256"), "ecdh-sha2-nistp256,");
     EXPECT_EQ(kex("ecdh-sha2-nistp256"), "ecdh-sha2-nistp256,");
     EXPECT_EQ(cipher("chacha20-poly1305@openssh.com,aes128-ctr,aes128-cbc"), "aes128-ctr,aes128-cbc,");
     EXPECT_EQ(host_key("x509v3-ssh-rsa,ssh-ed25519,rsa-sha2-256"), "rsa-sha2-256,");
 }
 
-TEST_F(list_filter_test, the_defaults_lose_what_fips_mode_does_not_know) {
+TEST_F(list_filter_test, the_defaults_lose_algorithms_that_fips_mode_forbids) {
     EXPECT_EQ(kex(default_kex_list),
               "ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
               "diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,");
@@ -62,30 +62,30 @@ TEST_F(list_filter_test, nothing_may_remain) {
     EXPECT_TRUE(fake_platform::debugged("HostKey algo list empty. "));
 }
 
-TEST_F(list_filter_test, names_are_known_by_their_beginnings) {
+TEST_F(list_filter_test, names_are_matched_by_prefix) {
     EXPECT_EQ(kex("curve25519-sha256-new,curve25519-sha25"), "curve25519-sha25,");
     EXPECT_EQ(cipher("chacha20-poly1305@openssh.com.x,chacha20-poly1305@openssh.co"), "chacha20-poly1305@openssh.co,");
     EXPECT_EQ(host_key("ssh-rsa-cert,ssh-dss2,xssh-rsa,ssh-rs"), "xssh-rsa,ssh-rs,");
 }
 
-TEST_F(list_filter_test, legacy_algorithms_pass) {
+TEST_F(list_filter_test, legacy_algorithms_are_kept) {
     EXPECT_EQ(kex("diffie-hellman-group1-sha1,diffie-hellman-group14-sha1"),
               "diffie-hellman-group1-sha1,diffie-hellman-group14-sha1,");
     EXPECT_EQ(cipher("aes128-cbc,3des-cbc"), "aes128-cbc,3des-cbc,");
 }
 
-TEST_F(list_filter_test, a_closing_comma_is_no_name) {
+TEST_F(list_filter_test, a_trailing_comma_is_not_a_name) {
     EXPECT_EQ(kex("ecdh-sha2-nistp256,"), "ecdh-sha2-nistp256,");
     EXPECT_EQ(kex(",,ecdh-sha2-nistp256,,ecdh-sha2-nistp384,,"), "ecdh-sha2-nistp256,ecdh-sha2-nistp384,");
 }
 
-TEST_F(list_filter_test, a_list_may_be_filtered_into_itself) {
+TEST_F(list_filter_test, a_list_may_be_filtered_in_place) {
     modified_list list = {"curve25519-sha256,ecdh-sha2-nistp256"};
     EXPECT_EQ(get_modified_kex_list(list.text, list.text), 0);
     EXPECT_STREQ(list.text, "ecdh-sha2-nistp256,");
 }
 
-TEST_F(list_filter_test, no_list_is_a_failure) {
+TEST_F(list_filter_test, a_missing_list_is_a_failure) {
     const struct {
         list_filter_function filter;
         const char* text;
@@ -105,7 +105,7 @@ TEST_F(list_filter_test, no_list_is_a_failure) {
     }
 }
 
-TEST_F(list_filter_test, says_what_it_does) {
+TEST_F(list_filter_test, prints_its_work_in_debug) {
     kex("ecdh-sha2-nistp256");
     cipher("aes128-ctr");
     host_key("rsa-sha2-256");
@@ -117,7 +117,7 @@ TEST_F(list_filter_test, says_what_it_does) {
                     "get_modified_hostkey_list, New Hostkey algo list is rsa-sha2-256,"));
 }
 
-TEST_F(list_filter_test, a_name_ends_at_its_slots_end) {
+TEST_F(list_filter_test, a_name_is_truncated_to_its_slot) {
     EXPECT_EQ(kex(std::string(39, 'k')), std::string(39, 'k') + ",");
     EXPECT_EQ(kex(std::string(40, 'k')), std::string(39, 'k') + ",");
     EXPECT_EQ(cipher(std::string(39, 'c')), std::string(39, 'c') + ",");
@@ -126,7 +126,7 @@ TEST_F(list_filter_test, a_name_ends_at_its_slots_end) {
     EXPECT_EQ(host_key(std::string(30, 'h')), std::string(29, 'h') + ",");
 }
 
-TEST_F(list_filter_test, names_behind_the_last_slot_are_dropped) {
+TEST_F(list_filter_test, names_after_the_last_slot_are_dropped) {
     EXPECT_EQ(kex(repeated(9, "k")), repeated(9, "k") + ",");
     EXPECT_EQ(kex(repeated(10, "k")), repeated(9, "k") + ",");
     EXPECT_EQ(cipher(repeated(10, "c")), repeated(10, "c") + ",");
@@ -135,8 +135,8 @@ TEST_F(list_filter_test, names_behind_the_last_slot_are_dropped) {
     EXPECT_EQ(host_key(repeated(11, "h")), repeated(10, "h") + ",");
 }
 
-TEST_F(list_filter_test, the_result_ends_at_its_buffers_end) {
-    // Seven names of 30 characters and one that fills the rest, each with its comma.
+TEST_F(list_filter_test, the_result_is_truncated_to_its_buffer) {
+    // Seven names of 30 characters and one for the remaining space, each with its comma.
     const std::string seven = repeated(7, std::string(30, 'k')) + ",";
     EXPECT_EQ(kex(seven + std::string(36, 'e')).size(), 254u);
     EXPECT_EQ(kex(seven + std::string(36, 'e')), seven + std::string(36, 'e') + ",");
@@ -146,7 +146,7 @@ TEST_F(list_filter_test, the_result_ends_at_its_buffers_end) {
 
 // --- Host-key files -------------------------------------------------------------------------------------------------
 
-TEST_F(list_filter_test, files_follow_the_lists_order) {
+TEST_F(list_filter_test, files_are_in_the_order_of_the_list) {
     EXPECT_EQ(fips_hostkey_files_from_list("ssh-ed25519,ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,ecdsa-sha2-nistp256,"
                                            "ssh-rsa"),
               0);
@@ -156,12 +156,12 @@ TEST_F(list_filter_test, files_follow_the_lists_order) {
     EXPECT_STREQ(fips_hostkey_files, "/pkg/rsa");
 }
 
-TEST_F(list_filter_test, a_file_comes_as_often_as_it_is_asked_for) {
+TEST_F(list_filter_test, a_repeated_algorithm_repeats_its_file) {
     EXPECT_EQ(fips_hostkey_files_from_list("rsa-sha2-512,rsa-sha2-256"), 0);
     EXPECT_STREQ(fips_hostkey_files, "/pkg/rsa,/pkg/rsa");
 }
 
-TEST_F(list_filter_test, the_dsa_key_goes_by_another_name) {
+TEST_F(list_filter_test, the_dsa_key_file_has_another_name) {
     EXPECT_EQ(fips_hostkey_files_from_list("ssh-dss,ssh-rsa"), 0);
     EXPECT_STREQ(fips_hostkey_files, "/pkg/rsa");
     EXPECT_TRUE(fake_platform::debugged("hostkeyalgo:=ssh-dss, no correspondinghostkey file present"));
@@ -169,7 +169,7 @@ TEST_F(list_filter_test, the_dsa_key_goes_by_another_name) {
     EXPECT_STREQ(fips_hostkey_files, "/pkg/dsa");
 }
 
-TEST_F(list_filter_test, no_list_empties_the_files) {
+TEST_F(list_filter_test, a_missing_list_gives_no_files) {
     EXPECT_EQ(fips_hostkey_files_from_list("ssh-rsa"), 0);
     EXPECT_EQ(fips_hostkey_files_from_list(nullptr), 0);
     EXPECT_STREQ(fips_hostkey_files, "");
@@ -191,8 +191,8 @@ TEST_F(list_filter_test, exhausted_memory_is_a_failure) {
                 ElementsAre("ERR_ERRNO: Error:=Cannot allocate memory(0xc), memory allocation failure"));
 }
 
-TEST_F(list_filter_test, the_files_end_at_their_buffers_end) {
-    // Eight times 25 characters; the ninth does not fit whole.
+TEST_F(list_filter_test, the_files_are_truncated_to_their_buffer) {
+    // Eight times 25 characters; the ninth does not fit completely.
     EXPECT_EQ(fips_hostkey_files_from_list(repeated(8, "ecdsa-sha2-nistp256").c_str()), 0);
     EXPECT_EQ(std::string(fips_hostkey_files), repeated(8, "/pkg/ecdsa-sha2-nistp256"));
     EXPECT_EQ(fips_hostkey_files_from_list(repeated(9, "ecdsa-sha2-nistp256").c_str()), 0);

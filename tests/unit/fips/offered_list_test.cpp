@@ -29,19 +29,19 @@ TEST_F(offered_list_test, without_fips_mode_the_whole_list_is_offered) {
     EXPECT_EQ(offered_of("curve25519-sha256,ecdh-sha2-nistp256"), "curve25519-sha256,ecdh-sha2-nistp256");
 }
 
-TEST_F(offered_list_test, in_fips_mode_only_what_the_filter_leaves) {
+TEST_F(offered_list_test, in_fips_mode_only_the_filtered_list_is_offered) {
     set_fips(true);
     EXPECT_EQ(offered_of("curve25519-sha256,ecdh-sha2-nistp256"), "ecdh-sha2-nistp256");
     EXPECT_EQ(offered_of("ecdh-sha2-nistp256,curve25519-sha256,ecdh-sha2-nistp384"),
               "ecdh-sha2-nistp256,ecdh-sha2-nistp384");
 }
 
-TEST_F(offered_list_test, a_list_that_loses_nothing_keeps_its_text) {
+TEST_F(offered_list_test, a_list_that_loses_nothing_is_unchanged) {
     set_fips(true);
     EXPECT_EQ(offered_of("ecdh-sha2-nistp256,ecdh-sha2-nistp384"), "ecdh-sha2-nistp256,ecdh-sha2-nistp384");
 }
 
-TEST_F(offered_list_test, a_list_that_loses_everything_becomes_the_default) {
+TEST_F(offered_list_test, a_list_that_loses_everything_is_replaced_by_the_default) {
     set_fips(true);
     EXPECT_EQ(offered_of("curve25519-sha256"), "the FIPS default");
 }
@@ -56,7 +56,7 @@ TEST_F(offered_list_test, an_unknown_mode_changes_nothing) {
     EXPECT_EQ(choose_offered_host_keys(), -1);
 }
 
-TEST_F(offered_list_test, the_files_of_host_keys_follow_the_algorithms) {
+TEST_F(offered_list_test, the_host_key_files_follow_the_algorithms) {
     set_fips(true);
     algorithm_entry& files = server_config.algorithms[SERVER_HOST_KEY];
     algorithm_entry& algorithms = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];

@@ -49,7 +49,7 @@ class banners_test : public algorithm_test {
 
 // --- The text -------------------------------------------------------------------------------------------------------
 
-TEST_F(banners_test, delimiters_are_taken_off) {
+TEST_F(banners_test, delimiters_are_removed) {
     EXPECT_EQ(message("#Hello#"), "Hello");
     EXPECT_EQ(message("XHelloX"), "Hello");
     EXPECT_EQ(message("# two\nlines #"), " two\nlines ");
@@ -57,20 +57,20 @@ TEST_F(banners_test, delimiters_are_taken_off) {
     EXPECT_TRUE(fake_platform::debugged("got banner msg Hello"));
 }
 
-// Everything from the last occurrence on is cut, wherever it stands.
-TEST_F(banners_test, a_delimiter_inside_the_text_stays_and_the_last_one_cuts) {
+// Everything from the last occurrence on is cut off.
+TEST_F(banners_test, a_delimiter_inside_the_text_stays_and_the_last_one_ends_it) {
     EXPECT_EQ(message("#a#b#"), "a#b");
     EXPECT_EQ(message("#Hello#rest"), "Hello");
     EXPECT_EQ(message("#a#b#rest"), "a#b");
 }
 
-// A banner is rather shown with a character too few than not at all.
-TEST_F(banners_test, a_text_whose_first_character_does_not_come_again_is_not_cut) {
+// A banner that lacks a character is better than no banner.
+TEST_F(banners_test, a_text_without_a_closing_delimiter_is_not_cut) {
     EXPECT_EQ(message("#Hello"), "Hello");
     EXPECT_EQ(message("Hello"), "ello");
 }
 
-TEST_F(banners_test, a_text_with_nothing_in_it_counts_as_absent) {
+TEST_F(banners_test, an_empty_text_counts_as_absent) {
     for (const char* text : {"", "#", "##", "##rest"}) {
         EXPECT_EQ(message(text), "nothing") << text;
     }
@@ -78,7 +78,7 @@ TEST_F(banners_test, a_text_with_nothing_in_it_counts_as_absent) {
     EXPECT_EQ(get_banner_msg(BANNER_LOGIN), nullptr);
 }
 
-TEST_F(banners_test, only_the_kind_that_was_asked_for_is_given) {
+TEST_F(banners_test, only_the_requested_kind_is_returned) {
     set_configured_banner(BANNER_MESSAGE_OF_THE_DAY, "#motd#");
     EXPECT_EQ(get_banner_msg(BANNER_LOGIN), nullptr);
     char* text = get_banner_msg(BANNER_MESSAGE_OF_THE_DAY);
@@ -86,7 +86,7 @@ TEST_F(banners_test, only_the_kind_that_was_asked_for_is_given) {
     std::free(text);
 }
 
-TEST_F(banners_test, any_bytes_are_kept_as_they_are) {
+TEST_F(banners_test, any_bytes_are_kept) {
     const std::string control = "\x01\x02\t\r\n\x1b[31mred\x1b[0m\x7f\x07";
     EXPECT_EQ(message("#" + control + "#"), control);
     const std::string utf8 = "Zugang nur f\xc3\xbcr Befugte \xe2\x80\x94 \xe5\x8d\xb1\xe9\x99\xba \xf0\x9f\x94\x92";
@@ -97,7 +97,7 @@ TEST_F(banners_test, any_bytes_are_kept_as_they_are) {
 
 // --- The banner file ------------------------------------------------------------------------------------------------
 
-TEST_F(banners_test, a_login_banner_is_in_the_file_that_the_servers_name) {
+TEST_F(banners_test, a_login_banner_is_written_to_the_file_named_by_the_servers) {
     set_configured_banner(BANNER_LOGIN, "#Hello#");
     notify();
     EXPECT_EQ(content(), "Hello\n");
@@ -109,7 +109,7 @@ TEST_F(banners_test, a_login_banner_is_in_the_file_that_the_servers_name) {
               Contains("writeToBanner enter"), Contains(std::string("file opened ") + banner_line)));
 }
 
-TEST_F(banners_test, without_any_banner_the_file_is_empty_and_nobody_names_it) {
+TEST_F(banners_test, without_any_banner_the_file_is_empty_and_not_named) {
     set_configured_banner(BANNER_LOGIN, "#Hello#");
     notify();
     set_configured_banner(BANNER_LOGIN, std::nullopt);
@@ -119,15 +119,15 @@ TEST_F(banners_test, without_any_banner_the_file_is_empty_and_nobody_names_it) {
     EXPECT_EQ(server_config.parameters[SERVER_BANNER].current, nullptr);
 }
 
-TEST_F(banners_test, the_texts_are_asked_for_in_an_order) {
+TEST_F(banners_test, the_texts_are_requested_in_a_fixed_order) {
     notify(3, "0x2");
     EXPECT_THAT(fake_platform::calls_of("banner_service_"),
                 ElementsAre("banner_service_platform(3)", "banner_service_configured(3)", "banner_service_platform(2)",
                             "banner_service_configured(2)"));
 }
 
-// The platform's message of the day is never written; where there is one, its login banner stands twice.
-TEST_F(banners_test, the_platforms_login_banner_stands_for_its_message_of_the_day) {
+// The platform's message of the day is never written; if there is one, its login banner is written twice.
+TEST_F(banners_test, the_platforms_login_banner_replaces_its_message_of_the_day) {
     set_platform_banner(BANNER_MESSAGE_OF_THE_DAY, "platform motd");
     set_platform_banner(BANNER_LOGIN, "platform login");
     set_configured_banner(BANNER_MESSAGE_OF_THE_DAY, "#motd#");
@@ -140,8 +140,8 @@ TEST_F(banners_test, the_platforms_login_banner_stands_for_its_message_of_the_da
                       Contains("platform login banner present"), Contains("login banner present")));
 }
 
-// It counts nevertheless, so the servers name an empty file.
-TEST_F(banners_test, a_platform_message_of_the_day_alone_is_a_write_that_fails) {
+// It counts as a banner nevertheless, so the servers name an empty file.
+TEST_F(banners_test, a_platform_message_of_the_day_alone_is_a_failed_write) {
     set_platform_banner(BANNER_MESSAGE_OF_THE_DAY, "platform motd");
     notify();
     EXPECT_EQ(content(), "");
@@ -150,17 +150,17 @@ TEST_F(banners_test, a_platform_message_of_the_day_alone_is_a_write_that_fails) 
     EXPECT_TRUE(fake_platform::debugged("platform motd banner write failed"));
 }
 
-TEST_F(banners_test, every_notice_builds_the_file_anew) {
+TEST_F(banners_test, every_notice_rewrites_the_file) {
     set_configured_banner(BANNER_LOGIN, "#one#");
     notify();
     set_configured_banner(BANNER_LOGIN, "#two#");
     notify();
     EXPECT_EQ(content(), "two\n");
     notify(4);
-    EXPECT_EQ(content(), "two\n") << "what there is to show is the service's to say";
+    EXPECT_EQ(content(), "two\n") << "the text comes from the service, whatever the event";
 }
 
-TEST_F(banners_test, a_banner_of_100_kb_is_written_whole) {
+TEST_F(banners_test, a_banner_of_100_kb_is_written_completely) {
     std::string text;
     while (text.size() < 100000) {
         text += "Only for those who may; " + std::to_string(text.size()) + "\n";
@@ -170,7 +170,7 @@ TEST_F(banners_test, a_banner_of_100_kb_is_written_whole) {
     EXPECT_EQ(content(), text + "\n");
 }
 
-TEST_F(banners_test, control_characters_and_utf8_reach_the_file_and_no_configuration_line) {
+TEST_F(banners_test, control_characters_and_utf8_reach_the_file_but_no_configuration_line) {
     const std::string text = "a\nPermitRootLogin yes\nb\x1b\x01 \xc3\xa9";
     set_configured_banner(BANNER_LOGIN, "#" + text + "#");
     notify();
@@ -178,7 +178,7 @@ TEST_F(banners_test, control_characters_and_utf8_reach_the_file_and_no_configura
     EXPECT_THAT(file_lines(paths::server_file), Not(Contains("b\x1b\x01 \xc3\xa9")));
 }
 
-TEST_F(banners_test, the_servers_are_restarted_when_a_banner_comes_and_when_it_goes) {
+TEST_F(banners_test, the_servers_are_restarted_when_a_banner_is_added_or_removed) {
     scratch_root::add_namespace_file("vrf-red");
     commit_ok(fake_platform::set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {{}, {}, {}}));
     stub_commands::clear_log();
@@ -188,7 +188,7 @@ TEST_F(banners_test, the_servers_are_restarted_when_a_banner_comes_and_when_it_g
     EXPECT_EQ(stub_commands::log(), restart);
     EXPECT_EQ(value("/var/opt/norvo/norvossh/sshd_config_red", "Banner"), banner_line);
     stub_commands::clear_log();
-    // A server reads the file for each connection.
+    // A server reads the file for every connection.
     set_configured_banner(BANNER_LOGIN, "#two#");
     notify();
     EXPECT_THAT(stub_commands::log(), IsEmpty());
@@ -207,12 +207,12 @@ TEST_F(banners_test, a_server_file_that_cannot_be_edited_is_logged) {
     EXPECT_EQ(content(), "one\n");
 }
 
-TEST_F(banners_test, a_banner_file_that_cannot_be_written_is_told_by_debug_lines_only) {
+TEST_F(banners_test, a_banner_file_that_cannot_be_written_is_only_printed_in_debug) {
     set_platform_banner(BANNER_MESSAGE_OF_THE_DAY, "a");
     set_platform_banner(BANNER_LOGIN, "b");
     set_configured_banner(BANNER_MESSAGE_OF_THE_DAY, "#c#");
     set_configured_banner(BANNER_LOGIN, "#d#");
-    // The second opening is the first for appending.
+    // The second call opens the file for appending.
     call_faults::fail_call("fopen", EACCES, 4, 3, paths::banner_file);
     notify();
     EXPECT_THAT(fake_platform::debug_texts(),
@@ -228,14 +228,14 @@ TEST_F(banners_test, a_banner_file_that_cannot_be_written_is_told_by_debug_lines
     EXPECT_TRUE(traced);
 }
 
-TEST_F(banners_test, a_full_disk_is_a_write_that_fails) {
+TEST_F(banners_test, a_full_disk_is_a_failed_write) {
     set_configured_banner(BANNER_LOGIN, "#d#");
     call_faults::fail_call("fclose", ENOSPC, 1, 2, paths::banner_file);
     notify();
     EXPECT_TRUE(fake_platform::debugged("login banner write failed"));
 }
 
-TEST_F(banners_test, an_old_file_that_cannot_be_removed_is_emptied) {
+TEST_F(banners_test, an_old_file_that_cannot_be_deleted_is_emptied) {
     write_file(paths::banner_file, "old\n");
     set_configured_banner(BANNER_LOGIN, "#new#");
     call_faults::fail_call("remove", EACCES, call_faults::always, 1, paths::banner_file);
@@ -243,20 +243,20 @@ TEST_F(banners_test, an_old_file_that_cannot_be_removed_is_emptied) {
     EXPECT_EQ(content(), "new\n");
 }
 
-TEST_F(banners_test, a_file_that_cannot_be_made_ends_the_process) {
+TEST_F(banners_test, a_file_that_cannot_be_created_ends_the_process) {
     call_faults::fail_call("fopen", EROFS, call_faults::always, 1, paths::banner_file);
     EXPECT_EXIT(notify(), testing::ExitedWithCode(256 - 25), "");
     EXPECT_EQ(EXIT_BANNER_FILE, -25);
 }
 
-TEST_F(banners_test, a_missing_directory_is_made) {
+TEST_F(banners_test, a_missing_directory_is_created) {
     remove_path(paths::configuration_directory);
     set_configured_banner(BANNER_LOGIN, "#Hello#");
     notify();
     EXPECT_EQ(content(), "Hello\n");
 }
 
-TEST_F(banners_test, killed_anywhere_the_next_notice_completes_the_file) {
+TEST_F(banners_test, after_a_kill_at_any_call_the_next_notice_completes_the_file) {
     set_configured_banner(BANNER_LOGIN, "#Hello#");
     const uint32_t kill_points =
         call_faults::for_each_kill_point([] { remove_path(paths::banner_file); }, [] { notify(); },
@@ -297,7 +297,7 @@ TEST_F(banners_test, the_message_of_the_day_follows_the_aaa_banner) {
     EXPECT_EQ(read_file(motd), "Other\n");
 }
 
-TEST_F(banners_test, a_removed_aaa_banner_removes_the_message_of_the_day) {
+TEST_F(banners_test, removing_the_aaa_banner_removes_the_message_of_the_day) {
     set_aaa_banner("#Welcome#");
     notify_aaa();
     notify_aaa(4);
@@ -315,8 +315,8 @@ TEST_F(banners_test, without_an_aaa_banner_there_is_no_message_of_the_day) {
     }
 }
 
-// The directory's name is relative: where the process works makes the difference.
-TEST_F(banners_test, a_directory_etc_is_made_where_the_process_works) {
+// The directory's name is relative, so it depends on the working directory.
+TEST_F(banners_test, a_directory_etc_is_created_in_the_working_directory) {
     std::filesystem::create_directory("/tmp/elsewhere");
     ASSERT_EQ(chdir("/tmp/elsewhere"), 0);
     set_aaa_banner("#Welcome#");
@@ -326,14 +326,14 @@ TEST_F(banners_test, a_directory_etc_is_made_where_the_process_works) {
     EXPECT_THAT(directory_names("/tmp/elsewhere/etc"), IsEmpty());
 }
 
-TEST_F(banners_test, a_message_of_the_day_that_cannot_be_made_ends_the_process) {
+TEST_F(banners_test, a_message_of_the_day_that_cannot_be_created_ends_the_process) {
     set_aaa_banner("#Welcome#");
     call_faults::fail_call("fopen", EROFS, call_faults::always, 1, motd);
     EXPECT_EXIT(notify_aaa(), testing::ExitedWithCode(256 - 30), "");
     EXPECT_EQ(EXIT_AAA_BANNER_FILE, -30);
 }
 
-TEST_F(banners_test, a_message_of_the_day_that_cannot_be_written_is_told_by_debug_lines_only) {
+TEST_F(banners_test, a_message_of_the_day_that_cannot_be_written_is_only_printed_in_debug) {
     set_aaa_banner("#Welcome#");
     call_faults::fail_call("fopen", EACCES, 1, 3, motd);
     notify_aaa();
@@ -342,7 +342,7 @@ TEST_F(banners_test, a_message_of_the_day_that_cannot_be_written_is_told_by_debu
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(banners_test, banner_notices_do_not_touch_the_message_of_the_day) {
+TEST_F(banners_test, banner_notices_leave_the_message_of_the_day_alone) {
     write_file(motd, "kept\n");
     set_configured_banner(BANNER_MESSAGE_OF_THE_DAY, "#motd#");
     notify(3, "0x2");

@@ -28,7 +28,7 @@ class file_system_list_test : public agent_test {
     file_system_list_test() { fake_platform::preset_debug_flag(debug_cfg_agent, true); }
 };
 
-TEST_F(file_system_list_test, each_name_is_followed_by_a_blank) {
+TEST_F(file_system_list_test, each_name_is_followed_by_a_space) {
     fake_platform::set_file_systems({"A", "B"});
     EXPECT_EQ(publish_filesystem_list(), 0);
     EXPECT_EQ(read_file(object), zero_padded("A B "));
@@ -41,7 +41,7 @@ TEST_F(file_system_list_test, an_empty_list_is_an_empty_text) {
     EXPECT_EQ(read_file(object), std::string(object_size, '\0'));
 }
 
-TEST_F(file_system_list_test, everybody_can_read_and_write_the_object_whatever_the_umask) {
+TEST_F(file_system_list_test, everyone_can_read_and_write_the_object_regardless_of_the_umask) {
     for (const mode_t mask : {0, 022, 077}) {
         std::filesystem::remove(object);
         const mode_t before = umask(mask);
@@ -51,7 +51,7 @@ TEST_F(file_system_list_test, everybody_can_read_and_write_the_object_whatever_t
     }
 }
 
-// 1023 characters and NUL are all that fits.
+// 1023 characters and NUL fill the object.
 TEST_F(file_system_list_test, a_list_of_1023_characters_is_the_longest) {
     fake_platform::set_file_systems({std::string(1000, 'a'), std::string(21, 'b')});
     EXPECT_EQ(publish_filesystem_list(), 0);
@@ -77,13 +77,13 @@ TEST_F(file_system_list_test, a_longer_list_is_not_published_at_all) {
     }
 }
 
-TEST_F(file_system_list_test, a_shorter_text_leaves_the_rest_of_the_longer_one) {
+TEST_F(file_system_list_test, a_shorter_text_leaves_the_end_of_the_longer_one) {
     EXPECT_EQ(write_filesystem_list("harddisk: disk0: "), 0);
     EXPECT_EQ(write_filesystem_list("flash: "), 0);
     EXPECT_EQ(read_file(object), zero_padded(std::string("flash: \0: disk0: ", 17)));
 }
 
-TEST_F(file_system_list_test, an_object_of_another_size_gets_its_size) {
+TEST_F(file_system_list_test, an_object_of_another_size_is_resized) {
     write_file(object, std::string(5000, 'x'));
     EXPECT_EQ(write_filesystem_list("A "), 0);
     EXPECT_EQ(read_file(object), std::string("A \0", 3) + std::string(1021, 'x'));
@@ -92,7 +92,7 @@ TEST_F(file_system_list_test, an_object_of_another_size_gets_its_size) {
     EXPECT_EQ(read_file(object), zero_padded("A "));
 }
 
-TEST_F(file_system_list_test, a_text_that_is_too_long_is_cut) {
+TEST_F(file_system_list_test, a_text_that_is_too_long_is_truncated) {
     EXPECT_EQ(write_filesystem_list(std::string(3000, 'x').c_str()), 0);
     EXPECT_EQ(read_file(object), zero_padded(std::string(1023, 'x')));
 }
@@ -118,7 +118,7 @@ TEST_F(file_system_list_test, an_object_that_cannot_be_opened_is_reported) {
     EXPECT_TRUE(fake_platform::debugged("Failed to attach fslist in shared memory"));
 }
 
-// Whoever may write into the directory must not have the agent write elsewhere.
+// Others who may write to the directory must not redirect the agent's writes.
 TEST_F(file_system_list_test, a_link_in_the_way_is_not_followed) {
     write_file("/tmp/target", "precious");
     std::filesystem::create_symlink("/tmp/target", object);
@@ -140,7 +140,7 @@ TEST_F(file_system_list_test, an_object_that_cannot_be_sized_or_mapped_is_report
     EXPECT_EQ(directory_names("/proc/self/fd").size(), open_before);
 }
 
-// A mapping of a file system without room would be met as a signal.
+// Writing to a mapping on a full file system would raise SIGBUS.
 TEST_F(file_system_list_test, a_full_file_system_is_reported) {
     scratch_root::limit_space("/dev/shmem", 4096);
     write_file("/dev/shmem/filler", std::string(4096, 'x'));

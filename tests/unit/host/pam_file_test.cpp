@@ -22,7 +22,7 @@ using testing::IsEmpty;
 constexpr char directory[] = "/etc/pam.d";
 constexpr char file[] = "/etc/pam.d/norvosshd";
 
-/// The content is in the golden file; a test that changes the file says so by its own text.
+/// The content is in the golden file; a test that changes the file contains its own text.
 constexpr char other_content[] = "auth required pam_deny.so\n";
 
 class pam_file_test : public agent_test {
@@ -41,7 +41,7 @@ TEST_F(pam_file_test, a_missing_file_is_written) {
     EXPECT_THAT(fake_platform::debug_texts(), IsEmpty());
 }
 
-TEST_F(pam_file_test, an_existing_file_is_left_alone_whatever_it_holds) {
+TEST_F(pam_file_test, an_existing_file_is_left_alone_whatever_its_content) {
     for (const char* content : {other_content, "", "\n"}) {
         write_file(file, content);
         write_pam_file();
@@ -59,7 +59,7 @@ TEST_F(pam_file_test, a_file_that_cannot_be_opened_is_reported) {
     EXPECT_THAT(trace.front().arguments, ElementsAre(file, "w", "30"));
 }
 
-TEST_F(pam_file_test, a_full_disk_leaves_no_half_file) {
+TEST_F(pam_file_test, a_full_disk_leaves_no_partial_file) {
     for (const char* call : {"stdio_write", "fclose", "rename"}) {
         SCOPED_TRACE(call);
         call_faults::fail_call(call, ENOSPC, call_faults::always, 1,
@@ -75,7 +75,7 @@ TEST_F(pam_file_test, a_full_disk_leaves_no_half_file) {
     expect_whole_file();
 }
 
-TEST_F(pam_file_test, killed_anywhere_it_leaves_no_file_or_the_whole_one) {
+TEST_F(pam_file_test, after_a_kill_at_any_call_the_file_is_missing_or_complete) {
     const uint32_t kill_points = call_faults::for_each_kill_point(
         [] {
             remove_path(file);
@@ -107,7 +107,7 @@ class pam_watch_test : public pam_file_test {
         fake_platform::clear_reports();
     }
 
-    /// The loop's work until nothing is left to read. Returns how often the handler ran.
+    /// Runs the loop until nothing is left to read. Returns how often the handler ran.
     static size_t run_loop() {
         size_t count = 0;
         while (count < 1000 && fake_platform::dispatch_ready_fds() != 0) {
@@ -118,7 +118,7 @@ class pam_watch_test : public pam_file_test {
 
     static bool restored() { return fake_platform::debugged("Found Entry:=norvosshd"); }
 
-    /// A directory that can be taken away: the test's own is mounted.
+    /// A directory that can be removed; the scratch root's own is a mount point.
     static void use_plain_directory() {
         ASSERT_EQ(umount2(directory, MNT_DETACH), 0);
         std::filesystem::remove_all(directory);
@@ -130,14 +130,14 @@ class pam_watch_test : public pam_file_test {
     }
 };
 
-TEST_F(pam_watch_test, asks_for_deletions_in_the_directory) {
+TEST_F(pam_watch_test, watches_for_deletions_in_the_directory) {
     EXPECT_EQ(IN_DELETE, 0x200);
     const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent_handles.pam_inotify));
     EXPECT_NE(info.find(" mask:200 "), std::string::npos) << info;
     EXPECT_EQ(info.find("inotify wd:2"), std::string::npos) << info;
 }
 
-TEST_F(pam_watch_test, a_deleted_file_is_back_as_it_was) {
+TEST_F(pam_watch_test, a_deleted_file_is_restored) {
     remove_path(file);
     EXPECT_EQ(run_loop(), 1u);
     expect_whole_file();
@@ -147,7 +147,7 @@ TEST_F(pam_watch_test, a_deleted_file_is_back_as_it_was) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(pam_watch_test, it_comes_back_as_often_as_it_is_deleted) {
+TEST_F(pam_watch_test, it_is_restored_each_time_it_is_deleted) {
     for (int i = 0; i < 50; i++) {
         remove_path(file);
         run_loop();
@@ -155,7 +155,7 @@ TEST_F(pam_watch_test, it_comes_back_as_often_as_it_is_deleted) {
     }
 }
 
-TEST_F(pam_watch_test, other_files_are_none_of_its_business) {
+TEST_F(pam_watch_test, other_files_are_ignored) {
     write_file(file, other_content);
     for (const char* name : {"norvosshd.bak", "norvossh", "norvosshd2", "Norvosshd", "sshd", "n",
                              "a_name_that_is_longer_than_the_one_in_question_and_ends_like_it_norvosshd"}) {
@@ -169,7 +169,7 @@ TEST_F(pam_watch_test, other_files_are_none_of_its_business) {
     EXPECT_TRUE(fake_platform::debugged("Mask:=0x200, Name:=norvosshd.bak, event received"));
 }
 
-// While the file is away for another reason, a deletion beside it does not bring it back.
+// If the file was moved away, the deletion of a similar name does not restore it.
 TEST_F(pam_watch_test, a_prefix_of_the_name_does_not_match) {
     write_file(std::string(file) + ".bak", "");
     std::filesystem::rename(file, std::string(file) + ".moved");
@@ -178,7 +178,7 @@ TEST_F(pam_watch_test, a_prefix_of_the_name_does_not_match) {
     EXPECT_FALSE(path_exists(file));
 }
 
-TEST_F(pam_watch_test, a_change_or_a_rename_is_not_noticed) {
+TEST_F(pam_watch_test, a_change_or_a_rename_is_ignored) {
     write_file(file, other_content);
     write_file(file, "");
     std::filesystem::rename(file, std::string(directory) + "/renamed");
@@ -195,13 +195,13 @@ TEST_F(pam_watch_test, the_deletion_is_found_among_many_events) {
             remove_path(file);
         }
     }
-    // 32 bytes an event, 1024 a read.
+    // 32 bytes per event, 1024 per read.
     EXPECT_GE(run_loop(), 4u);
     EXPECT_TRUE(restored());
     expect_whole_file();
 }
 
-TEST_F(pam_watch_test, names_of_the_greatest_length_fit_the_buffer) {
+TEST_F(pam_watch_test, names_of_maximum_length_fit_the_buffer) {
     const std::string path = std::string(directory) + "/" + std::string(255, 'x');
     for (int i = 0; i < 10; i++) {
         write_file(path, "");
@@ -213,8 +213,8 @@ TEST_F(pam_watch_test, names_of_the_greatest_length_fit_the_buffer) {
     expect_whole_file();
 }
 
-// One found is enough: the rest of the buffer is not walked.
-TEST_F(pam_watch_test, stops_walking_at_its_own_file) {
+// After one match the rest of the buffer is skipped.
+TEST_F(pam_watch_test, stops_at_its_own_file) {
     remove_path(file);
     write_file(std::string(directory) + "/later", "");
     remove_path(std::string(directory) + "/later");
@@ -234,19 +234,19 @@ TEST_F(pam_watch_test, a_failed_read_is_logged) {
         fake_platform::debugged("Read failed in inotify event notification fornorvossh_pam_config_fd "
                                 "error:=Input/output error(0x5)"));
     EXPECT_FALSE(path_exists(file));
-    // The event is still there.
+    // The event is still queued.
     run_loop();
     expect_whole_file();
 }
 
-// A wake-up without an event must not hold the loop up.
+// A wake-up without an event must not block the loop.
 TEST_F(pam_watch_test, nothing_to_read_does_not_block) {
     pam_config_file_handler(agent_handles.pam_inotify, EVENT_MANAGER_READ, nullptr);
     EXPECT_THAT(fake_platform::log_texts(), Contains("ERR_ERRNO: Error:=Resource temporarily unavailable(0xb), Read "
                                                      "failed in inotifyevent notification for norvossh_pam_config_fd"));
 }
 
-/// Lets the handler read bytes of one's own.
+/// Makes the handler read the given bytes.
 void read_bytes(const std::string& bytes) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -267,14 +267,14 @@ std::string event_bytes(uint32_t mask, std::string name, size_t name_size, int w
     return bytes + name;
 }
 
-TEST_F(pam_watch_test, truncated_events_are_not_read_past_their_end) {
+TEST_F(pam_watch_test, truncated_events_are_not_read_beyond_their_end) {
     std::filesystem::rename(file, std::string(file) + ".moved");
     const std::string whole = event_bytes(IN_DELETE, "norvosshd", 16);
     for (size_t size = 0; size < whole.size(); size++) {
         read_bytes(whole.substr(0, size));
         EXPECT_FALSE(path_exists(file)) << size;
     }
-    // A length that reaches beyond what was read, up to the greatest there is.
+    // A length that extends beyond the bytes read, up to the largest possible.
     for (const uint32_t length : {17u, 1024u, 0x7fffffffu, 0xffffffffu}) {
         std::string bytes = whole;
         std::memcpy(bytes.data() + offsetof(inotify_event, len), &length, sizeof length);
@@ -285,7 +285,7 @@ TEST_F(pam_watch_test, truncated_events_are_not_read_past_their_end) {
     EXPECT_TRUE(path_exists(file));
 }
 
-TEST_F(pam_watch_test, a_deletion_behind_a_truncated_event_comes_with_the_next_read) {
+TEST_F(pam_watch_test, a_deletion_after_a_truncated_event_is_found_by_the_next_read) {
     std::filesystem::rename(file, std::string(file) + ".moved");
     read_bytes(event_bytes(IN_DELETE, "other", 16) + event_bytes(IN_DELETE, "norvosshd", 16).substr(0, 20));
     EXPECT_FALSE(path_exists(file));
@@ -294,16 +294,16 @@ TEST_F(pam_watch_test, a_deletion_behind_a_truncated_event_comes_with_the_next_r
 
 // --- Events that are not delivered ----------------------------------------------------------------------------------
 
-TEST_F(pam_watch_test, an_overflow_has_the_file_looked_for) {
+TEST_F(pam_watch_test, after_an_overflow_the_file_is_checked) {
     std::filesystem::rename(file, std::string(file) + ".moved");
     read_bytes(event_bytes(IN_Q_OVERFLOW, "", 0, -1));
     expect_whole_file();
 }
 
-// The real thing: more deletions than the kernel keeps, with the file's own lost behind them.
-TEST_F(pam_watch_test, a_deletion_that_the_queue_has_lost_is_made_good) {
+// A real overflow: more deletions than the kernel queues, with the file's own lost at the end.
+TEST_F(pam_watch_test, a_deletion_lost_by_the_queue_is_repaired) {
     const uint32_t kept = static_cast<uint32_t>(std::stoul(read_file("/proc/sys/fs/inotify/max_queued_events")));
-    // Two names in turn: the kernel joins events that are equal.
+    // Two alternating names, because the kernel merges identical events.
     const std::string names[] = {std::string(directory) + "/a", std::string(directory) + "/b"};
     for (uint32_t i = 0; i <= kept; i++) {
         close(open(names[i % 2].c_str(), O_WRONLY | O_CREAT, 0600));
@@ -320,12 +320,12 @@ TEST_F(pam_watch_test, a_deletion_that_the_queue_has_lost_is_made_good) {
     expect_whole_file();
 }
 
-TEST_F(pam_watch_test, a_directory_made_again_has_its_file_and_its_watch_again) {
+TEST_F(pam_watch_test, a_recreated_directory_gets_its_file_and_its_watch_again) {
     use_plain_directory();
     for (int i = 0; i < 3; i++) {
         std::filesystem::remove_all(directory);
         run_loop();
-        EXPECT_FALSE(path_exists(directory)) << "the directory is somebody else's to make";
+        EXPECT_FALSE(path_exists(directory)) << "the agent does not create the directory";
         std::filesystem::create_directory(directory);
         run_loop();
         expect_whole_file();
@@ -333,12 +333,12 @@ TEST_F(pam_watch_test, a_directory_made_again_has_its_file_and_its_watch_again) 
         run_loop();
         expect_whole_file();
     }
-    // Nothing is left of the watch from above.
+    // The parent's watch has been removed.
     const std::string info = read_file("/proc/self/fdinfo/" + std::to_string(agent_handles.pam_inotify));
     EXPECT_EQ(info.find("inotify wd:"), info.rfind("inotify wd:")) << info;
 }
 
-TEST_F(pam_watch_test, a_directory_moved_into_its_place_counts_too) {
+TEST_F(pam_watch_test, a_directory_moved_into_place_is_watched_again) {
     use_plain_directory();
     std::filesystem::create_directory("/etc/pam.new");
     std::filesystem::remove_all(directory);
@@ -351,8 +351,8 @@ TEST_F(pam_watch_test, a_directory_moved_into_its_place_counts_too) {
     expect_whole_file();
 }
 
-// Both within one turn of the loop: the deletion of the file is the first event, the loss of the watch the last.
-TEST_F(pam_watch_test, a_directory_that_is_gone_only_for_a_moment_is_watched_again) {
+// Both within one turn of the loop: the file's deletion is the first event, the loss of the watch the last.
+TEST_F(pam_watch_test, a_directory_replaced_within_one_turn_is_watched_again) {
     use_plain_directory();
     std::filesystem::remove_all(directory);
     std::filesystem::create_directory(directory);
@@ -374,8 +374,8 @@ TEST_F(pam_watch_test, a_directory_that_comes_with_a_file_keeps_it) {
     EXPECT_EQ(read_file(file), other_content);
 }
 
-// Without a watch the next deletion stays unseen; the operator is told, and this one is made good.
-TEST_F(pam_watch_test, a_watch_that_cannot_be_had_again_is_logged) {
+// Without a watch the next deletion goes unnoticed; the operator is informed, and this one is repaired.
+TEST_F(pam_watch_test, a_watch_that_cannot_be_restored_is_logged) {
     use_plain_directory();
     std::filesystem::remove_all(directory);
     std::filesystem::create_directory(directory);
@@ -387,8 +387,8 @@ TEST_F(pam_watch_test, a_watch_that_cannot_be_had_again_is_logged) {
                             "watch for Norvossh PAM Config file"));
 }
 
-// The watch from above is there, so the directory's is tried again with whatever comes by it.
-TEST_F(pam_watch_test, a_watch_that_is_refused_for_a_while_is_had_later) {
+// The parent's watch remains, so each of its events retries the directory's.
+TEST_F(pam_watch_test, a_watch_that_is_refused_for_a_while_is_restored_later) {
     use_plain_directory();
     std::filesystem::remove_all(directory);
     run_loop();
@@ -418,7 +418,7 @@ TEST_F(pam_file_test, an_instance_or_a_watch_that_is_refused_is_traced) {
 }
 
 // The agent's shell commands must not inherit it.
-TEST_F(pam_file_test, the_instance_is_closed_in_other_programs) {
+TEST_F(pam_file_test, the_instance_is_closed_on_exec) {
     ASSERT_EQ(create_pam_inotify(), 0);
     EXPECT_EQ(fcntl(agent_handles.pam_inotify, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }

@@ -1,4 +1,4 @@
-/// A process table that tests fill in, in place of the kernel's.
+/// A process table that tests fill, in place of the kernel's.
 #ifndef UNIT_HOST_PROCESS_TABLE_H
 #define UNIT_HOST_PROCESS_TABLE_H
 
@@ -13,8 +13,8 @@
 namespace process_table {
 
 inline constexpr char server[] = "/usr/sbin/sshd";
-inline constexpr int listener = 90001;         ///< a server
-inline constexpr int session_process = 90002;  ///< a server's process for one session
+inline constexpr int listener = 90001;         ///< sshd's main process
+inline constexpr int session_process = 90002;  ///< sshd's process of one session
 inline constexpr unsigned ordinary_user = 1000;
 
 inline void add(int pid, int parent, unsigned user, const std::string& program) {
@@ -33,13 +33,13 @@ inline void add_session(int pid) {
     add(pid, session_process, ordinary_user, "/bin/dash");
 }
 
-/// Replaces /proc for its lifetime: a server with one session process, for as many wrappers as are added.
+/// Replaces /proc during its lifetime: a server with one session process, which has as many wrappers as are added.
 class replacement {
   public:
     replacement() { set_up(); }
     replacement(const replacement&) = delete;
     replacement& operator=(const replacement&) = delete;
-    /// The leak check at the end of a test program reads the kernel's table.
+    /// The leak check at the end of a test program needs the kernel's table.
     ~replacement() { EXPECT_EQ(umount2("/proc", MNT_DETACH), 0); }
 
   private:

@@ -58,7 +58,7 @@ class reload_test : public agent_test {
         }
     }
 
-    /// What the process table shows of the wrappers, among other lines.
+    /// Output of ps with these wrappers among other lines.
     static std::string table_of(const std::vector<std::string>& pids) {
         std::string table =
             "UID          PID    PPID  C STIME TTY          TIME CMD\nroot 1 0 0 00:00 ? 00:00 /sbin/init\n";
@@ -91,7 +91,7 @@ class reload_test : public agent_test {
         return result;
     }
 
-    /// A VRF with a server that can be stopped and started.
+    /// A VRF whose server can be stopped and started.
     static void add_vrf(const std::string& name) {
         create_vrf_node(name.c_str())->server_started = 1;
         std::filesystem::create_directories("/etc/systemd/system");
@@ -100,7 +100,7 @@ class reload_test : public agent_test {
         fake_platform::clear_calls();
     }
 
-    /// A session: a process in a group of its own, that ends at SIGTERM or ignores it.
+    /// A session: a process in its own group that ends at SIGTERM or ignores it.
     pid_t add_session(bool ignores = false) {
         int ready[2];
         EXPECT_EQ(pipe(ready), 0);
@@ -126,14 +126,14 @@ class reload_test : public agent_test {
         return waitpid(session, &status, 0) == session && WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM;
     }
 
-    /// Reaps a session that has been ended, so that the destructor leaves its number alone.
+    /// Reaps a session that has ended, so that the destructor does not signal its process id.
     void expect_terminated(pid_t session) {
         EXPECT_TRUE(terminated(session));
         std::erase(sessions, session);
     }
 
     static bool acknowledged() { return fake_platform::count_calls("shelf_manager_acknowledge_reload") == 1; }
-    static bool informed(const std::string& text) { return fake_platform::logged("INFO_GENERAL", text); }
+    static bool printed(const std::string& text) { return fake_platform::logged("INFO_GENERAL", text); }
 
     process_table::replacement processes_;
     std::vector<pid_t> sessions;
@@ -150,7 +150,7 @@ TEST_F(reload_test, sessions_are_found_in_the_process_table) {
     EXPECT_EQ(read_file(pid_file), "4711\n4712\n99999\n");
 }
 
-TEST_F(reload_test, no_session_is_no_error) {
+TEST_F(reload_test, without_sessions_there_is_no_error) {
     show({});
     const search result = find();
     EXPECT_EQ(result.error, 0);
@@ -168,8 +168,8 @@ TEST_F(reload_test, thousands_of_sessions_are_found) {
     EXPECT_EQ(find().found, expected);
 }
 
-// Whatever the file holds: no signal to this process, to its group, to every process, to what is no number.
-TEST_F(reload_test, only_positive_process_ids_of_others_are_taken) {
+// The file never makes the agent signal itself, its group, every process or an invalid number.
+TEST_F(reload_test, only_positive_process_ids_of_others_are_accepted) {
     const std::string own = std::to_string(getpid());
     const std::string group = std::to_string(getpgrp());
     show({"0", "1", "-1", own, group, "12abc", "99999999999", "2147483648", "18446744073709551617", "abc", "4711.5",
@@ -179,8 +179,8 @@ TEST_F(reload_test, only_positive_process_ids_of_others_are_taken) {
     EXPECT_THAT(result.found, ElementsAre(4711, 2147483647));
 }
 
-// Lines as no process table has them, put into the file itself.
-TEST_F(reload_test, lines_that_are_no_number_are_passed_over) {
+// Lines that ps never prints, written into the file directly.
+TEST_F(reload_test, lines_that_are_not_numbers_are_skipped) {
     const std::string long_line(9000, '7');
     using namespace std::string_literals;
     write_file("/tmp/planted", "\n\n4711\n   \n"s + long_line + "\n\0x\n12 13\n4712\n"s);
@@ -193,7 +193,7 @@ TEST_F(reload_test, lines_that_are_no_number_are_passed_over) {
     EXPECT_THAT(result.found, ElementsAre(4711, 4712));
 }
 
-TEST_F(reload_test, a_last_line_without_its_end_is_not_counted) {
+TEST_F(reload_test, a_last_line_without_newline_is_not_counted) {
     write_file("/tmp/planted", "4711\n4712");
     process_table::add_session(4711);
     process_table::add_session(4712);
@@ -202,7 +202,7 @@ TEST_F(reload_test, a_last_line_without_its_end_is_not_counted) {
     EXPECT_THAT(find().found, ElementsAre(4711));
 }
 
-// The pipeline writes where a link points; it is out of the way before it is run.
+// The pipeline would write to the target of a link, so the link is removed first.
 TEST_F(reload_test, planted_links_are_not_followed) {
     show({"4711"});
     write_file("/etc/precious", "precious");
@@ -217,7 +217,7 @@ TEST_F(reload_test, planted_links_are_not_followed) {
     EXPECT_FALSE(std::filesystem::is_symlink(check_file));
 }
 
-TEST_F(reload_test, a_shell_that_does_not_run_is_an_error) {
+TEST_F(reload_test, a_shell_that_cannot_be_run_is_an_error) {
     command_trail::fail_shell("ps -ef", EAGAIN);
     const search result = find();
     EXPECT_EQ(result.error, EAGAIN);
@@ -226,7 +226,7 @@ TEST_F(reload_test, a_shell_that_does_not_run_is_an_error) {
         fake_platform::debugged("Error:=Resource temporarily unavailable(0xb), cannot find running exec processess"));
 }
 
-TEST_F(reload_test, a_process_that_is_only_named_like_a_wrapper_does_not_count) {
+TEST_F(reload_test, a_process_that_only_has_the_wrappers_name_does_not_count) {
     show({"4711", "4712", "4713"});
     process_table::add(4712, 4711, process_table::ordinary_user, "/bin/dash");
     EXPECT_THAT(find().found, ElementsAre(4711, 4713));
@@ -264,7 +264,7 @@ TEST_F(reload_test, servers_stay_down_until_the_timer_expires) {
     EXPECT_EQ(stub_commands::log_of("systemctl").size(), 2U);
 }
 
-TEST_F(reload_test, a_listing_that_hangs_is_an_error) {
+TEST_F(reload_test, a_listing_that_times_out_is_an_error) {
     call_faults::limit_commands(200);
     stub_commands::set_delay("ps -ef", 60000);
     const search result = find();
@@ -272,8 +272,8 @@ TEST_F(reload_test, a_listing_that_hangs_is_an_error) {
     EXPECT_FALSE(result.has_array);
 }
 
-// The command's own failure is told by the errno that is there, which may be none.
-TEST_F(reload_test, a_failed_command_gives_errno_as_it_stands) {
+// A failed command returns the errno that is set, which may be 0.
+TEST_F(reload_test, a_failed_command_returns_the_current_errno) {
     stub_commands::install_command("awk");
     stub_commands::fail("awk", 2);
     errno = 0;
@@ -316,7 +316,7 @@ TEST_F(reload_test, the_list_is_closed) {
 
 // --- The notice -----------------------------------------------------------------------------------------------------
 
-TEST_F(reload_test, without_sessions_the_acknowledgement_is_sent_at_once) {
+TEST_F(reload_test, without_sessions_the_acknowledgement_is_sent_immediately) {
     show({});
     fake_platform::shelf_reload();
     EXPECT_TRUE(acknowledged());
@@ -338,7 +338,7 @@ TEST_F(reload_test, without_sessions_the_acknowledgement_is_sent_at_once) {
     EXPECT_EQ(fake_platform::running_timers(), 1u);
 }
 
-TEST_F(reload_test, every_vrfs_server_is_stopped_before_the_sessions_are_looked_for) {
+TEST_F(reload_test, every_vrfs_server_is_stopped_before_the_sessions_are_listed) {
     add_vrf("default");
     add_vrf("red");
     show({});
@@ -348,7 +348,7 @@ TEST_F(reload_test, every_vrfs_server_is_stopped_before_the_sessions_are_looked_
                             "$ systemctl stop sshd_service_red", "mpp_vrf_unblock(red)",
                             "$ systemctl stop sshd_service_default", "mpp_vrf_unblock(default)", list_command,
                             check_command, "shelf_manager_acknowledge_reload()"));
-    EXPECT_TRUE(informed("Router is shutting down, killing daemon"));
+    EXPECT_TRUE(printed("Router is shutting down, killing daemon"));
 }
 
 TEST_F(reload_test, sessions_are_ended_and_then_acknowledged) {
@@ -363,16 +363,16 @@ TEST_F(reload_test, sessions_are_ended_and_then_acknowledged) {
         expect_terminated(session);
     }
     EXPECT_TRUE(acknowledged());
-    EXPECT_TRUE(informed("Active Sessions:=3, Will close these sessions"));
-    // The signal is not the one of the text.
-    EXPECT_TRUE(informed("Active Sessions:=3, SIGHUP sent:=3, router is shutting down/reloading"));
+    EXPECT_TRUE(printed("Active Sessions:=3, Will close these sessions"));
+    // The message names another signal.
+    EXPECT_TRUE(printed("Active Sessions:=3, SIGHUP sent:=3, router is shutting down/reloading"));
     EXPECT_TRUE(fake_platform::logged("INFO_SHUTDOWN",
                                       "Active Sessions:=3, Sessions Terminated:=3, signal sent during shutdown:=3, all "
                                       "active sessions terminated"));
     EXPECT_EQ(stub_commands::log_of("ps -ef").size(), 3u);
 }
 
-// A group of its own means that the commands of a session go with its wrapper.
+// Each session is a process group, so its commands are signalled with its wrapper.
 TEST_F(reload_test, the_whole_group_of_a_session_is_signalled) {
     const pid_t leader = add_session();
     const pid_t member = add_session();
@@ -384,7 +384,7 @@ TEST_F(reload_test, the_whole_group_of_a_session_is_signalled) {
     expect_terminated(member);
 }
 
-TEST_F(reload_test, a_session_that_has_ended_since_is_no_failure) {
+TEST_F(reload_test, a_session_that_has_already_ended_is_no_failure) {
     const pid_t session = add_session();
     kill(session, SIGKILL);
     waitpid(session, nullptr, 0);
@@ -393,7 +393,7 @@ TEST_F(reload_test, a_session_that_has_ended_since_is_no_failure) {
     show({}, stub_commands::always, 2);
     fake_platform::shelf_reload();
     EXPECT_TRUE(acknowledged());
-    EXPECT_TRUE(informed("Active Sessions:=1, SIGHUP sent:=0, router is shutting down/reloading"));
+    EXPECT_TRUE(printed("Active Sessions:=1, SIGHUP sent:=0, router is shutting down/reloading"));
     EXPECT_THAT(fake_platform::log_texts(), Each(Not(HasSubstr("Failed"))));
 }
 
@@ -406,22 +406,22 @@ TEST_F(reload_test, a_signal_that_is_refused_is_logged) {
     EXPECT_TRUE(fake_platform::logged(
         "ERR_GENERAL",
         "Pid:=" + std::to_string(session) + ", Error:=Operation not permitted(0x1),Failed to send SIGTERM"));
-    EXPECT_TRUE(informed("Active Sessions:=1, SIGHUP sent:=0, router is shutting down/reloading"));
+    EXPECT_TRUE(printed("Active Sessions:=1, SIGHUP sent:=0, router is shutting down/reloading"));
     EXPECT_TRUE(acknowledged());
 }
 
-// With the numbers of this process, its group, and every process in the list, this test would not live to tell.
-TEST_F(reload_test, hostile_numbers_signal_nobody) {
+// If this process, its group or every process were signalled, this test would not survive.
+TEST_F(reload_test, hostile_numbers_signal_no_process) {
     show({"0", "1", "-1", std::to_string(getpid()), std::to_string(getpgrp()), "12abc", "99999999999"}, 1);
     show({}, stub_commands::always, 2);
     const uint32_t signals = call_faults::count_calls("kill");
     fake_platform::shelf_reload();
     EXPECT_EQ(call_faults::count_calls("kill"), signals);
-    EXPECT_TRUE(informed("Active Sessions:=0, Will close these sessions"));
+    EXPECT_TRUE(printed("Active Sessions:=0, Will close these sessions"));
     EXPECT_TRUE(acknowledged());
 }
 
-TEST_F(reload_test, a_list_that_cannot_be_had_does_not_keep_the_reload) {
+TEST_F(reload_test, a_failed_listing_does_not_stop_the_reload) {
     show({});
     command_trail::fail_shell(list_command + 2, ENOMEM);
     fake_platform::shelf_reload();
@@ -432,7 +432,7 @@ TEST_F(reload_test, a_list_that_cannot_be_had_does_not_keep_the_reload) {
     EXPECT_TRUE(acknowledged());
 }
 
-TEST_F(reload_test, a_check_that_fails_is_tried_again) {
+TEST_F(reload_test, a_failed_check_is_repeated) {
     show({});
     call_faults::fail_call("fopen", EACCES, 3, 1, check_file);
     fake_platform::shelf_reload();
@@ -441,7 +441,7 @@ TEST_F(reload_test, a_check_that_fails_is_tried_again) {
     EXPECT_TRUE(fake_platform::debugged("Error:=Permission denied(0xd), pid file open failed"));
 }
 
-TEST_F(reload_test, an_acknowledgement_that_fails_is_told_by_a_debug_line) {
+TEST_F(reload_test, a_failed_acknowledgement_is_printed_in_debug) {
     show({});
     fake_platform::fail("shelf_manager_acknowledge_reload", EPIPE);
     fake_platform::shelf_reload();
@@ -449,7 +449,7 @@ TEST_F(reload_test, an_acknowledgement_that_fails_is_told_by_a_debug_line) {
     EXPECT_FALSE(fake_platform::trace_lines_of("ssh/cfg-agent/error").empty());
 }
 
-// More of them than were signalled: somebody logged in while the servers were being stopped.
+// More sessions than were signalled: somebody logged in while the servers were being stopped.
 TEST_F(reload_test, the_count_of_ended_sessions_does_not_wrap) {
     show({}, 1);
     show({"4711", "4712"}, 1, 2);
@@ -491,7 +491,7 @@ TEST_F(reload_test, without_the_timer_nothing_is_stopped) {
     EXPECT_TRUE(acknowledged());
 }
 
-TEST_F(reload_test, a_reload_that_does_not_come_starts_the_servers_again) {
+TEST_F(reload_test, servers_start_again_if_the_reload_does_not_happen) {
     add_vrf("default");
     add_vrf("red");
     const pid_t session = add_session();
@@ -519,18 +519,18 @@ TEST_F(reload_test, a_reload_that_does_not_come_starts_the_servers_again) {
                             "managed_timer_detach(0)", "managed_timer_leaf_stop()", "managed_timer_leaf_free(leaf)"));
     EXPECT_EQ(fake_platform::running_timers(), 0u);
 
-    // The counters have started anew, and so does the timer.
+    // The counters are reset, and the timer is started again.
     show({});
     stub_commands::clear_rules();
     show({});
     fake_platform::clear_reports();
     fake_platform::shelf_reload();
-    EXPECT_TRUE(informed("Active Sessions:=0, SIGHUP sent:=0, router is shutting down/reloading"));
+    EXPECT_TRUE(printed("Active Sessions:=0, SIGHUP sent:=0, router is shutting down/reloading"));
     EXPECT_EQ(fake_platform::running_timers(), 1u);
 }
 
-// It ignores the signal: five seconds are waited, and no acknowledgement is sent.
-TEST_F(reload_test, a_session_that_stays_keeps_the_acknowledgement_back) {
+// It ignores the signal: after five seconds there is no acknowledgement.
+TEST_F(reload_test, a_session_that_does_not_end_prevents_the_acknowledgement) {
     add_vrf("red");
     const pid_t session = add_session(true);
     show({std::to_string(session)});
@@ -542,7 +542,7 @@ TEST_F(reload_test, a_session_that_stays_keeps_the_acknowledgement_back) {
     EXPECT_FALSE(acknowledged());
     EXPECT_EQ(kill(session, 0), 0);
     EXPECT_EQ(fake_platform::running_timers(), 1u);
-    EXPECT_TRUE(informed("Active Sessions:=1, SIGHUP sent:=1, router is shutting down/reloading"));
+    EXPECT_TRUE(printed("Active Sessions:=1, SIGHUP sent:=1, router is shutting down/reloading"));
     EXPECT_THAT(fake_platform::log_texts(), Each(Not(HasSubstr("all active sessions terminated"))));
     stub_commands::clear_log();
     fake_platform::advance_time(120);
@@ -552,7 +552,7 @@ TEST_F(reload_test, a_session_that_stays_keeps_the_acknowledgement_back) {
                                       "System shutdown seems to have some issues, SSH will start the services again"));
 }
 
-TEST_F(reload_test, a_second_notice_starts_the_timer_anew) {
+TEST_F(reload_test, a_second_notice_restarts_the_timer) {
     add_vrf("red");
     show({});
     fake_platform::shelf_reload();

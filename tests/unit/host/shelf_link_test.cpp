@@ -32,7 +32,7 @@ TEST_F(shelf_link_test, the_callbacks_are_set_before_it_connects) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(shelf_link_test, a_connection_registers_for_reloads_each_time) {
+TEST_F(shelf_link_test, every_connection_registers_for_reloads) {
     connect_shelf_manager();
     for (size_t times = 1; times <= 3; times++) {
         fake_platform::shelf_connected();
@@ -46,8 +46,8 @@ TEST_F(shelf_link_test, a_connection_registers_for_reloads_each_time) {
     EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/event").size(), 6u);
 }
 
-// The client repeats it by itself.
-TEST_F(shelf_link_test, a_failed_registration_is_no_message_to_the_operator) {
+// The client retries by itself.
+TEST_F(shelf_link_test, a_failed_registration_is_not_logged) {
     connect_shelf_manager();
     fake_platform::fail("shelf_manager_register_reload", EIO);
     fake_platform::shelf_connected();
@@ -56,7 +56,7 @@ TEST_F(shelf_link_test, a_failed_registration_is_no_message_to_the_operator) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(shelf_link_test, a_client_that_cannot_be_made_is_a_warning) {
+TEST_F(shelf_link_test, a_client_that_cannot_be_created_is_a_warning) {
     fake_platform::fail("shelf_manager_create", ENOMEM);
     connect_shelf_manager();
     EXPECT_THAT(fake_platform::log_texts(),
@@ -66,13 +66,13 @@ TEST_F(shelf_link_test, a_client_that_cannot_be_made_is_a_warning) {
     EXPECT_EQ(fake_platform::count_calls("shelf_manager_connect"), 0u);
 }
 
-TEST_F(shelf_link_test, a_connection_that_fails_is_a_warning) {
+TEST_F(shelf_link_test, a_failed_connection_is_a_warning) {
     fake_platform::fail("shelf_manager_connect", EIO);
     connect_shelf_manager();
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre("WARN_ERRNO: Error:=Input/output error(0x5), Failed to register for upgrade "
                             "notification/Sessions might not shutdown gracefully during system upgrades"));
-    // The two texts differ by a blank.
+    // The two texts differ by one space.
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("Error:=Input/output error(0x5), Failed to register for upgrade "
                             "notification/Sessions might not shutdowngracefully during system upgrades"));

@@ -1,4 +1,4 @@
-/// What the tests of the Linux platform's services share.
+/// Helpers for the tests of the Linux platform's services.
 #ifndef UNIT_LINUX_PLATFORM_TEST_SUPPORT_H
 #define UNIT_LINUX_PLATFORM_TEST_SUPPORT_H
 
@@ -38,19 +38,19 @@ inline void write_file(const std::string& path, const std::string& text) {
     std::ofstream(path, std::ios::trunc) << text;
 }
 
-/// Runs a command of the test itself and returns whether it succeeded.
+/// Runs a command and returns whether it succeeded.
 inline bool run(const std::string& command) {
     return system(command.c_str()) == 0;
 }
 
-/// What a command of the test itself prints.
+/// The output of a command.
 inline std::string output_of(const std::string& command) {
     const std::string file = "/tmp/platform_test_output";
     run(command + " > " + file + " 2>&1");
     return read_file(file);
 }
 
-/// While it lives, the process can open no further descriptor.
+/// Keeps the process from opening descriptors during its lifetime.
 class no_descriptors_left {
   public:
     no_descriptors_left() {
@@ -68,7 +68,7 @@ class no_descriptors_left {
     rlimit before = {};
 };
 
-/// Takes the place of a system service that is spoken to by datagrams.
+/// Stands in for a system service that receives datagrams.
 class datagram_listener {
   public:
     explicit datagram_listener(const std::string& path) : path(path) {
@@ -87,7 +87,7 @@ class datagram_listener {
     datagram_listener(const datagram_listener&) = delete;
     datagram_listener& operator=(const datagram_listener&) = delete;
 
-    /// The next datagram, empty when none has come within `milliseconds`.
+    /// The next datagram; empty if none arrives within `milliseconds`.
     std::string receive(int milliseconds = 200) {
         pollfd waiting = {fd, POLLIN, 0};
         if (poll(&waiting, 1, milliseconds) != 1) {
@@ -105,13 +105,13 @@ class datagram_listener {
 
 class journal_listener : public datagram_listener {
   public:
-    /// A first line opens the way to the journal, so that tests may take the descriptors away.
+    /// Logs a line to open the connection to the journal, so that tests may use up the descriptors.
     journal_listener() : datagram_listener("/run/systemd/journal/socket") {
         platform_log(LOG_DEBUG, "The way to the journal is open");
         EXPECT_NE("", receive());
     }
 
-    /// The fields of the next entry whose values are of one line.
+    /// The fields of the next entry whose values consist of one line.
     std::map<std::string, std::string> receive_entry(int milliseconds = 200) {
         std::map<std::string, std::string> fields;
         std::istringstream lines(receive(milliseconds));
@@ -124,7 +124,7 @@ class journal_listener : public datagram_listener {
         return fields;
     }
 
-    /// All messages that have come by now, a line each.
+    /// All messages that have arrived so far, one per line.
     std::string messages() {
         std::string all;
         for (auto entry = receive_entry(0); !entry.empty(); entry = receive_entry(0)) {
@@ -134,7 +134,7 @@ class journal_listener : public datagram_listener {
     }
 };
 
-/// A test with an event manager of its own.
+/// Fixture with an event manager.
 class loop_test : public testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(0, event_manager_create("/dev/ssh_cfg_agent", &manager)); }
@@ -145,7 +145,7 @@ class loop_test : public testing::Test {
         process_manager_reset();
     }
 
-    /// Runs the loop until `done`, at most so many milliseconds. Returns whether it was done.
+    /// Runs the loop until `done`, for at most `milliseconds`. Returns whether it was done.
     bool run_until(const std::function<bool()>& done, uint64_t milliseconds = 3000) {
         bool expired = false;
         sd_event_source* limit = nullptr;
@@ -163,7 +163,7 @@ class loop_test : public testing::Test {
         return done();
     }
 
-    /// Runs the loop for so many milliseconds.
+    /// Runs the loop for `milliseconds`.
     void run_for(uint64_t milliseconds) {
         run_until([] { return false; }, milliseconds);
     }

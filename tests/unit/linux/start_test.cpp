@@ -89,10 +89,10 @@ TEST_F(service_set_test, services_start_in_the_order_of_the_table_and_stop_in_re
     EXPECT_EQ(events, (strings{"stop sender", "stop second", "stop first"}));
     events.clear();
     service_set_stop(set);
-    EXPECT_EQ(events, strings{}) << "what has stopped is not stopped again";
+    EXPECT_EQ(events, strings{}) << "a stopped service is not stopped again";
 }
 
-TEST_F(service_set_test, a_service_that_runs_is_not_started_again) {
+TEST_F(service_set_test, a_running_service_is_not_started_again) {
     start(service_moment::manager_created);
     events.clear();
     EXPECT_EQ(start(service_moment::manager_created), 0U);
@@ -108,17 +108,17 @@ TEST_F(service_set_test, another_message_starts_nothing) {
     EXPECT_EQ(events, strings{});
 }
 
-TEST_F(service_set_test, a_required_service_that_fails_ends_the_start) {
+TEST_F(service_set_test, a_failed_required_service_ends_the_start) {
     second_status = EBUSY;
     rows[2] = {"after it", service_moment::manager_created, 0, true, start_third, nullptr};
     EXPECT_EQ(start(service_moment::manager_created), static_cast<platform_status>(EBUSY));
     EXPECT_EQ(events, (strings{"start first", "start second"}));
     events.clear();
     service_set_stop(set);
-    EXPECT_EQ(events, strings{"stop first"}) << "what did not start is not stopped";
+    EXPECT_EQ(events, strings{"stop first"}) << "a failed service is not stopped";
 }
 
-TEST_F(service_set_test, the_start_goes_on_without_a_service_that_is_not_required) {
+TEST_F(service_set_test, the_start_continues_without_an_optional_service) {
     second_status = EIO;
     rows[1].required = false;
     rows[2] = {"after it", service_moment::manager_created, 0, true, start_third, nullptr};
@@ -163,7 +163,7 @@ constexpr char account_list[] = "/cfg/gl/aaa/username/";
 
 class platform_start_test : public platform_test::loop_test {};
 
-TEST_F(platform_start_test, a_manager_comes_with_its_services_and_goes_with_them) {
+TEST_F(platform_start_test, a_manager_starts_and_stops_its_services) {
     EXPECT_TRUE(exists(runtime_respawn_file));
     EXPECT_TRUE(exists(control_socket_path));
     EXPECT_TRUE(lists_are_served(account_list));
@@ -175,14 +175,14 @@ TEST_F(platform_start_test, a_manager_comes_with_its_services_and_goes_with_them
     EXPECT_EQ(node_lock_take(), 0);
 }
 
-TEST_F(platform_start_test, a_manager_can_be_made_again) {
+TEST_F(platform_start_test, a_manager_can_be_created_again) {
     event_manager_free(manager);
     ASSERT_EQ(event_manager_create("/dev/ssh_cfg_agent", &manager), 0);
     EXPECT_TRUE(exists(control_socket_path));
     EXPECT_TRUE(lists_are_served(account_list));
 }
 
-TEST_F(platform_start_test, the_namespaces_are_watched_once_somebody_listens) {
+TEST_F(platform_start_test, the_namespaces_are_watched_once_a_handler_is_attached) {
     const event_message_handler handler = [](struct event_message*, void*) {};
     ASSERT_EQ(event_manager_attach_message(manager, code, handler, nullptr), 0U);
     ASSERT_EQ(namespace_watch_start(manager), 0U) << "another message does not begin the watch";

@@ -24,7 +24,7 @@ constexpr const char* talking_ssh =
 
 }  // namespace
 
-TEST(launcher_algorithm_query, asks_once_and_then_remembers) {
+TEST(launcher_algorithm_query, queries_once_and_caches_the_result) {
     const scratch_directory scratch;
     const std::string ssh = scratch.write_program("ssh", talking_ssh);
     known_algorithms known;
@@ -40,7 +40,7 @@ TEST(launcher_algorithm_query, asks_once_and_then_remembers) {
     EXPECT_EQ(text_of(scratch.file("asked")), asked);
 }
 
-TEST(launcher_algorithm_query, who_asks_at_the_same_time_waits_for_one_answer) {
+TEST(launcher_algorithm_query, simultaneous_starts_share_one_answer) {
     const scratch_directory scratch;
     const std::string ssh = scratch.write_program("ssh", std::string("sleep 0.2\n") + talking_ssh);
     std::vector<std::thread> starts;
@@ -58,7 +58,7 @@ TEST(launcher_algorithm_query, who_asks_at_the_same_time_waits_for_one_answer) {
     EXPECT_EQ(std::count(asked.begin(), asked.end(), '\n'), 4);
 }
 
-TEST(launcher_algorithm_query, asks_again_when_ssh_has_changed) {
+TEST(launcher_algorithm_query, queries_again_when_ssh_has_changed) {
     const scratch_directory scratch;
     const std::string ssh = scratch.write_program("ssh", talking_ssh);
     known_algorithms known;
@@ -68,7 +68,7 @@ TEST(launcher_algorithm_query, asks_again_when_ssh_has_changed) {
     EXPECT_THAT(known.names[0], ElementsAre("other"));
 }
 
-TEST(launcher_algorithm_query, asks_again_when_the_cache_is_damaged) {
+TEST(launcher_algorithm_query, queries_again_when_the_cache_is_damaged) {
     const scratch_directory scratch;
     const std::string ssh = scratch.write_program("ssh", talking_ssh);
     known_algorithms known;
@@ -81,7 +81,7 @@ TEST(launcher_algorithm_query, asks_again_when_the_cache_is_damaged) {
     EXPECT_EQ(text_of(scratch.file("cache")), whole);
 }
 
-TEST(launcher_algorithm_query, a_cache_round_trips_and_every_shorter_one_is_refused) {
+TEST(launcher_algorithm_query, a_cache_round_trips_and_every_truncated_one_is_refused) {
     const std::string text = format_algorithm_cache("ssh 1", fixed_algorithms());
     known_algorithms known;
     ASSERT_TRUE(parse_algorithm_cache(text, "ssh 1", known));
@@ -93,14 +93,14 @@ TEST(launcher_algorithm_query, a_cache_round_trips_and_every_shorter_one_is_refu
     EXPECT_EQ(known.names, fixed_algorithms().names);
 }
 
-TEST(launcher_algorithm_query, goes_on_without_a_cache_that_cannot_be_written) {
+TEST(launcher_algorithm_query, continues_without_a_cache_that_cannot_be_written) {
     const scratch_directory scratch;
     known_algorithms known;
     EXPECT_EQ(query_algorithms(scratch.write_program("ssh", talking_ssh), scratch.file("none/cache"), known), "");
     EXPECT_THAT(known.names[3], ElementsAre("h1"));
 }
 
-TEST(launcher_algorithm_query, tells_why_ssh_gave_no_answer) {
+TEST(launcher_algorithm_query, reports_why_ssh_gave_no_answer) {
     const scratch_directory scratch;
     known_algorithms known = fixed_algorithms();
     EXPECT_THAT(query_algorithms(scratch.file("none"), scratch.file("cache"), known),

@@ -14,7 +14,7 @@ using openssh_test::fixed_algorithms;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(launcher_algorithms, keeps_the_known_names_in_the_lists_order) {
+TEST(launcher_algorithms, keeps_the_known_names_in_order) {
     const known_algorithms known = fixed_algorithms();
     const list_cut cut = cut_list("hmac-sha2-512,hmac-none,hmac-sha1", algorithm_kind::mac, known, false);
     EXPECT_THAT(cut.kept, ElementsAre("hmac-sha2-512", "hmac-sha1"));
@@ -27,7 +27,7 @@ TEST(launcher_algorithms, a_name_of_another_kind_is_unknown) {
                 ElementsAre("aes128-ctr"));
 }
 
-TEST(launcher_algorithms, copes_with_closing_and_doubled_commas) {
+TEST(launcher_algorithms, accepts_trailing_and_repeated_commas) {
     EXPECT_THAT(cut_list(",aes128-ctr,,aes256-ctr,", algorithm_kind::cipher, fixed_algorithms(), false).kept,
                 ElementsAre("aes128-ctr", "aes256-ctr"));
     EXPECT_THAT(cut_list(",", algorithm_kind::cipher, fixed_algorithms(), false).kept, IsEmpty());
@@ -40,7 +40,7 @@ TEST(launcher_algorithms, keeps_a_repeated_name_once) {
     EXPECT_THAT(cut.repeated, ElementsAre("aes128-ctr"));
 }
 
-TEST(launcher_algorithms, fips_mode_takes_out_what_is_not_approved) {
+TEST(launcher_algorithms, fips_mode_removes_algorithms_that_are_not_approved) {
     const known_algorithms known = fixed_algorithms();
     EXPECT_THAT(
         cut_list("curve25519-sha256,ecdh-sha2-nistp256,curve25519-sha256@libssh.org", algorithm_kind::kex, known, true)
@@ -68,7 +68,7 @@ TEST(launcher_algorithms, the_default_of_fips_mode_is_approved_and_known) {
     EXPECT_THAT(fips_default_list(known_algorithms{}, algorithm_kind::kex), IsEmpty());
 }
 
-// An OpenSSH without one of these names would have a server in FIPS mode offer less than is configured.
+// An OpenSSH without one of these names would offer less than configured in FIPS mode.
 TEST(launcher_algorithms, the_installed_ssh_knows_every_approved_default) {
     const known_algorithms installed = openssh_test::installed_algorithms();
     const size_t expected[] = {5, 3, 6, 5};
@@ -77,7 +77,7 @@ TEST(launcher_algorithms, the_installed_ssh_knows_every_approved_default) {
     }
 }
 
-TEST(launcher_algorithms, fips_mode_approves_and_offers_as_ever) {
+TEST(launcher_algorithms, the_approved_and_offered_algorithms_do_not_change) {
     known_algorithms all;
     for (const algorithm_row& row : algorithm_rows) {
         all.names[static_cast<size_t>(row.kind)].emplace_back(row.name);

@@ -20,7 +20,7 @@ using testing::Not;
 
 namespace {
 
-/// The agent's file of a fresh start, with the lists that an operator has configured.
+/// The agent's file after a fresh start, with the lists that an operator has configured.
 constexpr const char* agent_file =
     "RekeyLimit 1024M 60m\n"
     "UserKnownHostsFile /dev/null\n"
@@ -35,7 +35,7 @@ constexpr const char* agent_file =
     "Ciphers chacha20-poly1305@openssh.com,aes256-ctr,\n"
     "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256,\n";
 
-/// The router's default lists, all of which the installed ssh knows.
+/// The router's default lists; the installed ssh knows all of them.
 constexpr const char* default_lists =
     "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
     "chacha20-poly1305@openssh.com\n"
@@ -55,7 +55,7 @@ class launcher_client : public testing::Test {
         paths_.session_reporter = scratch_.file("reporter.so");
     }
 
-    /// Returns what is wrong; `settings_` is then the translation without its two first lines.
+    /// Returns the error; `settings_` is then the translation without its first two lines.
     std::string prepare() {
         FILE* terminal = fopen(scratch_.write("terminal", "").c_str(), "w");
         FILE* log = fopen(scratch_.write("log", "").c_str(), "w");
@@ -75,7 +75,7 @@ class launcher_client : public testing::Test {
         return error;
     }
 
-    /// What stock ssh makes of the translation.
+    /// The effective configuration that stock ssh reads from the translation.
     std::string effective() const {
         const auto result = run_programs({{"/usr/bin/ssh", "-F", scratch_.file("state/ssh_config"), "-G", "router"}},
                                          std::chrono::seconds(20));
@@ -90,7 +90,7 @@ class launcher_client : public testing::Test {
     std::string log_;
 };
 
-TEST_F(launcher_client, leaves_out_what_stock_ssh_has_not) {
+TEST_F(launcher_client, omits_what_stock_ssh_does_not_support) {
     EXPECT_EQ(prepare(), "");
     EXPECT_EQ(settings_,
               "RekeyLimit 1024M 60m\n"
@@ -112,14 +112,14 @@ TEST_F(launcher_client, leaves_out_what_stock_ssh_has_not) {
     EXPECT_THAT(effective(), HasSubstr("kexalgorithms curve25519-sha256,ecdh-sha2-nistp256\n"));
 }
 
-TEST_F(launcher_client, in_fips_mode_offers_approved_algorithms_alone) {
+TEST_F(launcher_client, in_fips_mode_offers_only_approved_algorithms) {
     scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
     EXPECT_EQ(prepare(), "");
     EXPECT_THAT(settings_, HasSubstr("Ciphers aes256-ctr\n"));
     EXPECT_THAT(settings_, HasSubstr("KexAlgorithms ecdh-sha2-nistp256\n"));
     EXPECT_THAT(settings_, HasSubstr("HostKeyAlgorithms rsa-sha2-512\n"));
     EXPECT_THAT(log_, HasSubstr("Ciphers: ignored, not approved in FIPS mode: chacha20-poly1305@openssh.com"));
-    // A plain start leaves no such lines: ssh's own defaults would not do.
+    // A normal start writes no such lines, and ssh's own defaults would not be approved.
     scratch_.write("ssh_config", "IPQoS 0x40\n");
     EXPECT_EQ(prepare(), "");
     EXPECT_THAT(settings_, HasSubstr("\nCiphers aes"));
@@ -129,14 +129,14 @@ TEST_F(launcher_client, in_fips_mode_offers_approved_algorithms_alone) {
                                        "diffie-hellman-group16-sha512\n"));
 }
 
-TEST_F(launcher_client, in_fips_mode_a_list_of_which_nothing_is_left_is_not_used) {
+TEST_F(launcher_client, in_fips_mode_a_list_without_approved_algorithms_is_refused) {
     scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
     scratch_.write("ssh_config", "Ciphers chacha20-poly1305@openssh.com\n");
     EXPECT_EQ(prepare(), "the client's file is unusable");
     EXPECT_THAT(terminal_, HasSubstr("the list is empty in FIPS mode"));
 }
 
-TEST_F(launcher_client, an_emptied_list_is_told_at_the_terminal) {
+TEST_F(launcher_client, a_list_without_known_algorithms_is_reported_at_the_terminal) {
     scratch_.write("ssh_config", "Ciphers rot13\nStrictHostKeyChecking perhaps\n");
     EXPECT_EQ(prepare(), "");
     EXPECT_THAT(terminal_, HasSubstr("line 1: Ciphers: the list is empty; the router's default is in force"));
@@ -144,7 +144,7 @@ TEST_F(launcher_client, an_emptied_list_is_told_at_the_terminal) {
     EXPECT_EQ(settings_, default_lists);
 }
 
-TEST_F(launcher_client, a_missing_file_is_told) {
+TEST_F(launcher_client, a_missing_file_is_reported) {
     remove(paths_.client_file.c_str());
     EXPECT_THAT(prepare(), HasSubstr(paths_.client_file));
 }
@@ -155,7 +155,7 @@ TEST_F(launcher_client, a_directory_that_others_can_write_to_is_not_used) {
     EXPECT_THAT(prepare(), HasSubstr(scratch_.file("state")));
 }
 
-TEST_F(launcher_client, an_ssh_that_cannot_be_asked_is_told) {
+TEST_F(launcher_client, an_ssh_that_cannot_be_queried_is_reported) {
     paths_.ssh = scratch_.file("no_ssh");
     EXPECT_THAT(prepare(), HasSubstr("no_ssh"));
 }
@@ -225,7 +225,7 @@ TEST_F(launcher_client, keeps_its_name_and_passes_every_argument_on) {
                 ElementsAre("/pkg/bin/ssh_csm", "-F", "/x/ssh_config"));
 }
 
-// A keyword that ssh does not know costs the client its whole file.
+// Because of a keyword that it does not know, ssh refuses the whole file.
 TEST_F(launcher_client, stock_ssh_knows_every_keyword_that_is_passed_on) {
     for (const keyword_row& row : client_keyword_rows()) {
         if (row.how != treatment::pass && row.how != treatment::list) {
@@ -239,7 +239,7 @@ TEST_F(launcher_client, stock_ssh_knows_every_keyword_that_is_passed_on) {
     }
 }
 
-TEST_F(launcher_client, stock_ssh_takes_every_value_that_a_form_takes) {
+TEST_F(launcher_client, stock_ssh_accepts_every_value_that_a_form_accepts) {
     const struct {
         const char* keyword;
         value_form form;
@@ -270,7 +270,7 @@ TEST_F(launcher_client, stock_ssh_takes_every_value_that_a_form_takes) {
     }
 }
 
-TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
+TEST_F(launcher_client, lines_after_a_block_are_omitted) {
     scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
     EXPECT_EQ(prepare(), "");
     EXPECT_EQ(settings_, std::string("IPQoS 0x40\n") + default_lists);
@@ -279,7 +279,7 @@ TEST_F(launcher_client, what_stands_behind_a_block_is_left_out) {
 
 }  // namespace
 
-TEST_F(launcher_client, names_the_places_that_tell_of_sessions_only_where_somebody_listens) {
+TEST_F(launcher_client, requests_session_logs_only_where_the_responder_listens) {
     ASSERT_EQ(prepare(), "");
     EXPECT_THAT(settings_, Not(HasSubstr("LogVerbose")));
     scratch_.write("reporter.so", "", 0644);

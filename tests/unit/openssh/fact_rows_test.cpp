@@ -13,7 +13,7 @@ namespace {
 
 const std::string logs = "openssh/golden/session_logs/";
 
-/// What a session has told by the end of its log, or up to the first line that holds `end`.
+/// The facts known at the end of a session's log, or before the first line that contains `end`.
 std::string facts_of(const std::string& name, session_kind kind, const std::string& end = "\n") {
     std::ifstream log(std::string(TEST_SOURCE_DIR) + "/" + logs + name + ".log");
     session_facts facts;
@@ -44,12 +44,12 @@ log_line line_of(std::string_view function, std::string_view text, bool before_a
 
 }  // namespace
 
-TEST(fact_rows, know_a_server_session_with_a_terminal_and_files) {
+TEST(fact_rows, cover_a_server_session_with_a_terminal_and_files) {
     expect_golden(logs + "server_key_terminal_sftp.facts",
                   facts_of("server_key_terminal_sftp", session_kind::incoming, "channel 1: free"));
 }
 
-TEST(fact_rows, know_each_way_to_be_let_in) {
+TEST(fact_rows, cover_each_authentication_method) {
     expect_golden(logs + "server_password.facts", facts_of("server_password", session_kind::incoming));
     expect_golden(logs + "server_keyboard_interactive.facts",
                   facts_of("server_keyboard_interactive", session_kind::incoming));
@@ -62,17 +62,17 @@ TEST(fact_rows, count_rekeys) {
                   facts_of("client_key_rekeys", session_kind::outgoing, "channel 0: free"));
 }
 
-TEST(fact_rows, know_who_was_not_let_in_yet) {
+TEST(fact_rows, cover_a_session_before_authentication) {
     expect_golden(logs + "server_refused.facts", facts_of("server_refused", session_kind::incoming));
 }
 
-TEST(fact_rows, know_client_sessions) {
+TEST(fact_rows, cover_client_sessions) {
     expect_golden(logs + "client_password_terminal.facts",
                   facts_of("client_password_terminal", session_kind::outgoing, "channel 0: free"));
     expect_golden(logs + "client_forwarding.facts", facts_of("client_forwarding", session_kind::outgoing));
 }
 
-TEST(fact_rows, a_process_that_speaks_with_strangers_cannot_let_them_in) {
+TEST(fact_rows, an_unauthenticated_process_cannot_report_authentication) {
     session_facts facts;
     const auto let_in = line_of("monitor_child_preauth", "user root authenticated by privileged process",
                                 /*before_authentication=*/true);
@@ -83,7 +83,7 @@ TEST(fact_rows, a_process_that_speaks_with_strangers_cannot_let_them_in) {
     EXPECT_EQ(facts.user[0], '\0');
 }
 
-TEST(fact_rows, a_users_process_cannot_say_who_it_is) {
+TEST(fact_rows, a_users_process_cannot_report_its_user) {
     session_facts facts;
     EXPECT_FALSE(learn_from_line(facts,
                                  line_of("monitor_child_preauth", "user root authenticated by privileged process"),
@@ -93,7 +93,7 @@ TEST(fact_rows, a_users_process_cannot_say_who_it_is) {
     EXPECT_EQ(facts.user[0], '\0');
 }
 
-TEST(fact_rows, a_method_counts_when_the_user_is_let_in) {
+TEST(fact_rows, a_method_counts_once_the_user_is_authenticated) {
     session_facts facts;
     learn_from_line(facts, line_of("mm_answer_pam_respond", "mm_answer_pam_respond"), {});
     learn_from_line(facts, line_of("mm_answer_authpassword", "sending result 0"), {});
@@ -119,7 +119,7 @@ TEST(fact_rows, a_method_without_a_name_stays_empty) {
     }
 }
 
-TEST(fact_rows, more_channels_than_there_are_places_are_left_out) {
+TEST(fact_rows, channels_beyond_the_last_slot_are_omitted) {
     session_facts facts;
     for (int id = 0; id < 40; ++id) {
         const std::string text = "channel " + std::to_string(id) + ": new session [x] (y)";
@@ -134,7 +134,7 @@ TEST(fact_rows, more_channels_than_there_are_places_are_left_out) {
     EXPECT_EQ(facts.channels[3].type, connection_forwarding);
 }
 
-TEST(fact_rows, listeners_and_windows_are_no_channels) {
+TEST(fact_rows, listeners_and_windows_are_not_channels) {
     session_facts facts;
     for (const char* type :
          {"port-listener", "x11-listener", "mux-listener", "mux-control", "forwarded-tcpip-listener"}) {
@@ -144,7 +144,7 @@ TEST(fact_rows, listeners_and_windows_are_no_channels) {
     EXPECT_EQ(make_snapshot(facts, 0, {}).open_channels, 0U);
 }
 
-TEST(fact_rows, texts_are_cut_at_their_fields_ends) {
+TEST(fact_rows, texts_are_truncated_to_their_fields) {
     session_facts facts;
     const std::string name(500, 'x');
     learn_from_line(facts, line_of("choose_kex", "kex: algorithm: " + name), {});
@@ -154,7 +154,7 @@ TEST(fact_rows, texts_are_cut_at_their_fields_ends) {
     EXPECT_EQ(std::string(facts.user), name.substr(0, 63));
 }
 
-TEST(fact_rows, bytes_are_counted_where_keys_change) {
+TEST(fact_rows, bytes_are_counted_when_keys_change) {
     EXPECT_TRUE(counts_bytes(line_of("ssh_set_newkeys", "mode 1")));
     EXPECT_FALSE(counts_bytes(line_of("choose_kex", "kex: algorithm: x")));
 }

@@ -22,7 +22,7 @@ using testing::Not;
 
 namespace {
 
-/// A launcher with every path in a scratch directory, the installed ssh and the installed sshd.
+/// A launcher whose paths are all in a scratch directory, with the installed ssh and sshd.
 class launcher_launch : public testing::Test {
   protected:
     void SetUp() override {
@@ -72,7 +72,7 @@ class launcher_launch : public testing::Test {
 
 }  // namespace
 
-TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
+TEST_F(launcher_launch, prepares_what_sshd_needs_and_a_file_that_it_accepts) {
     EXPECT_EQ(prepare(), launch_ready) << said_;
     EXPECT_EQ(prepared_.config, current());
     EXPECT_THAT(text_of(current()), HasSubstr("\nHostKey " + key_ + "\n"));
@@ -85,7 +85,7 @@ TEST_F(launcher_launch, makes_what_sshd_needs_and_a_file_that_it_takes) {
     EXPECT_EQ(status.st_mode & 07777, 0600U);
 }
 
-TEST_F(launcher_launch, leaves_nothing_but_the_file_its_record_and_the_cache) {
+TEST_F(launcher_launch, leaves_only_the_file_its_record_and_the_cache) {
     ASSERT_EQ(prepare(), launch_ready);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 4)
         << "the file, its record, the algorithms, and what sshd has accepted";
@@ -204,20 +204,20 @@ TEST_F(launcher_launch, records_which_file_is_in_use_and_why) {
     EXPECT_THAT(recorded().reason, HasSubstr("the server file cannot be used: cannot open"));
 }
 
-TEST_F(launcher_launch, a_record_that_cannot_be_written_costs_nothing_but_a_warning) {
+TEST_F(launcher_launch, a_record_that_cannot_be_written_is_only_a_warning) {
     std::filesystem::create_directories(current() + "~launch/in_the_way");
     EXPECT_EQ(prepare(), launch_ready);
     EXPECT_THAT(said_, HasSubstr("what the server was started with is not recorded: "));
 }
 
-TEST_F(launcher_launch, reports_each_thing_left_out_with_the_name_of_the_file) {
+TEST_F(launcher_launch, reports_each_omission_with_the_name_of_the_file) {
     write_settings("WindowScaleQd 7\n");
     EXPECT_EQ(prepare(), launch_ready);
     EXPECT_EQ(said_, "sshd: " + options_.file +
                          ": line 4: WindowScaleQd ignored: stock sshd leaves the TCP window to the kernel\n");
 }
 
-TEST_F(launcher_launch, gives_the_limits_of_the_agents_file_also_with_the_last_good_one) {
+TEST_F(launcher_launch, uses_the_current_limits_even_with_the_last_good_file) {
     write_settings("Port 22\nPort 830\nRateLimitQd 7\n");
     ASSERT_EQ(prepare(), launch_ready);
     EXPECT_EQ(prepared_.limits.connections_per_minute, 7U);
@@ -268,7 +268,7 @@ TEST_F(launcher_launch, does_not_start_with_a_last_good_file_that_is_no_longer_g
     EXPECT_THAT(said_, HasSubstr("the last good file is no longer valid"));
 }
 
-TEST_F(launcher_launch, a_refused_fips_file_never_runs_with_what_was_good_outside_fips_mode) {
+TEST_F(launcher_launch, a_refused_fips_file_is_not_replaced_by_one_from_outside_fips_mode) {
     ASSERT_EQ(prepare(), launch_ready);
     write_settings("NorvoSSHFipsMode yes\nCiphers chacha20-poly1305@openssh.com,\n");
     EXPECT_EQ(prepare(), launch_no_good_file);
@@ -281,19 +281,19 @@ TEST_F(launcher_launch, a_refused_fips_file_never_runs_with_what_was_good_outsid
     EXPECT_THAT(text_of(current()), HasSubstr("\nCiphers aes256-ctr\n"));
 }
 
-TEST_F(launcher_launch, says_when_the_server_file_cannot_be_read) {
+TEST_F(launcher_launch, reports_that_the_server_file_cannot_be_read) {
     options_.file = scratch_.file("none");
     EXPECT_EQ(prepare(), launch_file_unreadable);
     EXPECT_THAT(said_, HasSubstr("the server file cannot be used: cannot open"));
 }
 
-TEST_F(launcher_launch, says_when_its_directory_cannot_be_made) {
+TEST_F(launcher_launch, reports_that_its_directory_cannot_be_created) {
     scratch_.write("state", "");
     EXPECT_EQ(prepare(), launch_no_state);
     EXPECT_THAT(said_, HasSubstr("the server cannot be started: "));
 }
 
-TEST_F(launcher_launch, a_failing_ssh_costs_the_new_settings_not_the_server) {
+TEST_F(launcher_launch, a_failing_ssh_blocks_the_new_settings_but_not_the_server) {
     ASSERT_EQ(prepare(), launch_ready);
     paths_.ssh = scratch_.write_program("ssh", "exit 1\n");
     EXPECT_EQ(prepare(), launch_ready);
@@ -301,19 +301,19 @@ TEST_F(launcher_launch, a_failing_ssh_costs_the_new_settings_not_the_server) {
     EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST GOOD FILE"));
 }
 
-TEST_F(launcher_launch, what_sshd_says_of_a_good_file_is_reported_too) {
+TEST_F(launcher_launch, messages_of_sshd_about_a_good_file_are_reported) {
     paths_.sshd = scratch_.write_program("sshd", "echo 'key is short' >&2\n");
     EXPECT_EQ(prepare(), launch_ready);
     EXPECT_EQ(said_, "sshd: " + options_.file + ": sshd says: key is short\n");
 }
 
-TEST_F(launcher_launch, says_when_sshd_is_missing) {
+TEST_F(launcher_launch, reports_that_sshd_is_missing) {
     paths_.sshd = scratch_.file("none");
     EXPECT_EQ(prepare(), launch_no_good_file);
     EXPECT_THAT(said_, HasSubstr("cannot be started: No such file or directory"));
 }
 
-TEST_F(launcher_launch, tells_sshd_of_the_users_keys_where_there_is_a_program_for_them) {
+TEST_F(launcher_launch, names_the_key_program_to_sshd_if_it_is_installed) {
     ASSERT_EQ(prepare(), launch_ready);
     EXPECT_THAT(text_of(current()), Not(HasSubstr("AuthorizedKeysCommand")));
     scratch_.write_program("authorized_keys", "exit 0\n");
@@ -321,7 +321,7 @@ TEST_F(launcher_launch, tells_sshd_of_the_users_keys_where_there_is_a_program_fo
     EXPECT_THAT(text_of(current()), HasSubstr("\nAuthorizedKeysCommand " + paths_.user_keys_program + " %u\n"));
 }
 
-TEST_F(launcher_launch, a_trial_keeps_nothing) {
+TEST_F(launcher_launch, a_trial_leaves_nothing_behind) {
     std::string translated;
     const reporter to{.server_file = options_.file};
     EXPECT_EQ(try_translation(paths_, options_, to, translated), launch_ready);
@@ -336,7 +336,7 @@ TEST_F(launcher_launch, a_trial_keeps_nothing) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(paths_.state_directory), {}), 1);
 }
 
-// sshd takes its PAM service name from the last part, and executes itself by the whole.
+// sshd derives its PAM service name from the last component, and executes itself by the full path.
 TEST(launcher_server_command, runs_sshd_by_its_absolute_name_in_the_foreground) {
     EXPECT_THAT(server_command(launcher_paths{}, "/run/x"),
                 ElementsAre("/pkg/libexec/norvosshd", "-D", "-f", "/run/x"));
@@ -344,7 +344,7 @@ TEST(launcher_server_command, runs_sshd_by_its_absolute_name_in_the_foreground) 
 
 namespace {
 
-/// A wrapper as it is installed, and what the launcher says of it.
+/// An installed wrapper, and the launcher's messages about it.
 class launcher_session_hook : public testing::Test {
   protected:
     void SetUp() override {
@@ -369,12 +369,12 @@ class launcher_session_hook : public testing::Test {
 
 }  // namespace
 
-TEST_F(launcher_session_hook, is_used_where_it_is_installed) {
+TEST_F(launcher_session_hook, is_used_if_it_is_installed) {
     EXPECT_EQ(hook(), paths_.session_hook);
     EXPECT_EQ(said_, "");
 }
 
-TEST_F(launcher_session_hook, is_not_used_when_a_part_is_missing_and_the_operator_is_told) {
+TEST_F(launcher_session_hook, is_not_used_and_reported_when_a_part_is_missing) {
     for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
         SetUp();
         unlink(part->c_str());
@@ -383,7 +383,7 @@ TEST_F(launcher_session_hook, is_not_used_when_a_part_is_missing_and_the_operato
     }
 }
 
-TEST_F(launcher_session_hook, is_not_used_when_others_can_write_a_part) {
+TEST_F(launcher_session_hook, is_not_used_when_others_can_write_to_a_part) {
     for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
         SetUp();
         chmod(part->c_str(), 0775);
@@ -393,19 +393,19 @@ TEST_F(launcher_session_hook, is_not_used_when_others_can_write_a_part) {
     }
 }
 
-TEST_F(launcher_session_hook, is_not_used_when_a_part_belongs_to_somebody_else) {
+TEST_F(launcher_session_hook, is_not_used_when_a_part_belongs_to_another_user) {
     if (chown(paths_.session_starter.c_str(), 1234, 0) != 0) {
-        GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+        GTEST_SKIP() << "only root can create files of another user";
     }
     EXPECT_EQ(hook(), "");
 }
 
-TEST_F(launcher_session_hook, needs_programs_that_can_be_executed) {
+TEST_F(launcher_session_hook, requires_programs_that_can_be_executed) {
     chmod(paths_.session_wrapper.c_str(), 0644);
     EXPECT_EQ(hook(), "");
 }
 
-TEST_F(launcher_launch, names_the_places_that_tell_of_sessions_only_where_somebody_listens) {
+TEST_F(launcher_launch, requests_session_logs_only_where_the_responder_listens) {
     ASSERT_EQ(prepare(), launch_ready) << said_;
     EXPECT_THAT(text_of(current()), Not(HasSubstr("LogVerbose")));
     scratch_.write("reporter.so", "", 0644);

@@ -22,7 +22,7 @@ using testing::Not;
 
 namespace {
 
-/// The real nft, in the network namespace that each test has to itself.
+/// The real nft; each test has its own network namespace.
 class launcher_limits : public testing::Test {
   protected:
     void SetUp() override { paths_.state_directory = scratch_.path(); }
@@ -69,7 +69,7 @@ TEST_F(launcher_limits, sessions_get_their_limit) {
     EXPECT_EQ(count.limit, 5U);
 }
 
-TEST_F(launcher_limits, what_cannot_be_put_in_force_is_said_in_one_line_each) {
+TEST_F(launcher_limits, a_limit_that_cannot_be_set_is_reported_in_one_line) {
     paths_.nft = scratch_.file("none");
     paths_.state_directory = scratch_.file("missing");
     enforce({});
@@ -83,7 +83,7 @@ TEST_F(launcher_limits, what_cannot_be_put_in_force_is_said_in_one_line_each) {
                                      " says: Error: no such luck");
 }
 
-TEST_F(launcher_limits, the_end_of_a_server_removes_the_table_of_its_namespace_alone) {
+TEST_F(launcher_limits, the_end_of_a_server_removes_only_the_table_of_its_namespace) {
     paths_.namespace_directory = scratch_.path() + "/";
     scratch_.write("vrf-red", "");
     enforce({.connections_per_minute = 7});
@@ -101,7 +101,7 @@ TEST_F(launcher_limits, the_end_of_a_server_removes_the_table_of_its_namespace_a
     close(here);
 }
 
-TEST_F(launcher_limits, a_namespace_that_is_gone_has_nothing_to_remove) {
+TEST_F(launcher_limits, in_a_deleted_namespace_there_is_nothing_to_remove) {
     paths_.namespace_directory = scratch_.path() + "/";
     EXPECT_EQ(remove_limits(paths_, "vrf-red"), "");
     scratch_.write("vrf-red", "");

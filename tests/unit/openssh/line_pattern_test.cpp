@@ -4,7 +4,7 @@
 
 using namespace openssh;
 
-TEST(line_pattern, takes_what_stands_in_the_holes) {
+TEST(line_pattern, extracts_the_texts_in_the_holes) {
     captures found;
     ASSERT_TRUE(match_pattern("Connecting to % [%] port ~", "Connecting to host [::1] port 22.", found));
     EXPECT_EQ(found.count, 2U);
@@ -12,7 +12,7 @@ TEST(line_pattern, takes_what_stands_in_the_holes) {
     EXPECT_EQ(found.pieces[1], "::1");
 }
 
-TEST(line_pattern, fits_the_whole_text_only) {
+TEST(line_pattern, matches_only_the_whole_text) {
     captures found;
     EXPECT_TRUE(match_pattern("mode 1", "mode 1", found));
     EXPECT_FALSE(match_pattern("mode 1", "mode 12", found));
@@ -29,7 +29,7 @@ TEST(line_pattern, has_no_empty_holes) {
     EXPECT_FALSE(match_pattern("\"%\"", "\"\"", found));
 }
 
-TEST(line_pattern, stands_for_any_rest) {
+TEST(line_pattern, matches_any_rest) {
     captures found;
     EXPECT_TRUE(match_pattern("~", "", found));
     EXPECT_TRUE(match_pattern("rekeying out~", "rekeying out, input 1", found));

@@ -18,7 +18,7 @@ std::string bare(const log_line& line, size_t size = 200) {
 
 }  // namespace
 
-TEST(log_filter, keeps_forced_lines_back) {
+TEST(log_filter, hides_forced_lines) {
     log_filter filter;
     log_line line;
     EXPECT_EQ(judge_line(filter, forced, line), line_fate::keep_back);
@@ -32,7 +32,7 @@ TEST(log_filter, passes_ordinary_lines) {
     EXPECT_EQ(filter.shown_level, 0);
 }
 
-TEST(log_filter, shows_lines_of_a_level_that_was_asked_for) {
+TEST(log_filter, shows_lines_of_a_requested_level) {
     log_filter filter;
     log_line line;
     EXPECT_EQ(judge_line(filter, "debug1: rexec start in 5 out 5", line), line_fate::pass);
@@ -55,7 +55,7 @@ TEST(log_filter, shows_errors_from_the_named_places) {
     EXPECT_EQ(bare(line), "connect to host");
 }
 
-TEST(log_filter, cuts_a_bare_line_at_the_buffers_end) {
+TEST(log_filter, truncates_a_bare_line_to_the_buffer) {
     log_line line;
     ASSERT_TRUE(parse_log_line(forced, line));
     for (size_t size = 0; size < 60; ++size) {

@@ -15,7 +15,7 @@ TEST(log_line, is_split_into_its_parts) {
     EXPECT_TRUE(line.before_authentication);
 }
 
-TEST(log_line, of_the_normal_level_has_no_severity) {
+TEST(log_line, without_a_severity_has_the_normal_level) {
     log_line line;
     ASSERT_TRUE(parse_log_line("auth2-pubkey.c:f():1 (pid=7): Accepted key", line));
     EXPECT_EQ(line.severity, "");
@@ -23,7 +23,7 @@ TEST(log_line, of_the_normal_level_has_no_severity) {
     EXPECT_FALSE(line.before_authentication);
 }
 
-TEST(log_line, ends_before_its_line_end) {
+TEST(log_line, ends_before_the_newline) {
     log_line line;
     ASSERT_TRUE(parse_log_line("debug2: packet.c:ssh_set_newkeys():874 (pid=1): mode 1\r\n", line));
     EXPECT_EQ(line.text, "mode 1");
@@ -35,7 +35,7 @@ TEST(log_line, may_have_no_text) {
     EXPECT_EQ(line.text, "");
 }
 
-TEST(log_line, without_a_whole_tag_is_none) {
+TEST(log_line, without_a_complete_tag_is_refused) {
     for (const char* text :
          {"", "debug1: ", "debug1: kex: algorithm: x", "Accepted password for root from 10.0.0.1 port 1 ssh2",
           "debug1: kex.c:choose_kex():929 (pid=8811):", "debug1: kex.c:choose_kex():929 (pid=): x",
@@ -49,7 +49,7 @@ TEST(log_line, without_a_whole_tag_is_none) {
     }
 }
 
-TEST(log_line, cut_anywhere_is_read_without_harm) {
+TEST(log_line, truncated_anywhere_is_parsed_safely) {
     const std::string_view whole = "debug1: kex.c:choose_kex():929 (pid=8811): kex: algorithm: x [preauth]\r\n";
     for (size_t size = 0; size <= whole.size(); ++size) {
         log_line line;
@@ -58,7 +58,7 @@ TEST(log_line, cut_anywhere_is_read_without_harm) {
     }
 }
 
-TEST(log_line, debug_level_is_the_number_behind_the_word) {
+TEST(log_line, debug_level_is_the_number_after_the_word) {
     EXPECT_EQ(debug_level_of("debug1: x"), 1);
     EXPECT_EQ(debug_level_of("debug3: x"), 3);
     EXPECT_EQ(debug_level_of("debug4: x"), 0);

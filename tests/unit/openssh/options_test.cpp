@@ -26,7 +26,7 @@ std::string complaint(std::vector<std::string> words) {
 
 }  // namespace
 
-TEST(launcher_options, takes_the_file_and_the_identifier) {
+TEST(launcher_options, accepts_the_file_and_the_identifier) {
     launch_options options;
     EXPECT_EQ(parse({"-f", "/a/sshd_config_red", "-v", "4294967295"}, options), "");
     EXPECT_EQ(options.file, "/a/sshd_config_red");
@@ -34,13 +34,13 @@ TEST(launcher_options, takes_the_file_and_the_identifier) {
     EXPECT_FALSE(options.print_only);
 }
 
-TEST(launcher_options, takes_a_test_without_an_identifier) {
+TEST(launcher_options, accepts_a_test_without_an_identifier) {
     launch_options options;
     EXPECT_EQ(parse({"-t", "-f", "/a"}, options), "");
     EXPECT_TRUE(options.print_only);
 }
 
-TEST(launcher_options, takes_the_namespace_of_a_server_that_has_ended) {
+TEST(launcher_options, accepts_the_namespace_of_a_server_that_has_ended) {
     launch_options options;
     EXPECT_EQ(parse({"-e", "vrf-red"}, options), "");
     EXPECT_EQ(options.ended_namespace, "vrf-red");
@@ -51,7 +51,7 @@ TEST(launcher_options, takes_the_namespace_of_a_server_that_has_ended) {
     }
 }
 
-TEST(launcher_options, says_what_is_missing) {
+TEST(launcher_options, reports_what_is_missing) {
     EXPECT_EQ(complaint({}), "missing option -f FILE");
     EXPECT_EQ(complaint({"-v", "1"}), "missing option -f FILE");
     EXPECT_EQ(complaint({"-f", "/a"}), "missing option -v ID");
@@ -59,7 +59,7 @@ TEST(launcher_options, says_what_is_missing) {
     EXPECT_EQ(complaint({"-f", "", "-v", "1"}), "missing option -f FILE");
 }
 
-TEST(launcher_options, says_what_is_wrong) {
+TEST(launcher_options, reports_what_is_wrong) {
     EXPECT_EQ(complaint({"-f", "a", "-v", "1"}), "the server file \"a\" is not an absolute path");
     for (const char* id : {"x", "1x", "-1", "", " 1", "4294967296", "0x1"}) {
         EXPECT_EQ(complaint({"-f", "/a", "-v", id}),

@@ -27,7 +27,7 @@ std::string value_of(const char* name) {
 
 }  // namespace
 
-TEST(preload, come_from_a_library_that_nobody_else_can_write_to) {
+TEST(preload, is_a_library_that_nobody_else_can_write_to) {
     const scratch_directory folder;
     launcher_paths paths;
     paths.session_reporter = folder.file("reporter.so");
@@ -35,15 +35,15 @@ TEST(preload, come_from_a_library_that_nobody_else_can_write_to) {
     folder.write("reporter.so", "", 0644);
     EXPECT_EQ(session_reporter_of(paths), paths.session_reporter);
     folder.write("reporter.so", "", 0664);
-    EXPECT_EQ(session_reporter_of(paths), "") << "the group could change it";
+    EXPECT_EQ(session_reporter_of(paths), "") << "the group can write to it";
     folder.write("reporter.so", "", 0646);
-    EXPECT_EQ(session_reporter_of(paths), "") << "everybody could change it";
+    EXPECT_EQ(session_reporter_of(paths), "") << "everyone can write to it";
     std::filesystem::remove(paths.session_reporter);
     std::filesystem::create_directory(paths.session_reporter);
     EXPECT_EQ(session_reporter_of(paths), "") << "a folder";
 }
 
-TEST(preload, are_loaded_behind_what_is_loaded_already) {
+TEST(preload, follows_libraries_that_are_already_loaded) {
     unsetenv("LD_PRELOAD");
     load_into_sshd("");
     EXPECT_EQ(value_of("LD_PRELOAD"), "(unset)");
@@ -53,7 +53,7 @@ TEST(preload, are_loaded_behind_what_is_loaded_already) {
     EXPECT_EQ(value_of("LD_PRELOAD"), "/one.so:/two.so");
 }
 
-TEST(preload, of_a_client_leave_word_of_what_was_there_before) {
+TEST(preload, of_a_client_records_the_previous_setting) {
     unsetenv("LD_PRELOAD");
     setenv("SSH_CSM_LD_PRELOAD", "left over", 1);
     setenv("SSH_CSM_LOG_FILE", "left over", 1);
@@ -70,7 +70,7 @@ TEST(preload, of_a_client_leave_word_of_what_was_there_before) {
     EXPECT_EQ(value_of("SSH_CSM_LOG_FILE"), "/tmp/log");
 }
 
-TEST(preload, of_a_client_without_the_library_change_nothing) {
+TEST(preload, of_a_client_without_the_library_changes_nothing) {
     unsetenv("SSH_CSM_REPORTS");
     setenv("LD_PRELOAD", "/users.so", 1);
     load_into_ssh("", "/tmp/log");
@@ -78,13 +78,13 @@ TEST(preload, of_a_client_without_the_library_change_nothing) {
     EXPECT_EQ(value_of("SSH_CSM_REPORTS"), "(unset)");
 }
 
-TEST(preload, find_the_log_file_among_sshs_arguments) {
+TEST(preload, finds_the_log_file_among_sshs_arguments) {
     EXPECT_EQ(log_file({"host"}), "");
     EXPECT_EQ(log_file({"-E", "/log", "host"}), "/log");
     EXPECT_EQ(log_file({"-vE/log", "host"}), "/log");
     EXPECT_EQ(log_file({"-p", "22", "host", "-E", "/log", "command"}), "/log");
-    EXPECT_EQ(log_file({"host", "command", "-E", "/log"}), "") << "the command's own";
-    EXPECT_EQ(log_file({"-o", "-E", "host", "x"}), "") << "a value";
+    EXPECT_EQ(log_file({"host", "command", "-E", "/log"}), "") << "belongs to the command";
+    EXPECT_EQ(log_file({"-o", "-E", "host", "x"}), "") << "the value of an option";
     EXPECT_EQ(log_file({"--", "host", "-E", "/log"}), "");
     EXPECT_EQ(log_file({}), "");
     EXPECT_EQ(log_file({"-E"}), "");

@@ -14,7 +14,7 @@ using namespace openssh;
 
 namespace {
 
-/// A stat line with a name that tries to look like more.
+/// A stat line with a name that imitates the fields after it.
 std::string stat_line(const std::string& state, const std::string& terminal) {
     return "42 (a) S 1 (b) " + state + " 17 42 42 " + terminal +
            " -1 4194304 1 0 0 0 0 0 0 0 20 0 1 0 987654321 1 1 18446744073709551615";
@@ -48,7 +48,7 @@ class waiting_child {
 
 }  // namespace
 
-TEST(process_info, is_read_from_behind_the_name) {
+TEST(process_info, is_parsed_from_the_end_of_the_name) {
     process_info process;
     ASSERT_TRUE(parse_process_stat(stat_line("S", "34817"), process));
     EXPECT_EQ(process.parent, 17);
@@ -56,7 +56,7 @@ TEST(process_info, is_read_from_behind_the_name) {
     EXPECT_EQ(process.terminal, 1U);
 }
 
-TEST(process_info, tells_pseudo_terminals_from_others) {
+TEST(process_info, distinguishes_pseudo_terminals) {
     process_info process;
     ASSERT_TRUE(parse_process_stat(stat_line("S", "0"), process));
     EXPECT_EQ(process.terminal, no_terminal);
@@ -66,7 +66,7 @@ TEST(process_info, tells_pseudo_terminals_from_others) {
     EXPECT_EQ(process.terminal, 259U) << "the second block of numbers";
 }
 
-TEST(process_info, of_a_dead_process_is_none) {
+TEST(process_info, of_a_dead_process_is_not_available) {
     process_info process;
     EXPECT_FALSE(parse_process_stat(stat_line("Z", "0"), process));
     EXPECT_FALSE(parse_process_stat("", process));
@@ -90,7 +90,7 @@ TEST(process_info, of_a_living_process) {
     EXPECT_NE(process.name, "");
 }
 
-TEST(process_info, tells_when_a_process_has_ended) {
+TEST(process_info, reports_the_end_of_a_process) {
     waiting_child child;
     const pid_t pid = child.pid();
     const int descriptor = open_process(pid);
@@ -106,7 +106,7 @@ TEST(process_info, tells_when_a_process_has_ended) {
 
 namespace {
 
-/// The connection of this very process, seen as another's.
+/// The connection of this process, as another process sees it.
 void look_at_own_connection(int family, const std::string& expected) {
     const int listener = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_storage address = {};
@@ -138,7 +138,7 @@ void look_at_own_connection(int family, const std::string& expected) {
     look_at_connection(self, getpid(), &peer, &bytes);
     EXPECT_EQ(peer, expected);
     EXPECT_EQ(bytes.known, 1U);
-    // The kernel counts the beginning and the end of a direction as a byte each.
+    // The kernel counts the beginning and the end of a direction as one byte each.
     EXPECT_EQ(bytes.sent, 5U + 1U);
     EXPECT_EQ(bytes.received, 0U + 1U);
     close(self);
@@ -147,15 +147,15 @@ void look_at_own_connection(int family, const std::string& expected) {
 
 }  // namespace
 
-TEST(process_info, looks_at_an_ipv4_connection) {
+TEST(process_info, finds_an_ipv4_connection) {
     look_at_own_connection(AF_INET, "127.0.0.1");
 }
 
-TEST(process_info, looks_at_an_ipv6_connection) {
+TEST(process_info, finds_an_ipv6_connection) {
     look_at_own_connection(AF_INET6, "::1");
 }
 
-TEST(process_info, of_a_process_without_a_connection_leaves_everything_as_it_is) {
+TEST(process_info, of_a_process_without_a_connection_is_left_unchanged) {
     const waiting_child child;
     const int descriptor = open_process(child.pid());
     std::string peer = "untouched";

@@ -52,7 +52,7 @@ TEST(launcher_report, a_service_reports_to_the_journal) {
     EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), true), report_way::system_log);
     EXPECT_EQ(choose_report_way(ends[1], stream.c_str(), false), report_way::marked_text);
     close(ends[0]);
-    // A service whose standard error was redirected, or a child of one that has another, is not in the journal.
+    // A service whose standard error was redirected is not connected to the journal, nor is its child.
     for (const std::string& other : {stream + "1", stream + "x", std::string("8"), std::string()}) {
         EXPECT_EQ(choose_report_way(ends[1], other.c_str(), true), report_way::text) << other;
     }

@@ -33,14 +33,14 @@ sockaddr_un address_of(const std::string& path) {
     return address;
 }
 
-/// A responder in a thread of its own, and sshd, which is this test's own program with a child in the part of a session.
+/// A responder in a thread. This test program stands in for sshd, and a child process for a session.
 class session_responder : public testing::Test {
   protected:
     void SetUp() override {
         const sockaddr_un address = address_of(folder_.file("reports"));
         reports_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         ASSERT_EQ(bind(reports_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        // As the service manager does, so that the first report is not too early.
+        // The service manager does the same, so that reports sent before the responder runs carry credentials.
         const int on = 1;
         ASSERT_EQ(setsockopt(reports_, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
         options_.report_socket = reports_;
@@ -73,7 +73,7 @@ class session_responder : public testing::Test {
         close(stop_[1]);
     }
 
-    /// A process that sends a report whenever it is told to.
+    /// A process that sends a report on request.
     void start_process() {
         ASSERT_EQ(pipe2(orders_, O_CLOEXEC), 0);
         process_ = fork();
@@ -112,7 +112,7 @@ class session_responder : public testing::Test {
         }
     }
 
-    /// -1 when nobody listens.
+    /// -1 if nobody listens.
     int connect_to_session() const {
         const sockaddr_un address = address_of(socket_path());
         const int asker = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
@@ -125,7 +125,7 @@ class session_responder : public testing::Test {
         return asker;
     }
 
-    /// The length of the answer to a request of so many words of 4 bytes; 0 when the connection was closed without one.
+    /// The length of the answer to a request of `words` 4-byte numbers; 0 if the connection was closed without one.
     ssize_t ask(const std::vector<uint32_t>& request, session_snapshot* answer = nullptr) const {
         session_snapshot place = {};
         const int asker = connect_to_session();
@@ -160,7 +160,7 @@ TEST_F(session_responder, answers_with_one_snapshot) {
     EXPECT_EQ(ask({0, 1, 0}), 2320) << "again";
 }
 
-TEST_F(session_responder, closes_on_what_is_no_request) {
+TEST_F(session_responder, closes_the_connection_on_an_invalid_request) {
     start_process();
     for (const std::vector<uint32_t>& request : std::vector<std::vector<uint32_t>>{
              {}, {0}, {0, 1}, {0, 1, 2, 3}, {1, 1, 0}, {0, 2, 0}, std::vector<uint32_t>(1000)}) {
@@ -169,17 +169,17 @@ TEST_F(session_responder, closes_on_what_is_no_request) {
     EXPECT_EQ(ask({0, 1, 0}), 2320);
 }
 
-TEST_F(session_responder, answers_while_others_keep_silent) {
+TEST_F(session_responder, answers_while_others_are_silent) {
     start_process();
     const int silent = connect_to_session();
     ASSERT_GE(silent, 0);
     EXPECT_EQ(ask({0, 1, 0}), 2320);
     char byte = 0;
-    EXPECT_EQ(recv(silent, &byte, 1, 0), 0) << "is closed in the end";
+    EXPECT_EQ(recv(silent, &byte, 1, 0), 0) << "is closed after the timeout";
     close(silent);
 }
 
-TEST_F(session_responder, bears_more_silent_askers_than_it_has_places_for) {
+TEST_F(session_responder, survives_more_silent_clients_than_it_has_slots) {
     start_process();
     std::vector<int> silent;
     for (int i = 0; i < 200; ++i) {
@@ -191,7 +191,7 @@ TEST_F(session_responder, bears_more_silent_askers_than_it_has_places_for) {
     }
 }
 
-TEST_F(session_responder, sockets_and_files_are_roots_and_go_with_the_process) {
+TEST_F(session_responder, sockets_and_files_belong_to_root_and_are_removed_with_the_process) {
     start_process();
     const std::string path = socket_path();
     const std::string file = options_.state_folder + "/" + std::to_string(process_);
@@ -205,10 +205,10 @@ TEST_F(session_responder, sockets_and_files_are_roots_and_go_with_the_process) {
     wait_until([&] { return !exists(path) && !exists(file); });
 }
 
-TEST_F(session_responder, knows_its_sessions_when_it_is_started_again) {
+TEST_F(session_responder, restores_its_sessions_after_a_restart) {
     start_process();
     end();
-    EXPECT_FALSE(exists(socket_path())) << "nobody answers in between";
+    EXPECT_FALSE(exists(socket_path())) << "nothing answers in between";
     begin();
     wait_until([this] { return exists(socket_path()); });
     session_snapshot answer = {};
@@ -217,7 +217,7 @@ TEST_F(session_responder, knows_its_sessions_when_it_is_started_again) {
     EXPECT_EQ(answer.session_id, 1U);
 }
 
-TEST_F(session_responder, takes_reports_that_came_while_it_was_away) {
+TEST_F(session_responder, reads_reports_sent_while_it_was_down) {
     end();
     const sockaddr_un address = address_of(folder_.file("reports"));
     ASSERT_EQ(pipe2(orders_, O_CLOEXEC), 0);
@@ -235,7 +235,7 @@ TEST_F(session_responder, takes_reports_that_came_while_it_was_away) {
     wait_until([this] { return ask({0, 1, 0}) == 2320; });
 }
 
-TEST_F(session_responder, sweeps_what_a_killed_one_left) {
+TEST_F(session_responder, removes_leftovers_of_a_killed_responder) {
     end();
     const std::string stale = options_.socket_prefix + "12345";
     const std::string other = folder_.write("oper_is_not_a_socket", "");
@@ -248,7 +248,7 @@ TEST_F(session_responder, sweeps_what_a_killed_one_left) {
     EXPECT_TRUE(exists(other));
 }
 
-TEST_F(session_responder, drops_descriptors_that_somebody_sends_along) {
+TEST_F(session_responder, drops_descriptors_sent_with_a_report) {
     start_process();
     const auto open_descriptors = [] {
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -280,7 +280,7 @@ TEST_F(session_responder, drops_descriptors_that_somebody_sends_along) {
     wait_until([&] { return open_descriptors() == before; });
 }
 
-TEST_F(session_responder, does_not_begin_without_a_place_for_its_files) {
+TEST_F(session_responder, does_not_start_without_a_folder_for_its_files) {
     end();
     options_.state_folder = folder_.file("missing/state");
     testing::internal::CaptureStderr();

@@ -23,13 +23,13 @@ TEST(launcher_run_programs, collects_status_output_and_errors_of_each) {
     EXPECT_EQ(results[1].output, "two\n");
 }
 
-TEST(launcher_run_programs, tells_why_a_program_did_not_start) {
+TEST(launcher_run_programs, reports_why_a_program_did_not_start) {
     const auto results = run_programs({{"/nonexistent/program"}}, seconds(20));
     EXPECT_EQ(results[0].status, -1);
     EXPECT_EQ(results[0].failure, "cannot be started: No such file or directory");
 }
 
-TEST(launcher_run_programs, kills_what_does_not_end_in_time) {
+TEST(launcher_run_programs, kills_programs_that_do_not_end_in_time) {
     const scratch_directory scratch;
     const std::string sleeper = scratch.write_program("sleeper", "echo early; exec sleep 100\n");
     const auto start = std::chrono::steady_clock::now();
@@ -40,14 +40,14 @@ TEST(launcher_run_programs, kills_what_does_not_end_in_time) {
     EXPECT_EQ(results[0].output, "early\n");
 }
 
-TEST(launcher_run_programs, tells_of_a_signal) {
+TEST(launcher_run_programs, reports_a_signal) {
     const scratch_directory scratch;
     const auto results = run_programs({{scratch.write_program("killed", "kill -9 $$\n")}}, seconds(20));
     EXPECT_EQ(results[0].status, -1);
     EXPECT_EQ(results[0].failure, "was killed by signal 9");
 }
 
-TEST(launcher_run_programs, keeps_a_bounded_part_of_a_flood) {
+TEST(launcher_run_programs, keeps_a_limited_part_of_a_flood) {
     const scratch_directory scratch;
     const std::string flood = scratch.write_program("flood", "head -c 1000000 /dev/zero; echo end >&2\n");
     const auto results = run_programs({{flood}}, seconds(20));

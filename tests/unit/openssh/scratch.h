@@ -1,4 +1,4 @@
-/// What the launcher's tests share: a scratch directory, files in it, and the names that this machine's OpenSSH knows.
+/// Helpers of the launcher tests: a scratch directory, files in it, and the names that this machine's OpenSSH knows.
 #ifndef TESTS_UNIT_OPENSSH_SCRATCH_H
 #define TESTS_UNIT_OPENSSH_SCRATCH_H
 
@@ -17,7 +17,7 @@
 
 namespace openssh_test {
 
-/// A directory of its own, gone when the object is.
+/// A temporary directory, removed by the destructor.
 class scratch_directory {
   public:
     scratch_directory() {
@@ -37,7 +37,7 @@ class scratch_directory {
         return file(name);
     }
 
-    /// A shell script in place of a program.
+    /// A shell script that replaces a program.
     std::string write_program(const std::string& name, const std::string& body) const {
         return write(name, "#!/bin/sh\n" + body, 0755);
     }
@@ -63,7 +63,7 @@ inline bool exists(const std::string& path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
-/// The names that this machine's ssh gives.
+/// The names that this machine's ssh lists.
 inline openssh::known_algorithms installed_algorithms() {
     const scratch_directory scratch;
     openssh::known_algorithms known;
@@ -71,7 +71,7 @@ inline openssh::known_algorithms installed_algorithms() {
     return known;
 }
 
-/// Names that do not change with the machine.
+/// Names that do not depend on the machine.
 inline openssh::known_algorithms fixed_algorithms() {
     openssh::known_algorithms known;
     known.names = {{{"3des-cbc", "aes128-cbc", "aes192-cbc", "aes256-cbc", "aes128-ctr", "aes192-ctr", "aes256-ctr",
@@ -85,12 +85,12 @@ inline openssh::known_algorithms fixed_algorithms() {
     return known;
 }
 
-/// Runs the installed sshd on a file ("-t" tests it, "-T" prints what it makes of it).
+/// Runs the installed sshd on a file ("-t" tests it, "-T" prints its effective configuration).
 inline openssh::program_result run_sshd(const char* option, const std::string& file) {
     return openssh::run_programs({{"/usr/sbin/sshd", option, "-f", file}}, std::chrono::seconds(60))[0];
 }
 
-/// sshd wants its directory even for a test of a file.
+/// sshd requires its directory even to test a file.
 inline void ensure_sshd_directory() {
     ASSERT_EQ(openssh::ensure_directory("/run/sshd", 0755), "");
 }

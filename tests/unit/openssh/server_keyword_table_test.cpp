@@ -14,14 +14,14 @@
 using namespace openssh;
 using openssh_test::scratch_directory;
 
-TEST(launcher_keyword_table, finds_a_keyword_without_regard_to_case) {
+TEST(launcher_keyword_table, finds_a_keyword_in_any_case) {
     ASSERT_NE(find_keyword_row(server_keyword_rows(), "ratelimitqd"), nullptr);
     EXPECT_EQ(find_keyword_row(server_keyword_rows(), "RATELIMITQD")->keyword, "RateLimitQd");
     EXPECT_EQ(find_keyword_row(server_keyword_rows(), "RateLimit"), nullptr);
     EXPECT_EQ(find_keyword_row(server_keyword_rows(), ""), nullptr);
 }
 
-TEST(launcher_keyword_table, holds_every_keyword_once) {
+TEST(launcher_keyword_table, contains_every_keyword_once) {
     std::set<std::string> seen;
     for (const keyword_row& row : server_keyword_rows()) {
         EXPECT_TRUE(seen.insert(lower_case(row.keyword)).second) << row.keyword;
@@ -74,7 +74,7 @@ std::string form_name(value_form form) {
     return found == std::end(forms) ? "" : found->second;
 }
 
-/// Every column of a row; those without a meaning for its treatment are left out as long as they are empty.
+/// Every column of a row; empty columns that its treatment does not use are omitted.
 std::string row_text(const keyword_row& row) {
     std::string text = std::string(row.keyword) + ": " + treatments[static_cast<size_t>(row.how)];
     if (row.how == treatment::list || row.how == treatment::additional_keys) {
@@ -107,16 +107,16 @@ std::string table_text(const keyword_rows& rows) {
 
 }  // namespace
 
-TEST(launcher_keyword_table, treats_each_keyword_of_the_server_like_this) {
+TEST(launcher_keyword_table, the_servers_keywords_and_their_treatment) {
     expect_golden("openssh/golden/server_keywords", table_text(server_keyword_rows()));
 }
 
-TEST(launcher_keyword_table, treats_each_keyword_of_the_client_like_this) {
+TEST(launcher_keyword_table, the_clients_keywords_and_their_treatment) {
     expect_golden("openssh/golden/client_keywords", table_text(client_keyword_rows()));
 }
 
-// sshd prints its whole configuration with -T: whatever it knows, the table knows too, so that no setting of an edited file
-// is lost for want of a row.
+// sshd -T prints its whole configuration. The table must contain every keyword of it, so that no setting of an edited
+// file is lost because its row is missing.
 TEST(launcher_keyword_table, knows_every_keyword_that_the_installed_sshd_prints) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;
@@ -128,7 +128,7 @@ TEST(launcher_keyword_table, knows_every_keyword_that_the_installed_sshd_prints)
     }
 }
 
-// What the launcher writes, sshd must know: a keyword that it does not know makes it refuse the whole file.
+// sshd refuses the whole file because of a keyword that it does not know.
 TEST(launcher_keyword_table, writes_no_keyword_that_the_installed_sshd_does_not_know) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;

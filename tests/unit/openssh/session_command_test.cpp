@@ -15,7 +15,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/// Strings as an execution takes them.
+/// Strings as arguments of execve().
 class string_array {
   public:
     string_array(std::initializer_list<std::string> strings) : strings_(strings) {
@@ -45,7 +45,7 @@ std::vector<std::string> words_of(char** strings) {
     return words;
 }
 
-/// A file in memory with these bytes.
+/// A file in memory with this content.
 int file_of(const std::string& bytes) {
     const int fd = memfd_create("test", 0);
     EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
@@ -56,7 +56,7 @@ std::string count(char value) {
     return {value, '\0', '\0', '\0'};
 }
 
-/// What is read belongs to the process, as it does in the program.
+/// The strings that are read belong to the process, as in the program.
 session_command command;
 
 bool is_refused(const std::string& bytes) {
@@ -76,7 +76,7 @@ TEST(session_command, a_login_shell_and_a_command_are_sessions) {
     EXPECT_TRUE(is_session("/usr/sbin/nologin", {"nologin", "-c", ""}));
 }
 
-TEST(session_command, what_sshd_runs_besides_is_no_session) {
+TEST(session_command, other_programs_run_by_sshd_are_no_sessions) {
     EXPECT_FALSE(
         is_session("/usr/libexec/ssh_cfg_agent/authorized_keys", {"/usr/libexec/ssh_cfg_agent/authorized_keys", "a"}));
     EXPECT_FALSE(is_session("/sbin/unix_chkpwd", {"/sbin/unix_chkpwd", "a", "nullok"}));
@@ -98,7 +98,7 @@ TEST(session_command, without_a_client_there_is_no_session) {
     EXPECT_FALSE(is_session_command(nullptr, string_array{"-bash"}, session_environment));
 }
 
-TEST(session_command, arrives_as_it_was_written) {
+TEST(session_command, arrives_unaltered) {
     const string_array arguments = {"bash", "-c", "printf '%s\n' \"a  b\" \xff\x01 $HOME; exit 3"};
     const string_array environment = {"SSH_CLIENT=1", "ODD.NAME=x", "EMPTY=", "no value", ""};
     const int fd = write_session_command("/bin/bash", arguments, environment);
@@ -111,7 +111,7 @@ TEST(session_command, arrives_as_it_was_written) {
     close(fd);
 }
 
-TEST(session_command, a_command_as_long_as_the_kernel_takes_arrives) {
+TEST(session_command, the_longest_command_that_the_kernel_accepts_arrives) {
     const std::string longest(128 * 1024 - 1, 'x');
     const int fd = write_session_command("/bin/bash", string_array{"bash", "-c", longest}, string_array{});
     ASSERT_TRUE(read_session_command(fd, command));
@@ -120,23 +120,23 @@ TEST(session_command, a_command_as_long_as_the_kernel_takes_arrives) {
     close(fd);
 }
 
-TEST(session_command, a_file_that_is_not_whole_is_refused) {
+TEST(session_command, a_damaged_file_is_refused) {
     const std::string text("/bin/sh\0sh\0A=1\0", 15);
-    EXPECT_FALSE(is_refused(count(1) + count(1) + text)) << "the bytes that the others are made of are right";
+    EXPECT_FALSE(is_refused(count(1) + count(1) + text)) << "the bytes that the next cases vary are valid";
     const char* const path = command.path;
     EXPECT_TRUE(is_refused(""));
     EXPECT_TRUE(is_refused(count(1)));
     EXPECT_TRUE(is_refused(count(0) + count(0)));
     EXPECT_TRUE(is_refused(count(0) + count(2) + text)) << "a program without a name";
     EXPECT_TRUE(is_refused(count(2) + count(1) + text)) << "a string is missing";
-    EXPECT_TRUE(is_refused(count(1) + count(0) + text)) << "a string is left";
+    EXPECT_TRUE(is_refused(count(1) + count(0) + text)) << "there is one string too many";
     EXPECT_TRUE(is_refused(count(1) + count(1) + text.substr(0, 14))) << "the last zero byte is missing";
     EXPECT_TRUE(is_refused("\xff\xff\xff\xff\xff\xff\xff\xff" + text)) << "more strings than bytes";
-    EXPECT_TRUE(is_refused(std::string(9 * 1024 * 1024, '\0'))) << "longer than an execution";
+    EXPECT_TRUE(is_refused(std::string(9 * 1024 * 1024, '\0'))) << "longer than execve() allows";
     EXPECT_EQ(command.path, path) << "a refusal leaves the outputs alone";
 }
 
-TEST(session_command, no_file_is_told_from_a_bad_one) {
+TEST(session_command, a_missing_file_differs_from_a_bad_one) {
     EXPECT_FALSE(read_session_command(-1, command));
     EXPECT_EQ(errno, EBADF);
 }

@@ -46,7 +46,7 @@ class session_table_of_a_client : public session_table_of_a_server {
 
 }  // namespace
 
-TEST_F(session_table_of_a_server, begins_a_session_with_the_monitors_first_word) {
+TEST_F(session_table_of_a_server, a_session_begins_with_the_monitors_first_report) {
     EXPECT_EQ(take(root_monitor, kex_line), 351);
     EXPECT_EQ(facts().session_id, 1U);
     EXPECT_EQ(facts().start_time, 3510U);
@@ -56,7 +56,7 @@ TEST_F(session_table_of_a_server, begins_a_session_with_the_monitors_first_word)
     EXPECT_TRUE(table_.sessions.at(351).changed);
 }
 
-TEST_F(session_table_of_a_server, gives_what_a_users_process_says_to_its_monitors_session) {
+TEST_F(session_table_of_a_server, reports_of_a_users_process_belong_to_its_monitors_session) {
     take(root_monitor, let_in_line);
     EXPECT_EQ(facts().session_pid, 0);
     EXPECT_EQ(take(users_process, channel_line), 351);
@@ -65,7 +65,7 @@ TEST_F(session_table_of_a_server, gives_what_a_users_process_says_to_its_monitor
     EXPECT_EQ(table_.sessions.size(), 1U);
 }
 
-TEST_F(session_table_of_a_server, roots_session_is_carried_by_the_monitor_itself) {
+TEST_F(session_table_of_a_server, the_monitor_itself_runs_roots_session) {
     take(root_monitor, let_in_line);
     take(root_monitor, channel_line);
     EXPECT_EQ(facts().session_pid, 351);
@@ -84,7 +84,7 @@ TEST_F(session_table_of_a_server, an_ordinary_user_has_no_monitor) {
     EXPECT_TRUE(table_.sessions.empty());
 }
 
-TEST_F(session_table_of_a_server, a_users_process_below_another_users_is_no_part_of_the_session) {
+TEST_F(session_table_of_a_server, a_users_process_below_another_users_does_not_belong_to_the_session) {
     take(root_monitor, let_in_line);
     start_process(400, server_program, 357);
     EXPECT_EQ(take({.pid = 400, .user = 1001}, channel_line), 0);
@@ -93,7 +93,7 @@ TEST_F(session_table_of_a_server, a_users_process_below_another_users_is_no_part
     EXPECT_EQ(facts().channels[0].state, channel_unused);
 }
 
-TEST_F(session_table_of_a_server, other_programs_are_not_listened_to) {
+TEST_F(session_table_of_a_server, other_programs_are_ignored) {
     start_process(500, "/usr/bin/python3");
     EXPECT_EQ(take({.pid = 500, .user = 0}, kex_line), 0);
     EXPECT_EQ(take({.pid = 501, .user = 0}, kex_line), 0) << "no such process";
@@ -102,13 +102,13 @@ TEST_F(session_table_of_a_server, other_programs_are_not_listened_to) {
     EXPECT_TRUE(table_.sessions.empty());
 }
 
-TEST_F(session_table_of_a_server, a_report_of_an_earlier_owner_of_the_number_is_dropped) {
+TEST_F(session_table_of_a_server, a_report_of_the_previous_owner_of_a_process_id_is_dropped) {
     EXPECT_EQ(take(root_monitor, kex_line, 3509), 0);
     EXPECT_TRUE(table_.sessions.empty());
     EXPECT_EQ(take(root_monitor, kex_line, 3510), 351);
 }
 
-TEST_F(session_table_of_a_server, a_new_owner_of_a_number_gets_none_of_the_old_ones_facts) {
+TEST_F(session_table_of_a_server, a_reused_process_id_inherits_no_facts) {
     take(root_monitor, let_in_line);
     end_process(351);
     start_process(351, server_program, 1, 9999);
@@ -142,7 +142,7 @@ TEST_F(session_table_of_a_server, malformed_reports_change_nothing) {
     }
 }
 
-TEST_F(session_table_of_a_server, has_an_end) {
+TEST_F(session_table_of_a_server, is_limited) {
     for (pid_t pid = 10000; pid < 10000 + static_cast<pid_t>(most_sessions) + 5; ++pid) {
         session_entry entry;
         entry.facts.pid = pid;
@@ -151,7 +151,7 @@ TEST_F(session_table_of_a_server, has_an_end) {
     EXPECT_EQ(take(root_monitor, kex_line), 0);
 }
 
-TEST_F(session_table_of_a_server, bytes_are_looked_at_when_keys_change) {
+TEST_F(session_table_of_a_server, bytes_are_read_when_keys_change) {
     processes()[351].bytes = {.sent = 5, .received = 6, .known = 1};
     clock_now() = 4711;
     take(root_monitor, "debug1: packet.c:ssh_set_newkeys():952 (pid=352): rekey out after 67108864 blocks [preauth]");
@@ -160,7 +160,7 @@ TEST_F(session_table_of_a_server, bytes_are_looked_at_when_keys_change) {
     EXPECT_EQ(facts().at_keying.received, 6U);
 }
 
-TEST_F(session_table_of_a_client, begins_with_any_users_client) {
+TEST_F(session_table_of_a_client, a_session_begins_with_any_users_client) {
     EXPECT_EQ(take({.pid = 539, .user = 1001}, client_line), 539);
     EXPECT_EQ(facts(539).kind, session_kind::outgoing);
     EXPECT_EQ(facts(539).session_pid, 539);
@@ -168,14 +168,14 @@ TEST_F(session_table_of_a_client, begins_with_any_users_client) {
     EXPECT_STREQ(facts(539).host, "r");
 }
 
-TEST_F(session_table_of_a_client, knows_the_title_of_one_that_goes_on_by_itself) {
+TEST_F(session_table_of_a_client, the_title_of_a_multiplexing_client_is_recognised) {
     processes()[539].info.name = std::string(client_name) + " : /run/mux [mux]";
     EXPECT_EQ(take({.pid = 539, .user = 1001}, client_line), 539);
     start_process(540, client_program, 1, 0, std::string(client_name) + "x");
     EXPECT_EQ(take({.pid = 540, .user = 1001}, client_line), 0);
 }
 
-TEST_F(session_table_of_a_client, one_users_clients_are_limited_and_roots_are_not) {
+TEST_F(session_table_of_a_client, each_users_clients_are_limited_but_not_roots) {
     for (pid_t pid = 1000; pid < 1000 + static_cast<pid_t>(most_sessions_of_user); ++pid) {
         start_client(pid);
         EXPECT_EQ(take({.pid = pid, .user = 1001}, client_line), pid);
@@ -186,7 +186,7 @@ TEST_F(session_table_of_a_client, one_users_clients_are_limited_and_roots_are_no
     EXPECT_EQ(take({.pid = 540, .user = 1002}, client_line), 540);
 }
 
-TEST_F(session_table_of_a_client, a_session_goes_on_in_a_child) {
+TEST_F(session_table_of_a_client, a_session_continues_in_a_child) {
     take({.pid = 539, .user = 1001}, client_line);
     start_client(541);
     EXPECT_EQ(take_report(table_, {.pid = 541, .user = 1001}, report_of(channel_line, 0, 539)), 541);
@@ -196,7 +196,7 @@ TEST_F(session_table_of_a_client, a_session_goes_on_in_a_child) {
     EXPECT_TRUE(table_.sessions.at(539).moved);
 }
 
-TEST_F(session_table_of_a_client, a_session_goes_on_in_a_child_of_one_that_has_ended) {
+TEST_F(session_table_of_a_client, a_session_continues_in_a_child_of_a_process_that_has_ended) {
     take({.pid = 539, .user = 1001}, client_line);
     end_process(539);
     forget_session(table_, 539);
@@ -204,13 +204,13 @@ TEST_F(session_table_of_a_client, a_session_goes_on_in_a_child_of_one_that_has_e
     EXPECT_EQ(take_report(table_, {.pid = 541, .user = 1001}, report_of(channel_line, 0, 539)), 541);
     EXPECT_EQ(facts(541).session_id, 1U);
     EXPECT_STREQ(facts(541).user, "operator");
-    // Once: a second child begins anew.
+    // Only once: a second child begins a new session.
     start_client(542);
     take_report(table_, {.pid = 542, .user = 1001}, report_of(channel_line, 0, 539));
     EXPECT_EQ(facts(542).session_id, 2U);
 }
 
-TEST_F(session_table_of_a_client, nobody_takes_over_another_users_session) {
+TEST_F(session_table_of_a_client, a_session_does_not_continue_in_another_users_process) {
     take({.pid = 539, .user = 1001}, client_line);
     start_client(541);
     EXPECT_EQ(take_report(table_, {.pid = 541, .user = 1002}, report_of(channel_line, 0, 539)), 541);
@@ -218,7 +218,7 @@ TEST_F(session_table_of_a_client, nobody_takes_over_another_users_session) {
     EXPECT_FALSE(table_.sessions.at(539).moved);
 }
 
-TEST_F(session_table_of_a_client, an_ended_session_is_forgotten_in_time) {
+TEST_F(session_table_of_a_client, an_ended_session_is_forgotten_after_a_while) {
     take({.pid = 539, .user = 1001}, client_line);
     forget_session(table_, 539);
     EXPECT_EQ(table_.ended.size(), 1U);
@@ -229,7 +229,7 @@ TEST_F(session_table_of_a_client, an_ended_session_is_forgotten_in_time) {
     EXPECT_EQ(table_.ended.count(539), 0U);
 }
 
-TEST_F(session_table_of_a_server, a_restored_session_needs_its_own_process) {
+TEST_F(session_table_of_a_server, a_restored_session_requires_its_process) {
     take(root_monitor, let_in_line);
     session_facts kept = facts();
     kept.session_id = 77;
@@ -238,7 +238,7 @@ TEST_F(session_table_of_a_server, a_restored_session_needs_its_own_process) {
     EXPECT_EQ(table_.last_session_id, 77U);
     forget_session(table_, 351);
     kept.start_time += 1;
-    EXPECT_FALSE(restore_session(table_, kept)) << "the number has a new owner";
+    EXPECT_FALSE(restore_session(table_, kept)) << "the process id has been reused";
     kept.pid = 12345;
     EXPECT_FALSE(restore_session(table_, kept)) << "the process is gone";
     EXPECT_TRUE(table_.sessions.empty());

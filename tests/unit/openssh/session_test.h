@@ -1,4 +1,4 @@
-/// What the tests of session reports share: processes that a test makes up, reports of their lines, and a session as text.
+/// Helpers of the session-report tests: simulated processes, reports of their log lines, and a session as text.
 #ifndef TESTS_UNIT_OPENSSH_SESSION_TEST_H
 #define TESTS_UNIT_OPENSSH_SESSION_TEST_H
 
@@ -21,16 +21,16 @@ constexpr const char* server_program = "/usr/sbin/sshd";
 constexpr const char* client_program = "/usr/bin/ssh";
 constexpr const char* client_name = "/pkg/bin/ssh_csm";
 
-/// A process that is there as long as the test says so; its end is the closing of a pipe.
-struct made_up_process {
+/// A simulated process; closing its pipe ends it.
+struct simulated_process {
     openssh::process_info info;
     std::string peer;
     openssh::byte_counters bytes;
     int writing_end = -1;
 };
 
-inline std::map<pid_t, made_up_process>& processes() {
-    static std::map<pid_t, made_up_process> all;
+inline std::map<pid_t, simulated_process>& processes() {
+    static std::map<pid_t, simulated_process> all;
     return all;
 }
 
@@ -39,7 +39,7 @@ inline uint64_t& clock_now() {
     return now;
 }
 
-inline bool read_made_up(pid_t pid, openssh::process_info& process) {
+inline bool read_simulated(pid_t pid, openssh::process_info& process) {
     const auto found = processes().find(pid);
     if (found == processes().end()) {
         return false;
@@ -48,7 +48,7 @@ inline bool read_made_up(pid_t pid, openssh::process_info& process) {
     return true;
 }
 
-inline int open_made_up(pid_t pid) {
+inline int open_simulated(pid_t pid) {
     int ends[2];
     if (processes().count(pid) == 0 || pipe2(ends, O_CLOEXEC) != 0) {
         return -1;
@@ -57,7 +57,7 @@ inline int open_made_up(pid_t pid) {
     return ends[0];
 }
 
-inline void look_at_made_up(int, pid_t pid, std::string* peer, openssh::byte_counters* bytes) {
+inline void inspect_simulated(int, pid_t pid, std::string* peer, openssh::byte_counters* bytes) {
     if (peer != nullptr) {
         *peer = processes()[pid].peer;
     }
@@ -66,13 +66,13 @@ inline void look_at_made_up(int, pid_t pid, std::string* peer, openssh::byte_cou
     }
 }
 
-inline uint64_t made_up_now() {
+inline uint64_t simulated_time() {
     return clock_now();
 }
 
 inline void start_process(pid_t pid, const std::string& program, pid_t parent = 1, uint64_t start_time = 0,
                           const std::string& name = "norvosshd: operator [priv]") {
-    made_up_process process;
+    simulated_process process;
     process.info = {.start_time = start_time != 0 ? start_time : static_cast<uint64_t>(pid) * 10,
                     .parent = parent,
                     .terminal = 7,
@@ -90,8 +90,10 @@ inline openssh::session_table make_table() {
     return {.server_program = server_program,
             .client_program = client_program,
             .client_name = client_name,
-            .processes = {
-                .read = read_made_up, .open = open_made_up, .look_at_connection = look_at_made_up, .now = made_up_now}};
+            .processes = {.read = read_simulated,
+                          .open = open_simulated,
+                          .look_at_connection = inspect_simulated,
+                          .now = simulated_time}};
 }
 
 inline std::string report_of(std::string_view line, uint64_t start_time = 0, uint32_t forked_from = 0) {
@@ -107,7 +109,7 @@ std::string text_of_field(const char (&field)[size]) {
     return {field, strnlen(field, size)};
 }
 
-/// The answer to a query as a reader would note it down.
+/// A snapshot as text.
 inline std::string as_text(const session_snapshot& answer) {
     std::ostringstream text;
     text << "session " << answer.session_id << " state " << answer.session_state << " process " << answer.session_pid

@@ -1,5 +1,5 @@
-/// The wrapper script with the hook before it and the starter behind it, installed in the scratch root. A shell that is run
-/// with the hook stands in for sshd.
+/// The wrapper script with its hook and starter, installed in the scratch root. A shell with the hook stands in for
+/// sshd.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -51,7 +51,7 @@ std::vector<std::string> lines_of(const std::string& text) {
 
 }  // namespace
 
-TEST_F(session_wrapper_script, leads_the_group_of_its_session) {
+TEST_F(session_wrapper_script, leads_the_process_group_of_its_session) {
     const program_result result =
         run("tr '\\0' ' ' </proc/$PPID/cmdline; ps -o pid=,pgid=,sid= -p $PPID | xargs; echo $PPID");
     const std::vector<std::string> lines = lines_of(result.output);
@@ -60,7 +60,7 @@ TEST_F(session_wrapper_script, leads_the_group_of_its_session) {
     EXPECT_EQ(lines[0], "/bin/sh " + std::string(session_wrapper) + " " + pid + " " + pid + " " + pid);
 }
 
-TEST_F(session_wrapper_script, has_an_environment_of_its_own_and_leaves_the_sessions_alone) {
+TEST_F(session_wrapper_script, has_its_own_environment_and_leaves_the_sessions_alone) {
     EXPECT_EQ(run("cat /proc/$PPID/environ && echo read").output, "read\n");
     const program_result result = run("unset COMMAND; exec env");
     EXPECT_THAT(lines_of(result.output),
@@ -74,14 +74,14 @@ TEST_F(session_wrapper_script, passes_the_exit_status_on) {
     }
 }
 
-TEST_F(session_wrapper_script, ends_by_the_signal_that_ended_the_session) {
+TEST_F(session_wrapper_script, ends_with_the_signal_that_ended_the_session) {
     for (const int number : {1, 2, 3, 6, 9, 10, 11, 13, 15}) {
         const program_result result = run("kill -" + std::to_string(number) + " $$; sleep 5");
         EXPECT_EQ(result.failure, "was killed by signal " + std::to_string(number));
     }
 }
 
-TEST_F(session_wrapper_script, outlives_the_signals_that_its_session_ignores) {
+TEST_F(session_wrapper_script, survives_the_signals_that_its_session_ignores) {
     const program_result result =
         run("trap '' HUP INT QUIT TERM USR1; for s in HUP INT QUIT TERM USR1; do kill -$s 0; done; "
             "sleep 0.2; ps -o stat= -p $PPID | cut -c1; exit 6");
@@ -89,21 +89,21 @@ TEST_F(session_wrapper_script, outlives_the_signals_that_its_session_ignores) {
     EXPECT_EQ(result.status, 6);
 }
 
-TEST_F(session_wrapper_script, waits_for_a_session_that_takes_its_time_to_end) {
+TEST_F(session_wrapper_script, waits_for_a_session_that_ends_slowly) {
     const program_result result = run("trap 'sleep 0.3; echo tidied; exit 8' TERM; kill -TERM 0; sleep 5");
     EXPECT_EQ(result.output, "tidied\n");
     EXPECT_EQ(result.status, 8);
 }
 
-TEST_F(session_wrapper_script, gives_way_when_it_is_not_there) {
+TEST_F(session_wrapper_script, is_skipped_when_it_is_not_installed) {
     std::filesystem::remove(session_wrapper);
     const program_result result = run("tr '\\0' ' ' </proc/$$/cmdline; exit 3");
     EXPECT_EQ(result.output.substr(0, 6), "sh -c ");
     EXPECT_EQ(result.status, 3);
 }
 
-TEST_F(session_wrapper_script, says_so_when_the_starter_has_nothing_to_start) {
-    // Whoever runs the tests may have left its descriptor open.
+TEST_F(session_wrapper_script, reports_that_the_starter_has_nothing_to_start) {
+    // The caller of the tests may have left its descriptor open.
     const std::string command = text_format("exec %s %d<&-", session_starter, session_descriptor);
     const program_result result = run_programs({{"/bin/sh", "-c", command}}, std::chrono::seconds(20))[0];
     EXPECT_EQ(result.status, 1);

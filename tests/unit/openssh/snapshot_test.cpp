@@ -24,7 +24,7 @@ session_facts with_limits(uint64_t bytes, uint32_t seconds) {
 
 }  // namespace
 
-TEST(session_snapshot, of_an_unknown_session_is_empty_but_for_its_version) {
+TEST(session_snapshot, of_an_unknown_session_contains_only_the_version) {
     session_snapshot expected;
     std::memset(&expected, 0, sizeof(expected));
     expected.protocol_version = 2;
@@ -55,7 +55,7 @@ TEST(session_snapshot, counts_the_time_down) {
     EXPECT_EQ(text_of_field(make_snapshot(with_limits(5, 0), 161, {}).time_to_rekey), "");
 }
 
-TEST(session_snapshot, counts_the_volume_of_the_busier_direction_down) {
+TEST(session_snapshot, counts_down_the_volume_of_the_busier_direction) {
     const session_facts facts = with_limits(10000, 0);
     EXPECT_EQ(make_snapshot(facts, 0, {.sent = 1500, .received = 2100, .known = 1}).data_to_rekey, 9500U);
     EXPECT_EQ(make_snapshot(facts, 0, {.sent = 1100, .received = 2900, .known = 1}).data_to_rekey, 9100U);
@@ -63,14 +63,14 @@ TEST(session_snapshot, counts_the_volume_of_the_busier_direction_down) {
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 10000U);
 }
 
-TEST(session_snapshot, leaves_a_volume_that_nobody_counted_empty) {
+TEST(session_snapshot, omits_the_volume_if_it_is_not_counted) {
     session_facts facts = with_limits(10000, 60);
     EXPECT_EQ(make_snapshot(facts, 0, {}).data_to_rekey, 0U);
     facts.at_keying = {};
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 0U);
 }
 
-TEST(session_snapshot, takes_the_ciphers_limit_where_no_volume_is_set) {
+TEST(session_snapshot, uses_the_ciphers_limit_if_no_volume_is_set) {
     session_facts facts = with_limits(0, 0);
     facts.blocks_limit = 1000;
     set_field(facts.out_cipher, "aes128-ctr");
@@ -81,7 +81,7 @@ TEST(session_snapshot, takes_the_ciphers_limit_where_no_volume_is_set) {
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, UINT32_MAX);
 }
 
-TEST(session_snapshot, ends_every_text) {
+TEST(session_snapshot, terminates_every_text) {
     session_facts facts;
     std::memset(facts.user, 'x', sizeof(facts.user));
     std::memset(facts.kex, 'x', sizeof(facts.kex));

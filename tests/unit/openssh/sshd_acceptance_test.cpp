@@ -1,4 +1,4 @@
-/// sshd itself as the judge: what it makes of translations is what the server file asked for.
+/// Checks with sshd itself that a translation means what the server file requested.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,7 +19,7 @@ namespace {
 constexpr int configurations = 300;
 constexpr size_t at_once = 10;
 
-/// A generated server file, and what `sshd -T` must print for it.
+/// A generated server file, and the lines that `sshd -T` must print for it.
 struct generated_file {
     std::string text;
     std::map<std::string, std::string> expected;
@@ -32,7 +32,7 @@ struct generator {
 
     unsigned below(unsigned limit) { return random() % limit; }
 
-    /// A list of known and unknown names with every comma that may go astray, and its known names in order.
+    /// A list of known and unknown names with misplaced commas, and its known names in order.
     std::string make_list(algorithm_kind kind, std::string& remainder) {
         std::vector<std::string> names = known.names[static_cast<size_t>(kind)];
         std::shuffle(names.begin(), names.end(), random);
@@ -71,7 +71,7 @@ struct generator {
         const std::string number = std::to_string(1 + below(limit));
         file.text += text_format("%s %s\n", keyword, number.c_str());
         file.expected[lower_case(keyword)] = number;
-        // A later line of the same keyword changes nothing.
+        // A later line with the same keyword has no effect.
         if (below(4) == 0) {
             file.text += text_format("%s 7777\n", keyword);
         }
@@ -160,7 +160,7 @@ void expect_approved_algorithms(const program_result& sshd, const std::string& t
 
 }  // namespace
 
-TEST(launcher_sshd_acceptance, sshd_reads_of_a_translation_what_the_server_file_says) {
+TEST(launcher_sshd_acceptance, sshd_reads_the_settings_of_the_server_file) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;
     generator random{std::mt19937(20), openssh_test::installed_algorithms(), scratch.make_host_key()};
@@ -180,8 +180,8 @@ TEST(launcher_sshd_acceptance, sshd_reads_of_a_translation_what_the_server_file_
     }
 }
 
-// Whatever stands in the lists of a file in FIPS mode, or is missing, no forbidden algorithm gets into the server.
-TEST(launcher_sshd_acceptance, sshd_offers_approved_algorithms_alone_in_fips_mode) {
+// Whatever the lists of a file in FIPS mode contain, and if they are missing, the server offers no forbidden algorithm.
+TEST(launcher_sshd_acceptance, sshd_offers_only_approved_algorithms_in_fips_mode) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;
     generator random{std::mt19937(21), openssh_test::installed_algorithms(), scratch.make_host_key()};
@@ -203,7 +203,7 @@ TEST(launcher_sshd_acceptance, sshd_offers_approved_algorithms_alone_in_fips_mod
     EXPECT_GT(taken, 30);
 }
 
-// Outside FIPS mode the additional algorithms come on top of everything that sshd accepts by itself.
+// Outside FIPS mode sshd accepts the additional algorithms after all those that it accepts by itself.
 TEST(launcher_sshd_acceptance, sshd_accepts_the_additional_key_algorithms_after_its_own) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;

@@ -33,7 +33,7 @@ TEST(launcher_state_files, reads_any_bytes) {
     EXPECT_EQ(text, bytes);
 }
 
-TEST(launcher_state_files, reads_no_directory_pipe_or_giant_and_leaves_the_text_alone) {
+TEST(launcher_state_files, refuses_directories_pipes_and_huge_files_and_leaves_the_text_alone) {
     const scratch_directory scratch;
     std::string text = "before";
     EXPECT_EQ(read_file(scratch.file("none"), text),
@@ -46,7 +46,7 @@ TEST(launcher_state_files, reads_no_directory_pipe_or_giant_and_leaves_the_text_
     EXPECT_EQ(read_file(scratch.write("big", std::string(largest_file, 'x')), text), "");
 }
 
-TEST(launcher_state_files, makes_directories_for_root_alone_and_their_parents_for_all_to_see) {
+TEST(launcher_state_files, creates_directories_for_root_only_below_readable_parents) {
     const scratch_directory scratch;
     const mode_t before = umask(022);
     EXPECT_EQ(ensure_directory(scratch.file("a/b/c"), 0700), "");
@@ -70,7 +70,7 @@ TEST(launcher_state_files, trusts_no_directory_that_others_can_write_to) {
     EXPECT_EQ(ensure_directory(scratch.file("file"), 0700), scratch.file("file") + " is not a directory");
 }
 
-TEST(launcher_state_files, a_new_file_takes_the_place_of_a_link_instead_of_following_it) {
+TEST(launcher_state_files, a_new_file_replaces_a_link_instead_of_following_it) {
     const scratch_directory scratch;
     const std::string target = scratch.write("target", "precious");
     ASSERT_EQ(symlink(target.c_str(), scratch.file("f").c_str()), 0);
@@ -80,7 +80,7 @@ TEST(launcher_state_files, a_new_file_takes_the_place_of_a_link_instead_of_follo
     EXPECT_EQ(mode_of(scratch.file("f")), 0600U);
 }
 
-TEST(launcher_state_files, a_failed_replacement_leaves_the_old_text_and_no_litter) {
+TEST(launcher_state_files, a_failed_replacement_leaves_the_old_text_and_no_other_file) {
     const scratch_directory scratch;
     ASSERT_EQ(mkdir(scratch.file("f").c_str(), 0700), 0);
     scratch.write("f/inside", "");
@@ -92,8 +92,8 @@ TEST(launcher_state_files, a_failed_replacement_leaves_the_old_text_and_no_litte
     EXPECT_EQ(text_of(scratch.file("g")), "two");
 }
 
-// The file can be made but not filled, as on a full file system.
-TEST(launcher_state_files, a_full_disk_leaves_no_half_written_file) {
+// The file can be created but not written, as on a full file system.
+TEST(launcher_state_files, a_full_disk_leaves_no_partial_file) {
     const scratch_directory scratch;
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
@@ -107,7 +107,7 @@ TEST(launcher_state_files, a_full_disk_leaves_no_half_written_file) {
     EXPECT_FALSE(exists(scratch.file("f")));
 }
 
-TEST(launcher_state_files, readable_files_are_files) {
+TEST(launcher_state_files, only_files_can_be_readable_files) {
     const scratch_directory scratch;
     EXPECT_TRUE(is_readable_file(scratch.write("f", "")));
     EXPECT_FALSE(is_readable_file(scratch.path()));
@@ -120,7 +120,7 @@ TEST(launcher_state_files, names_translations_after_the_server_file) {
     EXPECT_EQ(translation_files_of("/run/x", agent, "/tmp/my config").current, "/run/x/+tmp+my%20config");
 }
 
-TEST(launcher_state_files, every_server_file_has_translations_of_its_own) {
+TEST(launcher_state_files, every_server_file_has_its_own_translations) {
     const std::string agent = "/var/opt/norvo/norvossh/";
     std::set<std::string> names = {"/run/x/~algorithms"};
     for (const std::string& file :

@@ -38,7 +38,7 @@ class stored_sessions : public testing::Test {
 
 }  // namespace
 
-TEST_F(stored_sessions, are_the_same_when_they_are_read_again) {
+TEST_F(stored_sessions, round_trip) {
     const session_facts facts = make_facts(351, 9);
     ASSERT_TRUE(store_session(table_, facts, folder_.path()));
     const session_table table = load();
@@ -56,24 +56,24 @@ TEST_F(stored_sessions, of_dead_processes_are_removed) {
     EXPECT_TRUE(table.sessions.empty());
     EXPECT_FALSE(has("351"));
     EXPECT_FALSE(has("352"));
-    EXPECT_EQ(table.last_session_id, 2U) << "numbers are not given out twice";
+    EXPECT_EQ(table.last_session_id, 2U) << "a number is not used twice";
 }
 
-TEST_F(stored_sessions, number_on_when_none_is_left) {
+TEST_F(stored_sessions, numbering_continues_when_none_is_left) {
     store_session(table_, make_facts(351, 41), folder_.path());
     remove_stored_session(351, folder_.path());
     EXPECT_FALSE(has("351"));
     EXPECT_EQ(load().last_session_id, 41U);
 }
 
-TEST_F(stored_sessions, are_for_root_alone) {
+TEST_F(stored_sessions, are_readable_only_by_root) {
     store_session(table_, make_facts(351, 1), folder_.path());
     struct stat status = {};
     ASSERT_EQ(stat(folder_.file("351").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600U);
 }
 
-TEST_F(stored_sessions, that_are_not_whole_or_not_ours_are_removed) {
+TEST_F(stored_sessions, that_are_damaged_or_not_roots_are_removed) {
     store_session(table_, make_facts(351, 1), folder_.path());
     const std::string whole = text_of(folder_.file("351"));
     start_process(1, server_program);
@@ -91,7 +91,7 @@ TEST_F(stored_sessions, that_are_not_whole_or_not_ours_are_removed) {
     }
 }
 
-TEST_F(stored_sessions, stay_as_they_were_when_writing_fails) {
+TEST_F(stored_sessions, stay_unchanged_when_writing_fails) {
     session_facts facts = make_facts(351, 1);
     ASSERT_TRUE(store_session(table_, facts, folder_.path()));
     const std::string before = text_of(folder_.file("351"));
@@ -101,7 +101,7 @@ TEST_F(stored_sessions, stay_as_they_were_when_writing_fails) {
     EXPECT_EQ(text_of(folder_.file("351")), before);
 }
 
-TEST_F(stored_sessions, without_a_folder_are_none) {
+TEST_F(stored_sessions, without_a_folder_there_are_none) {
     session_table table = make_table();
     load_sessions(table, folder_.file("missing"));
     EXPECT_TRUE(table.sessions.empty());

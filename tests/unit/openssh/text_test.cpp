@@ -6,13 +6,13 @@
 using namespace openssh;
 using testing::ElementsAre;
 
-TEST(launcher_text, shows_unprintable_bytes_as_numbers_and_cuts_long_text) {
+TEST(launcher_text, shows_unprintable_bytes_as_numbers_and_truncates_long_text) {
     EXPECT_EQ(shown(std::string_view("a\0b\n\xff~", 6)), "a\\x00b\\x0a\\xff~");
     EXPECT_EQ(shown(std::string(201, 'x')), std::string(200, 'x') + "...");
     EXPECT_EQ(shown(std::string(200, 'x')), std::string(200, 'x'));
 }
 
-TEST(launcher_text, compares_ascii_letters_without_regard_to_case) {
+TEST(launcher_text, compares_ascii_letters_in_any_case) {
     EXPECT_TRUE(equal_ignoring_case("HostKey", "hOSTkEY"));
     EXPECT_FALSE(equal_ignoring_case("HostKey", "HostKeys"));
     EXPECT_FALSE(equal_ignoring_case("@", "`"));

@@ -29,7 +29,7 @@ translation translate_text(std::string_view text) {
         {.text = text, .source_name = "/files/sshd_config_red", .known = &known, .key_is_usable = is_made_key});
 }
 
-// As the server parameters show them before anything is configured, but for the certificate that OpenSSH does not know.
+// The server parameters while nothing is configured, except for the certificate, which OpenSSH does not know.
 constexpr std::string_view default_lists[] = {
     "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
     "chacha20-poly1305@openssh.com",
@@ -40,7 +40,7 @@ constexpr std::string_view default_lists[] = {
     "rsa-sha2-256,ssh-rsa,ssh-dss",
 };
 
-/// The settings alone, without the head that every translation has and the defaults that a test leaves unsaid.
+/// The settings only, without the header of every translation and the defaults that a test does not set.
 std::string settings_of(const translation& result) {
     std::string settings;
     for (const std::string_view line : split(result.text, "\n")) {
@@ -90,12 +90,12 @@ INSTANTIATE_TEST_SUITE_P(files, launcher_golden,
                                          "no_host_key", "every_setting", "edited_by_hand"),
                          [](const auto& info) { return std::string(info.param); });
 
-TEST(launcher_translate, takes_one_host_key_a_line_or_a_list) {
+TEST(launcher_translate, accepts_one_host_key_per_line_or_a_list) {
     EXPECT_EQ(settings_of(translate_text("HostKey  /pkg/a\nHostKey /pkg/b\n")), "HostKey /pkg/a\nHostKey /pkg/b\n");
     EXPECT_EQ(settings_of(translate_text("HostKey  /pkg/a,/pkg/b,,/pkg/a,\n")), "HostKey /pkg/a\nHostKey /pkg/b\n");
 }
 
-TEST(launcher_translate, leaves_out_host_keys_that_are_missing_or_repeated_or_no_paths) {
+TEST(launcher_translate, omits_host_keys_that_are_missing_or_repeated_or_not_paths) {
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa,/pkg/dsa,/pkg/rsa,rsa,/pkg/a b\nHostKey\n"),
                 ElementsAre("<5> line 3: HostKey /pkg/dsa ignored: no readable key file of that name",
                             "<5> line 3: HostKey /pkg/rsa ignored: an earlier line has set it",
@@ -104,7 +104,7 @@ TEST(launcher_translate, leaves_out_host_keys_that_are_missing_or_repeated_or_no
                             "<4> line 4: HostKey ignored: it names no file"));
 }
 
-// Without a HostKey line sshd would take keys from a place of its own.
+// Without a HostKey line sshd would use keys from its own folder.
 TEST(launcher_translate, refuses_a_file_without_a_host_key) {
     for (const char* text : {"", "HostKey /pkg/dsa\n", "Port 22\n"}) {
         const translation result = translate_text(text);
@@ -121,7 +121,7 @@ TEST(launcher_translate, an_absent_list_is_the_routers_default) {
     EXPECT_THAT(result.text, Not(HasSubstr("PubkeyAcceptedAlgorithms")));
 }
 
-TEST(launcher_translate, the_routers_default_is_cut_to_what_openssh_knows) {
+TEST(launcher_translate, the_routers_default_is_reduced_to_what_openssh_knows) {
     known_algorithms known = fixed_algorithms();
     known.names[static_cast<size_t>(algorithm_kind::cipher)] = {"3des-cbc", "aes256-ctr", "aes128-ctr"};
     known.names[static_cast<size_t>(algorithm_kind::mac)] = {"umac-64@openssh.com"};
@@ -133,14 +133,14 @@ TEST(launcher_translate, the_routers_default_is_cut_to_what_openssh_knows) {
                 testing::Contains("<3> line 1: MACs: the list is empty; sshd's own default is in force"));
 }
 
-TEST(launcher_translate, an_emptied_list_is_replaced_loudly) {
+TEST(launcher_translate, a_list_without_known_names_is_replaced_with_a_warning) {
     const translation result = translate_text("HostKey /pkg/rsa\nCiphers rot13,\n");
     EXPECT_FALSE(result.refused);
     EXPECT_THAT(result.text, HasSubstr("\n" + std::string(default_lists[0]) + "\n"));
     EXPECT_EQ(remarks_of(result).back(), "<3> line 2: Ciphers: the list is empty; the router's default is in force");
 }
 
-TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
+TEST(launcher_translate, in_fips_mode_a_list_without_approved_names_is_refused) {
     for (const char* line :
          {"Ciphers chacha20-poly1305@openssh.com,", "KexAlgorithms curve25519-sha256", "MACs hmac-md5",
           "HostKeyAlgorithms ssh-ed25519,ssh-rsa,", "Ciphers", "Ciphers +aes128-ctr", "Ciphers ,"}) {
@@ -150,7 +150,7 @@ TEST(launcher_translate, in_fips_mode_an_emptied_list_is_refused) {
     }
 }
 
-TEST(launcher_translate, in_fips_mode_an_absent_list_is_the_approved_one) {
+TEST(launcher_translate, in_fips_mode_a_missing_list_is_the_approved_one) {
     const translation result = translate_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\n");
     EXPECT_FALSE(result.refused);
     EXPECT_THAT(result.text, HasSubstr("\nCiphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,"
@@ -159,14 +159,14 @@ TEST(launcher_translate, in_fips_mode_an_absent_list_is_the_approved_one) {
     EXPECT_THAT(result.text, Not(HasSubstr("25519")));
 }
 
-TEST(launcher_translate, a_second_list_stands_in_for_an_emptied_first_one) {
+TEST(launcher_translate, a_second_list_replaces_an_unusable_first_one) {
     const translation result =
         translate_text("HostKey /pkg/rsa\nNorvoSSHFipsMode yes\nMACs hmac-md5\nMACs hmac-sha1\n");
     EXPECT_FALSE(result.refused);
     EXPECT_THAT(result.text, HasSubstr("\nMACs hmac-sha1\n"));
 }
 
-TEST(launcher_translate, fips_mode_holds_wherever_its_line_stands) {
+TEST(launcher_translate, fips_mode_applies_wherever_its_line_is) {
     EXPECT_TRUE(asks_for_fips_mode("Match User x\n\tnorvosshfipsmode=yes"));
     EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode"));
     EXPECT_TRUE(asks_for_fips_mode("NorvoSSHFipsMode no\nNorvoSSHFipsMode Yes\n"));
@@ -177,7 +177,7 @@ TEST(launcher_translate, fips_mode_holds_wherever_its_line_stands) {
     EXPECT_FALSE(asks_for_fips_mode(""));
 }
 
-TEST(launcher_translate, tells_whether_a_translation_was_made_in_fips_mode) {
+TEST(launcher_translate, reports_whether_a_translation_was_made_in_fips_mode) {
     EXPECT_TRUE(was_made_in_fips_mode(translate_text("NorvoSSHFipsMode yes\n").text));
     EXPECT_FALSE(was_made_in_fips_mode(translate_text("").text));
     EXPECT_FALSE(was_made_in_fips_mode(""));
@@ -185,7 +185,7 @@ TEST(launcher_translate, tells_whether_a_translation_was_made_in_fips_mode) {
     EXPECT_FALSE(was_made_in_fips_mode("\n\n# FIPS mode: on\n"));
 }
 
-TEST(launcher_translate, additional_key_algorithms_add_to_sshds_own) {
+TEST(launcher_translate, additional_key_algorithms_extend_sshds_own) {
     EXPECT_EQ(settings_of(translate_text("AcceptedAlgorithms x509v3-ssh-rsa,ssh-rsa\n")),
               "PubkeyAcceptedAlgorithms +ssh-rsa\n");
     EXPECT_EQ(settings_of(translate_text("AcceptedAlgorithms x509v3-ssh-rsa\n")), "");
@@ -201,7 +201,7 @@ TEST(launcher_translate, in_fips_mode_sha1_keys_are_not_added) {
     EXPECT_THAT(result.text, Not(HasSubstr("ssh-rsa")));
 }
 
-TEST(launcher_translate, the_first_of_several_lines_stands) {
+TEST(launcher_translate, the_first_of_several_lines_counts) {
     EXPECT_EQ(settings_of(translate_text("maxauthtries 3\nMaxAuthTries 4\nMaxAuthTries bad\n")), "MaxAuthTries 3\n");
     EXPECT_EQ(settings_of(translate_text("MaxAuthTries bad\nMaxAuthTries 4\n")), "MaxAuthTries 4\n");
     EXPECT_EQ(settings_of(translate_text("Port 22\nPort 830\nPort 22\n")), "Port 22\nPort 830\n");
@@ -209,7 +209,7 @@ TEST(launcher_translate, the_first_of_several_lines_stands) {
               "Subsystem a /b\nSubsystem d /b\n");
 }
 
-TEST(launcher_translate, limits_are_for_the_launcher_and_not_for_sshd) {
+TEST(launcher_translate, limits_are_for_the_launcher_not_for_sshd) {
     const translation result = translate_text(
         "HostKey /pkg/rsa\nUsePAM yes\nAllowTcpForwarding no\nRateLimitQd 5\nSessionLimitQd\t2\nPort 22\nPort 0\n"
         "Port 830\nPort 22\n");
@@ -237,7 +237,7 @@ TEST(launcher_translate, a_limit_without_a_usable_line_is_the_routers_default) {
                 testing::Contains("<5> line 4: SessionLimitQd 4 ignored: an earlier line has set it"));
 }
 
-TEST(launcher_translate, a_default_that_would_open_the_router_is_not_left_to_sshd) {
+TEST(launcher_translate, an_insecure_default_is_not_left_to_sshd) {
     const translation result = translate_text("HostKey /pkg/rsa\nAllowTcpForwarding 2\nUsePAM perhaps\n");
     EXPECT_THAT(result.text, HasSubstr("\nAllowTcpForwarding no\n"));
     EXPECT_THAT(result.text, HasSubstr("\nUsePAM yes\n"));
@@ -248,7 +248,7 @@ TEST(launcher_translate, a_default_that_would_open_the_router_is_not_left_to_ssh
                             "<5> no usable AllowTcpForwarding line: \"no\" is in force"));
 }
 
-TEST(launcher_translate, names_the_program_that_knows_the_users_keys) {
+TEST(launcher_translate, names_the_program_that_prints_the_users_keys) {
     const known_algorithms known = fixed_algorithms();
     translation_input input{.text = "",
                             .source_name = "/f",
@@ -261,8 +261,8 @@ TEST(launcher_translate, names_the_program_that_knows_the_users_keys) {
     EXPECT_THAT(translate(input).text, Not(HasSubstr("/usr/libexec/keys")));
 }
 
-// A line of a block must not become a setting for everybody.
-TEST(launcher_translate, leaves_out_a_conditional_block_and_what_is_behind_it) {
+// A line inside a block must not become a setting for everyone.
+TEST(launcher_translate, omits_a_conditional_block_and_everything_after_it) {
     const translation result = translate_text("Port 22\nMatch User x\n  PermitEmptyPasswords yes\nBanner /b\n");
     EXPECT_EQ(settings_of(result), "Port 22\n");
     EXPECT_THAT(remarks_of(result)[0], HasSubstr("line 2: Match ignored"));
@@ -274,14 +274,14 @@ TEST(launcher_translate, reads_lines_as_sshd_does) {
     EXPECT_EQ(settings_of(translate_text("VersionAddendum \"a # b\"\n")), "VersionAddendum \"a # b\"\n");
 }
 
-TEST(launcher_translate, leaves_out_lines_with_control_characters) {
+TEST(launcher_translate, omits_lines_with_control_characters) {
     using std::string_literals::operator""s;
     EXPECT_EQ(settings_of(translate_text("Banner /a\0b\nBanner /a\x1b[2J\nBanner\r/x\nP\0rt 22\n"s)), "");
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nBanner /a\0b\n"s),
                 ElementsAre("<4> line 4: Banner ignored: the line contains a control character"));
 }
 
-TEST(launcher_translate, leaves_out_lines_that_are_too_long) {
+TEST(launcher_translate, omits_lines_that_are_too_long) {
     const std::string giant = "Banner /" + std::string(1 << 20, 'x');
     EXPECT_EQ(settings_of(translate_text(giant + "\nPort 22")), "Port 22\n");
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\n" + giant),
@@ -290,7 +290,7 @@ TEST(launcher_translate, leaves_out_lines_that_are_too_long) {
     EXPECT_LT(remarks_of(word)[0].size(), 400U);
 }
 
-TEST(launcher_translate, bounds_its_remarks) {
+TEST(launcher_translate, limits_its_remarks) {
     std::string text = quiet_lines;
     for (int i = 0; i < 100000; ++i) {
         text += "x\n";
@@ -306,8 +306,8 @@ TEST(launcher_translate, bounds_its_remarks) {
     EXPECT_THAT(remarks_of("HostKey /pkg/rsa\nMACs hmac-sha1" + names)[0], HasSubstr("x and 936 more"));
 }
 
-// sshd takes the first of several lines, and the reporter inside it knows its own places only.
-TEST(launcher_translate, puts_the_places_that_tell_of_sessions_before_others) {
+// sshd uses the first of several lines, and the reporter inside sshd recognises only its own places.
+TEST(launcher_translate, puts_the_reporters_places_before_others) {
     const known_algorithms known = fixed_algorithms();
     const translation result = translate({.text = "LogVerbose kex.c:*\nPort 22\n",
                                           .source_name = "x",
@@ -366,8 +366,8 @@ bool is_printable(std::string_view text) {
 
 }  // namespace
 
-// Any bytes give a text of whole lines without control characters, and remarks that a terminal can show.
-TEST(launcher_translate, copes_with_any_bytes) {
+// Any bytes result in complete lines without control characters, and in remarks that are safe for a terminal.
+TEST(launcher_translate, accepts_any_bytes) {
     std::mt19937 random(1);
     for (int round = 0; round < 5000; ++round) {
         const std::string text = random_text(random);

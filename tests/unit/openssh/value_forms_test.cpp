@@ -57,7 +57,7 @@ const std::vector<form_case>& form_cases() {
 
 }  // namespace
 
-TEST(launcher_value_forms, tells_good_values_from_bad_ones) {
+TEST(launcher_value_forms, distinguishes_valid_and_invalid_values) {
     for (const form_case& one : form_cases()) {
         for (const std::string& value : one.good) {
             EXPECT_TRUE(one.form(value)) << one.keyword << " " << value;
@@ -74,8 +74,8 @@ TEST(launcher_value_forms, a_key_file_is_an_absolute_path) {
     EXPECT_FALSE(is_key_path("rsa"));
 }
 
-// One value that only the form takes would cost a server its whole file.
-TEST(launcher_value_forms, sshd_takes_every_value_that_a_form_takes) {
+// A value that only the form accepts would make sshd refuse the whole file.
+TEST(launcher_value_forms, sshd_accepts_every_value_that_a_form_accepts) {
     openssh_test::ensure_sshd_directory();
     const scratch_directory scratch;
     const std::string key = scratch.make_host_key();

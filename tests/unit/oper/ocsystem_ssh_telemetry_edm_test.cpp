@@ -52,19 +52,19 @@ class ocsystem_ssh_telemetry_edm_test : public agent_test {
         return values;
     }
 
-    /// How the process ends that cannot allocate the `call`th value.
-    static std::string words_at_failing_value(uint32_t call) {
+    /// Makes the `call`th allocation of a value fail in a read, and returns the message with which the process aborts.
+    static std::string message_at_failed_allocation(uint32_t call) {
         int channel[2];
         EXPECT_EQ(pipe(channel), 0);
         const pid_t child = fork();
         if (child == 0) {
-            // The words reach the test before the process ends itself.
+            // The handler passes the message to the test before the process ends.
             static int writer;
             writer = channel[1];
             struct sigaction action = {};
             action.sa_handler = [](int) {
-                const std::string words = fake_platform::log_texts().empty() ? "" : fake_platform::log_texts()[0];
-                _exit(::write(writer, words.data(), words.size()) < 0 ? 2 : 1);
+                const std::string message = fake_platform::log_texts().empty() ? "" : fake_platform::log_texts()[0];
+                _exit(::write(writer, message.data(), message.size()) < 0 ? 2 : 1);
             };
             sigaction(SIGABRT, &action, nullptr);
             call_faults::fail_call("malloc", ENOMEM, call_faults::once, call);
@@ -72,19 +72,19 @@ class ocsystem_ssh_telemetry_edm_test : public agent_test {
             _exit(0);
         }
         close(channel[1]);
-        char words[256];
-        const ssize_t size = ::read(channel[0], words, sizeof words);
+        char message[256];
+        const ssize_t size = ::read(channel[0], message, sizeof message);
         close(channel[0]);
         int status = 0;
         waitpid(child, &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), 1) << "aborted";
-        return std::string(words, size > 0 ? static_cast<size_t>(size) : 0);
+        EXPECT_EQ(WEXITSTATUS(status), 1) << "the process must abort";
+        return std::string(message, size > 0 ? static_cast<size_t>(size) : 0);
     }
 };
 
 }  // namespace
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, defaults_stand_where_nothing_is_configured) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, unconfigured_settings_have_their_defaults) {
     const openconfig_values values = filled();
     EXPECT_EQ(values.enable, 0U);
     EXPECT_EQ(values.protocol_version, 0);
@@ -105,7 +105,7 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, a_server_in_the_default_vrf_enables) {
     EXPECT_EQ(filled().enable, 0U);
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, numbers_are_cut_to_16_bits) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, numbers_are_truncated_to_16_bits) {
     server_config.parameters[SERVER_LOGIN_GRACE_TIME].current = "65566";
     server_config.parameters[SERVER_RATE_LIMIT].current = "131077";
     server_config.parameters[SERVER_SESSION_LIMIT].current = "-1";
@@ -115,7 +115,7 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, numbers_are_cut_to_16_bits) {
     EXPECT_EQ(values.session_limit, 65535U);
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, tells_the_engineer_what_it_fills) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, prints_its_values_in_debug) {
     server_config.parameters[SERVER_PROTOCOL].current = "2";
     filled();
     EXPECT_THAT(fake_platform::debug_texts(),
@@ -125,14 +125,14 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, tells_the_engineer_what_it_fills) {
                             MatchesRegex("In bag-fill function for SSH telemetry. Bag size = [0-9]+, rc= .*")));
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, says_nothing_without_its_own_flag) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, prints_nothing_without_its_own_flag) {
     fake_platform::preset_debug_flag(debug_telemetry, false);
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
     filled();
     EXPECT_THAT(fake_platform::debug_texts(), IsEmpty());
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, a_record_that_is_not_encoded_is_logged) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, an_encoding_failure_is_logged) {
     call_faults::fail_call("record_encode", EIO);
     EXPECT_EQ(fake_platform::ask(ssh_telemetry_fill_bag, "").status, platform_status{EIO});
     EXPECT_THAT(fake_platform::debug_texts(),
@@ -141,15 +141,15 @@ TEST_F(ocsystem_ssh_telemetry_edm_test, a_record_that_is_not_encoded_is_logged) 
                 ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), Failed to encode oc ssh telemetry bag"));
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, a_record_that_is_not_taken_ends_the_read) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, a_record_that_is_refused_ends_the_read) {
     fake_platform::fail("datastore_request_set_record", EMSGSIZE);
     EXPECT_EQ(fake_platform::ask(ssh_telemetry_fill_bag, "").status, platform_status{EMSGSIZE});
 }
 
-TEST_F(ocsystem_ssh_telemetry_edm_test, without_memory_for_a_value_the_process_ends_naming_it) {
+TEST_F(ocsystem_ssh_telemetry_edm_test, without_memory_for_a_value_the_process_ends_and_names_it) {
     const char* const values[] = {"enable", "protocol_version", "timeout", "session_limit", "rate_limit"};
     for (uint32_t i = 0; i < std::size(values); i++) {
-        EXPECT_EQ(words_at_failing_value(i + 1),
+        EXPECT_EQ(message_at_failed_allocation(i + 1),
                   std::string("ERR_DETAILS: Assertion failed: ret_bag.ssh_server.state.") + values[i] +
                       " != NULL src/ocsystem_ssh_telemetry_edm");
     }

@@ -16,7 +16,7 @@ namespace {
 
 using testing::IsEmpty;
 
-/// A provider and the last of the records that it brings; null when it brings none.
+/// A provider and the last record that it registers; null if it registers none.
 struct provider_case {
     const char* name;
     platform_status (*start)();
@@ -37,7 +37,7 @@ class providers_test : public agent_test, public testing::WithParamInterface<pro
         fake_platform::clear_reports();
     }
 
-    /// Expects what an attempt to start the provider returns, calls, logs, prints and traces. Source lines are masked.
+    /// Starts the provider, and compares its status, calls, log, debug lines and trace entries with a golden file.
     static void expect_reports(const std::string& failure) {
         static const std::regex source_line(":[0-9]+ ");
         fake_platform::clear_calls();
@@ -67,7 +67,7 @@ INSTANTIATE_TEST_SUITE_P(trees, providers_test, testing::ValuesIn(cases),
 
 class provider_items_test : public session_test {};
 
-/// Lets the pipelines that list processes give the same process ids every time, without a shell.
+/// Makes the pipelines that list processes return the same process ids each time, without a shell.
 class quick_listing {
   public:
     quick_listing(int server, int client) {
@@ -102,7 +102,7 @@ TEST_P(providers_test, needs_the_datastores_library) {
     EXPECT_EQ(fake_platform::providers(), 0U);
 }
 
-TEST_P(providers_test, tells_that_it_is_refused) {
+TEST_P(providers_test, refuses_with_a_message_when_it_cannot_be_registered) {
     fake_platform::fail("datastore_provider_register", EIO);
     expect_reports("provider_refused");
     const auto traced = fake_platform::trace_lines_of("ssh/cfg-agent/error");
@@ -110,7 +110,7 @@ TEST_P(providers_test, tells_that_it_is_refused) {
     EXPECT_EQ(traced[0].code, static_cast<uint32_t>(oper_trace_provider));
 }
 
-TEST_P(providers_test, is_taken_back_when_its_records_are_refused) {
+TEST_P(providers_test, is_unregistered_when_its_records_are_refused) {
     call_faults::fail_call("record_registration_begin", EIO);
     expect_reports("records_refused");
     EXPECT_EQ(fake_platform::providers(), GetParam().last_record == nullptr ? 1U : 0U);
@@ -139,7 +139,7 @@ TEST_F(provider_items_test, history_exists_and_has_no_data) {
     EXPECT_THAT(stub_commands::log_of("ps"), IsEmpty());
 }
 
-TEST_F(provider_items_test, an_item_that_is_not_there_has_nothing_to_encode) {
+TEST_F(provider_items_test, a_missing_item_has_nothing_to_encode) {
     for (const char* path : {"/oper/crypto-ssh/gl/session_xml/", "/oper/crypto-ssh/gl/session_xml/brie",
                              "/oper/crypto-ssh/gl/sshddata/history", "/oper/crypto-ssh/client/brief/1"}) {
         EXPECT_EQ(fake_platform::read(path).status, platform_status{DATASTORE_NOTHING_TO_ENCODE}) << path;
@@ -147,7 +147,7 @@ TEST_F(provider_items_test, an_item_that_is_not_there_has_nothing_to_encode) {
     EXPECT_THAT(stub_commands::log_of("ps"), IsEmpty());
 }
 
-TEST_F(provider_items_test, every_failure_reaches_the_reader_as_nothing_to_encode) {
+TEST_F(provider_items_test, every_failure_is_answered_with_nothing_to_encode) {
     peers.answer(31, usual_snapshot(5));
     peers.answer(41, usual_snapshot(6));
     peers.start();
@@ -199,7 +199,7 @@ TEST_F(provider_items_test, ten_thousand_reads_leave_nothing_behind) {
     const size_t memory = mallinfo2().uordblks;
     // On a busy machine an answer may be too late.
     EXPECT_GE(read_all(10000), 9990);
-    // Under the address sanitizer this is always 0, and what is left behind is reported at the end.
+    // The address sanitizer makes this 0 and reports leaks at the end.
     EXPECT_LE(mallinfo2().uordblks, memory + 4096);
     EXPECT_EQ(directory_names("/proc/self/fd").size(), descriptors);
     EXPECT_EQ(directory_names("/tmp"), files);

@@ -14,7 +14,7 @@
 #include "oper/session_records.h"
 #include "oper/show_sessions.h"
 
-TEST(record_schemas_test, every_compact_schema_follows_from_the_full_one) {
+TEST(record_schemas_test, every_compact_schema_can_be_derived_from_the_full_one) {
     uint32_t count = 0;
     const record_descriptor* descriptors = record_descriptors(&count);
     ASSERT_EQ(count, 15U);
@@ -25,7 +25,7 @@ TEST(record_schemas_test, every_compact_schema_follows_from_the_full_one) {
     }
 }
 
-TEST(record_schemas_test, every_schema_is_as_its_readers_know_it) {
+TEST(record_schemas_test, schemas_are_those_that_readers_know) {
     uint32_t count = 0;
     const record_descriptor* descriptors = record_descriptors(&count);
     std::string text;
@@ -60,7 +60,7 @@ std::string field_text(const record_schema& schema, const record_field& field) {
     return text + (field.node_id ? ", node id\n" : "\n");
 }
 
-/// A record's structures, each with the offset and type of every field.
+/// The structures of a record, with the offset and type of every field.
 std::string layout_text(const record_schema& schema) {
     std::string text;
     for (const record_definition& definition : schema.definitions) {
@@ -75,7 +75,7 @@ std::string layout_text(const record_schema& schema) {
 
 }  // namespace
 
-TEST(record_schemas_test, every_field_has_its_type_and_place) {
+TEST(record_schemas_test, every_field_has_its_type_and_offset) {
     uint32_t count = 0;
     const record_descriptor* descriptors = record_descriptors(&count);
     std::string text;
@@ -87,7 +87,7 @@ TEST(record_schemas_test, every_field_has_its_type_and_place) {
     expect_golden("oper/golden/record_layouts", text);
 }
 
-TEST(record_schemas_test, a_record_that_is_encoded_by_itself_has_its_accessor) {
+TEST(record_schemas_test, a_record_that_is_encoded_separately_has_its_accessor) {
     const std::pair<const record_descriptor* (*)(), const char*> accessors[] = {
         {ssh_session_brief_descriptor, "ssh_session_brief"},
         {ssh_session_detail_descriptor, "ssh_session_detail"},
@@ -105,7 +105,7 @@ TEST(record_schemas_test, a_record_that_is_encoded_by_itself_has_its_accessor) {
 
 namespace {
 
-/// A set, and how many records it has.
+/// A record set and its number of records.
 struct record_set {
     const char* library;
     platform_status (*start)();
@@ -130,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(sets, record_set_test, testing::ValuesIn(sets));
 
 }  // namespace
 
-TEST_P(record_set_test, is_registered_whole_and_in_order) {
+TEST_P(record_set_test, is_registered_completely_and_in_order) {
     call_faults::start_recording();
     EXPECT_EQ(GetParam().start(), PLATFORM_OK);
     std::vector<std::string> expected = {"record_registration_begin()"};
@@ -154,7 +154,7 @@ TEST_P(record_set_test, a_transaction_that_cannot_be_begun_is_returned_at_once) 
     EXPECT_EQ(call_faults::count_calls("record_register"), 0U);
 }
 
-TEST_P(record_set_test, the_first_record_that_is_refused_takes_the_set_back) {
+TEST_P(record_set_test, the_first_refused_record_aborts_the_set) {
     for (uint32_t call = 1; call <= GetParam().count; call++) {
         call_faults::clear();
         call_faults::fail_call("record_register", EIO, call_faults::once, call);
@@ -176,7 +176,7 @@ size_t native_size(std::string_view record) {
     return found == descriptors + count ? 0 : parse_record_schema(found->full_schema)->record().size;
 }
 
-TEST(record_schemas_test, structures_are_laid_out_as_their_schemas) {
+TEST(record_schemas_test, structures_have_the_layout_of_their_schemas) {
     EXPECT_EQ(native_size("ssh_mcinfo"), sizeof(ssh_mcinfo));
     EXPECT_EQ(native_size("session_brief_info"), sizeof(session_brief_info));
     EXPECT_EQ(native_size("session_detail_info"), sizeof(session_detail_info));

@@ -28,7 +28,7 @@ class server_params_test : public agent_test {
 
 }  // namespace
 
-TEST_F(server_params_test, defaults_stand_where_nothing_is_configured) {
+TEST_F(server_params_test, unconfigured_settings_have_their_defaults) {
     const ssh_server_params params = filled();
     EXPECT_STREQ(params.Version, "v2");
     EXPECT_EQ(params.Port, 22U);
@@ -62,19 +62,19 @@ TEST_F(server_params_test, vrfs_come_last_node_first) {
     EXPECT_STREQ(params.Netconfvrf, "vrfname:=a(v4-acl:=, v6-acl:=six)  ");
 }
 
-TEST_F(server_params_test, the_joined_text_is_cut_at_its_bound) {
+TEST_F(server_params_test, the_joined_text_is_truncated) {
     for (int i = 0; i < 100; i++) {
         create_vrf_node(("vrf" + std::to_string(i)).c_str());
     }
     EXPECT_EQ(std::string(filled().Vrf).size(), 1999U);
 }
 
-TEST_F(server_params_test, a_dscp_text_is_read_as_hexadecimal) {
+TEST_F(server_params_test, a_dscp_text_is_parsed_as_hexadecimal) {
     server_config.parameters[SERVER_IP_QOS].current = "10";
     EXPECT_EQ(filled().Dscp, 16U);
 }
 
-TEST_F(server_params_test, other_values_have_their_words) {
+TEST_F(server_params_test, other_values_are_shown_as_text) {
     server_config.parameters[SERVER_ALLOW_TCP_FORWARDING].current = "local";
     server_config.parameters[SERVER_CERTIFICATE_USERNAME].current = "2";
     EXPECT_STREQ(filled().Portforwarding, "local");
@@ -85,13 +85,13 @@ TEST_F(server_params_test, other_values_have_their_words) {
     EXPECT_STREQ(filled().CertificateUsername, "Common name(CN) User principle name(UPN)");
 }
 
-TEST_F(server_params_test, a_list_that_is_too_long_is_cut) {
+TEST_F(server_params_test, a_list_that_is_too_long_is_truncated) {
     const std::string list(300, 'k');
     server_config.algorithms[SERVER_KEX_ALGORITHMS].current = list.c_str();
     EXPECT_EQ(std::string(filled().Kexalgo), std::string(229, 'k'));
 }
 
-TEST_F(server_params_test, every_text_is_cut_within_its_field) {
+TEST_F(server_params_test, every_text_is_truncated_to_its_field) {
     const std::string list(3000, 'k');
     for (auto& parameter : server_config.parameters) {
         parameter.current = list.c_str();
@@ -115,7 +115,7 @@ TEST_F(server_params_test, a_rekey_limit_has_a_volume_and_a_time) {
     EXPECT_EQ(filled().Rekeytime, 0U);
 }
 
-TEST_F(server_params_test, what_is_configured_takes_the_defaults_place) {
+TEST_F(server_params_test, configured_values_replace_the_defaults) {
     server_config.parameters[SERVER_RATE_LIMIT].current = "600";
     server_config.parameters[SERVER_SESSION_LIMIT].current = "16";
     server_config.parameters[SERVER_WINDOW_SCALE].current = "7";
@@ -133,7 +133,7 @@ TEST_F(server_params_test, what_is_configured_takes_the_defaults_place) {
     EXPECT_STREQ(params.Cipheralgo, "aes256-ctr");
 }
 
-TEST_F(server_params_test, a_netconf_entry_that_is_empty_is_none) {
+TEST_F(server_params_test, an_empty_netconf_entry_does_not_count) {
     vrf_node* node = create_vrf_node("a");
     node->lines[VRF_NETCONF_SUBSYSTEM].current = "";
     EXPECT_STREQ(filled().Netconfvrf, "");
@@ -141,7 +141,7 @@ TEST_F(server_params_test, a_netconf_entry_that_is_empty_is_none) {
     EXPECT_STREQ(filled().Netconfvrf, "");
 }
 
-TEST_F(server_params_test, the_longest_names_fit_their_place) {
+TEST_F(server_params_test, the_longest_names_fit) {
     vrf_node* node = create_vrf_node(std::string(32, 'v').c_str());
     node->lines[VRF_NETCONF_SUBSYSTEM].current = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
     const std::string name(64, 'n');
@@ -153,7 +153,7 @@ TEST_F(server_params_test, the_longest_names_fit_their_place) {
     EXPECT_EQ(filled().Netconfvrf, expected);
 }
 
-TEST_F(server_params_test, each_setting_is_told_to_the_engineer) {
+TEST_F(server_params_test, each_setting_is_printed_in_debug) {
     vrf_node* node = create_vrf_node("a");
     copy_text(node->ssh_v4_acl, acl_name_size, "four");
     node->lines[VRF_NETCONF_SUBSYSTEM].current = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
@@ -173,7 +173,7 @@ TEST_F(server_params_test, each_setting_is_told_to_the_engineer) {
                                       "ssh vrf-name:=a, v4-acl:=four, v6-acl:=", "netconf protocol config present"));
 }
 
-TEST_F(server_params_test, a_read_gives_one_record) {
+TEST_F(server_params_test, a_read_returns_one_record) {
     EXPECT_EQ(sshd_params_edm_init(), PLATFORM_OK);
     create_vrf_node("a");
     const fake_platform::answer answer = fake_platform::read("/oper/crypto-ssh/gl/server-params");
@@ -187,7 +187,7 @@ TEST_F(server_params_test, a_read_gives_one_record) {
     EXPECT_STREQ(params.CertificateUsername, filled().CertificateUsername);
 }
 
-TEST_F(server_params_test, a_record_that_is_not_encoded_is_logged) {
+TEST_F(server_params_test, an_encoding_failure_is_logged) {
     EXPECT_EQ(sshd_params_edm_init(), PLATFORM_OK);
     call_faults::fail_call("record_encode", EIO);
     EXPECT_EQ(fake_platform::read("/oper/crypto-ssh/gl/server-params").status,

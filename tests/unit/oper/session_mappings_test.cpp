@@ -1,4 +1,4 @@
-// The names and their numbers stand in appliers/golden/algorithm_tables.
+// The names and their numbers are in appliers/golden/algorithm_tables.
 #include "oper/session_mappings.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ INSTANTIATE_TEST_SUITE_P(mappings, session_mappings_test, testing::ValuesIn(case
 
 }  // namespace
 
-TEST_P(session_mappings_test, a_name_that_is_not_known_exactly_is_minus_one) {
+TEST_P(session_mappings_test, a_name_that_does_not_match_exactly_is_minus_one) {
     const char* first_name = ctl_value_name(GetParam().enumeration, 0);
     ASSERT_NE(first_name, nullptr);
     for (int32_t number = 0; ctl_value_name(GetParam().enumeration, number) != nullptr; number++) {
@@ -39,7 +39,7 @@ TEST_P(session_mappings_test, a_name_that_is_not_known_exactly_is_minus_one) {
     EXPECT_EQ(GetParam().number_of("none"), -1);
 }
 
-TEST(session_mappings, an_algorithm_outside_the_records_is_minus_one) {
+TEST(session_mappings, an_algorithm_that_records_cannot_express_is_minus_one) {
     EXPECT_EQ(kex_name_of("diffie-hellman-group18-sha512"), -1);
     EXPECT_EQ(mac_type_of("hmac-sha1-etm@openssh.com"), -1);
     EXPECT_EQ(hostkey_type_of("rsa-sha2-512-cert-v01@openssh.com"), -1);

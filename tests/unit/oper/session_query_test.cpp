@@ -15,7 +15,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
-/// What a read collected.
+/// The result of a read.
 struct collected {
     uint32_t count = 9;
     session_snapshot* snapshots = reinterpret_cast<session_snapshot*>(1);
@@ -35,7 +35,7 @@ struct collected {
     }
 };
 
-/// The two kinds of peers and what differs between them.
+/// Both kinds of peers and their differences.
 struct peer_kind {
     const char* name;
     int (*query)(session_snapshot* snapshot, int pid);
@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(kinds, session_query_both_test, testing::ValuesIn(kinds
 
 }  // namespace
 
-TEST_P(session_query_both_test, a_whole_snapshot_is_taken) {
+TEST_P(session_query_both_test, a_complete_snapshot_is_accepted) {
     peers.answer(7, usual_snapshot(42));
     peers.start();
     EXPECT_EQ(GetParam().query(&snapshot, 7), 0);
@@ -88,7 +88,7 @@ TEST_P(session_query_both_test, a_whole_snapshot_is_taken) {
                 ElementsAre("/run/norvossh_oper7", GetParam().connected, GetParam().received));
 }
 
-TEST_P(session_query_both_test, the_request_is_zero_one_and_a_word_that_nobody_reads) {
+TEST_P(session_query_both_test, the_request_is_zero_one_and_an_ignored_number) {
     peers.answer(7, [](uint32_t, std::string_view request) {
         const bool known = request.size() == 12 && request.starts_with(std::string("\0\0\0\0\1\0\0\0", 8));
         return bytes_of(usual_snapshot(known ? 12 : 0));
@@ -98,7 +98,7 @@ TEST_P(session_query_both_test, the_request_is_zero_one_and_a_word_that_nobody_r
     EXPECT_EQ(snapshot.session_id, 12U);
 }
 
-TEST_P(session_query_both_test, a_silent_peer_leaves_an_empty_mark_after_100_ms) {
+TEST_P(session_query_both_test, a_silent_peer_leaves_an_empty_snapshot_after_100_ms) {
     peers.keep_silent(9);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(GetParam().query(&snapshot, 9), 0);
@@ -108,7 +108,7 @@ TEST_P(session_query_both_test, a_silent_peer_leaves_an_empty_mark_after_100_ms)
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_P(session_query_both_test, a_stopped_peer_is_a_silent_one) {
+TEST_P(session_query_both_test, a_stopped_peer_is_silent) {
     peers.answer(9, usual_snapshot(1));
     peers.start();
     peers.stop();
@@ -116,7 +116,7 @@ TEST_P(session_query_both_test, a_stopped_peer_is_a_silent_one) {
     EXPECT_EQ(snapshot.session_id, no_session);
 }
 
-TEST_P(session_query_both_test, a_peer_whose_queue_is_full_is_a_failure) {
+TEST_P(session_query_both_test, a_peer_with_a_full_queue_is_a_failure) {
     peers.keep_silent(9);
     for (int i = 0; i < 17; i++) {
         EXPECT_EQ(GetParam().query(&snapshot, 9), 0) << i;
@@ -126,21 +126,21 @@ TEST_P(session_query_both_test, a_peer_whose_queue_is_full_is_a_failure) {
         fake_platform::debugged("Error:=Resource temporarily unavailable(0xb), client socket connection failed"));
 }
 
-TEST_P(session_query_both_test, a_peer_that_is_not_there_is_a_failure) {
+TEST_P(session_query_both_test, a_missing_peer_is_a_failure) {
     EXPECT_EQ(GetParam().query(&snapshot, 4711), -1);
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("/run/norvossh_oper4711",
                             "Error:=No such file or directory(0x2), client socket connection failed"));
 }
 
-TEST_P(session_query_both_test, a_socket_that_cannot_be_made_is_a_failure) {
+TEST_P(session_query_both_test, a_socket_that_cannot_be_created_is_a_failure) {
     call_faults::fail_call("socket", EMFILE);
     EXPECT_EQ(GetParam().query(&snapshot, 7), -1);
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("Error:=Too many open files(0x18), client socket creation failed"));
 }
 
-TEST_P(session_query_both_test, the_receive_time_out_is_set_first_and_its_failure_ends_the_query) {
+TEST_P(session_query_both_test, the_receive_timeout_is_set_first_and_its_failure_ends_the_query) {
     call_faults::fail_call("setsockopt", ENOMEM);
     EXPECT_EQ(GetParam().query(&snapshot, 7), -1);
     EXPECT_EQ(call_faults::count_calls("setsockopt"), 1U);
@@ -153,7 +153,7 @@ TEST_P(session_query_both_test, the_receive_time_out_is_set_first_and_its_failur
     EXPECT_THAT(traced[0].arguments, ElementsAre("12", "20"));
 }
 
-TEST_P(session_query_both_test, a_send_time_out_that_cannot_be_set_ends_the_query) {
+TEST_P(session_query_both_test, a_send_timeout_that_cannot_be_set_ends_the_query) {
     call_faults::fail_call("setsockopt", EINVAL, call_faults::always, 2);
     EXPECT_EQ(GetParam().query(&snapshot, 7), -1);
     EXPECT_EQ(call_faults::count_calls("close"), 1U);
@@ -178,7 +178,7 @@ TEST_P(session_query_both_test, a_peer_that_hangs_up_is_a_failure) {
     EXPECT_EQ(GetParam().query(&snapshot, 7), -1);
 }
 
-TEST_P(session_query_both_test, an_answer_without_a_byte_is_a_failure) {
+TEST_P(session_query_both_test, an_empty_answer_is_a_failure) {
     peers.answer(7, std::string());
     peers.start();
     EXPECT_EQ(GetParam().query(&snapshot, 7), -1);
@@ -201,7 +201,7 @@ TEST_P(session_query_both_test, no_query_leaves_a_descriptor_behind) {
     EXPECT_EQ(directory_names("/proc/self/fd").size(), descriptors);
 }
 
-TEST_F(session_query_test, a_server_answer_of_another_length_is_none) {
+TEST_F(session_query_test, a_server_answer_of_another_length_is_refused) {
     peers.answer(100, std::string(100, 'x'));
     peers.answer(2319, std::string(2319, 'x'));
     peers.answer(2321, std::string(2321, 'x'));
@@ -213,7 +213,7 @@ TEST_F(session_query_test, a_server_answer_of_another_length_is_none) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(session_query_test, a_short_client_answer_is_taken_and_the_rest_stays_zero) {
+TEST_F(session_query_test, a_short_client_answer_is_accepted_and_the_rest_stays_zero) {
     peers.answer(8, std::string(100, 'x'));
     peers.start();
     EXPECT_EQ(connectToSSHClient(&snapshot, 8), 0);
@@ -223,7 +223,7 @@ TEST_F(session_query_test, a_short_client_answer_is_taken_and_the_rest_stays_zer
                                 "open-channels:=0"));
 }
 
-TEST_F(session_query_test, a_long_client_answer_is_cut_and_its_length_told) {
+TEST_F(session_query_test, a_long_client_answer_is_truncated_and_its_length_printed) {
     peers.answer(8, bytes_of(usual_snapshot(6)) + "x");
     peers.start();
     EXPECT_EQ(connectToSSHClient(&snapshot, 8), 0);
@@ -258,7 +258,7 @@ TEST_P(session_query_both_test, sessions_come_in_the_order_of_their_ids) {
     EXPECT_FALSE(path_exists(GetParam().pid_file));
 }
 
-TEST_P(session_query_both_test, one_peer_of_each_kind_of_trouble_leaves_the_others_right) {
+TEST_P(session_query_both_test, peers_that_fail_do_not_affect_the_others) {
     peers.answer(31, usual_snapshot(3));
     peers.keep_silent(32);
     peers.hang_up(33);
@@ -269,14 +269,14 @@ TEST_P(session_query_both_test, one_peer_of_each_kind_of_trouble_leaves_the_othe
     list_processes(GetParam().listing({31, 32, 33, 34, 35, 36, 37}));
     const auto start = std::chrono::steady_clock::now();
     const collected found(GetParam().collect);
-    // Seven processes of at most 200 ms each, the listing, and a busy machine.
+    // Seven processes with up to 200 ms each, the listing, and a busy machine.
     EXPECT_LT(seconds_since(start), 7 * 0.2 + 2);
     EXPECT_THAT(found.ids(), ElementsAre(1U, 3U, no_session, no_session));
     EXPECT_EQ(bytes_of(found.snapshots[0]), bytes_of(usual_snapshot(1)));
     EXPECT_EQ(bytes_of(found.snapshots[1]), bytes_of(usual_snapshot(3)));
 }
 
-TEST_P(session_query_both_test, texts_without_an_end_are_ended_within_their_fields) {
+TEST_P(session_query_both_test, unterminated_texts_are_terminated_within_their_fields) {
     peers.answer(31, std::string(sizeof(session_snapshot), 'x'));
     peers.start();
     list_processes(GetParam().listing({31}));
@@ -294,18 +294,18 @@ TEST_P(session_query_both_test, texts_without_an_end_are_ended_within_their_fiel
         EXPECT_EQ(strnlen(*name, sizeof *name), 99U);
     }
     EXPECT_EQ(strlen(session.time_to_rekey), 27U);
-    EXPECT_EQ(session.session_pid, 0x78787878U) << "a text must not end in its neighbour";
+    EXPECT_EQ(session.session_pid, 0x78787878U) << "a text must end within its field";
     EXPECT_EQ(session.protocol_version, 0x78787878U);
 }
 
-TEST_P(session_query_both_test, no_processes_give_no_snapshots) {
+TEST_P(session_query_both_test, without_processes_there_are_no_snapshots) {
     const collected found(GetParam().collect);
     EXPECT_EQ(found.status, 0);
     EXPECT_EQ(found.count, 0U);
     EXPECT_FALSE(path_exists(GetParam().pid_file));
 }
 
-TEST_P(session_query_both_test, lines_that_are_no_process_ids_are_passed_over) {
+TEST_P(session_query_both_test, lines_that_are_not_process_ids_are_skipped) {
     peers.answer(31, usual_snapshot(1));
     peers.start();
     const std::string line = GetParam().listing({31});
@@ -314,7 +314,7 @@ TEST_P(session_query_both_test, lines_that_are_no_process_ids_are_passed_over) {
     EXPECT_THAT(found.ids(), ElementsAre(1U, 1U));
 }
 
-TEST_P(session_query_both_test, a_listing_that_fails_has_set_its_outputs) {
+TEST_P(session_query_both_test, a_failed_listing_has_set_its_outputs) {
     call_faults::answer_command("ps -ef", 256, ECHILD);
     const collected found(GetParam().collect);
     EXPECT_EQ(found.status, ECHILD);
@@ -323,7 +323,7 @@ TEST_P(session_query_both_test, a_listing_that_fails_has_set_its_outputs) {
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre(GetParam().not_found));
 }
 
-TEST_P(session_query_both_test, a_listing_that_hangs_has_set_its_outputs) {
+TEST_P(session_query_both_test, a_listing_that_times_out_has_set_its_outputs) {
     call_faults::limit_commands(200);
     stub_commands::set_delay("ps -ef", 60000);
     const collected found(GetParam().collect);
@@ -341,7 +341,7 @@ TEST_P(session_query_both_test, a_listing_that_cannot_be_opened_has_set_its_outp
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre("Error:=Permission denied(0xd), pid file open failed"));
 }
 
-TEST_P(session_query_both_test, memory_for_the_snapshots_that_cannot_be_had_is_reported) {
+TEST_P(session_query_both_test, exhausted_memory_for_the_snapshots_is_reported) {
     list_processes(GetParam().listing({31}));
     call_faults::fail_call("calloc", ENOMEM, call_faults::once);
     const collected found(GetParam().collect);
@@ -353,7 +353,7 @@ TEST_P(session_query_both_test, memory_for_the_snapshots_that_cannot_be_had_is_r
     EXPECT_FALSE(path_exists(GetParam().pid_file));
 }
 
-TEST_P(session_query_both_test, a_listing_that_cannot_be_removed_is_traced_and_no_failure) {
+TEST_P(session_query_both_test, a_listing_that_cannot_be_removed_is_traced_but_no_failure) {
     peers.answer(31, usual_snapshot(1));
     peers.start();
     list_processes(GetParam().listing({31}));
@@ -379,14 +379,14 @@ TEST_F(session_query_test, the_processes_are_found_by_their_titles) {
                                       "/tmp/norvossh_client_oper_pid.txt"));
 }
 
-TEST_F(session_query_test, a_process_that_only_looks_like_a_server_is_passed_over) {
+TEST_F(session_query_test, a_process_that_only_looks_like_a_server_is_skipped) {
     peers.answer(31, usual_snapshot(1));
     peers.start();
     list_processes(
         "root 31 1 0 0 ? 0 norvosshd: ann [priv]\n"
-        "eve 32 1 0 0 ? 0 vi sshd:private\n"    // matches, but no socket has its number
-        "root 33 1 0 0 ? 0 norvosshd: bob\n"    // the unprivileged half of a session
-        "eve 34 1 0 0 ? 0 grep sshd: priv\n");  // somebody who looks for servers, too
+        "eve 32 1 0 0 ? 0 vi sshd:private\n"    // matches, but has no socket
+        "root 33 1 0 0 ? 0 norvosshd: bob\n"    // the unprivileged process of a session
+        "eve 34 1 0 0 ? 0 grep sshd: priv\n");  // a search for servers
     const collected found(ssh_oper_collect_server_sessions);
     EXPECT_THAT(found.ids(), ElementsAre(1U));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("/run/norvossh_oper32"));
@@ -394,7 +394,7 @@ TEST_F(session_query_test, a_process_that_only_looks_like_a_server_is_passed_ove
     EXPECT_THAT(fake_platform::debug_texts(), Not(Contains("/run/norvossh_oper34")));
 }
 
-TEST_F(session_query_test, a_longer_programs_name_is_no_client) {
+TEST_F(session_query_test, a_program_with_a_longer_name_is_not_a_client) {
     list_processes("ann 31 1 0 0 ? 0 /pkg/bin/ssh_csm_keys -l\nann 32 1 0 0 ? 0 /pkg/bin/ssh_csm ann@192.0.2.7\n");
     const collected found(ssh_oper_collect_client_sessions);
     EXPECT_THAT(fake_platform::debug_texts(), Contains("/run/norvossh_oper32"));

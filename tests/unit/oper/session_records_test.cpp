@@ -15,16 +15,16 @@ using testing::MatchesRegex;
 
 constexpr char tree[] = "/oper/crypto-ssh/gl/session_xml/";
 
-/// An item of the tree: its words, and how it is encoded.
+/// An item of the tree with its debug lines and log texts.
 struct record_item {
     const char* name;
     const char* incoming_count;
     const char* outgoing_count;
     const char* incoming_location;
     const char* outgoing_location;
-    size_t entry_allocations;  ///< of one entry of the usual snapshot, itself included
+    size_t entry_allocations;  ///< allocations for one entry of the usual snapshot, including the entry
     const char* encode_failed;
-    size_t entry_size;  ///< of an entry, with the link at its end
+    size_t entry_size;  ///< size of an entry, which ends with its link
 };
 
 const record_item items[] = {
@@ -41,7 +41,7 @@ const record_item items[] = {
 
 class session_records_test : public session_test {
   protected:
-    /// Server 31 has `incoming`, client 41 `outgoing`.
+    /// Server 31 answers with `incoming`, client 41 with `outgoing`.
     void serve(const session_snapshot& incoming, const session_snapshot& outgoing) {
         peers.answer(31, incoming);
         peers.answer(41, outgoing);
@@ -49,7 +49,7 @@ class session_records_test : public session_test {
         list_processes(session_peers::listing_of_servers({31}) + session_peers::listing_of_clients({41}));
     }
 
-    /// A silent server and a silent client, alone.
+    /// Only a silent server and a silent client.
     void serve_nothing() {
         peers.keep_silent(31);
         peers.keep_silent(41);
@@ -69,7 +69,7 @@ class session_records_test : public session_test {
 
     static void expect_brief_without_channels(const session_brief_info& entry, uint32_t id) {
         EXPECT_EQ(entry.SessionID, id);
-        EXPECT_EQ(entry.NodeName, 1U) << "the agent's own node, whatever the process says";
+        EXPECT_EQ(entry.NodeName, 1U) << "always the agent's own node";
         EXPECT_EQ(entry.SessionState, 4);
         EXPECT_STREQ(entry.UserID, "ann");
         EXPECT_STREQ(entry.HostAddress, "2001:db8::7");
@@ -111,7 +111,7 @@ TEST_F(session_records_test, brief_shows_both_directions) {
     EXPECT_EQ(incoming.NextSession, nullptr);
     const session_brief_info& outgoing = *(*record)->OutgoingSessions;
     expect_brief_without_channels(outgoing, 6);
-    ASSERT_EQ(outgoing.McInfo.count, 1U) << "of a client one channel is shown";
+    ASSERT_EQ(outgoing.McInfo.count, 1U) << "for a client only one channel is shown";
     expect_channel(outgoing.McInfo.elements[0], 1, 3, 1);
     EXPECT_EQ(outgoing.NextSession, nullptr);
 }
@@ -136,7 +136,7 @@ TEST_F(session_records_test, brief_numbers_the_lines) {
     }
 }
 
-TEST_F(session_records_test, brief_stops_at_as_many_channels_as_are_open) {
+TEST_F(session_records_test, brief_shows_no_more_channels_than_are_open) {
     session_snapshot snapshot = usual_snapshot(5);
     snapshot.open_channels = 1;
     serve(snapshot, snapshot);
@@ -146,7 +146,7 @@ TEST_F(session_records_test, brief_stops_at_as_many_channels_as_are_open) {
     expect_channel((*record)->IncomingSessions->McInfo.elements[0], 1, 3, 1);
 }
 
-TEST_F(session_records_test, brief_has_no_channels_of_a_session_that_says_it_has_none) {
+TEST_F(session_records_test, brief_shows_no_channels_of_a_session_without_channels) {
     session_snapshot snapshot = usual_snapshot(5);
     snapshot.open_channels = 0;
     serve(snapshot, snapshot);
@@ -156,7 +156,7 @@ TEST_F(session_records_test, brief_has_no_channels_of_a_session_that_says_it_has
     EXPECT_EQ((*record)->OutgoingSessions->McInfo.count, 0U);
 }
 
-TEST_F(session_records_test, brief_believes_nobody_four_billion_channels) {
+TEST_F(session_records_test, brief_rejects_four_billion_channels) {
     session_snapshot snapshot = usual_snapshot(5);
     snapshot.open_channels = UINT32_MAX;
     for (auto& state : snapshot.channel_state) {
@@ -171,7 +171,7 @@ TEST_F(session_records_test, brief_believes_nobody_four_billion_channels) {
     EXPECT_EQ((*record)->OutgoingSessions->McInfo.count, 1U);
 }
 
-TEST_F(session_records_test, brief_leaves_empty_what_is_not_known) {
+TEST_F(session_records_test, brief_leaves_unknown_values_empty) {
     session_snapshot snapshot = {};
     snapshot.session_id = 5;
     strcpy(snapshot.authentication_method, "hostbased");
@@ -185,7 +185,7 @@ TEST_F(session_records_test, brief_leaves_empty_what_is_not_known) {
     EXPECT_EQ(entry.AuthenticationType, -1);
 }
 
-TEST_F(session_records_test, brief_keeps_silent_processes_as_entries_of_minus_one) {
+TEST_F(session_records_test, brief_shows_silent_processes_as_entries_of_minus_one) {
     serve_nothing();
     const auto record = brief();
     ASSERT_TRUE(record);
@@ -202,7 +202,7 @@ TEST_F(session_records_test, brief_keeps_silent_processes_as_entries_of_minus_on
     }
 }
 
-TEST_F(session_records_test, brief_tells_each_channel_to_the_engineer) {
+TEST_F(session_records_test, brief_prints_each_channel_in_debug) {
     show_debug_lines();
     serve(usual_snapshot(5), usual_snapshot(6));
     brief();
@@ -213,7 +213,7 @@ TEST_F(session_records_test, brief_tells_each_channel_to_the_engineer) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("incoming authen method = 1").Times(2));
 }
 
-TEST_F(session_records_test, brief_asks_for_the_own_node_once) {
+TEST_F(session_records_test, brief_requests_the_own_node_once) {
     fake_platform::set_node(23, "node23");
     serve(usual_snapshot(5), usual_snapshot(6));
     EXPECT_EQ((*brief())->IncomingSessions->NodeName, 23U);
@@ -221,7 +221,7 @@ TEST_F(session_records_test, brief_asks_for_the_own_node_once) {
     EXPECT_EQ(fake_platform::count_calls("node_identity_id"), 1U);
 }
 
-TEST_F(session_records_test, brief_ends_where_the_own_node_is_not_known) {
+TEST_F(session_records_test, brief_fails_if_the_own_node_is_unknown) {
     serve(usual_snapshot(5), usual_snapshot(6));
     fake_platform::fail("node_identity_id", EIO, 1);
     datastore_read_request* nobody = nullptr;
@@ -229,10 +229,10 @@ TEST_F(session_records_test, brief_ends_where_the_own_node_is_not_known) {
     EXPECT_THAT(fake_platform::log_texts(),
                 ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), Failed to get the Nodeid"));
     EXPECT_THAT(stub_commands::log_of("ps"), IsEmpty());
-    EXPECT_TRUE(brief()) << "the next read asks again";
+    EXPECT_TRUE(brief()) << "the next read tries again";
 }
 
-TEST_F(session_records_test, brief_leaves_out_what_has_no_node_name) {
+TEST_F(session_records_test, brief_omits_sessions_without_a_node_name) {
     serve(usual_snapshot(5), usual_snapshot(6));
     fake_platform::fail("node_identity_name", ENOENT, 1);
     const auto record = brief();
@@ -241,7 +241,7 @@ TEST_F(session_records_test, brief_leaves_out_what_has_no_node_name) {
     EXPECT_EQ((*record)->OutgoingSessions->SessionID, 6U);
 }
 
-TEST_F(session_records_test, brief_reports_channels_that_find_no_memory) {
+TEST_F(session_records_test, brief_reports_exhausted_memory_for_channels) {
     serve(usual_snapshot(5), usual_snapshot(6));
     brief();
     const std::pair<uint32_t, const char*> cases[] = {{3, "SESN BRF (IN) MULTI-CHANNEL"},
@@ -258,7 +258,7 @@ TEST_F(session_records_test, brief_reports_channels_that_find_no_memory) {
     }
 }
 
-TEST_F(session_records_test, detail_gives_the_algorithms_numbers) {
+TEST_F(session_records_test, detail_shows_algorithms_by_number) {
     show_debug_lines();
     serve(usual_snapshot(5), usual_snapshot(6));
     const auto record = detail();
@@ -282,7 +282,7 @@ TEST_F(session_records_test, detail_gives_the_algorithms_numbers) {
                     "incipher:aes128-ctr outcipher:aes256-gcm@openssh.com inmac:hmac-sha2-256 outmac:aes-gcm")));
 }
 
-TEST_F(session_records_test, detail_keeps_silent_processes_as_entries_of_minus_one) {
+TEST_F(session_records_test, detail_shows_silent_processes_as_entries_of_minus_one) {
     serve_nothing();
     const auto record = detail();
     ASSERT_TRUE(record);
@@ -295,7 +295,7 @@ TEST_F(session_records_test, detail_keeps_silent_processes_as_entries_of_minus_o
     }
 }
 
-TEST_F(session_records_test, rekey_gives_minutes_and_mebibytes) {
+TEST_F(session_records_test, rekey_shows_minutes_and_mebibytes) {
     show_debug_lines();
     serve(usual_snapshot(5), usual_snapshot(6));
     const auto record = rekey();
@@ -313,7 +313,7 @@ TEST_F(session_records_test, rekey_gives_minutes_and_mebibytes) {
                                       "next_rekey_time_str:=90 data_to_rekey:1572864")));
 }
 
-TEST_F(session_records_test, rekey_quantities_are_cut_at_ten_characters) {
+TEST_F(session_records_test, rekey_quantities_are_truncated_to_ten_characters) {
     session_snapshot snapshot = usual_snapshot(5);
     strcpy(snapshot.time_to_rekey, "999999999999999999999999999");
     snapshot.data_to_rekey = UINT32_MAX;
@@ -324,7 +324,7 @@ TEST_F(session_records_test, rekey_quantities_are_cut_at_ten_characters) {
     EXPECT_STREQ((*record)->IncomingSessions->VolumeToRekey, "4096.0");
 }
 
-TEST_F(session_records_test, rekey_reads_the_time_as_an_unsigned_number) {
+TEST_F(session_records_test, rekey_parses_the_time_as_an_unsigned_number) {
     session_snapshot snapshot = usual_snapshot(5);
     strcpy(snapshot.time_to_rekey, "-90");
     serve(snapshot, snapshot);
@@ -333,7 +333,7 @@ TEST_F(session_records_test, rekey_reads_the_time_as_an_unsigned_number) {
     EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "3074457345");
 }
 
-TEST_F(session_records_test, rekey_leaves_both_texts_empty_when_no_time_remains) {
+TEST_F(session_records_test, rekey_leaves_both_texts_empty_if_no_time_remains) {
     list_processes(session_peers::listing_of_servers({31, 32, 33, 34}));
     int pid = 31;
     for (const char* time : {"0", "", "none", "-0"}) {
@@ -354,7 +354,7 @@ TEST_F(session_records_test, rekey_leaves_both_texts_empty_when_no_time_remains)
     EXPECT_EQ(entries, 4U);
 }
 
-TEST_F(session_records_test, rekey_keeps_silent_processes) {
+TEST_F(session_records_test, rekey_shows_silent_processes) {
     serve_nothing();
     const auto record = rekey();
     ASSERT_TRUE(record);
@@ -364,7 +364,7 @@ TEST_F(session_records_test, rekey_keeps_silent_processes) {
     EXPECT_NE((*record)->OutgoingConnections, nullptr);
 }
 
-TEST_P(session_records_each_test, counts_both_directions_for_the_engineer) {
+TEST_P(session_records_each_test, prints_the_count_of_both_directions_in_debug) {
     show_debug_lines();
     peers.answer(31, usual_snapshot(5));
     peers.answer(41, usual_snapshot(6));
@@ -376,7 +376,7 @@ TEST_P(session_records_each_test, counts_both_directions_for_the_engineer) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains(MatchesRegex(GetParam().outgoing_count)));
 }
 
-TEST_P(session_records_each_test, says_so_when_there_is_no_session) {
+TEST_P(session_records_each_test, prints_that_there_are_no_sessions) {
     const fake_platform::answer answer = read();
     EXPECT_EQ(answer.status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
     EXPECT_THAT(answer.records, IsEmpty());
@@ -391,7 +391,7 @@ TEST_P(session_records_each_test, a_direction_that_cannot_be_listed_has_no_sessi
     EXPECT_EQ(read().status, PLATFORM_OK);
 }
 
-TEST_P(session_records_each_test, an_entry_that_finds_no_memory_ends_the_read) {
+TEST_P(session_records_each_test, exhausted_memory_for_an_entry_ends_the_read) {
     serve(usual_snapshot(5), usual_snapshot(6));
     read();
     // Each direction allocates its array of snapshots first.
@@ -412,7 +412,7 @@ TEST_P(session_records_each_test, an_entry_that_finds_no_memory_ends_the_read) {
     }
 }
 
-TEST_P(session_records_each_test, every_allocation_may_fail_and_nothing_is_left_behind) {
+TEST_P(session_records_each_test, every_allocation_may_fail_without_a_leak) {
     serve(usual_snapshot(5), usual_snapshot(6));
     EXPECT_EQ(read().status, PLATFORM_OK);
     call_faults::clear();
@@ -427,16 +427,16 @@ TEST_P(session_records_each_test, every_allocation_may_fail_and_nothing_is_left_
         call_faults::fail_call("allocation", ENOMEM, call_faults::once, call);
         if (read().status != PLATFORM_OK) {
             failed++;
-            EXPECT_EQ(fake_platform::log_texts().size(), 1U) << call << ": one failure, one message";
+            EXPECT_EQ(fake_platform::log_texts().size(), 1U) << call << ": a failure is reported once";
         }
     }
-    // The two arrays of snapshots take a direction away, not the read.
+    // Without memory for its array of snapshots a direction is empty, but the read succeeds.
     EXPECT_GE(failed, 2 * GetParam().entry_allocations);
     call_faults::clear();
     EXPECT_EQ(read().status, PLATFORM_OK);
 }
 
-TEST_P(session_records_each_test, a_record_that_is_not_encoded_is_logged) {
+TEST_P(session_records_each_test, an_encoding_failure_is_logged) {
     serve(usual_snapshot(5), usual_snapshot(6));
     call_faults::fail_call("record_encode", EIO);
     EXPECT_EQ(read().status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
@@ -444,7 +444,7 @@ TEST_P(session_records_each_test, a_record_that_is_not_encoded_is_logged) {
                 ElementsAre(std::string("ERR_ERRNO: Error:=Input/output error(0x5), ") + GetParam().encode_failed));
 }
 
-TEST_P(session_records_each_test, an_answer_that_is_not_taken_ends_the_read) {
+TEST_P(session_records_each_test, an_answer_that_is_refused_ends_the_read) {
     serve(usual_snapshot(5), usual_snapshot(6));
     fake_platform::fail("datastore_request_set_record", EMSGSIZE);
     EXPECT_EQ(read().status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
@@ -458,7 +458,7 @@ TEST_P(session_records_each_test, lists_sessions_in_the_order_of_their_ids) {
     list_servers({39, 33, 36});
     const fake_platform::answer answer = read();
     ASSERT_EQ(answer.records.size(), 1U);
-    // All entries begin with their id and end in their link.
+    // All entries begin with their id and end with their link.
     const decoded_record<ssh_session_brief> record(answer.records[0].descriptor, answer.records[0].bytes);
     const size_t link = GetParam().entry_size;
     std::vector<uint32_t> ids;

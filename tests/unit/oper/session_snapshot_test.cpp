@@ -11,7 +11,7 @@ namespace {
 constexpr uint32_t longest_answer = 2400;
 constexpr uint32_t snapshot_bits = sizeof(session_snapshot) * 8;
 
-/// Every handler, and whose sessions it shows.
+/// A handler and the sessions that it shows.
 struct swept_item {
     const char* name;
     const char* path;
@@ -31,7 +31,7 @@ const swept_item items[] = {
     {"client_rekey", "/oper/crypto-ssh/client/rekey", false, true},
 };
 
-/// The list that begins at `first`, whose entries end in their links.
+/// The length of the linked list that begins at `first`.
 template <typename entry_type>
 size_t length_of(const entry_type* first) {
     size_t length = 0;
@@ -65,8 +65,8 @@ class session_snapshot_test : public session_test, public testing::WithParamInte
   protected:
     session_snapshot_test() { fake_platform::set_recording(false); }
 
-    /// One server and one client, which give their next answer to each query, are asked `times` times in one read. Of
-    /// the servers' answers `servers`, of the clients' `clients` are expected to be sessions.
+    /// Reads once with one server and one client, each queried `times` times; `maker` makes the answer to each query.
+    /// `servers` and `clients` are the numbers of answers that are expected to be shown as sessions.
     fake_platform::answer read_answers(uint32_t times, const session_peers::answer_maker& maker, size_t servers,
                                        size_t clients) {
         const auto repeated = [times, &maker](uint32_t query, std::string_view request) {
@@ -79,7 +79,7 @@ class session_snapshot_test : public session_test, public testing::WithParamInte
                        session_peers::listing_of_clients(std::vector<int>(times, 41)));
         const size_t expected = (GetParam().servers ? servers : 0) + (GetParam().clients ? clients : 0);
         fake_platform::answer answer = fake_platform::read(GetParam().path);
-        // On a machine that is busy enough, one of so many answers is too late.
+        // On a busy machine one of so many answers may be too late.
         for (int retry = 0; retry < 3 && sessions_in(answer) != expected; retry++) {
             answer = fake_platform::read(GetParam().path);
         }
@@ -94,15 +94,15 @@ INSTANTIATE_TEST_SUITE_P(handlers, session_snapshot_test, testing::ValuesIn(item
 
 }  // namespace
 
-TEST_P(session_snapshot_test, answers_of_every_length_are_taken_or_left) {
+TEST_P(session_snapshot_test, answers_of_every_length_are_accepted_or_refused) {
     const std::string bytes = bytes_of(usual_snapshot(5)) + std::string(longest_answer - sizeof(session_snapshot), 'x');
-    // Of a server the one of the right length is taken, of a client all but the empty one.
+    // A server's answer must have the exact length; a client's must not be empty.
     read_answers(
         longest_answer + 1, [&bytes](uint32_t query, std::string_view) { return bytes.substr(0, query); }, 1,
         longest_answer);
 }
 
-TEST_P(session_snapshot_test, every_bit_may_be_wrong) {
+TEST_P(session_snapshot_test, every_bit_may_be_flipped) {
     const std::string bytes = bytes_of(usual_snapshot(5));
     read_answers(
         snapshot_bits,
@@ -114,8 +114,8 @@ TEST_P(session_snapshot_test, every_bit_may_be_wrong) {
         snapshot_bits, snapshot_bits);
 }
 
-TEST_P(session_snapshot_test, no_text_runs_into_its_neighbour) {
-    // One byte after the other is a text's end, in a snapshot that has no other.
+TEST_P(session_snapshot_test, no_text_extends_beyond_its_field) {
+    // In each answer one byte is the only terminator.
     constexpr uint32_t places = sizeof(session_snapshot);
     const fake_platform::answer answer = read_answers(
         places,

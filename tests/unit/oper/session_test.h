@@ -1,4 +1,4 @@
-/// A test of session reads: SSH processes on their sockets, listed by a stand-in for ps, and the records registered.
+/// Fixture of session reads: SSH processes on real sockets, a stub of ps that lists them, and registered records.
 #ifndef UNIT_OPER_SESSION_TEST_H
 #define UNIT_OPER_SESSION_TEST_H
 
@@ -16,7 +16,7 @@
 #include "platform/record_codec.h"
 #include "session_peers.h"
 
-/// A record as a reader decodes it.
+/// A decoded record.
 template <typename record_type>
 class decoded_record {
   public:
@@ -40,7 +40,7 @@ class session_test : public agent_test {
     session_test() {
         stub_commands::install_command("ps");
         list_processes("");
-        // As the platform's loop does: a peer that hangs up makes the sending fail, no more.
+        // As in the platform's loop: a peer that hangs up makes sending fail, but does not end the process.
         struct sigaction action = {};
         action.sa_handler = [](int) {};
         action.sa_flags = SA_RESTART;
@@ -58,7 +58,7 @@ class session_test : public agent_test {
     static void list_servers(const std::vector<int>& pids) { list_processes(session_peers::listing_of_servers(pids)); }
     static void list_clients(const std::vector<int>& pids) { list_processes(session_peers::listing_of_clients(pids)); }
 
-    /// The read's record; null when it ended with another status than 0.
+    /// The record of the read; null if the read failed.
     template <typename record_type>
     static std::unique_ptr<decoded_record<record_type>> read_record(const std::string& path,
                                                                     const record_descriptor* descriptor) {

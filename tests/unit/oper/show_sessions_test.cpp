@@ -21,8 +21,8 @@ struct command_line_item {
     const char* path;
     bool client;
     const record_descriptor* (*descriptor)();
-    const char* debug_line;     ///< of the usual snapshot with id 5; null for none
-    const char* encode_failed;  ///< what the engineer reads
+    const char* debug_line;     ///< of the usual snapshot with id 5; null if there is none
+    const char* encode_failed;  ///< log text
 };
 
 constexpr char kex_line[] =
@@ -71,10 +71,10 @@ void expect_session(const std::string& bytes) {
     EXPECT_EQ(session->SessionPID, 4005U);
     EXPECT_EQ(session->State, 4U);
     EXPECT_STREQ(session->AuthenMethod, "rsa-pubkey");
-    EXPECT_EQ(session->Cipher, 2U) << "the word of the protocol version";
+    EXPECT_EQ(session->Cipher, 2U) << "the protocol version";
     EXPECT_STREQ(session->UserID, "ann");
     EXPECT_STREQ(session->Host, "2001:db8::7");
-    EXPECT_EQ(session->Nid, 1U) << "the agent's own node, whatever the process says";
+    EXPECT_EQ(session->Nid, 1U) << "always the agent's own node";
     ASSERT_EQ(session->McInfo.count, 2U);
     EXPECT_EQ(session->McInfo.elements[0].ChannelID, 101U);
     EXPECT_EQ(session->McInfo.elements[0].ConnectionType, 201U);
@@ -99,17 +99,17 @@ void expect_kex(const std::string& bytes) {
 void expect_rekey(const std::string& bytes) {
     const decoded_record<sshd_rekey> rekey(sshd_rekey_descriptor(), bytes);
     EXPECT_EQ(rekey->SessionID, 5U);
-    EXPECT_EQ(rekey->Cipher, 2U) << "the word of the protocol version";
+    EXPECT_EQ(rekey->Cipher, 2U) << "the protocol version";
     EXPECT_EQ(rekey->ChannelID, 101U) << "of slot 1";
     EXPECT_EQ(rekey->State, 4U);
     EXPECT_EQ(rekey->SessionRekeyCount, 5U);
-    EXPECT_STREQ(rekey->NextRekeyTimeStr, "90") << "the text as it stands";
+    EXPECT_STREQ(rekey->NextRekeyTimeStr, "90") << "the text unaltered";
     EXPECT_EQ(rekey->DataToRekey, 1572864U);
 }
 
 }  // namespace
 
-TEST_P(show_sessions_test, gives_one_record_for_each_session_in_the_order_of_their_ids) {
+TEST_P(show_sessions_test, returns_one_record_per_session_in_the_order_of_their_ids) {
     peers.answer(31, usual_snapshot(9));
     peers.answer(32, usual_snapshot(5));
     peers.start();
@@ -127,7 +127,7 @@ TEST_P(show_sessions_test, gives_one_record_for_each_session_in_the_order_of_the
                                                              : expect_rekey(first);
 }
 
-TEST_P(show_sessions_test, serves_one_direction_alone) {
+TEST_P(show_sessions_test, covers_one_direction_only) {
     peers.answer(31, usual_snapshot(5));
     peers.start();
     list_processes(GetParam().client ? session_peers::listing_of_servers({31})
@@ -135,7 +135,7 @@ TEST_P(show_sessions_test, serves_one_direction_alone) {
     EXPECT_EQ(read().status, platform_status{DATASTORE_NO_DATA});
 }
 
-TEST_P(show_sessions_test, leaves_silent_processes_out) {
+TEST_P(show_sessions_test, omits_silent_processes) {
     peers.keep_silent(31);
     peers.answer(32, usual_snapshot(5));
     peers.start();
@@ -152,7 +152,7 @@ TEST_P(show_sessions_test, has_no_data_without_a_session) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_P(show_sessions_test, tells_the_engineer_each_session) {
+TEST_P(show_sessions_test, prints_each_session_in_debug) {
     show_debug_lines();
     serve_one();
     read();
@@ -165,14 +165,14 @@ TEST_P(show_sessions_test, tells_the_engineer_each_session) {
     }
 }
 
-TEST_P(show_sessions_test, ends_where_the_own_node_is_not_known) {
+TEST_P(show_sessions_test, fails_if_the_own_node_is_unknown) {
     serve_one();
     fake_platform::fail("node_identity_id", EIO);
     EXPECT_EQ(read().status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Input/output error(0x5), Failed to get the Nodeid"));
 }
 
-TEST_P(show_sessions_test, ends_without_a_list) {
+TEST_P(show_sessions_test, fails_without_a_list) {
     show_debug_lines();
     serve_one();
     fake_platform::fail("datastore_request_create_list", EIO);
@@ -181,7 +181,7 @@ TEST_P(show_sessions_test, ends_without_a_list) {
                 ElementsAre(MatchesRegex(debug_line(":[0-9]+ Failed to create edm datalist: Input/output error"))));
 }
 
-TEST_P(show_sessions_test, ends_where_a_record_is_not_added) {
+TEST_P(show_sessions_test, fails_if_a_record_is_not_added) {
     show_debug_lines();
     peers.answer(31, usual_snapshot(5));
     peers.answer(32, usual_snapshot(6));
@@ -193,7 +193,7 @@ TEST_P(show_sessions_test, ends_where_a_record_is_not_added) {
                 Contains(MatchesRegex(debug_line(":[0-9]+ Failed to add bag into edm datalist: Input/output error"))));
 }
 
-TEST_P(show_sessions_test, ends_where_a_record_is_not_encoded) {
+TEST_P(show_sessions_test, fails_if_a_record_is_not_encoded) {
     show_debug_lines();
     serve_one();
     call_faults::fail_call("record_encode", EIO);
@@ -206,7 +206,7 @@ TEST_P(show_sessions_test, ends_where_a_record_is_not_encoded) {
                             GetParam().routine + ", bag encode failed"));
 }
 
-TEST_P(show_sessions_test, every_allocation_may_fail_and_nothing_is_left_behind) {
+TEST_P(show_sessions_test, every_allocation_may_fail_without_a_leak) {
     serve_one();
     show_debug_lines();
     EXPECT_EQ(read().status, PLATFORM_OK);
@@ -215,7 +215,7 @@ TEST_P(show_sessions_test, every_allocation_may_fail_and_nothing_is_left_behind)
     const uint32_t allocations =
         call_faults::count_calls("calloc") + call_faults::count_calls("strdup") + call_faults::count_calls("malloc");
     ASSERT_GE(allocations, 3U);
-    // The first is the array of snapshots, without which there are no sessions.
+    // The first is the array of snapshots; without it there are no sessions.
     for (uint32_t call = 2; call <= allocations; call++) {
         call_faults::clear();
         fake_platform::clear_reports();

@@ -41,7 +41,7 @@ TEST_F(telemetry_test, needs_the_datastores_library) {
                 ElementsAre(testing::EndsWith("Location:=EDM INIT SSHD DATASTORE, Failed to bind to datastore")));
 }
 
-TEST_F(telemetry_test, tells_that_the_provider_is_refused) {
+TEST_F(telemetry_test, reports_that_the_provider_is_refused) {
     fake_platform::fail("datastore_provider_register", EIO);
     EXPECT_EQ(ocssh_edm_init(), platform_status{EIO});
     EXPECT_THAT(fake_platform::log_texts(),
@@ -51,7 +51,7 @@ TEST_F(telemetry_test, tells_that_the_provider_is_refused) {
                     "ocssh_edm_init:[0-9]+ Failed to register oc ssh telemetry edm, error: Input/output error")));
 }
 
-TEST_F(telemetry_test, tells_that_the_record_is_refused) {
+TEST_F(telemetry_test, reports_that_the_record_is_refused) {
     call_faults::fail_call("record_register", EIO, call_faults::always, 1, "overlay_crypto_ssh_system");
     EXPECT_EQ(ocssh_edm_init(), platform_status{EIO});
     EXPECT_THAT(fake_platform::log_texts(),
@@ -69,13 +69,13 @@ TEST_F(telemetry_test, the_producer_is_opened_for_one_path) {
     EXPECT_THAT(fake_platform::log_texts(), IsEmpty());
 }
 
-TEST_F(telemetry_test, a_producer_that_is_not_opened_is_logged) {
+TEST_F(telemetry_test, a_producer_that_cannot_be_opened_is_logged) {
     fake_platform::fail("telemetry_producer_init", EIO);
     ocssh_telemetry_init();
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre("ERR_ERRNO: Error:=Input/output error(0x5), OCSSH"));
 }
 
-TEST_F(telemetry_test, an_event_has_the_state_in_force) {
+TEST_F(telemetry_test, an_event_contains_the_state_in_force) {
     EXPECT_EQ(ocssh_edm_init(), PLATFORM_OK);
     ocssh_telemetry_publish();
     ASSERT_EQ(fake_platform::published().size(), 1U);
@@ -84,7 +84,7 @@ TEST_F(telemetry_test, an_event_has_the_state_in_force) {
     EXPECT_EQ(fake_platform::published()[0].answer.records[0].bytes, fake_platform::read(tree).records[0].bytes);
 }
 
-TEST_F(telemetry_test, an_event_that_is_not_published_is_told_to_the_engineer) {
+TEST_F(telemetry_test, an_event_that_is_not_published_is_printed_in_debug) {
     fake_platform::preset_debug_flag(debug_telemetry, true);
     fake_platform::fail("telemetry_producer_publish", EIO);
     ocssh_telemetry_publish();

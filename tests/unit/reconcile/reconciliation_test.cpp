@@ -26,7 +26,7 @@ using testing::UnorderedElementsAre;
 
 constexpr char show_units[] = "systemctl show";
 
-/// An agent with servers in the VRFs red and blue, as after its start.
+/// A started agent with servers in the VRFs red and blue.
 class reconciliation_test : public algorithm_test {
   protected:
     reconciliation_test() {
@@ -58,7 +58,7 @@ class reconciliation_test : public algorithm_test {
         stub_commands::clear_log();
     }
 
-    /// The agent dies without a word and is started again; the servers go on running.
+    /// The agent is killed and started again; the servers keep running.
     static void die_and_start(uint32_t respawn_count = 2) {
         forget_vrf_nodes();
         agent_handles = {};
@@ -79,7 +79,7 @@ class reconciliation_test : public algorithm_test {
         write_file(path, text.replace(at, from.size(), to));
     }
 
-    /// What a comparison finds; a repair then leaves nothing, and restarts these servers.
+    /// The comparison finds `differences`; a repair then removes all of them and restarts the servers in `restarted`.
     static void expect_repaired(const std::vector<difference>& differences, const std::vector<std::string>& restarted) {
         auto dry = fake_platform::reconcile(false);
         EXPECT_THAT(dry.differences, testing::IsSupersetOf(differences));
@@ -175,7 +175,7 @@ TEST_F(reconciliation_test, a_server_whose_restart_was_due_is_restarted) {
     EXPECT_FALSE(path_exists(paths::restart_record));
 }
 
-TEST_F(reconciliation_test, fips_mode_switched_off_while_the_agent_was_away_leaves_no_narrow_list) {
+TEST_F(reconciliation_test, fips_mode_switched_off_while_the_agent_was_down_leaves_no_filtered_list) {
     start();
     turn_fips(true);
     EXPECT_THAT(file_lines(file_of("red")), Contains("NorvoSSHFipsMode yes"));
@@ -188,7 +188,7 @@ TEST_F(reconciliation_test, fips_mode_switched_off_while_the_agent_was_away_leav
     EXPECT_THAT(restarts(), UnorderedElementsAre(restart_of("red"), restart_of("blue")));
 }
 
-TEST_F(reconciliation_test, in_fips_mode_a_restart_offers_nothing_that_the_filters_remove) {
+TEST_F(reconciliation_test, in_fips_mode_a_restart_offers_nothing_that_is_forbidden) {
     fake_platform::store(kex_change(server_case, {"curve25519-sha256", "ecdh-sha2-nistp256"}));
     fake_platform::store(cipher_change(server_case, {"chacha20-poly1305@openssh.com", "aes128-ctr"}));
     fake_platform::store(kex_change(client_case, {"curve25519-sha256", "ecdh-sha2-nistp384"}));
@@ -222,7 +222,7 @@ TEST_F(reconciliation_test, a_server_that_nothing_requests_is_stopped) {
     EXPECT_THAT(restarts(), IsEmpty());
 }
 
-TEST_F(reconciliation_test, a_debug_level_of_an_earlier_process_does_not_stay) {
+TEST_F(reconciliation_test, the_debug_level_of_an_earlier_process_does_not_remain) {
     start();
     fake_platform::set_debug_flag(debug_server_l3, true);
     fake_platform::set_debug_flag(debug_client_l2, true);
@@ -243,12 +243,12 @@ TEST_F(reconciliation_test, a_debug_level_that_is_still_on_is_written) {
     EXPECT_THAT(read_file(file_of("red")), Not(HasSubstr("LogLevel")));
 }
 
-/// What each server was started with, copied at every start.
+/// The file that each server was started with, copied at every start.
 std::string running_file(const std::string& vrf) {
     return "/stub_commands/running_sshd_service_" + vrf;
 }
 
-TEST_F(reconciliation_test, killed_before_any_call_of_a_commit_the_next_start_puts_it_in_force) {
+TEST_F(reconciliation_test, after_a_kill_at_any_call_of_a_commit_the_next_start_puts_it_in_force) {
     fake_platform::store(vrf_item("green"));
     scratch_root::add_namespace_file("vrf-green");
     stub_commands::set_hook(
@@ -330,7 +330,7 @@ TEST_F(reconciliation_test, units) {
     EXPECT_TRUE(path_exists(unit_of("red")));
 }
 
-TEST_F(reconciliation_test, servers_that_do_not_run) {
+TEST_F(reconciliation_test, servers_that_are_not_running) {
     start();
     ASSERT_EQ(std::system("systemctl stop sshd_service_red"), 0);
     expect_repaired({{"server red", "is not running"}}, {restart_of("red")});
@@ -364,7 +364,7 @@ TEST_F(reconciliation_test, the_pam_file_and_the_banners) {
 
 // --- Failures -------------------------------------------------------------------------------------------------------
 
-TEST_F(reconciliation_test, a_full_disk_is_part_of_the_answer_and_made_good_later) {
+TEST_F(reconciliation_test, a_full_disk_is_reported_with_the_commit_and_repaired_later) {
     start();
     scratch_root::set_read_only(paths::configuration_directory, true);
     const auto result = fake_platform::commit(timeout(77));
@@ -381,7 +381,7 @@ TEST_F(reconciliation_test, a_full_disk_is_part_of_the_answer_and_made_good_late
     EXPECT_THAT(restarts(), UnorderedElementsAre(restart_of("red"), restart_of("blue")));
 }
 
-TEST_F(reconciliation_test, a_file_of_the_client_that_cannot_be_written_is_part_of_the_answer) {
+TEST_F(reconciliation_test, a_client_file_that_cannot_be_written_is_reported_with_the_commit) {
     start();
     std::filesystem::create_directory(paths::temporary_file);
     const auto result = fake_platform::commit(fake_platform::set_number(client_case.tree + "dscp", 12));
@@ -389,13 +389,13 @@ TEST_F(reconciliation_test, a_file_of_the_client_that_cannot_be_written_is_part_
                 ElementsAre(fake_platform::unenforced{"file " + std::string(paths::client_file), "Is a directory"}));
 }
 
-TEST_F(reconciliation_test, a_start_on_a_full_disk_says_so) {
+TEST_F(reconciliation_test, a_start_on_a_full_disk_is_reported) {
     scratch_root::limit_space(paths::configuration_directory, 4096);
     ASSERT_EQ(start_agent(), START_UP_DONE);
     EXPECT_TRUE(fake_platform::is_not_in_force("file " + std::string(paths::server_file)));
 }
 
-TEST_F(reconciliation_test, a_server_that_cannot_be_restarted_remains) {
+TEST_F(reconciliation_test, a_server_that_cannot_be_restarted_is_still_reported) {
     start();
     ASSERT_EQ(std::system("systemctl stop sshd_service_red"), 0);
     stub_commands::fail("systemctl restart sshd_service_red", 1, 1);

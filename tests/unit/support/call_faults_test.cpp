@@ -29,7 +29,7 @@ class call_faults_test : public testing::Test {
     ~call_faults_test() override { call_faults::clear(); }
 };
 
-/// Writes a file as a program does that lets no failure pass; returns 0 or the error.
+/// Writes a file and checks every call; returns 0 or the error.
 int write_carefully(const char* path, const char* text) {
     FILE* file = fopen(path, "w");
     if (file == nullptr) {
@@ -43,7 +43,7 @@ int write_carefully(const char* path, const char* text) {
     return written ? 0 : error;
 }
 
-TEST_F(call_faults_test, nothing_fails_unasked) {
+TEST_F(call_faults_test, nothing_fails_without_request) {
     EXPECT_EQ(write_carefully("/tmp/file", "text"), 0);
     EXPECT_EQ(read_file("/tmp/file"), "text");
 }
@@ -64,7 +64,7 @@ TEST_F(call_faults_test, a_call_fails_once_or_always_or_later) {
     EXPECT_EQ(mkdir("/tmp/2", 0755), 0);
 }
 
-TEST_F(call_faults_test, a_failure_may_concern_one_file) {
+TEST_F(call_faults_test, a_failure_may_be_limited_to_one_file) {
     call_faults::fail_call("fopen", EMFILE, always, 1, "/tmp/bad");
     EXPECT_EQ(write_carefully("/tmp/good", "text"), 0);
     EXPECT_EQ(write_carefully("/tmp/bad", "text"), EMFILE);
@@ -73,7 +73,7 @@ TEST_F(call_faults_test, a_failure_may_concern_one_file) {
     EXPECT_EQ(write_carefully("/tmp/other", "text"), 0);
 }
 
-// What a stream could not write is lost, so that a program that overlooks the failure is left with a short file.
+// What a stream could not write is lost, so a program that ignores the failure leaves a short file.
 TEST_F(call_faults_test, a_failed_flush_or_close_loses_what_was_buffered) {
     call_faults::fail_call("fflush", ENOSPC, once);
     EXPECT_EQ(write_carefully("/tmp/file", "text"), ENOSPC);
@@ -87,7 +87,7 @@ TEST_F(call_faults_test, a_failed_flush_or_close_loses_what_was_buffered) {
     EXPECT_EQ(read_file("/tmp/file"), "");
 }
 
-TEST_F(call_faults_test, a_failed_stream_remembers_it) {
+TEST_F(call_faults_test, a_failed_stream_keeps_its_error) {
     FILE* file = fopen("/tmp/file", "w+");
     ASSERT_NE(file, nullptr);
     call_faults::fail_call("stdio_write", EIO, once);
@@ -103,7 +103,7 @@ TEST_F(call_faults_test, a_failed_stream_remembers_it) {
     fclose(file);
 }
 
-TEST_F(call_faults_test, a_call_may_be_cut_short) {
+TEST_F(call_faults_test, a_call_may_be_short) {
     call_faults::cut_call("write", 3, once);
     const int fd = open("/tmp/file", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     EXPECT_EQ(write(fd, "abcdef", 6), 3);
@@ -115,7 +115,7 @@ TEST_F(call_faults_test, a_call_may_be_cut_short) {
     EXPECT_EQ(read_file("/tmp/stream"), "te");
 }
 
-TEST_F(call_faults_test, a_failed_close_has_closed) {
+TEST_F(call_faults_test, a_failed_close_closes_nevertheless) {
     call_faults::fail_call("close", EIO, once);
     const int fd = open("/tmp/file", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     EXPECT_EQ(close(fd), -1);
@@ -136,7 +136,7 @@ TEST_F(call_faults_test, memory_runs_out) {
     free(memory);
 }
 
-TEST_F(call_faults_test, commands_fail_and_answer) {
+TEST_F(call_faults_test, commands_can_fail_and_be_answered) {
     call_faults::fail_call("command", EAGAIN, always, 1, "systemctl");
     EXPECT_EQ(run_shell_command("systemctl restart x", systemctl_limit), -1);
     EXPECT_EQ(errno, EAGAIN);
@@ -149,7 +149,7 @@ TEST_F(call_faults_test, commands_fail_and_answer) {
     EXPECT_EQ(errno, EIO);
 }
 
-TEST_F(call_faults_test, commands_get_less_time) {
+TEST_F(call_faults_test, commands_can_have_a_shorter_time_limit) {
     call_faults::limit_commands(50);
     EXPECT_EQ(run_shell_command("sleep 5", nft_limit), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
@@ -165,7 +165,7 @@ TEST_F(call_faults_test, commands_are_observed) {
     EXPECT_THAT(seen, ElementsAre("true"));
 }
 
-TEST_F(call_faults_test, sleeping_takes_no_time_when_asked) {
+TEST_F(call_faults_test, sleeping_takes_no_time_on_request) {
     call_faults::skip_sleeping();
     EXPECT_EQ(sleep(1000), 0u);
     EXPECT_EQ(usleep(900000), 0);
@@ -173,7 +173,7 @@ TEST_F(call_faults_test, sleeping_takes_no_time_when_asked) {
     EXPECT_EQ(call_faults::count_calls("sleeping"), 2u);
 }
 
-TEST_F(call_faults_test, the_kernels_watches_fail) {
+TEST_F(call_faults_test, inotify_calls_fail) {
     call_faults::fail_call("inotify_init1", EMFILE, once);
     EXPECT_EQ(inotify_init1(0), -1);
     const int fd = inotify_init1(IN_CLOEXEC);
@@ -197,11 +197,11 @@ TEST_F(call_faults_test, calls_are_counted_and_recorded) {
 
 using call_faults_death = call_faults_test;
 
-TEST_F(call_faults_death, a_misspelt_call_is_noticed) {
+TEST_F(call_faults_death, a_misspelt_call_is_reported) {
     EXPECT_DEATH(call_faults::fail_call("renmae", EIO), "no call or group \"renmae\"");
 }
 
-TEST_F(call_faults_test, work_is_killed_where_asked) {
+TEST_F(call_faults_test, work_is_killed_at_the_requested_call) {
     const auto work = [] {
         mkdir("/tmp/1", 0755);
         mkdir("/tmp/2", 0755);

@@ -16,7 +16,7 @@ TEST(files, are_written_with_their_directories_and_read_back) {
     EXPECT_NONFATAL_FAILURE(write_file("/proc/nothing/there", ""), "cannot write");
 }
 
-TEST(files, have_lines) {
+TEST(files, are_read_as_lines) {
     write_file("/tmp/lines", "one\n\nthree");
     EXPECT_THAT(file_lines("/tmp/lines"), ElementsAre("one", "", "three"));
 }

@@ -13,7 +13,7 @@ TEST(golden, the_same_text_passes) {
 
 TEST(golden, another_text_fails_at_its_first_difference) {
     if (renewing_golden_files()) {
-        return;  // Renewing would take the wrong text for the right one.
+        return;  // With UPDATE_GOLDEN the wrong text would replace the right one.
     }
     EXPECT_NONFATAL_FAILURE(expect_golden("support/golden/two_lines", "first\nthird\n"),
                             "line 2\n  expected: second\n  actual:   third");

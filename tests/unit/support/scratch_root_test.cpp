@@ -33,8 +33,8 @@ TEST(scratch_root, is_entered) {
     EXPECT_TRUE(scratch_root::entered());
 }
 
-// Whatever the machine has there must not be seen, and what a test leaves must not be found by the next.
-TEST(scratch_root, has_empty_directories_of_its_own) {
+// A test must neither see the machine's files nor leave any for the next test.
+TEST(scratch_root, has_its_own_empty_directories) {
     for (const char* directory : {"/var/opt", "/etc/systemd/system", "/etc/pam.d", "/var/lib/ssh_cfg_agent", "/tmp"}) {
         EXPECT_THAT(directory_names(directory), testing::Not(Contains("left_by_a_test"))) << directory;
         write_file(std::string(directory) + "/left_by_a_test", "");
@@ -44,7 +44,7 @@ TEST(scratch_root, has_empty_directories_of_its_own) {
     EXPECT_THAT(directory_names("/etc/pam.d"), ElementsAre("left_by_a_test"));
 }
 
-TEST(scratch_root, lets_every_place_of_the_agent_be_written) {
+TEST(scratch_root, every_directory_of_the_agent_is_writable) {
     for (const char* directory : {"/var/opt", "/etc", "/etc/systemd/system", "/etc/pam.d", "/usr/bin", "/usr/sbin",
                                   "/run", "/var/run/netns", "/dev/shmem", "/pkg/bin", "/tmp", "/var", "/dev/shm"}) {
         EXPECT_TRUE(can_create(std::string(directory) + "/written_by_a_test")) << directory;
@@ -57,18 +57,18 @@ TEST(scratch_root, lets_every_place_of_the_agent_be_written) {
 
 TEST(scratch_root, has_devices) {
     EXPECT_EQ(open("/dev/full", O_WRONLY | O_CLOEXEC) < 0, false);
-    std::ofstream("/dev/null") << "gone";
+    std::ofstream("/dev/null") << "missing";
     std::ifstream random("/dev/urandom", std::ios::binary);
     char byte = 0;
     EXPECT_TRUE(random.read(&byte, 1).good());
 }
 
-TEST(scratch_root, shows_its_own_processes_only) {
+TEST(scratch_root, shows_only_its_own_processes) {
     EXPECT_EQ(system("kill -0 1 2>/dev/null && test \"$(ls -d /proc/[0-9]* | wc -l)\" -lt 8"), 0);
     EXPECT_LT(getpid(), 100);
 }
 
-TEST(scratch_root, has_a_loopback_and_no_other_network) {
+TEST(scratch_root, has_only_the_loopback_interface) {
     struct ifaddrs* addresses = nullptr;
     ASSERT_EQ(getifaddrs(&addresses), 0);
     bool loopback = false;
@@ -80,7 +80,7 @@ TEST(scratch_root, has_a_loopback_and_no_other_network) {
     EXPECT_TRUE(loopback);
 }
 
-TEST(scratch_root, keeps_the_source_tree_readable_and_unwritten) {
+TEST(scratch_root, the_source_tree_is_readable_and_not_writable) {
     EXPECT_TRUE(path_exists(PROJECT_SOURCE_DIR "/CMakeLists.txt"));
     if (getenv("UPDATE_GOLDEN") == nullptr) {
         EXPECT_FALSE(can_create(PROJECT_SOURCE_DIR "/written_by_a_test"));
@@ -88,14 +88,14 @@ TEST(scratch_root, keeps_the_source_tree_readable_and_unwritten) {
     }
 }
 
-TEST(scratch_root, lets_the_build_folder_be_written) {
+TEST(scratch_root, the_build_folder_is_writable) {
     struct stat folder = {};
     ASSERT_EQ(stat(PROJECT_BINARY_DIR, &folder), 0);
-    const bool own = folder.st_uid == 0;  // Not when somebody else has built.
+    const bool own = folder.st_uid == 0;  // Not if another user has built.
     EXPECT_EQ(can_create(PROJECT_BINARY_DIR "/written_by_a_test"), own);
 }
 
-TEST(scratch_root, limits_space_truly) {
+TEST(scratch_root, limits_space) {
     write_file("/var/opt/norvo/norvossh/kept", "kept\n");
     scratch_root::limit_space("/var/opt/norvo/norvossh", 16384);
     EXPECT_EQ(read_file("/var/opt/norvo/norvossh/kept"), "kept\n");
@@ -122,7 +122,7 @@ TEST(scratch_root, makes_a_directory_read_only_and_writable_again) {
     EXPECT_EQ(read_file("/var/opt/norvo/file"), "new");
 }
 
-TEST(scratch_root, pretends_namespaces) {
+TEST(scratch_root, makes_namespaces_appear_to_exist) {
     struct stat found = {};
     scratch_root::add_namespace_file("vrf-red");
     EXPECT_EQ(stat("/var/run/netns/vrf-red", &found), 0);
@@ -139,8 +139,8 @@ TEST_F(scratch_root_death, exits_and_signals_are_seen) {
     EXPECT_DEATH(abort(), "");
 }
 
-// A child that calls the program anew stays in the scratch root of its parent.
-TEST_F(scratch_root_death, a_program_called_anew_stays_inside) {
+// A child that executes the program again stays in the scratch root of its parent.
+TEST_F(scratch_root_death, a_program_executed_again_stays_inside) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     write_file("/tmp/seen_by_the_child", "");
     EXPECT_EXIT(exit(path_exists("/tmp/seen_by_the_child") ? 3 : 4), testing::ExitedWithCode(3), "");

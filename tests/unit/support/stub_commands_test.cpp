@@ -23,7 +23,7 @@ std::string output_of(const std::string& command) {
     return read_file("/tmp/output");
 }
 
-TEST(stub_commands, log_what_they_are_called_with) {
+TEST(stub_commands, log_their_command_lines) {
     EXPECT_EQ(run("systemctl daemon-reload"), 0);
     EXPECT_EQ(run("/sbin/ip netns exec vrf-red /usr/sbin/nft -f '/tmp/a b.nft'"), 0);
     EXPECT_EQ(run("/usr/sbin/nft -c"), 0);
@@ -34,11 +34,11 @@ TEST(stub_commands, log_what_they_are_called_with) {
     EXPECT_THAT(stub_commands::log(), IsEmpty());
 }
 
-TEST(stub_commands, print_nothing_and_succeed_when_nothing_is_said) {
+TEST(stub_commands, print_nothing_and_succeed_by_default) {
     EXPECT_EQ(output_of("systemctl is-active sshd_service_red"), "");
 }
 
-TEST(stub_commands, fail_as_often_as_told) {
+TEST(stub_commands, fail_as_often_as_requested) {
     stub_commands::fail("systemctl restart", 3, 2);
     EXPECT_EQ(run("systemctl restart sshd_service_red"), 3);
     EXPECT_EQ(run("systemctl stop sshd_service_red"), 0);
@@ -54,8 +54,8 @@ TEST(stub_commands, fail_from_a_later_call_on) {
     EXPECT_EQ(run("systemctl a"), 1);
 }
 
-// "systemctl restart sshd_service_r" is another unit than the one of "red".
-TEST(stub_commands, are_named_by_whole_words) {
+// "systemctl restart sshd_service_r" does not match the unit of "red".
+TEST(stub_commands, are_matched_by_whole_words) {
     stub_commands::fail("systemctl restart sshd_service_r", 1);
     EXPECT_EQ(run("systemctl restart sshd_service_red"), 0);
     EXPECT_EQ(run("systemctl restart sshd_service_r"), 1);
@@ -66,7 +66,7 @@ TEST(stub_commands, die_by_a_signal) {
     EXPECT_EQ(run("exec nft -f x"), -9);
 }
 
-TEST(stub_commands, a_later_rule_wins_part_by_part) {
+TEST(stub_commands, a_later_rule_overrides_an_earlier_one_partly) {
     stub_commands::fail("systemctl", 4);
     stub_commands::set_output("systemctl is-active", "active\n");
     stub_commands::set_output("systemctl is-active sshd_service_blue", "inactive\n", 1);
@@ -88,7 +88,7 @@ TEST(stub_commands, a_failed_hook_is_a_failed_command) {
     EXPECT_EQ(run("nft"), 1);
 }
 
-TEST(stub_commands, take_their_time) {
+TEST(stub_commands, take_as_long_as_requested) {
     stub_commands::set_delay("nft", 60, 1);
     const time_t begin = time(nullptr);
     struct timespec before = {};
@@ -100,7 +100,7 @@ TEST(stub_commands, take_their_time) {
     EXPECT_LT(time(nullptr) - begin, 30);
 }
 
-TEST(stub_commands, stand_for_further_commands) {
+TEST(stub_commands, further_commands_can_be_installed) {
     stub_commands::install_command("ps");
     stub_commands::set_output("ps -ef", "root 12 1 /pkg/bin/ssh_exec.sh\n");
     EXPECT_EQ(output_of("ps -ef | awk '{print $2}'"), "12\n");
@@ -114,7 +114,7 @@ TEST(stub_commands, can_be_missing) {
     EXPECT_EQ(run("nft 2>/dev/null"), 127);
 }
 
-TEST(stub_commands, do_not_mix_their_lines_when_they_run_at_once) {
+TEST(stub_commands, concurrent_stubs_do_not_mix_their_lines) {
     run("for i in 1 2 3 4 5 6 7 8; do systemctl $i aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa & done; wait");
     EXPECT_EQ(stub_commands::log().size(), 8u);
     for (const std::string& line : stub_commands::log()) {

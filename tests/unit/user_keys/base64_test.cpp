@@ -14,7 +14,7 @@ constexpr sample samples[] = {
     {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
 };
 
-TEST(base64, turns_bytes_into_text_and_back) {
+TEST(base64, encodes_and_decodes) {
     for (const auto& [bytes, text] : samples) {
         EXPECT_EQ(base64_encode(bytes), text);
         std::string decoded;
@@ -24,7 +24,7 @@ TEST(base64, turns_bytes_into_text_and_back) {
     EXPECT_EQ(base64_encode(""), "");
 }
 
-TEST(base64, knows_every_byte) {
+TEST(base64, covers_every_byte) {
     std::string all;
     for (int i = 0; i < 256; i++) {
         all += static_cast<char>(i);
@@ -36,7 +36,7 @@ TEST(base64, knows_every_byte) {
     }
 }
 
-TEST(base64, takes_nothing_but_its_own_characters) {
+TEST(base64, refuses_other_characters) {
     for (const char* text : {"Zm9v!g==", "Zm 9", "Zm9\n", "Zg==Zg==", "Z===", "====", "Zm9v=", "Zm-_", "Zm9v\x80gg="}) {
         std::string decoded = "before";
         EXPECT_EQ(base64_decode(text, decoded), platform_status{KEY_NOT_BASE64}) << text;
@@ -44,13 +44,13 @@ TEST(base64, takes_nothing_but_its_own_characters) {
     }
 }
 
-TEST(base64, takes_no_bits_that_stand_for_nothing) {
+TEST(base64, refuses_unused_bits) {
     std::string decoded;
     EXPECT_EQ(base64_decode("Zh==", decoded), platform_status{KEY_NOT_BASE64});
     EXPECT_EQ(base64_decode("Zm9=", decoded), platform_status{KEY_NOT_BASE64});
 }
 
-TEST(base64, tells_a_text_that_was_cut_off) {
+TEST(base64, refuses_a_truncated_text) {
     for (const char* text : {"", "Z", "Zm", "Zm9", "Zm9vY", "Zm9vYm", "Zm9vYmF"}) {
         std::string decoded = "before";
         EXPECT_EQ(base64_decode(text, decoded), platform_status{KEY_CUT_OFF}) << text;

@@ -16,7 +16,7 @@ rsa_public_key key_with(size_t bits) {
     return {modulus(bits), usual()};
 }
 
-/// The bytes that a PEM text stands for.
+/// The bytes encoded in a PEM text.
 std::string unwrapped(const std::string& pem) {
     std::istringstream lines(pem);
     std::string text;
@@ -30,7 +30,7 @@ std::string unwrapped(const std::string& pem) {
 
 class key_der_of_size : public testing::TestWithParam<int> {};
 
-TEST_P(key_der_of_size, is_what_ssh_keygen_makes_of_the_same_key) {
+TEST_P(key_der_of_size, equals_ssh_keygens_conversion_of_the_same_key) {
     const std::string text = key_test::new_key("/tmp/key_der_test", "-t rsa -b " + std::to_string(GetParam()));
     rsa_public_key key;
     std::string der;
@@ -42,7 +42,7 @@ TEST_P(key_der_of_size, is_what_ssh_keygen_makes_of_the_same_key) {
 
 INSTANTIATE_TEST_SUITE_P(sizes, key_der_of_size, testing::Values(1024, 1032, 1536, 2047, 2048, 3072, 4096));
 
-TEST(key_der, can_be_read_back) {
+TEST(key_der, can_be_parsed_again) {
     for (const size_t bits : {1024, 1025, 1031, 2048, 4096, 7000}) {
         std::string der;
         rsa_public_key read;
@@ -52,8 +52,8 @@ TEST(key_der, can_be_read_back) {
     }
 }
 
-TEST(key_der, ends_at_the_limit_to_the_byte) {
-    // Around the number there are 38 bytes: headers, algorithm and exponent.
+TEST(key_der, is_accepted_up_to_the_exact_limit) {
+    // Apart from the modulus there are 38 bytes: headers, algorithm and exponent.
     const size_t largest = (KEY_STORE_DER_MAX - 38) * 8 - 1;
     std::string der;
     ASSERT_EQ(key_der_make(key_with(largest), der), PLATFORM_OK);
@@ -66,7 +66,7 @@ TEST(key_der, ends_at_the_limit_to_the_byte) {
     EXPECT_EQ(der, "before");
 }
 
-TEST(key_der, is_refused_when_it_is_damaged) {
+TEST(key_der, is_refused_if_it_is_damaged) {
     std::string der;
     rsa_public_key key = {"before", "too"};
     ASSERT_EQ(key_der_make(key_with(1024), der), PLATFORM_OK);
@@ -78,7 +78,7 @@ TEST(key_der, is_refused_when_it_is_damaged) {
     EXPECT_EQ(key, (rsa_public_key{"before", "too"}));
 }
 
-TEST(key_der, is_refused_when_it_is_another_types) {
+TEST(key_der, is_refused_if_it_has_another_type) {
     key_test::new_key("/tmp/key_der_test", "-t ecdsa");
     const std::string der = unwrapped(key_test::output("ssh-keygen -e -m PKCS8 -f /tmp/key_der_test.pub"));
     rsa_public_key key;

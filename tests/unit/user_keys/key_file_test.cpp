@@ -47,7 +47,7 @@ TEST_F(key_file_test, is_written_replaced_and_removed) {
     EXPECT_THAT(users(), testing::IsEmpty());
 }
 
-TEST_F(key_file_test, is_for_root_alone) {
+TEST_F(key_file_test, is_readable_only_by_root) {
     ASSERT_EQ(key_file_write("alice", "one\n"), PLATFORM_OK);
     struct stat status = {};
     ASSERT_EQ(stat(key_file_directory, &status), 0);
@@ -56,7 +56,7 @@ TEST_F(key_file_test, is_for_root_alone) {
     EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
-TEST_F(key_file_test, stays_when_its_successor_cannot_be_written) {
+TEST_F(key_file_test, is_kept_when_its_replacement_cannot_be_written) {
     ASSERT_EQ(key_file_write("alice", "one\n"), PLATFORM_OK);
     scratch_root::set_read_only(key_file_directory, true);
     EXPECT_EQ(key_file_write("alice", "two\n"), platform_status{EROFS});
@@ -71,7 +71,7 @@ TEST_F(key_file_test, stays_when_its_successor_cannot_be_written) {
     EXPECT_THAT(users(), UnorderedElementsAre("alice"));
 }
 
-TEST_F(key_file_test, is_no_link_and_no_more_than_a_key) {
+TEST_F(key_file_test, is_neither_a_link_nor_larger_than_a_key) {
     ASSERT_EQ(key_file_write("alice", "one\n"), PLATFORM_OK);
     std::filesystem::create_symlink(path("alice"), path("bob"));
     std::string read = "before";

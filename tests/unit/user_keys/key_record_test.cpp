@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(key_record, can_be_read_back) {
+TEST(key_record, round_trips) {
     const key_record record = {key_origin::exec_mode, 2048, 1700000000, std::string("\0der\xff", 5)};
     key_record read;
     ASSERT_EQ(key_record_decode(key_record_encode(record), read), PLATFORM_OK);
@@ -16,7 +16,7 @@ TEST(key_record, can_be_read_back) {
     EXPECT_EQ(read.der, record.der);
 }
 
-TEST(key_record, is_refused_when_it_is_none) {
+TEST(key_record, is_refused_if_it_is_malformed) {
     const std::string bytes = key_record_encode({key_origin::configuration, 2048, 1, "d"});
     key_record record;
     record.bits = 7;
@@ -32,12 +32,12 @@ TEST(key_record, is_refused_when_it_is_none) {
     EXPECT_EQ(record.bits, 7u);
 }
 
-TEST(key_record, stands_beside_the_configuration_and_knows_its_item) {
+TEST(key_record, is_stored_next_to_the_configuration_and_names_its_item) {
     EXPECT_EQ(key_record_place("alice"), "user_key/alice");
     EXPECT_EQ(key_record_item("alice"), "/cfg/gl/crypto/ssh/server/cmn/username/alice/keystr");
 }
 
-TEST(key_record, is_only_for_harmless_names) {
+TEST(key_record, is_only_for_safe_names) {
     for (const char* name : {"a", "alice", "a.b-c_d", "0", "_x"}) {
         EXPECT_TRUE(key_user_is_valid(name)) << name;
     }

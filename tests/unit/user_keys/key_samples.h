@@ -1,4 +1,4 @@
-/// Keys for tests: real ones from ssh-keygen, and ones put together with a mistake in them.
+/// Keys for tests: real ones from ssh-keygen, and composed ones with errors.
 #ifndef UNIT_USER_KEYS_KEY_SAMPLES_H
 #define UNIT_USER_KEYS_KEY_SAMPLES_H
 
@@ -17,7 +17,7 @@ inline std::string contents(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-/// What a command prints, without the newline at its end.
+/// The output of a command, without the final newline.
 inline std::string output(const std::string& command) {
     const std::string file = "/tmp/key_test_output";
     std::string text = system((command + " > " + file + " 2>&1").c_str()) == 0 ? contents(file) : "";
@@ -25,7 +25,7 @@ inline std::string output(const std::string& command) {
     return text;
 }
 
-/// The public key's text of a new key pair, whose private part is at `file`; as ssh-keygen writes it, with a comment.
+/// The public key of a new key pair, as ssh-keygen writes it with a comment. The private key is in `file`.
 inline std::string new_key(const std::string& file, const std::string& options) {
     output("rm -f " + file + " " + file + ".pub; ssh-keygen -q -N '' -C somebody@router -f " + file + " " + options);
     std::string text = contents(file + ".pub");
@@ -45,7 +45,7 @@ inline std::string number(const std::string& bytes) {
     return field((static_cast<unsigned char>(bytes[0]) & 0x80) != 0 ? std::string(1, '\0') + bytes : bytes);
 }
 
-/// A modulus of so many bits that nobody has the factors of: all ones.
+/// A modulus of `bits` bits, all ones, whose factors nobody knows.
 inline std::string modulus(size_t bits) {
     std::string bytes((bits + 7) / 8, '\xff');
     bytes[0] = static_cast<char>(0xff >> (bytes.size() * 8 - bits));
@@ -58,7 +58,7 @@ inline std::string usual() {
     return {usual_exponent, 3};
 }
 
-/// The text for what a blob holds.
+/// The text form of a key blob.
 inline std::string text_of(const std::string& blob) {
     return "ssh-rsa " + base64_encode(blob);
 }

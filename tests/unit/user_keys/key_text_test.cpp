@@ -20,7 +20,7 @@ platform_status read(const std::string& text) {
     return status;
 }
 
-TEST(key_text, reads_what_ssh_keygen_writes_and_writes_it_again) {
+TEST(key_text, round_trips_keys_of_ssh_keygen) {
     const std::string text = key_test::new_key("/tmp/key_text_test", "-t rsa -b 2048");
     rsa_public_key key;
     ASSERT_EQ(key_text_read(text, key), PLATFORM_OK) << text;
@@ -32,7 +32,7 @@ TEST(key_text, reads_what_ssh_keygen_writes_and_writes_it_again) {
     EXPECT_EQ(key_fingerprint(key).size(), 50u);
 }
 
-TEST(key_text, passes_a_comment_and_blanks_over) {
+TEST(key_text, ignores_a_comment_and_spaces) {
     const std::string text = key_of(usual(), modulus(1024));
     for (const char* end : {"", " ", "\n", "\t\r\n", " somebody", " some body\n"}) {
         EXPECT_EQ(read(text + end), PLATFORM_OK) << end;
@@ -40,7 +40,7 @@ TEST(key_text, passes_a_comment_and_blanks_over) {
     EXPECT_EQ(read("ssh-rsa\t " + text.substr(8)), PLATFORM_OK);
 }
 
-TEST(key_text, takes_no_other_type) {
+TEST(key_text, refuses_other_types) {
     const std::string text = key_of(usual(), modulus(2048));
     for (const std::string& other :
          {std::string(), std::string("ssh-dss AAAA"), std::string("ssh-ed25519 AAAA"), " " + text, "x" + text,
@@ -50,7 +50,7 @@ TEST(key_text, takes_no_other_type) {
     }
 }
 
-TEST(key_text, takes_no_key_whose_inner_type_is_another) {
+TEST(key_text, refuses_a_key_with_another_inner_type) {
     for (const char* type : {"ssh-ed25519", "ssh-dss", "", "ssh-rsa ", "ssh-rs"}) {
         EXPECT_EQ(read(text_of(field(type) + number(usual()) + number(modulus(2048)))),
                   platform_status{KEY_TYPES_DIFFER})
@@ -60,7 +60,7 @@ TEST(key_text, takes_no_key_whose_inner_type_is_another) {
     EXPECT_EQ(read("ssh-rsa" + ed25519.substr(ed25519.find(' '))), platform_status{KEY_TYPES_DIFFER});
 }
 
-TEST(key_text, takes_no_text_that_is_not_base64) {
+TEST(key_text, refuses_text_that_is_not_base64) {
     std::string text = key_of(usual(), modulus(1024));
     text[100] = '*';
     EXPECT_EQ(read(text), platform_status{KEY_NOT_BASE64});
@@ -68,11 +68,11 @@ TEST(key_text, takes_no_text_that_is_not_base64) {
     EXPECT_EQ(read(key_of(usual(), modulus(1024)) + "===="), platform_status{KEY_NOT_BASE64});
 }
 
-TEST(key_text, notices_wherever_a_key_was_cut_off) {
+TEST(key_text, detects_a_key_truncated_anywhere) {
     const std::string text = key_of(usual(), modulus(1024));
     for (size_t size = 7; size < text.size(); size++) {
         const platform_status status = read(text.substr(0, size));
-        // In the padding, what is left is no base64 text any more.
+        // If it is truncated within the padding, the rest is no longer base64.
         EXPECT_TRUE(status == KEY_CUT_OFF || (status == KEY_NOT_BASE64 && text[size] == '=')) << size;
     }
     const std::string blob = field("ssh-rsa") + number(usual()) + number(modulus(1024));
@@ -81,7 +81,7 @@ TEST(key_text, notices_wherever_a_key_was_cut_off) {
     }
 }
 
-TEST(key_text, takes_no_length_that_points_beyond_the_end) {
+TEST(key_text, refuses_a_length_beyond_the_end) {
     for (const char* length : {"\xff\xff\xff\xff", "\x7f\xff\xff\xff", "\x00\x00\x00\x84"}) {
         const std::string wrong(length, 4);
         EXPECT_EQ(read(text_of(wrong + "ssh-rsa")), platform_status{KEY_CUT_OFF});
@@ -91,13 +91,13 @@ TEST(key_text, takes_no_length_that_points_beyond_the_end) {
     }
 }
 
-TEST(key_text, takes_nothing_behind_the_last_field) {
+TEST(key_text, refuses_bytes_after_the_last_field) {
     const std::string blob = field("ssh-rsa") + number(usual()) + number(modulus(2048));
     EXPECT_EQ(read(text_of(blob + 'x')), platform_status{KEY_TRAILING_BYTES});
     EXPECT_EQ(read(text_of(blob + field("more"))), platform_status{KEY_TRAILING_BYTES});
 }
 
-TEST(key_text, takes_only_exponents_that_make_a_key) {
+TEST(key_text, accepts_only_valid_exponents) {
     for (const std::string& exponent :
          {std::string("\1"), std::string("\2"), std::string("\1\0\2", 3), std::string(1, '\0'), std::string(),
           std::string(9, '\x7f'), std::string(300, '\x7f')}) {
@@ -112,7 +112,7 @@ TEST(key_text, takes_only_exponents_that_make_a_key) {
     EXPECT_EQ(read(key_of(std::string(8, '\xff'), modulus(2048))), PLATFORM_OK);
 }
 
-TEST(key_text, takes_only_moduli_that_make_a_key) {
+TEST(key_text, accepts_only_valid_moduli) {
     std::string even = modulus(2048);
     even.back() = '\2';
     EXPECT_EQ(read(key_of(usual(), even)), platform_status{KEY_WRONG_MODULUS});
@@ -124,7 +124,7 @@ TEST(key_text, takes_only_moduli_that_make_a_key) {
     EXPECT_EQ(read(key_of(usual(), modulus(16384))), platform_status{KEY_TOO_LARGE});
 }
 
-TEST(key_text, leaves_zeros_before_a_number_out) {
+TEST(key_text, removes_leading_zeros_of_a_number) {
     const std::string zeros(3, '\0');
     rsa_public_key key;
     ASSERT_EQ(key_text_read(text_of(field("ssh-rsa") + field(zeros + usual()) + field(zeros + modulus(1024))), key),

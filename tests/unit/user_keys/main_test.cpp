@@ -1,4 +1,4 @@
-/// The program that sshd asks for a user's key, run as sshd runs it.
+/// The program that sshd runs to look up a user's key, run as sshd runs it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -59,7 +59,7 @@ TEST_F(authorized_keys_program, works_while_the_agent_is_down) {
     EXPECT_EQ(run("alice").output, key + "\n");
 }
 
-TEST_F(authorized_keys_program, refuses_odd_names) {
+TEST_F(authorized_keys_program, refuses_unusual_names) {
     for (const char* name : {"''", "../alice", "-alice", "'alice bob'", "'alice%'", "\"$(printf 'a\\nb')\""}) {
         const outcome result = run(std::string("-- ") + name);
         EXPECT_EQ(result.status, 1) << name;
@@ -72,7 +72,7 @@ TEST_F(authorized_keys_program, refuses_odd_names) {
     EXPECT_EQ(run("alice bob").status, 1);
 }
 
-TEST_F(authorized_keys_program, says_what_is_wrong_in_a_line) {
+TEST_F(authorized_keys_program, reports_errors_in_one_line) {
     EXPECT_EQ(run("alice", "/dev/full").status, 1);
     EXPECT_EQ(run("alice", "/dev/full").errors, "authorized_keys: standard output: No space left on device\n");
     const std::string file = std::string(key_file_directory) + "/alice";

@@ -33,13 +33,13 @@ class namespace_handler_test : public vrf_test {
         forget();
     }
 
-    /// What `ip netns list` prints, from its `from_call`th call on.
+    /// The output of `ip netns list`, from its `from_call`th call on.
     static void list_namespace(const char* output, uint32_t from_call = 1) {
         stub_commands::set_output("ip netns list", output, stub_commands::always, from_call);
     }
 
-    /// Delivers a message and holds the handler to its one answer.
-    static void tell(uint32_t code, const std::string& name) {
+    /// Delivers a message and checks the handler's only answer.
+    static void send(uint32_t code, const std::string& name) {
         expect_answer(fake_platform::send_namespace_message(code, name));
     }
 
@@ -49,7 +49,7 @@ class namespace_handler_test : public vrf_test {
         EXPECT_EQ(reply.bytes, std::string(24, '\0'));
     }
 
-    /// The calls on the agent's behalf alone, without the fake's own replies.
+    /// The agent's calls, without the fake platform's replies.
     static std::vector<std::string> trail() {
         std::vector<std::string> calls;
         for (const std::string& call : vrf_test::trail()) {
@@ -82,7 +82,7 @@ class namespace_handler_test : public vrf_test {
 
 TEST_F(namespace_handler_test, a_vrfs_server_starts_when_its_namespace_appears) {
     vrf_node* node = create_vrf_node("red");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAreArray(joined({{look, "mpp_namespace_created(vrf-red)"},
                                                   start_of_red(),
                                                   {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
@@ -93,13 +93,13 @@ TEST_F(namespace_handler_test, a_vrfs_server_starts_when_its_namespace_appears) 
 }
 
 // The NETCONF IPv6 list goes to the IPv4 routine.
-TEST_F(namespace_handler_test, all_lists_are_attached_in_their_order) {
+TEST_F(namespace_handler_test, all_lists_are_attached_in_order) {
     vrf_node* node = create_vrf_node("red");
     strcpy(node->ssh_v4_acl, "a");
     strcpy(node->ssh_v6_acl, "b");
     strcpy(node->netconf_v4_acl, "c");
     strcpy(node->netconf_v6_acl, "d");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAreArray(joined(
                              {{look, "mpp_namespace_created(vrf-red)"},
                               start_of_red(),
@@ -110,7 +110,7 @@ TEST_F(namespace_handler_test, all_lists_are_attached_in_their_order) {
 TEST_F(namespace_handler_test, a_netconf_server_is_marked_for_both_services) {
     vrf_node* node = create_vrf_node("red");
     node->lines[VRF_NETCONF_SUBSYSTEM].current = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     const std::vector<std::string> calls = trail();
     ASSERT_GE(calls.size(), 2u);
     EXPECT_EQ(calls[calls.size() - 2], "mpp_vrf_set(1, red)");
@@ -119,16 +119,16 @@ TEST_F(namespace_handler_test, a_netconf_server_is_marked_for_both_services) {
 
 TEST_F(namespace_handler_test, a_started_server_is_left_alone) {
     create_vrf_node("red")->server_started = 1;
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_THAT(fake_platform::debug_texts(), Contains(" vrf creation already informed"));
 }
 
-TEST_F(namespace_handler_test, a_namespace_of_no_vrf_is_of_no_interest) {
-    tell(NAMESPACE_CREATED, "vrf-red");
+TEST_F(namespace_handler_test, a_namespace_without_a_vrf_is_ignored) {
+    send(NAMESPACE_CREATED, "vrf-red");
     create_vrf_node("green");
     for (const char* name : {"vrf-red", "vrf-gree", "vrf-greens", "green", "", "vrf-", "vrf-;reboot"}) {
-        tell(NAMESPACE_CREATED, name);
+        send(NAMESPACE_CREATED, name);
     }
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_THAT(stub_commands::log(), ElementsAre());
@@ -140,7 +140,7 @@ TEST_F(namespace_handler_test, waits_until_the_namespace_is_listed) {
     create_vrf_node("red");
     stub_commands::clear_rules();
     list_namespace("vrf-red\n", 3);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAreArray(joined({{look, nap, look, nap, look, "mpp_namespace_created(vrf-red)"},
                                                   start_of_red(),
                                                   {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
@@ -152,10 +152,10 @@ TEST_F(namespace_handler_test, waits_until_the_namespace_is_listed) {
 }
 
 // After ten attempts the unit is started anyway.
-TEST_F(namespace_handler_test, a_namespace_that_never_appears_costs_ten_attempts) {
+TEST_F(namespace_handler_test, a_namespace_that_never_appears_takes_ten_attempts) {
     vrf_node* node = create_vrf_node("red");
     stub_commands::clear_rules();
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     std::vector<std::string> attempts;
     for (int i = 0; i < 10; i++) {
         attempts.emplace_back(look);
@@ -176,7 +176,7 @@ TEST_F(namespace_handler_test, a_namespace_that_never_appears_costs_ten_attempts
 TEST_F(namespace_handler_test, a_namespace_that_is_not_accepted_is_a_failed_attempt) {
     create_vrf_node("red");
     fake_platform::fail("mpp_namespace_created", EIO, 2);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     const std::string announce = "mpp_namespace_created(vrf-red)";
     EXPECT_THAT(trail(), ElementsAreArray(joined({{look, announce, nap, look, announce, nap, look, announce},
                                                   start_of_red(),
@@ -185,64 +185,64 @@ TEST_F(namespace_handler_test, a_namespace_that_is_not_accepted_is_a_failed_atte
     EXPECT_TRUE(traced({"vrf-red", "5"}));
 }
 
-TEST_F(namespace_handler_test, a_listing_that_cannot_be_had_is_a_failed_attempt) {
+TEST_F(namespace_handler_test, a_listing_that_fails_is_a_failed_attempt) {
     create_vrf_node("red");
     command_trail::fail_shell("ip netns list", EMFILE);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     const auto calls = trail();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 10);
     EXPECT_THAT(calls, Contains("$ systemctl restart sshd_service_red"));
 }
 
-TEST_F(namespace_handler_test, a_listing_that_hangs_is_a_failed_attempt) {
+TEST_F(namespace_handler_test, a_listing_that_times_out_is_a_failed_attempt) {
     create_vrf_node("red");
     call_faults::limit_commands(100);
     stub_commands::set_delay("ip netns list", 60000, 2);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     const auto calls = trail();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 2);
 }
 
-// A line has to begin with the name; a longer name on it does.
-TEST_F(namespace_handler_test, only_a_lines_beginning_is_the_name) {
+// The name must be at the beginning of a line, where a longer name also matches.
+TEST_F(namespace_handler_test, the_name_is_matched_at_the_beginning_of_a_line) {
     create_vrf_node("red");
     stub_commands::clear_rules();
     list_namespace("old-vrf-red\nvrf-green\n");
     list_namespace("vrf-green\nold-vrf-red\nvrf-red2 (id: 7)\n", 2);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     const auto calls = trail();
     EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 1);
 }
 
 // --- Failures on the way --------------------------------------------------------------------------------------------
 
-TEST_F(namespace_handler_test, a_unit_that_cannot_be_made_ends_it) {
+TEST_F(namespace_handler_test, a_unit_that_cannot_be_created_stops_the_handling) {
     vrf_node* node = create_vrf_node("red");
     fake_platform::fail("vrf_table_lookup", ENOENT);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)"));
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Failed to create systemd service and config file for vrf:=red"));
     EXPECT_EQ(node->server_started, 0u);
 }
 
-TEST_F(namespace_handler_test, a_server_that_does_not_start_is_started_by_the_next_message) {
+TEST_F(namespace_handler_test, a_failed_server_is_started_by_the_next_message) {
     vrf_node* node = create_vrf_node("red");
     command_trail::fail_shell("systemctl restart", ENOMEM);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_EQ(node->server_started, 0u);
     EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
     command_trail::begin();
     forget();
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
     EXPECT_EQ(node->server_started, 1u);
 }
 
-TEST_F(namespace_handler_test, a_table_that_cannot_be_made_ends_it) {
+TEST_F(namespace_handler_test, a_table_that_cannot_be_created_stops_the_handling) {
     create_vrf_node("red");
     fail_call("create_nft_table(red)");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(trail(), Contains("create_nft_table(red)"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("ssh_proxy_nns_handler: Failed to create nft table"));
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre(log_of_details("Failed to create nft table vrf:  red")));
@@ -266,7 +266,7 @@ TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_blocks_its_service
         node->server_started = 0;
         forget();
         fail_call(failure[0]);
-        tell(NAMESPACE_CREATED, "vrf-red");
+        send(NAMESPACE_CREATED, "vrf-red");
         EXPECT_THAT(trail(), Contains(failure[0]));
         EXPECT_THAT(trail(), Contains(failure[2]));
         EXPECT_THAT(trail(), Contains("reload_acls(red)"));
@@ -277,27 +277,27 @@ TEST_F(namespace_handler_test, a_list_that_cannot_be_attached_blocks_its_service
     }
 }
 
-// The list that the IPv4 routine has refused is loaded rightly, and nothing counts as failed.
-TEST_F(namespace_handler_test, a_list_that_is_loaded_in_the_end_is_neither_blocked_nor_reported) {
+// The list that the IPv4 routine refused is loaded later, and nothing counts as failed.
+TEST_F(namespace_handler_test, a_list_that_is_loaded_later_is_neither_blocked_nor_reported) {
     add_namespace("red");
     vrf_node* node = create_vrf_node("red");
     strcpy(node->netconf_v6_acl, "d");
     fail_call("ssh_configure_v4acl(red, 3)");
     agent_upcalls.reload_acls = [](vrf_node* reloaded) { acl_rules_in_force(reloaded, acl_netconf_v6); };
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(fake_platform::calls_of("enforcement_failed"), ElementsAre());
     EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, "red"));
     EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
 }
 
-TEST_F(namespace_handler_test, what_failed_goes_with_the_namespace) {
+TEST_F(namespace_handler_test, failures_are_dropped_with_the_namespace) {
     add_namespace("red");
     vrf_node* node = create_vrf_node("red");
     strcpy(node->ssh_v4_acl, "a");
     fail_call("ssh_configure_v4acl(red, 0)");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4"));
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
     EXPECT_FALSE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
 }
@@ -306,27 +306,27 @@ TEST_F(namespace_handler_test, lists_without_a_unit_leave_their_services_blocked
     add_namespace("red");
     strcpy(create_vrf_node("red")->ssh_v4_acl, "a");
     fake_platform::fail("vrf_table_lookup", ENOENT);
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_TRUE(fake_platform::service_blocked(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
 }
 
-TEST_F(namespace_handler_test, without_access_lists_the_flow_goes_on) {
+TEST_F(namespace_handler_test, a_failure_of_access_lists_does_not_stop_the_handling) {
     agent_upcalls.create_nft_table = nullptr;
     agent_upcalls.ssh_configure_v4acl = nullptr;
     agent_upcalls.ssh_configure_v6acl = nullptr;
     strcpy(create_vrf_node("red")->ssh_v4_acl, "a");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_EQ(trail().back(), "mpp_vrf_set(1, red)");
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
 // --- A namespace goes -----------------------------------------------------------------------------------------------
 
-TEST_F(namespace_handler_test, a_server_goes_with_its_namespace_and_its_node_stays) {
+TEST_F(namespace_handler_test, a_server_is_stopped_with_its_namespace_and_its_node_stays) {
     vrf_node* node = create_vrf_node("red");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     forget();
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAre("mpp_namespace_deleted(vrf-red)", "$ systemctl stop sshd_service_red",
                                      "mpp_vrf_unblock(red)"));
     EXPECT_EQ(find_vrf_node("red"), node);
@@ -340,18 +340,18 @@ TEST_F(namespace_handler_test, a_server_goes_with_its_namespace_and_its_node_sta
 TEST_F(namespace_handler_test, the_units_of_a_namespace_without_node_are_removed) {
     create_sshd_service_config_file("vrf-red");
     forget();
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     EXPECT_THAT(trail(), ElementsAre("mpp_namespace_deleted(vrf-red)"));
     EXPECT_FALSE(path_exists(unit_file("red")));
     EXPECT_FALSE(path_exists(environment_file("red")));
 }
 
-TEST_F(namespace_handler_test, a_withdrawal_that_is_not_accepted_does_not_keep_the_server) {
+TEST_F(namespace_handler_test, a_failed_withdrawal_does_not_keep_the_server_running) {
     vrf_node* node = create_vrf_node("red");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     forget();
     fake_platform::fail("mpp_namespace_deleted", EIO);
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns delete API failed, Input/output error"));
     EXPECT_TRUE(traced({"vrf-red", "5"}));
     EXPECT_THAT(trail(), Contains("$ systemctl stop sshd_service_red"));
@@ -359,14 +359,14 @@ TEST_F(namespace_handler_test, a_withdrawal_that_is_not_accepted_does_not_keep_t
     EXPECT_FALSE(path_exists(unit_file("red")));
 }
 
-TEST_F(namespace_handler_test, a_namespace_that_returns_gets_a_new_unit_and_server) {
+TEST_F(namespace_handler_test, a_recreated_namespace_gets_a_new_unit_and_server) {
     vrf_node* node = create_vrf_node("red");
     strcpy(node->ssh_v4_acl, "a");
-    tell(NAMESPACE_CREATED, "vrf-red");
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     forget();
-    tell(NAMESPACE_CREATED, "vrf-red");
-    // The packet filter's state is made once for a VRF, not once for a namespace.
+    send(NAMESPACE_CREATED, "vrf-red");
+    // The packet filter is initialised once per VRF, not once per namespace.
     EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)",
                                      "$ systemctl daemon-reload", "mpp_vrf_block(red)",
                                      "$ systemctl restart sshd_service_red", "mpp_vrf_unblock(red)",
@@ -375,12 +375,12 @@ TEST_F(namespace_handler_test, a_namespace_that_returns_gets_a_new_unit_and_serv
     EXPECT_TRUE(path_exists(unit_file("red")));
 }
 
-TEST_F(namespace_handler_test, no_list_counts_as_attached_after_its_namespace_has_gone) {
+TEST_F(namespace_handler_test, no_list_counts_as_attached_without_its_namespace) {
     vrf_node* node = create_vrf_node("red");
     strcpy(node->ssh_v4_acl, "a");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_NE(node->attached_acls, 0u);
-    tell(NAMESPACE_DELETED, "vrf-red");
+    send(NAMESPACE_DELETED, "vrf-red");
     EXPECT_EQ(node->attached_acls, 0u);
 }
 
@@ -391,19 +391,19 @@ TEST_F(namespace_handler_test, a_configured_vrf_starts_once_when_its_namespace_a
     const datastore_change change = {3, nullptr, value.bytes.data(), 0, value.bytes.size()};
     EXPECT_EQ(sshd_apply_vrf_func(&change, &components), 0u);
     EXPECT_THAT(stub_commands::log(), ElementsAre());
-    tell(NAMESPACE_CREATED, "vrf-red");
-    tell(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
+    send(NAMESPACE_CREATED, "vrf-red");
     EXPECT_THAT(stub_commands::log_of("systemctl restart"), ElementsAre("systemctl restart sshd_service_red"));
     EXPECT_THAT(trail(), Contains("ssh_configure_v4acl(red, 0)"));
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
 }
 
-// --- Messages of other forms ----------------------------------------------------------------------------------------
+// --- Other messages -------------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, other_codes_are_answered_and_ignored) {
     create_vrf_node("red");
     for (const uint32_t code : {0u, 1u, 4u, 0xffffffffu}) {
-        tell(code, "vrf-red");
+        send(code, "vrf-red");
     }
     EXPECT_THAT(trail(), ElementsAre());
 }
@@ -416,25 +416,25 @@ TEST_F(namespace_handler_test, malformed_messages_are_answered_and_ignored) {
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-TEST_F(namespace_handler_test, a_name_without_end_is_ended) {
+TEST_F(namespace_handler_test, an_unterminated_name_is_terminated) {
     create_vrf_node("red");
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(256, 'v')));
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0", 4) + std::string(999, 'v')));
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Message:=2, Name:=" + std::string(255, 'v') + ", event received").Times(2));
-    // One that is as long as its text, without the rest of the array, is understood.
+    // A message that ends with its name, without the rest of the array, is accepted.
     expect_answer(fake_platform::send_message(NAMESPACE_MESSAGE, std::string("\2\0\0\0vrf-red", 11)));
     EXPECT_THAT(trail(), Contains("$ systemctl restart sshd_service_red"));
 }
 
-// A name that a shell would understand belongs to no VRF, so it never gets near one.
+// A name with shell characters belongs to no VRF, so no command contains it.
 TEST_F(namespace_handler_test, a_hostile_name_reaches_no_command) {
     create_vrf_node("red");
     for (const char* name : {"vrf-red;touch /tmp/owned", "vrf-$(touch /tmp/owned)", "vrf-`touch /tmp/owned`",
                              "vrf-red\ntouch /tmp/owned", "vrf-../../../tmp/owned"}) {
-        tell(NAMESPACE_CREATED, name);
-        tell(NAMESPACE_DELETED, name);
+        send(NAMESPACE_CREATED, name);
+        send(NAMESPACE_DELETED, name);
     }
     EXPECT_THAT(stub_commands::log(), ElementsAre());
     EXPECT_THAT(trail(), Each(Not(HasSubstr("$ "))));

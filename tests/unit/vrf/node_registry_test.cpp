@@ -19,7 +19,7 @@ std::vector<std::string> names() {
 
 using testing::ElementsAre;
 
-TEST_F(node_registry_test, a_new_node_holds_one_reference_and_nothing_else) {
+TEST_F(node_registry_test, a_new_node_has_one_reference_and_is_otherwise_empty) {
     const vrf_node* node = create_vrf_node("red");
     ASSERT_NE(node, nullptr);
     EXPECT_STREQ(node->name, "red");
@@ -52,7 +52,7 @@ TEST_F(node_registry_test, the_newest_node_comes_first) {
     EXPECT_THAT(names(), ElementsAre("blue", "green", "red"));
 }
 
-TEST_F(node_registry_test, a_name_is_kept_up_to_32_characters) {
+TEST_F(node_registry_test, a_name_is_truncated_to_32_characters) {
     const std::string longest(32, 'a');
     EXPECT_STREQ(create_vrf_node(longest.c_str())->name, longest.c_str());
     EXPECT_EQ(find_vrf_node(longest.c_str()), server_config.nodes);
@@ -86,7 +86,7 @@ TEST_F(node_registry_test, deleting_in_the_middle_and_at_the_end_keeps_the_other
     EXPECT_THAT(names(), ElementsAre("blue"));
 }
 
-// A node is found by identity: another one of the same name does not stand in for it.
+// A node is deleted by identity, not by name.
 TEST_F(node_registry_test, a_node_outside_the_list_is_left_alone) {
     create_vrf_node("red");
     vrf_node stranger{};

@@ -24,7 +24,7 @@ class server_lifecycle_test : public vrf_test {
 
 // --- Start and stop -------------------------------------------------------------------------------------------------
 
-TEST_F(server_lifecycle_test, the_first_start_makes_the_filter_and_restarts_while_blocked) {
+TEST_F(server_lifecycle_test, the_first_start_initialises_the_filter_and_restarts_while_blocked) {
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
     EXPECT_THAT(trail(), ElementsAre("mpp_vrf_nft_init(red)", "mpp_vrf_block(red)",
                                      "$ systemctl restart sshd_service_red", "mpp_vrf_unblock(red)"));
@@ -34,7 +34,7 @@ TEST_F(server_lifecycle_test, the_first_start_makes_the_filter_and_restarts_whil
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
 }
 
-TEST_F(server_lifecycle_test, later_starts_find_the_filter) {
+TEST_F(server_lifecycle_test, later_starts_do_not_initialise_the_filter) {
     ssh_process_restart(1, "red");
     forget();
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
@@ -63,7 +63,7 @@ TEST_F(server_lifecycle_test, a_missing_name_is_refused) {
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-TEST_F(server_lifecycle_test, before_there_is_a_unit_there_is_nothing_to_restart) {
+TEST_F(server_lifecycle_test, without_a_unit_there_is_nothing_to_restart) {
     std::filesystem::remove(unit_file("red"));
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
     EXPECT_THAT(trail(), ElementsAre());
@@ -83,12 +83,12 @@ TEST_F(server_lifecycle_test, a_started_server_without_unit_is_a_failure) {
                 ElementsAre("ERR_GENERAL: Service file doesn't exist", "ERR_GENERAL: Service file doesn't exist"));
 }
 
-TEST_F(server_lifecycle_test, no_unit_and_no_node_is_no_failure) {
+TEST_F(server_lifecycle_test, without_unit_and_node_there_is_no_failure) {
     EXPECT_EQ(ssh_process_restart(1, "green"), 0);
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-// The way out leaves the VRF blocked: there is no server to let anybody in for.
+// The VRF stays blocked because no server is running.
 TEST_F(server_lifecycle_test, a_failed_start_leaves_the_vrf_blocked) {
     stub_commands::fail("systemctl restart", 1);
     errno = EAGAIN;
@@ -122,10 +122,10 @@ TEST_F(server_lifecycle_test, a_server_that_does_not_stop_is_not_in_force) {
                 ElementsAre(fake_platform::unenforced{"server red", "systemctl stop sshd_service_red failed"}));
     stub_commands::fail("systemctl stop", 5, 1);
     ssh_process_restart(0, "red");
-    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre()) << "a unit that is not loaded does not run";
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre()) << "a unit that is not loaded is not running";
 }
 
-TEST_F(server_lifecycle_test, a_start_that_hangs_is_a_failure) {
+TEST_F(server_lifecycle_test, a_start_that_times_out_is_a_failure) {
     call_faults::limit_commands(200);
     stub_commands::set_delay("systemctl restart", 60000);
     errno = 0;
@@ -136,7 +136,7 @@ TEST_F(server_lifecycle_test, a_start_that_hangs_is_a_failure) {
     EXPECT_TRUE(traced({"red", std::to_string(ETIMEDOUT)}));
 }
 
-TEST_F(server_lifecycle_test, a_stop_that_hangs_is_a_failure) {
+TEST_F(server_lifecycle_test, a_stop_that_times_out_is_a_failure) {
     call_faults::limit_commands(200);
     stub_commands::set_delay("systemctl stop", 60000);
     errno = 0;
@@ -146,21 +146,21 @@ TEST_F(server_lifecycle_test, a_stop_that_hangs_is_a_failure) {
                 ElementsAre(fake_platform::unenforced{"server red", "systemctl stop sshd_service_red timed out"}));
 }
 
-// An exit status without errno is systemctl's word about the unit, not a failure to ask.
-TEST_F(server_lifecycle_test, a_start_with_a_status_alone_has_succeeded) {
+// If errno is 0, the exit status is about the unit and not a failure to run the command.
+TEST_F(server_lifecycle_test, a_failed_start_without_errno_counts_as_success) {
     stub_commands::fail("systemctl restart", 1);
     errno = 0;
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
 }
 
-TEST_F(server_lifecycle_test, an_old_errno_does_not_spoil_a_start) {
+TEST_F(server_lifecycle_test, an_earlier_errno_does_not_affect_a_start) {
     errno = EAGAIN;
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
 }
 
-TEST_F(server_lifecycle_test, a_start_without_a_shell_has_failed) {
+TEST_F(server_lifecycle_test, a_start_without_a_shell_is_a_failure) {
     command_trail::fail_shell("systemctl restart", ENOMEM);
     errno = 0;
     EXPECT_EQ(ssh_process_restart(1, "red"), -1);
@@ -178,14 +178,14 @@ TEST_F(server_lifecycle_test, a_failed_stop_keeps_errno_and_does_not_unblock) {
     EXPECT_TRUE(traced({"red", "4"}));
 }
 
-TEST_F(server_lifecycle_test, a_stop_with_a_status_alone_has_succeeded) {
+TEST_F(server_lifecycle_test, a_failed_stop_without_errno_counts_as_success) {
     stub_commands::fail("systemctl stop", 5);
     errno = 0;
     EXPECT_EQ(ssh_process_restart(0, "red"), 0);
     EXPECT_THAT(trail(), Contains("mpp_vrf_unblock(red)"));
 }
 
-TEST_F(server_lifecycle_test, a_failing_protection_service_holds_no_server_up) {
+TEST_F(server_lifecycle_test, a_failing_protection_service_does_not_prevent_a_start) {
     for (const char* operation : {"mpp_vrf_nft_init", "mpp_vrf_block", "mpp_vrf_unblock"}) {
         fake_platform::fail(operation, EIO);
     }
@@ -208,7 +208,7 @@ class prepare_vrf_file_test : public vrf_test {
     int prepare(int new_node) { return prepare_vrf_file("red", 0, nullptr, nullptr, &change, new_node); }
 };
 
-TEST_F(prepare_vrf_file_test, a_missing_file_is_a_copy_of_the_default_file) {
+TEST_F(prepare_vrf_file_test, a_missing_file_is_copied_from_the_default_file) {
     EXPECT_EQ(prepare(0), 0);
     EXPECT_EQ(read_file(server_file("red")), default_file);
     EXPECT_EQ(change, 1u);
@@ -216,7 +216,7 @@ TEST_F(prepare_vrf_file_test, a_missing_file_is_a_copy_of_the_default_file) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf config does not exist, creating"));
 }
 
-TEST_F(prepare_vrf_file_test, a_probe_that_hangs_is_a_failure) {
+TEST_F(prepare_vrf_file_test, a_probe_that_times_out_is_a_failure) {
     write_file(server_file("red"), "Port 22\n");
     call_faults::limit_commands(200);
     stub_commands::set_delay("systemctl is-active", 60000);
@@ -232,7 +232,7 @@ TEST_F(prepare_vrf_file_test, a_missing_file_of_a_new_node_needs_no_probe) {
     EXPECT_THAT(trail(), ElementsAre(copy));
 }
 
-TEST_F(prepare_vrf_file_test, a_known_nodes_file_is_kept_without_asking) {
+TEST_F(prepare_vrf_file_test, a_known_nodes_file_is_kept_without_a_probe) {
     write_file(server_file("red"), "Port 22\n");
     EXPECT_EQ(prepare(0), 0);
     EXPECT_EQ(read_file(server_file("red")), "Port 22\n");
@@ -251,8 +251,8 @@ TEST_F(prepare_vrf_file_test, a_running_server_keeps_its_file) {
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre("file exists", "vrf-name:=red, content active"));
 }
 
-// systemctl ends with status 3 for a unit that does not run; that is an answer.
-TEST_F(prepare_vrf_file_test, a_stopped_servers_file_is_made_anew) {
+// systemctl ends with status 3 for a unit that is not running; that is a valid answer.
+TEST_F(prepare_vrf_file_test, a_stopped_servers_file_is_recreated) {
     write_file(server_file("red"), "Port 22\nMaxSessions 1\n");
     stub_commands::set_output(is_active, "inactive\n");
     stub_commands::fail(is_active, 3);
@@ -263,8 +263,8 @@ TEST_F(prepare_vrf_file_test, a_stopped_servers_file_is_made_anew) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf-name:=red, content inactive"));
 }
 
-// Only what begins with "active" runs.
-TEST_F(prepare_vrf_file_test, what_begins_with_active_runs_and_nothing_else) {
+// An answer that begins with "active" means that the unit is running.
+TEST_F(prepare_vrf_file_test, only_an_answer_that_begins_with_active_means_running) {
     for (const char* answer : {"inactive\n", "failed\n", "activating\n", "unknown\n", "\n", " active\n"}) {
         write_file(server_file("red"), "Port 22\n");
         stub_commands::clear_rules();
@@ -281,7 +281,7 @@ TEST_F(prepare_vrf_file_test, what_begins_with_active_runs_and_nothing_else) {
     }
 }
 
-TEST_F(prepare_vrf_file_test, no_shell_to_ask_with_is_reported) {
+TEST_F(prepare_vrf_file_test, a_probe_without_a_shell_is_reported) {
     write_file(server_file("red"), "Port 22\n");
     command_trail::fail_shell("systemctl is-active", EAGAIN);
     EXPECT_EQ(prepare(1), -1);
@@ -295,7 +295,7 @@ TEST_F(prepare_vrf_file_test, no_shell_to_ask_with_is_reported) {
                             "status"));
 }
 
-TEST_F(prepare_vrf_file_test, an_answer_that_cannot_be_opened_is_reported) {
+TEST_F(prepare_vrf_file_test, a_probe_whose_output_cannot_be_opened_is_reported) {
     write_file(server_file("red"), "Port 22\n");
     stub_commands::set_hook(is_active, "rm -f /tmp/norvo_ssh_service.txt");
     EXPECT_EQ(prepare(1), -1);
@@ -326,7 +326,7 @@ TEST_F(prepare_vrf_file_test, a_failed_copy_is_reported) {
                 ElementsAre("ERR_ERRNO: Error:=Cannot allocate memory(0xc), Failed to copy config file"));
 }
 
-TEST_F(prepare_vrf_file_test, a_failed_renewal_is_reported) {
+TEST_F(prepare_vrf_file_test, a_failed_recreation_is_reported) {
     write_file(server_file("red"), "Port 22\n");
     stub_commands::set_output(is_active, "inactive\n");
     command_trail::fail_shell("cp ", ENOMEM);
@@ -335,7 +335,7 @@ TEST_F(prepare_vrf_file_test, a_failed_renewal_is_reported) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains(HasSubstr("Failed to copy config file")));
 }
 
-TEST_F(prepare_vrf_file_test, adds_the_line_when_asked) {
+TEST_F(prepare_vrf_file_test, adds_the_line_on_request) {
     write_file(server_file("red"), default_file);
     EXPECT_EQ(prepare_vrf_file("red", 1, "Subsystem netconf", "/pkg/bin/netconf_sshd_proxy -i 0 -o 1", &change, 0), 0);
     EXPECT_EQ(read_file(server_file("red")),
@@ -343,13 +343,13 @@ TEST_F(prepare_vrf_file_test, adds_the_line_when_asked) {
     EXPECT_EQ(change, 1u);
 }
 
-TEST_F(prepare_vrf_file_test, a_line_that_is_there_changes_nothing) {
+TEST_F(prepare_vrf_file_test, an_existing_line_is_not_added_again) {
     write_file(server_file("red"), "MaxSessions 16\n");
     EXPECT_EQ(prepare_vrf_file("red", 1, "MaxSessions", "16", &change, 0), 0);
     EXPECT_EQ(change, 0u);
 }
 
-// The editor says what went wrong with the line; the server is started without it.
+// The editor reports the failure, and the server is started without the line.
 TEST_F(prepare_vrf_file_test, a_line_that_cannot_be_added_is_no_failure) {
     write_file(server_file("red"), default_file);
     std::filesystem::create_directory(paths::temporary_file);

@@ -26,14 +26,14 @@ TEST_F(service_unit_test, writes_the_unit_and_its_environment) {
                 ElementsAre("create_sshd_service_config_file - vrf-name:=red, vrfid = 1610612738"));
 }
 
-// The number has 32 bits without a sign.
+// The number is unsigned and has 32 bits.
 TEST_F(service_unit_test, the_largest_vrf_number_is_decimal) {
     fake_platform::set_vrf_id("red", UINT32_MAX);
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), 0);
     EXPECT_THAT(read_file(environment_file("red")), testing::HasSubstr("\nARG8=4294967295\n"));
 }
 
-TEST_F(service_unit_test, both_files_stand_before_systemd_reads_them) {
+TEST_F(service_unit_test, both_files_exist_before_systemd_reads_them) {
     stub_commands::set_hook("systemctl daemon-reload",
                             "cd /etc/systemd/system && cat sshd_service_red.service "
                             "sshd_conf_red.conf > /tmp/seen_by_systemd");
@@ -41,8 +41,8 @@ TEST_F(service_unit_test, both_files_stand_before_systemd_reads_them) {
     EXPECT_EQ(read_file("/tmp/seen_by_systemd"), read_file(unit_file("red")) + read_file(environment_file("red")));
 }
 
-// Files are overwritten from their beginning and not truncated.
-TEST_F(service_unit_test, a_longer_old_file_keeps_its_tail) {
+// Files are overwritten from the beginning without being truncated.
+TEST_F(service_unit_test, a_longer_old_file_keeps_its_end) {
     ASSERT_EQ(create_sshd_service_config_file("vrf-red"), 0);
     const std::string unit = read_file(unit_file("red"));
     const std::string environment = read_file(environment_file("red"));
@@ -111,7 +111,7 @@ TEST_F(service_unit_test, a_unit_that_cannot_be_written_is_reported) {
     EXPECT_THAT(stub_commands::log(), ElementsAre());
 }
 
-// The trace names a mode that the file does not have.
+// The trace entry names a mode that the file does not have.
 TEST_F(service_unit_test, an_environment_that_cannot_be_written_is_traced_with_another_mode) {
     std::filesystem::create_symlink("/dev/full", environment_file("red"));
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), -1);
@@ -123,14 +123,14 @@ TEST_F(service_unit_test, an_environment_that_cannot_be_written_is_traced_with_a
     EXPECT_THAT(stub_commands::log(), ElementsAre());
 }
 
-// systemctl tells its own trouble by its exit status alone.
-TEST_F(service_unit_test, a_daemon_reload_with_a_status_alone_has_succeeded) {
+// A failed daemon-reload without errno counts as success.
+TEST_F(service_unit_test, a_failed_daemon_reload_without_errno_counts_as_success) {
     stub_commands::fail("systemctl daemon-reload", 1);
     errno = 0;
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), 0);
 }
 
-TEST_F(service_unit_test, a_daemon_reload_fails_with_the_errno_that_is_there) {
+TEST_F(service_unit_test, a_daemon_reload_fails_with_the_current_errno) {
     stub_commands::fail("systemctl daemon-reload", 1);
     errno = EAGAIN;
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), -1);
@@ -141,7 +141,7 @@ TEST_F(service_unit_test, a_daemon_reload_fails_with_the_errno_that_is_there) {
     EXPECT_TRUE(path_exists(environment_file("red")));
 }
 
-TEST_F(service_unit_test, a_daemon_reload_without_a_shell_has_failed) {
+TEST_F(service_unit_test, a_daemon_reload_without_a_shell_is_a_failure) {
     command_trail::fail_shell("systemctl daemon-reload", ENOMEM);
     errno = 0;
     EXPECT_EQ(create_sshd_service_config_file("vrf-red"), -1);
@@ -149,7 +149,7 @@ TEST_F(service_unit_test, a_daemon_reload_without_a_shell_has_failed) {
                 Contains("Error:=Cannot allocate memory(0xc), Failed to reload systemctl "));
 }
 
-TEST_F(service_unit_test, removes_both_files_and_lets_systemd_be) {
+TEST_F(service_unit_test, removes_both_files_without_a_daemon_reload) {
     ASSERT_EQ(create_sshd_service_config_file("vrf-red"), 0);
     forget();
     remove_sshd_service_config_file("vrf-red");
@@ -159,7 +159,7 @@ TEST_F(service_unit_test, removes_both_files_and_lets_systemd_be) {
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre());
 }
 
-TEST_F(service_unit_test, removing_what_is_not_there_is_only_traced) {
+TEST_F(service_unit_test, removing_missing_files_is_only_traced) {
     remove_sshd_service_config_file("vrf-red");
     EXPECT_TRUE(traced({unit_file("red"), "2"}));
     EXPECT_TRUE(traced({environment_file("red"), "2"}));
@@ -167,7 +167,7 @@ TEST_F(service_unit_test, removing_what_is_not_there_is_only_traced) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
-TEST_F(service_unit_test, removing_checks_the_name_likewise) {
+TEST_F(service_unit_test, removing_also_checks_the_name) {
     remove_sshd_service_config_file(nullptr);
     remove_sshd_service_config_file("red");
     EXPECT_THAT(fake_platform::debug_texts(),
@@ -175,7 +175,7 @@ TEST_F(service_unit_test, removing_checks_the_name_likewise) {
                             "remove_sshd_service_config_file - Vrf name not starting with vrf-"));
 }
 
-TEST_F(service_unit_test, the_longest_name_has_whole_paths) {
+TEST_F(service_unit_test, the_longest_name_has_complete_paths) {
     const std::string name(32, 'x');
     ASSERT_EQ(create_sshd_service_config_file(("vrf-" + name).c_str()), 0);
     EXPECT_TRUE(path_exists(unit_file(name)));
@@ -183,7 +183,7 @@ TEST_F(service_unit_test, the_longest_name_has_whole_paths) {
     EXPECT_THAT(read_file(environment_file(name)), testing::HasSubstr("ARG6=" + server_file(name) + "\n"));
 }
 
-// Each file operation fails in its turn: what is reported as done has been done, and nothing else ends the agent.
+// Each file operation fails in turn: only completed work is reported as done, and nothing else ends the agent.
 TEST_F(service_unit_test, survives_every_failing_file_operation) {
     const auto body = [] {
         command_trail::end();

@@ -29,7 +29,7 @@ TEST_F(unit_states_test, are_read_for_all_units_with_one_command) {
     EXPECT_EQ(stub_commands::log_of("systemctl show").size(), 1u);
 }
 
-TEST_F(unit_states_test, of_no_unit_are_an_empty_list) {
+TEST_F(unit_states_test, are_empty_without_units) {
     std::vector<unit_state> units = {{"old", "active", 1, 1}};
     EXPECT_EQ(read_unit_states(&units), 0);
     EXPECT_TRUE(units.empty());
@@ -47,7 +47,7 @@ TEST_F(unit_states_test, fail_with_the_command) {
     EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_F(unit_states_test, tell_running_stopped_and_in_between) {
+TEST_F(unit_states_test, distinguish_running_stopped_and_changing) {
     struct {
         const char* state;
         bool running;

@@ -17,7 +17,7 @@ class default_vrf_test : public vrf_appliers_test {
     }
 };
 
-TEST_F(default_vrf_test, its_item_is_remembered_and_published) {
+TEST_F(default_vrf_test, its_item_is_recorded_and_published) {
     EXPECT_EQ(ssh("default", created), 0);
     EXPECT_EQ(default_vrf_configured, 1u);
     EXPECT_EQ(trail().back(), "telemetry");
@@ -35,14 +35,14 @@ TEST_F(default_vrf_test, other_vrfs_are_not_published) {
     EXPECT_EQ(default_vrf_configured, 0u);
 }
 
-TEST_F(default_vrf_test, a_failure_keeps_it_unpublished) {
+TEST_F(default_vrf_test, a_failure_leaves_it_unpublished) {
     fake_platform::fail("mpp_namespace_created", EIO);
     ssh("default", created);
     EXPECT_THAT(trail(), Not(Contains("telemetry")));
     EXPECT_EQ(default_vrf_configured, 1u);
 }
 
-TEST_F(default_vrf_test, the_protocol_item_starts_its_server_through_the_protocol_line) {
+TEST_F(default_vrf_test, the_protocol_item_starts_its_server_with_the_protocol_line) {
     EXPECT_EQ(protocol(created), 0);
     EXPECT_THAT(trail(),
                 ElementsAre("create_nft_table(default)", "mpp_vrf_set(1, default)", copy_for("default"), "telemetry",
@@ -55,7 +55,7 @@ TEST_F(default_vrf_test, the_protocol_item_starts_its_server_through_the_protoco
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server v2"));
 }
 
-TEST_F(default_vrf_test, a_unit_that_has_gone_with_an_earlier_namespace_is_made_again) {
+TEST_F(default_vrf_test, a_unit_removed_with_an_earlier_namespace_is_recreated) {
     remove_sshd_service_config_file("vrf-default");
     forget();
     EXPECT_EQ(protocol(created), 0);
@@ -67,14 +67,14 @@ TEST_F(default_vrf_test, a_unit_that_has_gone_with_an_earlier_namespace_is_made_
     EXPECT_TRUE(path_exists(environment_file("default")));
 }
 
-TEST_F(default_vrf_test, without_its_namespace_the_unit_stays_away) {
+TEST_F(default_vrf_test, without_its_namespace_no_unit_is_created) {
     remove_sshd_service_config_file("vrf-default");
     remove_namespace("default");
     EXPECT_EQ(protocol(created), 0);
     EXPECT_FALSE(path_exists(unit_file("default")));
 }
 
-// The server is started with its namespace, from the file that was prepared before.
+// The server starts with its namespace and uses the file that was prepared earlier.
 TEST_F(default_vrf_test, without_its_namespace_the_servers_file_is_prepared) {
     remove_sshd_service_config_file("vrf-default");
     remove_namespace("default");
@@ -86,7 +86,7 @@ TEST_F(default_vrf_test, without_its_namespace_the_servers_file_is_prepared) {
     EXPECT_THAT(fake_platform::not_in_force(), testing::ElementsAre());
 }
 
-TEST_F(default_vrf_test, a_unit_that_cannot_be_made_again_is_reported) {
+TEST_F(default_vrf_test, a_unit_that_cannot_be_recreated_is_reported) {
     remove_sshd_service_config_file("vrf-default");
     fake_platform::fail("vrf_table_lookup", ENOENT);
     EXPECT_EQ(protocol(created), 0);
@@ -95,13 +95,13 @@ TEST_F(default_vrf_test, a_unit_that_cannot_be_made_again_is_reported) {
     EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
 }
 
-// The server's start is the walk's; only VRF items and namespaces set the flag.
-TEST_F(default_vrf_test, the_protocol_item_leaves_the_started_flag) {
+// The walk over the files starts the server; only VRF items and namespaces set the flag.
+TEST_F(default_vrf_test, the_protocol_item_does_not_set_the_started_flag) {
     protocol(created);
     EXPECT_EQ(find_vrf_node("default")->server_started, 0u);
 }
 
-TEST_F(default_vrf_test, the_protocol_item_publishes_a_known_vrf_at_once_and_again) {
+TEST_F(default_vrf_test, the_protocol_item_publishes_a_known_vrf_twice) {
     ssh("default", created);
     forget();
     EXPECT_EQ(protocol(created), 0);
@@ -110,7 +110,7 @@ TEST_F(default_vrf_test, the_protocol_item_publishes_a_known_vrf_at_once_and_aga
     EXPECT_EQ(count_of("default"), 2);
 }
 
-TEST_F(default_vrf_test, the_protocol_line_goes_into_every_vrfs_file) {
+TEST_F(default_vrf_test, the_protocol_line_is_written_to_every_vrfs_file) {
     ssh("red", created);
     EXPECT_EQ(protocol(created), 0);
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\nProtocol 2\n");
@@ -119,7 +119,7 @@ TEST_F(default_vrf_test, the_protocol_line_goes_into_every_vrfs_file) {
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
-TEST_F(default_vrf_test, without_other_users_the_server_goes_with_the_protocol_item) {
+TEST_F(default_vrf_test, without_other_users_the_server_is_removed_with_the_protocol_item) {
     protocol(created);
     forget();
     EXPECT_EQ(protocol(deleted), 0);
@@ -131,7 +131,7 @@ TEST_F(default_vrf_test, without_other_users_the_server_goes_with_the_protocol_i
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
-TEST_F(default_vrf_test, while_the_vrf_item_exists_only_the_count_falls) {
+TEST_F(default_vrf_test, while_the_vrf_item_exists_only_the_count_decreases) {
     ssh("default", created);
     protocol(created);
     forget();
@@ -149,11 +149,11 @@ TEST_F(default_vrf_test, while_the_protocol_item_exists_the_port_line_stays) {
     EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + "Port 22\nProtocol 2\n");
     EXPECT_EQ(count_of("default"), 1);
     EXPECT_EQ(default_vrf_configured, 0u);
-    // Nothing changed in the file, so the server keeps running as it is.
+    // The file did not change, so the server keeps running.
     EXPECT_THAT(trail(), ElementsAre("telemetry"));
 }
 
-TEST_F(default_vrf_test, after_both_have_gone_the_port_line_and_the_server_are_gone) {
+TEST_F(default_vrf_test, with_both_items_removed_the_server_is_gone) {
     ssh("default", created);
     protocol(created);
     ssh("default", deleted);
@@ -173,8 +173,8 @@ TEST_F(default_vrf_test, netconf_keeps_the_server_without_the_ssh_port) {
                                      "mpp_vrf_unblock(default)"));
 }
 
-// With two users left the service stays marked.
-TEST_F(default_vrf_test, with_two_users_left_the_service_stays_marked) {
+// The protection service still has the VRF's SSH service set.
+TEST_F(default_vrf_test, with_two_users_left_the_service_stays_set) {
     netconf("default", created);
     netconf("default", created);
     protocol(created);
@@ -184,7 +184,7 @@ TEST_F(default_vrf_test, with_two_users_left_the_service_stays_marked) {
     EXPECT_THAT(trail(), Not(Contains("mpp_vrf_unset(1, default)")));
 }
 
-TEST_F(default_vrf_test, an_unchanged_file_keeps_the_service_marked) {
+TEST_F(default_vrf_test, an_unchanged_file_leaves_the_service_set) {
     protocol(created);
     write_file(server_file("default"), std::string(default_file) + "Protocol 2\n");
     forget();
@@ -192,14 +192,14 @@ TEST_F(default_vrf_test, an_unchanged_file_keeps_the_service_marked) {
     EXPECT_THAT(trail(), Not(Contains("mpp_vrf_unset(1, default)")));
 }
 
-TEST_F(default_vrf_test, deleting_the_protocol_of_no_vrf_is_published_and_written) {
+TEST_F(default_vrf_test, deleting_the_protocol_without_a_vrf_is_published_and_written) {
     write_file(paths::server_file, std::string(default_file) + "Protocol 2\n");
     EXPECT_EQ(protocol(deleted), 0);
     EXPECT_THAT(trail(), ElementsAre("telemetry"));
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
-TEST_F(default_vrf_test, a_failing_step_of_the_protocol_item_leaves_the_line_unwritten) {
+TEST_F(default_vrf_test, a_failed_step_of_the_protocol_item_leaves_the_line_unwritten) {
     fail_call("create_nft_table(default)");
     EXPECT_EQ(protocol(created), 0);
     EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)",
@@ -217,7 +217,7 @@ TEST_F(default_vrf_test, a_file_that_cannot_be_prepared_leaves_the_protocol_line
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
-TEST_F(default_vrf_test, a_port_line_that_cannot_be_removed_ends_the_removal) {
+TEST_F(default_vrf_test, a_port_line_that_cannot_be_removed_stops_the_removal) {
     protocol(created);
     std::filesystem::create_directory(paths::temporary_file);
     forget();
@@ -228,7 +228,7 @@ TEST_F(default_vrf_test, a_port_line_that_cannot_be_removed_ends_the_removal) {
     EXPECT_EQ(server_config.parameters[SERVER_PROTOCOL].current, nullptr);
 }
 
-TEST_F(default_vrf_test, being_out_of_memory_ends_the_protocol_item) {
+TEST_F(default_vrf_test, exhausted_memory_ends_the_protocol_item) {
     allocation_failure::fail_next();
     EXPECT_EQ(protocol(created), 1u);
     EXPECT_THAT(trail(), ElementsAre());
@@ -249,9 +249,9 @@ TEST_F(default_vrf_test, setting_the_protocol_again_does_not_count) {
     EXPECT_EQ(count_of("default"), 1);
 }
 
-TEST_F(default_vrf_test, a_node_without_users_whose_line_was_gone_is_taken_up_again) {
+TEST_F(default_vrf_test, an_unused_node_that_was_kept_is_used_again) {
     protocol(created);
-    // The default file has lost its line, so the walk that would remove the node does not happen.
+    // Without the line in the default file there is no walk that would remove the node.
     write_file(paths::server_file, default_file);
     protocol(deleted);
     EXPECT_EQ(count_of("default"), 0);

@@ -26,7 +26,7 @@ TEST_F(netconf_vrf_test, a_first_item_with_its_namespace_starts_a_server) {
     EXPECT_EQ(node->server_started, 1u);
 }
 
-TEST_F(netconf_vrf_test, says_what_it_was_asked) {
+TEST_F(netconf_vrf_test, prints_its_item_in_debug) {
     netconf("red", created, {"four", nullptr});
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server netconf vrf"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Netconf v4 acl name = four, Netconf v6 acl name = "));
@@ -40,7 +40,7 @@ TEST_F(netconf_vrf_test, a_known_vrfs_file_gets_the_lines) {
     EXPECT_EQ(count_of("red"), 2);
 }
 
-TEST_F(netconf_vrf_test, after_a_failure_the_service_is_marked_with_its_own_code) {
+TEST_F(netconf_vrf_test, after_a_failure_the_service_is_set_with_its_own_code) {
     agent_handles.respawn_count = 3;
     EXPECT_EQ(netconf("red", created), 0);
     EXPECT_THAT(trail(), ElementsAre("mpp_vrf_set(64, red)", copy_for("red")));
@@ -57,14 +57,14 @@ TEST_F(netconf_vrf_test, a_configured_port_replaces_the_ports_line) {
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 830\n");
 }
 
-TEST_F(netconf_vrf_test, the_default_vrf_is_nothing_special) {
+TEST_F(netconf_vrf_test, the_default_vrf_is_treated_like_any_other) {
     EXPECT_EQ(netconf("default", created), 0);
     EXPECT_EQ(default_vrf_configured, 0u);
     EXPECT_EQ(netconf("default", deleted), 0);
     EXPECT_THAT(trail(), Not(Contains("telemetry")));
 }
 
-TEST_F(netconf_vrf_test, a_modification_exchanges_the_lists) {
+TEST_F(netconf_vrf_test, a_modification_replaces_the_lists) {
     add_namespace("red");
     netconf("red", created, {"old4", "old6"});
     ssh("red", created, {"ssh4", "ssh6"});
@@ -79,7 +79,7 @@ TEST_F(netconf_vrf_test, a_modification_exchanges_the_lists) {
     EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "ssh6");
 }
 
-TEST_F(netconf_vrf_test, failures_carry_its_own_texts) {
+TEST_F(netconf_vrf_test, failures_have_their_own_texts) {
     add_namespace("red");
     netconf("red", created);
     const std::vector<std::vector<std::string>> failures = {
@@ -106,7 +106,7 @@ TEST_F(netconf_vrf_test, failures_carry_its_own_texts) {
     }
 }
 
-TEST_F(netconf_vrf_test, the_last_item_takes_the_server_with_it) {
+TEST_F(netconf_vrf_test, the_server_is_removed_with_the_last_item) {
     add_namespace("red");
     netconf("red", created, {"four", "six"});
     forget();
@@ -138,7 +138,7 @@ TEST_F(netconf_vrf_test, ssh_keeps_the_server_with_its_own_lines) {
     EXPECT_STREQ(node->ssh_v4_acl, "ssh4");
 }
 
-// Unlike SSH's, its removal restarts the server whatever the file says, and counts it as started.
+// Unlike the SSH item, its removal always restarts the server and counts it as started.
 TEST_F(netconf_vrf_test, a_remaining_server_is_always_restarted) {
     ssh("red", created);
     netconf("red", created);
@@ -158,7 +158,7 @@ TEST_F(netconf_vrf_test, a_remaining_server_without_its_namespace_does_not_count
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-TEST_F(netconf_vrf_test, one_unit_and_one_server_serve_both) {
+TEST_F(netconf_vrf_test, both_services_share_one_unit_and_one_server) {
     add_namespace("red");
     ssh("red", created);
     netconf("red", created);
@@ -182,8 +182,8 @@ TEST_F(netconf_vrf_test, a_port_line_that_cannot_be_removed_leaves_the_count) {
     EXPECT_STREQ(find_vrf_node("red")->netconf_v4_acl, "four");
 }
 
-// A further item starts a lost file from the default file, with its own lines alone.
-TEST_F(netconf_vrf_test, a_lost_file_is_copied_anew) {
+// Another item recreates a missing file from the default file, with only its own lines.
+TEST_F(netconf_vrf_test, a_missing_file_is_copied_again) {
     netconf("red", created);
     std::filesystem::remove(server_file("red"));
     EXPECT_EQ(ssh("red", created), 0);

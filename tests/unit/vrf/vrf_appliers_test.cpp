@@ -28,7 +28,7 @@ TEST_F(ssh_vrf_test, a_first_item_with_its_namespace_starts_a_server) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
 }
 
-TEST_F(ssh_vrf_test, the_file_and_the_unit_are_whole_when_the_server_starts) {
+TEST_F(ssh_vrf_test, file_and_unit_are_complete_when_the_server_starts) {
     add_namespace("red");
     stub_commands::set_hook("systemctl restart sshd_service_red",
                             "cat /var/opt/norvo/norvossh/sshd_config_red > /tmp/seen_by_server; "
@@ -57,7 +57,7 @@ TEST_F(ssh_vrf_test, the_first_items_lists_are_attached_when_the_server_runs) {
                 ElementsAre("create_nft_table(red)", "ssh_configure_v4acl(red, 0)", "ssh_configure_v6acl(red, 2)"));
 }
 
-TEST_F(ssh_vrf_test, says_what_it_was_asked) {
+TEST_F(ssh_vrf_test, prints_its_item_in_debug) {
     ssh("red", created);
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh server vrf"));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("vrfnode->vrf_name: , name:red"));
@@ -68,7 +68,7 @@ TEST_F(ssh_vrf_test, says_what_it_was_asked) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("vrf:=red, refCnt:=1, ssh server already running"));
 }
 
-TEST_F(ssh_vrf_test, a_missing_name_is_the_datastores_business) {
+TEST_F(ssh_vrf_test, a_missing_name_is_returned_to_the_datastore) {
     const datastore_change change = {created, nullptr, nullptr, 0, 0};
     const datastore_path_components short_path = {nullptr, 0};
     for (const applier handler : {sshd_apply_vrf_func, sshd_apply_conf_netconf_vrf}) {
@@ -82,7 +82,7 @@ TEST_F(ssh_vrf_test, a_missing_name_is_the_datastores_business) {
     EXPECT_EQ(server_config.nodes, nullptr);
 }
 
-TEST_F(ssh_vrf_test, being_out_of_memory_is_the_datastores_business) {
+TEST_F(ssh_vrf_test, exhausted_memory_is_returned_to_the_datastore) {
     allocation_failure::fail_next();
     EXPECT_EQ(ssh("red", created), 1u);
     EXPECT_THAT(fake_platform::debug_texts(),
@@ -111,7 +111,7 @@ TEST_F(ssh_vrf_test, an_event_that_neither_sets_nor_deletes_does_nothing) {
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 
-// References: a new item counts; a replayed one counts as long as the stored configuration is being read.
+// References: a new item counts; a replayed one counts only while the stored configuration is being read.
 
 TEST_F(ssh_vrf_test, only_a_new_item_counts_after_the_scan) {
     ssh("red", created);
@@ -139,9 +139,9 @@ TEST_F(ssh_vrf_test, a_modification_never_counts) {
     EXPECT_EQ(count_of("red"), 1);
 }
 
-// After a failure of the agent the server may still run with this very file: it is announced again, not restarted.
+// After a failure of the agent the server may still run with this file; its service is set again without a restart.
 
-TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_marked_again_and_left_alone) {
+TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_set_again_and_not_restarted) {
     agent_handles.respawn_count = 2;
     agent_handles.initial_scan_complete = 0;
     add_namespace("red");
@@ -156,7 +156,7 @@ TEST_F(ssh_vrf_test, after_a_failure_a_running_server_is_marked_again_and_left_a
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-TEST_F(ssh_vrf_test, a_fresh_start_does_not_mark_before_the_server_starts) {
+TEST_F(ssh_vrf_test, a_fresh_start_sets_nothing_before_the_server_starts) {
     agent_handles.respawn_count = 1;
     ssh("red", created);
     EXPECT_THAT(trail(), Not(Contains("mpp_vrf_set(1, red)")));
@@ -173,9 +173,9 @@ TEST_F(ssh_vrf_test, a_running_server_with_a_new_port_line_is_restarted) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 1u);
 }
 
-// Each step's failure ends the item there; the configuration is accepted all the same.
+// Each failed step stops the handling there; the configuration is accepted nevertheless.
 
-TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_ends_it) {
+TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_stops_the_handling) {
     add_namespace("red");
     command_trail::fail_shell("cp ", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
@@ -184,7 +184,7 @@ TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_ends_it) {
     EXPECT_EQ(count_of("red"), 1);
 }
 
-TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_ends_it) {
+TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_stops_the_handling) {
     add_namespace("red");
     std::filesystem::create_directory(paths::temporary_file);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
@@ -192,7 +192,7 @@ TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_ends_it) {
                                      report_ssh_ipv4));
 }
 
-TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_ends_it) {
+TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_stops_the_handling) {
     add_namespace("red");
     fake_platform::fail("mpp_namespace_created", EIO);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
@@ -204,7 +204,7 @@ TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_ends_it) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-TEST_F(ssh_vrf_test, a_unit_that_cannot_be_made_ends_it) {
+TEST_F(ssh_vrf_test, a_unit_that_cannot_be_created_stops_the_handling) {
     add_namespace("red");
     fake_platform::fail("vrf_table_lookup", ENOENT);
     EXPECT_EQ(ssh("red", created), 0);
@@ -214,8 +214,8 @@ TEST_F(ssh_vrf_test, a_unit_that_cannot_be_made_ends_it) {
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);
 }
 
-// The server may start later, by systemd or an operator; its ports must not be open then.
-TEST_F(ssh_vrf_test, a_server_that_does_not_start_has_its_lists_loaded_and_does_not_count_as_started) {
+// systemd or an operator may start the server later; its ports must not be open then.
+TEST_F(ssh_vrf_test, a_server_that_fails_to_start_has_its_lists_loaded_and_is_not_marked_as_started) {
     add_namespace("red");
     command_trail::fail_shell("systemctl restart", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
@@ -239,7 +239,7 @@ TEST_F(ssh_vrf_test, a_server_that_starts_later_gets_the_lists_that_failed_befor
                                      "enforcement_restored(server red)", "reload_acls(red)", "mpp_vrf_unblock(red)"));
 }
 
-TEST_F(ssh_vrf_test, a_table_that_cannot_be_made_ends_it) {
+TEST_F(ssh_vrf_test, a_table_that_cannot_be_created_stops_the_handling) {
     add_namespace("default");
     fail_call("create_nft_table(default)");
     EXPECT_EQ(ssh("default", created, {"four"}), 0);
@@ -277,7 +277,7 @@ TEST_F(ssh_vrf_test, an_ipv6_list_that_cannot_be_attached_blocks_its_family_only
                 ElementsAre(log_of_details("Failed to configure v6 acl for vrf:  default")));
 }
 
-TEST_F(ssh_vrf_test, without_access_lists_the_flow_goes_on) {
+TEST_F(ssh_vrf_test, a_failure_of_access_lists_does_not_stop_the_handling) {
     agent_upcalls.create_nft_table = nullptr;
     agent_upcalls.ssh_flush_nft_table = nullptr;
     agent_upcalls.ssh_configure_v4acl = nullptr;
@@ -296,7 +296,7 @@ TEST_F(ssh_vrf_test, without_access_lists_the_flow_goes_on) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
-TEST_F(ssh_vrf_test, an_access_lists_name_is_kept_up_to_64_characters) {
+TEST_F(ssh_vrf_test, an_access_list_name_is_truncated_to_64_characters) {
     const std::string longer(70, 'n');
     ssh("red", created, {longer.c_str(), longer.c_str()});
     EXPECT_EQ(find_vrf_node("red")->ssh_v4_acl, std::string(64, 'n'));
@@ -305,7 +305,7 @@ TEST_F(ssh_vrf_test, an_access_lists_name_is_kept_up_to_64_characters) {
 
 // Modification: tables, then the flushes, then each list, all while the ports are blocked.
 
-TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists_behind_blocked_ports) {
+TEST_F(ssh_vrf_test, a_modification_replaces_the_lists_while_ports_are_blocked) {
     add_namespace("red");
     ssh("red", created, {"old4", "old6"});
     forget();
@@ -317,7 +317,7 @@ TEST_F(ssh_vrf_test, a_modification_exchanges_the_lists_behind_blocked_ports) {
     EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
 }
 
-// After a restart of the agent the server may still run, and its VRF has not been blocked yet.
+// After a restart of the agent the server may still be running, and its VRF has not been blocked yet.
 TEST_F(ssh_vrf_test, a_modification_initialises_the_filter_before_the_first_block) {
     agent_handles.respawn_count = 2;
     add_namespace("red");
@@ -356,7 +356,7 @@ TEST_F(ssh_vrf_test, a_modification_of_one_family_leaves_the_other_familys_rules
     EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
 }
 
-TEST_F(ssh_vrf_test, a_modification_without_a_namespace_keeps_the_names_for_it) {
+TEST_F(ssh_vrf_test, a_modification_without_a_namespace_only_stores_the_names) {
     ssh("red", created, {"old4", "old6"});
     forget();
     EXPECT_EQ(ssh("red", changed, {"new4", nullptr}), 0);
@@ -401,8 +401,8 @@ TEST_F(ssh_vrf_test, without_tables_a_modification_only_stores_the_names) {
     EXPECT_STREQ(find_vrf_node("red")->ssh_v6_acl, "new6");
 }
 
-// A table that could not be emptied keeps its rules; the other family's is filled again whatever happens.
-TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_keep_the_other_from_its_list) {
+// A table that could not be flushed keeps its rules; the other family's is loaded nevertheless.
+TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_affect_the_other) {
     const struct {
         std::string failing;
         const char* loaded;
@@ -438,7 +438,7 @@ TEST_F(ssh_vrf_test, a_failure_in_one_family_does_not_keep_the_other_from_its_li
     }
 }
 
-TEST_F(ssh_vrf_test, a_list_that_is_loaded_after_all_unblocks_its_family) {
+TEST_F(ssh_vrf_test, a_list_that_is_loaded_later_unblocks_its_family) {
     add_namespace("red");
     fail_call("ssh_configure_v4acl(red, 0)");
     ssh("red", created, {"four"});
@@ -449,7 +449,7 @@ TEST_F(ssh_vrf_test, a_list_that_is_loaded_after_all_unblocks_its_family) {
     EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
 }
 
-TEST_F(ssh_vrf_test, an_item_without_the_list_that_failed_unblocks_its_family) {
+TEST_F(ssh_vrf_test, an_item_without_the_failed_list_unblocks_its_family) {
     add_namespace("red");
     fail_call("ssh_configure_v4acl(red, 0)");
     ssh("red", created, {"four"});
@@ -458,7 +458,7 @@ TEST_F(ssh_vrf_test, an_item_without_the_list_that_failed_unblocks_its_family) {
     EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
 }
 
-TEST_F(ssh_vrf_test, deleting_the_item_unblocks_the_family_of_the_list_that_failed) {
+TEST_F(ssh_vrf_test, deleting_the_item_unblocks_the_family_of_the_failed_list) {
     add_namespace("red");
     fail_call("ssh_configure_v4acl(red, 0)");
     for (const bool netconf_stays : {false, true}) {
@@ -473,7 +473,7 @@ TEST_F(ssh_vrf_test, deleting_the_item_unblocks_the_family_of_the_list_that_fail
     }
 }
 
-TEST_F(ssh_vrf_test, rules_of_a_list_that_is_no_longer_named_are_reported_when_they_cannot_be_removed) {
+TEST_F(ssh_vrf_test, rules_of_an_old_list_that_cannot_be_removed_are_reported) {
     add_namespace("red");
     ssh("red", created, {"four"});
     fail_call("ssh_flush_nft_table(red, 0)");
@@ -517,7 +517,7 @@ TEST_F(ssh_vrf_test, a_modification_of_a_vrf_without_node_does_nothing) {
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-TEST_F(ssh_vrf_test, a_modification_touches_neither_file_nor_server) {
+TEST_F(ssh_vrf_test, a_modification_changes_neither_file_nor_server) {
     add_namespace("red");
     ssh("red", created);
     const std::string file = read_file(server_file("red"));
@@ -529,7 +529,7 @@ TEST_F(ssh_vrf_test, a_modification_touches_neither_file_nor_server) {
 
 // Removal.
 
-TEST_F(ssh_vrf_test, the_last_item_takes_the_server_with_it) {
+TEST_F(ssh_vrf_test, the_server_is_removed_with_the_last_item) {
     add_namespace("red");
     ssh("red", created, {"four", "six"});
     forget();
@@ -543,22 +543,22 @@ TEST_F(ssh_vrf_test, the_last_item_takes_the_server_with_it) {
                 Contains("vrf:=red, refCnt:=0, ssh server will be stopped if refcnt is 0"));
 }
 
-// The unit is a file of its own: it goes with the namespace.
-TEST_F(ssh_vrf_test, the_unit_stays_when_the_server_goes) {
+// The unit exists independently and is removed with the namespace.
+TEST_F(ssh_vrf_test, the_unit_remains_when_the_server_is_removed) {
     add_namespace("red");
     ssh("red", created);
     ssh("red", deleted);
     EXPECT_TRUE(path_exists(unit_file("red")));
 }
 
-TEST_F(ssh_vrf_test, lists_that_were_not_given_are_not_taken_back) {
+TEST_F(ssh_vrf_test, only_configured_lists_are_detached) {
     ssh("red", created, {nullptr, "six"});
     forget();
     ssh("red", deleted);
     EXPECT_THAT(trail(), ElementsAre("ssh_remove_v6acl_config(red, 2)", "mpp_vrf_unset(1, red)"));
 }
 
-TEST_F(ssh_vrf_test, a_server_that_somebody_else_needs_is_restarted_without_the_port) {
+TEST_F(ssh_vrf_test, a_server_with_another_user_is_restarted_without_the_port) {
     add_namespace("red");
     netconf("red", created);
     ssh("red", created, {"four"});
@@ -574,7 +574,7 @@ TEST_F(ssh_vrf_test, a_server_that_somebody_else_needs_is_restarted_without_the_
                 Contains("vrf:=red, refCnt:=1, ssh server will be stopped if refcnt is 0"));
 }
 
-TEST_F(ssh_vrf_test, a_server_whose_file_stays_as_it_is_is_not_restarted) {
+TEST_F(ssh_vrf_test, a_server_whose_file_did_not_change_is_not_restarted) {
     add_namespace("red");
     netconf("red", created);
     ssh("red", created);
@@ -597,7 +597,7 @@ TEST_F(ssh_vrf_test, a_server_with_two_other_users_is_not_restarted) {
     EXPECT_EQ(read_file(server_file("default")), std::string(default_file) + netconf_line + "Port 830\n");
 }
 
-TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_removed_leaves_everything) {
+TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_removed_leaves_everything_unchanged) {
     add_namespace("red");
     ssh("red", created, {"four"});
     std::filesystem::create_directory(paths::temporary_file);
@@ -609,7 +609,7 @@ TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_removed_leaves_everything) {
     EXPECT_TRUE(path_exists(server_file("red")));
 }
 
-TEST_F(ssh_vrf_test, removing_what_is_not_there_does_nothing) {
+TEST_F(ssh_vrf_test, removing_a_missing_item_does_nothing) {
     EXPECT_EQ(ssh("red", deleted), 0);
     EXPECT_THAT(trail(), ElementsAre());
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
@@ -627,7 +627,7 @@ TEST_F(ssh_vrf_test, a_failing_protection_service_is_only_traced) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
-TEST_F(ssh_vrf_test, vrfs_do_not_meet) {
+TEST_F(ssh_vrf_test, vrfs_are_independent) {
     add_namespace("red");
     ssh("red", created);
     ssh("green", created);
@@ -638,7 +638,7 @@ TEST_F(ssh_vrf_test, vrfs_do_not_meet) {
     EXPECT_THAT(trail(), ElementsAre("mpp_vrf_unset(1, green)"));
 }
 
-// The SSH port's line is written whatever the table says.
+// The SSH port's line is written whatever the table contains.
 TEST_F(ssh_vrf_test, a_configured_port_does_not_replace_the_ports_line) {
     server_config.parameters[SERVER_PORT].current = "2222";
     EXPECT_EQ(ssh("red", created), 0);

@@ -1,4 +1,4 @@
-/// Changes of the three items that decide in which VRFs a server runs.
+/// Applies changes of the three items that decide in which VRFs a server runs.
 #ifndef UNIT_VRF_APPLIERS_TEST_H
 #define UNIT_VRF_APPLIERS_TEST_H
 
@@ -15,7 +15,7 @@ inline constexpr uint32_t deleted = DATASTORE_EVENT_DELETE;
 
 inline constexpr char netconf_line[] = "Subsystem netconf /pkg/bin/netconf_sshd_proxy -i 0 -o 1\n";
 
-/// The access lists of an item; null for one that is not given.
+/// The access lists of an item; null for one that is absent.
 struct lists {
     const char* v4 = nullptr;
     const char* v6 = nullptr;

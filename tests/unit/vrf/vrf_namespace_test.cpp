@@ -6,7 +6,7 @@ namespace {
 
 using vrf_namespace_test = vrf_test;
 
-TEST_F(vrf_namespace_test, exists_when_its_file_does) {
+TEST_F(vrf_namespace_test, exists_if_its_file_does) {
     EXPECT_FALSE(vrf_namespace_exists("red"));
     add_namespace("red");
     EXPECT_TRUE(vrf_namespace_exists("red"));

@@ -1,5 +1,5 @@
-/// A node for tests of VRFs: a default server file, no VRF yet, the initial scan done, access lists and telemetry that
-/// record how they are called.
+/// Fixture of the VRF tests: a default server file, no VRF yet, a completed initial scan, and access lists and
+/// telemetry that record their calls.
 #ifndef UNIT_VRF_TEST_H
 #define UNIT_VRF_TEST_H
 
@@ -41,14 +41,14 @@ class vrf_test : public agent_test {
         forget_vrf_nodes();
     }
 
-    /// Nothing that has happened so far counts.
+    /// Clears what was recorded so far.
     static void forget() {
         fake_platform::clear_calls();
         fake_platform::clear_reports();
         stub_commands::clear_log();
     }
 
-    /// What was called since, in order: the platform's operations, shell commands ("$ ..."), access lists, telemetry.
+    /// The calls so far, in order: the platform's operations, shell commands ("$ ..."), access lists, telemetry.
     static std::vector<std::string> trail() { return fake_platform::calls(); }
 
     static std::string unit_file(const std::string& vrf) {
@@ -63,13 +63,13 @@ class vrf_test : public agent_test {
     static void add_namespace(const std::string& vrf) { scratch_root::add_namespace_file("vrf-" + vrf); }
     static void remove_namespace(const std::string& vrf) { scratch_root::remove_namespace_file("vrf-" + vrf); }
 
-    /// A call of the access lists' functions ("ssh_configure_v4acl(red, 0)") fails from now on.
+    /// Makes a call of the access-list functions ("ssh_configure_v4acl(red, 0)") fail.
     static void fail_call(const std::string& call) { failing.insert(call); }
     static void clear_failed_calls() { failing.clear(); }
 
     static std::string log_of_details(const std::string& text) { return "ERR_DETAILS: " + text; }
 
-    /// Whether the trace of failures has an entry with these arguments.
+    /// Whether the error trace has an entry with these arguments.
     static bool traced(const std::vector<std::string>& arguments) {
         for (const fake_platform::trace_line& line : fake_platform::trace_lines()) {
             if (line.arguments == arguments) {

@@ -1,4 +1,4 @@
-/// Entries in all their forms: a line or a JSON object becomes a record, and the record a line and a JSON object again.
+/// All forms of an entry: a line or JSON object is converted to a record, and the record to a line and an object again.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ class acl_forms_test : public testing::Test {
         return json;
     }
 
-    /// The fields of `json` that an empty entry has otherwise.
+    /// The fields of `json` that differ from those of an empty entry.
     static std::string difference(const control_json& json, const control_json& empty) {
         control_json kept = control_json::object();
         for (const auto& [name, value] : json.items()) {
@@ -44,7 +44,7 @@ class acl_forms_test : public testing::Test {
         return kept.dump();
     }
 
-    /// A record's numbers, its JSON form and its line, each in a line of text.
+    /// The numbers of a record, its JSON form and its line, one per line.
     static std::string forms_of(uint32_t family, const acl_stored_entry& entry) {
         const acl_stored_entry empty = empty_entry(family);
         acl_rule rule;
@@ -92,8 +92,8 @@ class acl_forms_test : public testing::Test {
     }
 };
 
-/// A condition by every operator: the highest number, the next one, a range, a range from the higher to the lower end, and
-/// what is no condition.
+/// A condition with every operator: the highest number, the next one, a range, a reversed range, and an invalid
+/// condition.
 std::vector<std::string> condition_lines(const std::string& before, const std::string& keyword, uint32_t highest,
                                          const std::string& after) {
     const std::string most = std::to_string(highest);
@@ -211,7 +211,7 @@ TEST_F(acl_forms_test, json_objects_with_each_field) {
     }
 }
 
-/// Where an operator is followed or preceded by its two numbers, ranges are judged.
+/// Where an operator has two numbers, ranges are checked.
 TEST_F(acl_forms_test, json_objects_with_each_range) {
     const std::vector<std::vector<std::string>> conditions[] = {
         {{"SourceOperator", "SourcePort1", "SourcePort2"},
@@ -248,7 +248,7 @@ TEST_F(acl_forms_test, json_objects_with_each_range) {
     }
 }
 
-/// The present mark and the operator of a DSCP condition are two fields, of which a JSON object may give one alone.
+/// A DSCP condition has two fields, the presence flag and the operator; a JSON object may contain only one of them.
 TEST_F(acl_forms_test, json_objects_with_dscp) {
     for (const uint32_t family : both_families) {
         const bool ipv6 = family == ACL_FAMILY_IPV6;
@@ -266,8 +266,8 @@ TEST_F(acl_forms_test, json_objects_with_dscp) {
     }
 }
 
-/// Every field of the JSON form, its order and its value in an entry that has none and in one that has all conditions.
-TEST_F(acl_forms_test, whole_json_objects) {
+/// Every field of the JSON form in order, with its value in an empty entry and in one with all conditions.
+TEST_F(acl_forms_test, complete_json_objects) {
     std::string text;
     for (const uint32_t family : both_families) {
         text += named_fields(family, empty_entry(family)).dump(1) + '\n';

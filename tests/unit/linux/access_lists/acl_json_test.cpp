@@ -64,7 +64,7 @@ TEST_F(acl_json_test, reads_every_field) {
     EXPECT_EQ(rule.conditions[ACL_FRAGMENT_OFFSET].operation, ACL_NE);
 }
 
-TEST_F(acl_json_test, writes_what_it_reads) {
+TEST_F(acl_json_test, round_trips) {
     const std::string full_ipv6 =
         R"({"SequenceNumber":7,"IsPacketAllowOrDeny":"deny","IsProtocolOperator":0,"IsIPV6ProtocolType":513,)"
         R"("IsSourceAddressInNumbers":"2001:db8::","IsSourceAddressPrefixLength":32,"SourceMask":"ffff:ffff::",)"
@@ -84,7 +84,7 @@ TEST_F(acl_json_test, writes_what_it_reads) {
     }
 }
 
-TEST_F(acl_json_test, takes_enumerations_and_flags_by_number) {
+TEST_F(acl_json_test, accepts_enumerations_and_flags_as_numbers) {
     const acl_rule rule =
         rule_of(ACL_FAMILY_IPV4, R"({"Grant":1,"DestinationOperator":5,"DestinationPort1":1,"DestinationPort2":9,)"
                                  R"("LogOption":1,"DSCPPresent":1,"DSCPOperator":2,"DSCP":7,"TCPFlagsOperator":2})");
@@ -95,7 +95,7 @@ TEST_F(acl_json_test, takes_enumerations_and_flags_by_number) {
     EXPECT_EQ(rule.tcp_flags_operation, 2);
 }
 
-TEST_F(acl_json_test, names_the_wrong_field_and_what_would_be_right) {
+TEST_F(acl_json_test, names_the_wrong_field_and_the_expected_value) {
     struct wrong_entry {
         uint32_t family;
         const char* text;

@@ -17,7 +17,7 @@ acl_rule parsed(uint32_t family, const std::string& line) {
     return rule;
 }
 
-/// The line as it is written after having been read.
+/// The line as it is printed after it was parsed.
 std::string again(uint32_t family, const std::string& line) {
     acl_rule rule = parsed(family, line);
     return acl_format_line(family, rule);
@@ -57,7 +57,7 @@ TEST(acl_line_test, reads_every_part_of_an_entry) {
     EXPECT_TRUE(rule.log);
 }
 
-TEST(acl_line_test, writes_what_it_reads) {
+TEST(acl_line_test, round_trips) {
     for (const char* line : {
              "10 permit tcp any any",
              "20 deny ipv4 any any log",
@@ -78,7 +78,7 @@ TEST(acl_line_test, writes_what_it_reads) {
     }
 }
 
-TEST(acl_line_test, takes_short_forms) {
+TEST(acl_line_test, accepts_abbreviations) {
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.1.0 0.0.0.255 any"), "0 permit ipv4 10.1.1.0/24 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit 6 10.1.1.1 0.0.0.0/0"), "0 permit tcp host 10.1.1.1 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "\t1\tpermit  tcp any any dscp 46\r"), "1 permit tcp any any dscp eq 46");
@@ -86,7 +86,7 @@ TEST(acl_line_test, takes_short_forms) {
     EXPECT_EQ(again(ACL_FAMILY_IPV6, "permit tcp any any established"), "0 permit tcp any any tcp-flags +ack");
 }
 
-TEST(acl_line_test, clears_the_bits_of_an_address_that_do_not_count) {
+TEST(acl_line_test, clears_the_ignored_bits_of_an_address) {
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.1.1/24 10.1.1.255/23"), "0 permit ipv4 10.1.1.0/24 10.1.0.0/23");
     EXPECT_EQ(again(ACL_FAMILY_IPV4, "permit ip 10.1.2.3 0.255.0.255 any"), "0 permit ipv4 10.0.2.0 0.255.0.255 any");
     EXPECT_EQ(again(ACL_FAMILY_IPV6, "permit tcp 2001:db8::7/33 any"), "0 permit tcp 2001:db8::/33 any");
@@ -94,7 +94,7 @@ TEST(acl_line_test, clears_the_bits_of_an_address_that_do_not_count) {
     EXPECT_EQ(parsed(ACL_FAMILY_IPV4, "permit tcp 1.2.3.4/0 any").source.address, acl_address().address);
 }
 
-TEST(acl_line_test, passes_over_remarks_and_comments) {
+TEST(acl_line_test, skips_remarks_and_comments) {
     for (const char* line : {"", "   ", "# words", "! words", "remark words", "10 remark words"}) {
         EXPECT_EQ(refusal(ACL_FAMILY_IPV4, line), "") << line;
     }
@@ -106,7 +106,7 @@ struct wrong_line {
     const char* named;
 };
 
-TEST(acl_line_test, names_the_wrong_word_and_what_would_be_right) {
+TEST(acl_line_test, names_the_wrong_word_and_the_expected_one) {
     const wrong_line lines[] = {
         {ACL_FAMILY_IPV4, "0 permit tcp any any", "sequence \"0\": expected a number from 1"},
         {ACL_FAMILY_IPV4, "4294967295 permit tcp any any", "sequence \"4294967295\""},
@@ -166,7 +166,7 @@ std::vector<acl_rule> numbered(std::initializer_list<uint32_t> numbers) {
     return rules;
 }
 
-TEST(acl_line_test, numbers_in_steps_of_ten_and_puts_in_order) {
+TEST(acl_line_test, numbers_entries_in_steps_of_ten_and_sorts_them) {
     std::vector<acl_rule> rules = numbered({0, 0, 5, 0, 100});
     std::string error;
     ASSERT_TRUE(acl_number_rules(rules, error)) << error;
@@ -177,7 +177,7 @@ TEST(acl_line_test, numbers_in_steps_of_ten_and_puts_in_order) {
     EXPECT_EQ(numbers, (std::vector<uint32_t>{5, 10, 15, 20, 100}));
 }
 
-TEST(acl_line_test, a_number_that_stands_twice_is_named) {
+TEST(acl_line_test, names_a_duplicate_number) {
     std::vector<acl_rule> rules = numbered({10, 20, 10});
     std::string error;
     EXPECT_FALSE(acl_number_rules(rules, error));

@@ -24,7 +24,7 @@ int note_change(const acl_change_notice* notice) {
     return callback_result;
 }
 
-int note_change_too(const acl_change_notice* notice) {
+int another_callback(const acl_change_notice* notice) {
     notices.push_back("too: " + shown(notice));
     return 0;
 }
@@ -54,8 +54,8 @@ class acl_service_test : public control_test::calls_test {
         return handle;
     }
 
-    /// One turn of the loop: what it was told since the turn before.
-    std::vector<std::string> told_by_the_loop() {
+    /// One turn of the loop: the notices received since the last turn.
+    std::vector<std::string> notices_from_the_loop() {
         sd_event_run(event_manager_sd_event(manager), 0);
         sd_event_run(event_manager_sd_event(manager), 0);
         return std::exchange(notices, {});
@@ -83,7 +83,7 @@ class acl_service_test : public control_test::calls_test {
     std::vector<acl_handle*> handles;
 };
 
-TEST_F(acl_service_test, a_list_is_there_after_reopening) {
+TEST_F(acl_service_test, a_list_survives_reopening) {
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(2)), PLATFORM_OK);
     reopen();
     EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 record1", "20 record2"));
@@ -91,29 +91,29 @@ TEST_F(acl_service_test, a_list_is_there_after_reopening) {
     EXPECT_EQ(acl_list_entries(ACL_FAMILY_IPV6, "ops", none), DATASTORE_NO_SUCH_LIST);
 }
 
-TEST_F(acl_service_test, a_list_is_replaced_whole_or_not_at_all) {
+TEST_F(acl_service_test, a_list_is_replaced_completely_or_not_at_all) {
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(3, "old")), PLATFORM_OK);
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "new")), PLATFORM_OK);
     EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 new1"));
 }
 
-TEST_F(acl_service_test, a_list_that_cannot_be_stored_stays_and_nobody_is_told) {
+TEST_F(acl_service_test, a_list_that_cannot_be_stored_is_kept_without_a_notice) {
     datastore_close();
     datastore_test::memory = {};
     datastore_configure(&datastore_test::engine_in_memory, database().c_str());
     ASSERT_EQ(datastore_open(), PLATFORM_OK);
     subscribe(ACL_FAMILY_IPV4, "ops");
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "old")), PLATFORM_OK);
-    told_by_the_loop();
+    notices_from_the_loop();
     const uint32_t before = datastore_test::memory.operations;
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "old")), PLATFORM_OK);
     const uint32_t operations = datastore_test::memory.operations - before;
-    told_by_the_loop();
+    notices_from_the_loop();
     for (uint32_t failing = 1; failing <= operations; failing++) {
         datastore_test::memory.fail_at = datastore_test::memory.operations + failing;
         EXPECT_NE(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(2, "new")), PLATFORM_OK) << failing;
         EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 old1")) << failing;
-        EXPECT_THAT(told_by_the_loop(), IsEmpty()) << failing;
+        EXPECT_THAT(notices_from_the_loop(), IsEmpty()) << failing;
     }
 }
 
@@ -130,62 +130,62 @@ TEST_F(acl_service_test, names_are_listed_by_family) {
     EXPECT_THAT(names, ElementsAre("six"));
 }
 
-TEST_F(acl_service_test, notices_come_from_the_loop) {
+TEST_F(acl_service_test, notices_are_sent_by_the_loop) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
     EXPECT_THAT(notices, IsEmpty());
-    EXPECT_THAT(told_by_the_loop(), ElementsAre("ops present"));
-    EXPECT_THAT(told_by_the_loop(), IsEmpty());
+    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
+    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
 }
 
-TEST_F(acl_service_test, a_callback_is_told_once_however_many_handles_have_it) {
+TEST_F(acl_service_test, a_callback_is_called_once_however_many_handles_register_it) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     subscribe(ACL_FAMILY_IPV4, "ops");
-    subscribe(ACL_FAMILY_IPV4, "ops", note_change_too);
+    subscribe(ACL_FAMILY_IPV4, "ops", another_callback);
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), testing::UnorderedElementsAre("ops present", "too: ops present"));
+    EXPECT_THAT(notices_from_the_loop(), testing::UnorderedElementsAre("ops present", "too: ops present"));
 }
 
-TEST_F(acl_service_test, changes_before_the_loop_is_reached_are_one) {
+TEST_F(acl_service_test, changes_within_one_turn_of_the_loop_are_one_notice) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     subscribe(ACL_FAMILY_IPV4, "other");
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "other", entries(1)), PLATFORM_OK);
     ASSERT_EQ(acl_list_delete(ACL_FAMILY_IPV4, "ops"), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), ElementsAre("other present", "ops gone"));
+    EXPECT_THAT(notices_from_the_loop(), ElementsAre("other present", "ops gone"));
 }
 
-TEST_F(acl_service_test, an_emptied_list_is_gone) {
+TEST_F(acl_service_test, an_emptied_list_no_longer_exists) {
     subscribe(ACL_FAMILY_IPV6, "six");
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV6, "six", {}), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), ElementsAre("six gone"));
+    EXPECT_THAT(notices_from_the_loop(), ElementsAre("six gone"));
 }
 
-TEST_F(acl_service_test, other_lists_families_and_former_subscribers_are_not_told) {
+TEST_F(acl_service_test, other_lists_families_and_former_subscribers_get_no_notice) {
     subscribe(ACL_FAMILY_IPV6, "ops");
     subscribe(ACL_FAMILY_IPV4, "other");
     acl_handle* former = subscribe(ACL_FAMILY_IPV4, "ops");
     ASSERT_EQ(acl_service_unregister_callback(former, note_change), PLATFORM_OK);
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), IsEmpty());
+    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
 }
 
-TEST_F(acl_service_test, a_change_that_fails_somewhere_does_not_end_the_next) {
+TEST_F(acl_service_test, a_failed_callback_does_not_affect_the_next_change) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     callback_result = 1;
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), ElementsAre("ops present"));
+    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(told_by_the_loop(), ElementsAre("ops present"));
+    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
 }
 
-TEST_F(acl_service_test, wrong_use_of_handles_is_refused) {
+TEST_F(acl_service_test, invalid_use_of_handles_is_refused) {
     acl_handle* handle = nullptr;
     EXPECT_EQ(acl_service_get_list(5, "ops", manager, &handle), platform_status{EINVAL});
     EXPECT_EQ(acl_service_get_list(ACL_FAMILY_IPV4, nullptr, manager, &handle), platform_status{EINVAL});
     handle = subscribe(ACL_FAMILY_IPV4, "ops");
     EXPECT_EQ(acl_service_register_callback(handle, note_change), platform_status{EALREADY});
-    EXPECT_EQ(acl_service_unregister_callback(handle, note_change_too), platform_status{EINVAL});
+    EXPECT_EQ(acl_service_unregister_callback(handle, another_callback), platform_status{EINVAL});
     EXPECT_EQ(acl_service_register_callback(nullptr, note_change), platform_status{EINVAL});
 }
 
@@ -199,7 +199,7 @@ TEST_F(acl_service_test, a_damaged_list_is_not_read) {
     EXPECT_EQ(acl_list_entries(ACL_FAMILY_IPV4, "ops", read), platform_status{EBADMSG});
 }
 
-TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_their_order) {
+TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_order) {
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(12)), PLATFORM_OK);
     datastore_binding* binding = bind("/oper/ipv4-acl/gl/show/access-list/");
     datastore_list* list = nullptr;
@@ -216,7 +216,7 @@ TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_their_order) 
     EXPECT_EQ(datastore_list_get(binding, "ops/", -1, &list, &count), DATASTORE_NO_SUCH_LIST);
 }
 
-TEST_F(acl_service_test, an_empty_list_is_read_like_one_that_does_not_exist) {
+TEST_F(acl_service_test, an_empty_list_is_read_like_a_missing_one) {
     ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", {}), PLATFORM_OK);
     datastore_binding* binding = bind("/oper/ipv4-acl/gl/show/access-list/");
     datastore_list* list = nullptr;
@@ -224,7 +224,7 @@ TEST_F(acl_service_test, an_empty_list_is_read_like_one_that_does_not_exist) {
     EXPECT_EQ(datastore_list_get(binding, "ops/sequencetable/", -1, &list, &count), DATASTORE_NO_SUCH_LIST);
 }
 
-TEST_F(acl_service_test, names_have_1_to_64_plain_characters) {
+TEST_F(acl_service_test, names_have_1_to_64_characters_without_control_characters) {
     for (const std::string& name : {std::string("a"), std::string("A_b-c.9"), std::string(64, 'n')}) {
         EXPECT_TRUE(acl_name_is_valid(name)) << name;
     }
@@ -257,7 +257,7 @@ TEST_F(acl_service_test, the_call_replaces_shows_lists_and_deletes) {
                                    HasSubstr("call:=acl delete, result:=done, ipv4 ops")));
 }
 
-TEST_F(acl_service_test, a_refused_call_names_the_line_and_leaves_the_list) {
+TEST_F(acl_service_test, a_refused_call_names_the_line_and_keeps_the_list) {
     ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit tcp any any"]})");
     const char* wrong =
         R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit ip any any","deny tpc any any"]})";
@@ -270,7 +270,7 @@ TEST_F(acl_service_test, a_refused_call_names_the_line_and_leaves_the_list) {
     EXPECT_EQ(ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["lines"].size(), 1U);
 }
 
-TEST_F(acl_service_test, an_empty_list_must_be_asked_for) {
+TEST_F(acl_service_test, an_empty_list_must_be_requested_explicitly) {
     ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit tcp any any"]})");
     audit.clear();
     for (const std::string& wrong :

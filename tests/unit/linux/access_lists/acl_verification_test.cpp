@@ -17,8 +17,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-/// Makes a rule of each entry's counter, whose name says what is to become of it. "ignored_SERVICE" is ignored for that
-/// service, "closing_SERVICE" closes its other ports, "bad" makes a rule that nft rejects, "broken" cannot be read.
+/// Makes a rule from the name of each entry's counter. "ignored_SERVICE" is ignored for that service, "closing_SERVICE"
+/// closes its other ports, "bad" makes a rule that nft rejects, "broken" cannot be read.
 platform_status make_test_rules(uint32_t family, uint32_t service, const acl_list_entry* entries, size_t count,
                                 acl_entry_rule* entry_rules, acl_list_rules* rules, void* context) {
     ++*static_cast<int*>(context);
@@ -57,7 +57,7 @@ class acl_verification_test : public control_test::calls_test {
         calls_test::TearDown();
     }
 
-    /// The answer to setting an IPv4 list of these lines.
+    /// The answer to setting an IPv4 list that consists of these lines.
     control_json set(const std::vector<std::string>& lines, const char* name = "ops") {
         control_json request = {{"call", "acl_set"}, {"family", "ipv4"}, {"name", name}};
         request["lines"] = lines;
@@ -85,7 +85,7 @@ class acl_verification_test : public control_test::calls_test {
 
 constexpr char fine[] = "permit tcp any any";
 
-TEST_F(acl_verification_test, what_nft_rejects_is_not_stored) {
+TEST_F(acl_verification_test, a_list_rejected_by_nft_is_not_stored) {
     ASSERT_EQ(set({fine}).value("result", ""), "done");
     EXPECT_EQ(verifier_calls, 4);  // for the check and for the warnings
     const control_json answer =
@@ -102,7 +102,7 @@ TEST_F(acl_verification_test, many_refusals_are_counted) {
     const control_json answer = set(std::vector<std::string>(30, "permit tcp any any counter bad"));
     EXPECT_EQ(answer.value("result", ""), "refused");
     EXPECT_EQ(stored_entries(), 0U);
-    // nft itself stops after ten complaints.
+    // nft itself stops after ten errors.
     EXPECT_THAT(answer.value("message", ""), HasSubstr("sequence 100: "));
 }
 
@@ -132,14 +132,14 @@ TEST_F(acl_verification_test, without_a_verifier_nothing_is_checked) {
     EXPECT_EQ(acl_service_register_verifier(&none, nullptr), platform_status{EINVAL});
 }
 
-TEST_F(acl_verification_test, an_entry_for_another_port_is_warned_of) {
+TEST_F(acl_verification_test, an_entry_for_another_port_causes_a_warning) {
     const std::vector<std::string> lines = {"permit tcp any any eq 22 counter ignored_netconf",
                                             "permit tcp any any eq 830 counter ignored_ssh",
                                             "permit tcp any any eq 80 counter ignored",
                                             "permit tcp any any eq 81 counter ignored",
                                             "permit udp any any counter ignored",
                                             "permit tcp any any counter ignored"};
-    // A list that nobody uses yet may be meant for either service.
+    // A list that is not used yet may be intended for either service.
     EXPECT_THAT(
         warnings(lines),
         ElementsAre(
@@ -159,7 +159,7 @@ TEST_F(acl_verification_test, an_entry_for_another_port_is_warned_of) {
                     "SSH in VRF blue and with 830 for NETCONF in VRF red"));
 }
 
-TEST_F(acl_verification_test, an_entry_that_closes_other_ports_is_warned_of) {
+TEST_F(acl_verification_test, an_entry_that_closes_other_ports_causes_a_warning) {
     EXPECT_THAT(
         warnings({"deny tcp any any neq 22 counter closing_ssh"}),
         ElementsAre("IPv4 access list ops: sequence 10 closes every TCP port but 22, also those of other programs, "
@@ -174,7 +174,7 @@ TEST_F(acl_verification_test, an_entry_that_closes_other_ports_is_warned_of) {
                     "where the list is used for SSH in VRFs blue and red"));
 }
 
-TEST_F(acl_verification_test, items_are_warned_of_the_entries_of_their_lists) {
+TEST_F(acl_verification_test, items_cause_warnings_about_the_entries_of_their_lists) {
     std::vector<std::string> lines(7, "permit tcp any any eq 80 counter ignored");
     set(lines);
     ask(R"({"call":"acl_set","family":"ipv6","name":"ops","lines":["permit tcp any any"]})");
@@ -186,7 +186,7 @@ TEST_F(acl_verification_test, items_are_warned_of_the_entries_of_their_lists) {
         std::vector<std::string>{"IPv4 access list ops: sequences 10, 20, 30, 40, 50 and 2 more never match: their "
                                  "destination port is compared with 22 for SSH in VRF blue and with 830 for NETCONF "
                                  "in VRF blue"});
-    EXPECT_EQ(verifier_calls, 4);  // once for each list and service
+    EXPECT_EQ(verifier_calls, 4);  // once per list and service
     EXPECT_FALSE(ask(R"({"call":"set","path":"@cmn/timeout","value":46})").contains("warnings"));
     EXPECT_EQ(verifier_calls, 4);
 }

@@ -19,7 +19,7 @@ class acl_warnings_test : public control_test::calls_test {
         ASSERT_EQ(acl_list_replace(family, name, std::vector<acl_stored_entry>(entries, {10, "record"})), PLATFORM_OK);
     }
 
-    /// The warnings in the answer to a request that was carried out.
+    /// The warnings in the answer to a successful request.
     std::vector<std::string> warnings(const std::string& request) {
         const control_json answer = ask(request);
         EXPECT_EQ(answer.value("result", ""), "done") << control_json_text(answer);
@@ -38,7 +38,7 @@ TEST_F(acl_warnings_test, a_list_that_does_not_exist_leaves_the_port_open) {
     EXPECT_THAT(bind("vrf-netconf/blue", R"([null,"opps","sox"])"),
                 ElementsAre("VRF blue: NETCONF is open to every IPv4 source: there is no IPv4 access list opps",
                             "VRF blue: NETCONF is open to every IPv6 source: there is no IPv6 access list sox"));
-    // Setting the same value again changes nothing, but it still deserves the warning.
+    // Setting the same value again changes nothing, but the warning still applies.
     EXPECT_EQ(bind("vrf/blue", R"([null,"opps","ops6"])").size(), 1U);
 }
 
@@ -60,7 +60,7 @@ TEST_F(acl_warnings_test, a_list_of_one_family_leaves_the_other_open) {
     EXPECT_THAT(bind("vrf/blue", "[null]"), IsEmpty());
 }
 
-TEST_F(acl_warnings_test, a_load_warns_of_each_item_even_if_it_only_checks) {
+TEST_F(acl_warnings_test, a_load_warns_about_each_item_even_if_it_only_checks) {
     const std::string request =
         R"({"call":"load","check":true,"items":{"@sshd/vrf/blue":[null,"a","b"],"@sshd/vrf/red":[null,"a"],)"
         R"("@cmn/timeout":45}})";
@@ -71,7 +71,7 @@ TEST_F(acl_warnings_test, a_load_warns_of_each_item_even_if_it_only_checks) {
                             "VRF red: SSH is open to every IPv6 source: the item names only an IPv4 access list"));
 }
 
-TEST_F(acl_warnings_test, the_default_vrf_may_lose_its_lists_and_keep_its_server) {
+TEST_F(acl_warnings_test, the_default_vrf_may_lose_its_lists_but_keep_its_server) {
     add_list(ACL_FAMILY_IPV4, "ops");
     add_list(ACL_FAMILY_IPV6, "ops");
     const std::string lists = R"([null,"ops","ops"])";

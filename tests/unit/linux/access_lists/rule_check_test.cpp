@@ -27,7 +27,7 @@ rule_check check(std::string_view text, milliseconds limit = seconds(20)) {
     return check_rules({text}, limit).at(0);
 }
 
-/// Makes nft a shell script.
+/// Replaces nft with a shell script.
 void script_nft(const std::string& commands) {
     std::filesystem::remove(nft);
     write_file(nft, "#!/bin/sh\n" + commands + '\n');
@@ -38,7 +38,7 @@ bool exists(pid_t process) {
     return kill(process, 0) == 0;
 }
 
-/// The process whose id the script has written; 0 if it has not.
+/// The process id that the script has written; 0 if there is none.
 pid_t written_process() {
     const std::string text = read_file("/tmp/nft_process");
     return text.empty() || text.back() != '\n' ? 0 : std::stoi(text);
@@ -51,7 +51,7 @@ bool eventually(const std::function<bool()>& condition) {
     return condition();
 }
 
-TEST(rule_check_test, nft_judges_each_text) {
+TEST(rule_check_test, nft_checks_each_text) {
     const std::vector<rule_check> checks = check_rules({good, bad, good}, seconds(20));
     ASSERT_EQ(checks.size(), 3U);
     EXPECT_EQ(checks[0].verdict, rule_verdict::loadable) << checks[0].words;
@@ -64,12 +64,12 @@ TEST(rule_check_test, nft_judges_each_text) {
     EXPECT_THAT(check_rules({}, seconds(20)), IsEmpty());
 }
 
-TEST(rule_check_test, nothing_is_loaded_anywhere) {
+TEST(rule_check_test, nothing_is_loaded) {
     EXPECT_EQ(check(good).verdict, rule_verdict::loadable);
     EXPECT_EQ(platform_test::output_of("nft list tables"), "");
 }
 
-TEST(rule_check_test, nft_runs_in_a_network_namespace_of_its_own_that_ends_with_it) {
+TEST(rule_check_test, nft_runs_in_a_temporary_network_namespace) {
     script_nft(
         "readlink /proc/self/ns/net > /tmp/nft_namespace; echo \"$*\" > /tmp/nft_arguments; cat > /tmp/nft_input");
     EXPECT_EQ(check("the rules").verdict, rule_verdict::loadable);
@@ -81,7 +81,7 @@ TEST(rule_check_test, nft_runs_in_a_network_namespace_of_its_own_that_ends_with_
     EXPECT_THAT(platform_test::output_of("lsns -t net -n -o NS"), testing::Not(HasSubstr(its_own.substr(5, 10))));
 }
 
-TEST(rule_check_test, nft_that_hangs_is_ended_and_gives_no_verdict) {
+TEST(rule_check_test, a_hanging_nft_is_killed_and_there_is_no_result) {
     script_nft("echo $$ > /tmp/nft_process; exec sleep 1000");
     const auto before = std::chrono::steady_clock::now();
     const std::vector<rule_check> checks = check_rules({good, good}, milliseconds(300));
@@ -94,7 +94,7 @@ TEST(rule_check_test, nft_that_hangs_is_ended_and_gives_no_verdict) {
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
-TEST(rule_check_test, nft_dies_with_the_process_that_waits_for_it) {
+TEST(rule_check_test, nft_dies_with_its_parent) {
     script_nft("echo $$ > /tmp/nft_process; exec sleep 1000");
     const pid_t agent = fork();
     if (agent == 0) {
@@ -108,13 +108,13 @@ TEST(rule_check_test, nft_dies_with_the_process_that_waits_for_it) {
     EXPECT_TRUE(eventually([] { return !exists(written_process()); }));
 }
 
-TEST(rule_check_test, without_nft_there_is_no_verdict) {
+TEST(rule_check_test, without_nft_there_is_no_result) {
     std::filesystem::remove(nft);
     EXPECT_EQ(check(good).verdict, rule_verdict::unknown);
     EXPECT_EQ(check(good).words, "/usr/sbin/nft cannot be run: No such file or directory");
 }
 
-TEST(rule_check_test, nft_that_is_killed_gives_no_verdict) {
+TEST(rule_check_test, if_nft_is_killed_there_is_no_result) {
     script_nft("kill -11 $$");
     EXPECT_EQ(check(good).verdict, rule_verdict::unknown);
     EXPECT_EQ(check(good).words, "nft was killed by signal 11");
@@ -122,20 +122,20 @@ TEST(rule_check_test, nft_that_is_killed_gives_no_verdict) {
     EXPECT_EQ(check(good).verdict, rule_verdict::unknown);
 }
 
-TEST(rule_check_test, nft_that_rejects_without_a_word_has_rejected) {
+TEST(rule_check_test, a_silent_rejection_by_nft_is_a_rejection) {
     script_nft("exit 1");
     EXPECT_EQ(check(good).verdict, rule_verdict::rejected);
     EXPECT_EQ(check(good).words, "nft ended with status 1");
 }
 
-TEST(rule_check_test, without_descriptors_there_is_no_verdict) {
+TEST(rule_check_test, without_descriptors_there_is_no_result) {
     const platform_test::no_descriptors_left none;
     const rule_check result = check(good);
     EXPECT_EQ(result.verdict, rule_verdict::unknown);
     EXPECT_THAT(result.words, HasSubstr("nft cannot be started: Too many open files"));
 }
 
-TEST(rule_check_test, complaints_name_lines) {
+TEST(rule_check_test, error_messages_name_lines) {
     const std::vector<rule_complaint> complaints = rule_complaints(
         "/dev/stdin:8:17-40: Error: Could not process rule: Invalid argument\n   ip saddr x\n   ^^^\n"
         "Error: something else\nnetlink: no error\n/dev/stdin:12:1-2: Error: twelve");

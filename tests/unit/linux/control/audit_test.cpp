@@ -22,14 +22,14 @@ class control_audit_test : public testing::Test {
     std::vector<std::string> lines;
 };
 
-TEST_F(control_audit_test, says_who_did_what_with_which_result) {
+TEST_F(control_audit_test, records_user_action_and_result) {
     control_audit(peer, "load", control_result::done, {"created /a", "deleted /b"});
     control_audit(peer, "set", control_result::refused, {});
     EXPECT_THAT(lines, ElementsAre("Control: uid:=1000, pid:=42, call:=load, result:=done, created /a, deleted /b",
                                    "Control: uid:=1000, pid:=42, call:=set, result:=refused, nothing to change"));
 }
 
-TEST_F(control_audit_test, leaves_no_change_out_however_many_there_are) {
+TEST_F(control_audit_test, records_every_change_however_many_there_are) {
     std::vector<std::string> entries;
     for (int number = 0; number < 1000; number++) {
         entries.push_back("created /cfg/gl/item/number/" + std::to_string(number) + "/");
@@ -46,14 +46,14 @@ TEST_F(control_audit_test, leaves_no_change_out_however_many_there_are) {
     }
 }
 
-TEST_F(control_audit_test, what_a_peer_sent_stays_within_its_line) {
+TEST_F(control_audit_test, text_sent_by_a_peer_cannot_leave_its_line) {
     control_audit(peer, "set", control_result::refused, {"/a\nControl: uid:=0", std::string(5000, 'x')});
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_THAT(lines[0], HasSubstr("/a\\x0aControl: uid:=0"));
     EXPECT_LT(lines[0].size(), 1000U);
 }
 
-TEST_F(control_audit_test, goes_to_the_journal_with_fields_of_its_own) {
+TEST_F(control_audit_test, is_sent_to_the_journal_with_its_own_fields) {
     platform_test::journal_listener journal;
     control_audit_divert({});
     control_audit(peer, "set", control_result::done, {"changed /a"});

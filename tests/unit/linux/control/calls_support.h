@@ -1,4 +1,4 @@
-/// What the tests of the control socket's calls share: a served datastore, requests as JSON text, the audit's lines.
+/// Helpers for the tests of the control socket's calls: a served datastore, requests as JSON text, the audit log.
 #ifndef UNIT_LINUX_CONTROL_CALLS_SUPPORT_H
 #define UNIT_LINUX_CONTROL_CALLS_SUPPORT_H
 
@@ -12,7 +12,7 @@
 
 namespace control_test {
 
-// The name datastore_test alone is the fixture within its own descendants.
+// Within classes derived from it, the name datastore_test means the fixture.
 using ::datastore_test::server_path;
 
 class calls_test : public datastore_test::served_datastore_test {
@@ -26,7 +26,7 @@ class calls_test : public datastore_test::served_datastore_test {
         served_datastore_test::TearDown();
     }
 
-    /// The answer to a request; '@' in it stands for the server's settings.
+    /// The answer to a request, in which '@' stands for the server's settings.
     control_json ask(std::string request) {
         for (size_t at = request.find('@'); at != std::string::npos; at = request.find('@')) {
             request.replace(at, 1, server_path);

@@ -42,7 +42,7 @@ TEST_F(control_calls_test, a_missing_or_wrong_member_is_a_usage_error_that_names
     EXPECT_TRUE(take_calls().empty());
 }
 
-TEST_F(control_calls_test, members_that_a_call_does_not_know_do_no_harm) {
+TEST_F(control_calls_test, unknown_members_are_ignored) {
     EXPECT_EQ(result(R"({"call":"dump","colour":"red"})"), "done");
 }
 
@@ -67,14 +67,14 @@ class control_standby_test : public control_test::calls_test {
     }
 };
 
-TEST_F(control_standby_test, status_says_standby) {
+TEST_F(control_standby_test, status_shows_the_standby) {
     const control_json answer = ask(R"({"call":"status"})");
     EXPECT_EQ(answer["result"], "done");
     EXPECT_EQ(answer["data"]["role"], "standby");
     EXPECT_TRUE(answer["data"]["vrfs"].empty());
 }
 
-TEST_F(control_standby_test, the_configuration_is_read_from_a_database_that_is_open_only_meanwhile) {
+TEST_F(control_standby_test, the_configuration_is_read_from_a_database_opened_for_the_call) {
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
     EXPECT_EQ(data(R"({"call":"dump"})"), R"({"/cfg/gl/crypto/ssh/server/cmn/timeout":45})");
     EXPECT_EQ(result(R"({"call":"acl_list"})"), "done");
@@ -97,7 +97,7 @@ TEST_F(control_standby_test, changes_are_refused) {
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
 }
 
-TEST_F(control_standby_test, what_only_a_primary_has_is_no_data) {
+TEST_F(control_standby_test, data_of_a_primary_node_is_not_available) {
     for (const char* request : {R"({"call":"show","path":"/oper/crypto-ssh/gl/server-params"})",
                                 R"({"call":"vrf_list"})", R"({"call":"watch"})", R"({"call":"verify"})"}) {
         EXPECT_EQ(result(request), "no_data") << request;

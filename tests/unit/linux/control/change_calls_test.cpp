@@ -18,7 +18,7 @@ using testing::IsEmpty;
 
 class control_change_calls_test : public control_test::calls_test {
   protected:
-    /// Refused with a text that names what it should; nothing is stored, no handler called, and the audit knows of it.
+    /// Refused with a text that contains `reason`; nothing is stored, no handler is called, and the refusal is audited.
     void expect_refused(const std::string& request, const std::vector<std::string>& named) {
         audit.clear();
         const control_json answer = ask(request);
@@ -33,7 +33,7 @@ class control_change_calls_test : public control_test::calls_test {
     }
 };
 
-TEST_F(control_change_calls_test, set_stores_applies_and_is_audited) {
+TEST_F(control_change_calls_test, set_stores_applies_and_audits) {
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     EXPECT_EQ(
         control_json_text(answer),
@@ -59,7 +59,7 @@ TEST_F(control_change_calls_test, a_value_without_effect_on_this_machine_is_stor
     EXPECT_FALSE(ask(R"({"call":"delete","path":"@cmn/trustpoint/host"})").contains("warnings"));
 }
 
-TEST_F(control_change_calls_test, set_takes_words) {
+TEST_F(control_change_calls_test, set_accepts_bare_words) {
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","word":"45"})"), "done");
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/trustpoint/host","word":"corp-ca"})"), "done");
     EXPECT_EQ(result(R"({"call":"set","path":"@sshd/vrf/blue","word":"[null,\"v4\"]"})"), "done");
@@ -78,7 +78,7 @@ TEST_F(control_change_calls_test, an_equal_value_changes_nothing) {
     EXPECT_THAT(audit.back(), HasSubstr("nothing to change"));
 }
 
-TEST_F(control_change_calls_test, bad_values_are_refused_by_name) {
+TEST_F(control_change_calls_test, invalid_values_are_refused_by_name) {
     expect_refused(R"({"call":"set","path":"@cmn/timeout","value":500})",
                    {"/cfg/gl/crypto/ssh/server/cmn/timeout", "500", "5 to 120"});
     expect_refused(R"({"call":"set","path":"@cmn/timeout","word":"soon"})", {"cmn/timeout", "\"soon\"", "a number"});
@@ -94,7 +94,7 @@ TEST_F(control_change_calls_test, bad_values_are_refused_by_name) {
     expect_refused(R"({"call":"set","path":"@sshd/vrf/blue","word":"[null,\"a;b\"]"})", {"field 2 (ipv4_acl)", "a;b"});
 }
 
-TEST_F(control_change_calls_test, bad_paths_are_refused_by_name) {
+TEST_F(control_change_calls_test, invalid_paths_are_refused_by_name) {
     expect_refused(R"({"call":"set","path":"@cmn/timeot","value":30})", {"cmn/timeot"});
     expect_refused(R"({"call":"set","path":"","value":30})", {});
     expect_refused(R"({"call":"set","path":"cmn/timeout","value":30})", {"cmn/timeout"});
@@ -105,8 +105,8 @@ TEST_F(control_change_calls_test, bad_paths_are_refused_by_name) {
     }
 }
 
-TEST_F(control_change_calls_test, a_verifier_refuses_in_its_own_words) {
-    told.verify_results["cmn/timeout"] = EINVAL;
+TEST_F(control_change_calls_test, a_verifiers_refusal_contains_its_text) {
+    handlers.verify_results["cmn/timeout"] = EINVAL;
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     EXPECT_EQ(answer["result"], "refused");
     EXPECT_EQ(answer["path"], timeout_path);
@@ -115,10 +115,10 @@ TEST_F(control_change_calls_test, a_verifier_refuses_in_its_own_words) {
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("result:=refused"), HasSubstr("the verifier says no")));
 }
 
-TEST_F(control_change_calls_test, what_is_stored_and_not_in_force_is_named_in_the_answer_and_the_audit) {
+TEST_F(control_change_calls_test, items_that_are_not_in_force_are_named_in_the_answer_and_the_audit) {
     const enforcement_test::reset_at_end reset;
-    told.apply_results["cmn/timeout"] = ENOSPC;
-    told.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
+    handlers.apply_results["cmn/timeout"] = ENOSPC;
+    handlers.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     EXPECT_EQ(answer["result"], "not_in_force");
     EXPECT_EQ(
@@ -133,9 +133,9 @@ TEST_F(control_change_calls_test, what_is_stored_and_not_in_force_is_named_in_th
     EXPECT_THAT(audit.back(),
                 AllOf(HasSubstr("result:=not_in_force"), HasSubstr("created " + std::string(timeout_path)),
                       HasSubstr("stored, not in force: server blue: exit status 1")));
-    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":45}})"), "not_in_force") << "it still is not";
+    EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":45}})"), "not_in_force") << "still not in force";
     EXPECT_EQ(result(R"({"call":"load","items":{"@cmn/timeout":46},"check":true})"), "done");
-    told = {};
+    handlers = {};
     enforcement_restored("server blue");
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","value":46})"), "done");
 }
@@ -163,7 +163,7 @@ TEST_F(control_change_calls_test, load_is_all_or_nothing) {
     EXPECT_EQ(result(R"({"call":"load","items":{}})"), "done");
 }
 
-TEST_F(control_change_calls_test, load_tells_all_mistakes_at_once) {
+TEST_F(control_change_calls_test, load_reports_all_errors_at_once) {
     EXPECT_THAT(
         message(R"({"call":"load","items":{"@cmn/timeout":500,"@cmn/rate_limit":5,"/nonsense":1,"@cmn/dscp":"x"}})"),
         AllOf(HasSubstr("500 is out of range"), HasSubstr("/nonsense"), HasSubstr("\"x\" is not a number")));
@@ -184,7 +184,7 @@ TEST_F(control_change_calls_test, a_check_verifies_and_changes_nothing) {
     EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 45"));
     EXPECT_EQ(stored(timeout_path), "none");
     EXPECT_EQ(result(R"({"call":"load","check":true,"items":{"@cmn/timeout":500}})"), "refused");
-    EXPECT_THAT(audit, IsEmpty()) << "a check is no change";
+    EXPECT_THAT(audit, IsEmpty()) << "a check is not audited";
 }
 
 TEST_F(control_change_calls_test, ten_thousand_items_load_in_one_commit) {

@@ -31,7 +31,7 @@ class control_connection_test : public control_test::server_test {
     }
 };
 
-TEST_F(control_connection_test, answers_calls_one_after_the_other) {
+TEST_F(control_connection_test, answers_consecutive_calls) {
     start();
     client peer;
     for (int number = 0; number < 3; number++) {
@@ -43,7 +43,7 @@ TEST_F(control_connection_test, answers_calls_one_after_the_other) {
     }
 }
 
-TEST_F(control_connection_test, answers_requests_that_came_together_in_their_order) {
+TEST_F(control_connection_test, answers_requests_that_arrived_together_in_order) {
     start();
     client peer;
     put_all(peer, frame_of(R"({"call":"echo","n":1})") + frame_of(R"({"call":"echo","n":2})"));
@@ -51,7 +51,7 @@ TEST_F(control_connection_test, answers_requests_that_came_together_in_their_ord
     EXPECT_EQ(answer_to(peer)["data"]["n"], 2);
 }
 
-TEST_F(control_connection_test, takes_a_frame_byte_by_byte) {
+TEST_F(control_connection_test, accepts_a_frame_byte_by_byte) {
     start();
     client peer;
     for (const char byte : frame_of(R"({"call":"echo"})")) {
@@ -61,13 +61,13 @@ TEST_F(control_connection_test, takes_a_frame_byte_by_byte) {
     EXPECT_EQ(answer_to(peer)["result"], "done");
 }
 
-TEST_F(control_connection_test, takes_a_frame_of_the_greatest_size) {
+TEST_F(control_connection_test, accepts_a_frame_of_maximum_size) {
     start();
     client peer;
     const std::string frame_start = R"({"call":"echo2","pad":")";
     const std::string document = frame_start + std::string(CONTROL_FRAME_MAX - frame_start.size() - 2, 'x') + "\"}";
     ASSERT_EQ(document.size(), CONTROL_FRAME_MAX);
-    // The test's answer repeats the request, which makes it larger than a frame may be.
+    // The test's answer repeats the request, which makes it too large for a frame.
     const control_json answer = ask(peer, document);
     EXPECT_EQ(answer["result"], "failed");
     EXPECT_THAT(answer.value("message", ""), HasSubstr("the answer exceeds the maximum frame size"));
@@ -89,7 +89,7 @@ TEST_F(control_connection_test, the_answer_reaches_a_peer_that_was_still_sending
     expect_refused_and_dropped(peer, "a frame of 16777217 bytes");
 }
 
-TEST_F(control_connection_test, refuses_what_is_no_json) {
+TEST_F(control_connection_test, refuses_invalid_json) {
     start();
     expect_refused(frame_of(""), "not JSON");
     expect_refused(frame_of("{\"call\":"), "not JSON");
@@ -100,7 +100,7 @@ TEST_F(control_connection_test, refuses_what_is_no_json) {
     expect_refused(frame_of(R"({"call":"echo","call":"throw"})"), "duplicate name \"call\"");
 }
 
-TEST_F(control_connection_test, says_what_a_request_is) {
+TEST_F(control_connection_test, describes_a_valid_request) {
     start();
     client peer;
     for (const char* document : {"[]", "1", "null", "{}", R"({"call":1})", R"({"Call":"echo"})"}) {
@@ -109,7 +109,7 @@ TEST_F(control_connection_test, says_what_a_request_is) {
     EXPECT_EQ(ask(peer, R"({"call":"echo"})")["result"], "done");
 }
 
-TEST_F(control_connection_test, answers_half_a_frame) {
+TEST_F(control_connection_test, answers_an_incomplete_frame) {
     start();
     client peer;
     peer.put(frame_of(R"({"call":"echo"})").substr(0, 10));
@@ -121,7 +121,7 @@ TEST_F(control_connection_test, answers_half_a_frame) {
     expect_refused_and_dropped(header_only, "it ends in the middle of a frame");
 }
 
-TEST_F(control_connection_test, forgets_a_peer_that_goes_without_a_word) {
+TEST_F(control_connection_test, closes_the_connection_of_a_peer_that_hangs_up) {
     start();
     {
         client silent;
@@ -137,14 +137,14 @@ TEST_F(control_connection_test, forgets_a_peer_that_goes_without_a_word) {
     EXPECT_EQ(server->large_frames, 0U);
 }
 
-TEST_F(control_connection_test, drops_a_peer_that_never_finishes_its_frame) {
+TEST_F(control_connection_test, drops_a_peer_that_never_completes_its_frame) {
     limits.frame_time = 300'000;
     start();
     client slow;
     const std::string frame = frame_of(R"({"call":"echo","pad":")" + std::string(1000, 'x') + "\"}");
     size_t sent = 0;
     const auto begin = std::chrono::steady_clock::now();
-    // A byte now and then gains no time: what counts is the whole frame.
+    // Single bytes do not extend the time limit, which applies to the whole frame.
     EXPECT_TRUE(run_until([&] {
         sent += slow.put(frame.substr(sent, 1));
         expect_others_are_answered();
@@ -157,7 +157,7 @@ TEST_F(control_connection_test, drops_a_peer_that_never_finishes_its_frame) {
     EXPECT_TRUE(is_dropped(slow));
 }
 
-TEST_F(control_connection_test, drops_a_peer_that_says_nothing) {
+TEST_F(control_connection_test, drops_a_silent_peer) {
     limits.idle_time = 200'000;
     start();
     client silent;
@@ -179,7 +179,7 @@ TEST_F(control_connection_test, drops_a_peer_that_does_not_read) {
     EXPECT_EQ(server->answers, 0U);
 }
 
-TEST_F(control_connection_test, a_slow_reader_gets_its_answer) {
+TEST_F(control_connection_test, a_slow_reader_receives_its_answer) {
     limits.answer_time = 300'000;
     start();
     client slow;
@@ -196,7 +196,7 @@ TEST_F(control_connection_test, a_slow_reader_gets_its_answer) {
     EXPECT_EQ(answer_to(slow)["data"].get<std::string>().size(), 4'000'000U);
 }
 
-TEST_F(control_connection_test, time_in_which_the_loop_was_held_up_is_not_the_peers) {
+TEST_F(control_connection_test, time_spent_in_a_long_handler_is_not_charged_to_the_peer) {
     limits.frame_time = 200'000;
     start();
     client half;
@@ -229,7 +229,7 @@ TEST_F(control_connection_test, large_frames_take_turns) {
     EXPECT_EQ(ask(third, R"({"call":"echo","pad":")" + std::string(200'000, 'x') + "\"}")["result"], "done");
 }
 
-TEST_F(control_connection_test, answers_that_nobody_reads_leave_room_for_others) {
+TEST_F(control_connection_test, unread_answers_leave_space_for_others) {
     limits.answers = 3'000'000;
     start();
     client deaf;
@@ -242,7 +242,7 @@ TEST_F(control_connection_test, answers_that_nobody_reads_leave_room_for_others)
     expect_others_are_answered();
 }
 
-TEST_F(control_connection_test, survives_a_call_that_fails_badly) {
+TEST_F(control_connection_test, survives_a_call_that_throws) {
     start();
     client peer;
     put_all(peer, frame_of(R"({"call":"throw"})"));
@@ -251,7 +251,7 @@ TEST_F(control_connection_test, survives_a_call_that_fails_badly) {
     expect_others_are_answered();
 }
 
-TEST_F(control_connection_test, the_answer_waits_until_the_loop_has_done_what_the_call_asked_of_it) {
+TEST_F(control_connection_test, the_answer_waits_for_work_that_the_call_left_to_the_loop) {
     start();
     client peer;
     peer.put(frame_of(R"({"call":"echo"})"));

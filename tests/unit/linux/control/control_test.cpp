@@ -55,7 +55,7 @@ class control_test_case : public testing::Test {
 
 TEST_F(control_test_case, is_open_to_root_and_the_group) {
     if (!control_test::other_users_exist()) {
-        GTEST_SKIP() << "there is no other group in this user namespace; root's run has them";
+        GTEST_SKIP() << "only root can use other groups";
     }
     set_group(true);
     ASSERT_EQ(0U, control_open(path));
@@ -66,7 +66,7 @@ TEST_F(control_test_case, is_open_to_root_and_the_group) {
     EXPECT_NE(0, access((std::string(path) + ".new").c_str(), F_OK));
 }
 
-TEST_F(control_test_case, is_open_to_root_alone_when_there_is_no_group) {
+TEST_F(control_test_case, is_open_only_to_root_without_the_group) {
     set_group(false);
     const platform_test::journal_listener journal;
     ASSERT_EQ(0U, control_open(path));
@@ -76,7 +76,7 @@ TEST_F(control_test_case, is_open_to_root_alone_when_there_is_no_group) {
         std::string::npos);
 }
 
-TEST_F(control_test_case, answers_once_started) {
+TEST_F(control_test_case, answers_after_the_start) {
     ASSERT_EQ(0U, control_open(path));
     client early(path);
     ASSERT_TRUE(early.is_connected());
@@ -88,7 +88,7 @@ TEST_F(control_test_case, answers_once_started) {
     EXPECT_EQ(early.answer()["message"], "unknown call \"no such call\"");
 }
 
-TEST_F(control_test_case, answers_on_the_loop_of_a_standby_first) {
+TEST_F(control_test_case, answers_first_on_the_loop_of_a_standby) {
     ASSERT_EQ(0U, control_open(path));
     sd_event* standby = nullptr;
     ASSERT_LE(0, sd_event_new(&standby));
@@ -103,7 +103,7 @@ TEST_F(control_test_case, answers_on_the_loop_of_a_standby_first) {
     EXPECT_TRUE(first.is_ended());
     sd_event_unref(standby);
     client second(path);
-    ASSERT_TRUE(second.is_connected()) << "it waits until somebody answers again";
+    ASSERT_TRUE(second.is_connected()) << "it waits for the next loop";
     second.put(frame_of(R"({"call":"no such call"})"));
     ASSERT_EQ(0U, control_start(loop));
     EXPECT_TRUE(run_until([&] { return second.has_answer(); }));
@@ -119,8 +119,8 @@ TEST_F(control_test_case, replaces_the_socket_of_a_dead_agent) {
     EXPECT_TRUE(peer.is_connected());
 }
 
-TEST_F(control_test_case, leaves_what_is_no_socket_alone) {
-    std::ofstream(path) << "somebody's file";
+TEST_F(control_test_case, leaves_a_file_that_is_not_a_socket_alone) {
+    std::ofstream(path) << "another file";
     EXPECT_EQ(control_open(path), static_cast<platform_status>(EEXIST));
     EXPECT_EQ(platform_test::read_file(path), "somebody's file");
     unlink(path);
@@ -129,16 +129,16 @@ TEST_F(control_test_case, leaves_what_is_no_socket_alone) {
     unlink(path);
 }
 
-TEST_F(control_test_case, says_why_it_cannot_open) {
+TEST_F(control_test_case, reports_why_it_cannot_open) {
     platform_test::journal_listener journal;
     EXPECT_EQ(control_open("/nowhere/control.sock"), static_cast<platform_status>(ENOENT));
     EXPECT_EQ(control_open(("/tmp/" + std::string(200, 'x')).c_str()), static_cast<platform_status>(ENAMETOOLONG));
     EXPECT_NE(journal.messages().find("Path:=/nowhere/control.sock, Failed to open the control socket"),
               std::string::npos);
-    EXPECT_EQ(0U, control_start(loop)) << "without a socket there is nothing to start";
+    EXPECT_EQ(0U, control_start(loop)) << "without a socket nothing is started";
 }
 
-TEST_F(control_test_case, opens_once_and_again_after_closing) {
+TEST_F(control_test_case, opens_once_and_can_be_reopened) {
     ASSERT_EQ(0U, control_open(path));
     EXPECT_EQ(control_open(path), static_cast<platform_status>(EALREADY));
     control_close();
@@ -147,15 +147,15 @@ TEST_F(control_test_case, opens_once_and_again_after_closing) {
     EXPECT_EQ(0U, control_open(path));
 }
 
-TEST_F(control_test_case, turns_away_who_is_neither_root_nor_a_member) {
+TEST_F(control_test_case, refuses_peers_that_are_neither_root_nor_members) {
     if (!control_test::other_users_exist()) {
-        GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+        GTEST_SKIP() << "only root can become another user";
     }
     set_group(true);
     platform_test::journal_listener journal;
     ASSERT_EQ(0U, control_open(path));
     ASSERT_EQ(0U, control_start(loop));
-    // The mode of the file keeps them out already; this is what holds when it does not.
+    // The file's mode keeps them out already; this check applies if it does not.
     ASSERT_EQ(0, chmod(path, 0666));
     const pid_t child = fork();
     if (child == 0) {

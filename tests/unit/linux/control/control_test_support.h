@@ -1,4 +1,4 @@
-/// What the tests of the control socket share: a server on a loop of its own, and clients that run that loop while they
+/// Helpers for the tests of the control socket: a server with its own loop, and clients that run this loop while they
 /// wait.
 #ifndef UNIT_LINUX_CONTROL_TEST_SUPPORT_H
 #define UNIT_LINUX_CONTROL_TEST_SUPPORT_H
@@ -41,7 +41,7 @@ inline std::string frame_of(const std::string& document) {
 inline constexpr uid_t somebody = 12345;  ///< an ordinary user
 inline constexpr gid_t operators = 23456;
 
-/// Whether a test can become another user: not in a user namespace that an ordinary user has made, which has one only.
+/// Whether a test can become another user. A user namespace created by an ordinary user contains only one.
 inline bool other_users_exist() {
     std::ifstream map("/proc/self/uid_map");
     uint64_t first = 0;
@@ -68,7 +68,7 @@ inline void allow_descriptors(rlim_t count) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
 }
 
-/// Answers of the server under test: says what it was asked, or misbehaves as asked.
+/// Answers of the server under test: repeats the request, or misbehaves on request.
 inline control_json answer_test_call(const control_json& request, const control_peer& peer) {
     const std::string call = request["call"];
     if (call == "large") {
@@ -105,7 +105,7 @@ inline int listen_at(const char* path) {
     return fd;
 }
 
-/// A client that never waits by itself.
+/// A client that never blocks.
 class client {
   public:
     explicit client(const char* path = socket_path) {
@@ -123,7 +123,7 @@ class client {
     bool is_connected() const { return connected; }
     int fd() const { return descriptor; }
 
-    /// How many of the bytes the socket has taken.
+    /// The number of bytes that the socket has accepted.
     size_t put(std::string_view bytes) {
         const ssize_t count = send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
         return count < 0 ? 0 : static_cast<size_t>(count);
@@ -138,7 +138,7 @@ class client {
         descriptor = -1;
     }
 
-    /// Takes in what has come; at most `bytes`.
+    /// Reads what has arrived; at most `bytes`.
     void take(size_t bytes = SIZE_MAX) {
         static char buffer[65536];
         while (bytes > 0 && control_frame_progress(frame) == control_frame_state::incomplete) {
@@ -158,7 +158,7 @@ class client {
         return control_frame_progress(frame) == control_frame_state::complete;
     }
 
-    /// The answer that has come; the next one may follow.
+    /// The answer that has arrived; the next one may follow.
     control_json answer() {
         std::string error;
         const auto document = control_json_parse(std::exchange(frame, {}).document, error);
@@ -166,7 +166,7 @@ class client {
         return document.value_or(control_json());
     }
 
-    /// Whether the server has ended the connection, with everything before that read.
+    /// Whether the server has closed the connection, after everything before was read.
     bool is_ended() {
         take();
         return ended;
@@ -224,7 +224,7 @@ class server_test : public testing::Test {
         return answer_to(peer);
     }
 
-    /// Somebody else is served as if nothing were the matter.
+    /// Another client is served normally.
     void expect_others_are_answered() {
         client other;
         EXPECT_EQ(ask(other, R"({"call":"echo"})").value("result", ""), "done");

@@ -15,7 +15,7 @@ class control_enforcement_calls_test : public control_test::calls_test {
     enforcement_test::comparison_script script;
 };
 
-TEST_F(control_enforcement_calls_test, an_agent_that_cannot_compare_says_so) {
+TEST_F(control_enforcement_calls_test, an_agent_without_comparison_reports_that) {
     for (const char* request : {R"({"call":"verify"})", R"({"call":"repair"})"}) {
         const control_json answer = ask(request);
         EXPECT_EQ(answer["result"], "failed");
@@ -25,7 +25,7 @@ TEST_F(control_enforcement_calls_test, an_agent_that_cannot_compare_says_so) {
     }
 }
 
-TEST_F(control_enforcement_calls_test, verify_lists_the_differences_and_leaves_them) {
+TEST_F(control_enforcement_calls_test, verify_lists_the_differences_and_changes_nothing) {
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     EXPECT_EQ(control_json_text(ask(R"({"call":"verify"})")), R"({"result":"done","data":[]})");
     script.found = {{"file /a", "Ciphers"}, {"server mgmt", "does not run"}};
@@ -39,7 +39,7 @@ TEST_F(control_enforcement_calls_test, verify_lists_the_differences_and_leaves_t
     EXPECT_TRUE(audit.empty()) << "nothing was changed";
 }
 
-TEST_F(control_enforcement_calls_test, a_comparison_that_fails_is_a_failure) {
+TEST_F(control_enforcement_calls_test, a_failed_comparison_is_a_failure) {
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     script.remaining = -1;
     for (const char* request : {R"({"call":"verify"})", R"({"call":"repair"})"}) {
@@ -48,7 +48,7 @@ TEST_F(control_enforcement_calls_test, a_comparison_that_fails_is_a_failure) {
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("call:=repair, result:=failed"), HasSubstr("the comparison failed")));
 }
 
-TEST_F(control_enforcement_calls_test, repair_says_what_it_did) {
+TEST_F(control_enforcement_calls_test, repair_reports_what_it_repaired) {
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
     script.found = {{"file /a", "Ciphers"}};
@@ -61,7 +61,7 @@ TEST_F(control_enforcement_calls_test, repair_says_what_it_did) {
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("call:=repair, result:=done"), HasSubstr("repaired file /a: Ciphers")));
 }
 
-TEST_F(control_enforcement_calls_test, repair_says_what_it_could_not_do) {
+TEST_F(control_enforcement_calls_test, repair_reports_what_it_could_not_repair) {
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     script.found = {{"file /a", "Ciphers"}, {"server mgmt", "does not run"}};
     script.remaining = 1;

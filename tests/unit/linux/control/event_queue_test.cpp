@@ -5,14 +5,14 @@
 namespace {
 
 constexpr size_t plenty = 1'000'000;
-/// Of the events of these tests.
+/// The subject of the events in these tests.
 const size_t event_size = control_event_size({"a", "11"});
 
 bool add(control_event_queue& queue, const char* subject, const std::string& text, size_t size_max = plenty) {
     return control_event_add(queue, std::make_shared<const control_event>(control_event{subject, text}), size_max);
 }
 
-TEST(control_event_queue, gives_events_together_and_in_their_order) {
+TEST(control_event_queue, returns_events_together_and_in_order) {
     control_event_queue queue;
     EXPECT_TRUE(add(queue, "a", "1"));
     EXPECT_TRUE(add(queue, "b", "2"));
@@ -23,7 +23,7 @@ TEST(control_event_queue, gives_events_together_and_in_their_order) {
     EXPECT_EQ(queue.size, 0U);
 }
 
-TEST(control_event_queue, a_frame_takes_what_fits_and_one_event_always) {
+TEST(control_event_queue, a_frame_contains_what_fits_and_at_least_one_event) {
     control_event_queue queue;
     const std::string text(40, '7');
     for (int count = 0; count < 3; count++) {
@@ -34,7 +34,7 @@ TEST(control_event_queue, a_frame_takes_what_fits_and_one_event_always) {
     EXPECT_TRUE(queue.events.empty());
 }
 
-TEST(control_event_queue, a_full_queue_keeps_the_latest_of_each_subject_and_says_so_once) {
+TEST(control_event_queue, a_full_queue_keeps_the_latest_of_each_subject_and_reports_it_once) {
     control_event_queue queue;
     add(queue, "a", "11", 4 * event_size);
     add(queue, "b", "22", 4 * event_size);
@@ -48,7 +48,7 @@ TEST(control_event_queue, a_full_queue_keeps_the_latest_of_each_subject_and_says
     EXPECT_EQ(control_event_take(queue, plenty), R"({"data":[66]})");
 }
 
-TEST(control_event_queue, counts_what_is_left_out_over_and_over) {
+TEST(control_event_queue, counts_dropped_events_each_time) {
     control_event_queue queue;
     for (int number = 100; number < 1000; number++) {
         EXPECT_TRUE(add(queue, "a", std::to_string(number), 10 * event_size));
@@ -59,7 +59,7 @@ TEST(control_event_queue, counts_what_is_left_out_over_and_over) {
     EXPECT_EQ(queue.events.back()->text, "999");
 }
 
-TEST(control_event_queue, refuses_what_cannot_be_kept) {
+TEST(control_event_queue, refuses_an_event_that_is_too_large) {
     control_event_queue queue;
     const std::string text(100, '7');
     EXPECT_TRUE(add(queue, "a", text, 2 * event_size + 100));

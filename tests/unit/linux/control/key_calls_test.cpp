@@ -23,7 +23,7 @@ class control_key_calls_test : public control_test::calls_test {
         return answer.value("result", "") + answer.value("message", "");
     }
 
-    /// A key that the agent's applier has put into the store.
+    /// A key that the agent's applier has stored.
     void configure(const std::string& user) {
         const std::string text = key_of(usual(), modulus(1024));
         rsa_public_key key;
@@ -38,7 +38,7 @@ class control_key_calls_test : public control_test::calls_test {
     }
 };
 
-TEST_F(control_key_calls_test, keys_are_listed_with_all_that_is_known_of_them) {
+TEST_F(control_key_calls_test, keys_are_listed_with_all_details) {
     EXPECT_EQ(data(R"({"call":"key_list"})"), "[]");
     configure("bob");
     ASSERT_EQ(imported("alice", key_of(usual(), modulus(2048)) + " me\n"), "done");
@@ -62,7 +62,7 @@ TEST_F(control_key_calls_test, a_file_may_have_comments_but_only_one_key) {
     EXPECT_EQ(imported("alice", ""), "refuseduser alice: expected exactly one key on one line");
 }
 
-TEST_F(control_key_calls_test, what_is_no_key_is_refused_with_the_reason_and_what_is_wanted) {
+TEST_F(control_key_calls_test, an_invalid_key_is_refused_with_the_reason_and_the_expected_form) {
     const std::pair<std::string, const char*> rows[] = {
         {"ssh-ed25519 AAAA", "type is not ssh-rsa"},
         {"ssh-rsa ????", "not valid base64"},
@@ -79,7 +79,7 @@ TEST_F(control_key_calls_test, what_is_no_key_is_refused_with_the_reason_and_wha
     EXPECT_EQ(data(R"({"call":"key_list"})"), "[]");
 }
 
-TEST_F(control_key_calls_test, keys_of_the_configuration_are_left_to_the_configuration) {
+TEST_F(control_key_calls_test, configured_keys_are_not_changed) {
     configure("bob");
     EXPECT_EQ(imported("bob", key_of(usual(), modulus(2048))),
               "refuseduser bob has a configured key; delete "
@@ -88,14 +88,14 @@ TEST_F(control_key_calls_test, keys_of_the_configuration_are_left_to_the_configu
     EXPECT_EQ(ask(R"({"call":"key_list"})")["data"].size(), 1u);
 }
 
-TEST_F(control_key_calls_test, deleting_needs_a_key) {
+TEST_F(control_key_calls_test, deleting_requires_a_key) {
     ASSERT_EQ(imported("alice", key_of(usual(), modulus(1024))), "done");
     EXPECT_EQ(result(R"({"call":"key_delete","user":"alice"})"), "done");
     EXPECT_EQ(result(R"({"call":"key_delete","user":"alice"})"), "no_data");
     EXPECT_EQ(message(R"({"call":"key_delete","user":"alice"})"), "user alice has no key");
 }
 
-TEST_F(control_key_calls_test, changes_are_in_the_audit_with_user_and_result) {
+TEST_F(control_key_calls_test, changes_are_audited_with_user_and_result) {
     import("alice", key_of(usual(), modulus(1024)));
     import("alice", "nonsense");
     ask(R"({"call":"key_delete","user":"alice"})");
@@ -105,7 +105,7 @@ TEST_F(control_key_calls_test, changes_are_in_the_audit_with_user_and_result) {
                                    "Control: uid:=1000, pid:=42, call:=key delete, result:=done, alice"));
 }
 
-TEST_F(control_key_calls_test, requests_must_be_whole_and_names_harmless) {
+TEST_F(control_key_calls_test, requests_must_be_complete_and_names_safe) {
     EXPECT_EQ(result(R"({"call":"key_delete"})"), "usage");
     EXPECT_EQ(result(R"({"call":"key_import","user":"alice"})"), "usage");
     EXPECT_EQ(result(R"({"call":"key_import","user":7,"text":""})"), "usage");
@@ -116,7 +116,7 @@ TEST_F(control_key_calls_test, requests_must_be_whole_and_names_harmless) {
     }
 }
 
-TEST_F(control_key_calls_test, a_failure_of_the_database_is_told) {
+TEST_F(control_key_calls_test, a_failure_of_the_database_is_reported) {
     datastore_close();
     EXPECT_EQ(result(R"({"call":"key_list"})"), "failed");
     EXPECT_THAT(imported("alice", key_of(usual(), modulus(1024))),

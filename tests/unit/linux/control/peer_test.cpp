@@ -19,12 +19,12 @@ class control_peer_of_another_user : public testing::Test {
   protected:
     void SetUp() override {
         if (!control_test::other_users_exist()) {
-            GTEST_SKIP() << "there is no other user in this user namespace; root's run has them";
+            GTEST_SKIP() << "only root can become another user";
         }
     }
 };
 
-/// Whether a peer that has become `identity` is allowed, with the group in force.
+/// Whether a peer with `identity` is allowed, given the group in force.
 bool allowed(const std::function<void()>& identity, std::optional<gid_t> group, control_peer* seen = nullptr) {
     const char* path = control_test::socket_path;
     const int listener = control_test::listen_at(path);
@@ -100,7 +100,7 @@ TEST_F(control_peer_of_another_user, without_a_group_only_root_is_allowed) {
     EXPECT_FALSE(allowed([] { become(somebody, operators, {operators}); }, std::nullopt));
 }
 
-TEST(control_peer, what_is_no_socket_has_no_peer) {
+TEST(control_peer, a_descriptor_that_is_not_a_socket_has_no_peer) {
     control_peer peer = {};
     EXPECT_NE(0U, control_peer_read(STDIN_FILENO, peer));
 }

@@ -35,7 +35,7 @@ platform_status answer_session(datastore_read_request* request, const session_re
     return status;
 }
 
-/// Answers with what the item's name says.
+/// Answers as the item's name says.
 platform_status provide(datastore_read_request* request, const char* item, void*) {
     const std::string name = item;
     if (name == "one") {
@@ -70,21 +70,21 @@ class control_read_calls_test : public control_test::calls_test {
     }
 };
 
-TEST_F(control_read_calls_test, get_gives_the_value_as_it_is_set) {
+TEST_F(control_read_calls_test, get_returns_the_value_in_the_form_of_set) {
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/logging"})"), "true");
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/trustpoint/host"})"), "\"corp-ca\"");
     EXPECT_EQ(data(R"({"call":"get","path":"@sshd/vrf/blue"})"), R"([null,"v4",null])");
 }
 
-TEST_F(control_read_calls_test, get_tells_what_is_not_there_from_what_cannot_be) {
+TEST_F(control_read_calls_test, get_distinguishes_missing_and_invalid_items) {
     EXPECT_EQ(result(R"({"call":"get","path":"@cmn/dscp"})"), "no_data");
     EXPECT_THAT(message(R"({"call":"get","path":"@cmn/dscp"})"), HasSubstr("cmn/dscp: not configured"));
     EXPECT_EQ(result(R"({"call":"get","path":"@cmn/dscpp"})"), "refused");
     EXPECT_THAT(message(R"({"call":"get","path":"@cmn/dscpp"})"), HasSubstr("cmn/dscpp"));
 }
 
-TEST_F(control_read_calls_test, list_gives_names) {
+TEST_F(control_read_calls_test, list_returns_names) {
     EXPECT_EQ(data(R"({"call":"list","path":"@cmn"})"), R"(["logging","timeout","trustpoint"])");
     EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf/"})"), R"(["blue"])");
     EXPECT_EQ(data(R"({"call":"list","path":"/"})"), R"(["cfg"])");
@@ -113,29 +113,29 @@ class control_show_test : public control_test::calls_test {
     datastore_provider* provider = nullptr;
 };
 
-TEST_F(control_show_test, gives_a_record_by_its_schemas_field_names) {
+TEST_F(control_show_test, returns_a_record_by_its_schemas_field_names) {
     register_session();
     EXPECT_EQ(data(R"({"call":"show","path":"/oper/test/one"})"), R"({"SessionID":7,"UserID":"operator"})");
 }
 
-TEST_F(control_show_test, gives_a_list_as_an_array) {
+TEST_F(control_show_test, returns_a_list_as_an_array) {
     register_session();
     EXPECT_EQ(data(R"({"call":"show","path":"/oper/test/list"})"),
               R"([{"SessionID":1,"UserID":"a"},{"SessionID":2,"UserID":"b"}])");
 }
 
-TEST_F(control_show_test, names_the_record_so_that_it_can_be_laid_out) {
+TEST_F(control_show_test, names_the_record_so_that_it_can_be_formatted) {
     register_session();
     EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/one"})").value("record", ""), "session");
     EXPECT_EQ(ask(R"({"call":"show","path":"/oper/test/list"})").value("record", ""), "session");
 }
 
-TEST_F(control_show_test, tells_bytes_that_are_no_record) {
+TEST_F(control_show_test, reports_bytes_that_are_not_a_record) {
     register_session();
     EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/garbage"})"), "failed");
 }
 
-TEST_F(control_show_test, without_data_says_so) {
+TEST_F(control_show_test, reports_that_there_is_no_data) {
     EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/empty"})"), "no_data");
     EXPECT_EQ(result(R"({"call":"show","path":"/oper/nowhere/x"})"), "no_data");
     EXPECT_EQ(result(R"({"call":"show","path":"/oper/test/x"})"), "no_data");

@@ -40,14 +40,14 @@ class control_reload_calls_test : public control_test::calls_test {
     bool acknowledges = true;
 };
 
-TEST_F(control_reload_calls_test, an_acknowledged_reload_is_done) {
+TEST_F(control_reload_calls_test, an_acknowledged_reload_succeeds) {
     register_agent();
     EXPECT_EQ(control_json_text(ask(R"({"call":"reload"})")), R"({"result":"done"})");
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=reload, result:=done, asked for",
                                    "Control: uid:=1000, pid:=42, call:=reload, result:=done, acknowledged"));
 }
 
-TEST_F(control_reload_calls_test, a_caller_asks_on_until_the_acknowledgement_comes) {
+TEST_F(control_reload_calls_test, a_caller_polls_until_the_acknowledgement_arrives) {
     acknowledges = false;
     register_agent();
     const control_json waiting = ask(R"({"call":"reload","timeout":60})");
@@ -58,7 +58,7 @@ TEST_F(control_reload_calls_test, a_caller_asks_on_until_the_acknowledgement_com
     EXPECT_EQ(control_json_text(ask(next)), R"({"result":"done"})");
 }
 
-TEST_F(control_reload_calls_test, a_reload_without_acknowledgement_fails_when_its_time_is_over) {
+TEST_F(control_reload_calls_test, a_reload_without_acknowledgement_fails_after_its_timeout) {
     acknowledges = false;
     register_agent();
     const std::string next = control_json_text(ask(R"({"call":"reload","timeout":1})")["next"]);
@@ -68,7 +68,7 @@ TEST_F(control_reload_calls_test, a_reload_without_acknowledgement_fails_when_it
     EXPECT_THAT(answer["message"].get<std::string>(), HasSubstr("was not acknowledged within 1 seconds"));
 }
 
-TEST_F(control_reload_calls_test, a_second_reload_is_told_of_the_first) {
+TEST_F(control_reload_calls_test, a_second_reload_reports_the_first) {
     acknowledges = false;
     register_agent();
     ask(R"({"call":"reload","timeout":60})");
@@ -79,7 +79,7 @@ TEST_F(control_reload_calls_test, a_second_reload_is_told_of_the_first) {
     EXPECT_THAT(audit.back(), HasSubstr("result:=failed, a reload is in progress"));
 }
 
-TEST_F(control_reload_calls_test, a_caller_of_an_older_reload_is_told_of_the_newer) {
+TEST_F(control_reload_calls_test, a_caller_of_an_older_reload_learns_of_the_newer_one) {
     acknowledges = false;
     register_agent();
     const std::string next = control_json_text(ask(R"({"call":"reload","timeout":1})")["next"]);
@@ -88,14 +88,14 @@ TEST_F(control_reload_calls_test, a_caller_of_an_older_reload_is_told_of_the_new
     EXPECT_THAT(ask(next)["message"].get<std::string>(), HasSubstr("a newer one has been announced"));
 }
 
-TEST_F(control_reload_calls_test, nobody_is_there_to_acknowledge) {
+TEST_F(control_reload_calls_test, without_a_client_nobody_can_acknowledge) {
     const control_json answer = ask(R"({"call":"reload"})");
     EXPECT_EQ(answer["result"], "failed");
     EXPECT_THAT(answer["message"].get<std::string>(), HasSubstr("the agent has not registered for reload notices"));
     EXPECT_EQ(result(R"({"call":"reload_state","number":0})"), "no_data");
 }
 
-TEST_F(control_reload_calls_test, members_must_make_sense) {
+TEST_F(control_reload_calls_test, members_are_checked) {
     register_agent();
     for (const char* timeout : {"0", "3601", "-1", "1.5", "\"5\"", "null", "99999999999999999999"}) {
         EXPECT_EQ(result(std::string(R"({"call":"reload","timeout":)") + timeout + "}"), "usage") << timeout;

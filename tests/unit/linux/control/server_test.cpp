@@ -52,7 +52,7 @@ TEST_F(control_server_test, starts_once) {
     expect_others_are_answered();
 }
 
-TEST_F(control_server_test, who_connects_before_the_start_is_answered_after_it) {
+TEST_F(control_server_test, peers_that_connect_before_the_start_are_answered_after_it) {
     ASSERT_LE(0, sd_event_new(&loop));
     server = control_server_create(control_test::listen_at(control_test::socket_path), std::nullopt, limits,
                                    control_test::answer_test_call);
@@ -64,7 +64,7 @@ TEST_F(control_server_test, who_connects_before_the_start_is_answered_after_it) 
     EXPECT_EQ(answer_to(early)["result"], "done");
 }
 
-TEST_F(control_server_test, a_thousand_silent_connections_block_nobody_and_leave_nothing_behind) {
+TEST_F(control_server_test, a_thousand_silent_connections_block_nobody_and_leak_nothing) {
     allow_descriptors(4096);
     start();
     const size_t before = open_descriptors();
@@ -87,7 +87,7 @@ TEST_F(control_server_test, a_thousand_silent_connections_block_nobody_and_leave
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(control_server_test, a_thousand_half_frames_block_nobody) {
+TEST_F(control_server_test, a_thousand_incomplete_frames_block_nobody) {
     allow_descriptors(4096);
     start();
     std::vector<client> crowd;
@@ -102,7 +102,7 @@ TEST_F(control_server_test, a_thousand_half_frames_block_nobody) {
     EXPECT_LE(control_server_connections(server), limits.connections);
 }
 
-TEST_F(control_server_test, a_thousand_calls_at_once_are_all_answered) {
+TEST_F(control_server_test, a_thousand_concurrent_calls_are_all_answered) {
     allow_descriptors(4096);
     start();
     std::vector<client> crowd;
@@ -115,7 +115,7 @@ TEST_F(control_server_test, a_thousand_calls_at_once_are_all_answered) {
     }
 }
 
-TEST_F(control_server_test, an_answer_on_its_way_is_the_last_to_make_room) {
+TEST_F(control_server_test, connections_with_a_pending_answer_are_dropped_last) {
     limits.connections = 2;
     start();
     client asking;
@@ -135,7 +135,7 @@ TEST_F(control_server_test, waits_when_the_process_is_out_of_descriptors) {
     peer.put(frame_of(R"({"call":"echo"})"));
     rlimit before = {};
     ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
-    // A limit below the highest open descriptor: none can be had.
+    // With a limit below the highest open descriptor no new one can be opened.
     const rlimit none = {3, before.rlim_max};
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
     int turns = 0;
@@ -147,7 +147,7 @@ TEST_F(control_server_test, waits_when_the_process_is_out_of_descriptors) {
         400);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
     EXPECT_FALSE(answered);
-    EXPECT_LT(turns, 1000) << "the loop was spinning";
+    EXPECT_LT(turns, 1000) << "the loop must not spin";
     EXPECT_EQ(answer_to(peer)["result"], "done");
 }
 
@@ -222,7 +222,7 @@ TEST_F(control_server_member_test, members_leave_memory_for_roots_calls) {
     EXPECT_EQ(ask(root, R"({"call":"echo","pad":")" + std::string(300'000, 'x') + "\"}")["result"], "done");
 }
 
-TEST_F(control_server_test, frees_everything_with_connections_in_every_state) {
+TEST_F(control_server_test, frees_connections_in_every_state) {
     const size_t before = open_descriptors();
     start();
     client idle;

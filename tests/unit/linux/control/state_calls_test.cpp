@@ -14,7 +14,7 @@ using testing::HasSubstr;
 
 class control_state_calls_test : public control_test::calls_test {};
 
-TEST_F(control_state_calls_test, vrfs_come_with_what_every_service_knows_of_them) {
+TEST_F(control_state_calls_test, vrfs_are_listed_with_the_state_of_every_service) {
     uint32_t id = 0;
     ASSERT_EQ(vrf_table_lookup("green", &id), PLATFORM_OK);
     const control_json vrfs = ask(R"({"call":"vrf_list"})")["data"];
@@ -31,7 +31,7 @@ TEST_F(control_state_calls_test, vrfs_come_with_what_every_service_knows_of_them
     EXPECT_TRUE(found);
 }
 
-TEST_F(control_state_calls_test, status_tells_of_the_process) {
+TEST_F(control_state_calls_test, status_describes_the_process) {
     const control_json status = ask(R"({"call":"status"})")["data"];
     EXPECT_EQ(status["version"], control_version());
     EXPECT_EQ(status["pid"], getpid());
@@ -54,7 +54,7 @@ TEST_F(control_state_calls_test, debug_flags_are_listed_and_switched) {
                                    "Control: uid:=1000, pid:=42, call:=debug, result:=done, control-flag off"));
 }
 
-TEST_F(control_state_calls_test, an_unknown_debug_flag_is_refused_with_those_there_are) {
+TEST_F(control_state_calls_test, an_unknown_debug_flag_is_refused_with_a_list_of_flags) {
     debug_flag_register("/debug/control_test/", 27, "control-flag", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL);
     EXPECT_EQ(result(R"({"call":"debug","flag":"x;y","on":true})"), "refused");
     EXPECT_THAT(message(R"({"call":"debug","flag":"x;y","on":true})"),
@@ -62,7 +62,7 @@ TEST_F(control_state_calls_test, an_unknown_debug_flag_is_refused_with_those_the
     EXPECT_THAT(audit.back(), HasSubstr("result:=refused, x;y on"));
 }
 
-TEST_F(control_state_calls_test, traces_give_their_entries_in_order) {
+TEST_F(control_state_calls_test, traces_return_their_entries_in_order) {
     trace_buffer* buffer = nullptr;
     ASSERT_EQ(trace_buffer_create("test/control/calls", 10, 1000, &buffer), PLATFORM_OK);
     const trace_argument arguments[] = {{"red", 0}, {nullptr, -7}};
@@ -80,7 +80,7 @@ TEST_F(control_state_calls_test, traces_give_their_entries_in_order) {
     EXPECT_EQ(result(R"({"call":"trace","buffer":"nonsense"})"), "refused");
 }
 
-TEST_F(control_state_calls_test, traces_have_names_labels_and_the_text_of_a_failure) {
+TEST_F(control_state_calls_test, traces_contain_names_labels_and_the_text_of_a_failure) {
     static const trace_point points[] = {{18, "vrf.start", "server not started", {"vrf", "status"}}};
     trace_buffer* buffer = nullptr;
     ASSERT_EQ(trace_buffer_create("test/control/described", 10, 1000, &buffer), PLATFORM_OK);

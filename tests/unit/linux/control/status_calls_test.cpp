@@ -27,7 +27,7 @@ class control_status_calls_test : public control_test::calls_test {
 TEST_F(control_status_calls_test, a_configured_vrf_without_namespace_is_shown) {
     ASSERT_EQ(result(R"({"call":"set","path":"@sshd/vrf/nowhere","value":[null,"absent",null]})"), "done");
     const control_json status = ask(R"({"call":"status"})");
-    EXPECT_EQ(status["result"], "done") << "whatever is wrong";
+    EXPECT_EQ(status["result"], "done") << "despite all problems";
     ASSERT_EQ(status["data"]["vrfs"].size(), 1U);
     const control_json& vrf = status["data"]["vrfs"][0];
     EXPECT_EQ(vrf["name"], "nowhere");
@@ -45,7 +45,7 @@ TEST_F(control_status_calls_test, a_vrf_without_item_is_not_shown) {
     EXPECT_TRUE(ask(R"({"call":"status"})")["data"]["vrfs"].empty());
 }
 
-TEST_F(control_status_calls_test, what_is_recorded_is_shown_with_its_vrf) {
+TEST_F(control_status_calls_test, recorded_failures_are_shown_with_their_vrf) {
     ASSERT_EQ(result(R"({"call":"set","path":"@sshd/vrf/nowhere","value":[null,null,null]})"), "done");
     enforcement_failed("server nowhere", "it fails");
     enforcement_failed("file /var/opt/norvo/norvossh/sshd_config_nowhere", "disk full");
@@ -68,11 +68,11 @@ TEST_F(control_status_calls_test, a_check_also_compares_and_fails) {
     EXPECT_EQ(answer["result"], "failed");
     EXPECT_THAT(answer["message"].get<std::string>(), HasSubstr("not as configured"));
     EXPECT_THAT(texts(answer["data"]["problems"]), HasSubstr(R"({"subject":"file /a","text":"differs"})"));
-    EXPECT_THAT(texts(answer["data"]["problems"]), Not(HasSubstr("is known"))) << "the failure says so already";
+    EXPECT_THAT(texts(answer["data"]["problems"]), Not(HasSubstr("is known"))) << "already reported by the failure";
     EXPECT_EQ(result(R"({"call":"status","check":1})"), "usage");
 }
 
-/// Takes systemd's place for this process, and knows no unit.
+/// Stands in for systemd in this process, and knows no unit.
 void stand_in_for_systemctl() {
     const std::string folder = testing::TempDir() + "status_calls_test";
     platform_test::write_file(folder + "/systemctl", "#!/bin/sh\n");
@@ -80,7 +80,7 @@ void stand_in_for_systemctl() {
     setenv("PATH", (folder + ":" + getenv("PATH")).c_str(), 1);
 }
 
-TEST_F(control_status_calls_test, a_check_succeeds_when_all_is_as_configured) {
+TEST_F(control_status_calls_test, a_check_succeeds_when_everything_is_as_configured) {
     stand_in_for_systemctl();
     constexpr enforcement_callbacks callbacks = {
         [](uint32_t repair, enforcement_difference_sink, void*, void*) { return static_cast<int>(repair); }};
@@ -90,7 +90,7 @@ TEST_F(control_status_calls_test, a_check_succeeds_when_all_is_as_configured) {
     EXPECT_EQ(texts(answer["data"]["problems"]), "[]");
 }
 
-TEST_F(control_status_calls_test, a_check_without_comparison_says_so) {
+TEST_F(control_status_calls_test, a_check_without_comparison_reports_that) {
     EXPECT_THAT(texts(ask(R"({"call":"status","check":true})")["data"]["problems"]), HasSubstr("cannot be compared"));
 }
 

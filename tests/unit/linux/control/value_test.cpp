@@ -29,7 +29,7 @@ control_json json(const char* text) {
     return document.value_or(control_json());
 }
 
-/// What a JSON value becomes, as messages show values; or the refusal.
+/// The value made from JSON, as messages show it; or the refusal.
 std::string from_json(const char* path, const char* text) {
     std::string refusal;
     const auto value = control_value_from_json(row_of(path), path, json(text), refusal);
@@ -42,23 +42,23 @@ std::string from_word(const char* path, const char* word) {
     return value.has_value() ? schema_display(*value) : "refused: " + refusal;
 }
 
-TEST(control_value_from_json, takes_plain_values_as_they_are) {
+TEST(control_value_from_json, accepts_plain_values) {
     EXPECT_EQ(from_json(timeout_path, "45"), "45");
     EXPECT_EQ(from_json(timeout_path, "-1"), "-1");
     EXPECT_EQ(from_json(logging_path, "true"), "true");
     EXPECT_EQ(from_json(trustpoint_path, "\"corp-ca\""), "\"corp-ca\"");
-    // Whether it fits is for the schema to say.
+    // Whether it fits is decided by the schema.
     EXPECT_EQ(from_json(timeout_path, "\"x\""), "\"x\"");
 }
 
-TEST(control_value_from_json, takes_whole_numbers_in_whatever_notation) {
+TEST(control_value_from_json, accepts_whole_numbers_in_any_notation) {
     EXPECT_EQ(from_json(timeout_path, "45.0"), "45");
     EXPECT_EQ(from_json(timeout_path, "4.5e1"), "45");
     EXPECT_EQ(from_json(timeout_path, "9223372036854775807"), "9223372036854775807");
     EXPECT_EQ(from_json(timeout_path, "-9223372036854775808"), "-9223372036854775808");
 }
 
-TEST(control_value_from_json, leaves_other_numbers_to_the_schema_to_refuse) {
+TEST(control_value_from_json, passes_other_numbers_to_the_schema) {
     std::string refusal;
     const auto value = control_value_from_json(row_of(timeout_path), timeout_path, json("45.5"), refusal);
     ASSERT_TRUE(value.has_value());
@@ -75,7 +75,7 @@ TEST(control_value_from_json, refuses_numbers_beyond_any_range) {
     EXPECT_THAT(from_word(timeout_path, "99999999999999999999"), HasSubstr(": 99999999999999999999 is out of range"));
 }
 
-TEST(control_value_from_json, takes_tuples_as_arrays_and_objects) {
+TEST(control_value_from_json, accepts_tuples_as_arrays_and_objects) {
     EXPECT_EQ(from_json(vrf_path, "[null,\"v4\",null]"), "[null, \"v4\", null]");
     EXPECT_EQ(from_json(vrf_path, "[]"), "[]");
     EXPECT_EQ(from_json(vrf_path, R"({"ipv6_acl":"v6","ipv4_acl":"v4"})"), "[null, \"v4\", \"v6\"]");
@@ -83,7 +83,7 @@ TEST(control_value_from_json, takes_tuples_as_arrays_and_objects) {
     EXPECT_EQ(from_json(cipher_path, R"({"algorithm_1":"a","algorithm_2":"b"})"), "[\"a\", \"b\"]");
 }
 
-TEST(control_value_from_json, refuses_what_no_item_can_have) {
+TEST(control_value_from_json, refuses_types_that_no_item_has) {
     EXPECT_THAT(from_json(timeout_path, "null"),
                 AllOf(HasSubstr("refused: /cfg/gl/crypto/ssh/server/cmn/timeout: null cannot be stored"),
                       HasSubstr("expected a number from 5 to 120")));
@@ -94,14 +94,14 @@ TEST(control_value_from_json, refuses_what_no_item_can_have) {
                 AllOf(HasSubstr("unknown field \"ipv4\""), HasSubstr("index, ipv4_acl, ipv6_acl")));
 }
 
-TEST(control_value_from_word, a_word_is_json_first) {
+TEST(control_value_from_word, a_word_is_parsed_as_json_first) {
     EXPECT_EQ(from_word(timeout_path, "45"), "45");
     EXPECT_EQ(from_word(logging_path, "true"), "true");
     EXPECT_EQ(from_word(vrf_path, "[null, \"v4\"]"), "[null, \"v4\"]");
     EXPECT_EQ(from_word(trustpoint_path, "\"corp-ca\""), "\"corp-ca\"");
 }
 
-TEST(control_value_from_word, a_bare_word_is_text_where_text_is_wanted) {
+TEST(control_value_from_word, a_bare_word_is_text_where_text_is_expected) {
     EXPECT_EQ(from_word(trustpoint_path, "corp-ca"), "\"corp-ca\"");
     EXPECT_EQ(from_word(trustpoint_path, "123"), "\"123\"");
     EXPECT_EQ(from_word(trustpoint_path, "true"), "\"true\"");
@@ -110,19 +110,19 @@ TEST(control_value_from_word, a_bare_word_is_text_where_text_is_wanted) {
     EXPECT_EQ(from_word(trustpoint_path, "two words"), "\"two words\"");
 }
 
-TEST(control_value_from_word, elsewhere_a_bare_word_is_left_to_the_schema_to_refuse) {
+TEST(control_value_from_word, elsewhere_a_bare_word_is_passed_to_the_schema) {
     EXPECT_EQ(from_word(timeout_path, "soon"), "\"soon\"");
     EXPECT_EQ(from_word(vrf_path, "v4"), "\"v4\"");
 }
 
-TEST(control_value_from_word, a_mistake_in_json_is_told_as_one) {
+TEST(control_value_from_word, an_error_in_json_is_reported) {
     EXPECT_THAT(from_word(vrf_path, "[null, v4]"),
                 AllOf(HasSubstr("[null, v4] is not valid: not JSON: parse error"), HasSubstr("expected an array")));
     EXPECT_THAT(from_word(trustpoint_path, "\"corp-ca"), HasSubstr("is not valid: not JSON"));
     EXPECT_THAT(from_word(vrf_path, R"({"ipv4_acl":"a","ipv4_acl":"b"})"), HasSubstr("duplicate name \"ipv4_acl\""));
 }
 
-TEST(control_value_to_json, gives_what_reads_back_the_same) {
+TEST(control_value_to_json, round_trips) {
     EXPECT_EQ(control_json_text(control_value_to_json(int64_t{45})), "45");
     EXPECT_EQ(control_json_text(control_value_to_json(true)), "true");
     EXPECT_EQ(control_json_text(control_value_to_json(std::string("ü\n"))), "\"ü\\n\"");

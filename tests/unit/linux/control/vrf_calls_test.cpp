@@ -23,7 +23,7 @@ class control_vrf_calls_test : public control_test::calls_test {
     }
 };
 
-TEST_F(control_vrf_calls_test, an_unblock_names_what_it_has_opened) {
+TEST_F(control_vrf_calls_test, an_unblock_names_what_it_opened) {
     ASSERT_EQ(PLATFORM_OK, mpp_service_block(MPP_SERVICE_SSH, MPP_FAMILY_IPV4, "red"));
     ASSERT_EQ(PLATFORM_OK, mpp_service_block(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, "red"));
     EXPECT_EQ(control_json_text(ask(unblock)), R"({"result":"done","data":["ssh ipv4","netconf ipv6"],"vrf":"red"})");
@@ -33,13 +33,13 @@ TEST_F(control_vrf_calls_test, an_unblock_names_what_it_has_opened) {
                             "opened netconf ipv6"));
 }
 
-TEST_F(control_vrf_calls_test, a_vrf_blocked_as_a_whole_is_opened) {
+TEST_F(control_vrf_calls_test, a_completely_blocked_vrf_is_opened) {
     ASSERT_EQ(PLATFORM_OK, mpp_vrf_block("red"));
     EXPECT_EQ(data(unblock), R"(["ssh ipv4","ssh ipv6","netconf ipv4","netconf ipv6"])");
     EXPECT_FALSE(mpp_status()[0].blocked);
 }
 
-TEST_F(control_vrf_calls_test, nothing_to_unblock_is_no_failure) {
+TEST_F(control_vrf_calls_test, nothing_to_unblock_is_a_success) {
     EXPECT_EQ(control_json_text(ask(unblock)), R"({"result":"done","data":[],"vrf":"red"})");
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=vrf unblock, result:=done, red"));
 }
@@ -50,10 +50,10 @@ TEST_F(control_vrf_calls_test, an_unknown_vrf_is_refused) {
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=vrf unblock, result:=refused, blue"));
     uint32_t id = 0;
     ASSERT_EQ(PLATFORM_OK, vrf_table_lookup("blue", &id));
-    EXPECT_EQ(result(R"({"call":"vrf_unblock","name":"blue"})"), "done") << "known, with its namespace away";
+    EXPECT_EQ(result(R"({"call":"vrf_unblock","name":"blue"})"), "done") << "known, but without its namespace";
 }
 
-TEST_F(control_vrf_calls_test, an_unblock_that_fails_says_so) {
+TEST_F(control_vrf_calls_test, a_failed_unblock_is_reported) {
     uint32_t id = 0;
     ASSERT_EQ(PLATFORM_OK, vrf_table_lookup("red", &id));
     ASSERT_EQ(PLATFORM_OK, mpp_vrf_block("red"));
@@ -64,7 +64,7 @@ TEST_F(control_vrf_calls_test, an_unblock_that_fails_says_so) {
     EXPECT_TRUE(mpp_status()[0].blocked);
 }
 
-TEST_F(control_vrf_calls_test, the_name_must_be_a_text) {
+TEST_F(control_vrf_calls_test, the_name_must_be_a_string) {
     EXPECT_EQ(result(R"({"call":"vrf_unblock"})"), "usage");
     EXPECT_EQ(result(R"({"call":"vrf_unblock","name":1})"), "usage");
 }

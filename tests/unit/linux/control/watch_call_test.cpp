@@ -60,7 +60,7 @@ class control_watch_call_test : public control_test::calls_test {
     sd_event* loop = nullptr;
 };
 
-TEST_F(control_watch_call_test, begins_with_the_state_in_force_and_goes_on_with_the_changes) {
+TEST_F(control_watch_call_test, sends_the_state_in_force_and_then_the_changes) {
     client watcher(socket_path);
     watcher.put(frame_of(R"({"call":"watch"})"));
     const control_json first = answer_to(watcher);
@@ -76,7 +76,7 @@ TEST_F(control_watch_call_test, begins_with_the_state_in_force_and_goes_on_with_
     EXPECT_LT(first["data"][0]["timestamp"].get<uint64_t>(), change["data"][0]["timestamp"].get<uint64_t>());
 }
 
-TEST_F(control_watch_call_test, every_watcher_is_told_everything) {
+TEST_F(control_watch_call_test, every_watcher_receives_every_event) {
     client first(socket_path);
     client second(socket_path);
     for (client* watcher : {&first, &second}) {
@@ -90,7 +90,7 @@ TEST_F(control_watch_call_test, every_watcher_is_told_everything) {
     }
 }
 
-TEST_F(control_watch_call_test, when_nobody_watches_any_more_no_record_is_made) {
+TEST_F(control_watch_call_test, without_watchers_no_record_is_made) {
     publish(5);
     EXPECT_EQ(state.filled, 0);
     {
@@ -113,7 +113,7 @@ TEST_F(control_watch_call_test, when_nobody_watches_any_more_no_record_is_made) 
     EXPECT_EQ(timeout_of(answer_to(again)["data"][0]), 9);
 }
 
-TEST_F(control_watch_call_test, a_state_that_cannot_be_read_comes_with_the_first_event) {
+TEST_F(control_watch_call_test, a_state_that_cannot_be_read_is_sent_with_the_first_event) {
     state.result = DATASTORE_NOTHING_TO_ENCODE;
     client watcher(socket_path);
     watcher.put(frame_of(R"({"call":"watch"})"));
@@ -123,7 +123,7 @@ TEST_F(control_watch_call_test, a_state_that_cannot_be_read_comes_with_the_first
     EXPECT_EQ(timeout_of(answer_to(watcher)["data"][0]), 5);
 }
 
-TEST_F(control_watch_call_test, a_hundred_thousand_events_past_a_watcher_that_never_reads) {
+TEST_F(control_watch_call_test, a_hundred_thousand_events_for_a_watcher_that_never_reads) {
     constexpr uint32_t events = 100'000;
     client reader(socket_path);
     client deaf(socket_path);
@@ -131,12 +131,12 @@ TEST_F(control_watch_call_test, a_hundred_thousand_events_past_a_watcher_that_ne
         watcher->put(frame_of(R"({"call":"watch"})"));
         answer_to(*watcher);
     }
-    uint32_t told = 0;
+    uint32_t received = 0;
     uint16_t latest = 0;
     const auto listen = [&] {
         while (reader.has_answer()) {
             const control_json frame = reader.answer();
-            told += static_cast<uint32_t>(frame["data"].size());
+            received += static_cast<uint32_t>(frame["data"].size());
             latest = timeout_of(frame["data"].back());
             EXPECT_FALSE(frame.contains("coalesced"));
         }
@@ -152,16 +152,16 @@ TEST_F(control_watch_call_test, a_hundred_thousand_events_past_a_watcher_that_ne
             most = std::max(most, mallinfo2().uordblks);
         }
     }
-    for (int turn = 0; turn < 5000 && told < events; turn++) {
+    for (int turn = 0; turn < 5000 && received < events; turn++) {
         ASSERT_LE(0, sd_event_run(loop, 1000));
         listen();
     }
-    EXPECT_EQ(told, events);
+    EXPECT_EQ(received, events);
     EXPECT_EQ(latest, static_cast<uint16_t>(events));
     EXPECT_LT(most - before, 2'000'000U);
 }
 
-TEST_F(control_watch_call_test, the_agents_end_is_the_end_of_the_watch) {
+TEST_F(control_watch_call_test, the_watch_ends_with_the_agent) {
     client watcher(socket_path);
     watcher.put(frame_of(R"({"call":"watch"})"));
     answer_to(watcher);

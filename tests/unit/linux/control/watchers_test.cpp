@@ -1,4 +1,4 @@
-// Watchers of the control socket: those who read get everything, those who do not are bounded, and nobody waits for them.
+// Watchers of the control socket: those that read receive everything, those that do not are limited and delay nobody.
 #include <malloc.h>
 
 #include <set>
@@ -21,8 +21,8 @@ int milliseconds_since(steady::time_point start) {
 
 class control_watchers_test : public control_test::server_test {
   protected:
-    /// What a watcher has been told: the numbers of its events, how many were left out.
-    struct heard {
+    /// What a watcher has received: the numbers of its events, and how many were dropped.
+    struct received_events {
         std::vector<int> numbers;
         uint64_t coalesced = 0;
     };
@@ -38,13 +38,13 @@ class control_watchers_test : public control_test::server_test {
         control_server_publish(server, "state", R"({"number":)" + std::to_string(number) + "}");
     }
 
-    void listen(client& peer, heard& told) {
+    void listen(client& peer, received_events& received) {
         while (peer.has_answer()) {
             const control_json frame = peer.answer();
             for (const control_json& event : frame["data"]) {
-                told.numbers.push_back(event["number"].get<int>());
+                received.numbers.push_back(event["number"].get<int>());
             }
-            told.coalesced += frame.value("coalesced", 0);
+            received.coalesced += frame.value("coalesced", 0);
         }
     }
 
@@ -80,7 +80,7 @@ TEST_F(control_watchers_test, no_event_is_lost_between_the_answer_and_the_watch)
     EXPECT_EQ(control_json_text(answer_to(peer)), R"({"data":[{"number":1}]})");
 }
 
-TEST_F(control_watchers_test, others_hear_nothing_of_it) {
+TEST_F(control_watchers_test, other_connections_receive_no_events) {
     start();
     client watcher;
     client other;
@@ -109,7 +109,7 @@ TEST_F(control_watchers_test, a_silent_watcher_is_not_idle) {
     EXPECT_EQ(answer_to(watcher)["data"][0]["number"], 1);
 }
 
-TEST_F(control_watchers_test, a_watcher_keeps_its_place_when_others_need_one) {
+TEST_F(control_watchers_test, a_watcher_keeps_its_slot_when_others_need_one) {
     limits.connections = 3;
     start();
     client watcher;
@@ -125,7 +125,7 @@ TEST_F(control_watchers_test, a_watcher_keeps_its_place_when_others_need_one) {
     EXPECT_EQ(answer_to(watcher)["data"][0]["number"], 1);
 }
 
-TEST_F(control_watchers_test, there_is_room_for_so_many_and_no_more) {
+TEST_F(control_watchers_test, the_number_of_watchers_is_limited) {
     limits.watchers = 2;
     start();
     client first;
@@ -136,14 +136,14 @@ TEST_F(control_watchers_test, there_is_room_for_so_many_and_no_more) {
     const control_json refused = ask(third, watch_call);
     EXPECT_EQ(refused["result"], "failed");
     EXPECT_EQ(refused["message"], "too many watchers: the limit is 2");
-    // It is a connection like any other.
+    // It is an ordinary connection.
     EXPECT_EQ(ask(third, R"({"call":"echo"})")["result"], "done");
     first.hang_up();
     ASSERT_TRUE(run_until([&] { return control_server_watchers(server) == 1; }));
     EXPECT_EQ(ask(third, watch_call)["result"], "done");
 }
 
-TEST_F(control_watchers_test, the_watch_ends_when_the_peer_hangs_up_or_has_more_to_say) {
+TEST_F(control_watchers_test, the_watch_ends_when_the_peer_hangs_up_or_sends_something) {
     start();
     client gone;
     client finished;
@@ -162,7 +162,7 @@ TEST_F(control_watchers_test, the_watch_ends_when_the_peer_hangs_up_or_has_more_
     EXPECT_EQ(server->answers, 0U);
 }
 
-TEST_F(control_watchers_test, a_peer_that_hangs_up_with_events_on_their_way_is_forgotten) {
+TEST_F(control_watchers_test, a_peer_that_hangs_up_with_pending_events_is_removed) {
     start();
     client gone;
     begin_watching(gone);
@@ -173,7 +173,7 @@ TEST_F(control_watchers_test, a_peer_that_hangs_up_with_events_on_their_way_is_f
     EXPECT_EQ(server->answers, 0U);
 }
 
-TEST_F(control_watchers_test, the_end_of_the_server_is_the_end_of_the_watch) {
+TEST_F(control_watchers_test, the_watch_ends_with_the_server) {
     start();
     client watcher;
     begin_watching(watcher);
@@ -185,7 +185,7 @@ TEST_F(control_watchers_test, the_end_of_the_server_is_the_end_of_the_watch) {
     EXPECT_TRUE(watcher.is_ended());
 }
 
-TEST_F(control_watchers_test, a_hundred_thousand_events_reach_who_reads_and_cost_nothing_for_who_does_not) {
+TEST_F(control_watchers_test, a_hundred_thousand_events_reach_a_reader_and_cost_nothing_otherwise) {
     constexpr int events = 100'000;
     start();
     client reader;
@@ -195,29 +195,29 @@ TEST_F(control_watchers_test, a_hundred_thousand_events_reach_who_reads_and_cost
     const size_t memory_before = mallinfo2().uordblks;
     size_t memory_most = 0;
     int slowest = 0;
-    heard told;
+    received_events received;
     for (int number = 1; number <= events; number++) {
         publish(number);
         if (number % 100 == 0) {
             const auto begin = steady::now();
             run_once(0);
             slowest = std::max(slowest, milliseconds_since(begin));
-            listen(reader, told);
+            listen(reader, received);
             memory_most = std::max(memory_most, mallinfo2().uordblks);
         }
     }
     run_until([&] {
-        listen(reader, told);
-        return told.numbers.size() == events;
+        listen(reader, received);
+        return received.numbers.size() == events;
     });
-    EXPECT_EQ(told.numbers, numbers_to(events));
-    EXPECT_EQ(told.coalesced, 0U);
-    // The reader's list of numbers counts as well.
-    EXPECT_LT(memory_most - memory_before, 3 * limits.watch_queue + told.numbers.capacity() * 2 * sizeof(int));
+    EXPECT_EQ(received.numbers, numbers_to(events));
+    EXPECT_EQ(received.coalesced, 0U);
+    // The reader's list of numbers counts, too.
+    EXPECT_LT(memory_most - memory_before, 3 * limits.watch_queue + received.numbers.capacity() * 2 * sizeof(int));
     EXPECT_LT(slowest, 500);
     expect_others_are_answered();
-    // When it reads at last it hears of the latest, and of how many were left out.
-    heard late;
+    // When it finally reads, it receives the latest event and the number of dropped ones.
+    received_events late;
     EXPECT_TRUE(run_until([&] {
         listen(deaf, late);
         return !late.numbers.empty() && late.numbers.back() == events;
@@ -228,7 +228,7 @@ TEST_F(control_watchers_test, a_hundred_thousand_events_reach_who_reads_and_cost
     EXPECT_EQ(control_server_watchers(server), 2U);
 }
 
-TEST_F(control_watchers_test, who_never_reads_is_dropped_in_the_end_and_the_journal_says_so) {
+TEST_F(control_watchers_test, a_watcher_that_never_reads_is_dropped_and_logged) {
     limits.watch_time = 300'000;
     platform_test::journal_listener journal;
     start();
@@ -237,24 +237,24 @@ TEST_F(control_watchers_test, who_never_reads_is_dropped_in_the_end_and_the_jour
     begin_watching(reader);
     begin_watching(deaf);
     const auto begin = steady::now();
-    heard told;
+    received_events received;
     int number = 0;
     EXPECT_TRUE(run_until([&] {
         for (int count = 0; count < 200; count++) {
             publish(++number);
         }
-        listen(reader, told);
+        listen(reader, received);
         return control_server_watchers(server) == 1;
     }));
     EXPECT_GT(milliseconds_since(begin), 250);
     EXPECT_TRUE(run_until([&] {
-        listen(reader, told);
-        return told.numbers.size() == static_cast<size_t>(number);
+        listen(reader, received);
+        return received.numbers.size() == static_cast<size_t>(number);
     }));
     EXPECT_NE(journal.messages().find("has not read its events for"), std::string::npos);
 }
 
-TEST_F(control_watchers_test, who_takes_a_byte_now_and_then_is_not_dropped) {
+TEST_F(control_watchers_test, a_watcher_that_reads_slowly_is_not_dropped) {
     limits.watch_time = 300'000;
     start();
     client slow;
@@ -265,7 +265,7 @@ TEST_F(control_watchers_test, who_takes_a_byte_now_and_then_is_not_dropped) {
         for (int count = 0; count < 200; count++) {
             publish(++number);
         }
-        // A socket is writable again when a good part of its buffer is free.
+        // A socket becomes writable only when a good part of its buffer is free.
         slow.take(20'000);
         if (slow.has_answer()) {
             slow.answer();
@@ -275,7 +275,7 @@ TEST_F(control_watchers_test, who_takes_a_byte_now_and_then_is_not_dropped) {
     EXPECT_EQ(control_server_watchers(server), 1U);
 }
 
-TEST_F(control_watchers_test, an_event_that_is_larger_than_all_that_is_kept_ends_the_watch) {
+TEST_F(control_watchers_test, an_event_larger_than_the_queue_ends_the_watch) {
     limits.watch_queue = 1000;
     start();
     client watcher;

@@ -37,7 +37,7 @@ class datastore_binding_test : public served_datastore_test {
     }
 };
 
-TEST_F(datastore_binding_test, takes_absolute_paths_that_end_in_a_slash) {
+TEST_F(datastore_binding_test, accepts_absolute_paths_that_end_in_a_slash) {
     datastore_binding* binding = nullptr;
     for (const char* path : {"", "cfg/", "/cfg", "relative"}) {
         EXPECT_EQ(datastore_bind(path, &binding), platform_status{EINVAL}) << path;
@@ -58,7 +58,7 @@ TEST_F(datastore_binding_test, reads_items_in_their_stored_form) {
     EXPECT_STREQ(text_value, "root-ca");
 }
 
-TEST_F(datastore_binding_test, tells_existence_and_size) {
+TEST_F(datastore_binding_test, reports_existence_and_size) {
     size_t size = 0;
     char small[7] = "xxxxxx";
     EXPECT_EQ(datastore_item_get(server, "cmn/timeout", nullptr, 0, nullptr), PLATFORM_OK);
@@ -77,7 +77,7 @@ TEST_F(datastore_binding_test, lists_names_once_and_in_byte_order) {
     EXPECT_THAT(names(server, "cmn/username/", 1), ElementsAre("ann"));
 }
 
-TEST_F(datastore_binding_test, gives_the_bytes_of_listed_items) {
+TEST_F(datastore_binding_test, returns_the_bytes_of_listed_items) {
     datastore_list* list = nullptr;
     uint32_t found = 0;
     ASSERT_EQ(datastore_list_get(server, "cmn/username/", -1, &list, &found), PLATFORM_OK);
@@ -91,7 +91,7 @@ TEST_F(datastore_binding_test, gives_the_bytes_of_listed_items) {
     datastore_list_free(nullptr);
 }
 
-TEST_F(datastore_binding_test, tells_a_missing_list_from_a_missing_tree) {
+TEST_F(datastore_binding_test, distinguishes_a_missing_list_and_a_missing_tree) {
     datastore_list* list = nullptr;
     uint32_t found = 0;
     EXPECT_EQ(datastore_list_get(server, "sshd/vrf-netconf/", -1, &list, &found),
@@ -103,7 +103,7 @@ TEST_F(datastore_binding_test, tells_a_missing_list_from_a_missing_tree) {
     EXPECT_EQ(list, nullptr);
 }
 
-TEST_F(datastore_binding_test, says_that_a_closed_database_is_not_available) {
+TEST_F(datastore_binding_test, reports_a_closed_database_as_not_available) {
     datastore_close();
     datastore_list* list = nullptr;
     uint32_t found = 0;

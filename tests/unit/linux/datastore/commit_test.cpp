@@ -33,7 +33,7 @@ TEST_F(datastore_commit_test, delivers_creation_change_and_removal) {
     EXPECT_EQ(stored(timeout_path), "none");
 }
 
-TEST_F(datastore_commit_test, asks_all_verifiers_then_runs_all_appliers_in_byte_order) {
+TEST_F(datastore_commit_test, calls_all_verifiers_then_all_appliers_in_byte_order) {
     const datastore_commit_result result =
         datastore_commit({{vrf_path, datastore_fields()}, {timeout_path, number(30)}, {rate_path, number(10)}}, false);
     EXPECT_EQ(result.status, PLATFORM_OK);
@@ -47,7 +47,7 @@ TEST_F(datastore_commit_test, asks_all_verifiers_then_runs_all_appliers_in_byte_
                                    "apply 3 cmn/rate_limit", "apply 3 cmn/timeout", "apply 3 sshd/vrf/blue"));
 }
 
-TEST_F(datastore_commit_test, an_item_reads_as_the_commit_would_have_it_while_verifiers_are_asked) {
+TEST_F(datastore_commit_test, verifiers_read_items_as_after_the_commit) {
     set(timeout_path, number(30));
     set(rate_path, number(10));
     const auto read = [this](const char* item) -> std::string {
@@ -56,18 +56,18 @@ TEST_F(datastore_commit_test, an_item_reads_as_the_commit_would_have_it_while_ve
         return status == PLATFORM_OK ? std::to_string(value) : status == DATASTORE_NO_SUCH_ITEM ? "none" : "failure";
     };
     std::vector<std::string> seen;
-    told.in_verify = [&] { seen.push_back(read("cmn/timeout") + " " + read("cmn/rate_limit")); };
+    handlers.in_verify = [&] { seen.push_back(read("cmn/timeout") + " " + read("cmn/rate_limit")); };
     EXPECT_EQ(datastore_commit({{timeout_path, number(45)}, {rate_path, std::nullopt}}, true).status, PLATFORM_OK);
     EXPECT_THAT(seen, ElementsAre("45 none", "45 none"));
     // Checking has changed nothing, and neither does a refusal.
     EXPECT_EQ(read("cmn/timeout") + " " + read("cmn/rate_limit"), "30 10");
-    told.verify_results["cmn/timeout"] = EINVAL;
+    handlers.verify_results["cmn/timeout"] = EINVAL;
     EXPECT_EQ(set(timeout_path, number(60)).status, platform_status{EINVAL});
     EXPECT_EQ(seen.back(), "60 10");
     EXPECT_EQ(read("cmn/timeout"), "30");
 }
 
-TEST_F(datastore_commit_test, verifiers_list_what_the_commit_would_leave) {
+TEST_F(datastore_commit_test, verifiers_list_what_remains_after_the_commit) {
     set(timeout_path, number(30));
     set(rate_path, number(10));
     const auto names = [this] {
@@ -83,17 +83,17 @@ TEST_F(datastore_commit_test, verifiers_list_what_the_commit_would_leave) {
         return text;
     };
     std::string seen;
-    told.in_verify = [&] { seen = names(); };
+    handlers.in_verify = [&] { seen = names(); };
     datastore_commit({{limit_path, number(5)}, {rate_path, std::nullopt}}, true);
     EXPECT_EQ(seen, "session_limit timeout ");
     EXPECT_EQ(names(), "rate_limit timeout ");
     datastore_commit({{rate_path, std::nullopt}, {timeout_path, std::nullopt}}, true);
-    EXPECT_EQ(seen, "") << "there is no such list any more";
+    EXPECT_EQ(seen, "") << "the list no longer exists";
 }
 
 TEST_F(datastore_commit_test, stores_before_it_applies) {
     std::string seen;
-    told.in_apply = [&] { seen = stored(timeout_path); };
+    handlers.in_apply = [&] { seen = stored(timeout_path); };
     set(timeout_path, number(30));
     EXPECT_EQ(seen, "30");
 }
@@ -109,7 +109,7 @@ TEST_F(datastore_commit_test, calls_nothing_for_an_equal_value) {
     EXPECT_THAT(take_calls(), IsEmpty());
 }
 
-TEST_F(datastore_commit_test, refuses_by_the_schema_before_any_verifier_runs) {
+TEST_F(datastore_commit_test, the_schema_refuses_before_any_verifier_runs) {
     const datastore_commit_result result =
         datastore_commit({{rate_path, number(10)}, {timeout_path, number(500)}}, false);
     EXPECT_EQ(result.status, platform_status{EINVAL});
@@ -132,8 +132,8 @@ TEST_F(datastore_commit_test, refuses_an_unknown_path) {
     EXPECT_EQ(set("/cfg/gl/crypto/ssh/server/cmn/", number(1)).refused_by, datastore_refused_by::schema);
 }
 
-TEST_F(datastore_commit_test, refuses_by_a_verifier_and_stores_nothing) {
-    told.verify_results["cmn/timeout"] = EPERM;
+TEST_F(datastore_commit_test, a_refusal_by_a_verifier_stores_nothing) {
+    handlers.verify_results["cmn/timeout"] = EPERM;
     const datastore_commit_result result =
         datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
     EXPECT_EQ(result.status, platform_status{EPERM});
@@ -145,21 +145,21 @@ TEST_F(datastore_commit_test, refuses_by_a_verifier_and_stores_nothing) {
     EXPECT_EQ(stored(timeout_path), "none");
 }
 
-TEST_F(datastore_commit_test, tells_a_refusal_without_a_text_by_its_status) {
-    told.verify_results["cmn/timeout"] = EPERM;
-    told.refusal.clear();
+TEST_F(datastore_commit_test, a_refusal_without_a_text_is_described_by_its_status) {
+    handlers.verify_results["cmn/timeout"] = EPERM;
+    handlers.refusal.clear();
     EXPECT_EQ(set(timeout_path, number(30)).message,
               "/cfg/gl/crypto/ssh/server/cmn/timeout: refused by the agent: Operation not permitted");
 }
 
-TEST_F(datastore_commit_test, takes_a_verifier_that_accepts_nothing_for_a_refusal) {
-    told.verify_results["cmn/timeout"] = PLATFORM_OK;
+TEST_F(datastore_commit_test, a_verifier_that_does_not_accept_refuses) {
+    handlers.verify_results["cmn/timeout"] = PLATFORM_OK;
     EXPECT_EQ(set(timeout_path, number(30)).status, platform_status{EINVAL});
     EXPECT_EQ(stored(timeout_path), "none");
 }
 
-TEST_F(datastore_commit_test, says_which_items_are_not_served) {
-    told.verify_results["cmn/timeout"] = DATASTORE_NO_HANDLER;
+TEST_F(datastore_commit_test, reports_items_that_are_not_served) {
+    handlers.verify_results["cmn/timeout"] = DATASTORE_NO_HANDLER;
     const datastore_commit_result dispatched = set(timeout_path, number(30));
     EXPECT_EQ(dispatched.status, platform_status{DATASTORE_NO_HANDLER});
     EXPECT_EQ(dispatched.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: not supported by this version");
@@ -169,7 +169,7 @@ TEST_F(datastore_commit_test, says_which_items_are_not_served) {
     EXPECT_EQ(stored("/cfg/gl/crypto/ssh/client/dscp"), "none");
 }
 
-// --- What is stored, but not in force -------------------------------------------------------------------------------
+// --- Stored, but not in force ---------------------------------------------------------------------------------------
 
 std::vector<std::string> not_in_force(const datastore_commit_result& result) {
     std::vector<std::string> lines;
@@ -184,8 +184,8 @@ class datastore_enforcement_test : public datastore_commit_test {
     enforcement_test::reset_at_end reset;
 };
 
-TEST_F(datastore_enforcement_test, an_applier_that_fails_leaves_its_item_stored_and_not_in_force) {
-    told.apply_results["cmn/rate_limit"] = 1;
+TEST_F(datastore_enforcement_test, a_failed_applier_leaves_its_item_stored_and_not_in_force) {
+    handlers.apply_results["cmn/rate_limit"] = 1;
     const datastore_commit_result result =
         datastore_commit({{rate_path, number(10)}, {timeout_path, number(30)}}, false);
     EXPECT_EQ(result.status, PLATFORM_OK);
@@ -206,7 +206,7 @@ TEST_F(datastore_enforcement_test, a_commit_is_announced_around_its_appliers_and
     announced.clear();
     EXPECT_EQ(enforcement_announce_commits(nullptr, nullptr), static_cast<platform_status>(EINVAL));
     ASSERT_EQ(enforcement_announce_commits(&note_commits, nullptr), PLATFORM_OK);
-    told.in_apply = [] { announced.push_back("apply"); };
+    handlers.in_apply = [] { announced.push_back("apply"); };
     ASSERT_EQ(datastore_register_notification(
                   server, "", 7, [](const datastore_notification*, void*) { announced.push_back("notify"); }, nullptr,
                   nullptr),
@@ -215,7 +215,7 @@ TEST_F(datastore_enforcement_test, a_commit_is_announced_around_its_appliers_and
     EXPECT_THAT(announced, ElementsAre("begin", "apply", "apply", "notify", "notify", "end"));
 }
 
-TEST_F(datastore_enforcement_test, what_is_reported_at_the_end_of_a_commit_belongs_to_it) {
+TEST_F(datastore_enforcement_test, a_report_at_the_end_of_a_commit_belongs_to_it) {
     constexpr enforcement_commit_callbacks fail_at_end = {
         [](void*) {}, [](void*) { enforcement_failed("server blue", "exit status 1"); }};
     enforcement_announce_commits(&fail_at_end, nullptr);
@@ -226,39 +226,39 @@ TEST_F(datastore_enforcement_test, a_commit_that_stores_nothing_is_not_announced
     announced.clear();
     enforcement_announce_commits(&note_commits, nullptr);
     datastore_commit({{timeout_path, number(30)}}, true);
-    told.verify_results["cmn/timeout"] = EINVAL;
+    handlers.verify_results["cmn/timeout"] = EINVAL;
     EXPECT_NE(set(timeout_path, number(30)).status, PLATFORM_OK);
     EXPECT_THAT(announced, IsEmpty());
 }
 
 TEST_F(datastore_enforcement_test, an_item_is_in_force_once_its_applier_succeeds) {
-    told.apply_results["cmn/rate_limit"] = 1;
+    handlers.apply_results["cmn/rate_limit"] = 1;
     set(rate_path, number(10));
-    told.apply_results.clear();
+    handlers.apply_results.clear();
     EXPECT_THAT(not_in_force(set(rate_path, number(11))), ElementsAre());
     EXPECT_FALSE(enforcement_any_failed());
 }
 
 TEST_F(datastore_enforcement_test, an_item_without_a_handler_is_not_in_force) {
-    told.apply_results["cmn/rate_limit"] = DATASTORE_NO_HANDLER;
+    handlers.apply_results["cmn/rate_limit"] = DATASTORE_NO_HANDLER;
     EXPECT_THAT(not_in_force(set(rate_path, number(10))),
                 ElementsAre("/cfg/gl/crypto/ssh/server/cmn/rate_limit: not supported by this version"));
 }
 
-TEST_F(datastore_enforcement_test, a_change_tells_what_was_reported_during_it_alone) {
+TEST_F(datastore_enforcement_test, a_change_returns_only_what_was_reported_during_it) {
     enforcement_failed("unit red", "exit status 1");
-    told.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
+    handlers.in_apply = [] { enforcement_failed("server blue", "exit status 1"); };
     EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
-    told.in_apply = {};
+    handlers.in_apply = {};
     EXPECT_THAT(not_in_force(set(timeout_path, number(31))), ElementsAre());
 }
 
-TEST_F(datastore_enforcement_test, the_same_value_again_has_the_rest_repaired) {
+TEST_F(datastore_enforcement_test, setting_the_same_value_again_repairs_the_rest) {
     enforcement_test::comparison_script script;
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     set(timeout_path, number(30));
     EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre());
-    EXPECT_TRUE(script.runs.empty()) << "all is in force";
+    EXPECT_TRUE(script.runs.empty()) << "everything is in force";
     enforcement_failed("server blue", "exit status 1");
     enforcement_failed("unit red", "exit status 1");
     take_calls();
@@ -272,7 +272,7 @@ TEST_F(datastore_enforcement_test, the_same_value_again_has_the_rest_repaired) {
     EXPECT_EQ(script.runs.size(), 2U);
 }
 
-TEST_F(datastore_enforcement_test, the_same_value_again_is_no_success_without_a_comparison) {
+TEST_F(datastore_enforcement_test, setting_the_same_value_again_fails_without_a_comparison) {
     set(timeout_path, number(30));
     enforcement_failed("server blue", "exit status 1");
     EXPECT_THAT(not_in_force(set(timeout_path, number(30))), ElementsAre("server blue: exit status 1"));
@@ -297,18 +297,18 @@ TEST_F(datastore_commit_test, checks_without_changing_anything) {
     EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/rate_limit - -> 10", "verify 2 cmn/timeout 30 -> 31"));
     EXPECT_EQ(stored(timeout_path), "30");
     EXPECT_EQ(stored(rate_path), "none");
-    told.verify_results["cmn/timeout"] = EINVAL;
+    handlers.verify_results["cmn/timeout"] = EINVAL;
     EXPECT_EQ(datastore_commit({{timeout_path, number(31)}}, true).refused_by, datastore_refused_by::verifier);
 }
 
-TEST_F(datastore_commit_test, refuses_to_delete_what_is_not_there) {
+TEST_F(datastore_commit_test, refuses_to_delete_a_missing_item) {
     const datastore_commit_result result = erase(timeout_path);
     EXPECT_EQ(result.status, platform_status{DATASTORE_NO_SUCH_ITEM});
     EXPECT_EQ(result.refused_by, datastore_refused_by::absent);
     EXPECT_EQ(result.message, "/cfg/gl/crypto/ssh/server/cmn/timeout: cannot delete, not configured");
 }
 
-TEST_F(datastore_commit_test, refuses_an_item_that_is_named_twice) {
+TEST_F(datastore_commit_test, refuses_an_item_named_twice) {
     const datastore_commit_result result =
         datastore_commit({{timeout_path, number(30)}, {timeout_path, std::nullopt}}, false);
     EXPECT_EQ(result.refused_by, datastore_refused_by::schema);
@@ -329,7 +329,7 @@ TEST_F(datastore_commit_test, deletes_everything_below_a_path) {
     EXPECT_THAT(again.message, HasSubstr("cannot delete, nothing is configured below this path"));
 }
 
-TEST_F(datastore_commit_test, replaces_a_subtree_by_what_the_commit_names) {
+TEST_F(datastore_commit_test, replaces_a_subtree_with_the_items_of_the_commit) {
     datastore_commit({{timeout_path, number(30)}, {rate_path, number(10)}, {limit_path, number(5)}}, false);
     take_calls();
     const datastore_commit_result result =
@@ -338,19 +338,19 @@ TEST_F(datastore_commit_test, replaces_a_subtree_by_what_the_commit_names) {
                 ElementsAre("unchanged cmn/rate_limit", "deleted cmn/session_limit", "changed cmn/timeout"));
 }
 
-TEST_F(datastore_commit_test, is_refused_from_within_a_handler) {
+TEST_F(datastore_commit_test, is_refused_inside_a_handler) {
     datastore_commit_result inner;
-    told.in_apply = [&] { inner = set(rate_path, number(10)); };
+    handlers.in_apply = [&] { inner = set(rate_path, number(10)); };
     EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
     EXPECT_EQ(inner.status, platform_status{EBUSY});
     EXPECT_EQ(inner.refused_by, datastore_refused_by::busy);
     EXPECT_EQ(stored(rate_path), "none");
-    told.in_apply = nullptr;
+    handlers.in_apply = nullptr;
     EXPECT_EQ(set(rate_path, number(10)).status, PLATFORM_OK);
 }
 
 TEST_F(datastore_commit_test, notifies_after_the_appliers) {
-    ASSERT_EQ(datastore_register_notification(server, "cmn/timeout", 7, recorder::on_notification, nullptr, &told),
+    ASSERT_EQ(datastore_register_notification(server, "cmn/timeout", 7, recorder::on_notification, nullptr, &handlers),
               PLATFORM_OK);
     datastore_commit({{timeout_path, number(30)}, {vrf_path, datastore_fields()}}, false);
     EXPECT_EQ(take_calls().back(), "notify 3 cmn/timeout 30");
@@ -360,7 +360,7 @@ TEST_F(datastore_commit_test, notifies_after_the_appliers) {
     EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 30"));
 }
 
-TEST_F(datastore_commit_test, survives_a_reopening) {
+TEST_F(datastore_commit_test, survives_reopening) {
     datastore_commit({{timeout_path, number(30)}, {vrf_path, datastore_fields{std::nullopt, std::string("v4")}}},
                      false);
     reopen();
@@ -376,7 +376,7 @@ TEST_F(datastore_commit_test, is_refused_without_a_database) {
     EXPECT_EQ(stored(timeout_path), "unreadable");
 }
 
-/// On an engine that can be told to fail.
+/// With an engine that fails on request.
 class datastore_commit_failure_test : public served_datastore_test {
   protected:
     void SetUp() override {
@@ -396,11 +396,11 @@ void expect_refused_by_the_store(const datastore_commit_result& result, uint32_t
     EXPECT_NE(result.status, PLATFORM_OK) << operation;
     EXPECT_EQ(result.refused_by, datastore_refused_by::store) << operation;
     EXPECT_EQ(result.message,
-              "the configuration could not be stored in memory: told to fail; nothing has been changed");
+              "the configuration could not be stored in memory: failed as requested; nothing has been changed");
     EXPECT_THAT(result.items, IsEmpty()) << operation;
 }
 
-TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_store_fails) {
+TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_engine_fails) {
     set(timeout_path, number(30));
     take_calls();
     const auto before = memory.items;
@@ -417,14 +417,14 @@ TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_store_f
     EXPECT_EQ(datastore_commit({{rate_path, number(10)}, {timeout_path, std::nullopt}}, false).status, PLATFORM_OK);
 }
 
-TEST_F(datastore_commit_failure_test, reports_the_failure_of_a_single_change) {
+TEST_F(datastore_commit_failure_test, reports_a_failure_to_store_a_single_change) {
     fail_at(1);
     EXPECT_EQ(set(timeout_path, number(30)).refused_by, datastore_refused_by::store);
     EXPECT_EQ(stored(timeout_path), "none");
     EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
 }
 
-TEST_F(datastore_commit_failure_test, deletes_an_item_that_the_schema_does_not_know_without_asking_anybody) {
+TEST_F(datastore_commit_failure_test, deletes_an_item_outside_the_schema_without_calling_handlers) {
     memory.items["/cfg/gl/crypto/ssh/server/old"] = {DATASTORE_VALUE_NUMBER, "1234"};
     EXPECT_EQ(erase("/cfg/gl/crypto/ssh/server/old").status, PLATFORM_OK);
     EXPECT_THAT(take_calls(), IsEmpty());

@@ -1,5 +1,5 @@
-/// Commits under failing system calls and sudden death: an acknowledged commit is there afterwards, and every commit is
-/// there as a whole or not at all.
+/// Commits under failing system calls and sudden death: afterwards an acknowledged commit is stored, and every commit
+/// completely or not at all.
 #include <errno.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -30,7 +30,7 @@ std::vector<datastore_change_request> commit_number(int64_t n) {
 constexpr int64_t torn = -1;
 constexpr int64_t unreadable = -2;
 
-/// The number of the last commit that is stored, 0 for none, `torn` when the database holds halves of several.
+/// The number of the last stored commit, 0 if there is none, `torn` if the database contains parts of several commits.
 int64_t last_stored() {
     datastore_value value;
     const platform_status status = datastore_get_value(rate_path, value);
@@ -48,7 +48,7 @@ int64_t last_stored() {
     return whole ? n : torn;
 }
 
-/// What a child process has done, as far as it could tell before it died.
+/// What a child process has done, as far as it recorded it before it died.
 struct progress {
     int64_t begun = 0;
     int64_t acknowledged = 0;
@@ -69,7 +69,7 @@ class datastore_crash_test : public testing::Test {
         munmap(shared, sizeof(progress));
     }
 
-    /// Opens the database and begins to serve. Also in child processes.
+    /// Opens the database and registers the handlers, also in child processes.
     bool open() {
         datastore_configure(nullptr, path.c_str());
         return datastore_bind(server_path, &binding) == PLATFORM_OK &&
@@ -90,7 +90,7 @@ class datastore_crash_test : public testing::Test {
         }
     }
 
-    /// A database of its own for each try, with one commit in it.
+    /// A new database for each attempt, with one commit in it.
     void fresh_database(const std::string& name) {
         path = folder / (name + "/datastore.db").c_str();
         *shared = {};
@@ -100,7 +100,7 @@ class datastore_crash_test : public testing::Test {
         ASSERT_EQ(shared->acknowledged, 1);
     }
 
-    /// The last commit that was acknowledged is there, or the one that was under way.
+    /// The last acknowledged commit is stored, or the one that was in progress.
     void expect_nothing_lost(const std::string& when) {
         ASSERT_TRUE(open()) << when;
         const int64_t last = last_stored();
@@ -109,7 +109,7 @@ class datastore_crash_test : public testing::Test {
         close();
     }
 
-    /// Runs `body` with a fault at its first, second, ... system call, until it has no more of them.
+    /// Runs `body` with a fault at its first, second, ... system call, until there are no more calls.
     void at_every_call(syscall_faults::plan plan, const std::string& name, const std::function<int()>& body) {
         bool hit = true;
         for (plan.call = 1; hit && !HasFatalFailure(); plan.call++) {
@@ -125,7 +125,7 @@ class datastore_crash_test : public testing::Test {
         EXPECT_GT(plan.call, 10u);
     }
 
-    /// Runs a child process that commits without end, and kills it after a while.
+    /// Runs a child process that commits endlessly, and kills it after a while.
     void kill_a_committing_child(useconds_t after) {
         fflush(nullptr);
         const pid_t child = fork();
@@ -160,8 +160,8 @@ TEST_F(datastore_crash_test, loses_nothing_when_killed_before_any_system_call) {
     });
 }
 
-/// A database that is not there yet comes into being whole or not at all, wherever the first start dies.
-TEST_F(datastore_crash_test, makes_a_whole_database_or_none) {
+/// A new database is created completely or not at all, wherever the first start dies.
+TEST_F(datastore_crash_test, creates_a_complete_database_or_none) {
     bool hit = true;
     for (uint32_t call = 1; hit; call++) {
         const std::string name = "new" + std::to_string(call);
@@ -189,13 +189,13 @@ void PrintTo(const error_case& row, std::ostream* out) {
 
 class datastore_fault_test : public datastore_crash_test, public testing::WithParamInterface<error_case> {};
 
-TEST_P(datastore_fault_test, stores_all_or_nothing_and_goes_on) {
+TEST_P(datastore_fault_test, stores_all_or_nothing_and_continues) {
     at_every_call(GetParam().plan, GetParam().name, [this] {
         if (!open()) {
             return 0;
         }
         commit(2);
-        // While every call fails, nothing can be read that is not in memory.
+        // While every call fails, only what is in memory can be read.
         const int64_t now = last_stored();
         if (now != 1 && now != 2 && !(GetParam().plan.for_ever && now == unreadable)) {
             return 1;
@@ -219,7 +219,7 @@ INSTANTIATE_TEST_SUITE_P(
                     error_case{"short_writes", {.kind = fault::short_write, .for_ever = true}}),
     [](const testing::TestParamInfo<error_case>& info) { return std::string(info.param.name); });
 
-TEST_F(datastore_crash_test, loses_nothing_when_killed_at_random_moments) {
+TEST_F(datastore_crash_test, loses_nothing_when_killed_at_random) {
     std::mt19937 random(20240229);
     std::uniform_int_distribution<useconds_t> pause(2000, 22000);
     path = folder / "random/datastore.db";

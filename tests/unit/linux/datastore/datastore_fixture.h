@@ -1,5 +1,5 @@
-/// What the tests of the Linux datastore share: a database of one's own, a server's subtree with handlers that note what
-/// they are told, and an engine in memory that can be told to fail.
+/// Helpers for the tests of the Linux datastore: a temporary database, a subtree whose handlers record their calls, and
+/// an engine in memory that fails on request.
 #ifndef UNIT_LINUX_DATASTORE_FIXTURE_H
 #define UNIT_LINUX_DATASTORE_FIXTURE_H
 
@@ -41,14 +41,14 @@ inline datastore_commit_result erase(const std::string& path) {
     return datastore_commit({{path, std::nullopt}}, false);
 }
 
-/// The stored value as in messages; "none" when there is none.
+/// The stored value as messages show it; "none" if there is none.
 inline std::string stored(const std::string& path) {
     datastore_value value;
     const platform_status status = datastore_get_value(path, value);
     return status == PLATFORM_OK ? schema_display(value) : status == DATASTORE_NO_SUCH_ITEM ? "none" : "unreadable";
 }
 
-/// A folder that is gone with the test.
+/// A folder that is removed after the test.
 class scratch_folder {
   public:
     scratch_folder() {
@@ -56,7 +56,7 @@ class scratch_folder {
         path_ = mkdtemp(name);
     }
     ~scratch_folder() {
-        // What a test has mounted there stays until the scratch root goes.
+        // A file system mounted by a test remains until the scratch root is removed.
         std::error_code error;
         std::filesystem::remove_all(path_, error);
     }
@@ -70,7 +70,7 @@ class scratch_folder {
     std::string path_;
 };
 
-/// A database in a scratch folder, closed and without bindings when the test ends.
+/// A database in a temporary folder, closed and without bindings when the test ends.
 class database_test : public testing::Test {
   protected:
     void SetUp() override { open(); }
@@ -104,7 +104,7 @@ class database_test : public testing::Test {
     std::vector<datastore_binding*> bindings;
 };
 
-/// What handlers were told, one line a call: "verify 3 cmn/timeout 30 -> 45".
+/// The calls of the handlers, one line each: "verify 3 cmn/timeout 30 -> 45".
 class recorder {
   public:
     std::vector<std::string> calls;
@@ -127,7 +127,7 @@ class recorder {
     }
 
   private:
-    /// Numbers as numbers, everything else as text.
+    /// Prints numbers as numbers and everything else as text.
     static std::string show(const void* value, size_t size) {
         uint32_t number = 0;
         if (value == nullptr) {
@@ -171,24 +171,24 @@ class recorder {
     }
 };
 
-/// A database with the server's subtree served by a recorder.
+/// A database whose server subtree is served by a recorder.
 class served_datastore_test : public database_test {
   protected:
     void SetUp() override {
         database_test::SetUp();
         server = bind(server_path);
         ASSERT_EQ(
-            datastore_register_verification(server, "", 7, recorder::on_verify, recorder::on_apply, nullptr, &told),
+            datastore_register_verification(server, "", 7, recorder::on_verify, recorder::on_apply, nullptr, &handlers),
             PLATFORM_OK);
     }
 
-    std::vector<std::string> take_calls() { return std::exchange(told.calls, {}); }
+    std::vector<std::string> take_calls() { return std::exchange(handlers.calls, {}); }
 
     datastore_binding* server = nullptr;
-    recorder told;
+    recorder handlers;
 };
 
-/// An engine in memory. A failure can be set for the n-th writing operation from now.
+/// An engine in memory, in which the n-th writing operation can be made to fail.
 struct memory_engine {
     std::map<std::string, datastore_stored, std::less<>> items;
     std::map<std::string, datastore_stored, std::less<>> before;  ///< the items when the transaction began
@@ -204,7 +204,7 @@ inline memory_engine memory;
 
 inline const datastore_engine engine_in_memory = {
     [](const char*, void** store, std::string& reason) -> platform_status {
-        reason = "told so";
+        reason = "as requested";
         if (memory.open_result == PLATFORM_OK) {
             *store = &memory;
         }
@@ -259,7 +259,7 @@ inline const datastore_engine engine_in_memory = {
         memory.items.erase(std::string(key));
         return PLATFORM_OK;
     },
-    [](void*) -> std::string { return "told to fail"; },
+    [](void*) -> std::string { return "failed as requested"; },
 };
 
 }  // namespace datastore_test

@@ -29,7 +29,7 @@ class datastore_engine_sqlite_test : public testing::Test {
         }
     }
 
-    /// A database with a few items in it, closed.
+    /// A closed database that contains a few items.
     void make_database() {
         ASSERT_EQ(open(), PLATFORM_OK) << reason;
         for (const char* key : {"/a", "/b", "/c"}) {
@@ -38,7 +38,7 @@ class datastore_engine_sqlite_test : public testing::Test {
         close();
     }
 
-    /// Lets SQLite's own tool do something with the closed database.
+    /// Runs SQLite's own tool on the closed database.
     void with_sqlite(const char* statements) {
         sqlite3* database = nullptr;
         ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
@@ -52,7 +52,7 @@ class datastore_engine_sqlite_test : public testing::Test {
     }
     void overwrite(const std::string& bytes) const { std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes; }
 
-    /// Opening fails, says why and leaves the file as it is.
+    /// Opening fails, reports why and leaves the file unchanged.
     void expect_refused(platform_status status, const char* words) {
         const std::string before = contents();
         EXPECT_EQ(open(), status);
@@ -73,7 +73,7 @@ std::string value_of(void* store, const char* key) {
     return status == PLATFORM_OK ? value.bytes : platform_status_text(status);
 }
 
-TEST_F(datastore_engine_sqlite_test, makes_a_database_that_only_its_owner_can_read) {
+TEST_F(datastore_engine_sqlite_test, creates_a_database_that_only_its_owner_can_read) {
     ASSERT_EQ(open(), PLATFORM_OK) << reason;
     struct stat info;
     ASSERT_EQ(stat((folder / "data").c_str(), &info), 0);
@@ -86,7 +86,7 @@ TEST_F(datastore_engine_sqlite_test, makes_a_database_that_only_its_owner_can_re
     EXPECT_NE(stat((path + ".new").c_str(), &info), 0);
 }
 
-TEST_F(datastore_engine_sqlite_test, keeps_the_pragmas_that_durability_rests_on) {
+TEST_F(datastore_engine_sqlite_test, sets_the_pragmas_that_durability_depends_on) {
     ASSERT_EQ(open(), PLATFORM_OK);
     // The connection is the store's first member.
     auto* database = *static_cast<sqlite3**>(store);
@@ -106,7 +106,7 @@ TEST_F(datastore_engine_sqlite_test, keeps_the_pragmas_that_durability_rests_on)
     EXPECT_EQ(ask("PRAGMA locking_mode"), "exclusive");
 }
 
-TEST_F(datastore_engine_sqlite_test, keeps_items_with_their_kinds_and_bytes) {
+TEST_F(datastore_engine_sqlite_test, stores_items_with_their_kinds_and_bytes) {
     ASSERT_EQ(open(), PLATFORM_OK);
     const datastore_stored given = {DATASTORE_VALUE_TUPLE, std::string("\0\1\xff", 3)};
     EXPECT_EQ(engine.put(store, "/a", given), PLATFORM_OK);
@@ -123,7 +123,7 @@ TEST_F(datastore_engine_sqlite_test, keeps_items_with_their_kinds_and_bytes) {
     EXPECT_EQ(found, given);
 }
 
-TEST_F(datastore_engine_sqlite_test, goes_through_the_items_in_byte_order) {
+TEST_F(datastore_engine_sqlite_test, iterates_in_byte_order) {
     ASSERT_EQ(open(), PLATFORM_OK);
     for (const char* key : {"/b", "/a/b", "/a-b", "/B", "/a", "/\xff"}) {
         engine.put(store, key, {1, "x"});
@@ -141,7 +141,7 @@ TEST_F(datastore_engine_sqlite_test, goes_through_the_items_in_byte_order) {
     EXPECT_EQ(key, "/b");
 }
 
-TEST_F(datastore_engine_sqlite_test, takes_a_transaction_back) {
+TEST_F(datastore_engine_sqlite_test, rolls_a_transaction_back) {
     make_database();
     ASSERT_EQ(open(), PLATFORM_OK);
     EXPECT_EQ(engine.begin(store), PLATFORM_OK);
@@ -164,19 +164,19 @@ TEST_F(datastore_engine_sqlite_test, refuses_an_empty_file) {
     expect_refused(EUCLEAN, "the file is empty");
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_a_file_that_is_no_database) {
+TEST_F(datastore_engine_sqlite_test, refuses_a_file_that_is_not_a_database) {
     make_database();
     overwrite(std::string(20000, 'x'));
     expect_refused(EUCLEAN, "not a database");
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_another_programs_database) {
+TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_another_program) {
     std::filesystem::create_directory(folder / "data");
     with_sqlite("CREATE TABLE theirs (x)");
     expect_refused(EUCLEAN, "belongs to another program");
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_a_newer_versions_database) {
+TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_a_newer_version) {
     make_database();
     with_sqlite("PRAGMA user_version = 2");
     expect_refused(EUCLEAN, "was written by another version of this program (found \"2\", expected \"1\")");
@@ -201,7 +201,7 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_damaged_page) {
     EXPECT_NE(reason, "");
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_a_database_that_has_been_cut_off) {
+TEST_F(datastore_engine_sqlite_test, refuses_a_truncated_database) {
     make_database();
     overwrite(contents().substr(0, 4096));
     expect_refused(EUCLEAN, "");
@@ -222,13 +222,13 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_log_without_its_database) {
     EXPECT_FALSE(std::filesystem::exists(path));
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_what_is_no_file) {
+TEST_F(datastore_engine_sqlite_test, refuses_anything_but_a_file) {
     std::filesystem::create_directories(path);
     EXPECT_EQ(open(), platform_status{EUCLEAN});
     EXPECT_EQ(reason, "it is not a regular file");
 }
 
-TEST_F(datastore_engine_sqlite_test, tells_why_the_folder_cannot_be_made) {
+TEST_F(datastore_engine_sqlite_test, reports_why_the_folder_cannot_be_created) {
     path = folder / "file/datastore.db";
     std::ofstream(folder / "file") << "x";
     EXPECT_EQ(open(), platform_status{ENOTDIR});
@@ -238,7 +238,7 @@ TEST_F(datastore_engine_sqlite_test, tells_why_the_folder_cannot_be_made) {
     EXPECT_THAT(reason, HasSubstr("cannot create the directory /nowhere/at/all"));
 }
 
-/// Opens in a child process, there as the user nobody if wanted, and returns status and reason.
+/// Opens in a child process, optionally as the user nobody, and returns status and reason.
 std::string open_elsewhere(const std::string& path, bool as_nobody) {
     int answer[2];
     EXPECT_EQ(pipe(answer), 0);
@@ -271,7 +271,7 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_second_process) {
     EXPECT_EQ(open_elsewhere(path, false), "0 ");
 }
 
-TEST_F(datastore_engine_sqlite_test, refuses_what_it_may_not_read_or_write) {
+TEST_F(datastore_engine_sqlite_test, refuses_a_file_without_permission) {
     make_database();
     std::filesystem::permissions(folder.path(), std::filesystem::perms(0755));
     EXPECT_THAT(open_elsewhere(path, true), HasSubstr("Permission denied"));
@@ -291,14 +291,14 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_read_only_file_system) {
     EXPECT_EQ(open(), PLATFORM_OK) << reason;
 }
 
-TEST_F(datastore_engine_sqlite_test, gets_over_a_first_start_that_was_interrupted) {
+TEST_F(datastore_engine_sqlite_test, recovers_from_an_interrupted_first_start) {
     std::filesystem::create_directory(folder / "data");
-    std::ofstream(path + ".new") << "half a database";
+    std::ofstream(path + ".new") << "part of a database";
     ASSERT_EQ(open(), PLATFORM_OK) << reason;
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
 
-TEST_F(datastore_engine_sqlite_test, tells_a_full_disk_and_goes_on_when_there_is_room_again) {
+TEST_F(datastore_engine_sqlite_test, reports_a_full_disk_and_continues_when_there_is_space_again) {
     make_database();
     scratch_root::limit_space(folder / "data", 512U * 1024);
     ASSERT_EQ(open(), PLATFORM_OK) << reason;

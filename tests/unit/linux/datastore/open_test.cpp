@@ -32,16 +32,17 @@ TEST_F(datastore_open_test, opens_once) {
     EXPECT_EQ(open(message), PLATFORM_OK);
 }
 
-TEST_F(datastore_open_test, says_what_is_wrong_and_fails) {
+TEST_F(datastore_open_test, reports_the_error_and_fails) {
     std::string message;
     memory.open_result = EIO;
     EXPECT_EQ(open(message), platform_status{EIO});
-    EXPECT_THAT(message,
-                HasSubstr("ssh_cfg_agent: The configuration database /somewhere/datastore.db cannot be used: told so. "
-                          "Nothing has been changed; repair it, or restore it from a backup"));
+    EXPECT_THAT(
+        message,
+        HasSubstr("ssh_cfg_agent: The configuration database /somewhere/datastore.db cannot be used: as requested. "
+                  "Nothing has been changed; repair it, or restore it from a backup"));
 }
 
-TEST_F(datastore_open_test, lets_a_binding_fail_without_a_database) {
+TEST_F(datastore_open_test, without_a_database_binding_fails) {
     memory.open_result = EACCES;
     testing::internal::CaptureStderr();
     datastore_binding* binding = nullptr;
@@ -50,7 +51,7 @@ TEST_F(datastore_open_test, lets_a_binding_fail_without_a_database) {
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(datastore_open_test, refuses_a_value_that_does_not_have_its_form) {
+TEST_F(datastore_open_test, refuses_a_stored_value_of_another_form) {
     memory.items[timeout_path] = {DATASTORE_VALUE_NUMBER, "short"};
     std::string message;
     EXPECT_EQ(open(message), platform_status{EUCLEAN});
@@ -60,7 +61,7 @@ TEST_F(datastore_open_test, refuses_a_value_that_does_not_have_its_form) {
     EXPECT_EQ(open(message), platform_status{EUCLEAN});
 }
 
-TEST_F(datastore_open_test, keeps_an_item_that_a_newer_version_has_left) {
+TEST_F(datastore_open_test, keeps_an_item_left_by_a_newer_version) {
     memory.items["/cfg/gl/crypto/ssh/server/cmn/future"] = {DATASTORE_VALUE_NUMBER, "1234"};
     std::string message;
     EXPECT_EQ(open(message), PLATFORM_OK);

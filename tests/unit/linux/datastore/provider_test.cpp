@@ -46,7 +46,7 @@ const std::map<std::string, platform_status (*)(datastore_read_request*)> answer
     {"no_list", no_list}, {"failing", failing},  {"nothing", nothing},
 };
 
-/// Notes the item, and answers it as its name says.
+/// Records the item, and answers as its name says.
 platform_status provide(datastore_read_request* request, const char* item, void* context) {
     static_cast<std::vector<std::string>*>(context)->emplace_back(item);
     const auto answer = answers.find(item);
@@ -89,7 +89,7 @@ TEST_F(datastore_provider_test, answers_with_a_list) {
     EXPECT_TRUE(empty.records.empty());
 }
 
-TEST_F(datastore_provider_test, tells_no_data_nothing_and_failure_apart) {
+TEST_F(datastore_provider_test, distinguishes_no_data_nothing_and_failure) {
     EXPECT_EQ(datastore_read("/oper/ssh/data/nothing").status, platform_status{DATASTORE_NO_DATA});
     EXPECT_EQ(datastore_read("/oper/ssh/data/other").status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
     EXPECT_EQ(datastore_read("/oper/ssh/data/no_list").status, platform_status{DATASTORE_NOTHING_TO_ENCODE});
@@ -98,7 +98,7 @@ TEST_F(datastore_provider_test, tells_no_data_nothing_and_failure_apart) {
     EXPECT_TRUE(failed.records.empty());
 }
 
-TEST_F(datastore_provider_test, is_asked_for_items_below_its_path) {
+TEST_F(datastore_provider_test, serves_items_below_its_path) {
     datastore_read("/oper/ssh/data/a/b");
     datastore_read("/oper/ssh/data/a/");
     datastore_read("/oper/ssh/data/");
@@ -110,7 +110,7 @@ TEST_F(datastore_provider_test, is_asked_for_items_below_its_path) {
     EXPECT_EQ(asked.size(), 4u);
 }
 
-TEST_F(datastore_provider_test, gives_way_to_a_provider_of_a_part_of_its_tree) {
+TEST_F(datastore_provider_test, a_more_specific_provider_takes_precedence) {
     std::vector<std::string> inner_asked;
     datastore_provider* inner = nullptr;
     ASSERT_EQ(datastore_provider_register("/oper/ssh/data/inner", provide, nullptr, &inner_asked, &inner), PLATFORM_OK);
@@ -132,7 +132,7 @@ TEST_F(datastore_provider_test, is_registered_once_and_with_a_callback) {
     EXPECT_EQ(datastore_provider_unregister(nullptr), PLATFORM_OK);
 }
 
-TEST_F(datastore_provider_test, fills_an_answer_that_nobody_asked_for) {
+TEST_F(datastore_provider_test, fills_an_answer_without_a_request) {
     const datastore_answer answer = datastore_fill(provide, "one", &asked);
     EXPECT_EQ(answer.status, PLATFORM_OK);
     EXPECT_EQ(answer.records.size(), 1u);

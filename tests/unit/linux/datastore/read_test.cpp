@@ -25,7 +25,7 @@ class datastore_read_test : public served_datastore_test {
     }
 };
 
-TEST_F(datastore_read_test, gives_values_as_they_were_given) {
+TEST_F(datastore_read_test, returns_values_as_they_were_set) {
     datastore_value value;
     ASSERT_EQ(datastore_get_value(timeout_path, value), PLATFORM_OK);
     EXPECT_EQ(value, number(30));
@@ -45,7 +45,7 @@ TEST_F(datastore_read_test, lists_children_with_or_without_a_slash) {
     EXPECT_THAT(names, ElementsAre("cfg"));
 }
 
-TEST_F(datastore_read_test, visits_the_configuration_in_byte_order) {
+TEST_F(datastore_read_test, iterates_in_byte_order) {
     EXPECT_THAT(visited(""), ElementsAre("rate_limit 10", "timeout 30", "blue [null, null, null]"));
     EXPECT_THAT(visited("/cfg/gl/crypto/ssh/server/cmn/"), ElementsAre("rate_limit 10", "timeout 30"));
     EXPECT_THAT(visited(timeout_path), ElementsAre("timeout 30"));
@@ -53,13 +53,13 @@ TEST_F(datastore_read_test, visits_the_configuration_in_byte_order) {
     EXPECT_THAT(visited("/oper/"), IsEmpty());
 }
 
-TEST_F(datastore_read_test, does_not_show_what_the_platforms_services_keep) {
+TEST_F(datastore_read_test, hides_the_values_of_the_platforms_services) {
     ASSERT_EQ(datastore_private_put("vrf/blue", "1"), PLATFORM_OK);
     ASSERT_EQ(datastore_private_put("!early", "1"), PLATFORM_OK);
     EXPECT_EQ(visited("").size(), 3u);
 }
 
-TEST_F(datastore_read_test, gives_back_what_can_be_loaded_again) {
+TEST_F(datastore_read_test, its_output_can_be_loaded_again) {
     std::vector<datastore_change_request> dump;
     datastore_visit("", [&](const std::string& path, const datastore_value& value) {
         dump.push_back({path, value});
@@ -71,7 +71,7 @@ TEST_F(datastore_read_test, gives_back_what_can_be_loaded_again) {
     }
 }
 
-TEST_F(datastore_read_test, says_that_a_closed_database_is_not_available) {
+TEST_F(datastore_read_test, reports_a_closed_database_as_not_available) {
     datastore_close();
     datastore_value value;
     std::vector<std::string> names;

@@ -53,14 +53,14 @@ struct values_record {
 constexpr values_record some_values = {4294967295,       7,      65535, 255, {192, 0, 2, 7},
                                        {0, 1, 254, 255}, "a\"b", -1,    1,   "eight.."};
 
-TEST(record_to_json, gives_each_value_in_its_form) {
+TEST(record_to_json, writes_each_value_in_its_form) {
     register_record(values);
     EXPECT_EQ(json_of(values, &some_values),
               R"({"Number":4294967295,"Node":7,"Short":65535,"Byte":255,"Address":"192.0.2.7","Raw":[0,1,254,255],)"
               R"("Text":"a\"b","Kind":-1,"Flag":true,"Fixed":"eight.."})");
 }
 
-TEST(record_to_json, what_is_absent_is_empty) {
+TEST(record_to_json, absent_values_are_empty) {
     register_record(values);
     const values_record nothing = {};
     EXPECT_EQ(json_of(values, &nothing),
@@ -68,7 +68,7 @@ TEST(record_to_json, what_is_absent_is_empty) {
               R"("Flag":false,"Fixed":""})");
 }
 
-TEST(record_to_json, text_that_is_no_utf8_is_still_json) {
+TEST(record_to_json, invalid_utf_8_becomes_valid_json) {
     register_record(values);
     values_record record = some_values;
     record.text = "\xff\xc3(\x1b";
@@ -148,14 +148,14 @@ TEST(record_to_json, optional_values_are_values_or_null) {
     EXPECT_EQ(json_of(state, &none), R"({"Inner":{"Flag":null,"Kind":null,"Short":null}})");
 }
 
-TEST(record_to_json, a_record_that_nobody_registered_is_not_read) {
+TEST(record_to_json, an_unregistered_record_is_not_read) {
     constexpr static record_descriptor stranger = {"stranger", "record_json_test", "$1={A}D;", "$1=D;"};
     control_json json = "as it was";
     EXPECT_EQ(record_to_json({&stranger, "abcd"}, json), platform_status{RECORD_UNKNOWN});
     EXPECT_EQ(json, "as it was");
 }
 
-TEST(record_to_json, bytes_that_are_no_such_record_leave_the_result_alone) {
+TEST(record_to_json, bytes_of_another_record_leave_the_result_alone) {
     register_record(sessions);
     const uint32_t channels[] = {5, 6};
     const session_element first = {1, {2, channels}, nullptr};

@@ -60,7 +60,7 @@ TEST_F(datastore_scan_test, is_announced_like_a_commit) {
     EXPECT_THAT(applied, ElementsAre("begin", "3 cmn/rate_limit 10 of 4", "3 cmn/timeout 30 of 4", "end"));
 }
 
-TEST_F(datastore_scan_test, can_be_held_to_a_pattern) {
+TEST_F(datastore_scan_test, can_be_limited_to_a_pattern) {
     EXPECT_EQ(datastore_backend_scan(server, &table, "cmn/timeout", 1, nullptr), PLATFORM_OK);
     EXPECT_THAT(applied, ElementsAre("3 cmn/timeout 30 of 4"));
 }
@@ -70,7 +70,7 @@ TEST_F(datastore_scan_test, stays_within_its_binding) {
     EXPECT_TRUE(applied.empty());
 }
 
-TEST_F(datastore_scan_test, lets_handlers_read_and_keep_what_is_theirs_but_not_commit) {
+TEST_F(datastore_scan_test, handlers_may_read_and_store_their_values_but_not_commit) {
     datastore_commit_result inner;
     in_apply = [&] {
         EXPECT_EQ(datastore_private_put("vrf/blue", "1"), PLATFORM_OK);
@@ -82,7 +82,7 @@ TEST_F(datastore_scan_test, lets_handlers_read_and_keep_what_is_theirs_but_not_c
     EXPECT_EQ(inner.status, platform_status{EBUSY});
 }
 
-TEST_F(datastore_scan_test, needs_a_database) {
+TEST_F(datastore_scan_test, requires_a_database) {
     datastore_close();
     EXPECT_EQ(datastore_backend_scan(server, &table, "", 1, nullptr), platform_status{DATASTORE_UNAVAILABLE});
     EXPECT_EQ(datastore_backend_scan(nullptr, &table, "", 1, nullptr), platform_status{EINVAL});

@@ -15,7 +15,7 @@ constexpr char legacy_ciphers[] = "/cfg/gl/crypto/ssh/server/cmn/enable/cipher";
 
 }  // namespace
 
-TEST(schema_effect, an_item_without_effect_says_why) {
+TEST(schema_effect, an_item_without_effect_has_a_reason) {
     EXPECT_EQ(reason("/cfg/gl/crypto/ssh/server/cmn/tcp_window_scale", int64_t{7}),
               "the kernel chooses the TCP window");
     EXPECT_EQ(reason("/cfg/gl/crypto/ssh/server/cmn/trustpoint/user/ca", true),
@@ -24,13 +24,13 @@ TEST(schema_effect, an_item_without_effect_says_why) {
               "the client uses the VRF in which it is started");
 }
 
-TEST(schema_effect, an_item_with_effect_says_nothing) {
+TEST(schema_effect, an_item_with_effect_has_none) {
     EXPECT_EQ(reason("/cfg/gl/crypto/ssh/server/cmn/rate_limit", int64_t{7}), "");
     EXPECT_EQ(reason("/cfg/gl/crypto/ssh/server/cmn/session_limit", int64_t{7}), "");
     EXPECT_EQ(reason("/cfg/gl/crypto/ssh/server/sshd/vrf/red", datastore_fields{}), "");
 }
 
-TEST(schema_effect, of_a_tuple_the_flags_count_that_are_set) {
+TEST(schema_effect, in_a_tuple_only_flags_that_are_set_count) {
     EXPECT_EQ(reason(legacy_ciphers, datastore_fields{true, false}), "");
     EXPECT_EQ(reason(legacy_ciphers, datastore_fields{true, true}), "3des-cbc is not supported");
     EXPECT_EQ(reason(legacy_ciphers, datastore_fields{int64_t{1}, int64_t{1}}), "3des-cbc is not supported");

@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(schema_table, stands_in_byte_order_without_a_pattern_twice) {
+TEST(schema_table, is_in_byte_order_without_duplicates) {
     const auto rows = schema_rows();
     ASSERT_FALSE(rows.empty());
     for (size_t i = 1; i < rows.size(); i++) {
@@ -27,7 +27,7 @@ void expect_meaning(const schema_row& row) {
     }
 }
 
-TEST(schema_table, has_a_meaning_for_every_item_and_field) {
+TEST(schema_table, has_a_help_text_for_every_item_and_field) {
     for (const schema_row& row : schema_rows()) {
         expect_meaning(row);
     }
@@ -44,8 +44,8 @@ void expect_storable(const schema_row& row) {
     }
 }
 
-// What the forms allow has to fit the packed forms it is stored in.
-TEST(schema_table, asks_for_nothing_that_cannot_be_stored) {
+// What a form allows must fit the packed format in which it is stored.
+TEST(schema_table, requires_nothing_that_cannot_be_stored) {
     for (const schema_row& row : schema_rows()) {
         expect_storable(row);
     }
@@ -65,7 +65,7 @@ std::string effect_text(const char* not_carried_out) {
 }
 
 // Stored tuples depend on the order of their fields.
-TEST(schema_table, holds_these_items) {
+TEST(schema_table, has_these_items) {
     std::string text;
     for (const schema_row& row : schema_rows()) {
         text += std::string(row.pattern) + rules[static_cast<size_t>(row.rule)] + "\n    " + form_text(row.form) +

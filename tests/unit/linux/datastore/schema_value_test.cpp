@@ -54,7 +54,7 @@ datastore_fields flags(std::initializer_list<bool> values) {
     return {values.begin(), values.end()};
 }
 
-TEST(schema_store, stores_numbers_as_handlers_read_them) {
+TEST(schema_store, stores_numbers_in_the_format_that_handlers_read) {
     const datastore_stored stored = stored_of("cmn/timeout", int64_t{45});
     EXPECT_EQ(stored.kind, uint32_t{DATASTORE_VALUE_NUMBER});
     EXPECT_EQ(stored.bytes, std::string("\x2d\0\0\0", 4));
@@ -72,12 +72,12 @@ TEST(schema_store, names_path_value_and_range) {
               "9223372036854775807 is out of range; expected a number from 0 to 63 (DSCP code point)");
 }
 
-// 2 to the power of 32 more would wrap around to a number that is allowed.
+// A number larger by 2 to the power of 32 would wrap around to one that is allowed.
 TEST(schema_store, does_not_wrap_around) {
     EXPECT_NE(refusal_of("cmn/timeout", int64_t{45} + (int64_t{1} << 32)).find("out of range"), std::string::npos);
 }
 
-TEST(schema_store, refuses_what_is_no_whole_number) {
+TEST(schema_store, refuses_anything_but_a_whole_number) {
     EXPECT_EQ(refusal_of("cmn/dscp", 1.5),
               "1.5 is not a whole number; expected a number from 0 to 63 (DSCP code point)");
     EXPECT_NE(refusal_of("cmn/dscp", 1e300).find("1e+300 is not a whole number"), std::string::npos);
@@ -88,7 +88,7 @@ TEST(schema_store, refuses_what_is_no_whole_number) {
               "[true] is not a number; expected a number from 0 to 63 (DSCP code point)");
 }
 
-TEST(schema_store, holds_every_number_to_its_range) {
+TEST(schema_store, checks_every_number_against_its_range) {
     struct range {
         const char* item;
         int64_t lowest;
@@ -106,7 +106,7 @@ TEST(schema_store, holds_every_number_to_its_range) {
     }
 }
 
-TEST(schema_store, takes_flags_as_truth_or_as_one_and_zero) {
+TEST(schema_store, accepts_flags_as_booleans_or_as_one_and_zero) {
     EXPECT_EQ(round_trip("cmn/disable/hmac/hmac_sha1", true), datastore_value(true));
     EXPECT_EQ(round_trip("cmn/disable/hmac/hmac_sha1", int64_t{0}), datastore_value(false));
     EXPECT_EQ(stored_of("cmn/disable/hmac/hmac_sha1", int64_t{1}).bytes, std::string("\1\0\0\0", 4));
@@ -116,8 +116,8 @@ TEST(schema_store, takes_flags_as_truth_or_as_one_and_zero) {
               "\"yes\" is neither true nor false; expected true or false (whether this MAC is disabled)");
 }
 
-// The agent looks at the existence of such an item only, so that a stored false would switch it on.
-TEST(schema_store, refuses_false_where_existence_says_everything) {
+// The agent only checks whether such an item exists, so a stored false would switch it on.
+TEST(schema_store, refuses_false_where_only_existence_counts) {
     EXPECT_EQ(round_trip("cmn/logging", true), datastore_value(true));
     EXPECT_EQ(round_trip("sshd/v2", int64_t{1}), datastore_value(true));
     EXPECT_EQ(refusal_of("cmn/logging", false),
@@ -132,7 +132,7 @@ TEST(schema_store, stores_texts_with_their_nul) {
               datastore_value(text("ssh-rsa AAAA m\xc3\xbcller")));
 }
 
-TEST(schema_store, refuses_texts_of_the_wrong_length_or_with_wrong_characters) {
+TEST(schema_store, refuses_texts_with_invalid_length_or_characters) {
     const std::string expected =
         "expected 1 to 127 letters, digits, '_', '-' or '.', not beginning with '-' or '.' (trustpoint name)";
     EXPECT_EQ(refusal_of("cmn/trustpoint/host", text("")), "\"\" is too short; " + expected);
@@ -145,7 +145,7 @@ TEST(schema_store, refuses_texts_of_the_wrong_length_or_with_wrong_characters) {
     EXPECT_EQ(refusal_of("cmn/trustpoint/host", datastore_fields()), "[] is not a string; " + expected);
 }
 
-TEST(schema_store, refuses_control_characters_and_broken_utf8_in_every_text) {
+TEST(schema_store, refuses_control_characters_and_invalid_utf8_in_every_text) {
     for (const char* item : {"cmn/trustpoint/host", "cmn/username/ann/keystr"}) {
         for (const std::string& value : {std::string("a\nb"), std::string("a\0b", 3), std::string("a\rb"),
                                          std::string("\x1b"), std::string("\xff"), std::string("\xc2\x85")}) {
@@ -162,7 +162,7 @@ TEST(schema_store, packs_a_tuple_with_its_absent_fields) {
               datastore_value(strings({nullptr, "v4", nullptr})));
 }
 
-TEST(schema_store, takes_a_short_array_as_one_with_absent_fields) {
+TEST(schema_store, a_short_array_has_absent_fields_at_the_end) {
     EXPECT_EQ(stored_of("sshd/vrf/blue", datastore_fields()).bytes, std::string("\0\0\0\0", 4));
     EXPECT_EQ(round_trip("sshd/vrf/blue", strings({nullptr, "v4"})),
               datastore_value(strings({nullptr, "v4", nullptr})));
@@ -179,7 +179,7 @@ TEST(schema_store, names_the_field_that_does_not_fit) {
               "field 1 (index): 2147483648 is out of range; expected a number from 0 to 2147483647 (not used)");
 }
 
-TEST(schema_store, refuses_what_is_no_array_or_too_long_a_one) {
+TEST(schema_store, refuses_anything_but_an_array_and_one_that_is_too_long) {
     EXPECT_EQ(
         refusal_of("sshd/vrf/blue", strings({nullptr, nullptr, nullptr, nullptr})),
         "[null, null, null, null] has too many fields; expected an array of at most 3 fields (SSH server of a VRF), "
@@ -188,7 +188,7 @@ TEST(schema_store, refuses_what_is_no_array_or_too_long_a_one) {
     EXPECT_LT(refusal_of("sshd/vrf/blue", datastore_fields(100000)).size(), 400u);
 }
 
-TEST(schema_store, keeps_a_lists_order_and_refuses_gaps) {
+TEST(schema_store, keeps_the_order_of_a_list_and_refuses_gaps) {
     const datastore_value list = strings({"aes256-ctr", "aes128-ctr"});
     EXPECT_EQ(round_trip("cmn/algorithms/cipher", list), list);
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", datastore_fields()).find("[] is an empty list"), std::string::npos);
@@ -200,7 +200,7 @@ TEST(schema_store, keeps_a_lists_order_and_refuses_gaps) {
               "(algorithm name)");
 }
 
-TEST(schema_store, takes_nine_key_exchanges_and_ten_ciphers_of_forty_characters) {
+TEST(schema_store, accepts_nine_key_exchanges_and_ten_ciphers_of_forty_characters) {
     datastore_fields names(9, datastore_scalar(std::string(40, 'a')));
     EXPECT_EQ(round_trip("cmn/algorithms/key-exchange", names), datastore_value(names));
     names.emplace_back(std::string(40, 'b'));
@@ -210,7 +210,7 @@ TEST(schema_store, takes_nine_key_exchanges_and_ten_ciphers_of_forty_characters)
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", names).find("field 10 (algorithm_10)"), std::string::npos);
 }
 
-TEST(schema_store, wants_at_least_one_host_key_algorithm) {
+TEST(schema_store, requires_at_least_one_host_key_algorithm) {
     EXPECT_EQ(round_trip("cmn/algorithms/host-key", flags({true, false})), datastore_value([] {
                   datastore_fields fields(10);
                   fields[0] = true;
@@ -221,7 +221,7 @@ TEST(schema_store, wants_at_least_one_host_key_algorithm) {
     EXPECT_NE(refusal_of("cmn/algorithms/host-key", datastore_fields()).find("selects nothing"), std::string::npos);
 }
 
-TEST(schema_load, refuses_bytes_that_do_not_have_the_form) {
+TEST(schema_load, refuses_bytes_of_another_form) {
     struct wrong {
         const char* item;
         datastore_stored stored;
@@ -240,8 +240,8 @@ TEST(schema_load, refuses_bytes_that_do_not_have_the_form) {
     }
 }
 
-// A range that has become narrower must not make the configuration unreadable.
-TEST(schema_load, does_not_look_at_the_range) {
+// A range that has become narrower must not make the stored configuration unreadable.
+TEST(schema_load, ignores_the_range) {
     datastore_value value;
     ASSERT_EQ(schema_load(*schema_find(std::string(server) + "cmn/timeout", nullptr),
                           {DATASTORE_VALUE_NUMBER, std::string("\xff\xff\0\0", 4)}, value),
@@ -249,7 +249,7 @@ TEST(schema_load, does_not_look_at_the_range) {
     EXPECT_EQ(value, datastore_value(int64_t{65535}));
 }
 
-TEST(schema_display, shows_values_in_one_line) {
+TEST(schema_display, shows_values_on_one_line) {
     EXPECT_EQ(schema_display(int64_t{-5}), "-5");
     EXPECT_EQ(schema_display(false), "false");
     EXPECT_EQ(schema_display(2.5), "2.5");

@@ -36,7 +36,7 @@ class served_lists_test : public database_test {
     uint32_t found = 0;
 };
 
-TEST_F(served_lists_test, come_in_the_order_of_their_source) {
+TEST_F(served_lists_test, are_in_the_order_of_their_source) {
     ASSERT_EQ(datastore_list_get(lists, "inside/", -1, &list, &found), PLATFORM_OK);
     ASSERT_EQ(found, 3u);
     EXPECT_STREQ(datastore_list_name(list, 0), "20");
@@ -47,20 +47,20 @@ TEST_F(served_lists_test, come_in_the_order_of_their_source) {
     EXPECT_EQ(datastore_list_fetch(list, 2, &record, &size), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
-TEST_F(served_lists_test, are_cut_at_the_number_asked_for) {
+TEST_F(served_lists_test, are_limited_to_the_requested_number) {
     ASSERT_EQ(datastore_list_get(lists, "inside/", 2, &list, &found), PLATFORM_OK);
     EXPECT_EQ(found, 2u);
     EXPECT_EQ(datastore_list_name(list, 2), nullptr);
 }
 
-TEST_F(served_lists_test, hand_on_what_their_source_says) {
+TEST_F(served_lists_test, return_the_status_of_their_source) {
     EXPECT_EQ(datastore_list_get(lists, "outside/", -1, &list, &found), platform_status{DATASTORE_NO_SUCH_LIST});
     datastore_serve_lists("/oper/test/lists/", failing_source);
     EXPECT_EQ(datastore_list_get(lists, "inside/", -1, &list, &found), platform_status{EIO});
     EXPECT_EQ(list, nullptr);
 }
 
-TEST_F(served_lists_test, are_found_from_a_binding_above_and_not_elsewhere) {
+TEST_F(served_lists_test, are_visible_only_from_a_binding_above) {
     ASSERT_EQ(datastore_list_get(bind("/oper/"), "test/lists/inside/", -1, &list, &found), PLATFORM_OK);
     EXPECT_EQ(found, 3u);
     datastore_list* other = nullptr;
@@ -68,12 +68,12 @@ TEST_F(served_lists_test, are_found_from_a_binding_above_and_not_elsewhere) {
               platform_status{DATASTORE_NO_SUCH_TREE});
 }
 
-TEST_F(served_lists_test, a_list_that_was_withdrawn_is_the_datastores_own_again) {
+TEST_F(served_lists_test, a_withdrawn_list_is_read_from_the_datastore_again) {
     std::vector<datastore_list_entry> entries;
     platform_status status = PLATFORM_OK;
     ASSERT_TRUE(datastore_served_list("/oper/test/lists/whole/", entries, status));
     datastore_withdraw_lists("/oper/test/");
-    EXPECT_TRUE(datastore_served_list("/oper/test/lists/whole/", entries, status)) << "another tree's name";
+    EXPECT_TRUE(datastore_served_list("/oper/test/lists/whole/", entries, status)) << "a name in another tree";
     datastore_withdraw_lists("/oper/test/lists/");
     EXPECT_FALSE(datastore_served_list("/oper/test/lists/whole/", entries, status));
     datastore_withdraw_lists("/oper/test/lists/");

@@ -14,7 +14,7 @@ class stored_values_test : public testing::Test {
     void TearDown() override { datastore_close(); }
 };
 
-TEST_F(stored_values_test, keeps_what_services_give_it) {
+TEST_F(stored_values_test, stores_the_values_of_services) {
     ASSERT_EQ(datastore_open(), PLATFORM_OK);
     std::string bytes;
     std::string key;
@@ -33,7 +33,7 @@ TEST_F(stored_values_test, keeps_what_services_give_it) {
     EXPECT_EQ(datastore_private_get("vrf/red", bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
-TEST_F(stored_values_test, keeps_services_out_of_the_configuration) {
+TEST_F(stored_values_test, are_not_part_of_the_configuration) {
     ASSERT_EQ(datastore_open(), PLATFORM_OK);
     std::string bytes;
     std::string key;
@@ -45,7 +45,7 @@ TEST_F(stored_values_test, keeps_services_out_of_the_configuration) {
     EXPECT_TRUE(memory.items.empty());
 }
 
-TEST_F(stored_values_test, has_nothing_for_services_without_a_database) {
+TEST_F(stored_values_test, without_a_database_there_are_none) {
     std::string bytes;
     EXPECT_EQ(datastore_private_put("vrf/blue", "1"), platform_status{DATASTORE_UNAVAILABLE});
     EXPECT_EQ(datastore_private_get("vrf/blue", bytes), platform_status{DATASTORE_UNAVAILABLE});

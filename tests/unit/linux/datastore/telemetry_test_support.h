@@ -1,4 +1,4 @@
-/// What the tests of telemetry share: a provider of the SSH server's state that can be told what to answer.
+/// Helpers for the tests of telemetry: a provider of the SSH server's state whose answers can be chosen.
 #ifndef UNIT_LINUX_TELEMETRY_TEST_SUPPORT_H
 #define UNIT_LINUX_TELEMETRY_TEST_SUPPORT_H
 
@@ -38,7 +38,7 @@ struct server_state {
     uint16_t rate_limit = 60;
     uint16_t session_limit = 64;
     platform_status result = PLATFORM_OK;
-    bool garbage = false;  ///< bytes that are no such record
+    bool garbage = false;  ///< bytes that are not a valid record
     int filled = 0;        ///< how often the record was made
 };
 
@@ -51,7 +51,7 @@ struct state_record {
     const uint16_t* session_limit;
 };
 
-/// Answers with the server_state that is the context.
+/// Answers with the server_state in `context`.
 inline platform_status fill_state(datastore_read_request* request, const char* /*item*/, void* context) {
     auto& state = *static_cast<server_state*>(context);
     state.filled++;

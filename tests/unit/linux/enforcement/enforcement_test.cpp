@@ -18,7 +18,7 @@ class enforcement_record_test : public testing::Test {
     enforcement_test::reset_at_end reset;
 };
 
-TEST_F(enforcement_record_test, a_subject_stands_until_it_is_restored) {
+TEST_F(enforcement_record_test, a_subject_remains_until_it_is_restored) {
     EXPECT_FALSE(enforcement_any_failed());
     enforcement_failed("server mgmt", "exit status 1");
     enforcement_failed("file /a", "no space");
@@ -54,7 +54,7 @@ TEST_F(enforcement_record_test, each_reason_is_logged_once) {
     EXPECT_EQ(journal.messages(), "In force again: server mgmt\n");
 }
 
-TEST_F(enforcement_record_test, a_collector_has_what_was_reported_in_its_time) {
+TEST_F(enforcement_record_test, a_collector_contains_what_was_reported_during_its_lifetime) {
     enforcement_failed("unit red", "earlier");
     const enforcement_collector outer;
     enforcement_failed("server mgmt", "exit status 1");
@@ -76,7 +76,7 @@ TEST_F(enforcement_record_test, a_collector_has_what_was_reported_in_its_time) {
 
 // --- Comparisons ----------------------------------------------------------------------------------------------------
 
-TEST_F(enforcement_record_test, nothing_can_be_compared_without_a_registration) {
+TEST_F(enforcement_record_test, without_a_registration_nothing_can_be_compared) {
     EXPECT_FALSE(enforcement_can_compare());
     EXPECT_EQ(enforcement_reconcile(true).remaining, -1);
     EXPECT_EQ(enforcement_register(nullptr, nullptr), static_cast<platform_status>(EINVAL));
@@ -101,7 +101,7 @@ TEST_F(enforcement_record_test, a_comparison_without_repair_leaves_the_record_al
     EXPECT_THAT(subjects(enforcement_list()), ElementsAre("unit red"));
 }
 
-TEST_F(enforcement_record_test, a_repair_that_leaves_nothing_clears_the_record) {
+TEST_F(enforcement_record_test, a_complete_repair_clears_the_record) {
     platform_test::journal_listener journal;
     enforcement_test::comparison_script script = {{{"server mgmt", "old"}}, 0, {}, {}};
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
@@ -114,7 +114,7 @@ TEST_F(enforcement_record_test, a_repair_that_leaves_nothing_clears_the_record) 
     EXPECT_EQ(journal.messages(), "In force again: server mgmt\nIn force again: unit red\n");
 }
 
-TEST_F(enforcement_record_test, a_repair_that_leaves_something_clears_what_it_has_not_named) {
+TEST_F(enforcement_record_test, an_incomplete_repair_clears_what_it_did_not_report) {
     enforcement_test::comparison_script script = {
         {{"file /a", "Ciphers"}}, 2, [] { enforcement_failed("unit red", "still broken"); }, {}};
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
@@ -124,10 +124,10 @@ TEST_F(enforcement_record_test, a_repair_that_leaves_something_clears_what_it_ha
     EXPECT_THAT(subjects(enforcement_list()), ElementsAre("file /a", "unit red"));
     script = {{}, 1, {}, {}};
     enforcement_reconcile(true);
-    EXPECT_THAT(enforcement_list(), IsEmpty()) << "what the run before has named does not count any more";
+    EXPECT_THAT(enforcement_list(), IsEmpty()) << "reports of the previous run no longer count";
 }
 
-TEST_F(enforcement_record_test, a_repair_that_fails_clears_nothing) {
+TEST_F(enforcement_record_test, a_failed_repair_clears_nothing) {
     enforcement_test::comparison_script script = {{}, -1, {}, {}};
     ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
@@ -135,7 +135,7 @@ TEST_F(enforcement_record_test, a_repair_that_fails_clears_nothing) {
     EXPECT_THAT(subjects(enforcement_list()), ElementsAre("server mgmt"));
 }
 
-TEST_F(enforcement_record_test, a_comparison_is_not_started_from_within_one) {
+TEST_F(enforcement_record_test, a_comparison_cannot_start_another) {
     enforcement_test::comparison_script script;
     int inner = 0;
     script.meanwhile = [&inner] { inner = enforcement_reconcile(true).remaining; };

@@ -1,4 +1,4 @@
-/// An agent's comparison that does what a test wants.
+/// An agent's comparison whose behaviour the test chooses.
 #ifndef UNIT_LINUX_ENFORCEMENT_ENFORCEMENT_TEST_SUPPORT_H
 #define UNIT_LINUX_ENFORCEMENT_ENFORCEMENT_TEST_SUPPORT_H
 
@@ -15,7 +15,7 @@ struct comparison_script {
     std::vector<std::pair<std::string, std::string>> found;
     int remaining = 0;
     std::function<void()> meanwhile;
-    std::vector<uint32_t> runs;  ///< `repair` of each
+    std::vector<uint32_t> runs;  ///< the argument of each run
 };
 
 inline int compare(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void* context) {
@@ -43,7 +43,7 @@ inline std::vector<std::string> subjects(const std::vector<enforcement_entry>& e
     return names;
 }
 
-/// Forgets everything at the end of its scope.
+/// Clears everything at the end of its scope.
 struct reset_at_end {
     reset_at_end() = default;
     ~reset_at_end() { enforcement_reset(); }

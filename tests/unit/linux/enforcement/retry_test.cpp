@@ -47,7 +47,7 @@ class enforcement_retry_test : public platform_test::loop_test {
     std::vector<steady::time_point> times;
 };
 
-TEST_F(enforcement_retry_test, what_is_not_in_force_is_repaired_with_growing_pauses) {
+TEST_F(enforcement_retry_test, failures_are_repaired_with_growing_pauses) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     const auto start = steady::now();
     enforcement_failed("server mgmt", "exit status 1");
@@ -68,11 +68,11 @@ TEST_F(enforcement_retry_test, the_pause_begins_at_the_end_of_a_repair) {
     EXPECT_GE(seconds_after(times[0], 1), 3.9);
 }
 
-TEST_F(enforcement_retry_test, what_waits_for_the_loop_goes_before_a_repair) {
+TEST_F(enforcement_retry_test, pending_events_are_handled_before_a_repair) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    // Both are due when the loop comes to them.
+    // Both are due when the loop runs.
     struct {
         const std::vector<uint32_t>& runs;
         size_t repairs_before = 1;
@@ -89,7 +89,7 @@ TEST_F(enforcement_retry_test, what_waits_for_the_loop_goes_before_a_repair) {
     sd_event_source_disable_unref(source);
 }
 
-TEST_F(enforcement_retry_test, repairs_end_when_all_is_in_force) {
+TEST_F(enforcement_retry_test, repairs_end_when_everything_is_in_force) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     script.remaining = 0;
     enforcement_failed("server mgmt", "exit status 1");
@@ -99,7 +99,7 @@ TEST_F(enforcement_retry_test, repairs_end_when_all_is_in_force) {
     EXPECT_EQ(script.runs.size(), 1U);
 }
 
-TEST_F(enforcement_retry_test, a_failure_after_that_is_repaired_within_a_second_again) {
+TEST_F(enforcement_retry_test, a_later_failure_is_repaired_within_a_second_again) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
     ASSERT_TRUE(repaired(1, 2000));
@@ -110,7 +110,7 @@ TEST_F(enforcement_retry_test, a_failure_after_that_is_repaired_within_a_second_
     EXPECT_NEAR(seconds_after(start, 1), 1.0, 0.5);
 }
 
-TEST_F(enforcement_retry_test, what_breaks_again_within_its_repair_waits_longer) {
+TEST_F(enforcement_retry_test, a_failure_that_returns_within_its_repair_waits_longer) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     script.meanwhile = [this] {
         times.push_back(steady::now());
@@ -122,7 +122,7 @@ TEST_F(enforcement_retry_test, what_breaks_again_within_its_repair_waits_longer)
     EXPECT_NEAR(seconds_after(times[0], 1), 2.0, 0.5);
 }
 
-TEST_F(enforcement_retry_test, nothing_is_repaired_that_was_put_right_meanwhile) {
+TEST_F(enforcement_retry_test, nothing_is_repaired_that_was_restored_meanwhile) {
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");
     enforcement_restored("server mgmt");
@@ -130,12 +130,12 @@ TEST_F(enforcement_retry_test, nothing_is_repaired_that_was_put_right_meanwhile)
     EXPECT_TRUE(script.runs.empty());
 }
 
-TEST_F(enforcement_retry_test, what_fails_while_the_agent_starts_up_is_repaired_from_its_first_wait_on) {
+TEST_F(enforcement_retry_test, failures_during_start_up_are_repaired_from_the_first_wait_on) {
     enforcement_failed("server mgmt", "exit status 1");
     EXPECT_TRUE(repaired(1, 2000));
 }
 
-TEST_F(enforcement_retry_test, what_failed_before_the_registration_is_repaired_after_it) {
+TEST_F(enforcement_retry_test, failures_before_the_registration_are_repaired_after_it) {
     enforcement_reset();
     ASSERT_EQ(enforcement_retry_start(manager), PLATFORM_OK);
     enforcement_failed("server mgmt", "exit status 1");

@@ -46,7 +46,7 @@ TEST_F(server_files_test, without_records_nothing_differs) {
     EXPECT_FALSE(enforcement_any_failed());
 }
 
-TEST_F(server_files_test, a_server_with_an_earlier_file_is_named_with_sshds_words) {
+TEST_F(server_files_test, a_server_with_an_earlier_file_is_reported_with_sshds_message) {
     started("red", launch_file::last_good);
     started("blue", launch_file::current);
     const auto differences = server_file_differences();
@@ -60,7 +60,7 @@ TEST_F(server_files_test, a_server_with_an_earlier_file_is_named_with_sshds_word
     EXPECT_FALSE(enforcement_any_failed());
 }
 
-TEST_F(server_files_test, the_record_of_a_server_that_is_gone_does_not_count) {
+TEST_F(server_files_test, the_record_of_a_server_that_has_ended_does_not_count) {
     const pid_t gone = fork();
     if (gone == 0) {
         _exit(0);

@@ -23,7 +23,7 @@ class aaa_users_test : public datastore_test::database_test {
         platform_test::write_file("/etc/nsswitch.conf", "passwd: files\n");
     }
 
-    /// The names of a list as the agent reads them, or the status when there is none.
+    /// The names of a list as the agent reads them, or the status if there are none.
     std::vector<std::string> names(const std::string& path) {
         datastore_list* list = nullptr;
         uint32_t count = 0;
@@ -49,7 +49,7 @@ TEST_F(aaa_users_test, has_an_index_for_each_account_and_one_name_below_it) {
     EXPECT_THAT(names("1000/"), ElementsAre("ann"));
 }
 
-TEST_F(aaa_users_test, leaves_accounts_out_that_cannot_log_in) {
+TEST_F(aaa_users_test, omits_accounts_that_cannot_log_in) {
     write_accounts(
         "daemon:x:1:1::/:/usr/sbin/nologin\nold:x:2:2::/:/sbin/nologin\nweb:x:3:3::/:/bin/false\n"
         "plain:x:4:4::/:\nann:x:1000:1000::/home/ann:/usr/bin/zsh\nodd:x:5:5::/:/opt/nologin/shell\n");
@@ -59,7 +59,7 @@ TEST_F(aaa_users_test, leaves_accounts_out_that_cannot_log_in) {
     EXPECT_EQ(status, platform_status{DATASTORE_NO_SUCH_LIST});
 }
 
-TEST_F(aaa_users_test, has_one_name_below_each_index_even_when_names_share_a_number) {
+TEST_F(aaa_users_test, has_one_name_below_each_index_even_if_names_share_a_user_id) {
     write_accounts("root:x:0:0::/:/bin/sh\ntoor:x:0:0::/:/bin/sh\nroot2:x:0:0::/:/bin/sh\nann:x:1:1::/:/bin/sh\n");
     EXPECT_THAT(names(""), ElementsAre("0", "0_2", "0_3", "1"));
     EXPECT_THAT(names("0/"), ElementsAre("root"));
@@ -67,22 +67,22 @@ TEST_F(aaa_users_test, has_one_name_below_each_index_even_when_names_share_a_num
     EXPECT_THAT(names("0_3/"), ElementsAre("root2"));
 }
 
-TEST_F(aaa_users_test, follows_the_accounts) {
+TEST_F(aaa_users_test, follows_changes_of_the_accounts) {
     write_accounts("root:x:0:0::/:/bin/sh\n");
     EXPECT_THAT(names(""), ElementsAre("0"));
     write_accounts("root:x:0:0::/:/bin/sh\nann:x:1000:1000::/:/bin/sh\n");
     EXPECT_THAT(names(""), ElementsAre("0", "1000"));
 }
 
-TEST_F(aaa_users_test, finds_an_account_that_has_come_since_the_indexes_were_listed) {
+TEST_F(aaa_users_test, finds_an_account_added_since_the_indexes_were_listed) {
     write_accounts("root:x:0:0::/:/bin/sh\n");
     EXPECT_THAT(names(""), ElementsAre("0"));
     write_accounts("root:x:0:0::/:/bin/sh\nann:x:1000:1000::/:/bin/sh\n");
     EXPECT_THAT(names("1000/"), ElementsAre("ann"));
 }
 
-// A walk from index to index, as for the verification of a key: asking the name service for each would take minutes.
-TEST_F(aaa_users_test, is_walked_in_no_time_with_twenty_thousand_accounts) {
+// Verifying a key reads every index; asking the name service for each would take minutes.
+TEST_F(aaa_users_test, can_be_read_quickly_with_twenty_thousand_accounts) {
     constexpr uint32_t count = 20000;
     std::string accounts;
     for (uint32_t i = 0; i < count; i++) {
@@ -97,7 +97,7 @@ TEST_F(aaa_users_test, is_walked_in_no_time_with_twenty_thousand_accounts) {
     }
 }
 
-TEST_F(aaa_users_test, is_no_list_without_accounts) {
+TEST_F(aaa_users_test, without_accounts_there_is_no_list) {
     write_accounts("");
     EXPECT_TRUE(names("").empty());
     EXPECT_EQ(status, platform_status{DATASTORE_NO_SUCH_LIST});

@@ -21,7 +21,7 @@ constexpr char motd_item[] = "/cfg/gl/banner/0x2";
 constexpr char login_item[] = "/cfg/gl/banner/0x3";
 constexpr char aaa_item[] = "/cfg/gl/aaa/banner/0x0";
 
-/// A banner and its end.
+/// A banner and where it ends.
 std::string taken(char* banner) {
     const std::string text = banner == nullptr ? "none" : banner;
     free(banner);
@@ -55,7 +55,7 @@ class banner_service_test : public control_test::calls_test {
     std::vector<std::string> notices;
 };
 
-TEST_F(banner_service_test, gives_the_configured_banners_with_their_delimiters) {
+TEST_F(banner_service_test, returns_the_configured_banners_with_their_delimiters) {
     EXPECT_EQ(set(motd_item, "#Hello#"), "");
     EXPECT_EQ(set(login_item, "%Stop\tor\nnot%"), "");
     EXPECT_EQ(set(aaa_item, "##"), "");
@@ -65,7 +65,7 @@ TEST_F(banner_service_test, gives_the_configured_banners_with_their_delimiters) 
     EXPECT_EQ(taken(banner_service_configured(4)), "none");
 }
 
-TEST_F(banner_service_test, has_no_banner_that_nobody_configured) {
+TEST_F(banner_service_test, returns_nothing_for_a_banner_that_is_not_configured) {
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "none");
     EXPECT_EQ(taken(banner_service_aaa()), "none");
     EXPECT_EQ(taken(banner_service_platform(BANNER_LOGIN)), "none");
@@ -74,7 +74,7 @@ TEST_F(banner_service_test, has_no_banner_that_nobody_configured) {
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "none");
 }
 
-TEST_F(banner_service_test, expands_tokens_and_leaves_the_delimiters_alone) {
+TEST_F(banner_service_test, expands_tokens_and_keeps_the_delimiters) {
     ASSERT_EQ(0, sethostname("edge-1", 6));
     EXPECT_EQ(set(login_item, "-This is $(hostname), $(nobody knows)-"), "");
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "-This is edge-1, $(nobody knows)-");
@@ -84,7 +84,7 @@ TEST_F(banner_service_test, expands_tokens_and_leaves_the_delimiters_alone) {
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), ")x$(hostname)");
 }
 
-TEST_F(banner_service_test, tells_handlers_when_the_new_text_can_be_read) {
+TEST_F(banner_service_test, notifies_handlers_when_the_new_text_can_be_read) {
     EXPECT_EQ(set(login_item, "#one#"), "");
     EXPECT_EQ(set(login_item, "#two#"), "");
     EXPECT_EQ(set(aaa_item, "#aaa#"), "");
@@ -94,7 +94,7 @@ TEST_F(banner_service_test, tells_handlers_when_the_new_text_can_be_read) {
                                      "4 0x3 none none #aaa#"));
 }
 
-TEST_F(banner_service_test, refuses_what_is_no_banner_and_says_what_one_is) {
+TEST_F(banner_service_test, refuses_an_invalid_banner_and_describes_a_valid_one) {
     for (const char* text : {"Hello", "noon", "#Hello", "Hello#", "#Hello%", " Hello ", "ééé"}) {
         EXPECT_THAT(set(login_item, text),
                     HasSubstr("is not enclosed in matching delimiters; expected a UTF-8 string of 2 to 8192"))
@@ -111,7 +111,7 @@ TEST_F(banner_service_test, refuses_what_is_no_banner_and_says_what_one_is) {
     EXPECT_THAT(notices, IsEmpty());
 }
 
-TEST_F(banner_service_test, takes_utf8_and_delimiters_within_the_text) {
+TEST_F(banner_service_test, accepts_utf8_and_delimiters_within_the_text) {
     EXPECT_EQ(set(login_item, "#Zutritt nur für Befugte – 立入禁止#"), "");
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), "#Zutritt nur für Befugte – 立入禁止#");
     EXPECT_EQ(set(login_item, "#a#b#"), "");
@@ -121,7 +121,7 @@ TEST_F(banner_service_test, takes_utf8_and_delimiters_within_the_text) {
     EXPECT_EQ(taken(banner_service_configured(BANNER_LOGIN)), largest);
 }
 
-TEST_F(banner_service_test, is_dumped_fit_to_be_loaded_again) {
+TEST_F(banner_service_test, is_dumped_in_a_form_that_can_be_loaded_again) {
     EXPECT_EQ(set(login_item, "#one\n\ttwo \"three\" \\ $(hostname) ü#"), "");
     EXPECT_EQ(set(aaa_item, "%aaa%"), "");
     const control_json dumped = ask(R"({"call":"dump"})")["data"];
@@ -132,7 +132,7 @@ TEST_F(banner_service_test, is_dumped_fit_to_be_loaded_again) {
     EXPECT_EQ(dumped[login_item], "#one\n\ttwo \"three\" \\ $(hostname) ü#");
 }
 
-TEST_F(banner_service_test, reads_the_platforms_own_banners_as_they_stand) {
+TEST_F(banner_service_test, reads_the_platforms_own_banners_unaltered) {
     write_file(banner_platform_login_file, "#Property of\n$(domain)#\n");
     write_file(banner_platform_motd_file, "No newline");
     EXPECT_EQ(taken(banner_service_platform(BANNER_LOGIN)), "#Property of\n$(domain)#");
@@ -141,7 +141,7 @@ TEST_F(banner_service_test, reads_the_platforms_own_banners_as_they_stand) {
     EXPECT_EQ(taken(banner_service_platform(BANNER_MESSAGE_OF_THE_DAY)), "none");
 }
 
-TEST_F(banner_service_test, leaves_a_platform_banner_out_that_cannot_be_one) {
+TEST_F(banner_service_test, ignores_an_invalid_platform_banner) {
     platform_test::journal_listener journal;
     const auto complaint = [&] {
         EXPECT_EQ(taken(banner_service_platform(BANNER_LOGIN)), "none");

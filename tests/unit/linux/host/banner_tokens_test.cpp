@@ -15,7 +15,7 @@ void name_host(const std::string& name) {
     ASSERT_EQ(0, sethostname(name.data(), name.size()));
 }
 
-TEST(banner_tokens, stand_for_the_routers_names) {
+TEST(banner_tokens, expand_to_the_routers_names) {
     name_host("edge1.example.net");
     EXPECT_EQ(banner_expand_tokens("Welcome to $(hostname) in $(domain)."), "Welcome to edge1 in example.net.");
     platform_test::write_file("/etc/resolv.conf", "nameserver 192.0.2.1\nsearch lab.example other.example\n");
@@ -25,7 +25,7 @@ TEST(banner_tokens, stand_for_the_routers_names) {
     EXPECT_EQ(banner_expand_tokens("<$(domain)>"), "<>");
 }
 
-TEST(banner_tokens, stand_for_date_time_and_line) {
+TEST(banner_tokens, expand_to_date_time_and_line) {
     setenv("TZ", "UTC", 1);
     tzset();
     EXPECT_THAT(banner_expand_tokens("$(date)"), testing::MatchesRegex("20[0-9][0-9]-[01][0-9]-[0-3][0-9]"));
@@ -33,7 +33,7 @@ TEST(banner_tokens, stand_for_date_time_and_line) {
     EXPECT_EQ(banner_expand_tokens("$(line)"), "ssh");
 }
 
-TEST(banner_tokens, that_are_not_known_stay_as_they_stand) {
+TEST(banner_tokens, that_are_unknown_are_kept) {
     name_host("edge1");
     for (const char* text : {"", "plain", "$", "$(", "$()", "$(host", "$(nonsense)", "$(HOSTNAME)", "$( hostname )",
                              "$hostname", "$$", "100$", "$(user) $(x"}) {
@@ -43,7 +43,7 @@ TEST(banner_tokens, that_are_not_known_stay_as_they_stand) {
     EXPECT_EQ(banner_expand_tokens("$(nonsense $(hostname)"), "$(nonsense edge1");
 }
 
-TEST(banner_tokens, are_not_looked_for_in_what_was_put_in) {
+TEST(banner_tokens, are_not_expanded_in_inserted_text) {
     platform_test::write_file("/etc/resolv.conf", "domain $(hostname)\n");
     name_host("edge1");
     EXPECT_EQ(banner_expand_tokens("$(domain)"), "$(hostname)");

@@ -27,7 +27,7 @@ bool lists(const std::string& name) {
 
 class file_system_list_test : public testing::Test {
   protected:
-    /// Covers /proc/self/mountinfo by a text of the test's own. The link /proc/self leads to this process.
+    /// Replaces /proc/self/mountinfo for this process with the test's own text.
     void show_mounts(const std::string& text) {
         platform_test::write_file("/tmp/mountinfo", text);
         cover_mounts();
@@ -52,7 +52,7 @@ TEST_F(file_system_list_test, lists_the_root_and_no_temporary_or_kernel_file_sys
     EXPECT_FALSE(lists("/proc"));
 }
 
-TEST_F(file_system_list_test, lists_each_persistent_file_system_once_where_it_was_mounted_first) {
+TEST_F(file_system_list_test, lists_each_persistent_file_system_once_by_its_first_mount_point) {
     show_mounts(
         "22 1 0:30 / / rw,relatime - overlay overlay rw\n"
         "23 22 8:1 / /boot rw shared:1 master:2 - ext4 /dev/sda1 rw\n"
@@ -67,7 +67,7 @@ TEST_F(file_system_list_test, lists_each_persistent_file_system_once_where_it_wa
     EXPECT_EQ((std::vector<std::string>{"/", "/boot", "/srv/my\\040files"}), names());
 }
 
-TEST_F(file_system_list_test, is_cut_when_its_text_is_full_so_that_it_can_be_published) {
+TEST_F(file_system_list_test, is_truncated_to_the_size_that_can_be_published) {
     std::string text = "22 1 8:1 / / rw - ext4 /dev/sda1 rw\n";
     for (int i = 2; i < 100; ++i) {
         text += "23 22 8:" + std::to_string(i) + " / /mnt/" + std::string(20, 'x') + std::to_string(i) +
@@ -89,7 +89,7 @@ TEST_F(file_system_list_test, is_empty_when_nothing_persistent_is_mounted) {
     EXPECT_TRUE(names().empty());
 }
 
-TEST_F(file_system_list_test, cannot_be_had_when_the_mounts_cannot_be_read) {
+TEST_F(file_system_list_test, fails_when_the_mounts_cannot_be_read) {
     // A socket cannot be opened.
     ASSERT_EQ(0, mknod("/tmp/mountinfo", S_IFSOCK | 0600, 0)) << strerror(errno);
     cover_mounts();

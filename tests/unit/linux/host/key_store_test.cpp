@@ -26,7 +26,7 @@ std::string item_of(const std::string& user) {
 
 class key_store_test : public datastore_test::served_datastore_test {
   protected:
-    /// What the agent does for a configured key: the item is stored first, then its applier puts the key into the store.
+    /// What the agent does for a configured key: the item is stored first, then its applier stores the key.
     platform_status configure(const char* user, size_t bits = 1024) {
         const std::string text = key_of(usual(), modulus(bits));
         EXPECT_EQ(datastore_test::set(item_of(user), text).status, PLATFORM_OK);
@@ -69,7 +69,7 @@ class key_store_test : public datastore_test::served_datastore_test {
         return names;
     }
 
-    /// What sshd is told of a user: the bits of the key, or nothing.
+    /// The answer that sshd gets for a user: the bits of the key, or nothing.
     static std::string seen_by_sshd(const char* user) {
         std::string line;
         rsa_public_key key;
@@ -102,7 +102,7 @@ TEST_F(key_store_test, replaces_a_configured_key) {
     EXPECT_EQ(key("alice"), "2048 configured");
 }
 
-TEST_F(key_store_test, keeps_the_time_of_a_key_that_comes_again) {
+TEST_F(key_store_test, keeps_the_time_of_a_key_that_is_stored_again) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
     std::string before;
     ASSERT_EQ(datastore_private_get(key_record_place("alice"), before), PLATFORM_OK);
@@ -121,7 +121,7 @@ TEST_F(key_store_test, keeps_the_time_of_a_key_that_comes_again) {
     EXPECT_EQ(after, before);
 }
 
-TEST_F(key_store_test, forgets_a_key_with_its_item_even_before_it_is_told) {
+TEST_F(key_store_test, ignores_a_key_without_its_item_even_before_it_is_removed) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
     ASSERT_EQ(datastore_test::erase(item_of("alice")).status, PLATFORM_OK);
     EXPECT_EQ(key("alice"), "none");
@@ -132,7 +132,7 @@ TEST_F(key_store_test, forgets_a_key_with_its_item_even_before_it_is_told) {
     EXPECT_EQ(datastore_private_get(key_record_place("alice"), bytes), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
-TEST_F(key_store_test, tells_an_imported_key_from_a_configured_one) {
+TEST_F(key_store_test, distinguishes_imported_and_configured_keys) {
     ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(2048)) + " somebody\n"), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "2048 exec mode");
     ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
@@ -142,7 +142,7 @@ TEST_F(key_store_test, tells_an_imported_key_from_a_configured_one) {
     EXPECT_EQ(key_store_delete("alice"), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
-TEST_F(key_store_test, lets_neither_way_touch_a_key_that_came_the_other_way) {
+TEST_F(key_store_test, neither_way_changes_a_key_added_the_other_way) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
     EXPECT_EQ(key_store_import("alice", key_of(usual(), modulus(2048))), platform_status{KEY_OTHER_ORIGIN});
     EXPECT_EQ(key_store_delete("alice"), platform_status{KEY_OTHER_ORIGIN});
@@ -160,7 +160,7 @@ TEST_F(key_store_test, lists_users_in_order) {
     EXPECT_THAT(users(), testing::ElementsAre("al", "alice", "bob"));
 }
 
-TEST_F(key_store_test, reports_a_damaged_record_and_lets_it_be_replaced_or_removed) {
+TEST_F(key_store_test, reports_a_damaged_record_which_can_be_replaced_or_removed) {
     ASSERT_EQ(datastore_private_put(key_record_place("alice"), "nonsense"), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "Bad message");
     platform_test::journal_listener journal;
@@ -185,7 +185,7 @@ TEST_F(key_store_test, changes_nothing_when_nothing_can_be_stored) {
     EXPECT_EQ(seen_by_sshd("alice"), "");
 }
 
-TEST_F(key_store_test, shows_sshd_what_is_stored) {
+TEST_F(key_store_test, gives_sshd_the_stored_keys) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
     EXPECT_EQ(seen_by_sshd("alice"), "1024");
     ASSERT_EQ(configure("alice", 2048), PLATFORM_OK);
@@ -199,7 +199,7 @@ TEST_F(key_store_test, shows_sshd_what_is_stored) {
     EXPECT_EQ(seen_by_sshd("bob"), "");
 }
 
-TEST_F(key_store_test, puts_the_files_right_that_a_crash_left_behind) {
+TEST_F(key_store_test, repairs_files_left_by_a_crash) {
     ASSERT_EQ(configure("changed"), PLATFORM_OK);
     ASSERT_EQ(configure("missing"), PLATFORM_OK);
     ASSERT_EQ(configure("deleted"), PLATFORM_OK);
@@ -215,7 +215,7 @@ TEST_F(key_store_test, puts_the_files_right_that_a_crash_left_behind) {
     EXPECT_EQ(seen_by_sshd("unknown"), "");
 }
 
-TEST_F(key_store_test, stores_record_and_file_or_neither) {
+TEST_F(key_store_test, stores_both_record_and_file_or_neither) {
     ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
     scratch_root::set_read_only(key_file_directory, true);
     EXPECT_EQ(key_store_import("alice", key_of(usual(), modulus(2048))), platform_status{EROFS});
@@ -228,13 +228,13 @@ TEST_F(key_store_test, stores_record_and_file_or_neither) {
     EXPECT_EQ(seen_by_sshd("bob"), "");
 }
 
-TEST_F(key_store_test, is_not_there_without_a_database) {
+TEST_F(key_store_test, is_not_available_without_a_database) {
     datastore_close();
     EXPECT_EQ(key("alice"), "The datastore is not available on this node");
     EXPECT_EQ(set("alice", key_of(usual(), modulus(1024))), platform_status{DATASTORE_UNAVAILABLE});
 }
 
-TEST_F(key_store_test, refuses_what_makes_no_sense) {
+TEST_F(key_store_test, refuses_invalid_arguments) {
     key_store_key found = {7, 7, 7};
     EXPECT_EQ(key_store_get_user_key("alice", 18, &found), platform_status{EINVAL});
     EXPECT_EQ(key_store_get_user_key("../alice", KEY_STORE_USER_PUBLIC_KEY, &found), platform_status{EINVAL});
@@ -254,7 +254,7 @@ TEST_F(key_store_test, refuses_what_makes_no_sense) {
     EXPECT_EQ(key("alice"), "none");
 }
 
-TEST_F(key_store_test, leaves_the_outputs_alone_when_a_text_is_no_key) {
+TEST_F(key_store_test, leaves_the_outputs_alone_when_a_text_is_not_a_key) {
     uint8_t der[KEY_STORE_DER_MAX] = {7};
     size_t size = 7;
     uint32_t bits = 7;

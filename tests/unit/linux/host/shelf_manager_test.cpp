@@ -14,27 +14,27 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A client as the agent is one: it registers whenever it is connected.
+/// A client like the agent: it registers whenever it is connected.
 struct agent {
     shelf_manager* shelf = nullptr;
     bool acknowledges = true;
-    std::vector<std::string> told;
+    std::vector<std::string> calls;
 
     static void on_connect(shelf_manager* shelf, void* context) {
-        static_cast<agent*>(context)->told.emplace_back("connect");
+        static_cast<agent*>(context)->calls.emplace_back("connect");
         EXPECT_EQ(shelf_manager_register_reload(shelf), PLATFORM_OK);
     }
     static void on_disconnect(shelf_manager*, void* context) {
-        static_cast<agent*>(context)->told.emplace_back("disconnect");
+        static_cast<agent*>(context)->calls.emplace_back("disconnect");
     }
     static void on_reload(shelf_manager* shelf, void* context) {
         auto* self = static_cast<agent*>(context);
-        self->told.emplace_back("reload");
+        self->calls.emplace_back("reload");
         if (self->acknowledges) {
             EXPECT_EQ(shelf_manager_acknowledge_reload(shelf), PLATFORM_OK);
         }
     }
-    std::vector<std::string> take() { return std::exchange(told, {}); }
+    std::vector<std::string> take() { return std::exchange(calls, {}); }
 };
 
 class shelf_manager_test : public platform_test::loop_test {
@@ -54,7 +54,7 @@ class shelf_manager_test : public platform_test::loop_test {
 
     void connect(agent& client) {
         make(client);
-        EXPECT_TRUE(run_until([&] { return !client.told.empty(); }));
+        EXPECT_TRUE(run_until([&] { return !client.calls.empty(); }));
         EXPECT_THAT(client.take(), ElementsAre("connect"));
     }
 
@@ -63,17 +63,17 @@ class shelf_manager_test : public platform_test::loop_test {
     agent client;
 };
 
-TEST_F(shelf_manager_test, connects_when_the_loop_is_reached) {
+TEST_F(shelf_manager_test, connects_when_the_loop_runs) {
     make(client);
-    EXPECT_THAT(client.told, IsEmpty());
-    EXPECT_TRUE(run_until([&] { return !client.told.empty(); }));
+    EXPECT_THAT(client.calls, IsEmpty());
+    EXPECT_TRUE(run_until([&] { return !client.calls.empty(); }));
     EXPECT_THAT(client.take(), ElementsAre("connect"));
     EXPECT_EQ(shelf_manager_connect(client.shelf), PLATFORM_OK);
     run_for(50);
     EXPECT_THAT(client.take(), IsEmpty());
 }
 
-TEST_F(shelf_manager_test, gives_the_notice_and_takes_the_acknowledgement) {
+TEST_F(shelf_manager_test, delivers_the_notice_and_accepts_the_acknowledgement) {
     connect(client);
     EXPECT_EQ(phase(), shelf_reload_phase::none);
     EXPECT_EQ(shelf_manager_announce_reload(10), PLATFORM_OK);
@@ -84,7 +84,7 @@ TEST_F(shelf_manager_test, gives_the_notice_and_takes_the_acknowledgement) {
     EXPECT_EQ(shelf_manager_reload_state().number, 2u);
 }
 
-TEST_F(shelf_manager_test, waits_for_an_acknowledgement_that_comes_later) {
+TEST_F(shelf_manager_test, waits_for_a_later_acknowledgement) {
     client.acknowledges = false;
     connect(client);
     ASSERT_EQ(shelf_manager_announce_reload(10), PLATFORM_OK);
@@ -95,7 +95,7 @@ TEST_F(shelf_manager_test, waits_for_an_acknowledgement_that_comes_later) {
     EXPECT_EQ(phase(), shelf_reload_phase::acknowledged);
 }
 
-TEST_F(shelf_manager_test, gives_up_when_the_time_is_over_and_says_so_in_the_log) {
+TEST_F(shelf_manager_test, gives_up_after_the_timeout_and_logs_it) {
     client.acknowledges = false;
     connect(client);
     platform_test::journal_listener journal;
@@ -112,7 +112,7 @@ TEST_F(shelf_manager_test, gives_up_when_the_time_is_over_and_says_so_in_the_log
     EXPECT_EQ(phase(), shelf_reload_phase::acknowledged);
 }
 
-TEST_F(shelf_manager_test, lets_a_notice_that_nobody_follows_any_more_be_repeated) {
+TEST_F(shelf_manager_test, a_notice_without_followers_can_be_repeated) {
     client.acknowledges = false;
     connect(client);
     ASSERT_EQ(shelf_manager_announce_reload(3600), PLATFORM_OK);
@@ -128,7 +128,7 @@ TEST_F(shelf_manager_test, lets_a_notice_that_nobody_follows_any_more_be_repeate
     EXPECT_THAT(client.take(), ElementsAre("reload", "reload"));
 }
 
-TEST_F(shelf_manager_test, takes_an_acknowledgement_as_long_as_the_handler_runs) {
+TEST_F(shelf_manager_test, accepts_an_acknowledgement_while_the_handler_runs) {
     connect(client);
     shelf_manager_set_reload_callback(
         client.shelf,
@@ -141,14 +141,14 @@ TEST_F(shelf_manager_test, takes_an_acknowledgement_as_long_as_the_handler_runs)
     EXPECT_EQ(phase(), shelf_reload_phase::acknowledged);
 }
 
-TEST_F(shelf_manager_test, has_nobody_to_tell_without_a_registration) {
+TEST_F(shelf_manager_test, without_a_registration_there_is_nobody_to_notify) {
     EXPECT_EQ(shelf_manager_announce_reload(1), platform_status{ENOENT});
     make(client);
     EXPECT_EQ(shelf_manager_announce_reload(1), platform_status{ENOENT});
     EXPECT_EQ(phase(), shelf_reload_phase::none);
 }
 
-TEST_F(shelf_manager_test, reconnects_and_registers_by_itself) {
+TEST_F(shelf_manager_test, reconnects_and_registers_again) {
     connect(client);
     shelf_manager_link(false);
     EXPECT_THAT(client.take(), ElementsAre("disconnect"));
@@ -158,13 +158,13 @@ TEST_F(shelf_manager_test, reconnects_and_registers_by_itself) {
     run_for(50);
     EXPECT_THAT(client.take(), IsEmpty());
     shelf_manager_link(true);
-    EXPECT_TRUE(run_until([&] { return !client.told.empty(); }));
+    EXPECT_TRUE(run_until([&] { return !client.calls.empty(); }));
     EXPECT_THAT(client.take(), ElementsAre("connect"));
     EXPECT_EQ(shelf_manager_announce_reload(1), PLATFORM_OK);
     EXPECT_THAT(client.take(), ElementsAre("reload"));
 }
 
-TEST_F(shelf_manager_test, repeats_a_registration_that_came_before_the_connection) {
+TEST_F(shelf_manager_test, repeats_a_registration_made_before_the_connection) {
     make(client);
     shelf_manager_set_connect_callback(client.shelf, nullptr, nullptr);
     EXPECT_EQ(shelf_manager_register_reload(client.shelf), platform_status{ENOTCONN});
@@ -173,7 +173,7 @@ TEST_F(shelf_manager_test, repeats_a_registration_that_came_before_the_connectio
     EXPECT_THAT(client.take(), ElementsAre("reload"));
 }
 
-TEST_F(shelf_manager_test, waits_for_all_who_were_told) {
+TEST_F(shelf_manager_test, waits_for_all_clients_that_were_notified) {
     agent other;
     connect(client);
     connect(other);
@@ -186,7 +186,7 @@ TEST_F(shelf_manager_test, waits_for_all_who_were_told) {
     EXPECT_EQ(phase(), shelf_reload_phase::acknowledged);
 }
 
-TEST_F(shelf_manager_test, refuses_what_makes_no_sense) {
+TEST_F(shelf_manager_test, refuses_invalid_arguments) {
     shelf_manager* shelf = nullptr;
     EXPECT_EQ(shelf_manager_create(nullptr, &shelf), platform_status{EINVAL});
     EXPECT_EQ(shelf, nullptr);

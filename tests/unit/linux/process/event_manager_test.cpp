@@ -59,7 +59,7 @@ TEST_F(event_manager_test, calls_the_handler_of_a_writable_descriptor) {
     EXPECT_EQ(EVENT_MANAGER_WRITE, static_cast<int>(calls.conditions.front()));
 }
 
-TEST_F(event_manager_test, tells_a_hang_up_as_the_condition_that_was_asked_for) {
+TEST_F(event_manager_test, reports_a_hang_up_as_the_requested_condition) {
     fd_calls calls;
     ASSERT_EQ(0u, event_manager_attach_fd(manager, pipe_fds[0], EVENT_MANAGER_READ, note_fd, &calls));
     close(pipe_fds[1]);
@@ -68,7 +68,7 @@ TEST_F(event_manager_test, tells_a_hang_up_as_the_condition_that_was_asked_for) 
     pipe_fds[1] = open("/dev/null", O_WRONLY | O_CLOEXEC);
 }
 
-TEST_F(event_manager_test, refuses_descriptors_that_cannot_be_waited_for) {
+TEST_F(event_manager_test, refuses_descriptors_that_cannot_be_polled) {
     fd_calls calls;
     const int file = open("/tmp", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(static_cast<platform_status>(EPERM),
@@ -81,7 +81,7 @@ TEST_F(event_manager_test, refuses_descriptors_that_cannot_be_waited_for) {
               event_manager_attach_fd(manager, pipe_fds[0], EVENT_MANAGER_READ, note_fd, &calls));
 }
 
-TEST_F(event_manager_test, refuses_arguments_that_make_no_sense) {
+TEST_F(event_manager_test, refuses_invalid_arguments) {
     const platform_status invalid = EINVAL;
     fd_calls calls;
     EXPECT_EQ(invalid, event_manager_attach_fd(nullptr, pipe_fds[0], EVENT_MANAGER_READ, note_fd, &calls));
@@ -115,7 +115,7 @@ TEST_F(event_manager_test, dispatches_an_event_once) {
     EXPECT_EQ(1u, calls.conditions.size());
 }
 
-TEST_F(event_manager_test, gives_the_loop_to_services_that_attach_to_it_themselves) {
+TEST_F(event_manager_test, gives_its_loop_to_services_that_attach_themselves) {
     EXPECT_EQ(event_manager_sd_event(manager), event_manager_loop_handle(manager));
     EXPECT_EQ(nullptr, event_manager_loop_handle(nullptr));
     EXPECT_EQ(manager, event_manager_current());
@@ -138,7 +138,7 @@ void answer(struct event_message* message, void* context) {
 
 void keep_silent(struct event_message*, void*) {}
 
-TEST_F(event_manager_test, hands_a_message_to_its_handler_and_the_first_reply_back) {
+TEST_F(event_manager_test, passes_a_message_to_its_handler_and_returns_the_first_reply) {
     message_calls calls;
     ASSERT_EQ(0u, event_manager_attach_message(manager, code, answer, &calls));
     char reply[8] = {};
@@ -149,7 +149,7 @@ TEST_F(event_manager_test, hands_a_message_to_its_handler_and_the_first_reply_ba
     EXPECT_EQ(5u, size);
 }
 
-TEST_F(event_manager_test, tells_the_full_length_of_a_reply_that_does_not_fit) {
+TEST_F(event_manager_test, returns_the_full_length_of_a_reply_that_does_not_fit) {
     message_calls calls;
     ASSERT_EQ(0u, event_manager_attach_message(manager, code, answer, &calls));
     char reply[3] = {0, 0, 'x'};
@@ -159,7 +159,7 @@ TEST_F(event_manager_test, tells_the_full_length_of_a_reply_that_does_not_fit) {
     EXPECT_EQ('x', reply[2]);
 }
 
-TEST_F(event_manager_test, has_one_handler_a_code) {
+TEST_F(event_manager_test, has_one_handler_per_code) {
     message_calls calls;
     ASSERT_EQ(0u, event_manager_attach_message(manager, code, answer, &calls));
     EXPECT_EQ(static_cast<platform_status>(EEXIST), event_manager_attach_message(manager, code, answer, &calls));
@@ -177,12 +177,12 @@ TEST_F(event_manager_test, logs_a_handler_that_does_not_reply) {
     EXPECT_EQ("Message 0x1234 was handled without a reply", journal.receive_entry()["MESSAGE"]);
 }
 
-TEST_F(event_manager_test, survives_a_broken_pipe_without_teaching_it_to_commands) {
+TEST_F(event_manager_test, survives_a_broken_pipe_without_passing_that_on_to_commands) {
     close(pipe_fds[0]);
     EXPECT_EQ(-1, write(pipe_fds[1], "x", 1));
     EXPECT_EQ(EPIPE, errno);
     pipe_fds[0] = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    // A shell that inherits an ignored signal cannot get rid of it.
+    // A shell that inherits an ignored signal cannot restore it.
     EXPECT_EQ("ended by SIGPIPE\n", output_of("sh -c 'kill -PIPE $$; echo ignored' || echo ended by SIGPIPE"));
 }
 

@@ -52,7 +52,7 @@ class managed_timer_test : public platform_test::loop_test {
     managed_timer_leaf* leaf = nullptr;
 };
 
-TEST_F(managed_timer_test, a_leaf_expires_once_after_its_time) {
+TEST_F(managed_timer_test, a_timer_expires_once_after_its_time) {
     const auto begin = std::chrono::steady_clock::now();
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 1));
     ASSERT_TRUE(expired());
@@ -63,7 +63,7 @@ TEST_F(managed_timer_test, a_leaf_expires_once_after_its_time) {
     EXPECT_EQ(std::vector<managed_timer_leaf*>{leaf}, noted.leaves);
 }
 
-TEST_F(managed_timer_test, a_stopped_leaf_does_not_expire) {
+TEST_F(managed_timer_test, a_stopped_timer_does_not_expire) {
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 0));
     managed_timer_leaf_stop(leaf);
     managed_timer_leaf_stop(leaf);
@@ -73,20 +73,20 @@ TEST_F(managed_timer_test, a_stopped_leaf_does_not_expire) {
     EXPECT_TRUE(expired());
 }
 
-TEST_F(managed_timer_test, a_leaf_that_was_never_started_can_be_stopped) {
+TEST_F(managed_timer_test, a_timer_that_was_never_started_can_be_stopped) {
     managed_timer_leaf_stop(leaf);
     managed_timer_leaf_stop(nullptr);
     managed_timer_leaf_free(nullptr);
 }
 
-TEST_F(managed_timer_test, a_running_leaf_starts_anew) {
+TEST_F(managed_timer_test, a_running_timer_can_be_restarted) {
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 0));
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 3600));
     run_for(50);
     EXPECT_TRUE(noted.leaves.empty());
 }
 
-TEST_F(managed_timer_test, the_handler_may_start_its_leaf_again) {
+TEST_F(managed_timer_test, the_handler_may_restart_its_timer) {
     noted.start_again = true;
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 0));
     EXPECT_TRUE(expired(2));
@@ -94,7 +94,7 @@ TEST_F(managed_timer_test, the_handler_may_start_its_leaf_again) {
     EXPECT_EQ(2u, noted.leaves.size());
 }
 
-TEST_F(managed_timer_test, the_handler_may_free_its_leaf) {
+TEST_F(managed_timer_test, the_handler_may_free_its_timer) {
     noted.free_it = true;
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 0));
     EXPECT_TRUE(expired());
@@ -107,12 +107,12 @@ TEST_F(managed_timer_test, the_handler_may_detach_itself) {
     EXPECT_TRUE(expired());
 }
 
-TEST_F(managed_timer_test, leaves_of_a_detached_handler_do_not_expire) {
+TEST_F(managed_timer_test, timers_of_a_detached_handler_do_not_expire) {
     ASSERT_EQ(0u, managed_timer_leaf_start(leaf, 0));
     ASSERT_EQ(0u, managed_timer_detach(handle));
     int32_t other = -1;
     ASSERT_EQ(0u, managed_timer_attach(manager, note_expiry, &noted, &other));
-    EXPECT_NE(handle, other) << "an old leaf must not find another handler";
+    EXPECT_NE(handle, other) << "an old timer must not call another handler";
     run_for(50);
     EXPECT_TRUE(noted.leaves.empty());
     EXPECT_EQ(invalid, managed_timer_leaf_start(leaf, 1));

@@ -13,7 +13,7 @@ using platform_test::write_file;
 
 namespace {
 
-/// Another agent: takes the node, and keeps it until it is told to end.
+/// Another agent: takes the lock and holds it until it is told to end.
 class other_agent {
   public:
     other_agent() {
@@ -44,7 +44,7 @@ class other_agent {
     pid_t pid;
 };
 
-TEST(second_agent_test, is_refused_with_the_number_of_the_first) {
+TEST(second_agent_test, is_refused_with_the_process_id_of_the_first) {
     process_manager_reset();
     other_agent first;
     const std::string count = read_file(runtime_respawn_file);
@@ -71,7 +71,7 @@ TEST(second_agent_test, may_start_when_the_first_was_killed) {
     process_manager_reset();
 }
 
-TEST(second_agent_test, is_told_when_the_first_has_not_written_its_number_yet) {
+TEST(second_agent_test, is_refused_when_the_first_has_not_yet_written_its_process_id) {
     process_manager_reset();
     other_agent first;
     write_file(runtime_lock_file, "");
@@ -94,7 +94,7 @@ TEST(agent_lock_test, failure_is_reported_with_its_reason) {
     std::filesystem::remove(runtime_directory);
 }
 
-TEST(agent_lock_test, is_taken_once_by_a_process_and_given_back) {
+TEST(agent_lock_test, is_taken_once_per_process_and_released) {
     process_manager_reset();
     EXPECT_EQ(0, node_lock_take());
     EXPECT_EQ(0, node_lock_take());

@@ -30,7 +30,7 @@ TEST_F(platform_config_test, a_missing_file_gives_the_defaults) {
     EXPECT_TRUE(problems.empty());
 }
 
-TEST_F(platform_config_test, settings_are_read_around_blanks_and_comments) {
+TEST_F(platform_config_test, spaces_and_comments_are_ignored) {
     EXPECT_EQ(0u, read("# comment\n\n  role=standby\r\n\tnode_number =  4294967294 \n#role = primary"));
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_STANDBY), config.role);
     EXPECT_TRUE(config.role_is_stated);
@@ -44,7 +44,7 @@ TEST_F(platform_config_test, the_last_of_two_lines_counts) {
     EXPECT_TRUE(config.role_is_stated);
 }
 
-TEST_F(platform_config_test, bad_lines_are_reported_and_leave_the_default) {
+TEST_F(platform_config_test, invalid_lines_are_reported_and_leave_the_default) {
     EXPECT_EQ(0u, read("role = Standby\nnode_number = 4294967295\nnode_number = -1\nnode_number = 1 2\n"
                        "node_number =\nrouter\nrol = standby\n= x\n"));
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), config.role);
@@ -65,7 +65,7 @@ TEST_F(platform_config_test, bad_lines_are_reported_and_leave_the_default) {
               problems);
 }
 
-TEST_F(platform_config_test, what_cannot_be_shown_is_escaped) {
+TEST_F(platform_config_test, unprintable_text_is_escaped) {
     read("role = \x01\xff" + std::string(100, 'x'));
     ASSERT_EQ(1u, problems.size());
     EXPECT_NE(std::string::npos, problems[0].find("\"\\x01\\xff" + std::string(56, 'x') + "...\"")) << problems[0];

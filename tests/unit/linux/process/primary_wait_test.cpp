@@ -12,13 +12,13 @@ namespace {
 int starts;
 int stops;
 
-/// Makes this node the primary one.
+/// Makes this node the primary.
 int write_primary(sd_event_source*, uint64_t, void*) {
     write_file(platform_config_file, "role = primary\n");
     return 0;
 }
 
-/// Ends the wait from its own loop, which shows that the loop runs meanwhile.
+/// Ends the wait from its own loop, which shows that the loop is running.
 platform_status start_service(sd_event* loop) {
     starts++;
     EXPECT_LE(0, sd_event_add_time_relative(loop, nullptr, CLOCK_MONOTONIC, 1000, 0, write_primary, nullptr));
@@ -38,7 +38,7 @@ class primary_wait_test : public testing::Test {
     }
 };
 
-TEST_F(primary_wait_test, a_service_runs_while_the_node_is_a_standby) {
+TEST_F(primary_wait_test, a_service_runs_while_the_node_is_standby) {
     write_file(platform_config_file, "role = standby\n");
     EXPECT_EQ(0, primary_wait());
     EXPECT_EQ(starts, 1);

@@ -29,7 +29,7 @@ class respawn_count_test : public testing::Test {
     }
     void TearDown() override { SetUp(); }
 
-    /// Starts anew, as after the end of the process.
+    /// Starts again, as a new process does.
     uint32_t start() {
         process_manager_reset();
         process_manager_count_start();
@@ -47,7 +47,7 @@ TEST_F(respawn_count_test, grows_with_each_start_until_a_clean_stop) {
     EXPECT_FALSE(std::filesystem::exists(std::string(runtime_respawn_file) + ".new"));
 }
 
-TEST_F(respawn_count_test, is_counted_once_a_process) {
+TEST_F(respawn_count_test, is_counted_once_per_process) {
     EXPECT_EQ(0u, process_manager_respawn_count()) << "before the start is counted";
     EXPECT_EQ(1u, start());
     process_manager_count_start();
@@ -63,7 +63,7 @@ TEST_F(respawn_count_test, is_counted_when_the_event_manager_is_created) {
     event_manager_free(manager);
 }
 
-TEST_F(respawn_count_test, something_else_in_the_file_is_a_first_start) {
+TEST_F(respawn_count_test, an_invalid_file_counts_as_a_first_start) {
     for (const char* text : {"", "x\n", "3", "3x\n", "-3\n", "99999999999\n", "\n"}) {
         journal_listener journal;
         write_file(runtime_respawn_file, text);
@@ -76,7 +76,7 @@ TEST_F(respawn_count_test, something_else_in_the_file_is_a_first_start) {
     }
 }
 
-TEST_F(respawn_count_test, does_not_grow_past_its_largest_number) {
+TEST_F(respawn_count_test, does_not_exceed_its_largest_number) {
     write_file(runtime_respawn_file, "4294967294\n");
     EXPECT_EQ(UINT32_MAX, start());
     EXPECT_EQ(UINT32_MAX, start());
@@ -90,7 +90,7 @@ TEST_F(respawn_count_test, a_link_in_its_place_is_not_followed) {
     EXPECT_EQ("1\n", read_file(runtime_respawn_file));
 }
 
-TEST_F(respawn_count_test, a_number_that_cannot_be_kept_is_reported_and_still_counts) {
+TEST_F(respawn_count_test, a_number_that_cannot_be_stored_is_reported_and_still_counts) {
     write_file(runtime_respawn_file, "1\n");
     ASSERT_EQ(0, mount(runtime_directory, runtime_directory, nullptr, MS_BIND, nullptr));
     ASSERT_EQ(0, mount(nullptr, runtime_directory, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
@@ -101,10 +101,10 @@ TEST_F(respawn_count_test, a_number_that_cannot_be_kept_is_reported_and_still_co
         "file system\nStarting the agent, start 2 since the last clean stop\n",
         journal.messages());
     umount2(runtime_directory, MNT_DETACH);
-    EXPECT_EQ("1\n", read_file(runtime_respawn_file)) << "the old number stays whole";
+    EXPECT_EQ("1\n", read_file(runtime_respawn_file)) << "the old number is kept";
 }
 
-TEST_F(respawn_count_test, a_full_file_system_leaves_the_old_number_whole) {
+TEST_F(respawn_count_test, a_full_file_system_keeps_the_old_number) {
     ASSERT_EQ(0, mount("small", runtime_directory, "tmpfs", 0, "size=8192"));
     write_file(runtime_respawn_file, "1\n");
     write_file(std::string(runtime_directory) + "/filler", std::string(4096, 'x'));
@@ -160,7 +160,7 @@ TEST_F(process_manager_test, progress_feeds_the_watchdog) {
     errno = ENOSPC;
     process_manager_progress();
     EXPECT_EQ(ENOSPC, errno);
-    EXPECT_EQ("WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000", notify.receive()) << "the agent is starting";
+    EXPECT_EQ("WATCHDOG=1\nEXTEND_TIMEOUT_USEC=120000000", notify.receive()) << "while the agent starts";
     process_manager_progress();
     EXPECT_EQ("", notify.receive()) << "not more often than needed";
     process_manager_reset();
@@ -183,7 +183,7 @@ TEST_F(process_manager_test, progress_is_reported_in_time_for_a_short_watchdog) 
     EXPECT_NE("", notify.receive());
 }
 
-TEST_F(process_manager_test, progress_extends_a_stop_that_waits_for_the_present_work) {
+TEST_F(process_manager_test, progress_extends_a_stop_that_waits_for_work_in_progress) {
     datagram_listener notify("/run/notify");
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
     process_manager_ready();
@@ -216,7 +216,7 @@ TEST_F(process_manager_test, the_role_comes_from_the_platforms_file) {
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_STANDBY), process_manager_status().role);
 }
 
-TEST_F(process_manager_test, a_mistake_in_the_file_is_reported_and_the_node_is_primary) {
+TEST_F(process_manager_test, an_invalid_role_is_reported_and_the_node_is_primary) {
     journal_listener journal;
     write_file(platform_config_file, "role = backup\n");
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), process_manager_role());
@@ -224,7 +224,7 @@ TEST_F(process_manager_test, a_mistake_in_the_file_is_reported_and_the_node_is_p
               journal.messages());
 }
 
-/// Waits for the role in another process, because the wait blocks.
+/// Waits for the role in a child process, because the wait blocks.
 class waiting_process {
   public:
     waiting_process() {
@@ -233,7 +233,7 @@ class waiting_process {
             signal(SIGALRM, [](int) {});
             _exit(process_manager_wait_primary() == 0 ? 0 : 1);
         }
-        // Long enough for the wait to begin; a change before that is found all the same.
+        // Long enough for the wait to begin; an earlier change is found as well.
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     ~waiting_process() {
@@ -242,7 +242,7 @@ class waiting_process {
             waitpid(pid, nullptr, 0);
         }
     }
-    /// The exit status, or -1 when the wait is still on after `milliseconds`.
+    /// The exit status, or -1 if the wait has not ended after `milliseconds`.
     int result(int milliseconds) {
         for (int waited = 0; waited <= milliseconds; waited += 10) {
             int status = 0;
@@ -279,7 +279,7 @@ TEST_F(process_manager_test, the_wait_ends_when_the_file_is_replaced_or_removed)
     }
 }
 
-TEST_F(process_manager_test, the_wait_goes_on_after_mistakes_other_files_and_signals) {
+TEST_F(process_manager_test, the_wait_continues_after_errors_other_files_and_signals) {
     write_file(platform_config_file, "role = standby\n");
     waiting_process waiting;
     write_file(platform_config_file, "role = primery\n");
@@ -287,12 +287,12 @@ TEST_F(process_manager_test, the_wait_goes_on_after_mistakes_other_files_and_sig
     kill(waiting.pid, SIGALRM);
     EXPECT_EQ(-1, waiting.result(500));
     write_file(platform_config_file, "node_number = 3\n");
-    EXPECT_EQ(-1, waiting.result(500)) << "only a line that says so makes a standby primary";
+    EXPECT_EQ(-1, waiting.result(500)) << "only an explicit line makes a standby primary";
     write_file(platform_config_file, "role = primary\n");
     EXPECT_EQ(0, waiting.result(3000));
 }
 
-TEST_F(process_manager_test, an_editor_that_takes_the_file_away_for_a_moment_does_not_make_a_primary) {
+TEST_F(process_manager_test, a_file_missing_for_a_moment_does_not_make_a_primary) {
     write_file(platform_config_file, "role = standby\n");
     waiting_process waiting;
     std::filesystem::rename(platform_config_file, "/etc/ssh_cfg_agent/platform.conf~");
@@ -302,14 +302,14 @@ TEST_F(process_manager_test, an_editor_that_takes_the_file_away_for_a_moment_doe
     std::filesystem::remove("/etc/ssh_cfg_agent/platform.conf~");
 }
 
-TEST_F(process_manager_test, there_is_nothing_to_wait_for_without_a_file) {
+TEST_F(process_manager_test, without_a_file_there_is_no_wait) {
     umount2(platform_config_directory, MNT_DETACH);
     std::filesystem::remove_all(platform_config_directory);
     EXPECT_EQ(0, process_manager_wait_primary());
     std::filesystem::create_directories(platform_config_directory);
 }
 
-TEST_F(process_manager_test, a_wait_that_cannot_be_made_fails) {
+TEST_F(process_manager_test, a_wait_that_cannot_be_set_up_fails) {
     write_file(platform_config_file, "role = standby\n");
     journal_listener journal;
     int result = 0;

@@ -30,7 +30,7 @@ void write_done(const std::string& text) {
     std::ofstream(done, std::ios::app) << text;
 }
 
-/// The agent's loop, after `prepare` has been called with its manager.
+/// The agent's loop, after `prepare` was called with its manager.
 void run_agent_loop(const std::function<void(struct event_manager*)>& prepare) {
     process_manager_reset();
     struct event_manager* manager = nullptr;
@@ -51,7 +51,7 @@ int later(sd_event_source*, void*) {
     return 0;
 }
 
-/// A handler that is at work when the signal arrives, and leaves something to the loop.
+/// A handler that is running when the signal arrives, and leaves work to the loop.
 int long_handler(sd_event_source* source, void* signal) {
     write_done("begun ");
     raise(*static_cast<int*>(signal));
@@ -63,7 +63,7 @@ int long_handler(sd_event_source* source, void* signal) {
 
 class termination_test : public testing::Test {};
 
-TEST_F(termination_test, the_running_handler_and_what_it_left_to_the_loop_are_finished) {
+TEST_F(termination_test, the_running_handler_and_the_work_it_left_to_the_loop_are_completed) {
     for (int signal : {SIGTERM, SIGINT}) {
         const int status = status_of([&signal] {
             run_agent_loop([&signal](struct event_manager* manager) {
@@ -76,7 +76,7 @@ TEST_F(termination_test, the_running_handler_and_what_it_left_to_the_loop_are_fi
     }
 }
 
-TEST_F(termination_test, a_signal_during_the_start_ends_the_process_when_it_reaches_its_loop) {
+TEST_F(termination_test, a_signal_during_start_up_ends_the_process_in_its_loop) {
     const int status = status_of([] {
         run_agent_loop([](struct event_manager*) {
             raise(SIGTERM);
@@ -93,7 +93,7 @@ int busy(sd_event_source*, void*) {
     return 0;
 }
 
-TEST_F(termination_test, a_loop_that_always_has_work_ends_too) {
+TEST_F(termination_test, a_loop_that_always_has_work_ends_as_well) {
     const int status = status_of([] {
         run_agent_loop([](struct event_manager* manager) {
             sd_event_source* source = nullptr;
@@ -106,7 +106,7 @@ TEST_F(termination_test, a_loop_that_always_has_work_ends_too) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(termination_test, the_control_socket_goes_with_the_process) {
+TEST_F(termination_test, the_control_socket_is_removed_with_the_process) {
     std::filesystem::create_directories(runtime_directory);
     status_of([] { run_agent_loop([](struct event_manager*) { raise(SIGTERM); }); });
     EXPECT_FALSE(std::filesystem::exists(std::string(runtime_directory) + "/control.sock"));

@@ -23,7 +23,7 @@ void note_switch(uint32_t action, uint32_t id, void* context) {
     noted.push_back({action, id});
 }
 
-/// The flags of one process are its flags for good, so they are registered once.
+/// Flags cannot be unregistered, so each process registers them once.
 class debug_test : public platform_test::loop_test {
   protected:
     void SetUp() override {
@@ -41,7 +41,7 @@ class debug_test : public platform_test::loop_test {
     }
 };
 
-TEST_F(debug_test, flags_are_off_at_first) {
+TEST_F(debug_test, flags_are_initially_off) {
     const std::vector<debug_flag_state> flags = debug_flag_list();
     ASSERT_EQ(3u, flags.size());
     EXPECT_EQ("server-l1", flags[0].name);
@@ -51,7 +51,7 @@ TEST_F(debug_test, flags_are_off_at_first) {
     EXPECT_EQ(0, debug_flag_is_on(1));
 }
 
-TEST_F(debug_test, a_switched_flag_is_told_to_its_paths_handler) {
+TEST_F(debug_test, a_switched_flag_is_passed_to_the_handler_of_its_path) {
     EXPECT_EQ(0u, debug_flag_set("server-l1", true));
     EXPECT_EQ(1, debug_flag_is_on(1));
     EXPECT_EQ(0, debug_flag_is_on(8));
@@ -60,7 +60,7 @@ TEST_F(debug_test, a_switched_flag_is_told_to_its_paths_handler) {
     EXPECT_EQ((std::vector<switched>{{DEBUG_ACTION_ON, 1}, {DEBUG_ACTION_OFF, 1}}), noted);
 }
 
-TEST_F(debug_test, a_flag_that_has_the_state_already_is_not_told) {
+TEST_F(debug_test, a_flag_already_in_that_state_causes_no_call) {
     EXPECT_EQ(0u, debug_flag_set("cfg-agent", false));
     EXPECT_EQ(0u, debug_flag_set("cfg-agent", true));
     EXPECT_EQ(0u, debug_flag_set("cfg-agent", true));
@@ -84,7 +84,7 @@ TEST_F(debug_test, an_unknown_flag_is_refused_and_off) {
     EXPECT_EQ(0, debug_flag_is_on(UINT32_MAX));
 }
 
-TEST_F(debug_test, refuses_registrations_that_make_no_sense) {
+TEST_F(debug_test, refuses_invalid_registrations) {
     EXPECT_EQ(invalid, debug_flag_register(nullptr, 2, "x", DEBUG_FLAG_TYPE, 5));
     EXPECT_EQ(invalid, debug_flag_register("", 2, "x", DEBUG_FLAG_TYPE, 5));
     EXPECT_EQ(invalid, debug_flag_register("/debug/ssh", 2, "x", DEBUG_FLAG_TYPE, 5));
@@ -99,7 +99,7 @@ TEST_F(debug_test, refuses_registrations_that_make_no_sense) {
     const platform_status exists = EEXIST;
     EXPECT_EQ(exists, debug_flag_register("/debug/ssh/", 1, "x", DEBUG_FLAG_TYPE, 5));
     EXPECT_EQ(exists, debug_flag_register("/debug/other/", 2, "server-l1", DEBUG_FLAG_TYPE, 5))
-        << "people name a flag alone, so its name has to be the only one";
+        << "users name a flag without its path, so its name must be unique";
 }
 
 TEST_F(debug_test, a_line_goes_to_the_journal_with_its_flags_name) {

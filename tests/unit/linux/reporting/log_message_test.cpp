@@ -25,18 +25,18 @@ TEST(log_message_test, goes_to_the_journal_with_the_entrys_fields) {
     EXPECT_EQ("3", fields["SSH_CFG_SEVERITY"]);
     EXPECT_EQ("SSHD_CFG_AGT", fields["SSH_CFG_FACILITY"]);
     EXPECT_EQ("SECURITY", fields["SSH_CFG_CATEGORY"]);
-    EXPECT_EQ(0u, fields.count("CODE_FILE")) << "the platform's own source line says nothing about the message";
+    EXPECT_EQ(0u, fields.count("CODE_FILE")) << "the platform's source line is not that of the message";
 }
 
 TEST(log_message_test, a_line_break_cannot_forge_a_field) {
     journal_listener journal;
     log_message_send(&entry, "first\nPRIORITY=0\nsecond");
     const std::string datagram = journal.receive();
-    // The journal's protocol announces such a value by its length, without an equals sign.
+    // The journal's protocol sends such a value with its length and without an equals sign.
     EXPECT_NE(std::string::npos, datagram.find(std::string("MESSAGE\n\x17\0\0\0\0\0\0\0first\nPRIORITY=0", 32)));
 }
 
-TEST(log_message_test, goes_to_the_systems_log_where_there_is_no_journal) {
+TEST(log_message_test, goes_to_syslog_without_a_journal) {
     std::filesystem::remove("/run/systemd/journal/socket");
     datagram_listener log("/dev/log");
     log_message_send(&entry, text);
@@ -46,8 +46,8 @@ TEST(log_message_test, goes_to_the_systems_log_where_there_is_no_journal) {
     EXPECT_NE(std::string::npos, line.find("ssh_cfg_agent[")) << line;
 }
 
-TEST(log_message_test, goes_to_the_systems_log_when_the_journal_is_down) {
-    // A socket without anybody behind it, as between a journal's end and its restart.
+TEST(log_message_test, goes_to_syslog_while_the_journal_is_down) {
+    // A socket without a listener, as while the journal restarts.
     std::filesystem::create_directories("/run/systemd/journal");
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
@@ -73,7 +73,7 @@ TEST(log_message_test, leaves_errno_alone) {
     EXPECT_EQ(ENOSPC, errno);
 }
 
-TEST(log_message_test, takes_an_incomplete_entry) {
+TEST(log_message_test, accepts_an_incomplete_entry) {
     journal_listener journal;
     const log_message_entry empty = {nullptr, nullptr, nullptr, nullptr, 99, 0};
     log_message_send(nullptr, text);
@@ -81,11 +81,11 @@ TEST(log_message_test, takes_an_incomplete_entry) {
     log_message_send(&empty, text);
     auto fields = journal.receive_entry();
     EXPECT_EQ(text, fields["MESSAGE"]);
-    EXPECT_EQ("7", fields["PRIORITY"]) << "a severity that does not exist is the lowest one";
+    EXPECT_EQ("7", fields["PRIORITY"]) << "an invalid severity counts as the lowest";
     EXPECT_EQ("", fields["SSH_CFG_NAME"]);
 }
 
-TEST(log_message_test, the_platforms_own_lines_are_cut_not_overflowed) {
+TEST(log_message_test, the_platforms_own_lines_are_truncated) {
     journal_listener journal;
     platform_log(LOG_WARNING, "%s", std::string(5000, 'x').c_str());
     auto fields = journal.receive_entry();

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// The tests of one process share the buffers, so each makes its own.
+/// All tests of a process share the buffers, so each creates its own.
 class trace_test : public testing::Test {
   protected:
     std::string name() const {
@@ -45,7 +45,7 @@ TEST_F(trace_test, keeps_time_code_and_arguments) {
     EXPECT_EQ("", record.arguments[2].text);
 }
 
-TEST_F(trace_test, the_oldest_entry_makes_room_for_the_one_past_the_number) {
+TEST_F(trace_test, the_oldest_entry_is_replaced_when_the_number_is_reached) {
     trace_buffer* buffer = create(3, 1000);
     for (uint32_t point = 1; point <= 5; ++point) {
         trace_write(buffer, point, nullptr, 0);
@@ -57,10 +57,10 @@ TEST_F(trace_test, the_oldest_entry_makes_room_for_the_one_past_the_number) {
     EXPECT_EQ(5u, read.written);
 }
 
-TEST_F(trace_test, the_oldest_entries_make_room_when_the_bytes_are_used_up) {
+TEST_F(trace_test, the_oldest_entries_are_replaced_when_the_bytes_are_used_up) {
     trace_buffer* buffer = create(1000, 300);
     for (int64_t i = 0; i < 1000; ++i) {
-        // Lengths that do not divide the ring make records wrap at every place.
+        // Lengths that do not divide the ring's size make records wrap at every position.
         const std::string text(static_cast<size_t>(i % 23), static_cast<char>('a' + i % 26));
         const trace_argument arguments[] = {{text.c_str(), 0}, {nullptr, i}};
         trace_write(buffer, static_cast<uint32_t>(i), arguments, 2);
@@ -75,7 +75,7 @@ TEST_F(trace_test, the_oldest_entries_make_room_when_the_bytes_are_used_up) {
     }
 }
 
-TEST_F(trace_test, texts_are_cut_so_that_every_entry_fits) {
+TEST_F(trace_test, texts_are_truncated_so_that_every_entry_fits) {
     trace_buffer* buffer = create(10, 100);
     const std::string text(1000, 'x');
     const trace_argument arguments[] = {{text.c_str(), 0}, {text.c_str(), 0}, {nullptr, 9}};
@@ -88,7 +88,7 @@ TEST_F(trace_test, texts_are_cut_so_that_every_entry_fits) {
     EXPECT_LT(read.records[0].arguments[0].text.size(), 100u);
 }
 
-TEST_F(trace_test, a_text_keeps_its_first_255_characters) {
+TEST_F(trace_test, a_text_is_truncated_to_255_characters) {
     trace_buffer* buffer = create(10, 2000);
     const std::string text(1000, 'x');
     const trace_argument arguments[] = {{text.c_str(), 0}, {text.c_str(), 0}, {text.c_str(), 0}};
@@ -100,7 +100,7 @@ TEST_F(trace_test, a_text_keeps_its_first_255_characters) {
     }
 }
 
-TEST_F(trace_test, a_fourth_argument_is_left_out) {
+TEST_F(trace_test, a_fourth_argument_is_dropped) {
     trace_buffer* buffer = create(10, 1000);
     const trace_argument arguments[] = {{nullptr, 1}, {nullptr, 2}, {nullptr, 3}, {nullptr, 4}};
     trace_write(buffer, 1, arguments, 4);
@@ -117,14 +117,14 @@ TEST_F(trace_test, a_missing_buffer_or_argument_list_is_accepted_and_errno_kept)
     EXPECT_TRUE(contents().records.at(0).arguments.empty());
 }
 
-TEST_F(trace_test, a_buffer_is_found_by_its_last_component_too) {
+TEST_F(trace_test, a_buffer_is_also_found_by_its_last_component) {
     create(10, 1000);
     trace_buffer_contents read = {};
     EXPECT_EQ(0u, trace_buffer_read(testing::UnitTest::GetInstance()->current_test_info()->name(), read));
     EXPECT_EQ(static_cast<platform_status>(ENOENT), trace_buffer_read("test/", read));
 }
 
-TEST_F(trace_test, entries_carry_the_description_of_their_point) {
+TEST_F(trace_test, entries_contain_the_description_of_their_point) {
     static const trace_point points[] = {{7, "vrf.restarted", "server restarted", {"vrf"}}};
     trace_buffer* buffer = create(10, 1000);
     trace_write(buffer, 7, nullptr, 0);
@@ -136,7 +136,7 @@ TEST_F(trace_test, entries_carry_the_description_of_their_point) {
     trace_buffer_describe(nullptr, points, 1);
 }
 
-TEST_F(trace_test, refuses_what_cannot_be_a_buffer) {
+TEST_F(trace_test, refuses_an_invalid_buffer) {
     trace_buffer* buffer = nullptr;
     const platform_status invalid = EINVAL;
     EXPECT_EQ(invalid, trace_buffer_create(nullptr, 200, 12400, &buffer));

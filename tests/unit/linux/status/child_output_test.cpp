@@ -19,7 +19,7 @@ TEST(child_output, is_what_the_child_writes) {
     EXPECT_EQ(output, "words");
 }
 
-TEST(child_output, of_a_failed_child_is_nothing) {
+TEST(child_output, of_a_failed_child_is_empty) {
     std::string output = "before";
     EXPECT_EQ(child_output([](int fd) { return write(fd, "words", 5) == 5 ? 3 : 0; }, milliseconds(10000), output),
               EIO);
@@ -28,7 +28,7 @@ TEST(child_output, of_a_failed_child_is_nothing) {
     EXPECT_EQ(output, "before");
 }
 
-TEST(child_output, is_not_waited_for_beyond_the_limit) {
+TEST(child_output, is_not_awaited_beyond_the_time_limit) {
     std::string output = "before";
     const steady::time_point start = steady::now();
     const auto hang = [](int fd) { return execl("/bin/sh", "sh", "-c", "sleep 300 & wait", nullptr) + fd; };

@@ -19,7 +19,7 @@ std::set<uint16_t> listening_ports(pid_t process) {
     return ports[0];
 }
 
-/// Listens on a free port of the loopback address, which is returned.
+/// Listens on a free port of the loopback address and returns the port.
 uint16_t listen_on_any_port(int fd, int family) {
     sockaddr_storage address = {};
     address.ss_family = static_cast<sa_family_t>(family);
@@ -27,7 +27,7 @@ uint16_t listen_on_any_port(int fd, int family) {
     EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
     EXPECT_EQ(listen(fd, 1), 0);
     EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    // The port has the same place in the addresses of both families.
+    // The port is at the same offset in the addresses of both families.
     return ntohs(reinterpret_cast<sockaddr_in*>(&address)->sin_port);
 }
 
@@ -39,7 +39,7 @@ TEST(listening_ports, are_those_of_the_process) {
     EXPECT_THAT(listening_ports(getpid()), UnorderedElementsAre(first, second));
 }
 
-TEST(listening_ports, of_another_process_are_not_its_own) {
+TEST(listening_ports, of_another_process_are_excluded) {
     const pid_t child = fork();
     if (child == 0) {
         pause();
@@ -53,12 +53,12 @@ TEST(listening_ports, of_another_process_are_not_its_own) {
     EXPECT_EQ(listening_ports(child).size(), 0U) << "it is gone";
 }
 
-TEST(listening_ports, need_a_listening_socket) {
+TEST(listening_ports, require_a_listening_socket) {
     const file_descriptor unused(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     EXPECT_EQ(listening_ports(getpid()).size(), 0U);
 }
 
-TEST(server_namespace, that_does_not_exist_is_no_other) {
+TEST(server_namespace, a_missing_one_does_not_differ) {
     EXPECT_FALSE(runs_in_another_namespace(getpid(), "no-such-vrf"));
 }
 

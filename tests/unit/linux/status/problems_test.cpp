@@ -9,7 +9,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A VRF in which everything is as configured.
+/// A VRF without problems.
 vrf_status sound_vrf() {
     vrf_status vrf;
     vrf.name = "red";
@@ -36,11 +36,11 @@ std::vector<std::string> lines_of(const vrf_status& vrf) {
     return lines_of(machine);
 }
 
-TEST(problems, are_none_when_all_is_as_configured) {
+TEST(problems, a_sound_vrf_has_none) {
     EXPECT_THAT(lines_of(sound_vrf()), IsEmpty());
 }
 
-TEST(problems, of_a_missing_namespace_are_one) {
+TEST(problems, a_missing_namespace_is_one) {
     vrf_status vrf = sound_vrf();
     vrf.has_namespace = false;
     vrf.unit = server_unit_state{"not-found", "inactive", "dead", "success", 0};
@@ -113,7 +113,7 @@ TEST(problems, of_blocked_connections) {
                                            "it did not start"));
 }
 
-TEST(problems, are_what_is_recorded_and_what_cannot_be_asked) {
+TEST(problems, include_recorded_failures_and_unknown_states) {
     machine_status machine;
     machine.units = ETIMEDOUT;
     machine.ports = EPERM;

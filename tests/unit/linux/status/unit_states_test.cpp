@@ -26,20 +26,20 @@ TEST(server_unit_states, are_parsed_by_vrf) {
     EXPECT_FALSE(server_unit_runs(other));
 }
 
-TEST(server_unit_states, that_start_again_and_again_do_not_run) {
+TEST(server_unit_states, a_unit_that_keeps_restarting_is_not_running) {
     const server_unit_states units =
         server_unit_states_parse("Id=sshd_service_red.service\nActiveState=activating\nSubState=auto-restart");
     EXPECT_FALSE(server_unit_runs(units.at("red")));
 }
 
-TEST(server_unit_states, of_nothing_are_none) {
+TEST(server_unit_states, without_output_there_are_none) {
     EXPECT_TRUE(server_unit_states_parse("").empty());
     EXPECT_TRUE(server_unit_states_parse("\n\nActiveState=active\n").empty());
     server_unit_states units;
     EXPECT_EQ(server_unit_states_query({}, units), PLATFORM_OK);
 }
 
-TEST(server_unit_states, have_the_names_of_the_vrfs) {
+TEST(server_unit_states, are_named_after_the_vrfs) {
     EXPECT_EQ(server_unit_name("a.b"), "sshd_service_a.b.service");
 }
 

@@ -39,7 +39,7 @@ class filter_connection_test : public testing::Test {
     }
 };
 
-TEST_F(filter_connection_test, speaks_to_the_vrfs_filter_and_leaves_the_process_where_it_was) {
+TEST_F(filter_connection_test, configures_the_vrfs_filter_and_leaves_the_process_in_its_namespace) {
     const ino_t own = own_network_namespace();
     filter_connection connection;
     ASSERT_EQ(0, connection.open_in_vrf("red"));
@@ -52,17 +52,17 @@ TEST_F(filter_connection_test, speaks_to_the_vrfs_filter_and_leaves_the_process_
     EXPECT_EQ("", platform_test::output_of("nft list tables"));
 }
 
-TEST_F(filter_connection_test, a_batch_is_carried_out_whole_or_not_at_all) {
+TEST_F(filter_connection_test, a_batch_is_executed_completely_or_not_at_all) {
     filter_connection connection;
     ASSERT_EQ(0, connection.open_in_vrf("red"));
     filter_batch batch;
     put_table(batch, NFT_MSG_NEWTABLE, "one");
     put_table(batch, NFT_MSG_DELTABLE, "none");
-    EXPECT_EQ(ENOENT, connection.transact(batch)) << "the first failure, not the successes around it";
+    EXPECT_EQ(ENOENT, connection.transact(batch)) << "the first failure counts";
     EXPECT_EQ("", nft_in("red", "list tables"));
 }
 
-TEST_F(filter_connection_test, each_message_of_an_answer_is_noted) {
+TEST_F(filter_connection_test, each_message_of_an_answer_is_evaluated) {
     filter_connection connection;
     ASSERT_EQ(0, connection.open_here());
     int messages = 0;
@@ -96,8 +96,8 @@ TEST_F(filter_connection_test, only_an_attached_namespace_can_be_opened) {
     EXPECT_EQ(EMFILE, connection.open_here());
 }
 
-/// A deleted namespace must not be kept alive, with its interfaces, by the agent.
-TEST_F(filter_connection_test, nothing_of_a_closed_connection_is_left) {
+/// The agent must not keep a deleted namespace and its interfaces alive.
+TEST_F(filter_connection_test, a_closed_connection_leaves_nothing_behind) {
     const int before = dup(0);
     close(before);
     {

@@ -59,7 +59,7 @@ class mpp_filter_test : public testing::Test {
     ino_t own = 0;
 };
 
-/// nft sets the flags off by a blank line.
+/// nft separates the flags with an empty line.
 const std::string first_line = "table inet norvo_mpp {\n";
 const std::string comment = "\tcomment \"management-plane protection, 2\"\n";
 std::string contents_with(const std::string& elements) {
@@ -82,7 +82,7 @@ const std::string contents =
 const std::string open_table = first_line + "\tflags dormant\n" + comment + "\n" + contents;
 const std::string blocked_table = first_line + comment + contents;
 
-TEST_F(mpp_filter_test, the_table_reads_as_an_operator_would_write_it) {
+TEST_F(mpp_filter_test, the_table_is_what_an_operator_would_write) {
     ASSERT_EQ(0u, mpp_filter_make(red, 0, failure)) << failure;
     EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
     ASSERT_EQ(0u, block()) << failure;
@@ -91,7 +91,7 @@ TEST_F(mpp_filter_test, the_table_reads_as_an_operator_would_write_it) {
     EXPECT_EQ(open_table, nft_in(red, "list ruleset"));
 }
 
-TEST_F(mpp_filter_test, a_blocked_vrf_lets_no_new_connection_in) {
+TEST_F(mpp_filter_test, a_blocked_vrf_accepts_no_new_connection) {
     listen_on(22);
     listen_on(830);
     expect_reachable(true);
@@ -103,15 +103,15 @@ TEST_F(mpp_filter_test, a_blocked_vrf_lets_no_new_connection_in) {
     expect_reachable(true);
 }
 
-TEST_F(mpp_filter_test, other_ports_stay_reachable) {
+TEST_F(mpp_filter_test, other_ports_remain_reachable) {
     listen_on(2222);
     ASSERT_EQ(0u, block());
     EXPECT_TRUE(reachable(red, 2222, AF_INET));
     EXPECT_TRUE(reachable(red, 2222, AF_INET6));
 }
 
-/// The connection is older than everything that the packet filter has in its namespace.
-TEST_F(mpp_filter_test, an_established_connection_lives_on) {
+/// The connection is older than the packet filter of its namespace.
+TEST_F(mpp_filter_test, an_established_connection_continues) {
     const vrf_listener listener(red, AF_INET, 22);
     const int client = connect_to_vrf(red, AF_INET, 22);
     ASSERT_LE(0, client);
@@ -128,8 +128,8 @@ TEST_F(mpp_filter_test, an_established_connection_lives_on) {
     close(server);
 }
 
-/// The client's second attempt, a second after the first one, is let in.
-TEST_F(mpp_filter_test, a_client_that_waits_gets_in_after_the_block) {
+/// The client's second attempt, a second after the first, succeeds.
+TEST_F(mpp_filter_test, a_waiting_client_gets_in_after_the_block) {
     listen_on(22);
     ASSERT_EQ(0u, block());
     const int fd = platform_test::socket_in_vrf(red, AF_INET);
@@ -137,7 +137,7 @@ TEST_F(mpp_filter_test, a_client_that_waits_gets_in_after_the_block) {
     const platform_test::loopback_address address(AF_INET, 22);
     EXPECT_EQ(-1, connect(fd, address.get(), address.size));
     pollfd waiting = {fd, POLLOUT, 0};
-    EXPECT_EQ(0, poll(&waiting, 1, 100)) << "neither let in nor refused";
+    EXPECT_EQ(0, poll(&waiting, 1, 100)) << "neither accepted nor refused";
     ASSERT_EQ(0u, mpp_filter_open(red, failure));
     EXPECT_EQ(1, poll(&waiting, 1, 3000));
     int error = -1;
@@ -147,7 +147,7 @@ TEST_F(mpp_filter_test, a_client_that_waits_gets_in_after_the_block) {
     close(fd);
 }
 
-TEST_F(mpp_filter_test, single_ports_are_blocked) {
+TEST_F(mpp_filter_test, single_services_are_blocked) {
     listen_on(22);
     listen_on(830);
     ASSERT_EQ(0u, block(filter_ssh_ipv4 | filter_netconf_ipv6));
@@ -173,7 +173,7 @@ TEST_F(mpp_filter_test, single_ports_are_blocked) {
     EXPECT_EQ(open_table, nft_in(red, "list ruleset")) << "the next block must find all ports";
 }
 
-/// A session that began before any list was loaded counts as established when one is.
+/// A session that began before any list was loaded counts as established when a list is loaded.
 TEST_F(mpp_filter_test, connections_are_tracked_while_the_table_is_dormant) {
     ASSERT_EQ(0u, mpp_filter_make(red, 0, failure)) << failure;
     const vrf_listener listener(red, AF_INET, 22);
@@ -204,7 +204,7 @@ TEST_F(mpp_filter_test, a_namespace_without_the_table_is_open_and_can_be_blocked
     expect_reachable(false);
 }
 
-TEST_F(mpp_filter_test, an_operators_flush_is_no_obstacle) {
+TEST_F(mpp_filter_test, an_operators_flush_does_no_harm) {
     ASSERT_EQ(0u, block());
     EXPECT_EQ("", nft_in(red, "flush ruleset"));
     EXPECT_EQ(0u, mpp_filter_open(red, failure));
@@ -212,7 +212,7 @@ TEST_F(mpp_filter_test, an_operators_flush_is_no_obstacle) {
     EXPECT_EQ(filter_all_ports, blocked());
 }
 
-TEST_F(mpp_filter_test, blocking_and_opening_twice_is_no_failure) {
+TEST_F(mpp_filter_test, blocking_and_unblocking_twice_is_no_failure) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(0u, block()) << failure;
     }
@@ -221,7 +221,7 @@ TEST_F(mpp_filter_test, blocking_and_opening_twice_is_no_failure) {
     }
 }
 
-TEST_F(mpp_filter_test, what_stands_under_the_tables_name_is_replaced) {
+TEST_F(mpp_filter_test, anything_else_under_the_tables_name_is_replaced) {
     EXPECT_EQ("", nft_in(red,
                          "'add table inet norvo_mpp; add chain inet norvo_mpp old; add set inet norvo_mpp "
                          "service_ports { type ipv4_addr; }'"));
@@ -231,7 +231,7 @@ TEST_F(mpp_filter_test, what_stands_under_the_tables_name_is_replaced) {
     EXPECT_EQ(filter_all_ports, blocked());
 }
 
-/// The kernel gives each table that is made a new number; nft shows it behind the table's first line.
+/// The kernel gives each new table another handle, which nft shows after the table's first line.
 std::string table_handle() {
     const std::string listing = nft_in(red, "-a list ruleset");
     return listing.substr(0, listing.find('\n'));
@@ -248,7 +248,7 @@ TEST_F(mpp_filter_test, a_table_of_this_version_is_kept) {
     EXPECT_EQ(before, table_handle());
 }
 
-TEST_F(mpp_filter_test, a_block_does_not_rely_on_another_versions_table) {
+TEST_F(mpp_filter_test, a_block_does_not_rely_on_a_table_of_another_version) {
     listen_on(22);
     listen_on(830);
     EXPECT_EQ("", nft_in(red, "'add table inet norvo_mpp'"));
@@ -266,7 +266,7 @@ TEST_F(mpp_filter_test, other_tables_and_namespaces_are_left_alone) {
     remove_vrf("blue");
 }
 
-TEST_F(mpp_filter_test, a_vrf_without_a_namespace_is_told_apart) {
+TEST_F(mpp_filter_test, a_vrf_without_a_namespace_has_its_own_status) {
     filter_ports blocked = filter_ssh_ipv4;
     EXPECT_EQ(absent, mpp_filter_make("none", 0, failure));
     EXPECT_EQ("Cannot create the packet filter in namespace vrf-none: No such file or directory", failure);
@@ -280,7 +280,7 @@ TEST_F(mpp_filter_test, a_vrf_without_a_namespace_is_told_apart) {
     unlink("/run/netns/vrf-none");
 }
 
-TEST_F(mpp_filter_test, a_want_of_descriptors_is_reported_and_leaves_the_process_where_it_was) {
+TEST_F(mpp_filter_test, exhausted_descriptors_are_reported_and_leave_the_process_in_its_namespace) {
     const no_descriptors_left none;
     EXPECT_EQ(static_cast<platform_status>(EMFILE), block());
     EXPECT_EQ("Cannot block the ports in namespace vrf-red: Too many open files", failure);
@@ -288,7 +288,7 @@ TEST_F(mpp_filter_test, a_want_of_descriptors_is_reported_and_leaves_the_process
     EXPECT_EQ("Cannot reach the kernel's packet filter: Too many open files", failure);
 }
 
-TEST_F(mpp_filter_test, a_process_without_the_right_is_told_so) {
+TEST_F(mpp_filter_test, a_missing_permission_is_reported) {
     EXPECT_EQ(0u, mpp_filter_available(failure)) << failure;
     const pid_t pid = fork();
     if (pid == 0) {
@@ -305,7 +305,7 @@ TEST_F(mpp_filter_test, a_process_without_the_right_is_told_so) {
     EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
-TEST_F(mpp_filter_test, is_quick_enough_for_a_commit_of_many_settings) {
+TEST_F(mpp_filter_test, is_fast_enough_for_a_commit_of_many_settings) {
     ASSERT_EQ(0u, mpp_filter_make(red, 0, failure));
     constexpr int pairs = 200;
     const auto begin = std::chrono::steady_clock::now();

@@ -50,11 +50,11 @@ class mpp_test : public platform_test::loop_test {
         ASSERT_EQ(0u, mpp_init(MPP_SERVICE_NETCONF));
         reach_loop();
     }
-    /// What the handler that has just returned does: lets the loop come to what is waiting.
+    /// What happens after a handler has returned: the loop does the pending work.
     void reach_loop() { run_for(5); }
 };
 
-TEST_F(mpp_test, a_server_is_started_behind_a_block) {
+TEST_F(mpp_test, a_server_is_started_while_blocked) {
     open_services();
     const vrf_listener server(red, AF_INET, 22);
     ASSERT_EQ(0u, mpp_vrf_nft_init(red));
@@ -96,14 +96,14 @@ TEST_F(mpp_test, the_port_opens_before_the_next_event_is_handled) {
     close(pipe_fds[1]);
 }
 
-TEST_F(mpp_test, a_block_takes_a_requested_unblock_back) {
+TEST_F(mpp_test, a_block_cancels_a_requested_unblock) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     ASSERT_EQ(0u, mpp_vrf_unblock(red));
     ASSERT_EQ(0u, mpp_vrf_block(red));
     EXPECT_FALSE(status_of(red).unblock_requested);
     reach_loop();
-    EXPECT_TRUE(is_blocked()) << "the server that could not be started stays out of reach";
+    EXPECT_TRUE(is_blocked()) << "a server that could not be started remains unreachable";
     ASSERT_EQ(0u, mpp_vrf_unblock(red));
     reach_loop();
     EXPECT_FALSE(is_blocked());
@@ -116,24 +116,24 @@ TEST_F(mpp_test, an_unblock_without_a_block_is_accepted) {
     journal_listener journal;
     reach_loop();
     EXPECT_EQ("", journal.messages());
-    EXPECT_TRUE(mpp_status().empty()) << "there is nothing to remember of either";
+    EXPECT_TRUE(mpp_status().empty()) << "neither is remembered";
 }
 
-TEST_F(mpp_test, a_block_can_do_without_the_initialisation) {
+TEST_F(mpp_test, a_block_does_not_require_the_initialisation) {
     open_services();
     EXPECT_EQ(0u, mpp_vrf_block(red));
     EXPECT_TRUE(is_blocked());
     EXPECT_TRUE(status_of(red).initialised);
 }
 
-TEST_F(mpp_test, the_initialisation_does_not_open_what_is_blocked) {
+TEST_F(mpp_test, the_initialisation_does_not_unblock) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     ASSERT_EQ(0u, mpp_vrf_nft_init(red));
     EXPECT_TRUE(is_blocked());
 }
 
-TEST_F(mpp_test, each_vrf_is_blocked_by_itself) {
+TEST_F(mpp_test, each_vrf_is_blocked_separately) {
     add_vrf("blue");
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
@@ -145,7 +145,7 @@ TEST_F(mpp_test, each_vrf_is_blocked_by_itself) {
     remove_vrf("blue");
 }
 
-TEST_F(mpp_test, marks_are_kept_for_the_operator) {
+TEST_F(mpp_test, services_are_recorded_for_the_operator) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_set(MPP_SERVICE_SSH, red));
     EXPECT_TRUE(status_of(red).ssh);
@@ -157,10 +157,10 @@ TEST_F(mpp_test, marks_are_kept_for_the_operator) {
     EXPECT_TRUE(status_of(red).netconf);
     ASSERT_EQ(0u, mpp_vrf_unset(MPP_SERVICE_NETCONF, red));
     EXPECT_TRUE(mpp_status().empty());
-    EXPECT_EQ("", nft_in(red, "list ruleset")) << "a mark opens and closes nothing";
+    EXPECT_EQ("", nft_in(red, "list ruleset")) << "recording opens and closes nothing";
 }
 
-TEST_F(mpp_test, a_service_has_to_be_opened_first) {
+TEST_F(mpp_test, a_service_must_be_opened_first) {
     const platform_status closed = ENOTCONN;
     EXPECT_EQ(closed, mpp_vrf_set(MPP_SERVICE_SSH, red));
     ASSERT_EQ(0u, mpp_init(MPP_SERVICE_SSH));
@@ -201,7 +201,7 @@ TEST_F(mpp_test, a_failure_is_returned_each_time_and_logged_once) {
     EXPECT_EQ("Cannot create the packet filter in namespace vrf-none: No such file or directory\n", journal.messages());
 }
 
-TEST_F(mpp_test, a_namespace_counts_as_created_when_it_is_one) {
+TEST_F(mpp_test, a_namespace_counts_as_created_only_if_it_is_one) {
     open_services();
     EXPECT_EQ(0u, mpp_namespace_created("vrf-red"));
     EXPECT_EQ(static_cast<platform_status>(ENOENT), mpp_namespace_created("vrf-none"));
@@ -210,7 +210,7 @@ TEST_F(mpp_test, a_namespace_counts_as_created_when_it_is_one) {
     unlink("/run/netns/vrf-none");
 }
 
-TEST_F(mpp_test, a_namespace_that_is_made_again_begins_anew) {
+TEST_F(mpp_test, a_recreated_namespace_starts_again) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_set(MPP_SERVICE_SSH, red));
     ASSERT_EQ(0u, mpp_vrf_nft_init(red));
@@ -219,7 +219,7 @@ TEST_F(mpp_test, a_namespace_that_is_made_again_begins_anew) {
     ASSERT_EQ(0u, mpp_namespace_deleted("vrf-red"));
     EXPECT_FALSE(status_of(red).initialised);
     EXPECT_FALSE(status_of(red).blocked);
-    EXPECT_TRUE(status_of(red).ssh) << "what the agent wants of the VRF does not change with its namespace";
+    EXPECT_TRUE(status_of(red).ssh) << "the VRF's services do not change with its namespace";
     ASSERT_EQ(0u, mpp_vrf_unblock(red));
     reach_loop();
     add_vrf(red);
@@ -229,7 +229,7 @@ TEST_F(mpp_test, a_namespace_that_is_made_again_begins_anew) {
     EXPECT_TRUE(is_blocked());
 }
 
-TEST_F(mpp_test, an_unblock_finds_the_namespace_gone) {
+TEST_F(mpp_test, an_unblock_after_the_namespace_has_gone) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     ASSERT_EQ(0u, mpp_vrf_unblock(red));
@@ -240,7 +240,7 @@ TEST_F(mpp_test, an_unblock_finds_the_namespace_gone) {
     EXPECT_TRUE(mpp_status().empty());
 }
 
-TEST_F(mpp_test, a_vrf_that_cannot_be_opened_is_opened_later) {
+TEST_F(mpp_test, a_vrf_that_cannot_be_unblocked_is_unblocked_later) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     ASSERT_EQ(0u, mpp_vrf_unblock(red));
@@ -256,8 +256,8 @@ TEST_F(mpp_test, a_vrf_that_cannot_be_opened_is_opened_later) {
     EXPECT_FALSE(is_blocked());
 }
 
-/// A new process finds what the one before it has left.
-TEST_F(mpp_test, a_block_outlives_the_agent_until_the_next_one_reaches_its_loop) {
+/// A new process finds the state that the previous one left.
+TEST_F(mpp_test, a_block_survives_the_agent_until_the_next_one_reaches_its_loop) {
     open_services();
     const vrf_listener server(red, AF_INET, 22);
     ASSERT_EQ(0u, mpp_vrf_block(red));
@@ -271,7 +271,7 @@ TEST_F(mpp_test, a_block_outlives_the_agent_until_the_next_one_reaches_its_loop)
     EXPECT_TRUE(reachable(red, 22)) << "nobody stays locked out";
 }
 
-TEST_F(mpp_test, a_block_that_was_left_behind_can_be_taken_over_by_a_new_one) {
+TEST_F(mpp_test, a_block_left_behind_can_be_taken_over_by_a_new_one) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     mpp_reset();
@@ -310,7 +310,7 @@ TEST_F(mpp_test, a_service_without_its_list_stays_blocked_when_the_vrf_is_unbloc
     EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
-TEST_F(mpp_test, a_service_is_blocked_at_once_and_opened_after_the_handler) {
+TEST_F(mpp_test, a_service_is_blocked_immediately_and_unblocked_after_the_handler) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     ASSERT_EQ(0u, mpp_service_block(MPP_SERVICE_NETCONF, MPP_FAMILY_IPV6, red));
@@ -325,7 +325,7 @@ TEST_F(mpp_test, a_service_is_blocked_at_once_and_opened_after_the_handler) {
     EXPECT_EQ(0u, blocked_ports());
 }
 
-TEST_F(mpp_test, blocking_a_service_again_takes_its_opening_back) {
+TEST_F(mpp_test, blocking_a_service_again_cancels_its_unblock) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     ASSERT_EQ(0u, unblock_ssh_ipv4());
@@ -357,7 +357,7 @@ TEST_F(mpp_test, a_service_that_cannot_be_blocked_is_blocked_later) {
     EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
-TEST_F(mpp_test, a_vrf_is_opened_only_with_its_services_blocked) {
+TEST_F(mpp_test, a_vrf_is_unblocked_only_with_its_services_blocked) {
     open_services();
     ASSERT_EQ(0u, mpp_vrf_block(red));
     ASSERT_EQ(0u, block_ssh_ipv4());
@@ -371,7 +371,7 @@ TEST_F(mpp_test, a_vrf_is_opened_only_with_its_services_blocked) {
     EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
-TEST_F(mpp_test, a_blocked_service_outlives_the_agent_until_the_next_one_reaches_its_loop) {
+TEST_F(mpp_test, a_blocked_service_survives_the_agent_until_the_next_one_reaches_its_loop) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     mpp_reset();
@@ -382,7 +382,7 @@ TEST_F(mpp_test, a_blocked_service_outlives_the_agent_until_the_next_one_reaches
     EXPECT_EQ(0u, blocked_ports());
 }
 
-TEST_F(mpp_test, a_service_that_the_next_agent_blocks_again_is_never_open) {
+TEST_F(mpp_test, a_service_blocked_again_by_the_next_agent_is_never_open) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     mpp_reset();
@@ -396,7 +396,7 @@ TEST_F(mpp_test, a_service_that_the_next_agent_blocks_again_is_never_open) {
     EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
-TEST_F(mpp_test, a_blocked_service_goes_with_its_namespace) {
+TEST_F(mpp_test, a_blocked_service_is_dropped_with_its_namespace) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     remove_vrf(red);
@@ -418,12 +418,12 @@ TEST_F(mpp_test, an_operator_lifts_all_blocks_of_a_vrf_at_once) {
     EXPECT_EQ(0u, mpp_lift_blocks(red, lifted));
     EXPECT_EQ(lifted, (std::vector<std::string>{"ssh ipv4", "ssh ipv6", "netconf ipv4", "netconf ipv6"}));
     EXPECT_EQ(0u, blocked_ports());
-    ASSERT_EQ(0u, unblock_ssh_ipv4()) << "the agent need not know";
+    ASSERT_EQ(0u, unblock_ssh_ipv4()) << "the agent is not involved";
     reach_loop();
     EXPECT_EQ(0u, blocked_ports());
 }
 
-TEST_F(mpp_test, blocks_that_cannot_be_lifted_stay) {
+TEST_F(mpp_test, blocks_that_cannot_be_lifted_remain) {
     open_services();
     ASSERT_EQ(0u, block_ssh_ipv4());
     std::vector<std::string> lifted;
@@ -437,7 +437,7 @@ TEST_F(mpp_test, blocks_that_cannot_be_lifted_stay) {
     EXPECT_EQ(filter_ssh_ipv4, blocked_ports());
 }
 
-TEST_F(mpp_test, nothing_can_be_opened_without_a_loop) {
+TEST_F(mpp_test, without_a_loop_nothing_can_be_unblocked) {
     event_manager_free(manager);
     manager = nullptr;
     EXPECT_EQ(static_cast<platform_status>(ENOTCONN), mpp_vrf_unblock(red));

@@ -1,4 +1,4 @@
-/// Network namespaces of VRFs in which the tests really connect.
+/// Network namespaces of VRFs in which the tests open real connections.
 #ifndef UNIT_LINUX_VRF_NAMESPACE_SUPPORT_H
 #define UNIT_LINUX_VRF_NAMESPACE_SUPPORT_H
 
@@ -12,14 +12,14 @@
 
 namespace platform_test {
 
-/// What identifies the namespace in which this process is.
+/// Identifies the network namespace of this process.
 inline ino_t own_network_namespace() {
     struct stat status = {};
     EXPECT_EQ(0, stat("/proc/self/ns/net", &status));
     return status.st_ino;
 }
 
-/// A socket has the namespace in which it was made, so the process is in there only for that moment.
+/// A socket belongs to the namespace in which it is created, so the process enters the namespace only for that moment.
 inline int socket_in_vrf(const std::string& vrf, int family) {
     const int own = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
     const int other = open(("/run/netns/vrf-" + vrf).c_str(), O_RDONLY | O_CLOEXEC);
@@ -31,7 +31,7 @@ inline int socket_in_vrf(const std::string& vrf, int family) {
     return fd;
 }
 
-/// The loopback address of a family with a port.
+/// The loopback address of a family, with a port.
 struct loopback_address {
     sockaddr_storage storage = {};
     socklen_t size = 0;
@@ -50,7 +50,7 @@ struct loopback_address {
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&storage); }
 };
 
-/// One of a VRF's servers, as far as the packet filter is concerned.
+/// A server of a VRF, as far as the packet filter is concerned.
 class vrf_listener {
   public:
     vrf_listener(const std::string& vrf, int family, uint16_t port) : fd(socket_in_vrf(vrf, family)) {
@@ -67,7 +67,7 @@ class vrf_listener {
     int fd;
 };
 
-/// A connection to a VRF's port; -1 when nobody has answered within a fifth of a second.
+/// A connection to a port of the VRF; -1 if there is no answer within a fifth of a second.
 inline int connect_to_vrf(const std::string& vrf, int family, uint16_t port) {
     const int fd = socket_in_vrf(vrf, family);
     EXPECT_EQ(0, fcntl(fd, F_SETFL, O_NONBLOCK));
@@ -98,7 +98,7 @@ inline std::string nft_in(const std::string& vrf, const std::string& arguments) 
     return output_of("ip netns exec vrf-" + vrf + " nft " + arguments);
 }
 
-/// Makes the VRF's namespace with its loopback interface up.
+/// Creates the VRF's namespace with its loopback interface up.
 inline void add_vrf(const std::string& vrf) {
     ASSERT_TRUE(run("ip netns add vrf-" + vrf + " && ip -n vrf-" + vrf + " link set lo up"));
 }

@@ -42,7 +42,7 @@ TEST_F(vrf_table_test, gives_each_vrf_its_own_number) {
     EXPECT_EQ(0x60000003u, id_of(std::string(32, 'x')));
 }
 
-TEST_F(vrf_table_test, a_number_outlives_the_process) {
+TEST_F(vrf_table_test, a_number_survives_the_process) {
     EXPECT_EQ(0x60000001u, id_of("red"));
     EXPECT_EQ(0x60000002u, id_of("blue"));
     datastore_close();
@@ -64,7 +64,7 @@ TEST_F(vrf_table_test, lists_all_by_number) {
     EXPECT_EQ(0x60000002u, entries[2].id);
 }
 
-TEST_F(vrf_table_test, refuses_what_is_no_vrf_name) {
+TEST_F(vrf_table_test, refuses_an_invalid_vrf_name) {
     uint32_t id = 5;
     for (const std::string& name :
          {std::string(), std::string(33, 'x'), std::string("a b"), std::string("a/b"), std::string("a'b"),
@@ -76,7 +76,7 @@ TEST_F(vrf_table_test, refuses_what_is_no_vrf_name) {
     EXPECT_EQ(5u, id);
 }
 
-TEST_F(vrf_table_test, damaged_numbers_are_reported_and_never_given_out) {
+TEST_F(vrf_table_test, damaged_numbers_are_reported_and_never_reused) {
     for (const char* damaged : {"", "x", "12", "1610612737x", "4294967296", "1610612736", "-1"}) {
         ASSERT_EQ(0u, datastore_private_put("vrf/red", damaged));
         uint32_t id = 5;
@@ -86,7 +86,7 @@ TEST_F(vrf_table_test, damaged_numbers_are_reported_and_never_given_out) {
     }
 }
 
-TEST_F(vrf_table_test, the_numbers_can_be_used_up) {
+TEST_F(vrf_table_test, the_numbers_can_be_exhausted) {
     ASSERT_EQ(0u, datastore_private_put("vrf/red", std::to_string(VRF_ID_MAX)));
     uint32_t id = 5;
     EXPECT_EQ(static_cast<platform_status>(ENOSPC), vrf_table_lookup("blue", &id));
