@@ -10,7 +10,7 @@
 #include <iterator>
 
 #include "acl/acl_family.h"
-#include "acl/command_words.h"
+#include "acl/nft_command.h"
 #include "acl/load_failure.h"
 #include "acl/trace_points.h"
 #include "config_files/vrf_node.h"

@@ -1,4 +1,4 @@
-#include "acl/command_words.h"
+#include "acl/nft_command.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
