@@ -1,5 +1,5 @@
-/// The module of the servers' PAM service: delegates every stage to a service of the machine, so that who may log in,
-/// and how, is decided where the administrator has configured it for everything else; and keeps the limit of a VRF's
+/// The module of the servers' PAM service. It delegates every stage to a service of the machine, so that the
+/// administrator configures who may log in, and how, in one place; and it enforces the limit of a VRF's concurrent
 /// concurrent sessions.
 #include <security/pam_appl.h>
 #include <security/pam_ext.h>
@@ -125,7 +125,7 @@ int run_stage(pam_handle_t* server, int flags, stage run) {
     return status == PAM_SUCCESS ? taken : status;
 }
 
-/// Refuses, with a message to the user, where the limit is reached.
+/// Refuses, with a message to the user, if the limit is reached.
 int refuse_session(pam_handle_t* server, const session_count& count) {
     pam_syslog(server, LOG_NOTICE, "session refused: %u of at most %u sessions are open in this VRF", count.open,
                count.limit);
@@ -133,13 +133,13 @@ int refuse_session(pam_handle_t* server, const session_count& count) {
     return PAM_PERM_DENIED;
 }
 
-/// A limit that cannot be kept must not lock the operators out.
+/// A limit that cannot be enforced must not lock the operators out.
 void report_uncounted(pam_handle_t* server, int error) {
     pam_syslog(server, LOG_ERR, "the limit of concurrent sessions is not in force: %s", strerror(error));
 }
 
-/// The user is told at once, while only a later stage can count the session: this one may run in a process that ends
-/// with the authentication.
+/// The user is informed immediately, although only a later stage can count the session: this one may run in a process
+/// that ends with the authentication.
 int check_session_limit(pam_handle_t* server) {
     session_count count;
     const int error = session_limit_count(session_limit_directory, &count);

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Offsets of the locked bytes, which lie behind any text. Whoever counts in order to enter holds the first one.
+// Offsets of the locked bytes, which are beyond any text. A process that counts in order to enter locks the first one.
 constexpr off_t entry_byte = 4096;
 constexpr off_t first_session_byte = entry_byte + 1;
 
@@ -49,7 +49,7 @@ int lock_byte(int fd, int command, short type, off_t byte) {
     return status == 0 ? 0 : errno;
 }
 
-/// A text that is no number in the range means no limit.
+/// A text that is not a number in the range means no limit.
 int read_limit(int fd, uint32_t* limit) {
     char text[16] = {};
     const ssize_t length = pread(fd, text, sizeof text - 1, 0);

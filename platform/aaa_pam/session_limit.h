@@ -28,7 +28,7 @@ int session_limit_set(const char* directory, uint32_t limit);
 /// Counts the sessions in the calling process's network namespace. Without a limit they are not counted.
 int session_limit_count(const char* directory, session_count* count);
 
-/// Counts a new session, unless the limit is reached or there is none. `*lock` is then the descriptor that stands for the
+/// Counts a new session, unless the limit is reached or there is none. `*lock` is then the descriptor that represents the
 /// session, which the caller owns and which child processes inherit until they execute a program; otherwise -1. `*count`
 /// includes the new session.
 int session_limit_enter(const char* directory, session_count* count, int* lock);

@@ -23,13 +23,13 @@
 enum class launch_file {
     none,       ///< the server was not started
     current,    ///< made from the agent's server file as it was at the start
-    last_good,  ///< made from an earlier one, because the present one cannot be used
+    last_good,  ///< made from an earlier one, because the current one cannot be used
 };
 
 struct launch_record {
     launch_file in_use = launch_file::none;
-    /// The launcher's process, which has become the server. A record of another process than the running server's is
-    /// not about that server.
+    /// The launcher's process, which has become the server. A record with another process than the running server's
+    /// describes a different server.
     pid_t process = 0;
     std::string server_file;                ///< the agent's file
     std::string config;                     ///< sshd's file; empty if the server was not started

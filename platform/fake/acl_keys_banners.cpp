@@ -159,7 +159,7 @@ void set_aaa_banner(std::optional<std::string> text) {
 
 namespace internal {
 
-void reset_access() {
+void reset_acl_keys_banners() {
     holdings = access_state();
 }
 

@@ -62,10 +62,10 @@ void reset() {
     internal::reset_providers();
     internal::reset_event_manager();
     internal::reset_reports();
-    internal::reset_services();
+    internal::reset_process_node_mpp();
     internal::reset_shelf();
     internal::reset_enforcement();
-    internal::reset_access();
+    internal::reset_acl_keys_banners();
 }
 
 void fail(std::string_view operation, platform_status status, uint32_t times, uint32_t from_call) {

@@ -11,7 +11,7 @@ namespace {
 
 struct failure_report {
     unenforced what;
-    bool stands;   ///< false once restored, or replaced by a later report
+    bool valid;    ///< false once restored, or replaced by a later report
     uint64_t run;  ///< the comparison that it was reported in; 0 for none
 };
 
@@ -35,8 +35,8 @@ void take_difference(const char* subject, const char* text, void* sink_context) 
 bool withdraw(std::string_view subject) {
     bool any = false;
     for (failure_report& report : enforcement.reports) {
-        any = any || (report.stands && report.what.subject == subject);
-        report.stands = report.stands && report.what.subject != subject;
+        any = any || (report.valid && report.what.subject == subject);
+        report.valid = report.valid && report.what.subject != subject;
     }
     return any;
 }
@@ -50,7 +50,7 @@ bool names(const comparison& result, const std::string& subject) {
 void clear_after(uint64_t run, const comparison& result) {
     for (failure_report& report : enforcement.reports) {
         const bool named = report.run == run || names(result, report.what.subject);
-        report.stands = report.stands && result.remaining != 0 && (result.remaining < 0 || named);
+        report.valid = report.valid && result.remaining != 0 && (result.remaining < 0 || named);
     }
 }
 
@@ -90,7 +90,7 @@ size_t enforcement_reports() {
 std::vector<unenforced> unenforced_since(size_t count) {
     std::vector<unenforced> list;
     for (size_t i = count; i < enforcement.reports.size(); i++) {
-        if (enforcement.reports[i].stands) {
+        if (enforcement.reports[i].valid) {
             list.push_back(enforcement.reports[i].what);
         }
     }

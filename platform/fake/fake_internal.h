@@ -35,7 +35,7 @@ void reset_datastore();
 void reset_providers();
 void reset_event_manager();
 void reset_reports();
-void reset_services();
+void reset_process_node_mpp();
 void reset_shelf();
 void reset_enforcement();
 
@@ -51,7 +51,7 @@ class announced_commit {
 /// How many failures of enforcement have been reported so far, and those after the first `count` that are still valid.
 size_t enforcement_reports();
 std::vector<unenforced> unenforced_since(size_t count);
-void reset_access();
+void reset_acl_keys_banners();
 
 }  // namespace fake_platform::internal
 

@@ -39,8 +39,8 @@ inline constexpr uint32_t always = UINT32_MAX;
 /// all handles.
 void reset();
 
-/// As if the process had ended: what it has bound and registered in the datastore is gone, and so is what was reported as
-/// not in force; what is stored stays.
+/// As if the process had ended: clears its bindings, registrations and reports of what is not in force; stored items
+/// remain.
 void end_process();
 
 // --- Failures -------------------------------------------------------------------------------------------------------
@@ -57,7 +57,7 @@ void clear_failures();
 
 /// Every call in order, as "mpp_vrf_set(1, default)": texts as they are, an absent one as NULL, numbers in decimal,
 /// message codes and cookies in hexadecimal, paths whole, handles and callbacks left out. Log messages, debug lines, trace entries
-/// and questions for a debug flag are not among them, nor is the restoration of what was in force.
+/// and queries of a debug flag are not included, nor is the restoration of what was in force.
 const std::vector<std::string>& calls();
 
 /// The calls whose text begins with `prefix` ("mpp_").
@@ -132,7 +132,7 @@ struct commit_result {
     platform_status status = PLATFORM_OK;  ///< if refused: the verifier's status, or one of those below
     std::string refused_path;              ///< empty if the commit was carried out
     std::string error_text;                ///< the verifier's
-    std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change stands nevertheless
+    std::vector<failed_item> failures;     ///< appliers that returned non-zero; the change remains stored
     std::vector<unenforced> not_in_force;  ///< reported meanwhile and not restored since, in the order of the reports
 };
 
@@ -313,13 +313,14 @@ struct difference {
 };
 
 struct comparison {
-    bool registered = false;  ///< whether the agent has registered its comparison; nothing else is told without it
+    bool registered =
+        false;  ///< whether the agent has registered its comparison; without it the other members are empty
     int remaining = -1;
     std::vector<difference> differences;
 };
 
-/// Has the agent compare, as an operator or the platform's timer does. A repair that leaves nothing clears what is not in
-/// force; one that leaves something clears what it has not named.
+/// Runs the agent's comparison, as an operator or the platform's timer does. A repair that leaves nothing clears what is
+/// not in force; one that leaves something clears what it has not reported.
 comparison reconcile(bool repair);
 
 // --- Shelf manager --------------------------------------------------------------------------------------------------

@@ -99,7 +99,7 @@ uint32_t progress_reports() {
 
 namespace internal {
 
-void reset_services() {
+void reset_process_node_mpp() {
     mpp = mpp_state();
     node = node_state();
 }

@@ -16,7 +16,8 @@ struct platform_service {
     const char* name;
     service_moment moment;
     uint32_t message;  ///< for service_moment::message_attached: the message that the service sends
-    bool required;  ///< its failure is the event manager's; without any other service the agent works, only less well
+    bool
+        required;  ///< its failure makes creating the event manager fail; without other services the agent works with restrictions
     platform_status (*start)(struct event_manager* manager);
     void (*stop)();  ///< null for a service with nothing to clean up
 };
@@ -26,7 +27,7 @@ inline constexpr size_t services_max = 32;  ///< in one table
 /// A table of services, in the order in which they start, and which of them run.
 struct service_set {
     std::span<const platform_service> services;
-    std::bitset<services_max> running;  ///< by their places in the table
+    std::bitset<services_max> running;  ///< by their positions in the table
 };
 
 /// The platform's own table. Lives as long as the process.

@@ -32,7 +32,7 @@ struct client_user {
 std::string client_state_directory(const launcher_paths& paths, const client_user& user);
 
 /// Translates the client's file and keeps the result in `state_directory`; `config` is its path. The file is kept for
-/// jump hosts, whose clients read it again. Returns an empty text, or what is wrong, worded for the user.
+/// jump hosts, whose clients read it again. Returns an empty text, or an error message for the user.
 std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,
                            std::string& config);
 

@@ -1,4 +1,4 @@
-/// A row of a keyword table: what becomes of one keyword; and short ways to write such rows.
+/// A row of a keyword table, which determines the treatment of one keyword; and short ways to write such rows.
 #ifndef OPENSSH_KEYWORD_ROW_H
 #define OPENSSH_KEYWORD_ROW_H
 
@@ -15,13 +15,13 @@ enum class treatment {
     list,             ///< an algorithm list, filtered to known and permitted names
     additional_keys,  ///< key algorithms accepted in addition to sshd's own
     host_keys,        ///< one file or a comma-separated list of them
-    limit,            ///< not written: a limit that the launcher puts in force
+    limit,            ///< not written: a limit that the launcher enforces
     fips_mode,        ///< not written: determines how the lists are filtered
     leave_out,        ///< not supported by stock sshd, or decided by the launcher
     end_of_settings,  ///< ignores the line and everything after it
 };
 
-/// Which later lines of the same keyword are left out, as sshd takes the first or fails at a second one.
+/// Which later lines of the same keyword are omitted, because sshd uses the first or rejects a second one.
 enum class repetition { once, by_first_word, by_value };
 
 struct keyword_row {
@@ -38,7 +38,7 @@ struct keyword_row {
     /// For `pass`: the value to write if the file has no valid one. Empty: write none.
     std::string_view otherwise = {};
     uint32_t server_limits::*limited = nullptr;  ///< for `limit`
-    const char* reason = "";                     ///< for `leave_out` and `end_of_settings`: told to the operator
+    const char* reason = "";                     ///< for `leave_out` and `end_of_settings`: shown to the operator
 
     std::string_view output_keyword() const { return written_as.empty() ? keyword : written_as; }
 };

@@ -30,8 +30,8 @@ std::string ensure_directories(const launcher_paths& paths) {
     return error;
 }
 
-/// Why a file cannot be used: a sentence for the log, and the words of sshd or of the translation, which the log has
-/// already.
+/// Why a file cannot be used: a sentence for the log, and the message of sshd or of the translation, which has already
+/// been logged.
 struct file_failure {
     std::string text;
     std::string words = {};
@@ -159,7 +159,7 @@ launch_status fall_back(const launcher_paths& paths, const translation_files& fi
     return launch_ready;
 }
 
-/// The steps without which nothing works, not even falling back. `failure` receives what is wrong, which is reported.
+/// The steps that even falling back depends on. `failure` receives the error, which is reported.
 launch_status read_server_file(const launcher_paths& paths, const launch_options& options, const reporter& to,
                                std::string& text, std::string& failure) {
     launch_status status = launch_ready;

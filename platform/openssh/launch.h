@@ -24,11 +24,11 @@ enum launch_status {
     launch_limits_left = 7,      ///< after a server's end: its limit of new connections could not be removed
 };
 
-/// What the server runs with.
+/// The file and the limits that the server runs with.
 struct launch {
     std::string config;    ///< path of sshd's file
     server_limits limits;  ///< of the agent's file, also where sshd's file is the last good one
-    /// What `keep_record` is to write, also when the server is not started.
+    /// The content for `keep_record`, also if the server is not started.
     launch_record record;
 };
 
@@ -37,11 +37,11 @@ struct launch {
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
                              launch& prepared);
 
-/// Writes the record of this launch, which replaces that of the last one. Reports a failure, which costs nothing else.
+/// Writes the record of this launch, which replaces the previous one. A failure is only reported.
 void keep_record(const launcher_paths& paths, const launch_record& record, const reporter& to);
 
-/// Gives the translation as text, for printing, and reports what sshd says of it; nothing is kept. `translated` is also set
-/// when sshd does not take it.
+/// Returns the translation as text, for printing, and reports sshd's messages about it; nothing is kept. `translated` is
+/// also set if sshd rejects it.
 launch_status try_translation(const launcher_paths& paths, const launch_options& options, const reporter& to,
                               std::string& translated);
 
@@ -49,7 +49,7 @@ launch_status try_translation(const launcher_paths& paths, const launch_options&
 /// server, and logs to syslog, where the journal finds it with the unit and other readers of the log with its facility.
 std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config);
 
-/// The library to run sshd with, so that sessions run under the wrapper; empty, and reported, when something of it is not
+/// The library to run sshd with, so that sessions run under the wrapper; empty, and reported, if any part of it is not
 /// installed.
 std::string session_hook_of(const launcher_paths& paths, const reporter& to);
 

@@ -1,5 +1,5 @@
-/// The limits of a server's connections, which stock sshd does not know: how many begin in a minute, and how many
-/// sessions are open at a time.
+/// Limits of a server's connections that stock sshd does not support: how many begin in a minute, and how many sessions
+/// are open at a time.
 ///
 /// The packet filter of the VRF's network namespace limits new connections, to all ports of the server and in IPv4 and
 /// IPv6 together:
@@ -26,12 +26,12 @@
 
 namespace openssh {
 
-/// Puts the limits in force in this process's network namespace. Returns a sentence for each limit that cannot be put in
-/// force, with which the server starts nevertheless.
+/// Sets the limits in this process's network namespace. Returns a sentence for each limit that could not be set; the
+/// server starts nevertheless.
 std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits);
 
 /// Removes the table from a network namespace, given by its name. Returns an empty text, also if the namespace or the
-/// table no longer exists; otherwise what is wrong. This process may then be in that namespace. Open sessions still
+/// table no longer exists; otherwise the error. This process may then be in that namespace. Open sessions still
 /// count, because they outlive their server.
 std::string remove_limits(const launcher_paths& paths, const std::string& network_namespace);
 

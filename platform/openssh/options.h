@@ -11,7 +11,7 @@ struct launch_options {
     std::string file;         ///< the agent's server file, an absolute path
     uint32_t vrf_id = 0;      ///< the VRF's number in the VRF table
     bool print_only = false;  ///< print the translation and start nothing
-    /// The network namespace of a server that has ended, whose limits are to be removed; otherwise empty.
+    /// The network namespace of a server that has ended, whose limits must be removed; otherwise empty.
     std::string ended_namespace;
 };
 
@@ -25,7 +25,7 @@ constexpr const char* usage_text =
     "  -t       print the file the server would be started with, and start nothing\n"
     "  -e NAMESPACE  remove what is left of a server that has ended in this network namespace\n";
 
-/// Parses the arguments (the first is the program's name). Returns an empty text, or what is wrong; `options` is then
+/// Parses the arguments (the first is the program's name). Returns an empty text, or the error; `options` is then
 /// undefined.
 std::string parse_options(int count, char* const* arguments, launch_options& options);
 

@@ -16,8 +16,8 @@ std::string session_reporter_of(const launcher_paths& paths);
 /// path.
 void load_into_sshd(const std::string& library);
 
-/// The same for ssh, where the library removes itself from the environment again, hidden from what ssh starts for its
-/// user. `log_file` is where ssh writes its log, empty for standard error.
+/// The same for ssh, where the library removes itself from the environment again, so that programs started by ssh do not
+/// inherit it. `log_file` is where ssh writes its log, empty for standard error.
 void load_into_ssh(const std::string& library, const std::string& log_file);
 
 /// The log file named in ssh's arguments (the first is the program's name); empty if they name none.

@@ -11,7 +11,7 @@ namespace openssh {
 
 enum class report_way {
     text,         ///< lines on standard error
-    marked_text,  ///< the same with the severity as "<N>" in front, which the journal takes off
+    marked_text,  ///< the same, preceded by the severity as "<N>", which the journal removes
     system_log,   ///< syslog, where the lines appear beside the server's own, under the same name and process number
 };
 
@@ -22,8 +22,8 @@ struct reporter {
     const char* program = "sshd";
 };
 
-/// The way for a process whose standard error is `fd`. `journal_stream` is what the service manager says of the journal's
-/// stream ("device:inode", the value of JOURNAL_STREAM) or null; a process that writes there is a service.
+/// The way for a process whose standard error is `fd`. `journal_stream` identifies the journal's stream for the service
+/// manager ("device:inode", the value of JOURNAL_STREAM), or is null; a process that writes there is a service.
 report_way choose_report_way(int fd, const char* journal_stream, bool has_system_log);
 
 /// A line that `report` writes to standard error, with its line feed.
@@ -31,7 +31,7 @@ std::string format_report(const reporter& to, severity level, std::string_view t
 
 void report(const reporter& to, severity level, std::string_view text);
 
-/// Reports each line of a program's words, after `prefix`.
+/// Reports each line of a program's output, after `prefix`.
 void report_words(const reporter& to, severity level, std::string_view prefix, std::string_view words);
 
 }  // namespace openssh

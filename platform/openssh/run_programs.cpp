@@ -85,7 +85,7 @@ running_program start(const std::vector<std::string>& words) {
     return program;
 }
 
-/// Excess output is read and discarded, so that the program can go on.
+/// Excess output is read and discarded, so that the program can continue.
 void take_output(running_program& program, int pipe_index) {
     char buffer[4096];
     const ssize_t length = read(program.pipes[pipe_index], buffer, sizeof buffer);

@@ -1,4 +1,4 @@
-/// The limits that a server's file sets. The defaults are in force where it sets none.
+/// The limits that a server's file sets. The defaults apply if it sets none.
 #ifndef OPENSSH_SERVER_LIMITS_H
 #define OPENSSH_SERVER_LIMITS_H
 

@@ -1,4 +1,4 @@
-/// Small text routines that the launcher's files share.
+/// Small text routines shared by the launcher's files.
 #ifndef OPENSSH_TEXT_H
 #define OPENSSH_TEXT_H
 
@@ -8,7 +8,7 @@
 
 namespace openssh {
 
-/// What a message shows of text from a file: escaped to ASCII, at most 200 bytes and then "...".
+/// The form of a file's text in messages: escaped to ASCII, truncated to 200 bytes and "...".
 std::string shown(std::string_view text);
 
 /// The text in lower case; only ASCII letters change.

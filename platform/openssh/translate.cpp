@@ -48,7 +48,7 @@ struct translator {
     bool has_host_key = false;
     /// What has been written: the lower-case keyword, with the value if the keyword may be repeated.
     std::unordered_set<std::string> written = {};
-    /// List keywords with a line of which nothing was left, and the number of that line.
+    /// List keywords with a line that became empty, and the number of that line.
     std::unordered_map<std::string, size_t> emptied = {};
 };
 
@@ -296,7 +296,7 @@ void refuse(translator& state, std::string reason) {
     add_remark(state, severity::error, std::move(reason));
 }
 
-/// What is in force instead of an absent or emptied list; empty for the program's own default.
+/// The value in force instead of an absent or emptied list; empty for the program's own default.
 std::vector<std::string_view> default_list(const translator& state, const keyword_row& row) {
     if (state.result.fips_mode) {
         return fips_default_list(*state.input.known, row.kind);
@@ -324,8 +324,8 @@ void settle_emptied_list(translator& state, const keyword_row& row, size_t line,
     }
 }
 
-/// Without a list the program would offer its own default, which is not what the router shows. FIPS mode also refuses a
-/// list of which nothing is left.
+/// Without a list the program would offer its own default, which differs from what the router shows. FIPS mode also
+/// refuses a list that becomes empty.
 void settle_list(translator& state, const keyword_row& row) {
     const std::string key = lower_case(row.output_keyword());
     if (state.written.count(key) != 0) {

@@ -25,7 +25,7 @@ struct remark {
 struct file_kind {
     keyword_rows rows;
     const char* program;      ///< the program that reads the translation
-    const char* made_for;     ///< for the first line: at each start of what the translation is written
+    const char* made_for;     ///< named in the first line, because each start of it rewrites the translation
     const char* first_lines;  ///< settings that every translation has, with their line feeds
     bool is_server;           ///< host keys are needed, and users' keys may come from a program
 };

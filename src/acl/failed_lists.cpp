@@ -30,7 +30,7 @@ void report(const vrf_node& node, uint32_t type, enforcement_difference_sink sin
     sink(subject, text, sink_context);
 }
 
-/// Removes the rules of a type, which nothing may need any more.
+/// Removes the rules of a type that may no longer be needed.
 bool flush(vrf_node* node, uint32_t type) {
     clear_load_failure();
     if (ssh_flush_nft_table(node->name, type) == 0) {
@@ -51,8 +51,8 @@ bool list_exists(const vrf_node& node, uint32_t type) {
     return result != DATASTORE_NO_SUCH_LIST && result != DATASTORE_NO_SUCH_TREE;
 }
 
-/// Tries the rules of a type again. A list that exists replaces the rules that are loaded in one step; attaching one that
-/// does not exist leaves the rules as they are.
+/// Tries the rules of a type again. An existing list replaces the loaded rules in one step; attaching a list that does not
+/// exist leaves the rules unchanged.
 void reload(vrf_node* node, uint32_t type) {
     const bool named = acl_name_of(*node, type)[0] != '\0';
     if ((!named || !list_exists(*node, type)) && !flush(node, type)) {

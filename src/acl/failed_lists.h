@@ -1,4 +1,4 @@
-/// Another attempt at rules of access lists that could not be put in force.
+/// Retries rules of access lists that could not be put in force.
 #ifndef ACL_FAILED_LISTS_H
 #define ACL_FAILED_LISTS_H
 
@@ -7,15 +7,15 @@
 #include "config_files/vrf_node.h"
 #include "platform/enforcement.h"
 
-/// Finds the lists of all VRFs whose rules are not as configured: not loaded, loaded in a former version, or not removed.
-/// VRFs without a namespace are passed over, because their lists wait for it. Reports each list to `sink`, under the subject
-/// that acl_subject() gives it. With `repair` not 0 each is tried again, and reported as not in force if that fails.
+/// Finds the lists of all VRFs whose rules are not as configured: not loaded, loaded in a previous version, or not removed.
+/// VRFs without a namespace are skipped, because their lists wait for it. Reports each list to `sink`, under the subject
+/// returned by acl_subject(). If `repair` is not 0, each is tried again, and reported as not in force if that fails.
 /// Returns how many remain.
 ///
 /// Only failures that the agent has noticed are found; the rules in the kernel are not compared.
 int acl_reload_failed(uint32_t repair, enforcement_difference_sink sink, void* sink_context);
 
-/// Tries all those of one VRF again.
+/// Retries all lists of one VRF.
 void acl_reload_failed_of(vrf_node* node);
 
 #endif

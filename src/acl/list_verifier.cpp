@@ -28,7 +28,7 @@ class text_stream {
 
     FILE* stream() const { return stream_; }
 
-    /// All of the text so far.
+    /// The text so far.
     std::string_view text() const {
         fflush(stream_);
         return {text_, size_};
@@ -53,7 +53,7 @@ class text_stream {
     FILE* stream_;
 };
 
-/// Only a condition "not equal" on the port that is compared makes a rule for other ports.
+/// Only a condition "not equal" on the service's port makes a rule for other ports.
 acl_entry_effect effect_of(std::string_view rule) {
     if (rule.empty()) {
         return ACL_ENTRY_IGNORED;

@@ -1,4 +1,4 @@
-/// The rules that an access list would become, for the platform, which has them checked before a list is stored.
+/// The rules that an access list would become, so that the platform can check them before it stores the list.
 #ifndef ACL_LIST_VERIFIER_H
 #define ACL_LIST_VERIFIER_H
 

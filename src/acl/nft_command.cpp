@@ -13,10 +13,10 @@ namespace {
 
 constexpr int first_free_descriptor = 3;
 
-/// Redirects standard error into memory. If that is impossible, it stays as it is.
-class led_standard_error {
+/// Redirects standard error into memory. If that is impossible, it remains unchanged.
+class redirected_standard_error {
   public:
-    led_standard_error() : memory_(memfd_create("command words", MFD_CLOEXEC)) {
+    redirected_standard_error() : memory_(memfd_create("nft messages", MFD_CLOEXEC)) {
         if (memory_ >= 0) {
             saved_ = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, first_free_descriptor);
         }
@@ -24,26 +24,26 @@ class led_standard_error {
             dup2(memory_, STDERR_FILENO);
         }
     }
-    led_standard_error(const led_standard_error&) = delete;
-    led_standard_error& operator=(const led_standard_error&) = delete;
-    ~led_standard_error() {
+    redirected_standard_error(const redirected_standard_error&) = delete;
+    redirected_standard_error& operator=(const redirected_standard_error&) = delete;
+    ~redirected_standard_error() {
         if (memory_ >= 0) {
             close(memory_);
         }
     }
 
     /// Restores standard error and passes on what was written.
-    void end(char* words, size_t size) {
-        words[0] = '\0';
+    void end(char* message, size_t size) {
+        message[0] = '\0';
         if (saved_ < 0) {
             return;
         }
         dup2(saved_, STDERR_FILENO);
         close(saved_);
-        const ssize_t count = pread(memory_, words, size - 1, 0);
+        const ssize_t count = pread(memory_, message, size - 1, 0);
         if (count > 0) {
-            words[count] = '\0';
-            [[maybe_unused]] const ssize_t passed_on = write(STDERR_FILENO, words, static_cast<size_t>(count));
+            message[count] = '\0';
+            [[maybe_unused]] const ssize_t passed_on = write(STDERR_FILENO, message, static_cast<size_t>(count));
         }
     }
 
@@ -54,20 +54,20 @@ class led_standard_error {
 
 }  // namespace
 
-int run_command(const char* command, char* words, size_t size) {
+int run_nft_command(const char* command, char* message, size_t size) {
     const int before = errno;
-    led_standard_error standard_error;
+    redirected_standard_error standard_error;
     errno = before;
     const int result = run_shell_command(command, nft_limit);
     const int after = errno;
-    standard_error.end(words, size);
+    standard_error.end(message, size);
     errno = after;
     return result;
 }
 
-void shorten_complaint(char* words) {
-    // The second line is the rule, the third points into it.
-    char* rule = strchr(words, '\n');
+void shorten_nft_message(char* message) {
+    // The second line is the rule, the third marks a position in it.
+    char* rule = strchr(message, '\n');
     if (rule == nullptr) {
         return;
     }

@@ -10,8 +10,8 @@
 #include <iterator>
 
 #include "acl/acl_family.h"
-#include "acl/nft_command.h"
 #include "acl/load_failure.h"
+#include "acl/nft_command.h"
 #include "acl/trace_points.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
@@ -55,7 +55,7 @@ constexpr nft_table tables[] = {
     {acl_all, "norvossh_acl_all", nullptr, 0},
 };
 
-constexpr bool tables_stand_at_their_types() {
+constexpr bool tables_are_indexed_by_type() {
     for (uint32_t type = 0; type < acl_type_count; ++type) {
         if (tables[type].type != type) {
             return false;
@@ -64,7 +64,7 @@ constexpr bool tables_stand_at_their_types() {
     return true;
 }
 
-static_assert(std::size(tables) == acl_type_count && tables_stand_at_their_types());
+static_assert(std::size(tables) == acl_type_count && tables_are_indexed_by_type());
 
 /// The order in which all tables are declared and flushed.
 constexpr acl_type all_tables[] = {acl_ssh_v4, acl_ssh_v6, acl_netconf_v4, acl_netconf_v6};
@@ -72,7 +72,7 @@ constexpr acl_type all_tables[] = {acl_ssh_v4, acl_ssh_v6, acl_netconf_v4, acl_n
 constexpr size_t file_name_size = 100;
 constexpr size_t namespace_name_size = 50;
 constexpr size_t command_size = 200;
-constexpr size_t command_words_size = 1024;
+constexpr size_t nft_message_size = 1024;
 constexpr mode_t directory_mode = 0755;
 constexpr mode_t file_mode = 0744;
 constexpr size_t stream_buffer_size = 65536;
@@ -122,15 +122,15 @@ const char* acl_name_of(const char* vrf_name, uint32_t type) {
 }
 
 /// Reports which list was not loaded, where and why.
-void report_failed_load(const char* vrf_name, uint32_t type, char* words) {
+void report_failed_load(const char* vrf_name, uint32_t type, char* message) {
     const char* acl_name = acl_name_of(vrf_name, type);
     char list[acl_name_size + 32];
     format_text(list, sizeof(list), acl_name[0] != '\0' ? "access list %s" : "table %s",
                 acl_name[0] != '\0' ? acl_name : tables[type].name);
     char vrf[namespace_name_size + 32];
     format_text(vrf, sizeof(vrf), "was not loaded in VRF %s:", vrf_name);
-    shorten_complaint(words);
-    const char* reason = words[0] != '\0' ? words : "the command gave no reason";
+    shorten_nft_message(message);
+    const char* reason = message[0] != '\0' ? message : "the command gave no reason";
     log_details(list, vrf, reason);
     note_load_failure("%s was not loaded: %s", list, reason);
 }
@@ -232,13 +232,13 @@ int ssh_apply_acl(const char* vrf_name, uint32_t type) {
     format_text(namespace_name, sizeof(namespace_name), "vrf-%s", vrf_name);
     char command[command_size];
     format_text(command, sizeof(command), "/sbin/ip netns exec %s /usr/sbin/nft -f %s", namespace_name, name);
-    char words[command_words_size];
-    if (run_command(command, words, sizeof(words)) == 0 || errno == 0) {
+    char message[nft_message_size];
+    if (run_nft_command(command, message, sizeof(message)) == 0 || errno == 0) {
         return 0;
     }
     debug_print("Failed to apply nft rules = (%d)%s", errno, strerror(errno));
     log_errno("Failed to apply nft rules");
-    report_failed_load(vrf_name, type, words);
+    report_failed_load(vrf_name, type, message);
     trace_error(acl_trace_load, {vrf_name, type, errno});
     return -1;
 }

@@ -23,7 +23,7 @@ int norvossh_acl_init_table(const char* vrf_name, FILE** stream, uint32_t type);
 /// Writes an empty table of a type (0 to 3), which the commands of its rule file require.
 void write_table_declaration(uint32_t type, FILE* stream);
 
-/// Writes the header of a table (types 0 to 3): what stands before the rules of the entries.
+/// Writes the header of a table (types 0 to 3), which precedes the rules of the entries.
 void write_table_header(uint32_t type, FILE* stream);
 
 /// Writes the closing drop rule of the table's port (types 0 to 3) and the braces, and flushes; does not close.

@@ -23,8 +23,8 @@ constexpr int acl_service_attempts = 5;
 constexpr size_t list_path_size = 100;
 constexpr size_t compared_vrf_name = 32;
 
-/// A list of whose changes the ACL service tells us. There is one for each list, whoever attached it first: that VRF's
-/// head may since have been taken by another list, or the VRF may be gone while others still use the list.
+/// A list whose changes the ACL service reports. Each list has one subscription, whichever VRF attached it first: that
+/// VRF's handle may now belong to another list, or the VRF may be gone while others still use the list.
 struct subscription {
     const acl_family* family;
     char acl_name[acl_name_size];
@@ -34,7 +34,7 @@ struct subscription {
 
 subscription* subscriptions = nullptr;
 
-/// Entries of one list as read from the datastore, given back at the end of its scope.
+/// Entries of one list as read from the datastore, released at the end of its scope.
 struct acl_reading {
     datastore_binding* binding = nullptr;
     datastore_list* list = nullptr;
@@ -63,7 +63,7 @@ struct rule_file {
     }
 };
 
-/// What the ACL service calls when a list of the family has changed.
+/// The callback that the ACL service calls when a list of the family has changed.
 acl_change_callback change_callback(const acl_family& family) {
     return &family == &ipv4_acl_family ? ssh_ipv4_acl_reg_upd : ssh_ipv6_acl_reg_upd;
 }
@@ -101,7 +101,7 @@ uint32_t read_entries(const acl_family& family, const char* acl_name, acl_readin
     return read_entries(family, acl_name, &reading.list, &reading.count, &reading.binding);
 }
 
-/// Converts one entry. Returns 0, or -1 after the failure was logged. `*fetched` receives the fetch's own result.
+/// Converts one entry. Returns 0, or -1 after logging the failure. `*fetched` receives the result of the fetch.
 int write_entry(const acl_family& family, const acl_reading& reading, uint32_t index, uint32_t type, FILE* stream,
                 platform_status* fetched) {
     const void* record = nullptr;
@@ -120,7 +120,7 @@ int write_entry(const acl_family& family, const acl_reading& reading, uint32_t i
     return -1;
 }
 
-/// Opens the file of a type and writes its header. A failure is reported.
+/// Opens the file of a type and writes its header. Reports failures.
 int open_rule_file(const vrf_node& node, uint32_t type, rule_file& file) {
     if (norvossh_acl_init_table(node.name, &file.stream, type) == 0) {
         return 0;
@@ -130,7 +130,7 @@ int open_rule_file(const vrf_node& node, uint32_t type, rule_file& file) {
     return -1;
 }
 
-/// Ends the file and loads it.
+/// Writes the end of the file and loads it.
 int finish_rule_file(const vrf_node& node, uint32_t type, const rule_file& file) {
     ssh_nft_fp_close(type, file.stream);
     if (ferror(file.stream) != 0) {
@@ -143,7 +143,7 @@ bool same_text(const char* one, const char* other, size_t size) {
     return strncmp(one, other, size) == 0;
 }
 
-/// Whether `other` makes use of the list that `node` names for a type.
+/// Whether `other` uses the list that `node` names for a type.
 bool uses_same_list(const acl_family& family, const vrf_node& node, const vrf_node& other, const char* acl_name) {
     if (!same_text(node.name, other.name, compared_vrf_name)) {
         return same_text(acl_name, other.*family.ssh_name, acl_name_size) ||
@@ -164,7 +164,7 @@ int in_use_elsewhere(const acl_family& family, const vrf_node* node, uint32_t ty
     return 1;
 }
 
-/// The place where a list's subscription hangs, or the end of the chain.
+/// The link that refers to a list's subscription, or the end of the chain.
 subscription** find_subscription(const acl_family& family, const char* acl_name) {
     subscription** place = &subscriptions;
     while (*place != nullptr &&
@@ -205,7 +205,7 @@ bool used_by_any(const acl_family& family, const char* acl_name) {
     return false;
 }
 
-/// Ends the subscriptions of lists whose names have been overwritten by others.
+/// Ends the subscriptions to lists that no VRF names any longer.
 void end_unused_subscriptions(const acl_family& family) {
     for (subscription** place = &subscriptions; *place != nullptr;) {
         if ((*place)->family == &family && !used_by_any(family, (*place)->acl_name)) {
@@ -216,7 +216,7 @@ void end_unused_subscriptions(const acl_family& family) {
     }
 }
 
-/// Keeps the new subscription of a list and ends its former one. Returns false when there is no memory.
+/// Adds the new subscription of a list and ends its previous one. Returns false when out of memory.
 bool keep_subscription(const acl_family& family, const char* acl_name, acl_handle* handle) {
     auto* added = new (std::nothrow) subscription{&family, {}, handle, nullptr};
     if (added == nullptr) {
@@ -232,7 +232,7 @@ bool keep_subscription(const acl_family& family, const char* acl_name, acl_handl
     return true;
 }
 
-/// Asks the ACL service up to five times, without a pause. Returns the last result.
+/// Calls the ACL service up to five times, without a pause. Returns the last result.
 template <typename operation>
 platform_status attempt(const char* routine, const char* what, operation ask) {
     platform_status status = PLATFORM_OK;
@@ -249,8 +249,8 @@ platform_status attempt(const char* routine, const char* what, operation ask) {
 int register_callback(const acl_family& family, acl_handle** head, vrf_node* node, uint32_t type,
                       event_manager* manager) {
     const char* routine = family.register_routine;
-    // Names are stored when items are set, lists attached when namespaces come: that others name the list does not mean
-    // yet that anybody has subscribed to it.
+    // Names are stored when items are set, but lists are attached when namespaces appear: if others name the list, nobody
+    // has necessarily subscribed to it yet.
     if (in_use_elsewhere(family, node, type) == 0 && is_subscribed(family, acl_name_of(family, *node, type))) {
         debug_print("%s: Aleady registered for ACL callback", routine);
         end_unused_subscriptions(family);
@@ -287,7 +287,7 @@ int register_callback(const acl_family& family, acl_handle** head, vrf_node* nod
     return 0;
 }
 
-/// Reads, converts and loads the list on attaching. Returns 0, also when the list does not exist yet.
+/// Reads, converts and loads the list on attaching. Returns 0, also if the list does not exist yet.
 int load_on_attach(const acl_family& family, const vrf_node& node, uint32_t type, rule_file& file) {
     acl_reading reading;
     const uint32_t result = read_entries(family, acl_name_of(family, node, type), reading);
@@ -328,7 +328,7 @@ int configure(const acl_family& family, const char* routine, event_manager* mana
     } else {
         acl_rules_failed(node, type, load_failure());
     }
-    // A list that could not be loaded is followed all the same: its next change may put it right.
+    // A list that could not be loaded is followed nevertheless, because its next change may correct it.
     if (register_callback(family, &(node->*family.head), node, type, manager) != 0) {
         debug_print("%s: Failed to register for ACL callback", routine);
         if (result == 0) {
@@ -339,8 +339,8 @@ int configure(const acl_family& family, const char* routine, event_manager* mana
     return result;
 }
 
-/// Writes the entries of a changed list. `examine_fetch` is set for the SSH service only: there a failed fetch ends the
-/// pass, for NETCONF only the decoding counts. Returns 0 or 1.
+/// Writes the entries of a changed list. `examine_fetch` is set only for the SSH service: there a failed fetch ends the
+/// pass, while for NETCONF only a decoding failure does. Returns 0 or 1.
 int write_changed_entries(const acl_family& family, const acl_reading& reading, uint32_t type, FILE* stream,
                           bool examine_fetch) {
     for (uint32_t index = 0; index < reading.count; ++index) {
@@ -361,8 +361,8 @@ int write_changed_entries(const acl_family& family, const acl_reading& reading, 
     return 0;
 }
 
-/// Rebuilds one VRF's file after a change. A list that cannot be read leaves only the closing drop rule: the port is
-/// then shut to every new connection. Sets `*complete` if all entries are loaded. Returns 0 or 1.
+/// Rebuilds one VRF's file after a change. If the list cannot be read, the file contains only the closing drop rule, which
+/// closes the port to every new connection. Sets `*complete` if all entries are loaded. Returns 0 or 1.
 int rebuild(const acl_family& family, const vrf_node& node, uint32_t type, bool examine_fetch, bool* complete) {
     rule_file file;
     if (open_rule_file(node, type, file) != 0) {
@@ -405,8 +405,8 @@ int follow_change_in(const acl_family& family, vrf_node* node, uint32_t type, bo
     return result;
 }
 
-/// One pass over all VRFs, for one service. A VRF whose namespace is away gets the list when the namespace returns, and one
-/// that fails does not keep the others from following. Returns 0, or 1 if any failed.
+/// One pass over all VRFs, for one service. A VRF without namespace gets the list when the namespace returns. A failure in
+/// one VRF does not stop the others. Returns 0, or 1 if any failed.
 int follow_change(const acl_family& family, uint32_t type, const acl_change_notice& notice, bool examine_fetch) {
     int result = 0;
     for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
@@ -435,7 +435,7 @@ int list_changed(const acl_family& family, const acl_change_notice* notice) {
 
 void remove_config(const acl_family& family, const char* routine, vrf_node* node, uint32_t type) {
     debug_print("%s: VRF name = %s", routine, node->name);
-    // The rules of a VRF without namespace have gone with it.
+    // The rules of a VRF without namespace no longer exist.
     clear_load_failure();
     if (vrf_namespace_exists(node->name) && ssh_flush_nft_table(node->name, type) != 0) {
         debug_print("Failed to flush nftable");

@@ -60,7 +60,7 @@ const algorithm_side server_side = {
             .legacy_event = "Event:=%d, Config:=ssh server enable cipher",
             .legacy_function = "sshd_apply_cipher",
             .legacy_question = "(%s) Failed to check fips mode  in sshd apply cipher",
-            // The second text is that of the third MAC, as it has always been.
+            // For historical reasons the second text is that of the third MAC.
             .mac_events = {"Event:=%d, Config:=ssh server hmac hmac-sha1",
                            "Event:=%d, Config:=ssh server hmac hmac-512",
                            "Event:=%d, Config:=ssh server hmac hmac-512"},

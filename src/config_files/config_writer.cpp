@@ -64,7 +64,7 @@ int edit_file(const config_update& update, const char* file, uint32_t* change) {
     return update.editor(file, update.keyword, deletes(update.event) ? 0 : 1, new_line, change);
 }
 
-/// Reports to the platform that the file is not as configured. Returns -1; errno stays.
+/// Reports to the platform that the file is not as configured. Returns -1; leaves errno alone.
 int report_file(const char* path) {
     const int error = errno;
     char subject[PATH_MAX + sizeof "file "];
@@ -74,7 +74,7 @@ int report_file(const char* path) {
     return -1;
 }
 
-/// The result of making a missing file again, which counts as a change.
+/// The result of recreating a missing file, which counts as a change.
 int remade(int result, uint32_t* change) {
     *change = result == 0 ? 1 : *change;
     return result;
@@ -135,7 +135,7 @@ int walk_vrf_files(const config_update& update) {
             return -1;
         }
         if (change == 0) {
-            // The files of all VRFs agree on the common keywords, so the first one speaks for all.
+            // The files of all VRFs agree on the common keywords, so the first one represents them all.
             return 0;
         }
         if (namespace_exists(node->name)) {

@@ -52,7 +52,7 @@ constexpr initial_line server_rows[] = {
 #define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     {first_line, keyword, &server_config.parameters[index].current, line_text, update_config_files_restart},
 #define SERVER_LIST(index, keyword, default_text, first_line, write) \
-    {first_line, keyword, &server_config.algorithms[index].current, AS_IT_STANDS, write},
+    {first_line, keyword, &server_config.algorithms[index].current, PLAIN_VALUE, write},
 #include "config_files/configuration.def"
 };
 
@@ -60,7 +60,7 @@ constexpr initial_line client_rows[] = {
 #define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     {first_line, keyword, &client_config.parameters[index].current, line_text, write_client_line},
 #define CLIENT_LIST(index, keyword, default_text, first_line) \
-    {first_line, keyword, &client_config.algorithms[index].current, AS_IT_STANDS, write_client_line},
+    {first_line, keyword, &client_config.algorithms[index].current, PLAIN_VALUE, write_client_line},
 #include "config_files/configuration.def"
 };
 

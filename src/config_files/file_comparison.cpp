@@ -27,7 +27,7 @@ int update_one_string_in_file(const char* file, const char* keyword, int add, ch
 
 // --- Rows -----------------------------------------------------------------------------------------------------------
 
-/// What stands for a keyword that a file lacks.
+/// How a missing keyword is interpreted.
 enum missing_line : uint8_t {
     HAS_DEFAULT,  ///< the default
     IS_UNSET,     ///< nothing: every file has the line, or only files whose server needs it
@@ -69,7 +69,7 @@ const setting_kind client_kinds[] = {
 #include "config_files/configuration.def"
 };
 
-/// Compares a row's keyword, which may end in a blank.
+/// Compares a row's keyword, which may end with a space.
 bool is_keyword(const char* row_keyword, const std::string& keyword) {
     const size_t length = std::strcspn(row_keyword, " ");
     return keyword.size() == length && keyword.compare(0, length, row_keyword, length) == 0;
@@ -86,7 +86,7 @@ const setting_kind* kind_of(std::span<const setting_kind> kinds, const std::stri
 
 // --- Values ---------------------------------------------------------------------------------------------------------
 
-/// The non-empty names of a list, each followed by a comma; sorted, each once, if their order means nothing.
+/// The non-empty names of a list, each followed by a comma; sorted and without duplicates if their order is irrelevant.
 std::string names_of(const std::string& list, bool sorted) {
     std::vector<std::string> names;
     for (size_t start = 0; start < list.size();) {
@@ -107,7 +107,7 @@ std::string names_of(const std::string& list, bool sorted) {
     return joined;
 }
 
-/// A value in the form in which values are compared.
+/// A value in the form used for comparison.
 std::string comparable(const setting_kind* kind, const std::string& value) {
     if (kind == nullptr || kind->list == nullptr) {
         return value;
@@ -115,7 +115,7 @@ std::string comparable(const setting_kind* kind, const std::string& value) {
     return names_of(value, is_keyword(kind->keyword, host_key));
 }
 
-/// The words of a line with one blank between them, from `start` on.
+/// The words of a line from `start` on, separated by single spaces.
 std::string words_of(const std::string& line, size_t start) {
     std::string words;
     while ((start = line.find_first_not_of(blanks, start)) != std::string::npos) {
@@ -152,7 +152,7 @@ void add_line(file_values& values, const std::string& line) {
     }
 }
 
-/// The text that a row wants after its keyword; null for no line.
+/// The text that a row expects after its keyword; null for no line.
 const char* wanted_text(const setting_kind& kind, char (&buffer)[setting_text_size]) {
     const char* text = kind.list != nullptr ? offered_list(*kind.list)
                                             : text_of_line(kind.setting->line_text, kind.setting->current, buffer);
@@ -171,7 +171,7 @@ std::vector<keyword_value> wanted_settings(std::span<const setting_kind> kinds) 
     return settings;
 }
 
-/// What a file that lacks the keyword has in its place.
+/// The value that a file without the keyword has.
 std::string value_if_missing(const setting_kind* kind) {
     if (kind == nullptr || kind->missing == IS_UNSET) {
         return "";

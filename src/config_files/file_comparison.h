@@ -1,6 +1,6 @@
 /// Comparison of configuration files by what they mean: the values of their keywords.
 ///
-/// The order of the lines and the number of blanks do not count, nor whether host keys stand in one line or in several.
+/// The order of the lines, the number of spaces and the distribution of host keys over lines are irrelevant.
 #ifndef CONFIG_FILES_FILE_COMPARISON_H
 #define CONFIG_FILES_FILE_COMPARISON_H
 
@@ -13,7 +13,7 @@ struct keyword_value {
     std::string value;
 };
 
-/// The lines of a file that stand for one VRF: its ports and the NETCONF subsystem, sorted.
+/// The lines that a file has only for its VRF: its ports and the NETCONF subsystem, sorted.
 using vrf_lines = std::vector<std::string>;
 
 struct file_values {
@@ -26,18 +26,18 @@ struct file_values {
 /// Reads a file. Returns 0, or -1 with errno.
 int read_file_values(const char* path, file_values* values);
 
-/// The lines that the tables want in the server's default file and in the client's file.
+/// The expected lines of the server's default file and of the client's file.
 std::vector<keyword_value> wanted_server_settings();
 std::vector<keyword_value> wanted_client_settings();
 
-/// Where two lists of settings differ: the keywords, in the order of `wanted`, then those that only `present` has. A
-/// keyword that one of them lacks has its default, except the settings that every start writes.
+/// The keywords in which two lists of settings differ, in the order of `wanted`, then those that only `present` has. A
+/// missing keyword has its default, except the settings that every start writes.
 std::vector<std::string> differing_server_keywords(const std::vector<keyword_value>& wanted,
                                                    const std::vector<keyword_value>& present);
 std::vector<std::string> differing_client_keywords(const std::vector<keyword_value>& wanted,
                                                    const std::vector<keyword_value>& present);
 
-/// Write a keyword's line again as the tables want it, or remove it if they want none. Return 0, or -1 with errno.
+/// Rewrite a keyword's line as the tables require, or remove it. Return 0, or -1 with errno.
 int write_server_line_again(const std::string& keyword);
 int write_client_line_again(const std::string& keyword);
 

@@ -43,7 +43,7 @@ struct edit_pass {
     file_handle source;
     file_handle output;
     char* content = nullptr;  ///< the whole edited file and one spare byte
-    char* kept = nullptr;     ///< start of what is not written yet
+    char* kept = nullptr;     ///< start of the unwritten part
     char* end = nullptr;
     bool open_end = false;  ///< the last line written has no newline
     bool changed = false;
@@ -164,7 +164,7 @@ bool line_equals(const text_line& line, const char* text) {
     return static_cast<size_t>(line.text_end - line.start) == std::strlen(text) && line_begins_with(line, text);
 }
 
-/// Copies what is not written yet, up to `end`, unchanged.
+/// Copies the unwritten part up to `end`, unchanged.
 void copy_until(edit_pass& pass, const char* end) {
     if (end != pass.kept) {
         std::fwrite(pass.kept, 1, static_cast<size_t>(end - pass.kept), pass.output.get());

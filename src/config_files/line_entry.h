@@ -20,7 +20,7 @@ struct line_entry {
 using line_text_maker = void (*)(const char* text, char* buffer, size_t size);
 
 /// The line holds the current text itself.
-inline constexpr line_text_maker AS_IT_STANDS = nullptr;
+inline constexpr line_text_maker PLAIN_VALUE = nullptr;
 
 /// An entry of a parameter table. A current text that is formatted at run time is kept in the entry itself.
 struct setting_entry : line_entry {

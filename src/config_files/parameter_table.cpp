@@ -38,7 +38,7 @@ constexpr algorithm_entry list(const char* keyword, const char* default_text) {
 }
 
 constexpr setting_entry marker(const char* keyword) {
-    return {{nullptr, nullptr, keyword, 0}, AS_IT_STANDS, {}};
+    return {{nullptr, nullptr, keyword, 0}, PLAIN_VALUE, {}};
 }
 
 constexpr algorithm_entry list_marker(const char* keyword) {
@@ -110,7 +110,7 @@ void ip_qos_text(const char* dscp, char* buffer, size_t size) {
 }
 
 const char* text_of_line(line_text_maker make, const char* value, char (&buffer)[setting_text_size]) {
-    if (make == AS_IT_STANDS || value == nullptr || value[0] == '\0') {
+    if (make == PLAIN_VALUE || value == nullptr || value[0] == '\0') {
         return value;
     }
     make(value, buffer, sizeof buffer);

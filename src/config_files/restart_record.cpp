@@ -16,8 +16,8 @@
 #include "core/text.h"
 #include "core/trace.h"
 
-// The first line is the time, followed by one line for each VRF. A line "*" stands for all of them: within a walk, the
-// file is written once instead of once for each VRF.
+// The first line is the time, followed by one line for each VRF. A line "*" means all of them: within a walk, the file
+// is written once instead of once for each VRF.
 
 namespace {
 
@@ -75,7 +75,7 @@ int fail_to_write(const char* path) {
     return -1;
 }
 
-/// Writes the record as it is now. Returns 0, or -1 with errno and the former record in place.
+/// Writes the record as it is now. Returns 0, or -1 with errno and the previous record in place.
 int write_record() {
     FILE* file = std::fopen(paths::restart_record_temporary, "we");
     if (file == nullptr) {
@@ -96,7 +96,7 @@ void remove_record() {
     }
 }
 
-/// Brings the record up to date after a restart. A restart that cannot be struck off is made once more, at worst.
+/// Updates the record after a restart. If that fails, the restart is at worst repeated.
 void update_record() {
     const int error = errno;
     if (!in_walk && any_restart_due()) {
@@ -115,7 +115,7 @@ bool read_line(FILE* file, char (&line)[line_size]) {
     return true;
 }
 
-/// Reads an earlier process's record. Returns false if it makes no sense.
+/// Reads an earlier process's record. Returns false if it is invalid.
 bool read_record(FILE* file) {
     char line[line_size];
     unsigned long long recorded = 0;
@@ -182,7 +182,7 @@ void take_over_restart_record() {
     if (file == nullptr && errno == ENOENT) {
         return;
     }
-    // A record that cannot be read stands for every server, whenever it was started.
+    // An unreadable record means every server, whenever it was started.
     bool read = false;
     try {
         read = file != nullptr && read_record(file);

@@ -1,4 +1,4 @@
-/// The record of servers that do not run with their files yet.
+/// The record of servers that do not yet run with their current files.
 ///
 /// It is written before the first file of a VRF is replaced, and removed when every server has been restarted. What a
 /// process leaves behind when it dies in between tells the next one which restarts are due.
@@ -7,11 +7,11 @@
 
 #include <cstdint>
 
-/// The file is about to be replaced. If it is that of a VRF, the restart of its server is due from now on. Returns 0, or
-/// -1 with errno if this cannot be recorded; the file must not be replaced then.
+/// Called before the file is replaced. If it belongs to a VRF, the restart of its server is due afterwards. Returns 0, or
+/// -1 with errno if this cannot be recorded; the file must then not be replaced.
 int note_file_change(const char* path);
 
-/// The VRF's server runs with its file now, or there is no server any more.
+/// The VRF's server now runs with its current file, or no longer exists.
 void note_restart_done(const char* vrf_name);
 
 /// Bracket a walk through the files of all VRFs, which is recorded once for all of them. The first returns 0, or -1 with
@@ -22,10 +22,10 @@ void end_restart_walk();
 /// Start-up: takes over the record of an earlier process. Its restarts stay recorded until they are made or dropped.
 void take_over_restart_record();
 
-/// Whether a restart is due of a server started at `started` (CLOCK_MONOTONIC, microseconds).
+/// Whether a restart is due for a server started at `started` (CLOCK_MONOTONIC, microseconds).
 bool restart_is_due(const char* vrf_name, uint64_t started);
 
-/// Drops what is left of the earlier process's restarts, once every server has been examined.
+/// Drops the remaining restarts of the earlier process after every server has been examined.
 void drop_earlier_restarts();
 
 #endif

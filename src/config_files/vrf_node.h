@@ -28,7 +28,7 @@ struct vrf_node {
     acl_handle* v6_aclhead;
     uint32_t attached_acls;      ///< one bit for each acl_type whose list is loaded
     uint32_t failed_acls;        ///< one bit for each acl_type whose rules are not as configured
-    uint32_t blocked_acls;       ///< one bit for each acl_type whose service is blocked for want of its list
+    uint32_t blocked_acls;       ///< one bit for each acl_type whose service is blocked because its list is not loaded
     uint32_t start_failed;       ///< 1 while the VRF is left blocked because its server could not be started
     uint32_t server_started;     ///< 1 after a configuration or namespace event has (re)started the unit
     uint32_t restart_due;        ///< 1 from a change of the VRF's file until its server is restarted

@@ -53,7 +53,7 @@ constexpr log_message_entry catalogue[] = {
 
 static_assert(std::size(catalogue) == log_entry_count);
 
-constexpr bool rows_stand_at_their_place() {
+constexpr bool rows_are_in_order() {
     for (uint32_t i = 0; i < log_entry_count; i++) {
         if (catalogue[i].number != first_message_number + i) {
             return false;
@@ -61,7 +61,7 @@ constexpr bool rows_stand_at_their_place() {
     }
     return true;
 }
-static_assert(rows_stand_at_their_place());
+static_assert(rows_are_in_order());
 
 /// Formats the message and sends it. The arguments must match the entry's format.
 template <typename... Arguments>

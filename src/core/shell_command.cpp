@@ -27,7 +27,7 @@ constexpr size_t unreaped_max = 16;
 struct command_state {
     uint32_t groups = 0;             ///< begun and not ended
     bool gave_up = false;            ///< on the commands of the present group that have such a limit
-    pid_t unreaped[unreaped_max]{};  ///< killed commands that have not disappeared yet; 0 for a free place
+    pid_t unreaped[unreaped_max]{};  ///< killed commands that have not disappeared yet; 0 for a free slot
 };
 
 command_state state;

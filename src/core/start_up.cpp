@@ -120,7 +120,7 @@ constexpr datastore_operation verify{register_verification, log_failure};
 constexpr datastore_operation notify_banner{register_banner_notification, log_failure};
 constexpr datastore_operation notify_aaa_banner{register_aaa_banner_notification, log_failure};
 
-/// In order of execution. Whatever a failed step does not release ends with the process.
+/// In order of execution. Anything that a failed step does not release ends with the process.
 constexpr datastore_step datastore_steps[] = {
     {bind_to, binding_server, paths::server_tree, "SSH CFG BASE SERVER", 0, START_UP_SERVER_BINDING},
     {bind_to, binding_client, paths::client_tree, "SSH CFG BASE CLIENT", binding_server, START_UP_CLIENT_BINDING},
@@ -413,8 +413,8 @@ start_up_status mark_scanned() {
     return START_UP_DONE;
 }
 
-/// The debug flags and the logging item determine the log level from the first moment, whatever an earlier process left
-/// in the files.
+/// The debug flags and the logging item determine the log level from the beginning, whatever an earlier process left in
+/// the files.
 start_up_status choose_log_levels() {
     restore_log_levels();
     return START_UP_DONE;
@@ -524,7 +524,7 @@ start_up_status take_steps() {
 }  // namespace
 
 start_up_status start_up() {
-    // One group, so that a systemctl that hangs is waited for once.
+    // One group, so that a hanging systemctl is waited for only once.
     begin_command_group();
     const start_up_status status = take_steps();
     end_command_group();

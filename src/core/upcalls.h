@@ -22,7 +22,7 @@ struct upcalls {
     void (*ssh_remove_v4acl_config)(vrf_node* node, uint32_t type);
     void (*ssh_remove_v6acl_config)(vrf_node* node, uint32_t type);
     void (*release_unused_acls)();        ///< ends the subscriptions to lists that no VRF names
-    void (*reload_acls)(vrf_node* node);  ///< loads those lists of a VRF that are not in force
+    void (*reload_acls)(vrf_node* node);  ///< retries the lists of a VRF that are not in force
 
     // oper/
     void (*ocssh_telemetry_publish)();

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
-/// Whether sshd itself started the process for a session: its parent is a session process of a server. What a process
-/// calls itself does not count. False also for a process that does not exist.
+/// Whether sshd itself started the process for a session: its parent is a session process of a server, whatever name or
+/// title the process has. False also for a process that does not exist.
 bool is_session_process(int32_t pid);
 
 #endif

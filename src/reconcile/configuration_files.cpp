@@ -33,7 +33,7 @@ std::string differs_in(const std::vector<std::string>& keywords) {
     return "differs in " + joined(keywords);
 }
 
-/// A file whose lines follow from one of the tables.
+/// A file whose lines are determined by one of the tables.
 struct table_file {
     const char* path;
     std::vector<keyword_value> (*wanted)();
@@ -62,7 +62,7 @@ int find_differences(const table_file& file, std::vector<std::string>* keywords)
     return 0;
 }
 
-/// Writes the differing lines again and looks whether that was all. Returns 0, or -1 with the reason.
+/// Rewrites the differing lines and compares again. Returns 0, or -1 with the reason.
 int write_lines_again(const table_file& file, std::vector<std::string> keywords, std::string* reason) {
     for (const std::string& keyword : keywords) {
         if (file.write_line(keyword) != 0) {
@@ -105,7 +105,7 @@ bool compare_table_file(comparison& run, const table_file& file) {
     return true;
 }
 
-/// The lines that a VRF's file has for itself, as they are compared.
+/// The lines that only this VRF's file has, in the form used for comparison.
 vrf_lines wanted_own_lines(const vrf_node& node) {
     vrf_file_line lines[vrf_file_line_max];
     const size_t count = vrf_file_lines(node, lines);
@@ -117,7 +117,7 @@ vrf_lines wanted_own_lines(const vrf_node& node) {
     return wanted;
 }
 
-/// In what a VRF's file differs; empty if in nothing.
+/// Describes the differences of a VRF's file; empty if there are none.
 std::string vrf_file_difference(const vrf_node& node, const char* path, const std::vector<keyword_value>& wanted) {
     file_values present;
     if (read_file_values(path, &present) != 0) {

@@ -1,4 +1,4 @@
-/// The configuration files of servers and client against the tables that they are made from.
+/// Comparison of the configuration files of servers and client with the tables that determine them.
 #ifndef RECONCILE_CONFIGURATION_FILES_H
 #define RECONCILE_CONFIGURATION_FILES_H
 
@@ -6,7 +6,7 @@
 
 // All functions may throw std::bad_alloc.
 
-/// The server's default file: lines that differ are written again. Returns whether the file is in order now.
+/// The server's default file: rewrites lines that differ. Returns whether the file is correct now.
 bool compare_default_file(comparison& run);
 
 /// The client's file, in the same way.

@@ -1,4 +1,4 @@
-/// What a comparison of the configuration with the machine finds.
+/// The findings of a comparison of the configuration with the machine.
 #ifndef RECONCILE_FINDINGS_H
 #define RECONCILE_FINDINGS_H
 
@@ -7,21 +7,21 @@
 
 #include "platform/enforcement.h"
 
-/// One comparison, which may also remove what it finds.
+/// One comparison, which may also remove the differences it finds.
 struct comparison {
     bool repair;
     enforcement_difference_sink sink;
     void* sink_context;
-    int remaining = 0;  ///< differences that are left
+    int remaining = 0;  ///< remaining differences
 };
 
-/// Reports a difference. Returns whether it is to be removed; if not, it remains.
+/// Reports a difference. Returns whether the caller should remove it; if not, it remains.
 bool found(comparison& run, const std::string& subject, const std::string& text);
 
 /// A difference could not be removed.
 void not_removed(comparison& run, const std::string& subject, const std::string& reason);
 
-/// The text of the present errno.
+/// The text of the current errno.
 std::string error_text();
 
 #endif

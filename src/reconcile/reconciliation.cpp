@@ -15,10 +15,10 @@
 
 namespace {
 
-/// Runs all comparisons: files before the servers that read them. Returns the number of differences left, or -1.
+/// Runs all comparisons: files before the servers that read them. Returns the number of remaining differences, or -1.
 int compare_everything(comparison& run) {
     compare_host_files(run);
-    // A VRF's file is made from the default one.
+    // A VRF's file is made from the default file.
     if (compare_default_file(run)) {
         compare_vrf_files(run);
     }

@@ -9,11 +9,11 @@
 
 #include "platform/enforcement.h"
 
-/// Start-up, after the configuration has been applied: removes all differences and offers the comparison to the platform.
-/// What cannot be put right is reported to the platform, which has it tried again.
+/// Start-up, after the configuration has been applied: removes all differences and registers the comparison with the
+/// platform. Differences that cannot be removed are reported to the platform, which retries.
 void reconcile_at_start();
 
-/// The comparison as the platform calls it (enforcement_callbacks).
+/// The comparison, as a callback of the platform (enforcement_callbacks).
 int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void* context);
 
 #endif

@@ -26,7 +26,7 @@ std::string server_subject(const std::string& vrf_name) {
     return "server " + vrf_name;
 }
 
-/// Whether the process runs in another network namespace than the VRF's present one. A process that is gone does not.
+/// Whether the process runs in another network namespace than the VRF's current one. False if the process has ended.
 bool runs_elsewhere(const vrf_node& node, int32_t process) {
     struct stat wanted = {};
     struct stat present = {};
@@ -36,7 +36,7 @@ bool runs_elsewhere(const vrf_node& node, int32_t process) {
            (wanted.st_ino != present.st_ino || wanted.st_dev != present.st_dev);
 }
 
-/// Why the server has to be restarted; empty if it has not.
+/// Why the server must be restarted; empty if it need not be.
 std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
     if (unit == nullptr || !is_running(*unit)) {
         return "is not running" + (unit != nullptr ? " (" + unit->active_state + ")" : "");
@@ -53,7 +53,7 @@ std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
     return "";
 }
 
-/// Writes the unit of a VRF again if it is not as it should be. Returns whether there is one now.
+/// Rewrites the unit of a VRF if it differs. Returns whether it exists now.
 bool compare_unit(comparison& run, const vrf_node& node) {
     const std::string namespace_name = vrf_namespace_prefix + std::string(node.name);
     if (sshd_service_config_file_is_current(namespace_name.c_str())) {
@@ -70,7 +70,7 @@ bool compare_unit(comparison& run, const vrf_node& node) {
     return true;
 }
 
-/// Restarts the server of a VRF if it has to be. Returns whether it tried.
+/// Restarts the server of a VRF if necessary. Returns whether it tried.
 bool compare_server(comparison& run, vrf_node& node, const unit_state* unit) {
     if (!compare_unit(run, node)) {
         return false;
@@ -105,7 +105,7 @@ void stop_unwanted(comparison& run, const unit_state& unit) {
     }
 }
 
-/// Asks what the restarts have come to: systemctl's result alone does not tell.
+/// Checks the result of the restarts, because systemctl's exit status alone does not show it.
 int examine_restarted(comparison& run, const std::vector<const vrf_node*>& restarted) {
     std::vector<unit_state> units;
     if (restarted.empty()) {
@@ -140,7 +140,7 @@ int compare_servers(comparison& run) {
         return -1;
     }
     std::vector<const vrf_node*> restarted;
-    // After the notice of a reload the servers stay down on purpose.
+    // After a reload notice the servers stay down on purpose.
     for (vrf_node* node = server_config.nodes; node != nullptr && !servers_are_held_down(); node = node->next) {
         if (node->reference_count > 0 && vrf_namespace_exists(node->name) &&
             compare_server(run, *node, find_unit_state(units, node->name))) {

@@ -31,17 +31,17 @@ int flush_acl_rules(const char* tag, vrf_node* node, const acl_slot& slot);
 /// family. Returns 0 or -1.
 int attach_acl(vrf_node* node, const acl_slot& slot);
 
-/// Takes over the name of a slot's list; null for none. Returns whether the slot's rules have to be renewed for it: false if
-/// the same list is in force already.
+/// Stores the name of a slot's list; null for none. Returns whether the slot's rules must be replaced: false if the same
+/// list is in force already.
 bool exchange_acl_name(vrf_node* node, const acl_slot& slot, const char* acl_name);
 
-/// Tries those lists of the VRF again that are not in force, if it has a namespace.
+/// Retries the lists of the VRF that are not in force, if it has a namespace.
 void reload_acls(vrf_node* node);
 
-/// Ends the subscriptions to lists that no VRF names any more.
+/// Ends the subscriptions to lists that no VRF names.
 void release_unused_acls();
 
-/// Detaches the list named in the node's slot, if any, clears the name and lifts the block for want of the list.
+/// Detaches the list named in the node's slot, if any, clears the name and lifts a block caused by the list.
 void detach_acl(vrf_node* node, const acl_slot& slot);
 
 #endif

@@ -1,8 +1,8 @@
-/// Whether the rules of a VRF's access lists are as configured, and what follows when they are not.
+/// Whether the rules of a VRF's access lists are as configured, and the consequences if they are not.
 ///
 /// A service whose list could not be attached is blocked in the list's address family, so that nobody gets in unfiltered,
-/// until the list is loaded or no longer named. A list that was loaded before keeps its former rules when a change of it
-/// fails, and nothing is blocked. Either is reported as not in force. All functions leave errno alone.
+/// until the list is loaded or no longer named. A list that was loaded before keeps its previous rules if its change
+/// fails, and nothing is blocked. Both are reported as not in force. All functions leave errno alone.
 #ifndef VRF_ACL_STATE_H
 #define VRF_ACL_STATE_H
 
@@ -26,26 +26,26 @@ bool acl_is_missing(const vrf_node& node, uint32_t type);
 bool acl_is_failed(const vrf_node& node, uint32_t type);
 bool any_acl_failed(const vrf_node& node);
 
-/// The rules of a type are as configured, which includes that no list is configured and there are none. The service is
-/// unblocked if it was blocked for want of them.
+/// The rules of a type are as configured; without a configured list this means that there are none. The service is
+/// unblocked if it was blocked because of them.
 void acl_rules_in_force(vrf_node* node, uint32_t type);
 
-/// No list of the type is named any more; what acl_rules_failed has reported meanwhile stays reported. The service is
-/// unblocked as above.
+/// No list of the type is named any longer; failures already reported remain reported. The service is unblocked as
+/// above.
 void acl_detached(vrf_node* node, uint32_t type);
 
-/// The rules of a type are not as configured. They will be tried again; blocks nothing.
+/// The rules of a type are not as configured. They will be retried; blocks nothing.
 void acl_rules_failed(vrf_node* node, uint32_t type, const char* reason);
 
 /// Blocks the service that a list of the type protects, in the list's family, unless the list is loaded. Called when a list
 /// could not be attached; not for a later attempt, because an operator may have lifted the block meanwhile.
 void block_without_acl(vrf_node* node, uint32_t type);
 
-/// To be called after the lists of a VRF were attached: blocks and reports what is missing, whether or not it was tried.
+/// Must be called after the lists of a VRF were attached: blocks and reports missing ones, whether or not they were tried.
 /// Without a namespace the lists wait for it.
 void settle_acls(vrf_node* node);
 
-/// Forgets the state of all lists and lifts their blocks: the namespace or the server has gone.
+/// Clears the state of all lists and lifts their blocks, after the namespace or the server has gone.
 void forget_acl_rules(vrf_node* node);
 
 #endif

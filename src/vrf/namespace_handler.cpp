@@ -30,8 +30,8 @@ constexpr int wait_seconds = 2;
 constexpr size_t listing_line_size = 512;
 constexpr size_t command_size = 512;
 
-// The NETCONF IPv6 list is attached by the IPv4 routine here, unlike when its item is applied: the handling of a
-// returning namespace has always been so, and determines the rules in its tables.
+// The NETCONF IPv6 list is attached by the IPv4 routine here, unlike when its item is applied. The handling of a
+// returning namespace has always done this, and it determines the rules in its tables.
 constexpr acl_slot lists_in_order[] = {
     {&vrf_node::ssh_v4_acl, acl_ssh_v4, &upcalls::ssh_configure_v4acl, nullptr, nullptr,
      "Failed to configure ssh v4 acl", "vrf: "},

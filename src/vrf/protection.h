@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-/// Marks or unmarks the VRF as running the service (MPP_SERVICE_SSH, MPP_SERVICE_NETCONF).
+/// Sets or clears the service (MPP_SERVICE_SSH, MPP_SERVICE_NETCONF) of the VRF.
 void mark_vrf(uint32_t service, const char* vrf_name);
 void unmark_vrf(uint32_t service, const char* vrf_name);
 

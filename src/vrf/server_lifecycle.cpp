@@ -34,7 +34,7 @@ constexpr int unit_not_loaded = 5;
 
 bool servers_held_down = false;
 
-/// The server will be started with the others. Returns 0.
+/// The server will be started together with the others. Returns 0.
 int report_held_down(const char* vrf_name) {
     debug_print("%s, vrf:=%s, the router is about to reload, server not started", "ssh_process_restart", vrf_name);
     return 0;

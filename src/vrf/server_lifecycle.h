@@ -17,8 +17,8 @@ int ssh_process_stop(const char* vrf_name);
 /// Starts or restarts the server of a node, which counts as started only if a unit was started. Returns 0 or -1.
 int restart_server_of(vrf_node* node);
 
-/// From now on servers are not started (`held`), or they are again. Starting one meanwhile succeeds without doing
-/// anything; whoever ends this starts them all.
+/// Suspends (`held`) or resumes the start of servers. Starting one meanwhile succeeds without doing anything; the caller
+/// that resumes starts them all.
 void hold_servers_down(bool held);
 bool servers_are_held_down();
 

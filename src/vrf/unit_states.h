@@ -13,13 +13,13 @@ struct unit_state {
     uint64_t started;          ///< CLOCK_MONOTONIC in microseconds; UINT64_MAX if unknown
 };
 
-/// Whether the server runs. One that systemd tries to start again and again does not.
+/// Whether the server is running. One that systemd keeps restarting is not.
 bool is_running(const unit_state& unit);
 
 /// Whether there is nothing to stop.
 bool is_stopped(const unit_state& unit);
 
-/// Asks with one command for all units that systemd has loaded, or for those named (separated by blanks), whether loaded or
+/// Queries with one command all units that systemd has loaded, or those named (separated by spaces), whether loaded or
 /// not. Returns 0, or -1 with errno. May throw std::bad_alloc.
 int read_unit_states(std::vector<unit_state>* units, const char* names = nullptr);
 

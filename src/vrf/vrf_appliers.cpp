@@ -162,8 +162,7 @@ bool has_own_port_line(const server_kind& kind) {
     return !kind.port_yields_to_setting || server_config.parameters[kind.port].current == nullptr;
 }
 
-/// Attaches the lists named in the request. A failure in one address family does not keep the other from its list.
-/// Returns 0 or -1.
+/// Attaches the lists named in the request. A failure in one address family does not affect the other. Returns 0 or -1.
 int attach_given_lists(const server_kind& kind, const vrf_request& request, vrf_node* node) {
     const int v4 = request.v4_acl != nullptr ? attach_acl(node, kind.v4) : 0;
     const int v6 = request.v6_acl != nullptr ? attach_acl(node, kind.v6) : 0;
@@ -176,15 +175,15 @@ void store_list_name(vrf_node* node, const acl_slot& slot, const char* acl_name)
     }
 }
 
-/// A list of the item that is to be replaced, and whether its table has been emptied for it.
+/// A list of the item that must be replaced, and whether its table has been flushed.
 struct list_exchange {
     const acl_slot& slot;
     bool changed;
     bool flushed;
 };
 
-/// Flushes the tables of the changed lists and loads the new ones. A failure in one address family does not keep the other
-/// from its list.
+/// Flushes the tables of the changed lists and loads the new ones. A failure in one address family does not affect the
+/// other.
 void load_exchanged_lists(const server_kind& kind, vrf_node* node, std::span<list_exchange> exchanges) {
     for (list_exchange& each : exchanges) {
         each.flushed = each.changed && flush_acl_rules(kind.routine, node, each.slot) == 0;
@@ -207,8 +206,8 @@ void report_rules_left(vrf_node* node, std::span<const list_exchange> exchanges)
     }
 }
 
-/// Replaces the access lists of a server. The VRF is blocked while its tables are empty, unless it stays blocked for want of
-/// a server. Without a namespace the names wait for it.
+/// Replaces the access lists of a server. The VRF is blocked while its tables are empty, and stays blocked if it has no
+/// server. Without a namespace the names wait for it.
 void exchange_lists(const server_kind& kind, const vrf_request& request) {
     vrf_node* node = find_vrf_node(request.vrf_name);
     if (node == nullptr) {
@@ -262,15 +261,15 @@ int start_unit(const server_kind& kind, vrf_node* node, int* result) {
     return 0;
 }
 
-/// How far the server of a new item has come.
+/// How far the server of a new item has got.
 enum class progress : uint8_t {
     ready,    ///< lists can be attached
     waiting,  ///< for the namespace, or for a server that could not be started
     failed
 };
 
-/// Prepares the file of a new item's node, starts its server and makes the tables for its lists. The first failure is
-/// logged and ends it.
+/// Prepares the file of a new item's node, starts its server and creates the tables for its lists. The first failure is
+/// logged and stops this.
 progress start_new_server(const server_kind& kind, vrf_node* node, bool new_node) {
     uint32_t file_changed = 0;
     if (write_service_lines(kind, node, new_node, &file_changed) != 0) {
@@ -289,8 +288,8 @@ progress start_new_server(const server_kind& kind, vrf_node* node, bool new_node
     return progress::ready;
 }
 
-/// Applies a new item to its node. However far that comes, its lists are loaded, or their ports stay closed: a server of
-/// before may still be running, and one that could not be started may be later.
+/// Applies a new item to its node. Even if that fails, its lists are loaded or their ports stay closed: an earlier server
+/// may still be running, and one that could not be started may be started later.
 void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
     if (agent_handles.respawn_count >= respawn_after_failure) {
         debug_print("ssh_cfg_agent respawn count: %d", static_cast<int>(agent_handles.respawn_count));
@@ -408,8 +407,8 @@ platform_status apply_vrf_item(const server_kind& kind, const datastore_change& 
     return 0;
 }
 
-/// Makes the unit of the default VRF's server if it has gone with an earlier namespace. While no server was configured
-/// there, nobody made it again when the namespace returned.
+/// Creates the unit of the default VRF's server if it was removed with an earlier namespace. While no server was configured
+/// there, it was not recreated when the namespace returned.
 void restore_default_unit() {
     char unit[PATH_MAX];
     service_unit_path(default_vrf, unit, sizeof unit);
@@ -436,7 +435,7 @@ int start_default_server(uint32_t event) {
     if (!new_node) {
         publish_telemetry();
     }
-    // Without a namespace the tables wait for it, and the server's file is prepared all the same.
+    // Without a namespace the tables wait for it, but the server's file is prepared nevertheless.
     if (vrf_namespace_exists(default_vrf) && make_nft_table("sshd_apply_ver_func", default_vrf) != 0) {
         enforcement_failed("server default", "its nftables tables could not be created");
         return -1;

@@ -18,12 +18,12 @@ namespace {
 
 using steady = std::chrono::steady_clock;
 
-/// How long a request is repeated that the agent had no free place for.
+/// How long a request is repeated if the agent had no free connection.
 constexpr std::chrono::seconds retry_time(10);
 constexpr std::chrono::milliseconds retry_pause(100);
 /// Pause between polls for something that takes seconds.
 constexpr std::chrono::milliseconds next_pause(200);
-/// After this time people want to know what is going on.
+/// After this time the user is informed about the wait.
 constexpr std::chrono::seconds patience(5);
 
 control_json unreachable(const std::string& message) {

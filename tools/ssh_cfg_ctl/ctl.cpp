@@ -22,7 +22,7 @@ namespace {
 constexpr char program[] = "ssh_cfg_ctl";
 constexpr size_t purpose_column = 24;  ///< column in the help
 
-/// Prints to standard output. A write error is a failure, so that nobody takes half a dump for a whole one.
+/// Prints to standard output. A write error is a failure, so that nobody takes part of a dump for all of it.
 int print(const std::string& text, control_result result) {
     const bool written = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
     if (!written) {
@@ -50,7 +50,7 @@ std::string help_text() {
         "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nConfigures and queries the SSH configuration agent.\n\n";
     for (const ctl_call_row& row : ctl_calls()) {
         std::string call = std::string("  ") + row.name + ' ' + row.arguments;
-        // The purpose of a long call goes on a line of its own.
+        // A long purpose is printed on a separate line.
         call += call.size() > purpose_column ? '\n' + std::string(purpose_column, ' ')
                                              : std::string(purpose_column - call.size(), ' ');
         text += call + ' ' + row.purpose + '\n';
@@ -90,14 +90,14 @@ int report_unknown_call(const ctl_command_line& line) {
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }
 
-/// What the operator should know although the change is done.
+/// What the operator should know although the change was made.
 void warn(const control_json& answer) {
     for (const control_json& warning : answer.value("warnings", control_json::array())) {
         complain("warning: " + warning.get<std::string>());
     }
 }
 
-/// Whether the call has done something worth printing, although not everything is as it should be.
+/// Whether the result of the call is worth printing, although not everything is as it should be.
 bool has_output(control_result result, const control_json& answer) {
     return result == control_result::done || result == control_result::not_in_force || answer.contains("data");
 }

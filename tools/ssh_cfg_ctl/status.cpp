@@ -8,7 +8,7 @@ namespace {
 
 constexpr size_t shown_max = 4096;
 
-/// A text of the agent's, fit for a terminal.
+/// A text from the agent, made safe for a terminal.
 std::string text_of(const control_json& object, const char* name) {
     const auto member = object.find(name);
     return member != object.end() && member->is_string() ? text_escape(member->get_ref<const std::string&>(), shown_max)

@@ -25,7 +25,7 @@ void want_end(int /*number*/) {
     end_is_wanted = 1;
 }
 
-/// Signals that end the watch are delivered only while it waits, so each line is written whole or not at all.
+/// Signals that end the watch are delivered only while it waits, so each line is written completely or not at all.
 class watched_signals {
   public:
     watched_signals() {
@@ -74,7 +74,7 @@ struct watch_state {
     control_frame_reader frame;
 };
 
-/// In gNMI each update says how many older ones it replaces.
+/// In gNMI each update contains the number of older ones it replaces.
 void tell_coalesced(control_json& notification, const control_json& coalesced) {
     const auto updates = notification.find("update");
     if (updates != notification.end() && updates->is_array()) {

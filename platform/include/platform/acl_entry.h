@@ -1,8 +1,8 @@
 /// Entries of access lists as the ACL service delivers them, in the native layout of its record schemas.
 ///
 /// Each family's fields are listed once; the list makes the structure and both schemas. Each condition on a number has one
-/// row, `acl_conditions`, which names its fields in either family. Whatever reads, writes or checks conditions goes
-/// through these rows.
+/// row, `acl_conditions`, which names its fields in each family. All code that reads, writes or checks conditions uses
+/// these rows.
 #ifndef PLATFORM_ACL_ENTRY_H
 #define PLATFORM_ACL_ENTRY_H
 
@@ -128,7 +128,7 @@ struct acl_field {
     size_t width;
 };
 
-/// The fields of a condition in one family. `present` says whether the condition counts; without this field it does
+/// The fields of a condition in one family. `present` tells whether the condition counts; without this field it counts
 /// unless its operator is ACL_NONE.
 struct acl_condition_fields {
     struct acl_field operation;
@@ -146,7 +146,7 @@ struct acl_condition_row {
     struct acl_condition_fields ipv6;
 };
 
-/// A condition by itself; `second` is the upper end of a range.
+/// A condition on its own; `second` is the upper end of a range.
 struct acl_condition {
     int32_t operation;
     uint32_t first;
@@ -166,8 +166,8 @@ inline constexpr acl_operator_row acl_operators[] = {
 #define ACL_V4(member) {#member, offsetof(acl_ipv4_entry, member), sizeof(acl_ipv4_entry::member)}
 #define ACL_V6(member) {#member, offsetof(acl_ipv6_entry, member), sizeof(acl_ipv6_entry::member)}
 
-/// Everything that knows conditions reads these rows; src/acl/rule_matches.cpp adds the text of each in a rule. A single
-/// number that the packet has no room for makes nftables refuse the whole list, hence the `record_max` of DSCP and TTL.
+/// All code for conditions uses these rows; src/acl/rule_matches.cpp adds the text of each in a rule. A single number that
+/// exceeds the packet's field makes nftables refuse the whole list, hence the `record_max` of DSCP and TTL.
 inline constexpr acl_condition_row acl_conditions[] = {
     {ACL_SOURCE_PORT, nullptr, 65535, 65535,
      {ACL_V4(SourceOperator), ACL_V4(SourcePort1), ACL_V4(SourcePort2), {}},
@@ -217,7 +217,7 @@ inline const acl_condition_fields& acl_fields_of(const acl_condition_row& row, b
     return is_ipv6 ? row.ipv6 : row.ipv4;
 }
 
-/// Whether the family has such a condition at all.
+/// Whether the family has such a condition.
 inline bool acl_family_has(const acl_condition_fields& fields) {
     return fields.operation.width != 0;
 }

@@ -26,7 +26,7 @@ struct acl_change_notice {
     uint32_t present;  ///< 0 if the list was removed or emptied
 };
 
-/// Returns 0 if the change was carried out, otherwise 1.
+/// Returns 0 if the change was applied, otherwise 1.
 typedef int (*acl_change_callback)(const struct acl_change_notice* notice);
 
 enum { ACL_FAMILY_IPV4 = 4, ACL_FAMILY_IPV6 = 6 };

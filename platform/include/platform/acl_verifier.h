@@ -1,7 +1,7 @@
-/// Verification of access lists: what rules a list would become, before it is stored.
+/// Verification of access lists: the rules that a list would become, before it is stored.
 ///
-/// The agent knows the rules that a list becomes, the platform has the packet filter judge them. The platform asks for the
-/// rules of either service and refuses a list that the packet filter would not load. An addition to the ACL service, for
+/// The agent knows how a list becomes rules, and the platform has the packet filter check them. The platform asks for the
+/// rules of both services and refuses a list that the packet filter would not load. An addition to the ACL service, for
 /// platforms on which operators write the lists; a platform may leave the verifier uncalled.
 #ifndef PLATFORM_ACL_VERIFIER_H
 #define PLATFORM_ACL_VERIFIER_H
@@ -21,7 +21,7 @@ struct acl_list_entry {
     size_t size;
 };
 
-/// What becomes of an entry.
+/// The effect of an entry.
 enum acl_entry_effect {
     ACL_ENTRY_IGNORED,            ///< it makes no rule
     ACL_ENTRY_MAKES_RULE,         ///< it decides about connections to the service's port
@@ -42,15 +42,15 @@ struct acl_list_rules {
 };
 
 struct acl_verifier {
-    /// Makes the nftables commands by which a list with these entries would be loaded for a service (an MPP_SERVICE_
-    /// code). They declare the empty table that they refer to, so that they can be checked in a network namespace without
-    /// any. Stores one row for each entry in `entry_rules`. Returns 0, ENOMEM, or the codec's error about an entry; the
-    /// outputs are then undefined and nothing is to be freed.
+    /// Makes the nftables commands that would load a list with these entries for a service (an MPP_SERVICE_ code). They
+    /// declare the empty table that they refer to, so that they can be checked in an empty network namespace. Stores one row
+    /// for each entry in `entry_rules`. Returns 0, ENOMEM, or the codec's error about an entry; the outputs are then
+    /// undefined and need not be freed.
     platform_status (*make_rules)(uint32_t family, uint32_t service, const struct acl_list_entry* entries, size_t count,
                                   struct acl_entry_rule* entry_rules, struct acl_list_rules* rules, void* context);
 };
 
-/// Registers the agent's verifier, which replaces one registered before. It is copied; called only from the event loop's
+/// Registers the agent's verifier, which replaces an earlier one. It is copied, and called only from the event loop's
 /// thread. EINVAL without `make_rules`.
 platform_status acl_service_register_verifier(const struct acl_verifier* verifier, void* context);
 

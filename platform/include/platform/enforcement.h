@@ -1,8 +1,8 @@
-/// Enforcement: whether what is configured is in force, and the repair of what is not.
+/// Enforcement: whether the configuration is in force, and the repair of what is not.
 ///
-/// A subject names one thing that the agent keeps as configured, in words that the operator knows: "file PATH" for a
+/// A subject names one thing that the agent keeps as configured, in terms that the operator knows: "file PATH" for a
 /// configuration file, "server VRF", "unit VRF", "rules VRF ssh ipv4", "key USER", "banner", "PAM file". The platform adds
-/// the paths of items that an applier could not carry out. Whoever reports one thing uses one subject for it.
+/// the paths of items that an applier could not apply. All reports about one thing use the same subject.
 ///
 /// All operations and callbacks run on the event loop's thread. Texts are copied; errno is left alone.
 #ifndef PLATFORM_ENFORCEMENT_H
@@ -16,25 +16,25 @@
 extern "C" {
 #endif
 
-/// The subject is not as configured. Reported when a handler has done its work, also for a failure that the handler
+/// The subject is not as configured. Reported after a handler has done its work, also for a failure that the handler
 /// itself ignores. During a commit this becomes part of the commit's answer, which is then "stored, not in force";
-/// always it is remembered, logged when it is new, shown to operators and repaired in time. A later report about the
+/// it is always recorded, logged if it is new, shown to operators and repaired eventually. A later report about the
 /// same subject replaces the reason.
 void enforcement_failed(const char* subject, const char* reason);
 
-/// The subject is as configured again. Also accepted for a subject that is not known to be anything else.
+/// The subject is as configured again. Also accepted for a subject that was not reported.
 void enforcement_restored(const char* subject);
 
 /// Takes one difference between the configuration and the machine.
 typedef void (*enforcement_difference_sink)(const char* subject, const char* text, void* sink_context);
 
 struct enforcement_callbacks {
-    /// Compares the configuration with files, servers, units, rules and keys. Reports each difference to `sink`, also
-    /// one that it then removes, which it tries when `repair` is not 0. Returns how many differences remain, or -1 when
-    /// they could not be compared.
+    /// Compares the configuration with files, servers, units, rules and keys. Reports each difference to `sink`, including
+    /// those that it then removes, which it tries if `repair` is not 0. Returns how many differences remain, or -1 if they
+    /// could not be compared.
     ///
-    /// A run with `repair` also reports through enforcement_failed what it could not put right. Afterwards a recorded
-    /// subject counts as in force again when the run has named it in neither way, or when nothing remains at all.
+    /// A run with `repair` also reports through enforcement_failed what it could not repair. Afterwards a recorded subject
+    /// counts as in force again if the run has reported it in neither way, or if nothing remains at all.
     ///
     /// Called with `repair` on a timer with back-off while anything is recorded as not in force, when the same value is
     /// configured again meanwhile, and on the operator's request; without it on the operator's request. Never called
@@ -42,8 +42,7 @@ struct enforcement_callbacks {
     int (*reconcile)(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void* context);
 };
 
-/// Registers the agent's routines, which replace those registered before. The callbacks are copied. EINVAL without
-/// `reconcile`.
+/// Registers the agent's routines, which replace earlier ones. The callbacks are copied. EINVAL without `reconcile`.
 platform_status enforcement_register(const struct enforcement_callbacks* callbacks, void* context);
 
 struct enforcement_commit_callbacks {
@@ -53,9 +52,10 @@ struct enforcement_commit_callbacks {
     void (*end)(void* context);
 };
 
-/// Registers routines to be called around each commit, which replace those registered before. A platform need not call
-/// them; one that does calls them in pairs, never nested. Between them the agent puts off all restarts of servers, which it
-/// then carries out together in `end`; without them it restarts a server with each change. The callbacks are copied. EINVAL unless both are given.
+/// Registers routines to be called around each commit, which replace earlier ones. A platform need not call them; one
+/// that does calls them in pairs, never nested. Between them the agent postpones all restarts of servers, which it then
+/// carries out together in `end`; without them it restarts a server with each change. The callbacks are copied. EINVAL
+/// unless both are given.
 platform_status enforcement_announce_commits(const struct enforcement_commit_callbacks* callbacks, void* context);
 
 #ifdef __cplusplus

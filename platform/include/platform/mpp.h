@@ -37,7 +37,7 @@ platform_status mpp_vrf_unblock(const char* vrf_name);
 /// not loaded. Independent of mpp_vrf_block: unblocking the VRF leaves the service blocked in this family. If the filter
 /// cannot be changed the error is returned, and the platform tries again by itself; a VRF that is blocked then stays
 /// blocked until the filter could be changed. EINVAL for an unknown service or family. ENOENT if the VRF has no namespace;
-/// then nothing is remembered.
+/// then nothing is recorded.
 ///
 /// The block outlives the process. The next one takes it over and lifts it when it reaches its event loop for the first
 /// time, unless the service has been blocked again by then.

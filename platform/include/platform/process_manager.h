@@ -20,8 +20,8 @@ uint32_t process_manager_role(void);
 /// primary. May be called again.
 void process_manager_ready(void);
 
-/// The process has got on with its work. Long work reports this at each step, so that the platform can tell a process that
-/// is busy from one that hangs. Leaves errno alone.
+/// The process has made progress. Long work reports this at each step, so that the platform can distinguish a busy
+/// process from one that hangs. Leaves errno alone.
 void process_manager_progress(void);
 
 /// Blocks until this node is the primary one. Returns 0, or -1 when the wait failed.

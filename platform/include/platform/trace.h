@@ -23,7 +23,7 @@ struct trace_argument {
 /// Creates a ring of `entries` entries of at most `bytes` bytes in total, under a name shown to operators.
 platform_status trace_buffer_create(const char* name, uint32_t entries, uint32_t bytes, struct trace_buffer** buffer);
 
-/// What people see of a trace point. All texts are UTF-8 without control characters.
+/// What operators see of a trace point. All texts are UTF-8 without control characters.
 struct trace_point {
     uint32_t code;                            ///< the number that entries carry
     const char* name;                         ///< such as "vrf.restarted": letters, digits, '_' and '.'
@@ -31,11 +31,11 @@ struct trace_point {
     const char* labels[TRACE_ARGUMENTS_MAX];  ///< of the arguments in their order; null behind the last one
 };
 
-/// Describes the trace points of a buffer, so that whoever reads its entries gives the name for the code and the labels
-/// for the arguments. "status" is the label of a platform_status or errno value. The array stays the caller's and must
-/// live as long as the process; a second call replaces the first. Entries of points without a description are accepted
-/// and shown by their code. A null buffer is accepted and nothing happens. A platform whose reader has no use for names
-/// leaves this empty.
+/// Describes the trace points of a buffer, so that readers of its entries see the name for the code and the labels of the
+/// arguments. "status" is the label of a platform_status or errno value. The array remains the caller's and must exist as
+/// long as the process; a second call replaces the first. Entries of points without a description are accepted
+/// and shown with their code. With a null buffer nothing happens. A platform whose readers do not need names
+/// implements this as an empty function.
 void trace_buffer_describe(struct trace_buffer* buffer, const struct trace_point* points, uint32_t count);
 
 /// Adds an entry with up to TRACE_ARGUMENTS_MAX arguments, replacing the oldest one in a full ring. Does nothing with a

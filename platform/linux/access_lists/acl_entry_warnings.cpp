@@ -32,7 +32,7 @@ std::string user_text(const acl_service_rules& rules, const std::vector<std::str
                         : std::string(rules.service) + (vrfs.size() == 1 ? " in VRF " : " in VRFs ") + joined(vrfs);
 }
 
-/// One service for which a list is judged.
+/// A service for which a list is checked.
 struct judged_service {
     const acl_service_rules& rules;
     std::string user;
@@ -56,7 +56,7 @@ class entry_judge {
 
     std::string sequence(size_t index) const { return std::to_string(entries_[index].sequence); }
 
-    /// An entry that no service makes a rule of either names another port or has a mask that cannot be expressed.
+    /// If no service makes a rule of an entry, it names another port or has a mask that cannot be expressed.
     void judge_ignored(const std::vector<judged_service>& services) {
         std::vector<std::string> other_port;
         std::vector<std::string> odd_mask;

@@ -84,7 +84,7 @@ class entry_writer {
         return true;
     }
 
-    /// Texts that the entry points to.
+    /// Texts that the entry refers to.
     std::vector<std::string> texts;
 
   private:

@@ -199,7 +199,7 @@ class line_parser {
         return true;
     }
 
-    /// A list then shows what it compares, and equal conditions have the same form.
+    /// The list then shows what is really compared, and equal conditions look the same.
     void clear_what_does_not_count(acl_address& address) const {
         for (size_t i = 0; i < address.address.size(); i++) {
             address.address[i] &= ipv6_ ? address.mask[i] : static_cast<uint8_t>(~address.mask[i]);

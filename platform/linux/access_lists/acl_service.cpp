@@ -94,7 +94,7 @@ std::set<acl_change_callback> callbacks_of(const pending_notice& pending) {
     return callbacks;
 }
 
-/// Delivers one notice. What a subscriber has not put in force and not reported itself is reported here.
+/// Delivers one notice. Reports a subscriber's failure unless the subscriber has reported it.
 void deliver(const pending_notice& pending) {
     acl_change_notice notice = {};
     pending.name.copy(notice.acl_name, sizeof(notice.acl_name) - 1);

@@ -36,7 +36,7 @@ platform_status acl_list_replace(uint32_t family, std::string_view name, const s
 platform_status acl_list_delete(uint32_t family, std::string_view name);
 
 /// Notifies the subscribers of all changes now, instead of when control returns to the loop, so that the answer to a
-/// change can tell what came of it. Not from within a subscriber's callback.
+/// change can include the result. Must not be called from within a subscriber's callback.
 void acl_service_notify();
 
 /// The names of all lists of a family, in byte order.

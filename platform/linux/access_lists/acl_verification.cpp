@@ -15,7 +15,7 @@
 
 namespace {
 
-/// Nobody else is served meanwhile. A list of 10,000 entries takes about a second.
+/// The loop is blocked meanwhile. A list of 10,000 entries takes about a second.
 constexpr std::chrono::seconds check_limit{20};
 constexpr size_t refusals_max = 20;
 constexpr size_t shown_rule = 300;
@@ -51,7 +51,7 @@ platform_status make_service_rules(uint32_t family, const service_row& service,
     return PLATFORM_OK;
 }
 
-/// The place of a line in a text; the text's end if there is no such line.
+/// The position of a line in a text; the end of the text if there is no such line.
 size_t offset_of_line(std::string_view text, size_t line) {
     size_t offset = 0;
     for (size_t number = 1; number < line && offset < text.size(); number++) {
@@ -82,7 +82,7 @@ class objector {
         }
     }
 
-    /// Says how many refusals are not among those told.
+    /// Mentions the number of refusals that are not listed.
     void end() {
         if (untold_ > 0) {
             objection_.refusals.push_back(std::to_string(untold_) + " more entries are rejected");

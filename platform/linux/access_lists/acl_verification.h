@@ -1,4 +1,4 @@
-/// Verification of access lists: the rules that the agent would make of them, and what nft says to these rules.
+/// Verification of access lists: the rules that the agent would make of them, checked by nft.
 #ifndef LINUX_ACCESS_LISTS_ACL_VERIFICATION_H
 #define LINUX_ACCESS_LISTS_ACL_VERIFICATION_H
 
@@ -11,7 +11,7 @@
 
 /// The rules of a list for one service.
 struct acl_service_rules {
-    const char* service;  ///< its name
+    const char* service;  ///< name of the service
     uint32_t compared_port;
     std::string text;
     std::vector<acl_entry_rule> entries;  ///< one for each entry of the list, in their order
@@ -22,17 +22,17 @@ struct acl_service_rules {
 platform_status acl_make_rules(uint32_t family, const std::vector<acl_stored_entry>& entries,
                                std::vector<acl_service_rules>& rules);
 
-/// Why a list is not to be stored; both members are empty for a list that can be loaded.
+/// Why a list must not be stored; both members are empty for a list that can be loaded.
 struct acl_objection {
-    std::vector<std::string> refusals;  ///< what nft has against it, by sequence number
+    std::vector<std::string> refusals;  ///< nft's errors, by sequence number
     std::string failure;                ///< why it could not be checked
 };
 
 /// Has nft check what the agent would load for the list, for both services. Takes at most 20 seconds. Without a verifier
-/// there is no objection. May throw std::bad_alloc.
+/// every list is accepted. May throw std::bad_alloc.
 acl_objection acl_check_list(uint32_t family, const std::vector<acl_stored_entry>& entries);
 
-/// For tests: forgets the verifier.
+/// For tests: removes the verifier.
 void acl_verifier_reset();
 
 #endif

@@ -75,7 +75,7 @@ std::string list_text(const family_row& family, std::string_view name) {
     return std::string(family.name) + " access list " + std::string(name);
 }
 
-/// Reads a list. Returns why it confines nobody; empty if it has entries.
+/// Reads a list. Returns why it restricts nobody; empty if it has entries.
 std::string reason_of_openness(const family_row& family, std::string_view name,
                                std::vector<acl_stored_entry>& entries) {
     const platform_status status = acl_list_entries(family.code, name, entries);
@@ -97,12 +97,12 @@ std::string open_port(const service_row& service, std::string_view vrf, const fa
 
 /// A list that items of a commit name.
 struct named_list {
-    std::string reason;  ///< why it confines nobody
+    std::string reason;  ///< why it restricts nobody
     std::vector<acl_stored_entry> entries;
     acl_users users;
 };
 
-/// Judges the items of a commit. Each list is read once, however many items name it.
+/// Checks the items of a commit. Each list is read once, however many items name it.
 class commit_judge {
   public:
     void judge(const service_row& service, std::string_view vrf, const list_names& names) {
@@ -116,7 +116,7 @@ class commit_judge {
         }
     }
 
-    /// Judges the entries of the lists in use.
+    /// Checks the entries of the lists in use.
     void end() {
         for (const auto& [key, list] : lists_) {
             const family_row& family = families[key.first];

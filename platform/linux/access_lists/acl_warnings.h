@@ -1,5 +1,5 @@
-/// Warnings about access lists for the answers to changes: which ports stay open although somebody seems to have wanted
-/// them closed. VRF, service and address family are always named.
+/// Warnings about access lists for the answers to changes: ports that stay open although the operator seems to have
+/// intended to close them. VRF, service and address family are always named.
 #ifndef LINUX_ACCESS_LISTS_ACL_WARNINGS_H
 #define LINUX_ACCESS_LISTS_ACL_WARNINGS_H
 
@@ -12,11 +12,11 @@
 
 /// Warnings about the VRF items of a commit that was carried out or checked: each list that does not exist or is empty,
 /// each address family without a list while the other one has a list, lists that a running server has lost, and entries
-/// that do not do what they seem to say. May throw std::bad_alloc.
+/// with another effect than they seem to have. May throw std::bad_alloc.
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items);
 
-/// Warnings about a list that was set or deleted: each port that it leaves open because it has no entries any more, and
-/// entries that do not do what they seem to say. May throw std::bad_alloc.
+/// Warnings about a list that was set or deleted: each port that it leaves open because it has no entries any longer, and
+/// entries with another effect than they seem to have. May throw std::bad_alloc.
 std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name);
 
 #endif

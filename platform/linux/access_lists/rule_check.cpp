@@ -29,8 +29,8 @@ constexpr size_t words_max = size_t{64} * 1024;
 constexpr int rejected_status = 1;      ///< nft's own
 constexpr int no_verdict_status = 125;  ///< of a child that could not become nft
 
-/// The child: becomes nft in a namespace without anything. Nothing of the machine's own namespaces can be reached, and if
-/// there is no new namespace, nft does not run at all.
+/// The child: executes nft in empty namespaces. Nothing in the machine's own namespaces can be reached, and without a new
+/// namespace nft does not run at all.
 [[noreturn]] void become_nft(int rules, int words, pid_t parent) {
     sigset_t none;
     sigemptyset(&none);
@@ -50,7 +50,7 @@ constexpr int no_verdict_status = 125;  ///< of a child that could not become nf
     _exit(no_verdict_status);
 }
 
-/// One nft at work.
+/// A running nft.
 class nft_run {
   public:
     explicit nft_run(std::string_view text) {
@@ -116,7 +116,7 @@ class nft_run {
         return ready > 0;
     }
 
-    /// Collects the child, which it kills first if it must. Returns its wait status.
+    /// Reaps the child, after killing it if necessary. Returns its wait status.
     int end(bool kill_first) {
         int status = -1;
         if (child_ > 0) {

@@ -27,7 +27,7 @@ struct wished_list {
     std::string name;
 };
 
-/// Reads family and name. Returns null, or an answer that says what is wrong.
+/// Reads family and name. Returns null, or an answer that describes the error.
 control_json read_wish(const control_json& request, wished_list& wish) {
     const std::string* family = control_text_member(request, "family");
     const std::string* name = control_text_member(request, "name");
@@ -134,8 +134,8 @@ control_json read_list(uint32_t family, const control_json& request, std::vector
     return control_wrong_member("entries", "an array of entries");
 }
 
-/// A list without entries opens the port, and is more often the end of a broken pipe than meant. Returns null if the
-/// request says that it is meant.
+/// A list without entries opens the port, and is more often the result of a broken pipe than intended. Returns null if
+/// the request says that it is intended.
 control_json check_empty(const wished_list& wish, const control_json& request) {
     const auto empty = request.find("empty");
     if (empty != request.end() && !empty->is_boolean()) {
@@ -149,7 +149,7 @@ control_json check_empty(const wished_list& wish, const control_json& request) {
                                                        "the port open; if that is intended, use --empty");
 }
 
-/// Refuses what could be stored but not loaded. Returns null for a list without objection.
+/// Refuses a list that could be stored but not loaded. Returns null if nothing is wrong with it.
 control_json check_loadable(const wished_list& wish, const std::vector<acl_stored_entry>& entries) {
     const acl_objection objection = acl_check_list(wish.family->code, entries);
     std::string message;

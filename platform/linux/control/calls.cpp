@@ -8,12 +8,12 @@
 
 namespace {
 
-/// What a call does while this node is a standby.
+/// How a call behaves while this node is a standby.
 enum class on_standby : uint8_t {
-    serve,    ///< as ever
-    read,     ///< as ever, from the database, which is open meanwhile
-    nothing,  ///< it has nothing to read: what it tells of does not exist on a standby
-    refuse    ///< it is a change
+    serve,    ///< as usual
+    read,     ///< as usual, from the database, which is opened for the call
+    nothing,  ///< there is no data: its subject does not exist on a standby
+    refuse    ///< refused, because it is a change
 };
 
 struct call_row {
@@ -56,7 +56,7 @@ constexpr call_row calls[] = {
     {"reload_state", control_call_reload_state, on_standby::refuse},
 };
 
-/// Commits tell for themselves what they have not put in force. Other changes (of access lists and keys) are told of here.
+/// Answers to commits already name what is not in force. This adds it to other changes (of access lists and keys).
 control_json answer_with_failures(const call_row& row, const control_json& request, const control_peer& peer) {
     const enforcement_collector collector;
     control_json answer = row.answer(request, peer);
@@ -74,7 +74,7 @@ control_json answer_with_failures(const call_row& row, const control_json& reque
     return answer;
 }
 
-/// The primary node may replace the database's file at any time, so a standby has it open only while it reads.
+/// The primary node may replace the database's file at any time, so a standby opens it only while reading.
 control_json read_on_standby(const call_row& row, const control_json& request, const control_peer& peer) {
     const platform_status status = datastore_open();
     if (status != PLATFORM_OK) {

@@ -24,11 +24,11 @@
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
 /// An answer with "next" is not final: the client makes the request in it after a short pause.
-/// While this node is a standby, status tells that; changes are refused, and what only a primary node has is no data.
+/// On a standby node status reports that; changes are refused, and there is no data that only a primary node has.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object, vrf_unblock an array of the services that were opened. An entry of a trace has time, point (the number), name (null for a point without a description),
-/// arguments (an object by label) and, when the argument "status" tells of a failure, error (its text). Commits answer with "items" (path and outcome).
+/// arguments (an object by label) and, if the argument "status" is a failure, error (its text). Commits answer with "items" (path and outcome).
 /// Changes that are stored but not all in force answer with result "not_in_force" and "not_in_force" (an array of objects
 /// with subject and reason). "data" of verify is an array of differences (objects with subject and text), and the result
 /// is "failed" when there are any. "data" of repair has two such arrays, "repaired" and "remaining"; the result is "failed"

@@ -22,7 +22,7 @@ control_json control_data_answer(control_json data);
 /// "stored, not in force: SUBJECT: REASON".
 std::string control_not_in_force_text(const enforcement_entry& entry);
 
-/// Makes the answer to a change that was stored one that tells what is not in force: result, message and "not_in_force".
+/// Changes the answer to a stored change into one that names what is not in force: result, message and "not_in_force".
 void control_tell_not_in_force(control_json& answer, const std::vector<enforcement_entry>& entries);
 
 /// Adds warnings to the answer to a change, in the array "warnings". The change is done nevertheless.
@@ -64,7 +64,7 @@ control_json control_call_vrf_unblock(const control_json& request, const control
 control_json control_call_verify(const control_json& request, const control_peer& peer);
 control_json control_call_repair(const control_json& request, const control_peer& peer);
 
-// What is, beside what is configured (status_calls.cpp).
+// The real state compared with the configuration (status_calls.cpp).
 control_json control_call_status(const control_json& request, const control_peer& peer);
 
 // The platform's state (state_calls.cpp).

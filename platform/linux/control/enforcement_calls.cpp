@@ -1,4 +1,4 @@
-/// Calls that compare the configuration with the machine, and what changes tell of what is not in force.
+/// Calls that compare the configuration with the machine, and the part of other answers that names what is not in force.
 #include <algorithm>
 #include <iterator>
 

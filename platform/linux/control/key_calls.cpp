@@ -12,7 +12,7 @@ namespace {
 
 constexpr size_t shown_name = 80;
 
-/// Reads the member `user`. Returns null, or an answer that says what is wrong.
+/// Reads the member `user`. Returns null, or an answer that describes the error.
 control_json read_user(const control_json& request, std::string& user) {
     const std::string* name = control_text_member(request, "user");
     if (name == nullptr) {

@@ -1,4 +1,4 @@
-/// The state of the agent and its VRFs: what is, beside what is configured.
+/// The state of the agent and its VRFs as it really is, compared with the configuration.
 #include <time.h>
 #include <unistd.h>
 
@@ -99,7 +99,7 @@ control_json problems_json(const std::vector<enforcement_difference>& problems) 
     return list;
 }
 
-/// Adds what the agent's own comparison finds and the status does not show.
+/// Adds the findings of the agent's own comparison that the status does not show.
 void add_comparison(std::vector<enforcement_difference>& problems) {
     const enforcement_comparison comparison =
         enforcement_can_compare() ? enforcement_reconcile(false) : enforcement_comparison{};

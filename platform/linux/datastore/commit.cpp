@@ -97,7 +97,7 @@ bool refuse_store(datastore_commit_result& result, platform_status status) {
 
 // The functions below fill or carry out a plan; they return false if they have refused the commit.
 
-/// Reads what is stored now; a missing item is not a failure.
+/// Reads the stored values; a missing item is not a failure.
 bool read_previous(const std::string& path, planned_change& planned, datastore_commit_result& result) {
     datastore_stored stored;
     const platform_status status = datastore_stored_get(path, stored);
@@ -286,7 +286,7 @@ bool store_all(const commit_plan& plan, datastore_commit_result& result) {
     return false;
 }
 
-/// An applier's failure makes its item something that is not in force.
+/// After a failed applier its item is not in force.
 void report_apply(const std::string& path, platform_status status) {
     if (status == DATASTORE_NO_HANDLER) {
         enforcement_failed(path.c_str(), "not supported by this version");
@@ -395,8 +395,8 @@ bool repeats_a_value(const commit_plan& plan) {
     return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return !item.second.changes(); });
 }
 
-/// Carries the stored plan out. Whoever configures a value again, because it is not in force, is helped by a repair: no
-/// applier is called for it.
+/// Executes the stored plan. Setting an unchanged value that is not in force causes a repair: no applier is called for
+/// it.
 std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
     const enforcement_collector collector;
     carry_out(plan);

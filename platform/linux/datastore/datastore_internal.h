@@ -51,7 +51,7 @@ struct datastore_commit_result {
     std::string path;                           ///< the refused path, empty when the whole commit is refused
     std::string message;                        ///< complete message for the operator; empty on success
     std::vector<datastore_item_outcome> items;  ///< in byte order of the paths
-    /// What was reported during the commit. When an item had its new value already, everything that is not in force.
+    /// Reports during the commit. If an item already had its new value, everything that is not in force.
     std::vector<enforcement_entry> not_in_force;
     /// What the commit would do to this machine; nothing if it was not rehearsed.
     std::optional<rehearsal_report> rehearsal;

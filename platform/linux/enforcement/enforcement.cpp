@@ -28,7 +28,7 @@ struct enforcement_state {
 
 enforcement_state state;
 
-/// What a comparison has reported so far.
+/// The reports of a comparison so far.
 struct reported_differences {
     std::vector<enforcement_difference> list;
     bool complete = true;  ///< false if memory ran out
@@ -198,7 +198,7 @@ bool enforcement_can_compare() {
 
 namespace {
 
-/// Adds what only the platform can tell: whether the servers run with their present files.
+/// Adds the findings of the platform itself: whether the servers run with their current files.
 void add_server_files(bool repair, reported_differences& reported, int& remaining) {
     for (server_file_difference& difference : server_file_differences()) {
         if (repair) {

@@ -37,7 +37,7 @@ void repair() {
 
 int repair_is_due(sd_event_source*, uint64_t, void*);
 
-/// The loop's own clock stands still while a handler runs, and a repair may take longer than the delay.
+/// The loop's own clock does not advance while a handler runs, and a repair may take longer than the delay.
 uint64_t present_time() {
     struct timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);

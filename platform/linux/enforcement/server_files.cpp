@@ -30,7 +30,7 @@ std::string subject_of(std::string_view vrf_name) {
     return std::string("server file ").append(vrf_name);
 }
 
-/// Calls `take` with the record of each VRF whose server still runs.
+/// Calls `take` with the record of each VRF whose server is still running.
 template <typename Take>
 void for_each_record(const Take& take) {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(records), closedir);

@@ -1,7 +1,7 @@
-/// Servers that do not run with their present file, because sshd rejected it.
+/// Servers that do not run with their current file because sshd rejected it.
 ///
-/// The launcher then starts the server with the last good file, so that nobody is locked out; systemd sees a server that
-/// runs.
+/// The launcher then starts the server with the last good file, so that nobody is locked out, and systemd considers the
+/// unit running.
 #ifndef LINUX_ENFORCEMENT_SERVER_FILES_H
 #define LINUX_ENFORCEMENT_SERVER_FILES_H
 
@@ -14,7 +14,7 @@ struct server_file_difference {
 };
 
 /// One difference, under the subject "server file VRF", for each running server that uses an earlier file, with sshd's own
-/// words. Reads the launchers' records (common/launch_record.h). Throws std::bad_alloc.
+/// message. Reads the launchers' records (common/launch_record.h). Throws std::bad_alloc.
 std::vector<server_file_difference> server_file_differences();
 
 /// Reports these servers as not in force, and the others as in force. Does nothing when out of memory.

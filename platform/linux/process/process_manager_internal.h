@@ -24,7 +24,7 @@ void process_manager_count_start();
 /// when what is configured is in force; on a standby as soon as it waits to become primary.
 void process_manager_notify_ready();
 
-/// For tests: forgets the count and gives the lock back, as the end of the process does.
+/// For tests: resets the count and releases the lock, as the end of the process does.
 void process_manager_reset();
 
 #endif

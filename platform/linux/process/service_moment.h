@@ -1,6 +1,6 @@
 /// Where the event manager lets the platform's other services start and stop.
 ///
-/// Which services there are is not this folder's business: linux/start.cpp has their table and defines these functions.
+/// The services themselves are listed in linux/start.cpp, which defines these functions.
 #ifndef LINUX_PROCESS_SERVICE_MOMENT_H
 #define LINUX_PROCESS_SERVICE_MOMENT_H
 

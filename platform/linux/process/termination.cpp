@@ -16,10 +16,10 @@ namespace {
 
 constexpr int signals[] = {SIGTERM, SIGINT};
 
-/// Before all others: the end is scheduled at once, behind everything that is due.
+/// Before all others: the end is scheduled immediately, after everything that is due.
 constexpr int64_t termination_priority = -130;
 
-/// Time for what is due in the loop. Callers that keep asking must not hold up the end of the process.
+/// Time limit for what is due in the loop. Callers that keep polling must not delay the end of the process.
 constexpr uint64_t last_time = 2'000'000;  ///< microseconds
 
 bool requested = false;
@@ -47,7 +47,7 @@ int hand_over(sd_event_source* source, int64_t priority) {
     return result;
 }
 
-/// Ends the process when nothing else is due, or when the time is up.
+/// Ends the process when nothing else is due, or when the time limit is reached.
 int schedule_end(sd_event* loop) {
     sd_event_source* source = nullptr;
     int result = sd_event_add_defer(loop, &source, nothing_is_due, nullptr);

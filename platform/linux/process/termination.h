@@ -4,13 +4,12 @@
 
 #include <systemd/sd-event.h>
 
-/// Blocks both signals and has the loop wait for them. When one has arrived, the running handler finishes its work, with
-/// the whole of a commit; the loop then carries out what is due, such as the opening of VRFs and the sending of answers,
-/// for at most two seconds; then the services stop and the process ends with status 0. Returns 0 or a negative errno
-/// value.
+/// Blocks both signals and makes the loop wait for them. When one arrives, the running handler completes its work,
+/// including a whole commit; the loop then handles what is due, such as opening VRFs and sending answers, for at most two
+/// seconds; then the services stop and the process ends with status 0. Returns 0 or a negative errno value.
 int termination_watch(sd_event* loop);
 
-/// Whether the process is to end as soon as its present work is done.
+/// Whether the process will end after its current work.
 bool termination_is_pending();
 
 #endif

@@ -56,7 +56,7 @@ std::set<uint64_t> sockets_of(pid_t process) {
     return sockets;
 }
 
-/// Asks for the listening sockets of a family in the present namespace. The files in /proc/net would make the kernel go
+/// Queries the listening sockets of a family in the current namespace. The files in /proc/net would make the kernel go
 /// through the connections of all namespaces.
 bool ask_for_listeners(int fd, uint8_t family) {
     struct {
@@ -98,7 +98,7 @@ void add_ports(uint8_t family, const std::set<uint64_t>& sockets, std::set<uint1
     }
 }
 
-/// Enters the process's namespace for good.
+/// Enters the process's namespace permanently.
 std::set<uint16_t> ports_of(pid_t process) {
     const std::set<uint64_t> sockets = sockets_of(process);
     std::set<uint16_t> ports;
@@ -110,7 +110,7 @@ std::set<uint16_t> ports_of(pid_t process) {
     return ports;
 }
 
-/// The child: writes a line for each port, with the process's position before it.
+/// The child: writes a line for each port, preceded by the index of its process.
 int write_ports(const std::vector<pid_t>& processes, int fd) {
     for (size_t i = 0; i < processes.size(); i++) {
         for (const uint16_t port : ports_of(processes[i])) {

@@ -1,4 +1,4 @@
-/// Where a process listens, as the kernel knows it.
+/// The ports on which a process listens, as reported by the kernel.
 #ifndef LINUX_STATUS_LISTENING_PORTS_H
 #define LINUX_STATUS_LISTENING_PORTS_H
 
@@ -11,11 +11,11 @@
 
 #include "platform/status.h"
 
-/// Stores for each process the TCP ports on which it listens itself, in its own network namespace: none if it is gone. A
-/// child process enters the namespaces, one after the other, for at most three seconds altogether (ETIMEDOUT).
+/// Stores for each process the TCP ports on which it listens in its own network namespace; none if it has ended. A child
+/// process enters the namespaces, one after the other, for at most three seconds altogether (ETIMEDOUT).
 platform_status listening_ports_query(const std::vector<pid_t>& processes, std::vector<std::set<uint16_t>>& ports);
 
-/// Whether the process runs in another network namespace than the VRF's present one; false if either is gone.
+/// Whether the process runs in another network namespace than the VRF's current one; false if either no longer exists.
 bool runs_in_another_namespace(pid_t process, const std::string& vrf_name);
 
 #endif

@@ -44,7 +44,7 @@ constexpr table_row tables[] = {
     {MPP_SERVICE_NETCONF, ACL_FAMILY_IPV6, NFPROTO_IPV6, "netconf_v6acl"},
 };
 
-/// Whether the table in the present namespace has a rule. The answer's first message tells; the rest is not read.
+/// Whether the table in the current namespace has a rule. Only the first message of the answer is needed.
 bool has_rules(const table_row& row) {
     const file_descriptor socket_fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER));
     alignas(nlmsghdr) std::array<char, 256> request = {};
@@ -73,7 +73,7 @@ bool enter(const std::string& vrf_name) {
     return target.get() >= 0 && setns(target.get(), CLONE_NEWNET) == 0;
 }
 
-/// The child: writes one character for each place. The places of one VRF are neighbours.
+/// The child: writes one character for each place. The places of one VRF are adjacent.
 int write_findings(const std::vector<rule_place>& places, int fd) {
     std::string findings;
     const std::string* entered = nullptr;

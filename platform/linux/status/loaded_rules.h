@@ -1,4 +1,4 @@
-/// Which access lists' rules the kernel has.
+/// The access lists whose rules are loaded in the kernel.
 #ifndef LINUX_STATUS_LOADED_RULES_H
 #define LINUX_STATUS_LOADED_RULES_H
 
@@ -21,7 +21,7 @@ struct rule_place {
     }
 };
 
-/// Finds out for which of the places the kernel has any rules. A child process enters the namespaces, one after the other,
+/// Determines for which of the places the kernel has any rules. A child process enters the namespaces, one after the other,
 /// for at most three seconds altogether (ETIMEDOUT). A VRF without a namespace has no rules.
 platform_status loaded_rules_query(const std::vector<rule_place>& places, std::set<rule_place>& loaded);
 

@@ -112,7 +112,7 @@ platform_status take_units(vrf_map& vrfs) {
     return status;
 }
 
-/// The record of another process than the running server's is not about that server.
+/// A record with another process than the running server's describes a different server.
 std::optional<launch_record> launch_of(const vrf_status& vrf) {
     launch_record record;
     const bool is_read = launch_record_read(vrf.name, record) == PLATFORM_OK;

@@ -1,4 +1,4 @@
-/// How the machine is, VRF by VRF, beside what is configured.
+/// The state of the machine for each VRF, compared with the configuration.
 #ifndef LINUX_STATUS_MACHINE_STATUS_H
 #define LINUX_STATUS_MACHINE_STATUS_H
 
@@ -21,7 +21,7 @@ enum class list_state : uint8_t {
     waiting,     ///< for the VRF's namespace
     no_list,     ///< the item names a list that does not exist
     empty,       ///< the list has no entries
-    unknown      ///< the kernel could not be asked
+    unknown      ///< the kernel could not be queried
 };
 
 /// An access list that an item names.
@@ -38,30 +38,30 @@ struct vrf_status {
     std::set<uint32_t> services;  ///< configured ones: MPP_SERVICE_SSH, MPP_SERVICE_NETCONF
     bool has_namespace = false;
     std::optional<server_unit_state> unit;  ///< nothing if systemd did not answer
-    bool runs_elsewhere = false;            ///< the server is in another namespace than the VRF's present one
+    bool runs_elsewhere = false;            ///< the server is in another namespace than the VRF's current one
     std::set<uint16_t> ports;               ///< where the server listens
     std::optional<launch_record> launch;    ///< of the running server, or of the last attempt to start one
     std::vector<list_status> lists;
     mpp_vrf_status protection = {};
-    std::vector<enforcement_entry> failures;  ///< what is recorded as not in force and concerns this VRF
+    std::vector<enforcement_entry> failures;  ///< failures recorded as not in force that concern this VRF
 };
 
 struct machine_status {
     std::vector<vrf_status> vrfs;  ///< those with a configured service or a running server, in byte order of the names
-    std::vector<enforcement_entry> failures;  ///< all that is recorded as not in force
-    platform_status units = PLATFORM_OK;      ///< whether systemd has told its units' states
-    platform_status ports = PLATFORM_OK;      ///< whether the kernel has told the listening sockets
-    platform_status rules = PLATFORM_OK;      ///< whether the kernel has told its rules
+    std::vector<enforcement_entry> failures;  ///< everything recorded as not in force
+    platform_status units = PLATFORM_OK;      ///< whether systemd reported the states of its units
+    platform_status ports = PLATFORM_OK;      ///< whether the kernel reported the listening sockets
+    platform_status rules = PLATFORM_OK;      ///< whether the kernel reported its rules
 };
 
-/// Looks at everything. Takes at most a few seconds, whatever hangs. Returns an error only if the configuration or the
+/// Examines everything. Takes at most a few seconds, whatever hangs. Returns an error only if the configuration or the
 /// VRF table cannot be read. Throws std::bad_alloc.
 platform_status machine_status_collect(machine_status& machine);
 
 /// The TCP port of a service.
 uint16_t service_port(uint32_t service);
 
-/// "ssh" or "netconf", "ipv4" or "ipv6", and the states as machines read them: "loaded", "not_loaded", ...
+/// "ssh" or "netconf", "ipv4" or "ipv6", and the states in machine-readable form: "loaded", "not_loaded", ...
 const char* service_word(uint32_t service);
 const char* family_word(uint32_t family);
 const char* list_state_word(list_state state);

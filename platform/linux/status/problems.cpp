@@ -84,7 +84,7 @@ class vrf_judge {
         }
     }
 
-    /// A VRF stays blocked when its server did not start.
+    /// A VRF whose server did not start stays blocked.
     std::string reason_of_block() const {
         for (const enforcement_entry& failure : vrf_.failures) {
             if (failure.subject == "server " + vrf_.name) {

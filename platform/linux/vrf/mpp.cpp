@@ -58,7 +58,7 @@ filter_ports ports_to_block(const vrf_state& vrf) {
     return vrf.blocked ? filter_all_ports : vrf.unlisted;
 }
 
-/// To be called whenever `blocked` or `unlisted` may have changed.
+/// Must be called whenever `blocked` or `unlisted` may have changed.
 void note_moment(vrf_state& vrf) {
     if (ports_to_block(vrf) == 0) {
         vrf.closed_since = 0;
@@ -79,7 +79,7 @@ platform_status report(vrf_state& vrf, platform_status status, const std::string
     return status;
 }
 
-/// The kernel's state of the VRF is gone or does not exist yet; what the agent has requested stays.
+/// The kernel's state of the VRF is gone or does not exist yet; the agent's requests are kept.
 void forget_filter(vrf_state& vrf) {
     const uint32_t services = vrf.services;
     vrf = {};

@@ -164,7 +164,7 @@ void add_ports(filter_batch& batch, filter_ports ports) {
     batch.end_message();
 }
 
-/// Removes all ports from the set, whichever it has.
+/// Removes all ports from the set.
 void remove_ports(filter_batch& batch) {
     const set_pointer set = make_set();
     nftnl_set_elems_nlmsg_build_payload(batch.begin_message(NFT_MSG_DELSETELEM), set.get());
@@ -277,7 +277,7 @@ uint32_t flags_for(filter_ports blocked) {
     return blocked != 0 ? 0 : NFT_TABLE_F_DORMANT;
 }
 
-/// What the set has: everything while the table is dormant.
+/// The elements of the set: all ports while the table is dormant.
 filter_ports ports_for(filter_ports blocked) {
     return blocked != 0 ? blocked : filter_all_ports;
 }

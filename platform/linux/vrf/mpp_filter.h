@@ -49,7 +49,7 @@ inline constexpr filter_ports filter_all_ports = 15;
 /// Creates the table, with these ports blocked. A table of another version under its name is replaced in the same step.
 platform_status mpp_filter_make(const std::string& vrf_name, filter_ports blocked, std::string& failure);
 
-/// Blocks these ports, not none, and opens the others; creates the table if the namespace has none, or has another
+/// Blocks these ports (at least one) and opens the others; creates the table if the namespace has none, or has another
 /// version's.
 platform_status mpp_filter_block(const std::string& vrf_name, filter_ports blocked, std::string& failure);
 

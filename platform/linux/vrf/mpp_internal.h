@@ -10,23 +10,23 @@
 
 struct mpp_vrf_status {
     std::string vrf_name;             ///< without prefix
-    bool ssh;                         ///< the SSH service is marked for the VRF
-    bool netconf;                     ///< the NETCONF service is marked for the VRF
+    bool ssh;                         ///< the SSH service is set for the VRF
+    bool netconf;                     ///< the NETCONF service is set for the VRF
     bool initialised;                 ///< the namespace has the packet-filter table
     bool blocked;                     ///< no new connection is let in
     bool unblock_requested;           ///< will be opened when control returns to the loop
-    std::vector<std::string> closed;  ///< services blocked for want of their access list, such as "ssh ipv4"
+    std::vector<std::string> closed;  ///< services blocked because their access list is not loaded, such as "ssh ipv4"
     time_t closed_since;  ///< since when new connections are blocked, of all services or of some; 0 if they are not
 };
 
 /// Every VRF that the service knows, in byte order of the names.
 std::vector<mpp_vrf_status> mpp_status();
 
-/// Lifts all blocks of a VRF at once, on an operator's request, and stores the services that were blocked: none if nothing
-/// was. On failure, which is logged, everything stays blocked.
+/// Lifts all blocks of a VRF immediately, on an operator's request, and stores the services that were blocked; none if
+/// nothing was blocked. On failure, which is logged, everything stays blocked.
 platform_status mpp_lift_blocks(const std::string& vrf_name, std::vector<std::string>& lifted);
 
-/// For tests: forgets everything, as a new process would. The packet filters stay as they are.
+/// For tests: resets everything, as in a new process. The packet filters remain.
 void mpp_reset();
 
 #endif

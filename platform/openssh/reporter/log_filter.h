@@ -1,5 +1,5 @@
-/// Decides which lines of sshd or ssh reach the operator's log or the user's terminal, since LogVerbose forces out
-/// lines that nobody asked for.
+/// Decides which lines of sshd or ssh reach the operator's log or the user's terminal, since LogVerbose also forces out
+/// lines below the operator's log level.
 ///
 /// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
 #ifndef OPENSSH_REPORTER_LOG_FILTER_H

@@ -11,7 +11,7 @@ namespace openssh {
 struct responder_options {
     /// Datagram socket for reports, bound by the service manager; the responder does not close it.
     int report_socket = -1;
-    /// Becomes readable when the responder is to end.
+    /// Becomes readable when the responder must end.
     int stop = -1;
     std::string socket_prefix = "/run/norvossh_oper";  ///< followed by the pid of the session's process
     std::string state_folder = "/run/ssh_cfg_agent/sessions";

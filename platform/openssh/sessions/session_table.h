@@ -27,7 +27,7 @@ struct session_entry {
     session_facts facts;
     int process = -1;      ///< descriptor that becomes readable when the process ends
     bool changed = false;  ///< since it was last stored
-    bool moved = false;    ///< continues in another process and is to be removed here
+    bool moved = false;    ///< continues in another process and must be removed here
 };
 
 /// An outgoing session whose process has ended, but which may continue in another.

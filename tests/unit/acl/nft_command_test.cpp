@@ -15,7 +15,7 @@ namespace {
 
 constexpr char standard_error[] = "/tmp/standard_error";
 
-/// Leads the process's own standard error into a file while it lives.
+/// Redirects the standard error of this process to a file during its lifetime.
 class caught_standard_error {
   public:
     caught_standard_error() : saved_(dup(STDERR_FILENO)) {
@@ -35,78 +35,78 @@ class caught_standard_error {
 };
 
 std::string shortened(const char* text) {
-    char words[200];
-    snprintf(words, sizeof words, "%s", text);
-    shorten_complaint(words);
-    return words;
+    char message[200];
+    snprintf(message, sizeof message, "%s", text);
+    shorten_nft_message(message);
+    return message;
 }
 
 }  // namespace
 
-TEST(command_words_test, hears_what_a_command_says_and_passes_it_on) {
-    char words[100];
+TEST(nft_command_test, keeps_and_passes_on_the_error_messages) {
+    char message[100];
     {
         const caught_standard_error caught;
-        EXPECT_NE(run_command("echo one >&2; echo two >&2; exit 3", words, sizeof words), 0);
+        EXPECT_NE(run_nft_command("echo one >&2; echo two >&2; exit 3", message, sizeof message), 0);
     }
-    EXPECT_STREQ(words, "one\ntwo\n");
+    EXPECT_STREQ(message, "one\ntwo\n");
     EXPECT_EQ(read_file(standard_error), "one\ntwo\n");
 }
 
-TEST(command_words_test, a_silent_command_has_no_words) {
-    char words[100] = "before";
-    EXPECT_EQ(run_command("true", words, sizeof words), 0);
-    EXPECT_STREQ(words, "");
+TEST(nft_command_test, a_silent_command_leaves_no_message) {
+    char message[100] = "before";
+    EXPECT_EQ(run_nft_command("true", message, sizeof message), 0);
+    EXPECT_STREQ(message, "");
 }
 
-TEST(command_words_test, long_words_are_cut) {
-    char words[10];
+TEST(nft_command_test, a_long_message_is_truncated) {
+    char message[10];
     const caught_standard_error caught;
-    run_command("echo 0123456789abcdef >&2", words, sizeof words);
-    EXPECT_STREQ(words, "012345678");
+    run_nft_command("echo 0123456789abcdef >&2", message, sizeof message);
+    EXPECT_STREQ(message, "012345678");
 }
 
-TEST(command_words_test, errno_is_what_it_was) {
-    char words[100];
+TEST(nft_command_test, leaves_errno_alone) {
+    char message[100];
     const caught_standard_error caught;
     for (const int before : {0, EEXIST}) {
         errno = before;
-        run_command("echo words >&2; false", words, sizeof words);
+        run_nft_command("echo message >&2; false", message, sizeof message);
         EXPECT_EQ(errno, before);
     }
 }
 
-TEST(command_words_test, no_descriptor_is_left_behind) {
+TEST(nft_command_test, closes_its_descriptors) {
     const int before = dup(0);
     close(before);
-    char words[100];
+    char message[100];
     for (int i = 0; i < 5; i++) {
-        run_command("true", words, sizeof words);
+        run_nft_command("true", message, sizeof message);
     }
     const int after = dup(0);
     close(after);
     EXPECT_EQ(after, before);
 }
 
-TEST(command_words_test, runs_the_command_also_when_no_descriptor_is_left) {
-    // The command itself has room again: what fills the table is closed when it is executed.
+TEST(nft_command_test, runs_the_command_when_all_descriptors_are_in_use) {
+    // The command itself has descriptors again, because those of this process are closed on exec.
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit few = {20, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
     while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
     }
-    char words[100] = "before";
+    char message[100] = "before";
     errno = EEXIST;
-    const int result = run_command("exit 0", words, sizeof words);
+    const int result = run_nft_command("exit 0", message, sizeof message);
     const int after = errno;
     setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(after, EEXIST);
-    EXPECT_STREQ(words, "");
+    EXPECT_STREQ(message, "");
 }
 
-TEST(command_words_test, a_complaint_becomes_one_line) {
+TEST(nft_command_test, a_message_is_reduced_to_one_line) {
     EXPECT_EQ(shortened("f.nft:7:3-9: Error: wrong\n    ip6 saddr ::\n    ^^^\nf.nft:8:1-2: Error: more\n"),
               "f.nft:7:3-9: Error: wrong ip6 saddr ::");
     EXPECT_EQ(shortened("one line"), "one line");

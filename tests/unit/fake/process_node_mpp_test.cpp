@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(fake_services, protection_records_its_state) {
+TEST(fake_process_node_mpp, protection_records_its_state) {
     EXPECT_EQ(mpp_init(MPP_SERVICE_SSH), PLATFORM_OK);
     EXPECT_TRUE(fake_platform::mpp_open(MPP_SERVICE_SSH));
     mpp_vrf_set(MPP_SERVICE_SSH, "red");
@@ -39,7 +39,7 @@ TEST(fake_services, protection_records_its_state) {
     EXPECT_FALSE(fake_platform::mpp_open(MPP_SERVICE_SSH));
 }
 
-TEST(fake_services, every_protection_call_can_fail_and_then_does_nothing) {
+TEST(fake_process_node_mpp, every_protection_call_can_fail_and_then_does_nothing) {
     for (const char* operation :
          {"mpp_init", "mpp_vrf_set", "mpp_vrf_unset", "mpp_vrf_nft_init", "mpp_vrf_block", "mpp_vrf_unblock",
           "mpp_service_block", "mpp_service_unblock", "mpp_namespace_created", "mpp_namespace_deleted"}) {
@@ -61,7 +61,7 @@ TEST(fake_services, every_protection_call_can_fail_and_then_does_nothing) {
     EXPECT_FALSE(fake_platform::namespace_announced("vrf-red"));
 }
 
-TEST(fake_services, vrfs_have_permanent_numbers) {
+TEST(fake_process_node_mpp, vrfs_have_permanent_numbers) {
     uint32_t red = 0;
     uint32_t blue = 0;
     uint32_t again = 0;
@@ -78,7 +78,7 @@ TEST(fake_services, vrfs_have_permanent_numbers) {
     EXPECT_EQ(again, 0xffffffffu);
 }
 
-TEST(fake_services, the_process_manager_reports_the_configured_values) {
+TEST(fake_process_node_mpp, the_process_manager_reports_the_configured_values) {
     EXPECT_EQ(process_manager_role(), uint32_t{PROCESS_ROLE_PRIMARY});
     EXPECT_EQ(process_manager_respawn_count(), 1u);
     fake_platform::set_role(2);
@@ -93,7 +93,7 @@ TEST(fake_services, the_process_manager_reports_the_configured_values) {
     EXPECT_EQ(fake_platform::count_calls("process_manager_ready"), 1u);
 }
 
-TEST(fake_services, the_node_has_a_number_and_a_name) {
+TEST(fake_process_node_mpp, the_node_has_a_number_and_a_name) {
     uint32_t id = 0;
     char name[8] = "";
     fake_platform::set_node(5, "node-five");
@@ -104,7 +104,7 @@ TEST(fake_services, the_node_has_a_number_and_a_name) {
     EXPECT_EQ(node_identity_name(99, name, sizeof name), platform_status{ENOENT});
 }
 
-TEST(fake_services, file_systems_are_listed) {
+TEST(fake_process_node_mpp, file_systems_are_listed) {
     fake_platform::set_file_systems({"a:", "b:"});
     const char* const* names = file_system_list_get();
     ASSERT_NE(names, nullptr);
