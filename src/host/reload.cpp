@@ -112,12 +112,12 @@ int32_t session_id(const char* line) {
     return whole && allowed ? static_cast<int32_t>(number) : 0;
 }
 
-/// Reads at most `capacity` ids. Other processes may be listed, too: any user can name a process like a wrapper.
-uint32_t read_ids(FILE* file, int32_t* ids, uint32_t capacity) {
+/// Reads at most `ids_size` ids. Other processes may be listed, too: any user can name a process like a wrapper.
+uint32_t read_ids(FILE* file, int32_t* ids, uint32_t ids_size) {
     uint32_t count = 0;
     char* line = nullptr;
     size_t capacity = 0;
-    while (count < capacity && getline(&line, &capacity, file) >= 0) {
+    while (count < ids_size && getline(&line, &capacity, file) >= 0) {
         ids[count] = session_id(line);
         count += ids[count] != 0 && is_session_process(ids[count]) ? 1 : 0;
     }

@@ -67,9 +67,7 @@ TEST_P(algorithm_lists_test, removing_the_key_exchange_item_restores_the_fips_de
     turn_fips(true);
     commit_ok(kex({"ecdh-sha2-nistp256"}));
     commit_ok(remove(kex({}).path));
-    EXPECT_EQ(line("KexAlgorithms"),
-              "ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
-              "diffie-hellman-group14-sha256,diffie-hellman-group16-sha512");
+    EXPECT_EQ(line("KexAlgorithms"), fips_kex_list);
     EXPECT_STREQ(state().kex->current, default_kex_list);
     turn_fips(false);
     EXPECT_EQ(line("KexAlgorithms"), default_kex_list);
@@ -180,8 +178,7 @@ TEST_P(algorithm_lists_test, removing_the_cipher_item_restores_the_fips_default)
     turn_fips(true);
     commit_ok(cipher({"aes128-ctr"}));
     commit_ok(remove(cipher({}).path));
-    constexpr char narrow[] = "aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com";
-    EXPECT_EQ(line("Ciphers"), narrow);
+    EXPECT_EQ(line("Ciphers"), fips_cipher_list);
     turn_fips(false);
     EXPECT_EQ(line("Ciphers"), default_cipher_list);
 }

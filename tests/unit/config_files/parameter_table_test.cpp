@@ -5,143 +5,48 @@
 #include <string>
 
 #include "../agent_test.h"
+#include "config_files/algorithm_names.h"
 #include "config_files/vrf_node.h"
+#include "golden.h"
 
 namespace {
 
 using parameter_table_test = agent_test;
 
-constexpr char mac_list[] = "hmac-sha2-512,hmac-sha2-256,hmac-sha1";
-constexpr char cipher_list[] =
-    "aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,chacha20-poly1305@openssh.com";
-constexpr char kex_list[] =
-    "ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,curve25519-sha256,"
-    "diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,curve25519-sha256@libssh.org";
-constexpr char client_host_key_list[] =
-    "ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,rsa-sha2-256,ssh-rsa,ssh-dss";
-constexpr char server_host_key_list[] =
-    "x509v3-ssh-rsa,ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,rsa-sha2-256,"
-    "ssh-rsa,ssh-dss";
-
-struct expected_entry {
-    const char* keyword;
-    const char* default_text;
-    const char* current;
-};
-
-constexpr const char* none = nullptr;
-
-const expected_entry server_entries[] = {
-    {"startconfig", none, none},
-    {"Protocol", "2,1", none},
-    {"UsePAM", "yes", "yes"},
-    {"Port", "22", none},
-    {"MACs", mac_list, mac_list},
-    {"MaxAuthTries", "20", "20"},
-    {"RekeyLimit", "1024M 60m", "1024M 60m"},
-    {"MaxSessions", "16", "16"},
-    {"IPQoS", "0x10", "0x10"},
-    {"PermitRootLogin", "yes", "yes"},
-    {"NorvoSSHFipsMode", "", none},
-    {"LogLevel", "", none},
-    {"Port", "830", none},
-    {"WindowScaleQd", "1", none},
-    {"Subsystem", "sftp /pkg/bin/sftp-server", "sftp /pkg/bin/sftp-server"},
-    {"RateLimitQd", "60", "60"},
-    {"SessionLimitQd", "64", "64"},
-    {"Banner", "/var/opt/norvo/norvossh/banner", none},
-    {"AcceptedAlgorithms",
-     "x509v3-ssh-rsa,x509v3-ecdsa-sha2-nistp256,x509v3-ecdsa-sha2-nistp384,x509v3-ecdsa-sha2-nistp521,x509v3-ssh-dss,"
-     "ssh-rsa",
-     "x509v3-ssh-rsa,x509v3-ecdsa-sha2-nistp256,x509v3-ecdsa-sha2-nistp384,x509v3-ecdsa-sha2-nistp521,x509v3-ssh-dss,"
-     "ssh-rsa"},
-    {"LoginGraceTime", "30", "30"},
-    {"ClientAliveInterval", "60", "60"},
-    {"AllowTcpForwarding", "no", "no"},
-    {"HostTrustpointQd", "", none},
-    {"UserTrustpointQd", "", none},
-    {"UserTrustpointCntQd", "0", none},
-    {"CertUsernameQd", "1", none},
-    {"endconfig", none, none},
-};
-
-const expected_entry server_lists[] = {
-    {"startalgoconfig", none, none},
-    {"HostKeyAlgorithms", server_host_key_list, server_host_key_list},
-    {"HostKey ",
-     "/pkg/ecdsa-sha2-nistp256,/pkg/ecdsa-sha2-nistp384,/pkg/ecdsa-sha2-nistp521,/pkg/ed25519,/pkg/rsa,/pkg/dsa",
-     "/pkg/ecdsa-sha2-nistp256,/pkg/ecdsa-sha2-nistp384,/pkg/ecdsa-sha2-nistp521,/pkg/ed25519,/pkg/rsa,/pkg/dsa"},
-    {"Ciphers", cipher_list, cipher_list},
-    {"KexAlgorithms", kex_list, kex_list},
-    {"endalgoconfig", none, none},
-};
-
-const expected_entry client_entries[] = {
-    {"Protocol", "2,1", none},
-    {"MACs", mac_list, mac_list},
-    {"RekeyLimit", "1024M 60m", "1024M 60m"},
-    {"IPQoS", "0x10", "0x10"},
-    {"WindowScaleQd", none, none},
-    {"UserKnownHostsFile", "/dev/null", "/dev/null"},
-    {"LogLevel", "", none},
-    {"StrictHostKeyChecking", "no", "no"},
-    {"ServerAliveInterval", "60", "60"},
-    {"PubkeyAuthentication", "no", "no"},
-};
-
-const expected_entry client_lists[] = {
-    {"Ciphers", cipher_list, cipher_list},
-    {"KexAlgorithms", kex_list, kex_list},
-    {"HostKeyAlgorithms", client_host_key_list, client_host_key_list},
-};
-
-template <typename Entry>
-void expect_entry(const Entry& entry, const expected_entry& expected) {
-    EXPECT_STREQ(entry.keyword, expected.keyword);
-    EXPECT_STREQ(entry.default_text, expected.default_text) << expected.keyword;
-    EXPECT_STREQ(entry.current, expected.current) << expected.keyword;
+std::string shown(const char* text) {
+    return text != nullptr ? '"' + std::string(text) + '"' : "null";
 }
 
-TEST_F(parameter_table_test, the_servers_settings) {
-    ASSERT_EQ(std::size(server_entries), size_t{server_parameter_count});
-    for (size_t i = 0; i < server_parameter_count; i++) {
-        expect_entry(server_config.parameters[i], server_entries[i]);
-        const bool marker = i == SERVER_START_MARKER || i == SERVER_END_MARKER;
-        EXPECT_EQ(server_config.parameters[i].allvrf, marker ? 0u : 1u);
+/// One line per entry: keyword, default and current text, and whether the entry belongs into all VRFs' files.
+template <typename Entry, size_t Count>
+std::string table_text(const Entry (&entries)[Count]) {
+    std::string text;
+    for (const Entry& entry : entries) {
+        text += shown(entry.keyword) + ' ' + shown(entry.default_text) + ' ' + shown(entry.current);
+        if constexpr (requires { entry.second_current; }) {
+            text += ' ' + shown(entry.second_current);
+        }
+        text += entry.allvrf != 0 ? " all VRFs\n" : "\n";
     }
+    return text;
 }
 
-TEST_F(parameter_table_test, the_servers_lists) {
-    ASSERT_EQ(std::size(server_lists), size_t{server_algorithm_count});
-    for (size_t i = 0; i < server_algorithm_count; i++) {
-        expect_entry(server_config.algorithms[i], server_lists[i]);
-        EXPECT_STREQ(server_config.algorithms[i].second_current, server_lists[i].current);
-        const bool marker = i == SERVER_ALGORITHM_START_MARKER || i == SERVER_ALGORITHM_END_MARKER;
-        EXPECT_EQ(server_config.algorithms[i].allvrf, marker ? 0u : 1u);
-    }
-}
-
-TEST_F(parameter_table_test, the_clients_settings_and_lists) {
-    ASSERT_EQ(std::size(client_entries), size_t{client_parameter_count});
-    for (size_t i = 0; i < client_parameter_count; i++) {
-        expect_entry(client_config.parameters[i], client_entries[i]);
-    }
-    ASSERT_EQ(std::size(client_lists), size_t{client_algorithm_count});
-    for (size_t i = 0; i < client_algorithm_count; i++) {
-        expect_entry(client_config.algorithms[i], client_lists[i]);
-        EXPECT_STREQ(client_config.algorithms[i].second_current, client_lists[i].current);
-    }
+TEST_F(parameter_table_test, initial_entries) {
+    expect_golden("config_files/golden/parameter_tables",
+                  "server settings\n" + table_text(server_config.parameters) + "\nserver lists\n" +
+                      table_text(server_config.algorithms) + "\nclient settings\n" +
+                      table_text(client_config.parameters) + "\nclient lists\n" + table_text(client_config.algorithms));
 }
 
 TEST_F(parameter_table_test, texts_edited_by_appliers) {
-    EXPECT_STREQ(server_config.cipher_base, cipher_list);
-    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].text, cipher_list);
-    EXPECT_STREQ(server_config.parameters[SERVER_MACS].text, mac_list);
+    EXPECT_STREQ(server_config.cipher_base, default_cipher_list);
+    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].text, default_cipher_list);
+    EXPECT_STREQ(server_config.parameters[SERVER_MACS].text, default_mac_list);
     EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].text, "0x10");
     EXPECT_STREQ(server_config.parameters[SERVER_HOST_TRUSTPOINT].text, "");
-    EXPECT_STREQ(client_config.cipher_base, cipher_list);
-    EXPECT_STREQ(client_config.algorithms[CLIENT_CIPHERS].text, cipher_list);
-    EXPECT_STREQ(client_config.parameters[CLIENT_MACS].text, mac_list);
+    EXPECT_STREQ(client_config.cipher_base, default_cipher_list);
+    EXPECT_STREQ(client_config.algorithms[CLIENT_CIPHERS].text, default_cipher_list);
+    EXPECT_STREQ(client_config.parameters[CLIENT_MACS].text, default_mac_list);
     EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].text, "0x10");
     EXPECT_STREQ(client_config.parameters[CLIENT_WINDOW_SCALE].text, "");
     EXPECT_EQ(sizeof server_config.cipher_base, 201u);
@@ -170,7 +75,7 @@ TEST_F(parameter_table_test, filling_restores_the_defaults_and_keeps_the_vrfs) {
     fill_parameter_tables();
     EXPECT_EQ(server_config.nodes, &node);
     EXPECT_STREQ(server_config.parameters[SERVER_MAX_AUTH_TRIES].current, "20");
-    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].current, cipher_list);
+    EXPECT_STREQ(server_config.algorithms[SERVER_CIPHERS].current, default_cipher_list);
     EXPECT_STREQ(server_config.parameters[SERVER_IP_QOS].text, "0x10");
 }
 

@@ -3,11 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iterator>
 #include <set>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "../agent_test.h"
 #include "appliers/algorithm_lists.h"
@@ -22,6 +21,7 @@
 #include "appliers/vrf_name_verifier.h"
 #include "core/debug.h"
 #include "core/default_handlers.h"
+#include "golden.h"
 #include "vrf/vrf_appliers.h"
 
 namespace {
@@ -29,155 +29,60 @@ namespace {
 using item_table_test = agent_test;
 using testing::ElementsAre;
 
-constexpr uint32_t number = 1;
-constexpr uint32_t text = 3;
-constexpr uint32_t tuple = 5;
-
-struct expected_item {
-    const char* path;
-    uint32_t kind;
+/// The functions of every row, by name.
+struct named_functions {
+    const char* verifier;
     datastore_item_verifier verify;
+    const char* applier;
     datastore_item_applier apply;
 };
 
-// In the order of the handlers.
-const expected_item items[] = {
-    {"sshd/vrf/NAME", tuple, vrf_name_verifier, sshd_apply_vrf_func},
-    {"sshd/v2", number, default_verifier, sshd_apply_ver_func},
-    {"cmn/v1", number, default_verifier, unsupported_item_applier},
-    {"sshd/vrf-netconf/NAME", tuple, vrf_name_verifier, sshd_apply_conf_netconf_vrf},
-    {"sshd/netconf", number, default_verifier, unsupported_item_applier},
-    {"portnvrf", tuple, default_verifier, unsupported_item_applier},
-    {"cmn/timeout", number, default_verifier, sshd_apply_timeout},
-    {"cmn/rate_limit", number, default_verifier, sshd_apply_rate_limit},
-    {"cmn/disable/hmac/hmac_sha512", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha512},
-    {"cmn/disable/hmac/hmac_sha1", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha1},
-    {"cmn/disable/hmac/hmac_sha256", number, server_mac_disable_verifier, sshd_apply_disable_hmac_sha256},
-    {"cmn/enable/cipher", tuple, default_verifier, sshd_apply_cipher},
-    {"cmn/session_limit", number, default_verifier, sshd_apply_session_limit},
-    {"cmn/logging", number, default_verifier, sshd_apply_logging},
-    {"cmn/dscp", number, default_verifier, sshd_apply_dscp},
-    {"cmn/capability/netconf-xml", number, default_verifier, default_applier},
-    {"cmn/rekey_time", number, default_verifier, sshd_apply_rekey_time},
-    {"cmn/rekey_volume", number, default_verifier, sshd_apply_rekey_volume},
-    {"cmn/algorithms/key-exchange", tuple, kex_verifier, sshd_apply_kexalgo},
-    {"cmn/algorithms/cipher", tuple, cipher_verifier, sshd_apply_cipheralgo},
-    {"cmn/algorithms/host-key", tuple, host_key_verifier, sshd_apply_hostkeyalgo},
-    {"cmn/tcp_window_scale", number, default_verifier, sshd_apply_tcp_window_scale},
-    {"cmn/username/NAME", number, default_verifier, default_applier},
-    {"cmn/username/NAME/keystr", text, user_key_verifier, sshd_apply_user_keystr},
-    {"cmn/trustpoint/host", text, default_verifier, sshd_apply_trustpoint_host},
-    {"cmn/trustpoint/user/NAME", number, user_trustpoint_verifier, sshd_apply_trustpoint_user},
-    {"cmn/certificate/username", tuple, default_verifier, ssh_apply_certificate_username},
-    {"cmn/max_auth_limit", number, default_verifier, sshd_apply_max_auth_limit},
-    {"cmn/port_forwarding", number, default_verifier, sshd_apply_port_forwarding},
-    {"dscp", number, default_verifier, ssh_client_apply_dscp},
-    {"rekey_time", number, default_verifier, ssh_client_apply_rekey_time},
-    {"rekey_volume", number, default_verifier, ssh_client_apply_rekey_volume},
-    {"algorithms/key-exchange", tuple, kex_verifier, ssh_client_apply_kexalgo},
-    {"algorithms/cipher", tuple, cipher_verifier, ssh_client_apply_cipheralgo},
-    {"disable/hmac/hmac_sha1", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha1},
-    {"disable/hmac/hmac_sha512", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha512},
-    {"disable/hmac/hmac_sha256", number, client_mac_disable_verifier, ssh_client_apply_disable_hmac_sha256},
-    {"enable/cipher", tuple, default_verifier, ssh_client_apply_cipher},
-    {"host_pubkey", text, default_verifier, ssh_client_apply_known_hosts},
-    {"vrf", text, default_verifier, default_applier},
-    {"v2", number, default_verifier, ssh_client_apply_v2},
-    {"v1", number, default_verifier, unsupported_item_applier},
-    {"source", text, default_verifier, default_applier},
-    {"tcp_window_scale", number, default_verifier, ssh_client_apply_tcp_window_scale},
+constexpr named_functions rows[] = {
+#define ITEM(path, kind, verifier, applier) {#verifier, verifier, #applier, applier},
+#define SETTING(path, verifier, applier, ...) {#verifier, verifier, #applier, applier},
+#include "config_files/configuration.def"
 };
+
+std::string verifier_name(datastore_item_verifier verify) {
+    const auto* row = std::ranges::find(rows, verify, &named_functions::verify);
+    return row != std::end(rows) ? row->verifier : "unknown verifier";
+}
+
+std::string applier_name(datastore_item_applier apply) {
+    const auto* row = std::ranges::find(rows, apply, &named_functions::apply);
+    return row != std::end(rows) ? row->applier : "unknown applier";
+}
+
+const char* kind_name(uint32_t kind) {
+    return kind == DATASTORE_VALUE_NUMBER ? "number" : kind == DATASTORE_VALUE_TEXT ? "text" : "tuple";
+}
 
 const datastore_item_node& node_at(int32_t index) {
     return item_table.nodes[index];
 }
 
-std::vector<std::string> split(std::string_view path) {
-    std::vector<std::string> components(1);
-    for (const char character : path) {
-        if (character == '/') {
-            components.emplace_back();
-        } else {
-            components.back() += character;
-        }
-    }
-    return components;
-}
-
-/// The node that a walk of the siblings ends at; -1 when there is none.
-int32_t find_node(std::string_view path) {
-    int32_t siblings = 0;
-    int32_t found = -1;
-    for (const std::string& component : split(path)) {
-        found = siblings;
-        while (found != -1 && node_at(found).type != DATASTORE_NODE_WILDCARD && node_at(found).name != component) {
-            found = node_at(found).next_sibling;
-        }
-        if (found == -1) {
-            return -1;
-        }
-        siblings = node_at(found).first_child;
-    }
-    return found;
-}
-
-/// The names of a row of siblings, "*" for a wildcard.
-std::vector<std::string> names_from(int32_t index) {
-    std::vector<std::string> names;
+/// The nodes from a row of siblings on, depth first: each path, and the number, kind and functions of its handler.
+std::string tree_text(int32_t index, const std::string& parent) {
+    std::string text;
     for (; index != -1; index = node_at(index).next_sibling) {
-        names.push_back(node_at(index).type == DATASTORE_NODE_WILDCARD ? "*" : node_at(index).name);
+        const datastore_item_node& node = node_at(index);
+        const std::string path = parent + (node.type == DATASTORE_NODE_WILDCARD ? "*" : node.name);
+        text += path;
+        if (node.handler != -1) {
+            const datastore_item_handler& handler = item_table.handlers[node.handler];
+            text += " (" + std::to_string(node.handler) + ") " + kind_name(handler.value_kind) + ' ' +
+                    verifier_name(handler.verify) + ' ' + applier_name(handler.apply);
+        }
+        text += '\n';
+        text += tree_text(node.first_child, path + '/');
     }
-    return names;
+    return text;
 }
 
-std::vector<std::string> children_of(std::string_view path) {
-    const int32_t node = find_node(path);
-    return node == -1 ? std::vector<std::string>{"no such node"} : names_from(node_at(node).first_child);
-}
-
-TEST_F(item_table_test, has_61_nodes_and_44_handlers) {
+TEST_F(item_table_test, has_these_nodes_and_handlers) {
+    expect_golden("core/golden/item_table", tree_text(0, ""));
     EXPECT_EQ(item_table.node_count, 61u);
     EXPECT_EQ(item_table.handler_count, 44u);
-    EXPECT_EQ(std::size(items), 44u);
-}
-
-TEST_F(item_table_test, every_path_leads_to_its_handler) {
-    for (size_t i = 0; i < std::size(items); i++) {
-        const int32_t node = find_node(items[i].path);
-        ASSERT_NE(node, -1) << items[i].path;
-        ASSERT_EQ(node_at(node).handler, static_cast<int32_t>(i)) << items[i].path;
-        const datastore_item_handler& handler = item_table.handlers[i];
-        EXPECT_EQ(handler.value_kind, items[i].kind) << items[i].path;
-        EXPECT_EQ(handler.verify, items[i].verify) << items[i].path;
-        EXPECT_EQ(handler.apply, items[i].apply) << items[i].path;
-    }
-}
-
-TEST_F(item_table_test, siblings_stand_in_their_order) {
-    EXPECT_THAT(names_from(0),
-                ElementsAre("sshd", "cmn", "portnvrf", "dscp", "rekey_time", "rekey_volume", "algorithms", "disable",
-                            "enable", "host_pubkey", "vrf", "v2", "v1", "source", "tcp_window_scale"));
-    EXPECT_THAT(children_of("sshd"), ElementsAre("vrf", "v2", "vrf-netconf", "netconf"));
-    EXPECT_THAT(children_of("sshd/vrf"), ElementsAre("*"));
-    EXPECT_THAT(children_of("sshd/vrf-netconf"), ElementsAre("*"));
-    EXPECT_THAT(children_of("cmn"),
-                ElementsAre("v1", "timeout", "rate_limit", "disable", "enable", "session_limit", "logging", "dscp",
-                            "capability", "rekey_time", "rekey_volume", "algorithms", "tcp_window_scale", "username",
-                            "trustpoint", "certificate", "max_auth_limit", "port_forwarding"));
-    EXPECT_THAT(children_of("cmn/disable"), ElementsAre("hmac"));
-    EXPECT_THAT(children_of("cmn/disable/hmac"), ElementsAre("hmac_sha512", "hmac_sha1", "hmac_sha256"));
-    EXPECT_THAT(children_of("cmn/enable"), ElementsAre("cipher"));
-    EXPECT_THAT(children_of("cmn/capability"), ElementsAre("netconf-xml"));
-    EXPECT_THAT(children_of("cmn/algorithms"), ElementsAre("key-exchange", "cipher", "host-key"));
-    EXPECT_THAT(children_of("cmn/username"), ElementsAre("*"));
-    EXPECT_THAT(children_of("cmn/username/NAME"), ElementsAre("keystr"));
-    EXPECT_THAT(children_of("cmn/trustpoint"), ElementsAre("host", "user"));
-    EXPECT_THAT(children_of("cmn/trustpoint/user"), ElementsAre("*"));
-    EXPECT_THAT(children_of("cmn/certificate"), ElementsAre("username"));
-    EXPECT_THAT(children_of("algorithms"), ElementsAre("key-exchange", "cipher"));
-    EXPECT_THAT(children_of("disable"), ElementsAre("hmac"));
-    EXPECT_THAT(children_of("disable/hmac"), ElementsAre("hmac_sha1", "hmac_sha512", "hmac_sha256"));
-    EXPECT_THAT(children_of("enable"), ElementsAre("cipher"));
 }
 
 TEST_F(item_table_test, the_nodes_agree_with_themselves) {

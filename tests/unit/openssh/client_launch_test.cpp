@@ -12,6 +12,7 @@
 #include "scratch.h"
 
 using namespace openssh;
+using openssh_test::default_list;
 using openssh_test::scratch_directory;
 using openssh_test::text_of;
 using testing::ElementsAre;
@@ -36,14 +37,10 @@ constexpr const char* agent_file =
     "KexAlgorithms curve25519-sha256,ecdh-sha2-nistp256,\n";
 
 /// The router's default lists; the installed ssh knows all of them.
-constexpr const char* default_lists =
-    "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
-    "chacha20-poly1305@openssh.com\n"
-    "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1\n"
-    "KexAlgorithms ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
-    "curve25519-sha256,diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,curve25519-sha256@libssh.org\n"
-    "HostKeyAlgorithms ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,"
-    "rsa-sha2-256,ssh-rsa,ssh-dss\n";
+const std::string default_lists = "Ciphers " + default_list(algorithm_kind::cipher) + "\nMACs " +
+                                  default_list(algorithm_kind::mac) + "\nKexAlgorithms " +
+                                  default_list(algorithm_kind::kex) + "\nHostKeyAlgorithms " +
+                                  default_list(algorithm_kind::key) + "\n";
 
 /// A launcher with every path in a scratch directory and the installed ssh.
 class launcher_client : public testing::Test {
@@ -273,7 +270,7 @@ TEST_F(launcher_client, stock_ssh_accepts_every_value_that_a_form_accepts) {
 TEST_F(launcher_client, lines_after_a_block_are_omitted) {
     scratch_.write("ssh_config", "IPQoS 0x40\nHost a\nUser b\n");
     EXPECT_EQ(prepare(), "");
-    EXPECT_EQ(settings_, std::string("IPQoS 0x40\n") + default_lists);
+    EXPECT_EQ(settings_, "IPQoS 0x40\n" + default_lists);
     EXPECT_THAT(log_, HasSubstr("line 2: Host ignored"));
 }
 

@@ -14,6 +14,7 @@
 #include "openssh/algorithm_query.h"
 #include "openssh/run_programs.h"
 #include "openssh/state_files.h"
+#include "platform/algorithms.h"
 
 namespace openssh_test {
 
@@ -83,6 +84,18 @@ inline openssh::known_algorithms fixed_algorithms() {
                     {"ssh-ed25519", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384", "ecdsa-sha2-nistp521", "ssh-dss",
                      "ssh-rsa", "rsa-sha2-256", "rsa-sha2-512"}}};
     return known;
+}
+
+/// The router's default list of a kind for the client, which is the server's without the certificate.
+inline std::string default_list(algorithm_kind kind) {
+    std::string list;
+    for (int rank = 1;; rank++) {
+        const algorithm_row* row = algorithm_at(kind, &algorithm_row::client_rank, rank);
+        if (row == nullptr) {
+            return list;
+        }
+        list += (rank > 1 ? "," : "") + std::string(row->name);
+    }
 }
 
 /// Runs the installed sshd on a file ("-t" tests it, "-T" prints its effective configuration).

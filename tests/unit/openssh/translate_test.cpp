@@ -12,6 +12,7 @@
 #include "scratch.h"
 
 using namespace openssh;
+using openssh_test::default_list;
 using openssh_test::fixed_algorithms;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -30,14 +31,11 @@ translation translate_text(std::string_view text) {
 }
 
 // The server parameters while nothing is configured, except for the certificate, which OpenSSH does not know.
-constexpr std::string_view default_lists[] = {
-    "Ciphers aes128-ctr,aes192-ctr,aes256-ctr,aes128-gcm@openssh.com,aes256-gcm@openssh.com,"
-    "chacha20-poly1305@openssh.com",
-    "MACs hmac-sha2-512,hmac-sha2-256,hmac-sha1",
-    "KexAlgorithms ecdh-sha2-nistp521,ecdh-sha2-nistp384,ecdh-sha2-nistp256,diffie-hellman-group14-sha1,"
-    "curve25519-sha256,diffie-hellman-group14-sha256,diffie-hellman-group16-sha512,curve25519-sha256@libssh.org",
-    "HostKeyAlgorithms ecdsa-sha2-nistp256,ecdsa-sha2-nistp384,ecdsa-sha2-nistp521,ssh-ed25519,rsa-sha2-512,"
-    "rsa-sha2-256,ssh-rsa,ssh-dss",
+const std::string default_lists[] = {
+    "Ciphers " + default_list(algorithm_kind::cipher),
+    "MACs " + default_list(algorithm_kind::mac),
+    "KexAlgorithms " + default_list(algorithm_kind::kex),
+    "HostKeyAlgorithms " + default_list(algorithm_kind::key),
 };
 
 /// The settings only, without the header of every translation and the defaults that a test does not set.
@@ -115,8 +113,8 @@ TEST(launcher_translate, refuses_a_file_without_a_host_key) {
 
 TEST(launcher_translate, an_absent_list_is_the_routers_default) {
     const translation result = translate_text("HostKey /pkg/rsa\n");
-    for (const std::string_view line : default_lists) {
-        EXPECT_THAT(result.text, HasSubstr("\n" + std::string(line) + "\n"));
+    for (const std::string& line : default_lists) {
+        EXPECT_THAT(result.text, HasSubstr("\n" + line + "\n"));
     }
     EXPECT_THAT(result.text, Not(HasSubstr("PubkeyAcceptedAlgorithms")));
 }
@@ -136,7 +134,7 @@ TEST(launcher_translate, the_routers_default_is_reduced_to_what_openssh_knows) {
 TEST(launcher_translate, a_list_without_known_names_is_replaced_with_a_warning) {
     const translation result = translate_text("HostKey /pkg/rsa\nCiphers rot13,\n");
     EXPECT_FALSE(result.refused);
-    EXPECT_THAT(result.text, HasSubstr("\n" + std::string(default_lists[0]) + "\n"));
+    EXPECT_THAT(result.text, HasSubstr("\n" + default_lists[0] + "\n"));
     EXPECT_EQ(remarks_of(result).back(), "<3> line 2: Ciphers: the list is empty; the router's default is in force");
 }
 

@@ -6,6 +6,7 @@
 
 #include "../agent_test.h"
 #include "call_faults.h"
+#include "config_files/algorithm_names.h"
 #include "core/debug.h"
 #include "core/text.h"
 #include "oper/providers.h"
@@ -36,7 +37,7 @@ TEST_F(server_params_test, unconfigured_settings_have_their_defaults) {
     EXPECT_EQ(params.Netconfport, 830U);
     EXPECT_STREQ(params.Netconfvrf, "");
     EXPECT_STREQ(params.Netconfver, "1.1");
-    EXPECT_STREQ(params.Macalgo, "hmac-sha2-512,hmac-sha2-256,hmac-sha1");
+    EXPECT_STREQ(params.Macalgo, default_mac_list);
     EXPECT_STREQ(params.Backupserver, "Disabled");
     EXPECT_EQ(params.Dscp, 16U);
     EXPECT_EQ(params.Ratelimit, 60U);
