@@ -1,11 +1,8 @@
 /// A list of 10,000 entries from the change notice to the loaded table, on the Linux platform and in a real network
 /// namespace, compared with loading the finished file by the same command; and the conversion of entries alone.
-#include <arpa/inet.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>

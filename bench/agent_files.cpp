@@ -2,7 +2,6 @@
 /// keyword in all files, compared with copying and renaming them; start-up with all VRFs stored, compared with the same
 /// file writes and shell commands alone.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 

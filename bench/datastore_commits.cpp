@@ -9,7 +9,6 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

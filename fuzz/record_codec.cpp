@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "common/record_schema.h"
 #include "linux/datastore/record_json.h"

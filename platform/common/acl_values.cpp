@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 
 #include <bit>
-#include <cstring>
 
 #include "platform/acl_entry.h"
 #include "platform/acl_service.h"

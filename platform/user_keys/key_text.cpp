@@ -4,7 +4,6 @@
 
 #include <array>
 #include <bit>
-#include <cstring>
 
 #include "user_keys/base64.h"
 

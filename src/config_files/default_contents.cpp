@@ -11,7 +11,6 @@
 #include "config_files/parameter_table.h"
 #include "config_files/trace_points.h"
 #include "core/agent_state.h"
-#include "core/debug.h"
 #include "core/paths.h"
 #include "core/text.h"
 

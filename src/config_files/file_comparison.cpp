@@ -1,9 +1,7 @@
 #include "config_files/file_comparison.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <span>

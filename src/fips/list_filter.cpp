@@ -1,6 +1,5 @@
 #include "fips/list_filter.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>

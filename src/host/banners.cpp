@@ -10,7 +10,6 @@
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
 #include "config_files/parameter_table.h"
-#include "core/agent_state.h"
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/paths.h"

@@ -1,7 +1,6 @@
 #include "reconcile/configuration_files.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <string>
 #include <vector>

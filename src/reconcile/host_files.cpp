@@ -1,6 +1,5 @@
 #include "reconcile/host_files.h"
 
-#include <iterator>
 #include <string>
 
 #include "core/paths.h"

@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <climits>
 #include <string>
 #include <vector>
 
@@ -13,7 +12,6 @@
 #include "config_files/vrf_node.h"
 #include "core/log.h"
 #include "core/paths.h"
-#include "core/text.h"
 #include "vrf/server_changes.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"

@@ -8,7 +8,6 @@
 
 #include "common/number.h"
 #include "common/text.h"
-#include "control_protocol/json_text.h"
 
 namespace {
 

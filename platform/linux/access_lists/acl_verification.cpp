@@ -180,7 +180,3 @@ acl_objection acl_check_list(uint32_t family, const std::vector<acl_stored_entry
     objector.end();
     return objection;
 }
-
-void acl_verifier_reset() {
-    registered = {};
-}

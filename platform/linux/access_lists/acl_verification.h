@@ -32,7 +32,4 @@ struct acl_objection {
 /// every list is accepted. May throw std::bad_alloc.
 acl_objection acl_check_list(uint32_t family, const std::vector<acl_stored_entry>& entries);
 
-/// For tests: removes the verifier.
-void acl_verifier_reset();
-
 #endif

@@ -1,11 +1,7 @@
 #include "linux/access_lists/rule_check.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,7 +11,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
+#include "common/child_process.h"
 #include "common/file_descriptor.h"
 #include "common/number.h"
 #include "common/text.h"
@@ -32,13 +30,11 @@ constexpr int no_verdict_status = 125;  ///< of a child that could not become nf
 /// The child: executes nft in empty namespaces. Nothing in the machine's own namespaces can be reached, and without a new
 /// namespace nft does not run at all.
 [[noreturn]] void become_nft(int rules, int words, pid_t parent) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    const bool prepared = child_process_prepare(parent);
     dup2(rules, STDIN_FILENO);
     dup2(words, STDOUT_FILENO);
     dup2(words, STDERR_FILENO);
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+    if (!prepared) {
         _exit(no_verdict_status);
     }
     if (unshare(CLONE_NEWNET) != 0) {
@@ -66,7 +62,7 @@ class nft_run {
         if (child_ < 0) {
             return {rule_verdict::unknown, failure_};
         }
-        const bool overdue = !wait_until(deadline);
+        const bool overdue = !child_process_ends_before(child_, deadline);
         const int status = end(overdue);
         if (overdue) {
             return {rule_verdict::unknown, "nft did not end in time"};
@@ -104,30 +100,15 @@ class nft_run {
         return true;
     }
 
-    /// Whether the child ends before the deadline.
-    bool wait_until(steady::time_point deadline) const {
-        const file_descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child_, 0)));
-        pollfd waiting = {process.get(), POLLIN, 0};
-        int ready = -1;
-        do {
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
-            ready = process.get() < 0 ? -1 : poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left, 0)));
-        } while (ready < 0 && errno == EINTR);
-        return ready > 0;
-    }
-
     /// Reaps the child, after killing it if necessary. Returns its wait status.
     int end(bool kill_first) {
-        int status = -1;
-        if (child_ > 0) {
-            if (kill_first) {
-                kill(child_, SIGKILL);
-            }
-            while (waitpid(child_, &status, 0) < 0 && errno == EINTR) {
-            }
+        if (child_ < 0) {
+            return -1;
         }
-        child_ = -1;
-        return status;
+        if (kill_first) {
+            kill(child_, SIGKILL);
+        }
+        return child_process_reap(std::exchange(child_, -1));
     }
 
     std::string words(int status) const {

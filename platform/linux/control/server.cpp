@@ -214,10 +214,6 @@ platform_status control_server_start(control_server* server, sd_event* loop) {
     return PLATFORM_OK;
 }
 
-size_t control_server_connections(const control_server* server) {
-    return server->connections.size();
-}
-
 size_t control_server_watchers(const control_server* server) {
     return control_connection_watchers(*server);
 }

@@ -27,9 +27,6 @@ control_server* control_server_create(int listener, std::optional<gid_t> group, 
 /// Starts accepting. EALREADY when it is already accepting.
 platform_status control_server_start(control_server* server, sd_event* loop);
 
-/// The number of connections. For tests.
-size_t control_server_connections(const control_server* server);
-
 /// The number of connections that watch.
 size_t control_server_watchers(const control_server* server);
 

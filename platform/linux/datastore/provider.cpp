@@ -1,7 +1,6 @@
 #include <errno.h>
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 
 #include "linux/datastore/datastore_internal.h"

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <signal.h>
 
-#include <cerrno>
 #include <memory>
 #include <new>
 #include <string>

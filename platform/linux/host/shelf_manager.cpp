@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <exception>
 #include <memory>
 #include <new>
 #include <vector>

@@ -1,6 +1,5 @@
 #include "platform/managed_timer.h"
 
-#include <syslog.h>
 #include <systemd/sd-event.h>
 
 #include <cerrno>

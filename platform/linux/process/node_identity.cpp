@@ -1,7 +1,6 @@
 #include "platform/node_identity.h"
 
 #include <limits.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -2,7 +2,6 @@
 
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>

@@ -1,17 +1,13 @@
 #include "linux/status/child_output.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 
+#include "common/child_process.h"
 #include "common/file_descriptor.h"
 #include "common/files.h"
 
@@ -22,11 +18,8 @@ using steady = std::chrono::steady_clock;
 constexpr size_t output_max = size_t{4} * 1024 * 1024;
 
 [[noreturn]] void work_and_exit(const std::function<int(int fd)>& work, int fd, pid_t parent) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
     setpgid(0, 0);
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+    if (!child_process_prepare(parent)) {
         _exit(EXIT_FAILURE);
     }
     int status = EXIT_FAILURE;
@@ -36,25 +29,6 @@ constexpr size_t output_max = size_t{4} * 1024 * 1024;
         _exit(EXIT_FAILURE);
     }
     _exit(status);
-}
-
-/// Whether the child ends before the deadline.
-bool ends_before(pid_t child, steady::time_point deadline) {
-    const file_descriptor process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    pollfd waiting = {process.get(), POLLIN, 0};
-    int ready = -1;
-    do {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - steady::now()).count();
-        ready = process.get() < 0 ? -1 : poll(&waiting, 1, static_cast<int>(std::max<int64_t>(left, 0)));
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-}
-
-int wait_status_of(pid_t child) {
-    int status = -1;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status;
 }
 
 }  // namespace
@@ -76,12 +50,12 @@ platform_status child_output(const std::function<int(int fd)>& work, std::chrono
         work_and_exit(work, written.get(), parent);
     }
     setpgid(child, child);
-    if (!ends_before(child, deadline)) {
+    if (!child_process_ends_before(child, deadline)) {
         kill(-child, SIGKILL);
-        wait_status_of(child);
+        child_process_reap(child);
         return ETIMEDOUT;
     }
-    const int status = wait_status_of(child);
+    const int status = child_process_reap(child);
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         return EIO;
     }

@@ -11,8 +11,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <optional>

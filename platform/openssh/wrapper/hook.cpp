@@ -7,7 +7,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
 
 #include "openssh/wrapper/session_command.h"
 

@@ -3,7 +3,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 
 #include "openssh/wrapper/session_command.h"
 

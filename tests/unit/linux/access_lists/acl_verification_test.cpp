@@ -44,17 +44,11 @@ platform_status make_test_rules(uint32_t family, uint32_t service, const acl_lis
     return PLATFORM_OK;
 }
 
-class acl_verification_test : public control_test::calls_test {
+class unverified_lists_test : public control_test::calls_test {
   protected:
     void SetUp() override {
         calls_test::SetUp();
         ASSERT_EQ(acl_service_start(), PLATFORM_OK);
-        const acl_verifier verifier = {make_test_rules};
-        ASSERT_EQ(acl_service_register_verifier(&verifier, &verifier_calls), PLATFORM_OK);
-    }
-    void TearDown() override {
-        acl_verifier_reset();
-        calls_test::TearDown();
     }
 
     /// The answer to setting an IPv4 list that consists of these lines.
@@ -81,6 +75,15 @@ class acl_verification_test : public control_test::calls_test {
     }
 
     int verifier_calls = 0;
+};
+
+class acl_verification_test : public unverified_lists_test {
+  protected:
+    void SetUp() override {
+        unverified_lists_test::SetUp();
+        const acl_verifier verifier = {make_test_rules};
+        ASSERT_EQ(acl_service_register_verifier(&verifier, &verifier_calls), PLATFORM_OK);
+    }
 };
 
 constexpr char fine[] = "permit tcp any any";
@@ -123,8 +126,7 @@ TEST_F(acl_verification_test, a_list_that_cannot_be_checked_is_not_stored) {
     EXPECT_EQ(ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":[],"empty":true})")["result"], "done");
 }
 
-TEST_F(acl_verification_test, without_a_verifier_nothing_is_checked) {
-    acl_verifier_reset();
+TEST_F(unverified_lists_test, are_stored_without_a_check) {
     std::filesystem::remove("/usr/sbin/nft");
     EXPECT_EQ(set({"permit tcp any any counter bad"}).value("result", ""), "done");
     EXPECT_EQ(acl_service_register_verifier(nullptr, nullptr), platform_status{EINVAL});

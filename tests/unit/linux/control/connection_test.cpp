@@ -18,7 +18,7 @@ class control_connection_test : public control_test::server_test {
         EXPECT_EQ(answer.value("result", ""), "refused");
         EXPECT_THAT(answer.value("message", ""), HasSubstr(reason));
         EXPECT_TRUE(is_dropped(peer));
-        EXPECT_EQ(control_server_connections(server), 0U);
+        EXPECT_EQ(server->connections.size(), 0U);
         EXPECT_EQ(server->large_frames, 0U);
         EXPECT_EQ(server->answers, 0U);
     }
@@ -130,9 +130,9 @@ TEST_F(control_connection_test, closes_the_connection_of_a_peer_that_hangs_up) {
         client asking;
         asking.put(frame_of(R"({"call":"large","size":1000000})"));
         EXPECT_TRUE(run_until([&] { return server->answers > 0 && server->large_frames > 0; }));
-        EXPECT_EQ(control_server_connections(server), 3U);
+        EXPECT_EQ(server->connections.size(), 3U);
     }
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 0; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 0; }));
     EXPECT_EQ(server->answers, 0U);
     EXPECT_EQ(server->large_frames, 0U);
 }
@@ -175,7 +175,7 @@ TEST_F(control_connection_test, drops_a_peer_that_does_not_read) {
     deaf.put(frame_of(R"({"call":"large","size":8000000})"));
     EXPECT_TRUE(run_until([&] { return server->answers > 0; }));
     expect_others_are_answered();
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 0; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 0; }));
     EXPECT_EQ(server->answers, 0U);
 }
 
@@ -190,7 +190,7 @@ TEST_F(control_connection_test, a_slow_reader_receives_its_answer) {
         run_once(20'000);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         slow.take(200'000);
-        return slow.is_ended() || control_server_connections(server) == 0 || server->answers == 0;
+        return slow.is_ended() || server->connections.size() == 0 || server->answers == 0;
     }));
     EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
     EXPECT_EQ(answer_to(slow)["data"].get<std::string>().size(), 4'000'000U);
@@ -202,7 +202,7 @@ TEST_F(control_connection_test, time_spent_in_a_long_handler_is_not_charged_to_t
     client half;
     const std::string frame = frame_of(R"({"call":"echo"})");
     half.put(frame.substr(0, 8));
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 1; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 1; }));
     run_once();
     client sleeper;
     EXPECT_EQ(ask(sleeper, R"({"call":"sleep","milliseconds":1500})")["result"], "done");

@@ -75,7 +75,7 @@ TEST_F(control_server_test, a_thousand_silent_connections_block_nobody_and_leak_
             ASSERT_TRUE(crowd.back().is_connected()) << count;
         }
         expect_others_are_answered();
-        EXPECT_LE(control_server_connections(server), limits.connections);
+        EXPECT_LE(server->connections.size(), limits.connections);
         EXPECT_TRUE(run_until([&] { return crowd.front().has_answer(); }));
         const control_json answer = crowd.front().answer();
         EXPECT_EQ(answer["retry"], true);
@@ -83,7 +83,7 @@ TEST_F(control_server_test, a_thousand_silent_connections_block_nobody_and_leak_
         EXPECT_TRUE(is_dropped(crowd.front()));
         expect_others_are_answered();
     }
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 0; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 0; }));
     EXPECT_EQ(open_descriptors(), before);
 }
 
@@ -99,7 +99,7 @@ TEST_F(control_server_test, a_thousand_incomplete_frames_block_nobody) {
         }
     }
     expect_others_are_answered();
-    EXPECT_LE(control_server_connections(server), limits.connections);
+    EXPECT_LE(server->connections.size(), limits.connections);
 }
 
 TEST_F(control_server_test, a_thousand_concurrent_calls_are_all_answered) {
@@ -122,7 +122,7 @@ TEST_F(control_server_test, connections_with_a_pending_answer_are_dropped_last) 
     asking.put(frame_of(R"({"call":"large","size":4000000})"));
     EXPECT_TRUE(run_until([&] { return server->answers > 0; }));
     client silent;
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 2; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 2; }));
     expect_others_are_answered();
     EXPECT_TRUE(silent.is_ended() || silent.has_answer());
     EXPECT_EQ(answer_to(asking)["result"], "done");
@@ -230,7 +230,7 @@ TEST_F(control_server_test, frees_connections_in_every_state) {
     half.put("\x01");
     client reading;
     reading.put(frame_of(R"({"call":"large","size":4000000})"));
-    EXPECT_TRUE(run_until([&] { return server->answers > 0 && control_server_connections(server) == 3; }));
+    EXPECT_TRUE(run_until([&] { return server->answers > 0 && server->connections.size() == 3; }));
     control_server_free(server);
     server = nullptr;
     EXPECT_TRUE(idle.is_ended());

@@ -100,7 +100,7 @@ TEST_F(control_watchers_test, a_silent_watcher_is_not_idle) {
     client watcher;
     begin_watching(watcher);
     client idle;
-    ASSERT_TRUE(run_until([&] { return control_server_connections(server) == 2; }));
+    ASSERT_TRUE(run_until([&] { return server->connections.size() == 2; }));
     ASSERT_TRUE(is_dropped(idle));
     const auto begin = steady::now();
     run_until([&] { return milliseconds_since(begin) > 400; });
@@ -157,7 +157,7 @@ TEST_F(control_watchers_test, the_watch_ends_when_the_peer_hangs_up_or_sends_som
     EXPECT_TRUE(is_dropped(finished));
     talkative.put(frame_of(watch_call));
     EXPECT_TRUE(is_dropped(talkative));
-    EXPECT_EQ(control_server_connections(server), 0U);
+    EXPECT_EQ(server->connections.size(), 0U);
     publish(1);
     EXPECT_EQ(server->answers, 0U);
 }
@@ -169,7 +169,7 @@ TEST_F(control_watchers_test, a_peer_that_hangs_up_with_pending_events_is_remove
     publish(1);
     publish(2);
     gone.hang_up();
-    EXPECT_TRUE(run_until([&] { return control_server_connections(server) == 0; }));
+    EXPECT_TRUE(run_until([&] { return server->connections.size() == 0; }));
     EXPECT_EQ(server->answers, 0U);
 }
 
@@ -282,7 +282,7 @@ TEST_F(control_watchers_test, an_event_larger_than_the_queue_ends_the_watch) {
     begin_watching(watcher);
     control_server_publish(server, "state", '"' + std::string(2000, 'x') + '"');
     EXPECT_TRUE(is_dropped(watcher));
-    EXPECT_EQ(control_server_connections(server), 0U);
+    EXPECT_EQ(server->connections.size(), 0U);
 }
 
 }  // namespace
