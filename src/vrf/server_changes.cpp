@@ -30,15 +30,15 @@ constexpr size_t units_size = server_batch_max * (sizeof unit_word + vrf_name_si
 /// The subject under which a failure of systemd to read the units is reported.
 constexpr char units_subject[] = "units";
 
-/// VRFs whose servers one command concerns.
+/// The VRFs whose servers are changed by one command.
 struct server_batch {
     char names[server_batch_max][vrf_name_size];
     size_t count;
 };
 
 struct put_off_state {
-    bool announced = false;   ///< changes are put off
-    bool reload_due = false;  ///< systemd has to read the units
+    bool announced = false;   ///< changes are postponed
+    bool reload_due = false;  ///< a daemon-reload is due
     server_batch stops = {};
 };
 
@@ -75,10 +75,10 @@ uint64_t microseconds_now() {
     return static_cast<uint64_t>(now.tv_sec) * microseconds + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
-/// What systemctl has said about the units of a batch, and what systemd says about them afterwards.
+/// The result of systemctl for the units of a batch, and their states afterwards.
 struct batch_result {
     uint64_t begun;  ///< when the command was run; CLOCK_MONOTONIC, microseconds
-    int status;      ///< what run_shell_command returned
+    int status;      ///< result of run_shell_command
     int error;       ///< errno if that is -1
     bool states_known;
     std::vector<unit_state> states;
@@ -157,7 +157,7 @@ void stop_servers() {
 
 // --- Restarts -------------------------------------------------------------------------------------------------------
 
-/// Whether the server runs, and not because it was never stopped.
+/// Whether the server is running and has really been restarted.
 bool has_started(const char* vrf_name, const batch_result& result) {
     if (!result.states_known) {
         return result.status == 0;
@@ -166,7 +166,7 @@ bool has_started(const char* vrf_name, const batch_result& result) {
     return unit != nullptr && is_running(*unit) && unit->started != UINT64_MAX && unit->started >= result.begun;
 }
 
-/// An earlier handler of the commit may have asked for the VRF to be unblocked.
+/// An earlier handler of the commit may have requested an unblock of the VRF.
 void keep_blocked(const char* vrf_name) {
     const int error = errno;
     block_vrf(vrf_name);
@@ -190,7 +190,7 @@ void settle_restart(const char* verb, const char* vrf_name, const batch_result& 
     }
 }
 
-/// The next VRFs whose servers wait to be restarted.
+/// The next VRFs whose servers are due for a restart.
 server_batch next_restarts() {
     server_batch batch = {};
     for (const vrf_node* node = server_config.nodes; node != nullptr && batch.count < server_batch_max;
@@ -213,7 +213,7 @@ void restart_servers() {
     }
 }
 
-/// Unblocks the VRFs that had no need of a restart.
+/// Unblocks the VRFs that need no restart.
 void unblock_the_others() {
     for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         if (node->blocked_until_end != 0) {

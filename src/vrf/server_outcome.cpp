@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t report_size = 512;
 
-/// Remembers whether a failed start leaves the VRF blocked.
+/// Records whether a failed start leaves the VRF blocked.
 void note_start_failed(const char* vrf_name, bool failed) {
     vrf_node* node = find_vrf_node(vrf_name);
     if (node != nullptr) {
@@ -24,7 +24,7 @@ void note_start_failed(const char* vrf_name, bool failed) {
     }
 }
 
-/// An earlier start that failed has left the lists of the VRF unloaded.
+/// An earlier failed start has left the VRF's lists unloaded.
 void load_failed_lists(const char* vrf_name) {
     vrf_node* node = find_vrf_node(vrf_name);
     if (node != nullptr && node->failed_acls != 0) {

@@ -1,8 +1,8 @@
-/// What follows from an attempt to start or stop the server of a VRF.
+/// The consequences of an attempt to start or stop the server of a VRF.
 #ifndef VRF_SERVER_OUTCOME_H
 #define VRF_SERVER_OUTCOME_H
 
-/// Reports to the platform whether the server is as the command was to make it; `status` is what run_shell_command returned.
+/// Reports to the platform whether the server is in the state that the command requested; `status` is run_shell_command's result.
 /// Leaves errno alone.
 void report_server(const char* vrf_name, const char* command, int status);
 
@@ -15,7 +15,7 @@ void server_has_not_started(const char* vrf_name);
 /// The server was stopped; the VRF is unblocked.
 void server_has_stopped(const char* vrf_name);
 
-/// The server was not stopped; errno, which stays, is the reason.
+/// The server was not stopped; errno, which is preserved, is the reason.
 void server_has_not_stopped(const char* vrf_name);
 
 #endif

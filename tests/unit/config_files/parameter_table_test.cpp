@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "../agent_test.h"
 #include "config_files/algorithm_names.h"
@@ -13,8 +14,26 @@ namespace {
 
 using parameter_table_test = agent_test;
 
+/// Lists that the golden file of algorithm_tables_test contains.
+const std::pair<const char*, const char*> default_lists[] = {
+    {"default_kex_list", default_kex_list},
+    {"default_cipher_list", default_cipher_list},
+    {"default_mac_list", default_mac_list},
+    {"default_server_host_key_algorithms", default_server_host_key_algorithms},
+    {"default_client_host_key_algorithms", default_client_host_key_algorithms},
+    {"default_host_keys", default_host_keys},
+};
+
 std::string shown(const char* text) {
-    return text != nullptr ? '"' + std::string(text) + '"' : "null";
+    if (text == nullptr) {
+        return "null";
+    }
+    for (const auto& [name, list] : default_lists) {
+        if (std::string(text) == list) {
+            return name;
+        }
+    }
+    return '"' + std::string(text) + '"';
 }
 
 /// One line per entry: keyword, default and current text, and whether the entry belongs into all VRFs' files.

@@ -15,7 +15,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-/// What server_changes.cpp asks about the named units.
+/// The query of server_changes.cpp about these units.
 std::string states_of(const std::string& units) {
     return "$ systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic " + units;
 }
@@ -41,9 +41,9 @@ class server_changes_test : public vrf_appliers_test {
 using announced_test = server_changes_test;
 using unannounced_test = server_changes_test;
 
-// --- The commands of both ways --------------------------------------------------------------------------------------
+// --- Commands with and without an announcement --------------------------------------------------------------------------------------
 
-TEST_F(unannounced_test, every_command_runs_at_its_place) {
+TEST_F(unannounced_test, every_command_runs_immediately) {
     add_namespace("green");
     set_timeout("40");
     set_timeout("41");
@@ -83,7 +83,7 @@ TEST_F(announced_test, one_command_of_each_kind_runs_at_the_end) {
     forget();
     set_timeout("42");
     EXPECT_THAT(systemctl(), ElementsAre("systemctl restart sshd_service_green", "systemctl restart sshd_service_blue"))
-        << "nothing is put off after the end";
+        << "nothing is postponed after the end";
 }
 
 TEST_F(announced_test, a_commit_that_concerns_no_server_runs_nothing) {
@@ -127,13 +127,13 @@ TEST_F(announced_test, one_command_stops_at_most_64_servers) {
     EXPECT_THAT(stub_commands::log_of("systemctl stop"), Contains("systemctl stop sshd_service_v64"));
 }
 
-// --- What a server's outcome means ----------------------------------------------------------------------------------
+// --- Results ----------------------------------------------------------------------------------
 
 TEST_F(announced_test, a_server_that_fails_does_not_hide_the_others) {
     stub_commands::fail_unit("sshd_service_blue");
     put_off_server_changes();
     set_timeout("40");
-    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty()) << "put off counts as done";
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty()) << "a postponed restart counts as done";
     carry_out_server_changes();
     EXPECT_THAT(fake_platform::not_in_force(),
                 ElementsAre(fake_platform::unenforced{"server blue", "systemctl restart sshd_service_blue failed"}));
@@ -151,7 +151,7 @@ TEST_F(announced_test, a_server_that_fails_does_not_hide_the_others) {
     EXPECT_FALSE(fake_platform::vrf_blocked("blue"));
 }
 
-// systemctl's status tells neither which unit it is about nor whether the unit has failed since.
+// systemctl's status shows neither which unit failed nor whether one has failed since.
 TEST_F(announced_test, the_states_of_the_units_count) {
     stub_commands::set_hook("systemctl show",
                             "echo Id=sshd_service_red.service; echo ActiveState=active; "
@@ -165,7 +165,7 @@ TEST_F(announced_test, the_states_of_the_units_count) {
     EXPECT_TRUE(fake_platform::is_not_in_force("server blue"));
 }
 
-TEST_F(announced_test, a_server_that_was_never_stopped_has_not_been_restarted) {
+TEST_F(announced_test, a_server_that_was_not_stopped_has_not_been_restarted) {
     stub_commands::fail("systemctl restart", 1);
     put_off_server_changes();
     set_timeout("40");
@@ -187,7 +187,7 @@ TEST_F(announced_test, a_server_counts_as_started_only_after_its_start) {
     EXPECT_TRUE(fake_platform::vrf_blocked("grey"));
 }
 
-TEST_F(announced_test, without_an_answer_about_the_units_the_commands_status_counts) {
+TEST_F(announced_test, if_the_units_cannot_be_queried_the_commands_status_counts) {
     stub_commands::fail("systemctl show", 1);
     put_off_server_changes();
     set_timeout("40");
@@ -214,12 +214,12 @@ TEST_F(announced_test, a_hanging_systemctl_is_named) {
     EXPECT_TRUE(fake_platform::vrf_blocked("red"));
 }
 
-TEST_F(announced_test, units_that_systemd_does_not_read_are_reported_and_read_next_time) {
+TEST_F(announced_test, a_failed_daemon_reload_is_reported_and_repeated) {
     stub_commands::fail("systemctl daemon-reload", 1, 1);
     add_namespace("green");
     put_off_server_changes();
     ssh("green", created);
-    EXPECT_FALSE(unit_reload_is_due()) << "it is not late yet";
+    EXPECT_FALSE(unit_reload_is_due()) << "not due yet";
     carry_out_server_changes();
     EXPECT_THAT(fake_platform::not_in_force(),
                 ElementsAre(fake_platform::unenforced{"units", "systemctl daemon-reload failed"}));
@@ -262,7 +262,7 @@ TEST_F(announced_test, a_vrf_that_is_changed_and_removed_is_stopped) {
 
 // --- Protection -----------------------------------------------------------------------------------------------------
 
-// Its rules go before its server is stopped.
+// Its rules are removed before its server is stopped.
 TEST_F(announced_test, a_vrf_is_blocked_before_it_loses_its_lists) {
     ssh("red", changed, {"list"});
     forget();
