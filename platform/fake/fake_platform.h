@@ -43,7 +43,7 @@ void reset();
 /// remain.
 void end_process();
 
-// --- Failures -------------------------------------------------------------------------------------------------------
+// --- Failures --------------------------------------------------------------------------------------------------------
 
 /// Makes an operation fail with `status` from its `from_call`th matching call on, `times` times. `operation` is the
 /// operation's name ("datastore_bind") or a whole call as recorded ("datastore_bind(/cfg/gl/banner/)"). Operations that
@@ -53,7 +53,7 @@ void fail(std::string_view operation, platform_status status, uint32_t times = a
 /// Clears all failures.
 void clear_failures();
 
-// --- Calls ----------------------------------------------------------------------------------------------------------
+// --- Calls -----------------------------------------------------------------------------------------------------------
 
 /// Every call in order, as "mpp_vrf_set(1, default)": texts as they are, an absent one as NULL, numbers in decimal,
 /// message codes and cookies in hexadecimal, paths whole, handles and callbacks left out. Log messages, debug lines, trace entries
@@ -74,7 +74,7 @@ void clear_calls();
 /// Turns the recording of calls and reports off, for long runs, and on again. Failures are still counted.
 void set_recording(bool on);
 
-// --- Datastore ------------------------------------------------------------------------------------------------------
+// --- Datastore -------------------------------------------------------------------------------------------------------
 
 /// A value as stored by the datastore: `bytes` is the number's four bytes, the text with its NUL, or the packed tuple.
 struct value {
@@ -179,7 +179,7 @@ size_t verifications();
 size_t notifications();
 size_t providers();
 
-// --- Event manager --------------------------------------------------------------------------------------------------
+// --- Event manager ---------------------------------------------------------------------------------------------------
 
 /// Exit status of the process when the loop has nothing left to do.
 inline constexpr int loop_end_status = 99;
@@ -228,7 +228,7 @@ void advance_time(uint32_t seconds);
 /// The number of running leaves.
 size_t running_timers();
 
-// --- Reports --------------------------------------------------------------------------------------------------------
+// --- Reports ---------------------------------------------------------------------------------------------------------
 
 struct log_line {
     std::string name;  ///< of the catalogue entry
@@ -283,7 +283,7 @@ const std::vector<fault_point>& fault_points();
 /// Clears log messages, debug lines and trace entries.
 void clear_reports();
 
-// --- Process manager, node, VRF table, MPP --------------------------------------------------------------------------
+// --- Process manager, node, VRF table, MPP ---------------------------------------------------------------------------
 
 void set_role(uint32_t role);                        ///< initially PROCESS_ROLE_PRIMARY
 void set_respawn_count(uint32_t count);              ///< initially 1
@@ -300,7 +300,7 @@ bool vrf_blocked(std::string_view vrf_name);
 bool service_blocked(uint32_t service, uint32_t family, std::string_view vrf_name);
 bool namespace_announced(std::string_view namespace_name);
 
-// --- Enforcement ----------------------------------------------------------------------------------------------------
+// --- Enforcement -----------------------------------------------------------------------------------------------------
 
 /// What the agent has reported and not restored since, in the order of the reports.
 std::vector<unenforced> not_in_force();
@@ -323,13 +323,13 @@ struct comparison {
 /// not in force; one that leaves something clears what it has not reported.
 comparison reconcile(bool repair);
 
-// --- Shelf manager --------------------------------------------------------------------------------------------------
+// --- Shelf manager ---------------------------------------------------------------------------------------------------
 
 void shelf_connected();
 void shelf_disconnected();
 void shelf_reload();
 
-// --- ACL service, key store, banners, telemetry ---------------------------------------------------------------------
+// --- ACL service, key store, banners, telemetry ----------------------------------------------------------------------
 
 /// Notifies the subscribers of a list that it has changed. Returns their results in order.
 std::vector<int> change_acl(uint32_t family, std::string_view acl_name, bool present);

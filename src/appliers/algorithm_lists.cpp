@@ -54,7 +54,7 @@ void put_list(algorithm_entry& entry, const char* current, const char* second) {
     entry.second_current = second;
 }
 
-// --- Key exchange ---------------------------------------------------------------------------------------------------
+// --- Key exchange ----------------------------------------------------------------------------------------------------
 
 platform_status set_kex(const algorithm_side& side, const datastore_change& change) {
     name_tuple names = {};
@@ -94,7 +94,7 @@ platform_status apply_kex(const algorithm_side& side, const datastore_change& ch
     return deletes(change) ? reset_kex(side, change) : PLATFORM_OK;
 }
 
-// --- Ciphers --------------------------------------------------------------------------------------------------------
+// --- Ciphers ---------------------------------------------------------------------------------------------------------
 
 void append_missing_names(char* list, const char* names) {
     char name[TUPLE_NAME_MAX + 1];
@@ -152,7 +152,7 @@ platform_status apply_ciphers(const algorithm_side& side, const datastore_change
     return deletes(change) ? reset_ciphers(side) : PLATFORM_OK;
 }
 
-// --- Legacy ciphers -------------------------------------------------------------------------------------------------
+// --- Legacy ciphers --------------------------------------------------------------------------------------------------
 
 platform_status fail_cipher_write(const algorithm_side& side) {
     const int error = errno;

@@ -40,7 +40,7 @@ uint32_t number_of(const datastore_change& change) {
     return change.value != nullptr ? *static_cast<const uint32_t*>(change.value) : 0;
 }
 
-// --- Verifiers ------------------------------------------------------------------------------------------------------
+// --- Verifiers -------------------------------------------------------------------------------------------------------
 
 /// The MAC that an item is about; mac_count if the path names none.
 size_t mac_of(const datastore_path_components& components) {
@@ -90,7 +90,7 @@ platform_status verify(const algorithm_side& side, const datastore_change& chang
     return PLATFORM_OK;
 }
 
-// --- Appliers -------------------------------------------------------------------------------------------------------
+// --- Appliers --------------------------------------------------------------------------------------------------------
 
 bool is_disabled(const algorithm_side& side, const char* name) {
     const algorithm_row* row = algorithm_named(algorithm_kind::mac, name);

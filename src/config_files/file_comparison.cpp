@@ -23,7 +23,7 @@ int update_one_string_in_file(const char* file, const char* keyword, int add, ch
     return update_string_in_file(file, keyword, add, new_line, change);
 }
 
-// --- Rows -----------------------------------------------------------------------------------------------------------
+// --- Rows ------------------------------------------------------------------------------------------------------------
 
 /// How a missing keyword is interpreted.
 enum missing_line : uint8_t {
@@ -82,7 +82,7 @@ const setting_kind* kind_of(std::span<const setting_kind> kinds, const std::stri
     return nullptr;
 }
 
-// --- Values ---------------------------------------------------------------------------------------------------------
+// --- Values ----------------------------------------------------------------------------------------------------------
 
 /// The non-empty names of a list, each followed by a comma; sorted and without duplicates if their order is irrelevant.
 std::string names_of(const std::string& list, bool sorted) {

@@ -49,7 +49,7 @@ constexpr uint32_t every_event = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | 
 constexpr uint32_t scan_cookie = 0xFEDCBA98;
 constexpr char whole_subtree[] = "";
 
-// --- Datastore bindings and registrations ---------------------------------------------------------------------------
+// --- Datastore bindings and registrations ----------------------------------------------------------------------------
 
 /// The bindings, as bits of a set.
 enum binding : uint32_t {
@@ -153,7 +153,7 @@ void unbind(uint32_t bindings) {
     }
 }
 
-// --- Management-plane protection ------------------------------------------------------------------------------------
+// --- Management-plane protection -------------------------------------------------------------------------------------
 
 struct protected_service {
     uint32_t code;
@@ -172,7 +172,7 @@ void close_protection(size_t count) {
     }
 }
 
-// --- Steps ----------------------------------------------------------------------------------------------------------
+// --- Steps -----------------------------------------------------------------------------------------------------------
 
 start_up_status create_traces() {
     trace_initialise(agent_trace_table);

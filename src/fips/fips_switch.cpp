@@ -23,7 +23,7 @@ constexpr uint32_t every_event = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | 
 /// Kept bound because the registrations need it.
 datastore_binding* crypto_binding;
 
-// --- Files ----------------------------------------------------------------------------------------------------------
+// --- Files -----------------------------------------------------------------------------------------------------------
 
 /// Reports a failed write. The debug format takes the error's text, its number and the function; the log message has
 /// the error.
@@ -87,7 +87,7 @@ int unmark_servers(const char* host_key_list) {
     return 0;
 }
 
-// --- Lists of both sides --------------------------------------------------------------------------------------------
+// --- Lists of both sides ---------------------------------------------------------------------------------------------
 
 /// One kind of list, for server and client.
 struct list_pair {
@@ -206,7 +206,7 @@ void restore_lists(const list_pair& pair, const occasion& when) {
     update_client_config_file(when.off_event, pair.client_entry->keyword, pair.client_entry->current);
 }
 
-// --- On and off -----------------------------------------------------------------------------------------------------
+// --- On and off ------------------------------------------------------------------------------------------------------
 
 void mark_with_narrowed_host_keys(modified_list& work, const occasion& when) {
     algorithm_entry& entry = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];

@@ -48,7 +48,7 @@ struct failure_timer {
 
 failure_timer timer;
 
-// --- The list of sessions -------------------------------------------------------------------------------------------
+// --- The list of sessions --------------------------------------------------------------------------------------------
 
 /// A shell command and the file it writes.
 struct session_listing {
@@ -134,7 +134,7 @@ uint32_t count_sessions(FILE* file) {
     return count;
 }
 
-// --- Ending the sessions --------------------------------------------------------------------------------------------
+// --- Ending the sessions ---------------------------------------------------------------------------------------------
 
 /// Logs an informational message that is also a debug line.
 void announce(const char* text) {
@@ -205,7 +205,7 @@ bool wait_for_sessions() {
     return false;
 }
 
-// --- The failure timer ----------------------------------------------------------------------------------------------
+// --- The failure timer -----------------------------------------------------------------------------------------------
 
 void disarm_failure_timer() {
     if (timer.handle != detached) {
@@ -262,7 +262,7 @@ bool arm_failure_timer() {
     return armed;
 }
 
-// --- The notice -----------------------------------------------------------------------------------------------------
+// --- The notice ------------------------------------------------------------------------------------------------------
 
 /// They stay down until the failure timer expires, whatever is configured meanwhile.
 void stop_servers() {

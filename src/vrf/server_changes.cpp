@@ -118,7 +118,7 @@ void report_unit(const char* verb, const char* vrf_name, const batch_result& res
     }
 }
 
-// --- Stops ----------------------------------------------------------------------------------------------------------
+// --- Stops -----------------------------------------------------------------------------------------------------------
 
 /// systemctl's exit status for a unit that it does not know.
 constexpr int unit_not_loaded = 5;
@@ -155,7 +155,7 @@ void stop_servers() {
     }
 }
 
-// --- Restarts -------------------------------------------------------------------------------------------------------
+// --- Restarts --------------------------------------------------------------------------------------------------------
 
 /// Whether the server is running and has really been restarted.
 bool has_started(const char* vrf_name, const batch_result& result) {

@@ -157,7 +157,7 @@ constexpr size_t count_algorithms(algorithm_kind kind, algorithm_fips fips) {
     return count;
 }
 
-// --- What the list guarantees -------------------------------------------------------------------------------------------
+// --- What the list guarantees ----------------------------------------------------------------------------------------
 
 namespace algorithm_checks {
 

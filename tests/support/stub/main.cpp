@@ -117,7 +117,7 @@ int run_rules(rule_table& table, const char* line) {
     return status;
 }
 
-// --- The servers' units ---------------------------------------------------------------------------------------------
+// --- The servers' units ----------------------------------------------------------------------------------------------
 
 // The stub of systemctl keeps one file per unit, so that it can show the states of the servers' units.
 

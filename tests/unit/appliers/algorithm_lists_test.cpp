@@ -38,7 +38,7 @@ class algorithm_lists_test : public algorithm_side_test {
 
 FOR_BOTH_SIDES(algorithm_lists_test);
 
-// --- Key exchange ---------------------------------------------------------------------------------------------------
+// --- Key exchange ----------------------------------------------------------------------------------------------------
 
 TEST_P(algorithm_lists_test, key_exchanges_are_written_in_order) {
     commit_ok(kex({"diffie-hellman-group16-sha512", "ecdh-sha2-nistp256", "curve25519-sha256"}));
@@ -154,7 +154,7 @@ TEST_P(algorithm_lists_test, an_event_that_neither_sets_nor_deletes_changes_noth
     EXPECT_EQ(both_files(), before);
 }
 
-// --- Ciphers --------------------------------------------------------------------------------------------------------
+// --- Ciphers ---------------------------------------------------------------------------------------------------------
 
 TEST_P(algorithm_lists_test, ciphers_are_written_in_order) {
     commit_ok(cipher({"aes256-gcm@openssh.com", "aes128-ctr"}));
@@ -196,7 +196,7 @@ TEST_P(algorithm_lists_test, a_failed_fips_query_stops_the_removal_of_ciphers) {
     }
 }
 
-// --- Legacy ciphers -------------------------------------------------------------------------------------------------
+// --- Legacy ciphers --------------------------------------------------------------------------------------------------
 
 TEST_P(algorithm_lists_test, missing_legacy_ciphers_are_appended) {
     commit_ok(cipher({"aes128-cbc", "aes128-ctr"}));

@@ -38,7 +38,7 @@ class algorithm_verifiers_test : public algorithm_side_test {
 
 FOR_BOTH_SIDES(algorithm_verifiers_test);
 
-// --- Key exchange ---------------------------------------------------------------------------------------------------
+// --- Key exchange ----------------------------------------------------------------------------------------------------
 
 TEST_P(algorithm_verifiers_test, every_key_exchange_is_known) {
     commit_ok(
@@ -199,7 +199,7 @@ TEST_P(algorithm_verifiers_test, a_removal_queries_nothing) {
     }
 }
 
-// --- Ciphers --------------------------------------------------------------------------------------------------------
+// --- Ciphers ---------------------------------------------------------------------------------------------------------
 
 TEST_P(algorithm_verifiers_test, every_cipher_is_known) {
     commit_ok(cipher({"aes128-ctr", "aes192-ctr", "aes256-ctr", "aes128-gcm@openssh.com", "aes256-gcm@openssh.com",
@@ -235,7 +235,7 @@ TEST_P(algorithm_verifiers_test, a_failed_fips_query_refuses_chacha20_and_nothin
     }
 }
 
-// --- Host keys ------------------------------------------------------------------------------------------------------
+// --- Host keys -------------------------------------------------------------------------------------------------------
 
 class host_key_verifier_test : public algorithm_test {
   protected:

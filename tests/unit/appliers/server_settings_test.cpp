@@ -102,7 +102,7 @@ class server_settings_test : public agent_test {
     }
 };
 
-// --- The rows -------------------------------------------------------------------------------------------------------
+// --- The rows --------------------------------------------------------------------------------------------------------
 
 struct plain_setting {
     const char* name;
@@ -242,7 +242,7 @@ TEST_F(server_settings_test, timeout_and_retries_are_printed_in_debug) {
     EXPECT_THAT(fake_platform::debug_texts(), Contains("(sshd_apply_max_auth_limit), Retries:=20"));
 }
 
-// --- DSCP -----------------------------------------------------------------------------------------------------------
+// --- DSCP ------------------------------------------------------------------------------------------------------------
 
 // The table contains the code point, the file has it in the upper six bits of the type of service.
 TEST_F(server_settings_test, a_code_point_is_written_as_type_of_service) {
@@ -270,7 +270,7 @@ TEST_F(server_settings_test, removing_the_code_point_leaves_the_default_in_the_f
     EXPECT_STREQ(current(SERVER_IP_QOS), "0x10");
 }
 
-// --- Rekey limit ----------------------------------------------------------------------------------------------------
+// --- Rekey limit -----------------------------------------------------------------------------------------------------
 
 // Two items share one line, one half each.
 TEST_F(server_settings_test, the_two_halves_of_the_rekey_limit_are_independent) {
@@ -323,7 +323,7 @@ TEST_F(server_settings_test, the_longest_rekey_limit_fits) {
     EXPECT_EQ(line_of("RekeyLimit"), "RekeyLimit -1M 2147483647m");
 }
 
-// --- Logging --------------------------------------------------------------------------------------------------------
+// --- Logging ---------------------------------------------------------------------------------------------------------
 
 TEST_F(server_settings_test, logging_makes_the_servers_verbose_whatever_the_value) {
     for (const uint32_t value : {1u, 0u, 9u}) {
@@ -375,7 +375,7 @@ TEST_F(server_settings_test, logging_ignores_events_that_neither_set_nor_delete)
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-// --- Port forwarding ------------------------------------------------------------------------------------------------
+// --- Port forwarding -------------------------------------------------------------------------------------------------
 
 TEST_F(server_settings_test, port_forwarding_is_local_or_none) {
     EXPECT_EQ(set(sshd_apply_port_forwarding, 1), 0u);
@@ -414,7 +414,7 @@ TEST_F(server_settings_test, an_event_that_neither_sets_nor_deletes_port_forward
     EXPECT_THAT(trail(), ElementsAre());
 }
 
-// --- Window scale ---------------------------------------------------------------------------------------------------
+// --- Window scale ----------------------------------------------------------------------------------------------------
 
 // Only the table keeps it: no file is written and no server restarted.
 TEST_F(server_settings_test, the_window_scale_is_written_with_the_next_recreated_file) {

@@ -47,7 +47,7 @@ class trustpoints_test : public algorithm_test {
     static bool warned(const std::string& text) { return fake_platform::logged("WARNING_GENERAL", text); }
 };
 
-// --- The host's -----------------------------------------------------------------------------------------------------
+// --- The host's ------------------------------------------------------------------------------------------------------
 
 TEST_F(trustpoints_test, the_hosts_trustpoint_is_in_the_file_while_its_item_is_set) {
     EXPECT_EQ(line("HostTrustpointQd"), "no line");
@@ -101,7 +101,7 @@ TEST_F(trustpoints_test, a_recreated_file_has_the_trustpoints_from_the_table) {
     EXPECT_EQ(line("UserTrustpointCntQd"), "2");
 }
 
-// --- The users' -----------------------------------------------------------------------------------------------------
+// --- The users' ------------------------------------------------------------------------------------------------------
 
 TEST_F(trustpoints_test, user_trustpoints_are_a_counted_list_in_order_of_arrival) {
     add("zeta");
@@ -287,7 +287,7 @@ TEST_F(trustpoints_test, every_change_reaches_the_vrfs_servers) {
     EXPECT_EQ(value(vrf_file, "UserTrustpointQd"), "no line");
 }
 
-// --- The user's name in a certificate -------------------------------------------------------------------------------
+// --- The user's name in a certificate --------------------------------------------------------------------------------
 
 TEST_F(trustpoints_test, the_flags_make_a_mask) {
     const std::pair<std::vector<fake_platform::field>, const char*> masks[] = {

@@ -73,7 +73,7 @@ class user_keys_test : public agent_test {
     }
 };
 
-// --- Verifier -------------------------------------------------------------------------------------------------------
+// --- Verifier --------------------------------------------------------------------------------------------------------
 
 TEST_F(user_keys_test, a_key_of_a_known_user_is_accepted) {
     EXPECT_EQ(verify(key_text), accepted);
@@ -194,7 +194,7 @@ TEST_F(user_keys_test, the_checks_are_in_order) {
     EXPECT_EQ(verify("ssh-dss AAAA").status, platform_status{EEXIST});
 }
 
-// --- Applier --------------------------------------------------------------------------------------------------------
+// --- Applier ---------------------------------------------------------------------------------------------------------
 
 TEST_F(user_keys_test, a_key_is_stored_as_der) {
     const time_t before = time(nullptr);
@@ -266,7 +266,7 @@ TEST_F(user_keys_test, a_missing_value_cannot_be_applied) {
     EXPECT_THAT(fake_platform::calls(), IsEmpty());
 }
 
-// --- A commit -------------------------------------------------------------------------------------------------------
+// --- A commit --------------------------------------------------------------------------------------------------------
 
 class user_key_commit_test : public user_keys_test {
   protected:

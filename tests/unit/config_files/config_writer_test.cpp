@@ -76,7 +76,7 @@ class config_writer_test : public agent_test {
     size_t count_ = 0;
 };
 
-// --- The default file -----------------------------------------------------------------------------------------------
+// --- The default file ------------------------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, a_set_event_writes_the_line) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -157,7 +157,7 @@ TEST_F(config_writer_test, a_recreation_that_fails_is_returned) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-// --- The VRFs -------------------------------------------------------------------------------------------------------
+// --- The VRFs --------------------------------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, every_vrf_gets_the_line_and_a_restart_newest_first) {
     add_vrf("red", "UsePAM no\n");
@@ -260,7 +260,7 @@ TEST_F(config_writer_test, the_walk_works_without_the_restart_upcall) {
     EXPECT_EQ(read_file(vrf_file("red")), "UsePAM yes\n");
 }
 
-// --- Several lines for one keyword ----------------------------------------------------------------------------------
+// --- Several lines for one keyword -----------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, a_list_becomes_one_line_for_each_value_in_every_file) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -301,7 +301,7 @@ TEST_F(config_writer_test, the_list_writer_walks_like_the_single_line_writer) {
     EXPECT_THAT(restarts, ElementsAre("stop blue", "delete blue"));
 }
 
-// --- One VRF's file -------------------------------------------------------------------------------------------------
+// --- One VRF's file --------------------------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, only_one_vrfs_file_is_changed) {
     add_vrf("red", "Port 22\n");
@@ -336,7 +336,7 @@ TEST_F(config_writer_test, a_vrfs_file_is_deleted) {
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
-// --- The client's file ----------------------------------------------------------------------------------------------
+// --- The client's file -----------------------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, a_missing_client_file_is_created) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);

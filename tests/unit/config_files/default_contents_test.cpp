@@ -14,7 +14,7 @@ namespace {
 
 using default_contents_test = agent_test;
 
-// --- Both default files at start-up ---------------------------------------------------------------------------------
+// --- Both default files at start-up ----------------------------------------------------------------------------------
 
 TEST_F(default_contents_test, missing_files_are_created_empty) {
     EXPECT_EQ(prepare_default_files(), 0);

@@ -50,7 +50,7 @@ class file_recreation_test : public agent_test {
 
 constexpr char netconf_proxy[] = "/pkg/bin/netconf_sshd_proxy -i 0 -o 1";
 
-// --- The recreated default file -------------------------------------------------------------------------------------
+// --- The recreated default file --------------------------------------------------------------------------------------
 
 TEST_F(file_recreation_test, the_default_file_is_made_from_the_table) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -137,7 +137,7 @@ TEST_F(file_recreation_test, a_default_file_that_can_be_created_but_not_opened) 
     EXPECT_EQ(opens, 2u);
 }
 
-// --- The recreated file of a VRF ------------------------------------------------------------------------------------
+// --- The recreated file of a VRF -------------------------------------------------------------------------------------
 
 TEST_F(file_recreation_test, a_vrfs_file_needs_a_name) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);

@@ -37,7 +37,7 @@ int edit_multiple(const char* keyword, int add, const char* new_line, uint32_t* 
 
 using editor = int (*)(const char* keyword, int add, const char* new_line, uint32_t* change);
 
-// --- Edited files ---------------------------------------------------------------------------------------------------
+// --- Edited files ----------------------------------------------------------------------------------------------------
 
 /// An edit of golden/line_editor/NAME.in, whose result is NAME.ok.
 struct golden_case {
@@ -197,7 +197,7 @@ TEST_F(line_editor_test, a_replaced_value_is_printed) {
                             "changed"));
 }
 
-// --- Modes ----------------------------------------------------------------------------------------------------------
+// --- Modes -----------------------------------------------------------------------------------------------------------
 
 TEST_F(line_editor_test, the_file_keeps_its_mode_but_is_never_writable_for_others) {
     const struct {
@@ -224,7 +224,7 @@ TEST_F(line_editor_test, a_leftover_temporary_file_does_not_affect_the_edited_fi
     EXPECT_EQ(mode_of(edited_file), mode_t{0640});
 }
 
-// --- Refused requests -----------------------------------------------------------------------------------------------
+// --- Refused requests ------------------------------------------------------------------------------------------------
 
 struct refused_case {
     const char* file;
@@ -280,7 +280,7 @@ TEST_F(line_editor_test, the_multi_line_editor_refuses_the_same_requests_under_i
     }
 }
 
-// --- Failures -------------------------------------------------------------------------------------------------------
+// --- Failures --------------------------------------------------------------------------------------------------------
 
 TEST_F(line_editor_test, a_missing_file_sets_errno) {
     fake_platform::preset_debug_flag(debug_cfg_agent, true);
@@ -355,7 +355,7 @@ TEST_F(line_editor_test, a_full_disk_is_noticed_before_the_rename) {
     }
 }
 
-// --- Every file operation of an edit fails, or the process is killed before it -------------------------------------
+// --- Every file operation of an edit fails, or the process is killed before it ---------------------------------------
 
 struct matrix_case {
     const char* name;

@@ -107,7 +107,7 @@ TEST_F(item_table_test, the_nodes_agree_with_themselves) {
     EXPECT_EQ(reached.size(), item_table.node_count);
 }
 
-// --- The two callbacks ----------------------------------------------------------------------------------------------
+// --- The two callbacks -----------------------------------------------------------------------------------------------
 
 struct dispatch_result {
     platform_status status;

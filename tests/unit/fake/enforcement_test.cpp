@@ -112,7 +112,7 @@ TEST(fake_enforcement, a_reset_clears_the_reports_and_the_registration) {
     EXPECT_FALSE(fake_platform::reconcile(false).registered);
 }
 
-// --- Commits --------------------------------------------------------------------------------------------------------
+// --- Commits ---------------------------------------------------------------------------------------------------------
 
 platform_status report_two(const datastore_backend_call*, void*) {
     enforcement_failed("file /a", "no space");

@@ -35,7 +35,7 @@ class fips_switch_test : public algorithm_test {
     }
 };
 
-// --- Files ----------------------------------------------------------------------------------------------------------
+// --- Files -----------------------------------------------------------------------------------------------------------
 
 TEST_F(fips_switch_test, a_normal_start_writes_no_cipher_and_key_exchange_lines) {
     EXPECT_EQ(start_agent(), START_UP_DONE);
@@ -146,7 +146,7 @@ TEST_F(fips_switch_test, a_restart_after_a_failure_keeps_fips_mode) {
     }
 }
 
-// --- Registration ---------------------------------------------------------------------------------------------------
+// --- Registration ----------------------------------------------------------------------------------------------------
 
 struct registration_failure {
     const char* operation;
@@ -202,7 +202,7 @@ TEST_F(fips_switch_test, exhausted_memory_at_run_time_is_printed_in_debug) {
     EXPECT_EQ(server_line("NorvoSSHFipsMode"), "no line");
 }
 
-// --- Failed writes -------------------------------------------------------------------------------------------------
+// --- Failed writes ---------------------------------------------------------------------------------------------------
 
 TEST_F(fips_switch_test, failed_writes_when_switching_on_are_only_reported) {
     start();
@@ -270,7 +270,7 @@ TEST_F(fips_switch_test, failed_writes_of_a_start_in_fips_mode_are_only_reported
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=Read-only file system(0x1e), Failed to set FIPS mode"));
 }
 
-// --- Lists that cannot be filtered ----------------------------------------------------------------------------------
+// --- Lists that cannot be filtered -----------------------------------------------------------------------------------
 
 void notify(uint32_t event) {
     const datastore_notification notification = {"fipsmode/value", event, nullptr, 0};

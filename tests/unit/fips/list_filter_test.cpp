@@ -141,7 +141,7 @@ TEST_F(list_filter_test, the_result_is_truncated_to_its_buffer) {
     EXPECT_EQ(cipher(repeated(10, std::string(39, 'c'))).size(), 254u);
 }
 
-// --- Host-key files -------------------------------------------------------------------------------------------------
+// --- Host-key files --------------------------------------------------------------------------------------------------
 
 TEST_F(list_filter_test, files_are_in_the_order_of_the_list) {
     EXPECT_EQ(fips_hostkey_files_from_list("ssh-ed25519,ecdsa-sha2-nistp521,ecdsa-sha2-nistp384,ecdsa-sha2-nistp256,"

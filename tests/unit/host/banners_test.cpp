@@ -47,7 +47,7 @@ class banners_test : public algorithm_test {
     }
 };
 
-// --- The text -------------------------------------------------------------------------------------------------------
+// --- The text --------------------------------------------------------------------------------------------------------
 
 TEST_F(banners_test, delimiters_are_removed) {
     EXPECT_EQ(message("#Hello#"), "Hello");
@@ -95,7 +95,7 @@ TEST_F(banners_test, any_bytes_are_kept) {
     EXPECT_EQ(message("\xff\xfe\xfd\xff"), "\xfe\xfd");
 }
 
-// --- The banner file ------------------------------------------------------------------------------------------------
+// --- The banner file -------------------------------------------------------------------------------------------------
 
 TEST_F(banners_test, a_login_banner_is_written_to_the_file_named_by_the_servers) {
     set_configured_banner(BANNER_LOGIN, "#Hello#");
@@ -283,7 +283,7 @@ TEST_F(banners_test, texts_are_appended) {
     EXPECT_EQ(content(), "one\ntwo\n\n");
 }
 
-// --- The message of the day -----------------------------------------------------------------------------------------
+// --- The message of the day ------------------------------------------------------------------------------------------
 
 TEST_F(banners_test, the_message_of_the_day_follows_the_aaa_banner) {
     write_file(motd, "the distribution's\n");

@@ -32,7 +32,7 @@ class pam_file_test : public agent_test {
     static void expect_whole_file() { expect_golden("host/golden/norvosshd", read_file(file)); }
 };
 
-// --- The file -------------------------------------------------------------------------------------------------------
+// --- The file --------------------------------------------------------------------------------------------------------
 
 TEST_F(pam_file_test, a_missing_file_is_written) {
     write_pam_file();
@@ -93,7 +93,7 @@ TEST_F(pam_file_test, after_a_kill_at_any_call_the_file_is_missing_or_complete) 
     EXPECT_GT(kill_points, 2u);
 }
 
-// --- The watch ------------------------------------------------------------------------------------------------------
+// --- The watch -------------------------------------------------------------------------------------------------------
 
 class pam_watch_test : public pam_file_test {
   protected:
@@ -292,7 +292,7 @@ TEST_F(pam_watch_test, a_deletion_after_a_truncated_event_is_found_by_the_next_r
     EXPECT_TRUE(fake_platform::debugged("Mask:=0x200, Name:=other, event received"));
 }
 
-// --- Events that are not delivered ----------------------------------------------------------------------------------
+// --- Events that are not delivered -----------------------------------------------------------------------------------
 
 TEST_F(pam_watch_test, after_an_overflow_the_file_is_checked) {
     std::filesystem::rename(file, std::string(file) + ".moved");
@@ -403,7 +403,7 @@ TEST_F(pam_watch_test, a_watch_that_is_refused_for_a_while_is_restored_later) {
     expect_whole_file();
 }
 
-// --- Set-up ---------------------------------------------------------------------------------------------------------
+// --- Set-up ----------------------------------------------------------------------------------------------------------
 
 TEST_F(pam_file_test, an_instance_or_a_watch_that_is_refused_is_traced) {
     call_faults::fail_call("inotify_init1", EMFILE);

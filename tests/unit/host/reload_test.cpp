@@ -139,7 +139,7 @@ class reload_test : public agent_test {
     std::vector<pid_t> sessions;
 };
 
-// --- The list of sessions -------------------------------------------------------------------------------------------
+// --- The list of sessions --------------------------------------------------------------------------------------------
 
 TEST_F(reload_test, sessions_are_found_in_the_process_table) {
     show({"4711", "4712", "99999"});
@@ -314,7 +314,7 @@ TEST_F(reload_test, the_list_is_closed) {
     EXPECT_EQ(directory_names("/proc/self/fd").size(), open_before);
 }
 
-// --- The notice -----------------------------------------------------------------------------------------------------
+// --- The notice ------------------------------------------------------------------------------------------------------
 
 TEST_F(reload_test, without_sessions_the_acknowledgement_is_sent_immediately) {
     show({});
@@ -460,7 +460,7 @@ TEST_F(reload_test, the_count_of_ended_sessions_does_not_wrap) {
                                       "active sessions terminated"));
 }
 
-// --- The failure timer ----------------------------------------------------------------------------------------------
+// --- The failure timer -----------------------------------------------------------------------------------------------
 
 constexpr char will_not_proceed[] = "ERR_GENERAL: Failed to start the shutdown failuretimer/ Will not proceed";
 

@@ -18,7 +18,7 @@
 
 namespace {
 
-// --- Any table ------------------------------------------------------------------------------------------------------
+// --- Any table -------------------------------------------------------------------------------------------------------
 
 std::vector<std::string> events;
 platform_status second_status;
@@ -129,7 +129,7 @@ TEST_F(service_set_test, the_start_continues_without_an_optional_service) {
     EXPECT_EQ(events, strings{"stop first"});
 }
 
-// --- The platform's own table ---------------------------------------------------------------------------------------
+// --- The platform's own table ----------------------------------------------------------------------------------------
 
 strings names_at(service_moment moment) {
     strings names;

@@ -95,7 +95,7 @@ std::string restart_of(const std::string& vrf) {
     return "systemctl restart sshd_service_" + vrf;
 }
 
-// --- At rest --------------------------------------------------------------------------------------------------------
+// --- At rest ---------------------------------------------------------------------------------------------------------
 
 TEST_F(reconciliation_test, after_a_start_nothing_differs) {
     start();
@@ -154,7 +154,7 @@ TEST_F(reconciliation_test, after_settings_were_set_and_deleted_nothing_differs)
     }
 }
 
-// --- Interrupted ----------------------------------------------------------------------------------------------------
+// --- Interrupted -----------------------------------------------------------------------------------------------------
 
 TEST_F(reconciliation_test, a_kept_file_that_differs_is_replaced_and_its_server_restarted) {
     start();
@@ -284,7 +284,7 @@ TEST_F(reconciliation_test, after_a_kill_at_any_call_of_a_commit_the_next_start_
     }
 }
 
-// --- Drift ----------------------------------------------------------------------------------------------------------
+// --- Drift -----------------------------------------------------------------------------------------------------------
 
 TEST_F(reconciliation_test, lines_of_the_default_file) {
     start();
@@ -362,7 +362,7 @@ TEST_F(reconciliation_test, the_pam_file_and_the_banners) {
     EXPECT_EQ(read_file(paths::aaa_banner_file), "Welcome\n");
 }
 
-// --- Failures -------------------------------------------------------------------------------------------------------
+// --- Failures --------------------------------------------------------------------------------------------------------
 
 TEST_F(reconciliation_test, a_full_disk_is_reported_with_the_commit_and_repaired_later) {
     start();

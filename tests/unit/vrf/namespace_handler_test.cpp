@@ -78,7 +78,7 @@ class namespace_handler_test : public vrf_test {
     }
 };
 
-// --- A namespace appears --------------------------------------------------------------------------------------------
+// --- A namespace appears ---------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, a_vrfs_server_starts_when_its_namespace_appears) {
     vrf_node* node = create_vrf_node("red");
@@ -134,7 +134,7 @@ TEST_F(namespace_handler_test, a_namespace_without_a_vrf_is_ignored) {
     EXPECT_THAT(stub_commands::log(), ElementsAre());
 }
 
-// --- The wait -------------------------------------------------------------------------------------------------------
+// --- The wait --------------------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, waits_until_the_namespace_is_listed) {
     create_vrf_node("red");
@@ -214,7 +214,7 @@ TEST_F(namespace_handler_test, the_name_is_matched_at_the_beginning_of_a_line) {
     EXPECT_EQ(std::count(calls.begin(), calls.end(), nap), 1);
 }
 
-// --- Failures on the way --------------------------------------------------------------------------------------------
+// --- Failures on the way ---------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, a_unit_that_cannot_be_created_stops_the_handling) {
     vrf_node* node = create_vrf_node("red");
@@ -320,7 +320,7 @@ TEST_F(namespace_handler_test, a_failure_of_access_lists_does_not_stop_the_handl
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
 }
 
-// --- A namespace goes -----------------------------------------------------------------------------------------------
+// --- A namespace goes ------------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, a_server_is_stopped_with_its_namespace_and_its_node_stays) {
     vrf_node* node = create_vrf_node("red");
@@ -398,7 +398,7 @@ TEST_F(namespace_handler_test, a_configured_vrf_starts_once_when_its_namespace_a
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
 }
 
-// --- Other messages -------------------------------------------------------------------------------------------------
+// --- Other messages --------------------------------------------------------------------------------------------------
 
 TEST_F(namespace_handler_test, other_codes_are_answered_and_ignored) {
     create_vrf_node("red");

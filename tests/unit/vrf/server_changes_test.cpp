@@ -41,7 +41,7 @@ class server_changes_test : public vrf_appliers_test {
 using announced_test = server_changes_test;
 using unannounced_test = server_changes_test;
 
-// --- Commands with and without an announcement --------------------------------------------------------------------------------------
+// --- Commands with and without an announcement -----------------------------------------------------------------------
 
 TEST_F(unannounced_test, every_command_runs_immediately) {
     add_namespace("green");
@@ -127,7 +127,7 @@ TEST_F(announced_test, one_command_stops_at_most_64_servers) {
     EXPECT_THAT(stub_commands::log_of("systemctl stop"), Contains("systemctl stop sshd_service_v64"));
 }
 
-// --- Results ----------------------------------------------------------------------------------
+// --- Results ---------------------------------------------------------------------------------------------------------
 
 TEST_F(announced_test, a_server_that_fails_does_not_hide_the_others) {
     stub_commands::fail_unit("sshd_service_blue");
@@ -239,7 +239,7 @@ TEST_F(announced_test, a_server_that_does_not_stop_is_reported) {
                 ElementsAre(fake_platform::unenforced{"server red", "systemctl stop sshd_service_red failed"}));
 }
 
-// --- The last request counts ----------------------------------------------------------------------------------------
+// --- The last request counts -----------------------------------------------------------------------------------------
 
 TEST_F(announced_test, a_vrf_that_is_removed_and_added_is_restarted) {
     put_off_server_changes();
@@ -260,7 +260,7 @@ TEST_F(announced_test, a_vrf_that_is_changed_and_removed_is_stopped) {
     EXPECT_THAT(stub_commands::log_of("systemctl restart"), ElementsAre("systemctl restart sshd_service_blue"));
 }
 
-// --- Protection -----------------------------------------------------------------------------------------------------
+// --- Protection ------------------------------------------------------------------------------------------------------
 
 // Its rules are removed before its server is stopped.
 TEST_F(announced_test, a_vrf_is_blocked_before_it_loses_its_lists) {
@@ -296,7 +296,7 @@ TEST_F(announced_test, a_vrf_without_a_restart_is_unblocked_at_the_end) {
     EXPECT_FALSE(fake_platform::vrf_blocked("default"));
 }
 
-// --- The record of restarts -----------------------------------------------------------------------------------------
+// --- The record of restarts ------------------------------------------------------------------------------------------
 
 TEST_F(announced_test, the_restarts_are_recorded_until_they_are_made) {
     put_off_server_changes();

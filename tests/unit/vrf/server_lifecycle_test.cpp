@@ -22,7 +22,7 @@ class server_lifecycle_test : public vrf_test {
     vrf_node* node;
 };
 
-// --- Start and stop -------------------------------------------------------------------------------------------------
+// --- Start and stop --------------------------------------------------------------------------------------------------
 
 TEST_F(server_lifecycle_test, the_first_start_initialises_the_filter_and_restarts_while_blocked) {
     EXPECT_EQ(ssh_process_restart(1, "red"), 0);
@@ -195,7 +195,7 @@ TEST_F(server_lifecycle_test, a_failing_protection_service_does_not_prevent_a_st
     EXPECT_TRUE(traced({"red", "5"}));
 }
 
-// --- The VRF's file -------------------------------------------------------------------------------------------------
+// --- The VRF's file --------------------------------------------------------------------------------------------------
 
 class prepare_vrf_file_test : public vrf_test {
   protected:

@@ -46,7 +46,7 @@ TEST_F(control_calls_test, unknown_members_are_ignored) {
     EXPECT_EQ(result(R"({"call":"dump","colour":"red"})"), "done");
 }
 
-// --- Standby --------------------------------------------------------------------------------------------------------
+// --- Standby ---------------------------------------------------------------------------------------------------------
 
 /// The agent of a standby node, which has not opened the database.
 class control_standby_test : public control_test::calls_test {

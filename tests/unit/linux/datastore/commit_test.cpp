@@ -169,7 +169,7 @@ TEST_F(datastore_commit_test, reports_items_that_are_not_served) {
     EXPECT_EQ(stored("/cfg/gl/crypto/ssh/client/dscp"), "none");
 }
 
-// --- Stored, but not in force ---------------------------------------------------------------------------------------
+// --- Stored, but not in force ----------------------------------------------------------------------------------------
 
 std::vector<std::string> not_in_force(const datastore_commit_result& result) {
     std::vector<std::string> lines;

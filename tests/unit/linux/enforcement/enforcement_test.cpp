@@ -74,7 +74,7 @@ TEST_F(enforcement_record_test, a_collector_contains_what_was_reported_during_it
     EXPECT_THAT(subjects(later.entries()), ElementsAre("server mgmt")) << "it has failed again";
 }
 
-// --- Comparisons ----------------------------------------------------------------------------------------------------
+// --- Comparisons -----------------------------------------------------------------------------------------------------
 
 TEST_F(enforcement_record_test, without_a_registration_nothing_can_be_compared) {
     EXPECT_FALSE(enforcement_can_compare());
