@@ -12,7 +12,7 @@ VRFS ?= 16,64
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
-	@echo 'make test     build, run every test: unit, sanitizers, fuzz corpus, node, system'
+	@echo 'make test     build, run every test: unit and fuzz corpus under sanitizers, node, system'
 	@echo 'make bench    figures beside the floor of the same run'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
@@ -31,7 +31,7 @@ define build_folder
 		$(if $(3),cmake --build $(1) --parallel $(JOBS) --target $(3))'
 endef
 
-# Builds what is installed; `make test` builds the tests and everything else.
+# What is installed.
 product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_start \
 	qd_aaa_pam session_responder ssh_session_reporter
 
@@ -52,10 +52,14 @@ compile-commands: dependencies
 run: build
 	@node/node --build $(BUILD) run -- examples/run
 
-test: build-all build-sanitize
-	@tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
+# The unit tests run under the sanitizers, in a build of their own; what is built here is what the nodes run. The
+# benchmarks are built so that they stay in step with the code.
+test: dependencies
+	$(call build_folder,$(BUILD),,$(product) benchmarks)
+	@MAKE='$(MAKE)' tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
 
-bench: build-all
+bench: dependencies
+	$(call build_folder,$(BUILD),,$(product) benchmarks)
 	@bench/run --build $(BUILD) --vrfs $(VRFS)
 
 install: build

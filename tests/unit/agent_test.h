@@ -50,6 +50,12 @@ class agent_test : public testing::Test {
         }
     }
 
+    static event_manager* new_event_manager() {
+        event_manager* manager = nullptr;
+        EXPECT_EQ(event_manager_create("/dev/test", &manager), 0);
+        return manager;
+    }
+
     static mode_t mode_of(const std::string& path) {
         struct stat status = {};
         return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr uint32_t created = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
+constexpr uint32_t created_and_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 
 /// Rows for the client's file; server_settings_test covers the server's.
 class setting_row_test : public agent_test {
@@ -34,7 +34,9 @@ class setting_row_test : public agent_test {
         row.write = write_client_setting;
     }
 
-    platform_status set(uint32_t value) { return apply_setting(row, {created, nullptr, &value, 0, sizeof value}); }
+    platform_status set(uint32_t value) {
+        return apply_setting(row, {created_and_set, nullptr, &value, 0, sizeof value});
+    }
 
     platform_status remove() { return apply_setting(row, {DATASTORE_EVENT_DELETE, nullptr, nullptr, 0, 0}); }
 
@@ -98,7 +100,7 @@ TEST_F(setting_row_test, debug_line_and_telemetry_precede_the_file) {
 TEST_F(setting_row_test, a_failed_check_prevents_the_change) {
     row.check = [](const datastore_change& change) -> platform_status { return change.event; };
     const std::string before = client_file();
-    EXPECT_EQ(set(10), created);
+    EXPECT_EQ(set(10), created_and_set);
     EXPECT_EQ(client_file(), before);
     EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0x10");
     EXPECT_THAT(fake_platform::debug_texts(), Contains("Event:=3, Config:=ssh client dscp"));
@@ -109,7 +111,7 @@ TEST_F(setting_row_test, a_failed_check_prevents_the_change) {
 
 TEST_F(setting_row_test, a_set_without_a_value_does_nothing) {
     const std::string before = client_file();
-    EXPECT_EQ(apply_setting(row, {created, nullptr, nullptr, 0, 0}), 0u);
+    EXPECT_EQ(apply_setting(row, {created_and_set, nullptr, nullptr, 0, 0}), 0u);
     EXPECT_EQ(client_file(), before);
     EXPECT_STREQ(client_config.parameters[CLIENT_IP_QOS].current, "0x10");
 }

@@ -23,12 +23,6 @@ void note_switch(uint32_t action, uint32_t id, void*) {
     seen_id = id;
 }
 
-event_manager* new_event_manager() {
-    event_manager* manager = nullptr;
-    EXPECT_EQ(event_manager_create("/dev/test", &manager), 0);
-    return manager;
-}
-
 TEST_F(debug_test, prints_only_while_the_agents_flag_is_on) {
     debug_print("number:=%d", 1);
     EXPECT_THAT(fake_platform::debug_texts(), ElementsAre());

@@ -10,12 +10,6 @@ namespace {
 
 using event_loop_test = agent_test;
 
-event_manager* new_event_manager() {
-    event_manager* manager = nullptr;
-    EXPECT_EQ(event_manager_create("/dev/test", &manager), 0);
-    return manager;
-}
-
 TEST_F(event_loop_test, dispatches_events_in_order) {
     event_manager* manager = new_event_manager();
     std::string seen;

@@ -146,7 +146,7 @@ class loop_test : public testing::Test {
     }
 
     /// Runs the loop until `done`, for at most `milliseconds`. Returns whether it was done.
-    bool run_until(const std::function<bool()>& done, uint64_t milliseconds = 3000) {
+    bool run_until(const std::function<bool()>& done, uint64_t milliseconds = 30'000) {
         bool expired = false;
         sd_event_source* limit = nullptr;
         EXPECT_LE(0, sd_event_add_time_relative(

@@ -19,7 +19,7 @@ struct swept_item {
     bool clients;
 };
 
-const swept_item items[] = {
+const swept_item swept_items[] = {
     {"records_brief", "/oper/crypto-ssh/gl/session_xml/brief", true, true},
     {"records_detail", "/oper/crypto-ssh/gl/session_xml/detail", true, true},
     {"records_rekey", "/oper/crypto-ssh/gl/session_xml/rekey", true, true},
@@ -89,7 +89,7 @@ class session_snapshot_test : public session_test, public testing::WithParamInte
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(handlers, session_snapshot_test, testing::ValuesIn(items),
+INSTANTIATE_TEST_SUITE_P(handlers, session_snapshot_test, testing::ValuesIn(swept_items),
                          [](const auto& item) { return std::string(item.param.name); });
 
 }  // namespace

@@ -30,7 +30,7 @@ constexpr char kex_line[] =
     "outcipher:aes256-gcm@openssh.com inmac:hmac-sha2-256 outmac:aes-gcm";
 constexpr char rekey_line[] = ":[0-9]+ session_id:5 session_rekey_count:5 next_rekey_time_str:90 data_to_rekey:1572864";
 
-const command_line_item items[] = {
+const command_line_item command_line_items[] = {
     {"show_ssh_cli", "/oper/crypto-ssh/gl/sshddata/brief", false, sshd_sessioninfo_descriptor,
      ":[0-9]+ Line: vty 3 Userid:ann Host:2001:db8::7 Authen Method:rsa-pubkey Open Channels:2 Active Channels:2",
      "Failed to encode data into sshd_sessioninfo bag: "},
@@ -62,7 +62,7 @@ class show_sessions_test : public session_test, public testing::WithParamInterfa
     static std::string debug_line(const std::string& text) { return std::string(GetParam().routine) + text; }
 };
 
-INSTANTIATE_TEST_SUITE_P(items, show_sessions_test, testing::ValuesIn(items),
+INSTANTIATE_TEST_SUITE_P(items, show_sessions_test, testing::ValuesIn(command_line_items),
                          [](const auto& item) { return std::string(item.param.routine); });
 
 void expect_session(const std::string& bytes) {

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-constexpr char tree[] = "/oper/overlays/gl/crypto_ssh/openconfig-system/";
+constexpr char telemetry_tree[] = "/oper/overlays/gl/crypto_ssh/openconfig-system/";
 constexpr char event[] = "/oper/overlays/gl/crypto_ssh/openconfig-system/system__bag_overlay_crypto_ssh_system";
 
 class telemetry_test : public agent_test {
@@ -30,8 +30,8 @@ class telemetry_test : public agent_test {
 TEST_F(telemetry_test, the_tree_is_served) {
     EXPECT_EQ(ocssh_edm_init(), PLATFORM_OK);
     EXPECT_THAT(fake_platform::calls_of("datastore_provider"),
-                ElementsAre(std::string("datastore_provider_register(") + tree + ")"));
-    EXPECT_EQ(fake_platform::read(tree).records.size(), 1U);
+                ElementsAre(std::string("datastore_provider_register(") + telemetry_tree + ")"));
+    EXPECT_EQ(fake_platform::read(telemetry_tree).records.size(), 1U);
 }
 
 TEST_F(telemetry_test, needs_the_datastores_library) {
@@ -81,7 +81,8 @@ TEST_F(telemetry_test, an_event_contains_the_state_in_force) {
     ASSERT_EQ(fake_platform::published().size(), 1U);
     EXPECT_EQ(fake_platform::published()[0].path, event);
     EXPECT_EQ(fake_platform::published()[0].answer.records.size(), 1U);
-    EXPECT_EQ(fake_platform::published()[0].answer.records[0].bytes, fake_platform::read(tree).records[0].bytes);
+    EXPECT_EQ(fake_platform::published()[0].answer.records[0].bytes,
+              fake_platform::read(telemetry_tree).records[0].bytes);
 }
 
 TEST_F(telemetry_test, an_event_that_is_not_published_is_printed_in_debug) {

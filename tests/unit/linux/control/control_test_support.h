@@ -68,6 +68,9 @@ inline void allow_descriptors(rlim_t count) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
 }
 
+/// The "sleep" calls that were carried out.
+inline unsigned sleeps = 0;
+
 /// Answers of the server under test: repeats the request, or misbehaves on request.
 inline control_json answer_test_call(const control_json& request, const control_peer& peer) {
     const std::string call = request["call"];
@@ -78,6 +81,7 @@ inline control_json answer_test_call(const control_json& request, const control_
     }
     if (call == "sleep") {
         std::this_thread::sleep_for(std::chrono::milliseconds(request["milliseconds"].get<int>()));
+        ++sleeps;
     }
     if (call == "watch") {
         control_json answer = control_answer(control_result::done);
@@ -197,7 +201,7 @@ class server_test : public testing::Test {
 
     void run_once(uint64_t microseconds = 1000) { ASSERT_LE(0, sd_event_run(loop, microseconds)); }
 
-    bool run_until(const std::function<bool()>& done, int milliseconds = 5000) {
+    bool run_until(const std::function<bool()>& done, int milliseconds = 60'000) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
         while (!done() && std::chrono::steady_clock::now() < end) {
             run_once();

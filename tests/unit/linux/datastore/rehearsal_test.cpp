@@ -12,7 +12,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// A rehearsal that notes what it is asked and returns what it is told.
+/// A rehearsal that notes what it is asked and returns what it is handlers.
 struct scripted_rehearsal {
     std::vector<std::string> asked;
     std::vector<std::string> stored_meanwhile;
@@ -71,7 +71,7 @@ TEST_F(datastore_rehearsal_test, has_all_changes_and_only_these) {
 }
 
 TEST_F(datastore_rehearsal_test, a_commit_that_a_verifier_refuses_is_not_rehearsed) {
-    told.verify_results["cmn/timeout"] = EINVAL;
+    handlers.verify_results["cmn/timeout"] = EINVAL;
     EXPECT_EQ(set(timeout_path, number(30)).refused_by, datastore_refused_by::verifier);
     EXPECT_THAT(script.asked, IsEmpty());
 }

@@ -44,7 +44,7 @@ class managed_timer_test : public platform_test::loop_test {
         loop_test::TearDown();
     }
     bool expired(size_t times = 1) {
-        return run_until([&] { return noted.leaves.size() >= times; }, 1500);
+        return run_until([&] { return noted.leaves.size() >= times; }, 10'000);
     }
 
     expiries noted;
@@ -58,7 +58,7 @@ TEST_F(managed_timer_test, a_timer_expires_once_after_its_time) {
     ASSERT_TRUE(expired());
     const auto took = std::chrono::steady_clock::now() - begin;
     EXPECT_GE(took, std::chrono::milliseconds(1000));
-    EXPECT_LT(took, std::chrono::milliseconds(1400));
+    EXPECT_LT(took, std::chrono::milliseconds(1900));
     run_for(100);
     EXPECT_EQ(std::vector<managed_timer_leaf*>{leaf}, noted.leaves);
 }

@@ -3,7 +3,6 @@
 #include <sys/mount.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <memory>
 #include <vector>
 
@@ -15,13 +14,13 @@ using platform_test::nft_in;
 using platform_test::no_descriptors_left;
 using platform_test::own_network_namespace;
 using platform_test::reachable;
+using platform_test::red;
 using platform_test::remove_vrf;
 using platform_test::run;
 using platform_test::vrf_listener;
 
 namespace {
 
-constexpr char red[] = "red";
 const platform_status absent = ENOENT;
 
 class mpp_filter_test : public testing::Test {
@@ -303,20 +302,6 @@ TEST_F(mpp_filter_test, a_missing_permission_is_reported) {
     int status = -1;
     waitpid(pid, &status, 0);
     EXPECT_EQ(0, WEXITSTATUS(status));
-}
-
-TEST_F(mpp_filter_test, is_fast_enough_for_a_commit_of_many_settings) {
-    ASSERT_EQ(0u, mpp_filter_make(red, 0, failure));
-    constexpr int pairs = 200;
-    const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < pairs; ++i) {
-        ASSERT_EQ(0u, block());
-        ASSERT_EQ(0u, mpp_filter_open(red, failure));
-    }
-    const auto took = std::chrono::steady_clock::now() - begin;
-    const auto each = std::chrono::duration_cast<std::chrono::microseconds>(took).count() / pairs;
-    RecordProperty("microseconds_for_block_and_open", static_cast<int>(each));
-    EXPECT_LT(each, 3000);
 }
 
 }  // namespace

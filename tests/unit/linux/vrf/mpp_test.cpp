@@ -9,12 +9,12 @@ using platform_test::journal_listener;
 using platform_test::nft_in;
 using platform_test::no_descriptors_left;
 using platform_test::reachable;
+using platform_test::red;
 using platform_test::remove_vrf;
 using platform_test::vrf_listener;
 
 namespace {
 
-constexpr char red[] = "red";
 const platform_status invalid = EINVAL;
 
 class mpp_test : public platform_test::loop_test {

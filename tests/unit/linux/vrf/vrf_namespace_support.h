@@ -12,6 +12,8 @@
 
 namespace platform_test {
 
+inline constexpr char red[] = "red";  ///< a VRF
+
 /// Identifies the network namespace of this process.
 inline ino_t own_network_namespace() {
     struct stat status = {};
