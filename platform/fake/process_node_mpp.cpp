@@ -31,6 +31,7 @@ struct node_state {
     uint32_t respawn_count = 1;
     uint32_t progress_reports = 0;
     std::map<std::string, int, std::less<>> taken_commands;
+    std::vector<std::string> steps;
     uint32_t node_id = 1;
     std::map<uint32_t, std::string> node_names = {{1, "node0"}};
     std::map<std::string, uint32_t> vrf_ids;
@@ -97,6 +98,10 @@ uint32_t progress_reports() {
     return node.progress_reports;
 }
 
+const std::vector<std::string>& steps() {
+    return node.steps;
+}
+
 namespace internal {
 
 void reset_process_node_mpp() {
@@ -130,6 +135,11 @@ uint32_t platform_take_command(const char* command, int* status) {
 
 void process_manager_progress(void) {
     node.progress_reports++;
+}
+
+void process_manager_step(const char* work, uint32_t done, uint32_t total) {
+    process_manager_progress();
+    node.steps.push_back(std::string(work) + ' ' + std::to_string(done) + '/' + std::to_string(total));
 }
 
 int process_manager_wait_primary(void) {

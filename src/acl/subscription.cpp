@@ -14,6 +14,7 @@
 #include "core/debug.h"
 #include "core/log.h"
 #include "core/text.h"
+#include "platform/process_manager.h"
 #include "vrf/acl_state.h"
 #include "vrf/vrf_namespace.h"
 
@@ -405,15 +406,37 @@ int follow_change_in(const acl_family& family, vrf_node* node, uint32_t type, bo
     return result;
 }
 
+/// Whether a change of the list concerns the VRF now.
+bool is_concerned(const acl_family& family, const vrf_node& node, uint32_t type, const acl_change_notice& notice) {
+    return same_text(acl_name_of(family, node, type), notice.acl_name, acl_name_size) &&
+           vrf_namespace_exists(node.name);
+}
+
+uint32_t count_concerned(const acl_family& family, uint32_t type, const acl_change_notice& notice) {
+    uint32_t count = 0;
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+        count += is_concerned(family, *node, type, notice) ? 1 : 0;
+    }
+    return count;
+}
+
+void tell_step(const acl_change_notice& notice, uint32_t done, uint32_t total) {
+    char work[acl_name_size + sizeof "loading access list "];
+    format_text(work, sizeof work, "loading access list %s", notice.acl_name);
+    process_manager_step(work, done, total);
+}
+
 /// One pass over all VRFs, for one service. A VRF without namespace gets the list when the namespace returns. A failure in
 /// one VRF does not stop the others. Returns 0, or 1 if any failed.
 int follow_change(const acl_family& family, uint32_t type, const acl_change_notice& notice, bool examine_fetch) {
+    const uint32_t total = count_concerned(family, type, notice);
+    uint32_t done = 0;
     int result = 0;
     for (vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
-        if (!same_text(acl_name_of(family, *node, type), notice.acl_name, acl_name_size) ||
-            !vrf_namespace_exists(node->name)) {
+        if (!is_concerned(family, *node, type, notice)) {
             continue;
         }
+        tell_step(notice, done++, total);
         if (follow_change_in(family, node, type, notice.present != 0, examine_fetch) != 0) {
             result = 1;
         }

@@ -22,6 +22,9 @@ using clock_type = std::chrono::steady_clock;
 /// How long a killed command may take to disappear. A process that waits for a dead disk ignores even SIGKILL.
 constexpr std::chrono::seconds kill_limit(2);
 
+/// How often progress is reported while a command runs.
+constexpr std::chrono::milliseconds report_interval(100);
+
 constexpr size_t unreaped_max = 16;
 
 struct command_state {
@@ -104,7 +107,8 @@ int wait_for_child(pid_t child, const held_child_signal& signal, clock_type::tim
         if (clock_type::now() >= deadline) {
             return ETIMEDOUT;
         }
-        signal.wait_until(deadline);
+        signal.wait_until(std::min(deadline, clock_type::now() + report_interval));
+        process_manager_progress();
     }
 }
 

@@ -14,6 +14,7 @@
 #include "core/shell_command.h"
 #include "core/text.h"
 #include "platform/enforcement.h"
+#include "platform/process_manager.h"
 #include "vrf/protection.h"
 #include "vrf/server_outcome.h"
 #include "vrf/trace_points.h"
@@ -142,6 +143,7 @@ void stop_servers() {
     constexpr char verb[] = "systemctl stop";
     const server_batch batch = state.stops;
     state.stops.count = 0;
+    process_manager_step("stopping servers", 0, static_cast<uint32_t>(batch.count));
     const batch_result result = run_for(verb, batch);
     for (size_t i = 0; i < batch.count; i++) {
         const char* vrf_name = batch.names[i];
@@ -203,9 +205,19 @@ server_batch next_restarts() {
     return batch;
 }
 
+uint32_t count_of_restarts() {
+    uint32_t count = 0;
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+        count += node->restart_put_off != 0 ? 1 : 0;
+    }
+    return count;
+}
+
 void restart_servers() {
     constexpr char verb[] = "systemctl restart";
+    const uint32_t total = count_of_restarts();
     for (server_batch batch = next_restarts(); batch.count > 0; batch = next_restarts()) {
+        process_manager_step("restarting servers", total - count_of_restarts(), total);
         const batch_result result = run_for(verb, batch);
         for (size_t i = 0; i < batch.count; i++) {
             settle_restart(verb, batch.names[i], result);
@@ -241,6 +253,7 @@ void put_off_server_changes() {
 void carry_out_server_changes() {
     state.announced = false;
     if (state.reload_due) {
+        process_manager_step("letting systemd read the units", 0, 0);
         reload_units();
     }
     stop_servers();

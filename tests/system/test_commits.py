@@ -174,6 +174,31 @@ def test_a_server_that_fails_is_named_and_the_others_run(server, drop_in):
     router.wait_for_server("green")
 
 
+def test_others_are_answered_while_a_commit_restarts_servers(server, drop_in):
+    server("red")
+    drop_in("red", "ExecStartPre=/bin/sleep 4")
+    progress = ("ssh_cfg_ctl", "--json", "--progress", "set")
+    timeout, limit = router.SERVER + "cmn/timeout", router.SERVER + "cmn/session_limit"
+    begun = time.monotonic()
+    with subprocess.Popen([*progress, timeout, "51"], stdout=subprocess.PIPE, text=True) as first:
+        router.wait_until(lambda: router.ctl("status")["in_progress"] is not None)
+        with subprocess.Popen([*progress, limit, "7"], stdout=subprocess.PIPE, text=True) as second:
+            assert router.ctl("get", timeout) == 51
+            assert router.ctl("status")["in_progress"]["work"] == "restarting servers"
+            assert "In progress: 0 of " in router.run("ssh_cfg_ctl", "status").stdout
+            assert limit not in router.ctl("dump"), "a second change waits for the first"
+            assert first.poll() is None and time.monotonic() - begun < 4
+            first_lines = [json.loads(line) for line in first.communicate()[0].splitlines()]
+            drop_in.remove()
+            second_lines = [json.loads(line) for line in second.communicate()[0].splitlines()]
+    for lines, waiting in ((first_lines, False), (second_lines, True)):
+        assert lines[0]["progress"]["work"] == "restarting servers"
+        assert lines[0]["progress"]["waiting"] is waiting
+        assert lines[-1]["result"] == "done"
+    assert router.ctl("get", limit) == 7
+    assert router.ctl("status")["in_progress"] is None
+
+
 # Hangs where the agent restarts servers, and is the real program for everybody else.
 STUB = """#!/bin/sh
 if [ "$1" = restart ] && grep -q ssh_cfg_agent.service /proc/self/cgroup && [ ! -e /run/restart_reached ]; then

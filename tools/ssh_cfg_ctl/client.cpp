@@ -77,10 +77,10 @@ void send_all(int fd, std::string_view text) {
 
 enum class wait_end : uint8_t { readable, timeout };
 
-wait_end wait_readable(int fd, const ctl_connection_settings& settings) {
+wait_end wait_readable(int fd, const ctl_connection_settings& settings, bool is_told) {
     const auto start = steady::now();
     const auto end = start + std::chrono::seconds(settings.timeout);
-    bool told = !settings.tell_waiting;
+    bool told = is_told;
     for (auto now = start; now < end; now = steady::now()) {
         if (!told && now >= start + patience) {
             fputs("ssh_cfg_ctl: waiting for the agent ...\n", stderr);
@@ -96,11 +96,11 @@ wait_end wait_readable(int fd, const ctl_connection_settings& settings) {
     return wait_end::timeout;
 }
 
-control_json receive_answer(int fd, const ctl_connection_settings& settings) {
+control_json receive_document(int fd, const ctl_connection_settings& settings, bool is_told) {
     static char buffer[65536];
     control_frame_reader frame;
     while (control_frame_progress(frame) == control_frame_state::incomplete) {
-        if (wait_readable(fd, settings) == wait_end::timeout) {
+        if (wait_readable(fd, settings, is_told) == wait_end::timeout) {
             return unreachable("the agent did not answer within " + std::to_string(settings.timeout) +
                                " seconds; a change may still be carried out");
         }
@@ -117,6 +117,17 @@ control_json receive_answer(int fd, const ctl_connection_settings& settings) {
         return control_answer(control_result::failed, "the agent's answer exceeds the maximum frame size");
     }
     return ctl_parse_answer(frame.document);
+}
+
+/// Shows the reports that come before the answer.
+control_json receive_answer(int fd, const ctl_connection_settings& settings) {
+    ctl_progress_display display(settings.progress);
+    control_json document = receive_document(fd, settings, !settings.tell_waiting);
+    while (document.contains("progress") && document["progress"].is_object()) {
+        display.show(document["progress"]);
+        document = receive_document(fd, settings, true);
+    }
+    return document;
 }
 
 control_json ask_once(ctl_socket& socket, const ctl_connection_settings& settings, const std::string& frame) {
@@ -177,7 +188,11 @@ control_json ctl_ask_to_the_end(const ctl_connection_settings& settings, const c
 }
 
 control_json ctl_ask_on(ctl_socket& socket, const ctl_connection_settings& settings, const control_json& request) {
-    const std::string document = control_json_text(request);
+    control_json whole = request;
+    if (settings.progress != ctl_progress::none) {
+        whole["progress"] = true;
+    }
+    const std::string document = control_json_text(whole);
     if (document.size() > CONTROL_FRAME_MAX) {
         return control_answer(control_result::refused, "the request is larger than 16 MiB; split it");
     }

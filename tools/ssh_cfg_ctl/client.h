@@ -5,11 +5,13 @@
 #include <string>
 
 #include "control_protocol/answer.h"
+#include "ssh_cfg_ctl/progress.h"
 
 struct ctl_connection_settings {
     std::string socket_path;
     unsigned timeout;   ///< seconds without any response
     bool tell_waiting;  ///< prints on standard error that it is waiting for the agent
+    ctl_progress progress = ctl_progress::none;
 };
 
 /// A socket, closed at the end of its scope.

@@ -30,6 +30,7 @@ struct flag_row {
 
 constexpr flag_row flags[] = {
     {"--json", [](ctl_command_line& line) { line.json = true; }},
+    {"--progress", [](ctl_command_line& line) { line.progress = true; }},
     {"--help", [](ctl_command_line& line) { line.action = ctl_action::help; }},
     {"-h", [](ctl_command_line& line) { line.action = ctl_action::help; }},
     {"--version", [](ctl_command_line& line) { line.action = ctl_action::version; }},

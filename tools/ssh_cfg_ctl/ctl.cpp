@@ -14,6 +14,7 @@
 #include "ssh_cfg_ctl/client.h"
 #include "ssh_cfg_ctl/command_line.h"
 #include "ssh_cfg_ctl/nearest.h"
+#include "ssh_cfg_ctl/progress.h"
 #include "ssh_cfg_ctl/show.h"
 #include "ssh_cfg_ctl/watch.h"
 
@@ -58,6 +59,7 @@ std::string help_text() {
     return text +
            "\nOptions, before the call:\n"
            "  --json                 print every answer as JSON on standard output\n"
+           "  --progress             print the progress of a change line by line, with --json as JSON on standard output\n"
            "  --timeout SECONDS      time to wait for the agent (default 600)\n"
            "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"
            "  -h, --help             print this text\n"
@@ -124,6 +126,14 @@ int run_watch(const ctl_command_line& line, const ctl_connection_settings& setti
     return wanted ? static_cast<int>(control_result::done) : report_problem(line, end);
 }
 
+/// A terminal shows the progress of what takes longer than a second.
+ctl_progress progress_form(const ctl_command_line& line, bool on_terminal) {
+    if (line.progress) {
+        return line.json ? ctl_progress::json : ctl_progress::lines;
+    }
+    return on_terminal ? ctl_progress::terminal : ctl_progress::none;
+}
+
 int run_call(const ctl_command_line& line) {
     const ctl_call_row* row = ctl_find_call(line.call[0]);
     if (row == nullptr) {
@@ -131,7 +141,9 @@ int run_call(const ctl_command_line& line) {
     }
     const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
     if (request.problem.is_null()) {
-        const ctl_connection_settings settings = {line.socket_path, line.timeout, isatty(STDERR_FILENO) == 1};
+        const bool on_terminal = isatty(STDERR_FILENO) == 1;
+        const ctl_connection_settings settings = {line.socket_path, line.timeout, on_terminal,
+                                                  progress_form(line, on_terminal)};
         if (row->goes_on) {
             return run_watch(line, settings, request.document);
         }

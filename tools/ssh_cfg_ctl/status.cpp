@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 #include "ssh_cfg_ctl/print.h"
+#include "ssh_cfg_ctl/progress.h"
 #include "ssh_cfg_ctl/table.h"
 
 namespace {
@@ -95,14 +96,20 @@ std::string lines_text(const char* heading, const control_json& list, const char
     return lines.empty() ? "" : '\n' + std::string(heading) + '\n' + lines;
 }
 
+/// What the agent is doing, if it was asked in the middle of a change.
+std::string work_text(const control_json& status) {
+    const auto work = status.find("in_progress");
+    return work != status.end() && work->is_object() ? "\nIn progress: " + ctl_progress_text(*work) + '\n' : "";
+}
+
 }  // namespace
 
 std::string ctl_status_text(const control_json& status, size_t width) {
     control_json agent = status;
-    for (const char* list : {"vrfs", "not_in_force", "problems", "not_carried_out"}) {
+    for (const char* list : {"vrfs", "not_in_force", "problems", "not_carried_out", "in_progress"}) {
         agent.erase(list);
     }
-    return ctl_record_text(agent) + vrfs_text(list_of(status, "vrfs"), width) +
+    return ctl_record_text(agent) + work_text(status) + vrfs_text(list_of(status, "vrfs"), width) +
            lines_text("Not as configured:", list_of(status, "problems"), "subject", "text") +
            lines_text("Stored, not carried out on this machine:", list_of(status, "not_carried_out"), "path", "reason");
 }

@@ -3,6 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "common/number.h"
@@ -17,6 +18,12 @@ size_t columns_of_environment() {
     return value == nullptr ? 0 : number_parse<size_t>(value).value_or(0);
 }
 
+size_t columns_of_terminal(int fd) {
+    winsize size = {};
+    const bool told = ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return told ? size.ws_col : usual_width;
+}
+
 }  // namespace
 
 size_t ctl_output_width() {
@@ -26,7 +33,10 @@ size_t ctl_output_width() {
     if (isatty(STDOUT_FILENO) != 1) {
         return 0;
     }
-    winsize size = {};
-    const bool told = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    return told ? size.ws_col : usual_width;
+    return columns_of_terminal(STDOUT_FILENO);
+}
+
+size_t ctl_error_width() {
+    constexpr size_t least = 20;
+    return std::max(columns_of_terminal(STDERR_FILENO), least);
 }

@@ -24,6 +24,10 @@ void process_manager_ready(void);
 /// process from one that hangs. Leaves errno alone.
 void process_manager_progress(void);
 
+/// The same, and what this step of long work is, for people who wait for its end: `work` in words, such as "restarting
+/// servers", with `done` of `total` items done. The text is copied.
+void process_manager_step(const char* work, uint32_t done, uint32_t total);
+
 /// Blocks until this node is the primary one. Returns 0, or -1 when the wait failed.
 int process_manager_wait_primary(void);
 

@@ -14,6 +14,7 @@
 #include "linux/datastore/state.h"
 #include "linux/enforcement/enforcement_internal.h"
 #include "linux/process/event_manager_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
 struct acl_handle {
@@ -228,6 +229,7 @@ void acl_service_notify() {
     for (const pending_notice& notice : pending) {
         deliver(notice);
     }
+    process_manager_forget_step();
 }
 
 platform_status acl_list_delete(uint32_t family, std::string_view name) {

@@ -16,45 +16,72 @@ enum class on_standby : uint8_t {
     refuse    ///< refused, because it is a change
 };
 
+/// Whether a request can be answered while a handler of the agent is at work.
+using meanwhile_test = bool (*)(const control_json& request);
+
+bool always(const control_json& /*request*/) {
+    return true;
+}
+
+/// With the member, the call runs the agent's comparison or sets one of its flags.
+template <const char* member>
+bool without(const control_json& request) {
+    return !request.contains(member);
+}
+
+constexpr char check_member[] = "check";
+constexpr char flag_member[] = "flag";
+
 struct call_row {
     const char* name;
     control_json (*answer)(const control_json& request, const control_peer& peer);
     on_standby standby;
+    meanwhile_test meanwhile;  ///< null: never, because the call changes something or needs the agent's handlers
 };
 
 constexpr call_row calls[] = {
     // Changes.
-    {"set", control_call_set, on_standby::refuse},
-    {"delete", control_call_delete, on_standby::refuse},
-    {"load", control_call_load, on_standby::refuse},
+    {"set", control_call_set, on_standby::refuse, nullptr},
+    {"delete", control_call_delete, on_standby::refuse, nullptr},
+    {"load", control_call_load, on_standby::refuse, nullptr},
     // Reads.
-    {"get", control_call_get, on_standby::read},
-    {"list", control_call_list, on_standby::read},
-    {"dump", control_call_dump, on_standby::read},
-    {"show", control_call_show, on_standby::nothing},
-    {"watch", control_call_watch, on_standby::nothing},
+    {"get", control_call_get, on_standby::read, always},
+    {"list", control_call_list, on_standby::read, always},
+    {"dump", control_call_dump, on_standby::read, always},
+    {"show", control_call_show, on_standby::nothing, nullptr},
+    {"watch", control_call_watch, on_standby::nothing, nullptr},
     // The platform's state.
-    {"vrf_list", control_call_vrf_list, on_standby::nothing},
-    {"status", control_call_status, on_standby::serve},
-    {"debug", control_call_debug, on_standby::nothing},
-    {"trace", control_call_trace, on_standby::serve},
-    {"vrf_unblock", control_call_vrf_unblock, on_standby::refuse},
+    {"vrf_list", control_call_vrf_list, on_standby::nothing, always},
+    {"status", control_call_status, on_standby::serve, without<check_member>},
+    {"debug", control_call_debug, on_standby::nothing, without<flag_member>},
+    {"trace", control_call_trace, on_standby::serve, always},
+    {"vrf_unblock", control_call_vrf_unblock, on_standby::refuse, nullptr},
     // Comparing the configuration with the machine.
-    {"verify", control_call_verify, on_standby::nothing},
-    {"repair", control_call_repair, on_standby::refuse},
+    {"verify", control_call_verify, on_standby::nothing, nullptr},
+    {"repair", control_call_repair, on_standby::refuse, nullptr},
     // Access lists.
-    {"acl_set", control_call_acl_set, on_standby::refuse},
-    {"acl_delete", control_call_acl_delete, on_standby::refuse},
-    {"acl_list", control_call_acl_list, on_standby::read},
-    {"acl_show", control_call_acl_show, on_standby::read},
+    {"acl_set", control_call_acl_set, on_standby::refuse, nullptr},
+    {"acl_delete", control_call_acl_delete, on_standby::refuse, nullptr},
+    {"acl_list", control_call_acl_list, on_standby::read, always},
+    {"acl_show", control_call_acl_show, on_standby::read, always},
     // Users' public keys.
-    {"key_list", control_call_key_list, on_standby::serve},
-    {"key_import", control_call_key_import, on_standby::refuse},
-    {"key_delete", control_call_key_delete, on_standby::refuse},
+    {"key_list", control_call_key_list, on_standby::serve, always},
+    {"key_import", control_call_key_import, on_standby::refuse, nullptr},
+    {"key_delete", control_call_key_delete, on_standby::refuse, nullptr},
     // Reloads of the router.
-    {"reload", control_call_reload, on_standby::refuse},
-    {"reload_state", control_call_reload_state, on_standby::refuse},
+    {"reload", control_call_reload, on_standby::refuse, nullptr},
+    {"reload_state", control_call_reload_state, on_standby::refuse, nullptr},
 };
+
+const call_row* find_call(const control_json& request) {
+    const std::string* name = control_text_member(request, "call");
+    for (const call_row& row : calls) {
+        if (name != nullptr && *name == row.name) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
 
 /// Answers to commits already name what is not in force. This adds it to other changes (of access lists and keys).
 control_json answer_with_failures(const call_row& row, const control_json& request, const control_peer& peer) {
@@ -132,12 +159,22 @@ control_json control_data_answer(control_json data) {
 }
 
 control_json control_call(const control_json& request, const control_peer& peer) {
-    const std::string* name = control_text_member(request, "call");
-    for (const call_row& row : calls) {
-        if (name != nullptr && *name == row.name) {
-            return answer_call(row, request, peer);
-        }
+    const call_row* row = find_call(request);
+    if (row != nullptr) {
+        return answer_call(*row, request, peer);
     }
+    const std::string* name = control_text_member(request, "call");
     return control_answer(control_result::usage,
                           "unknown call \"" + text_escape(name == nullptr ? "" : *name, 40) + '"');
+}
+
+bool control_may_be_answered_meanwhile(const control_json& request) {
+    const call_row* row = find_call(request);
+    return row == nullptr || (row->meanwhile != nullptr && row->meanwhile(request));
+}
+
+control_json control_progress() {
+    const process_step& step = process_manager_current_step();
+    return step.work.empty() ? control_json()
+                             : control_json{{"work", step.work}, {"done", step.done}, {"total", step.total}};
 }

@@ -23,6 +23,9 @@
 ///   key_delete  user
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
+/// With "progress" (true) reports come before the answer if that takes longer than a second: objects with "progress", an
+/// object with "work", "done", "total", and "waiting" (true while the request waits for another one).
+/// "in_progress" in the data of status is such an object, or null when nothing is.
 /// An answer with "next" is not final: the client makes the request in it after a short pause.
 /// On a standby node status reports that; changes are refused, and there is no data that only a primary node has.
 /// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
@@ -41,5 +44,12 @@
 
 /// Answers a request, which is an object with a string "call". May throw std::bad_alloc.
 control_json control_call(const control_json& request, const control_peer& peer);
+
+/// Whether a request may be answered while a handler of the agent is at work, because it reads nothing but what the platform
+/// knows for itself.
+bool control_may_be_answered_meanwhile(const control_json& request);
+
+/// What the agent is working on, if that was told, else null: an object with "work" in words, and "done" of "total" items.
+control_json control_progress();
 
 #endif

@@ -21,6 +21,8 @@ namespace {
 constexpr uint64_t second = 1'000'000;
 /// The most to read or write before other connections get their turn.
 constexpr size_t turn_size = 1024UL * 1024;
+/// How often a peer is told how far its request is.
+constexpr uint64_t progress_interval = second / 4;
 /// The memory of frames and answers larger than this is returned to the system at once.
 constexpr size_t worth_trimming = 256UL * 1024;
 
@@ -79,13 +81,24 @@ uint64_t time_to_take(const control_connection& connection) {
     return connection.watching ? limits.watch_time : limits.answer_time;
 }
 
-/// Starts sending a document.
-void send_document(control_connection& connection, std::string text) {
+std::string frame_of(std::string text) {
     const auto header = control_frame_header(static_cast<uint32_t>(text.size()));
     text.insert(text.begin(), header.begin(), header.end());
-    connection.answer = std::move(text);
-    connection.sent = 0;
+    return text;
+}
+
+/// Adds a frame to what is still to be sent.
+void add_frame(control_connection& connection, std::string text) {
+    const std::string frame = frame_of(std::move(text));
+    connection.server->answers -= connection.answer.size();
+    connection.answer.erase(0, std::exchange(connection.sent, 0));
+    connection.answer += frame;
     connection.server->answers += connection.answer.size();
+}
+
+/// Starts sending a document, after what is left of the last report of progress.
+void send_document(control_connection& connection, std::string text) {
+    add_frame(connection, std::move(text));
     enter_phase(connection, control_phase::answering, time_to_take(connection));
 }
 
@@ -124,12 +137,55 @@ void admit_watcher(control_connection& connection, control_json& answer) {
     connection.watching = true;
 }
 
+/// Marks a connection whose request is being carried out, so that nobody else uses or drops it meanwhile.
+class running_call {
+  public:
+    explicit running_call(control_connection& connection) : connection_(connection) { connection_.in_call = true; }
+    ~running_call() { connection_.in_call = false; }
+    running_call(const running_call&) = delete;
+    running_call& operator=(const running_call&) = delete;
+
+  private:
+    control_connection& connection_;
+};
+
 void answer_call(control_connection& connection, const control_json& request) {
-    control_json answer = connection.server->call(request, connection.peer);
+    control_json answer;
+    {
+        const running_call running(connection);
+        answer = connection.server->services.call(request, connection.peer);
+    }
     if (answer.contains("watching")) {
         admit_watcher(connection, answer);
     }
     send_answer(connection, answer, false);
+}
+
+bool has_to_wait(const control_server& server, const control_json& request) {
+    return server.is_busy && (server.services.may_be_answered_meanwhile == nullptr ||
+                              !server.services.may_be_answered_meanwhile(request));
+}
+
+/// Keeps the request until the loop is reached, where the connection is then found ready.
+void defer(control_connection& connection, control_json request) {
+    connection.request = std::move(request);
+    connection.phase = control_phase::deferred;
+    sd_event_source_set_io_events(connection.io, EPOLLOUT);
+    sd_event_source_set_enabled(connection.limit, SD_EVENT_OFF);
+}
+
+void answer_deferred(control_connection& connection) {
+    const control_json request = std::exchange(connection.request, {});
+    answer_call(connection, request);
+}
+
+void take_request(control_connection& connection, control_json request) {
+    connection.wants_progress = request.contains("progress") && request["progress"] == true;
+    if (has_to_wait(*connection.server, request)) {
+        defer(connection, std::move(request));
+    } else {
+        answer_call(connection, request);
+    }
 }
 
 void handle_request(control_connection& connection) {
@@ -144,7 +200,7 @@ void handle_request(control_connection& connection) {
                     control_answer(control_result::usage, "expected a request: an object with a string \"call\""),
                     false);
     } else {
-        answer_call(connection, *request);
+        take_request(connection, std::move(*request));
     }
     request.reset();
     if (size > worth_trimming) {
@@ -211,7 +267,10 @@ bool try_again_later(int error) {
 }
 
 served read_frame(control_connection& connection) {
-    for (size_t total = 0; total < turn_size && connection.phase != control_phase::answering;) {
+    const auto has_request = [&connection] {
+        return connection.phase == control_phase::answering || connection.phase == control_phase::deferred;
+    };
+    for (size_t total = 0; total < turn_size && !has_request();) {
         const size_t wanted = std::min(control_frame_missing(connection.frame), read_buffer.size());
         const ssize_t count = recv(connection.fd, read_buffer.data(), wanted, MSG_DONTWAIT);
         if (count < 0) {
@@ -265,6 +324,9 @@ served serve(control_connection& connection) {
             return write_answer(connection);
         case control_phase::waiting:
             return read_end(connection);
+        case control_phase::deferred:
+            answer_deferred(connection);
+            return served::kept;
         case control_phase::idle:
         case control_phase::receiving:
             break;
@@ -297,6 +359,7 @@ uint64_t time_for(const control_connection& connection) {
             return limits.idle_time;
         case control_phase::receiving:
             return limits.frame_time;
+        case control_phase::deferred:
         case control_phase::answering:
         case control_phase::waiting:
             break;
@@ -394,6 +457,38 @@ void control_connection_notify(control_connection& connection, const std::shared
     } else if (connection.phase == control_phase::waiting) {
         send_events(connection);
     }
+}
+
+void control_connection_serve_meanwhile(control_connection& connection) {
+    // Watchers are served by the loop only, where the state that they are told of is complete.
+    if (connection.in_call || connection.watching || connection.phase == control_phase::deferred) {
+        return;
+    }
+    guarded(&connection, [&connection] {
+        if (serve(connection) == served::kept && connection.phase == control_phase::answering) {
+            serve(connection);
+        }
+    });
+}
+
+void control_connection_tell_progress(control_connection& connection, const control_json& progress) {
+    const bool is_waiting = connection.phase == control_phase::deferred;
+    const uint64_t now = control_now();
+    const uint64_t begin = connection.since + connection.server->limits.progress_time;
+    if (!connection.wants_progress || !(connection.in_call || is_waiting) ||
+        now < std::max(begin, connection.told + progress_interval)) {
+        return;
+    }
+    connection.told = now;
+    if (connection.sent == connection.answer.size()) {
+        control_json report = {{"progress", progress}};
+        report["progress"]["waiting"] = is_waiting;
+        add_frame(connection, control_json_text(report));
+    }
+    // A peer that does not read it gets the rest before the answer.
+    const ssize_t count = send(connection.fd, connection.answer.data() + connection.sent,
+                               connection.answer.size() - connection.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    connection.sent += static_cast<size_t>(std::max<ssize_t>(count, 0));
 }
 
 void control_connection_drop(control_connection* connection) {

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "control_protocol/frame.h"
+#include "control_protocol/json_text.h"
 #include "linux/control/event_queue.h"
 #include "linux/control/peer.h"
 #include "linux/control/server_state.h"
@@ -24,8 +25,9 @@ enum control_priority {
     CONTROL_PRIORITY_LISTENER = 11
 };
 
-/// A watcher is in phase `answering` while events are being sent to it, and in phase `waiting` in between.
-enum class control_phase : uint8_t { idle, receiving, answering, waiting };
+/// A watcher is in phase `answering` while events are being sent to it, and in phase `waiting` in between. In phase
+/// `deferred` a request has been received that cannot be answered before the agent is back in the loop.
+enum class control_phase : uint8_t { idle, receiving, deferred, answering, waiting };
 
 struct control_connection {
     control_server* server;
@@ -39,7 +41,11 @@ struct control_connection {
     sd_event_source* io;
     sd_event_source* limit;
     control_frame_reader frame;
-    size_t promised;  ///< this frame's share of server->large_frames
+    size_t promised;       ///< this frame's share of server->large_frames
+    control_json request;  ///< deferred
+    bool in_call;          ///< its request is being carried out
+    bool wants_progress;   ///< of its request
+    uint64_t told;         ///< when progress was last sent
     std::string answer;
     size_t sent;
     control_event_queue events;
@@ -56,6 +62,13 @@ platform_status control_connection_add(control_server* server, int fd, const con
 
 /// Passes an event to a watcher, which is dropped when too many events are queued for it. Throws std::bad_alloc.
 void control_connection_notify(control_connection& connection, const std::shared_ptr<const control_event>& event);
+
+/// Receives or sends what can be received or sent while the agent is at work. The connection may be dropped.
+void control_connection_serve_meanwhile(control_connection& connection);
+
+/// Tells a peer that waits for the answer to its request how far the agent is, if it wants to know and has waited long
+/// enough. Throws std::bad_alloc.
+void control_connection_tell_progress(control_connection& connection, const control_json& progress);
 
 /// Ends the connection and frees it.
 void control_connection_drop(control_connection* connection);

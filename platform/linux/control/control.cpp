@@ -21,6 +21,7 @@
 #include "linux/control/events.h"
 #include "linux/control/server.h"
 #include "linux/host/shelf_manager_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -109,7 +110,8 @@ platform_status open_at(const std::string& path) {
         }
         return static_cast<platform_status>(result);
     }
-    control.server = control_server_create(fd, group_id, control_limits(), control_call);
+    control.server = control_server_create(fd, group_id, control_limits(),
+                                           {control_call, control_may_be_answered_meanwhile, control_progress});
     control.path = path;
     return PLATFORM_OK;
 }
@@ -148,6 +150,7 @@ platform_status control_start_standby(sd_event* loop) {
         return PLATFORM_OK;
     }
     const platform_status status = control_server_start(control.server, loop);
+    process_manager_at_progress([] { control_server_serve_meanwhile(control.server); });
     if (status == PLATFORM_OK || status == EALREADY) {
         return PLATFORM_OK;
     }
@@ -174,6 +177,7 @@ void control_close() {
         return;
     }
     shelf_manager_link(false);
+    process_manager_at_progress(nullptr);
     unlink(control.path.c_str());
     control_server_free(control.server);
     control = {};

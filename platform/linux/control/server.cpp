@@ -24,6 +24,8 @@ namespace {
 constexpr uint64_t second = 1'000'000;
 /// How many connections are accepted before existing ones get their turn.
 constexpr int accepted_at_once = 16;
+/// How long the agent is left to its work between two turns of others.
+constexpr uint64_t turn_interval = second / 50;
 /// How long accepting pauses when the process is out of descriptors or memory.
 constexpr uint64_t pause_without_descriptors = second / 5;
 /// Descriptors that connections must leave free for the agent's own work.
@@ -41,16 +43,21 @@ void send_parting_answer(int fd, const control_json& answer) {
 /// before them those whose answer is being sent.
 bool dropped_before(const std::unique_ptr<control_connection>& left, const std::unique_ptr<control_connection>& right) {
     const auto rank = [](const control_connection& connection) {
-        return std::tuple(connection.peer.uid == 0, connection.watching, connection.phase == control_phase::answering,
+        const bool is_served =
+            connection.phase == control_phase::answering || connection.phase == control_phase::deferred;
+        return std::tuple(connection.in_call, connection.peer.uid == 0, connection.watching, is_served,
                           connection.since);
     };
     return rank(*left) < rank(*right);
 }
 
-/// There must be a connection.
-void drop_idle_longest(control_server& server) {
-    control_connection* victim =
-        std::min_element(server.connections.begin(), server.connections.end(), dropped_before)->get();
+/// Returns false if there is none that could be dropped.
+bool drop_idle_longest(control_server& server) {
+    const auto first = std::min_element(server.connections.begin(), server.connections.end(), dropped_before);
+    if (first == server.connections.end() || (*first)->in_call) {
+        return false;
+    }
+    control_connection* victim = first->get();
     if (victim->phase != control_phase::answering && !victim->watching) {
         control_json answer = control_answer(control_result::failed,
                                              "too many connections; dropped because this one has been idle longest");
@@ -58,6 +65,7 @@ void drop_idle_longest(control_server& server) {
         send_parting_answer(victim->fd, answer);
     }
     control_connection_drop(victim);
+    return true;
 }
 
 /// Whether the agent's own work would find its descriptors.
@@ -77,9 +85,8 @@ bool has_reserve(const control_server& server) {
 
 /// Makes room for a connection that has been accepted.
 void make_room(control_server& server) {
-    while (!server.connections.empty() &&
-           (server.connections.size() >= server.limits.connections || !has_reserve(server))) {
-        drop_idle_longest(server);
+    while ((server.connections.size() >= server.limits.connections || !has_reserve(server)) &&
+           drop_idle_longest(server)) {
     }
 }
 
@@ -130,8 +137,7 @@ void pause_accepting(control_server& server, int error) {
 /// If the process is out of descriptors, the connection idle longest gives way.
 int accept_one(control_server& server) {
     int fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (fd < 0 && is_shortage(errno) && !server.connections.empty()) {
-        drop_idle_longest(server);
+    if (fd < 0 && is_shortage(errno) && drop_idle_longest(server)) {
         fd = accept4(server.listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     }
     return fd;
@@ -148,6 +154,26 @@ void accept_some(control_server& server) {
             pause_accepting(server, errno);
         }
         return;
+    }
+}
+
+void tell_progress(control_server& server) {
+    if (server.services.progress == nullptr) {
+        return;
+    }
+    const control_json progress = server.services.progress();
+    if (progress.is_null()) {
+        return;
+    }
+    for (const std::unique_ptr<control_connection>& connection : server.connections) {
+        control_connection_tell_progress(*connection, progress);
+    }
+}
+
+/// Only the connection that is being served may be dropped here.
+void serve_connections(control_server& server) {
+    for (auto next = server.connections.begin(); next != server.connections.end();) {
+        control_connection_serve_meanwhile(**next++);
     }
 }
 
@@ -188,7 +214,7 @@ void detach(control_server& server) {
 }  // namespace
 
 control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
-                                      control_call_function call) {
+                                      const control_services& services) {
     auto* server = new (std::nothrow) control_server();
     if (server == nullptr) {
         close(listener);
@@ -197,7 +223,7 @@ control_server* control_server_create(int listener, std::optional<gid_t> group, 
     server->listener = listener;
     server->group = group;
     server->limits = limits;
-    server->call = call;
+    server->services = services;
     return server;
 }
 
@@ -212,6 +238,24 @@ platform_status control_server_start(control_server* server, sd_event* loop) {
         return static_cast<platform_status>(-result);
     }
     return PLATFORM_OK;
+}
+
+void control_server_serve_meanwhile(control_server* server) {
+    const uint64_t begin = control_now();
+    if (server->loop == nullptr || server->is_busy || begin < server->next_turn) {
+        return;
+    }
+    server->is_busy = true;
+    try {
+        accept_some(*server);
+        serve_connections(*server);
+        tell_progress(*server);
+    } catch (const std::exception& exception) {
+        platform_log(LOG_ERR, "Failed to serve control connections: %s", exception.what());
+    }
+    server->is_busy = false;
+    const uint64_t end = control_now();
+    server->next_turn = end + std::max(end - begin, turn_interval);
 }
 
 size_t control_server_watchers(const control_server* server) {

@@ -1,6 +1,8 @@
 /// Connections of the control socket: accepts them, reads their frames, has them answered, and limits their use of memory
 /// and time. This module does not know what a call does.
 ///
+/// A request with the member "progress": true is answered with frames of the form {"progress": {...}} before the answer.
+///
 /// Peers are served one call at a time. No peer, however slow or silent, and no number of peers prevents others from being
 /// answered: nothing blocks, every phase has a time limit, and when all places are taken, the connection idle longest is
 /// dropped. An answer with the member "watching": true makes its peer a watcher: it makes no more requests and receives
@@ -22,10 +24,15 @@
 /// Takes ownership of `listener`, a listening non-blocking socket, even on failure. The caller owns and frees the server.
 /// Nothing is accepted yet. Throws std::bad_alloc.
 control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
-                                      control_call_function call);
+                                      const control_services& services);
 
 /// Starts accepting. EALREADY when it is already accepting.
 platform_status control_server_start(control_server* server, sd_event* loop);
+
+/// Serves connections while the agent is at work in some handler: accepts new ones, and answers the requests that may be
+/// answered meanwhile; others wait for the loop. Whoever has asked for it is told how far the agent is, from one second on.
+/// Never waits, and takes at most half of the time between its calls.
+void control_server_serve_meanwhile(control_server* server);
 
 /// The number of connections that watch.
 size_t control_server_watchers(const control_server* server);

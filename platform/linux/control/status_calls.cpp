@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "common/text.h"
+#include "linux/control/calls.h"
 #include "linux/control/calls_internal.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/process/process_manager_internal.h"
@@ -174,6 +175,7 @@ control_json control_call_status(const control_json& request, const control_peer
     }
     const process_status process = process_manager_status();
     control_json data = process_json(process);
+    data["in_progress"] = control_progress();
     return process.role == PROCESS_ROLE_PRIMARY
                ? status_of_primary(std::move(data), check != request.end() && check->get<bool>())
                : status_of_standby(std::move(data));

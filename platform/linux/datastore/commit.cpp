@@ -332,10 +332,18 @@ void notify_item(const std::string& path, const planned_change& planned) {
     }
 }
 
+uint32_t count_of_changes(const commit_plan& plan) {
+    return static_cast<uint32_t>(
+        std::count_if(plan.begin(), plan.end(), [](const auto& item) { return item.second.changes(); }));
+}
+
 void carry_out(const commit_plan& plan) {
     const enforcement_announced_commit announced;
+    const uint32_t total = count_of_changes(plan);
+    uint32_t done = 0;
     for (const auto& [path, planned] : plan) {
         if (planned.known && planned.changes()) {
+            process_manager_step(("applying " + path).c_str(), done++, total);
             apply_item(path, planned);
         }
     }

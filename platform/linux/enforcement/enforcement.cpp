@@ -10,6 +10,7 @@
 
 #include "linux/enforcement/enforcement_internal.h"
 #include "linux/enforcement/server_files.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
@@ -159,6 +160,7 @@ enforcement_announced_commit::~enforcement_announced_commit() {
     if (callbacks_.end != nullptr) {
         callbacks_.end(context_);
     }
+    process_manager_forget_step();
 }
 
 std::vector<enforcement_entry> enforcement_list() {

@@ -35,6 +35,13 @@ struct {
     uint64_t reported;  ///< when progress was last reported, in microseconds
 } state = {false, false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
 
+process_step current_step;
+
+struct {
+    void (*work)() = nullptr;
+    bool running = false;
+} at_progress;
+
 constexpr size_t respawn_file_max = 64;
 
 /// Progress is reported at most this often, in microseconds, and four times within the watchdog's time.
@@ -152,6 +159,32 @@ void process_manager_progress(void) {
         // A report that is lost is followed by the next one.
         sd_notify(0, state.notified && !termination_is_pending() ? "WATCHDOG=1" : extend_timeout);
     }
+    if (at_progress.work != nullptr && !at_progress.running) {
+        at_progress.running = true;
+        at_progress.work();
+        at_progress.running = false;
+    }
+}
+
+void process_manager_step(const char* work, uint32_t done, uint32_t total) {
+    try {
+        current_step = {work, done, total};
+    } catch (const std::exception&) {
+        current_step = {};
+    }
+    process_manager_progress();
+}
+
+const process_step& process_manager_current_step() {
+    return current_step;
+}
+
+void process_manager_forget_step() {
+    current_step = {};
+}
+
+void process_manager_at_progress(void (*work)()) {
+    at_progress.work = work;
 }
 
 int process_manager_wait_primary(void) {
@@ -177,5 +210,7 @@ process_status process_manager_status() {
 
 void process_manager_reset() {
     state = {false, false, false, 0, PROCESS_ROLE_PRIMARY, 0, 0};
+    current_step = {};
+    at_progress = {};
     node_lock_release();
 }

@@ -11,6 +11,7 @@
 #include "common/text.h"
 #include "linux/datastore/state.h"
 #include "linux/enforcement/enforcement_internal.h"
+#include "linux/process/process_manager_internal.h"
 #include "linux/process/recorded_commands.h"
 #include "linux/rehearsal/file_judgement.h"
 #include "linux/rehearsal/isolated_process.h"
@@ -104,6 +105,8 @@ void rehearse(int connection, const std::string& problem, const rehearsal_reques
               const std::optional<private_folders>& folders) {
     rehearsal_report report;
     report.problem = problem;
+    // The connections that could be served belong to the parent.
+    process_manager_at_progress(nullptr);
     if (problem.empty()) {
         static recorded_commands commands;
         use_proposed_values(connection, request);
@@ -181,13 +184,14 @@ rehearsal_report rehearse_commit(const rehearsal_request& request) {
     if (process.status() != PLATFORM_OK) {
         return without_report(problem_of(process.status()));
     }
-    process_manager_progress();
+    process_manager_step("rehearsing the change", 0, 0);
     running_servers running;
     const rehearsal_answers answers = {*the_datastore().engine, the_datastore().store,
                                        [&running](const std::string& vrf_name) { return running.contain(vrf_name); }};
     std::string text;
     const platform_status status = answer_questions(process.connection(), answers, deadline, text);
     process_manager_progress();
+    process_manager_forget_step();
     rehearsal_report report;
     if (status != PLATFORM_OK) {
         return without_report(problem_of(status));

@@ -7,9 +7,14 @@
 #include <cerrno>
 #include <string_view>
 
+#include "platform/process_manager.h"
+
 namespace {
 
 using steady = std::chrono::steady_clock;
+
+/// How often the parent reports progress while it waits, in milliseconds.
+constexpr std::chrono::milliseconds::rep report_interval = 100;
 
 /// An access list of 10,000 entries takes a quarter of this.
 constexpr uint32_t message_max = uint32_t{16} * 1024 * 1024;
@@ -40,9 +45,12 @@ platform_status wait_for(int connection, short events, const steady::time_point*
             if (left <= 0) {
                 return ETIMEDOUT;
             }
-            timeout = static_cast<int>(left);
+            timeout = static_cast<int>(std::min(left, report_interval));
         }
         const int ready = poll(&waiting, 1, timeout);
+        if (ready == 0) {
+            process_manager_progress();
+        }
         if (ready > 0) {
             return PLATFORM_OK;
         }

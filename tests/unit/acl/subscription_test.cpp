@@ -189,6 +189,9 @@ TEST_F(subscription_test, one_list_in_64_vrfs_has_one_subscription_and_each_file
     EXPECT_EQ(fake_platform::acl_handles(), 1U);
     stub_commands::clear_log();
     EXPECT_EQ(fake_platform::change_acl(ACL_FAMILY_IPV4, "ops", true), std::vector<int>{0});
+    ASSERT_EQ(fake_platform::steps().size(), 64U);
+    EXPECT_EQ(fake_platform::steps().front(), "loading access list ops 0/64");
+    EXPECT_EQ(fake_platform::steps().back(), "loading access list ops 63/64");
     const std::vector<std::string> commands = loads();
     EXPECT_EQ(commands.size(), 64U);
     EXPECT_EQ(std::set<std::string>(commands.begin(), commands.end()).size(), 64U);

@@ -208,6 +208,12 @@ TEST_F(shell_command_test, each_command_reports_progress) {
     EXPECT_GT(fake_platform::progress_reports(), before);
 }
 
+TEST_F(shell_command_test, a_long_command_reports_progress_while_it_runs) {
+    const uint32_t before = fake_platform::progress_reports();
+    run_shell_command("sleep 0.5", ample);
+    EXPECT_GE(fake_platform::progress_reports(), before + 4);
+}
+
 TEST_F(shell_command_test, the_output_of_a_command_is_read) {
     EXPECT_EQ(output_of("echo one; echo two >&2; echo three; exit 1", ample), "one\nthree\n");
     EXPECT_EQ(output_of("true", ample), "");

@@ -68,6 +68,16 @@ TEST(ctl_ask, reads_an_answer_sent_before_the_request_was_complete) {
     EXPECT_EQ(ctl_ask(settings, large)["message"], "too large");
 }
 
+TEST(ctl_ask, shows_the_reports_before_the_answer_if_they_are_wanted) {
+    const std::string report = R"({"progress":{"work":"applying /a","done":1,"total":2,"waiting":false}})";
+    fake_agent agent({report + "\n" + report + "\n" + R"({"result":"done","data":7})"});
+    testing::internal::CaptureStderr();
+    const control_json answer = ctl_ask({fake_agent::path(), 5, false, ctl_progress::lines}, status_request);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ssh_cfg_ctl: 1 of 2: applying /a\n");
+    EXPECT_EQ(answer["data"], 7);
+    EXPECT_THAT(agent.requests, ElementsAre(R"({"call":"status","progress":true})"));
+}
+
 TEST(ctl_ask, does_not_send_a_request_too_large_for_a_frame) {
     control_json large = status_request;
     large["pad"] = std::string(CONTROL_FRAME_MAX, 'x');

@@ -9,9 +9,11 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 TEST(ctl_command_line, splits_options_and_call) {
-    const ctl_command_line line = ctl_parse_command_line({"--json", "--timeout", "7", "--socket=/s", "get", "/a"});
+    const ctl_command_line line =
+        ctl_parse_command_line({"--json", "--progress", "--timeout", "7", "--socket=/s", "get", "/a"});
     EXPECT_EQ(line.action, ctl_action::call);
     EXPECT_TRUE(line.json);
+    EXPECT_TRUE(line.progress);
     EXPECT_EQ(line.timeout, 7U);
     EXPECT_EQ(line.socket_path, "/s");
     EXPECT_THAT(line.call, ElementsAre("get", "/a"));
@@ -20,6 +22,7 @@ TEST(ctl_command_line, splits_options_and_call) {
 TEST(ctl_command_line, defaults) {
     const ctl_command_line line = ctl_parse_command_line({"status"});
     EXPECT_FALSE(line.json);
+    EXPECT_FALSE(line.progress);
     EXPECT_EQ(line.timeout, 600U);
     EXPECT_EQ(line.socket_path, "/run/ssh_cfg_agent/control.sock");
 }

@@ -47,6 +47,19 @@ TEST(ctl_run, every_result_has_its_exit_status_and_its_text_on_standard_error) {
     }
 }
 
+TEST(ctl_run, progress_comes_before_the_answer_where_it_was_asked_for) {
+    const std::string report = R"({"progress":{"work":"applying /a","done":1,"total":2,"waiting":false}})";
+    const std::string answer = R"({"result":"done","items":[]})";
+    const outcome lines = run({"--progress", "set", "/a", "1"}, report + "\n" + answer);
+    EXPECT_EQ(lines.status, 0);
+    EXPECT_EQ(lines.errors, "ssh_cfg_ctl: 1 of 2: applying /a\n");
+    const outcome json = run({"--json", "--progress", "set", "/a", "1"}, report + "\n" + answer);
+    EXPECT_EQ(json.status, 0);
+    EXPECT_EQ(json.output, report + "\n" + answer + "\n");
+    EXPECT_EQ(json.errors, "");
+    EXPECT_EQ(run({"set", "/a", "1"}, report + "\n" + answer).errors, "") << "no terminal";
+}
+
 TEST(ctl_run, data_is_printed_as_text_or_json) {
     const std::string answer = R"({"result":"done","data":[{"name":"default","blocked":true}]})";
     const outcome plain = run({"vrf", "list"}, answer);

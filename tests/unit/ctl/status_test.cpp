@@ -37,6 +37,12 @@ TEST(ctl_status, fits_the_usual_terminal_when_nothing_is_wrong) {
     EXPECT_EQ(text(json, 80), text(json));
 }
 
+TEST(ctl_status, says_what_the_agent_is_doing) {
+    EXPECT_EQ(text(R"({"pid":5,"in_progress":{"work":"restarting servers","done":64,"total":256}})"),
+              "pid: 5\n\nIn progress: 64 of 256: restarting servers\n");
+    EXPECT_EQ(text(R"({"pid":5,"in_progress":null})"), "pid: 5\n");
+}
+
 TEST(ctl_status, has_a_line_for_each_problem) {
     EXPECT_EQ(
         text(

@@ -105,6 +105,8 @@ TEST_F(announced_test, one_command_starts_at_most_64_servers) {
     EXPECT_EQ(stub_commands::log_of("systemctl restart").size(), 2u);
     EXPECT_THAT(stub_commands::log_of("systemctl restart"),
                 Contains("systemctl restart sshd_service_blue sshd_service_red"));
+    EXPECT_THAT(fake_platform::steps(), ElementsAre("letting systemd read the units 0/0", "restarting servers 0/66",
+                                                    "restarting servers 64/66"));
     for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
         EXPECT_EQ(node->server_started, 1u) << node->name;
         EXPECT_FALSE(fake_platform::vrf_blocked(node->name)) << node->name;

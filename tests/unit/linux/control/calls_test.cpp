@@ -1,6 +1,7 @@
 #include "linux/control/calls.h"
 
 #include "linux/process/paths.h"
+#include "linux/process/process_manager_internal.h"
 #include "unit/linux/control/calls_support.h"
 #include "unit/linux/platform_test_support.h"
 
@@ -44,6 +45,63 @@ TEST_F(control_calls_test, a_missing_or_wrong_member_is_a_usage_error_that_names
 
 TEST_F(control_calls_test, unknown_members_are_ignored) {
     EXPECT_EQ(result(R"({"call":"dump","colour":"red"})"), "done");
+}
+
+// --- While a handler is at work -------------------------------------------------------------------------------------
+
+TEST_F(control_calls_test, what_changes_nothing_and_needs_no_handler_may_be_answered_meanwhile) {
+    const std::pair<const char*, bool> rows[] = {
+        {R"({"call":"get","path":"/a"})", true},
+        {R"({"call":"list","path":"/a"})", true},
+        {R"({"call":"dump"})", true},
+        {R"({"call":"vrf_list"})", true},
+        {R"({"call":"status"})", true},
+        {R"({"call":"status","check":true})", false},
+        {R"({"call":"debug"})", true},
+        {R"({"call":"debug","flag":"cfg-agent","on":true})", false},
+        {R"({"call":"trace","buffer":"error"})", true},
+        {R"({"call":"acl_list"})", true},
+        {R"({"call":"acl_show"})", true},
+        {R"({"call":"key_list"})", true},
+        {R"({"call":"nonsense"})", true},
+        {R"({"call":"set"})", false},
+        {R"({"call":"delete"})", false},
+        {R"({"call":"load"})", false},
+        {R"({"call":"show"})", false},
+        {R"({"call":"watch"})", false},
+        {R"({"call":"vrf_unblock"})", false},
+        {R"({"call":"verify"})", false},
+        {R"({"call":"repair"})", false},
+        {R"({"call":"acl_set"})", false},
+        {R"({"call":"acl_delete"})", false},
+        {R"({"call":"key_import"})", false},
+        {R"({"call":"key_delete"})", false},
+        {R"({"call":"reload"})", false},
+        {R"({"call":"reload_state"})", false},
+    };
+    for (const auto& [request, meanwhile] : rows) {
+        std::string error;
+        EXPECT_EQ(control_may_be_answered_meanwhile(*control_json_parse(request, error)), meanwhile) << request;
+    }
+}
+
+std::vector<std::string> seen_at_work;
+
+/// Reads while a commit is carried out.
+void read_meanwhile() {
+    const control_json answer = control_call({{"call", "get"}, {"path", "/cfg/gl/crypto/ssh/server/cmn/timeout"}}, {});
+    seen_at_work.push_back(control_progress().value("work", "") + " = " + control_json_text(answer["data"]));
+}
+
+TEST_F(control_calls_test, reads_in_the_middle_of_a_commit_see_what_is_stored_and_how_far_it_is) {
+    seen_at_work.clear();
+    process_manager_at_progress(read_meanwhile);
+    ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
+    process_manager_at_progress(nullptr);
+    ASSERT_FALSE(seen_at_work.empty());
+    EXPECT_EQ(seen_at_work.front(), "applying /cfg/gl/crypto/ssh/server/cmn/timeout = 45");
+    EXPECT_TRUE(control_progress().is_null());
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
 }
 
 // --- Standby ---------------------------------------------------------------------------------------------------------

@@ -55,7 +55,7 @@ TEST_F(control_server_test, starts_once) {
 TEST_F(control_server_test, peers_that_connect_before_the_start_are_answered_after_it) {
     ASSERT_LE(0, sd_event_new(&loop));
     server = control_server_create(control_test::listen_at(control_test::socket_path), std::nullopt, limits,
-                                   control_test::answer_test_call);
+                                   {control_test::answer_test_call});
     client early;
     ASSERT_TRUE(early.is_connected());
     early.put(frame_of(R"({"call":"echo"})"));

@@ -171,6 +171,41 @@ TEST_F(process_manager_test, progress_feeds_the_watchdog) {
     EXPECT_EQ("WATCHDOG=1", notify.receive());
 }
 
+int works = 0;
+process_step step_at_work;
+
+void work_and_fail() {
+    works++;
+    step_at_work = process_manager_current_step();
+    errno = EIO;
+    process_manager_progress();
+}
+
+TEST_F(process_manager_test, work_is_done_at_each_report_of_progress_but_not_within_itself) {
+    works = 0;
+    process_manager_at_progress(work_and_fail);
+    errno = ENOSPC;
+    process_manager_progress();
+    process_manager_progress();
+    EXPECT_EQ(2, works);
+    EXPECT_EQ(ENOSPC, errno);
+    process_manager_at_progress(nullptr);
+    process_manager_progress();
+    EXPECT_EQ(2, works);
+}
+
+TEST_F(process_manager_test, a_step_is_known_until_it_is_forgotten) {
+    process_manager_at_progress(work_and_fail);
+    std::string work = "restarting servers";
+    process_manager_step(work.c_str(), 64, 256);
+    work.clear();
+    EXPECT_EQ("restarting servers", step_at_work.work);
+    EXPECT_EQ(64U, step_at_work.done);
+    EXPECT_EQ(256U, step_at_work.total);
+    process_manager_forget_step();
+    EXPECT_EQ("", process_manager_current_step().work);
+}
+
 TEST_F(process_manager_test, progress_is_reported_in_time_for_a_short_watchdog) {
     datagram_listener notify("/run/notify");
     ASSERT_EQ(0, setenv("NOTIFY_SOCKET", "/run/notify", 1));
