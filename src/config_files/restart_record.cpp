@@ -155,10 +155,14 @@ int note_file_change(const char* path) {
 
 void note_restart_done(const char* vrf_name) {
     vrf_node* node = find_vrf_node(vrf_name);
-    if (node != nullptr && node->restart_due != 0) {
-        node->restart_due = 0;
-        update_record();
+    if (node != nullptr && node->restart_due == 0) {
+        return;
     }
+    // The node of a VRF whose item is deleted goes before its server stops.
+    if (node != nullptr) {
+        node->restart_due = 0;
+    }
+    update_record();
 }
 
 int begin_restart_walk() {

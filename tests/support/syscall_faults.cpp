@@ -1,5 +1,6 @@
 #include "syscall_faults.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
@@ -19,39 +20,40 @@ struct file_call {
     long number;
     const char* name;
     bool transfers;  ///< its third argument is a number of bytes
+    bool changes;    ///< it changes what is on the disk
 };
 
 constexpr file_call file_calls[] = {
-    {SYS_open, "open", false},
-    {SYS_openat, "openat", false},
-    {SYS_creat, "creat", false},
-    {SYS_read, "read", true},
-    {SYS_write, "write", true},
-    {SYS_pread64, "pread64", true},
-    {SYS_pwrite64, "pwrite64", true},
-    {SYS_writev, "writev", false},
-    {SYS_lseek, "lseek", false},
-    {SYS_stat, "stat", false},
-    {SYS_fstat, "fstat", false},
-    {SYS_lstat, "lstat", false},
-    {SYS_newfstatat, "newfstatat", false},
-    {SYS_statx, "statx", false},
-    {SYS_chmod, "chmod", false},
-    {SYS_fchmod, "fchmod", false},
-    {SYS_fchmodat, "fchmodat", false},
-    {SYS_ftruncate, "ftruncate", false},
-    {SYS_fsync, "fsync", false},
-    {SYS_fdatasync, "fdatasync", false},
-    {SYS_rename, "rename", false},
-    {SYS_renameat, "renameat", false},
-    {SYS_renameat2, "renameat2", false},
-    {SYS_unlink, "unlink", false},
-    {SYS_unlinkat, "unlinkat", false},
-    {SYS_mkdir, "mkdir", false},
-    {SYS_mkdirat, "mkdirat", false},
-    {SYS_close, "close", false},
-    {SYS_access, "access", false},
-    {SYS_fcntl, "fcntl", false},
+    {SYS_open, "open", false, false},
+    {SYS_openat, "openat", false, false},
+    {SYS_creat, "creat", false, true},
+    {SYS_read, "read", true, false},
+    {SYS_write, "write", true, true},
+    {SYS_pread64, "pread64", true, false},
+    {SYS_pwrite64, "pwrite64", true, true},
+    {SYS_writev, "writev", false, true},
+    {SYS_lseek, "lseek", false, false},
+    {SYS_stat, "stat", false, false},
+    {SYS_fstat, "fstat", false, false},
+    {SYS_lstat, "lstat", false, false},
+    {SYS_newfstatat, "newfstatat", false, false},
+    {SYS_statx, "statx", false, false},
+    {SYS_chmod, "chmod", false, true},
+    {SYS_fchmod, "fchmod", false, true},
+    {SYS_fchmodat, "fchmodat", false, true},
+    {SYS_ftruncate, "ftruncate", false, true},
+    {SYS_fsync, "fsync", false, false},
+    {SYS_fdatasync, "fdatasync", false, false},
+    {SYS_rename, "rename", false, true},
+    {SYS_renameat, "renameat", false, true},
+    {SYS_renameat2, "renameat2", false, true},
+    {SYS_unlink, "unlink", false, true},
+    {SYS_unlinkat, "unlinkat", false, true},
+    {SYS_mkdir, "mkdir", false, true},
+    {SYS_mkdirat, "mkdirat", false, true},
+    {SYS_close, "close", false, false},
+    {SYS_access, "access", false, false},
+    {SYS_fcntl, "fcntl", false, false},
 };
 
 [[noreturn]] void give_up(const char* what) {
@@ -66,6 +68,14 @@ const file_call* find_call(long number) {
         }
     }
     return nullptr;
+}
+
+/// Whether a call that begins with these registers changes what is on the disk. Opening does if it may create or empty a
+/// file.
+bool changes_disk(const file_call& call, const user_regs_struct& registers) {
+    const bool opens = call.number == SYS_open || call.number == SYS_openat;
+    const auto flags = call.number == SYS_open ? registers.rsi : registers.rdx;
+    return call.changes || (opens && (flags & (O_CREAT | O_TRUNC)) != 0);
 }
 
 /// A traced child that is stopped at the entry of a system call.
@@ -137,6 +147,7 @@ class tracer {
         bool fails = false;
         if (call != nullptr) {
             outcome_.calls++;
+            outcome_.changes.push_back(changes_disk(*call, registers));
             if (is_hit()) {
                 fails = hit(*call, registers);
             }
@@ -186,6 +197,18 @@ class tracer {
 };
 
 }  // namespace
+
+std::vector<uint32_t> kill_points(const outcome& undisturbed) {
+    std::vector<uint32_t> points;
+    bool has_changed = false;
+    for (uint32_t i = 0; i < undisturbed.changes.size(); i++) {
+        if (undisturbed.changes[i] || has_changed) {
+            points.push_back(i + 1);
+        }
+        has_changed = undisturbed.changes[i];
+    }
+    return points;
+}
 
 outcome run(const plan& plan, const std::function<int()>& body) {
     fflush(nullptr);

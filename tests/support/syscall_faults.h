@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace syscall_faults {
 
@@ -27,12 +28,17 @@ struct plan {
 };
 
 struct outcome {
-    uint32_t calls = 0;   ///< file operations begun
-    bool hit = false;     ///< whether the call was reached
-    bool killed = false;  ///< the child was killed as planned
-    int status = -1;      ///< otherwise the result of `body` (0 to 255)
-    std::string name;     ///< of the first affected call
+    uint32_t calls = 0;         ///< file operations begun
+    bool hit = false;           ///< whether the call was reached
+    bool killed = false;        ///< the child was killed as planned
+    int status = -1;            ///< otherwise the result of `body` (0 to 255)
+    std::string name;           ///< of the first affected call
+    std::vector<bool> changes;  ///< for each file operation begun: whether it changes what is on the disk
 };
+
+/// The calls, counted from 1, before which a kill may leave another state than a kill before the preceding call: those that
+/// change something, and those directly after them.
+std::vector<uint32_t> kill_points(const outcome& undisturbed);
 
 /// Runs `body` in a child process that exits afterwards. Ends the process if tracing is not possible.
 outcome run(const plan& plan, const std::function<int()>& body);

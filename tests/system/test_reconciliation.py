@@ -1,11 +1,7 @@
 """The return to the configuration after a kill, a restart, a full disk, and manual changes."""
 
 import json
-import os
 import shutil
-import signal
-import subprocess
-import time
 
 import pytest
 import router
@@ -54,59 +50,6 @@ def assert_in_force(vrfs, seconds):
 
 def main_pids(vrfs):
     return {name: router.main_pid(router.server_unit(name)) for name in vrfs}
-
-
-def start_call(*arguments):
-    """Starts the tool without waiting for it."""
-    return subprocess.Popen(
-        ["ssh_cfg_ctl", *map(str, arguments)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
-    )
-
-
-def kill_during(delay, *call):
-    """Kills the agent `delay` seconds after the beginning of a call."""
-    before = router.main_pid(router.AGENT)
-    process = start_call(*call)
-    time.sleep(delay)
-    os.kill(before, signal.SIGKILL)
-    process.communicate(timeout=30)
-    router.wait_until(lambda: router.main_pid(router.AGENT) not in (0, before), 30, "systemd starts the agent again")
-    router.wait_for_agent()
-
-
-def test_an_interrupted_setting_is_in_force_after_the_restart(servers):
-    router.set_item("cmn/timeout", 40)
-    interrupted = 0
-    for number in range(8):
-        seconds = 50 + number
-        kill_during(0.05 + number * 0.06, "set", TIMEOUT, seconds)
-        stored = json.loads(router.run("ssh_cfg_ctl", "get", TIMEOUT).stdout)
-        assert stored in (seconds, 50 + number - 1, 40)
-        interrupted += stored == seconds
-        assert_in_force(servers, stored)
-        router.set_item("cmn/timeout", seconds)
-    assert interrupted > 0, "no kill came after the value was stored"
-
-
-def test_an_interrupted_switch_to_fips_mode_is_in_force_after_the_restart(servers):
-    kill_during(0.3, "set", FIPS, 1)
-    if router.run("ssh_cfg_ctl", "get", FIPS, check=False).returncode != 0:
-        router.set_item(FIPS, 1)
-    for name in servers:
-        router.wait_for_server(name)
-        assert file_value(router.server_file(name), "NorvoSSHFipsMode") == "yes"
-        assert "chacha20" not in effective(name, "Ciphers")
-        options = ["Ciphers=chacha20-poly1305@openssh.com"]
-        assert router.ssh(name, "true", options=options, check=False).returncode != 0
-    assert router.run("ssh_cfg_ctl", "verify").returncode == 0
-
-
-def test_an_interrupted_deletion_leaves_no_server(servers):
-    kill_during(0.2, "delete", router.SERVER + "sshd/vrf/")
-    router.run("ssh_cfg_ctl", "delete", router.SERVER + "sshd/vrf/", check=False)
-    for name in servers:
-        router.wait_until(lambda name=name: not router.port_answers(name), what=f"no server in {name}")
-        assert not router.is_active(router.server_unit(name))
 
 
 def test_a_vrf_deleted_while_the_agent_was_down_has_no_server(server):

@@ -12,7 +12,6 @@
 #include "config_files/restart_record.h"
 #include "config_files/vrf_node.h"
 #include "scratch_root.h"
-#include "syscall_faults.h"
 
 namespace {
 
@@ -241,47 +240,6 @@ TEST_F(reconciliation_test, a_debug_level_that_is_still_on_is_written) {
     EXPECT_THAT(file_lines(file_of("red")), Contains("LogLevel DEBUG2"));
     fake_platform::set_debug_flag(debug_server_l2, false);
     EXPECT_THAT(read_file(file_of("red")), Not(HasSubstr("LogLevel")));
-}
-
-/// The file that each server was started with, copied at every start.
-std::string running_file(const std::string& vrf) {
-    return "/stub_commands/running_sshd_service_" + vrf;
-}
-
-TEST_F(reconciliation_test, after_a_kill_at_any_call_of_a_commit_the_next_start_puts_it_in_force) {
-    fake_platform::store(vrf_item("green"));
-    scratch_root::add_namespace_file("vrf-green");
-    stub_commands::set_hook(
-        "systemctl restart",
-        "set -- $STUB_COMMAND_LINE; unit=$3; "
-        "cp /var/opt/norvo/norvossh/sshd_config_${unit#sshd_service_} /stub_commands/running_$unit");
-    start();
-    const auto commit = [](uint32_t seconds) {
-        return syscall_faults::run(
-            {}, [seconds] { return fake_platform::commit(timeout(seconds)).not_in_force.empty() ? 0 : 1; });
-    };
-    const auto undisturbed = commit(76);
-    ASSERT_EQ(undisturbed.status, 0);
-    ASSERT_GT(undisturbed.calls, 20u);
-    for (uint32_t call = 1; call <= undisturbed.calls; call++) {
-        const auto killed = syscall_faults::run({syscall_faults::fault::kill, call},
-                                                [] { return fake_platform::commit(timeout(77)).status; });
-        SCOPED_TRACE("killed before call " + std::to_string(call) + ", " + killed.name);
-        ASSERT_TRUE(killed.killed);
-        const auto next = syscall_faults::run({}, [] {
-            fake_platform::store(timeout(77));
-            die_and_start();
-            return fake_platform::reconcile(false).remaining;
-        });
-        ASSERT_EQ(next.status, 0);
-        EXPECT_EQ(value(paths::server_file, "LoginGraceTime"), "77");
-        for (const char* vrf : {"red", "blue", "green"}) {
-            EXPECT_EQ(value(file_of(vrf), "LoginGraceTime"), "77") << vrf;
-            EXPECT_EQ(value(running_file(vrf), "LoginGraceTime"), "77") << vrf;
-        }
-        EXPECT_FALSE(path_exists(paths::restart_record));
-        ASSERT_EQ(commit(76).status, 0);
-    }
 }
 
 // --- Drift -----------------------------------------------------------------------------------------------------------
