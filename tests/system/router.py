@@ -3,6 +3,7 @@
 Everything here works inside a throw-away node only (`node/node run -- /usr/bin/python3 -m pytest tests/system`).
 """
 
+import contextlib
 import json
 import os
 import pathlib
@@ -70,6 +71,18 @@ def configuration():
     return ctl("dump")
 
 
+@contextlib.contextmanager
+def member_of(user, *groups):
+    """Puts a user into groups until the end of the block."""
+    for group in groups:
+        run("usermod", "--append", "--groups", group, user)
+    try:
+        yield
+    finally:
+        for group in groups:
+            run("gpasswd", "--delete", user, group)
+
+
 # Network namespaces and servers
 
 
@@ -134,6 +147,11 @@ def ssh(vrf, *command, user="operator", host="127.0.0.1", port=22, options=(), *
     for option in options:
         words += ["-o", option]
     return in_vrf(vrf, *words, f"{user}@{host}", *command, **run_options)
+
+
+def netconf(vrf, text, user="operator", port=830, **options):
+    """Opens the NETCONF subsystem, sends it a text and returns the CompletedProcess."""
+    return ssh(vrf, "-s", "netconf", user=user, port=port, input=text, **options)
 
 
 # The agent's process

@@ -206,12 +206,9 @@ def test_only_root_and_the_group_may_use_it(journal):
     assert status.st_mode & 0o777 == 0o660 and status.st_uid == 0
     stranger = router.run("runuser", "-u", "operator", "--", "ssh_cfg_ctl", "status", check=False)
     assert stranger.returncode == 3 and "permission denied; be root or a member of the group sshcfg" in stranger.stderr
-    router.run("usermod", "--append", "--groups", "sshcfg", "operator")
-    try:
+    with router.member_of("operator", "sshcfg", "sshcfg-admin"):
         member = router.run("runuser", "-u", "operator", "--", "ssh_cfg_ctl", "set", TIMEOUT, "46")
         assert member.returncode == 0
-    finally:
-        router.run("gpasswd", "--delete", "operator", "sshcfg")
     uid = router.run("id", "--user", "operator").stdout.strip()
     assert any(f"Control: uid:={uid}, " in message for message in journal.messages())
 

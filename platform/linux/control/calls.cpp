@@ -32,45 +32,53 @@ bool without(const control_json& request) {
 constexpr char check_member[] = "check";
 constexpr char flag_member[] = "flag";
 
+/// Who may make a call.
+enum class open_to : uint8_t {
+    readers,
+    administrators,
+    readers_without_flag  ///< the call changes something only if it names a flag
+};
+
 struct call_row {
     const char* name;
     control_json (*answer)(const control_json& request, const control_peer& peer);
     on_standby standby;
     meanwhile_test meanwhile;  ///< null: never, because the call changes something or needs the agent's handlers
+    open_to users;
 };
 
 constexpr call_row calls[] = {
     // Changes.
-    {"set", control_call_set, on_standby::refuse, nullptr},
-    {"delete", control_call_delete, on_standby::refuse, nullptr},
-    {"load", control_call_load, on_standby::refuse, nullptr},
+    {"set", control_call_set, on_standby::refuse, nullptr, open_to::administrators},
+    {"delete", control_call_delete, on_standby::refuse, nullptr, open_to::administrators},
+    {"load", control_call_load, on_standby::refuse, nullptr, open_to::administrators},
     // Reads.
-    {"get", control_call_get, on_standby::read, always},
-    {"list", control_call_list, on_standby::read, always},
-    {"dump", control_call_dump, on_standby::read, always},
-    {"show", control_call_show, on_standby::nothing, nullptr},
-    {"watch", control_call_watch, on_standby::nothing, nullptr},
+    {"get", control_call_get, on_standby::read, always, open_to::readers},
+    {"list", control_call_list, on_standby::read, always, open_to::readers},
+    {"dump", control_call_dump, on_standby::read, always, open_to::readers},
+    {"show", control_call_show, on_standby::nothing, nullptr, open_to::readers},
+    {"watch", control_call_watch, on_standby::nothing, nullptr, open_to::readers},
     // The platform's state.
-    {"vrf_list", control_call_vrf_list, on_standby::nothing, always},
-    {"status", control_call_status, on_standby::serve, without<check_member>},
-    {"debug", control_call_debug, on_standby::nothing, without<flag_member>},
-    {"trace", control_call_trace, on_standby::serve, always},
-    {"vrf_unblock", control_call_vrf_unblock, on_standby::refuse, nullptr},
+    {"vrf_list", control_call_vrf_list, on_standby::nothing, always, open_to::readers},
+    {"status", control_call_status, on_standby::serve, without<check_member>, open_to::readers},
+    {"debug", control_call_debug, on_standby::nothing, without<flag_member>, open_to::readers_without_flag},
+    {"trace", control_call_trace, on_standby::serve, always, open_to::readers},
+    {"vrf_unblock", control_call_vrf_unblock, on_standby::refuse, nullptr, open_to::administrators},
     // Comparing the configuration with the machine.
-    {"verify", control_call_verify, on_standby::nothing, nullptr},
-    {"repair", control_call_repair, on_standby::refuse, nullptr},
+    {"verify", control_call_verify, on_standby::nothing, nullptr, open_to::readers},
+    {"repair", control_call_repair, on_standby::refuse, nullptr, open_to::administrators},
     // Access lists.
-    {"acl_set", control_call_acl_set, on_standby::refuse, nullptr},
-    {"acl_delete", control_call_acl_delete, on_standby::refuse, nullptr},
-    {"acl_list", control_call_acl_list, on_standby::read, always},
-    {"acl_show", control_call_acl_show, on_standby::read, always},
+    {"acl_set", control_call_acl_set, on_standby::refuse, nullptr, open_to::administrators},
+    {"acl_delete", control_call_acl_delete, on_standby::refuse, nullptr, open_to::administrators},
+    {"acl_list", control_call_acl_list, on_standby::read, always, open_to::readers},
+    {"acl_show", control_call_acl_show, on_standby::read, always, open_to::readers},
     // Users' public keys.
-    {"key_list", control_call_key_list, on_standby::serve, always},
-    {"key_import", control_call_key_import, on_standby::refuse, nullptr},
-    {"key_delete", control_call_key_delete, on_standby::refuse, nullptr},
+    {"key_list", control_call_key_list, on_standby::serve, always, open_to::readers},
+    {"key_import", control_call_key_import, on_standby::refuse, nullptr, open_to::administrators},
+    {"key_delete", control_call_key_delete, on_standby::refuse, nullptr, open_to::administrators},
     // Reloads of the router.
-    {"reload", control_call_reload, on_standby::refuse, nullptr},
-    {"reload_state", control_call_reload_state, on_standby::refuse, nullptr},
+    {"reload", control_call_reload, on_standby::refuse, nullptr, open_to::administrators},
+    {"reload_state", control_call_reload_state, on_standby::refuse, nullptr, open_to::readers},
 };
 
 const call_row* find_call(const control_json& request) {
@@ -129,12 +137,30 @@ control_json answer_on_standby(const call_row& row, const control_json& request,
     return row.answer(request, peer);
 }
 
+bool is_change(const call_row& row, const control_json& request) {
+    return row.users == open_to::administrators ||
+           (row.users == open_to::readers_without_flag && request.contains("flag"));
+}
+
+control_json refuse_change(const call_row& row, const control_peer& peer) {
+    control_audit(peer, row.name, control_result::refused, {"not an administrator"});
+    return control_answer(control_result::refused,
+                          "permission denied: changes are up to root and members of the group sshcfg-admin");
+}
+
 control_json answer_call(const call_row& row, const control_json& request, const control_peer& peer) {
+    if (is_change(row, request) && !control_peer_may_change(peer)) {
+        return refuse_change(row, peer);
+    }
     return process_manager_status().role == PROCESS_ROLE_PRIMARY ? answer_with_failures(row, request, peer)
                                                                  : answer_on_standby(row, request, peer);
 }
 
 }  // namespace
+
+datastore_authority control_peer_authority(const control_peer& peer) {
+    return peer.uid == 0 ? datastore_authority::root : datastore_authority::administrator;
+}
 
 const std::string* control_text_member(const control_json& request, const char* name) {
     const auto member = request.find(name);

@@ -8,10 +8,14 @@
 #include "control_protocol/answer.h"
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
+#include "linux/datastore/authority.h"
 #include "linux/enforcement/enforcement_internal.h"
 
 /// The member `name` of a request if it is a string, else null.
 const std::string* control_text_member(const control_json& request, const char* name);
+
+/// On whose behalf a peer's commits are made.
+datastore_authority control_peer_authority(const control_peer& peer);
 
 /// The answer to a request with a missing member or a member of the wrong type.
 control_json control_wrong_member(const char* name, const char* wanted);

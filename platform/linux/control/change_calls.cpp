@@ -33,6 +33,7 @@ control_result result_of(datastore_refused_by refused_by) {
     switch (refused_by) {
         case datastore_refused_by::none:
             return control_result::done;
+        case datastore_refused_by::authority:
         case datastore_refused_by::schema:
         case datastore_refused_by::verifier:
         case datastore_refused_by::rehearsal:
@@ -139,7 +140,8 @@ struct change_call {
 };
 
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
-    const datastore_commit_result result = datastore_commit(changes, call.check_only);
+    const datastore_commit_result result =
+        datastore_commit(changes, call.check_only, control_peer_authority(call.peer));
     control_result outcome = result_of(result.refused_by);
     control_json answer = control_answer(outcome, result.message);
     if (outcome == control_result::done) {

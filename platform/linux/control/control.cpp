@@ -110,7 +110,7 @@ platform_status open_at(const std::string& path) {
         }
         return static_cast<platform_status>(result);
     }
-    control.server = control_server_create(fd, group_id, control_limits(),
+    control.server = control_server_create(fd, {group_id, find_group(control_administrators)}, control_limits(),
                                            {control_call, control_may_be_answered_meanwhile, control_progress});
     control.path = path;
     return PLATFORM_OK;

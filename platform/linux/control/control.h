@@ -14,6 +14,8 @@
 
 /// Members of this group and root may use the socket.
 inline constexpr char control_group[] = "sshcfg";
+/// Those of them who are also in this group, and root, may change something with it.
+inline constexpr char control_administrators[] = "sshcfg-admin";
 
 /// Binds the socket at `path` (null: control_socket_path of control_protocol/frame.h) and listens, without answering yet.
 /// An existing socket is replaced by rename; any other file is left alone (EEXIST). The mode is 0660 with the group, or

@@ -2,6 +2,7 @@
 #include <ctime>
 #include <vector>
 
+#include "common/machine_user.h"
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
@@ -27,6 +28,21 @@ control_json read_user(const control_json& request, std::string& user) {
     }
     user = *name;
     return {};
+}
+
+/// Whether the peer may change the user's key. Returns null, or an answer that says why not.
+control_json check_permission(const control_peer& peer, const std::string& user) {
+    const std::string reason =
+        control_peer_authority(peer) == datastore_authority::root ? std::string() : datastore_key_reserved(user);
+    return reason.empty() ? control_json() : control_answer(control_result::refused, reason);
+}
+
+/// A key for a name that nobody has would wait for whoever is given the name.
+control_json check_existence(const std::string& user) {
+    return machine_user_find(user) == machine_user::unknown
+               ? control_answer(control_result::refused,
+                                text_format("user %s does not exist on this machine", user.c_str()))
+               : control_json();
 }
 
 /// Removes blank lines and lines that begin with '#', which a key file may contain. Exactly one line must be left.
@@ -82,6 +98,12 @@ control_json audited_answer(const control_peer& peer, const char* call, const st
     return answer;
 }
 
+control_json audited_refusal(const control_peer& peer, const char* call, const std::string& user,
+                             control_json refusal) {
+    control_audit(peer, call, control_result::refused, {user});
+    return refusal;
+}
+
 std::string time_text(int64_t seconds) {
     const auto time = static_cast<time_t>(seconds);
     tm parts = {};
@@ -129,6 +151,13 @@ control_json control_call_key_import(const control_json& request, const control_
     if (!problem.is_null()) {
         return problem;
     }
+    problem = check_permission(peer, user);
+    if (problem.is_null()) {
+        problem = check_existence(user);
+    }
+    if (!problem.is_null()) {
+        return audited_refusal(peer, "key import", user, std::move(problem));
+    }
     std::string_view line;
     if (!only_line(*text, line)) {
         return control_answer(control_result::refused,
@@ -139,6 +168,11 @@ control_json control_call_key_import(const control_json& request, const control_
 
 control_json control_call_key_delete(const control_json& request, const control_peer& peer) {
     std::string user;
-    const control_json problem = read_user(request, user);
-    return problem.is_null() ? audited_answer(peer, "key delete", user, key_store_delete(user)) : problem;
+    control_json problem = read_user(request, user);
+    if (!problem.is_null()) {
+        return problem;
+    }
+    problem = check_permission(peer, user);
+    return problem.is_null() ? audited_answer(peer, "key delete", user, key_store_delete(user))
+                             : audited_refusal(peer, "key delete", user, std::move(problem));
 }

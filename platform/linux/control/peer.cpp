@@ -36,16 +36,19 @@ std::vector<gid_t> supplementary_groups(int fd) {
 
 }  // namespace
 
-bool control_peer_allowed(int fd, const control_peer& peer, std::optional<gid_t> group) {
+bool control_peer_admit(int fd, control_peer& peer, const control_groups& groups) {
     if (peer.uid == 0) {
         return true;
     }
-    if (!group.has_value()) {
-        return false;
-    }
-    if (peer.gid == *group) {
-        return true;
-    }
-    const std::vector<gid_t> groups = supplementary_groups(fd);
-    return std::find(groups.begin(), groups.end(), *group) != groups.end();
+    std::vector<gid_t> memberships = supplementary_groups(fd);
+    memberships.push_back(peer.gid);
+    const auto is_member = [&memberships](const std::optional<gid_t>& group) {
+        return group.has_value() && std::find(memberships.begin(), memberships.end(), *group) != memberships.end();
+    };
+    peer.administrates = is_member(groups.administrators);
+    return is_member(groups.readers);
+}
+
+bool control_peer_may_change(const control_peer& peer) {
+    return peer.uid == 0 || peer.administrates;
 }

@@ -109,7 +109,7 @@ void admit(control_server& server, int fd) {
         close(fd);
         return;
     }
-    if (!control_peer_allowed(fd, peer, server.group)) {
+    if (!control_peer_admit(fd, peer, server.groups)) {
         refuse(server, fd, peer);
         return;
     }
@@ -213,7 +213,7 @@ void detach(control_server& server) {
 
 }  // namespace
 
-control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
+control_server* control_server_create(int listener, const control_groups& groups, const control_limits& limits,
                                       const control_services& services) {
     auto* server = new (std::nothrow) control_server();
     if (server == nullptr) {
@@ -221,7 +221,7 @@ control_server* control_server_create(int listener, std::optional<gid_t> group, 
         throw std::bad_alloc();
     }
     server->listener = listener;
-    server->group = group;
+    server->groups = groups;
     server->limits = limits;
     server->services = services;
     return server;

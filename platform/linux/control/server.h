@@ -15,7 +15,6 @@
 #include <systemd/sd-event.h>
 
 #include <cstddef>
-#include <optional>
 #include <string_view>
 
 #include "linux/control/server_state.h"
@@ -23,7 +22,7 @@
 
 /// Takes ownership of `listener`, a listening non-blocking socket, even on failure. The caller owns and frees the server.
 /// Nothing is accepted yet. Throws std::bad_alloc.
-control_server* control_server_create(int listener, std::optional<gid_t> group, const control_limits& limits,
+control_server* control_server_create(int listener, const control_groups& groups, const control_limits& limits,
                                       const control_services& services);
 
 /// Starts accepting. EALREADY when it is already accepting.

@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <optional>
 
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
@@ -46,7 +45,7 @@ struct control_connection;
 
 struct control_server {
     int listener;
-    std::optional<gid_t> group;
+    control_groups groups;
     control_limits limits;
     control_services services;
     sd_event* loop;

@@ -189,6 +189,20 @@ bool make_plan(const std::vector<datastore_change_request>& requests, commit_pla
     return true;
 }
 
+bool check_authority(const commit_plan& plan, datastore_authority authority, datastore_commit_result& result) {
+    if (authority == datastore_authority::root) {
+        return true;
+    }
+    for (const auto& [path, planned] : plan) {
+        const std::string reason = planned.changes() ? datastore_item_reserved(path) : std::string();
+        if (!reason.empty()) {
+            return refuse(result, EPERM, datastore_refused_by::authority, path,
+                          text_format("%s: %s", path.c_str(), reason.c_str()));
+        }
+    }
+    return true;
+}
+
 std::string refusal_text(const std::string& path, platform_status status, char* error_text) {
     if (status == DATASTORE_NO_HANDLER) {
         return text_format("%s: not supported by this version", path.c_str());
@@ -417,11 +431,12 @@ std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
 }
 
 /// `stored` says, even after an exception, whether the changes are in the database.
-void commit(const std::vector<datastore_change_request>& requests, bool check_only, datastore_commit_result& result,
-            bool& stored) {
+void commit(const std::vector<datastore_change_request>& requests, bool check_only, datastore_authority authority,
+            datastore_commit_result& result, bool& stored) {
     commit_plan plan;
     const datastore_handler_scope scope;
-    if (!make_plan(requests, plan, result) || !verify_all(plan, result) || !rehearse(plan, check_only, result)) {
+    if (!make_plan(requests, plan, result) || !check_authority(plan, authority, result) || !verify_all(plan, result) ||
+        !rehearse(plan, check_only, result)) {
         return;
     }
     std::vector<datastore_item_outcome> items;
@@ -475,7 +490,8 @@ platform_status datastore_proposed_children(const std::string& prefix, std::map<
     return status == DATASTORE_NO_SUCH_ITEM ? PLATFORM_OK : status;
 }
 
-datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only) {
+datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only,
+                                         datastore_authority authority) {
     datastore_commit_result result;
     if (the_datastore().handlers_running != 0) {
         refuse(result, EBUSY, datastore_refused_by::busy, {},
@@ -488,7 +504,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
     }
     bool stored = false;
     try {
-        commit(requests, check_only, result, stored);
+        commit(requests, check_only, authority, result, stored);
     } catch (const std::bad_alloc&) {
         if (!stored) {
             refuse(result, ENOMEM, datastore_refused_by::store, {}, "out of memory");

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "linux/datastore/authority.h"
 #include "linux/datastore/rehearsal.h"
 #include "linux/datastore/schema.h"
 #include "linux/enforcement/enforcement_internal.h"
@@ -36,6 +37,7 @@ struct datastore_item_outcome {
 /// Who refused a commit.
 enum class datastore_refused_by : uint8_t {
     none,         ///< it succeeded (or would succeed)
+    authority,    ///< an item that only root may change
     schema,       ///< unknown path or invalid value
     absent,       ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
     verifier,     ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
@@ -61,7 +63,10 @@ struct datastore_commit_result {
 /// the notifications. When it returns without a refusal, the changes are on stable storage. A value equal to the stored
 /// one is not a change and calls nothing. With `check_only`, only the schema, the verifiers and the rehearsal are
 /// consulted. A commit that cannot be rehearsed is carried out nevertheless.
-datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only);
+/// Items that only root may change are refused unless the commit is made on root's behalf; whoever undoes a commit does so on
+/// behalf of the one who made it.
+datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only,
+                                         datastore_authority authority = datastore_authority::administrator);
 
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);

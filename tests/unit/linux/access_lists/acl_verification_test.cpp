@@ -55,7 +55,7 @@ class unverified_lists_test : public control_test::calls_test {
     control_json set(const std::vector<std::string>& lines, const char* name = "ops") {
         control_json request = {{"call", "acl_set"}, {"family", "ipv4"}, {"name", name}};
         request["lines"] = lines;
-        return control_call(request, {42, 1000, 1001});
+        return control_call(request, {42, 1000, 1001, true});
     }
 
     std::vector<std::string> warnings(const std::vector<std::string>& lines) {

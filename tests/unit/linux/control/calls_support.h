@@ -34,13 +34,15 @@ class calls_test : public datastore_test::served_datastore_test {
         std::string error;
         const auto document = control_json_parse(request, error);
         EXPECT_TRUE(document.has_value()) << error;
-        return control_call(document.value_or(control_json()), {42, 1000, 1001});
+        return control_call(document.value_or(control_json()), peer);
     }
 
     std::string result(const std::string& request) { return ask(request).value("result", ""); }
     std::string message(const std::string& request) { return ask(request).value("message", ""); }
     std::string data(const std::string& request) { return control_json_text(ask(request)["data"]); }
 
+    /// Whoever asks: a user who may change the configuration.
+    control_peer peer = {42, 1000, 1001, true};
     std::vector<std::string> audit;
 };
 

@@ -104,6 +104,57 @@ TEST_F(control_calls_test, reads_in_the_middle_of_a_commit_see_what_is_stored_an
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/timeout"})"), "45");
 }
 
+// --- Who may do what ------------------------------------------------------------------------------------------------
+
+TEST_F(control_calls_test, readers_read_and_change_nothing) {
+    peer.administrates = false;
+    for (const char* request :
+         {R"({"call":"set","path":"@cmn/timeout","value":46})", R"({"call":"delete","path":"@cmn/timeout"})",
+          R"({"call":"load","items":{"@cmn/timeout":46}})",
+          R"({"call":"load","check":true,"items":{"@cmn/timeout":46}})",
+          R"({"call":"acl_set","family":"ipv4","name":"a","lines":[],"empty":true})",
+          R"({"call":"acl_delete","family":"ipv4","name":"a"})", R"({"call":"key_import","user":"alice","text":"x"})",
+          R"({"call":"key_delete","user":"alice"})", R"({"call":"debug","flag":"cfg-agent","on":true})",
+          R"({"call":"vrf_unblock","name":"red"})", R"({"call":"reload"})", R"({"call":"repair"})"}) {
+        EXPECT_EQ(result(request), "refused") << request;
+        EXPECT_EQ(message(request), "permission denied: changes are up to root and members of the group sshcfg-admin");
+    }
+    EXPECT_EQ(data(R"({"call":"dump"})"), "{}");
+    EXPECT_THAT(audit.back(), HasSubstr("uid:=1000, pid:=42, call:=repair, result:=refused, not an administrator"));
+    for (const char* request : {R"({"call":"dump"})", R"({"call":"list","path":"/cfg/"})", R"({"call":"acl_list"})",
+                                R"({"call":"key_list"})", R"({"call":"debug"})", R"({"call":"trace","buffer":"error"})",
+                                R"({"call":"status"})", R"({"call":"watch"})"}) {
+        EXPECT_FALSE(message(request).starts_with("permission denied")) << request;
+    }
+    peer.uid = 0;
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","value":46})"), "done") << "root needs no group";
+}
+
+TEST_F(control_calls_test, keys_of_user_id_0_are_roots_alone) {
+    platform_test::write_file("/etc/passwd",
+                              "root:x:0:0::/root:/bin/sh\ntoor:x:0:0::/root:/bin/sh\n"
+                              "alice:x:1000:1000::/home/alice:/bin/sh\n");
+    const std::string denied = "permission denied: user toor has user ID 0, and only root may change such a key";
+    const std::string item = std::string(control_test::server_path) + "cmn/username/toor/keystr";
+    const std::string set = R"({"call":"set","path":"@cmn/username/toor/keystr","value":"ssh-rsa A"})";
+    EXPECT_EQ(message(set), item + ": " + denied);
+    EXPECT_EQ(result(set), "refused");
+    EXPECT_EQ(message(R"({"call":"load","items":{"@cmn/timeout":46,"@cmn/username/toor/keystr":"ssh-rsa A"}})"),
+              item + ": " + denied);
+    EXPECT_EQ(message(R"({"call":"load","items":{"@cmn/username/toor":true}})"),
+              std::string(control_test::server_path) + "cmn/username/toor: " + denied);
+    EXPECT_EQ(message(R"({"call":"key_import","user":"toor","text":"ssh-rsa A"})"), denied);
+    EXPECT_EQ(message(R"({"call":"key_delete","user":"toor"})"), denied);
+    EXPECT_EQ(data(R"({"call":"dump"})"), "{}");
+    peer = {42, 0, 0};
+    EXPECT_EQ(result(set), "done");
+    peer = {42, 1000, 1001, true};
+    EXPECT_EQ(message(R"({"call":"delete","path":"@cmn/username/"})"), item + ": " + denied);
+    EXPECT_EQ(message(R"({"call":"delete","path":"@cmn/username/toor/keystr"})"), item + ": " + denied);
+    EXPECT_EQ(result(set), "done") << "what is so already changes nothing";
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/username/alice/keystr","value":"ssh-rsa A"})"), "done");
+}
+
 // --- Standby ---------------------------------------------------------------------------------------------------------
 
 /// The agent of a standby node, which has not opened the database.

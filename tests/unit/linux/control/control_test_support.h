@@ -189,7 +189,7 @@ class server_test : public testing::Test {
 
     void start() {
         ASSERT_LE(0, sd_event_new(&loop));
-        server = control_server_create(listen_at(socket_path), std::nullopt, limits, {answer_test_call});
+        server = control_server_create(listen_at(socket_path), {}, limits, {answer_test_call});
         ASSERT_EQ(0U, control_server_start(server, loop));
     }
 

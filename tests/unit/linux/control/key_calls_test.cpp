@@ -1,5 +1,6 @@
 #include "linux/host/key_store_internal.h"
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/platform_test_support.h"
 #include "unit/user_keys/key_samples.h"
 #include "user_keys/key_der.h"
 
@@ -13,6 +14,13 @@ using testing::HasSubstr;
 
 class control_key_calls_test : public control_test::calls_test {
   protected:
+    void SetUp() override {
+        calls_test::SetUp();
+        platform_test::write_file("/etc/passwd",
+                                  "root:x:0:0::/root:/bin/sh\nalice:x:1000:1000::/home/alice:/bin/sh\n"
+                                  "bob:x:1001:1001::/home/bob:/bin/sh\n");
+    }
+
     control_json import(const std::string& user, const std::string& text) {
         const control_json request = {{"call", "key_import"}, {"user", user}, {"text", text}};
         return ask(control_json_text(request));
@@ -86,6 +94,12 @@ TEST_F(control_key_calls_test, configured_keys_are_not_changed) {
               "/cfg/gl/crypto/ssh/server/cmn/username/bob/keystr to remove it");
     EXPECT_EQ(result(R"({"call":"key_delete","user":"bob"})"), "refused");
     EXPECT_EQ(ask(R"({"call":"key_list"})")["data"].size(), 1u);
+}
+
+TEST_F(control_key_calls_test, only_existing_users_get_a_key) {
+    EXPECT_EQ(imported("eve", key_of(usual(), modulus(1024))), "refuseduser eve does not exist on this machine");
+    EXPECT_THAT(audit.back(), HasSubstr("call:=key import, result:=refused, eve"));
+    EXPECT_EQ(data(R"({"call":"key_list"})"), "[]");
 }
 
 TEST_F(control_key_calls_test, deleting_requires_a_key) {

@@ -15,6 +15,8 @@ namespace {
 using control_test::operators;
 using control_test::somebody;
 
+constexpr gid_t administrators = control_test::operators + 1;
+
 class control_peer_of_another_user : public testing::Test {
   protected:
     void SetUp() override {
@@ -24,8 +26,8 @@ class control_peer_of_another_user : public testing::Test {
     }
 };
 
-/// Whether a peer with `identity` is allowed, given the group in force.
-bool allowed(const std::function<void()>& identity, std::optional<gid_t> group, control_peer* seen = nullptr) {
+/// Whether a peer with `identity` is allowed, given these groups.
+bool allowed(const std::function<void()>& identity, const control_groups& groups, control_peer* seen = nullptr) {
     const char* path = control_test::socket_path;
     const int listener = control_test::listen_at(path);
     EXPECT_EQ(0, chmod(path, 0666));
@@ -46,7 +48,7 @@ bool allowed(const std::function<void()>& identity, std::optional<gid_t> group, 
     control_peer peer = {};
     EXPECT_EQ(0U, control_peer_read(fd, peer));
     EXPECT_EQ(peer.pid, child);
-    const bool result = control_peer_allowed(fd, peer, group);
+    const bool result = control_peer_admit(fd, peer, groups);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     close(fd);
@@ -66,20 +68,20 @@ void become(uid_t user, gid_t group, const std::vector<gid_t>& further) {
 
 TEST(control_peer, root_is_always_allowed) {
     control_peer peer = {};
-    EXPECT_TRUE(allowed([] {}, std::nullopt, &peer));
+    EXPECT_TRUE(allowed([] {}, {}, &peer));
     EXPECT_EQ(peer.uid, 0U);
-    EXPECT_TRUE(allowed([] {}, operators));
+    EXPECT_TRUE(allowed([] {}, {operators, administrators}));
 }
 
 TEST_F(control_peer_of_another_user, a_member_by_primary_group_is_allowed) {
     control_peer peer = {};
-    EXPECT_TRUE(allowed([] { become(somebody, operators, {}); }, operators, &peer));
+    EXPECT_TRUE(allowed([] { become(somebody, operators, {}); }, {operators, administrators}, &peer));
     EXPECT_EQ(peer.uid, somebody);
     EXPECT_EQ(peer.gid, operators);
 }
 
 TEST_F(control_peer_of_another_user, a_member_by_supplementary_group_is_allowed) {
-    EXPECT_TRUE(allowed([] { become(somebody, somebody, {1, 2, operators}); }, operators));
+    EXPECT_TRUE(allowed([] { become(somebody, somebody, {1, 2, operators}); }, {operators, administrators}));
 }
 
 TEST_F(control_peer_of_another_user, a_member_of_very_many_groups_is_allowed) {
@@ -88,21 +90,40 @@ TEST_F(control_peer_of_another_user, a_member_of_very_many_groups_is_allowed) {
         many.push_back(group);
     }
     many.push_back(operators);
-    EXPECT_TRUE(allowed([&] { become(somebody, somebody, many); }, operators));
+    EXPECT_TRUE(allowed([&] { become(somebody, somebody, many); }, {operators, administrators}));
 }
 
 TEST_F(control_peer_of_another_user, others_are_not_allowed) {
-    EXPECT_FALSE(allowed([] { become(somebody, somebody, {}); }, operators));
-    EXPECT_FALSE(allowed([] { become(somebody, somebody, {1, 2, 3}); }, operators));
+    EXPECT_FALSE(allowed([] { become(somebody, somebody, {}); }, {operators, administrators}));
+    EXPECT_FALSE(allowed([] { become(somebody, somebody, {1, 2, 3}); }, {operators, administrators}));
 }
 
 TEST_F(control_peer_of_another_user, without_a_group_only_root_is_allowed) {
-    EXPECT_FALSE(allowed([] { become(somebody, operators, {operators}); }, std::nullopt));
+    EXPECT_FALSE(allowed([] { become(somebody, operators, {operators}); }, {}));
 }
 
 TEST(control_peer, a_descriptor_that_is_not_a_socket_has_no_peer) {
     control_peer peer = {};
     EXPECT_NE(0U, control_peer_read(STDIN_FILENO, peer));
+}
+
+TEST_F(control_peer_of_another_user, changes_are_up_to_root_and_members_of_both_groups) {
+    control_peer peer = {};
+    EXPECT_TRUE(allowed([] { become(somebody, somebody, {operators}); }, {operators, administrators}, &peer));
+    EXPECT_FALSE(control_peer_may_change(peer));
+    EXPECT_TRUE(allowed(
+        [] {
+            become(somebody, somebody, {operators, administrators});
+        },
+        {operators, administrators}, &peer));
+    EXPECT_TRUE(control_peer_may_change(peer));
+    EXPECT_TRUE(allowed([] { become(somebody, administrators, {operators}); }, {operators, administrators}, &peer));
+    EXPECT_TRUE(control_peer_may_change(peer));
+    EXPECT_FALSE(allowed([] { become(somebody, somebody, {administrators}); }, {operators, administrators}, &peer));
+    EXPECT_TRUE(allowed([] { become(somebody, operators, {}); }, {operators, std::nullopt}, &peer));
+    EXPECT_FALSE(control_peer_may_change(peer)) << "a machine without the administrators' group";
+    EXPECT_TRUE(allowed([] {}, {}, &peer));
+    EXPECT_TRUE(control_peer_may_change(peer));
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ class control_server_member_test : public control_server_test {
 
     void start_for_members() {
         start();
-        server->group = control_test::operators;
+        server->groups.readers = control_test::operators;
         ASSERT_EQ(0, chmod(control_test::socket_path, 0666));
     }
 
@@ -54,7 +54,7 @@ TEST_F(control_server_test, starts_once) {
 
 TEST_F(control_server_test, peers_that_connect_before_the_start_are_answered_after_it) {
     ASSERT_LE(0, sd_event_new(&loop));
-    server = control_server_create(control_test::listen_at(control_test::socket_path), std::nullopt, limits,
+    server = control_server_create(control_test::listen_at(control_test::socket_path), {}, limits,
                                    {control_test::answer_test_call});
     client early;
     ASSERT_TRUE(early.is_connected());
