@@ -52,20 +52,17 @@ struct character_range {
 
 /// Characters that a terminal or a log might interpret, or that make one text look like another.
 constexpr character_range unsafe_characters[] = {
-    {0x00, 0x1f},      // C0
-    {0x7f, 0x9f},      // DEL and C1
-    {0x61c, 0x61c},    // Arabic letter mark
-    {0x200b, 0x200f},  // zero width, direction marks
-    {0x2028, 0x202e},  // line and paragraph separators, direction embeddings
-    {0x2060, 0x206f},  // zero width, direction isolates
-    {0xfeff, 0xfeff},  // byte order mark
+    {0x00, 0x1f},        // C0
+    {0x7f, 0x9f},        // DEL and C1
+    {0x61c, 0x61c},      // Arabic letter mark
+    {0x180e, 0x180e},    // Mongolian vowel separator, zero width
+    {0x200b, 0x200f},    // zero width, direction marks
+    {0x2028, 0x202e},    // line and paragraph separators, direction embeddings
+    {0x2060, 0x206f},    // zero width, direction isolates
+    {0xfeff, 0xfeff},    // byte order mark
+    {0xfff9, 0xfffb},    // interlinear annotation
+    {0xe0000, 0xe007f},  // tags
 };
-
-bool is_unsafe(uint32_t character) {
-    return std::any_of(
-        std::begin(unsafe_characters), std::end(unsafe_characters),
-        [character](const character_range& range) { return range.first <= character && character <= range.last; });
-}
 
 /// What is escaped besides the unsafe characters.
 struct escape_style {
@@ -79,7 +76,7 @@ std::string first_escaped(std::string_view& text, const escape_style& style) {
     const size_t length = text_utf8_character(text, character);
     const std::string_view bytes = text.substr(0, std::max<size_t>(length, 1));
     text.remove_prefix(bytes.size());
-    if (length == 0 || is_unsafe(character) || character > style.highest_shown) {
+    if (length == 0 || text_is_unsafe(character) || character > style.highest_shown) {
         std::string escaped;
         for (const char byte : bytes) {
             escaped += text_format("\\x%02x", static_cast<unsigned char>(byte));
@@ -159,6 +156,12 @@ bool text_is_utf8(std::string_view text) noexcept {
         text.remove_prefix(length);
     }
     return true;
+}
+
+bool text_is_unsafe(uint32_t character) noexcept {
+    return std::any_of(
+        std::begin(unsafe_characters), std::end(unsafe_characters),
+        [character](const character_range& range) { return range.first <= character && character <= range.last; });
 }
 
 std::string text_escape(std::string_view text, size_t size_max) {

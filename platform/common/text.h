@@ -25,8 +25,11 @@ size_t text_utf8_character(std::string_view text, uint32_t& character) noexcept;
 /// Whether a text is well-formed UTF-8.
 bool text_is_utf8(std::string_view text) noexcept;
 
-/// The text as one line for a message, a terminal or a log, with invalid UTF-8, control characters, and characters that
-/// change the text direction or have no width escaped as \xNN. If longer than `size_max` bytes, it is cut between
+/// Whether a character is a control character, changes the text direction, or has no width: a terminal or a log might
+/// interpret it, or it makes one text look like another.
+bool text_is_unsafe(uint32_t character) noexcept;
+
+/// The text as one line for a message, a terminal or a log, with invalid UTF-8 and unsafe characters escaped as \xNN. If longer than `size_max` bytes, it is cut between
 /// characters and "..." is appended. May throw std::bad_alloc.
 std::string text_escape(std::string_view text, size_t size_max);
 

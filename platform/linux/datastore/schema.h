@@ -36,7 +36,8 @@ enum class schema_kind : uint8_t {
 /// The characters allowed in a text or in a name in a path. Only `delimited` includes control characters, namely newline
 /// and tab.
 enum class schema_charset : uint8_t {
-    printable,       ///< any UTF-8 without control characters
+    printable,       ///< any UTF-8 without characters that are unsafe to show (text_is_unsafe)
+    path,            ///< printable without blanks, quotes, backslashes and '#'
     word,            ///< printable ASCII without blanks, quotes, commas or backslashes
     algorithm_name,  ///< letters, digits and "-_.@+"
     name,            ///< letters, digits and "_-.", not beginning with '-' or '.'

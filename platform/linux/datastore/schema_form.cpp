@@ -8,16 +8,16 @@
 
 namespace {
 
-constexpr uint32_t first_printable = 0x20;
 constexpr uint32_t delete_character = 0x7f;
-constexpr uint32_t last_control = 0x9f;
-
-bool is_control(uint32_t character) {
-    return character < first_printable || (character >= delete_character && character <= last_control);
-}
 
 bool is_printable(uint32_t character) {
-    return !is_control(character);
+    return !text_is_unsafe(character);
+}
+
+/// In a file of keywords, a path ends at a blank, a quote or a comment.
+bool is_of_path(uint32_t character) {
+    const bool ends = character < delete_character && strchr(" \"'#\\", static_cast<int>(character)) != nullptr;
+    return is_printable(character) && !ends;
 }
 
 bool is_word(uint32_t character) {
@@ -33,7 +33,7 @@ bool is_algorithm_name(uint32_t character) {
 }
 
 bool is_of_lines(uint32_t character) {
-    return !is_control(character) || character == '\n' || character == '\t';
+    return is_printable(character) || character == '\n' || character == '\t';
 }
 
 struct charset_row {
@@ -45,7 +45,10 @@ struct charset_row {
 
 constexpr charset_row charsets[] = {
     {schema_charset::printable, is_printable, "",
-     "a UTF-8 string of %lld to %lld bytes without control characters (%s)"},
+     "a UTF-8 string of %lld to %lld bytes without control, bidirectional or zero-width characters (%s)"},
+    {schema_charset::path, is_of_path, "",
+     "a path of %lld to %lld bytes without blanks, quotes, backslashes, '#' or control, bidirectional or zero-width "
+     "characters (%s)"},
     {schema_charset::word, is_word, "",
      "a string of %lld to %lld characters without blanks, quotes, commas or backslashes (%s)"},
     {schema_charset::algorithm_name, is_algorithm_name, "-.",
@@ -54,7 +57,8 @@ constexpr charset_row charsets[] = {
      "%lld to %lld letters, digits, '_', '-' or '.', not beginning with '-' or '.' (%s)"},
     {schema_charset::delimited, is_of_lines, "",
      "a UTF-8 string of %lld to %lld bytes enclosed in matching delimiters (any punctuation character), such as "
-     "#text#, without control characters other than newline and tab (%s)"},
+     "#text#, without control characters other than newline and tab, and without bidirectional or zero-width "
+     "characters (%s)"},
 };
 
 const charset_row& row_of(schema_charset charset) {

@@ -138,7 +138,7 @@ constexpr schema_row rows[] = {
     {CLIENT "dscp", dscp, no_wildcard, {}, {}},
     {CLIENT "enable/cipher", tuple("legacy ciphers"), no_wildcard, legacy_ciphers, {}},
     {CLIENT "host_pubkey",
-     text(schema_charset::printable, 1, 200, "file with the public keys of known hosts"),
+     text(schema_charset::path, 1, 200, "file with the public keys of known hosts"),
      no_wildcard,
      {},
      {}},

@@ -7,6 +7,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "common/text.h"
+
 namespace {
 
 struct token_row {
@@ -71,6 +73,20 @@ const token_row* find_token(std::string_view name) {
     return nullptr;
 }
 
+/// A name that the machine was told, by its DHCP server for instance, is shown to whoever connects.
+std::string safe_to_show(std::string_view value) {
+    std::string safe;
+    while (!value.empty()) {
+        uint32_t character = 0;
+        const size_t length = text_utf8_character(value, character);
+        if (length > 0 && !text_is_unsafe(character)) {
+            safe += value.substr(0, length);
+        }
+        value.remove_prefix(length > 0 ? length : 1);
+    }
+    return safe;
+}
+
 }  // namespace
 
 std::string banner_expand_tokens(std::string_view text) {
@@ -82,7 +98,7 @@ std::string banner_expand_tokens(std::string_view text) {
             end == std::string_view::npos ? "" : text.substr(start + opening.size(), end - start - opening.size());
         const token_row* token = find_token(name);
         expanded += text.substr(0, start);
-        expanded += token == nullptr ? std::string(opening) : token->value();
+        expanded += token == nullptr ? std::string(opening) : safe_to_show(token->value());
         text.remove_prefix(token == nullptr ? start + opening.size() : end + 1);
     }
     return expanded += text;

@@ -52,7 +52,7 @@ TEST(schema_table, requires_nothing_that_cannot_be_stored) {
 }
 
 constexpr const char* kinds[] = {"number", "flag", "presence", "text", "tuple"};
-constexpr const char* charsets[] = {"printable", "word", "algorithm_name", "name", "delimited"};
+constexpr const char* charsets[] = {"printable", "path", "word", "algorithm_name", "name", "delimited"};
 constexpr const char* rules[] = {"", ", list", ", one selected"};
 
 std::string form_text(const schema_form& form) {

@@ -100,7 +100,8 @@ TEST_F(banner_service_test, refuses_an_invalid_banner_and_describes_a_valid_one)
                     HasSubstr("is not enclosed in matching delimiters; expected a UTF-8 string of 2 to 8192"))
             << text;
     }
-    for (const char* text : {"#a\rb#", "#a\x1b[2Jb#", "#a\x7f#", "#a\xc2\x85#", "#\xff#", "#a\x01#"}) {
+    for (const char* text : {"#a\rb#", "#a\x1b[2Jb#", "#a\x7f#", "#a\xc2\x85#", "#\xff#", "#a\x01#", "#a\u202e#",
+                             "#a\u200b#", "#a\u2066#", "#\ufeff#", "#\u061c#"}) {
         EXPECT_THAT(set(login_item, text), HasSubstr("contains a character that is not allowed")) << text;
         EXPECT_THAT(set(login_item, text), HasSubstr("without control characters other than newline and tab")) << text;
     }

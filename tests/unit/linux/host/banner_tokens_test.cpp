@@ -25,6 +25,18 @@ TEST(banner_tokens, expand_to_the_routers_names) {
     EXPECT_EQ(banner_expand_tokens("<$(domain)>"), "<>");
 }
 
+TEST(banner_tokens, contain_nothing_that_a_terminal_interprets) {
+    platform_test::write_file("/etc/resolv.conf",
+                              "search a\x1b[2Jb\x07\xc2\x9b\xe2\x80\xae.\xff\xe2\x80\x8b\xc3\xa9\n");
+    name_host("edge2");
+    EXPECT_EQ(banner_expand_tokens("<$(domain)>"), "<a[2Jb.\xc3\xa9>");
+    name_host("edge\x1b]0;x\x07.net\x1b[m");
+    EXPECT_EQ(banner_expand_tokens("<$(hostname)|$(domain)>"), "<edge]0;x|net[m>");
+    setenv("TZ", "<\x1b[1m>0", 1);
+    tzset();
+    EXPECT_EQ(banner_expand_tokens("$(time)").find('\x1b'), std::string::npos);
+}
+
 TEST(banner_tokens, expand_to_date_time_and_line) {
     setenv("TZ", "UTC", 1);
     tzset();
