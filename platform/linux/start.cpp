@@ -12,6 +12,7 @@
 #include "linux/process/primary_wait.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/rehearsal/rehearsal.h"
+#include "linux/reporting/log_message_internal.h"
 #include "linux/vrf/namespace_watch.h"
 #include "platform/namespace_message.h"
 
@@ -19,6 +20,11 @@ namespace {
 
 platform_status take_node_lock(struct event_manager*) {
     return static_cast<platform_status>(node_lock_take());
+}
+
+platform_status make_logging_nonblocking(struct event_manager*) {
+    log_message_never_wait();
+    return PLATFORM_OK;
 }
 
 platform_status count_start(struct event_manager*) {
@@ -63,6 +69,7 @@ platform_status notify_readiness(struct event_manager*) {
 }
 
 constexpr platform_service services[] = {
+    {"log", service_moment::manager_created, 0, false, make_logging_nonblocking, nullptr},
     // The lock comes before everything that a second agent on the node would damage: the count and the first agent's
     // socket.
     {"node lock", service_moment::manager_created, 0, true, take_node_lock, node_lock_release},

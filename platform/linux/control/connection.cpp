@@ -151,6 +151,7 @@ class running_call {
 
 void answer_call(control_connection& connection, const control_json& request) {
     control_json answer;
+    const control_json_guard guard(answer);
     {
         const running_call running(connection);
         answer = connection.server->services.call(request, connection.peer);
@@ -175,11 +176,13 @@ void defer(control_connection& connection, control_json request) {
 }
 
 void answer_deferred(control_connection& connection) {
-    const control_json request = std::exchange(connection.request, {});
+    control_json request = std::exchange(connection.request, {});
+    const control_json_guard guard(request);
     answer_call(connection, request);
 }
 
 void take_request(control_connection& connection, control_json request) {
+    const control_json_guard guard(request);
     connection.wants_progress = request.contains("progress") && request["progress"] == true;
     if (has_to_wait(*connection.server, request)) {
         defer(connection, std::move(request));
@@ -191,18 +194,21 @@ void take_request(control_connection& connection, control_json request) {
 void handle_request(control_connection& connection) {
     const size_t size = connection.frame.document.size();
     std::string error;
-    std::optional<control_json> request = control_json_parse(connection.frame.document, error);
+    std::optional<control_json> parsed = control_json_parse(connection.frame.document, error);
+    const bool is_json = parsed.has_value();
+    control_json request = std::move(parsed).value_or(nullptr);
+    const control_json_guard guard(request);
     std::string().swap(connection.frame.document);
-    if (!request.has_value()) {
+    if (!is_json) {
         send_last_answer(connection, control_result::refused, "request refused: " + error);
-    } else if (!request->is_object() || !request->contains("call") || !(*request)["call"].is_string()) {
+    } else if (!request.is_object() || !request.contains("call") || !request["call"].is_string()) {
         send_answer(connection,
                     control_answer(control_result::usage, "expected a request: an object with a string \"call\""),
                     false);
     } else {
-        take_request(connection, std::move(*request));
+        take_request(connection, std::move(request));
     }
-    request.reset();
+    control_json_release(request);
     if (size > worth_trimming) {
         malloc_trim(0);
     }

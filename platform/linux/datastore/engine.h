@@ -20,13 +20,14 @@ struct datastore_engine {
 
     /// Everything between begin and commit is stored completely or not at all, and is on stable storage when commit
     /// returns 0. A failed commit leaves the transaction open for rollback. A put or an erase outside a transaction is a
-    /// transaction of its own.
+    /// transaction of its own. ESTALE if the database's files are no longer where they were opened.
     platform_status (*begin)(void* store);
     platform_status (*commit)(void* store);
     void (*rollback)(void* store);
 
     /// DATASTORE_NO_SUCH_ITEM if there is none.
     platform_status (*get)(void* store, std::string_view key, datastore_stored& value);
+    /// Keys that begin with a slash and all others are two orders of their own: `next` stays in that of `from`.
     /// The first item in byte order after `from`, or at it when `inclusive`. DATASTORE_NO_SUCH_ITEM at the end.
     platform_status (*next)(void* store, std::string_view from, bool inclusive, std::string& key,
                             datastore_stored& value);

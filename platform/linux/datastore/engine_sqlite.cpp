@@ -15,9 +15,17 @@
 namespace {
 
 constexpr int application_id = 0x53434644;  ///< "SCFD", distinguishes this system's databases from others
-constexpr int schema_version = 1;
+constexpr int schema_version = 2;
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t file_mode = 0600;
+
+// The platform's own values have a table to themselves. Among them are access lists of several megabytes, which must not lie
+// in the way of a search for an item: this table has its values beside its index of the keys, so that a search does not read
+// them, while the small values of the items are in the index.
+#define ITEM_TABLE \
+    "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;"
+#define PRIVATE_TABLE \
+    "CREATE TABLE private (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL);"
 
 enum statement_index {
     statement_begin,
@@ -28,23 +36,47 @@ enum statement_index {
     statement_next_inclusive,
     statement_put,
     statement_erase,
-    statement_count
+    statement_private,  ///< the last five for the platform's own values follow in the same order
+    statement_count = statement_private + (statement_private - statement_get)
 };
 
+#define STATEMENTS_ON(table)                                                              \
+    "SELECT kind, value FROM " table " WHERE path = ?1",                                  \
+        "SELECT kind, value, path FROM " table " WHERE path > ?1 ORDER BY path LIMIT 1",  \
+        "SELECT kind, value, path FROM " table " WHERE path >= ?1 ORDER BY path LIMIT 1", \
+        "REPLACE INTO " table " (path, kind, value) VALUES (?1, ?2, ?3)", "DELETE FROM " table " WHERE path = ?1"
+
 constexpr const char* statement_texts[statement_count] = {
-    "BEGIN IMMEDIATE",
-    "COMMIT",
-    "ROLLBACK",
-    "SELECT kind, value FROM item WHERE path = ?1",
-    "SELECT kind, value, path FROM item WHERE path > ?1 ORDER BY path LIMIT 1",
-    "SELECT kind, value, path FROM item WHERE path >= ?1 ORDER BY path LIMIT 1",
-    "REPLACE INTO item (path, kind, value) VALUES (?1, ?2, ?3)",
-    "DELETE FROM item WHERE path = ?1",
+    "BEGIN IMMEDIATE", "COMMIT", "ROLLBACK", STATEMENTS_ON("item"), STATEMENTS_ON("private"),
 };
+
+/// The keys of items begin with a slash, those of the platform's own values do not.
+statement_index statement_for(std::string_view key, statement_index index) {
+    const bool is_private = !key.empty() && key.front() != '/';
+    return is_private ? static_cast<statement_index>(index + (statement_private - statement_get)) : index;
+}
+
+/// What a path led to.
+struct file_identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+
+    bool operator==(const file_identity&) const = default;
+};
+
+file_identity identify(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? file_identity{status.st_dev, status.st_ino} : file_identity();
+}
 
 struct sqlite_store {
     sqlite3* database = nullptr;
     sqlite3_stmt* statements[statement_count] = {};
+    // What was opened: the database and its write-ahead log.
+    std::string path;
+    file_identity file;
+    file_identity log;
+    bool lost = false;  ///< they were no longer there at the last write
 
     sqlite_store() = default;
     sqlite_store(const sqlite_store&) = delete;
@@ -80,6 +112,13 @@ platform_status status_of(sqlite3* database, int result) {
     }
     const int system_error = database != nullptr ? sqlite3_system_errno(database) : 0;
     return static_cast<platform_status>(system_error != 0 ? system_error : EIO);
+}
+
+/// Whether the files are still at their paths. What would be written to others is gone when the agent ends.
+platform_status check_in_place(sqlite_store& store) {
+    store.lost = identify(store.path) != store.file ||
+                 (store.log != file_identity() && identify(store.path + "-wal") != store.log);
+    return store.lost ? platform_status{ESTALE} : platform_status{PLATFORM_OK};
 }
 
 std::string reason_of(sqlite3* database) {
@@ -165,10 +204,9 @@ platform_status fill_new(const std::string& path, std::string& reason) {
     if (const platform_status status = open_database(path, store, reason); status != PLATFORM_OK) {
         return status;
     }
-    const std::string statements = text_format(
-        "PRAGMA application_id = %d; PRAGMA user_version = %d;"
-        "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;",
-        application_id, schema_version);
+    const std::string statements =
+        text_format("PRAGMA application_id = %d; PRAGMA user_version = %d;" ITEM_TABLE PRIVATE_TABLE, application_id,
+                    schema_version);
     return execute(store->database, statements.c_str(), reason);
 }
 
@@ -217,6 +255,34 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
     return create_database(path, reason);
 }
 
+/// Moves the platform's own values out of the items' table, where version 1 kept them.
+platform_status migrate_from_version_1(sqlite3* database, std::string& reason) {
+    const std::string statements =
+        text_format("BEGIN IMMEDIATE;" PRIVATE_TABLE
+                    "INSERT INTO private SELECT path, kind, value FROM item WHERE substr(path, 1, 1) != '/';"
+                    "DELETE FROM item WHERE substr(path, 1, 1) != '/';"
+                    "PRAGMA user_version = %d;"
+                    "COMMIT;",
+                    schema_version);
+    const platform_status status = execute(database, statements.c_str(), reason);
+    if (status != PLATFORM_OK && sqlite3_get_autocommit(database) == 0) {
+        sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    return status;
+}
+
+platform_status bring_up_to_date(sqlite3* database, std::string& reason) {
+    std::string version;
+    if (const platform_status status = query(database, "PRAGMA user_version", version, reason); status != PLATFORM_OK) {
+        return status;
+    }
+    if (version == "1") {
+        return migrate_from_version_1(database, reason);
+    }
+    return require(database, "PRAGMA user_version", std::to_string(schema_version),
+                   "the database was written by another version of this program", reason);
+}
+
 /// Configures the connection and checks that the database is intact and of this version.
 platform_status set_up(sqlite3* database, std::string& reason) {
     if (sqlite3_db_readonly(database, "main") != 0) {
@@ -232,14 +298,12 @@ platform_status set_up(sqlite3* database, std::string& reason) {
                                      "PRAGMA trusted_schema = OFF;",
                                      reason);
     const std::string id = std::to_string(application_id);
-    const std::string version = std::to_string(schema_version);
     struct {
         const char* statement;
         const std::string& expected;
         const char* complaint;
     } const demands[] = {
         {"PRAGMA application_id", id, "the database belongs to another program"},
-        {"PRAGMA user_version", version, "the database was written by another version of this program"},
         {"PRAGMA journal_mode = WAL", "wal", "the database cannot be switched to write-ahead logging"},
         {"PRAGMA quick_check(1)", "ok", "the database is damaged"},
     };
@@ -248,7 +312,10 @@ platform_status set_up(sqlite3* database, std::string& reason) {
             status = require(database, demand.statement, demand.expected, demand.complaint, reason);
         }
     }
-    return status == PLATFORM_OK ? execute(database, "PRAGMA synchronous = FULL", reason) : status;
+    if (status == PLATFORM_OK) {
+        status = execute(database, "PRAGMA synchronous = FULL", reason);
+    }
+    return status == PLATFORM_OK ? bring_up_to_date(database, reason) : status;
 }
 
 platform_status prepare_statements(sqlite_store& store, std::string& reason) {
@@ -279,6 +346,9 @@ platform_status sqlite_open(const char* path, void** store, std::string& reason)
         reason = "another process is using the database; is a second agent running?";
     }
     if (status == PLATFORM_OK) {
+        opened->path = path;
+        opened->file = identify(opened->path);
+        opened->log = identify(opened->path + "-wal");
         *store = opened.release();
     }
     return status;
@@ -297,12 +367,18 @@ platform_status run(void* store, statement_index index) {
     return status;
 }
 
+/// Runs a statement after which, outside a transaction, something has been stored.
+platform_status run_and_store(void* store, statement_index index) {
+    const platform_status status = check_in_place(store_of(store));
+    return status == PLATFORM_OK ? run(store, index) : status;
+}
+
 platform_status sqlite_begin(void* store) {
-    return run(store, statement_begin);
+    return run_and_store(store, statement_begin);
 }
 
 platform_status sqlite_commit(void* store) {
-    return run(store, statement_commit);
+    return run_and_store(store, statement_commit);
 }
 
 void sqlite_rollback(void* store) {
@@ -346,29 +422,35 @@ platform_status fetch(void* store, statement_index index, std::string_view bound
 }
 
 platform_status sqlite_get(void* store, std::string_view key, datastore_stored& value) {
-    return fetch(store, statement_get, key, nullptr, value);
+    return fetch(store, statement_for(key, statement_get), key, nullptr, value);
 }
 
 platform_status sqlite_next(void* store, std::string_view from, bool inclusive, std::string& key,
                             datastore_stored& value) {
-    return fetch(store, inclusive ? statement_next_inclusive : statement_next, from, &key, value);
+    return fetch(store, statement_for(from, inclusive ? statement_next_inclusive : statement_next), from, &key, value);
 }
 
 platform_status sqlite_put(void* store, std::string_view key, const datastore_stored& value) {
-    sqlite3_stmt* statement = store_of(store).statements[statement_put];
+    const statement_index index = statement_for(key, statement_put);
+    sqlite3_stmt* statement = store_of(store).statements[index];
     bind_key(statement, key);
     sqlite3_bind_int(statement, 2, static_cast<int>(value.kind));
     sqlite3_bind_blob(statement, 3, value.bytes.data(), static_cast<int>(value.bytes.size()), SQLITE_STATIC);
-    return run(store, statement_put);
+    return run_and_store(store, index);
 }
 
 platform_status sqlite_erase(void* store, std::string_view key) {
-    bind_key(store_of(store).statements[statement_erase], key);
-    return run(store, statement_erase);
+    const statement_index index = statement_for(key, statement_erase);
+    bind_key(store_of(store).statements[index], key);
+    return run_and_store(store, index);
 }
 
 std::string sqlite_reason(void* store) {
-    return reason_of(store_of(store).database);
+    const sqlite_store& opened = store_of(store);
+    return opened.lost
+               ? "its file has been removed or replaced. Keep what `ssh_cfg_ctl dump` still shows, restart the agent, "
+                 "and load it"
+               : reason_of(opened.database);
 }
 
 }  // namespace

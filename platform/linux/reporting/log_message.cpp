@@ -1,14 +1,18 @@
 #include "platform/log_message.h"
 
-#define SD_JOURNAL_SUPPRESS_LOCATION
-#include <sys/uio.h>
+#include <endian.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstring>
+#include <ctime>
 #include <exception>
-#include <vector>
+#include <string_view>
 
 #include "common/text.h"
 #include "linux/reporting/log_message_internal.h"
@@ -17,32 +21,91 @@ namespace {
 
 constexpr char journal_socket[] = "/run/systemd/journal/socket";
 
-/// Returns true if the journal accepted the entry. The library reports success even without a journal, hence the check
-/// for its socket.
-bool send_to_journal(int priority, const char* text, std::initializer_list<journal_field> fields) {
-    if (access(journal_socket, F_OK) != 0) {
-        return false;
+constexpr char system_log_socket[] = "/dev/log";
+
+enum class sent : uint8_t { yes, no_reader, reader_is_busy };
+
+/// Messages that the log has not accepted since the last one that it did, because it was not read.
+uint64_t dropped = 0;
+
+/// Opened once: messages are needed most when descriptors have run out.
+int log_descriptor() {
+    static int fd = -1;
+    if (fd < 0) {
+        fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     }
-    std::vector<std::string> lines = {std::string("MESSAGE=") + text, "PRIORITY=" + std::to_string(priority),
-                                      std::string("SYSLOG_IDENTIFIER=") + log_identifier};
-    for (const journal_field& field : fields) {
-        lines.push_back(field.assignment + field.value);
-    }
-    std::vector<iovec> parts;
-    parts.reserve(lines.size());
-    for (std::string& line : lines) {
-        parts.push_back({line.data(), line.size()});
-    }
-    return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) >= 0;
+    return fd;
 }
 
-void send_to_syslog(int priority, const char* text) {
-    static const bool opened = [] {
-        openlog(log_identifier, LOG_PID | LOG_NDELAY, LOG_DAEMON);
-        return true;
-    }();
-    static_cast<void>(opened);
-    syslog(priority, "%s", text);
+/// Never waits: a log that is not read, because its daemon is stopped or hangs, must not stop the agent.
+sent send_datagram(std::string_view path, std::string_view datagram) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const ssize_t count = sendto(log_descriptor(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                 reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (count >= 0) {
+        return sent::yes;
+    }
+    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM || errno == EINTR ? sent::reader_is_busy
+                                                                                    : sent::no_reader;
+}
+
+/// A field in the journal's native protocol. A value with a line break is announced by its length.
+void append_field(std::string& entry, std::string_view assignment, std::string_view value) {
+    if (value.find('\n') == std::string_view::npos) {
+        entry.append(assignment).append(value);
+    } else {
+        const uint64_t size = htole64(value.size());
+        entry.append(assignment.substr(0, assignment.size() - 1)).append("\n");
+        entry.append(reinterpret_cast<const char*>(&size), sizeof size).append(value);
+    }
+    entry += '\n';
+}
+
+sent send_to_journal(int priority, const char* text, std::initializer_list<journal_field> fields) {
+    std::string entry;
+    append_field(entry, "MESSAGE=", text);
+    append_field(entry, "PRIORITY=", std::to_string(priority));
+    append_field(entry, "SYSLOG_IDENTIFIER=", log_identifier);
+    for (const journal_field& field : fields) {
+        append_field(entry, field.assignment, field.value);
+    }
+    return send_datagram(journal_socket, entry);
+}
+
+/// Needs no memory. The format is that of syslog(3).
+sent send_to_syslog(int priority, const char* text) {
+    const time_t now = time(nullptr);
+    tm parts = {};
+    char when[32] = "";
+    if (localtime_r(&now, &parts) != nullptr) {
+        strftime(when, sizeof when, "%b %e %H:%M:%S", &parts);
+    }
+    char line[3072];
+    const size_t length = text_format_into(line, sizeof line, "<%d>%s %s[%d]: %s", LOG_DAEMON | priority, when,
+                                           log_identifier, static_cast<int>(getpid()), text);
+    return send_datagram(system_log_socket, std::string_view(line, length));
+}
+
+/// To the journal, or to the system's log if there is no journal.
+sent send_to_any(int priority, const char* text, std::initializer_list<journal_field> fields, const char* plain_text) {
+    sent result = sent::no_reader;
+    try {
+        result = send_to_journal(priority, text, fields);
+    } catch (const std::exception&) {
+        result = sent::no_reader;
+    }
+    return result == sent::no_reader ? send_to_syslog(priority, plain_text) : result;
+}
+
+void report_dropped() {
+    char text[128];
+    text_format_into(text, sizeof text, "%llu messages were dropped before this: the system's log did not take them",
+                     static_cast<unsigned long long>(dropped));
+    if (send_to_any(LOG_WARNING, text, {}, text) == sent::yes) {
+        dropped = 0;
+    }
 }
 
 std::string hexadecimal(uint32_t number) {
@@ -58,14 +121,11 @@ const char* or_empty(const char* text) {
 void journal_send(int priority, const char* text, std::initializer_list<journal_field> fields,
                   const char* plain_text) noexcept {
     const errno_keeper keeper;
-    bool sent = false;
-    try {
-        sent = send_to_journal(priority, text, fields);
-    } catch (const std::exception&) {
-        sent = false;
+    if (dropped > 0) {
+        report_dropped();
     }
-    if (!sent) {
-        send_to_syslog(priority, plain_text);
+    if (dropped > 0 || send_to_any(priority, text, fields, plain_text) == sent::reader_is_busy) {
+        dropped++;
     }
 }
 
@@ -100,6 +160,16 @@ void log_message_send(const struct log_message_entry* entry, const char* text) {
                       {"SSH_CFG_CATEGORY=", category}},
                      plain_text);
     } catch (const std::exception&) {
-        send_to_syslog(priority, plain_text);
+        journal_send(priority, text, {}, plain_text);
+    }
+}
+
+void log_message_never_wait() {
+    for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        struct stat status = {};
+        const int flags = fcntl(fd, F_GETFL);
+        if (flags >= 0 && fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) {
+            fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+        }
     }
 }

@@ -32,8 +32,12 @@ struct journal_field {
     std::string value;
 };
 
+/// Standard output and error do not wait either where they lead to the journal, as they do in a service.
+void log_message_never_wait();
+
 /// Sends one entry: `text` and `priority` with the further fields to the journal; `plain_text` to the system's log when
-/// there is no journal. Leaves errno alone.
+/// there is no journal. Never waits: messages that cannot be sent at once are counted, and the count is sent before the next
+/// message that can be. Leaves errno alone.
 void journal_send(int priority, const char* text, std::initializer_list<journal_field> fields,
                   const char* plain_text) noexcept;
 

@@ -2,8 +2,47 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <new>
 #include <string>
+
+namespace {
+
+// Allocations since a test has set the count to 0, and the number at which they fail.
+size_t allocations = 0;
+size_t allocations_max = SIZE_MAX;
+
+void* allocate(size_t size) {
+    allocations++;
+    void* memory = allocations > allocations_max ? nullptr : std::malloc(size > 0 ? size : 1);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+}  // namespace
+
+void* operator new(size_t size) {
+    return allocate(size);
+}
+void* operator new[](size_t size) {
+    return allocate(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, size_t /*size*/) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, size_t /*size*/) noexcept {
+    std::free(memory);
+}
 
 namespace {
 
@@ -111,6 +150,52 @@ TEST(control_json, errors_name_the_position_and_fit_on_one_line) {
 
 TEST(control_json, text_never_fails_on_bytes_that_are_not_utf_8) {
     EXPECT_EQ(control_json_text(control_json("a\xff")), "\"a\xef\xbf\xbd\"");
+}
+
+TEST(control_json, limits_hold_before_anything_is_built) {
+    std::string text = "[";
+    for (size_t count = 0; count < CONTROL_JSON_VALUES_MAX; count++) {
+        text += "[],";
+    }
+    EXPECT_EQ(refusal(text), "more than 500000 values in one document") << "although it is not JSON";
+    EXPECT_EQ(read_and_written(R"(["[[[[[[[[[[[[[[[[[[,\\",",,,,\"[[[[[[[[[[[[[[[[[["])"),
+              R"(["[[[[[[[[[[[[[[[[[[,\\",",,,,\"[[[[[[[[[[[[[[[[[["])");
+    EXPECT_EQ(read_and_written("[ [ ] , { } ]"), "[[],{}]");
+}
+
+TEST(control_json, is_released_without_memory) {
+    std::string text = "[";
+    for (int count = 0; count < 1000; count++) {
+        text += R"({"a":[[1,"a text that is not short"],{"b":{}}]},)";
+    }
+    text.back() = ']';
+    std::string error;
+    std::optional<control_json> document = control_json_parse(text, error);
+    ASSERT_TRUE(document.has_value()) << error;
+    allocations = 0;
+    control_json_release(*document);
+    document.reset();
+    EXPECT_EQ(allocations, 0U);
+}
+
+TEST(control_json, out_of_memory_is_an_exception_and_not_the_end) {
+    std::string text = "[";
+    for (int count = 0; count < 1000; count++) {
+        text += R"({"a":[[1,"a text that is not short"],{"b":{}}]},)";
+    }
+    text.back() = ']';
+    std::string error;
+    text = R"({"x":)" + text +
+           R"(,"a":[{"b":[1]}],"c":[{"d":[1]}],"e":1,"f":1,"g":[[1]],"h":[[1]],"i":[[1]],"j":1,"k":[[1]]})";
+    allocations = 0;
+    ASSERT_TRUE(control_json_parse(text, error).has_value()) << error;
+    const size_t needed = allocations;
+    for (size_t last = 1; last < needed / 2; last += last < needed / 2 - 200 ? 97 : 1) {
+        allocations = 0;
+        allocations_max = last;
+        EXPECT_THROW(control_json_parse(text, error), std::bad_alloc);
+        allocations_max = SIZE_MAX;
+    }
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ class meanwhile_test : public control_test::server_test {
 
     void start() {
         ASSERT_LE(0, sd_event_new(&loop));
-        server = control_server_create(control_test::listen_at(control_test::socket_path), std::nullopt, limits,
+        server = control_server_create(control_test::listen_at(control_test::socket_path), {}, limits,
                                        {answer, is_read, how_far});
         ASSERT_EQ(0U, control_server_start(server, loop));
         server_at_work = server;

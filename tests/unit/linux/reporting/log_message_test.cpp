@@ -1,6 +1,12 @@
 #include "platform/log_message.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
 
 #include "linux/reporting/log_message_internal.h"
 #include "unit/linux/platform_test_support.h"
@@ -91,6 +97,53 @@ TEST(log_message_test, the_platforms_own_lines_are_truncated) {
     auto fields = journal.receive_entry();
     EXPECT_EQ(std::string(1023, 'x'), fields["MESSAGE"]);
     EXPECT_EQ("4", fields["PRIORITY"]);
+}
+
+TEST(log_message_test, a_log_that_nobody_reads_costs_messages_and_no_time) {
+    journal_listener journal;
+    const auto begin = std::chrono::steady_clock::now();
+    constexpr int all = 5000;
+    for (int count = 0; count < all; count++) {
+        platform_log(LOG_INFO, "message %d", count);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    std::string taken = journal.messages();
+    const auto kept = std::count(taken.begin(), taken.end(), '\n');
+    EXPECT_GT(kept, 0);
+    EXPECT_LT(kept, all);
+    EXPECT_EQ(taken.find("dropped"), std::string::npos);
+    platform_log(LOG_INFO, "again");
+    platform_log(LOG_INFO, "and again");
+    EXPECT_EQ(std::to_string(all - kept) + " messages were dropped before this: the system's log did not take them\n" +
+                  "again\nand again\n",
+              journal.messages());
+}
+
+TEST(log_message_test, the_systems_log_does_not_make_the_agent_wait_either) {
+    std::filesystem::remove("/run/systemd/journal/socket");
+    datagram_listener log("/dev/log");
+    for (int count = 0; count < 5000; count++) {
+        log_message_send(&entry, text);
+    }
+    while (!log.receive(0).empty()) {
+    }
+    log_message_send(&entry, text);
+    EXPECT_NE(std::string::npos, log.receive().find("messages were dropped"));
+    EXPECT_NE(std::string::npos, log.receive().find(text));
+}
+
+TEST(log_message_test, standard_error_does_not_wait_where_it_is_a_socket) {
+    int ends[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+    const int before = dup(STDERR_FILENO);
+    ASSERT_EQ(STDERR_FILENO, dup2(ends[0], STDERR_FILENO));
+    log_message_never_wait();
+    const int flags = fcntl(STDERR_FILENO, F_GETFL);
+    ASSERT_EQ(STDERR_FILENO, dup2(before, STDERR_FILENO));
+    EXPECT_NE(0, flags & O_NONBLOCK);
+    for (const int fd : {ends[0], ends[1], before}) {
+        close(fd);
+    }
 }
 
 }  // namespace
