@@ -32,7 +32,7 @@ define build_folder
 endef
 
 # What is installed.
-product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_start \
+product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_wrapper \
 	qd_aaa_pam session_responder ssh_session_reporter
 
 build: dependencies

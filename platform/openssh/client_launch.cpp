@@ -2,11 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
+#include <iterator>
 
 #include "common/text.h"
 #include "openssh/algorithm_query.h"
 #include "openssh/preload.h"
+#include "openssh/run_programs.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
@@ -15,6 +19,28 @@
 namespace openssh {
 
 namespace {
+
+constexpr std::chrono::seconds argument_check_limit{10};
+
+/// How `ssh -G` begins the line of each list.
+struct list_word {
+    std::string_view word;
+    const char* keyword;
+    algorithm_kind kind;
+};
+
+constexpr list_word list_words[] = {
+    {"ciphers", "Ciphers", algorithm_kind::cipher},
+    {"macs", "MACs", algorithm_kind::mac},
+    {"kexalgorithms", "KexAlgorithms", algorithm_kind::kex},
+    {"hostkeyalgorithms", "HostKeyAlgorithms", algorithm_kind::key},
+};
+
+const list_word* find_list(std::string_view word) {
+    const auto* found = std::find_if(std::begin(list_words), std::end(list_words),
+                                     [word](const list_word& list) { return list.word == word; });
+    return found == std::end(list_words) ? nullptr : found;
+}
 
 /// Whether nobody else can make, rename or remove anything in the folder; its own parents are the system's.
 bool is_private_to(const std::string& path, unsigned user) {
@@ -84,6 +110,34 @@ std::string prepare_client(const launcher_paths& paths, const std::string& state
     }
     config = state_directory + "/ssh_config";
     return replace_file(config, result.text);
+}
+
+std::string check_fips_arguments(const launcher_paths& paths, const std::string& config, int count,
+                                 char* const* arguments) {
+    if (!router_is_in_fips_mode(paths)) {
+        return {};
+    }
+    // ssh itself says what it makes of all options, files and changes to lists.
+    std::vector<std::string> command = {paths.ssh, "-F", config, "-G"};
+    command.insert(command.end(), arguments + 1, arguments + count);
+    const program_result result = run_programs({command}, argument_check_limit).front();
+    if (!result.failure.empty()) {
+        return text_format("the algorithms cannot be checked for FIPS mode: %s %s", paths.ssh.c_str(),
+                           result.failure.c_str());
+    }
+    for (const std::string_view line : split(result.output, "\r\n")) {
+        const size_t blank = line.find(' ');
+        const list_word* list = find_list(line.substr(0, blank));
+        if (list == nullptr || blank == std::string_view::npos) {
+            continue;
+        }
+        for (const std::string_view name : split(line.substr(blank + 1), ",")) {
+            if (!is_fips_approved(list->kind, name)) {
+                return text_format("%s: not approved in FIPS mode: %s", list->keyword, shown(name).c_str());
+            }
+        }
+    }
+    return {};
 }
 
 std::vector<std::string> client_command(const launcher_paths& paths, const std::string& config, int count,

@@ -36,6 +36,11 @@ std::string client_state_directory(const launcher_paths& paths, const client_use
 std::string prepare_client(const launcher_paths& paths, const std::string& state_directory, const client_reporters& to,
                            std::string& config);
 
+/// In FIPS mode, whether the arguments would make ssh offer an algorithm that the mode excludes. Returns what is wrong, worded
+/// for the user; empty text otherwise. `config` is the client's file.
+std::string check_fips_arguments(const launcher_paths& paths, const std::string& config, int count,
+                                 char* const* arguments);
+
 /// The arguments for executing ssh under the name of the client's launcher, by which sessions are found.
 std::vector<std::string> client_command(const launcher_paths& paths, const std::string& config, int count,
                                         char* const* arguments);

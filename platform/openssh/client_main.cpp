@@ -49,9 +49,12 @@ int main(int count, char** arguments) {
     to.log.way = openssh::report_way::system_log;
     const std::string state_directory = openssh::client_state_directory(paths, this_user());
     std::string config;
-    const std::string error =
-        state_directory.empty() ? text_format("cannot create a folder for the client's file: %s", std::strerror(errno))
-                                : openssh::prepare_client(paths, state_directory, to, config);
+    std::string error = state_directory.empty()
+                            ? text_format("cannot create a folder for the client's file: %s", std::strerror(errno))
+                            : openssh::prepare_client(paths, state_directory, to, config);
+    if (error.empty()) {
+        error = openssh::check_fips_arguments(paths, config, count, arguments);
+    }
     if (!error.empty()) {
         openssh::report(to.log, openssh::severity::error, error);
         openssh::report(to.terminal, openssh::severity::error, error);

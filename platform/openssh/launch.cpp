@@ -51,6 +51,28 @@ std::string first_error(const translation& result) {
     return error == result.remarks.end() ? std::string() : error->text;
 }
 
+/// The part of the session wrapper that is missing, cannot be executed or is writable by others; empty text if there is none.
+std::string missing_wrapper_part(const launcher_paths& paths) {
+    for (const std::string* path : {&paths.session_hook, &paths.session_wrapper}) {
+        const bool can_be_run = path == &paths.session_hook || access(path->c_str(), X_OK) == 0;
+        if (!can_be_run || !is_trusted_file(*path)) {
+            return *path;
+        }
+    }
+    return {};
+}
+
+/// sshd itself says nothing about a subsystem that it cannot start.
+void warn_of_missing_netconf(const launcher_paths& paths, const translation& result, const reporter& to) {
+    const std::vector<std::string>& ports = result.limits.ports;
+    if (std::find(ports.begin(), ports.end(), netconf_port) != ports.end() &&
+        access(paths.netconf_program.c_str(), X_OK) != 0) {
+        report(to, severity::warning,
+               text_format("port %s is open, but NETCONF sessions fail: %s is missing or cannot be executed",
+                           netconf_port, paths.netconf_program.c_str()));
+    }
+}
+
 /// Queries ssh's algorithms, translates, and reports the remarks.
 file_failure translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
                                   translation& result) {
@@ -65,10 +87,12 @@ file_failure translate_and_report(const launcher_paths& paths, const std::string
                         .known = &known,
                         .key_is_usable = is_readable_file,
                         .user_keys_program = has_keys_program ? paths.user_keys_program : std::string_view(),
-                        .verbose_places = session_reporter_of(paths).empty() ? "" : server_verbose_places});
+                        .verbose_places = session_reporter_of(paths).empty() ? "" : server_verbose_places,
+                        .sessions_are_wrapped = missing_wrapper_part(paths).empty()});
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
+    warn_of_missing_netconf(paths, result, to);
     return result.refused ? file_failure{"the file is unusable", first_error(result)} : file_failure{};
 }
 
@@ -248,18 +272,15 @@ std::vector<std::string> server_command(const launcher_paths& paths, const std::
 }
 
 std::string session_hook_of(const launcher_paths& paths, const reporter& to) {
-    for (const std::string* path : {&paths.session_hook, &paths.session_wrapper, &paths.session_starter}) {
-        const bool can_be_run = path == &paths.session_hook || access(path->c_str(), X_OK) == 0;
-        if (!can_be_run || !is_trusted_file(*path)) {
-            report(to, severity::warning,
-                   text_format(
-                       "sessions run without their wrapper, so a reload will not end them: %s is missing, cannot be "
-                       "executed, or is writable by others",
-                       path->c_str()));
-            return {};
-        }
+    const std::string missing = missing_wrapper_part(paths);
+    if (missing.empty()) {
+        return paths.session_hook;
     }
-    return paths.session_hook;
+    report(to, severity::warning,
+           text_format("sessions run without their wrapper, so a reload will not end them: %s is missing, cannot be "
+                       "executed, or is writable by others",
+                       missing.c_str()));
+    return {};
 }
 
 }  // namespace openssh

@@ -26,10 +26,13 @@ struct launcher_paths {
     /// Prints the key that the key store holds for the user named by its argument; sshd is told to use it if it is
     /// installed.
     std::string user_keys_program = "/usr/libexec/ssh_cfg_agent/authorized_keys";
-    /// The wrapper of a server's sessions: loaded into sshd, executed for each session, started by it.
+    /// The wrapper of a server's sessions: loaded into sshd, executed for each session.
     std::string session_hook = openssh::session_hook;
     std::string session_wrapper = openssh::session_wrapper;
-    std::string session_starter = openssh::session_starter;
+    std::string netconf_program = openssh::netconf_program;
+    /// OpenSSH's SFTP server, and the copy of it that users can execute but not read.
+    std::string stock_sftp_server = "/usr/lib/openssh/sftp-server";
+    std::string sftp_server = "/pkg/bin/sftp-server";
     /// Loaded into sshd and ssh, so that they report their sessions.
     std::string session_reporter = "/pkg/lib/libssh_session_reporter.so";
     /// The agent's files for the client and for the default server; the latter says whether FIPS mode is on.

@@ -13,6 +13,7 @@
 #include "openssh/launch.h"
 #include "openssh/limits.h"
 #include "openssh/preload.h"
+#include "openssh/sftp_server.h"
 #include "openssh/text.h"
 
 namespace {
@@ -77,6 +78,10 @@ int main(int count, char** arguments) {
     }
     openssh::report(to, openssh::severity::notice,
                     text_format("the server of VRF %u starts with %s", options.vrf_id, prepared.config.c_str()));
+    const std::string sftp_failure = openssh::renew_sftp_server(paths);
+    if (!sftp_failure.empty()) {
+        openssh::report(to, openssh::severity::warning, "the SFTP server is missing or outdated: " + sftp_failure);
+    }
     openssh::load_into_sshd(openssh::session_hook_of(paths, to));
     openssh::load_into_sshd(openssh::session_reporter_of(paths));
     become(openssh::server_command(paths, prepared.config), to);

@@ -9,6 +9,7 @@
 #include "common/text.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
+#include "openssh/wrapper/session_command.h"
 
 namespace openssh {
 
@@ -385,6 +386,29 @@ void settle(translator& state) {
     }
 }
 
+/// The port for NETCONF must not be a second way to what SSH's access list protects. The session wrapper refuses everything
+/// but the subsystem, because a forced command would replace the commands that users' keys are restricted to; without it
+/// there are no sessions.
+void confine_netconf_port(translator& state) {
+    const std::vector<std::string>& ports = state.result.limits.ports;
+    if (std::find(ports.begin(), ports.end(), netconf_port) == ports.end()) {
+        return;
+    }
+    state.result.text += text_format(
+        "Match LocalPort %s\n"
+        "    DisableForwarding yes\n"
+        "    PermitTTY no\n"
+        "    PermitTunnel no\n"
+        "    PermitUserRC no\n",
+        netconf_port);
+    if (!state.input.sessions_are_wrapped) {
+        state.result.text += "    ForceCommand /bin/false\n";
+        add_remark(state, severity::error,
+                   text_format("port %s takes no sessions: without their wrapper they cannot be confined to NETCONF",
+                               netconf_port));
+    }
+}
+
 }  // namespace
 
 bool asks_for_fips_mode(std::string_view text) {
@@ -411,6 +435,7 @@ translation translate(const translation_input& input) {
     }
     for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });
     settle(state);
+    confine_netconf_port(state);
     return std::move(state.result);
 }
 

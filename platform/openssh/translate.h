@@ -45,6 +45,8 @@ struct translation_input {
     std::string_view user_keys_program = {};
     /// The places whose log lines describe a session, as a value of LogVerbose; empty if nobody listens.
     std::string_view verbose_places = {};
+    /// Whether the server's sessions run under the wrapper, which confines those on the NETCONF port. Servers only.
+    bool sessions_are_wrapped = true;
     const file_kind* kind = &server_file_kind;
     /// FIPS mode is on whatever the file says, because the client's file does not mention it.
     bool fips_mode = false;

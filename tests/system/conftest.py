@@ -64,6 +64,16 @@ def server(vrf):
 
 
 @pytest.fixture
+def netconf_proxy():
+    """A NETCONF proxy that repeats what it is told."""
+    program = pathlib.Path("/pkg/bin/netconf_sshd_proxy")
+    program.write_text('#!/bin/sh\necho "proxy $*"\nexec cat\n', encoding="ascii")
+    program.chmod(0o755)
+    yield program
+    program.unlink(missing_ok=True)
+
+
+@pytest.fixture
 def lists_and_wires(clean_router):
     """Removes the neighbour and the lists before the router is cleaned up, so that no link is left."""
     yield

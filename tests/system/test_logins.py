@@ -30,10 +30,10 @@ def test_a_server_is_reachable_only_in_its_own_vrf(server, vrf):
     assert not router.port_answers("default")
 
 
-def test_ssh_and_netconf_share_one_server(server):
+def test_ssh_and_netconf_share_one_server(server, netconf_proxy):
     server("both")
     server("both", "vrf-netconf", 830)
-    assert ssh("both", "echo", "in", port=830).stdout == "in\n"
+    assert router.netconf("both", "<hello/>").stdout == "proxy -i 0 -o 1\n<hello/>"
     router.delete_item("sshd/vrf/both")
     router.wait_until(lambda: not router.port_answers("both", 22), what="port 22 is closed")
     router.wait_for_server("both", 830)

@@ -1,5 +1,6 @@
 #include "openssh/wrapper/session_command.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,14 +23,15 @@ struct file_head {
 /// Larger than any argument list execve() accepts.
 constexpr size_t largest_command = size_t{8} * 1024 * 1024;
 
-bool has_variable(char* const* environment, const char* name) {
+/// The value of a variable; null if there is none.
+const char* variable(char* const* environment, const char* name) {
     const size_t length = strlen(name);
     for (; *environment != nullptr; ++environment) {
         if (strncmp(*environment, name, length) == 0 && (*environment)[length] == '=') {
-            return true;
+            return *environment + length + 1;
         }
     }
-    return false;
+    return nullptr;
 }
 
 uint32_t count_of(char* const* strings) {
@@ -134,17 +136,29 @@ bool is_session_command(const char* path, char* const* arguments, char* const* e
         arguments[0][0] == '-' && strcmp(arguments[0] + 1, name) == 0 && arguments[1] == nullptr;
     const bool is_command = strcmp(arguments[0], name) == 0 && arguments[1] != nullptr &&
                             strcmp(arguments[1], "-c") == 0 && arguments[2] != nullptr && arguments[3] == nullptr;
-    return (is_login_shell || is_command) && has_variable(environment, "SSH_CLIENT");
+    return (is_login_shell || is_command) && variable(environment, "SSH_CLIENT") != nullptr;
+}
+
+bool is_on_netconf_port(char* const* environment) {
+    // Addresses and ports of client and server.
+    const char* connection = variable(environment, "SSH_CONNECTION");
+    const char* blank = connection == nullptr ? nullptr : strrchr(connection, ' ');
+    return blank != nullptr && strcmp(blank + 1, netconf_port) == 0;
+}
+
+bool is_netconf_command(char* const* arguments) {
+    return arguments[1] != nullptr && arguments[2] != nullptr && strcmp(arguments[2], netconf_command) == 0;
 }
 
 int write_session_command(const char* path, char* const* arguments, char* const* environment) {
-    const int fd = memfd_create("session", 0);
+    const int fd = memfd_create("session", MFD_ALLOW_SEALING);
     if (fd < 0) {
         return -1;
     }
     const file_head head = {count_of(arguments), count_of(environment)};
     if (write_all(fd, &head, sizeof head) && write_string(fd, path) && write_strings(fd, arguments) &&
-        write_strings(fd, environment)) {
+        write_strings(fd, environment) &&
+        fcntl(fd, F_ADD_SEALS, F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE) == 0) {
         return fd;
     }
     const int error = errno;

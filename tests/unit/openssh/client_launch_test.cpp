@@ -126,6 +126,49 @@ TEST_F(launcher_client, in_fips_mode_offers_only_approved_algorithms) {
                                        "diffie-hellman-group16-sha512\n"));
 }
 
+TEST_F(launcher_client, in_fips_mode_arguments_add_no_other_algorithm) {
+    const auto check = [this](std::vector<std::string> words) {
+        words.insert(words.begin(), "ssh_csm");
+        std::vector<char*> arguments(words.size());
+        std::transform(words.begin(), words.end(), arguments.begin(), [](std::string& word) { return word.data(); });
+        return check_fips_arguments(paths_, scratch_.file("state/ssh_config"), static_cast<int>(words.size()),
+                                    arguments.data());
+    };
+    scratch_.write("ssh_config", "IPQoS 0x40\n");
+    EXPECT_EQ(prepare(), "");
+    EXPECT_EQ(check({"-c", "chacha20-poly1305@openssh.com", "router"}), "") << "without FIPS mode anything is allowed";
+    scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
+    EXPECT_EQ(prepare(), "");
+    const std::string cipher = "Ciphers: not approved in FIPS mode: chacha20-poly1305@openssh.com";
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"-c", "chacha20-poly1305@openssh.com", "router"},
+             {"-vcchacha20-poly1305@openssh.com", "router"},
+             {"-o", "Ciphers=chacha20-poly1305@openssh.com", "router"},
+             {"-oCiphers chacha20-poly1305@openssh.com", "router", "true"},
+             {"-o", "ciphers=+chacha20-poly1305@openssh.com", "router"},
+             {"-o", "Ciphers=^chacha20-poly1305@openssh.com", "router"},
+             {"router", "-c", "aes256-ctr,chacha20-poly1305@openssh.com", "true"},
+             {"-F", scratch_.write("own", "Ciphers chacha20-poly1305@openssh.com\n"), "router"}}) {
+        EXPECT_EQ(check(words), cipher) << words[0] << ' ' << words[1];
+    }
+    EXPECT_EQ(check({"-o", "KexAlgorithms=curve25519-sha256", "router"}),
+              "KexAlgorithms: not approved in FIPS mode: curve25519-sha256");
+    EXPECT_EQ(check({"-m", "umac-64@openssh.com", "router"}), "MACs: not approved in FIPS mode: umac-64@openssh.com");
+    // Signs and carets change ssh's own list, not the client file's.
+    EXPECT_THAT(check({"-o", "HostKeyAlgorithms=+ssh-ed25519", "router"}),
+                testing::StartsWith("HostKeyAlgorithms: not approved in FIPS mode: "));
+    EXPECT_EQ(check({"-oCiphers=-aes128-ctr", "router"}), cipher);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"router"},
+             {"-c", "aes256-ctr", "router", "echo", "-c", "chacha20-poly1305@openssh.com"},
+             {"-oCiphers=aes256-ctr,aes128-ctr", "-p", "830", "router"},
+             {"-V"},
+             {"-Q", "cipher"},
+             {}}) {
+        EXPECT_EQ(check(words), "");
+    }
+}
+
 TEST_F(launcher_client, in_fips_mode_a_list_without_approved_algorithms_is_refused) {
     scratch_.write("sshd_config", "NorvoSSHFipsMode yes\n");
     scratch_.write("ssh_config", "Ciphers chacha20-poly1305@openssh.com\n");

@@ -350,7 +350,6 @@ class launcher_session_hook : public testing::Test {
     void SetUp() override {
         paths_.session_hook = scratch_.write("libssh_session.so", "", 0644);
         paths_.session_wrapper = scratch_.write("ssh_exec.sh", "", 0755);
-        paths_.session_starter = scratch_.write("session_start", "", 0755);
     }
 
     std::string hook() {
@@ -375,7 +374,7 @@ TEST_F(launcher_session_hook, is_used_if_it_is_installed) {
 }
 
 TEST_F(launcher_session_hook, is_not_used_and_reported_when_a_part_is_missing) {
-    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
+    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper}) {
         SetUp();
         unlink(part->c_str());
         EXPECT_EQ(hook(), "");
@@ -384,7 +383,7 @@ TEST_F(launcher_session_hook, is_not_used_and_reported_when_a_part_is_missing) {
 }
 
 TEST_F(launcher_session_hook, is_not_used_when_others_can_write_to_a_part) {
-    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper, &paths_.session_starter}) {
+    for (const std::string* part : {&paths_.session_hook, &paths_.session_wrapper}) {
         SetUp();
         chmod(part->c_str(), 0775);
         EXPECT_EQ(hook(), "") << *part;
@@ -394,10 +393,27 @@ TEST_F(launcher_session_hook, is_not_used_when_others_can_write_to_a_part) {
 }
 
 TEST_F(launcher_session_hook, is_not_used_when_a_part_belongs_to_another_user) {
-    if (chown(paths_.session_starter.c_str(), 1234, 0) != 0) {
+    if (chown(paths_.session_wrapper.c_str(), 1234, 0) != 0) {
         GTEST_SKIP() << "only root can create files of another user";
     }
     EXPECT_EQ(hook(), "");
+}
+
+TEST_F(launcher_launch, says_once_that_the_netconf_proxy_is_missing) {
+    paths_.netconf_program = scratch_.file("proxy");
+    write_settings("Port 22\nPort 830\n");
+    EXPECT_EQ(prepare(), launch_ready) << said_;
+    const std::string warning = "port 830 is open, but NETCONF sessions fail: " + paths_.netconf_program;
+    EXPECT_THAT(said_, HasSubstr(warning));
+    EXPECT_EQ(said_.find(warning), said_.rfind(warning));
+    EXPECT_THAT(text_of(current()), HasSubstr("\nMatch LocalPort 830\n"));
+    scratch_.write("proxy", "", 0755);
+    EXPECT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_THAT(said_, Not(HasSubstr("NETCONF sessions fail")));
+    unlink(paths_.netconf_program.c_str());
+    write_settings("Port 22\n");
+    EXPECT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_THAT(said_, Not(HasSubstr("NETCONF")));
 }
 
 TEST_F(launcher_session_hook, requires_programs_that_can_be_executed) {

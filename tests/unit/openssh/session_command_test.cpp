@@ -1,5 +1,6 @@
 #include "openssh/wrapper/session_command.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -139,4 +140,24 @@ TEST(session_command, a_damaged_file_is_refused) {
 TEST(session_command, a_missing_file_differs_from_a_bad_one) {
     EXPECT_FALSE(read_session_command(-1, command));
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST(session_command, confines_the_netconf_port_to_its_subsystem) {
+    EXPECT_TRUE(is_on_netconf_port(string_array{"A=1", "SSH_CONNECTION=192.0.2.1 40000 192.0.2.2 830"}));
+    EXPECT_TRUE(is_on_netconf_port(string_array{"SSH_CONNECTION=2001:db8::1 40000 2001:db8::2 830"}));
+    EXPECT_FALSE(is_on_netconf_port(string_array{"SSH_CONNECTION=192.0.2.1 830 192.0.2.2 22"}));
+    EXPECT_FALSE(is_on_netconf_port(string_array{"SSH_CONNECTION=192.0.2.1 40000 192.0.2.2 1830"}));
+    EXPECT_FALSE(is_on_netconf_port(string_array{"SSH_CONNECTIONS=192.0.2.1 40000 192.0.2.2 830"}));
+    EXPECT_FALSE(is_on_netconf_port(string_array{}));
+    EXPECT_TRUE(is_netconf_command(string_array{"bash", "-c", "/pkg/bin/netconf_sshd_proxy -i 0 -o 1"}));
+    EXPECT_FALSE(is_netconf_command(string_array{"bash", "-c", "/pkg/bin/netconf_sshd_proxy -i 0 -o 1; id"}));
+    EXPECT_FALSE(is_netconf_command(string_array{"-bash"}));
+}
+
+TEST(session_command, cannot_be_changed_once_written) {
+    const int fd = write_session_command("/bin/bash", string_array{"-bash"}, session_environment);
+    EXPECT_EQ(fcntl(fd, F_GET_SEALS), F_SEAL_SEAL | F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE);
+    EXPECT_EQ(pwrite(fd, "x", 1, 0), -1);
+    EXPECT_EQ(ftruncate(fd, 0), -1);
+    close(fd);
 }

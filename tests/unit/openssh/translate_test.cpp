@@ -50,6 +50,14 @@ std::string settings_of(const translation& result) {
     return settings;
 }
 
+/// What confines sessions on the port for NETCONF.
+const std::string netconf_block =
+    "Match LocalPort 830\n"
+    "    DisableForwarding yes\n"
+    "    PermitTTY no\n"
+    "    PermitTunnel no\n"
+    "    PermitUserRC no\n";
+
 constexpr const char* quiet_lines = "UsePAM yes\nAllowTcpForwarding no\n";
 
 std::vector<std::string> remarks_of(const translation& result) {
@@ -202,7 +210,7 @@ TEST(launcher_translate, in_fips_mode_sha1_keys_are_not_added) {
 TEST(launcher_translate, the_first_of_several_lines_counts) {
     EXPECT_EQ(settings_of(translate_text("maxauthtries 3\nMaxAuthTries 4\nMaxAuthTries bad\n")), "MaxAuthTries 3\n");
     EXPECT_EQ(settings_of(translate_text("MaxAuthTries bad\nMaxAuthTries 4\n")), "MaxAuthTries 4\n");
-    EXPECT_EQ(settings_of(translate_text("Port 22\nPort 830\nPort 22\n")), "Port 22\nPort 830\n");
+    EXPECT_EQ(settings_of(translate_text("Port 22\nPort 830\nPort 22\n")), "Port 22\nPort 830\n" + netconf_block);
     EXPECT_EQ(settings_of(translate_text("Subsystem a /b\nSubsystem a /c\nSubsystem d /b\n")),
               "Subsystem a /b\nSubsystem d /b\n");
 }
@@ -268,7 +276,7 @@ TEST(launcher_translate, omits_a_conditional_block_and_everything_after_it) {
 
 TEST(launcher_translate, reads_lines_as_sshd_does) {
     EXPECT_EQ(settings_of(translate_text("  Port\t=\t22  # ssh\r\n\n#Port 23\nBanner /a#b\nPort 830")),
-              "Port 22\nBanner /a#b\nPort 830\n");
+              "Port 22\nBanner /a#b\nPort 830\n" + netconf_block);
     EXPECT_EQ(settings_of(translate_text("VersionAddendum \"a # b\"\n")), "VersionAddendum \"a # b\"\n");
 }
 
@@ -375,4 +383,24 @@ TEST(launcher_translate, accepts_any_bytes) {
         EXPECT_EQ(result.text.find_first_of(std::string_view("\0\r\x1b\x7f", 4)), std::string::npos) << shown(text);
         EXPECT_TRUE(result.text.ends_with('\n')) << shown(text);
     }
+}
+
+TEST(launcher_translate, confines_the_netconf_port_to_its_subsystem) {
+    EXPECT_THAT(translate_text("HostKey /pkg/rsa\nPort 22\nPort 830\nPermitTTY yes\n").text,
+                testing::EndsWith(netconf_block));
+    EXPECT_THAT(translate_text("HostKey /pkg/rsa\nPort 22\nPort 8300\n").text, Not(HasSubstr("Match")));
+    EXPECT_THAT(translate_text("HostKey /pkg/rsa\n").text, Not(HasSubstr("Match")));
+}
+
+TEST(launcher_translate, admits_nobody_to_a_netconf_port_that_it_cannot_confine) {
+    const known_algorithms known = fixed_algorithms();
+    const translation result = translate({.text = "HostKey /pkg/rsa\nPort 830\n",
+                                          .source_name = "/files/sshd_config_red",
+                                          .known = &known,
+                                          .key_is_usable = is_made_key,
+                                          .sessions_are_wrapped = false});
+    EXPECT_THAT(result.text, testing::EndsWith("    PermitUserRC no\n    ForceCommand /bin/false\n"));
+    EXPECT_THAT(
+        remarks_of(result),
+        testing::Contains(HasSubstr("<3> port 830 takes no sessions: without their wrapper they cannot be confined")));
 }
