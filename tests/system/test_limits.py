@@ -49,7 +49,7 @@ def set_limit(vrf, **items):
 
 
 @pytest.fixture(name="both")
-def fixture_both(server):
+def fixture_both(server, netconf_proxy):
     """A VRF with an SSH and a NETCONF server."""
     vrf = server("red")
     return server(vrf, "vrf-netconf", 830)
@@ -162,11 +162,11 @@ class Sessions:
         words += ["-o", "StrictHostKeyChecking=no", "-o", "LogLevel=ERROR"]
         for option in options or ["BatchMode=yes"]:
             words += ["-o", option]
-        words += [f"operator@{host}", "echo in; exec cat"]
+        words += [f"operator@{host}", *(["-s", "netconf"] if port == 830 else ["echo in; exec cat"])]
         session = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
                                    env={**os.environ, **(environment or {})})
         self.open.append(session)
-        assert session.stdout.readline() == "in\n"
+        assert session.stdout.readline() == ("proxy -i 0 -o 1\n" if port == 830 else "in\n")
         return session
 
     def end(self, session):

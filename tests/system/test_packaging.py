@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import stat
 import subprocess
 
@@ -18,11 +19,23 @@ def mode(path):
     return stat.S_IMODE(os.lstat(path).st_mode)
 
 
-@pytest.mark.parametrize("unit", [AGENT, "ssh_cfg_platform.service", "ssh_session_responder.service",
-                                  "ssh_session_responder.socket"])
+@pytest.mark.parametrize("unit", [AGENT, "ssh_cfg_platform.service", "ssh_cfg_mounts.service",
+                                  "ssh_session_responder.service", "ssh_session_responder.socket"])
 def test_units_are_valid(unit):
     result = run("systemd-analyze", "verify", "--man=no", unit)
     assert (result.stdout + result.stderr).strip() == ""
+
+
+@pytest.mark.parametrize(
+    "unit, highest",
+    [(AGENT, 4.0), ("ssh_cfg_platform.service", 3.0), ("ssh_cfg_mounts.service", 4.5),
+     ("ssh_session_responder.service", 2.5)],
+)
+def test_units_are_exposed_no_more_than_they_need(unit, highest):
+    result = run("systemd-analyze", "security", "--no-pager", unit)
+    figure = float(re.search(r"Overall exposure level for \S+: ([0-9.]+)", result.stdout)[1])
+    print(f"{unit}: {figure}")
+    assert figure <= highest, result.stdout
 
 
 @pytest.mark.parametrize("key", KEYS)

@@ -83,15 +83,23 @@ bool is_kept(int capability) {
            std::end(kept_capabilities);
 }
 
-/// Also keeps programs from getting the privileges back.
+/// Also keeps programs from getting the privileges back: by no_new_privs, and where the service may do that, by removing them
+/// from the bounding set. What the service itself has not been given is not there to be kept.
 std::string drop_privileges() {
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) {
+        return failure_of("cannot give up privileges");
+    }
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
-    for (int capability = 0; prctl(PR_CAPBSET_READ, capability) >= 0; ++capability) {
+    int held = 0;
+    for (int capability = 0; (held = prctl(PR_CAPBSET_READ, capability)) >= 0; ++capability) {
+        if (held == 0) {
+            continue;
+        }
         if (is_kept(capability)) {
             data[CAP_TO_INDEX(capability)].permitted |= CAP_TO_MASK(capability);
             data[CAP_TO_INDEX(capability)].effective |= CAP_TO_MASK(capability);
-        } else if (prctl(PR_CAPBSET_DROP, capability) != 0) {
+        } else if (prctl(PR_CAPBSET_DROP, capability) != 0 && errno != EPERM) {
             return failure_of("cannot give up privileges");
         }
     }
