@@ -368,12 +368,12 @@ def reload(*options):
     return result, time.monotonic() - before
 
 
-def test_a_reload_closes_the_sessions_stops_the_servers_and_is_acknowledged(server, after_reload, journal):
+def test_a_reload_closes_the_sessions_stops_the_servers_and_is_acknowledged(server, after_reload, journal, netconf_proxy):
     server("red")
     server("blue", "vrf-netconf", 830)
     with log_in("red") as interactive:
         interactive.read_until("$ ")
-        command = start("blue", "sleep 600", port=830)
+        command = start("blue", "-s", "netconf", port=830)
         transfer = subprocess.Popen(
             [*sessions.ssh_words("red", options=["BatchMode=yes"])[:-1], "-s", "operator@127.0.0.1", "sftp"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
