@@ -25,7 +25,7 @@ struct verdict {
     bool operator==(const verdict&) const = default;
 };
 
-const verdict accepted = {PLATFORM_OK, 1, ""};
+const verdict accepted_name = {PLATFORM_OK, 1, ""};
 const verdict invalid_characters = {EINVAL, 0, "Invalid characters in vrf_name"};
 
 verdict verify(const char* name, uint32_t event = 3, const void* value = "", uint32_t components = 3) {
@@ -50,21 +50,21 @@ TEST_F(vrf_name_verifier_test, every_byte_value_is_checked) {
         const bool harmless = allowed.find(character) != std::string::npos;
         for (const std::string& name : {std::string(1, character), "a" + std::string(1, character) + "b",
                                         "ab" + std::string(1, character), std::string(1, character) + "ab"}) {
-            EXPECT_EQ(verify(name.c_str()), harmless ? accepted : invalid_characters) << "byte " << byte;
+            EXPECT_EQ(verify(name.c_str()), harmless ? accepted_name : invalid_characters) << "byte " << byte;
         }
     }
 }
 
 // A NUL ends the name; the bytes after it are not part of it.
 TEST_F(vrf_name_verifier_test, a_nul_ends_the_name) {
-    EXPECT_EQ(verify("red\0;reboot"), accepted);
+    EXPECT_EQ(verify("red\0;reboot"), accepted_name);
 }
 
 TEST_F(vrf_name_verifier_test, a_change_is_checked_like_a_creation) {
     EXPECT_EQ(verify("re d", 2), invalid_characters);
     EXPECT_EQ(verify("re d", 1), invalid_characters);
-    EXPECT_EQ(verify("red", 2), accepted);
-    EXPECT_EQ(verify("red", 1), accepted);
+    EXPECT_EQ(verify("red", 2), accepted_name);
+    EXPECT_EQ(verify("red", 1), accepted_name);
 }
 
 TEST_F(vrf_name_verifier_test, a_missing_value_is_refused) {
@@ -80,8 +80,8 @@ TEST_F(vrf_name_verifier_test, a_missing_name_is_refused) {
 
 // Any stored name can be removed.
 TEST_F(vrf_name_verifier_test, a_removal_is_accepted) {
-    EXPECT_EQ(verify("red", 4, nullptr), accepted);
-    EXPECT_EQ(verify("$(reboot)", 4, nullptr), accepted);
+    EXPECT_EQ(verify("red", 4, nullptr), accepted_name);
+    EXPECT_EQ(verify("$(reboot)", 4, nullptr), accepted_name);
 }
 
 // A whole commit through the item table: the name is refused, nothing is stored, and no command is run.

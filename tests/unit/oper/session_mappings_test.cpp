@@ -14,14 +14,14 @@ struct mapping_case {
     int32_t (*number_of)(std::string_view name);
 };
 
-constexpr mapping_case cases[] = {
+constexpr mapping_case mapping_cases[] = {
     {"authen_type_en", authen_type_of}, {"kex_name_en", kex_name_of}, {"hostkey_type_en", hostkey_type_of},
     {"cipher_type_en", cipher_type_of}, {"mac_type_en", mac_type_of},
 };
 
 class session_mappings_test : public testing::TestWithParam<mapping_case> {};
 
-INSTANTIATE_TEST_SUITE_P(mappings, session_mappings_test, testing::ValuesIn(cases),
+INSTANTIATE_TEST_SUITE_P(mappings, session_mappings_test, testing::ValuesIn(mapping_cases),
                          [](const auto& mapping) { return std::string(mapping.param.enumeration); });
 
 }  // namespace
