@@ -1,11 +1,14 @@
 #include "common/launch_record.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
 
 #include "common/files.h"
 #include "common/number.h"
+#include "common/text.h"
 
 namespace {
 
@@ -44,12 +47,20 @@ bool take_line(launch_record& record, std::string_view key, std::string_view val
         record.process = number_parse<pid_t>(value, 1).value_or(0);
         return record.process != 0;
     }
+    if (key == "connections_per_minute") {
+        record.connections_per_minute = number_parse<uint32_t>(value, 1).value_or(0);
+        return record.connections_per_minute != 0;
+    }
     if (key == "not_in_force") {
         record.not_in_force.emplace_back(value);
     } else if (key == "server_file") {
         record.server_file = value;
     } else if (key == "config") {
         record.config = value;
+    } else if (key == "config_stamp") {
+        record.config_stamp = value;
+    } else if (key == "ports") {
+        record.ports = value;
     } else if (key == "reason") {
         record.reason = value;
     }
@@ -62,12 +73,31 @@ std::string launch_record_path(std::string_view config) {
     return std::string(config) + "~launch";
 }
 
+std::string launch_source_path(std::string_view config) {
+    return std::string(config) + "~source";
+}
+
+std::string launch_file_stamp(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return {};
+    }
+    return text_format("%llu %llu %lld.%09ld", static_cast<unsigned long long>(status.st_dev),
+                       static_cast<unsigned long long>(status.st_ino), static_cast<long long>(status.st_ctim.tv_sec),
+                       status.st_ctim.tv_nsec);
+}
+
 std::string launch_record_format(const launch_record& record) {
     std::string text;
     add_line(text, "in_use", file_words[static_cast<size_t>(record.in_use)]);
     add_line(text, "process", std::to_string(record.process));
     add_line(text, "server_file", record.server_file);
     add_line(text, "config", record.config);
+    add_line(text, "config_stamp", record.config_stamp);
+    if (record.connections_per_minute != 0) {
+        add_line(text, "connections_per_minute", std::to_string(record.connections_per_minute));
+    }
+    add_line(text, "ports", record.ports);
     add_line(text, "reason", record.reason);
     for (const std::string& sentence : record.not_in_force) {
         add_line(text, "not_in_force", sentence);

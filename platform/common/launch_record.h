@@ -7,6 +7,9 @@
 ///     process 4711
 ///     server_file /var/opt/norvo/norvossh/sshd_config_red
 ///     config /run/ssh_cfg_agent/openssh/sshd_config_red
+///     config_stamp 65024 1837 1700000000.123456789
+///     connections_per_minute 60
+///     ports 22, 830
 ///     reason sshd rejects the file (exit status 255): line 12: Bad configuration option
 ///     not_in_force the limit of 60 new connections per minute is not in force: ...
 #ifndef PLATFORM_COMMON_LAUNCH_RECORD_H
@@ -33,12 +36,21 @@ struct launch_record {
     pid_t process = 0;
     std::string server_file;                ///< the agent's file
     std::string config;                     ///< sshd's file; empty if the server was not started
+    std::string config_stamp;               ///< launch_file_stamp() of sshd's file at the start
+    uint32_t connections_per_minute = 0;    ///< the limit of new connections; 0 in a record of a launcher without it
+    std::string ports;                      ///< to which the limit applies
     std::string reason;                     ///< why the current file is not in use; empty if it is
     std::vector<std::string> not_in_force;  ///< further settings that could not be carried out, one sentence each
 };
 
 /// The record's file, named after the server's translated file.
 std::string launch_record_path(std::string_view config);
+
+/// A copy of the agent's file as it was when the current file was made from it; named after the server's translated file.
+std::string launch_source_path(std::string_view config);
+
+/// What changes when anybody writes to a file, replaces it or changes its owner or mode; empty if it cannot be examined.
+std::string launch_file_stamp(const std::string& path);
 
 std::string launch_record_format(const launch_record& record);
 

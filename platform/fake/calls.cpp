@@ -65,6 +65,8 @@ void reset() {
     internal::reset_process_node_mpp();
     internal::reset_shelf();
     internal::reset_enforcement();
+    internal::reset_packet_filter();
+    internal::reset_server_processes();
     internal::reset_acl_keys_banners();
 }
 

@@ -38,6 +38,8 @@ void reset_reports();
 void reset_process_node_mpp();
 void reset_shelf();
 void reset_enforcement();
+void reset_packet_filter();
+void reset_server_processes();
 
 /// Announces a commit to the agent for as long as it lives.
 class announced_commit {

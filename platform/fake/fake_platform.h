@@ -26,6 +26,7 @@
 #include "platform/fault_injection.h"
 #include "platform/key_store.h"
 #include "platform/log_message.h"
+#include "platform/packet_filter.h"
 #include "platform/process_manager.h"
 #include "platform/status.h"
 #include "platform/trace.h"
@@ -300,6 +301,20 @@ bool vrf_initialised(std::string_view vrf_name);
 bool vrf_blocked(std::string_view vrf_name);
 bool service_blocked(uint32_t service, uint32_t family, std::string_view vrf_name);
 bool namespace_announced(std::string_view namespace_name);
+
+// --- Servers ---------------------------------------------------------------------------------------------------------
+
+/// What is known of a VRF's running server (platform/server_process.h): initially nothing.
+struct server_process {
+    std::string difference;
+    std::string file;
+};
+void set_server_process(std::string vrf_name, server_process process);
+
+// --- Packet filter ---------------------------------------------------------------------------------------------------
+
+/// Answers for the kernel, for each table that the agent asks about. Without it every table is as it should be.
+void set_packet_filter(std::function<packet_filter_finding(const packet_filter_table& table)> look);
 
 // --- Enforcement -----------------------------------------------------------------------------------------------------
 

@@ -4,9 +4,12 @@
 
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/control/control.h"
+#include "linux/enforcement/enforcement_internal.h"
 #include "linux/enforcement/retry.h"
 #include "linux/host/aaa_users.h"
+#include "linux/host/key_files.h"
 #include "linux/host/key_store_internal.h"
+#include "linux/packet_filter/own_tables.h"
 #include "linux/process/event_manager_internal.h"
 #include "linux/process/node_lock.h"
 #include "linux/process/primary_wait.h"
@@ -56,7 +59,12 @@ platform_status start_aaa_users(struct event_manager*) {
 
 platform_status start_key_store(struct event_manager*) {
     key_store_start();
+    enforcement_add_check(key_files_compare);
     return PLATFORM_OK;
+}
+
+void stop_key_store() {
+    enforcement_remove_check(key_files_compare);
 }
 
 platform_status start_control_calls(struct event_manager* manager) {
@@ -83,7 +91,8 @@ constexpr platform_service services[] = {
      namespace_watch_stop},
 
     // The socket opens last, when the keys that operators may ask about are in force.
-    {"key store", service_moment::first_wait, 0, false, start_key_store, nullptr},
+    {"key store", service_moment::first_wait, 0, false, start_key_store, stop_key_store},
+    {"own packet filters", service_moment::first_wait, 0, false, own_tables_start, own_tables_stop},
     {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
     {"rehearsals", service_moment::first_wait, 0, false, rehearsals_start, rehearsals_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},

@@ -169,6 +169,16 @@ file_failure check_last_good(const launcher_paths& paths, const translation_file
     return {"the last good file is no longer valid; the server is not started: " + failure.text};
 }
 
+/// An earlier copy would be taken for this start's.
+void keep_source(const std::string& config, const std::string& text, const reporter& to) {
+    const std::string path = launch_source_path(config);
+    const std::string error = replace_file(path, text);
+    if (!error.empty()) {
+        unlink(path.c_str());
+        report(to, severity::warning, "the file that the server is started with is not kept: " + error);
+    }
+}
+
 launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode, const reporter& to,
                         launch_record& record) {
     const file_failure failure = check_last_good(paths, files, fips_mode, to);
@@ -224,6 +234,7 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
     if (!failure) {
         record.in_use = launch_file::current;
         record.config = files.current;
+        keep_source(files.current, text, to);
         return launch_ready;
     }
     report(to, severity::error, failure.text);
@@ -231,7 +242,8 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
     return fall_back(paths, files, asks_for_fips_mode(text), to, record);
 }
 
-void keep_record(const launcher_paths& paths, const launch_record& record, const reporter& to) {
+void keep_record(const launcher_paths& paths, launch_record record, const reporter& to) {
+    record.config_stamp = launch_file_stamp(record.config);
     const translation_files files =
         translation_files_of(paths.state_directory, paths.agent_directory, record.server_file);
     const std::string error = replace_file(launch_record_path(files.current), launch_record_format(record));

@@ -38,7 +38,7 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
                              launch& prepared);
 
 /// Writes the record of this launch, which replaces the previous one. A failure is only reported.
-void keep_record(const launcher_paths& paths, const launch_record& record, const reporter& to);
+void keep_record(const launcher_paths& paths, launch_record record, const reporter& to);
 
 /// Returns the translation as text, for printing, and reports sshd's messages about it; nothing is kept. `translated` is
 /// also set if sshd rejects it.

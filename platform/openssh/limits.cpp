@@ -9,6 +9,7 @@
 
 #include "aaa_pam/session_limit.h"
 #include "common/file_descriptor.h"
+#include "common/limits_table.h"
 #include "common/text.h"
 #include "openssh/run_programs.h"
 #include "openssh/text.h"
@@ -18,14 +19,8 @@ namespace openssh {
 namespace {
 
 constexpr std::chrono::seconds nft_limit{10};
-constexpr const char* default_port = "22";
 constexpr const char* create_command = "create table inet norvo_limits\n";
 constexpr const char* delete_command = "delete table inet norvo_limits\n";
-
-std::string ports_of(const server_limits& limits) {
-    return limits.ports.empty() ? std::string(default_port)
-                                : joined(std::vector<std::string_view>(limits.ports.begin(), limits.ports.end()));
-}
 
 /// Runs nft. Returns its first complaint, or why it could not be run; an empty text on success.
 std::string run_nft(const launcher_paths& paths, const std::string& commands) {
@@ -40,19 +35,6 @@ std::string run_nft(const launcher_paths& paths, const std::string& commands) {
     return text_format("%s says: %s", paths.nft.c_str(), shown(lines.empty() ? "nothing" : lines.front()).c_str());
 }
 
-std::string table_commands(const server_limits& limits) {
-    const unsigned rate = limits.connections_per_minute;
-    return text_format(
-        "table inet norvo_limits {\n"
-        "    chain input {\n"
-        "        type filter hook input priority 10; policy accept;\n"
-        "        tcp dport { %s } tcp flags & (fin|syn|rst|ack) == syn"
-        " limit rate over %u/minute burst %u packets counter reject with tcp reset\n"
-        "    }\n"
-        "}\n",
-        ports_of(limits).c_str(), rate, rate);
-}
-
 bool has_failed_with(const std::string& failure, int error) {
     return failure.find(std::strerror(error)) != std::string::npos;
 }
@@ -60,7 +42,7 @@ bool has_failed_with(const std::string& failure, int error) {
 /// Usually the end of the last server has removed the table. One that is still there is replaced in one step, which
 /// takes three times as long, because nft then waits for a grace period of the kernel.
 std::string limit_connections(const launcher_paths& paths, const server_limits& limits) {
-    const std::string commands = table_commands(limits);
+    const std::string commands = limits_table_commands(limits.connections_per_minute, limited_ports(limits));
     std::string failure = run_nft(paths, create_command + commands);
     if (has_failed_with(failure, EEXIST)) {
         failure = run_nft(paths, delete_command + commands);
@@ -69,6 +51,11 @@ std::string limit_connections(const launcher_paths& paths, const server_limits& 
 }
 
 }  // namespace
+
+std::string limited_ports(const server_limits& limits) {
+    return limits.ports.empty() ? std::string("22")
+                                : joined(std::vector<std::string_view>(limits.ports.begin(), limits.ports.end()));
+}
 
 std::vector<std::string> enforce_limits(const launcher_paths& paths, const server_limits& limits) {
     std::vector<std::string> failures;

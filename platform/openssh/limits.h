@@ -1,18 +1,9 @@
 /// Limits of a server's connections that stock sshd does not support: how many begin in a minute, and how many sessions
 /// are open at a time.
 ///
-/// The packet filter of the VRF's network namespace limits new connections, to all ports of the server and in IPv4 and
-/// IPv6 together:
+/// The packet filter of the VRF's network namespace limits new connections (common/limits_table.h), to all ports of the
+/// server and in IPv4 and IPv6 together.
 ///
-///     table inet norvo_limits {
-///         chain input {
-///             type filter hook input priority 10; policy accept;
-///             tcp dport { 22, 830 } tcp flags & (fin|syn|rst|ack) == syn
-///                 limit rate over 60/minute burst 60 packets counter reject with tcp reset
-///         }
-///     }
-///
-/// The chain comes after those of management-plane protection and of the access lists, so what they drop does not count.
 /// Sessions are counted by the PAM module (aaa_pam/session_limit.h), because only it knows which connections have become
 /// sessions, and because they outlive the server.
 #ifndef OPENSSH_LIMITS_H
@@ -25,6 +16,9 @@
 #include "openssh/server_limits.h"
 
 namespace openssh {
+
+/// The ports to which the limits apply, as nft takes them.
+std::string limited_ports(const server_limits& limits);
 
 /// Sets the limits in this process's network namespace. Returns a sentence for each limit that could not be set; the
 /// server starts nevertheless.

@@ -68,6 +68,8 @@ int main(int count, char** arguments) {
     const openssh::launch_status status = openssh::prepare_launch(paths, options, to, prepared);
     if (status == openssh::launch_ready) {
         prepared.record.not_in_force = openssh::enforce_limits(paths, prepared.limits);
+        prepared.record.connections_per_minute = prepared.limits.connections_per_minute;
+        prepared.record.ports = openssh::limited_ports(prepared.limits);
     }
     for (const std::string& failure : prepared.record.not_in_force) {
         openssh::report(to, openssh::severity::error, failure);

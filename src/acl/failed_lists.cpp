@@ -17,7 +17,7 @@ constexpr size_t text_size = 160;
 
 void report(const vrf_node& node, uint32_t type, enforcement_difference_sink sink, void* sink_context) {
     char subject[acl_subject_size];
-    acl_subject(node, type, subject);
+    acl_subject(node.name, type, subject);
     const char* acl_name = acl_name_of(node, type);
     char text[text_size];
     if (acl_name[0] == '\0') {
@@ -83,6 +83,15 @@ void acl_reload_failed_of(vrf_node* node) {
         } else {
             acl_rules_failed(node, type, load_failure());
         }
+    }
+}
+
+void acl_load_again(vrf_node* node, uint32_t type) {
+    clear_load_failure();
+    if (remove_nft_table(node->name, type) == 0 && create_nft_table(node->name) == 0) {
+        reload(node, type);
+    } else {
+        acl_rules_failed(node, type, load_failure());
     }
 }
 

@@ -26,17 +26,20 @@ struct nft_family {
     const char* flush_format;
     const char* table_format;
     const char* drop_format;
+    const char* delete_format;
 };
 
 constexpr nft_family ipv4_family = {
     "flush table ip %s\n\n",
     "table ip %s {\n",
     "        ip saddr & 0.0.0.0 == 0.0.0.0 ip daddr & 0.0.0.0 == 0.0.0.0  tcp dport %d drop\n",
+    "delete table ip %s\n",
 };
 constexpr nft_family ipv6_family = {
     "flush table ip6 %s\n\n",
     "table ip6 %s {\n",
     "        ip6 saddr & :: == :: ip6 daddr & :: == :: tcp dport %d drop\n",
+    "delete table ip6 %s\n",
 };
 
 struct nft_table {
@@ -258,6 +261,22 @@ int create_nft_table(const char* vrf_name) {
     const int result = written ? ssh_apply_acl(vrf_name, acl_all) : report_unwritten_file();
     fclose(stream);
     return result;
+}
+
+const char* nft_table_name(uint32_t type) {
+    return tables[type].name;
+}
+
+int remove_nft_table(const char* vrf_name, uint32_t type) {
+    FILE* stream = nullptr;
+    if (create_nft_file(vrf_name, &stream, type) != 0) {
+        return -1;
+    }
+    // A table that does not exist cannot be deleted.
+    write_table_declaration(type, stream);
+    fprintf(stream, tables[type].family->delete_format, tables[type].name);
+    const bool written = fclose(stream) == 0;
+    return written ? ssh_apply_acl(vrf_name, type) : report_unwritten_file();
 }
 
 int ssh_flush_nft_table(const char* vrf_name, uint32_t type) {

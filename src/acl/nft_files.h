@@ -39,6 +39,12 @@ int ssh_apply_acl(const char* vrf_name, uint32_t type);
 /// Declares the VRF's four tables, so that later files may begin by flushing one. Returns 0 or -1.
 int create_nft_table(const char* vrf_name);
 
+/// The name of a type's table (types 0 to 3).
+const char* nft_table_name(uint32_t type);
+
+/// Removes the table of a type (0 to 3) with everything that anybody has put into it. Returns 0 or -1.
+int remove_nft_table(const char* vrf_name, uint32_t type);
+
 /// Removes the rules of one table (types 0 to 3) or of all (4); the tables stay. Returns 0 or -1.
 int ssh_flush_nft_table(const char* vrf_name, uint32_t type);
 

@@ -64,16 +64,6 @@ int edit_file(const config_update& update, const char* file, uint32_t* change) {
     return update.editor(file, update.keyword, deletes(update.event) ? 0 : 1, new_line, change);
 }
 
-/// Reports to the platform that the file is not as configured. Returns -1; leaves errno alone.
-int report_file(const char* path) {
-    const int error = errno;
-    char subject[PATH_MAX + sizeof "file "];
-    format_text(subject, sizeof subject, "file %s", path);
-    enforcement_failed(subject, platform_status_text(static_cast<platform_status>(error)));
-    errno = error;
-    return -1;
-}
-
 /// The result of recreating a missing file, which counts as a change.
 int remade(int result, uint32_t* change) {
     *change = result == 0 ? 1 : *change;
@@ -86,7 +76,7 @@ int edit_default_file(const config_update& update, uint32_t* change) {
         debug_print("default config file not present, will be recreating");
         result = remade(default_config_file_recreate(), change);
     }
-    return result == 0 ? 0 : report_file(paths::server_file);
+    return result == 0 ? 0 : report_file_not_in_force(paths::server_file);
 }
 
 int edit_vrf_file(const config_update& update, const char* vrf_name, uint32_t* change) {
@@ -96,7 +86,7 @@ int edit_vrf_file(const config_update& update, const char* vrf_name, uint32_t* c
     if (result != 0 && errno == ENOENT) {
         result = remade(vrf_config_file_recreate(vrf_name), change);
     }
-    return result == 0 ? 0 : report_file(path);
+    return result == 0 ? 0 : report_file_not_in_force(path);
 }
 
 void restart_server(const char* vrf_name, uint32_t start) {
@@ -150,7 +140,7 @@ int edit_vrf_files(const config_update& update) {
         return 0;
     }
     if (begin_restart_walk() != 0) {
-        return report_file(paths::restart_record);
+        return report_file_not_in_force(paths::restart_record);
     }
     const int result = walk_vrf_files(update);
     const int error = errno;
@@ -172,6 +162,15 @@ int update_server_files(const config_update& update) {
 
 }  // namespace
 
+int report_file_not_in_force(const char* path) {
+    const int error = errno;
+    char subject[PATH_MAX + sizeof "file "];
+    format_text(subject, sizeof subject, "file %s", path);
+    enforcement_failed(subject, platform_status_text(static_cast<platform_status>(error)));
+    errno = error;
+    return -1;
+}
+
 int update_config_files_restart(uint32_t event, const char* keyword, const char* value, uint32_t allvrf) {
     debug_print("%s, event:=%d, code:=%s, val:=%s, allvrf:=%d", __func__, event, keyword, shown(value), allvrf);
     return update_server_files({edit_one_line, event, keyword, value, allvrf});
@@ -187,7 +186,7 @@ void update_client_config_file(uint32_t event, const char* keyword, const char* 
     debug_print("%s, event:=%d, code:=%s, val:=%s", __func__, event, keyword, shown(value));
     if (file_exists(paths::client_file) != 1 &&
         create_file_in_dir(paths::configuration_directory, paths::client_file) != 0) {
-        report_file(paths::client_file);
+        report_file_not_in_force(paths::client_file);
         return;
     }
     // No server needs a restart: clients read the file when they start.
@@ -199,7 +198,7 @@ void update_client_config_file(uint32_t event, const char* keyword, const char* 
         new_line = buffer;
     }
     if (update_string_in_file(paths::client_file, keyword, deletes(event) ? 0 : 1, new_line, &change) != 0) {
-        report_file(paths::client_file);
+        report_file_not_in_force(paths::client_file);
     }
 }
 

@@ -25,4 +25,7 @@ int update_vrf_config_file(uint32_t event, const char* vrf_name, const char* key
 /// Removes a VRF's file; a failure is only traced.
 void delete_vrf_config_file(const char* vrf_name);
 
+/// Reports to the platform that a file is not as configured, with errno as the reason. Returns -1; errno stays.
+int report_file_not_in_force(const char* path);
+
 #endif

@@ -208,8 +208,24 @@ std::vector<std::string> differing_keywords(std::span<const setting_kind> kinds,
     return keywords;
 }
 
+/// Removes the ports from a file, each of which the editor wants to have named. Returns 0, or -1 with errno.
+int remove_ports(const char* path) {
+    file_values present;
+    int result = read_file_values(path, &present);
+    for (std::string& line : present.own_lines) {
+        uint32_t change = 0;
+        if (result == 0 && begins_with(line.c_str(), own_keyword)) {
+            result = update_string_in_file(path, own_keyword, 0, line.data(), &change);
+        }
+    }
+    return result;
+}
+
 /// Writes the line of a keyword into a file, or removes it. A keyword without a row is removed.
 int write_line_again(std::span<const setting_kind> kinds, const char* path, const std::string& keyword) {
+    if (keyword == own_keyword) {
+        return remove_ports(path);
+    }
     const setting_kind* kind = kind_of(kinds, keyword);
     char buffer[setting_text_size];
     const char* text = kind != nullptr ? wanted_text(*kind, buffer) : nullptr;

@@ -24,6 +24,8 @@ inline constexpr char restart_record_temporary[] = "/run/.norvossh_restart_recor
 // Banners.
 inline constexpr char banner_file[] = "/var/opt/norvo/norvossh/banner";
 inline constexpr char aaa_banner_file[] = "/etc/motd";
+// Exists while the message of the day is the agent's.
+inline constexpr char aaa_banner_record[] = "/var/opt/norvo/norvossh/aaa_banner_is_in_motd";
 
 // Authentication.
 inline constexpr char pam_directory[] = "/etc/pam.d/";

@@ -80,7 +80,8 @@ int report_write_failure(const banner_target& target, const char* format) {
     const int error = errno;
     debug_print(format, platform_status_text(error), error);
     trace_error(host_trace_banner_write, {target.path, "a", error});
-    return -1;
+    errno = error;
+    return report_file_not_in_force(target.path);
 }
 
 int append_line(const banner_target& target, const char* text) {
@@ -100,6 +101,7 @@ int append_line(const banner_target& target, const char* text) {
 void remove_file(const banner_target& target) {
     if (file_exists(target.path) == 1 && std::remove(target.path) != 0) {
         trace_error(host_trace_banner_remove, {target.path, errno});
+        report_file_not_in_force(target.path);
     }
 }
 
@@ -200,6 +202,18 @@ std::string text_of_banners(const banners& texts) {
     return text;
 }
 
+/// Remembers, across the death of the process, whether the message of the day is an AAA banner: called before it is written
+/// and after it was removed.
+void record_aaa_banner(bool is_written) {
+    const bool is_recorded = file_exists(paths::aaa_banner_record) == 1;
+    if (is_written && !is_recorded &&
+        create_file_in_dir(paths::configuration_directory, paths::aaa_banner_record) != 0) {
+        report_file_not_in_force(paths::aaa_banner_record);
+    } else if (!is_written && is_recorded && file_exists(paths::aaa_banner_file) != 1) {
+        std::remove(paths::aaa_banner_record);
+    }
+}
+
 banner_text fetch_aaa_banner() {
     return without_delimiters(present(banner_service_aaa()));
 }
@@ -238,10 +252,9 @@ void aaa_banner_config_handler(const datastore_notification* notification, void*
     debug_print("aaa banner config notified");
     trace_event(host_trace_aaa_banner_notified, {notification->item, notification->event});
     remove_file(aaa_target);
-    if ((notification->event & DATASTORE_EVENT_DELETE) != 0) {
-        return;
-    }
-    const banner_text text = fetch_aaa_banner();
+    const bool is_deleted = (notification->event & DATASTORE_EVENT_DELETE) != 0;
+    const banner_text text = is_deleted ? nullptr : fetch_aaa_banner();
+    record_aaa_banner(text != nullptr);
     if (!text) {
         return;
     }
@@ -263,14 +276,24 @@ void apply_present_banners() {
     }
 }
 
-bool banner_file_is_current() {
+const char* banner_file_difference() {
     const std::string text = text_of_banners(fetch_banners());
-    return text.empty() || holds_text(paths::banner_file, text);
+    if (text.empty()) {
+        // A file without text is what the removal of the last banner leaves.
+        return file_exists(paths::banner_file) == 1 && !holds_text(paths::banner_file, text)
+                   ? "has a text, but no banner is configured"
+                   : nullptr;
+    }
+    return holds_text(paths::banner_file, text) ? nullptr : "is missing or differs";
 }
 
-bool aaa_banner_file_is_current() {
+const char* aaa_banner_file_difference() {
     const banner_text text = fetch_aaa_banner();
-    return !text || holds_text(paths::aaa_banner_file, text.get() + std::string("\n"));
+    if (!text) {
+        return file_exists(paths::aaa_banner_record) == 1 ? "has the text of an AAA banner that is no longer configured"
+                                                          : nullptr;
+    }
+    return holds_text(paths::aaa_banner_file, text.get() + std::string("\n")) ? nullptr : "is missing or differs";
 }
 
 void write_banner_file_again() {
@@ -283,6 +306,7 @@ void write_banner_file_again() {
 void write_aaa_banner_file_again() {
     const banner_text text = fetch_aaa_banner();
     remove_file(aaa_target);
+    record_aaa_banner(text != nullptr);
     if (text && create_file_in_dir(aaa_target.directory, aaa_target.path) == 0) {
         writeToAaaBanner(text.get());
     }

@@ -31,12 +31,12 @@ void aaa_banner_config_handler(const datastore_notification* notification, void*
 /// file is touched.
 void apply_present_banners();
 
-/// Whether the banner file, or the message of the day, holds the configured text. Without one any content is right. May
-/// throw std::bad_alloc.
-bool banner_file_is_current();
-bool aaa_banner_file_is_current();
+/// What is wrong with the banner file, or with the message of the day; null if nothing is. Without an AAA banner a message
+/// of the day that the agent has not written is right, because it is the machine's own. May throw std::bad_alloc.
+const char* banner_file_difference();
+const char* aaa_banner_file_difference();
 
-/// Build the file again. Unlike the handlers, they return if it cannot be created.
+/// Build the file again, or remove it. Unlike the handlers, they return if it cannot be created.
 void write_banner_file_again();
 void write_aaa_banner_file_again();
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "config_files/config_writer.h"
 #include "config_files/files.h"
 #include "core/agent_state.h"
 #include "core/debug.h"
@@ -40,6 +41,8 @@ void report_unwritten(int error) {
     debug_print("Failed to open file:=%s,error:=%s(0x%lx)", paths::pam_file, platform_status_text(error),
                 static_cast<unsigned long>(error));
     trace_error(host_trace_pam_file, {paths::pam_file, "w", error});
+    errno = error;
+    report_file_not_in_force(paths::pam_file);
 }
 
 /// Returns 0, or -1 with errno set.
@@ -138,10 +141,7 @@ void restore_watch() {
 }  // namespace
 
 // Renamed into place, so that neither a login nor a restarted agent ever reads a partial file.
-void write_pam_file() {
-    if (file_exists(paths::pam_file) == 1) {
-        return;
-    }
+void write_pam_file_again() {
     FILE* file = std::fopen(paths::pam_temporary_file, "we");
     if (file == nullptr) {
         report_unwritten(errno);
@@ -153,8 +153,30 @@ void write_pam_file() {
     }
 }
 
-bool pam_file_is_current() {
+void write_pam_file() {
+    if (!pam_file_exists()) {
+        write_pam_file_again();
+    }
+}
+
+bool pam_file_exists() {
     return file_exists(paths::pam_file) == 1;
+}
+
+const char* pam_file_difference() {
+    FILE* file = std::fopen(paths::pam_file, "re");
+    if (file == nullptr) {
+        return "is missing";
+    }
+    bool is_same = true;
+    for (const char* piece : pieces) {
+        for (; *piece != '\0' && is_same; ++piece) {
+            is_same = std::fgetc(file) == *piece;
+        }
+    }
+    is_same = is_same && std::fgetc(file) == EOF;
+    std::fclose(file);
+    return is_same ? nullptr : "differs from the agent's";
 }
 
 int create_pam_inotify() {

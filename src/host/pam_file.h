@@ -7,8 +7,13 @@
 /// Writes the file if it does not exist. An existing file is left alone, whatever its content. Failures are logged.
 void write_pam_file();
 
-/// Whether the file exists.
-bool pam_file_is_current();
+/// Writes the file, also in place of one with another content. Failures are logged.
+void write_pam_file_again();
+
+bool pam_file_exists();
+
+/// "is missing", "differs from the agent's", or null.
+const char* pam_file_difference();
 
 /// Creates the inotify instance in agent_handles.pam_inotify. Returns 0, or -1 with errno set.
 int create_pam_inotify();

@@ -51,6 +51,17 @@ constexpr table_file default_file = {paths::server_file, wanted_server_settings,
 constexpr table_file client_file = {paths::client_file, wanted_client_settings, differing_client_keywords,
                                     write_client_line_again, make_client_file};
 
+/// Only VRFs' files have ports and a NETCONF subsystem. In the client's file a port would redirect every connection.
+void add_foreign_lines(const vrf_lines& lines, std::vector<std::string>& keywords) {
+    for (const std::string& line : lines) {
+        const std::string keyword = line.substr(0, line.find_first_of(" \t="));
+        const std::string named = keyword == "Subsystem" ? "Subsystem netconf" : keyword;
+        if (std::ranges::find(keywords, named) == keywords.end()) {
+            keywords.push_back(named);
+        }
+    }
+}
+
 /// The keywords in which the file differs. Returns 0, or -1 with errno if it cannot be read.
 int find_differences(const table_file& file, std::vector<std::string>* keywords) {
     file_values present;
@@ -58,6 +69,7 @@ int find_differences(const table_file& file, std::vector<std::string>* keywords)
         return -1;
     }
     *keywords = file.differing(file.wanted(), present.settings);
+    add_foreign_lines(present.own_lines, *keywords);
     return 0;
 }
 
@@ -80,6 +92,15 @@ int write_lines_again(const table_file& file, std::vector<std::string> keywords,
     return 0;
 }
 
+/// For lines that the line editor does not find because of their blanks. Returns as above.
+int write_file_again(const table_file& file, std::string* reason) {
+    std::vector<std::string> keywords;
+    if (file.make_again() != 0 || find_differences(file, &keywords) != 0) {
+        return -1;
+    }
+    return write_lines_again(file, keywords, reason);
+}
+
 bool compare_table_file(comparison& run, const table_file& file) {
     std::vector<std::string> keywords;
     const std::string subject = file_subject(file.path);
@@ -97,7 +118,7 @@ bool compare_table_file(comparison& run, const table_file& file) {
         return false;
     }
     std::string reason;
-    if (write_lines_again(file, keywords, &reason) != 0) {
+    if (write_lines_again(file, keywords, &reason) != 0 && write_file_again(file, &reason) != 0) {
         not_removed(run, subject, reason);
         return false;
     }
@@ -153,6 +174,10 @@ bool compare_default_file(comparison& run) {
 
 void compare_client_file(comparison& run) {
     compare_table_file(run, client_file);
+}
+
+std::string server_file_difference(const vrf_node& node, const char* path) {
+    return vrf_file_difference(node, path, wanted_server_settings());
 }
 
 void compare_vrf_files(comparison& run) {

@@ -12,7 +12,9 @@ struct comparison {
     bool repair;
     enforcement_difference_sink sink;
     void* sink_context;
-    int remaining = 0;  ///< remaining differences
+    bool at_start = false;    ///< the configuration has just been applied by this process
+    bool on_request = false;  ///< an operator asks, also about what an administrator may have changed on purpose
+    int remaining = 0;        ///< remaining differences
 };
 
 /// Reports a difference. Returns whether the caller should remove it; if not, it remains.

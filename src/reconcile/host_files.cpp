@@ -11,14 +11,28 @@ namespace {
 /// A file that belongs to the machine rather than to a server.
 struct host_file {
     const char* path;
-    bool (*is_current)();
+    const char* (*difference)(const comparison& run);  ///< null if there is none
     void (*write_again)();
 };
 
+/// An administrator may have a PAM file of their own, which only an operator's request replaces.
+const char* pam_difference(const comparison& run) {
+    const char* difference = pam_file_difference();
+    return run.on_request || !pam_file_exists() ? difference : nullptr;
+}
+
+const char* banner_difference(const comparison& /*run*/) {
+    return banner_file_difference();
+}
+
+const char* aaa_banner_difference(const comparison& /*run*/) {
+    return aaa_banner_file_difference();
+}
+
 constexpr host_file files[] = {
-    {paths::pam_file, pam_file_is_current, write_pam_file},
-    {paths::banner_file, banner_file_is_current, write_banner_file_again},
-    {paths::aaa_banner_file, aaa_banner_file_is_current, write_aaa_banner_file_again},
+    {paths::pam_file, pam_difference, write_pam_file_again},
+    {paths::banner_file, banner_difference, write_banner_file_again},
+    {paths::aaa_banner_file, aaa_banner_difference, write_aaa_banner_file_again},
 };
 
 }  // namespace
@@ -26,12 +40,13 @@ constexpr host_file files[] = {
 void compare_host_files(comparison& run) {
     for (const host_file& file : files) {
         const std::string subject = std::string("file ") + file.path;
-        if (file.is_current() || !found(run, subject, "is missing or differs")) {
+        const char* difference = file.difference(run);
+        if (difference == nullptr || !found(run, subject, difference)) {
             continue;
         }
         file.write_again();
-        if (!file.is_current()) {
-            not_removed(run, subject, "cannot be written");
+        if (file.difference(run) != nullptr) {
+            not_removed(run, subject, "it cannot be written");
         }
     }
 }

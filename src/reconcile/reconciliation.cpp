@@ -7,6 +7,7 @@
 #include "core/log.h"
 #include "core/shell_command.h"
 #include "core/trace.h"
+#include "reconcile/access_rules.h"
 #include "reconcile/configuration_files.h"
 #include "reconcile/findings.h"
 #include "reconcile/host_files.h"
@@ -28,16 +29,15 @@ int compare_everything(comparison& run) {
         return -1;
     }
     run.remaining += acl_reload_failed(run.repair ? 1 : 0, run.sink, run.sink_context);
+    compare_access_rules(run);
     if (run.repair && run.remaining == 0) {
         drop_earlier_restarts();
     }
     return run.remaining;
 }
 
-}  // namespace
-
-int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void*) {
-    comparison run{repair != 0, sink, sink_context};
+/// Returns the number of differences left, or -1.
+int run_comparison(comparison& run) {
     int remaining = -1;
     begin_command_group();
     try {
@@ -46,14 +46,24 @@ int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_cont
         log_error("Out of memory while comparing the configuration with the machine");
     }
     end_command_group();
-    trace_event(reconcile_trace_compared, {repair, remaining});
+    trace_event(reconcile_trace_compared, {run.repair ? 1 : 0, remaining});
     return remaining;
+}
+
+}  // namespace
+
+int reconcile(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void*) {
+    constexpr uint32_t automatic_repair = 1;
+    comparison run{repair != 0, sink, sink_context};
+    run.on_request = repair != automatic_repair;
+    return run_comparison(run);
 }
 
 void reconcile_at_start() {
     constexpr enforcement_callbacks callbacks = {reconcile};
     const auto nobody = [](const char*, const char*, void*) {};
-    if (reconcile(1, nobody, nullptr, nullptr) < 0) {
+    comparison run{true, nobody, nullptr, true};
+    if (run_comparison(run) < 0) {
         enforcement_failed("servers", "their states cannot be read");
     }
     const platform_status status = enforcement_register(&callbacks, nullptr);

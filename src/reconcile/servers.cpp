@@ -12,6 +12,8 @@
 #include "config_files/vrf_node.h"
 #include "core/log.h"
 #include "core/paths.h"
+#include "platform/server_process.h"
+#include "reconcile/configuration_files.h"
 #include "vrf/server_changes.h"
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
@@ -34,6 +36,17 @@ bool runs_elsewhere(const vrf_node& node, int32_t process) {
            (wanted.st_ino != present.st_ino || wanted.st_dev != present.st_dev);
 }
 
+/// Why what the process was started with is not what is configured; empty if it is.
+std::string difference_of_process(const vrf_node& node, int32_t process) {
+    server_process_report report;
+    server_process_examine(node.name, process, &report);
+    if (report.difference[0] != '\0' || report.file[0] == '\0') {
+        return report.difference;
+    }
+    const std::string difference = server_file_difference(node, report.file);
+    return difference.empty() ? "" : "was started with a file that " + difference;
+}
+
 /// Why the server must be restarted; empty if it need not be.
 std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
     if (unit == nullptr || !is_running(*unit)) {
@@ -48,18 +61,20 @@ std::string reason_to_restart(const vrf_node& node, const unit_state* unit) {
     if (restart_is_due(node.name, unit->started)) {
         return "was started before its file was last changed";
     }
-    return "";
+    return difference_of_process(node, unit->main_process);
 }
 
-/// Rewrites the unit of a VRF if it differs. Returns whether it exists now.
-bool compare_unit(comparison& run, const vrf_node& node) {
+/// Rewrites the unit of a VRF if it differs. Returns false if that fails.
+bool compare_unit(comparison& run, const vrf_node& node, const unit_state* unit) {
     const std::string namespace_name = vrf_namespace_prefix + std::string(node.name);
-    if (sshd_service_config_file_is_current(namespace_name.c_str())) {
+    const bool is_current = sshd_service_config_file_is_current(namespace_name.c_str());
+    const bool is_read = unit == nullptr || !unit->needs_reload || unit_reload_is_due();
+    if (is_current && is_read) {
         return true;
     }
     const std::string subject = "unit " + std::string(node.name);
-    if (!found(run, subject, "is missing or differs")) {
-        return false;
+    if (!found(run, subject, is_current ? "systemd has not read its present file" : "is missing or differs")) {
+        return true;
     }
     if (create_sshd_service_config_file(namespace_name.c_str()) != 0) {
         not_removed(run, subject, "cannot be written");
@@ -70,7 +85,7 @@ bool compare_unit(comparison& run, const vrf_node& node) {
 
 /// Restarts the server of a VRF if necessary. Returns whether it tried.
 bool compare_server(comparison& run, vrf_node& node, const unit_state* unit) {
-    if (!compare_unit(run, node)) {
+    if (!compare_unit(run, node, unit)) {
         return false;
     }
     const std::string reason = reason_to_restart(node, unit);

@@ -69,7 +69,7 @@ void unblock(vrf_node* node, uint32_t type) {
 
 void report_restored(const vrf_node& node, uint32_t type) {
     char subject[acl_subject_size];
-    acl_subject(node, type, subject);
+    acl_subject(node.name, type, subject);
     enforcement_restored(subject);
 }
 
@@ -81,8 +81,8 @@ void report_missing(vrf_node* node, uint32_t type) {
 
 }  // namespace
 
-void acl_subject(const vrf_node& node, uint32_t type, char (&subject)[acl_subject_size]) {
-    format_text(subject, sizeof subject, "rules %s %s", node.name, rows[type].text);
+void acl_subject(const char* vrf_name, uint32_t type, char (&subject)[acl_subject_size]) {
+    format_text(subject, sizeof subject, "rules %s %s", vrf_name, rows[type].text);
 }
 
 const char* acl_name_of(const vrf_node& node, uint32_t type) {
@@ -132,7 +132,7 @@ void acl_rules_failed(vrf_node* node, uint32_t type, const char* reason) {
     const errno_keeper keeper;
     node->failed_acls |= bit_of(type);
     char subject[acl_subject_size];
-    acl_subject(*node, type, subject);
+    acl_subject(node->name, type, subject);
     enforcement_failed(subject, reason);
 }
 

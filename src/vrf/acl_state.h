@@ -14,7 +14,7 @@
 inline constexpr size_t acl_subject_size = 64;
 
 /// The name under which the rules of a type are reported: "rules VRF ssh ipv4".
-void acl_subject(const vrf_node& node, uint32_t type, char (&subject)[acl_subject_size]);
+void acl_subject(const char* vrf_name, uint32_t type, char (&subject)[acl_subject_size]);
 
 /// The name that the node has for its list of a type (0 to 3); empty if there is none.
 const char* acl_name_of(const vrf_node& node, uint32_t type);

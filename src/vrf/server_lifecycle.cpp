@@ -17,6 +17,7 @@
 #include "core/paths.h"
 #include "core/shell_command.h"
 #include "core/text.h"
+#include "platform/enforcement.h"
 #include "vrf/protection.h"
 #include "vrf/server_changes.h"
 #include "vrf/server_outcome.h"
@@ -135,6 +136,13 @@ int probe_server(const char* vrf_name, bool* active) {
     return 0;
 }
 
+/// Reports to the platform that a VRF's file is not as configured.
+void report_uncopied_file(const char* path) {
+    char subject[PATH_MAX + sizeof "file "];
+    format_text(subject, sizeof subject, "file %s", path);
+    enforcement_failed(subject, "cannot be made from the default file");
+}
+
 int copy_default_file(const char* vrf_name, const char* path, uint32_t* change) {
     if (note_file_change(path) != 0 || copy_file(paths::server_file, path) != 0) {
         const int error = errno;
@@ -142,6 +150,7 @@ int copy_default_file(const char* vrf_name, const char* path, uint32_t* change) 
                     vrf_name);
         log_status(ERR_ERRNO, error, "Failed to copy config file");
         trace_error(vrf_trace_copy, {vrf_name, error});
+        report_uncopied_file(path);
         return -1;
     }
     *change = 1;
@@ -227,7 +236,9 @@ int prepare_vrf_file(const char* vrf_name, int add_line, const char* keyword, co
         char line[line_size];
         format_text(line, sizeof line, "%s %s", keyword, value);
         // The editor has logged the failure. It is better to start the server without this line than not at all.
-        update_string_in_file(path, keyword, 1, line, change);
+        if (update_string_in_file(path, keyword, 1, line, change) != 0) {
+            report_file_not_in_force(path);
+        }
     }
     return 0;
 }

@@ -11,6 +11,7 @@
 #include "core/debug.h"
 #include "core/paths.h"
 #include "core/text.h"
+#include "platform/enforcement.h"
 #include "platform/vrf_table.h"
 #include "vrf/server_changes.h"
 #include "vrf/shell_command.h"
@@ -20,6 +21,7 @@
 namespace {
 
 constexpr size_t file_text_size = 4096;
+constexpr size_t report_size = 512;
 constexpr mode_t file_mode = 0644;
 constexpr char file_mode_text[] = "0644";
 
@@ -130,6 +132,7 @@ int overwrite_file(const char* routine, const char* path, const char* text, size
         debug_print(reports.write_failed, routine, path, file_mode_text, platform_status_text(error), error);
         trace_error(reports.write_point, {path, reports.traced_mode, error});
         close(fd);
+        errno = error;
         return -1;
     }
     close(fd);
@@ -176,6 +179,18 @@ bool is_current(const unit_file& file) {
     return length == file.length && std::memcmp(text, file.text, length) == 0;
 }
 
+/// Reports to the platform that the unit is not as configured. Returns -1; errno stays.
+int report_unit(const char* vrf_name, const char* what, const char* reason) {
+    const int error = errno;
+    char subject[report_size];
+    char text[report_size];
+    format_text(subject, sizeof subject, "unit %s", vrf_name);
+    format_text(text, sizeof text, "%s: %s", what, reason);
+    enforcement_failed(subject, text);
+    errno = error;
+    return -1;
+}
+
 void remove_file(const char* path) {
     if (std::remove(path) != 0) {
         trace_error(vrf_trace_unit_remove, {path, errno});
@@ -202,12 +217,12 @@ int create_sshd_service_config_file(const char* prefixed_name) {
     if (status != PLATFORM_OK) {
         debug_print("Vrf-name:=%s, Failed to get the vrf id, Error:= %s", vrf_name, platform_status_text(status));
         trace_error(vrf_trace_vrf_id, {vrf_name, status});
-        return -1;
+        return report_unit(vrf_name, "the number of the VRF is unknown", platform_status_text(status));
     }
     debug_print("%s - vrf-name:=%s, vrfid = %u", __func__, vrf_name, vrf_id);
     if (write_file(__func__, make_unit(vrf_name), unit_reports) != 0 ||
         write_file(__func__, make_environment(vrf_name, vrf_id), environment_reports) != 0) {
-        return -1;
+        return report_unit(vrf_name, "its files cannot be written", std::strerror(errno));
     }
     if (put_off_unit_reload()) {
         return 0;
@@ -216,7 +231,7 @@ int create_sshd_service_config_file(const char* prefixed_name) {
         const int error = errno;
         debug_print("Error:=%s(0x%x), Failed to reload systemctl ", platform_status_text(error), error);
         trace_error(vrf_trace_daemon_reload, {vrf_name, error});
-        return -1;
+        return report_unit(vrf_name, "systemctl daemon-reload failed", platform_status_text(error));
     }
     return 0;
 }

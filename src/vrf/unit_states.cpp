@@ -13,7 +13,8 @@
 
 namespace {
 
-constexpr char query[] = "systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic ";
+constexpr char query[] =
+    "systemctl show --property=Id,ActiveState,MainPID,NeedDaemonReload,ExecMainStartTimestampMonotonic ";
 constexpr char all_units[] = "'sshd_service_*'";
 /// Listing units takes milliseconds. If it hangs, every systemctl does.
 constexpr command_limit listing_of_units = {10'000, true};
@@ -45,6 +46,8 @@ void take_line(std::vector<unit_state>& units, unit_state& unit, const char* lin
         unit.active_state = state;
     } else if (const char* process = value_in(line, "MainPID=")) {
         unit.main_process = std::atoi(process);
+    } else if (const char* reload = value_in(line, "NeedDaemonReload=")) {
+        unit.needs_reload = std::strcmp(reload, "yes") == 0;
     } else if (const char* started = value_in(line, "ExecMainStartTimestampMonotonic=")) {
         unit.started = std::strtoull(started, nullptr, 10);
     }

@@ -8,9 +8,10 @@
 
 struct unit_state {
     std::string vrf_name;
-    std::string active_state;  ///< systemctl(1), ActiveState: "active", "failed", ...
-    int32_t main_process;      ///< 0 if there is none
-    uint64_t started;          ///< CLOCK_MONOTONIC in microseconds; UINT64_MAX if unknown
+    std::string active_state;   ///< systemctl(1), ActiveState: "active", "failed", ...
+    int32_t main_process;       ///< 0 if there is none
+    uint64_t started;           ///< CLOCK_MONOTONIC in microseconds; UINT64_MAX if unknown
+    bool needs_reload = false;  ///< systemd has not read the unit's present file
 };
 
 /// Whether the server is running. One that systemd keeps restarting is not.

@@ -288,6 +288,14 @@ progress start_new_server(const server_kind& kind, vrf_node* node, bool new_node
     return progress::ready;
 }
 
+/// Some failures have been reported for the file or the unit they concern; none must go unreported.
+void report_unprepared_server(const vrf_node& node) {
+    constexpr size_t subject_size = sizeof "server " + vrf_name_size;
+    char subject[subject_size];
+    format_text(subject, sizeof subject, "server %s", node.name);
+    enforcement_failed(subject, "it could not be set up completely; the journal says why");
+}
+
 /// Applies a new item to its node. Even if that fails, its lists are loaded or their ports stay closed: an earlier server
 /// may still be running, and one that could not be started may be started later.
 void start_service(const server_kind& kind, const vrf_request& request, vrf_node* node, bool new_node) {
@@ -298,6 +306,9 @@ void start_service(const server_kind& kind, const vrf_request& request, vrf_node
     store_list_name(node, kind.v4, request.v4_acl);
     store_list_name(node, kind.v6, request.v6_acl);
     progress reached = start_new_server(kind, node, new_node);
+    if (reached == progress::failed) {
+        report_unprepared_server(*node);
+    }
     if (reached != progress::ready) {
         reload_acls(node);
     } else if (attach_given_lists(kind, request, node) != 0) {

@@ -473,3 +473,15 @@ def test_servers_start_again_when_the_agent_is_restarted(server):
     router.restart_agent()
     router.wait_for_server("red")
     assert ssh("red", "whoami").stdout == "operator\n"
+
+
+def test_a_change_after_a_reload_starts_no_stopped_server(server, after_reload):
+    server("red")
+    assert reload()[0].returncode == 0
+    router.set_item("cmn/timeout", 77)
+    assert not router.is_active(router.server_unit("red"))
+    assert router.run("ssh_cfg_ctl", "repair").returncode == 0
+    assert not router.is_active(router.server_unit("red"))
+    router.restart_agent()
+    router.wait_for_server("red")
+    assert any(line.split() == ["LoginGraceTime", "77"] for line in router.server_lines("red"))

@@ -37,3 +37,14 @@ def test_the_default_server_starts_although_its_namespace_was_detached_in_betwee
     router.run("ip", "netns", "attach", "vrf-default", "1")
     router.set_item(DEFAULT, True)
     router.wait_for_server("default")
+
+
+def test_a_deleted_default_server_stops_although_its_default_file_was_missing():
+    router.set_item(DEFAULT, True)
+    router.wait_for_server("default")
+    (router.FILES / "sshd_config").unlink()
+    router.set_item("cmn/timeout", 77)
+    assert any(line.split() == ["LoginGraceTime", "77"] for line in router.server_lines("default"))
+    router.delete_item(DEFAULT)
+    router.wait_until(lambda: not router.port_answers("default"), what="the server stops")
+    assert not router.is_active(router.server_unit("default"))

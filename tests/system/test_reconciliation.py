@@ -183,6 +183,78 @@ def test_a_full_disk_is_reported_and_repaired(server, full_disk):
     assert_in_force(["red"], 77)
 
 
+def test_a_start_on_a_full_disk_is_reported_and_repaired(server, full_disk, journal):
+    server("red")
+    before = router.server_lines()
+    filler = full_disk()
+    router.run("systemctl", "restart", router.AGENT, timeout=120)
+    router.wait_until(router.agent_answers, what="the agent answers")
+    assert router.run("ssh_cfg_ctl", "status", "--check", check=False).returncode == 1
+    file = router.FILES / "sshd_config"
+    assert f"file {file}" in router.run("ssh_cfg_ctl", "verify", check=False).stdout
+    journal.wait_for(f"Not in force: file {file}", router.AGENT)
+    filler.unlink()
+    router.wait_until(lambda: router.run("ssh_cfg_ctl", "verify", check=False).returncode == 0, 90, "repaired")
+    assert sorted(router.server_lines()) == sorted(before)
+
+
+def test_a_restart_rebuilds_the_default_and_the_client_file(server):
+    server("red")
+    router.set_item("cmn/timeout", 77)
+    files = [router.FILES / name for name in ("sshd_config", "ssh_config")]
+    before = [sorted(file.read_text().splitlines()) for file in files]
+    for file in files:
+        file.write_text("# nothing else\n")
+    router.restart_agent()
+    assert [sorted(file.read_text().splitlines()) for file in files] == before
+    assert_in_force(["red"], 77)
+
+
+@pytest.fixture
+def small_datastore():
+    """Moves the datastore to a small disk of its own and returns the function that fills it."""
+    folder = router.pathlib.Path("/var/lib/ssh_cfg_agent")
+    copy = router.pathlib.Path("/run/datastore")
+    filler = folder / "filler"
+    router.run("systemctl", "stop", router.AGENT)
+    router.run("cp", "-a", folder, copy)
+    router.run("mount", "-t", "tmpfs", "-o", "size=1m,mode=0700", "tmpfs", folder)
+    router.run("cp", "-a", f"{copy}/.", folder)
+    router.run("systemctl", "start", router.AGENT)
+    router.wait_for_agent()
+
+    def fill():
+        router.run("sh", "-c", f"cat /dev/zero > {filler}", check=False)
+        return filler
+
+    yield fill
+    filler.unlink(missing_ok=True)
+    router.run("systemctl", "stop", router.AGENT)
+    router.run("umount", folder)
+    shutil.rmtree(copy)
+    router.run("systemctl", "start", router.AGENT)
+    router.wait_for_agent()
+
+
+def test_without_space_for_the_datastore_a_commit_is_refused(server, small_datastore):
+    server("red")
+    filler = small_datastore()
+    stored = None
+    for seconds in range(40, 90):
+        result = router.run("ssh_cfg_ctl", "set", TIMEOUT, seconds, check=False)
+        if result.returncode != 0:
+            break
+        stored = seconds
+    assert result.returncode == 1, "the last free page is full at some time"
+    assert "full" in result.stderr
+    found = router.ctl("get", TIMEOUT, check=False)
+    assert (json.loads(found.stdout) if found.returncode == 0 else None) == stored
+    assert file_value(router.FILES / "sshd_config", "LoginGraceTime") == str(stored or 30)
+    filler.unlink()
+    router.set_item("cmn/timeout", 77)
+    assert_in_force(["red"], 77)
+
+
 # --- verify and repair ----------------------------------------------------------------------------------------------
 
 

@@ -36,9 +36,9 @@ struct enforcement_callbacks {
     /// A run with `repair` also reports through enforcement_failed what it could not repair. Afterwards a recorded subject
     /// counts as in force again if the run has reported it in neither way, or if nothing remains at all.
     ///
-    /// Called with `repair` on a timer with back-off while anything is recorded as not in force, when the same value is
-    /// configured again meanwhile, and on the operator's request; without it on the operator's request. Never called
-    /// from within an enforcement operation, nor before the agent's loop is reached for the first time.
+    /// Called with 1 on a timer with back-off while anything is recorded as not in force, and when the same value is
+    /// configured again meanwhile; on the operator's request with 0, or with 2, which also replaces what an administrator
+    /// may have changed on purpose. Never called from within an enforcement operation, nor before the loop is reached.
     int (*reconcile)(uint32_t repair, enforcement_difference_sink sink, void* sink_context, void* context);
 };
 

@@ -40,9 +40,8 @@ std::vector<enforcement_difference> without(const std::vector<enforcement_differ
                                             const std::vector<enforcement_difference>& others) {
     std::vector<enforcement_difference> rest;
     std::copy_if(all.begin(), all.end(), std::back_inserter(rest), [&others](const enforcement_difference& each) {
-        return std::none_of(others.begin(), others.end(), [&each](const enforcement_difference& other) {
-            return other.subject == each.subject && other.text == each.text;
-        });
+        return std::none_of(others.begin(), others.end(),
+                            [&each](const enforcement_difference& other) { return other.subject == each.subject; });
     });
     return rest;
 }
@@ -88,7 +87,7 @@ control_json control_call_repair(const control_json& /*request*/, const control_
     if (!enforcement_can_compare()) {
         return cannot_compare();
     }
-    const enforcement_comparison repair = enforcement_reconcile(true);
+    const enforcement_comparison repair = enforcement_reconcile(true, true);
     // Only another comparison can tell which of the differences remain.
     const enforcement_comparison rest =
         repair.remaining == 0 ? enforcement_comparison{0, {}} : enforcement_reconcile(false);

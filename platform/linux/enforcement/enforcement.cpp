@@ -25,6 +25,7 @@ struct enforcement_state {
     uint64_t runs = 0;                            ///< comparisons so far
     uint64_t run = 0;                             ///< the current comparison; 0 if none
     void (*needed)(bool is_first) = nullptr;
+    std::vector<enforcement_check> checks;
 };
 
 enforcement_state state;
@@ -213,7 +214,7 @@ void add_server_files(bool repair, reported_differences& reported, int& remainin
 
 }  // namespace
 
-enforcement_comparison enforcement_reconcile(bool repair) {
+enforcement_comparison enforcement_reconcile(bool repair, bool on_request) {
     enforcement_comparison comparison;
     if (!enforcement_can_compare() || state.run != 0) {
         return comparison;
@@ -221,7 +222,14 @@ enforcement_comparison enforcement_reconcile(bool repair) {
     reported_differences reported;
     const uint64_t run = ++state.runs;
     state.run = run;
-    comparison.remaining = state.callbacks.reconcile(repair ? 1 : 0, take_difference, &reported, state.context);
+    // First, because the agent's repair also makes some of what they would find.
+    int checked = 0;
+    for (const enforcement_check check : state.checks) {
+        checked += check(repair, take_difference, &reported);
+    }
+    const uint32_t kind = !repair ? 0 : on_request ? 2 : 1;
+    comparison.remaining = state.callbacks.reconcile(kind, take_difference, &reported, state.context);
+    comparison.remaining += comparison.remaining >= 0 ? checked : 0;
     state.run = 0;
     add_server_files(repair, reported, comparison.remaining);
     if (!reported.complete) {
@@ -236,6 +244,15 @@ enforcement_comparison enforcement_reconcile(bool repair) {
     return comparison;
 }
 
+void enforcement_add_check(enforcement_check check) {
+    enforcement_remove_check(check);
+    state.checks.push_back(check);
+}
+
+void enforcement_remove_check(enforcement_check check) {
+    std::erase(state.checks, check);
+}
+
 void enforcement_on_failure(void (*needed)(bool is_first)) {
     state.needed = needed;
     ask_for_repair(true);
@@ -248,4 +265,5 @@ void enforcement_reset() {
     state.commit_callbacks = {};
     state.commit_context = nullptr;
     state.needed = nullptr;
+    state.checks.clear();
 }

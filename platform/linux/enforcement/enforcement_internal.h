@@ -70,7 +70,18 @@ bool enforcement_can_compare();
 
 /// Runs the agent's comparison and, if it repairs, updates the record of what is not in force. Does nothing without a
 /// registration or from within a comparison. Throws std::bad_alloc.
-enforcement_comparison enforcement_reconcile(bool repair);
+///
+/// `on_request`: an operator asks for the repair, which then also replaces what an administrator may have changed on
+/// purpose.
+enforcement_comparison enforcement_reconcile(bool repair, bool on_request = false);
+
+/// A comparison that the platform itself makes, of what the agent does not know. It reports each difference to `sink`, and
+/// what a repair could not put right through enforcement_failed. Returns how many remain. May throw std::bad_alloc.
+using enforcement_check = int (*)(bool repair, enforcement_difference_sink sink, void* sink_context);
+
+/// Has every comparison from now on include the check, before the agent's own and after those added before; or no longer.
+void enforcement_add_check(enforcement_check check);
+void enforcement_remove_check(enforcement_check check);
 
 /// Registers `needed`, to be called when something is not in force that the agent can repair. `is_first` means that
 /// everything was in force before. Null ends the registration.

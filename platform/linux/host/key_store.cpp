@@ -51,21 +51,11 @@ platform_status read_text(std::string_view text, std::string& der, uint32_t& bit
     return status;
 }
 
-/// The line for sshd from a record. EBADMSG if the record holds no key.
-platform_status line_of(const key_record& record, std::string& line) {
-    rsa_public_key key;
-    const platform_status status = key_der_read(record.der, key);
-    if (status == PLATFORM_OK) {
-        line = key_text_write(key) + '\n';
-    }
-    return status;
-}
-
 /// Writes the user's file unless it is already as required.
 platform_status publish(std::string_view user, const key_record& record) {
     std::string line;
     std::string present;
-    const platform_status status = line_of(record, line);
+    const platform_status status = key_store_line(record, line);
     if (status != PLATFORM_OK || (key_file_read(user, present) == PLATFORM_OK && present == line)) {
         return status;
     }
@@ -135,6 +125,15 @@ void remove_others(const std::vector<key_store_entry>& entries) {
 }
 
 }  // namespace
+
+platform_status key_store_line(const key_record& record, std::string& line) {
+    rsa_public_key key;
+    const platform_status status = key_der_read(record.der, key);
+    if (status == PLATFORM_OK) {
+        line = key_text_write(key) + '\n';
+    }
+    return status;
+}
 
 void key_store_start() try {
     std::vector<key_store_entry> entries;

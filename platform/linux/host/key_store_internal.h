@@ -27,6 +27,9 @@ platform_status key_store_find(std::string_view user, key_record& record);
 /// All keys that count, in byte order of the users. Damaged ones are logged and left out.
 platform_status key_store_list(std::vector<key_store_entry>& entries);
 
+/// The line for sshd from a record. EBADMSG if the record holds no key.
+platform_status key_store_line(const key_record& record, std::string& line);
+
 /// Stores the key in `text` for a user, as added from the exec mode, in place of one that was added so before.
 /// KEY_OTHER_ORIGIN if the user's key comes from the configuration.
 platform_status key_store_import(std::string_view user, std::string_view text);

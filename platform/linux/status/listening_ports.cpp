@@ -22,7 +22,7 @@
 
 #include "common/file_descriptor.h"
 #include "common/number.h"
-#include "linux/status/child_output.h"
+#include "linux/process/child_output.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 

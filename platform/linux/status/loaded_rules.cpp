@@ -20,7 +20,7 @@
 #include <cstdlib>
 
 #include "common/file_descriptor.h"
-#include "linux/status/child_output.h"
+#include "linux/process/child_output.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 #include "platform/acl_service.h"

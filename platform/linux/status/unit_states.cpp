@@ -8,7 +8,7 @@
 #include <cstdlib>
 
 #include "common/number.h"
-#include "linux/status/child_output.h"
+#include "linux/process/child_output.h"
 
 namespace {
 

@@ -458,7 +458,8 @@ std::vector<mpp_vrf_status> mpp_status() {
     std::vector<mpp_vrf_status> all;
     for (const auto& [name, vrf] : state.vrfs) {
         all.push_back({name, (vrf.services & MPP_SERVICE_SSH) != 0, (vrf.services & MPP_SERVICE_NETCONF) != 0,
-                       vrf.initialised, vrf.blocked, vrf.unblock_requested, names_of(vrf.unlisted), vrf.closed_since});
+                       vrf.initialised, vrf.blocked, vrf.unblock_requested, names_of(vrf.unlisted), vrf.closed_since,
+                       ports_to_block(vrf)});
     }
     return all;
 }

@@ -27,7 +27,7 @@
 
 namespace {
 
-constexpr char table_name[] = "norvo_mpp";
+constexpr const char* table_name = mpp_filter_table;
 constexpr char set_name[] = "blocked_ports";
 constexpr char chain_name[] = "input";
 /// Stored with the table and shown by nft: a table with this comment has exactly the layout built here. To be changed
@@ -395,6 +395,16 @@ int make_table(const filter_connection& connection, filter_ports blocked) {
     return state.blocked == blocked ? 0 : change_table(connection, blocked);
 }
 
+/// Needs not know what a present table contains.
+int replace_any_table(const filter_connection& connection, filter_ports blocked) {
+    filter_state state = {};
+    const int error = read_state(connection, state);
+    if (error != 0) {
+        return error;
+    }
+    return state.exists ? replace_table(connection, blocked) : make_new_table(connection, blocked);
+}
+
 int open_ports(const filter_connection& connection) {
     filter_state state = {};
     const int error = read_state(connection, state);
@@ -424,6 +434,17 @@ platform_status in_vrf(const std::string& vrf_name, const char* complaint, std::
 platform_status mpp_filter_make(const std::string& vrf_name, filter_ports blocked, std::string& failure) {
     return in_vrf(vrf_name, "Cannot create the packet filter", failure,
                   [&](const filter_connection& connection) { return make_table(connection, blocked); });
+}
+
+platform_status mpp_filter_replace(const std::string& vrf_name, filter_ports blocked, std::string& failure) {
+    return in_vrf(vrf_name, "Cannot create the packet filter", failure,
+                  [&](const filter_connection& connection) { return replace_any_table(connection, blocked); });
+}
+
+int mpp_filter_make_here(filter_ports blocked) {
+    filter_connection connection;
+    const int error = connection.open_here();
+    return error == 0 ? make_new_table(connection, blocked) : error;
 }
 
 platform_status mpp_filter_block(const std::string& vrf_name, filter_ports blocked, std::string& failure) {

@@ -49,6 +49,15 @@ inline constexpr filter_ports filter_all_ports = 15;
 /// Creates the table, with these ports blocked. A table of another version under its name is replaced in the same step.
 platform_status mpp_filter_make(const std::string& vrf_name, filter_ports blocked, std::string& failure);
 
+/// Makes the table anew, with these ports blocked, whatever the present one contains. Waits for a grace period of the
+/// kernel.
+platform_status mpp_filter_replace(const std::string& vrf_name, filter_ports blocked, std::string& failure);
+
+/// Makes the table in this process's own namespace, which has none. Returns 0 or an errno value.
+int mpp_filter_make_here(filter_ports blocked);
+
+inline constexpr char mpp_filter_table[] = "norvo_mpp";
+
 /// Blocks these ports (at least one) and opens the others; creates the table if the namespace has none, or has another
 /// version's.
 platform_status mpp_filter_block(const std::string& vrf_name, filter_ports blocked, std::string& failure);

@@ -16,7 +16,8 @@ struct mpp_vrf_status {
     bool blocked;                     ///< no new connection is let in
     bool unblock_requested;           ///< will be opened when control returns to the loop
     std::vector<std::string> closed;  ///< services blocked because their access list is not loaded, such as "ssh ipv4"
-    time_t closed_since;  ///< since when new connections are blocked, of all services or of some; 0 if they are not
+    time_t closed_since;     ///< since when new connections are blocked, of all services or of some; 0 if they are not
+    uint32_t blocked_ports;  ///< what the packet filter has to block (filter_ports)
 };
 
 /// Every VRF that the service knows, in byte order of the names.

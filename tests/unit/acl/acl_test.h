@@ -68,10 +68,19 @@ std::string encoded(const record_descriptor* descriptor, const entry_type& entry
     return record;
 }
 
+/// Registers the forms of the entries, which the platform does otherwise.
+inline void register_acl_entries() {
+    record_transaction* transaction = nullptr;
+    ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);
+    ASSERT_EQ(record_register(transaction, acl_service_ipv4_entry_descriptor()), PLATFORM_OK);
+    ASSERT_EQ(record_register(transaction, acl_service_ipv6_entry_descriptor()), PLATFORM_OK);
+    ASSERT_EQ(record_registration_end(transaction), PLATFORM_OK);
+}
+
 class acl_test : public agent_test {
   protected:
     acl_test() {
-        register_entries();
+        register_acl_entries();
         fake_platform::preset_debug_flag(debug_cfg_agent, true);
         red = create_vrf_node("red");
         blue = create_vrf_node("blue");
@@ -81,14 +90,6 @@ class acl_test : public agent_test {
     }
 
     ~acl_test() override { forget_vrf_nodes(); }
-
-    static void register_entries() {
-        record_transaction* transaction = nullptr;
-        ASSERT_EQ(record_registration_begin(&transaction), PLATFORM_OK);
-        ASSERT_EQ(record_register(transaction, acl_service_ipv4_entry_descriptor()), PLATFORM_OK);
-        ASSERT_EQ(record_register(transaction, acl_service_ipv6_entry_descriptor()), PLATFORM_OK);
-        ASSERT_EQ(record_registration_end(transaction), PLATFORM_OK);
-    }
 
     static std::string list_path(const std::string& name) {
         return "/oper/ipv4-acl/gl/show/access-list/" + name + "/sequencetable/";

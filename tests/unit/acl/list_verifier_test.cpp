@@ -152,7 +152,7 @@ TEST_F(list_verifier_test, nothing_is_written_or_loaded) {
 
 TEST_F(list_verifier_test, the_agent_registers_its_verifier_at_start_up) {
     fake_platform::reset();
-    register_entries();
+    register_acl_entries();
     EXPECT_EQ(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {}).status, platform_status{ENOENT});
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {}).status, PLATFORM_OK);

@@ -49,12 +49,13 @@ TEST_F(start_up_banners_test, either_banner_alone_is_written) {
     }
 }
 
-TEST_F(start_up_banners_test, without_banners_nothing_is_touched) {
+// Those that were deleted while the agent was away end here. The message of the day is the machine's own.
+TEST_F(start_up_banners_test, without_banners_only_the_banner_file_is_emptied) {
     write_file("/etc/motd", "the machine's own\n");
     write_file(paths::banner_file, "old\n");
     EXPECT_EQ(start_agent(), START_UP_DONE);
     EXPECT_EQ(read_file("/etc/motd"), "the machine's own\n");
-    EXPECT_EQ(read_file(paths::banner_file), "old\n");
+    EXPECT_EQ(read_file(paths::banner_file), "");
 }
 
 // Each has its own exit status, so that the process manager's records distinguish it from a failed start-up.

@@ -38,7 +38,7 @@ TEST_F(start_up_files_test, a_fresh_start_empties_the_default_files) {
 // Every line stays. Each start writes the host-key lines again, at the end.
 TEST_F(start_up_files_test, a_restart_after_a_failure_keeps_the_default_files) {
     fake_platform::set_respawn_count(2);
-    const std::string client_lines = read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/ssh_config") + "Port 2222\n";
+    const std::string client_lines = read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/ssh_config") + "# kept\n";
     write_file(paths::server_file,
                "RateLimitQd 60\n" + read_file(TEST_SOURCE_DIR "/core/golden/fresh_start/sshd_config"));
     write_file(paths::client_file, client_lines);

@@ -49,6 +49,21 @@ TEST_F(pam_file_test, an_existing_file_is_left_alone_whatever_its_content) {
     }
 }
 
+TEST_F(pam_file_test, another_content_is_a_difference_and_can_be_replaced) {
+    write_pam_file();
+    const std::string whole = read_file(file);
+    EXPECT_EQ(pam_file_difference(), nullptr);
+    for (const std::string& content : {std::string(other_content), std::string(), whole + "\n", whole.substr(1)}) {
+        write_file(file, content);
+        EXPECT_STREQ(pam_file_difference(), "differs from the agent's") << content;
+    }
+    write_pam_file_again();
+    EXPECT_EQ(pam_file_difference(), nullptr);
+    expect_whole_file();
+    std::filesystem::remove(file);
+    EXPECT_STREQ(pam_file_difference(), "is missing");
+}
+
 TEST_F(pam_file_test, a_file_that_cannot_be_opened_is_reported) {
     scratch_root::set_read_only(directory, true);
     write_pam_file();

@@ -146,7 +146,7 @@ TEST(platform_services_test, start_in_this_order) {
               (strings{"log", "node lock", "start count", "control socket", "standby calls", "access lists", "AAA users"}));
     EXPECT_EQ(names_at(service_moment::message_attached), strings{"namespace watch"});
     EXPECT_EQ(names_at(service_moment::first_wait),
-              (strings{"key store", "repairs", "rehearsals", "control calls", "readiness"}));
+              (strings{"key store", "own packet filters", "repairs", "rehearsals", "control calls", "readiness"}));
 }
 
 bool exists(const char* path) {

@@ -8,10 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "../algorithm_test.h"
 #include "config_files/restart_record.h"
 #include "config_files/vrf_node.h"
+#include "reconciliation_support.h"
 #include "scratch_root.h"
+#include "stub/rules.h"
 
 namespace {
 
@@ -24,75 +25,6 @@ using testing::Not;
 using testing::UnorderedElementsAre;
 
 constexpr char show_units[] = "systemctl show";
-
-/// A started agent with servers in the VRFs red and blue.
-class reconciliation_test : public algorithm_test {
-  protected:
-    reconciliation_test() {
-        std::filesystem::create_directories("/etc/systemd/system");
-        for (const char* vrf : {"default", "red", "blue"}) {
-            scratch_root::add_namespace_file(std::string("vrf-") + vrf);
-        }
-        for (const char* vrf : {"red", "blue"}) {
-            fake_platform::store(vrf_item(vrf));
-        }
-    }
-
-    static fake_platform::change vrf_item(const std::string& vrf, const std::string& service = "vrf") {
-        return fake_platform::set_tuple("/cfg/gl/crypto/ssh/server/sshd/" + service + "/" + vrf, "%d%S%S",
-                                        {std::nullopt, std::nullopt, std::nullopt});
-    }
-    static fake_platform::change timeout(uint32_t seconds) {
-        return fake_platform::set_number(server_case.tree + "timeout", seconds);
-    }
-
-    static std::string file_of(const std::string& vrf) { return paths::vrf_server_file_prefix + vrf; }
-    static std::string unit_of(const std::string& vrf) {
-        return "/etc/systemd/system/sshd_service_" + vrf + ".service";
-    }
-    static difference of_file(const std::string& path, const std::string& text) { return {"file " + path, text}; }
-
-    static void start() {
-        algorithm_test::start();
-        stub_commands::clear_log();
-    }
-
-    /// The agent is killed and started again; the servers keep running.
-    static void die_and_start(uint32_t respawn_count = 2) {
-        forget_vrf_nodes();
-        agent_handles = {};
-        fake_platform::set_respawn_count(respawn_count);
-        stub_commands::clear_log();
-        fake_platform::clear_reports();
-        stub_commands::set_output("systemctl is-active", "active\n");
-        ASSERT_EQ(start_agent(), START_UP_DONE);
-    }
-
-    static std::vector<std::string> restarts() { return stub_commands::log_of("systemctl restart"); }
-    static std::vector<std::string> stops() { return stub_commands::log_of("systemctl stop"); }
-
-    static void replace_line(const std::string& path, const std::string& from, const std::string& to) {
-        std::string text = read_file(path);
-        const size_t at = text.find(from);
-        ASSERT_NE(at, std::string::npos) << path << " lacks " << from;
-        write_file(path, text.replace(at, from.size(), to));
-    }
-
-    /// The comparison finds `differences`; a repair then removes all of them and restarts the servers in `restarted`.
-    static void expect_repaired(const std::vector<difference>& differences, const std::vector<std::string>& restarted) {
-        auto dry = fake_platform::reconcile(false);
-        EXPECT_THAT(dry.differences, testing::IsSupersetOf(differences));
-        EXPECT_EQ(dry.remaining, static_cast<int>(dry.differences.size()));
-        stub_commands::clear_log();
-        EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
-        EXPECT_THAT(restarts(), testing::UnorderedElementsAreArray(restarted));
-        EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
-    }
-};
-
-std::string restart_of(const std::string& vrf) {
-    return "systemctl restart sshd_service_" + vrf;
-}
 
 // --- At rest ---------------------------------------------------------------------------------------------------------
 
@@ -260,6 +192,15 @@ TEST_F(reconciliation_test, the_clients_file) {
     expect_repaired({of_file(paths::client_file, "No such file or directory")}, {});
 }
 
+TEST_F(reconciliation_test, ports_in_files_that_have_none) {
+    start();
+    for (const char* file : {paths::client_file, paths::server_file}) {
+        write_file(file, read_file(file) + "Port 2222\nPort \t2223\nSubsystem netconf /bin/sh\n");
+        expect_repaired({of_file(file, "differs in Port, Subsystem netconf")}, {});
+        EXPECT_THAT(read_file(file), Not(HasSubstr("Port"))) << file;
+    }
+}
+
 TEST_F(reconciliation_test, files_of_vrfs) {
     start();
     replace_line(file_of("red"), "UsePAM yes", "UsePAM no");
@@ -294,6 +235,42 @@ TEST_F(reconciliation_test, servers_that_are_not_running) {
     expect_repaired({{"server red", "is not running"}}, {restart_of("red")});
 }
 
+TEST_F(reconciliation_test, servers_that_were_not_started_as_configured) {
+    start();
+    fake_platform::set_server_process("red", {"was not started by its unit's own command", ""});
+    stub_commands::set_hook("systemctl restart", "touch /restarted");
+    const auto found = fake_platform::reconcile(false);
+    EXPECT_THAT(found.differences, ElementsAre(difference{"server red", "was not started by its unit's own command"}));
+    fake_platform::reconcile(true);
+    EXPECT_THAT(restarts(), ElementsAre(restart_of("red")));
+}
+
+TEST_F(reconciliation_test, servers_that_were_started_with_another_file) {
+    start();
+    std::filesystem::copy_file(file_of("red"), "/started_red");
+    std::filesystem::copy_file(file_of("blue"), "/started_blue");
+    fake_platform::set_server_process("red", {"", "/started_red"});
+    fake_platform::set_server_process("blue", {"", "/started_blue"});
+    EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+    replace_line("/started_red", "UsePAM yes", "UsePAM no");
+    EXPECT_THAT(fake_platform::reconcile(false).differences,
+                ElementsAre(difference{"server red", "was started with a file that differs in UsePAM"}));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_THAT(restarts(), ElementsAre(restart_of("red")));
+}
+
+TEST_F(reconciliation_test, a_unit_that_was_changed_since_systemd_read_it) {
+    start();
+    std::filesystem::remove_all(stub_commands::units_directory);
+    stub_commands::set_output(show_units,
+                              "Id=sshd_service_red.service\nActiveState=active\nMainPID=0\nNeedDaemonReload=yes\n\n"
+                              "Id=sshd_service_blue.service\nActiveState=active\nMainPID=0\nNeedDaemonReload=no\n");
+    EXPECT_THAT(fake_platform::reconcile(false).differences,
+                ElementsAre(difference{"unit red", "systemd has not read its present file"}));
+    fake_platform::reconcile(true);
+    EXPECT_THAT(stub_commands::log_of("systemctl daemon-reload"), testing::SizeIs(1));
+}
+
 TEST_F(reconciliation_test, a_server_without_its_namespace) {
     start();
     scratch_root::remove_namespace_file("vrf-red");
@@ -312,12 +289,51 @@ TEST_F(reconciliation_test, the_pam_file_and_the_banners) {
     std::filesystem::remove(paths::pam_file);
     write_file(paths::banner_file, "Hello, intruder\n");
     write_file(paths::aaa_banner_file, "Welc");
-    expect_repaired(
-        {of_file(paths::pam_file, "is missing or differs"), of_file(paths::banner_file, "is missing or differs"),
-         of_file(paths::aaa_banner_file, "is missing or differs")},
-        {});
+    expect_repaired({of_file(paths::pam_file, "is missing"), of_file(paths::banner_file, "is missing or differs"),
+                     of_file(paths::aaa_banner_file, "is missing or differs")},
+                    {});
     EXPECT_EQ(read_file(paths::banner_file), "Hello\n");
     EXPECT_EQ(read_file(paths::aaa_banner_file), "Welcome\n");
+}
+
+TEST_F(reconciliation_test, a_pam_file_of_the_administrators_own_is_replaced_only_on_request) {
+    constexpr char own_text[] = "auth required pam_deny.so\n";
+    start();
+    write_file(paths::pam_file, own_text);
+    EXPECT_THAT(fake_platform::reconcile(false).differences,
+                ElementsAre(of_file(paths::pam_file, "differs from the agent's")));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_EQ(read_file(paths::pam_file), own_text);
+    die_and_start();
+    EXPECT_EQ(read_file(paths::pam_file), own_text);
+    const auto nobody = [](const char*, const char*, void*) {};
+    EXPECT_EQ(reconcile(2, nobody, nullptr, nullptr), 0);
+    EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+}
+
+TEST_F(reconciliation_test, banners_that_were_deleted_while_the_agent_was_away) {
+    fake_platform::set_configured_banner(3, "#Hello#");
+    fake_platform::set_aaa_banner("#Welcome#");
+    start();
+    EXPECT_EQ(read_file(paths::aaa_banner_file), "Welcome\n");
+    fake_platform::set_configured_banner(3, std::nullopt);
+    fake_platform::set_aaa_banner(std::nullopt);
+    EXPECT_THAT(fake_platform::reconcile(false).differences,
+                testing::IsSupersetOf(
+                    {of_file(paths::banner_file, "has a text, but no banner is configured"),
+                     of_file(paths::aaa_banner_file, "has the text of an AAA banner that is no longer configured")}));
+    die_and_start();
+    EXPECT_FALSE(path_exists(paths::aaa_banner_file));
+    EXPECT_FALSE(path_exists(paths::aaa_banner_record));
+    EXPECT_EQ(read_file(paths::banner_file), "");
+    EXPECT_THAT(fake_platform::reconcile(false).differences, IsEmpty());
+}
+
+TEST_F(reconciliation_test, a_message_of_the_day_of_the_machines_own) {
+    write_file(paths::aaa_banner_file, "Welcome to this machine\n");
+    start();
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_EQ(read_file(paths::aaa_banner_file), "Welcome to this machine\n");
 }
 
 // --- Failures --------------------------------------------------------------------------------------------------------

@@ -220,7 +220,9 @@ TEST_F(namespace_handler_test, a_unit_that_cannot_be_created_stops_the_handling)
     vrf_node* node = create_vrf_node("red");
     fake_platform::fail("vrf_table_lookup", ENOENT);
     send(NAMESPACE_CREATED, "vrf-red");
-    EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)"));
+    EXPECT_THAT(trail(), ElementsAre(look, "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)",
+                                     "enforcement_failed(unit red, the number of the VRF is unknown: No such file or "
+                                     "directory)"));
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Failed to create systemd service and config file for vrf:=red"));
     EXPECT_EQ(node->server_started, 0u);

@@ -17,7 +17,8 @@ using testing::Not;
 
 /// The query of server_changes.cpp about these units.
 std::string states_of(const std::string& units) {
-    return "$ systemctl show --property=Id,ActiveState,MainPID,ExecMainStartTimestampMonotonic " + units;
+    return "$ systemctl show --property=Id,ActiveState,MainPID,NeedDaemonReload,ExecMainStartTimestampMonotonic " +
+           units;
 }
 
 class server_changes_test : public vrf_appliers_test {

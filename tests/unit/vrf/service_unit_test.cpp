@@ -76,7 +76,9 @@ TEST_F(service_unit_test, a_vrf_without_number_has_no_unit) {
                 ElementsAre("Vrf-name:=red, Failed to get the vrf id, Error:= No such file or directory"));
     EXPECT_TRUE(traced({"red", "2"}));
     EXPECT_FALSE(path_exists(unit_file("red")));
-    EXPECT_THAT(trail(), ElementsAre("vrf_table_lookup(red)"));
+    EXPECT_THAT(trail(), ElementsAre("vrf_table_lookup(red)",
+                                     "enforcement_failed(unit red, the number of the VRF is unknown: No such file or "
+                                     "directory)"));
 }
 
 TEST_F(service_unit_test, a_unit_that_cannot_be_opened_is_reported) {

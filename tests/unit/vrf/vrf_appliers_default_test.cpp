@@ -213,7 +213,8 @@ TEST_F(default_vrf_test, a_failed_step_of_the_protocol_item_leaves_the_line_unwr
 TEST_F(default_vrf_test, a_file_that_cannot_be_prepared_leaves_the_protocol_line_unwritten) {
     command_trail::fail_shell("cp ", ENOMEM);
     EXPECT_EQ(protocol(created), 0);
-    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)", "mpp_vrf_set(1, default)", copy_for("default")));
+    EXPECT_THAT(trail(), ElementsAre("create_nft_table(default)", "mpp_vrf_set(1, default)", copy_for("default"),
+                                     not_as_configured("default", "cannot be made from the default file")));
     EXPECT_EQ(read_file(paths::server_file), default_file);
 }
 

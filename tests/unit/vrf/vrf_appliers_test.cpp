@@ -11,6 +11,7 @@ using testing::Not;
 using ssh_vrf_test = vrf_appliers_test;
 
 constexpr char block_ssh_ipv4[] = "mpp_service_block(1, 4, red)";
+constexpr char unprepared[] = "enforcement_failed(server red, it could not be set up completely; the journal says why)";
 constexpr char report_ssh_ipv4[] = "enforcement_failed(rules red ssh ipv4, access list four has not been loaded)";
 
 TEST_F(ssh_vrf_test, a_first_item_with_its_namespace_starts_a_server) {
@@ -179,7 +180,8 @@ TEST_F(ssh_vrf_test, a_file_that_cannot_be_prepared_stops_the_handling) {
     add_namespace("red");
     command_trail::fail_shell("cp ", ENOMEM);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "reload_acls(red)", block_ssh_ipv4, report_ssh_ipv4));
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), not_as_configured("red", "cannot be made from the default file"),
+                                     unprepared, "reload_acls(red)", block_ssh_ipv4, report_ssh_ipv4));
     EXPECT_STREQ(find_vrf_node("red")->ssh_v4_acl, "four");
     EXPECT_EQ(count_of("red"), 1);
 }
@@ -188,15 +190,15 @@ TEST_F(ssh_vrf_test, a_port_line_that_cannot_be_added_stops_the_handling) {
     add_namespace("red");
     std::filesystem::create_directory(paths::temporary_file);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), not_as_configured("red"), "reload_acls(red)", block_ssh_ipv4,
-                                     report_ssh_ipv4));
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), not_as_configured("red"), unprepared, "reload_acls(red)",
+                                     block_ssh_ipv4, report_ssh_ipv4));
 }
 
 TEST_F(ssh_vrf_test, a_namespace_that_is_not_accepted_stops_the_handling) {
     add_namespace("red");
     fake_platform::fail("mpp_namespace_created", EIO);
     EXPECT_EQ(ssh("red", created, {"four"}), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "reload_acls(red)",
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", unprepared, "reload_acls(red)",
                                      block_ssh_ipv4, report_ssh_ipv4));
     EXPECT_THAT(fake_platform::debug_texts(), Contains("MPP nns create API failed, Input/output error"));
     EXPECT_TRUE(traced({"vrf-red", "5"}));
@@ -208,7 +210,10 @@ TEST_F(ssh_vrf_test, a_unit_that_cannot_be_created_stops_the_handling) {
     add_namespace("red");
     fake_platform::fail("vrf_table_lookup", ENOENT);
     EXPECT_EQ(ssh("red", created), 0);
-    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)"));
+    EXPECT_THAT(trail(), ElementsAre(copy_for("red"), "mpp_namespace_created(vrf-red)", "vrf_table_lookup(red)",
+                                     "enforcement_failed(unit red, the number of the VRF is unknown: No such file or "
+                                     "directory)",
+                                     unprepared));
     EXPECT_THAT(fake_platform::debug_texts(),
                 Contains("Failed to create systemd service and config file for vrf:=red"));
     EXPECT_EQ(find_vrf_node("red")->server_started, 0u);

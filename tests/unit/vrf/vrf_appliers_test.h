@@ -68,8 +68,8 @@ class vrf_appliers_test : public vrf_test {
         return sshd_apply_ver_func(&change, nullptr);
     }
 
-    static std::string not_as_configured(const std::string& vrf) {
-        return "enforcement_failed(file " + server_file(vrf) + ", Is a directory)";
+    static std::string not_as_configured(const std::string& vrf, const std::string& reason = "Is a directory") {
+        return "enforcement_failed(file " + server_file(vrf) + ", " + reason + ")";
     }
 
     static int count_of(const char* vrf) {

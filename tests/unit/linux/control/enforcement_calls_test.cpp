@@ -56,7 +56,7 @@ TEST_F(control_enforcement_calls_test, repair_reports_what_it_repaired) {
     EXPECT_EQ(answer["result"], "done");
     EXPECT_EQ(control_json_text(answer["data"]),
               R"({"repaired":[{"subject":"file /a","text":"Ciphers"}],"remaining":[]})");
-    EXPECT_THAT(script.runs, testing::ElementsAre(1U));
+    EXPECT_THAT(script.runs, testing::ElementsAre(2U));
     EXPECT_FALSE(enforcement_any_failed());
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("call:=repair, result:=done"), HasSubstr("repaired file /a: Ciphers")));
 }
@@ -77,7 +77,7 @@ TEST_F(control_enforcement_calls_test, repair_reports_what_it_could_not_repair) 
     EXPECT_EQ(answer["message"], "1 difference could not be repaired");
     EXPECT_EQ(control_json_text(answer["data"]), R"({"repaired":[{"subject":"file /a","text":"Ciphers"}],)"
                                                  R"("remaining":[{"subject":"server mgmt","text":"does not run"}]})");
-    EXPECT_THAT(script.runs, testing::ElementsAre(1U, 0U));
+    EXPECT_THAT(script.runs, testing::ElementsAre(2U, 0U));
     EXPECT_THAT(audit.back(), AllOf(HasSubstr("result:=failed"), HasSubstr("repaired file /a: Ciphers"),
                                     HasSubstr("not repaired server mgmt: does not run")));
 }

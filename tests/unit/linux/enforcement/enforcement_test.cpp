@@ -101,6 +101,15 @@ TEST_F(enforcement_record_test, a_comparison_without_repair_leaves_the_record_al
     EXPECT_THAT(subjects(enforcement_list()), ElementsAre("unit red"));
 }
 
+TEST_F(enforcement_record_test, a_repair_on_request_differs_from_an_automatic_one) {
+    enforcement_test::comparison_script script;
+    ASSERT_EQ(enforcement_test::register_comparison(script), PLATFORM_OK);
+    enforcement_reconcile(true, true);
+    enforcement_reconcile(true);
+    enforcement_reconcile(false, true);
+    EXPECT_THAT(script.runs, ElementsAre(2U, 1U, 0U));
+}
+
 TEST_F(enforcement_record_test, a_complete_repair_clears_the_record) {
     platform_test::journal_listener journal;
     enforcement_test::comparison_script script = {{{"server mgmt", "old"}}, 0, {}, {}};

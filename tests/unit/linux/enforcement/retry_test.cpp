@@ -5,6 +5,7 @@
 #include <chrono>
 #include <thread>
 
+#include "unit/linux/datastore/datastore_fixture.h"
 #include "unit/linux/enforcement/enforcement_test_support.h"
 #include "unit/linux/platform_test_support.h"
 
@@ -26,6 +27,9 @@ class enforcement_retry_test : public platform_test::loop_test {
   protected:
     void SetUp() override {
         loop_test::SetUp();
+        // The users' keys are part of every comparison.
+        datastore_configure(nullptr, (folder / "datastore.db").c_str());
+        ASSERT_EQ(datastore_open(), PLATFORM_OK);
         script.remaining = 1;
         script.found = {{"server mgmt", "does not run"}};
         script.meanwhile = [this] { times.push_back(steady::now()); };
@@ -34,6 +38,7 @@ class enforcement_retry_test : public platform_test::loop_test {
     void TearDown() override {
         enforcement_retry_stop();
         enforcement_reset();
+        datastore_close();
         loop_test::TearDown();
     }
     bool repaired(size_t count, uint64_t milliseconds) {
@@ -43,6 +48,7 @@ class enforcement_retry_test : public platform_test::loop_test {
         return std::chrono::duration<double>(times.at(repair) - start).count();
     }
 
+    datastore_test::scratch_folder folder;
     enforcement_test::comparison_script script;
     std::vector<steady::time_point> times;
 };

@@ -17,7 +17,11 @@ vrf_status sound_vrf() {
     vrf.has_namespace = true;
     vrf.unit = server_unit_state{"loaded", "active", "running", "success", 4711};
     vrf.ports = {22, 830};
-    vrf.launch = launch_record{launch_file::current, 4711, "/sshd_config_red", "/translated", "", {}};
+    launch_record& launch = vrf.launch.emplace();
+    launch.in_use = launch_file::current;
+    launch.process = 4711;
+    launch.server_file = "/sshd_config_red";
+    launch.config = "/translated";
     vrf.lists = {{MPP_SERVICE_SSH, ACL_FAMILY_IPV4, "ops", list_state::loaded}};
     return vrf;
 }

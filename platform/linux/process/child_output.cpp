@@ -1,4 +1,4 @@
-#include "linux/status/child_output.h"
+#include "linux/process/child_output.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>

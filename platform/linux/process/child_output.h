@@ -1,6 +1,6 @@
 /// Work that may block, done by a child process with a time limit.
-#ifndef LINUX_STATUS_CHILD_OUTPUT_H
-#define LINUX_STATUS_CHILD_OUTPUT_H
+#ifndef LINUX_PROCESS_CHILD_OUTPUT_H
+#define LINUX_PROCESS_CHILD_OUTPUT_H
 
 #include <chrono>
 #include <functional>
