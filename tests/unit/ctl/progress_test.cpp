@@ -8,7 +8,7 @@ const control_json half_way = {{"work", "restarting servers"}, {"done", 64}, {"t
 const control_json before_another = {{"work", "applying /a"}, {"done", 0}, {"total", 2}, {"waiting", true}};
 
 /// What is shown on standard error (`errors`) or else on standard output.
-std::string shown(ctl_progress form, const std::vector<control_json>& reports, bool errors) {
+std::string shown_progress(ctl_progress form, const std::vector<control_json>& reports, bool errors) {
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     {
@@ -32,21 +32,22 @@ TEST(ctl_progress, is_told_in_words) {
 }
 
 TEST(ctl_progress, is_one_line_on_a_terminal_that_is_gone_at_the_end) {
-    EXPECT_EQ(shown(ctl_progress::terminal, {half_way, half_way, before_another}, true),
+    EXPECT_EQ(shown_progress(ctl_progress::terminal, {half_way, half_way, before_another}, true),
               "\r\x1b[Kssh_cfg_ctl: 64 of 128: restarting servers"
               "\r\x1b[Kssh_cfg_ctl: waiting for another change: 0 of 2: applying /a"
               "\r\x1b[K");
-    EXPECT_EQ(shown(ctl_progress::terminal, {}, true), "");
+    EXPECT_EQ(shown_progress(ctl_progress::terminal, {}, true), "");
     const control_json long_path = {{"work", "applying /" + std::string(200, 'x')}};
-    EXPECT_EQ(shown(ctl_progress::terminal, {long_path}, true).size(), 4 + 79 + 4U) << "80 columns";
+    EXPECT_EQ(shown_progress(ctl_progress::terminal, {long_path}, true).size(), 4 + 79 + 4U) << "80 columns";
 }
 
 TEST(ctl_progress, is_lines_or_json_where_it_was_asked_for) {
-    EXPECT_EQ(shown(ctl_progress::lines, {half_way, half_way, before_another}, true),
+    EXPECT_EQ(shown_progress(ctl_progress::lines, {half_way, half_way, before_another}, true),
               "ssh_cfg_ctl: 64 of 128: restarting servers\n"
               "ssh_cfg_ctl: waiting for another change: 0 of 2: applying /a\n");
-    EXPECT_EQ(shown(ctl_progress::json, {half_way}, false), "{\"progress\":" + control_json_text(half_way) + "}\n");
-    EXPECT_EQ(shown(ctl_progress::none, {half_way}, false), "");
+    EXPECT_EQ(shown_progress(ctl_progress::json, {half_way}, false),
+              "{\"progress\":" + control_json_text(half_way) + "}\n");
+    EXPECT_EQ(shown_progress(ctl_progress::none, {half_way}, false), "");
 }
 
 }  // namespace

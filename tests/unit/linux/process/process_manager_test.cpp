@@ -171,27 +171,27 @@ TEST_F(process_manager_test, progress_feeds_the_watchdog) {
     EXPECT_EQ("WATCHDOG=1", notify.receive());
 }
 
-int works = 0;
+int works_at_progress = 0;
 process_step step_at_work;
 
 void work_and_fail() {
-    works++;
+    works_at_progress++;
     step_at_work = process_manager_current_step();
     errno = EIO;
     process_manager_progress();
 }
 
 TEST_F(process_manager_test, work_is_done_at_each_report_of_progress_but_not_within_itself) {
-    works = 0;
+    works_at_progress = 0;
     process_manager_at_progress(work_and_fail);
     errno = ENOSPC;
     process_manager_progress();
     process_manager_progress();
-    EXPECT_EQ(2, works);
+    EXPECT_EQ(2, works_at_progress);
     EXPECT_EQ(ENOSPC, errno);
     process_manager_at_progress(nullptr);
     process_manager_progress();
-    EXPECT_EQ(2, works);
+    EXPECT_EQ(2, works_at_progress);
 }
 
 TEST_F(process_manager_test, a_step_is_known_until_it_is_forgotten) {
