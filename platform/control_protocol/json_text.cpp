@@ -216,18 +216,16 @@ std::optional<control_json> control_json_parse(std::string_view text, std::strin
 }
 
 void control_json_release(control_json& value) noexcept {
-    if (value.is_array()) {
-        auto& elements = value.get_ref<control_json::array_t&>();
-        for (control_json& element : elements) {
+    if (auto* elements = value.get_ptr<control_json::array_t*>()) {
+        for (control_json& element : *elements) {
             control_json_release(element);
         }
-        elements.clear();
-    } else if (value.is_object()) {
-        auto& members = value.get_ref<control_json::object_t&>();
-        for (auto& member : members) {
+        elements->clear();
+    } else if (auto* members = value.get_ptr<control_json::object_t*>()) {
+        for (auto& member : *members) {
             control_json_release(member.second);
         }
-        members.clear();
+        members->clear();
     }
     value = nullptr;
 }
