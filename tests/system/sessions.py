@@ -41,8 +41,15 @@ def wrappers():
 
 
 def wait_for_wrappers(number, seconds=10.0):
-    router.wait_until(lambda: len(wrappers()) == number, seconds, f"{number} sessions in the process listing")
-    return wrappers()
+    """Their process ids. Before it becomes the session, a wrapper's child is listed like a wrapper."""
+    listed = []
+
+    def are_listed():
+        listed[:] = wrappers()
+        return len(listed) == number
+
+    router.wait_until(are_listed, seconds, f"{number} sessions in the process listing")
+    return listed
 
 
 def process(pid):

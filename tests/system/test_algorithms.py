@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import pwd
 import random
 import re
 import subprocess
@@ -406,5 +407,7 @@ def test_an_ordinary_user_can_use_the_client(server):
     inside = ["setpriv", "--reuid=operator", "--regid=operator", "--init-groups", "env", "-u", "XDG_RUNTIME_DIR"]
     result = router.in_vrf(vrf, *inside, "/pkg/bin/ssh_csm", "-G", "router")
     assert "stricthostkeychecking false" in result.stdout
-    settings = next(pathlib.Path("/tmp").glob("ssh_csm-*/ssh_config"))
+    user = pwd.getpwnam("operator")
+    folders = [pathlib.Path(f"/run/user/{user.pw_uid}/ssh_csm"), pathlib.Path(user.pw_dir) / ".cache/ssh_csm"]
+    settings = next(folder / "ssh_config" for folder in folders if folder.exists())
     assert settings.owner() == "operator" and settings.stat().st_mode & 0o077 == 0
