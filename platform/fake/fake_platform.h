@@ -289,6 +289,7 @@ void clear_reports();
 void set_role(uint32_t role);                        ///< initially PROCESS_ROLE_PRIMARY
 void set_respawn_count(uint32_t count);              ///< initially 1
 uint32_t progress_reports();                         ///< calls of process_manager_progress, which are not recorded
+uint32_t waits();                                    ///< calls of process_manager_waiting, which are not recorded
 const std::vector<std::string>& steps();             ///< calls of process_manager_step, as "WORK DONE/TOTAL"
 void set_node(uint32_t id, std::string name);        ///< initially 1, "node0"
 void set_vrf_id(std::string vrf_name, uint32_t id);  ///< other VRFs get the next number at their first look-up

@@ -30,6 +30,7 @@ struct node_state {
     uint32_t role = PROCESS_ROLE_PRIMARY;
     uint32_t respawn_count = 1;
     uint32_t progress_reports = 0;
+    uint32_t waits = 0;
     std::map<std::string, int, std::less<>> taken_commands;
     std::vector<std::string> steps;
     uint32_t node_id = 1;
@@ -97,6 +98,9 @@ void take_command(std::string command, int status) {
 uint32_t progress_reports() {
     return node.progress_reports;
 }
+uint32_t waits() {
+    return node.waits;
+}
 
 const std::vector<std::string>& steps() {
     return node.steps;
@@ -135,6 +139,10 @@ uint32_t platform_take_command(const char* command, int* status) {
 
 void process_manager_progress(void) {
     node.progress_reports++;
+}
+
+void process_manager_waiting(void) {
+    node.waits++;
 }
 
 void process_manager_step(const char* work, uint32_t done, uint32_t total) {

@@ -108,7 +108,7 @@ int wait_for_child(pid_t child, const held_child_signal& signal, clock_type::tim
             return ETIMEDOUT;
         }
         signal.wait_until(std::min(deadline, clock_type::now() + report_interval));
-        process_manager_progress();
+        process_manager_waiting();
     }
 }
 

@@ -24,7 +24,11 @@ void process_manager_ready(void);
 /// process from one that hangs. Leaves errno alone.
 void process_manager_progress(void);
 
-/// The same, and what this step of long work is, for people who wait for its end: `work` in words, such as "restarting
+/// The process waits for something that ends in bounded time, such as a command, and may do something else meanwhile. Called
+/// at short intervals. Not progress: a process that only waits may hang. Leaves errno alone.
+void process_manager_waiting(void);
+
+/// Progress, and what this step of long work is, for people who wait for its end: `work` in words, such as "restarting
 /// servers", with `done` of `total` items done. The text is copied.
 void process_manager_step(const char* work, uint32_t done, uint32_t total);
 

@@ -151,6 +151,15 @@ void process_manager_notify_ready() {
     }
 }
 
+void process_manager_waiting(void) {
+    const errno_keeper keeper;
+    if (at_progress.work != nullptr && !at_progress.running) {
+        at_progress.running = true;
+        at_progress.work();
+        at_progress.running = false;
+    }
+}
+
 void process_manager_progress(void) {
     const errno_keeper keeper;
     const uint64_t time = monotonic_time();
@@ -159,11 +168,7 @@ void process_manager_progress(void) {
         // A report that is lost is followed by the next one.
         sd_notify(0, state.notified && !termination_is_pending() ? "WATCHDOG=1" : extend_timeout);
     }
-    if (at_progress.work != nullptr && !at_progress.running) {
-        at_progress.running = true;
-        at_progress.work();
-        at_progress.running = false;
-    }
+    process_manager_waiting();
 }
 
 void process_manager_step(const char* work, uint32_t done, uint32_t total) {
