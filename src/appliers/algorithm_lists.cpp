@@ -19,10 +19,8 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 bool sets_value(const datastore_change& change) {
-    return (change.event & create_or_set) != 0 && change.value != nullptr;
+    return (change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && change.value != nullptr;
 }
 
 bool deletes(const datastore_change& change) {

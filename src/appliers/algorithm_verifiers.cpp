@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 /// A kind of list and the texts about it.
 struct list_rules {
     algorithm_kind kind;
@@ -176,7 +174,7 @@ platform_status accept_when_ok(platform_status status, uint32_t* accepted) {
 }
 
 bool needs_checking(const datastore_change& change) {
-    return (change.event & create_or_set) != 0;
+    return (change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0;
 }
 
 static_assert(count_algorithms(algorithm_kind::key, algorithm_fips::refused) == 4, "their refusal names them");

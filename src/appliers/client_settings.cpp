@@ -8,8 +8,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 // A removal also writes the defaults: without the line the client would record host keys in a file for each user.
 constexpr setting_row known_hosts_row = {
     .trace_point = appliers_trace_client_known_hosts,
@@ -30,7 +28,7 @@ constexpr setting_row host_key_checking_row = {
 
 platform_status ssh_client_apply_known_hosts(const datastore_change* change, const datastore_path_components*) {
     debug_print(known_hosts_row.event_text, static_cast<int>(change->event));
-    if ((change->event & create_or_set) != 0 && change->value != nullptr) {
+    if ((change->event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && change->value != nullptr) {
         setting_entry& entry = *known_hosts_row.entry;
         copy_text(entry.text, sizeof entry.text, static_cast<const char*>(change->value));
         put_setting(known_hosts_row, change->event, entry.text);

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr char function[] = "sshd_apply_hostkeyalgo";
 
 // The entries hold the lists.
@@ -108,7 +107,7 @@ platform_status reset_host_keys(const datastore_change& change) {
 
 platform_status sshd_apply_hostkeyalgo(const datastore_change* change, const datastore_path_components*) {
     debug_print("Event:=%d, Config:=ssh server algo hostkey", static_cast<int>(change->event));
-    if ((change->event & create_or_set) != 0 && change->value != nullptr) {
+    if ((change->event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && change->value != nullptr) {
         return set_host_keys(*change);
     }
     return (change->event & DATASTORE_EVENT_DELETE) != 0 ? reset_host_keys(*change) : PLATFORM_OK;

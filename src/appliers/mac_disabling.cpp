@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 struct mac_row {
     const char* item;  ///< last component of the item's path
     const char* server_path;
@@ -82,7 +80,7 @@ bool is_the_last(const algorithm_side& side, const datastore_change& change, siz
 platform_status verify(const algorithm_side& side, const datastore_change& change, char** error_text,
                        uint32_t* accepted, const datastore_path_components& components) {
     const size_t item = mac_of(components);
-    if ((change.event & create_or_set) != 0 && item < mac_count && is_the_last(side, change, item)) {
+    if ((change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && item < mac_count && is_the_last(side, change, item)) {
         return refuse_change(error_text, accepted, EINVAL, appliers_trace_mac_refused, "%s",
                              "All three hmacs cannot be disabled");
     }
@@ -119,7 +117,7 @@ void rebuild_list(const algorithm_side& side) {
 platform_status apply(const algorithm_side& side, mac item, const datastore_change& change) {
     debug_print(side.text.mac_events[item], static_cast<int>(change.event));
     const bool deletes = (change.event & DATASTORE_EVENT_DELETE) != 0;
-    if (!deletes && (change.event & create_or_set) == 0) {
+    if (!deletes && (change.event & DATASTORE_EVENT_CREATE_OR_SET) == 0) {
         return PLATFORM_OK;
     }
     side.hmac_disabled[item] = !deletes && number_of(change) != 0 ? 1 : 0;

@@ -11,8 +11,6 @@ uint32_t server_logging_configured = 0;
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 constexpr setting_row logging_row = {
     .trace_point = appliers_trace_logging,
     .entry = &server_config.parameters[SERVER_LOG_LEVEL],
@@ -37,7 +35,7 @@ platform_status refuse_port_forwarding(const char* text, trace_error_point point
 
 platform_status sshd_apply_logging(const datastore_change* change, const datastore_path_components*) {
     debug_print(logging_row.event_text, static_cast<int>(change->event));
-    const bool configured = (change->event & create_or_set) != 0;
+    const bool configured = (change->event & DATASTORE_EVENT_CREATE_OR_SET) != 0;
     if (!configured && (change->event & DATASTORE_EVENT_DELETE) == 0) {
         return PLATFORM_OK;
     }
@@ -52,7 +50,7 @@ platform_status sshd_apply_logging(const datastore_change* change, const datasto
 }
 
 platform_status check_port_forwarding(const datastore_change& change) {
-    if ((change.event & create_or_set) != 0) {
+    if ((change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0) {
         const uint32_t value = change.value != nullptr ? *static_cast<const uint32_t*>(change.value) : UINT32_MAX;
         if (value > 1) {
             return refuse_port_forwarding("invalid create/set value for port forwarding",

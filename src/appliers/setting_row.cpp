@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
-
 /// Time and volume after which a session renews its keys.
 struct rekey_limit {
     int megabytes = 1024;
@@ -39,7 +37,7 @@ platform_status apply_setting(const setting_row& row, const datastore_change& ch
     if (const platform_status status = row.check != nullptr ? row.check(change) : PLATFORM_OK; status != PLATFORM_OK) {
         return status;
     }
-    if ((change.event & create_or_set) != 0 && change.value != nullptr) {
+    if ((change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && change.value != nullptr) {
         put_setting(row, change.event, row.make_text(row, static_cast<const uint32_t*>(change.value)));
     } else if ((change.event & DATASTORE_EVENT_DELETE) != 0) {
         put_setting(row, change.event, row.make_text(row, nullptr));

@@ -17,7 +17,6 @@
 
 namespace {
 
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr size_t warning_size = 64;
 constexpr char user_trustpoint_tree[] = "cmn/trustpoint/user/";
 
@@ -156,7 +155,7 @@ platform_status sshd_apply_trustpoint_host(const datastore_change* change, const
 platform_status user_trustpoint_verifier(const datastore_change* change, char** error_text, uint32_t* accepted,
                                          const datastore_path_components* components) {
     char name[trustpoint_size];
-    if ((change->event & create_or_set) != 0 && read_name(components, name) && !has_room_for(name)) {
+    if ((change->event & DATASTORE_EVENT_CREATE_OR_SET) != 0 && read_name(components, name) && !has_room_for(name)) {
         return refuse_change(error_text, accepted, EINVAL, appliers_trace_trustpoint_refused,
                              "More than 10 trustpoints cannot be configured");
     }
@@ -189,7 +188,7 @@ platform_status ssh_apply_certificate_username(const datastore_change* change, c
         debug_print("(%s) config removed", __func__);
         username_flags[FLAG_COMMON_NAME] = 1;
         username_flags[FLAG_USER_PRINCIPAL_NAME] = 0;
-    } else if ((change->event & create_or_set) == 0 || change->value == nullptr ||
+    } else if ((change->event & DATASTORE_EVENT_CREATE_OR_SET) == 0 || change->value == nullptr ||
                unpack_flags(*change, username_flag_count, "CERT-USERNAME-APPLY", username_flags) != PLATFORM_OK) {
         return PLATFORM_OK;
     }

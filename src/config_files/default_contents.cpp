@@ -40,8 +40,6 @@ struct initial_line {
     line_writer write;
 };
 
-constexpr uint32_t NOT_AT_START = 0;
-
 int write_client_line(uint32_t event, const char* keyword, const char* value, uint32_t) {
     update_client_config_file(event, keyword, value);
     return 0;

@@ -17,7 +17,6 @@ constexpr char blanks[] = " \t\r\v\f";
 constexpr char host_key[] = "HostKey";
 constexpr char own_keyword[] = "Port";
 constexpr char own_subsystem[] = "Subsystem netconf";
-constexpr uint32_t NOT_AT_START = 0;
 
 int update_one_string_in_file(const char* file, const char* keyword, int add, char* new_line, uint32_t* change) {
     return update_string_in_file(file, keyword, add, new_line, change);

@@ -11,6 +11,9 @@
 
 struct vrf_node;
 
+/// In place of the position of a keyword's line among those that every start writes: its line is not among them.
+inline constexpr uint32_t NOT_AT_START = 0;
+
 enum server_parameter : size_t {
     SERVER_START_MARKER,
 #define SERVER_KEYWORD(index, ...) index,

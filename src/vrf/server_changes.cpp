@@ -1,7 +1,5 @@
 #include "vrf/server_changes.h"
 
-#include <sys/wait.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -120,13 +118,6 @@ void report_unit(const char* verb, const char* vrf_name, const batch_result& res
 }
 
 // --- Stops -----------------------------------------------------------------------------------------------------------
-
-/// systemctl's exit status for a unit that it does not know.
-constexpr int unit_not_loaded = 5;
-
-bool nothing_was_left_running(int status) {
-    return status == 0 || (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == unit_not_loaded);
-}
 
 bool has_stopped(const char* vrf_name, const batch_result& result) {
     if (!result.states_known) {

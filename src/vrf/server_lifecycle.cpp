@@ -1,7 +1,5 @@
 #include "vrf/server_lifecycle.h"
 
-#include <sys/wait.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -28,10 +26,7 @@
 namespace {
 
 constexpr size_t line_size = 4096;
-constexpr size_t command_size = 256;
-
-/// systemctl's exit status for a unit that it does not know.
-constexpr int unit_not_loaded = 5;
+constexpr size_t systemctl_command_size = 256;
 
 bool servers_held_down = false;
 
@@ -59,7 +54,7 @@ int start_server(const char* vrf_name) {
     }
     debug_print("%s, vrf:=%s, will start sshd", "ssh_process_restart", vrf_name);
     block_vrf(vrf_name);
-    char command[command_size];
+    char command[systemctl_command_size];
     format_text(command, sizeof command, "systemctl restart sshd_service_%s", vrf_name);
     int status = 0;
     const bool failed = shell_command_failed(command, &status);
@@ -76,12 +71,11 @@ int stop_server(const char* vrf_name) {
     if (put_off_stop(vrf_name)) {
         return 0;
     }
-    char command[command_size];
+    char command[systemctl_command_size];
     format_text(command, sizeof command, "systemctl stop sshd_service_%s", vrf_name);
     int status = 0;
     const bool failed = shell_command_failed(command, &status);
-    const bool none_to_stop = status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == unit_not_loaded;
-    report_server(vrf_name, command, none_to_stop ? 0 : status);
+    report_server(vrf_name, command, nothing_was_left_running(status) ? 0 : status);
     if (failed) {
         server_has_not_stopped(vrf_name);
         return -1;
@@ -117,7 +111,7 @@ int read_probe_line(const char* vrf_name, char* line, int size) {
 
 /// Asks systemd whether the VRF's server is running. Returns 0 and the answer, or -1 if that cannot be determined.
 int probe_server(const char* vrf_name, bool* active) {
-    char command[command_size];
+    char command[systemctl_command_size];
     format_text(command, sizeof command, paths::service_probe_command, vrf_name);
     if (run_shell_command(command, systemctl_limit) == -1) {
         const int error = errno;

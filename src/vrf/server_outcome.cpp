@@ -1,5 +1,7 @@
 #include "vrf/server_outcome.h"
 
+#include <sys/wait.h>
+
 #include <cerrno>
 
 #include "config_files/restart_record.h"
@@ -15,6 +17,9 @@
 namespace {
 
 constexpr size_t report_size = 512;
+
+/// systemctl's exit status for a unit that it does not know.
+constexpr int unit_not_loaded = 5;
 
 /// Records whether a failed start leaves the VRF blocked.
 void note_start_failed(const char* vrf_name, bool failed) {
@@ -33,6 +38,10 @@ void load_failed_lists(const char* vrf_name) {
 }
 
 }  // namespace
+
+bool nothing_was_left_running(int status) {
+    return status == 0 || (status != -1 && WIFEXITED(status) && WEXITSTATUS(status) == unit_not_loaded);
+}
 
 void report_server(const char* vrf_name, const char* command, int status) {
     const int error = errno;

@@ -6,6 +6,9 @@
 /// Leaves errno alone.
 void report_server(const char* vrf_name, const char* command, int status);
 
+/// Whether run_shell_command's result of "systemctl stop" means that no server is left: systemd need not know the unit.
+bool nothing_was_left_running(int status);
+
 /// The server was started: lists that could not be loaded before are tried again, and the VRF is unblocked.
 void server_has_started(const char* vrf_name);
 

@@ -32,7 +32,6 @@ namespace {
 
 constexpr char default_vrf[] = "default";
 constexpr uint32_t vrf_name_component = 2;
-constexpr uint32_t create_or_set = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
 constexpr size_t namespace_name_size = sizeof "vrf-" + vrf_name_size;
 
 /// The settings requested by a VRF item.
@@ -109,7 +108,7 @@ const char* given_name(const char* text) {
 /// Unpacks the item's value; a deleted item has none. Returns 0, or -1 after logging the failure.
 int read_request(const datastore_change& change, const char* vrf_name, vrf_request* request) {
     *request = {vrf_name, nullptr, nullptr};
-    if ((change.event & create_or_set) == 0) {
+    if ((change.event & DATASTORE_EVENT_CREATE_OR_SET) == 0) {
         return 0;
     }
     tuple_field fields[3] = {};
@@ -407,7 +406,7 @@ platform_status apply_vrf_item(const server_kind& kind, const datastore_change& 
     }
     kind.describe(find_vrf_node(vrf_name), request);
     trace_event(vrf_trace_item_applied, {vrf_name, kind.service, change.event});
-    if ((change.event & create_or_set) != 0) {
+    if ((change.event & DATASTORE_EVENT_CREATE_OR_SET) != 0) {
         if (change.previous == nullptr) {
             return create_item(kind, change.event, request);
         }
@@ -498,7 +497,7 @@ platform_status sshd_apply_ver_func(const datastore_change* change, const datast
     debug_print("Event:=%d, Config:=ssh server v2", static_cast<int>(change->event));
     trace_event(vrf_trace_item_applied, {default_vrf, MPP_SERVICE_SSH, change->event});
     int result = 0;
-    if ((change->event & create_or_set) != 0) {
+    if ((change->event & DATASTORE_EVENT_CREATE_OR_SET) != 0) {
         result = start_default_server(change->event);
     } else if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
         result = stop_default_server();

@@ -8,20 +8,8 @@
 
 namespace {
 
-constexpr size_t shown_max = 4096;
-
-std::string plain(const control_json& value) {
-    if (value.is_null()) {
-        return "-";
-    }
-    if (value.is_boolean()) {
-        return value.get<bool>() ? "yes" : "no";
-    }
-    return text_escape(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value), shown_max);
-}
-
 std::string heading(const std::string& name) {
-    std::string words = text_escape(name, shown_max);
+    std::string words = text_escape(name, ctl_shown_max);
     std::replace(words.begin(), words.end(), '_', ' ');
     return words;
 }
@@ -49,7 +37,7 @@ table_cells cells_of(const control_json& records, const std::vector<std::string>
         std::vector<std::string>& line = cells.emplace_back();
         for (const std::string& name : names) {
             const auto value = record.find(name);
-            line.push_back(value == record.end() ? "-" : plain(*value));
+            line.push_back(value == record.end() ? "-" : ctl_value_text(*value));
         }
     }
     return cells;
@@ -94,7 +82,7 @@ std::string block_text(const control_json& record, size_t indent) {
         if (value.is_structured()) {
             text += heading(name) + (value.empty() ? ": none\n" : ":\n" + blocks_text(value, indent + 2));
         } else {
-            text += ctl_padded(heading(name) + ":", width + 1) + ' ' + plain(value) + '\n';
+            text += ctl_padded(heading(name) + ":", width + 1) + ' ' + ctl_value_text(value) + '\n';
         }
     }
     return text;
@@ -108,12 +96,23 @@ std::string blocks_text(const control_json& records, size_t indent) {
     for (const control_json& record : records) {
         const bool structured = record.is_structured();
         text += text.empty() || !structured ? "" : "\n";
-        text += structured ? blocks_text(record, indent) : std::string(indent, ' ') + plain(record) + '\n';
+        text += structured ? blocks_text(record, indent) : std::string(indent, ' ') + ctl_value_text(record) + '\n';
     }
     return text;
 }
 
 }  // namespace
+
+std::string ctl_value_text(const control_json& value) {
+    if (value.is_null()) {
+        return "-";
+    }
+    if (value.is_boolean()) {
+        return value.get<bool>() ? "yes" : "no";
+    }
+    return text_escape(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value),
+                       ctl_shown_max);
+}
 
 std::string ctl_records_text(const control_json& records, size_t width) {
     if (records.empty()) {
@@ -146,7 +145,7 @@ std::string ctl_data_text(const control_json& data, size_t width) {
     if (data.is_array()) {
         return ctl_records_text(data, width);
     }
-    return data.is_object() ? ctl_record_text(data) : plain(data) + '\n';
+    return data.is_object() ? ctl_record_text(data) : ctl_value_text(data) + '\n';
 }
 
 std::string ctl_configuration_text(const control_json& items) {

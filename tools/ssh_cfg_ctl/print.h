@@ -7,6 +7,12 @@
 
 #include "control_protocol/json_text.h"
 
+/// The bytes of one text in an answer that are shown.
+inline constexpr size_t ctl_shown_max = 4096;
+
+/// A plain value in words, "-" for null; other values as JSON.
+std::string ctl_value_text(const control_json& value);
+
 /// Objects of plain values as a table, with their names as headings and one line per object; objects with nested values,
 /// or too wide for a line of `width` columns (0: unlimited), as blocks.
 std::string ctl_records_text(const control_json& records, size_t width);

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t shown_max = 1024;
+constexpr size_t work_max = 1024;
 constexpr char clear_line[] = "\r\x1b[K";
 
 /// The beginning of a text of printable characters that fits a line.
@@ -23,7 +23,7 @@ std::string ctl_progress_text(const control_json& report) {
     if (total > 0) {
         text += std::to_string(report.value("done", uint64_t{0})) + " of " + std::to_string(total) + ": ";
     }
-    return text + text_escape(report.value("work", "busy"), shown_max);
+    return text + text_escape(report.value("work", "busy"), work_max);
 }
 
 ctl_progress_display::~ctl_progress_display() {

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr size_t shown_max = 4096;
 constexpr char nothing[] = "-";
 
 /// How a field's value is shown.
@@ -51,14 +50,7 @@ std::string value_text(const control_json& value, const value_form& form) {
     if (value.is_number()) {
         return number_text(value, form);
     }
-    if (value.is_boolean()) {
-        return value.get<bool>() ? "yes" : "no";
-    }
-    if (value.is_null()) {
-        return nothing;
-    }
-    const std::string text =
-        text_escape(value.is_string() ? value.get_ref<const std::string&>() : control_json_text(value), shown_max);
+    const std::string text = ctl_value_text(value);
     return text.empty() ? nothing : text;
 }
 

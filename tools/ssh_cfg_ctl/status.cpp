@@ -7,13 +7,12 @@
 
 namespace {
 
-constexpr size_t shown_max = 4096;
-
 /// A text from the agent, made safe for a terminal.
 std::string text_of(const control_json& object, const char* name) {
     const auto member = object.find(name);
-    return member != object.end() && member->is_string() ? text_escape(member->get_ref<const std::string&>(), shown_max)
-                                                         : std::string();
+    return member != object.end() && member->is_string()
+               ? text_escape(member->get_ref<const std::string&>(), ctl_shown_max)
+               : std::string();
 }
 
 control_json list_of(const control_json& object, const char* name) {
@@ -24,8 +23,8 @@ control_json list_of(const control_json& object, const char* name) {
 std::string joined(const control_json& list, const char* none) {
     std::string text;
     for (const control_json& member : list) {
-        text += (text.empty() ? "" : " ") +
-                (member.is_string() ? text_escape(member.get<std::string>(), shown_max) : control_json_text(member));
+        text += (text.empty() ? "" : " ") + (member.is_string() ? text_escape(member.get<std::string>(), ctl_shown_max)
+                                                                : control_json_text(member));
     }
     return text.empty() ? none : text;
 }

@@ -8,15 +8,15 @@ namespace {
 
 // Indexed by value.
 
-constexpr const char* states[] = {"negotiating", "authenticating", "established"};
+constexpr const char* state_names[] = {"negotiating", "authenticating", "established"};
 
-constexpr const char* versions[] = {"v1", "v2"};
+constexpr const char* version_names[] = {"v1", "v2"};
 
-constexpr const char* connection_types[] = {
+constexpr const char* connection_type_names[] = {
     "none", "shell", "command", "subsystem", "sftp", "netconf", "forwarding",
 };
 
-constexpr const char* authentication_types[] = {
+constexpr const char* authentication_names[] = {
     "password",
     "rsa-pubkey",
     "key-intr",
@@ -27,7 +27,7 @@ constexpr const char* authentication_types[] = {
     "x509-ecdsa256-pubkey",
 };
 
-constexpr const char* telemetry_versions[] = {"v2", "v1", "v1 and v2"};
+constexpr const char* telemetry_version_names[] = {"v2", "v1", "v1 and v2"};
 
 struct enumeration_row {
     std::string_view enumeration;
@@ -35,11 +35,11 @@ struct enumeration_row {
 };
 
 constexpr enumeration_row enumerations[] = {
-    {"states_en", states},
-    {"version_en", versions},
-    {"connection_type_en", connection_types},
-    {"authen_type_en", authentication_types},
-    {"openconfig_system_terminal_protocol_version_", telemetry_versions},
+    {"states_en", state_names},
+    {"version_en", version_names},
+    {"connection_type_en", connection_type_names},
+    {"authen_type_en", authentication_names},
+    {"openconfig_system_terminal_protocol_version_", telemetry_version_names},
 };
 
 struct algorithm_enumeration_row {

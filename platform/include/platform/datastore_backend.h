@@ -13,7 +13,12 @@ extern "C" {
 
 /// Event bits. The first creation of an item is delivered as create and set together, a change as set with the
 /// previous value present, a removal as delete; the initial scan delivers create and set.
-enum { DATASTORE_EVENT_CREATE = 1, DATASTORE_EVENT_SET = 2, DATASTORE_EVENT_DELETE = 4 };
+enum {
+    DATASTORE_EVENT_CREATE = 1,
+    DATASTORE_EVENT_SET = 2,
+    DATASTORE_EVENT_DELETE = 4,
+    DATASTORE_EVENT_CREATE_OR_SET = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET  ///< either sets a value
+};
 
 /// Forms of a value: 1 points at a uint32_t, 3 at NUL-terminated text, 5 at a packed tuple (platform/value_tuple.h).
 enum { DATASTORE_VALUE_NUMBER = 1, DATASTORE_VALUE_TEXT = 3, DATASTORE_VALUE_TUPLE = 5 };

@@ -15,43 +15,43 @@ namespace {
 constexpr char protocol_item[] = "/cfg/gl/crypto/ssh/server/sshd/v2";
 constexpr char default_vrf_item[] = "/cfg/gl/crypto/ssh/server/sshd/vrf/default";
 
-struct service_row {
+struct item_tree {
     const char* name;
     std::string_view items;  ///< the path of a VRF's item, without the VRF's name
 };
 
-constexpr service_row services[] = {
+constexpr item_tree item_trees[] = {
     {"SSH", "/cfg/gl/crypto/ssh/server/sshd/vrf/"},
     {"NETCONF", "/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/"},
 };
 
-struct family_row {
+struct item_list {
     const char* name;
     const char* article;
     uint32_t code;
     size_t field;  ///< of a VRF item
 };
 
-constexpr family_row families[] = {{"IPv4", "an IPv4", ACL_FAMILY_IPV4, 1}, {"IPv6", "an IPv6", ACL_FAMILY_IPV6, 2}};
+constexpr item_list item_lists[] = {{"IPv4", "an IPv4", ACL_FAMILY_IPV4, 1}, {"IPv6", "an IPv6", ACL_FAMILY_IPV6, 2}};
 
 /// The names of a VRF item's lists by family; empty for none.
-using list_names = std::array<std::string, std::size(families)>;
+using list_names = std::array<std::string, std::size(item_lists)>;
 
-const family_row& family_of(uint32_t code) {
-    return families[code == ACL_FAMILY_IPV6 ? 1 : 0];
+const item_list& family_of(uint32_t code) {
+    return item_lists[code == ACL_FAMILY_IPV6 ? 1 : 0];
 }
 
-const service_row* find_service(std::string_view path) {
-    const auto* found = std::find_if(std::begin(services), std::end(services),
-                                     [path](const service_row& row) { return path.starts_with(row.items); });
-    return found != std::end(services) ? found : nullptr;
+const item_tree* find_service(std::string_view path) {
+    const auto* found = std::find_if(std::begin(item_trees), std::end(item_trees),
+                                     [path](const item_tree& row) { return path.starts_with(row.items); });
+    return found != std::end(item_trees) ? found : nullptr;
 }
 
 list_names names_of(const datastore_value& value) {
     list_names names;
     const auto* fields = std::get_if<datastore_fields>(&value);
     for (size_t i = 0; fields != nullptr && i < names.size(); i++) {
-        const size_t field = families[i].field;
+        const size_t field = item_lists[i].field;
         const std::string* name = field < fields->size() && (*fields)[field].has_value()
                                       ? std::get_if<std::string>(&*(*fields)[field])
                                       : nullptr;
@@ -71,13 +71,12 @@ bool any_named(const list_names& names) {
     return std::any_of(names.begin(), names.end(), [](const std::string& name) { return !name.empty(); });
 }
 
-std::string list_text(const family_row& family, std::string_view name) {
+std::string list_text(const item_list& family, std::string_view name) {
     return std::string(family.name) + " access list " + std::string(name);
 }
 
 /// Reads a list. Returns why it restricts nobody; empty if it has entries.
-std::string reason_of_openness(const family_row& family, std::string_view name,
-                               std::vector<acl_stored_entry>& entries) {
+std::string reason_of_openness(const item_list& family, std::string_view name, std::vector<acl_stored_entry>& entries) {
     const platform_status status = acl_list_entries(family.code, name, entries);
     if (status == DATASTORE_NO_SUCH_LIST) {
         return "there is no " + list_text(family, name);
@@ -86,11 +85,11 @@ std::string reason_of_openness(const family_row& family, std::string_view name,
 }
 
 /// The beginning of a warning.
-std::string place_of(const service_row& service, std::string_view vrf) {
+std::string place_of(const item_tree& service, std::string_view vrf) {
     return "VRF " + std::string(vrf) + ": " + service.name;
 }
 
-std::string open_port(const service_row& service, std::string_view vrf, const family_row& family,
+std::string open_port(const item_tree& service, std::string_view vrf, const item_list& family,
                       const std::string& reason) {
     return place_of(service, vrf) + " is open to every " + family.name + " source: " + reason;
 }
@@ -105,13 +104,13 @@ struct named_list {
 /// Checks the items of a commit. Each list is read once, however many items name it.
 class commit_judge {
   public:
-    void judge(const service_row& service, std::string_view vrf, const list_names& names) {
+    void judge(const item_tree& service, std::string_view vrf, const list_names& names) {
         for (size_t i = 0; any_named(names) && i < names.size(); i++) {
             const std::string reason =
-                names[i].empty() ? std::string("the item names only ") + families[1 - i].article + " access list"
+                names[i].empty() ? std::string("the item names only ") + item_lists[1 - i].article + " access list"
                                  : use(i, names[i], service, vrf).reason;
             if (!reason.empty()) {
-                warnings.push_back(open_port(service, vrf, families[i], reason));
+                warnings.push_back(open_port(service, vrf, item_lists[i], reason));
             }
         }
     }
@@ -119,7 +118,7 @@ class commit_judge {
     /// Checks the entries of the lists in use.
     void end() {
         for (const auto& [key, list] : lists_) {
-            const family_row& family = families[key.first];
+            const item_list& family = item_lists[key.first];
             const std::vector<std::string> more =
                 acl_entry_warnings(family.code, list_text(family, key.second), list.entries, list.users);
             warnings.insert(warnings.end(), more.begin(), more.end());
@@ -129,13 +128,13 @@ class commit_judge {
     std::vector<std::string> warnings;
 
   private:
-    const named_list& use(size_t family, const std::string& name, const service_row& service, std::string_view vrf) {
+    const named_list& use(size_t family, const std::string& name, const item_tree& service, std::string_view vrf) {
         const auto [place, is_new] = lists_.try_emplace({family, name});
         named_list& list = place->second;
         if (is_new) {
-            list.reason = reason_of_openness(families[family], name, list.entries);
+            list.reason = reason_of_openness(item_lists[family], name, list.entries);
         }
-        list.users[&service - services].emplace_back(vrf);
+        list.users[&service - item_trees].emplace_back(vrf);
         return list;
     }
 
@@ -157,7 +156,7 @@ bool is_protocol_item_configured(const std::vector<datastore_item_outcome>& item
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items) {
     commit_judge judge;
     for (const datastore_item_outcome& item : items) {
-        const service_row* service = find_service(item.path);
+        const item_tree* service = find_service(item.path);
         if (service == nullptr) {
             continue;
         }
@@ -176,16 +175,16 @@ std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_ou
 }
 
 std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name) {
-    const family_row& row = family_of(family);
+    const item_list& row = family_of(family);
     std::vector<acl_stored_entry> entries;
     const std::string reason = reason_of_openness(row, name, entries);
     std::vector<std::string> warnings;
     acl_users users;
-    for (const service_row& service : services) {
+    for (const item_tree& service : item_trees) {
         datastore_visit(service.items, [&](const std::string& path, const datastore_value& value) {
-            if (names_of(value)[&row - families] == name) {
+            if (names_of(value)[&row - item_lists] == name) {
                 const std::string vrf = path.substr(service.items.size());
-                users[&service - services].push_back(vrf);
+                users[&service - item_trees].push_back(vrf);
                 if (!reason.empty()) {
                     warnings.push_back(open_port(service, vrf, row, reason));
                 }

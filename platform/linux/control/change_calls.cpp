@@ -13,7 +13,6 @@ namespace {
 
 /// How many refusals of one load are reported at once.
 constexpr size_t refusals_max = 20;
-constexpr size_t shown_path = 200;
 
 const char* outcome_name(datastore_outcome outcome) {
     switch (outcome) {
@@ -259,9 +258,9 @@ control_json control_call_set(const control_json& request, const control_peer& p
     }
     const change_call call = {"set", peer, false};
     if (word == nullptr && value->is_null()) {
-        return refuse(call, *path,
-                      {text_format("%s: null is not a value; use delete to remove an item",
-                                   text_escape(*path, shown_path).c_str())});
+        return refuse(
+            call, *path,
+            {text_format("%s: null is not a value; use delete to remove an item", schema_shown_path(*path).c_str())});
     }
     std::string refusal;
     const std::optional<datastore_change_request> change =

@@ -144,12 +144,12 @@ control_json control_call_key_list(const control_json& /*request*/, const contro
 control_json control_call_key_import(const control_json& request, const control_peer& peer) {
     std::string user;
     control_json problem = read_user(request, user);
-    const std::string* text = control_text_member(request, "text");
-    if (problem.is_null() && text == nullptr) {
-        problem = control_wrong_member("text", "a string");
-    }
     if (!problem.is_null()) {
         return problem;
+    }
+    const std::string* text = control_text_member(request, "text");
+    if (text == nullptr) {
+        return control_wrong_member("text", "a string");
     }
     problem = check_permission(peer, user);
     if (problem.is_null()) {

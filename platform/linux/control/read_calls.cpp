@@ -9,15 +9,13 @@
 
 namespace {
 
-constexpr size_t shown_path = 200;
-
 /// The format takes the path.
 control_json no_data(const char* format, const std::string& path) {
-    return control_answer(control_result::no_data, text_format(format, text_escape(path, shown_path).c_str()));
+    return control_answer(control_result::no_data, text_format(format, schema_shown_path(path).c_str()));
 }
 
 control_json failure(const std::string& path, platform_status status) {
-    return control_answer(control_result::failed, text_format("%s: %s (0x%x)", text_escape(path, shown_path).c_str(),
+    return control_answer(control_result::failed, text_format("%s: %s (0x%x)", schema_shown_path(path).c_str(),
                                                               platform_status_text(status), status));
 }
 

@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr size_t shown_path = 200;   ///< bytes of a path in a message
 constexpr size_t shown_value = 80;   ///< characters of a value
 constexpr size_t shown_error = 300;  ///< characters of a parser's error
 
@@ -18,8 +17,8 @@ struct value_place {
 
 /// The format takes the path, the value and the expected form.
 std::nullopt_t refuse(const value_place& place, const char* format, const std::string& value) {
-    place.refusal = text_format(format, text_escape(place.path, shown_path).c_str(), value.c_str(),
-                                schema_expected(place.row).c_str());
+    place.refusal =
+        text_format(format, schema_shown_path(place.path).c_str(), value.c_str(), schema_expected(place.row).c_str());
     return std::nullopt;
 }
 
@@ -157,7 +156,7 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
         return value_of({row, path, refusal}, *json, text_escape(word, shown_value));
     }
     if (looks_like_json(word)) {
-        refusal = text_format("%s: %s is not valid: %s; expected %s", text_escape(path, shown_path).c_str(),
+        refusal = text_format("%s: %s is not valid: %s; expected %s", schema_shown_path(path).c_str(),
                               text_escape(word, shown_value).c_str(), text_escape(error, shown_error).c_str(),
                               schema_expected(row).c_str());
         return std::nullopt;

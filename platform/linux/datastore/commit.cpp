@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr size_t shown_path = 200;  ///< bytes of a path in a message
-
 /// What a commit does with one item.
 struct planned_change {
     std::optional<datastore_stored> previous;
@@ -143,7 +141,7 @@ bool plan_item(const datastore_change_request& request, commit_plan& plan, datas
     if (!is_new) {
         return refuse(result, EINVAL, datastore_refused_by::schema, request.path,
                       text_format("%s: changed twice in one commit; expected one change per item",
-                                  text_escape(request.path, shown_path).c_str()));
+                                  schema_shown_path(request.path).c_str()));
     }
     return request.value ? plan_value(request, place->second, result)
                          : plan_deletion(request.path, place->second, result);
@@ -167,9 +165,9 @@ bool plan_tree_deletion(const std::string& tree, commit_plan& plan, datastore_co
         return refuse_store(result, status);
     }
     if (!any) {
-        return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
-                      text_format("%s: cannot delete, nothing is configured below this path",
-                                  text_escape(tree, shown_path).c_str()));
+        return refuse(
+            result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
+            text_format("%s: cannot delete, nothing is configured below this path", schema_shown_path(tree).c_str()));
     }
     return true;
 }

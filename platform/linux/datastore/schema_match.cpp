@@ -10,7 +10,6 @@ namespace {
 
 constexpr size_t path_limit = 1024;       ///< bytes of a path
 constexpr size_t comparison_limit = 128;  ///< bytes of a path that are compared to find the nearest item
-constexpr size_t shown_path = 200;        ///< bytes of a path in a message
 constexpr size_t shown_name = 80;
 
 /// Removes the first component of `path`, which begins with '/'.
@@ -116,24 +115,28 @@ const schema_row& nearest_row(std::string_view path) {
 
 std::string unknown_path(std::string_view path) {
     if (path.empty() || path[0] != '/') {
-        return text_format("%s: not an absolute path; expected an item such as %s",
-                           text_escape(path, shown_path).c_str(), schema_rows().front().pattern);
+        return text_format("%s: not an absolute path; expected an item such as %s", schema_shown_path(path).c_str(),
+                           schema_rows().front().pattern);
     }
     const schema_row& row = nearest_row(path);
     if (row.wildcard.help == nullptr) {
-        return text_format("%s: no such item; the closest match is %s", text_escape(path, shown_path).c_str(),
-                           row.pattern);
+        return text_format("%s: no such item; the closest match is %s", schema_shown_path(path).c_str(), row.pattern);
     }
-    return text_format("%s: no such item; the closest match is %s, where * is %s",
-                       text_escape(path, shown_path).c_str(), row.pattern, schema_form_in_words(row.wildcard).c_str());
+    return text_format("%s: no such item; the closest match is %s, where * is %s", schema_shown_path(path).c_str(),
+                       row.pattern, schema_form_in_words(row.wildcard).c_str());
 }
 
 std::string wrong_name(std::string_view path, std::string_view name, const schema_row& row) {
-    return text_format("%s: \"%s\" is not allowed in this path; expected %s", text_escape(path, shown_path).c_str(),
+    return text_format("%s: \"%s\" is not allowed in this path; expected %s", schema_shown_path(path).c_str(),
                        text_escape_quoted(name, shown_name).c_str(), schema_form_in_words(row.wildcard).c_str());
 }
 
 }  // namespace
+
+std::string schema_shown_path(std::string_view path) {
+    constexpr size_t bytes_max = 200;
+    return text_escape(path, bytes_max);
+}
 
 const schema_row* schema_find(std::string_view path, std::string* refusal) {
     if (const schema_row* row = find_literally(path)) {

@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr size_t shown_path = 200;  ///< bytes of a path in a message
 constexpr size_t shown_value = 80;
 
 /// What is wrong with a value; the whole sentence, a format for the path (and field), the value and the expected form.
@@ -214,9 +213,9 @@ complaint take_tuple(const schema_row& row, std::string_view path, const datasto
         const schema_field& field = row.fields[i];
         const complaint what = take_scalar(field.form, *(*fields)[i], taken[i]);
         if (what != complaint::none) {
-            refusal = complain(
-                what, text_format("%s: field %zu (%s)", text_escape(path, shown_path).c_str(), i + 1, field.name),
-                display_scalar(*(*fields)[i]), schema_form_in_words(field.form));
+            refusal =
+                complain(what, text_format("%s: field %zu (%s)", schema_shown_path(path).c_str(), i + 1, field.name),
+                         display_scalar(*(*fields)[i]), schema_form_in_words(field.form));
             return what;
         }
     }
@@ -357,7 +356,7 @@ platform_status schema_store(const schema_row& row, std::string_view path, const
     if (what != complaint::none) {
         refusal = !field_refusal.empty()
                       ? field_refusal
-                      : complain(what, text_escape(path, shown_path), schema_display(value), schema_expected(row));
+                      : complain(what, schema_shown_path(path), schema_display(value), schema_expected(row));
         return EINVAL;
     }
     if (is_tuple) {

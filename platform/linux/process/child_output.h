@@ -8,6 +8,9 @@
 
 #include "platform/status.h"
 
+/// Limit of a query whose answer an operator waits for.
+inline constexpr std::chrono::milliseconds child_output_limit{3000};
+
 /// Runs `work` in a child process and stores what it writes to the descriptor it is given. `work` may execute a program;
 /// its result is the child's exit status. Returns ETIMEDOUT if the child did not end in time (it has been killed, with
 /// the processes of its group), EIO if its exit status was not 0, or an errno value; `output` is then unchanged.

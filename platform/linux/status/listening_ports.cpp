@@ -28,7 +28,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds limit{3000};
 constexpr unsigned listen_state = 10;  ///< TCP_LISTEN
 
 struct closer {
@@ -126,8 +125,9 @@ platform_status listening_ports_query(const std::vector<pid_t>& processes, std::
     ports.assign(processes.size(), {});
     std::string text;
     const platform_status status =
-        processes.empty() ? platform_status{PLATFORM_OK}
-                          : child_output([&processes](int fd) { return write_ports(processes, fd); }, limit, text);
+        processes.empty()
+            ? platform_status{PLATFORM_OK}
+            : child_output([&processes](int fd) { return write_ports(processes, fd); }, child_output_limit, text);
     std::istringstream lines(text);
     size_t place = 0;
     unsigned port = 0;

@@ -28,8 +28,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds limit{3000};
-
 struct table_row {
     uint32_t service;
     uint32_t family;
@@ -97,7 +95,7 @@ platform_status loaded_rules_query(const std::vector<rule_place>& places, std::s
     }
     std::string findings;
     const platform_status status =
-        child_output([&places](int fd) { return write_findings(places, fd); }, limit, findings);
+        child_output([&places](int fd) { return write_findings(places, fd); }, child_output_limit, findings);
     for (size_t i = 0; i < std::min(places.size(), findings.size()); i++) {
         if (findings[i] == '1') {
             loaded.insert(places[i]);

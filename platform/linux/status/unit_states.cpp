@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds limit{3000};
 constexpr std::string_view unit_prefix = "sshd_service_";
 constexpr std::string_view unit_suffix = ".service";
 
@@ -86,7 +85,8 @@ platform_status server_unit_states_query(const std::vector<std::string>& vrf_nam
                                       "--property=Id,LoadState,ActiveState,SubState,Result,MainPID", "--"};
     std::transform(vrf_names.begin(), vrf_names.end(), std::back_inserter(words), server_unit_name);
     std::string text;
-    const platform_status status = child_output([&words](int fd) { return become_systemctl(words, fd); }, limit, text);
+    const platform_status status =
+        child_output([&words](int fd) { return become_systemctl(words, fd); }, child_output_limit, text);
     if (status == PLATFORM_OK) {
         units = server_unit_states_parse(text);
     }

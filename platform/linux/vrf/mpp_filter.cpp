@@ -48,19 +48,19 @@ struct port_key {
 };
 static_assert(sizeof(port_key) == 8);
 
-struct port_row {
+struct port_element {
     filter_ports bit;
     uint8_t family;
     uint16_t port;
 };
-constexpr port_row service_ports[] = {
+constexpr port_element port_elements[] = {
     {filter_ssh_ipv4, NFPROTO_IPV4, 22},
     {filter_ssh_ipv6, NFPROTO_IPV6, 22},
     {filter_netconf_ipv4, NFPROTO_IPV4, 830},
     {filter_netconf_ipv6, NFPROTO_IPV6, 830},
 };
 
-port_key key_of(const port_row& row) {
+port_key key_of(const port_element& row) {
     return {row.family, {}, htons(row.port), {}};
 }
 
@@ -148,7 +148,7 @@ void add_set(filter_batch& batch) {
 
 void add_ports(filter_batch& batch, filter_ports ports) {
     const set_pointer set = make_set();
-    for (const port_row& row : service_ports) {
+    for (const port_element& row : port_elements) {
         if ((ports & row.bit) == 0) {
             continue;
         }
@@ -338,7 +338,7 @@ int note_table(const nlmsghdr* header, void* data) {
 int note_port(nftnl_set_elem* element, void* data) {
     uint32_t size = 0;
     const void* key = nftnl_set_elem_get(element, NFTNL_SET_ELEM_KEY, &size);
-    for (const port_row& row : service_ports) {
+    for (const port_element& row : port_elements) {
         const port_key expected = key_of(row);
         if (key != nullptr && size == sizeof expected && memcmp(key, &expected, size) == 0) {
             *static_cast<filter_ports*>(data) |= row.bit;

@@ -33,7 +33,7 @@ constexpr char parent_directory[] = "/run";
 constexpr char directory_name[] = "netns";
 constexpr uint64_t first_retry = 20000;  ///< microseconds
 constexpr uint64_t longest_retry = 2000000;
-constexpr uint64_t retry_accuracy = 1000;
+constexpr uint64_t look_accuracy = 1000;
 
 /// Distinguishes a namespace from a later one of the same name.
 struct namespace_identity {
@@ -284,7 +284,7 @@ void look_at_pending(namespace_watch& watch) {
     }
 }
 
-int retry_is_due(sd_event_source*, uint64_t, void* userdata) {
+int look_is_due(sd_event_source*, uint64_t, void* userdata) {
     try {
         look_at_pending(*static_cast<namespace_watch*>(userdata));
     } catch (const std::exception& failure) {
@@ -342,8 +342,8 @@ int deliver(sd_event_source*, void* userdata) {
 /// The sources besides the watches. Returns 0 or a negative errno value.
 int add_sources(namespace_watch& watch) {
     sd_event* loop = event_manager_sd_event(watch.manager);
-    int result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, retry_accuracy,
-                                            retry_is_due, &watch);
+    int result = sd_event_add_time_relative(loop, &watch.retry, CLOCK_MONOTONIC, first_retry, look_accuracy,
+                                            look_is_due, &watch);
     if (result >= 0) {
         result = sd_event_source_set_enabled(watch.retry, SD_EVENT_OFF);
     }

@@ -9,7 +9,7 @@
 #include "vrf/vrf_appliers.h"
 #include "vrf_test.h"
 
-inline constexpr uint32_t created = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET;
+inline constexpr uint32_t created = DATASTORE_EVENT_CREATE_OR_SET;
 inline constexpr uint32_t changed = DATASTORE_EVENT_SET;
 inline constexpr uint32_t deleted = DATASTORE_EVENT_DELETE;
 
