@@ -8,7 +8,7 @@ TEST_REPORTS ?= $(BUILD)/reports
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench lint tidy install clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench lint install clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
@@ -87,15 +87,5 @@ lint: compile-commands
 		--enable=warning,performance,portability --suppressions-list=.cppcheck-suppressions \
 		--cppcheck-build-dir=$(BUILD)/cppcheck -I src -I platform -I platform/include -I tools/ssh_cfg_ctl $(compiled)
 	@echo 'clang-tidy: $(words $(compiled)) files'
-	@$(MAKE) --no-print-directory -k -j $(JOBS) tidy
+	@tools/tidy $(BUILD) --jobs $(JOBS) --headers $(headers) -- $(compiled)
 	@echo 'lint: clean'
-
-# A file that passed is checked again only if it, a header or the checks have changed.
-tidied = $(compiled:%=$(BUILD)/tidy/%.clean)
-
-tidy: $(tidied)
-
-$(BUILD)/tidy/%.clean: % $(headers) .clang-tidy
-	@mkdir -p $(@D)
-	@clang-tidy --quiet -p $(BUILD) $< 2>$@.log || { cat $@.log; false; }
-	@touch $@
