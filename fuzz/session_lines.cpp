@@ -1,7 +1,7 @@
-/// Reports about a session. Whatever the lines say, the facts stay within their fields and give an answer whose texts
+/// Lines about a session. Whatever they say, the facts stay within their fields and give an answer whose texts
 /// are terminated; what the log shows of a line is part of it.
 ///
-/// Input: one byte of switches, then lines, each a report of the same session.
+/// Input: one byte of switches, then lines, each about the same session.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -9,8 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "openssh/reporter/fact_rows.h"
 #include "openssh/reporter/log_filter.h"
-#include "openssh/sessions/fact_rows.h"
 #include "openssh/sessions/snapshot.h"
 
 namespace {

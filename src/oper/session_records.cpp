@@ -167,7 +167,9 @@ filled fill_rekey(const session_report& report, const session_snapshot& snapshot
     bool failed = false;
     if (seconds > 0) {
         entry->TimeToRekey = quantity_text(static_cast<double>(seconds) / seconds_per_minute, &failed);
-        entry->VolumeToRekey = quantity_text(snapshot.data_to_rekey * mebibytes_per_byte, &failed);
+        if (snapshot.data_to_rekey != SESSION_DATA_UNKNOWN) {
+            entry->VolumeToRekey = quantity_text(snapshot.data_to_rekey * mebibytes_per_byte, &failed);
+        }
     }
     return finished(report, side, failed);
 }

@@ -148,7 +148,7 @@ int run_call(const ctl_command_line& line) {
             return run_watch(line, settings, request.document);
         }
         control_json answer = ctl_ask_to_the_end(settings, request.document);
-        ctl_explain_no_data(request.document, answer);
+        ctl_explain_sessions(request.document, answer);
         return report(line, *row, answer);
     }
     if (request.problem.contains("message")) {

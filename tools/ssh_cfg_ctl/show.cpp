@@ -196,6 +196,7 @@ constexpr session_view session_views[] = {
 };
 
 constexpr std::array list_headings = {"Incoming sessions", "Outgoing sessions"};
+constexpr std::array directions = {"incoming", "outgoing"};
 
 /// A line of a record about a single thing.
 struct list_field {
@@ -254,11 +255,17 @@ constexpr list_view list_views[] = {
     {"overlay_crypto_ssh_system", telemetry_state, telemetry_fields},
 };
 
-/// Reads about sessions: no data means no sessions.
-constexpr std::string_view session_trees[] = {
-    "/oper/crypto-ssh/gl/session_xml/",
-    "/oper/crypto-ssh/gl/sshddata/",
-    "/oper/crypto-ssh/client/",
+/// Reads about sessions, of one direction or of both.
+struct session_tree {
+    std::string_view path;
+    bool is_of_servers;
+    bool is_of_clients;
+};
+
+constexpr session_tree session_trees[] = {
+    {"/oper/crypto-ssh/gl/session_xml/", true, true},
+    {"/oper/crypto-ssh/gl/sshddata/", true, false},
+    {"/oper/crypto-ssh/client/", false, true},
 };
 constexpr std::string_view session_items[] = {"brief", "detail", "rekey"};
 
@@ -285,10 +292,29 @@ bool is_shown(const session_column& column, const control_json& sessions) {
            });
 }
 
+std::string silent_text(int64_t count) {
+    return std::to_string(count) + (count == 1 ? " session" : " sessions") + " did not answer";
+}
+
+/// How many sessions there are of a direction ("incoming") besides those in the list. An element without an id stands
+/// for one that did not answer. The answer may have been made while a session ended or began.
+int64_t silent_sessions(const control_json& answer, const char* direction, const control_json& sessions) {
+    const control_json& total = member(member(answer, "sessions"), direction);
+    if (!total.is_number_integer()) {
+        return 0;
+    }
+    const auto shown =
+        !sessions.is_array() ? 0 : std::count_if(sessions.begin(), sessions.end(), [](const control_json& session) {
+            const control_json& id = member(session, "SessionID");
+            return id.is_number_integer() && !is_unknown(id.get<int64_t>());
+        });
+    return std::max<int64_t>(total.get<int64_t>() - shown, 0);
+}
+
 std::string sessions_text(const control_json& sessions, std::span<const session_column> columns, size_t width,
-                          size_t indent) {
+                          size_t indent, int64_t silent = 0) {
     if (!sessions.is_array() || sessions.empty()) {
-        return std::string(indent, ' ') + "no sessions\n";
+        return std::string(indent, ' ') + (silent == 0 ? "no sessions" : silent_text(silent)) + '\n';
     }
     ctl_table table;
     table.rows.resize(sessions.size());
@@ -304,14 +330,17 @@ std::string sessions_text(const control_json& sessions, std::span<const session_
     return ctl_table_text(table, width, indent);
 }
 
-std::string session_view_text(const session_view& view, const control_json& data, size_t width) {
+std::string session_view_text(const session_view& view, const control_json& answer, size_t width) {
+    const control_json& data = member(answer, "data");
     if (view.lists[0] == no_lists) {
         return sessions_text(data, view.columns, width, 0);
     }
     std::string text;
     for (size_t index = 0; index < view.lists.size(); index++) {
-        text += (text.empty() ? "" : "\n") + std::string(list_headings.at(index)) + '\n' +
-                sessions_text(member(data, view.lists.at(index)), view.columns, width, 2);
+        const control_json& sessions = member(data, view.lists.at(index));
+        text +=
+            (text.empty() ? "" : "\n") + std::string(list_headings.at(index)) + '\n' +
+            sessions_text(sessions, view.columns, width, 2, silent_sessions(answer, directions.at(index), sessions));
     }
     return text;
 }
@@ -335,14 +364,41 @@ const view_row* find_view(std::span<const view_row> views, std::string_view reco
     return found == views.end() ? nullptr : &*found;
 }
 
-bool is_session_path(std::string_view path) {
+/// Null if no sessions are read at the path.
+const session_tree* find_session_tree(std::string_view path) {
     if (path.ends_with('/')) {
         path.remove_suffix(1);
     }
-    return std::any_of(std::begin(session_trees), std::end(session_trees), [path](std::string_view tree) {
-        return path.starts_with(tree) && std::find(std::begin(session_items), std::end(session_items),
-                                                   path.substr(tree.size())) != std::end(session_items);
-    });
+    const auto found =
+        std::find_if(std::begin(session_trees), std::end(session_trees), [path](const session_tree& tree) {
+            return path.starts_with(tree.path) && std::find(std::begin(session_items), std::end(session_items),
+                                                            path.substr(tree.path.size())) != std::end(session_items);
+        });
+    return found == std::end(session_trees) ? nullptr : &*found;
+}
+
+/// The list of a direction in an answer, whichever record it is.
+const control_json& sessions_of(const control_json& answer, const session_tree& tree, size_t direction) {
+    const control_json& data = member(answer, "data");
+    if (!tree.is_of_servers || !tree.is_of_clients) {
+        return data;
+    }
+    const session_view* view = find_view<session_view>(session_views, answer.value("record", ""));
+    return view == nullptr || view->lists[0] == no_lists ? data : member(data, view->lists.at(direction));
+}
+
+int64_t all_silent_sessions(const control_json& answer, const session_tree& tree) {
+    return (tree.is_of_servers ? silent_sessions(answer, directions[0], sessions_of(answer, tree, 0)) : 0) +
+           (tree.is_of_clients ? silent_sessions(answer, directions[1], sessions_of(answer, tree, 1)) : 0);
+}
+
+/// What is wrong with the sessions of an answer; empty if these are all.
+std::string missing_sessions_text(const control_json& answer, const session_tree& tree) {
+    if (answer.contains("sessions") && answer["sessions"].is_null()) {
+        return "the session responder does not answer, so sessions may be missing";
+    }
+    const int64_t silent = all_silent_sessions(answer, tree);
+    return silent == 0 ? "" : silent_text(silent);
 }
 
 }  // namespace
@@ -351,7 +407,7 @@ std::string ctl_show_text(const control_json& answer, size_t width) {
     const control_json& data = member(answer, "data");
     const std::string record = answer.value("record", "");
     if (const session_view* view = find_view<session_view>(session_views, record)) {
-        return session_view_text(*view, data, width);
+        return session_view_text(*view, answer, width);
     }
     if (const list_view* view = find_view<list_view>(list_views, record)) {
         return list_view_text(*view, data, width);
@@ -359,9 +415,18 @@ std::string ctl_show_text(const control_json& answer, size_t width) {
     return ctl_data_text(data, width);
 }
 
-void ctl_explain_no_data(const control_json& request, control_json& answer) {
-    const bool no_data = control_result_of_name(answer.value("result", "")) == control_result::no_data;
-    if (no_data && request.value("call", "") == "show" && is_session_path(request.value("path", ""))) {
-        answer["message"] = request.value("path", "") + ": no sessions";
+void ctl_explain_sessions(const control_json& request, control_json& answer) {
+    const std::string path = request.value("path", "");
+    const session_tree* tree = request.value("call", "") == "show" ? find_session_tree(path) : nullptr;
+    if (tree == nullptr) {
+        return;
+    }
+    const control_result result = control_result_of_name(answer.value("result", ""));
+    const std::string missing = missing_sessions_text(answer, *tree);
+    if (result == control_result::no_data) {
+        answer["message"] = path + ": " + (missing.empty() ? "no sessions" : missing);
+        answer.erase("sessions");
+    } else if (result == control_result::done && !missing.empty()) {
+        answer["warnings"].push_back(missing);
     }
 }

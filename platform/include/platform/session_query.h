@@ -15,6 +15,9 @@ enum {
     SESSION_CHANNEL_SLOTS = SESSION_CHANNELS + 1  ///< slot 0 is not used
 };
 
+/// The data left to the next rekey, where it cannot be counted.
+static const uint32_t SESSION_DATA_UNKNOWN = 0xffffffffU;
+
 /// Identical for every query. The process answers with the whole snapshot and ignores the third word.
 struct session_request {
     uint32_t zero;
@@ -43,7 +46,7 @@ struct session_snapshot {
     char out_cipher[100];
     char in_mac[100];
     char out_mac[100];
-    uint32_t data_to_rekey;  ///< bytes
+    uint32_t data_to_rekey;  ///< bytes, or SESSION_DATA_UNKNOWN
     char time_to_rekey[28];  ///< decimal seconds
     uint32_t session_pid;
     uint32_t open_channels;

@@ -2,6 +2,7 @@
 
 #include "common/text.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/session_totals.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
@@ -62,36 +63,56 @@ control_json control_call_dump(const control_json& /*request*/, const control_pe
     return status == PLATFORM_OK ? control_data_answer(std::move(items)) : failure("/", status);
 }
 
-control_json control_call_show(const control_json& request, const control_peer& /*peer*/) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
-    }
-    const datastore_answer answer = datastore_read(*path);
+namespace {
+
+control_json show(const std::string& path) {
+    const datastore_answer answer = datastore_read(path);
     switch (answer.status) {
         case DATASTORE_NO_SUCH_TREE:
-            return no_data("%s: no operational data is available at this path", *path);
+            return no_data("%s: no operational data is available at this path", path);
         case DATASTORE_NO_DATA:
         case DATASTORE_NOTHING_TO_ENCODE:
-            return no_data("%s: no data", *path);
+            return no_data("%s: no data", path);
         case PLATFORM_OK:
             break;
         default:
-            return failure(*path, answer.status);
+            return failure(path, answer.status);
     }
     if (answer.records.empty()) {
-        return no_data("%s: no data", *path);
+        return no_data("%s: no data", path);
     }
     control_json records = control_json::array();
     for (const datastore_record& record : answer.records) {
         control_json json;
         const platform_status status = record_to_json(record, json);
         if (status != PLATFORM_OK) {
-            return failure(*path, status);
+            return failure(path, status);
         }
         records.push_back(std::move(json));
     }
     control_json shown = control_data_answer(answer.is_list ? std::move(records) : std::move(records[0]));
     shown["record"] = answer.records[0].descriptor->name;
     return shown;
+}
+
+/// An object, or null if it is not known.
+control_json totals_to_json(const std::optional<session_totals>& totals) {
+    return totals ? control_json{{"incoming", totals->incoming}, {"outgoing", totals->outgoing}} : control_json();
+}
+
+}  // namespace
+
+control_json control_call_show(const control_json& request, const control_peer& /*peer*/) {
+    const std::string* path = control_text_member(request, "path");
+    if (path == nullptr) {
+        return control_wrong_member("path", "a string");
+    }
+    if (!control_is_session_path(*path)) {
+        return show(*path);
+    }
+    // The records are those of the sessions that answer; only the total says whether these are all.
+    const std::optional<session_totals> totals = control_ask_session_totals();
+    control_json answer = show(*path);
+    answer["sessions"] = totals_to_json(totals);
+    return answer;
 }

@@ -1,5 +1,5 @@
-/// Interposes the C library functions that sshd and ssh log with. Lines forced out for the responder are sent to it and
-/// suppressed; all others are passed through.
+/// Interposes the C library functions that sshd and ssh log with. Lines forced out for what they
+/// tell about the session are recorded and suppressed; all others are passed through.
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "openssh/reporter/log_filter.h"
-#include "openssh/reporter/sender.h"
+#include "openssh/reporter/recorder.h"
 #include "openssh/reporter/title.h"
 
 namespace {
@@ -24,23 +24,6 @@ bool filters_writes = false;
 /// Set if ssh logs to a file. The file is recognised by device and inode, because its descriptor is unknown.
 const char* log_file = nullptr;
 
-/// Decides what happens to a line. If a forced line is shown, its visible form is stored in `bare`.
-openssh::line_fate take_line(std::string_view written, char* bare, size_t bare_size, size_t& bare_length) {
-    openssh::log_line line;
-    const openssh::line_fate fate = openssh::judge_line(filter, written, line);
-    if (fate == openssh::line_fate::pass) {
-        return fate;
-    }
-    openssh::send_report(written);
-    if (filters_writes) {
-        openssh::keep_client_name();
-    } else {
-        openssh::follow_login(line);
-    }
-    bare_length = openssh::write_bare_line(line, bare, bare_size);
-    return fate;
-}
-
 void pass_on(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// Uses vsyslog(), which is not interposed.
@@ -49,6 +32,31 @@ void pass_on(int priority, const char* format, ...) {
     va_start(arguments, format);
     vsyslog(priority, format, arguments);
     va_end(arguments);
+}
+
+/// A session that cannot be recorded is not shown, which its user cannot see.
+void warn_of_failure(int error) {
+    if (error != 0) {
+        pass_on(LOG_WARNING, "the session is not shown, because it cannot be recorded: %s", strerror(error));
+    }
+}
+
+/// Decides what happens to a line. If a forced line is shown, its visible form is stored in `bare`.
+openssh::line_fate take_line(std::string_view written, char* bare, size_t bare_size, size_t& bare_length) {
+    openssh::log_line line;
+    const openssh::line_fate fate = openssh::judge_line(filter, written, line);
+    if (fate == openssh::line_fate::pass) {
+        return fate;
+    }
+    if (filters_writes) {
+        openssh::keep_client_name();
+        openssh::record_client_line(line);
+    } else {
+        openssh::follow_login(line);
+        warn_of_failure(openssh::record_server_line(line));
+    }
+    bare_length = openssh::write_bare_line(line, bare, bare_size);
+    return fate;
 }
 
 void log_line_of(int priority, const char* format, va_list arguments) {

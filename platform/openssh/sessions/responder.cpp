@@ -1,10 +1,9 @@
 #include "openssh/sessions/responder.h"
 
-#include <dirent.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,24 +11,21 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <vector>
 
+#include "openssh/sessions/discovery.h"
 #include "openssh/sessions/snapshot.h"
-#include "openssh/sessions/state_store.h"
+#include "openssh/sessions/sockets.h"
 
 namespace openssh {
 
 namespace {
 
-constexpr size_t most_reports_in_a_row = 256;
 constexpr size_t most_askers = 64;
 constexpr uint64_t seconds_to_ask = 2;
-constexpr int asker_check_milliseconds = 1000;
-constexpr int listen_queue = 16;
 
 /// What a descriptor is for.
-enum class purpose { reports, stop, listen, process, asker };
+enum class purpose { files, stop, totals, listen, process, asker };
 
 struct endpoint {
     purpose use = purpose::stop;
@@ -41,10 +37,13 @@ struct responder {
     const responder_options& options;
     session_table& table;
     int events = -1;
+    int files = -1;  ///< watches the folder of the servers' files
+    int totals = -1;
     std::map<int, endpoint> endpoints = {};
     std::map<pid_t, int> listeners = {};
     size_t askers = 0;
     bool is_ending = false;
+    bool has_failed = false;
 };
 
 void complain(const char* what, const std::string& about) {
@@ -73,30 +72,6 @@ std::string socket_path(const responder& self, pid_t pid) {
 
 // The sessions' sockets
 
-/// Only root may connect. Returns -1 with errno set on failure.
-int open_listener(const std::string& path) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(address.sun_path)) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::copy(path.begin(), path.end(), address.sun_path);
-    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listener < 0) {
-        return -1;
-    }
-    unlink(path.c_str());
-    const mode_t mask = umask(0177);
-    const bool is_bound = bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    umask(mask);
-    if (!is_bound || listen(listener, listen_queue) != 0) {
-        close(listener);
-        return -1;
-    }
-    return listener;
-}
-
 void begin_answering(responder& self, pid_t pid) {
     const int listener = open_listener(socket_path(self, pid));
     if (listener < 0 || !watch(self, listener, {.use = purpose::listen, .pid = pid})) {
@@ -104,9 +79,9 @@ void begin_answering(responder& self, pid_t pid) {
         if (listener >= 0) {
             close(listener);
         }
-        return;
+    } else {
+        self.listeners[pid] = listener;
     }
-    self.listeners[pid] = listener;
     const int process = self.table.sessions[pid].process;
     if (!watch(self, process, {.use = purpose::process, .pid = pid})) {
         complain("cannot watch the process of", socket_path(self, pid));
@@ -123,14 +98,27 @@ void stop_answering(responder& self, pid_t pid) {
     }
 }
 
+void begin_all(responder& self, const std::vector<pid_t>& pids) {
+    for (const pid_t pid : pids) {
+        begin_answering(self, pid);
+    }
+}
+
+/// A client's number is kept, because its session may continue in another process.
 void end_session(responder& self, pid_t pid) {
     stop_answering(self, pid);
     const auto session = self.table.sessions.find(pid);
-    if (session != self.table.sessions.end()) {
-        unwatch(self, session->second.process);
+    if (session == self.table.sessions.end()) {
+        return;
     }
+    const session_facts& facts = session->second.facts;
+    if (facts.kind == session_kind::incoming) {
+        const std::string name = session_name({.pid = facts.pid, .start_time = facts.start_time});
+        unlink((self.table.page_folder + "/" + name).c_str());
+        forget_session_number(self.table.numbers, number_key(facts));
+    }
+    unwatch(self, session->second.process);
     forget_session(self.table, pid);
-    remove_stored_session(pid, self.options.state_folder);
 }
 
 /// The event may have been meant for an earlier descriptor with the same number.
@@ -141,92 +129,88 @@ void end_dead_session(responder& self, pid_t pid) {
     }
 }
 
-void end_moved_sessions(responder& self) {
-    std::vector<pid_t> moved;
+/// The pids may have been reused.
+void end_dead_sessions(responder& self) {
+    std::vector<pid_t> pids;
+    pids.reserve(self.table.sessions.size());
     for (const auto& [pid, session] : self.table.sessions) {
-        if (session.moved) {
-            moved.push_back(pid);
+        pids.push_back(pid);
+    }
+    for (const pid_t pid : pids) {
+        end_dead_session(self, pid);
+    }
+}
+
+// Discovery
+
+void look_at_all_files(responder& self) {
+    end_dead_sessions(self);
+    begin_all(self, find_servers(self.table));
+}
+
+void look_at_file(responder& self, const std::string& name) {
+    session_process owner;
+    if (parse_session_name(name, owner)) {
+        end_dead_session(self, owner.pid);
+        if (find_server(self.table, name) != 0) {
+            begin_answering(self, owner.pid);
         }
     }
-    for (const pid_t pid : moved) {
+}
+
+void take_file_event(responder& self, const inotify_event& event) {
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        look_at_all_files(self);
+    } else if ((event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+        errno = ENOENT;
+        complain("lost the folder", self.table.page_folder);
+        self.has_failed = self.is_ending = true;
+    } else if (event.len != 0) {
+        look_at_file(self, event.name);
+    }
+}
+
+void take_file_events(responder& self) {
+    constexpr size_t room = 16384;
+    alignas(inotify_event) std::array<char, room> buffer;
+    const ssize_t length = read(self.files, buffer.data(), buffer.size());
+    for (ssize_t place = 0; place < length;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + place);
+        take_file_event(self, *event);
+        place += static_cast<ssize_t>(sizeof(*event) + event->len);
+    }
+}
+
+void look_at_everything(responder& self, session_totals& totals) {
+    look_at_all_files(self);
+    for (const pid_t pid : find_left_pages(self.table)) {
         end_session(self, pid);
     }
-}
-
-/// Removes the sockets that a killed responder has left behind.
-void remove_stale_sockets(const responder& self) {
-    const size_t name_start = self.options.socket_prefix.rfind('/') + 1;
-    const std::string folder = self.options.socket_prefix.substr(0, name_start);
-    const std::string prefix = self.options.socket_prefix.substr(name_start);
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(opendir(folder.c_str()), closedir);
-    while (const dirent* entry = entries != nullptr ? readdir(entries.get()) : nullptr) {
-        const std::string path = folder + entry->d_name;
-        struct stat status = {};
-        if (std::string_view(entry->d_name).starts_with(prefix) && lstat(path.c_str(), &status) == 0 &&
-            S_ISSOCK(status.st_mode)) {
-            unlink(path.c_str());
-        }
+    begin_all(self, find_clients(self.table, totals));
+    std::vector<std::string> used;
+    used.reserve(self.table.sessions.size());
+    for (const auto& [pid, session] : self.table.sessions) {
+        used.push_back(number_key(session.facts));
     }
-}
-
-// Reports
-
-/// File descriptors passed along do not fit and are discarded by the kernel.
-bool receive_report(int report_socket, report_sender& sender, std::string& report) {
-    std::array<char, sizeof(report_header) + longest_reported_line> buffer;
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control = {};
-    iovec place = {.iov_base = buffer.data(), .iov_len = buffer.size()};
-    msghdr message = {};
-    message.msg_iov = &place;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t length = recvmsg(report_socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    if (length < 0) {
-        return false;
-    }
-    report.assign(buffer.data(), (message.msg_flags & MSG_TRUNC) != 0 ? 0 : static_cast<size_t>(length));
-    sender = {};
-    const cmsghdr* header = CMSG_FIRSTHDR(&message);
-    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_CREDENTIALS) {
-        ucred peer = {};
-        std::memcpy(&peer, CMSG_DATA(header), sizeof(peer));
-        sender = {.pid = peer.pid, .user = peer.uid};
-    }
-    return true;
-}
-
-void store_changes(responder& self) {
-    for (auto& [pid, session] : self.table.sessions) {
-        if (session.changed && store_session(self.table, session.facts, self.options.state_folder)) {
-            session.changed = false;
-        }
-    }
-}
-
-void take_reports(responder& self) {
-    report_sender sender;
-    std::string report;
-    bool has_changes = false;
-    for (size_t i = 0; i < most_reports_in_a_row && receive_report(self.options.report_socket, sender, report); ++i) {
-        // If the pid was reused, the old session must not keep the socket.
-        end_dead_session(self, sender.pid);
-        const pid_t changed = take_report(self.table, sender, report);
-        has_changes = has_changes || changed != 0;
-        if (changed != 0 && self.listeners.count(changed) == 0) {
-            end_moved_sessions(self);
-            begin_answering(self, changed);
-        }
-    }
-    if (has_changes) {
-        store_changes(self);
-    }
+    std::sort(used.begin(), used.end());
+    forget_unused_numbers(self.table.numbers,
+                          [&used](std::string_view key) { return std::binary_search(used.begin(), used.end(), key); });
 }
 
 // Queries
 
+void tell_totals(responder& self) {
+    const int asker = accept_connection(self.totals);
+    if (asker >= 0) {
+        session_totals totals;
+        look_at_everything(self, totals);
+        send(asker, &totals, sizeof(totals), MSG_NOSIGNAL | MSG_DONTWAIT);
+        close(asker);
+    }
+}
+
 void accept_asker(responder& self, int listener, pid_t pid) {
-    const int asker = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int asker = accept_connection(listener);
     if (asker < 0) {
         return;
     }
@@ -248,6 +232,13 @@ bool is_request(const session_request& request, ssize_t length) {
     return length == static_cast<ssize_t>(sizeof(request)) && request.zero == 0 && request.one == 1;
 }
 
+/// A user who can name a process like a server's would otherwise have an outgoing session shown as an incoming one. Who
+/// asks a server takes whole answers only, while the last byte of an outgoing session's answer is always 0 and is not
+/// missed.
+size_t answer_size(const session_facts& facts) {
+    return facts.kind == session_kind::incoming ? sizeof(session_snapshot) : sizeof(session_snapshot) - 1;
+}
+
 void answer(responder& self, int asker, pid_t pid) {
     session_request request = {};
     const ssize_t length = recv(asker, &request, sizeof(request), MSG_TRUNC);
@@ -257,11 +248,10 @@ void answer(responder& self, int asker, pid_t pid) {
     const auto session = self.table.sessions.find(pid);
     if (is_request(request, length) && session != self.table.sessions.end() && is_alive(session->second)) {
         byte_counters bytes;
-        if (session->second.facts.rekey_seconds != 0 || session->second.facts.rekey_bytes != 0) {
-            self.table.processes.look_at_connection(session->second.process, pid, nullptr, &bytes);
-        }
-        const session_snapshot now = make_snapshot(session->second.facts, self.table.processes.now(), bytes);
-        send(asker, &now, sizeof(now), MSG_NOSIGNAL);
+        self.table.processes.look_at_connection(session->second.process, pid, bytes);
+        const session_facts& facts = current_facts(self.table, session->second);
+        const session_snapshot now = make_snapshot(facts, self.table.processes.now(), bytes);
+        send(asker, &now, answer_size(facts), MSG_NOSIGNAL);
     }
     dismiss_asker(self, asker);
 }
@@ -285,11 +275,14 @@ void handle(responder& self, int descriptor) {
     }
     const endpoint what = found->second;
     switch (what.use) {
-        case purpose::reports:
-            take_reports(self);
+        case purpose::files:
+            take_file_events(self);
             break;
         case purpose::stop:
             self.is_ending = true;
+            break;
+        case purpose::totals:
+            tell_totals(self);
             break;
         case purpose::listen:
             accept_asker(self, descriptor, what.pid);
@@ -303,24 +296,42 @@ void handle(responder& self, int descriptor) {
     }
 }
 
-bool begin(responder& self) {
-    const int on = 1;
+// From the start to the end
+
+/// sshd makes the same folder if it is first.
+bool make_folder(const std::string& path) {
+    constexpr mode_t for_root_alone = 0700;
+    if (mkdir(path.c_str(), for_root_alone) == 0 || errno == EEXIST) {
+        return true;
+    }
+    complain("cannot create", path);
+    return false;
+}
+
+bool watch_everything(responder& self) {
     self.events = epoll_create1(EPOLL_CLOEXEC);
-    if (self.events < 0 || setsockopt(self.options.report_socket, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)) != 0 ||
-        !watch(self, self.options.report_socket, {.use = purpose::reports}) ||
+    self.files = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    self.totals = open_listener(self.options.totals_socket);
+    constexpr uint32_t appears_or_is_lost = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    if (self.events < 0 || self.files < 0 || self.totals < 0 ||
+        inotify_add_watch(self.files, self.table.page_folder.c_str(), appears_or_is_lost) < 0 ||
+        !watch(self, self.files, {.use = purpose::files}) || !watch(self, self.totals, {.use = purpose::totals}) ||
         !watch(self, self.options.stop, {.use = purpose::stop})) {
-        complain("cannot watch", "the report socket");
+        complain("cannot watch", self.table.page_folder);
         return false;
     }
-    if (mkdir(self.options.state_folder.c_str(), 0700) != 0 && errno != EEXIST) {
-        complain("cannot create", self.options.state_folder);
+    return true;
+}
+
+bool begin(responder& self) {
+    if (!make_folder(self.table.page_folder) || !make_folder(self.table.numbers.folder) || !watch_everything(self)) {
         return false;
     }
-    remove_stale_sockets(self);
-    load_sessions(self.table, self.options.state_folder);
-    for (const auto& [pid, session] : self.table.sessions) {
-        begin_answering(self, pid);
-    }
+    remove_sockets(self.options.socket_prefix);
+    load_session_numbers(self.table.numbers);
+    session_totals totals;
+    look_at_everything(self, totals);
+    self.options.report_alive(true);
     return true;
 }
 
@@ -328,19 +339,20 @@ void work(responder& self) {
     constexpr size_t most_events = 64;
     std::array<epoll_event, most_events> events;
     while (!self.is_ending) {
-        const int timeout = self.askers != 0 ? asker_check_milliseconds : -1;
-        const int count = epoll_wait(self.events, events.data(), events.size(), timeout);
+        const int count = epoll_wait(self.events, events.data(), events.size(), alive_milliseconds);
         for (int i = 0; i < count; ++i) {
             handle(self, events[static_cast<size_t>(i)].data.fd);
         }
         if (self.askers != 0) {
             dismiss_silent_askers(self);
         }
+        self.options.report_alive(false);
     }
 }
 
 void finish(responder& self) {
     std::vector<pid_t> answered;
+    answered.reserve(self.listeners.size());
     for (const auto& [pid, listener] : self.listeners) {
         answered.push_back(pid);
     }
@@ -355,8 +367,13 @@ void finish(responder& self) {
             close(descriptor);
         }
     }
-    if (self.events >= 0) {
-        close(self.events);
+    if (self.totals >= 0) {
+        unlink(self.options.totals_socket.c_str());
+    }
+    for (const int descriptor : {self.totals, self.files, self.events}) {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
     }
 }
 
@@ -369,7 +386,7 @@ bool run_responder(const responder_options& options, session_table& table) {
         work(self);
     }
     finish(self);
-    return has_begun;
+    return has_begun && !self.has_failed;
 }
 
 }  // namespace openssh

@@ -1,25 +1,29 @@
-/// Receives reports from sshd and ssh and answers session queries on one local socket per session.
+/// Answers session queries on one local socket per session, from the pages of sshd and ssh.
 #ifndef OPENSSH_SESSIONS_RESPONDER_H
 #define OPENSSH_SESSIONS_RESPONDER_H
 
 #include <string>
 
+#include "common/session_totals.h"
 #include "openssh/sessions/session_table.h"
 
 namespace openssh {
 
 struct responder_options {
-    /// Datagram socket for reports, bound by the service manager; the responder does not close it.
-    int report_socket = -1;
     /// Becomes readable when the responder must end.
     int stop = -1;
     std::string socket_prefix = "/run/norvossh_oper";  ///< followed by the pid of the session's process
-    std::string state_folder = "/run/ssh_cfg_agent/sessions";
+    std::string totals_socket = session_totals_socket;
+    /// Called when the responder is ready, and at least every `alive_milliseconds` while it works.
+    void (*report_alive)(bool is_ready) = [](bool) {};
 };
 
-/// Runs until `stop` is readable. On entry the table contains the programs and no sessions. On return the sockets are
-/// removed, while the files of live sessions are kept. Returns false, after writing the reason to standard error, if it
-/// could not start.
+constexpr int alive_milliseconds = 2000;
+
+/// Runs until `stop` is readable. On entry the table contains the programs and no sessions. A server's session is found
+/// when its file appears, a client's when somebody asks how many sessions there are. The files of ended sessions are
+/// removed. On return the sockets are removed, while the files of live sessions are kept. Returns false, after writing
+/// the reason to standard error, if it could not start or lost its folder.
 bool run_responder(const responder_options& options, session_table& table);
 
 }  // namespace openssh

@@ -1,12 +1,15 @@
-/// The service that tracks the sessions of the router's servers and clients and answers queries about them.
+/// The service that answers queries about the sessions of the router's servers and clients.
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "openssh/paths.h"
@@ -14,15 +17,7 @@
 
 namespace {
 
-constexpr int first_passed_descriptor = 3;
-
-/// The socket passed by the service manager; -1 if there is none.
-int passed_socket() {
-    const char* pid = std::getenv("LISTEN_PID");
-    const char* count = std::getenv("LISTEN_FDS");
-    const bool is_ours = pid != nullptr && count != nullptr && std::atol(pid) == getpid() && std::atol(count) == 1;
-    return is_ours ? first_passed_descriptor : -1;
-}
+constexpr const char* runtime_folder = "/run/ssh_cfg_agent";
 
 /// Resolves a path to the form in which the kernel reports a process's executable.
 std::string resolved(const std::string& path) {
@@ -50,16 +45,37 @@ int open_stop_signal() {
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
+/// Tells the service manager, whose watchdog restarts a responder that hangs.
+void notify(bool is_ready) {
+    const char* path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (path == nullptr || path[0] != '/' || std::strlen(path) >= sizeof(address.sun_path)) {
+        return;
+    }
+    std::memcpy(address.sun_path, path, std::strlen(path));
+    const char* state = is_ready ? "READY=1\nWATCHDOG=1" : "WATCHDOG=1";
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (manager >= 0) {
+        sendto(manager, state, std::strlen(state), MSG_NOSIGNAL | MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        close(manager);
+    }
+}
+
 }  // namespace
 
 int main() {
+    constexpr mode_t for_all_to_pass = 0755;
     openssh::responder_options options;
-    options.report_socket = passed_socket();
     options.stop = open_stop_signal();
-    if (options.report_socket < 0 || options.stop < 0) {
-        std::fputs("session_responder: must be started by its socket unit\n", stderr);
+    options.report_alive = notify;
+    if (options.stop < 0) {
+        std::perror("session_responder: cannot wait for signals");
         return EXIT_FAILURE;
     }
+    // The agent, which may start later, has the service manager make the same folder.
+    mkdir(runtime_folder, for_all_to_pass);
     allow_many_descriptors();
     const openssh::launcher_paths paths;
     openssh::session_table table;

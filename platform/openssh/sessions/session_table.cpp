@@ -1,220 +1,218 @@
 #include "openssh/sessions/session_table.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
-
-#include "openssh/reporter/log_line.h"
-#include "openssh/sessions/fact_rows.h"
 
 namespace openssh {
 
 namespace {
 
-/// A parsed report and the process that sent it.
-struct known_report {
-    const report_sender& sender;
-    report_header header;
-    process_info process;
-    log_line line;
+/// Closes a descriptor at the end of its scope.
+class open_file {
+  public:
+    explicit open_file(int descriptor) : descriptor_(descriptor) {}
+    ~open_file() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    open_file(const open_file&) = delete;
+    open_file& operator=(const open_file&) = delete;
+
+    int get() const { return descriptor_; }
+    int release() {
+        const int descriptor = descriptor_;
+        descriptor_ = -1;
+        return descriptor;
+    }
+
+  private:
+    int descriptor_;
 };
 
-bool parse_report(std::string_view report, report_header& header, log_line& line) {
-    if (report.size() <= sizeof(header)) {
+/// Nothing but a regular file is read, and nothing can block.
+int open_server_file(const session_table& table, const session_process& owner) {
+    const std::string path = table.page_folder + "/" + session_name(owner);
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+}
+
+bool read_server_pages(int file, const session_process& owner, session_facts& facts) {
+    session_facts known;
+    if (!is_server_file(file) || !read_page(file, monitors_page, known) || known.pid != owner.pid ||
+        known.start_time != owner.start_time) {
         return false;
     }
-    std::memcpy(&header, report.data(), sizeof(header));
-    report.remove_prefix(sizeof(header));
-    return header.magic == report_header().magic && report.size() <= longest_reported_line &&
-           std::all_of(report.begin(), report.end(), [](char c) { return c >= ' ' && c <= '~'; }) &&
-           parse_log_line(report, line);
-}
-
-bool is_root(const report_sender& sender) {
-    return sender.user == 0;
-}
-
-size_t sessions_of(const session_table& table, uid_t user) {
-    return static_cast<size_t>(std::count_if(table.sessions.begin(), table.sessions.end(),
-                                             [&](const auto& one) { return one.second.facts.user_number == user; }));
-}
-
-/// The kind of session that the reporting process has itself.
-bool kind_of(const session_table& table, const known_report& report, session_kind& kind) {
-    if (report.process.program == table.server_program && is_root(report.sender)) {
-        kind = session_kind::incoming;
-        return true;
+    session_facts reported;
+    if (read_page(file, reported_page, reported)) {
+        add_reported(known, reported);
     }
-    kind = session_kind::outgoing;
-    const std::string& name = report.process.name;
-    return report.process.program == table.client_program &&
-           (name == table.client_name || name.starts_with(table.client_name + " "));
+    facts = known;
+    return true;
 }
 
-session_entry* find_session(session_table& table, pid_t pid) {
-    const auto found = table.sessions.find(pid);
-    return found == table.sessions.end() ? nullptr : &found->second;
+/// The client's page, wherever it is among the descriptors.
+bool read_client_page(const session_table& table, int process, session_facts& facts) {
+    for (int number = first_page_descriptor; number < first_page_descriptor + page_descriptors; ++number) {
+        const open_file file(table.processes.copy_descriptor(process, number));
+        if (file.get() >= 0 && is_client_file(file.get()) && read_page(file.get(), 0, facts)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /// Reading the process again after opening the descriptor ensures that both refer to the same process.
 int open_same_process(const session_table& table, pid_t pid, uint64_t start_time) {
-    const int descriptor = table.processes.open(pid);
+    open_file descriptor(table.processes.open(pid));
     process_info process;
-    if (descriptor >= 0 && (!table.processes.read(pid, process) || process.start_time != start_time)) {
-        close(descriptor);
+    if (descriptor.get() < 0 || !table.processes.read(pid, process) || process.start_time != start_time) {
         return -1;
     }
-    return descriptor;
+    return descriptor.release();
 }
 
-/// Takes over the facts of a session that continues in another process of the same user. The previous process may still
-/// exist; it then only displays the session and has none of its own.
-bool take_over(session_table& table, const known_report& report, session_facts& facts) {
-    const auto before = static_cast<pid_t>(report.header.forked_from);
-    if (before <= 0) {
-        return false;
-    }
-    if (const session_entry* session = find_session(table, before)) {
-        facts = session->facts;
-    } else if (const auto ended = table.ended.find(before); ended != table.ended.end()) {
-        facts = ended->second.facts;
-    } else {
-        return false;
-    }
-    return facts.kind == session_kind::outgoing && facts.user_number == report.sender.user &&
-           facts.start_time <= report.process.start_time;
+bool is_roots_server(const session_table& table, const process_info& process) {
+    return process.is_roots && process.program == table.server_program;
 }
 
-void leave_behind(session_table& table, pid_t pid) {
-    table.ended.erase(pid);
-    if (session_entry* session = find_session(table, pid)) {
-        session->moved = true;
-    }
+size_t sessions_of(const session_table& table, uid_t user) {
+    return static_cast<size_t>(std::count_if(table.sessions.begin(), table.sessions.end(), [&](const auto& one) {
+        return one.second.facts.kind == session_kind::outgoing && one.second.facts.user_number == user;
+    }));
 }
 
-void learn_peer(const session_table& table, session_entry& entry) {
-    std::string peer;
-    table.processes.look_at_connection(entry.process, entry.facts.pid, &peer, nullptr);
-    set_field(entry.facts.host, peer);
+/// Whether another session of the user says that it began in the same process. A number belongs to one session.
+bool is_numbered(const session_table& table, const session_facts& facts) {
+    return std::any_of(table.sessions.begin(), table.sessions.end(), [&](const auto& one) {
+        const session_facts& other = one.second.facts;
+        return other.kind == session_kind::outgoing && other.user_number == facts.user_number &&
+               other.first_pid == facts.first_pid && other.first_start_time == facts.first_start_time;
+    });
 }
 
-session_entry* begin_session(session_table& table, const known_report& report, session_kind kind) {
-    const bool is_too_many =
-        table.sessions.size() >= most_sessions ||
-        (!is_root(report.sender) && sessions_of(table, report.sender.user) >= most_sessions_of_user);
-    if (is_too_many) {
-        return nullptr;
+void add_session(session_table& table, session_facts facts, int process) {
+    if (facts.kind == session_kind::outgoing && is_numbered(table, facts)) {
+        facts.first_pid = facts.pid;
+        facts.first_start_time = facts.start_time;
     }
-    session_entry entry;
-    entry.process = open_same_process(table, report.sender.pid, report.process.start_time);
-    if (entry.process < 0) {
-        return nullptr;
-    }
-    session_facts before;
-    if (kind == session_kind::outgoing && take_over(table, report, before)) {
-        entry.facts = before;
-        leave_behind(table, before.pid);
-    } else {
-        entry.facts.session_id = ++table.last_session_id;
-    }
-    entry.facts.start_time = report.process.start_time;
-    entry.facts.pid = report.sender.pid;
-    entry.facts.kind = kind;
-    entry.facts.user_number = report.sender.user;
-    if (kind == session_kind::incoming) {
-        learn_peer(table, entry);
-    } else {
-        entry.facts.session_pid = report.sender.pid;
-    }
-    return &table.sessions.insert_or_assign(report.sender.pid, entry).first->second;
+    facts.session_id = session_number(table.numbers, number_key(facts));
+    table.sessions.insert_or_assign(facts.pid, session_entry{.facts = facts, .process = process});
 }
 
-/// The session of a worker's parent: the sessions of ordinary users run in children of sshd.
-session_entry* session_of_parent(session_table& table, const known_report& report) {
-    if (report.process.program != table.server_program) {
-        return nullptr;
-    }
-    session_entry* session = find_session(table, report.process.parent);
-    const bool is_servers = session != nullptr && session->facts.kind == session_kind::incoming;
-    return is_servers && is_alive(*session) ? session : nullptr;
+/// Only a child of the monitor runs its session, whatever the session says.
+pid_t checked_session_process(const session_table& table, const session_facts& facts) {
+    process_info process;
+    const bool is_believed =
+        facts.session_pid == facts.pid || (facts.session_pid > 0 && table.processes.read(facts.session_pid, process) &&
+                                           process.parent == facts.pid && process.program == table.server_program);
+    return is_believed ? facts.session_pid : 0;
 }
 
-session_entry* session_of(session_table& table, const known_report& report) {
-    session_entry* session = find_session(table, report.sender.pid);
-    if (session != nullptr && session->facts.start_time != report.process.start_time) {
-        forget_session(table, report.sender.pid);
-        session = nullptr;
-    }
-    if (session != nullptr) {
-        return session;
-    }
-    if (session_entry* of_parent = session_of_parent(table, report)) {
-        return of_parent;
-    }
-    session_kind kind = session_kind::incoming;
-    return kind_of(table, report, kind) ? begin_session(table, report, kind) : nullptr;
-}
-
-bool learn(session_table& table, session_entry& session, const known_report& report) {
-    line_context context;
-    context.from_monitor = report.sender.pid == session.facts.pid;
-    context.now = table.processes.now();
-    context.own_terminal = report.process.terminal;
-    if (counts_bytes(report.line)) {
-        table.processes.look_at_connection(session.process, session.facts.pid, nullptr, &context.bytes);
-    }
-    if (!learn_from_line(session.facts, report.line, context)) {
-        return false;
-    }
-    // After authentication the session runs in the process that logs about keys and channels: a child that has become
-    // the user or, for root, sshd itself.
-    if (session.facts.state == session_established && report.line.function != "monitor_child_preauth") {
-        session.facts.session_pid = report.sender.pid;
-    }
-    return true;
-}
-
-void remember_ended(session_table& table, const session_facts& facts, bool moved) {
-    const uint64_t now = table.processes.now();
-    std::erase_if(table.ended, [&](const auto& one) { return one.second.at + seconds_to_go_on < now; });
-    if (facts.kind == session_kind::outgoing && !moved && table.ended.size() < most_ended_sessions) {
-        table.ended.insert_or_assign(facts.pid, ended_session{.facts = facts, .at = now});
-    }
+/// What the pages do not tell, or are not asked for.
+void keep_own_facts(session_facts& facts, const session_facts& before) {
+    facts.pid = before.pid;
+    facts.start_time = before.start_time;
+    facts.kind = before.kind;
+    facts.user_number = before.user_number;
+    facts.session_id = before.session_id;
+    facts.first_pid = before.first_pid;
+    facts.first_start_time = before.first_start_time;
 }
 
 }  // namespace
 
-pid_t take_report(session_table& table, const report_sender& sender, std::string_view report) {
-    known_report known{.sender = sender, .header = {}, .process = {}, .line = {}};
-    const uint64_t& start_time = known.header.start_time;
-    if (!parse_report(report, known.header, known.line) || !table.processes.read(sender.pid, known.process) ||
-        (start_time != 0 && start_time != known.process.start_time)) {
-        return 0;
+found_file take_server_file(session_table& table, const std::string& name) {
+    session_process owner;
+    session_facts facts;
+    process_info process;
+    if (!parse_session_name(name, owner)) {
+        return found_file::invalid;
     }
-    session_entry* session = session_of(table, known);
-    if (session == nullptr || !learn(table, *session, known)) {
-        return 0;
+    const open_file file(open_server_file(table, owner));
+    if (file.get() < 0 || !read_server_pages(file.get(), owner, facts) || !table.processes.read(owner.pid, process) ||
+        process.start_time != owner.start_time || !is_roots_server(table, process)) {
+        return found_file::invalid;
     }
-    session->changed = true;
-    return session->facts.pid;
+    if (table.sessions.size() >= most_sessions) {
+        return found_file::left_out;
+    }
+    const int descriptor = open_same_process(table, owner.pid, owner.start_time);
+    if (descriptor < 0) {
+        return found_file::invalid;
+    }
+    facts.kind = session_kind::incoming;
+    facts.user_number = 0;
+    facts.session_pid = checked_session_process(table, facts);
+    add_session(table, facts, descriptor);
+    return found_file::taken;
 }
 
-bool restore_session(session_table& table, const session_facts& facts) {
-    const int process = open_same_process(table, facts.pid, facts.start_time);
-    if (process < 0) {
+bool is_client(const session_table& table, const process_info& process) {
+    const std::string& name = process.name;
+    return process.program == table.client_program &&
+           (name == table.client_name || name.starts_with(table.client_name + " "));
+}
+
+bool take_client(session_table& table, pid_t pid, const process_info& process) {
+    const bool is_too_many = table.sessions.size() >= most_sessions ||
+                             (process.user != 0 && sessions_of(table, process.user) >= most_sessions_of_user);
+    if (is_too_many || !is_client(table, process)) {
         return false;
     }
-    table.sessions.insert_or_assign(facts.pid, session_entry{.facts = facts, .process = process});
-    table.last_session_id = std::max(table.last_session_id, facts.session_id);
+    open_file descriptor(open_same_process(table, pid, process.start_time));
+    session_facts facts;
+    if (descriptor.get() < 0 || !read_client_page(table, descriptor.get(), facts) || facts.pid != pid) {
+        return false;
+    }
+    facts.start_time = process.start_time;
+    facts.kind = session_kind::outgoing;
+    facts.user_number = process.user;
+    facts.session_pid = pid;
+    add_session(table, facts, descriptor.release());
     return true;
+}
+
+const session_facts& current_facts(const session_table& table, session_entry& session) {
+    session_facts facts;
+    const session_facts& before = session.facts;
+    bool is_read = false;
+    if (before.kind == session_kind::incoming) {
+        const session_process owner = {.pid = before.pid, .start_time = before.start_time};
+        const open_file file(open_server_file(table, owner));
+        is_read = file.get() >= 0 && read_server_pages(file.get(), owner, facts);
+        if (is_read && facts.session_pid != before.session_pid) {
+            facts.session_pid = checked_session_process(table, facts);
+        }
+    } else {
+        is_read = read_client_page(table, session.process, facts) && facts.pid == before.pid;
+        facts.session_pid = before.pid;
+    }
+    if (is_read) {
+        keep_own_facts(facts, before);
+        session.facts = facts;
+    }
+    return session.facts;
+}
+
+bool still_has_page(const session_table& table, const session_entry& session) {
+    session_facts facts;
+    return read_client_page(table, session.process, facts) && facts.pid == session.facts.pid;
+}
+
+std::string number_key(const session_facts& facts) {
+    if (facts.kind == session_kind::incoming) {
+        return session_name({.pid = facts.pid, .start_time = facts.start_time});
+    }
+    return "client." + std::to_string(facts.user_number) + "." +
+           session_name({.pid = facts.first_pid, .start_time = facts.first_start_time});
 }
 
 void forget_session(session_table& table, pid_t pid) {
     const auto found = table.sessions.find(pid);
     if (found != table.sessions.end()) {
-        remember_ended(table, found->second.facts, found->second.moved);
         close(found->second.process);
         table.sessions.erase(found);
     }

@@ -1,4 +1,4 @@
-/// The known sessions, updated from reports.
+/// The known sessions. Their facts stay in the pages of sshd and ssh and are read when they are wanted.
 #ifndef OPENSSH_SESSIONS_SESSION_TABLE_H
 #define OPENSSH_SESSIONS_SESSION_TABLE_H
 
@@ -6,66 +6,70 @@
 
 #include <map>
 #include <string>
-#include <string_view>
+#include <vector>
 
-#include "openssh/reporter/report_format.h"
+#include "openssh/reporter/own_process.h"
+#include "openssh/sessions/page_reader.h"
 #include "openssh/sessions/process_info.h"
-#include "openssh/sessions/session_facts.h"
+#include "openssh/sessions/session_numbers.h"
 
 namespace openssh {
 
 /// Access to processes; tests substitute their own.
 struct process_source {
     bool (*read)(pid_t pid, process_info& process) = read_process;
+    std::string (*program_of)(pid_t pid) = program_of_process;
+    std::vector<pid_t> (*list)() = list_processes;
     int (*open)(pid_t pid) = open_process;
-    void (*look_at_connection)(int process_descriptor, pid_t pid, std::string* peer,
-                               byte_counters* bytes) = openssh::look_at_connection;
+    int (*copy_descriptor)(int process_descriptor, int number) = openssh::copy_descriptor;
+    bool (*look_at_connection)(int process_descriptor, pid_t pid, byte_counters& bytes) = openssh::look_at_connection;
     uint64_t (*now)() = seconds_since_boot;
 };
 
 struct session_entry {
-    session_facts facts;
-    int process = -1;      ///< descriptor that becomes readable when the process ends
-    bool changed = false;  ///< since it was last stored
-    bool moved = false;    ///< continues in another process and must be removed here
-};
-
-/// An outgoing session whose process has ended, but which may continue in another.
-struct ended_session {
-    session_facts facts;
-    uint64_t at = 0;  ///< seconds since boot
+    session_facts facts;  ///< as last read
+    int process = -1;     ///< descriptor that becomes readable when the process ends
 };
 
 struct session_table {
     std::string server_program;  ///< path of sshd's executable
     std::string client_program;
     std::string client_name;  ///< process name of an outgoing session
+    std::string page_folder = session_file_folder;
+    session_numbers numbers = {.folder = "/run/ssh_cfg_agent/session_numbers"};
     process_source processes = {};
-    std::map<pid_t, session_entry> sessions = {};
-    std::map<pid_t, ended_session> ended = {};
-    uint32_t last_session_id = 0;
+    std::map<pid_t, session_entry> sessions = {};  ///< by the pid of the process that is queried for the session
 };
 
-/// Limits on all sessions and on the outgoing sessions of one ordinary user, because users' reports consume memory.
-constexpr size_t most_sessions = 4096;
+/// Limits on all sessions and on the outgoing sessions of one ordinary user, because each takes descriptors.
+constexpr size_t most_sessions = 16384;
 constexpr size_t most_sessions_of_user = 64;
 
-/// How long, and how many, ended outgoing sessions are remembered.
-constexpr uint64_t seconds_to_go_on = 10;
-constexpr size_t most_ended_sessions = 64;
-
-/// The sender of a report, as reported by the kernel.
-struct report_sender {
-    pid_t pid = 0;
-    uid_t user = 0;
+enum class found_file {
+    taken,     ///< a session's, which is in the table from now on
+    left_out,  ///< a session's for which there is no room
+    invalid,   ///< no session's: its process is gone, or nobody trustworthy made it
 };
 
-/// Processes a report. Returns the pid of the session that was changed or added, or 0 if there is none: malformed
-/// reports, reports from processes without a session and irrelevant ones change nothing.
-pid_t take_report(session_table& table, const report_sender& sender, std::string_view report);
+/// Judges a server's file. A session is only taken from root's sshd.
+found_file take_server_file(session_table& table, const std::string& name);
 
-/// Restores a session that was known before. Returns false, restoring nothing, if its process is gone.
-bool restore_session(session_table& table, const session_facts& facts);
+/// Adds the session of a client's process, if it has one. `process` is what was read of it. An ordinary user's sessions
+/// are those of the kernel's record of the user, whatever the page says.
+bool take_client(session_table& table, pid_t pid, const process_info& process);
+
+/// Whether a process is one of the router's clients.
+bool is_client(const session_table& table, const process_info& process);
+
+/// Reads the session's pages again and returns its facts. They stay as last read while the pages cannot be read.
+const session_facts& current_facts(const session_table& table, session_entry& session);
+
+/// Whether an outgoing session is still that of its process. One that goes to the background continues in a child, which
+/// takes over the page.
+bool still_has_page(const session_table& table, const session_entry& session);
+
+/// The name of the file with the session's number.
+std::string number_key(const session_facts& facts);
 
 /// Forgets a session and closes its descriptor.
 void forget_session(session_table& table, pid_t pid);

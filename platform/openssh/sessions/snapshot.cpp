@@ -33,13 +33,15 @@ uint64_t spent(const session_facts& facts, const byte_counters& bytes) {
                     bytes.received - std::min(bytes.received, start.received));
 }
 
+/// What is more than the field can hold is shown as the most it can hold.
 uint32_t data_to_rekey(const session_facts& facts, const byte_counters& bytes) {
+    constexpr uint64_t most_data = SESSION_DATA_UNKNOWN - 1;
     if (bytes.known == 0 || facts.at_keying.known == 0) {
-        return 0;
+        return SESSION_DATA_UNKNOWN;
     }
     const uint64_t limit = volume_limit(facts);
     const uint64_t left = limit - std::min(limit, spent(facts, bytes));
-    return static_cast<uint32_t>(std::min<uint64_t>(left, UINT32_MAX));
+    return static_cast<uint32_t>(std::min(left, most_data));
 }
 
 /// Rekeying happens with the first packet after the time has expired, so an idle session may be overdue.

@@ -2,7 +2,7 @@
 #ifndef OPENSSH_SESSIONS_SNAPSHOT_H
 #define OPENSSH_SESSIONS_SNAPSHOT_H
 
-#include "openssh/sessions/session_facts.h"
+#include "openssh/reporter/session_facts.h"
 #include "platform/session_query.h"
 
 namespace openssh {

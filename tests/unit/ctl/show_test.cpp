@@ -6,7 +6,7 @@
 #include <sstream>
 
 #include "control_protocol/answer.h"
-#include "openssh/sessions/session_facts.h"
+#include "openssh/reporter/session_facts.h"
 #include "ssh_cfg_ctl/table.h"
 #include "ssh_cfg_ctl/value_names.h"
 
@@ -253,19 +253,104 @@ TEST(ctl_show_text, fits_every_terminal) {
     }
 }
 
-TEST(ctl_explain_no_data, reports_that_there_are_no_sessions) {
+TEST(ctl_explain_sessions, reports_that_there_are_no_sessions) {
     for (const char* path : {"/oper/crypto-ssh/gl/session_xml/brief", "/oper/crypto-ssh/gl/sshddata/detail/",
                              "/oper/crypto-ssh/client/rekey"}) {
         control_json answer = control_answer(control_result::no_data, "no data");
-        ctl_explain_no_data({{"call", "show"}, {"path", path}}, answer);
+        ctl_explain_sessions({{"call", "show"}, {"path", path}}, answer);
         EXPECT_EQ(answer["message"], path + std::string(": no sessions"));
     }
 }
 
-TEST(ctl_explain_no_data, only_for_sessions) {
+namespace explained {
+
+constexpr char xml_brief[] = "/oper/crypto-ssh/gl/session_xml/brief";
+
+control_json parsed_json(const char* text) {
+    std::string error;
+    return control_json_parse(text, error).value_or(control_json());
+}
+
+/// The answer to a request for sessions, of which there are this many ("null" if it is not known).
+control_json answer_with(const char* path, const char* sessions, const char* data = nullptr,
+                         const char* record = "ssh_session_brief") {
+    control_json answer = control_answer(data == nullptr ? control_result::no_data : control_result::done);
+    answer["sessions"] = parsed_json(sessions);
+    if (data != nullptr) {
+        answer["data"] = parsed_json(data);
+        answer["record"] = record;
+    }
+    ctl_explain_sessions({{"call", "show"}, {"path", path}}, answer);
+    return answer;
+}
+
+std::string message(const char* path, const char* sessions) {
+    return answer_with(path, sessions).value("message", "");
+}
+
+std::string warnings(const char* path, const char* sessions, const char* data, const char* record) {
+    return control_json_text(answer_with(path, sessions, data, record).value("warnings", control_json::array()));
+}
+
+}  // namespace explained
+
+TEST(ctl_explain_sessions, no_sessions_are_reported_only_if_there_are_none) {
+    using explained::message;
+    const std::string path = std::string(explained::xml_brief) + ": ";
+    EXPECT_EQ(message(explained::xml_brief, R"({"incoming":0,"outgoing":0})"), path + "no sessions");
+    EXPECT_EQ(message(explained::xml_brief, R"({"incoming":0,"outgoing":1})"), path + "1 session did not answer");
+    EXPECT_EQ(message(explained::xml_brief, R"({"incoming":2,"outgoing":1})"), path + "3 sessions did not answer");
+    EXPECT_EQ(message(explained::xml_brief, "null"),
+              path + "the session responder does not answer, so sessions may be missing");
+    const char* servers = "/oper/crypto-ssh/gl/sshddata/brief";
+    EXPECT_EQ(message(servers, R"({"incoming":0,"outgoing":5})"), servers + std::string(": no sessions"));
+    const char* clients = "/oper/crypto-ssh/client/brief";
+    EXPECT_EQ(message(clients, R"({"incoming":5,"outgoing":0})"), clients + std::string(": no sessions"));
+    EXPECT_FALSE(explained::answer_with(clients, "null").contains("sessions"));
+}
+
+TEST(ctl_explain_sessions, warns_of_those_that_did_not_answer) {
+    using explained::warnings;
+    const char* one_each = R"({"IncomingSessions":[{"SessionID":1}],"OutgoingSessions":[{"SessionID":2}]})";
+    const char* brief_record = "ssh_session_brief";
+    const auto of_both = [&](const char* sessions, const char* data) {
+        return warnings(explained::xml_brief, sessions, data, brief_record);
+    };
+    EXPECT_EQ(of_both(R"({"incoming":1,"outgoing":1})", one_each), "[]");
+    EXPECT_EQ(of_both(R"({"incoming":0,"outgoing":0})", one_each), "[]") << "they ended in the meantime";
+    EXPECT_EQ(of_both(R"({"incoming":2,"outgoing":3})", one_each), R"(["3 sessions did not answer"])");
+    EXPECT_EQ(of_both("null", one_each), R"(["the session responder does not answer, so sessions may be missing"])");
+    EXPECT_EQ(of_both(R"({"incoming":2,"outgoing":0})",
+                      R"({"IncomingSessions":[{"SessionID":1},{"SessionID":4294967295}],"OutgoingSessions":null})"),
+              R"(["1 session did not answer"])")
+        << "an element without an id stands for one that did not";
+    const char* detail_lists = R"({"IncomingSessions":[],"OutgoingConnections":[{"SessionID":2}]})";
+    EXPECT_EQ(warnings("/oper/crypto-ssh/gl/session_xml/detail", R"({"incoming":0,"outgoing":2})", detail_lists,
+                       "ssh_session_detail"),
+              R"(["1 session did not answer"])");
+    const char* list = R"([{"SessionID":1},{"SessionID":2}])";
+    EXPECT_EQ(
+        warnings("/oper/crypto-ssh/gl/sshddata/brief", R"({"incoming":4,"outgoing":9})", list, "sshd_sessioninfo"),
+        R"(["2 sessions did not answer"])");
+    EXPECT_EQ(warnings("/oper/crypto-ssh/client/brief", R"({"incoming":4,"outgoing":2})", list, "sshd_sessioninfo"),
+              "[]");
+}
+
+TEST(ctl_explain_sessions, a_direction_without_records_is_not_without_sessions) {
+    const control_json answer = explained::answer_with(explained::xml_brief, R"({"incoming":2,"outgoing":0})",
+                                                       R"({"IncomingSessions":[],"OutgoingSessions":[]})");
+    EXPECT_EQ(ctl_show_text(answer, 0),
+              "Incoming sessions\n"
+              "  2 sessions did not answer\n"
+              "\n"
+              "Outgoing sessions\n"
+              "  no sessions\n");
+}
+
+TEST(ctl_explain_sessions, only_for_sessions) {
     const auto message = [](const char* call, const char* path, control_result result) {
         control_json answer = control_answer(result, "as it was");
-        ctl_explain_no_data({{"call", call}, {"path", path}}, answer);
+        ctl_explain_sessions({{"call", call}, {"path", path}}, answer);
         return answer.value("message", "");
     };
     constexpr char sessions[] = "/oper/crypto-ssh/gl/session_xml/brief";

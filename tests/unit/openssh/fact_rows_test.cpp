@@ -1,4 +1,4 @@
-#include "openssh/sessions/fact_rows.h"
+#include "openssh/reporter/fact_rows.h"
 
 #include <gtest/gtest.h>
 

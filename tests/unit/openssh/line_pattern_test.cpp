@@ -1,4 +1,4 @@
-#include "openssh/sessions/line_pattern.h"
+#include "openssh/reporter/line_pattern.h"
 
 #include <gtest/gtest.h>
 

@@ -10,6 +10,9 @@
 
 #include <csignal>
 
+#include "openssh/reporter/connection.h"
+#include "openssh/reporter/own_process.h"
+
 using namespace openssh;
 
 namespace {
@@ -48,16 +51,16 @@ class waiting_child {
 
 }  // namespace
 
-TEST(process_info, is_parsed_from_the_end_of_the_name) {
-    process_info process;
+TEST(process_stat, is_parsed_from_the_end_of_the_name) {
+    process_stat process;
     ASSERT_TRUE(parse_process_stat(stat_line("S", "34817"), process));
     EXPECT_EQ(process.parent, 17);
     EXPECT_EQ(process.start_time, 987654321U);
     EXPECT_EQ(process.terminal, 1U);
 }
 
-TEST(process_info, distinguishes_pseudo_terminals) {
-    process_info process;
+TEST(process_stat, distinguishes_pseudo_terminals) {
+    process_stat process;
     ASSERT_TRUE(parse_process_stat(stat_line("S", "0"), process));
     EXPECT_EQ(process.terminal, no_terminal);
     ASSERT_TRUE(parse_process_stat(stat_line("S", "1025"), process));
@@ -66,9 +69,10 @@ TEST(process_info, distinguishes_pseudo_terminals) {
     EXPECT_EQ(process.terminal, 259U) << "the second block of numbers";
 }
 
-TEST(process_info, of_a_dead_process_is_not_available) {
-    process_info process;
-    EXPECT_FALSE(parse_process_stat(stat_line("Z", "0"), process));
+TEST(process_stat, that_is_cut_short_is_refused) {
+    process_stat process;
+    ASSERT_TRUE(parse_process_stat(stat_line("Z", "0"), process));
+    EXPECT_EQ(process.state, 'Z');
     EXPECT_FALSE(parse_process_stat("", process));
     EXPECT_FALSE(parse_process_stat("42 (a", process));
     const std::string whole = stat_line("S", "0");
@@ -83,11 +87,34 @@ TEST(process_info, of_a_living_process) {
     process_info process;
     ASSERT_TRUE(read_process(getpid(), own));
     ASSERT_TRUE(read_process(child.pid(), process));
+    process_stat stat;
+    ASSERT_TRUE(read_own_stat(stat));
+    EXPECT_EQ(stat.start_time, own.start_time);
+    EXPECT_EQ(process.user, getuid());
+    EXPECT_EQ(process.is_roots, getuid() == 0);
+    EXPECT_EQ(program_of_process(child.pid()), own.program);
+    const std::vector<pid_t> all = list_processes();
+    EXPECT_NE(std::find(all.begin(), all.end(), child.pid()), all.end());
     EXPECT_EQ(process.parent, getpid());
     EXPECT_GE(process.start_time, own.start_time);
     EXPECT_EQ(process.program, own.program);
     EXPECT_NE(process.program, "");
     EXPECT_NE(process.name, "");
+}
+
+TEST(process_info, distinguishes_roots_own_processes) {
+    const auto users = [](const std::string& ids) {
+        process_info process;
+        return parse_process_users("Name:\tx\nUid:" + ids + "\nGid:\t5\t5\t5\t5\n", process)
+                   ? std::to_string(process.user) + (process.is_roots ? " root" : "")
+                   : "refused";
+    };
+    EXPECT_EQ(users("\t0\t0\t0\t0"), "0 root");
+    EXPECT_EQ(users("\t1001\t0\t0\t0"), "1001") << "a program that only runs as root";
+    EXPECT_EQ(users("\t0\t0\t1001\t0"), "0");
+    EXPECT_EQ(users("\t0\t0\t0"), "refused");
+    EXPECT_EQ(users("\t0\t0\t0\tx"), "refused");
+    EXPECT_EQ(users(""), "refused");
 }
 
 TEST(process_info, reports_the_end_of_a_process) {
@@ -106,8 +133,8 @@ TEST(process_info, reports_the_end_of_a_process) {
 
 namespace {
 
-/// The connection of this process, as another process sees it.
-void look_at_own_connection(int family, const std::string& expected) {
+/// The connection of this process, as it sees it itself and as another process sees it.
+void look_at_a_connection(int family, const std::string& expected) {
     const int listener = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_storage address = {};
     address.ss_family = static_cast<sa_family_t>(family);
@@ -133,10 +160,11 @@ void look_at_own_connection(int family, const std::string& expected) {
     close(far_end);
 
     const int self = open_process(getpid());
-    std::string peer;
+    peer_address peer;
     byte_counters bytes;
-    look_at_connection(self, getpid(), &peer, &bytes);
-    EXPECT_EQ(peer, expected);
+    ASSERT_TRUE(look_at_own_connection(&peer, nullptr));
+    EXPECT_EQ(peer.text, expected);
+    ASSERT_TRUE(look_at_connection(self, getpid(), bytes));
     EXPECT_EQ(bytes.known, 1U);
     // The kernel counts the beginning and the end of a direction as one byte each.
     EXPECT_EQ(bytes.sent, 5U + 1U);
@@ -148,20 +176,18 @@ void look_at_own_connection(int family, const std::string& expected) {
 }  // namespace
 
 TEST(process_info, finds_an_ipv4_connection) {
-    look_at_own_connection(AF_INET, "127.0.0.1");
+    look_at_a_connection(AF_INET, "127.0.0.1");
 }
 
 TEST(process_info, finds_an_ipv6_connection) {
-    look_at_own_connection(AF_INET6, "::1");
+    look_at_a_connection(AF_INET6, "::1");
 }
 
 TEST(process_info, of_a_process_without_a_connection_is_left_unchanged) {
     const waiting_child child;
     const int descriptor = open_process(child.pid());
-    std::string peer = "untouched";
     byte_counters bytes;
-    look_at_connection(descriptor, child.pid(), &peer, &bytes);
-    EXPECT_EQ(peer, "untouched");
+    EXPECT_FALSE(look_at_connection(descriptor, child.pid(), bytes));
     EXPECT_EQ(bytes.known, 0U);
     close(descriptor);
 }

@@ -6,12 +6,16 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 
+#include "openssh/reporter/page_maker.h"
 #include "scratch.h"
 #include "session_test.h"
 
@@ -23,7 +27,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr const char* client_words = "debug1: kex.c:choose_kex():929 (pid=1): kex: algorithm: ecdh-sha2-nistp256";
 constexpr milliseconds limit{20000};
 
 sockaddr_un address_of(const std::string& path) {
@@ -37,15 +40,8 @@ sockaddr_un address_of(const std::string& path) {
 class session_responder : public testing::Test {
   protected:
     void SetUp() override {
-        const sockaddr_un address = address_of(folder_.file("reports"));
-        reports_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ASSERT_EQ(bind(reports_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        // The service manager does the same, so that reports sent before the responder runs carry credentials.
-        const int on = 1;
-        ASSERT_EQ(setsockopt(reports_, SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
-        options_.report_socket = reports_;
         options_.socket_prefix = folder_.file("oper");
-        options_.state_folder = folder_.file("state");
+        options_.totals_socket = folder_.file("totals");
         begin();
     }
 
@@ -54,7 +50,6 @@ class session_responder : public testing::Test {
             end();
         }
         end_process();
-        close(reports_);
     }
 
     void begin() {
@@ -62,7 +57,16 @@ class session_responder : public testing::Test {
         options_.stop = stop_[0];
         process_info own;
         ASSERT_TRUE(read_process(getpid(), own));
-        table_ = {.server_program = own.program, .client_program = "/none", .client_name = "none"};
+        table_ = {.server_program = own.program,
+                  .client_program = "/none",
+                  .client_name = "none",
+                  .page_folder = page_folder_,
+                  .numbers = {.folder = number_folder_}};
+        table_.processes.read = [](pid_t pid, process_info& process) {
+            const bool is_read = read_process(pid, process);
+            process.is_roots = true;
+            return is_read;
+        };
         responder_ = std::thread([this] { began_ = run_responder(options_, table_); });
     }
 
@@ -73,23 +77,25 @@ class session_responder : public testing::Test {
         close(stop_[1]);
     }
 
-    /// A process that sends a report on request.
-    void start_process() {
-        ASSERT_EQ(pipe2(orders_, O_CLOEXEC), 0);
+    void fork_process() {
         process_ = fork();
         if (process_ == 0) {
-            close(orders_[1]);
-            const sockaddr_un address = address_of(folder_.file("reports"));
-            const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            for (char order = 0; read(orders_[0], &order, 1) == 1;) {
-                const std::string report = report_of(client_words);
-                sendto(sender, report.data(), report.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-                       sizeof(address));
-            }
+            pause();
             _exit(0);
         }
-        close(orders_[0]);
-        ASSERT_EQ(write(orders_[1], "x", 1), 1);
+        process_info process;
+        ASSERT_TRUE(read_process(process_, process));
+        facts_ = facts_of_session(process_);
+        facts_.start_time = process.start_time;
+    }
+
+    void make_pages() { ASSERT_EQ(make_server_pages(page_folder_.c_str(), facts_, session_pages_), 0); }
+
+    /// A process with a session.
+    void start_process() {
+        wait_until([this] { return exists(options_.totals_socket); });
+        fork_process();
+        make_pages();
         wait_until([this] { return exists(socket_path()); });
     }
 
@@ -97,9 +103,12 @@ class session_responder : public testing::Test {
         if (process_ > 0) {
             kill(process_, SIGKILL);
             waitpid(process_, nullptr, 0);
-            close(orders_[1]);
             process_ = 0;
         }
+    }
+
+    std::string page_path() const {
+        return page_folder_ + "/" + session_name({.pid = process_, .start_time = facts_.start_time});
     }
 
     std::string socket_path() const { return options_.socket_prefix + std::to_string(process_); }
@@ -113,8 +122,10 @@ class session_responder : public testing::Test {
     }
 
     /// -1 if nobody listens.
-    int connect_to_session() const {
-        const sockaddr_un address = address_of(socket_path());
+    int connect_to_session() const { return connect_to(socket_path()); }
+
+    static int connect_to(const std::string& path) {
+        const sockaddr_un address = address_of(path);
         const int asker = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         const timeval patience = {.tv_sec = 20, .tv_usec = 0};
         setsockopt(asker, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
@@ -138,15 +149,28 @@ class session_responder : public testing::Test {
         return length;
     }
 
+    /// "incoming outgoing".
+    std::string totals() const {
+        session_totals found;
+        const int asker = connect_to(options_.totals_socket);
+        const ssize_t length = recv(asker, &found, sizeof(found), MSG_TRUNC);
+        close(asker);
+        return length == static_cast<ssize_t>(sizeof(found))
+                   ? std::to_string(found.incoming) + " " + std::to_string(found.outgoing)
+                   : "none";
+    }
+
     scratch_directory folder_;
+    std::string page_folder_ = folder_.file("pages");
+    std::string number_folder_ = folder_.file("numbers");
     responder_options options_;
     session_table table_;
     std::thread responder_;
     bool began_ = false;
-    int reports_ = -1;
     int stop_[2] = {-1, -1};
-    int orders_[2] = {-1, -1};
     pid_t process_ = 0;
+    session_facts facts_;
+    server_pages session_pages_;
 };
 
 }  // namespace
@@ -157,7 +181,61 @@ TEST_F(session_responder, answers_with_one_snapshot) {
     EXPECT_EQ(ask({0, 1, 0xdeadbeef}, &answer), 2320);
     EXPECT_EQ(answer.session_id, 1U);
     EXPECT_EQ(text_of_field(answer.kex_algorithm), "ecdh-sha2-nistp256");
-    EXPECT_EQ(ask({0, 1, 0}), 2320) << "again";
+    facts_.channels[0] = {.state = channel_running, .id = 5, .type = connection_shell};
+    write_page(*session_pages_.reported, facts_);
+    EXPECT_EQ(ask({0, 1, 0}, &answer), 2320) << "again";
+    EXPECT_EQ(answer.channel_id[1], 5U) << "what is known now";
+}
+
+TEST_F(session_responder, a_session_whose_process_alters_its_page_keeps_its_user) {
+    start_process();
+    session_facts forged = facts_;
+    set_field(forged.user, "root");
+    set_field(forged.kex, "forged");
+    std::memset(forged.in_cipher, 'x', sizeof(forged.in_cipher));
+    forged.session_pid = 1;
+    write_page(*session_pages_.reported, forged);
+    session_snapshot answer = {};
+    EXPECT_EQ(ask({0, 1, 0}, &answer), 2320);
+    EXPECT_EQ(text_of_field(answer.user_id), "operator");
+    EXPECT_EQ(text_of_field(answer.kex_algorithm), "ecdh-sha2-nistp256");
+    EXPECT_EQ(answer.session_pid, 0U);
+    std::memset(static_cast<void*>(session_pages_.reported), 0xff, session_page_size);
+    EXPECT_EQ(ask({0, 1, 0}, &answer), 2320);
+    EXPECT_EQ(text_of_field(answer.user_id), "operator");
+}
+
+TEST_F(session_responder, tells_how_many_sessions_there_are) {
+    start_process();
+    EXPECT_EQ(totals(), "1 0");
+    EXPECT_EQ(totals(), "1 0") << "again";
+    struct stat status = {};
+    ASSERT_EQ(stat(options_.totals_socket.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+    end_process();
+    wait_until([this] { return totals() == "0 0"; });
+}
+
+TEST_F(session_responder, an_asker_of_totals_that_is_gone_does_no_harm) {
+    start_process();
+    for (int i = 0; i < 20; ++i) {
+        close(connect_to(options_.totals_socket));
+    }
+    EXPECT_EQ(totals(), "1 0");
+}
+
+TEST_F(session_responder, says_that_it_works) {
+    end();
+    static std::atomic<int> times;
+    static std::atomic<bool> is_ready;
+    times = 0;
+    is_ready = false;
+    options_.report_alive = [](bool ready) {
+        is_ready = is_ready || ready;
+        ++times;
+    };
+    begin();
+    wait_until([] { return is_ready && times > 2; });
 }
 
 TEST_F(session_responder, closes_the_connection_on_an_invalid_request) {
@@ -194,15 +272,18 @@ TEST_F(session_responder, survives_more_silent_clients_than_it_has_slots) {
 TEST_F(session_responder, sockets_and_files_belong_to_root_and_are_removed_with_the_process) {
     start_process();
     const std::string path = socket_path();
-    const std::string file = options_.state_folder + "/" + std::to_string(process_);
+    const std::string file = page_path();
+    const std::string number = number_folder_ + "/" + session_name({.pid = process_, .start_time = facts_.start_time});
     struct stat status = {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600U);
-    ASSERT_EQ(stat(options_.state_folder.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0700U);
-    wait_until([&] { return exists(file); });
+    for (const std::string& folder : {page_folder_, number_folder_}) {
+        ASSERT_EQ(stat(folder.c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 0777, 0700U);
+    }
+    EXPECT_TRUE(exists(file) && exists(number));
     end_process();
-    wait_until([&] { return !exists(path) && !exists(file); });
+    wait_until([&] { return !exists(path) && !exists(file) && !exists(number); });
 }
 
 TEST_F(session_responder, restores_its_sessions_after_a_restart) {
@@ -217,25 +298,68 @@ TEST_F(session_responder, restores_its_sessions_after_a_restart) {
     EXPECT_EQ(answer.session_id, 1U);
 }
 
-TEST_F(session_responder, reads_reports_sent_while_it_was_down) {
+TEST_F(session_responder, finds_sessions_that_began_while_it_was_down) {
+    wait_until([this] { return exists(options_.totals_socket); });
     end();
-    const sockaddr_un address = address_of(folder_.file("reports"));
-    ASSERT_EQ(pipe2(orders_, O_CLOEXEC), 0);
-    process_ = fork();
-    if (process_ == 0) {
-        const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        const std::string report = report_of(client_words);
-        sendto(sender, report.data(), report.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        pause();
-        _exit(0);
-    }
-    close(orders_[0]);
-    std::this_thread::sleep_for(milliseconds(20));
+    fork_process();
+    make_pages();
+    EXPECT_FALSE(exists(socket_path()));
     begin();
     wait_until([this] { return ask({0, 1, 0}) == 2320; });
 }
 
+TEST_F(session_responder, removes_files_of_sessions_that_ended_while_it_was_down) {
+    start_process();
+    const std::string file = page_path();
+    end();
+    end_process();
+    EXPECT_TRUE(exists(file));
+    begin();
+    wait_until([&] { return !exists(file); });
+}
+
+TEST_F(session_responder, finds_all_sessions_after_more_events_than_the_kernel_keeps) {
+    wait_until([this] { return exists(options_.totals_socket); });
+    static std::atomic<bool> is_held;
+    static std::atomic<bool> has_stopped;
+    is_held = has_stopped = false;
+    end();
+    // Holds the responder from its first sign of life on.
+    options_.report_alive = [](bool) {
+        while (is_held) {
+            has_stopped = true;
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+    };
+    is_held = true;
+    begin();
+    wait_until([] { return has_stopped.load(); });
+    std::ifstream most("/proc/sys/fs/inotify/max_queued_events");
+    int events = 0;
+    ASSERT_TRUE(most >> events);
+    for (int i = 0; i < events + 10; ++i) {
+        folder_.write("pages/" + std::to_string(i % 2), "");
+        unlink(folder_.file("pages/" + std::to_string(i % 2)).c_str());
+    }
+    fork_process();
+    make_pages();
+    is_held = false;
+    wait_until([this] { return ask({0, 1, 0}) == 2320; });
+}
+
+TEST_F(session_responder, ends_when_its_folder_is_lost) {
+    wait_until([this] { return exists(options_.totals_socket); });
+    testing::internal::CaptureStderr();
+    std::filesystem::remove_all(page_folder_);
+    responder_.join();
+    EXPECT_FALSE(began_);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("lost the folder"), std::string::npos);
+    close(stop_[0]);
+    close(stop_[1]);
+}
+
 TEST_F(session_responder, removes_leftovers_of_a_killed_responder) {
+    wait_until([this] { return exists(options_.totals_socket); });
     end();
     const std::string stale = options_.socket_prefix + "12345";
     const std::string other = folder_.write("oper_is_not_a_socket", "");
@@ -248,41 +372,9 @@ TEST_F(session_responder, removes_leftovers_of_a_killed_responder) {
     EXPECT_TRUE(exists(other));
 }
 
-TEST_F(session_responder, drops_descriptors_sent_with_a_report) {
-    start_process();
-    const auto open_descriptors = [] {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                             std::filesystem::directory_iterator());
-    };
-    const auto before = open_descriptors();
-    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = address_of(folder_.file("reports"));
-    for (int i = 0; i < 20; ++i) {
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        char byte = 'x';
-        iovec place = {.iov_base = &byte, .iov_len = 1};
-        msghdr message = {};
-        message.msg_name = const_cast<sockaddr_un*>(&address);
-        message.msg_namelen = sizeof(address);
-        message.msg_iov = &place;
-        message.msg_iovlen = 1;
-        message.msg_control = control;
-        message.msg_controllen = sizeof(control);
-        cmsghdr* header = CMSG_FIRSTHDR(&message);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &sender, sizeof(sender));
-        EXPECT_EQ(sendmsg(sender, &message, 0), 1);
-    }
-    close(sender);
-    EXPECT_EQ(ask({0, 1, 0}), 2320);
-    wait_until([&] { return open_descriptors() == before; });
-}
-
 TEST_F(session_responder, does_not_start_without_a_folder_for_its_files) {
     end();
-    options_.state_folder = folder_.file("missing/state");
+    page_folder_ = folder_.file("missing/pages");
     testing::internal::CaptureStderr();
     begin();
     responder_.join();

@@ -1,9 +1,10 @@
-/// Helpers of the session-report tests: simulated processes, reports of their log lines, and a session as text.
+/// Helpers of the session tests: simulated processes with pages, and a session as text.
 #ifndef TESTS_UNIT_OPENSSH_SESSION_TEST_H
 #define TESTS_UNIT_OPENSSH_SESSION_TEST_H
 
 #include <fcntl.h>
-#include <poll.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -20,17 +21,25 @@ namespace openssh_test {
 constexpr const char* server_program = "/usr/sbin/sshd";
 constexpr const char* client_program = "/usr/bin/ssh";
 constexpr const char* client_name = "/pkg/bin/ssh_csm";
+constexpr uid_t some_user = 1001;
 
 /// A simulated process; closing its pipe ends it.
 struct simulated_process {
     openssh::process_info info;
-    std::string peer;
+    bool is_connected = false;
     openssh::byte_counters bytes;
+    int page = -1;  ///< a client's memory file
     int writing_end = -1;
 };
 
 inline std::map<pid_t, simulated_process>& processes() {
     static std::map<pid_t, simulated_process> all;
+    return all;
+}
+
+/// The process of each descriptor that was opened.
+inline std::map<int, pid_t>& opened_processes() {
+    static std::map<int, pid_t> all;
     return all;
 }
 
@@ -48,60 +57,129 @@ inline bool read_simulated(pid_t pid, openssh::process_info& process) {
     return true;
 }
 
+inline std::string program_of_simulated(pid_t pid) {
+    openssh::process_info process;
+    return read_simulated(pid, process) ? process.program : "";
+}
+
+inline std::vector<pid_t> list_simulated() {
+    std::vector<pid_t> pids;
+    for (const auto& [pid, process] : processes()) {
+        pids.push_back(pid);
+    }
+    return pids;
+}
+
 inline int open_simulated(pid_t pid) {
     int ends[2];
     if (processes().count(pid) == 0 || pipe2(ends, O_CLOEXEC) != 0) {
         return -1;
     }
     processes()[pid].writing_end = ends[1];
+    opened_processes()[ends[0]] = pid;
     return ends[0];
 }
 
-inline void inspect_simulated(int, pid_t pid, std::string* peer, openssh::byte_counters* bytes) {
-    if (peer != nullptr) {
-        *peer = processes()[pid].peer;
-    }
-    if (bytes != nullptr) {
-        *bytes = processes()[pid].bytes;
-    }
+/// All pages are at the same descriptor.
+inline int copy_simulated(int process, int number) {
+    const int page = processes()[opened_processes()[process]].page;
+    return number == openssh::first_page_descriptor + 1 && page >= 0 ? dup(page) : -1;
+}
+
+inline bool inspect_simulated(int, pid_t pid, openssh::byte_counters& bytes) {
+    bytes = processes()[pid].bytes;
+    return processes()[pid].is_connected;
 }
 
 inline uint64_t simulated_time() {
     return clock_now();
 }
 
-inline void start_process(pid_t pid, const std::string& program, pid_t parent = 1, uint64_t start_time = 0,
-                          const std::string& name = "norvosshd: operator [priv]") {
+inline simulated_process& start_process(pid_t pid, const std::string& program, pid_t parent = 1,
+                                        uint64_t start_time = 0,
+                                        const std::string& name = "norvosshd: operator [priv]") {
     simulated_process process;
+    const bool is_roots = program == server_program;
     process.info = {.start_time = start_time != 0 ? start_time : static_cast<uint64_t>(pid) * 10,
                     .parent = parent,
-                    .terminal = 7,
+                    .user = is_roots ? 0 : some_user,
+                    .is_roots = is_roots,
                     .program = program,
                     .name = name};
     processes()[pid] = process;
+    return processes()[pid];
 }
 
 inline void end_process(pid_t pid) {
     close(processes()[pid].writing_end);
+    if (processes()[pid].page >= 0) {
+        close(processes()[pid].page);
+    }
     processes().erase(pid);
 }
 
-inline openssh::session_table make_table() {
+inline openssh::session_table make_table(const std::string& page_folder = "", const std::string& number_folder = "") {
     return {.server_program = server_program,
             .client_program = client_program,
             .client_name = client_name,
+            .page_folder = page_folder,
+            .numbers = {.folder = number_folder},
             .processes = {.read = read_simulated,
+                          .program_of = program_of_simulated,
+                          .list = list_simulated,
                           .open = open_simulated,
+                          .copy_descriptor = copy_simulated,
                           .look_at_connection = inspect_simulated,
                           .now = simulated_time}};
 }
 
-inline std::string report_of(std::string_view line, uint64_t start_time = 0, uint32_t forked_from = 0) {
-    openssh::report_header header;
-    header.start_time = start_time;
-    header.forked_from = forked_from;
-    std::string report(reinterpret_cast<const char*>(&header), sizeof(header));
-    return report.append(line);
+inline openssh::session_facts facts_of_session(pid_t pid, const char* user = "operator") {
+    openssh::session_facts facts;
+    facts.pid = facts.first_pid = pid;
+    facts.start_time = facts.first_start_time = static_cast<uint64_t>(pid) * 10;
+    facts.state = openssh::session_established;
+    openssh::set_field(facts.user, user);
+    openssh::set_field(facts.host, "10.0.0.7");
+    openssh::set_field(facts.method, "password");
+    openssh::set_field(facts.kex, "ecdh-sha2-nistp256");
+    return facts;
+}
+
+/// The bytes of a page with these facts.
+inline std::string page_of(const openssh::session_facts& facts) {
+    openssh::session_page page;
+    openssh::write_page(page, facts);
+    std::string bytes(openssh::session_page_size, '\0');
+    std::memcpy(bytes.data(), &page, sizeof(page));
+    return bytes;
+}
+
+/// The bytes of a server's file whose session has reported nothing.
+inline std::string server_file_of(const openssh::session_facts& facts) {
+    return page_of(facts) + std::string(openssh::session_page_size, '\0');
+}
+
+/// A client's memory file, sealed like that of the library unless otherwise said.
+inline int make_client_file(const std::string& bytes, unsigned seals = openssh::client_page_seals) {
+    const int file = memfd_create("page", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
+        fcntl(file, F_ADD_SEALS, seals) != 0) {
+        close(file);
+        return -1;
+    }
+    return file;
+}
+
+/// A client with a page.
+inline simulated_process& start_client(pid_t pid, const openssh::session_facts& facts, uid_t user = some_user) {
+    simulated_process& process = start_process(pid, client_program, 1, 0, client_name);
+    process.info.user = user;
+    process.is_connected = true;
+    process.page = make_client_file(page_of(facts));
+    return process;
+}
+inline simulated_process& start_client(pid_t pid) {
+    return start_client(pid, facts_of_session(pid));
 }
 
 template <size_t size>

@@ -28,6 +28,7 @@ TEST(session_snapshot, of_an_unknown_session_contains_only_the_version) {
     session_snapshot expected;
     std::memset(&expected, 0, sizeof(expected));
     expected.protocol_version = 2;
+    expected.data_to_rekey = SESSION_DATA_UNKNOWN;
     const session_snapshot answer = make_snapshot({}, 0, {});
     EXPECT_EQ(std::memcmp(&answer, &expected, sizeof(answer)), 0);
 }
@@ -63,11 +64,15 @@ TEST(session_snapshot, counts_down_the_volume_of_the_busier_direction) {
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 10000U);
 }
 
-TEST(session_snapshot, omits_the_volume_if_it_is_not_counted) {
+TEST(session_snapshot, a_volume_that_is_not_counted_is_unknown) {
     session_facts facts = with_limits(10000, 60);
-    EXPECT_EQ(make_snapshot(facts, 0, {}).data_to_rekey, 0U);
+    EXPECT_EQ(make_snapshot(facts, 0, {}).data_to_rekey, SESSION_DATA_UNKNOWN);
     facts.at_keying = {};
-    EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 0U);
+    EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, SESSION_DATA_UNKNOWN);
+}
+
+TEST(session_snapshot, a_volume_beyond_the_field_is_known) {
+    EXPECT_EQ(make_snapshot(with_limits(8ULL << 30, 0), 0, nothing_sent).data_to_rekey, UINT32_MAX - 1);
 }
 
 TEST(session_snapshot, uses_the_ciphers_limit_if_no_volume_is_set) {
@@ -78,7 +83,7 @@ TEST(session_snapshot, uses_the_ciphers_limit_if_no_volume_is_set) {
     set_field(facts.out_cipher, "chacha20-poly1305@openssh.com");
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 8000U);
     facts.blocks_limit = UINT64_MAX;
-    EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, UINT32_MAX);
+    EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, UINT32_MAX - 1);
 }
 
 TEST(session_snapshot, terminates_every_text) {

@@ -316,12 +316,22 @@ TEST_F(session_records_test, rekey_shows_minutes_and_mebibytes) {
 TEST_F(session_records_test, rekey_quantities_are_truncated_to_ten_characters) {
     session_snapshot snapshot = usual_snapshot(5);
     strcpy(snapshot.time_to_rekey, "999999999999999999999999999");
-    snapshot.data_to_rekey = UINT32_MAX;
+    snapshot.data_to_rekey = UINT32_MAX - 1;
     serve(snapshot, snapshot);
     const auto record = rekey();
     ASSERT_TRUE(record);
     EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "3074457345");
     EXPECT_STREQ((*record)->IncomingSessions->VolumeToRekey, "4096.0");
+}
+
+TEST_F(session_records_test, rekey_leaves_an_unknown_volume_empty) {
+    session_snapshot snapshot = usual_snapshot(5);
+    snapshot.data_to_rekey = SESSION_DATA_UNKNOWN;
+    serve(snapshot, snapshot);
+    const auto record = rekey();
+    ASSERT_TRUE(record);
+    EXPECT_STREQ((*record)->IncomingSessions->TimeToRekey, "1.5");
+    EXPECT_EQ((*record)->IncomingSessions->VolumeToRekey, nullptr);
 }
 
 TEST_F(session_records_test, rekey_parses_the_time_as_an_unsigned_number) {

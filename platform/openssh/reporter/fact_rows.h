@@ -1,9 +1,11 @@
 /// Derives facts about a session from log lines of sshd and ssh.
-#ifndef OPENSSH_SESSIONS_FACT_ROWS_H
-#define OPENSSH_SESSIONS_FACT_ROWS_H
+///
+/// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
+#ifndef OPENSSH_REPORTER_FACT_ROWS_H
+#define OPENSSH_REPORTER_FACT_ROWS_H
 
 #include "openssh/reporter/log_line.h"
-#include "openssh/sessions/session_facts.h"
+#include "openssh/reporter/session_facts.h"
 
 namespace openssh {
 

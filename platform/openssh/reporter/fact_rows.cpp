@@ -1,9 +1,9 @@
-#include "openssh/sessions/fact_rows.h"
+#include "openssh/reporter/fact_rows.h"
 
 #include <algorithm>
 #include <iterator>
 
-#include "openssh/sessions/line_pattern.h"
+#include "openssh/reporter/line_pattern.h"
 
 namespace openssh {
 

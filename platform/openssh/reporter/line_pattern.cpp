@@ -1,6 +1,6 @@
-#include "openssh/sessions/line_pattern.h"
+#include "openssh/reporter/line_pattern.h"
 
-#include "common/number.h"
+#include <cstdint>
 
 namespace openssh {
 
@@ -32,9 +32,18 @@ bool match_pattern(std::string_view pattern, std::string_view text, captures& fo
 }
 
 bool number_of(std::string_view piece, unsigned long long& number) {
-    const auto parsed = number_parse<unsigned long long>(piece);
-    number = parsed.value_or(number);
-    return parsed.has_value();
+    unsigned long long value = 0;
+    for (const char digit : piece) {
+        if (digit < '0' || digit > '9' || value > (UINT64_MAX - static_cast<unsigned>(digit - '0')) / 10) {
+            return false;
+        }
+        value = value * 10 + static_cast<unsigned>(digit - '0');
+    }
+    if (piece.empty()) {
+        return false;
+    }
+    number = value;
+    return true;
 }
 
 }  // namespace openssh

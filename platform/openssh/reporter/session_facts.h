@@ -1,6 +1,9 @@
-/// Everything known about one session. Plain data: stored in a file exactly as in memory.
-#ifndef OPENSSH_SESSIONS_SESSION_FACTS_H
-#define OPENSSH_SESSIONS_SESSION_FACTS_H
+/// Everything known about one session. Plain data of a fixed size, because processes share it through memory. What does
+/// not fit is left out: texts are cut at the end of their field, and channels beyond the last place are not recorded.
+///
+/// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
+#ifndef OPENSSH_REPORTER_SESSION_FACTS_H
+#define OPENSSH_REPORTER_SESSION_FACTS_H
 
 #include <cstddef>
 #include <cstdint>
@@ -62,10 +65,13 @@ struct session_facts {
     uint64_t start_time = 0;  ///< of process `pid`, in clock ticks since boot
     int32_t pid = 0;          ///< the process that is queried for the session: sshd's monitor, or ssh
     session_kind kind = session_kind::incoming;
-    uint32_t user_number = 0;  ///< the user who owns that process
-    uint32_t session_id = 0;
+    uint32_t user_number = 0;  ///< the user who owns that process; set by the responder
+    uint32_t session_id = 0;   ///< set by the responder
     uint32_t state = session_negotiating;
     int32_t session_pid = 0;  ///< the process that runs the session; 0 while there is none
+    /// The process in which the session began, if it continues in another: in a child of ssh that went to the background.
+    int32_t first_pid = 0;
+    uint64_t first_start_time = 0;
     char user[64] = {};
     char host[256] = {};
     char method[32] = {};

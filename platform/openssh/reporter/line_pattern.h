@@ -1,6 +1,6 @@
 /// Patterns for log texts, with placeholders for the values.
-#ifndef OPENSSH_SESSIONS_LINE_PATTERN_H
-#define OPENSSH_SESSIONS_LINE_PATTERN_H
+#ifndef OPENSSH_REPORTER_LINE_PATTERN_H
+#define OPENSSH_REPORTER_LINE_PATTERN_H
 
 #include <array>
 #include <cstddef>

@@ -1,0 +1,25 @@
+/// A TCP connection as the kernel knows it.
+///
+/// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
+#ifndef OPENSSH_REPORTER_CONNECTION_H
+#define OPENSSH_REPORTER_CONNECTION_H
+
+#include "openssh/reporter/session_facts.h"
+
+namespace openssh {
+
+/// The peer's address without its port, with the zone of a link-local one; as long as the field for it.
+struct peer_address {
+    char text[sizeof(session_facts::host)] = {};
+};
+
+/// Inspects a socket. `peer` and `bytes` may be null. Returns false, with both unchanged, unless it is a connected TCP
+/// socket. The zone is named as in the network namespace of the calling process.
+bool look_at_socket(int socket_descriptor, peer_address* peer, byte_counters* bytes) noexcept;
+
+/// The same for the connection of this process, which has at most one.
+bool look_at_own_connection(peer_address* peer, byte_counters* bytes) noexcept;
+
+}  // namespace openssh
+
+#endif
