@@ -49,20 +49,32 @@ constexpr missing_line missing_client_setting(size_t index, uint32_t first_line)
     if (index == CLIENT_WINDOW_SCALE) {
         return NOT_COMPARED;
     }
-    return first_line != NOT_AT_START ? IS_UNSET : HAS_DEFAULT;
+    // A start writes the limit before the lines that have a position.
+    return first_line != NOT_AT_START || index == CLIENT_REKEY_LIMIT ? IS_UNSET : HAS_DEFAULT;
+}
+
+// While FIPS mode is off, a start removes these two lists, and the launchers fall back on the same defaults. Without host
+// keys, however, the launcher uses no file at all.
+constexpr missing_line missing_list(size_t index) {
+    return index == SERVER_CIPHERS || index == SERVER_KEX_ALGORITHMS ? HAS_DEFAULT : IS_UNSET;
+}
+
+constexpr missing_line missing_client_list(size_t index) {
+    return index == CLIENT_CIPHERS || index == CLIENT_KEX_ALGORITHMS ? HAS_DEFAULT : IS_UNSET;
 }
 
 const setting_kind server_kinds[] = {
 #define SERVER_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     {keyword, &server_config.parameters[index], nullptr, missing_setting(index, first_line)},
-#define SERVER_LIST(index, keyword, ...) {keyword, nullptr, &server_config.algorithms[index], HAS_DEFAULT},
+#define SERVER_LIST(index, keyword, ...) {keyword, nullptr, &server_config.algorithms[index], missing_list(index)},
 #include "config_files/configuration.def"
 };
 
 const setting_kind client_kinds[] = {
 #define CLIENT_KEYWORD(index, keyword, default_text, state, first_line, line_text) \
     {keyword, &client_config.parameters[index], nullptr, missing_client_setting(index, first_line)},
-#define CLIENT_LIST(index, keyword, ...) {keyword, nullptr, &client_config.algorithms[index], HAS_DEFAULT},
+#define CLIENT_LIST(index, keyword, ...) \
+    {keyword, nullptr, &client_config.algorithms[index], missing_client_list(index)},
 #include "config_files/configuration.def"
 };
 

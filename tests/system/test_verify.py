@@ -364,6 +364,45 @@ def test_a_banner_that_cannot_be_written_is_part_of_the_answer(server, read_only
     assert not MOTD.exists()
 
 
+# --- The default file -----------------------------------------------------------------------------------------------
+
+
+def in_force(vrf):
+    """The settings that the VRF's server is started with, as sshd reads them."""
+    file = f"/run/ssh_cfg_agent/openssh/sshd_config_{vrf}"
+    return sorted(router.in_vrf(vrf, "/usr/sbin/sshd", "-T", "-f", file).stdout.splitlines())
+
+
+def test_an_emptied_default_file_gets_every_line_that_a_start_writes(server):
+    server("red")
+    router.set_item("cmn/timeout", 44)
+    router.restart_agent()
+    written = sorted(" ".join(line.split()) for line in router.server_lines())
+    file = router.FILES / "sshd_config"
+    file.write_text("", encoding="utf-8")
+    found = verify()
+    assert found.returncode == 1
+    assert "LoginGraceTime, " in found.stdout and found.stdout.endswith(", HostKey\n")
+    repaired = router.run("ssh_cfg_ctl", "repair")
+    assert f"file {file}: differs in " in repaired.stdout
+    assert verify().returncode == 0
+    assert sorted(" ".join(line.split()) for line in router.server_lines()) == written
+    # The next server is made from it.
+    server("blue")
+    assert in_force("blue") == in_force("red")
+
+
+def test_a_default_file_made_again_has_the_settings_that_a_start_writes(server):
+    server("red")
+    router.load({"cmn/timeout": 44, "cmn/algorithms/host-key": [1, 0, 0, 0, 0, 0, 0, 1, 1, 0]})
+    router.restart_agent()
+    file = router.FILES / "sshd_config"
+    file.unlink()
+    expect_repaired(f"file {file}: No such file or directory")
+    server("blue")
+    assert in_force("blue") == in_force("red")
+
+
 # --- A sound router -------------------------------------------------------------------------------------------------
 
 

@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -182,6 +186,73 @@ TEST_F(reconciliation_test, lines_of_the_default_file) {
     expect_repaired({of_file(paths::server_file, "differs in MaxSessions")}, {});
     std::filesystem::remove(paths::server_file);
     expect_repaired({of_file(paths::server_file, "No such file or directory")}, {});
+}
+
+/// The lines of a server's file, with one line for each host key and no doubled blank, sorted.
+std::vector<std::string> settings_of(const std::string& path) {
+    std::vector<std::string> settings;
+    for (const std::string& line : file_lines(path)) {
+        if (!line.starts_with("HostKey ")) {
+            settings.push_back(line);
+            continue;
+        }
+        std::istringstream keys(line.substr(line.find_first_not_of(' ', std::strlen("HostKey "))));
+        for (std::string key; std::getline(keys, key, ',');) {
+            settings.push_back("HostKey " + key);
+        }
+    }
+    std::ranges::sort(settings);
+    return settings;
+}
+
+// A file made from the table has the table's order and the host keys in one line. A file written by a start has neither the
+// two limits, unless they are configured, nor the two lists that a start without FIPS mode removes: their defaults apply.
+TEST_F(reconciliation_test, a_default_file_made_from_the_table_has_the_settings_that_a_start_writes) {
+    start();
+    commit_ok(timeout(77));
+    commit_ok(host_key_change({1, 0, 0, 0, 0, 0, 0, 1, 1, 0}));
+    die_and_start(1);
+    const std::string started = read_file(paths::server_file);
+    const std::vector<std::string> settings = settings_of(paths::server_file);
+    EXPECT_THAT(settings, testing::IsSupersetOf({"LoginGraceTime 77", "HostKey /pkg/ecdsa-sha2-nistp256"}));
+
+    std::filesystem::remove(paths::server_file);
+    expect_repaired({of_file(paths::server_file, "No such file or directory")}, {});
+    std::vector<std::string> added;
+    const std::vector<std::string> made = settings_of(paths::server_file);
+    EXPECT_TRUE(std::ranges::includes(made, settings)) << testing::PrintToString(made);
+    std::ranges::set_difference(made, settings, std::back_inserter(added));
+    EXPECT_THAT(added, ElementsAre(testing::StartsWith("Ciphers aes128-ctr,"),
+                                   testing::StartsWith("KexAlgorithms ecdh-sha2-nistp521,"), "RateLimitQd 60",
+                                   "SessionLimitQd 64"));
+
+    die_and_start(1);
+    EXPECT_EQ(read_file(paths::server_file), started);
+    EXPECT_THAT(restarts(), IsEmpty());
+}
+
+TEST_F(reconciliation_test, an_emptied_file_gets_every_line_that_a_start_writes) {
+    start();
+    commit_ok(timeout(77));
+    die_and_start(1);
+    for (const char* file : {paths::server_file, paths::client_file}) {
+        const std::vector<std::string> settings = settings_of(file);
+        write_file(file, "");
+        EXPECT_GT(fake_platform::reconcile(false).remaining, 0) << file;
+        expect_repaired({}, {});
+        EXPECT_EQ(settings_of(file), settings);
+    }
+}
+
+TEST_F(reconciliation_test, a_vrfs_file_without_host_keys) {
+    start();
+    std::string without;
+    for (const std::string& line : file_lines(file_of("red"))) {
+        without += line.starts_with("HostKey ") ? "" : line + "\n";
+    }
+    ASSERT_LT(without.size(), read_file(file_of("red")).size());
+    write_file(file_of("red"), without);
+    expect_repaired({of_file(file_of("red"), "differs in HostKey")}, {restart_of("red")});
 }
 
 TEST_F(reconciliation_test, the_clients_file) {
