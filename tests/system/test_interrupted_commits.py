@@ -31,11 +31,17 @@ def list_of(*sources):
     return ["ssh_cfg_ctl", "acl", "set", "ipv4", "ops", "-"], entries
 
 
+def bound(vrf, name):
+    return {ITEM + vrf: [None, name, None]}
+
+
 # Each kind of change there and back: commands with their standard input, and whether every server has to be restarted.
 KINDS = {
     "a_setting": (load({TIMEOUT: 50}), load({TIMEOUT: 60}), True),
     "fips_mode": (load({FIPS: 1}), load({FIPS: None}), True),
     "an_item": (load({ITEM + "grey": router.OPEN}), load({ITEM + "grey": None}), False),
+    "an_item_with_a_list": (load(bound("grey", "ops")), load({ITEM + "grey": None}), False),
+    "a_list_bound": (load(bound("blue", "ops")), load(bound("blue", None)), False),
     "a_list": (list_of("10.0.0.0/8", "127.0.0.0/8"), list_of("127.0.0.0/8"), False),
 }
 
@@ -46,7 +52,7 @@ def servers(vrf, lists_and_wires):
     for name in [*VRFS, "grey"]:
         vrf(name)
     router.run(*list_of("127.0.0.0/8")[0], input=list_of("127.0.0.0/8")[1])
-    router.load({TIMEOUT: 60} | {ITEM + name: router.OPEN for name in VRFS} | {ITEM + "red": [None, "ops", None]})
+    router.load({TIMEOUT: 60} | {ITEM + name: router.OPEN for name in VRFS} | bound("red", "ops"))
     for name in VRFS:
         router.wait_for_server(name)
 

@@ -108,6 +108,19 @@ bool is_empty_table(const std::filesystem::directory_entry& entry) {
     return entry.path().string().starts_with(kernel_rules) && entry.file_size() == 0;
 }
 
+/// What the agent is told about a table. Its rules are the indented lines.
+packet_filter_finding compare_with_kernel(const packet_filter_table& table) {
+    std::string wanted;
+    std::istringstream commands(table.commands != nullptr ? table.commands : "");
+    for (std::string line; std::getline(commands, line);) {
+        wanted += line.starts_with(' ') ? line + "\n" : "";
+    }
+    const std::string path = std::string(kernel_rules) + "/vrf-" + table.vrf_name + "/" + table.table;
+    const std::string present = path_exists(path) ? read_file(path) : "";
+    const auto verdict = present == wanted ? PACKET_FILTER_AS_WANTED : PACKET_FILTER_DIFFERS;
+    return {verdict, present.empty() ? 0U : 1U, wanted.empty() ? 0U : 1U};
+}
+
 std::string content_of(const std::string& path) {
     if (path.starts_with(units)) {
         return "runs";  // the file tells since when
@@ -141,6 +154,7 @@ class interrupted_commits_test : public acl_test, public testing::WithParamInter
             "set -- $STUB_COMMAND_LINE; mkdir -p /stub_commands/kernel/$4; "
             "awk -v d=/stub_commands/kernel/$4/ '/^(flush|delete)/ {printf \"\" > (d $4); close(d $4)} "
             "/^table/ {t = d $3} /^ / {print >> t}' $7");
+        fake_platform::set_packet_filter(compare_with_kernel);
         set_ops({"10.0.0.0"});
         fake_platform::store(vrf_item("red", "ops"));
         fake_platform::store(vrf_item("blue"));
@@ -291,8 +305,9 @@ INSTANTIATE_TEST_SUITE_P(
                     interrupted_commit{"an_item_added", {}, {vrf_item("grey")}},
                     interrupted_commit{"an_item_added_with_a_list", {}, {vrf_item("grey", "ops")}},
                     interrupted_commit{"netconf_added", {}, {netconf_item("blue")}},
-                    interrupted_commit{"an_item_deleted", {}, {fake_platform::remove(vrf_item("green").path)}},
+                    interrupted_commit{"an_item_deleted", {}, {fake_platform::remove(vrf_item("red").path)}},
                     interrupted_commit{"a_list_bound", {}, {vrf_item("blue", "ops")}},
+                    interrupted_commit{"a_list_released", {}, {vrf_item("red")}},
                     interrupted_commit{"a_list_changed", {}, {}, true}),
     [](const auto& info) { return info.param.name; });
 
