@@ -220,6 +220,16 @@ def test_a_rehearsal_that_hangs_is_cut_and_the_change_carried_out(hanging_change
     assert not rehearsal_mounts()
 
 
+def test_a_refusal_names_the_files_of_all_vrfs(server):
+    for name in ("red", "blue", "green"):
+        server(name)
+    server("green", "vrf-netconf", 830)
+    result = tool("set", HOST_KEYS, json.dumps(X509_ALONE))
+    assert result.returncode == 5
+    assert f"sshd would reject {router.server_file('blue')}: " in result.stderr
+    assert "(also sshd_config_red, sshd_config_green); nothing has been stored" in result.stderr
+
+
 def test_an_ordinary_user_sees_nothing_of_a_rehearsal(hanging_change):
     [process, *_] = rehearsal_mounts()
     root = f"/proc/{process}/root"

@@ -37,8 +37,9 @@ struct rehearsed_server {
 /// A file that sshd, or ssh for the client's, would not accept.
 struct rehearsed_rejection {
     std::string path;
-    std::string words;          ///< sshd's, or those of the launcher
-    bool was_rejected = false;  ///< the present file is rejected as well
+    std::string words;                ///< sshd's, or those of the launcher
+    bool was_rejected = false;        ///< the present file is rejected as well
+    std::vector<std::string> others;  ///< further files that are rejected with the same words
 };
 
 /// Something that a handler could not put in force.
@@ -57,7 +58,7 @@ struct rehearsal_report {
     std::vector<rehearsed_failure> not_in_force;
 };
 
-/// "sshd would reject PATH: WORDS"
+/// "sshd would reject PATH: WORDS", then the names of the first of the other files and the number of the rest
 std::string rehearsed_rejection_text(const rehearsed_rejection& rejection);
 
 const char* rehearsed_change_name(rehearsed_change change);

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <map>
 #include <string_view>
+#include <utility>
 
 #include "common/file_descriptor.h"
 #include "common/files.h"
@@ -125,10 +126,16 @@ verdict judge(const std::string& path) {
     return path == client_file ? judge_client() : judge_server(path);
 }
 
+/// A file to judge, and those with the same content.
+struct file_group {
+    const private_change* change;
+    std::vector<std::string> others;
+};
+
 /// The files to judge: one for each content of the servers' files, and the client's.
-std::vector<const private_change*> different_files(const std::vector<private_change>& changes) {
-    std::map<std::string_view, const private_change*> servers;
-    std::vector<const private_change*> different;
+std::vector<file_group> different_files(const std::vector<private_change>& changes) {
+    std::map<std::string_view, file_group> servers;
+    std::vector<file_group> different;
     const private_change* common = nullptr;
     for (const private_change& change : changes) {
         if (!change.after) {
@@ -137,16 +144,19 @@ std::vector<const private_change*> different_files(const std::vector<private_cha
         if (change.file.path == default_file) {
             common = &change;
         } else if (change.file.path == client_file) {
-            different.push_back(&change);
+            different.push_back({&change, {}});
         } else if (change.file.path.starts_with(vrf_file_prefix)) {
-            servers.try_emplace(*change.after, &change);
+            const auto [group, is_new] = servers.try_emplace(*change.after, file_group{&change, {}});
+            if (!is_new) {
+                group->second.others.push_back(change.file.path);
+            }
         }
     }
     if (servers.empty() && common != nullptr) {
-        different.push_back(common);
+        different.push_back({common, {}});
     }
-    for (const auto& [content, change] : servers) {
-        different.push_back(change);
+    for (auto& [content, group] : servers) {
+        different.push_back(std::move(group));
     }
     return different;
 }
@@ -167,16 +177,31 @@ bool is_rejected_now(const private_change& change, const private_folders& folder
     return now.rejected;
 }
 
+/// Servers' files that differ in their ports alone, for instance, are told as one.
+void add_rejection(std::vector<rehearsed_rejection>& rejections, rehearsed_rejection rejection) {
+    for (rehearsed_rejection& earlier : rejections) {
+        if (earlier.words == rejection.words && earlier.was_rejected == rejection.was_rejected &&
+            earlier.path != client_file) {
+            earlier.others.push_back(rejection.path);
+            earlier.others.insert(earlier.others.end(), rejection.others.begin(), rejection.others.end());
+            return;
+        }
+    }
+    rejections.push_back(std::move(rejection));
+}
+
 }  // namespace
 
 std::vector<rehearsed_rejection> judge_files(const std::vector<private_change>& changes, const private_folders& folders,
                                              std::string& problem) {
     std::vector<rehearsed_rejection> rejections;
-    for (const private_change* change : different_files(changes)) {
-        const verdict found = judge(change->file.path);
+    for (file_group& group : different_files(changes)) {
+        const private_change& change = *group.change;
+        const verdict found = judge(change.file.path);
         problem = found.problem;
         if (problem.empty() && found.rejected) {
-            rejections.push_back({change->file.path, found.words, is_rejected_now(*change, folders, problem)});
+            add_rejection(rejections, {change.file.path, found.words, is_rejected_now(change, folders, problem),
+                                       std::move(group.others)});
         }
         if (!problem.empty()) {
             break;

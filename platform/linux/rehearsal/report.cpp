@@ -45,7 +45,8 @@ rehearsal_report report_of(const control_json& json) {
         report.servers.push_back({server.at("vrf"), action_of(server.at("action"))});
     }
     for (const control_json& rejection : json.at("rejections")) {
-        report.rejections.push_back({rejection.at("path"), rejection.at("words"), rejection.at("was_rejected")});
+        report.rejections.push_back(
+            {rejection.at("path"), rejection.at("words"), rejection.at("was_rejected"), rejection.at("others")});
     }
     for (const control_json& failure : json.at("not_in_force")) {
         report.not_in_force.push_back({failure.at("subject"), failure.at("reason")});
@@ -69,8 +70,10 @@ std::string rehearsal_report_write(const rehearsal_report& report) {
         json["servers"].push_back({{"vrf", server.vrf_name}, {"action", rehearsed_action_name(server.action)}});
     }
     for (const rehearsed_rejection& rejection : report.rejections) {
-        json["rejections"].push_back(
-            {{"path", rejection.path}, {"words", rejection.words}, {"was_rejected", rejection.was_rejected}});
+        json["rejections"].push_back({{"path", rejection.path},
+                                      {"words", rejection.words},
+                                      {"was_rejected", rejection.was_rejected},
+                                      {"others", rejection.others}});
     }
     for (const rehearsed_failure& failure : report.not_in_force) {
         json["not_in_force"].push_back({{"subject", failure.subject}, {"reason", failure.reason}});

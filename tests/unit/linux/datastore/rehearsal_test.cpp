@@ -47,7 +47,9 @@ class datastore_rehearsal_test : public served_datastore_test {
         served_datastore_test::TearDown();
     }
 
-    static void reject(bool was_rejected) { script.report.rejections = {{"/etc/file", "Bad key types", was_rejected}}; }
+    static void reject(bool was_rejected) {
+        script.report.rejections = {{"/etc/file", "Bad key types", was_rejected, {}}};
+    }
 };
 
 TEST_F(datastore_rehearsal_test, comes_after_the_verifiers_and_before_the_store) {
@@ -89,6 +91,17 @@ TEST_F(datastore_rehearsal_test, a_commit_with_which_sshd_would_not_start_is_ref
     const datastore_commit_result both = datastore_commit({{timeout_path, number(30)}, {rate_path, number(10)}}, false);
     EXPECT_EQ(both.path, "");
     EXPECT_EQ(both.message, "sshd would reject /etc/file: Bad key types; nothing has been stored");
+}
+
+TEST_F(datastore_rehearsal_test, a_refusal_names_every_file_but_not_endlessly) {
+    reject(false);
+    script.report.rejections[0].others = {"/etc/b", "/etc/c"};
+    EXPECT_EQ(set(timeout_path, number(30)).message,
+              std::string(timeout_path) +
+                  ": sshd would reject /etc/file: Bad key types (also b, c); nothing has been stored");
+    script.report.rejections[0].others.assign(10, "/etc/same");
+    EXPECT_THAT(set(timeout_path, number(30)).message,
+                testing::HasSubstr("(also same, same, same, same, same, same, same, same and 2 more)"));
 }
 
 TEST_F(datastore_rehearsal_test, a_commit_is_not_refused_for_what_was_wrong_before) {

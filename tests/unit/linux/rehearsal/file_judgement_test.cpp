@@ -43,12 +43,15 @@ class file_judgement_test : public testing::Test {
         changes.push_back({{path, rehearsed_change::changed}, std::move(before), std::move(after)});
     }
 
-    /// "PATH: WORDS", and " (as before)" for a file that was rejected already.
+    /// "PATH: WORDS, OTHER PATH", and " (as before)" for a file that was rejected already.
     std::vector<std::string> judge() {
         std::vector<std::string> lines;
         for (const rehearsed_rejection& one : judge_files(changes, folders, problem)) {
-            lines.push_back(one.path.substr(strlen(folder)) + ": " + one.words +
-                            (one.was_rejected ? " (as before)" : ""));
+            std::string line = one.path.substr(strlen(folder)) + ": " + one.words;
+            for (const std::string& other : one.others) {
+                line += ", " + other.substr(strlen(folder));
+            }
+            lines.push_back(line + (one.was_rejected ? " (as before)" : ""));
         }
         return lines;
     }
@@ -81,6 +84,14 @@ TEST_F(file_judgement_test, a_file_that_was_rejected_before_is_told_apart) {
     change("sshd_config_red", "good", "bad too");
     EXPECT_THAT(judge(), ElementsAre("sshd_config_blue: line 2: bad; not usable (as before)",
                                      "sshd_config_red: line 2: bad; not usable"));
+}
+
+TEST_F(file_judgement_test, files_rejected_with_the_same_words_are_told_together) {
+    change("sshd_config_blue", "good", "bad");
+    change("sshd_config_green", "good", "good too");
+    change("sshd_config_grey", "good", "bad, on another port");
+    change("sshd_config_red", "good", "bad");
+    EXPECT_THAT(judge(), ElementsAre("sshd_config_blue: line 2: bad; not usable, sshd_config_red, sshd_config_grey"));
 }
 
 TEST_F(file_judgement_test, a_launcher_that_fails_is_a_problem_and_no_verdict) {

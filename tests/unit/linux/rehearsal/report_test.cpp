@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 namespace {
 
 TEST(rehearsal_report_test, comes_back_as_it_was) {
@@ -13,7 +16,7 @@ TEST(rehearsal_report_test, comes_back_as_it_was) {
     report.servers = {{"blue", rehearsed_action::started},
                       {"green", rehearsed_action::restarted},
                       {"red", rehearsed_action::stopped}};
-    report.rejections = {{"/file", "words", true}, {"/other", "", false}};
+    report.rejections = {{"/file", "words", true, {"/file2", "/file3"}}, {"/other", "", false, {}}};
     report.not_in_force = {{"server red", "it failed"}};
     rehearsal_report read;
     const std::string text = rehearsal_report_write(report);
@@ -25,6 +28,7 @@ TEST(rehearsal_report_test, comes_back_as_it_was) {
     EXPECT_EQ(read.servers[2].action, rehearsed_action::stopped);
     EXPECT_TRUE(read.rejections[0].was_rejected);
     EXPECT_FALSE(read.rejections[1].was_rejected);
+    EXPECT_EQ(read.rejections[0].others, (std::vector<std::string>{"/file2", "/file3"}));
     EXPECT_EQ(read.not_in_force[0].reason, "it failed");
 }
 
