@@ -14,6 +14,8 @@ import time
 CALLS = {75: "fdatasync", 82: "rename", 87: "unlink", 264: "renameat", 316: "renameat2", 435: "clone3"}
 
 _SEIZE, _INTERRUPT, _SYSCALL, _GET_SYSCALL_INFO = 0x4206, 0x4207, 24, 0x420E
+_WRITE_REGISTER, _DETACH = 6, 17
+_INSTRUCTION_POINTER = 16 * 8
 _TRACE_SYSGOOD = 1
 _EVENT_STOP = 128
 _ENTRY = 1
@@ -51,6 +53,18 @@ def run(pid, command, kill_before=-1, **options):
     result = subprocess.run([str(word) for word in words], stdout=subprocess.PIPE, text=True, timeout=120, check=True,
                             **options)
     return result.stdout.split()
+
+
+def crash(pid):
+    """Has a process go on where it has no memory, so that the kernel sends it SIGSEGV for an error of its own.
+
+    The first process of a namespace cannot be sent that signal.
+    """
+    _ptrace(_SEIZE, pid)
+    _ptrace(_INTERRUPT, pid)
+    os.waitpid(pid, _WALL)
+    _ptrace(_WRITE_REGISTER, pid, _INSTRUCTION_POINTER, 64)
+    _ptrace(_DETACH, pid)
 
 
 def _trace(pid, kill_before, command):

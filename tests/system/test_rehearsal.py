@@ -7,6 +7,7 @@ import signal
 import subprocess
 import time
 
+import kill_moments
 import pytest
 import router
 
@@ -218,6 +219,39 @@ def test_a_rehearsal_that_hangs_is_cut_and_the_change_carried_out(hanging_change
     assert "the change was not rehearsed before it was stored: it did not end within 10 seconds" in words
     assert tool("get", TIMEOUT).stdout == "49\n"
     assert not rehearsal_mounts()
+
+
+def rehearsing_agent():
+    """The copy of the agent, the first process of its namespace."""
+    for process in rehearsal_mounts():
+        status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
+        if next(line for line in status.splitlines() if line.startswith("NSpid:")).split()[1:][1:] == ["1"]:
+            return int(process)
+    raise AssertionError("no rehearsal")
+
+
+def test_a_change_with_which_the_agent_would_crash_is_refused(hanging_change, journal):
+    change, before = hanging_change
+    agent = router.main_pid(router.AGENT)
+    kill_moments.crash(rehearsing_agent())
+    _, words = change.communicate(timeout=60)
+    assert change.returncode == 5
+    assert f"{TIMEOUT}: the agent would crash with this change (signal 11, Segmentation fault); nothing has been stored" in words
+    assert tool("get", TIMEOUT).returncode == 4
+    assert router.main_pid(router.AGENT) == agent
+    assert not rehearsal_mounts() and not hanging_processes()
+    assert machine() == before
+    assert any("call:=set, result:=refused" in line and "the agent would crash" in line
+               for line in journal.messages(router.AGENT))
+
+
+def test_a_change_is_carried_out_if_its_rehearsal_is_killed(hanging_change):
+    change, _ = hanging_change
+    os.kill(rehearsing_agent(), signal.SIGKILL)
+    _, words = change.communicate(timeout=60)
+    assert change.returncode == 0
+    assert "the change was not rehearsed before it was stored: it ended without a result" in words
+    assert tool("get", TIMEOUT).stdout == "49\n"
 
 
 def test_a_refusal_names_the_files_of_all_vrfs(server):

@@ -380,21 +380,25 @@ rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only)
     return request;
 }
 
+bool refuse_rehearsed(const commit_plan& plan, const std::string& reason, datastore_commit_result& result) {
+    const std::string path = plan.size() == 1 ? plan.begin()->first : std::string();
+    return refuse(
+        result, EINVAL, datastore_refused_by::rehearsal, path,
+        text_format("%s%s%s; nothing has been stored", path.c_str(), path.empty() ? "" : ": ", reason.c_str()));
+}
+
 /// Refuses a commit with which a server would not start that starts now. One whose server does not start anyway may be on
 /// the way to a configuration with which it does.
 bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
     for (const rehearsed_rejection& rejection : result.rehearsal->rejections) {
         if (!rejection.was_rejected) {
-            const std::string path = plan.size() == 1 ? plan.begin()->first : std::string();
-            return refuse(result, EINVAL, datastore_refused_by::rehearsal, path,
-                          text_format("%s%s%s; nothing has been stored", path.c_str(), path.empty() ? "" : ": ",
-                                      rehearsed_rejection_text(rejection).c_str()));
+            return refuse_rehearsed(plan, rehearsed_rejection_text(rejection), result);
         }
     }
     return true;
 }
 
-/// A router must stay configurable: what cannot be rehearsed is carried out nevertheless.
+/// A router must stay configurable: what cannot be rehearsed is carried out nevertheless, unless the agent would crash.
 bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result& result) {
     const auto rehearse_commit = the_datastore().rehearse;
     if (rehearse_commit == nullptr || !changes_anything(plan)) {
@@ -404,6 +408,10 @@ bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result&
     const std::string& problem = result.rehearsal->problem;
     if (problem.empty()) {
         return refuse_rejected(plan, result);
+    }
+    if (const std::string& crash = result.rehearsal->crash; !crash.empty()) {
+        platform_log(LOG_ERR, "The rehearsal of a commit crashed: %s", crash.c_str());
+        return refuse_rehearsed(plan, "the agent would crash with this change (" + crash + ")", result);
     }
     platform_log(LOG_WARNING, "The commit was not rehearsed: %s", problem.c_str());
     return !check_only || refuse(result, ENOTSUP, datastore_refused_by::unrehearsed, {},

@@ -51,6 +51,8 @@ struct rehearsed_failure {
 struct rehearsal_report {
     /// Why the commit could not be rehearsed; empty if it was. The rest is empty then.
     std::string problem;
+    /// Beside a problem: how the rehearsing copy of the agent crashed; empty if it did not.
+    std::string crash;
     std::vector<rehearsed_file> files;      ///< in byte order of the paths
     std::vector<std::string> vrfs;          ///< whose files, rules or servers would change, in byte order
     std::vector<rehearsed_server> servers;  ///< in byte order of the VRFs; `started` or `stopped` unless in detail

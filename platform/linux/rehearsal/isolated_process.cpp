@@ -32,6 +32,13 @@ namespace {
 constexpr int kept_capabilities[] = {CAP_CHOWN,  CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_FOWNER,
                                      CAP_FSETID, CAP_SETGID,       CAP_SETUID};
 
+/// The keeper's exit status, as in a shell: this and the number of the signal that killed the isolated process.
+constexpr int killed_by = 128;
+
+/// What the kernel sends a program for its own error. Others come from outside: SIGKILL when memory runs out, for instance.
+/// The process 1 of a namespace gets SIGSEGV in place of SIGABRT, which it cannot send to itself.
+constexpr int error_signals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
+
 std::string failure_of(const char* step) {
     return std::string(step) + ": " + strerror(errno);
 }
@@ -170,9 +177,10 @@ void call(const isolated_work& work, int connection, const std::string& problem)
     }
     // The parent learns of the other process's end by the end of the connection.
     close(connection);
-    while (waitpid(isolated, nullptr, 0) < 0 && errno == EINTR) {
+    int status = 0;
+    while (waitpid(isolated, &status, 0) < 0 && errno == EINTR) {
     }
-    _exit(EXIT_SUCCESS);
+    _exit(WIFSIGNALED(status) ? killed_by + WTERMSIG(status) : EXIT_SUCCESS);
 }
 
 }  // namespace
@@ -205,6 +213,19 @@ isolated_process::~isolated_process() {
     if (connection_ >= 0) {
         close(connection_);
     }
+}
+
+int isolated_process::wait_for_crash(std::chrono::milliseconds limit) {
+    const file_descriptor keeper(static_cast<int>(syscall(SYS_pidfd_open, keeper_, 0)));
+    pollfd ended = {keeper.get(), POLLIN, 0};
+    int status = 0;
+    if (keeper.get() < 0 || poll(&ended, 1, static_cast<int>(limit.count())) <= 0 ||
+        waitpid(keeper_, &status, WNOHANG) != keeper_) {
+        return 0;
+    }
+    keeper_ = -1;
+    const int signal = WIFEXITED(status) ? WEXITSTATUS(status) - killed_by : 0;
+    return std::ranges::find(error_signals, signal) != std::end(error_signals) ? signal : 0;
 }
 
 std::string make_machine_read_only() {

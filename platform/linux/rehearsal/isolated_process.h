@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -35,6 +36,10 @@ class isolated_process {
 
     /// This process's end of the socket.
     int connection() const { return connection_; }
+
+    /// For a process that has closed its end of the socket: waits until it has ended. Returns the signal of the error in the
+    /// program that ended it, such as SIGSEGV; 0 if it ended otherwise, was killed, or does not end within `limit`.
+    int wait_for_crash(std::chrono::milliseconds limit);
 
   private:
     platform_status status_ = PLATFORM_OK;

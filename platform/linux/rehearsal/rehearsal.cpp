@@ -1,6 +1,8 @@
 #include "linux/rehearsal/rehearsal.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <set>
@@ -25,6 +27,9 @@ namespace {
 
 /// A rehearsal takes a tenth of a second; nobody else is served meanwhile.
 constexpr std::chrono::seconds limit{10};
+
+/// How long the kernel may take to clear up after a rehearsing process that has closed its connection.
+constexpr std::chrono::seconds crash_limit{2};
 
 // The rehearsing process.
 
@@ -137,6 +142,16 @@ std::string problem_of(platform_status status) {
     return status == ECONNRESET ? "it ended without a result" : platform_status_text(status);
 }
 
+/// Why there is no report. What crashed the copy would crash the agent, and after its restart once more.
+rehearsal_report failed(isolated_process& process, platform_status status) {
+    rehearsal_report report = without_report(problem_of(status));
+    const int signal = status == ECONNRESET ? process.wait_for_crash(crash_limit) : 0;
+    if (signal != 0) {
+        report.crash = text_format("signal %d, %s", signal, strsignal(signal));
+    }
+    return report;
+}
+
 /// Which servers run, asked of systemd once a rehearsal, and only if it matters.
 class running_servers {
   public:
@@ -178,7 +193,7 @@ void compare_with_running_servers(rehearsal_report& report) {
 rehearsal_report rehearse_commit(const rehearsal_request& request) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     std::optional<private_folders> folders;
-    const isolated_process process(
+    isolated_process process(
         [&folders] { return folders.emplace(private_folder_rows()).mount(); },
         [&](int connection, const std::string& problem) { rehearse(connection, problem, request, folders); });
     if (process.status() != PLATFORM_OK) {
@@ -194,7 +209,7 @@ rehearsal_report rehearse_commit(const rehearsal_request& request) {
     process_manager_forget_step();
     rehearsal_report report;
     if (status != PLATFORM_OK) {
-        return without_report(problem_of(status));
+        return failed(process, status);
     }
     if (!rehearsal_report_read(text, report)) {
         return without_report("its result cannot be read");

@@ -104,6 +104,21 @@ TEST_F(datastore_rehearsal_test, a_refusal_names_every_file_but_not_endlessly) {
                 testing::HasSubstr("(also same, same, same, same, same, same, same, same and 2 more)"));
 }
 
+TEST_F(datastore_rehearsal_test, a_commit_with_which_the_agent_would_crash_is_refused) {
+    script.report.problem = "it ended without a result";
+    script.report.crash = "signal 11, Segmentation fault";
+    for (const bool check_only : {true, false}) {
+        const datastore_commit_result result = datastore_commit({{timeout_path, number(30)}}, check_only);
+        EXPECT_EQ(result.status, EINVAL);
+        EXPECT_EQ(result.refused_by, datastore_refused_by::rehearsal);
+        EXPECT_EQ(result.path, timeout_path);
+        EXPECT_EQ(result.message, std::string(timeout_path) +
+                                      ": the agent would crash with this change (signal 11, Segmentation fault); "
+                                      "nothing has been stored");
+    }
+    EXPECT_EQ(stored(timeout_path), "none");
+}
+
 TEST_F(datastore_rehearsal_test, a_commit_is_not_refused_for_what_was_wrong_before) {
     reject(true);
     EXPECT_EQ(set(timeout_path, number(30)).status, PLATFORM_OK);
