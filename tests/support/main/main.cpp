@@ -29,7 +29,7 @@ int main(int argc, char** argv) {
     if (testing::GTEST_FLAG(list_tests)) {
         return RUN_ALL_TESTS();
     }
-    if (const std::optional<int> status = run_separately(argv)) {
+    if (const std::optional<int> status = run_separately()) {
         return *status;
     }
     enter_scratch_root();

@@ -2,46 +2,51 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace {
 
 struct child_run {
+    bool is_child;
     int status;
     std::string output;
 };
 
-child_run run(std::vector<std::string> arguments) {
+std::string read_all(int fd) {
+    std::string text;
+    char buffer[4096];
+    for (ssize_t size; (size = read(fd, buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<size_t>(size));
+    }
+    return text;
+}
+
+/// Returns twice, like fork(): in the child, whose output goes to the parent, and in the parent when the child has ended.
+/// Executing the program again instead would take as long as an average test.
+child_run split() {
     int channel[2];
     if (pipe2(channel, O_CLOEXEC) != 0) {
-        return {-1, "cannot make a pipe\n"};
+        return {false, -1, "cannot make a pipe\n"};
     }
-    std::vector<char*> vector;
-    for (std::string& argument : arguments) {
-        vector.push_back(argument.data());
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(channel[1], STDOUT_FILENO);
+        dup2(channel[1], STDERR_FILENO);
+        close(channel[0]);
+        close(channel[1]);
+        return {true, 0, ""};
     }
-    vector.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, channel[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, channel[1], STDERR_FILENO);
-    pid_t child = -1;
-    const int error = posix_spawn(&child, "/proc/self/exe", &actions, nullptr, vector.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
     close(channel[1]);
-    child_run result = {-1, error == 0 ? "" : "cannot run this program again\n"};
-    char buffer[4096];
-    for (ssize_t size; error == 0 && (size = read(channel[0], buffer, sizeof buffer)) > 0;) {
-        result.output.append(buffer, static_cast<size_t>(size));
-    }
+    child_run result = {false, -1, child < 0 ? "cannot make a process\n" : read_all(channel[0])};
     close(channel[0]);
-    if (error == 0) {
+    if (child > 0) {
         waitpid(child, &result.status, 0);
     }
     return result;
@@ -64,6 +69,33 @@ std::vector<std::string> test_names(const std::string& list) {
     return names;
 }
 
+/// The names of the selected tests.
+std::vector<std::string> selected_tests() {
+    const child_run list = split();
+    if (list.is_child) {
+        testing::GTEST_FLAG(list_tests) = true;
+        exit(RUN_ALL_TESTS());
+    }
+    return test_names(list.output);
+}
+
+/// The part of the tests that this process is to run, as defined by GoogleTest's environment variables.
+std::vector<std::string> of_this_shard(const std::vector<std::string>& names) {
+    const char* total = getenv("GTEST_TOTAL_SHARDS");
+    const char* index = getenv("GTEST_SHARD_INDEX");
+    if (total == nullptr || index == nullptr) {
+        return names;
+    }
+    const size_t step = strtoul(total, nullptr, 10);
+    std::vector<std::string> part;
+    for (size_t i = strtoul(index, nullptr, 10); step > 0 && i < names.size(); i += step) {
+        part.push_back(names[i]);
+    }
+    unsetenv("GTEST_TOTAL_SHARDS");
+    unsetenv("GTEST_SHARD_INDEX");
+    return part;
+}
+
 bool passed(const child_run& run) {
     return WIFEXITED(run.status) && WEXITSTATUS(run.status) == 0;
 }
@@ -79,21 +111,21 @@ int report(size_t count, const std::vector<std::string>& failed) {
 
 }  // namespace
 
-std::optional<int> run_separately(char** argv) {
+std::optional<int> run_separately() {
     const std::string filter = testing::GTEST_FLAG(filter);
     if (filter.find_first_of("*?:-") == std::string::npos) {
         return std::nullopt;
     }
-    const std::vector<std::string> names =
-        test_names(run({argv[0], "--gtest_list_tests", "--gtest_filter=" + filter}).output);
-    if (names.size() < 2) {
-        return std::nullopt;
-    }
+    const std::vector<std::string> names = of_this_shard(selected_tests());
     std::vector<std::string> failed;
     for (const std::string& name : names) {
         printf("[ RUN      ] %s\n", name.c_str());
-        fflush(stdout);
-        const child_run result = run({argv[0], "--gtest_filter=" + name, "--gtest_also_run_disabled_tests"});
+        const child_run result = split();
+        if (result.is_child) {
+            testing::GTEST_FLAG(filter) = name;
+            testing::GTEST_FLAG(also_run_disabled_tests) = true;
+            return std::nullopt;
+        }
         if (!passed(result)) {
             failed.push_back(name);
             fputs(result.output.c_str(), stdout);
