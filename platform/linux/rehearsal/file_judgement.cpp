@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -126,11 +127,8 @@ verdict judge(const std::string& path) {
     return path == client_file ? judge_client() : judge_server(path);
 }
 
-/// A file to judge, and those with the same content.
-struct file_group {
-    const private_change* change;
-    std::vector<std::string> others;
-};
+/// Files with the same content, of which one is judged.
+using file_group = std::vector<const private_change*>;
 
 /// The files to judge: one for each content of the servers' files, and the client's.
 std::vector<file_group> different_files(const std::vector<private_change>& changes) {
@@ -144,16 +142,13 @@ std::vector<file_group> different_files(const std::vector<private_change>& chang
         if (change.file.path == default_file) {
             common = &change;
         } else if (change.file.path == client_file) {
-            different.push_back({&change, {}});
+            different.push_back({&change});
         } else if (change.file.path.starts_with(vrf_file_prefix)) {
-            const auto [group, is_new] = servers.try_emplace(*change.after, file_group{&change, {}});
-            if (!is_new) {
-                group->second.others.push_back(change.file.path);
-            }
+            servers[*change.after].push_back(&change);
         }
     }
     if (servers.empty() && common != nullptr) {
-        different.push_back({common, {}});
+        different.push_back({common});
     }
     for (auto& [content, group] : servers) {
         different.push_back(std::move(group));
@@ -161,20 +156,38 @@ std::vector<file_group> different_files(const std::vector<private_change>& chang
     return different;
 }
 
-/// Whether what the machine has now is rejected as well.
-bool is_rejected_now(const private_change& change, const private_folders& folders, std::string& problem) {
-    const std::optional<std::string> before =
-        change.before || change.file.path == client_file ? change.before : folders.machine_content(default_file);
-    if (!before) {
+bool is_rejected_with(const std::string& path, const std::string& content, std::string& problem) {
+    if (const platform_status status = file_replace(path, content, {.mode = 0644}); status != PLATFORM_OK) {
+        problem = text_format("cannot write %s: %s", path.c_str(), platform_status_text(status));
         return false;
     }
-    if (const platform_status status = file_replace(change.file.path, *before, {.mode = 0644}); status != PLATFORM_OK) {
-        problem = text_format("cannot write %s: %s", change.file.path.c_str(), platform_status_text(status));
-        return false;
-    }
-    const verdict now = judge(change.file.path);
+    const verdict now = judge(path);
     problem = now.problem;
     return now.rejected;
+}
+
+/// Whether what the machine has now in place of the files is rejected as well, in all of them.
+bool are_rejected_now(const file_group& group, const private_folders& folders, std::string& problem) {
+    std::set<std::string> rejected;
+    for (const private_change* change : group) {
+        const std::string& path = change->file.path;
+        const std::optional<std::string> before =
+            change->before || path == client_file ? change->before : folders.machine_content(default_file);
+        if (!before || (!rejected.contains(*before) && !is_rejected_with(path, *before, problem))) {
+            return false;
+        }
+        rejected.insert(*before);
+    }
+    return true;
+}
+
+std::vector<std::string> other_paths(const file_group& group) {
+    std::vector<std::string> paths;
+    paths.reserve(group.size());
+    for (size_t i = 1; i < group.size(); ++i) {
+        paths.push_back(group[i]->file.path);
+    }
+    return paths;
 }
 
 /// Servers' files that differ in their ports alone, for instance, are told as one.
@@ -195,13 +208,13 @@ void add_rejection(std::vector<rehearsed_rejection>& rejections, rehearsed_rejec
 std::vector<rehearsed_rejection> judge_files(const std::vector<private_change>& changes, const private_folders& folders,
                                              std::string& problem) {
     std::vector<rehearsed_rejection> rejections;
-    for (file_group& group : different_files(changes)) {
-        const private_change& change = *group.change;
-        const verdict found = judge(change.file.path);
+    for (const file_group& group : different_files(changes)) {
+        const std::string& path = group.front()->file.path;
+        const verdict found = judge(path);
         problem = found.problem;
         if (problem.empty() && found.rejected) {
-            add_rejection(rejections, {change.file.path, found.words, is_rejected_now(change, folders, problem),
-                                       std::move(group.others)});
+            add_rejection(rejections,
+                          {path, found.words, are_rejected_now(group, folders, problem), other_paths(group)});
         }
         if (!problem.empty()) {
             break;

@@ -86,6 +86,18 @@ TEST_F(file_judgement_test, a_file_that_was_rejected_before_is_told_apart) {
                                      "sshd_config_red: line 2: bad; not usable"));
 }
 
+TEST_F(file_judgement_test, a_file_that_was_accepted_before_is_not_hidden_by_one_that_was_not) {
+    change("sshd_config_blue", "bad as well", "bad");
+    change("sshd_config_green", "bad as well", "bad");
+    change("sshd_config_red", "good", "bad");
+    EXPECT_THAT(judge(), ElementsAre("sshd_config_blue: line 2: bad; not usable, sshd_config_green, sshd_config_red"));
+    changes.pop_back();
+    std::filesystem::remove("/tmp/judged");
+    write_file(std::string(folder) + "sshd_config_blue", "bad");
+    EXPECT_THAT(judge(), ElementsAre("sshd_config_blue: line 2: bad; not usable, sshd_config_green (as before)"));
+    EXPECT_EQ(judged(), "sshd_config_blue\nsshd_config_blue\n") << "each content once";
+}
+
 TEST_F(file_judgement_test, files_rejected_with_the_same_words_are_told_together) {
     change("sshd_config_blue", "good", "bad");
     change("sshd_config_green", "good", "good too");
