@@ -141,11 +141,16 @@ def test_an_interactive_shell_ends(red, user, shell):
         assert terminal.status() == 255 or terminal.program.returncode == 129
 
 
+def wait_for_job(command):
+    """Waits until a shell has started the command: it hands its own hang-up on only to those that it has started."""
+    router.wait_until(lambda: router.run("pgrep", "-u", "operator", "-f", f"^{command}$", check=False).stdout)
+
+
 def test_an_interactive_shell_ends_while_a_command_runs_in_it(red):
     with log_in(red) as terminal:
         terminal.read_until("$ ")
-        terminal.type("echo go''ing; sleep 4242\n")
-        terminal.read_until("going")
+        terminal.type("sleep 4242\n")
+        wait_for_job("sleep 4242")
         sessions.end_by_group(wait_for_wrappers(1)[0])
         wait_for_wrappers(0, 5)
     router.wait_until(lambda: router.run("pgrep", "-f", "sleep 4242", check=False).returncode == 1)
@@ -173,6 +178,7 @@ def test_a_command_ends(red, command):
 def test_a_command_on_a_terminal_ends(red):
     with log_in(red, "echo go''ing; sleep 4244", options=["RequestTTY=force"]) as terminal:
         terminal.read_until("going")
+        wait_for_job("sleep 4244")
         sessions.end_by_group(wait_for_wrappers(1)[0])
         wait_for_wrappers(0, 5)
     router.wait_until(lambda: router.run("pgrep", "-f", "sleep 4244", check=False).returncode == 1)
@@ -235,8 +241,8 @@ def test_a_command_that_ends_in_its_own_way_passes_its_status_on(red):
 def test_a_lost_connection_ends_the_shell_and_what_runs_in_it(red):
     with log_in(red) as terminal:
         terminal.read_until("$ ")
-        terminal.type("echo go''ing; sleep 4245\n")
-        terminal.read_until("going")
+        terminal.type("sleep 4245\n")
+        wait_for_job("sleep 4245")
         terminal.program.kill()
         wait_for_wrappers(0)
     router.wait_until(lambda: router.run("pgrep", "-f", "sleep 4245", check=False).returncode == 1)
@@ -266,9 +272,6 @@ def test_keys_reach_the_foreground_job(red):
             # Input typed before the shell reads again is echoed twice, by the terminal and by the shell.
             terminal.read_until("$ ")
             terminal.type(text)
-
-        def wait_for_job(name):
-            router.wait_until(lambda: router.run("pgrep", "-u", "operator", "-f", f"^{name}$", check=False).stdout)
 
         at_the_prompt("sleep 4246\n")
         wait_for_job("sleep 4246")
