@@ -1,7 +1,7 @@
-/// Lines about a session. Whatever they say, the facts stay within their fields and give an answer whose texts
-/// are terminated; what the log shows of a line is part of it.
+/// Log lines about a session. Whatever they contain, the facts fit their fields and yield an answer whose texts are
+/// terminated, and what the log shows of a line is contained in that line.
 ///
-/// Input: one byte of switches, then lines, each about the same session.
+/// Input: one byte of switches, then lines, all about the same session.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

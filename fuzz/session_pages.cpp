@@ -1,8 +1,8 @@
-/// The pages of a session. Whatever they contain, facts are read within their fields or not at all, the part that the
-/// session reports leaves the monitor's alone, and the answer's texts are terminated.
+/// The pages of a session. Whatever they contain, either the facts fit their fields or none are read, the session's
+/// reports leave the monitor's facts unchanged, and the answer's texts are terminated.
 ///
-/// Input: the monitor's page, cut short or not, followed by what the session reports. The first byte says which of the
-/// two begins like a valid page.
+/// Input: a byte that selects which of the two pages begin with a valid header, the monitor's page, which may be
+/// truncated, and the page that the session reports.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,7 +21,7 @@ namespace {
 
 using namespace openssh;
 
-/// Ends the program, which is how a fuzz target reports a failure.
+/// Aborts the program on failure, which is how a fuzz target reports one.
 void require(bool holds) {
     if (!holds) {
         abort();
@@ -49,7 +49,7 @@ void check_facts(const session_facts& facts) {
     require_plain(answer.user_id);
     require_plain(answer.time_to_rekey);
     require(answer.open_channels <= SESSION_CHANNELS);
-    // The last byte of a client's answer is left out.
+    // A client's answer omits the last byte.
     require(reinterpret_cast<const unsigned char*>(&answer)[sizeof(answer) - 1] == 0);
 }
 

@@ -1,11 +1,11 @@
-/// How many sessions there are, which the responder tells on a socket of its own: whoever connects gets one answer, after
-/// the responder has looked for sessions that it did not know of.
+/// The number of sessions, which the responder reports on a separate socket. Each client that connects gets one answer,
+/// after the responder has looked for new sessions.
 #ifndef PLATFORM_COMMON_SESSION_TOTALS_H
 #define PLATFORM_COMMON_SESSION_TOTALS_H
 
 #include <cstdint>
 
-/// In native layout, as one datagram. Counts sessions whether or not their facts are known.
+/// Sent as one message in native layout. Includes sessions whose facts are unknown.
 struct session_totals {
     uint32_t incoming = 0;
     uint32_t outgoing = 0;

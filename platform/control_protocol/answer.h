@@ -1,7 +1,7 @@
 /// Answers of the control socket: an object with "result" (a name below), an optional human-readable "message", "data"
 /// (what a reading call has read), and call-specific members such as "items".
-/// "sessions" is the number of all sessions in an answer about sessions: an object with "incoming" and "outgoing", or null
-/// if it is not known.
+/// In an answer about sessions, "sessions" is the total number of sessions: an object with "incoming" and "outgoing", or
+/// null if it is unknown.
 /// "warnings" is an array of texts: what the operator should know although the change is done.
 /// "not_in_force" names what a stored change has not put in force: an array of objects with "subject" and "reason".
 #ifndef CONTROL_PROTOCOL_ANSWER_H

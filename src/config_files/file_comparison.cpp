@@ -49,12 +49,12 @@ constexpr missing_line missing_client_setting(size_t index, uint32_t first_line)
     if (index == CLIENT_WINDOW_SCALE) {
         return NOT_COMPARED;
     }
-    // A start writes the limit before the lines that have a position.
+    // Start-up writes the limit before the lines that have a position.
     return first_line != NOT_AT_START || index == CLIENT_REKEY_LIMIT ? IS_UNSET : HAS_DEFAULT;
 }
 
-// While FIPS mode is off, a start removes these two lists, and the launchers fall back on the same defaults. Without host
-// keys, however, the launcher uses no file at all.
+// While FIPS mode is off, start-up removes these two lists, and the launchers fall back to the same defaults. However,
+// the launcher does not use a file without host keys at all.
 constexpr missing_line missing_list(size_t index) {
     return index == SERVER_CIPHERS || index == SERVER_KEX_ALGORITHMS ? HAS_DEFAULT : IS_UNSET;
 }

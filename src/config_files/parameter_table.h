@@ -11,7 +11,8 @@
 
 struct vrf_node;
 
-/// In place of the position of a keyword's line among those that every start writes: its line is not among them.
+/// Used instead of the position of a keyword's line among the lines that every start writes, if its line is not one of
+/// them.
 inline constexpr uint32_t NOT_AT_START = 0;
 
 enum server_parameter : size_t {

@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t report_size = 512;
 
-/// systemctl's exit status for a unit that it does not know.
+/// systemctl's exit status for an unknown unit.
 constexpr int unit_not_loaded = 5;
 
 /// Records whether a failed start leaves the VRF blocked.

@@ -6,7 +6,8 @@
 /// Leaves errno alone.
 void report_server(const char* vrf_name, const char* command, int status);
 
-/// Whether run_shell_command's result of "systemctl stop" means that no server is left: systemd need not know the unit.
+/// Whether run_shell_command's result for "systemctl stop" means that no server is left running. The unit may be
+/// unknown to systemd.
 bool nothing_was_left_running(int status);
 
 /// The server was started: lists that could not be loaded before are tried again, and the VRF is unblocked.

@@ -56,7 +56,7 @@ def run(pid, command, kill_before=-1, **options):
 
 
 def crash(pid):
-    """Has a process go on where it has no memory, so that the kernel sends it SIGSEGV for an error of its own.
+    """Makes a process continue at an unmapped address, so the kernel sends it SIGSEGV for a fault of its own.
 
     The first process of a namespace cannot be sent that signal.
     """

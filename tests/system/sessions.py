@@ -41,7 +41,7 @@ def wrappers():
 
 
 def wait_for_wrappers(number, seconds=10.0):
-    """Their process ids. Before it becomes the session, a wrapper's child is listed like a wrapper."""
+    """Returns the wrappers' process ids. Until it becomes the session, a wrapper's child is listed as a wrapper."""
     listed = []
 
     def are_listed():

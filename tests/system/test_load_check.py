@@ -1,4 +1,4 @@
-"""`load --check` answers like the load: with the same words and the same status, and changes nothing."""
+"""`load --check` answers like the load itself, with the same messages and the same status, and changes nothing."""
 
 import json
 
@@ -11,7 +11,7 @@ RED = router.SERVER + "sshd/vrf/red"
 FIPS = "/cfg/gl/crypto/fipsmode/value"
 MACS = [f"{CMN}disable/hmac/hmac_{name}" for name in ("sha1", "sha256", "sha512")]
 
-# Items, and the exit status of both calls. The router has a server in the VRF red and a time-out of 45.
+# Items, and the exit status of both calls. The router has a server in the VRF red and a timeout of 45.
 CASES = {
     "a_setting": ({CMN + "timeout": 50}, 0),
     "a_setting_that_is_there_already": ({CMN + "timeout": 45}, 0),
@@ -39,9 +39,9 @@ CASES = {
 
 
 def load(items, *options):
-    """The call's status, its standard error, and its answer without what only a check tells."""
+    """The call's status, its standard error, and its answer without the members that only a check returns."""
     result = router.run("ssh_cfg_ctl", "--json", "load", *options, "-", input=json.dumps(items), check=False)
-    # What a load has stored, a check would store.
+    # Where a load says "stored", a check says "would be stored".
     answer, words = (text.replace("would be stored", "stored") for text in (result.stdout, result.stderr))
     answer = json.loads(answer) if answer else {}
     answer.pop("rehearsal", None)

@@ -6,7 +6,7 @@ import shutil
 import pytest
 import router
 
-# Lines that a fresh file lacks; they appear, with their default, when an item has been set and deleted again.
+# Lines that a fresh file lacks. They appear with their defaults after an item has been set and deleted.
 NOT_AT_START = {
     "sshd_config": ("Ciphers", "KexAlgorithms"),
     "ssh_config": ("Ciphers", "KexAlgorithms", "HostKeyAlgorithms", "RekeyLimit"),
@@ -189,7 +189,7 @@ def test_a_full_disk_is_reported_and_repaired(server, full_disk):
 
 
 def default_file_lines():
-    """The lines of the default and the client file that a fresh file has, too."""
+    """The lines of the default file and the client file that a fresh file also has."""
     return [
         sorted(line for line in (router.FILES / name).read_text().splitlines() if line.split()[0] not in left_out)
         for name, left_out in NOT_AT_START.items()
@@ -204,7 +204,7 @@ def test_a_start_on_a_full_disk_is_reported_and_repaired(server, full_disk, jour
     router.run("systemctl", "restart", router.AGENT, timeout=120)
     router.wait_until(router.agent_answers, what="the agent answers")
     assert router.run("ssh_cfg_ctl", "status", "--check", check=False).returncode == 1
-    # A file that is removed first leaves enough space for itself, but not for what follows.
+    # Removing the first file frees enough space to write it again, but not for the files that follow.
     assert f"file {router.FILES}/" in router.run("ssh_cfg_ctl", "verify", check=False).stdout
     journal.wait_for(f"Not in force: file {router.FILES}/", router.AGENT)
     filler.unlink()

@@ -222,7 +222,7 @@ def test_a_rehearsal_that_hangs_is_cut_and_the_change_carried_out(hanging_change
 
 
 def rehearsing_agent():
-    """The copy of the agent, the first process of its namespace."""
+    """The pid of the agent's copy, which is the first process of its namespace."""
     for process in rehearsal_mounts():
         status = pathlib.Path(f"/proc/{process}/status").read_text(encoding="utf-8")
         if next(line for line in status.splitlines() if line.startswith("NSpid:")).split()[1:][1:] == ["1"]:
@@ -236,12 +236,12 @@ def test_a_change_with_which_the_agent_would_crash_is_refused(hanging_change, jo
     kill_moments.crash(rehearsing_agent())
     _, words = change.communicate(timeout=60)
     assert change.returncode == 5
-    assert f"{TIMEOUT}: the agent would crash with this change (signal 11, Segmentation fault); nothing has been stored" in words
+    assert f"{TIMEOUT}: this change would crash the agent (signal 11, Segmentation fault); nothing has been stored" in words
     assert tool("get", TIMEOUT).returncode == 4
     assert router.main_pid(router.AGENT) == agent
     assert not rehearsal_mounts() and not hanging_processes()
     assert machine() == before
-    assert any("call:=set, result:=refused" in line and "the agent would crash" in line
+    assert any("call:=set, result:=refused" in line and "would crash the agent" in line
                for line in journal.messages(router.AGENT))
 
 

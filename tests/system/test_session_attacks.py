@@ -1,4 +1,4 @@
-"""Sessions are found and shown with all their facts, whatever users, or a responder that does not run, do about it."""
+"""Sessions are found and shown with all their facts, whatever users do, and even if the responder was down meanwhile."""
 
 import contextlib
 import json
@@ -29,7 +29,7 @@ def askpass():
 
 @pytest.fixture
 def roomy(server):
-    """A server that many can log in to at once."""
+    """A server that accepts many logins at once."""
     router.load({"cmn/session_limit": 100, "cmn/rate_limit": 600})
     return server("red")
 
@@ -58,7 +58,7 @@ def in_red(*words, run_as=None):
 
 @contextlib.contextmanager
 def logins(number, *words, program="ssh", run_as=None, environment=None):
-    """Sessions that have begun, and end with the block. sshd drops connections when too many log in at a time."""
+    """Sessions that last as long as the block. sshd drops connections if too many log in at the same time."""
     line = in_red(program, *HOST_KEYS, *words, "operator@127.0.0.1", "echo ready; read -r word", run_as=run_as)
     at_a_time = 5
     begun = []
@@ -77,7 +77,7 @@ def logins(number, *words, program="ssh", run_as=None, environment=None):
 
 
 def assert_complete(number, tree="gl/sshddata", methods=("rsa-pubkey", "ed25519-pubkey")):
-    """Every fact of every session, and no session twice."""
+    """Every fact about every session is known, and no session is listed twice."""
     briefs = show(f"{tree}/brief")
     assert len(briefs) == number
     assert len({brief["SessionID"] for brief in briefs}) == number
@@ -105,7 +105,7 @@ def responder_stopped():
         router.run("systemctl", "start", RESPONDER)
 
 
-# A responder that does not run
+# A responder that is down
 
 
 def test_a_hundred_sessions_that_began_while_the_responder_was_stopped_are_complete(roomy):
@@ -142,7 +142,7 @@ def test_a_responder_that_hangs_is_noticed_and_restarted(roomy):
 
 @contextlib.contextmanager
 def full_folder():
-    """Nothing more fits in the folder of the pages."""
+    """Fills up the folder of the pages."""
     router.run("mount", "-t", "tmpfs", "-o", "size=4k", "tmpfs", PAGES)
     try:
         yield
@@ -183,7 +183,7 @@ def test_a_session_that_the_listing_hides_is_counted(roomy):
 
 # Attacks by an ordinary user
 
-# Opens what it can of the responder's files and sockets, and starts clients that never connect.
+# Tries to open the responder's files and sockets, and starts clients that never connect.
 FLOOD = """
 import os, socket, subprocess, sys
 held = []

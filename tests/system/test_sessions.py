@@ -142,7 +142,7 @@ def test_an_interactive_shell_ends(red, user, shell):
 
 
 def wait_for_job(command):
-    """Waits until a shell has started the command: it hands its own hang-up on only to those that it has started."""
+    """Waits until a shell has started the command: it passes a hang-up on only to commands that it has started."""
     router.wait_until(lambda: router.run("pgrep", "-u", "operator", "-f", f"^{command}$", check=False).stdout)
 
 

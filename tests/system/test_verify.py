@@ -387,7 +387,7 @@ def test_an_emptied_default_file_gets_every_line_that_a_start_writes(server):
     assert f"file {file}: differs in " in repaired.stdout
     assert verify().returncode == 0
     assert sorted(" ".join(line.split()) for line in router.server_lines()) == written
-    # The next server is made from it.
+    # The next server's file is created from it.
     server("blue")
     assert in_force("blue") == in_force("red")
 

@@ -53,7 +53,7 @@ def test_a_fault_is_found_in_each_source(tree, file, text, check):
     assert done.returncode == 1
     line = 1 + text.split("return")[0].count("\n") - (text == BRACELESS)
     assert f"src/{file}:{line}:" in done.stdout and check in done.stdout
-    # It is found again, until it is corrected.
+    # It is found again until it is corrected.
     assert tidy(tree).returncode == 1
     (tree / "src" / file).write_text(CLEAN.replace("one", "corrected"))
     assert tidy(tree).returncode == 0

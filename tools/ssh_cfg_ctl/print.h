@@ -7,10 +7,10 @@
 
 #include "control_protocol/json_text.h"
 
-/// The bytes of one text in an answer that are shown.
+/// How many bytes of one text in an answer are shown.
 inline constexpr size_t ctl_shown_max = 4096;
 
-/// A plain value in words, "-" for null; other values as JSON.
+/// A plain value as readable text, "-" for null; other values as JSON.
 std::string ctl_value_text(const control_json& value);
 
 /// Objects of plain values as a table, with their names as headings and one line per object; objects with nested values,

@@ -255,7 +255,7 @@ constexpr list_view list_views[] = {
     {"overlay_crypto_ssh_system", telemetry_state, telemetry_fields},
 };
 
-/// Reads about sessions, of one direction or of both.
+/// A tree of session records, for one direction or both.
 struct session_tree {
     std::string_view path;
     bool is_of_servers;
@@ -296,8 +296,8 @@ std::string silent_text(int64_t count) {
     return std::to_string(count) + (count == 1 ? " session" : " sessions") + " did not answer";
 }
 
-/// How many sessions there are of a direction ("incoming") besides those in the list. An element without an id stands
-/// for one that did not answer. The answer may have been made while a session ended or began.
+/// The number of sessions in a direction ("incoming") that are missing from the list. An element without an id stands
+/// for a session that did not answer. Sessions may have begun or ended while the answer was being prepared.
 int64_t silent_sessions(const control_json& answer, const char* direction, const control_json& sessions) {
     const control_json& total = member(member(answer, "sessions"), direction);
     if (!total.is_number_integer()) {
@@ -364,7 +364,7 @@ const view_row* find_view(std::span<const view_row> views, std::string_view reco
     return found == views.end() ? nullptr : &*found;
 }
 
-/// Null if no sessions are read at the path.
+/// Returns null if no sessions are read at the path.
 const session_tree* find_session_tree(std::string_view path) {
     if (path.ends_with('/')) {
         path.remove_suffix(1);
@@ -377,7 +377,7 @@ const session_tree* find_session_tree(std::string_view path) {
     return found == std::end(session_trees) ? nullptr : &*found;
 }
 
-/// The list of a direction in an answer, whichever record it is.
+/// The list of sessions in one direction, whichever record the answer contains.
 const control_json& sessions_of(const control_json& answer, const session_tree& tree, size_t direction) {
     const control_json& data = member(answer, "data");
     if (!tree.is_of_servers || !tree.is_of_clients) {
@@ -392,7 +392,7 @@ int64_t all_silent_sessions(const control_json& answer, const session_tree& tree
            (tree.is_of_clients ? silent_sessions(answer, directions[1], sessions_of(answer, tree, 1)) : 0);
 }
 
-/// What is wrong with the sessions of an answer; empty if these are all.
+/// Says which sessions are missing from an answer; empty if none are.
 std::string missing_sessions_text(const control_json& answer, const session_tree& tree) {
     if (answer.contains("sessions") && answer["sessions"].is_null()) {
         return "the session responder does not answer, so sessions may be missing";

@@ -12,8 +12,8 @@
 /// are shown as a hyphen, and control characters are escaped.
 std::string ctl_show_text(const control_json& answer, size_t width);
 
-/// Adds to the answer to a request for sessions how many of them did not answer: as a warning, or in place of the message
-/// "no data", which otherwise means that there are no sessions.
+/// If the request reads sessions, adds to its answer how many of them did not answer: as a warning, or instead of the
+/// message "no data". If there are no sessions, that message becomes "no sessions".
 void ctl_explain_sessions(const control_json& request, control_json& answer);
 
 #endif

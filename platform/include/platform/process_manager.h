@@ -24,12 +24,13 @@ void process_manager_ready(void);
 /// process from one that hangs. Leaves errno alone.
 void process_manager_progress(void);
 
-/// The process waits for something that ends in bounded time, such as a command, and may do something else meanwhile. Called
-/// at short intervals. Not progress: a process that only waits may hang. Leaves errno alone.
+/// Called at short intervals while the process waits for something that ends in bounded time, such as a command, so the
+/// platform can do other work meanwhile. Does not count as progress, because a process that only waits may be hung.
+/// Preserves errno.
 void process_manager_waiting(void);
 
-/// Progress, and what this step of long work is, for people who wait for its end: `work` in words, such as "restarting
-/// servers", with `done` of `total` items done. The text is copied.
+/// Reports progress, and describes the current step of long work to people who are waiting for it: `work` in words,
+/// such as "restarting servers", with `done` of `total` items done. The text is copied.
 void process_manager_step(const char* work, uint32_t done, uint32_t total);
 
 /// Blocks until this node is the primary one. Returns 0, or -1 when the wait failed.

@@ -15,7 +15,7 @@ enum {
     SESSION_CHANNEL_SLOTS = SESSION_CHANNELS + 1  ///< slot 0 is not used
 };
 
-/// The data left to the next rekey, where it cannot be counted.
+/// Means that the data left until the next rekey cannot be counted.
 static const uint32_t SESSION_DATA_UNKNOWN = 0xffffffffU;
 
 /// Identical for every query. The process answers with the whole snapshot and ignores the third word.

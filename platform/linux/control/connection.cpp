@@ -23,8 +23,8 @@ constexpr uint64_t second = 1'000'000;
 constexpr size_t turn_size = 1024UL * 1024;
 /// How often a peer is told how far its request is.
 constexpr uint64_t progress_interval = second / 4;
-/// The memory of frames and answers larger than this is returned to the system at once. As JSON in memory they take ten
-/// times as much: the status of 256 VRFs, a megabyte.
+/// The memory of frames and answers larger than this is returned to the system at once. Parsed JSON takes more than ten
+/// times as much memory as its text: a megabyte for the status of 256 VRFs.
 constexpr size_t worth_trimming = 32UL * 1024;
 
 // All connections share one buffer: it is only used between a read and the copy into the frame.

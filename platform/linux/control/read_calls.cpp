@@ -95,7 +95,7 @@ control_json show(const std::string& path) {
     return shown;
 }
 
-/// An object, or null if it is not known.
+/// An object, or null if the totals are unknown.
 control_json totals_to_json(const std::optional<session_totals>& totals) {
     return totals ? control_json{{"incoming", totals->incoming}, {"outgoing", totals->outgoing}} : control_json();
 }
@@ -110,7 +110,7 @@ control_json control_call_show(const control_json& request, const control_peer& 
     if (!control_is_session_path(*path)) {
         return show(*path);
     }
-    // The records are those of the sessions that answer; only the total says whether these are all.
+    // Only sessions that answer have records; only the totals show whether any are missing.
     const std::optional<session_totals> totals = control_ask_session_totals();
     control_json answer = show(*path);
     answer["sessions"] = totals_to_json(totals);

@@ -387,8 +387,8 @@ bool refuse_rehearsed(const commit_plan& plan, const std::string& reason, datast
         text_format("%s%s%s; nothing has been stored", path.c_str(), path.empty() ? "" : ": ", reason.c_str()));
 }
 
-/// Refuses a commit with which a server would not start that starts now. One whose server does not start anyway may be on
-/// the way to a configuration with which it does.
+/// Refuses a commit that would prevent the start of a server that starts now. If the server does not start anyway, the
+/// commit may be a step towards a configuration with which it does.
 bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
     for (const rehearsed_rejection& rejection : result.rehearsal->rejections) {
         if (!rejection.was_rejected) {
@@ -398,7 +398,8 @@ bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
     return true;
 }
 
-/// A router must stay configurable: what cannot be rehearsed is carried out nevertheless, unless the agent would crash.
+/// A router must stay configurable: a commit that cannot be rehearsed is carried out anyway, unless it would crash the
+/// agent.
 bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result& result) {
     const auto rehearse_commit = the_datastore().rehearse;
     if (rehearse_commit == nullptr || !changes_anything(plan)) {
@@ -411,7 +412,7 @@ bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result&
     }
     if (const std::string& crash = result.rehearsal->crash; !crash.empty()) {
         platform_log(LOG_ERR, "The rehearsal of a commit crashed: %s", crash.c_str());
-        return refuse_rehearsed(plan, "the agent would crash with this change (" + crash + ")", result);
+        return refuse_rehearsed(plan, "this change would crash the agent (" + crash + ")", result);
     }
     platform_log(LOG_WARNING, "The commit was not rehearsed: %s", problem.c_str());
     return !check_only || refuse(result, ENOTSUP, datastore_refused_by::unrehearsed, {},

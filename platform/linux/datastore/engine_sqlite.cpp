@@ -65,8 +65,8 @@ struct file_identity {
     bool operator==(const file_identity&) const = default;
 };
 
-/// Does not ask for the times, as stat() does: the kernel would record the time of the next write more precisely, which
-/// makes the write to the log take half as long again.
+/// Does not request timestamps, unlike stat(): once they have been read, the kernel records the time of the next write
+/// more precisely, and that write to the log takes half as long again.
 file_identity identify(const std::string& path) {
     struct statx status = {};
     if (statx(AT_FDCWD, path.c_str(), 0, STATX_INO, &status) != 0) {

@@ -8,7 +8,7 @@ namespace {
 
 constexpr size_t others_shown = 8;
 
-/// " (also NAME, NAME and 3 more)", or nothing.
+/// " (also NAME, NAME and 3 more)", or an empty string.
 std::string others_text(const std::vector<std::string>& others) {
     std::string text;
     for (size_t i = 0; i < std::min(others.size(), others_shown); ++i) {

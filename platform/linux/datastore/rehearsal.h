@@ -37,9 +37,9 @@ struct rehearsed_server {
 /// A file that sshd, or ssh for the client's, would not accept.
 struct rehearsed_rejection {
     std::string path;
-    std::string words;                ///< sshd's, or those of the launcher
-    bool was_rejected = false;        ///< the present file is rejected as well
-    std::vector<std::string> others;  ///< further files that are rejected with the same words
+    std::string words;                ///< the message of sshd or of the launcher
+    bool was_rejected = false;        ///< the current file is rejected as well
+    std::vector<std::string> others;  ///< other files rejected with the same message
 };
 
 /// Something that a handler could not put in force.
@@ -51,7 +51,7 @@ struct rehearsed_failure {
 struct rehearsal_report {
     /// Why the commit could not be rehearsed; empty if it was. The rest is empty then.
     std::string problem;
-    /// Beside a problem: how the rehearsing copy of the agent crashed; empty if it did not.
+    /// If there is a problem: how the rehearsing copy of the agent crashed; empty if it did not.
     std::string crash;
     std::vector<rehearsed_file> files;      ///< in byte order of the paths
     std::vector<std::string> vrfs;          ///< whose files, rules or servers would change, in byte order
@@ -60,7 +60,7 @@ struct rehearsal_report {
     std::vector<rehearsed_failure> not_in_force;
 };
 
-/// "sshd would reject PATH: WORDS", then the names of the first of the other files and the number of the rest
+/// "sshd would reject PATH: WORDS", followed by the names of the first few other files and the number of the rest
 std::string rehearsed_rejection_text(const rehearsed_rejection& rejection);
 
 const char* rehearsed_change_name(rehearsed_change change);

@@ -114,7 +114,7 @@ platform_status schema_load(const schema_row& row, const datastore_stored& store
 /// texts and arrays cut after about 80 characters.
 std::string schema_display(const datastore_value& value);
 
-/// A path as messages show it: escaped, and cut after 200 bytes.
+/// A path as shown in messages: escaped, and truncated after 200 bytes.
 std::string schema_shown_path(std::string_view path);
 
 #endif

@@ -8,7 +8,7 @@
 
 #include "platform/status.h"
 
-/// Limit of a query whose answer an operator waits for.
+/// Time limit for a query whose answer an operator is waiting for.
 inline constexpr std::chrono::milliseconds child_output_limit{3000};
 
 /// Runs `work` in a child process and stores what it writes to the descriptor it is given. `work` may execute a program;

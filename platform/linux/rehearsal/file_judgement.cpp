@@ -127,10 +127,10 @@ verdict judge(const std::string& path) {
     return path == client_file ? judge_client() : judge_server(path);
 }
 
-/// Files with the same content, of which one is judged.
+/// Files with the same content; only the first is judged.
 using file_group = std::vector<const private_change*>;
 
-/// The files to judge: one for each content of the servers' files, and the client's.
+/// The files to judge: the servers' files, grouped by content, and the client's file.
 std::vector<file_group> different_files(const std::vector<private_change>& changes) {
     std::map<std::string_view, file_group> servers;
     std::vector<file_group> different;
@@ -166,7 +166,8 @@ bool is_rejected_with(const std::string& path, const std::string& content, std::
     return now.rejected;
 }
 
-/// Whether what the machine has now in place of the files is rejected as well, in all of them.
+/// Whether the current versions of all files in the group are rejected as well. The default file stands in for a
+/// server's file that does not exist.
 bool are_rejected_now(const file_group& group, const private_folders& folders, std::string& problem) {
     std::set<std::string> rejected;
     for (const private_change* change : group) {
@@ -190,7 +191,7 @@ std::vector<std::string> other_paths(const file_group& group) {
     return paths;
 }
 
-/// Servers' files that differ in their ports alone, for instance, are told as one.
+/// Combines files that are rejected with the same message, such as servers' files that differ only in their ports.
 void add_rejection(std::vector<rehearsed_rejection>& rejections, rehearsed_rejection rejection) {
     for (rehearsed_rejection& earlier : rejections) {
         if (earlier.words == rejection.words && earlier.was_rejected == rejection.was_rejected &&

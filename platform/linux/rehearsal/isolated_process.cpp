@@ -32,11 +32,11 @@ namespace {
 constexpr int kept_capabilities[] = {CAP_CHOWN,  CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH, CAP_FOWNER,
                                      CAP_FSETID, CAP_SETGID,       CAP_SETUID};
 
-/// The keeper's exit status, as in a shell: this and the number of the signal that killed the isolated process.
+/// Added to the number of the signal that killed the isolated process, gives the keeper's exit status, as in a shell.
 constexpr int killed_by = 128;
 
-/// What the kernel sends a program for its own error. Others come from outside: SIGKILL when memory runs out, for instance.
-/// The process 1 of a namespace gets SIGSEGV in place of SIGABRT, which it cannot send to itself.
+/// Signals the kernel raises for a fault of the program itself. Others come from outside, such as SIGKILL when memory
+/// runs out. Process 1 of a namespace gets SIGSEGV instead of SIGABRT, which it cannot send to itself.
 constexpr int error_signals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
 
 std::string failure_of(const char* step) {

@@ -37,8 +37,8 @@ class isolated_process {
     /// This process's end of the socket.
     int connection() const { return connection_; }
 
-    /// For a process that has closed its end of the socket: waits until it has ended. Returns the signal of the error in the
-    /// program that ended it, such as SIGSEGV; 0 if it ended otherwise, was killed, or does not end within `limit`.
+    /// Waits for the end of a process that has closed its end of the socket. Returns the signal, such as SIGSEGV, if a
+    /// fault of the program ended it; 0 if it exited, was killed from outside, or does not end within `limit`.
     int wait_for_crash(std::chrono::milliseconds limit);
 
   private:

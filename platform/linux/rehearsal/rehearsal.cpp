@@ -28,7 +28,7 @@ namespace {
 /// A rehearsal takes a tenth of a second; nobody else is served meanwhile.
 constexpr std::chrono::seconds limit{10};
 
-/// How long the kernel may take to clear up after a rehearsing process that has closed its connection.
+/// How long the kernel may take to clean up a rehearsing process that has closed its connection.
 constexpr std::chrono::seconds crash_limit{2};
 
 // The rehearsing process.
@@ -142,7 +142,8 @@ std::string problem_of(platform_status status) {
     return status == ECONNRESET ? "it ended without a result" : platform_status_text(status);
 }
 
-/// Why there is no report. What crashed the copy would crash the agent, and after its restart once more.
+/// A report that only says why the rehearsal failed. Whatever crashed the copy would crash the agent, and again after
+/// its restart.
 rehearsal_report failed(isolated_process& process, platform_status status) {
     rehearsal_report report = without_report(problem_of(status));
     const int signal = status == ECONNRESET ? process.wait_for_crash(crash_limit) : 0;

@@ -14,7 +14,7 @@ namespace openssh {
 
 namespace {
 
-/// sshd and ssh open few files, and their connection among the first.
+/// sshd and ssh open few files, and their connection is one of the first.
 constexpr int most_own_descriptors = 64;
 
 void write_ipv6(const sockaddr_in6& address, peer_address& peer) {

@@ -8,16 +8,16 @@
 
 namespace openssh {
 
-/// The peer's address without its port, with the zone of a link-local one; as long as the field for it.
+/// The peer's address without the port, and with the zone if it is link-local. As long as the field that stores it.
 struct peer_address {
     char text[sizeof(session_facts::host)] = {};
 };
 
 /// Inspects a socket. `peer` and `bytes` may be null. Returns false, with both unchanged, unless it is a connected TCP
-/// socket. The zone is named as in the network namespace of the calling process.
+/// socket. The zone is the name of the interface in the calling process's network namespace.
 bool look_at_socket(int socket_descriptor, peer_address* peer, byte_counters* bytes) noexcept;
 
-/// The same for the connection of this process, which has at most one.
+/// Inspects the connection of this process, which has at most one.
 bool look_at_own_connection(peer_address* peer, byte_counters* bytes) noexcept;
 
 }  // namespace openssh

@@ -10,7 +10,7 @@ namespace openssh {
 namespace {
 
 /// Which processes a fact is accepted from. The process that talks to an unauthenticated peer may be compromised: it
-/// can lie about the algorithms of its own connection, but not about who was let in.
+/// can lie about the algorithms of its own connection, but not about who was authenticated.
 enum class believed { from_all, after_authentication, from_monitor };
 
 struct learning {

@@ -1,5 +1,5 @@
-/// Interposes the C library functions that sshd and ssh log with. Lines forced out for what they
-/// tell about the session are recorded and suppressed; all others are passed through.
+/// Interposes the C library functions that sshd and ssh log with. Lines forced out for the facts they contain are
+/// recorded and suppressed; all others are passed through.
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -34,7 +34,7 @@ void pass_on(int priority, const char* format, ...) {
     va_end(arguments);
 }
 
-/// A session that cannot be recorded is not shown, which its user cannot see.
+/// Logs that a session cannot be recorded, because nobody would otherwise know why it is not shown.
 void warn_of_failure(int error) {
     if (error != 0) {
         pass_on(LOG_WARNING, "the session is not shown, because it cannot be recorded: %s", strerror(error));

@@ -22,7 +22,7 @@ struct process_stat {
 /// Parses the content of /proc/PID/stat. Returns false, with `found` unchanged, if it is malformed.
 bool parse_process_stat(std::string_view text, process_stat& found) noexcept;
 
-/// Reads it for the calling process.
+/// Reads the calling process's stat. Returns false, with `found` unchanged, on failure.
 bool read_own_stat(process_stat& found) noexcept;
 
 /// Seconds since boot, including suspended time.

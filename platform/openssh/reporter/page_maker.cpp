@@ -17,8 +17,8 @@ namespace {
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t file_mode = 0600;
 
-/// Allocates a file's memory. Otherwise a write to a page would end the process if the file system is full, and so would
-/// the allocation itself beyond the limit of file sizes.
+/// Allocates a file's memory. Without this, writing to a page would kill the process if the file system is full. The
+/// limit is checked first because an allocation beyond the maximum file size would kill it too.
 int allocate(int file, size_t size) {
     rlimit limit = {};
     if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur < size) {
@@ -40,7 +40,7 @@ void unmap_page(session_page*& page) {
     }
 }
 
-/// A file without a name. The folder is missing if the responder has never run.
+/// Opens a file without a name. The folder does not exist yet if the responder has never run.
 int open_nameless(const char* folder) {
     constexpr int flags = O_TMPFILE | O_RDWR | O_CLOEXEC;
     const int file = open(folder, flags, file_mode);
@@ -50,8 +50,8 @@ int open_nameless(const char* folder) {
     return file;
 }
 
-/// Gives the file its name. One that exists was left by a process of the same number and start time, before a change of
-/// the clock ticks at the latest: by the previous boot of a container.
+/// Gives the file its name. An existing file with this name was left by an earlier process with the same pid and start
+/// time, before the last boot, as can happen in a container.
 int publish(int file, const char* folder, const session_facts& facts) {
     char path[PATH_MAX];
     char source[64];

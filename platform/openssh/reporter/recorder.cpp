@@ -14,7 +14,7 @@ namespace openssh {
 
 namespace {
 
-/// Children begin with a copy of what their parent knew when they were forked.
+/// Children start with a copy of what their parent knew at the fork.
 session_facts own_facts;
 uint32_t own_terminal_number = no_terminal;
 bool has_tried_to_share = false;
@@ -25,7 +25,7 @@ bool is_plain(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
 }
 
-/// The facts are those of the calling process from now on.
+/// From now on, the facts are those of the calling process.
 void take_over(pid_t self) {
     process_stat own;
     read_own_stat(own);
@@ -57,7 +57,7 @@ bool learn(const log_line& line, bool from_monitor) {
     return is_plain(line.text) && learn_from_line(own_facts, line, context);
 }
 
-/// Root's sessions run in the monitor itself; an ordinary user's process has a page for what it reports.
+/// Root's sessions run in the monitor itself; an ordinary user's process reports on a separate page.
 session_page* page_of(bool is_monitor) {
     if (is_monitor) {
         return own_pages.monitors;
@@ -91,7 +91,7 @@ int follow_server_line(const log_line& line) {
 }
 
 int follow_client_line(const log_line& line) {
-    // ssh that goes to the background continues in a child, and so does its session.
+    // When ssh goes to the background, it continues in a child, and its session continues there too.
     const pid_t self = getpid();
     if (self != own_facts.pid) {
         take_over(self);

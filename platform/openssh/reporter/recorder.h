@@ -9,11 +9,12 @@
 
 namespace openssh {
 
-/// Learns from a line that sshd has logged. The page is made when the user is let in, since connections without a login
-/// must not take up memory. Returns an errno value once, if it cannot be made; otherwise 0. Preserves errno.
+/// Learns from a line that sshd has logged. The pages are created when the user is authenticated, because connections
+/// without a login must not take up memory. Returns an errno value once if they cannot be created, otherwise 0.
+/// Preserves errno.
 int record_server_line(const log_line& line) noexcept;
 
-/// The same for a line of ssh, whose page is made with the first fact.
+/// The same for a line of ssh, whose page is created when the first fact is known.
 int record_client_line(const log_line& line) noexcept;
 
 }  // namespace openssh

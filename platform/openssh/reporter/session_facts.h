@@ -1,5 +1,6 @@
-/// Everything known about one session. Plain data of a fixed size, because processes share it through memory. What does
-/// not fit is left out: texts are cut at the end of their field, and channels beyond the last place are not recorded.
+/// Everything known about one session, as plain data of a fixed size, because processes share it through memory.
+/// Whatever does not fit is dropped: texts are truncated to their fields, and channels beyond the last slot are not
+/// recorded.
 ///
 /// Part of the library that is preloaded into sshd and ssh, so nothing here allocates or throws.
 #ifndef OPENSSH_REPORTER_SESSION_FACTS_H

@@ -11,13 +11,13 @@ namespace openssh {
 
 namespace {
 
-/// What matters of a process that may belong to a session.
+/// A process that may belong to a session.
 struct candidate {
     pid_t pid = 0;
     process_info process;
 };
 
-/// The processes of sshd and ssh, in the order in which they began.
+/// The processes of sshd and ssh, in the order in which they started.
 std::vector<candidate> list_candidates(const session_table& table) {
     std::vector<candidate> found;
     for (const pid_t pid : table.processes.list()) {
@@ -38,7 +38,7 @@ bool ends_with_mark(const process_info& process, std::string_view mark) {
     return process.name.ends_with(mark);
 }
 
-/// sshd's monitors whose child still talks to a peer that is not authenticated. These are no sessions yet.
+/// The sshd monitors whose child is still talking to an unauthenticated peer. They are not sessions yet.
 std::set<pid_t> monitors_at_login(const std::vector<candidate>& candidates) {
     std::set<pid_t> monitors;
     for (const candidate& one : candidates) {
@@ -64,7 +64,7 @@ bool is_server_session(const session_table& table, const candidate& one, const s
            ends_with_mark(one.process, "[priv]") && at_login.count(one.pid) == 0;
 }
 
-/// A window on a connection that another process holds is no session.
+/// A client that shares another process's connection is not a session of its own.
 bool is_client_session(const session_table& table, const candidate& one) {
     return is_client(table, one.process) && has_connection(table, one.pid);
 }

@@ -24,7 +24,7 @@ bool read_sequence(int file, size_t offset, uint32_t& sequence) {
     return read_bytes(file, offset + offsetof(session_page, sequence), &sequence, sizeof(sequence));
 }
 
-/// A copy that was not changed while it was made.
+/// Copies the page. Tries again if it was changed during the copy.
 bool read_whole(int file, size_t offset, session_page& page) {
     for (int attempt = 0; attempt < most_attempts; ++attempt) {
         uint32_t before = 0;
@@ -41,7 +41,7 @@ bool read_whole(int file, size_t offset, session_page& page) {
     return false;
 }
 
-/// Empties a text with characters that are not printable.
+/// Clears a text that contains unprintable characters.
 template <size_t size>
 void clean(char (&field)[size]) {
     char* end = std::find(std::begin(field), std::end(field) - 1, '\0');

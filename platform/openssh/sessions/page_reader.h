@@ -1,5 +1,5 @@
-/// Reads the pages in which sshd and ssh keep the facts of their sessions. Their content is not trusted: texts end
-/// within their fields and are printable, and numbers are in their range.
+/// Reads the pages in which sshd and ssh keep the facts about their sessions. The pages are not trusted: the functions
+/// here make sure that texts are printable and end within their fields, and that numbers are in range.
 #ifndef OPENSSH_SESSIONS_PAGE_READER_H
 #define OPENSSH_SESSIONS_PAGE_READER_H
 
@@ -13,27 +13,27 @@
 
 namespace openssh {
 
-/// Reads the page at `offset`. Returns false, with `facts` unchanged, if there is none, if it has another layout, or if
-/// it is being changed each time.
+/// Reads the page at `offset`. Returns false, with `facts` unchanged, if there is none, if it has a different layout,
+/// or if it was being changed at every attempt.
 bool read_page(int file, size_t offset, session_facts& facts);
 
-/// Whether the file is one that only this user, which is root, can have made.
+/// Whether only this user, which is root, can have created the file.
 bool is_server_file(int file);
 
-/// Whether the file is memory that nobody can shorten.
+/// Whether the file is a memory file that nobody can shrink.
 bool is_client_file(int file);
 
-/// Takes over what the session's own process may tell: its channels, its rekeys, and the algorithms of a rekey. Who is
-/// logged in and how, and the algorithms of the login, remain those that the monitor knows.
+/// Copies the facts that the session's own process may report: its channels, its rekeys, and the algorithms of a rekey.
+/// Who is logged in and how, and the algorithms of the login, remain as the monitor recorded them.
 void add_reported(session_facts& facts, const session_facts& reported);
 
-/// A process as named by a server's file.
+/// The process that a server's file belongs to.
 struct session_process {
     pid_t pid = 0;
     uint64_t start_time = 0;
 };
 
-/// The process in the file name "PID.START"; false for any other name.
+/// Parses the file name "PID.START". Returns false for any other name.
 bool parse_session_name(std::string_view name, session_process& process);
 std::string session_name(const session_process& process);
 

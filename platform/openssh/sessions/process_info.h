@@ -17,7 +17,7 @@ struct process_info {
     uint64_t start_time = 0;  ///< in clock ticks since boot; together with the pid it identifies a process
     pid_t parent = 0;
     uid_t user = 0;         ///< the real user
-    bool is_roots = false;  ///< it has no other user in any of its roles
+    bool is_roots = false;  ///< all its user ids are root's
     std::string program;    ///< the executable; a replaced one keeps its path
     std::string name;       ///< the first word of its command line
 };
@@ -25,19 +25,19 @@ struct process_info {
 /// Returns false if there is no such process or it is dead.
 bool read_process(pid_t pid, process_info& process);
 
-/// Takes the users from the content of /proc/PID/status; false if it is malformed.
+/// Parses the user ids in the content of /proc/PID/status. Returns false if it is malformed.
 bool parse_process_users(std::string_view text, process_info& process);
 
-/// The executable alone, which is read faster; empty if it is not known.
+/// Only the executable, which is faster to read; empty if it is unknown.
 std::string program_of_process(pid_t pid);
 
-/// All processes.
+/// The pids of all processes.
 std::vector<pid_t> list_processes();
 
 /// Opens a descriptor that becomes readable when the process ends; -1 with errno set on failure.
 int open_process(pid_t pid);
 
-/// A duplicate of one of the process's descriptors, which no file system takes part in; -1 with errno set on failure.
+/// Duplicates one of the process's descriptors without involving any file system; -1 with errno set on failure.
 int copy_descriptor(int process_descriptor, int number);
 
 /// Inspects the TCP connection of a process without keeping a reference to it. Returns false, with `bytes` unchanged, if

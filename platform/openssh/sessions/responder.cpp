@@ -232,9 +232,9 @@ bool is_request(const session_request& request, ssize_t length) {
     return length == static_cast<ssize_t>(sizeof(request)) && request.zero == 0 && request.one == 1;
 }
 
-/// A user who can name a process like a server's would otherwise have an outgoing session shown as an incoming one. Who
-/// asks a server takes whole answers only, while the last byte of an outgoing session's answer is always 0 and is not
-/// missed.
+/// Otherwise, a user could have an outgoing session shown as an incoming one by giving a process a server's title.
+/// Queries to servers accept only complete answers, so answers for outgoing sessions omit the last byte, which is
+/// always 0 and is not missed.
 size_t answer_size(const session_facts& facts) {
     return facts.kind == session_kind::incoming ? sizeof(session_snapshot) : sizeof(session_snapshot) - 1;
 }
@@ -298,7 +298,7 @@ void handle(responder& self, int descriptor) {
 
 // From the start to the end
 
-/// sshd makes the same folder if it is first.
+/// sshd creates the same folder if it runs first.
 bool make_folder(const std::string& path) {
     constexpr mode_t for_root_alone = 0700;
     if (mkdir(path.c_str(), for_root_alone) == 0 || errno == EEXIST) {

@@ -45,7 +45,7 @@ int open_stop_signal() {
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
 
-/// Tells the service manager, whose watchdog restarts a responder that hangs.
+/// Notifies the service manager, whose watchdog restarts a hung responder.
 void notify(bool is_ready) {
     const char* path = std::getenv("NOTIFY_SOCKET");
     sockaddr_un address = {};
@@ -74,7 +74,7 @@ int main() {
         std::perror("session_responder: cannot wait for signals");
         return EXIT_FAILURE;
     }
-    // The agent, which may start later, has the service manager make the same folder.
+    // The service manager creates the same folder for the agent, which may start later.
     mkdir(runtime_folder, for_all_to_pass);
     allow_many_descriptors();
     const openssh::launcher_paths paths;

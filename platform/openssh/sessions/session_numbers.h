@@ -1,4 +1,4 @@
-/// The numbers of the sessions, which stay the same when the responder is restarted.
+/// The session numbers, which stay the same when the responder is restarted.
 #ifndef OPENSSH_SESSIONS_SESSION_NUMBERS_H
 #define OPENSSH_SESSIONS_SESSION_NUMBERS_H
 
@@ -9,21 +9,21 @@
 
 namespace openssh {
 
-/// One file for each session, named by a key, and one for the number given last.
+/// One file per session, named after its key, and one holding the last number assigned.
 struct session_numbers {
     std::string folder;
     uint32_t last = 0;
 };
 
-/// Reads the last number given.
+/// Reads the last number assigned.
 void load_session_numbers(session_numbers& numbers);
 
-/// The session's number; a new session gets the next one. It is kept as far as the file system permits.
+/// Returns the session's number; a new session gets the next one. Failures to store the number are ignored.
 uint32_t session_number(session_numbers& numbers, const std::string& key);
 
 void forget_session_number(const session_numbers& numbers, const std::string& key);
 
-/// Forgets all but those in use.
+/// Forgets the numbers whose keys are not in use.
 void forget_unused_numbers(const session_numbers& numbers, const std::function<bool(std::string_view key)>& in_use);
 
 }  // namespace openssh

@@ -33,7 +33,7 @@ class open_file {
     int descriptor_;
 };
 
-/// Nothing but a regular file is read, and nothing can block.
+/// Follows no symbolic link and does not block, whatever the file is. Only regular files are read later.
 int open_server_file(const session_table& table, const session_process& owner) {
     const std::string path = table.page_folder + "/" + session_name(owner);
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
@@ -53,7 +53,7 @@ bool read_server_pages(int file, const session_process& owner, session_facts& fa
     return true;
 }
 
-/// The client's page, wherever it is among the descriptors.
+/// Reads the client's page from whichever descriptor refers to it.
 bool read_client_page(const session_table& table, int process, session_facts& facts) {
     for (int number = first_page_descriptor; number < first_page_descriptor + page_descriptors; ++number) {
         const open_file file(table.processes.copy_descriptor(process, number));
@@ -84,7 +84,8 @@ size_t sessions_of(const session_table& table, uid_t user) {
     }));
 }
 
-/// Whether another session of the user says that it began in the same process. A number belongs to one session.
+/// Whether another session of the same user claims to have begun in the same process. A number belongs to only one
+/// session.
 bool is_numbered(const session_table& table, const session_facts& facts) {
     return std::any_of(table.sessions.begin(), table.sessions.end(), [&](const auto& one) {
         const session_facts& other = one.second.facts;
@@ -102,7 +103,7 @@ void add_session(session_table& table, session_facts facts, int process) {
     table.sessions.insert_or_assign(facts.pid, session_entry{.facts = facts, .process = process});
 }
 
-/// Only a child of the monitor runs its session, whatever the session says.
+/// Only the monitor or a child of the monitor can run its session, whatever the session reports.
 pid_t checked_session_process(const session_table& table, const session_facts& facts) {
     process_info process;
     const bool is_believed =
@@ -111,7 +112,7 @@ pid_t checked_session_process(const session_table& table, const session_facts& f
     return is_believed ? facts.session_pid : 0;
 }
 
-/// What the pages do not tell, or are not asked for.
+/// Restores the facts that the pages do not contain, or for which they are not trusted.
 void keep_own_facts(session_facts& facts, const session_facts& before) {
     facts.pid = before.pid;
     facts.start_time = before.start_time;

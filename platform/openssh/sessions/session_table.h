@@ -1,4 +1,4 @@
-/// The known sessions. Their facts stay in the pages of sshd and ssh and are read when they are wanted.
+/// The known sessions. Their facts stay in the pages of sshd and ssh and are read when needed.
 #ifndef OPENSSH_SESSIONS_SESSION_TABLE_H
 #define OPENSSH_SESSIONS_SESSION_TABLE_H
 
@@ -41,34 +41,34 @@ struct session_table {
     std::map<pid_t, session_entry> sessions = {};  ///< by the pid of the process that is queried for the session
 };
 
-/// Limits on all sessions and on the outgoing sessions of one ordinary user, because each takes descriptors.
+/// Limits on the number of all sessions and of one ordinary user's outgoing sessions, because each takes descriptors.
 constexpr size_t most_sessions = 16384;
 constexpr size_t most_sessions_of_user = 64;
 
 enum class found_file {
-    taken,     ///< a session's, which is in the table from now on
-    left_out,  ///< a session's for which there is no room
-    invalid,   ///< no session's: its process is gone, or nobody trustworthy made it
+    taken,     ///< its session has been added to the table
+    left_out,  ///< there is no room for its session
+    invalid,   ///< it has no session: its process is gone, or its creator is not trusted
 };
 
-/// Judges a server's file. A session is only taken from root's sshd.
+/// Checks a server's file and adds its session to the table. Accepts only sessions of root's sshd.
 found_file take_server_file(session_table& table, const std::string& name);
 
-/// Adds the session of a client's process, if it has one. `process` is what was read of it. An ordinary user's sessions
-/// are those of the kernel's record of the user, whatever the page says.
+/// Adds the session of a client's process, if it has one. `process` is the information read about it. The session
+/// belongs to the user that the kernel reports, whatever the page says.
 bool take_client(session_table& table, pid_t pid, const process_info& process);
 
 /// Whether a process is one of the router's clients.
 bool is_client(const session_table& table, const process_info& process);
 
-/// Reads the session's pages again and returns its facts. They stay as last read while the pages cannot be read.
+/// Rereads the session's pages and returns its facts. If the pages cannot be read, these are the facts last read.
 const session_facts& current_facts(const session_table& table, session_entry& session);
 
-/// Whether an outgoing session is still that of its process. One that goes to the background continues in a child, which
-/// takes over the page.
+/// Whether an outgoing session still belongs to its process. A session that goes to the background continues in a
+/// child, which takes over the page.
 bool still_has_page(const session_table& table, const session_entry& session);
 
-/// The name of the file with the session's number.
+/// The name of the file that holds the session's number.
 std::string number_key(const session_facts& facts);
 
 /// Forgets a session and closes its descriptor.

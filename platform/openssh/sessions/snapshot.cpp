@@ -33,7 +33,7 @@ uint64_t spent(const session_facts& facts, const byte_counters& bytes) {
                     bytes.received - std::min(bytes.received, start.received));
 }
 
-/// What is more than the field can hold is shown as the most it can hold.
+/// A value too large for the field is shown as the largest that the field can hold.
 uint32_t data_to_rekey(const session_facts& facts, const byte_counters& bytes) {
     constexpr uint64_t most_data = SESSION_DATA_UNKNOWN - 1;
     if (bytes.known == 0 || facts.at_keying.known == 0) {

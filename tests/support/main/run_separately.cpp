@@ -28,11 +28,11 @@ std::string read_all(int fd) {
 }
 
 /// Returns twice, like fork(): in the child, whose output goes to the parent, and in the parent when the child has ended.
-/// Executing the program again instead would take as long as an average test.
+/// Re-executing the program instead would take as long as an average test.
 child_run split() {
     int channel[2];
     if (pipe2(channel, O_CLOEXEC) != 0) {
-        return {false, -1, "cannot make a pipe\n"};
+        return {false, -1, "cannot create a pipe\n"};
     }
     fflush(nullptr);
     const pid_t child = fork();
@@ -44,7 +44,7 @@ child_run split() {
         return {true, 0, ""};
     }
     close(channel[1]);
-    child_run result = {false, -1, child < 0 ? "cannot make a process\n" : read_all(channel[0])};
+    child_run result = {false, -1, child < 0 ? "cannot create a process\n" : read_all(channel[0])};
     close(channel[0]);
     if (child > 0) {
         waitpid(child, &result.status, 0);
@@ -79,7 +79,7 @@ std::vector<std::string> selected_tests() {
     return test_names(list.output);
 }
 
-/// The part of the tests that this process is to run, as defined by GoogleTest's environment variables.
+/// This process's share of the tests, as defined by GoogleTest's environment variables.
 std::vector<std::string> of_this_shard(const std::vector<std::string>& names) {
     const char* total = getenv("GTEST_TOTAL_SHARDS");
     const char* index = getenv("GTEST_SHARD_INDEX");

@@ -271,7 +271,7 @@ control_json parsed_json(const char* text) {
     return control_json_parse(text, error).value_or(control_json());
 }
 
-/// The answer to a request for sessions, of which there are this many ("null" if it is not known).
+/// The answer to a request for sessions. `sessions` is the JSON text of their number, "null" if it is unknown.
 control_json answer_with(const char* path, const char* sessions, const char* data = nullptr,
                          const char* record = "ssh_session_brief") {
     control_json answer = control_answer(data == nullptr ? control_result::no_data : control_result::done);

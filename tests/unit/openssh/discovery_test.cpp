@@ -130,7 +130,7 @@ TEST_F(session_discovery, none_of_ten_thousand_sessions_is_incomplete) {
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;
     setrlimit(RLIMIT_NOFILE, &limit);
-    // One descriptor for each process, which the limit has room for.
+    // Only one descriptor per process, which stays within the limit.
     table_.processes.open = [](pid_t pid) {
         const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
         opened_processes()[descriptor] = pid;

@@ -26,7 +26,7 @@ size_t open_descriptors() {
     return files_in("/proc/self/fd");
 }
 
-/// How a child ends that does this.
+/// Returns the wait status of a child that runs `what`.
 template <class action>
 int status_of_child(action what) {
     const pid_t child = fork();
@@ -124,7 +124,7 @@ TEST_F(server_page_files, on_a_full_file_system_are_not_made_and_harm_nobody) {
     ASSERT_EQ(mount("tmpfs", full.c_str(), "tmpfs", 0, "size=12k"), 0);
     server_pages first;
     EXPECT_EQ(make_server_pages(full.c_str(), facts_of_session(1), first), 0);
-    // Half of the memory for the second file is there.
+    // There is room for only half of the second file.
     EXPECT_EQ(make_server_pages(full.c_str(), facts_, pages_), ENOSPC);
     EXPECT_EQ(pages_.monitors, nullptr);
     EXPECT_EQ(pages_.reported, nullptr);

@@ -32,7 +32,7 @@ std::string with(std::string bytes, size_t offset, number value) {
     return bytes;
 }
 
-/// Facts that are all of one number, so that a mixture of two is recognised.
+/// Facts that are all derived from one number, so a mixture of two is recognised.
 session_facts uniform_facts(uint32_t number) {
     session_facts facts = facts_of_session(static_cast<pid_t>(number + 1), std::to_string(number % 10).c_str());
     facts.rekey_count = number;

@@ -133,7 +133,7 @@ TEST(process_info, reports_the_end_of_a_process) {
 
 namespace {
 
-/// The connection of this process, as it sees it itself and as another process sees it.
+/// Inspects a connection of this process, both as its own and as another process would.
 void look_at_a_connection(int family, const std::string& expected) {
     const int listener = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_storage address = {};

@@ -114,7 +114,7 @@ TEST_F(recorder_of_a_server, has_one_page_for_root_s_session) {
     EXPECT_STREQ(monitors.user, "root");
     EXPECT_NE(monitors.channels[0].state, channel_unused);
     EXPECT_EQ(monitors.session_pid, getpid());
-    // A child of root's, before it runs the command, does not speak for the session.
+    // A child of root's monitor does not report on the session before it runs the command.
     in_child(0, [&] {
         record_server_line(parsed(lines.back()));
         return true;

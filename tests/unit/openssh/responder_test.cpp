@@ -324,7 +324,7 @@ TEST_F(session_responder, finds_all_sessions_after_more_events_than_the_kernel_k
     static std::atomic<bool> has_stopped;
     is_held = has_stopped = false;
     end();
-    // Holds the responder from its first sign of life on.
+    // Holds the responder from its first report that it is alive.
     options_.report_alive = [](bool) {
         while (is_held) {
             has_stopped = true;

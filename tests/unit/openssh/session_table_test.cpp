@@ -200,7 +200,7 @@ TEST_F(session_table_of_clients, a_session_continues_in_a_child) {
     take_process(539);
     start_client(540);
     take_process(540);
-    // ssh in the background: the page, which both have, now names the child.
+    // ssh goes to the background: the page, which both share, now names the child.
     session_facts moved = facts_of_session(541);
     moved.first_pid = 539;
     moved.first_start_time = 5390;

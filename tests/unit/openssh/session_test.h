@@ -37,7 +37,7 @@ inline std::map<pid_t, simulated_process>& processes() {
     return all;
 }
 
-/// The process of each descriptor that was opened.
+/// The process that each opened descriptor refers to.
 inline std::map<int, pid_t>& opened_processes() {
     static std::map<int, pid_t> all;
     return all;
@@ -154,12 +154,12 @@ inline std::string page_of(const openssh::session_facts& facts) {
     return bytes;
 }
 
-/// The bytes of a server's file whose session has reported nothing.
+/// The bytes of a server's file whose session has not reported anything.
 inline std::string server_file_of(const openssh::session_facts& facts) {
     return page_of(facts) + std::string(openssh::session_page_size, '\0');
 }
 
-/// A client's memory file, sealed like that of the library unless otherwise said.
+/// Creates a client's memory file, sealed as the library does unless otherwise specified.
 inline int make_client_file(const std::string& bytes, unsigned seals = openssh::client_page_seals) {
     const int file = memfd_create("page", MFD_CLOEXEC | MFD_ALLOW_SEALING);
     if (write(file, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||

@@ -108,7 +108,7 @@ bool is_empty_table(const std::filesystem::directory_entry& entry) {
     return entry.path().string().starts_with(kernel_rules) && entry.file_size() == 0;
 }
 
-/// What the agent is told about a table. Its rules are the indented lines.
+/// The finding that the agent gets about a table, whose rules are the indented lines.
 packet_filter_finding compare_with_kernel(const packet_filter_table& table) {
     std::string wanted;
     std::istringstream commands(table.commands != nullptr ? table.commands : "");

@@ -188,7 +188,7 @@ TEST_F(reconciliation_test, lines_of_the_default_file) {
     expect_repaired({of_file(paths::server_file, "No such file or directory")}, {});
 }
 
-/// The lines of a server's file, with one line for each host key and no doubled blank, sorted.
+/// The sorted lines of a server's file, with one line per host key and no double spaces.
 std::vector<std::string> settings_of(const std::string& path) {
     std::vector<std::string> settings;
     for (const std::string& line : file_lines(path)) {
@@ -205,8 +205,9 @@ std::vector<std::string> settings_of(const std::string& path) {
     return settings;
 }
 
-// A file made from the table has the table's order and the host keys in one line. A file written by a start has neither the
-// two limits, unless they are configured, nor the two lists that a start without FIPS mode removes: their defaults apply.
+// A file created from the table has the table's order and all host keys on one line. A file written at start-up lacks
+// the two limits, unless they are configured, and the two lists that a start without FIPS mode removes: their defaults
+// apply.
 TEST_F(reconciliation_test, a_default_file_made_from_the_table_has_the_settings_that_a_start_writes) {
     start();
     commit_ok(timeout(77));

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// A responder that sends the first connection these bytes.
+/// A responder that sends these bytes to the first client that connects.
 class sending_responder {
   public:
     sending_responder(const std::string& path, std::string bytes) : bytes_(std::move(bytes)) {

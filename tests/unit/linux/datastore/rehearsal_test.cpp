@@ -113,7 +113,7 @@ TEST_F(datastore_rehearsal_test, a_commit_with_which_the_agent_would_crash_is_re
         EXPECT_EQ(result.refused_by, datastore_refused_by::rehearsal);
         EXPECT_EQ(result.path, timeout_path);
         EXPECT_EQ(result.message, std::string(timeout_path) +
-                                      ": the agent would crash with this change (signal 11, Segmentation fault); "
+                                      ": this change would crash the agent (signal 11, Segmentation fault); "
                                       "nothing has been stored");
     }
     EXPECT_EQ(stored(timeout_path), "none");

@@ -17,13 +17,13 @@ namespace {
 
 constexpr std::chrono::seconds limit{30};
 
-/// Waits for a byte from the process, or for the end of its connection.
+/// Waits until the process sends a byte or closes its connection.
 void wait_for_word(const isolated_process& process) {
     char word = 0;
     recv(process.connection(), &word, 1, 0);
 }
 
-/// The signal of the crash of a process that does `work`.
+/// Runs `work` in an isolated process and returns the signal of its crash.
 int crash_of(const std::function<void()>& work) {
     isolated_process process([] { return std::string(); },
                              [&work](int, const std::string& problem) {
@@ -36,7 +36,7 @@ int crash_of(const std::function<void()>& work) {
     return process.wait_for_crash(limit);
 }
 
-/// The sanitizers' handlers would end the process in their own way.
+/// The sanitizers' handlers would end the process differently.
 void use_default_action(int signal) {
     std::signal(signal, SIG_DFL);
 }
