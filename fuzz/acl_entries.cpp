@@ -16,14 +16,9 @@
 #include "linux/access_lists/acl_json.h"
 #include "linux/access_lists/acl_line.h"
 #include "linux/access_lists/acl_rule.h"
+#include "require.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 constexpr size_t mark_size = sizeof(uint32_t);
 constexpr uint32_t first_sequence = 10;  ///< of a line without a sequence number

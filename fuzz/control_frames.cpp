@@ -11,15 +11,9 @@
 #include "control_protocol/json_text.h"
 #include "linux/control/value.h"
 #include "linux/datastore/schema_form.h"
+#include "require.h"
 
 namespace {
-
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 void require_one_clean_line(const std::string& text) {
     require(!text.empty() && schema_has_charset(text, schema_charset::printable));

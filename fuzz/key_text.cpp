@@ -8,18 +8,12 @@
 #include <string>
 
 #include "platform/key_store.h"
+#include "require.h"
 #include "user_keys/base64.h"
 #include "user_keys/key_der.h"
 #include "user_keys/key_record.h"
 
 namespace {
-
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 const rsa_public_key untouched = {"before", "too"};
 

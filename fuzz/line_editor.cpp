@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -16,16 +15,11 @@
 
 #include "core/paths.h"
 #include "fake/fake_platform.h"
+#include "require.h"
 
 namespace {
 
 constexpr char edited_file[] = "/var/opt/norvo/norvossh/edited";
-
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 /// Mounts a private file system on the agent's folder, which disappears with the process.
 bool enter_scratch_folder() {

@@ -13,14 +13,9 @@
 
 #include "common/record_schema.h"
 #include "linux/datastore/record_json.h"
+#include "require.h"
 
 namespace {
-
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 struct release_memory {
     void operator()(void* memory) const { free(memory); }

@@ -13,15 +13,9 @@
 #include "linux/datastore/schema.h"
 #include "linux/datastore/schema_form.h"
 #include "platform/datastore_backend.h"
+#include "require.h"
 
 namespace {
-
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 struct input {
     const uint8_t* next;

@@ -12,17 +12,11 @@
 #include "openssh/reporter/fact_rows.h"
 #include "openssh/reporter/log_filter.h"
 #include "openssh/sessions/snapshot.h"
+#include "require.h"
 
 namespace {
 
 using namespace openssh;
-
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 template <size_t size>
 void require_ended(const char (&field)[size]) {

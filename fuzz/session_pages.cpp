@@ -16,17 +16,11 @@
 
 #include "openssh/sessions/page_reader.h"
 #include "openssh/sessions/snapshot.h"
+#include "require.h"
 
 namespace {
 
 using namespace openssh;
-
-/// Aborts the program on failure, which is how a fuzz target reports one.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 template <size_t size>
 void require_plain(const char (&field)[size]) {
@@ -38,14 +32,14 @@ void check_facts(const session_facts& facts) {
     require_plain(facts.user);
     require_plain(facts.host);
     require_plain(facts.method);
-    require_plain(facts.kex);
-    require_plain(facts.host_key);
-    require_plain(facts.in_cipher);
-    require_plain(facts.out_cipher);
-    require_plain(facts.in_mac);
-    require_plain(facts.out_mac);
+    require_plain(facts.algorithms.kex);
+    require_plain(facts.algorithms.host_key);
+    require_plain(facts.algorithms.in_cipher);
+    require_plain(facts.algorithms.out_cipher);
+    require_plain(facts.algorithms.in_mac);
+    require_plain(facts.algorithms.out_mac);
     require(facts.state <= session_established);
-    const session_snapshot answer = make_snapshot(facts, facts.keyed_at / 2, facts.at_keying);
+    const session_snapshot answer = make_snapshot(facts, facts.rekey.keyed_at / 2, facts.rekey.at_keying);
     require_plain(answer.user_id);
     require_plain(answer.time_to_rekey);
     require(answer.open_channels <= SESSION_CHANNELS);

@@ -22,6 +22,7 @@
 #include "oper/session_records.h"
 #include "oper/show_sessions.h"
 #include "platform/record_codec.h"
+#include "require.h"
 
 namespace {
 
@@ -33,13 +34,6 @@ struct peers {
     std::string answers;
     size_t next = 0;
 } peers;
-
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 }  // namespace
 

@@ -9,14 +9,9 @@
 #include <cstring>
 #include <string>
 
-namespace {
+#include "require.h"
 
-/// Ends the program, which is how a fuzz target reports a failure.
-void require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
+namespace {
 
 void check_accepted(const uint8_t* packed, size_t size, const std::string& format, const tuple_field* fields,
                     uint32_t count, uint32_t mask) {

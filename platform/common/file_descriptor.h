@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 class file_descriptor {
   public:
     /// Takes ownership of `fd`. A negative one, as returned by a failed call, is never closed.
@@ -17,6 +19,9 @@ class file_descriptor {
     file_descriptor& operator=(const file_descriptor&) = delete;
 
     int get() const { return fd; }
+
+    /// Gives up ownership.
+    int release() { return std::exchange(fd, -1); }
 
   private:
     int fd;

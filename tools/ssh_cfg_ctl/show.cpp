@@ -6,6 +6,7 @@
 
 #include "common/text.h"
 #include "control_protocol/answer.h"
+#include "control_protocol/session_trees.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/table.h"
 #include "ssh_cfg_ctl/value_names.h"
@@ -255,18 +256,7 @@ constexpr list_view list_views[] = {
     {"overlay_crypto_ssh_system", telemetry_state, telemetry_fields},
 };
 
-/// A tree of session records, for one direction or both.
-struct session_tree {
-    std::string_view path;
-    bool is_of_servers;
-    bool is_of_clients;
-};
-
-constexpr session_tree session_trees[] = {
-    {"/oper/crypto-ssh/gl/session_xml/", true, true},
-    {"/oper/crypto-ssh/gl/sshddata/", true, false},
-    {"/oper/crypto-ssh/client/", false, true},
-};
+/// The reads about sessions below a session tree.
 constexpr std::string_view session_items[] = {"brief", "detail", "rekey"};
 
 /// A session's cell. A value that is the same in both directions is shown once.
@@ -365,35 +355,33 @@ const view_row* find_view(std::span<const view_row> views, std::string_view reco
 }
 
 /// Returns null if no sessions are read at the path.
-const session_tree* find_session_tree(std::string_view path) {
+const control_session_tree* find_session_tree(std::string_view path) {
     if (path.ends_with('/')) {
         path.remove_suffix(1);
     }
-    const auto found =
-        std::find_if(std::begin(session_trees), std::end(session_trees), [path](const session_tree& tree) {
-            return path.starts_with(tree.path) && std::find(std::begin(session_items), std::end(session_items),
-                                                            path.substr(tree.path.size())) != std::end(session_items);
-        });
-    return found == std::end(session_trees) ? nullptr : &*found;
+    const control_session_tree* tree = control_find_session_tree(path);
+    const bool is_read = tree != nullptr && std::find(std::begin(session_items), std::end(session_items),
+                                                      path.substr(tree->path.size())) != std::end(session_items);
+    return is_read ? tree : nullptr;
 }
 
 /// The list of sessions in one direction, whichever record the answer contains.
-const control_json& sessions_of(const control_json& answer, const session_tree& tree, size_t direction) {
+const control_json& sessions_of(const control_json& answer, const control_session_tree& tree, size_t direction) {
     const control_json& data = member(answer, "data");
-    if (!tree.is_of_servers || !tree.is_of_clients) {
+    if (!tree.has_incoming || !tree.has_outgoing) {
         return data;
     }
     const session_view* view = find_view<session_view>(session_views, answer.value("record", ""));
     return view == nullptr || view->lists[0] == no_lists ? data : member(data, view->lists.at(direction));
 }
 
-int64_t all_silent_sessions(const control_json& answer, const session_tree& tree) {
-    return (tree.is_of_servers ? silent_sessions(answer, directions[0], sessions_of(answer, tree, 0)) : 0) +
-           (tree.is_of_clients ? silent_sessions(answer, directions[1], sessions_of(answer, tree, 1)) : 0);
+int64_t all_silent_sessions(const control_json& answer, const control_session_tree& tree) {
+    return (tree.has_incoming ? silent_sessions(answer, directions[0], sessions_of(answer, tree, 0)) : 0) +
+           (tree.has_outgoing ? silent_sessions(answer, directions[1], sessions_of(answer, tree, 1)) : 0);
 }
 
 /// Says which sessions are missing from an answer; empty if none are.
-std::string missing_sessions_text(const control_json& answer, const session_tree& tree) {
+std::string missing_sessions_text(const control_json& answer, const control_session_tree& tree) {
     if (answer.contains("sessions") && answer["sessions"].is_null()) {
         return "the session responder does not answer, so sessions may be missing";
     }
@@ -417,7 +405,7 @@ std::string ctl_show_text(const control_json& answer, size_t width) {
 
 void ctl_explain_sessions(const control_json& request, control_json& answer) {
     const std::string path = request.value("path", "");
-    const session_tree* tree = request.value("call", "") == "show" ? find_session_tree(path) : nullptr;
+    const control_session_tree* tree = request.value("call", "") == "show" ? find_session_tree(path) : nullptr;
     if (tree == nullptr) {
         return;
     }

@@ -1,6 +1,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "control_protocol/session_trees.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/session_totals.h"
 #include "linux/control/value.h"
@@ -107,7 +108,7 @@ control_json control_call_show(const control_json& request, const control_peer& 
     if (path == nullptr) {
         return control_wrong_member("path", "a string");
     }
-    if (!control_is_session_path(*path)) {
+    if (control_find_session_tree(*path) == nullptr) {
         return show(*path);
     }
     // Only sessions that answer have records; only the totals show whether any are missing.

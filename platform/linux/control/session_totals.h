@@ -1,4 +1,4 @@
-/// The number of sessions, which the responder knows independently of the sessions' records.
+/// The number of sessions according to the responder, including those that do not answer.
 #ifndef PLATFORM_LINUX_CONTROL_SESSION_TOTALS_H
 #define PLATFORM_LINUX_CONTROL_SESSION_TOTALS_H
 
@@ -6,9 +6,6 @@
 #include <string_view>
 
 #include "common/session_totals.h"
-
-/// Whether this path reads sessions.
-bool control_is_session_path(std::string_view path);
 
 /// Makes the responder look for new sessions, which can then be queried, and returns the total number of sessions.
 /// Waits up to two seconds; returns nullopt if the responder does not answer.

@@ -60,21 +60,21 @@ std::string_view mac_name(std::string_view cipher, std::string_view mac) {
 }
 
 void learn_kex(learning& with) {
-    set_field(with.facts.kex, with.piece(0));
+    set_field(with.facts.algorithms.kex, with.piece(0));
 }
 void learn_host_key(learning& with) {
-    set_field(with.facts.host_key, with.piece(0));
+    set_field(with.facts.algorithms.host_key, with.piece(0));
 }
 
 void learn_direction(learning& with, session_kind for_whom_inbound) {
     const std::string_view cipher = with.piece(0);
     const std::string_view mac = mac_name(cipher, with.piece(1));
     if (with.facts.kind == for_whom_inbound) {
-        set_field(with.facts.in_cipher, cipher);
-        set_field(with.facts.in_mac, mac);
+        set_field(with.facts.algorithms.in_cipher, cipher);
+        set_field(with.facts.algorithms.in_mac, mac);
     } else {
-        set_field(with.facts.out_cipher, cipher);
-        set_field(with.facts.out_mac, mac);
+        set_field(with.facts.algorithms.out_cipher, cipher);
+        set_field(with.facts.algorithms.out_mac, mac);
     }
 }
 void learn_client_to_server(learning& with) {
@@ -87,23 +87,23 @@ void learn_server_to_client(learning& with) {
 // Rekeying
 
 void learn_rekey_limits(learning& with) {
-    with.facts.rekey_bytes = number_in(with.piece(0));
-    with.facts.rekey_seconds = static_cast<uint32_t>(std::min<uint64_t>(number_in(with.piece(1)), UINT32_MAX));
+    with.facts.rekey.bytes = number_in(with.piece(0));
+    with.facts.rekey.seconds = static_cast<uint32_t>(std::min<uint64_t>(number_in(with.piece(1)), UINT32_MAX));
 }
 
 void learn_new_keys(learning& with) {
-    with.facts.keyed_at = with.context.now;
-    with.facts.blocks_limit = number_in(with.piece(1));
-    if (with.facts.at_keying.known == 0) {
-        with.facts.at_keying = with.context.bytes;
+    with.facts.rekey.keyed_at = with.context.now;
+    with.facts.rekey.blocks_limit = number_in(with.piece(1));
+    if (with.facts.rekey.at_keying.known == 0) {
+        with.facts.rekey.at_keying = with.context.bytes;
     }
 }
 
 void learn_rekeying(learning& with) {
-    with.facts.at_keying = with.context.bytes;
+    with.facts.rekey.at_keying = with.context.bytes;
 }
 void learn_rekeying_out(learning& with) {
-    ++with.facts.rekey_count;
+    ++with.facts.rekey.count;
     learn_rekeying(with);
 }
 

@@ -62,6 +62,25 @@ struct byte_counters {
     uint32_t known = 0;
 };
 
+/// Names of algorithms, as in the protocol.
+struct algorithm_facts {
+    char kex[100] = {};
+    char host_key[100] = {};
+    char in_cipher[100] = {};
+    char out_cipher[100] = {};
+    char in_mac[100] = {};
+    char out_mac[100] = {};
+};
+
+struct rekey_facts {
+    uint32_t count = 0;
+    uint32_t seconds = 0;       ///< between two key exchanges; 0 if there is no time limit
+    uint64_t bytes = 0;         ///< in one direction; 0 if no volume is set
+    uint64_t blocks_limit = 0;  ///< the cipher's own limit, in blocks
+    uint64_t keyed_at = 0;      ///< time of the last key exchange, in seconds since boot
+    byte_counters at_keying;
+};
+
 struct session_facts {
     uint64_t start_time = 0;  ///< of process `pid`, in clock ticks since boot
     int32_t pid = 0;          ///< the process that is queried for the session: sshd's monitor, or ssh
@@ -78,18 +97,8 @@ struct session_facts {
     char method[32] = {};
     /// The method of the last attempt, which becomes the session's method when the user is authenticated.
     char attempt[32] = {};
-    char kex[100] = {};
-    char host_key[100] = {};
-    char in_cipher[100] = {};
-    char out_cipher[100] = {};
-    char in_mac[100] = {};
-    char out_mac[100] = {};
-    uint32_t rekey_count = 0;
-    uint32_t rekey_seconds = 0;  ///< between two key exchanges; 0 if there is no time limit
-    uint64_t rekey_bytes = 0;    ///< in one direction; 0 if no volume is set
-    uint64_t blocks_limit = 0;   ///< the cipher's own limit, in blocks
-    uint64_t keyed_at = 0;       ///< time of the last key exchange, in seconds since boot
-    byte_counters at_keying;
+    algorithm_facts algorithms;
+    rekey_facts rekey;
     channel_facts channels[most_channels];
 };
 

@@ -49,13 +49,13 @@ void clean(char (&field)[size]) {
     std::fill(is_plain ? end : field, std::end(field), '\0');
 }
 
-void clean_algorithms(session_facts& facts) {
-    clean(facts.kex);
-    clean(facts.host_key);
-    clean(facts.in_cipher);
-    clean(facts.out_cipher);
-    clean(facts.in_mac);
-    clean(facts.out_mac);
+void clean(algorithm_facts& algorithms) {
+    clean(algorithms.kex);
+    clean(algorithms.host_key);
+    clean(algorithms.in_cipher);
+    clean(algorithms.out_cipher);
+    clean(algorithms.in_mac);
+    clean(algorithms.out_mac);
 }
 
 void clean(channel_facts& channel) {
@@ -69,25 +69,11 @@ void clean(session_facts& facts) {
     clean(facts.host);
     clean(facts.method);
     clean(facts.attempt);
-    clean_algorithms(facts);
+    clean(facts.algorithms);
     facts.state = std::min<uint32_t>(facts.state, session_established);
     for (channel_facts& channel : facts.channels) {
         clean(channel);
     }
-}
-
-template <size_t size>
-void copy(char (&to)[size], const char (&from)[size]) {
-    std::copy(std::begin(from), std::end(from), std::begin(to));
-}
-
-void copy_algorithms(session_facts& facts, const session_facts& from) {
-    copy(facts.kex, from.kex);
-    copy(facts.host_key, from.host_key);
-    copy(facts.in_cipher, from.in_cipher);
-    copy(facts.out_cipher, from.out_cipher);
-    copy(facts.in_mac, from.in_mac);
-    copy(facts.out_mac, from.out_mac);
 }
 
 }  // namespace
@@ -119,16 +105,11 @@ bool is_client_file(int file) {
 }
 
 void add_reported(session_facts& facts, const session_facts& reported) {
-    if (reported.rekey_count != 0) {
-        copy_algorithms(facts, reported);
+    if (reported.rekey.count != 0) {
+        facts.algorithms = reported.algorithms;
     }
     facts.session_pid = reported.session_pid;
-    facts.rekey_count = reported.rekey_count;
-    facts.rekey_seconds = reported.rekey_seconds;
-    facts.rekey_bytes = reported.rekey_bytes;
-    facts.blocks_limit = reported.blocks_limit;
-    facts.keyed_at = reported.keyed_at;
-    facts.at_keying = reported.at_keying;
+    facts.rekey = reported.rekey;
     std::copy(std::begin(reported.channels), std::end(reported.channels), std::begin(facts.channels));
 }
 

@@ -2,14 +2,12 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "openssh/paths.h"
@@ -47,20 +45,7 @@ int open_stop_signal() {
 
 /// Notifies the service manager, whose watchdog restarts a hung responder.
 void notify(bool is_ready) {
-    const char* path = std::getenv("NOTIFY_SOCKET");
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path == nullptr || path[0] != '/' || std::strlen(path) >= sizeof(address.sun_path)) {
-        return;
-    }
-    std::memcpy(address.sun_path, path, std::strlen(path));
-    const char* state = is_ready ? "READY=1\nWATCHDOG=1" : "WATCHDOG=1";
-    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (manager >= 0) {
-        sendto(manager, state, std::strlen(state), MSG_NOSIGNAL | MSG_DONTWAIT,
-               reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        close(manager);
-    }
+    sd_notify(0, is_ready ? "READY=1\nWATCHDOG=1" : "WATCHDOG=1");
 }
 
 }  // namespace

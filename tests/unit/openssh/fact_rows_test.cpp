@@ -150,7 +150,7 @@ TEST(fact_rows, texts_are_truncated_to_their_fields) {
     learn_from_line(facts, line_of("choose_kex", "kex: algorithm: " + name), {});
     learn_from_line(facts, line_of("monitor_child_preauth", "user " + name + " authenticated by privileged process"),
                     {});
-    EXPECT_EQ(std::string(facts.kex), name.substr(0, 99));
+    EXPECT_EQ(std::string(facts.algorithms.kex), name.substr(0, 99));
     EXPECT_EQ(std::string(facts.user), name.substr(0, 63));
 }
 

@@ -35,16 +35,16 @@ std::string with(std::string bytes, size_t offset, number value) {
 /// Facts that are all derived from one number, so a mixture of two is recognised.
 session_facts uniform_facts(uint32_t number) {
     session_facts facts = facts_of_session(static_cast<pid_t>(number + 1), std::to_string(number % 10).c_str());
-    facts.rekey_count = number;
+    facts.rekey.count = number;
     facts.channels[most_channels - 1].id = number;
-    set_field(facts.out_mac, std::to_string(number % 10));
+    set_field(facts.algorithms.out_mac, std::to_string(number % 10));
     return facts;
 }
 
 bool is_uniform(const session_facts& facts) {
-    return facts.rekey_count == facts.channels[most_channels - 1].id &&
-           facts.rekey_count + 1 == static_cast<uint32_t>(facts.pid) &&
-           text_of_field(facts.user) == text_of_field(facts.out_mac);
+    return facts.rekey.count == facts.channels[most_channels - 1].id &&
+           facts.rekey.count + 1 == static_cast<uint32_t>(facts.pid) &&
+           text_of_field(facts.user) == text_of_field(facts.algorithms.out_mac);
 }
 
 }  // namespace
@@ -105,7 +105,7 @@ TEST(session_page, is_never_read_half_changed) {
         session_facts facts;
         if (read_page(file, 0, facts)) {
             ++whole;
-            EXPECT_TRUE(is_uniform(facts)) << facts.rekey_count;
+            EXPECT_TRUE(is_uniform(facts)) << facts.rekey.count;
         }
     }
     is_over = true;
@@ -119,8 +119,8 @@ TEST(session_page, with_hostile_content_is_cleaned) {
     session_facts facts = facts_of_session(351);
     std::memset(facts.user, 'x', sizeof(facts.user));
     set_field(facts.host, "10.0.0.7\n<0>forged");
-    set_field(facts.kex, "\x1b[2J");
-    std::memset(facts.out_mac, 0xff, sizeof(facts.out_mac));
+    set_field(facts.algorithms.kex, "\x1b[2J");
+    std::memset(facts.algorithms.out_mac, 0xff, sizeof(facts.algorithms.out_mac));
     facts.state = 77;
     facts.channels[0] = {.state = 3, .id = 1, .type = connection_shell};
     facts.channels[1] = {.state = channel_running, .id = 2, .type = 7};
@@ -128,7 +128,8 @@ TEST(session_page, with_hostile_content_is_cleaned) {
     session_facts read;
     ASSERT_TRUE(read_bytes(page_of(facts), read));
     EXPECT_EQ(text_of_field(read.user), std::string(sizeof(facts.user) - 1, 'x'));
-    EXPECT_EQ(text_of_field(read.host) + text_of_field(read.kex) + text_of_field(read.out_mac), "");
+    EXPECT_EQ(text_of_field(read.host) + text_of_field(read.algorithms.kex) + text_of_field(read.algorithms.out_mac),
+              "");
     EXPECT_EQ(read.state, session_established);
     EXPECT_EQ(read.channels[0].state + read.channels[1].state, channel_unused);
     EXPECT_EQ(read.channels[2].id, 3U);
@@ -139,7 +140,7 @@ TEST(reported_facts, do_not_alter_who_is_logged_in_and_how) {
     session_facts reported = facts_of_session(1, "root");
     set_field(reported.host, "192.0.2.1");
     set_field(reported.method, "rsa-pubkey");
-    set_field(reported.kex, "forged");
+    set_field(reported.algorithms.kex, "forged");
     reported.state = session_negotiating;
     reported.channels[3] = {.state = channel_running, .id = 9, .type = connection_shell};
     reported.session_pid = 357;
@@ -147,7 +148,7 @@ TEST(reported_facts, do_not_alter_who_is_logged_in_and_how) {
     EXPECT_STREQ(facts.user, "operator");
     EXPECT_STREQ(facts.host, "10.0.0.7");
     EXPECT_STREQ(facts.method, "password");
-    EXPECT_STREQ(facts.kex, "ecdh-sha2-nistp256") << "the algorithms of the login are the monitor's";
+    EXPECT_STREQ(facts.algorithms.kex, "ecdh-sha2-nistp256") << "the algorithms of the login are the monitor's";
     EXPECT_EQ(facts.state, session_established);
     EXPECT_EQ(facts.pid, 351);
     EXPECT_EQ(facts.channels[3].id, 9U);
@@ -157,11 +158,11 @@ TEST(reported_facts, do_not_alter_who_is_logged_in_and_how) {
 TEST(reported_facts, include_the_algorithms_of_a_rekey) {
     session_facts facts = facts_of_session(351);
     session_facts reported = facts;
-    reported.rekey_count = 1;
-    set_field(reported.kex, "curve25519-sha256");
+    reported.rekey.count = 1;
+    set_field(reported.algorithms.kex, "curve25519-sha256");
     add_reported(facts, reported);
-    EXPECT_STREQ(facts.kex, "curve25519-sha256");
-    EXPECT_EQ(facts.rekey_count, 1U);
+    EXPECT_STREQ(facts.algorithms.kex, "curve25519-sha256");
+    EXPECT_EQ(facts.rekey.count, 1U);
 }
 
 TEST(server_file, is_private_and_of_its_size) {

@@ -95,7 +95,7 @@ TEST_F(recorder_of_a_server, has_two_pages_for_a_users_session) {
     EXPECT_STREQ(monitors.method, "rsa-pubkey");
     EXPECT_EQ(monitors.state, session_established);
     EXPECT_EQ(monitors.pid, getpid());
-    EXPECT_NE(monitors.kex[0], '\0');
+    EXPECT_NE(monitors.algorithms.kex[0], '\0');
     EXPECT_EQ(monitors.channels[0].state, channel_unused);
     const session_facts reported = page_in(own_file(), reported_page);
     EXPECT_NE(reported.channels[0].state, channel_unused);

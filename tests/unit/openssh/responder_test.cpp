@@ -1,5 +1,6 @@
 #include "openssh/sessions/responder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -52,14 +53,15 @@ class session_responder : public testing::Test {
         end_process();
     }
 
-    void begin() {
+    /// This program stands in for ssh if `is_client`.
+    void begin(bool is_client = false) {
         ASSERT_EQ(pipe2(stop_, O_CLOEXEC), 0);
         options_.stop = stop_[0];
         process_info own;
         ASSERT_TRUE(read_process(getpid(), own));
-        table_ = {.server_program = own.program,
-                  .client_program = "/none",
-                  .client_name = "none",
+        table_ = {.server_program = is_client ? "/none" : own.program,
+                  .client_program = is_client ? own.program : "/none",
+                  .client_name = own.name,
                   .page_folder = page_folder_,
                   .numbers = {.folder = number_folder_}};
         table_.processes.read = [](pid_t pid, process_info& process) {
@@ -87,6 +89,25 @@ class session_responder : public testing::Test {
         ASSERT_TRUE(read_process(process_, process));
         facts_ = facts_of_session(process_);
         facts_.start_time = process.start_time;
+    }
+
+    void fork_client() {
+        int ready[2];
+        ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        process_ = fork();
+        if (process_ == 0) {
+            session_page* page = nullptr;
+            if (make_client_page(page) == 0) {
+                write_page(*page, facts_of_session(getpid()));
+            }
+            close(ready[1]);
+            pause();
+            _exit(0);
+        }
+        close(ready[1]);
+        char byte = 0;
+        EXPECT_EQ(read(ready[0], &byte, 1), 0);
+        close(ready[0]);
     }
 
     void make_pages() { ASSERT_EQ(make_server_pages(page_folder_.c_str(), facts_, session_pages_), 0); }
@@ -187,12 +208,25 @@ TEST_F(session_responder, answers_with_one_snapshot) {
     EXPECT_EQ(answer.channel_id[1], 5U) << "what is known now";
 }
 
+/// Whoever asks a server expects 2320 bytes, so that no process can pass an outgoing session off as an incoming one.
+TEST_F(session_responder, the_last_byte_of_an_outgoing_session_is_left_out) {
+    end();
+    begin(true);
+    wait_until([this] { return exists(options_.totals_socket); });
+    fork_client();
+    EXPECT_EQ(totals(), "0 1");
+    session_snapshot answer = {};
+    EXPECT_EQ(ask({0, 1, 0}, &answer), 2319);
+    EXPECT_EQ(text_of_field(answer.user_id), "operator");
+    EXPECT_EQ(text_of_field(answer.kex_algorithm), "ecdh-sha2-nistp256");
+}
+
 TEST_F(session_responder, a_session_whose_process_alters_its_page_keeps_its_user) {
     start_process();
     session_facts forged = facts_;
     set_field(forged.user, "root");
-    set_field(forged.kex, "forged");
-    std::memset(forged.in_cipher, 'x', sizeof(forged.in_cipher));
+    set_field(forged.algorithms.kex, "forged");
+    std::memset(forged.algorithms.in_cipher, 'x', sizeof(forged.algorithms.in_cipher));
     forged.session_pid = 1;
     write_page(*session_pages_.reported, forged);
     session_snapshot answer = {};

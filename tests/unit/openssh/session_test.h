@@ -141,7 +141,7 @@ inline openssh::session_facts facts_of_session(pid_t pid, const char* user = "op
     openssh::set_field(facts.user, user);
     openssh::set_field(facts.host, "10.0.0.7");
     openssh::set_field(facts.method, "password");
-    openssh::set_field(facts.kex, "ecdh-sha2-nistp256");
+    openssh::set_field(facts.algorithms.kex, "ecdh-sha2-nistp256");
     return facts;
 }
 

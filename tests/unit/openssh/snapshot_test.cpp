@@ -15,10 +15,10 @@ constexpr byte_counters nothing_sent = {.sent = 0, .received = 0, .known = 1};
 
 session_facts with_limits(uint64_t bytes, uint32_t seconds) {
     session_facts facts;
-    facts.rekey_bytes = bytes;
-    facts.rekey_seconds = seconds;
-    facts.keyed_at = 100;
-    facts.at_keying = {.sent = 1000, .received = 2000, .known = 1};
+    facts.rekey.bytes = bytes;
+    facts.rekey.seconds = seconds;
+    facts.rekey.keyed_at = 100;
+    facts.rekey.at_keying = {.sent = 1000, .received = 2000, .known = 1};
     return facts;
 }
 
@@ -67,7 +67,7 @@ TEST(session_snapshot, counts_down_the_volume_of_the_busier_direction) {
 TEST(session_snapshot, a_volume_that_is_not_counted_is_unknown) {
     session_facts facts = with_limits(10000, 60);
     EXPECT_EQ(make_snapshot(facts, 0, {}).data_to_rekey, SESSION_DATA_UNKNOWN);
-    facts.at_keying = {};
+    facts.rekey.at_keying = {};
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, SESSION_DATA_UNKNOWN);
 }
 
@@ -77,19 +77,19 @@ TEST(session_snapshot, a_volume_beyond_the_field_is_known) {
 
 TEST(session_snapshot, uses_the_ciphers_limit_if_no_volume_is_set) {
     session_facts facts = with_limits(0, 0);
-    facts.blocks_limit = 1000;
-    set_field(facts.out_cipher, "aes128-ctr");
+    facts.rekey.blocks_limit = 1000;
+    set_field(facts.algorithms.out_cipher, "aes128-ctr");
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 16000U);
-    set_field(facts.out_cipher, "chacha20-poly1305@openssh.com");
+    set_field(facts.algorithms.out_cipher, "chacha20-poly1305@openssh.com");
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, 8000U);
-    facts.blocks_limit = UINT64_MAX;
+    facts.rekey.blocks_limit = UINT64_MAX;
     EXPECT_EQ(make_snapshot(facts, 0, nothing_sent).data_to_rekey, UINT32_MAX - 1);
 }
 
 TEST(session_snapshot, terminates_every_text) {
     session_facts facts;
     std::memset(facts.user, 'x', sizeof(facts.user));
-    std::memset(facts.kex, 'x', sizeof(facts.kex));
+    std::memset(facts.algorithms.kex, 'x', sizeof(facts.algorithms.kex));
     const session_snapshot answer = make_snapshot(facts, 0, {});
     EXPECT_EQ(text_of_field(answer.user_id).size(), sizeof(answer.user_id) - 1);
     EXPECT_EQ(text_of_field(answer.kex_algorithm).size(), sizeof(answer.kex_algorithm) - 1);
