@@ -1,5 +1,5 @@
 /// Interposes the C library functions that sshd and ssh log with. Lines forced out for the facts they contain are
-/// recorded and suppressed; all others are passed through.
+/// recorded and suppressed; all others are passed through. Also notices the end of the process.
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -116,6 +116,10 @@ __attribute__((constructor)) void begin() {
     }
 }
 
+__attribute__((destructor)) void end() {
+    openssh::end_server_record();
+}
+
 }  // namespace
 
 extern "C" {
@@ -155,6 +159,13 @@ ssize_t write(int descriptor, const void* bytes, size_t count) {
         write_plain(descriptor, bare, length);
     }
     return static_cast<ssize_t>(count);
+}
+
+/// sshd ends with exit() when its child has ended the session, but with _exit() when the connection is lost.
+void _exit(int status) {
+    openssh::end_server_record();
+    syscall(SYS_exit_group, status);
+    __builtin_unreachable();
 }
 
 #pragma GCC visibility pop

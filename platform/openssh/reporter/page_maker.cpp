@@ -50,15 +50,20 @@ int open_nameless(const char* folder) {
     return file;
 }
 
+/// Returns 0 or an errno value.
+int write_path(char (&path)[PATH_MAX], const char* folder, const session_facts& facts) {
+    const int length = snprintf(path, sizeof(path), "%s/%d.%llu", folder, facts.pid,
+                                static_cast<unsigned long long>(facts.start_time));
+    return length >= 0 && static_cast<size_t>(length) < sizeof(path) ? 0 : ENAMETOOLONG;
+}
+
 /// Gives the file its name. An existing file with this name was left by an earlier process with the same pid and start
 /// time, before the last boot, as can happen in a container.
 int publish(int file, const char* folder, const session_facts& facts) {
     char path[PATH_MAX];
     char source[64];
-    const int length = snprintf(path, sizeof(path), "%s/%d.%llu", folder, facts.pid,
-                                static_cast<unsigned long long>(facts.start_time));
-    if (length < 0 || static_cast<size_t>(length) >= sizeof(path)) {
-        return ENAMETOOLONG;
+    if (const int error = write_path(path, folder, facts); error != 0) {
+        return error;
     }
     snprintf(source, sizeof(source), "/proc/self/fd/%d", file);
     int result = linkat(AT_FDCWD, source, AT_FDCWD, path, AT_SYMLINK_FOLLOW);
@@ -118,6 +123,13 @@ int make_server_pages(const char* folder, const session_facts& facts, server_pag
     const int error = make_pages(file, folder, facts, pages);
     close(file);
     return error;
+}
+
+void remove_server_file(const char* folder, const session_facts& facts) noexcept {
+    char path[PATH_MAX];
+    if (write_path(path, folder, facts) == 0) {
+        unlink(path);
+    }
 }
 
 int make_client_page(session_page*& page) noexcept {

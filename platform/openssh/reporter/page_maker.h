@@ -18,6 +18,9 @@ struct server_pages {
 /// a page cannot fail. Returns 0, or an errno value if there are no pages.
 int make_server_pages(const char* folder, const session_facts& facts, server_pages& pages) noexcept;
 
+/// Removes a server's file; its pages remain usable.
+void remove_server_file(const char* folder, const session_facts& facts) noexcept;
+
 /// Creates a client's page, which children of this process share. Returns 0 or an errno value.
 int make_client_page(session_page*& page) noexcept;
 

@@ -121,6 +121,12 @@ int record_server_line(const log_line& line) noexcept {
     return result;
 }
 
+void end_server_record() noexcept {
+    if (own_pages.monitors != nullptr && getpid() == own_facts.pid) {
+        remove_server_file(session_file_folder, own_facts);
+    }
+}
+
 int record_client_line(const log_line& line) noexcept {
     const int error = errno;
     const int result = follow_client_line(line);

@@ -14,7 +14,12 @@ namespace openssh {
 /// Preserves errno.
 int record_server_line(const log_line& line) noexcept;
 
-/// The same for a line of ssh, whose page is created when the first fact is known.
+/// Removes the session's file if the calling process is its monitor, which is about to end. The responder removes the
+/// files that killed processes leave behind; without this, those of all sessions would fill the file system while it is
+/// down.
+void end_server_record() noexcept;
+
+/// The same as record_server_line() for a line of ssh, whose page is created when the first fact is known.
 int record_client_line(const log_line& line) noexcept;
 
 }  // namespace openssh

@@ -109,6 +109,15 @@ TEST_F(server_page_files, replace_what_an_earlier_process_left_under_the_name) {
     EXPECT_STREQ(facts_in(file(), monitors_page).user, "operator");
 }
 
+TEST_F(server_page_files, are_removed_alone) {
+    folder_.write("351.3511", "another");
+    ASSERT_EQ(make(), 0);
+    remove_server_file(folder_.path().c_str(), facts_);
+    EXPECT_FALSE(std::filesystem::exists(file()));
+    EXPECT_EQ(files_in(folder_.path()), 1U);
+    write_page(*pages_.monitors, facts_);
+}
+
 TEST_F(server_page_files, have_a_folder_made_for_them) {
     const std::string folder = folder_.file("sessions");
     ASSERT_EQ(make_server_pages(folder.c_str(), facts_, pages_), 0);

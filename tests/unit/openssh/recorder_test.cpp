@@ -129,6 +129,18 @@ TEST_F(recorder_of_a_server, leaves_nothing_of_a_connection_without_a_login) {
     EXPECT_FALSE(exists(own_file()));
 }
 
+TEST_F(recorder_of_a_server, removes_its_file_at_the_end_of_the_monitor_alone) {
+    end_server_record();
+    record("server_key_terminal_sftp");
+    in_child(0, [] {
+        end_server_record();
+        return true;
+    });
+    EXPECT_TRUE(exists(own_file())) << "the end of a child";
+    end_server_record();
+    EXPECT_FALSE(exists(own_file()));
+}
+
 TEST_F(recorder_of_a_server, says_once_that_a_session_cannot_be_recorded) {
     std::ofstream(session_file_folder) << "not a folder";
     int failures = 0;
