@@ -34,6 +34,12 @@ def start(vrf, *command, **options):
     return subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
+def are_none_shown(*trees):
+    """Whether there are no sessions, not even such that do not answer, in these trees of operational data."""
+    answers = [router.ctl("show", f"/oper/crypto-ssh/{tree}/brief", check=False) for tree in trees]
+    return all(answer.returncode == 4 and answer.stderr.endswith(": no sessions\n") for answer in answers)
+
+
 def wrappers():
     """The process ids from which the agent finds sessions."""
     listing = f"ps -ef | grep '{WRAPPER}' | grep -v 'grep' | awk '{{print $2}}'"

@@ -11,6 +11,7 @@ import sys
 
 import pytest
 import router
+import sessions
 
 RESPONDER = "ssh_session_responder.service"
 SHOW = "/oper/crypto-ssh/"
@@ -38,8 +39,7 @@ def roomy(server):
 def nothing_left():
     yield
     router.run("systemctl", "start", RESPONDER)
-    router.wait_until(lambda: not show("gl/sshddata/brief") and not show("client/brief"), seconds=60,
-                      what="no session is left")
+    router.wait_until(lambda: sessions.are_none_shown("gl/sshddata", "client"), seconds=60, what="no session is left")
 
 
 def answer_of(path):
@@ -109,21 +109,29 @@ def responder_stopped():
 
 
 def test_a_hundred_sessions_that_began_while_the_responder_was_stopped_are_complete(roomy):
-    with contextlib.ExitStack() as sessions:
+    with contextlib.ExitStack() as stack:
         with responder_stopped():
             for _ in range(10):
-                sessions.enter_context(logins(10))
+                stack.enter_context(logins(10))
         assert_in_use(assert_complete(100))
 
 
 def test_clients_that_went_to_the_background_while_the_responder_was_stopped_are_complete(roomy):
     with responder_stopped():
-        for _ in range(20):
+        for _ in range(100):
             subprocess.run(in_red(CLIENT, *HOST_KEYS, "-f", "-N", "operator@127.0.0.1"), env=ASKED, check=True,
                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=60)
-    router.wait_until(lambda: len([one for one in show("client/brief") if one["State"] == 2]) == 20, seconds=60)
-    for brief in assert_complete(20, "client", ("password", "key-intr")):
+    router.wait_until(lambda: len([one for one in show("client/brief") if one["State"] == 2]) == 100, seconds=60)
+    for brief in assert_complete(100, "client", ("password", "key-intr")):
         os.kill(brief["SessionPID"], signal.SIGTERM)
+
+
+def test_sessions_that_end_while_the_responder_is_stopped_leave_no_files(roomy):
+    """Otherwise a user who logs in again and again would fill /run."""
+    with responder_stopped():
+        with logins(5):
+            assert len(os.listdir(PAGES)) == 5
+        router.wait_until(lambda: not os.listdir(PAGES))
 
 
 def test_a_responder_that_hangs_is_noticed_and_restarted(roomy):
@@ -216,9 +224,9 @@ def test_a_flood_loses_nothing_of_others(roomy):
     flood = subprocess.Popen(line, stdout=subprocess.PIPE, env={**ASKED, "HOME": "/home/operator"}, process_group=0)
     try:
         assert flood.stdout.readline() == b"flooding\n"
-        with contextlib.ExitStack() as sessions:
+        with contextlib.ExitStack() as stack:
             for _ in range(5):
-                sessions.enter_context(logins(10))
+                stack.enter_context(logins(10))
             assert_in_use(assert_complete(50))
             assert flood.poll() is None, flood.stdout.read()
     finally:

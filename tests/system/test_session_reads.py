@@ -1,18 +1,24 @@
 """Operational reads of live sessions, compared with the reports of the other end."""
 
+import contextlib
 import json
 import os
 import pathlib
 import re
 import signal
+import socket
+import struct
 import subprocess
 import tempfile
+import threading
 
 import pytest
 import router
+import sessions
 
 SHOW = "/oper/crypto-ssh/"
 RESPONDER = "ssh_session_responder.service"
+TOTALS = pathlib.Path("/run/ssh_cfg_agent/session_totals.sock")
 PAGES = pathlib.Path("/run/ssh_cfg_agent/sessions")
 NUMBERS = pathlib.Path("/run/ssh_cfg_agent/session_numbers")
 # The operator's password in a node.
@@ -87,9 +93,9 @@ def askpass():
 
 @pytest.fixture(autouse=True)
 def no_session_before_and_after():
-    router.wait_until(lambda: not show("gl/sshddata/brief"), what="no session is left of the test before")
+    router.wait_until(lambda: sessions.are_none_shown("gl/sshddata"), what="no session is left of the test before")
     yield
-    router.wait_until(lambda: not show("gl/sshddata/brief") and not show("client/brief"), what="no session is left")
+    router.wait_until(lambda: sessions.are_none_shown("gl/sshddata", "client"), what="no session is left")
 
 
 def negotiated(login):
@@ -501,6 +507,38 @@ def test_the_agents_restart_changes_nothing(server):
         router.restart_agent()
         assert show("gl/sshddata/brief") == before
         assert algorithms(show("gl/sshddata/detail")[0]) == negotiated(login)
+
+
+@contextlib.contextmanager
+def reported_totals(*totals):
+    """Numbers of incoming sessions that a responder reports, one after the other."""
+    router.run("systemctl", "stop", RESPONDER)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as listener:
+        TOTALS.unlink(missing_ok=True)
+        listener.bind(str(TOTALS))
+        listener.listen()
+
+        def report():
+            for incoming in totals:
+                with listener.accept()[0] as peer:
+                    peer.send(struct.pack("=II", incoming, 0))
+
+        reporter = threading.Thread(target=report, daemon=True)
+        reporter.start()
+        try:
+            yield
+            reporter.join()
+        finally:
+            TOTALS.unlink()
+            router.run("systemctl", "start", RESPONDER)
+
+
+@pytest.mark.parametrize("before, after, said", [
+    (0, 0, "no sessions"), (2, 2, "2 sessions did not answer"),
+    (3, 1, "1 session did not answer"), (1, 3, "1 session did not answer"), (1, 0, "no sessions")])
+def test_sessions_that_begin_or_end_during_the_read_are_not_missing(before, after, said):
+    with reported_totals(before, after):
+        assert router.ctl("show", SHOW + "gl/sshddata/brief", check=False).stderr.endswith(f": {said}\n")
 
 
 def test_a_client_with_its_own_configuration_file_works_and_reports_nothing(server):

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <vector>
 
 #include "common/text.h"
@@ -96,9 +97,25 @@ control_json show(const std::string& path) {
     return shown;
 }
 
+/// A session that began or ended between the two is in neither direction's number.
+session_totals common_totals(const session_totals& before, const session_totals& after) {
+    return {.incoming = std::min(before.incoming, after.incoming),
+            .outgoing = std::min(before.outgoing, after.outgoing)};
+}
+
 /// An object, or null if the totals are unknown.
 control_json totals_to_json(const std::optional<session_totals>& totals) {
     return totals ? control_json{{"incoming", totals->incoming}, {"outgoing", totals->outgoing}} : control_json();
+}
+
+/// The totals are those of the sessions that existed both before and after the read, because one that ended meanwhile is
+/// not missing from the records.
+control_json show_sessions(const std::string& path) {
+    const std::optional<session_totals> before = control_ask_session_totals();
+    control_json answer = show(path);
+    const std::optional<session_totals> after = before ? control_ask_session_totals() : std::nullopt;
+    answer["sessions"] = totals_to_json(after ? common_totals(*before, *after) : before);
+    return answer;
 }
 
 }  // namespace
@@ -108,12 +125,5 @@ control_json control_call_show(const control_json& request, const control_peer& 
     if (path == nullptr) {
         return control_wrong_member("path", "a string");
     }
-    if (control_find_session_tree(*path) == nullptr) {
-        return show(*path);
-    }
-    // Only sessions that answer have records; only the totals show whether any are missing.
-    const std::optional<session_totals> totals = control_ask_session_totals();
-    control_json answer = show(*path);
-    answer["sessions"] = totals_to_json(totals);
-    return answer;
+    return control_find_session_tree(*path) == nullptr ? show(*path) : show_sessions(*path);
 }

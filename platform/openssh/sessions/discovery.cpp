@@ -59,9 +59,13 @@ bool has_connection(const session_table& table, pid_t pid) {
     return is_connected;
 }
 
+/// A user's session has a monitor, "norvosshd: USER [priv]". Root's has none: "norvosshd: root@pts/0".
 bool is_server_session(const session_table& table, const candidate& one, const std::set<pid_t>& at_login) {
-    return one.process.program == table.server_program && one.process.is_roots &&
-           ends_with_mark(one.process, "[priv]") && at_login.count(one.pid) == 0;
+    const std::string& name = one.process.name;
+    const bool has_user =
+        ends_with_mark(one.process, "[priv]") || (name.find('@') != std::string::npos && !name.ends_with(']'));
+    return one.process.program == table.server_program && one.process.is_roots && has_user &&
+           at_login.count(one.pid) == 0;
 }
 
 /// A client that shares another process's connection is not a session of its own.

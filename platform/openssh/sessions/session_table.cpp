@@ -6,67 +6,60 @@
 
 #include <algorithm>
 
+#include "common/file_descriptor.h"
+
 namespace openssh {
 
 namespace {
 
-/// Closes a descriptor at the end of its scope.
-class open_file {
-  public:
-    explicit open_file(int descriptor) : descriptor_(descriptor) {}
-    ~open_file() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
-    open_file(const open_file&) = delete;
-    open_file& operator=(const open_file&) = delete;
-
-    int get() const { return descriptor_; }
-    int release() {
-        const int descriptor = descriptor_;
-        descriptor_ = -1;
-        return descriptor;
-    }
-
-  private:
-    int descriptor_;
-};
-
-/// Follows no symbolic link and does not block, whatever the file is. Only regular files are read later.
+/// Follows no symbolic link and does not block, whatever the file is. Returns -1 if it is not a server's file.
 int open_server_file(const session_table& table, const session_process& owner) {
     const std::string path = table.page_folder + "/" + session_name(owner);
-    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    file_descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    return file.get() >= 0 && is_server_file(file.get()) ? file.release() : -1;
 }
 
-bool read_server_pages(int file, const session_process& owner, session_facts& facts) {
-    session_facts known;
-    if (!is_server_file(file) || !read_page(file, monitors_page, known) || known.pid != owner.pid ||
-        known.start_time != owner.start_time) {
+/// Returns false if the monitor's page is just being written, or has another layout.
+bool read_server_pages(int file, session_facts& facts) {
+    session_facts reported;
+    if (!read_page(file, monitors_page, facts)) {
         return false;
     }
-    session_facts reported;
     if (read_page(file, reported_page, reported)) {
-        add_reported(known, reported);
+        add_reported(facts, reported);
     }
-    facts = known;
     return true;
 }
 
+bool belong_to(const session_facts& facts, const session_process& owner) {
+    return facts.pid == owner.pid && facts.start_time == owner.start_time;
+}
+
+enum class page_reading {
+    none,
+    unreadable,  ///< is just being written, or has another layout
+    done,
+};
+
 /// Reads the client's page from whichever descriptor refers to it.
-bool read_client_page(const session_table& table, int process, session_facts& facts) {
+page_reading read_client_page(const session_table& table, int process, session_facts& facts) {
+    page_reading result = page_reading::none;
     for (int number = first_page_descriptor; number < first_page_descriptor + page_descriptors; ++number) {
-        const open_file file(table.processes.copy_descriptor(process, number));
-        if (file.get() >= 0 && is_client_file(file.get()) && read_page(file.get(), 0, facts)) {
-            return true;
+        const file_descriptor file(table.processes.copy_descriptor(process, number));
+        if (file.get() < 0 || !is_client_file(file.get())) {
+            continue;
         }
+        if (read_page(file.get(), 0, facts)) {
+            return page_reading::done;
+        }
+        result = page_reading::unreadable;
     }
-    return false;
+    return result;
 }
 
 /// Reading the process again after opening the descriptor ensures that both refer to the same process.
 int open_same_process(const session_table& table, pid_t pid, uint64_t start_time) {
-    open_file descriptor(table.processes.open(pid));
+    file_descriptor descriptor(table.processes.open(pid));
     process_info process;
     if (descriptor.get() < 0 || !table.processes.read(pid, process) || process.start_time != start_time) {
         return -1;
@@ -74,8 +67,10 @@ int open_same_process(const session_table& table, pid_t pid, uint64_t start_time
     return descriptor.release();
 }
 
-bool is_roots_server(const session_table& table, const process_info& process) {
-    return process.is_roots && process.program == table.server_program;
+bool is_running_server(const session_table& table, const session_process& owner) {
+    process_info process;
+    return table.processes.read(owner.pid, process) && process.start_time == owner.start_time && process.is_roots &&
+           process.program == table.server_program;
 }
 
 size_t sessions_of(const session_table& table, uid_t user) {
@@ -127,20 +122,18 @@ void keep_own_facts(session_facts& facts, const session_facts& before) {
 
 found_file take_server_file(session_table& table, const std::string& name) {
     session_process owner;
-    session_facts facts;
-    process_info process;
     if (!parse_session_name(name, owner)) {
         return found_file::invalid;
     }
-    const open_file file(open_server_file(table, owner));
-    if (file.get() < 0 || !read_server_pages(file.get(), owner, facts) || !table.processes.read(owner.pid, process) ||
-        process.start_time != owner.start_time || !is_roots_server(table, process)) {
+    const file_descriptor file(open_server_file(table, owner));
+    if (file.get() < 0 || !is_running_server(table, owner)) {
         return found_file::invalid;
     }
-    if (table.sessions.size() >= most_sessions) {
+    session_facts facts;
+    if (table.sessions.size() >= most_sessions || !read_server_pages(file.get(), facts)) {
         return found_file::left_out;
     }
-    const int descriptor = open_same_process(table, owner.pid, owner.start_time);
+    const int descriptor = belong_to(facts, owner) ? open_same_process(table, owner.pid, owner.start_time) : -1;
     if (descriptor < 0) {
         return found_file::invalid;
     }
@@ -163,9 +156,10 @@ bool take_client(session_table& table, pid_t pid, const process_info& process) {
     if (is_too_many || !is_client(table, process)) {
         return false;
     }
-    open_file descriptor(open_same_process(table, pid, process.start_time));
+    file_descriptor descriptor(open_same_process(table, pid, process.start_time));
     session_facts facts;
-    if (descriptor.get() < 0 || !read_client_page(table, descriptor.get(), facts) || facts.pid != pid) {
+    if (descriptor.get() < 0 || read_client_page(table, descriptor.get(), facts) != page_reading::done ||
+        facts.pid != pid) {
         return false;
     }
     facts.start_time = process.start_time;
@@ -182,13 +176,13 @@ const session_facts& current_facts(const session_table& table, session_entry& se
     bool is_read = false;
     if (before.kind == session_kind::incoming) {
         const session_process owner = {.pid = before.pid, .start_time = before.start_time};
-        const open_file file(open_server_file(table, owner));
-        is_read = file.get() >= 0 && read_server_pages(file.get(), owner, facts);
+        const file_descriptor file(open_server_file(table, owner));
+        is_read = file.get() >= 0 && read_server_pages(file.get(), facts) && belong_to(facts, owner);
         if (is_read && facts.session_pid != before.session_pid) {
             facts.session_pid = checked_session_process(table, facts);
         }
     } else {
-        is_read = read_client_page(table, session.process, facts) && facts.pid == before.pid;
+        is_read = read_client_page(table, session.process, facts) == page_reading::done && facts.pid == before.pid;
         facts.session_pid = before.pid;
     }
     if (is_read) {
@@ -200,7 +194,8 @@ const session_facts& current_facts(const session_table& table, session_entry& se
 
 bool still_has_page(const session_table& table, const session_entry& session) {
     session_facts facts;
-    return read_client_page(table, session.process, facts) && facts.pid == session.facts.pid;
+    const page_reading reading = read_client_page(table, session.process, facts);
+    return reading == page_reading::unreadable || (reading == page_reading::done && facts.pid == session.facts.pid);
 }
 
 std::string number_key(const session_facts& facts) {

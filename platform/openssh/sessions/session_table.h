@@ -47,7 +47,7 @@ constexpr size_t most_sessions_of_user = 64;
 
 enum class found_file {
     taken,     ///< its session has been added to the table
-    left_out,  ///< there is no room for its session
+    left_out,  ///< kept for the next look: there is no room for its session, or its page is being written
     invalid,   ///< it has no session: its process is gone, or its creator is not trusted
 };
 

@@ -93,10 +93,10 @@ TEST_F(session_discovery, counts_sessions_whether_or_not_they_have_pages) {
 }
 
 TEST_F(session_discovery, counts_no_processes_that_are_no_sessions) {
-    start_process(351, server_program, 1, 0, "norvosshd: /pkg/libexec/norvosshd -D [listener]");
+    start_process(351, server_program, 1, 0, "norvosshd: /pkg/libexec/norvosshd -f sshd_config_a@b -D [listener]");
     start_process(352, server_program, 351);
     start_process(353, server_program, 352, 0, "norvosshd: operator [net]");
-    start_process(354, server_program, 352, 0, "norvosshd: operator@pts/0");
+    start_process(354, server_program, 352, 0, "norvosshd: operator@pts/0").info.is_roots = false;
     start_process(355, "/usr/bin/python3", 1, 0, "sshd: root [priv]");
     start_process(356, server_program).info.is_roots = false;
     start_process(540, client_program, 1, 0, client_name);
@@ -104,6 +104,12 @@ TEST_F(session_discovery, counts_no_processes_that_are_no_sessions) {
     EXPECT_EQ(totals(), "0 0") << "a listener, a login, a user's programs, a window, another ssh";
     end_process(353);
     EXPECT_EQ(totals(), "1 0") << "the login has become a session";
+}
+
+TEST_F(session_discovery, counts_roots_sessions_which_have_no_monitor) {
+    start_process(351, server_program, 1, 0, "norvosshd: root@pts/0");
+    start_process(352, server_program, 1, 0, "norvosshd: root@notty");
+    EXPECT_EQ(totals(), "2 0");
 }
 
 TEST_F(session_discovery, finds_sessions_that_continue_elsewhere) {

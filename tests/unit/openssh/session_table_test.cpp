@@ -10,6 +10,12 @@ using namespace openssh_test;
 
 namespace {
 
+/// A page in the middle of a change.
+std::string changing(std::string page) {
+    page[offsetof(session_page, sequence)] |= 1;
+    return page;
+}
+
 class session_table_of_a_server : public testing::Test {
   protected:
     void SetUp() override {
@@ -43,10 +49,12 @@ class session_table_of_clients : public session_table_of_a_server {
         return read_simulated(pid, process) && take_client(table_, pid, process);
     }
 
-    void change_page(pid_t pid, const session_facts& facts) {
+    void change_page(pid_t pid, const std::string& page) {
         close(processes()[pid].page);
-        processes()[pid].page = make_client_file(page_of(facts));
+        processes()[pid].page = make_client_file(page);
     }
+
+    void change_page(pid_t pid, const session_facts& facts) { change_page(pid, page_of(facts)); }
 };
 
 }  // namespace
@@ -112,6 +120,18 @@ TEST_F(session_table_of_a_server, files_of_others_are_invalid) {
     processes()[351].info.start_time = 9999;
     EXPECT_EQ(take(), found_file::invalid) << "the process id has been reused";
     EXPECT_TRUE(table_.sessions.empty());
+}
+
+TEST_F(session_table_of_a_server, a_file_that_is_being_written_is_left_for_the_next_look) {
+    const std::string page = page_of(facts_of_session(351));
+    folder_.write("pages/351.3510", changing(page) + std::string(session_page_size, '\0'));
+    EXPECT_EQ(take(), found_file::left_out);
+    folder_.write("pages/351.3510", page + changing(page));
+    EXPECT_EQ(take(), found_file::taken) << "without what the session reports";
+    folder_.write("pages/351.3510", changing(page) + std::string(session_page_size, '\0'));
+    EXPECT_STREQ(facts().user, "operator") << "as last read";
+    end_process(351);
+    EXPECT_EQ(take(), found_file::invalid) << "its process ended while writing";
 }
 
 TEST_F(session_table_of_a_server, links_and_readable_files_are_invalid) {
@@ -193,6 +213,17 @@ TEST_F(session_table_of_clients, a_page_that_is_not_sealed_is_not_read) {
     EXPECT_FALSE(take_process(539));
     process.page = -1;
     EXPECT_FALSE(take_process(539)) << "no page";
+}
+
+TEST_F(session_table_of_clients, a_page_that_is_being_written_still_has_its_session) {
+    start_client(539);
+    change_page(539, changing(page_of(facts_of_session(539))));
+    EXPECT_FALSE(take_process(539)) << "not before the next look";
+    change_page(539, facts_of_session(539));
+    ASSERT_TRUE(take_process(539));
+    change_page(539, changing(page_of(facts_of_session(539, "other"))));
+    EXPECT_TRUE(still_has_page(table_, table_.sessions.at(539)));
+    EXPECT_STREQ(facts(539).user, "operator") << "as last read";
 }
 
 TEST_F(session_table_of_clients, a_session_continues_in_a_child) {
