@@ -2,18 +2,20 @@
 
 BUILD ?= build
 BUILD_SANITIZE ?= build-asan
+BUILD_MUTANTS ?= build-mutants
 JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
 # Numbers of VRFs that `make bench` measures commits with.
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench lint install clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants lint install clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
 	@echo 'make test     build, run every test: unit and fuzz corpus under sanitizers, node, system'
 	@echo 'make bench    figures beside the floor of the same run'
+	@echo 'make mutants  mutation test of src/; FILES=src/acl for some files, SAMPLE=N for some mutants'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
 	@echo 'make install  install the built system into /, or below DESTDIR'
@@ -62,11 +64,18 @@ bench: dependencies
 	$(call build_folder,$(BUILD),,$(product) benchmarks)
 	@bench/run --build $(BUILD) --vrfs $(VRFS)
 
+# Continues where the last run ended. MOST_TESTS=100 limits the tests per mutant to the nearest ones, which is faster, but
+# reports some survivors too many. WAIT_WHILE names a file: while it exists, the run pauses.
+mutants: dependencies
+	@nice -n 19 tools/mutants/run --work $(BUILD_MUTANTS) --jobs $(JOBS) --document docs/proof.md \
+		$(if $(FILES),--files $(FILES)) $(if $(SAMPLE),--sample $(SAMPLE)) \
+		$(if $(MOST_TESTS),--most-tests $(MOST_TESTS)) $(if $(WAIT_WHILE),--wait-while $(WAIT_WHILE))
+
 install: build
 	cmake --install $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(BUILD_SANITIZE)
+	rm -rf $(BUILD) $(BUILD_SANITIZE) $(BUILD_MUTANTS)
 
 # The files to check are those that git tracks or would add.
 sources = $(sort $(shell git ls-files -co --exclude-standard -- $(1)))

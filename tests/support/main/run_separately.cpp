@@ -118,7 +118,12 @@ std::optional<int> run_separately() {
     }
     const std::vector<std::string> names = of_this_shard(selected_tests());
     std::vector<std::string> failed;
+    size_t count = 0;
     for (const std::string& name : names) {
+        if (testing::GTEST_FLAG(fail_fast) && !failed.empty()) {
+            break;
+        }
+        count++;
         printf("[ RUN      ] %s\n", name.c_str());
         const child_run result = split();
         if (result.is_child) {
@@ -132,5 +137,5 @@ std::optional<int> run_separately() {
         }
         printf("%s %s\n", passed(result) ? "[       OK ]" : "[  FAILED  ]", name.c_str());
     }
-    return report(names.size(), failed);
+    return report(count, failed);
 }
