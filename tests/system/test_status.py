@@ -1,5 +1,6 @@
 """`ssh_cfg_ctl status` shows the real state: namespaces, units, listening ports, files, rules, blocks and failures."""
 
+import json
 import shutil
 import time
 
@@ -111,6 +112,40 @@ def test_a_missing_namespace():
     assert problems() == ["VRF red: its namespace vrf-red does not exist, so it can have no server"]
     assert "missing" in table_line()
     assert check() == 1
+
+
+def vrf_list():
+    """The lines of `vrf list` by VRF: namespace, ssh, netconf, waiting."""
+    lines = [line.split() for line in router.run("ssh_cfg_ctl", "vrf", "list").stdout.splitlines()[1:]]
+    as_json = {vrf["name"]: vrf["waiting"] for vrf in router.ctl("vrf", "list")}
+    assert list(as_json) == [line[0] for line in lines]
+    return {line[0]: (*line[2:5], as_json[line[0]]) for line in lines}
+
+
+def test_services_wait_for_a_missing_namespace(vrf):
+    items = {"sshd/vrf/red": router.OPEN, "sshd/vrf-netconf/red": router.OPEN}
+    paths = [router.SERVER + path for path in items]
+    checked = router.run("ssh_cfg_ctl", "load", "--check", "-", input=json.dumps(dict.fromkeys(paths, router.OPEN)))
+    for path in paths:
+        assert f"{path}: would be stored, waits for namespace vrf-red" in checked.stderr
+    for path in paths:
+        answer = router.run("ssh_cfg_ctl", "set", path, json.dumps(router.OPEN))
+        assert f"{path}: stored, waits for namespace vrf-red" in answer.stderr
+    assert vrf_list()["red"] == ("no", "no", "no", ["ssh", "netconf"])
+    router.restart_agent()
+    assert vrf_list()["red"] == ("no", "no", "no", ["ssh", "netconf"])
+
+    vrf("red")
+    router.wait_for_server("red", 830)
+    assert vrf_list()["red"] == ("yes", "yes", "yes", [])
+    assert router.run("ssh_cfg_ctl", "set", paths[0], json.dumps(router.OPEN)).stderr == ""
+    router.delete_item("sshd/vrf-netconf/red")
+    assert vrf_list()["red"] == ("yes", "yes", "no", [])
+
+    router.delete_namespace("red")
+    router.wait_until(lambda: vrf_list()["red"] == ("no", "no", "no", ["ssh"]), what="the service waits again")
+    router.delete_item("sshd/vrf/red")
+    assert vrf_list().get("red", (..., ..., ..., []))[3] == []
 
 
 def test_a_list_that_does_not_exist(server):

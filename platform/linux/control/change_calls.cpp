@@ -8,6 +8,9 @@
 #include "linux/control/calls_internal.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/status/machine_status.h"
+#include "linux/vrf/namespace_watch.h"
+#include "linux/vrf/vrf_table_internal.h"
 
 namespace {
 
@@ -78,6 +81,24 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
     return entries;
 }
 
+const char* stored_word(bool check_only) {
+    return check_only ? "would be stored" : "stored";
+}
+
+/// A warning for each service whose VRF has no namespace yet.
+std::vector<std::string> waiting_warnings(const datastore_commit_result& result, bool check_only) {
+    std::vector<std::string> warnings;
+    for (const datastore_item_outcome& item : result.items) {
+        const std::string vrf_name = item.value.has_value() ? vrf_of_service_item(item.path) : std::string();
+        const std::string name = namespace_name_prefix + vrf_name;
+        if (!vrf_name.empty() && !namespace_is_attached(name)) {
+            warnings.push_back(text_format("%s: %s, waits for namespace %s", item.path.c_str(), stored_word(check_only),
+                                           name.c_str()));
+        }
+    }
+    return warnings;
+}
+
 /// A warning for each value that has no effect on this machine.
 std::vector<std::string> effect_warnings(const datastore_commit_result& result, bool check_only) {
     std::vector<std::string> warnings;
@@ -90,7 +111,7 @@ std::vector<std::string> effect_warnings(const datastore_commit_result& result, 
         const std::string reason = schema_not_carried_out(*row, value);
         if (!reason.empty()) {
             warnings.push_back(text_format("%s: %s, not carried out on this machine: %s", item.path.c_str(),
-                                           check_only ? "would be stored" : "stored", reason.c_str()));
+                                           stored_word(check_only), reason.c_str()));
         }
     }
     return warnings;
@@ -147,6 +168,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
         answer["check"] = call.check_only;
         answer["items"] = items_of(result);
         control_add_warnings(answer, acl_commit_warnings(result.items));
+        control_add_warnings(answer, waiting_warnings(result, call.check_only));
         control_add_warnings(answer, effect_warnings(result, call.check_only));
         if (result.rehearsal.has_value()) {
             add_rehearsal(answer, *result.rehearsal, call.check_only);

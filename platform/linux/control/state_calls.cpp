@@ -4,7 +4,9 @@
 #include <cerrno>
 #include <map>
 #include <optional>
+#include <set>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/text.h"
@@ -12,6 +14,7 @@
 #include "linux/control/calls_internal.h"
 #include "linux/reporting/debug_internal.h"
 #include "linux/reporting/trace_internal.h"
+#include "linux/status/machine_status.h"
 #include "linux/vrf/mpp_internal.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
@@ -22,14 +25,33 @@ namespace {
 struct vrf_state {
     std::optional<uint32_t> id;  ///< nothing if the VRF has no number yet
     bool has_namespace = false;
+    std::set<uint32_t> configured;  ///< services
     mpp_vrf_status protection = {};
 };
 
+/// The configured services that have no namespace yet.
+control_json waiting_services(const vrf_state& vrf) {
+    control_json waiting = control_json::array();
+    for (const uint32_t service : vrf.configured) {
+        if (!vrf.has_namespace) {
+            waiting.push_back(service_word(service));
+        }
+    }
+    return waiting;
+}
+
 platform_status collect_vrfs(std::map<std::string, vrf_state>& vrfs) {
     std::vector<vrf_table_entry> entries;
-    const platform_status status = vrf_table_list(entries);
+    configured_services configured;
+    platform_status status = vrf_table_list(entries);
+    if (status == PLATFORM_OK) {
+        status = configured_services_read(configured);
+    }
     if (status != PLATFORM_OK) {
         return status;
+    }
+    for (auto& [name, services] : configured) {
+        vrfs[name].configured = std::move(services);
     }
     for (const vrf_table_entry& entry : entries) {
         vrfs[entry.name].id = entry.id;
@@ -49,8 +71,9 @@ control_json vrfs_json(const std::map<std::string, vrf_state>& vrfs) {
         list.push_back({{"name", name},
                         {"id", vrf.id ? control_json(*vrf.id) : control_json()},
                         {"namespace", vrf.has_namespace},
-                        {"ssh", vrf.protection.ssh},
-                        {"netconf", vrf.protection.netconf},
+                        {"ssh", vrf.has_namespace && vrf.protection.ssh},
+                        {"netconf", vrf.has_namespace && vrf.protection.netconf},
+                        {"waiting", waiting_services(vrf)},
                         {"blocked", vrf.protection.blocked},
                         {"closed", vrf.protection.closed}});
     }
@@ -134,8 +157,8 @@ control_json control_call_vrf_list(const control_json& /*request*/, const contro
     std::map<std::string, vrf_state> vrfs;
     const platform_status status = collect_vrfs(vrfs);
     if (status != PLATFORM_OK) {
-        return control_answer(control_result::failed, text_format("cannot read the VRF table: %s (0x%x)",
-                                                                  platform_status_text(status), status));
+        return control_answer(control_result::failed,
+                              text_format("cannot read the VRFs: %s (0x%x)", platform_status_text(status), status));
     }
     return control_data_answer(vrfs_json(vrfs));
 }

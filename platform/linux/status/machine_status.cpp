@@ -29,6 +29,28 @@ constexpr service_row services[] = {
     {MPP_SERVICE_NETCONF, "netconf", 830, "vrf-netconf/"},
 };
 
+/// An item that configures a service: the VRF's name and the service. The name is empty for other items.
+struct service_item {
+    std::string vrf_name = {};
+    const service_row* service = nullptr;
+};
+
+service_item service_item_of(std::string_view path) {
+    if (!path.starts_with(servers)) {
+        return {};
+    }
+    const std::string_view item = path.substr(sizeof servers - 1);
+    if (item == "v2") {
+        return {vrf_default_name, &services[0]};
+    }
+    for (const service_row& row : services) {
+        if (item.starts_with(row.items)) {
+            return {std::string(item.substr(row.items.size())), &row};
+        }
+    }
+    return {};
+}
+
 struct family_row {
     uint32_t family;
     const char* word;
@@ -54,28 +76,24 @@ std::string list_name(const datastore_value& value, size_t field) {
     return name != nullptr ? *name : std::string();
 }
 
-void take_item(vrf_map& vrfs, std::string_view item, const datastore_value& value) {
-    if (item == "v2") {
-        vrf_named(vrfs, vrf_default_name).services.insert(MPP_SERVICE_SSH);
+void take_item(vrf_map& vrfs, const std::string& path, const datastore_value& value) {
+    const service_item item = service_item_of(path);
+    if (item.vrf_name.empty()) {
+        return;
     }
-    for (const service_row& row : services) {
-        if (!item.starts_with(row.items)) {
-            continue;
-        }
-        vrf_status& vrf = vrf_named(vrfs, std::string(item.substr(row.items.size())));
-        vrf.services.insert(row.service);
-        for (const family_row& family : families) {
-            const std::string name = list_name(value, family.field);
-            if (!name.empty()) {
-                vrf.lists.push_back({row.service, family.family, name, list_state::unknown});
-            }
+    vrf_status& vrf = vrf_named(vrfs, item.vrf_name);
+    vrf.services.insert(item.service->service);
+    for (const family_row& family : families) {
+        const std::string name = list_name(value, family.field);
+        if (!name.empty()) {
+            vrf.lists.push_back({item.service->service, family.family, name, list_state::unknown});
         }
     }
 }
 
 platform_status take_configuration(vrf_map& vrfs) {
     return datastore_visit(servers, [&vrfs](const std::string& path, const datastore_value& value) {
-        take_item(vrfs, std::string_view(path).substr(sizeof servers - 1), value);
+        take_item(vrfs, path, value);
         return true;
     });
 }
@@ -249,6 +267,20 @@ platform_status machine_status_collect(machine_status& machine) {
     machine.ports = look_at_ports(machine.vrfs);
     machine.rules = look_at_lists(machine.vrfs);
     return PLATFORM_OK;
+}
+
+platform_status configured_services_read(configured_services& configured) {
+    return datastore_visit(servers, [&configured](const std::string& path, const datastore_value&) {
+        const service_item item = service_item_of(path);
+        if (!item.vrf_name.empty()) {
+            configured[item.vrf_name].insert(item.service->service);
+        }
+        return true;
+    });
+}
+
+std::string vrf_of_service_item(std::string_view path) {
+    return service_item_of(path).vrf_name;
 }
 
 uint16_t service_port(uint32_t service) {

@@ -3,9 +3,11 @@
 #define LINUX_STATUS_MACHINE_STATUS_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/launch_record.h"
@@ -57,6 +59,13 @@ struct machine_status {
 /// Examines everything. Takes at most a few seconds, whatever hangs. Returns an error only if the configuration or the
 /// VRF table cannot be read. Throws std::bad_alloc.
 platform_status machine_status_collect(machine_status& machine);
+
+/// The services configured for each VRF, by the VRF's name.
+using configured_services = std::map<std::string, std::set<uint32_t>, std::less<>>;
+platform_status configured_services_read(configured_services& configured);
+
+/// The VRF that an item configures a service for; empty if the item is not of that kind.
+std::string vrf_of_service_item(std::string_view path);
 
 /// The TCP port of a service.
 uint16_t service_port(uint32_t service);

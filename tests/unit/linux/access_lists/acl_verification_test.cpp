@@ -184,7 +184,7 @@ TEST_F(acl_verification_test, items_cause_warnings_about_the_entries_of_their_li
     const control_json answer = ask(R"({"call":"load","items":{"@sshd/vrf/blue":[null,"ops","ops"],)"
                                     R"("@sshd/vrf-netconf/blue":[null,"ops","ops"],"@cmn/timeout":45}})");
     EXPECT_EQ(
-        answer.value("warnings", std::vector<std::string>()),
+        control_test::list_warnings(answer),
         std::vector<std::string>{"IPv4 access list ops: sequences 10, 20, 30, 40, 50 and 2 more never match: their "
                                  "destination port is compared with 22 for SSH in VRF blue and with 830 for NETCONF "
                                  "in VRF blue"});

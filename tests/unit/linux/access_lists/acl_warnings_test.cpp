@@ -23,7 +23,7 @@ class acl_warnings_test : public control_test::calls_test {
     std::vector<std::string> warnings(const std::string& request) {
         const control_json answer = ask(request);
         EXPECT_EQ(answer.value("result", ""), "done") << control_json_text(answer);
-        return answer.value("warnings", std::vector<std::string>());
+        return control_test::list_warnings(answer);
     }
 
     std::vector<std::string> bind(const std::string& item, const std::string& lists) {

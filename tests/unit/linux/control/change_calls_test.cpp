@@ -69,6 +69,16 @@ TEST_F(control_change_calls_test, set_accepts_bare_words) {
         R"("/cfg/gl/crypto/ssh/server/sshd/vrf/blue":[null,"v4",null]})");
 }
 
+TEST_F(control_change_calls_test, a_service_without_a_namespace_is_stored_and_waits) {
+    const std::string item = R"("@sshd/vrf-netconf/nowhere":[null,null,null])";
+    const std::string path = "/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/nowhere";
+    EXPECT_EQ(control_json_text(ask(R"({"call":"load","check":true,"items":{)" + item + "}}")["warnings"]),
+              "[\"" + path + ": would be stored, waits for namespace vrf-nowhere\"]");
+    EXPECT_EQ(control_json_text(ask(R"({"call":"load","items":{)" + item + "}}")["warnings"]),
+              "[\"" + path + ": stored, waits for namespace vrf-nowhere\"]");
+    EXPECT_FALSE(ask(R"({"call":"delete","path":"@sshd/vrf-netconf/nowhere"})").contains("warnings"));
+}
+
 TEST_F(control_change_calls_test, an_equal_value_changes_nothing) {
     ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     take_calls();

@@ -24,11 +24,23 @@ TEST_F(control_state_calls_test, vrfs_are_listed_with_the_state_of_every_service
         if (vrf["name"] == "green") {
             found = true;
             EXPECT_EQ(control_json_text(vrf), R"({"name":"green","id":)" + std::to_string(id) +
-                                                  R"(,"namespace":false,"ssh":false,"netconf":false,"blocked":false,)" +
-                                                  R"("closed":[]})");
+                                                  R"(,"namespace":false,"ssh":false,"netconf":false,"waiting":[],)" +
+                                                  R"("blocked":false,"closed":[]})");
         }
     }
     EXPECT_TRUE(found);
+}
+
+TEST_F(control_state_calls_test, a_service_without_a_namespace_waits) {
+    ASSERT_EQ(
+        result(
+            R"({"call":"set","path":"/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/nowhere","value":[null,null,null]})"),
+        "done");
+    for (const control_json& vrf : ask(R"({"call":"vrf_list"})")["data"]) {
+        EXPECT_EQ(control_json_text(vrf["waiting"]), vrf["name"] == "nowhere" ? R"(["netconf"])" : "[]");
+        EXPECT_EQ(vrf["ssh"], false);
+        EXPECT_EQ(vrf["netconf"], false);
+    }
 }
 
 TEST_F(control_state_calls_test, status_describes_the_process) {
