@@ -76,19 +76,12 @@ void warn_of_missing_netconf(const launcher_paths& paths, const translation& res
 /// Queries ssh's algorithms, translates, and reports the remarks.
 file_failure translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
                                   translation& result) {
-    known_algorithms known;
-    std::string error = query_algorithms(paths.ssh, paths.state_directory + "/~algorithms", known);
+    file_translator translator(paths);
+    const std::string error = translator.prepare();
     if (!error.empty()) {
         return {error};
     }
-    const bool has_keys_program = access(paths.user_keys_program.c_str(), X_OK) == 0;
-    result = translate({.text = text,
-                        .source_name = to.server_file,
-                        .known = &known,
-                        .key_is_usable = is_readable_file,
-                        .user_keys_program = has_keys_program ? paths.user_keys_program : std::string_view(),
-                        .verbose_places = session_reporter_of(paths).empty() ? "" : server_verbose_places,
-                        .sessions_are_wrapped = missing_wrapper_part(paths).empty()});
+    result = translator.translate_file(text, to.server_file);
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
@@ -212,6 +205,21 @@ launch_status read_server_file(const launcher_paths& paths, const launch_options
 }
 
 }  // namespace
+
+std::string file_translator::prepare() {
+    return query_algorithms(paths_.ssh, paths_.state_directory + "/~algorithms", known_);
+}
+
+translation file_translator::translate_file(std::string_view text, std::string_view name) const {
+    const bool has_keys_program = access(paths_.user_keys_program.c_str(), X_OK) == 0;
+    return translate({.text = text,
+                      .source_name = name,
+                      .known = &known_,
+                      .key_is_usable = is_readable_file,
+                      .user_keys_program = has_keys_program ? paths_.user_keys_program : std::string_view(),
+                      .verbose_places = session_reporter_of(paths_).empty() ? "" : server_verbose_places,
+                      .sessions_are_wrapped = missing_wrapper_part(paths_).empty()});
+}
 
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
                              launch& prepared) {

@@ -3,6 +3,7 @@
 #define OPENSSH_LAUNCH_H
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/launch_record.h"
@@ -10,6 +11,7 @@
 #include "openssh/paths.h"
 #include "openssh/report.h"
 #include "openssh/server_limits.h"
+#include "openssh/translate.h"
 
 namespace openssh {
 
@@ -22,6 +24,23 @@ enum launch_status {
     launch_no_state = 5,         ///< a required directory cannot be created
     launch_exec_failed = 6,      ///< sshd could not be executed
     launch_limits_left = 7,      ///< after a server's end: its limit of new connections could not be removed
+    launch_not_compared = 8,     ///< the running servers could not be compared with their files
+};
+
+/// Translates server files for this machine: for its ssh, its host keys and its installed programs.
+class file_translator {
+  public:
+    explicit file_translator(const launcher_paths& paths) : paths_(paths) {}
+
+    /// Queries ssh's algorithms. Returns the error; empty on success.
+    std::string prepare();
+
+    /// Translates the text of a server file, which the first line of the result names.
+    translation translate_file(std::string_view text, std::string_view name) const;
+
+  private:
+    const launcher_paths& paths_;
+    known_algorithms known_;
 };
 
 /// The file and the limits that the server runs with.

@@ -19,6 +19,11 @@ bool is_file_name(std::string_view text) {
 }
 
 std::string check_complete(const launch_options& options, bool has_vrf_id) {
+    if (options.compare) {
+        const bool is_alone =
+            options.file.empty() && !has_vrf_id && !options.print_only && options.ended_namespace.empty();
+        return is_alone ? "" : "option -c is used alone";
+    }
     if (!options.ended_namespace.empty()) {
         return options.file.empty() && !has_vrf_id && !options.print_only ? "" : "option -e is used alone";
     }
@@ -39,11 +44,13 @@ std::string check_complete(const launch_options& options, bool has_vrf_id) {
 std::string parse_options(int count, char* const* arguments, launch_options& options) {
     bool has_vrf_id = false;
     optind = 0;
-    for (int option = 0; (option = getopt(count, arguments, "+:f:v:te:")) != -1;) {
+    for (int option = 0; (option = getopt(count, arguments, "+:f:v:te:c")) != -1;) {
         if (option == 'f') {
             options.file = optarg;
         } else if (option == 't') {
             options.print_only = true;
+        } else if (option == 'c') {
+            options.compare = true;
         } else if (option == 'e') {
             if (!is_file_name(optarg)) {
                 return text_format("\"%s\" is not the name of a network namespace", shown(optarg).c_str());

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "openssh/comparison.h"
 #include "openssh/launch.h"
 #include "openssh/limits.h"
 #include "openssh/preload.h"
@@ -30,6 +31,16 @@ namespace {
     openssh::report(to, openssh::severity::error,
                     text_format("cannot execute %s: %s", arguments[0], std::strerror(error)));
     std::exit(openssh::launch_exec_failed);
+}
+
+int compare(const openssh::launcher_paths& paths, const openssh::reporter& to) {
+    std::string lines;
+    const std::string failure = openssh::compare_running_servers(paths, lines);
+    if (!failure.empty()) {
+        openssh::report(to, openssh::severity::error, "the running servers cannot be compared: " + failure);
+    }
+    std::fputs(lines.c_str(), stdout);
+    return failure.empty() ? openssh::launch_ready : openssh::launch_not_compared;
 }
 
 }  // namespace
@@ -57,6 +68,9 @@ int main(int count, char** arguments) {
             openssh::report(to, openssh::severity::error, "the limit of new connections is still there: " + failure);
         }
         return failure.empty() ? openssh::launch_ready : openssh::launch_limits_left;
+    }
+    if (options.compare) {
+        return compare(paths, to);
     }
     if (options.print_only) {
         std::string translated;

@@ -19,8 +19,8 @@ namespace {
 /// Runs all comparisons: files before the servers that read them. Returns the number of remaining differences, or -1.
 int compare_everything(comparison& run) {
     compare_host_files(run);
-    // A VRF's file is made from the default file.
-    if (compare_default_file(run)) {
+    // A VRF's file is made from the default file, so it cannot be repaired without it.
+    if (compare_default_file(run) || !run.repair) {
         compare_vrf_files(run);
     }
     compare_client_file(run);

@@ -209,6 +209,91 @@ def test_a_server_in_another_namespace_is_named(server, vrf, started_by):
     assert not router.port_answers("blue")
 
 
+def test_a_server_with_options_of_its_own_is_named(server, sshd_script):
+    """Whoever replaces sshd's program is seen in the process, not in the launcher's record."""
+    server("red")
+    end = sshd_script('[ "$1" != -D ] || set -- "$@" -o MaxAuthTries=99')
+    router.run("systemctl", "restart", router.server_unit("red"))
+    router.wait_for_server("red")
+    end()
+    expect_repaired(f"server red: runs with other options than its unit's: -D -f {TRANSLATED} -o MaxAuthTries=99")
+
+
+@pytest.fixture
+def missing():
+    """Moves a file away: missing("/pkg/rsa"), until the returned function is called."""
+    moved = []
+
+    def move(path):
+        moved.append(router.pathlib.Path(path).rename(f"{path}.away"))
+        return end
+
+    def end():
+        while moved:
+            away = moved.pop()
+            away.rename(str(away).removesuffix(".away"))
+
+    yield move
+    end()
+
+
+def test_settings_that_the_server_would_be_started_with_now_are_named(server, missing):
+    """The server file and its copy are right, but the launcher translated them without a key and a program."""
+    for name in ("red", "blue"):
+        server(name)
+    missing("/pkg/rsa")
+    end = missing("/usr/libexec/ssh_cfg_agent/authorized_keys")
+    router.run("systemctl", "restart", router.server_unit("red"))
+    router.wait_for_server("red")
+    assert verify().returncode == 1, "blue has what is now missing"
+    end()
+    expect_repaired(
+        "server red: was started with other settings than it would be now: "
+        "authorizedkeyscommand, authorizedkeyscommanduser, hostkey"
+    )
+    assert "hostkey /pkg/rsa" in in_force("red")
+
+
+def test_changes_of_the_launchers_record_are_named(server):
+    server("red")
+    record = router.pathlib.Path(f"{TRANSLATED}~launch")
+    other = record.with_name("other")
+
+    def replace(key, value):
+        lines = record.read_text().splitlines()
+        assert any(line.startswith(f"{key} ") for line in lines)
+        record.write_text("".join(f"{key} {value}\n" if line.startswith(f"{key} ") else line + "\n" for line in lines))
+
+    replace("process", "1")
+    expect_repaired("server red: was not started by its unit's own command")
+    replace("in_use", "none")
+    expect_repaired("server red: was not started by its unit's own command")
+    shutil.copyfile(TRANSLATED, other)
+    replace("config", other)
+    expect_repaired(f"server red: runs with other options than its unit's: -D -f {TRANSLATED}")
+    replace("config_stamp", "1 2 3.4")
+    expect_repaired(f"server red: runs with {TRANSLATED}, which was changed after it was started")
+    source = record.with_name(f"{record.name.removesuffix('launch')}source")
+    source.write_text(source.read_text().replace("UsePAM yes", "UsePAM no"))
+    expect_repaired("server red: was started with other settings than it would be now: usepam")
+    record.unlink()
+    expect_repaired("server red: was not started by its unit's own command")
+    other.unlink()
+
+
+def test_the_same_edit_of_all_files_is_named(server):
+    """The servers still have in force what is configured, and only a repair touches them."""
+    server("red")
+    before = router.main_pid(router.server_unit("red"))
+    files = [router.FILES / "sshd_config", router.server_file("red")]
+    for file in files:
+        file.write_text(file.read_text().replace("UsePAM yes", "UsePAM no"))
+    verify()
+    assert router.main_pid(router.server_unit("red")) == before
+    expect_repaired(*[f"file {file}: differs in UsePAM" for file in files])
+    assert "usepam yes" in in_force("red")
+
+
 def test_a_killed_server_is_named(server, started_by):
     server("red")
     started_by("Restart=no")

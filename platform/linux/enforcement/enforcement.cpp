@@ -10,6 +10,7 @@
 
 #include "linux/enforcement/enforcement_internal.h"
 #include "linux/enforcement/server_files.h"
+#include "linux/enforcement/server_settings.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
@@ -201,9 +202,14 @@ bool enforcement_can_compare() {
 
 namespace {
 
-/// Adds the findings of the platform itself: whether the servers run with their current files.
+/// Adds the findings of the platform itself: whether the servers run with their current files, and whether their settings
+/// could be compared.
 void add_server_files(bool repair, reported_differences& reported, int& remaining) {
-    for (server_file_difference& difference : server_file_differences()) {
+    std::vector<server_file_difference> differences = server_file_differences();
+    if (const std::string failure = server_settings_failure(); !failure.empty()) {
+        differences.push_back({"server settings", failure});
+    }
+    for (server_file_difference& difference : differences) {
         if (repair) {
             enforcement_failed(difference.subject.c_str(), difference.text.c_str());
         }
@@ -220,6 +226,7 @@ enforcement_comparison enforcement_reconcile(bool repair, bool on_request) {
         return comparison;
     }
     reported_differences reported;
+    server_settings_forget();
     const uint64_t run = ++state.runs;
     state.run = run;
     // First, because the agent's repair also makes some of what they would find.

@@ -51,6 +51,14 @@ TEST(launcher_options, accepts_the_namespace_of_a_server_that_has_ended) {
     }
 }
 
+TEST(launcher_options, accepts_the_comparison_of_the_running_servers) {
+    launch_options options;
+    EXPECT_EQ(parse({"-c"}, options), "");
+    EXPECT_TRUE(options.compare);
+    EXPECT_EQ(complaint({"-c", "-f", "/a"}), "option -c is used alone");
+    EXPECT_EQ(complaint({"-e", "vrf-red", "-c"}), "option -c is used alone");
+}
+
 TEST(launcher_options, reports_what_is_missing) {
     EXPECT_EQ(complaint({}), "missing option -f FILE");
     EXPECT_EQ(complaint({"-v", "1"}), "missing option -f FILE");

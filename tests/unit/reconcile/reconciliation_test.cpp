@@ -282,6 +282,15 @@ TEST_F(reconciliation_test, files_of_vrfs) {
         {restart_of("red"), restart_of("blue")});
 }
 
+TEST_F(reconciliation_test, the_default_file_and_a_file_of_a_vrf) {
+    start();
+    for (const std::string& file : {std::string(paths::server_file), file_of("red")}) {
+        replace_line(file, "UsePAM yes", "UsePAM no");
+    }
+    expect_repaired({of_file(paths::server_file, "differs in UsePAM"), of_file(file_of("red"), "differs in UsePAM")},
+                    {restart_of("red")});
+}
+
 TEST_F(reconciliation_test, ports_and_subsystem_of_a_vrf) {
     fake_platform::store(vrf_item("red", "vrf-netconf"));
     start();

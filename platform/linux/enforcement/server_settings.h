@@ -1,0 +1,19 @@
+/// The settings of the running servers, compared by the launcher with those they would be started with now.
+#ifndef LINUX_ENFORCEMENT_SERVER_SETTINGS_H
+#define LINUX_ENFORCEMENT_SERVER_SETTINGS_H
+
+#include <string>
+#include <string_view>
+
+/// The names of the settings in which the VRF's running server differs, separated by commas; empty if there are none or
+/// nothing is known. The first call asks the launcher about all servers, which takes milliseconds and at most ten seconds.
+/// Throws std::bad_alloc.
+std::string server_settings_difference(std::string_view vrf_name);
+
+/// Why the launcher did not answer; empty if it did or was not asked.
+std::string server_settings_failure();
+
+/// Makes the next call ask again.
+void server_settings_forget();
+
+#endif

@@ -1,0 +1,153 @@
+#include "openssh/comparison.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "common/launch_record.h"
+#include "common/text.h"
+#include "openssh/launch.h"
+#include "openssh/run_programs.h"
+#include "openssh/state_files.h"
+#include "openssh/text.h"
+
+namespace openssh {
+
+namespace {
+
+constexpr std::chrono::seconds settings_limit{5};
+constexpr std::string_view record_suffix = "~launch";
+
+/// Lines in any order; those that occur several times count.
+using text_lines = std::multiset<std::string, std::less<>>;
+
+text_lines lines_of(std::string_view text) {
+    text_lines lines;
+    for (const std::string_view line : split(text, "\n")) {
+        if (!line.starts_with('#')) {
+            lines.emplace(line);
+        }
+    }
+    return lines;
+}
+
+/// The lines that only one of the texts has.
+text_lines lines_of_one(const text_lines& left, const text_lines& right) {
+    text_lines difference;
+    std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(),
+                                  std::inserter(difference, difference.end()));
+    return difference;
+}
+
+std::string first_words(const text_lines& lines) {
+    std::set<std::string> words;
+    for (const std::string& line : lines) {
+        words.insert(line.substr(0, line.find(' ')));
+    }
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : ", ") + word;
+    }
+    return text;
+}
+
+/// The settings in which two files differ. If sshd cannot read one of them, the keywords of the lines that differ.
+std::string differing_settings(const launcher_paths& paths, const std::string& used, const std::string& candidate,
+                               const text_lines& differing_lines) {
+    const std::vector<program_result> answers =
+        run_programs({{paths.sshd, "-T", "-f", used}, {paths.sshd, "-T", "-f", candidate}}, settings_limit);
+    if (answers[0].status != 0 || answers[1].status != 0) {
+        return first_words(differing_lines);
+    }
+    return first_words(lines_of_one(lines_of(answers[0].output), lines_of(answers[1].output)));
+}
+
+/// The records of the servers that run with the translation of their current file, by the names of the translated files.
+std::map<std::string, launch_record> running_servers(const std::string& state_directory) {
+    std::map<std::string, launch_record> servers;
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(state_directory.c_str()), closedir);
+    while (const dirent* entry = directory != nullptr ? readdir(directory.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        std::string text;
+        launch_record record;
+        if (name.ends_with(record_suffix) && read_file(state_directory + "/" + entry->d_name, text).empty() &&
+            launch_record_parse(text, record) && record.in_use == launch_file::current && record.process > 0 &&
+            (kill(record.process, 0) == 0 || errno == EPERM)) {
+            servers.emplace(name.substr(0, name.size() - record_suffix.size()), std::move(record));
+        }
+    }
+    return servers;
+}
+
+class server_comparer {
+  public:
+    server_comparer(const launcher_paths& paths, const file_translator& translator)
+        : paths_(paths), translator_(translator) {}
+
+    /// The settings in which a server differs; empty if there are none.
+    std::string compare(const std::string& name, const launch_record& record) {
+        const std::string used = paths_.state_directory + "/" + name;
+        std::string text_used;
+        std::string source;
+        if (!read_file(used, text_used).empty() ||
+            (!read_file(launch_source_path(used), source).empty() && !read_file(record.server_file, source).empty())) {
+            return {};
+        }
+        const std::string text = translator_.translate_file(source, record.server_file).text;
+        const text_lines difference = lines_of_one(lines_of(text_used), lines_of(text));
+        return difference.empty() ? "" : settings_of(used, text, difference);
+    }
+
+  private:
+    /// Servers that differ in the same lines differ in the same settings.
+    const std::string& settings_of(const std::string& used, const std::string& text, const text_lines& difference) {
+        const auto [found, is_new] = settings_.try_emplace(difference);
+        if (is_new) {
+            const std::string candidate = text_format("%s~compared.%d", used.c_str(), static_cast<int>(getpid()));
+            found->second = write_new_file(candidate, text).empty()
+                                ? differing_settings(paths_, used, candidate, difference)
+                                : first_words(difference);
+            unlink(candidate.c_str());
+        }
+        return found->second;
+    }
+
+    const launcher_paths& paths_;
+    const file_translator& translator_;
+    std::map<text_lines, std::string> settings_;
+};
+
+}  // namespace
+
+std::string compare_running_servers(const launcher_paths& paths, std::string& lines) {
+    lines.clear();
+    const std::map<std::string, launch_record> servers = running_servers(paths.state_directory);
+    if (servers.empty()) {
+        return {};
+    }
+    file_translator translator(paths);
+    std::string error = translator.prepare();
+    if (!error.empty()) {
+        return error;
+    }
+    server_comparer comparer(paths, translator);
+    for (const auto& [name, record] : servers) {
+        const std::string settings = comparer.compare(name, record);
+        if (!settings.empty()) {
+            lines.append(name).append(" ").append(settings).append("\n");
+        }
+    }
+    return {};
+}
+
+}  // namespace openssh

@@ -1,0 +1,22 @@
+/// Compares what the running servers were started with and what they would be started with now.
+///
+/// The two differ after an upgrade of OpenSSH or of the launcher, or once a host key or a program is installed that was
+/// missing when the server was started.
+#ifndef OPENSSH_COMPARISON_H
+#define OPENSSH_COMPARISON_H
+
+#include <string>
+
+#include "openssh/paths.h"
+
+namespace openssh {
+
+/// Translates again, for each running server, the file that it was started with (or the server file, if no copy was kept) and
+/// stores one line for each server whose settings would be different: the name of its translated file, a blank, and the
+/// settings as `sshd -T` prints their names, separated by commas. Where the texts agree, sshd is not asked. Servers that
+/// run with their last good file are left out. Returns why nothing can be compared; empty on success.
+std::string compare_running_servers(const launcher_paths& paths, std::string& lines);
+
+}  // namespace openssh
+
+#endif
