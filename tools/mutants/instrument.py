@@ -95,7 +95,8 @@ def mutants_of(path, source, usable, base):
         for begin, end, other in point["alternatives"]:
             old, new = difference(source, begin, end, other)
             mutants.append({"id": number, "file": path, "line": source.count("\n", 0, begin) + 1, "kind": point["kind"],
-                            "old": old, "new": new, "at": begin, "of_table": point["variable"] is not None,
+                            "old": old, "new": new, "at": begin, "of_compiler": "mutants::in(" in point["prefix"] + point["suffix"] or
+                            "mutants::constant_text" in point["prefix"],
                             "function": point["function"]})
             number += 1
     if number > base + BLOCK:

@@ -1,5 +1,6 @@
 """Chooses the tests for each mutant and judges it."""
 import collections
+import statistics
 
 FIRST = 6
 GROUP = 60
@@ -13,6 +14,8 @@ def members(bits, names):
 class Judge:
     def __init__(self, program, names, durations, sets, start, mutants, most_tests):
         self.most_tests = most_tests
+        # A few tests take as long as all others together.
+        self.long = 10 * statistics.median(durations.values())
         self.program, self.names, self.durations, self.sets, self.start = program, names, durations, sets, start
         self.kills_in_file = collections.Counter()
         self.kills_near = collections.Counter()
@@ -36,7 +39,8 @@ class Judge:
         stem = path.rsplit("/", 1)[-1].split(".")[0]
 
         def in_order(tests):
-            return sorted(tests, key=lambda name: (-self.kills_near[(self.place(mutant), name)],
+            return sorted(tests, key=lambda name: (self.durations[name] > self.long,
+                                                   -self.kills_near[(self.place(mutant), name)],
                                                    -self.kills_in_file[(path, name)], stem not in name,
                                                    -self.extent[path][name], self.durations[name]))
         if mutant["id"] not in self.start:
@@ -54,7 +58,10 @@ class Judge:
         return verdict, test
 
     def judge(self, mutant):
-        """Returns the verdict (killed, late, survived, unreached) and the test that killed it."""
+        """Returns the verdict (killed, late, survived, unreached, compiled) and the test that killed it.
+
+        What is reached only while the program is compiled cannot be judged.
+        """
         tried = 0
         for tests in self.stages(mutant):
             tests = tests[:self.most_tests - tried] if self.most_tests else tests
@@ -66,4 +73,4 @@ class Judge:
                     self.kills_near[(self.place(mutant), test)] += 1
                     self.kills_in_file[(mutant["file"], test)] += 1
                     return verdict, test
-        return ("survived" if tried else "unreached"), None
+        return ("survived" if tried else "compiled" if mutant["of_compiler"] else "unreached"), None

@@ -400,7 +400,8 @@ class Finder:
             self.add("flag", cursor, scope, [[begin, end, other]], "({is}({id}) != ", ")")
         elif cursor.kind == Kind.INTEGER_LITERAL and text[0].isdigit():
             number = re.match(r"(\d+)(\w*)$", text)
-            other = f"{int(number[1]) + 1}{number[2]}" if number and not text.startswith("0x") and \
+            # A failure's -1 becomes success.
+            other = "0" if text == "1" else f"{int(number[1]) + 1}{number[2]}" if number and not text.startswith("0x") and \
                 (text[0] != "0" or len(number[1]) == 1) else f"{text} + 1"
             self.add("number", cursor, scope, [[begin, end, other]], f"({{is}}({{id}}) ? {other} : ", ")")
         elif cursor.kind == Kind.CHARACTER_LITERAL and text.startswith("'"):

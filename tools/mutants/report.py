@@ -32,9 +32,9 @@ def rows(mutants, results, reasons):
     counts = collections.defaultdict(collections.Counter)
     for mutant in mutants:
         count = counts[folder_of(mutant["file"])]
-        count["mutants"] += 1
         verdict = results.get(mutant["key"], {}).get("verdict")
-        if verdict is None:
+        count["mutants"] += verdict != "compiled"
+        if verdict in (None, "compiled"):
             continue
         count["judged"] += 1
         if verdict in ("killed", "late"):
