@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <set>
 
+#include "../account.h"
+#include "acl/acl_family.h"
 #include "acl_test.h"
 #include "call_faults.h"
 #include "scratch_root.h"
@@ -460,4 +462,106 @@ TEST_F(subscription_test, a_list_truncated_by_a_full_disk_is_not_loaded) {
     EXPECT_EQ(ssh_ipv4_acl_reg_upd(&change), 1);
     EXPECT_TRUE(loads().empty());
     EXPECT_TRUE(fake_platform::logged("ERR_ERRNO", "Error:=No space left on device(0x1c), Failed to apply nft rules"));
+}
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+namespace {
+
+struct family_calls {
+    const acl_family& family;
+    const char* list;
+    int (*configure)(event_manager* manager, vrf_node* node, uint32_t type);
+    void (*remove)(vrf_node* node, uint32_t type);
+    int (*changed)(const acl_change_notice* notice);
+};
+
+const family_calls ipv4_calls = {ipv4_acl_family, "ops", ssh_configure_v4acl, ssh_remove_v4acl_config,
+                                 ssh_ipv4_acl_reg_upd};
+const family_calls ipv6_calls = {ipv6_acl_family, "six", ssh_configure_v6acl, ssh_remove_v6acl_config,
+                                 ssh_ipv6_acl_reg_upd};
+
+class subscription_account_test : public subscription_test {
+  protected:
+    std::string text;
+
+    void note(const std::string& step, int result) {
+        text += "== " + step + ": " + std::to_string(result) + '\n' + account();
+        fake_platform::clear_failures();
+        call_faults::clear();
+        stub_commands::clear_rules();
+    }
+
+    void name_list(const family_calls& calls) {
+        name(red->*calls.family.ssh_name, calls.list);
+        name(blue->*calls.family.netconf_name, calls.list);
+    }
+
+    void fail_each_step(const family_calls& calls) {
+        const uint32_t type = calls.family.ssh_type;
+        for (const char* operation : {"datastore_bind", "datastore_list_get", "datastore_list_fetch",
+                                      "acl_service_get_list", "acl_service_register_callback"}) {
+            fake_platform::fail(operation, EIO);
+            note(std::string("attach without ") + operation, calls.configure(nullptr, red, type));
+        }
+        call_faults::fail_call("_ZnwmRKSt9nothrow_t", ENOMEM, call_faults::once);
+        note("attach without memory", calls.configure(nullptr, red, type));
+        stub_commands::fail("ip netns exec", 1);
+        note("attach without nft", calls.configure(nullptr, red, type));
+        call_faults::fail_call("creat", EROFS);
+        note("attach without a file", calls.configure(nullptr, red, type));
+    }
+
+    void change(const family_calls& calls) {
+        const acl_change_notice present = notice(calls.list, true);
+        const acl_change_notice absent = notice(calls.list, false);
+        note("change", calls.changed(&present));
+        note("removal", calls.changed(&absent));
+        note("no notice", calls.changed(nullptr));
+        fake_platform::fail("datastore_list_fetch", EIO);
+        note("change without an entry", calls.changed(&present));
+        stub_commands::fail("ip netns exec", 1);
+        note("change without nft", calls.changed(&present));
+        stub_commands::fail("ip netns exec", 1);
+        note("removal without nft", calls.changed(&absent));
+        call_faults::fail_call("creat", EROFS);
+        note("change without a file", calls.changed(&present));
+    }
+
+    void go_through(const family_calls& calls) {
+        note("attach", calls.configure(nullptr, red, calls.family.ssh_type));
+        note("attach again", calls.configure(nullptr, red, calls.family.ssh_type));
+        note("attach elsewhere", calls.configure(nullptr, blue, calls.family.netconf_type));
+        change(calls);
+        stub_commands::fail("ip netns exec", 1);
+        calls.remove(blue, calls.family.netconf_type);
+        note("detach without nft", 0);
+        calls.remove(blue, calls.family.netconf_type);
+        name(blue->*calls.family.netconf_name, "");
+        note("detach one", 0);
+        calls.remove(red, calls.family.ssh_type);
+        note("detach the other", 0);
+        calls.remove(red, calls.family.ssh_type);
+        note("detach what is not attached", 0);
+        name_list(calls);
+        fail_each_step(calls);
+    }
+};
+
+}  // namespace
+
+TEST_F(subscription_account_test, ipv4) {
+    set_list("ops", {ipv4_entry(), ipv4_entry(deny)});
+    name_list(ipv4_calls);
+    account();
+    go_through(ipv4_calls);
+    expect_golden("acl/golden/ipv4_account", text);
+}
+
+TEST_F(subscription_account_test, ipv6) {
+    set_ipv6_list("six", {ipv6_entry(), ipv6_entry(deny)});
+    name_list(ipv6_calls);
+    account();
+    go_through(ipv6_calls);
+    expect_golden("acl/golden/ipv6_account", text);
 }

@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "../account.h"
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "core/debug.h"
 #include "core/trace.h"
 #include "scratch_root.h"
@@ -449,5 +451,40 @@ TEST_P(line_editor_fault_test, after_a_kill_at_any_call_the_file_is_the_old_one_
 
 INSTANTIATE_TEST_SUITE_P(edits, line_editor_fault_test, testing::ValuesIn(matrix_cases),
                          [](const auto& instance) { return std::string(instance.param.name); });
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+/// Wrong arguments, and each of the first calls of an edit fails.
+TEST_F(line_editor_test, every_failure_is_accounted_for) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    std::string text;
+    const auto note = [&text](const std::string& step, int result, uint32_t change) {
+        text += "== " + step + ": " + std::to_string(result) + ", change " + std::to_string(change) + '\n' + account();
+    };
+    account();
+    for (const editor each : {edit, edit_multiple}) {
+        uint32_t change = 0;
+        write_file(edited_file, "Port 22\nBanner /a\n");
+        note("no keyword", each(nullptr, 1, "Port 22", &change), change);
+        note("no line", each("Banner", 1, nullptr, &change), change);
+        note("no change variable", each("Banner", 0, nullptr, nullptr), change);
+        note("deletion", each("Banner", 0, nullptr, &change), change);
+        note("addition", each("Banner", 1, "Banner /b", &change), change);
+        note("replacement", each("Banner", 1, "Banner /c", &change), change);
+        for (const char* call :
+             {"fopen", "realloc", "stdio_read", "stdio_write", "fflush", "fclose", "rename", "fstat"}) {
+            for (uint32_t number = 1; number <= 3; number++) {
+                write_file(edited_file, "Port 22\nBanner /a\n");
+                change = 0;
+                call_faults::clear();
+                call_faults::fail_call(call, EIO, call_faults::once, number);
+                const int result = each("Banner", 1, "Banner /b", &change);
+                call_faults::clear();
+                note(std::string(call) + ' ' + std::to_string(number), result, change);
+            }
+        }
+    }
+    expect_golden("config_files/golden/line_editor/account", text);
+}
 
 }  // namespace

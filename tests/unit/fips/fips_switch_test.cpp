@@ -1,5 +1,6 @@
 #include "fips/fips_switch.h"
 
+#include "../account.h"
 #include "../algorithm_test.h"
 #include "call_faults.h"
 #include "config_files/algorithm_names.h"
@@ -308,3 +309,28 @@ TEST_F(fips_switch_test, an_event_that_neither_sets_nor_deletes_is_ignored) {
 }
 
 }  // namespace
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+TEST_F(fips_switch_test, every_step_is_accounted_for) {
+    std::string text;
+    const auto turn = [](bool on) { commit_ok(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item)); };
+    const auto note = [&text](const std::string& step) { text += "== " + step + '\n' + account(); };
+    start();
+    for (const bool on : {true, false}) {
+        turn(on);
+        note(on ? "on" : "off");
+    }
+    for (const bool on : {true, false}) {
+        for (uint32_t call = 1; call <= 6; call++) {
+            turn_fips(!on);
+            account();
+            call_faults::clear();
+            call_faults::fail_call("rename", EROFS, 1, call);
+            turn(on);
+            note(std::string(on ? "on" : "off") + ", rename " + std::to_string(call) + " fails");
+            call_faults::clear();
+        }
+    }
+    expect_golden("fips/golden/account", text);
+}

@@ -1,5 +1,8 @@
 #include "vrf_appliers_test.h"
 
+#include "../account.h"
+#include "call_faults.h"
+
 namespace {
 
 using testing::Contains;
@@ -648,6 +651,78 @@ TEST_F(ssh_vrf_test, a_configured_port_does_not_replace_the_ports_line) {
     server_config.parameters[SERVER_PORT].current = "2222";
     EXPECT_EQ(ssh("red", created), 0);
     EXPECT_EQ(read_file(server_file("red")), std::string(default_file) + "Port 22\n");
+}
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+class vrf_account_test : public vrf_appliers_test {
+  protected:
+    using change_item = platform_status (*)(const char* vrf, uint32_t event, const lists& given);
+    std::string text;
+
+    void note(const std::string& step, platform_status status) {
+        text += "== " + step + ": " + std::to_string(status) + '\n' + account();
+        call_faults::clear();
+        clear_failed_calls();
+    }
+
+    void live(change_item item) {
+        note("created without namespace", item("red", created, {"four", "six"}));
+        note("deleted without namespace", item("red", deleted, {}));
+        add_namespace("red");
+        note("created", item("red", created, {"four", "six"}));
+        note("created again", item("red", created, {"four", "six"}));
+        note("other list", item("red", changed, {"other", "six"}));
+        note("one list", item("red", changed, {nullptr, "six"}));
+        note("no list", item("red", changed, {}));
+        note("deleted", item("red", deleted, {}));
+        note("deleted again", item("red", deleted, {}));
+    }
+
+    void fail_commands(change_item item) {
+        for (const char* command : {"cp", "systemctl daemon-reload", "systemctl restart", "systemctl stop"}) {
+            for (const int error : {EIO, ETIMEDOUT}) {
+                const std::string failing = std::string(" without ") + command + ", " + std::to_string(error);
+                call_faults::answer_command(command, -1, error);
+                note("created" + failing, item("red", created, {"four", "six"}));
+                call_faults::answer_command(command, -1, error);
+                note("changed" + failing, item("red", changed, {"other", nullptr}));
+                call_faults::answer_command(command, -1, error);
+                note("deleted" + failing, item("red", deleted, {}));
+                item("red", deleted, {});
+                forget_vrf_nodes();
+                account();
+            }
+        }
+    }
+
+    void fail_services(change_item item) {
+        for (const char* operation : {"mpp_vrf_set", "mpp_vrf_clear", "mpp_vrf_nft_init", "mpp_vrf_block",
+                                      "mpp_vrf_unblock", "mpp_namespace_created", "vrf_table_lookup"}) {
+            fake_platform::fail(operation, EIO);
+            note(std::string("created without ") + operation, item("red", created, {"four", "six"}));
+            note(std::string("changed without ") + operation, item("red", changed, {"other", nullptr}));
+            note(std::string("deleted without ") + operation, item("red", deleted, {}));
+            fake_platform::clear_failures();
+            item("red", deleted, {});
+            forget_vrf_nodes();
+            account();
+        }
+    }
+};
+
+TEST_F(vrf_account_test, ssh) {
+    live(ssh);
+    fail_commands(ssh);
+    fail_services(ssh);
+    expect_golden("vrf/golden/ssh_account", text);
+}
+
+TEST_F(vrf_account_test, netconf) {
+    live(netconf);
+    fail_commands(netconf);
+    fail_services(netconf);
+    expect_golden("vrf/golden/netconf_account", text);
 }
 
 }  // namespace
