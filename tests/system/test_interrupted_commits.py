@@ -7,6 +7,7 @@ renames or removes a file and before it runs a command.
 
 import difflib
 import json
+import os
 import re
 import time
 
@@ -75,7 +76,18 @@ def in_force(vrf):
     router.wait_for_server(vrf)
     words = router.pathlib.Path(f"/proc/{router.main_pid(router.server_unit(vrf))}/cmdline").read_bytes().decode()
     file = re.search(r"-f[\0 ](\S+?)[\0 ]", words + "\0").group(1)
+    assert_read(vrf, file)
     return sorted(router.in_vrf(vrf, "/usr/sbin/sshd", "-T", "-f", file).stdout.splitlines())
+
+
+def assert_read(vrf, file):
+    """The VRF's server is in its VRF's namespace and has been started with the file as it is now."""
+    pid = router.main_pid(router.server_unit(vrf))
+    assert os.stat(f"/proc/{pid}/ns/net").st_ino == os.stat(f"/run/netns/vrf-{vrf}").st_ino
+    record = dict(line.split(" ", 1) for line in router.pathlib.Path(f"{file}~launch").read_text().splitlines())
+    changed = os.stat(file).st_ctime_ns
+    assert record["process"] == str(pid) and record["in_use"] == "current"
+    assert record["config_stamp"].endswith(f" {changed // 10**9}.{changed % 10**9:09}"), "the file has changed since"
 
 
 def rules(vrf):
@@ -153,3 +165,8 @@ def test_a_change_during_which_the_agent_is_killed_is_in_force_after_its_restart
             assert change_killed(command, text, moment), f"{name}, {moment}"
             assert differences(expected[name], machine()) == [], f"{name}, killed before call {moment}"
             assert not restarts_all or all(start_time(vrf) > begun for vrf in VRFS)
+
+    at_rest = {vrf: router.main_pid(router.server_unit(vrf)) for vrf in running_vrfs()}
+    router.restart_agent()
+    assert {vrf: router.main_pid(router.server_unit(vrf)) for vrf in running_vrfs()} == at_rest
+    assert differences(expected["back"], machine()) == [], "a restart at rest changes nothing"

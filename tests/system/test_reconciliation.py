@@ -84,6 +84,16 @@ def test_a_restart_at_rest_restarts_no_server(servers):
         "cmn/enable/cipher": [1, None],
         "cmn/disable/hmac/hmac_sha1": 1,
         "cmn/trustpoint/host": "host",
+        "cmn/trustpoint/user/other": True,
+        "cmn/certificate/username": [1, None],
+        "cmn/rekey_volume": 2000,
+        "cmn/tcp_window_scale": 3,
+        "cmn/disable/hmac/hmac_sha512": 1,
+        "cmn/algorithms/host-key": [1, 0, 0, 0, 0, 0, 0, 0, 0, 0],
+        "sshd/vrf-netconf/red": [None, "nosuch", None],
+        router.CLIENT + "dscp": 12,
+        router.CLIENT + "rekey_time": 30,
+        router.CLIENT + "algorithms/cipher": ["aes128-ctr"],
         FIPS: 1,
     }
     router.load(history)
