@@ -107,23 +107,34 @@ class Program:
         return ("killed" if status != 0 else "survived"), (current if status != 0 else None), ran
 
 
-def coverage(program, store, points_digest, jobs, wait):
-    """Which tests reach which mutants; only for tests that are new or changed since.
+def still_valid(known, files, tests, start):
+    """The stored entries of tests that have not changed and that reach no file whose mutants have."""
+    changed = {files[path][0] // instrument.BLOCK for path in files if known["files"].get(path) != files[path]}
+    return {name: entry for name, entry in known["tests"].items()
+            if name in tests and entry["version"] == tests[name] and
+            not any(number // instrument.BLOCK in changed for number in entry["reached"] if number not in start)}
+
+
+def coverage(program, store, files, jobs, wait):
+    """Which tests reach which mutants; measured only for tests that are new or changed since. `files` maps each source
+    to its first mutant's number and a digest.
 
     Returns the tests in order, their durations, a bit set of tests for each mutant, and the mutants that the start of
     the program reaches.
     """
     tests = program.tests()
-    known = json.loads(store.read_text()) if store.exists() else {}
-    known = {name: entry for name, entry in known.items()
-             if name in tests and entry["version"] == f"{points_digest} {tests[name]}"}
+    start = set(program.reached("--gtest_list_tests")[0])
+    stored = json.loads(store.read_text()) if store.exists() else {"files": {}, "tests": {}}
+    known = still_valid(stored, files, tests, start)
     missing = [name for name in tests if name not in known]
 
     def measure(name):
         wait()
         numbers, duration, passed = program.reached(f"--gtest_filter={name}")
-        return name, {"version": f"{points_digest} {tests[name]}", "reached": numbers, "duration": duration,
-                      "passed": passed}
+        return name, {"version": tests[name], "reached": numbers, "duration": duration, "passed": passed}
+
+    def save():
+        store.write_text(json.dumps({"files": files, "tests": known}))
 
     if missing:
         print(f"coverage of {len(missing)} tests", flush=True)
@@ -131,8 +142,8 @@ def coverage(program, store, points_digest, jobs, wait):
         for count, (name, entry) in enumerate(pool.map(measure, missing), 1):
             known[name] = entry
             if count % 500 == 0:
-                store.write_text(json.dumps(known))
-    store.write_text(json.dumps(known))
+                save()
+    save()
     failing = [name for name, entry in known.items() if not entry["passed"]]
     if failing:
         print(f"left out, because they fail without a mutant: {', '.join(failing)}", file=sys.stderr)
@@ -141,5 +152,4 @@ def coverage(program, store, points_digest, jobs, wait):
     for index, name in enumerate(names):
         for number in known[name]["reached"]:
             sets[number] = sets.get(number, 0) | 1 << index
-    start = set(program.reached("--gtest_list_tests")[0])
     return names, {name: known[name]["duration"] for name in names}, sets, start
