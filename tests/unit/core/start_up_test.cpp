@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "../account.h"
 #include "call_faults.h"
 #include "command_trail.h"
 #include "core/debug.h"
@@ -32,6 +33,45 @@ TEST_F(start_up_test, takes_its_steps_in_their_order) {
     expect_golden("core/golden/start_up_calls", calls);
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
     EXPECT_EQ(agent_handles.initial_scan_complete, 1u);
+}
+
+/// The calls that create, rename, remove or change files. Which function writes text is the compiler's choice.
+std::vector<std::string> file_operations() {
+    std::vector<std::string> chosen;
+    for (const std::string& call : call_faults::recorded_calls()) {
+        for (const char* operation : {"open(", "creat(", "fopen(", "rename(", "unlink(", "remove(", "mkdir(", "chmod(",
+                                      "fchmod(", "ftruncate(", "shm_open("}) {
+            if (call.starts_with(operation)) {
+                chosen.push_back(call);
+            }
+        }
+    }
+    return chosen;
+}
+
+std::string account_of_a_start(start_up_status (*start)()) {
+    call_faults::clear();
+    call_faults::start_recording();
+    EXPECT_EQ(start(), START_UP_DONE);
+    std::string text;
+    for (const std::string& operation : file_operations()) {
+        text += "file " + operation + '\n';
+    }
+    return text + account();
+}
+
+/// Everything that starts do and report, with their file operations in order.
+TEST_F(start_up_test, every_start_is_accounted_for) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    scratch_root::add_namespace_file("vrf-red");
+    std::string text = "== first start\n" + account_of_a_start(start_agent);
+    store(set_number("/cfg/gl/crypto/ssh/server/cmn/timeout", 45));
+    store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf/red", "%d%S%S", {std::nullopt, "four", "six"}));
+    store(set_tuple("/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/blue", "%d%S%S", {std::nullopt, "four", std::nullopt}));
+    text += "== with stored configuration\n" + account_of_a_start(start_agent);
+    text += "== again\n" + account_of_a_start(start_agent);
+    expect_golden("core/golden/start_up_account", text);
+    forget_vrf_nodes();
 }
 
 uint32_t flag_during_scan;
