@@ -1,5 +1,6 @@
 #include "fips/fips_mode.h"
 
+#include "../account.h"
 #include "../algorithm_test.h"
 
 namespace {
@@ -39,6 +40,7 @@ TEST_F(fips_mode_test, is_unknown_if_the_datastore_cannot_be_bound) {
     fake_platform::fail(fips_binding, EIO);
     EXPECT_EQ(fips_mode_get(), -1);
     EXPECT_TRUE(fake_platform::debugged("Datastore bind to cepki fips cfg failed"));
+    EXPECT_THAT(account(), testing::HasSubstr("trace ssh/cfg-agent/error fips.question, bind, 5\n"));
     EXPECT_EQ(fake_platform::count_calls(fips_question), 0u);
 }
 
@@ -46,6 +48,7 @@ TEST_F(fips_mode_test, is_unknown_if_the_item_cannot_be_read) {
     fake_platform::fail(fips_question, EIO);
     EXPECT_EQ(fips_mode_get(), -1);
     EXPECT_TRUE(fake_platform::debugged("Error:=Input/output error(0x5), Datastore item get failed for fips mode"));
+    EXPECT_THAT(account(), testing::HasSubstr("trace ssh/cfg-agent/error fips.question, get, 5\n"));
     EXPECT_EQ(fake_platform::bindings(), 0u);
 }
 

@@ -308,29 +308,107 @@ TEST_F(fips_switch_test, an_event_that_neither_sets_nor_deletes_is_ignored) {
     EXPECT_EQ(both_files(), before);
 }
 
-}  // namespace
-
 // --- Everything that is asked, run and reported -----------------------------------------------------------------------
 
-TEST_F(fips_switch_test, every_step_is_accounted_for) {
+class fips_account_test : public fips_switch_test {
+  protected:
     std::string text;
-    const auto turn = [](bool on) { commit_ok(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item)); };
-    const auto note = [&text](const std::string& step) { text += "== " + step + '\n' + account(); };
-    start();
-    for (const bool on : {true, false}) {
-        turn(on);
-        note(on ? "on" : "off");
+
+    static std::string texts_of(const algorithm_entry& entry) {
+        const auto shown = [](const char* list) { return std::string(list != nullptr ? list : "none"); };
+        return std::string("list ") + shown(entry.keyword) + " | " + shown(entry.current) + " | " +
+               shown(entry.second_current) + '\n';
     }
-    for (const bool on : {true, false}) {
-        for (uint32_t call = 1; call <= 6; call++) {
-            turn_fips(!on);
-            account();
-            call_faults::clear();
-            call_faults::fail_call("rename", EROFS, 1, call);
-            turn(on);
-            note(std::string(on ? "on" : "off") + ", rename " + std::to_string(call) + " fails");
-            call_faults::clear();
+
+    void note(const std::string& step) {
+        text += "== " + step + '\n' + account();
+        for (const int index : {SERVER_HOST_KEY, SERVER_HOST_KEY_ALGORITHMS, SERVER_CIPHERS, SERVER_KEX_ALGORITHMS}) {
+            text += "server " + texts_of(server_config.algorithms[index]);
         }
+        for (const int index : {CLIENT_HOST_KEY_ALGORITHMS, CLIENT_CIPHERS, CLIENT_KEX_ALGORITHMS}) {
+            text += "client " + texts_of(client_config.algorithms[index]);
+        }
+        call_faults::clear();
+    }
+
+    static void turn(bool on) { commit_ok(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item)); }
+
+    void turn_with_a_fault(bool on, const char* call, int error, uint32_t number) {
+        turn(!on);
+        account();
+        call_faults::clear();
+        call_faults::fail_call(call, error, 1, number);
+        fake_platform::commit(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item));
+        note(std::string(on ? "on, " : "off, ") + call + ' ' + std::to_string(number) + " fails");
+    }
+};
+
+TEST_F(fips_account_test, at_run_time) {
+    start();
+    client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].current = "rsa-sha2-512,rsa-sha2-256";
+    commit_ok(host_key_change({1, 0, 0, 1, 0, 1, 1, 0, 0, 0}));
+    note("other host keys");
+    turn(true);
+    note("on");
+    turn(false);
+    note("off");
+    for (const bool on : {true, false}) {
+        for (uint32_t number = 1; number <= 9; number++) {
+            turn_with_a_fault(on, "rename", EROFS, number);
+        }
+        for (uint32_t number = 1; number <= 4; number++) {
+            turn_with_a_fault(on, no_memory_call, ENOMEM, number);
+        }
+    }
+    for (const uint32_t event : {0, 1, 2, 3, 4, 8}) {
+        notify(event);
+        note("event " + std::to_string(event));
     }
     expect_golden("fips/golden/account", text);
 }
+
+TEST_F(fips_account_test, missing_lists) {
+    start();
+    for (algorithm_entry* entry :
+         {&server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS], &server_config.algorithms[SERVER_CIPHERS],
+          &server_config.algorithms[SERVER_KEX_ALGORITHMS], &client_config.algorithms[CLIENT_CIPHERS],
+          &client_config.algorithms[CLIENT_KEX_ALGORITHMS]}) {
+        const char* whole = entry->current;
+        entry->current = nullptr;
+        notify(DATASTORE_EVENT_CREATE);
+        note(std::string("on without ") + entry->keyword);
+        entry->current = whole;
+        notify(DATASTORE_EVENT_DELETE);
+        account();
+    }
+    expect_golden("fips/golden/account_without_lists", text);
+}
+
+TEST_F(fips_account_test, at_start) {
+    for (const char* operation :
+         {"datastore_bind(/cfg/gl/crypto/)", "datastore_item_get(/cfg/gl/crypto/fipsmode/value)",
+          "datastore_register_verification(/cfg/gl/crypto/fipsmode/value, 7)",
+          "datastore_register_notification(/cfg/gl/crypto/fipsmode/value, 7)"}) {
+        fake_platform::fail(operation, EIO);
+        EXPECT_NE(start_agent(), START_UP_DONE);
+        note(std::string("start without ") + operation);
+        fake_platform::clear_failures();
+    }
+    for (const bool on : {false, true}) {
+        if (on) {
+            store(set_number(fips_item, 1));
+        }
+        for (uint32_t number = 0; number <= 6; number++) {
+            remove_path("/var/opt/norvo/norvossh");
+            call_faults::clear();
+            if (number > 0) {
+                call_faults::fail_call("rename", EROFS, 1, number);
+            }
+            EXPECT_EQ(start_agent(), START_UP_DONE);
+            note(std::string("start, ") + (on ? "on" : "off") + ", rename " + std::to_string(number) + " fails");
+        }
+    }
+    expect_golden("fips/golden/account_of_starts", text);
+}
+
+}  // namespace
