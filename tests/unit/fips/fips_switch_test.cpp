@@ -331,7 +331,10 @@ class fips_account_test : public fips_switch_test {
         call_faults::clear();
     }
 
-    static void turn(bool on) { commit_ok(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item)); }
+    static void turn(bool on) {
+        const auto result = commit_ok(on ? set_number(fips_item, 1) : fake_platform::remove(fips_item));
+        EXPECT_THAT(result.failures, testing::IsEmpty());
+    }
 
     void turn_with_a_fault(bool on, const char* call, int error, uint32_t number) {
         turn(!on);
@@ -356,7 +359,7 @@ TEST_F(fips_account_test, at_run_time) {
         for (uint32_t number = 1; number <= 9; number++) {
             turn_with_a_fault(on, "rename", EROFS, number);
         }
-        for (uint32_t number = 1; number <= 4; number++) {
+        for (uint32_t number = 1; number <= 12; number++) {
             turn_with_a_fault(on, no_memory_call, ENOMEM, number);
         }
     }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "../account.h"
 #include "../algorithm_test.h"
 #include "call_faults.h"
 #include "config_files/algorithm_names.h"
@@ -195,6 +196,34 @@ TEST_F(list_filter_test, the_files_are_truncated_to_their_buffer) {
     EXPECT_EQ(fips_hostkey_files_from_list(repeated(9, "ecdsa-sha2-nistp256").c_str()), 0);
     EXPECT_EQ(std::string(fips_hostkey_files), repeated(9, "/pkg/ecdsa-sha2-nistp256").substr(0, 200));
     EXPECT_EQ(std::strlen(fips_hostkey_files), 200u);
+}
+
+// --- Everything that is reported --------------------------------------------------------------------------------------
+
+TEST_F(list_filter_test, every_filter_accounts_for_every_list) {
+    std::string text;
+    account();
+    for (const list_filter_function filter :
+         {get_modified_kex_list, get_modified_cipher_list, get_modified_hostkey_list}) {
+        for (const char* list :
+             {static_cast<const char*>(nullptr), "", "none", "curve25519-sha256", "chacha20-poly1305@openssh.com",
+              "ssh-ed25519", "none,aes256-ctr,curve25519-sha256,ssh-ed25519,chacha20-poly1305@openssh.com"}) {
+            modified_list result = {"untouched"};
+            const int status = filter(list, result.text);
+            text += std::string("== ") + (list != nullptr ? list : "null") + ": " + std::to_string(status) + ' ' +
+                    result.text + '\n' + account();
+        }
+    }
+    call_faults::fail_call("allocation", ENOMEM);
+    const int without_memory = fips_hostkey_files_from_list("rsa-sha2-512");
+    text += "== files without memory: " + std::to_string(without_memory) + '\n' + account();
+    call_faults::clear();
+    for (const algorithm_row& row : algorithm_rows) {
+        const int status = fips_hostkey_files_from_list(row.name);
+        text += std::string("== file of ") + row.name + ": " + std::to_string(status) + ' ' + fips_hostkey_files +
+                '\n' + account();
+    }
+    expect_golden("fips/golden/list_filter_account", text);
 }
 
 }  // namespace

@@ -41,6 +41,34 @@ TEST_F(offered_list_test, a_list_that_loses_nothing_is_unchanged) {
     EXPECT_EQ(offered_of("ecdh-sha2-nistp256,ecdh-sha2-nistp384"), "ecdh-sha2-nistp256,ecdh-sha2-nistp384");
 }
 
+// Also if it has empty names, and though the filter leaves them out.
+TEST_F(offered_list_test, a_list_that_loses_nothing_is_not_rewritten) {
+    set_fips(true);
+    EXPECT_EQ(offered_of(",ecdh-sha2-nistp256,,ecdh-sha2-nistp384,"), ",ecdh-sha2-nistp256,,ecdh-sha2-nistp384,");
+    EXPECT_EQ(offered_of(",xecdh-sha2,,curve25519-sha256,"), "xecdh-sha2");
+    algorithm_entry& files = server_config.algorithms[SERVER_HOST_KEY];
+    algorithm_entry& algorithms = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
+    algorithms.current = "rsa-sha2-512,rsa-sha2-256";
+    algorithms.second_current = "ssh-ed25519";
+    files.current = "/pkg/rsa";
+    EXPECT_EQ(choose_offered_host_keys(), 0);
+    EXPECT_EQ(algorithms.second_current, algorithms.current);
+    EXPECT_EQ(files.second_current, files.current);
+}
+
+// The list in force before does not count.
+TEST_F(offered_list_test, the_current_text_is_filtered) {
+    set_fips(true);
+    algorithm_entry entry = {};
+    entry.current = "curve25519-sha256,ecdh-sha2-nistp256";
+    entry.second_current = "ecdh-sha2-nistp384";
+    EXPECT_EQ(choose_offered_list(entry, get_modified_kex_list, "the FIPS default"), 0);
+    EXPECT_STREQ(entry.second_current, "ecdh-sha2-nistp256");
+    entry.current = "";
+    EXPECT_EQ(choose_offered_list(entry, get_modified_kex_list, "the FIPS default"), 0);
+    EXPECT_STREQ(entry.second_current, "");
+}
+
 TEST_F(offered_list_test, a_list_that_loses_everything_is_replaced_by_the_default) {
     set_fips(true);
     EXPECT_EQ(offered_of("curve25519-sha256"), "the FIPS default");
