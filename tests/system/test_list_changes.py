@@ -141,6 +141,15 @@ def test_a_list_without_effect_causes_a_warning(mgmt):
     ]
 
 
+def test_the_deletion_of_a_bound_list_causes_a_warning(mgmt):
+    set_list("ipv4", "ops", f"permit tcp host {ALLOWED} any")
+    bind("ops")
+    result = router.run("ssh_cfg_ctl", "acl", "delete", "ipv4", "ops")
+    assert result.stderr.splitlines() == [
+        "ssh_cfg_ctl: warning: VRF mgmt: SSH is open to every IPv4 source: there is no IPv4 access list ops",
+    ]
+
+
 def test_a_failed_load_is_reported_and_changes_nothing(mgmt, nft_that_rejects, journal):
     set_list("ipv6", "ops6", f"permit tcp host {ALLOWED6} any")
     bind(None, "ops6")
