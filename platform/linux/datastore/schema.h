@@ -66,9 +66,16 @@ enum class schema_tuple_rule : uint8_t {
     one_selected  ///< flags, of which at least one is set
 };
 
+/// What the manual page says of an item besides its form.
+struct schema_guide {
+    const char* default_value;  ///< what is in force while the item is not configured: a value in JSON, or words
+    const char* example;        ///< a value in JSON
+};
+
 struct schema_row {
     const char* pattern;  ///< absolute path; a component "*" matches any name of the form `wildcard`
     schema_form form;
+    schema_guide guide;
     schema_form wildcard;                  ///< form of the names that match "*"; its help is null if there is none
     std::span<const schema_field> fields;  ///< of a tuple
     schema_tuple_rule rule;
