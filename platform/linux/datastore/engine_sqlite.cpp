@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -284,6 +285,14 @@ platform_status bring_up_to_date(sqlite3* database, std::string& reason) {
     }
     if (version == "1") {
         return migrate_from_version_1(database, reason);
+    }
+    const long number = strtol(version.c_str(), nullptr, 10);
+    if (number > schema_version) {
+        reason = text_format(
+            "it was written by a newer version of this program (format %ld, expected %d); install that version again, or "
+            "move the database away and load what `ssh_cfg_ctl dump` saved before the upgrade",
+            number, schema_version);
+        return EUCLEAN;
     }
     return require(database, "PRAGMA user_version", std::to_string(schema_version),
                    "the database was written by another version of this program", reason);

@@ -279,7 +279,13 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_another_program) {
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_a_newer_version) {
     make_database();
     with_sqlite("PRAGMA user_version = 3");
-    expect_refused(EUCLEAN, "was written by another version of this program (found \"3\", expected \"2\")");
+    expect_refused(EUCLEAN, "it was written by a newer version of this program (format 3, expected 2); install that");
+}
+
+TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_a_version) {
+    make_database();
+    with_sqlite("PRAGMA user_version = 0");
+    expect_refused(EUCLEAN, "was written by another version of this program (found \"0\", expected \"2\")");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_its_table) {
