@@ -63,12 +63,23 @@ ctl_request bare_request(const argument_list& arguments) {
 
 constexpr char delete_name[] = "delete";
 constexpr char get_name[] = "get";
-constexpr char list_name[] = "list";
 constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
 constexpr char watch_name[] = "watch";
 constexpr char verify_name[] = "verify";
 constexpr char repair_name[] = "repair";
+
+ctl_request list_request(const argument_list& arguments) {
+    const bool all = !arguments.empty() && arguments[0] == "--all";
+    if (arguments.size() != (all ? 2 : 1)) {
+        return wrong_arguments();
+    }
+    control_json request = {{"call", "list"}, {"path", arguments.back()}};
+    if (all) {
+        request["all"] = true;
+    }
+    return ask(std::move(request));
+}
 
 ctl_request load_request(const argument_list& arguments) {
     const std::string* file = nullptr;
@@ -448,7 +459,8 @@ constexpr ctl_call_row calls[] = {
     {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
      load_request, load_text},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
-    {"list", "PATH", "print the names directly below PATH", path_request<list_name>, names_text},
+    {"list", "[--all] PATH", "print the names directly below PATH; with --all also what could be configured there",
+     list_request, names_text},
     {"dump", "", "print the stored configuration in the format that load reads", bare_request<dump_name>, dump_text},
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",

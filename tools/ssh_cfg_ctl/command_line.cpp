@@ -77,32 +77,43 @@ size_t take_value(ctl_command_line& line, const std::string& argument, const std
     return 0;
 }
 
+/// Whether the call has an option of that name, too.
+bool is_option_of_call(const ctl_command_line& line, const std::string& argument) {
+    return !line.call.empty() && line.call[0] == "reload" && argument.starts_with("--timeout");
+}
+
+/// Reads an option. Returns the number of arguments consumed, 0 if it is none.
+size_t take_option(ctl_command_line& line, const std::string& argument, const std::string* next) {
+    if (!argument.starts_with('-') || is_option_of_call(line, argument)) {
+        return 0;
+    }
+    return take_flag(line, argument) ? 1 : take_value(line, argument, next);
+}
+
 }  // namespace
 
 ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments) {
     ctl_command_line line;
-    size_t index = 0;
-    while (index < arguments.size() && arguments[index].starts_with('-') && line.action != ctl_action::wrong) {
+    if (arguments.empty()) {
+        line.action = ctl_action::help;
+    }
+    for (size_t index = 0; index < arguments.size() && line.action != ctl_action::wrong;) {
         const std::string& argument = arguments[index];
         if (argument == "--") {
-            index++;
+            line.call.insert(line.call.end(), arguments.begin() + static_cast<ptrdiff_t>(index) + 1, arguments.end());
             break;
         }
-        if (take_flag(line, argument)) {
-            index++;
-            continue;
-        }
         const std::string* next = index + 1 < arguments.size() ? &arguments[index + 1] : nullptr;
-        const size_t taken = take_value(line, argument, next);
-        if (taken == 0) {
+        const size_t taken = take_option(line, argument, next);
+        if (taken == 0 && line.call.empty() && argument.starts_with('-')) {
             refuse(line, "unknown option '" + argument + "'");
+        } else if (taken == 0) {
+            line.call.push_back(argument);
         }
-        index += taken;
+        index += taken == 0 ? 1 : taken;
     }
-    if (line.action == ctl_action::call && index >= arguments.size()) {
+    if (line.action == ctl_action::call && line.call.empty()) {
         refuse(line, "no call given");
-        return line;
     }
-    line.call.assign(arguments.begin() + static_cast<ptrdiff_t>(std::min(index, arguments.size())), arguments.end());
     return line;
 }

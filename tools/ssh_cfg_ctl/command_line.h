@@ -19,7 +19,9 @@ struct ctl_command_line {
     std::vector<std::string> call;  ///< the call's name and its arguments
 };
 
-/// Options precede the call; everything after it belongs to the call, so that a value may begin with '-'.
+/// Options may be anywhere. After "--", and after the call anything that is not one of the options, belongs to the call, so
+/// that a value may begin with '-'. An option of the call itself (reload has a --timeout) belongs to the call, too. Without
+/// any argument the action is `help`.
 ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments);
 
 #endif

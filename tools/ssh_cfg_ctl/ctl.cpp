@@ -57,13 +57,14 @@ std::string help_text() {
         text += call + ' ' + row.purpose + '\n';
     }
     return text +
-           "\nOptions, before the call:\n"
+           "\nOptions:\n"
            "  --json                 print every answer as JSON on standard output\n"
            "  --progress             print the progress of a change line by line, with --json as JSON on standard output\n"
            "  --timeout SECONDS      time to wait for the agent (default 600)\n"
            "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"
            "  -h, --help             print this text\n"
            "  --version              print the version\n"
+           "  --                     what follows is no option\n"
            "\nFILE may be '-' for standard input.\n"
            "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error),\n"
            "6 stored, but not all of it is in force (standard error names what is not).\n";

@@ -8,6 +8,7 @@
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
+#include "linux/datastore/schema_children.h"
 #include "platform/record_codec.h"
 
 namespace {
@@ -20,6 +21,21 @@ control_json no_data(const char* format, const std::string& path) {
 control_json failure(const std::string& path, platform_status status) {
     return control_answer(control_result::failed, text_format("%s: %s (0x%x)", schema_shown_path(path).c_str(),
                                                               platform_status_text(status), status));
+}
+
+/// Adds to what can be configured below a path the names that are configured in place of "*".
+std::vector<std::string> add_configured_names(const std::vector<std::string>& possible,
+                                              const std::vector<std::string>& configured) {
+    std::vector<std::string> names = possible;
+    for (const std::string& name : possible) {
+        if (name.starts_with('*')) {
+            for (const std::string& chosen : configured) {
+                names.push_back(chosen + name.substr(1));
+            }
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace
@@ -50,6 +66,10 @@ control_json control_call_list(const control_json& request, const control_peer& 
     const platform_status status = datastore_list_children(*path, names);
     if (status != PLATFORM_OK) {
         return failure(*path, status);
+    }
+    if (request.value("all", control_json()) == true) {
+        const std::vector<std::string> possible = schema_children(*path);
+        names = possible.empty() ? names : add_configured_names(possible, names);
     }
     return names.empty() ? no_data("%s: nothing is configured below this path", *path) : control_data_answer(names);
 }

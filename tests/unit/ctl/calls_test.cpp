@@ -32,6 +32,7 @@ TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("delete", {"/a"}), R"({"call":"delete","path":"/a"})");
     EXPECT_EQ(request("get", {"/a"}), R"({"call":"get","path":"/a"})");
     EXPECT_EQ(request("list", {"/"}), R"({"call":"list","path":"/"})");
+    EXPECT_EQ(request("list", {"--all", "/"}), R"({"call":"list","path":"/","all":true})");
     EXPECT_EQ(request("show", {"/oper"}), R"({"call":"show","path":"/oper"})");
     EXPECT_EQ(request("dump", {}), R"({"call":"dump"})");
     EXPECT_EQ(request("status", {}), R"({"call":"status"})");
@@ -120,6 +121,8 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
         {"get", {}},
         {"get", {"/a", "/b"}},
         {"list", {}},
+        {"list", {"--all"}},
+        {"list", {"/", "--all"}},
         {"dump", {"x"}},
         {"status", {"x"}},
         {"vrf", {}},

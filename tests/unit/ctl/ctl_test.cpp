@@ -187,6 +187,13 @@ TEST(ctl_run, usage_errors_show_the_usage) {
     EXPECT_EQ(run({"--nonsense"}).status, 2);
 }
 
+TEST(ctl_run, prints_the_summary_without_arguments) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ctl_run({}), 0);
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(output, run({"--help"}).output);
+}
+
 TEST(ctl_run, help_names_every_call) {
     const outcome help = run({"--help"});
     EXPECT_EQ(help.status, 0);

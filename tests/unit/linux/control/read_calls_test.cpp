@@ -89,6 +89,10 @@ TEST_F(control_read_calls_test, list_returns_names) {
     EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf/"})"), R"(["blue"])");
     EXPECT_EQ(data(R"({"call":"list","path":"/"})"), R"(["cfg"])");
     EXPECT_EQ(result(R"({"call":"list","path":"/nowhere"})"), "no_data");
+    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/","all":true})"), R"(["netconf","v2","vrf-netconf/","vrf/"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf","all":true})"), R"(["*","blue"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"@cmn","all":false})"), R"(["logging","timeout","trustpoint"])");
+    EXPECT_EQ(result(R"({"call":"list","path":"/nowhere","all":true})"), "no_data");
 }
 
 TEST_F(control_read_calls_test, a_dump_can_be_loaded_again) {
