@@ -9,7 +9,7 @@ TEST_REPORTS ?= $(BUILD)/reports
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants lint install clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants lint install deb clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
@@ -19,6 +19,7 @@ help:
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
 	@echo 'make install  install the built system into /, or below DESTDIR'
+	@echo 'make deb      build Debian packages into $(BUILD)/packages/'
 	@echo 'make clean    remove the build folders'
 	@echo
 	@echo 'BUILD, BUILD_SANITIZE: the build folders; JOBS: processes at once. Missing Debian packages are installed first.'
@@ -33,12 +34,8 @@ define build_folder
 		$(if $(3),cmake --build $(1) --parallel $(JOBS) --target $(3))'
 endef
 
-# What is installed.
-product = ssh_cfg_agent ssh_cfg_platform ssh_cfg_ctl sshd_launcher ssh_csm authorized_keys ssh_session session_wrapper \
-	qd_aaa_pam session_responder ssh_session_reporter
-
 build: dependencies
-	$(call build_folder,$(BUILD),,$(product))
+	$(call build_folder,$(BUILD),,product)
 
 build-all: dependencies
 	$(call build_folder,$(BUILD),,all)
@@ -57,11 +54,11 @@ run: build
 # The unit tests run under the sanitizers, in a build of their own; what is built here is what the nodes run. The
 # benchmarks are built so that they stay in step with the code.
 test: dependencies
-	$(call build_folder,$(BUILD),,$(product) benchmarks)
+	$(call build_folder,$(BUILD),,product benchmarks)
 	@MAKE='$(MAKE)' tests/run --build $(BUILD) --sanitize $(BUILD_SANITIZE) --reports $(TEST_REPORTS) --jobs $(JOBS)
 
 bench: dependencies
-	$(call build_folder,$(BUILD),,$(product) benchmarks)
+	$(call build_folder,$(BUILD),,product benchmarks)
 	@bench/run --build $(BUILD) --vrfs $(VRFS)
 
 # Continues where the last run ended. MOST_TESTS=100 limits the tests per mutant to the nearest ones, which is faster, but
@@ -73,6 +70,10 @@ mutants: dependencies
 
 install: build
 	cmake --install $(BUILD)
+
+# Compiled once more, with Debian's own flags.
+deb: dependencies
+	@packaging/build_packages $(BUILD)/packages
 
 clean:
 	rm -rf $(BUILD) $(BUILD_SANITIZE) $(BUILD_MUTANTS)

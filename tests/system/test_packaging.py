@@ -194,7 +194,8 @@ def test_generator_that_cannot_write_does_not_fail_the_reload():
     assert subprocess.run([GENERATOR, "/nonexistent"], check=False, capture_output=True).returncode == 0
 
 
-@pytest.mark.parametrize("page", ["man1/ssh_cfg_ctl.1", "man7/ssh_cfg_trace.7", "man8/ssh_cfg_agent.8"])
+@pytest.mark.parametrize("page", ["man1/ssh_cfg_ctl.1", "man5/ssh_cfg_paths.5", "man7/ssh_cfg_trace.7",
+                                  "man8/ssh_cfg_agent.8"])
 def test_manual_pages_are_well_formed(page):
     result = run("groff", "-man", "-Tutf8", "-ww", "-z", f"/usr/share/man/{page}")
     assert result.stderr == ""
@@ -206,6 +207,38 @@ def test_manual_page_names_every_call_and_option_of_the_tool():
     words = [line.split()[0] for line in summary.splitlines() if line.startswith("  ")]
     assert {"set", "dump", "--json"} <= set(words)
     assert [word.strip(",") for word in words if word.strip(",") not in page] == []
+
+
+def completions(*words, user="root"):
+    """What bash offers for the last of these words behind the tool's name."""
+    script = """. /usr/share/bash-completion/completions/ssh_cfg_ctl
+        COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+        _ssh_cfg_ctl
+        printf '%s\\n' "${COMPREPLY[@]}" """
+    return run("runuser", "-u", user, "--", "bash", "-c", script, "bash", "ssh_cfg_ctl", *words).stdout.split()
+
+
+def test_completion_offers_calls_and_options():
+    summary = run("ssh_cfg_ctl", "--help").stdout
+    calls = {line.split()[0] for line in summary.splitlines() if line.startswith("  ") and line[2].isalpha()}
+    assert set(completions("")) == calls
+    assert completions("--json", "ver") == ["verify"] and completions("--timeout", "5", "ver") == ["verify"]
+    assert completions("--prog") == ["--progress"] and completions("status", "--js") == ["--json"]
+    assert completions("acl", "sh") == ["show"] and completions("trace", "") == ["error", "event"]
+
+
+def test_completion_asks_the_agent_for_paths_and_lists(vrf, lists_and_wires):
+    server = "/cfg/gl/crypto/ssh/server/"
+    assert completions("set", "/") == ["/cfg/"]
+    assert completions("set", server + "cmn/t") == [server + "cmn/tcp_window_scale", server + "cmn/timeout",
+                                                    server + "cmn/trustpoint/"]
+    vrf("blue")
+    assert completions("set", server + "sshd/vrf/bl") == [server + "sshd/vrf/blue"]
+    run("ssh_cfg_ctl", "acl", "set", "--empty", "ipv4", "nobody", "-", input="")
+    assert completions("acl", "show", "ipv4", "no") == ["nobody"]
+    assert completions("debug", "cfg-a") == ["cfg-agent"]
+    # Somebody who may not ask still gets what needs no answer.
+    assert completions("ver", user="operator") == ["verify"] and completions("get", "/", user="operator") == []
 
 
 def test_many_changes_in_a_row_leave_the_server_up(server):
