@@ -108,10 +108,10 @@ class Program:
 
 
 def still_valid(known, files, tests, start):
-    """The stored entries of tests that have not changed and that reach no file whose mutants have."""
+    """The stored entries of tests that passed, have not changed, and reach no file whose mutants have."""
     changed = {files[path][0] // instrument.BLOCK for path in files if known["files"].get(path) != files[path]}
     return {name: entry for name, entry in known["tests"].items()
-            if name in tests and entry["version"] == tests[name] and
+            if name in tests and entry["version"] == tests[name] and entry["passed"] and
             not any(number // instrument.BLOCK in changed for number in entry["reached"] if number not in start)}
 
 
