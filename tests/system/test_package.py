@@ -22,8 +22,9 @@ SERVER = router.server_unit("mgmt")
 # Written by other programs while packages are installed and services run.
 OTHERS_FILES = ("/var/lib/dpkg/", "/var/lib/apt/", "/var/cache/", "/var/log/", "/var/lib/systemd/", "/run/systemd/",
                 "/run/log/", "/run/dbus/", "/run/user/", "/run/lock", "/run/utmp", "/etc/group", "/etc/gshadow",
-                "/etc/passwd-", "/etc/shadow-", "/etc/subgid-", "/etc/subuid-", "/tmp/", "/usr/lib/python3", "/run/sshd",
-                "/run/netns", "/run/mount", "/var/lib/PackageKit/", "/var/lib/private", "/etc/.pwd.lock", "/etc/netns", "/run/cryptsetup")
+                "/etc/passwd-", "/etc/shadow-", "/etc/subgid-", "/etc/subuid-", "/tmp/", "/var/tmp/",
+                "/usr/lib/python3", "/run/sshd", "/run/netns", "/run/mount", "/var/lib/PackageKit/",
+                "/var/lib/private", "/etc/.pwd.lock", "/etc/netns", "/run/cryptsetup")
 
 
 @pytest.fixture(autouse=True)
