@@ -35,10 +35,14 @@ struct server_batch {
     size_t count;
 };
 
+enum class unit_query { not_made, answered, failed };
+
 struct put_off_state {
     bool announced = false;   ///< changes are postponed
     bool reload_due = false;  ///< a daemon-reload is due
     server_batch stops = {};
+    unit_query query = unit_query::not_made;
+    std::vector<unit_state> units = {};  ///< the answer
 };
 
 put_off_state state;
@@ -83,12 +87,18 @@ struct batch_result {
     std::vector<unit_state> states;
 };
 
+/// Queries the named units, or all if `units` is null.
 bool read_states(const char* units, std::vector<unit_state>& states) {
     try {
-        return read_unit_states(&states, units + 1) == 0;
+        return read_unit_states(&states, units) == 0;
     } catch (const std::bad_alloc&) {
         return false;
     }
+}
+
+void forget_units() {
+    state.query = unit_query::not_made;
+    state.units.clear();
 }
 
 batch_result run_for(const char* verb, const server_batch& batch) {
@@ -100,7 +110,8 @@ batch_result run_for(const char* verb, const server_batch& batch) {
     result.begun = microseconds_now();
     result.status = run_shell_command(command, systemctl_limit);
     result.error = errno;
-    result.states_known = read_states(units, result.states);
+    result.states_known = read_states(units + 1, result.states);
+    forget_units();
     return result;
 }
 
@@ -239,6 +250,7 @@ void block_until_end(vrf_node* node) {
 
 void put_off_server_changes() {
     state.announced = true;
+    forget_units();
 }
 
 void carry_out_server_changes() {
@@ -283,6 +295,21 @@ bool put_off_stop(const char* vrf_name) {
 bool put_off_unit_reload() {
     state.reload_due = state.reload_due || state.announced;
     return state.announced;
+}
+
+std::optional<postponed_unit> query_postponed_unit(const char* vrf_name) {
+    if (!state.announced) {
+        return std::nullopt;
+    }
+    if (state.query == unit_query::not_made) {
+        state.query = read_states(nullptr, state.units) ? unit_query::answered : unit_query::failed;
+    }
+    if (state.query == unit_query::failed) {
+        return std::nullopt;
+    }
+    const unit_state* unit = find_unit_state(state.units, vrf_name);
+    return unit == nullptr ? postponed_unit{false, true}
+                           : postponed_unit{begins_with(unit->active_state.c_str(), "active"), !unit->needs_reload};
 }
 
 int reload_units() {

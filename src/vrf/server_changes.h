@@ -7,6 +7,7 @@
 #define VRF_SERVER_CHANGES_H
 
 #include <cstddef>
+#include <optional>
 
 #include "config_files/vrf_node.h"
 
@@ -23,6 +24,15 @@ bool put_off_stop(const char* vrf_name);
 
 /// Postpones the daemon-reload. Returns false if changes are not being postponed.
 bool put_off_unit_reload();
+
+struct postponed_unit {
+    bool active;   ///< the server runs, or is starting
+    bool is_read;  ///< systemd has read the unit's present file, or will read it with the next start
+};
+
+/// The state of a VRF's unit while changes are postponed. All units are queried together, again only after servers have
+/// been stopped or restarted. Returns nullopt if changes are not being postponed or systemd does not answer.
+std::optional<postponed_unit> query_postponed_unit(const char* vrf_name);
 
 /// Makes systemd read the units again. Returns 0, or -1 after reporting the failure; the reload is then due.
 int reload_units();

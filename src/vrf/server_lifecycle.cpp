@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "config_files/config_writer.h"
 #include "config_files/files.h"
@@ -111,6 +112,11 @@ int read_probe_line(const char* vrf_name, char* line, int size) {
 
 /// Asks systemd whether the VRF's server is running. Returns 0 and the answer, or -1 if that cannot be determined.
 int probe_server(const char* vrf_name, bool* active) {
+    if (const std::optional<postponed_unit> unit = query_postponed_unit(vrf_name)) {
+        debug_print("vrf-name:=%s, content %s", vrf_name, unit->active ? "active" : "inactive");
+        *active = unit->active;
+        return 0;
+    }
     char command[systemctl_command_size];
     format_text(command, sizeof command, paths::service_probe_command, vrf_name);
     if (run_shell_command(command, systemctl_limit) == -1) {

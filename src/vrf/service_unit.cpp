@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 
 #include "core/debug.h"
 #include "core/paths.h"
@@ -168,14 +169,18 @@ int write_file(const char* routine, const unit_file& file, const file_reports& r
 }
 
 /// Whether the file on disk begins with the text: what follows it in a longer file was left by an earlier version.
+/// Preserves errno.
 bool is_current(const unit_file& file) {
+    const int error = errno;
     FILE* present = std::fopen(file.path, "re");
     if (present == nullptr) {
+        errno = error;
         return false;
     }
     char text[file_text_size];
     const size_t length = std::fread(text, 1, file.length, present);
     std::fclose(present);
+    errno = error;
     return length == file.length && std::memcmp(text, file.text, length) == 0;
 }
 
@@ -189,6 +194,12 @@ int report_unit(const char* vrf_name, const char* what, const char* reason) {
     enforcement_failed(subject, text);
     errno = error;
     return -1;
+}
+
+/// False if that is unknown.
+bool systemd_has_read_unit(const char* vrf_name) {
+    const std::optional<postponed_unit> unit = query_postponed_unit(vrf_name);
+    return unit && unit->is_read;
 }
 
 void remove_file(const char* path) {
@@ -220,8 +231,12 @@ int create_sshd_service_config_file(const char* prefixed_name) {
         return report_unit(vrf_name, "the number of the VRF is unknown", platform_status_text(status));
     }
     debug_print("%s - vrf-name:=%s, vrfid = %u", __func__, vrf_name, vrf_id);
-    if (write_file(__func__, make_unit(vrf_name), unit_reports) != 0 ||
-        write_file(__func__, make_environment(vrf_name, vrf_id), environment_reports) != 0) {
+    const unit_file unit = make_unit(vrf_name);
+    const unit_file environment = make_environment(vrf_name, vrf_id);
+    if (is_current(unit) && is_current(environment) && systemd_has_read_unit(vrf_name)) {
+        return 0;
+    }
+    if (write_file(__func__, unit, unit_reports) != 0 || write_file(__func__, environment, environment_reports) != 0) {
         return report_unit(vrf_name, "its files cannot be written", std::strerror(errno));
     }
     if (put_off_unit_reload()) {

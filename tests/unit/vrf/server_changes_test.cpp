@@ -1,6 +1,7 @@
 #include "vrf/server_changes.h"
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 
 #include "call_faults.h"
@@ -128,6 +129,93 @@ TEST_F(announced_test, one_command_stops_at_most_64_servers) {
     carry_out_server_changes();
     EXPECT_EQ(stub_commands::log_of("systemctl stop").size(), 2u);
     EXPECT_THAT(stub_commands::log_of("systemctl stop"), Contains("systemctl stop sshd_service_v64"));
+}
+
+// --- The states of the units -----------------------------------------------------------------------------------------
+
+class restarted_agent_test : public server_changes_test {
+  protected:
+    /// After a restart of the agent the VRFs are new to it, while their files and servers exist.
+    restarted_agent_test() {
+        forget_vrf_nodes();
+        put_off_server_changes();
+    }
+
+    /// Replaces what systemctl shows.
+    static void show(const std::string& commands) {
+        std::filesystem::remove_all("/stub_commands/units");
+        stub_commands::set_hook("systemctl show", commands);
+    }
+
+    static size_t queries_of_all_units() {
+        return stub_commands::log_of(states_of("sshd_service_*").substr(std::strlen("$ "))).size();
+    }
+};
+
+TEST_F(restarted_agent_test, all_units_are_queried_together) {
+    ssh("red", created);
+    ssh("blue", created);
+    EXPECT_EQ(systemctl().size(), 1u);
+    EXPECT_EQ(queries_of_all_units(), 1u);
+    EXPECT_THAT(trail(), Not(Contains(copy_for("red")))) << "its server runs";
+}
+
+TEST_F(restarted_agent_test, units_that_have_not_changed_are_not_read_again) {
+    show("true");
+    ssh("red", created);
+    ssh("blue", created);
+    carry_out_server_changes();
+    EXPECT_THAT(stub_commands::log_of("systemctl restart"),
+                ElementsAre("systemctl restart sshd_service_blue sshd_service_red"));
+    EXPECT_THAT(systemctl(), Not(Contains("systemctl daemon-reload")));
+}
+
+TEST_F(restarted_agent_test, the_file_of_a_server_that_does_not_run_is_recreated) {
+    show("echo Id=sshd_service_red.service; echo ActiveState=failed");
+    ssh("red", created);
+    ssh("blue", created);
+    EXPECT_THAT(trail(), Contains(copy_for("red")));
+    EXPECT_THAT(trail(), Contains(copy_for("blue"))) << "its unit is not loaded";
+}
+
+TEST_F(restarted_agent_test, a_unit_is_written_again_unless_systemd_has_read_it) {
+    show("echo Id=sshd_service_red.service; echo ActiveState=failed; echo NeedDaemonReload=yes");
+    ssh("red", created);
+    carry_out_server_changes();
+    EXPECT_THAT(systemctl(), Contains("systemctl daemon-reload"));
+}
+
+TEST_F(restarted_agent_test, a_unit_that_differs_is_written_again) {
+    show("true");
+    write_file("/etc/systemd/system/sshd_service_red.service", "[Unit]\n");
+    ssh("red", created);
+    EXPECT_NE(read_file("/etc/systemd/system/sshd_service_red.service"), "[Unit]\n");
+    carry_out_server_changes();
+    EXPECT_THAT(systemctl(), Contains("systemctl daemon-reload"));
+}
+
+TEST_F(restarted_agent_test, the_states_are_queried_again_after_a_stop) {
+    for (size_t i = 0; i < server_batch_max; i++) {
+        const std::string vrf = "v" + std::to_string(i);
+        add_namespace(vrf);
+        ssh(vrf.c_str(), created);
+    }
+    ssh("red", created);
+    EXPECT_EQ(queries_of_all_units(), 1u);
+    for (size_t i = 0; i < server_batch_max; i++) {
+        ssh(("v" + std::to_string(i)).c_str(), deleted);
+    }
+    ssh("blue", created);
+    EXPECT_EQ(queries_of_all_units(), 2u);
+}
+
+TEST_F(restarted_agent_test, each_server_is_probed_if_the_units_cannot_be_queried) {
+    stub_commands::fail("systemctl show", 1, 1);
+    ssh("red", created);
+    ssh("blue", created);
+    EXPECT_THAT(stub_commands::log_of("systemctl is-active"),
+                ElementsAre("systemctl is-active sshd_service_red", "systemctl is-active sshd_service_blue"));
+    EXPECT_EQ(stub_commands::log_of("systemctl show").size(), 1u) << "it is not asked again";
 }
 
 // --- Results ---------------------------------------------------------------------------------------------------------
