@@ -78,7 +78,7 @@ std::string list_name(const datastore_value& value, size_t field) {
 
 void take_item(vrf_map& vrfs, const std::string& path, const datastore_value& value) {
     const service_item item = service_item_of(path);
-    if (item.vrf_name.empty()) {
+    if (item.service == nullptr) {
         return;
     }
     vrf_status& vrf = vrf_named(vrfs, item.vrf_name);
@@ -272,7 +272,7 @@ platform_status machine_status_collect(machine_status& machine) {
 platform_status configured_services_read(configured_services& configured) {
     return datastore_visit(servers, [&configured](const std::string& path, const datastore_value&) {
         const service_item item = service_item_of(path);
-        if (!item.vrf_name.empty()) {
+        if (item.service != nullptr) {
             configured[item.vrf_name].insert(item.service->service);
         }
         return true;
