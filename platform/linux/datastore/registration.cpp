@@ -9,14 +9,6 @@ namespace {
 
 constexpr uint32_t all_events = DATASTORE_EVENT_CREATE | DATASTORE_EVENT_SET | DATASTORE_EVENT_DELETE;
 
-/// Removes the first component of a path.
-std::string_view cut_component(std::string_view& path) {
-    const size_t end = path.find('/');
-    const std::string_view component = path.substr(0, end);
-    path.remove_prefix(end == std::string_view::npos ? path.size() : end + 1);
-    return component;
-}
-
 platform_status add(const datastore_registration& registration) try {
     the_datastore().registrations.push_back(std::make_unique<datastore_registration>(registration));
     return PLATFORM_OK;
@@ -56,8 +48,8 @@ bool datastore_pattern_matches(std::string_view pattern, std::string_view item) 
     }
     const bool whole_tree = pattern.back() == '/';
     while (!pattern.empty()) {
-        const std::string_view expected = cut_component(pattern);
-        const std::string_view found = cut_component(item);
+        const std::string_view expected = schema_cut_component(pattern);
+        const std::string_view found = schema_cut_component(item);
         if (expected == "*" ? found.empty() : expected != found) {
             return false;
         }

@@ -89,6 +89,9 @@ std::span<const schema_row> schema_rows();
 /// required form. `*refusal` (which may be null) then receives a text that names the path and what is allowed.
 const schema_row* schema_find(std::string_view path, std::string* refusal);
 
+/// Removes the first component of a path that does not begin with '/', and the '/' after it. Returns the component.
+std::string_view schema_cut_component(std::string_view& path);
+
 /// Position of a tuple's field, given its name; -1 if there is none.
 int schema_field_index(const schema_row& row, std::string_view name);
 

@@ -6,21 +6,13 @@
 
 namespace {
 
-/// Removes the first component and the '/' behind it.
-std::string_view cut_component(std::string_view& path) {
-    const std::string_view component = path.substr(0, path.find('/'));
-    path.remove_prefix(component.size());
-    path.remove_prefix(path.empty() ? 0 : 1);
-    return component;
-}
-
 /// The rest of the row's pattern below a path that is empty or ends in '/'; empty if the item is not below it. Neither
 /// begins with '/'.
 std::string_view pattern_below(const schema_row& row, std::string_view path) {
     std::string_view pattern = std::string_view(row.pattern).substr(1);
     while (!path.empty()) {
-        const std::string_view expected = cut_component(pattern);
-        const std::string_view found = cut_component(path);
+        const std::string_view expected = schema_cut_component(pattern);
+        const std::string_view found = schema_cut_component(path);
         if (found.empty() || (expected != "*" && expected != found)) {
             return {};
         }
@@ -29,6 +21,13 @@ std::string_view pattern_below(const schema_row& row, std::string_view path) {
 }
 
 }  // namespace
+
+std::string_view schema_cut_component(std::string_view& path) {
+    const std::string_view component = path.substr(0, path.find('/'));
+    path.remove_prefix(component.size());
+    path.remove_prefix(path.empty() ? 0 : 1);
+    return component;
+}
 
 std::vector<std::string> schema_children(std::string_view path) {
     if (!path.starts_with('/')) {
@@ -39,7 +38,7 @@ std::vector<std::string> schema_children(std::string_view path) {
     std::set<std::string> names;
     for (const schema_row& row : schema_rows()) {
         std::string_view below = pattern_below(row, folder);
-        const std::string name(cut_component(below));
+        const std::string name(schema_cut_component(below));
         if (!name.empty()) {
             names.insert(below.empty() ? name : name + '/');
         }
