@@ -11,10 +11,10 @@
 
 namespace openssh {
 
-/// Translates again, for each running server, the file that it was started with (or the server file, if no copy was kept) and
-/// stores one line for each server whose settings would be different: the name of its translated file, a blank, and the
-/// settings as `sshd -T` prints their names, separated by commas. Where the texts agree, sshd is not asked. Servers that
-/// run with their last good file are left out. Returns why nothing can be compared; empty on success.
+/// For each running server, translates again the file that it was started with (or the server file, if no copy was kept).
+/// Stores one line for each server whose settings would be different: the name of its translated file, a space, and the
+/// settings as `sshd -T` prints their names, separated by commas. If the texts agree, sshd is not run. Servers that run
+/// with their last good file are skipped. Returns why nothing can be compared; empty on success.
 std::string compare_running_servers(const launcher_paths& paths, std::string& lines);
 
 }  // namespace openssh

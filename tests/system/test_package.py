@@ -33,7 +33,7 @@ def clean_router():
 
 
 def build_packages(folder):
-    # Neither symbols nor small files are wanted here, but time.
+    # Saves time: symbols and small packages are not needed here.
     options = {"DEB_BUILD_OPTIONS": "noautodbgsym", "DPKG_DEB_COMPRESSOR_TYPE": "gzip", "DPKG_DEB_COMPRESSOR_LEVEL": "1"}
     run(TREE / "packaging/build_packages", "--from", BUILD, folder, env={**os.environ, **options}, timeout=600)
     return {file.name.split("_")[0]: file for file in folder.glob("*.deb")}
@@ -94,7 +94,7 @@ def readme_commands():
 
 
 def talk(session, word):
-    """Has a session that runs cat repeat a word."""
+    """Checks that a session that runs cat still echoes."""
     session.stdin.write(f"{word}\n".encode())
     session.stdin.flush()
     assert session.stdout.readline() == f"{word}\n".encode()

@@ -210,7 +210,7 @@ def test_manual_page_names_every_call_and_option_of_the_tool():
 
 
 def completions(*words, user="root"):
-    """What bash offers for the last of these words behind the tool's name."""
+    """Returns what bash offers for the last of these words after the tool's name."""
     script = """. /usr/share/bash-completion/completions/ssh_cfg_ctl
         COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
         _ssh_cfg_ctl

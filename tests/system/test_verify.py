@@ -210,7 +210,7 @@ def test_a_server_in_another_namespace_is_named(server, vrf, started_by):
 
 
 def test_a_server_with_options_of_its_own_is_named(server, sshd_script):
-    """Whoever replaces sshd's program is seen in the process, not in the launcher's record."""
+    """A replaced sshd shows in the process, not in the launcher's record."""
     server("red")
     end = sshd_script('[ "$1" != -D ] || set -- "$@" -o MaxAuthTries=99')
     router.run("systemctl", "restart", router.server_unit("red"))

@@ -6,9 +6,8 @@
 #include <string_view>
 #include <vector>
 
-/// What items' paths can have directly below `path`, which may end in '/', in byte order: the last component of an item's
-/// path as such, any other one with a '/' behind it, and "*" in place of a name that the operator chooses. Empty if there
-/// is nothing.
+/// Returns, in byte order, the components that may follow `path` (which may end in '/') in the paths of items: the last one
+/// of a path as it is, any other with a '/' after it, and "*" for a name that the operator chooses. Empty if there are none.
 std::vector<std::string> schema_children(std::string_view path);
 
 #endif

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-/// The names of the settings in which the VRF's running server differs, separated by commas; empty if there are none or
-/// nothing is known. The first call asks the launcher about all servers, which takes milliseconds and at most ten seconds.
+/// The names of the settings in which the VRF's running server differs, separated by commas; empty if there are none or if
+/// that is unknown. The first call queries the launcher about all servers, which takes milliseconds, at most ten seconds.
 /// Throws std::bad_alloc.
 std::string server_settings_difference(std::string_view vrf_name);
 

@@ -44,7 +44,7 @@ std::string capitalized(std::string text) {
     return text;
 }
 
-/// The form in words, without the meaning, which stands elsewhere.
+/// The form in words, without the meaning, which is printed separately.
 std::string form_without_help(const std::string& words, const char* help) {
     const std::string in_brackets = std::string(" (") + help + ')';
     const size_t position = words.find(in_brackets);
