@@ -36,7 +36,8 @@ TEST_F(control_state_calls_test, a_service_without_a_namespace_waits) {
         result(
             R"({"call":"set","path":"/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/nowhere","value":[null,null,null]})"),
         "done");
-    for (const control_json& vrf : ask(R"({"call":"vrf_list"})")["data"]) {
+    const control_json answer = ask(R"({"call":"vrf_list"})");
+    for (const control_json& vrf : answer["data"]) {
         EXPECT_EQ(control_json_text(vrf["waiting"]), vrf["name"] == "nowhere" ? R"(["netconf"])" : "[]");
         EXPECT_EQ(vrf["ssh"], false);
         EXPECT_EQ(vrf["netconf"], false);
