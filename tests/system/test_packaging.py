@@ -209,13 +209,14 @@ def test_manual_page_names_every_call_and_option_of_the_tool():
     assert [word.strip(",") for word in words if word.strip(",") not in page] == []
 
 
-def completions(*words, user="root"):
+def completions(*words, user="root", folder="/"):
     """Returns what bash offers for the last of these words after the tool's name."""
     script = """. /usr/share/bash-completion/completions/ssh_cfg_ctl
         COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
         _ssh_cfg_ctl
         printf '%s\\n' "${COMPREPLY[@]}" """
-    return run("runuser", "-u", user, "--", "bash", "-c", script, "bash", "ssh_cfg_ctl", *words).stdout.split()
+    return run("runuser", "-u", user, "--", "bash", "-c", script, "bash", "ssh_cfg_ctl", *words,
+               cwd=folder).stdout.split()
 
 
 def test_completion_offers_calls_and_options():
@@ -237,8 +238,25 @@ def test_completion_asks_the_agent_for_paths_and_lists(vrf, lists_and_wires):
     run("ssh_cfg_ctl", "acl", "set", "--empty", "ipv4", "nobody", "-", input="")
     assert completions("acl", "show", "ipv4", "no") == ["nobody"]
     assert completions("debug", "cfg-a") == ["cfg-agent"]
-    # Somebody who may not ask still gets what needs no answer.
+    # Users who may not query the agent still get calls and options.
     assert completions("ver", user="operator") == ["verify"] and completions("get", "/", user="operator") == []
+
+
+def test_completion_expands_no_names(tmp_path):
+    """Otherwise the shell of an operator who presses Tab would run commands from the names of namespaces."""
+    (tmp_path / "file").touch()
+    names = [pathlib.Path("/run/netns/vrf-" + name)
+             for name in ("$(touch made)", "`touch made`", "two words", "a;b", "*", "it's", "plain")]
+    for name in names:
+        name.touch()
+    try:
+        assert completions("vrf", "unblock", "", folder=tmp_path) == ["default", "plain"]
+        vrfs = "/cfg/gl/crypto/ssh/server/sshd/vrf/"
+        assert completions("set", vrfs, folder=tmp_path) == [vrfs + "default", vrfs + "plain"]
+        assert [path.name for path in tmp_path.iterdir()] == ["file"]
+    finally:
+        for name in names:
+            name.unlink()
 
 
 def test_many_changes_in_a_row_leave_the_server_up(server):
