@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "common/number.h"
+#include "ssh_cfg_ctl/calls.h"
 
 namespace {
 
@@ -77,9 +78,12 @@ size_t take_value(ctl_command_line& line, const std::string& argument, const std
     return 0;
 }
 
-/// Whether the call has an option of that name, too.
+/// Whether the call has an option of the same name, which its usage line then shows.
 bool is_option_of_call(const ctl_command_line& line, const std::string& argument) {
-    return !line.call.empty() && line.call[0] == "reload" && argument.starts_with("--timeout");
+    const ctl_call_row* call = line.call.empty() ? nullptr : ctl_find_call(line.call[0]);
+    const std::string_view name = std::string_view(argument).substr(0, argument.find('='));
+    return call != nullptr && name.starts_with("--") &&
+           std::string_view(call->arguments).find(name) != std::string::npos;
 }
 
 /// Reads an option. Returns the number of arguments consumed, 0 if it is none.

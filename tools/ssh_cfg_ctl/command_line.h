@@ -19,9 +19,9 @@ struct ctl_command_line {
     std::vector<std::string> call;  ///< the call's name and its arguments
 };
 
-/// Options may be anywhere. After "--", and after the call anything that is not one of the options, belongs to the call, so
-/// that a value may begin with '-'. An option of the call itself (reload has a --timeout) belongs to the call, too. Without
-/// any argument the action is `help`.
+/// Options may precede or follow the call. Everything after "--" belongs to the call, as does anything after the call's name
+/// that is not one of these options, so a value may begin with '-'. If the call has an option of the same name (reload has
+/// a --timeout), that is meant. Without arguments the action is `help`.
 ctl_command_line ctl_parse_command_line(const std::vector<std::string>& arguments);
 
 #endif

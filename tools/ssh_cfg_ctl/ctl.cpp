@@ -64,7 +64,7 @@ std::string help_text() {
            "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"
            "  -h, --help             print this text\n"
            "  --version              print the version\n"
-           "  --                     what follows is no option\n"
+           "  --                     end of the options\n"
            "\nFILE may be '-' for standard input.\n"
            "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error),\n"
            "6 stored, but not all of it is in force (standard error names what is not).\n";

@@ -6,8 +6,8 @@
 
 namespace {
 
-/// The rest of the row's pattern below a path that is empty or ends in '/'; empty if the item is not below it. Neither
-/// begins with '/'.
+/// The part of the row's pattern that follows `path`, which is empty or ends in '/'; empty if the item is not below it. The
+/// path and the result do not begin with '/'.
 std::string_view pattern_below(const schema_row& row, std::string_view path) {
     std::string_view pattern = std::string_view(row.pattern).substr(1);
     while (!path.empty()) {
@@ -21,13 +21,6 @@ std::string_view pattern_below(const schema_row& row, std::string_view path) {
 }
 
 }  // namespace
-
-std::string_view schema_cut_component(std::string_view& path) {
-    const std::string_view component = path.substr(0, path.find('/'));
-    path.remove_prefix(component.size());
-    path.remove_prefix(path.empty() ? 0 : 1);
-    return component;
-}
 
 std::vector<std::string> schema_children(std::string_view path) {
     if (!path.starts_with('/')) {

@@ -133,6 +133,13 @@ std::string wrong_name(std::string_view path, std::string_view name, const schem
 
 }  // namespace
 
+std::string_view schema_cut_component(std::string_view& path) {
+    const std::string_view component = path.substr(0, path.find('/'));
+    path.remove_prefix(component.size());
+    path.remove_prefix(path.empty() ? 0 : 1);
+    return component;
+}
+
 std::string schema_shown_path(std::string_view path) {
     constexpr size_t bytes_max = 200;
     return text_escape(path, bytes_max);

@@ -23,12 +23,7 @@ class launcher_comparison : public testing::Test {
     void SetUp() override {
         openssh_test::ensure_sshd_directory();
         key_ = scratch_.make_host_key();
-        paths_.state_directory = scratch_.file("state");
-        paths_.privilege_separation_directory = scratch_.file("privsep");
-        paths_.agent_directory = scratch_.path() + "/";
-        paths_.sshd = "/usr/sbin/sshd";
-        paths_.user_keys_program = scratch_.file("authorized_keys");
-        paths_.session_reporter = scratch_.file("reporter.so");
+        paths_ = openssh_test::launcher_paths_in(scratch_);
         for (const char* name : {"sshd_config_red", "sshd_config_blue"}) {
             scratch_.write(name, "HostKey " + key_ + "\nPort 22\n");
             start(name);

@@ -30,12 +30,7 @@ class launcher_launch : public testing::Test {
     void SetUp() override {
         openssh_test::ensure_sshd_directory();
         key_ = scratch_.make_host_key();
-        paths_.state_directory = scratch_.file("state");
-        paths_.privilege_separation_directory = scratch_.file("privsep");
-        paths_.agent_directory = scratch_.path() + "/";
-        paths_.sshd = "/usr/sbin/sshd";
-        paths_.user_keys_program = scratch_.file("authorized_keys");
-        paths_.session_reporter = scratch_.file("reporter.so");
+        paths_ = openssh_test::launcher_paths_in(scratch_);
         options_.file = scratch_.file("sshd_config_red");
         write_settings("Port 22\n");
     }

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "openssh/algorithm_query.h"
+#include "openssh/paths.h"
 #include "openssh/run_programs.h"
 #include "openssh/state_files.h"
 #include "platform/algorithms.h"
@@ -54,6 +55,18 @@ class scratch_directory {
   private:
     std::string path_;
 };
+
+/// A launcher's paths in the directory, with the installed ssh and sshd.
+inline openssh::launcher_paths launcher_paths_in(const scratch_directory& scratch) {
+    openssh::launcher_paths paths;
+    paths.state_directory = scratch.file("state");
+    paths.privilege_separation_directory = scratch.file("privsep");
+    paths.agent_directory = scratch.path() + "/";
+    paths.sshd = "/usr/sbin/sshd";
+    paths.user_keys_program = scratch.file("authorized_keys");
+    paths.session_reporter = scratch.file("reporter.so");
+    return paths;
+}
 
 inline std::string text_of(const std::string& path) {
     std::ifstream stream(path, std::ios::binary);
