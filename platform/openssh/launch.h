@@ -35,7 +35,7 @@ class file_translator {
     /// Queries ssh's algorithms. Returns the error; empty on success.
     std::string prepare();
 
-    /// Translates the text of a server file, which the first line of the result names.
+    /// Translates the text of a server file. The first line of the result contains `name`.
     translation translate_file(std::string_view text, std::string_view name) const;
 
   private:

@@ -30,8 +30,8 @@ struct postponed_unit {
     bool is_read;  ///< systemd has read the unit's present file, or will read it with the next start
 };
 
-/// The state of a VRF's unit while changes are postponed. All units are queried together, again only after servers have
-/// been stopped or restarted. Returns nullopt if changes are not being postponed or systemd does not answer.
+/// The state of a VRF's unit while changes are postponed. The first call queries all units together, and so does the first
+/// one after servers were stopped or restarted. Returns nullopt if changes are not being postponed or systemd does not answer.
 std::optional<postponed_unit> query_postponed_unit(const char* vrf_name);
 
 /// Makes systemd read the units again. Returns 0, or -1 after reporting the failure; the reload is then due.

@@ -19,7 +19,7 @@ INSTALLED = ["ssh-cfg-agent", "ssh-cfg-openssh", "ssh-cfg-ctl", "ssh-cfg-platfor
 ENVIRONMENT = {**os.environ, "DEBIAN_FRONTEND": "noninteractive"}
 SERVER = router.server_unit("mgmt")
 
-# Written by other programs while packages are installed and services run.
+# Files that other programs write while packages are installed and services run.
 OTHERS_FILES = ("/var/lib/dpkg/", "/var/lib/apt/", "/var/cache/", "/var/log/", "/var/lib/systemd/", "/run/systemd/",
                 "/run/log/", "/run/dbus/", "/run/user/", "/run/lock", "/run/utmp", "/etc/group", "/etc/gshadow",
                 "/etc/passwd-", "/etc/shadow-", "/etc/subgid-", "/etc/subuid-", "/tmp/", "/var/tmp/",
@@ -40,23 +40,23 @@ def build_packages(folder):
 
 
 def files():
-    """All files except those of other programs."""
+    """Returns all files except those of other programs."""
     listing = run("find", "/etc", "/pkg", "/run", "/usr", "/var", "/tmp", "/dev/shmem", "-xdev", check=False).stdout
     return {line for line in listing.splitlines() if not line.startswith(OTHERS_FILES)}
 
 
 @pytest.fixture(scope="module")
 def before():
-    """The files of the machine before anything was installed."""
+    """The files that existed before anything was installed."""
     assert run("dpkg-query", "--show", "ssh-cfg-agent", check=False).returncode != 0
-    # In a container it keeps packages from starting services.
+    # In a container, this program prevents packages from starting services.
     pathlib.Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
     return files()
 
 
 @pytest.fixture(scope="module")
 def packages(before, tmp_path_factory):
-    """The packages by name. From now on there are neither sources nor a build, but only tests."""
+    """The packages by name. From then on, neither the sources nor the build are visible, only the tests."""
     built = build_packages(tmp_path_factory.mktemp("packages"))
     hidden = {BUILD, *(entry for entry in TREE.iterdir() if entry.is_dir() and entry.name != "tests")}
     for folder in hidden:
@@ -75,7 +75,7 @@ def installed_version():
 
 
 def repacked(package, version, folder):
-    """The same package as another version."""
+    """Returns the same package with another version."""
     tree = folder / package.name
     run("dpkg-deb", "--raw-extract", package, tree)
     control = tree / "DEBIAN/control"
@@ -211,7 +211,7 @@ def test_nothing_is_left_after_purging(packages, before, session):
     apt("purge", *INSTALLED)
     assert sorted(files() - before) == []
     assert run("dpkg-query", "--show", "ssh-cfg-*", check=False).stdout == ""
-    # Groups stay, because files of theirs may remain.
+    # The groups remain, because they may still own files.
     assert run("getent", "group", "sshcfg").returncode == 0
 
 

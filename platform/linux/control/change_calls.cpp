@@ -85,7 +85,7 @@ const char* stored_word(bool check_only) {
     return check_only ? "would be stored" : "stored";
 }
 
-/// A warning for each service whose VRF has no namespace yet.
+/// A warning for each service whose VRF has no namespace.
 std::vector<std::string> waiting_warnings(const datastore_commit_result& result, bool check_only) {
     std::vector<std::string> warnings;
     for (const datastore_item_outcome& item : result.items) {

@@ -23,7 +23,7 @@ control_json failure(const std::string& path, platform_status status) {
                                                               platform_status_text(status), status));
 }
 
-/// Adds to what can be configured below a path the names that are configured in place of "*".
+/// What can be configured below a path, with the configured names next to each "*".
 std::vector<std::string> add_configured_names(const std::vector<std::string>& possible,
                                               const std::vector<std::string>& configured) {
     std::vector<std::string> names = possible;
@@ -117,7 +117,7 @@ control_json show(const std::string& path) {
     return shown;
 }
 
-/// A session that began or ended between the two is in neither direction's number.
+/// The sessions that existed both times; an upper limit if some began while others ended.
 session_totals common_totals(const session_totals& before, const session_totals& after) {
     return {.incoming = std::min(before.incoming, after.incoming),
             .outgoing = std::min(before.outgoing, after.outgoing)};
@@ -128,8 +128,7 @@ control_json totals_to_json(const std::optional<session_totals>& totals) {
     return totals ? control_json{{"incoming", totals->incoming}, {"outgoing", totals->outgoing}} : control_json();
 }
 
-/// The totals are those of the sessions that existed both before and after the read, because one that ended meanwhile is
-/// not missing from the records.
+/// Reads the totals before and after the records, because a session that began or ended meanwhile is not missing from them.
 control_json show_sessions(const std::string& path) {
     const std::optional<session_totals> before = control_ask_session_totals();
     control_json answer = show(path);

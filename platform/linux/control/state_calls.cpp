@@ -29,7 +29,7 @@ struct vrf_state {
     mpp_vrf_status protection = {};
 };
 
-/// The configured services that have no namespace yet.
+/// The configured services of a VRF without a namespace.
 control_json waiting_services(const vrf_state& vrf) {
     control_json waiting = control_json::array();
     for (const uint32_t service : vrf.configured) {

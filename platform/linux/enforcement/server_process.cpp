@@ -43,7 +43,7 @@ bool is_being_started(int32_t process) {
     return false;
 }
 
-/// The options of a server's command line, which sshd shows in its title:
+/// The options of a server's command line, taken from its process title:
 /// "norvosshd: /pkg/libexec/norvosshd -D -f FILE [listener] 0 of 10-100 startups".
 std::string options_of(int32_t process) {
     constexpr std::string_view end_of_options = " [listener]";
@@ -56,7 +56,7 @@ std::string options_of(int32_t process) {
     std::replace(line.begin(), line.end(), '\0', ' ');
     line.erase(std::min(line.size(), line.rfind(end_of_options)));
     line.erase(line.find_last_not_of(' ') + 1);
-    // The program, and in a title the process's name before it.
+    // Skips the program, and in a title also the process's name before it.
     size_t begin = line.find(' ');
     if (begin != std::string::npos && begin > 0 && line[begin - 1] == ':') {
         begin = line.find(' ', begin + 1);

@@ -10,10 +10,10 @@
 /// Throws std::bad_alloc.
 std::string server_settings_difference(std::string_view vrf_name);
 
-/// Why the launcher did not answer; empty if it did or was not asked.
+/// The reason that the launcher did not answer; empty if it answered or was not queried.
 std::string server_settings_failure();
 
-/// Makes the next call ask again.
+/// Discards the answer, so the next call queries the launcher again.
 void server_settings_forget();
 
 #endif

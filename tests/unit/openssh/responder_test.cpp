@@ -358,7 +358,7 @@ TEST_F(session_responder, finds_all_sessions_after_more_events_than_the_kernel_k
     static std::atomic<bool> has_stopped;
     is_held = has_stopped = false;
     end();
-    // Holds the responder from its first report that it is alive.
+    // Blocks the responder in its first keep-alive.
     options_.report_alive = [](bool) {
         while (is_held) {
             has_stopped = true;
