@@ -61,6 +61,23 @@ def test_a_change_is_silent_and_takes_effect():
     assert "LoginGraceTime 30" in router.server_lines()
 
 
+def test_a_path_may_be_given_by_its_end():
+    result = tool("set", "timeout", "45")
+    assert (result.returncode, result.stdout, result.stderr) == (0, f"created  {TIMEOUT}\n", "")
+    assert tool("get", "timeout").stdout == "45\n"
+    assert tool("set", "vrf/red").stdout == f"created  {router.SERVER}sshd/vrf/red\n"
+    assert tool("get", "vrf/red").stdout == "[null,null,null]\n"
+    ambiguous = tool("set", "dscp", "10")
+    assert (ambiguous.returncode, ambiguous.stdout) == (2, "")
+    assert ambiguous.stderr.splitlines()[1:] == [f"ssh_cfg_ctl: {router.CLIENT}dscp",
+                                                 f"ssh_cfg_ctl: {router.SERVER}cmn/dscp"]
+    assert tool("show", "server-params").stdout.startswith("Protocol version")
+    assert tool("show", "session_xml/brief").stderr == \
+        "ssh_cfg_ctl: /oper/crypto-ssh/gl/session_xml/brief: no sessions\n"
+    assert tool("list", "aaa/username").returncode == 0
+    assert tool("delete", "vrf/red").stdout == f"deleted  {router.SERVER}sshd/vrf/red\n"
+
+
 def test_list_names_the_children():
     router.load({"cmn/timeout": 45, "cmn/dscp": 46, "sshd/vrf/red": router.OPEN})
     assert tool("list", router.SERVER).stdout == "cmn\nsshd\n"

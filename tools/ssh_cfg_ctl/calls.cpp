@@ -42,10 +42,14 @@ const std::string* find_no_text(const argument_list& arguments) {
 }
 
 ctl_request set_request(const argument_list& arguments) {
-    if (arguments.size() != 2) {
+    if (arguments.empty() || arguments.size() > 2) {
         return wrong_arguments();
     }
-    return ask({{"call", "set"}, {"path", arguments[0]}, {"word", arguments[1]}});
+    control_json request = {{"call", "set"}, {"path", arguments[0]}};
+    if (arguments.size() == 2) {
+        request["word"] = arguments[1];
+    }
+    return ask(std::move(request));
 }
 
 template <const char* call_name>
@@ -308,16 +312,30 @@ std::string rehearsal_text(const control_json& answer) {
     return vrfs.empty() ? text : text + "VRFs concerned: " + vrfs + '\n';
 }
 
+/// "created  /cfg/...": one line for an item of a commit.
+std::string outcome_text(const control_json& item) {
+    const std::string outcome = item.value("outcome", "");
+    return outcome + std::string(outcome.size() < 9 ? 9 - outcome.size() : 1, ' ') +
+           text_escape(item.value("path", ""), 1024) + '\n';
+}
+
+/// Of a change by a short path, what became of which items; otherwise nothing.
+std::string change_text(const control_json& answer) {
+    std::string text;
+    if (answer.contains("path")) {
+        for (const control_json& item : answer.value("items", control_json::array())) {
+            text += outcome_text(item);
+        }
+    }
+    return text;
+}
+
 std::string load_text(const control_json& answer) {
     const control_json items = answer.value("items", control_json::array());
     const bool check = answer.value("check", false);
     std::string text;
     for (const control_json& item : items) {
-        const std::string outcome = item.value("outcome", "");
-        if (check && outcome != "unchanged") {
-            text += outcome + std::string(outcome.size() < 9 ? 9 - outcome.size() : 1, ' ') +
-                    text_escape(item.value("path", ""), 1024) + '\n';
-        }
+        text += check && item.value("outcome", "") != "unchanged" ? outcome_text(item) : "";
     }
     text += rehearsal_text(answer);
     text += counts_text(items);
@@ -454,8 +472,8 @@ std::string repair_text(const control_json& answer) {
 }
 
 constexpr ctl_call_row calls[] = {
-    {"set", "PATH VALUE", "store one item; VALUE is JSON, or a bare word for a string", set_request, no_text},
-    {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, no_text},
+    {"set", "PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request, change_text},
+    {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, change_text},
     {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
      load_request, load_text},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},

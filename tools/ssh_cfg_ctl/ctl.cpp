@@ -65,7 +65,8 @@ std::string help_text() {
            "  -h, --help             print this text\n"
            "  --version              print the version\n"
            "  --                     end of the options\n"
-           "\nFILE may be '-' for standard input.\n"
+           "\nPATH may be the end of a path if only one path ends so: `set timeout 45`. Scripts use whole paths.\n"
+           "FILE may be '-' for standard input.\n"
            "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error),\n"
            "6 stored, but not all of it is in force (standard error names what is not).\n";
 }

@@ -404,7 +404,7 @@ std::string ctl_show_text(const control_json& answer, size_t width) {
 }
 
 void ctl_explain_sessions(const control_json& request, control_json& answer) {
-    const std::string path = request.value("path", "");
+    const std::string path = answer.value("path", request.value("path", ""));
     const control_session_tree* tree = request.value("call", "") == "show" ? find_session_tree(path) : nullptr;
     if (tree == nullptr) {
         return;

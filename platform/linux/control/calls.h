@@ -2,7 +2,7 @@
 ///
 /// Request members beside "call":
 ///   set     path, value (any JSON value) or word (the value as typed: JSON, or a bare word where the schema expects a
-///           string)
+///           string); neither for an item without fields, or of which only the existence matters
 ///   delete  path
 ///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
 ///   get     path
@@ -23,6 +23,8 @@
 ///   key_delete  user
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
+/// A path of set, delete, get, list or show may be given by its end; if that is ambiguous, the answer has result "usage" and
+/// "candidates". The answer to a change of such an item has its "path". The paths of load are absolute.
 /// With "progress" (true) reports come before the answer if that takes longer than a second: objects with "progress", an
 /// object with "work", "done", "total", and "waiting" (true while the request waits for another one).
 /// "in_progress" in the data of status is such an object, or null when nothing is.

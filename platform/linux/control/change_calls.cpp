@@ -6,6 +6,7 @@
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/path_member.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/status/machine_status.h"
@@ -266,36 +267,63 @@ std::vector<datastore_change_request> changes_of(const control_json& items, load
     return changes;
 }
 
+/// Whoever gives a short path learns which item it was.
+control_json commit_wish(const change_call& call, const control_path& wished, const datastore_change_request& change) {
+    control_json answer = commit(call, {change});
+    if (wished.is_short) {
+        answer["path"] = wished.path;
+    }
+    return answer;
+}
+
+/// Sets an item without fields, or one of which only the existence matters.
+control_json set_without_value(const change_call& call, const control_path& wished) {
+    std::string refusal;
+    const schema_row* row = schema_find(wished.path, &refusal);
+    if (row == nullptr) {
+        return refuse(call, wished.path, {refusal});
+    }
+    if (row->form.kind == schema_kind::presence) {
+        return commit_wish(call, wished, {wished.path, true});
+    }
+    if (row->form.kind == schema_kind::tuple && row->rule == schema_tuple_rule::none) {
+        return commit_wish(call, wished, {wished.path, datastore_fields()});
+    }
+    return control_answer(control_result::usage,
+                          text_format("%s: the value is missing; expected %s", schema_shown_path(wished.path).c_str(),
+                                      schema_expected(*row).c_str()));
+}
+
 }  // namespace
 
 control_json control_call_set(const control_json& request, const control_peer& peer) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
+    const control_path wished = control_item_path(request);
+    if (!wished.problem.is_null()) {
+        return wished.problem;
     }
     const std::string* word = control_text_member(request, "word");
     const auto value = request.find("value");
-    if (word == nullptr && value == request.end()) {
-        return control_wrong_member("value", "present");
-    }
     const change_call call = {"set", peer, false};
+    if (word == nullptr && value == request.end()) {
+        return set_without_value(call, wished);
+    }
     if (word == nullptr && value->is_null()) {
-        return refuse(
-            call, *path,
-            {text_format("%s: null is not a value; use delete to remove an item", schema_shown_path(*path).c_str())});
+        return refuse(call, wished.path,
+                      {text_format("%s: null is not a value; use delete to remove an item",
+                                   schema_shown_path(wished.path).c_str())});
     }
     std::string refusal;
     const std::optional<datastore_change_request> change =
-        change_of({*path, word == nullptr ? &*value : nullptr, word}, refusal);
-    return change.has_value() ? commit(call, {*change}) : refuse(call, *path, {refusal});
+        change_of({wished.path, word == nullptr ? &*value : nullptr, word}, refusal);
+    return change.has_value() ? commit_wish(call, wished, *change) : refuse(call, wished.path, {refusal});
 }
 
 control_json control_call_delete(const control_json& request, const control_peer& peer) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
+    const control_path wished = control_item_or_folder_path(request);
+    if (!wished.problem.is_null()) {
+        return wished.problem;
     }
-    return commit({"delete", peer, false}, {{*path, std::nullopt}});
+    return commit_wish({"delete", peer, false}, wished, {wished.path, std::nullopt});
 }
 
 control_json control_call_load(const control_json& request, const control_peer& peer) {

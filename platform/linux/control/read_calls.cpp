@@ -4,6 +4,7 @@
 #include "common/text.h"
 #include "control_protocol/session_trees.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/path_member.h"
 #include "linux/control/session_totals.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
@@ -41,37 +42,37 @@ std::vector<std::string> add_configured_names(const std::vector<std::string>& po
 }  // namespace
 
 control_json control_call_get(const control_json& request, const control_peer& /*peer*/) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
+    const auto [path, is_short, problem] = control_item_path(request);
+    if (!problem.is_null()) {
+        return problem;
     }
     std::string refusal;
-    if (schema_find(*path, &refusal) == nullptr) {
+    if (schema_find(path, &refusal) == nullptr) {
         return control_answer(control_result::refused, refusal);
     }
     datastore_value value;
-    const platform_status status = datastore_get_value(*path, value);
+    const platform_status status = datastore_get_value(path, value);
     if (status == DATASTORE_NO_SUCH_ITEM) {
-        return no_data("%s: not configured", *path);
+        return no_data("%s: not configured", path);
     }
-    return status == PLATFORM_OK ? control_data_answer(control_value_to_json(value)) : failure(*path, status);
+    return status == PLATFORM_OK ? control_data_answer(control_value_to_json(value)) : failure(path, status);
 }
 
 control_json control_call_list(const control_json& request, const control_peer& /*peer*/) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
+    const auto [path, is_short, problem] = control_folder_path(request);
+    if (!problem.is_null()) {
+        return problem;
     }
     std::vector<std::string> names;
-    const platform_status status = datastore_list_children(*path, names);
+    const platform_status status = datastore_list_children(path, names);
     if (status != PLATFORM_OK) {
-        return failure(*path, status);
+        return failure(path, status);
     }
     if (request.value("all", control_json()) == true) {
-        const std::vector<std::string> possible = schema_children(*path);
+        const std::vector<std::string> possible = schema_children(path);
         names = possible.empty() ? names : add_configured_names(possible, names);
     }
-    return names.empty() ? no_data("%s: nothing is configured below this path", *path) : control_data_answer(names);
+    return names.empty() ? no_data("%s: nothing is configured below this path", path) : control_data_answer(names);
 }
 
 control_json control_call_dump(const control_json& /*request*/, const control_peer& /*peer*/) {
@@ -140,9 +141,13 @@ control_json show_sessions(const std::string& path) {
 }  // namespace
 
 control_json control_call_show(const control_json& request, const control_peer& /*peer*/) {
-    const std::string* path = control_text_member(request, "path");
-    if (path == nullptr) {
-        return control_wrong_member("path", "a string");
+    const auto [path, is_short, problem] = control_operational_path(request);
+    if (!problem.is_null()) {
+        return problem;
     }
-    return control_find_session_tree(*path) == nullptr ? show(*path) : show_sessions(*path);
+    control_json answer = control_find_session_tree(path) == nullptr ? show(path) : show_sessions(path);
+    if (is_short) {
+        answer["path"] = path;
+    }
+    return answer;
 }

@@ -1,15 +1,14 @@
 #include <algorithm>
-#include <array>
-#include <numeric>
 
 #include "common/text.h"
 #include "linux/datastore/schema.h"
 #include "linux/datastore/schema_form.h"
+#include "linux/datastore/schema_nearest.h"
+#include "linux/datastore/short_path.h"
 
 namespace {
 
-constexpr size_t path_limit = 1024;       ///< bytes of a path
-constexpr size_t comparison_limit = 128;  ///< bytes of a path that are compared to find the nearest item
+constexpr size_t path_limit = 1024;  ///< bytes of a path
 constexpr size_t shown_name = 80;
 
 /// Removes the first component of `path`, which begins with '/'.
@@ -60,65 +59,12 @@ const schema_row* find_literally(std::string_view path) {
     return found != rows.end() && found->wildcard.help == nullptr && path == found->pattern ? &*found : nullptr;
 }
 
-/// The pattern with each "*" replaced by the path's own name, so that only real differences count.
-std::string filled_pattern(const schema_row& row, std::string_view path) {
-    std::string filled;
-    std::string_view pattern = row.pattern;
-    while (!pattern.empty()) {
-        const std::string_view expected = take_component(pattern);
-        const std::string_view found = path.empty() ? std::string_view() : take_component(path);
-        filled += '/';
-        filled += expected == "*" && !found.empty() ? found : expected;
-    }
-    return filled;
-}
-
-/// The number of letters to insert, delete or replace to turn one text into the other, or at least `limit` if it is not
-/// less than that.
-size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
-    while (!from.empty() && !to.empty() && from.front() == to.front()) {
-        from.remove_prefix(1);
-        to.remove_prefix(1);
-    }
-    const size_t difference = std::max(from.size(), to.size()) - std::min(from.size(), to.size());
-    if (difference >= limit) {
-        return limit;
-    }
-    std::array<uint16_t, comparison_limit + 1> distances;
-    std::iota(distances.begin(), distances.end(), uint16_t{0});
-    for (size_t i = 0; i < from.size(); i++) {
-        uint16_t diagonal = distances[0];
-        distances[0] = static_cast<uint16_t>(i + 1);
-        for (size_t j = 0; j < to.size(); j++) {
-            const int replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = distances[j + 1];
-            distances[j + 1] = static_cast<uint16_t>(std::min({replaced, distances[j] + 1, distances[j + 1] + 1}));
-        }
-    }
-    return distances[to.size()];
-}
-
-const schema_row& nearest_row(std::string_view path) {
-    const std::string_view compared = path.substr(0, comparison_limit);
-    const schema_row* nearest = &schema_rows().front();
-    size_t nearest_distance = SIZE_MAX;
-    for (const schema_row& row : schema_rows()) {
-        const std::string filled = filled_pattern(row, compared).substr(0, comparison_limit);
-        const size_t distance = edit_distance(compared, filled, nearest_distance);
-        if (distance < nearest_distance) {
-            nearest = &row;
-            nearest_distance = distance;
-        }
-    }
-    return *nearest;
-}
-
 std::string unknown_path(std::string_view path) {
-    if (path.empty() || path[0] != '/') {
+    const schema_row& row = schema_nearest(path);
+    if (!path.starts_with('/') && !short_path_meanings(path, path_target::item).empty()) {
         return text_format("%s: not an absolute path; expected an item such as %s", schema_shown_path(path).c_str(),
-                           schema_rows().front().pattern);
+                           row.pattern);
     }
-    const schema_row& row = nearest_row(path);
     if (row.wildcard.help == nullptr) {
         return text_format("%s: no such item; the closest match is %s", schema_shown_path(path).c_str(), row.pattern);
     }

@@ -195,33 +195,40 @@ std::string display_scalar(const datastore_scalar& value) {
     return '"' + text_escape_quoted(std::get<std::string>(value), shown_value) + '"';
 }
 
+datastore_fields without_absent_end(datastore_fields fields) {
+    while (!fields.empty() && !fields.back()) {
+        fields.pop_back();
+    }
+    return fields;
+}
+
 /// Packs an array. If one of its fields is invalid, `refusal` already holds the text.
 complaint take_tuple(const schema_row& row, std::string_view path, const datastore_value& value, std::string& packed,
                      std::string& refusal) {
-    const datastore_fields* fields = std::get_if<datastore_fields>(&value);
-    if (fields == nullptr) {
+    if (!std::holds_alternative<datastore_fields>(value)) {
         return complaint::not_an_array;
     }
-    if (fields->size() > row.fields.size()) {
+    const datastore_fields fields = without_absent_end(std::get<datastore_fields>(value));
+    if (fields.size() > row.fields.size()) {
         return complaint::too_many_fields;
     }
-    std::vector<taken_scalar> taken(fields->size());
-    for (size_t i = 0; i < fields->size(); i++) {
-        if (!(*fields)[i]) {
+    std::vector<taken_scalar> taken(fields.size());
+    for (size_t i = 0; i < fields.size(); i++) {
+        if (!fields[i]) {
             continue;
         }
         const schema_field& field = row.fields[i];
-        const complaint what = take_scalar(field.form, *(*fields)[i], taken[i]);
+        const complaint what = take_scalar(field.form, *fields[i], taken[i]);
         if (what != complaint::none) {
             refusal =
                 complain(what, text_format("%s: field %zu (%s)", schema_shown_path(path).c_str(), i + 1, field.name),
-                         display_scalar(*(*fields)[i]), schema_form_in_words(field.form));
+                         display_scalar(*fields[i]), schema_form_in_words(field.form));
             return what;
         }
     }
-    const complaint what = check_tuple_rule(row, *fields, taken);
+    const complaint what = check_tuple_rule(row, fields, taken);
     if (what == complaint::none) {
-        packed = pack(row, *fields, taken);
+        packed = pack(row, fields, taken);
     }
     return what;
 }
@@ -303,10 +310,7 @@ platform_status load_tuple(const schema_row& row, const std::string& bytes, data
         }
     }
     // A list ends with its last entry; a tuple shows all its fields.
-    while (row.rule == schema_tuple_rule::list && !fields.empty() && !fields.back()) {
-        fields.pop_back();
-    }
-    value = std::move(fields);
+    value = row.rule == schema_tuple_rule::list ? without_absent_end(std::move(fields)) : std::move(fields);
     return PLATFORM_OK;
 }
 

@@ -34,3 +34,12 @@ bool datastore_served_list(std::string_view path, std::vector<datastore_list_ent
     }
     return false;
 }
+
+std::vector<std::string_view> datastore_served_trees() {
+    std::vector<std::string_view> served;
+    served.reserve(trees().size());
+    for (const served_tree& row : trees()) {
+        served.push_back(row.tree);
+    }
+    return served;
+}

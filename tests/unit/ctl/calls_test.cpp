@@ -31,6 +31,7 @@ TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("set", {"/a", "[null,1]"}), R"({"call":"set","path":"/a","word":"[null,1]"})");
     EXPECT_EQ(request("delete", {"/a"}), R"({"call":"delete","path":"/a"})");
     EXPECT_EQ(request("get", {"/a"}), R"({"call":"get","path":"/a"})");
+    EXPECT_EQ(request("set", {"vrf/a"}), R"({"call":"set","path":"vrf/a"})");
     EXPECT_EQ(request("list", {"/"}), R"({"call":"list","path":"/"})");
     EXPECT_EQ(request("list", {"--all", "/"}), R"({"call":"list","path":"/","all":true})");
     EXPECT_EQ(request("show", {"/oper"}), R"({"call":"show","path":"/oper"})");
@@ -115,7 +116,7 @@ TEST(ctl_calls, load_accepts_its_option_before_or_after_the_file) {
 
 TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
     const std::pair<const char*, std::vector<std::string>> rows[] = {
-        {"set", {"/a"}},
+        {"set", {}},
         {"set", {"/a", "1", "2"}},
         {"delete", {}},
         {"get", {}},
@@ -177,6 +178,8 @@ TEST(ctl_texts, names_are_printed_one_per_line) {
 
 TEST(ctl_texts, a_change_is_silent_and_a_load_prints_a_count) {
     EXPECT_EQ(text("set", R"({"items":[{"path":"/a","outcome":"created"}]})"), "");
+    EXPECT_EQ(text("set", R"({"items":[{"path":"/x/a","outcome":"changed"}],"path":"/x/a"})"), "changed  /x/a\n");
+    EXPECT_EQ(text("delete", R"({"items":[{"path":"/x/a","outcome":"deleted"}],"path":"/x/"})"), "deleted  /x/a\n");
     EXPECT_EQ(
         text("load", R"({"check":false,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"},
                                {"path":"/c","outcome":"created"}]})"),

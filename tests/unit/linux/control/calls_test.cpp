@@ -22,7 +22,6 @@ TEST_F(control_calls_test, a_missing_or_wrong_member_is_a_usage_error_that_names
     const std::pair<const char*, const char*> rows[] = {
         {R"({"call":"set","value":1})", "path"},
         {R"({"call":"set","path":1,"value":1})", "path"},
-        {R"({"call":"set","path":"@cmn/timeout"})", "value"},
         {R"({"call":"delete"})", "path"},
         {R"({"call":"delete","path":[]})", "path"},
         {R"({"call":"load"})", "items"},

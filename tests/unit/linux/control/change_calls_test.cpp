@@ -69,6 +69,62 @@ TEST_F(control_change_calls_test, set_accepts_bare_words) {
         R"("/cfg/gl/crypto/ssh/server/sshd/vrf/blue":[null,"v4",null]})");
 }
 
+TEST_F(control_change_calls_test, a_path_may_be_given_by_its_end) {
+    const control_json answer = ask(R"({"call":"set","path":"timeout","word":"45"})");
+    EXPECT_EQ(
+        control_json_text(answer),
+        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],)"
+        R"("path":"/cfg/gl/crypto/ssh/server/cmn/timeout"})");
+    EXPECT_THAT(audit.back(), HasSubstr("created /cfg/gl/crypto/ssh/server/cmn/timeout"));
+    EXPECT_EQ(ask(R"({"call":"set","path":"timeout","word":"500"})")["path"], timeout_path);
+    EXPECT_EQ(ask(R"({"call":"delete","path":"cmn/timeout"})")["items"][0]["outcome"], "deleted");
+    EXPECT_EQ(result(R"({"call":"delete","path":"timeout"})"), "no_data");
+}
+
+TEST_F(control_change_calls_test, an_ambiguous_path_changes_nothing_and_lists_its_meanings) {
+    for (const char* request :
+         {R"({"call":"set","path":"rekey_time","word":"45"})", R"({"call":"delete","path":"rekey_time"})"}) {
+        EXPECT_EQ(
+            control_json_text(ask(request)),
+            R"({"result":"usage","message":"rekey_time: ambiguous, expected one of\n)"
+            R"(/cfg/gl/crypto/ssh/client/rekey_time\n/cfg/gl/crypto/ssh/server/cmn/rekey_time",)"
+            R"("candidates":["/cfg/gl/crypto/ssh/client/rekey_time","/cfg/gl/crypto/ssh/server/cmn/rekey_time"]})");
+    }
+    EXPECT_THAT(take_calls(), IsEmpty());
+    EXPECT_THAT(audit, IsEmpty());
+}
+
+TEST_F(control_change_calls_test, a_short_path_of_a_folder_deletes_what_is_below_it) {
+    ask(R"({"call":"load","items":{"@sshd/vrf/blue":[],"@sshd/vrf/red":[],"@cmn/timeout":45}})");
+    EXPECT_EQ(result(R"({"call":"delete","path":"vrf"})"), "no_data");
+    const control_json answer = ask(R"({"call":"delete","path":"vrf/"})");
+    EXPECT_EQ(answer["items"].size(), 2U);
+    EXPECT_EQ(answer["path"], "/cfg/gl/crypto/ssh/server/sshd/vrf/");
+    EXPECT_EQ(result(R"({"call":"delete","path":"banner/"})"), "usage");
+    EXPECT_EQ(result(R"({"call":"delete","path":"nowhere/"})"), "refused");
+    EXPECT_EQ(stored(timeout_path), "45");
+}
+
+TEST_F(control_change_calls_test, an_item_without_fields_needs_no_value) {
+    EXPECT_EQ(result(R"({"call":"set","path":"vrf/blue"})"), "done");
+    EXPECT_EQ(data(R"({"call":"get","path":"vrf/blue"})"), "[null,null,null]");
+    EXPECT_EQ(result(R"({"call":"set","path":"logging"})"), "done");
+    EXPECT_EQ(data(R"({"call":"get","path":"logging"})"), "true");
+    EXPECT_EQ(result(R"({"call":"set","path":"timeout"})"), "usage");
+    EXPECT_EQ(message(R"({"call":"set","path":"timeout"})"),
+              "/cfg/gl/crypto/ssh/server/cmn/timeout: the value is missing; expected a number from 5 to 120 (seconds, "
+              "login grace time)");
+    EXPECT_EQ(result(R"({"call":"set","path":"server/cmn/algorithms/cipher"})"), "usage");
+    EXPECT_EQ(result(R"({"call":"set","path":"nowhere"})"), "refused");
+}
+
+TEST_F(control_change_calls_test, absent_fields_at_the_end_do_not_count) {
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/algorithms/cipher","value":["aes128-ctr",null,null]})"), "done");
+    EXPECT_EQ(data(R"({"call":"get","path":"@cmn/algorithms/cipher"})"), R"(["aes128-ctr"])");
+    EXPECT_EQ(result(R"({"call":"set","path":"@sshd/vrf/blue","value":[null,"v4",null,null,null]})"), "done");
+    EXPECT_EQ(ask(R"({"call":"set","path":"@sshd/vrf/blue","value":[null,"v4"]})")["items"][0]["outcome"], "unchanged");
+}
+
 TEST_F(control_change_calls_test, a_service_without_a_namespace_is_stored_and_waits) {
     const std::string item = R"("@sshd/vrf-netconf/nowhere":[null,null,null])";
     const std::string path = "/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/nowhere";
@@ -107,7 +163,9 @@ TEST_F(control_change_calls_test, invalid_values_are_refused_by_name) {
 TEST_F(control_change_calls_test, invalid_paths_are_refused_by_name) {
     expect_refused(R"({"call":"set","path":"@cmn/timeot","value":30})", {"cmn/timeot"});
     expect_refused(R"({"call":"set","path":"","value":30})", {});
-    expect_refused(R"({"call":"set","path":"cmn/timeout","value":30})", {"cmn/timeout"});
+    expect_refused(R"({"call":"set","path":"server/timeout","value":30})",
+                   {"server/timeout: no such item", "cmn/timeout"});
+    expect_refused(R"({"call":"load","items":{"cmn/timeout":30}})", {"cmn/timeout: not an absolute path"});
     expect_refused(R"({"call":"set","path":"/cfg/../etc/passwd","value":30})", {"/cfg/../etc/passwd"});
     for (const char* name : {"a b", "a/b", "a'b", "a\\\"b", "a;b", "$(touch /tmp/x)", "`x`", "-a", ".a", "..", "ü",
                              "a\\nb", "xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"}) {

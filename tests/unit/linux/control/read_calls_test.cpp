@@ -84,6 +84,22 @@ TEST_F(control_read_calls_test, get_distinguishes_missing_and_invalid_items) {
     EXPECT_THAT(message(R"({"call":"get","path":"@cmn/dscpp"})"), HasSubstr("cmn/dscpp"));
 }
 
+TEST_F(control_read_calls_test, a_path_may_be_given_by_its_end) {
+    EXPECT_EQ(data(R"({"call":"get","path":"timeout"})"), "45");
+    EXPECT_EQ(data(R"({"call":"get","path":"vrf/blue"})"), R"([null,"v4",null])");
+    EXPECT_EQ(data(R"({"call":"list","path":"sshd/vrf"})"), R"(["blue"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"cmn/"})"), R"(["logging","timeout","trustpoint"])");
+    EXPECT_EQ(result(R"({"call":"list","path":"nowhere"})"), "no_data");
+    EXPECT_EQ(message(R"({"call":"get","path":"max_auth_limit"})"),
+              "/cfg/gl/crypto/ssh/server/cmn/max_auth_limit: not configured");
+    for (const char* request : {R"({"call":"get","path":"dscp"})", R"({"call":"list","path":"banner"})",
+                                R"({"call":"show","path":"brief"})"}) {
+        const control_json answer = ask(request);
+        EXPECT_EQ(answer["result"], "usage") << request;
+        EXPECT_GE(answer["candidates"].size(), 2U) << request;
+    }
+}
+
 TEST_F(control_read_calls_test, list_returns_names) {
     EXPECT_EQ(data(R"({"call":"list","path":"@cmn"})"), R"(["logging","timeout","trustpoint"])");
     EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf/"})"), R"(["blue"])");
@@ -116,6 +132,17 @@ class control_show_test : public control_test::calls_test {
 
     datastore_provider* provider = nullptr;
 };
+
+TEST_F(control_show_test, an_operational_path_may_be_given_by_its_end) {
+    datastore_provider* parameters = nullptr;
+    ASSERT_EQ(datastore_provider_register("/oper/crypto-ssh/gl/server-params", provide, nullptr, nullptr, &parameters),
+              PLATFORM_OK);
+    const control_json answer = ask(R"({"call":"show","path":"server-params/"})");
+    EXPECT_EQ(answer["path"], "/oper/crypto-ssh/gl/server-params/");
+    EXPECT_EQ(answer["message"], "/oper/crypto-ssh/gl/server-params/: no data");
+    EXPECT_EQ(result(R"({"call":"show","path":"params"})"), "no_data");
+    EXPECT_EQ(datastore_provider_unregister(parameters), PLATFORM_OK);
+}
 
 TEST_F(control_show_test, returns_a_record_by_its_schemas_field_names) {
     register_session();

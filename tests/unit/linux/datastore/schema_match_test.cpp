@@ -68,7 +68,9 @@ TEST(schema_find, refuses_what_is_not_the_path_of_an_item) {
         EXPECT_NE(refusal_of(path), "") << path;
     }
     EXPECT_EQ(refusal_of("timeout"),
-              std::string("timeout: not an absolute path; expected an item such as ") + schema_rows().front().pattern);
+              "timeout: not an absolute path; expected an item such as /cfg/gl/crypto/ssh/server/cmn/timeout");
+    EXPECT_EQ(refusal_of("timeuot"),
+              "timeuot: no such item; the closest match is /cfg/gl/crypto/ssh/server/cmn/timeout");
 }
 
 TEST(schema_find, keeps_a_message_short_however_long_the_path) {

@@ -168,6 +168,14 @@ TEST(schema_store, a_short_array_has_absent_fields_at_the_end) {
               datastore_value(strings({nullptr, "v4", nullptr})));
 }
 
+TEST(schema_store, absent_fields_at_the_end_do_not_count) {
+    EXPECT_EQ(round_trip("cmn/algorithms/cipher", strings({"aes128-ctr", nullptr, nullptr})),
+              datastore_value(strings({"aes128-ctr"})));
+    EXPECT_EQ(stored_of("sshd/vrf/blue", datastore_fields(100)).bytes, std::string("\0\0\0\0", 4));
+    EXPECT_NE(refusal_of("cmn/algorithms/cipher", strings({nullptr, nullptr})).find("is an empty list"),
+              std::string::npos);
+}
+
 TEST(schema_store, names_the_field_that_does_not_fit) {
     EXPECT_EQ(
         refusal_of("sshd/vrf/blue", strings({nullptr, "v4 list"})),
@@ -181,11 +189,11 @@ TEST(schema_store, names_the_field_that_does_not_fit) {
 
 TEST(schema_store, refuses_anything_but_an_array_and_one_that_is_too_long) {
     EXPECT_EQ(
-        refusal_of("sshd/vrf/blue", strings({nullptr, nullptr, nullptr, nullptr})),
-        "[null, null, null, null] has too many fields; expected an array of at most 3 fields (SSH server of a VRF), "
+        refusal_of("sshd/vrf/blue", strings({nullptr, nullptr, nullptr, "v4"})),
+        "[null, null, null, \"v4\"] has too many fields; expected an array of at most 3 fields (SSH server of a VRF), "
         "null for an absent one: index, ipv4_acl, ipv6_acl");
     EXPECT_NE(refusal_of("sshd/vrf/blue", true).find("true is not an array"), std::string::npos);
-    EXPECT_LT(refusal_of("sshd/vrf/blue", datastore_fields(100000)).size(), 400u);
+    EXPECT_LT(refusal_of("sshd/vrf/blue", datastore_fields(100000, int64_t{1})).size(), 400u);
 }
 
 TEST(schema_store, keeps_the_order_of_a_list_and_refuses_gaps) {
@@ -194,8 +202,11 @@ TEST(schema_store, keeps_the_order_of_a_list_and_refuses_gaps) {
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", datastore_fields()).find("[] is an empty list"), std::string::npos);
     EXPECT_NE(refusal_of("cmn/algorithms/cipher", strings({nullptr, "aes128-ctr"})).find("has a gap"),
               std::string::npos);
+    EXPECT_NE(
+        refusal_of("cmn/algorithms/cipher", strings({"aes128-ctr", nullptr, "aes256-ctr", nullptr})).find("has a gap"),
+        std::string::npos);
     EXPECT_EQ(refusal_of("cmn/algorithms/key-exchange", strings({nullptr})),
-              "[null] has a gap in the list; expected an array of 1 to 9 strings (key-exchange algorithms in order of "
+              "[null] is an empty list; expected an array of 1 to 9 strings (key-exchange algorithms in order of "
               "preference), each 1 to 40 letters, digits, '_', '-', '.', '@' or '+', not beginning with '-' or '.' "
               "(algorithm name)");
 }

@@ -1,0 +1,90 @@
+#include "linux/datastore/short_path.h"
+
+#include <optional>
+#include <set>
+#include <span>
+
+#include "linux/datastore/schema.h"
+#include "linux/datastore/served_lists.h"
+
+namespace {
+
+constexpr size_t short_path_limit = 1024;  ///< bytes
+constexpr std::string_view configuration = "/cfg/";
+
+using component_list = std::vector<std::string_view>;
+using components = std::span<const std::string_view>;
+
+/// The components of a path, without its first and last slash.
+component_list split(std::string_view path) {
+    path.remove_prefix(path.starts_with('/') ? 1 : 0);
+    component_list parts;
+    while (!path.empty()) {
+        parts.push_back(schema_cut_component(path));
+    }
+    return parts;
+}
+
+/// The whole path, if `end` is the end of the pattern. The first component of `end` is never a name: on its own, it could be
+/// anything.
+std::optional<std::string> completed(components pattern, components end) {
+    if (end.empty() || end.size() > pattern.size()) {
+        return std::nullopt;
+    }
+    const size_t start = pattern.size() - end.size();
+    std::string path;
+    for (size_t i = 0; i < pattern.size(); i++) {
+        const bool is_wildcard = pattern[i] == "*";
+        const std::string_view part = i < start ? pattern[i] : end[i - start];
+        if (is_wildcard ? i <= start : part != pattern[i]) {
+            return std::nullopt;
+        }
+        path.append("/").append(part);
+    }
+    return path;
+}
+
+void add(std::set<std::string>& paths, const std::optional<std::string>& path) {
+    if (path) {
+        paths.insert(*path);
+    }
+}
+
+std::set<std::string> items_that_end_with(components end) {
+    std::set<std::string> paths;
+    for (const schema_row& row : schema_rows()) {
+        add(paths, completed(split(row.pattern), end));
+    }
+    return paths;
+}
+
+std::set<std::string> folders_that_end_with(components end) {
+    std::set<std::string> paths;
+    for (const schema_row& row : schema_rows()) {
+        const component_list pattern = split(row.pattern);
+        for (size_t depth = 1; depth < pattern.size(); depth++) {
+            add(paths, completed(components(pattern).first(depth), end));
+        }
+    }
+    for (const std::string_view tree : datastore_served_trees()) {
+        if (tree.starts_with(configuration)) {
+            add(paths, completed(split(tree), end));
+        }
+    }
+    return paths;
+}
+
+}  // namespace
+
+std::vector<std::string> short_path_meanings(std::string_view path, path_target target) {
+    if (path.starts_with('/')) {
+        return {std::string(path)};
+    }
+    if (path.size() > short_path_limit || (target == path_target::item && path.ends_with('/'))) {
+        return {};
+    }
+    const component_list end = split(path);
+    const std::set<std::string> paths =
+        target == path_target::item ? items_that_end_with(end) : folders_that_end_with(end);
+    return {paths.begin(), paths.end()};
+}
