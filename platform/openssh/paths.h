@@ -44,8 +44,6 @@ struct launcher_paths {
     std::string user_runtime_directories = "/run/user/";
     std::string temporary_directory = "/tmp";
     const char* system_log = "/dev/log";
-    /// The name in the log: the server's own, which it takes from its program's name.
-    const char* log_name = "norvosshd";
 };
 
 }  // namespace openssh

@@ -1,11 +1,13 @@
 #include "openssh/report.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
 
+#include "common/journal_entry.h"
 #include "common/text.h"
 #include "openssh/text.h"
 
@@ -20,6 +22,24 @@ bool is_journal_stream(int fd, const char* journal_stream) {
     struct stat status;
     return journal_stream != nullptr && std::sscanf(journal_stream, "%llu:%llu%c", &device, &inode, &extra) == 2 &&
            fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode;
+}
+
+/// Names the service in the entry: a launcher that gives up has often ended before the journal looks at its process.
+bool send_to_journal(const reporter& to, severity level, const std::string& line) {
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return false;
+    }
+    std::string entry;
+    append_journal_field(entry, "MESSAGE=", line);
+    append_journal_field(entry, "PRIORITY=", std::to_string(static_cast<int>(level)));
+    append_journal_field(entry, "SYSLOG_FACILITY=", std::to_string(LOG_FAC(LOG_AUTH)));
+    append_journal_field(entry, "SYSLOG_IDENTIFIER=", to.log_name);
+    append_journal_field(entry, "SYSLOG_PID=", std::to_string(getpid()));
+    append_journal_field(entry, "OBJECT_SYSTEMD_UNIT=", to.service);
+    const int error = send_datagram(fd, journal_socket, entry);
+    close(fd);
+    return error == 0;
 }
 
 }  // namespace
@@ -39,8 +59,10 @@ std::string format_report(const reporter& to, severity level, std::string_view t
 
 void report(const reporter& to, severity level, std::string_view text) {
     if (to.way == report_way::system_log) {
-        syslog(static_cast<int>(level), "%s: %.*s", shown(to.server_file).c_str(), static_cast<int>(text.size()),
-               text.data());
+        const std::string line = shown(to.server_file) + ": " + std::string(text);
+        if (to.service.empty() || !send_to_journal(to, level, line)) {
+            syslog(static_cast<int>(level), "%s", line.c_str());
+        }
         return;
     }
     // One call, so that lines of several launchers do not mix. If it fails, nobody could be informed.

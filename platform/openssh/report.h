@@ -12,7 +12,7 @@ namespace openssh {
 enum class report_way {
     text,         ///< lines on standard error
     marked_text,  ///< the same, preceded by the severity as "<N>", which the journal removes
-    system_log,   ///< syslog, where the lines appear beside the server's own, under the same name and process number
+    system_log,   ///< where the lines appear beside the server's own, under the same name and process number
 };
 
 struct reporter {
@@ -20,6 +20,9 @@ struct reporter {
     report_way way = report_way::text;
     int fd = 2;  ///< standard error
     const char* program = "sshd";
+    /// The service that this process is the main process of. The journal cannot find that out once the process has ended.
+    std::string service = {};
+    const char* log_name = "norvosshd";
 };
 
 /// The way for a process whose standard error is `fd`. `journal_stream` identifies the journal's stream for the service

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "common/files.h"
+#include "common/journal_entry.h"
 #include "common/text.h"
 #include "openssh/comparison.h"
 #include "openssh/launch.h"
@@ -47,8 +49,12 @@ int compare(const openssh::launcher_paths& paths, const openssh::reporter& to) {
 
 int main(int count, char** arguments) {
     const openssh::launcher_paths paths;
-    openlog(paths.log_name, LOG_PID, LOG_AUTH);
     openssh::reporter to;
+    openlog(to.log_name, LOG_PID, LOG_AUTH);
+    std::string cgroup;
+    if (file_read("/proc/self/cgroup", 65536, cgroup) == PLATFORM_OK) {
+        to.service = service_of_cgroup(cgroup);
+    }
     to.way =
         openssh::choose_report_way(STDERR_FILENO, std::getenv("JOURNAL_STREAM"), access(paths.system_log, W_OK) == 0);
     openssh::launch_options options;

@@ -234,9 +234,15 @@ def test_fips_mode_accepts_no_sha1_signature_from_a_user(server):
 def test_an_empty_list_in_fips_mode_never_enables_other_algorithms(server):
     assert server.start(SETTINGS)
     emptied = SETTINGS.replace(f"Ciphers {CIPHERS}", "Ciphers chacha20-poly1305@openssh.com,") + "NorvoSSHFipsMode yes\n"
-    assert not server.start(emptied)
+    # The reason is found under the service even if the journal reads it after the launcher has ended.
+    run("systemctl", "kill", "--signal=STOP", "systemd-journald.service")
+    try:
+        assert not server.start(emptied)
+    finally:
+        run("systemctl", "kill", "--signal=CONT", "systemd-journald.service")
     assert unit_property("ExecMainStatus") == "4"
-    assert server.said("the last good file was made outside FIPS mode")
+    reasons = server.said("the last good file was made outside FIPS mode")
+    assert [reason["SYSLOG_IDENTIFIER"] for reason in reasons] == ["norvosshd"]
 
 
 @pytest.mark.parametrize(

@@ -1,10 +1,8 @@
 #include "platform/log_message.h"
 
-#include <endian.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -14,12 +12,11 @@
 #include <exception>
 #include <string_view>
 
+#include "common/journal_entry.h"
 #include "common/text.h"
 #include "linux/reporting/log_message_internal.h"
 
 namespace {
-
-constexpr char journal_socket[] = "/run/systemd/journal/socket";
 
 constexpr char system_log_socket[] = "/dev/log";
 
@@ -38,40 +35,24 @@ int log_descriptor() {
 }
 
 /// Never waits: a log that is not read, because its daemon is stopped or hangs, must not stop the agent.
-sent send_datagram(std::string_view path, std::string_view datagram) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const ssize_t count = sendto(log_descriptor(), datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                                 reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    if (count >= 0) {
+sent send_to(std::string_view path, std::string_view datagram) {
+    const int error = send_datagram(log_descriptor(), path, datagram);
+    if (error == 0) {
         return sent::yes;
     }
-    return errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM || errno == EINTR ? sent::reader_is_busy
+    return error == EAGAIN || error == ENOBUFS || error == ENOMEM || error == EINTR ? sent::reader_is_busy
                                                                                     : sent::no_reader;
-}
-
-/// A field in the journal's native protocol. A value with a line break is announced by its length.
-void append_field(std::string& entry, std::string_view assignment, std::string_view value) {
-    if (value.find('\n') == std::string_view::npos) {
-        entry.append(assignment).append(value);
-    } else {
-        const uint64_t size = htole64(value.size());
-        entry.append(assignment.substr(0, assignment.size() - 1)).append("\n");
-        entry.append(reinterpret_cast<const char*>(&size), sizeof size).append(value);
-    }
-    entry += '\n';
 }
 
 sent send_to_journal(int priority, const char* text, std::initializer_list<journal_field> fields) {
     std::string entry;
-    append_field(entry, "MESSAGE=", text);
-    append_field(entry, "PRIORITY=", std::to_string(priority));
-    append_field(entry, "SYSLOG_IDENTIFIER=", log_identifier);
+    append_journal_field(entry, "MESSAGE=", text);
+    append_journal_field(entry, "PRIORITY=", std::to_string(priority));
+    append_journal_field(entry, "SYSLOG_IDENTIFIER=", log_identifier);
     for (const journal_field& field : fields) {
-        append_field(entry, field.assignment, field.value);
+        append_journal_field(entry, field.assignment, field.value);
     }
-    return send_datagram(journal_socket, entry);
+    return send_to(journal_socket, entry);
 }
 
 /// Needs no memory. The format is that of syslog(3).
@@ -85,7 +66,7 @@ sent send_to_syslog(int priority, const char* text) {
     char line[3072];
     const size_t length = text_format_into(line, sizeof line, "<%d>%s %s[%d]: %s", LOG_DAEMON | priority, when,
                                            log_identifier, static_cast<int>(getpid()), text);
-    return send_datagram(system_log_socket, std::string_view(line, length));
+    return send_to(system_log_socket, std::string_view(line, length));
 }
 
 /// To the journal, or to the system's log if there is no journal.

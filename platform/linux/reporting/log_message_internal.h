@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <initializer_list>
-#include <string>
 
+#include "common/journal_entry.h"
 #include "platform/log_message.h"
 
 /// The name under which everything is logged.
@@ -25,12 +25,6 @@ class errno_keeper {
 
 /// Logs one line, made as by printf and cut at 1023 characters, at a priority of syslog(3). Leaves errno alone.
 void platform_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
-
-/// A field of a journal entry: "NAME=" and its value.
-struct journal_field {
-    const char* assignment;
-    std::string value;
-};
 
 /// Standard output and error do not wait either where they lead to the journal, as they do in a service.
 void log_message_never_wait();

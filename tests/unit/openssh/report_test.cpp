@@ -1,8 +1,12 @@
 #include "openssh/report.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "common/text.h"
 #include "openssh/text.h"
@@ -59,4 +63,31 @@ TEST(launcher_report, a_service_reports_to_the_journal) {
     EXPECT_EQ(choose_report_way(ends[1], nullptr, true), report_way::text);
     close(ends[1]);
     EXPECT_EQ(choose_report_way(-1, stream.c_str(), true), report_way::text);
+}
+
+TEST(launcher_report, tells_the_journal_which_service_it_is_about) {
+    std::filesystem::create_directories("/run/systemd/journal");
+    const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = {AF_UNIX, "/run/systemd/journal/socket"};
+    ASSERT_EQ(bind(journal, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    report({.server_file = "/a", .way = report_way::system_log, .service = "sshd_service_red.service"}, severity::error,
+           "not started");
+    EXPECT_EQ(read_everything(journal),
+              "MESSAGE=/a: not started\nPRIORITY=3\nSYSLOG_FACILITY=4\n"
+              "SYSLOG_IDENTIFIER=norvosshd\nSYSLOG_PID=" +
+                  std::to_string(getpid()) + "\nOBJECT_SYSTEMD_UNIT=sshd_service_red.service\n");
+    close(journal);
+}
+
+TEST(launcher_report, goes_to_syslog_without_a_journal) {
+    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    std::filesystem::remove("/dev/log");
+    ASSERT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    report({.server_file = "/a", .way = report_way::system_log, .service = "a.service"}, severity::error,
+           "not started");
+    const std::string line = read_everything(log);
+    EXPECT_TRUE(line.starts_with("<11>")) << line;
+    EXPECT_TRUE(line.ends_with(": /a: not started")) << line;
+    close(log);
 }
