@@ -40,6 +40,11 @@ control_json waiting_services(const vrf_state& vrf) {
     return waiting;
 }
 
+/// Protection does not know all of them: after a restart the agent leaves a server alone that runs as configured.
+bool is_attached(const vrf_state& vrf, uint32_t service) {
+    return vrf.has_namespace && vrf.configured.contains(service);
+}
+
 platform_status collect_vrfs(std::map<std::string, vrf_state>& vrfs) {
     std::vector<vrf_table_entry> entries;
     configured_services configured;
@@ -71,8 +76,8 @@ control_json vrfs_json(const std::map<std::string, vrf_state>& vrfs) {
         list.push_back({{"name", name},
                         {"id", vrf.id ? control_json(*vrf.id) : control_json()},
                         {"namespace", vrf.has_namespace},
-                        {"ssh", vrf.has_namespace && vrf.protection.ssh},
-                        {"netconf", vrf.has_namespace && vrf.protection.netconf},
+                        {"ssh", is_attached(vrf, MPP_SERVICE_SSH)},
+                        {"netconf", is_attached(vrf, MPP_SERVICE_NETCONF)},
                         {"waiting", waiting_services(vrf)},
                         {"blocked", vrf.protection.blocked},
                         {"closed", vrf.protection.closed}});

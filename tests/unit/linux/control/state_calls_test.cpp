@@ -6,6 +6,7 @@
 #include "platform/debug.h"
 #include "platform/trace.h"
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/vrf/vrf_namespace_support.h"
 
 namespace {
 
@@ -42,6 +43,20 @@ TEST_F(control_state_calls_test, a_service_without_a_namespace_waits) {
         EXPECT_EQ(vrf["ssh"], false);
         EXPECT_EQ(vrf["netconf"], false);
     }
+}
+
+TEST_F(control_state_calls_test, a_configured_service_with_its_namespace_is_attached_even_if_protection_was_not_told) {
+    platform_test::add_vrf("red");
+    ASSERT_EQ(
+        result(R"({"call":"set","path":"/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/red","value":[null,null,null]})"),
+        "done");
+    const control_json answer = ask(R"({"call":"vrf_list"})");
+    platform_test::remove_vrf("red");
+    for (const control_json& vrf : answer["data"]) {
+        EXPECT_EQ(vrf["netconf"], vrf["name"] == "red");
+        EXPECT_EQ(vrf["ssh"], false);
+    }
+    EXPECT_THAT(answer["data"].dump(), HasSubstr("\"red\""));
 }
 
 TEST_F(control_state_calls_test, status_describes_the_process) {
