@@ -6,17 +6,20 @@ BUILD_LINT ?= build-lint
 BUILD_MUTANTS ?= build-mutants
 JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
+HISTORIES ?= 1000
+SEED ?= 1
 # Numbers of VRFs that `make bench` measures commits with.
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants lint install deb clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof lint install deb clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
 	@echo 'make test     build, run every test: unit and fuzz corpus under sanitizers, node, system'
 	@echo 'make bench    figures beside the floor of the same run'
 	@echo 'make mutants  mutation test of src/; FILES=src/acl for some files, SAMPLE=N for some mutants'
+	@echo 'make proof    1,000 random histories of the agent beside a model; HISTORIES=N, SEED=N'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
 	@echo 'make install  install the built system into /, or below DESTDIR'
@@ -73,6 +76,10 @@ mutants: dependencies
 	@nice -n 19 tools/mutants/run --work $(BUILD_MUTANTS) --jobs $(JOBS) --document docs/proof.md \
 		$(if $(FILES),--files $(FILES)) $(if $(SAMPLE),--sample $(SAMPLE)) \
 		$(if $(MOST_TESTS),--most-tests $(MOST_TESTS)) $(if $(WAIT_WHILE),--wait-while $(WAIT_WHILE))
+
+# What differs is shortened and kept in tests/models/kept, to be carried out by every `make test`.
+proof: build
+	@nice -n 19 tests/models/run --build $(BUILD) --histories $(HISTORIES) --seed $(SEED) --jobs $(JOBS)
 
 install: build
 	cmake --install $(BUILD)
