@@ -24,7 +24,8 @@ namespace {
 constexpr char unit_word[] = " sshd_service_";
 constexpr size_t verb_size = sizeof "systemctl restart";
 constexpr size_t unit_command_size = verb_size + sizeof unit_word + vrf_name_size;
-constexpr size_t units_size = server_batch_max * (sizeof unit_word + vrf_name_size) + 1;
+constexpr char unit_type[] = ".service";
+constexpr size_t units_size = server_batch_max * (sizeof unit_word + vrf_name_size + sizeof unit_type) + 1;
 
 /// The subject under which a failure of systemd to read the units is reported.
 constexpr char units_subject[] = "units";
@@ -62,12 +63,12 @@ void remove_from(server_batch& batch, const char* vrf_name) {
     }
 }
 
-/// The units of a batch as the end of a command line.
-void list_units(const server_batch& batch, char (&units)[units_size]) {
+/// The units of a batch as the end of a command line. `systemctl list-units` needs the type in their names.
+void list_units(const server_batch& batch, const char* type, char (&units)[units_size]) {
     size_t length = 0;
     units[0] = '\0';
     for (size_t i = 0; i < batch.count; i++) {
-        length += format_text(units + length, units_size - length, "%s%s", unit_word, batch.names[i]);
+        length += format_text(units + length, units_size - length, "%s%s%s", unit_word, batch.names[i], type);
     }
 }
 
@@ -88,9 +89,10 @@ struct batch_result {
 };
 
 /// Queries the named units, or all if `units` is null.
-bool read_states(const char* units, std::vector<unit_state>& states) {
+bool read_states(int (*query)(std::vector<unit_state>*, const char*), const char* units,
+                 std::vector<unit_state>& states) {
     try {
-        return read_unit_states(&states, units) == 0;
+        return query(&states, units) == 0;
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -101,16 +103,23 @@ void forget_units() {
     state.units.clear();
 }
 
+/// If all jobs succeeded, only what has happened to the servers since is unknown.
+bool query_batch(const server_batch& batch, bool succeeded, std::vector<unit_state>& states) {
+    char units[units_size];
+    list_units(batch, succeeded ? unit_type : "", units);
+    return read_states(succeeded ? read_active_states : read_unit_states, units + 1, states);
+}
+
 batch_result run_for(const char* verb, const server_batch& batch) {
     char units[units_size];
-    list_units(batch, units);
+    list_units(batch, "", units);
     char command[verb_size + units_size];
     format_text(command, sizeof command, "%s%s", verb, units);
     batch_result result = {};
     result.begun = microseconds_now();
     result.status = run_shell_command(command, systemctl_limit);
     result.error = errno;
-    result.states_known = read_states(units + 1, result.states);
+    result.states_known = query_batch(batch, result.status == 0, result.states);
     forget_units();
     return result;
 }
@@ -167,7 +176,10 @@ bool has_started(const char* vrf_name, const batch_result& result) {
         return result.status == 0;
     }
     const unit_state* unit = find_unit_state(result.states, vrf_name);
-    return unit != nullptr && is_running(*unit) && unit->started != UINT64_MAX && unit->started >= result.begun;
+    if (unit == nullptr || !is_running(*unit)) {
+        return false;
+    }
+    return result.status == 0 || (unit->started != UINT64_MAX && unit->started >= result.begun);
 }
 
 /// An earlier handler of the commit may have requested an unblock of the VRF.
@@ -302,7 +314,7 @@ std::optional<postponed_unit> query_postponed_unit(const char* vrf_name) {
         return std::nullopt;
     }
     if (state.query == unit_query::not_made) {
-        state.query = read_states(nullptr, state.units) ? unit_query::answered : unit_query::failed;
+        state.query = read_states(read_unit_states, nullptr, state.units) ? unit_query::answered : unit_query::failed;
     }
     if (state.query == unit_query::failed) {
         return std::nullopt;

@@ -15,6 +15,7 @@ namespace {
 
 constexpr char query[] =
     "systemctl show --property=Id,ActiveState,MainPID,NeedDaemonReload,ExecMainStartTimestampMonotonic ";
+constexpr char short_query[] = "systemctl list-units --all --full --plain --no-legend ";
 constexpr char all_units[] = "'sshd_service_*'";
 /// Listing units takes milliseconds. If it hangs, every systemctl does.
 constexpr command_limit listing_of_units = {10'000, true};
@@ -53,7 +54,7 @@ void take_line(std::vector<unit_state>& units, unit_state& unit, const char* lin
     }
 }
 
-void read_units(FILE* file, std::vector<unit_state>& units) {
+void read_properties(FILE* file, std::vector<unit_state>& units) {
     unit_state unit = {{}, {}, 0, UINT64_MAX};
     char line[line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
@@ -63,19 +64,21 @@ void read_units(FILE* file, std::vector<unit_state>& units) {
     take_line(units, unit, "");
 }
 
-}  // namespace
-
-bool is_running(const unit_state& unit) {
-    return unit.active_state == "active" || unit.active_state == "reloading";
+/// A line names the unit, whether it is loaded, and its state.
+void read_list(FILE* file, std::vector<unit_state>& units) {
+    char line[line_size];
+    char name[line_size];
+    char active_state[line_size];
+    while (std::fgets(line, sizeof line, file) != nullptr) {
+        if (std::sscanf(line, "%s %*s %s", name, active_state) == 2) {
+            units.push_back({vrf_of_unit(name), active_state, 0, UINT64_MAX});
+        }
+    }
 }
 
-bool is_stopped(const unit_state& unit) {
-    return unit.active_state == "inactive" || unit.active_state == "failed";
-}
-
-int read_unit_states(std::vector<unit_state>* units, const char* names) {
-    units->clear();
-    const std::string command = std::string(query) + (names != nullptr ? names : all_units);
+int query_units(const std::string& command, void (*read)(FILE*, std::vector<unit_state>&),
+                std::vector<unit_state>& units) {
+    units.clear();
     // In memory, because a pipe would have to be read while the command runs.
     const int output = memfd_create("unit states", MFD_CLOEXEC);
     if (output < 0) {
@@ -89,9 +92,27 @@ int read_unit_states(std::vector<unit_state>* units, const char* names) {
         errno = error;
         return -1;
     }
-    read_units(file, *units);
+    read(file, units);
     std::fclose(file);
     return 0;
+}
+
+}  // namespace
+
+bool is_running(const unit_state& unit) {
+    return unit.active_state == "active" || unit.active_state == "reloading";
+}
+
+bool is_stopped(const unit_state& unit) {
+    return unit.active_state == "inactive" || unit.active_state == "failed";
+}
+
+int read_unit_states(std::vector<unit_state>* units, const char* names) {
+    return query_units(std::string(query) + (names != nullptr ? names : all_units), read_properties, *units);
+}
+
+int read_active_states(std::vector<unit_state>* units, const char* names) {
+    return query_units(std::string(short_query) + names, read_list, *units);
 }
 
 const unit_state* find_unit_state(const std::vector<unit_state>& units, const char* vrf_name) {

@@ -24,6 +24,10 @@ bool is_stopped(const unit_state& unit);
 /// not. Returns 0, or -1 with errno. May throw std::bad_alloc.
 int read_unit_states(std::vector<unit_state>* units, const char* names = nullptr);
 
+/// The same for the named units ("NAME.service") that systemd has loaded, but reads only `active_state`, which takes
+/// systemd a tenth of the time.
+int read_active_states(std::vector<unit_state>* units, const char* names);
+
 /// The state of a VRF's unit, or null.
 const unit_state* find_unit_state(const std::vector<unit_state>& units, const char* vrf_name);
 

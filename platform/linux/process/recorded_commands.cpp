@@ -118,6 +118,7 @@ const command_row rows[] = {
     {"systemctl stop ", record_stop},
     {"systemctl is-active ", answer_is_active},
     {"systemctl show ", fail_to_ask},
+    {"systemctl list-units ", fail_to_ask},
     {"/sbin/ip netns exec ", record_rules},
     {"ip netns list", nullptr},
     {"cp ", copy},

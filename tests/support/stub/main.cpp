@@ -162,24 +162,29 @@ int record_unit(const char* verb, const char* unit) {
     return 0;
 }
 
-void show_unit(const char* unit) {
+using unit_form = const char*;
+constexpr unit_form properties_form =
+    "Id=%s.service\nActiveState=active\nMainPID=0\nExecMainStartTimestampMonotonic=%llu\n\n";
+constexpr unit_form list_form = "%s.service loaded active running server %llu\n";
+
+void show_unit(const char* unit, unit_form form) {
     char path[path_size];
     unit_file(path, unit);
     unsigned long long started = 0;
     FILE* file = fopen(path, "re");
     if (file != nullptr && fscanf(file, "%llu", &started) == 1) {
-        printf("Id=%s.service\nActiveState=active\nMainPID=0\nExecMainStartTimestampMonotonic=%llu\n\n", unit, started);
+        printf(form, unit, started);
     }
     if (file != nullptr) {
         fclose(file);
     }
 }
 
-void show_units() {
+void show_units(unit_form form) {
     DIR* directory = opendir(stub_commands::units_directory);
     while (const dirent* entry = directory != nullptr ? readdir(directory) : nullptr) {
         if (strncmp(entry->d_name, unit_prefix, sizeof unit_prefix - 1) == 0) {
-            show_unit(entry->d_name);
+            show_unit(entry->d_name, form);
         }
     }
     if (directory != nullptr) {
@@ -212,10 +217,12 @@ int main(int argc, char** argv) {
     write_log(line, length);
     rule_table* table = map_rules();
     const bool is_systemctl = strcmp(base_name(argv[0]), "systemctl") == 0;
-    if (is_systemctl && argc >= 2 && strcmp(argv[1], "show") == 0) {
-        show_units();
-    }
     int status = table != nullptr ? run_rules(*table, line) : 0;
+    if (is_systemctl && status == 0 && argc >= 2 && strcmp(argv[1], "show") == 0) {
+        show_units(properties_form);
+    } else if (is_systemctl && status == 0 && argc >= 2 && strcmp(argv[1], "list-units") == 0) {
+        show_units(list_form);
+    }
     if (is_systemctl && status == 0) {
         status = act_on_units(argc, argv);
     }

@@ -16,7 +16,12 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
 
-/// The query of server_changes.cpp about these units.
+/// The query of server_changes.cpp about these units after a command that succeeded.
+std::string active_states_of(const std::string& units) {
+    return "$ systemctl list-units --all --full --plain --no-legend " + units;
+}
+
+/// Its query after one that failed.
 std::string states_of(const std::string& units) {
     return "$ systemctl show --property=Id,ActiveState,MainPID,NeedDaemonReload,ExecMainStartTimestampMonotonic " +
            units;
@@ -77,10 +82,10 @@ TEST_F(announced_test, one_command_of_each_kind_runs_at_the_end) {
     forget();
     carry_out_server_changes();
     EXPECT_THAT(trail(), ElementsAre("$ systemctl daemon-reload", "$ systemctl stop sshd_service_red",
-                                     states_of("sshd_service_red"), "mpp_vrf_unblock(red)",
+                                     active_states_of("sshd_service_red.service"), "mpp_vrf_unblock(red)",
                                      "$ systemctl restart sshd_service_green sshd_service_blue",
-                                     states_of("sshd_service_green sshd_service_blue"), "mpp_vrf_unblock(green)",
-                                     "mpp_vrf_unblock(blue)"));
+                                     active_states_of("sshd_service_green.service sshd_service_blue.service"),
+                                     "mpp_vrf_unblock(green)", "mpp_vrf_unblock(blue)"));
     EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
     forget();
     set_timeout("42");
@@ -256,6 +261,22 @@ TEST_F(announced_test, the_states_of_the_units_count) {
     EXPECT_TRUE(fake_platform::is_not_in_force("server blue"));
 }
 
+// The command's success says that all servers were restarted, but one may have failed since.
+TEST_F(announced_test, a_server_that_fails_right_after_its_start_is_reported) {
+    stub_commands::set_hook("systemctl list-units",
+                            "echo 'sshd_service_red.service loaded active running x'; "
+                            "echo 'sshd_service_blue.service loaded failed failed x'");
+    std::filesystem::remove_all("/stub_commands/units");
+    put_off_server_changes();
+    set_timeout("40");
+    std::filesystem::remove_all("/stub_commands/units");
+    stub_commands::fail("systemctl show", 1);
+    carry_out_server_changes();
+    EXPECT_FALSE(fake_platform::is_not_in_force("server red"));
+    EXPECT_TRUE(fake_platform::is_not_in_force("server blue"));
+    EXPECT_TRUE(fake_platform::vrf_blocked("blue"));
+}
+
 TEST_F(announced_test, a_server_that_was_not_stopped_has_not_been_restarted) {
     stub_commands::fail("systemctl restart", 1);
     put_off_server_changes();
@@ -280,6 +301,7 @@ TEST_F(announced_test, a_server_counts_as_started_only_after_its_start) {
 
 TEST_F(announced_test, if_the_units_cannot_be_queried_the_commands_status_counts) {
     stub_commands::fail("systemctl show", 1);
+    stub_commands::fail("systemctl list-units", 1);
     put_off_server_changes();
     set_timeout("40");
     carry_out_server_changes();

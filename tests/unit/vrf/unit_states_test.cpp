@@ -29,6 +29,23 @@ TEST_F(unit_states_test, are_read_for_all_units_with_one_command) {
     EXPECT_EQ(stub_commands::log_of("systemctl show").size(), 1u);
 }
 
+TEST_F(unit_states_test, are_listed_by_name_and_state) {
+    stub_commands::set_output("systemctl list-units",
+                              "sshd_service_red.service loaded active     running NorvoSSH sshd service\n"
+                              "sshd_service_a.service.service not-found inactive dead sshd_service_a.service.service\n"
+                              "nonsense\n");
+    std::vector<unit_state> units = {{"old", "active", 1, 1}};
+    ASSERT_EQ(read_active_states(&units, "sshd_service_red.service sshd_service_a.service.service"), 0);
+    ASSERT_EQ(units.size(), 2u);
+    EXPECT_EQ(units[0].vrf_name, "red");
+    EXPECT_EQ(units[0].active_state, "active");
+    EXPECT_EQ(units[0].started, UINT64_MAX);
+    EXPECT_EQ(units[1].vrf_name, "a.service");
+    EXPECT_EQ(units[1].active_state, "inactive");
+    EXPECT_THAT(stub_commands::log(), testing::ElementsAre("systemctl list-units --all --full --plain --no-legend "
+                                                           "sshd_service_red.service sshd_service_a.service.service"));
+}
+
 TEST_F(unit_states_test, are_empty_without_units) {
     std::vector<unit_state> units = {{"old", "active", 1, 1}};
     EXPECT_EQ(read_unit_states(&units), 0);

@@ -71,6 +71,7 @@ TEST_F(recorded_commands_test, a_server_is_as_its_last_command_left_it_and_other
     take("systemctl stop sshd_service_red");
     EXPECT_EQ(take("systemctl is-active sshd_service_red > /tmp/state"), failed);
     EXPECT_EQ(take("systemctl show --property=Id sshd_service_red"), failed);
+    EXPECT_EQ(take("systemctl list-units --all sshd_service_red"), failed);
 }
 
 TEST_F(recorded_commands_test, files_are_copied) {
