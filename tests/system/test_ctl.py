@@ -78,6 +78,19 @@ def test_a_path_may_be_given_by_its_end():
     assert tool("delete", "vrf/red").stdout == f"deleted  {router.SERVER}sshd/vrf/red\n"
 
 
+def test_help_explains_items():
+    router.set_item("cmn/timeout", 45)
+    text = tool("help", "timeout").stdout
+    assert text.splitlines()[:2] == [TIMEOUT, "Login grace time"]
+    assert re.search(r"Value: +a number from 5 to 120\n +Unit: +seconds\n +Default: +30\n +Now: +45\n", text)
+    assert tool("help", "login", "grace").stdout == text
+    assert re.search(r"^cmn/rekey_time +Minutes between rekeys$", tool("help", "rekey").stdout, re.MULTILINE)
+    assert tool("help", "server-params").stdout.startswith("/oper/crypto-ssh/gl/server-params\n")
+    assert re.search(r"^timeout +45 +Login grace time\ntrustpoint/ +- *\n",
+                     tool("list", "--all", "server/cmn").stdout, re.MULTILINE)
+    assert tool("help", "nonsense").returncode == 4
+
+
 def test_list_names_the_children():
     router.load({"cmn/timeout": 45, "cmn/dscp": 46, "sshd/vrf/red": router.OPEN})
     assert tool("list", router.SERVER).stdout == "cmn\nsshd\n"

@@ -228,16 +228,35 @@ def test_completion_offers_calls_and_options():
     assert completions("acl", "sh") == ["show"] and completions("trace", "") == ["error", "event"]
 
 
+def completions_of_zsh(*words):
+    """Returns what zsh would offer for the last of these words after the tool's name."""
+    script = """compadd() { while [[ $1 != -a ]]; do shift; done; print -l -- ${(P)2}; }
+        _files() { print files; }
+        words=("$@") CURRENT=$#
+        . /usr/share/zsh/vendor-completions/_ssh_cfg_ctl"""
+    return run("zsh", "-f", "-c", script, "zsh", "ssh_cfg_ctl", *words).stdout.split()
+
+
 def test_completion_asks_the_agent_for_paths_and_lists(vrf, lists_and_wires):
     server = "/cfg/gl/crypto/ssh/server/"
-    assert completions("set", "/") == ["/cfg/"]
-    assert completions("set", server + "cmn/t") == [server + "cmn/tcp_window_scale", server + "cmn/timeout",
-                                                    server + "cmn/trustpoint/"]
     vrf("blue")
-    assert completions("set", server + "sshd/vrf/bl") == [server + "sshd/vrf/blue"]
     run("ssh_cfg_ctl", "acl", "set", "--empty", "ipv4", "nobody", "-", input="")
-    assert completions("acl", "show", "ipv4", "no") == ["nobody"]
-    assert completions("debug", "cfg-a") == ["cfg-agent"]
+    expected = {
+        ("set", "/"): ["/cfg/"],
+        ("set", server + "cmn/t"): [server + "cmn/tcp_window_scale", server + "cmn/timeout", server + "cmn/trustpoint/"],
+        ("set", server + "sshd/vrf/bl"): [server + "sshd/vrf/blue"],
+        ("set", "vrf/bl"): ["vrf/blue"],
+        ("get", "tim"): ["timeout"],
+        ("set", "fipsmode/value", ""): ["false", "true"],
+        ("acl", "show", "ipv4", "no"): ["nobody"],
+        ("debug", "cfg-a"): ["cfg-agent"],
+        ("key", "import", "operat"): ["operator"],
+        ("show", "session_xml/b"): ["session_xml/brief"],
+    }
+    for words, offered in expected.items():
+        assert completions(*words) == offered
+        assert sorted(completions_of_zsh(*words)) == offered
+    assert completions_of_zsh("load", "") == ["files"]
     # Users who may not query the agent still get calls and options.
     assert completions("ver", user="operator") == ["verify"] and completions("get", "/", user="operator") == []
 
@@ -245,18 +264,17 @@ def test_completion_asks_the_agent_for_paths_and_lists(vrf, lists_and_wires):
 def test_completion_expands_no_names(tmp_path):
     """Otherwise the shell of an operator who presses Tab would run commands from the names of namespaces."""
     (tmp_path / "file").touch()
-    names = [pathlib.Path("/run/netns/vrf-" + name)
-             for name in ("$(touch made)", "`touch made`", "two words", "a;b", "*", "it's", "plain")]
+    names = ["$(touch made)", "`touch made`", "two words", "a;b", "*", "it's", "plain"]
     for name in names:
-        name.touch()
+        run("ip", "netns", "add", "vrf-" + name)
     try:
         assert completions("vrf", "unblock", "", folder=tmp_path) == ["default", "plain"]
-        vrfs = "/cfg/gl/crypto/ssh/server/sshd/vrf/"
-        assert completions("set", vrfs, folder=tmp_path) == [vrfs + "default", vrfs + "plain"]
+        assert completions_of_zsh("vrf", "unblock", "") == ["default", "plain"]
+        assert completions("set", "vrf/", folder=tmp_path) == ["vrf/default", "vrf/plain"]
         assert [path.name for path in tmp_path.iterdir()] == ["file"]
     finally:
         for name in names:
-            name.unlink()
+            run("ip", "netns", "delete", "vrf-" + name)
 
 
 def test_many_changes_in_a_row_leave_the_server_up(server):

@@ -6,6 +6,7 @@
 #include "common/number.h"
 #include "common/text.h"
 #include "ssh_cfg_ctl/file.h"
+#include "ssh_cfg_ctl/item_help.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/show.h"
 #include "ssh_cfg_ctl/status.h"
@@ -83,6 +84,15 @@ ctl_request list_request(const argument_list& arguments) {
         request["all"] = true;
     }
     return ask(std::move(request));
+}
+
+/// Several words are one text.
+ctl_request help_request(const argument_list& arguments) {
+    std::string text;
+    for (const std::string& argument : arguments) {
+        text += (text.empty() ? "" : " ") + argument;
+    }
+    return ask({{"call", "help"}, {"path", text}});
 }
 
 ctl_request load_request(const argument_list& arguments) {
@@ -259,11 +269,18 @@ std::string value_text(const control_json& answer) {
 }
 
 std::string names_text(const control_json& answer) {
+    if (!data_of(answer).empty() && data_of(answer)[0].is_object()) {
+        return ctl_children_text(data_of(answer), ctl_output_width());
+    }
     std::string text;
     for (const control_json& name : data_of(answer)) {
         text += (name.is_string() ? name.get_ref<const std::string&>() : control_json_text(name)) + '\n';
     }
     return text;
+}
+
+std::string help_text(const control_json& answer) {
+    return ctl_item_help_text(data_of(answer), ctl_output_width());
 }
 
 std::string dump_text(const control_json& answer) {
@@ -477,9 +494,13 @@ constexpr ctl_call_row calls[] = {
     {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
      load_request, load_text},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
-    {"list", "[--all] PATH", "print the names directly below PATH; with --all also what could be configured there",
+    {"list", "[--all] PATH",
+     "print the names configured directly below PATH; with --all everything that can be configured there, with its value",
      list_request, names_text},
     {"dump", "", "print the stored configuration in the format that load reads", bare_request<dump_name>, dump_text},
+    {"help", "[CALL|PATH|WORD...]",
+     "print this summary, or explain a call, an item, the items below a path, or those in which the words are found",
+     help_request, help_text},
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
      bare_request<watch_name>, no_text, true},

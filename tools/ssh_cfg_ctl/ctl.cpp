@@ -13,7 +13,10 @@
 #include "ssh_cfg_ctl/calls.h"
 #include "ssh_cfg_ctl/client.h"
 #include "ssh_cfg_ctl/command_line.h"
+#include "ssh_cfg_ctl/completion.h"
+#include "ssh_cfg_ctl/help.h"
 #include "ssh_cfg_ctl/nearest.h"
+#include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/progress.h"
 #include "ssh_cfg_ctl/show.h"
 #include "ssh_cfg_ctl/watch.h"
@@ -21,7 +24,8 @@
 namespace {
 
 constexpr char program[] = "ssh_cfg_ctl";
-constexpr size_t purpose_column = 24;  ///< column in the help
+constexpr char help_call[] = "help";
+constexpr char complete_call[] = "complete";  ///< not in the summary: nobody types it
 
 /// Prints to standard output. A write error is a failure, so that nobody takes part of a dump for all of it.
 int print(const std::string& text, control_result result) {
@@ -40,35 +44,6 @@ void complain(std::string_view message) {
         fprintf(stderr, "%s: %s\n", program, text_escape(line, 4096).c_str());
         message.remove_prefix(std::min(message.size(), line.size() + 1));
     }
-}
-
-std::string usage_line(const ctl_call_row& row) {
-    return std::string(program) + " [OPTION...] " + row.name + (*row.arguments == '\0' ? "" : " ") + row.arguments;
-}
-
-std::string help_text() {
-    std::string text =
-        "usage: ssh_cfg_ctl [OPTION...] CALL [ARGUMENT...]\n\nConfigures and queries the SSH configuration agent.\n\n";
-    for (const ctl_call_row& row : ctl_calls()) {
-        std::string call = std::string("  ") + row.name + ' ' + row.arguments;
-        // A long purpose is printed on a separate line.
-        call += call.size() > purpose_column ? '\n' + std::string(purpose_column, ' ')
-                                             : std::string(purpose_column - call.size(), ' ');
-        text += call + ' ' + row.purpose + '\n';
-    }
-    return text +
-           "\nOptions:\n"
-           "  --json                 print every answer as JSON on standard output\n"
-           "  --progress             print the progress of a change line by line, with --json as JSON on standard output\n"
-           "  --timeout SECONDS      time to wait for the agent (default 600)\n"
-           "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"
-           "  -h, --help             print this text\n"
-           "  --version              print the version\n"
-           "  --                     end of the options\n"
-           "\nPATH may be the end of a path if only one path ends so: `set timeout 45`. Scripts use whole paths.\n"
-           "FILE may be '-' for standard input.\n"
-           "\nExit status: 0 done, 1 failed, 2 usage, 3 agent not reachable, 4 no data, 5 refused (the reason is on standard error),\n"
-           "6 stored, but not all of it is in force (standard error names what is not).\n";
 }
 
 /// Exits with any answer other than "done".
@@ -156,14 +131,46 @@ int run_call(const ctl_command_line& line) {
     if (request.problem.contains("message")) {
         return report_problem(line, request.problem);
     }
-    return report_usage(line, "usage: " + usage_line(*row));
+    return report_usage(line, "usage: " + ctl_usage_line(*row));
+}
+
+/// The call that the operator wants explained; null for the summary, or for a path.
+const ctl_call_row* explained_call(const ctl_command_line& line) {
+    const bool is_help = !line.call.empty() && line.call[0] == help_call;
+    const size_t place = is_help ? 1 : 0;
+    return line.call.size() > place ? ctl_find_call(line.call[place]) : nullptr;
+}
+
+/// Prints what is known without the agent.
+int run_help(const ctl_command_line& line) {
+    const ctl_call_row* row = explained_call(line);
+    if (line.json) {
+        return print(control_json_text(ctl_calls_json(row)) + '\n', control_result::done);
+    }
+    return print(row == nullptr ? ctl_summary_text() : ctl_call_help_text(*row), control_result::done);
+}
+
+bool is_help_without_agent(const ctl_command_line& line) {
+    return line.call[0] == help_call && (line.call.size() == 1 || explained_call(line) != nullptr);
+}
+
+/// Prints the candidates for a word that is being typed, for the shells.
+int run_complete(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& candidate : ctl_complete(words)) {
+        text += text_escape(candidate, ctl_shown_max) + '\n';
+    }
+    return print(text, control_result::done);
 }
 
 int run(const std::vector<std::string>& arguments) {
+    if (!arguments.empty() && arguments[0] == complete_call) {
+        return run_complete({arguments.begin() + 1, arguments.end()});
+    }
     const ctl_command_line line = ctl_parse_command_line(arguments);
     switch (line.action) {
         case ctl_action::help:
-            return print(help_text(), control_result::done);
+            return run_help(line);
         case ctl_action::version:
             return print(std::string(program) + ' ' + control_version() + '\n', control_result::done);
         case ctl_action::wrong:
@@ -171,7 +178,7 @@ int run(const std::vector<std::string>& arguments) {
         case ctl_action::call:
             break;
     }
-    return run_call(line);
+    return is_help_without_agent(line) ? run_help(line) : run_call(line);
 }
 
 }  // namespace

@@ -58,6 +58,8 @@ constexpr call_row calls[] = {
     {"dump", control_call_dump, on_standby::read, always, open_to::readers},
     {"show", control_call_show, on_standby::nothing, nullptr, open_to::readers},
     {"watch", control_call_watch, on_standby::nothing, nullptr, open_to::readers},
+    {"help", control_call_help, on_standby::read, always, open_to::readers},
+    {"complete", control_call_complete, on_standby::read, always, open_to::readers},
     // The platform's state.
     {"vrf_list", control_call_vrf_list, on_standby::nothing, always, open_to::readers},
     {"status", control_call_status, on_standby::serve, without<check_member>, open_to::readers},

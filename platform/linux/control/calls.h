@@ -6,7 +6,9 @@
 ///   delete  path
 ///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
 ///   get     path
-///   list    path
+///   list    path, all (optional; true: what can be configured)
+///   help    path (or words of descriptions), see help_call.cpp
+///   complete  what, word, path, see complete_call.cpp
 ///   dump, vrf_list, verify, repair
 ///   status  check (optional; true: the result is "failed" if anything is not as configured)
 ///   show    path; answers with "record", the records' name, beside "data"
@@ -30,7 +32,8 @@
 /// "in_progress" in the data of status is such an object, or null when nothing is.
 /// An answer with "next" is not final: the client makes the request in it after a short pause.
 /// On a standby node status reports that; changes are refused, and there is no data that only a primary node has.
-/// "data" of the answer: get the value, list an array of names, dump an object like `items`, show a record or an array of
+/// "data" of the answer: get the value, list an array of names (with all, of objects with name,
+/// configured, value or, of a folder, items, and meaning), dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object, vrf_unblock an array of the services that were opened. An entry of a trace has time, point (the number), name (null for a point without a description),
 /// arguments (an object by label) and, if the argument "status" is a failure, error (its text). Commits answer with "items" (path and outcome).

@@ -43,6 +43,10 @@ control_json control_call_list(const control_json& request, const control_peer& 
 control_json control_call_dump(const control_json& request, const control_peer& peer);
 control_json control_call_show(const control_json& request, const control_peer& peer);
 
+// Help and completion (help_call.cpp, complete_call.cpp).
+control_json control_call_help(const control_json& request, const control_peer& peer);
+control_json control_call_complete(const control_json& request, const control_peer& peer);
+
 // Access lists (acl_calls.cpp).
 control_json control_call_acl_set(const control_json& request, const control_peer& peer);
 control_json control_call_acl_delete(const control_json& request, const control_peer& peer);

@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr operational_item items[] = {
+constexpr operational_item operational_rows[] = {
     {"/oper/crypto-ssh/client/brief", "sessions of the SSH clients"},
     {"/oper/crypto-ssh/client/detail", "algorithms and key exchange of the SSH clients' sessions"},
     {"/oper/crypto-ssh/client/rekey", "rekeys of the SSH clients' sessions"},
@@ -18,19 +18,19 @@ constexpr operational_item items[] = {
     {"/oper/overlays/gl/crypto_ssh/openconfig-system", "state that telemetry publishes"},
 };
 
-static_assert(std::ranges::is_sorted(items, {}, &operational_item::path));
+static_assert(std::ranges::is_sorted(operational_rows, {}, &operational_item::path));
 
 }  // namespace
 
 std::span<const operational_item> control_operational_items() {
-    return items;
+    return operational_rows;
 }
 
 std::vector<std::string> control_operational_meanings(std::string_view end) {
     end.remove_suffix(end.ends_with('/') ? 1 : 0);
     const std::string wanted = '/' + std::string(end);
     std::vector<std::string> paths;
-    for (const operational_item& item : items) {
+    for (const operational_item& item : operational_rows) {
         if (!end.empty() && item.path.ends_with(wanted)) {
             paths.emplace_back(item.path);
         }

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <set>
 #include <vector>
 
 #include "common/text.h"
@@ -10,6 +11,7 @@
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
 #include "linux/datastore/schema_children.h"
+#include "linux/datastore/schema_description.h"
 #include "platform/record_codec.h"
 
 namespace {
@@ -24,19 +26,53 @@ control_json failure(const std::string& path, platform_status status) {
                                                               platform_status_text(status), status));
 }
 
-/// What can be configured below a path, with the configured names next to each "*".
-std::vector<std::string> add_configured_names(const std::vector<std::string>& possible,
-                                              const std::vector<std::string>& configured) {
-    std::vector<std::string> names = possible;
-    for (const std::string& name : possible) {
-        if (name.starts_with('*')) {
-            for (const std::string& chosen : configured) {
-                names.push_back(chosen + name.substr(1));
-            }
+size_t items_below(const std::string& folder) {
+    size_t items = 0;
+    datastore_visit(folder, [&items](const std::string&, const datastore_value&) {
+        items++;
+        return true;
+    });
+    return items;
+}
+
+/// The item or folder of that name below a path, which ends in '/'. "*" stands for a name that could be chosen.
+control_json listed_child(const std::string& folder, const std::string& name) {
+    const bool is_wildcard = name.starts_with('*');
+    const std::string path = folder + (is_wildcard ? "name" + name.substr(1) : name);
+    control_json child = {{"name", name}};
+    if (name.ends_with('/')) {
+        const size_t items = is_wildcard ? 0 : items_below(path);
+        child["configured"] = items > 0;
+        child["items"] = items;
+        return child;
+    }
+    datastore_value value;
+    const bool is_configured = !is_wildcard && datastore_get_value(path, value) == PLATFORM_OK;
+    child["configured"] = is_configured;
+    if (is_configured) {
+        child["value"] = control_value_to_json(value);
+    }
+    if (const schema_row* row = schema_find(path, nullptr)) {
+        child["meaning"] = schema_describe(*row).meaning;
+    }
+    return child;
+}
+
+/// What can be configured below a path, with the configured names next to each "*"; null if nothing can.
+control_json list_all(const std::string& path, const std::vector<std::string>& configured) {
+    const std::string folder = path.ends_with('/') ? path : path + '/';
+    std::set<std::string> names;
+    for (const std::string& name : schema_children(path)) {
+        names.insert(name);
+        for (const std::string& chosen : configured) {
+            names.insert(name.starts_with('*') ? chosen + name.substr(1) : name);
         }
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    control_json children;
+    for (const std::string& name : names) {
+        children.push_back(listed_child(folder, name));
+    }
+    return children;
 }
 
 }  // namespace
@@ -68,9 +104,9 @@ control_json control_call_list(const control_json& request, const control_peer& 
     if (status != PLATFORM_OK) {
         return failure(path, status);
     }
-    if (request.value("all", control_json()) == true) {
-        const std::vector<std::string> possible = schema_children(path);
-        names = possible.empty() ? names : add_configured_names(possible, names);
+    control_json all = request.value("all", control_json()) == true ? list_all(path, names) : control_json();
+    if (!all.is_null()) {
+        return control_data_answer(std::move(all));
     }
     return names.empty() ? no_data("%s: nothing is configured below this path", path) : control_data_answer(names);
 }

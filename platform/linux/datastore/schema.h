@@ -66,10 +66,11 @@ enum class schema_tuple_rule : uint8_t {
     one_selected  ///< flags, of which at least one is set
 };
 
-/// What the manual page says about an item in addition to its form.
+/// What manual page and help say about an item in addition to its form.
 struct schema_guide {
-    const char* default_value;  ///< what is in force while the item is not configured: a value in JSON, or words
-    const char* example;        ///< a value in JSON
+    const char* default_value;   ///< what is in force while the item is not configured: a value in JSON, or words
+    const char* example;         ///< a value in JSON
+    const char* unit = nullptr;  ///< of a number that has one
 };
 
 struct schema_row {

@@ -20,14 +20,19 @@ std::string_view pattern_below(const schema_row& row, std::string_view path) {
     return pattern;
 }
 
+/// An absolute path as pattern_below takes it.
+std::string folder_of(std::string_view path) {
+    std::string folder(path.substr(1));
+    return folder += folder.empty() || folder.ends_with('/') ? "" : "/";
+}
+
 }  // namespace
 
 std::vector<std::string> schema_children(std::string_view path) {
     if (!path.starts_with('/')) {
         return {};
     }
-    std::string folder(path.substr(1));
-    folder += folder.empty() || folder.ends_with('/') ? "" : "/";
+    const std::string folder = folder_of(path);
     std::set<std::string> names;
     for (const schema_row& row : schema_rows()) {
         std::string_view below = pattern_below(row, folder);
@@ -37,4 +42,14 @@ std::vector<std::string> schema_children(std::string_view path) {
         }
     }
     return {names.begin(), names.end()};
+}
+
+std::vector<const schema_row*> schema_rows_below(std::string_view path) {
+    std::vector<const schema_row*> rows;
+    for (const schema_row& row : schema_rows()) {
+        if (path.starts_with('/') && !pattern_below(row, folder_of(path)).empty()) {
+            rows.push_back(&row);
+        }
+    }
+    return rows;
 }

@@ -77,13 +77,15 @@ size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
 /// How much two words have in common: 4 if they are equal, 0 if nothing.
 size_t likeness(std::string_view wanted, std::string_view found) {
     constexpr size_t shortest_beginning = 3;
+    constexpr size_t longest_ending = 1;  // of a plural, for instance
     constexpr size_t shortest_typing_error = 4;
     constexpr size_t shortest_two_errors = 7;
     if (wanted == found) {
         return 4;
     }
     const size_t length = std::min(wanted.size(), found.size());
-    if (length >= shortest_beginning && (wanted.starts_with(found) || found.starts_with(wanted))) {
+    const bool has_ending = wanted.starts_with(found) && wanted.size() - found.size() <= longest_ending;
+    if (length >= shortest_beginning && (has_ending || found.starts_with(wanted))) {
         return 3;
     }
     const size_t errors = length >= shortest_two_errors ? 2 : 1;

@@ -44,7 +44,7 @@ std::optional<std::string> completed(components pattern, components end) {
     return path;
 }
 
-void add(std::set<std::string>& paths, const std::optional<std::string>& path) {
+void insert_if_any(std::set<std::string>& paths, const std::optional<std::string>& path) {
     if (path) {
         paths.insert(*path);
     }
@@ -53,7 +53,7 @@ void add(std::set<std::string>& paths, const std::optional<std::string>& path) {
 std::set<std::string> items_that_end_with(components end) {
     std::set<std::string> paths;
     for (const schema_row& row : schema_rows()) {
-        add(paths, completed(split(row.pattern), end));
+        insert_if_any(paths, completed(split(row.pattern), end));
     }
     return paths;
 }
@@ -63,12 +63,12 @@ std::set<std::string> folders_that_end_with(components end) {
     for (const schema_row& row : schema_rows()) {
         const component_list pattern = split(row.pattern);
         for (size_t depth = 1; depth < pattern.size(); depth++) {
-            add(paths, completed(components(pattern).first(depth), end));
+            insert_if_any(paths, completed(components(pattern).first(depth), end));
         }
     }
     for (const std::string_view tree : datastore_served_trees()) {
         if (tree.starts_with(configuration)) {
-            add(paths, completed(split(tree), end));
+            insert_if_any(paths, completed(split(tree), end));
         }
     }
     return paths;
@@ -87,4 +87,16 @@ std::vector<std::string> short_path_meanings(std::string_view path, path_target 
     const std::set<std::string> paths =
         target == path_target::item ? items_that_end_with(end) : folders_that_end_with(end);
     return {paths.begin(), paths.end()};
+}
+
+std::string short_path_of(std::string_view path, std::string_view beginning) {
+    const path_target target = path.ends_with('/') ? path_target::folder : path_target::item;
+    for (size_t start = path.size(); start > 1;) {
+        start = path.rfind('/', start - 2) + 1;
+        const std::string_view end = path.substr(start);
+        if (end.starts_with(beginning) && short_path_meanings(end, target).size() == 1) {
+            return std::string(end);
+        }
+    }
+    return {};
 }

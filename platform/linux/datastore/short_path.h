@@ -17,4 +17,8 @@ enum class path_target : uint8_t {
 /// behind the component before it, and is not checked here.
 std::vector<std::string> short_path_meanings(std::string_view path, path_target target);
 
+/// The shortest end of an absolute path that begins with `beginning` and means only this path; empty if there is none. A slash at
+/// the end, which a folder has, is kept.
+std::string short_path_of(std::string_view path, std::string_view beginning = {});
+
 #endif

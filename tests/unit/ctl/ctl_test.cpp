@@ -194,6 +194,23 @@ TEST(ctl_run, prints_the_summary_without_arguments) {
     EXPECT_EQ(output, run({"--help"}).output);
 }
 
+TEST(ctl_run, help_explains_calls_without_an_agent_and_items_with_it) {
+    EXPECT_EQ(run({"help"}).output, run({"--help"}).output);
+    EXPECT_THAT(run({"help", "acl", "set"}).output, StartsWith("usage: ssh_cfg_ctl [OPTION...] acl set"));
+    EXPECT_EQ(run({"acl", "--help"}).output, run({"help", "acl"}).output);
+    EXPECT_THAT(run({"--json", "help", "get"}).output, StartsWith(R"([{"name":"get")"));
+    const outcome item = run({"help", "timeout"}, R"({"result":"done","data":[{"path":"/a","meaning":"A"}]})");
+    EXPECT_EQ(item.status, 0);
+    EXPECT_EQ(item.output, "/a\nA\n\n");
+    EXPECT_EQ(run({"help", "x"}, R"({"result":"no_data","message":"x: nothing"})").status, 4);
+}
+
+TEST(ctl_run, complete_prints_candidates) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ctl_run({"complete", "--socket", "/nowhere", "acl", "sh"}), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "show\n");
+}
+
 TEST(ctl_run, help_names_every_call) {
     const outcome help = run({"--help"});
     EXPECT_EQ(help.status, 0);

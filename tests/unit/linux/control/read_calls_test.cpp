@@ -105,9 +105,18 @@ TEST_F(control_read_calls_test, list_returns_names) {
     EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf/"})"), R"(["blue"])");
     EXPECT_EQ(data(R"({"call":"list","path":"/"})"), R"(["cfg"])");
     EXPECT_EQ(result(R"({"call":"list","path":"/nowhere"})"), "no_data");
-    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/","all":true})"), R"(["netconf","v2","vrf-netconf/","vrf/"])");
-    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/vrf","all":true})"), R"(["*","blue"])");
     EXPECT_EQ(data(R"({"call":"list","path":"@cmn","all":false})"), R"(["logging","timeout","trustpoint"])");
+}
+
+TEST_F(control_read_calls_test, list_all_marks_what_is_configured) {
+    EXPECT_EQ(data(R"({"call":"list","path":"@sshd/","all":true})"),
+              R"([{"name":"netconf","configured":false,"meaning":"NETCONF port, not supported"},)"
+              R"({"name":"v2","configured":false,"meaning":"SSH protocol version 2"},)"
+              R"({"name":"vrf-netconf/","configured":false,"items":0},)"
+              R"({"name":"vrf/","configured":true,"items":1}])");
+    EXPECT_EQ(data(R"({"call":"list","path":"sshd/vrf","all":true})"),
+              R"([{"name":"*","configured":false,"meaning":"SSH server of a VRF"},)"
+              R"({"name":"blue","configured":true,"value":[null,"v4",null],"meaning":"SSH server of a VRF"}])");
     EXPECT_EQ(result(R"({"call":"list","path":"/nowhere","all":true})"), "no_data");
 }
 

@@ -20,4 +20,15 @@ TEST(schema_children, are_none_below_other_paths) {
     }
 }
 
+TEST(schema_rows_below, finds_the_items_below_a_path) {
+    const auto rows = schema_rows_below("/cfg/gl/crypto/ssh/server/sshd");
+    ASSERT_EQ(rows.size(), 4U);
+    EXPECT_STREQ(rows.back()->pattern, "/cfg/gl/crypto/ssh/server/sshd/vrf/*");
+    EXPECT_EQ(schema_rows_below("/").size(), schema_rows().size());
+    EXPECT_EQ(schema_rows_below("/cfg/gl/crypto/ssh/server/cmn/username/ann/").size(), 1U);
+    EXPECT_TRUE(schema_rows_below("/cfg/gl/crypto/ssh/server/cmn/timeout").empty());
+    EXPECT_TRUE(schema_rows_below("cfg").empty());
+    EXPECT_TRUE(schema_rows_below("").empty());
+}
+
 }  // namespace

@@ -11,7 +11,7 @@
 #include "golden.h"
 #include "linux/control/value.h"
 #include "linux/datastore/schema.h"
-#include "linux/datastore/schema_form.h"
+#include "linux/datastore/schema_description.h"
 #include "platform/algorithms.h"
 
 namespace {
@@ -25,53 +25,20 @@ std::string roff(std::string_view text) {
     return escaped;
 }
 
-std::string replace_wildcard(const schema_row& row, const std::string& name) {
-    std::string path = row.pattern;
-    const size_t position = path.find('*');
-    return position == std::string::npos ? path : path.replace(position, 1, name);
-}
-
 std::string labelled(const char* label, const std::string& text) {
-    return std::string(".br\n.I ") + label + ":\n" + roff(text) + '\n';
-}
-
-std::string example_word(const schema_row& row) {
-    return std::string("'") + row.guide.example + '\'';
-}
-
-std::string capitalized(std::string text) {
-    text[0] = static_cast<char>(toupper(static_cast<unsigned char>(text[0])));
-    return text;
-}
-
-/// The form in words, without the meaning, which is printed separately.
-std::string form_without_help(const std::string& words, const char* help) {
-    const std::string in_brackets = std::string(" (") + help + ')';
-    const size_t position = words.find(in_brackets);
-    return position == std::string::npos ? words : std::string(words).erase(position, in_brackets.size());
-}
-
-/// Flags and lists of names need no more than the names.
-std::string field_entries(const schema_row& row) {
-    std::string text;
-    for (const schema_field& field : row.fields) {
-        const bool has_form = field.form.kind != schema_kind::flag && row.rule != schema_tuple_rule::list;
-        text += has_form ? ".br\n.B " + roff(field.name) + ":\n" + roff(schema_form_in_words(field.form)) + '\n' : "";
-    }
-    return text;
+    return text.empty() ? "" : std::string(".br\n.I ") + label + ":\n" + roff(text) + '\n';
 }
 
 std::string manual_entry(const schema_row& row) {
-    const bool has_name = row.wildcard.help != nullptr;
-    std::string text = ".TP\n.B \"" + roff(replace_wildcard(row, "NAME")) + "\"\n" + roff(capitalized(row.form.help)) +
-                       ".\n" + (has_name ? labelled("NAME", schema_form_in_words(row.wildcard)) : "");
-    text += labelled("Value", form_without_help(schema_expected(row), row.form.help)) + field_entries(row) +
-            labelled("Default", row.guide.default_value) +
-            labelled("Example", "ssh_cfg_ctl set " + replace_wildcard(row, "mgmt") + ' ' + example_word(row));
-    if (row.not_carried_out != nullptr) {
-        text += labelled("Stored, not carried out on this machine", row.not_carried_out);
+    const schema_description item = schema_describe(row);
+    std::string text = ".TP\n.B \"" + roff(schema_path_with_name(row, "NAME")) + "\"\n" + roff(item.meaning) + ".\n" +
+                       labelled("NAME", item.name) + labelled("Value", item.value);
+    for (const schema_field_description& field : item.fields) {
+        text += ".br\n.B " + roff(field.name) + ":\n" + roff(field.form) + '\n';
     }
-    return text;
+    return text + labelled("Unit", item.unit) + labelled("Default", item.default_value) +
+           labelled("Example", "ssh_cfg_ctl set " + schema_path_with_name(row, "mgmt") + " '" + item.example + '\'') +
+           labelled("Stored, not carried out on this machine", item.not_carried_out);
 }
 
 std::string manual_page() {
@@ -83,7 +50,10 @@ ssh_cfg_paths \- paths and values of the SSH configuration
 The configuration of
 .BR ssh_cfg_agent (8)
 consists of items, each with a path and a value. These are all paths that can be configured with
-.BR ssh_cfg_ctl (1).
+.BR ssh_cfg_ctl (1),
+where
+.B help
+prints what is said here about one of them.
 .PP
 Values are JSON: a number, true or false, a string, or an array with
 .B null
@@ -106,7 +76,7 @@ TEST(schema_manual, manual_page_lists_every_path) {
 
 /// Whether `set` would take this JSON text; otherwise the refusal.
 std::string refusal_of(const schema_row& row, const char* text) {
-    const std::string path = replace_wildcard(row, "mgmt");
+    const std::string path = schema_path_with_name(row, "mgmt");
     std::string refusal;
     const std::optional<datastore_value> value = control_value_from_word(row, path, text, refusal);
     datastore_stored stored;

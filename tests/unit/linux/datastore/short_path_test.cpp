@@ -84,6 +84,29 @@ TEST(short_path, lists_of_services_of_the_configuration_are_folders) {
     EXPECT_THAT(folder_ends("aaa/username"), IsEmpty());
 }
 
+TEST(short_path_of, is_the_shortest_end_that_means_only_this_path) {
+    EXPECT_EQ(short_path_of("/cfg/gl/crypto/ssh/server/cmn/timeout"), "timeout");
+    EXPECT_EQ(short_path_of("/cfg/gl/crypto/ssh/server/cmn/dscp"), "cmn/dscp");
+    EXPECT_EQ(short_path_of(vrf_blue), "vrf/blue");
+    EXPECT_EQ(short_path_of("/cfg/gl/crypto/ssh/server/sshd/vrf/"), "vrf/");
+    EXPECT_EQ(short_path_of("/cfg/gl/aaa/banner/"), "aaa/banner/");
+    EXPECT_EQ(short_path_of("/cfg/gl/crypto/ssh/server/cmn/timeout", "cm"), "cmn/timeout");
+    EXPECT_EQ(short_path_of("/cfg/gl/crypto/ssh/server/cmn/timeout", "x"), "");
+    for (const char* path : {"", "/", "/nowhere"}) {
+        EXPECT_EQ(short_path_of(path), "") << path;
+    }
+}
+
+TEST(short_path_of, exists_for_every_item) {
+    for (const schema_row& row : schema_rows()) {
+        std::string path = row.pattern;
+        if (const size_t wildcard = path.find('*'); wildcard != std::string::npos) {
+            path.replace(wildcard, 1, "name");
+        }
+        EXPECT_THAT(item_ends(short_path_of(path)), ElementsAre(path));
+    }
+}
+
 /// Every item must have a short path, or it could not be named without its whole path.
 TEST(short_path, the_whole_path_without_its_slash_names_every_item) {
     for (const schema_row& row : schema_rows()) {

@@ -1,0 +1,33 @@
+/// What the schema says about an item, in words: for the manual page and for the help of the operator's tool.
+#ifndef LINUX_DATASTORE_SCHEMA_DESCRIPTION_H
+#define LINUX_DATASTORE_SCHEMA_DESCRIPTION_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/datastore/schema.h"
+
+struct schema_field_description {
+    std::string name;
+    std::string form;
+};
+
+/// Texts that do not apply are empty.
+struct schema_description {
+    std::string meaning;                           ///< "Login grace time"
+    std::string name;                              ///< the form of the name in the path
+    std::string value;                             ///< the form of the value: "a number from 5 to 120"
+    std::vector<schema_field_description> fields;  ///< those whose form is more than their name says
+    std::string unit;
+    std::string default_value;
+    std::string example;  ///< a value in JSON
+    std::string not_carried_out;
+};
+
+schema_description schema_describe(const schema_row& row);
+
+/// The row's pattern with a name in place of "*".
+std::string schema_path_with_name(const schema_row& row, std::string_view name);
+
+#endif
