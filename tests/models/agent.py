@@ -61,7 +61,7 @@ class Agent:
                 shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink()
         for name in ("units", "started"):
             shutil.rmtree(COMMANDS / name)
-        for name in ("log", "loads", "kill"):
+        for name in ("log", "loads", "kill", "fail"):
             (COMMANDS / name).unlink(missing_ok=True)
 
     # The process
@@ -126,6 +126,14 @@ class Agent:
             return None
         finally:
             (COMMANDS / "kill").unlink(missing_ok=True)
+
+    def call_with_failures(self, first, count, request):
+        """Makes a call during which some commands fail."""
+        (COMMANDS / "fail").write_text(f"{first} {count}", encoding="ascii")
+        try:
+            return self.call(**request)
+        finally:
+            (COMMANDS / "fail").unlink()
 
     def _wait_for_orphans(self):
         """The commands of a killed agent come to their ends, as children of this process, the namespace's first."""

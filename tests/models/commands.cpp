@@ -2,7 +2,8 @@
 ///
 /// /commands/log has the command lines, /commands/loads each rule file that nft was to load, /commands/units a file for
 /// each running server with the time of its start, /commands/started a copy of the file that each was started with. If
-/// /commands/kill names a process and a number, the process is killed by the command of that number.
+/// /commands/kill names a process and a number, the process is killed by the command of that number. If /commands/fail has
+/// two numbers, as many commands as the second says fail without an effect, beginning with the one that the first counts to.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -46,7 +47,7 @@ void write_file(const std::string& path, const std::string& text, int flags) {
 }
 
 /// Kills the agent if this is the command at which that is wanted.
-void count_down() {
+void kill_agent() {
     const std::string wanted = read_file("/commands/kill");
     int process = 0;
     int left = 0;
@@ -59,6 +60,21 @@ void count_down() {
     }
     unlink("/commands/kill");
     kill(process, SIGKILL);
+}
+
+/// Whether this is a command that is to fail.
+bool must_fail() {
+    const std::string wanted = read_file("/commands/fail");
+    int first = 0;
+    int count = 0;
+    if (sscanf(wanted.c_str(), "%d %d", &first, &count) != 2 || count == 0) {
+        return false;
+    }
+    const bool fails = first <= 1;
+    write_file("/commands/fail",
+               fails ? "1 " + std::to_string(count - 1) : std::to_string(first - 1) + ' ' + std::to_string(count),
+               O_TRUNC);
+    return fails;
 }
 
 // --- systemctl -------------------------------------------------------------------------------------------------------
@@ -181,7 +197,10 @@ int main(int argc, char** argv) {
     }
     write_file("/commands/log", line + '\n', O_APPEND);
     if (name != "nft") {
-        count_down();
+        kill_agent();
+        if (must_fail()) {
+            return 1;
+        }
     }
     const int status = name == "systemctl" ? systemctl(argc, argv) : name == "ip" ? ip(argc, argv) : nft(argc, argv);
     return fflush(stdout) == 0 ? status : 1;

@@ -3,8 +3,12 @@
 A step is an array, so that a history can be kept as JSON:
 
     ["commit", {PATH: VALUE or null}]          ["kill_at", NUMBER, {PATH: VALUE or null}]
-    ["list", FAMILY, NAME, ENTRIES or null]    ["namespace", VRF, EXISTS]
-    ["lose", PATH, {PATH: VALUE}]              ["debug", FLAG, IS_ON]     ["restart"]    ["kill"]
+    ["list", FAMILY, NAME, ENTRIES or null]    ["kill_in_list", NUMBER, FAMILY, NAME, ENTRIES or null]
+    ["lose", PATH, {PATH: VALUE}]              ["namespace", VRF, EXISTS]
+    ["debug", FLAG, IS_ON]                     ["fail", NUMBER, COUNT, {PATH: VALUE or null}]
+    ["restart"]    ["kill"]
+
+where NUMBER is that of the command by which the agent is killed, or of the first of COUNT that fail, after which the agent is started again.
 
 Steps that make no sense where they come, like the deletion of a missing namespace, are left out, so that any part of a
 history is a history.
@@ -105,7 +109,7 @@ def change(chance, model):
     if kind < 0.67:
         return chance.choice(TRUSTPOINTS), True
     if kind < 0.72:
-        return chance.choice(MACS), True
+        return chance.choice([*MACS, SERVER + "cmn/logging"]), True
     path = chance.choice(sorted(ITEMS))
     return path, ITEMS[path](chance)
 
@@ -212,6 +216,15 @@ def lose_step(chance, model):
     return ["lose", file, {item: ITEMS[item](chance)}]
 
 
+def debug_step(chance, model):
+    """Half of the time a flag that is on is turned off."""
+    on = [f"{name}-l{level}" for name, side in (("server", model.server), ("client", model.client))
+          for level in sorted(side.debug_levels)]
+    if on and chance.random() < 0.5:
+        return ["debug", chance.choice(on), False]
+    return ["debug", chance.choice(DEBUG_FLAGS), True]
+
+
 def step(chance, model):
     kind = chance.random()
     if kind < 0.58:
@@ -225,10 +238,14 @@ def step(chance, model):
     if kind < 0.88:
         return lose_step(chance, model)
     if kind < 0.92:
-        return ["debug", chance.choice(DEBUG_FLAGS), chance.random() < 0.6]
+        return debug_step(chance, model)
     if kind < 0.95:
-        return ["kill_at", chance.randint(1, 6), changes(chance, model)]
-    return ["restart"] if kind < 0.98 else ["kill"]
+        return ["kill_at", chance.choice([1, 1, 2, 3, 4, 6]), changes(chance, model)]
+    if kind < 0.97:
+        return ["fail", chance.choice([1, 1, 2, 3, 4]), chance.choice([1, 1, 2, 100]), changes(chance, model)]
+    if kind < 0.975:
+        return ["kill_in_list", chance.randint(1, 3), *list_step(chance)[1:]]
+    return ["restart"] if kind < 0.988 else ["kill"]
 
 
 def makes_sense(model, wanted):
@@ -238,11 +255,12 @@ def makes_sense(model, wanted):
         path, changed = arguments
         is_there = path in model.lines or path == PAM_FILE
         return is_there and all(model.stored.get(item) != value for item, value in changed.items())
-    if kind in ("commit", "kill_at"):
+    if kind in ("commit", "kill_at", "fail"):
         changed = arguments[-1]
         return bool(changed) and all(value is not None or path in model.stored for path, value in changed.items())
-    if kind == "list":
-        return arguments[2] is not None or arguments[1] in model.access_lists[arguments[0]]
+    if kind in ("list", "kill_in_list"):
+        family, name, entries = arguments[-3:]
+        return entries is not None or name in model.access_lists[family]
     if kind == "namespace":
         return (arguments[0] in model.namespaces) != arguments[1]
     if kind == "debug":

@@ -119,6 +119,7 @@ class Router:
         self.server = settings.Server(self._write_server, self.fips_is_on)
         self.client = settings.Client(self._write_client, self.fips_is_on)
         self.texts[PAM_FILE] = PAM
+        self.client_is_incomplete = False
         self.server.start(settings.SERVER_START)
         self.client.start(settings.CLIENT_START)
         self.server.write(DELETED, "LogLevel", None)
@@ -522,6 +523,7 @@ class Router:
     def lose(self, path):
         """A file is removed by hand. Only that of PAM is noticed."""
         self.lines.pop(path, None)
+        self.client_is_incomplete = self.client_is_incomplete or path == CLIENT_FILE
 
     def debug(self, flag, is_on):
         side, level = flag.rsplit("-l", 1)
