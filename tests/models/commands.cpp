@@ -103,14 +103,17 @@ bool is_active(const std::string& unit) {
     return access(("/commands/units/" + unit).c_str(), F_OK) == 0;
 }
 
-void show_units() {
+/// Prints the running units' properties or, if they are only to be listed, a line for each.
+void show_units(bool lists) {
+    constexpr char line[] = "%s.service loaded active running server %s\n";
+    constexpr char properties[] =
+        "Id=%s.service\nLoadState=loaded\nActiveState=active\nSubState=running\nResult=success\nMainPID=0\n"
+        "ExecMainStartTimestampMonotonic=%s\n\n";
     DIR* folder = opendir("/commands/units");
     while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
         if (entry->d_name[0] != '.') {
-            printf(
-                "Id=%s.service\nLoadState=loaded\nActiveState=active\nSubState=running\nResult=success\nMainPID=0\n"
-                "ExecMainStartTimestampMonotonic=%s\n\n",
-                entry->d_name, read_file(std::string("/commands/units/") + entry->d_name).c_str());
+            const std::string started = read_file(std::string("/commands/units/") + entry->d_name);
+            printf(lists ? line : properties, entry->d_name, started.c_str());
         }
     }
     if (folder != nullptr) {
@@ -133,8 +136,8 @@ int change_unit(const std::string& verb, const std::string& unit) {
 
 int systemctl(int argc, char** argv) {
     const std::string verb = argc > 1 ? argv[1] : "";
-    if (verb == "show") {
-        show_units();
+    if (verb == "show" || verb == "list-units") {
+        show_units(verb == "list-units");
         return 0;
     }
     int status = 0;
