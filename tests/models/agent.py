@@ -18,7 +18,7 @@ COMMANDS = pathlib.Path("/commands")
 RUNTIME = pathlib.Path("/run/ssh_cfg_agent")
 SOCKET = RUNTIME / "control.sock"
 FOLDERS = ["/var/opt/norvo/norvossh", "/etc/systemd/system", "/etc/pam.d", rule_files.FOLDER]
-SECONDS = 60
+SECONDS = 30
 
 
 class Failure(Exception):
@@ -61,7 +61,7 @@ class Agent:
                 shutil.rmtree(path) if path.is_dir() and not path.is_symlink() else path.unlink()
         for name in ("units", "started"):
             shutil.rmtree(COMMANDS / name)
-        for name in ("log", "loads", "kill", "fail"):
+        for name in ("log", "loads", "kill", "fail", "unknown"):
             (COMMANDS / name).unlink(missing_ok=True)
 
     # The process
@@ -214,6 +214,8 @@ class Agent:
 
     def state(self):
         """What is on the machine: texts by path, running servers, rules by VRF."""
+        if (COMMANDS / "unknown").exists():
+            raise Failure(f"tests/models/commands.cpp does not know: {(COMMANDS / 'unknown').read_text(encoding='utf-8')}")
         self._read_loads()
         texts = {}
         for folder in FOLDERS:

@@ -3,6 +3,7 @@
 import copy
 import difflib
 import re
+import time
 
 import histories
 import lines
@@ -286,20 +287,20 @@ def replay(steps):
 SAME = 24
 
 
-def shrink(steps, limit=300):
-    """Leaves out what is not needed for a difference, and returns the rest with its difference."""
+def shrink(steps, seconds=180):
+    """Leaves out what is not needed for a difference, for about so long, and returns the rest with its difference."""
+    end = time.monotonic() + seconds
     steps, problem = replay(steps)
     size = max(1, len(steps) // 2)
-    while problem is not None and limit > 0:
+    while problem is not None and time.monotonic() < end:
         shorter = None
         for candidate in shorter_histories(steps, size):
-            limit -= 1
             done, found = replay(candidate)
             if found is not None and found[:SAME] == problem[:SAME]:
                 shorter = done
                 problem = found
                 break
-            if limit <= 0:
+            if time.monotonic() > end:
                 break
         if shorter is not None:
             steps = shorter
