@@ -2,6 +2,7 @@
 #ifndef PLATFORM_COMMON_MACHINE_USER_H
 #define PLATFORM_COMMON_MACHINE_USER_H
 
+#include <cstdint>
 #include <string>
 
 enum class machine_user : unsigned char {
@@ -13,5 +14,8 @@ enum class machine_user : unsigned char {
 
 /// Looks a user up. May throw std::bad_alloc.
 machine_user machine_user_find(const std::string& name);
+
+/// The name of a user, or an empty text if there is none or it cannot be found out. May throw std::bad_alloc.
+std::string machine_user_name(uint32_t user_id);
 
 #endif

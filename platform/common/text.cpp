@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <iterator>
 
 namespace {
@@ -174,4 +175,14 @@ std::string text_escape_quoted(std::string_view text, size_t size_max) {
 
 std::string text_escape_to_ascii(std::string_view text, size_t size_max) {
     return escape(text, size_max, {.highest_shown = 0x7f});
+}
+
+std::string text_utc_time(int64_t seconds) {
+    const auto time = static_cast<time_t>(seconds);
+    tm parts = {};
+    char text[32] = "";
+    if (gmtime_r(&time, &parts) != nullptr) {
+        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    }
+    return text;
 }

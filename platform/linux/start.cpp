@@ -4,6 +4,7 @@
 
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/control/control.h"
+#include "linux/control/fallback.h"
 #include "linux/enforcement/enforcement_internal.h"
 #include "linux/enforcement/retry.h"
 #include "linux/host/aaa_users.h"
@@ -95,6 +96,7 @@ constexpr platform_service services[] = {
     {"own packet filters", service_moment::first_wait, 0, false, own_tables_start, own_tables_stop},
     {"repairs", service_moment::first_wait, 0, false, enforcement_retry_start, enforcement_retry_stop},
     {"rehearsals", service_moment::first_wait, 0, false, rehearsals_start, rehearsals_stop},
+    {"fallback", service_moment::first_wait, 0, false, fallback_start, fallback_stop},
     {"control calls", service_moment::first_wait, 0, false, start_control_calls, nullptr},
     // The agent reports readiness before it applies the configuration. Units that are ordered after it rely on the servers.
     {"readiness", service_moment::first_wait, 0, false, notify_readiness, nullptr},

@@ -39,12 +39,13 @@ CASES = {
 
 
 def load(items, *options):
-    """The call's status, its standard error, and its answer without the members that only a check returns."""
+    """The call's status, its standard error, and its answer without the members that only one of the two returns."""
     result = router.run("ssh_cfg_ctl", "--json", "load", *options, "-", input=json.dumps(items), check=False)
     # Where a load says "stored", a check says "would be stored".
     answer, words = (text.replace("would be stored", "stored") for text in (result.stdout, result.stderr))
     answer = json.loads(answer) if answer else {}
     answer.pop("rehearsal", None)
+    answer.pop("commit", None)
     assert answer.pop("check", "--check" in options) == ("--check" in options)
     return result.returncode, words, answer
 

@@ -6,7 +6,9 @@
 #include "common/number.h"
 #include "common/text.h"
 #include "ssh_cfg_ctl/file.h"
+#include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
+#include "ssh_cfg_ctl/options.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/show.h"
 #include "ssh_cfg_ctl/status.h"
@@ -42,11 +44,22 @@ const std::string* find_no_text(const argument_list& arguments) {
     return nullptr;
 }
 
-ctl_request set_request(const argument_list& arguments) {
-    if (arguments.empty() || arguments.size() > 2) {
+/// Removes the option --note, and adds its value to the request.
+bool move_note(argument_list& arguments, control_json& request) {
+    const std::optional<std::string> note = ctl_take_value(arguments, "--note");
+    if (note.has_value()) {
+        request["note"] = *note;
+    }
+    return !note.has_value() || text_is_utf8(*note);
+}
+
+ctl_request set_request(const argument_list& given) {
+    argument_list arguments = given;
+    control_json request = {{"call", "set"}};
+    if (!move_note(arguments, request) || arguments.empty() || arguments.size() > 2) {
         return wrong_arguments();
     }
-    control_json request = {{"call", "set"}, {"path", arguments[0]}};
+    request["path"] = arguments[0];
     if (arguments.size() == 2) {
         request["word"] = arguments[1];
     }
@@ -61,18 +74,29 @@ ctl_request path_request(const argument_list& arguments) {
     return ask({{"call", call_name}, {"path", arguments[0]}});
 }
 
+ctl_request delete_request(const argument_list& given) {
+    argument_list arguments = given;
+    control_json request = {{"call", "delete"}};
+    if (!move_note(arguments, request) || arguments.size() != 1) {
+        return wrong_arguments();
+    }
+    request["path"] = arguments[0];
+    return ask(std::move(request));
+}
+
 template <const char* call_name>
 ctl_request bare_request(const argument_list& arguments) {
     return arguments.empty() ? ask({{"call", call_name}}) : wrong_arguments();
 }
 
-constexpr char delete_name[] = "delete";
 constexpr char get_name[] = "get";
 constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
 constexpr char watch_name[] = "watch";
 constexpr char verify_name[] = "verify";
 constexpr char repair_name[] = "repair";
+constexpr char confirm_name[] = "confirm";
+constexpr char history_name[] = "history";
 
 ctl_request list_request(const argument_list& arguments) {
     const bool all = !arguments.empty() && arguments[0] == "--all";
@@ -95,32 +119,84 @@ ctl_request help_request(const argument_list& arguments) {
     return ask({{"call", "help"}, {"path", text}});
 }
 
-ctl_request load_request(const argument_list& arguments) {
-    const std::string* file = nullptr;
-    bool check = false;
-    for (const std::string& argument : arguments) {
-        if (argument == "--check") {
-            check = true;
-        } else if (file == nullptr && (argument == "-" || !argument.starts_with("--"))) {
-            file = &argument;
-        } else {
-            return wrong_arguments();
-        }
+constexpr unsigned confirm_minutes_max = 1440;
+
+/// Removes the options of load, and adds their values to the request. Returns null or the problem.
+control_json move_load_options(argument_list& arguments, control_json& request) {
+    request["check"] = ctl_take_flag(arguments, "--check");
+    if (ctl_take_flag(arguments, "--replace")) {
+        request["replace"] = true;
     }
-    if (file == nullptr) {
+    if (const std::optional<std::string> minutes = ctl_take_value(arguments, "--confirm"); minutes.has_value()) {
+        const std::optional<unsigned> number = number_parse<unsigned>(*minutes, 1, confirm_minutes_max);
+        if (!number.has_value()) {
+            return control_answer(control_result::usage,
+                                  "--confirm: expected 1 to 1440 minutes, not '" + text_escape(*minutes, 40) + "'");
+        }
+        request["confirm"] = *number;
+    }
+    return {};
+}
+
+ctl_request load_request(const argument_list& given) {
+    argument_list arguments = given;
+    control_json request = {{"call", "load"}};
+    control_json problem = move_load_options(arguments, request);
+    if (!problem.is_null()) {
+        return {{}, problem};
+    }
+    if (!move_note(arguments, request) || arguments.size() != 1 ||
+        (arguments[0] != "-" && arguments[0].starts_with("--"))) {
         return wrong_arguments();
     }
-    control_json problem;
-    std::optional<control_json> items = ctl_read_json_file(*file, problem);
+    std::optional<control_json> items = ctl_read_items_file(arguments[0], problem);
     if (!items.has_value()) {
         return {{}, problem};
     }
-    if (!items->is_object()) {
-        return fail(control_result::refused,
-                    *file + ": expected one JSON object that maps paths to values (null deletes an item)");
-    }
-    control_json request = {{"call", "load"}, {"check", check}};
     request["items"] = std::move(*items);
+    return ask(std::move(request));
+}
+
+/// The number of a commit, as typed.
+std::optional<uint64_t> commit_number(const std::string& argument) {
+    return number_parse<uint64_t>(argument, 0, UINT32_MAX);
+}
+
+ctl_request rollback_request(const argument_list& given) {
+    argument_list arguments = given;
+    control_json request = {{"call", "rollback"}, {"check", ctl_take_flag(arguments, "--check")}};
+    const bool has_note = move_note(arguments, request);
+    const std::optional<uint64_t> number = arguments.size() == 1 ? commit_number(arguments[0]) : std::nullopt;
+    if (!has_note || !number.has_value()) {
+        return wrong_arguments();
+    }
+    request["number"] = *number;
+    return ask(std::move(request));
+}
+
+ctl_request diff_request(const argument_list& arguments) {
+    control_json request = {{"call", "diff"}};
+    const std::optional<uint64_t> first = arguments.empty() ? std::nullopt : commit_number(arguments[0]);
+    const std::optional<uint64_t> second = arguments.size() < 2 ? std::nullopt : commit_number(arguments[1]);
+    if (arguments.size() == 1 && !first.has_value()) {
+        control_json problem;
+        std::optional<control_json> items = ctl_read_items_file(arguments[0], problem);
+        if (!items.has_value()) {
+            return {{}, problem};
+        }
+        request["items"] = std::move(*items);
+        return ask(std::move(request));
+    }
+    if (arguments.size() > 2 || (!arguments.empty() && !first.has_value()) ||
+        (arguments.size() == 2 && !second.has_value())) {
+        return wrong_arguments();
+    }
+    if (first.has_value()) {
+        request["from"] = *first;
+    }
+    if (second.has_value()) {
+        request["to"] = *second;
+    }
     return ask(std::move(request));
 }
 
@@ -356,7 +432,7 @@ std::string load_text(const control_json& answer) {
     }
     text += rehearsal_text(answer);
     text += counts_text(items);
-    return text + (check ? " (checked only, nothing stored)\n" : "\n");
+    return text + (check ? " (checked only, nothing stored)\n" : "\n") + ctl_confirmation_text(answer);
 }
 
 std::string hexadecimal(uint32_t number) {
@@ -489,10 +565,23 @@ std::string repair_text(const control_json& answer) {
 }
 
 constexpr ctl_call_row calls[] = {
-    {"set", "PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request, change_text},
-    {"delete", "PATH", "delete one item, or all below a PATH that ends in '/'", path_request<delete_name>, change_text},
-    {"load", "[--check] FILE", "store all items of a JSON object {path: value, or null to delete}, all or nothing",
+    {"set", "[--note TEXT] PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request,
+     change_text},
+    {"delete", "[--note TEXT] PATH", "delete one item, or all below a PATH that ends in '/'", delete_request,
+     change_text},
+    {"load", "[--check] [--replace] [--confirm MINUTES] [--note TEXT] FILE",
+     "store all items of a JSON object {path: value, or null to delete}, all or nothing; with --replace, delete all others; "
+     "with --confirm, undo it unless confirm follows in time",
      load_request, load_text},
+    {"confirm", "", "keep what load --confirm has stored", bare_request<confirm_name>, ctl_confirmed_text},
+    {"history", "", "print the latest commits: number, time, user, call, number of changes and note",
+     bare_request<history_name>, ctl_history_text},
+    {"diff", "[COMMIT [COMMIT] | FILE]",
+     "print what the latest commit changed, what has changed since COMMIT or between two, or how FILE differs from what is "
+     "stored",
+     diff_request, ctl_diff_text},
+    {"rollback", "[--check] [--note TEXT] COMMIT", "return to the configuration as it was after COMMIT",
+     rollback_request, load_text},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
     {"list", "[--all] PATH",
      "print the names configured directly below PATH; with --all everything that can be configured there, with its value",

@@ -51,3 +51,13 @@ std::optional<control_json> ctl_read_json_file(const std::string& name, control_
     std::optional<control_json> document = control_json_parse(*text, error);
     return document.has_value() ? std::move(document) : fail(problem, name, control_result::refused, error);
 }
+
+std::optional<control_json> ctl_read_items_file(const std::string& name, control_json& problem) {
+    std::optional<control_json> items = ctl_read_json_file(name, problem);
+    if (items.has_value() && !items->is_object()) {
+        problem = control_answer(control_result::refused,
+                                 name + ": expected one JSON object that maps paths to values (null deletes an item)");
+        return std::nullopt;
+    }
+    return items;
+}

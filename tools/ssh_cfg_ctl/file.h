@@ -14,4 +14,7 @@ std::optional<std::string> ctl_read_file(const std::string& name, control_json& 
 /// Reads a file with one JSON document; invalid JSON is refused, with line and column.
 std::optional<control_json> ctl_read_json_file(const std::string& name, control_json& problem);
 
+/// The same for a configuration: one JSON object.
+std::optional<control_json> ctl_read_items_file(const std::string& name, control_json& problem);
+
 #endif

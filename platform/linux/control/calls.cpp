@@ -52,7 +52,11 @@ constexpr call_row calls[] = {
     {"set", control_call_set, on_standby::refuse, nullptr, open_to::administrators},
     {"delete", control_call_delete, on_standby::refuse, nullptr, open_to::administrators},
     {"load", control_call_load, on_standby::refuse, nullptr, open_to::administrators},
+    {"rollback", control_call_rollback, on_standby::refuse, nullptr, open_to::administrators},
+    {"confirm", control_call_confirm, on_standby::refuse, nullptr, open_to::administrators},
     // Reads.
+    {"history", control_call_history, on_standby::read, always, open_to::readers},
+    {"diff", control_call_diff, on_standby::read, always, open_to::readers},
     {"get", control_call_get, on_standby::read, always, open_to::readers},
     {"list", control_call_list, on_standby::read, always, open_to::readers},
     {"dump", control_call_dump, on_standby::read, always, open_to::readers},

@@ -1,10 +1,16 @@
 /// The calls of the control socket, as ssh_cfg_ctl makes them.
 ///
 /// Request members beside "call":
+///   Changes of the configuration take a note (optional; a text for the history).
 ///   set     path, value (any JSON value) or word (the value as typed: JSON, or a bare word where the schema expects a
 ///           string); neither for an item without fields, or of which only the existence matters
 ///   delete  path
-///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only)
+///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only), replace (optional;
+///           true: delete what the items do not name), confirm (optional: the minutes within which confirm must follow)
+///   rollback  number (of the commit after which the configuration was as wanted), check (optional, as for load)
+///   confirm   nothing
+///   history   nothing
+///   diff      from and to (optional: numbers of commits), or items (to be compared with the configuration as a whole)
 ///   get     path
 ///   list    path, all (optional; true: what can be configured)
 ///   help    path (or words of descriptions), see help_call.cpp
@@ -36,7 +42,9 @@
 /// configured, value or, of a folder, items, and meaning), dump an object like `items`, show a record or an array of
 /// records, watch an array with the notifications of the state in force, vrf_list, debug and trace arrays of objects,
 /// status an object, vrf_unblock an array of the services that were opened. An entry of a trace has time, point (the number), name (null for a point without a description),
-/// arguments (an object by label) and, if the argument "status" is a failure, error (its text). Commits answer with "items" (path and outcome).
+/// arguments (an object by label) and, if the argument "status" is a failure, error (its text). Commits answer with "items" (path and outcome)
+/// and, if they have changed anything, "commit", their number in the history. "data" of history is an array of objects, the
+/// latest commit first; "data" of diff an array of objects with path, outcome, previous and value.
 /// Changes that are stored but not all in force answer with result "not_in_force" and "not_in_force" (an array of objects
 /// with subject and reason). "data" of verify is an array of differences (objects with subject and text), and the result
 /// is "failed" when there are any. "data" of repair has two such arrays, "repaired" and "remaining"; the result is "failed"

@@ -37,6 +37,12 @@ control_json control_call_set(const control_json& request, const control_peer& p
 control_json control_call_delete(const control_json& request, const control_peer& peer);
 control_json control_call_load(const control_json& request, const control_peer& peer);
 
+// The history of commits (history_calls.cpp).
+control_json control_call_history(const control_json& request, const control_peer& peer);
+control_json control_call_diff(const control_json& request, const control_peer& peer);
+control_json control_call_rollback(const control_json& request, const control_peer& peer);
+control_json control_call_confirm(const control_json& request, const control_peer& peer);
+
 // Reads (read_calls.cpp).
 control_json control_call_get(const control_json& request, const control_peer& peer);
 control_json control_call_list(const control_json& request, const control_peer& peer);

@@ -1,7 +1,11 @@
+#include "linux/control/change_calls.h"
+
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
+#include "common/machine_user.h"
 #include "common/text.h"
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
@@ -18,24 +22,11 @@ namespace {
 /// How many refusals of one load are reported at once.
 constexpr size_t refusals_max = 20;
 
-const char* outcome_name(datastore_outcome outcome) {
-    switch (outcome) {
-        case datastore_outcome::created:
-            return "created";
-        case datastore_outcome::changed:
-            return "changed";
-        case datastore_outcome::deleted:
-            return "deleted";
-        case datastore_outcome::unchanged:
-            break;
-    }
-    return "unchanged";
-}
-
 control_result result_of(datastore_refused_by refused_by) {
     switch (refused_by) {
         case datastore_refused_by::none:
             return control_result::done;
+        case datastore_refused_by::confirmation:
         case datastore_refused_by::authority:
         case datastore_refused_by::schema:
         case datastore_refused_by::verifier:
@@ -54,7 +45,7 @@ control_result result_of(datastore_refused_by refused_by) {
 control_json items_of(const datastore_commit_result& result) {
     control_json items = control_json::array();
     for (const datastore_item_outcome& item : result.items) {
-        items.push_back({{"path", item.path}, {"outcome", outcome_name(item.outcome)}});
+        items.push_back({{"path", item.path}, {"outcome", control_outcome_name(item.outcome)}});
     }
     return items;
 }
@@ -73,7 +64,7 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
     }
     for (const datastore_item_outcome& item : result.items) {
         if (item.outcome != datastore_outcome::unchanged) {
-            entries.push_back(std::string(outcome_name(item.outcome)) + ' ' + item.path);
+            entries.push_back(std::string(control_outcome_name(item.outcome)) + ' ' + item.path);
         }
     }
     for (const enforcement_entry& entry : result.not_in_force) {
@@ -154,20 +145,35 @@ void add_rehearsal(control_json& answer, const rehearsal_report& report, bool ch
     control_add_warnings(answer, rehearsal_warnings(report, check_only));
 }
 
-struct change_call {
-    const char* name;
-    const control_peer& peer;
-    bool check_only;
-};
+using change_call = control_change_call;
+
+datastore_commit_order order_of(const change_call& call) {
+    datastore_commit_order order;
+    order.authority = call.by_agent.value_or(control_peer_authority(call.peer));
+    order.author.call = call.name;
+    order.author.note = call.note;
+    if (!call.by_agent) {
+        order.author.uid = call.peer.uid;
+        order.author.user = machine_user_name(call.peer.uid);
+    }
+    order.confirm_seconds = call.confirm_seconds;
+    order.undone_commit = call.undone_commit;
+    return order;
+}
 
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
-    const datastore_commit_result result =
-        datastore_commit(changes, call.check_only, control_peer_authority(call.peer));
+    const datastore_commit_result result = datastore_commit(changes, call.check_only, order_of(call));
     control_result outcome = result_of(result.refused_by);
     control_json answer = control_answer(outcome, result.message);
     if (outcome == control_result::done) {
         answer["check"] = call.check_only;
         answer["items"] = items_of(result);
+        if (result.number > 0) {
+            answer["commit"] = result.number;
+        }
+        if (result.number > 0 && call.confirm_seconds > 0) {
+            answer["confirm_within"] = call.confirm_seconds;
+        }
         control_add_warnings(answer, acl_commit_warnings(result.items));
         control_add_warnings(answer, waiting_warnings(result, call.check_only));
         control_add_warnings(answer, effect_warnings(result, call.check_only));
@@ -294,7 +300,102 @@ control_json set_without_value(const change_call& call, const control_path& wish
                                       schema_expected(*row).c_str()));
 }
 
+/// Adds the deletion of every item that the changes do not name. With it, an item that is to be deleted need not exist.
+bool add_deletions(std::vector<datastore_change_request>& changes, platform_status& status) {
+    std::set<std::string, std::less<>> named;
+    std::erase_if(changes, [](const datastore_change_request& change) { return !change.value.has_value(); });
+    for (const datastore_change_request& change : changes) {
+        named.insert(change.path);
+    }
+    status = datastore_visit("/", [&](const std::string& path, const datastore_value&) {
+        if (!named.contains(path)) {
+            changes.push_back({path, std::nullopt});
+        }
+        return true;
+    });
+    return status == PLATFORM_OK;
+}
+
+constexpr uint64_t confirm_minutes_max = 1440;
+
+/// Reads the optional member "confirm". Returns null or the answer that refuses it.
+control_json read_confirm(const control_json& request, uint64_t& seconds) {
+    const auto minutes = request.find("confirm");
+    if (minutes == request.end()) {
+        return {};
+    }
+    if (!minutes->is_number_unsigned() || minutes->get<uint64_t>() == 0 ||
+        minutes->get<uint64_t>() > confirm_minutes_max) {
+        return control_wrong_member("confirm", "a number of minutes from 1 to 1440");
+    }
+    seconds = minutes->get<uint64_t>() * 60;
+    return {};
+}
+
+control_json load(const change_call& call, const control_json& items, bool replace) {
+    load_refusals refusals;
+    std::vector<datastore_change_request> changes = changes_of(items, refusals);
+    if (!refusals.texts.empty()) {
+        return refuse(call, refusals.path, refusals.texts);
+    }
+    platform_status status = PLATFORM_OK;
+    if (replace && !add_deletions(changes, status)) {
+        return control_answer(control_result::failed, text_format("the configuration cannot be read: %s (0x%x)",
+                                                                  platform_status_text(status), status));
+    }
+    return commit(call, changes);
+}
+
 }  // namespace
+
+const char* control_outcome_name(datastore_outcome outcome) {
+    switch (outcome) {
+        case datastore_outcome::created:
+            return "created";
+        case datastore_outcome::changed:
+            return "changed";
+        case datastore_outcome::deleted:
+            return "deleted";
+        case datastore_outcome::unchanged:
+            break;
+    }
+    return "unchanged";
+}
+
+control_json control_commit(const control_change_call& call, const std::vector<datastore_change_request>& changes) {
+    return commit(call, changes);
+}
+
+std::optional<datastore_change_request> control_change_from_json(const std::string& path, const control_json& value,
+                                                                 std::string& refusal) {
+    return change_of({path, &value, nullptr}, refusal);
+}
+
+control_json control_read_note(const control_json& request, std::string& note) {
+    constexpr size_t note_max = 500;
+    const auto member = request.find("note");
+    if (member == request.end()) {
+        return {};
+    }
+    const std::string* text = control_text_member(request, "note");
+    if (text == nullptr || text->size() > note_max || text_escape(*text, note_max) != *text) {
+        return control_wrong_member("note", "a line of at most 500 bytes without control characters");
+    }
+    note = *text;
+    return {};
+}
+
+control_json control_read_flag(const control_json& request, const char* name, bool& flag) {
+    const auto member = request.find(name);
+    if (member == request.end()) {
+        return {};
+    }
+    if (!member->is_boolean()) {
+        return control_wrong_member(name, "true or false");
+    }
+    flag = member->get<bool>();
+    return {};
+}
 
 control_json control_call_set(const control_json& request, const control_peer& peer) {
     const control_path wished = control_item_path(request);
@@ -303,7 +404,10 @@ control_json control_call_set(const control_json& request, const control_peer& p
     }
     const std::string* word = control_text_member(request, "word");
     const auto value = request.find("value");
-    const change_call call = {"set", peer, false};
+    change_call call = {"set", peer};
+    if (control_json problem = control_read_note(request, call.note); !problem.is_null()) {
+        return problem;
+    }
     if (word == nullptr && value == request.end()) {
         return set_without_value(call, wished);
     }
@@ -323,7 +427,9 @@ control_json control_call_delete(const control_json& request, const control_peer
     if (!wished.problem.is_null()) {
         return wished.problem;
     }
-    return commit_wish({"delete", peer, false}, wished, {wished.path, std::nullopt});
+    change_call call = {"delete", peer};
+    control_json problem = control_read_note(request, call.note);
+    return problem.is_null() ? commit_wish(call, wished, {wished.path, std::nullopt}) : problem;
 }
 
 control_json control_call_load(const control_json& request, const control_peer& peer) {
@@ -331,12 +437,17 @@ control_json control_call_load(const control_json& request, const control_peer& 
     if (items == request.end() || !items->is_object()) {
         return control_wrong_member("items", "an object of paths and values");
     }
-    const auto check = request.find("check");
-    if (check != request.end() && !check->is_boolean()) {
-        return control_wrong_member("check", "true or false");
+    change_call call = {"load", peer};
+    bool replace = false;
+    control_json problem = control_read_flag(request, "check", call.check_only);
+    if (problem.is_null()) {
+        problem = control_read_flag(request, "replace", replace);
     }
-    const change_call call = {"load", peer, check != request.end() && check->get<bool>()};
-    load_refusals refusals;
-    const std::vector<datastore_change_request> changes = changes_of(*items, refusals);
-    return refusals.texts.empty() ? commit(call, changes) : refuse(call, refusals.path, refusals.texts);
+    if (problem.is_null()) {
+        problem = control_read_note(request, call.note);
+    }
+    if (problem.is_null()) {
+        problem = read_confirm(request, call.confirm_seconds);
+    }
+    return problem.is_null() ? load(call, *items, replace) : problem;
 }

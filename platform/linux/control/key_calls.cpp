@@ -1,5 +1,4 @@
 /// Calls on users' public keys. Request members: user, and for key_import the text of the key as `text`.
-#include <ctime>
 #include <vector>
 
 #include "common/machine_user.h"
@@ -104,16 +103,6 @@ control_json audited_refusal(const control_peer& peer, const char* call, const s
     return refusal;
 }
 
-std::string time_text(int64_t seconds) {
-    const auto time = static_cast<time_t>(seconds);
-    tm parts = {};
-    char text[32] = "";
-    if (gmtime_r(&time, &parts) != nullptr) {
-        strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    }
-    return text;
-}
-
 control_json entry_json(const key_store_entry& entry) {
     rsa_public_key key;
     const bool readable = key_der_read(entry.record.der, key) == PLATFORM_OK;
@@ -121,7 +110,7 @@ control_json entry_json(const key_store_entry& entry) {
             {"type", "ssh-rsa"},
             {"bits", entry.record.bits},
             {"origin", entry.record.origin == key_origin::exec_mode ? "exec" : "configuration"},
-            {"since", time_text(entry.record.time)},
+            {"since", text_utc_time(entry.record.time)},
             {"fingerprint", readable ? key_fingerprint(key) : std::string()}};
 }
 

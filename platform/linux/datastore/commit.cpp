@@ -3,11 +3,14 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <new>
 
 #include "common/text.h"
+#include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/history.h"
 #include "linux/datastore/state.h"
 #include "linux/enforcement/server_files.h"
 #include "linux/reporting/log_message_internal.h"
@@ -274,23 +277,52 @@ platform_status store_items(const datastore_state& state, const commit_plan& pla
     return PLATFORM_OK;
 }
 
-platform_status store_transaction(const datastore_state& state, const commit_plan& plan) {
+datastore_kept_commit kept_commit_of(const commit_plan& plan, const datastore_commit_order& order) {
+    datastore_kept_commit kept = {the_datastore().last_commit + 1, time(nullptr), order.author, {}};
+    for (const auto& [path, planned] : plan) {
+        if (planned.changes()) {
+            kept.changes.push_back({path, planned.previous, planned.value});
+        }
+    }
+    return kept;
+}
+
+/// Within the commit's transaction.
+platform_status settle_confirmation(const datastore_state& state, const datastore_commit_order& order,
+                                    uint64_t number) {
+    if (order.confirm_seconds > 0) {
+        return confirmation_store(state, {number, order.confirm_seconds, datastore_present_moment()});
+    }
+    return order.undone_commit > 0 ? confirmation_remove(state) : platform_status{PLATFORM_OK};
+}
+
+platform_status store_transaction(const datastore_state& state, const commit_plan& plan,
+                                  const datastore_commit_order& order, const datastore_kept_commit& kept) {
     platform_status status = state.engine->begin(state.store);
     if (status == PLATFORM_OK) {
         status = store_items(state, plan);
     }
+    if (status == PLATFORM_OK && !kept.changes.empty()) {
+        status = history_append(state, kept);
+    }
+    if (status == PLATFORM_OK) {
+        status = settle_confirmation(state, order, kept.number);
+    }
     return status == PLATFORM_OK ? state.engine->commit(state.store) : status;
 }
 
-bool store_all(const commit_plan& plan, datastore_commit_result& result) {
-    const datastore_state& state = the_datastore();
-    size_t changes = 0;
-    for (const auto& [path, planned] : plan) {
-        changes += planned.changes() ? 1 : 0;
+/// Stores the changes together with their entry in the history.
+bool store_all(const commit_plan& plan, const datastore_commit_order& order, datastore_commit_result& result) {
+    datastore_state& state = the_datastore();
+    const datastore_kept_commit kept = kept_commit_of(plan, order);
+    if (kept.changes.empty() && order.undone_commit == 0) {
+        return true;
     }
-    // A single change is a transaction by itself, which saves the statements around it.
-    const platform_status status = changes > 1 ? store_transaction(state, plan) : store_items(state, plan);
+    const platform_status status = store_transaction(state, plan, order, kept);
     if (status == PLATFORM_OK) {
+        if (!kept.changes.empty()) {
+            state.last_commit = result.number = kept.number;
+        }
         return true;
     }
     refuse_store(result, status);
@@ -437,13 +469,28 @@ std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
     return enforcement_list();
 }
 
+/// Whether no other commit awaits its confirmation, unless this commit undoes it.
+bool check_confirmation(const datastore_commit_order& order, datastore_commit_result& result) {
+    datastore_confirmation awaited;
+    const platform_status status = datastore_confirmation_get(awaited);
+    if (status == DATASTORE_NO_SUCH_ITEM || (status == PLATFORM_OK && awaited.number == order.undone_commit)) {
+        return true;
+    }
+    return status == PLATFORM_OK
+               ? refuse(result, EBUSY, datastore_refused_by::confirmation, {}, datastore_confirmation_demand(awaited))
+               : refuse_store(result, status);
+}
+
 /// `stored` says, even after an exception, whether the changes are in the database.
-void commit(const std::vector<datastore_change_request>& requests, bool check_only, datastore_authority authority,
+void commit(const std::vector<datastore_change_request>& requests, bool check_only, const datastore_commit_order& order,
             datastore_commit_result& result, bool& stored) {
     commit_plan plan;
     const datastore_handler_scope scope;
-    if (!make_plan(requests, plan, result) || !check_authority(plan, authority, result) || !verify_all(plan, result) ||
-        !rehearse(plan, check_only, result)) {
+    if (!check_only && !check_confirmation(order, result)) {
+        return;
+    }
+    if (!make_plan(requests, plan, result) || !check_authority(plan, order.authority, result) ||
+        !verify_all(plan, result) || !rehearse(plan, check_only, result)) {
         return;
     }
     std::vector<datastore_item_outcome> items;
@@ -451,9 +498,12 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
         items.push_back({path, planned.outcome(), planned.previous, planned.value});
     }
     if (!check_only) {
-        stored = store_all(plan, result);
+        stored = store_all(plan, order, result);
         if (!stored) {
             return;
+        }
+        if (order.confirm_seconds > 0 && result.number > 0 && the_datastore().confirmation_awaited != nullptr) {
+            the_datastore().confirmation_awaited();
         }
         result.not_in_force = put_in_force(plan);
     }
@@ -498,7 +548,7 @@ platform_status datastore_proposed_children(const std::string& prefix, std::map<
 }
 
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only,
-                                         datastore_authority authority) {
+                                         const datastore_commit_order& order) {
     datastore_commit_result result;
     if (the_datastore().handlers_running != 0) {
         refuse(result, EBUSY, datastore_refused_by::busy, {},
@@ -511,7 +561,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
     }
     bool stored = false;
     try {
-        commit(requests, check_only, authority, result, stored);
+        commit(requests, check_only, order, result, stored);
     } catch (const std::bad_alloc&) {
         if (!stored) {
             refuse(result, ENOMEM, datastore_refused_by::store, {}, "out of memory");

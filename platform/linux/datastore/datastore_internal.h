@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "linux/datastore/authority.h"
+#include "linux/datastore/history.h"
 #include "linux/datastore/rehearsal.h"
 #include "linux/datastore/schema.h"
 #include "linux/enforcement/enforcement_internal.h"
@@ -34,17 +35,26 @@ struct datastore_item_outcome {
     std::optional<datastore_stored> value;  ///< nothing if the item is deleted
 };
 
+/// On whose behalf a commit is made, and under which conditions.
+struct datastore_commit_order {
+    datastore_authority authority = datastore_authority::administrator;
+    datastore_author author;
+    uint64_t confirm_seconds = 0;  ///< the commit is to be confirmed within this time; 0 if it needs no confirmation
+    uint64_t undone_commit = 0;    ///< the number of the unconfirmed commit that this one undoes; 0 if it undoes none
+};
+
 /// Who refused a commit.
 enum class datastore_refused_by : uint8_t {
-    none,         ///< it succeeded (or would succeed)
-    authority,    ///< an item that only root may change
-    schema,       ///< unknown path or invalid value
-    absent,       ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
-    verifier,     ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
-    rehearsal,    ///< its rehearsal: sshd would not start with it
-    unrehearsed,  ///< it was only to be checked, and could not be rehearsed
-    store,        ///< the database: full disk, input/output error
-    busy          ///< requested from within a handler (EBUSY)
+    none,          ///< it succeeded (or would succeed)
+    confirmation,  ///< an earlier commit must be confirmed or undone first
+    authority,     ///< an item that only root may change
+    schema,        ///< unknown path or invalid value
+    absent,        ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
+    verifier,      ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
+    rehearsal,     ///< its rehearsal: sshd would not start with it
+    unrehearsed,   ///< it was only to be checked, and could not be rehearsed
+    store,         ///< the database: full disk, input/output error
+    busy           ///< requested from within a handler (EBUSY)
 };
 
 struct datastore_commit_result {
@@ -52,6 +62,7 @@ struct datastore_commit_result {
     datastore_refused_by refused_by = datastore_refused_by::none;
     std::string path;                           ///< the refused path, empty when the whole commit is refused
     std::string message;                        ///< complete message for the operator; empty on success
+    uint64_t number = 0;                        ///< in the history; 0 if nothing has been changed
     std::vector<datastore_item_outcome> items;  ///< in byte order of the paths
     /// Reports during the commit. If an item already had its new value, everything that is not in force.
     std::vector<enforcement_entry> not_in_force;
@@ -64,12 +75,15 @@ struct datastore_commit_result {
 /// one is not a change and calls nothing. With `check_only`, only the schema, the verifiers and the rehearsal are
 /// consulted. A commit that cannot be rehearsed is carried out nevertheless.
 /// Items that only root may change are refused unless the commit is made on root's behalf; whoever undoes a commit does so on
-/// behalf of the one who made it.
+/// behalf of the one who made it. While a commit awaits its confirmation, others are refused except the one that undoes it.
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only,
-                                         datastore_authority authority = datastore_authority::administrator);
+                                         const datastore_commit_order& order = {});
 
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);
+
+/// The stored value of an item as it is stored; nothing if there is none or it cannot be read.
+std::optional<datastore_stored> datastore_present_value(std::string_view path);
 
 /// The names directly below `path` (which may end in '/'), in byte order, without duplicates; empty if there are none.
 /// A list provided by a service of the platform is in the service's order.

@@ -11,6 +11,9 @@
 #include "linux/datastore/schema.h"
 #include "platform/status.h"
 
+/// Keys of the history of commits begin with this.
+inline constexpr std::string_view datastore_history_prefix = "history/";
+
 struct datastore_engine {
     /// Opens the database at `path`, creating it and its directory if necessary. A database that cannot be trusted
     /// (another program's file, damage, another version, in use by another process) is refused with a text in `reason`
@@ -27,10 +30,13 @@ struct datastore_engine {
 
     /// DATASTORE_NO_SUCH_ITEM if there is none.
     platform_status (*get)(void* store, std::string_view key, datastore_stored& value);
-    /// Keys that begin with a slash and all others are two orders of their own: `next` stays in that of `from`.
+    /// Keys that begin with a slash, those of the history and all others are orders of their own: `next` and `previous`
+    /// stay in that of the key they are given.
     /// The first item in byte order after `from`, or at it when `inclusive`. DATASTORE_NO_SUCH_ITEM at the end.
     platform_status (*next)(void* store, std::string_view from, bool inclusive, std::string& key,
                             datastore_stored& value);
+    /// The last item in byte order before `before`. DATASTORE_NO_SUCH_ITEM if there is none.
+    platform_status (*previous)(void* store, std::string_view before, std::string& key, datastore_stored& value);
     platform_status (*put)(void* store, std::string_view key, const datastore_stored& value);
     platform_status (*erase)(void* store, std::string_view key);
 

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int application_id = 0x53434644;  ///< "SCFD", distinguishes this system's databases from others
-constexpr int schema_version = 2;
+constexpr int schema_version = 3;
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t file_mode = 0600;
 
@@ -28,6 +28,10 @@ constexpr mode_t file_mode = 0600;
 #define PRIVATE_TABLE \
     "CREATE TABLE private (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL);"
 
+// The history of commits is appended at one end and removed at the other.
+#define HISTORY_TABLE \
+    "CREATE TABLE history (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;"
+
 enum statement_index {
     statement_begin,
     statement_commit,
@@ -35,26 +39,32 @@ enum statement_index {
     statement_get,
     statement_next,
     statement_next_inclusive,
+    statement_previous,
     statement_put,
     statement_erase,
-    statement_private,  ///< the last five for the platform's own values follow in the same order
-    statement_count = statement_private + (statement_private - statement_get)
+    statement_private,  ///< the last six follow in the same order for the platform's own values
+    statement_history = statement_private + (statement_private - statement_get),  ///< and for the history
+    statement_count = statement_history + (statement_private - statement_get)
 };
 
-#define STATEMENTS_ON(table)                                                              \
-    "SELECT kind, value FROM " table " WHERE path = ?1",                                  \
-        "SELECT kind, value, path FROM " table " WHERE path > ?1 ORDER BY path LIMIT 1",  \
-        "SELECT kind, value, path FROM " table " WHERE path >= ?1 ORDER BY path LIMIT 1", \
+#define STATEMENTS_ON(table)                                                                  \
+    "SELECT kind, value FROM " table " WHERE path = ?1",                                      \
+        "SELECT kind, value, path FROM " table " WHERE path > ?1 ORDER BY path LIMIT 1",      \
+        "SELECT kind, value, path FROM " table " WHERE path >= ?1 ORDER BY path LIMIT 1",     \
+        "SELECT kind, value, path FROM " table " WHERE path < ?1 ORDER BY path DESC LIMIT 1", \
         "REPLACE INTO " table " (path, kind, value) VALUES (?1, ?2, ?3)", "DELETE FROM " table " WHERE path = ?1"
 
 constexpr const char* statement_texts[statement_count] = {
-    "BEGIN IMMEDIATE", "COMMIT", "ROLLBACK", STATEMENTS_ON("item"), STATEMENTS_ON("private"),
+    "BEGIN IMMEDIATE", "COMMIT", "ROLLBACK", STATEMENTS_ON("item"), STATEMENTS_ON("private"), STATEMENTS_ON("history"),
 };
 
-/// The keys of items begin with a slash, those of the platform's own values do not.
+/// The keys of items begin with a slash, those of the history with their prefix; all others are the platform's own.
 statement_index statement_for(std::string_view key, statement_index index) {
-    const bool is_private = !key.empty() && key.front() != '/';
-    return is_private ? static_cast<statement_index>(index + (statement_private - statement_get)) : index;
+    if (key.empty() || key.front() == '/') {
+        return index;
+    }
+    const statement_index table = key.starts_with(datastore_history_prefix) ? statement_history : statement_private;
+    return static_cast<statement_index>(table + (index - statement_get));
 }
 
 /// What a path led to.
@@ -212,8 +222,8 @@ platform_status fill_new(const std::string& path, std::string& reason) {
         return status;
     }
     const std::string statements =
-        text_format("PRAGMA application_id = %d; PRAGMA user_version = %d;" ITEM_TABLE PRIVATE_TABLE, application_id,
-                    schema_version);
+        text_format("PRAGMA application_id = %d; PRAGMA user_version = %d;" ITEM_TABLE PRIVATE_TABLE HISTORY_TABLE,
+                    application_id, schema_version);
     return execute(store->database, statements.c_str(), reason);
 }
 
@@ -262,15 +272,31 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
     return create_database(path, reason);
 }
 
-/// Moves the platform's own values out of the items' table, where version 1 kept them.
-platform_status migrate_from_version_1(sqlite3* database, std::string& reason) {
+// Each version's statements make its database one of the next version.
+
+/// Version 1 kept the platform's own values in the items' table.
+#define FROM_VERSION_1                                                                        \
+    PRIVATE_TABLE                                                                             \
+    "INSERT INTO private SELECT path, kind, value FROM item WHERE substr(path, 1, 1) != '/';" \
+    "DELETE FROM item WHERE substr(path, 1, 1) != '/';"
+
+/// Version 2 kept no history.
+#define FROM_VERSION_2 HISTORY_TABLE
+
+struct migration_row {
+    const char* version;
+    const char* statements;
+};
+
+constexpr migration_row migrations[] = {
+    {"1", FROM_VERSION_1 FROM_VERSION_2},
+    {"2", FROM_VERSION_2},
+};
+
+/// Brings the database of an earlier version up to date, in one transaction.
+platform_status migrate(sqlite3* database, const char* version_statements, std::string& reason) {
     const std::string statements =
-        text_format("BEGIN IMMEDIATE;" PRIVATE_TABLE
-                    "INSERT INTO private SELECT path, kind, value FROM item WHERE substr(path, 1, 1) != '/';"
-                    "DELETE FROM item WHERE substr(path, 1, 1) != '/';"
-                    "PRAGMA user_version = %d;"
-                    "COMMIT;",
-                    schema_version);
+        text_format("BEGIN IMMEDIATE;%sPRAGMA user_version = %d;COMMIT;", version_statements, schema_version);
     const platform_status status = execute(database, statements.c_str(), reason);
     if (status != PLATFORM_OK && sqlite3_get_autocommit(database) == 0) {
         sqlite3_exec(database, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -283,8 +309,10 @@ platform_status bring_up_to_date(sqlite3* database, std::string& reason) {
     if (const platform_status status = query(database, "PRAGMA user_version", version, reason); status != PLATFORM_OK) {
         return status;
     }
-    if (version == "1") {
-        return migrate_from_version_1(database, reason);
+    for (const migration_row& row : migrations) {
+        if (version == row.version) {
+            return migrate(database, row.statements, reason);
+        }
     }
     const long number = strtol(version.c_str(), nullptr, 10);
     if (number > schema_version) {
@@ -382,9 +410,10 @@ platform_status run(void* store, statement_index index) {
     return status;
 }
 
-/// Runs a statement after which, outside a transaction, something has been stored.
+/// Runs a statement after which something has been stored, except within a transaction, whose end is what stores it.
 platform_status run_and_store(void* store, statement_index index) {
-    const platform_status status = check_in_place(store_of(store));
+    const bool within = index >= statement_get && sqlite3_get_autocommit(store_of(store).database) == 0;
+    const platform_status status = within ? platform_status{PLATFORM_OK} : check_in_place(store_of(store));
     return status == PLATFORM_OK ? run(store, index) : status;
 }
 
@@ -445,6 +474,10 @@ platform_status sqlite_next(void* store, std::string_view from, bool inclusive, 
     return fetch(store, statement_for(from, inclusive ? statement_next_inclusive : statement_next), from, &key, value);
 }
 
+platform_status sqlite_previous(void* store, std::string_view before, std::string& key, datastore_stored& value) {
+    return fetch(store, statement_for(before, statement_previous), before, &key, value);
+}
+
 platform_status sqlite_put(void* store, std::string_view key, const datastore_stored& value) {
     const statement_index index = statement_for(key, statement_put);
     sqlite3_stmt* statement = store_of(store).statements[index];
@@ -471,6 +504,6 @@ std::string sqlite_reason(void* store) {
 }  // namespace
 
 const datastore_engine datastore_engine_sqlite = {
-    sqlite_open, sqlite_close, sqlite_begin, sqlite_commit, sqlite_rollback,
-    sqlite_get,  sqlite_next,  sqlite_put,   sqlite_erase,  sqlite_reason,
+    sqlite_open, sqlite_close,    sqlite_begin, sqlite_commit, sqlite_rollback, sqlite_get,
+    sqlite_next, sqlite_previous, sqlite_put,   sqlite_erase,  sqlite_reason,
 };

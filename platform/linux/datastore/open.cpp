@@ -6,6 +6,7 @@
 
 #include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/history.h"
 #include "linux/datastore/state.h"
 #include "linux/reporting/log_message_internal.h"
 
@@ -54,6 +55,9 @@ platform_status try_open(datastore_state& state, std::string& reason) {
         return status;
     }
     status = check_items(reason);
+    if (status == PLATFORM_OK && (status = history_open(state)) != PLATFORM_OK) {
+        reason = state.engine->reason(state.store);
+    }
     if (status != PLATFORM_OK) {
         state.engine->close(state.store);
         state.store = nullptr;
@@ -102,4 +106,6 @@ void datastore_release() {
 void datastore_close() {
     datastore_release();
     datastore_configure(nullptr, nullptr);
+    the_datastore().last_commit = 0;
+    the_datastore().commits_kept = datastore_commits_kept_default;
 }

@@ -64,3 +64,8 @@ platform_status datastore_visit(
 } catch (const std::bad_alloc&) {
     return ENOMEM;
 }
+
+std::optional<datastore_stored> datastore_present_value(std::string_view path) {
+    datastore_stored stored;
+    return datastore_stored_get(path, stored) == PLATFORM_OK ? std::optional(std::move(stored)) : std::nullopt;
+}

@@ -35,6 +35,9 @@ struct datastore_provider {
     void* context;
 };
 
+/// How many commits are kept until that is set.
+inline constexpr uint32_t datastore_commits_kept_default = 100;
+
 struct datastore_state {
     const datastore_engine* engine;
     std::string database_path;
@@ -43,6 +46,9 @@ struct datastore_state {
     std::vector<std::unique_ptr<datastore_provider>> providers;
     uint32_t handlers_running;                                       ///< nesting depth of calls of the agent's handlers
     rehearsal_report (*rehearse)(const rehearsal_request& request);  ///< null if commits are not rehearsed
+    uint64_t last_commit = 0;                                        ///< number of the latest commit
+    uint32_t commits_kept = datastore_commits_kept_default;          ///< how many the history has at most
+    void (*confirmation_awaited)() = nullptr;                        ///< called after a commit that must be confirmed
 };
 
 datastore_state& the_datastore();

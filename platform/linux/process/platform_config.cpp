@@ -39,9 +39,16 @@ bool parse_node_number(std::string_view value, platform_config& config) {
     return number.has_value();
 }
 
+bool parse_commits_kept(std::string_view value, platform_config& config) {
+    const std::optional<uint32_t> count = number_parse<uint32_t>(value, 1, 10000);
+    config.commits_kept = count.value_or(config.commits_kept);
+    return count.has_value();
+}
+
 constexpr setting settings[] = {
     {"role", parse_role, "primary or standby"},
     {"node_number", parse_node_number, "a number from 0 to 4294967294"},
+    {"commits_kept", parse_commits_kept, "a number from 1 to 10000"},
 };
 
 std::string_view trimmed(std::string_view text) {
@@ -94,7 +101,7 @@ void read_lines(std::string_view text, platform_config& config, std::vector<std:
 }  // namespace
 
 platform_status platform_config_read(platform_config& config, std::vector<std::string>& problems) {
-    config = {PROCESS_ROLE_PRIMARY, 0, false};
+    config = {PROCESS_ROLE_PRIMARY, 0, false, 100};
     std::string text;
     const platform_status status = file_read(platform_config_file, file_size_max, text);
     if (status == ENOENT) {

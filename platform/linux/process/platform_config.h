@@ -4,6 +4,7 @@
 ///
 ///     role = primary | standby     a standby waits until the file says primary (default: primary)
 ///     node_number = 0 ... 4294967294      this node's number in operational records (default: 0)
+///     commits_kept = 1 ... 10000      how many commits the history has (default: 100)
 ///
 /// A line that cannot be used is reported and its setting keeps the default: a router that a typing mistake keeps from
 /// starting its SSH servers may have no other way in.
@@ -23,6 +24,7 @@ struct platform_config {
     uint32_t role;  ///< PROCESS_ROLE_
     uint32_t node_number;
     bool role_is_stated;  ///< the file has a usable line for the role
+    uint32_t commits_kept;
 };
 
 /// Reads the file. `config` always comes out whole; `problems` receives one line for people per line that cannot be used.

@@ -202,6 +202,11 @@ platform_status rehearsal_next(void* store, std::string_view from, bool inclusiv
     return status;
 }
 
+/// A rehearsal does not need the history.
+platform_status no_previous(void*, std::string_view, std::string&, datastore_stored&) {
+    return DATASTORE_NO_SUCH_ITEM;
+}
+
 platform_status rehearsal_put(void* store, std::string_view key, const datastore_stored& value) {
     store_of(store).changes.insert_or_assign(std::string(key), value);
     return PLATFORM_OK;
@@ -243,8 +248,8 @@ platform_status answer(int connection, const rehearsal_answers& answers, questio
 }  // namespace
 
 const datastore_engine rehearsal_engine = {
-    cannot_open,   close_nothing,  do_nothing,    do_nothing,      close_nothing,
-    rehearsal_get, rehearsal_next, rehearsal_put, rehearsal_erase, rehearsal_reason,
+    cannot_open,    close_nothing, do_nothing,    do_nothing,      close_nothing,    rehearsal_get,
+    rehearsal_next, no_previous,   rehearsal_put, rehearsal_erase, rehearsal_reason,
 };
 
 platform_status send_report(int connection, const std::string& report) {

@@ -114,6 +114,21 @@ TEST(ctl_calls, load_accepts_its_option_before_or_after_the_file) {
     EXPECT_EQ(made("load", {file}).problem["result"], "refused");
 }
 
+TEST(ctl_calls, changes_take_a_note_and_load_its_conditions) {
+    const std::string file = testing::TempDir() + "ctl_calls_conditions.json";
+    std::ofstream(file) << R"({"/a": 1})";
+    EXPECT_EQ(request("set", {"--note", "why", "/a", "1"}), R"({"call":"set","note":"why","path":"/a","word":"1"})");
+    EXPECT_EQ(request("delete", {"/a", "--note=why"}), R"({"call":"delete","note":"why","path":"/a"})");
+    EXPECT_EQ(request("load", {"--replace", "--confirm", "5", file, "--note", "why"}),
+              R"({"call":"load","check":false,"replace":true,"confirm":5,"note":"why","items":{"/a":1}})");
+    EXPECT_EQ(made("load", {"--confirm", "1441", file}).problem["message"],
+              "--confirm: expected 1 to 1440 minutes, not '1441'");
+    EXPECT_EQ(request("rollback", {"--check", "41"}), R"({"call":"rollback","check":true,"number":41})");
+    EXPECT_EQ(request("diff", {}), R"({"call":"diff"})");
+    EXPECT_EQ(request("diff", {"3", "7"}), R"({"call":"diff","from":3,"to":7})");
+    EXPECT_EQ(request("diff", {file}), R"({"call":"diff","items":{"/a":1}})");
+}
+
 TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
     const std::pair<const char*, std::vector<std::string>> rows[] = {
         {"set", {}},
@@ -137,6 +152,14 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
         {"load", {"a", "b"}},
         {"load", {"--chek", "a"}},
         {"show", {}},
+        {"set", {"--note", "why"}},
+        {"rollback", {}},
+        {"rollback", {"x"}},
+        {"rollback", {"1", "2"}},
+        {"diff", {"1", "x"}},
+        {"diff", {"1", "2", "3"}},
+        {"confirm", {"5"}},
+        {"history", {"5"}},
         {"key", {}},
         {"key", {"list", "x"}},
         {"key", {"import", "alice"}},
@@ -191,6 +214,22 @@ TEST(ctl_texts, a_check_lists_each_change) {
     EXPECT_EQ(text("load",
                    R"({"check":true,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"}]})"),
               "created  /a\n1 created, 1 unchanged (checked only, nothing stored)\n");
+}
+
+TEST(ctl_texts, a_commit_on_trial_says_how_to_confirm_it) {
+    EXPECT_EQ(text("load", R"({"items":[{"path":"/a","outcome":"created"}],"commit":42,"confirm_within":300})"),
+              "1 created\ncommit 42 is undone unless 'ssh_cfg_ctl confirm' follows within 5 minutes\n");
+    EXPECT_EQ(text("confirm", R"({"result":"done","commit":42})"), "commit 42 confirmed\n");
+}
+
+TEST(ctl_texts, history_and_differences_are_shown_in_lines) {
+    EXPECT_EQ(text("history", R"({"data":[{"number":2,"time":"T","user":"alice","uid":7,"call":"load","changes":3,)"
+                              R"("note":"\u001b[1m"}]})"),
+              "number  time  user   call  changes  note\n2       T     alice  load  3        \\x1b[1m\n");
+    EXPECT_EQ(text("history", R"({"data":[]})"), "no commits\n");
+    EXPECT_EQ(text("diff", R"({"data":[{"path":"/a","previous":30,"value":[null,"b"]},{"path":"/c","value":1}]})"),
+              "- /a: 30\n+ /a: [null,\"b\"]\n+ /c: 1\n");
+    EXPECT_EQ(text("diff", R"({"data":[]})"), "no differences\n");
 }
 
 TEST(ctl_texts, a_traced_status_is_shown_with_its_text) {

@@ -37,7 +37,7 @@ TEST_F(control_change_calls_test, set_stores_applies_and_audits) {
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     EXPECT_EQ(
         control_json_text(answer),
-        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}]})");
+        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1})");
     EXPECT_EQ(stored(timeout_path), "45");
     EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 45", "apply 3 cmn/timeout - -> 45"));
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=set, result:=done, created "
@@ -73,7 +73,7 @@ TEST_F(control_change_calls_test, a_path_may_be_given_by_its_end) {
     const control_json answer = ask(R"({"call":"set","path":"timeout","word":"45"})");
     EXPECT_EQ(
         control_json_text(answer),
-        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],)"
+        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1,)"
         R"("path":"/cfg/gl/crypto/ssh/server/cmn/timeout"})");
     EXPECT_THAT(audit.back(), HasSubstr("created /cfg/gl/crypto/ssh/server/cmn/timeout"));
     EXPECT_EQ(ask(R"({"call":"set","path":"timeout","word":"500"})")["path"], timeout_path);

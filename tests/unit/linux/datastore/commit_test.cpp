@@ -404,8 +404,8 @@ TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_engine_
     set(timeout_path, number(30));
     take_calls();
     const auto before = memory.items;
-    // Begin, two puts, one erase, commit.
-    for (uint32_t operation = 1; operation <= 5; operation++) {
+    // Begin, two puts, one erase, the entry in the history, commit.
+    for (uint32_t operation = 1; operation <= 6; operation++) {
         fail_at(operation);
         expect_refused_by_the_store(
             datastore_commit({{rate_path, number(10)}, {limit_path, number(5)}, {timeout_path, std::nullopt}}, false),
@@ -413,8 +413,10 @@ TEST_F(datastore_commit_failure_test, stores_all_or_nothing_wherever_the_engine_
         EXPECT_EQ(memory.items, before) << operation;
         EXPECT_THAT(take_calls(), testing::Each(testing::StartsWith("verify"))) << operation;
     }
+    EXPECT_EQ(datastore_last_commit(), 1U);
     fail_at(0);
     EXPECT_EQ(datastore_commit({{rate_path, number(10)}, {timeout_path, std::nullopt}}, false).status, PLATFORM_OK);
+    EXPECT_EQ(datastore_last_commit(), 2U);
 }
 
 TEST_F(datastore_commit_failure_test, reports_a_failure_to_store_a_single_change) {
@@ -428,10 +430,10 @@ TEST_F(datastore_commit_failure_test, deletes_an_item_outside_the_schema_without
     memory.items["/cfg/gl/crypto/ssh/server/old"] = {DATASTORE_VALUE_NUMBER, "1234"};
     EXPECT_EQ(erase("/cfg/gl/crypto/ssh/server/old").status, PLATFORM_OK);
     EXPECT_THAT(take_calls(), IsEmpty());
-    EXPECT_TRUE(memory.items.empty());
+    EXPECT_FALSE(memory.items.contains("/cfg/gl/crypto/ssh/server/old"));
     memory.items["/cfg/gl/crypto/ssh/server/old"] = {DATASTORE_VALUE_NUMBER, "1234"};
     EXPECT_EQ(erase(server_path).status, PLATFORM_OK);
-    EXPECT_TRUE(memory.items.empty());
+    EXPECT_FALSE(memory.items.contains("/cfg/gl/crypto/ssh/server/old"));
 }
 
 }  // namespace

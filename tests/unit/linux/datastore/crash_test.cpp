@@ -30,6 +30,18 @@ std::vector<datastore_change_request> commit_number(int64_t n) {
 constexpr int64_t torn = -1;
 constexpr int64_t unreadable = -2;
 
+/// Whether the history ends with the commit whose value of the rate limit is stored.
+bool history_agrees(int64_t rate) {
+    bool agrees = false;
+    datastore_visit_history([&](const datastore_kept_commit& kept) {
+        for (const datastore_kept_change& change : kept.changes) {
+            agrees = agrees || (change.key == rate_path && change.value == datastore_present_value(rate_path));
+        }
+        return false;
+    });
+    return rate == 0 ? datastore_last_commit() == 0 : agrees;
+}
+
 /// The number of the last stored commit, 0 if there is none, `torn` if the database contains parts of several commits.
 int64_t last_stored() {
     datastore_value value;
@@ -41,10 +53,11 @@ int64_t last_stored() {
         return unreadable;
     }
     if (status == DATASTORE_NO_SUCH_ITEM) {
-        return limit == "none" && timeout == "none" ? 0 : torn;
+        return limit == "none" && timeout == "none" && history_agrees(0) ? 0 : torn;
     }
     const int64_t n = std::get<int64_t>(value);
-    const bool whole = limit == std::to_string(n % 100 + 1) && timeout == std::to_string(n % 100 + 5);
+    const bool whole =
+        limit == std::to_string(n % 100 + 1) && timeout == std::to_string(n % 100 + 5) && history_agrees(n);
     return whole ? n : torn;
 }
 

@@ -245,6 +245,16 @@ inline const datastore_engine engine_in_memory = {
         value = found->second;
         return PLATFORM_OK;
     },
+    [](void*, std::string_view before, std::string& key, datastore_stored& value) -> platform_status {
+        auto found = memory.items.lower_bound(before);
+        if (found == memory.items.begin()) {
+            return DATASTORE_NO_SUCH_ITEM;
+        }
+        --found;
+        key = found->first;
+        value = found->second;
+        return PLATFORM_OK;
+    },
     [](void*, std::string_view key, const datastore_stored& value) -> platform_status {
         if (memory.fails()) {
             return ENOSPC;

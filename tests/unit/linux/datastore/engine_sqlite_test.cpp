@@ -157,6 +157,15 @@ TEST_F(datastore_engine_sqlite_test, keeps_the_platforms_own_values_apart_from_t
     EXPECT_EQ(key, "vrf/red");
     EXPECT_EQ(engine.next(store, "vrf/red", false, key, value), platform_status{DATASTORE_NO_SUCH_ITEM});
     EXPECT_EQ(engine.next(store, "/b", false, key, value), platform_status{DATASTORE_NO_SUCH_ITEM});
+    for (const char* number : {"history/0000000009", "history/0000000010"}) {
+        engine.put(store, number, {0, "commit"});
+    }
+    EXPECT_EQ(engine.next(store, "vrf/red", false, key, value), platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(engine.previous(store, "history/:", key, value), PLATFORM_OK);
+    EXPECT_EQ(key, "history/0000000010");
+    EXPECT_EQ(engine.previous(store, "history/0000000010", key, value), PLATFORM_OK);
+    EXPECT_EQ(key, "history/0000000009");
+    EXPECT_EQ(engine.previous(store, "history/0000000009", key, value), platform_status{DATASTORE_NO_SUCH_ITEM});
     EXPECT_EQ(engine.erase(store, "acl/ipv4/b"), PLATFORM_OK);
     EXPECT_EQ(value_of(store, "acl/ipv4/b"), "No such item");
     EXPECT_EQ(value_of(store, "/b"), "/b");
@@ -177,6 +186,22 @@ TEST_F(datastore_engine_sqlite_test, brings_a_database_of_version_1_up_to_date) 
     }
     with_sqlite("CREATE TEMP TABLE no AS SELECT 1 / (SELECT count(*) FROM private WHERE path = 'vrf/red')");
     EXPECT_EQ(open(), PLATFORM_OK) << reason;
+}
+
+TEST_F(datastore_engine_sqlite_test, brings_a_database_of_version_2_up_to_date) {
+    std::filesystem::create_directory(folder / "data");
+    with_sqlite(
+        "PRAGMA application_id = 1396917828; PRAGMA user_version = 2;"
+        "CREATE TABLE item (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;"
+        "CREATE TABLE private (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL);"
+        "INSERT INTO item VALUES ('/a', 3, 'item'); INSERT INTO private VALUES ('vrf/red', 0, '4');");
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    EXPECT_EQ(engine.put(store, "history/0000000001", {0, "commit"}), PLATFORM_OK);
+    close();
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    EXPECT_EQ(value_of(store, "/a"), "item");
+    EXPECT_EQ(value_of(store, "vrf/red"), "4");
+    EXPECT_EQ(value_of(store, "history/0000000001"), "commit");
 }
 
 /// The longest of several commits of one item.
@@ -278,14 +303,14 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_another_program) {
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_a_newer_version) {
     make_database();
-    with_sqlite("PRAGMA user_version = 3");
-    expect_refused(EUCLEAN, "it was written by a newer version of this program (format 3, expected 2); install that");
+    with_sqlite("PRAGMA user_version = 4");
+    expect_refused(EUCLEAN, "it was written by a newer version of this program (format 4, expected 3); install that");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_a_version) {
     make_database();
     with_sqlite("PRAGMA user_version = 0");
-    expect_refused(EUCLEAN, "was written by another version of this program (found \"0\", expected \"2\")");
+    expect_refused(EUCLEAN, "was written by another version of this program (found \"0\", expected \"3\")");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_its_table) {

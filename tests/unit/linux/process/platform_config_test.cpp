@@ -18,7 +18,7 @@ class platform_config_test : public testing::Test {
         return platform_config_read(config, problems);
     }
 
-    platform_config config = {99, 99, true};
+    platform_config config = {99, 99, true, 99};
     std::vector<std::string> problems;
 };
 
@@ -27,7 +27,20 @@ TEST_F(platform_config_test, a_missing_file_gives_the_defaults) {
     EXPECT_EQ(static_cast<uint32_t>(PROCESS_ROLE_PRIMARY), config.role);
     EXPECT_EQ(0u, config.node_number);
     EXPECT_FALSE(config.role_is_stated);
+    EXPECT_EQ(100u, config.commits_kept);
     EXPECT_TRUE(problems.empty());
+}
+
+TEST_F(platform_config_test, the_number_of_commits_kept_has_limits) {
+    EXPECT_EQ(0u, read("commits_kept = 10000\n"));
+    EXPECT_EQ(10000u, config.commits_kept);
+    for (const char* number : {"0", "10001", "all"}) {
+        problems.clear();
+        EXPECT_EQ(0u, read(std::string("commits_kept = ") + number));
+        EXPECT_EQ(100u, config.commits_kept);
+        EXPECT_EQ(problems.at(0), std::string("/etc/ssh_cfg_agent/platform.conf, line 1: commits_kept is \"") + number +
+                                      "\"; expected a number from 1 to 10000");
+    }
 }
 
 TEST_F(platform_config_test, spaces_and_comments_are_ignored) {
