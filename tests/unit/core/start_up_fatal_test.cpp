@@ -1,5 +1,7 @@
 #include <cerrno>
 #include <cstdlib>
+#include <string>
+#include <string_view>
 
 #include "start_up_test.h"
 
@@ -164,6 +166,79 @@ TEST_P(start_up_fatal_test, is_the_exit_status_of_the_process) {
 }
 
 INSTANTIATE_TEST_SUITE_P(steps, start_up_fatal_test, testing::ValuesIn(fatal_cases));
+
+/// The test that provokes a status; empty for a case of the table. The compiler refuses a status without a case here.
+std::string_view test_of(start_up_status status) {
+    switch (status) {
+        case START_UP_DONE:
+            return "start_up_test.takes_its_steps_in_their_order";
+        case START_UP_NOT_PRIMARY:
+            return "start_up_test.a_failed_wait_ends_silently_with_status_1";
+        case START_UP_TELEMETRY_PROVIDER:
+            return "start_up_failures_test.a_telemetry_provider_that_is_refused_is_fatal";
+        case START_UP_INOTIFY:
+            return "start_up_failures_test.an_inotify_instance_that_cannot_be_created_is_fatal";
+        case START_UP_INOTIFY_WATCH:
+            return "start_up_failures_test.a_pam_directory_that_cannot_be_watched_is_fatal";
+        case START_UP_FILE_SYSTEM_LIST:
+            return "start_up_failures_test.a_file_system_list_that_cannot_be_read_is_fatal";
+        case START_UP_FIPS:
+            return "start_up_failures_test.a_failed_fips_registration_is_fatal";
+        case START_UP_FILES:
+            return "start_up_failures_test.an_empty_directory_that_cannot_be_created_is_fatal";
+        case START_UP_EVENT_MANAGER:
+        case START_UP_DEBUG:
+        case START_UP_SERVER_BINDING:
+        case START_UP_CLIENT_BINDING:
+        case START_UP_SERVER_VERIFICATION:
+        case START_UP_CLIENT_VERIFICATION:
+        case START_UP_INOTIFY_ATTACH:
+        case START_UP_SESSION_XML_PROVIDER:
+        case START_UP_SERVER_SESSION_PROVIDER:
+        case START_UP_CLIENT_SESSION_PROVIDER:
+        case START_UP_PROTECTION:
+        case START_UP_PARAMETERS_PROVIDER:
+        case START_UP_BACKUP_BINDING:
+        case START_UP_BACKUP_VERIFICATION:
+        case START_UP_BANNER_BINDING:
+        case START_UP_BANNER_NOTIFICATION:
+        case START_UP_AAA_BANNER_BINDING:
+        case START_UP_AAA_BANNER_NOTIFICATION:
+        case START_UP_DEFAULT_UNIT:
+        case START_UP_LOGIN_BANNER_NOTIFICATION:
+        case START_UP_SCAN:
+            return "";
+    }
+    return "no status";
+}
+
+bool test_exists(std::string_view name) {
+    const testing::UnitTest& all = *testing::UnitTest::GetInstance();
+    for (int i = 0; i < all.total_test_suite_count(); i++) {
+        const testing::TestSuite& suite = *all.GetTestSuite(i);
+        for (int k = 0; k < suite.total_test_count(); k++) {
+            if (name == std::string(suite.name()) + "." + suite.GetTestInfo(k)->name()) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+TEST_F(start_up_status_test, every_status_is_provoked) {
+    size_t statuses = 0;
+    for (int number = 1; number >= -255; number--) {
+        const auto status = static_cast<start_up_status>(number);
+        const std::string_view test = test_of(status);
+        if (test == "no status") {
+            continue;
+        }
+        statuses++;
+        EXPECT_TRUE(test.empty() ? std::ranges::count(fatal_cases, status, &fatal_case::status) > 0 : test_exists(test))
+            << number << " " << test;
+    }
+    EXPECT_EQ(statuses, 29u);
+}
 
 TEST_F(start_up_status_test, exit_statuses_do_not_change) {
     EXPECT_EQ(START_UP_EVENT_MANAGER, -1);
