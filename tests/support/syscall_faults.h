@@ -43,6 +43,10 @@ std::vector<uint32_t> kill_points(const outcome& undisturbed);
 /// Runs `body` in a child process that exits afterwards. Ends the process if tracing is not possible.
 outcome run(const plan& plan, const std::function<int()>& body);
 
+/// Runs `body` in a child process without a fault and without counting its calls, which is several times faster. Returns
+/// its result (0 to 255), or -1 if the child was killed.
+int run_undisturbed(const std::function<int()>& body);
+
 }  // namespace syscall_faults
 
 #endif

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -125,6 +126,7 @@ std::optional<int> run_separately() {
         }
         count++;
         printf("[ RUN      ] %s\n", name.c_str());
+        const auto begun = std::chrono::steady_clock::now();
         const child_run result = split();
         if (result.is_child) {
             testing::GTEST_FLAG(filter) = name;
@@ -135,7 +137,10 @@ std::optional<int> run_separately() {
             failed.push_back(name);
             fputs(result.output.c_str(), stdout);
         }
-        printf("%s %s\n", passed(result) ? "[       OK ]" : "[  FAILED  ]", name.c_str());
+        const auto taken =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun);
+        printf("%s %s (%lld ms)\n", passed(result) ? "[       OK ]" : "[  FAILED  ]", name.c_str(),
+               static_cast<long long>(taken.count()));
     }
     return report(count, failed);
 }

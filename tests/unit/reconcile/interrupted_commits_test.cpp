@@ -206,8 +206,6 @@ class interrupted_commits_test : public acl_test, public testing::WithParamInter
         return remaining + static_cast<int>(fake_platform::not_in_force().size());
     }
 
-    static int in_child(const std::function<int()>& work) { return syscall_faults::run({}, work).status; }
-
     static machine_state state() {
         machine_state found;
         for (const char* folder : kept_folders) {
@@ -278,7 +276,7 @@ TEST_P(interrupted_commits_test, killed_anywhere_the_next_start_leads_to_the_sam
     const auto undisturbed = syscall_faults::run({}, carry_out);
     ASSERT_EQ(undisturbed.status, 0);
     const machine_state carried_out = state();
-    ASSERT_EQ(in_child(die_and_start), 0);
+    ASSERT_EQ(syscall_faults::run_undisturbed(die_and_start), 0);
     const machine_state expected = state();
     EXPECT_EQ(differences(carried_out, expected), "") << "by a restart at rest";
 
@@ -291,7 +289,7 @@ TEST_P(interrupted_commits_test, killed_anywhere_the_next_start_leads_to_the_sam
         const auto killed = syscall_faults::run({syscall_faults::fault::kill, call}, carry_out);
         SCOPED_TRACE("killed before call " + std::to_string(call) + ", " + killed.name);
         ASSERT_TRUE(killed.killed);
-        ASSERT_EQ(in_child(die_and_start), 0);
+        ASSERT_EQ(syscall_faults::run_undisturbed(die_and_start), 0);
         ASSERT_EQ(differences(expected, state()), "");
     }
 }
