@@ -5,6 +5,7 @@
 
 #include "common/number.h"
 #include "common/text.h"
+#include "ssh_cfg_ctl/backup.h"
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
@@ -526,8 +527,15 @@ std::string vrf_text(const control_json& answer) {
 }
 
 std::string keys_text(const control_json& answer) {
-    const control_json& keys = data_of(answer);
-    return keys.is_array() && keys.empty() ? "no keys\n" : data_text(answer);
+    control_json keys = data_of(answer);
+    if (!keys.is_array()) {
+        return data_text(answer);
+    }
+    for (control_json& key : keys) {
+        // Too long for a table.
+        key.erase("key");
+    }
+    return keys.empty() ? "no keys\n" : data_text({{"data", std::move(keys)}});
 }
 
 ctl_request status_request(const argument_list& arguments) {
@@ -564,6 +572,11 @@ std::string repair_text(const control_json& answer) {
     return text.empty() ? "nothing to repair\n" : text;
 }
 
+/// Of a call that makes its requests itself.
+ctl_request no_request(const argument_list& /*arguments*/) {
+    return wrong_arguments();
+}
+
 constexpr ctl_call_row calls[] = {
     {"set", "[--note TEXT] PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request,
      change_text},
@@ -582,6 +595,11 @@ constexpr ctl_call_row calls[] = {
      diff_request, ctl_diff_text},
     {"rollback", "[--check] [--note TEXT] COMMIT", "return to the configuration as it was after COMMIT",
      rollback_request, load_text},
+    {"backup", "FILE",
+     "write configuration, access lists, imported keys, host keys and the files of the platform to FILE", no_request,
+     ctl_backup_text, false, ctl_backup},
+    {"restore", "[--skip-missing-users] FILE", "restore what backup has written", no_request, ctl_backup_text, false,
+     ctl_restore},
     {"get", "PATH", "print the stored value of an item", path_request<get_name>, value_text},
     {"list", "[--all] PATH",
      "print the names configured directly below PATH; with --all everything that can be configured there, with its value",

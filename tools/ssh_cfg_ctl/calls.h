@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "control_protocol/answer.h"
+#include "ssh_cfg_ctl/client.h"
 
 /// The result of parsing a call's arguments: a request, or a problem, which has the form of an answer.
 struct ctl_request {
@@ -22,6 +23,9 @@ struct ctl_call_row {
     ctl_request (*request)(const std::vector<std::string>& arguments);
     std::string (*text)(const control_json& answer);  ///< of an answer that says "done" or "not_in_force", or has data
     bool goes_on = false;                             ///< events follow the answer
+    /// Of a call that takes several requests: makes them and returns an answer, or null if the arguments are wrong.
+    control_json (*carry_out)(const ctl_connection_settings& settings,
+                              const std::vector<std::string>& arguments) = nullptr;
 };
 
 std::span<const ctl_call_row> ctl_calls();

@@ -111,16 +111,28 @@ ctl_progress progress_form(const ctl_command_line& line, bool on_terminal) {
     return on_terminal ? ctl_progress::terminal : ctl_progress::none;
 }
 
+ctl_connection_settings settings_of(const ctl_command_line& line) {
+    const bool on_terminal = isatty(STDERR_FILENO) == 1;
+    return {line.socket_path, line.timeout, on_terminal, progress_form(line, on_terminal)};
+}
+
+/// A call that takes several requests.
+int run_requests(const ctl_command_line& line, const ctl_call_row& row) {
+    const control_json answer = row.carry_out(settings_of(line), {line.call.begin() + 1, line.call.end()});
+    return answer.is_null() ? report_usage(line, "usage: " + ctl_usage_line(row)) : report(line, row, answer);
+}
+
 int run_call(const ctl_command_line& line) {
     const ctl_call_row* row = ctl_find_call(line.call[0]);
     if (row == nullptr) {
         return report_unknown_call(line);
     }
+    if (row->carry_out != nullptr) {
+        return run_requests(line, *row);
+    }
     const ctl_request request = ctl_make_request(*row, {line.call.begin() + 1, line.call.end()});
     if (request.problem.is_null()) {
-        const bool on_terminal = isatty(STDERR_FILENO) == 1;
-        const ctl_connection_settings settings = {line.socket_path, line.timeout, on_terminal,
-                                                  progress_form(line, on_terminal)};
+        const ctl_connection_settings settings = settings_of(line);
         if (row->goes_on) {
             return run_watch(line, settings, request.document);
         }

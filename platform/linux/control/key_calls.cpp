@@ -111,7 +111,8 @@ control_json entry_json(const key_store_entry& entry) {
             {"bits", entry.record.bits},
             {"origin", entry.record.origin == key_origin::exec_mode ? "exec" : "configuration"},
             {"since", text_utc_time(entry.record.time)},
-            {"fingerprint", readable ? key_fingerprint(key) : std::string()}};
+            {"fingerprint", readable ? key_fingerprint(key) : std::string()},
+            {"key", readable ? key_text_write(key) : std::string()}};
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ TEST_F(control_key_calls_test, keys_are_listed_with_all_details) {
     EXPECT_EQ(control_json_text(keys[1]),
               R"({"user":"bob","type":"ssh-rsa","bits":1024,"origin":"configuration","since":"2023-11-14T22:13:20Z",)"
               R"("fingerprint":")" +
-                  key_fingerprint(bobs) + "\"}");
+                  key_fingerprint(bobs) + R"(","key":")" + key_text_write(bobs) + "\"}");
 }
 
 TEST_F(control_key_calls_test, a_file_may_have_comments_but_only_one_key) {
