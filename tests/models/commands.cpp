@@ -203,7 +203,7 @@ int ip(int argc, char** argv) {
     return 0;
 }
 
-/// Accepts every list; what it does to a real packet filter cannot be told.
+/// Accepts every list, and refuses to load rules for a comparison with the kernel, which has none here.
 int nft(int argc, char** argv) {
     char buffer[4096];
     while (fread(buffer, 1, sizeof buffer, stdin) > 0) {

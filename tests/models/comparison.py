@@ -67,7 +67,7 @@ class Run:
         self._keep_unused(before, rules_before)
 
     def _keep_unused(self, before, rules_before):
-        """What is no longer wanted and harms nobody stays as it was when the agent died: files of servers and rules and here,
+        """Whatever is no longer wanted and harmless stays as it was when the agent died: files of servers and rules and here,
         where nothing can be compared with the kernel, rules in the kernel, too."""
         state = self.agent.state()
         found = state["texts"]

@@ -100,7 +100,7 @@ class Router:
     # Start of the agent
 
     def start(self):
-        """A start after a clean stop: the default file and the client's are made from nothing."""
+        """A start after a clean stop: the default file and the client's file are rewritten from the start."""
         self.vrfs = []
         self.has_default_item = False
         self.is_scanning = True

@@ -1,6 +1,6 @@
 """The settings of servers and client: what each item, debug flag and FIPS mode make of the parameters and of the files.
 
-A side is told by its `write` how a keyword reaches its files: write(event, keyword, text).
+Each side has a function that writes a keyword to its files: write(event, keyword, text).
 """
 
 CREATED, CHANGED, DELETED = 3, 2, 4

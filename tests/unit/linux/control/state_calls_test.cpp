@@ -45,7 +45,8 @@ TEST_F(control_state_calls_test, a_service_without_a_namespace_waits) {
     }
 }
 
-TEST_F(control_state_calls_test, a_configured_service_with_its_namespace_is_attached_even_if_protection_was_not_told) {
+TEST_F(control_state_calls_test,
+       a_configured_service_with_its_namespace_is_attached_even_if_protection_does_not_know_it) {
     platform_test::add_vrf("red");
     ASSERT_EQ(
         result(R"({"call":"set","path":"/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/red","value":[null,null,null]})"),
