@@ -67,6 +67,14 @@ ctl_request set_request(const argument_list& given) {
     return ask(std::move(request));
 }
 
+/// The request of a deletion, which may concern something that is absent.
+ctl_request deletion(control_json document, bool absent_ok) {
+    if (absent_ok) {
+        document["absent_ok"] = true;
+    }
+    return ask(std::move(document));
+}
+
 template <const char* call_name>
 ctl_request path_request(const argument_list& arguments) {
     if (arguments.size() != 1) {
@@ -78,11 +86,12 @@ ctl_request path_request(const argument_list& arguments) {
 ctl_request delete_request(const argument_list& given) {
     argument_list arguments = given;
     control_json request = {{"call", "delete"}};
+    const bool absent_ok = ctl_take_flag(arguments, "--absent-ok");
     if (!move_note(arguments, request) || arguments.size() != 1) {
         return wrong_arguments();
     }
     request["path"] = arguments[0];
-    return ask(std::move(request));
+    return deletion(std::move(request), absent_ok);
 }
 
 template <const char* call_name>
@@ -125,6 +134,9 @@ constexpr unsigned confirm_minutes_max = 1440;
 /// Removes the options of load, and adds their values to the request. Returns null or the problem.
 control_json move_load_options(argument_list& arguments, control_json& request) {
     request["check"] = ctl_take_flag(arguments, "--check");
+    if (ctl_take_flag(arguments, "--absent-ok")) {
+        request["absent_ok"] = true;
+    }
     if (ctl_take_flag(arguments, "--replace")) {
         request["replace"] = true;
     }
@@ -269,8 +281,9 @@ ctl_request acl_set_request(const argument_list& arguments, bool may_be_empty) {
 ctl_request acl_request(const argument_list& given) {
     argument_list arguments = given;
     const bool may_be_empty = std::erase(arguments, "--empty") != 0;
+    const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
-    if (may_be_empty && verb != "set") {
+    if ((may_be_empty && verb != "set") || (absent_ok && verb != "delete")) {
         return wrong_arguments();
     }
     if (verb == "list" && arguments.size() == 1) {
@@ -283,7 +296,7 @@ ctl_request acl_request(const argument_list& given) {
         return acl_set_request(arguments, may_be_empty);
     }
     if ((verb == "show" || verb == "delete") && arguments.size() == 3) {
-        return ask({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}});
+        return deletion({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}}, absent_ok);
     }
     return wrong_arguments();
 }
@@ -300,8 +313,13 @@ ctl_request key_import_request(const argument_list& arguments) {
     return ask({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
 }
 
-ctl_request key_request(const argument_list& arguments) {
+ctl_request key_request(const argument_list& given) {
+    argument_list arguments = given;
+    const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
+    if (absent_ok && verb != "delete") {
+        return wrong_arguments();
+    }
     if (verb == "list" && arguments.size() == 1) {
         return ask({{"call", "key_list"}});
     }
@@ -309,7 +327,7 @@ ctl_request key_request(const argument_list& arguments) {
         return key_import_request(arguments);
     }
     if (verb == "delete" && arguments.size() == 2) {
-        return ask({{"call", "key_delete"}, {"user", arguments[1]}});
+        return deletion({{"call", "key_delete"}, {"user", arguments[1]}}, absent_ok);
     }
     return wrong_arguments();
 }
@@ -488,7 +506,8 @@ std::string acl_text(const control_json& answer) {
         return text.empty() ? "no entries\n" : text;
     }
     if (const auto entries = answer.find("entries"); entries != answer.end()) {
-        return control_json_text(*entries) + " entries stored\n";
+        return control_json_text(*entries) +
+               (answer.value("changed", true) ? " entries stored\n" : " entries, unchanged\n");
     }
     const control_json& lists = data_of(answer);
     return lists.is_array() && lists.empty() ? "no access lists\n"
@@ -580,9 +599,9 @@ ctl_request no_request(const argument_list& /*arguments*/) {
 constexpr ctl_call_row calls[] = {
     {"set", "[--note TEXT] PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request,
      change_text},
-    {"delete", "[--note TEXT] PATH", "delete one item, or all below a PATH that ends in '/'", delete_request,
-     change_text},
-    {"load", "[--check] [--replace] [--confirm MINUTES] [--note TEXT] FILE",
+    {"delete", "[--absent-ok] [--note TEXT] PATH", "delete one item, or all below a PATH that ends in '/'",
+     delete_request, change_text},
+    {"load", "[--check] [--absent-ok] [--replace] [--confirm MINUTES] [--note TEXT] FILE",
      "store all items of a JSON object {path: value, or null to delete}, all or nothing; with --replace, delete all others; "
      "with --confirm, undo it unless confirm follows in time",
      load_request, load_text},
@@ -611,11 +630,11 @@ constexpr ctl_call_row calls[] = {
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
      bare_request<watch_name>, no_text, true},
-    {"acl", "set [--empty] ipv4|ipv6 NAME FILE, show|delete ipv4|ipv6 NAME, or list",
+    {"acl", "set [--empty] ipv4|ipv6 NAME FILE, show ipv4|ipv6 NAME, delete [--absent-ok] ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
-    {"key", "list, import USER FILE, or delete USER",
+    {"key", "list, import USER FILE, or delete [--absent-ok] USER",
      "list users' public keys, or add or delete one outside the configuration; FILE holds a line such as "
      "\"ssh-rsa AAAA... comment\"",
      key_request, keys_text},

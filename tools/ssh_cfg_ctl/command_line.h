@@ -13,6 +13,7 @@ struct ctl_command_line {
     ctl_action action = ctl_action::call;
     std::string error;  ///< of ctl_action::wrong
     bool json = false;
+    bool names = false;  ///< enumerations as words, also in JSON
     bool progress = false;
     std::string socket_path = control_socket_path;
     unsigned timeout = 600;         ///< seconds without any response from the agent

@@ -138,6 +138,9 @@ int run_call(const ctl_command_line& line) {
         }
         control_json answer = ctl_ask_to_the_end(settings, request.document);
         ctl_explain_sessions(request.document, answer);
+        if (line.names) {
+            ctl_name_values(answer);
+        }
         return report(line, *row, answer);
     }
     if (request.problem.contains("message")) {

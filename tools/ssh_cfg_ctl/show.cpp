@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <span>
 
 #include "common/text.h"
@@ -389,6 +390,47 @@ std::string missing_sessions_text(const control_json& answer, const control_sess
     return silent == 0 ? "" : silent_text(silent);
 }
 
+/// The enumerations of a record's fields.
+using field_enumerations = std::map<std::string_view, const char*>;
+
+field_enumerations enumerations_of(std::string_view record) {
+    field_enumerations fields = {{"ConnectionType", "connection_type_en"}};
+    if (const session_view* view = find_view<session_view>(session_views, record)) {
+        for (const session_column& column : view->columns) {
+            fields[column.field] = column.form.enumeration;
+            fields[column.out_field == nullptr ? column.field : column.out_field] = column.form.enumeration;
+        }
+    }
+    if (const list_view* view = find_view<list_view>(list_views, record)) {
+        for (const list_field& field : view->fields) {
+            fields[field.field] = field.form.enumeration;
+        }
+    }
+    std::erase_if(fields, [](const auto& field) { return *field.second == '\0'; });
+    return fields;
+}
+
+/// An unnamed number stays what it is.
+control_json named_value(const control_json& number, const char* enumeration) {
+    const auto value = number.get<int64_t>();
+    const char* name = ctl_value_name(enumeration, value);
+    if (name != nullptr) {
+        return name;
+    }
+    return is_unknown(value) ? control_json() : number;
+}
+
+void name_values(control_json& json, const field_enumerations& fields) {
+    for (auto& [name, value] : json.items()) {
+        const auto field = json.is_object() ? fields.find(name) : fields.end();
+        if (field != fields.end() && value.is_number_integer()) {
+            value = named_value(value, field->second);
+        } else if (value.is_structured()) {
+            name_values(value, fields);
+        }
+    }
+}
+
 }  // namespace
 
 std::string ctl_show_text(const control_json& answer, size_t width) {
@@ -401,6 +443,13 @@ std::string ctl_show_text(const control_json& answer, size_t width) {
         return list_view_text(*view, data, width);
     }
     return ctl_data_text(data, width);
+}
+
+void ctl_name_values(control_json& answer) {
+    const std::string record = answer.value("record", "");
+    if (!record.empty() && answer.contains("data")) {
+        name_values(answer["data"], enumerations_of(record));
+    }
 }
 
 void ctl_explain_sessions(const control_json& request, control_json& answer) {

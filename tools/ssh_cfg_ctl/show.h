@@ -12,6 +12,9 @@
 /// are shown as a hyphen, and control characters are escaped.
 std::string ctl_show_text(const control_json& answer, size_t width);
 
+/// Replaces the numbers of enumerations in an operational read's data by their names, and unknown ones by null.
+void ctl_name_values(control_json& answer);
+
 /// If the request reads sessions, adds to its answer how many of them did not answer: as a warning, or instead of the
 /// message "no data". If there are no sessions, that message becomes "no sessions".
 void ctl_explain_sessions(const control_json& request, control_json& answer);

@@ -1,5 +1,7 @@
 /// Calls on access lists. Request members: family ("ipv4" or "ipv6"), name, and for acl_set either `lines` (an array of
-/// texts) or `entries` (an array of objects), and `empty`: true if the list may be without entries.
+/// texts) or `entries` (an array of objects), and `empty`: true if the list may be without entries. For acl_delete,
+/// `absent_ok`: true if there need not be such a list.
+#include <algorithm>
 #include <vector>
 
 #include "common/text.h"
@@ -137,12 +139,10 @@ control_json read_list(uint32_t family, const control_json& request, std::vector
 /// A list without entries opens the port, and is more often the result of a broken pipe than intended. Returns null if
 /// the request says that it is intended.
 control_json check_empty(const wished_list& wish, const control_json& request) {
-    const auto empty = request.find("empty");
-    if (empty != request.end() && !empty->is_boolean()) {
-        return control_wrong_member("empty", "true or false");
-    }
-    if (empty != request.end() && empty->get<bool>()) {
-        return {};
+    bool may_be_empty = false;
+    control_json problem = control_flag_member(request, "empty", may_be_empty);
+    if (!problem.is_null() || may_be_empty) {
+        return problem;
     }
     return control_answer(control_result::refused, "access list " + wish.name +
                                                        ": no entries, nothing has been changed. An empty list leaves "
@@ -166,6 +166,16 @@ control_json check_loadable(const wished_list& wish, const std::vector<acl_store
                                     ": cannot be checked, nothing has been changed: " + objection.failure);
 }
 
+/// Whether the list is stored with just these entries.
+bool is_stored(const wished_list& wish, const std::vector<acl_stored_entry>& entries) {
+    std::vector<acl_stored_entry> stored;
+    return acl_list_entries(wish.family->code, wish.name, stored) == PLATFORM_OK &&
+           std::equal(stored.begin(), stored.end(), entries.begin(), entries.end(),
+                      [](const acl_stored_entry& one, const acl_stored_entry& other) {
+                          return one.sequence == other.sequence && one.record == other.record;
+                      });
+}
+
 std::string audited(const wished_list& wish) {
     return std::string(wish.family->name) + ' ' + wish.name;
 }
@@ -179,6 +189,17 @@ void audit_refusal(const control_peer& peer, const wished_list& wish, const cont
     control_audit(peer, "acl set", control_result_of_name(problem.value("result", "")), entries);
 }
 
+platform_status replace_list(const control_peer& peer, const wished_list& wish,
+                             const std::vector<acl_stored_entry>& entries) {
+    const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
+    control_audit(peer, "acl set", status == PLATFORM_OK ? control_result::done : control_result::failed,
+                  {audited(wish)});
+    if (status == PLATFORM_OK) {
+        acl_service_notify();
+    }
+    return status;
+}
+
 }  // namespace
 
 control_json control_call_acl_set(const control_json& request, const control_peer& peer) {
@@ -188,22 +209,29 @@ control_json control_call_acl_set(const control_json& request, const control_pee
     if (problem.is_null()) {
         problem = read_list(wish.family->code, request, entries);
     }
-    if (problem.is_null()) {
-        problem = entries.empty() ? check_empty(wish, request) : check_loadable(wish, entries);
+    const bool is_known = problem.is_null() && is_stored(wish, entries);
+    // An identical list is loaded again only where something is not in force.
+    const bool is_kept = is_known && !enforcement_any_failed();
+    if (problem.is_null() && entries.empty()) {
+        problem = check_empty(wish, request);
+    } else if (problem.is_null() && !is_kept) {
+        problem = check_loadable(wish, entries);
     }
     if (!problem.is_null()) {
         audit_refusal(peer, wish, problem);
         return problem;
     }
-    const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
-    control_json answer = status == PLATFORM_OK ? control_answer(control_result::done) : failure(wish, status);
-    answer["entries"] = entries.size();
-    control_audit(peer, "acl set", status == PLATFORM_OK ? control_result::done : control_result::failed,
-                  {audited(wish)});
-    if (status == PLATFORM_OK) {
-        acl_service_notify();
-        control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
+    const platform_status status = is_kept ? platform_status{PLATFORM_OK} : replace_list(peer, wish, entries);
+    if (status != PLATFORM_OK) {
+        return failure(wish, status);
     }
+    if (is_kept) {
+        control_audit(peer, "acl set", control_result::done, {audited(wish) + " unchanged"});
+    }
+    control_json answer = control_answer(control_result::done);
+    answer["changed"] = !is_known;
+    answer["entries"] = entries.size();
+    control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
     return answer;
 }
 
@@ -213,13 +241,20 @@ control_json control_call_acl_delete(const control_json& request, const control_
     if (!problem.is_null()) {
         return problem;
     }
+    bool absent_ok = false;
+    problem = control_flag_member(request, "absent_ok", absent_ok);
+    if (!problem.is_null()) {
+        return problem;
+    }
     const platform_status status = acl_list_delete(wish.family->code, wish.name);
-    if (status != PLATFORM_OK) {
+    const bool is_absent = status == DATASTORE_NO_SUCH_LIST && absent_ok;
+    if (status != PLATFORM_OK && !is_absent) {
         return failure(wish, status);
     }
-    control_audit(peer, "acl delete", control_result::done, {audited(wish)});
+    control_audit(peer, "acl delete", control_result::done, {audited(wish) + (is_absent ? " unchanged" : "")});
     acl_service_notify();
     control_json answer = control_answer(control_result::done);
+    answer["changed"] = !is_absent;
     control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
     return answer;
 }

@@ -173,6 +173,18 @@ const std::string* control_text_member(const control_json& request, const char* 
     return member != request.end() && member->is_string() ? member->get_ptr<const std::string*>() : nullptr;
 }
 
+control_json control_flag_member(const control_json& request, const char* name, bool& flag) {
+    const auto member = request.find(name);
+    if (member == request.end()) {
+        return {};
+    }
+    if (!member->is_boolean()) {
+        return control_wrong_member(name, "true or false");
+    }
+    flag = member->get<bool>();
+    return {};
+}
+
 control_json control_wrong_member(const char* name, const char* wanted) {
     return control_answer(control_result::usage,
                           std::string("member \"") + name + "\" of the request must be " + wanted);

@@ -4,8 +4,8 @@
 ///   Changes of the configuration take a note (optional; a text for the history).
 ///   set     path, value (any JSON value) or word (the value as typed: JSON, or a bare word where the schema expects a
 ///           string); neither for an item without fields, or of which only the existence matters
-///   delete  path
-///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only), replace (optional;
+///   delete  path, absent_ok (optional; true: what is absent is unchanged, not an error)
+///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only), absent_ok, replace (optional;
 ///           true: delete what the items do not name), confirm (optional: the minutes within which confirm must follow)
 ///   rollback  number (of the commit after which the configuration was as wanted), check (optional, as for load)
 ///   confirm   nothing
@@ -23,12 +23,12 @@
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
 ///   acl_set     family, name, and lines (texts) or entries (objects)
-///   acl_delete  family, name
+///   acl_delete  family, name, absent_ok
 ///   acl_list    nothing
 ///   acl_show    family, name; answers with "lines" beside "data"
 ///   key_list    nothing
 ///   key_import  user, text (a key as OpenSSH writes it)
-///   key_delete  user
+///   key_delete  user, absent_ok
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
 /// A path of set, delete, get, list or show may be given by its end; if that is ambiguous, the answer has result "usage" and
@@ -45,6 +45,7 @@
 /// arguments (an object by label) and, if the argument "status" is a failure, error (its text). Commits answer with "items" (path and outcome)
 /// and, if they have changed anything, "commit", their number in the history. "data" of history is an array of objects, the
 /// latest commit first; "data" of diff an array of objects with path, outcome, previous and value.
+/// The answer to a change, unless it has data, says in "changed" whether it changed (or would change) anything.
 /// Changes that are stored but not all in force answer with result "not_in_force" and "not_in_force" (an array of objects
 /// with subject and reason). "data" of verify is an array of differences (objects with subject and text), and the result
 /// is "failed" when there are any. "data" of repair has two such arrays, "repaired" and "remaining"; the result is "failed"

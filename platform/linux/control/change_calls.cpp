@@ -1,5 +1,6 @@
 #include "linux/control/change_calls.h"
 
+#include <algorithm>
 #include <optional>
 #include <set>
 #include <utility>
@@ -48,6 +49,11 @@ control_json items_of(const datastore_commit_result& result) {
         items.push_back({{"path", item.path}, {"outcome", control_outcome_name(item.outcome)}});
     }
     return items;
+}
+
+bool changes_anything(const datastore_commit_result& result) {
+    return std::any_of(result.items.begin(), result.items.end(),
+                       [](const datastore_item_outcome& item) { return item.outcome != datastore_outcome::unchanged; });
 }
 
 /// What the audit log records about a commit: each change made and what is not in force; for a refused one, the request
@@ -167,6 +173,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
     control_json answer = control_answer(outcome, result.message);
     if (outcome == control_result::done) {
         answer["check"] = call.check_only;
+        answer["changed"] = changes_anything(result);
         answer["items"] = items_of(result);
         if (result.number > 0) {
             answer["commit"] = result.number;
@@ -216,11 +223,12 @@ struct wished_item {
     const std::string& path;
     const control_json* value;
     const std::string* word;
+    bool absent_ok = false;  ///< see datastore_change_request
 };
 
 std::optional<datastore_change_request> change_of(const wished_item& wish, std::string& refusal) {
     if (wish.value != nullptr && wish.value->is_null()) {
-        return datastore_change_request{wish.path, std::nullopt};
+        return datastore_change_request{wish.path, std::nullopt, wish.absent_ok};
     }
     const schema_row* row = schema_find(wish.path, &refusal);
     if (row == nullptr) {
@@ -255,12 +263,12 @@ void add_refusal(load_refusals& refusals, const std::string& path, std::string t
 }
 
 /// Checks all items, so that the author of a file learns of all its errors at once.
-std::vector<datastore_change_request> changes_of(const control_json& items, load_refusals& refusals) {
+std::vector<datastore_change_request> changes_of(const control_json& items, bool absent_ok, load_refusals& refusals) {
     std::vector<datastore_change_request> changes;
     changes.reserve(items.size());
     for (const auto& [path, value] : items.get_ref<const control_json::object_t&>()) {
         std::string refusal;
-        std::optional<datastore_change_request> change = change_of({path, &value, nullptr}, refusal);
+        std::optional<datastore_change_request> change = change_of({path, &value, nullptr, absent_ok}, refusal);
         if (change.has_value()) {
             changes.push_back(std::move(*change));
         } else {
@@ -332,14 +340,19 @@ control_json read_confirm(const control_json& request, uint64_t& seconds) {
     return {};
 }
 
-control_json load(const change_call& call, const control_json& items, bool replace) {
+struct load_manner {
+    bool replace = false;    ///< deletes what the items do not name
+    bool absent_ok = false;  ///< see datastore_change_request
+};
+
+control_json load(const change_call& call, const control_json& items, const load_manner& manner) {
     load_refusals refusals;
-    std::vector<datastore_change_request> changes = changes_of(items, refusals);
+    std::vector<datastore_change_request> changes = changes_of(items, manner.absent_ok, refusals);
     if (!refusals.texts.empty()) {
         return refuse(call, refusals.path, refusals.texts);
     }
     platform_status status = PLATFORM_OK;
-    if (replace && !add_deletions(changes, status)) {
+    if (manner.replace && !add_deletions(changes, status)) {
         return control_answer(control_result::failed, text_format("the configuration cannot be read: %s (0x%x)",
                                                                   platform_status_text(status), status));
     }
@@ -385,18 +398,6 @@ control_json control_read_note(const control_json& request, std::string& note) {
     return {};
 }
 
-control_json control_read_flag(const control_json& request, const char* name, bool& flag) {
-    const auto member = request.find(name);
-    if (member == request.end()) {
-        return {};
-    }
-    if (!member->is_boolean()) {
-        return control_wrong_member(name, "true or false");
-    }
-    flag = member->get<bool>();
-    return {};
-}
-
 control_json control_call_set(const control_json& request, const control_peer& peer) {
     const control_path wished = control_item_path(request);
     if (!wished.problem.is_null()) {
@@ -428,8 +429,12 @@ control_json control_call_delete(const control_json& request, const control_peer
         return wished.problem;
     }
     change_call call = {"delete", peer};
+    bool absent_ok = false;
     control_json problem = control_read_note(request, call.note);
-    return problem.is_null() ? commit_wish(call, wished, {wished.path, std::nullopt}) : problem;
+    if (problem.is_null()) {
+        problem = control_flag_member(request, "absent_ok", absent_ok);
+    }
+    return problem.is_null() ? commit_wish(call, wished, {wished.path, std::nullopt, absent_ok}) : problem;
 }
 
 control_json control_call_load(const control_json& request, const control_peer& peer) {
@@ -438,10 +443,13 @@ control_json control_call_load(const control_json& request, const control_peer& 
         return control_wrong_member("items", "an object of paths and values");
     }
     change_call call = {"load", peer};
-    bool replace = false;
-    control_json problem = control_read_flag(request, "check", call.check_only);
+    load_manner manner;
+    control_json problem = control_flag_member(request, "check", call.check_only);
     if (problem.is_null()) {
-        problem = control_read_flag(request, "replace", replace);
+        problem = control_flag_member(request, "replace", manner.replace);
+    }
+    if (problem.is_null()) {
+        problem = control_flag_member(request, "absent_ok", manner.absent_ok);
     }
     if (problem.is_null()) {
         problem = control_read_note(request, call.note);
@@ -449,5 +457,5 @@ control_json control_call_load(const control_json& request, const control_peer& 
     if (problem.is_null()) {
         problem = read_confirm(request, call.confirm_seconds);
     }
-    return problem.is_null() ? load(call, *items, replace) : problem;
+    return problem.is_null() ? load(call, *items, manner) : problem;
 }

@@ -32,9 +32,6 @@ std::optional<datastore_change_request> control_change_from_json(const std::stri
 /// Reads the optional member "note" of a request. Returns null or the answer that refuses it.
 control_json control_read_note(const control_json& request, std::string& note);
 
-/// Reads the optional member `name`, which is true or false. Returns null or the answer that refuses it.
-control_json control_read_flag(const control_json& request, const char* name, bool& flag);
-
 /// "created", "changed", "deleted" or "unchanged".
 const char* control_outcome_name(datastore_outcome outcome);
 

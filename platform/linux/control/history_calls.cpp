@@ -233,7 +233,7 @@ control_json control_call_rollback(const control_json& request, const control_pe
     if (!read_number(request, "number", number)) {
         return no_number("number");
     }
-    control_json problem = control_read_flag(request, "check", call.check_only);
+    control_json problem = control_flag_member(request, "check", call.check_only);
     if (problem.is_null()) {
         problem = control_read_note(request, call.note);
     }

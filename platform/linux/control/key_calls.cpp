@@ -1,4 +1,5 @@
-/// Calls on users' public keys. Request members: user, and for key_import the text of the key as `text`.
+/// Calls on users' public keys. Request members: user, for key_import the text of the key as `text`, and for
+/// key_delete `absent_ok`: true if the user need not have a key.
 #include <vector>
 
 #include "common/machine_user.h"
@@ -90,10 +91,14 @@ control_json answer_of(const std::string& user, platform_status status) {
     }
 }
 
-control_json audited_answer(const control_peer& peer, const char* call, const std::string& user,
-                            platform_status status) {
+control_json audited_answer(const control_peer& peer, const char* call, const std::string& user, platform_status status,
+                            bool changed) {
     control_json answer = answer_of(user, status);
-    control_audit(peer, call, control_result_of_name(answer.value("result", "")), {user});
+    if (status == PLATFORM_OK) {
+        answer["changed"] = changed;
+    }
+    control_audit(peer, call, control_result_of_name(answer.value("result", "")),
+                  {user + (status == PLATFORM_OK && !changed ? " unchanged" : "")});
     return answer;
 }
 
@@ -153,7 +158,9 @@ control_json control_call_key_import(const control_json& request, const control_
         return control_answer(control_result::refused,
                               text_format("user %s: expected exactly one key on one line", user.c_str()));
     }
-    return audited_answer(peer, "key import", user, key_store_import(user, line));
+    bool changed = false;
+    const platform_status status = key_store_import(user, line, &changed);
+    return audited_answer(peer, "key import", user, status, changed);
 }
 
 control_json control_call_key_delete(const control_json& request, const control_peer& peer) {
@@ -162,7 +169,16 @@ control_json control_call_key_delete(const control_json& request, const control_
     if (!problem.is_null()) {
         return problem;
     }
+    bool absent_ok = false;
+    problem = control_flag_member(request, "absent_ok", absent_ok);
+    if (!problem.is_null()) {
+        return problem;
+    }
     problem = check_permission(peer, user);
-    return problem.is_null() ? audited_answer(peer, "key delete", user, key_store_delete(user))
-                             : audited_refusal(peer, "key delete", user, std::move(problem));
+    if (!problem.is_null()) {
+        return audited_refusal(peer, "key delete", user, std::move(problem));
+    }
+    const platform_status status = key_store_delete(user);
+    const bool is_absent = status == DATASTORE_NO_SUCH_ITEM && absent_ok;
+    return audited_answer(peer, "key delete", user, is_absent ? platform_status{PLATFORM_OK} : status, !is_absent);
 }

@@ -109,7 +109,17 @@ std::string known_flags() {
     return names;
 }
 
+bool is_flag_on(const std::string& name) {
+    for (const debug_flag_state& flag : debug_flag_list()) {
+        if (flag.name == name) {
+            return flag.on;
+        }
+    }
+    return false;
+}
+
 control_json switch_flag(const std::string& flag, bool on, const control_peer& peer) {
+    const bool changed = is_flag_on(flag) != on;
     const platform_status status = debug_flag_set(flag, on);
     const std::string shown = text_escape_quoted(flag, 80);
     control_json answer = control_answer(control_result::done);
@@ -119,6 +129,8 @@ control_json switch_flag(const std::string& flag, bool on, const control_peer& p
     } else if (status != PLATFORM_OK) {
         answer = control_answer(control_result::failed, text_format("debug flag \"%s\": %s (0x%x)", shown.c_str(),
                                                                     platform_status_text(status), status));
+    } else {
+        answer["changed"] = changed;
     }
     control_audit(peer, "debug", control_result_of_name(answer["result"].get_ref<const std::string&>()),
                   {flag + (on ? " on" : " off")});

@@ -26,7 +26,7 @@ struct planned_change {
 
     datastore_outcome outcome() const {
         if (!value) {
-            return datastore_outcome::deleted;
+            return previous ? datastore_outcome::deleted : datastore_outcome::unchanged;
         }
         if (!previous) {
             return datastore_outcome::created;
@@ -108,7 +108,8 @@ bool read_previous(const std::string& path, planned_change& planned, datastore_c
     return status == PLATFORM_OK || status == DATASTORE_NO_SUCH_ITEM || refuse_store(result, status);
 }
 
-bool plan_deletion(const std::string& path, planned_change& planned, datastore_commit_result& result) {
+bool plan_deletion(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
+    const std::string& path = request.path;
     std::string refusal;
     planned.known = schema_find(path, &refusal) != nullptr;
     if (!read_previous(path, planned, result)) {
@@ -120,8 +121,8 @@ bool plan_deletion(const std::string& path, planned_change& planned, datastore_c
     if (!planned.known) {
         return refuse(result, EINVAL, datastore_refused_by::schema, path, std::move(refusal));
     }
-    return refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, path,
-                  text_format("%s: cannot delete, not configured", path.c_str()));
+    return request.absent_ok || refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, path,
+                                       text_format("%s: cannot delete, not configured", path.c_str()));
 }
 
 bool plan_value(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
@@ -146,12 +147,12 @@ bool plan_item(const datastore_change_request& request, commit_plan& plan, datas
                       text_format("%s: changed twice in one commit; expected one change per item",
                                   schema_shown_path(request.path).c_str()));
     }
-    return request.value ? plan_value(request, place->second, result)
-                         : plan_deletion(request.path, place->second, result);
+    return request.value ? plan_value(request, place->second, result) : plan_deletion(request, place->second, result);
 }
 
 /// Plans the deletion of everything below a path, except what the commit names itself.
-bool plan_tree_deletion(const std::string& tree, commit_plan& plan, datastore_commit_result& result) {
+bool plan_tree_deletion(const datastore_change_request& request, commit_plan& plan, datastore_commit_result& result) {
+    const std::string& tree = request.path;
     std::string path;
     datastore_stored stored;
     platform_status status = PLATFORM_OK;
@@ -167,7 +168,7 @@ bool plan_tree_deletion(const std::string& tree, commit_plan& plan, datastore_co
     if (status != DATASTORE_NO_SUCH_ITEM) {
         return refuse_store(result, status);
     }
-    if (!any) {
+    if (!any && !request.absent_ok) {
         return refuse(
             result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
             text_format("%s: cannot delete, nothing is configured below this path", schema_shown_path(tree).c_str()));
@@ -183,7 +184,7 @@ bool make_plan(const std::vector<datastore_change_request>& requests, commit_pla
         }
     }
     for (const datastore_change_request& request : requests) {
-        if (is_tree_deletion(request) && !plan_tree_deletion(request.path, plan, result)) {
+        if (is_tree_deletion(request) && !plan_tree_deletion(request, plan, result)) {
             return false;
         }
     }

@@ -23,6 +23,7 @@
 struct datastore_change_request {
     std::string path;
     std::optional<datastore_value> value;
+    bool absent_ok = false;  ///< of a deletion: what is absent is unchanged, instead of a reason to refuse the commit
 };
 
 /// What a commit does to one item, or would do if it is only checked.
@@ -32,7 +33,7 @@ struct datastore_item_outcome {
     std::string path;
     datastore_outcome outcome;
     std::optional<datastore_stored> previous;
-    std::optional<datastore_stored> value;  ///< nothing if the item is deleted
+    std::optional<datastore_stored> value;  ///< nothing if the item is deleted or absent
 };
 
 /// On whose behalf a commit is made, and under which conditions.

@@ -182,11 +182,24 @@ platform_status key_store_list(std::vector<key_store_entry>& entries) {
     return status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
 }
 
-platform_status key_store_import(std::string_view user, std::string_view text) {
+platform_status key_store_import(std::string_view user, std::string_view text, bool* changed) {
     key_record record = {key_origin::exec_mode, 0, time(nullptr), {}};
     const platform_status status =
         key_user_is_valid(user) ? read_text(text, record.der, record.bits) : platform_status{EINVAL};
-    return status == PLATFORM_OK ? store(user, record) : status;
+    if (status != PLATFORM_OK) {
+        return status;
+    }
+    key_record present;
+    const bool is_present = key_store_find(user, present) == PLATFORM_OK && present.origin == record.origin &&
+                            present.der == record.der && present.bits == record.bits;
+    if (changed != nullptr) {
+        *changed = !is_present;
+    }
+    if (is_present) {
+        // Keeps the time at which the key was added; its copy for sshd may be missing nevertheless.
+        record.time = present.time;
+    }
+    return store(user, record);
 }
 
 platform_status key_store_delete(std::string_view user) {

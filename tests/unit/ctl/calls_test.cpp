@@ -31,6 +31,11 @@ TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("set", {"/a", "[null,1]"}), R"({"call":"set","path":"/a","word":"[null,1]"})");
     EXPECT_EQ(request("delete", {"/a"}), R"({"call":"delete","path":"/a"})");
     EXPECT_EQ(request("get", {"/a"}), R"({"call":"get","path":"/a"})");
+    EXPECT_EQ(request("delete", {"--absent-ok", "/a"}), R"({"call":"delete","path":"/a","absent_ok":true})");
+    EXPECT_EQ(request("acl", {"delete", "--absent-ok", "ipv4", "ops"}),
+              R"({"call":"acl_delete","family":"ipv4","name":"ops","absent_ok":true})");
+    EXPECT_EQ(request("key", {"delete", "ann", "--absent-ok"}),
+              R"({"call":"key_delete","user":"ann","absent_ok":true})");
     EXPECT_EQ(request("set", {"vrf/a"}), R"({"call":"set","path":"vrf/a"})");
     EXPECT_EQ(request("list", {"/"}), R"({"call":"list","path":"/"})");
     EXPECT_EQ(request("list", {"--all", "/"}), R"({"call":"list","path":"/","all":true})");
@@ -107,6 +112,8 @@ TEST(ctl_calls, load_accepts_its_option_before_or_after_the_file) {
     const std::string file = testing::TempDir() + "ctl_calls_test.json";
     std::ofstream(file) << R"({"/a": null})";
     EXPECT_EQ(request("load", {file}), R"({"call":"load","check":false,"items":{"/a":null}})");
+    EXPECT_EQ(request("load", {file, "--absent-ok"}),
+              R"({"call":"load","check":false,"absent_ok":true,"items":{"/a":null}})");
     EXPECT_EQ(request("load", {"--check", file}), R"({"call":"load","check":true,"items":{"/a":null}})");
     EXPECT_EQ(request("load", {file, "--check"}), R"({"call":"load","check":true,"items":{"/a":null}})");
     std::ofstream(file, std::ios::trunc) << "[1]";
@@ -136,6 +143,8 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
         {"delete", {}},
         {"get", {}},
         {"get", {"/a", "/b"}},
+        {"acl", {"show", "--absent-ok", "ipv4", "ops"}},
+        {"key", {"list", "--absent-ok"}},
         {"list", {}},
         {"list", {"--all"}},
         {"list", {"/", "--all"}},

@@ -48,6 +48,31 @@ TEST(ctl_show_text, sessions_of_both_directions) {
               "  no sessions\n");
 }
 
+TEST(ctl_name_values, replaces_the_numbers_of_enumerations) {
+    control_json answer = answer_of("ssh_session_brief", brief);
+    ctl_name_values(answer);
+    const control_json& sessions = answer["data"]["IncomingSessions"];
+    EXPECT_EQ(sessions[0]["SessionState"], "established");
+    EXPECT_EQ(sessions[0]["AuthenticationType"], "rsa-pubkey");
+    EXPECT_EQ(sessions[0]["McInfo"][1]["ConnectionType"], "sftp");
+    EXPECT_EQ(sessions[0]["SessionID"], 1);
+    EXPECT_EQ(sessions[1]["SessionState"], 7) << "has no name";
+    EXPECT_TRUE(sessions[1]["AuthenticationType"].is_null()) << "is unknown";
+    control_json detail = answer_of("ssh_session_detail", R"({"IncomingSessions":[{"InCipher":0,"OutCipher":0}]})");
+    ctl_name_values(detail);
+    EXPECT_EQ(detail["data"]["IncomingSessions"][0]["InCipher"], detail["data"]["IncomingSessions"][0]["OutCipher"]);
+    EXPECT_TRUE(detail["data"]["IncomingSessions"][0]["OutCipher"].is_string());
+}
+
+TEST(ctl_name_values, leaves_other_answers_alone) {
+    for (control_json answer : {answer_of("other", R"({"SessionState":1})"), control_json{{"data", {1, 2}}},
+                                answer_of("ssh_session_brief", "null"), control_json{{"result", "failed"}}}) {
+        const control_json before = answer;
+        ctl_name_values(answer);
+        EXPECT_EQ(answer, before);
+    }
+}
+
 constexpr char long_names[] = R"({"IncomingSessions":[
     {"SessionID":1,"NodeName":3,"SessionState":2,"UserID":"network-administrator","HostAddress":"2001:db8:1234:5678::1",
      "Version":1,"AuthenticationType":5,"McInfo":[

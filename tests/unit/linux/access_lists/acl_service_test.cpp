@@ -3,6 +3,7 @@
 
 #include "linux/access_lists/acl_service_internal.h"
 #include "linux/process/event_manager_internal.h"
+#include "platform/enforcement.h"
 #include "platform/event_manager.h"
 #include "unit/linux/control/calls_support.h"
 
@@ -255,6 +256,29 @@ TEST_F(acl_service_test, the_call_replaces_shows_lists_and_deletes) {
     EXPECT_EQ(result(R"({"call":"acl_delete","family":"ipv4","name":"ops"})"), "no_data");
     EXPECT_THAT(audit, ElementsAre(HasSubstr("call:=acl set, result:=done, ipv4 ops"),
                                    HasSubstr("call:=acl delete, result:=done, ipv4 ops")));
+}
+
+TEST_F(acl_service_test, an_identical_list_is_not_loaded_again) {
+    const std::string request = R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit tcp any any"]})";
+    subscribe(ACL_FAMILY_IPV4, "ops");
+    EXPECT_EQ(ask(request)["changed"], true);
+    EXPECT_THAT(std::exchange(notices, {}), ElementsAre("ops present"));
+    EXPECT_EQ(ask(request)["changed"], false);
+    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
+    EXPECT_THAT(audit.back(), HasSubstr("result:=done, ipv4 ops unchanged"));
+    enforcement_failed("server blue", "for a test");
+    EXPECT_EQ(ask(request)["changed"], false);
+    EXPECT_THAT(std::exchange(notices, {}), ElementsAre("ops present")) << "something was not in force";
+    enforcement_restored("server blue");
+}
+
+TEST_F(acl_service_test, an_absent_list_is_deleted_if_that_is_accepted) {
+    ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":["permit tcp any any"]})");
+    const std::string request = R"({"call":"acl_delete","family":"ipv4","name":"ops","absent_ok":)";
+    EXPECT_EQ(ask(request + "true}")["changed"], true);
+    EXPECT_EQ(ask(request + "true}")["changed"], false);
+    EXPECT_EQ(ask(request + "false}")["result"], "no_data");
+    EXPECT_EQ(ask(request + "1}")["result"], "usage");
 }
 
 TEST_F(acl_service_test, a_refused_call_names_the_line_and_keeps_the_list) {

@@ -35,9 +35,9 @@ class control_change_calls_test : public control_test::calls_test {
 
 TEST_F(control_change_calls_test, set_stores_applies_and_audits) {
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
-    EXPECT_EQ(
-        control_json_text(answer),
-        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1})");
+    EXPECT_EQ(control_json_text(answer),
+              R"({"result":"done","check":false,"changed":true,)"
+              R"("items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1})");
     EXPECT_EQ(stored(timeout_path), "45");
     EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/timeout - -> 45", "apply 3 cmn/timeout - -> 45"));
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=set, result:=done, created "
@@ -71,10 +71,10 @@ TEST_F(control_change_calls_test, set_accepts_bare_words) {
 
 TEST_F(control_change_calls_test, a_path_may_be_given_by_its_end) {
     const control_json answer = ask(R"({"call":"set","path":"timeout","word":"45"})");
-    EXPECT_EQ(
-        control_json_text(answer),
-        R"({"result":"done","check":false,"items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1,)"
-        R"("path":"/cfg/gl/crypto/ssh/server/cmn/timeout"})");
+    EXPECT_EQ(control_json_text(answer),
+              R"({"result":"done","check":false,"changed":true,)"
+              R"("items":[{"path":"/cfg/gl/crypto/ssh/server/cmn/timeout","outcome":"created"}],"commit":1,)"
+              R"("path":"/cfg/gl/crypto/ssh/server/cmn/timeout"})");
     EXPECT_THAT(audit.back(), HasSubstr("created /cfg/gl/crypto/ssh/server/cmn/timeout"));
     EXPECT_EQ(ask(R"({"call":"set","path":"timeout","word":"500"})")["path"], timeout_path);
     EXPECT_EQ(ask(R"({"call":"delete","path":"cmn/timeout"})")["items"][0]["outcome"], "deleted");
@@ -118,6 +118,21 @@ TEST_F(control_change_calls_test, an_item_without_fields_needs_no_value) {
     EXPECT_EQ(result(R"({"call":"set","path":"nowhere"})"), "refused");
 }
 
+TEST_F(control_change_calls_test, absent_items_are_deleted_if_that_is_accepted) {
+    const std::string items = R"("items":{"@cmn/timeout":null,"@cmn/rate_limit":10}})";
+    EXPECT_EQ(result(R"({"call":"load",)" + items), "no_data");
+    const control_json answer = ask(R"({"call":"load","absent_ok":true,)" + items);
+    EXPECT_EQ(answer["changed"], true);
+    EXPECT_EQ(answer["items"][1]["outcome"], "unchanged");
+    EXPECT_EQ(ask(R"({"call":"load","absent_ok":true,)" + items)["changed"], false);
+    EXPECT_EQ(ask(R"({"call":"delete","path":"timeout","absent_ok":true})")["changed"], false);
+    EXPECT_EQ(ask(R"({"call":"delete","path":"vrf/","absent_ok":true})")["changed"], false);
+    EXPECT_EQ(ask(R"({"call":"delete","path":"rate_limit","absent_ok":true})")["changed"], true);
+    EXPECT_EQ(result(R"({"call":"delete","path":"/cfg/nowhere","absent_ok":true})"), "refused");
+    EXPECT_EQ(result(R"({"call":"delete","path":"timeout","absent_ok":1})"), "usage");
+    EXPECT_EQ(result(R"({"call":"load","items":{},"absent_ok":1})"), "usage");
+}
+
 TEST_F(control_change_calls_test, absent_fields_at_the_end_do_not_count) {
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/algorithms/cipher","value":["aes128-ctr",null,null]})"), "done");
     EXPECT_EQ(data(R"({"call":"get","path":"@cmn/algorithms/cipher"})"), R"(["aes128-ctr"])");
@@ -140,6 +155,7 @@ TEST_F(control_change_calls_test, an_equal_value_changes_nothing) {
     take_calls();
     const control_json answer = ask(R"({"call":"set","path":"@cmn/timeout","value":45})");
     EXPECT_EQ(answer["items"][0]["outcome"], "unchanged");
+    EXPECT_EQ(answer["changed"], false);
     EXPECT_THAT(take_calls(), IsEmpty());
     EXPECT_THAT(audit.back(), HasSubstr("nothing to change"));
 }

@@ -102,6 +102,18 @@ TEST_F(control_key_calls_test, only_existing_users_get_a_key) {
     EXPECT_EQ(data(R"({"call":"key_list"})"), "[]");
 }
 
+TEST_F(control_key_calls_test, answers_say_whether_anything_changed) {
+    EXPECT_EQ(import("alice", key_of(usual(), modulus(1024)))["changed"], true);
+    const std::string listed = data(R"({"call":"key_list"})");
+    EXPECT_EQ(import("alice", key_of(usual(), modulus(1024)) + " another comment")["changed"], false);
+    EXPECT_THAT(audit.back(), HasSubstr("result:=done, alice unchanged"));
+    EXPECT_EQ(data(R"({"call":"key_list"})"), listed);
+    EXPECT_EQ(import("alice", key_of(usual(), modulus(2048)))["changed"], true);
+    EXPECT_EQ(ask(R"({"call":"key_delete","user":"alice"})")["changed"], true);
+    EXPECT_EQ(ask(R"({"call":"key_delete","user":"alice","absent_ok":true})")["changed"], false);
+    EXPECT_EQ(result(R"({"call":"key_delete","user":"alice","absent_ok":0})"), "usage");
+}
+
 TEST_F(control_key_calls_test, deleting_requires_a_key) {
     ASSERT_EQ(imported("alice", key_of(usual(), modulus(1024))), "done");
     EXPECT_EQ(result(R"({"call":"key_delete","user":"alice"})"), "done");

@@ -75,8 +75,10 @@ TEST_F(control_state_calls_test, debug_flags_are_listed_and_switched) {
     debug_flag_register("/debug/control_test/", 27, "control-flag", DEBUG_FLAG_TYPE, DEBUG_FLAG_LEVEL);
     EXPECT_THAT(data(R"({"call":"debug"})"),
                 HasSubstr(R"({"name":"control-flag","on":false,"path":"/debug/control_test/)"));
-    EXPECT_EQ(result(R"({"call":"debug","flag":"control-flag","on":true})"), "done");
+    EXPECT_EQ(ask(R"({"call":"debug","flag":"control-flag","on":true})")["changed"], true);
     EXPECT_EQ(debug_flag_is_on(27), 1);
+    EXPECT_EQ(ask(R"({"call":"debug","flag":"control-flag","on":true})")["changed"], false);
+    audit.pop_back();
     EXPECT_EQ(result(R"({"call":"debug","flag":"control-flag","on":false})"), "done");
     EXPECT_EQ(debug_flag_is_on(27), 0);
     EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=debug, result:=done, control-flag on",

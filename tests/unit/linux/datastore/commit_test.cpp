@@ -132,6 +132,17 @@ TEST_F(datastore_commit_test, refuses_an_unknown_path) {
     EXPECT_EQ(set("/cfg/gl/crypto/ssh/server/cmn/", number(1)).refused_by, datastore_refused_by::schema);
 }
 
+TEST_F(datastore_commit_test, the_deletion_of_what_is_absent_may_be_accepted) {
+    const datastore_commit_result result =
+        datastore_commit({{timeout_path, std::nullopt, true}, {rate_path, number(10)}}, false);
+    ASSERT_EQ(result.items.size(), 2U);
+    EXPECT_EQ(result.items[1].path, timeout_path);
+    EXPECT_EQ(result.items[1].outcome, datastore_outcome::unchanged);
+    EXPECT_THAT(take_calls(), ElementsAre("verify 3 cmn/rate_limit - -> 10", "apply 3 cmn/rate_limit - -> 10"));
+    EXPECT_EQ(datastore_commit({{"/cfg/gl/banner/", std::nullopt, true}}, false).status, PLATFORM_OK);
+    EXPECT_EQ(datastore_commit({{"/cfg/nothing", std::nullopt, true}}, false).refused_by, datastore_refused_by::schema);
+}
+
 TEST_F(datastore_commit_test, a_refusal_by_a_verifier_stores_nothing) {
     handlers.verify_results["cmn/timeout"] = EPERM;
     const datastore_commit_result result =
