@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned patience = 2;  ///< seconds
+constexpr unsigned completion_patience = 2;  ///< seconds
 
 /// What the operator has typed.
 struct typed_words {
@@ -23,7 +23,7 @@ struct typed_words {
 using word_set = std::set<std::string>;
 
 control_json data_for(const typed_words& typed, const control_json& request) {
-    const ctl_connection_settings settings = {typed.socket_path, patience, false, ctl_progress::none};
+    const ctl_connection_settings settings = {typed.socket_path, completion_patience, false, ctl_progress::none};
     control_json answer = ctl_ask(settings, request);
     return answer.value("data", control_json::array());
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-std::string text_of(const control_json& object, const char* name) {
+std::string help_text_of(const control_json& object, const char* name) {
     const auto member = object.find(name);
     return member == object.end() ? "" : ctl_value_text(*member);
 }
@@ -26,14 +26,14 @@ std::string current_text(const control_json& item) {
 
 std::string item_text(const control_json& item, size_t width) {
     const std::pair<const char*, std::string> lines[] = {
-        {"Short path", text_of(item, "short_path")},
-        {"NAME", text_of(item, "name")},
-        {"Value", text_of(item, "value")},
-        {"Unit", text_of(item, "unit")},
-        {"Default", text_of(item, "default")},
+        {"Short path", help_text_of(item, "short_path")},
+        {"NAME", help_text_of(item, "name")},
+        {"Value", help_text_of(item, "value")},
+        {"Unit", help_text_of(item, "unit")},
+        {"Default", help_text_of(item, "default")},
         {"Now", current_text(item)},
-        {"Example", text_of(item, "example")},
-        {"Not carried out on this machine", text_of(item, "not_carried_out")},
+        {"Example", help_text_of(item, "example")},
+        {"Not carried out on this machine", help_text_of(item, "not_carried_out")},
     };
     std::vector<ctl_list_row> rows;
     for (const auto& [label, text] : lines) {
@@ -42,17 +42,17 @@ std::string item_text(const control_json& item, size_t width) {
         }
         if (std::string_view(label) == "Value") {
             for (const control_json& field : item.value("fields", control_json::array())) {
-                rows.push_back({"  " + text_of(field, "name"), {text_of(field, "form")}, " "});
+                rows.push_back({"  " + help_text_of(field, "name"), {help_text_of(field, "form")}, " "});
             }
         }
     }
-    return text_of(item, "path") + "\n" + text_of(item, "meaning") + "\n\n" + ctl_list_text(rows, width, 2);
+    return help_text_of(item, "path") + "\n" + help_text_of(item, "meaning") + "\n\n" + ctl_list_text(rows, width, 2);
 }
 
 /// How an item is named in a list: by its short path, if it has one.
 std::string item_name(const control_json& item) {
-    const std::string short_path = text_of(item, "short_path");
-    return short_path.empty() ? text_of(item, "path") : short_path;
+    const std::string short_path = help_text_of(item, "short_path");
+    return short_path.empty() ? help_text_of(item, "path") : short_path;
 }
 
 /// The value of an item that is configured, the number of items in a folder; otherwise a hyphen.
@@ -73,7 +73,7 @@ std::string ctl_item_help_text(const control_json& items, size_t width) {
     }
     ctl_table table = {{{"Path", true}, {"Meaning", false}}, {}};
     for (const control_json& item : items) {
-        table.rows.push_back({{item_name(item)}, {text_of(item, "meaning")}});
+        table.rows.push_back({{item_name(item)}, {help_text_of(item, "meaning")}});
     }
     return ctl_table_text(table, width, 0) + "\n`ssh_cfg_ctl help PATH` explains one of them.\n";
 }
