@@ -70,7 +70,7 @@ void read_list(FILE* file, std::vector<unit_state>& units) {
     char name[line_size];
     char active_state[line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
-        if (std::sscanf(line, "%s %*s %s", name, active_state) == 2) {
+        if (std::sscanf(line, "%511s %*s %511s", name, active_state) == 2) {
             units.push_back({vrf_of_unit(name), active_state, 0, UINT64_MAX});
         }
     }

@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr size_t shown_name = 80;
-
 struct family_row {
     const char* name;
     uint32_t code;
@@ -44,7 +42,7 @@ control_json read_wish(const control_json& request, wished_list& wish) {
     }
     if (!acl_name_is_valid(*name)) {
         return control_answer(control_result::refused,
-                              "access list \"" + text_escape_quoted(*name, shown_name) +
+                              "access list \"" + text_escape_quoted(*name, control_shown_name_max) +
                                   "\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', "
                                   "not beginning with '-' or '.'");
     }

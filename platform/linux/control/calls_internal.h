@@ -11,6 +11,9 @@
 #include "linux/datastore/authority.h"
 #include "linux/enforcement/enforcement_internal.h"
 
+/// Bytes of a name from a request that a message repeats.
+constexpr size_t control_shown_name_max = 80;
+
 /// The member `name` of a request if it is a string, else null.
 const std::string* control_text_member(const control_json& request, const char* name);
 

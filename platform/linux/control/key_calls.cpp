@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr size_t shown_name = 80;
-
 /// Reads the member `user`. Returns null, or an answer that describes the error.
 control_json read_user(const control_json& request, std::string& user) {
     const std::string* name = control_text_member(request, "user");
@@ -24,7 +22,7 @@ control_json read_user(const control_json& request, std::string& user) {
             control_result::refused,
             text_format("user \"%s\": expected a name of 1 to 64 letters, digits, '_', '-' and '.', the first neither "
                         "'-' nor '.'",
-                        text_escape_quoted(*name, shown_name).c_str()));
+                        text_escape_quoted(*name, control_shown_name_max).c_str()));
     }
     user = *name;
     return {};

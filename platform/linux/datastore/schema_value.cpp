@@ -310,7 +310,10 @@ platform_status load_tuple(const schema_row& row, const std::string& bytes, data
         }
     }
     // A list ends with its last entry; a tuple shows all its fields.
-    value = row.rule == schema_tuple_rule::list ? without_absent_end(std::move(fields)) : std::move(fields);
+    if (row.rule == schema_tuple_rule::list) {
+        fields = without_absent_end(std::move(fields));
+    }
+    value = std::move(fields);
     return PLATFORM_OK;
 }
 
