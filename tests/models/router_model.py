@@ -410,7 +410,9 @@ class Router:
         return vrf is not None and name in self.namespaces and (kind == ALL or bool(self._entries(vrf.lists[kind], kind)))
 
     def change_list(self, family, name, entries):
-        """Replaces a list, or deletes it without entries."""
+        """Replaces a list, or deletes it without entries. A list that is the same is not loaded again."""
+        if entries is not None and self.access_lists[family].get(name) == entries:
+            return
         if entries is None:
             self.access_lists[family].pop(name, None)
         else:
