@@ -10,7 +10,7 @@
 
 namespace {
 
-/// The first component that is a service; empty if there is none.
+/// Returns the first component of `path` that names a service, or an empty string if there is none.
 std::string service_in_path(std::string_view path) {
     while (!path.empty()) {
         path.remove_prefix(1);

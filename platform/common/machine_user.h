@@ -15,7 +15,8 @@ enum class machine_user : unsigned char {
 /// Looks a user up. May throw std::bad_alloc.
 machine_user machine_user_find(const std::string& name);
 
-/// The name of a user, or an empty text if there is none or it cannot be found out. May throw std::bad_alloc.
+/// Returns the name of a user, or an empty string if the user does not exist or the lookup fails. May throw
+/// std::bad_alloc.
 std::string machine_user_name(uint32_t user_id);
 
 #endif

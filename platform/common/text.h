@@ -39,8 +39,8 @@ std::string text_escape_quoted(std::string_view text, size_t size_max);
 /// The same for readers that may not support UTF-8: every byte of a non-ASCII character is escaped as \xNN.
 std::string text_escape_to_ascii(std::string_view text, size_t size_max);
 
-/// A time, in seconds since the epoch, in UTC: "2026-01-31T12:00:00Z". Empty if it is beyond the calendar. May throw
-/// std::bad_alloc.
+/// Formats a time, given in seconds since the epoch, as UTC: "2026-01-31T12:00:00Z". Returns an empty string if the time
+/// cannot be represented as a calendar date. May throw std::bad_alloc.
 std::string text_utc_time(int64_t seconds);
 
 #endif

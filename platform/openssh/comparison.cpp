@@ -28,7 +28,7 @@ namespace {
 constexpr std::chrono::seconds settings_limit{5};
 constexpr std::string_view record_suffix = "~launch";
 
-/// Lines in any order, with their number of occurrences.
+/// Lines and how often each occurs, regardless of their order.
 using text_lines = std::multiset<std::string, std::less<>>;
 
 text_lines lines_of(std::string_view text) {
@@ -41,7 +41,7 @@ text_lines lines_of(std::string_view text) {
     return lines;
 }
 
-/// The lines that occur in only one of the texts.
+/// Returns the lines that occur in only one of the texts, or more often in one than in the other.
 text_lines lines_of_one(const text_lines& left, const text_lines& right) {
     text_lines difference;
     std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(),
@@ -61,7 +61,8 @@ std::string first_words(const text_lines& lines) {
     return text;
 }
 
-/// The settings in which two files differ, or, if sshd cannot read one of the files, the keywords of the differing lines.
+/// Returns the names of the settings in which two files differ or, if sshd cannot read one of the files, the keywords of
+/// the lines that differ.
 std::string differing_settings(const launcher_paths& paths, const std::string& used, const std::string& candidate,
                                const text_lines& differing_lines) {
     const std::vector<program_result> answers =
@@ -72,7 +73,8 @@ std::string differing_settings(const launcher_paths& paths, const std::string& u
     return first_words(lines_of_one(lines_of(answers[0].output), lines_of(answers[1].output)));
 }
 
-/// The records of running servers that were started with their current file, by the names of their translated files.
+/// Returns the records of the running servers that were started with their current file, by the names of their translated
+/// files.
 std::map<std::string, launch_record> running_servers(const std::string& state_directory) {
     std::map<std::string, launch_record> servers;
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(state_directory.c_str()), closedir);

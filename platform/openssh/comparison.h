@@ -1,4 +1,4 @@
-/// Compares the settings that the running servers were started with to those they would be started with now.
+/// Compares the settings with which the running servers were started with those with which they would be started now.
 ///
 /// The two differ after an upgrade of OpenSSH or of the launcher, or once a host key or a program is installed that was
 /// missing when the server was started.

@@ -24,7 +24,8 @@ bool is_journal_stream(int fd, const char* journal_stream) {
            fstat(fd, &status) == 0 && status.st_dev == device && status.st_ino == inode;
 }
 
-/// Names the service in the entry: a launcher that gives up has often ended before the journal looks at its process.
+/// Sends a line to the journal and names the service in the entry, because a launcher that gives up has often ended before
+/// the journal looks up its process. Returns whether the entry was sent.
 bool send_to_journal(const reporter& to, severity level, const std::string& line) {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {

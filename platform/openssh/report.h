@@ -12,7 +12,7 @@ namespace openssh {
 enum class report_way {
     text,         ///< lines on standard error
     marked_text,  ///< the same, preceded by the severity as "<N>", which the journal removes
-    system_log,   ///< where the lines appear beside the server's own, under the same name and process number
+    system_log,  ///< the system log, where the lines appear next to the server's own, with the same name and process ID
 };
 
 struct reporter {
@@ -20,7 +20,7 @@ struct reporter {
     report_way way = report_way::text;
     int fd = 2;  ///< standard error
     const char* program = "sshd";
-    /// The service that this process is the main process of. The journal cannot find that out once the process has ended.
+    /// The service whose main process this is. The journal cannot determine it after the process has ended.
     std::string service = {};
     const char* log_name = "norvosshd";
 };

@@ -63,7 +63,8 @@ void remove_from(server_batch& batch, const char* vrf_name) {
     }
 }
 
-/// The units of a batch as the end of a command line. `systemctl list-units` needs the type in their names.
+/// Lists the units of a batch for the end of a command line. `type` is appended to each name; `systemctl list-units` does
+/// not recognize the names without it.
 void list_units(const server_batch& batch, const char* type, char (&units)[units_size]) {
     size_t length = 0;
     units[0] = '\0';
@@ -103,7 +104,8 @@ void forget_units() {
     state.units.clear();
 }
 
-/// If all jobs succeeded, only what has happened to the servers since is unknown.
+/// Queries the states of a batch's units. If all jobs succeeded, the active states suffice, because they show whether a
+/// server has failed since.
 bool query_batch(const server_batch& batch, bool succeeded, std::vector<unit_state>& states) {
     char units[units_size];
     list_units(batch, succeeded ? unit_type : "", units);

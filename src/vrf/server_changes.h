@@ -30,8 +30,9 @@ struct postponed_unit {
     bool is_read;  ///< systemd has read the unit's present file, or will read it with the next start
 };
 
-/// The state of a VRF's unit while changes are postponed. The first call queries all units together, and so does the first
-/// one after servers were stopped or restarted. Returns nullopt if changes are not being postponed or systemd does not answer.
+/// Returns the state of a VRF's unit while changes are postponed. The first call, and the first call after servers were
+/// stopped or restarted, query all units together. Returns nullopt if changes are not being postponed or if systemd does
+/// not answer.
 std::optional<postponed_unit> query_postponed_unit(const char* vrf_name);
 
 /// Makes systemd read the units again. Returns 0, or -1 after reporting the failure; the reload is then due.

@@ -64,7 +64,7 @@ void read_properties(FILE* file, std::vector<unit_state>& units) {
     take_line(units, unit, "");
 }
 
-/// A line names the unit, whether it is loaded, and its state.
+/// Reads lines that consist of the unit's name, its load state and its active state.
 void read_list(FILE* file, std::vector<unit_state>& units) {
     char line[line_size];
     char name[line_size];

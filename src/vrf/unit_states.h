@@ -24,8 +24,8 @@ bool is_stopped(const unit_state& unit);
 /// not. Returns 0, or -1 with errno. May throw std::bad_alloc.
 int read_unit_states(std::vector<unit_state>* units, const char* names = nullptr);
 
-/// The same for the named units ("NAME.service") that systemd has loaded, but reads only `active_state`, which takes
-/// systemd a tenth of the time.
+/// Queries those of the named units ("NAME.service", separated by spaces) that systemd has loaded, but reads only
+/// `active_state`, which takes systemd a tenth of the time. Returns and throws like read_unit_states.
 int read_active_states(std::vector<unit_state>* units, const char* names);
 
 /// The state of a VRF's unit, or null.

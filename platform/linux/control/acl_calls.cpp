@@ -164,7 +164,7 @@ control_json check_loadable(const wished_list& wish, const std::vector<acl_store
                                     ": cannot be checked, nothing has been changed: " + objection.failure);
 }
 
-/// Whether the list is stored with just these entries.
+/// Returns whether the list is stored with exactly these entries.
 bool is_stored(const wished_list& wish, const std::vector<acl_stored_entry>& entries) {
     std::vector<acl_stored_entry> stored;
     return acl_list_entries(wish.family->code, wish.name, stored) == PLATFORM_OK &&
@@ -208,7 +208,7 @@ control_json control_call_acl_set(const control_json& request, const control_pee
         problem = read_list(wish.family->code, request, entries);
     }
     const bool is_known = problem.is_null() && is_stored(wish, entries);
-    // An identical list is loaded again only where something is not in force.
+    // Does not load an identical list again unless something is not in force.
     const bool is_kept = is_known && !enforcement_any_failed();
     if (problem.is_null() && entries.empty()) {
         problem = check_empty(wish, request);

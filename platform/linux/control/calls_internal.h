@@ -17,8 +17,8 @@ constexpr size_t control_shown_name_max = 80;
 /// The member `name` of a request if it is a string, else null.
 const std::string* control_text_member(const control_json& request, const char* name);
 
-/// Reads an optional member that is true or false into `flag`, which otherwise remains as it is. Returns null, or an answer that
-/// describes the error.
+/// Reads an optional Boolean member into `flag`, which is unchanged if the member is absent. Returns null, or an answer
+/// that describes the error.
 control_json control_flag_member(const control_json& request, const char* name, bool& flag);
 
 /// On whose behalf a peer's commits are made.

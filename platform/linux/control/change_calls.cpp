@@ -83,7 +83,7 @@ const char* stored_word(bool check_only) {
     return check_only ? "would be stored" : "stored";
 }
 
-/// A warning for each service whose VRF has no namespace.
+/// Returns a warning for each service whose VRF has no namespace.
 std::vector<std::string> waiting_warnings(const datastore_commit_result& result, bool check_only) {
     std::vector<std::string> warnings;
     for (const datastore_item_outcome& item : result.items) {
@@ -281,7 +281,7 @@ std::vector<datastore_change_request> changes_of(const control_json& items, bool
     return changes;
 }
 
-/// Whoever gives a short path learns which item it was.
+/// Commits one change. If the request gave a short path, the answer contains the full path of the item.
 control_json commit_wish(const change_call& call, const control_path& wished, const datastore_change_request& change) {
     control_json answer = commit(call, {change});
     if (wished.is_short) {
@@ -290,7 +290,7 @@ control_json commit_wish(const change_call& call, const control_path& wished, co
     return answer;
 }
 
-/// Sets an item without fields, or one of which only the existence matters.
+/// Sets an item for which the request gives no value: a presence item, or a tuple whose fields may all be absent.
 control_json set_without_value(const change_call& call, const control_path& wished) {
     std::string refusal;
     const schema_row* row = schema_find(wished.path, &refusal);
@@ -308,7 +308,8 @@ control_json set_without_value(const change_call& call, const control_path& wish
                                       schema_expected(*row).c_str()));
 }
 
-/// Adds the deletion of every item that the changes do not name. With it, an item that is to be deleted need not exist.
+/// Adds a deletion of every stored item that the changes do not set, and removes the deletions that were requested
+/// explicitly: they are then included if the item exists, and are not an error if it does not.
 bool add_deletions(std::vector<datastore_change_request>& changes, platform_status& status) {
     std::set<std::string, std::less<>> named;
     std::erase_if(changes, [](const datastore_change_request& change) { return !change.value.has_value(); });
@@ -326,7 +327,7 @@ bool add_deletions(std::vector<datastore_change_request>& changes, platform_stat
 
 constexpr uint64_t confirm_minutes_max = 1440;
 
-/// Reads the optional member "confirm". Returns null or the answer that refuses it.
+/// Reads the optional member "confirm" and converts its minutes to seconds. Returns null, or an answer that refuses it.
 control_json read_confirm(const control_json& request, uint64_t& seconds) {
     const auto minutes = request.find("confirm");
     if (minutes == request.end()) {
@@ -341,7 +342,7 @@ control_json read_confirm(const control_json& request, uint64_t& seconds) {
 }
 
 struct load_manner {
-    bool replace = false;    ///< deletes what the items do not name
+    bool replace = false;    ///< deletes all stored items that the request does not set
     bool absent_ok = false;  ///< see datastore_change_request
 };
 

@@ -1,6 +1,6 @@
-/// The call that completes what the operator has begun to type. Request members: `what` ("item", "folder", "operational",
-/// "value", "vrf"), `word` (what has been typed of it), and for a value the path of its item. The answer's data is an array of
-/// candidates, which begin with the word.
+/// The call that completes a word that the operator has begun to type. Request members: `what` ("item", "folder",
+/// "operational", "value" or "vrf"), `word` (the part that has been typed so far) and, for a value, `path` (the path of
+/// its item). The answer's data is an array of candidates, all of which begin with `word`.
 #include <algorithm>
 #include <set>
 #include <vector>
@@ -16,7 +16,7 @@ namespace {
 
 using candidate_set = std::set<std::string>;
 
-/// The paths one component below an absolute path, which ends in '/'.
+/// Returns the paths one component below `folder`, an absolute path that ends in '/'.
 std::vector<std::string> paths_below(const std::string& folder) {
     std::vector<std::string> paths;
     for (const std::string& child : schema_children(folder)) {
@@ -31,8 +31,8 @@ std::vector<std::string> paths_below(const std::string& folder) {
     return paths;
 }
 
-/// All paths of items, with the names that are known; if none is, the folder in which it would be. In folders_only mode, all
-/// folders.
+/// Appends the paths of all items below `folder`, with the known names in place of wildcards. A folder with no known name
+/// is appended itself. If `folders_only` is set, appends the paths of all folders instead.
 void collect_paths(const std::string& folder, bool folders_only, std::vector<std::string>& paths) {
     const std::vector<std::string> below = paths_below(folder);
     if (below.empty() || folders_only) {
@@ -47,7 +47,8 @@ void collect_paths(const std::string& folder, bool folders_only, std::vector<std
     }
 }
 
-/// An absolute path and that of a folder are continued by one component; others are completed to the end of a path.
+/// Extends an absolute path, or the short path of a folder, by at most one component, and completes a short path of an
+/// item to its last component.
 candidate_set complete_path(const std::string& word, bool folders_only) {
     candidate_set candidates;
     if (word.starts_with('/')) {
@@ -79,7 +80,7 @@ candidate_set complete_folder(const control_json& /*request*/, const std::string
     return complete_path(word, true);
 }
 
-/// The shortest end that begins with the word and means only this item.
+/// Returns the shortest suffix of `path` that begins with `word` and identifies only this item, or an empty string.
 std::string operational_end(std::string_view path, const std::string& word) {
     for (size_t start = path.rfind('/'); start != 0 && start != std::string_view::npos;
          start = path.rfind('/', start - 1)) {
@@ -102,7 +103,7 @@ candidate_set complete_operational(const control_json& /*request*/, const std::s
     return candidates;
 }
 
-/// The values of an item, if they are few.
+/// Returns all values of an item, or nothing if there are more than a few.
 candidate_set values_of(const schema_row& row) {
     constexpr int64_t few = 20;
     switch (row.form.kind) {

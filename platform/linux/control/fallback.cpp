@@ -32,7 +32,7 @@ fallback_state fallback;
 
 int time_is_over(sd_event_source*, uint64_t, void*);
 
-/// Not relative to the loop's own clock, which does not advance while a handler runs.
+/// Sets the timer relative to the present time, because the event loop's own clock does not advance while a handler runs.
 void set_timer(uint64_t seconds) {
     struct timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
@@ -46,7 +46,7 @@ void set_timer(uint64_t seconds) {
     }
 }
 
-/// Whoever made the commit was allowed to change what it changed.
+/// Returns the authority of the author of the latest commit, who was allowed to change the items that are restored.
 datastore_authority authority_behind(uint64_t number) {
     auto authority = datastore_authority::administrator;
     datastore_visit_history([&](const datastore_kept_commit& commit) {
@@ -90,7 +90,7 @@ int time_is_over(sd_event_source*, uint64_t, void*) {
     return 0;
 }
 
-/// Waits for the confirmation that is awaited, if there is one.
+/// Sets the timer if a commit awaits its confirmation.
 void expect_confirmation() {
     datastore_confirmation confirmation;
     if (fallback.loop != nullptr && datastore_confirmation_get(confirmation) == PLATFORM_OK) {

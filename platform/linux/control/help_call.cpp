@@ -1,8 +1,10 @@
-/// The call that explains items of the configuration and of the operational data. Request member: `path`, a path, the end of
-/// one, the path of a folder, or words to be found in the descriptions. The answer's data is an array of objects: path,
-/// short_path, meaning, name (the form of the name in the path), type, value (its form in words), lowest and highest (of a
-/// number), fields, unit, default, current (the stored value or null; not if the path has no name yet), example, and
-/// not_carried_out. What does not apply is absent.
+/// The call that explains items of the configuration and of the operational data. The request member `path` is the path of
+/// an item, the path of a folder, the end of such a path, or words to be searched for in the descriptions. The answer's
+/// data is an array of objects with these members: path, short_path, meaning, name (the form of the name in the path),
+/// type, value (the form of the value in words), lowest and highest (for a number), fields, unit, default, current (the
+/// stored value, or null if none is stored; absent if the path contains a placeholder instead of a name), example and
+/// not_carried_out. Members that do not apply are absent; an item of the operational data has only path, meaning and
+/// example.
 #include <algorithm>
 #include <vector>
 
@@ -32,7 +34,8 @@ void add(std::vector<explained_item>& items, const schema_row* row, const std::s
     }
 }
 
-/// Items with that path, and those below it. If there are none, the items in which the words are found.
+/// Returns the items with the path `text` and the items below it. If there are none and the path is not absolute, returns
+/// the items in whose descriptions all words of `text` are found.
 std::vector<explained_item> find_items(const std::string& text) {
     std::vector<explained_item> items;
     for (const std::string& path : short_path_meanings(text, path_target::item)) {

@@ -1,4 +1,4 @@
-/// Calls on the history of commits.
+/// The calls that read the history of commits, restore an earlier configuration and confirm a commit.
 #include "linux/control/history_calls.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ control_json failure(platform_status status) {
                           text_format("the history cannot be read: %s (0x%x)", platform_status_text(status), status));
 }
 
-/// The answer if there is no configuration after commit `number`.
+/// Returns the answer to a request for the configuration after commit `number` if that configuration is not available.
 control_json no_past(uint64_t number, platform_status status) {
     const uint64_t last = datastore_last_commit();
     if (status != DATASTORE_NO_SUCH_ITEM) {
@@ -49,7 +49,7 @@ bool read_number(const control_json& request, const char* name, uint64_t& number
     return true;
 }
 
-/// A stored value in JSON; a text in its place if this version does not know the item.
+/// Returns a stored value as JSON, or a text in its place if this version does not know the item or its value.
 control_json json_of(const std::string& key, const datastore_stored& stored) {
     datastore_value value;
     const schema_row* row = schema_find(key, nullptr);
@@ -85,7 +85,7 @@ void add_difference(control_json& differences, const std::string& key, const pos
     differences.push_back(std::move(difference));
 }
 
-/// What an item had in a configuration of the past.
+/// Returns the value of an item in an earlier configuration, or nothing if the item did not exist.
 possible_value value_in(const datastore_past& past, const std::string& key) {
     const auto changed = past.find(key);
     return changed == past.end() ? datastore_present_value(key) : changed->second;
@@ -124,7 +124,8 @@ control_json diff_of_commits(const control_json& request) {
     return control_data_answer(differences_between(before, after));
 }
 
-/// Compares the stored configuration with a whole other one, given as an object of paths and values.
+/// Compares the stored configuration with another complete configuration, which is given as an object that maps paths to
+/// values.
 control_json diff_with_items(const control_json& items) {
     std::map<std::string, possible_value> compared;
     std::string refusals;
@@ -157,7 +158,8 @@ control_json diff_with_items(const control_json& items) {
     return control_data_answer(std::move(differences));
 }
 
-/// The changes that restore the values of the past. On refusal, the reason is stored in `refusal`.
+/// Returns the changes that restore an earlier configuration. If they cannot be determined, returns none and stores the
+/// reason in `refusal`.
 std::vector<datastore_change_request> changes_to(const datastore_past& past, std::string& refusal) {
     std::vector<datastore_change_request> changes;
     for (const auto& [path, stored] : past) {

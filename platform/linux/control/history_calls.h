@@ -1,4 +1,4 @@
-/// Returning to a configuration of the past.
+/// Restores an earlier configuration.
 #ifndef LINUX_CONTROL_HISTORY_CALLS_H
 #define LINUX_CONTROL_HISTORY_CALLS_H
 

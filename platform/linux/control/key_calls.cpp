@@ -1,5 +1,5 @@
-/// Calls on users' public keys. Request members: user, for key_import the text of the key as `text`, and for
-/// key_delete `absent_ok`: true if the user need not have a key.
+/// Calls on users' public keys. Request members: `user`; for key_import also `text`, the text of the key; and for
+/// key_delete also `absent_ok`, which is true if it is not an error that the user has no key.
 #include <vector>
 
 #include "common/machine_user.h"

@@ -12,7 +12,8 @@ namespace {
 constexpr size_t names_max = 1000;
 constexpr char user_list[] = "/cfg/gl/aaa/username/";
 
-/// The machine's users: the list has numbers, and below each of them its name.
+/// Returns the names of the machine's users. The list of users contains numbers, and the entry below each number is the
+/// user's name.
 std::vector<std::string> known_users() {
     std::vector<std::string> numbers;
     std::vector<std::string> users;

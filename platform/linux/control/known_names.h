@@ -1,15 +1,16 @@
-/// Names that this machine knows and that may stand in a path.
+/// Names that are known on this machine and may appear in a path.
 #ifndef LINUX_CONTROL_KNOWN_NAMES_H
 #define LINUX_CONTROL_KNOWN_NAMES_H
 
 #include <string>
 #include <vector>
 
-/// The VRFs that have a network namespace.
+/// Returns the names of the VRFs that have a network namespace.
 std::vector<std::string> control_known_vrfs();
 
-/// The names that may follow an absolute path, which ends in '/', in place of the schema's "*": those configured there and,
-/// for servers and keys, the machine's VRFs and users. Sorted; at most about 1000; none that the schema would refuse.
+/// Returns the names that may take the place of the schema's "*" directly below `folder`, an absolute path that ends in
+/// '/': the names that are configured there and, for servers and keys, also the machine's VRFs and users. The names are
+/// sorted, at most 1000 are returned, and names that the schema would refuse are omitted.
 std::vector<std::string> control_known_names(const std::string& folder);
 
 #endif

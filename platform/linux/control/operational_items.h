@@ -1,4 +1,4 @@
-/// The operational data that can be shown.
+/// The items of operational data that can be shown.
 #ifndef LINUX_CONTROL_OPERATIONAL_ITEMS_H
 #define LINUX_CONTROL_OPERATIONAL_ITEMS_H
 
@@ -12,10 +12,10 @@ struct operational_item {
     const char* meaning;
 };
 
-/// In byte order of the paths.
+/// Returns all items, in byte order of their paths.
 std::span<const operational_item> control_operational_items();
 
-/// The paths of those items that end with the components of `end`.
+/// Returns the paths of the items that end with the components of `end`.
 std::vector<std::string> control_operational_meanings(std::string_view end);
 
 #endif

@@ -7,7 +7,7 @@
 
 namespace {
 
-/// The absolute paths that a short one may mean.
+/// Returns the absolute paths that a short path may stand for.
 using meaning_search = std::vector<std::string> (*)(std::string_view path);
 
 std::vector<std::string> item_meanings(std::string_view path) {

@@ -35,7 +35,8 @@ size_t items_below(const std::string& folder) {
     return items;
 }
 
-/// The item or folder of that name below a path, which ends in '/'. "*" stands for a name that could be chosen.
+/// Describes the item or folder `name` below `folder`, a path that ends in '/'. A name that begins with "*" stands for any
+/// name that the operator may choose.
 control_json listed_child(const std::string& folder, const std::string& name) {
     const bool is_wildcard = name.starts_with('*');
     const std::string path = folder + (is_wildcard ? "name" + name.substr(1) : name);
@@ -58,7 +59,8 @@ control_json listed_child(const std::string& folder, const std::string& name) {
     return child;
 }
 
-/// What can be configured below a path, with the configured names next to each "*"; null if nothing can.
+/// Returns what can be configured below a path, including the configured names that match a "*", or null if nothing can be
+/// configured there.
 control_json list_all(const std::string& path, const std::vector<std::string>& configured) {
     const std::string folder = path.ends_with('/') ? path : path + '/';
     std::set<std::string> names;
@@ -154,7 +156,8 @@ control_json show(const std::string& path) {
     return shown;
 }
 
-/// The sessions that existed both times; an upper limit if some began while others ended.
+/// Returns the number of sessions that existed both times. The number is an upper bound if some sessions began while
+/// others ended.
 session_totals common_totals(const session_totals& before, const session_totals& after) {
     return {.incoming = std::min(before.incoming, after.incoming),
             .outgoing = std::min(before.outgoing, after.outgoing)};
@@ -165,7 +168,8 @@ control_json totals_to_json(const std::optional<session_totals>& totals) {
     return totals ? control_json{{"incoming", totals->incoming}, {"outgoing", totals->outgoing}} : control_json();
 }
 
-/// Reads the totals before and after the records, because a session that began or ended meanwhile is not missing from them.
+/// Reads the totals before and after the records, so that a session that begins or ends in the meantime does not count as
+/// missing.
 control_json show_sessions(const std::string& path) {
     const std::optional<session_totals> before = control_ask_session_totals();
     control_json answer = show(path);

@@ -29,7 +29,7 @@ struct vrf_state {
     mpp_vrf_status protection = {};
 };
 
-/// The configured services of a VRF without a namespace.
+/// Returns the configured services of a VRF if it has no namespace, otherwise an empty array.
 control_json waiting_services(const vrf_state& vrf) {
     control_json waiting = control_json::array();
     for (const uint32_t service : vrf.configured) {
@@ -40,7 +40,8 @@ control_json waiting_services(const vrf_state& vrf) {
     return waiting;
 }
 
-/// Protection does not know all of them: after a restart the agent leaves a server alone that runs as configured.
+/// Returns whether a service is attached. The state of the protection is not sufficient for that, because after a restart
+/// the agent does not touch servers that already run as configured.
 bool is_attached(const vrf_state& vrf, uint32_t service) {
     return vrf.has_namespace && vrf.configured.contains(service);
 }

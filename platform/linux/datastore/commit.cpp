@@ -288,7 +288,8 @@ datastore_kept_commit kept_commit_of(const commit_plan& plan, const datastore_co
     return kept;
 }
 
-/// Within the commit's transaction.
+/// Stores the confirmation that the commit awaits, or removes the one that it makes unnecessary. Must be called within the
+/// commit's transaction.
 platform_status settle_confirmation(const datastore_state& state, const datastore_commit_order& order,
                                     uint64_t number) {
     if (order.confirm_seconds > 0) {
@@ -312,7 +313,7 @@ platform_status store_transaction(const datastore_state& state, const commit_pla
     return status == PLATFORM_OK ? state.engine->commit(state.store) : status;
 }
 
-/// Stores the changes together with their entry in the history.
+/// Stores the changes and their entry in the history in one transaction. Returns false if that fails.
 bool store_all(const commit_plan& plan, const datastore_commit_order& order, datastore_commit_result& result) {
     datastore_state& state = the_datastore();
     const datastore_kept_commit kept = kept_commit_of(plan, order);
@@ -470,7 +471,8 @@ std::vector<enforcement_entry> put_in_force(const commit_plan& plan) {
     return enforcement_list();
 }
 
-/// Whether no other commit awaits its confirmation, unless this commit undoes it.
+/// Refuses the commit if an earlier commit awaits its confirmation, unless this commit undoes that commit. Returns whether
+/// the commit may continue.
 bool check_confirmation(const datastore_commit_order& order, datastore_commit_result& result) {
     datastore_confirmation awaited;
     const platform_status status = datastore_confirmation_get(awaited);

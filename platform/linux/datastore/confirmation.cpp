@@ -43,7 +43,7 @@ platform_status decode(std::string_view bytes, datastore_confirmation& confirmat
     return PLATFORM_OK;
 }
 
-/// Who made a commit and when, as far as that is known.
+/// Describes who made a commit and when. Returns an empty string unless it is the latest commit in the history.
 std::string origin_of(uint64_t number) {
     std::string origin;
     datastore_visit_history([&](const datastore_kept_commit& commit) {
@@ -73,7 +73,7 @@ uint64_t datastore_confirmation_left(const datastore_confirmation& confirmation,
     const bool same_boot = begin.boot == now.boot && now.uptime >= begin.uptime;
     const int64_t passed = same_boot ? static_cast<int64_t>(now.uptime - begin.uptime) : now.time - begin.time;
     const auto given = static_cast<int64_t>(confirmation.seconds);
-    // A clock that runs behind the commit says nothing about the time that has passed.
+    // If the clock is earlier than the time of the commit, it does not tell how much time has passed.
     return static_cast<uint64_t>(std::clamp(given - passed, int64_t{0}, given));
 }
 

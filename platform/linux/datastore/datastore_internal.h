@@ -23,7 +23,7 @@
 struct datastore_change_request {
     std::string path;
     std::optional<datastore_value> value;
-    bool absent_ok = false;  ///< of a deletion: what is absent is unchanged, instead of a reason to refuse the commit
+    bool absent_ok = false;  ///< a deletion of an absent item is not an error; the item counts as unchanged
 };
 
 /// What a commit does to one item, or would do if it is only checked.
@@ -36,12 +36,13 @@ struct datastore_item_outcome {
     std::optional<datastore_stored> value;  ///< nothing if the item is deleted or absent
 };
 
-/// On whose behalf a commit is made, and under which conditions.
+/// On whose behalf and under which conditions a commit is made.
 struct datastore_commit_order {
     datastore_authority authority = datastore_authority::administrator;
     datastore_author author;
-    uint64_t confirm_seconds = 0;  ///< the commit is to be confirmed within this time; 0 if it needs no confirmation
-    uint64_t undone_commit = 0;    ///< the number of the unconfirmed commit that this one undoes; 0 if it undoes none
+    uint64_t confirm_seconds =
+        0;                       ///< the time within which the commit must be confirmed; 0 if it need not be confirmed
+    uint64_t undone_commit = 0;  ///< the number of the unconfirmed commit that this one undoes; 0 if it undoes none
 };
 
 /// Who refused a commit.
@@ -63,7 +64,7 @@ struct datastore_commit_result {
     datastore_refused_by refused_by = datastore_refused_by::none;
     std::string path;                           ///< the refused path, empty when the whole commit is refused
     std::string message;                        ///< complete message for the operator; empty on success
-    uint64_t number = 0;                        ///< in the history; 0 if nothing has been changed
+    uint64_t number = 0;                        ///< the commit's number in the history; 0 if nothing was changed
     std::vector<datastore_item_outcome> items;  ///< in byte order of the paths
     /// Reports during the commit. If an item already had its new value, everything that is not in force.
     std::vector<enforcement_entry> not_in_force;
@@ -83,7 +84,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);
 
-/// The stored value of an item as it is stored; nothing if there is none or it cannot be read.
+/// Returns the value of an item in its stored form, or nothing if the item is not stored or cannot be read.
 std::optional<datastore_stored> datastore_present_value(std::string_view path);
 
 /// The names directly below `path` (which may end in '/'), in byte order, without duplicates; empty if there are none.

@@ -11,7 +11,7 @@
 #include "linux/datastore/schema.h"
 #include "platform/status.h"
 
-/// Keys of the history of commits begin with this.
+/// The prefix of the keys of the history of commits.
 inline constexpr std::string_view datastore_history_prefix = "history/";
 
 struct datastore_engine {
@@ -30,12 +30,12 @@ struct datastore_engine {
 
     /// DATASTORE_NO_SUCH_ITEM if there is none.
     platform_status (*get)(void* store, std::string_view key, datastore_stored& value);
-    /// Keys that begin with a slash, those of the history and all others are orders of their own: `next` and `previous`
-    /// stay in that of the key they are given.
+    /// Keys that begin with a slash, keys of the history and all other keys form three separate sequences: `next` and
+    /// `previous` stay in the sequence of the key that they are given.
     /// The first item in byte order after `from`, or at it when `inclusive`. DATASTORE_NO_SUCH_ITEM at the end.
     platform_status (*next)(void* store, std::string_view from, bool inclusive, std::string& key,
                             datastore_stored& value);
-    /// The last item in byte order before `before`. DATASTORE_NO_SUCH_ITEM if there is none.
+    /// Finds the item that immediately precedes `before` in byte order. Returns DATASTORE_NO_SUCH_ITEM if there is none.
     platform_status (*previous)(void* store, std::string_view before, std::string& key, datastore_stored& value);
     platform_status (*put)(void* store, std::string_view key, const datastore_stored& value);
     platform_status (*erase)(void* store, std::string_view key);

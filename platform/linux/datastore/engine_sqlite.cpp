@@ -28,7 +28,7 @@ constexpr mode_t file_mode = 0600;
 #define PRIVATE_TABLE \
     "CREATE TABLE private (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL);"
 
-// The history of commits is appended at one end and removed at the other.
+// Commits are appended at the end of the history and removed from its beginning.
 #define HISTORY_TABLE \
     "CREATE TABLE history (path TEXT PRIMARY KEY NOT NULL, kind INTEGER NOT NULL, value BLOB NOT NULL) WITHOUT ROWID;"
 
@@ -42,8 +42,8 @@ enum statement_index {
     statement_previous,
     statement_put,
     statement_erase,
-    statement_private,  ///< the last six follow in the same order for the platform's own values
-    statement_history = statement_private + (statement_private - statement_get),  ///< and for the history
+    statement_private,  ///< the preceding six statements in the same order, for the platform's own values
+    statement_history = statement_private + (statement_private - statement_get),  ///< the same for the history
     statement_count = statement_history + (statement_private - statement_get)
 };
 
@@ -58,7 +58,8 @@ constexpr const char* statement_texts[statement_count] = {
     "BEGIN IMMEDIATE", "COMMIT", "ROLLBACK", STATEMENTS_ON("item"), STATEMENTS_ON("private"), STATEMENTS_ON("history"),
 };
 
-/// The keys of items begin with a slash, those of the history with their prefix; all others are the platform's own.
+/// Returns the statement for the table that contains `key`. Keys of items begin with a slash and keys of the history with
+/// their prefix; all other keys are the platform's own.
 statement_index statement_for(std::string_view key, statement_index index) {
     if (key.empty() || key.front() == '/') {
         return index;
@@ -272,15 +273,15 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
     return create_database(path, reason);
 }
 
-// Each version's statements make its database one of the next version.
+// The statements for a version convert its database to the next version.
 
-/// Version 1 kept the platform's own values in the items' table.
+/// Version 1 stored the platform's own values in the table of the items.
 #define FROM_VERSION_1                                                                        \
     PRIVATE_TABLE                                                                             \
     "INSERT INTO private SELECT path, kind, value FROM item WHERE substr(path, 1, 1) != '/';" \
     "DELETE FROM item WHERE substr(path, 1, 1) != '/';"
 
-/// Version 2 kept no history.
+/// Version 2 had no history.
 #define FROM_VERSION_2 HISTORY_TABLE
 
 struct migration_row {
@@ -293,7 +294,7 @@ constexpr migration_row migrations[] = {
     {"2", FROM_VERSION_2},
 };
 
-/// Brings the database of an earlier version up to date, in one transaction.
+/// Migrates the database of an earlier version to the present version in one transaction.
 platform_status migrate(sqlite3* database, const char* version_statements, std::string& reason) {
     const std::string statements =
         text_format("BEGIN IMMEDIATE;%sPRAGMA user_version = %d;COMMIT;", version_statements, schema_version);
@@ -410,7 +411,8 @@ platform_status run(void* store, statement_index index) {
     return status;
 }
 
-/// Runs a statement after which something has been stored, except within a transaction, whose end is what stores it.
+/// Runs a statement that writes to the database. Outside a transaction, and when a transaction begins or ends, first checks
+/// that the database's files are still in place.
 platform_status run_and_store(void* store, statement_index index) {
     const bool within = index >= statement_get && sqlite3_get_autocommit(store_of(store).database) == 0;
     const platform_status status = within ? platform_status{PLATFORM_OK} : check_in_place(store_of(store));

@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Sorts after the key of every commit.
+/// A key that sorts after the keys of all commits.
 constexpr char end_of_history[] = "history/:";
 
 std::string key_of(uint64_t number) {
@@ -42,7 +42,7 @@ std::optional<datastore_stored> read_value(stored_fields_reader& reader) {
     return datastore_stored{kind, reader.text()};
 }
 
-/// Finds the commit before `key`, which is then its key.
+/// Finds the commit before `key` and replaces `key` by the key of that commit.
 platform_status previous_commit(const datastore_state& state, std::string& key, datastore_stored& stored) {
     std::string found;
     platform_status status = state.engine->previous(state.store, key, found, stored);
@@ -55,7 +55,7 @@ platform_status previous_commit(const datastore_state& state, std::string& key, 
     return status;
 }
 
-/// Removes the commits before `oldest_kept`. Within a transaction.
+/// Removes the commits before `oldest_kept`. Must be called within a transaction.
 platform_status remove_older(const datastore_state& state, uint64_t oldest_kept) {
     std::string key;
     datastore_stored stored;
@@ -84,10 +84,10 @@ platform_status remove_excess(const datastore_state& state, uint64_t oldest_kept
     return status;
 }
 
-/// Commits in excess are removed in groups, because each removal writes more pages than the commit itself.
+/// Excess commits are removed in groups, because each removal writes more pages than the commit itself.
 constexpr uint64_t removal_interval = 32;
 
-/// The number of the first commit that is to be kept.
+/// Returns the number of the oldest commit that is to be kept.
 uint64_t oldest_kept(const datastore_state& state, uint64_t latest) {
     return latest >= state.commits_kept ? latest - state.commits_kept + 1 : 1;
 }

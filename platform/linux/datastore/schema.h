@@ -66,11 +66,11 @@ enum class schema_tuple_rule : uint8_t {
     one_selected  ///< flags, of which at least one is set
 };
 
-/// What manual page and help say about an item in addition to its form.
+/// What the manual page and the help say about an item in addition to its form.
 struct schema_guide {
-    const char* default_value;   ///< what is in force while the item is not configured: a value in JSON, or words
-    const char* example;         ///< a value in JSON
-    const char* unit = nullptr;  ///< of a number that has one
+    const char* default_value;   ///< the value in force while the item is not configured: a JSON value, or words
+    const char* example;         ///< a JSON value
+    const char* unit = nullptr;  ///< the unit of a number; null if there is none
 };
 
 struct schema_row {

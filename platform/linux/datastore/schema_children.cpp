@@ -6,8 +6,8 @@
 
 namespace {
 
-/// The part of the row's pattern that follows `path`, which is empty or ends in '/'; empty if the item is not below it. The
-/// path and the result do not begin with '/'.
+/// Returns the part of the row's pattern that follows `path`, which is empty or ends in '/', or an empty string if the item
+/// is not below `path`. Neither `path` nor the result begins with '/'.
 std::string_view pattern_below(const schema_row& row, std::string_view path) {
     std::string_view pattern = std::string_view(row.pattern).substr(1);
     while (!path.empty()) {
@@ -20,7 +20,7 @@ std::string_view pattern_below(const schema_row& row, std::string_view path) {
     return pattern;
 }
 
-/// An absolute path as pattern_below takes it.
+/// Converts an absolute path to the form that pattern_below expects.
 std::string folder_of(std::string_view path) {
     std::string folder(path.substr(1));
     return folder += folder.empty() || folder.ends_with('/') ? "" : "/";

@@ -12,7 +12,7 @@
 /// of a path as it is, any other with a '/' after it, and "*" for a name that the operator chooses. Empty if there are none.
 std::vector<std::string> schema_children(std::string_view path);
 
-/// The rows of the items below an absolute path, in byte order of their patterns.
+/// Returns the rows of the items below an absolute path, in byte order of their patterns.
 std::vector<const schema_row*> schema_rows_below(std::string_view path);
 
 #endif

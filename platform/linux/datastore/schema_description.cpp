@@ -10,7 +10,7 @@ std::string text_or_empty(const char* text) {
     return text == nullptr ? std::string() : text;
 }
 
-/// The help text without the unit at its beginning, with a capital letter.
+/// Returns the help text without the unit at its beginning, and with a capital letter.
 std::string meaning_of(const schema_row& row) {
     std::string text = row.form.help;
     const std::string unit = text_or_empty(row.guide.unit) + ", ";
@@ -19,7 +19,7 @@ std::string meaning_of(const schema_row& row) {
     return text;
 }
 
-/// The form in words, without the meaning.
+/// Describes the form of the value without its meaning.
 std::string form_of(const schema_row& row) {
     std::string words = schema_expected(row);
     const std::string in_brackets = std::string(" (") + row.form.help + ')';
@@ -27,7 +27,7 @@ std::string form_of(const schema_row& row) {
     return position == std::string::npos ? words : words.erase(position, in_brackets.size());
 }
 
-/// Flags and lists of names need no more than the names.
+/// Describes the fields of a tuple. Flags and the fields of lists are omitted, because their names say enough.
 std::vector<schema_field_description> fields_of(const schema_row& row) {
     std::vector<schema_field_description> fields;
     for (const schema_field& field : row.fields) {

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t path_limit = 1024;  ///< bytes of a path
+constexpr size_t path_limit = 1024;  ///< the maximum length of a path, in bytes
 constexpr size_t shown_name = 80;
 
 /// Removes the first component of `path`, which begins with '/'.

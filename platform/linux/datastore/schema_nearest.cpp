@@ -9,13 +9,13 @@
 
 namespace {
 
-constexpr size_t comparison_limit = 128;  ///< bytes of a path that are compared
-constexpr size_t word_limit = 32;         ///< bytes of a word
-constexpr size_t words_max = 16;          ///< of a path
+constexpr size_t comparison_limit = 128;  ///< how many bytes of a path are compared
+constexpr size_t word_limit = 32;         ///< the maximum length of a word, in bytes; longer words are ignored
+constexpr size_t words_max = 16;          ///< how many words of a path are compared, counted from its end
 
 using word_list = std::vector<std::string>;
 
-/// Adds the words of a text, which consist of letters and digits of ASCII, in lower case. A letter by itself means nothing.
+/// Appends the words of a text in lower case. A word consists of at least two ASCII letters and digits.
 void add_words(word_list& words, std::string_view text) {
     std::string word;
     for (const char c : std::string(text) + ' ') {
@@ -49,8 +49,8 @@ word_list words_of_row(const schema_row& row) {
     return words;
 }
 
-/// The number of letters to insert, delete or replace to turn one text into the other, or at least `limit` if it is not
-/// less than that. Neither text is longer than comparison_limit.
+/// Returns the number of characters that must be inserted, deleted or replaced to turn one text into the other, or some
+/// number of at least `limit` if that number is not below `limit`. Neither text may be longer than comparison_limit.
 size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
     while (!from.empty() && !to.empty() && from.front() == to.front()) {
         from.remove_prefix(1);
@@ -74,10 +74,10 @@ size_t edit_distance(std::string_view from, std::string_view to, size_t limit) {
     return distances[to.size()];
 }
 
-/// How much two words have in common: 4 if they are equal, 0 if nothing.
+/// Returns how similar two words are, from 0 (not at all) to 4 (equal).
 size_t likeness(std::string_view wanted, std::string_view found) {
     constexpr size_t shortest_beginning = 3;
-    constexpr size_t longest_ending = 1;  // of a plural, for instance
+    constexpr size_t longest_ending = 1;  // such as the "s" of a plural
     constexpr size_t shortest_typing_error = 4;
     constexpr size_t shortest_two_errors = 7;
     if (wanted == found) {
@@ -100,7 +100,7 @@ size_t best_likeness(const std::string& wanted, const word_list& words) {
     return best;
 }
 
-/// For each row, what it has in common with a path. A word counts the more, the fewer rows have it.
+/// Returns for each row how much it has in common with a path. The fewer rows contain a word, the more the word counts.
 std::vector<size_t> common_words(std::string_view path) {
     std::vector<word_list> words_of_rows;
     words_of_rows.reserve(schema_rows().size());
@@ -121,7 +121,8 @@ std::vector<size_t> common_words(std::string_view path) {
     return sums;
 }
 
-/// The pattern with each "*" replaced by the path's own name, so that only real differences count.
+/// Returns the pattern with each "*" replaced by the corresponding name in the path, so that names do not count as
+/// differences.
 std::string filled_pattern(std::string_view pattern, std::string_view path) {
     std::string filled;
     while (!pattern.empty()) {
@@ -132,7 +133,7 @@ std::string filled_pattern(std::string_view pattern, std::string_view path) {
     return filled;
 }
 
-/// The end of a pattern that has as many components as the path.
+/// Returns the last components of a pattern, as many as the path has.
 std::string_view comparable_end(std::string_view pattern, std::string_view path) {
     size_t start = pattern.size();
     for (auto slashes = std::count(path.begin(), path.end(), '/') + 1; slashes > 0 && start > 0; slashes--) {
@@ -141,7 +142,7 @@ std::string_view comparable_end(std::string_view pattern, std::string_view path)
     return pattern.substr(start);
 }
 
-/// The number of letters in which a row and a path differ, or at least `limit`.
+/// Returns the number of characters in which a row and a path differ, or some number of at least `limit`.
 size_t different_letters(const schema_row& row, std::string_view path, size_t limit) {
     const std::string_view pattern = row.pattern;
     const bool is_absolute = path.starts_with('/');

@@ -1,4 +1,4 @@
-/// The item that the author of a wrong path may have meant.
+/// Finds the items that an operator may mean by an unknown path or by words.
 #ifndef LINUX_DATASTORE_SCHEMA_NEAREST_H
 #define LINUX_DATASTORE_SCHEMA_NEAREST_H
 
@@ -7,11 +7,13 @@
 
 #include "linux/datastore/schema.h"
 
-/// The row that has most in common with a path: its words, of which rare ones count more, in the row's pattern, its
-/// description and its fields, also with a small typing error; among equals, the one with the fewest letters to change.
+/// Returns the row that has the most in common with a path. Searches for the words of the path in each row's pattern,
+/// description and fields, tolerates small typing errors, and gives more weight to words that few rows contain. Among
+/// equally good rows, the one with the smallest edit distance to the path is returned.
 const schema_row& schema_nearest(std::string_view path);
 
-/// The rows in which each word of a text is found, in byte order of their patterns; none for a text without words.
+/// Returns the rows in which all words of a text are found, in byte order of their patterns, or no rows if the text
+/// contains no words.
 std::vector<const schema_row*> schema_search(std::string_view text);
 
 #endif

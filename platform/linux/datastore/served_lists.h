@@ -27,7 +27,7 @@ void datastore_withdraw_lists(std::string_view tree);
 /// Calls the source that serves `path`. Returns false if there is none.
 bool datastore_served_list(std::string_view path, std::vector<datastore_list_entry>& entries, platform_status& status);
 
-/// All trees whose lists are provided by sources.
+/// Returns all trees whose lists are provided by sources.
 std::vector<std::string_view> datastore_served_trees();
 
 #endif

@@ -9,13 +9,13 @@
 
 namespace {
 
-constexpr size_t short_path_limit = 1024;  ///< bytes
+constexpr size_t short_path_limit = 1024;  ///< the maximum length of a short path, in bytes
 constexpr std::string_view configuration = "/cfg/";
 
 using component_list = std::vector<std::string_view>;
 using components = std::span<const std::string_view>;
 
-/// The components of a path, without its first and last slash.
+/// Splits a path into its components. A slash at its beginning or end is ignored.
 component_list split(std::string_view path) {
     path.remove_prefix(path.starts_with('/') ? 1 : 0);
     component_list parts;
@@ -25,8 +25,8 @@ component_list split(std::string_view path) {
     return parts;
 }
 
-/// The whole path, if `end` is the end of the pattern. The first component of `end` is never a name: on its own, it could be
-/// anything.
+/// Returns the absolute path if `end` matches the end of the pattern, otherwise nothing. The first component of `end` never
+/// matches a "*", because a name alone would match every "*".
 std::optional<std::string> completed(components pattern, components end) {
     if (end.empty() || end.size() > pattern.size()) {
         return std::nullopt;

@@ -35,7 +35,7 @@ struct datastore_provider {
     void* context;
 };
 
-/// How many commits are kept until that is set.
+/// How many commits are kept unless another number is set.
 inline constexpr uint32_t datastore_commits_kept_default = 100;
 
 struct datastore_state {
@@ -46,9 +46,9 @@ struct datastore_state {
     std::vector<std::unique_ptr<datastore_provider>> providers;
     uint32_t handlers_running;                                       ///< nesting depth of calls of the agent's handlers
     rehearsal_report (*rehearse)(const rehearsal_request& request);  ///< null if commits are not rehearsed
-    uint64_t last_commit = 0;                                        ///< number of the latest commit
-    uint32_t commits_kept = datastore_commits_kept_default;          ///< how many the history has at most
-    void (*confirmation_awaited)() = nullptr;                        ///< called after a commit that must be confirmed
+    uint64_t last_commit = 0;  ///< the number of the latest commit; 0 if there has been none
+    uint32_t commits_kept = datastore_commits_kept_default;  ///< how many commits the history keeps
+    void (*confirmation_awaited)() = nullptr;                ///< called after a commit that must be confirmed
 };
 
 datastore_state& the_datastore();

@@ -1,4 +1,4 @@
-/// Numbers and texts in one text, for the datastore's own values.
+/// Encodes several numbers and texts as one text, for the datastore's own values.
 #ifndef LINUX_DATASTORE_STORED_FIELDS_H
 #define LINUX_DATASTORE_STORED_FIELDS_H
 
@@ -9,7 +9,7 @@
 void stored_fields_append(std::string& bytes, uint64_t number);
 void stored_fields_append(std::string& bytes, std::string_view text);
 
-/// Takes fields from the front of a text. After the first field that is cut off, all further ones are 0 or empty.
+/// Reads fields from the beginning of a text. If a field is truncated, that field and all later ones are 0 or empty.
 class stored_fields_reader {
   public:
     explicit stored_fields_reader(std::string_view bytes) : rest_(bytes) {}
@@ -17,9 +17,9 @@ class stored_fields_reader {
     uint64_t number();
     std::string text();
 
-    /// Whether there is nothing left to read.
+    /// Returns whether there is nothing left to read.
     bool at_end() const { return rest_.empty(); }
-    /// Whether all fields read so far were complete.
+    /// Returns whether all fields read so far were complete.
     bool is_valid() const { return valid_; }
 
   private:

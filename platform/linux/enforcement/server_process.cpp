@@ -56,7 +56,7 @@ std::string options_of(int32_t process) {
     std::replace(line.begin(), line.end(), '\0', ' ');
     line.erase(std::min(line.size(), line.rfind(end_of_options)));
     line.erase(line.find_last_not_of(' ') + 1);
-    // Skips the program, and in a title also the process's name before it.
+    // Skips the program and, in a process title, also the name before the program.
     size_t begin = line.find(' ');
     if (begin != std::string::npos && begin > 0 && line[begin - 1] == ':') {
         begin = line.find(' ', begin + 1);

@@ -10,10 +10,10 @@
 /// Throws std::bad_alloc.
 std::string server_settings_difference(std::string_view vrf_name);
 
-/// The reason that the launcher did not answer; empty if it answered or was not queried.
+/// Returns the reason why the launcher did not answer, or an empty string if it answered or was not queried.
 std::string server_settings_failure();
 
-/// Discards the answer, so the next call queries the launcher again.
+/// Discards the launcher's answer, so that the next call queries the launcher again.
 void server_settings_forget();
 
 #endif

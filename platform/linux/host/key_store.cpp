@@ -196,7 +196,7 @@ platform_status key_store_import(std::string_view user, std::string_view text, b
         *changed = !is_present;
     }
     if (is_present) {
-        // Keeps the time at which the key was added; its copy for sshd may be missing nevertheless.
+        // Keeps the time at which the key was added. The key is stored again, because its copy for sshd may be missing.
         record.time = present.time;
     }
     return store(user, record);

@@ -31,8 +31,8 @@ platform_status key_store_list(std::vector<key_store_entry>& entries);
 platform_status key_store_line(const key_record& record, std::string& line);
 
 /// Stores the key in `text` for a user, as added from the exec mode, in place of one that was added so before.
-/// KEY_OTHER_ORIGIN if the user's key comes from the configuration. `*changed` (which may be null) receives whether the user had
-/// another key or none.
+/// KEY_OTHER_ORIGIN if the user's key comes from the configuration. `changed` may be null; otherwise `*changed` is set to
+/// whether the user had a different key or none.
 platform_status key_store_import(std::string_view user, std::string_view text, bool* changed = nullptr);
 
 /// Removes a user's key that was added from the exec mode. DATASTORE_NO_SUCH_ITEM if the user has no key,

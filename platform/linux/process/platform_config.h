@@ -4,7 +4,7 @@
 ///
 ///     role = primary | standby     a standby waits until the file says primary (default: primary)
 ///     node_number = 0 ... 4294967294      this node's number in operational records (default: 0)
-///     commits_kept = 1 ... 10000      how many commits the history has (default: 100)
+///     commits_kept = 1 ... 10000      how many commits the history keeps (default: 100)
 ///
 /// A line that cannot be used is reported and its setting keeps the default: a router that a typing mistake keeps from
 /// starting its SSH servers may have no other way in.

@@ -202,7 +202,7 @@ platform_status rehearsal_next(void* store, std::string_view from, bool inclusiv
     return status;
 }
 
-/// A rehearsal does not need the history.
+/// Finds nothing, because a rehearsal does not need the history.
 platform_status no_previous(void*, std::string_view, std::string&, datastore_stored&) {
     return DATASTORE_NO_SUCH_ITEM;
 }

@@ -60,11 +60,11 @@ struct machine_status {
 /// VRF table cannot be read. Throws std::bad_alloc.
 platform_status machine_status_collect(machine_status& machine);
 
-/// The configured services of each VRF, by the VRF's name.
+/// The configured services of each VRF, by VRF name.
 using configured_services = std::map<std::string, std::set<uint32_t>, std::less<>>;
 platform_status configured_services_read(configured_services& configured);
 
-/// The VRF for which an item configures a service; empty for other items.
+/// Returns the VRF for which an item configures a service, or an empty string for any other item.
 std::string vrf_of_service_item(std::string_view path);
 
 /// The TCP port of a service.
