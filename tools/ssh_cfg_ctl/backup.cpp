@@ -289,6 +289,13 @@ std::string joined_names(const std::set<std::string>& names) {
 control_json check_backup(const ctl_connection_settings& settings, const control_json& backup) {
     const control_json checked = ctl_ask_to_the_end(
         settings, {{"call", "load"}, {"check", true}, {"replace", true}, {"items", backup["configuration"]}});
+    if (is_done(checked) && checked.contains("confirmation_awaited")) {
+        std::string reasons;
+        for (const control_json& warning : checked.value("warnings", control_json::array())) {
+            add_line(reasons, warning.is_string() ? warning.get<std::string>() : std::string());
+        }
+        return refused(reasons);
+    }
     return is_done(checked) ? control_json() : checked;
 }
 

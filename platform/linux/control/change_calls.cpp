@@ -13,6 +13,7 @@
 #include "linux/control/calls_internal.h"
 #include "linux/control/path_member.h"
 #include "linux/control/value.h"
+#include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/status/machine_status.h"
 #include "linux/vrf/namespace_watch.h"
@@ -167,6 +168,15 @@ datastore_commit_order order_of(const change_call& call) {
     return order;
 }
 
+/// A check says what a commit would do, so it also says that the commit would be refused at present.
+void add_awaited_confirmation(control_json& answer, const change_call& call) {
+    datastore_confirmation awaited;
+    if (call.check_only && datastore_confirmation_get(awaited) == PLATFORM_OK && awaited.number != call.undone_commit) {
+        answer["confirmation_awaited"] = awaited.number;
+        control_add_warnings(answer, {datastore_confirmation_demand(awaited)});
+    }
+}
+
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
     const datastore_commit_result result = datastore_commit(changes, call.check_only, order_of(call));
     control_result outcome = result_of(result.refused_by);
@@ -181,6 +191,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
         if (result.number > 0 && call.confirm_seconds > 0) {
             answer["confirm_within"] = call.confirm_seconds;
         }
+        add_awaited_confirmation(answer, call);
         control_add_warnings(answer, acl_commit_warnings(result.items));
         control_add_warnings(answer, waiting_warnings(result, call.check_only));
         control_add_warnings(answer, effect_warnings(result, call.check_only));

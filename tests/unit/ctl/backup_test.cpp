@@ -65,6 +65,16 @@ TEST_F(ctl_backup_test, all_missing_users_are_named_before_anything_is_restored)
     EXPECT_THAT(answer.value("message", ""), HasSubstr("no_such_a, no_such_b, no_such_c; create them"));
 }
 
+// Otherwise the files would be restored, but nothing else.
+TEST_F(ctl_backup_test, nothing_is_restored_while_a_commit_awaits_its_confirmation) {
+    fake_agent agent({R"({"result":"done","confirmation_awaited":4,"warnings":["commit 4 must be confirmed first"]})"});
+    std::ofstream(file) << "{" << empty_members << R"(,"configuration":{},"keys":[],"files":{}})";
+    const control_json answer = ctl_restore(settings(), {file});
+    EXPECT_EQ(answer["result"], "refused");
+    EXPECT_EQ(answer["message"], "commit 4 must be confirmed first");
+    EXPECT_EQ(agent.requests.size(), 1U);
+}
+
 TEST_F(ctl_backup_test, the_file_is_for_root_only) {
     fake_agent agent({R"({"result":"done","data":{"/a":1}})", R"({"result":"done","data":[]})",
                       R"({"result":"done","data":[{"user":"alice","origin":"exec","key":"ssh-rsa A"},)"

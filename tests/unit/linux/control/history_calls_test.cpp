@@ -124,6 +124,36 @@ TEST_F(control_history_calls_test, a_commit_waits_for_its_confirmation) {
     EXPECT_EQ(result(R"({"call":"set","path":"@cmn/timeout","value":61})"), "done");
 }
 
+// Undoing the commit would not undo these, so that the former configuration might not be the one that worked.
+TEST_F(control_history_calls_test, lists_and_keys_wait_for_the_confirmation_too) {
+    const char* const changes[] = {R"({"call":"acl_set","family":"ipv4","name":"trial","entries":[],"empty":true})",
+                                   R"({"call":"acl_delete","family":"ipv4","name":"trial","absent_ok":true})",
+                                   R"({"call":"key_delete","user":"root","absent_ok":true})",
+                                   R"({"call":"key_import","user":"root","text":"x"})"};
+    ask(R"({"call":"load","confirm":5,"items":{"@cmn/timeout":60}})");
+    for (const char* change : changes) {
+        const control_json answer = ask(change);
+        EXPECT_EQ(answer["result"], "refused") << change;
+        EXPECT_THAT(answer.value("message", ""), HasSubstr("commit 4 by ")) << change;
+        EXPECT_THAT(audit.back(), HasSubstr("a commit awaits its confirmation")) << change;
+    }
+    EXPECT_EQ(result(R"({"call":"acl_list"})"), "done");
+    EXPECT_EQ(result(R"({"call":"confirm"})"), "done");
+    EXPECT_EQ(result(changes[0]), "done");
+    EXPECT_EQ(result(changes[1]), "done");
+}
+
+TEST_F(control_history_calls_test, a_check_says_that_a_confirmation_is_awaited) {
+    constexpr char check[] = R"({"call":"load","check":true,"items":{"@cmn/timeout":61}})";
+    EXPECT_FALSE(ask(check).contains("confirmation_awaited"));
+    ask(R"({"call":"load","confirm":5,"items":{"@cmn/timeout":60}})");
+    const control_json answer = ask(check);
+    EXPECT_EQ(answer["result"], "done");
+    EXPECT_EQ(answer["confirmation_awaited"], 4);
+    EXPECT_THAT(answer["warnings"][0].get<std::string>(), HasSubstr("must be confirmed first"));
+    EXPECT_FALSE(ask(R"({"call":"rollback","check":true,"number":3})").contains("confirmation_awaited"));
+}
+
 TEST_F(control_history_calls_test, rollback_undoes_an_unconfirmed_commit) {
     ask(R"({"call":"load","confirm":5,"items":{"@cmn/timeout":60}})");
     EXPECT_EQ(result(R"({"call":"rollback","number":3})"), "done");
