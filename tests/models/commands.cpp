@@ -1,9 +1,10 @@
 /// What the agent runs in place of systemctl, ip and nft: units are files, and rule files are recorded instead of loaded.
 ///
-/// /commands/log has the command lines, /commands/loads each rule file that nft was to load, /commands/units a file for
-/// each running server with the time of its start, /commands/started a copy of the file that each was started with. If
-/// /commands/kill names a process and a number, the process is killed by the command of that number. If /commands/fail has
-/// two numbers, as many commands as the second says fail without an effect, beginning with the one that the first counts to.
+/// /commands/log lists the command lines that were run. /commands/loads contains each rule file that nft was told to load,
+/// /commands/units a file for each running server with the time of its start, and /commands/started a copy of the
+/// configuration file with which each server was started. If /commands/kill contains a process ID and a number N, the Nth
+/// command kills that process. If /commands/fail contains two numbers N and COUNT, the COUNT commands from the Nth on fail
+/// without having any effect.
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>

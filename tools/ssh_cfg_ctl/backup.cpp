@@ -228,7 +228,7 @@ class restoration {
         if (is_done(answer)) {
             restored_.push_back(what);
         }
-        // A stored change that is not wholly in force has a message, too.
+        // A change that was stored but is not completely in force is answered with a message, too.
         const std::string message = answer.value("message", "");
         if (!is_done(answer) || !message.empty()) {
             add_line(lost_, what + ": " + message);

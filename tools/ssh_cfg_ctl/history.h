@@ -6,16 +6,16 @@
 
 #include "control_protocol/json_text.h"
 
-/// The answer of history, as a table.
+/// Returns the answer of history as a table.
 std::string ctl_history_text(const control_json& answer);
 
-/// The answer of diff: a line "- PATH: VALUE" with the old value of an item, a line with "+" and the new one.
+/// Returns the answer of diff as lines: "- PATH: VALUE" for the old value of an item and "+ PATH: VALUE" for the new one.
 std::string ctl_diff_text(const control_json& answer);
 
-/// Of a commit that must be confirmed, how to do it; otherwise empty.
+/// Returns how to confirm the commit in the answer, or an empty string if it need not be confirmed.
 std::string ctl_confirmation_text(const control_json& answer);
 
-/// The answer of confirm.
+/// Returns the answer of confirm as a sentence.
 std::string ctl_confirmed_text(const control_json& answer);
 
 #endif
