@@ -23,7 +23,8 @@ struct datastore_engine {
 
     /// Everything between begin and commit is stored completely or not at all, and is on stable storage when commit
     /// returns 0. A failed commit leaves the transaction open for rollback. A put or an erase outside a transaction is a
-    /// transaction of its own. ESTALE if the database's files are no longer where they were opened.
+    /// transaction of its own. The end of a transaction returns ESTALE if the database's files are no longer where they
+    /// were opened.
     platform_status (*begin)(void* store);
     platform_status (*commit)(void* store);
     void (*rollback)(void* store);

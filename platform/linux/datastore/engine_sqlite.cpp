@@ -411,16 +411,16 @@ platform_status run(void* store, statement_index index) {
     return status;
 }
 
-/// Runs a statement that writes to the database. Outside a transaction, and when a transaction begins or ends, first checks
-/// that the database's files are still in place.
+/// Runs a statement that writes to the database. If that ends a transaction, first checks that the database's files are
+/// still in place.
 platform_status run_and_store(void* store, statement_index index) {
-    const bool within = index >= statement_get && sqlite3_get_autocommit(store_of(store).database) == 0;
+    const bool within = index != statement_commit && sqlite3_get_autocommit(store_of(store).database) == 0;
     const platform_status status = within ? platform_status{PLATFORM_OK} : check_in_place(store_of(store));
     return status == PLATFORM_OK ? run(store, index) : status;
 }
 
 platform_status sqlite_begin(void* store) {
-    return run_and_store(store, statement_begin);
+    return run(store, statement_begin);
 }
 
 platform_status sqlite_commit(void* store) {
