@@ -1,7 +1,5 @@
 #include "config_files/config_writer.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -107,8 +105,7 @@ void remove_unreferenced_node(vrf_node* node) {
 bool namespace_exists(const char* vrf_name) {
     char path[PATH_MAX];
     format_text(path, sizeof path, "%s%s", paths::namespace_prefix, vrf_name);
-    struct stat status;
-    return stat(path, &status) == 0;
+    return path_may_exist(path);
 }
 
 /// Edits the file of each VRF and restarts the servers whose files changed.

@@ -18,6 +18,11 @@ namespace {
 constexpr mode_t directory_mode = 0755;
 constexpr size_t command_size = 2UL * PATH_MAX;
 
+/// Returns whether a failed call with errno means that there is nothing at its path. Other errors say nothing about that.
+bool errno_means_absent() {
+    return errno == ENOENT || errno == ENOTDIR;
+}
+
 }  // namespace
 
 int file_exists(const char* path) {
@@ -26,10 +31,15 @@ int file_exists(const char* path) {
     }
     FILE* file = std::fopen(path, "re");
     if (file == nullptr) {
-        return 0;
+        return errno_means_absent() ? 0 : 1;
     }
     std::fclose(file);
     return 1;
+}
+
+bool path_may_exist(const char* path) {
+    struct stat status;
+    return stat(path, &status) == 0 || !errno_means_absent();
 }
 
 int create_file_in_dir(const char* directory, const char* file) {

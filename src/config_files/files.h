@@ -4,8 +4,12 @@
 
 #include <cstddef>
 
-/// Returns 1 if the file can be opened for reading, 0 if not, -1 if the path is null.
+/// Returns 1 if the file exists, 0 if not, and -1 if the path is null. A file that cannot be opened for another reason, such as
+/// a lack of memory or descriptors, exists: it must not be created anew.
 int file_exists(const char* path);
+
+/// Returns whether there is a file of any kind at the path, or that cannot be determined. The file is not opened.
+bool path_may_exist(const char* path);
 
 /// Creates the directory (mode 0755; it may exist already) and an empty file in it. `file` is the whole path. Returns
 /// 0, or -1 with errno.

@@ -15,6 +15,9 @@ inline constexpr size_t acl_name_size = 65;  ///< at most 64 characters and NUL
 /// Lines that only this VRF's file has.
 enum vrf_line : size_t { VRF_START_MARKER, VRF_NETCONF_SUBSYSTEM, VRF_END_MARKER, vrf_line_count };
 
+/// The configuration items that request a server in a VRF.
+enum item_kind : uint32_t { ITEM_SSH = 1, ITEM_NETCONF = 2, ITEM_PROTOCOL = 4 };
+
 struct vrf_node {
     char name[vrf_name_size];  ///< without the "vrf-" prefix; "default" for the default VRF
     int32_t reference_count;   ///< number of configuration items that request a server in this VRF
@@ -35,6 +38,7 @@ struct vrf_node {
     uint32_t restart_put_off;    ///< 1 while the server waits for the end of a commit to be restarted
     uint32_t start_put_off;      ///< 1 if that restart sets server_started
     uint32_t blocked_until_end;  ///< 1 while the VRF is blocked until the end of a commit
+    uint32_t deletions_due;      ///< one bit for each item_kind that was deleted but still counts as a reference
     vrf_node* next;
 };
 

@@ -48,42 +48,50 @@ int write_server_host_keys(const char* files, const char* algorithms) {
 }
 
 /// The client's list follows the server's while FIPS mode is on.
-void write_client_host_keys(const char* algorithms) {
+void set_client_host_keys(const char* algorithms) {
     algorithm_entry& entry = client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS];
     copy_text(entry.fips_text, sizeof entry.fips_text, algorithms);
     entry.second_current = entry.fips_text;
-    update_client_config_file(event_set_value, entry.keyword, algorithms);
 }
 
+void write_client_host_keys() {
+    const algorithm_entry& entry = client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS];
+    update_client_config_file(event_set_value, entry.keyword, entry.second_current);
+}
+
+// The parameter tables are changed first, because after a failed write they tell a repair what the files should contain.
+
 int mark_servers(const char* host_key_list) {
+    line_entry& mark = server_config.parameters[SERVER_FIPS_MODE];
+    mark.current = "yes";
+    set_client_host_keys(host_key_list);
     if (write_server_host_keys(fips_hostkey_files, host_key_list) != 0) {
         return -1;
     }
-    line_entry& mark = server_config.parameters[SERVER_FIPS_MODE];
-    mark.current = "yes";
     if (update_config_files_restart(event_set_value, mark.keyword, mark.current, mark.allvrf) != 0) {
         return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to 'yes' in config file",
                                    "norvossh_set_fips_mode", "Failed to set NorvoSSHFipsMode in Config file");
     }
-    write_client_host_keys(host_key_list);
+    write_client_host_keys();
     return 0;
 }
 
 int unmark_servers(const char* host_key_list) {
     line_entry& mark = server_config.parameters[SERVER_FIPS_MODE];
     mark.current = nullptr;
-    if (update_config_files_restart(event_delete_value, mark.keyword, nullptr, mark.allvrf) != 0) {
-        return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to NULL in config file",
-                                   "norvossh_set_fips_mode", "Failed to unset NorvoSSHFipsMode in Config file");
-    }
     algorithm_entry& files = server_config.algorithms[SERVER_HOST_KEY];
     algorithm_entry& algorithms = server_config.algorithms[SERVER_HOST_KEY_ALGORITHMS];
     files.second_current = files.current;
     algorithms.second_current = algorithms.current;
+    set_client_host_keys(client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].default_text);
+    if (update_config_files_restart(event_delete_value, mark.keyword, nullptr, mark.allvrf) != 0) {
+        return report_failed_write("Error:=%s(0x%x): %s, failed to update NorvoSSHFipsMode  to NULL in config file",
+                                   "norvossh_set_fips_mode", "Failed to unset NorvoSSHFipsMode in Config file");
+    }
     if (write_server_host_keys(files.current, host_key_list) != 0) {
         return -1;
     }
-    write_client_host_keys(client_config.algorithms[CLIENT_HOST_KEY_ALGORITHMS].default_text);
+    write_client_host_keys();
     return 0;
 }
 

@@ -21,6 +21,7 @@ int compare_everything(comparison& run) {
     compare_host_files(run);
     // A VRF's file is made from the default file, so it cannot be repaired without it.
     if (compare_default_file(run) || !run.repair) {
+        compare_deletions(run);
         compare_vrf_files(run);
     }
     compare_client_file(run);

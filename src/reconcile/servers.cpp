@@ -18,6 +18,7 @@
 #include "vrf/server_lifecycle.h"
 #include "vrf/service_unit.h"
 #include "vrf/unit_states.h"
+#include "vrf/vrf_appliers.h"
 #include "vrf/vrf_namespace.h"
 
 namespace {
@@ -145,6 +146,25 @@ void compare_systemd(comparison& run) {
 }
 
 }  // namespace
+
+void compare_deletions(comparison& run) {
+    std::vector<std::string> vrf_names;
+    for (const vrf_node* node = server_config.nodes; node != nullptr; node = node->next) {
+        if (node->deletions_due != 0) {
+            vrf_names.emplace_back(node->name);
+        }
+    }
+    for (const std::string& vrf_name : vrf_names) {
+        if (!found(run, server_subject(vrf_name), "still provides a service that is no longer configured")) {
+            continue;
+        }
+        carry_out_due_deletions(find_vrf_node(vrf_name.c_str()));
+        const vrf_node* left = find_vrf_node(vrf_name.c_str());
+        if (left != nullptr && left->deletions_due != 0) {
+            not_removed(run, server_subject(vrf_name), "its file cannot be edited");
+        }
+    }
+}
 
 int compare_servers(comparison& run) {
     compare_systemd(run);

@@ -46,6 +46,7 @@ struct server_kind {
     const char* routine;
     const char* event_text;
     void (*describe)(const vrf_node* node, const vrf_request& request);
+    item_kind item;
     uint32_t service;                ///< for management-plane protection
     size_t port;                     ///< index in the server parameter table
     bool port_yields_to_setting;     ///< a configured port overrides the VRF's own port line
@@ -69,6 +70,7 @@ constexpr server_kind ssh_server = {
     .routine = "sshd_apply_vrf_func",
     .event_text = "Event:=%d, Config:=ssh server vrf",
     .describe = describe_ssh,
+    .item = ITEM_SSH,
     .service = MPP_SERVICE_SSH,
     .port = SERVER_PORT,
     .port_yields_to_setting = false,
@@ -85,6 +87,7 @@ constexpr server_kind netconf_server = {
     .routine = "sshd_apply_conf_netconf_vrf",
     .event_text = "Event:=%d, Config:=ssh server netconf vrf",
     .describe = describe_netconf,
+    .item = ITEM_NETCONF,
     .service = MPP_SERVICE_NETCONF,
     .port = SERVER_NETCONF_PORT,
     .port_yields_to_setting = true,
@@ -128,7 +131,7 @@ int read_request(const datastore_change& change, const char* vrf_name, vrf_reque
 
 /// Takes a reference to the VRF's node for an item, creating the node if necessary. During the initial scan every item
 /// counts; afterwards only a new one does. Returns null when out of memory.
-vrf_node* hold_vrf_node(const char* vrf_name, uint32_t event, bool* created) {
+vrf_node* hold_vrf_node(item_kind item, const char* vrf_name, uint32_t event, bool* created) {
     vrf_node* node = find_vrf_node(vrf_name);
     *created = node == nullptr;
     if (node == nullptr) {
@@ -136,7 +139,9 @@ vrf_node* hold_vrf_node(const char* vrf_name, uint32_t event, bool* created) {
         return create_vrf_node(vrf_name);
     }
     debug_print("vrf:=%s, refCnt:=%d, ssh server already running", vrf_name, node->reference_count);
-    if ((event & DATASTORE_EVENT_CREATE) != 0 || agent_handles.initial_scan_complete == 0) {
+    const bool is_held = (node->deletions_due & item) != 0;
+    node->deletions_due &= ~item;
+    if (!is_held && ((event & DATASTORE_EVENT_CREATE) != 0 || agent_handles.initial_scan_complete == 0)) {
         ++node->reference_count;
     }
     return node;
@@ -321,7 +326,7 @@ void start_service(const server_kind& kind, const vrf_request& request, vrf_node
 
 platform_status create_item(const server_kind& kind, uint32_t event, const vrf_request& request) {
     bool new_node = false;
-    vrf_node* node = hold_vrf_node(request.vrf_name, event, &new_node);
+    vrf_node* node = hold_vrf_node(kind.item, request.vrf_name, event, &new_node);
     if (node == nullptr) {
         return 1;
     }
@@ -380,6 +385,7 @@ int stop_service(const server_kind& kind, vrf_node* node) {
 void delete_item(const server_kind& kind, const char* vrf_name) {
     vrf_node* node = find_vrf_node(vrf_name);
     if (node != nullptr && stop_service(kind, node) != 0) {
+        node->deletions_due |= kind.item;
         return;
     }
     if (kind.follows_default_vrf && is_default_vrf(vrf_name)) {
@@ -438,7 +444,7 @@ void restore_default_unit() {
 int start_default_server(uint32_t event) {
     server_config.parameters[SERVER_PROTOCOL].current = "2";
     bool new_node = false;
-    vrf_node* node = hold_vrf_node(default_vrf, event, &new_node);
+    vrf_node* node = hold_vrf_node(ITEM_PROTOCOL, default_vrf, event, &new_node);
     if (node == nullptr) {
         return 1;
     }
@@ -471,6 +477,7 @@ int stop_default_server() {
     } else if (node != nullptr) {
         uint32_t file_changed = 0;
         if (remove_port_line(default_vrf, SERVER_PORT, &file_changed) != 0) {
+            node->deletions_due |= ITEM_PROTOCOL;
             return -1;
         }
         --node->reference_count;
@@ -480,6 +487,11 @@ int stop_default_server() {
     }
     publish_telemetry();
     return 0;
+}
+
+void write_protocol_line(uint32_t event) {
+    const line_entry& protocol = server_config.parameters[SERVER_PROTOCOL];
+    update_config_files_restart(event, protocol.keyword, protocol.current, protocol.allvrf);
 }
 
 }  // namespace
@@ -502,10 +514,26 @@ platform_status sshd_apply_ver_func(const datastore_change* change, const datast
     } else if ((change->event & DATASTORE_EVENT_DELETE) != 0) {
         result = stop_default_server();
     }
-    if (result != 0) {
-        return result > 0 ? 1 : 0;
+    if (result == 0) {
+        write_protocol_line(change->event);
     }
-    const line_entry& protocol = server_config.parameters[SERVER_PROTOCOL];
-    update_config_files_restart(change->event, protocol.keyword, protocol.current, protocol.allvrf);
-    return 0;
+    return result > 0 ? 1 : 0;
+}
+
+void carry_out_due_deletions(vrf_node* node) {
+    const uint32_t due = node->deletions_due;
+    char vrf_name[vrf_name_size];
+    copy_text(vrf_name, sizeof vrf_name, node->name);
+    node->deletions_due = 0;
+    if ((due & ITEM_SSH) != 0) {
+        delete_item(ssh_server, vrf_name);
+    }
+    if ((due & ITEM_NETCONF) != 0) {
+        delete_item(netconf_server, vrf_name);
+    }
+    if ((due & ITEM_PROTOCOL) != 0) {
+        if (stop_default_server() == 0) {
+            write_protocol_line(DATASTORE_EVENT_DELETE);
+        }
+    }
 }

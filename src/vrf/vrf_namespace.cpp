@@ -1,9 +1,8 @@
 #include "vrf/vrf_namespace.h"
 
-#include <sys/stat.h>
-
 #include <climits>
 
+#include "config_files/files.h"
 #include "core/paths.h"
 #include "core/text.h"
 
@@ -14,6 +13,5 @@ void vrf_namespace_name(const char* vrf_name, char* name, size_t size) {
 bool vrf_namespace_exists(const char* vrf_name) {
     char path[PATH_MAX];
     format_text(path, sizeof path, "%s%s", paths::namespace_prefix, vrf_name);
-    struct stat status;
-    return stat(path, &status) == 0;
+    return path_may_exist(path);
 }

@@ -14,7 +14,7 @@ namespace syscall_faults {
 
 enum class fault {
     none,
-    error,        ///< the call fails with `error` and is not executed
+    error,        ///< the call fails with `error` and, unless it is close, is not executed
     short_write,  ///< a read or write is limited to half its size; other calls are left alone
     kill,         ///< the child is killed before the call
 };
@@ -33,12 +33,22 @@ struct outcome {
     bool killed = false;        ///< the child was killed as planned
     int status = -1;            ///< otherwise the result of `body` (0 to 255)
     std::string name;           ///< of the first affected call
+    std::string path;           ///< the path in that call, if it has one
     std::vector<bool> changes;  ///< for each file operation begun: whether it changes what is on the disk
 };
 
 /// The calls, counted from 1, before which a kill may leave another state than a kill before the preceding call: those that
 /// change something, and those directly after them.
 std::vector<uint32_t> kill_points(const outcome& undisturbed);
+
+/// Returns at most `most` of the calls, evenly spread, or all of them if the environment variable EVERY_CALL is set.
+std::vector<uint32_t> chosen_calls(const std::vector<uint32_t>& calls, size_t most);
+
+/// Whether every call is to be tried, with every error.
+bool every_call();
+
+/// Ends the faults in the calling child process: its further calls are carried out and are not counted.
+void end_faults();
 
 /// Runs `body` in a child process that exits afterwards. Ends the process if tracing is not possible.
 outcome run(const plan& plan, const std::function<int()>& body);

@@ -436,6 +436,51 @@ TEST_F(reconciliation_test, a_full_disk_is_reported_with_the_commit_and_repaired
     EXPECT_THAT(restarts(), UnorderedElementsAre(restart_of("red"), restart_of("blue")));
 }
 
+TEST_F(reconciliation_test, a_deletion_on_a_full_disk_is_carried_out_later) {
+    start();
+    scratch_root::set_read_only(paths::configuration_directory, true);
+    const auto result = fake_platform::commit(fake_platform::remove(vrf_item("red").path));
+    EXPECT_THAT(result.not_in_force,
+                Contains(fake_platform::unenforced{"file " + file_of("red"), "Read-only file system"}));
+    EXPECT_THAT(stops(), IsEmpty());
+    const fake_platform::difference left = {"server red", "still provides a service that is no longer configured"};
+    EXPECT_THAT(fake_platform::reconcile(false).differences, Contains(left));
+    EXPECT_GT(fake_platform::reconcile(true).remaining, 0);
+    scratch_root::set_read_only(paths::configuration_directory, false);
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    EXPECT_THAT(stops(), ElementsAre("systemctl stop sshd_service_red"));
+    EXPECT_FALSE(path_exists(file_of("red")));
+    EXPECT_EQ(find_vrf_node("red"), nullptr);
+    EXPECT_THAT(fake_platform::reconcile(false).differences, testing::Not(Contains(left)));
+}
+
+TEST_F(reconciliation_test, an_item_that_is_configured_again_before_its_deletion_is_carried_out_counts_once) {
+    start();
+    scratch_root::set_read_only(paths::configuration_directory, true);
+    fake_platform::commit(fake_platform::remove(vrf_item("red").path));
+    scratch_root::set_read_only(paths::configuration_directory, false);
+    fake_platform::commit(vrf_item("red"));
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    ASSERT_NE(find_vrf_node("red"), nullptr);
+    EXPECT_EQ(find_vrf_node("red")->reference_count, 1);
+    fake_platform::commit(fake_platform::remove(vrf_item("red").path));
+    EXPECT_EQ(find_vrf_node("red"), nullptr);
+}
+
+/// FIPS mode stays on in the files after a repair, although its first write failed.
+TEST_F(reconciliation_test, fips_mode_on_a_full_disk_is_switched_on_later) {
+    start();
+    scratch_root::set_read_only(paths::configuration_directory, true);
+    const auto result = fake_platform::commit(fake_platform::set_number("/cfg/gl/crypto/fipsmode/value", 1));
+    EXPECT_THAT(result.not_in_force, testing::Not(IsEmpty()));
+    scratch_root::set_read_only(paths::configuration_directory, false);
+    EXPECT_EQ(fake_platform::reconcile(true).remaining, 0);
+    for (const std::string& file : {std::string(paths::server_file), file_of("red"), file_of("blue")}) {
+        EXPECT_THAT(file_lines(file), Contains("NorvoSSHFipsMode yes")) << file;
+    }
+    EXPECT_EQ(value(paths::client_file, "HostKeyAlgorithms").find("ssh-ed25519"), std::string::npos);
+}
+
 TEST_F(reconciliation_test, a_client_file_that_cannot_be_written_is_reported_with_the_commit) {
     start();
     std::filesystem::create_directory(paths::temporary_file);
