@@ -4,22 +4,25 @@ BUILD ?= build
 BUILD_SANITIZE ?= build-asan
 BUILD_LINT ?= build-lint
 BUILD_MUTANTS ?= build-mutants
+BUILD_FUZZ ?= build-fuzz
 JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
 HISTORIES ?= 1000
 SEED ?= 1
+SECONDS ?= 60
 # Numbers of VRFs that `make bench` measures commits with.
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof lint install deb clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof fuzz lint install deb clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
 	@echo 'make test     build, run every test: unit and fuzz corpus under sanitizers, node, system'
 	@echo 'make bench    figures beside the floor of the same run'
 	@echo 'make mutants  mutation test of src/; FILES=src/acl for some files, SAMPLE=N for some mutants'
-	@echo 'make proof    1,000 random histories of the agent beside a model; HISTORIES=N, SEED=N'
+	@echo 'make proof    faults and kills at every call, and 1,000 random histories beside a model; HISTORIES=N, SEED=N'
+	@echo 'make fuzz     fuzz targets, each for SECONDS=60, or RUNS=N times; TARGETS="line_editor ..." for some'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
 	@echo 'make install  install the built system into /, or below DESTDIR'
@@ -77,9 +80,20 @@ mutants: dependencies
 		$(if $(FILES),--files $(FILES)) $(if $(SAMPLE),--sample $(SAMPLE)) \
 		$(if $(MOST_TESTS),--most-tests $(MOST_TESTS)) $(if $(WAIT_WHILE),--wait-while $(WAIT_WHILE))
 
-# What differs is shortened and kept in tests/models/kept, to be carried out by every `make test`.
-proof: build
+# Every call that concerns files fails with every error, and is the last one before a kill; `make test` tries some of them.
+# A history that differs is shortened and kept in tests/models/kept, to be carried out by every `make test`.
+proof: dependencies
+	$(call build_folder,$(BUILD),$(joined),product unit_tests platform_linux_tests)
+	@EVERY_CALL=1 nice -n 19 $(BUILD)/tests/unit_tests \
+		--gtest_filter='*failing_file_calls_test*:*interrupted_commits_test*:*killed_anywhere*'
+	@EVERY_CALL=1 nice -n 19 $(BUILD)/tests/platform_linux_tests --gtest_filter='*datastore_crash_test*:*datastore_fault_test*'
 	@nice -n 19 tests/models/run --build $(BUILD) --histories $(HISTORIES) --seed $(SEED) --jobs $(JOBS)
+
+# Grows the corpora, which every `make test` replays.
+fuzz: dependencies
+	$(call build_folder,$(BUILD_FUZZ),-DSSH_CFG_FUZZ=ON -DSSH_CFG_JOIN_SOURCES=ON -DCMAKE_CXX_COMPILER=clang++,fuzz_targets)
+	@nice -n 19 tools/fuzz/run --build $(BUILD_FUZZ) --jobs $(JOBS) --document docs/proof.md \
+		$(if $(RUNS),--runs $(RUNS),--seconds $(SECONDS)) $(if $(TARGETS),--targets $(TARGETS))
 
 install: build
 	cmake --install $(BUILD)
@@ -89,7 +103,7 @@ deb: dependencies
 	@packaging/build_packages $(BUILD)/packages
 
 clean:
-	rm -rf $(BUILD) $(BUILD_SANITIZE) $(BUILD_LINT) $(BUILD_MUTANTS)
+	rm -rf $(BUILD) $(BUILD_SANITIZE) $(BUILD_LINT) $(BUILD_MUTANTS) $(BUILD_FUZZ)
 
 # The files to check are those that git tracks or would add.
 sources = $(sort $(shell git ls-files -co --exclude-standard -- $(1)))
