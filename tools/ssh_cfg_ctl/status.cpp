@@ -101,14 +101,28 @@ std::string work_text(const control_json& status) {
     return work != status.end() && work->is_object() ? "\nIn progress: " + ctl_progress_text(*work) + '\n' : "";
 }
 
+/// The commit that is undone unless it is confirmed.
+std::string trial_text(const control_json& status) {
+    const auto trial = status.find("confirmation_awaited");
+    if (trial == status.end() || !trial->is_object()) {
+        return "";
+    }
+    const std::string user = text_of(*trial, "user");
+    const std::string note = text_of(*trial, "note");
+    return "\nAwaiting confirmation: commit " + std::to_string(trial->value("commit", uint64_t{0})) +
+           (user.empty() ? "" : " by " + user) + (note.empty() ? "" : " (" + note + ")") + ", undone at " +
+           text_of(*trial, "until") + " unless confirmed\n";
+}
+
 }  // namespace
 
 std::string ctl_status_text(const control_json& status, size_t width) {
     control_json agent = status;
-    for (const char* list : {"vrfs", "not_in_force", "problems", "not_carried_out", "in_progress"}) {
+    for (const char* list :
+         {"vrfs", "not_in_force", "problems", "not_carried_out", "in_progress", "confirmation_awaited"}) {
         agent.erase(list);
     }
-    return ctl_record_text(agent) + work_text(status) + vrfs_text(list_of(status, "vrfs"), width) +
+    return ctl_record_text(agent) + trial_text(status) + work_text(status) + vrfs_text(list_of(status, "vrfs"), width) +
            lines_text("Not as configured:", list_of(status, "problems"), "subject", "text") +
            lines_text("Stored, not carried out on this machine:", list_of(status, "not_carried_out"), "path", "reason");
 }

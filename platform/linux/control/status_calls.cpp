@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "linux/control/calls.h"
 #include "linux/control/calls_internal.h"
+#include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/process/process_manager_internal.h"
 #include "linux/status/machine_status.h"
@@ -129,7 +130,20 @@ control_json process_json(const process_status& process) {
             {"respawn_count", process.respawn_count}};
 }
 
+/// Returns the commit that awaits its confirmation, or null.
+control_json trial_json() {
+    const std::optional<datastore_trial> trial = datastore_commit_on_trial();
+    if (!trial.has_value()) {
+        return {};
+    }
+    return {{"commit", trial->number},
+            {"user", trial->user},
+            {"note", trial->note},
+            {"until", status_time(static_cast<time_t>(trial->until))}};
+}
+
 control_json status_of_standby(control_json data) {
+    data["confirmation_awaited"] = nullptr;
     for (const char* list : {"not_carried_out", "vrfs", "not_in_force", "problems"}) {
         data[list] = control_json::array();
     }
@@ -155,6 +169,7 @@ control_json status_of_primary(control_json data, bool check) {
     if (check) {
         add_comparison(problems);
     }
+    data["confirmation_awaited"] = trial_json();
     data["not_carried_out"] = uncarried_items_json();
     data["vrfs"] = control_json::array();
     for (const vrf_status& vrf : machine.vrfs) {

@@ -43,17 +43,30 @@ platform_status decode(std::string_view bytes, datastore_confirmation& confirmat
     return PLATFORM_OK;
 }
 
-/// Describes who made a commit and when. Returns an empty string unless it is the latest commit in the history.
-std::string origin_of(uint64_t number) {
-    std::string origin;
+/// Reads a commit from the history. Returns false unless it is the latest one there.
+bool find_latest(uint64_t number, datastore_kept_commit& latest) {
+    bool found = false;
     datastore_visit_history([&](const datastore_kept_commit& commit) {
-        if (commit.number == number) {
-            origin =
-                " by " + text_escape(datastore_author_name(commit.author), 64) + " of " + text_utc_time(commit.time);
+        found = commit.number == number;
+        if (found) {
+            latest = commit;
         }
         return false;
     });
-    return origin;
+    return found;
+}
+
+/// Describes who made a commit and when. Returns an empty string unless it is the latest commit in the history.
+std::string origin_of(uint64_t number) {
+    datastore_kept_commit commit;
+    return find_latest(number, commit)
+               ? " by " + text_escape(datastore_author_name(commit.author), 64) + " of " + text_utc_time(commit.time)
+               : "";
+}
+
+int64_t deadline_of(const datastore_confirmation& confirmation) {
+    const datastore_moment now = datastore_present_moment();
+    return now.time + static_cast<int64_t>(datastore_confirmation_left(confirmation, now));
 }
 
 }  // namespace
@@ -106,13 +119,25 @@ platform_status datastore_confirm() {
 }
 
 std::string datastore_confirmation_demand(const datastore_confirmation& confirmation) {
-    const datastore_moment now = datastore_present_moment();
-    const auto left = static_cast<int64_t>(datastore_confirmation_left(confirmation, now));
     return text_format("commit %" PRIu64
                        "%s must be confirmed first, until %s: `ssh_cfg_ctl confirm` keeps it, `ssh_cfg_ctl rollback "
                        "%" PRIu64 "` undoes it",
                        confirmation.number, origin_of(confirmation.number).c_str(),
-                       text_utc_time(now.time + left).c_str(), confirmation.number - 1);
+                       text_utc_time(deadline_of(confirmation)).c_str(), confirmation.number - 1);
+}
+
+std::optional<datastore_trial> datastore_commit_on_trial() {
+    datastore_confirmation confirmation;
+    if (datastore_confirmation_get(confirmation) != PLATFORM_OK) {
+        return std::nullopt;
+    }
+    datastore_trial trial = {confirmation.number, {}, {}, deadline_of(confirmation)};
+    datastore_kept_commit commit;
+    if (find_latest(confirmation.number, commit)) {
+        trial.user = datastore_author_name(commit.author);
+        trial.note = commit.author.note;
+    }
+    return trial;
 }
 
 platform_status confirmation_store(const datastore_state& state, const datastore_confirmation& confirmation) {

@@ -9,6 +9,7 @@
 #define LINUX_DATASTORE_CONFIRMATION_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/status.h"
@@ -55,5 +56,16 @@ platform_status datastore_confirm();
 /// Returns the reason why other commits are refused: "commit 7 by alice of 2026-01-31T12:00:00Z must be confirmed first,
 /// until ...".
 std::string datastore_confirmation_demand(const datastore_confirmation& confirmation);
+
+/// A commit that is undone unless it is confirmed in time.
+struct datastore_trial {
+    uint64_t number = 0;
+    std::string user;   ///< who made the commit; empty if the history does not contain it
+    std::string note;   ///< the note that belongs to the commit; may be empty
+    int64_t until = 0;  ///< when the commit is undone, in seconds since the epoch
+};
+
+/// Returns the commit that awaits its confirmation, or nothing if there is none.
+std::optional<datastore_trial> datastore_commit_on_trial();
 
 #endif

@@ -43,6 +43,16 @@ TEST(ctl_status, says_what_the_agent_is_doing) {
     EXPECT_EQ(text(R"({"pid":5,"in_progress":null})"), "pid: 5\n");
 }
 
+TEST(ctl_status, names_the_commit_that_awaits_its_confirmation) {
+    EXPECT_EQ(text(R"({"pid":5,"confirmation_awaited":{"commit":7,"user":"alice","note":"new algorithms\u001b",)"
+                   R"("until":"2026-01-31T12:05:00Z"}})"),
+              "pid: 5\n\nAwaiting confirmation: commit 7 by alice (new algorithms\\x1b), undone at "
+              "2026-01-31T12:05:00Z unless confirmed\n");
+    EXPECT_EQ(text(R"({"pid":5,"confirmation_awaited":{"commit":7,"user":"","note":"","until":"soon"}})"),
+              "pid: 5\n\nAwaiting confirmation: commit 7, undone at soon unless confirmed\n");
+    EXPECT_EQ(text(R"({"pid":5,"confirmation_awaited":null})"), "pid: 5\n");
+}
+
 TEST(ctl_status, has_a_line_for_each_problem) {
     EXPECT_EQ(
         text(

@@ -72,6 +72,19 @@ TEST_F(control_status_calls_test, a_check_also_compares_and_fails) {
     EXPECT_EQ(result(R"({"call":"status","check":1})"), "usage");
 }
 
+TEST_F(control_status_calls_test, a_commit_on_trial_is_shown_until_it_is_confirmed) {
+    EXPECT_TRUE(ask(R"({"call":"status"})")["data"]["confirmation_awaited"].is_null());
+    const control_json loaded = ask(R"({"call":"load","confirm":5,"note":"new limits","items":{"@cmn/timeout":60}})");
+    const control_json data = ask(R"({"call":"status"})")["data"];
+    const control_json& awaited = data["confirmation_awaited"];
+    EXPECT_EQ(awaited["commit"], loaded["commit"]);
+    EXPECT_EQ(awaited["note"], "new limits");
+    EXPECT_EQ(awaited["user"], ask(R"({"call":"history"})")["data"][0]["user"]);
+    EXPECT_THAT(awaited["until"].get<std::string>(), testing::MatchesRegex("2[-0-9]*T[:0-9]*Z"));
+    EXPECT_EQ(result(R"({"call":"confirm"})"), "done");
+    EXPECT_TRUE(ask(R"({"call":"status"})")["data"]["confirmation_awaited"].is_null());
+}
+
 /// Stands in for systemd in this process, and knows no unit.
 void stand_in_for_systemctl() {
     const std::string folder = testing::TempDir() + "status_calls_test";

@@ -63,6 +63,19 @@ TEST_F(datastore_confirmation_test, other_commits_are_refused_until_it_is_given)
     EXPECT_EQ(awaited(), 0U);
 }
 
+TEST_F(datastore_confirmation_test, the_commit_on_trial_is_described) {
+    EXPECT_FALSE(datastore_commit_on_trial().has_value());
+    const int64_t before = datastore_present_moment().time;
+    set_for(300);
+    const std::optional<datastore_trial> trial = datastore_commit_on_trial();
+    ASSERT_TRUE(trial.has_value());
+    EXPECT_EQ(trial->number, 1U);
+    EXPECT_EQ(trial->user, "alice");
+    EXPECT_EQ(trial->note, "");
+    EXPECT_GE(trial->until, before + 299);
+    EXPECT_LE(trial->until, datastore_present_moment().time + 300);
+}
+
 TEST_F(datastore_confirmation_test, the_commit_that_undoes_it_ends_it) {
     set_for(300);
     datastore_commit_order order;
