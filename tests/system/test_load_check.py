@@ -46,6 +46,10 @@ def load(items, *options):
     answer = json.loads(answer) if answer else {}
     answer.pop("rehearsal", None)
     answer.pop("commit", None)
+    # Only a check shows the old and the new values.
+    for item in answer.get("items", []):
+        item.pop("previous", None)
+        item.pop("value", None)
     assert answer.pop("check", "--check" in options) == ("--check" in options)
     return result.returncode, words, answer
 

@@ -12,6 +12,7 @@
 #include "common/machine_user.h"
 #include "common/text.h"
 #include "control_protocol/answer.h"
+#include "ssh_cfg_ctl/consent.h"
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/options.h"
 #include "ssh_cfg_ctl/print.h"
@@ -252,7 +253,7 @@ class restoration {
             request["call"] = "acl_set";
             request["empty"] = true;
             const std::string name = control_json_text(request.value("name", control_json()));
-            settle("access list " + shown(name), ctl_ask_to_the_end(settings_, request));
+            settle("access list " + shown(name), ctl_ask_with_consent(settings_, std::move(request)));
         }
     }
 
@@ -265,10 +266,10 @@ class restoration {
     }
 
     void restore_configuration() {
-        settle("configuration", ctl_ask_to_the_end(settings_, {{"call", "load"},
-                                                               {"replace", true},
-                                                               {"note", "restored from a backup"},
-                                                               {"items", backup_["configuration"]}}));
+        settle("configuration", ctl_ask_with_consent(settings_, {{"call", "load"},
+                                                                 {"replace", true},
+                                                                 {"note", "restored from a backup"},
+                                                                 {"items", backup_["configuration"]}}));
     }
 
     const ctl_connection_settings& settings_;

@@ -6,6 +6,7 @@
 #include "common/number.h"
 #include "common/text.h"
 #include "ssh_cfg_ctl/backup.h"
+#include "ssh_cfg_ctl/change_text.h"
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
@@ -45,6 +46,13 @@ const std::string* find_no_text(const argument_list& arguments) {
     return nullptr;
 }
 
+/// Removes the option --check, and adds it to the request.
+void move_check(argument_list& arguments, control_json& request) {
+    if (ctl_take_flag(arguments, "--check")) {
+        request["check"] = true;
+    }
+}
+
 /// Removes the option --note, and adds its value to the request.
 bool move_note(argument_list& arguments, control_json& request) {
     const std::optional<std::string> note = ctl_take_value(arguments, "--note");
@@ -57,6 +65,7 @@ bool move_note(argument_list& arguments, control_json& request) {
 ctl_request set_request(const argument_list& given) {
     argument_list arguments = given;
     control_json request = {{"call", "set"}};
+    move_check(arguments, request);
     if (!move_note(arguments, request) || arguments.empty() || arguments.size() > 2) {
         return wrong_arguments();
     }
@@ -87,6 +96,7 @@ ctl_request delete_request(const argument_list& given) {
     argument_list arguments = given;
     control_json request = {{"call", "delete"}};
     const bool absent_ok = ctl_take_flag(arguments, "--absent-ok");
+    move_check(arguments, request);
     if (!move_note(arguments, request) || arguments.size() != 1) {
         return wrong_arguments();
     }
@@ -251,17 +261,15 @@ control_json lines_of(std::string_view text) {
     return lines;
 }
 
-/// `arguments` as without --empty.
-ctl_request acl_set_request(const argument_list& arguments, bool may_be_empty) {
+/// `arguments` are those without options; `options` contains the members for these.
+ctl_request acl_set_request(const argument_list& arguments, const control_json& options) {
     control_json problem;
     const std::optional<std::string> text = ctl_read_file(arguments[3], problem);
     if (!text.has_value()) {
         return {{}, problem};
     }
     control_json request = {{"call", "acl_set"}, {"family", arguments[1]}, {"name", arguments[2]}};
-    if (may_be_empty) {
-        request["empty"] = true;
-    }
+    request.update(options);
     const size_t start = text->find_first_not_of(" \t\r\n");
     if (start != std::string::npos && (*text)[start] == '[') {
         std::string error;
@@ -280,10 +288,14 @@ ctl_request acl_set_request(const argument_list& arguments, bool may_be_empty) {
 
 ctl_request acl_request(const argument_list& given) {
     argument_list arguments = given;
-    const bool may_be_empty = std::erase(arguments, "--empty") != 0;
+    control_json set_options = control_json::object();
+    move_check(arguments, set_options);
+    if (ctl_take_flag(arguments, "--empty")) {
+        set_options["empty"] = true;
+    }
     const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
-    if ((may_be_empty && verb != "set") || (absent_ok && verb != "delete")) {
+    if ((!set_options.empty() && verb != "set") || (absent_ok && verb != "delete")) {
         return wrong_arguments();
     }
     if (verb == "list" && arguments.size() == 1) {
@@ -293,7 +305,7 @@ ctl_request acl_request(const argument_list& given) {
         return wrong_arguments();
     }
     if (verb == "set" && arguments.size() == 4) {
-        return acl_set_request(arguments, may_be_empty);
+        return acl_set_request(arguments, set_options);
     }
     if ((verb == "show" || verb == "delete") && arguments.size() == 3) {
         return deletion({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}}, absent_ok);
@@ -387,73 +399,6 @@ std::string data_text(const control_json& answer) {
     return answer.contains("data") ? ctl_show_text(answer, ctl_output_width()) : std::string();
 }
 
-std::string counts_text(const control_json& items) {
-    std::string text;
-    for (const char* outcome : {"created", "changed", "deleted", "unchanged"}) {
-        size_t count = 0;
-        for (const control_json& item : items) {
-            count += item.value("outcome", "") == outcome ? 1 : 0;
-        }
-        if (count > 0) {
-            text += (text.empty() ? "" : ", ") + std::to_string(count) + ' ' + outcome;
-        }
-    }
-    return text.empty() ? "nothing to change" : text;
-}
-
-/// "file     changed  /etc/motd": one line for each member of an array of the rehearsal.
-std::string rehearsed_lines(const control_json& rehearsal, const char* array, const char* kind, const char* member) {
-    std::string text;
-    for (const control_json& one : rehearsal.value(array, control_json::array())) {
-        const std::string outcome = one.value("outcome", "");
-        text += std::string(kind) + "  " + outcome + std::string(outcome.size() < 10 ? 10 - outcome.size() : 1, ' ') +
-                text_escape(one.value(member, ""), 1024) + '\n';
-    }
-    return text;
-}
-
-/// What the change would do to the machine.
-std::string rehearsal_text(const control_json& answer) {
-    const control_json rehearsal = answer.value("rehearsal", control_json::object());
-    std::string text = rehearsed_lines(rehearsal, "files", "file  ", "path");
-    text += rehearsed_lines(rehearsal, "servers", "server", "vrf");
-    std::string vrfs;
-    for (const control_json& name : rehearsal.value("vrfs", control_json::array())) {
-        vrfs += (vrfs.empty() ? "" : ", ") + text_escape(name.is_string() ? name.get<std::string>() : "", 64);
-    }
-    return vrfs.empty() ? text : text + "VRFs concerned: " + vrfs + '\n';
-}
-
-/// "created  /cfg/...": one line for an item of a commit.
-std::string outcome_text(const control_json& item) {
-    const std::string outcome = item.value("outcome", "");
-    return outcome + std::string(outcome.size() < 9 ? 9 - outcome.size() : 1, ' ') +
-           text_escape(item.value("path", ""), 1024) + '\n';
-}
-
-/// Of a change by a short path, what became of which items; otherwise nothing.
-std::string change_text(const control_json& answer) {
-    std::string text;
-    if (answer.contains("path")) {
-        for (const control_json& item : answer.value("items", control_json::array())) {
-            text += outcome_text(item);
-        }
-    }
-    return text;
-}
-
-std::string load_text(const control_json& answer) {
-    const control_json items = answer.value("items", control_json::array());
-    const bool check = answer.value("check", false);
-    std::string text;
-    for (const control_json& item : items) {
-        text += check && item.value("outcome", "") != "unchanged" ? outcome_text(item) : "";
-    }
-    text += rehearsal_text(answer);
-    text += counts_text(items);
-    return text + (check ? " (checked only, nothing stored)\n" : "\n") + ctl_confirmation_text(answer);
-}
-
 std::string hexadecimal(uint32_t number) {
     char text[16];
     snprintf(text, sizeof text, "0x%x", number);
@@ -504,6 +449,9 @@ std::string acl_text(const control_json& answer) {
             text += line.get<std::string>() + '\n';
         }
         return text.empty() ? "no entries\n" : text;
+    }
+    if (answer.value("check", false)) {
+        return ctl_list_check_text(answer);
     }
     if (const auto entries = answer.find("entries"); entries != answer.end()) {
         return control_json_text(*entries) +
@@ -597,14 +545,14 @@ ctl_request no_request(const argument_list& /*arguments*/) {
 }
 
 constexpr ctl_call_row calls[] = {
-    {"set", "[--note TEXT] PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string", set_request,
-     change_text},
-    {"delete", "[--absent-ok] [--note TEXT] PATH", "delete one item, or all below a PATH that ends in '/'",
-     delete_request, change_text},
+    {"set", "[--check] [--note TEXT] PATH [VALUE]", "store one item; VALUE is JSON, or a bare word for a string",
+     set_request, ctl_change_text},
+    {"delete", "[--check] [--absent-ok] [--note TEXT] PATH", "delete one item, or all below a PATH that ends in '/'",
+     delete_request, ctl_change_text},
     {"load", "[--check] [--absent-ok] [--replace] [--confirm MINUTES] [--note TEXT] FILE",
      "store all items of a JSON object {path: value, or null to delete}, all or nothing; with --replace, delete all others; "
      "with --confirm, undo it unless confirm follows in time",
-     load_request, load_text},
+     load_request, ctl_load_text},
     {"confirm", "", "keep what load --confirm has stored", bare_request<confirm_name>, ctl_confirmed_text},
     {"history", "", "print the latest commits: number, time, user, call, number of changes and note",
      bare_request<history_name>, ctl_history_text},
@@ -613,7 +561,7 @@ constexpr ctl_call_row calls[] = {
      "stored",
      diff_request, ctl_diff_text},
     {"rollback", "[--check] [--note TEXT] COMMIT", "return to the configuration as it was after COMMIT",
-     rollback_request, load_text},
+     rollback_request, ctl_load_text},
     {"backup", "FILE",
      "write configuration, access lists, imported keys, host keys and the files of the platform to FILE", no_request,
      ctl_backup_text, false, ctl_backup},
@@ -630,7 +578,8 @@ constexpr ctl_call_row calls[] = {
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
     {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
      bare_request<watch_name>, no_text, true},
-    {"acl", "set [--empty] ipv4|ipv6 NAME FILE, show ipv4|ipv6 NAME, delete [--absent-ok] ipv4|ipv6 NAME, or list",
+    {"acl",
+     "set [--check] [--empty] ipv4|ipv6 NAME FILE, show ipv4|ipv6 NAME, delete [--absent-ok] ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},

@@ -12,6 +12,7 @@ struct ctl_connection_settings {
     unsigned timeout;   ///< seconds without any response
     bool tell_waiting;  ///< prints on standard error that it is waiting for the agent
     ctl_progress progress = ctl_progress::none;
+    bool consents = false;  ///< the operator accepts changes after which a new login would fail
 };
 
 /// A socket, closed at the end of its scope.

@@ -32,6 +32,7 @@ struct flag_row {
 constexpr flag_row flags[] = {
     {"--json", [](ctl_command_line& line) { line.json = true; }},
     {"--names", [](ctl_command_line& line) { line.names = true; }},
+    {"--yes", [](ctl_command_line& line) { line.yes = true; }},
     {"--progress", [](ctl_command_line& line) { line.progress = true; }},
     {"--help", [](ctl_command_line& line) { line.action = ctl_action::help; }},
     {"-h", [](ctl_command_line& line) { line.action = ctl_action::help; }},

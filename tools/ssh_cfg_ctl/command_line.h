@@ -15,6 +15,7 @@ struct ctl_command_line {
     bool json = false;
     bool names = false;  ///< enumerations as words, also in JSON
     bool progress = false;
+    bool yes = false;  ///< changes are made even if a new login like the operator's would fail after them
     std::string socket_path = control_socket_path;
     unsigned timeout = 600;         ///< seconds without any response from the agent
     std::vector<std::string> call;  ///< the call's name and its arguments

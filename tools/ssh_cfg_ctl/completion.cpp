@@ -167,7 +167,7 @@ void insert_own_options(word_set& words, const std::string& call) {
 
 word_set options_of(const typed_words& typed) {
     word_set words;
-    insert_words(words, "--json --names --progress --timeout --socket --help --version");
+    insert_words(words, "--json --names --yes --progress --timeout --socket --help --version");
     if (!typed.call.empty()) {
         insert_own_options(words, typed.call[0]);
     }

@@ -14,6 +14,7 @@
 #include "ssh_cfg_ctl/client.h"
 #include "ssh_cfg_ctl/command_line.h"
 #include "ssh_cfg_ctl/completion.h"
+#include "ssh_cfg_ctl/consent.h"
 #include "ssh_cfg_ctl/help.h"
 #include "ssh_cfg_ctl/nearest.h"
 #include "ssh_cfg_ctl/print.h"
@@ -113,7 +114,7 @@ ctl_progress progress_form(const ctl_command_line& line, bool on_terminal) {
 
 ctl_connection_settings settings_of(const ctl_command_line& line) {
     const bool on_terminal = isatty(STDERR_FILENO) == 1;
-    return {line.socket_path, line.timeout, on_terminal, progress_form(line, on_terminal)};
+    return {line.socket_path, line.timeout, on_terminal, progress_form(line, on_terminal), line.yes};
 }
 
 /// A call that takes several requests.
@@ -136,7 +137,7 @@ int run_call(const ctl_command_line& line) {
         if (row->goes_on) {
             return run_watch(line, settings, request.document);
         }
-        control_json answer = ctl_ask_to_the_end(settings, request.document);
+        control_json answer = ctl_ask_with_consent(settings, request.document);
         ctl_explain_sessions(request.document, answer);
         if (line.names) {
             ctl_name_values(answer);

@@ -52,6 +52,7 @@ std::string ctl_summary_text() {
            "\nOptions:\n"
            "  --json                 print every answer as JSON on standard output\n"
            "  --names                with --json, print enumerations as words instead of numbers\n"
+           "  --yes                  make a change even if a new login like yours would be refused after it\n"
            "  --progress             print the progress of a change line by line, with --json as JSON on standard output\n"
            "  --timeout SECONDS      time to wait for the agent (default 600)\n"
            "  --socket PATH          the agent's control socket (default /run/ssh_cfg_agent/control.sock)\n"

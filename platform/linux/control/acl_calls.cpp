@@ -1,16 +1,21 @@
 /// Calls on access lists. Request members: family ("ipv4" or "ipv6"), name, and for acl_set either `lines` (an array of
-/// texts) or `entries` (an array of objects), and `empty`: true if the list may be without entries. For acl_delete,
+/// texts) or `entries` (an array of objects), and `empty`: true if the list may be without entries; `check`: true if the
+/// list is only to be checked, and `yes`: true if a new login like the peer's may fail afterwards. For acl_delete,
 /// `absent_ok`: true if there need not be such a list.
 #include <algorithm>
 #include <vector>
 
+#include "common/line_changes.h"
 #include "common/text.h"
 #include "linux/access_lists/acl_json.h"
 #include "linux/access_lists/acl_line.h"
 #include "linux/access_lists/acl_verification.h"
 #include "linux/access_lists/acl_warnings.h"
+#include "linux/access_lists/list_users.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/lock_out.h"
+#include "linux/lockout/proposed_change.h"
 
 namespace {
 
@@ -187,6 +192,56 @@ void audit_refusal(const control_peer& peer, const wished_list& wish, const cont
     control_audit(peer, "acl set", control_result_of_name(problem.value("result", "")), entries);
 }
 
+/// A request to store a list.
+struct list_change {
+    wished_list wish = {};
+    std::vector<acl_stored_entry> entries = {};
+    bool check_only = false;
+    bool accepts_lock_out = false;  ///< see control_read_acceptance
+    bool is_known = false;          ///< the list is stored with these entries
+    bool is_kept = false;           ///< and need not be loaded again
+    std::vector<std::string> warnings = {};
+};
+
+/// Refuses entries that do not admit a new login like the peer's. Returns null if they do, or if the request accepts that.
+control_json check_own_source(list_change& change, const control_peer& peer) {
+    const std::optional<login_session> session = login_session_of(peer.pid);
+    if (!session) {
+        return {};
+    }
+    const std::vector<std::string> reasons =
+        lockout_of_list(*session, change.wish.family->code, change.wish.name, change.entries);
+    change.warnings = control_lock_out_warnings(reasons);
+    return reasons.empty() || change.accepts_lock_out || change.check_only ? control_json()
+                                                                           : control_refuse_lock_out(reasons);
+}
+
+/// Reads and checks a request to store a list. Returns null, or an answer that refuses it.
+control_json read_change(const control_json& request, const control_peer& peer, list_change& change) {
+    control_json problem = control_flag_member(request, "check", change.check_only);
+    if (problem.is_null()) {
+        problem = control_read_acceptance(request, change.accepts_lock_out);
+    }
+    if (problem.is_null()) {
+        problem = read_wish(request, change.wish);
+    }
+    if (problem.is_null()) {
+        problem = read_list(change.wish.family->code, request, change.entries);
+    }
+    if (!problem.is_null()) {
+        return problem;
+    }
+    change.is_known = is_stored(change.wish, change.entries);
+    // Does not load an identical list again unless something is not in force.
+    change.is_kept = change.is_known && !enforcement_any_failed();
+    if (change.entries.empty()) {
+        problem = check_empty(change.wish, request);
+    } else if (!change.is_kept) {
+        problem = check_loadable(change.wish, change.entries);
+    }
+    return problem.is_null() ? check_own_source(change, peer) : problem;
+}
+
 platform_status replace_list(const control_peer& peer, const wished_list& wish,
                              const std::vector<acl_stored_entry>& entries) {
     const platform_status status = acl_list_replace(wish.family->code, wish.name, entries);
@@ -198,38 +253,70 @@ platform_status replace_list(const control_peer& peer, const wished_list& wish,
     return status;
 }
 
+/// Returns a list's entries in the line notation, one per line. An entry that cannot be decoded is left out.
+std::string text_of(const wished_list& wish, const std::vector<acl_stored_entry>& entries) {
+    std::string text;
+    for (const acl_stored_entry& entry : entries) {
+        acl_rule rule;
+        if (acl_decode_rule(wish.family->code, entry, rule) == PLATFORM_OK) {
+            text += acl_format_line(wish.family->code, rule) + '\n';
+        }
+    }
+    return text;
+}
+
+/// Returns the answer to a check: what would become of the list, the lines that differ, and whose rules would be replaced.
+control_json answer_check(const list_change& change) {
+    const wished_list& wish = change.wish;
+    std::vector<acl_stored_entry> stored;
+    const bool exists = acl_list_entries(wish.family->code, wish.name, stored) == PLATFORM_OK;
+    control_json answer = control_answer(control_result::done);
+    answer["check"] = true;
+    answer["changed"] = !change.is_known;
+    answer["entries"] = change.entries.size();
+    answer["list"] = {{"family", wish.family->name},
+                      {"name", wish.name},
+                      {"outcome", change.is_known ? "unchanged"
+                                  : exists        ? "changed"
+                                                  : "created"},
+                      {"lines", line_changes(text_of(wish, stored), text_of(wish, change.entries))}};
+    answer["rules"] = control_json::array();
+    for (const acl_list_user& user : acl_list_users(wish.family->code, wish.name)) {
+        if (!change.is_known) {
+            answer["rules"].push_back({{"vrf", user.vrf_name}, {"service", user.service}});
+        }
+    }
+    control_add_warnings(answer, change.warnings);
+    return answer;
+}
+
 }  // namespace
 
 control_json control_call_acl_set(const control_json& request, const control_peer& peer) {
-    wished_list wish;
-    control_json problem = read_wish(request, wish);
-    std::vector<acl_stored_entry> entries;
-    if (problem.is_null()) {
-        problem = read_list(wish.family->code, request, entries);
-    }
-    const bool is_known = problem.is_null() && is_stored(wish, entries);
-    // Does not load an identical list again unless something is not in force.
-    const bool is_kept = is_known && !enforcement_any_failed();
-    if (problem.is_null() && entries.empty()) {
-        problem = check_empty(wish, request);
-    } else if (problem.is_null() && !is_kept) {
-        problem = check_loadable(wish, entries);
-    }
+    list_change change;
+    control_json problem = read_change(request, peer, change);
     if (!problem.is_null()) {
-        audit_refusal(peer, wish, problem);
+        if (!change.check_only) {
+            audit_refusal(peer, change.wish, problem);
+        }
         return problem;
     }
-    const platform_status status = is_kept ? platform_status{PLATFORM_OK} : replace_list(peer, wish, entries);
-    if (status != PLATFORM_OK) {
-        return failure(wish, status);
+    if (change.check_only) {
+        return answer_check(change);
     }
-    if (is_kept) {
-        control_audit(peer, "acl set", control_result::done, {audited(wish) + " unchanged"});
+    const platform_status status =
+        change.is_kept ? platform_status{PLATFORM_OK} : replace_list(peer, change.wish, change.entries);
+    if (status != PLATFORM_OK) {
+        return failure(change.wish, status);
+    }
+    if (change.is_kept) {
+        control_audit(peer, "acl set", control_result::done, {audited(change.wish) + " unchanged"});
     }
     control_json answer = control_answer(control_result::done);
-    answer["changed"] = !is_known;
-    answer["entries"] = entries.size();
-    control_add_warnings(answer, acl_list_warnings(wish.family->code, wish.name));
+    answer["changed"] = !change.is_known;
+    answer["entries"] = change.entries.size();
+    control_add_warnings(answer, change.warnings);
+    control_add_warnings(answer, acl_list_warnings(change.wish.family->code, change.wish.name));
     return answer;
 }
 

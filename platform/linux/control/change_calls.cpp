@@ -11,10 +11,12 @@
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/lock_out.h"
 #include "linux/control/path_member.h"
 #include "linux/control/value.h"
 #include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/lockout/proposed_change.h"
 #include "linux/status/machine_status.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
@@ -33,6 +35,7 @@ control_result result_of(datastore_refused_by refused_by) {
         case datastore_refused_by::schema:
         case datastore_refused_by::verifier:
         case datastore_refused_by::rehearsal:
+        case datastore_refused_by::judge:
             return control_result::refused;
         case datastore_refused_by::absent:
             return control_result::no_data;
@@ -44,10 +47,24 @@ control_result result_of(datastore_refused_by refused_by) {
     return control_result::failed;
 }
 
-control_json items_of(const datastore_commit_result& result) {
+/// Describes what became of an item. A check also reports the old and the new value of an item that would change.
+control_json item_json(const datastore_item_outcome& item, bool with_values) {
+    control_json json = {{"path", item.path}, {"outcome", control_outcome_name(item.outcome)}};
+    if (with_values && item.outcome != datastore_outcome::unchanged) {
+        if (item.previous.has_value()) {
+            json["previous"] = control_stored_to_json(item.path, *item.previous);
+        }
+        if (item.value.has_value()) {
+            json["value"] = control_stored_to_json(item.path, *item.value);
+        }
+    }
+    return json;
+}
+
+control_json items_of(const datastore_commit_result& result, bool with_values) {
     control_json items = control_json::array();
     for (const datastore_item_outcome& item : result.items) {
-        items.push_back({{"path", item.path}, {"outcome", control_outcome_name(item.outcome)}});
+        items.push_back(item_json(item, with_values));
     }
     return items;
 }
@@ -120,7 +137,7 @@ std::vector<std::string> effect_warnings(const datastore_commit_result& result, 
 control_json rehearsal_of(const rehearsal_report& report) {
     control_json files = control_json::array();
     for (const rehearsed_file& file : report.files) {
-        files.push_back({{"path", file.path}, {"outcome", rehearsed_change_name(file.change)}});
+        files.push_back({{"path", file.path}, {"outcome", rehearsed_change_name(file.change)}, {"lines", file.lines}});
     }
     control_json servers = control_json::array();
     for (const rehearsed_server& server : report.servers) {
@@ -177,14 +194,33 @@ void add_awaited_confirmation(control_json& answer, const change_call& call) {
     }
 }
 
+/// Has the commit refused if a new login like the caller's would be refused after it and the caller does not accept that.
+/// Stores the reasons, also those that are accepted.
+void guard_login(const change_call& call, datastore_commit_order& order, std::vector<std::string>& reasons) {
+    const std::optional<login_session> session = call.by_agent ? std::nullopt : login_session_of(call.peer.pid);
+    if (session.has_value()) {
+        order.judge = [session = *session, accepted = call.accepts_lock_out, &reasons](const auto& items,
+                                                                                       const auto* rehearsal) {
+            reasons = lockout_of_commit(session, items, rehearsal);
+            return reasons.empty() || accepted ? std::string() : control_lock_out_message(reasons);
+        };
+    }
+}
+
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
-    const datastore_commit_result result = datastore_commit(changes, call.check_only, order_of(call));
+    std::vector<std::string> lock_out;
+    datastore_commit_order order = order_of(call);
+    guard_login(call, order, lock_out);
+    const datastore_commit_result result = datastore_commit(changes, call.check_only, order);
     control_result outcome = result_of(result.refused_by);
     control_json answer = control_answer(outcome, result.message);
+    if (result.refused_by == datastore_refused_by::judge) {
+        answer["lock_out"] = control_lock_out_warnings(lock_out);
+    }
     if (outcome == control_result::done) {
         answer["check"] = call.check_only;
         answer["changed"] = changes_anything(result);
-        answer["items"] = items_of(result);
+        answer["items"] = items_of(result, call.check_only);
         if (result.number > 0) {
             answer["commit"] = result.number;
         }
@@ -192,6 +228,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
             answer["confirm_within"] = call.confirm_seconds;
         }
         add_awaited_confirmation(answer, call);
+        control_add_warnings(answer, control_lock_out_warnings(lock_out));
         control_add_warnings(answer, acl_commit_warnings(result.items));
         control_add_warnings(answer, waiting_warnings(result, call.check_only));
         control_add_warnings(answer, effect_warnings(result, call.check_only));
@@ -336,6 +373,21 @@ bool add_deletions(std::vector<datastore_change_request>& changes, platform_stat
     return status == PLATFORM_OK;
 }
 
+/// Reads the optional member "note" of a request. Returns null, or an answer that refuses it.
+control_json read_note(const control_json& request, std::string& note) {
+    constexpr size_t note_max = 500;
+    const auto member = request.find("note");
+    if (member == request.end()) {
+        return {};
+    }
+    const std::string* text = control_text_member(request, "note");
+    if (text == nullptr || text->size() > note_max || text_escape(*text, note_max) != *text) {
+        return control_wrong_member("note", "a line of at most 500 bytes without control characters");
+    }
+    note = *text;
+    return {};
+}
+
 constexpr uint64_t confirm_minutes_max = 1440;
 
 /// Reads the optional member "confirm" and converts its minutes to seconds. Returns null, or an answer that refuses it.
@@ -396,18 +448,12 @@ std::optional<datastore_change_request> control_change_from_json(const std::stri
     return change_of({path, &value, nullptr}, refusal);
 }
 
-control_json control_read_note(const control_json& request, std::string& note) {
-    constexpr size_t note_max = 500;
-    const auto member = request.find("note");
-    if (member == request.end()) {
-        return {};
+control_json control_read_change_members(const control_json& request, control_change_call& call) {
+    control_json problem = control_flag_member(request, "check", call.check_only);
+    if (problem.is_null()) {
+        problem = control_read_acceptance(request, call.accepts_lock_out);
     }
-    const std::string* text = control_text_member(request, "note");
-    if (text == nullptr || text->size() > note_max || text_escape(*text, note_max) != *text) {
-        return control_wrong_member("note", "a line of at most 500 bytes without control characters");
-    }
-    note = *text;
-    return {};
+    return problem.is_null() ? read_note(request, call.note) : problem;
 }
 
 control_json control_call_set(const control_json& request, const control_peer& peer) {
@@ -418,7 +464,7 @@ control_json control_call_set(const control_json& request, const control_peer& p
     const std::string* word = control_text_member(request, "word");
     const auto value = request.find("value");
     change_call call = {"set", peer};
-    if (control_json problem = control_read_note(request, call.note); !problem.is_null()) {
+    if (control_json problem = control_read_change_members(request, call); !problem.is_null()) {
         return problem;
     }
     if (word == nullptr && value == request.end()) {
@@ -442,7 +488,7 @@ control_json control_call_delete(const control_json& request, const control_peer
     }
     change_call call = {"delete", peer};
     bool absent_ok = false;
-    control_json problem = control_read_note(request, call.note);
+    control_json problem = control_read_change_members(request, call);
     if (problem.is_null()) {
         problem = control_flag_member(request, "absent_ok", absent_ok);
     }
@@ -456,15 +502,12 @@ control_json control_call_load(const control_json& request, const control_peer& 
     }
     change_call call = {"load", peer};
     load_manner manner;
-    control_json problem = control_flag_member(request, "check", call.check_only);
+    control_json problem = control_read_change_members(request, call);
     if (problem.is_null()) {
         problem = control_flag_member(request, "replace", manner.replace);
     }
     if (problem.is_null()) {
         problem = control_flag_member(request, "absent_ok", manner.absent_ok);
-    }
-    if (problem.is_null()) {
-        problem = control_read_note(request, call.note);
     }
     if (problem.is_null()) {
         problem = read_confirm(request, call.confirm_seconds);

@@ -15,8 +15,9 @@ struct control_change_call {
     const control_peer& peer;
     bool check_only = false;
     std::string note = {};
-    uint64_t confirm_seconds = 0;  ///< as in datastore_commit_order
-    uint64_t undone_commit = 0;    ///< likewise
+    uint64_t confirm_seconds = 0;   ///< as in datastore_commit_order
+    uint64_t undone_commit = 0;     ///< likewise
+    bool accepts_lock_out = false;  ///< see control_read_acceptance
     /// Set if the agent itself makes the change on behalf of someone with this authority. The peer is then the agent's own
     /// process.
     std::optional<datastore_authority> by_agent = {};
@@ -30,8 +31,8 @@ control_json control_commit(const control_change_call& call, const std::vector<d
 std::optional<datastore_change_request> control_change_from_json(const std::string& path, const control_json& value,
                                                                  std::string& refusal);
 
-/// Reads the optional member "note" of a request. Returns null, or an answer that refuses it.
-control_json control_read_note(const control_json& request, std::string& note);
+/// Reads the optional members that all changes have: "check", "yes" and "note". Returns null, or an answer that refuses one.
+control_json control_read_change_members(const control_json& request, control_change_call& call);
 
 /// Returns "created", "changed", "deleted" or "unchanged".
 const char* control_outcome_name(datastore_outcome outcome);

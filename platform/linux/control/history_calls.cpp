@@ -49,14 +49,6 @@ bool read_number(const control_json& request, const char* name, uint64_t& number
     return true;
 }
 
-/// Returns a stored value as JSON, or a text in its place if this version does not know the item or its value.
-control_json json_of(const std::string& key, const datastore_stored& stored) {
-    datastore_value value;
-    const schema_row* row = schema_find(key, nullptr);
-    return row != nullptr && schema_load(*row, stored, value) == PLATFORM_OK ? control_value_to_json(value)
-                                                                             : control_json("unknown to this version");
-}
-
 using possible_value = std::optional<datastore_stored>;
 
 datastore_outcome outcome_of(const possible_value& before, const possible_value& after) {
@@ -77,10 +69,10 @@ void add_difference(control_json& differences, const std::string& key, const pos
     }
     control_json difference = {{"path", key}, {"outcome", control_outcome_name(outcome)}};
     if (before.has_value()) {
-        difference["previous"] = json_of(key, *before);
+        difference["previous"] = control_stored_to_json(key, *before);
     }
     if (after.has_value()) {
-        difference["value"] = json_of(key, *after);
+        difference["value"] = control_stored_to_json(key, *after);
     }
     differences.push_back(std::move(difference));
 }
@@ -235,10 +227,7 @@ control_json control_call_rollback(const control_json& request, const control_pe
     if (!read_number(request, "number", number)) {
         return no_number("number");
     }
-    control_json problem = control_flag_member(request, "check", call.check_only);
-    if (problem.is_null()) {
-        problem = control_read_note(request, call.note);
-    }
+    control_json problem = control_read_change_members(request, call);
     if (!problem.is_null()) {
         return problem;
     }

@@ -6,7 +6,9 @@
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/lock_out.h"
 #include "linux/host/key_store_internal.h"
+#include "linux/lockout/proposed_change.h"
 #include "user_keys/key_der.h"
 
 namespace {
@@ -106,6 +108,22 @@ control_json audited_refusal(const control_peer& peer, const char* call, const s
     return refusal;
 }
 
+/// Refuses the deletion of the key with which the peer may have logged in. Returns null if it is not that key, or if the
+/// request accepts that.
+control_json check_own_key(const control_json& request, const control_peer& peer, const std::string& user,
+                           std::vector<std::string>& warnings) {
+    bool accepted = false;
+    control_json problem = control_read_acceptance(request, accepted);
+    const std::optional<login_session> session = login_session_of(peer.pid);
+    key_record record;
+    if (!problem.is_null() || !session || key_store_find(user, record) != PLATFORM_OK) {
+        return problem;
+    }
+    const std::vector<std::string> reasons = lockout_of_key(*session, user);
+    warnings = control_lock_out_warnings(reasons);
+    return reasons.empty() || accepted ? control_json() : control_refuse_lock_out(reasons);
+}
+
 control_json entry_json(const key_store_entry& entry) {
     rsa_public_key key;
     const bool readable = key_der_read(entry.record.der, key) == PLATFORM_OK;
@@ -172,11 +190,20 @@ control_json control_call_key_delete(const control_json& request, const control_
     if (!problem.is_null()) {
         return problem;
     }
+    std::vector<std::string> warnings;
     problem = check_permission(peer, user);
+    if (problem.is_null()) {
+        problem = check_own_key(request, peer, user, warnings);
+    }
     if (!problem.is_null()) {
         return audited_refusal(peer, "key delete", user, std::move(problem));
     }
     const platform_status status = key_store_delete(user);
     const bool is_absent = status == DATASTORE_NO_SUCH_ITEM && absent_ok;
-    return audited_answer(peer, "key delete", user, is_absent ? platform_status{PLATFORM_OK} : status, !is_absent);
+    control_json answer =
+        audited_answer(peer, "key delete", user, is_absent ? platform_status{PLATFORM_OK} : status, !is_absent);
+    if (status == PLATFORM_OK) {
+        control_add_warnings(answer, warnings);
+    }
+    return answer;
 }

@@ -167,3 +167,10 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
 control_json control_value_to_json(const datastore_value& value) {
     return std::visit(to_json(), value);
 }
+
+control_json control_stored_to_json(const std::string& path, const datastore_stored& stored) {
+    datastore_value value;
+    const schema_row* row = schema_find(path, nullptr);
+    return row != nullptr && schema_load(*row, stored, value) == PLATFORM_OK ? control_value_to_json(value)
+                                                                             : control_json("unknown to this version");
+}

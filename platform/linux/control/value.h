@@ -23,4 +23,7 @@ std::optional<datastore_value> control_value_from_word(const schema_row& row, st
 /// The JSON notation of a value; converting it back yields the same value.
 control_json control_value_to_json(const datastore_value& value);
 
+/// The same for the stored value of the item `path`; a text in its place if this version knows no such item or value.
+control_json control_stored_to_json(const std::string& path, const datastore_stored& stored);
+
 #endif

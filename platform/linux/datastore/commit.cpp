@@ -404,8 +404,8 @@ bool changes_anything(const commit_plan& plan) {
     return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return item.second.changes(); });
 }
 
-rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only) {
-    rehearsal_request request = {{}, [&plan] { carry_out(plan); }, check_only};
+rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only, bool with_lines) {
+    rehearsal_request request = {{}, [&plan] { carry_out(plan); }, check_only, with_lines};
     for (const auto& [path, planned] : plan) {
         if (planned.changes()) {
             request.changes.emplace(path, planned.value);
@@ -434,12 +434,12 @@ bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
 
 /// A router must stay configurable: a commit that cannot be rehearsed is carried out anyway, unless it would crash the
 /// agent.
-bool rehearse(const commit_plan& plan, bool check_only, datastore_commit_result& result) {
+bool rehearse(const commit_plan& plan, bool check_only, bool with_lines, datastore_commit_result& result) {
     const auto rehearse_commit = the_datastore().rehearse;
     if (rehearse_commit == nullptr || !changes_anything(plan)) {
         return true;
     }
-    result.rehearsal = rehearse_commit(rehearsal_request_of(plan, check_only));
+    result.rehearsal = rehearse_commit(rehearsal_request_of(plan, check_only, with_lines));
     const std::string& problem = result.rehearsal->problem;
     if (problem.empty()) {
         return refuse_rejected(plan, result);
@@ -484,6 +484,14 @@ bool check_confirmation(const datastore_commit_order& order, datastore_commit_re
                : refuse_store(result, status);
 }
 
+/// Asks the judge of the order. Returns whether the commit may continue.
+bool ask_judge(const datastore_commit_order& order, const std::vector<datastore_item_outcome>& items, bool check_only,
+               datastore_commit_result& result) {
+    const rehearsal_report* rehearsal = result.rehearsal ? &*result.rehearsal : nullptr;
+    const std::string reason = order.judge ? order.judge(items, rehearsal) : std::string();
+    return reason.empty() || check_only || refuse(result, ECANCELED, datastore_refused_by::judge, {}, reason);
+}
+
 /// `stored` says, even after an exception, whether the changes are in the database.
 void commit(const std::vector<datastore_change_request>& requests, bool check_only, const datastore_commit_order& order,
             datastore_commit_result& result, bool& stored) {
@@ -493,12 +501,15 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
         return;
     }
     if (!make_plan(requests, plan, result) || !check_authority(plan, order.authority, result) ||
-        !verify_all(plan, result) || !rehearse(plan, check_only, result)) {
+        !verify_all(plan, result) || !rehearse(plan, check_only, check_only || order.judge, result)) {
         return;
     }
     std::vector<datastore_item_outcome> items;
     for (const auto& [path, planned] : plan) {
         items.push_back({path, planned.outcome(), planned.previous, planned.value});
+    }
+    if (!ask_judge(order, items, check_only, result)) {
+        return;
     }
     if (!check_only) {
         stored = store_all(plan, order, result);

@@ -43,6 +43,11 @@ struct datastore_commit_order {
     uint64_t confirm_seconds =
         0;                       ///< the time within which the commit must be confirmed; 0 if it need not be confirmed
     uint64_t undone_commit = 0;  ///< the number of the unconfirmed commit that this one undoes; 0 if it undoes none
+    /// Called after the rehearsal, before anything is stored; may be empty. The rehearsal, which may be null, contains the
+    /// changed lines of the files. Returns why the commit is not to be carried out, or an empty string. Called for a check,
+    /// too, which is not refused.
+    std::function<std::string(const std::vector<datastore_item_outcome>& items, const rehearsal_report* rehearsal)>
+        judge = {};
 };
 
 /// Who refused a commit.
@@ -51,6 +56,7 @@ enum class datastore_refused_by : uint8_t {
     confirmation,  ///< an earlier commit must be confirmed or undone first
     authority,     ///< an item that only root may change
     schema,        ///< unknown path or invalid value
+    judge,         ///< the judge of the order
     absent,        ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
     verifier,      ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
     rehearsal,     ///< its rehearsal: sshd would not start with it

@@ -18,6 +18,7 @@ struct rehearsal_request {
     std::function<void()> carry_out;
     /// Whether the operator wants to know which servers run that would be restarted or stopped; systemd has to be asked.
     bool is_detailed = false;
+    bool with_lines = false;  ///< whether the changed lines of files are needed
 };
 
 enum class rehearsed_change : uint8_t { created, changed, deleted };
@@ -25,6 +26,9 @@ enum class rehearsed_change : uint8_t { created, changed, deleted };
 struct rehearsed_file {
     std::string path;
     rehearsed_change change = rehearsed_change::changed;
+    /// If requested: the removed lines, which begin with "-", and the added ones, which begin with "+". Not for files of
+    /// rules, which are replaced as a whole.
+    std::vector<std::string> lines = {};
 };
 
 enum class rehearsed_action : uint8_t { started, restarted, stopped };

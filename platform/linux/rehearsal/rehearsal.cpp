@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/line_changes.h"
 #include "common/text.h"
 #include "linux/datastore/state.h"
 #include "linux/enforcement/enforcement_internal.h"
@@ -71,6 +72,16 @@ std::vector<rehearsed_server> servers_of(const recorded_commands& commands) {
     return servers;
 }
 
+constexpr std::string_view rule_folder = "/tmp/norvo-ssh/access-list/";
+
+rehearsed_file rehearsed_file_of(const private_change& change, bool with_lines) {
+    rehearsed_file file = change.file;
+    if (with_lines && !file.path.starts_with(rule_folder)) {
+        file.lines = line_changes(change.before.value_or(""), change.after.value_or(""));
+    }
+    return file;
+}
+
 /// Carries the commit out and tells what has become of the files and servers.
 rehearsal_report carry_out(const rehearsal_request& request, const private_folders& folders,
                            recorded_commands& commands) {
@@ -84,7 +95,7 @@ rehearsal_report carry_out(const rehearsal_request& request, const private_folde
     }
     const std::vector<private_change> changes = folders.changes();
     for (const private_change& change : changes) {
-        report.files.push_back(change.file);
+        report.files.push_back(rehearsed_file_of(change, request.with_lines));
     }
     report.servers = servers_of(commands);
     report.vrfs = vrfs_of(report, commands.rules);

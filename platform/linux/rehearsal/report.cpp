@@ -36,7 +36,7 @@ rehearsal_report report_of(const control_json& json) {
     rehearsal_report report;
     report.problem = json.at("problem");
     for (const control_json& file : json.at("files")) {
-        report.files.push_back({file.at("path"), change_of(file.at("change"))});
+        report.files.push_back({file.at("path"), change_of(file.at("change")), file.at("lines")});
     }
     for (const control_json& name : json.at("vrfs")) {
         report.vrfs.push_back(name);
@@ -64,7 +64,8 @@ std::string rehearsal_report_write(const rehearsal_report& report) {
                          {"rejections", control_json::array()},
                          {"not_in_force", control_json::array()}};
     for (const rehearsed_file& file : report.files) {
-        json["files"].push_back({{"path", file.path}, {"change", rehearsed_change_name(file.change)}});
+        json["files"].push_back(
+            {{"path", file.path}, {"change", rehearsed_change_name(file.change)}, {"lines", file.lines}});
     }
     for (const rehearsed_server& server : report.servers) {
         json["servers"].push_back({{"vrf", server.vrf_name}, {"action", rehearsed_action_name(server.action)}});

@@ -204,6 +204,13 @@ TEST(ctl_texts, values_are_shown_in_the_notation_of_the_input) {
     EXPECT_EQ(text("get", R"({"data":[null,"a",true]})"), "[null,\"a\",true]\n");
 }
 
+TEST(ctl_calls, single_changes_can_be_checked) {
+    EXPECT_EQ(request("set", {"--check", "timeout", "45"}),
+              R"({"call":"set","check":true,"path":"timeout","word":"45"})");
+    EXPECT_EQ(request("delete", {"timeout", "--check"}), R"({"call":"delete","check":true,"path":"timeout"})");
+    EXPECT_EQ(made("acl", {"show", "--check", "ipv4", "mgmt"}).problem["result"], "usage");
+}
+
 TEST(ctl_texts, names_are_printed_one_per_line) {
     EXPECT_EQ(text("list", R"({"data":["a","b"]})"), "a\nb\n");
 }
@@ -223,6 +230,25 @@ TEST(ctl_texts, a_check_lists_each_change) {
     EXPECT_EQ(text("load",
                    R"({"check":true,"items":[{"path":"/a","outcome":"created"},{"path":"/b","outcome":"unchanged"}]})"),
               "created  /a\n1 created, 1 unchanged (checked only, nothing stored)\n");
+}
+
+TEST(ctl_texts, a_check_shows_values_and_lines) {
+    EXPECT_EQ(text("set", R"({"check":true,"items":[{"path":"/a","outcome":"changed","previous":30,"value":45}],
+                   "rehearsal":{"files":[{"path":"/f","outcome":"changed","lines":["-x 30","+x 45"]},
+                                         {"path":"/g","outcome":"changed","lines":["-x 30","+x 45"]},
+                                         {"path":"/rules","outcome":"created","lines":[]}],
+                                "servers":[{"vrf":"red","outcome":"restarted"}],"vrfs":["red"]}})"),
+              "changed  /a\n    - 30\n    + 45\n"
+              "file    changed   /f\nfile    changed   /g\n    -x 30\n    +x 45\n"
+              "file    created   /rules\nserver  restarted red\nVRFs concerned: red\n"
+              "1 changed (checked only, nothing stored)\n");
+    EXPECT_EQ(text("delete", R"({"check":true,"items":[{"path":"/a","outcome":"deleted","previous":"x"}]})"),
+              "deleted  /a\n    - \"x\"\n1 deleted (checked only, nothing stored)\n");
+    EXPECT_EQ(text("acl", R"({"check":true,"changed":true,"entries":2,"list":{"family":"ipv4","name":"mgmt",
+                   "outcome":"changed","lines":["-10 permit tcp any any","+10 deny tcp any any"]},
+                   "rules":[{"vrf":"red","service":"ssh"}]})"),
+              "list    changed  ipv4 mgmt\n    -10 permit tcp any any\n    +10 deny tcp any any\n"
+              "rules   replaced  red ssh\n2 entries (checked only, nothing stored)\n");
 }
 
 TEST(ctl_texts, a_commit_on_trial_says_how_to_confirm_it) {

@@ -179,7 +179,7 @@ TEST(ctl_run, usage_errors_show_the_usage) {
     EXPECT_THAT(unknown.errors, HasSubstr("Try 'ssh_cfg_ctl --help'."));
     const outcome missing = run({"set"});
     EXPECT_EQ(missing.status, 2);
-    EXPECT_THAT(missing.errors, HasSubstr("usage: ssh_cfg_ctl [OPTION...] set [--note TEXT] PATH [VALUE]"));
+    EXPECT_THAT(missing.errors, HasSubstr("usage: ssh_cfg_ctl [OPTION...] set [--check] [--note TEXT] PATH [VALUE]"));
     const outcome json = run({"--json", "set"});
     EXPECT_EQ(json.status, 2);
     EXPECT_THAT(json.output, StartsWith(R"({"result":"usage","message":"usage: )"));

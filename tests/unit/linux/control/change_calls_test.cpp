@@ -271,6 +271,20 @@ TEST_F(control_change_calls_test, a_check_verifies_and_changes_nothing) {
     EXPECT_THAT(audit, IsEmpty()) << "a check is not audited";
 }
 
+TEST_F(control_change_calls_test, every_check_shows_old_and_new_values) {
+    ask(R"({"call":"set","path":"timeout","value":30})");
+    const std::string path = R"("path":"/cfg/gl/crypto/ssh/server/cmn/timeout")";
+    const auto items = [this](const std::string& request) { return control_json_text(ask(request)["items"]); };
+    EXPECT_EQ(items(R"({"call":"set","check":true,"path":"timeout","value":45})"),
+              "[{" + path + R"(,"outcome":"changed","previous":30,"value":45}])");
+    EXPECT_EQ(items(R"({"call":"delete","check":true,"path":"timeout"})"),
+              "[{" + path + R"(,"outcome":"deleted","previous":30}])");
+    EXPECT_EQ(items(R"({"call":"set","check":true,"path":"timeout","value":30})"),
+              "[{" + path + R"(,"outcome":"unchanged"}])");
+    EXPECT_EQ(stored(timeout_path), "30");
+    EXPECT_EQ(result(R"({"call":"set","check":1,"path":"timeout","value":45})"), "usage");
+}
+
 TEST_F(control_change_calls_test, ten_thousand_items_load_in_one_commit) {
     std::string items;
     for (int number = 0; number < 10'000; number++) {

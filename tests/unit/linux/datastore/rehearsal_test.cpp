@@ -138,5 +138,24 @@ TEST_F(datastore_rehearsal_test, what_cannot_be_rehearsed_is_stored_but_a_check_
     EXPECT_EQ(stored(timeout_path), "30");
 }
 
+TEST_F(datastore_rehearsal_test, a_judge_sees_items_and_rehearsal_and_can_refuse) {
+    std::vector<std::string> judged;
+    std::string reason = "it would lock you out";
+    datastore_commit_order order;
+    order.judge = [&](const std::vector<datastore_item_outcome>& items, const rehearsal_report* rehearsal) {
+        judged.push_back(items[0].path + (rehearsal != nullptr ? " rehearsed" : ""));
+        return reason;
+    };
+    const datastore_commit_result refused = datastore_commit({{timeout_path, number(30)}}, false, order);
+    EXPECT_EQ(refused.refused_by, datastore_refused_by::judge);
+    EXPECT_EQ(refused.message, reason);
+    EXPECT_EQ(stored(timeout_path), "none");
+    EXPECT_THAT(judged, ElementsAre(std::string(timeout_path) + " rehearsed"));
+    EXPECT_EQ(datastore_commit({{timeout_path, number(30)}}, true, order).status, PLATFORM_OK) << "only checked";
+    reason = "";
+    EXPECT_EQ(datastore_commit({{timeout_path, number(30)}}, false, order).status, PLATFORM_OK);
+    EXPECT_EQ(stored(timeout_path), "30");
+}
+
 }  // namespace
 }  // namespace datastore_test

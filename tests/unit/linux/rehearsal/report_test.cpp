@@ -11,7 +11,7 @@ TEST(rehearsal_report_test, comes_back_as_it_was) {
     rehearsal_report report;
     report.files = {{"/etc/motd", rehearsed_change::deleted},
                     {"/x/\"y\"\n", rehearsed_change::created},
-                    {"/z", rehearsed_change::changed}};
+                    {"/z", rehearsed_change::changed, {"-a", "+b"}}};
     report.vrfs = {"blue", "red"};
     report.servers = {{"blue", rehearsed_action::started},
                       {"green", rehearsed_action::restarted},
@@ -25,6 +25,7 @@ TEST(rehearsal_report_test, comes_back_as_it_was) {
     ASSERT_EQ(read.files.size(), 3U);
     EXPECT_EQ(read.files[0].change, rehearsed_change::deleted);
     EXPECT_EQ(read.files[1].path, "/x/\"y\"\n");
+    EXPECT_EQ(read.files[2].lines, (std::vector<std::string>{"-a", "+b"}));
     EXPECT_EQ(read.servers[2].action, rehearsed_action::stopped);
     EXPECT_TRUE(read.rejections[0].was_rejected);
     EXPECT_FALSE(read.rejections[1].was_rejected);

@@ -1,0 +1,147 @@
+#include "linux/lockout/proposed_change.h"
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <variant>
+
+#include "linux/access_lists/acl_verification.h"
+#include "linux/datastore/schema.h"
+#include "linux/lockout/lockout.h"
+#include "linux/vrf/vrf_table_internal.h"
+#include "user_keys/key_record.h"
+
+namespace {
+
+constexpr char protocol_item[] = "/cfg/gl/crypto/ssh/server/sshd/v2";
+constexpr char server_file_prefix[] = "/var/opt/norvo/norvossh/sshd_config_";
+
+/// A service and the item that configures it in a VRF. The order is that of acl_make_rules and of login_conditions.
+struct lockout_service {
+    const char* items;  ///< the path of a VRF's item, without the VRF's name
+    uint16_t port;
+};
+
+constexpr lockout_service lockout_services[] = {
+    {"/cfg/gl/crypto/ssh/server/sshd/vrf/", 22},
+    {"/cfg/gl/crypto/ssh/server/sshd/vrf-netconf/", 830},
+};
+
+/// Returns the value of an item in some configuration, or nothing.
+using value_source = std::function<std::optional<datastore_stored>(const std::string& path)>;
+
+uint32_t family_of(const login_session& session) {
+    return session.connection.is_ipv6 ? ACL_FAMILY_IPV6 : ACL_FAMILY_IPV4;
+}
+
+/// Returns the name of the list that a VRF's item binds for the session's address family, or an empty string.
+std::string list_of_item(const std::string& path, const std::optional<datastore_stored>& stored, bool is_ipv6) {
+    const size_t field = is_ipv6 ? 2 : 1;
+    const schema_row* row = schema_find(path, nullptr);
+    datastore_value value;
+    if (!stored || row == nullptr || schema_load(*row, *stored, value) != PLATFORM_OK) {
+        return {};
+    }
+    const auto* fields = std::get_if<datastore_fields>(&value);
+    const bool present = fields != nullptr && field < fields->size() && (*fields)[field].has_value();
+    const std::string* name = present ? std::get_if<std::string>(&*(*fields)[field]) : nullptr;
+    return name != nullptr ? *name : std::string();
+}
+
+/// Determines the conditions of a login, except for the rules of the lists.
+login_conditions conditions_of(const login_session& session, const value_source& value) {
+    login_conditions conditions;
+    for (size_t i = 0; i < std::size(lockout_services); i++) {
+        const std::string path = lockout_services[i].items + session.vrf_name;
+        const std::optional<datastore_stored> item = value(path);
+        conditions.lists[i].name = list_of_item(path, item, session.connection.is_ipv6);
+        conditions.has_server |= item && lockout_services[i].port == session.connection.destination_port;
+    }
+    conditions.has_server |= session.vrf_name == vrf_default_name &&
+                             session.connection.destination_port == lockout_services[0].port &&
+                             value(protocol_item).has_value();
+    const std::optional<datastore_stored> key = value(key_record_item(session.user));
+    conditions.key = key ? key->bytes : "";
+    return conditions;
+}
+
+/// Makes the rules of a list for a service. A list that does not exist has no entries.
+std::string rules_of(uint32_t family, size_t service, const std::vector<acl_stored_entry>& entries) {
+    std::vector<acl_service_rules> rules;
+    if (entries.empty() || acl_make_rules(family, entries, rules) != PLATFORM_OK || service >= rules.size()) {
+        return {};
+    }
+    return std::move(rules[service].text);
+}
+
+std::string rules_of_stored(uint32_t family, size_t service, const std::string& name) {
+    std::vector<acl_stored_entry> entries;
+    return !name.empty() && acl_list_entries(family, name, entries) == PLATFORM_OK ? rules_of(family, service, entries)
+                                                                                   : std::string();
+}
+
+std::vector<std::string> lines_of_server(const login_session& session, const rehearsal_report* rehearsal) {
+    for (const rehearsed_file& file : rehearsal != nullptr ? rehearsal->files : std::vector<rehearsed_file>()) {
+        if (file.path == server_file_prefix + session.vrf_name) {
+            return file.lines;
+        }
+    }
+    return {};
+}
+
+/// Adds the rules of lists that a commit exchanges; the others stay as they are, and need not be known.
+void add_exchanged_rules(const login_session& session, login_change& change) {
+    for (size_t i = 0; i < std::size(lockout_services); i++) {
+        login_list& before = change.before.lists[i];
+        login_list& after = change.after.lists[i];
+        if (before.name != after.name) {
+            before.rules = rules_of_stored(family_of(session), i, before.name);
+            after.rules = rules_of_stored(family_of(session), i, after.name);
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> lockout_of_commit(const login_session& session,
+                                           const std::vector<datastore_item_outcome>& items,
+                                           const rehearsal_report* rehearsal) {
+    const value_source proposed = [&items](const std::string& path) {
+        const auto item =
+            std::ranges::find_if(items, [&path](const datastore_item_outcome& one) { return one.path == path; });
+        return item == items.end() ? datastore_present_value(path) : item->value;
+    };
+    login_change change = {conditions_of(session, datastore_present_value), conditions_of(session, proposed),
+                           lines_of_server(session, rehearsal)};
+    add_exchanged_rules(session, change);
+    return lockout_reasons(session, change);
+}
+
+std::vector<std::string> lockout_of_list(const login_session& session, uint32_t family, std::string_view name,
+                                         const std::vector<acl_stored_entry>& entries) {
+    if (family != family_of(session)) {
+        return {};
+    }
+    login_change change = {conditions_of(session, datastore_present_value), {}};
+    change.after = change.before;
+    for (size_t i = 0; i < std::size(lockout_services); i++) {
+        const std::string bound = change.before.lists[i].name;
+        if (bound == name) {
+            change.before.lists[i].rules = rules_of_stored(family, i, bound);
+            change.after.lists[i].rules = rules_of(family, i, entries);
+        }
+    }
+    return lockout_reasons(session, change);
+}
+
+std::vector<std::string> lockout_of_key(const login_session& session, std::string_view user) {
+    if (user != session.user) {
+        return {};
+    }
+    login_change change = {conditions_of(session, datastore_present_value), {}};
+    change.after = change.before;
+    change.before.key = "imported";
+    change.after.key.clear();
+    return lockout_reasons(session, change);
+}
