@@ -21,7 +21,7 @@ namespace {
 using argument_list = std::vector<std::string>;
 
 ctl_request fail(control_result result, const std::string& message) {
-    return {{}, control_answer(result, message)};
+    return {{}, control_answer(result, message), {}};
 }
 
 ctl_request wrong_arguments() {
@@ -29,7 +29,7 @@ ctl_request wrong_arguments() {
 }
 
 ctl_request ask(control_json document) {
-    return {std::move(document), {}};
+    return {std::move(document), {}, {}};
 }
 
 // JSON carries only text: any other bytes would reach the agent altered.
@@ -166,18 +166,21 @@ ctl_request load_request(const argument_list& given) {
     control_json request = {{"call", "load"}};
     control_json problem = move_load_options(arguments, request);
     if (!problem.is_null()) {
-        return {{}, problem};
+        return {{}, problem, {}};
     }
     if (!move_note(arguments, request) || arguments.size() != 1 ||
         (arguments[0] != "-" && arguments[0].starts_with("--"))) {
         return wrong_arguments();
     }
-    std::optional<control_json> items = ctl_read_items_file(arguments[0], problem);
+    ctl_source source;
+    std::optional<control_json> items = ctl_read_items_file(arguments[0], problem, &source);
     if (!items.has_value()) {
-        return {{}, problem};
+        return {{}, problem, {}};
     }
     request["items"] = std::move(*items);
-    return ask(std::move(request));
+    // A file with duplicates is not loaded, but what else is wrong with it is to be reported, too.
+    request["check"] = request["check"].get<bool>() || ctl_has_duplicates(source);
+    return {std::move(request), {}, std::move(source)};
 }
 
 /// The number of a commit, as typed.
@@ -205,7 +208,7 @@ ctl_request diff_request(const argument_list& arguments) {
         control_json problem;
         std::optional<control_json> items = ctl_read_items_file(arguments[0], problem);
         if (!items.has_value()) {
-            return {{}, problem};
+            return {{}, problem, {}};
         }
         request["items"] = std::move(*items);
         return ask(std::move(request));
@@ -266,7 +269,7 @@ ctl_request acl_set_request(const argument_list& arguments, const control_json& 
     control_json problem;
     const std::optional<std::string> text = ctl_read_file(arguments[3], problem);
     if (!text.has_value()) {
-        return {{}, problem};
+        return {{}, problem, {}};
     }
     control_json request = {{"call", "acl_set"}, {"family", arguments[1]}, {"name", arguments[2]}};
     request.update(options);
@@ -317,7 +320,7 @@ ctl_request key_import_request(const argument_list& arguments) {
     control_json problem;
     std::optional<std::string> text = ctl_read_file(arguments[2], problem);
     if (!text.has_value()) {
-        return {{}, problem};
+        return {{}, problem, {}};
     }
     if (!text_is_utf8(*text)) {
         return fail(control_result::refused, arguments[2] + ": not valid UTF-8");

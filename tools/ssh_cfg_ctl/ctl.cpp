@@ -138,6 +138,7 @@ int run_call(const ctl_command_line& line) {
             return run_watch(line, settings, request.document);
         }
         control_json answer = ctl_ask_with_consent(settings, request.document);
+        ctl_locate_mistakes(request.source, answer);
         ctl_explain_sessions(request.document, answer);
         if (line.names) {
             ctl_name_values(answer);

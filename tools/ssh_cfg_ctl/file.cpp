@@ -52,12 +52,29 @@ std::optional<control_json> ctl_read_json_file(const std::string& name, control_
     return document.has_value() ? std::move(document) : fail(problem, name, control_result::refused, error);
 }
 
-std::optional<control_json> ctl_read_items_file(const std::string& name, control_json& problem) {
-    std::optional<control_json> items = ctl_read_json_file(name, problem);
-    if (items.has_value() && !items->is_object()) {
+std::optional<control_json> ctl_read_items_file(const std::string& name, control_json& problem, ctl_source* source) {
+    const std::optional<std::string> text = ctl_read_file(name, problem);
+    if (!text.has_value()) {
+        return std::nullopt;
+    }
+    std::string error;
+    const ctl_source found = {shown_name(name), ctl_members(*text)};
+    std::optional<control_json> items = control_json_parse(*text, error);
+    if (!items.has_value() && ctl_has_duplicates(found) && source != nullptr) {
+        items = control_json_parse(ctl_without_duplicates(*text, found.members), error);
+    }
+    if (!items.has_value()) {
+        const std::string mistakes = ctl_mistakes_in_text(found, *text);
+        problem = control_answer(control_result::refused, mistakes.empty() ? found.name + ": " + error : mistakes);
+        return std::nullopt;
+    }
+    if (!items->is_object()) {
         problem = control_answer(control_result::refused,
                                  name + ": expected one JSON object that maps paths to values (null deletes an item)");
         return std::nullopt;
+    }
+    if (source != nullptr) {
+        *source = found;
     }
     return items;
 }

@@ -294,20 +294,28 @@ std::optional<datastore_change_request> change_of(const wished_item& wish, std::
 
 /// The errors in the items of a load.
 struct load_refusals {
-    std::string path;  ///< the first refused path
+    control_json items = control_json::array();  ///< path and text of those that are reported
     std::vector<std::string> texts;
     size_t untold = 0;
 };
 
-void add_refusal(load_refusals& refusals, const std::string& path, std::string text) {
-    if (refusals.texts.empty()) {
-        refusals.path = path;
-    }
+void add_refusal(load_refusals& refusals, const std::string& path, const std::string& text) {
     if (refusals.texts.size() < refusals_max) {
-        refusals.texts.push_back(std::move(text));
+        refusals.items.push_back({{"path", path}, {"text", text}});
+        refusals.texts.push_back(text);
     } else {
         refusals.untold++;
     }
+}
+
+/// The answer to a load that was refused before it reached the datastore.
+control_json refuse_load(const change_call& call, const load_refusals& refusals) {
+    control_json answer = refuse(call, refusals.items[0]["path"].get<std::string>(), refusals.texts);
+    answer["refusals"] = refusals.items;
+    if (refusals.untold > 0) {
+        answer["more_refusals"] = refusals.untold;
+    }
+    return answer;
 }
 
 /// Checks all items, so that the author of a file learns of all its errors at once.
@@ -320,7 +328,7 @@ std::vector<datastore_change_request> changes_of(const control_json& items, bool
         if (change.has_value()) {
             changes.push_back(std::move(*change));
         } else {
-            add_refusal(refusals, path, std::move(refusal));
+            add_refusal(refusals, path, refusal);
         }
     }
     if (refusals.untold > 0) {
@@ -413,7 +421,7 @@ control_json load(const change_call& call, const control_json& items, const load
     load_refusals refusals;
     std::vector<datastore_change_request> changes = changes_of(items, manner.absent_ok, refusals);
     if (!refusals.texts.empty()) {
-        return refuse(call, refusals.path, refusals.texts);
+        return refuse_load(call, refusals);
     }
     platform_status status = PLATFORM_OK;
     if (manner.replace && !add_deletions(changes, status)) {

@@ -66,4 +66,27 @@ TEST(ctl_read_json_file, reports_the_position_of_the_error) {
     EXPECT_EQ(problem["message"], doubled.name + ": duplicate name \"/a\" in one object");
 }
 
+TEST(ctl_read_items_file, reports_all_duplicates_with_their_places) {
+    const scratch_file file(
+        "{\n  \"/a\": 1,\n  \"/b\": {\"x\": 1, \"x\": 2}, \"/a\": [1, \"}\"],\n  \"\\u002fa\": 3\n}\n");
+    control_json problem;
+    EXPECT_FALSE(ctl_read_items_file(file.name, problem).has_value());
+    EXPECT_EQ(problem["message"],
+              file.name + ": line 3, column 3: /b: duplicate name \"x\" in one object\n" + file.name +
+                  ": line 3, column 27: /a: duplicate name, already used in line 2, column 3\n" + file.name +
+                  ": line 4, column 3: /a: duplicate name, already used in line 2, column 3");
+}
+
+TEST(ctl_read_items_file, leaves_duplicates_out_if_their_places_are_wanted) {
+    const scratch_file file("{\"/a\": 1, \"/a\": {\"x\": 2},\n \"/b\": 2}");
+    control_json problem;
+    ctl_source source;
+    const auto items = ctl_read_items_file(file.name, problem, &source);
+    ASSERT_TRUE(items.has_value()) << problem;
+    EXPECT_EQ(control_json_text(*items), R"({"/a":1,"/b":2})");
+    EXPECT_TRUE(ctl_has_duplicates(source));
+    ASSERT_EQ(source.members.size(), 3U);
+    EXPECT_EQ(ctl_place_text(source.members[2]), "line 2, column 2");
+}
+
 }  // namespace

@@ -285,6 +285,15 @@ TEST_F(control_change_calls_test, every_check_shows_old_and_new_values) {
     EXPECT_EQ(result(R"({"call":"set","check":1,"path":"timeout","value":45})"), "usage");
 }
 
+TEST_F(control_change_calls_test, each_refused_item_of_a_load_is_named_with_its_reason) {
+    const control_json answer = ask(R"({"call":"load","items":{"@cmn/timeout":500,"/nonsense":1}})");
+    ASSERT_EQ(answer["refusals"].size(), 2U);
+    EXPECT_EQ(answer["refusals"][0]["path"], timeout_path);
+    EXPECT_THAT(answer["refusals"][0]["text"].get<std::string>(), HasSubstr("500 is out of range"));
+    EXPECT_EQ(answer["refusals"][1]["path"], "/nonsense");
+    EXPECT_FALSE(answer.contains("more_refusals"));
+}
+
 TEST_F(control_change_calls_test, ten_thousand_items_load_in_one_commit) {
     std::string items;
     for (int number = 0; number < 10'000; number++) {
