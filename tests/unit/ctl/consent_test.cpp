@@ -15,7 +15,7 @@ using testing::HasSubstr;
 
 constexpr char lock_out_refusal[] =
     R"({"result":"refused","message":"no","lock_out":["a new login would be refused"]})";
-constexpr char made[] = R"({"result":"done"})";
+constexpr char change_done[] = R"({"result":"done"})";
 
 /// Makes standard input and standard error a terminal on which somebody has typed `reply`.
 class operators_terminal {
@@ -67,14 +67,14 @@ control_json change(const std::vector<std::string>& answers, std::vector<std::st
 TEST(ctl_ask_with_consent, nobody_is_asked_without_a_terminal) {
     std::vector<std::string> requests;
     EXPECT_EQ(change({lock_out_refusal}, requests)["message"], "no");
-    EXPECT_EQ(change({made}, requests, true)["result"], "done");
+    EXPECT_EQ(change({change_done}, requests, true)["result"], "done");
     EXPECT_THAT(requests[0], HasSubstr(R"("yes":true)"));
 }
 
 TEST(ctl_ask_with_consent, the_operator_confirms_on_the_terminal) {
     std::vector<std::string> requests;
     const operators_terminal terminal("yes\n");
-    EXPECT_EQ(change({lock_out_refusal, made}, requests)["result"], "done");
+    EXPECT_EQ(change({lock_out_refusal, change_done}, requests)["result"], "done");
     ASSERT_EQ(requests.size(), 2U);
     EXPECT_EQ(requests[0].find("\"yes\""), std::string::npos);
     EXPECT_THAT(requests[1], HasSubstr(R"("yes":true)"));

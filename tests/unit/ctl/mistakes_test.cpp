@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr char text[] = "{\n  \"/a\": 1,\n  \"/b\": 2,\n  \"/c\": 3}\n";
+constexpr char router_file[] = "{\n  \"/a\": 1,\n  \"/b\": 2,\n  \"/c\": 3}\n";
 
 control_json located(const std::string& file, const char* json) {
     std::string error;
@@ -14,20 +14,20 @@ control_json located(const std::string& file, const char* json) {
 }
 
 TEST(ctl_locate_mistakes, each_refused_item_has_its_place) {
-    EXPECT_EQ(located(text, R"({"result":"refused","message":"x","refusals":[{"path":"/c","text":"bad c"},)"
-                            R"({"path":"/a","text":"bad a"}],"more_refusals":7})")["message"],
+    EXPECT_EQ(located(router_file, R"({"result":"refused","message":"x","refusals":[{"path":"/c","text":"bad c"},)"
+                                   R"({"path":"/a","text":"bad a"}],"more_refusals":7})")["message"],
               "router.json: line 2, column 3: bad a\nrouter.json: line 4, column 3: bad c\n7 more items were refused");
-    EXPECT_EQ(located(text, R"({"result":"refused","message":"a verifier says no","path":"/b"})")["message"],
+    EXPECT_EQ(located(router_file, R"({"result":"refused","message":"a verifier says no","path":"/b"})")["message"],
               "router.json: line 3, column 3: a verifier says no");
-    EXPECT_EQ(located(text, R"({"result":"no_data","message":"absent","path":"/b"})")["result"], "no_data");
+    EXPECT_EQ(located(router_file, R"({"result":"no_data","message":"absent","path":"/b"})")["result"], "no_data");
 }
 
 TEST(ctl_locate_mistakes, other_answers_stay_as_they_are) {
-    EXPECT_EQ(located(text, R"({"result":"refused","message":"not an administrator"})")["message"],
+    EXPECT_EQ(located(router_file, R"({"result":"refused","message":"not an administrator"})")["message"],
               "not an administrator");
-    EXPECT_EQ(located(text, R"({"result":"failed","message":"no space","path":"/a"})")["message"], "no space");
+    EXPECT_EQ(located(router_file, R"({"result":"failed","message":"no space","path":"/a"})")["message"], "no space");
     EXPECT_EQ(located("", R"({"result":"refused","message":"no","path":"/a"})")["message"], "no");
-    EXPECT_FALSE(located(text, R"({"result":"done"})").contains("message"));
+    EXPECT_FALSE(located(router_file, R"({"result":"done"})").contains("message"));
 }
 
 TEST(ctl_locate_mistakes, duplicates_are_reported_with_the_agents_findings) {
