@@ -89,7 +89,7 @@ proof: dependencies
 	@EVERY_CALL=1 nice -n 19 $(BUILD)/tests/platform_linux_tests --gtest_filter='*datastore_crash_test*:*datastore_fault_test*'
 	@nice -n 19 tests/models/run --build $(BUILD) --histories $(HISTORIES) --seed $(SEED) --jobs $(JOBS)
 
-# Grows the corpora, which every `make test` replays.
+# An input that fails is kept in fuzz/corpus, which every `make test` replays.
 fuzz: dependencies
 	$(call build_folder,$(BUILD_FUZZ),-DSSH_CFG_FUZZ=ON -DSSH_CFG_JOIN_SOURCES=ON -DCMAKE_CXX_COMPILER=clang++,fuzz_targets)
 	@nice -n 19 tools/fuzz/run --build $(BUILD_FUZZ) --jobs $(JOBS) --document docs/proof.md \

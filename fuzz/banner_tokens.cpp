@@ -31,6 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t tokens = count_of(text, opening);
     require(tokens > 0 || expanded == text);
     require(expanded.size() <= text.size() + tokens * longest_value);
-    require(banner_expand_tokens("$(line)" + std::string(text)) == "ssh" + expanded);
+    // The time may differ from one call to the next, but not its length.
+    const std::string again = banner_expand_tokens("$(line)" + std::string(text));
+    require(again.starts_with("ssh") && again.size() == expanded.size() + 3);
     return 0;
 }
