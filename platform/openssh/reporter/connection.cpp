@@ -33,9 +33,13 @@ void write_ipv6(const sockaddr_in6& address, peer_address& peer) {
 void write_address(const sockaddr_storage& address, peer_address& peer) {
     peer = {};
     if (address.ss_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in&>(address).sin_addr, peer.text, sizeof(peer.text));
+        const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(address);
+        inet_ntop(AF_INET, &ipv4.sin_addr, peer.text, sizeof(peer.text));
+        peer.port = ntohs(ipv4.sin_port);
     } else if (address.ss_family == AF_INET6) {
-        write_ipv6(reinterpret_cast<const sockaddr_in6&>(address), peer);
+        const auto& ipv6 = reinterpret_cast<const sockaddr_in6&>(address);
+        write_ipv6(ipv6, peer);
+        peer.port = ntohs(ipv6.sin6_port);
     }
 }
 

@@ -8,9 +8,10 @@
 
 namespace openssh {
 
-/// The peer's address without the port, and with the zone if it is link-local. As long as the field that stores it.
+/// The peer's address, with the zone if it is link-local, and its port. The text is as long as the field that stores it.
 struct peer_address {
     char text[sizeof(session_facts::host)] = {};
+    uint32_t port = 0;
 };
 
 /// Inspects a socket. `peer` and `bytes` may be null. Returns false, with both unchanged, unless it is a connected TCP

@@ -165,6 +165,15 @@ void try_key(learning& with) {
     }
 }
 
+/// "ED25519 SHA256:...", for a certificate followed by its name and its issuer.
+void learn_accepted_key(learning& with) {
+    const std::string_view key = with.piece(3);
+    const size_t type_end = std::min(key.find(' '), key.size());
+    const std::string_view fingerprint = key.substr(std::min(type_end + 1, key.size()));
+    set_field(with.facts.login.key_type, key.substr(0, type_end));
+    set_field(with.facts.login.key_fingerprint, fingerprint.substr(0, fingerprint.find(' ')));
+}
+
 void try_client_method(learning& with) {
     set_field(with.facts.attempt, name_of(client_methods, with.piece(0)));
 }
@@ -175,6 +184,7 @@ void try_client_key(learning& with) {
 void let_in(learning& with) {
     if (with.facts.state != session_established) {
         with.facts.state = session_established;
+        with.facts.login.time = with.context.now;
         set_field(with.facts.method, with.facts.attempt);
     }
 }
@@ -317,6 +327,7 @@ constexpr fact_row rows[] = {
     {"mm_answer_keyverify", "% % signature %", believed::from_monitor, try_key},
     {"mm_answer_pam_respond", "~", believed::from_monitor, try_keyboard_interactive},
     {"mm_answer_gss_userok", "~", believed::from_monitor, try_other},
+    {"auth_log", "Accepted publickey for % from % port % ssh2: %", believed::from_monitor, learn_accepted_key},
     {"monitor_child_preauth", "user % authenticated by privileged process", believed::from_monitor, let_user_in},
 
     {"channel_new", "channel %: new % [~", believed::after_authentication, open_channel},

@@ -15,6 +15,8 @@ namespace openssh {
 struct log_filter {
     /// The highest debug level of a line that was not forced out: the operator's setting.
     int shown_level = 0;
+    /// Whether sshd's level "verbose", between the normal one and the first debug level, is shown.
+    bool shows_verbose = false;
 };
 
 enum class line_fate {

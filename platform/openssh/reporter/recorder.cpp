@@ -44,6 +44,7 @@ void begin_server_session(pid_t self) {
     own_facts.kind = session_kind::incoming;
     look_at_own_connection(&peer, nullptr);
     set_field(own_facts.host, peer.text);
+    own_facts.login.port = peer.port;
 }
 
 bool learn(const log_line& line, bool from_monitor) {

@@ -81,6 +81,15 @@ struct rekey_facts {
     byte_counters at_keying;
 };
 
+/// How the user logged in to a server.
+struct login_facts {
+    uint64_t time = 0;  ///< of the authentication, in seconds since boot
+    uint32_t port = 0;  ///< the peer's TCP port
+    uint32_t reserved = 0;
+    char key_type[32] = {};         ///< as sshd logs it ("ED25519"); empty unless the user logged in with a key
+    char key_fingerprint[64] = {};  ///< "SHA256:..."
+};
+
 struct session_facts {
     uint64_t start_time = 0;  ///< of process `pid`, in clock ticks since boot
     int32_t pid = 0;          ///< the process that is queried for the session: sshd's monitor, or ssh
@@ -100,7 +109,12 @@ struct session_facts {
     algorithm_facts algorithms;
     rekey_facts rekey;
     channel_facts channels[most_channels];
+    login_facts login;  ///< not in pages of the first version
 };
+
+/// Of the facts in a page of the first version.
+constexpr size_t first_session_facts_size = 1408;
+static_assert(offsetof(session_facts, login) == first_session_facts_size);
 
 static_assert(std::is_trivially_copyable_v<session_facts>);
 

@@ -25,8 +25,9 @@ struct session_page {
 };
 
 constexpr uint32_t session_page_magic = 0x31676170;  // "pag1"
-/// Must be incremented whenever the layout of the facts changes: sessions outlive an update of the responder.
-constexpr uint32_t session_page_version = 1;
+/// Must be incremented whenever the layout of the facts changes: sessions outlive an update of the responder. New facts
+/// are appended, so that pages of earlier versions can still be read.
+constexpr uint32_t session_page_version = 2;
 
 constexpr size_t session_page_size = 4096;
 static_assert(sizeof(session_page) <= session_page_size);

@@ -74,17 +74,31 @@ void clean(session_facts& facts) {
     for (channel_facts& channel : facts.channels) {
         clean(channel);
     }
+    clean(facts.login.key_type);
+    clean(facts.login.key_fingerprint);
+    facts.login.port = std::min<uint32_t>(facts.login.port, UINT16_MAX);
+}
+
+/// The layouts that have been in use.
+bool is_current(const session_page& page) {
+    return page.version == session_page_version && page.facts_size == sizeof(page.facts);
+}
+bool is_of_first_version(const session_page& page) {
+    return page.version == 1 && page.facts_size == first_session_facts_size;
 }
 
 }  // namespace
 
 bool read_page(int file, size_t offset, session_facts& facts) {
     session_page page;
-    if (!read_whole(file, offset, page) || page.magic != session_page_magic || page.version != session_page_version ||
-        page.facts_size != sizeof(page.facts)) {
+    if (!read_whole(file, offset, page) || page.magic != session_page_magic ||
+        !(is_current(page) || is_of_first_version(page))) {
         return false;
     }
     facts = page.facts;
+    if (!is_current(page)) {
+        facts.login = {};
+    }
     clean(facts);
     return true;
 }

@@ -13,8 +13,8 @@
 
 namespace openssh {
 
-/// Reads the page at `offset`. Returns false, with `facts` unchanged, if there is none, if it has a different layout,
-/// or if it was being changed at every attempt.
+/// Reads the page at `offset`, of the present version or of an earlier one, which leaves later facts empty. Returns
+/// false, with `facts` unchanged, if there is none, if it has another layout, or if it was being changed at every attempt.
 bool read_page(int file, size_t offset, session_facts& facts);
 
 /// Whether only this user, which is root, can have created the file.

@@ -119,6 +119,31 @@ TEST(fact_rows, a_method_without_a_name_stays_empty) {
     }
 }
 
+TEST(fact_rows, the_key_of_a_login_is_the_accepted_one) {
+    session_facts facts;
+    const auto accepted = [](std::string_view text, bool before_authentication = false) {
+        return line_of("auth_log", text, before_authentication);
+    };
+    const std::string_view good =
+        "Accepted publickey for operator from 10.0.0.7 port 4711 ssh2: ED25519 SHA256:uNiVztksCsDhcc0u9e8BrqXdIPVTCPUQ";
+    learn_from_line(facts, accepted(good, true), {});
+    learn_from_line(facts, accepted(good), {.from_monitor = false});
+    learn_from_line(facts, accepted("Failed publickey for operator from 10.0.0.7 port 4711 ssh2: RSA SHA256:x"), {});
+    learn_from_line(facts, accepted("Accepted password for operator from 10.0.0.7 port 4711 ssh2"), {});
+    EXPECT_STREQ(facts.login.key_type, "");
+    EXPECT_TRUE(learn_from_line(facts, accepted(good), {}));
+    EXPECT_STREQ(facts.login.key_type, "ED25519");
+    EXPECT_STREQ(facts.login.key_fingerprint, "SHA256:uNiVztksCsDhcc0u9e8BrqXdIPVTCPUQ");
+    learn_from_line(facts,
+                    accepted("Accepted publickey for operator from ::1 port 1 ssh2: RSA-CERT SHA256:cert ID a b "
+                             "(serial 0) CA RSA SHA256:ca"),
+                    {});
+    EXPECT_STREQ(facts.login.key_type, "RSA-CERT");
+    EXPECT_STREQ(facts.login.key_fingerprint, "SHA256:cert");
+    learn_from_line(facts, line_of("monitor_child_preauth", "user a authenticated by privileged process"), {.now = 77});
+    EXPECT_EQ(facts.login.time, 77U);
+}
+
 TEST(fact_rows, channels_beyond_the_last_slot_are_omitted) {
     session_facts facts;
     for (int id = 0; id < 40; ++id) {

@@ -55,6 +55,18 @@ TEST(log_filter, shows_errors_from_the_named_places) {
     EXPECT_EQ(bare(line), "connect to host");
 }
 
+TEST(log_filter, shows_steps_of_a_login_as_sshd_would) {
+    const std::string postponed =
+        "auth.c:auth_log():328 (pid=1): Postponed publickey for operator from 10.0.0.1 port 1 ssh2 [preauth]";
+    const std::string failed = "auth.c:auth_log():328 (pid=1): Failed publickey for operator from 10.0.0.1 port 1 ssh2";
+    log_filter filter;
+    log_line line;
+    EXPECT_EQ(judge_line(filter, postponed, line), line_fate::keep_back);
+    EXPECT_EQ(judge_line(filter, failed, line), line_fate::pass_bare);
+    EXPECT_EQ(judge_line(filter, "Connection from 10.0.0.1 port 1 on 10.0.0.2 port 22", line), line_fate::pass);
+    EXPECT_EQ(judge_line(filter, postponed, line), line_fate::pass_bare);
+}
+
 TEST(log_filter, truncates_a_bare_line_to_the_buffer) {
     log_line line;
     ASSERT_TRUE(parse_log_line(forced, line));

@@ -67,6 +67,21 @@ TEST(session_page, of_another_kind_is_refused) {
     EXPECT_TRUE(page_is_refused(with(page, offsetof(session_page, facts_size), uint32_t{sizeof(session_facts) - 4})));
 }
 
+TEST(session_page, of_the_first_version_lacks_the_login) {
+    session_facts facts = facts_of_session(351);
+    facts.channels[most_channels - 1] = {.state = channel_running, .id = 4, .type = connection_sftp};
+    std::string page = with(page_of(facts), offsetof(session_page, version), 1U);
+    page = with(page, offsetof(session_page, facts_size), static_cast<uint32_t>(first_session_facts_size));
+    page = with(page, offsetof(session_page, facts) + offsetof(session_facts, login), uint64_t{77});
+    session_facts read;
+    ASSERT_TRUE(read_bytes(page, read));
+    EXPECT_STREQ(read.user, "operator");
+    EXPECT_EQ(read.channels[most_channels - 1].id, 4U);
+    EXPECT_EQ(read.login.time, 0U);
+    EXPECT_STREQ(read.login.key_type, "");
+    EXPECT_TRUE(page_is_refused(with(page, offsetof(session_page, version), 2U))) << "version 2 is longer";
+}
+
 TEST(session_page, that_is_truncated_is_refused) {
     const std::string page = page_of(facts_of_session(351));
     for (const size_t size : {size_t{0}, size_t{1}, size_t{15}, size_t{16}, sizeof(session_page) - 1}) {
@@ -120,6 +135,9 @@ TEST(session_page, with_hostile_content_is_cleaned) {
     std::memset(facts.user, 'x', sizeof(facts.user));
     set_field(facts.host, "10.0.0.7\n<0>forged");
     set_field(facts.algorithms.kex, "\x1b[2J");
+    set_field(facts.login.key_type, "\x1b[2J");
+    std::memset(facts.login.key_fingerprint, 'x', sizeof(facts.login.key_fingerprint));
+    facts.login.port = 1U << 20U;
     std::memset(facts.algorithms.out_mac, 0xff, sizeof(facts.algorithms.out_mac));
     facts.state = 77;
     facts.channels[0] = {.state = 3, .id = 1, .type = connection_shell};
@@ -130,6 +148,9 @@ TEST(session_page, with_hostile_content_is_cleaned) {
     EXPECT_EQ(text_of_field(read.user), std::string(sizeof(facts.user) - 1, 'x'));
     EXPECT_EQ(text_of_field(read.host) + text_of_field(read.algorithms.kex) + text_of_field(read.algorithms.out_mac),
               "");
+    EXPECT_STREQ(read.login.key_type, "");
+    EXPECT_EQ(text_of_field(read.login.key_fingerprint), std::string(sizeof(facts.login.key_fingerprint) - 1, 'x'));
+    EXPECT_LE(read.login.port, UINT16_MAX);
     EXPECT_EQ(read.state, session_established);
     EXPECT_EQ(read.channels[0].state + read.channels[1].state, channel_unused);
     EXPECT_EQ(read.channels[2].id, 3U);
@@ -142,12 +163,14 @@ TEST(reported_facts, do_not_alter_who_is_logged_in_and_how) {
     set_field(reported.method, "rsa-pubkey");
     set_field(reported.algorithms.kex, "forged");
     reported.state = session_negotiating;
+    set_field(reported.login.key_fingerprint, "forged");
     reported.channels[3] = {.state = channel_running, .id = 9, .type = connection_shell};
     reported.session_pid = 357;
     add_reported(facts, reported);
     EXPECT_STREQ(facts.user, "operator");
     EXPECT_STREQ(facts.host, "10.0.0.7");
     EXPECT_STREQ(facts.method, "password");
+    EXPECT_STREQ(facts.login.key_fingerprint, "");
     EXPECT_STREQ(facts.algorithms.kex, "ecdh-sha2-nistp256") << "the algorithms of the login are the monitor's";
     EXPECT_EQ(facts.state, session_established);
     EXPECT_EQ(facts.pid, 351);
