@@ -106,5 +106,6 @@ int main(int count, char** arguments) {
     }
     openssh::load_into_sshd(openssh::session_hook_of(paths, to));
     openssh::load_into_sshd(openssh::session_reporter_of(paths));
+    openssh::name_vrf(options.file);
     become(openssh::server_command(paths, prepared.config), to);
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 
 #include "openssh/reporter/connection.h"
 #include "openssh/reporter/fact_rows.h"
@@ -45,6 +46,9 @@ void begin_server_session(pid_t self) {
     look_at_own_connection(&peer, nullptr);
     set_field(own_facts.host, peer.text);
     own_facts.login.port = peer.port;
+    if (const char* vrf = getenv(vrf_variable)) {
+        set_field(own_facts.login.vrf, vrf);
+    }
 }
 
 bool learn(const log_line& line, bool from_monitor) {

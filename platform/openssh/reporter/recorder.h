@@ -9,6 +9,9 @@
 
 namespace openssh {
 
+/// The environment variable in which sshd's launcher names the server's VRF.
+constexpr const char* vrf_variable = "SSH_CFG_VRF";
+
 /// Learns from a line that sshd has logged. The pages are created when the user is authenticated, because connections
 /// without a login must not take up memory. Returns an errno value once if they cannot be created, otherwise 0.
 /// Preserves errno.

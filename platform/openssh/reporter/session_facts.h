@@ -86,6 +86,7 @@ struct login_facts {
     uint64_t time = 0;  ///< of the authentication, in seconds since boot
     uint32_t port = 0;  ///< the peer's TCP port
     uint32_t reserved = 0;
+    char vrf[64] = {};
     char key_type[32] = {};         ///< as sshd logs it ("ED25519"); empty unless the user logged in with a key
     char key_fingerprint[64] = {};  ///< "SHA256:..."
 };

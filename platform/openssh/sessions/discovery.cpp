@@ -11,6 +11,9 @@ namespace openssh {
 
 namespace {
 
+/// The end of the title of sshd's monitor.
+constexpr std::string_view monitor_mark = "[priv]";
+
 /// A process that may belong to a session.
 struct candidate {
     pid_t pid = 0;
@@ -63,9 +66,28 @@ bool has_connection(const session_table& table, pid_t pid) {
 bool is_server_session(const session_table& table, const candidate& one, const std::set<pid_t>& at_login) {
     const std::string& name = one.process.name;
     const bool has_user =
-        ends_with_mark(one.process, "[priv]") || (name.find('@') != std::string::npos && !name.ends_with(']'));
+        ends_with_mark(one.process, monitor_mark) || (name.find('@') != std::string::npos && !name.ends_with(']'));
     return one.process.program == table.server_program && one.process.is_roots && has_user &&
            at_login.count(one.pid) == 0;
+}
+
+/// A connection on which nobody is authenticated. The title is "norvosshd: [accepted]", and "norvosshd: USER [priv]" once
+/// the peer has sent a user name.
+bool is_at_login(const session_table& table, const candidate& one, const std::set<pid_t>& at_login) {
+    return one.process.program == table.server_program && one.process.is_roots &&
+           (at_login.count(one.pid) != 0 || ends_with_mark(one.process, "[accepted]"));
+}
+
+/// The user in "norvosshd: USER [priv]"; empty for "unknown", by which sshd means users that do not exist.
+std::string user_in_title(std::string_view title) {
+    const size_t start = title.find(": ");
+    title.remove_suffix(monitor_mark.size());
+    if (start == std::string_view::npos || start + 2 >= title.size()) {
+        return {};
+    }
+    std::string user(title.substr(start + 2, title.size() - start - 3));
+    const bool is_plain = std::all_of(user.begin(), user.end(), [](char c) { return c >= ' ' && c <= '~'; });
+    return is_plain && user != "unknown" ? user : std::string();
 }
 
 /// A client that shares another process's connection is not a session of its own.
@@ -139,6 +161,24 @@ std::vector<pid_t> find_clients(session_table& table, session_totals& totals) {
         }
     }
     return added;
+}
+
+std::vector<unlisted_server> find_unlisted_servers(const session_table& table) {
+    const std::vector<candidate> candidates = list_candidates(table);
+    const std::set<pid_t> at_login = monitors_at_login(candidates);
+    std::vector<unlisted_server> found;
+    for (const candidate& one : candidates) {
+        if (table.sessions.count(one.pid) == 0 &&
+            (is_server_session(table, one, at_login) || is_at_login(table, one, at_login))) {
+            const bool has_user = ends_with_mark(one.process, monitor_mark);
+            found.push_back({.pid = one.pid,
+                             .process = one.process,
+                             .user = has_user ? user_in_title(one.process.name) : std::string(),
+                             .has_user = has_user,
+                             .is_at_login = is_at_login(table, one, at_login)});
+        }
+    }
+    return found;
 }
 
 std::vector<pid_t> find_left_pages(const session_table& table) {

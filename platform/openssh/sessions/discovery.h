@@ -21,6 +21,18 @@ std::vector<pid_t> find_servers(session_table& table);
 /// connected but not in the table. Returns the pids of the new sessions.
 std::vector<pid_t> find_clients(session_table& table, session_totals& totals);
 
+/// A process of sshd that serves a connection without a session in the table.
+struct unlisted_server {
+    pid_t pid = 0;
+    process_info process;
+    std::string user;          ///< as far as sshd's title shows it
+    bool has_user = false;     ///< the peer has sent a user name
+    bool is_at_login = false;  ///< nobody is authenticated yet
+};
+
+/// In the order in which they started.
+std::vector<unlisted_server> find_unlisted_servers(const session_table& table);
+
 /// Returns the pids of outgoing sessions that no longer belong to their process.
 std::vector<pid_t> find_left_pages(const session_table& table);
 

@@ -74,6 +74,7 @@ void clean(session_facts& facts) {
     for (channel_facts& channel : facts.channels) {
         clean(channel);
     }
+    clean(facts.login.vrf);
     clean(facts.login.key_type);
     clean(facts.login.key_fingerprint);
     facts.login.port = std::min<uint32_t>(facts.login.port, UINT16_MAX);

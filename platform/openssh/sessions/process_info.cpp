@@ -2,15 +2,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <memory>
 #include <optional>
 
+#include "common/journal_entry.h"
 #include "common/number.h"
-#include "openssh/reporter/connection.h"
 #include "openssh/reporter/own_process.h"
 
 namespace openssh {
@@ -53,6 +57,30 @@ bool read_stat(pid_t pid, process_info& process) {
     process.start_time = stat.start_time;
     process.parent = stat.parent;
     return true;
+}
+
+/// Calls `look` with a copy of each of the process's sockets until it returns true. Duplicating the descriptor works in
+/// any network namespace. The copy is closed at once: it would keep the connection open after the process has closed it.
+template <class visitor>
+bool visit_sockets(int process_descriptor, pid_t pid, visitor look) {
+    const std::string folder = proc_path(pid, "fd");
+    const open_folder descriptors(opendir(folder.c_str()), closedir);
+    while (const dirent* entry = descriptors != nullptr ? readdir(descriptors.get()) : nullptr) {
+        const std::optional<int> number = number_parse<int>(entry->d_name);
+        if (!number || !read_link(folder + "/" + entry->d_name).starts_with("socket:")) {
+            continue;
+        }
+        const int copy = copy_descriptor(process_descriptor, *number);
+        if (copy < 0) {
+            continue;
+        }
+        const bool found = look(copy);
+        close(copy);
+        if (found) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -130,26 +158,39 @@ int copy_descriptor(int process_descriptor, int number) {
 }
 
 bool look_at_connection(int process_descriptor, pid_t pid, byte_counters& bytes) {
-    const std::string folder = proc_path(pid, "fd");
-    const open_folder descriptors(opendir(folder.c_str()), closedir);
-    while (const dirent* entry = descriptors != nullptr ? readdir(descriptors.get()) : nullptr) {
-        const std::optional<int> number = number_parse<int>(entry->d_name);
-        if (!number || !read_link(folder + "/" + entry->d_name).starts_with("socket:")) {
-            continue;
-        }
-        // Duplicating the descriptor works in any network namespace. It is closed at once: a duplicate would keep the
-        // connection open after the process has closed it.
-        const int copy = copy_descriptor(process_descriptor, *number);
-        if (copy < 0) {
-            continue;
-        }
-        const bool found = look_at_socket(copy, nullptr, &bytes);
-        close(copy);
-        if (found) {
-            return true;
-        }
+    return visit_sockets(process_descriptor, pid, [&](int copy) { return look_at_socket(copy, nullptr, &bytes); });
+}
+
+bool peer_of_connection(int process_descriptor, pid_t pid, peer_address& peer) {
+    const bool found =
+        visit_sockets(process_descriptor, pid, [&](int copy) { return look_at_socket(copy, &peer, nullptr); });
+    if (char* zone = std::strchr(peer.text, '%'); found && zone != nullptr) {
+        *zone = '\0';
     }
-    return false;
+    return found;
+}
+
+std::string vrf_of_process(pid_t pid) {
+    constexpr std::string_view before_name = "sshd_service_";
+    constexpr std::string_view after_name = ".service";
+    std::string cgroup;
+    if (!read_text(proc_path(pid, "cgroup"), cgroup)) {
+        return {};
+    }
+    const std::string service = service_of_cgroup(cgroup);
+    return service.starts_with(before_name)
+               ? service.substr(before_name.size(), service.size() - before_name.size() - after_name.size())
+               : std::string();
+}
+
+int64_t idle_time_of_terminal(uint32_t number) {
+    struct stat status = {};
+    timespec now = {};
+    const std::string path = "/dev/pts/" + std::to_string(number);
+    if (stat(path.c_str(), &status) != 0 || !S_ISCHR(status.st_mode) || clock_gettime(CLOCK_REALTIME, &now) != 0) {
+        return -1;
+    }
+    return std::max<int64_t>(now.tv_sec - status.st_atim.tv_sec, 0);
 }
 
 }  // namespace openssh

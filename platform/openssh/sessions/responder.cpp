@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "openssh/sessions/discovery.h"
+#include "openssh/sessions/session_list.h"
 #include "openssh/sessions/snapshot.h"
 #include "openssh/sessions/sockets.h"
 
@@ -25,7 +26,7 @@ constexpr size_t most_askers = 64;
 constexpr uint64_t seconds_to_ask = 2;
 
 /// What a descriptor is for.
-enum class purpose { files, stop, totals, listen, process, asker };
+enum class purpose { files, stop, totals, list, listen, process, asker };
 
 struct endpoint {
     purpose use = purpose::stop;
@@ -39,6 +40,7 @@ struct responder {
     int events = -1;
     int files = -1;  ///< watches the folder of the servers' files
     int totals = -1;
+    int list = -1;
     std::map<int, endpoint> endpoints = {};
     std::map<pid_t, int> listeners = {};
     size_t askers = 0;
@@ -209,6 +211,19 @@ void tell_totals(responder& self) {
     }
 }
 
+void hand_out_list(responder& self) {
+    const int asker = accept_connection(self.list);
+    if (asker < 0) {
+        return;
+    }
+    look_at_all_files(self);
+    errno = send_session_list(asker, list_sessions(self.table, boot_time_now()));
+    if (errno != 0 && errno != EPIPE) {
+        complain("cannot hand out", "the list of sessions");
+    }
+    close(asker);
+}
+
 void accept_asker(responder& self, int listener, pid_t pid) {
     const int asker = accept_connection(listener);
     if (asker < 0) {
@@ -284,6 +299,9 @@ void handle(responder& self, int descriptor) {
         case purpose::totals:
             tell_totals(self);
             break;
+        case purpose::list:
+            hand_out_list(self);
+            break;
         case purpose::listen:
             accept_asker(self, descriptor, what.pid);
             break;
@@ -312,11 +330,12 @@ bool watch_everything(responder& self) {
     self.events = epoll_create1(EPOLL_CLOEXEC);
     self.files = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     self.totals = open_listener(self.options.totals_socket);
+    self.list = open_listener(self.options.list_socket);
     constexpr uint32_t appears_or_is_lost = IN_CREATE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    if (self.events < 0 || self.files < 0 || self.totals < 0 ||
+    if (self.events < 0 || self.files < 0 || self.totals < 0 || self.list < 0 ||
         inotify_add_watch(self.files, self.table.page_folder.c_str(), appears_or_is_lost) < 0 ||
         !watch(self, self.files, {.use = purpose::files}) || !watch(self, self.totals, {.use = purpose::totals}) ||
-        !watch(self, self.options.stop, {.use = purpose::stop})) {
+        !watch(self, self.list, {.use = purpose::list}) || !watch(self, self.options.stop, {.use = purpose::stop})) {
         complain("cannot watch", self.table.page_folder);
         return false;
     }
@@ -370,7 +389,10 @@ void finish(responder& self) {
     if (self.totals >= 0) {
         unlink(self.options.totals_socket.c_str());
     }
-    for (const int descriptor : {self.totals, self.files, self.events}) {
+    if (self.list >= 0) {
+        unlink(self.options.list_socket.c_str());
+    }
+    for (const int descriptor : {self.totals, self.list, self.files, self.events}) {
         if (descriptor >= 0) {
             close(descriptor);
         }

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "common/session_list.h"
 #include "common/session_totals.h"
 #include "openssh/sessions/session_table.h"
 
@@ -14,6 +15,7 @@ struct responder_options {
     int stop = -1;
     std::string socket_prefix = "/run/norvossh_oper";  ///< followed by the pid of the session's process
     std::string totals_socket = session_totals_socket;
+    std::string list_socket = session_list_socket;
     /// Called when the responder is ready, and at least every `alive_milliseconds` while it runs.
     void (*report_alive)(bool is_ready) = [](bool) {};
 };

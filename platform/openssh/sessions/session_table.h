@@ -23,6 +23,9 @@ struct process_source {
     int (*open)(pid_t pid) = open_process;
     int (*copy_descriptor)(int process_descriptor, int number) = openssh::copy_descriptor;
     bool (*look_at_connection)(int process_descriptor, pid_t pid, byte_counters& bytes) = openssh::look_at_connection;
+    bool (*peer_of)(int process_descriptor, pid_t pid, peer_address& peer) = peer_of_connection;
+    std::string (*vrf_of)(pid_t pid) = vrf_of_process;
+    int64_t (*idle_time_of_terminal)(uint32_t number) = openssh::idle_time_of_terminal;
     uint64_t (*now)() = seconds_since_boot;
 };
 

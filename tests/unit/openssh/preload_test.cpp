@@ -90,3 +90,10 @@ TEST(preload, finds_the_log_file_among_sshs_arguments) {
     EXPECT_EQ(log_file({"-E"}), "");
     EXPECT_EQ(log_file({"-?", "-E", "/log", "host"}), "/log");
 }
+
+TEST(server_environment, names_the_vrf) {
+    name_vrf("/var/opt/norvo/norvossh/sshd_config_red");
+    EXPECT_STREQ(std::getenv("SSH_CFG_VRF"), "red");
+    name_vrf("/tmp/some_file");
+    EXPECT_EQ(std::getenv("SSH_CFG_VRF"), nullptr);
+}

@@ -89,12 +89,15 @@ class recorder_of_a_server : public testing::Test {
 }  // namespace
 
 TEST_F(recorder_of_a_server, has_two_pages_for_a_users_session) {
+    setenv(vrf_variable, "red", 1);
     record("server_key_terminal_sftp");
     const session_facts monitors = page_in(own_file(), monitors_page);
     EXPECT_STREQ(monitors.user, "operator");
     EXPECT_STREQ(monitors.method, "rsa-pubkey");
     EXPECT_EQ(monitors.state, session_established);
     EXPECT_EQ(monitors.pid, getpid());
+    EXPECT_STREQ(monitors.login.vrf, "red");
+    EXPECT_NE(monitors.login.time, 0U);
     EXPECT_NE(monitors.algorithms.kex[0], '\0');
     EXPECT_EQ(monitors.channels[0].state, channel_unused);
     const session_facts reported = page_in(own_file(), reported_page);

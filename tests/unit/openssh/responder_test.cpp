@@ -43,6 +43,7 @@ class session_responder : public testing::Test {
     void SetUp() override {
         options_.socket_prefix = folder_.file("oper");
         options_.totals_socket = folder_.file("totals");
+        options_.list_socket = folder_.file("list");
         begin();
     }
 
@@ -414,4 +415,22 @@ TEST_F(session_responder, does_not_start_without_a_folder_for_its_files) {
     responder_.join();
     EXPECT_FALSE(began_);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("cannot create"), std::string::npos);
+}
+
+TEST_F(session_responder, hands_out_the_list_of_sessions) {
+    start_process();
+    const int asker = connect_to(options_.list_socket);
+    ASSERT_GE(asker, 0);
+    session_list_head head = {};
+    const int file = receive_list(asker, head);
+    close(asker);
+    ASSERT_GE(file, 0);
+    ASSERT_GE(head.count, 1U);
+    session_list_row row = {};
+    EXPECT_EQ(pread(file, &row, sizeof(row), 0), static_cast<ssize_t>(sizeof(row)));
+    close(file);
+    EXPECT_EQ(row.pid, process_);
+    EXPECT_STREQ(row.user, "operator");
+    end();
+    EXPECT_FALSE(exists(options_.list_socket));
 }

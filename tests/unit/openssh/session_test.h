@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/session_list.h"
 #include "openssh/sessions/session_table.h"
 #include "openssh/sessions/snapshot.h"
 
@@ -28,6 +30,7 @@ struct simulated_process {
     openssh::process_info info;
     bool is_connected = false;
     openssh::byte_counters bytes;
+    std::string vrf;
     int page = -1;  ///< a client's memory file
     int writing_end = -1;
 };
@@ -91,6 +94,21 @@ inline bool inspect_simulated(int, pid_t pid, openssh::byte_counters& bytes) {
     return processes()[pid].is_connected;
 }
 
+inline bool peer_of_simulated(int, pid_t pid, openssh::peer_address& peer) {
+    openssh::set_field(peer.text, "2001:db8::7");
+    peer.port = 4711;
+    return processes()[pid].is_connected;
+}
+
+inline std::string vrf_of_simulated(pid_t pid) {
+    return processes()[pid].vrf;
+}
+
+/// Terminal N has been idle for N minutes; from 100 on there are none.
+inline int64_t idle_time_of_simulated(uint32_t number) {
+    return number < 100 ? int64_t{60} * number : -1;
+}
+
 inline uint64_t simulated_time() {
     return clock_now();
 }
@@ -130,6 +148,9 @@ inline openssh::session_table make_table(const std::string& page_folder = "", co
                           .open = open_simulated,
                           .copy_descriptor = copy_simulated,
                           .look_at_connection = inspect_simulated,
+                          .peer_of = peer_of_simulated,
+                          .vrf_of = vrf_of_simulated,
+                          .idle_time_of_terminal = idle_time_of_simulated,
                           .now = simulated_time}};
 }
 
@@ -180,6 +201,23 @@ inline simulated_process& start_client(pid_t pid, const openssh::session_facts& 
 }
 inline simulated_process& start_client(pid_t pid) {
     return start_client(pid, facts_of_session(pid));
+}
+
+/// Receives the message about the list of sessions and returns its descriptor; -1 if there is none.
+inline int receive_list(int socket, session_list_head& head) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    iovec text = {.iov_base = &head, .iov_len = sizeof(head)};
+    msghdr message = {};
+    message.msg_iov = &text;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    int file = -1;
+    if (recvmsg(socket, &message, MSG_CMSG_CLOEXEC) == static_cast<ssize_t>(sizeof(head)) &&
+        CMSG_FIRSTHDR(&message) != nullptr) {
+        std::memcpy(&file, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(file));
+    }
+    return file;
 }
 
 template <size_t size>

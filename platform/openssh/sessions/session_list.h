@@ -1,0 +1,24 @@
+/// The list of sessions that the responder hands out.
+#ifndef OPENSSH_SESSIONS_SESSION_LIST_H
+#define OPENSSH_SESSIONS_SESSION_LIST_H
+
+#include <vector>
+
+#include "common/session_list.h"
+#include "openssh/sessions/session_table.h"
+
+namespace openssh {
+
+/// The servers' sessions in the table, in the order of their processes, then the connections without one. `boot_time` is
+/// the time of the boot by the present wall clock, in milliseconds since 1970.
+std::vector<session_list_row> list_sessions(session_table& table, int64_t boot_time);
+
+/// The present value of `boot_time`.
+int64_t boot_time_now();
+
+/// Sends the rows to a client, without waiting for it. Returns 0 or an errno value.
+int send_session_list(int client, const std::vector<session_list_row>& rows);
+
+}  // namespace openssh
+
+#endif
