@@ -1,5 +1,6 @@
 """Sessions under the wrapper: found by the agent, ended by a reload, and otherwise unaffected by it."""
 
+import calendar
 import hashlib
 import json
 import os
@@ -485,3 +486,44 @@ def test_without_its_wrapper_a_session_runs_nevertheless(red, journal):
     session = start(red, "cat")
     wait_for_wrappers(1)
     session.communicate(timeout=10)
+
+
+# The table of sessions
+
+HOLD_CONNECTION = "import socket; s = socket.create_connection(('127.0.0.1', 22)); s.recv(100); print(flush=True); input()"
+
+
+def test_sessions_are_listed_with_what_is_known_and_ended(red, journal):
+    connection = subprocess.Popen(
+        ["ip", "netns", "exec", f"vrf-{red}", "python3", "-c", HOLD_CONNECTION],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+    )
+    assert connection.stdout.readline() == b"\n"
+    with log_in(red) as terminal:
+        terminal.read_until("$ ")
+        terminal.type("tty\n")
+        terminal.read_until("/dev/")
+        tty = terminal.read_until("\r\n").strip()
+        listed = router.wait_until(
+            lambda: {s["state"]: s for s in router.ctl("sessions") if s["state"] != "established" or s["terminals"]}
+        )
+        session, other = listed["established"], listed["connecting"]
+        assert session["vrf"] == other["vrf"] == red
+        assert (session["user"], session["address"], session["terminals"]) == ("operator", "127.0.0.1", [tty])
+        assert (other["id"], other["user"], other["address"]) == (None, None, "127.0.0.1")
+        assert session["method"].endswith("-pubkey")
+        fingerprints = router.run("sh", "-c", "for f in /root/.ssh/*.pub; do ssh-keygen -lf $f; done").stdout
+        assert session["key"]["fingerprint"] in fingerprints
+        assert session["idle"] < 60
+        since = calendar.timegm(time.strptime(session["since"], "%Y-%m-%dT%H:%M:%SZ"))
+        assert abs(since - time.time()) < 120
+        assert process(session["pid"])["words"][0] == "norvosshd: operator [priv]"
+        assert session["algorithms"]["cipher_in"] in router.run("ssh", "-Q", "cipher").stdout.split()
+        ended = router.ctl("session", "end", "--vrf", red)
+        assert {s["pid"] for s in ended} == {session["pid"], other["pid"]}
+        terminal.read_to_end()
+    connection.communicate(timeout=30)
+    assert router.ctl("sessions") == []
+    wait_for_wrappers(0)
+    assert router.ctl("session", "end", "--vrf", red, check=False).returncode == 4
+    journal.wait_for(f"session {session['id']} of operator from 127.0.0.1")

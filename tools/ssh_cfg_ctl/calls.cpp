@@ -12,6 +12,8 @@
 #include "ssh_cfg_ctl/item_help.h"
 #include "ssh_cfg_ctl/options.h"
 #include "ssh_cfg_ctl/print.h"
+#include "ssh_cfg_ctl/session_requests.h"
+#include "ssh_cfg_ctl/sessions.h"
 #include "ssh_cfg_ctl/show.h"
 #include "ssh_cfg_ctl/status.h"
 #include "ssh_cfg_ctl/terminal.h"
@@ -20,21 +22,9 @@ namespace {
 
 using argument_list = std::vector<std::string>;
 
-ctl_request fail(control_result result, const std::string& message) {
-    return {{}, control_answer(result, message), {}};
-}
-
-ctl_request wrong_arguments() {
-    return fail(control_result::usage, {});
-}
-
-ctl_request ask(control_json document) {
-    return {std::move(document), {}, {}};
-}
-
 // JSON carries only text: any other bytes would reach the agent altered.
 ctl_request not_text(const std::string& argument) {
-    return fail(control_result::refused, "\"" + text_escape(argument, 80) + "\" is not valid UTF-8");
+    return ctl_request_problem(control_result::refused, "\"" + text_escape(argument, 80) + "\" is not valid UTF-8");
 }
 
 const std::string* find_no_text(const argument_list& arguments) {
@@ -67,13 +57,13 @@ ctl_request set_request(const argument_list& given) {
     control_json request = {{"call", "set"}};
     move_check(arguments, request);
     if (!move_note(arguments, request) || arguments.empty() || arguments.size() > 2) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     request["path"] = arguments[0];
     if (arguments.size() == 2) {
         request["word"] = arguments[1];
     }
-    return ask(std::move(request));
+    return ctl_request_of(std::move(request));
 }
 
 /// The request of a deletion, which may concern something that is absent.
@@ -81,15 +71,15 @@ ctl_request deletion(control_json document, bool absent_ok) {
     if (absent_ok) {
         document["absent_ok"] = true;
     }
-    return ask(std::move(document));
+    return ctl_request_of(std::move(document));
 }
 
 template <const char* call_name>
 ctl_request path_request(const argument_list& arguments) {
     if (arguments.size() != 1) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
-    return ask({{"call", call_name}, {"path", arguments[0]}});
+    return ctl_request_of({{"call", call_name}, {"path", arguments[0]}});
 }
 
 ctl_request delete_request(const argument_list& given) {
@@ -98,7 +88,7 @@ ctl_request delete_request(const argument_list& given) {
     const bool absent_ok = ctl_take_flag(arguments, "--absent-ok");
     move_check(arguments, request);
     if (!move_note(arguments, request) || arguments.size() != 1) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     request["path"] = arguments[0];
     return deletion(std::move(request), absent_ok);
@@ -106,7 +96,7 @@ ctl_request delete_request(const argument_list& given) {
 
 template <const char* call_name>
 ctl_request bare_request(const argument_list& arguments) {
-    return arguments.empty() ? ask({{"call", call_name}}) : wrong_arguments();
+    return arguments.empty() ? ctl_request_of({{"call", call_name}}) : ctl_wrong_arguments();
 }
 
 constexpr char get_name[] = "get";
@@ -117,17 +107,18 @@ constexpr char verify_name[] = "verify";
 constexpr char repair_name[] = "repair";
 constexpr char confirm_name[] = "confirm";
 constexpr char history_name[] = "history";
+constexpr char sessions_name[] = "sessions";
 
 ctl_request list_request(const argument_list& arguments) {
     const bool all = !arguments.empty() && arguments[0] == "--all";
     if (arguments.size() != (all ? 2 : 1)) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     control_json request = {{"call", "list"}, {"path", arguments.back()}};
     if (all) {
         request["all"] = true;
     }
-    return ask(std::move(request));
+    return ctl_request_of(std::move(request));
 }
 
 /// Several words are one text.
@@ -136,7 +127,7 @@ ctl_request help_request(const argument_list& arguments) {
     for (const std::string& argument : arguments) {
         text += (text.empty() ? "" : " ") + argument;
     }
-    return ask({{"call", "help"}, {"path", text}});
+    return ctl_request_of({{"call", "help"}, {"path", text}});
 }
 
 constexpr unsigned confirm_minutes_max = 1440;
@@ -170,7 +161,7 @@ ctl_request load_request(const argument_list& given) {
     }
     if (!move_note(arguments, request) || arguments.size() != 1 ||
         (arguments[0] != "-" && arguments[0].starts_with("--"))) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     ctl_source source;
     std::optional<control_json> items = ctl_read_items_file(arguments[0], problem, &source);
@@ -194,10 +185,10 @@ ctl_request rollback_request(const argument_list& given) {
     const bool has_note = move_note(arguments, request);
     const std::optional<uint64_t> number = arguments.size() == 1 ? commit_number(arguments[0]) : std::nullopt;
     if (!has_note || !number.has_value()) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     request["number"] = *number;
-    return ask(std::move(request));
+    return ctl_request_of(std::move(request));
 }
 
 ctl_request diff_request(const argument_list& arguments) {
@@ -211,11 +202,11 @@ ctl_request diff_request(const argument_list& arguments) {
             return {{}, problem, {}};
         }
         request["items"] = std::move(*items);
-        return ask(std::move(request));
+        return ctl_request_of(std::move(request));
     }
     if (arguments.size() > 2 || (!arguments.empty() && !first.has_value()) ||
         (arguments.size() == 2 && !second.has_value())) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     if (first.has_value()) {
         request["from"] = *first;
@@ -223,34 +214,34 @@ ctl_request diff_request(const argument_list& arguments) {
     if (second.has_value()) {
         request["to"] = *second;
     }
-    return ask(std::move(request));
+    return ctl_request_of(std::move(request));
 }
 
 ctl_request vrf_request(const argument_list& arguments) {
     if (arguments.size() == 1 && arguments[0] == "list") {
-        return ask({{"call", "vrf_list"}});
+        return ctl_request_of({{"call", "vrf_list"}});
     }
     if (arguments.size() == 2 && arguments[0] == "unblock") {
-        return ask({{"call", "vrf_unblock"}, {"name", arguments[1]}});
+        return ctl_request_of({{"call", "vrf_unblock"}, {"name", arguments[1]}});
     }
-    return wrong_arguments();
+    return ctl_wrong_arguments();
 }
 
 ctl_request debug_request(const argument_list& arguments) {
     if (arguments.empty()) {
-        return ask({{"call", "debug"}});
+        return ctl_request_of({{"call", "debug"}});
     }
     if (arguments.size() != 2 || (arguments[1] != "on" && arguments[1] != "off")) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
-    return ask({{"call", "debug"}, {"flag", arguments[0]}, {"on", arguments[1] == "on"}});
+    return ctl_request_of({{"call", "debug"}, {"flag", arguments[0]}, {"on", arguments[1] == "on"}});
 }
 
 ctl_request trace_request(const argument_list& arguments) {
     if (arguments.size() != 1 || (arguments[0] != "error" && arguments[0] != "event")) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
-    return ask({{"call", "trace"}, {"buffer", arguments[0]}});
+    return ctl_request_of({{"call", "trace"}, {"buffer", arguments[0]}});
 }
 
 /// The lines of a file.
@@ -278,15 +269,15 @@ ctl_request acl_set_request(const argument_list& arguments, const control_json& 
         std::string error;
         std::optional<control_json> entries = control_json_parse(*text, error);
         if (!entries.has_value()) {
-            return fail(control_result::refused, arguments[3] + ": " + error);
+            return ctl_request_problem(control_result::refused, arguments[3] + ": " + error);
         }
         request["entries"] = std::move(*entries);
     } else if (!text_is_utf8(*text)) {
-        return fail(control_result::refused, arguments[3] + ": not valid UTF-8");
+        return ctl_request_problem(control_result::refused, arguments[3] + ": not valid UTF-8");
     } else {
         request["lines"] = lines_of(*text);
     }
-    return ask(std::move(request));
+    return ctl_request_of(std::move(request));
 }
 
 ctl_request acl_request(const argument_list& given) {
@@ -299,13 +290,13 @@ ctl_request acl_request(const argument_list& given) {
     const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
     if ((!set_options.empty() && verb != "set") || (absent_ok && verb != "delete")) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     if (verb == "list" && arguments.size() == 1) {
-        return ask({{"call", "acl_list"}});
+        return ctl_request_of({{"call", "acl_list"}});
     }
     if (arguments.size() < 3 || (arguments[1] != "ipv4" && arguments[1] != "ipv6")) {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     if (verb == "set" && arguments.size() == 4) {
         return acl_set_request(arguments, set_options);
@@ -313,7 +304,7 @@ ctl_request acl_request(const argument_list& given) {
     if ((verb == "show" || verb == "delete") && arguments.size() == 3) {
         return deletion({{"call", "acl_" + verb}, {"family", arguments[1]}, {"name", arguments[2]}}, absent_ok);
     }
-    return wrong_arguments();
+    return ctl_wrong_arguments();
 }
 
 ctl_request key_import_request(const argument_list& arguments) {
@@ -323,9 +314,9 @@ ctl_request key_import_request(const argument_list& arguments) {
         return {{}, problem, {}};
     }
     if (!text_is_utf8(*text)) {
-        return fail(control_result::refused, arguments[2] + ": not valid UTF-8");
+        return ctl_request_problem(control_result::refused, arguments[2] + ": not valid UTF-8");
     }
-    return ask({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
+    return ctl_request_of({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
 }
 
 ctl_request key_request(const argument_list& given) {
@@ -333,10 +324,10 @@ ctl_request key_request(const argument_list& given) {
     const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
     if (absent_ok && verb != "delete") {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     if (verb == "list" && arguments.size() == 1) {
-        return ask({{"call", "key_list"}});
+        return ctl_request_of({{"call", "key_list"}});
     }
     if (verb == "import" && arguments.size() == 3) {
         return key_import_request(arguments);
@@ -344,24 +335,24 @@ ctl_request key_request(const argument_list& given) {
     if (verb == "delete" && arguments.size() == 2) {
         return deletion({{"call", "key_delete"}, {"user", arguments[1]}}, absent_ok);
     }
-    return wrong_arguments();
+    return ctl_wrong_arguments();
 }
 
 constexpr unsigned reload_timeout_max = 3600;
 
 ctl_request reload_request(const argument_list& arguments) {
     if (arguments.empty()) {
-        return ask({{"call", "reload"}});
+        return ctl_request_of({{"call", "reload"}});
     }
     if (arguments.size() != 2 || arguments[0] != "--timeout") {
-        return wrong_arguments();
+        return ctl_wrong_arguments();
     }
     const std::optional<unsigned> seconds = number_parse<unsigned>(arguments[1], 1, reload_timeout_max);
     if (!seconds) {
-        return fail(control_result::usage,
-                    "reload timeout: expected 1 to 3600 seconds, not '" + text_escape(arguments[1], 40) + "'");
+        return ctl_request_problem(control_result::usage, "reload timeout: expected 1 to 3600 seconds, not '" +
+                                                              text_escape(arguments[1], 40) + "'");
     }
-    return ask({{"call", "reload"}, {"timeout", *seconds}});
+    return ctl_request_of({{"call", "reload"}, {"timeout", *seconds}});
 }
 
 const control_json& data_of(const control_json& answer) {
@@ -496,6 +487,14 @@ std::string vrf_text(const control_json& answer) {
                             : "opened in VRF " + name + ": " + services + '\n';
 }
 
+std::string sessions_text(const control_json& answer) {
+    return ctl_sessions_text(data_of(answer), ctl_output_width());
+}
+
+std::string ended_sessions_text(const control_json& answer) {
+    return ctl_ended_sessions_text(data_of(answer));
+}
+
 std::string keys_text(const control_json& answer) {
     control_json keys = data_of(answer);
     if (!keys.is_array()) {
@@ -510,10 +509,10 @@ std::string keys_text(const control_json& answer) {
 
 ctl_request status_request(const argument_list& arguments) {
     if (arguments.empty()) {
-        return ask({{"call", "status"}});
+        return ctl_request_of({{"call", "status"}});
     }
-    return arguments.size() == 1 && arguments[0] == "--check" ? ask({{"call", "status"}, {"check", true}})
-                                                              : wrong_arguments();
+    return arguments.size() == 1 && arguments[0] == "--check" ? ctl_request_of({{"call", "status"}, {"check", true}})
+                                                              : ctl_wrong_arguments();
 }
 
 std::string status_text(const control_json& answer) {
@@ -544,7 +543,7 @@ std::string repair_text(const control_json& answer) {
 
 /// Of a call that makes its requests itself.
 ctl_request no_request(const argument_list& /*arguments*/) {
-    return wrong_arguments();
+    return ctl_wrong_arguments();
 }
 
 constexpr ctl_call_row calls[] = {
@@ -593,6 +592,11 @@ constexpr ctl_call_row calls[] = {
     {"vrf", "list, or unblock NAME",
      "print the VRFs, their namespaces and their protection, or open the ports that a failure keeps blocked in one of them",
      vrf_request, vrf_text},
+    {"sessions", "", "print the servers' sessions, and the connections on which nobody has logged in yet",
+     bare_request<sessions_name>, sessions_text},
+    {"session", "end ID, end --user USER, end --vrf NAME, or end --pid PID",
+     "end sessions of the servers, or connections on which nobody has logged in yet", ctl_session_request,
+     ended_sessions_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "[--check]",

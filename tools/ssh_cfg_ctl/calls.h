@@ -7,16 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "control_protocol/answer.h"
 #include "ssh_cfg_ctl/client.h"
-#include "ssh_cfg_ctl/mistakes.h"
-
-/// The result of parsing a call's arguments: a request, or a problem, which has the form of an answer.
-struct ctl_request {
-    control_json document;
-    control_json problem;    ///< null when there is none
-    ctl_source source = {};  ///< the file with the items of the request
-};
+#include "ssh_cfg_ctl/request.h"
 
 struct ctl_call_row {
     const char* name;

@@ -114,6 +114,11 @@ std::string ctl_value_text(const control_json& value) {
                        ctl_shown_max);
 }
 
+std::string ctl_member_text(const control_json& object, const char* name) {
+    const auto found = object.is_object() ? object.find(name) : object.end();
+    return ctl_value_text(found == object.end() ? control_json() : *found);
+}
+
 std::string ctl_records_text(const control_json& records, size_t width) {
     if (records.empty()) {
         return {};

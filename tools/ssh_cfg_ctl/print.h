@@ -13,6 +13,9 @@ inline constexpr size_t ctl_shown_max = 4096;
 /// A plain value as readable text, "-" for null; other values as JSON.
 std::string ctl_value_text(const control_json& value);
 
+/// Returns the same text for a member of an object, and "-" if there is no such member.
+std::string ctl_member_text(const control_json& object, const char* name);
+
 /// Objects of plain values as a table, with their names as headings and one line per object; objects with nested values,
 /// or too wide for a line of `width` columns (0: unlimited), as blocks.
 std::string ctl_records_text(const control_json& records, size_t width);

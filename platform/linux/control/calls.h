@@ -29,6 +29,8 @@
 ///   key_list    nothing
 ///   key_import  user, text (a key as OpenSSH writes it)
 ///   key_delete  user, absent_ok
+///   sessions      number (of a list that was asked for before, optional)
+///   session_end   one of id, pid (numbers), user, vrf (texts); the rest is set by "next"
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
 /// A path of set, delete, get, list or show may be given by its end; if that is ambiguous, the answer has result "usage" and

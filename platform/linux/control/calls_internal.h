@@ -78,6 +78,10 @@ control_json control_call_key_delete(const control_json& request, const control_
 control_json control_call_reload(const control_json& request, const control_peer& peer);
 control_json control_call_reload_state(const control_json& request, const control_peer& peer);
 
+// The servers' sessions (session_calls.cpp).
+control_json control_call_sessions(const control_json& request, const control_peer& peer);
+control_json control_call_session_end(const control_json& request, const control_peer& peer);
+
 // Lifting blocks of a VRF (vrf_calls.cpp).
 control_json control_call_vrf_unblock(const control_json& request, const control_peer& peer);
 

@@ -78,7 +78,8 @@ bool is_at_login(const session_table& table, const candidate& one, const std::se
            (at_login.count(one.pid) != 0 || ends_with_mark(one.process, "[accepted]"));
 }
 
-/// The user in "norvosshd: USER [priv]"; empty for "unknown", by which sshd means users that do not exist.
+/// Returns the user in "norvosshd: USER [priv]", or an empty string for "unknown", which is what sshd calls users that do not
+/// exist.
 std::string user_in_title(std::string_view title) {
     const size_t start = title.find(": ");
     title.remove_suffix(monitor_mark.size());

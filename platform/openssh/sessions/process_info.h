@@ -45,14 +45,14 @@ int copy_descriptor(int process_descriptor, int number);
 /// there is none or it cannot be inspected.
 bool look_at_connection(int process_descriptor, pid_t pid, byte_counters& bytes);
 
-/// The peer of such a connection, without the zone of a link-local address, whose name only the process's network namespace
-/// knows. Returns false, with `peer` unchanged, if there is none or it cannot be inspected.
+/// Stores the peer of such a connection in `peer`, without the zone of a link-local address, whose name is known only in the
+/// process's network namespace. Returns false, with `peer` unchanged, if there is none or it cannot be inspected.
 bool peer_of_connection(int process_descriptor, pid_t pid, peer_address& peer);
 
-/// The VRF of a server's process before its login; empty if it does not belong to a server.
+/// Returns the VRF of a server's process before its login, or an empty string if the process does not belong to a server.
 std::string vrf_of_process(pid_t pid);
 
-/// Seconds since the last input on /dev/pts/`number`, or a negative number if there is no such terminal.
+/// Returns the seconds since the last input on /dev/pts/`number`, or a negative number if there is no such terminal.
 int64_t idle_time_of_terminal(uint32_t number);
 
 }  // namespace openssh

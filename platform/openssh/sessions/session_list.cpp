@@ -20,7 +20,7 @@ namespace {
 constexpr int64_t milliseconds = 1000;
 
 template <size_t size>
-void copy_field(char (&to)[size], const char* from) {
+void copy_text(char (&to)[size], const char* from) {
     set_field(to, std::string_view(from));
 }
 
@@ -56,18 +56,18 @@ session_list_row row_of_session(const session_table& table, const session_facts&
     row.since = facts.login.time == 0 ? 0 : wall_clock(boot_time, facts.login.time);
     row.port = facts.login.port;
     add_terminals(row, table, facts);
-    copy_field(row.vrf, facts.login.vrf);
-    copy_field(row.user, facts.user);
-    copy_field(row.host, facts.host);
-    copy_field(row.method, facts.method);
-    copy_field(row.key_type, facts.login.key_type);
-    copy_field(row.key_fingerprint, facts.login.key_fingerprint);
-    copy_field(row.kex, facts.algorithms.kex);
-    copy_field(row.host_key, facts.algorithms.host_key);
-    copy_field(row.in_cipher, facts.algorithms.in_cipher);
-    copy_field(row.out_cipher, facts.algorithms.out_cipher);
-    copy_field(row.in_mac, facts.algorithms.in_mac);
-    copy_field(row.out_mac, facts.algorithms.out_mac);
+    copy_text(row.vrf, facts.login.vrf);
+    copy_text(row.user, facts.user);
+    copy_text(row.host, facts.host);
+    copy_text(row.method, facts.method);
+    copy_text(row.key_type, facts.login.key_type);
+    copy_text(row.key_fingerprint, facts.login.key_fingerprint);
+    copy_text(row.kex, facts.algorithms.kex);
+    copy_text(row.host_key, facts.algorithms.host_key);
+    copy_text(row.in_cipher, facts.algorithms.in_cipher);
+    copy_text(row.out_cipher, facts.algorithms.out_cipher);
+    copy_text(row.in_mac, facts.algorithms.in_mac);
+    copy_text(row.out_mac, facts.algorithms.out_mac);
     return row;
 }
 
@@ -90,11 +90,11 @@ session_list_row row_of_unlisted(const session_table& table, const unlisted_serv
     peer_address peer;
     const file_descriptor process(table.processes.open(server.pid));
     if (process.get() >= 0 && table.processes.peer_of(process.get(), server.pid, peer)) {
-        copy_field(row.host, peer.text);
+        copy_text(row.host, peer.text);
         row.port = peer.port;
     }
-    copy_field(row.vrf, table.processes.vrf_of(server.pid).c_str());
-    copy_field(row.user, server.user.c_str());
+    copy_text(row.vrf, table.processes.vrf_of(server.pid).c_str());
+    copy_text(row.user, server.user.c_str());
     return row;
 }
 

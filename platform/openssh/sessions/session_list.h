@@ -1,4 +1,4 @@
-/// The list of sessions that the responder hands out.
+/// Builds the list of sessions and sends it to a client of the responder.
 #ifndef OPENSSH_SESSIONS_SESSION_LIST_H
 #define OPENSSH_SESSIONS_SESSION_LIST_H
 
@@ -9,11 +9,12 @@
 
 namespace openssh {
 
-/// The servers' sessions in the table, in the order of their processes, then the connections without one. `boot_time` is
+/// Returns the servers' sessions in the table, in the order of their processes, then the connections on which nobody has
+/// logged in. `boot_time` is
 /// the time of the boot by the present wall clock, in milliseconds since 1970.
 std::vector<session_list_row> list_sessions(session_table& table, int64_t boot_time);
 
-/// The present value of `boot_time`.
+/// Returns the time of the boot by the present wall clock, in milliseconds since 1970.
 int64_t boot_time_now();
 
 /// Sends the rows to a client, without waiting for it. Returns 0 or an errno value.

@@ -53,6 +53,11 @@ TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("key", {"delete", "alice"}), R"({"call":"key_delete","user":"alice"})");
     EXPECT_EQ(request("verify", {}), R"({"call":"verify"})");
     EXPECT_EQ(request("repair", {}), R"({"call":"repair"})");
+    EXPECT_EQ(request("sessions", {}), R"({"call":"sessions"})");
+    EXPECT_EQ(request("session", {"end", "12"}), R"({"call":"session_end","id":12})");
+    EXPECT_EQ(request("session", {"end", "--pid", "4711"}), R"({"call":"session_end","pid":4711})");
+    EXPECT_EQ(request("session", {"end", "--user", "a"}), R"({"call":"session_end","user":"a"})");
+    EXPECT_EQ(request("session", {"end", "--vrf", "red"}), R"({"call":"session_end","vrf":"red"})");
     EXPECT_EQ(request("reload", {}), R"({"call":"reload"})");
     EXPECT_EQ(request("reload", {"--timeout", "3600"}), R"({"call":"reload","timeout":3600})");
 }
@@ -174,6 +179,12 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
         {"key", {"import", "alice"}},
         {"key", {"delete"}},
         {"key", {"remove", "alice"}},
+        {"sessions", {"x"}},
+        {"session", {}},
+        {"session", {"end"}},
+        {"session", {"end", "--user"}},
+        {"session", {"end", "--all", "x"}},
+        {"session", {"end", "12", "13"}},
         {"reload", {"--timeout"}},
         {"verify", {"mgmt"}},
         {"repair", {"--all"}},

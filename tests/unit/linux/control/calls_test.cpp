@@ -75,6 +75,8 @@ TEST_F(control_calls_test, what_changes_nothing_and_needs_no_handler_may_be_answ
         {R"({"call":"acl_delete"})", false},
         {R"({"call":"key_import"})", false},
         {R"({"call":"key_delete"})", false},
+        {R"({"call":"sessions"})", true},
+        {R"({"call":"session_end"})", true},
         {R"({"call":"reload"})", false},
         {R"({"call":"reload_state"})", false},
     };
@@ -114,7 +116,8 @@ TEST_F(control_calls_test, readers_read_and_change_nothing) {
           R"({"call":"acl_set","family":"ipv4","name":"a","lines":[],"empty":true})",
           R"({"call":"acl_delete","family":"ipv4","name":"a"})", R"({"call":"key_import","user":"alice","text":"x"})",
           R"({"call":"key_delete","user":"alice"})", R"({"call":"debug","flag":"cfg-agent","on":true})",
-          R"({"call":"vrf_unblock","name":"red"})", R"({"call":"reload"})", R"({"call":"repair"})"}) {
+          R"({"call":"vrf_unblock","name":"red"})", R"({"call":"session_end","user":"x"})", R"({"call":"reload"})",
+          R"({"call":"repair"})"}) {
         EXPECT_EQ(result(request), "refused") << request;
         EXPECT_EQ(message(request), "permission denied: changes are up to root and members of the group sshcfg-admin");
     }
