@@ -63,7 +63,8 @@ std::vector<acl_stored_entry> make_entries(const family_work& family) {
 
 void measure_load(const family_work& family) {
     const std::vector<acl_stored_entry> entries = make_entries(family);
-    require(acl_list_replace(family.code, list_name, entries) == PLATFORM_OK, "cannot store the list");
+    const std::string key = std::string(acl_key_prefix(family.code)) + list_name;
+    require(datastore_private_put(key, acl_list_encode(entries)) == PLATFORM_OK, "cannot store the list");
     acl_change_notice notice = {};
     copy_text(notice.acl_name, sizeof notice.acl_name, list_name);
     notice.present = 1;

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "linux/access_lists/acl_service_internal.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/control/control.h"
 #include "linux/control/fallback.h"
 #include "linux/enforcement/enforcement_internal.h"
@@ -50,7 +51,18 @@ void withdraw_standby_calls() {
 }
 
 platform_status start_acl_service(struct event_manager*) {
+    acl_values_start();
     return acl_service_start();
+}
+
+void stop_acl_service() {
+    acl_values_stop();
+    acl_service_stop();
+}
+
+platform_status start_key_imports(struct event_manager*) {
+    key_imports_start();
+    return PLATFORM_OK;
 }
 
 platform_status start_aaa_users(struct event_manager*) {
@@ -85,7 +97,8 @@ constexpr platform_service services[] = {
     {"start count", service_moment::manager_created, 0, false, count_start, nullptr},
     {"control socket", service_moment::manager_created, 0, false, open_control_socket, control_close},
     {"standby calls", service_moment::manager_created, 0, false, offer_standby_calls, withdraw_standby_calls},
-    {"access lists", service_moment::manager_created, 0, false, start_acl_service, acl_service_stop},
+    {"access lists", service_moment::manager_created, 0, false, start_acl_service, stop_acl_service},
+    {"imported keys", service_moment::manager_created, 0, false, start_key_imports, key_imports_stop},
     {"AAA users", service_moment::manager_created, 0, false, start_aaa_users, aaa_users_stop},
 
     {"namespace watch", service_moment::message_attached, NAMESPACE_MESSAGE, true, namespace_watch_start,

@@ -169,8 +169,14 @@ class Run:
         problems += compare_rules(state["kernel"], self.model.kernel)
         problems += self._compare_counts() + self._compare_records()
         stored = self.agent.call(call="dump")["data"]
+        lists = {path: [entry["SequenceNumber"] for entry in stored.pop(path)]
+                 for path in list(stored) if path.startswith("/access-lists/")}
         if stored != self.model.stored:
             problems.append(f"stored: {stored}, expected {self.model.stored}")
+        expected_lists = {f"/access-lists/{family}/{name}": sorted(entry["SequenceNumber"] for entry in entries)
+                          for family, named in self.model.access_lists.items() for name, entries in named.items()}
+        if lists != expected_lists:
+            problems.append(f"lists: {lists}, expected {expected_lists}")
         rows = {row.pop("name"): row for row in self.agent.call(call="vrf_list")["data"]}
         # A VRF keeps its number when nothing else is left of it.
         rows = {name: {key: row[key] for key in row if key != "id"} for name, row in rows.items()

@@ -68,7 +68,8 @@ def load(items, **options):
 
 
 def configuration():
-    return ctl("dump")
+    """The items; access lists and imported keys belong to the tests that make them."""
+    return {path: value for path, value in ctl("dump").items() if path.startswith("/cfg/")}
 
 
 @contextlib.contextmanager

@@ -37,3 +37,21 @@ def test_a_commit_on_trial_is_still_awaited_after_the_agent_was_killed():
     assert call("get", "cmn/timeout") == "43\n"
     call("rollback", str(number))
     call("set", "cmn/timeout", "44")
+
+
+def test_a_rollback_restores_lists_with_the_items_that_use_them():
+    item = "/cfg/gl/crypto/ssh/server/sshd/vrf/red"
+    call("acl", "set", "ipv4", "kept", "-", input="10 permit tcp any any eq ssh\n")
+    call("set", item, '{"ipv4_acl": "kept"}')
+    number = history()[0]["number"]
+    nothing = '{"/access-lists/": null}'
+    assert "deleted  /access-lists/ipv4/kept\n" in call("load", "--check", "--replace", "-", input=nothing)
+    call("load", "--replace", "--confirm", "60", "-", input=nothing)
+    assert [(entry["call"], entry["changes"]) for entry in history()[:2]] == [("load", 2), ("set", 1)]
+    call("acl", "show", "ipv4", "kept", status=4)
+    call("acl", "set", "ipv4", "kept", "-", input="10 permit tcp any any eq ssh\n", status=5)
+    call("rollback", str(number))
+    assert call("acl", "show", "ipv4", "kept") == "10 permit tcp any any eq ssh\n"
+    assert call("get", item) == '[null,"kept",null]\n'
+    call("delete", item)
+    call("acl", "delete", "ipv4", "kept")

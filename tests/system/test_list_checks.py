@@ -116,7 +116,7 @@ def test_a_hanging_nft_does_not_block_the_agent(other_nft):
     started = time.monotonic()
     result = set_list("ipv4", "ops", "permit tcp any any", check=False)
     assert result.returncode == 1
-    assert "access list ops: cannot be checked, nothing has been changed: nft did not end in time" in result.stderr
+    assert "/access-lists/ipv4/ops: cannot be checked, nothing has been changed: nft did not end in time" in result.stderr
     assert 15 < time.monotonic() - started < 30
     assert router.ctl("acl", "list") == []
 

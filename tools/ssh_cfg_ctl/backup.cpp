@@ -20,9 +20,13 @@
 namespace {
 
 constexpr char backup_format[] = "ssh_cfg_ctl backup";
-constexpr int backup_version = 1;
+constexpr int backup_version = 2;
+/// Backups of this version have access lists and imported keys as members of their own.
+constexpr int separate_lists_version = 1;
 constexpr size_t kept_file_max = size_t{64} * 1024;
 constexpr std::string_view user_items = "/cfg/gl/crypto/ssh/server/cmn/username/";
+constexpr std::string_view list_tree = "/access-lists/";
+constexpr std::string_view key_tree = "/keys/";
 
 struct kept_file {
     std::string_view path;
@@ -84,31 +88,6 @@ control_json read_data(const ctl_connection_settings& settings, const control_js
     return {};
 }
 
-/// Adds the entries to each list. Returns null or the answer that failed.
-control_json read_lists(const ctl_connection_settings& settings, control_json& lists) {
-    control_json problem = read_data(settings, {{"call", "acl_list"}}, lists);
-    for (control_json& list : lists) {
-        if (problem.is_null()) {
-            problem = read_data(settings, {{"call", "acl_show"}, {"family", list["family"]}, {"name", list["name"]}},
-                                list["entries"]);
-        }
-    }
-    return problem;
-}
-
-/// Only the imported keys: the others are part of the configuration.
-control_json read_keys(const ctl_connection_settings& settings, control_json& keys) {
-    control_json all;
-    control_json problem = read_data(settings, {{"call", "key_list"}}, all);
-    keys = control_json::array();
-    for (const control_json& key : all) {
-        if (key.value("origin", "") == "exec") {
-            keys.push_back({{"user", key.value("user", "")}, {"key", key.value("key", "")}});
-        }
-    }
-    return problem;
-}
-
 /// A file that does not exist is not part of the backup.
 control_json read_kept_files(std::string& problems) {
     control_json files = control_json::object();
@@ -130,12 +109,6 @@ control_json whole_backup(const ctl_connection_settings& settings, control_json&
     std::string problems;
     backup = {{"format", backup_format}, {"version", backup_version}, {"time", text_utc_time(time(nullptr))}};
     control_json problem = read_data(settings, {{"call", "dump"}}, backup["configuration"]);
-    if (problem.is_null()) {
-        problem = read_lists(settings, backup["access_lists"]);
-    }
-    if (problem.is_null()) {
-        problem = read_keys(settings, backup["keys"]);
-    }
     backup["files"] = read_kept_files(problems);
     return problem.is_null() && !problems.empty() ? control_answer(control_result::failed, problems) : problem;
 }
@@ -145,16 +118,22 @@ std::string wrong_form(const control_json& backup) {
     if (!backup.is_object() || backup.value("format", control_json()) != backup_format) {
         return "not a backup";
     }
-    if (backup.value("version", control_json()) != backup_version) {
+    const bool has_separate_lists = backup.value("version", control_json()) == separate_lists_version;
+    if (!has_separate_lists && backup.value("version", control_json()) != backup_version) {
         return "a backup of another version";
     }
     const struct {
         const char* name;
         bool is_object;
-    } members[] = {{"configuration", true}, {"access_lists", false}, {"keys", false}, {"files", true}};
+        bool is_expected;
+    } members[] = {{"configuration", true, true},
+                   {"access_lists", false, has_separate_lists},
+                   {"keys", false, has_separate_lists},
+                   {"files", true, true}};
     for (const auto& member : members) {
         const auto found = backup.find(member.name);
-        if (found == backup.end() || !(member.is_object ? found->is_object() : found->is_array())) {
+        if (member.is_expected &&
+            (found == backup.end() || !(member.is_object ? found->is_object() : found->is_array()))) {
             return std::string("member \"") + member.name + "\" is missing or of the wrong kind";
         }
     }
@@ -167,16 +146,31 @@ std::string wrong_form(const control_json& backup) {
     return wrong;
 }
 
+/// Returns the user that an item or an imported key belongs to, or an empty string if it belongs to none.
 std::string user_of_item(std::string_view path) {
-    if (!path.starts_with(user_items)) {
-        return {};
+    for (const std::string_view tree : {user_items, key_tree}) {
+        if (path.starts_with(tree)) {
+            path.remove_prefix(tree.size());
+            return std::string(path.substr(0, path.find('/')));
+        }
     }
-    path.remove_prefix(user_items.size());
-    return std::string(path.substr(0, path.find('/')));
+    return {};
 }
 
-std::string user_of_key(const control_json& key) {
-    return key.is_object() && key.value("user", control_json()).is_string() ? key["user"].get<std::string>() : "";
+std::string text_member(const control_json& object, const char* name) {
+    return object.is_object() && object.value(name, control_json()).is_string() ? object[name].get<std::string>() : "";
+}
+
+/// Makes access lists and imported keys part of the configuration, as they are in a backup of the present version. What a
+/// list or key lacks is refused when the configuration is checked.
+void include_separate_lists(control_json& backup) {
+    for (const control_json& list : backup.value("access_lists", control_json::array())) {
+        const std::string path = std::string(list_tree) + text_member(list, "family") + '/' + text_member(list, "name");
+        backup["configuration"][path] = list.is_object() ? list.value("entries", control_json()) : control_json();
+    }
+    for (const control_json& key : backup.value("keys", control_json::array())) {
+        backup["configuration"][std::string(key_tree) + text_member(key, "user")] = text_member(key, "key");
+    }
 }
 
 bool is_missing(const std::string& user) {
@@ -195,17 +189,17 @@ std::set<std::string> remove_missing_users(control_json& backup) {
             items[path] = value;
         }
     }
-    control_json keys = control_json::array();
-    for (const control_json& key : backup["keys"]) {
-        if (is_missing(user_of_key(key))) {
-            missing.insert(user_of_key(key));
-        } else {
-            keys.push_back(key);
-        }
-    }
     backup["configuration"] = std::move(items);
-    backup["keys"] = std::move(keys);
     return missing;
+}
+
+/// Returns the request for the commit that restores items, access lists and imported keys. It deletes all those that the
+/// backup does not contain, also if the backup contains no list or no key.
+control_json load_request(const control_json& backup) {
+    control_json items = backup["configuration"];
+    items[std::string(list_tree)] = nullptr;
+    items[std::string(key_tree)] = nullptr;
+    return {{"call", "load"}, {"replace", true}, {"note", "restored from a backup"}, {"items", std::move(items)}};
 }
 
 /// One restoration, which goes on when a part of it fails.
@@ -216,9 +210,7 @@ class restoration {
 
     control_json run() {
         restore_files();
-        restore_lists();
-        restore_keys();
-        restore_configuration();
+        settle("configuration", ctl_ask_with_consent(settings_, load_request(backup_)));
         control_json answer = control_answer(lost_.empty() ? control_result::done : control_result::failed, lost_);
         answer["data"] = {{"restored", restored_}};
         return answer;
@@ -247,31 +239,6 @@ class restoration {
         }
     }
 
-    void restore_lists() {
-        for (const control_json& list : backup_["access_lists"]) {
-            control_json request = list.is_object() ? list : control_json::object();
-            request["call"] = "acl_set";
-            request["empty"] = true;
-            const std::string name = control_json_text(request.value("name", control_json()));
-            settle("access list " + shown(name), ctl_ask_with_consent(settings_, std::move(request)));
-        }
-    }
-
-    void restore_keys() {
-        for (const control_json& key : backup_["keys"]) {
-            const control_json text = key.is_object() ? key.value("key", control_json()) : control_json();
-            settle("key " + shown(user_of_key(key)),
-                   ctl_ask_to_the_end(settings_, {{"call", "key_import"}, {"user", user_of_key(key)}, {"text", text}}));
-        }
-    }
-
-    void restore_configuration() {
-        settle("configuration", ctl_ask_with_consent(settings_, {{"call", "load"},
-                                                                 {"replace", true},
-                                                                 {"note", "restored from a backup"},
-                                                                 {"items", backup_["configuration"]}}));
-    }
-
     const ctl_connection_settings& settings_;
     const control_json& backup_;
     control_json restored_ = control_json::array();
@@ -288,8 +255,9 @@ std::string joined_names(const std::set<std::string>& names) {
 
 /// Refuses a backup that could not be restored, before anything is changed. Returns null if it can be.
 control_json check_backup(const ctl_connection_settings& settings, const control_json& backup) {
-    const control_json checked = ctl_ask_to_the_end(
-        settings, {{"call", "load"}, {"check", true}, {"replace", true}, {"items", backup["configuration"]}});
+    control_json request = load_request(backup);
+    request["check"] = true;
+    const control_json checked = ctl_ask_to_the_end(settings, request);
     if (is_done(checked) && checked.contains("confirmation_awaited")) {
         std::string reasons;
         for (const control_json& warning : checked.value("warnings", control_json::array())) {
@@ -298,6 +266,14 @@ control_json check_backup(const ctl_connection_settings& settings, const control
         return refused(reasons);
     }
     return is_done(checked) ? control_json() : checked;
+}
+
+size_t count_below(const control_json& items, std::string_view tree) {
+    size_t count = 0;
+    for (const auto& [path, value] : items.items()) {
+        count += path.starts_with(tree) ? 1 : 0;
+    }
+    return count;
 }
 
 }  // namespace
@@ -319,9 +295,11 @@ control_json ctl_backup(const ctl_connection_settings& settings, const std::vect
         return control_answer(control_result::failed, shown(arguments[0]) + ": " + strerror(static_cast<int>(status)));
     }
     control_json answer = control_answer(control_result::done);
-    answer["data"] = {{"items", backup["configuration"].size()},
-                      {"access_lists", backup["access_lists"].size()},
-                      {"keys", backup["keys"].size()},
+    const size_t lists = count_below(backup["configuration"], list_tree);
+    const size_t keys = count_below(backup["configuration"], key_tree);
+    answer["data"] = {{"items", backup["configuration"].size() - lists - keys},
+                      {"access_lists", lists},
+                      {"keys", keys},
                       {"files", backup["files"].size()}};
     return answer;
 }
@@ -343,6 +321,7 @@ control_json ctl_restore(const ctl_connection_settings& settings, const std::vec
     if (const std::string wrong = wrong_form(*backup); !wrong.empty()) {
         return refused(shown(arguments[0]) + ": " + wrong);
     }
+    include_separate_lists(*backup);
     const std::set<std::string> missing = remove_missing_users(*backup);
     if (!missing.empty() && !skip) {
         return refused("nothing has been restored, because these users do not exist on this machine: " +

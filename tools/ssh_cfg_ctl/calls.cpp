@@ -573,7 +573,8 @@ constexpr ctl_call_row calls[] = {
     {"list", "[--all] PATH",
      "print the names configured directly below PATH; with --all everything that can be configured there, with its value",
      list_request, names_text},
-    {"dump", "", "print the stored configuration in the format that load reads", bare_request<dump_name>, dump_text},
+    {"dump", "", "print the stored configuration, with access lists and imported keys, in the format that load reads",
+     bare_request<dump_name>, dump_text},
     {"help", "[CALL|PATH|WORD...]",
      "print this summary, or explain a call, an item, the items below a path, or those in which the words are found",
      help_request, help_text},
@@ -586,7 +587,7 @@ constexpr ctl_call_row calls[] = {
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
     {"key", "list, import USER FILE, or delete [--absent-ok] USER",
-     "list users' public keys, or add or delete one outside the configuration; FILE holds a line such as "
+     "list users' public keys, or import one or delete an imported one; FILE holds a line such as "
      "\"ssh-rsa AAAA... comment\"",
      key_request, keys_text},
     {"vrf", "list, or unblock NAME",

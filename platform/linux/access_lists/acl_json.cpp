@@ -266,3 +266,43 @@ platform_status acl_entry_to_json(uint32_t family, const acl_stored_entry& entry
     }
     return PLATFORM_OK;
 }
+
+bool acl_entries_from_json(uint32_t family, const control_json& array, std::vector<acl_stored_entry>& entries,
+                           std::string& error) {
+    uint32_t last = 0;
+    for (size_t i = 0; i < array.size(); i++) {
+        control_json object = array[i];
+        // The number is stored in the entry's record, too.
+        if (object.is_object() && !object.contains("SequenceNumber")) {
+            object["SequenceNumber"] = last + 10;
+        }
+        acl_stored_entry entry = {};
+        bool is_read = acl_entry_from_json(family, object, entry, error);
+        if (is_read && entry.sequence <= last) {
+            error = "SequenceNumber: " + std::to_string(entry.sequence) +
+                    "; expected a number greater than the previous entry's, " + std::to_string(last);
+            is_read = false;
+        }
+        if (!is_read) {
+            error.insert(0, "entry " + std::to_string(i + 1) + ": ");
+            return false;
+        }
+        last = entry.sequence;
+        entries.push_back(std::move(entry));
+    }
+    return true;
+}
+
+platform_status acl_entries_to_json(uint32_t family, const std::vector<acl_stored_entry>& entries,
+                                    control_json& array) {
+    control_json objects = control_json::array();
+    for (const acl_stored_entry& entry : entries) {
+        control_json object;
+        if (const platform_status status = acl_entry_to_json(family, entry, object); status != PLATFORM_OK) {
+            return status;
+        }
+        objects.push_back(std::move(object));
+    }
+    array = std::move(objects);
+    return PLATFORM_OK;
+}

@@ -1,5 +1,4 @@
 #include <syslog.h>
-#include <systemd/sd-event.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +12,6 @@
 #include "linux/datastore/served_lists.h"
 #include "linux/datastore/state.h"
 #include "linux/enforcement/enforcement_internal.h"
-#include "linux/process/event_manager_internal.h"
-#include "linux/process/process_manager_internal.h"
 #include "linux/reporting/log_message_internal.h"
 
 struct acl_handle {
@@ -30,8 +27,7 @@ constexpr std::string_view sequence_table = "/sequencetable/";
 
 struct acl_family_row {
     uint32_t code;
-    std::string_view key_prefix;
-    std::string_view tree;
+    std::string_view tree;  ///< of the operational data
     datastore_list_source source;
 };
 
@@ -58,25 +54,16 @@ platform_status list_source(std::string_view path, std::vector<datastore_list_en
 }
 
 constexpr acl_family_row families[] = {
-    {ACL_FAMILY_IPV4, "acl/ipv4/", "/oper/ipv4-acl/gl/show/access-list/", list_source<ACL_FAMILY_IPV4>},
-    {ACL_FAMILY_IPV6, "acl/ipv6/", "/oper/ipv6-acl/gl/daemon/list/", list_source<ACL_FAMILY_IPV6>},
+    {ACL_FAMILY_IPV4, "/oper/ipv4-acl/gl/show/access-list/", list_source<ACL_FAMILY_IPV4>},
+    {ACL_FAMILY_IPV6, "/oper/ipv6-acl/gl/daemon/list/", list_source<ACL_FAMILY_IPV6>},
 };
 
 std::string key_of(uint32_t family, std::string_view name) {
-    return std::string(families[family == ACL_FAMILY_IPV6 ? 1 : 0].key_prefix) + std::string(name);
+    return std::string(acl_key_prefix(family)) + std::string(name);
 }
-
-/// A change that subscribers have not been notified of yet.
-struct pending_notice {
-    uint32_t family;
-    std::string name;
-    bool present;
-};
 
 struct acl_service_state {
     std::vector<std::unique_ptr<acl_handle>> handles;
-    std::vector<pending_notice> pending;
-    sd_event_source* deferred = nullptr;
 };
 
 acl_service_state& service() {
@@ -85,66 +72,14 @@ acl_service_state& service() {
 }
 
 /// Calls each subscriber's callback once, however many handles it has on the list.
-std::set<acl_change_callback> callbacks_of(const pending_notice& pending) {
+std::set<acl_change_callback> callbacks_of(uint32_t family, std::string_view name) {
     std::set<acl_change_callback> callbacks;
     for (const auto& handle : service().handles) {
-        if (handle->callback != nullptr && handle->family == pending.family && handle->name == pending.name) {
+        if (handle->callback != nullptr && handle->family == family && handle->name == name) {
             callbacks.insert(handle->callback);
         }
     }
     return callbacks;
-}
-
-/// Delivers one notice. Reports a subscriber's failure unless the subscriber has reported it.
-void deliver(const pending_notice& pending) {
-    acl_change_notice notice = {};
-    pending.name.copy(notice.acl_name, sizeof(notice.acl_name) - 1);
-    notice.present = pending.present ? 1 : 0;
-    const enforcement_collector collector;
-    bool applied = true;
-    for (const acl_change_callback callback : callbacks_of(pending)) {
-        const datastore_handler_scope scope;
-        applied = callback(&notice) == 0 && applied;
-    }
-    const std::string subject =
-        std::string("access list ") + notice.acl_name + (pending.family == ACL_FAMILY_IPV6 ? " ipv6" : " ipv4");
-    if (applied) {
-        enforcement_restored(subject.c_str());
-        return;
-    }
-    platform_log(LOG_ERR, "A change of access list %s was not applied everywhere", notice.acl_name);
-    if (collector.entries().empty()) {
-        enforcement_failed(subject.c_str(), "not loaded everywhere; the agent's log says why");
-    }
-}
-
-int deliver_pending(sd_event_source* /*source*/, void* /*userdata*/) {
-    acl_service_notify();
-    return 0;
-}
-
-/// Schedules delivery of the notifications for when control returns to the loop.
-void wake_up() {
-    event_manager* manager = event_manager_current();
-    if (manager == nullptr) {
-        return;
-    }
-    if (service().deferred == nullptr &&
-        sd_event_add_defer(event_manager_sd_event(manager), &service().deferred, deliver_pending, nullptr) < 0) {
-        platform_log(LOG_ERR, "Cannot report access-list changes to the services that use the lists");
-        return;
-    }
-    sd_event_source_set_enabled(service().deferred, SD_EVENT_ONESHOT);
-}
-
-/// Changes of a list are merged until control returns to the loop: its entries are read when the notification is
-/// delivered.
-void announce(uint32_t family, std::string_view name, bool present) {
-    auto& pending = service().pending;
-    std::erase_if(pending,
-                  [&](const pending_notice& notice) { return notice.family == family && notice.name == name; });
-    pending.push_back({family, std::string(name), present});
-    wake_up();
 }
 
 void append_number(std::string& bytes, uint32_t number) {
@@ -209,39 +144,47 @@ void acl_service_stop() {
     }
 }
 
-platform_status acl_list_replace(uint32_t family, std::string_view name, const std::vector<acl_stored_entry>& entries) {
+void acl_service_notify(uint32_t family, std::string_view name, bool is_present) {
+    acl_change_notice notice = {};
+    name.copy(notice.acl_name, sizeof(notice.acl_name) - 1);
+    notice.present = is_present ? 1 : 0;
+    const enforcement_collector collector;
+    bool applied = true;
+    for (const acl_change_callback callback : callbacks_of(family, name)) {
+        const datastore_handler_scope scope;
+        applied = callback(&notice) == 0 && applied;
+    }
+    const std::string subject =
+        std::string("access list ") + notice.acl_name + (family == ACL_FAMILY_IPV6 ? " ipv6" : " ipv4");
+    if (applied) {
+        enforcement_restored(subject.c_str());
+        return;
+    }
+    platform_log(LOG_ERR, "A change of access list %s was not applied everywhere", notice.acl_name);
+    if (collector.entries().empty()) {
+        enforcement_failed(subject.c_str(), "not loaded everywhere; the agent's log says why");
+    }
+}
+
+std::string acl_list_encode(const std::vector<acl_stored_entry>& entries) {
     std::string bytes;
     for (const acl_stored_entry& entry : entries) {
         append_number(bytes, entry.sequence);
         append_number(bytes, static_cast<uint32_t>(entry.record.size()));
         bytes += entry.record;
     }
-    const platform_status status = datastore_private_put(key_of(family, name), bytes);
-    if (status == PLATFORM_OK) {
-        announce(family, name, !entries.empty());
-    }
-    return status;
+    return bytes;
 }
 
-void acl_service_notify() {
-    std::vector<pending_notice> pending;
-    pending.swap(service().pending);
-    for (const pending_notice& notice : pending) {
-        deliver(notice);
+platform_status acl_list_decode(std::string_view bytes, std::vector<acl_stored_entry>& entries) {
+    while (!bytes.empty()) {
+        acl_stored_entry entry = {};
+        if (!take_entry(bytes, entry)) {
+            return EBADMSG;
+        }
+        entries.push_back(std::move(entry));
     }
-    process_manager_forget_step();
-}
-
-platform_status acl_list_delete(uint32_t family, std::string_view name) {
-    std::string bytes;
-    platform_status status = datastore_private_get(key_of(family, name), bytes);
-    if (status == PLATFORM_OK) {
-        status = datastore_private_delete(key_of(family, name));
-    }
-    if (status == PLATFORM_OK) {
-        announce(family, name, false);
-    }
-    return status == DATASTORE_NO_SUCH_ITEM ? platform_status{DATASTORE_NO_SUCH_LIST} : status;
+    return PLATFORM_OK;
 }
 
 platform_status acl_list_names(uint32_t family, std::vector<std::string>& names) {
@@ -261,16 +204,11 @@ platform_status acl_list_entries(uint32_t family, std::string_view name, std::ve
     if (status != PLATFORM_OK) {
         return status == DATASTORE_NO_SUCH_ITEM ? platform_status{DATASTORE_NO_SUCH_LIST} : status;
     }
-    std::string_view rest = bytes;
-    while (!rest.empty()) {
-        acl_stored_entry entry = {};
-        if (!take_entry(rest, entry)) {
-            platform_log(LOG_ERR, "The stored access list %s is damaged", key_of(family, name).c_str());
-            return EBADMSG;
-        }
-        entries.push_back(std::move(entry));
+    const platform_status decoded = acl_list_decode(bytes, entries);
+    if (decoded != PLATFORM_OK) {
+        platform_log(LOG_ERR, "The stored access list %s is damaged", key_of(family, name).c_str());
     }
-    return PLATFORM_OK;
+    return decoded;
 }
 
 platform_status acl_service_get_list(uint32_t family, const char* acl_name, event_manager* manager,

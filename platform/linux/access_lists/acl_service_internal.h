@@ -28,16 +28,19 @@ platform_status acl_service_start();
 /// Withdraws the lists from the datastore. Contents and subscribers are kept.
 void acl_service_stop();
 
-/// Stores a list, replacing any previous one; subscribers are notified when control returns to the loop. The entries
-/// are in ascending order of their sequence numbers. Returns once the list is on stable storage.
-platform_status acl_list_replace(uint32_t family, std::string_view name, const std::vector<acl_stored_entry>& entries);
+/// Returns the prefix of the private keys under which the lists of a family are stored; their names follow.
+constexpr std::string_view acl_key_prefix(uint32_t family) {
+    return family == ACL_FAMILY_IPV6 ? "acl/ipv6/" : "acl/ipv4/";
+}
 
-/// Removes a list. Returns DATASTORE_NO_SUCH_LIST if there is none.
-platform_status acl_list_delete(uint32_t family, std::string_view name);
+/// Notifies the subscribers that a list has been stored or deleted. Reports a subscriber's failure unless the subscriber
+/// has reported it.
+void acl_service_notify(uint32_t family, std::string_view name, bool is_present);
 
-/// Notifies the subscribers of all changes now, instead of when control returns to the loop, so that the answer to a
-/// change can include the result. Must not be called from within a subscriber's callback.
-void acl_service_notify();
+/// Convert the entries of a list, in ascending order of their sequence numbers, to the list's stored form and back.
+/// acl_list_decode returns EBADMSG if the bytes are damaged.
+std::string acl_list_encode(const std::vector<acl_stored_entry>& entries);
+platform_status acl_list_decode(std::string_view bytes, std::vector<acl_stored_entry>& entries);
 
 /// The names of all lists of a family, in byte order.
 platform_status acl_list_names(uint32_t family, std::vector<std::string>& names);

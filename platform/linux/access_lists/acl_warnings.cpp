@@ -8,7 +8,9 @@
 
 #include "linux/access_lists/acl_entry_warnings.h"
 #include "linux/access_lists/acl_service_internal.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/datastore/schema.h"
+#include "linux/datastore/service_values.h"
 
 namespace {
 
@@ -75,15 +77,6 @@ std::string list_text(const item_list& family, std::string_view name) {
     return std::string(family.name) + " access list " + std::string(name);
 }
 
-/// Reads a list. Returns why it restricts nobody; empty if it has entries.
-std::string reason_of_openness(const item_list& family, std::string_view name, std::vector<acl_stored_entry>& entries) {
-    const platform_status status = acl_list_entries(family.code, name, entries);
-    if (status == DATASTORE_NO_SUCH_LIST) {
-        return "there is no " + list_text(family, name);
-    }
-    return status == PLATFORM_OK && entries.empty() ? list_text(family, name) + " is empty" : "";
-}
-
 /// The beginning of a warning.
 std::string place_of(const item_tree& service, std::string_view vrf) {
     return "VRF " + std::string(vrf) + ": " + service.name;
@@ -94,17 +87,27 @@ std::string open_port(const item_tree& service, std::string_view vrf, const item
     return place_of(service, vrf) + " is open to every " + family.name + " source: " + reason;
 }
 
-/// A list that items of a commit name.
-struct named_list {
-    std::string reason;  ///< why it restricts nobody
+/// A list that items name, or that a commit changes.
+struct judged_list {
+    std::string reason;  ///< why it restricts nobody; empty if it has entries
     std::vector<acl_stored_entry> entries;
     acl_users users;
 };
 
-/// Checks the items of a commit. Each list is read once, however many items name it.
+using commit_items = std::vector<datastore_item_outcome>;
+
+const datastore_item_outcome* find_item(const commit_items& items, std::string_view path) {
+    const auto found = std::find_if(items.begin(), items.end(),
+                                    [path](const datastore_item_outcome& item) { return item.path == path; });
+    return found == items.end() ? nullptr : &*found;
+}
+
+/// Checks the items and the lists of a commit. Each list is read once, however many items name it.
 class commit_judge {
   public:
-    void judge(const item_tree& service, std::string_view vrf, const list_names& names) {
+    explicit commit_judge(const commit_items& items) : items_(items) {}
+
+    void judge_item(const item_tree& service, std::string_view vrf, const list_names& names) {
         for (size_t i = 0; any_named(names) && i < names.size(); i++) {
             const std::string reason =
                 names[i].empty() ? std::string("the item names only ") + item_lists[1 - i].article + " access list"
@@ -115,7 +118,25 @@ class commit_judge {
         }
     }
 
-    /// Checks the entries of the lists in use.
+    /// Checks a list of the commit for the items that name it and that the commit does not contain.
+    void judge_list(uint32_t code, const std::string& name) {
+        const auto family = static_cast<size_t>(&family_of(code) - item_lists);
+        find_list(family, name);
+        for (const item_tree& service : item_trees) {
+            datastore_visit(service.items, [&](const std::string& path, const datastore_value& value) {
+                if (names_of(value)[family] == name && find_item(items_, path) == nullptr) {
+                    const std::string vrf = path.substr(service.items.size());
+                    const std::string& reason = use(family, name, service, vrf).reason;
+                    if (!reason.empty()) {
+                        warnings.push_back(open_port(service, vrf, item_lists[family], reason));
+                    }
+                }
+                return true;
+            });
+        }
+    }
+
+    /// Checks the entries of all these lists.
     void end() {
         for (const auto& [key, list] : lists_) {
             const item_list& family = item_lists[key.first];
@@ -128,71 +149,75 @@ class commit_judge {
     std::vector<std::string> warnings;
 
   private:
-    const named_list& use(size_t family, const std::string& name, const item_tree& service, std::string_view vrf) {
-        const auto [place, is_new] = lists_.try_emplace({family, name});
-        named_list& list = place->second;
-        if (is_new) {
-            list.reason = reason_of_openness(item_lists[family], name, list.entries);
-        }
+    judged_list& use(size_t family, const std::string& name, const item_tree& service, std::string_view vrf) {
+        judged_list& list = find_list(family, name);
         list.users[&service - item_trees].emplace_back(vrf);
         return list;
     }
 
-    std::map<std::pair<size_t, std::string>, named_list> lists_;
+    judged_list& find_list(size_t family, const std::string& name) {
+        const auto [place, is_new] = lists_.try_emplace({family, name});
+        judged_list& list = place->second;
+        if (is_new) {
+            const platform_status status = read_list(item_lists[family].code, name, list.entries);
+            if (status == DATASTORE_NO_SUCH_LIST) {
+                list.reason = "there is no " + list_text(item_lists[family], name);
+            } else if (status == PLATFORM_OK && list.entries.empty()) {
+                list.reason = list_text(item_lists[family], name) + " is empty";
+            }
+        }
+        return list;
+    }
+
+    /// Reads a list as the commit leaves it.
+    platform_status read_list(uint32_t code, const std::string& name, std::vector<acl_stored_entry>& entries) const {
+        const datastore_item_outcome* changed = find_item(items_, acl_list_path(code, name));
+        if (changed == nullptr) {
+            return acl_list_entries(code, name, entries);
+        }
+        return changed->value.has_value() ? acl_list_decode(changed->value->bytes, entries)
+                                          : platform_status{DATASTORE_NO_SUCH_LIST};
+    }
+
+    const commit_items& items_;
+    std::map<std::pair<size_t, std::string>, judged_list> lists_;
 };
 
-bool is_protocol_item_configured(const std::vector<datastore_item_outcome>& items) {
-    for (const datastore_item_outcome& item : items) {
-        if (item.path == protocol_item) {
-            return item.value.has_value();
-        }
+bool is_protocol_item_configured(const commit_items& items) {
+    if (const datastore_item_outcome* item = find_item(items, protocol_item); item != nullptr) {
+        return item->value.has_value();
     }
     datastore_value value;
     return datastore_get_value(protocol_item, value) == PLATFORM_OK;
 }
 
+void judge_outcome(commit_judge& judge, const datastore_item_outcome& item, const commit_items& items) {
+    const item_tree* service = find_service(item.path);
+    if (service == nullptr) {
+        return;
+    }
+    const std::string_view vrf = std::string_view(item.path).substr(service->items.size());
+    if (item.value.has_value()) {
+        judge.judge_item(*service, vrf, names_of(item.path, item.value));
+    } else if (item.path == default_vrf_item && any_named(names_of(item.path, item.previous)) &&
+               is_protocol_item_configured(items)) {
+        judge.warnings.push_back(place_of(*service, vrf) +
+                                 " is open to every source: sshd/v2 keeps its server running, without access lists");
+    }
+}
+
 }  // namespace
 
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items) {
-    commit_judge judge;
+    commit_judge judge(items);
     for (const datastore_item_outcome& item : items) {
-        const item_tree* service = find_service(item.path);
-        if (service == nullptr) {
-            continue;
-        }
-        const std::string_view vrf = std::string_view(item.path).substr(service->items.size());
-        if (item.value.has_value()) {
-            judge.judge(*service, vrf, names_of(item.path, item.value));
-        } else if (item.path == default_vrf_item && any_named(names_of(item.path, item.previous)) &&
-                   is_protocol_item_configured(items)) {
-            judge.warnings.push_back(
-                place_of(*service, vrf) +
-                " is open to every source: sshd/v2 keeps its server running, without access lists");
+        uint32_t family = 0;
+        if (acl_family_of_path(item.path, family)) {
+            judge.judge_list(family, datastore_service_name(item.path));
+        } else {
+            judge_outcome(judge, item, items);
         }
     }
     judge.end();
     return std::move(judge.warnings);
-}
-
-std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name) {
-    const item_list& row = family_of(family);
-    std::vector<acl_stored_entry> entries;
-    const std::string reason = reason_of_openness(row, name, entries);
-    std::vector<std::string> warnings;
-    acl_users users;
-    for (const item_tree& service : item_trees) {
-        datastore_visit(service.items, [&](const std::string& path, const datastore_value& value) {
-            if (names_of(value)[&row - item_lists] == name) {
-                const std::string vrf = path.substr(service.items.size());
-                users[&service - item_trees].push_back(vrf);
-                if (!reason.empty()) {
-                    warnings.push_back(open_port(service, vrf, row, reason));
-                }
-            }
-            return true;
-        });
-    }
-    const std::vector<std::string> more = acl_entry_warnings(family, list_text(row, name), entries, users);
-    warnings.insert(warnings.end(), more.begin(), more.end());
-    return warnings;
 }

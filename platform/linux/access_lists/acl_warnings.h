@@ -3,20 +3,14 @@
 #ifndef LINUX_ACCESS_LISTS_ACL_WARNINGS_H
 #define LINUX_ACCESS_LISTS_ACL_WARNINGS_H
 
-#include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "linux/datastore/datastore_internal.h"
 
-/// Warnings about the VRF items of a commit that was carried out or checked: each list that does not exist or is empty,
-/// each address family without a list while the other one has a list, lists that a running server has lost, and entries
-/// with another effect than they seem to have. May throw std::bad_alloc.
+/// Returns warnings about the VRF items and the lists of a commit that was carried out or checked: each list that does not
+/// exist or is empty although a VRF item names it, each address family without a list while the other one has a list, lists
+/// that a running server has lost, and entries with another effect than they seem to have. May throw std::bad_alloc.
 std::vector<std::string> acl_commit_warnings(const std::vector<datastore_item_outcome>& items);
-
-/// Warnings about a list that was set or deleted: each port that it leaves open because it has no entries any longer, and
-/// entries with another effect than they seem to have. May throw std::bad_alloc.
-std::vector<std::string> acl_list_warnings(uint32_t family, std::string_view name);
 
 #endif

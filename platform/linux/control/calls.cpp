@@ -3,7 +3,6 @@
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
-#include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/process/process_manager_internal.h"
 
@@ -46,9 +45,6 @@ struct call_row {
     on_standby standby;
     meanwhile_test meanwhile;  ///< null: never, because the call changes something or needs the agent's handlers
     open_to users;
-    /// Refused while a commit awaits its confirmation, because undoing that commit would not undo this change. Commits
-    /// are refused by the datastore.
-    bool not_on_trial = false;
 };
 
 constexpr call_row calls[] = {
@@ -78,14 +74,14 @@ constexpr call_row calls[] = {
     {"verify", control_call_verify, on_standby::nothing, nullptr, open_to::readers},
     {"repair", control_call_repair, on_standby::refuse, nullptr, open_to::administrators},
     // Access lists.
-    {"acl_set", control_call_acl_set, on_standby::refuse, nullptr, open_to::administrators, true},
-    {"acl_delete", control_call_acl_delete, on_standby::refuse, nullptr, open_to::administrators, true},
+    {"acl_set", control_call_acl_set, on_standby::refuse, nullptr, open_to::administrators},
+    {"acl_delete", control_call_acl_delete, on_standby::refuse, nullptr, open_to::administrators},
     {"acl_list", control_call_acl_list, on_standby::read, always, open_to::readers},
     {"acl_show", control_call_acl_show, on_standby::read, always, open_to::readers},
     // Users' public keys.
     {"key_list", control_call_key_list, on_standby::serve, always, open_to::readers},
-    {"key_import", control_call_key_import, on_standby::refuse, nullptr, open_to::administrators, true},
-    {"key_delete", control_call_key_delete, on_standby::refuse, nullptr, open_to::administrators, true},
+    {"key_import", control_call_key_import, on_standby::refuse, nullptr, open_to::administrators},
+    {"key_delete", control_call_key_delete, on_standby::refuse, nullptr, open_to::administrators},
     // The servers' sessions. Ending one changes nothing that a handler of the agent works with.
     {"sessions", control_call_sessions, on_standby::nothing, always, open_to::readers},
     {"session_end", control_call_session_end, on_standby::refuse, always, open_to::administrators},
@@ -104,7 +100,7 @@ const call_row* find_call(const control_json& request) {
     return nullptr;
 }
 
-/// Answers to commits already name what is not in force. This adds it to other changes (of access lists and keys).
+/// Answers to commits already name what is not in force. This adds it to other changes.
 control_json answer_with_failures(const call_row& row, const control_json& request, const control_peer& peer) {
     const enforcement_collector collector;
     control_json answer = row.answer(request, peer);
@@ -161,16 +157,6 @@ control_json refuse_change(const call_row& row, const control_peer& peer) {
                           "permission denied: changes are up to root and members of the group sshcfg-admin");
 }
 
-/// Returns null, or the answer that refuses a call until the latest commit is confirmed or undone.
-control_json refuse_on_trial(const call_row& row, const control_peer& peer) {
-    datastore_confirmation awaited;
-    if (!row.not_on_trial || datastore_confirmation_get(awaited) != PLATFORM_OK) {
-        return {};
-    }
-    control_audit(peer, row.name, control_result::refused, {"a commit awaits its confirmation"});
-    return control_answer(control_result::refused, datastore_confirmation_demand(awaited));
-}
-
 control_json answer_call(const call_row& row, const control_json& request, const control_peer& peer) {
     if (is_change(row, request) && !control_peer_may_change(peer)) {
         return refuse_change(row, peer);
@@ -178,8 +164,7 @@ control_json answer_call(const call_row& row, const control_json& request, const
     if (process_manager_status().role != PROCESS_ROLE_PRIMARY) {
         return answer_on_standby(row, request, peer);
     }
-    control_json refusal = refuse_on_trial(row, peer);
-    return refusal.is_null() ? answer_with_failures(row, request, peer) : refusal;
+    return answer_with_failures(row, request, peer);
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 ///   set     path, value (any JSON value) or word (the value as typed: JSON, or a bare word where the schema expects a
 ///           string); neither for an item without fields, or of which only the existence matters
 ///   delete  path, absent_ok (optional; true: what is absent is unchanged, not an error)
-///   load    items (an object {path: value, or null to delete}), check (optional; true: verify only), absent_ok, replace (optional;
+///   load    items (an object {path: value, or null to delete}; access lists and imported keys included), check (optional; true: verify only), absent_ok, replace (optional;
 ///           true: delete what the items do not name), confirm (optional: the minutes within which confirm must follow)
 ///   rollback  number (of the commit after which the configuration was as wanted), check (optional, as for load)
 ///   confirm   nothing

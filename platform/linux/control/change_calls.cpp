@@ -8,14 +8,17 @@
 
 #include "common/machine_user.h"
 #include "common/text.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/lock_out.h"
 #include "linux/control/path_member.h"
+#include "linux/control/service_json.h"
 #include "linux/control/value.h"
 #include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/service_values.h"
 #include "linux/lockout/proposed_change.h"
 #include "linux/status/machine_status.h"
 #include "linux/vrf/namespace_watch.h"
@@ -39,6 +42,7 @@ control_result result_of(datastore_refused_by refused_by) {
             return control_result::refused;
         case datastore_refused_by::absent:
             return control_result::no_data;
+        case datastore_refused_by::unchecked:
         case datastore_refused_by::unrehearsed:
         case datastore_refused_by::store:
         case datastore_refused_by::busy:
@@ -90,6 +94,9 @@ std::vector<std::string> audit_entries(const std::vector<datastore_change_reques
         if (item.outcome != datastore_outcome::unchanged) {
             entries.push_back(std::string(control_outcome_name(item.outcome)) + ' ' + item.path);
         }
+    }
+    if (entries.empty() && result.items.size() == 1) {
+        entries.push_back("nothing to change: " + result.items[0].path);
     }
     for (const enforcement_entry& entry : result.not_in_force) {
         entries.push_back(control_not_in_force_text(entry));
@@ -274,9 +281,28 @@ struct wished_item {
     bool absent_ok = false;  ///< see datastore_change_request
 };
 
+/// The same for an access list or an imported key. A word that is not JSON is taken as a string.
+std::optional<datastore_change_request> change_of_service_value(const wished_item& wish, std::string& refusal) {
+    std::string error;
+    const std::optional<control_json> typed =
+        wish.word != nullptr ? control_json_parse(*wish.word, error) : std::nullopt;
+    const control_json value = wish.word == nullptr ? *wish.value : typed.value_or(control_json(*wish.word));
+    std::optional<std::string> bytes = control_service_value_from_json(wish.path, value, refusal);
+    if (!bytes.has_value()) {
+        refusal = schema_shown_path(wish.path) + ": " + refusal;
+        return std::nullopt;
+    }
+    return datastore_change_request{wish.path, std::nullopt, false, std::move(bytes)};
+}
+
+/// Returns the change that carries out a wish. If the path or the value is invalid, returns nothing and stores the reason
+/// in `refusal`.
 std::optional<datastore_change_request> change_of(const wished_item& wish, std::string& refusal) {
     if (wish.value != nullptr && wish.value->is_null()) {
         return datastore_change_request{wish.path, std::nullopt, wish.absent_ok};
+    }
+    if (datastore_service_kind_of(wish.path) != nullptr) {
+        return change_of_service_value(wish, refusal);
     }
     const schema_row* row = schema_find(wish.path, &refusal);
     if (row == nullptr) {
@@ -364,21 +390,25 @@ control_json set_without_value(const change_call& call, const control_path& wish
                                       schema_expected(*row).c_str()));
 }
 
-/// Adds a deletion of every stored item that the changes do not set, and removes the deletions that were requested
-/// explicitly: they are then included if the item exists, and are not an error if it does not.
-bool add_deletions(std::vector<datastore_change_request>& changes, platform_status& status) {
+/// Whether the requested items name a value of a service below `tree`, or the tree itself.
+bool names_any_below(const control_json& items, std::string_view tree) {
+    const auto& names = items.get_ref<const control_json::object_t&>();
+    return std::any_of(names.begin(), names.end(), [tree](const auto& item) { return item.first.starts_with(tree); });
+}
+
+/// Adds a deletion of everything that a complete configuration replaces and that the changes do not set, and removes the
+/// deletions that were requested explicitly: they are then included if the item exists, and are not an error if it does not.
+platform_status add_deletions(const control_json& items, std::vector<datastore_change_request>& changes) {
     std::set<std::string, std::less<>> named;
-    std::erase_if(changes, [](const datastore_change_request& change) { return !change.value.has_value(); });
+    std::erase_if(changes, [](const datastore_change_request& change) { return change.deletes(); });
     for (const datastore_change_request& change : changes) {
         named.insert(change.path);
     }
-    status = datastore_visit("/", [&](const std::string& path, const datastore_value&) {
+    return control_visit_replaced(items, [&](const std::string& path) {
         if (!named.contains(path)) {
             changes.push_back({path, std::nullopt});
         }
-        return true;
     });
-    return status == PLATFORM_OK;
 }
 
 /// Reads the optional member "note" of a request. Returns null, or an answer that refuses it.
@@ -423,8 +453,8 @@ control_json load(const change_call& call, const control_json& items, const load
     if (!refusals.texts.empty()) {
         return refuse_load(call, refusals);
     }
-    platform_status status = PLATFORM_OK;
-    if (manner.replace && !add_deletions(changes, status)) {
+    const platform_status status = manner.replace ? add_deletions(items, changes) : platform_status{PLATFORM_OK};
+    if (status != PLATFORM_OK) {
         return control_answer(control_result::failed, text_format("the configuration cannot be read: %s (0x%x)",
                                                                   platform_status_text(status), status));
     }
@@ -449,6 +479,21 @@ const char* control_outcome_name(datastore_outcome outcome) {
 
 control_json control_commit(const control_change_call& call, const std::vector<datastore_change_request>& changes) {
     return commit(call, changes);
+}
+
+platform_status control_visit_replaced(const control_json& items,
+                                       const std::function<void(const std::string& path)>& visit) {
+    platform_status status = datastore_visit("/", [&visit](const std::string& path, const datastore_value&) {
+        visit(path);
+        return true;
+    });
+    for (const std::string_view tree : {acl_list_tree, datastore_imported_keys}) {
+        if (status == PLATFORM_OK && names_any_below(items, tree)) {
+            status = datastore_visit_service_values(
+                tree, [&visit](const std::string& path, const datastore_stored&) { visit(path); });
+        }
+    }
+    return status;
 }
 
 std::optional<datastore_change_request> control_change_from_json(const std::string& path, const control_json& value,

@@ -2,6 +2,7 @@
 #ifndef LINUX_CONTROL_CHANGE_CALLS_H
 #define LINUX_CONTROL_CHANGE_CALLS_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,6 +31,12 @@ control_json control_commit(const control_change_call& call, const std::vector<d
 /// value is invalid, returns nothing and stores the reason in `refusal`.
 std::optional<datastore_change_request> control_change_from_json(const std::string& path, const control_json& value,
                                                                  std::string& refusal);
+
+/// Calls `visit` with the path of everything stored that a complete configuration replaces: all items, all access lists if
+/// the configuration names any list or the folder of all lists, and all imported keys if it names any key or their folder.
+/// Dumps of earlier versions name neither lists nor keys.
+platform_status control_visit_replaced(const control_json& items,
+                                       const std::function<void(const std::string& path)>& visit);
 
 /// Reads the optional members that all changes have: "check", "yes" and "note". Returns null, or an answer that refuses one.
 control_json control_read_change_members(const control_json& request, control_change_call& call);

@@ -8,9 +8,11 @@
 #include "control_protocol/answer.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/service_json.h"
 #include "linux/control/value.h"
 #include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/service_values.h"
 
 namespace {
 
@@ -116,30 +118,39 @@ control_json diff_of_commits(const control_json& request) {
     return control_data_answer(differences_between(before, after));
 }
 
-/// Compares the stored configuration with another complete configuration, which is given as an object that maps paths to
-/// values.
-control_json diff_with_items(const control_json& items) {
-    std::map<std::string, possible_value> compared;
-    std::string refusals;
+/// A configuration to compare with: the wanted values by path. What has no value is to be absent.
+using compared_values = std::map<std::string, possible_value>;
+
+/// Converts the items of a request. Returns false and stores the reasons in `refusals` if any is invalid.
+bool read_compared(const control_json& items, compared_values& compared, std::string& refusals) {
     for (const auto& [path, value] : items.get_ref<const control_json::object_t&>()) {
         std::string refusal;
-        const std::optional<datastore_change_request> change = control_change_from_json(path, value, refusal);
+        std::optional<datastore_change_request> change = control_change_from_json(path, value, refusal);
         datastore_stored stored;
+        if (change.has_value() && change->service_value.has_value()) {
+            stored.bytes = std::move(*change->service_value);
+        }
         if (!change.has_value() ||
             (change->value.has_value() &&
              schema_store(*schema_find(path, nullptr), path, *change->value, stored, refusal) != PLATFORM_OK)) {
             refusals += (refusals.empty() ? "" : "\n") + refusal;
-        } else if (change->value.has_value()) {
+        } else if (!change->deletes()) {
             compared[path] = std::move(stored);
         }
     }
-    if (!refusals.empty()) {
+    return refusals.empty();
+}
+
+/// Compares the stored configuration with another complete configuration, which is given as an object that maps paths to
+/// values.
+control_json diff_with_items(const control_json& items) {
+    compared_values compared;
+    std::string refusals;
+    if (!read_compared(items, compared, refusals)) {
         return control_answer(control_result::refused, refusals);
     }
-    const platform_status status = datastore_visit("/", [&compared](const std::string& path, const datastore_value&) {
-        compared.try_emplace(path);
-        return true;
-    });
+    const platform_status status =
+        control_visit_replaced(items, [&compared](const std::string& path) { compared.try_emplace(path); });
     if (status != PLATFORM_OK) {
         return failure(status);
     }
@@ -159,7 +170,9 @@ std::vector<datastore_change_request> changes_to(const datastore_past& past, std
             continue;
         }
         datastore_change_request change = {path, std::nullopt};
-        if (stored.has_value()) {
+        if (stored.has_value() && datastore_service_kind_of(path) != nullptr) {
+            change.service_value = stored->bytes;
+        } else if (stored.has_value()) {
             const schema_row* row = schema_find(path, &refusal);
             if (row == nullptr || schema_load(*row, *stored, change.value.emplace()) != PLATFORM_OK) {
                 refusal = refusal.empty() ? text_format("%s: the former value is damaged", path.c_str()) : refusal;

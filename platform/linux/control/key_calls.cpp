@@ -1,14 +1,16 @@
 /// Calls on users' public keys. Request members: `user`; for key_import also `text`, the text of the key; and for
 /// key_delete also `absent_ok`, which is true if it is not an error that the user has no key.
+#include <cerrno>
 #include <vector>
 
 #include "common/machine_user.h"
 #include "common/text.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/change_calls.h"
 #include "linux/control/lock_out.h"
+#include "linux/control/service_json.h"
 #include "linux/host/key_store_internal.h"
-#include "linux/lockout/proposed_change.h"
 #include "user_keys/key_der.h"
 
 namespace {
@@ -60,11 +62,10 @@ bool only_line(std::string_view text, std::string_view& line) {
     return lines == 1;
 }
 
+/// Returns the answer to a call that has failed before its commit.
 control_json answer_of(const std::string& user, platform_status status) {
     const char* name = user.c_str();
     switch (status) {
-        case PLATFORM_OK:
-            return control_answer(control_result::done);
         case DATASTORE_NO_SUCH_ITEM:
             return control_answer(control_result::no_data, text_format("user %s has no key", name));
         case KEY_OTHER_ORIGIN:
@@ -80,48 +81,31 @@ control_json answer_of(const std::string& user, platform_status status) {
         case KEY_WRONG_MODULUS:
         case KEY_TOO_SMALL:
         case KEY_TOO_LARGE:
-            return control_answer(
-                control_result::refused,
-                text_format("user %s: %s; expected a line such as \"ssh-rsa AAAA... comment\" with an RSA key of at "
-                            "least 1024 bits, as ssh-keygen writes it",
-                            name, platform_status_text(status)));
+            return control_answer(control_result::refused,
+                                  text_format("user %s: %s", name, control_key_refusal(status).c_str()));
         default:
             return control_answer(control_result::failed,
                                   text_format("user %s: %s (0x%x)", name, platform_status_text(status), status));
     }
 }
 
-control_json audited_answer(const control_peer& peer, const char* call, const std::string& user, platform_status status,
-                            bool changed) {
-    control_json answer = answer_of(user, status);
-    if (status == PLATFORM_OK) {
-        answer["changed"] = changed;
-    }
-    control_audit(peer, call, control_result_of_name(answer.value("result", "")),
-                  {user + (status == PLATFORM_OK && !changed ? " unchanged" : "")});
-    return answer;
-}
-
 control_json audited_refusal(const control_peer& peer, const char* call, const std::string& user,
                              control_json refusal) {
-    control_audit(peer, call, control_result::refused, {user});
+    control_audit(peer, call, control_result_of_name(refusal.value("result", "")), {user});
     return refusal;
 }
 
-/// Refuses the deletion of the key with which the peer may have logged in. Returns null if it is not that key, or if the
-/// request accepts that.
-control_json check_own_key(const control_json& request, const control_peer& peer, const std::string& user,
-                           std::vector<std::string>& warnings) {
-    bool accepted = false;
-    control_json problem = control_read_acceptance(request, accepted);
-    const std::optional<login_session> session = login_session_of(peer.pid);
-    key_record record;
-    if (!problem.is_null() || !session || key_store_find(user, record) != PLATFORM_OK) {
-        return problem;
+/// Returns KEY_OTHER_ORIGIN if the user has a configured key, which the calls on imported keys must not change, and
+/// DATASTORE_NO_SUCH_ITEM if the user has no key, unless it may be absent.
+platform_status check_origin(const std::string& user, bool may_be_absent) {
+    key_record present;
+    const platform_status status = key_store_find(user, present);
+    if (status == PLATFORM_OK && present.origin != key_origin::exec_mode) {
+        return KEY_OTHER_ORIGIN;
     }
-    const std::vector<std::string> reasons = lockout_of_key(*session, user);
-    warnings = control_lock_out_warnings(reasons);
-    return reasons.empty() || accepted ? control_json() : control_refuse_lock_out(reasons);
+    // A damaged key can be replaced and deleted.
+    return status == EBADMSG || (status == DATASTORE_NO_SUCH_ITEM && may_be_absent) ? platform_status{PLATFORM_OK}
+                                                                                    : status;
 }
 
 control_json entry_json(const key_store_entry& entry) {
@@ -174,9 +158,15 @@ control_json control_call_key_import(const control_json& request, const control_
         return control_answer(control_result::refused,
                               text_format("user %s: expected exactly one key on one line", user.c_str()));
     }
-    bool changed = false;
-    const platform_status status = key_store_import(user, line, &changed);
-    return audited_answer(peer, "key import", user, status, changed);
+    std::string bytes;
+    platform_status status = check_origin(user, true);
+    if (status == PLATFORM_OK) {
+        status = key_store_make_import(user, line, bytes);
+    }
+    return status == PLATFORM_OK
+               ? control_commit({.name = "key import", .peer = peer, .accepts_lock_out = true},
+                                {{key_store_import_path(user), std::nullopt, false, std::move(bytes)}})
+               : audited_refusal(peer, "key import", user, answer_of(user, status));
 }
 
 control_json control_call_key_delete(const control_json& request, const control_peer& peer) {
@@ -190,20 +180,15 @@ control_json control_call_key_delete(const control_json& request, const control_
     if (!problem.is_null()) {
         return problem;
     }
-    std::vector<std::string> warnings;
-    problem = check_permission(peer, user);
+    control_change_call call = {.name = "key delete", .peer = peer};
+    problem = control_read_acceptance(request, call.accepts_lock_out);
     if (problem.is_null()) {
-        problem = check_own_key(request, peer, user, warnings);
+        problem = check_permission(peer, user);
     }
     if (!problem.is_null()) {
         return audited_refusal(peer, "key delete", user, std::move(problem));
     }
-    const platform_status status = key_store_delete(user);
-    const bool is_absent = status == DATASTORE_NO_SUCH_ITEM && absent_ok;
-    control_json answer =
-        audited_answer(peer, "key delete", user, is_absent ? platform_status{PLATFORM_OK} : status, !is_absent);
-    if (status == PLATFORM_OK) {
-        control_add_warnings(answer, warnings);
-    }
-    return answer;
+    const platform_status status = check_origin(user, absent_ok);
+    return status == PLATFORM_OK ? control_commit(call, {{key_store_import_path(user), std::nullopt, absent_ok}})
+                                 : audited_refusal(peer, "key delete", user, answer_of(user, status));
 }

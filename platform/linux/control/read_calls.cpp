@@ -1,17 +1,24 @@
+#include <syslog.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <vector>
 
 #include "common/text.h"
 #include "control_protocol/session_trees.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/path_member.h"
+#include "linux/control/service_json.h"
 #include "linux/control/session_totals.h"
 #include "linux/control/value.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/record_json.h"
 #include "linux/datastore/schema_children.h"
 #include "linux/datastore/schema_description.h"
+#include "linux/datastore/service_values.h"
+#include "linux/reporting/log_message_internal.h"
 #include "platform/record_codec.h"
 
 namespace {
@@ -77,6 +84,17 @@ control_json list_all(const std::string& path, const std::vector<std::string>& c
     return children;
 }
 
+/// Returns an access list or an imported key.
+control_json get_service_value(const std::string& path) {
+    const std::optional<datastore_stored> stored = datastore_present_value(path);
+    control_json json;
+    if (!stored.has_value()) {
+        return no_data("%s: not configured", path);
+    }
+    return control_service_value_to_json(path, *stored, json) ? control_data_answer(std::move(json))
+                                                              : failure(path, EBADMSG);
+}
+
 }  // namespace
 
 control_json control_call_get(const control_json& request, const control_peer& /*peer*/) {
@@ -85,6 +103,9 @@ control_json control_call_get(const control_json& request, const control_peer& /
         return problem;
     }
     std::string refusal;
+    if (datastore_service_kind_of(path) != nullptr) {
+        return get_service_value(path);
+    }
     if (schema_find(path, &refusal) == nullptr) {
         return control_answer(control_result::refused, refusal);
     }
@@ -113,14 +134,39 @@ control_json control_call_list(const control_json& request, const control_peer& 
     return names.empty() ? no_data("%s: nothing is configured below this path", path) : control_data_answer(names);
 }
 
+namespace {
+
+/// Adds the values of services below `tree` to a dump. Damaged values are left out.
+platform_status dump_service_values(std::string_view tree, control_json::object_t& items) {
+    return datastore_visit_service_values(tree, [&items](const std::string& path, const datastore_stored& value) {
+        control_json json;
+        if (control_service_value_to_json(path, value, json)) {
+            items.emplace_back(path, std::move(json));
+        } else {
+            platform_log(LOG_ERR, "The stored value %s is damaged", path.c_str());
+        }
+    });
+}
+
+platform_status dump_items(control_json::object_t& items) {
+    return datastore_visit("/", [&items](const std::string& path, const datastore_value& value) {
+        items.emplace_back(path, control_value_to_json(value));
+        return true;
+    });
+}
+
+}  // namespace
+
 control_json control_call_dump(const control_json& /*request*/, const control_peer& /*peer*/) {
+    // The paths are added in byte order and are unique, so no look-up is needed.
     control_json::object_t items;
-    // The paths are sorted and unique, so no look-up is needed.
-    const platform_status status =
-        datastore_visit("/", [&items](const std::string& path, const datastore_value& value) {
-            items.emplace_back(path, control_value_to_json(value));
-            return true;
-        });
+    platform_status status = dump_service_values(acl_list_tree, items);
+    if (status == PLATFORM_OK) {
+        status = dump_items(items);
+    }
+    if (status == PLATFORM_OK) {
+        status = dump_service_values(datastore_imported_keys, items);
+    }
     return status == PLATFORM_OK ? control_data_answer(std::move(items)) : failure("/", status);
 }
 

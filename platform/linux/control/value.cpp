@@ -3,6 +3,8 @@
 #include <cmath>
 
 #include "common/text.h"
+#include "linux/control/service_json.h"
+#include "linux/datastore/service_values.h"
 
 namespace {
 
@@ -169,6 +171,10 @@ control_json control_value_to_json(const datastore_value& value) {
 }
 
 control_json control_stored_to_json(const std::string& path, const datastore_stored& stored) {
+    control_json json;
+    if (datastore_service_kind_of(path) != nullptr && control_service_value_to_json(path, stored, json)) {
+        return json;
+    }
     datastore_value value;
     const schema_row* row = schema_find(path, nullptr);
     return row != nullptr && schema_load(*row, stored, value) == PLATFORM_OK ? control_value_to_json(value)

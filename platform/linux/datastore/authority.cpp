@@ -28,9 +28,11 @@ std::string datastore_key_reserved(const std::string& user) {
 }
 
 std::string datastore_item_reserved(std::string_view path) {
-    if (!path.starts_with(datastore_user_items)) {
-        return {};
+    for (const std::string_view tree : {datastore_user_items, datastore_imported_keys}) {
+        if (path.starts_with(tree)) {
+            path.remove_prefix(tree.size());
+            return datastore_key_reserved(std::string(path.substr(0, path.find('/'))));
+        }
     }
-    path.remove_prefix(datastore_user_items.size());
-    return datastore_key_reserved(std::string(path.substr(0, path.find('/'))));
+    return {};
 }

@@ -15,11 +15,14 @@ enum class datastore_authority : uint8_t {
 /// The item of a user's public key begins with this, then follow the user's name and a slash.
 inline constexpr std::string_view datastore_user_items = "/cfg/gl/crypto/ssh/server/cmn/username/";
 
+/// The path of a user's imported key begins with this, then follows the user's name.
+inline constexpr std::string_view datastore_imported_keys = "/keys/";
+
 /// Why only root may change a user's key: a key for user ID 0 makes whoever has it root. Empty for ordinary users. May
 /// throw std::bad_alloc.
 std::string datastore_key_reserved(const std::string& user);
 
-/// The same for the item at `path`: empty unless it belongs to the key of such a user. May throw std::bad_alloc.
+/// The same for the item or imported key at `path`: empty unless it belongs to the key of such a user. May throw std::bad_alloc.
 std::string datastore_item_reserved(std::string_view path);
 
 #endif

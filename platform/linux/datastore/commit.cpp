@@ -8,6 +8,7 @@
 #include <new>
 
 #include "common/text.h"
+#include "linux/datastore/commit_plan.h"
 #include "linux/datastore/confirmation.h"
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/history.h"
@@ -18,27 +19,6 @@
 
 namespace {
 
-/// What a commit does with one item.
-struct planned_change {
-    std::optional<datastore_stored> previous;
-    std::optional<datastore_stored> value;
-    bool known = true;  ///< false for a stored item missing from this version's schema; it can only be deleted
-
-    datastore_outcome outcome() const {
-        if (!value) {
-            return previous ? datastore_outcome::deleted : datastore_outcome::unchanged;
-        }
-        if (!previous) {
-            return datastore_outcome::created;
-        }
-        return *previous == *value ? datastore_outcome::unchanged : datastore_outcome::changed;
-    }
-    bool changes() const { return outcome() != datastore_outcome::unchanged; }
-};
-
-/// All changes of a commit. The map sorts paths bytewise, which is the order in which appliers run.
-using commit_plan = std::map<std::string, planned_change>;
-
 struct outcome_row {
     datastore_outcome outcome;
     uint32_t event;
@@ -47,11 +27,19 @@ struct outcome_row {
 /// The plan that is being verified; null otherwise.
 const commit_plan* plan_under_verification = nullptr;
 
-struct verification_scope {
-    explicit verification_scope(const commit_plan& plan) { plan_under_verification = &plan; }
-    ~verification_scope() { plan_under_verification = nullptr; }
-    verification_scope(const verification_scope&) = delete;
-    verification_scope& operator=(const verification_scope&) = delete;
+/// The plan that is being verified or carried out; null otherwise.
+const commit_plan* plan_in_progress = nullptr;
+
+/// Makes a plan known during its lifetime.
+class plan_scope {
+  public:
+    plan_scope(const commit_plan*& place, const commit_plan& plan) : place_(place) { place_ = &plan; }
+    ~plan_scope() { place_ = nullptr; }
+    plan_scope(const plan_scope&) = delete;
+    plan_scope& operator=(const plan_scope&) = delete;
+
+  private:
+    const commit_plan*& place_;
 };
 
 uint32_t event_of(datastore_outcome outcome) {
@@ -78,118 +66,7 @@ datastore_change change_of(const planned_change& planned) {
     return change;
 }
 
-bool refuse(datastore_commit_result& result, platform_status status, datastore_refused_by by, const std::string& path,
-            std::string message) {
-    result.status = status;
-    result.refused_by = by;
-    result.path = path;
-    result.message = std::move(message);
-    return false;
-}
-
-bool refuse_store(datastore_commit_result& result, platform_status status) {
-    const datastore_state& state = the_datastore();
-    const std::string reason =
-        state.store == nullptr ? platform_status_text(status) : state.engine->reason(state.store);
-    return refuse(result, status, datastore_refused_by::store, {},
-                  text_format("the configuration could not be stored in %s: %s; nothing has been changed",
-                              state.database_path.c_str(), reason.c_str()));
-}
-
-// The functions below fill or carry out a plan; they return false if they have refused the commit.
-
-/// Reads the stored values; a missing item is not a failure.
-bool read_previous(const std::string& path, planned_change& planned, datastore_commit_result& result) {
-    datastore_stored stored;
-    const platform_status status = datastore_stored_get(path, stored);
-    if (status == PLATFORM_OK) {
-        planned.previous = std::move(stored);
-    }
-    return status == PLATFORM_OK || status == DATASTORE_NO_SUCH_ITEM || refuse_store(result, status);
-}
-
-bool plan_deletion(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
-    const std::string& path = request.path;
-    std::string refusal;
-    planned.known = schema_find(path, &refusal) != nullptr;
-    if (!read_previous(path, planned, result)) {
-        return false;
-    }
-    if (planned.previous) {
-        return true;
-    }
-    if (!planned.known) {
-        return refuse(result, EINVAL, datastore_refused_by::schema, path, std::move(refusal));
-    }
-    return request.absent_ok || refuse(result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, path,
-                                       text_format("%s: cannot delete, not configured", path.c_str()));
-}
-
-bool plan_value(const datastore_change_request& request, planned_change& planned, datastore_commit_result& result) {
-    std::string refusal;
-    datastore_stored stored;
-    const schema_row* row = schema_find(request.path, &refusal);
-    if (row == nullptr || schema_store(*row, request.path, *request.value, stored, refusal) != PLATFORM_OK) {
-        return refuse(result, EINVAL, datastore_refused_by::schema, request.path, std::move(refusal));
-    }
-    planned.value = std::move(stored);
-    return read_previous(request.path, planned, result);
-}
-
-bool is_tree_deletion(const datastore_change_request& request) {
-    return !request.value && !request.path.empty() && request.path.front() == '/' && request.path.back() == '/';
-}
-
-bool plan_item(const datastore_change_request& request, commit_plan& plan, datastore_commit_result& result) {
-    const auto [place, is_new] = plan.try_emplace(request.path);
-    if (!is_new) {
-        return refuse(result, EINVAL, datastore_refused_by::schema, request.path,
-                      text_format("%s: changed twice in one commit; expected one change per item",
-                                  schema_shown_path(request.path).c_str()));
-    }
-    return request.value ? plan_value(request, place->second, result) : plan_deletion(request, place->second, result);
-}
-
-/// Plans the deletion of everything below a path, except what the commit names itself.
-bool plan_tree_deletion(const datastore_change_request& request, commit_plan& plan, datastore_commit_result& result) {
-    const std::string& tree = request.path;
-    std::string path;
-    datastore_stored stored;
-    platform_status status = PLATFORM_OK;
-    bool any = false;
-    while ((status = datastore_stored_next(tree, path, path, stored)) == PLATFORM_OK) {
-        any = true;
-        const auto [place, is_new] = plan.try_emplace(path);
-        if (is_new) {
-            place->second.known = schema_find(path, nullptr) != nullptr;
-            place->second.previous = std::move(stored);
-        }
-    }
-    if (status != DATASTORE_NO_SUCH_ITEM) {
-        return refuse_store(result, status);
-    }
-    if (!any && !request.absent_ok) {
-        return refuse(
-            result, DATASTORE_NO_SUCH_ITEM, datastore_refused_by::absent, tree,
-            text_format("%s: cannot delete, nothing is configured below this path", schema_shown_path(tree).c_str()));
-    }
-    return true;
-}
-
-bool make_plan(const std::vector<datastore_change_request>& requests, commit_plan& plan,
-               datastore_commit_result& result) {
-    for (const datastore_change_request& request : requests) {
-        if (!is_tree_deletion(request) && !plan_item(request, plan, result)) {
-            return false;
-        }
-    }
-    for (const datastore_change_request& request : requests) {
-        if (is_tree_deletion(request) && !plan_tree_deletion(request, plan, result)) {
-            return false;
-        }
-    }
-    return true;
-}
+// The functions below verify or carry out a plan; those that return a bool return false if they have refused the commit.
 
 bool check_authority(const commit_plan& plan, datastore_authority authority, datastore_commit_result& result) {
     if (authority == datastore_authority::root) {
@@ -198,8 +75,8 @@ bool check_authority(const commit_plan& plan, datastore_authority authority, dat
     for (const auto& [path, planned] : plan) {
         const std::string reason = planned.changes() ? datastore_item_reserved(path) : std::string();
         if (!reason.empty()) {
-            return refuse(result, EPERM, datastore_refused_by::authority, path,
-                          text_format("%s: %s", path.c_str(), reason.c_str()));
+            return commit_refuse(result, EPERM, datastore_refused_by::authority, path,
+                                 text_format("%s: %s", path.c_str(), reason.c_str()));
         }
     }
     return true;
@@ -225,8 +102,8 @@ bool verify(const datastore_registration& registration, const std::string& path,
     if (status == PLATFORM_OK && accepted == 0) {
         status = EINVAL;
     }
-    const bool refused = status != PLATFORM_OK && !refuse(result, status, datastore_refused_by::verifier, path,
-                                                          refusal_text(path, status, error_text));
+    const bool refused = status != PLATFORM_OK && !commit_refuse(result, status, datastore_refused_by::verifier, path,
+                                                                 refusal_text(path, status, error_text));
     free(error_text);
     return !refused;
 }
@@ -247,14 +124,33 @@ bool verify_item(const std::string& path, const planned_change& planned, datasto
             return false;
         }
     }
-    return served || refuse(result, DATASTORE_NO_HANDLER, datastore_refused_by::verifier, path,
-                            refusal_text(path, DATASTORE_NO_HANDLER, nullptr));
+    return served || commit_refuse(result, DATASTORE_NO_HANDLER, datastore_refused_by::verifier, path,
+                                   refusal_text(path, DATASTORE_NO_HANDLER, nullptr));
+}
+
+/// Has the service that a value belongs to check it. A value can always be deleted.
+bool verify_service_value(const std::string& path, const planned_change& planned, datastore_commit_result& result) {
+    if (!planned.value || planned.kind->check == nullptr) {
+        return true;
+    }
+    const datastore_objection objection = planned.kind->check(datastore_service_name(path), planned.value->bytes);
+    std::string message;
+    for (const std::string& reason : objection.reasons) {
+        message += text_format("%s%s: %s", message.empty() ? "" : "\n", path.c_str(), reason.c_str());
+    }
+    return objection.status == PLATFORM_OK ||
+           commit_refuse(result, objection.status,
+                         objection.is_unchecked ? datastore_refused_by::unchecked : datastore_refused_by::verifier,
+                         path, std::move(message));
 }
 
 bool verify_all(const commit_plan& plan, datastore_commit_result& result) {
-    const verification_scope scope(plan);
+    const plan_scope scope(plan_under_verification, plan);
     for (const auto& [path, planned] : plan) {
-        if (planned.known && planned.changes() && !verify_item(path, planned, result)) {
+        const bool is_accepted = !planned.changes() || (planned.kind == nullptr && !planned.known) ||
+                                 (planned.kind == nullptr ? verify_item(path, planned, result)
+                                                          : verify_service_value(path, planned, result));
+        if (!is_accepted) {
             return false;
         }
     }
@@ -262,8 +158,8 @@ bool verify_all(const commit_plan& plan, datastore_commit_result& result) {
 }
 
 platform_status store_item(const datastore_state& state, const std::string& path, const planned_change& planned) {
-    return planned.value ? state.engine->put(state.store, path, *planned.value)
-                         : state.engine->erase(state.store, path);
+    const std::string key = datastore_storage_key(path);
+    return planned.value ? state.engine->put(state.store, key, *planned.value) : state.engine->erase(state.store, key);
 }
 
 platform_status store_items(const datastore_state& state, const commit_plan& plan) {
@@ -282,7 +178,7 @@ datastore_kept_commit kept_commit_of(const commit_plan& plan, const datastore_co
     datastore_kept_commit kept = {the_datastore().last_commit + 1, time(nullptr), order.author, {}};
     for (const auto& [path, planned] : plan) {
         if (planned.changes()) {
-            kept.changes.push_back({path, planned.previous, planned.value});
+            kept.changes.push_back({path, planned.previous, planned.kind == nullptr ? planned.value : std::nullopt});
         }
     }
     return kept;
@@ -327,7 +223,7 @@ bool store_all(const commit_plan& plan, const datastore_commit_order& order, dat
         }
         return true;
     }
-    refuse_store(result, status);
+    commit_refuse_store(result, status);
     state.engine->rollback(state.store);
     return false;
 }
@@ -383,32 +279,75 @@ uint32_t count_of_changes(const commit_plan& plan) {
         std::count_if(plan.begin(), plan.end(), [](const auto& item) { return item.second.changes(); }));
 }
 
-void carry_out(const commit_plan& plan) {
-    const enforcement_announced_commit announced;
-    const uint32_t total = count_of_changes(plan);
-    uint32_t done = 0;
-    for (const auto& [path, planned] : plan) {
-        if (planned.known && planned.changes()) {
-            process_manager_step(("applying " + path).c_str(), done++, total);
-            apply_item(path, planned);
+/// Applies the changes of a plan one after the other and reports the progress.
+class plan_application {
+  public:
+    explicit plan_application(const commit_plan& plan) : plan_(plan), total_(count_of_changes(plan)) {}
+
+    void apply_items() {
+        for (const auto& [path, planned] : plan_) {
+            if (planned.changes_item()) {
+                report_progress(path);
+                apply_item(path, planned);
+            }
         }
     }
+
+    /// Applies the values of services whose turn is before the items, or those whose turn is after them.
+    void apply_service_values(bool before_items) {
+        for (const auto& [path, planned] : plan_) {
+            if (planned.kind == nullptr || is_applied_before_items(planned) != before_items) {
+                continue;
+            }
+            if (planned.changes()) {
+                report_progress(path);
+            }
+            planned.kind->apply(datastore_service_name(path), planned.value ? &planned.value->bytes : nullptr,
+                                planned.changes());
+            process_manager_progress();
+        }
+    }
+
+  private:
+    static bool is_applied_before_items(const planned_change& planned) {
+        return planned.kind->is_set_before_items == planned.value.has_value();
+    }
+
+    void report_progress(const std::string& path) {
+        process_manager_step(("applying " + path).c_str(), done_++, total_);
+    }
+
+    const commit_plan& plan_;
+    uint32_t total_;
+    uint32_t done_ = 0;
+};
+
+void carry_out(const commit_plan& plan) {
+    const enforcement_announced_commit announced;
+    plan_application application(plan);
+    application.apply_service_values(true);
+    application.apply_items();
+    application.apply_service_values(false);
     for (const auto& [path, planned] : plan) {
-        if (planned.known && planned.changes()) {
+        if (planned.changes_item()) {
             notify_item(path, planned);
         }
     }
 }
 
-bool changes_anything(const commit_plan& plan) {
-    return std::any_of(plan.begin(), plan.end(), [](const auto& item) { return item.second.changes(); });
+/// Whether the rehearsal of a commit can show anything. Values of services are in no file that sshd could reject, so a
+/// commit of such values alone is rehearsed only to show what it would change.
+bool is_worth_rehearsing(const commit_plan& plan, bool check_only) {
+    return std::any_of(plan.begin(), plan.end(), [check_only](const auto& item) {
+        return item.second.changes() && (check_only || item.second.kind == nullptr);
+    });
 }
 
 rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only, bool with_lines) {
     rehearsal_request request = {{}, [&plan] { carry_out(plan); }, check_only, with_lines};
     for (const auto& [path, planned] : plan) {
         if (planned.changes()) {
-            request.changes.emplace(path, planned.value);
+            request.changes.emplace(datastore_storage_key(path), planned.value);
         }
     }
     return request;
@@ -416,7 +355,7 @@ rehearsal_request rehearsal_request_of(const commit_plan& plan, bool check_only,
 
 bool refuse_rehearsed(const commit_plan& plan, const std::string& reason, datastore_commit_result& result) {
     const std::string path = plan.size() == 1 ? plan.begin()->first : std::string();
-    return refuse(
+    return commit_refuse(
         result, EINVAL, datastore_refused_by::rehearsal, path,
         text_format("%s%s%s; nothing has been stored", path.c_str(), path.empty() ? "" : ": ", reason.c_str()));
 }
@@ -436,7 +375,7 @@ bool refuse_rejected(const commit_plan& plan, datastore_commit_result& result) {
 /// agent.
 bool rehearse(const commit_plan& plan, bool check_only, bool with_lines, datastore_commit_result& result) {
     const auto rehearse_commit = the_datastore().rehearse;
-    if (rehearse_commit == nullptr || !changes_anything(plan)) {
+    if (rehearse_commit == nullptr || !is_worth_rehearsing(plan, check_only)) {
         return true;
     }
     result.rehearsal = rehearse_commit(rehearsal_request_of(plan, check_only, with_lines));
@@ -449,8 +388,8 @@ bool rehearse(const commit_plan& plan, bool check_only, bool with_lines, datasto
         return refuse_rehearsed(plan, "this change would crash the agent (" + crash + ")", result);
     }
     platform_log(LOG_WARNING, "The commit was not rehearsed: %s", problem.c_str());
-    return !check_only || refuse(result, ENOTSUP, datastore_refused_by::unrehearsed, {},
-                                 text_format("the change could not be rehearsed: %s", problem.c_str()));
+    return !check_only || commit_refuse(result, ENOTSUP, datastore_refused_by::unrehearsed, {},
+                                        text_format("the change could not be rehearsed: %s", problem.c_str()));
 }
 
 /// Whether an item has its new value already.
@@ -479,9 +418,9 @@ bool check_confirmation(const datastore_commit_order& order, datastore_commit_re
     if (status == DATASTORE_NO_SUCH_ITEM || (status == PLATFORM_OK && awaited.number == order.undone_commit)) {
         return true;
     }
-    return status == PLATFORM_OK
-               ? refuse(result, EBUSY, datastore_refused_by::confirmation, {}, datastore_confirmation_demand(awaited))
-               : refuse_store(result, status);
+    return status == PLATFORM_OK ? commit_refuse(result, EBUSY, datastore_refused_by::confirmation, {},
+                                                 datastore_confirmation_demand(awaited))
+                                 : commit_refuse_store(result, status);
 }
 
 /// Asks the judge of the order. Returns whether the commit may continue.
@@ -489,7 +428,7 @@ bool ask_judge(const datastore_commit_order& order, const std::vector<datastore_
                datastore_commit_result& result) {
     const rehearsal_report* rehearsal = result.rehearsal ? &*result.rehearsal : nullptr;
     const std::string reason = order.judge ? order.judge(items, rehearsal) : std::string();
-    return reason.empty() || check_only || refuse(result, ECANCELED, datastore_refused_by::judge, {}, reason);
+    return reason.empty() || check_only || commit_refuse(result, ECANCELED, datastore_refused_by::judge, {}, reason);
 }
 
 /// `stored` says, even after an exception, whether the changes are in the database.
@@ -500,7 +439,8 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
     if (!check_only && !check_confirmation(order, result)) {
         return;
     }
-    if (!make_plan(requests, plan, result) || !check_authority(plan, order.authority, result) ||
+    const plan_scope in_progress(plan_in_progress, plan);
+    if (!commit_make_plan(requests, plan, result) || !check_authority(plan, order.authority, result) ||
         !verify_all(plan, result) || !rehearse(plan, check_only, check_only || order.judge, result)) {
         return;
     }
@@ -525,6 +465,14 @@ void commit(const std::vector<datastore_change_request>& requests, bool check_on
 }
 
 }  // namespace
+
+bool datastore_is_being_changed(std::string_view path) {
+    if (plan_in_progress == nullptr) {
+        return false;
+    }
+    const auto planned = plan_in_progress->find(path);
+    return planned != plan_in_progress->end() && planned->second.changes();
+}
 
 platform_status datastore_proposed_get(std::string_view path, datastore_stored& value) {
     if (plan_under_verification != nullptr) {
@@ -565,12 +513,12 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
                                          const datastore_commit_order& order) {
     datastore_commit_result result;
     if (the_datastore().handlers_running != 0) {
-        refuse(result, EBUSY, datastore_refused_by::busy, {},
-               "a commit is in progress; the configuration cannot be changed from within it");
+        commit_refuse(result, EBUSY, datastore_refused_by::busy, {},
+                      "a commit is in progress; the configuration cannot be changed from within it");
         return result;
     }
     if (the_datastore().store == nullptr) {
-        refuse_store(result, DATASTORE_UNAVAILABLE);
+        commit_refuse_store(result, DATASTORE_UNAVAILABLE);
         return result;
     }
     bool stored = false;
@@ -578,7 +526,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
         commit(requests, check_only, order, result, stored);
     } catch (const std::bad_alloc&) {
         if (!stored) {
-            refuse(result, ENOMEM, datastore_refused_by::store, {}, "out of memory");
+            commit_refuse(result, ENOMEM, datastore_refused_by::store, {}, "out of memory");
         }
     }
     return result;

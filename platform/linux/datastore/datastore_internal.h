@@ -19,11 +19,14 @@
 #include "platform/datastore.h"
 
 /// One requested change. Without a value the item is deleted; a path that ends in '/' then stands for everything below
-/// it, except for items that the same commit names explicitly.
+/// it, except for items that the same commit names explicitly. "/" stands for all items, but not for values of services.
 struct datastore_change_request {
     std::string path;
     std::optional<datastore_value> value;
     bool absent_ok = false;  ///< a deletion of an absent item is not an error; the item counts as unchanged
+    std::optional<std::string> service_value = {};  ///< the stored form of a service's value (service_values.h)
+
+    bool deletes() const { return !value.has_value() && !service_value.has_value(); }
 };
 
 /// What a commit does to one item, or would do if it is only checked.
@@ -58,11 +61,12 @@ enum class datastore_refused_by : uint8_t {
     schema,        ///< unknown path or invalid value
     judge,         ///< the judge of the order
     absent,        ///< an item to be deleted does not exist; the status is DATASTORE_NO_SUCH_ITEM
-    verifier,      ///< a verifier of the agent, or the agent does not support the item (DATASTORE_NO_HANDLER)
-    rehearsal,     ///< its rehearsal: sshd would not start with it
-    unrehearsed,   ///< it was only to be checked, and could not be rehearsed
-    store,         ///< the database: full disk, input/output error
-    busy           ///< requested from within a handler (EBUSY)
+    verifier,   ///< a verifier of the agent or a service, or the agent does not support the item (DATASTORE_NO_HANDLER)
+    unchecked,  ///< a service could not check its value
+    rehearsal,  ///< its rehearsal: sshd would not start with it
+    unrehearsed,  ///< it was only to be checked, and could not be rehearsed
+    store,        ///< the database: full disk, input/output error
+    busy          ///< requested from within a handler (EBUSY)
 };
 
 struct datastore_commit_result {
@@ -79,9 +83,10 @@ struct datastore_commit_result {
 };
 
 /// One commit, all or nothing: schema, verifiers, rehearsal, store, and then the appliers in byte order of the paths and
-/// the notifications. When it returns without a refusal, the changes are on stable storage. A value equal to the stored
+/// the notifications. Values of services are put in force before or after the items, as their kind says. When it returns without a refusal, the changes are on stable storage. A value equal to the stored
 /// one is not a change and calls nothing. With `check_only`, only the schema, the verifiers and the rehearsal are
-/// consulted. A commit that cannot be rehearsed is carried out nevertheless.
+/// consulted. A commit that cannot be rehearsed is carried out nevertheless. One that changes only values of services is
+/// rehearsed only with `check_only`, because it writes no file that sshd reads.
 /// Items that only root may change are refused unless the commit is made on root's behalf; whoever undoes a commit does so on
 /// behalf of the one who made it. While a commit awaits its confirmation, others are refused except the one that undoes it.
 datastore_commit_result datastore_commit(const std::vector<datastore_change_request>& requests, bool check_only,
@@ -90,7 +95,7 @@ datastore_commit_result datastore_commit(const std::vector<datastore_change_requ
 /// The stored value of an item. DATASTORE_NO_SUCH_ITEM if there is none.
 platform_status datastore_get_value(std::string_view path, datastore_value& value);
 
-/// Returns the value of an item in its stored form, or nothing if the item is not stored or cannot be read.
+/// Returns an item or a service's value in its stored form, or nothing if it is not stored or cannot be read.
 std::optional<datastore_stored> datastore_present_value(std::string_view path);
 
 /// The names directly below `path` (which may end in '/'), in byte order, without duplicates; empty if there are none.

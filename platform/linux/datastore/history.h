@@ -26,9 +26,9 @@ struct datastore_author {
 };
 
 struct datastore_kept_change {
-    std::string key;  ///< path of the item
+    std::string key;  ///< path of the item or of the service's value
     std::optional<datastore_stored> previous;
-    std::optional<datastore_stored> value;
+    std::optional<datastore_stored> value;  ///< not kept for a service's value, which may take megabytes
 };
 
 struct datastore_kept_commit {

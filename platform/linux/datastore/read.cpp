@@ -4,6 +4,7 @@
 
 #include "linux/datastore/datastore_internal.h"
 #include "linux/datastore/served_lists.h"
+#include "linux/datastore/service_values.h"
 #include "linux/datastore/state.h"
 
 platform_status datastore_get_value(std::string_view path, datastore_value& value) try {
@@ -66,6 +67,9 @@ platform_status datastore_visit(
 }
 
 std::optional<datastore_stored> datastore_present_value(std::string_view path) {
+    const datastore_service_kind* kind = datastore_service_kind_of(path);
     datastore_stored stored;
-    return datastore_stored_get(path, stored) == PLATFORM_OK ? std::optional(std::move(stored)) : std::nullopt;
+    const platform_status status =
+        kind == nullptr ? datastore_stored_get(path, stored) : datastore_service_get(*kind, path, stored);
+    return status == PLATFORM_OK ? std::optional(std::move(stored)) : std::nullopt;
 }

@@ -12,7 +12,7 @@
 #include "linux/datastore/schema.h"
 
 struct rehearsal_request {
-    /// The commit's changes, by path; an item without a value is deleted.
+    /// The commit's changes, by the key under which they are stored; what has no value is deleted.
     std::map<std::string, std::optional<datastore_stored>> changes;
     /// Calls the commit's appliers and notifications.
     std::function<void()> carry_out;

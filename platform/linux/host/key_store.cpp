@@ -8,10 +8,14 @@
 #include <ctime>
 #include <new>
 
+#include "common/machine_user.h"
+#include "common/text.h"
 #include "linux/datastore/datastore_internal.h"
+#include "linux/datastore/service_values.h"
 #include "linux/datastore/state.h"
 #include "linux/host/key_store_internal.h"
 #include "linux/reporting/log_message_internal.h"
+#include "platform/enforcement.h"
 #include "user_keys/key_der.h"
 #include "user_keys/key_file.h"
 #include "user_keys/key_text.h"
@@ -103,8 +107,57 @@ platform_status set_key(const key_store_set_request& request) {
 
 platform_status remove_key(std::string_view user) {
     key_record present;
+    // A commit that deletes the configured key may import another one, which is already stored then.
+    if (datastore_is_being_changed(key_store_import_path(user))) {
+        return PLATFORM_OK;
+    }
     const platform_status status = check_origin(user, key_origin::configuration, present);
     return status == PLATFORM_OK ? remove_both(user) : status;
+}
+
+/// Whether a stored record is that of an imported key. A damaged record counts as one, so that it can be deleted.
+bool is_imported(const std::string& bytes) {
+    key_record record;
+    return key_record_decode(bytes, record) != PLATFORM_OK || record.origin == key_origin::exec_mode;
+}
+
+/// A key for a name that nobody has would wait for whoever is given the name.
+datastore_objection check_import(const std::string& user, const std::string& bytes) {
+    key_record record;
+    datastore_stored item;
+    if (key_record_decode(bytes, record) != PLATFORM_OK) {
+        return {EBADMSG, {"the stored key is damaged"}};
+    }
+    if (machine_user_find(user) == machine_user::unknown) {
+        return {EINVAL, {text_format("user %s does not exist on this machine", user.c_str())}};
+    }
+    if (datastore_proposed_get(key_record_item(user), item) == PLATFORM_OK) {
+        return {KEY_OTHER_ORIGIN,
+                {text_format("user %s has a configured key; delete %s to remove it", user.c_str(),
+                             key_record_item(user).c_str())}};
+    }
+    return {};
+}
+
+/// Writes or removes the file of a key that was imported or deleted.
+void apply_import(const std::string& user, const std::string* bytes, bool is_changed) {
+    platform_status status = PLATFORM_OK;
+    if (bytes != nullptr) {
+        key_record record;
+        status = key_record_decode(*bytes, record);
+        status = status == PLATFORM_OK ? publish(user, record) : status;
+    } else if (is_changed) {
+        status = key_file_remove(user);
+    }
+    const std::string subject = "key " + user;
+    if (status == PLATFORM_OK) {
+        enforcement_restored(subject.c_str());
+    } else {
+        enforcement_failed(subject.c_str(),
+                           text_format("the file that sshd reads cannot be %s: %s",
+                                       bytes != nullptr ? "written" : "removed", platform_status_text(status))
+                               .c_str());
+    }
 }
 
 /// Removes the key files of users who have no valid key.
@@ -182,7 +235,7 @@ platform_status key_store_list(std::vector<key_store_entry>& entries) {
     return status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
 }
 
-platform_status key_store_import(std::string_view user, std::string_view text, bool* changed) {
+platform_status key_store_make_import(std::string_view user, std::string_view text, std::string& bytes) {
     key_record record = {key_origin::exec_mode, 0, time(nullptr), {}};
     const platform_status status =
         key_user_is_valid(user) ? read_text(text, record.der, record.bits) : platform_status{EINVAL};
@@ -190,25 +243,26 @@ platform_status key_store_import(std::string_view user, std::string_view text, b
         return status;
     }
     key_record present;
-    const bool is_present = key_store_find(user, present) == PLATFORM_OK && present.origin == record.origin &&
-                            present.der == record.der && present.bits == record.bits;
-    if (changed != nullptr) {
-        *changed = !is_present;
-    }
-    if (is_present) {
-        // Keeps the time at which the key was added. The key is stored again, because its copy for sshd may be missing.
+    if (key_store_find(user, present) == PLATFORM_OK && present.origin == record.origin && present.der == record.der &&
+        present.bits == record.bits) {
         record.time = present.time;
     }
-    return store(user, record);
+    bytes = key_record_encode(record);
+    return PLATFORM_OK;
 }
 
-platform_status key_store_delete(std::string_view user) {
-    key_record present;
-    platform_status status = key_store_find(user, present);
-    if (status == PLATFORM_OK && present.origin != key_origin::exec_mode) {
-        status = KEY_OTHER_ORIGIN;
-    }
-    return status == PLATFORM_OK || status == EBADMSG ? remove_both(user) : status;
+std::string key_store_import_path(std::string_view user) {
+    return std::string(datastore_imported_keys) += user;
+}
+
+void key_imports_start() {
+    // A configured key of the user is removed before an imported one takes its place, and the other way round.
+    datastore_offer_values(
+        {datastore_imported_keys, key_record_prefix, false, is_imported, check_import, apply_import});
+}
+
+void key_imports_stop() {
+    datastore_withdraw_values(datastore_imported_keys);
 }
 
 platform_status key_store_get_user_key(const char* label, uint32_t type, struct key_store_key* key) try {
@@ -216,7 +270,13 @@ platform_status key_store_get_user_key(const char* label, uint32_t type, struct 
         return EINVAL;
     }
     key_record record;
-    const platform_status status = key_store_find(label, record);
+    platform_status status = key_store_find(label, record);
+    // The verifiers of a commit that changes the imported key see neither the old nor the new one: check_import compares it
+    // with the configured key.
+    if (status == PLATFORM_OK && record.origin == key_origin::exec_mode &&
+        datastore_is_being_changed(key_store_import_path(label))) {
+        status = DATASTORE_NO_SUCH_ITEM;
+    }
     if (status == DATASTORE_NO_SUCH_ITEM) {
         *key = {0, 0, 0};
         return PLATFORM_OK;

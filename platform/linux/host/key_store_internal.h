@@ -1,7 +1,8 @@
 /// Users' public keys for the rest of the Linux platform, which lists and changes them.
 ///
-/// Each user's key is one record in the private part of the datastore, with a copy in a file for sshd. A key comes from
-/// the configuration or, through the operator's tool, from the exec mode; neither may change a key of the other origin.
+/// Each user's key is one record in the private part of the datastore, with a copy in a file for sshd. A key comes from an
+/// item of the configuration, or it has been imported (from the exec mode, with the operator's tool). An imported key is a
+/// value of its own in commits; neither way of adding a key changes a key of the other origin.
 #ifndef LINUX_HOST_KEY_STORE_INTERNAL_H
 #define LINUX_HOST_KEY_STORE_INTERNAL_H
 
@@ -30,13 +31,17 @@ platform_status key_store_list(std::vector<key_store_entry>& entries);
 /// The line for sshd from a record. EBADMSG if the record holds no key.
 platform_status key_store_line(const key_record& record, std::string& line);
 
-/// Stores the key in `text` for a user, as added from the exec mode, in place of one that was added so before.
-/// KEY_OTHER_ORIGIN if the user's key comes from the configuration. `changed` may be null; otherwise `*changed` is set to
-/// whether the user had a different key or none.
-platform_status key_store_import(std::string_view user, std::string_view text, bool* changed = nullptr);
+/// Makes the stored form of an imported key from its text. If the user has the same imported key already, its time is kept,
+/// so that the result is equal to the stored value. Returns one of the statuses of platform/key_store.h for an invalid key,
+/// and EINVAL for an invalid user name.
+platform_status key_store_make_import(std::string_view user, std::string_view text, std::string& bytes);
 
-/// Removes a user's key that was added from the exec mode. DATASTORE_NO_SUCH_ITEM if the user has no key,
-/// KEY_OTHER_ORIGIN if it comes from the configuration.
-platform_status key_store_delete(std::string_view user);
+/// Returns the path of a user's imported key in commits and dumps.
+std::string key_store_import_path(std::string_view user);
+
+/// Lets commits change imported keys. A commit may replace a user's configured key by an imported one, or the other way
+/// round, but a user cannot have both.
+void key_imports_start();
+void key_imports_stop();
 
 #endif

@@ -6,7 +6,10 @@
 #include <optional>
 #include <variant>
 
+#include "linux/access_lists/acl_service_internal.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/access_lists/acl_verification.h"
+#include "linux/datastore/authority.h"
 #include "linux/datastore/schema.h"
 #include "linux/lockout/lockout.h"
 #include "linux/vrf/vrf_table_internal.h"
@@ -62,7 +65,8 @@ login_conditions conditions_of(const login_session& session, const value_source&
                              session.connection.destination_port == lockout_services[0].port &&
                              value(protocol_item).has_value();
     const std::optional<datastore_stored> key = value(key_record_item(session.user));
-    conditions.key = key ? key->bytes : "";
+    const std::optional<datastore_stored> imported = value(std::string(datastore_imported_keys) + session.user);
+    conditions.key = key ? key->bytes : imported ? imported->bytes : "";
     return conditions;
 }
 
@@ -75,10 +79,12 @@ std::string rules_of(uint32_t family, size_t service, const std::vector<acl_stor
     return std::move(rules[service].text);
 }
 
-std::string rules_of_stored(uint32_t family, size_t service, const std::string& name) {
+/// Makes the rules of a list in some configuration for a service.
+std::string rules_of_list(uint32_t family, size_t service, const std::string& name, const value_source& value) {
+    const std::optional<datastore_stored> list = name.empty() ? std::nullopt : value(acl_list_path(family, name));
     std::vector<acl_stored_entry> entries;
-    return !name.empty() && acl_list_entries(family, name, entries) == PLATFORM_OK ? rules_of(family, service, entries)
-                                                                                   : std::string();
+    return list && acl_list_decode(list->bytes, entries) == PLATFORM_OK ? rules_of(family, service, entries)
+                                                                        : std::string();
 }
 
 std::vector<std::string> lines_of_server(const login_session& session, const rehearsal_report* rehearsal) {
@@ -90,14 +96,16 @@ std::vector<std::string> lines_of_server(const login_session& session, const reh
     return {};
 }
 
-/// Adds the rules of lists that a commit exchanges; the others stay as they are, and need not be known.
-void add_exchanged_rules(const login_session& session, login_change& change) {
+/// Adds the rules of lists that a commit exchanges or changes; the others stay as they are, and need not be known.
+void add_changed_rules(const login_session& session, const value_source& proposed, login_change& change) {
+    const uint32_t family = family_of(session);
     for (size_t i = 0; i < std::size(lockout_services); i++) {
         login_list& before = change.before.lists[i];
         login_list& after = change.after.lists[i];
-        if (before.name != after.name) {
-            before.rules = rules_of_stored(family_of(session), i, before.name);
-            after.rules = rules_of_stored(family_of(session), i, after.name);
+        const std::string path = acl_list_path(family, after.name);
+        if (before.name != after.name || datastore_present_value(path) != proposed(path)) {
+            before.rules = rules_of_list(family, i, before.name, datastore_present_value);
+            after.rules = rules_of_list(family, i, after.name, proposed);
         }
     }
 }
@@ -114,34 +122,6 @@ std::vector<std::string> lockout_of_commit(const login_session& session,
     };
     login_change change = {conditions_of(session, datastore_present_value), conditions_of(session, proposed),
                            lines_of_server(session, rehearsal)};
-    add_exchanged_rules(session, change);
-    return lockout_reasons(session, change);
-}
-
-std::vector<std::string> lockout_of_list(const login_session& session, uint32_t family, std::string_view name,
-                                         const std::vector<acl_stored_entry>& entries) {
-    if (family != family_of(session)) {
-        return {};
-    }
-    login_change change = {conditions_of(session, datastore_present_value), {}};
-    change.after = change.before;
-    for (size_t i = 0; i < std::size(lockout_services); i++) {
-        const std::string bound = change.before.lists[i].name;
-        if (bound == name) {
-            change.before.lists[i].rules = rules_of_stored(family, i, bound);
-            change.after.lists[i].rules = rules_of(family, i, entries);
-        }
-    }
-    return lockout_reasons(session, change);
-}
-
-std::vector<std::string> lockout_of_key(const login_session& session, std::string_view user) {
-    if (user != session.user) {
-        return {};
-    }
-    login_change change = {conditions_of(session, datastore_present_value), {}};
-    change.after = change.before;
-    change.before.key = "imported";
-    change.after.key.clear();
+    add_changed_rules(session, proposed, change);
     return lockout_reasons(session, change);
 }

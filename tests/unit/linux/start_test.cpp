@@ -142,8 +142,9 @@ strings names_at(service_moment moment) {
 }
 
 TEST(platform_services_test, start_in_this_order) {
-    EXPECT_EQ(names_at(service_moment::manager_created), (strings{"log", "node lock", "start count", "control socket",
-                                                                  "standby calls", "access lists", "AAA users"}));
+    EXPECT_EQ(names_at(service_moment::manager_created),
+              (strings{"log", "node lock", "start count", "control socket", "standby calls", "access lists",
+                       "imported keys", "AAA users"}));
     EXPECT_EQ(names_at(service_moment::message_attached), strings{"namespace watch"});
     EXPECT_EQ(names_at(service_moment::first_wait), (strings{"key store", "own packet filters", "repairs", "rehearsals",
                                                              "fallback", "control calls", "readiness"}));

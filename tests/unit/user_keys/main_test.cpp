@@ -7,6 +7,7 @@
 #include "key_samples.h"
 #include "linux/host/key_store_internal.h"
 #include "unit/linux/datastore/datastore_fixture.h"
+#include "unit/linux/host/import_support.h"
 #include "unit/linux/platform_test_support.h"
 #include "user_keys/key_file.h"
 
@@ -33,7 +34,8 @@ class authorized_keys_program : public testing::Test {
     void SetUp() override {
         datastore_configure(nullptr, "/var/lib/ssh_cfg_agent/datastore.db");
         ASSERT_EQ(datastore_open(), PLATFORM_OK);
-        ASSERT_EQ(key_store_import("alice", key + " her own comment"), PLATFORM_OK);
+        key_test::start_imports();
+        ASSERT_EQ(key_test::import_key("alice", key + " her own comment"), PLATFORM_OK);
     }
     void TearDown() override { datastore_close(); }
 

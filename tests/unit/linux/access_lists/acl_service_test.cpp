@@ -5,10 +5,13 @@
 #include "linux/process/event_manager_internal.h"
 #include "platform/enforcement.h"
 #include "platform/event_manager.h"
+#include "unit/linux/access_lists/list_support.h"
 #include "unit/linux/control/calls_support.h"
 
 namespace {
 
+using acl_test::delete_list;
+using acl_test::store_list;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -55,12 +58,8 @@ class acl_service_test : public control_test::calls_test {
         return handle;
     }
 
-    /// One turn of the loop: the notices received since the last turn.
-    std::vector<std::string> notices_from_the_loop() {
-        sd_event_run(event_manager_sd_event(manager), 0);
-        sd_event_run(event_manager_sd_event(manager), 0);
-        return std::exchange(notices, {});
-    }
+    /// The notices received since the last call.
+    static std::vector<std::string> take_notices() { return std::exchange(notices, {}); }
 
     static std::vector<acl_stored_entry> entries(uint32_t count, const char* text = "record") {
         std::vector<acl_stored_entry> made;
@@ -85,7 +84,7 @@ class acl_service_test : public control_test::calls_test {
 };
 
 TEST_F(acl_service_test, a_list_survives_reopening) {
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(2)), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(2)), PLATFORM_OK);
     reopen();
     EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 record1", "20 record2"));
     std::vector<acl_stored_entry> none;
@@ -93,8 +92,8 @@ TEST_F(acl_service_test, a_list_survives_reopening) {
 }
 
 TEST_F(acl_service_test, a_list_is_replaced_completely_or_not_at_all) {
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(3, "old")), PLATFORM_OK);
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "new")), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(3, "old")), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1, "new")), PLATFORM_OK);
     EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 new1"));
 }
 
@@ -104,25 +103,26 @@ TEST_F(acl_service_test, a_list_that_cannot_be_stored_is_kept_without_a_notice) 
     datastore_configure(&datastore_test::engine_in_memory, database().c_str());
     ASSERT_EQ(datastore_open(), PLATFORM_OK);
     subscribe(ACL_FAMILY_IPV4, "ops");
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "old")), PLATFORM_OK);
-    notices_from_the_loop();
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1, "old")), PLATFORM_OK);
+    take_notices();
     const uint32_t before = datastore_test::memory.operations;
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1, "old")), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1, "older")), PLATFORM_OK);
     const uint32_t operations = datastore_test::memory.operations - before;
-    notices_from_the_loop();
+    EXPECT_EQ(operations, 4U) << "begin, the list, the history, commit";
+    take_notices();
     for (uint32_t failing = 1; failing <= operations; failing++) {
         datastore_test::memory.fail_at = datastore_test::memory.operations + failing;
-        EXPECT_NE(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(2, "new")), PLATFORM_OK) << failing;
-        EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 old1")) << failing;
-        EXPECT_THAT(notices_from_the_loop(), IsEmpty()) << failing;
+        EXPECT_NE(store_list(ACL_FAMILY_IPV4, "ops", entries(2, "new")), PLATFORM_OK) << failing;
+        EXPECT_THAT(records(ACL_FAMILY_IPV4, "ops"), ElementsAre("10 older1")) << failing;
+        EXPECT_THAT(take_notices(), IsEmpty()) << failing;
     }
 }
 
 TEST_F(acl_service_test, names_are_listed_by_family) {
     for (const char* name : {"b", "a", "a-1"}) {
-        ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, name, entries(1)), PLATFORM_OK);
+        ASSERT_EQ(store_list(ACL_FAMILY_IPV4, name, entries(1)), PLATFORM_OK);
     }
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV6, "six", {}), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV6, "six", {}), PLATFORM_OK);
     std::vector<std::string> names;
     ASSERT_EQ(acl_list_names(ACL_FAMILY_IPV4, names), PLATFORM_OK);
     EXPECT_THAT(names, ElementsAre("a", "a-1", "b"));
@@ -131,35 +131,33 @@ TEST_F(acl_service_test, names_are_listed_by_family) {
     EXPECT_THAT(names, ElementsAre("six"));
 }
 
-TEST_F(acl_service_test, notices_are_sent_by_the_loop) {
+TEST_F(acl_service_test, notices_are_sent_during_the_commit) {
     subscribe(ACL_FAMILY_IPV4, "ops");
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(notices, IsEmpty());
-    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
-    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), ElementsAre("ops present"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), IsEmpty()) << "nothing has changed";
 }
 
 TEST_F(acl_service_test, a_callback_is_called_once_however_many_handles_register_it) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     subscribe(ACL_FAMILY_IPV4, "ops");
     subscribe(ACL_FAMILY_IPV4, "ops", another_callback);
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), testing::UnorderedElementsAre("ops present", "too: ops present"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), testing::UnorderedElementsAre("ops present", "too: ops present"));
 }
 
-TEST_F(acl_service_test, changes_within_one_turn_of_the_loop_are_one_notice) {
+TEST_F(acl_service_test, a_deleted_list_is_announced) {
     subscribe(ACL_FAMILY_IPV4, "ops");
-    subscribe(ACL_FAMILY_IPV4, "other");
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "other", entries(1)), PLATFORM_OK);
-    ASSERT_EQ(acl_list_delete(ACL_FAMILY_IPV4, "ops"), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), ElementsAre("other present", "ops gone"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    ASSERT_EQ(delete_list(ACL_FAMILY_IPV4, "ops"), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), ElementsAre("ops present", "ops gone"));
 }
 
 TEST_F(acl_service_test, an_emptied_list_no_longer_exists) {
     subscribe(ACL_FAMILY_IPV6, "six");
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV6, "six", {}), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), ElementsAre("six gone"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV6, "six", {}), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), ElementsAre("six gone"));
 }
 
 TEST_F(acl_service_test, other_lists_families_and_former_subscribers_get_no_notice) {
@@ -167,17 +165,17 @@ TEST_F(acl_service_test, other_lists_families_and_former_subscribers_get_no_noti
     subscribe(ACL_FAMILY_IPV4, "other");
     acl_handle* former = subscribe(ACL_FAMILY_IPV4, "ops");
     ASSERT_EQ(acl_service_unregister_callback(former, note_change), PLATFORM_OK);
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), IsEmpty());
 }
 
 TEST_F(acl_service_test, a_failed_callback_does_not_affect_the_next_change) {
     subscribe(ACL_FAMILY_IPV4, "ops");
     callback_result = 1;
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
-    EXPECT_THAT(notices_from_the_loop(), ElementsAre("ops present"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(1)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), ElementsAre("ops present"));
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(2)), PLATFORM_OK);
+    EXPECT_THAT(take_notices(), ElementsAre("ops present"));
 }
 
 TEST_F(acl_service_test, invalid_use_of_handles_is_refused) {
@@ -191,7 +189,7 @@ TEST_F(acl_service_test, invalid_use_of_handles_is_refused) {
 }
 
 TEST_F(acl_service_test, a_missing_list_cannot_be_deleted) {
-    EXPECT_EQ(acl_list_delete(ACL_FAMILY_IPV4, "ops"), DATASTORE_NO_SUCH_LIST);
+    EXPECT_EQ(delete_list(ACL_FAMILY_IPV4, "ops"), DATASTORE_NO_SUCH_ITEM);
 }
 
 TEST_F(acl_service_test, a_damaged_list_is_not_read) {
@@ -201,7 +199,7 @@ TEST_F(acl_service_test, a_damaged_list_is_not_read) {
 }
 
 TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_order) {
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", entries(12)), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", entries(12)), PLATFORM_OK);
     datastore_binding* binding = bind("/oper/ipv4-acl/gl/show/access-list/");
     datastore_list* list = nullptr;
     uint32_t count = 0;
@@ -218,7 +216,7 @@ TEST_F(acl_service_test, entries_are_read_through_the_datastore_in_order) {
 }
 
 TEST_F(acl_service_test, an_empty_list_is_read_like_a_missing_one) {
-    ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, "ops", {}), PLATFORM_OK);
+    ASSERT_EQ(store_list(ACL_FAMILY_IPV4, "ops", {}), PLATFORM_OK);
     datastore_binding* binding = bind("/oper/ipv4-acl/gl/show/access-list/");
     datastore_list* list = nullptr;
     uint32_t count = 0;
@@ -254,8 +252,8 @@ TEST_F(acl_service_test, the_call_replaces_shows_lists_and_deletes) {
     EXPECT_EQ(result(R"({"call":"acl_delete","family":"ipv4","name":"ops"})"), "done");
     EXPECT_EQ(result(R"({"call":"acl_show","family":"ipv4","name":"ops"})"), "no_data");
     EXPECT_EQ(result(R"({"call":"acl_delete","family":"ipv4","name":"ops"})"), "no_data");
-    EXPECT_THAT(audit, ElementsAre(HasSubstr("call:=acl set, result:=done, ipv4 ops"),
-                                   HasSubstr("call:=acl delete, result:=done, ipv4 ops")));
+    EXPECT_THAT(audit, ElementsAre(HasSubstr("call:=acl set, result:=done, created /access-lists/ipv4/ops"),
+                                   HasSubstr("call:=acl delete, result:=done, deleted /access-lists/ipv4/ops")));
 }
 
 TEST_F(acl_service_test, an_identical_list_is_not_loaded_again) {
@@ -264,8 +262,8 @@ TEST_F(acl_service_test, an_identical_list_is_not_loaded_again) {
     EXPECT_EQ(ask(request)["changed"], true);
     EXPECT_THAT(std::exchange(notices, {}), ElementsAre("ops present"));
     EXPECT_EQ(ask(request)["changed"], false);
-    EXPECT_THAT(notices_from_the_loop(), IsEmpty());
-    EXPECT_THAT(audit.back(), HasSubstr("result:=done, ipv4 ops unchanged"));
+    EXPECT_THAT(take_notices(), IsEmpty());
+    EXPECT_THAT(audit.back(), HasSubstr("result:=done, nothing to change: /access-lists/ipv4/ops"));
     enforcement_failed("server blue", "for a test");
     EXPECT_EQ(ask(request)["changed"], false);
     EXPECT_THAT(std::exchange(notices, {}), ElementsAre("ops present")) << "something was not in force";

@@ -95,8 +95,11 @@ TEST_F(acl_verification_test, a_list_rejected_by_nft_is_not_stored) {
         set({fine, "permit tcp any any counter bad", fine, "35 permit tcp any any counter bad"});
     EXPECT_EQ(answer.value("result", ""), "refused");
     const std::string message = answer.value("message", "");
-    EXPECT_THAT(message, AllOf(HasSubstr("sequence 20: nft rejects its rule for SSH, \"tcp nonsense\": syntax error"),
-                               HasSubstr("\nsequence 35: nft rejects its rule for SSH")));
+    EXPECT_THAT(
+        message,
+        AllOf(testing::StartsWith(
+                  "/access-lists/ipv4/ops: sequence 20: nft rejects its rule for SSH, \"tcp nonsense\": syntax error"),
+              HasSubstr("\n/access-lists/ipv4/ops: sequence 35: nft rejects its rule for SSH")));
     EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 1) << message;
     EXPECT_EQ(stored_entries(), 1U);
 }
@@ -114,13 +117,13 @@ TEST_F(acl_verification_test, a_list_that_cannot_be_checked_is_not_stored) {
     EXPECT_EQ(broken.value("result", ""), "failed");
     EXPECT_THAT(
         broken.value("message", ""),
-        HasSubstr("access list ops: cannot be checked, nothing has been changed: no rules can be made of it: "));
+        HasSubstr("/access-lists/ipv4/ops: cannot be checked, nothing has been changed: no rules can be made of it: "));
     std::filesystem::remove("/usr/sbin/nft");
     const control_json unchecked = set({fine});
     EXPECT_EQ(unchecked.value("result", ""), "failed");
     EXPECT_EQ(
         unchecked.value("message", ""),
-        "access list ops: cannot be checked, nothing has been changed: /usr/sbin/nft cannot be run: No such file or "
+        "/access-lists/ipv4/ops: cannot be checked, nothing has been changed: /usr/sbin/nft cannot be run: No such file or "
         "directory");
     EXPECT_EQ(stored_entries(), 0U);
     EXPECT_EQ(ask(R"({"call":"acl_set","family":"ipv4","name":"ops","lines":[],"empty":true})")["result"], "done");

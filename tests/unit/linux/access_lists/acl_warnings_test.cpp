@@ -1,6 +1,7 @@
 #include "linux/access_lists/acl_warnings.h"
 
 #include "linux/access_lists/acl_service_internal.h"
+#include "unit/linux/access_lists/list_support.h"
 #include "unit/linux/control/calls_support.h"
 
 namespace {
@@ -16,7 +17,8 @@ class acl_warnings_test : public control_test::calls_test {
     }
 
     static void add_list(uint32_t family, const char* name, size_t entries = 1) {
-        ASSERT_EQ(acl_list_replace(family, name, std::vector<acl_stored_entry>(entries, {10, "record"})), PLATFORM_OK);
+        ASSERT_EQ(acl_test::store_list(family, name, std::vector<acl_stored_entry>(entries, {10, "record"})),
+                  PLATFORM_OK);
     }
 
     /// The warnings in the answer to a successful request.

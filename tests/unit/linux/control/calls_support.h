@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "control_protocol/answer.h"
+#include "linux/access_lists/acl_values.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls.h"
+#include "linux/host/key_store_internal.h"
 #include "unit/linux/datastore/datastore_fixture.h"
 
 namespace control_test {
@@ -19,6 +21,8 @@ class calls_test : public datastore_test::served_datastore_test {
   protected:
     void SetUp() override {
         served_datastore_test::SetUp();
+        acl_values_start();
+        key_imports_start();
         control_audit_divert([this](const std::string& line) { audit.push_back(line); });
     }
     void TearDown() override {

@@ -1,6 +1,6 @@
 #include "linux/host/key_store_internal.h"
 #include "unit/linux/control/calls_support.h"
-#include "unit/linux/platform_test_support.h"
+#include "unit/linux/host/import_support.h"
 #include "unit/user_keys/key_samples.h"
 #include "user_keys/key_der.h"
 
@@ -16,9 +16,7 @@ class control_key_calls_test : public control_test::calls_test {
   protected:
     void SetUp() override {
         calls_test::SetUp();
-        platform_test::write_file("/etc/passwd",
-                                  "root:x:0:0::/root:/bin/sh\nalice:x:1000:1000::/home/alice:/bin/sh\n"
-                                  "bob:x:1001:1001::/home/bob:/bin/sh\n");
+        key_test::start_imports();
     }
 
     control_json import(const std::string& user, const std::string& text) {
@@ -106,7 +104,7 @@ TEST_F(control_key_calls_test, answers_say_whether_anything_changed) {
     EXPECT_EQ(import("alice", key_of(usual(), modulus(1024)))["changed"], true);
     const std::string listed = data(R"({"call":"key_list"})");
     EXPECT_EQ(import("alice", key_of(usual(), modulus(1024)) + " another comment")["changed"], false);
-    EXPECT_THAT(audit.back(), HasSubstr("result:=done, alice unchanged"));
+    EXPECT_THAT(audit.back(), HasSubstr("result:=done, nothing to change: /keys/alice"));
     EXPECT_EQ(data(R"({"call":"key_list"})"), listed);
     EXPECT_EQ(import("alice", key_of(usual(), modulus(2048)))["changed"], true);
     EXPECT_EQ(ask(R"({"call":"key_delete","user":"alice"})")["changed"], true);
@@ -126,9 +124,9 @@ TEST_F(control_key_calls_test, changes_are_audited_with_user_and_result) {
     import("alice", "nonsense");
     ask(R"({"call":"key_delete","user":"alice"})");
     ask(R"({"call":"key_list"})");
-    EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=key import, result:=done, alice",
+    EXPECT_THAT(audit, ElementsAre("Control: uid:=1000, pid:=42, call:=key import, result:=done, created /keys/alice",
                                    "Control: uid:=1000, pid:=42, call:=key import, result:=refused, alice",
-                                   "Control: uid:=1000, pid:=42, call:=key delete, result:=done, alice"));
+                                   "Control: uid:=1000, pid:=42, call:=key delete, result:=done, deleted /keys/alice"));
 }
 
 TEST_F(control_key_calls_test, requests_must_be_complete_and_names_safe) {

@@ -9,6 +9,7 @@
 #include "linux/lockout/login_session.h"
 #include "platform/acl_verifier.h"
 #include "platform/mpp.h"
+#include "unit/linux/access_lists/list_support.h"
 #include "unit/linux/control/calls_support.h"
 
 namespace {
@@ -85,7 +86,7 @@ class control_lock_out_test : public control_test::calls_test {
                &rule.source.address[2], &rule.source.address[3]);
         acl_stored_entry entry = {};
         ASSERT_EQ(acl_encode_rule(ACL_FAMILY_IPV4, rule, entry), PLATFORM_OK);
-        ASSERT_EQ(acl_list_replace(ACL_FAMILY_IPV4, name, {entry}), PLATFORM_OK);
+        ASSERT_EQ(acl_test::store_list(ACL_FAMILY_IPV4, name, {entry}), PLATFORM_OK);
     }
 
     pid_t asked = 0;

@@ -11,6 +11,7 @@
 #include "scratch_root.h"
 #include "unit/linux/datastore/datastore_fixture.h"
 #include "unit/linux/enforcement/enforcement_test_support.h"
+#include "unit/linux/host/import_support.h"
 #include "unit/linux/platform_test_support.h"
 #include "unit/user_keys/key_samples.h"
 #include "user_keys/key_file.h"
@@ -30,7 +31,8 @@ class key_files_test : public datastore_test::served_datastore_test {
   protected:
     void SetUp() override {
         served_datastore_test::SetUp();
-        ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+        key_test::start_imports();
+        ASSERT_EQ(key_test::import_key("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
     }
     void TearDown() override {
         std::filesystem::remove_all(key_file_directory);

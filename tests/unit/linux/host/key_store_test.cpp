@@ -6,9 +6,12 @@
 #include <cerrno>
 #include <vector>
 
+#include "linux/enforcement/enforcement_internal.h"
 #include "linux/host/key_store_internal.h"
 #include "scratch_root.h"
 #include "unit/linux/datastore/datastore_fixture.h"
+#include "unit/linux/enforcement/enforcement_test_support.h"
+#include "unit/linux/host/import_support.h"
 #include "unit/linux/platform_test_support.h"
 #include "unit/user_keys/key_samples.h"
 #include "user_keys/key_der.h"
@@ -16,6 +19,9 @@
 
 namespace {
 
+using key_test::delete_import;
+using key_test::import_change;
+using key_test::import_key;
 using key_test::key_of;
 using key_test::modulus;
 using key_test::usual;
@@ -26,6 +32,11 @@ std::string item_of(const std::string& user) {
 
 class key_store_test : public datastore_test::served_datastore_test {
   protected:
+    void SetUp() override {
+        served_datastore_test::SetUp();
+        key_test::start_imports();
+    }
+
     /// What the agent does for a configured key: the item is stored first, then its applier stores the key.
     platform_status configure(const char* user, size_t bits = 1024) {
         const std::string text = key_of(usual(), modulus(bits));
@@ -133,21 +144,21 @@ TEST_F(key_store_test, ignores_a_key_without_its_item_even_before_it_is_removed)
 }
 
 TEST_F(key_store_test, distinguishes_imported_and_configured_keys) {
-    ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(2048)) + " somebody\n"), PLATFORM_OK);
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(2048)) + " somebody\n"), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "2048 exec mode");
-    ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "1024 exec mode");
-    ASSERT_EQ(key_store_delete("alice"), PLATFORM_OK);
+    ASSERT_EQ(delete_import("alice"), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "none");
-    EXPECT_EQ(key_store_delete("alice"), platform_status{DATASTORE_NO_SUCH_ITEM});
+    EXPECT_EQ(delete_import("alice"), platform_status{DATASTORE_NO_SUCH_ITEM});
 }
 
 TEST_F(key_store_test, neither_way_changes_a_key_added_the_other_way) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
-    EXPECT_EQ(key_store_import("alice", key_of(usual(), modulus(2048))), platform_status{KEY_OTHER_ORIGIN});
-    EXPECT_EQ(key_store_delete("alice"), platform_status{KEY_OTHER_ORIGIN});
+    EXPECT_EQ(import_key("alice", key_of(usual(), modulus(2048))), platform_status{KEY_OTHER_ORIGIN});
+    EXPECT_EQ(delete_import("alice"), platform_status{DATASTORE_NO_SUCH_ITEM});
     EXPECT_EQ(key("alice"), "1024 configured");
-    ASSERT_EQ(key_store_import("bob", key_of(usual(), modulus(2048))), PLATFORM_OK);
+    ASSERT_EQ(import_key("bob", key_of(usual(), modulus(2048))), PLATFORM_OK);
     EXPECT_EQ(configure("bob"), platform_status{KEY_OTHER_ORIGIN});
     EXPECT_EQ(remove("bob"), platform_status{KEY_OTHER_ORIGIN});
     EXPECT_EQ(key("bob"), "2048 exec mode");
@@ -155,8 +166,8 @@ TEST_F(key_store_test, neither_way_changes_a_key_added_the_other_way) {
 
 TEST_F(key_store_test, lists_users_in_order) {
     ASSERT_EQ(configure("bob"), PLATFORM_OK);
-    ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
-    ASSERT_EQ(key_store_import("al", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    ASSERT_EQ(import_key("al", key_of(usual(), modulus(1024))), PLATFORM_OK);
     EXPECT_THAT(users(), testing::ElementsAre("al", "alice", "bob"));
 }
 
@@ -166,7 +177,7 @@ TEST_F(key_store_test, reports_a_damaged_record_which_can_be_replaced_or_removed
     platform_test::journal_listener journal;
     EXPECT_THAT(users(), testing::IsEmpty());
     EXPECT_EQ(journal.messages(), "The stored key of user alice is damaged\n");
-    EXPECT_EQ(key_store_delete("alice"), PLATFORM_OK);
+    EXPECT_EQ(delete_import("alice"), PLATFORM_OK);
     EXPECT_EQ(key("alice"), "none");
     ASSERT_EQ(datastore_private_put(key_record_place("alice"), "nonsense"), PLATFORM_OK);
     EXPECT_EQ(configure("alice"), PLATFORM_OK);
@@ -175,14 +186,15 @@ TEST_F(key_store_test, reports_a_damaged_record_which_can_be_replaced_or_removed
 
 TEST_F(key_store_test, changes_nothing_when_nothing_can_be_stored) {
     use_memory();
-    ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
     datastore_test::memory.fail_at = datastore_test::memory.operations + 1;
-    EXPECT_EQ(key_store_import("alice", key_of(usual(), modulus(2048))), platform_status{ENOSPC});
+    EXPECT_EQ(import_key("alice", key_of(usual(), modulus(2048))), platform_status{ENOSPC});
     EXPECT_EQ(key("alice"), "1024 exec mode");
     EXPECT_EQ(seen_by_sshd("alice"), "1024");
     datastore_test::memory.fail_at = datastore_test::memory.operations + 1;
-    EXPECT_EQ(key_store_delete("alice"), platform_status{ENOSPC});
-    EXPECT_EQ(seen_by_sshd("alice"), "");
+    EXPECT_EQ(delete_import("alice"), platform_status{ENOSPC});
+    EXPECT_EQ(key("alice"), "1024 exec mode");
+    EXPECT_EQ(seen_by_sshd("alice"), "1024");
 }
 
 TEST_F(key_store_test, gives_sshd_the_stored_keys) {
@@ -193,9 +205,9 @@ TEST_F(key_store_test, gives_sshd_the_stored_keys) {
     ASSERT_EQ(datastore_test::erase(item_of("alice")).status, PLATFORM_OK);
     ASSERT_EQ(remove("alice"), PLATFORM_OK);
     EXPECT_EQ(seen_by_sshd("alice"), "");
-    ASSERT_EQ(key_store_import("bob", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    ASSERT_EQ(import_key("bob", key_of(usual(), modulus(1024))), PLATFORM_OK);
     EXPECT_EQ(seen_by_sshd("bob"), "1024");
-    ASSERT_EQ(key_store_delete("bob"), PLATFORM_OK);
+    ASSERT_EQ(delete_import("bob"), PLATFORM_OK);
     EXPECT_EQ(seen_by_sshd("bob"), "");
 }
 
@@ -215,17 +227,71 @@ TEST_F(key_store_test, repairs_files_left_by_a_crash) {
     EXPECT_EQ(seen_by_sshd("unknown"), "");
 }
 
-TEST_F(key_store_test, stores_both_record_and_file_or_neither) {
-    ASSERT_EQ(key_store_import("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+TEST_F(key_store_test, stores_both_record_and_file_of_a_configured_key_or_neither) {
+    ASSERT_EQ(configure("alice"), PLATFORM_OK);
     scratch_root::set_read_only(key_file_directory, true);
-    EXPECT_EQ(key_store_import("alice", key_of(usual(), modulus(2048))), platform_status{EROFS});
-    EXPECT_EQ(key_store_import("bob", key_of(usual(), modulus(2048))), platform_status{EROFS});
-    EXPECT_EQ(key_store_delete("alice"), platform_status{EROFS});
+    EXPECT_EQ(configure("alice", 2048), platform_status{EROFS});
+    EXPECT_EQ(configure("bob"), platform_status{EROFS});
     scratch_root::set_read_only(key_file_directory, false);
-    EXPECT_EQ(key("alice"), "1024 exec mode");
+    EXPECT_EQ(key("alice"), "1024 configured");
     EXPECT_EQ(seen_by_sshd("alice"), "1024");
     EXPECT_EQ(key("bob"), "none");
     EXPECT_EQ(seen_by_sshd("bob"), "");
+}
+
+TEST_F(key_store_test, reports_an_imported_key_that_is_stored_but_not_in_force) {
+    const enforcement_test::reset_at_end reset;
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(1024))), PLATFORM_OK);
+    scratch_root::set_read_only(key_file_directory, true);
+    const datastore_commit_result changed =
+        datastore_commit({import_change("alice", key_of(usual(), modulus(2048)))}, false);
+    EXPECT_EQ(changed.status, PLATFORM_OK);
+    ASSERT_EQ(changed.not_in_force.size(), 1U);
+    EXPECT_EQ(changed.not_in_force[0].subject, "key alice");
+    EXPECT_EQ(changed.not_in_force[0].reason, "the file that sshd reads cannot be written: Read-only file system");
+    EXPECT_EQ(key("alice"), "2048 exec mode");
+    EXPECT_EQ(seen_by_sshd("alice"), "1024");
+    ASSERT_EQ(delete_import("alice"), PLATFORM_OK);
+    EXPECT_EQ(enforcement_list().at(0).reason, "the file that sshd reads cannot be removed: Read-only file system");
+    scratch_root::set_read_only(key_file_directory, false);
+    key_store_start();
+    EXPECT_EQ(seen_by_sshd("alice"), "");
+}
+
+TEST_F(key_store_test, a_commit_replaces_a_configured_key_by_an_imported_one_and_back) {
+    ASSERT_EQ(configure("alice"), PLATFORM_OK);
+    // What the agent does for the item.
+    platform_status applied = EAGAIN;
+    handlers.in_apply = [&applied] { applied = remove("alice"); };
+    ASSERT_EQ(datastore_commit(
+                  {{item_of("alice"), std::nullopt}, import_change("alice", key_of(usual(), modulus(2048)))}, false)
+                  .status,
+              PLATFORM_OK);
+    EXPECT_EQ(applied, PLATFORM_OK);
+    EXPECT_EQ(key("alice"), "2048 exec mode");
+    EXPECT_EQ(seen_by_sshd("alice"), "2048");
+
+    const std::string text = key_of(usual(), modulus(1024));
+    handlers.in_verify = [] { EXPECT_EQ(key("alice"), "none"); };
+    handlers.in_apply = [&] { applied = set("alice", text); };
+    ASSERT_EQ(
+        datastore_commit({{item_of("alice"), text}, {key_store_import_path("alice"), std::nullopt}}, false).status,
+        PLATFORM_OK);
+    EXPECT_EQ(applied, PLATFORM_OK);
+    EXPECT_EQ(key("alice"), "1024 configured");
+    EXPECT_EQ(seen_by_sshd("alice"), "1024");
+}
+
+TEST_F(key_store_test, a_commit_gives_a_user_only_one_key) {
+    const std::string text = key_of(usual(), modulus(1024));
+    const datastore_commit_result result =
+        datastore_commit({{item_of("alice"), text}, import_change("alice", text)}, false);
+    EXPECT_EQ(result.status, platform_status{KEY_OTHER_ORIGIN});
+    EXPECT_EQ(result.path, "/keys/alice");
+    EXPECT_EQ(result.message,
+              "/keys/alice: user alice has a configured key; delete " + item_of("alice") + " to remove it");
+    EXPECT_EQ(key("alice"), "none");
+    EXPECT_EQ(import_key("eve", text), platform_status{EINVAL}) << "eve does not exist";
 }
 
 TEST_F(key_store_test, is_not_available_without_a_database) {
@@ -241,7 +307,7 @@ TEST_F(key_store_test, refuses_invalid_arguments) {
     EXPECT_EQ(key_store_get_user_key(nullptr, KEY_STORE_USER_PUBLIC_KEY, &found), platform_status{EINVAL});
     EXPECT_EQ(key_store_get_user_key("alice", KEY_STORE_USER_PUBLIC_KEY, nullptr), platform_status{EINVAL});
     EXPECT_EQ(found.present, 7u);
-    EXPECT_EQ(key_store_import("a/b", key_of(usual(), modulus(1024))), platform_status{EINVAL});
+    EXPECT_EQ(import_key("a/b", key_of(usual(), modulus(1024))), platform_status{EINVAL});
     EXPECT_EQ(remove(""), platform_status{EINVAL});
     EXPECT_EQ(key_store_set_key(nullptr), platform_status{EINVAL});
     const uint8_t der[KEY_STORE_DER_MAX + 1] = {};
