@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <pty.h>
 #include <unistd.h>
 
@@ -41,10 +42,18 @@ class operators_terminal {
     operators_terminal& operator=(const operators_terminal&) = delete;
 
     /// What the operator has seen so far.
-    std::string screen() const {
-        std::string text(4096, '\0');
-        const ssize_t size = read(keyboard_, text.data(), text.size());
-        text.resize(size > 0 ? static_cast<size_t>(size) : 0);
+    /// Returns what has been shown, as soon as that includes `expected`. A read may return only a part.
+    std::string screen(const std::string& expected) const {
+        std::string text;
+        pollfd arrival = {keyboard_, POLLIN, 0};
+        char part[4096];
+        while (text.find(expected) == std::string::npos && poll(&arrival, 1, 30'000) == 1) {
+            const ssize_t size = read(keyboard_, part, sizeof part);
+            if (size <= 0) {
+                break;
+            }
+            text.append(part, static_cast<size_t>(size));
+        }
         return text;
     }
 
@@ -78,7 +87,8 @@ TEST(ctl_ask_with_consent, the_operator_confirms_on_the_terminal) {
     ASSERT_EQ(requests.size(), 2U);
     EXPECT_EQ(requests[0].find("\"yes\""), std::string::npos);
     EXPECT_THAT(requests[1], HasSubstr(R"("yes":true)"));
-    EXPECT_THAT(terminal.screen(), HasSubstr("a new login would be refused"));
+    const std::string question = "a new login would be refused";
+    EXPECT_THAT(terminal.screen(question), HasSubstr(question));
 }
 
 TEST(ctl_ask_with_consent, any_other_reply_changes_nothing) {
