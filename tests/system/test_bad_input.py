@@ -127,7 +127,7 @@ def test_a_namespace_with_a_hostile_name_is_not_a_vrf(vrf):
         (b"{", "line 1, column 2"),
         (b'{"/a": 1,\n "/b" 2}', "line 2"),
         (b"[]", "one JSON object"),
-        (b'{"%s": 30, "%s": 40}' % (TIMEOUT.encode(), TIMEOUT.encode()), f'duplicate name "{TIMEOUT}"'),
+        (b'{"%s": 30, "%s": 40}' % (TIMEOUT.encode(), TIMEOUT.encode()), f"{TIMEOUT}: duplicate name, already used in line 1, column 2"),
         (b'{"%s": \xff}' % TIMEOUT.encode(), "not JSON"),
         (b'{"\xff": 1}', "UTF-8"),
         (b"{}\0{}", "NUL"),
