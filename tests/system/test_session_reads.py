@@ -189,8 +189,19 @@ def test_what_a_channel_is_used_for(server, words, command, kind):
         return
     session = subprocess.Popen(["ip", "netns", "exec", "vrf-red", "ssh", *words, "operator@127.0.0.1", command],
                                stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    router.wait_until(lambda: [c["ConnectionType"] for s in established() for c in s["McInfo"]] == [kind])
-    session.communicate(timeout=20)
+    shown = []
+
+    def is_shown():
+        shown[:] = established()
+        return [channel["ConnectionType"] for one in shown for channel in one["McInfo"]] == [kind]
+
+    try:
+        router.wait_until(is_shown)
+    except AssertionError as error:
+        raise AssertionError(f"shown instead: {shown}") from error
+    finally:
+        # Otherwise every later test would wait for this session to end.
+        session.communicate(timeout=20)
 
 
 def test_channels_of_one_connection(server):
