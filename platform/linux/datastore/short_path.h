@@ -1,4 +1,4 @@
-/// Short paths: an operator may specify a path of the configuration by its end alone.
+/// Short paths: an operator may specify a path of the configuration by its end only.
 #ifndef LINUX_DATASTORE_SHORT_PATH_H
 #define LINUX_DATASTORE_SHORT_PATH_H
 
