@@ -1,10 +1,6 @@
 /// The configured banner without its delimiters, and the file that is created from it.
 ///
 /// Input: the text of the banner, up to its first NUL.
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -17,18 +13,9 @@
 #include "host/banners.h"
 #include "platform/banner_service.h"
 #include "require.h"
+#include "scratch_folder.h"
 
 namespace {
-
-/// Mounts a private file system on the agent's folder, which disappears with the process.
-bool enter_scratch_folder() {
-    require(unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0);
-    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
-    require(mount("tmpfs", "/var/opt", "tmpfs", 0, nullptr) == 0);
-    std::filesystem::create_directories(paths::configuration_directory);
-    fake_platform::set_recording(false);
-    return true;
-}
 
 std::string content(const char* path) {
     std::ifstream file(path, std::ios::binary);

@@ -3,12 +3,7 @@
 /// Input: a byte of options, the NUL-terminated keyword and value, and the file's content.
 #include "config_files/line_editor.h"
 
-#include <sched.h>
-#include <sys/mount.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -16,20 +11,11 @@
 #include "core/paths.h"
 #include "fake/fake_platform.h"
 #include "require.h"
+#include "scratch_folder.h"
 
 namespace {
 
 constexpr char edited_file[] = "/var/opt/norvo/norvossh/edited";
-
-/// Mounts a private file system on the agent's folder, which disappears with the process.
-bool enter_scratch_folder() {
-    require(unshare(geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) == 0);
-    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
-    require(mount("tmpfs", "/var/opt", "tmpfs", 0, nullptr) == 0);
-    std::filesystem::create_directories(paths::configuration_directory);
-    fake_platform::set_recording(false);
-    return true;
-}
 
 std::string take_text(std::string& input) {
     const size_t end = input.find('\0');

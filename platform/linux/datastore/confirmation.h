@@ -1,4 +1,4 @@
-/// The confirmation that a commit awaits. If it is not given in time, the commit is to be undone.
+/// The confirmation that a commit awaits. A commit that is not confirmed in time is undone.
 ///
 /// The confirmation and its deadline are stored in the same transaction as the commit, so they survive a restart of the
 /// agent and of the machine. The deadline is measured by the machine's uptime, which nobody can set. After a restart of

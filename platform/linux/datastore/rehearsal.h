@@ -26,8 +26,8 @@ enum class rehearsed_change : uint8_t { created, changed, deleted };
 struct rehearsed_file {
     std::string path;
     rehearsed_change change = rehearsed_change::changed;
-    /// If requested: the removed lines, which begin with "-", and the added ones, which begin with "+". Not for files of
-    /// rules, which are replaced as a whole.
+    /// The lines that are removed, each with a "-" before it, and those that are added, with a "+". Empty unless they were
+    /// requested, and for files of rules, which are replaced as a whole.
     std::vector<std::string> lines = {};
 };
 

@@ -1,7 +1,6 @@
 #include "linux/lockout/login_session.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,13 +10,13 @@
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <sstream>
 #include <utility>
 #include <vector>
 
 #include "common/file_descriptor.h"
 #include "common/number.h"
+#include "common/process_files.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
 #include "openssh/paths.h"
@@ -32,10 +31,6 @@ constexpr int ancestors_max = 64;
 constexpr uint16_t server_ports[] = {22, 830};
 
 std::function<std::optional<login_session>(pid_t)> diverted;
-
-std::string proc_path(pid_t process, const char* name) {
-    return "/proc/" + std::to_string(process) + '/' + name;
-}
 
 /// Returns the path of sshd as the kernel reports it for a process.
 std::string server_program() {
@@ -60,7 +55,7 @@ bool read_monitors_page(pid_t pid, const openssh::process_info& process, openssh
 std::string vrf_of_process(pid_t process) {
     struct stat own = {};
     struct stat other = {};
-    if (stat(proc_path(process, "ns/net").c_str(), &own) != 0) {
+    if (stat(process_file(process, "ns/net").c_str(), &own) != 0) {
         return {};
     }
     for (const std::string& name : namespace_list()) {
@@ -70,22 +65,6 @@ std::string vrf_of_process(pid_t process) {
         }
     }
     return {};
-}
-
-std::set<uint64_t> session_sockets(pid_t process) {
-    constexpr std::string_view prefix = "socket:[";
-    std::set<uint64_t> sockets;
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(proc_path(process, "fd").c_str()), closedir);
-    while (const dirent* entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
-        std::array<char, 64> target = {};
-        const ssize_t size = readlinkat(dirfd(folder.get()), entry->d_name, target.data(), target.size());
-        const std::string_view text(target.data(), size > 0 ? static_cast<size_t>(size) : 0);
-        if (text.starts_with(prefix) && text.ends_with(']')) {
-            const std::string_view number = text.substr(prefix.size(), text.size() - prefix.size() - 1);
-            sockets.insert(number_parse<uint64_t>(number).value_or(0));
-        }
-    }
-    return sockets;
 }
 
 /// An address and a port as /proc shows them: words of memory in hexadecimal digits, a colon, the port.
@@ -132,9 +111,9 @@ void unmap(shown_end& end) {
 }
 
 std::optional<rule_connection> connection_of_process(pid_t process) {
-    const std::set<uint64_t> sockets = session_sockets(process);
+    const std::set<uint64_t> sockets = process_sockets(process);
     for (const char* table : {"net/tcp", "net/tcp6"}) {
-        std::ifstream lines(proc_path(process, table));
+        std::ifstream lines(process_file(process, table));
         for (std::string line; std::getline(lines, line);) {
             const std::optional<rule_connection> found = login_connection_in(line, sockets);
             // A forwarded connection has another local port.

@@ -1,7 +1,6 @@
 #include "linux/status/listening_ports.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <linux/inet_diag.h>
@@ -16,12 +15,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <sstream>
-#include <string_view>
 
 #include "common/file_descriptor.h"
-#include "common/number.h"
+#include "common/process_files.h"
 #include "linux/process/child_output.h"
 #include "linux/vrf/namespace_watch.h"
 #include "linux/vrf/vrf_table_internal.h"
@@ -29,31 +26,6 @@
 namespace {
 
 constexpr unsigned listen_state = 10;  ///< TCP_LISTEN
-
-struct closer {
-    void operator()(DIR* folder) const { closedir(folder); }
-};
-
-std::string path_of(pid_t process, const char* name) {
-    return "/proc/" + std::to_string(process) + '/' + name;
-}
-
-/// The inode numbers of a process's sockets.
-std::set<uint64_t> sockets_of(pid_t process) {
-    constexpr std::string_view prefix = "socket:[";
-    std::set<uint64_t> sockets;
-    const std::unique_ptr<DIR, closer> folder(opendir(path_of(process, "fd").c_str()));
-    while (const dirent* entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
-        std::array<char, 64> target = {};
-        const ssize_t size = readlinkat(dirfd(folder.get()), entry->d_name, target.data(), target.size());
-        const std::string_view text(target.data(), size > 0 ? static_cast<size_t>(size) : 0);
-        if (text.starts_with(prefix) && text.ends_with(']')) {
-            const std::string_view number = text.substr(prefix.size(), text.size() - prefix.size() - 1);
-            sockets.insert(number_parse<uint64_t>(number).value_or(0));
-        }
-    }
-    return sockets;
-}
 
 /// Queries the listening sockets of a family in the current namespace. The files in /proc/net would make the kernel go
 /// through the connections of all namespaces.
@@ -99,9 +71,9 @@ void add_ports(uint8_t family, const std::set<uint64_t>& sockets, std::set<uint1
 
 /// Enters the process's namespace permanently.
 std::set<uint16_t> ports_of(pid_t process) {
-    const std::set<uint64_t> sockets = sockets_of(process);
+    const std::set<uint64_t> sockets = process_sockets(process);
     std::set<uint16_t> ports;
-    const file_descriptor target(open(path_of(process, "ns/net").c_str(), O_RDONLY | O_CLOEXEC));
+    const file_descriptor target(open(process_file(process, "ns/net").c_str(), O_RDONLY | O_CLOEXEC));
     if (!sockets.empty() && target.get() >= 0 && setns(target.get(), CLONE_NEWNET) == 0) {
         add_ports(AF_INET, sockets, ports);
         add_ports(AF_INET6, sockets, ports);
@@ -141,6 +113,6 @@ bool runs_in_another_namespace(pid_t process, const std::string& vrf_name) {
     struct stat wanted = {};
     struct stat present = {};
     const std::string own = std::string(namespace_directory) + '/' + namespace_name_prefix + vrf_name;
-    return stat(own.c_str(), &wanted) == 0 && stat(path_of(process, "ns/net").c_str(), &present) == 0 &&
+    return stat(own.c_str(), &wanted) == 0 && stat(process_file(process, "ns/net").c_str(), &present) == 0 &&
            (wanted.st_ino != present.st_ino || wanted.st_dev != present.st_dev);
 }

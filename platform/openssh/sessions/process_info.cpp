@@ -15,6 +15,7 @@
 
 #include "common/journal_entry.h"
 #include "common/number.h"
+#include "common/process_files.h"
 #include "openssh/reporter/own_process.h"
 
 namespace openssh {
@@ -22,10 +23,6 @@ namespace openssh {
 namespace {
 
 constexpr size_t most_text = 4096;
-
-std::string proc_path(pid_t pid, const char* file) {
-    return "/proc/" + std::to_string(pid) + "/" + file;
-}
 
 bool read_text(const std::string& path, std::string& text) {
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -50,7 +47,7 @@ using open_folder = std::unique_ptr<DIR, int (*)(DIR*)>;
 bool read_stat(pid_t pid, process_info& process) {
     std::string text;
     process_stat stat;
-    if (!read_text(proc_path(pid, "stat"), text) || !parse_process_stat(text, stat) || stat.state == 'Z' ||
+    if (!read_text(process_file(pid, "stat"), text) || !parse_process_stat(text, stat) || stat.state == 'Z' ||
         stat.state == 'X') {
         return false;
     }
@@ -63,7 +60,7 @@ bool read_stat(pid_t pid, process_info& process) {
 /// any network namespace. The copy is closed at once: it would keep the connection open after the process has closed it.
 template <class visitor>
 bool visit_sockets(int process_descriptor, pid_t pid, visitor look) {
-    const std::string folder = proc_path(pid, "fd");
+    const std::string folder = process_file(pid, "fd");
     const open_folder descriptors(opendir(folder.c_str()), closedir);
     while (const dirent* entry = descriptors != nullptr ? readdir(descriptors.get()) : nullptr) {
         const std::optional<int> number = number_parse<int>(entry->d_name);
@@ -118,7 +115,7 @@ bool parse_process_users(std::string_view text, process_info& process) {
 /// The kernel appends " (deleted)" when the program's file has been replaced.
 std::string program_of_process(pid_t pid) {
     constexpr std::string_view replaced = " (deleted)";
-    std::string program = read_link(proc_path(pid, "exe"));
+    std::string program = read_link(process_file(pid, "exe"));
     if (program.ends_with(replaced)) {
         program.resize(program.size() - replaced.size());
     }
@@ -127,12 +124,13 @@ std::string program_of_process(pid_t pid) {
 
 bool read_process(pid_t pid, process_info& process) {
     std::string text;
-    if (!read_stat(pid, process) || !read_text(proc_path(pid, "status"), text) || !parse_process_users(text, process)) {
+    if (!read_stat(pid, process) || !read_text(process_file(pid, "status"), text) ||
+        !parse_process_users(text, process)) {
         return false;
     }
     process.program = program_of_process(pid);
     process.name.clear();
-    if (read_text(proc_path(pid, "cmdline"), text)) {
+    if (read_text(process_file(pid, "cmdline"), text)) {
         process.name = text.substr(0, text.find('\0'));
     }
     return true;
@@ -174,7 +172,7 @@ std::string vrf_of_process(pid_t pid) {
     constexpr std::string_view before_name = "sshd_service_";
     constexpr std::string_view after_name = ".service";
     std::string cgroup;
-    if (!read_text(proc_path(pid, "cgroup"), cgroup)) {
+    if (!read_text(process_file(pid, "cgroup"), cgroup)) {
         return {};
     }
     const std::string service = service_of_cgroup(cgroup);

@@ -213,7 +213,7 @@ class disturbed_commit_test : public acl_test, public testing::WithParamInterfac
         return remaining + static_cast<int>(fake_platform::not_in_force().size());
     }
 
-    /// Returns the state of the machine, or of the copy of it that is below `root`.
+    /// Returns the state of the machine, or of its copy below `root`.
     static machine_state state(const std::string& root = {}) {
         machine_state found;
         for (const char* folder : kept_folders) {
