@@ -448,8 +448,8 @@ std::string acl_text(const control_json& answer) {
         return ctl_list_check_text(answer);
     }
     if (const auto entries = answer.find("entries"); entries != answer.end()) {
-        return control_json_text(*entries) +
-               (answer.value("changed", true) ? " entries stored\n" : " entries, unchanged\n");
+        return control_json_text(*entries) + (*entries == 1 ? " entry" : " entries") +
+               (answer.value("changed", true) ? " stored\n" : ", unchanged\n");
     }
     const control_json& lists = data_of(answer);
     return lists.is_array() && lists.empty() ? "no access lists\n"

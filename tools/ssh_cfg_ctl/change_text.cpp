@@ -123,5 +123,6 @@ std::string ctl_list_check_text(const control_json& answer) {
         text += "rules   replaced  " + text_escape(user.value("vrf", ""), ctl_shown_max) + ' ' +
                 user.value("service", "") + '\n';
     }
-    return text + control_json_text(answer.value("entries", control_json())) + " entries" + only_checked;
+    const control_json entries = answer.value("entries", control_json());
+    return text + control_json_text(entries) + (entries == 1 ? " entry" : " entries") + only_checked;
 }

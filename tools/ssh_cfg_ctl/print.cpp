@@ -56,9 +56,9 @@ std::vector<size_t> widths_of(const table_cells& cells) {
 std::string line_text(const std::vector<std::string>& line, const std::vector<size_t>& widths) {
     std::string text;
     for (size_t column = 0; column < line.size(); column++) {
-        text += column == 0 ? "" : "  ";
-        text += column + 1 == line.size() ? line[column] : ctl_padded(line[column], widths[column]);
+        text += (column == 0 ? "" : "  ") + ctl_padded(line[column], widths[column]);
     }
+    text.erase(text.find_last_not_of(' ') + 1);
     return text + '\n';
 }
 

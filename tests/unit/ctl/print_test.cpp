@@ -23,6 +23,10 @@ TEST(ctl_records_text, columns_count_characters_not_bytes) {
     EXPECT_EQ(ctl_records_text(json(R"([{"a":"üü","b":1},{"a":"x","b":2}])"), 0), "a   b\nüü  1\nx   2\n");
 }
 
+TEST(ctl_records_text, lines_do_not_end_in_blanks) {
+    EXPECT_EQ(ctl_records_text(json(R"([{"a":1,"note":""},{"a":2,"note":"long"}])"), 0), "a  note\n1\n2  long\n");
+}
+
 TEST(ctl_records_text, no_records_print_nothing) {
     EXPECT_EQ(ctl_records_text(json("[]"), 0), "");
 }
