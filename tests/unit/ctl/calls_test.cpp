@@ -265,8 +265,9 @@ TEST(ctl_texts, a_check_shows_values_and_lines) {
 TEST(ctl_texts, a_changed_list_is_answered_with_the_number_of_its_entries) {
     EXPECT_EQ(text("acl", R"({"entries":1,"changed":true})"), "1 entry stored\n");
     EXPECT_EQ(text("acl", R"({"entries":2,"changed":false})"), "2 entries, unchanged\n");
-    EXPECT_EQ(text("acl", R"({"check":true,"entries":1,"list":{"family":"ipv4","name":"a","outcome":"created","lines":[]}})"),
-              "list    created  ipv4 a\n1 entry (checked only, nothing stored)\n");
+    EXPECT_EQ(
+        text("acl", R"({"check":true,"entries":1,"list":{"family":"ipv4","name":"a","outcome":"created","lines":[]}})"),
+        "list    created  ipv4 a\n1 entry (checked only, nothing stored)\n");
 }
 
 TEST(ctl_texts, a_commit_on_trial_says_how_to_confirm_it) {
