@@ -14,7 +14,7 @@ SECONDS ?= 60
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof fuzz lint install deb clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof fuzz pictures lint install deb clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
@@ -25,6 +25,7 @@ help:
 	@echo 'make fuzz     fuzz targets, each for SECONDS=60, or RUNS=N times; TARGETS="line_editor ..." for some'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
+	@echo 'make pictures draws the pictures of docs/ (needs graphviz)'
 	@echo 'make install  install the built system into /, or below DESTDIR'
 	@echo 'make deb      build Debian packages into $(BUILD)/packages/'
 	@echo 'make clean    remove the build folders'
@@ -94,6 +95,10 @@ fuzz: dependencies
 	$(call build_folder,$(BUILD_FUZZ),-DSSH_CFG_FUZZ=ON -DSSH_CFG_JOIN_SOURCES=ON -DCMAKE_CXX_COMPILER=clang++,fuzz_targets)
 	@nice -n 19 tools/fuzz/run --build $(BUILD_FUZZ) --jobs $(JOBS) --document docs/proof.md \
 		$(if $(RUNS),--runs $(RUNS),--seconds $(SECONDS)) $(if $(TARGETS),--targets $(TARGETS))
+
+# Needs Debian's graphviz, which nothing else does.
+pictures:
+	@for source in docs/pictures/*.dot; do dot -Tsvg "$$source" -o "$${source%.dot}.svg"; done
 
 install: build
 	cmake --install $(BUILD)
