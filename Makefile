@@ -75,11 +75,13 @@ bench: dependencies
 	@bench/run --build $(BUILD) --vrfs $(VRFS)
 
 # Continues where the last run ended. MOST_TESTS=100 limits the tests per mutant to the nearest ones, which is faster, but
-# reports some survivors too many. WAIT_WHILE names a file: while it exists, the run pauses.
+# reports some survivors too many. VERDICTS names the file of verdicts, to be kept elsewhere or brought from another machine.
+# WAIT_WHILE names a file: while it exists, the run pauses.
 mutants: dependencies
 	@nice -n 19 tools/mutants/run --work $(BUILD_MUTANTS) --jobs $(JOBS) --document docs/proof.md \
 		$(if $(FILES),--files $(FILES)) $(if $(SAMPLE),--sample $(SAMPLE)) \
-		$(if $(MOST_TESTS),--most-tests $(MOST_TESTS)) $(if $(WAIT_WHILE),--wait-while $(WAIT_WHILE))
+		$(if $(MOST_TESTS),--most-tests $(MOST_TESTS)) \
+		$(if $(VERDICTS),--verdicts $(VERDICTS)) $(if $(WAIT_WHILE),--wait-while $(WAIT_WHILE))
 
 # Every call that concerns files fails with every error, and is the last one before a kill; `make test` tries some of them.
 # A history that differs is shortened and kept in tests/models/kept, to be carried out by every `make test`.

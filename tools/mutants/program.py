@@ -16,7 +16,7 @@ import instrument
 FLAGS = "-std=c++20 -O1 -w -Wno-narrowing -include {tree}/mutants.h"
 ERROR = re.compile(r"^(?:\S*/)?tree/(\S+?):(\d+):(?:\d+:)?(?: error: (.*))?", re.MULTILINE)
 NOT_CONSTANT = re.compile(r"the value of ‘(?:.*::)?(\w+)’ is not usable in a constant expression")
-CPU_SECONDS = 20
+CPU_SECONDS = 5
 PATIENCE = 20.0  # seconds without progress, beyond ten times what the test takes
 
 
@@ -49,6 +49,7 @@ class Program:
     def __init__(self, path, folder, root):
         self.path, self.folder, self.root = path, folder, root
         self.digest = hashlib.sha256(path.read_bytes()).hexdigest()[:24]
+        self.folders = {}  # the name of the folder of each test's source
 
     def command(self, *arguments):
         return ["prlimit", f"--cpu={CPU_SECONDS}", "--core=0", "--", str(self.path), *arguments]
@@ -65,7 +66,9 @@ class Program:
                 if file not in digests:
                     digests[file] = hashlib.sha256(pathlib.Path(file).read_bytes()).hexdigest()[:24] \
                         if os.path.exists(file) else "unknown"
-                tests[f"{suite['name']}.{test['name']}"] = digests[file]
+                name = f"{suite['name']}.{test['name']}"
+                tests[name] = digests[file]
+                self.folders[name] = os.path.basename(os.path.dirname(file))
         return tests
 
     def reached(self, *arguments):
