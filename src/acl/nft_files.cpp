@@ -137,6 +137,12 @@ void report_failed_load(const char* vrf_name, uint32_t type, char* message) {
     note_load_failure("%s was not loaded: %s", list, reason);
 }
 
+/// Closes a rule file. Returns whether everything has been written.
+bool close_written(FILE* stream) {
+    const bool had_error = ferror(stream) != 0;
+    return fclose(stream) == 0 && !had_error;
+}
+
 void write_flush(FILE* stream, const nft_table& table) {
     fprintf(stream, table.family->flush_format, table.name);
 }
@@ -257,7 +263,7 @@ int create_nft_table(const char* vrf_name) {
     }
     fprintf(stream, "table ip %s {\n}\ntable ip6 %s {\n}\ntable ip %s {\n}\ntable ip6 %s {\n}\n",
             tables[acl_ssh_v4].name, tables[acl_ssh_v6].name, tables[acl_netconf_v4].name, tables[acl_netconf_v6].name);
-    const bool written = fflush(stream) == 0;
+    const bool written = ferror(stream) == 0 && fflush(stream) == 0;
     const int result = written ? ssh_apply_acl(vrf_name, acl_all) : report_unwritten_file();
     fclose(stream);
     return result;
@@ -275,8 +281,7 @@ int remove_nft_table(const char* vrf_name, uint32_t type) {
     // A table that does not exist cannot be deleted.
     write_table_declaration(type, stream);
     fprintf(stream, tables[type].family->delete_format, tables[type].name);
-    const bool written = fclose(stream) == 0;
-    return written ? ssh_apply_acl(vrf_name, type) : report_unwritten_file();
+    return close_written(stream) ? ssh_apply_acl(vrf_name, type) : report_unwritten_file();
 }
 
 int ssh_flush_nft_table(const char* vrf_name, uint32_t type) {
@@ -297,8 +302,7 @@ int ssh_flush_nft_table(const char* vrf_name, uint32_t type) {
     } else {
         write_flush(stream, tables[type]);
     }
-    const bool written = fclose(stream) == 0;
-    if ((written ? ssh_apply_acl(vrf_name, type) : report_unwritten_file()) != 0) {
+    if ((close_written(stream) ? ssh_apply_acl(vrf_name, type) : report_unwritten_file()) != 0) {
         debug_print("%s: Failed to apply nft rules", __func__);
         return -1;
     }

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr size_t action_name_compared = 10;
-
 /// The fields that both families' entries have under different names, apart from the numeric conditions.
 struct entry_parts {
     const void* entry;  ///< for its conditions
@@ -45,9 +43,9 @@ bool concerns_tcp(const family_rules& family, uint32_t operation, uint32_t proto
 
 void append_verdict(rule_text& rule, int32_t grant) {
     const char* name = acl_service_action_name(static_cast<uint32_t>(grant));
-    if (strncmp(name, "permit", action_name_compared) == 0) {
+    if (strcmp(name, "permit") == 0) {
         append_piece(rule, "accept ");
-    } else if (strncmp(name, "deny", action_name_compared) == 0) {
+    } else if (strcmp(name, "deny") == 0) {
         append_piece(rule, "drop ");
     }
 }

@@ -1,5 +1,6 @@
 #include "acl/rule_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -9,7 +10,7 @@ namespace {
 void append_bytes(rule_text& rule, const char* bytes, size_t count) {
     if (rule.length < rule_text_size - 1) {
         const size_t room = rule_text_size - 1 - rule.length;
-        memcpy(rule.buffer + rule.length, bytes, count < room ? count : room);
+        memcpy(rule.buffer + rule.length, bytes, std::min(count, room));
     }
     rule.length += count;
 }

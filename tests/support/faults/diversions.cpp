@@ -99,6 +99,7 @@ DIVERT(int, access, (const char* path, int mode), (path, mode), text_of(path), -
 DIVERT(DIR*, opendir, (const char* path), (path), text_of(path), nullptr)
 DIVERT(FILE*, fopen, (const char* path, const char* mode), (path, mode), text_of(path), nullptr)
 DIVERT(FILE*, fdopen, (int fd, const char* mode), (fd, mode), file_of(fd), nullptr)
+DIVERT(FILE*, open_memstream, (char** text, size_t* size), (text, size), nothing(), nullptr)
 DIVERT(int, kill, (pid_t pid, int signal_number), (pid, signal_number), std::to_string(pid), -1)
 DIVERT(int, inotify_init, (), (), nothing(), -1)
 DIVERT(int, inotify_init1, (int flags), (flags), nothing(), -1)

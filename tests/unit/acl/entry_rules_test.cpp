@@ -139,6 +139,7 @@ TEST_F(entry_rules_test, ipv6_entries) {
                 cases.push_back("Is" + end + "AddressInNumbers=2001:db8::1 " + end + "Mask=" + mask + " Is" + end +
                                 "AddressPrefixLength=" + length);
             }
+            cases.push_back(end + "Mask=" + mask + " Is" + end + "AddressPrefixLength=32");
         }
     }
     append(cases, by_operator("", {"IsSourceOperator", "IsSourcePort1", "IsSourcePort2"}, plain_pairs));

@@ -1,6 +1,8 @@
 #include "acl/failed_lists.h"
 
+#include "acl/acl_family.h"
 #include "acl_test.h"
+#include "call_faults.h"
 #include "platform/mpp.h"
 #include "vrf/acl_state.h"
 #include "vrf/acl_types.h"
@@ -85,6 +87,84 @@ TEST_F(failed_lists_test, a_repair_loads_the_list_and_lifts_the_block) {
     EXPECT_FALSE(is_blocked());
     EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
     EXPECT_EQ(run(false).remaining, 0);
+}
+
+// Also with a name of one character. An existing list is loaded without flushing its table before.
+TEST_F(failed_lists_test, a_list_of_each_service_and_family_is_loaded_in_one_step) {
+    set_list("4", {ipv4_entry()});
+    set_ipv6_list("6", {ipv6_entry()});
+    for (uint32_t type = 0; type < acl_all; type++) {
+        const bool is_ipv6 = type >= acl_ssh_v6;
+        const acl_family& family = is_ipv6 ? ipv6_acl_family : ipv4_acl_family;
+        const std::string list = is_ipv6 ? "6" : "4";
+        char(&field)[acl_name_size] = red->*(type == family.ssh_type ? family.ssh_name : family.netconf_name);
+        name(field, list.c_str());
+        stub_commands::clear_log();
+        const outcome found = run(true);
+        EXPECT_EQ(found.remaining, 0);
+        EXPECT_THAT(found.differences, ElementsAre(testing::EndsWith(": access list " + list + " is not loaded")));
+        EXPECT_THAT(loads(), ElementsAre(HasSubstr("norvossh_acl_all"), HasSubstr(nft_table_name(type))));
+        EXPECT_EQ(fake_platform::bindings(), 0U);
+        EXPECT_EQ(fake_platform::count_calls("datastore_list_free(list)"),
+                  fake_platform::count_calls("datastore_list_get"));
+        name(field, "");
+        run(true);
+    }
+}
+
+TEST_F(failed_lists_test, a_list_that_does_not_exist_has_its_table_flushed) {
+    for (const platform_status status : {DATASTORE_NO_SUCH_LIST, DATASTORE_NO_SUCH_TREE}) {
+        acl_rules_failed(red, acl_ssh_v4, "not removed");
+        name(red->ssh_v4_acl, "ops");
+        fake_platform::fail("datastore_list_get", status);
+        EXPECT_EQ(run(true).remaining, 0);
+        EXPECT_EQ(loads().size(), 2U);
+        stub_commands::clear_log();
+        fake_platform::clear_failures();
+    }
+}
+
+TEST_F(failed_lists_test, each_repair_reports_its_own_reason) {
+    const fake_platform::unenforced unwritten = {"rules red ssh ipv4",
+                                                 "the rule file could not be made: Read-only file system"};
+    fail_to_attach();
+    fail_loads("vrf-red");
+    run(true);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{
+                    "rules red ssh ipv4", "table norvossh_acl_all was not loaded: the command gave no reason"}));
+    call_faults::fail_call("creat", EROFS);
+    run(true);
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre(unwritten));
+    call_faults::clear();
+    acl_load_again(red, acl_ssh_v4);
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{"rules red ssh ipv4",
+                                                      "access list ops was not loaded: the command gave no reason"}));
+    name(red->ssh_v4_acl, "");
+    stub_commands::clear_rules();
+    call_faults::fail_call("creat", EROFS, call_faults::always, 1, rule_file("red", "norvossh_v4acl"));
+    run(true);
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre(unwritten));
+}
+
+TEST_F(failed_lists_test, a_table_is_loaded_again_completely) {
+    set_list("ops", {ipv4_entry()});
+    name(red->ssh_v4_acl, "ops");
+    acl_load_again(red, acl_ssh_v4);
+    EXPECT_THAT(loads(),
+                ElementsAre(HasSubstr("norvossh_v4acl"), HasSubstr("norvossh_acl_all"), HasSubstr("norvossh_v4acl")));
+    EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+    for (const uint32_t failing : {1U, 2U, 3U}) {
+        stub_commands::clear_log();
+        stub_commands::fail("ip netns exec", 1, 1, failing);
+        acl_load_again(red, acl_ssh_v4);
+        EXPECT_EQ(loads().size(), failing);
+        EXPECT_TRUE(fake_platform::is_not_in_force("rules red ssh ipv4")) << failing;
+        stub_commands::clear_rules();
+        acl_load_again(red, acl_ssh_v4);
+        EXPECT_THAT(fake_platform::not_in_force(), IsEmpty());
+    }
 }
 
 TEST_F(failed_lists_test, a_repair_that_fails_says_why_and_does_not_block_again) {

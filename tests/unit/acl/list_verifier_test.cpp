@@ -1,7 +1,9 @@
 #include "acl/list_verifier.h"
 
 #include "acl_test.h"
+#include "call_faults.h"
 #include "platform/mpp.h"
+#include "usage.h"
 
 namespace {
 
@@ -142,6 +144,35 @@ TEST_F(list_verifier_test, reports_the_rule_of_each_entry) {
 TEST_F(list_verifier_test, an_entry_that_cannot_be_decoded_is_an_error) {
     EXPECT_NE(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {"nonsense"}).status, PLATFORM_OK);
     EXPECT_TRUE(fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, {}).entries.empty());
+}
+
+TEST_F(list_verifier_test, exhausted_memory_is_an_error) {
+    for (const char* call : {"open_memstream", "stdio_write", "fclose"}) {
+        call_faults::fail_call(call, ENOMEM, call_faults::once);
+        const auto rules = made(MPP_SERVICE_SSH, std::vector{ipv4_entry()});
+        call_faults::clear();
+        EXPECT_EQ(rules.status, platform_status{ENOMEM}) << call;
+        EXPECT_EQ(rules.text, "") << call;
+    }
+}
+
+TEST_F(list_verifier_test, no_memory_remains_allocated) {
+    char counter[] = "hits";
+    acl_ipv4_entry counted = ipv4_entry();
+    counted.CounterName = counter;
+    const std::string record = encoded(acl_service_ipv4_entry_descriptor(), counted);
+    const auto verify = [](const std::vector<std::string>& records) {
+        fake_platform::make_acl_rules(ACL_FAMILY_IPV4, MPP_SERVICE_SSH, records);
+    };
+    fake_platform::set_recording(false);
+    EXPECT_EQ(bytes_left_by([&] { verify({record, record}); }), 0U);
+    EXPECT_EQ(bytes_left_by([&] { verify({record, "nonsense"}); }), 0U);
+    EXPECT_EQ(bytes_left_by([&] {
+                  call_faults::fail_call("fclose", ENOMEM, call_faults::once);
+                  verify({record});
+                  call_faults::clear();
+              }),
+              0U);
 }
 
 TEST_F(list_verifier_test, nothing_is_written_or_loaded) {

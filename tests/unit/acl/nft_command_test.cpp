@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "files.h"
+#include "usage.h"
 
 namespace {
 
@@ -33,6 +35,18 @@ class caught_standard_error {
   private:
     int saved_;
 };
+
+/// The file behind a descriptor, or -1.
+ino_t file_behind(int fd) {
+    struct stat status = {};
+    return fstat(fd, &status) == 0 ? status.st_ino : static_cast<ino_t>(-1);
+}
+
+/// Opens /dev/null until no descriptor is left.
+void use_up_descriptors() {
+    while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+    }
+}
 
 std::string shortened(const char* text) {
     char message[200];
@@ -66,6 +80,13 @@ TEST(nft_command_test, a_long_message_is_truncated) {
     EXPECT_STREQ(message, "012345678");
 }
 
+TEST(nft_command_test, the_shortest_message_is_kept) {
+    char message[10];
+    const caught_standard_error caught;
+    run_nft_command("printf x >&2", message, sizeof message);
+    EXPECT_STREQ(message, "x");
+}
+
 TEST(nft_command_test, leaves_errno_alone) {
     char message[100];
     const caught_standard_error caught;
@@ -76,34 +97,63 @@ TEST(nft_command_test, leaves_errno_alone) {
     }
 }
 
-TEST(nft_command_test, closes_its_descriptors) {
-    const int before = dup(0);
-    close(before);
+TEST(nft_command_test, leaves_errno_alone_if_the_message_cannot_be_passed_on) {
     char message[100];
-    for (int i = 0; i < 5; i++) {
-        run_nft_command("true", message, sizeof message);
-    }
-    const int after = dup(0);
-    close(after);
-    EXPECT_EQ(after, before);
+    const int saved = dup(STDERR_FILENO);
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    dup2(full, STDERR_FILENO);
+    errno = EEXIST;
+    run_nft_command("echo message >&2; false", message, sizeof message);
+    const int after = errno;
+    dup2(saved, STDERR_FILENO);
+    EXPECT_EQ(after, EEXIST);
+    EXPECT_STREQ(message, "message\n");
 }
 
-TEST(nft_command_test, runs_the_command_when_all_descriptors_are_in_use) {
-    // The command itself has descriptors again, because those of this process are closed on exec.
+TEST(nft_command_test, closes_its_descriptors) {
+    char message[100];
+    const size_t before = open_descriptors();
+    run_nft_command("true", message, sizeof message);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(nft_command_test, works_in_a_process_without_standard_input) {
+    char message[100];
+    const caught_standard_error caught;
+    close(STDIN_FILENO);
+    run_nft_command("echo message >&2", message, sizeof message);
+    EXPECT_STREQ(message, "message\n");
+    EXPECT_EQ(file_behind(STDIN_FILENO), static_cast<ino_t>(-1));
+}
+
+// Then the messages are not kept. The command itself has descriptors again, because those of this process are closed on
+// exec.
+TEST(nft_command_test, runs_the_command_when_too_few_descriptors_are_left) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit few = {20, limit.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
-    while (open("/dev/null", O_RDONLY | O_CLOEXEC) >= 0) {
+    for (const int left : {0, 1}) {
+        setrlimit(RLIMIT_NOFILE, &few);
+        use_up_descriptors();
+        for (int fd = 19; fd > 19 - left; fd--) {
+            close(fd);
+        }
+        char message[100] = "before";
+        const ino_t standard_input = file_behind(STDIN_FILENO);
+        const ino_t standard_error = file_behind(STDERR_FILENO);
+        errno = EEXIST;
+        const int result = run_nft_command("exit 0", message, sizeof message);
+        const int after = errno;
+        EXPECT_EQ(file_behind(STDIN_FILENO), standard_input) << left;
+        EXPECT_EQ(file_behind(STDERR_FILENO), standard_error) << left;
+        for (int fd = 19; fd > 19 - left; fd--) {
+            EXPECT_EQ(file_behind(fd), static_cast<ino_t>(-1)) << fd;
+        }
+        setrlimit(RLIMIT_NOFILE, &limit);
+        EXPECT_EQ(result, 0) << left;
+        EXPECT_EQ(after, EEXIST) << left;
+        EXPECT_STREQ(message, "") << left;
     }
-    char message[100] = "before";
-    errno = EEXIST;
-    const int result = run_nft_command("exit 0", message, sizeof message);
-    const int after = errno;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(after, EEXIST);
-    EXPECT_STREQ(message, "");
 }
 
 TEST(nft_command_test, a_message_is_reduced_to_one_line) {

@@ -74,3 +74,10 @@ TEST_F(rule_matches_test, a_piece_that_crosses_the_end_is_truncated) {
     EXPECT_EQ(written(), std::string(598, 'x') + "a");
     EXPECT_EQ(text.length, 604U);
 }
+
+TEST_F(rule_matches_test, an_argument_behind_the_end_is_only_counted) {
+    append_piece(text, std::string(598, 'x').c_str());
+    append_piece(text, "%s%s%d", {"ab", "cd", 7U});
+    EXPECT_EQ(written(), std::string(598, 'x') + "a");
+    EXPECT_EQ(text.length, 603U);
+}

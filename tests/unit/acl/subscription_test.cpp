@@ -8,6 +8,7 @@
 #include "acl_test.h"
 #include "call_faults.h"
 #include "scratch_root.h"
+#include "usage.h"
 #include "vrf/acl_types.h"
 
 namespace {
@@ -484,9 +485,11 @@ const family_calls ipv6_calls = {ipv6_acl_family, "six", ssh_configure_v6acl, ss
 class subscription_account_test : public subscription_test {
   protected:
     std::string text;
+    const size_t descriptors = open_descriptors();
 
     void note(const std::string& step, int result) {
         text += "== " + step + ": " + std::to_string(result) + '\n' + account();
+        EXPECT_EQ(open_descriptors(), descriptors) << step;
         fake_platform::clear_failures();
         call_faults::clear();
         stub_commands::clear_rules();
@@ -497,13 +500,23 @@ class subscription_account_test : public subscription_test {
         name(blue->*calls.family.netconf_name, calls.list);
     }
 
+    void unsubscribe(const family_calls& calls) {
+        name(red->*calls.family.ssh_name, "");
+        name(blue->*calls.family.netconf_name, "");
+        release_unused_subscriptions();
+        name_list(calls);
+        account();
+    }
+
     void fail_each_step(const family_calls& calls) {
         const uint32_t type = calls.family.ssh_type;
         for (const char* operation : {"datastore_bind", "datastore_list_get", "datastore_list_fetch",
                                       "acl_service_get_list", "acl_service_register_callback"}) {
+            unsubscribe(calls);
             fake_platform::fail(operation, EIO);
             note(std::string("attach without ") + operation, calls.configure(nullptr, red, type));
         }
+        unsubscribe(calls);
         call_faults::fail_call("_ZnwmRKSt9nothrow_t", ENOMEM, call_faults::once);
         note("attach without memory", calls.configure(nullptr, red, type));
         stub_commands::fail("ip netns exec", 1);
@@ -545,6 +558,19 @@ class subscription_account_test : public subscription_test {
         note("detach what is not attached", 0);
         name_list(calls);
         fail_each_step(calls);
+        go_without_list(calls);
+    }
+
+    void go_without_list(const family_calls& calls) {
+        const acl_change_notice present = notice(calls.list, true);
+        for (const platform_status status : {DATASTORE_NO_SUCH_LIST, DATASTORE_NO_SUCH_TREE}) {
+            fake_platform::fail("datastore_list_get", status);
+            note("attach, status " + std::to_string(status), calls.configure(nullptr, red, calls.family.ssh_type));
+        }
+        const bool is_ipv6 = &calls.family == &ipv6_acl_family;
+        fake_platform::set_list(is_ipv6 ? ipv6_list_path(calls.list) : list_path(calls.list), {{"10", "no record"}});
+        note("attach a garbled list", calls.configure(nullptr, red, calls.family.ssh_type));
+        note("change to a garbled list", calls.changed(&present));
     }
 };
 
