@@ -140,9 +140,7 @@ int edit_vrf_files(const config_update& update) {
         return report_file_not_in_force(paths::restart_record);
     }
     const int result = walk_vrf_files(update);
-    const int error = errno;
     end_restart_walk();
-    errno = error;
     return result;
 }
 

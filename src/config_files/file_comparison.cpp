@@ -139,7 +139,7 @@ void add_setting(std::vector<keyword_value>& settings, const std::string& keywor
     for (keyword_value& present : settings) {
         if (present.keyword == keyword) {
             if (keyword == host_key) {
-                present.value = names_of(present.value + "," + value, true);
+                present.value = names_of(present.value + value, true);
             }
             return;
         }

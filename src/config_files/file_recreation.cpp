@@ -126,7 +126,9 @@ int vrf_config_file_recreate(const char* vrf_name) {
     }
     debug_print("%s, vrfname:=%s", __func__, vrf_name);
     if (copy_file(paths::server_file, paths::temporary_file) != 0) {
+        const int error = errno;
         std::remove(paths::temporary_file);
+        errno = error;
         return -1;
     }
     FILE* file = std::fopen(paths::temporary_file, "ae");

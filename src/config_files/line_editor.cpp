@@ -242,7 +242,6 @@ int finish(const edit_request& request, edit_pass& pass, uint32_t* change) {
     if (close_output(pass) != 0) {
         return give_up(request);
     }
-    pass.source.reset();
     if (pass.changed && note_file_change(request.file) != 0) {
         return give_up(request);
     }
@@ -312,12 +311,11 @@ struct list_comparison {
     bool equal() const { return rest != nullptr && *rest == '\0'; }
 };
 
-/// The second blank-separated word of a line; empty if there is none.
+/// The second blank-separated word of a line that begins with a keyword; empty if there is none.
 const char* second_word(const text_line& line, size_t* length) {
     constexpr char blanks[] = " \t\r\v\f";
     *line.text_end = '\0';
-    const char* word = line.start + std::strspn(line.start, blanks);
-    word += std::strcspn(word, blanks);
+    const char* word = line.start + std::strcspn(line.start, blanks);
     word += std::strspn(word, blanks);
     *length = std::strcspn(word, blanks);
     return word;

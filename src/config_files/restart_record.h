@@ -15,7 +15,7 @@ int note_file_change(const char* path);
 void note_restart_done(const char* vrf_name);
 
 /// Bracket a walk through the files of all VRFs, which is recorded once for all of them. The first returns 0, or -1 with
-/// errno and no walk begun.
+/// errno and no walk begun. The second leaves errno alone.
 int begin_restart_walk();
 void end_restart_walk();
 

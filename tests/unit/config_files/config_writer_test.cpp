@@ -109,8 +109,18 @@ TEST_F(config_writer_test, deleting_a_port_needs_the_port) {
 }
 
 TEST_F(config_writer_test, deleting_any_other_keyword_ignores_the_value) {
-    EXPECT_EQ(update_config_files_restart(event_delete_value, "UsePAM", "something", 0), 0);
-    EXPECT_EQ(read_file(paths::server_file), "Port 22\n");
+    for (const char* value : {"something", "some\nthing"}) {
+        write_file(paths::server_file, "UsePAM no\nPort 22\n");
+        EXPECT_EQ(update_config_files_restart(event_delete_value, "UsePAM", value, 0), 0);
+        EXPECT_EQ(read_file(paths::server_file), "Port 22\n");
+    }
+}
+
+TEST_F(config_writer_test, a_missing_value_is_printed_as_null) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    update_config_files_restart(event_delete_value, "UsePAM", nullptr, 0);
+    EXPECT_THAT(fake_platform::debug_texts(),
+                ElementsAre("update_config_files_restart, event:=4, code:=UsePAM, val:=NULL, allvrf:=0"));
 }
 
 TEST_F(config_writer_test, setting_no_value_fails_and_leaves_the_file) {
@@ -260,6 +270,14 @@ TEST_F(config_writer_test, the_walk_works_without_the_restart_upcall) {
     EXPECT_EQ(read_file(vrf_file("red")), "UsePAM yes\n");
 }
 
+// Their restarts were not successful.
+TEST_F(config_writer_test, after_a_walk_the_due_restarts_are_recorded_by_name) {
+    add_vrf("red", "UsePAM no\n");
+    add_vrf("blue", "UsePAM no\n");
+    EXPECT_EQ(update_config_files_restart(event_set_value, "UsePAM", "yes", 1), 0);
+    EXPECT_THAT(file_lines(paths::restart_record), ElementsAre(testing::_, "blue", "red"));
+}
+
 // --- Several lines for one keyword -----------------------------------------------------------------------------------
 
 TEST_F(config_writer_test, a_list_becomes_one_line_for_each_value_in_every_file) {
@@ -282,6 +300,13 @@ TEST_F(config_writer_test, an_unchanged_list_leaves_the_vrfs_alone) {
     add_vrf("red", "");
     write_file(paths::server_file, "HostKey /pkg/rsa\n");
     EXPECT_EQ(update_config_files_multiple_restart(event_set_value, "HostKey ", "/pkg/rsa", 1), 0);
+    EXPECT_EQ(read_file(vrf_file("red")), "");
+    EXPECT_THAT(restarts, ElementsAre());
+}
+
+TEST_F(config_writer_test, without_allvrf_a_list_changes_only_in_the_default_file) {
+    add_vrf("red", "");
+    EXPECT_EQ(update_config_files_multiple_restart(event_set_value, "HostKey ", "/pkg/rsa", 0), 0);
     EXPECT_EQ(read_file(vrf_file("red")), "");
     EXPECT_THAT(restarts, ElementsAre());
 }
@@ -370,7 +395,19 @@ TEST_F(config_writer_test, a_client_file_that_cannot_be_created_is_given_up_sile
     write_file("/var/opt/norvo", "in the way");
     update_client_config_file(event_set_value, "MACs", "hmac-sha1");
     EXPECT_THAT(fake_platform::log_texts(), ElementsAre());
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{std::string("file ") + paths::client_file, "Not a directory"}));
     std::filesystem::remove("/var/opt/norvo");
+}
+
+TEST_F(config_writer_test, a_client_file_that_cannot_be_edited_is_reported) {
+    write_file(paths::client_file, "MACs x\n");
+    update_client_config_file(event_set_value, "MACs", "hmac-sha1");
+    EXPECT_THAT(fake_platform::not_in_force(), ElementsAre());
+    std::filesystem::create_directory(paths::temporary_file);
+    update_client_config_file(event_set_value, "MACs", "x");
+    EXPECT_THAT(fake_platform::not_in_force(),
+                ElementsAre(fake_platform::unenforced{std::string("file ") + paths::client_file, "Is a directory"}));
 }
 
 TEST_F(config_writer_test, a_client_setting_without_a_value_leaves_the_file_unchanged) {

@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "config_files/algorithm_names.h"
 #include "config_files/default_contents.h"
+#include "usage.h"
 
 namespace {
 
@@ -46,6 +48,15 @@ TEST_F(file_comparison_test, the_initial_lines_agree_with_the_tables) {
     EXPECT_THAT(differing_client_keywords(wanted_client_settings(), present.settings), ElementsAre());
 }
 
+TEST_F(file_comparison_test, the_clients_file_is_compared_with_its_own_table) {
+    write_file(paths::client_file,
+               replaced(read_file(paths::client_file), "ServerAliveInterval 60\n", "") + "Other x\n");
+    file_values present;
+    EXPECT_EQ(read_file_values(paths::client_file, &present), 0);
+    EXPECT_THAT(differing_client_keywords(wanted_client_settings(), present.settings),
+                ElementsAre("ServerAliveInterval", "Other"));
+}
+
 TEST_F(file_comparison_test, order_and_spaces_do_not_matter) {
     std::string text;
     for (const std::string& line : file_lines(paths::server_file)) {
@@ -63,12 +74,34 @@ TEST_F(file_comparison_test, host_keys_may_share_one_line) {
     EXPECT_THAT(differing(text + "HostKey  /pkg/rsa,/pkg/dsa\n"), ElementsAre("HostKey"));
 }
 
+TEST_F(file_comparison_test, host_keys_are_collected_and_sorted) {
+    write_file("/tmp/file", "HostKey /pkg/rsa,/pkg/dsa\nUsePAM yes\nHostKey /pkg/ed25519\nHostKey /pkg/dsa\n");
+    file_values present;
+    EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+    ASSERT_EQ(present.settings.size(), 2u);
+    EXPECT_EQ(present.settings[0].value, "/pkg/dsa,/pkg/ed25519,/pkg/rsa,");
+    write_file("/tmp/file", "HostKey /pkg/rsa,/pkg/dsa\n");
+    EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+    ASSERT_EQ(present.settings.size(), 1u) << "what was read before is gone";
+    EXPECT_EQ(present.settings[0].value, "/pkg/dsa,/pkg/rsa,");
+}
+
+TEST_F(file_comparison_test, a_setting_can_have_the_name_of_a_keyword_as_its_value) {
+    write_file("/tmp/file", "Banner HostKey\n");
+    file_values present;
+    EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+    ASSERT_EQ(present.settings.size(), 1u);
+    EXPECT_EQ(present.settings[0].value, "HostKey");
+}
+
 TEST_F(file_comparison_test, a_missing_list_counts_as_its_default) {
     const std::string text = replaced(server_text(), std::string("Ciphers ") + default_cipher_list + "\n", "");
     EXPECT_THAT(differing(text), ElementsAre());
     server_config.algorithms[SERVER_CIPHERS].second_current = "aes128-ctr,";
     EXPECT_THAT(differing(text), ElementsAre("Ciphers"));
     EXPECT_THAT(differing(text + "Ciphers aes128-ctr\n"), ElementsAre());
+    server_config.algorithms[SERVER_CIPHERS].current = "aes128-ctr,";
+    EXPECT_THAT(differing(text), ElementsAre("Ciphers"));
 }
 
 TEST_F(file_comparison_test, the_order_of_algorithms_matters) {
@@ -134,6 +167,38 @@ TEST_F(file_comparison_test, the_vrfs_own_lines_are_compared_separately) {
 TEST_F(file_comparison_test, a_missing_file_is_an_error) {
     file_values present;
     EXPECT_EQ(read_file_values("/tmp/none", &present), -1);
+    EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(file_comparison_test, a_file_that_cannot_be_read_is_an_error) {
+    call_faults::fail_call("stdio_read", EIO, call_faults::once);
+    file_values present;
+    EXPECT_EQ(read_file_values(paths::server_file, &present), -1);
+    EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(file_comparison_test, a_file_of_any_size_is_read_completely_and_closed) {
+    const size_t descriptors = open_descriptors();
+    for (size_t size = 4090; size <= 4100; size++) {
+        write_file("/tmp/file", std::string(size - 7, '#') + "\nPort 22");
+        file_values present;
+        EXPECT_EQ(read_file_values("/tmp/file", &present), 0);
+        EXPECT_THAT(present.own_lines, ElementsAre("Port 22")) << size;
+    }
+    EXPECT_EQ(open_descriptors(), descriptors);
+}
+
+TEST_F(file_comparison_test, all_ports_are_removed_and_only_ports) {
+    constexpr char subsystem[] = "Subsystem netconf /pkg/bin/proxy\n";
+    write_file(paths::server_file, std::string("Port 22\nUsePAM yes\n") + subsystem + "Port 830\n");
+    EXPECT_EQ(write_server_line_again("Port"), 0);
+    EXPECT_EQ(server_text(), std::string("UsePAM yes\n") + subsystem);
+    write_file(paths::server_file, "Port 22\nPort 830\n");
+    std::filesystem::create_directory(paths::temporary_file);
+    EXPECT_EQ(write_server_line_again("Port"), -1);
+    EXPECT_EQ(errno, EISDIR);
+    std::filesystem::remove(paths::server_file);
+    EXPECT_EQ(write_server_line_again("Port"), -1);
     EXPECT_EQ(errno, ENOENT);
 }
 

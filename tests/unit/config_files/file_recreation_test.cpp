@@ -6,13 +6,16 @@
 #include <cerrno>
 #include <string>
 
+#include "../account.h"
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "config_files/parameter_table.h"
 #include "config_files/vrf_node.h"
 #include "core/debug.h"
 #include "core/text.h"
 #include "scratch_root.h"
 #include "syscall_faults.h"
+#include "usage.h"
 
 namespace {
 
@@ -251,6 +254,47 @@ TEST_F(file_recreation_test, on_a_full_disk_a_missing_file_stays_missing) {
     EXPECT_EQ(vrf_config_file_recreate("red"), -1);
     EXPECT_FALSE(path_exists(vrf_file));
     EXPECT_FALSE(path_exists(paths::temporary_file));
+}
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+TEST_F(file_recreation_test, every_failure_is_accounted_for) {
+    fake_platform::preset_debug_flag(debug_cfg_agent, true);
+    add_node("red", netconf_proxy);
+    store_ssh_vrf("red");
+    const struct {
+        const char* file;
+        int (*recreate)();
+    } recreations[] = {{paths::server_file, default_config_file_recreate},
+                       {vrf_file, [] { return vrf_config_file_recreate("red"); }}};
+    const struct {
+        const char* call;
+        uint32_t number;
+    } failing_calls[] = {{"", 0},       {"mkdir", 1},       {"fopen", 1},       {"fopen", 2},
+                         {"fopen", 3},  {"stdio_write", 1}, {"stdio_write", 2}, {"fflush", 1},
+                         {"fclose", 1}, {"fclose", 2},      {"rename", 1},      {"command", 1}};
+    std::string text;
+    account();
+    for (const auto& [file, recreate] : recreations) {
+        for (const auto& failing : failing_calls) {
+            write_file(paths::server_file, "UsePAM yes\n");
+            std::filesystem::remove(file);
+            std::filesystem::remove(paths::temporary_file);
+            const size_t descriptors = open_descriptors();
+            if (failing.number > 0) {
+                call_faults::fail_call(failing.call, EIO, call_faults::once, failing.number);
+            }
+            errno = 0;
+            const int result = recreate();
+            const std::string error = result != 0 ? strerror(errno) : "";
+            call_faults::clear();
+            text += std::string("== ") + file + " without " + failing.call + ' ' + std::to_string(failing.number) +
+                    ": " + std::to_string(result) + ' ' + error + (path_exists(file) ? ", exists" : "") +
+                    (path_exists(paths::temporary_file) ? ", temporary file" : "") + '\n' + account();
+            EXPECT_EQ(open_descriptors(), descriptors) << failing.call;
+        }
+    }
+    expect_golden("config_files/golden/recreation_account", text);
 }
 
 }  // namespace

@@ -7,9 +7,11 @@
 #include <cstdio>
 
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "core/debug.h"
 #include "core/trace.h"
 #include "scratch_root.h"
+#include "usage.h"
 
 namespace {
 
@@ -19,11 +21,20 @@ using testing::ElementsAre;
 constexpr char directory[] = "/var/opt/norvo/norvossh/";
 constexpr char file[] = "/var/opt/norvo/norvossh/some_file";
 
+/// The arguments of the only entry in the error trace.
+std::vector<std::string> traced_arguments() {
+    const auto lines = fake_platform::trace_lines_of("ssh/cfg-agent/error");
+    EXPECT_EQ(lines.size(), 1u);
+    return lines.empty() ? std::vector<std::string>() : lines[0].arguments;
+}
+
 TEST_F(files_test, a_file_exists_if_it_is_readable) {
     EXPECT_EQ(file_exists(nullptr), -1);
     EXPECT_EQ(file_exists(file), 0);
     write_file(file, "");
+    const size_t descriptors = open_descriptors();
     EXPECT_EQ(file_exists(file), 1);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST_F(files_test, creates_directory_and_file) {
@@ -45,13 +56,20 @@ TEST_F(files_test, fails_if_the_directory_cannot_be_created) {
     std::filesystem::remove_all("/var/opt/norvo");
     EXPECT_EQ(create_file_in_dir("/var/opt/norvo/norvossh/", file), -1);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(fake_platform::trace_lines_of("ssh/cfg-agent/error").size(), 1u);
+    EXPECT_THAT(traced_arguments(), ElementsAre(directory, std::to_string(ENOENT)));
 }
 
 TEST_F(files_test, fails_if_the_file_cannot_be_created) {
     std::filesystem::create_directories(file);
     EXPECT_EQ(create_file_in_dir(directory, file), -1);
     EXPECT_EQ(errno, EISDIR);
+    EXPECT_THAT(traced_arguments(), ElementsAre(file, std::to_string(EISDIR)));
+}
+
+TEST_F(files_test, fails_if_the_file_cannot_be_closed) {
+    call_faults::fail_call("fclose", EIO, call_faults::once, 1, file);
+    EXPECT_EQ(create_file_in_dir(directory, file), -1);
+    EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(files_test, copies_through_the_shell) {

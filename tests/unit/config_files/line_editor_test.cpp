@@ -15,6 +15,7 @@
 #include "core/trace.h"
 #include "scratch_root.h"
 #include "syscall_faults.h"
+#include "usage.h"
 
 namespace {
 
@@ -199,6 +200,24 @@ TEST_F(line_editor_test, a_replaced_value_is_printed) {
                             "changed"));
 }
 
+TEST_F(line_editor_test, an_edit_leaves_nothing_behind) {
+    fake_platform::set_recording(false);
+    write_file(edited_file, "UsePAM no\n");
+    const size_t descriptors = open_descriptors();
+    for (const char* failing : {"realloc", "fopen", "stdio_read", "fflush", "rename"}) {
+        const auto run = [failing] {
+            uint32_t change = 0;
+            edit("UsePAM", 1, "UsePAM yes", &change);
+            edit_multiple("UsePAM", 1, "UsePAM no", &change);
+            call_faults::fail_call(failing, EIO, call_faults::once);
+            edit("UsePAM", 1, "UsePAM yes", &change);
+            call_faults::clear();
+        };
+        EXPECT_EQ(bytes_left_by(run), 0u) << failing;
+        EXPECT_EQ(open_descriptors(), descriptors) << failing;
+    }
+}
+
 // --- Modes -----------------------------------------------------------------------------------------------------------
 
 TEST_F(line_editor_test, the_file_keeps_its_mode_but_is_never_writable_for_others) {
@@ -341,6 +360,41 @@ TEST_F(line_editor_test, a_failed_rename_leaves_the_temporary_file) {
     EXPECT_EQ(read_file("/mnt_point/file"), "UsePAM no\n");
     EXPECT_EQ(read_file(temporary_file), "UsePAM yes\n");
     EXPECT_EQ(change, 0u);
+}
+
+TEST_F(line_editor_test, only_a_temporary_file_that_cannot_be_closed_is_a_failure) {
+    const struct {
+        const char* file;
+        int result;
+        const char* text;
+    } closings[] = {{temporary_file, -1, "UsePAM no\n"}, {edited_file, 0, "UsePAM yes\n"}};
+    for (const auto& closing : closings) {
+        write_file(edited_file, "UsePAM no\n");
+        uint32_t change = 0;
+        call_faults::fail_call("fclose", EIO, call_faults::once, 1, closing.file);
+        EXPECT_EQ(edit("UsePAM", 1, "UsePAM yes", &change), closing.result);
+        call_faults::clear();
+        EXPECT_EQ(read_file(edited_file), closing.text);
+        EXPECT_FALSE(path_exists(temporary_file));
+    }
+}
+
+TEST_F(line_editor_test, a_restart_is_recorded_before_a_vrfs_file_changes) {
+    create_vrf_node("red");
+    const std::string file = paths::vrf_server_file_prefix + std::string("red");
+    uint32_t change = 0;
+    write_file(file, "UsePAM no\n");
+    EXPECT_EQ(update_string_in_file(file.c_str(), "UsePAM", 1, "UsePAM no", &change), 0);
+    EXPECT_FALSE(path_exists(paths::restart_record));
+    std::filesystem::create_directories(paths::restart_record_temporary);
+    EXPECT_EQ(update_string_in_file(file.c_str(), "UsePAM", 1, "UsePAM yes", &change), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(read_file(file), "UsePAM no\n");
+    EXPECT_FALSE(path_exists(temporary_file));
+    std::filesystem::remove(paths::restart_record_temporary);
+    EXPECT_EQ(update_string_in_file(file.c_str(), "UsePAM", 1, "UsePAM yes", &change), 0);
+    EXPECT_THAT(file_lines(paths::restart_record), ElementsAre(testing::_, "red"));
+    forget_vrf_nodes();
 }
 
 TEST_F(line_editor_test, a_full_disk_is_noticed_before_the_rename) {

@@ -15,6 +15,9 @@ TEST(name_list, names_are_joined_by_commas) {
     EXPECT_STREQ(list, "abc,de");
     EXPECT_TRUE(append_name(list, sizeof list, "fghi"));
     EXPECT_STREQ(list, "abc,de,fghi");
+    char short_names[5] = "a";
+    EXPECT_TRUE(append_name(short_names, sizeof short_names, "b"));
+    EXPECT_STREQ(short_names, "a,b");
 }
 
 TEST(name_list, a_list_that_is_too_long_is_truncated) {

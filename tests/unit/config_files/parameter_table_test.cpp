@@ -132,4 +132,26 @@ TEST_F(parameter_table_test, the_text_in_force_is_the_current_text_or_the_defaul
     EXPECT_STREQ(effective_text(server_config.parameters[SERVER_PORT]), "2222");
 }
 
+TEST_F(parameter_table_test, a_line_has_the_text_that_its_maker_makes_of_a_value) {
+    const struct {
+        line_text_maker make;
+        const char* value;
+        const char* text;
+    } cases[] = {
+        {PLAIN_VALUE, "8", "8"}, {ip_qos_text, "8", "0x20"}, {ip_qos_text, "", ""}, {ip_qos_text, nullptr, nullptr}};
+    for (const auto& test : cases) {
+        char buffer[setting_text_size];
+        EXPECT_STREQ(text_of_line(test.make, test.value, buffer), test.text);
+    }
+}
+
+TEST_F(parameter_table_test, the_offered_list_is_the_filtered_one_if_there_is_one) {
+    algorithm_entry& list = server_config.algorithms[SERVER_CIPHERS];
+    list.current = "all";
+    list.second_current = "filtered";
+    EXPECT_STREQ(offered_list(list), "filtered");
+    list.second_current = nullptr;
+    EXPECT_STREQ(offered_list(list), "all");
+}
+
 }  // namespace

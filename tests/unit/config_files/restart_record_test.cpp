@@ -4,13 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ctime>
 #include <string>
 
+#include "../account.h"
 #include "../agent_test.h"
+#include "call_faults.h"
 #include "config_files/config_writer.h"
 #include "config_files/vrf_node.h"
 #include "core/text.h"
 #include "scratch_root.h"
+#include "usage.h"
 
 namespace {
 
@@ -39,6 +43,12 @@ class restart_record_test : public agent_test {
         EXPECT_FALSE(lines.empty());
         lines.erase(lines.begin(), lines.begin() + (lines.empty() ? 0 : 1));
         return lines;
+    }
+
+    static uint64_t microseconds_now() {
+        timespec now = {};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
     }
 
     /// The process dies and another one starts.
@@ -155,6 +165,7 @@ TEST_F(restart_record_test, a_damaged_record_stands_for_every_server) {
 }
 
 TEST_F(restart_record_test, a_change_that_cannot_be_recorded_is_refused) {
+    find_vrf_node("red")->restart_put_off = 1;
     scratch_root::set_read_only("/run", true);
     EXPECT_EQ(note_file_change(file_of("red").c_str()), -1);
     EXPECT_EQ(errno, EROFS);
@@ -164,6 +175,11 @@ TEST_F(restart_record_test, a_change_that_cannot_be_recorded_is_refused) {
     scratch_root::set_read_only("/run", false);
     EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
     EXPECT_THAT(recorded(), testing::ElementsAre("red"));
+    find_vrf_node("red")->restart_put_off = 0;
+    scratch_root::set_read_only("/run", true);
+    EXPECT_EQ(note_file_change(file_of("red").c_str()), -1);
+    EXPECT_TRUE(restart_is_due("red", just_now)) << "because of the first change";
+    scratch_root::set_read_only("/run", false);
 }
 
 TEST_F(restart_record_test, a_file_is_not_replaced_before_the_restart_is_recorded) {
@@ -184,6 +200,89 @@ TEST_F(restart_record_test, an_unchanged_file_needs_no_record) {
     uint32_t change = 0;
     EXPECT_EQ(update_vrf_config_file(event_set_value, "red", "UsePAM", "no", &change), 0);
     EXPECT_FALSE(path_exists(paths::restart_record));
+}
+
+TEST_F(restart_record_test, the_time_of_the_record_is_that_of_systemds_clock) {
+    const uint64_t before = microseconds_now();
+    EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
+    const uint64_t after = microseconds_now();
+    const uint64_t time = std::stoull(file_lines(paths::restart_record).front());
+    EXPECT_LE(before, time);
+    EXPECT_LE(time, after);
+}
+
+TEST_F(restart_record_test, a_server_started_at_the_time_of_the_record_has_its_file) {
+    write_file(paths::restart_record, "1000\nred\n");
+    take_over_restart_record();
+    EXPECT_TRUE(restart_is_due("red", 999));
+    EXPECT_FALSE(restart_is_due("red", 1000));
+}
+
+TEST_F(restart_record_test, the_record_of_an_earlier_process_survives_the_restart_of_an_unknown_vrf) {
+    write_file(paths::restart_record, "1000\nred\n");
+    take_over_restart_record();
+    note_restart_done("green");
+    EXPECT_THAT(recorded(), testing::ElementsAre("red"));
+}
+
+TEST_F(restart_record_test, a_restart_that_was_not_due_leaves_the_record_alone) {
+    write_file(paths::restart_record, "1000\nred\n");
+    take_over_restart_record();
+    note_restart_done("blue");
+    EXPECT_EQ(read_file(paths::restart_record), "1000\nred\n");
+}
+
+TEST_F(restart_record_test, only_the_last_record_counts) {
+    write_file(paths::restart_record, "1000\nred\n");
+    take_over_restart_record();
+    std::filesystem::remove(paths::restart_record);
+    take_over_restart_record();
+    EXPECT_FALSE(restart_is_due("red", long_ago));
+}
+
+// --- Everything that is asked, run and reported -----------------------------------------------------------------------
+
+TEST_F(restart_record_test, every_failure_is_accounted_for) {
+    const struct {
+        const char* name;
+        int (*run)();
+    } operations[] = {{"change", [] { return note_file_change(file_of("red").c_str()); }},
+                      {"walk", begin_restart_walk},
+                      {"end of the walk",
+                       [] {
+                           end_restart_walk();
+                           return 0;
+                       }},
+                      {"restart", [] {
+                           note_restart_done("red");
+                           return 0;
+                       }}};
+    std::string text;
+    account();
+    for (const char* failing : {"fopen", "stdio_write", "fflush", "fclose", "rename", "remove"}) {
+        for (const auto& operation : operations) {
+            const size_t descriptors = open_descriptors();
+            call_faults::fail_call(failing, EIO, call_faults::once);
+            errno = EEXIST;
+            const int result = operation.run();
+            const std::string error = result != 0 ? strerror(errno) : "";
+            EXPECT_TRUE(result != 0 || errno == EEXIST) << operation.name << " without " << failing;
+            call_faults::clear();
+            text += std::string("== ") + operation.name + " without " + failing + ": " + std::to_string(result) + ' ' +
+                    error + (path_exists(paths::restart_record_temporary) ? ", temporary file" : "") +
+                    (path_exists(paths::restart_record) ? ", record of" : "");
+            for (const std::string& vrf :
+                 path_exists(paths::restart_record) ? recorded() : std::vector<std::string>()) {
+                text += ' ' + vrf;
+            }
+            text += '\n' + account();
+            EXPECT_EQ(open_descriptors(), descriptors) << operation.name << " without " << failing;
+        }
+        end_restart_walk();
+        note_restart_done("red");
+        account();
+    }
+    expect_golden("config_files/golden/restart_record_account", text);
 }
 
 }  // namespace

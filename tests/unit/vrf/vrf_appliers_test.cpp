@@ -697,7 +697,7 @@ class vrf_account_test : public vrf_appliers_test {
     }
 
     void fail_services(change_item item) {
-        for (const char* operation : {"mpp_vrf_set", "mpp_vrf_clear", "mpp_vrf_nft_init", "mpp_vrf_block",
+        for (const char* operation : {"mpp_vrf_set", "mpp_vrf_unset", "mpp_vrf_nft_init", "mpp_vrf_block",
                                       "mpp_vrf_unblock", "mpp_namespace_created", "vrf_table_lookup"}) {
             fake_platform::fail(operation, EIO);
             note(std::string("created without ") + operation, item("red", created, {"four", "six"}));
