@@ -696,6 +696,22 @@ class vrf_account_test : public vrf_appliers_test {
         }
     }
 
+    void fail_lists(change_item item) {
+        for (const char* call :
+             {"create_nft_table(red)", "ssh_flush_nft_table(red, 0)", "ssh_flush_nft_table(red, 1)",
+              "ssh_flush_nft_table(red, 2)", "ssh_flush_nft_table(red, 3)", "ssh_configure_v4acl(red, 0)",
+              "ssh_configure_v4acl(red, 1)", "ssh_configure_v6acl(red, 2)", "ssh_configure_v6acl(red, 3)"}) {
+            const std::string failing = std::string(" without ") + call;
+            fail_call(call);
+            note("created" + failing, item("red", created, {"four", "six"}));
+            fail_call(call);
+            note("changed" + failing, item("red", changed, {"other", nullptr}));
+            fail_call(call);
+            note("changed again" + failing, item("red", changed, {nullptr, "6"}));
+            note("deleted" + failing, item("red", deleted, {}));
+        }
+    }
+
     void fail_services(change_item item) {
         for (const char* operation : {"mpp_vrf_set", "mpp_vrf_unset", "mpp_vrf_nft_init", "mpp_vrf_block",
                                       "mpp_vrf_unblock", "mpp_namespace_created", "vrf_table_lookup"}) {
@@ -714,6 +730,7 @@ class vrf_account_test : public vrf_appliers_test {
 TEST_F(vrf_account_test, ssh) {
     live(ssh);
     fail_commands(ssh);
+    fail_lists(ssh);
     fail_services(ssh);
     expect_golden("vrf/golden/ssh_account", text);
 }
@@ -721,6 +738,7 @@ TEST_F(vrf_account_test, ssh) {
 TEST_F(vrf_account_test, netconf) {
     live(netconf);
     fail_commands(netconf);
+    fail_lists(netconf);
     fail_services(netconf);
     expect_golden("vrf/golden/netconf_account", text);
 }
