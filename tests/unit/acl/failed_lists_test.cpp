@@ -104,6 +104,7 @@ TEST_F(failed_lists_test, a_list_of_each_service_and_family_is_loaded_in_one_ste
         EXPECT_EQ(found.remaining, 0);
         EXPECT_THAT(found.differences, ElementsAre(testing::EndsWith(": access list " + list + " is not loaded")));
         EXPECT_THAT(loads(), ElementsAre(HasSubstr("norvossh_acl_all"), HasSubstr(nft_table_name(type))));
+        EXPECT_THAT(read_file(get_nft_file_name("red", type)), HasSubstr(" accept \n"));
         EXPECT_EQ(fake_platform::bindings(), 0U);
         EXPECT_EQ(fake_platform::count_calls("datastore_list_free(list)"),
                   fake_platform::count_calls("datastore_list_get"));
@@ -146,6 +147,20 @@ TEST_F(failed_lists_test, each_repair_reports_its_own_reason) {
     call_faults::fail_call("creat", EROFS, call_faults::always, 1, rule_file("red", "norvossh_v4acl"));
     run(true);
     EXPECT_THAT(fake_platform::not_in_force(), ElementsAre(unwritten));
+}
+
+TEST_F(failed_lists_test, each_type_has_its_own_reason) {
+    acl_rules_failed(red, acl_ssh_v4, "not removed");
+    acl_rules_failed(red, acl_netconf_v4, "not removed");
+    call_faults::fail_call("creat", EROFS, call_faults::always, 1, rule_file("red", "norvossh_v4acl"));
+    fail_loads("vrf-red /usr/sbin/nft -f " + rule_file("red", "netconf_v4acl"));
+    EXPECT_EQ(run(true).remaining, 2);
+    EXPECT_THAT(
+        fake_platform::not_in_force(),
+        ElementsAre(
+            fake_platform::unenforced{"rules red ssh ipv4", "the rule file could not be made: Read-only file system"},
+            fake_platform::unenforced{"rules red netconf ipv4",
+                                      "table netconf_v4acl was not loaded: the command gave no reason"}));
 }
 
 TEST_F(failed_lists_test, a_table_is_loaded_again_completely) {

@@ -81,10 +81,13 @@ TEST(nft_command_test, a_long_message_is_truncated) {
 }
 
 TEST(nft_command_test, the_shortest_message_is_kept) {
-    char message[10];
-    const caught_standard_error caught;
-    run_nft_command("printf x >&2", message, sizeof message);
+    char message[10] = "before";
+    {
+        const caught_standard_error caught;
+        run_nft_command("printf x >&2", message, sizeof message);
+    }
     EXPECT_STREQ(message, "x");
+    EXPECT_EQ(read_file(standard_error), "x");
 }
 
 TEST(nft_command_test, leaves_errno_alone) {
