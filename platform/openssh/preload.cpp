@@ -30,13 +30,18 @@ void load_into_sshd(const std::string& library) {
     setenv(libraries_variable, (has_others ? std::string(others) + ":" + library : library).c_str(), 1);
 }
 
-void name_vrf(const std::string& server_file) {
+std::string vrf_of(const std::string& server_file) {
     constexpr std::string_view before_name = "sshd_config_";
     const std::string name = server_file.substr(server_file.rfind('/') + 1);
-    if (name.starts_with(before_name)) {
-        setenv("SSH_CFG_VRF", name.c_str() + before_name.size(), 1);
-    } else {
+    return name.starts_with(before_name) ? name.substr(before_name.size()) : std::string();
+}
+
+void name_vrf(const std::string& server_file) {
+    const std::string name = vrf_of(server_file);
+    if (name.empty()) {
         unsetenv("SSH_CFG_VRF");
+    } else {
+        setenv("SSH_CFG_VRF", name.c_str(), 1);
     }
 }
 

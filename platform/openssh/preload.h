@@ -20,8 +20,10 @@ void load_into_sshd(const std::string& library);
 /// inherit it. `log_file` is where ssh writes its log, empty for standard error.
 void load_into_ssh(const std::string& library, const std::string& log_file);
 
+/// Returns the VRF of a server file, which is named after it; an empty text for another file.
+std::string vrf_of(const std::string& server_file);
+
 /// Sets the variable that names the server's VRF for the library, in the environment of the sshd that this process becomes.
-/// The agent's server file is named after the VRF.
 void name_vrf(const std::string& server_file);
 
 /// The log file named in ssh's arguments (the first is the program's name); empty if they name none.

@@ -22,7 +22,8 @@ struct reporter {
     const char* program = "sshd";
     /// The service whose main process this is. The journal cannot determine it after the process has ended.
     std::string service = {};
-    const char* log_name = "norvosshd";
+    /// The name in the system log. A server's is followed by its VRF, as in sshd's own lines.
+    std::string log_name = "norvosshd";
 };
 
 /// The way for a process whose standard error is `fd`. `journal_stream` identifies the journal's stream for the service

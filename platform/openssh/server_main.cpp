@@ -50,7 +50,6 @@ int compare(const openssh::launcher_paths& paths, const openssh::reporter& to) {
 int main(int count, char** arguments) {
     const openssh::launcher_paths paths;
     openssh::reporter to;
-    openlog(to.log_name, LOG_PID, LOG_AUTH);
     std::string cgroup;
     if (file_read("/proc/self/cgroup", 65536, cgroup) == PLATFORM_OK) {
         to.service = service_of_cgroup(cgroup);
@@ -62,6 +61,10 @@ int main(int count, char** arguments) {
     to.server_file = !options.ended_namespace.empty() ? options.ended_namespace
                      : options.file.empty()           ? "-"
                                                       : options.file;
+    if (const std::string vrf = openssh::vrf_of(options.file); !vrf.empty()) {
+        to.log_name += '-' + vrf;
+    }
+    openlog(to.log_name.c_str(), LOG_PID, LOG_AUTH);
     if (!error.empty()) {
         openssh::report(to, openssh::severity::error, error);
         std::fputs(openssh::usage_text, stderr);

@@ -9,7 +9,8 @@ namespace openssh {
 constexpr const char* server_verbose_places =
     "kex.c:choose_kex():*,kex.c:choose_hostkeyalg():*,kex.c:kex_choose_conf():*,"
     "packet.c:ssh_set_newkeys():*,packet.c:ssh_packet_set_rekey_limits():*,"
-    "auth.c:auth_log():*,auth-pam.c:sshpam_init():*,monitor.c:mm_answer_authpassword():*,monitor.c:mm_answer_keyverify():*,"
+    "auth.c:auth_log():*,auth-pam.c:sshpam_init():*,auth-pam.c:sshpam_auth_passwd():*,auth-pam.c:do_pam_account():*,"
+    "monitor.c:mm_answer_authpassword():*,monitor.c:mm_answer_keyverify():*,"
     "monitor.c:mm_answer_pam_respond():*,monitor.c:mm_answer_gss_userok():*,monitor.c:monitor_child_preauth():*,"
     "session.c:session_open():*,session.c:session_pty_req():*,"
     "channels.c:channel_new():*,channels.c:channel_free():*,channels.c:channel_set_xtype():*";

@@ -159,7 +159,7 @@ def test_omissions_are_in_the_units_journal_next_to_sshds_own_lines(server):
     (listening,) = server.said("Server listening on 0.0.0.0 port 830")
     for field in ("SYSLOG_IDENTIFIER", "SYSLOG_FACILITY", "SYSLOG_PID", "_PID"):
         assert entry[field] == listening[field]
-    assert entry["SYSLOG_IDENTIFIER"] == "norvosshd"
+    assert entry["SYSLOG_IDENTIFIER"] == "norvosshd-launcher_test"
     assert server.said("HostKey /pkg/dsa ignored")
     assert server.said("HostKeyAlgorithms: ignored, not supported by this OpenSSH: x509v3-ssh-rsa")
 
@@ -242,7 +242,7 @@ def test_an_empty_list_in_fips_mode_never_enables_other_algorithms(server):
         run("systemctl", "kill", "--signal=CONT", "systemd-journald.service")
     assert unit_property("ExecMainStatus") == "4"
     reasons = server.said("the last good file was made outside FIPS mode")
-    assert [reason["SYSLOG_IDENTIFIER"] for reason in reasons] == ["norvosshd"]
+    assert [reason["SYSLOG_IDENTIFIER"] for reason in reasons] == ["norvosshd-launcher_test"]
 
 
 @pytest.mark.parametrize(

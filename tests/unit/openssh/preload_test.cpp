@@ -96,4 +96,6 @@ TEST(server_environment, names_the_vrf) {
     EXPECT_STREQ(std::getenv("SSH_CFG_VRF"), "red");
     name_vrf("/tmp/some_file");
     EXPECT_EQ(std::getenv("SSH_CFG_VRF"), nullptr);
+    EXPECT_EQ(vrf_of("sshd_config_a.b-c"), "a.b-c");
+    EXPECT_EQ(vrf_of("/x/sshd_config"), "");
 }
