@@ -134,7 +134,7 @@ void log_message_send(const struct log_message_entry* entry, const char* text) {
     text_format_into(plain_text, sizeof plain_text, "%%%s-%s-%d-%s : %s", category, facility, priority, name, text);
     try {
         journal_send(priority, text,
-                     {{"SSH_CFG_NAME=", name},
+                     {{"SSH_CFG_MESSAGE=", name},
                       {"SSH_CFG_NUMBER=", hexadecimal(entry->number)},
                       {"SSH_CFG_SEVERITY=", std::to_string(entry->severity)},
                       {"SSH_CFG_FACILITY=", facility},

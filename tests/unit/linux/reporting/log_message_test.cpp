@@ -26,7 +26,7 @@ TEST(log_message_test, goes_to_the_journal_with_the_entrys_fields) {
     EXPECT_EQ(text, fields["MESSAGE"]);
     EXPECT_EQ("3", fields["PRIORITY"]);
     EXPECT_EQ("ssh_cfg_agent", fields["SYSLOG_IDENTIFIER"]);
-    EXPECT_EQ("ERR_ERRNO", fields["SSH_CFG_NAME"]);
+    EXPECT_EQ("ERR_ERRNO", fields["SSH_CFG_MESSAGE"]);
     EXPECT_EQ("0x1E000020", fields["SSH_CFG_NUMBER"]);
     EXPECT_EQ("3", fields["SSH_CFG_SEVERITY"]);
     EXPECT_EQ("SSHD_CFG_AGT", fields["SSH_CFG_FACILITY"]);
@@ -88,7 +88,7 @@ TEST(log_message_test, accepts_an_incomplete_entry) {
     auto fields = journal.receive_entry();
     EXPECT_EQ(text, fields["MESSAGE"]);
     EXPECT_EQ("7", fields["PRIORITY"]) << "an invalid severity counts as the lowest";
-    EXPECT_EQ("", fields["SSH_CFG_NAME"]);
+    EXPECT_EQ("", fields["SSH_CFG_MESSAGE"]);
 }
 
 TEST(log_message_test, the_platforms_own_lines_are_truncated) {
