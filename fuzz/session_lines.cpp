@@ -11,6 +11,7 @@
 
 #include "openssh/reporter/fact_rows.h"
 #include "openssh/reporter/log_filter.h"
+#include "openssh/reporter/login_attempt.h"
 #include "openssh/sessions/snapshot.h"
 #include "require.h"
 
@@ -54,6 +55,22 @@ void check_shown(log_filter& filter, std::string_view written) {
     require(bare.find("(pid=") == std::string::npos || line.text.find("(pid=") != std::string_view::npos);
 }
 
+void take_line_of_attempt(login_attempt& attempt, std::string_view written, unsigned switches) {
+    const login_attempt before = attempt;
+    bool before_authentication = false;
+    const std::string_view message = plain_message(written, before_authentication);
+    const bool from_monitor = (switches & 2U) != 0 && !before_authentication;
+    follow_attempt(attempt, message, from_monitor);
+    require_ended(attempt.user);
+    require_ended(attempt.methods);
+    require_ended(attempt.key);
+    require_ended(attempt.cause);
+    require_ended(attempt.ending);
+    require_ended(attempt.detail);
+    require_ended(reason_of(attempt).text);
+    require(std::strcmp(attempt.accepted, before.accepted) == 0 || from_monitor);
+}
+
 void take_line(session_facts& facts, log_filter& filter, std::string_view written, unsigned switches, uint64_t now) {
     check_shown(filter, written);
     log_line line;
@@ -78,10 +95,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string_view lines(reinterpret_cast<const char*>(data) + 1, size - 1);
     session_facts facts;
     log_filter filter;
+    login_attempt attempt;
     facts.kind = (switches & 1U) != 0 ? session_kind::outgoing : session_kind::incoming;
     for (uint64_t now = 1; !lines.empty(); ++now) {
         const std::string_view line = lines.substr(0, lines.find('\n'));
         take_line(facts, filter, line, switches, now);
+        take_line_of_attempt(attempt, line, switches);
         check_answer(facts, now);
         lines.remove_prefix(std::min(line.size() + 1, lines.size()));
     }

@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "ssh_cfg_ctl/backup.h"
 #include "ssh_cfg_ctl/change_text.h"
+#include "ssh_cfg_ctl/failures.h"
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
@@ -102,12 +103,20 @@ ctl_request bare_request(const argument_list& arguments) {
 constexpr char get_name[] = "get";
 constexpr char show_name[] = "show";
 constexpr char dump_name[] = "dump";
-constexpr char watch_name[] = "watch";
 constexpr char verify_name[] = "verify";
 constexpr char repair_name[] = "repair";
 constexpr char confirm_name[] = "confirm";
 constexpr char history_name[] = "history";
 constexpr char sessions_name[] = "sessions";
+
+ctl_request watch_request(const argument_list& given) {
+    argument_list arguments = given;
+    control_json request = {{"call", "watch"}};
+    if (ctl_take_flag(arguments, "--sessions")) {
+        request["sessions"] = true;
+    }
+    return arguments.empty() ? ctl_request_of(std::move(request)) : ctl_wrong_arguments();
+}
 
 ctl_request list_request(const argument_list& arguments) {
     const bool all = !arguments.empty() && arguments[0] == "--all";
@@ -491,6 +500,10 @@ std::string sessions_text(const control_json& answer) {
     return ctl_sessions_text(data_of(answer), ctl_output_width());
 }
 
+std::string failures_text(const control_json& answer) {
+    return ctl_failures_text(data_of(answer), ctl_output_width());
+}
+
 std::string ended_sessions_text(const control_json& answer) {
     return ctl_ended_sessions_text(data_of(answer));
 }
@@ -579,8 +592,10 @@ constexpr ctl_call_row calls[] = {
      "print this summary, or explain a call, an item, the items below a path, or those in which the words are found",
      help_request, help_text},
     {"show", "PATH", "print operational data", path_request<show_name>, data_text},
-    {"watch", "", "print telemetry as it happens, one JSON document per line, until interrupted",
-     bare_request<watch_name>, no_text, true},
+    {"watch", "[--sessions]",
+     "print telemetry as it happens, one JSON document per line, until interrupted; with --sessions, logins, logouts and "
+     "failed logins",
+     watch_request, no_text, true},
     {"acl",
      "set [--check] [--empty] ipv4|ipv6 NAME FILE, show ipv4|ipv6 NAME, delete [--absent-ok] ipv4|ipv6 NAME, or list",
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
@@ -598,6 +613,8 @@ constexpr ctl_call_row calls[] = {
     {"session", "end ID, end --user USER, end --vrf NAME, or end --pid PID",
      "end sessions of the servers, or connections on which nobody has logged in yet", ctl_session_request,
      ended_sessions_text},
+    {"failures", "[--lines N] [VRF]", "print the latest failed logins, 20 or N of them, and why they failed",
+     ctl_failures_request, failures_text},
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "[--check]",

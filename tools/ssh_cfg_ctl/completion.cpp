@@ -118,6 +118,7 @@ constexpr argument_row argument_rows[] = {
     {"session end", "--user --vrf --pid"},
     {"session end --user", "", users},
     {"session end --vrf", "", completions<a_vrf>},
+    {"failures", "", completions<a_vrf>},
     {"vrf", "list unblock"},
     {"vrf unblock", "", completions<a_vrf>},
     {"debug", "", debug_flags},

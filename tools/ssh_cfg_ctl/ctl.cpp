@@ -15,6 +15,7 @@
 #include "ssh_cfg_ctl/command_line.h"
 #include "ssh_cfg_ctl/completion.h"
 #include "ssh_cfg_ctl/consent.h"
+#include "ssh_cfg_ctl/failures.h"
 #include "ssh_cfg_ctl/help.h"
 #include "ssh_cfg_ctl/nearest.h"
 #include "ssh_cfg_ctl/print.h"
@@ -99,7 +100,9 @@ int report(const ctl_command_line& line, const ctl_call_row& row, const control_
 
 /// Prints events until either side ends the watch.
 int run_watch(const ctl_command_line& line, const ctl_connection_settings& settings, const control_json& request) {
-    const control_json end = ctl_watch(settings, request, STDOUT_FILENO);
+    const bool in_words = request.contains("sessions") && !line.json;
+    const control_json end =
+        ctl_watch(settings, request, STDOUT_FILENO, in_words ? ctl_login_event_text : control_json_text);
     const bool wanted = control_result_of_name(end.value("result", "")) == control_result::done;
     return wanted ? static_cast<int>(control_result::done) : report_problem(line, end);
 }

@@ -72,11 +72,15 @@ struct watch_state {
     std::string lines;
     size_t written = 0;
     control_frame_reader frame;
+    std::string (*line_of)(const control_json& event);
 };
 
 /// In gNMI each update contains the number of older ones it replaces.
 void tell_coalesced(control_json& notification, const control_json& coalesced) {
     const auto updates = notification.find("update");
+    if (updates == notification.end()) {
+        notification["dropped"] = coalesced;
+    }
     if (updates != notification.end() && updates->is_array()) {
         for (control_json& update : *updates) {
             update["duplicates"] = coalesced;
@@ -94,7 +98,7 @@ void add_lines(watch_state& state, control_json document) {
         tell_coalesced(data->front(), *coalesced);
     }
     for (const control_json& notification : *data) {
-        state.lines += control_json_text(notification) + '\n';
+        state.lines += state.line_of(notification) + '\n';
     }
 }
 
@@ -178,14 +182,15 @@ watch_step next_step(watch_state& state, const watched_signals& signals) {
 
 }  // namespace
 
-control_json ctl_watch(const ctl_connection_settings& settings, const control_json& request, int output) {
+control_json ctl_watch(const ctl_connection_settings& settings, const control_json& request, int output,
+                       std::string (*line_of)(const control_json& event)) {
     ctl_socket socket;
     control_json answer = ctl_ask_on(socket, settings, request);
     if (control_result_of_name(answer.value("result", "")) != control_result::done) {
         return answer;
     }
     const watched_signals signals;
-    watch_state state = {socket.fd(), output, {}, 0, {}};
+    watch_state state = {socket.fd(), output, {}, 0, {}, line_of};
     add_lines(state, std::move(answer));
     for (;;) {
         if (const watch_step end = next_step(state, signals)) {

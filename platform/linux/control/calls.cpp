@@ -85,6 +85,7 @@ constexpr call_row calls[] = {
     // The servers' sessions. Ending one changes nothing that a handler of the agent works with.
     {"sessions", control_call_sessions, on_standby::nothing, always, open_to::readers},
     {"session_end", control_call_session_end, on_standby::refuse, always, open_to::administrators},
+    {"failures", control_call_failures, on_standby::serve, always, open_to::readers},
     // Reloads of the router.
     {"reload", control_call_reload, on_standby::refuse, nullptr, open_to::administrators},
     {"reload_state", control_call_reload_state, on_standby::refuse, nullptr, open_to::readers},

@@ -18,7 +18,8 @@
 ///   dump, vrf_list, verify, repair
 ///   status  check (optional; true: the result is "failed" if anything is not as configured)
 ///   show    path; answers with "record", the records' name, beside "data"
-///   watch   nothing: after the answer, frames with telemetry follow until either side hangs up (event_queue.h)
+///   watch   sessions (optional; true: logins, logouts and failed logins instead of telemetry): after the answer, frames
+///           with events follow until either side hangs up (event_queue.h)
 ///   vrf_unblock  name
 ///   debug   nothing: lists the flags; or flag and on
 ///   trace   buffer
@@ -31,6 +32,8 @@
 ///   key_delete  user, absent_ok
 ///   sessions      number (of a list that was asked for before, optional)
 ///   session_end   one of id, pid (numbers), user, vrf (texts); the rest is set by "next"
+///   failures      lines (optional; the most failed logins, 1 to 1000), vrf (optional), number (of a reading that was
+///                 asked for before, optional)
 ///   reload        timeout (seconds, optional)
 ///   reload_state  number
 /// A path of set, delete, get, list or show may be given by its end; if that is ambiguous, the answer has result "usage" and

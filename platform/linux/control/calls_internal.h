@@ -82,6 +82,9 @@ control_json control_call_reload_state(const control_json& request, const contro
 control_json control_call_sessions(const control_json& request, const control_peer& peer);
 control_json control_call_session_end(const control_json& request, const control_peer& peer);
 
+// Failed logins (failure_calls.cpp).
+control_json control_call_failures(const control_json& request, const control_peer& peer);
+
 // Lifting blocks of a VRF (vrf_calls.cpp).
 control_json control_call_vrf_unblock(const control_json& request, const control_peer& peer);
 

@@ -79,7 +79,7 @@ size_t limit_for(const control_connection& connection, size_t limit) {
 /// The time allowed until the peer accepts at least one byte.
 uint64_t time_to_take(const control_connection& connection) {
     const control_limits& limits = connection.server->limits;
-    return connection.watching ? limits.watch_time : limits.answer_time;
+    return control_is_watching(connection) ? limits.watch_time : limits.answer_time;
 }
 
 std::string frame_of(std::string text) {
@@ -135,7 +135,7 @@ void admit_watcher(control_connection& connection, control_json& answer) {
                                 "too many watchers: the limit is " + std::to_string(server.limits.watchers));
         return;
     }
-    connection.watching = true;
+    connection.watching = answer["watching"] == "sessions" ? control_topic::sessions : control_topic::telemetry;
 }
 
 /// Marks a connection whose request is being carried out, so that nobody else uses or drops it meanwhile.
@@ -308,7 +308,7 @@ served write_answer(control_connection& connection) {
         return drop(connection);
     }
     forget_answer(connection);
-    if (!connection.watching) {
+    if (!control_is_watching(connection)) {
         enter_phase(connection, control_phase::idle, connection.server->limits.idle_time);
     } else if (connection.events.events.empty()) {
         wait_for_event(connection);
@@ -391,7 +391,7 @@ void time_is_up(control_connection& connection) {
                              std::to_string(connection.server->limits.frame_time / second) + " seconds");
         return;
     }
-    if (connection.watching) {
+    if (control_is_watching(connection)) {
         platform_log(LOG_NOTICE, "Dropped a watcher: process %d has not read its events for %d seconds",
                      connection.peer.pid, static_cast<int>(connection.server->limits.watch_time / second));
     }
@@ -431,7 +431,7 @@ uint64_t control_now() {
 
 size_t control_connection_watchers(const control_server& server) {
     return static_cast<size_t>(std::count_if(server.connections.begin(), server.connections.end(),
-                                             [](const auto& connection) { return connection->watching; }));
+                                             [](const auto& connection) { return control_is_watching(*connection); }));
 }
 
 platform_status control_connection_add(control_server* server, int fd, const control_peer& peer) {
@@ -468,7 +468,7 @@ void control_connection_notify(control_connection& connection, const std::shared
 
 void control_connection_serve_meanwhile(control_connection& connection) {
     // Watchers are served by the loop only, where the state that they are told of is complete.
-    if (connection.in_call || connection.watching || connection.phase == control_phase::deferred) {
+    if (connection.in_call || control_is_watching(connection) || connection.phase == control_phase::deferred) {
         return;
     }
     guarded(&connection, [&connection] {

@@ -12,6 +12,7 @@
 #include "control_protocol/frame.h"
 #include "control_protocol/json_text.h"
 #include "linux/control/event_queue.h"
+#include "linux/control/events.h"
 #include "linux/control/peer.h"
 #include "linux/control/server_state.h"
 
@@ -34,10 +35,10 @@ struct control_connection {
     int fd;
     control_peer peer;
     control_phase phase;
-    bool last_answer;   ///< the connection ends once its answer is sent
-    bool watching;      ///< receives events from now on
-    uint64_t since;     ///< when the connection was made, or its current frame or answer began
-    uint64_t deadline;  ///< when the current phase times out
+    bool last_answer;        ///< the connection ends once its answer is sent
+    control_topic watching;  ///< receives events from now on
+    uint64_t since;          ///< when the connection was made, or its current frame or answer began
+    uint64_t deadline;       ///< when the current phase times out
     sd_event_source* io;
     sd_event_source* limit;
     control_frame_reader frame;
@@ -50,6 +51,10 @@ struct control_connection {
     size_t sent;
     control_event_queue events;
 };
+
+inline bool control_is_watching(const control_connection& connection) {
+    return connection.watching != control_topic::none;
+}
 
 /// Microseconds of the monotonic clock, read now; the loop's own time is that of its last wake-up.
 uint64_t control_now();

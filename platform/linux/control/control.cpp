@@ -19,6 +19,7 @@
 #include "control_protocol/frame.h"
 #include "linux/control/calls.h"
 #include "linux/control/events.h"
+#include "linux/control/login_events.h"
 #include "linux/control/server.h"
 #include "linux/host/shelf_manager_internal.h"
 #include "linux/process/process_manager_internal.h"
@@ -141,6 +142,9 @@ platform_status control_start(sd_event* loop) {
     if (status == PLATFORM_OK && control.server != nullptr) {
         // Reloads are announced through the socket, so the shelf manager comes and goes with it.
         shelf_manager_link(true);
+        if (control.path == control_socket_path) {
+            login_events_start(loop);
+        }
     }
     return status;
 }
@@ -164,12 +168,12 @@ void control_stop_standby() {
     }
 }
 
-size_t control_publish(std::string_view subject, std::string_view document) {
+size_t control_publish(std::string_view subject, std::string_view document, control_topic topic) {
     if (control.server == nullptr) {
         return 0;
     }
-    control_server_publish(control.server, subject, document);
-    return control_server_watchers(control.server);
+    control_server_publish(control.server, subject, document, topic);
+    return control_server_watchers(control.server, topic);
 }
 
 void control_close() {
@@ -177,6 +181,7 @@ void control_close() {
         return;
     }
     shelf_manager_link(false);
+    login_events_stop();
     process_manager_at_progress(nullptr);
     unlink(control.path.c_str());
     control_server_free(control.server);

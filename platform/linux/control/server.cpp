@@ -45,7 +45,7 @@ bool dropped_before(const std::unique_ptr<control_connection>& left, const std::
     const auto rank = [](const control_connection& connection) {
         const bool is_served =
             connection.phase == control_phase::answering || connection.phase == control_phase::deferred;
-        return std::tuple(connection.in_call, connection.peer.uid == 0, connection.watching, is_served,
+        return std::tuple(connection.in_call, connection.peer.uid == 0, control_is_watching(connection), is_served,
                           connection.since);
     };
     return rank(*left) < rank(*right);
@@ -58,7 +58,7 @@ bool drop_idle_longest(control_server& server) {
         return false;
     }
     control_connection* victim = first->get();
-    if (victim->phase != control_phase::answering && !victim->watching) {
+    if (victim->phase != control_phase::answering && !control_is_watching(*victim)) {
         control_json answer = control_answer(control_result::failed,
                                              "too many connections; dropped because this one has been idle longest");
         answer["retry"] = true;
@@ -258,17 +258,20 @@ void control_server_serve_meanwhile(control_server* server) {
     server->next_turn = end + std::max(end - begin, turn_interval);
 }
 
-size_t control_server_watchers(const control_server* server) {
-    return control_connection_watchers(*server);
+size_t control_server_watchers(const control_server* server, control_topic topic) {
+    return static_cast<size_t>(
+        std::count_if(server->connections.begin(), server->connections.end(),
+                      [topic](const auto& connection) { return connection->watching == topic; }));
 }
 
-void control_server_publish(control_server* server, std::string_view subject, std::string_view document) {
+void control_server_publish(control_server* server, std::string_view subject, std::string_view document,
+                            control_topic topic) {
     const auto event =
         std::make_shared<const control_event>(control_event{std::string(subject), std::string(document)});
     for (auto next = server->connections.begin(); next != server->connections.end();) {
         // The connection may be dropped here.
         control_connection& connection = **next++;
-        if (connection.watching) {
+        if (connection.watching == topic) {
             control_connection_notify(connection, event);
         }
     }

@@ -5,8 +5,8 @@
 ///
 /// Peers are served one call at a time. No peer, however slow or silent, and no number of peers prevents others from being
 /// answered: nothing blocks, every phase has a time limit, and when all places are taken, the connection idle longest is
-/// dropped. An answer with the member "watching": true makes its peer a watcher: it makes no more requests and receives
-/// events until either side hangs up. Watchers may be silent indefinitely without losing their places. In return their
+/// dropped. An answer with the member "watching", a topic (true for telemetry, or "sessions"), makes its peer a watcher: it
+/// makes no more requests and receives events until either side hangs up. Watchers may be silent indefinitely without losing their places. In return their
 /// number is small, and a watcher that does not read its events gets only the latest ones and is eventually dropped.
 #ifndef LINUX_CONTROL_SERVER_H
 #define LINUX_CONTROL_SERVER_H
@@ -17,6 +17,7 @@
 #include <cstddef>
 #include <string_view>
 
+#include "linux/control/events.h"
 #include "linux/control/server_state.h"
 #include "platform/status.h"
 
@@ -33,11 +34,12 @@ platform_status control_server_start(control_server* server, sd_event* loop);
 /// Never waits, and takes at most half of the time between its calls.
 void control_server_serve_meanwhile(control_server* server);
 
-/// The number of connections that watch.
-size_t control_server_watchers(const control_server* server);
+/// The number of connections that watch this topic.
+size_t control_server_watchers(const control_server* server, control_topic topic = control_topic::telemetry);
 
-/// Passes an event, one JSON document with the whole state of its subject, to all watchers. Throws std::bad_alloc.
-void control_server_publish(control_server* server, std::string_view subject, std::string_view document);
+/// Passes an event, one JSON document, to all watchers of the topic. Throws std::bad_alloc.
+void control_server_publish(control_server* server, std::string_view subject, std::string_view document,
+                            control_topic topic = control_topic::telemetry);
 
 /// Drops all connections and accepts no more until it is started again, on whatever loop. New connections wait meanwhile.
 void control_server_stop(control_server* server);

@@ -14,7 +14,17 @@ void pass_on(const control_json& notification, void* /*context*/) {
 
 }  // namespace
 
-control_json control_call_watch(const control_json& /*request*/, const control_peer& /*peer*/) {
+control_json control_call_watch(const control_json& request, const control_peer& /*peer*/) {
+    bool wants_sessions = false;
+    control_json wrong = control_flag_member(request, "sessions", wants_sessions);
+    if (!wrong.is_null()) {
+        return wrong;
+    }
+    if (wants_sessions) {
+        control_json answer = control_data_answer(control_json::array());
+        answer["watching"] = "sessions";
+        return answer;
+    }
     // Registering twice has no effect. The registration ends with the first event after the last watcher has gone.
     telemetry_listen(pass_on, nullptr);
     control_json answer = control_data_answer(telemetry_snapshot());
