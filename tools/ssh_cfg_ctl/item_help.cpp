@@ -61,6 +61,9 @@ std::string listed_value(const control_json& child) {
     if (const auto items = child.find("items"); items != child.end() && *items != 0) {
         return control_json_text(*items) + (*items == 1 ? " item" : " items");
     }
+    if (const auto entries = child.find("entries"); entries != child.end()) {
+        return control_json_text(*entries) + (*entries == 1 ? " entry" : " entries");
+    }
     const auto value = child.find("value");
     return value == child.end() ? "-" : text_escape(control_json_text(*value), shown_max);
 }

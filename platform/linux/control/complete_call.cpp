@@ -10,6 +10,7 @@
 #include "linux/control/operational_items.h"
 #include "linux/datastore/schema.h"
 #include "linux/datastore/schema_children.h"
+#include "linux/datastore/service_values.h"
 #include "linux/datastore/short_path.h"
 
 namespace {
@@ -27,6 +28,9 @@ std::vector<std::string> paths_below(const std::string& folder) {
         for (const std::string& name : control_known_names(folder)) {
             paths.push_back(folder + name + child.substr(1));
         }
+    }
+    for (const std::string& child : datastore_service_children(folder, true)) {
+        paths.push_back(folder + child);
     }
     return paths;
 }

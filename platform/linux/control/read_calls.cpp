@@ -33,13 +33,30 @@ control_json failure(const std::string& path, platform_status status) {
                                                               platform_status_text(status), status));
 }
 
+/// Counts items, access lists and imported keys.
 size_t items_below(const std::string& folder) {
     size_t items = 0;
+    datastore_visit_service_values(folder, [&items](const std::string&, const datastore_stored&) { items++; });
     datastore_visit(folder, [&items](const std::string&, const datastore_value&) {
         items++;
         return true;
     });
     return items;
+}
+
+/// Describes an access list by the number of its entries, and an imported key by its text.
+void add_service_value(const std::string& path, control_json& child) {
+    const std::optional<datastore_stored> stored = datastore_present_value(path);
+    control_json json;
+    child["configured"] = stored.has_value();
+    if (!stored.has_value() || !control_service_value_to_json(path, *stored, json)) {
+        return;
+    }
+    if (json.is_array()) {
+        child["entries"] = json.size();
+    } else {
+        child["value"] = std::move(json);
+    }
 }
 
 /// Describes the item or folder `name` below `folder`, a path that ends in '/'. A name that begins with "*" stands for any
@@ -52,6 +69,10 @@ control_json listed_child(const std::string& folder, const std::string& name) {
         const size_t items = is_wildcard ? 0 : items_below(path);
         child["configured"] = items > 0;
         child["items"] = items;
+        return child;
+    }
+    if (!is_wildcard && datastore_service_kind_of(path) != nullptr) {
+        add_service_value(path, child);
         return child;
     }
     datastore_value value;
@@ -77,6 +98,8 @@ control_json list_all(const std::string& path, const std::vector<std::string>& c
             names.insert(name.starts_with('*') ? chosen + name.substr(1) : name);
         }
     }
+    const std::vector<std::string> of_services = datastore_service_children(folder, true);
+    names.insert(of_services.begin(), of_services.end());
     control_json children;
     for (const std::string& name : names) {
         children.push_back(listed_child(folder, name));
@@ -127,6 +150,11 @@ control_json control_call_list(const control_json& request, const control_peer& 
     if (status != PLATFORM_OK) {
         return failure(path, status);
     }
+    for (std::string& name : datastore_service_children(path.ends_with('/') ? path : path + '/', false)) {
+        name.resize(name.size() - (name.ends_with('/') ? 1 : 0));
+        names.push_back(std::move(name));
+    }
+    std::sort(names.begin(), names.end());
     control_json all = request.value("all", control_json()) == true ? list_all(path, names) : control_json();
     if (!all.is_null()) {
         return control_data_answer(std::move(all));

@@ -1,6 +1,7 @@
 #include "linux/datastore/service_values.h"
 
 #include <algorithm>
+#include <set>
 
 #include "linux/datastore/state.h"
 
@@ -88,4 +89,22 @@ platform_status datastore_visit_service_values(
         }
     }
     return status;
+}
+
+std::vector<std::string> datastore_service_children(std::string_view folder, bool kinds_too) {
+    std::set<std::string> names;
+    const auto add = [&](std::string_view path) {
+        if (path.size() > folder.size() && path.starts_with(folder)) {
+            const size_t end = path.find('/', folder.size());
+            names.emplace(path.substr(folder.size(), end == std::string_view::npos ? end : end + 1 - folder.size()));
+        }
+    };
+    datastore_visit_service_values(folder,
+                                   [&add](const std::string& path, const datastore_stored& /*value*/) { add(path); });
+    for (const datastore_service_kind& kind : kinds()) {
+        if (kinds_too) {
+            add(kind.tree);
+        }
+    }
+    return {names.begin(), names.end()};
 }

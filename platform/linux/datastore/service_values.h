@@ -63,6 +63,11 @@ platform_status datastore_service_get(const datastore_service_kind& kind, std::s
 platform_status datastore_visit_service_values(
     std::string_view tree, const std::function<void(const std::string& path, const datastore_stored& value)>& visit);
 
+/// Returns the components that follow `folder`, an absolute path that ends in '/', in the paths of values, in byte order: a
+/// value's name as it is, any other component with a '/' after it. With `kinds_too`, also those that lead to kinds of values
+/// of which there are none. Damaged and unreadable values are left out.
+std::vector<std::string> datastore_service_children(std::string_view folder, bool kinds_too);
+
 /// Returns whether the commit that is being made, if there is one, changes the value or item with this path.
 bool datastore_is_being_changed(std::string_view path);
 

@@ -42,15 +42,18 @@ TEST(ctl_item_help_text, lists_several_items) {
 }
 
 TEST(ctl_children_text, marks_what_is_configured) {
-    EXPECT_EQ(ctl_children_text(parsed(R"([{"name":"dscp","configured":true,"value":46,"meaning":"DSCP"},
+    EXPECT_EQ(
+        ctl_children_text(parsed(R"([{"name":"dscp","configured":true,"value":46,"meaning":"DSCP"},
                                            {"name":"v1","configured":false,"meaning":"V1"},
                                            {"name":"vrf/","configured":true,"items":1},
                                            {"name":"cmn/","configured":true,"items":2},
+                                           {"name":"office","configured":true,"entries":1},
+                                           {"name":"lab","configured":true,"entries":2},
                                            {"name":"no/","configured":false,"items":0},
                                            {"name":"*/","configured":false,"items":0}])"),
-                                0),
-              "Name   Value    Meaning\ndscp   46       DSCP\nv1     -        V1\nvrf/   1 item\ncmn/   2 items\n"
-              "no/    -\nNAME/  -\n");
+                          0),
+        "Name    Value      Meaning\ndscp    46         DSCP\nv1      -          V1\nvrf/    1 item\ncmn/    2 items\n"
+        "office  1 entry\nlab     2 entries\nno/     -\nNAME/   -\n");
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ class control_complete_call_test : public control_test::calls_test {
 };
 
 TEST_F(control_complete_call_test, an_absolute_path_grows_by_one_component) {
-    EXPECT_THAT(complete("item", "/"), ElementsAre("/cfg/"));
+    EXPECT_THAT(complete("item", "/"), ElementsAre("/access-lists/", "/cfg/", "/keys/"));
     EXPECT_THAT(complete("item", "/cfg/gl/crypto/ssh/server/cmn/ti"),
                 ElementsAre("/cfg/gl/crypto/ssh/server/cmn/timeout"));
     EXPECT_THAT(complete("folder", "/cfg/gl/crypto/ssh/server/"),

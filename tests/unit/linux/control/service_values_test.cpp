@@ -300,6 +300,29 @@ TEST_F(service_values_test, what_is_not_in_force_is_named) {
     EXPECT_FALSE(enforcement_any_failed()) << "the list has been loaded again";
 }
 
+TEST_F(service_values_test, lists_and_keys_are_listed_and_completed) {
+    EXPECT_EQ(data(R"({"call":"complete","what":"item","word":"/"})"), R"(["/access-lists/","/cfg/","/keys/"])");
+    EXPECT_EQ(result(R"({"call":"list","path":"/keys"})"), "no_data");
+    EXPECT_EQ(result(R"({"call":"list","path":"/access-lists/ipv4/"})"), "no_data");
+    load_all(list_item("ops", {10}) + "," + list_item("mgmt", {10}) + "," + key_item("alice", 1024) +
+             R"(,"@cmn/timeout":45)");
+    EXPECT_EQ(data(R"({"call":"list","path":"/"})"), R"(["access-lists","cfg","keys"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/access-lists"})"), R"(["ipv4"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/access-lists/ipv4/"})"), R"(["mgmt","ops"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/keys"})"), R"(["alice"])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/access-lists","all":true})"),
+              R"([{"name":"ipv4/","configured":true,"items":2},{"name":"ipv6/","configured":false,"items":0}])");
+    EXPECT_EQ(data(R"({"call":"list","path":"/access-lists/ipv4","all":true})"),
+              R"([{"name":"mgmt","configured":true,"entries":1},{"name":"ops","configured":true,"entries":1}])");
+    EXPECT_EQ(ask(R"({"call":"list","path":"/keys","all":true})")["data"][0]["value"], key_of(usual(), modulus(1024)));
+    EXPECT_EQ(data(R"({"call":"complete","what":"item","word":"/access-lists/ipv4/o"})"),
+              R"(["/access-lists/ipv4/ops"])");
+    // They have no short paths.
+    EXPECT_EQ(data(R"({"call":"complete","what":"item","word":"op"})"), "[]");
+    EXPECT_EQ(data(R"({"call":"complete","what":"folder","word":"/access-lists/"})"),
+              R"(["/access-lists/ipv4/","/access-lists/ipv6/"])");
+}
+
 TEST_F(service_values_test, a_configured_key_is_not_dumped_as_an_imported_one) {
     ASSERT_EQ(datastore_private_put("user_key/bob", key_record_encode({key_origin::configuration, 1024, 7, "x"})),
               PLATFORM_OK);
