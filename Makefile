@@ -8,20 +8,26 @@ BUILD_FUZZ ?= build-fuzz
 JOBS ?= $(shell nproc)
 TEST_REPORTS ?= $(BUILD)/reports
 HISTORIES ?= 1000
+COMMITS ?= 100000
+KILLS ?= 2000
+ROUNDS ?= 1000
 SEED ?= 1
 SECONDS ?= 60
 # Numbers of VRFs that `make bench` measures commits with.
 VRFS ?= 16,64
 
 .DEFAULT_GOAL := help
-.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof fuzz pictures lint install deb clean
+.PHONY: help dependencies build build-all build-sanitize compile-commands run test bench mutants proof soak fuzz \
+	pictures lint install deb clean
 
 help:
 	@echo 'make run      build, boot a throw-away router, log in to each VRF'\''s server'
 	@echo 'make test     build, run every test: unit and fuzz corpus under sanitizers, node, system'
 	@echo 'make bench    figures beside the floor of the same run'
 	@echo 'make mutants  mutation test of src/; FILES=src/acl for some files, SAMPLE=N for some mutants'
-	@echo 'make proof    faults and kills at every call, and 1,000 random histories beside a model; HISTORIES=N, SEED=N'
+	@echo 'make proof    faults and kills at every call, 1,000 random histories beside a model (HISTORIES=N, SEED=N), and'
+	@echo '              100,000 commits with 2,000 kills (COMMITS=N, KILLS=N)'
+	@echo 'make soak     a day of logins in an hour'
 	@echo 'make fuzz     fuzz targets, each for SECONDS=60, or RUNS=N times; TARGETS="line_editor ..." for some'
 	@echo 'make lint     format, clang-tidy, cppcheck, shellcheck, include direction'
 	@echo 'make build    build into $(BUILD)/'
@@ -91,6 +97,10 @@ proof: dependencies
 		--gtest_filter='*failing_file_calls_test*:*interrupted_commits_test*:*killed_anywhere*'
 	@EVERY_CALL=1 nice -n 19 $(BUILD)/tests/platform_linux_tests --gtest_filter='*datastore_crash_test*:*datastore_fault_test*'
 	@nice -n 19 tests/models/run --build $(BUILD) --histories $(HISTORIES) --seed $(SEED) --jobs $(JOBS)
+	@nice -n 19 tests/models/load --build $(BUILD) --commits $(COMMITS) --kills $(KILLS) --rounds $(ROUNDS) --seed $(SEED)
+
+soak: build
+	@node/node --build $(BUILD) run -- tests/system/login_soak
 
 # An input that fails is kept in fuzz/corpus, which every `make test` replays.
 fuzz: dependencies

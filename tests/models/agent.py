@@ -25,6 +25,37 @@ class Failure(Exception):
     """The agent has ended, or does not do what it should within the time limit."""
 
 
+class Connection:
+    """A connection to the agent's control socket."""
+
+    def __init__(self):
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._socket.settimeout(SECONDS)
+        self._socket.connect(str(SOCKET))
+
+    def close(self):
+        self._socket.close()
+
+    def call(self, **request):
+        """Returns the answer. Raises OSError or EOFError if the agent ends before."""
+        document = json.dumps(request).encode()
+        self._socket.sendall(struct.pack(">I", len(document)) + document)
+        size = struct.unpack(">I", self._receive(4))[0]
+        return json.loads(self._receive(size))
+
+    def _receive(self, size):
+        data = b""
+        while len(data) < size:
+            try:
+                part = self._socket.recv(size - len(data))
+            except TimeoutError as error:
+                raise Failure("the agent does not answer") from error
+            if not part:
+                raise EOFError
+            data += part
+        return data
+
+
 class Agent:
     """An agent with its machine, both new."""
 
@@ -79,9 +110,7 @@ class Agent:
             if time.monotonic() > end:
                 raise Failure("the agent does not become ready")
             time.sleep(0.001)
-        self.connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self.connection.settimeout(SECONDS)
-        self.connection.connect(str(SOCKET))
+        self.connection = Connection()
 
     def _end(self, number):
         """Sends the agent a signal and returns how it ended."""
@@ -112,6 +141,13 @@ class Agent:
         self._end(signal.SIGKILL)
         self.start()
 
+    def start_after_kill(self):
+        """For an agent that has been or is being killed."""
+        self._wait()
+        self._wait_for_orphans()
+        self.connection.close()
+        self.start()
+
     def kill_at_command(self, number, request):
         """Makes a call during which the command of that number kills the agent. Returns the answer if it did not come so far,
         otherwise None after a new start."""
@@ -119,10 +155,7 @@ class Agent:
         try:
             return self.call(**request)
         except (OSError, EOFError):
-            self._wait()
-            self._wait_for_orphans()
-            self.connection.close()
-            self.start()
+            self.start_after_kill()
             return None
         finally:
             (COMMANDS / "kill").unlink(missing_ok=True)
@@ -147,24 +180,9 @@ class Agent:
     # Calls
 
     def call(self, **request):
-        document = json.dumps(request).encode()
-        self.connection.sendall(struct.pack(">I", len(document)) + document)
-        size = struct.unpack(">I", self._receive(4))[0]
-        answer = json.loads(self._receive(size))
+        answer = self.connection.call(**request)
         self._drain_journal()
         return answer
-
-    def _receive(self, size):
-        data = b""
-        while len(data) < size:
-            try:
-                part = self.connection.recv(size - len(data))
-            except TimeoutError as error:
-                raise Failure("the agent does not answer") from error
-            if not part:
-                raise EOFError
-            data += part
-        return data
 
     # The machine
 
@@ -227,6 +245,12 @@ class Agent:
         running = {path.name.removeprefix("sshd_service_") for path in (COMMANDS / "units").iterdir()}
         started = {name: (COMMANDS / "started" / name).read_text(encoding="utf-8") for name in running}
         return {"texts": texts, "running": running, "started": started, "kernel": self.kernel}
+
+    def forget_commands(self):
+        """Empties what the commands have recorded, which state() has read."""
+        for name in ("log", "loads"):
+            (COMMANDS / name).unlink(missing_ok=True)
+        self.loads_read = 0
 
     # Its messages
 
