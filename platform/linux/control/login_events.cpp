@@ -23,7 +23,7 @@
 
 namespace {
 
-constexpr uint64_t second = 1'000'000;
+constexpr uint64_t microseconds_in_second = 1'000'000;
 /// How many events are taken before others get their turn.
 constexpr int events_at_once = 64;
 
@@ -54,7 +54,7 @@ control_json number_field(const login_event_fields& fields, std::string_view nam
 uint64_t microseconds_since_epoch() {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return static_cast<uint64_t>(now.tv_sec) * microseconds_in_second + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
 /// Receives one event into `buffer`. Returns its length; 0 for one that root has not sent, and -1 if there is none.
@@ -146,7 +146,7 @@ login_event_fields login_event_split(std::string_view datagram) {
 }
 
 control_json login_event_json(const login_event_fields& fields, uint64_t microseconds) {
-    control_json event = {{"time", text_utc_time(static_cast<int64_t>(microseconds / second))},
+    control_json event = {{"time", text_utc_time(static_cast<int64_t>(microseconds / microseconds_in_second))},
                           {"event", text_field(fields, LOGIN_EVENT_NAME)},
                           {"vrf", text_field(fields, LOGIN_EVENT_VRF)},
                           {"user", text_field(fields, LOGIN_EVENT_USER)},

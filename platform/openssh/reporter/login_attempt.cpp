@@ -321,7 +321,7 @@ bool learn_end(message_reader& message) {
     return true;
 }
 
-constexpr message_row rows[] = {
+constexpr message_row message_rows[] = {
     {"Accepted ", learn_accepted},
     {"Failed ", learn_failed},
     {"Invalid user ", learn_unknown_user},
@@ -348,7 +348,7 @@ constexpr message_row rows[] = {
 }  // namespace
 
 bool follow_attempt(login_attempt& attempt, std::string_view message, bool from_monitor) {
-    for (const message_row& row : rows) {
+    for (const message_row& row : message_rows) {
         if (message.starts_with(row.start)) {
             message_reader reader{attempt, message.substr(row.start.size()), from_monitor};
             return row.learn(reader);
