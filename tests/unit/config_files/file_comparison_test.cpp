@@ -194,6 +194,11 @@ TEST_F(file_comparison_test, all_ports_are_removed_and_only_ports) {
     EXPECT_EQ(write_server_line_again("Port"), 0);
     EXPECT_EQ(server_text(), std::string("UsePAM yes\n") + subsystem);
     write_file(paths::server_file, "Port 22\nPort 830\n");
+    call_faults::fail_call("rename", EIO, call_faults::once);
+    EXPECT_EQ(write_server_line_again("Port"), -1);
+    EXPECT_EQ(server_text(), "Port 22\nPort 830\n");
+    call_faults::clear();
+    std::filesystem::remove(paths::temporary_file);
     std::filesystem::create_directory(paths::temporary_file);
     EXPECT_EQ(write_server_line_again("Port"), -1);
     EXPECT_EQ(errno, EISDIR);

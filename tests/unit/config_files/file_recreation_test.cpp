@@ -147,6 +147,9 @@ TEST_F(file_recreation_test, a_vrfs_file_needs_a_name) {
     EXPECT_EQ(vrf_config_file_recreate(nullptr), -1);
     EXPECT_THAT(fake_platform::debug_texts(),
                 ElementsAre("vrf_config_file_recreate, Vrf-name:=NULL, Vrf config file recreate failed"));
+    ASSERT_EQ(fake_platform::trace_lines().size(), 1u);
+    EXPECT_STREQ(fake_platform::trace_lines()[0].point->name, "config_files.argument");
+    EXPECT_THAT(fake_platform::trace_lines()[0].arguments, ElementsAre("vrf_config_file_recreate"));
 }
 
 TEST_F(file_recreation_test, a_vrfs_file_with_an_ssh_server) {

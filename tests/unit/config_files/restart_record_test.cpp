@@ -71,9 +71,11 @@ TEST_F(restart_record_test, a_change_is_recorded_until_the_server_is_restarted) 
     EXPECT_FALSE(restart_is_due("blue", long_ago));
     note_restart_done("blue");
     EXPECT_THAT(recorded(), testing::ElementsAre("red"));
+    errno = EEXIST;
     note_restart_done("red");
     EXPECT_FALSE(path_exists(paths::restart_record));
     EXPECT_FALSE(restart_is_due("red", long_ago));
+    EXPECT_TRUE(fake_platform::trace_lines_of("ssh/cfg-agent/error").empty());
 }
 
 // systemd may have restarted the server between the changes.

@@ -7,6 +7,7 @@
 #include "call_faults.h"
 #include "platform/mpp.h"
 #include "platform/namespace_message.h"
+#include "usage.h"
 #include "vrf/acl_state.h"
 #include "vrf/acl_types.h"
 #include "vrf_test.h"
@@ -140,7 +141,9 @@ TEST_F(namespace_handler_test, waits_until_the_namespace_is_listed) {
     create_vrf_node("red");
     stub_commands::clear_rules();
     list_namespace("vrf-red\n", 3);
+    const size_t descriptors = open_descriptors();
     send(NAMESPACE_CREATED, "vrf-red");
+    EXPECT_EQ(open_descriptors(), descriptors);
     EXPECT_THAT(trail(), ElementsAreArray(joined({{look, nap, look, nap, look, "mpp_namespace_created(vrf-red)"},
                                                   start_of_red(),
                                                   {"create_nft_table(red)", "mpp_vrf_set(1, red)"}})));
