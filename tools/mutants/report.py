@@ -22,6 +22,10 @@ def explanations(path):
     return reasons
 
 
+def reason_of(mutant, reasons):
+    return reasons.get((mutant["file"], mutant["old"], mutant["new"]))
+
+
 def folder_of(path):
     parts = path.split("/")
     return "/".join(parts[:2]) if len(parts) > 2 else parts[0]
@@ -39,7 +43,7 @@ def rows(mutants, results, reasons):
         count["judged"] += 1
         if verdict in ("killed", "late"):
             count["killed"] += 1
-        elif (mutant["file"], mutant["old"], mutant["new"]) in reasons:
+        elif reason_of(mutant, reasons):
             count["explained"] += 1
         else:
             count["survived"] += 1
@@ -76,7 +80,7 @@ def survivors(mutants, results, reasons):
     lines = []
     for mutant in mutants:
         verdict = results.get(mutant["key"], {}).get("verdict")
-        if verdict in ("survived", "unreached") and (mutant["file"], mutant["old"], mutant["new"]) not in reasons:
+        if verdict in ("survived", "unreached") and not reason_of(mutant, reasons):
             note = " (no test reaches it)" if verdict == "unreached" else ""
             lines.append(f"{mutant['file']}:{mutant['line']}: {mutant['kind']}{note}\n"
                          f"  - {mutant['old']}\n  + {mutant['new']}")
