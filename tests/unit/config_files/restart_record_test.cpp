@@ -137,6 +137,8 @@ TEST_F(restart_record_test, after_an_interrupted_walk_every_older_server_is_due)
         EXPECT_TRUE(restart_is_due(vrf, long_ago)) << vrf;
         EXPECT_FALSE(restart_is_due(vrf, just_now)) << vrf;
     }
+    EXPECT_EQ(note_file_change(file_of("red").c_str()), 0);
+    EXPECT_THAT(recorded(), testing::ElementsAre("*", "red"));
 }
 
 TEST_F(restart_record_test, the_record_of_an_earlier_process_survives_until_it_is_dropped) {
@@ -161,8 +163,15 @@ TEST_F(restart_record_test, without_a_record_nothing_is_due) {
 TEST_F(restart_record_test, a_damaged_record_stands_for_every_server) {
     for (const char* content : {"", "red\n", "*\n"}) {
         write_file(paths::restart_record, content);
+        const size_t descriptors = open_descriptors();
+        fake_platform::clear_reports();
         take_over_restart_record();
         EXPECT_TRUE(restart_is_due("red", just_now - 1)) << content;
+        EXPECT_EQ(open_descriptors(), descriptors);
+        const auto traces = fake_platform::trace_lines_of("ssh/cfg-agent/error");
+        ASSERT_EQ(traces.size(), 1u);
+        EXPECT_STREQ(traces[0].point->name, "config_files.open");
+        EXPECT_THAT(traces[0].arguments, testing::ElementsAre(paths::restart_record, "r", testing::_));
     }
 }
 
