@@ -28,3 +28,8 @@ TEST(algorithm_names_test, every_list) {
     }
     expect_golden("config_files/golden/algorithm_names", text);
 }
+
+TEST(algorithm_names_test, names_are_composed_with_commas_and_an_ending) {
+    const composed_list list = compose::fips_names(algorithm_kind::kex, algorithm_fips::refused, " are refused");
+    EXPECT_STREQ(list.text, "curve25519-sha256,curve25519-sha256@libssh.org are refused");
+}
