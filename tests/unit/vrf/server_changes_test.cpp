@@ -364,6 +364,22 @@ TEST_F(announced_test, a_vrf_that_is_removed_and_added_is_restarted) {
     EXPECT_FALSE(fake_platform::vrf_blocked("red"));
 }
 
+TEST_F(announced_test, a_vrf_that_is_added_again_leaves_the_stops_of_the_others) {
+    for (const char* vrf : {"green", "grey"}) {
+        add_namespace(vrf);
+        ssh(vrf, created);
+    }
+    forget();
+    put_off_server_changes();
+    for (const char* vrf : {"grey", "red", "blue", "green"}) {
+        ssh(vrf, deleted);
+    }
+    ssh("red", created);
+    carry_out_server_changes();
+    EXPECT_THAT(stub_commands::log_of("systemctl stop"),
+                ElementsAre("systemctl stop sshd_service_grey sshd_service_blue sshd_service_green"));
+}
+
 TEST_F(announced_test, a_vrf_that_is_changed_and_removed_is_stopped) {
     put_off_server_changes();
     set_timeout("40");
