@@ -2,7 +2,7 @@
 /// leaves the output unchanged and has a reason. Stored bytes do no harm, however malformed.
 ///
 /// Input: one byte for the form of the rest: 'r' a stored record, 'd' a DER form, 'b' a key's binary data before base64
-/// encoding, otherwise a key's text.
+/// encoding, 'f' an authorized_keys file, 'o' the options of a key, otherwise a configured key's text.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -11,6 +11,7 @@
 #include "require.h"
 #include "user_keys/base64.h"
 #include "user_keys/key_der.h"
+#include "user_keys/key_options.h"
 #include "user_keys/key_record.h"
 
 namespace {
@@ -47,15 +48,50 @@ void check_stored_der(const std::string& der) {
         require(key == untouched);
         return;
     }
-    key_fingerprint(key);
+    public_key_fingerprint(public_key_of_rsa(key));
     key_text_write(key);
+}
+
+void check_file(const std::string& text) {
+    std::vector<authorized_key> keys;
+    std::string refusal;
+    if (!authorized_keys_read(text, keys, refusal)) {
+        require(keys.empty() && !refusal.empty());
+        return;
+    }
+    std::string lines;
+    for (const authorized_key& key : keys) {
+        const std::string line = authorized_key_line(key);
+        require(line.find_first_of("\r\n\t") == std::string::npos);
+        (lines += line) += '\n';
+    }
+    std::vector<authorized_key> again;
+    require(authorized_keys_read(lines, again, refusal) && again == keys);
+    key_record record;
+    for (const authorized_key& key : keys) {
+        record.keys.push_back({key, 7});
+    }
+    key_record decoded;
+    require(key_record_decode(key_record_encode(record), decoded) == PLATFORM_OK && decoded == record);
+    require(key_record_lines(decoded) == lines);
+}
+
+void check_options(const std::string& text) {
+    key_options options;
+    std::string refusal;
+    if (key_options_read(text, options, refusal)) {
+        key_options again;
+        require(key_options_read(options.text, again, refusal) && again.text == options.text);
+    } else {
+        require(!refusal.empty() && options.text.empty());
+    }
 }
 
 void check_record(const std::string& bytes) {
     key_record record;
     if (key_record_decode(bytes, record) == PLATFORM_OK) {
-        require(key_record_encode(record).size() == bytes.size());
-        check_stored_der(record.der);
+        key_record again;
+        require(key_record_decode(key_record_encode(record), again) == PLATFORM_OK && again == record);
     }
 }
 
@@ -73,6 +109,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             break;
         case 'b':
             check_text("ssh-rsa " + base64_encode(rest));
+            check_file("ssh-rsa " + base64_encode(rest));
+            check_file("ssh-ed25519 " + base64_encode(rest));
+            check_file("ecdsa-sha2-nistp256 " + base64_encode(rest));
+            check_file("sk-ssh-ed25519@openssh.com " + base64_encode(rest));
+            break;
+        case 'f':
+            check_file(rest);
+            break;
+        case 'o':
+            check_options(rest);
             break;
         default:
             check_text(input);

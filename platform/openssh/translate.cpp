@@ -354,14 +354,16 @@ void settle_setting(translator& state, const keyword_row& row) {
     }
 }
 
-/// Users' keys come from the key store, unless the file names another source.
+/// Users' keys come from the key store, unless the file names another source. In FIPS mode the program leaves out the keys
+/// that are not approved, so that they do not count even if a list of algorithms admits them.
 void add_user_keys_program(translator& state) {
     const keyword_row& command = *find_keyword_row(state.input.kind->rows, "AuthorizedKeysCommand");
     const keyword_row& user = *find_keyword_row(state.input.kind->rows, "AuthorizedKeysCommandUser");
     const bool named =
         state.written.count(repetition_key(command, {})) + state.written.count(repetition_key(user, {})) != 0;
     if (!named && !state.input.user_keys_program.empty()) {
-        write_line(state, command, std::string(state.input.user_keys_program) + " %u", 0);
+        write_line(state, command,
+                   std::string(state.input.user_keys_program) + (state.result.fips_mode ? " --fips %u" : " %u"), 0);
         write_line(state, user, "root", 0);
     }
 }

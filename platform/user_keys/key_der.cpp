@@ -32,7 +32,7 @@ using asn1_number = std::unique_ptr<ASN1_INTEGER, freed_by<ASN1_INTEGER_free>>;
 using asn1_type = std::unique_ptr<ASN1_TYPE, freed_by<ASN1_TYPE_free>>;
 using asn1_fields = std::unique_ptr<ASN1_SEQUENCE_ANY, freed_by<free_fields>>;
 using algorithm = std::unique_ptr<X509_ALGOR, freed_by<X509_ALGOR_free>>;
-using public_key = std::unique_ptr<X509_PUBKEY, freed_by<X509_PUBKEY_free>>;
+using x509_key = std::unique_ptr<X509_PUBKEY, freed_by<X509_PUBKEY_free>>;
 
 /// Clears OpenSSL's error queue, so that the next call does not find the errors of this one.
 struct error_scope {
@@ -83,7 +83,7 @@ bool write_numbers(const rsa_public_key& key, std::string& der) {
 
 bool write_key(const rsa_public_key& key, std::string& der) {
     std::string numbers;
-    const public_key made(X509_PUBKEY_new());
+    const x509_key made(X509_PUBKEY_new());
     if (made == nullptr || !write_numbers(key, numbers)) {
         return false;
     }

@@ -14,7 +14,7 @@ namespace {
 
 constexpr mode_t directory_mode = 0700;
 constexpr mode_t file_mode = 0600;
-constexpr size_t file_size_max = 4096;  ///< the largest key takes about 1,400 bytes
+constexpr size_t file_size_max = authorized_keys_max * (authorized_key_line_max + 1);
 
 /// Never a user's file, because user names do not begin with '.'.
 constexpr char temporary_name[] = ".new";
@@ -29,11 +29,11 @@ platform_status last_error() {
 
 }  // namespace
 
-platform_status key_file_write(std::string_view user, std::string_view line) {
+platform_status key_file_write(std::string_view user, std::string_view lines) {
     if (mkdir(key_file_directory, directory_mode) != 0 && errno != EEXIST) {
         return last_error();
     }
-    return file_replace(path_of(user), line, {.mode = file_mode, .durable = true}, path_of(temporary_name));
+    return file_replace(path_of(user), lines, {.mode = file_mode, .durable = true}, path_of(temporary_name));
 }
 
 platform_status key_file_remove(std::string_view user) {
@@ -43,12 +43,12 @@ platform_status key_file_remove(std::string_view user) {
     return file_sync_folder(key_file_directory);
 }
 
-platform_status key_file_read(std::string_view user, std::string& line) {
-    const platform_status status = file_read(path_of(user), file_size_max, line, file_links::refused);
+platform_status key_file_read(std::string_view user, std::string& lines) {
+    const platform_status status = file_read(path_of(user), file_size_max, lines, file_links::refused);
     if (status != ENOENT) {
         return status;
     }
-    line.clear();
+    lines.clear();
     return PLATFORM_OK;
 }
 

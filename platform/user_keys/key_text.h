@@ -1,4 +1,4 @@
-/// Public keys in OpenSSH's format: "ssh-rsa AAAA... comment" (RFC 4253, section 6.6). Only RSA keys are accepted.
+/// RSA keys in OpenSSH's format: "ssh-rsa AAAA... comment" (RFC 4253, section 6.6).
 #ifndef USER_KEYS_KEY_TEXT_H
 #define USER_KEYS_KEY_TEXT_H
 
@@ -26,7 +26,10 @@ std::string key_text_write(const rsa_public_key& key);
 /// The size of the modulus in bits.
 uint32_t key_bits(const rsa_public_key& key);
 
-/// The key's fingerprint as OpenSSH shows it: "SHA256:" and 43 characters. Empty if it cannot be computed.
-std::string key_fingerprint(const rsa_public_key& key);
+/// Parses the binary form that the text encodes: the type again, exponent and modulus. Returns a status as above.
+platform_status key_blob_read(std::string_view blob, uint32_t bits_max, rsa_public_key& key);
+
+/// Returns the key's binary form.
+std::string key_blob_write(const rsa_public_key& key);
 
 #endif

@@ -11,6 +11,7 @@
 #include "ssh_cfg_ctl/file.h"
 #include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
+#include "ssh_cfg_ctl/keys.h"
 #include "ssh_cfg_ctl/options.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/session_requests.h"
@@ -316,7 +317,7 @@ ctl_request acl_request(const argument_list& given) {
     return ctl_wrong_arguments();
 }
 
-ctl_request key_import_request(const argument_list& arguments) {
+ctl_request key_import_request(const argument_list& arguments, bool replaces) {
     control_json problem;
     std::optional<std::string> text = ctl_read_file(arguments[2], problem);
     if (!text.has_value()) {
@@ -325,24 +326,42 @@ ctl_request key_import_request(const argument_list& arguments) {
     if (!text_is_utf8(*text)) {
         return ctl_request_problem(control_result::refused, arguments[2] + ": not valid UTF-8");
     }
-    return ctl_request_of({{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}});
+    control_json document = {{"call", "key_import"}, {"user", arguments[1]}, {"text", std::move(*text)}};
+    if (replaces) {
+        document["replace"] = true;
+    }
+    return ctl_request_of(std::move(document));
+}
+
+/// A call on a user's keys, or on the key with the fingerprint that follows the user's name.
+control_json keys_document(const char* call, const argument_list& arguments) {
+    control_json document = {{"call", call}, {"user", arguments[1]}};
+    if (arguments.size() > 2) {
+        document["fingerprint"] = arguments[2];
+    }
+    return document;
 }
 
 ctl_request key_request(const argument_list& given) {
     argument_list arguments = given;
     const bool absent_ok = std::erase(arguments, "--absent-ok") != 0;
+    const bool replaces = std::erase(arguments, "--replace") != 0;
     const std::string verb = arguments.empty() ? "" : arguments[0];
-    if (absent_ok && verb != "delete") {
+    if ((absent_ok && verb != "delete") || (replaces && verb != "import")) {
         return ctl_wrong_arguments();
     }
-    if (verb == "list" && arguments.size() == 1) {
-        return ctl_request_of({{"call", "key_list"}});
+    if (verb == "list" && arguments.size() <= 2) {
+        return ctl_request_of(arguments.size() == 1 ? control_json{{"call", "key_list"}}
+                                                    : keys_document("key_list", arguments));
     }
     if (verb == "import" && arguments.size() == 3) {
-        return key_import_request(arguments);
+        return key_import_request(arguments, replaces);
     }
-    if (verb == "delete" && arguments.size() == 2) {
-        return deletion({{"call", "key_delete"}, {"user", arguments[1]}}, absent_ok);
+    if (verb == "export" && (arguments.size() == 2 || arguments.size() == 3)) {
+        return ctl_request_of(keys_document("key_export", arguments));
+    }
+    if (verb == "delete" && (arguments.size() == 2 || arguments.size() == 3)) {
+        return deletion(keys_document("key_delete", arguments), absent_ok);
     }
     return ctl_wrong_arguments();
 }
@@ -509,15 +528,7 @@ std::string ended_sessions_text(const control_json& answer) {
 }
 
 std::string keys_text(const control_json& answer) {
-    control_json keys = data_of(answer);
-    if (!keys.is_array()) {
-        return data_text(answer);
-    }
-    for (control_json& key : keys) {
-        // Too long for a table.
-        key.erase("key");
-    }
-    return keys.empty() ? "no keys\n" : data_text({{"data", std::move(keys)}});
+    return ctl_keys_text(answer, ctl_output_width());
 }
 
 ctl_request status_request(const argument_list& arguments) {
@@ -601,9 +612,10 @@ constexpr ctl_call_row calls[] = {
      "store, print, delete or list access lists; FILE is a JSON array of entries, or lines such as "
      "\"10 permit tcp 10.0.0.0/8 any eq ssh log\"",
      acl_request, acl_text},
-    {"key", "list, import USER FILE, or delete [--absent-ok] USER",
-     "list users' public keys, or import one or delete an imported one; FILE holds a line such as "
-     "\"ssh-rsa AAAA... comment\"",
+    {"key",
+     "list [USER], import [--replace] USER FILE, export USER [FINGERPRINT], or delete [--absent-ok] USER [FINGERPRINT]",
+     "list users' public keys, import those in FILE, print them as lines of an authorized_keys file, or delete imported ones; "
+     "FILE contains lines such as \"ssh-ed25519 AAAA... comment\"",
      key_request, keys_text},
     {"vrf", "list, or unblock NAME",
      "print the VRFs, their namespaces and their protection, or open the ports that a failure keeps blocked in one of them",

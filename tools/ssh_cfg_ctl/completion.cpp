@@ -78,6 +78,17 @@ word_set users_with_keys(const typed_words& typed) {
     return members(typed, "key_list", "user");
 }
 
+/// Of the keys of the user named last.
+word_set fingerprints(const typed_words& typed) {
+    word_set words;
+    for (const control_json& key : data_for(typed, {{"call", "key_list"}, {"user", typed.call.back()}})) {
+        if (key.value("fingerprint", control_json()).is_string()) {
+            words.insert(key["fingerprint"].get<std::string>());
+        }
+    }
+    return words;
+}
+
 word_set users(const typed_words& typed) {
     constexpr char folder[] = "username/";
     word_set words;
@@ -111,9 +122,13 @@ constexpr argument_row argument_rows[] = {
     {"acl delete", "ipv4 ipv6"},
     {"acl * ipv4", "", list_names},
     {"acl * ipv6", "", list_names},
-    {"key", "list import delete"},
+    {"key", "list import export delete"},
+    {"key list", "", users_with_keys},
     {"key import", "", users},
+    {"key export", "", users_with_keys},
+    {"key export *", "", fingerprints},
     {"key delete", "", users_with_keys},
+    {"key delete *", "", fingerprints},
     {"session", "end"},
     {"session end", "--user --vrf --pid"},
     {"session end --user", "", users},

@@ -80,6 +80,7 @@ constexpr call_row calls[] = {
     {"acl_show", control_call_acl_show, on_standby::read, always, open_to::readers},
     // Users' public keys.
     {"key_list", control_call_key_list, on_standby::serve, always, open_to::readers},
+    {"key_export", control_call_key_export, on_standby::serve, always, open_to::readers},
     {"key_import", control_call_key_import, on_standby::refuse, nullptr, open_to::administrators},
     {"key_delete", control_call_key_delete, on_standby::refuse, nullptr, open_to::administrators},
     // The servers' sessions. Ending one changes nothing that a handler of the agent works with.

@@ -71,6 +71,7 @@ control_json control_call_watch(const control_json& request, const control_peer&
 
 // Users' public keys (key_calls.cpp).
 control_json control_call_key_list(const control_json& request, const control_peer& peer);
+control_json control_call_key_export(const control_json& request, const control_peer& peer);
 control_json control_call_key_import(const control_json& request, const control_peer& peer);
 control_json control_call_key_delete(const control_json& request, const control_peer& peer);
 

@@ -12,6 +12,7 @@
 #include "linux/access_lists/acl_warnings.h"
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
+#include "linux/control/key_warnings.h"
 #include "linux/control/lock_out.h"
 #include "linux/control/path_member.h"
 #include "linux/control/service_json.h"
@@ -214,13 +215,19 @@ void guard_login(const change_call& call, datastore_commit_order& order, std::ve
     }
 }
 
+/// The texts of the verifiers are the same on every platform, so that what only this one offers is added here.
+std::string hint_of(const std::vector<datastore_change_request>& changes, const datastore_commit_result& result) {
+    const bool names_only_type = result.message.ends_with("ssh-rsa");
+    return names_only_type ? control_key_hint(changes, result.path) : std::string();
+}
+
 control_json commit(const change_call& call, const std::vector<datastore_change_request>& changes) {
     std::vector<std::string> lock_out;
     datastore_commit_order order = order_of(call);
     guard_login(call, order, lock_out);
     const datastore_commit_result result = datastore_commit(changes, call.check_only, order);
     control_result outcome = result_of(result.refused_by);
-    control_json answer = control_answer(outcome, result.message);
+    control_json answer = control_answer(outcome, result.message + hint_of(changes, result));
     if (result.refused_by == datastore_refused_by::judge) {
         answer["lock_out"] = control_lock_out_warnings(lock_out);
     }
@@ -237,6 +244,7 @@ control_json commit(const change_call& call, const std::vector<datastore_change_
         add_awaited_confirmation(answer, call);
         control_add_warnings(answer, control_lock_out_warnings(lock_out));
         control_add_warnings(answer, acl_commit_warnings(result.items));
+        control_add_warnings(answer, control_key_warnings(result.items));
         control_add_warnings(answer, waiting_warnings(result, call.check_only));
         control_add_warnings(answer, effect_warnings(result, call.check_only));
         if (result.rehearsal.has_value()) {

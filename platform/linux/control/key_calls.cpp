@@ -1,6 +1,10 @@
-/// Calls on users' public keys. Request members: `user`; for key_import also `text`, the text of the key; and for
-/// key_delete also `absent_ok`, which is true if it is not an error that the user has no key.
+/// Calls on users' public keys. Request members: `user`, optional for key_list; for key_import also `text`, the content of an
+/// authorized_keys file, and `replace`, which is true if the user's other imported keys are deleted; for key_export and
+/// key_delete optionally `fingerprint`, which selects one of the user's keys; and for key_delete also `absent_ok`, which is
+/// true if it is not an error that the user has no such key. The two changes also have `yes`, see lock_out.h.
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <vector>
 
 #include "common/machine_user.h"
@@ -8,10 +12,10 @@
 #include "linux/control/audit.h"
 #include "linux/control/calls_internal.h"
 #include "linux/control/change_calls.h"
+#include "linux/control/key_warnings.h"
 #include "linux/control/lock_out.h"
-#include "linux/control/service_json.h"
 #include "linux/host/key_store_internal.h"
-#include "user_keys/key_der.h"
+#include "user_keys/key_options.h"
 
 namespace {
 
@@ -47,21 +51,6 @@ control_json check_existence(const std::string& user) {
                : control_json();
 }
 
-/// Removes blank lines and lines that begin with '#', which a key file may contain. Exactly one line must be left.
-bool only_line(std::string_view text, std::string_view& line) {
-    size_t lines = 0;
-    while (!text.empty()) {
-        const size_t end = text.find('\n');
-        const std::string_view next = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        if (next.find_first_not_of(" \t\r") != std::string_view::npos && next.front() != '#') {
-            line = next;
-            lines++;
-        }
-    }
-    return lines == 1;
-}
-
 /// Returns the answer to a call that has failed before its commit.
 control_json answer_of(const std::string& user, platform_status status) {
     const char* name = user.c_str();
@@ -72,17 +61,6 @@ control_json answer_of(const std::string& user, platform_status status) {
             return control_answer(control_result::refused,
                                   text_format("user %s has a configured key; delete %s to remove it", name,
                                               key_record_item(user).c_str()));
-        case KEY_NOT_BASE64:
-        case KEY_CUT_OFF:
-        case KEY_TRAILING_BYTES:
-        case KEY_OTHER_TYPE:
-        case KEY_TYPES_DIFFER:
-        case KEY_WRONG_EXPONENT:
-        case KEY_WRONG_MODULUS:
-        case KEY_TOO_SMALL:
-        case KEY_TOO_LARGE:
-            return control_answer(control_result::refused,
-                                  text_format("user %s: %s", name, control_key_refusal(status).c_str()));
         default:
             return control_answer(control_result::failed,
                                   text_format("user %s: %s (0x%x)", name, platform_status_text(status), status));
@@ -95,45 +73,209 @@ control_json audited_refusal(const control_peer& peer, const char* call, const s
     return refusal;
 }
 
-/// Returns KEY_OTHER_ORIGIN if the user has a configured key, which the calls on imported keys must not change, and
-/// DATASTORE_NO_SUCH_ITEM if the user has no key, unless it may be absent.
-platform_status check_origin(const std::string& user, bool may_be_absent) {
+/// Reads the imported keys of a user who is to get or lose some; none if the user has none or the record is damaged, because
+/// it can be replaced and deleted. Returns KEY_OTHER_ORIGIN if the user has a configured key, which the calls on imported keys
+/// must not change. Stores in `has_record` whether anything is stored.
+platform_status read_imported(const std::string& user, std::vector<authorized_key>& keys, bool& has_record) {
     key_record present;
     const platform_status status = key_store_find(user, present);
     if (status == PLATFORM_OK && present.origin != key_origin::exec_mode) {
         return KEY_OTHER_ORIGIN;
     }
-    // A damaged key can be replaced and deleted.
-    return status == EBADMSG || (status == DATASTORE_NO_SUCH_ITEM && may_be_absent) ? platform_status{PLATFORM_OK}
-                                                                                    : status;
+    keys.assign(present.keys.begin(), present.keys.end());
+    has_record = status == PLATFORM_OK || status == EBADMSG;
+    return has_record || status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
 }
 
-control_json entry_json(const key_store_entry& entry) {
-    rsa_public_key key;
-    const bool readable = key_der_read(entry.record.der, key) == PLATFORM_OK;
-    return {{"user", entry.user},
-            {"type", "ssh-rsa"},
-            {"bits", entry.record.bits},
-            {"origin", entry.record.origin == key_origin::exec_mode ? "exec" : "configuration"},
-            {"since", text_utc_time(entry.record.time)},
-            {"fingerprint", readable ? key_fingerprint(key) : std::string()},
-            {"key", readable ? key_text_write(key) : std::string()}};
+/// Why the servers do not accept a key at present; null if they do.
+control_json reason_of_rejection(const authorized_key& key, bool is_fips_mode) {
+    key_options options;
+    std::string refusal;
+    if (is_fips_mode && !public_key_is_approved_for_fips(key.key.type)) {
+        return "not approved for FIPS mode";
+    }
+    const bool has_expired =
+        key_options_read(key.options, options, refusal) && options.expires && *options.expires <= time(nullptr);
+    return has_expired ? control_json("expired") : control_json();
+}
+
+control_json key_json(const std::string& user, key_origin origin, const key_with_time& key, bool is_fips_mode) {
+    return {{"user", user},
+            {"type", key.key.type},
+            {"bits", key.key.bits},
+            {"origin", origin == key_origin::exec_mode ? "imported" : "configured"},
+            {"since", text_utc_time(key.time)},
+            {"fingerprint", public_key_fingerprint(key.key)},
+            {"options", key.options},
+            {"comment", key.comment},
+            {"key", public_key_text(key.key)},
+            {"approved_for_fips", public_key_is_approved_for_fips(key.key.type)},
+            {"not_accepted", reason_of_rejection(key, is_fips_mode)}};
+}
+
+control_json unreadable_keys(platform_status status) {
+    return control_answer(control_result::failed,
+                          text_format("cannot read the keys: %s (0x%x)", platform_status_text(status), status));
+}
+
+/// Reads the optional member `fingerprint`. Returns null, or an answer that describes the error.
+control_json read_fingerprint(const control_json& request, std::string& fingerprint) {
+    if (!request.contains("fingerprint")) {
+        return {};
+    }
+    const std::string* text = control_text_member(request, "fingerprint");
+    if (text == nullptr) {
+        return control_wrong_member("fingerprint", "a string");
+    }
+    if (!text->starts_with("SHA256:")) {
+        return control_answer(control_result::refused,
+                              text_format("\"%s\" is not a fingerprint; expected SHA256:..., as `key list` prints it",
+                                          text_escape_quoted(*text, control_shown_name_max).c_str()));
+    }
+    fingerprint = *text;
+    return {};
+}
+
+control_json no_such_key(const std::string& user, const std::string& fingerprint) {
+    return control_answer(control_result::no_data,
+                          text_format("user %s has no key %s; `key list %s` prints the user's keys", user.c_str(),
+                                      text_escape(fingerprint, control_shown_name_max).c_str(), user.c_str()));
+}
+
+template <typename keys>
+auto find_key(keys& list, const std::string& fingerprint) {
+    return std::find_if(list.begin(), list.end(), [&fingerprint](const authorized_key& key) {
+        return public_key_fingerprint(key.key) == fingerprint;
+    });
+}
+
+/// Adds keys to those that a user has, or changes the options and comments of those.
+void merge_keys(const std::vector<authorized_key>& added, std::vector<authorized_key>& keys) {
+    for (const authorized_key& key : added) {
+        const auto same = std::find_if(keys.begin(), keys.end(),
+                                       [&key](const authorized_key& other) { return other.key == key.key; });
+        if (same == keys.end()) {
+            keys.push_back(key);
+        } else {
+            *same = key;
+        }
+    }
+}
+
+/// The change of a commit after which a user has these imported keys. Without any, the value is deleted.
+platform_status change_to(const std::string& user, const std::vector<authorized_key>& keys, bool absent_ok,
+                          datastore_change_request& change) {
+    change = {key_store_import_path(user), std::nullopt, absent_ok};
+    if (keys.empty()) {
+        return PLATFORM_OK;
+    }
+    return key_store_make_import(user, keys, change.service_value.emplace());
+}
+
+control_json refuse_keys(const control_change_call& call, const std::string& user, const std::string& reason) {
+    return audited_refusal(
+        call.peer, call.name, user,
+        control_answer(control_result::refused, text_format("user %s: %s", user.c_str(), reason.c_str())));
+}
+
+control_json import_keys(const control_change_call& call, const std::string& user, const std::string& text,
+                         bool replaces) {
+    std::vector<authorized_key> added;
+    std::vector<authorized_key> keys;
+    std::string refusal;
+    bool has_record = false;
+    if (!authorized_keys_read(text, added, refusal)) {
+        return refuse_keys(call, user, refusal);
+    }
+    platform_status status = read_imported(user, keys, has_record);
+    if (replaces) {
+        keys.clear();
+    }
+    merge_keys(added, keys);
+    if (status == PLATFORM_OK && !authorized_keys_are_distinct(keys, "key", {}, refusal)) {
+        return refuse_keys(call, user, refusal);
+    }
+    datastore_change_request change;
+    status = status == PLATFORM_OK ? change_to(user, keys, false, change) : status;
+    return status == PLATFORM_OK ? control_commit(call, {change})
+                                 : audited_refusal(call.peer, call.name, user, answer_of(user, status));
+}
+
+control_json delete_keys(const control_change_call& call, const std::string& user, const std::string& fingerprint,
+                         bool absent_ok) {
+    std::vector<authorized_key> keys;
+    bool has_record = false;
+    platform_status status = read_imported(user, keys, has_record);
+    if (status == PLATFORM_OK && !has_record && !absent_ok) {
+        status = DATASTORE_NO_SUCH_ITEM;
+    }
+    if (status == PLATFORM_OK && !fingerprint.empty()) {
+        const auto found = find_key(keys, fingerprint);
+        if (found == keys.end() && !absent_ok) {
+            return audited_refusal(call.peer, call.name, user, no_such_key(user, fingerprint));
+        }
+        keys.erase(found, found == keys.end() ? found : found + 1);
+    } else {
+        keys.clear();
+    }
+    datastore_change_request change;
+    status = status == PLATFORM_OK ? change_to(user, keys, absent_ok, change) : status;
+    return status == PLATFORM_OK ? control_commit(call, {change})
+                                 : audited_refusal(call.peer, call.name, user, answer_of(user, status));
 }
 
 }  // namespace
 
-control_json control_call_key_list(const control_json& /*request*/, const control_peer& /*peer*/) {
-    std::vector<key_store_entry> entries;
-    const platform_status status = key_store_list(entries);
-    if (status != PLATFORM_OK) {
-        return control_answer(control_result::failed,
-                              text_format("cannot read the keys: %s (0x%x)", platform_status_text(status), status));
+control_json control_call_key_list(const control_json& request, const control_peer& /*peer*/) {
+    std::string user;
+    if (request.contains("user")) {
+        if (control_json problem = read_user(request, user); !problem.is_null()) {
+            return problem;
+        }
     }
+    std::vector<key_store_entry> entries;
+    if (const platform_status status = key_store_list(entries); status != PLATFORM_OK) {
+        return unreadable_keys(status);
+    }
+    const bool is_fips_mode = control_is_fips_mode();
     control_json list = control_json::array();
     for (const key_store_entry& entry : entries) {
-        list.push_back(entry_json(entry));
+        for (const key_with_time& key : entry.record.keys) {
+            if (user.empty() || user == entry.user) {
+                list.push_back(key_json(entry.user, entry.record.origin, key, is_fips_mode));
+            }
+        }
     }
-    return control_data_answer(std::move(list));
+    return user.empty() || !list.empty() ? control_data_answer(std::move(list))
+                                         : answer_of(user, DATASTORE_NO_SUCH_ITEM);
+}
+
+control_json control_call_key_export(const control_json& request, const control_peer& /*peer*/) {
+    std::string user;
+    std::string fingerprint;
+    control_json problem = read_user(request, user);
+    if (problem.is_null()) {
+        problem = read_fingerprint(request, fingerprint);
+    }
+    if (!problem.is_null()) {
+        return problem;
+    }
+    key_record record;
+    if (const platform_status status = key_store_find(user, record); status != PLATFORM_OK) {
+        return answer_of(user, status);
+    }
+    if (!fingerprint.empty()) {
+        const auto found = find_key(record.keys, fingerprint);
+        if (found == record.keys.end()) {
+            return no_such_key(user, fingerprint);
+        }
+        record.keys = {*found};
+    }
+    control_json lines = control_json::array();
+    for (const key_with_time& key : record.keys) {
+        lines.push_back(authorized_key_line(key));
+    }
+    return control_data_answer(std::move(lines));
 }
 
 control_json control_call_key_import(const control_json& request, const control_peer& peer) {
@@ -146,49 +288,42 @@ control_json control_call_key_import(const control_json& request, const control_
     if (text == nullptr) {
         return control_wrong_member("text", "a string");
     }
+    bool replaces = false;
+    control_change_call call = {.name = "key import", .peer = peer};
+    problem = control_flag_member(request, "replace", replaces);
+    if (problem.is_null()) {
+        problem = control_read_acceptance(request, call.accepts_lock_out);
+    }
+    if (!problem.is_null()) {
+        return problem;
+    }
     problem = check_permission(peer, user);
     if (problem.is_null()) {
         problem = check_existence(user);
     }
-    if (!problem.is_null()) {
-        return audited_refusal(peer, "key import", user, std::move(problem));
-    }
-    std::string_view line;
-    if (!only_line(*text, line)) {
-        return control_answer(control_result::refused,
-                              text_format("user %s: expected exactly one key on one line", user.c_str()));
-    }
-    std::string bytes;
-    platform_status status = check_origin(user, true);
-    if (status == PLATFORM_OK) {
-        status = key_store_make_import(user, line, bytes);
-    }
-    return status == PLATFORM_OK
-               ? control_commit({.name = "key import", .peer = peer, .accepts_lock_out = true},
-                                {{key_store_import_path(user), std::nullopt, false, std::move(bytes)}})
-               : audited_refusal(peer, "key import", user, answer_of(user, status));
+    return problem.is_null() ? import_keys(call, user, *text, replaces)
+                             : audited_refusal(peer, call.name, user, std::move(problem));
 }
 
 control_json control_call_key_delete(const control_json& request, const control_peer& peer) {
     std::string user;
-    control_json problem = read_user(request, user);
-    if (!problem.is_null()) {
-        return problem;
-    }
+    std::string fingerprint;
     bool absent_ok = false;
-    problem = control_flag_member(request, "absent_ok", absent_ok);
+    control_change_call call = {.name = "key delete", .peer = peer};
+    control_json problem = read_user(request, user);
+    if (problem.is_null()) {
+        problem = read_fingerprint(request, fingerprint);
+    }
+    if (problem.is_null()) {
+        problem = control_flag_member(request, "absent_ok", absent_ok);
+    }
+    if (problem.is_null()) {
+        problem = control_read_acceptance(request, call.accepts_lock_out);
+    }
     if (!problem.is_null()) {
         return problem;
     }
-    control_change_call call = {.name = "key delete", .peer = peer};
-    problem = control_read_acceptance(request, call.accepts_lock_out);
-    if (problem.is_null()) {
-        problem = check_permission(peer, user);
-    }
-    if (!problem.is_null()) {
-        return audited_refusal(peer, "key delete", user, std::move(problem));
-    }
-    const platform_status status = check_origin(user, absent_ok);
-    return status == PLATFORM_OK ? control_commit(call, {{key_store_import_path(user), std::nullopt, absent_ok}})
-                                 : audited_refusal(peer, "key delete", user, answer_of(user, status));
+    problem = check_permission(peer, user);
+    return problem.is_null() ? delete_keys(call, user, fingerprint, absent_ok)
+                             : audited_refusal(peer, call.name, user, std::move(problem));
 }

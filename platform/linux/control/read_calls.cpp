@@ -44,7 +44,7 @@ size_t items_below(const std::string& folder) {
     return items;
 }
 
-/// Describes an access list by the number of its entries, and an imported key by its text.
+/// Describes an access list by the number of its entries, and a user's imported keys by their lines.
 void add_service_value(const std::string& path, control_json& child) {
     const std::optional<datastore_stored> stored = datastore_present_value(path);
     control_json json;
@@ -52,7 +52,7 @@ void add_service_value(const std::string& path, control_json& child) {
     if (!stored.has_value() || !control_service_value_to_json(path, *stored, json)) {
         return;
     }
-    if (json.is_array()) {
+    if (!path.starts_with(datastore_imported_keys)) {
         child["entries"] = json.size();
     } else {
         child["value"] = std::move(json);

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr int application_id = 0x53434644;  ///< "SCFD", distinguishes this system's databases from others
-constexpr int schema_version = 3;
+constexpr int schema_version = 4;
 constexpr mode_t folder_mode = 0700;
 constexpr mode_t file_mode = 0600;
 
@@ -284,14 +284,19 @@ platform_status prepare_file(const std::string& path, std::string& reason) {
 /// Version 2 had no history.
 #define FROM_VERSION_2 HISTORY_TABLE
 
+/// Version 3 had only one RSA key for each user. The records of such keys are still read, but a program of that version does
+/// not read the present ones, and must not open the database.
+#define FROM_VERSION_3 ""
+
 struct migration_row {
     const char* version;
     const char* statements;
 };
 
 constexpr migration_row migrations[] = {
-    {"1", FROM_VERSION_1 FROM_VERSION_2},
-    {"2", FROM_VERSION_2},
+    {"1", FROM_VERSION_1 FROM_VERSION_2 FROM_VERSION_3},
+    {"2", FROM_VERSION_2 FROM_VERSION_3},
+    {"3", FROM_VERSION_3},
 };
 
 /// Migrates the database of an earlier version to the present version in one transaction.

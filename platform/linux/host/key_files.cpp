@@ -15,14 +15,14 @@ namespace {
 constexpr mode_t wanted_mode = S_IFREG | 0600;
 
 /// What is wrong with a user's file; null if nothing is.
-const char* difference_of(const std::string& user, const std::string& line) {
+const char* difference_of(const std::string& user, const std::string& lines) {
     struct stat file = {};
     std::string present;
     if (lstat((std::string(key_file_directory) + "/" + user).c_str(), &file) != 0) {
         return "the file that sshd reads is missing";
     }
-    if (key_file_read(user, present) != PLATFORM_OK || present != line) {
-        return "the file that sshd reads has another key";
+    if (key_file_read(user, present) != PLATFORM_OK || present != lines) {
+        return "the file that sshd reads has other keys";
     }
     const bool is_private = file.st_uid == 0 && file.st_gid == 0 && file.st_mode == wanted_mode;
     return is_private ? nullptr : "the file that sshd reads has another owner or mode than root and 0600";
@@ -54,15 +54,10 @@ class key_files_run {
 
   private:
     void compare_key(const key_store_entry& entry) {
-        std::string line;
-        const platform_status status = key_store_line(entry.record, line);
-        if (status != PLATFORM_OK) {
-            cannot_compare("key " + entry.user, "the stored key is damaged");
-            return;
-        }
-        const char* difference = difference_of(entry.user, line);
+        const std::string lines = key_record_lines(entry.record);
+        const char* difference = difference_of(entry.user, lines);
         if (difference != nullptr) {
-            settle("key " + entry.user, difference, repair_ ? key_file_write(entry.user, line) : PLATFORM_OK);
+            settle("key " + entry.user, difference, repair_ ? key_file_write(entry.user, lines) : PLATFORM_OK);
         }
     }
 

@@ -57,13 +57,12 @@ platform_status read_text(std::string_view text, std::string& der, uint32_t& bit
 
 /// Writes the user's file unless it is already as required.
 platform_status publish(std::string_view user, const key_record& record) {
-    std::string line;
+    const std::string lines = key_record_lines(record);
     std::string present;
-    const platform_status status = key_store_line(record, line);
-    if (status != PLATFORM_OK || (key_file_read(user, present) == PLATFORM_OK && present == line)) {
-        return status;
+    if (key_file_read(user, present) == PLATFORM_OK && present == lines) {
+        return PLATFORM_OK;
     }
-    return key_file_write(user, line);
+    return key_file_write(user, lines);
 }
 
 /// Stores a record and its file, both or neither.
@@ -87,6 +86,12 @@ platform_status remove_both(std::string_view user) {
     return status == PLATFORM_OK ? datastore_private_delete(key_record_place(user)) : status;
 }
 
+/// Compares the keys of two records, but not their times.
+bool has_same_keys(const key_record& one, const key_record& other) {
+    return std::equal(one.keys.begin(), one.keys.end(), other.keys.begin(), other.keys.end(),
+                      [](const authorized_key& a, const authorized_key& b) { return a == b; });
+}
+
 platform_status store(std::string_view user, const key_record& record) {
     key_record present;
     const platform_status status = check_origin(user, record.origin, present);
@@ -94,15 +99,16 @@ platform_status store(std::string_view user, const key_record& record) {
     if (status != PLATFORM_OK) {
         return status;
     }
-    return present.der == record.der ? publish(user, present) : store_both(user, record);
+    return has_same_keys(present, record) ? publish(user, present) : store_both(user, record);
 }
 
 platform_status set_key(const key_store_set_request& request) {
     rsa_public_key key;
     const std::string der(reinterpret_cast<const char*>(request.der), request.size);
     const platform_status status = key_der_read(der, key);
-    return status == PLATFORM_OK ? store(request.label, {key_origin::configuration, request.bits, request.time, der})
-                                 : status;
+    return status == PLATFORM_OK
+               ? store(request.label, {key_origin::configuration, {{{{}, public_key_of_rsa(key), {}}, request.time}}})
+               : status;
 }
 
 platform_status remove_key(std::string_view user) {
@@ -179,15 +185,6 @@ void remove_others(const std::vector<key_store_entry>& entries) {
 
 }  // namespace
 
-platform_status key_store_line(const key_record& record, std::string& line) {
-    rsa_public_key key;
-    const platform_status status = key_der_read(record.der, key);
-    if (status == PLATFORM_OK) {
-        line = key_text_write(key) + '\n';
-    }
-    return status;
-}
-
 void key_store_start() try {
     std::vector<key_store_entry> entries;
     if (key_store_list(entries) != PLATFORM_OK) {
@@ -235,17 +232,24 @@ platform_status key_store_list(std::vector<key_store_entry>& entries) {
     return status == DATASTORE_NO_SUCH_ITEM ? platform_status{PLATFORM_OK} : status;
 }
 
-platform_status key_store_make_import(std::string_view user, std::string_view text, std::string& bytes) {
-    key_record record = {key_origin::exec_mode, 0, time(nullptr), {}};
-    const platform_status status =
-        key_user_is_valid(user) ? read_text(text, record.der, record.bits) : platform_status{EINVAL};
-    if (status != PLATFORM_OK) {
-        return status;
+platform_status key_store_make_import(std::string_view user, const std::vector<authorized_key>& keys,
+                                      std::string& bytes) {
+    if (!key_user_is_valid(user) || keys.empty()) {
+        return EINVAL;
     }
     key_record present;
-    if (key_store_find(user, present) == PLATFORM_OK && present.origin == record.origin && present.der == record.der &&
-        present.bits == record.bits) {
-        record.time = present.time;
+    if (key_store_find(user, present) != PLATFORM_OK || present.origin != key_origin::exec_mode) {
+        present.keys.clear();
+    }
+    key_record record = {key_origin::exec_mode, {}};
+    for (const authorized_key& key : keys) {
+        const auto same = std::find_if(present.keys.begin(), present.keys.end(),
+                                       [&key](const authorized_key& other) { return other == key; });
+        record.keys.push_back({key, same == present.keys.end() ? time(nullptr) : same->time});
+    }
+    if (record.keys == present.keys) {
+        // A record of an earlier version has another form, but nothing would change.
+        return datastore_private_get(key_record_place(user), bytes);
     }
     bytes = key_record_encode(record);
     return PLATFORM_OK;
@@ -282,7 +286,7 @@ platform_status key_store_get_user_key(const char* label, uint32_t type, struct 
         return PLATFORM_OK;
     }
     if (status == PLATFORM_OK) {
-        *key = {1, record.origin == key_origin::exec_mode ? 1U : 0U, record.bits};
+        *key = {1, record.origin == key_origin::exec_mode ? 1U : 0U, record.keys.front().key.bits};
     }
     return status;
 } catch (const std::bad_alloc&) {

@@ -5,6 +5,8 @@
 
 #include "common/text.h"
 #include "platform/algorithms.h"
+#include "user_keys/key_options.h"
+#include "user_keys/public_key.h"
 
 namespace {
 
@@ -96,9 +98,13 @@ bool is_removed(const algorithm_check& check, const std::string& name, const std
     return added != nullptr ? !list_contains(added, name) : !is_default(check.kind, name);
 }
 
+bool turns_fips_mode_on(const login_change& change) {
+    return value_of_line(change.server_lines, '+', "NorvoSSHFipsMode") != nullptr &&
+           value_of_line(change.server_lines, '-', "NorvoSSHFipsMode") == nullptr;
+}
+
 void check_algorithms(const login_session& session, const login_change& change, reason_list& reasons) {
-    const bool turns_fips_on = value_of_line(change.server_lines, '+', "NorvoSSHFipsMode") != nullptr &&
-                               value_of_line(change.server_lines, '-', "NorvoSSHFipsMode") == nullptr;
+    const bool turns_fips_on = turns_fips_mode_on(change);
     for (const algorithm_check& check : algorithm_checks_of_file) {
         for (const auto member : check.members) {
             const std::string name = member == nullptr ? std::string() : session.*member;
@@ -120,20 +126,56 @@ void check_algorithms(const login_session& session, const login_change& change, 
     }
 }
 
+bool is_login_with_key(const login_session& session) {
+    return session.method.ends_with("-pubkey");
+}
+
+/// The part of an authorized_keys line that begins with the type of the key.
+std::string_view without_options(std::string_view line) {
+    const size_t blank = key_options_size(line);
+    const bool has_options = !public_key_type_is_known(line.substr(0, blank)) && blank < line.size();
+    return has_options ? line.substr(blank + 1) : line;
+}
+
+/// Returns what a change does to a key, or null if it leaves the key as it is.
+const char* change_of_key(const std::string& line, const std::vector<std::string>& after) {
+    if (std::ranges::find(after, line) != after.end()) {
+        return nullptr;
+    }
+    const bool only_options_differ = std::ranges::any_of(
+        after, [&line](const std::string& other) { return without_options(other) == without_options(line); });
+    return only_options_differ ? "changes the options of" : after.empty() ? "deletes" : "replaces";
+}
+
 void check_key(const login_session& session, const login_change& change, reason_list& reasons) {
-    if (session.method != "publickey" || change.before.key.empty() || change.before.key == change.after.key) {
+    if (!is_login_with_key(session)) {
         return;
     }
-    reasons.push_back(text_format("this change %s the public key of %s, and you are logged in with a public key",
-                                  change.after.key.empty() ? "deletes" : "replaces", session.user.c_str()));
+    for (const std::string& line : change.before.keys) {
+        if (const char* what = change_of_key(line, change.after.keys); what != nullptr) {
+            reasons.push_back(
+                text_format("this change %s the public key of %s, and you are logged in with a public key", what,
+                            session.user.c_str()));
+            return;
+        }
+    }
+}
+
+/// In FIPS mode the servers accept keys of some types only, wherever they are stored.
+void check_key_type(const login_session& session, const login_change& change, reason_list& reasons) {
+    constexpr std::string_view approved_types[] = {"RSA", "ECDSA"};
+    if (is_login_with_key(session) && !session.key_type.empty() && turns_fips_mode_on(change) &&
+        std::ranges::find(approved_types, session.key_type) == std::end(approved_types)) {
+        reasons.push_back(
+            text_format("FIPS mode, which this change turns on, does not allow keys of type %s, and you are "
+                        "logged in with one",
+                        session.key_type.c_str()));
+    }
 }
 
 /// What is checked, in the order of a login.
 constexpr void (*checks[])(const login_session& session, const login_change& change, reason_list& reasons) = {
-    check_server,
-    check_lists,
-    check_algorithms,
-    check_key,
+    check_server, check_lists, check_algorithms, check_key_type, check_key,
 };
 
 }  // namespace

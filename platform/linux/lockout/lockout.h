@@ -20,7 +20,9 @@ struct login_list {
 struct login_conditions {
     bool has_server = false;          ///< a server is configured for the session's VRF and port
     std::array<login_list, 2> lists;  ///< of the session's address family: SSH's and NETCONF's
-    std::string key;                  ///< the user's key in any form; empty if the router has none
+    /// The key with which the user is logged in, or all keys of the user if that is not known, as authorized_keys lines
+    /// without comments; empty if the router has none.
+    std::vector<std::string> keys;
 };
 
 struct login_change {

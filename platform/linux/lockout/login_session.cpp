@@ -145,6 +145,8 @@ std::optional<login_session> find_session(pid_t process) {
                          .source = address_text(*connection),
                          .user = facts->user,
                          .method = facts->method,
+                         .key_type = facts->login.key_type,
+                         .key_fingerprint = facts->login.key_fingerprint,
                          .kex = algorithms.kex,
                          .host_key = algorithms.host_key,
                          .in_cipher = algorithms.in_cipher,

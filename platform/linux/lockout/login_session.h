@@ -19,7 +19,9 @@ struct login_session {
     rule_connection connection;
     std::string source;  ///< the source address as text
     std::string user;
-    std::string method;  ///< such as "publickey"
+    std::string method;           ///< as in the session records, such as "ed25519-pubkey"
+    std::string key_type;         ///< as sshd logs it, such as "ED25519"
+    std::string key_fingerprint;  ///< "SHA256:..."
     std::string kex;
     std::string host_key;
     std::string in_cipher;

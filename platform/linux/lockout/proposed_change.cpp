@@ -52,6 +52,34 @@ std::string list_of_item(const std::string& path, const std::optional<datastore_
     return name != nullptr ? *name : std::string();
 }
 
+/// Returns the keys of the session's user in some configuration.
+std::vector<authorized_key> keys_of(const login_session& session, const value_source& value) {
+    const std::optional<datastore_stored> item = value(key_record_item(session.user));
+    const std::optional<datastore_stored> imported = value(std::string(datastore_imported_keys) + session.user);
+    rsa_public_key configured;
+    key_record record;
+    if (item && key_text_read(item->bytes.c_str(), configured) == PLATFORM_OK) {
+        return {{{}, public_key_of_rsa(configured), {}}};
+    }
+    if (!imported || key_record_decode(imported->bytes, record) != PLATFORM_OK) {
+        return {};
+    }
+    return {record.keys.begin(), record.keys.end()};
+}
+
+/// Returns the lines of the keys that matter for a login like the session's.
+std::vector<std::string> key_lines(const login_session& session, const value_source& value) {
+    std::vector<std::string> lines;
+    std::vector<authorized_key> keys = keys_of(session, value);
+    for (authorized_key& key : keys) {
+        if (session.key_fingerprint.empty() || session.key_fingerprint == public_key_fingerprint(key.key)) {
+            key.comment.clear();
+            lines.push_back(authorized_key_line(key));
+        }
+    }
+    return lines;
+}
+
 /// Determines the conditions of a login, except for the rules of the lists.
 login_conditions conditions_of(const login_session& session, const value_source& value) {
     login_conditions conditions;
@@ -64,9 +92,7 @@ login_conditions conditions_of(const login_session& session, const value_source&
     conditions.has_server |= session.vrf_name == vrf_default_name &&
                              session.connection.destination_port == lockout_services[0].port &&
                              value(protocol_item).has_value();
-    const std::optional<datastore_stored> key = value(key_record_item(session.user));
-    const std::optional<datastore_stored> imported = value(std::string(datastore_imported_keys) + session.user);
-    conditions.key = key ? key->bytes : imported ? imported->bytes : "";
+    conditions.keys = key_lines(session, value);
     return conditions;
 }
 

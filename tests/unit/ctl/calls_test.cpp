@@ -50,6 +50,12 @@ TEST(ctl_calls, make_the_requests_of_the_control_protocol) {
     EXPECT_EQ(request("debug", {"cfg-agent", "off"}), R"({"call":"debug","flag":"cfg-agent","on":false})");
     EXPECT_EQ(request("trace", {"error"}), R"({"call":"trace","buffer":"error"})");
     EXPECT_EQ(request("key", {"list"}), R"({"call":"key_list"})");
+    EXPECT_EQ(request("key", {"list", "alice"}), R"({"call":"key_list","user":"alice"})");
+    EXPECT_EQ(request("key", {"export", "alice"}), R"({"call":"key_export","user":"alice"})");
+    EXPECT_EQ(request("key", {"export", "alice", "SHA256:x"}),
+              R"({"call":"key_export","user":"alice","fingerprint":"SHA256:x"})");
+    EXPECT_EQ(request("key", {"delete", "alice", "SHA256:x"}),
+              R"({"call":"key_delete","user":"alice","fingerprint":"SHA256:x"})");
     EXPECT_EQ(request("key", {"delete", "alice"}), R"({"call":"key_delete","user":"alice"})");
     EXPECT_EQ(request("verify", {}), R"({"call":"verify"})");
     EXPECT_EQ(request("repair", {}), R"({"call":"repair"})");
@@ -94,6 +100,9 @@ TEST(ctl_calls, key_import_sends_the_content_of_the_file) {
     std::ofstream(file, std::ios::trunc) << "ssh-rsa \xff";
     EXPECT_THAT(made("key", {"import", "alice", file}).problem["message"].get<std::string>(),
                 HasSubstr("not valid UTF-8"));
+    std::ofstream(file) << "x";
+    EXPECT_EQ(request("key", {"import", "--replace", "alice", file}),
+              R"({"call":"key_import","user":"alice","text":"x","replace":true})");
     EXPECT_THAT(made("key", {"import", "alice", "/nowhere"}).problem["message"].get<std::string>(),
                 HasSubstr("/nowhere"));
 }
@@ -175,7 +184,13 @@ TEST(ctl_calls, wrong_arguments_are_a_usage_error_without_a_message) {
         {"confirm", {"5"}},
         {"history", {"5"}},
         {"key", {}},
-        {"key", {"list", "x"}},
+        {"key", {"list", "x", "y"}},
+        {"key", {"list", "--replace"}},
+        {"key", {"export"}},
+        {"key", {"export", "alice", "SHA256:x", "y"}},
+        {"key", {"export", "alice", "--absent-ok"}},
+        {"key", {"delete", "alice", "SHA256:x", "y"}},
+        {"key", {"delete", "alice", "--replace"}},
         {"key", {"import", "alice"}},
         {"key", {"delete"}},
         {"key", {"remove", "alice"}},

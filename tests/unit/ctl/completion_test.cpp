@@ -72,6 +72,11 @@ TEST(ctl_complete, names_come_from_the_agents_lists) {
     EXPECT_THAT(ask_agent({"acl", "show", "ipv4", ""}, lists).candidates, ElementsAre("ssh"));
     EXPECT_THAT(ask_agent({"acl", "delete", "ipv6", "s"}, lists).candidates, ElementsAre("six"));
     EXPECT_THAT(ask_agent({"key", "delete", ""}, R"([{"user":"ann"}])").candidates, ElementsAre("ann"));
+    const asked fingerprints =
+        ask_agent({"key", "delete", "ann", "SHA"}, R"([{"fingerprint":"SHA256:x"},{"user":"ann"}])");
+    EXPECT_THAT(fingerprints.candidates, ElementsAre("SHA256:x"));
+    EXPECT_EQ(fingerprints.request, R"({"call":"key_list","user":"ann"})");
+    EXPECT_THAT(ask_agent({"key", "export", "ann", ""}, "[]").candidates, IsEmpty());
     EXPECT_THAT(ask_agent({"debug", "cfg"}, R"([{"name":"cfg-agent"}])").candidates, ElementsAre("cfg-agent"));
     const asked users = ask_agent({"key", "import", "a"}, R"(["username/ann","username/ann/keystr"])");
     EXPECT_THAT(users.candidates, ElementsAre("ann"));

@@ -263,6 +263,8 @@ TEST(launcher_translate, names_the_program_that_prints_the_users_keys) {
                             .user_keys_program = "/usr/libexec/keys"};
     EXPECT_THAT(translate(input).text,
                 HasSubstr("\nAuthorizedKeysCommand /usr/libexec/keys %u\nAuthorizedKeysCommandUser root\n"));
+    input.text = "NorvoSSHFipsMode yes\n";
+    EXPECT_THAT(translate(input).text, HasSubstr("\nAuthorizedKeysCommand /usr/libexec/keys --fips %u\n"));
     input.text = "AuthorizedKeysCommand /other\nAuthorizedKeysCommandUser nobody\n";
     EXPECT_THAT(translate(input).text, Not(HasSubstr("/usr/libexec/keys")));
 }

@@ -71,16 +71,18 @@ TEST_F(key_file_test, is_kept_when_its_replacement_cannot_be_written) {
     EXPECT_THAT(users(), UnorderedElementsAre("alice"));
 }
 
-TEST_F(key_file_test, is_neither_a_link_nor_larger_than_a_key) {
+TEST_F(key_file_test, is_neither_a_link_nor_larger_than_a_users_keys) {
     ASSERT_EQ(key_file_write("alice", "one\n"), PLATFORM_OK);
     std::filesystem::create_symlink(path("alice"), path("bob"));
     std::string read = "before";
     EXPECT_EQ(key_file_read("bob", read), platform_status{ELOOP});
     std::filesystem::create_directory(path("carol"));
     EXPECT_EQ(key_file_read("carol", read), platform_status{EISDIR});
-    ASSERT_EQ(key_file_write("dave", std::string(4097, 'x')), PLATFORM_OK);
+    ASSERT_EQ(key_file_write("dave", std::string(64 * 8193 + 1, 'x')), PLATFORM_OK);
     EXPECT_EQ(key_file_read("dave", read), platform_status{EFBIG});
     EXPECT_EQ(read, "before");
+    ASSERT_EQ(key_file_write("dave", std::string(64 * 8193, 'x')), PLATFORM_OK);
+    EXPECT_EQ(key_file_read("dave", read), PLATFORM_OK);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <string>
 
+#include "user_keys/authorized_key.h"
 #include "user_keys/base64.h"
 
 namespace key_test {
@@ -65,6 +66,16 @@ inline std::string text_of(const std::string& blob) {
 
 inline std::string key_of(const std::string& exponent, const std::string& modulus_bytes) {
     return text_of(field("ssh-rsa") + number(exponent) + number(modulus_bytes));
+}
+
+/// An RSA key with the usual exponent.
+inline public_key rsa_key(size_t bits) {
+    return public_key_of_rsa({modulus(bits), usual()});
+}
+
+/// An Ed25519 key whose bytes are all `fill`.
+inline std::string ed25519_of(char fill) {
+    return "ssh-ed25519 " + base64_encode(field("ssh-ed25519") + field(std::string(32, fill)));
 }
 
 }  // namespace key_test

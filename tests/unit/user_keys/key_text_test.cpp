@@ -27,9 +27,6 @@ TEST(key_text, round_trips_keys_of_ssh_keygen) {
     EXPECT_EQ(key_bits(key), 2048u);
     EXPECT_EQ(key.exponent, usual());
     EXPECT_EQ(key_text_write(key) + " somebody@router", text);
-    EXPECT_NE(key_test::output("ssh-keygen -l -f /tmp/key_text_test.pub").find(key_fingerprint(key) + ' '),
-              std::string::npos);
-    EXPECT_EQ(key_fingerprint(key).size(), 50u);
 }
 
 TEST(key_text, ignores_a_comment_and_spaces) {

@@ -42,11 +42,27 @@ class authorized_keys_program : public testing::Test {
     std::string key = key_test::key_of(key_test::usual(), key_test::modulus(2048));
 };
 
-TEST_F(authorized_keys_program, prints_a_users_key_as_a_line) {
+TEST_F(authorized_keys_program, prints_a_users_keys_as_lines) {
     const outcome result = run("alice");
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.output, key + "\n");
+    EXPECT_EQ(result.output, key + " her own comment\n");
     EXPECT_EQ(result.errors, "");
+    const std::string lines = "from=\"10.0.0.0/8\",restrict " + key_test::ed25519_of('a') + "\n" + key + " me\n";
+    ASSERT_EQ(key_test::import_key("alice", lines), PLATFORM_OK);
+    EXPECT_EQ(run("alice").output, lines);
+}
+
+TEST_F(authorized_keys_program, prints_only_approved_keys_in_fips_mode) {
+    const std::string ecdsa = key_test::new_key("/tmp/key", "-t ecdsa -b 384");
+    const std::string restricted = "command=\"ls \\\"a b\\\"\",restrict " + key + " me";
+    ASSERT_EQ(key_test::import_key("alice", key_test::ed25519_of('a') + "\n" + restricted + "\n" + ecdsa), PLATFORM_OK);
+    EXPECT_EQ(run("--fips alice").output, restricted + "\n" + ecdsa + "\n");
+    ASSERT_EQ(key_test::import_key("alice", key_test::ed25519_of('a')), PLATFORM_OK);
+    EXPECT_EQ(run("--fips alice").output, "");
+    EXPECT_EQ(run("--fips alice").status, 0);
+    EXPECT_EQ(run("--fips bob").output, "");
+    EXPECT_EQ(run("--fips").status, 1);
+    EXPECT_EQ(run("alice --fips").status, 1);
 }
 
 TEST_F(authorized_keys_program, prints_nothing_for_a_user_without_a_key) {
@@ -58,7 +74,7 @@ TEST_F(authorized_keys_program, prints_nothing_for_a_user_without_a_key) {
 
 TEST_F(authorized_keys_program, works_while_the_agent_is_down) {
     datastore_close();
-    EXPECT_EQ(run("alice").output, key + "\n");
+    EXPECT_EQ(run("alice").output, key + " her own comment\n");
 }
 
 TEST_F(authorized_keys_program, refuses_unusual_names) {
@@ -70,7 +86,7 @@ TEST_F(authorized_keys_program, refuses_unusual_names) {
         EXPECT_EQ(alone.output, "") << name;
         EXPECT_THAT(alone.errors, testing::StartsWith("authorized_keys: invalid user name: expected 1 to 64")) << name;
     }
-    EXPECT_THAT(run("").errors, HasSubstr("usage: authorized_keys USER"));
+    EXPECT_THAT(run("").errors, HasSubstr("usage: authorized_keys [--fips] USER"));
     EXPECT_EQ(run("alice bob").status, 1);
 }
 

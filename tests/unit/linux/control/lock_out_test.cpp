@@ -11,6 +11,8 @@
 #include "platform/mpp.h"
 #include "unit/linux/access_lists/list_support.h"
 #include "unit/linux/control/calls_support.h"
+#include "unit/linux/host/import_support.h"
+#include "unit/user_keys/key_samples.h"
 
 namespace {
 
@@ -73,7 +75,7 @@ class control_lock_out_test : public control_test::calls_test {
         session.connection = {.source = {192, 0, 2, 7}, .source_port = 50000, .destination_port = 22};
         session.source = "192.0.2.7";
         session.user = "alice";
-        session.method = "publickey";
+        session.method = "ed25519-pubkey";
         return session;
     }
 
@@ -134,7 +136,9 @@ TEST_F(control_lock_out_test, nobody_is_warned_on_the_console) {
 
 TEST_F(control_lock_out_test, every_call_that_can_do_it_is_guarded) {
     EXPECT_EQ(result(R"({"call":"set","path":"@sshd/vrf/red","value":[null,"here"]})"), "done");
-    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/username/alice/keystr","value":"ssh-rsa AAAA alice"})"), "done");
+    EXPECT_EQ(result(R"({"call":"set","path":"@cmn/username/alice/keystr","value":")" +
+                     key_test::key_of(key_test::usual(), key_test::modulus(1024)) + "\"}"),
+              "done");
     for (const char* request :
          {R"({"call":"delete","path":"@sshd/vrf/red"})", R"({"call":"load","items":{"@sshd/vrf/red":null}})",
           R"({"call":"load","replace":true,"items":{}})",
@@ -160,14 +164,50 @@ TEST_F(control_lock_out_test, a_check_announces_it_and_succeeds) {
 }
 
 TEST_F(control_lock_out_test, the_own_imported_key_is_guarded) {
-    key_record record = {.origin = key_origin::exec_mode, .bits = 2048, .time = 1, .der = "der"};
-    ASSERT_EQ(datastore_private_put(key_record_place("alice"), key_record_encode(record)), PLATFORM_OK);
-    ASSERT_EQ(datastore_private_put(key_record_place("bob"), key_record_encode(record)), PLATFORM_OK);
-    const control_json answer = ask(R"({"call":"key_delete","user":"alice"})");
-    EXPECT_EQ(answer["result"], "refused");
-    EXPECT_THAT(control_json_text(answer["lock_out"]), HasSubstr("deletes the public key of alice"));
-    EXPECT_NE(ask(R"({"call":"key_delete","user":"bob"})")["result"], "refused");
-    EXPECT_FALSE(ask(R"({"call":"key_delete","user":"alice","yes":true})").contains("lock_out"));
+    key_test::start_imports();
+    const std::string own = key_test::ed25519_of('a');
+    const std::string other = key_test::ed25519_of('b');
+    public_key own_key;
+    ASSERT_EQ(
+        public_key_read("ssh-ed25519", key_test::field("ssh-ed25519") + key_test::field(std::string(32, 'a')), own_key),
+        nullptr);
+    const std::string fingerprint = public_key_fingerprint(own_key);
+    login_session_divert([&fingerprint](pid_t) {
+        login_session with_key = session();
+        with_key.key_fingerprint = fingerprint;
+        return std::optional(with_key);
+    });
+    ASSERT_EQ(key_test::import_key("alice", own + " me\n" + other), PLATFORM_OK);
+    ASSERT_EQ(key_test::import_key("bob", own), PLATFORM_OK);
+    const auto reasons = [this](const std::string& request) {
+        return control_json_text(ask(request).value("lock_out", control_json()));
+    };
+    const std::string import = R"({"call":"key_import","user":"alice",)";
+    EXPECT_THAT(reasons(R"({"call":"key_delete","user":"alice"})"), HasSubstr("deletes the public key of alice"));
+    EXPECT_THAT(reasons(R"({"call":"key_delete","user":"alice","fingerprint":")" + fingerprint + "\"}"),
+                HasSubstr("deletes the public key of alice"));
+    EXPECT_THAT(reasons(import + R"("replace":true,"text":")" + other + "\"}"), HasSubstr("deletes the public key"));
+    EXPECT_THAT(reasons(import + R"("text":"restrict )" + own + "\"}"),
+                HasSubstr("changes the options of the public key of alice"));
+    EXPECT_EQ(result(R"({"call":"load","items":{"/keys/alice":null}})"), "refused");
+    for (const std::string& harmless :
+         {import + R"("text":")" + own + " another comment\"}",
+          import + R"("text":")" + key_test::ed25519_of('c') + "\"}", import + R"("text":"restrict )" + other + "\"}",
+          std::string(R"({"call":"key_delete","user":"bob"})"),
+          std::string(R"({"call":"key_delete","user":"alice","yes":true})")}) {
+        const control_json answer = ask(harmless);
+        EXPECT_EQ(answer["result"], "done") << harmless;
+        EXPECT_FALSE(answer.contains("lock_out")) << harmless;
+    }
+}
+
+TEST_F(control_lock_out_test, without_the_sessions_key_every_key_of_the_user_is_guarded) {
+    key_test::start_imports();
+    ASSERT_EQ(key_test::import_key("alice", key_test::ed25519_of('a') + "\n" + key_test::ed25519_of('b')), PLATFORM_OK);
+    EXPECT_EQ(result(R"({"call":"key_import","user":"alice","text":")" + key_test::ed25519_of('c') + "\"}"), "done");
+    EXPECT_THAT(control_json_text(ask(R"({"call":"key_import","user":"alice","replace":true,"text":")" +
+                                      key_test::ed25519_of('b') + "\"}")["lock_out"]),
+                HasSubstr("replaces the public key of alice"));
 }
 
 TEST_F(control_lock_out_test, a_list_can_be_checked_before_it_is_stored) {

@@ -111,7 +111,7 @@ TEST_F(service_values_test, a_dump_has_lists_and_imported_keys_and_can_be_loaded
                                             "/cfg/gl/crypto/ssh/server/cmn/timeout", "/keys/alice"));
     const control_json dump = ask(R"({"call":"dump"})")["data"];
     EXPECT_EQ(dump["/access-lists/ipv4/ops"], ask(R"({"call":"acl_show","family":"ipv4","name":"ops"})")["data"]);
-    EXPECT_EQ(dump["/keys/alice"], key_of(usual(), modulus(1024)));
+    EXPECT_EQ(dump["/keys/alice"], control_json::array({key_of(usual(), modulus(1024))}));
     EXPECT_EQ(data(R"({"call":"get","path":"/keys/alice"})"), control_json_text(dump["/keys/alice"]));
     EXPECT_EQ(result(R"({"call":"get","path":"/keys/bob"})"), "no_data");
 
@@ -184,7 +184,7 @@ TEST_F(service_values_test, all_invalid_values_are_named_together) {
                                HasSubstr("\n/access-lists/ipv4/b: expected an array of entries"),
                                HasSubstr("/access-lists/ipv4/-c: expected a name of 1 to 64 letters"),
                                HasSubstr("/access-lists/ipv5/d: "), HasSubstr("/keys/alice: "),
-                               HasSubstr("expected a line such as \"ssh-rsa AAAA... comment\""),
+                               HasSubstr("expected a line such as \"ssh-ed25519 AAAA... comment\""),
                                HasSubstr("/keys/a b: expected the name of a user")));
     EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 5) << message;
     EXPECT_THAT(dumped_paths(), IsEmpty());
@@ -254,12 +254,40 @@ TEST_F(service_values_test, a_rollback_restores_lists_and_keys) {
     EXPECT_EQ(differences[0]["path"], "/access-lists/ipv4/more");
     EXPECT_EQ(differences[1]["outcome"], "deleted");
     EXPECT_EQ(differences[1]["previous"][0]["SequenceNumber"], 10);
-    EXPECT_EQ(differences[2]["previous"], key_of(usual(), modulus(1024)));
-    EXPECT_EQ(differences[2]["value"], key_of(usual(), modulus(2048)));
+    EXPECT_EQ(differences[2]["previous"], control_json::array({key_of(usual(), modulus(1024))}));
+    EXPECT_EQ(differences[2]["value"],
+              control_json::array({key_of(usual(), modulus(1024)), key_of(usual(), modulus(2048))}));
 
     EXPECT_EQ(result(R"({"call":"rollback","number":2})"), "done");
     EXPECT_EQ(data(R"({"call":"dump"})"), before);
     EXPECT_EQ(data(R"({"call":"key_list"})"), keys) << "also the time at which the key was imported";
+}
+
+TEST_F(service_values_test, a_users_keys_are_an_array_of_lines_or_the_text_of_a_file) {
+    const std::string one = "restrict " + key_test::ed25519_of('a') + " me";
+    const std::string two = key_test::ed25519_of('b');
+    const auto load_keys = [this](const control_json& keys) {
+        return ask(control_json_text({{"call", "load"}, {"items", {{"/keys/alice", keys}}}}));
+    };
+    EXPECT_EQ(load_keys({one, two})["changed"], true);
+    EXPECT_EQ(data(R"({"call":"get","path":"/keys/alice"})"), control_json_text({one, two}));
+    EXPECT_EQ(load_keys("# mine\n" + one + "\r\n" + two + "\n")["changed"], false);
+    EXPECT_EQ(load_keys({two, one})["changed"], true);
+    const control_json changed = ask(R"({"call":"diff"})")["data"];
+    ASSERT_EQ(changed.size(), 1U);
+    EXPECT_EQ(changed[0]["previous"], control_json({one, two}));
+    EXPECT_EQ(changed[0]["value"], control_json({two, one}));
+    const auto refusal = [&](const control_json& keys) { return load_keys(keys).value("message", ""); };
+    const std::string form =
+        "expected an array of lines of an authorized_keys file, such as [\"ssh-ed25519 AAAA... comment\"]";
+    EXPECT_EQ(refusal(control_json::array()), "/keys/alice: " + form);
+    EXPECT_EQ(refusal(7), "/keys/alice: " + form);
+    EXPECT_EQ(refusal({one, 7}), "/keys/alice: key 2: " + form);
+    EXPECT_THAT(refusal({one, "nonsense " + two}), HasSubstr("/keys/alice: key 2: unknown option \"nonsense\""));
+    EXPECT_EQ(refusal({one, two, one}), "/keys/alice: key 3: the key is the same as in key 1");
+    EXPECT_THAT(refusal({one + "\n" + two}), HasSubstr("/keys/alice: key 1: the line contains a control character"));
+    EXPECT_THAT(refusal(""), HasSubstr("/keys/alice: there is no key"));
+    EXPECT_EQ(data(R"({"call":"get","path":"/keys/alice"})"), control_json_text({two, one}));
 }
 
 TEST_F(service_values_test, a_commit_on_trial_can_be_undone_with_its_lists_and_keys) {
@@ -314,7 +342,8 @@ TEST_F(service_values_test, lists_and_keys_are_listed_and_completed) {
               R"([{"name":"ipv4/","configured":true,"items":2},{"name":"ipv6/","configured":false,"items":0}])");
     EXPECT_EQ(data(R"({"call":"list","path":"/access-lists/ipv4","all":true})"),
               R"([{"name":"mgmt","configured":true,"entries":1},{"name":"ops","configured":true,"entries":1}])");
-    EXPECT_EQ(ask(R"({"call":"list","path":"/keys","all":true})")["data"][0]["value"], key_of(usual(), modulus(1024)));
+    EXPECT_EQ(ask(R"({"call":"list","path":"/keys","all":true})")["data"][0]["value"],
+              control_json::array({key_of(usual(), modulus(1024))}));
     EXPECT_EQ(data(R"({"call":"complete","what":"item","word":"/access-lists/ipv4/o"})"),
               R"(["/access-lists/ipv4/ops"])");
     // They have no short paths.
@@ -324,7 +353,8 @@ TEST_F(service_values_test, lists_and_keys_are_listed_and_completed) {
 }
 
 TEST_F(service_values_test, a_configured_key_is_not_dumped_as_an_imported_one) {
-    ASSERT_EQ(datastore_private_put("user_key/bob", key_record_encode({key_origin::configuration, 1024, 7, "x"})),
+    ASSERT_EQ(datastore_private_put("user_key/bob", key_record_encode({key_origin::configuration,
+                                                                       {{{{}, key_test::rsa_key(1024), {}}, 7}}})),
               PLATFORM_OK);
     EXPECT_THAT(dumped_paths(), IsEmpty());
     EXPECT_EQ(result(R"({"call":"delete","path":"/keys/bob"})"), "no_data");

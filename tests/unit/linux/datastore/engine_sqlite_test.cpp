@@ -184,7 +184,9 @@ TEST_F(datastore_engine_sqlite_test, brings_a_database_of_version_1_up_to_date) 
         EXPECT_EQ(value_of(store, "vrf/red"), "4");
         close();
     }
-    with_sqlite("CREATE TEMP TABLE no AS SELECT 1 / (SELECT count(*) FROM private WHERE path = 'vrf/red')");
+    with_sqlite(
+        "CREATE TEMP TABLE one (found CHECK (found = 1));"
+        "INSERT INTO one SELECT count(*) FROM private WHERE path = 'vrf/red'");
     EXPECT_EQ(open(), PLATFORM_OK) << reason;
 }
 
@@ -202,6 +204,16 @@ TEST_F(datastore_engine_sqlite_test, brings_a_database_of_version_2_up_to_date) 
     EXPECT_EQ(value_of(store, "/a"), "item");
     EXPECT_EQ(value_of(store, "vrf/red"), "4");
     EXPECT_EQ(value_of(store, "history/0000000001"), "commit");
+}
+
+TEST_F(datastore_engine_sqlite_test, marks_a_database_of_version_3_so_that_its_program_refuses_it) {
+    make_database();
+    with_sqlite("INSERT INTO private VALUES ('user_key/alice', 0, 'key'); PRAGMA user_version = 3;");
+    ASSERT_EQ(open(), PLATFORM_OK) << reason;
+    EXPECT_EQ(value_of(store, "user_key/alice"), "key");
+    close();
+    with_sqlite(
+        "CREATE TEMP TABLE four (version CHECK (version = 4)); INSERT INTO four SELECT user_version FROM pragma_user_version");
 }
 
 /// The longest of several commits of one item.
@@ -306,14 +318,14 @@ TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_another_program) {
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_of_a_newer_version) {
     make_database();
-    with_sqlite("PRAGMA user_version = 4");
-    expect_refused(EUCLEAN, "it was written by a newer version of this program (format 4, expected 3); install that");
+    with_sqlite("PRAGMA user_version = 5");
+    expect_refused(EUCLEAN, "it was written by a newer version of this program (format 5, expected 4); install that");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_a_version) {
     make_database();
     with_sqlite("PRAGMA user_version = 0");
-    expect_refused(EUCLEAN, "was written by another version of this program (found \"0\", expected \"3\")");
+    expect_refused(EUCLEAN, "was written by another version of this program (found \"0\", expected \"4\")");
 }
 
 TEST_F(datastore_engine_sqlite_test, refuses_a_database_without_its_table) {

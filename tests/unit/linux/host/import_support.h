@@ -2,6 +2,7 @@
 #ifndef UNIT_LINUX_HOST_IMPORT_SUPPORT_H
 #define UNIT_LINUX_HOST_IMPORT_SUPPORT_H
 
+#include <cerrno>
 #include <optional>
 #include <string>
 
@@ -19,17 +20,25 @@ inline void start_imports() {
     key_imports_start();
 }
 
-/// The change of a commit that imports a key. The text must be valid.
+/// The stored form of the keys in an authorized_keys file. Returns EINVAL if the text or the name is invalid.
+inline platform_status make_import(const std::string& user, const std::string& text, std::string& bytes) {
+    std::vector<authorized_key> keys;
+    std::string refusal;
+    return authorized_keys_read(text, keys, refusal) ? key_store_make_import(user, keys, bytes)
+                                                     : platform_status{EINVAL};
+}
+
+/// The change of a commit after which the user has the keys in an authorized_keys file. The text must be valid.
 inline datastore_change_request import_change(const std::string& user, const std::string& text) {
     std::string bytes;
-    EXPECT_EQ(key_store_make_import(user, text, bytes), PLATFORM_OK);
+    EXPECT_EQ(make_import(user, text, bytes), PLATFORM_OK);
     return {key_store_import_path(user), std::nullopt, false, bytes};
 }
 
-/// Imports a key by a commit of its own.
+/// Imports keys by a commit of its own, in place of the previous ones.
 inline platform_status import_key(const std::string& user, const std::string& text) {
     std::string bytes;
-    const platform_status status = key_store_make_import(user, text, bytes);
+    const platform_status status = make_import(user, text, bytes);
     return status == PLATFORM_OK ? datastore_commit({import_change(user, text)}, false).status : status;
 }
 

@@ -62,7 +62,7 @@ TEST_F(key_files_test, content_owner_and_mode_count) {
     ASSERT_EQ(unlink(file.c_str()), 0);
     expect_repaired("key alice: the file that sshd reads is missing");
     write_file(file, "ssh-rsa AAAA\n");
-    expect_repaired("key alice: the file that sshd reads has another key");
+    expect_repaired("key alice: the file that sshd reads has other keys");
     ASSERT_EQ(chmod(file.c_str(), 0644), 0);
     expect_repaired("key alice: the file that sshd reads has another owner or mode than root and 0600");
 }

@@ -104,7 +104,7 @@ TEST_F(key_store_test, keeps_a_configured_key_across_a_restart) {
     EXPECT_EQ(key("alice"), "1024 configured");
     key_record record;
     ASSERT_EQ(key_store_find("alice", record), PLATFORM_OK);
-    EXPECT_EQ(record.time, 1700000000);
+    EXPECT_EQ(record.keys.at(0).time, 1700000000);
 }
 
 TEST_F(key_store_test, replaces_a_configured_key) {
@@ -117,15 +117,11 @@ TEST_F(key_store_test, keeps_the_time_of_a_key_that_is_stored_again) {
     ASSERT_EQ(configure("alice"), PLATFORM_OK);
     std::string before;
     ASSERT_EQ(datastore_private_get(key_record_place("alice"), before), PLATFORM_OK);
-    key_record record;
-    ASSERT_EQ(key_store_find("alice", record), PLATFORM_OK);
-    const key_store_set_request again = {"alice",
-                                         KEY_STORE_USER_PUBLIC_KEY,
-                                         0,
-                                         1800000000,
-                                         record.bits,
-                                         reinterpret_cast<const uint8_t*>(record.der.data()),
-                                         record.der.size()};
+    std::string der;
+    ASSERT_EQ(key_der_make({modulus(1024), usual()}, der), PLATFORM_OK);
+    const key_store_set_request again = {
+        "alice",   KEY_STORE_USER_PUBLIC_KEY, 0, 1800000000, 1024, reinterpret_cast<const uint8_t*>(der.data()),
+        der.size()};
     ASSERT_EQ(key_store_set_key(&again), PLATFORM_OK);
     std::string after;
     ASSERT_EQ(datastore_private_get(key_record_place("alice"), after), PLATFORM_OK);
@@ -162,6 +158,61 @@ TEST_F(key_store_test, neither_way_changes_a_key_added_the_other_way) {
     EXPECT_EQ(configure("bob"), platform_status{KEY_OTHER_ORIGIN});
     EXPECT_EQ(remove("bob"), platform_status{KEY_OTHER_ORIGIN});
     EXPECT_EQ(key("bob"), "2048 exec mode");
+}
+
+TEST_F(key_store_test, keeps_several_imported_keys_with_options_and_comments) {
+    const std::string lines = "restrict,from=\"10.0.0.0/8\" " + key_test::ed25519_of('a') + " laptop\n" +
+                              key_of(usual(), modulus(2048)) + "\n" + key_test::ed25519_of('b') + "\n";
+    ASSERT_EQ(import_key("alice", lines), PLATFORM_OK);
+    EXPECT_EQ(key("alice"), "256 exec mode") << "the first";
+    const auto file = [] {
+        std::string content;
+        EXPECT_EQ(key_file_read("alice", content), PLATFORM_OK);
+        return content;
+    };
+    EXPECT_EQ(file(), lines);
+    reopen();
+    key_record record;
+    ASSERT_EQ(key_store_find("alice", record), PLATFORM_OK);
+    EXPECT_EQ(key_record_lines(record), lines);
+    ASSERT_EQ(import_key("alice", key_test::ed25519_of('b')), PLATFORM_OK);
+    EXPECT_EQ(file(), key_test::ed25519_of('b') + "\n");
+}
+
+TEST_F(key_store_test, keeps_the_time_of_imported_keys_that_do_not_change) {
+    const std::string one = key_test::ed25519_of('a') + " one\n";
+    key_record record = {key_origin::exec_mode, {}};
+    std::vector<authorized_key> keys;
+    std::string refusal;
+    ASSERT_TRUE(authorized_keys_read(one + key_test::ed25519_of('b'), keys, refusal));
+    record.keys = {{keys[0], 1700000000}, {keys[1], 1600000000}};
+    ASSERT_EQ(datastore_private_put(key_record_place("alice"), key_record_encode(record)), PLATFORM_OK);
+    std::string bytes;
+    ASSERT_EQ(key_test::make_import("alice", one + key_test::ed25519_of('b'), bytes), PLATFORM_OK);
+    EXPECT_EQ(bytes, key_record_encode(record));
+    ASSERT_EQ(key_test::make_import("alice", one + key_test::ed25519_of('b') + " comment", bytes), PLATFORM_OK);
+    ASSERT_EQ(key_record_decode(bytes, record), PLATFORM_OK);
+    EXPECT_EQ(record.keys[0].time, 1700000000);
+    EXPECT_GT(record.keys[1].time, 1700000000);
+    EXPECT_EQ(key_store_make_import("alice", {}, bytes), platform_status{EINVAL});
+}
+
+TEST_F(key_store_test, reads_a_record_of_the_first_version_and_does_not_change_it_without_need) {
+    std::string der;
+    ASSERT_EQ(key_der_make({modulus(1024), usual()}, der), PLATFORM_OK);
+    const std::string former = std::string("\1\1\0\0\0\4\0\0\1\0\0\0\0\0\0\0", 16) + der;
+    ASSERT_EQ(datastore_private_put(key_record_place("alice"), former), PLATFORM_OK);
+    EXPECT_EQ(key("alice"), "1024 exec mode");
+    key_store_start();
+    EXPECT_EQ(seen_by_sshd("alice"), "1024");
+    std::string bytes;
+    ASSERT_EQ(key_test::make_import("alice", key_of(usual(), modulus(1024)), bytes), PLATFORM_OK);
+    EXPECT_EQ(bytes, former);
+    ASSERT_EQ(import_key("alice", key_of(usual(), modulus(1024)) + "\n" + key_test::ed25519_of('a')), PLATFORM_OK);
+    key_record record;
+    ASSERT_EQ(key_store_find("alice", record), PLATFORM_OK);
+    ASSERT_EQ(record.keys.size(), 2U);
+    EXPECT_EQ(record.keys[0].time, 1);
 }
 
 TEST_F(key_store_test, lists_users_in_order) {

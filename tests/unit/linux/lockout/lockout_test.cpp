@@ -15,7 +15,7 @@ login_session lockout_session() {
         .source = {192, 0, 2, 7}, .destination = {192, 0, 2, 1}, .source_port = 50000, .destination_port = 22};
     session.source = "192.0.2.7";
     session.user = "alice";
-    session.method = "publickey";
+    session.method = "ed25519-pubkey";
     session.kex = "curve25519-sha256";
     session.host_key = "rsa-sha2-512";
     session.in_cipher = session.out_cipher = "aes128-ctr";
@@ -27,7 +27,7 @@ constexpr char admitting[] = "ip saddr 192.0.2.0/24 tcp dport 22 accept\n";
 constexpr char refusing[] = "ip saddr 10.0.0.0/8 tcp dport 22 accept\ntcp dport 22 drop\n";
 
 login_conditions usual() {
-    return {.has_server = true, .lists = {}, .key = "key"};
+    return {.has_server = true, .lists = {}, .keys = {"ssh-ed25519 AAAA"}};
 }
 
 TEST(lockout_reasons, a_change_that_concerns_no_login_has_none) {
@@ -106,13 +106,45 @@ TEST(lockout_reasons, the_server_no_longer_offers_what_was_negotiated) {
 
 TEST(lockout_reasons, the_key_is_deleted_or_replaced) {
     login_change change = {usual(), usual()};
-    change.after.key = "";
+    change.after.keys = {};
     EXPECT_THAT(lockout_reasons(lockout_session(), change),
                 ElementsAre("this change deletes the public key of alice, and you are logged in with a public key"));
-    change.after.key = "other";
+    change.after.keys = {"ssh-ed25519 BBBB"};
     EXPECT_THAT(lockout_reasons(lockout_session(), change),
                 ElementsAre("this change replaces the public key of alice, and you are logged in with a public key"));
     login_session session = lockout_session();
+    session.method = "password";
+    EXPECT_THAT(lockout_reasons(session, change), IsEmpty());
+}
+
+TEST(lockout_reasons, the_options_of_the_key_are_changed) {
+    login_change change = {usual(), usual()};
+    for (const char* line : {"from=\"10.0.0.0/8\" ssh-ed25519 AAAA", "command=\"a b\",restrict ssh-ed25519 AAAA"}) {
+        change.after.keys = {"ssh-rsa CCCC", line};
+        EXPECT_THAT(
+            lockout_reasons(lockout_session(), change),
+            ElementsAre("this change changes the options of the public key of alice, and you are logged in with a "
+                        "public key"));
+    }
+    change.after.keys = {"ssh-rsa CCCC", "ssh-ed25519 AAAA"};
+    EXPECT_THAT(lockout_reasons(lockout_session(), change), IsEmpty()) << "another key";
+}
+
+TEST(lockout_reasons, fips_mode_does_not_allow_the_key) {
+    login_session session = lockout_session();
+    session.kex = "ecdh-sha2-nistp256";
+    session.key_type = "ED25519";
+    const login_change change = {usual(), usual(), {"+NorvoSSHFipsMode yes"}};
+    EXPECT_THAT(
+        lockout_reasons(session, change),
+        ElementsAre("FIPS mode, which this change turns on, does not allow keys of type ED25519, and you are logged "
+                    "in with one"));
+    for (const char* approved : {"RSA", "ECDSA", ""}) {
+        session.key_type = approved;
+        EXPECT_THAT(lockout_reasons(session, change), IsEmpty()) << approved;
+    }
+    session.key_type = "ED25519-SK";
+    EXPECT_EQ(lockout_reasons(session, change).size(), 1U);
     session.method = "password";
     EXPECT_THAT(lockout_reasons(session, change), IsEmpty());
 }
