@@ -1,7 +1,7 @@
 /// The launcher's translation of the agent's files. Whatever a file contains, the translation consists of lines with
 /// keywords that the launcher knows, FIPS mode leaves only approved algorithms, and the remarks are printable.
 ///
-/// Input: a byte of options, and the file.
+/// Input: a byte of options, and the file; with local directives, these follow a zero byte.
 #include <algorithm>
 #include <cstdint>
 #include <sstream>
@@ -15,7 +15,14 @@ namespace {
 
 using namespace openssh;
 
-enum : unsigned { is_client = 1, fips_mode = 2, has_no_wrapper = 4, has_no_key = 8, has_verbose_places = 16 };
+enum : unsigned {
+    is_client = 1,
+    fips_mode = 2,
+    has_no_wrapper = 4,
+    has_no_key = 8,
+    has_verbose_places = 16,
+    has_local = 32
+};
 
 known_algorithms all_algorithms() {
     known_algorithms known;
@@ -74,6 +81,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const unsigned options = data[0];
     translation_input input = {};
     input.text = {reinterpret_cast<const char*>(data) + 1, size - 1};
+    if ((options & has_local) != 0 && (options & is_client) == 0) {
+        const size_t end = std::min(input.text.find('\0'), input.text.size());
+        const std::string_view local = input.text.substr(std::min(end + 1, input.text.size()));
+        input.text = input.text.substr(0, end);
+        input.local_files = {{"/etc/own.conf", std::string(local.substr(0, local.size() / 2))},
+                             {"/etc/all.conf", std::string(local)}};
+        input.has_address = [](const std::string& address) { return address.size() % 2 == 0; };
+    }
     input.source_name = "/var/opt/file";
     input.known = &known;
     input.key_is_usable = [&](const std::string& path) { return (options & has_no_key) == 0 && path.front() == '/'; };
@@ -88,6 +103,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     require(was_made_in_fips_mode(result.text) == result.fips_mode);
     for (const remark& said : result.remarks) {
         require(!said.text.empty() && is_printable(said.text) && said.text.find('\t') == std::string::npos);
+    }
+    for (const local_verdict& verdict : result.local.verdicts) {
+        require(is_printable(verdict.directive) && is_printable(verdict.text) && verdict.line > 0);
+        require(verdict.outcome != local_outcome::refused || !verdict.text.empty());
     }
     require(translate(input).text == result.text);
     return 0;

@@ -15,6 +15,7 @@ namespace {
 constexpr std::string_view translations = "/run/ssh_cfg_agent/openssh/sshd_config_";
 constexpr size_t largest_record = size_t{64} * 1024;
 
+constexpr std::string_view local_words[] = {"none", "current", "last_accepted", "left_out"};
 constexpr std::string_view file_words[] = {"none", "current", "last_good"};
 
 /// A value must stay on its line, whatever sshd has said.
@@ -43,6 +44,11 @@ bool take_line(launch_record& record, std::string_view key, std::string_view val
         record.in_use = static_cast<launch_file>(word - std::begin(file_words));
         return word != std::end(file_words);
     }
+    if (key == "local") {
+        const auto* word = std::find(std::begin(local_words), std::end(local_words), value);
+        record.local = static_cast<launch_local>(word - std::begin(local_words));
+        return word != std::end(local_words);
+    }
     if (key == "process") {
         record.process = number_parse<pid_t>(value, 1).value_or(0);
         return record.process != 0;
@@ -51,7 +57,9 @@ bool take_line(launch_record& record, std::string_view key, std::string_view val
         record.connections_per_minute = number_parse<uint32_t>(value, 1).value_or(0);
         return record.connections_per_minute != 0;
     }
-    if (key == "not_in_force") {
+    if (key == "local_problem") {
+        record.local_problems.emplace_back(value);
+    } else if (key == "not_in_force") {
         record.not_in_force.emplace_back(value);
     } else if (key == "server_file") {
         record.server_file = value;
@@ -99,6 +107,12 @@ std::string launch_record_format(const launch_record& record) {
     }
     add_line(text, "ports", record.ports);
     add_line(text, "reason", record.reason);
+    if (record.local != launch_local::none) {
+        add_line(text, "local", local_words[static_cast<size_t>(record.local)]);
+    }
+    for (const std::string& sentence : record.local_problems) {
+        add_line(text, "local_problem", sentence);
+    }
     for (const std::string& sentence : record.not_in_force) {
         add_line(text, "not_in_force", sentence);
     }

@@ -11,6 +11,8 @@
 ///     connections_per_minute 60
 ///     ports 22, 830
 ///     reason sshd rejects the file (exit status 255): line 12: Bad configuration option
+///     local last_accepted
+///     local_problem /etc/ssh_cfg_agent/sshd.d/red.conf, line 3: "Port 23" refused: ...
 ///     not_in_force the limit of 60 new connections per minute is not in force: ...
 #ifndef PLATFORM_COMMON_LAUNCH_RECORD_H
 #define PLATFORM_COMMON_LAUNCH_RECORD_H
@@ -29,18 +31,28 @@ enum class launch_file {
     last_good,  ///< made from an earlier one, because the current one cannot be used
 };
 
+/// The local directives in the server's file.
+enum class launch_local {
+    none,           ///< no file has any
+    current,        ///< those of the files at the start
+    last_accepted,  ///< earlier ones, because the files' are refused
+    left_out,       ///< none, because the files' are refused and there are no earlier ones
+};
+
 struct launch_record {
     launch_file in_use = launch_file::none;
     /// The launcher's process, which has become the server. A record with another process than the running server's
     /// describes a different server.
     pid_t process = 0;
-    std::string server_file;                ///< the agent's file
-    std::string config;                     ///< sshd's file; empty if the server was not started
-    std::string config_stamp;               ///< launch_file_stamp() of sshd's file at the start
-    uint32_t connections_per_minute = 0;    ///< the limit of new connections; 0 in a record of a launcher without it
-    std::string ports;                      ///< to which the limit applies
-    std::string reason;                     ///< why the current file is not in use; empty if it is
-    std::vector<std::string> not_in_force;  ///< further settings that could not be carried out, one sentence each
+    std::string server_file;              ///< the agent's file
+    std::string config;                   ///< sshd's file; empty if the server was not started
+    std::string config_stamp;             ///< launch_file_stamp() of sshd's file at the start
+    uint32_t connections_per_minute = 0;  ///< the limit of new connections; 0 in a record of a launcher without it
+    std::string ports;                    ///< to which the limit applies
+    std::string reason;                   ///< why the current file is not in use; empty if it is
+    launch_local local = launch_local::none;
+    std::vector<std::string> local_problems;  ///< why not all of the files' directives are in force, one sentence each
+    std::vector<std::string> not_in_force;    ///< further settings that could not be carried out, one sentence each
 };
 
 /// The record's file, named after the server's translated file.

@@ -17,6 +17,7 @@
 #include "common/launch_record.h"
 #include "common/text.h"
 #include "openssh/launch.h"
+#include "openssh/local_choice.h"
 #include "openssh/run_programs.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
@@ -105,12 +106,51 @@ class server_comparer {
             (!read_file(launch_source_path(used), source).empty() && !read_file(record.server_file, source).empty())) {
             return {};
         }
-        const std::string text = translator_.translate_file(source, record.server_file).text;
-        const text_lines difference = lines_of_one(lines_of(text_used), lines_of(text));
-        return difference.empty() ? "" : settings_of(used, text, difference);
+        const text_lines lines_used = lines_of(text_used);
+        const local_choice choice = choose_local_directives(
+            [&](const std::vector<local_file>& files) {
+                return translator_.translate_file(source, record.server_file, files);
+            },
+            read_local_files(paths_.local_directory, vrf_of_server_file(record.server_file)),
+            read_accepted_files(accepted_local_path(paths_, record.server_file)),
+            [&](const std::string& text) {
+                return lines_of(text) == lines_used || !has_local_directives(text) ? file_failure{} : test(used, text);
+            });
+        const text_lines difference = lines_of_one(lines_used, lines_of(choice.result.text));
+        if (difference.empty()) {
+            update_record(used, record, choice);
+            return {};
+        }
+        return settings_of(used, choice.result.text, difference);
     }
 
   private:
+    /// Directives that have become wrong, or right again, without another effect. The record may already be that of a newer
+    /// server.
+    static void update_record(const std::string& used, const launch_record& compared, const local_choice& choice) {
+        const std::string path = launch_record_path(used);
+        std::string text;
+        launch_record record;
+        const bool is_current =
+            read_file(path, text).empty() && launch_record_parse(text, record) && record.process == compared.process;
+        if (is_current && (record.local != choice.in_use || record.local_problems != choice.problems)) {
+            record.local = choice.in_use;
+            record.local_problems = choice.problems;
+            replace_file(path, launch_record_format(record));
+        }
+    }
+
+    file_failure test(const std::string& used, const std::string& text) const {
+        const std::string candidate = text_format("%s~compared.%d", used.c_str(), static_cast<int>(getpid()));
+        const std::string error = write_new_file(candidate, text);
+        if (!error.empty()) {
+            return {error};
+        }
+        file_failure failure = test_new_text(paths_, candidate, text, nullptr);
+        unlink(candidate.c_str());
+        return failure;
+    }
+
     /// Servers that differ in the same lines differ in the same settings.
     const std::string& settings_of(const std::string& used, const std::string& text, const text_lines& difference) {
         const auto [found, is_new] = settings_.try_emplace(difference);

@@ -13,7 +13,8 @@ namespace openssh {
 
 /// For each running server, translates again the file that it was started with (or the server file, if no copy was kept).
 /// Stores one line for each server whose settings would be different: the name of its translated file, a space, and the
-/// settings as `sshd -T` prints their names, separated by commas. If the texts agree, sshd is not run. Servers that run
+/// settings as `sshd -T` prints their names, separated by commas. If the texts agree, sshd is
+/// not run, and the server's record is made to say what has become of its local directives since it was started. Servers that run
 /// with their last good file are skipped. Returns why nothing can be compared; empty on success.
 std::string compare_running_servers(const launcher_paths& paths, std::string& lines);
 

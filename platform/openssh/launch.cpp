@@ -3,24 +3,23 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <cstring>
 
+#include "common/files.h"
 #include "common/text.h"
-#include "openssh/accepted_files.h"
 #include "openssh/algorithm_query.h"
+#include "openssh/local_addresses.h"
+#include "openssh/local_choice.h"
 #include "openssh/preload.h"
-#include "openssh/run_programs.h"
+#include "openssh/sshd_acceptance.h"
 #include "openssh/state_files.h"
 #include "openssh/text.h"
 #include "openssh/translate.h"
-#include "openssh/turn.h"
 #include "openssh/verbose_places.h"
 
 namespace openssh {
 
 namespace {
-
-constexpr std::chrono::seconds test_limit{20};
 
 std::string ensure_directories(const launcher_paths& paths) {
     std::string error = ensure_directory(paths.state_directory, 0700);
@@ -28,21 +27,6 @@ std::string ensure_directories(const launcher_paths& paths) {
         error = ensure_directory(paths.privilege_separation_directory, 0755);
     }
     return error;
-}
-
-/// Why a file cannot be used: a sentence for the log, and the message of sshd or of the translation, which has already
-/// been logged.
-struct file_failure {
-    std::string text;
-    std::string words = {};
-
-    explicit operator bool() const { return !text.empty(); }
-    std::string whole() const { return words.empty() ? text : text + ": " + words; }
-};
-
-std::string first_line(std::string_view text) {
-    const auto lines = split(text, "\r\n");
-    return lines.empty() ? std::string() : shown(lines.front());
 }
 
 std::string first_error(const translation& result) {
@@ -73,15 +57,14 @@ void warn_of_missing_netconf(const launcher_paths& paths, const translation& res
     }
 }
 
-/// Queries ssh's algorithms, translates, and reports the remarks.
-file_failure translate_and_report(const launcher_paths& paths, const std::string& text, const reporter& to,
-                                  translation& result) {
-    file_translator translator(paths);
+/// Translates without local directives, and reports the remarks.
+file_failure translate_and_report(const launcher_paths& paths, file_translator& translator, const std::string& text,
+                                  const std::string& server_file, const reporter& to) {
     const std::string error = translator.prepare();
     if (!error.empty()) {
         return {error};
     }
-    result = translator.translate_file(text, to.server_file);
+    const translation result = translator.translate_file(text, server_file, {});
     for (const remark& one : result.remarks) {
         report(to, one.level, one.text);
     }
@@ -89,41 +72,25 @@ file_failure translate_and_report(const launcher_paths& paths, const std::string
     return result.refused ? file_failure{"the file is unusable", first_error(result)} : file_failure{};
 }
 
-/// Has sshd itself check a file. Its output is reported even if it accepts the file.
-file_failure test_with_sshd(const launcher_paths& paths, const std::string& file, const reporter& to,
-                            bool* without_a_word = nullptr) {
-    const program_result result = run_programs({{paths.sshd, "-t", "-f", file}}, test_limit).front();
-    const bool taken = result.status == 0;
-    if (without_a_word != nullptr) {
-        *without_a_word = taken && result.errors.empty();
+/// Reports which local directives are in force, and why not the present ones.
+void report_local_directives(const local_choice& choice, const reporter& to) {
+    constexpr const char* words[] = {
+        "", "", "THE SERVER RUNS WITH THE LAST ACCEPTED LOCAL DIRECTIVES, not with its present ones",
+        "THE SERVER RUNS WITHOUT LOCAL DIRECTIVES"};
+    for (const std::string& problem : choice.problems) {
+        report(to, severity::error, problem);
     }
-    report_words(to, taken ? severity::warning : severity::error, "sshd says: ", result.errors);
-    if (!result.failure.empty()) {
-        return {text_format("%s -t %s", paths.sshd.c_str(), result.failure.c_str())};
+    for (const local_verdict& one : choice.result.local.verdicts) {
+        if (one.outcome == local_outcome::accepted && !one.text.empty()) {
+            report(to, severity::notice, local_place_text(one.path, one.line) + ": " + one.text);
+        }
     }
-    if (taken) {
-        return {};
+    const char* text = words[static_cast<size_t>(choice.in_use)];
+    if (text[0] != '\0') {
+        report(to, severity::error, text);
+    } else if (const size_t count = choice.result.local.count_in_force(); count != 0) {
+        report(to, severity::notice, text_format("%zu local directives are in force", count));
     }
-    return {text_format("sshd rejects the file (exit status %d)", result.status), first_line(result.errors)};
-}
-
-/// The same, unless sshd has accepted the text before. A text about which sshd has something to say is tested each time.
-file_failure test_new_text(const launcher_paths& paths, const std::string& file, const std::string& text,
-                           const reporter& to) {
-    const std::string record = accepted_record(paths.sshd, text);
-    if (is_accepted(paths.state_directory, record)) {
-        return {};
-    }
-    const turn to_ask(paths.state_directory, turn_limit);
-    if (is_accepted(paths.state_directory, record)) {
-        return {};
-    }
-    bool without_a_word = false;
-    file_failure failure = test_with_sshd(paths, file, to, &without_a_word);
-    if (without_a_word) {
-        keep_accepted(paths.state_directory, record);
-    }
-    return failure;
 }
 
 /// Tests a translation and makes it the current one, or sets it aside if sshd does not accept it.
@@ -133,7 +100,7 @@ file_failure adopt(const launcher_paths& paths, const translation_files& files, 
     if (!error.empty()) {
         return {error};
     }
-    file_failure failure = test_new_text(paths, files.candidate, text, to);
+    file_failure failure = test_new_text(paths, files.candidate, text, &to);
     if (!failure) {
         return {move_file(files.candidate, files.current)};
     }
@@ -155,7 +122,7 @@ file_failure check_last_good(const launcher_paths& paths, const translation_file
     if (fips_mode && !was_made_in_fips_mode(text)) {
         return {"the last good file was made outside FIPS mode; the server is not started"};
     }
-    const file_failure failure = test_with_sshd(paths, files.current, to);
+    const file_failure failure = test_with_sshd(paths, files.current, &to);
     if (!failure) {
         return {};
     }
@@ -172,6 +139,17 @@ void keep_source(const std::string& config, const std::string& text, const repor
     }
 }
 
+/// If the directives are left out, the last accepted ones may be good again later.
+void keep_local_directives(const std::string& path, const local_choice& choice, const reporter& to) {
+    if (choice.in_use != launch_local::none && choice.in_use != launch_local::current) {
+        return;
+    }
+    const std::string error = keep_accepted_files(path, choice.files);
+    if (!error.empty()) {
+        report(to, severity::warning, "the accepted local directives are not kept: " + error);
+    }
+}
+
 launch_status fall_back(const launcher_paths& paths, const translation_files& files, bool fips_mode, const reporter& to,
                         launch_record& record) {
     const file_failure failure = check_last_good(paths, files, fips_mode, to);
@@ -184,6 +162,67 @@ launch_status fall_back(const launcher_paths& paths, const translation_files& fi
     record.in_use = launch_file::last_good;
     record.config = files.current;
     return launch_ready;
+}
+
+file_failure test_candidate(const launcher_paths& paths, const launch_options& options, const std::string& text,
+                            const reporter* to) {
+    const std::string candidate =
+        translation_files_of(paths.state_directory, paths.agent_directory, options.file).candidate;
+    const std::string error = write_new_file(candidate, text);
+    if (!error.empty()) {
+        return {error};
+    }
+    file_failure failure = test_with_sshd(paths, candidate, to);
+    unlink(candidate.c_str());
+    return failure;
+}
+
+/// Judges local directives without keeping anything.
+std::vector<std::string> try_local_directives(const launcher_paths& paths, const launch_options& options,
+                                              const file_translator& translator, const std::string& text,
+                                              const local_source& source, translation& result) {
+    return judge_local_directives(
+        [&](const std::vector<local_file>& files) { return translator.translate_file(text, options.file, files); },
+        source, [&](const std::string& candidate) { return test_candidate(paths, options, candidate, nullptr); },
+        result);
+}
+
+/// Puts the text on standard input in the place of a file's. Reports why it cannot.
+bool replace_with_input(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                        local_source& source) {
+    const bool is_own = options.judged_local == "own";
+    const std::string path =
+        local_file_path(paths.local_directory, is_own ? vrf_of_server_file(options.file) : std::string_view());
+    std::string input;
+    const platform_status status = file_read_to_end(STDIN_FILENO, largest_local_file, input);
+    if (status != PLATFORM_OK) {
+        report(to, severity::error,
+               text_format("the local directives on standard input cannot be read: %s",
+                           std::strerror(static_cast<int>(status))));
+        return false;
+    }
+    std::erase_if(source.files, [&](const local_file& one) { return one.path == path; });
+    std::erase_if(source.problems, [&](const std::string& problem) { return problem.starts_with(path + " "); });
+    source.files.insert(is_own ? source.files.begin() : source.files.end(), {path, input});
+    return true;
+}
+
+std::string judgement_text(const translation& result, const std::vector<std::string>& problems) {
+    constexpr const char* words[] = {"accepted", "overruled", "refused"};
+    std::string text;
+    for (const local_verdict& one : result.local.verdicts) {
+        text += text_format("%s\t%s\t%s\t%s\t%s\n", words[static_cast<size_t>(one.outcome)],
+                            one.is_reserved_to_root ? "root" : "-", local_place_text(one.path, one.line).c_str(),
+                            one.directive.c_str(), one.text.c_str());
+    }
+    // Those of whole files, and sshd's own.
+    const std::vector<std::string> refusals = result.local.refusals();
+    for (const std::string& problem : problems) {
+        if (std::find(refusals.begin(), refusals.end(), problem) == refusals.end()) {
+            text += "refused\t-\t\t\t" + problem + "\n";
+        }
+    }
+    return text + "\n" + result.text;
 }
 
 /// The steps that even falling back depends on. `failure` receives the error, which is reported.
@@ -210,15 +249,20 @@ std::string file_translator::prepare() {
     return query_algorithms(paths_.ssh, paths_.state_directory + "/~algorithms", known_);
 }
 
-translation file_translator::translate_file(std::string_view text, std::string_view name) const {
+translation file_translator::translate_file(std::string_view text, std::string_view name,
+                                            const std::vector<local_file>& local_files) const {
     const bool has_keys_program = access(paths_.user_keys_program.c_str(), X_OK) == 0;
-    return translate({.text = text,
-                      .source_name = name,
-                      .known = &known_,
-                      .key_is_usable = is_readable_file,
-                      .user_keys_program = has_keys_program ? paths_.user_keys_program : std::string_view(),
-                      .verbose_places = session_reporter_of(paths_).empty() ? "" : server_verbose_places,
-                      .sessions_are_wrapped = missing_wrapper_part(paths_).empty()});
+    const std::string network_namespace = paths_.namespace_directory + "vrf-" + std::string(vrf_of_server_file(name));
+    return translate(
+        {.text = text,
+         .source_name = name,
+         .known = &known_,
+         .key_is_usable = is_readable_file,
+         .user_keys_program = has_keys_program ? paths_.user_keys_program : std::string_view(),
+         .verbose_places = session_reporter_of(paths_).empty() ? "" : server_verbose_places,
+         .sessions_are_wrapped = missing_wrapper_part(paths_).empty(),
+         .local_files = local_files,
+         .has_address = [&](const std::string& address) { return namespace_has_address(network_namespace, address); }});
 }
 
 launch_status prepare_launch(const launcher_paths& paths, const launch_options& options, const reporter& to,
@@ -232,13 +276,26 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
         return status;
     }
     const translation_files files = translation_files_of(paths.state_directory, paths.agent_directory, options.file);
-    translation result;
-    file_failure failure = translate_and_report(paths, text, to, result);
-    if (!failure) {
-        failure = adopt(paths, files, result.text, to);
-    }
+    file_translator translator(paths);
+    file_failure failure = translate_and_report(paths, translator, text, options.file, to);
     prepared.config = files.current;
-    prepared.limits = result.limits;
+    if (!failure) {
+        const std::string accepted = accepted_local_path(paths, options.file);
+        const local_choice choice = choose_local_directives(
+            [&](const std::vector<local_file>& local) { return translator.translate_file(text, options.file, local); },
+            read_local_files(paths.local_directory, vrf_of_server_file(options.file)), read_accepted_files(accepted),
+            [&](const std::string& candidate) { return adopt(paths, files, candidate, to); });
+        failure = choice.failure;
+        prepared.limits = choice.result.limits;
+        if (!failure) {
+            report_local_directives(choice, to);
+            record.local = choice.in_use;
+            record.local_problems = choice.problems;
+            keep_local_directives(accepted, choice, to);
+        }
+    } else {
+        prepared.limits = translator.translate_file(text, options.file, {}).limits;
+    }
     if (!failure) {
         record.in_use = launch_file::current;
         record.config = files.current;
@@ -268,23 +325,70 @@ launch_status try_translation(const launcher_paths& paths, const launch_options&
     if (status != launch_ready) {
         return status;
     }
+    file_translator translator(paths);
+    std::string error = translate_and_report(paths, translator, text, options.file, to).text;
+    if (!error.empty()) {
+        translated = translator.translate_file(text, options.file, {}).text;
+        report(to, severity::error, error);
+        return launch_no_good_file;
+    }
+    const local_source source = read_local_files(paths.local_directory, vrf_of_server_file(options.file));
+    const bool has_local = !source.files.empty() || !source.problems.empty();
     translation result;
-    std::string error = translate_and_report(paths, text, to, result).text;
-    translated = result.text;
-    const std::string candidate =
-        translation_files_of(paths.state_directory, paths.agent_directory, options.file).candidate;
-    if (error.empty()) {
-        error = write_new_file(candidate, translated);
+    if (has_local) {
+        const std::vector<std::string> problems =
+            try_local_directives(paths, options, translator, text, source, result);
+        translated = result.text;
+        if (problems.empty()) {
+            return launch_ready;
+        }
+        for (const std::string& problem : problems) {
+            report(to, severity::error, problem);
+        }
+        result = translator.translate_file(text, options.file, {});
+    } else {
+        result = translator.translate_file(text, options.file, {});
+        translated = result.text;
     }
-    if (error.empty()) {
-        error = test_with_sshd(paths, candidate, to).text;
-        unlink(candidate.c_str());
+    const file_failure failure = test_candidate(paths, options, result.text, &to);
+    if (!failure) {
+        return has_local ? launch_local_refused : launch_ready;
     }
-    if (error.empty()) {
-        return launch_ready;
-    }
-    report(to, severity::error, error);
+    report(to, severity::error, failure.text);
     return launch_no_good_file;
+}
+
+launch_status judge_local(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                          std::string& judgement) {
+    std::string text;
+    std::string unreadable;
+    // A VRF that has no server yet would get a copy of the default file.
+    launch_options read = options;
+    if (access(options.file.c_str(), F_OK) != 0) {
+        read.file = paths.default_server_file;
+    }
+    const launch_status status = read_server_file(paths, read, to, text, unreadable);
+    if (status != launch_ready) {
+        return status;
+    }
+    file_translator translator(paths);
+    const std::string error = translator.prepare();
+    if (!error.empty()) {
+        report(to, severity::error, error);
+        return launch_no_good_file;
+    }
+    local_source source = read_local_files(paths.local_directory, vrf_of_server_file(options.file));
+    if (options.judged_local != "present" && !replace_with_input(paths, options, to, source)) {
+        return launch_file_unreadable;
+    }
+    translation result;
+    const std::vector<std::string> problems = try_local_directives(paths, options, translator, text, source, result);
+    judgement = judgement_text(result, problems);
+    return launch_ready;
+}
+
+std::string accepted_local_path(const launcher_paths& paths, const std::string& server_file) {
+    return translation_files_of(paths.accepted_local_directory, paths.agent_directory, server_file).current;
 }
 
 std::vector<std::string> server_command(const launcher_paths& paths, const std::string& config) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/launch_record.h"
+#include "openssh/local_files.h"
 #include "openssh/options.h"
 #include "openssh/paths.h"
 #include "openssh/report.h"
@@ -25,6 +26,7 @@ enum launch_status {
     launch_exec_failed = 6,      ///< sshd could not be executed
     launch_limits_left = 7,      ///< after a server's end: its limit of new connections could not be removed
     launch_not_compared = 8,     ///< the running servers could not be compared with their files
+    launch_local_refused = 9,    ///< in a trial: the file is usable, but not with the present local directives
 };
 
 /// Translates server files for this machine: for its ssh, its host keys and its installed programs.
@@ -35,8 +37,10 @@ class file_translator {
     /// Queries ssh's algorithms. Returns the error; empty on success.
     std::string prepare();
 
-    /// Translates the text of a server file. The first line of the result contains `name`.
-    translation translate_file(std::string_view text, std::string_view name) const;
+    /// Translates the text of a server file, with local directives. The first line of the result contains `name`, the path of
+    /// the agent's file.
+    translation translate_file(std::string_view text, std::string_view name,
+                               const std::vector<local_file>& local_files) const;
 
   private:
     const launcher_paths& paths_;
@@ -58,6 +62,15 @@ launch_status prepare_launch(const launcher_paths& paths, const launch_options& 
 
 /// Writes the record of this launch, which replaces the previous one. A failure is only reported.
 void keep_record(const launcher_paths& paths, launch_record record, const reporter& to);
+
+/// Prints what becomes of each present local directive of the server, or of those in the text on standard input instead of
+/// a file's. Each line has the fields outcome ("accepted", "overruled" or "refused"), "root" if only root may set it or
+/// "-", place, directive and remark, separated by tabs. An empty line and the translation follow.
+launch_status judge_local(const launcher_paths& paths, const launch_options& options, const reporter& to,
+                          std::string& judgement);
+
+/// Where the last accepted local directives of a server are kept.
+std::string accepted_local_path(const launcher_paths& paths, const std::string& server_file);
 
 /// Returns the translation as text, for printing, and reports sshd's messages about it; nothing is kept. `translated` is
 /// also set if sshd rejects it.

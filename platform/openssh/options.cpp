@@ -20,12 +20,17 @@ bool is_file_name(std::string_view text) {
 
 std::string check_complete(const launch_options& options, bool has_vrf_id) {
     if (options.compare) {
-        const bool is_alone =
-            options.file.empty() && !has_vrf_id && !options.print_only && options.ended_namespace.empty();
+        const bool is_alone = options.file.empty() && !has_vrf_id && !options.print_only &&
+                              options.ended_namespace.empty() && options.judged_local.empty();
         return is_alone ? "" : "option -c is used alone";
     }
     if (!options.ended_namespace.empty()) {
-        return options.file.empty() && !has_vrf_id && !options.print_only ? "" : "option -e is used alone";
+        return options.file.empty() && !has_vrf_id && !options.print_only && options.judged_local.empty()
+                   ? ""
+                   : "option -e is used alone";
+    }
+    if (!options.judged_local.empty() && (has_vrf_id || options.print_only)) {
+        return "option -l is used with -f only";
     }
     if (options.file.empty()) {
         return "missing option -f FILE";
@@ -33,7 +38,7 @@ std::string check_complete(const launch_options& options, bool has_vrf_id) {
     if (options.file[0] != '/') {
         return text_format("the server file \"%s\" is not an absolute path", shown(options.file).c_str());
     }
-    if (!has_vrf_id && !options.print_only) {
+    if (!has_vrf_id && !options.print_only && options.judged_local.empty()) {
         return "missing option -v ID";
     }
     return {};
@@ -44,13 +49,18 @@ std::string check_complete(const launch_options& options, bool has_vrf_id) {
 std::string parse_options(int count, char* const* arguments, launch_options& options) {
     bool has_vrf_id = false;
     optind = 0;
-    for (int option = 0; (option = getopt(count, arguments, "+:f:v:te:c")) != -1;) {
+    for (int option = 0; (option = getopt(count, arguments, "+:f:v:te:cl:")) != -1;) {
         if (option == 'f') {
             options.file = optarg;
         } else if (option == 't') {
             options.print_only = true;
         } else if (option == 'c') {
             options.compare = true;
+        } else if (option == 'l') {
+            options.judged_local = optarg;
+            if (options.judged_local != "present" && options.judged_local != "all" && options.judged_local != "own") {
+                return text_format("option -l requires present, all or own, not \"%s\"", shown(optarg).c_str());
+            }
         } else if (option == 'e') {
             if (!is_file_name(optarg)) {
                 return text_format("\"%s\" is not the name of a network namespace", shown(optarg).c_str());

@@ -16,6 +16,10 @@ struct launcher_paths {
     std::string privilege_separation_directory = "/run/sshd";
     /// Where the agent keeps its server files; their translations are named after the file name alone.
     std::string agent_directory = "/var/opt/norvo/norvossh/";
+    /// Directives that an administrator adds to the agent's server files, and where those that were last accepted are kept,
+    /// which only root may see.
+    std::string local_directory = "/etc/ssh_cfg_agent/sshd.d";
+    std::string accepted_local_directory = "/var/lib/ssh_cfg_agent/local_directives";
     std::string ssh = "/usr/bin/ssh";
     std::string nft = "/usr/sbin/nft";
     /// Network namespaces by name.

@@ -81,6 +81,12 @@ int main(int count, char** arguments) {
     if (options.compare) {
         return compare(paths, to);
     }
+    if (!options.judged_local.empty()) {
+        std::string judgement;
+        const openssh::launch_status status = openssh::judge_local(paths, options, to, judgement);
+        std::fputs(judgement.c_str(), stdout);
+        return status;
+    }
     if (options.print_only) {
         std::string translated;
         const openssh::launch_status status = openssh::try_translation(paths, options, to, translated);

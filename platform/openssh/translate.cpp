@@ -7,6 +7,7 @@
 
 #include "common/number.h"
 #include "common/text.h"
+#include "openssh/config_line.h"
 #include "openssh/keyword_table.h"
 #include "openssh/text.h"
 #include "openssh/wrapper/session_command.h"
@@ -35,12 +36,6 @@ constexpr std::string_view fips_mode_line = "# FIPS mode: on\n";
 constexpr std::string_view no_fips_mode_line = "# FIPS mode: off\n";
 constexpr std::string_view blanks = " \t";
 
-struct setting {
-    size_t line;
-    std::string_view keyword;
-    std::string_view value;
-};
-
 struct translator {
     const translation_input& input;
     translation result = {};
@@ -59,46 +54,6 @@ void add_remark(translator& state, severity level, std::string text) {
         state.result.remarks.push_back({level, std::move(text)});
     } else {
         ++state.remarks_not_kept;
-    }
-}
-
-/// Splits a line as sshd does: keyword, blanks or one "=", and the value up to a comment. The keyword is empty for a
-/// blank line or a comment.
-setting parse_line(size_t number, std::string_view line) {
-    line = trimmed(line);
-    if (line.empty() || line[0] == '#') {
-        return {number, {}, {}};
-    }
-    const size_t keyword_end = std::min(line.find_first_of(" \t="), line.size());
-    std::string_view value = trimmed(line.substr(keyword_end));
-    if (value.starts_with('=')) {
-        value = trimmed(value.substr(1));
-    }
-    if (value.find_first_of("\"'") == std::string_view::npos) {
-        for (size_t i = 0; i < value.size(); ++i) {
-            if (value[i] == '#' && (i == 0 || blanks.find(value[i - 1]) != std::string_view::npos)) {
-                value = trimmed(value.substr(0, i));
-            }
-        }
-    }
-    return {number, line.substr(0, keyword_end), value};
-}
-
-bool has_control_character(std::string_view line) {
-    return std::any_of(line.begin(), line.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return (byte < 0x20 && c != '\t') || byte == 0x7f;
-    });
-}
-
-/// Calls `visit(number, line)` for each line, with or without a line feed at the end of the last one.
-template <typename Visit>
-void for_each_line(std::string_view text, Visit visit) {
-    size_t number = 0;
-    while (!text.empty()) {
-        const size_t end = std::min(text.find('\n'), text.size());
-        visit(++number, text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
     }
 }
 
@@ -403,12 +358,25 @@ void confine_netconf_port(translator& state) {
         "    PermitTunnel no\n"
         "    PermitUserRC no\n",
         netconf_port);
+    // A forced command of a local Match block would replace the subsystem. Of several values the first applies.
+    if (!state.result.local.blocks.empty() && state.input.sessions_are_wrapped) {
+        state.result.text += "    ForceCommand none\n";
+    }
     if (!state.input.sessions_are_wrapped) {
         state.result.text += "    ForceCommand /bin/false\n";
         add_remark(state, severity::error,
                    text_format("port %s takes no sessions: without their wrapper they cannot be confined to NETCONF",
                                netconf_port));
     }
+}
+
+/// The blocks come last, and behind that for NETCONF, which they cannot overrule then.
+void add_local_directives(translator& state) {
+    state.result.local = merge_local_directives(
+        state.input.local_files,
+        {.known = state.input.known, .fips_mode = state.result.fips_mode, .has_address = state.input.has_address},
+        state.result.text);
+    state.result.text = state.result.local.settings;
 }
 
 }  // namespace
@@ -437,7 +405,9 @@ translation translate(const translation_input& input) {
     }
     for_each_line(input.text, [&](size_t number, std::string_view line) { translate_line(state, number, line); });
     settle(state);
+    add_local_directives(state);
     confine_netconf_port(state);
+    state.result.text += state.result.local.blocks;
     return std::move(state.result);
 }
 

@@ -9,6 +9,7 @@
 
 #include "openssh/algorithms.h"
 #include "openssh/keyword_table.h"
+#include "openssh/local_directives.h"
 
 namespace openssh {
 
@@ -48,6 +49,10 @@ struct translation_input {
     /// Whether the server's sessions run under the wrapper, which confines those on the NETCONF port. Servers only.
     bool sessions_are_wrapped = true;
     const file_kind* kind = &server_file_kind;
+    /// Local directives, the VRF's own first. Servers only.
+    std::vector<local_file> local_files = {};
+    /// Whether the VRF has an address; for local directives.
+    std::function<bool(const std::string&)> has_address = {};
     /// FIPS mode is on whatever the file says, because the client's file does not mention it.
     bool fips_mode = false;
 };
@@ -58,14 +63,13 @@ struct translation {
     bool fips_mode = false;
     std::string text;
     server_limits limits = {};
+    /// What became of the local directives. If any is refused, the text must not be used.
+    local_merge local = {};
     /// Warnings and notices past `most_remarks` are counted in a last remark instead of kept; errors are few and all kept.
     std::vector<remark> remarks;
 };
 
 constexpr size_t most_remarks = 200;
-
-/// Longer lines are ignored; the agent never writes more than 4096 bytes.
-constexpr size_t longest_line = 8192;
 
 translation translate(const translation_input& input);
 

@@ -45,7 +45,8 @@ def test_a_server_without_problems_is_one_line(server):
     assert (vrf["unit"]["active"], vrf["unit"]["sub"]) == ("active", "running")
     assert vrf["unit"]["process"] == router.main_pid(router.server_unit("red"))
     assert vrf["file"] == {
-        "path": str(router.server_file("red")), "in_use": "current", "reason": "", "not_in_force": []
+        "path": str(router.server_file("red")), "in_use": "current", "reason": "", "not_in_force": [],
+        "local": {"in_use": "none", "problems": []},
     }
     assert vrf["access_lists"] == [] and vrf["failures"] == []
     assert vrf["blocked"] is False and vrf["closed"] == [] and vrf["blocked_since"] is None

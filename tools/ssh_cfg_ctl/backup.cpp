@@ -1,11 +1,14 @@
 #include "ssh_cfg_ctl/backup.h"
 
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <set>
 
 #include "common/files.h"
@@ -51,7 +54,35 @@ constexpr kept_file kept_files[] = {
     {"/etc/pam.d/ssh_cfg_aaa", 0644},
 };
 
+constexpr std::string_view local_folder = "/etc/ssh_cfg_agent/sshd.d/";
+constexpr std::string_view local_suffix = ".conf";
+constexpr kept_file any_local_file = {local_folder, 0644};
+
+/// Whether a path is that of a file with local directives, and leads nowhere else.
+bool is_local_file(std::string_view path) {
+    const std::string_view name = path.substr(std::min(path.size(), local_folder.size()));
+    return path.starts_with(local_folder) && name.size() > local_suffix.size() && name.ends_with(local_suffix) &&
+           name[0] != '.' && name[0] != '-' &&
+           name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.") ==
+               std::string_view::npos;
+}
+
+/// The files with local directives that exist.
+std::vector<std::string> local_files() {
+    std::vector<std::string> paths;
+    std::error_code no_folder;
+    for (const auto& entry : std::filesystem::directory_iterator(local_folder, no_folder)) {
+        if (is_local_file(entry.path().string())) {
+            paths.push_back(entry.path().string());
+        }
+    }
+    return paths;
+}
+
 const kept_file* find_kept_file(std::string_view path) {
+    if (is_local_file(path)) {
+        return &any_local_file;
+    }
     for (const kept_file& file : kept_files) {
         if (file.path == path) {
             return &file;
@@ -91,8 +122,11 @@ control_json read_data(const ctl_connection_settings& settings, const control_js
 /// A file that does not exist is not part of the backup.
 control_json read_kept_files(std::string& problems) {
     control_json files = control_json::object();
+    std::vector<std::string> paths = local_files();
     for (const kept_file& file : kept_files) {
-        const std::string path(file.path);
+        paths.emplace_back(file.path);
+    }
+    for (const std::string& path : paths) {
         std::string content;
         const platform_status status = file_read(path, kept_file_max, content);
         if (status == PLATFORM_OK && text_is_utf8(content)) {
@@ -211,6 +245,7 @@ class restoration {
     control_json run() {
         restore_files();
         settle("configuration", ctl_ask_with_consent(settings_, load_request(backup_)));
+        apply_local_directives();
         control_json answer = control_answer(lost_.empty() ? control_result::done : control_result::failed, lost_);
         answer["data"] = {{"restored", restored_}};
         return answer;
@@ -231,11 +266,32 @@ class restoration {
     void restore_files() {
         for (const auto& [path, content] : backup_["files"].items()) {
             const kept_file* file = find_kept_file(path);
+            if (file == &any_local_file) {
+                mkdir(std::string(local_folder).c_str(), 0755);
+            }
             const platform_status status =
                 file_replace(path, content.get_ref<const std::string&>(), {.mode = file->mode, .durable = true});
             settle(path, status == PLATFORM_OK
                              ? control_answer(control_result::done)
                              : control_answer(control_result::failed, strerror(static_cast<int>(status))));
+        }
+    }
+
+    /// A server whose configuration is the same has not been restarted for the commit.
+    void apply_local_directives() {
+        const auto has_some = [this] {
+            for (const auto& [path, content] : backup_["files"].items()) {
+                if (is_local_file(path)) {
+                    return true;
+                }
+            }
+            return false;
+        };
+        if (has_some()) {
+            const control_json answer = ctl_ask_to_the_end(settings_, {{"call", "local_apply"}});
+            if (!is_done(answer) || answer.contains("message")) {
+                add_line(lost_, "local directives: " + answer.value("message", ""));
+            }
         }
     }
 

@@ -12,6 +12,7 @@
 #include "ssh_cfg_ctl/history.h"
 #include "ssh_cfg_ctl/item_help.h"
 #include "ssh_cfg_ctl/keys.h"
+#include "ssh_cfg_ctl/local.h"
 #include "ssh_cfg_ctl/options.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/session_requests.h"
@@ -627,6 +628,10 @@ constexpr ctl_call_row calls[] = {
      ended_sessions_text},
     {"failures", "[--lines N] [VRF]", "print the latest failed logins, 20 or N of them, and why they failed",
      ctl_failures_request, failures_text},
+    {"local", "show [VRF], check [VRF [FILE]], edit [VRF], set VRF FILE, or apply",
+     "print the local directives in force, check, edit or replace those of a VRF or, without VRF or with \"all\", of all VRFs, "
+     "or have the servers take over files that were changed otherwise",
+     no_request, ctl_local_text, false, ctl_local},
     {"debug", "[FLAG on|off]", "print the debug flags, or turn one on or off", debug_request, data_text},
     {"trace", "error|event", "print the last failures or events", trace_request, trace_text},
     {"status", "[--check]",

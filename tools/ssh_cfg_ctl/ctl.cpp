@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 
+#include "common/nearest.h"
 #include "common/text.h"
 #include "control_protocol/answer.h"
 #include "ssh_cfg_ctl/calls.h"
@@ -17,7 +18,6 @@
 #include "ssh_cfg_ctl/consent.h"
 #include "ssh_cfg_ctl/failures.h"
 #include "ssh_cfg_ctl/help.h"
-#include "ssh_cfg_ctl/nearest.h"
 #include "ssh_cfg_ctl/print.h"
 #include "ssh_cfg_ctl/progress.h"
 #include "ssh_cfg_ctl/show.h"
@@ -66,7 +66,7 @@ int report_unknown_call(const ctl_command_line& line) {
     for (const ctl_call_row& row : ctl_calls()) {
         names.emplace_back(row.name);
     }
-    const std::string_view nearest = ctl_nearest(line.call[0], names);
+    const std::string_view nearest = nearest_word(line.call[0], names);
     const std::string message = "unknown call '" + text_escape(line.call[0], 40) + "'";
     return report_usage(line, nearest.empty() ? message : message + "; did you mean '" + std::string(nearest) + "'?");
 }

@@ -40,10 +40,17 @@ std::string server_text(const control_json& vrf) {
     return active == "active" || active == sub ? sub : active + " (" + sub + ")";
 }
 
+/// Whether the server runs with local directives.
+bool has_local_directives(const control_json& file) {
+    const control_json local = file.is_object() ? file.value("local", control_json()) : control_json();
+    const std::string in_use = local.is_object() ? text_of(local, "in_use") : "";
+    return in_use == "current" || in_use == "last_accepted";
+}
+
 std::string file_text(const control_json& vrf) {
     const control_json file = vrf.value("file", control_json());
     const std::string in_use = file.is_object() ? text_of(file, "in_use") : "-";
-    return in_use == "last_good" ? "last good" : in_use;
+    return (in_use == "last_good" ? "last good" : in_use) + (has_local_directives(file) ? " + local" : "");
 }
 
 std::string lists_text(const control_json& vrf) {

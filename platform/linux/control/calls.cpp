@@ -83,6 +83,12 @@ constexpr call_row calls[] = {
     {"key_export", control_call_key_export, on_standby::serve, always, open_to::readers},
     {"key_import", control_call_key_import, on_standby::refuse, nullptr, open_to::administrators},
     {"key_delete", control_call_key_delete, on_standby::refuse, nullptr, open_to::administrators},
+    // Local directives.
+    {"local_show", control_call_local_show, on_standby::nothing, nullptr, open_to::readers},
+    {"local_read", control_call_local_read, on_standby::serve, always, open_to::readers},
+    {"local_check", control_call_local_check, on_standby::serve, nullptr, open_to::readers},
+    {"local_set", control_call_local_set, on_standby::refuse, nullptr, open_to::administrators},
+    {"local_apply", control_call_local_apply, on_standby::refuse, nullptr, open_to::administrators},
     // The servers' sessions. Ending one changes nothing that a handler of the agent works with.
     {"sessions", control_call_sessions, on_standby::nothing, always, open_to::readers},
     {"session_end", control_call_session_end, on_standby::refuse, always, open_to::administrators},

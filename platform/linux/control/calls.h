@@ -30,6 +30,11 @@
 ///   key_list    nothing
 ///   key_import  user, text (a key as OpenSSH writes it)
 ///   key_delete  user, absent_ok
+///   local_show   vrf (optional)
+///   local_read   vrf (or "all")
+///   local_check  vrf, text (optional: the text of that file instead of the present one)
+///   local_set    vrf, text, expected (optional: the text that it replaces), see local_calls.cpp
+///   local_apply  nothing
 ///   sessions      number (of a list that was asked for before, optional)
 ///   session_end   one of id, pid (numbers), user, vrf (texts); the rest is set by "next"
 ///   failures      lines (optional; the most failed logins, 1 to 1000), vrf (optional), number (of a reading that was

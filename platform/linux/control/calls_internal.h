@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/launch_record.h"
 #include "control_protocol/answer.h"
 #include "control_protocol/json_text.h"
 #include "linux/control/peer.h"
@@ -65,6 +66,16 @@ control_json control_call_acl_set(const control_json& request, const control_pee
 control_json control_call_acl_delete(const control_json& request, const control_peer& peer);
 control_json control_call_acl_list(const control_json& request, const control_peer& peer);
 control_json control_call_acl_show(const control_json& request, const control_peer& peer);
+
+// Local directives (local_calls.cpp).
+control_json control_call_local_show(const control_json& request, const control_peer& peer);
+control_json control_call_local_read(const control_json& request, const control_peer& peer);
+control_json control_call_local_check(const control_json& request, const control_peer& peer);
+control_json control_call_local_set(const control_json& request, const control_peer& peer);
+control_json control_call_local_apply(const control_json& request, const control_peer& peer);
+
+/// What a server was started with: whether its local directives are the present ones, and if not, why.
+control_json control_local_state(const launch_record& record);
 
 // Telemetry (watch_call.cpp).
 control_json control_call_watch(const control_json& request, const control_peer& peer);

@@ -55,6 +55,7 @@ control_json file_json(const std::optional<launch_record>& launch) {
     return {{"path", launch->server_file},
             {"in_use", words[static_cast<size_t>(launch->in_use)]},
             {"reason", launch->reason},
+            {"local", control_local_state(*launch)},
             {"not_in_force", launch->not_in_force}};
 }
 

@@ -43,6 +43,21 @@ void for_each_record(const Take& take) {
     }
 }
 
+std::string local_subject_of(std::string_view vrf_name) {
+    return std::string("local directives ").append(vrf_name);
+}
+
+/// Why the local directives in the files are not in force, according to the record of the start.
+std::string local_text_of(const launch_record& record) {
+    std::string text;
+    for (const std::string& problem : record.local_problems) {
+        text += (text.empty() ? "" : "; ") + problem;
+    }
+    return record.local == launch_local::last_accepted ? "the last accepted ones are in force: " + text
+           : record.local == launch_local::left_out    ? "none are in force: " + text
+                                                       : text;
+}
+
 std::string text_of(const launch_record& record) {
     return "sshd rejected the file, the last good one is in use: " + record.reason;
 }
@@ -54,6 +69,11 @@ std::vector<server_file_difference> server_file_differences() {
     for_each_record([&differences](const std::string& vrf_name, const launch_record& record) {
         if (record.in_use == launch_file::last_good) {
             differences.push_back({subject_of(vrf_name), text_of(record)});
+            return;
+        }
+        const std::string problem = local_text_of(record);
+        if (!problem.empty()) {
+            differences.push_back({local_subject_of(vrf_name), problem});
         }
     });
     return differences;
@@ -66,6 +86,12 @@ void server_files_report() {
                 enforcement_failed(subject_of(vrf_name).c_str(), text_of(record).c_str());
             } else {
                 enforcement_restored(subject_of(vrf_name).c_str());
+            }
+            const std::string problem = local_text_of(record);
+            if (problem.empty()) {
+                enforcement_restored(local_subject_of(vrf_name).c_str());
+            } else {
+                enforcement_failed(local_subject_of(vrf_name).c_str(), problem.c_str());
             }
         });
     } catch (const std::bad_alloc&) {

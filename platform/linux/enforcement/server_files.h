@@ -13,8 +13,9 @@ struct server_file_difference {
     std::string text;
 };
 
-/// One difference, under the subject "server file VRF", for each running server that uses an earlier file, with sshd's own
+/// One difference, under the subject "server file VRF" or "local directives VRF", for each running server that uses an earlier file, with sshd's own
 /// message. Reads the launchers' records (common/launch_record.h). Throws std::bad_alloc.
+/// Local directives that are refused, or left out, are among them.
 std::vector<server_file_difference> server_file_differences();
 
 /// Reports these servers as not in force, and the others as in force. Does nothing when out of memory.

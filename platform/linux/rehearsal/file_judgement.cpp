@@ -20,6 +20,7 @@
 #include "common/file_descriptor.h"
 #include "common/files.h"
 #include "common/text.h"
+#include "linux/local_directives/local_files.h"
 
 namespace {
 
@@ -28,12 +29,17 @@ constexpr char default_file[] = "/var/opt/norvo/norvossh/sshd_config";
 constexpr std::string_view vrf_file_prefix = "/var/opt/norvo/norvossh/sshd_config_";
 constexpr char client[] = "/pkg/bin/ssh_csm";
 constexpr char client_file[] = "/var/opt/norvo/norvossh/ssh_config";
-constexpr int rejected_status = 4;  ///< of the server's launcher
+
+// Of the server's launcher.
+constexpr int rejected_status = 4;
+constexpr int local_refused_status = 9;  ///< the file is accepted, but not with the local directives
 constexpr size_t errors_max = size_t{64} * 1024;
 constexpr size_t shown_words = 1000;
 
+enum class rank { accepted, local_refused, rejected };
+
 struct verdict {
-    bool rejected = false;
+    rank given = rank::accepted;
     std::string words;
     std::string problem;  ///< why there is no verdict; empty if there is one
 };
@@ -111,16 +117,20 @@ verdict judge_server(const std::string& path) {
     const test_result result = run_test({launcher, "-t", "-f", path});
     const int status = WIFEXITED(result.status) ? WEXITSTATUS(result.status) : -1;
     const std::string words = lines_with(result.errors, "<" + std::to_string(LOG_ERR) + ">" + path + ": ");
-    if (!result.problem.empty() || status == 0 || status == rejected_status) {
-        return {status == rejected_status, words, result.problem};
+    if (!result.problem.empty() || status == 0 || status == rejected_status || status == local_refused_status) {
+        return {status == rejected_status        ? rank::rejected
+                : status == local_refused_status ? rank::local_refused
+                                                 : rank::accepted,
+                words, result.problem};
     }
-    return {false, {}, text_format("%s ended with wait status 0x%x: %s", launcher, result.status, words.c_str())};
+    return {
+        rank::accepted, {}, text_format("%s ended with wait status 0x%x: %s", launcher, result.status, words.c_str())};
 }
 
 /// Has ssh print its settings. It connects to nobody.
 verdict judge_client() {
     const test_result result = run_test({client, "-G", "localhost"});
-    return {result.status != 0, lines_with(result.errors, ""), result.problem};
+    return {result.status != 0 ? rank::rejected : rank::accepted, lines_with(result.errors, ""), result.problem};
 }
 
 verdict judge(const std::string& path) {
@@ -132,7 +142,8 @@ using file_group = std::vector<const private_change*>;
 
 /// The files to judge: the servers' files, grouped by content, and the client's file.
 std::vector<file_group> different_files(const std::vector<private_change>& changes) {
-    std::map<std::string_view, file_group> servers;
+    // A VRF's own local directives make a difference, too.
+    std::map<std::pair<std::string_view, std::string>, file_group> servers;
     std::vector<file_group> different;
     const private_change* common = nullptr;
     for (const private_change& change : changes) {
@@ -144,7 +155,9 @@ std::vector<file_group> different_files(const std::vector<private_change>& chang
         } else if (change.file.path == client_file) {
             different.push_back({&change});
         } else if (change.file.path.starts_with(vrf_file_prefix)) {
-            servers[*change.after].push_back(&change);
+            const std::string vrf_name = change.file.path.substr(vrf_file_prefix.size());
+            const std::string own = access(local_file_path_of(vrf_name).c_str(), F_OK) == 0 ? vrf_name : "";
+            servers[{*change.after, own}].push_back(&change);
         }
     }
     if (servers.empty() && common != nullptr) {
@@ -156,25 +169,26 @@ std::vector<file_group> different_files(const std::vector<private_change>& chang
     return different;
 }
 
-bool is_rejected_with(const std::string& path, const std::string& content, std::string& problem) {
+/// Whether another content fares no better.
+bool is_rejected_with(const std::string& path, const std::string& content, rank least, std::string& problem) {
     if (const platform_status status = file_replace(path, content, {.mode = 0644}); status != PLATFORM_OK) {
         problem = text_format("cannot write %s: %s", path.c_str(), platform_status_text(status));
         return false;
     }
     const verdict now = judge(path);
     problem = now.problem;
-    return now.rejected;
+    return now.given >= least;
 }
 
 /// Whether the current versions of all files in the group are rejected as well. The default file stands in for a
 /// server's file that does not exist.
-bool are_rejected_now(const file_group& group, const private_folders& folders, std::string& problem) {
+bool are_rejected_now(const file_group& group, const private_folders& folders, rank least, std::string& problem) {
     std::set<std::string> rejected;
     for (const private_change* change : group) {
         const std::string& path = change->file.path;
         const std::optional<std::string> before =
             change->before || path == client_file ? change->before : folders.machine_content(default_file);
-        if (!before || (!rejected.contains(*before) && !is_rejected_with(path, *before, problem))) {
+        if (!before || (!rejected.contains(*before) && !is_rejected_with(path, *before, least, problem))) {
             return false;
         }
         rejected.insert(*before);
@@ -213,9 +227,9 @@ std::vector<rehearsed_rejection> judge_files(const std::vector<private_change>& 
         const std::string& path = group.front()->file.path;
         const verdict found = judge(path);
         problem = found.problem;
-        if (problem.empty() && found.rejected) {
-            add_rejection(rejections,
-                          {path, found.words, are_rejected_now(group, folders, problem), other_paths(group)});
+        if (problem.empty() && found.given != rank::accepted) {
+            add_rejection(rejections, {path, found.words, are_rejected_now(group, folders, found.given, problem),
+                                       other_paths(group)});
         }
         if (!problem.empty()) {
             break;

@@ -167,7 +167,7 @@ platform_status look_at_ports(std::vector<vrf_status>& vrfs) {
 /// Whether a subject has the form "KIND NAME" or "KIND NAME ...", where the kind is one of the things that belong to a VRF.
 bool names_vrf(std::string_view subject, std::string_view vrf_name) {
     for (const std::string_view kind :
-         {"server file ", "server ", "unit ", "rules ", "protection ", "connection limit "}) {
+         {"server file ", "server ", "unit ", "rules ", "protection ", "connection limit ", "local directives "}) {
         if (subject.starts_with(kind)) {
             const std::string_view rest = subject.substr(kind.size());
             return rest.substr(0, rest.find(' ')) == vrf_name;

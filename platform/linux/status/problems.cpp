@@ -10,6 +10,9 @@ namespace {
 using problem_list = std::vector<enforcement_difference>;
 
 constexpr char last_good_file[] = "its server runs with an earlier, last good file: ";
+constexpr char accepted_directives[] =
+    "its server runs with the last accepted local directives, not with the present ones: ";
+constexpr char no_directives[] = "its server runs without local directives: ";
 constexpr char no_file[] = "its server could not be started: ";
 
 /// Collects the problems of one VRF.
@@ -66,6 +69,13 @@ class vrf_judge {
             add(last_good_file + vrf_.launch->reason);
         } else if (vrf_.launch->in_use == launch_file::none) {
             add(no_file + vrf_.launch->reason);
+        }
+        for (const std::string& problem : vrf_.launch->local_problems) {
+            const bool is_earlier = vrf_.launch->local == launch_local::last_accepted;
+            add((is_earlier                                     ? accepted_directives
+                 : vrf_.launch->local == launch_local::left_out ? no_directives
+                                                                : "") +
+                problem);
         }
         for (const std::string& sentence : vrf_.launch->not_in_force) {
             add(sentence);

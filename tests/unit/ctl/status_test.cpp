@@ -32,6 +32,18 @@ TEST(ctl_status, has_one_line_for_each_vrf) {
               "default  ssh netconf  present    running  22 830  current  2 loaded      no\n");
 }
 
+TEST(ctl_status, shows_that_a_server_has_local_directives) {
+    const auto file_of = [](const std::string& in_use) {
+        const std::string table = text(
+            R"({"pid":5,"vrfs":[{"name":"red","file":{"in_use":"current","local":{"in_use":")" + in_use + R"("}}}]})");
+        return table.find("current + local") != std::string::npos;
+    };
+    EXPECT_TRUE(file_of("current"));
+    EXPECT_TRUE(file_of("last_accepted"));
+    EXPECT_FALSE(file_of("none"));
+    EXPECT_FALSE(file_of("left_out"));
+}
+
 TEST(ctl_status, fits_the_usual_terminal_when_nothing_is_wrong) {
     const std::string json = std::string(R"({"pid":5,"vrfs":[)") + sound_vrf + "]}";
     EXPECT_EQ(text(json, 80), text(json));

@@ -122,3 +122,37 @@ TEST_F(launcher_comparison, nothing_can_be_compared_without_ssh) {
     std::filesystem::remove_all(paths_.state_directory);
     EXPECT_EQ(compare_running_servers(paths_, lines), "") << "there is no server";
 }
+
+TEST_F(launcher_comparison, changed_local_directives_are_named) {
+    std::filesystem::create_directory(paths_.local_directory);
+    EXPECT_EQ(differences(), "");
+    scratch_.write("sshd.d/red.conf", "PermitRootLogin no\n", 0644);
+    EXPECT_EQ(differences(), "sshd_config_red permitrootlogin\n");
+    start("sshd_config_red");
+    EXPECT_EQ(differences(), "");
+}
+
+// The server need not be restarted for them, so nothing else would tell.
+TEST_F(launcher_comparison, the_record_follows_local_directives_that_become_wrong_and_right_again) {
+    std::filesystem::create_directory(paths_.local_directory);
+    scratch_.write("sshd.d/red.conf", "PermitRootLogin no\n", 0644);
+    start("sshd_config_red");
+    const auto recorded = [this] {
+        launch_record record;
+        EXPECT_TRUE(launch_record_parse(text_of(translated("sshd_config_red") + "~launch"), record));
+        return record;
+    };
+    const std::string stamp = recorded().config_stamp;
+    scratch_.write("sshd.d/red.conf", "PermitRootLogin no\nPrt 23\n", 0644);
+    EXPECT_EQ(differences(), "");
+    EXPECT_EQ(recorded().local, launch_local::last_accepted);
+    EXPECT_EQ(recorded().local_problems,
+              std::vector<std::string>{paths_.local_directory +
+                                       "/red.conf, line 2: \"Prt 23\" refused: unknown keyword; did you mean Port?"});
+    EXPECT_EQ(recorded().config_stamp, stamp);
+    EXPECT_EQ(recorded().process, getpid());
+    scratch_.write("sshd.d/red.conf", "PermitRootLogin no\n", 0644);
+    EXPECT_EQ(differences(), "");
+    EXPECT_EQ(recorded().local, launch_local::current);
+    EXPECT_TRUE(recorded().local_problems.empty());
+}

@@ -430,3 +430,114 @@ TEST_F(launcher_launch, requests_session_logs_only_where_the_responder_listens) 
     ASSERT_EQ(prepare(), launch_ready) << said_;
     EXPECT_THAT(text_of(current()), HasSubstr(std::string("\nLogVerbose ") + server_verbose_places + "\n"));
 }
+
+/// A launcher with local directives, and the installed sshd.
+class launcher_local : public launcher_launch {
+  protected:
+    void SetUp() override {
+        launcher_launch::SetUp();
+        std::filesystem::create_directory(paths_.local_directory);
+    }
+
+    void write_own(const std::string& text) { scratch_.write("sshd.d/red.conf", text, 0644); }
+    void write_all(const std::string& text) { scratch_.write("sshd.d/all.conf", text, 0644); }
+};
+
+TEST_F(launcher_local, are_in_force_and_recorded) {
+    write_own("PasswordAuthentication no\n");
+    write_all("PermitRootLogin no\nMatch User eve\n  PermitTTY no\n");
+    EXPECT_EQ(prepare(), launch_ready) << said_;
+    EXPECT_THAT(text_of(current()), HasSubstr("\nPasswordAuthentication no\n"));
+    EXPECT_THAT(text_of(current()), HasSubstr("\nMatch User eve\n"));
+    EXPECT_EQ(recorded().local, launch_local::current);
+    EXPECT_THAT(recorded().local_problems, testing::IsEmpty());
+    EXPECT_THAT(said_, HasSubstr("4 local directives are in force"));
+    const std::string settings = openssh_test::run_sshd("-T", current()).output;
+    EXPECT_THAT(settings, HasSubstr("passwordauthentication no\n"));
+    EXPECT_THAT(settings, HasSubstr("permitrootlogin no\n"));
+}
+
+TEST_F(launcher_local, a_wrong_line_costs_neither_the_server_nor_the_last_accepted_ones) {
+    write_own("PasswordAuthentication no\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    const std::string good = text_of(current());
+    write_own("PasswordAuthentication no\nPort 23\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(text_of(current()), good);
+    EXPECT_EQ(recorded().in_use, launch_file::current);
+    EXPECT_EQ(recorded().local, launch_local::last_accepted);
+    EXPECT_THAT(
+        recorded().local_problems,
+        ElementsAre(HasSubstr("sshd.d/red.conf, line 2: \"Port 23\" refused: it would overrule what is configured")));
+    EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITH THE LAST ACCEPTED LOCAL DIRECTIVES"));
+    // The agent's settings are followed nevertheless.
+    write_settings("Port 2222\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_THAT(text_of(current()), HasSubstr("\nPort 2222\n"));
+    EXPECT_THAT(text_of(current()), HasSubstr("\nPasswordAuthentication no\n"));
+
+    write_own("PermitRootLogin no\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().local, launch_local::current);
+}
+
+TEST_F(launcher_local, without_accepted_ones_the_server_starts_without_any) {
+    write_own("Nonsense\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().local, launch_local::left_out);
+    EXPECT_THAT(text_of(current()), Not(HasSubstr("# local: ")));
+    EXPECT_THAT(said_, HasSubstr("THE SERVER RUNS WITHOUT LOCAL DIRECTIVES"));
+}
+
+TEST_F(launcher_local, what_sshd_rejects_is_named_by_its_place) {
+    write_own("PermitRootLogin no\n# a comment\nAllowUsers alice@10.0.0.1/8\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().local, launch_local::left_out);
+    EXPECT_THAT(recorded().local_problems, ElementsAre(HasSubstr("sshd.d/red.conf, line 3: refused by sshd: ")));
+}
+
+TEST_F(launcher_local, removed_files_are_forgotten) {
+    write_own("PermitRootLogin no\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    std::filesystem::remove(paths_.local_directory + "/red.conf");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().local, launch_local::none);
+    write_own("Nonsense\n");
+    ASSERT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().local, launch_local::left_out);
+}
+
+TEST_F(launcher_local, a_server_file_that_sshd_rejects_is_not_blamed_on_them) {
+    ASSERT_EQ(prepare(), launch_ready);
+    write_own("PermitRootLogin no\n");
+    write_settings("MaxStartups nonsense\n");
+    EXPECT_EQ(prepare(), launch_ready);
+    EXPECT_EQ(recorded().in_use, launch_file::last_good);
+    EXPECT_EQ(recorded().local, launch_local::none);
+    EXPECT_THAT(said_, Not(HasSubstr("LOCAL DIRECTIVES")));
+}
+
+TEST_F(launcher_local, a_trial_tells_their_refusal_from_that_of_the_file) {
+    const reporter to{.server_file = options_.file, .fd = -1};
+    std::string text;
+    write_own("PermitRootLogin no\n");
+    EXPECT_EQ(try_translation(paths_, options_, to, text), launch_ready);
+    EXPECT_THAT(text, HasSubstr("\nPermitRootLogin no\n"));
+    write_own("Nonsense\n");
+    EXPECT_EQ(try_translation(paths_, options_, to, text), launch_local_refused);
+    write_settings("MaxStartups nonsense\n");
+    EXPECT_EQ(try_translation(paths_, options_, to, text), launch_no_good_file);
+}
+
+TEST_F(launcher_local, a_judgement_has_a_line_for_each_directive) {
+    const reporter to{.server_file = options_.file, .fd = -1};
+    options_.judged_local = "present";
+    write_own("PermitRootLogin no\nMatch all\nForceCommand id\n");
+    std::string judgement;
+    EXPECT_EQ(judge_local(paths_, options_, to, judgement), launch_ready);
+    const std::string path = paths_.local_directory + "/red.conf";
+    EXPECT_THAT(judgement, testing::StartsWith("accepted\t-\t" + path + ", line 1\tPermitRootLogin no\t\n" +
+                                               "accepted\t-\t" + path + ", line 2\tMatch all\t\n" + "accepted\troot\t" +
+                                               path + ", line 3\tForceCommand id\t\n\n# Generated"));
+    EXPECT_FALSE(exists(current()));
+}

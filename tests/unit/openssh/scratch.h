@@ -62,6 +62,8 @@ inline openssh::launcher_paths launcher_paths_in(const scratch_directory& scratc
     paths.state_directory = scratch.file("state");
     paths.privilege_separation_directory = scratch.file("privsep");
     paths.agent_directory = scratch.path() + "/";
+    paths.local_directory = scratch.file("sshd.d");
+    paths.accepted_local_directory = scratch.file("accepted_local");
     paths.sshd = "/usr/sbin/sshd";
     paths.user_keys_program = scratch.file("authorized_keys");
     paths.session_reporter = scratch.file("reporter.so");

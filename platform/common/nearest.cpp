@@ -1,4 +1,4 @@
-#include "ssh_cfg_ctl/nearest.h"
+#include "common/nearest.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -40,7 +40,7 @@ size_t distance(std::string_view from, std::string_view to) {
 
 }  // namespace
 
-std::string_view ctl_nearest(std::string_view word, const std::vector<std::string_view>& candidates) {
+std::string_view nearest_word(std::string_view word, const std::vector<std::string_view>& candidates) {
     constexpr size_t word_max = 40;
     std::string_view nearest;
     size_t least = std::min<size_t>(word.size(), word_max) / 2 + 1;
