@@ -178,9 +178,7 @@ class local_merger {
             refuse(text_format("\"%s\" is not valid; expected %s", shown(value).c_str(), row.expected));
         } else if (row.how == local_rule::address) {
             take_address();
-        } else if (row.how == local_rule::cumulative) {
-            write(row, value, "");
-        } else if (is_first(row)) {
+        } else if (row.how == local_rule::cumulative || is_first(row)) {
             write(row, value, "");
         }
     }

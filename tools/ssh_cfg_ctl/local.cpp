@@ -207,7 +207,7 @@ control_json edit(const ctl_connection_settings& settings, const std::string& vr
     if (!has_terminals() && !settings.consents) {
         return refused_edit("local edit asks before it changes anything; without a terminal, use --yes");
     }
-    const control_json present = ctl_ask_to_the_end(settings, {{"call", "local_read"}, {"vrf", vrf}});
+    control_json present = ctl_ask_to_the_end(settings, {{"call", "local_read"}, {"vrf", vrf}});
     if (!is_answered_with(present, control_result::done)) {
         return present;
     }
