@@ -25,7 +25,7 @@ def workplace(mgmt, tmp_path):
     for file, text in known.items():
         file.write_text(text, encoding="ascii")
     yield tmp_path
-    for file in known:
+    for file in [*known, *pathlib.Path("/etc/ssh_cfg_agent/sshd.d").glob("*.conf")]:
         file.unlink()
 
 

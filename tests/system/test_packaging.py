@@ -242,7 +242,7 @@ def test_completion_asks_the_agent_for_paths_and_lists(vrf, lists_and_wires):
     vrf("blue")
     run("ssh_cfg_ctl", "acl", "set", "--empty", "ipv4", "nobody", "-", input="")
     expected = {
-        ("set", "/"): ["/cfg/"],
+        ("set", "/"): ["/access-lists/", "/cfg/", "/keys/"],
         ("set", server + "cmn/t"): [server + "cmn/tcp_window_scale", server + "cmn/timeout", server + "cmn/trustpoint/"],
         ("set", server + "sshd/vrf/bl"): [server + "sshd/vrf/blue"],
         ("set", "vrf/bl"): ["vrf/blue"],
