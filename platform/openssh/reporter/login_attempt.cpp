@@ -1,7 +1,6 @@
 #include "openssh/reporter/login_attempt.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "openssh/reporter/session_facts.h"
 
@@ -51,9 +50,7 @@ template <size_t size, size_t count>
 void set_joined(char (&field)[size], const std::string_view (&texts)[count]) {
     size_t length = 0;
     for (const std::string_view text : texts) {
-        const size_t fits = std::min(text.size(), size - 1 - length);
-        std::memcpy(field + length, text.data(), fits);
-        length += fits;
+        length += text.copy(field + length, size - 1 - length);
     }
     field[length] = '\0';
 }
