@@ -22,7 +22,7 @@
 namespace {
 
 constexpr size_t file_text_size = 4096;
-constexpr size_t report_size = 512;
+constexpr size_t unit_report_size = 512;
 constexpr mode_t file_mode = 0644;
 constexpr char file_mode_text[] = "0644";
 
@@ -187,8 +187,8 @@ bool is_current(const unit_file& file) {
 /// Reports to the platform that the unit is not as configured. Returns -1; errno stays.
 int report_unit(const char* vrf_name, const char* what, const char* reason) {
     const int error = errno;
-    char subject[report_size];
-    char text[report_size];
+    char subject[unit_report_size];
+    char text[unit_report_size];
     format_text(subject, sizeof subject, "unit %s", vrf_name);
     format_text(text, sizeof text, "%s: %s", what, reason);
     enforcement_failed(subject, text);

@@ -22,7 +22,7 @@ constexpr command_limit listing_of_units = {10'000, true};
 
 constexpr char unit_prefix[] = "sshd_service_";
 constexpr char unit_suffix[] = ".service";
-constexpr size_t line_size = 512;
+constexpr size_t state_line_size = 512;
 
 /// The value of a line "NAME=VALUE", or null.
 const char* value_in(const char* line, const char* name) {
@@ -56,7 +56,7 @@ void take_line(std::vector<unit_state>& units, unit_state& unit, const char* lin
 
 void read_properties(FILE* file, std::vector<unit_state>& units) {
     unit_state unit = {{}, {}, 0, UINT64_MAX};
-    char line[line_size];
+    char line[state_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         line[std::strcspn(line, "\n")] = '\0';
         take_line(units, unit, line);
@@ -66,9 +66,9 @@ void read_properties(FILE* file, std::vector<unit_state>& units) {
 
 /// Reads lines that consist of the unit's name, its load state and its active state.
 void read_list(FILE* file, std::vector<unit_state>& units) {
-    char line[line_size];
-    char name[line_size];
-    char active_state[line_size];
+    char line[state_line_size];
+    char name[state_line_size];
+    char active_state[state_line_size];
     while (std::fgets(line, sizeof line, file) != nullptr) {
         if (std::sscanf(line, "%511s %*s %511s", name, active_state) == 2) {
             units.push_back({vrf_of_unit(name), active_state, 0, UINT64_MAX});

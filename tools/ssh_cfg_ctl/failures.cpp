@@ -34,7 +34,7 @@ std::string duration_text(const control_json& event) {
                : std::string();
 }
 
-std::string outcome_text(const control_json& event) {
+std::string login_outcome(const control_json& event) {
     const std::string kind = ctl_member_text(event, "event");
     const std::string method = ctl_member_text(event, "method");
     const std::string with = method == unknown_value ? std::string() : " with " + method;
@@ -92,6 +92,6 @@ std::string ctl_failures_text(const control_json& failures, size_t width) {
 
 std::string ctl_login_event_text(const control_json& event) {
     return ctl_member_text(event, "time") + "  " + ctl_member_text(event, "vrf") + "  " +
-           ctl_member_text(event, "user") + "  " + ctl_source_text(event) + "  " + outcome_text(event) +
+           ctl_member_text(event, "user") + "  " + ctl_source_text(event) + "  " + login_outcome(event) +
            dropped_text(event);
 }

@@ -19,8 +19,8 @@
 
 namespace {
 
-constexpr uint64_t second = 1'000'000;
-constexpr uint64_t accuracy = second / 10;
+constexpr uint64_t clock_second = 1'000'000;
+constexpr uint64_t accuracy = clock_second / 10;
 constexpr uint64_t retry_delay = 60;  ///< seconds
 
 struct fallback_state {
@@ -37,7 +37,7 @@ void set_timer(uint64_t seconds) {
     struct timespec now = {};
     clock_gettime(CLOCK_BOOTTIME, &now);
     const uint64_t due =
-        (static_cast<uint64_t>(now.tv_sec) + seconds) * second + static_cast<uint64_t>(now.tv_nsec) / 1000;
+        (static_cast<uint64_t>(now.tv_sec) + seconds) * clock_second + static_cast<uint64_t>(now.tv_nsec) / 1000;
     fallback.timer = sd_event_source_disable_unref(fallback.timer);
     const int result =
         sd_event_add_time(fallback.loop, &fallback.timer, CLOCK_BOOTTIME, due, accuracy, time_is_over, nullptr);
